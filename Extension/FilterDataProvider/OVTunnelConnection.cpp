@@ -1,0 +1,382 @@
+#include "Extension/FilterDataProvider/OVTunnelConnection.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <utility>
+#include <variant>
+
+#include "Extension/ProxyTunnelCore/ExtensionLog.h"
+#include "Extension/ProxyTunnelCore/InternetDateTime.h"
+#include "Extension/ProxyTunnelCore/UTF8.h"
+
+namespace ostravel {
+
+using platform::Data;
+using platform::Error;
+using platform::OptionalError;
+using platform::TCPConnectionState;
+
+namespace {
+
+constexpr std::string_view kStateKeyPath = "state";
+
+// What the answer may hold before its end is seen; far above what any proxy sends.
+constexpr std::int64_t kMaxHeaderBytes = 16384;
+// Any normal answer to CONNECT fits in one read.
+constexpr std::size_t kHandshakeReadMaximum = 4096;
+// Bounds the memory that one direction of a tunnel holds.
+constexpr std::size_t kRelayReadMaximum = 524288;
+
+constexpr std::int64_t kHandshakeTimedOutCode = 1002;
+constexpr double kMillisecondsPerSecond = 1000.0;
+
+// Keeps an identifier from ending its header line early.
+std::string cleanedForHeader(std::string text) {
+  std::erase(text, '\r');
+  std::erase(text, '\n');
+  return text;
+}
+
+bool isEndOfStream(const std::optional<Data>& data) {
+  return !data || data->empty();
+}
+
+}  // namespace
+
+OVTunnelConnection::OVTunnelConnection(
+    platform::Platform& platform, std::shared_ptr<platform::AppProxyTCPFlow> flow,
+    std::shared_ptr<platform::TCPConnection> connection, std::string flowId, std::string appId,
+    double handshakeTimeout, std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient,
+    FlowIdCallback onHandshakeEstablished, Callback onProxyUnavailable, FlowIdCallback onClose)
+    : platform_(platform),
+      log_(makeExtensionLog(platform)),
+      flow_(std::move(flow)),
+      connection_(std::move(connection)),
+      flowId_(std::move(flowId)),
+      appId_(std::move(appId)),
+      handshakeTimeout_(handshakeTimeout),
+      monitoringClient_(std::move(monitoringClient)),
+      onHandshakeEstablished_(std::move(onHandshakeEstablished)),
+      onProxyUnavailable_(std::move(onProxyUnavailable)),
+      onClose_(std::move(onClose)),
+      connectResponseParser_(kMaxHeaderBytes, platform.text()),
+      handshakeStartedAt_(platform.clock().secondsSince1970()) {}
+
+void OVTunnelConnection::start() {
+  handshakeWatchdog().start();
+  connection_->addObserver(weak_from_this(), kStateKeyPath);
+  isObserving_ = true;
+  // The watchdog may have closed the tunnel before it was seen to observe.
+  if (isClosed_) {
+    stopObserving();
+    return;
+  }
+  if (connection_->state() == TCPConnectionState::connected) {
+    startHandshake();
+  }
+}
+
+void OVTunnelConnection::stopObserving() {
+  if (isObserving_.exchange(false)) {
+    connection_->removeObserver(*this, kStateKeyPath);
+  }
+}
+
+void OVTunnelConnection::observeValue(std::optional<std::string_view> keyPath,
+                                      platform::Observable* object) {
+  if (keyPath != kStateKeyPath) {
+    return;
+  }
+  const auto* const connection = dynamic_cast<platform::TCPConnection*>(object);
+  if (connection == nullptr) {
+    return;
+  }
+  switch (connection->state()) {
+    case TCPConnectionState::connected:
+      startHandshake();
+      break;
+    case TCPConnectionState::disconnected:
+      close(connection->error());
+      break;
+    case TCPConnectionState::cancelled:
+      close(std::nullopt);
+      break;
+    case TCPConnectionState::invalid:
+    case TCPConnectionState::connecting:
+    case TCPConnectionState::waiting:
+      break;
+  }
+}
+
+// Handshake
+
+void OVTunnelConnection::startHandshake() {
+  if (didStartHandshake_.exchange(true)) {
+    return;
+  }
+  stopObserving();
+  handshakeStartedAt_ = platform_.clock().secondsSince1970();
+  const std::string target = connectionTarget();
+  const std::string request = connectRequest(target);
+  if (!isWellFormedUTF8(request)) {
+    close(std::nullopt);
+    return;
+  }
+  log_->standard("OstravelProxy: Sending CONNECT handshake (details private)");
+  emit("connect_handshake_started", "extension.connect_handshake_started", "info",
+       "Starting CONNECT handshake", std::nullopt, Context{{"app_id", appId_}, {"remote", target}});
+  connection_->write(Data::copyOf(request), [weakSelf = weak_from_this(),
+                                             &platform = platform_](const OptionalError& error) {
+    const auto self = weakSelf.lock();
+    if (error) {
+      platform::Log& log = self ? *self->log_ : platform.defaultLog();
+      log.error("OstravelProxy: Error writing CONNECT: %{public}s", {error->localizedDescription});
+    }
+    if (!self) {
+      return;
+    }
+    if (!error) {
+      self->readConnectResponse();
+      return;
+    }
+    self->emit("connect_handshake_write_failed", "extension.connect_handshake_write_failed",
+               "error", "Failed to write CONNECT handshake", std::nullopt,
+               Context{{"detail", error->localizedDescription}});
+    self->close(error);
+  });
+}
+
+// The host as the endpoint gives it, bracketed if it is an IPv6 literal (RFC 9112, section 3.2.3).
+std::string OVTunnelConnection::connectionTarget() const {
+  const auto endpoint = flow_->remoteEndpoint();
+  if (!endpoint) {
+    return "";
+  }
+  if (endpoint->hostname.find(':') != std::string::npos) {
+    return "[" + endpoint->hostname + "]:" + endpoint->port;
+  }
+  return endpoint->hostname + ":" + endpoint->port;
+}
+
+std::string OVTunnelConnection::connectRequest(const std::string& target) const {
+  return "CONNECT " + target + " HTTP/1.1\r\n" +                      //
+         "Host: " + target + "\r\n" +                                 //
+         "X-Ostravel-App-Id: " + cleanedForHeader(appId_) + "\r\n" +  //
+         "X-Ostravel-Flow-Id: " + cleanedForHeader(flowId_) + "\r\n\r\n";
+}
+
+void OVTunnelConnection::readConnectResponse() {
+  connection_->read(1, kHandshakeReadMaximum,
+                    [weakSelf = weak_from_this()](std::optional<Data> data, OptionalError error) {
+                      if (const auto self = weakSelf.lock()) {
+                        self->handleConnectResponse(std::move(data), std::move(error));
+                      }
+                    });
+}
+
+void OVTunnelConnection::handleConnectResponse(std::optional<Data> data, OptionalError error) {
+  if (error) {
+    emit("connect_handshake_read_failed", "extension.connect_handshake_read_failed", "error",
+         "Failed to read CONNECT response", std::nullopt,
+         Context{{"detail", error->localizedDescription}});
+    close(std::move(error));
+    return;
+  }
+  if (isEndOfStream(data)) {
+    close(std::nullopt);
+    return;
+  }
+  std::visit([this](auto&& outcome) { handle(std::forward<decltype(outcome)>(outcome)); },
+             connectResponseParser_.append(data->bytes()));
+}
+
+void OVTunnelConnection::handle(connect_response::Established outcome) {
+  log_->info("OstravelProxy: Handshake successful.");
+  finishSuccessfulHandshake(Data(std::move(outcome.leftover)));
+}
+
+void OVTunnelConnection::handle(connect_response::Rejected outcome) {
+  log_->error("OstravelProxy: Handshake failed (response status not 200)");
+  emit("connect_handshake_rejected", "extension.connect_handshake_non_200", "error",
+       "CONNECT handshake failed with non-200 status", std::nullopt,
+       Context{{"app_id", appId_},
+               {"status_line", std::move(outcome.statusLine).value_or("<missing>")}});
+  close(std::nullopt);
+}
+
+void OVTunnelConnection::handle(connect_response::Invalid outcome) {
+  log_->error("OstravelProxy: Handshake failed (invalid response)");
+  emit("connect_handshake_invalid", "extension.connect_handshake_invalid", "error",
+       "CONNECT handshake response was invalid", std::nullopt,
+       Context{{"app_id", appId_}, {"reason", std::move(outcome.reason)}});
+  close(std::nullopt);
+}
+
+void OVTunnelConnection::handle(connect_response::NeedMoreData /*outcome*/) {
+  readConnectResponse();
+}
+
+void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
+  const double elapsedMilliseconds =
+      (platform_.clock().secondsSince1970() - handshakeStartedAt_) * kMillisecondsPerSecond;
+  if (!didEstablishHandshake_.exchange(true)) {
+    handshakeWatchdog().finishWithoutCallback();
+    if (onHandshakeEstablished_) {
+      onHandshakeEstablished_(flowId_);
+    }
+  }
+  emit("connect_handshake_succeeded", "extension.connect_handshake_succeeded", "info",
+       "CONNECT handshake completed",
+       Metrics{{"elapsed_ms", elapsedMilliseconds},
+               {"leftover_bytes", static_cast<double>(leftoverData.size())}},
+       Context{{"app_id", appId_}});
+  pipeLocalToRemote();
+  if (leftoverData.empty()) {
+    pipeRemoteToLocal();
+    return;
+  }
+  // The other direction starts only behind the leftover, so that nothing overtakes it.
+  flow_->write(std::move(leftoverData), [weakSelf = weak_from_this()](const OptionalError& error) {
+    const auto self = weakSelf.lock();
+    if (!self) {
+      return;
+    }
+    if (!error) {
+      self->pipeRemoteToLocal();
+      return;
+    }
+    self->log_->debug("OstravelProxy: App write error: %{public}s", {error->localizedDescription});
+    self->emit("connect_handshake_leftover_write_failed",
+               "extension.connect_handshake_leftover_write_failed", "error",
+               "Failed to forward CONNECT leftover bytes", std::nullopt,
+               Context{{"detail", error->localizedDescription}});
+    self->close(error);
+  });
+}
+
+// Watchdog
+
+ProxyTunnelHandshakeWatchdog& OVTunnelConnection::handshakeWatchdog() {
+  std::call_once(handshakeWatchdogOnce_, [this] {
+    handshakeWatchdog_ = std::make_shared<ProxyTunnelHandshakeWatchdog>(
+        platform_, handshakeTimeout_,
+        platform_.makeQueue("com.ostravel.handshakeWatchdog", platform::DispatchQueueKind::serial),
+        [weakSelf = weak_from_this()] {
+          if (const auto self = weakSelf.lock()) {
+            self->handleHandshakeTimeout();
+          }
+        });
+  });
+  return *handshakeWatchdog_;
+}
+
+void OVTunnelConnection::handleHandshakeTimeout() {
+  Error error{std::string(kErrorDomain), kHandshakeTimedOutCode,
+              "Proxy CONNECT handshake timed out"};
+  log_->error("OstravelProxy: CONNECT handshake timed out");
+  emit("connect_handshake_timed_out", "extension.connect_handshake_timed_out", "error",
+       "CONNECT handshake timed out", Metrics{{"timeout_seconds", handshakeTimeout_}},
+       Context{{"app_id", appId_}});
+  close(std::move(error));
+}
+
+// Relay
+
+void OVTunnelConnection::pipeLocalToRemote() {
+  if (isClosed_) {
+    return;
+  }
+  flow_->read([weakSelf = weak_from_this()](std::optional<Data> data, OptionalError readError) {
+    const auto self = weakSelf.lock();
+    if (!self) {
+      return;
+    }
+    if (readError) {
+      self->log_->debug("OstravelProxy: App read error: %{public}s",
+                        {readError->localizedDescription});
+      self->close(std::move(readError));
+      return;
+    }
+    if (isEndOfStream(data)) {
+      self->close(std::nullopt);
+      return;
+    }
+    self->connection_->write(*std::move(data), [self](OptionalError writeError) {
+      if (writeError) {
+        self->log_->debug("OstravelProxy: Proxy write error: %{public}s",
+                          {writeError->localizedDescription});
+        self->close(std::move(writeError));
+        return;
+      }
+      self->pipeLocalToRemote();
+    });
+  });
+}
+
+void OVTunnelConnection::pipeRemoteToLocal() {
+  if (isClosed_) {
+    return;
+  }
+  connection_->read(
+      1, kRelayReadMaximum,
+      [weakSelf = weak_from_this()](std::optional<Data> data, OptionalError readError) {
+        const auto self = weakSelf.lock();
+        if (!self) {
+          return;
+        }
+        if (readError) {
+          self->log_->debug("OstravelProxy: Proxy read error: %{public}s",
+                            {readError->localizedDescription});
+          self->close(std::move(readError));
+          return;
+        }
+        if (isEndOfStream(data)) {
+          self->close(std::nullopt);
+          return;
+        }
+        self->flow_->write(*std::move(data), [self](OptionalError writeError) {
+          if (writeError) {
+            self->log_->debug("OstravelProxy: App write error: %{public}s",
+                              {writeError->localizedDescription});
+            self->close(std::move(writeError));
+            return;
+          }
+          self->pipeRemoteToLocal();
+        });
+      });
+}
+
+// Close
+
+void OVTunnelConnection::close(OptionalError error) {
+  if (isClosed_.exchange(true)) {
+    return;
+  }
+  stopObserving();
+  handshakeWatchdog().finishWithoutCallback();
+  if (error && !didEstablishHandshake_ && onProxyUnavailable_) {
+    onProxyUnavailable_();
+  }
+  emit("tunnel_closed", "extension.tunnel_closed", error ? "error" : "info",
+       error ? "Tunnel closed with error" : "Tunnel closed", std::nullopt,
+       Context{{"app_id", appId_}, {"detail", error ? error->localizedDescription : "eof"}});
+  flow_->closeRead(error);
+  flow_->closeWrite(error);
+  connection_->cancel();
+  if (onClose_) {
+    onClose_(flowId_);
+  }
+}
+
+void OVTunnelConnection::emit(std::string_view signal, std::string_view code,
+                              std::string_view level, std::string_view message,
+                              std::optional<Metrics> metrics,
+                              std::optional<Context> context) const {
+  const platform::Clock& clock = platform_.clock();
+  monitoringClient_->emit(ProxyTunnelMonitoringEvent(
+      platform_.uuidSource(), std::string(signal), flowId_, std::string(level), std::string(code),
+      std::string(message), std::move(metrics), std::move(context), clock.secondsSince1970(),
+      internetDateTime(clock.secondsSince1970())));
+}
+
+}  // namespace ostravel

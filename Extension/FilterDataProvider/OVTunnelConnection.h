@@ -1,0 +1,108 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Extension/ProxyTunnelCore/ProxyConnectResponseParser.h"
+#include "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.h"
+#include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringClient.h"
+#include "Platform/Interface/AppProxyTCPFlow.h"
+#include "Platform/Interface/KeyValueObserver.h"
+#include "Platform/Interface/Platform.h"
+#include "Platform/Interface/TCPConnection.h"
+
+namespace ostravel {
+
+// One tunnel: an application's flow and its connection to the local proxy. Performs the CONNECT
+// handshake, then relays bytes both ways until either side ends, then tears both down exactly once.
+//
+// Owned by the provider's table until it reports its close. Completions hold it weakly, except the
+// relay's writes. Runs on the platform's completion threads, where completions of one tunnel never
+// overlap; what the watchdog's timer and the provider's stop can also reach is atomic.
+//
+// States: created; waiting for the connection; sending the request; reading the answer;
+// established; closed. There is no half-close: an end of stream either way ends both ways.
+// Destroying a tunnel only releases what it holds, so its owner closes it first.
+class OVTunnelConnection final : public platform::KeyValueObserver,
+                                 public std::enable_shared_from_this<OVTunnelConnection> {
+ public:
+  using FlowIdCallback = std::function<void(const std::string& flowId)>;
+  using Callback = std::function<void()>;
+
+  // handshakeTimeout in seconds. Any callback may be empty.
+  OVTunnelConnection(platform::Platform& platform, std::shared_ptr<platform::AppProxyTCPFlow> flow,
+                     std::shared_ptr<platform::TCPConnection> connection, std::string flowId,
+                     std::string appId, double handshakeTimeout,
+                     std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient,
+                     FlowIdCallback onHandshakeEstablished, Callback onProxyUnavailable,
+                     FlowIdCallback onClose);
+
+  const std::string& flowId() const { return flowId_; }
+
+  // Called once. Arms the watchdog, observes the connection, and begins the handshake as soon as
+  // the connection stands. The timeout covers both.
+  void start();
+
+  // Tears the tunnel down; only the first call has an effect. Without an error it is an orderly
+  // end. An error before the handshake succeeded reports the proxy as unavailable.
+  void close(platform::OptionalError error);
+
+  void observeValue(std::optional<std::string_view> keyPath, platform::Observable* object) override;
+
+  // The watchdog, made on first use.
+  ProxyTunnelHandshakeWatchdog& handshakeWatchdog();
+
+ private:
+  using Metrics = ProxyTunnelMonitoringEvent::Metrics;
+  using Context = ProxyTunnelMonitoringEvent::Context;
+
+  void stopObserving();
+
+  void startHandshake();
+  std::string connectionTarget() const;
+  std::string connectRequest(const std::string& target) const;
+  void readConnectResponse();
+  void handleConnectResponse(std::optional<platform::Data> data, platform::OptionalError error);
+  void handle(connect_response::Established outcome);
+  void handle(connect_response::Rejected outcome);
+  void handle(connect_response::Invalid outcome);
+  void handle(connect_response::NeedMoreData outcome);
+  void finishSuccessfulHandshake(platform::Data leftoverData);
+  void handleHandshakeTimeout();
+
+  void pipeLocalToRemote();
+  void pipeRemoteToLocal();
+
+  void emit(std::string_view signal, std::string_view code, std::string_view level,
+            std::string_view message, std::optional<Metrics> metrics,
+            std::optional<Context> context) const;
+
+  platform::Platform& platform_;
+  const std::shared_ptr<platform::Log> log_;
+  const std::shared_ptr<platform::AppProxyTCPFlow> flow_;
+  const std::shared_ptr<platform::TCPConnection> connection_;
+  const std::string flowId_;
+  const std::string appId_;
+  const double handshakeTimeout_;
+  const std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient_;
+  const FlowIdCallback onHandshakeEstablished_;
+  const Callback onProxyUnavailable_;
+  const FlowIdCallback onClose_;
+  std::atomic<bool> isClosed_ = false;
+  std::atomic<bool> isObserving_ = false;
+  // The connection may be seen connected both by start() and by an observation on another thread.
+  std::atomic<bool> didStartHandshake_ = false;
+  std::atomic<bool> didEstablishHandshake_ = false;
+  ProxyConnectResponseParser connectResponseParser_;
+  double handshakeStartedAt_;
+  std::once_flag handshakeWatchdogOnce_;
+  std::shared_ptr<ProxyTunnelHandshakeWatchdog> handshakeWatchdog_;
+};
+
+}  // namespace ostravel

@@ -1,0 +1,130 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "Extension/FilterDataProvider/DomainList.h"
+#include "Extension/FilterDataProvider/OVTunnelConnection.h"
+#include "Extension/ProxyTunnelCore/ProxyHealthMonitor.h"
+#include "Extension/ProxyTunnelCore/ProxySafetyGate.h"
+#include "Extension/ProxyTunnelCore/ProxyTCPReachabilityProbe.h"
+#include "Extension/ProxyTunnelCore/ProxyTunnelAdmissionController.h"
+#include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringClient.h"
+#include "Platform/Interface/Platform.h"
+#include "Platform/Interface/TransparentProxyProvider.h"
+
+namespace ostravel {
+
+// The principal object: decides for every new flow whether it goes straight to its destination, is
+// refused, or is carried through the local proxy, and keeps the system's connectivity safe while
+// the proxy is down.
+//
+// One per process, made and held by the platform; started and stopped once each. Owns its settings,
+// its queues and every live tunnel. handleNewFlow may be called from any thread and never waits.
+// All settings are built in, but for the monitoring socket path.
+class PacketTunnelProvider final : public platform::TransparentProxyProvider {
+ public:
+  enum class FlowAction {
+    // The system handles the flow directly.
+    bypass,
+    // A UDP flow is taken and closed at once, so that the application falls back to TCP.
+    dropUDP,
+    // A TCP flow is relayed through the local proxy.
+    proxyTCP,
+  };
+
+  PacketTunnelProvider(platform::Platform& platform, platform::ProviderContext& context);
+  ~PacketTunnelProvider() override;
+
+  void startProxy(std::optional<platform::ProviderConfiguration> options,
+                  platform::ErrorCompletion completion) override;
+  // Forgets the tunnels without closing them; they end by themselves or with the process.
+  void stopProxy(platform::ProviderStopReason reason, std::function<void()> completion) override;
+  bool handleNewFlow(std::shared_ptr<platform::AppProxyFlow> flow) override;
+
+  // The decision by the built-in lists alone. Depends on nothing but its arguments.
+  FlowAction determineNormalFlowAction(std::string_view appId, std::string_view host,
+                                       bool isUDP) const;
+
+  // The decision as it counts now: remembered for 30 seconds, and overridden by the safety gate.
+  // appId is trimmed; host is as the flow gives it.
+  FlowAction decideFlowAction(std::string_view appId, std::string_view host, bool isUDP);
+
+ private:
+  friend class PacketTunnelProviderTestPeer;
+
+  struct BypassCacheEntry {
+    // Before the safety gate, whose state is never remembered.
+    FlowAction action;
+    // Seconds since 1970 from which on the entry does not count.
+    double expiry;
+  };
+
+  std::shared_ptr<PacketTunnelProvider> self();
+  std::weak_ptr<PacketTunnelProvider> weakSelf();
+
+  std::optional<std::string> resolveMonitoringSocketPath() const;
+  platform::TransparentProxyNetworkSettings makeNetworkSettings() const;
+
+  void startProxyHealthMonitoring();
+  void stopProxyHealthMonitoring();
+  void probeProxyHealth();
+  ProxyHealthMonitor& proxyHealthMonitor();
+  ProxyTCPReachabilityProbe& proxyReachabilityProbe();
+  void emitProxyHealthEvent(ProxyHealthEvent event);
+
+  std::optional<FlowAction> cachedFlowAction(const std::string& key, double now);
+  void storeFlowAction(std::string key, FlowAction action, double now);
+  FlowAction applyProxySafetyGate(FlowAction action, bool isUDP) const;
+
+  bool isLocalProxy(const platform::HostEndpoint& endpoint) const;
+  void openFlow(const std::shared_ptr<platform::AppProxyTCPFlow>& flow, const std::string& appId);
+  void startTunnel(const std::shared_ptr<platform::AppProxyTCPFlow>& flow,
+                   const std::string& appId);
+  std::shared_ptr<OVTunnelConnection> makeTunnel(
+      const std::shared_ptr<platform::AppProxyTCPFlow>& flow, const std::string& flowId,
+      const std::string& appId);
+  void rejectFlow(platform::AppProxyTCPFlow& flow, const std::string& flowId,
+                  const std::string& appId);
+  void tunnelDidClose(const std::string& flowId);
+
+  void emit(std::string_view signal, std::string_view code, std::string_view level,
+            std::string_view message, std::optional<std::string> flowId,
+            std::optional<ProxyTunnelMonitoringEvent::Metrics> metrics,
+            std::optional<ProxyTunnelMonitoringEvent::Context> context);
+
+  platform::Platform& platform_;
+  const std::shared_ptr<platform::Log> log_;
+  const bool httpsOnlyMode_ = false;
+  const std::unordered_set<std::string> bypassAppIds_;
+  const DomainList hardBypassDomains_;
+  const DomainList realtimeMediaDomains_;
+  const DomainList udpQuicPolicyDomains_;
+  const std::string proxyHost_ = "127.0.0.1";
+  const std::uint16_t proxyPort_ = 8080;
+  const double connectHandshakeTimeoutSeconds_ = 5.0;
+  // Changed only by barrier items of its queue.
+  std::unordered_map<std::string, std::shared_ptr<OVTunnelConnection>> activeTunnels_;
+  const std::shared_ptr<platform::DispatchQueue> activeTunnelsQueue_;
+  ProxyTunnelAdmissionController tunnelAdmissionController_;
+  const std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient_;
+  // Starts closed: nothing is proxied before the first successful probe.
+  const std::shared_ptr<ProxySafetyGate> proxySafetyGate_;
+  // Made on first use, on the health queue.
+  std::optional<ProxyHealthMonitor> proxyHealthMonitor_;
+  std::optional<ProxyTCPReachabilityProbe> proxyReachabilityProbe_;
+  const std::shared_ptr<platform::DispatchQueue> proxyHealthQueue_;
+  std::shared_ptr<platform::DispatchTimer> proxyHealthTimer_;
+  const std::shared_ptr<platform::DispatchQueue> bypassCacheQueue_;
+  // Changed only by barrier items of its queue. Results of every kind are kept.
+  std::unordered_map<std::string, BypassCacheEntry> bypassCache_;
+};
+
+}  // namespace ostravel

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace ostravel {
+
+// A moment as an internet date-time (RFC 3339): UTC, whole seconds, "Z" suffix, such as
+// 2026-11-16T05:43:35Z. A fraction of a second is cut off.
+std::string internetDateTime(double secondsSince1970);
+
+}  // namespace ostravel

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "Platform/Interface/TextServices.h"
+
+namespace ostravel {
+
+// What one more chunk of the proxy's answer makes of it.
+namespace connect_response {
+
+// The tunnel is open; leftover is what followed the header and belongs to the application.
+struct Established {
+  std::vector<std::byte> leftover;
+};
+// A complete header whose status line is not a success.
+struct Rejected {
+  std::optional<std::string> statusLine;
+};
+// The answer can never become acceptable. reason is one of "connect_header_too_large",
+// "connect_header_not_utf8" and "connect_status_line_missing".
+struct Invalid {
+  std::string reason;
+};
+struct NeedMoreData {};
+
+}  // namespace connect_response
+
+using ProxyConnectResponseOutcome =
+    std::variant<connect_response::Established, connect_response::Rejected,
+                 connect_response::Invalid, connect_response::NeedMoreData>;
+
+// Accumulates the proxy's answer to CONNECT and decides as soon as it can whether the tunnel is
+// open. Looks at the status line only. Owned by one tunnel and used by one thread at a time; keeps
+// every byte it was given, which the limit bounds to maxHeaderBytes and one read.
+class ProxyConnectResponseParser {
+ public:
+  // maxHeaderBytes: how many bytes are tolerated while the end of the header has not been seen.
+  ProxyConnectResponseParser(std::int64_t maxHeaderBytes, const platform::TextServices& text);
+
+  // Adds a chunk and judges everything received so far, afresh.
+  ProxyConnectResponseOutcome append(std::span<const std::byte> data);
+
+ private:
+  ProxyConnectResponseOutcome judgeHeader(std::string_view header, std::string_view leftover) const;
+
+  const std::int64_t maxHeaderBytes_;
+  const platform::TextServices& text_;
+  std::string buffer_;
+};
+
+}  // namespace ostravel

@@ -1,0 +1,39 @@
+#include "Extension/ProxyTunnelCore/ProxyTunnelAdmissionController.h"
+
+namespace ostravel {
+
+bool ProxyTunnelAdmissionController::tryAcquireHandshakeSlot(const std::string& flowId) {
+  const std::lock_guard guard(lock_);
+  if (pendingHandshakeIDs_.contains(flowId) || establishedTunnelIDs_.contains(flowId)) {
+    return true;
+  }
+  if (pendingHandshakeIDs_.size() >= maxPendingHandshakes) {
+    return false;
+  }
+  pendingHandshakeIDs_.insert(flowId);
+  return true;
+}
+
+void ProxyTunnelAdmissionController::markEstablished(const std::string& flowId) {
+  const std::lock_guard guard(lock_);
+  pendingHandshakeIDs_.erase(flowId);
+  establishedTunnelIDs_.insert(flowId);
+}
+
+void ProxyTunnelAdmissionController::release(const std::string& flowId) {
+  const std::lock_guard guard(lock_);
+  pendingHandshakeIDs_.erase(flowId);
+  establishedTunnelIDs_.erase(flowId);
+}
+
+std::size_t ProxyTunnelAdmissionController::pendingCount() const {
+  const std::lock_guard guard(lock_);
+  return pendingHandshakeIDs_.size();
+}
+
+std::size_t ProxyTunnelAdmissionController::establishedCount() const {
+  const std::lock_guard guard(lock_);
+  return establishedTunnelIDs_.size();
+}
+
+}  // namespace ostravel

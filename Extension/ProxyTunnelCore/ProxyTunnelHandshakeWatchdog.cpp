@@ -1,0 +1,104 @@
+#include "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+namespace ostravel {
+
+namespace {
+
+void disarm(platform::DispatchTimer& timer) {
+  // The empty handler lets go of what the old one holds, and keeps an expiration that is already
+  // due from doing anything.
+  timer.setEventHandler([] {});
+  timer.cancel();
+}
+
+std::chrono::nanoseconds delayFor(double seconds) {
+  // Ten years stand for every longer time-out, so that the count of nanoseconds cannot overflow.
+  constexpr double kLongest = 10.0 * 365.0 * 24.0 * 3600.0;
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+      std::chrono::duration<double>(std::min(seconds, kLongest)));
+}
+
+}  // namespace
+
+ProxyTunnelHandshakeWatchdog::ProxyTunnelHandshakeWatchdog(
+    platform::Platform& platform, double timeout, std::shared_ptr<platform::DispatchQueue> queue,
+    TimeoutHandler onTimeout)
+    : platform_(platform),
+      timeout_(timeout),
+      queue_(std::move(queue)),
+      onTimeout_(std::move(onTimeout)) {}
+
+void ProxyTunnelHandshakeWatchdog::start() {
+  // Written so that not-a-number counts as not greater.
+  if (!(timeout_ > 0.0)) {
+    onTimeout_();
+    return;
+  }
+  const auto timer = platform_.makeTimer(queue_);
+  timer->schedule(delayFor(timeout_), std::nullopt, std::chrono::nanoseconds::zero());
+  timer->setEventHandler([weakSelf = weak_from_this()] {
+    if (const auto self = weakSelf.lock()) {
+      self->handleTimeout();
+    }
+  });
+  if (adopt(timer)) {
+    timer->resume();
+  } else {
+    disarm(*timer);
+  }
+}
+
+bool ProxyTunnelHandshakeWatchdog::adopt(const std::shared_ptr<platform::DispatchTimer>& timer) {
+  const std::lock_guard guard(lock_);
+  if (state_ != State::idle) {
+    return false;
+  }
+  state_ = State::running;
+  timer_ = timer;
+  return true;
+}
+
+void ProxyTunnelHandshakeWatchdog::handleTimeout() {
+  TimeoutHandler callback;
+  {
+    const std::lock_guard guard(lock_);
+    callback = takeTimeout();
+  }
+  // Closing the tunnel calls finishWithoutCallback, which takes the lock.
+  if (callback) {
+    callback();
+  }
+}
+
+void ProxyTunnelHandshakeWatchdog::finishWithoutCallback() {
+  const std::lock_guard guard(lock_);
+  if (state_ == State::running) {
+    finish();
+  }
+}
+
+ProxyTunnelHandshakeWatchdog::State ProxyTunnelHandshakeWatchdog::state() const {
+  const std::lock_guard guard(lock_);
+  return state_;
+}
+
+void ProxyTunnelHandshakeWatchdog::finish() {
+  state_ = State::finished;
+  if (const auto timer = std::exchange(timer_, nullptr)) {
+    disarm(*timer);
+  }
+}
+
+ProxyTunnelHandshakeWatchdog::TimeoutHandler ProxyTunnelHandshakeWatchdog::takeTimeout() {
+  if (state_ != State::running) {
+    return nullptr;
+  }
+  finish();
+  return onTimeout_;
+}
+
+}  // namespace ostravel

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "Platform/Interface/DispatchQueue.h"
+#include "Platform/Interface/DispatchTimer.h"
+#include "Platform/Interface/Platform.h"
+
+namespace ostravel {
+
+// A one-shot timer with a three-state life, idle, running, finished: started once, then either
+// finished without effect or firing once. Exactly one of the two wins. Owned by a tunnel; held by
+// std::shared_ptr because its timer holds it weakly. Usable from any thread.
+class ProxyTunnelHandshakeWatchdog
+    : public std::enable_shared_from_this<ProxyTunnelHandshakeWatchdog> {
+ public:
+  using TimeoutHandler = std::function<void()>;
+
+  enum class State { idle, running, finished };
+
+  // timeout in seconds. onTimeout runs on queue, with no lock held.
+  ProxyTunnelHandshakeWatchdog(platform::Platform& platform, double timeout,
+                               std::shared_ptr<platform::DispatchQueue> queue,
+                               TimeoutHandler onTimeout);
+
+  // Arms an idle watchdog; has no effect on one that is running or finished. With a timeout that is
+  // not greater than zero it calls onTimeout at once, here, and leaves the state as it is.
+  void start();
+
+  // The timer's work: the timeout, if the watchdog is still running.
+  void handleTimeout();
+
+  // Ends a running watchdog; one that was never started stays idle.
+  void finishWithoutCallback();
+
+  State state() const;
+
+ private:
+  // Makes the timer that of a running watchdog, if this one is idle.
+  bool adopt(const std::shared_ptr<platform::DispatchTimer>& timer);
+
+  // Both expect the lock to be held.
+  void finish();
+  TimeoutHandler takeTimeout();
+
+  platform::Platform& platform_;
+  const double timeout_;
+  const std::shared_ptr<platform::DispatchQueue> queue_;
+  const TimeoutHandler onTimeout_;
+  mutable std::mutex lock_;
+  State state_ = State::idle;
+  std::shared_ptr<platform::DispatchTimer> timer_;
+};
+
+}  // namespace ostravel

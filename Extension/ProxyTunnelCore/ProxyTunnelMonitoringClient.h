@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringEvent.h"
+#include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringFrameEncoder.h"
+#include "Platform/Interface/Error.h"
+#include "Platform/Interface/Platform.h"
+
+namespace ostravel {
+
+// Delivers events to the companion that listens on the monitoring socket. Fire and forget: callers
+// never wait and never learn of a failure; an event that cannot be delivered is lost after one line
+// in the system log. Owned by the provider for its whole life and shared with every tunnel; usable
+// from any thread. A companion that stops reading stalls the queue, never a caller.
+class ProxyTunnelMonitoringClient {
+ public:
+  using Sender = std::function<platform::OptionalError(const std::string& path,
+                                                       std::span<const std::byte> frame)>;
+
+  // An empty sender stands for sendFrameToSocket. All encoding and sending runs on queue, which is
+  // serial, so frames arrive in the order of emit.
+  ProxyTunnelMonitoringClient(platform::Platform& platform, std::optional<std::string> socketPath,
+                              std::shared_ptr<platform::DispatchQueue> queue,
+                              ProxyTunnelMonitoringFrameEncoder encoder, Sender sender = nullptr);
+
+  // Trims the path. Absent or empty: events are dropped silently.
+  void updateSocketPath(std::optional<std::string_view> path);
+
+  void emit(ProxyTunnelMonitoringEvent event);
+
+  // Delivers one frame over a connection of its own; blocks until the kernel has taken all of it.
+  // Errors: 1101 "OstravelProxy" for a path of more than 103 bytes, else errno.
+  static platform::OptionalError sendFrameToSocket(platform::SocketCalls& sockets,
+                                                   std::string_view path,
+                                                   std::span<const std::byte> frame);
+
+ private:
+  // What a work item needs; outlives the client as long as items are waiting.
+  struct Delivery;
+
+  platform::Platform& platform_;
+  const std::shared_ptr<platform::DispatchQueue> queue_;
+  const std::shared_ptr<const Delivery> delivery_;
+  std::mutex lock_;
+  std::shared_ptr<const std::string> socketPath_;
+};
+
+}  // namespace ostravel

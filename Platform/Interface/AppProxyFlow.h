@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+
+#include "Platform/Interface/Error.h"
+
+namespace ostravel::platform {
+
+// The application's side of one intercepted flow, whatever its protocol. Whoever takes a flow holds
+// it; a flow that is destroyed without having been closed is left to the system if nothing of it
+// was carried yet, and reset otherwise.
+//
+// All operations may be called from any thread. Completions of one flow and of the connection that
+// was made for it never run at the same time as one another.
+class AppProxyFlow {
+ public:
+  AppProxyFlow() = default;
+  AppProxyFlow(const AppProxyFlow&) = delete;
+  AppProxyFlow& operator=(const AppProxyFlow&) = delete;
+  virtual ~AppProxyFlow() = default;
+
+  // The application's identifier as the platform reports it, valid UTF-8; empty when unknown.
+  virtual std::string sourceAppSigningIdentifier() const = 0;
+
+  // Ends one direction, as seen from the provider: nothing more is read from, or written to, the
+  // application. Without an error everything that a write has acknowledged still arrives and the
+  // application sees an orderly end; an error reaches it as a reset. Later calls have no effect.
+  virtual void closeRead(OptionalError error) = 0;
+  virtual void closeWrite(OptionalError error) = 0;
+};
+
+}  // namespace ostravel::platform

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <optional>
+
+#include "Platform/Interface/AppProxyFlow.h"
+#include "Platform/Interface/HostEndpoint.h"
+
+namespace ostravel::platform {
+
+// The datagrams of one UDP socket of an application. Closing both directions refuses it.
+class AppProxyUDPFlow : public AppProxyFlow {
+ public:
+  // The application's own side, which is the only one fixed for UDP; absent when not known.
+  virtual std::optional<HostEndpoint> localEndpoint() const = 0;
+};
+
+}  // namespace ostravel::platform

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Platform/Interface/HostEndpoint.h"
+
+namespace ostravel::platform {
+
+enum class NetworkRuleProtocol { tcp, udp };
+
+// Selects outbound flows by destination. A prefix of 0 stands for any destination of the address's
+// family other than loopback, which has to be named.
+struct NetworkRule {
+  // An address literal, and a port in decimal.
+  HostEndpoint destinationNetwork;
+  std::uint8_t destinationPrefix = 0;
+  NetworkRuleProtocol protocol = NetworkRuleProtocol::tcp;
+
+  friend bool operator==(const NetworkRule&, const NetworkRule&) = default;
+};
+
+// Which flows the provider is offered: those that an included rule selects and no excluded one.
+struct TransparentProxyNetworkSettings {
+  explicit TransparentProxyNetworkSettings(std::string remoteAddress)
+      : tunnelRemoteAddress(std::move(remoteAddress)) {}
+
+  std::string tunnelRemoteAddress;
+  std::vector<NetworkRule> includedNetworkRules;
+  std::vector<NetworkRule> excludedNetworkRules;
+};
+
+}  // namespace ostravel::platform
