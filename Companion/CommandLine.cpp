@@ -1,0 +1,33 @@
+#include "Companion/CommandLine.h"
+
+#include <unistd.h>
+
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+
+#include "Companion/LineOutput.h"
+#include "Companion/PrintableText.h"
+
+namespace ostravel::companion {
+
+std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* argv) {
+  app.set_version_flag("--version", app.get_name() + " " OSTRAVEL_VERSION);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+      return app.exit(error);
+    }
+    return failUsage(app, error.what());
+  }
+  return std::nullopt;
+}
+
+int failUsage(const CLI::App& app, std::string_view problem) {
+  // Printable: the problem quotes what was typed, or pasted.
+  static_cast<void>(
+      LineOutput(STDERR_FILENO).writeLine(app.get_name() + ": " + printableText(problem)));
+  return kExitUsage;
+}
+
+}  // namespace ostravel::companion

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ostravel::companion {
+
+// A host and a port as people and HTTP write them: name:443, 192.0.2.1:443, [2001:db8::1]:443.
+struct HostPort {
+  std::string host;  // without the brackets of an IPv6 address
+  std::uint16_t port = 0;
+};
+
+// Reads the form above (RFC 9110, section 9.3.6). The port is required and may be 0; a host in
+// brackets must be an IPv6 address, any other host is letters, digits, '-', '.' and '_'.
+std::optional<HostPort> parseHostPort(std::string_view text);
+
+// The same form again, with brackets where they are needed.
+std::string toString(const HostPort& hostPort);
+
+}  // namespace ostravel::companion

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace ostravel::companion {
+
+// The answers with which the sidecar refuses a tunnel (RFC 9110, section 15; RFC 6585 for 431).
+enum class HttpStatus {
+  kBadRequest = 400,
+  kMethodNotAllowed = 405,
+  kRequestTimeout = 408,
+  kHeaderTooLarge = 431,
+  kBadGateway = 502,
+  kGatewayTimeout = 504,
+};
+
+std::string_view reasonPhrase(HttpStatus status);
+
+// The whole answer that refuses a request and announces that the connection ends behind it.
+std::string refusalAnswer(HttpStatus status);
+
+}  // namespace ostravel::companion

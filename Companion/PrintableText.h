@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace ostravel::companion {
+
+// One code point taken from the front of a text that claims to be UTF-8.
+struct CodePoint {
+  char32_t value;    // meaningless when not `valid`
+  std::size_t size;  // bytes taken, at least 1
+  bool valid;        // false: these bytes are no UTF-8 (RFC 3629)
+};
+
+// `text` must not be empty.
+CodePoint firstCodePoint(std::string_view text);
+
+// True for what can change how a terminal shows the text around it: the C0 and C1 controls, DEL,
+// the line separators U+2028 and U+2029, and the marks that reverse the direction of writing.
+bool disturbsTerminal(char32_t codePoint);
+
+// The text with everything that `disturbsTerminal` and every byte that is no UTF-8 written as a
+// visible escape: \n, \t, \x1b, \u202e. A backslash becomes two, so that no escape can be forged.
+std::string printableText(std::string_view text);
+
+// `printableText`, in double quotes when a reader could not tell where the value ends: when it is
+// empty or has a space, a quote or an equals sign in it.
+std::string printableValue(std::string_view value);
+
+}  // namespace ostravel::companion

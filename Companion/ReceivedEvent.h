@@ -1,0 +1,28 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace ostravel::companion {
+
+// One event of the extension, checked. Its texts are as they came and not yet printable.
+struct ReceivedEvent {
+  double timestamp = 0;  // seconds since 1970
+  std::string level;
+  std::string signal;
+  std::string message;
+  std::string appId;  // empty when the event belongs to no application
+  // What else `context` and `metrics` say, in this order.
+  std::vector<std::pair<std::string, std::string>> details;
+  std::string json;  // the whole event, compact and safe to print
+};
+
+// Reads the body of a frame: one JSON object with nothing behind it and no key twice, with all
+// required keys, each of its type. Keys it does not know are left alone, so that a newer extension
+// can be watched with an older monitor. The string says what is wrong.
+std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body);
+
+}  // namespace ostravel::companion

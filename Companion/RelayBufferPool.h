@@ -1,0 +1,31 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace ostravel::companion {
+
+// Lends the buffers through which tunnels move bytes, so that a tunnel owns one only while it has
+// bytes in hand. Shared by all relays of one thread; a buffer that is not returned is merely freed.
+class RelayBufferPool {
+ public:
+  // What one read may take: large enough that system calls do not dominate, small enough that
+  // thousands of stalled tunnels fit in memory.
+  static constexpr std::size_t kBufferSize = 64 * 1024;
+
+  using Bytes = std::array<char, kBufferSize>;
+  using Buffer = std::unique_ptr<Bytes>;
+
+  Buffer acquire();
+  void release(Buffer buffer);
+
+ private:
+  // Enough for the tunnels that move bytes in the same instant; the rest goes back to the heap.
+  static constexpr std::size_t kMostKept = 32;
+
+  std::vector<Buffer> kept_;
+};
+
+}  // namespace ostravel::companion

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string_view>
+
+namespace ostravel::companion {
+
+// Collects the bytes of one HTTP request header as they arrive, in pieces of any size, and finds
+// its end. Owned by the session that reads it.
+//
+//   [ empty lines ][ request line CRLF  field lines CRLF ... CRLF ][ bytes for the origin ]
+//                  ^ header()                                      ^ behind()
+//
+// Not responsible for what the lines say: that is parseConnectRequest.
+class RequestHeader {
+ public:
+  // Header and whatever came in the same reads. Real requests stay far below; the limit is what
+  // one client that never ends its header can make us hold.
+  static constexpr std::size_t kCapacity = 16 * 1024;
+
+  enum class State {
+    kIncomplete,
+    kComplete,
+    kMalformed,  // a line that does not end in CRLF
+    kTooLong,    // no end within kCapacity
+  };
+
+  RequestHeader();
+
+  // Where the next bytes go; not empty while the state is kIncomplete.
+  std::span<char> space();
+
+  // Takes over the first `size` bytes of `space()`. Looks at each byte once.
+  State commit(std::size_t size);
+
+  // True until a byte other than those of empty lines has come.
+  bool empty() const { return used_ == headerBegin_; }
+
+  // Both only once the state is kComplete; valid as long as this object.
+  std::string_view header() const;
+  std::string_view behind() const;
+
+ private:
+  std::unique_ptr<std::array<char, kCapacity>> bytes_;
+  std::size_t used_ = 0;
+  std::size_t headerBegin_ = 0;
+  std::size_t lineBegin_ = 0;
+  std::size_t headerEnd_ = 0;
+};
+
+}  // namespace ostravel::companion

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ostravel::companion::test {
+
+// A program under test, with its output at hand. Ends with this object at the latest. Every
+// operation that waits throws std::runtime_error when nothing happens for a long time.
+class ChildProcess {
+ public:
+  struct Options {
+    std::optional<rlim_t> softDescriptorLimit = std::nullopt;
+    std::optional<rlim_t> hardDescriptorLimit = std::nullopt;
+    std::optional<int> output = std::nullopt;   // standard output instead of a pipe of ours
+    std::vector<std::string> environment = {};  // NAME=VALUE, added; NAME alone, removed
+  };
+
+  explicit ChildProcess(std::vector<std::string> command) : ChildProcess(command, Options()) {}
+  ChildProcess(const std::vector<std::string>& command, const Options& options);
+  ~ChildProcess();
+
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // The next line of standard output or error, without its line feed; "" at the end.
+  std::string readOutputLine() { return readLine(output_); }
+  std::string readErrorLine() { return readLine(error_); }
+  // All that is left, to the end.
+  std::string readOutput() { return readToEnd(output_); }
+  std::string readError() { return readToEnd(error_); }
+  // Waits until there is some, and leaves it unread.
+  void waitForOutput() const;
+  void closeOutput();
+
+  void sendSignal(int number) const;
+  // For a program that may be just about to wait when the first signal comes.
+  void sendSignalUntilExit(int number) const;
+  // The exit status, or 128 and the number of the signal that ended it.
+  int waitForExit();
+  // What it has used of the processor so far, in clock ticks.
+  long processorTicks() const;
+
+ private:
+  struct Stream {
+    int descriptor = -1;
+    std::string unread = {};
+  };
+
+  static bool fill(Stream& stream);
+  static std::string readLine(Stream& stream);
+  static std::string readToEnd(Stream& stream);
+
+  pid_t process_ = -1;
+  Stream output_;
+  Stream error_;
+};
+
+}  // namespace ostravel::companion::test

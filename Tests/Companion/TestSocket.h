@@ -1,0 +1,72 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace ostravel::companion::test {
+
+// A blocking stream socket as a client or an origin has it, apart from the library under test.
+// Every operation that waits throws std::runtime_error when nothing happens for a long time.
+class TestSocket {
+ public:
+  // How the bytes of the other side came to an end.
+  enum class End { kOrderly, kReset };
+
+  static TestSocket connectTcp(std::uint16_t port, const std::string& address = "127.0.0.1");
+  static TestSocket connectUnix(const std::string& path);
+  // Starts connecting and does not wait; for filling a listener's queue.
+  static TestSocket beginConnectTcp(std::uint16_t port, const std::string& address);
+
+  explicit TestSocket(int descriptor);
+  TestSocket(TestSocket&& other) noexcept;
+  TestSocket& operator=(TestSocket&& other) noexcept;
+  ~TestSocket();
+
+  void send(std::string_view bytes) const;
+  // Sends until the other side takes nothing for `patience`; returns how many bytes went.
+  std::size_t sendUntilStalled(std::string_view bytes, std::chrono::milliseconds patience) const;
+  std::string receive(std::size_t size) const;
+  std::string receiveThrough(std::string_view end) const;
+  std::string receiveToEnd() const;
+  // Discards what still comes.
+  End waitForEnd() const;
+  // Waits for an error without reading.
+  bool waitForReset() const;
+  bool hasBytesWithin(std::chrono::milliseconds time) const;
+
+  void endSending() const;
+  void close();
+  void reset();  // closes so that the other side sees a reset
+
+  int descriptor() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+class TestListener {
+ public:
+  explicit TestListener(const std::string& address = "127.0.0.1", std::uint16_t port = 0,
+                        int backlog = 4096);
+  ~TestListener();
+  TestListener(const TestListener&) = delete;
+  TestListener& operator=(const TestListener&) = delete;
+
+  std::uint16_t port() const { return port_; }
+  std::string target() const;  // address:port
+  TestSocket accept() const;
+
+ private:
+  int descriptor_;
+  std::string address_;
+  std::uint16_t port_ = 0;
+};
+
+// A port at 127.0.0.1 where nobody listens.
+std::uint16_t closedPort();
+
+bool hasIpv6Loopback();
+
+}  // namespace ostravel::companion::test
