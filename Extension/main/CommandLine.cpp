@@ -1,0 +1,68 @@
+#include "Extension/main/CommandLine.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+
+#include "Platform/Linux/ConfigurationFile.h"
+
+namespace ostravel {
+
+namespace {
+
+using LogSink = linuxplatform::LinuxPlatform::LogSink;
+
+constexpr int kExitUsage = 2;
+
+// systemd names the journal's end of standard error in JOURNAL_STREAM, as device:inode
+// (systemd.exec(5)); a standard error that was redirected since then is somebody else's.
+bool isStartedByServiceManager() {
+  const char* const stream = std::getenv("JOURNAL_STREAM");
+  struct stat status {};
+  if (stream == nullptr || ::fstat(STDERR_FILENO, &status) != 0) {
+    return false;
+  }
+  return stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+}  // namespace
+
+CommandLine CommandLine::parse(int argc, char** argv) {
+  CLI::App app(
+      "Carries the connections of this machine's applications through the HTTP proxy on\n"
+      "127.0.0.1:8080, and leaves them alone while that proxy does not answer.\n"
+      "Needs root, or CAP_NET_ADMIN and the right to look at other users' processes.",
+      "ostravel-extension");
+  app.set_version_flag("--version", "ostravel-extension " OSTRAVEL_VERSION);
+
+  std::optional<std::string> configurationPath;
+  app.add_option("--configuration", configurationPath,
+                 std::string("provider configuration, a JSON object; without it ") +
+                     linuxplatform::kDefaultConfigurationPath + ", if that exists")
+      ->type_name("FILE");
+  const std::map<std::string, LogSink> sinks = {{"journal", LogSink::journal},
+                                                {"stderr", LogSink::standardError}};
+  std::string sink = isStartedByServiceManager() ? "journal" : "stderr";
+  app.add_option("--log", sink,
+                 "where log lines go: journal or stderr; without it the journal when started by "
+                 "systemd, else standard error")
+      ->type_name("SINK")
+      ->check(CLI::IsMember(sinks));
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& success) {
+    return {std::nullopt, app.exit(success)};
+  } catch (const CLI::ParseError& error) {
+    std::fprintf(stderr, "ostravel-extension: %s (see --help)\n", error.what());
+    return {std::nullopt, kExitUsage};
+  }
+  return {Options{configurationPath, sinks.at(sink)}, EXIT_SUCCESS};
+}
+
+}  // namespace ostravel

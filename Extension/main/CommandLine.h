@@ -1,0 +1,26 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "Platform/Linux/LinuxPlatform.h"
+
+namespace ostravel {
+
+// The command line of ostravel-extension.
+struct CommandLine {
+  struct Options {
+    // Absent: the default file, if there is one.
+    std::optional<std::string> configurationPath;
+    linuxplatform::LinuxPlatform::LogSink logSink;
+  };
+
+  // Absent when the process is to end with exitStatus, because it has shown its help or version, or
+  // has said what is wrong with the arguments.
+  std::optional<Options> options;
+  int exitStatus = 0;
+
+  static CommandLine parse(int argc, char** argv);
+};
+
+}  // namespace ostravel

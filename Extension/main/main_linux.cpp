@@ -1,0 +1,110 @@
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+#include "Extension/main/CommandLine.h"
+#include "Platform/Linux/ConfigurationFile.h"
+#include "Platform/Linux/DescriptorBudget.h"
+#include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/LinuxProviderContext.h"
+#include "Platform/Linux/Privileges.h"
+
+namespace {
+
+using namespace ostravel;
+using namespace std::chrono_literals;
+
+constexpr int kExitCannotRun = 2;
+
+// The last events are given this long to reach the monitoring socket; a companion that has stopped
+// reading must not keep us from ending.
+constexpr auto kDrainTimeout = 500ms;
+
+int fail(const platform::Error& error) {
+  std::fprintf(stderr, "ostravel-extension: %s\n", error.localizedDescription.c_str());
+  return kExitCannotRun;
+}
+
+// Signals are taken by the main thread alone; every other thread inherits the mask. A peer that
+// goes away while it is written to must not end the process.
+sigset_t takeOverSignals() {
+  std::signal(SIGPIPE, SIG_IGN);
+  sigset_t ending;
+  sigemptyset(&ending);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    sigaddset(&ending, signal);
+  }
+  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+  return ending;
+}
+
+void waitForSignal(const sigset_t& ending) {
+  int signal = 0;
+  while (sigwait(&ending, &signal) != 0) {
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto commandLine = CommandLine::parse(argc, argv);
+  if (!commandLine.options) {
+    return commandLine.exitStatus;
+  }
+  const auto configuration =
+      linuxplatform::readProviderConfiguration(commandLine.options->configurationPath);
+  if (const auto* error = std::get_if<platform::Error>(&configuration)) {
+    return fail(*error);
+  }
+  if (const auto missing = linuxplatform::missingPrivileges()) {
+    return fail(*missing);
+  }
+  const sigset_t endingSignals = takeOverSignals();
+
+  // The object graph, outermost first: each outlives those below it.
+  linuxplatform::LinuxPlatform platform({commandLine.options->logSink});
+  linuxplatform::DescriptorBudget descriptors;
+  linuxplatform::EventLoopGroup loops(descriptors);
+  linuxplatform::LinuxProviderContext context(
+      platform, loops, descriptors,
+      std::get<std::optional<platform::ProviderConfiguration>>(configuration),
+      [] { ::sd_notify(0, "WATCHDOG=1"); });
+  auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
+  context.setProvider(provider);
+
+  std::promise<platform::OptionalError> started;
+  provider->startProxy(std::nullopt, [&started](platform::OptionalError error) {
+    started.set_value(std::move(error));
+  });
+  const auto startError = started.get_future().get();
+  if (!startError) {
+    ::sd_notify(0, "READY=1");
+    waitForSignal(endingSignals);
+    ::sd_notify(0, "STOPPING=1");
+  }
+
+  std::promise<void> stopped;
+  provider->stopProxy(platform::ProviderStopReason::userInitiated,
+                      [&stopped] { stopped.set_value(); });
+  stopped.get_future().wait();
+  context.stopInterception();
+  provider.reset();
+  loops.stop();
+  // What is still there at the end of it is a write that nobody takes.
+  static_cast<void>(platform.drain(std::chrono::steady_clock::now() + kDrainTimeout));
+  const int exitStatus = startError ? fail(*startError) : EXIT_SUCCESS;
+  // Not by return: a work item that is stuck in a write to the monitoring socket can be waited for
+  // by nobody, and the kernel takes back everything else.
+  ::_exit(exitStatus);
+}

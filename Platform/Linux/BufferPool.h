@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace ostravel::linuxplatform {
+
+class EventLoop;
+
+// Memory that bytes are received into, limits::kBufferSize each. Owned by an event loop and used on
+// its thread; a buffer may come back on any thread. Keeps a bounded number for reuse.
+class BufferPool {
+ public:
+  using Buffer = std::unique_ptr<std::byte[]>;
+
+  explicit BufferPool(const EventLoop& loop) : loop_(loop) {}
+  BufferPool(const BufferPool&) = delete;
+  BufferPool& operator=(const BufferPool&) = delete;
+
+  Buffer take();
+  void giveBack(Buffer buffer);
+
+  std::size_t keptCount() const { return kept_.size(); }
+
+ private:
+  const EventLoop& loop_;
+  std::vector<Buffer> kept_;
+};
+
+}  // namespace ostravel::linuxplatform

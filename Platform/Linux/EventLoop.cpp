@@ -1,0 +1,61 @@
+#include "Platform/Linux/EventLoop.h"
+
+#include <pthread.h>
+
+#include <csignal>
+#include <string>
+
+#include "Platform/Linux/FlowListener.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+thread_local EventLoop* currentLoop = nullptr;
+
+// Only this thread writes to sockets by splice(2), which raises SIGPIPE whatever its flags.
+// Blocked, the signal stays with the thread and does nothing.
+void blockBrokenPipeSignal() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGPIPE);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+}  // namespace
+
+EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors)
+    : index_(index),
+      descriptors_(descriptors),
+      buffers_(*this),
+      pipes_(*this, descriptors),
+      // One thread runs it, any thread may post to it.
+      context_(1),
+      work_(context_.get_executor()),
+      listener_(std::make_unique<FlowListener>(*this)),
+      thread_([this] { run(); }) {}
+
+EventLoop::~EventLoop() {
+  stop();
+}
+
+EventLoop* EventLoop::current() {
+  return currentLoop;
+}
+
+void EventLoop::run() {
+  currentLoop = this;
+  blockBrokenPipeSignal();
+  ::pthread_setname_np(::pthread_self(), ("loop-" + std::to_string(index_)).c_str());
+  context_.run();
+  currentLoop = nullptr;
+}
+
+void EventLoop::stop() {
+  context_.stop();
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+}
+
+}  // namespace ostravel::linuxplatform

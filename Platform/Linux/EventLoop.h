@@ -1,0 +1,92 @@
+#pragma once
+
+#include <asio/basic_waitable_timer.hpp>
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/wait_traits.hpp>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include "Platform/Linux/BufferPool.h"
+#include "Platform/Linux/DescriptorBudget.h"
+#include "Platform/Linux/PipePool.h"
+
+namespace ostravel::linuxplatform {
+
+class FlowListener;
+
+// One thread that waits for the sockets of its flows and connections and runs everything that
+// happens to them, and what that work shares: buffers, pipes, and the listener at which released
+// flows arrive. Owned by an EventLoopGroup; outlives what was made on it.
+class EventLoop {
+ public:
+  using Timer = asio::basic_waitable_timer<std::chrono::steady_clock,
+                                           asio::wait_traits<std::chrono::steady_clock>,
+                                           asio::io_context::executor_type>;
+
+  // What the loop has done since it started. Written and read on the loop only.
+  struct Counters {
+    // Bytes that streams have received into memory and into pipes.
+    std::uint64_t copiedBytes = 0;
+    std::uint64_t splicedBytes = 0;
+    // Bytes of closed streams that nobody wanted.
+    std::uint64_t discardedBytes = 0;
+    // Times that a socket or a timer of the loop woke somebody.
+    std::uint64_t wakeups = 0;
+  };
+
+  // Starts the thread. Throws std::system_error when the kernel gives no listener.
+  EventLoop(unsigned index, DescriptorBudget& descriptors);
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+  // Stops the loop. Work that was still waiting is destroyed without running.
+  ~EventLoop();
+
+  // The loop whose thread this is; null on every other thread.
+  static EventLoop* current();
+  bool isCurrent() const { return current() == this; }
+
+  // The index that a released packet is redirected by.
+  unsigned index() const { return index_; }
+
+  // Runs work on the loop's thread, in order, never inside this call. From any thread; returns at
+  // once.
+  template <typename Work>
+  void post(Work&& work) {
+    asio::post(context_, std::forward<Work>(work));
+  }
+
+  // Ends the thread after the item that is running, and waits for it. Nothing of this loop
+  // completes afterwards. Idempotent; not from the loop itself.
+  void stop();
+
+  // The ports of the listener may be asked for from any thread.
+  FlowListener& listener() { return *listener_; }
+  DescriptorBudget& descriptors() { return descriptors_; }
+
+  // For the loop's own thread only.
+  BufferPool& buffers() { return buffers_; }
+  PipePool& pipes() { return pipes_; }
+  Counters& counters() { return counters_; }
+  asio::io_context& context() { return context_; }
+
+ private:
+  void run();
+
+  const unsigned index_;
+  DescriptorBudget& descriptors_;
+  Counters counters_;
+  BufferPool buffers_;
+  PipePool pipes_;
+  // Destroys the handlers that never ran, and with them what they hold, so the pools come first.
+  asio::io_context context_;
+  asio::executor_work_guard<asio::io_context::executor_type> work_;
+  std::unique_ptr<FlowListener> listener_;
+  std::thread thread_;
+};
+
+}  // namespace ostravel::linuxplatform

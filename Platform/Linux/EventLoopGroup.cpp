@@ -1,0 +1,56 @@
+#include "Platform/Linux/EventLoopGroup.h"
+
+#include <sched.h>
+
+#include <algorithm>
+
+#include "Platform/Linux/PacketMarks.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+unsigned usableCores() {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  if (::sched_getaffinity(0, sizeof cores, &cores) != 0) {
+    return 1;
+  }
+  return static_cast<unsigned>(CPU_COUNT(&cores));
+}
+
+}  // namespace
+
+EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors)
+    : EventLoopGroup(descriptors, usableCores()) {}
+
+EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, unsigned count) {
+  count = std::clamp(count, 1U, kMaximumEventLoops);
+  for (unsigned index = 0; index < count; ++index) {
+    loops_.push_back(std::make_unique<EventLoop>(index, descriptors));
+  }
+}
+
+EventLoopGroup::~EventLoopGroup() {
+  stop();
+}
+
+std::shared_ptr<LinuxTCPConnection> EventLoopGroup::connect(
+    const platform::HostEndpoint& endpoint) {
+  return LinuxTCPConnection::connect(nextLoop(), endpoint);
+}
+
+EventLoop& EventLoopGroup::nextLoop() {
+  EventLoop* const current = EventLoop::current();
+  const bool isOurs = std::any_of(loops_.begin(), loops_.end(),
+                                  [current](const auto& loop) { return loop.get() == current; });
+  return isOurs ? *current : loop(next_.fetch_add(1, std::memory_order_relaxed) % size());
+}
+
+void EventLoopGroup::stop() {
+  for (const auto& loop : loops_) {
+    loop->stop();
+  }
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "Platform/Interface/HostEndpoint.h"
+#include "Platform/Linux/DescriptorBudget.h"
+#include "Platform/Linux/EventLoop.h"
+#include "Platform/Linux/FlowListener.h"
+#include "Platform/Linux/LinuxTCPConnection.h"
+
+namespace ostravel::linuxplatform {
+
+// The event loops of the process. Owned by the process entry; outlives every flow and connection.
+class EventLoopGroup {
+ public:
+  // One loop per core that this process may use, at most kMaximumEventLoops. Throws
+  // std::system_error when the kernel gives no thread or no listener.
+  explicit EventLoopGroup(DescriptorBudget& descriptors);
+  EventLoopGroup(DescriptorBudget& descriptors, unsigned count);
+  EventLoopGroup(const EventLoopGroup&) = delete;
+  EventLoopGroup& operator=(const EventLoopGroup&) = delete;
+  ~EventLoopGroup();
+
+  unsigned size() const { return static_cast<unsigned>(loops_.size()); }
+  EventLoop& loop(unsigned index) { return *loops_[index]; }
+
+  // Starts a connection to an address literal and a port in decimal, on the loop that this is
+  // called on, so that a flow and its connection share one, and on the next loop when it is called
+  // elsewhere. From any thread.
+  std::shared_ptr<LinuxTCPConnection> connect(const platform::HostEndpoint& endpoint);
+
+  // Ends every loop after the item that it is running, and waits for all. Idempotent.
+  void stop();
+
+ private:
+  EventLoop& nextLoop();
+
+  std::vector<std::unique_ptr<EventLoop>> loops_;
+  std::atomic<unsigned> next_ = 0;
+};
+
+}  // namespace ostravel::linuxplatform

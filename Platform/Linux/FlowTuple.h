@@ -1,0 +1,48 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace ostravel::linuxplatform {
+
+enum class AddressFamily : std::uint8_t { ipv4, ipv6 };
+enum class TransportProtocol : std::uint8_t { tcp, udp };
+
+// An address and a port. Addresses are in network byte order, IPv4 in the first four bytes and the
+// rest zero; ports are in host byte order.
+struct SocketEndpoint {
+  AddressFamily family = AddressFamily::ipv4;
+  std::array<std::uint8_t, 16> address{};
+  std::uint16_t port = 0;
+
+  // The address as a literal, without brackets or zone.
+  std::string addressText() const;
+
+  friend auto operator<=>(const SocketEndpoint&, const SocketEndpoint&) = default;
+};
+
+// What identifies a flow in this network namespace, as its first packet shows it. Both ends are of
+// one family.
+struct FlowTuple {
+  TransportProtocol protocol = TransportProtocol::tcp;
+  SocketEndpoint source;
+  SocketEndpoint destination;
+
+  friend auto operator<=>(const FlowTuple&, const FlowTuple&) = default;
+};
+
+struct SocketEndpointHash {
+  std::size_t operator()(const SocketEndpoint& endpoint) const noexcept {
+    const std::string_view bytes(reinterpret_cast<const char*>(endpoint.address.data()),
+                                 endpoint.address.size());
+    return std::hash<std::string_view>{}(bytes) ^ (std::size_t{endpoint.port} << 1U) ^
+           static_cast<std::size_t>(endpoint.family);
+  }
+};
+
+}  // namespace ostravel::linuxplatform

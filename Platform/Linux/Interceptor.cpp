@@ -1,0 +1,187 @@
+#include "Platform/Linux/Interceptor.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <utility>
+
+#include "Platform/Linux/InterceptionTable.h"
+#include "Platform/Linux/LinuxTCPFlow.h"
+#include "Platform/Linux/LinuxUDPFlow.h"
+#include "Platform/Linux/PacketParser.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::Error;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A quarter of the time after which packets stop being offered, so that one late beat does not
+// matter.
+constexpr auto kBeatInterval = InterceptionTable::kAliveTimeout / 4;
+// Packets taken in one go before the beat is looked at again.
+constexpr int kMaximumBurst = 64;
+// The flows of a busy desktop over the longest time that one is remembered.
+constexpr std::size_t kRememberedFlows = 8192;
+// The list of held packets is swept when it has grown to this, or to twice what the last sweep
+// left.
+constexpr std::size_t kSmallestHeldSweep = 256;
+constexpr std::uint16_t kLocalProxyPort = 8080;
+
+std::vector<InterceptionTable::ListenerPorts> listenerPorts(EventLoopGroup& loops) {
+  std::vector<InterceptionTable::ListenerPorts> ports;
+  for (unsigned index = 0; index < loops.size(); ++index) {
+    const FlowListener& listener = loops.loop(index).listener();
+    ports.push_back({listener.ipv4Port(), listener.ipv6Port()});
+  }
+  return ports;
+}
+
+}  // namespace
+
+struct Interceptor::Parts {
+  std::shared_ptr<platform::Log> log;
+  EventLoopGroup& loops;
+  DescriptorBudget& descriptors;
+  FlowHandler handler;
+  std::unique_ptr<ApplicationIdentifierSource> identifiers;
+  std::shared_ptr<PacketQueue> queue;
+  std::unique_ptr<AliveKeeper> aliveKeeper;
+};
+
+std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
+    const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
+    EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler,
+    std::function<void()> onHeartbeat) {
+  // The table comes last: nothing is offered before somebody can decide.
+  auto identifiers = std::make_unique<ApplicationIdentifierSource>(
+      kLocalProxyPort,
+      [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); });
+  auto queue = PacketQueue::open();
+  if (auto* error = std::get_if<Error>(&queue)) {
+    return std::move(*error);
+  }
+  std::shared_ptr<PacketQueue> openQueue = std::get<std::unique_ptr<PacketQueue>>(std::move(queue));
+  auto table = InterceptionTable::install(settings, openQueue->number(), listenerPorts(loops));
+  if (auto* error = std::get_if<Error>(&table)) {
+    return std::move(*error);
+  }
+  auto aliveKeeper = std::make_unique<AliveKeeper>(
+      std::get<std::unique_ptr<InterceptionTable>>(std::move(table)), log, std::move(onHeartbeat));
+  return std::unique_ptr<Interceptor>(
+      new Interceptor({std::move(log), loops, descriptors, std::move(handler),
+                       std::move(identifiers), std::move(openQueue), std::move(aliveKeeper)}));
+}
+
+Interceptor::Interceptor(Parts parts)
+    : log_(std::move(parts.log)),
+      loops_(parts.loops),
+      descriptors_(parts.descriptors),
+      handler_(std::move(parts.handler)),
+      identifiers_(std::move(parts.identifiers)),
+      queue_(std::move(parts.queue)),
+      recentFlows_(kRememberedFlows),
+      sweepHeldAt_(kSmallestHeldSweep),
+      aliveKeeper_(std::move(parts.aliveKeeper)),
+      thread_([this] { run(); }) {}
+
+Interceptor::~Interceptor() {
+  // Rules first, so that nothing new is held by a queue that nobody reads any more.
+  aliveKeeper_->removeTable();
+  stop_.signal();
+  thread_.join();
+}
+
+void Interceptor::run() {
+  auto nextBeat = std::chrono::steady_clock::now() + kBeatInterval;
+  while (true) {
+    std::array<pollfd, 2> waited{
+        {{stop_.descriptor(), POLLIN, 0}, {queue_->descriptor(), POLLIN, 0}}};
+    const auto untilBeat =
+        std::chrono::ceil<std::chrono::milliseconds>(nextBeat - std::chrono::steady_clock::now());
+    ::poll(waited.data(), waited.size(),
+           static_cast<int>(std::max(untilBeat, std::chrono::milliseconds::zero()).count()));
+    if (waited[0].revents != 0) {
+      break;
+    }
+    if (waited[1].revents != 0) {
+      receive();
+    }
+    if (const auto now = std::chrono::steady_clock::now(); now >= nextBeat) {
+      aliveKeeper_->beat();
+      nextBeat = now + kBeatInterval;
+    }
+  }
+  acceptEverything();
+}
+
+void Interceptor::receive() {
+  for (int count = 0; count < kMaximumBurst; ++count) {
+    if (!queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); })) {
+      return;
+    }
+  }
+}
+
+void Interceptor::decide(const PacketQueue::Packet& packet) {
+  const auto now = std::chrono::steady_clock::now();
+  const auto first = parseFirstPacket(packet.bytes);
+  if (!first || recentFlows_.contains(*first, now) || descriptors_.nearLimit()) {
+    queue_->accept(packet.id);
+    return;
+  }
+  auto identification = identifiers_->identify(first->tuple);
+  if (identification.leaveToSystem) {
+    queue_->accept(packet.id);
+    return;
+  }
+  const auto flow = makeFlow(first->tuple, std::move(identification.identifier), packet);
+  const bool isTaken = handler_(flow);
+  // A flow that is not taken lets its packet go when it is destroyed, at the end of this scope. A
+  // UDP flow is taken to be refused, and every further datagram of it is refused anew.
+  if (!isTaken || first->tuple.protocol == TransportProtocol::tcp) {
+    recentFlows_.remember(*first, now);
+  }
+}
+
+std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(const FlowTuple& tuple,
+                                                              std::string identifier,
+                                                              const PacketQueue::Packet& packet) {
+  auto held = hold(packet);
+  if (tuple.protocol == TransportProtocol::udp) {
+    return std::make_shared<LinuxUDPFlow>(tuple, std::move(identifier), std::move(held));
+  }
+  // Host names that belong to the address come in here once DNS answers are observed.
+  platform::HostEndpoint remote{tuple.destination.addressText(),
+                                std::to_string(tuple.destination.port)};
+  EventLoop& loop = loops_.loop(nextLoop_++ % loops_.size());
+  return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(identifier), std::move(remote),
+                                        std::move(held));
+}
+
+std::unique_ptr<HeldPacket> Interceptor::hold(const PacketQueue::Packet& packet) {
+  if (held_.size() >= sweepHeldAt_) {
+    std::erase_if(held_, [](const auto& weakState) { return weakState.expired(); });
+    sweepHeldAt_ = std::max(kSmallestHeldSweep, held_.size() * 2);
+  }
+  auto state = std::make_shared<QueuedPacket::State>(queue_, packet.id, packet.mark);
+  held_.push_back(state);
+  return std::make_unique<QueuedPacket>(std::move(state));
+}
+
+void Interceptor::acceptEverything() {
+  while (
+      queue_->receive([this](const PacketQueue::Packet& packet) { queue_->accept(packet.id); })) {
+  }
+  for (const auto& weakState : held_) {
+    if (const auto state = weakState.lock()) {
+      state->accept();
+    }
+  }
+}
+
+}  // namespace ostravel::linuxplatform

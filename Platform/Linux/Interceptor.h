@@ -1,0 +1,76 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include "Platform/Interface/AppProxyFlow.h"
+#include "Platform/Interface/Error.h"
+#include "Platform/Interface/Log.h"
+#include "Platform/Interface/NetworkSettings.h"
+#include "Platform/Linux/AliveKeeper.h"
+#include "Platform/Linux/ApplicationIdentifierSource.h"
+#include "Platform/Linux/DescriptorBudget.h"
+#include "Platform/Linux/EventDescriptor.h"
+#include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/PacketQueue.h"
+#include "Platform/Linux/QueuedPacket.h"
+#include "Platform/Linux/RecentFlows.h"
+
+namespace ostravel::linuxplatform {
+
+// Kernel interception as long as it exists: receives the first packet of every flow that the
+// network settings select, finds out whose it is, and offers the flow. A flow that is not taken is
+// accepted unchanged, so that the kernel carries it and nothing of it is ever in this process.
+//
+// The verdict thread does bounded work only and shares no lock with the event loops. Whatever goes
+// wrong, flows are left to the system. Started and stopped by the provider's context.
+class Interceptor {
+ public:
+  // True: the flow has been taken. Called on the verdict thread.
+  using FlowHandler = std::function<bool(std::shared_ptr<platform::AppProxyFlow>)>;
+
+  // On failure the error's sentence says what is missing and what to do, and nothing is left
+  // behind.
+  static std::variant<std::unique_ptr<Interceptor>, platform::Error> start(
+      const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
+      EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler,
+      std::function<void()> onHeartbeat);
+
+  Interceptor(const Interceptor&) = delete;
+  Interceptor& operator=(const Interceptor&) = delete;
+  // Removes the rules and accepts every packet that is still held.
+  ~Interceptor();
+
+ private:
+  struct Parts;
+  explicit Interceptor(Parts parts);
+
+  void run();
+  void receive();
+  void decide(const PacketQueue::Packet& packet);
+  std::shared_ptr<platform::AppProxyFlow> makeFlow(const FlowTuple& tuple, std::string identifier,
+                                                   const PacketQueue::Packet& packet);
+  std::unique_ptr<HeldPacket> hold(const PacketQueue::Packet& packet);
+  void acceptEverything();
+
+  const std::shared_ptr<platform::Log> log_;
+  EventLoopGroup& loops_;
+  DescriptorBudget& descriptors_;
+  const FlowHandler handler_;
+  const std::unique_ptr<ApplicationIdentifierSource> identifiers_;
+  const std::shared_ptr<PacketQueue> queue_;
+  RecentFlows recentFlows_;
+  std::vector<std::weak_ptr<QueuedPacket::State>> held_;
+  std::size_t sweepHeldAt_;
+  unsigned nextLoop_ = 0;
+  EventDescriptor stop_;
+  std::unique_ptr<AliveKeeper> aliveKeeper_;
+  std::thread thread_;
+};
+
+}  // namespace ostravel::linuxplatform

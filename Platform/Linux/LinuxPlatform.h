@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/ICU/ICUTextServices.h"
+#include "Platform/Interface/Platform.h"
+#include "Platform/Linux/LinuxSocketCalls.h"
+#include "Platform/Linux/RandomUUIDSource.h"
+#include "Platform/Linux/TimerService.h"
+#include "Platform/Linux/WorkerPool.h"
+#include "Platform/POSIX/PosixClock.h"
+
+namespace ostravel::linuxplatform {
+
+// Queues, timers, logs and the other base services, with the five threads that they need. One per
+// process, made and owned by the process entry, which has SIGPIPE ignored: our sockets and the log
+// report a closed peer as an error.
+class LinuxPlatform final : public platform::Platform {
+ public:
+  enum class LogSink { standardError, journal };
+  struct Options {
+    LogSink logSink = LogSink::standardError;
+    // Whether lines of the debug level are written to standard error. The journal gets them always.
+    bool writesDebugLines = false;
+  };
+
+  // Throws std::system_error when the threads cannot be made.
+  explicit LinuxPlatform(Options options);
+  // Stops the timers and waits until every item has run.
+  ~LinuxPlatform() override;
+
+  // Stops the timers, then waits until no item is waiting or running; false when there still is one
+  // at the deadline. Then only the end of the process ends it.
+  [[nodiscard]] bool drain(std::chrono::steady_clock::time_point deadline);
+
+  std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,
+                                                     platform::DispatchQueueKind kind) override;
+  std::shared_ptr<platform::DispatchTimer> makeTimer(
+      std::shared_ptr<platform::DispatchQueue> queue) override;
+
+  std::shared_ptr<platform::Log> makeLog(std::string subsystem, std::string category) override;
+  platform::Log& defaultLog() override { return *defaultLog_; }
+  void systemLog(std::string_view line) override;
+
+  // Programs have no bundle here.
+  std::optional<std::string> mainBundleIdentifier() const override { return std::nullopt; }
+
+  const platform::Clock& clock() const override { return clock_; }
+  platform::UUIDSource& uuidSource() override { return uuids_; }
+  const platform::TextServices& text() const override { return text_; }
+  platform::SocketCalls& sockets() override { return sockets_; }
+
+ private:
+  const Options options_;
+  const std::shared_ptr<platform::Log> defaultLog_;
+  platform::PosixClock clock_;
+  RandomUUIDSource uuids_;
+  platform::ICUTextServices text_;
+  LinuxSocketCalls sockets_;
+  // The last items of the pool may still release timers.
+  TimerService timers_;
+  WorkerPool workers_;
+};
+
+}  // namespace ostravel::linuxplatform

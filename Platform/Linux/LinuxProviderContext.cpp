@@ -1,0 +1,75 @@
+#include "Platform/Linux/LinuxProviderContext.h"
+
+#include <cerrno>
+#include <utility>
+#include <variant>
+
+namespace ostravel::linuxplatform {
+
+using platform::Error;
+using platform::OptionalError;
+
+LinuxProviderContext::LinuxProviderContext(
+    platform::Platform& platform, EventLoopGroup& loops, DescriptorBudget& descriptors,
+    std::optional<platform::ProviderConfiguration> configuration, std::function<void()> onHeartbeat)
+    : platform_(platform),
+      loops_(loops),
+      descriptors_(descriptors),
+      configuration_(std::move(configuration)),
+      onHeartbeat_(std::move(onHeartbeat)),
+      log_(platform.makeLog("OstravelNetworkExtension", "OstravelLinux")),
+      settingsQueue_(platform.makeQueue("com.ostravel.networkSettings",
+                                        platform::DispatchQueueKind::serial)) {}
+
+LinuxProviderContext::~LinuxProviderContext() = default;
+
+void LinuxProviderContext::setProvider(std::weak_ptr<platform::TransparentProxyProvider> provider) {
+  provider_ = std::move(provider);
+}
+
+void LinuxProviderContext::stopInterception() {
+  const std::lock_guard guard(lock_);
+  isStopped_ = true;
+  interceptor_.reset();
+}
+
+void LinuxProviderContext::setTunnelNetworkSettings(
+    platform::TransparentProxyNetworkSettings settings, platform::ErrorCompletion completion) {
+  settingsQueue_->async([this, settings = std::move(settings), completion = std::move(completion)] {
+    completion(startInterception(settings));
+  });
+}
+
+OptionalError LinuxProviderContext::startInterception(
+    const platform::TransparentProxyNetworkSettings& settings) {
+  const std::lock_guard guard(lock_);
+  interceptor_.reset();
+  if (isStopped_) {
+    return Error{"OstravelLinux", ECANCELED, "the extension is being stopped"};
+  }
+  auto started = Interceptor::start(
+      settings, log_, loops_, descriptors_,
+      [weakProvider = provider_](std::shared_ptr<platform::AppProxyFlow> flow) {
+        const auto provider = weakProvider.lock();
+        return provider && provider->handleNewFlow(std::move(flow));
+      },
+      onHeartbeat_);
+  if (auto* error = std::get_if<Error>(&started)) {
+    return std::move(*error);
+  }
+  interceptor_ = std::get<std::unique_ptr<Interceptor>>(std::move(started));
+  return std::nullopt;
+}
+
+std::shared_ptr<platform::TCPConnection> LinuxProviderContext::createTCPConnection(
+    const platform::HostEndpoint& endpoint, platform::TLSPolicy /*tls*/) {
+  // The local proxy speaks plain HTTP; nothing asks for TLS.
+  return loops_.connect(endpoint);
+}
+
+std::optional<platform::TunnelProviderProtocol> LinuxProviderContext::protocolConfiguration()
+    const {
+  return platform::TunnelProviderProtocol{configuration_};
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "Platform/Interface/Platform.h"
+#include "Platform/Interface/TransparentProxyProvider.h"
+#include "Platform/Linux/DescriptorBudget.h"
+#include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/Interceptor.h"
+
+namespace ostravel::linuxplatform {
+
+// What Linux does for the provider: turns its network settings into interception, offers it the
+// intercepted flows, and makes its connections. Owned by the process entry; outlives the provider.
+class LinuxProviderContext final : public platform::ProviderContext {
+ public:
+  // configuration: what the provider finds as its own. onHeartbeat, which may be empty, is called
+  // about twice a second while interception works.
+  LinuxProviderContext(platform::Platform& platform, EventLoopGroup& loops,
+                       DescriptorBudget& descriptors,
+                       std::optional<platform::ProviderConfiguration> configuration,
+                       std::function<void()> onHeartbeat);
+  ~LinuxProviderContext() override;
+
+  // The provider that flows are offered to; held weakly. Set before it asks for network settings.
+  void setProvider(std::weak_ptr<platform::TransparentProxyProvider> provider);
+
+  // Removes every rule and lets go of every packet that is held. Returns when nothing is offered
+  // any more.
+  void stopInterception();
+
+  // Replaces the interception there was, if any. Runs on a queue of its own.
+  void setTunnelNetworkSettings(platform::TransparentProxyNetworkSettings settings,
+                                platform::ErrorCompletion completion) override;
+  std::shared_ptr<platform::TCPConnection> createTCPConnection(
+      const platform::HostEndpoint& endpoint, platform::TLSPolicy tls) override;
+  std::optional<platform::TunnelProviderProtocol> protocolConfiguration() const override;
+
+ private:
+  platform::OptionalError startInterception(
+      const platform::TransparentProxyNetworkSettings& settings);
+
+  platform::Platform& platform_;
+  EventLoopGroup& loops_;
+  DescriptorBudget& descriptors_;
+  const std::optional<platform::ProviderConfiguration> configuration_;
+  const std::function<void()> onHeartbeat_;
+  const std::shared_ptr<platform::Log> log_;
+  const std::shared_ptr<platform::DispatchQueue> settingsQueue_;
+  std::weak_ptr<platform::TransparentProxyProvider> provider_;
+  // Guards interceptor_ and isStopped_.
+  std::mutex lock_;
+  std::unique_ptr<Interceptor> interceptor_;
+  bool isStopped_ = false;
+};
+
+}  // namespace ostravel::linuxplatform

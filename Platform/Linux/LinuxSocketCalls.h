@@ -1,0 +1,15 @@
+#pragma once
+
+#include "Platform/POSIX/PosixSocketCalls.h"
+
+namespace ostravel::linuxplatform {
+
+// The real calls; sockets of the Internet families are marked as our own, so that what is sent on
+// them is never intercepted. Without the permission to mark there is no interception either, and
+// the call succeeds all the same.
+class LinuxSocketCalls final : public platform::PosixSocketCalls {
+ public:
+  platform::SocketCallResult socket(int family, int type, int protocol) override;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "Platform/Interface/Log.h"
+
+namespace ostravel::linuxplatform {
+
+// text as one line that shows everything and commands nothing: control characters and bytes that
+// are not UTF-8 (RFC 3629) are written as \xNN. A value from elsewhere can therefore neither forge
+// a log line nor speak to a terminal.
+std::string printable(std::string_view text);
+
+// A finished, printable line.
+std::string printableLogLine(std::string_view format,
+                             std::span<const platform::LogArgument> arguments);
+
+}  // namespace ostravel::linuxplatform

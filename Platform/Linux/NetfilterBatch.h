@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct mnl_socket;
+struct nlmsghdr;
+
+namespace ostravel::linuxplatform {
+
+struct NetlinkSocketRelease {
+  void operator()(mnl_socket* socket) const;
+};
+using NetlinkSocket = std::unique_ptr<mnl_socket, NetlinkSocketRelease>;
+
+// A netlink socket to netfilter; null, with errno set, when the kernel has none. No receive on it
+// waits longer than two seconds.
+NetlinkSocket openNetfilterSocket();
+
+// Changes to nf_tables that the kernel makes all together or not at all (nfnetlink batch).
+class NetfilterBatch {
+ public:
+  // What a batch failed at: the change as its caller named it, empty for the batch as a whole.
+  struct Failure {
+    std::string change;
+    int error = 0;
+  };
+
+  NetfilterBatch();
+
+  // fill writes the payload behind the header. type is NFT_MSG_*, family is NFPROTO_*, flags are
+  // NLM_F_* besides those that every request has.
+  void add(std::string change, std::uint16_t type, std::uint16_t family, std::uint16_t flags,
+           const std::function<void(nlmsghdr*)>& fill);
+
+  // Sends the batch and waits for the kernel's answer to every change. The batch is used up.
+  std::optional<Failure> commit(mnl_socket* socket);
+
+ private:
+  char* end() { return buffer_.data() + used_; }
+
+  std::vector<char> buffer_;
+  std::size_t used_ = 0;
+  std::uint32_t nextSequence_;
+  std::map<std::uint32_t, std::string> pending_;
+};
+
+}  // namespace ostravel::linuxplatform

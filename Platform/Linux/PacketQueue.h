@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <variant>
+#include <vector>
+
+#include "Platform/Interface/Error.h"
+#include "Platform/Linux/NetfilterBatch.h"
+
+namespace ostravel::linuxplatform {
+
+// The netfilter queue on which first packets are offered and held (nfnetlink_queue).
+//
+// Packets are received by one thread; verdicts may be given from any thread. When the queue is full
+// the kernel lets packets pass unseen, and when the object ends, the packets still held are
+// dropped, which costs their senders one retransmission.
+class PacketQueue {
+ public:
+  struct Packet {
+    std::uint32_t id = 0;
+    std::uint32_t mark = 0;
+    // From the network header on, cut off behind what the parser needs.
+    std::span<const std::byte> bytes;
+  };
+
+  // Takes the first free queue number from a fixed range.
+  static std::variant<std::unique_ptr<PacketQueue>, platform::Error> open();
+
+  std::uint16_t number() const { return number_; }
+  int descriptor() const;
+
+  // Hands over the packets of one message; false, at once, when there is none.
+  bool receive(const std::function<void(const Packet&)>& handler);
+
+  // The two verdicts: the packet goes on as it is, or with a new mark.
+  void accept(std::uint32_t id) const;
+  void acceptMarked(std::uint32_t id, std::uint32_t mark) const;
+
+ private:
+  PacketQueue(NetlinkSocket socket, std::uint16_t number);
+
+  void send(const nlmsghdr* header) const;
+
+  NetlinkSocket socket_;
+  std::uint16_t number_;
+  std::vector<char> buffer_;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,43 @@
+#include "Platform/Linux/QueuedPacket.h"
+
+#include <utility>
+
+#include "Platform/Linux/PacketMarks.h"
+
+namespace ostravel::linuxplatform {
+
+QueuedPacket::State::State(std::shared_ptr<const PacketQueue> queue, std::uint32_t id,
+                           std::uint32_t mark)
+    : queue_(std::move(queue)), id_(id), mark_(mark) {}
+
+void QueuedPacket::State::accept() {
+  if (!isDecided_.exchange(true)) {
+    queue_->accept(id_);
+  }
+}
+
+void QueuedPacket::State::acceptMarked(std::uint32_t mark) {
+  if (!isDecided_.exchange(true)) {
+    queue_->acceptMarked(id_, (mark_ & ~kMarkMask) | mark);
+  }
+}
+
+QueuedPacket::QueuedPacket(std::shared_ptr<State> state) : state_(std::move(state)) {}
+
+QueuedPacket::~QueuedPacket() {
+  state_->accept();
+}
+
+void QueuedPacket::accept() {
+  state_->accept();
+}
+
+void QueuedPacket::redirect(unsigned loopIndex) {
+  state_->acceptMarked(redirectMark(loopIndex));
+}
+
+void QueuedPacket::refuse() {
+  state_->acceptMarked(kRefuseMark);
+}
+
+}  // namespace ostravel::linuxplatform

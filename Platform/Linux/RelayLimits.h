@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace ostravel::linuxplatform::limits {
+
+using namespace std::chrono_literals;
+
+// One receive into memory. Larger buffers gain little before splice takes over.
+inline constexpr std::size_t kBufferSize = 64 * 1024;
+// A chunk of at most this size is copied out of its buffer.
+inline constexpr std::size_t kSmallRead = 4096;
+// Buffers that a loop keeps for reuse, as many as streams that move data at the same moment.
+inline constexpr std::size_t kKeptBuffers = 16;
+
+// What one read of a flow, which names no maximum, may deliver.
+inline constexpr std::size_t kMaximumChunk = 512 * 1024;
+
+// Room for one chunk of the largest size even when the kernel's segments fill their pages badly.
+inline constexpr int kPipeSize = 1024 * 1024;
+// Below this a pipe moves less per system call than a buffer does. The kernel hands out pipes of
+// one or two pages to a user who owns too many (pipe(7), pipe-user-pages-soft).
+inline constexpr int kSmallestUsefulPipe = 64 * 1024;
+// Pipes that a loop keeps for reuse: each pins kernel memory only while it holds data.
+inline constexpr std::size_t kKeptPipes = 8;
+
+// A direction is bulk when this many receives in a row filled their buffer: a shorter transfer is
+// over before a pipe would pay.
+inline constexpr unsigned kFullReadsBeforeSplice = 4;
+// A direction is not bulk any more when this many chunks in a row were small ones.
+inline constexpr unsigned kSmallChunksBeforeCopy = 8;
+inline constexpr std::size_t kSmallChunk = 16 * 1024;
+
+// How long after its SYN was released a connection may take to arrive. It arrives within the same
+// millisecond unless the application gave up.
+inline constexpr auto kAcceptTimeout = 1s;
+// Connections accepted before other work of the loop gets its turn.
+inline constexpr int kAcceptsPerEvent = 64;
+// Connections that wait for being accepted; the kernel caps it (net.core.somaxconn).
+inline constexpr int kListenBacklog = 4096;
+// After a failure for lack of descriptors or memory, accepting rests this long. Descriptors come
+// back when tunnels end, of which the kernel does not tell.
+inline constexpr auto kAcceptPause = 100ms;
+
+// A socket that was closed in order discards what its peer still sends: first for this long, and
+// after that until the peer's kernel has acknowledged everything, looked at after twice the time
+// each, but not longer than the bound.
+inline constexpr auto kLingerInterval = 2s;
+inline constexpr auto kLingerBound = 30s;
+// One receive that discards; nothing is copied, so that only fairness bounds it.
+inline constexpr std::size_t kDiscardSize = 1024 * 1024;
+inline constexpr int kDiscardsPerEvent = 16;
+
+// Descriptors left for what is not counted: listeners, timers, the queue, logs, the health probe,
+// and the tunnels whose sockets are being made.
+inline constexpr std::size_t kDescriptorReserve = 256;
+
+}  // namespace ostravel::linuxplatform::limits

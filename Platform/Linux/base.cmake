@@ -1,0 +1,19 @@
+# The base services of the Linux platform: queues, timers, logs, sockets.
+pkg_check_modules(LIBSYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+
+add_library(LinuxBase STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/JournalLog.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/LinuxDispatchQueue.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/LinuxDispatchTimer.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/LinuxPlatform.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/LinuxSocketCalls.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/LogLine.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/RandomUUIDSource.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/StderrLog.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/TimerService.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/Utf8.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/WorkerPool.cpp)
+target_compile_definitions(LinuxBase PUBLIC ASIO_STANDALONE ASIO_NO_DEPRECATED)
+target_link_libraries(LinuxBase
+  PUBLIC PlatformInterface PlatformPOSIX PlatformICU Threads::Threads
+  PRIVATE PkgConfig::LIBSYSTEMD)

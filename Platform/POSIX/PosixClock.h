@@ -1,0 +1,13 @@
+#pragma once
+
+#include "Platform/Interface/Clock.h"
+
+namespace ostravel::platform {
+
+// The system's time of day. Has no state.
+class PosixClock final : public Clock {
+ public:
+  double secondsSince1970() const override;
+};
+
+}  // namespace ostravel::platform

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+#include "Platform/Simulation/FaultPlan.h"
+#include "Platform/Simulation/SeededRandom.h"
+
+namespace ostravel::simulation {
+
+// Draws the faults of a run.
+class FaultSource {
+ public:
+  FaultSource(const FaultPlan& plan, SeededRandom random);
+
+  // From now on.
+  void setPlan(const FaultPlan& plan) { plan_ = plan; }
+
+  // Zero, or how much later something comes.
+  std::chrono::nanoseconds latency();
+  // How many of the available bytes a read delivers; minimum is not above available.
+  std::size_t chunk(std::size_t minimum, std::size_t available);
+  bool readFails();
+  bool writeFails();
+  bool openFails();
+  bool connectionIsRefused();
+  bool socketIsRefused();
+
+ private:
+  FaultPlan plan_;
+  SeededRandom random_;
+};
+
+}  // namespace ostravel::simulation

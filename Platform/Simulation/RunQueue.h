@@ -1,0 +1,109 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "Platform/Simulation/SeededRandom.h"
+#include "Platform/Simulation/WorkLane.h"
+
+namespace ostravel::simulation {
+
+// Which of the items that may run is run next.
+enum class RunOrder {
+  // The one that was submitted first.
+  fixed,
+  // One drawn at random.
+  seeded,
+};
+
+// Everything that is going to happen in a run: items that may run now, and alarms at moments of
+// virtual time. Time stands still while anything can run. Single-threaded.
+class RunQueue {
+ public:
+  using Work = std::function<void()>;
+  using AlarmNumber = std::uint64_t;
+
+  // More items at one moment of virtual time than any sound run has: they submit one another
+  // without end.
+  static constexpr std::size_t kMaximumItemsPerMoment = 2'000'000;
+
+  RunQueue(RunOrder order, SeededRandom random);
+  RunQueue(const RunQueue&) = delete;
+  RunQueue& operator=(const RunQueue&) = delete;
+
+  RunOrder order() const { return order_; }
+  // Virtual time since the run began.
+  std::chrono::nanoseconds now() const { return now_; }
+  // A number below bound in the seeded order, zero in the fixed one.
+  std::uint64_t draw(std::uint64_t bound);
+
+  // An item on its own, or one of a lane.
+  void post(Work work);
+  void post(const std::shared_ptr<WorkLane>& lane, ItemKind kind, Work work);
+  // An item on its own that may not run before the delay is over.
+  void postAfter(std::chrono::nanoseconds delay, Work work);
+
+  // Runs the work here, after what must precede it in the lane was run here as well. Throws
+  // std::logic_error where it would wait for an item that waits for it.
+  void runInCaller(const std::shared_ptr<WorkLane>& lane, ItemKind kind, const Work& work);
+
+  // Calls the work once when virtual time reaches the moment; it is to do no more than to post.
+  AlarmNumber setAlarm(std::chrono::nanoseconds moment, Work work);
+  void cancelAlarm(AlarmNumber alarm);
+
+  // Runs one item; false when none can run at this moment of virtual time.
+  bool runOne();
+  // Runs items until none can run; virtual time stands still. Like the two below it throws
+  // std::logic_error when it is called from an item, and when it does not come to an end.
+  void run();
+  // Lets virtual time pass, running what becomes due at its moment and in its order.
+  void advance(std::chrono::nanoseconds duration);
+  // An item takes this long: time passes and nothing else happens meanwhile.
+  void spend(std::chrono::nanoseconds duration);
+  // Runs items, and lets time pass whenever none can run, until the predicate holds or the limit of
+  // virtual time is over; says whether it holds. The predicate is asked after every item.
+  bool runUntil(const std::function<bool()>& predicate, std::chrono::nanoseconds limit);
+
+  // Drops all items and alarms without running them.
+  void clear();
+
+ private:
+  struct Item {
+    Work work;
+    std::shared_ptr<WorkLane> lane;
+  };
+  // By moment, then by the order in which they were set.
+  using AlarmKey = std::pair<std::chrono::nanoseconds, AlarmNumber>;
+
+  void makeRunnable(ItemNumber item);
+  void publish(WorkLane& lane);
+  ItemNumber pick() const;
+  void execute(ItemNumber number);
+  void soundDueAlarms();
+  std::optional<std::chrono::nanoseconds> nextAlarm() const;
+  void requireOutsideOfItems() const;
+
+  const RunOrder order_;
+  mutable SeededRandom random_;
+  std::chrono::nanoseconds now_{0};
+  ItemNumber nextItem_ = 1;
+  AlarmNumber nextAlarm_ = 1;
+  std::size_t itemsAtThisMoment_ = 0;
+  std::unordered_map<ItemNumber, Item> items_;
+  // Ascending.
+  std::vector<ItemNumber> runnable_;
+  std::map<AlarmKey, Work> alarms_;
+  std::unordered_map<AlarmNumber, std::chrono::nanoseconds> alarmMoments_;
+  // Lanes of the items that are running, innermost last; null for an item on its own.
+  std::vector<const WorkLane*> running_;
+};
+
+}  // namespace ostravel::simulation

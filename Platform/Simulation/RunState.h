@@ -1,0 +1,31 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "Platform/Simulation/FaultSource.h"
+#include "Platform/Simulation/Journal.h"
+#include "Platform/Simulation/RunQueue.h"
+
+namespace ostravel::simulation {
+
+// What all objects of one run share. Owned by the simulation, which outlives them.
+struct RunState {
+  RunQueue queue;
+  FaultSource faults;
+  Journal journal;
+
+  // Runs the action on the object from the run queue, late if the faults say so, unless the object
+  // is gone by then.
+  template <typename Object>
+  void deliver(const std::shared_ptr<Object>& object, void (Object::*action)()) {
+    queue.postAfter(faults.latency(), [weakObject = std::weak_ptr<Object>(object), action] {
+      if (const auto strongObject = weakObject.lock()) {
+        (strongObject.get()->*action)();
+      }
+    });
+  }
+};
+
+}  // namespace ostravel::simulation

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <random>
+
+namespace ostravel::simulation {
+
+// Random numbers that are the same for the same seed on every system, which the distributions of
+// the standard library are not.
+class SeededRandom {
+ public:
+  // Sources of one seed with different streams are independent of one another.
+  SeededRandom(std::uint64_t seed, std::uint64_t stream);
+
+  std::uint64_t next();
+
+  // A number below bound, which is not zero.
+  std::uint64_t below(std::uint64_t bound);
+
+  // True with this probability. A probability of zero draws no number, so that faults that are
+  // switched off do not change a run.
+  bool chance(double probability);
+
+ private:
+  std::mt19937_64 engine_;
+};
+
+}  // namespace ostravel::simulation

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "Platform/Interface/Log.h"
+#include "Platform/Simulation/RunQueue.h"
+
+namespace ostravel::simulation {
+
+// One line that was logged.
+struct LogRecord {
+  platform::LogLevel level = platform::LogLevel::standard;
+  // Both empty for the default log.
+  std::string subsystem;
+  std::string category;
+  // With its arguments in place.
+  std::string line;
+  // Virtual time.
+  std::chrono::nanoseconds moment{0};
+};
+
+// A log handle whose lines are kept in the simulation, also after the handle is gone.
+class SimulatedLog final : public platform::Log {
+ public:
+  SimulatedLog(const RunQueue& run, std::vector<LogRecord>& records, std::string subsystem,
+               std::string category);
+
+ protected:
+  void write(platform::LogLevel level, std::string_view format,
+             std::span<const platform::LogArgument> arguments) override;
+
+ private:
+  const RunQueue& run_;
+  std::vector<LogRecord>& records_;
+  const std::string subsystem_;
+  const std::string category_;
+};
+
+}  // namespace ostravel::simulation

@@ -1,0 +1,156 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Interface/Completion.h"
+#include "Platform/Interface/Data.h"
+#include "Platform/Interface/Error.h"
+#include "Platform/Simulation/RunState.h"
+
+namespace ostravel::simulation {
+
+// How the end of a stream reaches a reader; the seam allows both.
+enum class EndOfStream { absentData, emptyData };
+
+// The far end of a flow or of a connection, the application or the proxy, played by the test.
+//
+// Owned by its near end and by whoever wants to look at it after the near end is gone. What it does
+// takes effect through the run queue: nothing completes before the run goes on.
+class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
+ public:
+  // name: of the near end, for the journal.
+  SimulatedPeer(RunState& run, std::string name);
+  SimulatedPeer(const SimulatedPeer&) = delete;
+  SimulatedPeer& operator=(const SimulatedPeer&) = delete;
+
+  const std::string& name() const { return name_; }
+
+  // --- What the far end does.
+
+  // Makes bytes available to be read, behind those that still are.
+  void send(std::string_view bytes);
+  // The end of the stream, behind the bytes that were sent. In the seeded order its form is drawn.
+  void endSending(EndOfStream form = EndOfStream::absentData);
+  // Every read from now on fails, the outstanding one as well; bytes that are unread are lost.
+  void failReads(platform::Error error);
+  // Every write from now on fails, the outstanding one as well, even if it is held back.
+  void failWrites(platform::Error error);
+  // Both directions at once: what a reset does. Ends a connection as a whole.
+  void reset();
+  void reset(platform::Error error);
+
+  // Write completions are held back until they are released one by one, or all from now on.
+  void holdWrites();
+  // Releases the outstanding write; throws std::logic_error if there is none.
+  void releaseWrite();
+  void releaseWrites();
+
+  // --- What it sees.
+
+  // Every byte whose write was acknowledged.
+  const std::string& received() const { return received_; }
+  // What every write was asked to deliver, acknowledged or not.
+  const std::vector<std::string>& writes() const { return writes_; }
+  // The orderly end of what is written to it.
+  bool sawEnd() const { return sawEnd_ && !sawReset_; }
+  bool sawReset() const { return sawReset_; }
+  // Why, if the near end said so.
+  const platform::OptionalError& resetReason() const { return resetReason_; }
+  // The near end went away without having closed, and before it carried anything.
+  bool wasLeftToSystem() const { return leftToSystem_; }
+
+  // --- What the near end waits for.
+
+  bool readOutstanding() const { return read_.has_value(); }
+  bool writeOutstanding() const { return write_.has_value(); }
+  std::size_t unreadBytes() const { return inbound_.size() - inboundStart_; }
+
+ private:
+  friend class SimulatedTCPConnection;
+  friend class SimulatedTCPFlow;
+  friend class Simulation;
+
+  struct Read {
+    std::size_t minimum;
+    std::size_t maximum;
+    platform::ReadCompletion completion;
+    bool scheduled = false;
+  };
+  struct Write {
+    std::string bytes;
+    platform::ErrorCompletion completion;
+    bool released = false;
+    bool scheduled = false;
+  };
+
+  // Told, inside the call of the far end, about its reset, and after a read reported the end.
+  using ResetHandler = std::function<void(const platform::Error&)>;
+  using EndHandler = std::function<void()>;
+
+  // --- What the near end does.
+
+  void observe(ResetHandler onReset, EndHandler onEnd);
+  // Until then reads and writes wait.
+  void establish();
+  void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion);
+  void write(const platform::Data& data, platform::ErrorCompletion completion);
+  // The outstanding operation fails with the error, if there is one.
+  void closeReading(const platform::OptionalError& error);
+  void closeWriting(const platform::OptionalError& error);
+  // Nothing more is transferred: reads report the error, or the end without one; writes fail.
+  void disconnect(const platform::OptionalError& error);
+  // Both directions, seen as an orderly end; what is outstanding fails with the error.
+  void abandon(const platform::Error& error);
+  // A reset, because a stream that was cut off must not look complete.
+  void cutOff() { sawReset_ = true; }
+  // The near end is gone: its completions are dropped.
+  void detach();
+  // A flow went away: what the application makes of it if it was not closed.
+  void detachUnclosed();
+  void dropCompletions();
+
+  bool readCanComplete() const;
+  void scheduleRead();
+  void completeRead();
+  platform::Data takeChunk();
+  void finishRead(std::optional<platform::Data> data, platform::OptionalError error);
+  void scheduleWrite();
+  void completeWrite();
+  void note(std::string_view what);
+
+  RunState& run_;
+  const std::string name_;
+  ResetHandler onReset_;
+  EndHandler onEnd_;
+  bool established_ = false;
+  // Something was read or acknowledged.
+  bool carried_ = false;
+
+  // Towards the near end. The bytes before inboundStart_ were read already.
+  std::string inbound_;
+  std::size_t inboundStart_ = 0;
+  std::optional<EndOfStream> inboundEnd_;
+  platform::OptionalError readFailure_;
+  bool readingClosed_ = false;
+  std::optional<Read> read_;
+
+  // Towards the far end.
+  bool holdingWrites_ = false;
+  platform::OptionalError writeFailure_;
+  std::optional<Write> write_;
+  bool writingClosed_ = false;
+  std::vector<std::string> writes_;
+  std::string received_;
+  bool sawEnd_ = false;
+  bool sawReset_ = false;
+  platform::OptionalError resetReason_;
+  bool leftToSystem_ = false;
+};
+
+}  // namespace ostravel::simulation

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Interface/HostEndpoint.h"
+#include "Platform/Interface/TCPConnection.h"
+#include "Platform/Interface/TransparentProxyProvider.h"
+#include "Platform/Simulation/SimulatedPeer.h"
+
+namespace ostravel::simulation {
+
+// A connection whose peer, the proxy, is played by the test. Made by the simulation when the
+// provider asks for one, owned by the provider. It is connecting until the test says otherwise;
+// reads and writes wait for that. Destroyed without having been cancelled it is cut off: the peer
+// sees a reset.
+//
+// States: connecting and waiting -> connected -> disconnected; cancelled from everywhere. It is
+// disconnected by the peer's reset, and after a read has reported the end of the stream. What
+// changes the state through the run queue does so in the order in which it was asked for.
+class SimulatedTCPConnection final : public platform::TCPConnection,
+                                     public std::enable_shared_from_this<SimulatedTCPConnection> {
+ public:
+  SimulatedTCPConnection(RunState& run, std::string name, platform::HostEndpoint endpoint,
+                         platform::TLSPolicy tls);
+  ~SimulatedTCPConnection() override;
+
+  // --- The peer's side.
+
+  const std::shared_ptr<SimulatedPeer>& peer() const { return peer_; }
+  const std::string& name() const { return peer_->name(); }
+  const platform::HostEndpoint& endpoint() const { return endpoint_; }
+  platform::TLSPolicy tls() const { return tls_; }
+
+  // The peer's answer to the attempt to connect, delivered through the run queue. An acceptance may
+  // become a refusal by the run's faults.
+  void accept();
+  void refuse();
+  void refuse(platform::Error error);
+  // Changes the state and tells the observers here and now, as a thread of the platform would.
+  void setState(platform::TCPConnectionState state, platform::OptionalError error = std::nullopt);
+
+  bool wasCancelled() const { return wasCancelled_; }
+  std::size_t observerCount() const { return observers_.size(); }
+
+  // --- The provider's side.
+
+  platform::TCPConnectionState state() const override { return state_; }
+  platform::OptionalError error() const override { return error_; }
+  // Throws std::logic_error for a key path other than "state".
+  void addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
+                   std::string_view keyPath) override;
+  // Throws std::logic_error for an observer that is not registered.
+  void removeObserver(platform::KeyValueObserver& observer, std::string_view keyPath) override;
+  void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion) override;
+  void write(platform::Data data, platform::ErrorCompletion completion) override;
+  void cancel() override;
+
+ private:
+  struct Registration {
+    std::weak_ptr<platform::KeyValueObserver> observer;
+    // To find it again when it is being destroyed and cannot be locked any more.
+    const platform::KeyValueObserver* identity;
+  };
+
+  void changeStateLater(platform::TCPConnectionState state, platform::OptionalError error);
+  void applyState(platform::TCPConnectionState state, platform::OptionalError error);
+  bool isRegistered(const platform::KeyValueObserver& observer) const;
+  void notifyObservers();
+
+  RunState& run_;
+  const std::shared_ptr<SimulatedPeer> peer_;
+  const platform::HostEndpoint endpoint_;
+  const platform::TLSPolicy tls_;
+  // Both keep the changes of state in order.
+  const std::shared_ptr<WorkLane> lane_;
+  std::chrono::nanoseconds lastChange_{0};
+  platform::TCPConnectionState state_ = platform::TCPConnectionState::connecting;
+  platform::OptionalError error_;
+  bool wasCancelled_ = false;
+  std::vector<Registration> observers_;
+};
+
+}  // namespace ostravel::simulation

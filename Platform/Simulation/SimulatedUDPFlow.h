@@ -1,0 +1,41 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "Platform/Interface/AppProxyUDPFlow.h"
+#include "Platform/Simulation/RunState.h"
+
+namespace ostravel::simulation {
+
+// A UDP flow. Made by the simulation, owned by whoever takes it.
+class SimulatedUDPFlow final : public platform::AppProxyUDPFlow {
+ public:
+  SimulatedUDPFlow(RunState& run, std::string name, std::string signingIdentifier,
+                   std::optional<platform::HostEndpoint> localEndpoint);
+
+  const std::string& name() const { return name_; }
+
+  // What was closed, by the first call of each; the error is the one that it was closed with.
+  bool readWasClosed() const { return readClosed_; }
+  bool writeWasClosed() const { return writeClosed_; }
+  const platform::OptionalError& readCloseError() const { return readCloseError_; }
+  const platform::OptionalError& writeCloseError() const { return writeCloseError_; }
+
+  std::string sourceAppSigningIdentifier() const override;
+  std::optional<platform::HostEndpoint> localEndpoint() const override;
+  void closeRead(platform::OptionalError error) override;
+  void closeWrite(platform::OptionalError error) override;
+
+ private:
+  RunState& run_;
+  const std::string name_;
+  const std::string signingIdentifier_;
+  const std::optional<platform::HostEndpoint> localEndpoint_;
+  bool readClosed_ = false;
+  bool writeClosed_ = false;
+  platform::OptionalError readCloseError_;
+  platform::OptionalError writeCloseError_;
+};
+
+}  // namespace ostravel::simulation

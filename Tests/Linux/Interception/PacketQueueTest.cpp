@@ -1,0 +1,82 @@
+#include "Platform/Linux/PacketQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <memory>
+#include <vector>
+
+#include "Platform/Linux/InterceptionTable.h"
+#include "Platform/Linux/PacketParser.h"
+#include "Tests/Linux/Interception/Support/NetworkFixture.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Connecting;
+using testing::Listener;
+using testing::loopbackSettings;
+using testing::outputOf;
+using testing::waitForPackets;
+
+constexpr auto kGenerous = 5s;
+
+std::unique_ptr<PacketQueue> openQueue() {
+  return std::get<std::unique_ptr<PacketQueue>>(PacketQueue::open());
+}
+
+std::unique_ptr<InterceptionTable> installTable(const PacketQueue& queue) {
+  return std::get<std::unique_ptr<InterceptionTable>>(
+      InterceptionTable::install(loopbackSettings(), queue.number(), {}));
+}
+
+TEST(PacketQueueTest, TakesANumberOfItsOwn) {
+  const auto first = openQueue();
+  const auto second = openQueue();
+  EXPECT_NE(first->number(), second->number());
+}
+
+TEST(PacketQueueTest, ReturnsAtOnceWhenThereIsNoPacket) {
+  const auto queue = openQueue();
+  EXPECT_FALSE(queue->receive([](const PacketQueue::Packet&) { FAIL(); }));
+}
+
+TEST(PacketQueueTest, HandsOverThePacketFromItsNetworkHeaderOn) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  const auto first = parseFirstPacket(packets[0].bytes);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->tuple.source.port, application.sourcePort());
+  EXPECT_EQ(first->tuple.destination.port, 8000);
+}
+
+TEST(PacketQueueTest, LetsPacketsPassUnseenWhenItIsFull) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  Listener origin("127.0.0.1", 8000);
+  // More than the queue holds; the first ones are held, the rest must connect at once.
+  constexpr int kConnections = 300;
+  std::vector<std::unique_ptr<Connecting>> applications;
+  for (int count = 0; count < kConnections; ++count) {
+    applications.push_back(std::make_unique<Connecting>("127.0.0.1", 8000));
+  }
+  EXPECT_EQ(applications.back()->result(kGenerous), 0);
+  EXPECT_EQ(applications.front()->result(0ms), EINPROGRESS);
+}
+
+TEST(PacketQueueTest, WhatIsHeldWhenItEndsGoesDirectOnItsRetransmission) {
+  auto queue = openQueue();
+  const auto table = installTable(*queue);
+  Listener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  ASSERT_EQ(waitForPackets(*queue, kGenerous).size(), 1U);
+  queue.reset();
+  EXPECT_EQ(application.result(kGenerous), 0);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform
