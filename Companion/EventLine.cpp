@@ -8,8 +8,10 @@
 namespace ostravel::companion {
 namespace {
 
+// The longest signals that come often, and a usual application, still leave the next column
+// straight.
 constexpr std::size_t kLevelWidth = 5;
-constexpr std::size_t kSignalWidth = 26;
+constexpr std::size_t kSignalWidth = 29;
 constexpr std::size_t kAppWidth = 26;
 
 // ECMA-48, section 8.3.117.

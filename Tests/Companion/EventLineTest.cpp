@@ -31,7 +31,7 @@ class EventLineTest : public testing::Test {
 TEST_F(EventLineTest, ShowsTimeLevelSignalAppAndDetailInColumns) {
   event_.details = {{"proxy", "127.0.0.1:8080"}, {"reason", "two words"}, {"count", "3"}};
   EXPECT_EQ(eventLine(event_, Colour::kNone),
-            "05:43:35.123 info  proxy_reachable            org.example.browser        "
+            "05:43:35.123 info  proxy_reachable               org.example.browser        "
             "Tunnel opened proxy=127.0.0.1:8080 reason=\"two words\" count=3");
 }
 
