@@ -54,11 +54,12 @@ std::string eventLine(const ReceivedEvent& event, Colour colour) {
   const std::string app = event.appId.empty() ? "-" : printableText(event.appId);
   std::string line = timeOfDay(event.timestamp) + " " + levelColumn(event, colour) + " " +
                      padded(printableText(event.signal), kSignalWidth) + " " +
-                     padded(app, kAppWidth) + " " + printableText(event.message);
+                     padded(app, kAppWidth) + " ";
+  // The sentence says again what the signal says: a narrow screen had better lose that.
   for (const auto& [key, value] : event.details) {
-    line += " " + printableText(key) + "=" + printableValue(value);
+    line += printableText(key) + "=" + printableValue(value) + " ";
   }
-  return line;
+  return line + (event.details.empty() ? "" : " ") + printableText(event.message);
 }
 
 }  // namespace ostravel::companion

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <memory>
 
 #include "Companion/CompactJson.h"
@@ -97,12 +98,20 @@ std::string textOf(const json_t* event, const char* key) {
   return text(json_object_get(event, key));
 }
 
+// Numbers are measurements: what is behind a thousandth tells a person nothing.
+double rounded(double number) {
+  constexpr double kThousand = 1000.0;
+  // From here on there is nothing behind a thousandth.
+  constexpr double kLargest = 1e13;
+  return std::abs(number) < kLargest ? std::round(number * kThousand) / kThousand : number;
+}
+
 std::string numberText(const json_t* number) {
   std::array<char, 32> digits{};
   char* const end = digits.data() + digits.size();
   const auto result = json_is_integer(number)
                           ? std::to_chars(digits.data(), end, json_integer_value(number))
-                          : std::to_chars(digits.data(), end, json_real_value(number));
+                          : std::to_chars(digits.data(), end, rounded(json_real_value(number)));
   return {digits.data(), result.ptr};
 }
 

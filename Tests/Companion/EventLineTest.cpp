@@ -32,7 +32,7 @@ TEST_F(EventLineTest, ShowsTimeLevelSignalAppAndDetailInColumns) {
   event_.details = {{"proxy", "127.0.0.1:8080"}, {"reason", "two words"}, {"count", "3"}};
   EXPECT_EQ(eventLine(event_, Colour::kNone),
             "05:43:35.123 info  proxy_reachable               org.example.browser        "
-            "Tunnel opened proxy=127.0.0.1:8080 reason=\"two words\" count=3");
+            "proxy=127.0.0.1:8080 reason=\"two words\" count=3  Tunnel opened");
 }
 
 TEST_F(EventLineTest, KeepsTheColumnsAligned) {
@@ -66,7 +66,7 @@ TEST_F(EventLineTest, LetsNoControlCharacterThrough) {
     EXPECT_GE(static_cast<unsigned char>(character), 0x20);
     EXPECT_LT(static_cast<unsigned char>(character), 0x7F);
   }
-  EXPECT_TRUE(line.ends_with("\\x07 \\x08=\\u009b")) << line;
+  EXPECT_TRUE(line.ends_with("\\x08=\\u009b  \\x07")) << line;
 }
 
 }  // namespace

@@ -19,8 +19,8 @@ namespace ostravel::companion::test {
 namespace {
 
 const std::string kEventLine =
-    "05:43:35.123 info  proxy_reachable            org.example.browser        "
-    "Tunnel opened proxy=127.0.0.1:8080 detail=\"a/b c\" duration_ms=12.5 count=3";
+    "05:43:35.123 info  proxy_reachable               org.example.browser        "
+    "proxy=127.0.0.1:8080 detail=\"a/b c\" duration_ms=12.5 count=3  Tunnel opened";
 
 class MonitorProgramTest : public testing::Test {
  protected:
@@ -89,7 +89,7 @@ TEST_F(MonitorProgramTest, KeepsControlCharactersFromTheTerminal) {
   waitUntilReady(monitor);
   send(frame(replaced(kEvent, "Tunnel opened", R"(\u001b]0;x\u0007\r\n\u009b)")));
   const std::string line = monitor.readOutputLine();
-  EXPECT_NE(line.find(R"( \x1b]0;x\x07\r\n\u009b )"), std::string::npos) << line;
+  EXPECT_NE(line.find(R"( \x1b]0;x\x07\r\n\u009b)"), std::string::npos) << line;
 }
 
 TEST_F(MonitorProgramTest, ListensForItsOwnerAlone) {

@@ -31,6 +31,16 @@ TEST(ReceivedEventTest, TakesWhatIsShown) {
   EXPECT_EQ(event.json, replaced(kEvent, "\\/", "/"));
 }
 
+TEST(ReceivedEventTest, RoundsMeasurementsToThousandths) {
+  const auto shown = [](const std::string& number) {
+    return accepted(replaced(kEvent, "12.5", number)).details[2].second;
+  };
+  EXPECT_EQ(shown("5.559444427490234"), "5.559");
+  EXPECT_EQ(shown("0.0004"), "0");
+  EXPECT_EQ(shown("-1.9996"), "-2");
+  EXPECT_EQ(shown("1.5e308"), "1.5e+308");
+}
+
 TEST(ReceivedEventTest, NeedsNoOptionalKey) {
   std::string body = kEvent.substr(0, kEvent.find(",\"metrics\"")) + "}";
   body = replaced(body, "\"flow_id\":\"6F1C\",", "");

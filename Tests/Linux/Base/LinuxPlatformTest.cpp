@@ -27,6 +27,7 @@ TEST(LinuxPlatformTest, QueuesAndTimersWorkTogether) {
   timer->schedule(1ms, std::nullopt, 0ns);
   timer->resume();
   fired.get_future().wait();
+  queue->sync([] {});
 }
 
 TEST(LinuxPlatformTest, MakesQueuesOfBothKinds) {
@@ -35,6 +36,7 @@ TEST(LinuxPlatformTest, MakesQueuesOfBothKinds) {
   std::latch together(2);
   concurrent->async([&together] { together.arrive_and_wait(); });
   concurrent->sync([&together] { together.arrive_and_wait(); });
+  concurrent->syncBarrier([] {});
   const auto serial = platform.makeQueue("s", DispatchQueueKind::serial);
   int count = 0;
   serial->async([&count] { ++count; });

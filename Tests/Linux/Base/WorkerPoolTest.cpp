@@ -35,6 +35,11 @@ class OneItem final : public WorkerPool::Client {
   const std::function<void()> work_;
 };
 
+// Everything that items refer to has to outlive them.
+void drain(WorkerPool& pool) {
+  ASSERT_TRUE(pool.drain(steady_clock::now() + 60s));
+}
+
 void submit(WorkerPool& pool, std::function<void()> work) {
   pool.submit(std::make_shared<OneItem>(pool, std::move(work)));
 }
@@ -44,6 +49,7 @@ TEST(WorkerPoolTest, GivesTurnsOnItsOwnThreads) {
   std::promise<std::thread::id> thread;
   submit(pool, [&thread] { thread.set_value(std::this_thread::get_id()); });
   EXPECT_NE(thread.get_future().get(), std::this_thread::get_id());
+  drain(pool);
 }
 
 TEST(WorkerPoolTest, AllOfItsThreadsWorkSideBySide) {
@@ -72,6 +78,7 @@ TEST(WorkerPoolTest, TwoThreadsAreLeftWhenTwoItemsBlock) {
   }
   together.wait();
   release.count_down();
+  drain(pool);
 }
 
 TEST(WorkerPoolTest, GivesTurnsInOrder) {
@@ -95,6 +102,7 @@ TEST(WorkerPoolTest, GivesTurnsInOrder) {
   }
   done.wait();
   release.count_down();
+  drain(pool);
   for (int i = 0; i < 100; ++i) {
     EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
   }

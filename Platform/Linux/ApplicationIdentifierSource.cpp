@@ -1,0 +1,149 @@
+#include "Platform/Linux/ApplicationIdentifierSource.h"
+
+#include <utility>
+#include <variant>
+
+namespace ostravel::linuxplatform {
+
+using platform::Error;
+
+namespace {
+
+// More processes than send anything between two moments at which nobody minds finding all of them
+// again.
+constexpr std::size_t kMaximumKnownProcesses = 4096;
+
+// Text that does not begin like this could be an identifier that the core exempts.
+std::optional<std::string> executablePath(const Process& process) {
+  if (!process.executable.starts_with('/')) {
+    return std::nullopt;
+  }
+  return process.executable;
+}
+
+}  // namespace
+
+ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort, Warn warn,
+                                                         std::string registrationsFolder)
+    : warn_(std::move(warn)),
+      registrations_(std::move(registrationsFolder), warn_),
+      sources_{
+          [this](const Process& process) -> std::optional<std::string> {
+            if (!process.isExecutableGenuine) {
+              return std::nullopt;
+            }
+            return registrations_.identifierOf(process.executable);
+          },
+          // Other ways to name an application belong here. What they return may be chosen by the
+          // application, so it must not be able to equal an identifier that the core exempts.
+          &executablePath,
+      } {
+  auto diagnostics = SocketDiagnostics::open();
+  if (const auto* error = std::get_if<Error>(&diagnostics)) {
+    warn_(error->localizedDescription + "; every flow is left to the system");
+    return;
+  }
+  diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(diagnostics));
+  proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_);
+  auto tracer = ConnectTracer::start();
+  if (const auto* reason = std::get_if<std::string>(&tracer)) {
+    warn_("connects cannot be traced (" + *reason + "); processes are looked up in /proc instead");
+    return;
+  }
+  tracer_ = std::get<std::unique_ptr<ConnectTracer>>(std::move(tracer));
+}
+
+ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
+
+Identification ApplicationIdentifierSource::identify(const FlowTuple& flow) {
+  const Identification left{.identifier = {}, .leaveToSystem = true};
+  if (!diagnostics_) {
+    return left;
+  }
+  const auto answer = diagnostics_->find(flow);
+  if (answer.hasFailed) {
+    return left;
+  }
+  KnownProcess* const sender = answer.socket ? senderOf(*answer.socket) : nullptr;
+  const auto senderNumber = sender != nullptr ? std::optional(sender->process.pid) : std::nullopt;
+  const auto proxyState = proxy_->refresh(senderNumber);
+  if (proxyState == ProxyProcess::State::unknown) {
+    return left;
+  }
+  if (proxyState == ProxyProcess::State::known) {
+    if (sender != nullptr && isProxy(*sender)) {
+      return {.identifier = std::string(kProxyIdentifier), .leaveToSystem = false};
+    }
+    // Of a socket whose process is not found, the user is known all the same.
+    if (sender == nullptr && answer.socket && answer.socket->uid == proxy_->uid()) {
+      return left;
+    }
+  }
+  if (sender == nullptr) {
+    return {};
+  }
+  if (!sender->identifier) {
+    sender->identifier = identifierOf(sender->process);
+  }
+  return {.identifier = *sender->identifier, .leaveToSystem = false};
+}
+
+void ApplicationIdentifierSource::reloadRegistrations() {
+  registrations_.reload();
+  for (auto& [pid, known] : known_) {
+    known.identifier.reset();
+  }
+}
+
+ApplicationIdentifierSource::KnownProcess* ApplicationIdentifierSource::senderOf(
+    const SocketInformation& socket) {
+  if (tracer_) {
+    if (const auto pid = tracer_->processOf(socket.cookie)) {
+      if (KnownProcess* const sender = knownProcess(*pid)) {
+        return sender;
+      }
+    }
+  }
+  // Connected before the tracer started, or handed on by a process that has ended.
+  const auto pid = processes_.holderOf(socket.inode, socket.uid);
+  return pid ? knownProcess(*pid) : nullptr;
+}
+
+ApplicationIdentifierSource::KnownProcess* ApplicationIdentifierSource::knownProcess(pid_t pid) {
+  const auto found = known_.find(pid);
+  if (found != known_.end()) {
+    if (processes_.stampOf(pid) == found->second.process.stamp) {
+      return &found->second;
+    }
+    known_.erase(found);
+  }
+  auto process = processes_.find(pid);
+  if (!process) {
+    return nullptr;
+  }
+  if (known_.size() >= kMaximumKnownProcesses) {
+    known_.clear();
+  }
+  KnownProcess& known = known_[pid];
+  known.process = std::move(*process);
+  return &known;
+}
+
+bool ApplicationIdentifierSource::isProxy(KnownProcess& sender) const {
+  if (sender.comparedListener != proxy_->listenerCookie()) {
+    sender.comparedListener = proxy_->listenerCookie();
+    sender.isProxy = proxy_->includes(sender.process);
+  }
+  return sender.isProxy;
+}
+
+std::string ApplicationIdentifierSource::identifierOf(const Process& process) const {
+  for (const Source& source : sources_) {
+    if (auto identifier = source(process)) {
+      return std::move(*identifier);
+    }
+  }
+  return {};
+}
+
+}  // namespace ostravel::linuxplatform

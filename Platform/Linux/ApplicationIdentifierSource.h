@@ -1,0 +1,95 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "Platform/Linux/ApplicationRegistrations.h"
+#include "Platform/Linux/ConnectTracer.h"
+#include "Platform/Linux/FlowTuple.h"
+#include "Platform/Linux/ProcessTable.h"
+#include "Platform/Linux/ProxyProcess.h"
+#include "Platform/Linux/SocketDiagnostics.h"
+
+namespace ostravel::linuxplatform {
+
+// Whose flow it is.
+struct Identification {
+  // Valid UTF-8; empty when the process cannot be found.
+  std::string identifier;
+  // It cannot be excluded that the flow is the local proxy's own, which must never be sent to the
+  // proxy again. The identifier says nothing then.
+  bool leaveToSystem = false;
+};
+
+// Finds the application that sends a flow: its socket, the process of that, and what the process is
+// called. In this order:
+//
+//   1. the local proxy, whichever program that is, is kProxyIdentifier;
+//   2. the administrator's registrations;
+//   3. the absolute path of the executable.
+//
+// The core exempts flows by identifier. No process can give itself such an identifier: 1 and 2 do
+// not depend on what a process says, and 3 always begins with "/".
+//
+// Owned by the verdict thread's owner and used by that thread alone after it was made, in the
+// network namespace in which it was made. Does bounded work only: tens of microseconds for a known
+// process, and never more than the budgets of ProcessTable and ProxyProcess together.
+class ApplicationIdentifierSource {
+ public:
+  using Warn = std::function<void(const std::string&)>;
+
+  static constexpr std::string_view kProxyIdentifier = "com.ostravel.proxy-sidecar";
+
+  // warn takes one sentence for people about anything that restricts what can be found, on the
+  // thread that uses this object.
+  ApplicationIdentifierSource(
+      std::uint16_t proxyPort, Warn warn,
+      std::string registrationsFolder = ApplicationRegistrations::kDefaultFolder);
+  ApplicationIdentifierSource(const ApplicationIdentifierSource&) = delete;
+  ApplicationIdentifierSource& operator=(const ApplicationIdentifierSource&) = delete;
+  ~ApplicationIdentifierSource();
+
+  Identification identify(const FlowTuple& flow);
+
+  // Reads the registrations again.
+  void reloadRegistrations();
+
+ private:
+  // A process that has sent before, and what was found out about it.
+  struct KnownProcess {
+    Process process;
+    std::optional<std::string> identifier;
+    // The last listener of the proxy that this process was compared with, and the result.
+    std::uint64_t comparedListener = 0;
+    bool isProxy = false;
+  };
+  using Source = std::function<std::optional<std::string>(const Process&)>;
+
+  // Null when the process cannot be found. Valid until the next call.
+  KnownProcess* senderOf(const SocketInformation& socket);
+  KnownProcess* knownProcess(pid_t pid);
+  bool isProxy(KnownProcess& sender) const;
+  std::string identifierOf(const Process& process) const;
+
+  const Warn warn_;
+  // Null when the kernel does not tell; then every flow is left to the system.
+  std::unique_ptr<SocketDiagnostics> diagnostics_;
+  // Null when connects cannot be traced; then processes are looked up in /proc.
+  std::unique_ptr<ConnectTracer> tracer_;
+  ProcessTable processes_;
+  std::optional<ProxyProcess> proxy_;
+  ApplicationRegistrations registrations_;
+  const std::vector<Source> sources_;
+  std::unordered_map<pid_t, KnownProcess> known_;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,97 @@
+#include "Platform/Linux/ProxyProcess.h"
+
+#include <netinet/in.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// Between two searches that both went through all processes in vain.
+constexpr std::chrono::milliseconds kSearchInterval{250};
+
+}  // namespace
+
+ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes,
+                           std::uint16_t port, std::function<void(const std::string&)> warn)
+    : diagnostics_(diagnostics),
+      processes_(processes),
+      address_{AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, port},
+      warn_(std::move(warn)) {}
+
+ProxyProcess::State ProxyProcess::refresh(std::optional<pid_t> sender) {
+  const auto answer = diagnostics_.findListener(address_);
+  if (answer.hasFailed) {
+    return State::unknown;
+  }
+  if (!answer.socket) {
+    return State::absent;
+  }
+  if (answer.socket->cookie != listener_.cookie) {
+    beginSearch(*answer.socket);
+  }
+  return owner_ ? State::known : findOwner(sender);
+}
+
+void ProxyProcess::beginSearch(const SocketInformation& listener) {
+  std::vector<pid_t> first;
+  if (owner_) {
+    // The same process may have made a new socket.
+    first.push_back(owner_->pid);
+  }
+  listener_ = listener;
+  owner_.reset();
+  search_.emplace(listener.inode, std::move(first), std::nullopt);
+}
+
+ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
+  const auto now = std::chrono::steady_clock::now();
+  if (!search_) {
+    if (now < nextSearch_) {
+      return State::unknown;
+    }
+    beginSearch(listener_);
+  }
+  if (sender) {
+    search_->prefer(*sender);
+  }
+  const auto result = search_->proceed(now + kSearchBudget);
+  if (result == SocketHolderSearch::Result::unfinished) {
+    return State::unknown;
+  }
+  if (result == SocketHolderSearch::Result::found) {
+    owner_ = processes_.find(search_->holder());
+  }
+  search_.reset();
+  if (owner_) {
+    return State::known;
+  }
+  // It has just handed the socket on, or we may not look into it.
+  nextSearch_ = now + kSearchInterval;
+  if (!std::exchange(hasWarned_, true)) {
+    warn_("the process that listens on port " + std::to_string(address_.port) +
+          " cannot be found; until it is, every flow is left to the system");
+  }
+  return State::unknown;
+}
+
+bool ProxyProcess::includes(const Process& process) const {
+  const bool isOwner =
+      process.pid == owner_->pid && process.stamp.startTime == owner_->stamp.startTime;
+  const bool sharesService =
+      !owner_->serviceGroup.empty() && process.serviceGroup == owner_->serviceGroup;
+  return isOwner || sharesService || (process.uid == owner_->uid && hasOwnersExecutable(process)) ||
+         processes_.hasInherited(process.pid, listener_.inode);
+}
+
+bool ProxyProcess::hasOwnersExecutable(const Process& process) const {
+  // After an update the old file and the new one only have the path in common.
+  return (process.executableFile && process.executableFile == owner_->executableFile) ||
+         (process.isExecutableGenuine && owner_->isExecutableGenuine &&
+          process.executable == owner_->executable);
+}
+
+}  // namespace ostravel::linuxplatform

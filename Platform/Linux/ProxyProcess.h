@@ -1,0 +1,68 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "Platform/Linux/ProcessTable.h"
+#include "Platform/Linux/SocketDiagnostics.h"
+#include "Platform/Linux/SocketHolderSearch.h"
+
+namespace ostravel::linuxplatform {
+
+// Who the local proxy is: the process that owns the socket which connections to 127.0.0.1 on the
+// proxy's port reach, whichever program that is and however often it restarts. Part of it are all
+// processes of its service unit, of its executable and user, and those that were handed the socket
+// by a service manager.
+//
+// Asked for every flow: one exact look-up tells whether the socket is still the same. After a
+// change, its owner is searched for within kSearchBudget per flow, and until it is found nothing is
+// known. Used by one thread at a time.
+class ProxyProcess {
+ public:
+  enum class State {
+    // Nothing listens on the port.
+    absent,
+    // Something listens, and whose it is has not been found out. Any flow may be the proxy's own.
+    unknown,
+    known,
+  };
+
+  // As long as a held first packet may wait at most on this account. Happens once per start of the
+  // proxy, and a few times when the machine is very busy.
+  static constexpr std::chrono::milliseconds kSearchBudget{20};
+
+  // The other two outlive this one. warn takes a sentence for people.
+  ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
+               std::function<void(const std::string&)> warn);
+
+  // Looks who listens now. sender is the first candidate when the owner has to be found.
+  State refresh(std::optional<pid_t> sender);
+
+  // The following are valid when the last refresh returned State::known.
+
+  // Stands for the proxy as it is now; another one after every restart.
+  std::uint64_t listenerCookie() const { return listener_.cookie; }
+  bool includes(const Process& process) const;
+  uid_t uid() const { return owner_->uid; }
+
+ private:
+  State findOwner(std::optional<pid_t> sender);
+  void beginSearch(const SocketInformation& listener);
+  bool hasOwnersExecutable(const Process& process) const;
+
+  SocketDiagnostics& diagnostics_;
+  const ProcessTable& processes_;
+  const SocketEndpoint address_;
+  const std::function<void(const std::string&)> warn_;
+  SocketInformation listener_;
+  std::optional<Process> owner_;
+  // While the owner of listener_ is being searched for.
+  std::optional<SocketHolderSearch> search_;
+  std::chrono::steady_clock::time_point nextSearch_;
+  bool hasWarned_ = false;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,16 @@
+# Turns a compiled program into C++ source: cmake -DINPUT=... -DOUTPUT=... -DNAME=... -P this
+file(READ ${INPUT} bytes HEX)
+string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
+# Sixteen bytes of five characters each per line.
+string(REPEAT "." 80 line)
+string(REGEX REPLACE "(${line})" "\\1\n" bytes "${bytes}")
+file(WRITE ${OUTPUT} "#pragma once
+
+namespace ostravel::linuxplatform {
+
+alignas(8) inline constexpr unsigned char ${NAME}[] = {
+${bytes}
+};
+
+}  // namespace ostravel::linuxplatform
+")

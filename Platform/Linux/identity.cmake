@@ -1,0 +1,34 @@
+# Who sent a packet: the socket, its process, and what that is called.
+pkg_check_modules(LIBBPF REQUIRED IMPORTED_TARGET libbpf)
+pkg_check_modules(LIBMNL REQUIRED IMPORTED_TARGET libmnl)
+find_program(BPF_CLANG clang REQUIRED)
+
+set(TRACER_SOURCE ${CMAKE_CURRENT_LIST_DIR}/bpf/ConnectTracer.bpf.c)
+set(TRACER_OBJECT ${CMAKE_CURRENT_BINARY_DIR}/ConnectTracer.bpf.o)
+set(TRACER_FOLDER ${CMAKE_CURRENT_BINARY_DIR}/generated)
+set(TRACER_HEADER ${TRACER_FOLDER}/ConnectTracerProgram.h)
+set(EMBED_SCRIPT ${CMAKE_CURRENT_LIST_DIR}/bpf/EmbedProgram.cmake)
+file(MAKE_DIRECTORY ${TRACER_FOLDER})
+# The debug information holds the description of the map, which the loader needs.
+add_custom_command(OUTPUT ${TRACER_HEADER}
+  COMMAND ${BPF_CLANG} -O2 -g -Wall -Wextra -Werror -target bpf -c ${TRACER_SOURCE}
+          -o ${TRACER_OBJECT}
+  COMMAND ${CMAKE_COMMAND} -DINPUT=${TRACER_OBJECT} -DOUTPUT=${TRACER_HEADER}
+          -DNAME=kConnectTracerProgram -P ${EMBED_SCRIPT}
+  DEPENDS ${TRACER_SOURCE} ${EMBED_SCRIPT}
+  BYPRODUCTS ${TRACER_OBJECT}
+  VERBATIM)
+
+add_library(LinuxIdentity STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/ApplicationIdentifierSource.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ApplicationRegistrations.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ConnectTracer.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ProcessTable.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ProxyProcess.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SocketDiagnostics.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SocketHolderSearch.cpp
+  ${TRACER_HEADER})
+target_include_directories(LinuxIdentity PRIVATE ${TRACER_FOLDER})
+target_link_libraries(LinuxIdentity
+  PUBLIC LinuxNetwork
+  PRIVATE LinuxBase PkgConfig::JANSSON PkgConfig::LIBBPF PkgConfig::LIBMNL)

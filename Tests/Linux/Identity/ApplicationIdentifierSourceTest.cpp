@@ -1,0 +1,308 @@
+#include "Platform/Linux/ApplicationIdentifierSource.h"
+
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Tests/Linux/Identity/Support/Helper.h"
+#include "Tests/Linux/Identity/Support/SocketTools.h"
+#include "Tests/Linux/Identity/Support/TemporaryFolder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace ostravel::testing;
+
+constexpr std::uint16_t kProxyPort = 8080;
+constexpr const char* kProxy = "com.ostravel.proxy-sidecar";
+
+class ApplicationIdentifierSourceTest : public ::testing::Test {
+ protected:
+  void start() {
+    source_.emplace(
+        kProxyPort, [this](const std::string& warning) { warnings_.push_back(warning); },
+        registrations_.path());
+  }
+
+  FlowTuple connectFrom(Helper& helper) {
+    return flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", portOf(listener_)),
+                        portOf(listener_));
+  }
+
+  std::string identifierOf(const FlowTuple& flow) {
+    const auto identification = source_->identify(flow);
+    EXPECT_FALSE(identification.leaveToSystem);
+    return identification.identifier;
+  }
+
+  // Runs body in a process without any permissions but the one it needs for its result.
+  void withoutCapabilities(unsigned kept, const std::function<bool()>& body) {
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+      std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> data{};
+      data[0].effective = data[0].permitted = 1U << kept;
+      const bool dropped = ::syscall(SYS_capset, &header, data.data()) == 0;
+      ::_exit(dropped && body() && !HasFailure() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+
+  const FileDescriptor listener_ = makeListener();
+  const TemporaryFolder registrations_;
+  const TemporaryFolder programs_;
+  std::vector<std::string> warnings_;
+  std::optional<ApplicationIdentifierSource> source_;
+};
+
+TEST_F(ApplicationIdentifierSourceTest, AnApplicationIsCalledByItsPath) {
+  start();
+  const std::string program = programs_.copyHelper("browser");
+  Helper helper(program);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(identifierOf(connectFrom(helper)), program);
+  }
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ApplicationIdentifierSourceTest, FindsTheSendersOfAllKindsOfSockets) {
+  start();
+  Helper helper;
+  const auto listener6 = makeSocket(AF_INET6, SOCK_STREAM);
+  ASSERT_EQ(::listen(listener6.get(), 1), 0);
+  const auto port6 = portOf(listener6);
+  EXPECT_EQ(identifierOf(
+                flowOverIPv6(TransportProtocol::tcp, helper.makeSocket("connect6", port6), port6)),
+            OSTRAVEL_HELPER);
+  EXPECT_EQ(identifierOf(flowOverIPv4(TransportProtocol::udp, helper.makeSocket("send", 443), 443)),
+            OSTRAVEL_HELPER);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ARegisteredApplicationIsCalledByItsIdentifier) {
+  const std::string program = programs_.copyHelper("updater");
+  registrations_.write("a.json", "{\"" + program + "\": \"com.example.updater\"}");
+  start();
+  Helper helper(program);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.updater");
+  registrations_.write("a.json", "{\"" + program + "\": \"com.example.other\"}");
+  EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.updater");
+  source_->reloadRegistrations();
+  EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.other");
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ARegisteredPathCannotBeFaked) {
+  const std::string program = programs_.copyHelper("updater");
+  const std::string fake = programs_.copyHelper("fake");
+  registrations_.write("a.json", "{\"" + program + "\": \"com.example.updater\"}");
+  start();
+  Helper helper(program, [&] {
+    return ::unshare(CLONE_NEWNS) == 0 &&
+           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount(fake.c_str(), program.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  });
+  EXPECT_EQ(identifierOf(connectFrom(helper)), program);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, WarningsAboutRegistrationsArePassedOn) {
+  registrations_.write("a.json", "oops");
+  start();
+  ASSERT_EQ(warnings_.size(), 1U);
+  EXPECT_TRUE(warnings_[0].starts_with(registrations_.path("a.json") + ":1:")) << warnings_[0];
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TheProxyIsRecognisedBeforeItsRegistration) {
+  const std::string program = programs_.copyHelper("proxy");
+  registrations_.write("a.json", "{\"" + program + "\": \"com.example.proxy\"}");
+  start();
+  Helper proxy(program);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), "com.example.proxy");
+  proxy.makeSocket("listen", kProxyPort);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  Helper other;
+  EXPECT_EQ(identifierOf(connectFrom(other)), OSTRAVEL_HELPER);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
+  start();
+  Helper application;
+  const std::string first = programs_.copyHelper("first");
+  const std::string second = programs_.copyHelper("second");
+  Helper bystander(first);
+  for (int i = 0; i < 6; ++i) {
+    const bool isFirst = i % 2 == 0;
+    Helper proxy(isFirst ? first : second);
+    proxy.makeSocket("listen", kProxyPort);
+    // In turn, the proxy and an application are the first to send something.
+    if (i % 3 == 0) {
+      EXPECT_EQ(identifierOf(connectFrom(application)), OSTRAVEL_HELPER);
+    }
+    EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+    EXPECT_EQ(identifierOf(connectFrom(application)), OSTRAVEL_HELPER);
+    // Of the proxy's executable and user while that is the proxy.
+    EXPECT_EQ(identifierOf(connectFrom(bystander)), isFirst ? kProxy : first);
+    proxy.kill();
+    EXPECT_EQ(identifierOf(connectFrom(bystander)), first);
+  }
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
+  start();
+  const std::string program = programs_.copyHelper("proxy");
+  Helper proxy(program);
+  proxy.makeSocket("listen", kProxyPort);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  Helper former(program);
+  ASSERT_EQ(former.ask("user 65534"), "done");
+  EXPECT_EQ(identifierOf(connectFrom(former)), program);
+  Helper successor(programs_.copyHelper("successor"));
+  proxy.kill();
+  successor.makeSocket("listen", kProxyPort);
+  EXPECT_EQ(identifierOf(connectFrom(successor)), kProxy);
+  EXPECT_EQ(identifierOf(connectFrom(former)), program);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AKnownProcessThatStartsAnotherProgramIsThatProgram) {
+  start();
+  const std::string first = programs_.copyHelper("first");
+  const std::string second = programs_.copyHelper("second");
+  Helper helper(first);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), first);
+  ASSERT_EQ(helper.ask("run " + second), "ready");
+  EXPECT_EQ(identifierOf(connectFrom(helper)), second);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSystem) {
+  start();
+  Helper proxy;
+  proxy.makeSocket("listen", kProxyPort);
+  std::vector<std::unique_ptr<Helper>> crowd;
+  for (int i = 0; i < 8; ++i) {
+    crowd.push_back(std::make_unique<Helper>());
+    ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
+  }
+  const std::string program = programs_.copyHelper("application");
+  Helper application(program);
+  const auto flow = connectFrom(application);
+  EXPECT_TRUE(source_->identify(flow).leaveToSystem);
+  for (int i = 0; i < 1000 && source_->identify(flow).leaveToSystem; ++i) {
+  }
+  EXPECT_EQ(identifierOf(flow), program);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
+  start();
+  Helper helper;
+  const auto flow = flowOverIPv4(TransportProtocol::udp, helper.makeSocket("send", 443), 443);
+  ASSERT_EQ(helper.ask("close"), "done");
+  EXPECT_EQ(identifierOf(flow), "");
+}
+
+// A connection whose process has ended, and which goes on all the same: only this process's
+// namespace holds it, while it sends what is left.
+class EndedSender {
+ public:
+  explicit EndedSender(const FileDescriptor& listener, uid_t user) {
+    Helper helper;
+    EXPECT_EQ(helper.ask("user " + std::to_string(user)), "done");
+    flow_ = flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", portOf(listener)),
+                         portOf(listener));
+  }
+  // Its socket waits for the end of the other side.
+  const FlowTuple& flow() const { return flow_; }
+
+ private:
+  FlowTuple flow_;
+};
+
+TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedHasNoIdentifier) {
+  start();
+  const EndedSender sender(listener_, 65534);
+  EXPECT_EQ(identifierOf(sender.flow()), "");
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedAndMayHaveBeenTheProxyIsLeftAlone) {
+  start();
+  Helper proxy;
+  ASSERT_EQ(proxy.ask("user 65534"), "done");
+  proxy.makeSocket("listen", kProxyPort);
+  // The socket forgets its user with its process, so it counts as root's.
+  const EndedSender sender(listener_, 65534);
+  EXPECT_EQ(identifierOf(sender.flow()), "");
+  Helper rootsProxy(programs_.copyHelper("proxy"));
+  proxy.kill();
+  rootsProxy.makeSocket("listen", kProxyPort);
+  EXPECT_TRUE(source_->identify(sender.flow()).leaveToSystem);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AProcessThatConnectedBeforeIsFoundThroughItsDescriptors) {
+  const std::string program = programs_.copyHelper("early");
+  Helper helper(program);
+  const auto flow = connectFrom(helper);
+  start();
+  EXPECT_EQ(identifierOf(flow), program);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ASocketThatWasHandedOnBelongsToWhoHasItNow) {
+  start();
+  const std::string program = programs_.copyHelper("heir");
+  auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  std::unique_ptr<Helper> heir;
+  // Connected by a process that ends, after a third one has got the socket.
+  heir = std::make_unique<Helper>(program, [&socket] { return ::dup(socket.get()) >= 0; });
+  const pid_t connector = ::fork();
+  ASSERT_GE(connector, 0);
+  if (connector == 0) {
+    ::_exit(connectTo(socket, AF_INET, loopbackIPv4(443)) ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(connector, &status, 0), connector);
+  ASSERT_EQ(status, 0);
+  const auto flow = flowOverIPv4(TransportProtocol::udp, portOf(socket), 443);
+  socket = FileDescriptor();
+  EXPECT_EQ(identifierOf(flow), program);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, WithoutTheTracerProcessesAreFoundInProc) {
+  const std::string program = programs_.copyHelper("browser");
+  Helper helper(program);
+  Helper proxy(programs_.copyHelper("proxy"));
+  proxy.makeSocket("listen", kProxyPort);
+  withoutCapabilities(CAP_SYS_PTRACE, [&] {
+    start();
+    EXPECT_EQ(warnings_.size(), 1U);
+    EXPECT_NE(warnings_.at(0).find("connects cannot be traced"), std::string::npos);
+    EXPECT_NE(warnings_.at(0).find("not permitted"), std::string::npos);
+    EXPECT_EQ(identifierOf(connectFrom(helper)), program);
+    EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+    EXPECT_EQ(warnings_.size(), 1U);
+    return true;
+  });
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ManyProcessesAreToldApart) {
+  start();
+  for (int i = 0; i < 100; ++i) {
+    const std::string program =
+        i % 2 == 0 ? OSTRAVEL_HELPER : programs_.copyHelper("program" + std::to_string(i));
+    Helper helper(program);
+    EXPECT_EQ(identifierOf(connectFrom(helper)), program);
+  }
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

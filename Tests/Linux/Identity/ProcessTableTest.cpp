@@ -1,0 +1,261 @@
+#include "Platform/Linux/ProcessTable.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "Platform/Linux/ConnectTracer.h"
+#include "Tests/Linux/Identity/Support/Helper.h"
+#include "Tests/Linux/Identity/Support/SocketTools.h"
+#include "Tests/Linux/Identity/Support/TemporaryFolder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace ostravel::testing;
+
+class ProcessTableTest : public ::testing::Test {
+ protected:
+  ProcessTable processes_;
+  const TemporaryFolder folder_;
+};
+
+TEST_F(ProcessTableTest, DescribesThisProcess) {
+  const auto process = processes_.find(::getpid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->pid, ::getpid());
+  EXPECT_EQ(process->uid, ::geteuid());
+  EXPECT_EQ(process->executable, std::filesystem::read_symlink("/proc/self/exe").string());
+  EXPECT_TRUE(process->isExecutableGenuine);
+  EXPECT_EQ(process->stamp, processes_.stampOf(::getpid()));
+}
+
+TEST_F(ProcessTableTest, TellsTheUserAndTheExecutable) {
+  const std::string program = folder_.copyHelper("program");
+  Helper helper(program);
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  const auto process = processes_.find(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->uid, 65534U);
+  EXPECT_EQ(process->executable, program);
+}
+
+TEST_F(ProcessTableTest, AProgramThatWasRemovedKeepsItsPath) {
+  const std::string program = folder_.copyHelper("program");
+  Helper helper(program);
+  std::filesystem::remove(program);
+  const auto process = processes_.find(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, program);
+  EXPECT_TRUE(process->isExecutableGenuine);
+}
+
+TEST_F(ProcessTableTest, BadBytesInAPathAreReplaced) {
+  Helper helper(folder_.copyHelper("pro\xffgram"));
+  const auto process = processes_.find(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, folder_.path("pro\xef\xbf\xbdgram"));
+}
+
+TEST_F(ProcessTableTest, ThereIsNothingToSayAboutAProcessThatHasEnded) {
+  Helper helper;
+  const pid_t pid = helper.pid();
+  helper.kill();
+  EXPECT_FALSE(processes_.find(pid));
+  EXPECT_FALSE(processes_.stampOf(pid));
+}
+
+TEST_F(ProcessTableTest, AProcessThatHasEndedButIsNotWaitedForHasNoExecutable) {
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(::pipe(pipe.data()), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::_exit(0);
+  }
+  siginfo_t info{};
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+  const auto process = processes_.find(child);
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, "");
+  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+}
+
+TEST_F(ProcessTableTest, AnotherProgramOrAnotherProcessHasAnotherStamp) {
+  Helper helper;
+  const auto before = processes_.stampOf(helper.pid());
+  ASSERT_TRUE(before);
+  EXPECT_EQ(processes_.stampOf(helper.pid()), before);
+  // Stacks begin at random places, a few of which may be the same.
+  bool isDifferent = false;
+  for (int i = 0; i < 20 && !isDifferent; ++i) {
+    ASSERT_EQ(helper.ask("run " OSTRAVEL_HELPER), "ready");
+    isDifferent = processes_.stampOf(helper.pid()) != before;
+  }
+  EXPECT_TRUE(isDifferent);
+  const auto now = processes_.stampOf(helper.pid());
+  EXPECT_EQ(now->startTime, before->startTime);
+  Helper other;
+  EXPECT_NE(processes_.stampOf(other.pid()), now);
+}
+
+TEST_F(ProcessTableTest, AProcessIsNotConfusedByTheNameOfItsProgram) {
+  Helper helper(folder_.copyHelper("a) R 1 (b"));
+  Helper plain;
+  const auto odd = processes_.stampOf(helper.pid());
+  const auto reference = processes_.stampOf(plain.pid());
+  ASSERT_TRUE(odd && reference);
+  EXPECT_LE(odd->startTime, reference->startTime);
+  EXPECT_GT(odd->startTime + 60 * static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK)),
+            reference->startTime);
+  EXPECT_GT(odd->stackStart, 4096U);
+}
+
+// In its own view of the file system, program is covered by cover.
+std::function<bool()> covering(const std::string& program, const std::string& cover) {
+  return [program, cover] {
+    return ::unshare(CLONE_NEWNS) == 0 &&
+           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           (cover.empty() ||
+            ::mount(cover.c_str(), program.c_str(), nullptr, MS_BIND, nullptr) == 0);
+  };
+}
+
+TEST_F(ProcessTableTest, AProgramThatIsMountedOverAnotherIsNotGenuine) {
+  const std::string program = folder_.copyHelper("program");
+  const std::string cover = folder_.copyHelper("cover");
+  Helper helper(program, covering(program, cover));
+  const auto process = processes_.find(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, program);
+  EXPECT_FALSE(process->isExecutableGenuine);
+}
+
+TEST_F(ProcessTableTest, TheSameProgramSeenFromElsewhereIsGenuine) {
+  const std::string program = folder_.copyHelper("program");
+  Helper helper(program, covering(program, ""));
+  const auto process = processes_.find(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, program);
+  EXPECT_TRUE(process->isExecutableGenuine);
+}
+
+TEST_F(ProcessTableTest, TellsTheControlGroupOfTheService) {
+  const auto root = findCgroupRoot("/proc/self/mounts");
+  ASSERT_TRUE(root);
+  const std::string name = "/ostravel-test-" + std::to_string(::getpid()) + ".service";
+  const std::string group = *root + name;
+  ASSERT_TRUE(std::filesystem::create_directories(group + "/inner"));
+  {
+    Helper helper;
+    std::ofstream(group + "/inner/cgroup.procs") << helper.pid();
+    const auto process = processes_.find(helper.pid());
+    ASSERT_TRUE(process);
+    EXPECT_EQ(process->serviceGroup, name);
+  }
+  EXPECT_EQ(::rmdir((group + "/inner").c_str()), 0);
+  EXPECT_EQ(::rmdir(group.c_str()), 0);
+}
+
+TEST(ServiceGroupTest, IsTheInnermostService) {
+  EXPECT_EQ(serviceGroupOf("/system.slice/proxy.service"), "/system.slice/proxy.service");
+  EXPECT_EQ(serviceGroupOf("/system.slice/proxy.service/worker/1"), "/system.slice/proxy.service");
+  EXPECT_EQ(serviceGroupOf("/user.slice/user-1.slice/user@1.service/app.slice/proxy.service"),
+            "/user.slice/user-1.slice/user@1.service/app.slice/proxy.service");
+  EXPECT_EQ(serviceGroupOf("/system.slice/system-proxy.slice/proxy@1.service"),
+            "/system.slice/system-proxy.slice/proxy@1.service");
+}
+
+TEST(ServiceGroupTest, IsEmptyOutsideOfServices) {
+  for (const char* const group :
+       {"", "/", "/init.scope", "/user.slice/user-1.slice/session-2.scope",
+        "/user.slice/user-1.slice/user@1.service/app.slice/app-x.scope",
+        "/user.slice/user-1.slice/user@1.service/init.scope",
+        "/user.slice/user-1.slice/user@1.service", "/user.slice/user-1.slice/user@1.service/deep",
+        "/system.slice/docker-1.scope", "/system.slice"}) {
+    EXPECT_EQ(serviceGroupOf(group), "") << group;
+  }
+}
+
+TEST_F(ProcessTableTest, FindsTheHolderOfASocket) {
+  const auto listener = makeListener();
+  const auto own = makeSocket(AF_INET, SOCK_DGRAM);
+  EXPECT_EQ(processes_.holderOf(inodeOf(own), ::getuid()), ::getpid());
+  EXPECT_FALSE(processes_.holderOf(0, ::getuid()));
+}
+
+TEST_F(ProcessTableTest, GivesUpTheSearchForAHolderWhenItTakesTooLong) {
+  // More descriptors than can be looked at in time.
+  Helper one;
+  Helper two;
+  ASSERT_EQ(one.ask("hold 15000"), "done");
+  ASSERT_EQ(two.ask("hold 15000"), "done");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(processes_.holderOf(0xffffffff, ::getuid()));
+  // It ends long before everything was seen, however busy the machine is.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+TEST_F(ProcessTableTest, RemembersWhoHeldTheLastSockets) {
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  ASSERT_EQ(processes_.holderOf(inodeOf(socket), ::getuid()), ::getpid());
+  // Now far behind the newest processes, and of another user than is asked for.
+  Helper one;
+  Helper two;
+  ASSERT_EQ(one.ask("hold 15000"), "done");
+  ASSERT_EQ(two.ask("hold 15000"), "done");
+  const auto other = makeSocket(AF_INET, SOCK_DGRAM);
+  EXPECT_EQ(processes_.holderOf(inodeOf(other), 65534), ::getpid());
+}
+
+TEST_F(ProcessTableTest, KnowsWhatAProcessWasHandedAtItsStart) {
+  const auto socket = makeSocket(AF_INET, SOCK_STREAM);
+  Helper with(OSTRAVEL_HELPER, [&socket] { return ::dup2(socket.get(), 3) == 3; });
+  Helper without;
+  EXPECT_TRUE(processes_.hasInherited(with.pid(), inodeOf(socket)));
+  EXPECT_FALSE(processes_.hasInherited(without.pid(), inodeOf(socket)));
+  with.kill();
+  EXPECT_FALSE(processes_.hasInherited(with.pid(), inodeOf(socket)));
+}
+
+TEST_F(ProcessTableTest, CopesWithProcessesThatComeAndGo) {
+  std::atomic<bool> ends = false;
+  std::atomic<pid_t> latest = ::getpid();
+  std::thread spawner([&] {
+    while (!ends) {
+      const pid_t child = ::fork();
+      if (child == 0) {
+        ::_exit(0);
+      }
+      latest = child;
+      ::waitpid(child, nullptr, 0);
+    }
+  });
+  int found = 0;
+  for (int i = 0; i < 2000; ++i) {
+    const pid_t pid = latest;
+    const auto process = processes_.find(pid);
+    if (process) {
+      ++found;
+      EXPECT_EQ(process->pid, pid);
+      EXPECT_GT(process->stamp.startTime, 0U);
+    }
+  }
+  EXPECT_TRUE(processes_.find(::getpid()));
+  ends = true;
+  spawner.join();
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

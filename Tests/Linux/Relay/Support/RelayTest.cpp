@@ -1,0 +1,145 @@
+#include "Tests/Linux/Relay/Support/RelayTest.h"
+
+#include <ctime>
+#include <thread>
+
+namespace ostravel::linuxplatform::test {
+
+std::pair<platform::ReadCompletion, std::future<ReadOutcome>> readCompletion() {
+  auto promise = std::make_shared<std::promise<ReadOutcome>>();
+  auto future = promise->get_future();
+  return {[promise](const std::optional<platform::Data>& data, platform::OptionalError error) {
+            ReadOutcome outcome{std::nullopt, std::move(error)};
+            if (data) {
+              const auto bytes = data->bytes();
+              outcome.bytes.emplace(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+            }
+            // Throws when it is called twice.
+            promise->set_value(std::move(outcome));
+          },
+          std::move(future)};
+}
+
+std::pair<platform::ErrorCompletion, std::future<platform::OptionalError>> errorCompletion() {
+  auto promise = std::make_shared<std::promise<platform::OptionalError>>();
+  auto future = promise->get_future();
+  return {[promise](platform::OptionalError error) { promise->set_value(std::move(error)); },
+          std::move(future)};
+}
+
+platform::Error someError() {
+  return {"test", 7, "the tunnel failed"};
+}
+
+bool RelayTest::eventually(const std::function<bool()>& condition) {
+  const auto limit = std::chrono::steady_clock::now() + kPatience;
+  while (!onLoop(condition)) {
+    if (std::chrono::steady_clock::now() > limit) {
+      return false;
+    }
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+FlowTuple RelayTest::tupleOf(const SocketEndpoint& source) const {
+  FlowTuple tuple;
+  tuple.source = source;
+  tuple.destination.family = source.family;
+  tuple.destination.address = {192, 0, 2, 1};
+  tuple.destination.port = 443;
+  return tuple;
+}
+
+RelayTest::Flow RelayTest::makeFlow(const SocketEndpoint& source) {
+  auto verdict = std::make_shared<Verdict>();
+  auto flow = std::make_shared<LinuxTCPFlow>(loop(), tupleOf(source), "org.example.browser",
+                                             platform::HostEndpoint{"192.0.2.1", "443"},
+                                             std::make_unique<RecordedPacket>(verdict));
+  return {std::move(flow), std::move(verdict)};
+}
+
+RelayTest::CarriedFlow RelayTest::carryFlow() {
+  ApplicationSocket application(kApplicationIPv4);
+  Flow made = makeFlow(application.local());
+  auto [completion, future] = readCompletion();
+  made.flow->read(std::move(completion));
+  EXPECT_EQ(made.verdict->wait(), "redirect 0");
+  EXPECT_EQ(application.connectTo("127.0.0.1", loop().listener().ipv4Port()), 0);
+  application.send("x");
+  EXPECT_EQ(waitFor(std::move(future)).bytes, "x");
+  return {std::move(made.flow), std::move(application)};
+}
+
+RelayTest::Connected RelayTest::connect() {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  auto connection = loops_.connect({"127.0.0.1", std::to_string(listener.local().port)});
+  ApplicationSocket server = listener.accept();
+  EXPECT_FALSE(write(*connection, "x"));
+  EXPECT_EQ(server.receive(1).bytes, "x");
+  return {std::move(connection), std::move(server)};
+}
+
+ReadOutcome RelayTest::read(LinuxTCPFlow& flow) {
+  auto [completion, future] = readCompletion();
+  flow.read(std::move(completion));
+  return waitFor(std::move(future));
+}
+
+ReadOutcome RelayTest::read(LinuxTCPConnection& connection, std::size_t minimum,
+                            std::size_t maximum) {
+  auto [completion, future] = readCompletion();
+  connection.read(minimum, maximum, std::move(completion));
+  return waitFor(std::move(future));
+}
+
+platform::OptionalError RelayTest::write(LinuxTCPFlow& flow, const std::string& bytes) {
+  auto [completion, future] = errorCompletion();
+  flow.write(platform::Data::copyOf(bytes), std::move(completion));
+  return waitFor(std::move(future));
+}
+
+platform::OptionalError RelayTest::write(LinuxTCPConnection& connection, const std::string& bytes) {
+  auto [completion, future] = errorCompletion();
+  connection.write(platform::Data::copyOf(bytes), std::move(completion));
+  return waitFor(std::move(future));
+}
+
+std::future<platform::OptionalError> RelayTest::writeUntilStalled(LinuxTCPConnection& connection,
+                                                                  std::size_t& acknowledged) {
+  const std::string chunk(256 * 1024, 'w');
+  acknowledged = 0;
+  while (true) {
+    auto [completion, future] = errorCompletion();
+    connection.write(platform::Data::copyOf(chunk), std::move(completion));
+    // The write is tried on the loop at once; if it completes, then in the turn after.
+    drain();
+    drain();
+    if (future.wait_for(0s) != std::future_status::ready) {
+      return std::move(future);
+    }
+    EXPECT_FALSE(future.get());
+    acknowledged += chunk.size();
+  }
+}
+
+RelayTest::Activity RelayTest::activityWithin(std::chrono::milliseconds time) {
+  const auto look = [this] {
+    timespec cpu{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu);
+    return Activity{loop().counters().wakeups,
+                    std::chrono::seconds(cpu.tv_sec) + std::chrono::nanoseconds(cpu.tv_nsec)};
+  };
+  const Activity before = onLoop(look);
+  std::promise<void> elapsed;
+  EventLoop::Timer timer(loop().context(), time);
+  onLoop([&timer, &elapsed] {
+    timer.async_wait([&elapsed](asio::error_code /*error*/) { elapsed.set_value(); });
+  });
+  elapsed.get_future().wait();
+  const Activity after = onLoop(look);
+  return {after.wakeups - before.wakeups, after.cpuTime - before.cpuTime};
+}
+
+}  // namespace ostravel::linuxplatform::test

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <atomic>
+#include <future>
+#include <memory>
+
+#include "Platform/Interface/AppProxyTCPFlow.h"
+#include "Platform/Interface/TCPConnection.h"
+
+namespace ostravel::linuxplatform::test {
+
+// Carries bytes between a flow and a connection as the core does: read on one side, write to the
+// other, read again; whatever ends, ends everything.
+class RelayTunnel : public std::enable_shared_from_this<RelayTunnel> {
+ public:
+  RelayTunnel(std::shared_ptr<platform::AppProxyTCPFlow> flow,
+              std::shared_ptr<platform::TCPConnection> connection)
+      : flow_(std::move(flow)), connection_(std::move(connection)) {}
+
+  void start();
+  void close(const platform::OptionalError& error);
+  // Ready when the tunnel has been closed.
+  std::future<void> closed() { return closed_.get_future(); }
+
+ private:
+  void pipeLocalToRemote();
+  void pipeRemoteToLocal();
+
+  const std::shared_ptr<platform::AppProxyTCPFlow> flow_;
+  const std::shared_ptr<platform::TCPConnection> connection_;
+  std::atomic<bool> isClosed_ = false;
+  std::promise<void> closed_;
+};
+
+}  // namespace ostravel::linuxplatform::test
