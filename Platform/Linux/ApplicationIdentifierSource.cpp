@@ -74,8 +74,7 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow) {
     if (sender != nullptr && isProxy(*sender)) {
       return {.identifier = std::string(kProxyIdentifier), .leaveToSystem = false};
     }
-    // Of a socket whose process is not found, the user is known all the same.
-    if (sender == nullptr && answer.socket && answer.socket->uid == proxy_->uid()) {
+    if (sender == nullptr && answer.socket && mayBeProxys(*answer.socket)) {
       return left;
     }
   }
@@ -135,6 +134,11 @@ bool ApplicationIdentifierSource::isProxy(KnownProcess& sender) const {
     sender.isProxy = proxy_->includes(sender.process);
   }
   return sender.isProxy;
+}
+
+bool ApplicationIdentifierSource::mayBeProxys(const SocketInformation& socket) const {
+  // Of a socket that no process holds any more, some kernels do not tell the user either.
+  return socket.inode == 0 || socket.uid == proxy_->uid();
 }
 
 std::string ApplicationIdentifierSource::identifierOf(const Process& process) const {

@@ -78,6 +78,8 @@ class ApplicationIdentifierSource {
   KnownProcess* senderOf(const SocketInformation& socket);
   KnownProcess* knownProcess(pid_t pid);
   bool isProxy(KnownProcess& sender) const;
+  // For a socket whose process is not found.
+  bool mayBeProxys(const SocketInformation& socket) const;
   std::string identifierOf(const Process& process) const;
 
   const Warn warn_;

@@ -1,6 +1,7 @@
 #include "Platform/Linux/Interceptor.h"
 
 #include <poll.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <array>
@@ -97,6 +98,7 @@ Interceptor::~Interceptor() {
 }
 
 void Interceptor::run() {
+  ::pthread_setname_np(::pthread_self(), "verdict");
   auto nextBeat = std::chrono::steady_clock::now() + kBeatInterval;
   while (true) {
     std::array<pollfd, 2> waited{

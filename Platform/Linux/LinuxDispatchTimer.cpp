@@ -1,7 +1,6 @@
 #include "Platform/Linux/LinuxDispatchTimer.h"
 
 #include <algorithm>
-#include <asio/steady_timer.hpp>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
@@ -10,7 +9,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = TimerService::Clock;
 using std::chrono::nanoseconds;
 
 constexpr auto kZero = nanoseconds::zero();
@@ -30,14 +29,15 @@ Clock::time_point coalesced(Clock::time_point time, nanoseconds leeway) {
 }  // namespace
 
 struct LinuxDispatchTimer::State {
-  State(asio::io_context& context, std::shared_ptr<platform::DispatchQueue> queueOfHandler)
-      : queue(std::move(queueOfHandler)), alarm(context) {}
+  State(TimerService& serviceOfAlarm, std::shared_ptr<platform::DispatchQueue> queueOfHandler)
+      : service(serviceOfAlarm), queue(std::move(queueOfHandler)) {}
 
+  TimerService& service;
   const std::shared_ptr<platform::DispatchQueue> queue;
 
-  // Guards everything below, also against concurrent use of the alarm.
+  // Guards everything below.
   std::mutex mutex;
-  asio::steady_timer alarm;
+  std::optional<TimerService::Alarm> alarm;
   // Counts the settings of the alarm, so that one that came too late to be stopped is recognised.
   unsigned arming = 0;
   std::shared_ptr<const Handler> handler;
@@ -53,7 +53,7 @@ struct LinuxDispatchTimer::State {
 
 LinuxDispatchTimer::LinuxDispatchTimer(TimerService& service,
                                        std::shared_ptr<platform::DispatchQueue> queue)
-    : state_(std::make_shared<State>(service.context(), std::move(queue))) {}
+    : state_(std::make_shared<State>(service, std::move(queue))) {}
 
 LinuxDispatchTimer::~LinuxDispatchTimer() {
   cancel();
@@ -98,17 +98,19 @@ void LinuxDispatchTimer::cancel() {
 // Sets the alarm to what the state asks for now. Called with the mutex held.
 void LinuxDispatchTimer::arm(const std::shared_ptr<State>& state) {
   ++state->arming;
+  if (const auto alarm = std::exchange(state->alarm, std::nullopt)) {
+    state->service.takeBack(*alarm);
+  }
   if (!state->isScheduled || !state->isResumed || state->isCancelled) {
-    state->alarm.cancel();
     return;
   }
-  state->alarm.expires_at(coalesced(state->nextExpiration, state->leeway));
-  state->alarm.async_wait(
-      [weakState = std::weak_ptr<State>(state), arming = state->arming](asio::error_code) {
-        if (const auto strongState = weakState.lock()) {
-          expire(strongState, arming);
-        }
-      });
+  state->alarm =
+      state->service.set(coalesced(state->nextExpiration, state->leeway),
+                         [weakState = std::weak_ptr<State>(state), arming = state->arming] {
+                           if (const auto strongState = weakState.lock()) {
+                             expire(strongState, arming);
+                           }
+                         });
 }
 
 void LinuxDispatchTimer::expire(const std::shared_ptr<State>& state, unsigned arming) {

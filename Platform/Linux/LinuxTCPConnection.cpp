@@ -211,6 +211,7 @@ void LinuxTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> o
   requireStateKeyPath(keyPath);
   const auto* const identity = observer.lock().get();
   const std::lock_guard guard(lock_);
+  forgetDestroyedObservers();
   observers_.push_back({std::move(observer), identity});
 }
 
@@ -230,8 +231,7 @@ void LinuxTCPConnection::notifyObservers() {
   std::vector<Registration> observers;
   {
     const std::lock_guard guard(lock_);
-    std::erase_if(observers_,
-                  [](const auto& registration) { return registration.observer.expired(); });
+    forgetDestroyedObservers();
     observers = observers_;
   }
   // Without the lock: an observer may remove itself or another one.
@@ -241,6 +241,12 @@ void LinuxTCPConnection::notifyObservers() {
       observer->observeValue(kStateKeyPath, this);
     }
   }
+}
+
+// Another observer may live at the address of one that is gone.
+void LinuxTCPConnection::forgetDestroyedObservers() {
+  std::erase_if(observers_,
+                [](const auto& registration) { return registration.observer.expired(); });
 }
 
 bool LinuxTCPConnection::isRegistered(const platform::KeyValueObserver& observer) const {

@@ -72,6 +72,7 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   void changeStateLater(platform::TCPConnectionState state, int error);
   void changeState(platform::TCPConnectionState state, int error);
   void notifyObservers();
+  void forgetDestroyedObservers();
   bool isRegistered(const platform::KeyValueObserver& observer) const;
 
   std::shared_ptr<StreamSocket> sharedStream() override;

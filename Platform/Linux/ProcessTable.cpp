@@ -31,17 +31,14 @@ std::string pathOf(pid_t pid, const char* file) {
 }
 
 // What fits of a small file, by one read.
-std::optional<std::string> contentOf(const FileDescriptor& file) {
+std::optional<std::string> contentOf(const std::string& path) {
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   std::array<char, kFileSize> text;
   const auto length = file.isOpen() ? ::read(file.get(), text.data(), text.size()) : -1;
   if (length < 0) {
     return std::nullopt;
   }
   return std::string(text.data(), static_cast<std::size_t>(length));
-}
-
-std::optional<std::string> contentOf(const std::string& path) {
-  return contentOf(FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC)));
 }
 
 std::optional<std::string> linkTarget(const std::string& path) {
@@ -86,14 +83,6 @@ std::string_view word(std::string_view text, int n) {
   return text.substr(0, text.find(' '));
 }
 
-uid_t effectiveUser(pid_t pid) {
-  const auto status = contentOf(pathOf(pid, "status"));
-  // Uid: real effective saved file system
-  const std::string_view users = lineBehind(status.value_or(""), "Uid:\t");
-  const auto tab = users.find('\t');
-  return tab == std::string_view::npos ? 0 : numberIn<uid_t>(users.substr(tab + 1));
-}
-
 std::optional<FileIdentity> fileAt(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) {
@@ -130,10 +119,10 @@ void readExecutable(Process& process) {
 }  // namespace
 
 std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
-  const FileDescriptor file(::open(pathOf(pid, "stat").c_str(), O_RDONLY | O_CLOEXEC));
-  const auto text = contentOf(file);
+  const auto text = contentOf(pathOf(pid, "stat"));
+  // The folder belongs to the process's user, its files do not always.
   struct stat status {};
-  if (!text || ::fstat(file.get(), &status) != 0) {
+  if (!text || ::stat(pathOf(pid, "").c_str(), &status) != 0) {
     return std::nullopt;
   }
   // The name in brackets may contain anything; what follows is field 3.
@@ -148,7 +137,7 @@ std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
   return ProcessStamp{
       .startTime = numberIn<std::uint64_t>(word(fields, kStartTime - kFirstField)),
       .stackStart = numberIn<std::uint64_t>(word(fields, kStackStart - kFirstField)),
-      .owner = status.st_uid};
+      .uid = status.st_uid};
 }
 
 std::optional<Process> ProcessTable::find(pid_t pid) const {
@@ -159,7 +148,6 @@ std::optional<Process> ProcessTable::find(pid_t pid) const {
   Process process;
   process.pid = pid;
   process.stamp = *stamp;
-  process.uid = effectiveUser(pid);
   readExecutable(process);
   // The unified hierarchy is number 0 and has no controllers (cgroups(7)).
   const auto groups = contentOf(pathOf(pid, "cgroup"));

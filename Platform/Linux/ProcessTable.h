@@ -19,8 +19,8 @@ struct ProcessStamp {
   std::uint64_t startTime = 0;
   // Where the program's stack begins, which is drawn anew for every program.
   std::uint64_t stackStart = 0;
-  // Of the process's files in /proc.
-  uid_t owner = 0;
+  // The effective user.
+  uid_t uid = 0;
 
   friend bool operator==(const ProcessStamp&, const ProcessStamp&) = default;
 };
@@ -36,8 +36,6 @@ struct FileIdentity {
 struct Process {
   pid_t pid = 0;
   ProcessStamp stamp;
-  // The effective user.
-  uid_t uid = 0;
   // Absolute path of the program, valid UTF-8; empty when it cannot be told.
   std::string executable;
   std::optional<FileIdentity> executableFile;

@@ -83,7 +83,8 @@ bool ProxyProcess::includes(const Process& process) const {
       process.pid == owner_->pid && process.stamp.startTime == owner_->stamp.startTime;
   const bool sharesService =
       !owner_->serviceGroup.empty() && process.serviceGroup == owner_->serviceGroup;
-  return isOwner || sharesService || (process.uid == owner_->uid && hasOwnersExecutable(process)) ||
+  return isOwner || sharesService ||
+         (process.stamp.uid == owner_->stamp.uid && hasOwnersExecutable(process)) ||
          processes_.hasInherited(process.pid, listener_.inode);
 }
 

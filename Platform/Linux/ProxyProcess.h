@@ -46,7 +46,7 @@ class ProxyProcess {
   // Stands for the proxy as it is now; another one after every restart.
   std::uint64_t listenerCookie() const { return listener_.cookie; }
   bool includes(const Process& process) const;
-  uid_t uid() const { return owner_->uid; }
+  uid_t uid() const { return owner_->stamp.uid; }
 
  private:
   State findOwner(std::optional<pid_t> sender);

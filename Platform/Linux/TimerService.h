@@ -1,17 +1,29 @@
 #pragma once
 
-#include <asio/executor_work_guard.hpp>
-#include <asio/io_context.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
 #include <thread>
+#include <utility>
 
 namespace ostravel::linuxplatform {
 
 // The thread on which the timers of all queues expire. It only puts handlers on their queues, so
 // nothing that a handler does can make another timer late. Owned by the platform; outlives every
-// timer.
+// timer. Usable from any thread.
+//
+// Nearly all alarms are taken back long before they are due, since every tunnel sets one and few
+// need it. So taking one back wakes nobody, and setting one does only if it is the next to expire.
 class TimerService {
  public:
-  // Throws std::system_error when the thread or its descriptors cannot be made.
+  using Clock = std::chrono::steady_clock;
+  // When an alarm is due, and a number that makes it unique.
+  using Alarm = std::pair<Clock::time_point, std::uint64_t>;
+
+  // Throws std::system_error when the thread cannot be made.
   TimerService();
   TimerService(const TimerService&) = delete;
   TimerService& operator=(const TimerService&) = delete;
@@ -20,11 +32,22 @@ class TimerService {
   // Nothing expires after this returns.
   void stop();
 
-  asio::io_context& context() { return context_; }
+  // Calls expire at that time, on the thread of the service, unless the alarm is taken back.
+  Alarm set(Clock::time_point time, std::function<void()> expire);
+  // It may be expiring at this moment.
+  void takeBack(const Alarm& alarm);
 
  private:
-  asio::io_context context_;
-  asio::executor_work_guard<asio::io_context::executor_type> keepsRunning_;
+  void run();
+  void waitForNext(std::unique_lock<std::mutex>& lock);
+
+  std::mutex mutex_;
+  std::condition_variable wakeUp_;
+  std::map<Alarm, std::function<void()>> alarms_;
+  std::uint64_t lastNumber_ = 0;
+  // An alarm that is due earlier than this has to wake the thread.
+  Clock::time_point sleepsUntil_ = Clock::time_point::min();
+  bool isStopping_ = false;
   std::thread thread_;
 };
 

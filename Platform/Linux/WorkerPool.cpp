@@ -35,23 +35,42 @@ void WorkerPool::endThreads() {
 }
 
 void WorkerPool::submit(std::shared_ptr<Client> client) {
+  bool isCallNeeded = false;
   {
     const std::lock_guard lock(mutex_);
     clients_.push_back(std::move(client));
+    isCallNeeded = callOne();
   }
-  wakeUp_.notify_one();
+  if (isCallNeeded) {
+    wakeUp_.notify_one();
+  }
+}
+
+// Whether a thread has to be woken for the client in front. Called with the lock held.
+bool WorkerPool::callOne() {
+  return sleepingThreads_ > 0 && !std::exchange(isThreadCalled_, true);
 }
 
 void WorkerPool::run() {
   std::unique_lock lock(mutex_);
   while (true) {
-    wakeUp_.wait(lock, [this] { return !clients_.empty() || isEnding_; });
+    while (clients_.empty() && !isEnding_) {
+      ++sleepingThreads_;
+      wakeUp_.wait(lock);
+      --sleepingThreads_;
+      isThreadCalled_ = false;
+    }
     if (clients_.empty()) {
       return;
     }
     std::shared_ptr<Client> client = std::move(clients_.front());
     clients_.pop_front();
+    // For those that have come while this thread was waking up: the turn may be a long one.
+    const bool isCallNeeded = !clients_.empty() && callOne();
     lock.unlock();
+    if (isCallNeeded) {
+      wakeUp_.notify_one();
+    }
     client->takeTurn();
     client.reset();
     lock.lock();

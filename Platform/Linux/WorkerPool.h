@@ -54,11 +54,16 @@ class WorkerPool {
 
  private:
   void run();
+  bool callOne();
   void endThreads();
 
   std::mutex mutex_;
   std::condition_variable wakeUp_;
   std::deque<std::shared_ptr<Client>> clients_;
+  std::size_t sleepingThreads_ = 0;
+  // A thread was woken and has not looked yet. It calls the next one if it finds more than it can
+  // take, so that clients that come in quick succession do not wake a thread each.
+  bool isThreadCalled_ = false;
   bool isEnding_ = false;
 
   std::atomic<std::size_t> unfinishedItems_ = 0;

@@ -1,5 +1,5 @@
 # Who sent a packet: the socket, its process, and what that is called.
-pkg_check_modules(LIBBPF REQUIRED IMPORTED_TARGET libbpf)
+pkg_check_modules(LIBBPF REQUIRED IMPORTED_TARGET GLOBAL libbpf)
 pkg_check_modules(LIBMNL REQUIRED IMPORTED_TARGET libmnl)
 find_program(BPF_CLANG clang REQUIRED)
 

@@ -90,7 +90,7 @@ TEST_F(ApplicationRegistrationsTest, AFolderOfAnotherUserIsNotBelieved) {
 
 TEST_F(ApplicationRegistrationsTest, AFolderThatOthersMayWriteToIsNotBelieved) {
   folder_.write("good.json", kGood);
-  for (const mode_t mode : {0775, 0757, 01777}) {
+  for (const mode_t mode : {0775U, 0757U, 01777U}) {
     warnings_.clear();
     ASSERT_EQ(::chmod(folder_.path().c_str(), mode), 0);
     EXPECT_EQ(load().identifierOf("/opt/good"), std::nullopt);

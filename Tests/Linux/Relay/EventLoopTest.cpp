@@ -55,6 +55,24 @@ TEST_F(EventLoopTest, StopsWithStreamsAlive) {
   loops.stop();
 }
 
+// Everything that is left is destroyed with the loop: a closed flow that only its unfinished close
+// keeps alive, and a socket that lingers.
+TEST_F(EventLoopTest, TakesWhatIsLeftWithIt) {
+  CarriedFlow waiting = carryFlow();
+  CarriedFlow lingering = carryFlow();
+  onLoop([&] {
+    lingering.flow->closeRead(std::nullopt);
+    lingering.flow->closeWrite(std::nullopt);
+  });
+  lingering.flow.reset();
+  loop().stop();
+  waiting.flow->closeRead(std::nullopt);
+  waiting.flow->closeWrite(std::nullopt);
+  const std::weak_ptr<LinuxTCPFlow> weakFlow = waiting.flow;
+  waiting.flow.reset();
+  EXPECT_FALSE(weakFlow.expired());
+}
+
 TEST_F(EventLoopTest, AGroupHasALoopPerCoreWithListenersOfItsOwn) {
   DescriptorBudget budget(100'000);
   EventLoopGroup perCore(budget);

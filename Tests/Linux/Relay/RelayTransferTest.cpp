@@ -182,11 +182,15 @@ TEST_F(RelayTransferTest, AResetInABulkTransferEndsTheTunnelAndNothingElse) {
   sending.join();
 }
 
-TEST_F(RelayTransferTest, AnIdleTunnelDoesNothingAndOwnsNothing) {
+TEST_F(RelayTransferTest, AnIdleTunnelDoesNothingAndOwnsNothingButItsSockets) {
+  const std::size_t before = budget_.inUse();
   Tunnel tunnel = makeTunnel();
   tunnel.application.send("once");
   ASSERT_EQ(tunnel.server.receive(4).bytes, "once");
   drain();
+  // The one buffer that there ever was is back.
+  EXPECT_EQ(onLoop([this] { return loop().buffers().keptCount(); }), 1U);
+  EXPECT_EQ(budget_.inUse(), before + 2);
   const Activity activity = activityWithin(300ms);
   EXPECT_EQ(activity.wakeups, 0U);
   EXPECT_LT(activity.cpuTime, 20ms);

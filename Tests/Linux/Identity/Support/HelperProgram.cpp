@@ -12,6 +12,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -78,6 +79,10 @@ std::string obey(const std::string& line, int& last) {
     return ::close(last) == 0 ? "done" : "failed";
   }
   if (command == "hold") {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
     for (int left = std::stoi(argument); left > 0; --left) {
       if (::dup(STDIN_FILENO) < 0) {
         return "failed";

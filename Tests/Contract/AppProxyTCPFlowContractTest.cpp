@@ -1,0 +1,405 @@
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Platform/Interface/AppProxyTCPFlow.h"
+#include "Tests/Contract/ContractOutcome.h"
+#include "Tests/Contract/ContractTest.h"
+
+namespace ostravel::contract {
+namespace {
+
+const platform::Error kError{"OstravelProxy", 1002, "Proxy CONNECT handshake timed out"};
+
+// Larger than what a socket buffers.
+constexpr std::size_t kLarge = 8 * 1024 * 1024;
+
+class AppProxyTCPFlowContractTest : public ContractTest {
+ protected:
+  void open() {
+    Outcome opened;
+    flow_->open(std::nullopt, opened.completion());
+    ASSERT_TRUE(waitUntil([&] { return opened.isDone(); }));
+    ASSERT_FALSE(opened.error());
+  }
+
+  // Reads once.
+  Outcome read() {
+    Outcome outcome;
+    flow_->read(outcome.readCompletion());
+    EXPECT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+    return outcome;
+  }
+  // Reads until so many bytes are there, the end or an error.
+  std::string readAll(std::size_t size) {
+    std::string text;
+    while (text.size() < size) {
+      const auto outcome = read();
+      if (outcome.lastSize() == 0) {
+        break;
+      }
+      text += outcome.text();
+    }
+    return text;
+  }
+  platform::OptionalError write(const std::string& text) {
+    Outcome outcome;
+    flow_->write(platform::Data::copyOf(text), outcome.completion());
+    EXPECT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+    return outcome.error();
+  }
+  // A first exchange, after which the application is connected on every platform.
+  void exchange() {
+    open();
+    application_->send("ping");
+    ASSERT_EQ(readAll(4), "ping");
+    ASSERT_FALSE(write("pong"));
+    ASSERT_TRUE(waitUntil([&] { return application_->received() == "pong"; }));
+  }
+  void close(const platform::OptionalError& error) {
+    flow_->closeRead(error);
+    flow_->closeWrite(error);
+  }
+
+  FlowEnds ends_ = environment_->makeFlow("com.example.app");
+  std::shared_ptr<platform::AppProxyTCPFlow> flow_ = std::move(ends_.flow);
+  const std::shared_ptr<ContractPeer> application_ = std::move(ends_.application);
+};
+
+TEST_P(AppProxyTCPFlowContractTest, SaysWhoseItIsAndWhereItGoes) {
+  EXPECT_EQ(flow_->sourceAppSigningIdentifier(), "com.example.app");
+  EXPECT_EQ(flow_->remoteEndpoint(), kDestination);
+}
+
+TEST_P(AppProxyTCPFlowContractTest, OpensOnceAndNotInsideTheCall) {
+  Outcome opened;
+  CallInProgress::run([&] { flow_->open(std::nullopt, opened.completion()); });
+  ASSERT_TRUE(waitUntil([&] { return opened.isDone(); }));
+  environment_->settle();
+  EXPECT_EQ(opened.count(), 1);
+  EXPECT_FALSE(opened.error());
+  EXPECT_FALSE(opened.ranInsideCall());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ReadsWhatTheApplicationHasSent) {
+  open();
+  application_->send("hello");
+  EXPECT_EQ(readAll(5), "hello");
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AReadThatCanCompleteAtOnceDoesNotInsideTheCall) {
+  exchange();
+  application_->send("hello");
+  environment_->settle();
+  Outcome outcome;
+  CallInProgress::run([&] { flow_->read(outcome.readCompletion()); });
+  ASSERT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+  environment_->settle();
+  EXPECT_FALSE(outcome.ranInsideCall());
+  EXPECT_EQ(outcome.count(), 1);
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AReadWaitsForBytes) {
+  exchange();
+  Outcome outcome;
+  flow_->read(outcome.readCompletion());
+  environment_->settle();
+  EXPECT_EQ(outcome.count(), 0);
+  application_->send("x");
+  ASSERT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+  EXPECT_EQ(outcome.text(), "x");
+  EXPECT_FALSE(outcome.error());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, TheEndComesBehindTheBytes) {
+  open();
+  application_->send("last words");
+  application_->endSending();
+  EXPECT_EQ(readAll(10), "last words");
+  const auto end = read();
+  EXPECT_TRUE(end.sawEnd());
+  EXPECT_FALSE(end.error());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, TheEndIsReportedAgain) {
+  open();
+  application_->endSending();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(read().sawEnd());
+  }
+}
+
+TEST_P(AppProxyTCPFlowContractTest, WritesReachTheApplication) {
+  open();
+  Outcome outcome;
+  CallInProgress::run([&] { flow_->write(platform::Data::copyOf("hello"), outcome.completion()); });
+  ASSERT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+  ASSERT_TRUE(waitUntil([&] { return application_->received() == "hello"; }));
+  environment_->settle();
+  EXPECT_EQ(outcome.count(), 1);
+  EXPECT_FALSE(outcome.error());
+  EXPECT_FALSE(outcome.ranInsideCall());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, WritesArriveInOrder) {
+  open();
+  std::string sent;
+  for (int i = 0; i < 200; ++i) {
+    const auto piece = std::to_string(i) + ",";
+    sent += piece;
+    ASSERT_FALSE(write(piece));
+  }
+  EXPECT_TRUE(waitUntil([&] { return application_->received() == sent; }));
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AWriteLargerThanAnyBufferArrivesWhole) {
+  open();
+  const auto sent = patternBytes(kLarge);
+  ASSERT_FALSE(write(sent));
+  ASSERT_TRUE(waitUntil([&] { return application_->receivedCount() == sent.size(); }));
+  EXPECT_TRUE(application_->received() == sent);
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ManyBytesAreReadExactly) {
+  open();
+  const auto sent = patternBytes(kLarge);
+  application_->send(sent);
+  application_->endSending();
+  EXPECT_TRUE(readAll(sent.size()) == sent);
+  EXPECT_TRUE(read().sawEnd());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AReadAndAWriteMayBeOutstandingTogether) {
+  exchange();
+  Outcome outcome;
+  flow_->read(outcome.readCompletion());
+  EXPECT_FALSE(write("while a read waits"));
+  EXPECT_EQ(outcome.count(), 0);
+  application_->send("now");
+  ASSERT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+  EXPECT_EQ(outcome.text().front(), 'n');
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AResetOfTheApplicationFailsTheRead) {
+  exchange();
+  Outcome outcome;
+  flow_->read(outcome.readCompletion());
+  application_->reset();
+  ASSERT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+  EXPECT_TRUE(outcome.error());
+  environment_->settle();
+  EXPECT_EQ(outcome.count(), 1);
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AResetOfTheApplicationFailsTheWrite) {
+  exchange();
+  application_->stopReceiving();
+  application_->reset();
+  environment_->settle();
+  // The first one may still have been taken.
+  const auto first = write("too late");
+  const auto second = write("much too late");
+  EXPECT_TRUE(first || second);
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AnOrderlyCloseIsAnEndForTheApplication) {
+  exchange();
+  close(std::nullopt);
+  ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
+  EXPECT_TRUE(application_->sawEnd());
+  EXPECT_FALSE(application_->sawReset());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AnOrderlyCloseLosesNothingThatWasAcknowledged) {
+  exchange();
+  application_->stopReceiving();
+  const auto sent = patternBytes(256 * 1024);
+  std::string acknowledged;
+  for (std::size_t at = 0; at < sent.size(); at += 16 * 1024) {
+    const auto piece = sent.substr(at, 16 * 1024);
+    ASSERT_FALSE(write(piece));
+    acknowledged += piece;
+  }
+  close(std::nullopt);
+  flow_.reset();
+  application_->goOnReceiving();
+  ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
+  EXPECT_FALSE(application_->sawReset());
+  EXPECT_TRUE(application_->received() == "pong" + acknowledged);
+}
+
+TEST_P(AppProxyTCPFlowContractTest, UnreadBytesDoNotMakeAnOrderlyCloseAReset) {
+  exchange();
+  application_->send(patternBytes(kLarge));
+  environment_->settle();
+  ASSERT_FALSE(write("answer before the request was read"));
+  close(std::nullopt);
+  ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
+  EXPECT_TRUE(application_->sawEnd());
+  EXPECT_FALSE(application_->sawReset());
+  EXPECT_EQ(application_->received(), "ponganswer before the request was read");
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ACloseWithAnErrorIsAResetForTheApplication) {
+  exchange();
+  close(kError);
+  ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
+  EXPECT_TRUE(application_->sawReset());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ACloseWithAnErrorBeforeAnythingWasCarriedRefuses) {
+  open();
+  close(kError);
+  ASSERT_TRUE(waitUntil([&] { return application_->sawReset(); }));
+  EXPECT_FALSE(application_->wasLeftToSystem());
+  EXPECT_EQ(application_->received(), "");
+}
+
+TEST_P(AppProxyTCPFlowContractTest, OneDirectionMayBeClosedBeforeTheOther) {
+  exchange();
+  flow_->closeRead(std::nullopt);
+  ASSERT_FALSE(write("still written"));
+  EXPECT_TRUE(waitUntil([&] { return application_->received() == "pongstill written"; }));
+  flow_->closeWrite(std::nullopt);
+  EXPECT_TRUE(waitUntil([&] { return application_->sawEnd(); }));
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ReadingGoesOnAfterWritingHasEnded) {
+  exchange();
+  flow_->closeWrite(std::nullopt);
+  ASSERT_TRUE(waitUntil([&] { return application_->sawEnd(); }));
+  application_->send("still read");
+  EXPECT_EQ(readAll(10), "still read");
+  flow_->closeRead(std::nullopt);
+  environment_->settle();
+  EXPECT_FALSE(application_->sawReset());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, LaterClosesHaveNoEffect) {
+  exchange();
+  close(std::nullopt);
+  close(kError);
+  ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
+  environment_->settle();
+  EXPECT_FALSE(application_->sawReset());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ClosingEndsAnOutstandingReadWithAnError) {
+  for (const auto& error : {platform::OptionalError{}, platform::OptionalError{kError}}) {
+    auto ends = environment_->makeFlow("com.example.other");
+    flow_ = std::move(ends.flow);
+    open();
+    Outcome outcome;
+    flow_->read(outcome.readCompletion());
+    environment_->settle();
+    ASSERT_EQ(outcome.count(), 0);
+    CallInProgress::run([&] { close(error); });
+    ASSERT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+    environment_->settle();
+    EXPECT_EQ(outcome.count(), 1);
+    EXPECT_TRUE(outcome.error());
+    EXPECT_FALSE(outcome.ranInsideCall());
+  }
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ClosingEndsAnOutstandingWriteOnce) {
+  exchange();
+  application_->stopReceiving();
+  Outcome outcome;
+  flow_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), outcome.completion());
+  close(kError);
+  ASSERT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+  environment_->settle();
+  EXPECT_EQ(outcome.count(), 1);
+  EXPECT_TRUE(outcome.error());
+  application_->goOnReceiving();
+  EXPECT_TRUE(waitUntil([&] { return application_->sawReset(); }));
+}
+
+TEST_P(AppProxyTCPFlowContractTest, NothingIsTransferredAfterClosing) {
+  for (const auto& error : {platform::OptionalError{}, platform::OptionalError{kError}}) {
+    auto ends = environment_->makeFlow("com.example.other");
+    flow_ = std::move(ends.flow);
+    open();
+    ends.application->send("ping");
+    ASSERT_EQ(readAll(4), "ping");
+    close(error);
+    EXPECT_TRUE(read().error());
+    EXPECT_TRUE(write("late"));
+    ASSERT_TRUE(
+        waitUntil([&] { return ends.application->sawEnd() || ends.application->sawReset(); }));
+    EXPECT_EQ(ends.application->received(), "");
+  }
+}
+
+TEST_P(AppProxyTCPFlowContractTest, NoCompletionRunsAfterItsDestruction) {
+  exchange();
+  Outcome read;
+  Outcome written;
+  application_->stopReceiving();
+  flow_->read(read.readCompletion());
+  flow_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), written.completion());
+  flow_.reset();
+  const auto reads = read.count();
+  const auto writes = written.count();
+  application_->send("nobody hears this");
+  application_->goOnReceiving();
+  ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
+  environment_->settle();
+  EXPECT_EQ(read.count(), reads);
+  EXPECT_EQ(written.count(), writes);
+  // Not closed, and something was carried.
+  EXPECT_TRUE(application_->sawReset());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, DestroyedUnopenedItIsLeftToTheSystem) {
+  flow_.reset();
+  EXPECT_TRUE(waitUntil([&] { return application_->wasLeftToSystem(); }));
+  EXPECT_FALSE(application_->sawReset());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, DestroyedAfterOpeningItIsStillLeftToTheSystem) {
+  open();
+  flow_.reset();
+  EXPECT_TRUE(waitUntil([&] { return application_->wasLeftToSystem(); }));
+  EXPECT_FALSE(application_->sawReset());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ACompletionMayHoldTheLastReference) {
+  exchange();
+  Outcome outcome;
+  auto completion = outcome.readCompletion();
+  auto& flow = *flow_;
+  flow.read([held = std::move(flow_), completion = std::move(completion)](
+                std::optional<platform::Data> data, platform::OptionalError error) mutable {
+    held->closeRead(std::nullopt);
+    held->closeWrite(std::nullopt);
+    held.reset();
+    completion(std::move(data), std::move(error));
+  });
+  application_->send("x");
+  ASSERT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+  EXPECT_EQ(outcome.text(), "x");
+  EXPECT_TRUE(waitUntil([&] { return application_->sawEnd(); }));
+}
+
+TEST_P(AppProxyTCPFlowContractTest, WhatACompletionHoldsIsLetGoOf) {
+  exchange();
+  auto held = std::make_shared<int>(0);
+  const std::weak_ptr<int> weakHeld = held;
+  flow_->read([held](const auto&, const auto&) {});
+  flow_->write(platform::Data::copyOf("x"), [held = std::move(held)](const auto&) {});
+  application_->send("y");
+  EXPECT_TRUE(waitUntil([&] { return weakHeld.expired(); }));
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Contract, AppProxyTCPFlowContractTest,
+                         testing::ValuesIn(contractPlatforms()), platformName);
+
+}  // namespace ostravel::contract

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Interface/AppProxyTCPFlow.h"
+#include "Platform/Interface/HostEndpoint.h"
+#include "Platform/Interface/Platform.h"
+#include "Platform/Interface/TCPConnection.h"
+#include "Tests/Contract/ContractPeer.h"
+
+namespace ostravel::contract {
+
+// A flow and the application that it belongs to.
+struct FlowEnds {
+  std::shared_ptr<platform::AppProxyTCPFlow> flow;
+  std::shared_ptr<ContractPeer> application;
+};
+
+// What the contract tests need of a platform: one object per test, which makes a platform, plays
+// the rest of the world, and takes everything down when it is destroyed. Used by the test's own
+// thread unless something else is said.
+class ContractEnvironment {
+ public:
+  using Condition = std::function<bool()>;
+
+  ContractEnvironment() = default;
+  ContractEnvironment(const ContractEnvironment&) = delete;
+  ContractEnvironment& operator=(const ContractEnvironment&) = delete;
+  virtual ~ContractEnvironment() = default;
+
+  virtual platform::Platform& platform() = 0;
+
+  // --- Time.
+
+  // Lets the platform work until the condition holds; false when it still does not after a time
+  // that is far longer than anything takes.
+  virtual bool waitUntil(const Condition& condition) = 0;
+  // Lets what was under way before the call arrive, as far as it does without time passing.
+  virtual void settle() = 0;
+  // The time that timers go by. From any thread.
+  virtual std::chrono::nanoseconds now() const = 0;
+  // For a work item, on its thread: it is busy this long.
+  virtual void spend(std::chrono::nanoseconds duration) = 0;
+
+  // --- Flows.
+
+  // A new flow that nobody has opened yet, to kDestination. It keeps nothing of it alive.
+  virtual FlowEnds makeFlow(const std::string& signingIdentifier) = 0;
+
+  // --- Connections.
+
+  // What a provider gets for this endpoint, without TLS. From any thread.
+  virtual std::shared_ptr<platform::TCPConnection> connect(
+      const platform::HostEndpoint& endpoint) = 0;
+  // Where a peer listens that accepts every connection.
+  virtual platform::HostEndpoint listeningEndpoint() = 0;
+  // The far end of the connection that was accepted first among those not asked for yet, which is
+  // waited for; null when none comes.
+  virtual std::shared_ptr<ContractPeer> acceptPeer() = 0;
+  virtual platform::HostEndpoint refusingEndpoint() = 0;
+  // Where attempts to connect are not answered.
+  virtual platform::HostEndpoint silentEndpoint() = 0;
+
+  // --- Socket calls. Addresses as the calls take them; good until the next one is asked for.
+
+  virtual std::vector<std::byte> listeningAddress() = 0;
+  virtual std::vector<std::byte> refusingAddress() = 0;
+  virtual std::vector<std::byte> silentAddress() = 0;
+  virtual std::vector<std::byte> listeningLocalAddress() = 0;
+  virtual std::vector<std::byte> refusingLocalAddress() = 0;
+  // What the listener at listeningLocalAddress got, one text for each connection that has ended.
+  virtual std::vector<std::string> localDeliveries() = 0;
+};
+
+// What every flow of makeFlow reports as its remote endpoint.
+inline const platform::HostEndpoint kDestination{"203.0.113.7", "443"};
+
+}  // namespace ostravel::contract

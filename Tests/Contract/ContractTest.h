@@ -1,0 +1,44 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "Tests/Contract/ContractEnvironment.h"
+#include "Tests/Contract/ContractPlatforms.h"
+
+namespace ostravel::contract {
+
+// Base of all contract tests. The environment goes after everything that a test has made with it,
+// so a test keeps what it makes in local variables or in the members of a derived fixture.
+class ContractTest : public testing::TestWithParam<ContractPlatform> {
+ protected:
+  platform::Platform& platform() { return environment_->platform(); }
+  bool waitUntil(const ContractEnvironment::Condition& condition) {
+    return environment_->waitUntil(condition);
+  }
+
+  const std::unique_ptr<ContractEnvironment> environment_ = GetParam().makeEnvironment();
+};
+
+inline std::string platformName(const testing::TestParamInfo<ContractPlatform>& info) {
+  return info.param.name;
+}
+
+// Bytes of which no two places look alike, so that a lost, doubled or moved chunk shows.
+inline std::string patternBytes(std::size_t size, unsigned salt = 0) {
+  std::string bytes;
+  bytes.reserve(size + 8);
+  for (unsigned i = salt; bytes.size() < size; ++i) {
+    const unsigned mixed = i * 2654435761U;
+    bytes.push_back(static_cast<char>(mixed >> 24U));
+    bytes.push_back(static_cast<char>(mixed >> 16U));
+    bytes.push_back(static_cast<char>(i));
+    bytes.push_back(static_cast<char>(i >> 8U));
+  }
+  bytes.resize(size);
+  return bytes;
+}
+
+}  // namespace ostravel::contract

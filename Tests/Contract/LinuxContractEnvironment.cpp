@@ -1,0 +1,161 @@
+#include "Tests/Contract/LinuxContractEnvironment.h"
+
+#include <netinet/in.h>
+
+#include <future>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "Platform/Linux/EventLoop.h"
+#include "Platform/Linux/FlowListener.h"
+#include "Platform/Linux/FlowTuple.h"
+#include "Platform/Linux/HeldPacket.h"
+#include "Platform/Linux/LinuxTCPFlow.h"
+#include "Tests/Contract/ContractPlatforms.h"
+
+namespace ostravel::contract {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Several, so that a flow and its connection would not share one by chance.
+constexpr unsigned kLoops = 3;
+// Far longer than anything takes, also on a busy machine and with a sanitizer.
+constexpr auto kLimit = 60s;
+// How often a condition is asked for while it is waited for.
+constexpr auto kPause = 200us;
+
+const std::string kLoopback = "127.0.0.1";
+
+const PlatformRegistration kRegistration("Linux", [] {
+  return std::make_unique<LinuxContractEnvironment>();
+});
+
+// The held SYN of a played application.
+class PlayedPacket final : public linuxplatform::HeldPacket {
+ public:
+  PlayedPacket(linuxplatform::EventLoopGroup& loops, std::shared_ptr<SocketPeer> application)
+      : loops_(loops), application_(std::move(application)) {}
+  ~PlayedPacket() override { accept(); }
+
+  void accept() override {
+    if (takeVerdict()) {
+      application_->noteLeftToSystem();
+    }
+  }
+  void redirect(unsigned loopIndex) override {
+    if (!takeVerdict()) {
+      return;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(loops_.loop(loopIndex).listener().ipv4Port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    application_->connectTo(reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  }
+  void refuse() override {
+    if (takeVerdict()) {
+      application_->noteRefused();
+    }
+  }
+
+ private:
+  // The first one counts.
+  bool takeVerdict() { return !std::exchange(hasVerdict_, true); }
+
+  linuxplatform::EventLoopGroup& loops_;
+  const std::shared_ptr<SocketPeer> application_;
+  bool hasVerdict_ = false;
+};
+
+linuxplatform::SocketEndpoint loopback(std::uint16_t port) {
+  return {linuxplatform::AddressFamily::ipv4, {127, 0, 0, 1}, port};
+}
+
+platform::HostEndpoint endpointOf(const SocketPeers::Address& address) {
+  return {kLoopback, std::to_string(SocketPeers::portOf(address))};
+}
+
+}  // namespace
+
+LinuxContractEnvironment::LinuxContractEnvironment()
+    : platform_({linuxplatform::LinuxPlatform::LogSink::standardError}),
+      loops_(descriptors_, kLoops) {}
+
+LinuxContractEnvironment::~LinuxContractEnvironment() {
+  loops_.stop();
+}
+
+bool LinuxContractEnvironment::waitUntil(const Condition& condition) {
+  const auto end = std::chrono::steady_clock::now() + kLimit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
+}
+
+void LinuxContractEnvironment::settle() {
+  // Between two items of its own a loop looks at its sockets, and what that starts runs before the
+  // item after that.
+  constexpr int kRounds = 3;
+  for (int round = 0; round < kRounds; ++round) {
+    for (unsigned i = 0; i < loops_.size(); ++i) {
+      std::promise<void> ran;
+      loops_.loop(i).post([&ran] { ran.set_value(); });
+      ran.get_future().wait();
+    }
+  }
+}
+
+std::chrono::nanoseconds LinuxContractEnvironment::now() const {
+  return std::chrono::steady_clock::now().time_since_epoch();
+}
+
+void LinuxContractEnvironment::spend(std::chrono::nanoseconds duration) {
+  std::this_thread::sleep_for(duration);
+}
+
+FlowEnds LinuxContractEnvironment::makeFlow(const std::string& signingIdentifier) {
+  auto [application, port] = peers_.makeUnconnected();
+  const linuxplatform::FlowTuple tuple{linuxplatform::TransportProtocol::tcp,
+                                       loopback(port),
+                                       {linuxplatform::AddressFamily::ipv4, {203, 0, 113, 7}, 443}};
+  auto& loop = loops_.loop(nextLoop_++ % loops_.size());
+  auto flow = std::make_shared<linuxplatform::LinuxTCPFlow>(
+      loop, tuple, signingIdentifier, kDestination,
+      std::make_unique<PlayedPacket>(loops_, application));
+  return {std::move(flow), std::move(application)};
+}
+
+std::shared_ptr<platform::TCPConnection> LinuxContractEnvironment::connect(
+    const platform::HostEndpoint& endpoint) {
+  return loops_.connect(endpoint);
+}
+
+platform::HostEndpoint LinuxContractEnvironment::listeningEndpoint() {
+  return endpointOf(peers_.listeningAddress());
+}
+
+std::shared_ptr<ContractPeer> LinuxContractEnvironment::acceptPeer() {
+  std::shared_ptr<ContractPeer> peer;
+  waitUntil([&] {
+    peer = peers_.takeAccepted();
+    return peer != nullptr;
+  });
+  return peer;
+}
+
+platform::HostEndpoint LinuxContractEnvironment::refusingEndpoint() {
+  return endpointOf(peers_.refusingAddress());
+}
+
+platform::HostEndpoint LinuxContractEnvironment::silentEndpoint() {
+  return endpointOf(peers_.silentAddress());
+}
+
+}  // namespace ostravel::contract

@@ -1,0 +1,418 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Platform/Interface/TCPConnection.h"
+#include "Tests/Contract/ContractOutcome.h"
+#include "Tests/Contract/ContractTest.h"
+#include "Tests/Contract/StateObserver.h"
+
+namespace ostravel::contract {
+namespace {
+
+using platform::TCPConnectionState;
+
+// Larger than what a socket buffers.
+constexpr std::size_t kLarge = 8 * 1024 * 1024;
+// What the relay asks for.
+constexpr std::size_t kRelayMaximum = 512 * 1024;
+
+class TCPConnectionContractTest : public ContractTest {
+ protected:
+  std::shared_ptr<platform::TCPConnection> connect(const platform::HostEndpoint& endpoint) {
+    auto connection = environment_->connect(endpoint);
+    connection->addObserver(observer_, "state");
+    return connection;
+  }
+  // A connection that stands, with its peer.
+  void establish() {
+    connection_ = connect(environment_->listeningEndpoint());
+    ASSERT_TRUE(waitUntil([&] { return connection_->state() == TCPConnectionState::connected; }));
+    peer_ = environment_->acceptPeer();
+    ASSERT_NE(peer_, nullptr);
+  }
+
+  Outcome read(std::size_t minimum = 1, std::size_t maximum = kRelayMaximum) {
+    Outcome outcome;
+    connection_->read(minimum, maximum, outcome.readCompletion());
+    EXPECT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+    return outcome;
+  }
+  std::string readAll(std::size_t size) {
+    std::string text;
+    while (text.size() < size) {
+      const auto outcome = read();
+      if (outcome.lastSize() == 0) {
+        break;
+      }
+      text += outcome.text();
+    }
+    return text;
+  }
+  platform::OptionalError write(const std::string& text) {
+    Outcome outcome;
+    connection_->write(platform::Data::copyOf(text), outcome.completion());
+    EXPECT_TRUE(waitUntil([&] { return outcome.isDone(); }));
+    return outcome.error();
+  }
+  bool peerSawSomeEnd() const { return peer_->sawEnd() || peer_->sawReset(); }
+
+  const std::shared_ptr<StateObserver> observer_ = std::make_shared<StateObserver>();
+  std::shared_ptr<platform::TCPConnection> connection_;
+  std::shared_ptr<ContractPeer> peer_;
+};
+
+TEST_P(TCPConnectionContractTest, BecomesConnectedAndTellsSo) {
+  establish();
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::connected); }));
+  EXPECT_FALSE(connection_->error());
+  EXPECT_FALSE(observer_->wasToldNonsense());
+}
+
+TEST_P(TCPConnectionContractTest, ARefusedOneIsDisconnectedWithItsError) {
+  connection_ = connect(environment_->refusingEndpoint());
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::disconnected); }));
+  EXPECT_EQ(connection_->state(), TCPConnectionState::disconnected);
+  ASSERT_TRUE(connection_->error());
+  EXPECT_EQ(connection_->error()->domain, platform::kPOSIXErrorDomain);
+  EXPECT_EQ(connection_->error()->code, ECONNREFUSED);
+  EXPECT_FALSE(connection_->error()->localizedDescription.empty());
+  EXPECT_FALSE(observer_->saw(TCPConnectionState::connected));
+}
+
+TEST_P(TCPConnectionContractTest, ARefusalFailsWhatWasAskedBefore) {
+  connection_ = connect(environment_->refusingEndpoint());
+  Outcome reading;
+  Outcome writing;
+  CallInProgress::run([&] {
+    connection_->read(1, 100, reading.readCompletion());
+    connection_->write(platform::Data::copyOf("request"), writing.completion());
+  });
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
+  environment_->settle();
+  EXPECT_TRUE(reading.error());
+  EXPECT_TRUE(writing.error());
+  EXPECT_EQ(reading.count(), 1);
+  EXPECT_EQ(writing.count(), 1);
+  EXPECT_FALSE(reading.ranInsideCall());
+  EXPECT_FALSE(writing.ranInsideCall());
+}
+
+TEST_P(TCPConnectionContractTest, TransfersMayBeAskedForBeforeItIsConnected) {
+  connection_ = connect(environment_->listeningEndpoint());
+  Outcome reading;
+  Outcome writing;
+  connection_->read(1, 100, reading.readCompletion());
+  connection_->write(platform::Data::copyOf("request"), writing.completion());
+  ASSERT_TRUE(waitUntil([&] { return writing.isDone(); }));
+  EXPECT_FALSE(writing.error());
+  peer_ = environment_->acceptPeer();
+  ASSERT_NE(peer_, nullptr);
+  EXPECT_TRUE(waitUntil([&] { return peer_->received() == "request"; }));
+  peer_->send("answer");
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone(); }));
+  EXPECT_EQ(reading.text().front(), 'a');
+}
+
+TEST_P(TCPConnectionContractTest, CompletionsDoNotRunInsideTheCall) {
+  establish();
+  peer_->send("already there");
+  environment_->settle();
+  Outcome reading;
+  Outcome writing;
+  CallInProgress::run([&] {
+    connection_->read(1, 100, reading.readCompletion());
+    connection_->write(platform::Data::copyOf("x"), writing.completion());
+  });
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
+  environment_->settle();
+  EXPECT_FALSE(reading.ranInsideCall());
+  EXPECT_FALSE(writing.ranInsideCall());
+  EXPECT_EQ(reading.count(), 1);
+  EXPECT_EQ(writing.count(), 1);
+}
+
+TEST_P(TCPConnectionContractTest, AReadWaitsForItsMinimum) {
+  establish();
+  Outcome reading;
+  connection_->read(5, 100, reading.readCompletion());
+  peer_->send("abc");
+  environment_->settle();
+  EXPECT_EQ(reading.count(), 0);
+  peer_->send("def");
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone(); }));
+  EXPECT_GE(reading.lastSize(), 5U);
+  const auto text = reading.text();
+  EXPECT_EQ(text, std::string("abcdef").substr(0, text.size()));
+}
+
+TEST_P(TCPConnectionContractTest, AReadDeliversAtMostItsMaximum) {
+  establish();
+  peer_->send("abcdefghij");
+  std::string text;
+  while (text.size() < 10) {
+    const auto reading = read(1, 3);
+    ASSERT_GE(reading.lastSize(), 1U);
+    ASSERT_LE(reading.lastSize(), 3U);
+    text += reading.text();
+  }
+  EXPECT_EQ(text, "abcdefghij");
+}
+
+TEST_P(TCPConnectionContractTest, AnExactReadIsExact) {
+  establish();
+  const auto sent = patternBytes(100'000);
+  peer_->send(sent);
+  std::string text;
+  for (const std::size_t size : {1U, 4096U, 65536U, 30'367U}) {
+    const auto reading = read(size, size);
+    ASSERT_EQ(reading.lastSize(), size);
+    text += reading.text();
+  }
+  EXPECT_TRUE(text == sent);
+}
+
+TEST_P(TCPConnectionContractTest, TheEndComesBehindTheBytes) {
+  establish();
+  peer_->send("last words");
+  peer_->endSending();
+  EXPECT_EQ(readAll(10), "last words");
+  const auto end = read();
+  EXPECT_TRUE(end.sawEnd());
+  EXPECT_FALSE(end.error());
+}
+
+TEST_P(TCPConnectionContractTest, TheEndDeliversLessThanAMinimum) {
+  establish();
+  Outcome reading;
+  connection_->read(100, 100, reading.readCompletion());
+  peer_->send("abc");
+  peer_->endSending();
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone(); }));
+  EXPECT_EQ(reading.text(), "abc");
+  EXPECT_FALSE(reading.error());
+  EXPECT_TRUE(read().sawEnd());
+}
+
+TEST_P(TCPConnectionContractTest, IsDisconnectedWithoutErrorOnceTheEndWasRead) {
+  establish();
+  peer_->endSending();
+  EXPECT_TRUE(read().sawEnd());
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::disconnected); }));
+  EXPECT_EQ(connection_->state(), TCPConnectionState::disconnected);
+  EXPECT_FALSE(connection_->error());
+}
+
+TEST_P(TCPConnectionContractTest, APeersResetFailsTheReadAndDisconnects) {
+  establish();
+  Outcome reading;
+  connection_->read(1, 100, reading.readCompletion());
+  peer_->reset();
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone(); }));
+  EXPECT_TRUE(reading.error());
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::disconnected); }));
+  ASSERT_TRUE(connection_->error());
+  EXPECT_EQ(connection_->error()->domain, platform::kPOSIXErrorDomain);
+  environment_->settle();
+  EXPECT_EQ(reading.count(), 1);
+}
+
+TEST_P(TCPConnectionContractTest, AWriteLargerThanAnyBufferArrivesWhole) {
+  establish();
+  const auto sent = patternBytes(kLarge);
+  ASSERT_FALSE(write(sent));
+  ASSERT_TRUE(waitUntil([&] { return peer_->receivedCount() == sent.size(); }));
+  EXPECT_TRUE(peer_->received() == sent);
+}
+
+TEST_P(TCPConnectionContractTest, ManyBytesAreReadExactly) {
+  establish();
+  const auto sent = patternBytes(kLarge);
+  peer_->send(sent);
+  peer_->endSending();
+  EXPECT_TRUE(readAll(sent.size()) == sent);
+  EXPECT_TRUE(read().sawEnd());
+}
+
+TEST_P(TCPConnectionContractTest, CancelIsAnOrderlyEndForThePeer) {
+  establish();
+  connection_->cancel();
+  ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
+  EXPECT_TRUE(peer_->sawEnd());
+  EXPECT_FALSE(peer_->sawReset());
+}
+
+TEST_P(TCPConnectionContractTest, CancelLosesNothingThatWasAcknowledged) {
+  establish();
+  peer_->stopReceiving();
+  const auto sent = patternBytes(256 * 1024);
+  std::string acknowledged;
+  for (std::size_t at = 0; at < sent.size(); at += 16 * 1024) {
+    const auto piece = sent.substr(at, 16 * 1024);
+    ASSERT_FALSE(write(piece));
+    acknowledged += piece;
+  }
+  connection_->cancel();
+  connection_.reset();
+  peer_->goOnReceiving();
+  ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
+  EXPECT_FALSE(peer_->sawReset());
+  EXPECT_TRUE(peer_->received() == acknowledged);
+}
+
+TEST_P(TCPConnectionContractTest, UnreadBytesDoNotMakeCancelAReset) {
+  establish();
+  peer_->send(patternBytes(kLarge));
+  environment_->settle();
+  ASSERT_FALSE(write("the last word"));
+  connection_->cancel();
+  ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
+  EXPECT_TRUE(peer_->sawEnd());
+  EXPECT_FALSE(peer_->sawReset());
+  EXPECT_EQ(peer_->received(), "the last word");
+}
+
+TEST_P(TCPConnectionContractTest, CancelFailsWhatIsOutstandingOnce) {
+  establish();
+  peer_->stopReceiving();
+  Outcome reading;
+  Outcome writing;
+  connection_->read(1, 100, reading.readCompletion());
+  connection_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
+  CallInProgress::run([&] { connection_->cancel(); });
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
+  environment_->settle();
+  EXPECT_TRUE(reading.error());
+  EXPECT_TRUE(writing.error());
+  EXPECT_EQ(reading.count(), 1);
+  EXPECT_EQ(writing.count(), 1);
+  EXPECT_FALSE(reading.ranInsideCall());
+  EXPECT_FALSE(writing.ranInsideCall());
+}
+
+TEST_P(TCPConnectionContractTest, CancelIsTold) {
+  establish();
+  connection_->cancel();
+  connection_->cancel();
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::cancelled); }));
+  EXPECT_EQ(connection_->state(), TCPConnectionState::cancelled);
+  environment_->settle();
+  int times = 0;
+  for (const auto state : observer_->states()) {
+    times += state == TCPConnectionState::cancelled ? 1 : 0;
+  }
+  EXPECT_EQ(times, 1);
+}
+
+TEST_P(TCPConnectionContractTest, CancelWorksWhileItIsConnecting) {
+  connection_ = connect(environment_->silentEndpoint());
+  Outcome reading;
+  Outcome writing;
+  connection_->read(1, 100, reading.readCompletion());
+  connection_->write(platform::Data::copyOf("x"), writing.completion());
+  environment_->settle();
+  EXPECT_EQ(connection_->state(), TCPConnectionState::connecting);
+  EXPECT_EQ(reading.count() + writing.count(), 0);
+  connection_->cancel();
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::cancelled); }));
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
+  EXPECT_TRUE(reading.error());
+  EXPECT_TRUE(writing.error());
+}
+
+TEST_P(TCPConnectionContractTest, CancelWorksAfterARefusal) {
+  connection_ = connect(environment_->refusingEndpoint());
+  ASSERT_TRUE(waitUntil([&] { return connection_->state() == TCPConnectionState::disconnected; }));
+  connection_->cancel();
+  EXPECT_TRUE(waitUntil([&] { return connection_->state() == TCPConnectionState::cancelled; }));
+}
+
+TEST_P(TCPConnectionContractTest, NothingIsTransferredAfterCancel) {
+  establish();
+  connection_->cancel();
+  EXPECT_TRUE(read().error());
+  EXPECT_TRUE(write("late"));
+  ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
+  EXPECT_EQ(peer_->received(), "");
+}
+
+TEST_P(TCPConnectionContractTest, EveryObserverIsTold) {
+  const auto other = std::make_shared<StateObserver>();
+  establish();
+  connection_->addObserver(other, "state");
+  connection_->cancel();
+  EXPECT_TRUE(waitUntil([&] {
+    return observer_->saw(TCPConnectionState::cancelled) &&
+           other->saw(TCPConnectionState::cancelled);
+  }));
+}
+
+TEST_P(TCPConnectionContractTest, ARemovedObserverIsNotTold) {
+  establish();
+  const auto removed = std::make_shared<StateObserver>();
+  connection_->addObserver(removed, "state");
+  connection_->removeObserver(*removed, "state");
+  connection_->cancel();
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::cancelled); }));
+  environment_->settle();
+  EXPECT_FALSE(removed->saw(TCPConnectionState::cancelled));
+}
+
+TEST_P(TCPConnectionContractTest, AnObserverIsHeldWeakly) {
+  establish();
+  auto gone = std::make_shared<StateObserver>();
+  const std::weak_ptr<StateObserver> weakGone = gone;
+  connection_->addObserver(gone, "state");
+  environment_->settle();
+  gone.reset();
+  EXPECT_TRUE(waitUntil([&] { return weakGone.expired(); }));
+  connection_->cancel();
+  EXPECT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::cancelled); }));
+}
+
+TEST_P(TCPConnectionContractTest, NoCompletionRunsAfterItsDestruction) {
+  establish();
+  peer_->stopReceiving();
+  Outcome reading;
+  Outcome writing;
+  connection_->read(1, 100, reading.readCompletion());
+  connection_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
+  connection_.reset();
+  const auto reads = reading.count();
+  const auto writes = writing.count();
+  peer_->send("nobody hears this");
+  peer_->goOnReceiving();
+  ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
+  environment_->settle();
+  EXPECT_EQ(reading.count(), reads);
+  EXPECT_EQ(writing.count(), writes);
+}
+
+TEST_P(TCPConnectionContractTest, NoObserverIsToldAfterItsDestruction) {
+  connection_ = connect(environment_->silentEndpoint());
+  connection_.reset();
+  environment_->settle();
+  EXPECT_TRUE(observer_->states().empty());
+}
+
+TEST_P(TCPConnectionContractTest, WhatACompletionHoldsIsLetGoOf) {
+  establish();
+  auto held = std::make_shared<int>(0);
+  const std::weak_ptr<int> weakHeld = held;
+  connection_->read(1, 100, [held = std::move(held)](const auto&, const auto&) {});
+  connection_->cancel();
+  EXPECT_TRUE(waitUntil([&] { return weakHeld.expired(); }));
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Contract, TCPConnectionContractTest,
+                         testing::ValuesIn(contractPlatforms()), platformName);
+
+}  // namespace ostravel::contract

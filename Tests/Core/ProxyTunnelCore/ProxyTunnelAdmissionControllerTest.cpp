@@ -1,0 +1,165 @@
+#include "Extension/ProxyTunnelCore/ProxyTunnelAdmissionController.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ostravel {
+namespace {
+
+constexpr std::size_t kLimit = 48;
+
+std::string idOf(std::size_t number) {
+  return "flow-" + std::to_string(number);
+}
+
+void admit(ProxyTunnelAdmissionController& controller, std::size_t count) {
+  for (std::size_t number = 0; number < count; ++number) {
+    ASSERT_TRUE(controller.tryAcquireHandshakeSlot(idOf(number)));
+  }
+}
+
+TEST(ProxyTunnelAdmissionController, StartsEmpty) {
+  const ProxyTunnelAdmissionController controller;
+
+  EXPECT_EQ(controller.pendingCount(), 0U);
+  EXPECT_EQ(controller.establishedCount(), 0U);
+}
+
+TEST(ProxyTunnelAdmissionController, AdmitsANewFlowWhileFortySevenArePending) {
+  ProxyTunnelAdmissionController controller;
+  admit(controller, kLimit - 1);
+
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_EQ(controller.pendingCount(), kLimit);
+}
+
+TEST(ProxyTunnelAdmissionController, RefusesANewFlowWhileFortyEightArePending) {
+  ProxyTunnelAdmissionController controller;
+  admit(controller, kLimit);
+
+  EXPECT_FALSE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_EQ(controller.pendingCount(), kLimit);
+}
+
+TEST(ProxyTunnelAdmissionController, RemembersNothingOfARefusedFlow) {
+  ProxyTunnelAdmissionController controller;
+  admit(controller, kLimit);
+  ASSERT_FALSE(controller.tryAcquireHandshakeSlot("new"));
+
+  EXPECT_FALSE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_EQ(controller.establishedCount(), 0U);
+}
+
+TEST(ProxyTunnelAdmissionController, AdmitsAPendingFlowAgainThoughFull) {
+  ProxyTunnelAdmissionController controller;
+  admit(controller, kLimit);
+
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot(idOf(0)));
+  EXPECT_EQ(controller.pendingCount(), kLimit);
+  EXPECT_EQ(controller.establishedCount(), 0U);
+}
+
+TEST(ProxyTunnelAdmissionController, AdmitsAnEstablishedFlowAgainThoughFull) {
+  ProxyTunnelAdmissionController controller;
+  controller.markEstablished("old");
+  admit(controller, kLimit);
+
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot("old"));
+  EXPECT_EQ(controller.pendingCount(), kLimit);
+  EXPECT_EQ(controller.establishedCount(), 1U);
+}
+
+TEST(ProxyTunnelAdmissionController, DoesNotCountEstablishedTunnels) {
+  ProxyTunnelAdmissionController controller;
+  for (std::size_t number = 0; number < kLimit; ++number) {
+    ASSERT_TRUE(controller.tryAcquireHandshakeSlot(idOf(number)));
+    controller.markEstablished(idOf(number));
+  }
+
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_EQ(controller.pendingCount(), 1U);
+  EXPECT_EQ(controller.establishedCount(), kLimit);
+}
+
+TEST(ProxyTunnelAdmissionController, MovesAPendingFlowToTheEstablishedOnes) {
+  ProxyTunnelAdmissionController controller;
+  admit(controller, 1);
+
+  controller.markEstablished(idOf(0));
+
+  EXPECT_EQ(controller.pendingCount(), 0U);
+  EXPECT_EQ(controller.establishedCount(), 1U);
+}
+
+TEST(ProxyTunnelAdmissionController, EstablishesAFlowThatWasNeverAdmitted) {
+  ProxyTunnelAdmissionController controller;
+
+  controller.markEstablished("unknown");
+
+  EXPECT_EQ(controller.establishedCount(), 1U);
+}
+
+TEST(ProxyTunnelAdmissionController, FreesASlotWhenAPendingFlowIsReleased) {
+  ProxyTunnelAdmissionController controller;
+  admit(controller, kLimit);
+
+  controller.release(idOf(7));
+
+  EXPECT_EQ(controller.pendingCount(), kLimit - 1);
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot("new"));
+}
+
+TEST(ProxyTunnelAdmissionController, ForgetsAReleasedEstablishedFlow) {
+  ProxyTunnelAdmissionController controller;
+  controller.markEstablished("old");
+
+  controller.release("old");
+
+  EXPECT_EQ(controller.establishedCount(), 0U);
+}
+
+TEST(ProxyTunnelAdmissionController, IsNotChangedByReleasingAnUnknownFlow) {
+  ProxyTunnelAdmissionController controller;
+  admit(controller, 3);
+  controller.markEstablished(idOf(0));
+
+  controller.release("unknown");
+
+  EXPECT_EQ(controller.pendingCount(), 2U);
+  EXPECT_EQ(controller.establishedCount(), 1U);
+}
+
+// The one test here with threads: the order does not matter, only that no update is lost.
+TEST(ProxyTunnelAdmissionController, KeepsItsLimitUnderConcurrentUse) {
+  ProxyTunnelAdmissionController controller;
+  constexpr std::size_t kThreads = 4;
+  constexpr std::size_t kFlowsPerThread = 500;
+  std::vector<std::thread> threads;
+  for (std::size_t thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&controller, thread] {
+      for (std::size_t flow = 0; flow < kFlowsPerThread; ++flow) {
+        const std::string id = idOf(thread * kFlowsPerThread + flow);
+        if (!controller.tryAcquireHandshakeSlot(id)) {
+          continue;
+        }
+        EXPECT_LE(controller.pendingCount(), kLimit);
+        if (flow % 2 == 0) {
+          controller.markEstablished(id);
+        }
+        controller.release(id);
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+
+  EXPECT_EQ(controller.pendingCount(), 0U);
+  EXPECT_EQ(controller.establishedCount(), 0U);
+}
+
+}  // namespace
+}  // namespace ostravel

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Interface/Platform.h"
+
+namespace ostravel::test {
+
+// A platform that hands everything to another one and writes down which queues and timers were made
+// of it, and what was asked of the timers:
+//
+//   queue LABEL serial | queue LABEL concurrent
+//   timer N on LABEL | timer N schedule DELAY INTERVAL LEEWAY (ms, "never") | timer N handler
+//   timer N resume | timer N cancel
+//
+// Destroying a timer is not noted.
+class NotingPlatform final : public platform::Platform {
+ public:
+  explicit NotingPlatform(platform::Platform& other) : other_(other) {}
+
+  const std::vector<std::string>& notes() const { return *notes_; }
+  void clearNotes() { notes_->clear(); }
+
+  std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,
+                                                     platform::DispatchQueueKind kind) override;
+  std::shared_ptr<platform::DispatchTimer> makeTimer(
+      std::shared_ptr<platform::DispatchQueue> queue) override;
+  std::shared_ptr<platform::Log> makeLog(std::string subsystem, std::string category) override;
+  platform::Log& defaultLog() override { return other_.defaultLog(); }
+  void systemLog(std::string_view line) override { other_.systemLog(line); }
+  std::optional<std::string> mainBundleIdentifier() const override;
+  const platform::Clock& clock() const override { return other_.clock(); }
+  platform::UUIDSource& uuidSource() override { return other_.uuidSource(); }
+  const platform::TextServices& text() const override { return other_.text(); }
+  platform::SocketCalls& sockets() override { return other_.sockets(); }
+
+ private:
+  platform::Platform& other_;
+  // Timers write into it as well and may outlive this.
+  const std::shared_ptr<std::vector<std::string>> notes_ =
+      std::make_shared<std::vector<std::string>>();
+  int timerCount_ = 0;
+};
+
+}  // namespace ostravel::test

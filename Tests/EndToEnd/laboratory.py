@@ -1,0 +1,447 @@
+"""A private network with the system in it: applications here, origin servers there.
+
+    here    the extension, the local proxy, the monitor, and applications
+    there   origin servers
+
+Two network namespaces, joined by a virtual cable. Everything of a laboratory is its own, so that
+any number of them can exist side by side, and nothing of the machine is touched.
+"""
+
+import errno
+import json
+import os
+import pathlib
+import re
+import select
+import shutil
+import socket
+import struct
+import subprocess
+import tempfile
+import time
+from typing import NamedTuple
+
+from events import EventStream
+from namespace import Namespace
+from origins import Origin, tell_peer
+from program import GENEROUS_SECONDS, Program
+
+# Addresses that are set aside for documentation (RFC 5737, RFC 3849).
+HERE4, HERE6 = "198.51.100.1", "2001:db8::1"
+THERE4, THERE6 = "198.51.100.10", "2001:db8::10"
+NAME = "origin.example"
+
+# What the system calls the applications used here: by the file that they are.
+CURL = "/usr/bin/curl"
+OPENSSL = "/usr/bin/openssl"
+PYTHON = os.path.realpath("/usr/bin/python3")
+
+# Where every laboratory has an origin that tells its peer.
+PEER_PORT = 7860
+
+# Runs a program with an /etc of its own: the machine's, but for what concerns this system.
+PRIVATE_ETC = r"""
+set -e
+etc=$1/etc settings=$1/settings
+shift
+mount --rbind /etc "$etc"
+mount -t tmpfs -o mode=755 ostravel /etc
+cd "$etc"
+for entry in * .[!.]*; do
+  case $entry in
+    ostravel | '*' | '.[!.]*') ;;
+    *) ln -s "$etc/$entry" "/etc/$entry" ;;
+  esac
+done
+cp -r "$settings" /etc/ostravel
+cd /
+exec "$@"
+"""
+
+
+class Fetched(NamedTuple):
+    """What an application has seen of one request."""
+
+    status: int  # of the application's exit
+    body: str
+    own_port: int
+    details: str
+
+    @property
+    def seen_port(self):
+        """The port from which the origin saw the connection come."""
+        return int(self.body.split()[1])
+
+    @property
+    def way(self):
+        if self.status != 0:
+            return f"failed with status {self.status}: {self.details}"
+        return "direct" if self.seen_port == self.own_port else "proxied"
+
+
+def receive_all(connection):
+    received = bytearray()
+    while part := connection.recv(1 << 18):
+        received += part
+    return bytes(received)
+
+
+def receive_exactly(connection, size):
+    received = bytearray()
+    while len(received) < size:
+        part = connection.recv(size - len(received))
+        assert part, f"ended after {len(received)} of {size} bytes"
+        received += part
+    return bytes(received)
+
+
+def reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
+
+
+def eventually(condition, what, seconds=GENEROUS_SECONDS):
+    """Tries until condition() is something, for what gives no sign when it happens."""
+    deadline = time.monotonic() + seconds
+    while not (found := condition()):
+        assert time.monotonic() < deadline, f"never came true: {what}"
+        # Leaves the processor to those who are to make it true.
+        select.select([], [], [], 0.01)
+    return found
+
+
+class LocalProxy:
+    """A local proxy that behaves as a test says; see local_proxy.py."""
+
+    def __init__(self, laboratory):
+        self.program = laboratory.start(
+            # A file of its own: a program is told from others by its file.
+            [laboratory.copy_of(PYTHON, "local-proxy"), "-u", _beside("local_proxy.py")],
+            name="local-proxy",
+            has_input=True,
+        )
+        self.wait("listening")
+
+    def _find(self, what, mark):
+        return lambda line: json.loads(line)["what"] == what
+
+    def mark(self):
+        return self.program.output.mark()
+
+    def wait(self, what, mark=0):
+        line = self.program.output.wait(self._find(what, mark), mark)
+        assert line is not None, f"the local proxy was not \"{what}\""
+        return json.loads(line)
+
+    def reports(self, what, mark=0):
+        reports = map(json.loads, self.program.output.since(mark))
+        return [report for report in reports if report["what"] == what]
+
+    def requests(self, mark=0):
+        return [report["request"] for report in self.reports("asked", mark)]
+
+    def behave(self, **behaviour):
+        mark = self.mark()
+        self.program.tell(json.dumps(behaviour))
+        self.wait("behaving", mark)
+
+
+def _beside(name):
+    return os.path.join(os.path.dirname(os.path.abspath(__file__)), name)
+
+
+class Laboratory:
+    def __init__(self, programs_folder, certificate):
+        self.programs_folder = programs_folder
+        self.certificate = certificate
+        self._closing = []
+        self._programs = []
+        # Short: the path of a socket is limited (unix(7)).
+        self.folder = tempfile.mkdtemp(prefix="ostravel-", dir="/tmp")
+        self._closing.append(lambda: shutil.rmtree(self.folder))
+        try:
+            os.chmod(self.folder, 0o755)
+            for name in ("etc", "settings"):
+                os.mkdir(self.path(name))
+            self.here = self._namespace()
+            self.there = self._namespace()
+            self._connect()
+            self.serve(PEER_PORT, tell_peer)
+        except BaseException:
+            self.close()
+            raise
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def _namespace(self):
+        namespace = Namespace()
+        self._closing.append(namespace.close)
+        return namespace
+
+    def _connect(self):
+        self.here.run(
+            "ip", "link", "add", "here", "type", "veth", "peer", "name", "there",
+            "netns", self.there.path,
+        )  # fmt: skip
+        for namespace, name, ipv4, ipv6 in (
+            (self.here, "here", HERE4, HERE6),
+            (self.there, "there", THERE4, THERE6),
+        ):
+            # Usable at once: nobody else can have the address.
+            namespace.run(
+                "ip", "-batch", "-",
+                given=f"addr add {ipv4}/24 dev {name}\n"
+                f"addr add {ipv6}/64 dev {name} nodad\n"
+                f"link set {name} up\n",
+            )  # fmt: skip
+
+    def close(self):
+        for program in reversed(self._programs):
+            program.close()
+        for close in reversed(self._closing):
+            close()
+
+    def logs(self):
+        """What every program has written, with titles: for a test that has failed."""
+        for program in self._programs:
+            for title, lines in (("output", program.output), ("errors", program.errors)):
+                written = lines.since()
+                if written:
+                    yield f"{title} of {program.name} ({program.pid})", written
+
+    # Programs
+
+    def start(self, arguments, name=None, namespace=None, **options):
+        program = Program(
+            namespace or self.here, arguments, name, self.environment(), **options
+        )
+        self._programs.append(program)
+        return program
+
+    def environment(self):
+        """Nothing of the machine's own proxy settings, and our certificate."""
+        kept = {
+            name: value
+            for name, value in os.environ.items()
+            if not name.lower().endswith("_proxy") and name not in ("CURL_HOME", "JOURNAL_STREAM")
+        }
+        return kept | {"CURL_CA_BUNDLE": self.certificate, "SSL_CERT_FILE": self.certificate}
+
+    def copy_of(self, program, name):
+        """A program under another name, which makes it another application."""
+        copy = self.path(name)
+        if not os.path.exists(copy):
+            shutil.copy(program, copy)
+        return copy
+
+    def program_path(self, name):
+        return os.path.join(self.programs_folder, name)
+
+    @property
+    def socket_path(self):
+        return self.path("monitoring.sock")
+
+    def start_monitor(self):
+        monitor = self.start(
+            [self.program_path("ostravel-monitor"), "--socket", self.socket_path, "--json"]
+        )
+        monitor.expect(monitor.errors, "listening on")
+        self.events = EventStream(monitor.output)
+        return monitor
+
+    def start_sidecar(self, *options):
+        sidecar = self.start([self.program_path("ostravel-sidecar"), *options])
+        sidecar.expect(sidecar.output, "listening on")
+        return sidecar
+
+    def start_local_proxy(self):
+        return LocalProxy(self)
+
+    def start_tinyproxy(self):
+        configuration = self.path("tinyproxy.conf")
+        pathlib.Path(configuration).write_text(
+            "Port 8080\nListen 127.0.0.1\nTimeout 60\nMaxClients 200\nLogLevel Connect\n"
+        )
+        tinyproxy = self.start(["tinyproxy", "-d", "-c", configuration])
+        self._wait_until_listening(8080)
+        return tinyproxy
+
+    def _wait_until_listening(self, port):
+        """For a program here that does not say so."""
+        eventually(
+            lambda: self.here.run("ss", "-Hltn", f"sport = :{port}"), f"port {port} is listened on"
+        )
+
+    def start_nginx(self):
+        """Port 80; port 443 with TLS and HTTP/2. Behind it, and on port 8000, the pattern."""
+        self.start_pattern_origin()
+        configuration = self.path("nginx.conf")
+        key = os.path.join(os.path.dirname(self.certificate), "key.pem")
+        pathlib.Path(configuration).write_text(f"""
+            daemon off;
+            worker_processes 1;
+            user root;
+            pid {self.path("nginx.pid")};
+            error_log stderr notice;
+            events {{ worker_connections 4096; }}
+            http {{
+              access_log off;
+              client_max_body_size 0;
+              client_body_temp_path {self.path("nginx-body")};
+              proxy_temp_path {self.path("nginx-proxy")};
+              fastcgi_temp_path {self.path("nginx-fastcgi")};
+              uwsgi_temp_path {self.path("nginx-uwsgi")};
+              scgi_temp_path {self.path("nginx-scgi")};
+              server {{
+                listen 80;
+                listen [::]:80;
+                listen 443 ssl http2;
+                listen [::]:443 ssl http2;
+                ssl_certificate {self.certificate};
+                ssl_certificate_key {key};
+                location / {{ return 200 "$remote_addr $remote_port $server_protocol\\n"; }}
+                location /pattern {{
+                  rewrite ^/pattern(/.*)$ $1 break;
+                  proxy_pass http://127.0.0.1:8000;
+                  proxy_http_version 1.1;
+                  proxy_buffering off;
+                  proxy_request_buffering off;
+                }}
+              }}
+            }}
+        """)
+        nginx = self.start(["/usr/sbin/nginx", "-c", configuration], namespace=self.there)
+        nginx.expect(nginx.errors, "start worker process ")
+        return nginx
+
+    def start_pattern_origin(self, port=8000):
+        origin = self.start(
+            [PYTHON, "-u", _beside("pattern_origin.py"), str(port)],
+            name="pattern-origin",
+            namespace=self.there,
+        )
+        origin.expect(origin.output, "listening")
+        return origin
+
+    def register(self, registrations):
+        """What the administrator says about applications: {path: identifier}."""
+        folder = self.path("settings/applications.d")
+        os.makedirs(folder, exist_ok=True)
+        pathlib.Path(folder, "test.json").write_text(json.dumps(registrations))
+
+    def write_configuration(self, text=None, path=None):
+        if text is None:
+            text = json.dumps({"monitoringSocketPath": self.socket_path})
+        path = path or self.path("provider-configuration.json")
+        pathlib.Path(path).write_text(text)
+        return path
+
+    def run_extension(self, *arguments, prefix=()):
+        """Starts the extension and does not wait for anything."""
+        return self.start(
+            ["unshare", "--mount", "--propagation", "private",
+             "sh", "-c", PRIVATE_ETC, "sh", self.folder,
+             *prefix, self.program_path("ostravel-extension"), *arguments],
+            name="ostravel-extension",
+        )  # fmt: skip
+
+    def start_extension(self, *arguments, prefix=()):
+        """Starts the extension with the monitoring socket, and waits until its rules are there."""
+        extension = self.run_extension(
+            "--configuration", self.write_configuration(), *arguments, prefix=prefix
+        )
+        extension.expect(extension.errors, "Rules set successfully")
+        return extension
+
+    def start_system(self, start_proxy=None, **options):
+        """Monitor, local proxy and extension; returns when flows are proxied."""
+        self.start_monitor()
+        proxy = (start_proxy or self.start_sidecar)()
+        extension = self.start_extension(**options)
+        self.wait_until_proxied()
+        return proxy, extension
+
+    def wait_until_proxied(self):
+        """The first probe of the local proxy may come a little later than the first flow."""
+        mark = self.events.mark()
+        eventually(lambda: self.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
+        # Its last event is the last of all.
+        self.events.flow_to(remote(THERE4, PEER_PORT), mark)
+
+    def has_rules(self):
+        return "ostravel" in self.here.run("nft", "list", "ruleset")
+
+    # Origins
+
+    def serve(self, port, serve, namespace=None, address=None):
+        origin = Origin(namespace or self.there, port, serve, address)
+        self._closing.append(origin.close)
+        return origin
+
+    # Applications
+
+    def socket(self, host, kind=socket.SOCK_STREAM):
+        with self.here:
+            return socket.socket(socket.AF_INET6 if ":" in host else socket.AF_INET, kind)
+
+    def connect(self, host, port, seconds=GENEROUS_SECONDS):
+        """This process as an application."""
+        connection = self.socket(host)
+        try:
+            connection.settimeout(seconds)
+            connection.connect((host, port))
+        except BaseException:
+            connection.close()
+            raise
+        return connection
+
+    def fetch(self, host, port, seconds=GENEROUS_SECONDS):
+        """This process as an application that asks who it seems to be."""
+        try:
+            with self.connect(host, port, seconds) as connection:
+                own_port = connection.getsockname()[1]
+                connection.sendall(b"GET / HTTP/1.0\r\n\r\n")
+                body = receive_all(connection).partition(b"\r\n\r\n")[2]
+                return Fetched(0 if body else 1, body.decode(), own_port, "")
+        except OSError as error:
+            return Fetched(error.errno or errno.ETIMEDOUT, "", 0, str(error))
+
+    def run_application(self, *arguments, given=None, seconds=60):
+        with self.here:
+            return subprocess.run(
+                arguments,
+                input=given,
+                capture_output=True,
+                timeout=seconds,
+                check=False,
+                env=self.environment(),
+            )
+
+    def curl(self, url, *options, program=CURL):
+        done = self.run_application(
+            program, "-q", "-sS", "--max-time", "30",
+            "--resolve", f"{NAME}:80:{THERE4}", "--resolve", f"{NAME}:443:{THERE4}",
+            "-w", "\n%{local_port}", *options, url,
+        )  # fmt: skip
+        body, _, own_port = done.stdout.decode().rpartition("\n")
+        return Fetched(done.returncode, body, int(own_port or 0), done.stderr.decode().strip())
+
+
+def host_text(address):
+    return f"[{address}]" if ":" in address else address
+
+
+def remote(address, port):
+    """The destination as it is written in requests and events."""
+    return f"{host_text(address)}:{port}"
+
+
+def log_lines(program):
+    """What a program has logged: pairs of level and text."""
+    found = []
+    for line in program.errors.since():
+        match = re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (.{7}) (.*)", line)
+        assert match, f"not a line of the log: {line}"
+        found.append((match.group(1).strip(), match.group(2)))
+    return found

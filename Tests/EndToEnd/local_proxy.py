@@ -1,0 +1,128 @@
+"""A local CONNECT proxy that behaves as it is told, well or badly.
+
+Commands come on standard input, one JSON object per line:
+
+  answer      what it answers to a request, text of Latin-1
+  then        what it does next: relay, hold, end or reset
+  joined      true: waits for the origin's first bytes and sends them in one piece with the answer
+  pieces      size of the pieces in which the answer is sent, each in a packet of its own
+
+What happens is reported on standard output, one JSON object per line.
+"""
+
+import json
+import socket
+import struct
+import sys
+import threading
+import time
+
+ESTABLISHED = "HTTP/1.1 200 Connection established\r\n\r\n"
+
+behaviour = {}
+output_lock = threading.Lock()
+
+
+def report(what, **details):
+    line = json.dumps({"what": what, "at": time.monotonic(), **details})
+    with output_lock:
+        print(line, flush=True)
+
+
+def reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
+
+
+def receive_request(connection):
+    request = b""
+    while b"\r\n\r\n" not in request:
+        received = connection.recv(4096)
+        if not received:
+            return request
+        request += received
+    return request
+
+
+def connect_to_origin(request):
+    target = request.split(b" ")[1].decode()
+    host, _, port = target.rpartition(":")
+    return socket.create_connection((host.strip("[]"), int(port)), timeout=30)
+
+
+def copy(source, sink):
+    try:
+        while received := source.recv(65536):
+            sink.sendall(received)
+        sink.shutdown(socket.SHUT_WR)
+    except OSError:
+        for each in (source, sink):
+            try:
+                reset(each)
+            except OSError:
+                pass
+
+
+def relay(connection, origin):
+    origin.settimeout(None)
+    back = threading.Thread(target=copy, args=(origin, connection), daemon=True)
+    back.start()
+    copy(connection, origin)
+    back.join()
+    origin.close()
+
+
+def wait_for_end(connection):
+    try:
+        while connection.recv(65536):
+            pass
+    except OSError:
+        pass
+
+
+def send_in_pieces(connection, answer, size):
+    connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    for start in range(0, len(answer), size):
+        connection.sendall(answer[start : start + size])
+
+
+def serve(connection, current):
+    with connection:
+        request = receive_request(connection)
+        if not request:
+            report("probed")
+            return
+        report("asked", request=request.decode("latin-1"))
+        answer = current.get("answer", ESTABLISHED).encode("latin-1")
+        then = current.get("then", "relay")
+        origin = connect_to_origin(request) if then == "relay" else None
+        if current.get("joined"):
+            answer += origin.recv(65536)
+        send_in_pieces(connection, answer, current.get("pieces", len(answer) or 1))
+        if then == "relay":
+            relay(connection, origin)
+        elif then == "hold":
+            wait_for_end(connection)
+            report("ended")
+        elif then == "reset":
+            reset(connection)
+
+
+def accept(listener):
+    while True:
+        connection, _ = listener.accept()
+        threading.Thread(target=serve, args=(connection, behaviour), daemon=True).start()
+
+
+def main():
+    global behaviour
+    listener = socket.create_server(("127.0.0.1", 8080), backlog=1024)
+    threading.Thread(target=accept, args=(listener,), daemon=True).start()
+    report("listening")
+    for line in sys.stdin:
+        behaviour = json.loads(line)
+        report("behaving")
+
+
+if __name__ == "__main__":
+    main()

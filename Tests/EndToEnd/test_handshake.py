@@ -1,0 +1,327 @@
+"""Local proxies that answer well and badly, and what the application and the events make of it."""
+
+import errno
+import select
+import socket
+import time
+
+import pytest
+
+from events import (
+    CONNECTION_REFUSED,
+    CONNECTION_RESET,
+    backlog_exceeded,
+    handshake_invalid,
+    handshake_read_failed,
+    handshake_rejected,
+    handshake_started,
+    handshake_succeeded,
+    handshake_timed_out,
+    shapes,
+    tunnel_closed,
+)
+from laboratory import (
+    CURL,
+    PEER_PORT,
+    PYTHON,
+    THERE4,
+    THERE6,
+    eventually,
+    receive_all,
+    receive_exactly,
+    remote,
+)
+
+DEADLINE_SECONDS = 5
+TIMED_OUT = "Proxy CONNECT handshake timed out"
+# How soon a refusal has to come that nobody waits for.
+AT_ONCE_SECONDS = 2
+PROBE_INTERVAL_SECONDS = 1
+CURL_COULD_NOT_CONNECT = 7
+
+
+@pytest.fixture
+def proxy(laboratory):
+    """A local proxy that the extension uses, with the monitor running."""
+    made, _ = laboratory.start_system(laboratory.start_local_proxy)
+    return made
+
+
+# name: (what the proxy does, the event that the extension makes of it)
+REFUSALS = {
+    "403": (
+        {"answer": "HTTP/1.1 403 Forbidden\r\nContent-Length: 2\r\n\r\nno", "then": "end"},
+        handshake_rejected(CURL, "HTTP/1.1 403 Forbidden"),
+    ),
+    "502": (
+        {"answer": "HTTP/1.0 502 Bad Gateway\r\n\r\n", "then": "end"},
+        handshake_rejected(CURL, "HTTP/1.0 502 Bad Gateway"),
+    ),
+    # Nobody waits for the end of a connection that has refused.
+    "407 of a proxy that keeps the connection": (
+        {
+            "answer": "HTTP/1.1 407 Proxy Authentication Required\r\n"
+            "Proxy-Authenticate: Basic\r\n\r\n",
+            "then": "hold",
+        },
+        handshake_rejected(CURL, "HTTP/1.1 407 Proxy Authentication Required"),
+    ),
+    "another protocol": (
+        {"answer": "SSH-2.0-Something\r\n\r\n", "then": "hold"},
+        handshake_rejected(CURL, "SSH-2.0-Something"),
+    ),
+    "garbage": (
+        {"answer": "\x00\xff\xfe garbage\r\n\r\n", "then": "hold"},
+        handshake_invalid(CURL, "connect_header_not_utf8"),
+    ),
+    "no status line": (
+        {"answer": "\r\n\r\n", "then": "hold"},
+        handshake_invalid(CURL, "connect_status_line_missing"),
+    ),
+    "a header of 20 KB": (
+        {
+            "answer": "HTTP/1.1 200 OK\r\nX-Padding: " + "x" * 20 * 1024 + "\r\n\r\n",
+            "then": "hold",
+        },
+        handshake_invalid(CURL, "connect_header_too_large"),
+    ),
+    "half a header and then the end": (
+        {"answer": "HTTP/1.1 200 Connection estab", "then": "end"},
+        None,
+    ),
+    "the end without an answer": ({"answer": "", "then": "end"}, None),
+}
+
+
+@pytest.mark.parametrize("name", REFUSALS)
+def test_a_refused_handshake_refuses_the_application(laboratory, proxy, name):
+    behaviour, event = REFUSALS[name]
+    proxy.behave(**behaviour)
+    begin = time.monotonic()
+    assert laboratory.curl(f"http://{THERE4}/").status == CURL_COULD_NOT_CONNECT
+    assert time.monotonic() - begin < AT_ONCE_SECONDS
+    target = remote(THERE4, 80)
+    assert shapes(laboratory.events.flow_to(target)) == [
+        handshake_started(CURL, target),
+        *([event] if event else []),
+        tunnel_closed(CURL),
+    ]
+    # The proxy does answer, so that it goes on being asked.
+    mark = proxy.mark()
+    assert laboratory.curl(f"http://{THERE4}/").status == CURL_COULD_NOT_CONNECT
+    assert len(proxy.requests(mark)) == 1
+
+
+ACCEPTED_ANSWERS = {
+    "with fields": "HTTP/1.1 200 OK\r\nVia: someone\r\nX: y\r\n\r\n",
+    "shortest": "HTTP/1.1 200\r\n\r\n",
+    "old": "HTTP/1.0 200 Connection established\r\n\r\n",
+    "blanks around": "  HTTP/1.1 200 OK\t\r\n\r\n",
+    "just short enough": "HTTP/1.1 200 OK\r\nX: " + "x" * 16000 + "\r\n\r\n",
+}
+
+
+@pytest.mark.parametrize("name", ACCEPTED_ANSWERS)
+def test_an_accepted_handshake_connects_the_application(laboratory, proxy, name):
+    proxy.behave(answer=ACCEPTED_ANSWERS[name])
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+
+
+def test_an_answer_may_come_byte_by_byte(laboratory, proxy):
+    laboratory.serve(80, lambda connection, _: connection.sendall(b"220 ready\r\n"))
+    proxy.behave(pieces=1)
+    with laboratory.connect(THERE4, 80) as application:
+        assert receive_all(application) == b"220 ready\r\n"
+
+
+@pytest.mark.parametrize("host", [THERE4, THERE6])
+def test_bytes_that_come_with_the_answer_belong_to_the_application(laboratory, proxy, host):
+    greeting = bytes(range(256)) * 8
+
+    def greet_and_echo(connection, _):
+        connection.sendall(greeting)
+        while received := connection.recv(65536):
+            connection.sendall(received)
+
+    laboratory.serve(5000, greet_and_echo)
+    proxy.behave(joined=True)
+    with laboratory.connect(host, 5000) as application:
+        assert receive_exactly(application, len(greeting)) == greeting
+        application.sendall(b"and on")
+        assert receive_exactly(application, 6) == b"and on"
+    flow = laboratory.events.flow_to(remote(host, 5000))
+    assert shapes(flow) == [
+        handshake_started(PYTHON, remote(host, 5000)),
+        handshake_succeeded(PYTHON, leftover_bytes=len(greeting)),
+        tunnel_closed(PYTHON),
+    ]
+
+
+def test_a_proxy_that_resets_is_not_asked_again_before_it_was_probed(laboratory, proxy):
+    laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
+    proxy.behave(answer="", then="reset")
+    mark = proxy.mark()
+    with laboratory.socket(THERE4) as application:
+        application.settimeout(20)
+        assert application.connect_ex((THERE4, 80)) == errno.ECONNREFUSED
+    failed_at = proxy.wait("asked", mark)["at"]
+    assert shapes(laboratory.events.flow_to(remote(THERE4, 80))) == [
+        handshake_started(PYTHON, remote(THERE4, 80)),
+        handshake_read_failed(CONNECTION_RESET),
+        tunnel_closed(PYTHON, CONNECTION_RESET),
+    ]
+    check_that_flows_are_direct_until_the_next_probe(laboratory, proxy, failed_at)
+
+
+def check_that_flows_are_direct_until_the_next_probe(laboratory, proxy, failed_at):
+    proxy.behave()
+    mark = proxy.mark()
+    flows = []
+
+    def fetch():
+        begin = time.monotonic()
+        way = laboratory.fetch(THERE4, PEER_PORT).way
+        flows.append((begin, time.monotonic(), way))
+        return way == "proxied"
+
+    eventually(fetch, "flows are proxied again", seconds=3 * PROBE_INTERVAL_SECONDS)
+    asked = proxy.wait("asked", mark)["at"]
+    probes = [report["at"] for report in proxy.reports("probed") if report["at"] > failed_at]
+    # Only a probe opens the gate: none of ours was proxied before one had come.
+    assert probes and probes[0] < asked
+    assert all(way == "direct" for _, end, way in flows if end < probes[0])
+    assert {way for _, _, way in flows} <= {"direct", "proxied"}
+    assert laboratory.events.since()[-1]["current_signal"] != "proxy_recovered"
+
+
+def test_a_proxy_that_says_nothing_is_given_five_seconds(laboratory, proxy):
+    proxy.behave(answer="", then="hold")
+    mark = proxy.mark()
+    begin = time.monotonic()
+    with laboratory.socket(THERE4) as application:
+        application.settimeout(20)
+        assert application.connect_ex((THERE4, 80)) == errno.ECONNREFUSED
+    end = time.monotonic()
+    assert DEADLINE_SECONDS <= end - begin < DEADLINE_SECONDS + AT_ONCE_SECONDS
+    # The proxy's connection is ended as well.
+    proxy.wait("ended", mark)
+    assert shapes(laboratory.events.flow_to(remote(THERE4, 80))) == [
+        handshake_started(PYTHON, remote(THERE4, 80)),
+        handshake_timed_out(PYTHON),
+        tunnel_closed(PYTHON, TIMED_OUT),
+    ]
+    # The gate is closed as soon as the tunnel is, and the application knows a little later.
+    check_that_flows_are_direct_until_the_next_probe(laboratory, proxy, end)
+
+
+def test_curl_is_refused_by_a_proxy_that_says_nothing(laboratory, proxy):
+    proxy.behave(answer="HTTP/1.1 200 Conn", then="hold")
+    begin = time.monotonic()
+    assert laboratory.curl(f"http://{THERE4}/").status == CURL_COULD_NOT_CONNECT
+    assert time.monotonic() - begin < DEADLINE_SECONDS + AT_ONCE_SECONDS
+    assert shapes(laboratory.events.flow_to(remote(THERE4, 80)))[1:] == [
+        handshake_timed_out(CURL),
+        tunnel_closed(CURL, TIMED_OUT),
+    ]
+
+
+def test_a_proxy_that_is_gone_refuses_one_flow_at_most(laboratory, proxy):
+    """Until the next probe finds it out, the first flow does."""
+    laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
+    mark = laboratory.events.mark()
+    proxy.program.kill()
+    first = laboratory.curl(f"http://{THERE4}:{PEER_PORT}/")
+    assert first.status == CURL_COULD_NOT_CONNECT or first.way == "direct"
+    for _ in range(5):
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
+    laboratory.events.wait("proxy_unreachable", mark)
+    closed = [
+        event
+        for event in laboratory.events.since(mark)
+        if event["current_signal"] == "tunnel_closed"
+    ]
+    assert shapes(closed) == ([tunnel_closed(CURL, CONNECTION_REFUSED)] if first.status else [])
+
+
+def start_connecting(laboratory, count):
+    applications = []
+    for _ in range(count):
+        application = laboratory.socket(THERE4)
+        application.setblocking(False)
+        assert application.connect_ex((THERE4, 80)) == errno.EINPROGRESS
+        applications.append(application)
+    return applications
+
+
+def wait_for_outcomes(applications, seconds, count):
+    """The errors of the first count connections that come to something, in the order of time."""
+    poller = select.poll()
+    waiting = {}
+    for application in applications:
+        poller.register(application, select.POLLOUT)
+        waiting[application.fileno()] = application
+    outcomes = []
+    deadline = time.monotonic() + seconds
+    while len(outcomes) < count and (left := deadline - time.monotonic()) > 0:
+        for descriptor, _ in poller.poll(left * 1000):
+            poller.unregister(descriptor)
+            application = waiting.pop(descriptor)
+            error = application.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
+            outcomes.append(error)
+    return outcomes, list(waiting.values())
+
+
+def test_a_proxy_that_never_answers_keeps_48_flows_waiting_and_no_more(laboratory, proxy):
+    count, most = 200, 48
+    proxy.behave(answer="", then="hold")
+    laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
+    proxy_mark, mark = proxy.mark(), laboratory.events.mark()
+    begin = time.monotonic()
+    applications = start_connecting(laboratory, count)
+
+    # All but 48 are refused at once, and each of them is reported.
+    refused, waiting = wait_for_outcomes(applications, DEADLINE_SECONDS - 1, count - most)
+    assert time.monotonic() - begin < DEADLINE_SECONDS - 1
+    assert refused == [errno.ECONNREFUSED] * (count - most)
+    assert len(waiting) == most
+    rejections = laboratory.events.wait_for_count("connect_handshake_rejected", count - most, mark)
+    assert shapes(rejections) == [backlog_exceeded(PYTHON)] * (count - most)
+    assert len({event["flow_id"] for event in rejections}) == count - most
+
+    # The 48 are ended by the deadline.
+    timed_out, waiting = wait_for_outcomes(waiting, DEADLINE_SECONDS + AT_ONCE_SECONDS, most)
+    assert time.monotonic() - begin >= DEADLINE_SECONDS
+    assert timed_out == [errno.ECONNREFUSED] * most
+    assert waiting == []
+    for flow in laboratory.events.flows_to(remote(THERE4, 80), most, mark):
+        assert shapes(flow) == [
+            handshake_started(PYTHON, remote(THERE4, 80)),
+            handshake_timed_out(PYTHON),
+            tunnel_closed(PYTHON, TIMED_OUT),
+        ]
+    assert len(laboratory.events.since(mark)) == count - most + 3 * most
+    for application in applications:
+        application.close()
+
+    # And all is as before.
+    assert len(proxy.requests(proxy_mark)) == most
+    proxy.behave()
+    laboratory.wait_until_proxied()
+    applications = start_connecting(laboratory, most)
+    connected, _ = wait_for_outcomes(applications, 20, most)
+    assert connected == [0] * most
+    for application in applications:
+        application.close()
+
+
+def test_flows_that_are_established_do_not_count_as_waiting(laboratory, proxy):
+    def hold(connection, _):
+        connection.recv(1)
+
+    laboratory.serve(80, hold)
+    held = [laboratory.connect(THERE4, 80) for _ in range(60)]
+    mark = proxy.mark()
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    assert len(proxy.requests(mark)) == 1
+    for application in held:
+        application.close()

@@ -1,0 +1,381 @@
+"""Starting, ending in every way there is, and limits: the machine's connections outlive it all."""
+
+import asyncio
+import errno
+import json
+import os
+import select
+import signal
+import socket
+import time
+
+import pytest
+
+from events import provider_stopped, shape
+from laboratory import (
+    HERE4,
+    HERE6,
+    PEER_PORT,
+    PYTHON,
+    THERE4,
+    THERE6,
+    eventually,
+    receive_all,
+    remote,
+)
+from origins import tell_peer
+
+END_SECONDS = 2
+PROGRAMS = ("ostravel-extension", "ostravel-monitor", "ostravel-sidecar")
+
+
+# Ending
+
+
+def hold_a_connection(laboratory, proxy, host):
+    """An application whose connect() waits for the proxy."""
+    mark = proxy.mark()
+    application = laboratory.socket(host)
+    application.setblocking(False)
+    assert application.connect_ex((host, 80)) == errno.EINPROGRESS
+    proxy.wait("asked", mark)
+    return application
+
+
+def finish_connecting(application, seconds):
+    """The error with which connect() ends."""
+    _, writable, _ = select.select([], [application], [], seconds)
+    assert writable, f"connect() still waits after {seconds} s"
+    return application.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
+
+
+def check_is_direct(application, here):
+    application.setblocking(True)
+    application.settimeout(20)
+    application.sendall(b"GET / HTTP/1.0\r\n\r\n")
+    own_port = application.getsockname()[1]
+    assert receive_all(application).endswith(f"\r\n{here} {own_port}\n".encode())
+
+
+BOTH_FAMILIES = pytest.mark.parametrize("host, here", [(THERE4, HERE4), (THERE6, HERE6)])
+
+
+@BOTH_FAMILIES
+def test_killed_it_leaves_every_flow_direct(laboratory, host, here):
+    laboratory.serve(80, tell_peer)
+    proxy, extension = laboratory.start_system(laboratory.start_local_proxy)
+    proxy.behave(answer="", then="hold")
+    held = hold_a_connection(laboratory, proxy, host)
+    assert laboratory.has_rules()
+    begin = time.monotonic()
+    extension.kill()
+    assert laboratory.fetch(host, PEER_PORT).way == "direct"
+    assert laboratory.curl(f"http://{remote(host, 80)}/").way == "direct"
+    assert time.monotonic() - begin < END_SECONDS
+    assert laboratory.here.run("nft", "list", "ruleset") == ""
+    # The system itself sends the held packet again.
+    assert finish_connecting(held, 5) == 0
+    check_is_direct(held, here)
+    held.close()
+
+
+def test_killed_it_can_be_started_again(laboratory):
+    _, extension = laboratory.start_system()
+    for _ in range(3):
+        extension.kill()
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
+        extension = laboratory.start_extension()
+        laboratory.wait_until_proxied()
+
+
+def test_hung_it_lets_new_flows_pass_and_takes_them_again_later(laboratory):
+    laboratory.serve(80, tell_peer)
+    _, extension = laboratory.start_system()
+    begin = time.monotonic()
+    extension.send_signal(signal.SIGSTOP)
+    for host in (THERE4, THERE6):
+        eventually(
+            lambda host=host: laboratory.fetch(host, 80, seconds=0.2).way == "direct",
+            "new flows pass",
+        )
+    assert time.monotonic() - begin < 2.5
+    for _ in range(5):
+        assert laboratory.fetch(THERE4, 80).way == "direct"
+        assert laboratory.fetch(THERE6, 80).way == "direct"
+    extension.send_signal(signal.SIGCONT)
+    eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "flows are proxied again")
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_asked_to_end_it_does_so_in_order(laboratory, number):
+    _, extension = laboratory.start_system()
+    begin = time.monotonic()
+    assert extension.stop(number) == 0
+    assert time.monotonic() - begin < END_SECONDS
+    assert laboratory.here.run("nft", "list", "ruleset") == ""
+    assert shape(laboratory.events.wait("provider_stopped")) == provider_stopped("1")
+    assert laboratory.events.since()[-1]["current_signal"] == "provider_stopped"
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
+
+
+@BOTH_FAMILIES
+def test_ending_it_leaves_waiting_applications_to_the_system(laboratory, host, here):
+    laboratory.serve(80, tell_peer)
+    proxy, extension = laboratory.start_system(laboratory.start_local_proxy)
+    proxy.behave(answer="", then="hold")
+    held = [hold_a_connection(laboratory, proxy, host) for _ in range(10)]
+    assert extension.stop() == 0
+    for application in held:
+        assert finish_connecting(application, 5) == 0
+        check_is_direct(application, here)
+        application.close()
+
+
+def test_ending_it_does_not_wait_for_a_stalled_monitor(laboratory):
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(laboratory.socket_path)
+        listener.listen(0)
+        laboratory.start_sidecar()
+        extension = laboratory.start_extension()
+        for _ in range(3):
+            eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "a tunnel")
+        begin = time.monotonic()
+        assert extension.stop() == 0
+        assert time.monotonic() - begin < END_SECONDS
+    assert not laboratory.has_rules()
+
+
+def test_ending_it_with_many_tunnels_takes_no_longer(laboratory):
+    laboratory.serve(80, None)
+    _, extension = laboratory.start_system()
+    held = asyncio.run(connect_many(laboratory, 300))
+    begin = time.monotonic()
+    assert extension.stop() == 0
+    assert time.monotonic() - begin < END_SECONDS
+    for application in held:
+        application.close()
+
+
+# Starting
+
+
+def last_words(program, status=2):
+    """The one line that a program says about itself before it ends with status."""
+    assert program.wait() == status
+    own = [line for line in program.errors.since() if line.startswith("ostravel-extension: ")]
+    assert len(own) == 1
+    assert program.errors.since()[-1] == own[0]
+    return own[0]
+
+
+def test_a_second_one_says_so_and_the_first_is_not_harmed(laboratory):
+    laboratory.start_system()
+    second = laboratory.run_extension()
+    assert last_words(second) == (
+        "ostravel-extension: another instance is running in this network namespace (it owns the "
+        "nftables table inet ostravel): stop it first"
+    )
+    for _ in range(5):
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+
+
+@pytest.mark.parametrize(
+    "prefix",
+    [
+        ("setpriv", "--bounding-set", "-net_admin", "--inh-caps", "-net_admin"),
+        ("setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"),
+    ],
+    ids=["without CAP_NET_ADMIN", "as an ordinary user"],
+)
+def test_without_the_permission_it_says_what_is_missing(laboratory, prefix):
+    program = laboratory.copy_of(
+        laboratory.program_path("ostravel-extension"), "ostravel-extension"
+    )
+    laboratory.programs_folder = os.path.dirname(program)
+    extension = laboratory.run_extension(prefix=prefix)
+    assert last_words(extension) == (
+        "ostravel-extension: the permission to administer the network (CAP_NET_ADMIN) is missing: "
+        "run as root"
+    )
+    assert len(extension.errors.since()) == 1
+    assert not laboratory.has_rules()
+
+
+CONFIGURATION_ERRORS = {
+    "not JSON": ('{\n  "monitoringSocketPath": oops\n}\n', ":2:"),
+    "cut off": ('{"monitoringSocketPath": "/tmp/x"', ":1:"),
+    "two objects": ("{}\n{}", ":2:"),
+    "a key twice": ('{"a": 1,\n "a": 2}', ":2:"),
+    "empty": ("", ":1:"),
+    "an array": ('["monitoringSocketPath"]', ":1:1: the configuration must be a JSON object"),
+    "a word": ('"x"', ":1:1: the configuration must be a JSON object"),
+}
+
+
+@pytest.mark.parametrize("name", CONFIGURATION_ERRORS)
+@pytest.mark.parametrize("is_default", [False, True], ids=["named", "default"])
+def test_a_configuration_that_is_wrong_is_pointed_at(laboratory, name, is_default):
+    text, place = CONFIGURATION_ERRORS[name]
+    if is_default:
+        laboratory.write_configuration(text, laboratory.path("settings/provider-configuration.json"))
+        path = "/etc/ostravel/provider-configuration.json"
+        extension = laboratory.run_extension()
+    else:
+        path = laboratory.write_configuration(text)
+        extension = laboratory.run_extension("--configuration", path)
+    words = last_words(extension)
+    assert words.startswith(f"ostravel-extension: {path}{place}")
+    assert len(extension.errors.since()) == 1
+    assert not laboratory.has_rules()
+
+
+@pytest.mark.parametrize("kind", ["missing", "folder"])
+def test_a_named_configuration_has_to_be_readable(laboratory, kind):
+    path = laboratory.path("nowhere.json" if kind == "missing" else "settings")
+    extension = laboratory.run_extension("--configuration", path)
+    assert last_words(extension).startswith(f"ostravel-extension: {path}: cannot be read: ")
+    assert len(extension.errors.since()) == 1
+
+
+def test_the_default_configuration_is_read(laboratory):
+    laboratory.start_monitor()
+    laboratory.write_configuration(
+        json.dumps({"monitoringSocketPath": laboratory.socket_path}),
+        laboratory.path("settings/provider-configuration.json"),
+    )
+    extension = laboratory.run_extension()
+    laboratory.events.wait("provider_started")
+    extension.expect(extension.errors, "Rules set successfully")
+    assert extension.stop() == 0
+
+
+def test_no_configuration_is_needed(laboratory):
+    laboratory.start_sidecar()
+    extension = laboratory.run_extension()
+    extension.expect(extension.errors, "Rules set successfully")
+    eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
+    assert extension.stop() == 0
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_each_program_explains_itself(laboratory, program):
+    path = laboratory.program_path(program)
+    for option, wanted in (("--help", program), ("--version", program + " ")):
+        done = laboratory.run_application(path, option)
+        assert done.returncode == 0
+        assert wanted in done.stdout.decode()
+        assert done.stderr == b""
+    for arguments in (["--unknown"], ["unexpected"], ["-x"]):
+        done = laboratory.run_application(path, *arguments)
+        assert done.returncode == 2
+        assert done.stdout == b""
+        (line,) = done.stderr.decode().splitlines()
+        assert line.startswith(f"{program}: ")
+
+
+@pytest.mark.parametrize("arguments", [["--configuration"], ["--log", "nowhere"], ["--log"]])
+def test_options_are_checked(laboratory, arguments):
+    done = laboratory.run_application(laboratory.program_path("ostravel-extension"), *arguments)
+    assert done.returncode == 2
+    (line,) = done.stderr.decode().splitlines()
+    assert line.startswith("ostravel-extension: ")
+
+
+# Limits
+
+
+async def connect_many(laboratory, count, port=80):
+    """Connections that are all open at the same time."""
+    # More handshakes than this at the same time are refused.
+    gate = asyncio.Semaphore(40)
+
+    async def connect():
+        application = laboratory.socket(THERE4)
+        application.setblocking(False)
+        async with gate:
+            await asyncio.wait_for(
+                asyncio.get_running_loop().sock_connect(application, (THERE4, port)), 60
+            )
+        return application
+
+    return await asyncio.gather(*(connect() for _ in range(count)))
+
+
+def test_2000_idle_tunnels_do_not_disturb(laboratory):
+    count = 2000
+    laboratory.serve(80, None)
+    _, extension = laboratory.start_system()
+    mark = laboratory.events.mark()
+    held = asyncio.run(connect_many(laboratory, count))
+    laboratory.events.wait_for_count("connect_handshake_succeeded", count, mark)
+
+    begin = time.monotonic()
+    for _ in range(50):
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    assert time.monotonic() - begin < 10
+
+    for application in held:
+        application.close()
+    laboratory.events.wait_for_count("tunnel_closed", count + 50, mark)
+    assert not any(event["level"] == "error" for event in laboratory.events.since(mark))
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    # What the tunnels had has been given back.
+    eventually(lambda: len(os.listdir(f"/proc/{extension.pid}/fd")) < 100, "descriptors are free")
+
+
+def test_without_descriptors_to_spare_flows_are_direct(laboratory):
+    laboratory.start_sidecar()
+    extension = laboratory.start_extension(prefix=("prlimit", "--nofile=200:200"))
+    for _ in range(20):
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
+    assert extension.stop() == 0
+
+
+def test_near_the_limit_of_descriptors_new_flows_are_direct(laboratory):
+    count = 100
+    peers = []
+
+    def hold(connection, peer):
+        peers.append(peer[1])
+        connection.sendall(b"here")
+        connection.recv(1)
+
+    laboratory.serve(80, hold)
+    laboratory.start_monitor()
+    laboratory.start_sidecar()
+    laboratory.start_extension(prefix=("prlimit", "--nofile=320:320"))
+    laboratory.wait_until_proxied()
+    held = []
+    for _ in range(count):
+        application = laboratory.connect(THERE4, 80)
+        assert application.recv(4) == b"here"
+        held.append(application)
+    own_ports = [application.getsockname()[1] for application in held]
+    direct = [port for port in own_ports if port in peers]
+    # The first are carried, the last are not.
+    assert 10 < len(direct) < count - 10
+    assert own_ports[0] not in direct
+    assert direct == own_ports[-len(direct) :]
+    for application in held:
+        application.close()
+    eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
+
+
+def test_many_flows_at_once_are_all_carried_or_direct(laboratory):
+    """More first packets at the same moment than are handshakes allowed, from applications that
+    the proxy answers at once: none is lost, a few may be refused."""
+    laboratory.serve(80, None)
+    laboratory.start_system()
+    applications = []
+    for _ in range(150):
+        application = laboratory.socket(THERE4)
+        application.setblocking(False)
+        assert application.connect_ex((THERE4, 80)) == errno.EINPROGRESS
+        applications.append(application)
+    outcomes = [finish_connecting(application, 10) for application in applications]
+    assert set(outcomes) <= {0, errno.ECONNREFUSED}
+    assert outcomes.count(0) >= 48
+    for application in applications:
+        application.close()
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    assert laboratory.events.flow_to(remote(THERE4, 80))[0]["context"]["app_id"] == PYTHON

@@ -1,0 +1,303 @@
+"""What is told about a run, and that telling it never stands in anybody's way."""
+
+import json
+import os
+import re
+import signal
+import socket
+import struct
+
+import pytest
+
+from events import (
+    CONNECTION_REFUSED,
+    EventStream,
+    handshake_started,
+    handshake_succeeded,
+    provider_started,
+    provider_stopped,
+    proxy_recovered,
+    proxy_unreachable,
+    shapes,
+    tunnel_closed,
+)
+from laboratory import CURL, PYTHON, THERE4, THERE6, eventually, log_lines, remote
+from origins import tell_peer
+from program import Lines
+
+SEND_FAILED = "OstravelProxy monitoring send failed: "
+
+
+def flow_events(application, target):
+    return [
+        handshake_started(application, target),
+        handshake_succeeded(application),
+        tunnel_closed(application),
+    ]
+
+
+def test_the_events_of_a_run_are_exactly_these(laboratory):
+    laboratory.serve(80, tell_peer)
+    monitor = laboratory.start_monitor()
+    events = laboratory.events
+    extension = laboratory.start_extension()
+    events.wait("proxy_unreachable")
+    assert laboratory.fetch(THERE4, 80).way == "direct"
+    laboratory.start_sidecar()
+    events.wait("proxy_recovered")
+    assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+    events.wait_for_count("tunnel_closed", 1)
+    assert laboratory.curl(f"http://[{THERE6}]/").way == "proxied"
+    events.wait_for_count("tunnel_closed", 2)
+    assert laboratory.fetch(THERE6, 80).way == "proxied"
+    events.wait_for_count("tunnel_closed", 3)
+    assert extension.stop() == 0
+    events.wait("provider_stopped")
+
+    told = events.since()
+    # The first probe runs beside the start.
+    beginning = sorted(shapes(told[:2]), key=lambda event: event["current_signal"])
+    assert beginning == [provider_started(), proxy_unreachable()]
+    assert shapes(told[2:]) == [
+        proxy_recovered(),
+        *flow_events(CURL, remote(THERE4, 80)),
+        *flow_events(CURL, remote(THERE6, 80)),
+        *flow_events(PYTHON, remote(THERE6, 80)),
+        provider_stopped("1"),
+    ]
+    # An identifier for each event, and for each flow, which its events share.
+    assert len({event["message_id"] for event in told}) == len(told)
+    flow_ids = [event["flow_id"] for event in told if "flow_id" in event]
+    assert flow_ids[0:3] == [flow_ids[0]] * 3
+    assert flow_ids[3:6] == [flow_ids[3]] * 3
+    assert flow_ids[6:9] == [flow_ids[6]] * 3
+    assert len(set(flow_ids)) == 3
+    times = [event["timestamp"] for event in told[2:]]
+    assert times == sorted(times)
+    assert monitor.errors.since()[1:] == []
+
+
+def test_the_log_of_a_run_is_exactly_this(laboratory):
+    laboratory.serve(80, tell_peer)
+    laboratory.start_monitor()
+    extension = laboratory.start_extension()
+    laboratory.events.wait("proxy_unreachable")
+    laboratory.start_sidecar()
+    laboratory.events.wait("proxy_recovered")
+    assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+    laboratory.events.wait("tunnel_closed")
+    assert extension.stop(signal.SIGINT) == 0
+    assert log_lines(extension) == [
+        ("info", "OstravelProxy: init()"),
+        ("info", "OstravelProxy: Starting Proxy provider..."),
+        ("info", "OstravelProxy: Rules summary included=32 excluded=2 httpsOnly=false"),
+        ("info", "OstravelProxy: Rules set successfully"),
+        ("default", "OstravelProxy: Sending CONNECT handshake (details private)"),
+        ("info", "OstravelProxy: Handshake successful."),
+        ("info", "OstravelProxy: Stopping Proxy"),
+        ("info", "OstravelProxy: deinit"),
+    ]
+
+
+def failures_in(extension):
+    return [text for _, text in log_lines(extension) if SEND_FAILED in text]
+
+
+def test_without_a_monitor_each_event_costs_one_line_and_nothing_else(laboratory):
+    laboratory.serve(80, tell_peer)
+    extension = laboratory.start_extension()
+    # Told, or not, in any order: the start and the unreachable proxy.
+    eventually(lambda: len(failures_in(extension)) == 2, "two lines")
+    laboratory.start_sidecar()
+    # The recovery.
+    eventually(lambda: len(failures_in(extension)) == 3, "three lines")
+    for count in (6, 9, 12):
+        assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+        eventually(lambda count=count: len(failures_in(extension)) == count, f"{count} lines")
+    assert set(failures_in(extension)) == {
+        SEND_FAILED
+        + 'Error Domain=NSPOSIXErrorDomain Code=2 "Failed to connect to monitoring socket"'
+    }
+    assert extension.stop() == 0
+    assert len(failures_in(extension)) == 13
+
+
+def test_a_monitor_that_has_gone_is_a_refusal(laboratory):
+    extension = laboratory.start_extension()
+    eventually(lambda: len(failures_in(extension)) == 2, "two lines")
+    with socket.socket(socket.AF_UNIX) as left_behind:
+        left_behind.bind(laboratory.socket_path)
+    laboratory.start_sidecar()
+    refused = 'Error Domain=NSPOSIXErrorDomain Code=111 "Failed to connect to monitoring socket"'
+    eventually(lambda: failures_in(extension)[-1] == SEND_FAILED + refused, "a refusal")
+
+
+def test_without_a_configured_socket_nothing_is_said(laboratory):
+    laboratory.serve(80, tell_peer)
+    laboratory.start_sidecar()
+    extension = laboratory.run_extension("--configuration", laboratory.write_configuration("{}"))
+    extension.expect(extension.errors, "Rules set successfully")
+    eventually(lambda: laboratory.curl(f"http://{THERE4}/").way == "proxied", "a proxied request")
+    assert extension.stop() == 0
+    assert failures_in(extension) == []
+
+
+@pytest.mark.parametrize("value", ['"  %s\\n\\t "', '"%s"'])
+def test_white_space_around_the_path_does_not_matter(laboratory, value):
+    laboratory.start_monitor()
+    text = '{"monitoringSocketPath": ' + value % laboratory.socket_path + ', "other": [1, null]}'
+    laboratory.run_extension("--configuration", laboratory.write_configuration(text))
+    laboratory.events.wait("provider_started")
+
+
+@pytest.mark.parametrize("value", ["17", "null", '"  "', '["/tmp/x"]'])
+def test_a_path_that_is_none_tells_nobody(laboratory, value):
+    text = f'{{"monitoringSocketPath": {value}}}'
+    extension = laboratory.run_extension("--configuration", laboratory.write_configuration(text))
+    extension.expect(extension.errors, "Rules set successfully")
+    assert extension.stop() == 0
+    assert failures_in(extension) == []
+
+
+def test_a_path_that_is_too_long_is_said_so(laboratory):
+    path = laboratory.path("x" * 100)
+    text = json.dumps({"monitoringSocketPath": path})
+    extension = laboratory.run_extension("--configuration", laboratory.write_configuration(text))
+    too_long = 'Error Domain=OstravelProxy Code=1101 "Monitoring socket path too long"'
+    extension.expect(extension.errors, SEND_FAILED + too_long)
+    assert extension.stop() == 0
+
+
+def test_a_monitor_may_come_later_and_again(laboratory):
+    laboratory.serve(80, tell_peer)
+    laboratory.start_sidecar()
+    laboratory.start_extension()
+    eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "a proxied request")
+    for _ in range(2):
+        monitor = laboratory.start_monitor()
+        # What went before is not told any more, or only its end.
+        assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+        flow = laboratory.events.flow_to(remote(THERE4, 80))
+        assert shapes(flow) == flow_events(CURL, remote(THERE4, 80))
+        assert monitor.stop() == 0
+        assert not os.path.exists(laboratory.socket_path)
+        assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+
+
+class StalledMonitor:
+    """Listens and does not accept: the second connection to come has to wait."""
+
+    def __init__(self, path):
+        self._listener = socket.socket(socket.AF_UNIX)
+        self._listener.bind(path)
+        self._listener.listen(0)
+        self._listener.settimeout(30)
+
+    def receive(self):
+        """The next event."""
+        connection, _ = self._listener.accept()
+        with connection, connection.makefile("rb") as stream:
+            connection.settimeout(30)
+            (size,) = struct.unpack(">I", stream.read(4))
+            body = stream.read()
+            assert len(body) == size
+            return json.loads(body)
+
+    def close(self):
+        self._listener.close()
+
+
+def test_a_monitor_that_does_not_accept_stops_nobody_and_misses_nothing(laboratory):
+    laboratory.serve(80, tell_peer)
+    monitor = StalledMonitor(laboratory.socket_path)
+    sidecar = laboratory.start_sidecar()
+    extension = laboratory.start_extension()
+    eventually(lambda: laboratory.fetch(THERE4, 7860).way == "proxied", "flows are proxied")
+    target = remote(THERE4, 80)
+    requests = 20
+    for _ in range(requests):
+        assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+    sidecar.kill()
+    # The health of the proxy is watched all the same.
+    eventually(lambda: laboratory.fetch(THERE4, 7860).way == "direct", "flows are direct")
+    assert failures_in(extension) == []
+
+    # Now it reads, and gets all in the order in which it happened.
+    lines = Lines()
+    while True:
+        event = monitor.receive()
+        lines.append(json.dumps(event))
+        if event["current_signal"] == "proxy_unreachable":
+            break
+    monitor.close()
+    events = EventStream(lines).since()
+    assert shapes(events[:1]) == [provider_started()]
+    flow_ids = [
+        event["flow_id"]
+        for event in events
+        if event["current_signal"] == "connect_handshake_started"
+        and event["context"]["remote"] == target
+    ]
+    assert len(flow_ids) == requests
+    for flow_id in flow_ids:
+        own = [event for event in events if event.get("flow_id") == flow_id]
+        assert shapes(own) == flow_events(CURL, target)
+
+
+def test_a_monitor_that_accepts_and_does_not_read_stops_nobody(laboratory):
+    laboratory.serve(80, tell_peer)
+    laboratory.start_sidecar()
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(laboratory.socket_path)
+        listener.listen(1024)
+        extension = laboratory.start_extension()
+        eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "flows are proxied")
+        listener.settimeout(30)
+        held = [listener.accept()[0]]
+        for _ in range(20):
+            assert laboratory.fetch(THERE4, 80).way == "proxied"
+            held.append(listener.accept()[0])
+        for connection in held:
+            connection.close()
+    assert extension.process.poll() is None
+
+
+def test_a_monitor_that_closes_at_once_stops_nobody(laboratory):
+    """Writing to it fails, and does not end the process."""
+    laboratory.serve(80, tell_peer)
+    laboratory.start_sidecar()
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(laboratory.socket_path)
+        listener.listen(0)
+        listener.settimeout(30)
+        extension = laboratory.start_extension()
+        eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "flows are proxied")
+        for _ in range(20):
+            listener.accept()[0].close()
+            assert laboratory.fetch(THERE4, 80).way == "proxied"
+    assert laboratory.fetch(THERE4, 80).way == "proxied"
+    assert extension.process.poll() is None
+    assert extension.stop() == 0
+    for failure in failures_in(extension):
+        assert re.search(r'Code=\d+ "Failed to (write monitoring frame|connect to )', failure)
+
+
+def test_a_flow_that_finds_no_proxy_is_told(laboratory):
+    laboratory.serve(80, tell_peer)
+    sidecar, _ = laboratory.start_system()
+
+    def find_out():
+        """Whether an application comes before the probe, which it does nearly always."""
+        nonlocal sidecar
+        mark = laboratory.events.mark()
+        sidecar.kill()
+        status = laboratory.fetch(THERE4, 80).status
+        laboratory.events.wait("proxy_unreachable", mark)
+        events = laboratory.events.since(mark)
+        sidecar = laboratory.start_sidecar()
+        laboratory.events.wait("proxy_recovered", mark)
+        laboratory.wait_until_proxied()
+        return events if status != 0 else None
+
+    events = eventually(find_out, "an application finds out")
+    assert shapes(events) == [tunnel_closed(PYTHON, CONNECTION_REFUSED), proxy_unreachable()]

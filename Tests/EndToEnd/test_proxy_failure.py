@@ -1,0 +1,156 @@
+"""The local proxy goes away and comes back while applications work."""
+
+import threading
+import time
+from typing import NamedTuple
+
+import pytest
+
+from events import proxy_recovered, proxy_unreachable, shapes
+from laboratory import THERE4, eventually
+from origins import tell_peer
+
+WORKERS = 4
+CURL_COULD_NOT_CONNECT = 7
+
+
+class Request(NamedTuple):
+    begin: float
+    end: float
+    status: int
+    way: str
+
+
+class Load:
+    """Applications that send one request after the other, each in a process of its own."""
+
+    def __init__(self, laboratory):
+        self._laboratory = laboratory
+        self._is_wanted = True
+        self._lock = threading.Lock()
+        self._requests = []
+        self._threads = [threading.Thread(target=self._work) for _ in range(WORKERS)]
+        for thread in self._threads:
+            thread.start()
+
+    def _work(self):
+        while self._is_wanted:
+            begin = time.time()
+            fetched = self._laboratory.curl(f"http://{THERE4}/")
+            request = Request(begin, time.time(), fetched.status, fetched.way)
+            with self._lock:
+                self._requests.append(request)
+
+    def since(self, begin):
+        with self._lock:
+            return [request for request in self._requests if request.begin >= begin]
+
+    def wait_for(self, way, count):
+        """Waits until that many requests that begin from now on have gone that way."""
+        begin = time.time()
+        eventually(
+            lambda: sum(request.way == way for request in self.since(begin)) >= count,
+            f"{count} requests {way}",
+        )
+
+    def stop(self):
+        self._is_wanted = False
+        for thread in self._threads:
+            thread.join()
+
+
+@pytest.mark.parametrize("start_proxy", ["start_sidecar", "start_tinyproxy"])
+def test_killing_the_proxy_under_load_fails_only_what_it_was_carrying(laboratory, start_proxy):
+    laboratory.serve(80, tell_peer)
+    start = getattr(laboratory, start_proxy)
+    proxy, _ = laboratory.start_system(start)
+    begin_mark = laboratory.events.mark()
+    load = Load(laboratory)
+    try:
+        for _ in range(2):
+            load.wait_for("proxied", 2 * WORKERS)
+            mark = laboratory.events.mark()
+            killed_at = time.time()
+            proxy.kill()
+            laboratory.events.wait("proxy_unreachable", mark)
+            load.wait_for("direct", 2 * WORKERS)
+            proxy = start()
+            laboratory.events.wait("proxy_recovered", mark)
+            recovered_at = time.time()
+            load.wait_for("proxied", 2 * WORKERS)
+            check_failures(laboratory, load, mark, killed_at, recovered_at)
+    finally:
+        load.stop()
+    # Behind it nothing can be on its way.
+    laboratory.wait_until_proxied()
+    health = [event for event in laboratory.events.since(begin_mark) if "flow_id" not in event]
+    assert shapes(health) == [proxy_unreachable(), proxy_recovered()] * 2
+
+
+def check_failures(laboratory, load, mark, killed_at, recovered_at):
+    # The gate is closed by the first flow that finds nobody there, or by the probe.
+    gate_closed_at = min(
+        event["timestamp"]
+        for event in laboratory.events.since(mark)
+        if event["current_signal"] == "proxy_unreachable"
+        or (
+            event["current_signal"] == "tunnel_closed"
+            and event["level"] == "error"
+            and event["timestamp"] >= killed_at
+        )
+    )
+    requests = load.since(killed_at - 30)
+    failed = [request for request in requests if request.status != 0]
+    # Each application may have been in the middle of one, and have begun another before anybody
+    # knew.
+    assert len([request for request in failed if request.end >= killed_at]) <= 2 * WORKERS
+    assert all(request.begin <= gate_closed_at for request in failed if request.end >= killed_at)
+    after = [request for request in requests if request.begin > recovered_at]
+    assert {request.way for request in after} == {"proxied"}
+    between = [r for r in requests if gate_closed_at < r.begin and r.end < recovered_at - 1.5]
+    assert {request.way for request in between} <= {"direct"}
+
+
+def test_flows_are_direct_before_the_proxy_is_there(laboratory):
+    laboratory.start_monitor()
+    laboratory.start_extension()
+    laboratory.events.wait("proxy_unreachable")
+    for _ in range(10):
+        assert laboratory.fetch(THERE4, 7860).way == "direct"
+    laboratory.start_sidecar()
+    laboratory.events.wait("proxy_recovered")
+    assert laboratory.fetch(THERE4, 7860).way == "proxied"
+
+
+def test_what_runs_through_the_proxy_goes_on_while_new_flows_are_direct(laboratory):
+    """A probe that fails concerns new flows only."""
+
+    def echo(connection, _):
+        while received := connection.recv(100):
+            connection.sendall(received)
+
+    laboratory.serve(80, echo)
+    sidecar, _ = laboratory.start_system()
+    with laboratory.connect(THERE4, 80) as application:
+        application.sendall(b"one")
+        assert application.recv(100) == b"one"
+        # Only the listening socket: what it has accepted stays. A reset answers new connections.
+        laboratory.here.run(
+            "nft", "-f", "-",
+            given="""table inet closed {
+              chain input {
+                type filter hook input priority 0;
+                tcp dport 8080 tcp flags & (syn | ack) == syn reject with tcp reset
+              }
+            }""",
+        )  # fmt: skip
+        laboratory.events.wait("proxy_unreachable")
+        assert laboratory.fetch(THERE4, 7860).way == "direct"
+        application.sendall(b"two")
+        assert application.recv(100) == b"two"
+        laboratory.here.run("nft", "delete", "table", "inet", "closed")
+        laboratory.events.wait("proxy_recovered")
+        assert laboratory.fetch(THERE4, 7860).way == "proxied"
+        application.sendall(b"three")
+        assert application.recv(100) == b"three"
+    assert sidecar.process.poll() is None

@@ -1,0 +1,368 @@
+"""Exact bytes, both ways, through real applications."""
+
+import asyncio
+import errno
+import hashlib
+import re
+import socket
+import subprocess
+import threading
+
+import pytest
+
+import pattern
+from events import (
+    CONNECTION_RESET,
+    handshake_started,
+    handshake_succeeded,
+    shapes,
+    tunnel_closed,
+)
+from laboratory import (
+    CURL,
+    NAME,
+    OPENSSL,
+    PYTHON,
+    THERE4,
+    THERE6,
+    host_text,
+    receive_all,
+    receive_exactly,
+    remote,
+    reset,
+)
+
+IPV4_AND_IPV6 = pytest.mark.parametrize("host", [THERE4, THERE6])
+TRANSFER_SECONDS = 120
+
+
+def check_proxied(laboratory, target, application, count=1):
+    """count flows to target were carried, and ended in order."""
+    for flow in laboratory.events.flows_to(target, count):
+        assert shapes(flow) == [
+            handshake_started(application, target),
+            handshake_succeeded(application),
+            tunnel_closed(application),
+        ]
+
+
+def start_curl(laboratory, *arguments, **streams):
+    with laboratory.here:
+        return subprocess.Popen(
+            [CURL, "-q", "-sS", "--max-time", str(TRANSFER_SECONDS), *arguments],
+            env=laboratory.environment(),
+            **streams,
+        )
+
+
+@IPV4_AND_IPV6
+def test_downloading_1_gib_is_exact(laboratory, host):
+    laboratory.start_pattern_origin()
+    laboratory.start_system()
+    curl = start_curl(
+        laboratory, f"http://{host_text(host)}:8000/17/{pattern.GIB}", stdout=subprocess.PIPE
+    )
+    checker = pattern.Checker(17)
+    with curl.stdout:
+        checker.feed_from(curl.stdout)
+    assert curl.wait() == 0
+    assert checker.verdict() == f"{pattern.GIB} exact bytes"
+    check_proxied(laboratory, remote(host, 8000), CURL)
+
+
+@IPV4_AND_IPV6
+def test_uploading_1_gib_is_exact(laboratory, host):
+    laboratory.start_pattern_origin()
+    laboratory.start_system()
+    curl = start_curl(
+        laboratory, "-H", "Expect:", "-T", "-", f"http://{host_text(host)}:8000/23/0",
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    )  # fmt: skip
+    with curl.stdin:
+        for piece in pattern.pieces(23, pattern.GIB):
+            curl.stdin.write(piece)
+    answer = curl.stdout.read().decode()
+    assert curl.wait() == 0
+    assert answer == f"{pattern.GIB} exact bytes\n"
+    check_proxied(laboratory, remote(host, 8000), CURL)
+
+
+class Transfer:
+    """One of many at the same time: a download or an upload of its own part of the pattern."""
+
+    SIZE = 1 << 20
+
+    def __init__(self, number):
+        self.seed = number * 7919
+        self.is_upload = number % 2 == 0
+
+    async def connect(self, laboratory, host, gate):
+        connection = laboratory.socket(host)
+        connection.setblocking(False)
+        async with gate:
+            await asyncio.get_running_loop().sock_connect(connection, (host, 8000))
+        self.reader, self.writer = await asyncio.open_connection(sock=connection)
+
+    async def run(self):
+        if self.is_upload:
+            header = f"PUT /{self.seed}/0 HTTP/1.1\r\nContent-Length: {self.SIZE}\r\n"
+        else:
+            header = f"GET /{self.seed}/{self.SIZE} HTTP/1.1\r\n"
+        self.writer.write(f"{header}Host: x\r\nConnection: close\r\n\r\n".encode())
+        if self.is_upload:
+            for piece in pattern.pieces(self.seed, self.SIZE):
+                self.writer.write(piece)
+                await self.writer.drain()
+        answer = await self.reader.readuntil(b"\r\n\r\n")
+        assert answer.startswith(b"HTTP/1.1 200"), answer
+        body = await self.reader.read(-1)
+        self.writer.close()
+        if self.is_upload:
+            return body.decode().strip()
+        checker = pattern.Checker(self.seed)
+        checker.feed(memoryview(body))
+        return checker.verdict()
+
+
+@IPV4_AND_IPV6
+def test_300_transfers_at_the_same_time_are_exact(laboratory, host):
+    count = 300
+    laboratory.start_pattern_origin()
+    laboratory.start_system()
+
+    async def run():
+        transfers = [Transfer(number) for number in range(count)]
+        # More handshakes than this at the same time are refused.
+        gate = asyncio.Semaphore(40)
+        await asyncio.gather(*(each.connect(laboratory, host, gate) for each in transfers))
+        # All connections stand before the first byte is sent.
+        return await asyncio.gather(*(each.run() for each in transfers))
+
+    verdicts = asyncio.run(asyncio.wait_for(run(), TRANSFER_SECONDS))
+    assert verdicts == [f"{Transfer.SIZE} exact bytes"] * count
+    check_proxied(laboratory, remote(host, 8000), PYTHON, count)
+
+
+@IPV4_AND_IPV6
+@pytest.mark.parametrize(
+    "scheme, option, version",
+    [("http", "--http1.1", "1.1"), ("https", "--http1.1", "1.1"), ("https", "--http2", "2.0")],
+)
+def test_curl_speaks_http_through_the_proxy(laboratory, host, scheme, option, version):
+    laboratory.start_nginx()
+    laboratory.start_system()
+    url = f"{scheme}://{host_text(host)}"
+    fetched = laboratory.curl(f"{url}/", option)
+    assert fetched.way == "proxied"
+    assert fetched.body.split()[2] == f"HTTP/{version}"
+
+    size = 32 << 20
+    download = laboratory.run_application(
+        CURL, "-q", "-sS", option, f"{url}/pattern/5/{size}", seconds=TRANSFER_SECONDS
+    )
+    checker = pattern.Checker(5)
+    checker.feed(memoryview(download.stdout))
+    assert checker.verdict() == f"{size} exact bytes"
+
+    upload = laboratory.run_application(
+        CURL, "-q", "-sS", option, "-T", "-", f"{url}/pattern/9/0",
+        given=b"".join(pattern.pieces(9, size)), seconds=TRANSFER_SECONDS,
+    )  # fmt: skip
+    assert upload.stdout.decode() == f"{size} exact bytes\n"
+    port = 443 if scheme == "https" else 80
+    check_proxied(laboratory, remote(host, port), CURL, count=3)
+
+
+def test_curl_multiplexes_http2_in_one_tunnel(laboratory):
+    laboratory.start_nginx()
+    laboratory.start_system()
+    size = 1 << 20
+    count = 20
+    done = laboratory.run_application(
+        CURL, "-q", "-sS", "--http2", "--parallel", "--resolve", f"{NAME}:443:{THERE4}",
+        "-o", laboratory.path("download-#1"), f"https://{NAME}/pattern/[0-{count - 1}]/{size}",
+        seconds=TRANSFER_SECONDS,
+    )  # fmt: skip
+    assert done.returncode == 0, done.stderr
+    for seed in range(count):
+        with open(laboratory.path(f"download-{seed}"), "rb") as file:
+            checker = pattern.Checker(seed)
+            checker.feed(memoryview(file.read()))
+        assert checker.verdict() == f"{size} exact bytes"
+    check_proxied(laboratory, remote(THERE4, 443), CURL)
+
+
+@IPV4_AND_IPV6
+def test_openssl_speaks_tls_through_the_proxy(laboratory, host):
+    laboratory.start_nginx()
+    laboratory.start_system()
+    done = laboratory.run_application(
+        OPENSSL, "s_client", "-connect", remote(host, 443), "-servername", NAME,
+        "-verify_hostname", NAME, "-verify_return_error", "-quiet", "-alpn", "http/1.1",
+        given=f"GET / HTTP/1.0\r\nHost: {NAME}\r\n\r\n".encode(),
+    )  # fmt: skip
+    assert done.returncode == 0, done.stderr.decode()
+    assert re.search(rb"^HTTP/1\.1 200 OK", done.stdout)
+    assert b"Verification error" not in done.stderr
+    check_proxied(laboratory, remote(host, 443), OPENSSL)
+
+
+def test_another_local_proxy_carries_exact_bytes_as_well(laboratory):
+    laboratory.start_nginx()
+    laboratory.start_system(laboratory.start_tinyproxy)
+    size = 128 << 20
+    curl = start_curl(laboratory, f"https://{THERE4}/pattern/3/{size}", stdout=subprocess.PIPE)
+    checker = pattern.Checker(3)
+    with curl.stdout:
+        checker.feed_from(curl.stdout)
+    assert curl.wait() == 0
+    assert checker.verdict() == f"{size} exact bytes"
+    upload = laboratory.run_application(
+        CURL, "-q", "-sS", "-T", "-", f"https://{THERE4}/pattern/4/0",
+        given=b"".join(pattern.pieces(4, 32 << 20)),
+    )  # fmt: skip
+    assert upload.stdout.decode() == f"{32 << 20} exact bytes\n"
+    check_proxied(laboratory, remote(THERE4, 443), CURL, count=2)
+
+
+@IPV4_AND_IPV6
+@pytest.mark.parametrize("start_proxy", ["start_sidecar", "start_tinyproxy"])
+def test_an_origin_may_speak_first(laboratory, host, start_proxy):
+    greeting = b"220 " + b"x" * 5000 + b"\r\n"
+
+    def greet(connection, _):
+        connection.sendall(greeting)
+        connection.sendall(receive_exactly(connection, 6)[::-1])
+
+    laboratory.serve(5000, greet)
+    laboratory.start_system(getattr(laboratory, start_proxy))
+    for _ in range(20):
+        with laboratory.connect(host, 5000) as application:
+            assert receive_exactly(application, len(greeting)) == greeting
+            application.sendall(b"abcdef")
+            assert receive_all(application) == b"fedcba"
+
+
+@IPV4_AND_IPV6
+def test_short_connections_lose_nothing(laboratory, host):
+    answer = hashlib.sha256(b"answer").digest() * 3000
+
+    def answer_and_end(connection, _):
+        receive_exactly(connection, 100)
+        connection.sendall(answer)
+
+    laboratory.serve(80, answer_and_end)
+    laboratory.start_system()
+    for _ in range(100):
+        with laboratory.connect(host, 80) as application:
+            application.sendall(b"x" * 100)
+            received = receive_all(application)
+            assert len(received) == len(answer) and received == answer
+    check_proxied(laboratory, remote(host, 80), PYTHON, count=100)
+
+
+@pytest.mark.parametrize("size", [1, 1000, 300_000])
+def test_what_was_sent_before_the_end_arrives(laboratory, size):
+    """An application that sends and ends at once."""
+    arrived = []
+    all_are_there = threading.Semaphore(0)
+
+    def collect(connection, _):
+        try:
+            arrived.append(receive_all(connection))
+        except OSError as error:
+            arrived.append(error)
+        all_are_there.release()
+
+    laboratory.serve(80, collect)
+    laboratory.start_system()
+    count = 50
+    sent = bytes(piece for piece in pattern.piece(0, 256)) * (size // 256 + 1)
+    for number in range(count):
+        with laboratory.connect(THERE4, 80) as application:
+            application.sendall(sent[number % 7 :][:size])
+    for _ in range(count):
+        assert all_are_there.acquire(timeout=30)
+    assert sorted(map(len, arrived)) == [size] * count
+    # In any order: they run side by side.
+    expected = sorted(sent[number % 7 :][:size] for number in range(count))
+    assert sorted(arrived) == expected
+    check_proxied(laboratory, remote(THERE4, 80), PYTHON, count)
+
+
+def test_what_the_origin_sent_before_its_end_arrives_late_readers_too(laboratory):
+    """An application that reads only when all is over."""
+    sent = b"".join(pattern.pieces(1, 2 << 20))
+    has_ended = threading.Event()
+
+    def send_and_end(connection, _):
+        connection.sendall(sent)
+        has_ended.set()
+
+    laboratory.serve(80, send_and_end)
+    laboratory.start_system()
+    with laboratory.connect(THERE4, 80) as application:
+        # Two MiB fit into the buffers on the way.
+        assert has_ended.wait(30)
+        assert receive_all(application) == sent
+
+
+def test_a_reset_of_the_application_ends_the_origins_connection(laboratory):
+    ends = []
+    has_ended = threading.Event()
+
+    def wait_for_end(connection, _):
+        assert receive_exactly(connection, 5) == b"hello"
+        connection.sendall(b"world")
+        try:
+            ends.append(connection.recv(1))
+        except OSError as error:
+            ends.append(error)
+        has_ended.set()
+
+    laboratory.serve(80, wait_for_end)
+    laboratory.start_system()
+    application = laboratory.connect(THERE4, 80)
+    application.sendall(b"hello")
+    assert receive_exactly(application, 5) == b"world"
+    reset(application)
+    assert has_ended.wait(30)
+    assert ends == [b""]
+    assert shapes(laboratory.events.flow_to(remote(THERE4, 80)))[-1] == tunnel_closed(
+        PYTHON, CONNECTION_RESET
+    )
+
+
+def test_a_reset_of_the_origin_is_a_reset_for_the_application(laboratory):
+    def answer_and_reset(connection, _):
+        receive_exactly(connection, 5)
+        reset(connection)
+
+    laboratory.serve(80, answer_and_reset)
+    laboratory.start_system()
+    with laboratory.connect(THERE4, 80) as application:
+        application.sendall(b"hello")
+        with pytest.raises(ConnectionResetError) as failure:
+            application.recv(1)
+        assert failure.value.errno == errno.ECONNRESET
+    assert shapes(laboratory.events.flow_to(remote(THERE4, 80)))[-1] == tunnel_closed(
+        PYTHON, CONNECTION_RESET
+    )
+
+
+def test_an_orderly_end_is_not_a_reset(laboratory):
+    """Even when the other side still sends."""
+
+    def end_while_they_send(connection, _):
+        receive_exactly(connection, 5)
+        connection.sendall(b"enough")
+        connection.shutdown(socket.SHUT_WR)
+        receive_all(connection)
+
+    laboratory.serve(80, end_while_they_send)
+    laboratory.start_system()
+    for _ in range(20):
+        with laboratory.connect(THERE4, 80) as application:
+            application.sendall(b"hello")
+            application.sendall(b"x" * 100_000)
+            assert receive_all(application) == b"enough"

@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""The include check rejects what it is there to reject."""
+
+import pathlib
+import tempfile
+import unittest
+
+import check_includes
+
+
+class IncludeCheck(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+        for header in ("Platform/Interface/Clock.h", "Platform/Linux/EventLoop.h",
+                       "Platform/Simulation/Simulation.h", "Platform/POSIX/PosixClock.h",
+                       "Platform/ICU/ICUTextServices.h", "Platform/macOS/MacPlatform.h",
+                       "Extension/ProxyTunnelCore/UTF8.h",
+                       "Extension/FilterDataProvider/DomainList.h",
+                       "Extension/main/CommandLine.h", "Companion/HostPort.h",
+                       "Tests/Core/Support/Bytes.h"):
+            self.write(header, "#pragma once\n")
+
+    def write(self, path, text):
+        (self.root / path).parent.mkdir(parents=True, exist_ok=True)
+        (self.root / path).write_text(text, encoding="utf-8")
+
+    def findings(self, path, *lines):
+        self.write(path, "\n".join(lines) + "\n")
+        return [str(finding) for finding in check_includes.check(self.root)]
+
+    def assert_accepted(self, path, *lines):
+        self.assertEqual(self.findings(path, *lines), [])
+
+    def assert_rejected(self, path, *lines):
+        findings = self.findings(path, *lines)
+        self.assertEqual(len(findings), 1, findings)
+        self.assertTrue(findings[0].startswith(f"{path}:{len(lines)}: "), findings)
+
+    def test_an_untouched_tree_is_clean(self):
+        self.assertEqual(check_includes.check(self.root), [])
+
+    def test_each_folder_may_use_itself_and_the_seam(self):
+        for folder in check_includes.ALLOWED_FOLDERS:
+            if folder != "Companion":
+                self.assert_accepted(f"{folder}/New.h", '#include "Platform/Interface/Clock.h"')
+
+    def test_the_seam_may_not_use_the_core(self):
+        self.assert_rejected("Platform/Interface/New.h",
+                             '#include "Extension/ProxyTunnelCore/UTF8.h"')
+
+    def test_the_core_may_not_use_the_provider(self):
+        self.assert_rejected("Extension/ProxyTunnelCore/New.cpp",
+                             '#include "Extension/FilterDataProvider/DomainList.h"')
+
+    def test_the_provider_may_use_the_core(self):
+        self.assert_accepted("Extension/FilterDataProvider/New.cpp",
+                             '#include "Extension/ProxyTunnelCore/UTF8.h"')
+
+    def test_the_core_may_not_use_a_platform(self):
+        for platform in ("Linux/EventLoop.h", "Simulation/Simulation.h", "POSIX/PosixClock.h",
+                         "ICU/ICUTextServices.h", "macOS/MacPlatform.h"):
+            self.assert_rejected("Extension/ProxyTunnelCore/New.cpp",
+                                 f'#include "Platform/{platform}"')
+
+    def test_a_platform_may_not_use_another_one(self):
+        self.assert_rejected("Platform/Linux/New.cpp", '#include "Platform/macOS/MacPlatform.h"')
+
+    def test_a_platform_may_not_use_the_core(self):
+        self.assert_rejected("Platform/Linux/New.cpp",
+                             '#include "Extension/ProxyTunnelCore/UTF8.h"')
+
+    def test_platforms_may_use_the_shared_parts(self):
+        for platform in ("Linux", "macOS", "Simulation"):
+            self.assert_accepted(f"Platform/{platform}/New.cpp",
+                                 '#include "Platform/POSIX/PosixClock.h"',
+                                 '#include "Platform/ICU/ICUTextServices.h"')
+
+    def test_the_shared_parts_may_not_use_a_platform(self):
+        self.assert_rejected("Platform/POSIX/New.cpp", '#include "Platform/Linux/EventLoop.h"')
+
+    def test_the_companion_stands_alone(self):
+        self.assert_accepted("Companion/New.cpp", '#include "Companion/HostPort.h"')
+        self.assert_rejected("Companion/New.cpp", '#include "Platform/Interface/Clock.h"')
+
+    def test_nothing_may_use_the_programs_or_the_tests(self):
+        self.assert_rejected("Platform/Linux/New.cpp", '#include "Extension/main/CommandLine.h"')
+        self.assert_rejected("Platform/Linux/New.cpp", '#include "Tests/Core/Support/Bytes.h"')
+
+    def test_the_programs_may_use_everything(self):
+        self.assert_accepted("Extension/main/New.cpp", '#include "Platform/Linux/EventLoop.h"',
+                             '#include "Extension/FilterDataProvider/DomainList.h"')
+
+    def test_includes_are_written_from_the_root(self):
+        self.assert_rejected("Platform/Linux/New.cpp", '#include "EventLoop.h"')
+        self.assert_rejected("Platform/Linux/New.cpp", '#include "../Interface/Clock.h"')
+
+    def test_a_generated_header_belongs_to_the_folder_that_makes_it(self):
+        self.assert_accepted("Platform/Linux/New.cpp", '#include "ConnectTracerProgram.h"')
+        self.assert_rejected("Companion/New.cpp", '#include "ConnectTracerProgram.h"')
+
+    def test_the_core_may_not_have_threads_clocks_or_randomness(self):
+        for header in ("thread", "future", "condition_variable", "random", "ctime", "time.h",
+                       "sys/time.h", "pthread.h"):
+            for folder in ("Extension/ProxyTunnelCore", "Extension/FilterDataProvider"):
+                self.assert_rejected(f"{folder}/New.cpp", f"#include <{header}>")
+                (self.root / folder / "New.cpp").unlink()
+
+    def test_the_core_may_use_the_standard_library(self):
+        self.assert_accepted("Extension/ProxyTunnelCore/New.cpp", "#include <chrono>",
+                             "#include <mutex>", "#include <atomic>", "#include <jansson.h>")
+
+    def test_the_core_may_not_use_foreign_headers(self):
+        for header in ("asio.hpp", "sys/epoll.h", "dispatch/dispatch.h", "unicode/uchar.h"):
+            self.assert_rejected("Extension/ProxyTunnelCore/New.cpp", f"#include <{header}>")
+
+    def test_the_core_may_not_read_a_clock(self):
+        self.assert_rejected("Extension/ProxyTunnelCore/New.cpp",
+                             "auto now = std::chrono::steady_clock::now();")
+
+    def test_the_simulation_has_neither_threads_nor_clocks(self):
+        self.assert_rejected("Platform/Simulation/New.cpp", "#include <thread>")
+        self.assert_rejected("Platform/Simulation/New.cpp",
+                             "auto now = std::chrono::system_clock::now();")
+        self.assert_accepted("Platform/Simulation/New.cpp", "#include <random>")
+
+    def test_objective_c_includes_count(self):
+        self.assert_rejected("Platform/macOS/New.mm", '#import "Platform/Linux/EventLoop.h"')
+
+
+if __name__ == "__main__":
+    unittest.main()

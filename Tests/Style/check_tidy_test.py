@@ -1,0 +1,83 @@
+#!/usr/bin/env python3
+"""The clang-tidy check reports what it is there to report, whatever compiler made the build.
+
+Usage: check_tidy_test.py ROOT CLANG_TIDY
+"""
+
+import json
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+ROOT, CLANG_TIDY = (pathlib.Path(argument) for argument in sys.argv[1:3])
+CHECK = pathlib.Path(__file__).with_name("check_tidy.py")
+
+
+class TidyCheck(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+        shutil.copy(ROOT / ".clang-tidy", self.root)
+        (self.root / "Companion").mkdir()
+        self.entries = []
+
+    def add(self, name, text, flags=""):
+        path = self.root / "Companion" / name
+        path.write_text(text, encoding="utf-8")
+        if path.suffix == ".cpp":
+            self.entries.append({
+                "directory": str(self.root), "file": str(path),
+                "command": f"/usr/bin/g++ -I{self.root} -std=c++20 {flags} -o x.o -c {path}"})
+
+    def run_check(self, *folders):
+        (self.root / "compile_commands.json").write_text(json.dumps(self.entries),
+                                                         encoding="utf-8")
+        command = [sys.executable, "-B", CHECK, self.root, self.root, CLANG_TIDY, *folders]
+        return subprocess.run(command, capture_output=True, text=True, check=False)
+
+    def test_a_sound_source_passes(self):
+        self.add("Sound.cpp", "int answer() {\n  return 42;\n}\n")
+        result = self.run_check("Companion")
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.assertIn("1 sources, 0 with findings", result.stdout)
+
+    def test_flags_and_warnings_of_the_build_do_not_matter(self):
+        self.add("Sound.cpp", "int answer() {\n  int unused;\n  return 42;\n}\n",
+                 "-Wall -Werror -Wduplicated-branches -fanalyzer -fsanitize=address -O2")
+        result = self.run_check("Companion")
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
+    def test_a_use_after_a_move_is_found(self):
+        self.add("Moved.cpp", "#include <string>\n#include <utility>\n"
+                              "void take(std::string text);\n"
+                              "std::size_t misuse(std::string text) {\n"
+                              "  take(std::move(text));\n  return text.size();\n}\n")
+        result = self.run_check("Companion")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("bugprone-use-after-move", result.stdout)
+
+    def test_a_finding_in_our_own_header_counts(self):
+        self.add("Derived.h", "#pragma once\n"
+                              "struct Base {\n  virtual ~Base() = default;\n"
+                              "  virtual void run();\n};\n"
+                              "struct Derived : Base {\n  virtual void run();\n};\n")
+        self.add("Derived.cpp", '#include "Companion/Derived.h"\n')
+        result = self.run_check("Companion")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("modernize-use-override", result.stdout)
+
+    def test_a_source_that_cannot_be_read_fails(self):
+        self.add("Broken.cpp", '#include "Companion/Missing.h"\n')
+        self.assertEqual(self.run_check("Companion").returncode, 1)
+
+    def test_a_folder_without_sources_fails(self):
+        self.add("Sound.cpp", "int answer() {\n  return 42;\n}\n")
+        self.assertEqual(self.run_check("Companion", "Elsewhere").returncode, 1)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])

@@ -1,0 +1,183 @@
+"""The main job in the network namespace of its caller, in the foreground, until it is ended."""
+
+import json
+import os
+import pathlib
+import queue
+import re
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+
+from programs import Problem, Program, start_extension, start_monitor, start_sidecar
+from screen import Screen, parse_event
+
+PROXY = ("127.0.0.1", 8080)
+PROXY_ANSWER_SECONDS = 5
+# A tunnel, or what a proxy says that does not want this one or cannot reach it.
+PROXY_ANSWER = re.compile(r"HTTP/1\.[01] (200|403|407|50[234])\b")
+# The last event is on its way when the extension has ended.
+LAST_EVENT_SECONDS = 2
+
+
+def tables():
+    done = subprocess.run(["nft", "list", "tables"], capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        raise Problem(
+            "the network of this namespace cannot be administered (CAP_NET_ADMIN is missing): run "
+            "as root",
+            2,
+        )
+    return done.stdout
+
+
+def listener_on_proxy_port():
+    """Who listens where the local proxy is expected, for people; None if nobody does."""
+    try:
+        socket.create_connection(PROXY, PROXY_ANSWER_SECONDS).close()
+    except OSError:
+        return None
+    done = subprocess.run(
+        ["ss", "-Hltnp", f"sport = :{PROXY[1]}"], capture_output=True, text=True, check=False
+    )
+    found = re.search(r'\(\("([^"]*)",pid=(\d+)', done.stdout)
+    return f"{found.group(1)} (process {found.group(2)})" if found else "a process of another user"
+
+
+def answer_to_connect():
+    """The status line with which the local proxy answers a request for a tunnel to ourselves."""
+    with socket.create_server(("127.0.0.1", 0)) as target:
+        request = f"CONNECT 127.0.0.1:{target.getsockname()[1]} HTTP/1.1\r\n\r\n"
+        try:
+            with socket.create_connection(PROXY, PROXY_ANSWER_SECONDS) as proxy:
+                proxy.sendall(request.encode())
+                answer = proxy.recv(4096).split(b"\r\n")[0].decode(errors="replace")
+                return answer or "the end of the connection"
+        except OSError as error:
+            return str(error)
+
+
+class Live:
+    """Starts the three programs, shows their events and ends them in order."""
+
+    def __init__(self, screen, programs_folder, reasons):
+        self.screen = screen
+        self.programs_folder = programs_folder
+        # What ends the job: the number of a signal, or the program that has ended by itself.
+        self.reasons = reasons
+        self.monitor = self.sidecar = self.extension = None
+        # Events wait until the introduction is there, or until it is known that none comes.
+        self.introduction = threading.Event()
+        self.is_introduced = False
+        # Short: the path of a socket is limited (unix(7)).
+        self.folder = tempfile.mkdtemp(prefix="ostravel-run-", dir="/tmp")
+        self.socket_path = os.path.join(self.folder, "monitoring.sock")
+        self.configuration_path = os.path.join(self.folder, "provider-configuration.json")
+
+    def ended(self, program):
+        if not program.is_ending:
+            self.reasons.put(program)
+
+    def run(self):
+        watch = {"on_end": self.ended}
+        pathlib.Path(self.configuration_path).write_text(
+            json.dumps({"monitoringSocketPath": self.socket_path}) + "\n"
+        )
+        other = listener_on_proxy_port()
+        answer = None
+        if other is None:
+            self.sidecar = start_sidecar(self.programs_folder, **watch)
+        else:
+            answer = answer_to_connect()
+            if not PROXY_ANSWER.match(answer):
+                raise Problem(
+                    f"{other} listens on {PROXY[0]}:{PROXY[1]} and is no HTTP proxy (asked for a "
+                    f"tunnel, it answers \"{answer}\"): stop it, or start a proxy in its place",
+                    2,
+                )
+        self.monitor = start_monitor(
+            self.programs_folder, self.socket_path, self.show_event, **watch
+        )
+        self.extension = start_extension(self.programs_folder, self.configuration_path, **watch)
+        self.introduce(other, answer)
+        self.is_introduced = True
+        self.introduction.set()
+        return self.reasons.get()
+
+    def show_event(self, line):
+        self.introduction.wait()
+        if self.is_introduced:
+            self.screen.event(line)
+
+    def introduce(self, other, answer):
+        show = self.screen
+        proxy = f"{PROXY[0]}:{PROXY[1]}"
+        which = "ostravel-sidecar, started for it" if other is None else other
+        show.paragraph(
+            "From now on new connections of this machine's applications to the ports 80, 443, "
+            f"11434, 1234, 8000, 5000 and 7860 go through the proxy on {proxy}, which is {which}."
+        )
+        if answer is not None and not answer.split()[1].startswith("2"):
+            show.line()
+            show.paragraph(
+                f"Beware: asked for a tunnel to this machine, it answers \"{answer}\". Where it "
+                "does that, connections are refused.",
+                colour="yellow",
+            )
+        show.line()
+        show.line("  try it, in another terminal   curl http://example.com/")
+        show.line("  end it                        Ctrl-C")
+        show.line()
+
+    def stop(self):
+        """Ends all in order; the line that says what is left, or None."""
+        self.introduction.set()
+        if self.extension and self.extension.stop():
+            self.monitor.output.wait(
+                lambda line: (event := parse_event(line)) is not None
+                and event.signal == "provider_stopped",
+                seconds=LAST_EVENT_SECONDS,
+            )
+        for program in (self.sidecar, self.monitor):
+            if program:
+                program.stop()
+        pathlib.Path(self.configuration_path).unlink(missing_ok=True)
+        # After a SIGKILL the monitor leaves its socket.
+        if self.monitor and self.monitor.process.returncode != 0:
+            pathlib.Path(self.socket_path).unlink(missing_ok=True)
+        if os.listdir(self.folder):
+            return f"{self.folder} is not empty"
+        os.rmdir(self.folder)
+        if self.extension and "table inet ostravel" in tables():
+            return "the nftables table inet ostravel is still there"
+        return None
+
+
+def main():
+    reasons = queue.SimpleQueue()
+    for each in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(each, lambda number, _: reasons.put(number))
+    screen = Screen(on_lost=lambda: reasons.put(signal.SIGPIPE))
+    try:
+        tables()
+        live = Live(screen, sys.argv[1], reasons)
+        try:
+            reason = live.run()
+        finally:
+            left = live.stop()
+        if left:
+            raise Problem(left)
+        if isinstance(reason, Program):
+            raise Problem(f"{reason.name} {reason.ending()}; the others have been stopped")
+        screen.line("Ended: no rule, socket, file or process is left.")
+        return 0
+    except Problem as problem:
+        print(f"run: {problem}", file=sys.stderr)
+        return problem.status
+
+
+if __name__ == "__main__":
+    sys.exit(main())
