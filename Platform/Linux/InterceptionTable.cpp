@@ -11,6 +11,7 @@
 #include <linux/netfilter_ipv4.h>
 #include <netinet/in.h>
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -96,7 +97,7 @@ SetHandle makeAliveReference() {
 
 void addAliveElements(NetfilterBatch& batch) {
   const SetHandle set = makeAliveReference();
-  for (const std::uint8_t protocol : {IPPROTO_TCP, IPPROTO_UDP}) {
+  for (const auto protocol : std::array<std::uint8_t, 2>{IPPROTO_TCP, IPPROTO_UDP}) {
     nftnl_set_elem* const element = ::nftnl_set_elem_alloc();
     ::nftnl_set_elem_set(element, NFTNL_SET_ELEM_KEY, &protocol, sizeof protocol);
     ::nftnl_set_elem_add(set.get(), element);

@@ -12,8 +12,7 @@ using platform::OptionalError;
 LinuxProviderContext::LinuxProviderContext(
     platform::Platform& platform, EventLoopGroup& loops, DescriptorBudget& descriptors,
     std::optional<platform::ProviderConfiguration> configuration, std::function<void()> onHeartbeat)
-    : platform_(platform),
-      loops_(loops),
+    : loops_(loops),
       descriptors_(descriptors),
       configuration_(std::move(configuration)),
       onHeartbeat_(std::move(onHeartbeat)),

@@ -43,7 +43,6 @@ class LinuxProviderContext final : public platform::ProviderContext {
   platform::OptionalError startInterception(
       const platform::TransparentProxyNetworkSettings& settings);
 
-  platform::Platform& platform_;
   EventLoopGroup& loops_;
   DescriptorBudget& descriptors_;
   const std::optional<platform::ProviderConfiguration> configuration_;

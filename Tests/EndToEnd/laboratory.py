@@ -122,18 +122,23 @@ class LocalProxy:
         )
         self.wait("listening")
 
-    def _find(self, what, mark):
-        return lambda line: json.loads(line)["what"] == what
+    def _catch_up(self):
+        """Returns when everything is here that it had reported before."""
+        mark = self.program.output.mark()
+        self.program.tell("null")
+        self.wait("listening", mark)
 
     def mark(self):
+        self._catch_up()
         return self.program.output.mark()
 
     def wait(self, what, mark=0):
-        line = self.program.output.wait(self._find(what, mark), mark)
+        line = self.program.output.wait(lambda line: json.loads(line)["what"] == what, mark)
         assert line is not None, f"the local proxy was not \"{what}\""
         return json.loads(line)
 
     def reports(self, what, mark=0):
+        self._catch_up()
         reports = map(json.loads, self.program.output.since(mark))
         return [report for report in reports if report["what"] == what]
 
@@ -141,7 +146,7 @@ class LocalProxy:
         return [report["request"] for report in self.reports("asked", mark)]
 
     def behave(self, **behaviour):
-        mark = self.mark()
+        mark = self.program.output.mark()
         self.program.tell(json.dumps(behaviour))
         self.wait("behaving", mark)
 
@@ -153,6 +158,8 @@ def _beside(name):
 class Laboratory:
     def __init__(self, programs_folder, certificate):
         self.programs_folder = programs_folder
+        # Set when a monitor is started.
+        self.events = None
         self.certificate = certificate
         self._closing = []
         self._programs = []
@@ -264,13 +271,13 @@ class Laboratory:
             "Port 8080\nListen 127.0.0.1\nTimeout 60\nMaxClients 200\nLogLevel Connect\n"
         )
         tinyproxy = self.start(["tinyproxy", "-d", "-c", configuration])
-        self._wait_until_listening(8080)
+        self._wait_until_listening(self.here, 8080)
         return tinyproxy
 
-    def _wait_until_listening(self, port):
-        """For a program here that does not say so."""
+    def _wait_until_listening(self, namespace, port):
+        """For a program that does not say so."""
         eventually(
-            lambda: self.here.run("ss", "-Hltn", f"sport = :{port}"), f"port {port} is listened on"
+            lambda: namespace.run("ss", "-Hltn", f"sport = :{port}"), f"port {port} is listened on"
         )
 
     def start_nginx(self):
@@ -280,8 +287,8 @@ class Laboratory:
         key = os.path.join(os.path.dirname(self.certificate), "key.pem")
         pathlib.Path(configuration).write_text(f"""
             daemon off;
-            worker_processes 1;
-            user root;
+            # One process, whose end is the end of it.
+            master_process off;
             pid {self.path("nginx.pid")};
             error_log stderr notice;
             events {{ worker_connections 4096; }}
@@ -311,8 +318,8 @@ class Laboratory:
               }}
             }}
         """)
-        nginx = self.start(["/usr/sbin/nginx", "-c", configuration], namespace=self.there)
-        nginx.expect(nginx.errors, "start worker process ")
+        nginx = self.start(["nginx", "-c", configuration], namespace=self.there)
+        self._wait_until_listening(self.there, 443)
         return nginx
 
     def start_pattern_origin(self, port=8000):
@@ -330,12 +337,17 @@ class Laboratory:
         os.makedirs(folder, exist_ok=True)
         pathlib.Path(folder, "test.json").write_text(json.dumps(registrations))
 
-    def write_configuration(self, text=None, path=None):
+    def write_configuration(self, text=None, name="provider-configuration.json"):
+        """A provider configuration, with the monitoring socket if not said otherwise; its path."""
         if text is None:
             text = json.dumps({"monitoringSocketPath": self.socket_path})
-        path = path or self.path("provider-configuration.json")
+        path = self.path(name)
         pathlib.Path(path).write_text(text)
         return path
+
+    def write_default_configuration(self, text=None):
+        """What is found when no file is named."""
+        self.write_configuration(text, "settings/provider-configuration.json")
 
     def run_extension(self, *arguments, prefix=()):
         """Starts the extension and does not wait for anything."""
@@ -363,7 +375,10 @@ class Laboratory:
         return proxy, extension
 
     def wait_until_proxied(self):
-        """The first probe of the local proxy may come a little later than the first flow."""
+        """Waits until the local proxy was probed, and until it is known whose it is.
+
+        On a busy machine the latter may take a few flows, which are left alone meanwhile.
+        """
         mark = self.events.mark()
         eventually(lambda: self.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
         # Its last event is the last of all.

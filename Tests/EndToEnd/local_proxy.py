@@ -7,6 +7,8 @@ Commands come on standard input, one JSON object per line:
   joined      true: waits for the origin's first bytes and sends them in one piece with the answer
   pieces      size of the pieces in which the answer is sent, each in a packet of its own
 
+A line with null only asks for a report.
+
 What happens is reported on standard output, one JSON object per line.
 """
 
@@ -120,7 +122,11 @@ def main():
     threading.Thread(target=accept, args=(listener,), daemon=True).start()
     report("listening")
     for line in sys.stdin:
-        behaviour = json.loads(line)
+        command = json.loads(line)
+        if command is None:
+            report("listening")
+            continue
+        behaviour = command
         report("behaving")
 
 

@@ -9,6 +9,7 @@
 
 #include "Extension/FilterDataProvider/BuiltInLists.h"
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+#include "Tests/Core/Support/NotingPlatform.h"
 #include "Tests/Core/Support/ProviderTest.h"
 
 namespace ostravel {
@@ -19,6 +20,7 @@ using platform::HostEndpoint;
 using platform::LogLevel;
 using platform::OptionalError;
 using test::EventFacts;
+using test::NotingPlatform;
 using test::ProviderTest;
 using FlowAction = PacketTunnelProvider::FlowAction;
 using namespace std::chrono_literals;
@@ -389,6 +391,19 @@ TEST_F(FlowDispatch, ForgetsATunnelThatClosesBeforeItIsInTheTable) {
   EXPECT_EQ(events("tunnel_closed").size(), 1U);
 }
 
+TEST_F(FlowDispatch, ForgetsATunnelThatClosesInsideItsStart) {
+  // The handshake begins inside the start and finds a request that cannot be sent.
+  simulation_.onConnectionCreated([](simulation::SimulatedTCPConnection& made) {
+    made.setState(platform::TCPConnectionState::connected);
+  });
+
+  handle(makeFlow("com.example.app", {{"bad\xFFhost", "443"}}));
+
+  EXPECT_EQ(events("tunnel_closed").size(), 1U);
+  EXPECT_EQ(peer().activeTunnelCount(), 0U);
+  EXPECT_EQ(peer().admission().pendingCount(), 0U);
+}
+
 TEST_F(FlowDispatch, KeepsTheProviderUntilATunnelIsInTheTable) {
   provider_->handleNewFlow(makeFlow());
   while (simulation_.connectionCount() == 0) {
@@ -442,6 +457,50 @@ TEST_F(FlowDispatch, DoesNothingForATunnelThatOutlivesTheProvider) {
 
   EXPECT_TRUE(flow->readWasClosed());
   EXPECT_EQ(signals().back(), "tunnel_closed");
+}
+
+// --- Queues
+
+// What the provider asks of its queues.
+class FlowDispatchQueues : public FlowDispatch {
+ protected:
+  void SetUp() override {
+    provider_ = std::make_shared<PacketTunnelProvider>(platform_, simulation_);
+    FlowDispatch::SetUp();
+    platform_.clearNotes();
+  }
+
+  NotingPlatform platform_{simulation_};
+};
+
+TEST_F(FlowDispatchQueues, ChangeTheTableByBarriersOnly) {
+  const auto flow = takeFlow();
+  establish(0);
+  flow->application()->endSending();
+  simulation_.run();
+  stopProvider(platform::ProviderStopReason::none);
+
+  EXPECT_EQ(
+      platform_.notesOf("com.ostravel.activeTunnels"),
+      (Lines{"com.ostravel.activeTunnels asyncBarrier", "com.ostravel.activeTunnels asyncBarrier",
+             "com.ostravel.activeTunnels syncBarrier"}));
+}
+
+TEST_F(FlowDispatchQueues, ReadTheCacheSideBySideAndChangeItByABarrier) {
+  takeFlow();
+  takeFlow();
+
+  EXPECT_EQ(platform_.notesOf("com.ostravel.bypassCache"),
+            (Lines{"com.ostravel.bypassCache sync", "com.ostravel.bypassCache asyncBarrier",
+                   "com.ostravel.bypassCache sync"}));
+}
+
+TEST_F(FlowDispatchQueues, AreOneOfItsOwnForEachWatchdog) {
+  takeFlows(2);
+
+  EXPECT_EQ(platform_.notesOf("queue com.ostravel.handshakeWatchdog"),
+            (Lines{"queue com.ostravel.handshakeWatchdog serial",
+                   "queue com.ostravel.handshakeWatchdog serial"}));
 }
 
 // --- Backlog

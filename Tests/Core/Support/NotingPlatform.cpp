@@ -13,6 +13,38 @@ std::string inMilliseconds(std::chrono::nanoseconds time) {
   return std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
 }
 
+class NotingQueue final : public platform::DispatchQueue {
+ public:
+  NotingQueue(std::shared_ptr<platform::DispatchQueue> other, Notes notes)
+      : other_(std::move(other)), notes_(std::move(notes)) {}
+
+  const std::string& label() const override { return other_->label(); }
+  void async(Work work) override {
+    note("async");
+    other_->async(std::move(work));
+  }
+  void asyncBarrier(Work work) override {
+    note("asyncBarrier");
+    other_->asyncBarrier(std::move(work));
+  }
+
+ protected:
+  void runSync(const Work& work) override {
+    note("sync");
+    other_->sync(work);
+  }
+  void runSyncBarrier(const Work& work) override {
+    note("syncBarrier");
+    other_->syncBarrier(work);
+  }
+
+ private:
+  void note(const std::string& what) { notes_->push_back(label() + " " + what); }
+
+  const std::shared_ptr<platform::DispatchQueue> other_;
+  const Notes notes_;
+};
+
 class NotingTimer final : public platform::DispatchTimer {
  public:
   NotingTimer(std::shared_ptr<platform::DispatchTimer> other, Notes notes, std::string name)
@@ -47,11 +79,18 @@ class NotingTimer final : public platform::DispatchTimer {
 
 }  // namespace
 
+std::vector<std::string> NotingPlatform::notesOf(std::string_view beginning) const {
+  std::vector<std::string> found = *notes_;
+  std::erase_if(found,
+                [beginning](const std::string& note) { return !note.starts_with(beginning); });
+  return found;
+}
+
 std::shared_ptr<platform::DispatchQueue> NotingPlatform::makeQueue(
     std::string label, platform::DispatchQueueKind kind) {
   notes_->push_back("queue " + label +
                     (kind == platform::DispatchQueueKind::serial ? " serial" : " concurrent"));
-  return other_.makeQueue(std::move(label), kind);
+  return std::make_shared<NotingQueue>(other_.makeQueue(std::move(label), kind), notes_);
 }
 
 std::shared_ptr<platform::DispatchTimer> NotingPlatform::makeTimer(

@@ -11,9 +11,10 @@
 namespace ostravel::test {
 
 // A platform that hands everything to another one and writes down which queues and timers were made
-// of it, and what was asked of the timers:
+// of it, and what was asked of them:
 //
 //   queue LABEL serial | queue LABEL concurrent
+//   LABEL async | LABEL asyncBarrier | LABEL sync | LABEL syncBarrier
 //   timer N on LABEL | timer N schedule DELAY INTERVAL LEEWAY (ms, "never") | timer N handler
 //   timer N resume | timer N cancel
 //
@@ -23,6 +24,8 @@ class NotingPlatform final : public platform::Platform {
   explicit NotingPlatform(platform::Platform& other) : other_(other) {}
 
   const std::vector<std::string>& notes() const { return *notes_; }
+  // Those that begin with this.
+  std::vector<std::string> notesOf(std::string_view beginning) const;
   void clearNotes() { notes_->clear(); }
 
   std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,
@@ -40,7 +43,7 @@ class NotingPlatform final : public platform::Platform {
 
  private:
   platform::Platform& other_;
-  // Timers write into it as well and may outlive this.
+  // Queues and timers write into it as well and may outlive this.
   const std::shared_ptr<std::vector<std::string>> notes_ =
       std::make_shared<std::vector<std::string>>();
   int timerCount_ = 0;

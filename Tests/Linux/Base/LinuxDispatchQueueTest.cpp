@@ -342,6 +342,16 @@ TEST_F(LinuxDispatchQueueTest, WhatAnItemOwnsIsReleasedBeforeTheNextItem) {
   EXPECT_TRUE(isReleased);
 }
 
+TEST_F(LinuxDispatchQueueTest, WhatAnItemOwnsMayUseTheQueueWhenItGoes) {
+  std::atomic<int> ran = 0;
+  for (const auto& queue : {serial_, concurrent_}) {
+    const auto submitsAgain = [&ran, &queue](const int*) { queue->async([&ran] { ++ran; }); };
+    queue->async([owned = std::shared_ptr<const int>(nullptr, submitsAgain)] {});
+    drain();
+  }
+  EXPECT_EQ(ran, 2);
+}
+
 TEST_F(LinuxDispatchQueueTest, QueuesThatNeverRunDryLeaveThreadsToOthers) {
   std::atomic<bool> ends = false;
   const std::function<void(DispatchQueue&)> submitEndlessly = [&](DispatchQueue& queue) {

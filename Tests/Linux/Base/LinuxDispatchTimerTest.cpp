@@ -318,6 +318,15 @@ TEST_F(LinuxDispatchTimerTest, ASecondScheduleReplacesTheFirst) {
   EXPECT_EQ(fired_, 1);
 }
 
+TEST_F(LinuxDispatchTimerTest, AReplacedScheduleIsNoExpiration) {
+  timer_->setEventHandler([this] { ++fired_; });
+  timer_->schedule(1h, std::nullopt, 0ns);
+  timer_->resume();
+  timer_->schedule(2h, std::nullopt, 0ns);
+  waitFor(10ms);
+  EXPECT_EQ(fired_, 0);
+}
+
 TEST_F(LinuxDispatchTimerTest, TheLongestDelayIsNoOverflow) {
   timer_->setEventHandler([this] { ++fired_; });
   timer_->schedule(std::chrono::nanoseconds::max(), std::chrono::nanoseconds::max(),

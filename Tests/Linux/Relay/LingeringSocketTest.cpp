@@ -31,7 +31,8 @@ TEST_F(LingeringSocketTest, UnreadBytesDoNotDestroyWhatThePeerHasNotRead) {
   EXPECT_FALSE(write(*carried.flow, answer));
   // Nobody reads this, which would make the kernel answer a plain close with a reset.
   carried.application.send(std::string(100'000, 'u'));
-  closeInOrder(*carried.flow);
+  // In one turn of the loop, so that nothing of it is discarded before the socket is closed.
+  onLoop([&] { closeInOrder(*carried.flow); });
   carried.flow.reset();
   const auto received = carried.application.receiveToEnd();
   EXPECT_EQ(received.bytes, answer);

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <utility>
@@ -63,6 +65,19 @@ TEST_F(PipeChunkTest, MovesIntoASocket) {
     EXPECT_EQ(loop().pipes().keptCount(), 1U);
   });
   EXPECT_EQ(far.receive(7).bytes, "through");
+}
+
+TEST_F(PipeChunkTest, APeerThatIsGoneDoesNotEndTheProcess) {
+  std::array<int, 2> pair{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
+  const FileDescriptor near(pair[0]);
+  ::close(pair[1]);
+  ASSERT_NE(std::signal(SIGPIPE, SIG_DFL), SIG_ERR);
+  onLoop([&] {
+    const auto chunk = makeChunk("to nobody");
+    EXPECT_EQ(chunk->moveTo(near.get()), -1);
+    EXPECT_EQ(errno, EPIPE);
+  });
 }
 
 TEST_F(PipeChunkTest, APipeThatIsNotEmptyIsNotReused) {
