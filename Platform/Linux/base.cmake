@@ -13,7 +13,6 @@ add_library(LinuxBase STATIC
   ${CMAKE_CURRENT_LIST_DIR}/TimerService.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Utf8.cpp
   ${CMAKE_CURRENT_LIST_DIR}/WorkerPool.cpp)
-target_compile_definitions(LinuxBase PUBLIC ASIO_STANDALONE ASIO_NO_DEPRECATED)
 target_link_libraries(LinuxBase
   PUBLIC PlatformInterface PlatformPOSIX PlatformICU Threads::Threads
   PRIVATE PkgConfig::LIBSYSTEMD)

@@ -16,5 +16,8 @@ add_library(LinuxRelay STATIC
   ${CMAKE_CURRENT_LIST_DIR}/PipeChunk.cpp
   ${CMAKE_CURRENT_LIST_DIR}/PipePool.cpp
   ${CMAKE_CURRENT_LIST_DIR}/StreamSocket.cpp)
-target_compile_definitions(LinuxRelay PUBLIC ASIO_STANDALONE ASIO_NO_DEPRECATED)
+# Whether Asio sees aligned allocation depends on what was included before it; without it, every
+# source agrees on how memory is taken and given back.
+target_compile_definitions(LinuxRelay PUBLIC
+  ASIO_STANDALONE ASIO_NO_DEPRECATED ASIO_DISABLE_STD_ALIGNED_ALLOC)
 target_link_libraries(LinuxRelay PUBLIC PlatformInterface LinuxNetwork Threads::Threads)
