@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "Tests/Linux/Identity/Support/Helper.h"
+#include "Tests/Linux/Identity/Support/PrivateProcesses.h"
 #include "Tests/Linux/Identity/Support/SocketTools.h"
 
 namespace ostravel::linuxplatform {
@@ -36,6 +37,28 @@ class Holder {
   Helper helper_;
 };
 
+// Has so many descriptors that it shows whether a search came by.
+class Bystander {
+ public:
+  static constexpr int kDescriptors = 500;
+
+  Bystander() { EXPECT_EQ(helper_.ask("hold " + std::to_string(kDescriptors)), "done"); }
+  pid_t pid() const { return helper_.pid(); }
+
+ private:
+  Helper helper_;
+};
+
+// Ends the search, and tells in how many parts of one descriptor each.
+int partsOf(SocketHolderSearch& search) {
+  int parts = 1;
+  // The deadline is always over already.
+  while (search.proceed(Clock::time_point()) == Result::unfinished) {
+    ++parts;
+  }
+  return parts;
+}
+
 TEST(SocketHolderSearchTest, FindsTheHolder) {
   const Holder holder;
   SocketHolderSearch search(holder.inode(), {}, std::nullopt);
@@ -51,86 +74,73 @@ TEST(SocketHolderSearchTest, AnEndedProcessHoldsNothing) {
 }
 
 TEST(SocketHolderSearchTest, GoesOnWhereItStopped) {
-  const Holder holder;
-  SocketHolderSearch search(holder.inode(), {}, std::nullopt);
-  int parts = 1;
-  // The deadline is always over already, so every part looks at one descriptor.
-  while (search.proceed(Clock::time_point()) == Result::unfinished) {
-    ++parts;
-  }
-  EXPECT_GT(parts, 3);
-  EXPECT_EQ(search.holder(), holder.pid());
-  SocketHolderSearch vain(kNoInode, {}, std::nullopt);
-  Result result = Result::unfinished;
-  while (result == Result::unfinished) {
-    result = vain.proceed(Clock::time_point());
-  }
-  EXPECT_EQ(result, Result::absent);
-}
-
-// How many parts of one descriptor each it takes.
-int partsOf(SocketHolderSearch& search) {
-  int parts = 1;
-  while (search.proceed(Clock::time_point()) == Result::unfinished) {
-    ++parts;
-  }
-  return parts;
+  inPrivateProcesses([] {
+    const Holder holder;
+    const Bystander newer;
+    SocketHolderSearch search(holder.inode(), {}, std::nullopt);
+    EXPECT_GT(partsOf(search), Bystander::kDescriptors);
+    EXPECT_EQ(search.holder(), holder.pid());
+    SocketHolderSearch vain(kNoInode, {}, std::nullopt);
+    EXPECT_GT(partsOf(vain), Bystander::kDescriptors);
+    EXPECT_EQ(vain.proceed(Clock::time_point()), Result::absent);
+  });
 }
 
 TEST(SocketHolderSearchTest, LooksAtTheNamedProcessesFirst) {
-  const Holder holder;
-  Helper newer;
-  ASSERT_EQ(newer.ask("hold 500"), "done");
-  SocketHolderSearch unaided(holder.inode(), {}, std::nullopt);
-  EXPECT_GT(partsOf(unaided), 500);
-  SocketHolderSearch named(holder.inode(), {holder.pid()}, std::nullopt);
-  EXPECT_LT(partsOf(named), 50);
-  EXPECT_EQ(named.holder(), holder.pid());
+  inPrivateProcesses([] {
+    const Holder holder;
+    const Bystander newer;
+    SocketHolderSearch search(holder.inode(), {holder.pid()}, std::nullopt);
+    EXPECT_LT(partsOf(search), Bystander::kDescriptors);
+    EXPECT_EQ(search.holder(), holder.pid());
+  });
 }
 
 TEST(SocketHolderSearchTest, LooksAtTheNewestProcessesFirst) {
-  Helper older;
-  ASSERT_EQ(older.ask("hold 500"), "done");
-  const Holder holder;
-  SocketHolderSearch search(holder.inode(), {}, std::nullopt);
-  // Unless process numbers have just started from the beginning.
-  if (holder.pid() > older.pid()) {
-    EXPECT_LT(partsOf(search), 500);
-  }
+  inPrivateProcesses([] {
+    const Bystander older;
+    const Holder holder;
+    SocketHolderSearch search(holder.inode(), {}, std::nullopt);
+    EXPECT_LT(partsOf(search), Bystander::kDescriptors);
+    EXPECT_EQ(search.holder(), holder.pid());
+  });
 }
 
 TEST(SocketHolderSearchTest, LooksAtTheUsersProcessesBeforeOthers) {
-  Holder holder;
-  ASSERT_EQ(holder.helper().ask("user 65534"), "done");
-  Helper newer;
-  ASSERT_EQ(newer.ask("hold 500"), "done");
-  SocketHolderSearch search(holder.inode(), {}, 65534);
-  EXPECT_LT(partsOf(search), 500);
-  EXPECT_EQ(search.holder(), holder.pid());
+  inPrivateProcesses([] {
+    Holder holder;
+    ASSERT_EQ(holder.helper().ask("user 65534"), "done");
+    const Bystander newer;
+    SocketHolderSearch search(holder.inode(), {}, 65534);
+    EXPECT_LT(partsOf(search), Bystander::kDescriptors);
+    EXPECT_EQ(search.holder(), holder.pid());
+  });
 }
 
 TEST(SocketHolderSearchTest, APreferredProcessIsLookedAtNext) {
-  const Holder holder;
-  Helper newer;
-  ASSERT_EQ(newer.ask("hold 500"), "done");
-  SocketHolderSearch search(holder.inode(), {newer.pid()}, std::nullopt);
-  ASSERT_EQ(search.proceed(Clock::time_point()), Result::unfinished);
-  search.prefer(holder.pid());
-  EXPECT_LT(partsOf(search), 50);
-  EXPECT_EQ(search.holder(), holder.pid());
+  inPrivateProcesses([] {
+    const Holder holder;
+    const Bystander newer;
+    SocketHolderSearch search(holder.inode(), {newer.pid()}, std::nullopt);
+    ASSERT_EQ(search.proceed(Clock::time_point()), Result::unfinished);
+    search.prefer(holder.pid());
+    EXPECT_LT(partsOf(search), Bystander::kDescriptors);
+    EXPECT_EQ(search.holder(), holder.pid());
+  });
 }
 
 TEST(SocketHolderSearchTest, PreferringAgainDoesNotHoldUpTheSearch) {
-  Holder holder;
-  Helper sender;
-  ASSERT_EQ(sender.ask("hold 500"), "done");
-  SocketHolderSearch search(holder.inode(), {}, std::nullopt);
-  int parts = 0;
-  do {
-    search.prefer(sender.pid());
-    ASSERT_LT(++parts, 1'000'000);
-  } while (search.proceed(Clock::time_point()) == Result::unfinished);
-  EXPECT_EQ(search.holder(), holder.pid());
+  inPrivateProcesses([] {
+    const Holder holder;
+    const Bystander sender;
+    SocketHolderSearch search(holder.inode(), {}, std::nullopt);
+    int parts = 0;
+    do {
+      search.prefer(sender.pid());
+      ASSERT_LT(++parts, 10 * Bystander::kDescriptors);
+    } while (search.proceed(Clock::time_point()) == Result::unfinished);
+    EXPECT_EQ(search.holder(), holder.pid());
+  });
 }
 
 }  // namespace

@@ -1,0 +1,28 @@
+#import <NetworkExtension/NetworkExtension.h>
+#include <dispatch/dispatch.h>
+
+#include <csignal>
+#include <memory>
+
+#include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+#import "Platform/macOS/MacPlatform.h"
+#import "Platform/macOS/OVPacketTunnelProvider.h"
+
+using namespace ostravel;
+
+int main() {
+  // A peer that goes away while it is written to must not end the process.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  // Static: dispatch_main ends the thread whose stack this is.
+  static macos::MacPlatform platform;
+  macos::setProviderFactory([](platform::ProviderContext& context) {
+    return std::make_unique<PacketTunnelProvider>(platform, context);
+  });
+
+  @autoreleasepool {
+    // From here on the system makes the principal object and calls it.
+    [NEProvider startSystemExtensionMode];
+  }
+  dispatch_main();
+}

@@ -1,0 +1,15 @@
+#pragma once
+
+#import <Foundation/Foundation.h>
+
+#include <optional>
+
+#include "Platform/Interface/ProviderConfiguration.h"
+
+namespace ostravel::macos {
+
+// Absent for nil. Text, numbers and truth values are taken over; every other value becomes
+// OtherConfigurationValue. Entries whose key is not text are left out.
+std::optional<platform::ProviderConfiguration> configurationFrom(NSDictionary* dictionary);
+
+}  // namespace ostravel::macos

@@ -1,0 +1,34 @@
+#pragma once
+
+#import <NetworkExtension/NetworkExtension.h>
+
+#include <functional>
+#include <memory>
+
+#include "Platform/Interface/TransparentProxyProvider.h"
+
+namespace ostravel::macos {
+
+class SystemProviderContext;
+
+// Makes the core's provider for a context that outlives it.
+using ProviderFactory =
+    std::function<std::unique_ptr<platform::TransparentProxyProvider>(platform::ProviderContext&)>;
+
+// The system makes the principal object by the name of its class and passes it nothing, so what it
+// needs is left here, before the process enters system-extension mode. Calling this is also what
+// makes a linker take the class in.
+void setProviderFactory(ProviderFactory factory);
+
+}  // namespace ostravel::macos
+
+// The principal class, named in the Info.plist of the extension. Owns one provider of the core and
+// passes on what the system asks of it; decides nothing. The system owns the object and calls it on
+// threads of its own.
+@interface OVPacketTunnelProvider : NETransparentProxyProvider {
+ @private
+  // Shared with the provider, so that it outlives it.
+  std::shared_ptr<ostravel::macos::SystemProviderContext> _context;
+  std::shared_ptr<ostravel::platform::TransparentProxyProvider> _provider;
+}
+@end

@@ -1,0 +1,66 @@
+#pragma once
+
+// Included before everything else when a source is checked for the real target on this machine.
+//
+// The C and C++ headers are this machine's: its C library, and the standard library of the Mac,
+// libc++. They only agree with the target when they take it for Linux on x86-64, so they are
+// included here with that said, and the target's own names are given back afterwards. What this
+// does not check: constants and types of the C library whose values or widths differ (int64_t is
+// long here and long long there), and headers that only one of the two systems has.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <compare>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#undef __linux__
+#ifdef __arm64__
+#undef __x86_64__
+#endif
+#define __APPLE__ 1
+
+// Calls and constants that Linux has and macOS has not: using one is an error from here on.
+#undef SOCK_CLOEXEC
+#undef SOCK_NONBLOCK
+#undef MSG_NOSIGNAL
+#pragma GCC poison SOCK_CLOEXEC SOCK_NONBLOCK MSG_NOSIGNAL accept4 pipe2 ppoll epoll_create1
+#pragma GCC poison eventfd timerfd_create signalfd splice gettid

@@ -1,0 +1,53 @@
+#pragma once
+
+// The part of the SystemExtensions framework that this system uses, declared as the framework
+// declares it.
+
+#import <Foundation/Foundation.h>
+#include <dispatch/dispatch.h>
+
+#pragma clang assume_nonnull begin
+
+@class OSSystemExtensionRequest, OSSystemExtensionProperties;
+typedef NS_ENUM(NSInteger, OSSystemExtensionRequestResult) {
+  OSSystemExtensionRequestCompleted = 0,
+  OSSystemExtensionRequestWillCompleteAfterReboot = 1,
+};
+typedef NS_ENUM(NSInteger, OSSystemExtensionReplacementAction) {
+  OSSystemExtensionReplacementActionCancel = 0,
+  OSSystemExtensionReplacementActionReplace = 1,
+};
+@protocol OSSystemExtensionRequestDelegate <NSObject>
+- (OSSystemExtensionReplacementAction)request:(OSSystemExtensionRequest *)request
+                  actionForReplacingExtension:(OSSystemExtensionProperties *)existing
+                                withExtension:(OSSystemExtensionProperties *)ext;
+- (void)requestNeedsUserApproval:(OSSystemExtensionRequest *)request;
+- (void)request:(OSSystemExtensionRequest *)request
+    didFinishWithResult:(OSSystemExtensionRequestResult)result;
+- (void)request:(OSSystemExtensionRequest *)request didFailWithError:(NSError *)error;
+@optional
+- (void)request:(OSSystemExtensionRequest *)request
+    foundProperties:(NSArray<OSSystemExtensionProperties *> *)properties;
+@end
+@interface OSSystemExtensionProperties : NSObject
+@property(readonly) NSString *bundleIdentifier;
+@property(readonly) NSString *bundleVersion;
+@property(readonly) NSString *bundleShortVersion;
+@property(readonly) BOOL isEnabled;
+@property(readonly) BOOL isAwaitingUserApproval;
+@property(readonly) BOOL isUninstalling;
+@end
+@interface OSSystemExtensionRequest : NSObject
++ (instancetype)activationRequestForExtension:(NSString *)identifier queue:(dispatch_queue_t)queue;
++ (instancetype)deactivationRequestForExtension:(NSString *)identifier
+                                          queue:(dispatch_queue_t)queue;
++ (instancetype)propertiesRequestForExtension:(NSString *)identifier queue:(dispatch_queue_t)queue;
+@property(assign) id<OSSystemExtensionRequestDelegate> delegate;
+@property(readonly) NSString *identifier;
+@end
+@interface OSSystemExtensionManager : NSObject
+@property(class, readonly) OSSystemExtensionManager *sharedManager;
+- (void)submitRequest:(OSSystemExtensionRequest *)request;
+@end
+
+#pragma clang assume_nonnull end
