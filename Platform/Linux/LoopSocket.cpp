@@ -4,6 +4,7 @@
 
 #include <asio/error_code.hpp>
 #include <cerrno>
+#include <utility>
 
 #include "Platform/Linux/EventLoop.h"
 #include "Platform/Linux/FileDescriptor.h"
@@ -22,6 +23,17 @@ LoopSocket::LoopSocket(EventLoop& loop, int descriptor) {
     return;
   }
   owned.release();
+}
+
+LoopSocket::LoopSocket(LoopSocket&& other) noexcept {
+  *this = std::move(other);
+}
+
+LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
+  lease_ = std::move(other.lease_);
+  reactor_ = std::move(other.reactor_);
+  other.reactor_.reset();
+  return *this;
 }
 
 int LoopSocket::descriptor() {

@@ -27,13 +27,8 @@ class LoopSocket {
   LoopSocket() = default;
   // Takes the descriptor over, also when the loop cannot wait for it: then nothing is open.
   LoopSocket(EventLoop& loop, int descriptor);
-  LoopSocket(LoopSocket&& other) noexcept
-      : lease_(std::move(other.lease_)), reactor_(std::exchange(other.reactor_, std::nullopt)) {}
-  LoopSocket& operator=(LoopSocket&& other) noexcept {
-    lease_ = std::move(other.lease_);
-    reactor_ = std::exchange(other.reactor_, std::nullopt);
-    return *this;
-  }
+  LoopSocket(LoopSocket&& other) noexcept;
+  LoopSocket& operator=(LoopSocket&& other) noexcept;
   ~LoopSocket() = default;
 
   bool isOpen() const { return reactor_.has_value(); }

@@ -187,11 +187,10 @@ SocketDiagnostics::Answer SocketDiagnostics::ask(TransportProtocol protocol,
   if (::mnl_socket_sendto(diagnostics_.get(), header, header->nlmsg_len) < 0) {
     return {.hasFailed = true, .socket = {}};
   }
-  return receive(local.port, remote.port);
+  return receive(remote.port);
 }
 
-SocketDiagnostics::Answer SocketDiagnostics::receive(std::uint16_t localPort,
-                                                     std::uint16_t remotePort) {
+SocketDiagnostics::Answer SocketDiagnostics::receive(std::uint16_t remotePort) {
   alignas(nlmsghdr) std::array<char, kAnswerSize> buffer;
   for (int count = 0; count < kMaximumStaleAnswers; ++count) {
     const auto received = ::mnl_socket_recvfrom(diagnostics_.get(), buffer.data(), buffer.size());
@@ -207,12 +206,10 @@ SocketDiagnostics::Answer SocketDiagnostics::receive(std::uint16_t localPort,
       return {.hasFailed = error.error != -ENOENT, .socket = {}};
     }
     const auto& message = *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(header));
-    // Where no connection matches, the kernel answers with a listener of the same port; an
-    // unconnected socket has no remote port. What is left of an ended connection sends nothing.
-    const std::uint16_t remote = ntohs(message.id.idiag_dport);
+    // Where no connection matches, the kernel answers with a listener of the same port. What is
+    // left of an ended connection sends nothing.
     const bool isListener = message.idiag_state == TCP_LISTEN;
-    if (ntohs(message.id.idiag_sport) != localPort || (remote != 0 && remote != remotePort) ||
-        isListener != (remotePort == 0) || message.idiag_state == TCP_TIME_WAIT) {
+    if (isListener != (remotePort == 0) || message.idiag_state == TCP_TIME_WAIT) {
       return {};
     }
     return {.hasFailed = false, .socket = informationFrom(header, message)};

@@ -63,7 +63,8 @@ class SocketDiagnostics {
 
   Answer ask(TransportProtocol protocol, const SocketEndpoint& local, const SocketEndpoint& remote,
              std::uint32_t interface);
-  Answer receive(std::uint16_t localPort, std::uint16_t remotePort);
+  // The answer to the last question; remotePort is 0 if that was for a listener.
+  Answer receive(std::uint16_t remotePort);
   std::vector<std::uint32_t> interfaces();
 
   const Socket diagnostics_;

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Tests/Linux/Identity/Support/Helper.h"
+#include "Tests/Linux/Identity/Support/PrivateProcesses.h"
 #include "Tests/Linux/Identity/Support/SocketTools.h"
 #include "Tests/Linux/Identity/Support/TemporaryFolder.h"
 
@@ -233,6 +234,15 @@ TEST(ConnectTracerTest, SaysWhyItIsNotPossible) {
   int status = -1;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
+}
+
+TEST(ConnectTracerTest, IsNotPossibleWhereProcessesHaveOtherNumbers) {
+  inPrivateProcesses([] {
+    const auto started = ConnectTracer::start();
+    const auto* const reason = std::get_if<std::string>(&started);
+    ASSERT_TRUE(reason);
+    EXPECT_EQ(*reason, "processes are not seen under the numbers that /proc shows");
+  });
 }
 
 TEST(ConnectTracerTest, FindsTheControlGroupsWhereverTheyAreMounted) {

@@ -141,6 +141,18 @@ TEST_F(ProxyProcessTest, ANewSocketOfTheSameProcessIsNoticedAtOnce) {
   EXPECT_TRUE(includes(helper.pid()));
 }
 
+TEST_F(ProxyProcessTest, IncludesItsOwnerWhateverBecomesOfThat) {
+  Helper helper(folder_.copyHelper("proxy"));
+  // The socket is not where one that was handed over would be.
+  ASSERT_EQ(helper.ask("hold 50"), "done");
+  helper.makeSocket("listen", kPort);
+  ASSERT_EQ(refresh(), State::known);
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  ASSERT_EQ(helper.ask("run " + folder_.copyHelper("other")), "ready");
+  ASSERT_EQ(refresh(), State::known);
+  EXPECT_TRUE(includes(helper.pid()));
+}
+
 TEST_F(ProxyProcessTest, IncludesProcessesOfItsExecutableAndUser) {
   const std::string program = folder_.copyHelper("proxy");
   Helper helper(program);

@@ -103,19 +103,23 @@ TEST_F(FlowListenerTest, MatchesEveryFlowWithItsOwnConnection) {
 }
 
 TEST_F(FlowListenerTest, MatchesRedirectedConnectionsThatShareASourcePort) {
-  constexpr std::uint16_t kSharedSourcePort = 5000;
   redirectDestinations();
-  Waiting first = expectFlow(kFirstDestination, kSharedSourcePort);
-  Waiting second = expectFlow(kSecondDestination, kSharedSourcePort);
-  ApplicationSocket toSecond(kApplicationIPv4, kSharedSourcePort);
-  ASSERT_EQ(toSecond.connectTo(kSecondDestination, kDestinationPort), 0);
-  toSecond.send("second");
-  EXPECT_EQ(waitFor(std::move(second.read)).bytes, "second");
-  // The kernel has to give this one another source port.
-  ApplicationSocket toFirst(kApplicationIPv4, kSharedSourcePort);
-  ASSERT_EQ(toFirst.connectTo(kFirstDestination, kDestinationPort), 0);
-  toFirst.send("first");
-  EXPECT_EQ(waitFor(std::move(first.read)).bytes, "first");
+  for (const bool firstComesFirst : {true, false}) {
+    const std::uint16_t sharedSourcePort = firstComesFirst ? 5000 : 5001;
+    const char* const early = firstComesFirst ? kFirstDestination : kSecondDestination;
+    const char* const late = firstComesFirst ? kSecondDestination : kFirstDestination;
+    Waiting toFirst = expectFlow(kFirstDestination, sharedSourcePort);
+    Waiting toSecond = expectFlow(kSecondDestination, sharedSourcePort);
+    ApplicationSocket earlySocket(kApplicationIPv4, sharedSourcePort);
+    ASSERT_EQ(earlySocket.connectTo(early, kDestinationPort), 0);
+    earlySocket.send(early);
+    // The kernel has to give this one another source port.
+    ApplicationSocket lateSocket(kApplicationIPv4, sharedSourcePort);
+    ASSERT_EQ(lateSocket.connectTo(late, kDestinationPort), 0);
+    lateSocket.send(late);
+    EXPECT_EQ(waitFor(std::move(toFirst.read)).bytes, kFirstDestination);
+    EXPECT_EQ(waitFor(std::move(toSecond.read)).bytes, kSecondDestination);
+  }
 }
 
 TEST_F(FlowListenerTest, ARenumberedConnectionIsNotGivenToAnotherApplication) {

@@ -1,6 +1,7 @@
 #include "Platform/Linux/LinuxTCPConnection.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
 
 #include <cerrno>
@@ -310,15 +311,22 @@ TEST_F(LinuxTCPConnectionTest, CancelWhileConnecting) {
   EXPECT_EQ(statesSeenBy(*observer), std::vector{TCPConnectionState::cancelled});
 }
 
-TEST_F(LinuxTCPConnectionTest, CancelledBeforeItsLoopHasBegun) {
+TEST_F(LinuxTCPConnectionTest, CancelledOnTheLoopBeforeItBeganItIsNeverMade) {
   ApplicationSocket listener("127.0.0.1");
   listener.listen();
-  std::promise<void> proceed;
-  loop().post([&proceed] { proceed.get_future().wait(); });
+  std::promise<std::shared_ptr<LinuxTCPConnection>> made;
+  std::promise<void> cancelled;
+  loop().post([&] {
+    made.get_future().get()->cancel();
+    cancelled.set_value();
+  });
   const auto connection = loops_.connect(endpointOf(listener));
-  connection->cancel();
-  proceed.set_value();
-  ASSERT_TRUE(becomes(*connection, TCPConnectionState::cancelled));
+  made.set_value(connection);
+  cancelled.get_future().wait();
+  drain();
+  pollfd arrivals{.fd = listener.descriptor(), .events = POLLIN, .revents = 0};
+  EXPECT_EQ(::poll(&arrivals, 1, 0), 0);
+  EXPECT_EQ(connection->state(), TCPConnectionState::cancelled);
 }
 
 TEST_F(LinuxTCPConnectionTest, ARemovedObserverIsNotTold) {

@@ -264,6 +264,14 @@ TEST_F(LinuxTCPFlowTest, ClosingTheReadDirectionDiscardsAndLeavesWriting) {
   EXPECT_EQ(carried.application.receive(10).bytes, "still said");
 }
 
+TEST_F(LinuxTCPFlowTest, ClosingTheReadDirectionBetweenReadsDiscardsToo) {
+  CarriedFlow carried = carryFlow();
+  carried.flow->closeRead(std::nullopt);
+  carried.application.send(std::string(32 * 1024 * 1024, 'd'));
+  EXPECT_FALSE(write(*carried.flow, "still said"));
+  EXPECT_EQ(carried.application.receive(10).bytes, "still said");
+}
+
 TEST_F(LinuxTCPFlowTest, ClosingEitherDirectionWithAnErrorResets) {
   for (const bool closesRead : {true, false}) {
     CarriedFlow carried = carryFlow();
