@@ -32,7 +32,9 @@ class TCPConnection : public Observable {
   virtual OptionalError error() const = 0;
 
   // The only observable key path is "state". The observer is held weakly; an observer that has been
-  // removed, or has been destroyed, is not told any more.
+  // removed, or has been destroyed, is not told any more. The platform has been connecting since
+  // before anybody could observe: a change that found no observer is told to the next one, later
+  // than this call.
   virtual void addObserver(std::weak_ptr<KeyValueObserver> observer, std::string_view keyPath) = 0;
   virtual void removeObserver(KeyValueObserver& observer, std::string_view keyPath) = 0;
 

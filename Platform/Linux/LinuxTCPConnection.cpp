@@ -193,11 +193,7 @@ std::shared_ptr<StreamSocket> LinuxTCPConnection::sharedStream() {
 void LinuxTCPConnection::changeStateLater(TCPConnectionState state, int error) {
   changeState(state, error);
   // Not inside whatever call has found it out.
-  stream_.loop().post([weakSelf = weak_from_this()] {
-    if (const auto self = weakSelf.lock()) {
-      self->notifyObservers();
-    }
-  });
+  notifyObserversLater();
 }
 
 void LinuxTCPConnection::changeState(TCPConnectionState state, int error) {
@@ -213,6 +209,9 @@ void LinuxTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> o
   const std::lock_guard guard(lock_);
   forgetDestroyedObservers();
   observers_.push_back({std::move(observer), identity});
+  if (std::exchange(hasUntoldChange_, false)) {
+    notifyObserversLater();
+  }
 }
 
 void LinuxTCPConnection::removeObserver(platform::KeyValueObserver& observer,
@@ -227,12 +226,21 @@ void LinuxTCPConnection::removeObserver(platform::KeyValueObserver& observer,
   }
 }
 
+void LinuxTCPConnection::notifyObserversLater() {
+  stream_.loop().post([weakSelf = weak_from_this()] {
+    if (const auto self = weakSelf.lock()) {
+      self->notifyObservers();
+    }
+  });
+}
+
 void LinuxTCPConnection::notifyObservers() {
   std::vector<Registration> observers;
   {
     const std::lock_guard guard(lock_);
     forgetDestroyedObservers();
     observers = observers_;
+    hasUntoldChange_ = observers.empty();
   }
   // Without the lock: an observer may remove itself or another one.
   for (const auto& registration : observers) {

@@ -71,6 +71,7 @@ class LinuxTCPConnection final : public platform::TCPConnection,
 
   void changeStateLater(platform::TCPConnectionState state, int error);
   void changeState(platform::TCPConnectionState state, int error);
+  void notifyObserversLater();
   void notifyObservers();
   void forgetDestroyedObservers();
   bool isRegistered(const platform::KeyValueObserver& observer) const;
@@ -85,6 +86,8 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   mutable std::mutex lock_;
   // Guarded by lock_.
   std::vector<Registration> observers_;
+  // A change found nobody to be told of it.
+  bool hasUntoldChange_ = false;
   // The socket until it is connected.
   LoopSocket connecting_;
   StreamSocket stream_;

@@ -89,6 +89,13 @@ void SimulatedTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserve
   requireStateKeyPath(keyPath);
   const auto* const identity = observer.lock().get();
   observers_.push_back({std::move(observer), identity});
+  if (std::exchange(hasUntoldChange_, false)) {
+    run_.queue.post(lane_, ItemKind::normal, [weakSelf = weak_from_this()] {
+      if (const auto self = weakSelf.lock()) {
+        self->notifyObservers();
+      }
+    });
+  }
 }
 
 void SimulatedTCPConnection::removeObserver(platform::KeyValueObserver& observer,
@@ -164,6 +171,7 @@ bool SimulatedTCPConnection::isRegistered(const platform::KeyValueObserver& obse
 }
 
 void SimulatedTCPConnection::notifyObservers() {
+  hasUntoldChange_ = observers_.empty();
   // An observer may remove itself or another one, and may let go of this connection.
   const auto self = shared_from_this();
   for (const auto& registration : std::vector<Registration>(observers_)) {

@@ -82,6 +82,8 @@ class SimulatedTCPConnection final : public platform::TCPConnection,
   platform::OptionalError error_;
   bool wasCancelled_ = false;
   std::vector<Registration> observers_;
+  // A change found nobody to be told of it.
+  bool hasUntoldChange_ = false;
 };
 
 }  // namespace ostravel::simulation

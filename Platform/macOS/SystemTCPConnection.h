@@ -15,10 +15,8 @@
 namespace ostravel::macos {
 
 // A connection that the system has made for the provider, which shares the queue of the completion
-// that it is made in. A completion that finds this object gone
-// is dropped. The system is connecting from the start, and may be done before anybody observes: a
-// change that nobody could see is told to the first observer. Over nil, which the system gives for
-// an endpoint that it cannot use, it stays invalid for ever.
+// that it is made in. A completion that finds this object gone is dropped. Over nil, which the
+// system gives for an endpoint that it cannot use, it stays invalid for ever.
 class SystemTCPConnection final : public platform::TCPConnection,
                                   public std::enable_shared_from_this<SystemTCPConnection> {
  public:
@@ -48,7 +46,7 @@ class SystemTCPConnection final : public platform::TCPConnection,
   std::uintptr_t observation_ = 0;
   std::mutex lock_;
   Observers observers_;
-  // The state changed before there was anybody to be told.
+  // A change found nobody to be told of it.
   bool hasUntoldChange_ = false;
 };
 

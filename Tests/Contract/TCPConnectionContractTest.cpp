@@ -86,6 +86,19 @@ TEST_P(TCPConnectionContractTest, ARefusedOneIsDisconnectedWithItsError) {
   EXPECT_FALSE(observer_->saw(TCPConnectionState::connected));
 }
 
+TEST_P(TCPConnectionContractTest, AChangeThatNobodyCouldSeeIsToldToTheNextObserver) {
+  connection_ = environment_->connect(environment_->refusingEndpoint());
+  ASSERT_TRUE(waitUntil([&] { return connection_->state() == TCPConnectionState::disconnected; }));
+  environment_->settle();
+  connection_->addObserver(observer_, "state");
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::disconnected); }));
+  EXPECT_FALSE(observer_->wasToldNonsense());
+  const auto other = std::make_shared<StateObserver>();
+  connection_->addObserver(other, "state");
+  environment_->settle();
+  EXPECT_FALSE(other->saw(TCPConnectionState::disconnected));
+}
+
 TEST_P(TCPConnectionContractTest, ARefusalFailsWhatWasAskedBefore) {
   connection_ = connect(environment_->refusingEndpoint());
   Outcome reading;

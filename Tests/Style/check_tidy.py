@@ -20,7 +20,9 @@ import tempfile
 
 PROCESSES = 2
 KEPT_WITH_VALUE = ("-isystem", "-include", "-I", "-D")
-KEPT_PREFIXES = ("-I", "-D", "-std=", "-isystem")
+KEPT_PREFIXES = ("-I", "-D", "-std=", "-isystem",
+                 # Objective-C++ here is read with another runtime than the compiler's own.
+                 "-fblocks", "-fobjc-runtime=", "-fconstant-string-class=")
 
 
 def portable_arguments(command: str, source: str) -> list[str]:
@@ -44,8 +46,9 @@ def chosen_entries(root: pathlib.Path, build: pathlib.Path, folders: list[str]) 
     for entry in entries:
         source = pathlib.Path(entry["directory"], entry["file"]).resolve()
         if any(source.is_relative_to(root / folder) for folder in folders):
-            chosen[str(source)] = {"directory": entry["directory"], "file": str(source),
-                                   "arguments": portable_arguments(entry["command"], str(source))}
+            chosen.setdefault(
+                str(source), {"directory": entry["directory"], "file": str(source),
+                              "arguments": portable_arguments(entry["command"], str(source))})
     return list(chosen.values())
 
 

@@ -28,7 +28,7 @@ class TidyCheck(unittest.TestCase):
     def add(self, name, text, flags=""):
         path = self.root / "Companion" / name
         path.write_text(text, encoding="utf-8")
-        if path.suffix == ".cpp":
+        if path.suffix in (".cpp", ".mm"):
             self.entries.append({
                 "directory": str(self.root), "file": str(path),
                 "command": f"/usr/bin/g++ -I{self.root} -std=c++20 {flags} -o x.o -c {path}"})
@@ -48,6 +48,12 @@ class TidyCheck(unittest.TestCase):
     def test_flags_and_warnings_of_the_build_do_not_matter(self):
         self.add("Sound.cpp", "int answer() {\n  int unused;\n  return 42;\n}\n",
                  "-Wall -Werror -Wduplicated-branches -fanalyzer -fsanitize=address -O2")
+        result = self.run_check("Companion")
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+
+    def test_blocks_are_read(self):
+        self.add("Block.mm", "int answer() {\n  return ^{ return 42; }();\n}\n",
+                 "-fblocks -fobjc-runtime=gcc")
         result = self.run_check("Companion")
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
 
