@@ -58,6 +58,7 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   void finishWrite(const ErrorBlock& completion, int error);
 
   std::atomic<std::int64_t> references_ = 1;
+  std::mutex changing_;
   mutable std::mutex lock_;
   // Unretained.
   NWTCPConnection* object_ = nil;

@@ -77,6 +77,8 @@ NSError* ConnectionState::error() const {
 
 void ConnectionState::setState(NWTCPConnectionState state, NSError* error) {
   const auto held = object();
+  // One change after the other, each with its notification: of two, the second sees the first.
+  const std::lock_guard changing(changing_);
   {
     const std::lock_guard guard(lock_);
     if (state_ == NWTCPConnectionStateCancelled) {
