@@ -16,7 +16,7 @@ demonstration_packages=(
 test_packages=(
   clang-format clang-tidy libclang-rt-14-dev
   nginx-light procps python3-pytest tinyproxy-bin
-  gobjc++ libgnustep-base-dev libblocksruntime-dev libc++-dev libc++abi-dev googletest
+  gobjc++ libgnustep-base-dev libblocksruntime-dev libc++-dev libc++abi-dev lld llvm
 )
 
 say() {

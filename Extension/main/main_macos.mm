@@ -14,8 +14,8 @@ int main() {
   // A peer that goes away while it is written to must not end the process.
   std::signal(SIGPIPE, SIG_IGN);
 
-  // Static: dispatch_main ends the thread whose stack this is.
-  static macos::MacPlatform platform;
+  // Never destroyed: work of the core may be under way until the very end of the process.
+  static macos::MacPlatform& platform = *new macos::MacPlatform();
   macos::setProviderFactory([](platform::ProviderContext& context) {
     return std::make_unique<PacketTunnelProvider>(platform, context);
   });

@@ -1,12 +1,13 @@
 #pragma once
 
-// Included before everything else when a source is checked for the real target on this machine.
+// Included before everything else when a source is compiled for the real target on this machine.
 //
 // The C and C++ headers are this machine's: its C library, and the standard library of the Mac,
 // libc++. They only agree with the target when they take it for Linux on x86-64, so they are
-// included here with that said, and the target's own names are given back afterwards. What this
-// does not check: constants and types of the C library whose values or widths differ (int64_t is
-// long here and long long there), and headers that only one of the two systems has.
+// included here with that said, and the target's own names are given back afterwards. The 64-bit
+// integers are the target's (bits/stdint-intn.h). What this does not check: constants and other
+// types of the C library whose values or widths differ, and headers that only one of the two
+// systems has.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -51,6 +52,9 @@
 #include <utility>
 #include <variant>
 #include <vector>
+
+static_assert(std::is_same_v<std::int64_t, long long>);
+static_assert(std::is_same_v<std::uint64_t, unsigned long long>);
 
 #undef __linux__
 #ifdef __arm64__
