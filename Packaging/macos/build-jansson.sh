@@ -3,8 +3,13 @@
 # hardened and universal: a library of a package manager is none of it.
 set -euo pipefail
 
-readonly version=v2.14
-readonly repository=https://github.com/akheron/jansson.git
+readonly version=2.14
+readonly digest=c739578bf6b764aa0752db9a2fdadcfe921c78f1228c7ec0bb47fa804c55d17b
+# The same file at both.
+readonly sources=(
+  "https://github.com/akheron/jansson/releases/download/v$version/jansson-$version.tar.gz"
+  "https://deb.debian.org/debian/pool/main/j/jansson/jansson_$version.orig.tar.gz"
+)
 
 usage() {
   cat <<'TEXT'
@@ -15,9 +20,12 @@ PKG_CONFIG_PATH=FOLDER/lib/pkgconfig afterwards.
 TEXT
 }
 
-if [[ $# -ne 1 || $1 == --help ]]; then
+if [[ $# -eq 1 && $1 == --help ]]; then
   usage
-  [[ $# -eq 1 ]] && exit 0
+  exit 0
+fi
+if [[ $# -ne 1 ]]; then
+  usage >&2
   exit 2
 fi
 
@@ -25,8 +33,17 @@ folder=$(mkdir -p "$1" && cd "$1" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-git clone --quiet --depth 1 --branch "$version" "$repository" "$work/source"
-cmake -S "$work/source" -B "$work/build" \
+archive=$work/jansson.tar.gz
+for source in "${sources[@]}"; do
+  curl --fail --silent --show-error --location --output "$archive" "$source" && break
+done
+if ! echo "$digest  $archive" | shasum -a 256 --check --status; then
+  echo "build-jansson.sh: no source has jansson $version with the SHA-256 digest $digest" >&2
+  exit 1
+fi
+tar -xzf "$archive" -C "$work"
+
+cmake -S "$work/jansson-$version" -B "$work/build" \
   -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_INSTALL_PREFIX="$folder" \
   -DCMAKE_OSX_ARCHITECTURES="arm64;x86_64" \

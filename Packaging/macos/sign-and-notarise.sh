@@ -31,12 +31,25 @@ case ${1-}:$# in
     ;;
 esac
 
-build=$(cd "$2" && pwd)
+fail() {
+  echo "sign-and-notarise.sh: $1" >&2
+  exit 1
+}
+
+build=$2
 identity=$3
 host_profile=$4
 extension_profile=$5
 application=$build/Ostravel.app
 extension=$application/Contents/Library/SystemExtensions/com.ostravel.desktop.extension.systemextension
+
+[[ -d $extension ]] || fail "$application has not been built; see Documentation/macos.md"
+for profile in "$host_profile" "$extension_profile"; do
+  [[ -f $profile ]] || fail "there is no provisioning profile $profile"
+done
+if grep -q XXXXXXXXXX "$build/entitlements/Host-$kind.entitlements"; then
+  fail "$build was configured without a team: set OSTRAVEL_TEAM_IDENTIFIER"
+fi
 
 # sign BUNDLE ENTITLEMENTS PROFILE
 sign() {
