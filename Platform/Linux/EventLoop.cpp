@@ -55,6 +55,7 @@ void EventLoop::stop() {
   context_.stop();
   if (thread_.joinable()) {
     thread_.join();
+    streams_.dropCompletions();
   }
 }
 

@@ -14,6 +14,7 @@
 #include "Platform/Linux/BufferPool.h"
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/PipePool.h"
+#include "Platform/Linux/StreamRegistry.h"
 
 namespace ostravel::linuxplatform {
 
@@ -61,7 +62,8 @@ class EventLoop {
   }
 
   // Ends the thread after the item that is running, and waits for it. Nothing of this loop
-  // completes afterwards. Idempotent; not from the loop itself.
+  // completes afterwards: the completions that wait in its streams are destroyed without running,
+  // and so are the tunnels that only they still hold. Idempotent; not from the loop itself.
   void stop();
 
   // The ports of the listener may be asked for from any thread.
@@ -71,6 +73,7 @@ class EventLoop {
   // For the loop's own thread only.
   BufferPool& buffers() { return buffers_; }
   PipePool& pipes() { return pipes_; }
+  StreamRegistry& streams() { return streams_; }
   Counters& counters() { return counters_; }
   asio::io_context& context() { return context_; }
 
@@ -82,7 +85,9 @@ class EventLoop {
   Counters counters_;
   BufferPool buffers_;
   PipePool pipes_;
-  // Destroys the handlers that never ran, and with them what they hold, so the pools come first.
+  StreamRegistry streams_;
+  // Destroys the handlers that never ran, and with them what they hold, so that which streams give
+  // back and give up comes first.
   asio::io_context context_;
   asio::executor_work_guard<asio::io_context::executor_type> work_;
   std::unique_ptr<FlowListener> listener_;

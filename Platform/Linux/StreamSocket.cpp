@@ -59,6 +59,14 @@ void StreamSocket::attach(LoopSocket socket) {
   }
 }
 
+// A stream that nothing was asked of has nothing to drop, and it may have been made on the verdict
+// thread, which is to share no lock with the loop.
+void StreamSocket::takePlace() {
+  if (!place_.isTaken()) {
+    loop_.streams().add(place_, owner_.sharedStream());
+  }
+}
+
 // Reading
 
 void StreamSocket::read(std::size_t minimum, std::size_t maximum,
@@ -66,6 +74,7 @@ void StreamSocket::read(std::size_t minimum, std::size_t maximum,
   if (reading_ != Progress::none) {
     programmingError("a read of a stream that is being read");
   }
+  takePlace();
   reading_ = Progress::waiting;
   readCompletion_ = std::move(completion);
   maximum_ = std::max<std::size_t>(maximum, 1);
@@ -261,6 +270,7 @@ void StreamSocket::write(Data data, platform::ErrorCompletion completion) {
   if (writing_ != Progress::none) {
     programmingError("a write to a stream that is being written to");
   }
+  takePlace();
   writing_ = Progress::waiting;
   writeCompletion_ = std::move(completion);
   if (failure_) {
@@ -404,6 +414,12 @@ void StreamSocket::fail(platform::Error error) {
     finishWriteLater(*failure_);
   }
   socket_.reset();
+}
+
+void StreamSocket::dropCompletions() {
+  chunk_ = Data();
+  readCompletion_ = nullptr;
+  writeCompletion_ = nullptr;
 }
 
 void StreamSocket::noteFailure(int error) {

@@ -10,6 +10,7 @@
 #include "Platform/Interface/Data.h"
 #include "Platform/Interface/Error.h"
 #include "Platform/Linux/LoopSocket.h"
+#include "Platform/Linux/StreamRegistry.h"
 
 namespace ostravel::linuxplatform {
 
@@ -72,6 +73,10 @@ class StreamSocket {
   // a reset.
   void fail(platform::Error error);
 
+  // Destroys the completions of outstanding operations, and what those hold, without running them.
+  // For the loop when it has stopped.
+  void dropCompletions();
+
  private:
   enum class Progress : std::uint8_t {
     none,
@@ -83,6 +88,7 @@ class StreamSocket {
 
   template <typename Step>
   auto later(Step step);
+  void takePlace();
 
   void beginRead();
   void waitToRead();
@@ -111,6 +117,8 @@ class StreamSocket {
 
   EventLoop& loop_;
   Owner& owner_;
+  // Taken by the first operation.
+  StreamRegistry::Place place_;
   LoopSocket socket_;
   // What ended the stream as a whole.
   std::unique_ptr<platform::Error> failure_;
