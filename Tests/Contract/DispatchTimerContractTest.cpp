@@ -238,10 +238,12 @@ TEST_P(DispatchTimerContractTest, ExpirationsAreMergedWhileTheHandlerIsSlow) {
   });
   const auto start = environment_->now();
   this->start(20ms, 20ms);
-  // At 20, then merged at 220, then with the interval again: the fourth is not before 250.
+  // At 20, then merged at 220. The third may come at once, if the expiration at 220 was noticed
+  // only after the second had begun. The fourth belongs to the next one; unmerged it would be at
+  // 220.
   ASSERT_TRUE(waitUntil([&] { return fired_.size() >= 4; }));
   EXPECT_GE(fired_.all()[1] - start, 220ms);
-  EXPECT_GE(fired_.all()[3] - start, 250ms);
+  EXPECT_GE(fired_.all()[3] - start, 240ms);
 }
 
 TEST_P(DispatchTimerContractTest, TheHandlerRunsAsAnItemOfItsQueue) {
