@@ -164,8 +164,8 @@ std::optional<pid_t> ProcessTable::holderOf(std::uint32_t inode, uid_t user) {
     return std::nullopt;
   }
   SocketHolderSearch search(inode, {recentHolders_.begin(), recentHolders_.end()}, user);
-  const auto deadline = std::chrono::steady_clock::now() + kHolderBudget;
-  if (search.proceed(deadline) != SocketHolderSearch::Result::found) {
+  const SearchBudget budget(kHolderBudget, kLongestHolderSearch);
+  if (search.proceed(budget) != SocketHolderSearch::Result::found) {
     return std::nullopt;
   }
   rememberHolder(search.holder());

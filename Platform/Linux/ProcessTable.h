@@ -62,8 +62,10 @@ class ProcessTable {
   // it at its start is.
   bool hasInherited(pid_t pid, std::uint32_t inode) const;
 
-  // A third of what a held first packet may wait without anybody noticing.
+  // A third of what a held first packet may wait without anybody noticing, and what that comes to
+  // on a machine that gives us a fifth of a core.
   static constexpr std::chrono::milliseconds kHolderBudget{5};
+  static constexpr std::chrono::milliseconds kLongestHolderSearch{25};
 
  private:
   void rememberHolder(pid_t pid);

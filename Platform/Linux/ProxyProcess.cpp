@@ -48,9 +48,8 @@ void ProxyProcess::beginSearch(const SocketInformation& listener) {
 }
 
 ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
-  const auto now = std::chrono::steady_clock::now();
   if (!search_) {
-    if (now < nextSearch_) {
+    if (std::chrono::steady_clock::now() < nextSearch_) {
       return State::unknown;
     }
     beginSearch(listener_);
@@ -58,7 +57,7 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
   if (sender) {
     search_->prefer(*sender);
   }
-  const auto result = search_->proceed(now + kSearchBudget);
+  const auto result = search_->proceed(SearchBudget(kSearchBudget, kLongestSearch));
   if (result == SocketHolderSearch::Result::unfinished) {
     return State::unknown;
   }
@@ -70,7 +69,7 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
     return State::known;
   }
   // It has just handed the socket on, or we may not look into it.
-  nextSearch_ = now + kSearchInterval;
+  nextSearch_ = std::chrono::steady_clock::now() + kSearchInterval;
   if (!std::exchange(hasWarned_, true)) {
     warn_("the process that listens on port " + std::to_string(address_.port) +
           " cannot be found; until it is, every flow is left to the system");

@@ -30,9 +30,12 @@ class ProxyProcess {
     known,
   };
 
-  // As long as a held first packet may wait at most on this account. Happens once per start of the
-  // proxy, and a few times when the machine is very busy.
+  // How long the search may run for one held first packet, which is nearly always enough to end it;
+  // once per start of the proxy.
   static constexpr std::chrono::milliseconds kSearchBudget{20};
+  // And how long that packet may wait for it. Enough for the budget on a machine that gives us a
+  // fifth of a core, and far from the second after which TCP sends a packet again.
+  static constexpr std::chrono::milliseconds kLongestSearch{100};
 
   // The other two outlive this one. warn takes a sentence for people.
   ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,

@@ -50,8 +50,7 @@ void SocketHolderSearch::prefer(pid_t process) {
   }
 }
 
-SocketHolderSearch::Result SocketHolderSearch::proceed(
-    std::chrono::steady_clock::time_point deadline) {
+SocketHolderSearch::Result SocketHolderSearch::proceed(const SearchBudget& budget) {
   while (true) {
     if (next_ == processes_.size()) {
       if (areListed_) {
@@ -71,7 +70,7 @@ SocketHolderSearch::Result SocketHolderSearch::proceed(
       descriptors_.reset();
       ++next_;
     }
-    if (std::chrono::steady_clock::now() >= deadline) {
+    if (budget.isUsedUp()) {
       return Result::unfinished;
     }
   }

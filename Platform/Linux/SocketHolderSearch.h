@@ -3,18 +3,19 @@
 #include <dirent.h>
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <vector>
 
+#include "Platform/Linux/SearchBudget.h"
+
 namespace ostravel::linuxplatform {
 
 // A look through the descriptors of all processes for the one that holds a socket, newest processes
-// first, in as many parts as the caller's time permits. Processes may come and go meanwhile; those
-// that come later are not looked at. Without the permission to look into foreign processes
+// first, in as many parts as the caller's budget permits. Processes may come and go meanwhile;
+// those that come later are not looked at. Without the permission to look into foreign processes
 // (CAP_SYS_PTRACE) only own ones are found. Used by one thread at a time.
 class SocketHolderSearch {
  public:
@@ -27,8 +28,8 @@ class SocketHolderSearch {
   // Looks at this process next, unless it was looked at or named before.
   void prefer(pid_t process);
 
-  // Goes on until the end or the deadline; looks at one descriptor at least.
-  Result proceed(std::chrono::steady_clock::time_point deadline);
+  // Goes on until the end or until the budget is used up; looks at one descriptor at least.
+  Result proceed(const SearchBudget& budget);
 
   // Of a search that has found it.
   pid_t holder() const { return processes_[next_]; }

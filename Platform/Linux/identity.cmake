@@ -25,6 +25,7 @@ add_library(LinuxIdentity STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ConnectTracer.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProcessTable.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProxyProcess.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SearchBudget.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SocketDiagnostics.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SocketHolderSearch.cpp
   ${TRACER_HEADER})

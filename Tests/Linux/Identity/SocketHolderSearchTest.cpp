@@ -16,8 +16,9 @@ namespace {
 using namespace ostravel::testing;
 using namespace std::chrono_literals;
 using Result = SocketHolderSearch::Result;
-using Clock = std::chrono::steady_clock;
 
+// Ends after one descriptor.
+const SearchBudget kNone(0s, 0s);
 constexpr std::uint32_t kNoInode = 0xffffffff;
 
 // Keeps its own copy of a socket that this process has closed.
@@ -52,8 +53,7 @@ class Bystander {
 // Ends the search, and tells in how many parts of one descriptor each.
 int partsOf(SocketHolderSearch& search) {
   int parts = 1;
-  // The deadline is always over already.
-  while (search.proceed(Clock::time_point()) == Result::unfinished) {
+  while (search.proceed(kNone) == Result::unfinished) {
     ++parts;
   }
   return parts;
@@ -62,7 +62,7 @@ int partsOf(SocketHolderSearch& search) {
 TEST(SocketHolderSearchTest, FindsTheHolder) {
   const Holder holder;
   SocketHolderSearch search(holder.inode(), {}, std::nullopt);
-  ASSERT_EQ(search.proceed(Clock::now() + 60s), Result::found);
+  ASSERT_EQ(search.proceed(SearchBudget(60s, 60s)), Result::found);
   EXPECT_EQ(search.holder(), holder.pid());
 }
 
@@ -70,7 +70,7 @@ TEST(SocketHolderSearchTest, AnEndedProcessHoldsNothing) {
   Holder holder;
   holder.helper().kill();
   SocketHolderSearch search(holder.inode(), {holder.pid()}, std::nullopt);
-  EXPECT_EQ(search.proceed(Clock::now() + 60s), Result::absent);
+  EXPECT_EQ(search.proceed(SearchBudget(60s, 60s)), Result::absent);
 }
 
 TEST(SocketHolderSearchTest, GoesOnWhereItStopped) {
@@ -82,7 +82,7 @@ TEST(SocketHolderSearchTest, GoesOnWhereItStopped) {
     EXPECT_EQ(search.holder(), holder.pid());
     SocketHolderSearch vain(kNoInode, {}, std::nullopt);
     EXPECT_GT(partsOf(vain), Bystander::kDescriptors);
-    EXPECT_EQ(vain.proceed(Clock::time_point()), Result::absent);
+    EXPECT_EQ(vain.proceed(kNone), Result::absent);
   });
 }
 
@@ -122,7 +122,7 @@ TEST(SocketHolderSearchTest, APreferredProcessIsLookedAtNext) {
     const Holder holder;
     const Bystander newer;
     SocketHolderSearch search(holder.inode(), {newer.pid()}, std::nullopt);
-    ASSERT_EQ(search.proceed(Clock::time_point()), Result::unfinished);
+    ASSERT_EQ(search.proceed(kNone), Result::unfinished);
     search.prefer(holder.pid());
     EXPECT_LT(partsOf(search), Bystander::kDescriptors);
     EXPECT_EQ(search.holder(), holder.pid());
@@ -138,7 +138,7 @@ TEST(SocketHolderSearchTest, PreferringAgainDoesNotHoldUpTheSearch) {
     do {
       search.prefer(sender.pid());
       ASSERT_LT(++parts, 10 * Bystander::kDescriptors);
-    } while (search.proceed(Clock::time_point()) == Result::unfinished);
+    } while (search.proceed(kNone) == Result::unfinished);
     EXPECT_EQ(search.holder(), holder.pid());
   });
 }
