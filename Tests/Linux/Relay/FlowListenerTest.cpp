@@ -197,6 +197,8 @@ TEST_F(FlowListenerTest, WithoutIPv6ThereIsNoPortForIt) {
       "echo 0 > /proc/sys/net/ipv6/conf/lo/disable_ipv6 && "
       "ip address replace ::1/128 dev lo nodad && "
       "ip address replace 2001:db8::2/128 dev lo nodad");
+  waitUntilReachable("::1");
+  waitUntilReachable(kApplicationIPv6);
 }
 
 }  // namespace

@@ -10,6 +10,10 @@ inline constexpr const char* kApplicationIPv6 = "2001:db8::2";
 // addresses above. Ends the process when that is not possible.
 void enterPrivateNetwork();
 
+// An address of IPv6 that was added becomes reachable only when a worker of the kernel got to it,
+// for which ip(8) does not wait. Ends the process when that does not happen.
+void waitUntilReachable(const char* ipv6Address);
+
 // Runs a command, such as one of ip(8) or nft(8); ends the process when it fails.
 void runCommand(const char* command);
 
