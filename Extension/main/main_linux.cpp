@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include "Platform/Linux/ConfigurationFile.h"
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
 #include "Platform/Linux/Privileges.h"
@@ -40,19 +42,27 @@ int fail(const platform::Error& error) {
 // goes away while it is written to must not end the process.
 sigset_t takeOverSignals() {
   std::signal(SIGPIPE, SIG_IGN);
-  sigset_t ending;
-  sigemptyset(&ending);
+  sigset_t taken;
+  sigemptyset(&taken);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    sigaddset(&ending, signal);
+    sigaddset(&taken, signal);
   }
-  pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-  return ending;
+  pthread_sigmask(SIG_BLOCK, &taken, nullptr);
+  return taken;
 }
 
-void waitForSignal(const sigset_t& ending) {
+int waitForSignal(const sigset_t& taken) {
   int signal = 0;
-  while (sigwait(&ending, &signal) != 0) {
+  while (sigwait(&taken, &signal) != 0) {
   }
+  return signal;
+}
+
+// A terminal that is closed sends SIGHUP, and what was started in it is to end with it. A service
+// has none (tty(4)), and is sent SIGHUP to read again what was changed.
+bool hasTerminal() {
+  const linuxplatform::FileDescriptor terminal(::open("/dev/tty", O_RDONLY | O_NOCTTY | O_CLOEXEC));
+  return terminal.isOpen();
 }
 
 }  // namespace
@@ -70,7 +80,8 @@ int main(int argc, char** argv) {
   if (const auto missing = linuxplatform::missingPrivileges()) {
     return fail(*missing);
   }
-  const sigset_t endingSignals = takeOverSignals();
+  const sigset_t takenSignals = takeOverSignals();
+  const bool endsOnHangUp = hasTerminal();
 
   // The object graph, outermost first: each outlives those below it.
   linuxplatform::LinuxPlatform platform({commandLine.options->logSink});
@@ -90,7 +101,9 @@ int main(int argc, char** argv) {
   const auto startError = started.get_future().get();
   if (!startError) {
     ::sd_notify(0, "READY=1");
-    waitForSignal(endingSignals);
+    while (waitForSignal(takenSignals) == SIGHUP && !endsOnHangUp) {
+      context.reloadRegistrations();
+    }
     ::sd_notify(0, "STOPPING=1");
   }
 

@@ -24,9 +24,9 @@ std::optional<std::string> executablePath(const Process& process) {
 }  // namespace
 
 ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort, Warn warn,
-                                                         std::string registrationsFolder)
+                                                         const std::string& registrationsFolder)
     : warn_(std::move(warn)),
-      registrations_(std::move(registrationsFolder), warn_),
+      registrations_(registrationsFolder, warn_),
       sources_{
           [this](const Process& process) -> std::optional<std::string> {
             if (!process.isExecutableGenuine) {
@@ -87,8 +87,8 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow) {
   return {.identifier = *sender->identifier, .leaveToSystem = false};
 }
 
-void ApplicationIdentifierSource::reloadRegistrations() {
-  registrations_.reload();
+void ApplicationIdentifierSource::replaceRegistrations(ApplicationRegistrations registrations) {
+  registrations_ = std::move(registrations);
   for (auto& [pid, known] : known_) {
     known.identifier.reset();
   }

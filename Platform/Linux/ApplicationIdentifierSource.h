@@ -53,15 +53,15 @@ class ApplicationIdentifierSource {
   // thread that uses this object.
   ApplicationIdentifierSource(
       std::uint16_t proxyPort, Warn warn,
-      std::string registrationsFolder = ApplicationRegistrations::kDefaultFolder);
+      const std::string& registrationsFolder = ApplicationRegistrations::kDefaultFolder);
   ApplicationIdentifierSource(const ApplicationIdentifierSource&) = delete;
   ApplicationIdentifierSource& operator=(const ApplicationIdentifierSource&) = delete;
   ~ApplicationIdentifierSource();
 
   Identification identify(const FlowTuple& flow);
 
-  // Reads the registrations again.
-  void reloadRegistrations();
+  // For what is identified from now on, also of processes that are known already.
+  void replaceRegistrations(ApplicationRegistrations registrations);
 
  private:
   // A process that has sent before, and what was found out about it.

@@ -82,11 +82,6 @@ ApplicationRegistrations::ApplicationRegistrations(std::string folder,
   readFolder();
 }
 
-void ApplicationRegistrations::reload() {
-  identifiers_.clear();
-  readFolder();
-}
-
 std::optional<std::string> ApplicationRegistrations::identifierOf(
     std::string_view executable) const {
   const auto found = identifiers_.find(std::string(executable));
@@ -104,12 +99,12 @@ void ApplicationRegistrations::readFolder() {
   struct stat status {};
   if (!folder || ::fstat(::dirfd(folder.get()), &status) != 0) {
     if (errno != ENOENT) {
-      warn_(folder_ + ": " + systemReason());
+      ignore(folder_ + ": " + systemReason());
     }
     return;
   }
   if (const auto reason = distrust(status)) {
-    warn_(folder_ + ": " + *reason);
+    ignore(folder_ + ": " + *reason);
     return;
   }
   for (const std::string& name : registrationFiles(folder.get())) {
@@ -122,20 +117,20 @@ void ApplicationRegistrations::readFile(const std::string& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
-    warn_(path + ": " + systemReason());
+    ignore(path + ": " + systemReason());
     return;
   }
   if (const auto reason = distrust(status)) {
-    warn_(path + ": " + *reason);
+    ignore(path + ": " + *reason);
     return;
   }
   if (!S_ISREG(status.st_mode) || status.st_size > kMaximumFileSize) {
-    warn_(path + ": is ignored: it is not a regular file of at most 1 MiB");
+    ignore(path + ": is ignored: it is not a regular file of at most 1 MiB");
     return;
   }
   const auto text = contentOf(file, static_cast<std::size_t>(status.st_size));
   if (!text) {
-    warn_(path + ": " + systemReason());
+    ignore(path + ": " + systemReason());
     return;
   }
   if (auto identifiers = parse(path, *text)) {
@@ -146,17 +141,17 @@ void ApplicationRegistrations::readFile(const std::string& path) {
 }
 
 std::optional<ApplicationRegistrations::Identifiers> ApplicationRegistrations::parse(
-    const std::string& path, std::string_view text) const {
+    const std::string& path, std::string_view text) {
   json_error_t failure{};
   const std::unique_ptr<json_t, JSONRelease> document(
       json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, &failure));
   if (!document) {
-    warn_(path + ":" + std::to_string(failure.line) + ":" + std::to_string(failure.column) + ": " +
-          failure.text);
+    ignore(path + ":" + std::to_string(failure.line) + ":" + std::to_string(failure.column) + ": " +
+           failure.text);
     return std::nullopt;
   }
   if (!json_is_object(document.get())) {
-    warn_(path + ":1:1: registrations must be a JSON object");
+    ignore(path + ":1:1: registrations must be a JSON object");
     return std::nullopt;
   }
   Identifiers identifiers;
@@ -164,17 +159,22 @@ std::optional<ApplicationRegistrations::Identifiers> ApplicationRegistrations::p
   json_t* value = nullptr;
   json_object_foreach(document.get(), executable, value) {
     if (executable[0] != '/') {
-      warn_(path + ": \"" + executable + "\" is not the absolute path of an executable");
+      ignore(path + ": \"" + executable + "\" is not the absolute path of an executable");
       return std::nullopt;
     }
     if (json_string_length(value) == 0) {
-      warn_(path + ": the identifier of \"" + executable + "\" must be a text that is not empty");
+      ignore(path + ": the identifier of \"" + executable + "\" must be a text that is not empty");
       return std::nullopt;
     }
     identifiers.emplace(executable,
                         std::string(json_string_value(value), json_string_length(value)));
   }
   return identifiers;
+}
+
+void ApplicationRegistrations::ignore(const std::string& warning) {
+  isComplete_ = false;
+  warn_(warning);
 }
 
 }  // namespace ostravel::linuxplatform

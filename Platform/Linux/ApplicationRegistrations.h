@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -15,8 +16,8 @@ namespace ostravel::linuxplatform {
 //
 // Where two files name the same path, the one later in the order of names counts. The folder and
 // the files are believed only if they belong to root and nobody else can write to them. What is not
-// believed or not understood is ignored as a whole file, with one warning. Used by one thread at a
-// time.
+// believed or not understood is ignored as a whole file, with one warning. As they were when they
+// were read; used by one thread at a time.
 class ApplicationRegistrations {
  public:
   static constexpr const char* kDefaultFolder = "/etc/ostravel/applications.d";
@@ -25,8 +26,9 @@ class ApplicationRegistrations {
   // column. A folder that does not exist is an empty one. Reads the folder.
   ApplicationRegistrations(std::string folder, std::function<void(const std::string&)> warn);
 
-  // Reads the folder again.
-  void reload();
+  // Whether nothing had to be ignored.
+  bool isComplete() const { return isComplete_; }
+  std::size_t size() const { return identifiers_.size(); }
 
   std::optional<std::string> identifierOf(std::string_view executable) const;
 
@@ -35,11 +37,13 @@ class ApplicationRegistrations {
 
   void readFolder();
   void readFile(const std::string& path);
-  std::optional<Identifiers> parse(const std::string& path, std::string_view text) const;
+  std::optional<Identifiers> parse(const std::string& path, std::string_view text);
+  void ignore(const std::string& warning);
 
-  const std::string folder_;
-  const std::function<void(const std::string&)> warn_;
+  std::string folder_;
+  std::function<void(const std::string&)> warn_;
   Identifiers identifiers_;
+  bool isComplete_ = true;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -97,12 +97,38 @@ Interceptor::~Interceptor() {
   thread_.join();
 }
 
+void Interceptor::reloadRegistrations() {
+  ApplicationRegistrations registrations(
+      ApplicationRegistrations::kDefaultFolder,
+      [this](const std::string& warning) { log_->error("OstravelProxy: %{public}s", {warning}); });
+  if (!registrations.isComplete()) {
+    log_->error("OstravelProxy: Registrations not replaced, those that were in force still are");
+    return;
+  }
+  const auto count = static_cast<std::int64_t>(registrations.size());
+  {
+    const std::lock_guard guard(registrationsLock_);
+    newRegistrations_ = std::move(registrations);
+  }
+  newRegistrationsAreThere_.signal();
+  log_->info("OstravelProxy: Registrations replaced count=%{public}d", {count});
+}
+
+void Interceptor::takeRegistrations() {
+  newRegistrationsAreThere_.consume();
+  const std::lock_guard guard(registrationsLock_);
+  if (newRegistrations_) {
+    identifiers_->replaceRegistrations(*std::exchange(newRegistrations_, std::nullopt));
+  }
+}
+
 void Interceptor::run() {
   ::pthread_setname_np(::pthread_self(), "verdict");
   auto nextBeat = std::chrono::steady_clock::now() + kBeatInterval;
   while (true) {
-    std::array<pollfd, 2> waited{
-        {{stop_.descriptor(), POLLIN, 0}, {queue_->descriptor(), POLLIN, 0}}};
+    std::array<pollfd, 3> waited{{{stop_.descriptor(), POLLIN, 0},
+                                  {newRegistrationsAreThere_.descriptor(), POLLIN, 0},
+                                  {queue_->descriptor(), POLLIN, 0}}};
     const auto untilBeat =
         std::chrono::ceil<std::chrono::milliseconds>(nextBeat - std::chrono::steady_clock::now());
     ::poll(waited.data(), waited.size(),
@@ -110,7 +136,11 @@ void Interceptor::run() {
     if (waited[0].revents != 0) {
       break;
     }
+    // Before the packets, so that they hold for every flow that begins after it was said so.
     if (waited[1].revents != 0) {
+      takeRegistrations();
+    }
+    if (waited[2].revents != 0) {
       receive();
     }
     if (const auto now = std::chrono::steady_clock::now(); now >= nextBeat) {

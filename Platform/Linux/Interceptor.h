@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <thread>
 #include <variant>
 #include <vector>
@@ -46,11 +48,17 @@ class Interceptor {
   // Removes the rules and accepts every packet that is still held.
   ~Interceptor();
 
+  // Reads the applications' registrations again, and logs what became of it. When anything of them
+  // is wrong, those that there were are kept. From any other thread: the verdict thread touches no
+  // disk.
+  void reloadRegistrations();
+
  private:
   struct Parts;
   explicit Interceptor(Parts parts);
 
   void run();
+  void takeRegistrations();
   void receive();
   void decide(const PacketQueue::Packet& packet);
   std::shared_ptr<platform::AppProxyFlow> makeFlow(const FlowTuple& tuple, std::string identifier,
@@ -69,6 +77,10 @@ class Interceptor {
   std::size_t sweepHeldAt_;
   unsigned nextLoop_ = 0;
   EventDescriptor stop_;
+  EventDescriptor newRegistrationsAreThere_;
+  std::mutex registrationsLock_;
+  // What the verdict thread is to use from now on. Guarded by registrationsLock_.
+  std::optional<ApplicationRegistrations> newRegistrations_;
   std::unique_ptr<AliveKeeper> aliveKeeper_;
   std::thread thread_;
 };

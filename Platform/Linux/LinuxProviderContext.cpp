@@ -26,6 +26,13 @@ void LinuxProviderContext::setProvider(std::weak_ptr<platform::TransparentProxyP
   provider_ = std::move(provider);
 }
 
+void LinuxProviderContext::reloadRegistrations() {
+  const std::lock_guard guard(lock_);
+  if (interceptor_) {
+    interceptor_->reloadRegistrations();
+  }
+}
+
 void LinuxProviderContext::stopInterception() {
   const std::lock_guard guard(lock_);
   isStopped_ = true;

@@ -28,6 +28,10 @@ class LinuxProviderContext final : public platform::ProviderContext {
   // The provider that flows are offered to; held weakly. Set before it asks for network settings.
   void setProvider(std::weak_ptr<platform::TransparentProxyProvider> provider);
 
+  // Reads the applications' registrations again, for flows from now on; while nothing is
+  // intercepted that is not needed.
+  void reloadRegistrations();
+
   // Removes every rule and lets go of every packet that is held. Returns when nothing is offered
   // any more.
   void stopInterception();

@@ -331,11 +331,17 @@ class Laboratory:
         origin.expect(origin.output, "listening")
         return origin
 
-    def register(self, registrations):
-        """What the administrator says about applications: {path: identifier}."""
+    def register(self, registrations, extension=None):
+        """What the administrator says about applications: {path: identifier}, or text as it is.
+
+        It is for extensions that are started later, or for one that runs.
+        """
         folder = self.path("settings/applications.d")
+        if extension is not None:
+            folder = f"/proc/{extension.pid}/root/etc/ostravel/applications.d"
+        text = registrations if isinstance(registrations, str) else json.dumps(registrations)
         os.makedirs(folder, exist_ok=True)
-        pathlib.Path(folder, "test.json").write_text(json.dumps(registrations))
+        pathlib.Path(folder, "test.json").write_text(text)
 
     def write_configuration(self, text=None, name="provider-configuration.json"):
         """A provider configuration, with the monitoring socket if not said otherwise; its path."""

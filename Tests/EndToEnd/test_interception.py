@@ -3,6 +3,7 @@
 import errno
 import re
 import shutil
+import signal
 import socket
 import time
 
@@ -126,6 +127,27 @@ def test_a_registration_gives_an_application_its_name(laboratory):
     assert laboratory.curl(f"http://{THERE4}/", program=browser).way == "proxied"
     context = laboratory.events.flow_to(remote(THERE4, 80))[0]["context"]
     assert context["app_id"] == "org.example.browser"
+
+
+def test_registrations_are_read_again_on_hang_up(laboratory):
+    laboratory.serve(80, tell_peer)
+    vpn_client = laboratory.copy_of(CURL, "vpn-client")
+    _, extension = laboratory.start_system()
+
+    def check(registrations, says, way):
+        laboratory.register(registrations, extension)
+        mark = extension.errors.mark()
+        extension.send_signal(signal.SIGHUP)
+        for text in says:
+            extension.expect(extension.errors, text, mark)
+        assert laboratory.curl(f"http://{THERE4}/", program=vpn_client).way == way
+
+    exempt = {vpn_client: EXEMPT_IDENTIFIER}
+    check({}, ["Registrations replaced count=0"], "proxied")
+    check(exempt, ["Registrations replaced count=1"], "direct")
+    mistake = "/etc/ostravel/applications.d/test.json:1:"
+    check("oops", [mistake, "Registrations not replaced"], "direct")
+    check({}, ["Registrations replaced count=0"], "proxied")
 
 
 @pytest.mark.parametrize("proxy", ["start_sidecar", "start_tinyproxy"])

@@ -1,8 +1,10 @@
 """Starting, ending in every way there is, and limits: the machine's connections outlive it all."""
 
 import asyncio
+import contextlib
 import errno
 import os
+import pathlib
 import select
 import signal
 import socket
@@ -24,7 +26,10 @@ from laboratory import (
 )
 from origins import tell_peer
 
-END_SECONDS = 2
+# Less than anything takes that could be waited for in vain: a handshake has five seconds. On a
+# machine that is busy with something else the end itself, and what is started to see it, takes a
+# while.
+END_SECONDS = 4
 PROGRAMS = ("ostravel-extension", "ostravel-monitor", "ostravel-sidecar")
 
 
@@ -97,7 +102,8 @@ def test_hung_it_lets_new_flows_pass_and_takes_them_again_later(laboratory):
             lambda host=host: laboratory.fetch(host, 80, seconds=0.2).way == "direct",
             "new flows pass",
         )
-    assert time.monotonic() - begin < 2.5
+    # After two seconds, and what a busy machine adds.
+    assert time.monotonic() - begin < END_SECONDS
     for _ in range(5):
         assert laboratory.fetch(THERE4, 80).way == "direct"
         assert laboratory.fetch(THERE6, 80).way == "direct"
@@ -115,6 +121,21 @@ def test_asked_to_end_it_does_so_in_order(laboratory, number):
     assert shape(laboratory.events.wait("provider_stopped")) == provider_stopped("1")
     assert laboratory.events.since()[-1]["current_signal"] == "provider_stopped"
     assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
+
+
+def test_it_ends_with_the_terminal_that_it_was_started_in(laboratory):
+    in_a_terminal = "import pty, sys; pty.spawn(sys.argv[1:])"
+    terminal = laboratory.run_extension(prefix=(PYTHON, "-c", in_a_terminal))
+    terminal.expect(terminal.output, "Rules set successfully")
+    children = pathlib.Path(f"/proc/{terminal.pid}/task/{terminal.pid}/children")
+    (extension,) = map(int, children.read_text().split())
+    try:
+        terminal.kill()
+        eventually(lambda: not laboratory.has_rules(), "the extension has ended")
+    finally:
+        # A failed test leaves nothing running either.
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(extension, signal.SIGKILL)
 
 
 @BOTH_FAMILIES

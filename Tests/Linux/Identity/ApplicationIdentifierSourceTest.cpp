@@ -119,7 +119,7 @@ TEST_F(ApplicationIdentifierSourceTest, ARegisteredApplicationIsCalledByItsIdent
   EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.updater");
   registrations_.write("a.json", "{\"" + program + "\": \"com.example.other\"}");
   EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.updater");
-  source_->reloadRegistrations();
+  source_->replaceRegistrations({registrations_.path(), [](const std::string& /*warning*/) {}});
   EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.other");
 }
 

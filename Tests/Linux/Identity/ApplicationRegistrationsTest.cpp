@@ -163,14 +163,19 @@ TEST_F(ApplicationRegistrationsTest, AnEndlessFileIsIgnored) {
   expectIgnored(": is ignored: it is not a regular file of at most 1 MiB");
 }
 
-TEST_F(ApplicationRegistrationsTest, ReloadingReplacesEverything) {
+TEST_F(ApplicationRegistrationsTest, TellsHowManyThereAreAndWhetherThatIsAll) {
+  EXPECT_TRUE(load().isComplete());
   folder_.write("a.json", R"({"/opt/a": "a", "/opt/b": "b"})");
-  auto registrations = load();
-  folder_.write("a.json", R"({"/opt/b": "c"})");
-  EXPECT_EQ(registrations.identifierOf("/opt/a"), "a");
-  registrations.reload();
-  EXPECT_EQ(registrations.identifierOf("/opt/a"), std::nullopt);
-  EXPECT_EQ(registrations.identifierOf("/opt/b"), "c");
+  EXPECT_TRUE(load().isComplete());
+  EXPECT_EQ(load().size(), 2U);
+  folder_.write("b.json", "oops");
+  EXPECT_FALSE(load().isComplete());
+  EXPECT_EQ(load().size(), 2U);
+}
+
+TEST_F(ApplicationRegistrationsTest, AFolderThatIsNotBelievedIsNotComplete) {
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
+  EXPECT_FALSE(load().isComplete());
 }
 
 }  // namespace
