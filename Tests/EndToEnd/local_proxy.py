@@ -9,7 +9,8 @@ Commands come on standard input, one JSON object per line:
 
 A line with null only asks for a report.
 
-What happens is reported on standard output, one JSON object per line.
+What happens is reported on standard output, one JSON object per line. Of connections it is told
+when they were accepted, which happens in the order in which they were made.
 """
 
 import json
@@ -26,7 +27,7 @@ output_lock = threading.Lock()
 
 
 def report(what, **details):
-    line = json.dumps({"what": what, "at": time.monotonic(), **details})
+    line = json.dumps({"what": what, **details})
     with output_lock:
         print(line, flush=True)
 
@@ -88,13 +89,13 @@ def send_in_pieces(connection, answer, size):
         connection.sendall(answer[start : start + size])
 
 
-def serve(connection, current):
+def serve(connection, current, accepted_at):
     with connection:
         request = receive_request(connection)
         if not request:
-            report("probed")
+            report("probed", accepted_at=accepted_at)
             return
-        report("asked", request=request.decode("latin-1"))
+        report("asked", request=request.decode("latin-1"), accepted_at=accepted_at)
         answer = current.get("answer", ESTABLISHED).encode("latin-1")
         then = current.get("then", "relay")
         origin = connect_to_origin(request) if then == "relay" else None
@@ -113,7 +114,9 @@ def serve(connection, current):
 def accept(listener):
     while True:
         connection, _ = listener.accept()
-        threading.Thread(target=serve, args=(connection, behaviour), daemon=True).start()
+        threading.Thread(
+            target=serve, args=(connection, behaviour, time.monotonic()), daemon=True
+        ).start()
 
 
 def main():
