@@ -200,10 +200,13 @@ TEST_P(AppProxyTCPFlowContractTest, AResetOfTheApplicationFailsTheWrite) {
   application_->stopReceiving();
   application_->reset();
   environment_->settle();
-  // The first one may still have been taken.
-  const auto first = write("too late");
-  const auto second = write("much too late");
-  EXPECT_TRUE(first || second);
+  // What is written before the reset has arrived is still taken, and a busy kernel takes its time.
+  constexpr int kPatience = 10'000;
+  platform::OptionalError error;
+  for (int attempt = 0; !error && attempt < kPatience; ++attempt) {
+    error = write("too late");
+  }
+  EXPECT_TRUE(error);
 }
 
 TEST_P(AppProxyTCPFlowContractTest, AnOrderlyCloseIsAnEndForTheApplication) {
