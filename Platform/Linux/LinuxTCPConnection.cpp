@@ -128,7 +128,7 @@ void LinuxTCPConnection::finishConnecting() {
   }
   stream_.attach(std::move(connecting_));
   changeState(TCPConnectionState::connected, 0);
-  notifyObservers();
+  notifyObservers(Reason::change);
 }
 
 void LinuxTCPConnection::failToConnect(int error) {
@@ -138,7 +138,7 @@ void LinuxTCPConnection::failToConnect(int error) {
   connecting_.close();
   changeState(TCPConnectionState::disconnected, error);
   stream_.fail(socketError(error));
-  notifyObservers();
+  notifyObservers(Reason::change);
 }
 
 // Transfer
@@ -193,7 +193,7 @@ std::shared_ptr<StreamSocket> LinuxTCPConnection::sharedStream() {
 void LinuxTCPConnection::changeStateLater(TCPConnectionState state, int error) {
   changeState(state, error);
   // Not inside whatever call has found it out.
-  notifyObserversLater();
+  notifyObserversLater(Reason::change);
 }
 
 void LinuxTCPConnection::changeState(TCPConnectionState state, int error) {
@@ -209,8 +209,8 @@ void LinuxTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> o
   const std::lock_guard guard(lock_);
   forgetDestroyedObservers();
   observers_.push_back({std::move(observer), identity});
-  if (std::exchange(hasUntoldChange_, false)) {
-    notifyObserversLater();
+  if (hasUntoldChange_) {
+    notifyObserversLater(Reason::untoldChange);
   }
 }
 
@@ -226,18 +226,21 @@ void LinuxTCPConnection::removeObserver(platform::KeyValueObserver& observer,
   }
 }
 
-void LinuxTCPConnection::notifyObserversLater() {
-  stream_.loop().post([weakSelf = weak_from_this()] {
+void LinuxTCPConnection::notifyObserversLater(Reason reason) {
+  stream_.loop().post([weakSelf = weak_from_this(), reason] {
     if (const auto self = weakSelf.lock()) {
-      self->notifyObservers();
+      self->notifyObservers(reason);
     }
   });
 }
 
-void LinuxTCPConnection::notifyObservers() {
+void LinuxTCPConnection::notifyObservers(Reason reason) {
   std::vector<Registration> observers;
   {
     const std::lock_guard guard(lock_);
+    if (reason == Reason::untoldChange && !hasUntoldChange_) {
+      return;
+    }
     forgetDestroyedObservers();
     observers = observers_;
     hasUntoldChange_ = observers.empty();

@@ -71,8 +71,10 @@ class LinuxTCPConnection final : public platform::TCPConnection,
 
   void changeStateLater(platform::TCPConnectionState state, int error);
   void changeState(platform::TCPConnectionState state, int error);
-  void notifyObserversLater();
-  void notifyObservers();
+  // A notification of an untold change has nothing to say once another one has told the state.
+  enum class Reason { change, untoldChange };
+  void notifyObserversLater(Reason reason);
+  void notifyObservers(Reason reason);
   void forgetDestroyedObservers();
   bool isRegistered(const platform::KeyValueObserver& observer) const;
 

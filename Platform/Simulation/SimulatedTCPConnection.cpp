@@ -89,9 +89,11 @@ void SimulatedTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserve
   requireStateKeyPath(keyPath);
   const auto* const identity = observer.lock().get();
   observers_.push_back({std::move(observer), identity});
-  if (std::exchange(hasUntoldChange_, false)) {
+  if (hasUntoldChange_) {
     run_.queue.post(lane_, ItemKind::normal, [weakSelf = weak_from_this()] {
-      if (const auto self = weakSelf.lock()) {
+      const auto self = weakSelf.lock();
+      // Another change may have told the state meanwhile.
+      if (self && self->hasUntoldChange_) {
         self->notifyObservers();
       }
     });

@@ -40,6 +40,8 @@ class SystemTCPConnection final : public platform::TCPConnection,
 
   explicit SystemTCPConnection(NWTCPConnection* connection);
 
+  bool hasUntoldChange();
+
   const Reference<NWTCPConnection*> connection_;
   const std::shared_ptr<CompletionQueue> queue_;
   // Under which the system's notifications find this object.

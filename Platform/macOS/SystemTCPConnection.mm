@@ -66,9 +66,10 @@ void SystemTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> 
   }
   const std::lock_guard guard(lock_);
   observers_.push_back(std::move(observer));
-  if (std::exchange(hasUntoldChange_, false)) {
+  if (hasUntoldChange_) {
     queue_->run([weakSelf = weak_from_this()] {
-      if (const auto self = weakSelf.lock()) {
+      const auto self = weakSelf.lock();
+      if (self && self->hasUntoldChange()) {
         self->stateDidChange();
       }
     });
@@ -85,6 +86,12 @@ void SystemTCPConnection::removeObserver(platform::KeyValueObserver& observer,
     const auto held = weakObserver.lock();
     return !held || held.get() == &observer;
   });
+}
+
+// False when another change has told the state meanwhile.
+bool SystemTCPConnection::hasUntoldChange() {
+  const std::lock_guard guard(lock_);
+  return hasUntoldChange_;
 }
 
 void SystemTCPConnection::stateDidChange() {

@@ -6,12 +6,14 @@
 
 namespace ostravel::macos::test {
 
-// False when the condition still does not hold after a time that is far longer than anything takes,
-// also on a busy machine and with a sanitizer.
-inline bool waitUntil(const std::function<bool()>& condition) {
-  constexpr std::chrono::seconds kLimit(60);
+// Far longer than anything takes, also on a busy machine and with a sanitizer.
+constexpr std::chrono::seconds kWaitingLimit(60);
+
+// False when the condition still does not hold at the limit.
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::seconds limit = kWaitingLimit) {
   constexpr std::chrono::microseconds kPause(200);
-  const auto end = std::chrono::steady_clock::now() + kLimit;
+  const auto end = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
