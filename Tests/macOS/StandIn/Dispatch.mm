@@ -1,7 +1,6 @@
 // Dispatch over real threads.
 
 #include <dispatch/dispatch.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -9,9 +8,12 @@
 #include <memory>
 #include <optional>
 
+#import "Platform/macOS/Reference.h"
+#include "Tests/macOS/StandIn/MainThread.h"
 #include "Tests/macOS/StandIn/TimerState.h"
 #include "Tests/macOS/StandIn/WorkQueue.h"
 
+using ostravel::macos::Reference;
 using ostravel::standin::TimerState;
 using ostravel::standin::WorkQueue;
 
@@ -21,6 +23,10 @@ using ostravel::standin::WorkQueue;
 }
 @end
 @implementation StandInQueue
+@end
+
+// The one object of this class is the main queue: not made, never released.
+@interface StandInMainQueue : NSObject <OS_dispatch_queue>
 @end
 
 @interface StandInTimerSource : NSObject <OS_dispatch_source> {
@@ -37,12 +43,36 @@ namespace {
   std::abort();
 }
 
-WorkQueue& queueOf(dispatch_queue_t queue) {
-  return *static_cast<StandInQueue*>(queue)->_queue;
+const std::shared_ptr<WorkQueue>& queueOf(dispatch_queue_t queue) {
+  static const auto& mainQueue = *new std::shared_ptr<WorkQueue>(
+      std::make_shared<WorkQueue>(WorkQueue::Kind::serial, ostravel::standin::runOnMainThread));
+  return queue == dispatch_get_main_queue() ? mainQueue : static_cast<StandInQueue*>(queue)->_queue;
 }
 
 TimerState& timerOf(dispatch_object_t source) {
   return *static_cast<StandInTimerSource*>(source)->_timer;
+}
+
+TimerState::Time timeOf(dispatch_time_t time) {
+  return TimerState::Time(std::chrono::nanoseconds(time));
+}
+
+// How many times faster than real time delayed work comes, so that tests need not wait for what
+// takes long.
+std::int64_t speed() {
+  const char* const text = std::getenv("STANDIN_SPEED");
+  return text != nullptr ? std::atoll(text) : 1;
+}
+
+struct DelayedWork {
+  std::shared_ptr<TimerState> timer;
+  void* context;
+  dispatch_function_t work;
+};
+
+void runDelayedWork(void* context) {
+  const std::unique_ptr<const DelayedWork> delayed(static_cast<DelayedWork*>(context));
+  delayed->work(delayed->context);
 }
 
 }  // namespace
@@ -56,6 +86,9 @@ TimerState& timerOf(dispatch_object_t source) {
 }
 @end
 
+struct dispatch_queue_s {
+  Class type;
+};
 struct dispatch_queue_attr_s {
   char unused;
 };
@@ -63,8 +96,23 @@ struct dispatch_source_type_s {
   char unused;
 };
 
+@implementation StandInMainQueue
++ (void)load {
+  _dispatch_main_q.type = self;
+}
+- (id)retain {
+  return self;
+}
+- (oneway void)release {
+}
+- (id)autorelease {
+  return self;
+}
+@end
+
 extern "C" {
 
+struct dispatch_queue_s _dispatch_main_q;
 struct dispatch_queue_attr_s _dispatch_queue_attr_concurrent;
 const struct dispatch_source_type_s _dispatch_source_type_timer {};
 
@@ -75,26 +123,39 @@ dispatch_queue_t dispatch_queue_create(const char* /*label*/, dispatch_queue_att
   return queue;
 }
 
+void dispatch_async(dispatch_queue_t queue, dispatch_block_t block) {
+  queueOf(queue)->async(WorkQueue::Manner::plain,
+                        [held = Reference<dispatch_block_t>::retaining(block)] { held.get()(); });
+}
+
 void dispatch_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
-  queueOf(queue).async(WorkQueue::Manner::plain, [context, work] { work(context); });
+  queueOf(queue)->async(WorkQueue::Manner::plain, [context, work] { work(context); });
 }
 
 void dispatch_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
-  queueOf(queue).sync(WorkQueue::Manner::plain, [context, work] { work(context); });
+  queueOf(queue)->sync(WorkQueue::Manner::plain, [context, work] { work(context); });
 }
 
 void dispatch_barrier_async_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
-  queueOf(queue).async(WorkQueue::Manner::barrier, [context, work] { work(context); });
+  queueOf(queue)->async(WorkQueue::Manner::barrier, [context, work] { work(context); });
 }
 
 void dispatch_barrier_sync_f(dispatch_queue_t queue, void* context, dispatch_function_t work) {
-  queueOf(queue).sync(WorkQueue::Manner::barrier, [context, work] { work(context); });
+  queueOf(queue)->sync(WorkQueue::Manner::barrier, [context, work] { work(context); });
+}
+
+void dispatch_after_f(dispatch_time_t when, dispatch_queue_t queue, void* context,
+                      dispatch_function_t work) {
+  const auto now = std::chrono::steady_clock::now();
+  const auto timer = std::make_shared<TimerState>(queueOf(queue));
+  timer->setContext(new DelayedWork{timer, context, work});
+  timer->setHandler(runDelayedWork);
+  timer->setTimer(now + (timeOf(when) - now) / speed(), std::nullopt);
+  timer->activate();
 }
 
 void dispatch_main() {
-  while (true) {
-    ::pause();
-  }
+  ostravel::standin::handOverMainThread();
 }
 
 dispatch_source_t dispatch_source_create(dispatch_source_type_t type, std::uintptr_t handle,
@@ -103,15 +164,13 @@ dispatch_source_t dispatch_source_create(dispatch_source_type_t type, std::uintp
     crash("not a timer source");
   }
   StandInTimerSource* const source = [[StandInTimerSource alloc] init];
-  source->_timer = std::make_shared<TimerState>(static_cast<StandInQueue*>(queue)->_queue);
+  source->_timer = std::make_shared<TimerState>(queueOf(queue));
   return source;
 }
 
 void dispatch_source_set_timer(dispatch_source_t source, dispatch_time_t start,
                                std::uint64_t interval, std::uint64_t /*leeway*/) {
-  const auto time = start == DISPATCH_TIME_FOREVER
-                        ? std::nullopt
-                        : std::optional(TimerState::Time(std::chrono::nanoseconds(start)));
+  const auto time = start == DISPATCH_TIME_FOREVER ? std::nullopt : std::optional(timeOf(start));
   timerOf(source).setTimer(
       time, interval == DISPATCH_TIME_FOREVER
                 ? std::nullopt

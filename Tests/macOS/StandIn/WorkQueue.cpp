@@ -7,9 +7,11 @@
 
 namespace ostravel::standin {
 
+WorkQueue::WorkQueue(Kind kind) : WorkQueue(kind, runOnWorker) {}
+
 void WorkQueue::async(Manner manner, std::function<void()> work) {
   submit(manner, [self = shared_from_this(), work = std::move(work)]() mutable {
-    runOnWorker([self, work = std::move(work)]() mutable {
+    self->executor_([self, work = std::move(work)]() mutable {
       work();
       work = nullptr;
       self->finish();

@@ -9,13 +9,17 @@
 namespace ostravel::standin {
 
 // The order of a Dispatch queue: what may begin when. Held by std::shared_ptr, also by every item
-// that waits or runs. Usable from any thread.
+// that waits or runs. Usable from any thread. Asynchronous work runs where the executor runs it, by
+// default on a thread of the pool.
 class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
  public:
   enum class Kind { serial, concurrent };
   enum class Manner { plain, barrier };
 
-  explicit WorkQueue(Kind kind) : kind_(kind) {}
+  using Executor = void (*)(std::function<void()> work);
+
+  explicit WorkQueue(Kind kind);
+  WorkQueue(Kind kind, Executor executor) : kind_(kind), executor_(executor) {}
 
   void async(Manner manner, std::function<void()> work);
   // The work runs on the calling thread.
@@ -34,6 +38,7 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
   void advance();
 
   const Kind kind_;
+  const Executor executor_;
   std::mutex lock_;
   std::deque<Item> waiting_;
   std::size_t running_ = 0;

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <functional>
+
+namespace ostravel::standin {
+
+// The thread that entered main, once it has been handed over to Dispatch.
+
+// Runs the work on it, after all earlier work, inside an autorelease pool.
+void runOnMainThread(std::function<void()> work);
+
+// For that thread itself: hands it over. Work that came earlier has waited.
+[[noreturn]] void handOverMainThread();
+
+}  // namespace ostravel::standin
