@@ -38,12 +38,14 @@ target_link_libraries(ostravel_system_extension PRIVATE FilterDataProvider Platf
 
 add_executable(ostravel-host MACOSX_BUNDLE
   ${OSTRAVEL_PACKAGING}/Host/HostCommand.cpp
+  ${OSTRAVEL_PACKAGING}/Host/HostOutput.mm
   ${OSTRAVEL_PACKAGING}/Host/OVHostController.mm
+  ${OSTRAVEL_PACKAGING}/Host/OVProxyStart.mm
   ${OSTRAVEL_PACKAGING}/Host/main.mm)
 set_target_properties(ostravel-host PROPERTIES
   MACOSX_BUNDLE_INFO_PLIST ${OSTRAVEL_PACKAGING}/Host-Info.plist.in)
 target_compile_options(ostravel-host PRIVATE -fno-objc-arc)
-target_link_libraries(ostravel-host PRIVATE ostravel_options
+target_link_libraries(ostravel-host PRIVATE ostravel_options ProxyTunnelCore
   "-framework Foundation" "-framework NetworkExtension" "-framework SystemExtensions")
 
 # The application as it is signed and installed.

@@ -5,13 +5,18 @@
 
 #include "Packaging/macos/Host/HostCommand.h"
 
-// Carries out one command and ends the process: 0 when it was done, 1 when it failed. Lives as long
-// as the process; runs on the main queue. Prints what happens.
+// Carries out one command and ends the process: 0 when it was done or a restart of the Mac will do
+// it, 1 when something failed. Lives as long as the process; runs on the main queue. Prints what
+// happens.
 @interface OVHostController : NSObject <OSSystemExtensionRequestDelegate> {
  @private
   ostravel::host::HostCommand _command;
   // Of the extension.
   NSString* _identifier;
+  // The extension that was active until now is not the one that is active now.
+  BOOL _wasReplaced;
+  // What the process ends with when the rest succeeds.
+  int _exitStatus;
 }
 - (instancetype)initWithCommand:(const ostravel::host::HostCommand&)command;
 - (void)run;

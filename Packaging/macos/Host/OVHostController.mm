@@ -5,57 +5,54 @@
 #include <cstdio>
 #include <cstdlib>
 
+#import "Packaging/macos/Host/HostOutput.h"
+#import "Packaging/macos/Host/OVProxyStart.h"
+
+using ostravel::host::fail;
 using ostravel::host::HostAction;
+using ostravel::host::HostCommand;
+using ostravel::host::printable;
+using ostravel::host::printFailure;
 
 namespace {
 
 // The system shows it among its network services.
 NSString* const kConfigurationName = @"Ostravel";
+NSString* const kMonitoringSocketPath = @"monitoringSocketPath";
 
-[[noreturn]] void finish(int status) {
-  std::exit(status);
+NETunnelProviderProtocol* protocolOf(NETransparentProxyManager* manager) {
+  NEVPNProtocol* const protocol = [manager protocolConfiguration];
+  return [protocol isKindOfClass:[NETunnelProviderProtocol class]]
+             ? static_cast<NETunnelProviderProtocol*>(protocol)
+             : nil;
 }
 
-[[noreturn]] void fail(const char* what, NSError* error) {
-  std::fprintf(stderr, "ostravel-host: %s: %s (%s %ld)\n", what,
-               [[error localizedDescription] UTF8String], [[error domain] UTF8String],
-               static_cast<long>([error code]));
-  finish(EXIT_FAILURE);
-}
-
-const char* textOf(NEVPNStatus status) {
-  switch (status) {
-    case NEVPNStatusInvalid:
-      return "not configured";
-    case NEVPNStatusDisconnected:
-      return "stopped";
-    case NEVPNStatusConnecting:
-      return "starting";
-    case NEVPNStatusConnected:
-      return "running";
-    case NEVPNStatusReasserting:
-      return "restarting";
-    case NEVPNStatusDisconnecting:
-      return "stopping";
-  }
-  return "unknown";
+// nil for none.
+NSString* monitoringSocketOf(NETransparentProxyManager* manager) {
+  id const path = [[protocolOf(manager) providerConfiguration] objectForKey:kMonitoringSocketPath];
+  return [path isKindOfClass:[NSString class]] ? static_cast<NSString*>(path) : nil;
 }
 
 }  // namespace
 
 @implementation OVHostController
 
-- (instancetype)initWithCommand:(const ostravel::host::HostCommand&)command {
+- (instancetype)initWithCommand:(const HostCommand&)command {
   self = [super init];
   if (self != nil) {
     _command = command;
     _identifier =
         [[[NSBundle mainBundle] objectForInfoDictionaryKey:@"OSTRAVELExtensionIdentifier"] retain];
+    _exitStatus = EXIT_SUCCESS;
   }
   return self;
 }
 
 - (void)run {
+  if (_identifier == nil) {
+    std::fprintf(stderr, "ostravel-host: has to be run where it is in its application\n");
+    std::exit(EXIT_FAILURE);
+  }
   switch (_command.action) {
     case HostAction::activate:
       [self submit:[OSSystemExtensionRequest
@@ -63,7 +60,7 @@ const char* textOf(NEVPNStatus status) {
                                                queue:dispatch_get_main_queue()]];
       break;
     case HostAction::deactivate:
-      [self removeConfiguration];
+      [self removeConfigurations];
       break;
     case HostAction::status:
       [self requestProperties];
@@ -93,34 +90,35 @@ const char* textOf(NEVPNStatus status) {
 - (OSSystemExtensionReplacementAction)request:(OSSystemExtensionRequest*)request
                   actionForReplacingExtension:(OSSystemExtensionProperties*)existing
                                 withExtension:(OSSystemExtensionProperties*)ext {
-  std::printf("replacing version %s (%s) with %s (%s)\n",
-              [[existing bundleShortVersion] UTF8String], [[existing bundleVersion] UTF8String],
-              [[ext bundleShortVersion] UTF8String], [[ext bundleVersion] UTF8String]);
   (void)request;
+  std::printf("replacing version %s (%s) with %s (%s)\n", printable([existing bundleShortVersion]),
+              printable([existing bundleVersion]), printable([ext bundleShortVersion]),
+              printable([ext bundleVersion]));
+  _wasReplaced = YES;
   return OSSystemExtensionReplacementActionReplace;
 }
 
 - (void)requestNeedsUserApproval:(OSSystemExtensionRequest*)request {
   (void)request;
   std::printf("waiting for you to allow the extension in the system's settings\n");
-  std::fflush(stdout);
 }
 
 - (void)request:(OSSystemExtensionRequest*)request
     didFinishWithResult:(OSSystemExtensionRequestResult)result {
   (void)request;
-  if (result == OSSystemExtensionRequestWillCompleteAfterReboot) {
-    std::printf("restart this Mac to finish\n");
-    finish(EXIT_SUCCESS);
-  }
+  const bool needsRestart = result == OSSystemExtensionRequestWillCompleteAfterReboot;
   switch (_command.action) {
     case HostAction::activate:
+      if (needsRestart) {
+        std::printf("restart this Mac, then activate again\n");
+        std::exit(EXIT_SUCCESS);
+      }
       std::printf("extension activated\n");
       [self installConfiguration];
       break;
     case HostAction::deactivate:
-      std::printf("extension deactivated\n");
-      finish(EXIT_SUCCESS);
+      std::printf(needsRestart ? "restart this Mac to finish\n" : "extension deactivated\n");
+      std::exit(_exitStatus);
     case HostAction::status:
       // Goes on when the properties come.
       break;
@@ -129,7 +127,14 @@ const char* textOf(NEVPNStatus status) {
 
 - (void)request:(OSSystemExtensionRequest*)request didFailWithError:(NSError*)error {
   (void)request;
-  fail("system extension", error);
+  switch (_command.action) {
+    case HostAction::activate:
+      fail("activate the extension", error);
+    case HostAction::deactivate:
+      fail("deactivate the extension", error);
+    case HostAction::status:
+      fail("ask for the extension's state", error);
+  }
 }
 
 - (void)request:(OSSystemExtensionRequest*)request
@@ -139,8 +144,8 @@ const char* textOf(NEVPNStatus status) {
     std::printf("extension: not activated\n");
   }
   for (OSSystemExtensionProperties* found in properties) {
-    std::printf("extension: version %s (%s)%s%s%s\n", [[found bundleShortVersion] UTF8String],
-                [[found bundleVersion] UTF8String], [found isEnabled] ? ", enabled" : "",
+    std::printf("extension: version %s (%s)%s%s%s\n", printable([found bundleShortVersion]),
+                printable([found bundleVersion]), [found isEnabled] ? ", enabled" : "",
                 [found isAwaitingUserApproval] ? ", waiting for approval" : "",
                 [found isUninstalling] ? ", being removed" : "");
   }
@@ -149,92 +154,124 @@ const char* textOf(NEVPNStatus status) {
 
 // The configuration
 
-// Calls back with the one configuration of this application, or with a new one.
-- (void)loadConfiguration:(void (^)(NETransparentProxyManager* manager))completion {
-  [NETransparentProxyManager loadAllFromPreferencesWithCompletionHandler:^(
-                                 NSArray<NETransparentProxyManager*>* managers, NSError* error) {
-    if (error != nil) {
-      fail("load configurations", error);
+// Calls back with what this application has saved, in the order of the system.
+- (void)loadConfigurations:(void (^)(NSArray<NETransparentProxyManager*>* managers,
+                                     NSError* error))completion {
+  [NETransparentProxyManager loadAllFromPreferencesWithCompletionHandler:completion];
+}
+
+// The one of this extension; nil when nothing is saved. One that was saved for something else is
+// taken over: there shall never be two.
+- (NETransparentProxyManager*)ownOf:(NSArray<NETransparentProxyManager*>*)managers {
+  for (NETransparentProxyManager* manager in managers) {
+    NSString* const provider = [protocolOf(manager) providerBundleIdentifier];
+    if (provider != nil && [provider isEqualToString:_identifier]) {
+      return manager;
     }
-    NETransparentProxyManager* manager = [managers firstObject];
-    if (manager == nil) {
-      manager = [[[NETransparentProxyManager alloc] init] autorelease];
-    }
-    completion(manager);
-  }];
+  }
+  return [managers firstObject];
 }
 
 - (void)installConfiguration {
-  [self loadConfiguration:^(NETransparentProxyManager* manager) {
-    NETunnelProviderProtocol* const protocol =
-        [[[NETunnelProviderProtocol alloc] init] autorelease];
-    [protocol setProviderBundleIdentifier:_identifier];
-    // Shown in the settings, and not allowed to be empty.
-    [protocol setServerAddress:@"127.0.0.1"];
-    [protocol setProviderConfiguration:[self providerConfiguration]];
-    [manager setProtocolConfiguration:protocol];
-    [manager setLocalizedDescription:kConfigurationName];
-    [manager setEnabled:YES];
-    [manager saveToPreferencesWithCompletionHandler:^(NSError* error) {
-      if (error != nil) {
-        fail("save the configuration", error);
-      }
-      [self start:manager];
-    }];
+  [self loadConfigurations:^(NSArray<NETransparentProxyManager*>* managers, NSError* error) {
+    if (error != nil) {
+      fail("load the configuration", error);
+    }
+    NETransparentProxyManager* manager = [self ownOf:managers];
+    if (manager == nil) {
+      manager = [[[NETransparentProxyManager alloc] init] autorelease];
+    }
+    [self save:manager];
   }];
 }
 
-- (NSDictionary*)providerConfiguration {
-  if (!_command.monitoringSocketPath) {
-    return nil;
+- (void)save:(NETransparentProxyManager*)manager {
+  NSString* const earlierSocket = monitoringSocketOf(manager);
+  NSString* const socket = [self monitoringSocket];
+  const BOOL isSameSocket =
+      earlierSocket == socket || (socket != nil && [earlierSocket isEqualToString:socket]);
+
+  NETunnelProviderProtocol* const protocol = [[[NETunnelProviderProtocol alloc] init] autorelease];
+  [protocol setProviderBundleIdentifier:_identifier];
+  // Shown in the settings, and not allowed to be empty.
+  [protocol setServerAddress:@"127.0.0.1"];
+  if (socket != nil) {
+    [protocol setProviderConfiguration:[NSDictionary dictionaryWithObject:socket
+                                                                   forKey:kMonitoringSocketPath]];
   }
-  return [NSDictionary
-      dictionaryWithObject:[NSString stringWithUTF8String:_command.monitoringSocketPath->c_str()]
-                    forKey:@"monitoringSocketPath"];
-}
-
-- (void)start:(NETransparentProxyManager*)manager {
-  // What was just saved counts as out of date until it is loaded again.
-  [manager loadFromPreferencesWithCompletionHandler:^(NSError* loadError) {
-    if (loadError != nil) {
-      fail("load the configuration", loadError);
+  [manager setProtocolConfiguration:protocol];
+  [manager setLocalizedDescription:kConfigurationName];
+  [manager setEnabled:YES];
+  [manager saveToPreferencesWithCompletionHandler:^(NSError* error) {
+    if (error != nil) {
+      fail("save the configuration", error);
     }
-    NSError* startError = nil;
-    if (![[manager connection] startVPNTunnelWithOptions:nil andReturnError:&startError]) {
-      fail("start", startError);
-    }
-    std::printf("proxy starting\n");
-    finish(EXIT_SUCCESS);
+    [self start:manager restarting:!isSameSocket || _wasReplaced];
   }];
 }
 
-- (void)removeConfiguration {
-  [self loadConfiguration:^(NETransparentProxyManager* manager) {
-    [[manager connection] stopVPNTunnel];
-    [manager removeFromPreferencesWithCompletionHandler:^(NSError* error) {
-      // There may have been none; the extension is to go all the same.
-      if (error != nil) {
-        std::printf("no configuration removed: %s\n", [[error localizedDescription] UTF8String]);
-      }
-      [self submit:[OSSystemExtensionRequest
-                       deactivationRequestForExtension:_identifier
-                                                 queue:dispatch_get_main_queue()]];
-    }];
+// nil for none.
+- (NSString*)monitoringSocket {
+  return _command.monitoringSocketPath
+             ? [NSString stringWithUTF8String:_command.monitoringSocketPath->c_str()]
+             : nil;
+}
+
+- (void)start:(NETransparentProxyManager*)manager restarting:(BOOL)restarts {
+  // What was just saved counts as out of date until it is loaded again.
+  [manager loadFromPreferencesWithCompletionHandler:^(NSError* error) {
+    if (error != nil) {
+      fail("load the configuration", error);
+    }
+    [manager retain];
+    [[[OVProxyStart alloc] initWithConnection:[manager connection]] runRestarting:restarts];
+  }];
+}
+
+- (void)removeConfigurations {
+  [self loadConfigurations:^(NSArray<NETransparentProxyManager*>* managers, NSError* error) {
+    if (error != nil) {
+      printFailure("load the configuration", error);
+      _exitStatus = EXIT_FAILURE;
+    }
+    [self removeConfigurations:managers from:0];
+  }];
+}
+
+// All that there are, one after the other; then the extension, which is to go whatever fails here.
+- (void)removeConfigurations:(NSArray<NETransparentProxyManager*>*)managers from:(NSUInteger)index {
+  if (index >= [managers count]) {
+    [self submit:[OSSystemExtensionRequest
+                     deactivationRequestForExtension:_identifier
+                                               queue:dispatch_get_main_queue()]];
+    return;
+  }
+  NETransparentProxyManager* const manager = [managers objectAtIndex:index];
+  [[manager connection] stopVPNTunnel];
+  [manager removeFromPreferencesWithCompletionHandler:^(NSError* error) {
+    if (error != nil) {
+      printFailure("remove the configuration", error);
+      _exitStatus = EXIT_FAILURE;
+    } else {
+      std::printf("configuration removed\n");
+    }
+    [self removeConfigurations:managers from:index + 1];
   }];
 }
 
 - (void)printConfiguration {
-  [self loadConfiguration:^(NETransparentProxyManager* manager) {
-    std::printf("proxy: %s\n", textOf([[manager connection] status]));
-    auto* const protocol = static_cast<NETunnelProviderProtocol*>([manager protocolConfiguration]);
-    NSString* const path =
-        [protocol isKindOfClass:[NETunnelProviderProtocol class]]
-            ? [[protocol providerConfiguration] objectForKey:@"monitoringSocketPath"]
-            : nil;
-    if (path != nil) {
-      std::printf("monitoring socket: %s\n", [path UTF8String]);
+  [self loadConfigurations:^(NSArray<NETransparentProxyManager*>* managers, NSError* error) {
+    if (error != nil) {
+      fail("load the configuration", error);
     }
-    finish(EXIT_SUCCESS);
+    NETransparentProxyManager* const manager = [self ownOf:managers];
+    const NEVPNStatus status = manager != nil ? [[manager connection] status] : NEVPNStatusInvalid;
+    std::printf("proxy: %s%s\n", printable(status),
+                manager != nil && ![manager isEnabled] ? ", disabled in the settings" : "");
+    if (NSString* const path = monitoringSocketOf(manager)) {
+      std::printf("monitoring socket: %s\n", printable(path));
+    }
+    std::exit(EXIT_SUCCESS);
   }];
 }
 

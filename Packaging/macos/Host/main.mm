@@ -1,20 +1,45 @@
 #include <dispatch/dispatch.h>
 
 #include <cstdio>
+#include <variant>
 
 #include "Packaging/macos/Host/HostCommand.h"
 #import "Packaging/macos/Host/OVHostController.h"
 
+using ostravel::host::CommandLineError;
+using ostravel::host::HelpRequest;
+using ostravel::host::HostCommand;
+
+namespace {
+
+constexpr int kExitUsage = 2;
+
+constexpr const char* kUsage =
+    "usage: ostravel-host activate [--monitoring-socket PATH]\n"
+    "       ostravel-host deactivate\n"
+    "       ostravel-host status\n"
+    "\n"
+    "activate    installs or updates the extension and its configuration, and starts the proxy.\n"
+    "            Events go to the socket at PATH; without the option they go nowhere.\n"
+    "deactivate  stops the proxy and removes the configuration and the extension.\n"
+    "status      tells the extension's version and state, and whether the proxy runs.\n";
+
+}  // namespace
+
 int main(int argc, const char* const* argv) {
-  const auto command = ostravel::host::HostCommand::parse(argc, argv);
-  if (!command) {
-    std::fprintf(stderr, "usage: ostravel-host activate [--monitoring-socket PATH]\n"
-                         "       ostravel-host deactivate\n"
-                         "       ostravel-host status\n");
-    return 2;
+  const auto parsed = HostCommand::parse(argc, argv);
+  if (const auto* const error = std::get_if<CommandLineError>(&parsed)) {
+    std::fprintf(stderr, "ostravel-host: %s\n%s", error->reason.c_str(), kUsage);
+    return kExitUsage;
   }
+  if (std::holds_alternative<HelpRequest>(parsed)) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  // Some steps wait for the user, who is to see what came before also through a pipe.
+  std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
   @autoreleasepool {
-    [[[OVHostController alloc] initWithCommand:*command] run];
+    [[[OVHostController alloc] initWithCommand:std::get<HostCommand>(parsed)] run];
   }
   // Answers come on the main queue; the last one ends the process.
   dispatch_main();

@@ -2,38 +2,64 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 namespace ostravel::host {
 namespace {
 
-std::optional<HostCommand> parse(std::vector<const char*> arguments) {
+auto parse(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "ostravel-host");
   return HostCommand::parse(static_cast<int>(arguments.size()), arguments.data());
 }
 
-TEST(HostCommandTest, ThereAreThreeCommands) {
-  EXPECT_EQ(parse({"activate"})->action, HostAction::activate);
-  EXPECT_EQ(parse({"deactivate"})->action, HostAction::deactivate);
-  EXPECT_EQ(parse({"status"})->action, HostAction::status);
-  EXPECT_FALSE(parse({"activate"})->monitoringSocketPath);
+HostCommand commandOf(std::vector<const char*> arguments) {
+  return std::get<HostCommand>(parse(std::move(arguments)));
+}
+
+std::string reasonOf(std::vector<const char*> arguments) {
+  return std::get<CommandLineError>(parse(std::move(arguments))).reason;
+}
+
+TEST(HostCommandTest, ThereAreThreeCommandsAndHelp) {
+  EXPECT_EQ(commandOf({"activate"}).action, HostAction::activate);
+  EXPECT_EQ(commandOf({"deactivate"}).action, HostAction::deactivate);
+  EXPECT_EQ(commandOf({"status"}).action, HostAction::status);
+  EXPECT_TRUE(std::holds_alternative<HelpRequest>(parse({"--help"})));
+  EXPECT_FALSE(commandOf({"activate"}).monitoringSocketPath);
 }
 
 TEST(HostCommandTest, OnlyActivatingTakesAMonitoringSocket) {
-  const auto command = parse({"activate", "--monitoring-socket", "/tmp/events"});
-  ASSERT_TRUE(command);
-  EXPECT_EQ(command->action, HostAction::activate);
-  EXPECT_EQ(command->monitoringSocketPath, "/tmp/events");
-  EXPECT_FALSE(parse({"status", "--monitoring-socket", "/tmp/events"}));
+  const auto command = commandOf({"activate", "--monitoring-socket", "/tmp/events"});
+  EXPECT_EQ(command.action, HostAction::activate);
+  EXPECT_EQ(command.monitoringSocketPath, "/tmp/events");
+  EXPECT_EQ(reasonOf({"status", "--monitoring-socket", "/tmp/events"}),
+            "unexpected argument \"--monitoring-socket\"");
+}
+
+TEST(HostCommandTest, AMonitoringSocketHasAPathThatFitsIntoASocketAddress) {
+  const std::string longest = "/" + std::string(102, 'a');
+  const std::string tooLong = longest + "a";
+  EXPECT_EQ(commandOf({"activate", "--monitoring-socket", longest.c_str()}).monitoringSocketPath,
+            longest);
+  EXPECT_EQ(
+      reasonOf({"activate", "--monitoring-socket", tooLong.c_str()}),
+      "--monitoring-socket: \"" + tooLong + "\" has 104 bytes; a socket's path has at most 103");
+  EXPECT_EQ(reasonOf({"activate", "--monitoring-socket", "events"}),
+            "--monitoring-socket: \"events\" is not an absolute path");
+  EXPECT_EQ(reasonOf({"activate", "--monitoring-socket", "/\xC3"}),
+            "--monitoring-socket: \"/\\xC3\" is not UTF-8");
 }
 
 TEST(HostCommandTest, AnythingElseMakesNoSense) {
-  EXPECT_FALSE(HostCommand::parse(0, nullptr));
-  EXPECT_FALSE(parse({}));
-  EXPECT_FALSE(parse({"install"}));
-  EXPECT_FALSE(parse({"activate", "--monitoring-socket"}));
-  EXPECT_FALSE(parse({"activate", "--other", "/tmp/events"}));
-  EXPECT_FALSE(parse({"activate", "status"}));
+  EXPECT_TRUE(std::holds_alternative<CommandLineError>(HostCommand::parse(0, nullptr)));
+  EXPECT_EQ(reasonOf({}), "a command is missing");
+  EXPECT_EQ(reasonOf({"install"}), "there is no command \"install\"");
+  EXPECT_EQ(reasonOf({"activate", "--monitoring-socket"}), "--monitoring-socket needs a path");
+  EXPECT_EQ(reasonOf({"activate", "--other", "/tmp/events"}), "unexpected argument \"--other\"");
+  EXPECT_EQ(reasonOf({"activate", "status"}), "unexpected argument \"status\"");
 }
 
 }  // namespace
