@@ -203,6 +203,7 @@ extern "C" NSString *const NEVPNErrorDomain;
 extern "C" NSString *const NEVPNStatusDidChangeNotification;
 
 @interface NEVPNConnection : NSObject
+OV_OBJECT_STORAGE
 - (BOOL)startVPNTunnelAndReturnError:(NSError *_Nullable __autoreleasing *_Nullable)error;
 - (BOOL)startVPNTunnelWithOptions:(NSDictionary<NSString *, NSObject *> *_Nullable)options
                    andReturnError:(NSError *_Nullable __autoreleasing *_Nullable)error;
@@ -212,6 +213,7 @@ extern "C" NSString *const NEVPNStatusDidChangeNotification;
 @end
 
 @interface NEVPNManager : NSObject
+OV_OBJECT_STORAGE
 - (void)loadFromPreferencesWithCompletionHandler:
     (void (^)(NSError *_Nullable error))completionHandler;
 - (void)saveToPreferencesWithCompletionHandler:

@@ -6,6 +6,11 @@
 #import <Foundation/Foundation.h>
 #include <dispatch/dispatch.h>
 
+// Room for the state of an implementation under a runtime that has no room of its own for it.
+#ifndef OV_OBJECT_STORAGE
+#define OV_OBJECT_STORAGE
+#endif
+
 #pragma clang assume_nonnull begin
 
 @class OSSystemExtensionRequest, OSSystemExtensionProperties;
@@ -30,6 +35,7 @@ typedef NS_ENUM(NSInteger, OSSystemExtensionReplacementAction) {
     foundProperties:(NSArray<OSSystemExtensionProperties *> *)properties;
 @end
 @interface OSSystemExtensionProperties : NSObject
+OV_OBJECT_STORAGE
 @property(readonly) NSString *bundleIdentifier;
 @property(readonly) NSString *bundleVersion;
 @property(readonly) NSString *bundleShortVersion;
@@ -38,6 +44,7 @@ typedef NS_ENUM(NSInteger, OSSystemExtensionReplacementAction) {
 @property(readonly) BOOL isUninstalling;
 @end
 @interface OSSystemExtensionRequest : NSObject
+OV_OBJECT_STORAGE
 + (instancetype)activationRequestForExtension:(NSString *)identifier queue:(dispatch_queue_t)queue;
 + (instancetype)deactivationRequestForExtension:(NSString *)identifier
                                           queue:(dispatch_queue_t)queue;
