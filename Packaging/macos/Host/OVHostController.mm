@@ -223,6 +223,7 @@ NSString* monitoringSocketOf(NETransparentProxyManager* manager) {
     if (error != nil) {
       fail("load the configuration", error);
     }
+    // For good: nothing says that a connection outlives its manager.
     [manager retain];
     [[[OVProxyStart alloc] initWithConnection:[manager connection]] runRestarting:restarts];
   }];
