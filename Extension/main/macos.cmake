@@ -46,7 +46,8 @@ set_target_properties(ostravel-host PROPERTIES
   MACOSX_BUNDLE_INFO_PLIST ${OSTRAVEL_PACKAGING}/Host-Info.plist.in)
 target_compile_options(ostravel-host PRIVATE -fno-objc-arc)
 target_link_libraries(ostravel-host PRIVATE ostravel_options ProxyTunnelCore
-  "-framework Foundation" "-framework NetworkExtension" "-framework SystemExtensions")
+  "-framework CoreFoundation" "-framework Foundation" "-framework NetworkExtension"
+  "-framework SystemExtensions")
 
 # The application as it is signed and installed.
 set(OSTRAVEL_APPLICATION ${PROJECT_BINARY_DIR}/Ostravel.app)

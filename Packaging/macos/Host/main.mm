@@ -1,4 +1,4 @@
-#include <dispatch/dispatch.h>
+#include <CoreFoundation/CoreFoundation.h>
 
 #include <cstdio>
 #include <variant>
@@ -41,6 +41,9 @@ int main(int argc, const char* const* argv) {
   @autoreleasepool {
     [[[OVHostController alloc] initWithCommand:std::get<HostCommand>(parsed)] run];
   }
-  // Answers come on the main queue; the last one ends the process.
-  dispatch_main();
+  // Answers come on the main queue, which the run loop of the main thread serves like everything
+  // else that frameworks send there; the last one ends the process.
+  while (true) {
+    CFRunLoopRun();
+  }
 }

@@ -20,7 +20,7 @@ ARCHITECTURES = ("arm64", "x86_64")
 DEPLOYMENT_TARGET = "11.0"
 EXTENSION = "com.ostravel.desktop.extension"
 PRINCIPAL_CLASS = "OVPacketTunnelProvider"
-FRAMEWORKS = ("Foundation", "NetworkExtension", "SystemExtensions")
+FRAMEWORKS = ("CoreFoundation", "Foundation", "NetworkExtension", "SystemExtensions")
 # The name of a library, and where the system has it.
 LIBRARIES = {
     "System": "/usr/lib/libSystem.B.dylib",

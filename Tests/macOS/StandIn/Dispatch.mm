@@ -1,5 +1,6 @@
-// Dispatch over real threads.
+// Dispatch over real threads, and the run loop of the main thread.
 
+#include <CoreFoundation/CoreFoundation.h>
 #include <dispatch/dispatch.h>
 
 #include <chrono>
@@ -155,6 +156,10 @@ void dispatch_after_f(dispatch_time_t when, dispatch_queue_t queue, void* contex
 }
 
 void dispatch_main() {
+  ostravel::standin::handOverMainThread();
+}
+
+void CFRunLoopRun() {
   ostravel::standin::handOverMainThread();
 }
 
