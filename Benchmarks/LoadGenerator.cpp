@@ -29,6 +29,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
@@ -224,7 +225,14 @@ bool exchange(const FileDescriptor& socket) {
 FileDescriptor connectAndExchange(const KernelAddress& address) {
   FileDescriptor socket = makeSocket(address);
   setTimeout(socket, kExchangeTimeout);
-  if (::connect(socket.get(), address.get(), address.size) != 0 || !exchange(socket)) {
+  errno = 0;
+  if (::connect(socket.get(), address.get(), address.size) != 0) {
+    std::fprintf(stderr, "connect: %s\n", std::strerror(errno));
+    return {};
+  }
+  if (!exchange(socket)) {
+    // Without an error the stream has ended too early.
+    std::fprintf(stderr, "exchange: %s\n", errno != 0 ? std::strerror(errno) : "end of stream");
     return {};
   }
   return socket;
