@@ -60,10 +60,11 @@ void setProviderFactory(ProviderFactory factory) {
 }
 
 - (void)dealloc {
-  _provider.reset();
+  // First of all, so that nothing is asked of this object any more.
   if (_context) {
     _context->detach();
   }
+  _provider.reset();
   [super dealloc];
 }
 
