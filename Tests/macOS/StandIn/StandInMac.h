@@ -18,12 +18,12 @@
 //   replacementTold yes or no: asked about the replacement of an equal version, too, as in the mode
 //                   for developers
 //   configurations  list of what the application has saved, each a dictionary of
-//   localizedDescription,
-//                   enabled, serverAddress, providerBundleIdentifier, providerConfiguration, status
-//   starting        text: "runs", "stops", "hangs", "disappears" or "runsUntold"; by default the
-//   first stopping        text: "stops" or "hangs"; by default the first failures dictionary: by
-//   the name of a call, a dictionary of domain, code and text; without
-//                   a text the error has no description
+//                   localizedDescription, enabled, serverAddress, providerBundleIdentifier,
+//                   providerConfiguration, status
+//   starting        text: "runs" (by default), "stops", "hangs", "disappears" or "runsUntold"
+//   stopping        text: "stops" (by default) or "hangs"
+//   failures        by the name of a call, a dictionary of domain, code and text; without a text
+//                   the error has no description
 //   calls           list of the names of all calls that were made; only written
 @interface StandInMac : NSObject {
  @private
