@@ -62,6 +62,14 @@ def write_if_changed(path, text):
         path.write_text(text)
 
 
+def state_of_files(list_for_make):
+    """Of the files that a compilation has read: which, and how old they are."""
+    names = list_for_make.read_text().replace("\\\n", " ").split(":", 1)[1].split()
+    paths = [pathlib.Path(name) for name in names]
+    return "".join(f"{path} {path.stat().st_mtime_ns if path.exists() else 'gone'}\n"
+                   for path in sorted(set(paths)))
+
+
 class CrossBuild:
     def __init__(self, root, folder, compiler):
         self.root, self.folder, self.compiler = root, folder, compiler
@@ -95,13 +103,13 @@ class CrossBuild:
             "Name: jansson\nDescription: JSON\nVersion: 2.14\nLibs: -ljansson\n")
 
     def precompile_headers(self):
-        """Once for each architecture; again when a header of ours has changed."""
+        """Once for each architecture; again when a header, ours or the machine's, has changed."""
         declarations = self.root / "Tests/macOS/DarwinDeclarations"
-        ours = sorted(path for path in declarations.rglob("*") if path.is_file())
-        key = "".join(f"{path} {path.stat().st_mtime_ns}\n" for path in ours) + self.compiler
         header = self.folder / "StandardHeaders.h"
         precompiled = self.folder / "StandardHeaders.h.gch"
-        if precompiled.exists() and (precompiled / "key").read_text() == key:
+        read = self.folder / "StandardHeaders.d"
+        key = self.folder / "StandardHeaders.key"
+        if precompiled.exists() and key.exists() and key.read_text() == state_of_files(read):
             return
         shutil.copy(declarations / "StandardHeaders.h", header)
         shutil.rmtree(precompiled, ignore_errors=True)
@@ -114,9 +122,10 @@ class CrossBuild:
                 "-Wno-macro-redefined", "-Wno-builtin-macro-redefined",
                 "-nostdinc++", "-isystem", self.libcxx, "-isystem", self.resources / "include",
                 "-isystem", "/usr/include/x86_64-linux-gnu", "-isystem", "/usr/include",
-                f"-I{declarations}", "-x", "objective-c++-header", header,
+                f"-I{declarations}", "-x", "objective-c++-header",
+                declarations / "StandardHeaders.h", "-MD", "-MF", read,
                 "-o", precompiled / f"{architecture}.pch")
-        (precompiled / "key").write_text(key)
+        key.write_text(state_of_files(read))
 
     def configure(self):
         target = f"{ARCHITECTURES[0]}-apple-macos{DEPLOYMENT_TARGET}"

@@ -43,6 +43,9 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   void cancel();
   void setNextRead(NSData* data, NSError* error);
 
+  // The state does not change while this is held.
+  std::unique_lock<std::mutex> holdChanges() { return std::unique_lock(changing_); }
+
  private:
   // Null when the object is gone or on its way.
   macos::Reference<NWTCPConnection*> object();

@@ -269,6 +269,14 @@ std::optional<std::vector<std::byte>> addressOf(NWEndpoint* endpoint) {
   stateOf<ConnectionState>(self)->objectWasReleased();
   [super dealloc];
 }
+- (void)addObserver:(NSObject*)observer
+         forKeyPath:(NSString*)keyPath
+            options:(NSKeyValueObservingOptions)options
+            context:(void*)context {
+  // Not in the middle of a change, which an observer that comes then is not told of.
+  const auto guard = stateOf<ConnectionState>(self)->holdChanges();
+  [super addObserver:observer forKeyPath:keyPath options:options context:context];
+}
 - (NWTCPConnectionState)state {
   return stateOf<ConnectionState>(self)->state();
 }
