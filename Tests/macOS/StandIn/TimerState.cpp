@@ -5,6 +5,8 @@
 #include <thread>
 #include <utility>
 
+#include "Tests/macOS/StandIn/WorkerPool.h"
+
 namespace ostravel::standin {
 
 namespace {
@@ -12,7 +14,11 @@ namespace {
 // One thread that waits for the next appointment of all timers.
 class AppointmentBook {
  public:
-  AppointmentBook() : thread_([this] { run(); }) {}
+  AppointmentBook() {
+    // So that the pool, which the appointments need to the end, is made first and ends last.
+    runOnWorker([] {});
+    thread_ = std::thread([this] { run(); });
+  }
   ~AppointmentBook() {
     {
       const std::lock_guard guard(lock_);

@@ -32,8 +32,9 @@ class WorkerPool {
     {
       const std::lock_guard guard(lock_);
       waiting_.push_back(std::move(work));
-      // Work may wait for other work, so no item may wait for a thread.
-      if (waiting_.size() > idle_) {
+      // Work may wait for other work, so no item may wait for a thread. At the end of the process
+      // nobody waits any more, and what there is is done by the threads that are left.
+      if (waiting_.size() > idle_ && !isEnding_) {
         ++idle_;
         threads_.emplace_back([this] { runThread(); });
       }
