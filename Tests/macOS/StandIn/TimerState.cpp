@@ -5,8 +5,6 @@
 #include <thread>
 #include <utility>
 
-#include "Tests/macOS/StandIn/WorkerPool.h"
-
 namespace ostravel::standin {
 
 namespace {
@@ -14,12 +12,9 @@ namespace {
 // One thread that waits for the next appointment of all timers.
 class AppointmentBook {
  public:
-  AppointmentBook() {
-    // So that the pool, which the appointments need to the end, is made first and ends last.
-    runOnWorker([] {});
-    thread_ = std::thread([this] { run(); });
-  }
-  ~AppointmentBook() {
+  AppointmentBook() : thread_([this] { run(); }) {}
+  // Returns when the thread has ended. No appointment is kept later.
+  void end() {
     {
       const std::lock_guard guard(lock_);
       isEnding_ = true;
@@ -82,8 +77,14 @@ class AppointmentBook {
   std::thread thread_;
 };
 
+// Never destroyed: work that is being finished may still want it when its thread has ended.
 AppointmentBook& appointmentBook() {
-  static AppointmentBook book;
+  struct End {
+    AppointmentBook& book;
+    ~End() { book.end(); }
+  };
+  static AppointmentBook& book = *new AppointmentBook();
+  static const End end{book};
   return book;
 }
 

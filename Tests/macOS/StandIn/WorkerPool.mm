@@ -17,7 +17,8 @@ namespace {
 
 class WorkerPool {
  public:
-  ~WorkerPool() {
+  // Returns when the threads have ended. What comes later is not done.
+  void end() {
     {
       const std::lock_guard guard(lock_);
       isEnding_ = true;
@@ -104,8 +105,14 @@ class WorkerPool {
   std::vector<std::thread> threads_;
 };
 
+// Never destroyed: timers and queues may still want it when its threads have ended.
 WorkerPool& workerPool() {
-  static WorkerPool pool;
+  struct End {
+    WorkerPool& pool;
+    ~End() { pool.end(); }
+  };
+  static WorkerPool& pool = *new WorkerPool();
+  static const End end{pool};
   return pool;
 }
 
