@@ -16,6 +16,7 @@ if [ $# -lt 2 ]; then
 fi
 folder=$1
 shift
+clone=root/ostravel
 repository=$(git -C "$(dirname "$0")" rev-parse --show-toplevel)
 
 if [ ! -e "$folder" ]; then
@@ -23,15 +24,15 @@ if [ ! -e "$folder" ]; then
     http://deb.debian.org/debian
 fi
 cp /etc/resolv.conf "$folder/etc/resolv.conf"
-if [ -e "$folder/root/clone" ]; then
-  git -C "$folder/root/clone" pull --quiet "$repository" HEAD
+if [ -e "$folder/$clone" ]; then
+  git -C "$folder/$clone" pull --quiet "$repository" HEAD
 else
-  git clone --quiet "$repository" "$folder/root/clone"
+  git clone --quiet "$repository" "$folder/$clone"
 fi
 
 # The folder becomes the root of a mount namespace, not of a chroot: in there the paths of processes
 # are as long as they are here.
-export FOLDER=$folder
+export FOLDER=$folder CLONE=/$clone
 exec unshare --mount -- bash -euc '
   mount --make-rprivate /
   mount --bind "$FOLDER" "$FOLDER"
@@ -42,6 +43,6 @@ exec unshare --mount -- bash -euc '
   mkdir -p root/outside
   pivot_root . root/outside
   umount -l /root/outside
-  cd /root/clone
+  cd "$CLONE"
   exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root TERM="${TERM-dumb}" "$@"
 ' bash "$@"

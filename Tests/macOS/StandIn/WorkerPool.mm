@@ -11,12 +11,17 @@
 #include <utility>
 #include <vector>
 
+#include "Tests/macOS/StandIn/ClassSetUp.h"
+
 namespace ostravel::standin {
 
 namespace {
 
 class WorkerPool {
  public:
+  // Before there is a second thread.
+  WorkerPool() { setUpEveryClass(); }
+
   // Returns when the threads have ended. What comes later is not done.
   void end() {
     {
