@@ -2,8 +2,8 @@
 
 namespace ostravel::standin {
 
-// Sets up every class that there is. The runtime of this machine does so at the first message to a
-// class, and can fail when two threads send it at the same time. Costs milliseconds.
+// Sets up every class that there is, which the runtime of this machine otherwise does at the first
+// message to a class. On the main thread, before there is another one.
 void setUpEveryClass();
 
 }  // namespace ostravel::standin

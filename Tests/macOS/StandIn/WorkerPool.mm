@@ -11,17 +11,12 @@
 #include <utility>
 #include <vector>
 
-#include "Tests/macOS/StandIn/ClassSetUp.h"
-
 namespace ostravel::standin {
 
 namespace {
 
 class WorkerPool {
  public:
-  // Before there is a second thread.
-  WorkerPool() { setUpEveryClass(); }
-
   // Returns when the threads have ended. What comes later is not done.
   void end() {
     {
@@ -73,7 +68,10 @@ class WorkerPool {
 
  private:
   void runThread() {
-    GSRegisterCurrentThread();
+    {
+      const std::lock_guard registering(registration_);
+      GSRegisterCurrentThread();
+    }
     std::unique_lock guard(lock_);
     while (true) {
       changed_.wait(guard, [this] { return isEnding_ || !waiting_.empty(); });
@@ -95,9 +93,13 @@ class WorkerPool {
       changed_.notify_all();
     }
     guard.unlock();
+    const std::lock_guard registering(registration_);
     GSUnregisterCurrentThread();
   }
 
+  // Coming and going, threads send messages to classes for the first time, which the runtime here
+  // cannot take from two of them at once.
+  std::mutex registration_;
   std::mutex lock_;
   std::condition_variable changed_;
   std::deque<std::function<void()>> waiting_;
