@@ -335,8 +335,11 @@ TEST_F(LinuxTCPConnectionTest, ARemovedObserverIsNotTold) {
   Connected connected = connect();
   const auto removed = std::make_shared<StateObserver>();
   const auto staying = std::make_shared<StateObserver>();
-  connected.connection->addObserver(removed, "state");
+  // Is told that the connection stands.
   connected.connection->addObserver(staying, "state");
+  drain();
+  staying->states_.clear();
+  connected.connection->addObserver(removed, "state");
   connected.connection->removeObserver(*removed, "state");
   connected.connection->cancel();
   EXPECT_TRUE(eventually([&] { return staying->states_.size() == 1; }));
