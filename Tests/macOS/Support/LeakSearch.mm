@@ -10,9 +10,12 @@
 
 #import <Foundation/Foundation.h>
 #include <gtest/gtest.h>
+#import <objc/runtime.h>
 #include <sanitizer/lsan_interface.h>
 
-#include "Tests/macOS/StandIn/ClassSetUp.h"
+#include <cstddef>
+#include <vector>
+
 #import "Tests/macOS/StandIn/StandInNetworkExtension.h"
 
 namespace {
@@ -20,6 +23,16 @@ namespace {
 // Before the constructors of all libraries, which register their classes.
 __attribute__((section(".preinit_array"),
                used)) void (*const beforeAnyConstructor)() = __lsan_disable;
+
+void setUpEveryClass() {
+  std::vector<Class> classes(static_cast<std::size_t>(objc_getClassList(nullptr, 0)));
+  const int count = objc_getClassList(classes.data(), static_cast<int>(classes.size()));
+  classes.resize(static_cast<std::size_t>(count));
+  for (const Class type : classes) {
+    // The first message to a class sets it up.
+    [type class];
+  }
+}
 
 // Its objects get another class, which is made when the first of them is observed.
 void observeConnection() {
@@ -33,7 +46,7 @@ class LeakSearch final : public testing::Environment {
  public:
   void SetUp() override {
     @autoreleasepool {
-      ostravel::standin::setUpEveryClass();
+      setUpEveryClass();
       observeConnection();
     }
     __lsan_enable();
