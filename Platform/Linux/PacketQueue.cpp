@@ -69,8 +69,9 @@ int setLimits(mnl_socket* socket, std::uint16_t number) {
   nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
   ::nfq_nlmsg_cfg_put_params(header, NFQNL_COPY_PACKET, kCopiedBytes);
   ::nfq_nlmsg_cfg_put_qmaxlen(header, kMaximumHeldPackets);
-  ::mnl_attr_put_u32(header, NFQA_CFG_FLAGS, htonl(NFQA_CFG_F_FAIL_OPEN));
-  ::mnl_attr_put_u32(header, NFQA_CFG_MASK, htonl(NFQA_CFG_F_FAIL_OPEN));
+  constexpr std::uint32_t kFlags = NFQA_CFG_F_FAIL_OPEN | NFQA_CFG_F_UID_GID;
+  ::mnl_attr_put_u32(header, NFQA_CFG_FLAGS, htonl(kFlags));
+  ::mnl_attr_put_u32(header, NFQA_CFG_MASK, htonl(kFlags));
   return configure(socket, header);
 }
 
@@ -148,6 +149,12 @@ bool PacketQueue::receive(const std::function<void(const Packet&)>& handler) {
     packet.id = ntohl(packetHeader->packet_id);
     if (attributes[NFQA_MARK] != nullptr) {
       packet.mark = ntohl(::mnl_attr_get_u32(attributes[NFQA_MARK]));
+    }
+    if (attributes[NFQA_UID] != nullptr) {
+      packet.uid = ntohl(::mnl_attr_get_u32(attributes[NFQA_UID]));
+    }
+    if (attributes[NFQA_IFINDEX_OUTDEV] != nullptr) {
+      packet.outputInterface = ntohl(::mnl_attr_get_u32(attributes[NFQA_IFINDEX_OUTDEV]));
     }
     if (attributes[NFQA_PAYLOAD] != nullptr) {
       packet.bytes = {

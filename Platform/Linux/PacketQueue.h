@@ -1,9 +1,12 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <variant>
 #include <vector>
@@ -23,6 +26,11 @@ class PacketQueue {
   struct Packet {
     std::uint32_t id = 0;
     std::uint32_t mark = 0;
+    // Who made the socket that sent it. Absent when no program has that socket: the kernel's own
+    // sockets, such as a tunnel's, have no file.
+    std::optional<uid_t> uid;
+    // Through which interface the packet leaves unless something reroutes it; 0 when unknown.
+    std::uint32_t outputInterface = 0;
     // From the network header on, cut off behind what the parser needs.
     std::span<const std::byte> bytes;
   };

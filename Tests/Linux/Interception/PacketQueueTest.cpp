@@ -1,6 +1,8 @@
 #include "Platform/Linux/PacketQueue.h"
 
 #include <gtest/gtest.h>
+#include <net/if.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
@@ -52,6 +54,19 @@ TEST(PacketQueueTest, HandsOverThePacketFromItsNetworkHeaderOn) {
   ASSERT_TRUE(first);
   EXPECT_EQ(first->tuple.source.port, application.sourcePort());
   EXPECT_EQ(first->tuple.destination.port, 8000);
+}
+
+TEST(PacketQueueTest, TellsTheUserOfThePacketsSocketAndTheInterface) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  constexpr uid_t kSomebody = 4711;
+  ASSERT_EQ(::seteuid(kSomebody), 0);
+  const Connecting application("127.0.0.1", 8000);
+  ASSERT_EQ(::seteuid(0), 0);
+  const auto packets = waitForPackets(*queue, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  EXPECT_EQ(packets[0].uid, kSomebody);
+  EXPECT_EQ(packets[0].outputInterface, ::if_nametoindex("lo"));
 }
 
 TEST(PacketQueueTest, LetsPacketsPassUnseenWhenItIsFull) {

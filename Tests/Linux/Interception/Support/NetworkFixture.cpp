@@ -66,7 +66,11 @@ std::vector<OfferedPacket> waitForPackets(linuxplatform::PacketQueue& queue,
   std::vector<OfferedPacket> packets;
   if (waitFor(queue.descriptor(), POLLIN, limit)) {
     while (queue.receive([&packets](const linuxplatform::PacketQueue::Packet& packet) {
-      packets.push_back({packet.id, packet.mark, {packet.bytes.begin(), packet.bytes.end()}});
+      packets.push_back({packet.id,
+                         packet.mark,
+                         packet.uid,
+                         packet.outputInterface,
+                         {packet.bytes.begin(), packet.bytes.end()}});
     })) {
     }
   }

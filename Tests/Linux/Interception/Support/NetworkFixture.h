@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,8 @@ platform::TransparentProxyNetworkSettings loopbackSettings();
 struct OfferedPacket {
   std::uint32_t id = 0;
   std::uint32_t mark = 0;
+  std::optional<uid_t> uid;
+  std::uint32_t outputInterface = 0;
   std::vector<std::byte> bytes;
 };
 std::vector<OfferedPacket> waitForPackets(linuxplatform::PacketQueue& queue,
