@@ -27,7 +27,6 @@ constexpr std::size_t kHandshakeReadMaximum = 4096;
 // Bounds the memory that one direction of a tunnel holds.
 constexpr std::size_t kRelayReadMaximum = 524288;
 
-constexpr std::int64_t kHandshakeTimedOutCode = 1002;
 constexpr double kMillisecondsPerSecond = 1000.0;
 
 // Keeps an identifier from ending its header line early.
@@ -271,7 +270,7 @@ ProxyTunnelHandshakeWatchdog& OVTunnelConnection::handshakeWatchdog() {
 }
 
 void OVTunnelConnection::handleHandshakeTimeout() {
-  Error error{std::string(kErrorDomain), kHandshakeTimedOutCode,
+  Error error{std::string(kErrorDomain), platform::kHandshakeTimedOutCode,
               "Proxy CONNECT handshake timed out"};
   log_->error("OstravelProxy: CONNECT handshake timed out");
   emit("connect_handshake_timed_out", "extension.connect_handshake_timed_out", "error",

@@ -39,7 +39,6 @@ constexpr double kBypassCacheLifetimeSeconds = 30.0;
 // Expired entries are swept out only when a store finds more than this many.
 constexpr std::size_t kBypassCachePruningThreshold = 2000;
 
-constexpr std::int64_t kBacklogExceededCode = 1001;
 
 NetworkRule rule(std::string_view address, std::string_view port, std::uint8_t prefix,
                  NetworkRuleProtocol protocol) {
@@ -394,7 +393,7 @@ std::shared_ptr<OVTunnelConnection> PacketTunnelProvider::makeTunnel(
 
 void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& flowId,
                                       const std::string& appId) {
-  const Error error{std::string(kErrorDomain), kBacklogExceededCode,
+  const Error error{std::string(kErrorDomain), platform::kHandshakeBacklogExceededCode,
                     "Proxy handshake backlog exceeded"};
   log_->error("OstravelProxy: Rejecting flow due to handshake backlog");
   const auto pending = static_cast<double>(tunnelAdmissionController_.pendingCount());

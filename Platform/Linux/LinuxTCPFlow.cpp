@@ -83,7 +83,11 @@ void LinuxTCPFlow::close(Direction direction, bool isError) {
     return;
   }
   if (stage_ == Stage::held) {
-    packet_->refuse();
+    if (isError) {
+      packet_->accept();
+    } else {
+      packet_->refuse();
+    }
     packet_.reset();
   }
   if (stage_ == Stage::held || isError) {

@@ -139,6 +139,15 @@ void SimulatedPeer::closeWriting(const platform::OptionalError& error) {
   failWrites(error.value_or(closedLocally()));
 }
 
+void SimulatedPeer::leaveToSystem(const platform::Error& error) {
+  note(withReason("left to the system", error));
+  readingClosed_ = true;
+  writingClosed_ = true;
+  leftToSystem_ = true;
+  failReads(error);
+  failWrites(error);
+}
+
 void SimulatedPeer::disconnect(const platform::OptionalError& error) {
   if (error) {
     failReads(*error);

@@ -62,7 +62,8 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   bool sawReset() const { return sawReset_; }
   // Why, if the near end said so.
   const platform::OptionalError& resetReason() const { return resetReason_; }
-  // The near end went away without having closed, and before it carried anything.
+  // The near end gave the flow back before it carried anything: it closed with an error before it
+  // asked for anything, or went away without having closed.
   bool wasLeftToSystem() const { return leftToSystem_; }
 
   // --- What the near end waits for.
@@ -103,6 +104,10 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   // The outstanding operation fails with the error, if there is one.
   void closeReading(const platform::OptionalError& error);
   void closeWriting(const platform::OptionalError& error);
+  // Neither direction was closed yet.
+  bool isUntouched() const { return !readingClosed_ && !writingClosed_; }
+  // Both directions end with the error for the near end only; the far end goes on without it.
+  void leaveToSystem(const platform::Error& error);
   // Nothing more is transferred: reads report the error, or the end without one; writes fail.
   void disconnect(const platform::OptionalError& error);
   // Both directions, seen as an orderly end; what is outstanding fails with the error.

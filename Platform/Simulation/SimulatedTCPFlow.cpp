@@ -55,11 +55,13 @@ void SimulatedTCPFlow::open(std::optional<platform::HostEndpoint> localEndpoint,
 
 void SimulatedTCPFlow::read(platform::ReadCompletion completion) {
   requireOpened("read");
+  isPacketHeld_ = false;
   application_->read(1, std::numeric_limits<std::size_t>::max(), std::move(completion));
 }
 
 void SimulatedTCPFlow::write(platform::Data data, platform::ErrorCompletion completion) {
   requireOpened("write");
+  isPacketHeld_ = false;
   application_->write(data, std::move(completion));
 }
 
@@ -67,14 +69,26 @@ void SimulatedTCPFlow::closeRead(platform::OptionalError error) {
   if (!std::exchange(readClosed_, true)) {
     readCloseError_ = error;
   }
-  application_->closeReading(error);
+  if (!giveBack(error)) {
+    application_->closeReading(error);
+  }
 }
 
 void SimulatedTCPFlow::closeWrite(platform::OptionalError error) {
   if (!std::exchange(writeClosed_, true)) {
     writeCloseError_ = error;
   }
-  application_->closeWriting(error);
+  if (!giveBack(error)) {
+    application_->closeWriting(error);
+  }
+}
+
+bool SimulatedTCPFlow::giveBack(const platform::OptionalError& error) {
+  if (!error || !isPacketHeld_ || !application_->isUntouched()) {
+    return false;
+  }
+  application_->leaveToSystem(*error);
+  return true;
 }
 
 void SimulatedTCPFlow::dropCompletions() {

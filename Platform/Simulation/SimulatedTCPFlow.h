@@ -63,6 +63,8 @@ class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
   void scheduleOpen();
   void completeOpen();
   void requireOpened(const char* operation) const;
+  // True, and done, when the error ends a flow of which nothing has been asked.
+  bool giveBack(const platform::OptionalError& error);
 
   RunState& run_;
   const std::shared_ptr<SimulatedPeer> application_;
@@ -73,6 +75,8 @@ class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
   bool holdingOpen_ = false;
   bool openWasRequested_ = false;
   bool opened_ = false;
+  // The first read or write lets the application's first packet go on.
+  bool isPacketHeld_ = true;
   std::optional<platform::HostEndpoint> requestedLocalEndpoint_;
   platform::ErrorCompletion openCompletion_;
 

@@ -254,12 +254,46 @@ TEST_P(AppProxyTCPFlowContractTest, ACloseWithAnErrorIsAResetForTheApplication) 
   EXPECT_TRUE(application_->sawReset());
 }
 
-TEST_P(AppProxyTCPFlowContractTest, ACloseWithAnErrorBeforeAnythingWasCarriedRefuses) {
+TEST_P(AppProxyTCPFlowContractTest, ACloseWithAnErrorGivesAHeldFlowBackAndResetsAnyOther) {
   open();
+  close(kError);
+  ASSERT_TRUE(
+      waitUntil([&] { return application_->sawReset() || application_->wasLeftToSystem(); }));
+  environment_->settle();
+  EXPECT_EQ(application_->wasLeftToSystem(), environment_->holdsFirstPacket());
+  EXPECT_EQ(application_->sawReset(), !environment_->holdsFirstPacket());
+  EXPECT_FALSE(application_->sawEnd());
+  EXPECT_EQ(application_->received(), "");
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ACloseWithoutAnErrorGivesNothingBack) {
+  open();
+  close(std::nullopt);
+  ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
+  close(kError);
+  environment_->settle();
+  EXPECT_FALSE(application_->wasLeftToSystem());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, AFlowThatWasGivenBackTransfersNothing) {
+  open();
+  close(kError);
+  close(std::nullopt);
+  EXPECT_TRUE(read().error());
+  EXPECT_TRUE(write("late"));
+  environment_->settle();
+  EXPECT_EQ(application_->wasLeftToSystem(), environment_->holdsFirstPacket());
+  EXPECT_EQ(application_->received(), "");
+}
+
+TEST_P(AppProxyTCPFlowContractTest, NothingIsGivenBackAfterTheFirstRead) {
+  open();
+  Outcome outcome;
+  flow_->read(outcome.readCompletion());
+  environment_->settle();
   close(kError);
   ASSERT_TRUE(waitUntil([&] { return application_->sawReset(); }));
   EXPECT_FALSE(application_->wasLeftToSystem());
-  EXPECT_EQ(application_->received(), "");
 }
 
 TEST_P(AppProxyTCPFlowContractTest, OneDirectionMayBeClosedBeforeTheOther) {

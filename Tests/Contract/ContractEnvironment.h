@@ -52,6 +52,10 @@ class ContractEnvironment {
   // A new flow that nobody has opened yet, to kDestination. It keeps nothing of it alive.
   virtual FlowEnds makeFlow(const std::string& signingIdentifier) = 0;
 
+  // Whether the platform holds a flow's first packet until something is read or written, so that it
+  // can give the flow back.
+  virtual bool holdsFirstPacket() const = 0;
+
   // --- Connections.
 
   // What a provider gets for this endpoint, without TLS. From any thread.

@@ -24,6 +24,7 @@ class LinuxContractEnvironment final : public ContractEnvironment {
   std::chrono::nanoseconds now() const override;
   void spend(std::chrono::nanoseconds duration) override;
   FlowEnds makeFlow(const std::string& signingIdentifier) override;
+  bool holdsFirstPacket() const override { return true; }
   std::shared_ptr<platform::TCPConnection> connect(const platform::HostEndpoint& endpoint) override;
   platform::HostEndpoint listeningEndpoint() override;
   std::shared_ptr<ContractPeer> acceptPeer() override;

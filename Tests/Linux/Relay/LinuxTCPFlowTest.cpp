@@ -123,9 +123,7 @@ TEST_F(LinuxTCPFlowTest, CarriesBytesOverIPv6) {
 TEST_F(LinuxTCPFlowTest, ACloseBeforeTheReleaseRefuses) {
   const std::vector<std::function<void(LinuxTCPFlow&)>> closes{
       [](LinuxTCPFlow& flow) { flow.closeRead(std::nullopt); },
-      [](LinuxTCPFlow& flow) { flow.closeWrite(std::nullopt); },
-      [](LinuxTCPFlow& flow) { flow.closeRead(someError()); },
-      [](LinuxTCPFlow& flow) { flow.closeWrite(someError()); }};
+      [](LinuxTCPFlow& flow) { flow.closeWrite(std::nullopt); }};
   for (const auto& close : closes) {
     const Flow made = makeFlow(anySource());
     close(*made.flow);
@@ -133,18 +131,33 @@ TEST_F(LinuxTCPFlowTest, ACloseBeforeTheReleaseRefuses) {
   }
 }
 
-TEST_F(LinuxTCPFlowTest, AReadAfterARefusalIsCancelled) {
-  const Flow made = makeFlow(anySource());
-  made.flow->closeRead(someError());
-  const auto outcome = read(*made.flow);
-  ASSERT_TRUE(outcome.error);
-  EXPECT_EQ(outcome.error->code, ECANCELED);
-  EXPECT_EQ(made.verdict->current(), "refuse");
+TEST_F(LinuxTCPFlowTest, ACloseWithAnErrorBeforeTheReleaseGivesTheFlowBack) {
+  const std::vector<std::function<void(LinuxTCPFlow&)>> closes{
+      [](LinuxTCPFlow& flow) { flow.closeRead(someError()); },
+      [](LinuxTCPFlow& flow) { flow.closeWrite(someError()); }};
+  for (const auto& close : closes) {
+    const Flow made = makeFlow(anySource());
+    close(*made.flow);
+    EXPECT_EQ(made.verdict->wait(), "accept");
+  }
+}
+
+TEST_F(LinuxTCPFlowTest, AReadAfterAHeldFlowHasEndedIsCancelled) {
+  const std::vector<std::pair<platform::OptionalError, std::string>> ends{{std::nullopt, "refuse"},
+                                                                          {someError(), "accept"}};
+  for (const auto& [error, verdict] : ends) {
+    const Flow made = makeFlow(anySource());
+    made.flow->closeRead(error);
+    const auto outcome = read(*made.flow);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code, ECANCELED);
+    EXPECT_EQ(made.verdict->current(), verdict);
+  }
 }
 
 TEST_F(LinuxTCPFlowTest, ARefusalOutlivesItsFlow) {
   Flow made = makeFlow(anySource());
-  made.flow->closeRead(someError());
+  made.flow->closeRead(std::nullopt);
   made.flow.reset();
   EXPECT_EQ(made.verdict->wait(), "refuse");
 }

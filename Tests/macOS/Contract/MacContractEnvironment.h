@@ -24,6 +24,8 @@ class MacContractEnvironment final : public ContractEnvironment {
   std::chrono::nanoseconds now() const override;
   void spend(std::chrono::nanoseconds duration) override;
   FlowEnds makeFlow(const std::string& signingIdentifier) override;
+  // The system has accepted the connection before it offers the flow.
+  bool holdsFirstPacket() const override { return false; }
   std::shared_ptr<platform::TCPConnection> connect(const platform::HostEndpoint& endpoint) override;
   platform::HostEndpoint listeningEndpoint() override;
   std::shared_ptr<ContractPeer> acceptPeer() override;
