@@ -28,6 +28,8 @@ struct Identification {
   // It cannot be excluded that the flow is the local proxy's own, which must never be sent to the
   // proxy again. The identifier says nothing then.
   bool leaveToSystem = false;
+  // The sender, if it is known.
+  std::optional<pid_t> process = {};
 };
 
 // Finds the application that sends a flow: its socket, the process of that, and what the process is

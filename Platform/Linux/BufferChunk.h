@@ -6,14 +6,17 @@
 
 #include "Platform/Interface/Data.h"
 #include "Platform/Linux/BufferPool.h"
+#include "Platform/Linux/MemoryBudget.h"
 
 namespace ostravel::linuxplatform {
 
 // A chunk in a pooled buffer, which it gives back.
 class BufferChunk final : public platform::Data::Storage {
  public:
-  BufferChunk(BufferPool& pool, BufferPool::Buffer buffer, std::size_t size)
-      : pool_(pool), buffer_(std::move(buffer)), size_(size) {}
+  // memory: what the buffer takes of the budget.
+  BufferChunk(BufferPool& pool, BufferPool::Buffer buffer, std::size_t size,
+              MemoryBudget::Lease memory)
+      : pool_(pool), buffer_(std::move(buffer)), size_(size), memory_(std::move(memory)) {}
   ~BufferChunk() override { pool_.giveBack(std::move(buffer_)); }
 
   std::size_t size() const noexcept override { return size_; }
@@ -23,6 +26,7 @@ class BufferChunk final : public platform::Data::Storage {
   BufferPool& pool_;
   BufferPool::Buffer buffer_;
   std::size_t size_;
+  MemoryBudget::Lease memory_;
 };
 
 }  // namespace ostravel::linuxplatform

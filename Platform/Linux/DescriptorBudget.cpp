@@ -22,6 +22,6 @@ std::size_t raiseLimit() {
 
 }  // namespace
 
-DescriptorBudget::DescriptorBudget() : limit_(raiseLimit()) {}
+DescriptorBudget::DescriptorBudget() : DescriptorBudget(raiseLimit()) {}
 
 }  // namespace ostravel::linuxplatform

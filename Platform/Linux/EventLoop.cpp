@@ -24,11 +24,12 @@ void blockBrokenPipeSignal() {
 
 }  // namespace
 
-EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors)
+EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory)
     : index_(index),
       descriptors_(descriptors),
+      memory_(memory),
       buffers_(*this),
-      pipes_(*this, descriptors),
+      pipes_(*this, descriptors, memory),
       // One thread runs it, any thread may post to it.
       context_(1),
       work_(context_.get_executor()),

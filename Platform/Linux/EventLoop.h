@@ -13,6 +13,7 @@
 
 #include "Platform/Linux/BufferPool.h"
 #include "Platform/Linux/DescriptorBudget.h"
+#include "Platform/Linux/MemoryBudget.h"
 #include "Platform/Linux/PipePool.h"
 #include "Platform/Linux/StreamRegistry.h"
 
@@ -41,7 +42,7 @@ class EventLoop {
   };
 
   // Starts the thread. Throws std::system_error when the kernel gives no listener.
-  EventLoop(unsigned index, DescriptorBudget& descriptors);
+  EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory);
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
   // Stops the loop. Work that was still waiting is destroyed without running.
@@ -71,17 +72,37 @@ class EventLoop {
   DescriptorBudget& descriptors() { return descriptors_; }
 
   // For the loop's own thread only.
+  MemoryBudget& memory() { return memory_; }
   BufferPool& buffers() { return buffers_; }
   PipePool& pipes() { return pipes_; }
   StreamRegistry& streams() { return streams_; }
   Counters& counters() { return counters_; }
   asio::io_context& context() { return context_; }
 
+  // Whose flow is being served: a connection that is made meanwhile is for this user. Null between
+  // flows.
+  const std::shared_ptr<UserShare>& servedUser() const { return servedUser_; }
+  // Serves a user's flow for as long as it exists.
+  class Service {
+   public:
+    Service(EventLoop& loop, std::shared_ptr<UserShare> user)
+        : loop_(loop), before_(std::exchange(loop.servedUser_, std::move(user))) {}
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+    ~Service() { loop_.servedUser_ = std::move(before_); }
+
+   private:
+    EventLoop& loop_;
+    std::shared_ptr<UserShare> before_;
+  };
+
  private:
   void run();
 
   const unsigned index_;
   DescriptorBudget& descriptors_;
+  MemoryBudget& memory_;
+  std::shared_ptr<UserShare> servedUser_;
   Counters counters_;
   BufferPool buffers_;
   PipePool pipes_;

@@ -27,7 +27,7 @@ EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors)
 EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, unsigned count) {
   count = std::clamp(count, 1U, kMaximumEventLoops);
   for (unsigned index = 0; index < count; ++index) {
-    loops_.push_back(std::make_unique<EventLoop>(index, descriptors));
+    loops_.push_back(std::make_unique<EventLoop>(index, descriptors, memory_));
   }
 }
 

@@ -9,6 +9,7 @@
 #include "Platform/Linux/EventLoop.h"
 #include "Platform/Linux/FlowListener.h"
 #include "Platform/Linux/LinuxTCPConnection.h"
+#include "Platform/Linux/MemoryBudget.h"
 
 namespace ostravel::linuxplatform {
 
@@ -37,6 +38,7 @@ class EventLoopGroup {
  private:
   EventLoop& nextLoop();
 
+  MemoryBudget memory_;
   std::vector<std::unique_ptr<EventLoop>> loops_;
   std::atomic<unsigned> next_ = 0;
 };

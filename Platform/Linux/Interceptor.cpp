@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "Platform/Linux/FlowAdmission.h"
 #include "Platform/Linux/InterceptionTable.h"
 #include "Platform/Linux/LinuxTCPFlow.h"
 #include "Platform/Linux/LinuxUDPFlow.h"
@@ -28,9 +29,6 @@ constexpr auto kBeatInterval = InterceptionTable::kAliveTimeout / 4;
 constexpr int kMaximumBurst = 64;
 // The flows of a busy desktop over the longest time that one is remembered.
 constexpr std::size_t kRememberedFlows = 8192;
-// The list of held packets is swept when it has grown to this, or to twice what the last sweep
-// left.
-constexpr std::size_t kSmallestHeldSweep = 256;
 constexpr std::uint16_t kLocalProxyPort = 8080;
 
 std::vector<InterceptionTable::ListenerPorts> listenerPorts(EventLoopGroup& loops) {
@@ -86,7 +84,7 @@ Interceptor::Interceptor(Parts parts)
       identifiers_(std::move(parts.identifiers)),
       queue_(std::move(parts.queue)),
       recentFlows_(kRememberedFlows),
-      sweepHeldAt_(kSmallestHeldSweep),
+      leftFlows_(log_),
       aliveKeeper_(std::move(parts.aliveKeeper)),
       thread_([this] { run(); }) {}
 
@@ -144,6 +142,7 @@ void Interceptor::run() {
       receive();
     }
     if (const auto now = std::chrono::steady_clock::now(); now >= nextBeat) {
+      tendHeldFlows();
       aliveKeeper_->beat();
       nextBeat = now + kBeatInterval;
     }
@@ -159,61 +158,122 @@ void Interceptor::receive() {
   }
 }
 
+void Interceptor::tendHeldFlows() {
+  const auto now = std::chrono::steady_clock::now();
+  if (const auto count = heldFlows_.releaseOld(now); count > 0) {
+    log_->error("OstravelProxy: Packets held for too long were let go count=%{public}d",
+                {static_cast<std::int64_t>(count)});
+  }
+  leftFlows_.report(now);
+}
+
 void Interceptor::decide(const PacketQueue::Packet& packet) {
   const auto now = std::chrono::steady_clock::now();
   const auto first = parseFirstPacket(packet.bytes);
-  if (!first || recentFlows_.contains(*first, now) || descriptors_.nearLimit()) {
+  if (!first || recentFlows_.contains(*first, now)) {
     queue_->accept(packet.id);
     return;
   }
-  auto identification = identifiers_->identify(first->tuple);
-  if (identification.leaveToSystem) {
-    queue_->accept(packet.id);
+  const FlowTuple& tuple = first->tuple;
+  // The cheap questions first: whoever floods us is not looked up.
+  auto share = shares_.of(packet.uid);
+  if (const auto reason = reasonToLeave(tuple, packet, *share)) {
+    leaveToSystem(packet, *first, *reason);
     return;
   }
-  const auto flow = makeFlow(first->tuple, std::move(identification.identifier), packet);
+  auto identification = identifiers_->identify(tuple);
+  if (const auto reason = reasonToLeave(tuple, identification)) {
+    leaveToSystem(packet, *first, *reason);
+    return;
+  }
+  const auto held = std::make_shared<QueuedPacket::State>(queue_, packet.id, packet.mark, share);
+  heldFlows_.add(held, tuple, identification.process, now);
+  const auto flow = makeFlow(tuple, std::move(identification), std::make_unique<QueuedPacket>(held),
+                             std::move(share));
   const bool isTaken = handler_(flow);
   // A flow that is not taken lets its packet go when it is destroyed, at the end of this scope. A
-  // UDP flow is taken to be refused, and every further datagram of it is refused anew.
-  if (!isTaken || first->tuple.protocol == TransportProtocol::tcp) {
+  // UDP flow is taken to be refused, and every further datagram of it is refused anew. A TCP flow
+  // that is given back later must not be offered again.
+  if (!isTaken || tuple.protocol == TransportProtocol::tcp) {
     recentFlows_.remember(*first, now);
   }
 }
 
-std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(const FlowTuple& tuple,
-                                                              std::string identifier,
-                                                              const PacketQueue::Packet& packet) {
-  auto held = hold(packet);
+void Interceptor::leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
+                                LeaveReason reason) {
+  queue_->accept(packet.id);
+  leftFlows_.add(reason, packet.uid);
+  // The next datagram may be judged differently; it is not part of a connection.
+  if (first.tuple.protocol == TransportProtocol::tcp) {
+    recentFlows_.remember(first, std::chrono::steady_clock::now());
+  }
+}
+
+std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
+                                                      const PacketQueue::Packet& packet,
+                                                      UserShare& share) const {
+  if (descriptors_.nearLimit()) {
+    return LeaveReason::descriptors;
+  }
   if (tuple.protocol == TransportProtocol::udp) {
-    return std::make_shared<LinuxUDPFlow>(tuple, std::move(identifier), std::move(held));
+    // Tunnels of the kernel's own, which TCP could not replace.
+    if (!packet.uid) {
+      return LeaveReason::kernelSocket;
+    }
+    // To refuse QUIC makes sense only where TCP is proxied.
+    return share.isOnTrial() ? std::optional(LeaveReason::onTrial) : std::nullopt;
+  }
+  if (!hasListenerFor(tuple.destination.family)) {
+    return LeaveReason::noListener;
+  }
+  switch (FlowAdmission::admit(share, descriptors_)) {
+    case FlowAdmission::Answer::handshakeShare:
+      return LeaveReason::handshakeShare;
+    case FlowAdmission::Answer::onTrial:
+      return LeaveReason::onTrial;
+    case FlowAdmission::Answer::descriptorShare:
+      return LeaveReason::descriptorShare;
+    case FlowAdmission::Answer::admitted:
+      break;
+  }
+  return std::nullopt;
+}
+
+std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& /*tuple*/,
+                                                      const Identification& identification) const {
+  if (identification.leaveToSystem) {
+    return LeaveReason::proxyUnknown;
+  }
+  return std::nullopt;
+}
+
+std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(const FlowTuple& tuple,
+                                                              Identification identification,
+                                                              std::unique_ptr<HeldPacket> packet,
+                                                              std::shared_ptr<UserShare> share) {
+  if (tuple.protocol == TransportProtocol::udp) {
+    return std::make_shared<LinuxUDPFlow>(tuple, std::move(identification.identifier),
+                                          std::move(packet));
   }
   // Host names that belong to the address come in here once DNS answers are observed.
   platform::HostEndpoint remote{tuple.destination.addressText(),
                                 std::to_string(tuple.destination.port)};
   EventLoop& loop = loops_.loop(nextLoop_++ % loops_.size());
-  return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(identifier), std::move(remote),
-                                        std::move(held));
+  return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(identification.identifier),
+                                        std::move(remote), std::move(packet), std::move(share));
 }
 
-std::unique_ptr<HeldPacket> Interceptor::hold(const PacketQueue::Packet& packet) {
-  if (held_.size() >= sweepHeldAt_) {
-    std::erase_if(held_, [](const auto& weakState) { return weakState.expired(); });
-    sweepHeldAt_ = std::max(kSmallestHeldSweep, held_.size() * 2);
-  }
-  auto state = std::make_shared<QueuedPacket::State>(queue_, packet.id, packet.mark);
-  held_.push_back(state);
-  return std::make_unique<QueuedPacket>(std::move(state));
+bool Interceptor::hasListenerFor(AddressFamily family) const {
+  // All loops have the same: either the namespace has the family's loopback address or not.
+  const FlowListener& listener = loops_.loop(0).listener();
+  return (family == AddressFamily::ipv4 ? listener.ipv4Port() : listener.ipv6Port()) != 0;
 }
 
 void Interceptor::acceptEverything() {
   while (
       queue_->receive([this](const PacketQueue::Packet& packet) { queue_->accept(packet.id); })) {
   }
-  for (const auto& weakState : held_) {
-    if (const auto state = weakState.lock()) {
-      state->accept();
-    }
-  }
+  heldFlows_.releaseAll();
 }
 
 }  // namespace ostravel::linuxplatform

@@ -19,9 +19,12 @@
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/EventDescriptor.h"
 #include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/HeldFlows.h"
+#include "Platform/Linux/LeftFlows.h"
+#include "Platform/Linux/PacketParser.h"
 #include "Platform/Linux/PacketQueue.h"
-#include "Platform/Linux/QueuedPacket.h"
 #include "Platform/Linux/RecentFlows.h"
+#include "Platform/Linux/UserShares.h"
 
 namespace ostravel::linuxplatform {
 
@@ -30,7 +33,8 @@ namespace ostravel::linuxplatform {
 // accepted unchanged, so that the kernel carries it and nothing of it is ever in this process.
 //
 // The verdict thread does bounded work only and shares no lock with the event loops. Whatever goes
-// wrong, flows are left to the system. Started and stopped by the provider's context.
+// wrong, flows are left to the system, and so are those of a user who has more of them on the way
+// than its share. Started and stopped by the provider's context.
 class Interceptor {
  public:
   // True: the flow has been taken. Called on the verdict thread.
@@ -60,10 +64,23 @@ class Interceptor {
   void run();
   void takeRegistrations();
   void receive();
+  void tendHeldFlows();
+
   void decide(const PacketQueue::Packet& packet);
-  std::shared_ptr<platform::AppProxyFlow> makeFlow(const FlowTuple& tuple, std::string identifier,
-                                                   const PacketQueue::Packet& packet);
-  std::unique_ptr<HeldPacket> hold(const PacketQueue::Packet& packet);
+  // The packet goes on, and TCP's retransmissions of it as well.
+  void leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
+                     LeaveReason reason);
+  // Absent when the flow may be offered, as far as can be told without knowing whose it is.
+  std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
+                                           const PacketQueue::Packet& packet,
+                                           UserShare& share) const;
+  std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
+                                           const Identification& identification) const;
+  std::shared_ptr<platform::AppProxyFlow> makeFlow(const FlowTuple& tuple,
+                                                   Identification identification,
+                                                   std::unique_ptr<HeldPacket> packet,
+                                                   std::shared_ptr<UserShare> share);
+  bool hasListenerFor(AddressFamily family) const;
   void acceptEverything();
 
   const std::shared_ptr<platform::Log> log_;
@@ -73,8 +90,9 @@ class Interceptor {
   const std::unique_ptr<ApplicationIdentifierSource> identifiers_;
   const std::shared_ptr<PacketQueue> queue_;
   RecentFlows recentFlows_;
-  std::vector<std::weak_ptr<QueuedPacket::State>> held_;
-  std::size_t sweepHeldAt_;
+  HeldFlows heldFlows_;
+  UserShares shares_;
+  LeftFlows leftFlows_;
   unsigned nextLoop_ = 0;
   EventDescriptor stop_;
   EventDescriptor newRegistrationsAreThere_;

@@ -39,7 +39,7 @@ std::shared_ptr<LinuxTCPConnection> LinuxTCPConnection::connect(
 }
 
 LinuxTCPConnection::LinuxTCPConnection(Private /*unused*/, EventLoop& loop)
-    : stream_(loop, *this) {}
+    : stream_(loop, *this, loop.isCurrent() ? loop.servedUser() : nullptr) {}
 
 // Runs work(*this) at once on the loop, and sends it there from any other thread.
 template <typename Work>
@@ -94,6 +94,7 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
     return errno;
   }
   connecting_ = LoopSocket(stream_.loop(), descriptor.release());
+  connecting_.chargeTo(stream_.user());
   return connecting_.isOpen() ? 0 : ENOMEM;
 }
 

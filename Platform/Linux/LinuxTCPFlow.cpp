@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Platform/Interface/ProviderError.h"
 #include "Platform/Linux/EventLoop.h"
 #include "Platform/Linux/RelayLimits.h"
 #include "Platform/Linux/SocketError.h"
@@ -13,12 +14,13 @@ using platform::OptionalError;
 using Direction = StreamSocket::Direction;
 
 LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
-                           platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet)
+                           platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
+                           std::shared_ptr<UserShare> user)
     : tuple_(tuple),
       identifier_(std::move(identifier)),
       remote_(std::move(remote)),
       packet_(std::move(packet)),
-      stream_(loop, *this) {}
+      stream_(loop, *this, std::move(user)) {}
 
 // Runs work(*this) at once on the loop, and sends it there from any other thread.
 template <typename Work>
@@ -36,6 +38,7 @@ void LinuxTCPFlow::open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
   stream_.loop().post([weakSelf = weak_from_this(), completion = std::move(completion)]() mutable {
     if (const auto self = weakSelf.lock()) {
       const bool isClosed = self->stage_ == Stage::ended;
+      const EventLoop::Service service(self->stream_.loop(), self->stream_.user());
       completion(isClosed ? OptionalError(socketError(ECANCELED)) : std::nullopt);
     }
   });
@@ -57,13 +60,12 @@ void LinuxTCPFlow::write(platform::Data data, platform::ErrorCompletion completi
 }
 
 void LinuxTCPFlow::closeRead(OptionalError error) {
-  runOnLoop(
-      [isError = error.has_value()](LinuxTCPFlow& self) { self.close(Direction::read, isError); });
+  runOnLoop([error = std::move(error)](LinuxTCPFlow& self) { self.close(Direction::read, error); });
 }
 
 void LinuxTCPFlow::closeWrite(OptionalError error) {
   runOnLoop(
-      [isError = error.has_value()](LinuxTCPFlow& self) { self.close(Direction::write, isError); });
+      [error = std::move(error)](LinuxTCPFlow& self) { self.close(Direction::write, error); });
 }
 
 void LinuxTCPFlow::releasePacket() {
@@ -73,24 +75,35 @@ void LinuxTCPFlow::releasePacket() {
   stage_ = Stage::released;
   EventLoop& loop = stream_.loop();
   const auto self = shared_from_this();
+  if (stream_.user()) {
+    stream_.user()->handshakeSucceeded();
+  }
   loop.listener().expect(std::shared_ptr<FlowListener::Waiter>(self, this));
   packet_->redirect(loop.index());
   packet_.reset();
 }
 
-void LinuxTCPFlow::close(Direction direction, bool isError) {
+void LinuxTCPFlow::endHeld(const OptionalError& error) {
+  if (platform::isHandshakeTimeout(error) && stream_.user()) {
+    stream_.user()->handshakeTimedOut();
+  }
+  if (error) {
+    packet_->accept();
+  } else {
+    packet_->refuse();
+  }
+  packet_.reset();
+}
+
+void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
   if (stage_ == Stage::ended || stream_.isClosed(direction)) {
     return;
   }
-  if (stage_ == Stage::held) {
-    if (isError) {
-      packet_->accept();
-    } else {
-      packet_->refuse();
-    }
-    packet_.reset();
+  const bool isHeld = stage_ == Stage::held;
+  if (isHeld) {
+    endHeld(error);
   }
-  if (stage_ == Stage::held || isError) {
+  if (isHeld || error) {
     stage_ = Stage::ended;
     stream_.fail(socketError(ECANCELED));
     return;

@@ -20,19 +20,21 @@ class EventLoop;
 //
 //   held --read or write--> released --the connection arrives--> carried
 //
-// and from each by closing to ended. The application's connect() tells the truth: it succeeds only
-// when the first read or write has shown that the tunnel stands, and a close before that refuses
-// it. A flow that is destroyed unclosed leaves the application to the system while the SYN is held,
-// and is reset afterwards.
+// and from each by closing to ended. The application's connect() tells the truth: it succeeds when
+// the first read or write has shown that the tunnel is established, or when we have stepped aside:
+// a close with an error while the SYN is held gives the flow back to the system, and only a close
+// without one refuses it, because then the proxy has decided so. A flow that is destroyed unclosed
+// is given back as well while the SYN is held, and is reset afterwards.
 class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
                            public std::enable_shared_from_this<LinuxTCPFlow>,
                            private FlowListener::Waiter,
                            private StreamSocket::Owner {
  public:
   // identifier: valid UTF-8, empty when unknown. remote: what the core is told; the host may be a
-  // name.
+  // name. user bears what the tunnel uses; null when it is not known.
   LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
-               platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet);
+               platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
+               std::shared_ptr<UserShare> user = nullptr);
 
   std::string sourceAppSigningIdentifier() const override { return identifier_; }
   std::optional<platform::HostEndpoint> remoteEndpoint() const override { return remote_; }
@@ -53,7 +55,8 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   template <typename Work>
   void runOnLoop(Work work);
   void releasePacket();
-  void close(StreamSocket::Direction direction, bool isError);
+  void close(StreamSocket::Direction direction, const platform::OptionalError& error);
+  void endHeld(const platform::OptionalError& error);
 
   const FlowTuple& tuple() const override { return tuple_; }
   const std::string& application() const override { return identifier_; }

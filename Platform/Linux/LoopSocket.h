@@ -3,6 +3,7 @@
 #include <asio/io_context.hpp>
 #include <asio/posix/basic_stream_descriptor.hpp>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -30,6 +31,9 @@ class LoopSocket {
   LoopSocket(LoopSocket&& other) noexcept;
   LoopSocket& operator=(LoopSocket&& other) noexcept;
   ~LoopSocket() = default;
+
+  // Counts it as this user's from now on.
+  void chargeTo(std::shared_ptr<UserShare> user) { lease_.chargeTo(std::move(user)); }
 
   bool isOpen() const { return reactor_.has_value(); }
   // -1 when nothing is open.

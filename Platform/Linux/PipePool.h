@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/MemoryBudget.h"
 
 namespace ostravel::linuxplatform {
 
@@ -20,16 +22,19 @@ class PipePool {
     FileDescriptor writeEnd;
     std::size_t capacity = 0;
     DescriptorBudget::Lease lease;
+    // While it may hold bytes.
+    MemoryBudget::Lease memory;
   };
 
-  PipePool(const EventLoop& loop, DescriptorBudget& descriptors)
-      : loop_(loop), descriptors_(descriptors) {}
+  PipePool(const EventLoop& loop, DescriptorBudget& descriptors, MemoryBudget& memory)
+      : loop_(loop), descriptors_(descriptors), memory_(memory) {}
   PipePool(const PipePool&) = delete;
   PipePool& operator=(const PipePool&) = delete;
 
-  // An empty pipe. Absent when descriptors are scarce or the kernel gives none of a useful size:
-  // the bytes are then copied.
-  std::optional<Pipe> take();
+  // An empty pipe for a stream of this user, who may be unknown (null). Absent when descriptors or
+  // the user's part of the memory are used up, or when the kernel gives none of a useful size: the
+  // bytes are then copied.
+  std::optional<Pipe> take(const std::shared_ptr<UserShare>& user);
   // Only an empty pipe may come back; any other is to be destroyed.
   void giveBack(Pipe pipe);
 
@@ -40,6 +45,7 @@ class PipePool {
 
   const EventLoop& loop_;
   DescriptorBudget& descriptors_;
+  MemoryBudget& memory_;
   std::vector<Pipe> kept_;
 };
 

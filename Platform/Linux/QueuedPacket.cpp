@@ -7,17 +7,31 @@
 namespace ostravel::linuxplatform {
 
 QueuedPacket::State::State(std::shared_ptr<const PacketQueue> queue, std::uint32_t id,
-                           std::uint32_t mark)
-    : queue_(std::move(queue)), id_(id), mark_(mark) {}
+                           std::uint32_t mark, std::shared_ptr<UserShare> user)
+    : queue_(std::move(queue)), id_(id), mark_(mark), user_(std::move(user)) {
+  user_->holdBegan();
+}
+
+QueuedPacket::State::~State() {
+  accept();
+}
+
+bool QueuedPacket::State::decide() {
+  if (isDecided_.exchange(true)) {
+    return false;
+  }
+  user_->holdEnded();
+  return true;
+}
 
 void QueuedPacket::State::accept() {
-  if (!isDecided_.exchange(true)) {
+  if (decide()) {
     queue_->accept(id_);
   }
 }
 
 void QueuedPacket::State::acceptMarked(std::uint32_t mark) {
-  if (!isDecided_.exchange(true)) {
+  if (decide()) {
     queue_->acceptMarked(id_, (mark_ & ~kMarkMask) | mark);
   }
 }

@@ -6,6 +6,7 @@
 
 #include "Platform/Linux/HeldPacket.h"
 #include "Platform/Linux/PacketQueue.h"
+#include "Platform/Linux/UserShare.h"
 
 namespace ostravel::linuxplatform {
 
@@ -16,7 +17,12 @@ class QueuedPacket final : public HeldPacket {
   // that is still held when the interception ends.
   class State {
    public:
-    State(std::shared_ptr<const PacketQueue> queue, std::uint32_t id, std::uint32_t mark);
+    // user: who is holding one packet more until the verdict.
+    State(std::shared_ptr<const PacketQueue> queue, std::uint32_t id, std::uint32_t mark,
+          std::shared_ptr<UserShare> user);
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    ~State();
 
     void accept();
     // Replaces our bits of the packet's mark.
@@ -24,9 +30,13 @@ class QueuedPacket final : public HeldPacket {
     bool isDecided() const { return isDecided_; }
 
    private:
+    // True for the first verdict, which is the one that counts.
+    bool decide();
+
     const std::shared_ptr<const PacketQueue> queue_;
     const std::uint32_t id_;
     const std::uint32_t mark_;
+    const std::shared_ptr<UserShare> user_;
     std::atomic<bool> isDecided_ = false;
   };
 

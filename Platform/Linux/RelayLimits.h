@@ -25,6 +25,11 @@ inline constexpr int kSmallestUsefulPipe = 64 * 1024;
 // Pipes that a loop keeps for reuse: each pins kernel memory only while it holds data.
 inline constexpr std::size_t kKeptPipes = 8;
 
+// What chunks that wait for their readers may take together, in buffers and in pipes: a hundred
+// and more transfers at full speed. Readers who have stopped reading pin theirs for as long as they
+// like, so it has to be bounded.
+inline constexpr std::size_t kMemoryForChunks = 128 * 1024 * 1024;
+
 // A direction is bulk when this many receives in a row filled their buffer: a shorter transfer is
 // over before a pipe would pay.
 inline constexpr unsigned kFullReadsBeforeSplice = 4;

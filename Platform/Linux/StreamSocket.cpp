@@ -24,7 +24,8 @@ namespace ostravel::linuxplatform {
 using platform::Data;
 using platform::OptionalError;
 
-StreamSocket::StreamSocket(EventLoop& loop, Owner& owner) : loop_(loop), owner_(owner) {}
+StreamSocket::StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserShare> user)
+    : loop_(loop), owner_(owner), user_(std::move(user)) {}
 
 StreamSocket::~StreamSocket() {
   socket_.reset();
@@ -42,6 +43,7 @@ auto StreamSocket::later(Step step) {
 
 void StreamSocket::attach(LoopSocket socket) {
   socket_ = std::move(socket);
+  socket_.chargeTo(user_);
   const int on = 1;
   ::setsockopt(socket_.descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   if (isWriteClosed_) {
@@ -130,7 +132,10 @@ void StreamSocket::continueRead() {
 }
 
 void StreamSocket::receiveIntoMemory() {
-  const std::size_t size = std::min(limits::kBufferSize, maximum_ - gathered_.size());
+  // A whole buffer may be pinned until the other side reads; a small piece is copied out of it.
+  const bool mayPinBuffer = loop_.memory().permits(user_, limits::kBufferSize);
+  const std::size_t most = mayPinBuffer ? limits::kBufferSize : limits::kSmallRead;
+  const std::size_t size = std::min(most, maximum_ - gathered_.size());
   BufferPool::Buffer buffer = loop_.buffers().take();
   const auto received = ::recv(socket_.descriptor(), buffer.get(), size, MSG_DONTWAIT);
   if (received <= 0) {
@@ -165,12 +170,14 @@ void StreamSocket::receiveIntoMemory() {
     finishRead(std::move(data), std::nullopt);
     return;
   }
-  finishRead(Data(std::make_unique<BufferChunk>(loop_.buffers(), std::move(buffer), count)),
+  finishRead(Data(std::make_unique<BufferChunk>(
+                 loop_.buffers(), std::move(buffer), count,
+                 MemoryBudget::Lease(loop_.memory(), limits::kBufferSize, user_))),
              std::nullopt);
 }
 
 bool StreamSocket::receiveIntoPipe() {
-  auto pipe = loop_.pipes().take();
+  auto pipe = loop_.pipes().take(user_);
   if (!pipe) {
     return false;
   }

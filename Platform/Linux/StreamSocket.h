@@ -46,12 +46,14 @@ class StreamSocket {
     virtual void streamEnded() = 0;
   };
 
-  StreamSocket(EventLoop& loop, Owner& owner);
+  // user: whose flow it is for, which bears what it uses; null when that is not known.
+  StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserShare> user);
   StreamSocket(const StreamSocket&) = delete;
   StreamSocket& operator=(const StreamSocket&) = delete;
   ~StreamSocket();
 
   EventLoop& loop() const { return loop_; }
+  const std::shared_ptr<UserShare>& user() const { return user_; }
 
   // The socket is connected. Operations that were waiting begin; directions that have been closed
   // in order are closed on it.
@@ -117,6 +119,7 @@ class StreamSocket {
 
   EventLoop& loop_;
   Owner& owner_;
+  const std::shared_ptr<UserShare> user_;
   // Taken by the first operation.
   StreamRegistry::Place place_;
   LoopSocket socket_;

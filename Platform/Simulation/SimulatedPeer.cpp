@@ -139,8 +139,8 @@ void SimulatedPeer::closeWriting(const platform::OptionalError& error) {
   failWrites(error.value_or(closedLocally()));
 }
 
-void SimulatedPeer::leaveToSystem(const platform::Error& error) {
-  note(withReason("left to the system", error));
+void SimulatedPeer::leaveToSystem(std::string_view call, const platform::Error& error) {
+  note(withReason(call, error));
   readingClosed_ = true;
   writingClosed_ = true;
   leftToSystem_ = true;

@@ -107,7 +107,8 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   // Neither direction was closed yet.
   bool isUntouched() const { return !readingClosed_ && !writingClosed_; }
   // Both directions end with the error for the near end only; the far end goes on without it.
-  void leaveToSystem(const platform::Error& error);
+  // call: what the near end did, for the journal.
+  void leaveToSystem(std::string_view call, const platform::Error& error);
   // Nothing more is transferred: reads report the error, or the end without one; writes fail.
   void disconnect(const platform::OptionalError& error);
   // Both directions, seen as an orderly end; what is outstanding fails with the error.

@@ -69,7 +69,7 @@ void SimulatedTCPFlow::closeRead(platform::OptionalError error) {
   if (!std::exchange(readClosed_, true)) {
     readCloseError_ = error;
   }
-  if (!giveBack(error)) {
+  if (!giveBack("closeRead", error)) {
     application_->closeReading(error);
   }
 }
@@ -78,16 +78,16 @@ void SimulatedTCPFlow::closeWrite(platform::OptionalError error) {
   if (!std::exchange(writeClosed_, true)) {
     writeCloseError_ = error;
   }
-  if (!giveBack(error)) {
+  if (!giveBack("closeWrite", error)) {
     application_->closeWriting(error);
   }
 }
 
-bool SimulatedTCPFlow::giveBack(const platform::OptionalError& error) {
+bool SimulatedTCPFlow::giveBack(const char* call, const platform::OptionalError& error) {
   if (!error || !isPacketHeld_ || !application_->isUntouched()) {
     return false;
   }
-  application_->leaveToSystem(*error);
+  application_->leaveToSystem(call, *error);
   return true;
 }
 

@@ -64,7 +64,7 @@ class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
   void completeOpen();
   void requireOpened(const char* operation) const;
   // True, and done, when the error ends a flow of which nothing has been asked.
-  bool giveBack(const platform::OptionalError& error);
+  bool giveBack(const char* call, const platform::OptionalError& error);
 
   RunState& run_;
   const std::shared_ptr<SimulatedPeer> application_;

@@ -1,6 +1,7 @@
 """Local proxies that answer well and badly, and what the application and the events make of it."""
 
 import errno
+import os
 import select
 import socket
 import time
@@ -31,6 +32,7 @@ from laboratory import (
     receive_exactly,
     remote,
 )
+from origins import tell_peer
 
 DEADLINE_SECONDS = 5
 # How late anything may be on a machine that is busy with something else.
@@ -160,9 +162,9 @@ def test_a_proxy_that_resets_is_not_asked_again_before_it_was_probed(laboratory,
     laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
     proxy.behave(answer="", then="reset")
     mark = proxy.mark()
-    with laboratory.socket(THERE4) as application:
-        application.settimeout(20)
-        assert application.connect_ex((THERE4, 80)) == errno.ECONNREFUSED
+    with laboratory.connect(THERE4, 80) as application:
+        # From the origin, which the proxy never reached.
+        assert receive_all(application) == b"hello"
     failed_at = proxy.wait("asked", mark)["accepted_at"]
     assert shapes(laboratory.events.flow_to(remote(THERE4, 80))) == [
         handshake_started(PYTHON, remote(THERE4, 80)),
@@ -195,13 +197,13 @@ def check_that_flows_are_direct_until_the_next_probe(laboratory, proxy, failed_a
 
 
 def test_a_proxy_that_says_nothing_is_given_five_seconds(laboratory, proxy):
+    laboratory.serve(80, tell_peer)
     proxy.behave(answer="", then="hold")
     mark = proxy.mark()
     begin = time.monotonic()
-    with laboratory.socket(THERE4) as application:
-        application.settimeout(20)
-        assert application.connect_ex((THERE4, 80)) == errno.ECONNREFUSED
+    fetched = laboratory.fetch(THERE4, 80)
     end = time.monotonic()
+    assert fetched.way == "direct"
     assert DEADLINE_SECONDS <= end - begin < DEADLINE_SECONDS + LATENESS_SECONDS
     # The proxy's connection is ended as well.
     proxy.wait("ended", mark)
@@ -213,9 +215,10 @@ def test_a_proxy_that_says_nothing_is_given_five_seconds(laboratory, proxy):
     check_that_flows_are_direct_until_the_next_probe(laboratory, proxy, failed_at)
 
 
-def test_curl_is_refused_by_a_proxy_that_says_nothing(laboratory, proxy):
+def test_curl_goes_direct_past_a_proxy_that_says_nothing(laboratory, proxy):
+    laboratory.serve(80, tell_peer)
     proxy.behave(answer="HTTP/1.1 200 Conn", then="hold")
-    assert laboratory.curl(f"http://{THERE4}/").status == CURL_COULD_NOT_CONNECT
+    assert laboratory.curl(f"http://{THERE4}/").way == "direct"
     target = remote(THERE4, 80)
     flow = laboratory.events.flow_to(target)
     check_timed_out(flow, CURL, target)
@@ -223,31 +226,33 @@ def test_curl_is_refused_by_a_proxy_that_says_nothing(laboratory, proxy):
     assert flow[1]["timestamp"] - flow[0]["timestamp"] < DEADLINE_SECONDS + LATENESS_SECONDS
 
 
-def test_a_proxy_that_is_gone_refuses_one_flow_at_most(laboratory, proxy):
-    """Until the next probe finds it out, the first flow does."""
-    laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
+def test_a_proxy_that_is_gone_costs_no_connection(laboratory, proxy):
+    """Until the next probe finds it out, the first flow does, and is given back."""
     mark = laboratory.events.mark()
     proxy.program.kill()
-    first = laboratory.curl(f"http://{THERE4}:{PEER_PORT}/")
-    assert first.status == CURL_COULD_NOT_CONNECT or first.way == "direct"
-    for _ in range(5):
-        assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
+    for _ in range(6):
+        assert laboratory.curl(f"http://{THERE4}:{PEER_PORT}/").way == "direct"
     laboratory.events.wait("proxy_unreachable", mark)
     closed = [
         event
         for event in laboratory.events.since(mark)
         if event["current_signal"] == "tunnel_closed"
     ]
-    assert shapes(closed) == ([tunnel_closed(CURL, CONNECTION_REFUSED)] if first.status else [])
+    assert shapes(closed) in ([], [tunnel_closed(CURL, CONNECTION_REFUSED)])
 
 
-def start_connecting(laboratory, count):
+def start_connecting(laboratory, count, user=0):
     applications = []
-    for _ in range(count):
-        application = laboratory.socket(THERE4)
-        application.setblocking(False)
-        assert application.connect_ex((THERE4, 80)) == errno.EINPROGRESS
-        applications.append(application)
+    with laboratory.here:
+        os.seteuid(user)
+        try:
+            for _ in range(count):
+                application = socket.socket()
+                application.setblocking(False)
+                assert application.connect_ex((THERE4, 80)) == errno.EINPROGRESS
+                applications.append(application)
+        finally:
+            os.seteuid(0)
     return applications
 
 
@@ -269,44 +274,109 @@ def wait_for_outcomes(applications, seconds, count):
     return outcomes, list(waiting.values())
 
 
-def test_a_proxy_that_never_answers_keeps_48_flows_waiting_and_no_more(laboratory, proxy):
-    count, most = 200, 48
+def test_a_proxy_that_never_answers_keeps_half_of_the_handshakes_for_others(laboratory, proxy):
+    count, share = 200, 24
     proxy.behave(answer="", then="hold")
     laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
     proxy_mark, mark = proxy.mark(), laboratory.events.mark()
     begin = time.monotonic()
     applications = start_connecting(laboratory, count)
 
-    # All but 48 are refused at once, and each of them is reported.
-    refused, waiting = wait_for_outcomes(applications, DEADLINE_SECONDS - 1, count - most)
+    # All but the user's share go direct at once, and nothing is reported of them.
+    direct, waiting = wait_for_outcomes(applications, DEADLINE_SECONDS - 1, count - share)
     assert time.monotonic() - begin < DEADLINE_SECONDS - 1
-    assert refused == [errno.ECONNREFUSED] * (count - most)
-    assert len(waiting) == most
-    rejections = laboratory.events.wait_for_count("connect_handshake_rejected", count - most, mark)
-    assert shapes(rejections) == [backlog_exceeded(PYTHON)] * (count - most)
-    assert len({event["flow_id"] for event in rejections}) == count - most
+    assert direct == [0] * (count - share)
+    assert len(waiting) == share
 
-    # The 48 are ended by the deadline.
-    timed_out, waiting = wait_for_outcomes(waiting, DEADLINE_SECONDS + LATENESS_SECONDS, most)
+    # The others do when the deadline ends their handshakes.
+    timed_out, waiting = wait_for_outcomes(waiting, DEADLINE_SECONDS + LATENESS_SECONDS, share)
     assert time.monotonic() - begin >= DEADLINE_SECONDS
-    assert timed_out == [errno.ECONNREFUSED] * most
+    assert timed_out == [0] * share
     assert waiting == []
     target = remote(THERE4, 80)
-    for flow in laboratory.events.flows_to(target, most, mark):
+    for flow in laboratory.events.flows_to(target, share, mark):
         check_timed_out(flow, PYTHON, target)
     signals = [event["current_signal"] for event in laboratory.events.since(mark)]
-    assert signals.count("connect_handshake_started") == most
-    assert signals.count("connect_handshake_rejected") == count - most
+    assert signals.count("connect_handshake_started") == share
+    assert signals.count("connect_handshake_rejected") == 0
     for application in applications:
         application.close()
 
     # And all is as before.
-    assert len(proxy.requests(proxy_mark)) == most
+    assert len(proxy.requests(proxy_mark)) == share
     proxy.behave()
     laboratory.wait_until_proxied()
-    applications = start_connecting(laboratory, most)
-    connected, _ = wait_for_outcomes(applications, 20, most)
-    assert connected == [0] * most
+    mark = laboratory.events.mark()
+    applications = start_connecting(laboratory, share)
+    connected, _ = wait_for_outcomes(applications, 20, share)
+    assert connected == [0] * share
+    laboratory.events.wait_for_count("connect_handshake_succeeded", share, mark)
+    for application in applications:
+        application.close()
+
+
+def test_the_48_handshakes_are_shared_and_one_more_is_given_back(laboratory, proxy):
+    alice, bob, carol = 4711, 4712, 4713
+    share = 24
+    proxy.behave(answer="", then="hold")
+    laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
+    mark = laboratory.events.mark()
+    waiting = [
+        application
+        for user in (alice, bob)
+        for application in start_connecting(laboratory, share, user)
+    ]
+    laboratory.events.wait_for_count("connect_handshake_started", 2 * share, mark)
+
+    # Reported as ever, and the connection works all the same.
+    late = start_connecting(laboratory, 3, carol)
+    assert wait_for_outcomes(late, DEADLINE_SECONDS - 1, 3)[0] == [0] * 3
+    rejections = laboratory.events.wait_for_count("connect_handshake_rejected", 3, mark)
+    assert shapes(rejections) == [backlog_exceeded(PYTHON)] * 3
+
+    outcomes, _ = wait_for_outcomes(waiting, DEADLINE_SECONDS + LATENESS_SECONDS, 2 * share)
+    assert outcomes == [0] * (2 * share)
+    for application in (*waiting, *late):
+        application.close()
+
+
+def test_a_proxy_that_never_answers_is_tried_with_one_flow_at_a_time(laboratory, proxy):
+    laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
+    proxy.behave(answer="", then="hold")
+    first = start_connecting(laboratory, 1)
+    assert wait_for_outcomes(first, DEADLINE_SECONDS + LATENESS_SECONDS, 1)[0] == [0]
+    # The probe opens the gate again, and one flow finds out that nothing has changed.
+    mark = laboratory.events.mark()
+    applications = []
+
+    def is_trying():
+        applications.extend(start_connecting(laboratory, 5))
+        return any(
+            event["current_signal"] == "connect_handshake_started"
+            for event in laboratory.events.since(mark)
+        )
+
+    eventually(is_trying, "another handshake is tried")
+    applications.extend(start_connecting(laboratory, 50))
+    begin = time.monotonic()
+    outcomes, waiting = wait_for_outcomes(applications, DEADLINE_SECONDS - 2, len(applications) - 1)
+    assert time.monotonic() - begin < DEADLINE_SECONDS - 2
+    assert set(outcomes) == {0}
+    assert len(waiting) == 1
+    # Somebody else has had no bad experience.
+    other = start_connecting(laboratory, 2, 4711)
+    laboratory.events.wait_for_count("connect_handshake_started", 3, mark)
+    outcomes, _ = wait_for_outcomes([*waiting, *other], DEADLINE_SECONDS + LATENESS_SECONDS, 3)
+    assert outcomes == [0] * 3
+    for application in (*first, *applications, *other):
+        application.close()
+
+    # A success ends the trial.
+    proxy.behave()
+    laboratory.wait_until_proxied()
+    mark = laboratory.events.mark()
+    applications = start_connecting(laboratory, 10)
+    laboratory.events.wait_for_count("connect_handshake_succeeded", 10, mark)
     for application in applications:
         application.close()
 

@@ -302,8 +302,8 @@ def test_options_are_checked(laboratory, arguments):
 
 async def connect_many(laboratory, count, port=80):
     """Connections that are all open at the same time."""
-    # More handshakes than this at the same time are refused.
-    gate = asyncio.Semaphore(40)
+    # More handshakes of one user than this at the same time go direct.
+    gate = asyncio.Semaphore(20)
 
     async def connect():
         application = laboratory.socket(THERE4)
@@ -379,7 +379,7 @@ def test_near_the_limit_of_descriptors_new_flows_are_direct(laboratory):
 
 def test_many_flows_at_once_are_all_answered(laboratory):
     """More first packets at the same moment than handshakes are allowed, with a proxy that answers
-    at once: no connection is left hanging, some may be refused.
+    at once: every connection is made, some of them direct.
     """
     laboratory.serve(80, None)
     laboratory.start_system()
@@ -390,8 +390,7 @@ def test_many_flows_at_once_are_all_answered(laboratory):
         assert application.connect_ex((THERE4, 80)) == errno.EINPROGRESS
         applications.append(application)
     outcomes = [finish_connecting(application, 10) for application in applications]
-    assert set(outcomes) <= {0, errno.ECONNREFUSED}
-    assert outcomes.count(0) >= 48
+    assert set(outcomes) == {0}
     for application in applications:
         application.close()
     assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"

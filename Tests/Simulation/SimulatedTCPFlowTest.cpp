@@ -156,8 +156,18 @@ TEST_F(SimulatedTCPFlowTest, AnOrderlyCloseIsAnEndForTheApplication) {
   EXPECT_FALSE(application_->sawReset());
 }
 
+TEST_F(SimulatedTCPFlowTest, ACloseWithAnErrorBeforeAnythingWasAskedForGivesTheFlowBack) {
+  open();
+  flow_->closeRead(kError);
+  flow_->closeWrite(kError);
+  EXPECT_TRUE(application_->wasLeftToSystem());
+  EXPECT_FALSE(application_->sawReset());
+  EXPECT_FALSE(application_->sawEnd());
+}
+
 TEST_F(SimulatedTCPFlowTest, ACloseWithAnErrorIsAResetForTheApplication) {
   open();
+  flow_->read(read_.completion());
   flow_->closeRead(kError);
   EXPECT_TRUE(application_->sawReset());
   EXPECT_FALSE(application_->sawEnd());

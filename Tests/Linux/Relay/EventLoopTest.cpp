@@ -41,7 +41,8 @@ TEST_F(EventLoopTest, StopsAndDestroysTheWorkThatDidNotRun) {
   const auto held = std::make_shared<int>(0);
   {
     DescriptorBudget budget(1000);
-    EventLoop stopped(0, budget);
+    MemoryBudget memory;
+    EventLoop stopped(0, budget, memory);
     stopped.stop();
     stopped.stop();
     stopped.post([held] { FAIL() << "the loop has stopped"; });
@@ -187,7 +188,8 @@ TEST_F(StoppedLoopTest, StreamsMayGoOnAnotherThreadAtTheSameTime) {
   constexpr int kRounds = 50;
   for (int round = 0; round < kRounds; ++round) {
     DescriptorBudget budget(1000);
-    EventLoop stopped(0, budget);
+    MemoryBudget memory;
+    EventLoop stopped(0, budget, memory);
     std::vector<std::shared_ptr<LinuxTCPConnection>> connections;
     for (int i = 0; i < 8; ++i) {
       connections.push_back(LinuxTCPConnection::connect(

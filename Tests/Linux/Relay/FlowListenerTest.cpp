@@ -189,7 +189,8 @@ TEST_F(FlowListenerTest, WithoutIPv6ThereIsNoPortForIt) {
   runCommand("echo 1 > /proc/sys/net/ipv6/conf/lo/disable_ipv6");
   {
     DescriptorBudget budget(1000);
-    EventLoop withoutIPv6(0, budget);
+    MemoryBudget memory;
+    EventLoop withoutIPv6(0, budget, memory);
     EXPECT_NE(withoutIPv6.listener().ipv4Port(), 0);
     EXPECT_EQ(withoutIPv6.listener().ipv6Port(), 0);
   }

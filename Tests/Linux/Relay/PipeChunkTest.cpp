@@ -23,7 +23,7 @@ class PipeChunkTest : public RelayTest {
  protected:
   // Called on the loop.
   std::unique_ptr<PipeChunk> makeChunk(const std::string& bytes) {
-    auto pipe = loop().pipes().take();
+    auto pipe = loop().pipes().take(nullptr);
     EXPECT_TRUE(pipe);
     EXPECT_EQ(::write(pipe->writeEnd.get(), bytes.data(), bytes.size()),
               static_cast<ssize_t>(bytes.size()));
@@ -95,7 +95,7 @@ TEST_F(PipeChunkTest, PipesAreLargeCountedAndKeptInABoundedNumber) {
     PipePool& pool = loop().pipes();
     std::vector<PipePool::Pipe> pipes;
     for (std::size_t count = 0; count < limits::kKeptPipes + 3; ++count) {
-      pipes.push_back(*pool.take());
+      pipes.push_back(*pool.take(nullptr));
     }
     EXPECT_EQ(budget_.inUse(), before + 2 * pipes.size());
     EXPECT_EQ(pipes.front().capacity, static_cast<std::size_t>(limits::kPipeSize));
@@ -110,14 +110,15 @@ TEST_F(PipeChunkTest, PipesAreLargeCountedAndKeptInABoundedNumber) {
 TEST_F(PipeChunkTest, ThereIsNoPipeWhenDescriptorsAreScarce) {
   const auto most = budget_.lease(
       static_cast<unsigned>(budget_.limit() - limits::kDescriptorReserve - budget_.inUse()));
-  onLoop([this] { EXPECT_FALSE(loop().pipes().take()); });
+  onLoop([this] { EXPECT_FALSE(loop().pipes().take(nullptr)); });
 }
 
 TEST_F(PipeChunkTest, AChunkMayEndOnAnyThread) {
   const std::size_t before = budget_.inUse();
   auto inPipe = onLoop([this] { return makeChunk("elsewhere"); });
   auto inBuffer = onLoop([this] {
-    return std::make_unique<BufferChunk>(loop().buffers(), loop().buffers().take(), 10);
+    return std::make_unique<BufferChunk>(loop().buffers(), loop().buffers().take(), 10,
+                                         MemoryBudget::Lease());
   });
   EXPECT_EQ(text(inPipe->bytes()), "elsewhere");
   inPipe.reset();

@@ -72,6 +72,9 @@ class RelayTransferTest : public RelayTest {
     return {std::move(carried.application), std::move(connected.server), std::move(tunnel)};
   }
 
+  std::size_t memoryInUse() {
+    return onLoop([this] { return loop().memory().inUse(); });
+  }
   EventLoop::Counters counters() {
     return onLoop([this] { return loop().counters(); });
   }
@@ -207,7 +210,23 @@ TEST_F(RelayTransferTest, AStalledReaderCostsNothing) {
   const Activity activity = activityWithin(300ms);
   EXPECT_EQ(activity.wakeups, 0U);
   EXPECT_LT(activity.cpuTime, 20ms);
+  // What waits for the reader is counted for as long as it waits.
+  EXPECT_GT(memoryInUse(), 0U);
+  EXPECT_LE(memoryInUse(), limits::kMaximumChunk);
   EXPECT_EQ(tunnel.application.receive(sent).bytes.size(), sent);
+  EXPECT_TRUE(eventually([this] { return loop().memory().inUse() == 0; }));
+}
+
+TEST_F(RelayTransferTest, GoesOnInSmallPiecesWhenTheMemoryIsUsedUp) {
+  const auto most = onLoop([this] {
+    MemoryBudget& memory = loop().memory();
+    return MemoryBudget::Lease(memory, memory.limit());
+  });
+  Tunnel tunnel = makeTunnel();
+  const auto before = memoryInUse();
+  transferBothWays(tunnel, kLargeTransfer / 4);
+  EXPECT_EQ(counters().splicedBytes, 0U);
+  EXPECT_EQ(memoryInUse(), before);
 }
 
 }  // namespace

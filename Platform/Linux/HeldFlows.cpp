@@ -1,0 +1,54 @@
+#include "Platform/Linux/HeldFlows.h"
+
+#include <algorithm>
+
+namespace ostravel::linuxplatform {
+
+void HeldFlows::add(const std::shared_ptr<QueuedPacket::State>& packet, const FlowTuple& tuple,
+                    std::optional<pid_t> process, TimePoint now) {
+  forgetDecided();
+  entries_.push_back({packet, tuple.destination, process, now});
+}
+
+bool HeldFlows::isOtherHeldFor(const SocketEndpoint& destination,
+                               std::optional<pid_t> process) const {
+  return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) {
+    const auto packet = entry.packet.lock();
+    const bool isOther = !process || entry.process != process;
+    return packet && !packet->isDecided() && isOther && entry.destination == destination;
+  });
+}
+
+std::size_t HeldFlows::releaseOld(TimePoint now) {
+  forgetDecided();
+  std::size_t count = 0;
+  while (!entries_.empty() && now - entries_.front().since >= kLongestHold) {
+    if (const auto packet = entries_.front().packet.lock(); packet && !packet->isDecided()) {
+      packet->accept();
+      ++count;
+    }
+    entries_.pop_front();
+  }
+  return count;
+}
+
+void HeldFlows::releaseAll() {
+  for (const Entry& entry : entries_) {
+    if (const auto packet = entry.packet.lock()) {
+      packet->accept();
+    }
+  }
+  entries_.clear();
+}
+
+void HeldFlows::forgetDecided() {
+  while (!entries_.empty()) {
+    const auto packet = entries_.front().packet.lock();
+    if (packet && !packet->isDecided()) {
+      return;
+    }
+    entries_.pop_front();
+  }
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,71 @@
+#include "Platform/Linux/FlowAdmission.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace ostravel::linuxplatform::test {
+namespace {
+
+using Answer = FlowAdmission::Answer;
+
+class FlowAdmissionTest : public testing::Test {
+ protected:
+  Answer admit() { return FlowAdmission::admit(*share_, descriptors_); }
+  void hold(std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      share_->holdBegan();
+    }
+  }
+
+  DescriptorBudget descriptors_{limits::kDescriptorReserve + 1000};
+  const std::shared_ptr<UserShare> share_ = std::make_shared<UserShare>();
+};
+
+TEST_F(FlowAdmissionTest, NobodyHasMoreThanHalfOfThePendingHandshakes) {
+  hold(23);
+  EXPECT_EQ(admit(), Answer::admitted);
+  hold(1);
+  EXPECT_EQ(admit(), Answer::handshakeShare);
+  share_->holdEnded();
+  EXPECT_EQ(admit(), Answer::admitted);
+}
+
+TEST_F(FlowAdmissionTest, AfterATimeOutFlowsAreTriedOneAtATime) {
+  share_->handshakeTimedOut();
+  EXPECT_EQ(admit(), Answer::admitted);
+  hold(1);
+  EXPECT_EQ(admit(), Answer::onTrial);
+  // The trial has failed as well.
+  share_->holdEnded();
+  share_->handshakeTimedOut();
+  EXPECT_EQ(admit(), Answer::admitted);
+}
+
+TEST_F(FlowAdmissionTest, ASuccessEndsTheTrial) {
+  share_->handshakeTimedOut();
+  hold(1);
+  share_->handshakeSucceeded();
+  EXPECT_EQ(admit(), Answer::admitted);
+}
+
+TEST_F(FlowAdmissionTest, DescriptorsAreDividedAmongUsers) {
+  // Two for this one; what the user has must not be more than what is left.
+  auto lease = descriptors_.lease(498, share_);
+  EXPECT_EQ(admit(), Answer::admitted);
+  auto more = descriptors_.lease(2, share_);
+  EXPECT_EQ(admit(), Answer::descriptorShare);
+  UserShare another;
+  EXPECT_EQ(FlowAdmission::admit(another, descriptors_), Answer::admitted);
+}
+
+TEST_F(FlowAdmissionTest, HeldFlowsCountAsTheTunnelsThatTheyWillBe) {
+  auto lease = descriptors_.lease(495, share_);
+  hold(4);
+  EXPECT_EQ(admit(), Answer::admitted);
+  hold(1);
+  EXPECT_EQ(admit(), Answer::descriptorShare);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform::test
