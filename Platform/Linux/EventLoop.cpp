@@ -24,8 +24,10 @@ void blockBrokenPipeSignal() {
 
 }  // namespace
 
-EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory)
+EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory,
+                     const PacketMarks& marks)
     : index_(index),
+      marks_(marks),
       descriptors_(descriptors),
       memory_(memory),
       buffers_(*this),

@@ -14,6 +14,7 @@
 #include "Platform/Linux/BufferPool.h"
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/MemoryBudget.h"
+#include "Platform/Linux/PacketMarks.h"
 #include "Platform/Linux/PipePool.h"
 #include "Platform/Linux/StreamRegistry.h"
 
@@ -42,7 +43,8 @@ class EventLoop {
   };
 
   // Starts the thread. Throws std::system_error when the kernel gives no listener.
-  EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory);
+  EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory,
+            const PacketMarks& marks = {});
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
   // Stops the loop. Work that was still waiting is destroyed without running.
@@ -54,6 +56,9 @@ class EventLoop {
 
   // The index that a released packet is redirected by.
   unsigned index() const { return index_; }
+
+  // How this process marks its sockets and packets. From any thread.
+  const PacketMarks& marks() const { return marks_; }
 
   // Runs work on the loop's thread, in order, never inside this call. From any thread; returns at
   // once.
@@ -100,6 +105,7 @@ class EventLoop {
   void run();
 
   const unsigned index_;
+  const PacketMarks marks_;
   DescriptorBudget& descriptors_;
   MemoryBudget& memory_;
   std::shared_ptr<UserShare> servedUser_;

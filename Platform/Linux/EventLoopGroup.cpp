@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include "Platform/Linux/PacketMarks.h"
-
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -21,13 +19,15 @@ unsigned usableCores() {
 
 }  // namespace
 
-EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors)
-    : EventLoopGroup(descriptors, usableCores()) {}
+EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, const PacketMarks& marks)
+    : EventLoopGroup(descriptors, usableCores(), marks) {}
 
-EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, unsigned count) {
-  count = std::clamp(count, 1U, kMaximumEventLoops);
+EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, unsigned count,
+                               const PacketMarks& marks)
+    : marks_(marks) {
+  count = std::clamp(count, 1U, marks.maximumEventLoops());
   for (unsigned index = 0; index < count; ++index) {
-    loops_.push_back(std::make_unique<EventLoop>(index, descriptors, memory_));
+    loops_.push_back(std::make_unique<EventLoop>(index, descriptors, memory_, marks_));
   }
 }
 

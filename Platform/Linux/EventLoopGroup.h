@@ -16,14 +16,15 @@ namespace ostravel::linuxplatform {
 // The event loops of the process. Owned by the process entry; outlives every flow and connection.
 class EventLoopGroup {
  public:
-  // One loop per core that this process may use, at most kMaximumEventLoops. Throws
+  // One loop per core that this process may use, at most as many as there are marks for. Throws
   // std::system_error when the kernel gives no thread or no listener.
-  explicit EventLoopGroup(DescriptorBudget& descriptors);
-  EventLoopGroup(DescriptorBudget& descriptors, unsigned count);
+  explicit EventLoopGroup(DescriptorBudget& descriptors, const PacketMarks& marks = {});
+  EventLoopGroup(DescriptorBudget& descriptors, unsigned count, const PacketMarks& marks = {});
   EventLoopGroup(const EventLoopGroup&) = delete;
   EventLoopGroup& operator=(const EventLoopGroup&) = delete;
   ~EventLoopGroup();
 
+  const PacketMarks& marks() const { return marks_; }
   unsigned size() const { return static_cast<unsigned>(loops_.size()); }
   EventLoop& loop(unsigned index) { return *loops_[index]; }
 
@@ -39,6 +40,7 @@ class EventLoopGroup {
   EventLoop& nextLoop();
 
   MemoryBudget memory_;
+  const PacketMarks marks_;
   std::vector<std::unique_ptr<EventLoop>> loops_;
   std::atomic<unsigned> next_ = 0;
 };

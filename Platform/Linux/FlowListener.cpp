@@ -12,7 +12,6 @@
 
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/KernelAddress.h"
-#include "Platform/Linux/PacketMarks.h"
 #include "Platform/Linux/RelayLimits.h"
 
 namespace ostravel::linuxplatform {
@@ -62,7 +61,8 @@ void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
     return;
   }
   // Accepted sockets inherit the mark. Without the permission to set it nothing is intercepted.
-  ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &kOwnMark, sizeof kOwnMark);
+  const std::uint32_t mark = loop_.marks().own();
+  ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   KernelAddress bound;
   if (::bind(descriptor.get(), wanted.get(), wanted.size) != 0 ||
       ::listen(descriptor.get(), limits::kListenBacklog) != 0 ||

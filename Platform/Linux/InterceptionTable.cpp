@@ -18,7 +18,6 @@
 #include <utility>
 
 #include "Platform/Linux/NetfilterRule.h"
-#include "Platform/Linux/PacketMarks.h"
 
 namespace ostravel::linuxplatform {
 
@@ -35,6 +34,7 @@ constexpr const char* kAliveSet = "alive";
 constexpr const char* kOfferChain = "offer";
 constexpr const char* kRefuseChain = "refuse";
 constexpr const char* kDivertChain = "divert";
+constexpr const char* kRedirectChain = "redirect";
 
 constexpr std::uint32_t kTableOwnerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than some headers
 
@@ -67,6 +67,15 @@ void addChain(NetfilterBatch& batch, const char* name, const char* type, std::in
   ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, NF_INET_LOCAL_OUT);
   ::nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
   ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
+  batch.add(std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
+            [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
+}
+
+// A chain that packets reach by a jump.
+void addChain(NetfilterBatch& batch, const char* name) {
+  const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
   batch.add(std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
             [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
 }
@@ -156,8 +165,9 @@ std::variant<TranslatedRule, Error> translate(const NetworkRule& rule) {
   return translated;
 }
 
-NetfilterRule matchingRule(const TranslatedRule& translated) {
-  NetfilterRule rule(kTable, kOfferChain);
+// Starts a rule of this chain with the tests for such a destination.
+NetfilterRule matchingRule(const char* chain, const TranslatedRule& translated) {
+  NetfilterRule rule(kTable, chain);
   rule.protocol(translated.protocol);
   if (translated.prefix == 0) {
     rule.destinationNotLoopback(translated.network.family);
@@ -168,56 +178,126 @@ NetfilterRule matchingRule(const TranslatedRule& translated) {
   return rule;
 }
 
-OptionalError addOfferRules(NetfilterBatch& batch, const TransparentProxyNetworkSettings& settings,
-                            std::uint16_t queueNumber,
-                            NetfilterRule::QueueStatement queueStatement) {
-  // What most packets are comes first.
-  addRule(batch, "tcp rule", NetfilterRule(kTable, kOfferChain).notFirstOfTCP().accept());
+// The settings in the terms of the packet filter.
+struct Selection {
+  std::vector<TranslatedRule> included;
+  std::vector<TranslatedRule> excluded;
+};
+
+std::variant<Selection, Error> translate(const TransparentProxyNetworkSettings& settings) {
+  Selection selection;
+  const auto translateAll = [](const std::vector<NetworkRule>& rules,
+                               std::vector<TranslatedRule>& into) -> OptionalError {
+    for (const NetworkRule& rule : rules) {
+      auto translated = translate(rule);
+      if (auto* error = std::get_if<Error>(&translated)) {
+        return std::move(*error);
+      }
+      into.push_back(std::get<TranslatedRule>(translated));
+    }
+    return std::nullopt;
+  };
+  auto error = translateAll(settings.excludedNetworkRules, selection.excluded);
+  if (!error) {
+    error = translateAll(settings.includedNetworkRules, selection.included);
+  }
+  if (error) {
+    return *std::move(error);
+  }
+  return selection;
+}
+
+// What most packets are comes first.
+void addRulesForLaterPackets(NetfilterBatch& batch, const char* chain) {
+  addRule(batch, "tcp rule", NetfilterRule(kTable, chain).notFirstOfTCP().accept());
+  addRule(
+      batch, "conntrack rule",
+      NetfilterRule(kTable, chain).protocol(TransportProtocol::udp).notNewConnection().accept());
+}
+
+// A relay has no interface of its own to reach a link's destinations by, and nobody connects to a
+// group.
+void addRulesForDestinationsWithoutRoute(NetfilterBatch& batch, const char* chain) {
+  struct Network {
+    SocketEndpoint address;
+    unsigned prefix;
+  };
+  constexpr std::array<Network, 5> kNetworks{{
+      {{AddressFamily::ipv4, {169, 254}, 0}, 16},            // link-local (RFC 3927)
+      {{AddressFamily::ipv4, {224}, 0}, 4},                  // multicast (RFC 5771)
+      {{AddressFamily::ipv4, {255, 255, 255, 255}, 0}, 32},  // broadcast (RFC 919)
+      {{AddressFamily::ipv6, {0xfe, 0x80}, 0}, 10},          // link-local (RFC 4291)
+      {{AddressFamily::ipv6, {0xff}, 0}, 8},                 // multicast (RFC 4291)
+  }};
+  for (const Network& network : kNetworks) {
+    addRule(batch, "rule",
+            NetfilterRule(kTable, chain).destination(network.address, network.prefix).accept());
+  }
+}
+
+// First packets of the flows that the settings select; every other packet leaves the chain.
+// finish(NetfilterRule, protocol) completes the rule that such a packet has passed.
+template <typename Finish>
+void addSelection(NetfilterBatch& batch, const char* chain, const std::string& change,
+                  const Selection& selection, Finish finish) {
+  addRulesForDestinationsWithoutRoute(batch, chain);
+  for (const TranslatedRule& excluded : selection.excluded) {
+    addRule(batch, "rule", matchingRule(chain, excluded).accept());
+  }
+  for (const TranslatedRule& included : selection.included) {
+    NetfilterRule rule = matchingRule(chain, included);
+    finish(rule, included.protocol);
+    addRule(batch, change, rule);
+  }
+}
+
+void addOfferRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks,
+                   std::uint16_t queueNumber, NetfilterRule::QueueStatement queueStatement) {
+  addRulesForLaterPackets(batch, kOfferChain);
+  // Our own packets, and those of somebody who uses our bits for something else.
+  addRule(batch, "mark rule",
+          NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
+  addRule(batch, "set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
+  // A repeated SYN, which had its verdict. Once there was an answer, of an earlier connection that
+  // had the same addresses and ports, a SYN begins a new connection.
   addRule(batch, "conntrack rule",
           NetfilterRule(kTable, kOfferChain)
-              .protocol(TransportProtocol::udp)
-              .notNewConnection()
-              .accept());
-  addRule(batch, "mark rule", NetfilterRule(kTable, kOfferChain).ourMark(kOwnMark).accept());
-  addRule(batch, "set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
-  for (const NetworkRule& excluded : settings.excludedNetworkRules) {
-    auto translated = translate(excluded);
-    if (const auto* error = std::get_if<Error>(&translated)) {
-      return *error;
-    }
-    addRule(batch, "rule", matchingRule(std::get<TranslatedRule>(translated)).accept());
-  }
-  for (const NetworkRule& included : settings.includedNetworkRules) {
-    auto translated = translate(included);
-    if (const auto* error = std::get_if<Error>(&translated)) {
-      return *error;
-    }
-    addRule(batch, "queue rule",
-            matchingRule(std::get<TranslatedRule>(translated)).queue(queueNumber, queueStatement));
-  }
-  return std::nullopt;
-}
-
-void addRefuseRules(NetfilterBatch& batch) {
-  addRule(batch, "reject rule",
-          NetfilterRule(kTable, kRefuseChain)
-              .ourMark(kRefuseMark)
               .protocol(TransportProtocol::tcp)
-              .rejectWithReset());
-  addRule(batch, "reject rule",
-          NetfilterRule(kTable, kRefuseChain)
-              .ourMark(kRefuseMark)
-              .protocol(TransportProtocol::udp)
-              .rejectWithPortUnreachable());
+              .trackedWithoutReply()
+              .accept());
+  addSelection(batch, kOfferChain, "queue rule", selection,
+               [=](NetfilterRule& rule, TransportProtocol /*protocol*/) {
+                 rule.queue(queueNumber, queueStatement);
+               });
 }
 
-void addDivertRules(NetfilterBatch& batch,
+void addRefuseRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks) {
+  addRule(batch, "mark rule",
+          NetfilterRule(kTable, kRefuseChain).markOtherThan(marks.mask(), marks.refuse()).accept());
+  addRulesForLaterPackets(batch, kRefuseChain);
+  addSelection(batch, kRefuseChain, "reject rule", selection,
+               [](NetfilterRule& rule, TransportProtocol protocol) {
+                 if (protocol == TransportProtocol::tcp) {
+                   rule.rejectWithReset();
+                 } else {
+                   rule.rejectWithPortUnreachable();
+                 }
+               });
+}
+
+void addDivertRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks,
                     const std::vector<InterceptionTable::ListenerPorts>& listeners) {
-  const auto addRedirect = [&batch](unsigned loop, AddressFamily family, std::uint16_t port) {
+  addRule(batch, "mark rule", NetfilterRule(kTable, kDivertChain).mark(marks.mask(), 0).accept());
+  addRulesForLaterPackets(batch, kDivertChain);
+  addSelection(
+      batch, kDivertChain, "jump rule", selection,
+      [](NetfilterRule& rule, TransportProtocol /*protocol*/) { rule.jump(kRedirectChain); });
+  const auto addRedirect = [&batch, &marks](unsigned loop, AddressFamily family,
+                                            std::uint16_t port) {
     if (port != 0) {
       addRule(batch, "redirect rule",
-              NetfilterRule(kTable, kDivertChain)
-                  .ourMark(redirectMark(loop))
+              NetfilterRule(kTable, kRedirectChain)
+                  .mark(marks.mask(), marks.redirect(loop))
                   .family(family)
                   .protocol(TransportProtocol::tcp)
                   .redirect(port));
@@ -261,8 +341,13 @@ Error explain(const NetfilterBatch::Failure& failure) {
 }  // namespace
 
 std::variant<std::unique_ptr<InterceptionTable>, Error> InterceptionTable::install(
-    const TransparentProxyNetworkSettings& settings, std::uint16_t queueNumber,
-    const std::vector<ListenerPorts>& listeners) {
+    const TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
+    std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners) {
+  auto translated = translate(settings);
+  if (auto* error = std::get_if<Error>(&translated)) {
+    return std::move(*error);
+  }
+  const auto& selection = std::get<Selection>(translated);
   auto socket = openNetfilterSocket();
   if (!socket) {
     return explain({"", errno});
@@ -275,11 +360,10 @@ std::variant<std::unique_ptr<InterceptionTable>, Error> InterceptionTable::insta
     addChain(batch, kOfferChain, "filter", kOfferPriority);
     addChain(batch, kRefuseChain, "filter", kRefusePriority);
     addChain(batch, kDivertChain, "nat", kDivertPriority);
-    if (auto error = addOfferRules(batch, settings, queueNumber, statement)) {
-      return *std::move(error);
-    }
-    addRefuseRules(batch);
-    addDivertRules(batch, listeners);
+    addChain(batch, kRedirectChain);
+    addOfferRules(batch, selection, marks, queueNumber, statement);
+    addRefuseRules(batch, selection, marks);
+    addDivertRules(batch, selection, marks, listeners);
     addAliveElements(batch);
     const auto failure = batch.commit(socket.get());
     const bool isCompatible = statement == QueueStatement::compatibilityTarget;

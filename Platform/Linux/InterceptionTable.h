@@ -10,6 +10,7 @@
 #include "Platform/Interface/Error.h"
 #include "Platform/Interface/NetworkSettings.h"
 #include "Platform/Linux/NetfilterBatch.h"
+#include "Platform/Linux/PacketMarks.h"
 
 namespace ostravel::linuxplatform {
 
@@ -22,8 +23,14 @@ namespace ostravel::linuxplatform {
 //     chain offer    output, before everything of the filter: first packets that the settings
 //                    select go to the queue; packets pass when nobody listens there
 //     chain refuse   output, right behind: packets marked as refused get a reset or port
-//     unreachable chain divert   nat output: SYNs marked for event loop i are redirected to its
-//     listener
+//                    unreachable
+//     chain divert   nat output: SYNs with a mark of ours go through
+//     chain redirect where those that are marked for event loop i are sent to its listener
+//
+// No chain acts on anything but first packets that the settings select, so that a mark that another
+// program sets for purposes of its own has no effect elsewhere. Never offered: packets that bear a
+// mark of our bits already, repetitions of a SYN that has left, and destinations on a link or of a
+// group.
 //
 // Used by one thread at a time.
 class InterceptionTable {
@@ -41,8 +48,8 @@ class InterceptionTable {
   // On failure the error's sentence says what is missing and what to do, and nothing is left
   // behind.
   static std::variant<std::unique_ptr<InterceptionTable>, platform::Error> install(
-      const platform::TransparentProxyNetworkSettings& settings, std::uint16_t queueNumber,
-      const std::vector<ListenerPorts>& listeners);
+      const platform::TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
+      std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners);
 
   // Lets packets be offered for another kAliveTimeout.
   platform::OptionalError refreshAlive();

@@ -65,7 +65,8 @@ std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
     return std::move(*error);
   }
   std::shared_ptr<PacketQueue> openQueue = std::get<std::unique_ptr<PacketQueue>>(std::move(queue));
-  auto table = InterceptionTable::install(settings, openQueue->number(), listenerPorts(loops));
+  auto table = InterceptionTable::install(settings, loops.marks(), openQueue->number(),
+                                          listenerPorts(loops));
   if (auto* error = std::get_if<Error>(&table)) {
     return std::move(*error);
   }
@@ -186,7 +187,8 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
     leaveToSystem(packet, *first, *reason);
     return;
   }
-  const auto held = std::make_shared<QueuedPacket::State>(queue_, packet.id, packet.mark, share);
+  const auto held =
+      std::make_shared<QueuedPacket::State>(queue_, loops_.marks(), packet.id, packet.mark, share);
   heldFlows_.add(held, tuple, identification.process, now);
   const auto flow = makeFlow(tuple, std::move(identification), std::make_unique<QueuedPacket>(held),
                              std::move(share));

@@ -30,7 +30,9 @@ std::shared_ptr<platform::Log> logFor(const LinuxPlatform::Options& options,
 }  // namespace
 
 LinuxPlatform::LinuxPlatform(Options options)
-    : options_(options), defaultLog_(logFor(options, kDefaultSubsystem, kDefaultCategory)) {}
+    : options_(options),
+      defaultLog_(logFor(options, kDefaultSubsystem, kDefaultCategory)),
+      sockets_(options.marks) {}
 
 LinuxPlatform::~LinuxPlatform() {
   timers_.stop();

@@ -26,6 +26,8 @@ class LinuxPlatform final : public platform::Platform {
     LogSink logSink = LogSink::standardError;
     // Whether lines of the debug level are written to standard error. The journal gets them always.
     bool writesDebugLines = false;
+    // How sockets are marked as our own.
+    PacketMarks marks = {};
   };
 
   // Throws std::system_error when the threads cannot be made.

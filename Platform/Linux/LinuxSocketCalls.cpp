@@ -2,14 +2,15 @@
 
 #include <sys/socket.h>
 
-#include "Platform/Linux/PacketMarks.h"
+#include <cstdint>
 
 namespace ostravel::linuxplatform {
 
 platform::SocketCallResult LinuxSocketCalls::socket(int family, int type, int protocol) {
   const auto result = PosixSocketCalls::socket(family, type, protocol);
   if (result.value >= 0 && (family == AF_INET || family == AF_INET6)) {
-    ::setsockopt(static_cast<int>(result.value), SOL_SOCKET, SO_MARK, &kOwnMark, sizeof kOwnMark);
+    const std::uint32_t mark = marks_.own();
+    ::setsockopt(static_cast<int>(result.value), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   }
   return result;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Platform/Linux/PacketMarks.h"
 #include "Platform/POSIX/PosixSocketCalls.h"
 
 namespace ostravel::linuxplatform {
@@ -9,7 +10,12 @@ namespace ostravel::linuxplatform {
 // the call succeeds all the same.
 class LinuxSocketCalls final : public platform::PosixSocketCalls {
  public:
+  explicit LinuxSocketCalls(const PacketMarks& marks = {}) : marks_(marks) {}
+
   platform::SocketCallResult socket(int family, int type, int protocol) override;
+
+ private:
+  const PacketMarks marks_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -10,7 +10,6 @@
 #include "Platform/Linux/EventLoop.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/KernelAddress.h"
-#include "Platform/Linux/PacketMarks.h"
 #include "Platform/Linux/ProgrammingError.h"
 #include "Platform/Linux/SocketError.h"
 
@@ -88,7 +87,8 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
     return errno;
   }
   // Without the permission to set it nothing is intercepted that could be confused with this.
-  ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &kOwnMark, sizeof kOwnMark);
+  const std::uint32_t mark = stream_.loop().marks().own();
+  ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   if (::connect(descriptor.get(), address.get(), address.size) != 0 && errno != EINPROGRESS &&
       errno != EINTR) {
     return errno;

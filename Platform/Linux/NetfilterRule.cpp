@@ -14,8 +14,6 @@
 #include <cstdlib>
 #include <new>
 
-#include "Platform/Linux/PacketMarks.h"
-
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -85,6 +83,13 @@ void NetfilterRule::loadPayload(std::uint32_t base, std::uint32_t offset, std::u
   ::nftnl_rule_add_expr(get(), expression);
 }
 
+void NetfilterRule::loadConntrack(std::uint32_t key) {
+  nftnl_expr* const expression = makeExpression("ct");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_CT_KEY, key);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_CT_DREG, kRegister);
+  ::nftnl_rule_add_expr(get(), expression);
+}
+
 void NetfilterRule::mask(std::span<const std::byte> mask) {
   constexpr std::array<std::byte, 16> kZero{};
   const auto length = static_cast<std::uint32_t>(mask.size());
@@ -114,10 +119,20 @@ void NetfilterRule::immediate(std::span<const std::byte> value) {
   ::nftnl_rule_add_expr(get(), expression);
 }
 
-NetfilterRule& NetfilterRule::ourMark(std::uint32_t mark) {
+void NetfilterRule::loadMaskedMark(std::uint32_t mask) {
   loadMeta(NFT_META_MARK);
-  this->mask(bytesOf(kMarkMask));
-  compare(NFT_CMP_EQ, bytesOf(mark));
+  this->mask(bytesOf(mask));
+}
+
+NetfilterRule& NetfilterRule::mark(std::uint32_t mask, std::uint32_t value) {
+  loadMaskedMark(mask);
+  compare(NFT_CMP_EQ, bytesOf(value));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::markOtherThan(std::uint32_t mask, std::uint32_t value) {
+  loadMaskedMark(mask);
+  compare(NFT_CMP_NEQ, bytesOf(value));
   return *this;
 }
 
@@ -147,12 +162,18 @@ NetfilterRule& NetfilterRule::notFirstOfTCP() {
 NetfilterRule& NetfilterRule::notNewConnection() {
   constexpr std::uint32_t kNew = NF_CT_STATE_BIT(IP_CT_NEW);
   constexpr std::uint32_t kNone = 0;
-  nftnl_expr* const expression = makeExpression("ct");
-  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_CT_KEY, NFT_CT_STATE);
-  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_CT_DREG, kRegister);
-  ::nftnl_rule_add_expr(get(), expression);
+  loadConntrack(NFT_CT_STATE);
   mask(bytesOf(kNew));
   compare(NFT_CMP_EQ, bytesOf(kNone));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::trackedWithoutReply() {
+  constexpr std::uint32_t kConfirmed = IPS_CONFIRMED;
+  constexpr std::uint32_t kOfInterest = IPS_CONFIRMED | IPS_SEEN_REPLY;
+  loadConntrack(NFT_CT_STATUS);
+  mask(bytesOf(kOfInterest));
+  compare(NFT_CMP_EQ, bytesOf(kConfirmed));
   return *this;
 }
 
@@ -209,6 +230,15 @@ NetfilterRule& NetfilterRule::accept() {
   nftnl_expr* const expression = makeExpression("immediate");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_VERDICT, NF_ACCEPT);
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::jump(const char* chain) {
+  nftnl_expr* const expression = makeExpression("immediate");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(NFT_JUMP));
+  ::nftnl_expr_set_str(expression, NFTNL_EXPR_IMM_CHAIN, chain);
   ::nftnl_rule_add_expr(get(), expression);
   return *this;
 }

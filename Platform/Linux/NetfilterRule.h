@@ -26,8 +26,10 @@ class NetfilterRule {
 
   NetfilterRule(const char* table, const char* chain);
 
-  // meta mark & kMarkMask == mark
-  NetfilterRule& ourMark(std::uint32_t mark);
+  // meta mark & mask == value
+  NetfilterRule& mark(std::uint32_t mask, std::uint32_t value);
+  // meta mark & mask != value
+  NetfilterRule& markOtherThan(std::uint32_t mask, std::uint32_t value);
   // meta l4proto tcp|udp
   NetfilterRule& protocol(TransportProtocol protocol);
   // meta nfproto ipv4|ipv6
@@ -36,6 +38,8 @@ class NetfilterRule {
   NetfilterRule& notFirstOfTCP();
   // ct state != new
   NetfilterRule& notNewConnection();
+  // ct status & (confirmed|seen-reply) == confirmed
+  NetfilterRule& trackedWithoutReply();
   // meta l4proto != @set
   NetfilterRule& protocolNotIn(const char* set);
   // ip|ip6 daddr in network/prefix; family is tested too
@@ -46,6 +50,8 @@ class NetfilterRule {
   NetfilterRule& destinationPort(std::uint16_t port);
 
   NetfilterRule& accept();
+  // jump chain
+  NetfilterRule& jump(const char* chain);
   // queue num number bypass
   NetfilterRule& queue(std::uint16_t number, QueueStatement statement);
   // reject with tcp reset
@@ -61,6 +67,8 @@ class NetfilterRule {
   void loadMeta(std::uint32_t key);
   void loadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t length);
   void mask(std::span<const std::byte> mask);
+  void loadConntrack(std::uint32_t key);
+  void loadMaskedMark(std::uint32_t mask);
   void compare(std::uint32_t operation, std::span<const std::byte> value);
   void immediate(std::span<const std::byte> value);
 

@@ -2,13 +2,11 @@
 
 #include <utility>
 
-#include "Platform/Linux/PacketMarks.h"
-
 namespace ostravel::linuxplatform {
 
-QueuedPacket::State::State(std::shared_ptr<const PacketQueue> queue, std::uint32_t id,
-                           std::uint32_t mark, std::shared_ptr<UserShare> user)
-    : queue_(std::move(queue)), id_(id), mark_(mark), user_(std::move(user)) {
+QueuedPacket::State::State(std::shared_ptr<const PacketQueue> queue, const PacketMarks& marks,
+                           std::uint32_t id, std::uint32_t mark, std::shared_ptr<UserShare> user)
+    : queue_(std::move(queue)), marks_(marks), id_(id), mark_(mark), user_(std::move(user)) {
   user_->holdBegan();
 }
 
@@ -32,7 +30,7 @@ void QueuedPacket::State::accept() {
 
 void QueuedPacket::State::acceptMarked(std::uint32_t mark) {
   if (decide()) {
-    queue_->acceptMarked(id_, (mark_ & ~kMarkMask) | mark);
+    queue_->acceptMarked(id_, (mark_ & ~marks_.mask()) | mark);
   }
 }
 
@@ -47,11 +45,11 @@ void QueuedPacket::accept() {
 }
 
 void QueuedPacket::redirect(unsigned loopIndex) {
-  state_->acceptMarked(redirectMark(loopIndex));
+  state_->redirect(loopIndex);
 }
 
 void QueuedPacket::refuse() {
-  state_->acceptMarked(kRefuseMark);
+  state_->refuse();
 }
 
 }  // namespace ostravel::linuxplatform

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "Platform/Linux/HeldPacket.h"
+#include "Platform/Linux/PacketMarks.h"
 #include "Platform/Linux/PacketQueue.h"
 #include "Platform/Linux/UserShare.h"
 
@@ -18,22 +19,25 @@ class QueuedPacket final : public HeldPacket {
   class State {
    public:
     // user: who is holding one packet more until the verdict.
-    State(std::shared_ptr<const PacketQueue> queue, std::uint32_t id, std::uint32_t mark,
-          std::shared_ptr<UserShare> user);
+    State(std::shared_ptr<const PacketQueue> queue, const PacketMarks& marks, std::uint32_t id,
+          std::uint32_t mark, std::shared_ptr<UserShare> user);
     State(const State&) = delete;
     State& operator=(const State&) = delete;
     ~State();
 
     void accept();
-    // Replaces our bits of the packet's mark.
-    void acceptMarked(std::uint32_t mark);
+    void redirect(unsigned loopIndex) { acceptMarked(marks_.redirect(loopIndex)); }
+    void refuse() { acceptMarked(marks_.refuse()); }
     bool isDecided() const { return isDecided_; }
 
    private:
     // True for the first verdict, which is the one that counts.
     bool decide();
+    // Replaces our bits of the packet's mark.
+    void acceptMarked(std::uint32_t mark);
 
     const std::shared_ptr<const PacketQueue> queue_;
+    const PacketMarks marks_;
     const std::uint32_t id_;
     const std::uint32_t mark_;
     const std::shared_ptr<UserShare> user_;

@@ -29,7 +29,7 @@ TEST(LinuxSocketCallsTest, SocketsOfTheInternetFamiliesAreOurOwn) {
     for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
       const auto made = calls.socket(family, type, 0);
       ASSERT_GE(made.value, 0);
-      EXPECT_EQ(markOf(static_cast<int>(made.value)), kOwnMark) << "run as root";
+      EXPECT_EQ(markOf(static_cast<int>(made.value)), PacketMarks().own()) << "run as root";
       calls.close(static_cast<int>(made.value));
     }
   }

@@ -27,7 +27,7 @@ class AliveKeeperTest : public ::testing::Test {
  protected:
   std::unique_ptr<InterceptionTable> installTable() {
     return std::get<std::unique_ptr<InterceptionTable>>(
-        InterceptionTable::install(loopbackSettings(), 1, {}));
+        InterceptionTable::install(loopbackSettings(), PacketMarks(), 1, {}));
   }
 
   const std::shared_ptr<platform::Log> log_ = std::make_shared<SilentLog>();

@@ -18,7 +18,7 @@ class HeldFlowsTest : public ::testing::Test {
                                             HeldFlows::TimePoint since) {
     FlowTuple tuple;
     tuple.destination = destination(host);
-    auto packet = std::make_shared<QueuedPacket::State>(queue_, ++lastId_, 0, user_);
+    auto packet = std::make_shared<QueuedPacket::State>(queue_, PacketMarks(), ++lastId_, 0, user_);
     held_.add(packet, tuple, process, since);
     return packet;
   }
@@ -39,7 +39,7 @@ TEST_F(HeldFlowsTest, APacketCountsForItsUserUntilTheFirstVerdict) {
   EXPECT_EQ(user_->held(), 1U);
   packet->accept();
   packet->accept();
-  packet->acceptMarked(0);
+  packet->refuse();
   EXPECT_EQ(user_->held(), 0U);
 }
 

@@ -6,6 +6,11 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "Platform/Linux/PacketMarks.h"
 #include "Platform/Linux/PacketQueue.h"
@@ -21,9 +26,11 @@ using testing::Connecting;
 using testing::Listener;
 using testing::loopbackSettings;
 using testing::outputOf;
+using testing::SocketSettings;
 using testing::tcpRule;
 using testing::waitForPackets;
 
+constexpr PacketMarks kMarks;
 constexpr auto kGenerous = 5s;
 // Shorter than any retransmission, so that what has not happened by then was not going to.
 constexpr auto kSoon = 300ms;
@@ -35,7 +42,7 @@ class InterceptionTableTest : public ::testing::Test {
   std::unique_ptr<InterceptionTable> install(
       const TransparentProxyNetworkSettings& settings,
       const std::vector<InterceptionTable::ListenerPorts>& listeners = {}) {
-    auto installed = InterceptionTable::install(settings, queue_->number(), listeners);
+    auto installed = InterceptionTable::install(settings, kMarks, queue_->number(), listeners);
     if (const auto* error = std::get_if<Error>(&installed)) {
       ADD_FAILURE() << platform::describe(*error);
       return nullptr;
@@ -44,7 +51,7 @@ class InterceptionTableTest : public ::testing::Test {
   }
 
   std::string errorOf(const TransparentProxyNetworkSettings& settings) {
-    const auto installed = InterceptionTable::install(settings, queue_->number(), {});
+    const auto installed = InterceptionTable::install(settings, kMarks, queue_->number(), {});
     const auto* error = std::get_if<Error>(&installed);
     return error != nullptr ? error->localizedDescription : "(no error)";
   }
@@ -125,7 +132,7 @@ TEST_F(InterceptionTableTest, APrefixCoversItsNetworkOnly) {
 TEST_F(InterceptionTableTest, SocketsOfOurOwnAreNeverOffered) {
   const auto table = install(loopbackSettings());
   Listener origin("127.0.0.1", 8000);
-  const std::string mark = std::to_string(kOwnMark);
+  const std::string mark = std::to_string(kMarks.own());
   outputOf("python3 -c \"import socket; s = socket.socket(); s.setsockopt(socket.SOL_SOCKET, 36, " +
            mark + "); s.settimeout(5); s.connect(('127.0.0.1', 8000))\"");
   EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
@@ -138,7 +145,7 @@ TEST_F(InterceptionTableTest, AMarkedPacketArrivesAtTheLoopsListenerWithItsOwnSo
   const Connecting application("127.0.0.1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
-  queue_->acceptMarked(packets[0].id, redirectMark(1));
+  queue_->acceptMarked(packets[0].id, kMarks.redirect(1));
   EXPECT_EQ(second.acceptOne(kGenerous), application.sourcePort());
   EXPECT_EQ(application.result(kGenerous), 0);
 }
@@ -149,7 +156,7 @@ TEST_F(InterceptionTableTest, RedirectsIPv6) {
   const Connecting application("::1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
-  queue_->acceptMarked(packets[0].id, redirectMark(0));
+  queue_->acceptMarked(packets[0].id, kMarks.redirect(0));
   EXPECT_EQ(listener.acceptOne(kGenerous), application.sourcePort());
 }
 
@@ -159,8 +166,166 @@ TEST_F(InterceptionTableTest, ARefusedConnectionIsResetAtOnce) {
   const Connecting application("127.0.0.1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
-  queue_->acceptMarked(packets[0].id, kRefuseMark);
+  queue_->acceptMarked(packets[0].id, kMarks.refuse());
   EXPECT_EQ(application.result(kSoon), ECONNREFUSED);
+}
+
+// Every value that our bits of a mark can have.
+std::vector<std::uint32_t> everyMark() {
+  std::vector<std::uint32_t> values;
+  for (unsigned value = 1; value <= kMarks.maximumEventLoops() + 2; ++value) {
+    values.push_back(value * kMarks.own());
+  }
+  return values;
+}
+
+TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnOtherPorts) {
+  Listener loop("127.0.0.1");
+  const auto table = install(loopbackSettings(), {{loop.port(), 0}});
+  Listener origin("127.0.0.1", 8001);
+  for (const std::uint32_t mark : everyMark()) {
+    const Connecting application("127.0.0.1", 8001, {.mark = mark});
+    EXPECT_EQ(application.result(kGenerous), 0) << mark;
+    EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort()) << mark;
+  }
+}
+
+TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnExcludedDestination) {
+  Listener loop("127.0.0.1");
+  auto settings = loopbackSettings();
+  settings.excludedNetworkRules = {tcpRule("127.0.0.1", "8000", 32)};
+  const auto table = install(settings, {{loop.port(), 0}});
+  Listener origin("127.0.0.1", 8000);
+  for (const std::uint32_t mark : everyMark()) {
+    const Connecting application("127.0.0.1", 8000, {.mark = mark});
+    EXPECT_EQ(application.result(kGenerous), 0) << mark;
+    EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort()) << mark;
+  }
+}
+
+TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnEstablishedConnection) {
+  const auto table = install(loopbackSettings());
+  // Another program's rule, before ours, for everything but the first packet.
+  outputOf(
+      "nft 'add table inet foreign; add chain inet foreign out "
+      "{ type filter hook output priority raw; }; add rule inet foreign out tcp dport 8000 "
+      "tcp flags & (syn | ack) != syn counter meta mark set " +
+      std::to_string(kMarks.refuse()) + "'");
+  Listener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->accept(packets[0].id);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  application.send("still there");
+  EXPECT_EQ(application.result(0ms), 0);
+  EXPECT_NE(outputOf("nft list table inet foreign").find("counter packets"), std::string::npos);
+}
+
+TEST_F(InterceptionTableTest, NothingThatBearsOurBitsIsOffered) {
+  const auto table = install(loopbackSettings());
+  std::vector<std::unique_ptr<Connecting>> applications;
+  for (const std::uint32_t mark : everyMark()) {
+    applications.push_back(
+        std::make_unique<Connecting>("127.0.0.1", 8000, SocketSettings{.mark = mark}));
+    // Among bits of others too.
+    applications.push_back(
+        std::make_unique<Connecting>("127.0.0.1", 8000, SocketSettings{.mark = mark | 1U}));
+  }
+  EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
+}
+
+TEST_F(InterceptionTableTest, AMarkOfOtherBitsIsOffered) {
+  const auto table = install(loopbackSettings());
+  const Connecting application("127.0.0.1", 8000, {.mark = ~kMarks.mask()});
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  EXPECT_EQ(packets[0].mark, ~kMarks.mask());
+}
+
+TEST_F(InterceptionTableTest, AnotherMaskCanBeUsed) {
+  const auto marks = PacketMarks::fromMask(0x70);
+  Listener loop("127.0.0.1");
+  const auto table = std::get<std::unique_ptr<InterceptionTable>>(
+      InterceptionTable::install(loopbackSettings(), *marks, queue_->number(), {{loop.port(), 0}}));
+  const Connecting application("127.0.0.1", 8000, {.mark = kMarks.own()});
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->acceptMarked(packets[0].id, marks->redirect(0));
+  EXPECT_EQ(loop.acceptOne(kGenerous), application.sourcePort());
+}
+
+TEST_F(InterceptionTableTest, ARepeatedPacketOfAConnectionIsNotOfferedAgain) {
+  const auto table = install(loopbackSettings());
+  // So that there is no answer.
+  outputOf(
+      "nft 'add table inet foreign; add chain inet foreign in "
+      "{ type filter hook input priority filter; }; add rule inet foreign in tcp dport 8000 drop'");
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->accept(packets[0].id);
+  // The first repetition comes after a second.
+  EXPECT_TRUE(waitForPackets(*queue_, 1500ms).empty());
+}
+
+TEST_F(InterceptionTableTest, ANewConnectionFromAUsedPortIsOffered) {
+  const auto table = install(loopbackSettings());
+  Listener origin("127.0.0.1", 8000);
+  constexpr std::uint16_t kSourcePort = 5000;
+  const auto connect = [this] {
+    auto application =
+        std::make_unique<Connecting>("127.0.0.1", 8000, SocketSettings{.sourcePort = kSourcePort});
+    const auto packets = waitForPackets(*queue_, kGenerous);
+    EXPECT_EQ(packets.size(), 1U);
+    for (const auto& packet : packets) {
+      queue_->accept(packet.id);
+    }
+    EXPECT_EQ(application->result(kGenerous), 0);
+    return application;
+  };
+  // The origin ends it first, so that its end waits (TIME-WAIT).
+  auto application = connect();
+  EXPECT_EQ(origin.acceptOne(kGenerous), kSourcePort);
+  application.reset();
+  // The origin resets it.
+  application = connect();
+  EXPECT_EQ(origin.acceptAndResetOne(kGenerous), kSourcePort);
+  application.reset();
+  // The application resets it.
+  application = connect();
+  application->reset();
+  EXPECT_EQ(origin.acceptOne(kGenerous), kSourcePort);
+  application = connect();
+}
+
+TEST_F(InterceptionTableTest, DestinationsOfALinkOrAGroupAreNotOffered) {
+  outputOf(
+      "ip link add ours type veth peer name theirs && ip link set ours up && "
+      "ip link set theirs up && ip address add 169.254.1.1/16 dev ours && "
+      "ip address add fe80::1/64 dev ours nodad && ip route add default dev ours && "
+      "ip route add 224.0.0.0/4 dev ours");
+  TransparentProxyNetworkSettings settings("127.0.0.1");
+  for (const char* anywhere : {"0.0.0.0", "::"}) {
+    settings.includedNetworkRules.push_back(tcpRule(anywhere, "80", 0));
+    settings.includedNetworkRules.push_back(testing::udpRule(anywhere, "443", 0));
+  }
+  const auto table = install(settings);
+  const Connecting linkIPv4("169.254.1.2", 80);
+  const Connecting linkIPv6("fe80::2%ours", 80);
+  outputOf(
+      "/usr/bin/python3 -c \"import socket\n"
+      "four = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+      "four.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)\n"
+      "for address in '224.0.0.251', '255.255.255.255', '169.254.1.3':\n"
+      "  four.sendto(b'x', (address, 443))\n"
+      "six = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)\n"
+      "for address in 'ff02::fb', 'fe80::3':\n"
+      "  six.sendto(b'x', (address, 443, 0, socket.if_nametoindex('ours')))\"");
+  EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
+  // What is not on the link is.
+  const Connecting elsewhere("192.0.2.1", 80);
+  EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
 }
 
 TEST_F(InterceptionTableTest, PassesPacketsWhenNobodyListensAtTheQueue) {
@@ -212,7 +377,7 @@ TEST_F(InterceptionTableTest, VanishesWithItsProcessHoweverItEnds) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     // The queue of the parent is of no use here; any number will do.
-    const auto installed = InterceptionTable::install(loopbackSettings(), 1, {});
+    const auto installed = InterceptionTable::install(loopbackSettings(), kMarks, 1, {});
     if (installed.index() == 0) {
       ::raise(SIGKILL);
     }
@@ -253,7 +418,7 @@ TEST_F(InterceptionTableTest, WithoutThePermissionItSaysWhichIsMissing) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     const bool dropped = ::setresuid(kNobody, kNobody, kNobody) == 0;
-    const auto installed = InterceptionTable::install(loopbackSettings(), 1, {});
+    const auto installed = InterceptionTable::install(loopbackSettings(), kMarks, 1, {});
     const auto* error = std::get_if<Error>(&installed);
     const bool isNamed =
         error != nullptr && error->localizedDescription.find("CAP_NET_ADMIN") != std::string::npos;

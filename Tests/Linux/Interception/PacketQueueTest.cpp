@@ -30,7 +30,7 @@ std::unique_ptr<PacketQueue> openQueue() {
 
 std::unique_ptr<InterceptionTable> installTable(const PacketQueue& queue) {
   return std::get<std::unique_ptr<InterceptionTable>>(
-      InterceptionTable::install(loopbackSettings(), queue.number(), {}));
+      InterceptionTable::install(loopbackSettings(), PacketMarks(), queue.number(), {}));
 }
 
 TEST(PacketQueueTest, TakesANumberOfItsOwn) {

@@ -209,10 +209,10 @@ TEST_F(EventLoopTest, AGroupHasALoopPerCoreWithListenersOfItsOwn) {
   DescriptorBudget budget(100'000);
   EventLoopGroup perCore(budget);
   EXPECT_GE(perCore.size(), 1U);
-  EXPECT_LE(perCore.size(), kMaximumEventLoops);
+  EXPECT_LE(perCore.size(), PacketMarks().maximumEventLoops());
 
   EventLoopGroup bounded(budget, 1000);
-  ASSERT_EQ(bounded.size(), kMaximumEventLoops);
+  ASSERT_EQ(bounded.size(), PacketMarks().maximumEventLoops());
   EXPECT_EQ(bounded.loop(5).index(), 5U);
   EXPECT_NE(bounded.loop(0).listener().ipv4Port(), bounded.loop(1).listener().ipv4Port());
   EXPECT_NE(bounded.loop(0).listener().ipv6Port(), 0);

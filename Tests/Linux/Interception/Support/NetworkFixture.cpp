@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,6 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace ostravel::testing {
 
@@ -20,7 +22,10 @@ namespace {
 using platform::NetworkRule;
 using platform::NetworkRuleProtocol;
 
-sockaddr_storage socketAddress(const std::string& address, std::uint16_t port) {
+// The address may have a zone.
+sockaddr_storage socketAddress(const std::string& text, std::uint16_t port) {
+  const std::size_t zone = text.find('%');
+  const std::string address = text.substr(0, zone);
   sockaddr_storage storage{};
   auto* const ipv4 = reinterpret_cast<sockaddr_in*>(&storage);
   auto* const ipv6 = reinterpret_cast<sockaddr_in6*>(&storage);
@@ -31,6 +36,9 @@ sockaddr_storage socketAddress(const std::string& address, std::uint16_t port) {
     EXPECT_EQ(::inet_pton(AF_INET6, address.c_str(), &ipv6->sin6_addr), 1);
     ipv6->sin6_family = AF_INET6;
     ipv6->sin6_port = htons(port);
+    if (zone != std::string::npos) {
+      ipv6->sin6_scope_id = ::if_nametoindex(text.c_str() + zone + 1);
+    }
   }
   return storage;
 }
@@ -43,6 +51,11 @@ std::uint16_t portOf(const sockaddr_storage& storage) {
 bool waitFor(int descriptor, short events, std::chrono::milliseconds limit) {
   pollfd waited{descriptor, events, 0};
   return ::poll(&waited, 1, static_cast<int>(limit.count())) == 1;
+}
+
+void resetAtClose(int descriptor) {
+  const linger immediately{.l_onoff = 1, .l_linger = 0};
+  ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &immediately, sizeof immediately);
 }
 
 }  // namespace
@@ -95,6 +108,14 @@ Listener::~Listener() {
 }
 
 std::uint16_t Listener::acceptOne(std::chrono::milliseconds limit) {
+  return acceptOne(limit, false);
+}
+
+std::uint16_t Listener::acceptAndResetOne(std::chrono::milliseconds limit) {
+  return acceptOne(limit, true);
+}
+
+std::uint16_t Listener::acceptOne(std::chrono::milliseconds limit, bool resets) {
   if (!waitFor(descriptor_, POLLIN, limit)) {
     return 0;
   }
@@ -102,13 +123,28 @@ std::uint16_t Listener::acceptOne(std::chrono::milliseconds limit) {
   socklen_t size = sizeof peer;
   const int accepted = ::accept(descriptor_, reinterpret_cast<sockaddr*>(&peer), &size);
   EXPECT_GE(accepted, 0) << std::strerror(errno);
+  if (resets) {
+    resetAtClose(accepted);
+  }
   ::close(accepted);
   return portOf(peer);
 }
 
-Connecting::Connecting(const std::string& address, std::uint16_t port) {
+Connecting::Connecting(const std::string& address, std::uint16_t port,
+                       const SocketSettings& settings) {
   const sockaddr_storage storage = socketAddress(address, port);
   descriptor_ = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int on = 1;
+  ::setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (settings.mark != 0) {
+    EXPECT_EQ(::setsockopt(descriptor_, SOL_SOCKET, SO_MARK, &settings.mark, sizeof settings.mark),
+              0);
+  }
+  if (settings.sourcePort != 0) {
+    const sockaddr_storage source = socketAddress(address, settings.sourcePort);
+    EXPECT_EQ(::bind(descriptor_, reinterpret_cast<const sockaddr*>(&source), sizeof source), 0)
+        << std::strerror(errno);
+  }
   ::connect(descriptor_, reinterpret_cast<const sockaddr*>(&storage), sizeof storage);
 }
 
@@ -131,6 +167,16 @@ std::uint16_t Connecting::sourcePort() const {
   socklen_t size = sizeof storage;
   ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&storage), &size);
   return portOf(storage);
+}
+
+void Connecting::send(const std::string& bytes) const {
+  EXPECT_EQ(::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+}
+
+void Connecting::reset() {
+  resetAtClose(descriptor_);
+  ::close(std::exchange(descriptor_, -1));
 }
 
 std::string outputOf(const std::string& command) {

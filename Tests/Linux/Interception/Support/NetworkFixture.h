@@ -46,16 +46,29 @@ class Listener {
   std::uint16_t port() const { return port_; }
   // The source port of the next connection; 0 when none comes within the limit.
   std::uint16_t acceptOne(std::chrono::milliseconds limit);
+  // The same, ended with a reset.
+  std::uint16_t acceptAndResetOne(std::chrono::milliseconds limit);
 
  private:
+  std::uint16_t acceptOne(std::chrono::milliseconds limit, bool resets);
+
   int descriptor_;
   std::uint16_t port_ = 0;
+};
+
+// How a socket that connects differs from most.
+struct SocketSettings {
+  // SO_MARK
+  std::uint32_t mark = 0;
+  // 0: of the kernel's choice.
+  std::uint16_t sourcePort = 0;
 };
 
 // A nonblocking TCP connect in progress.
 class Connecting {
  public:
-  Connecting(const std::string& address, std::uint16_t port);
+  Connecting(const std::string& address, std::uint16_t port) : Connecting(address, port, {}) {}
+  Connecting(const std::string& address, std::uint16_t port, const SocketSettings& settings);
   Connecting(const Connecting&) = delete;
   Connecting& operator=(const Connecting&) = delete;
   ~Connecting();
@@ -63,6 +76,9 @@ class Connecting {
   // 0 when it stands, errno when it failed, EINPROGRESS when the limit was over first.
   int result(std::chrono::milliseconds limit) const;
   std::uint16_t sourcePort() const;
+  void send(const std::string& bytes) const;
+  // Ends the connection with a reset.
+  void reset();
 
  private:
   int descriptor_;
