@@ -32,6 +32,9 @@ constexpr std::uint32_t kCopiedBytes = 256;
 // exceeds it passes unseen.
 constexpr std::uint32_t kMaximumHeldPackets = 256;
 
+// A verdict that the kernel has no memory for is repeated this often before it has to wait.
+constexpr int kAttemptsAtOnce = 4;
+
 constexpr std::size_t kMessageBuffer = 8192;
 // Room for every packet that may be held, with the kernel's own overhead.
 constexpr int kReceiveBuffer = 1024 * 1024;
@@ -96,7 +99,7 @@ Error explain(int error) {
 
 }  // namespace
 
-std::variant<std::unique_ptr<PacketQueue>, Error> PacketQueue::open() {
+std::variant<std::unique_ptr<PacketQueue>, Error> PacketQueue::open(Send send) {
   auto socket = openNetfilterSocket();
   if (!socket) {
     return explain(errno);
@@ -113,15 +116,19 @@ std::variant<std::unique_ptr<PacketQueue>, Error> PacketQueue::open() {
     }
     if (error == 0) {
       setSocketOptions(::mnl_socket_get_fd(socket.get()));
-      return std::unique_ptr<PacketQueue>(new PacketQueue(std::move(socket), number));
+      return std::unique_ptr<PacketQueue>(
+          new PacketQueue(std::move(socket), number, std::move(send)));
     }
     break;
   }
   return explain(error);
 }
 
-PacketQueue::PacketQueue(NetlinkSocket socket, std::uint16_t number)
-    : socket_(std::move(socket)), number_(number), buffer_(kMessageBuffer) {}
+PacketQueue::PacketQueue(NetlinkSocket socket, std::uint16_t number, Send send)
+    : socket_(std::move(socket)),
+      number_(number),
+      send_(std::move(send)),
+      buffer_(kMessageBuffer) {}
 
 int PacketQueue::descriptor() const {
   return ::mnl_socket_get_fd(socket_.get());
@@ -166,24 +173,40 @@ bool PacketQueue::receive(const std::function<void(const Packet&)>& handler) {
   return true;
 }
 
-void PacketQueue::accept(std::uint32_t id) const {
-  alignas(nlmsghdr) MessageBuffer buffer{};
-  nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
-  ::nfq_nlmsg_verdict_put(header, static_cast<int>(id), NF_ACCEPT);
-  send(header);
+int PacketQueue::sendNow(mnl_socket* socket, const nlmsghdr* message) {
+  return ::mnl_socket_sendto(socket, message, message->nlmsg_len) < 0 ? errno : 0;
 }
 
-void PacketQueue::acceptMarked(std::uint32_t id, std::uint32_t mark) const {
-  alignas(nlmsghdr) MessageBuffer buffer{};
-  nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
-  ::nfq_nlmsg_verdict_put(header, static_cast<int>(id), NF_ACCEPT);
-  ::nfq_nlmsg_verdict_put_mark(header, mark);
-  send(header);
+void PacketQueue::give(const Verdict& verdict) const {
+  for (int attempt = 0; attempt < kAttemptsAtOnce; ++attempt) {
+    if (tryToGive(verdict)) {
+      return;
+    }
+  }
+  const std::lock_guard guard(unsentLock_);
+  unsent_.push_back(verdict);
+  hasUnsent_ = true;
 }
 
-void PacketQueue::send(const nlmsghdr* header) const {
-  // Fails only for a packet that is gone, which then needs no verdict.
-  static_cast<void>(::mnl_socket_sendto(socket_.get(), header, header->nlmsg_len));
+bool PacketQueue::tryToGive(const Verdict& verdict) const {
+  alignas(nlmsghdr) MessageBuffer buffer{};
+  nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
+  ::nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id), NF_ACCEPT);
+  if (verdict.mark) {
+    ::nfq_nlmsg_verdict_put_mark(header, *verdict.mark);
+  }
+  const int error = send_(socket_.get(), header);
+  // Anything else says that the packet is gone, and needs no verdict any more.
+  return error != ENOBUFS && error != ENOMEM && error != EAGAIN && error != EINTR;
+}
+
+void PacketQueue::retryUnsent() const {
+  if (!hasUnsent_) {
+    return;
+  }
+  const std::lock_guard guard(unsentLock_);
+  std::erase_if(unsent_, [this](const Verdict& verdict) { return tryToGive(verdict); });
+  hasUnsent_ = !unsent_.empty();
 }
 
 }  // namespace ostravel::linuxplatform

@@ -2,10 +2,12 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <variant>
@@ -35,8 +37,12 @@ class PacketQueue {
     std::span<const std::byte> bytes;
   };
 
+  // Gives a message to the kernel: 0, or what went wrong.
+  using Send = std::function<int(mnl_socket*, const nlmsghdr*)>;
+  static int sendNow(mnl_socket* socket, const nlmsghdr* message);
+
   // Takes the first free queue number from a fixed range.
-  static std::variant<std::unique_ptr<PacketQueue>, platform::Error> open();
+  static std::variant<std::unique_ptr<PacketQueue>, platform::Error> open(Send send = &sendNow);
 
   std::uint16_t number() const { return number_; }
   int descriptor() const;
@@ -44,18 +50,36 @@ class PacketQueue {
   // Hands over the packets of one message; false, at once, when there is none.
   bool receive(const std::function<void(const Packet&)>& handler);
 
-  // The two verdicts: the packet goes on as it is, or with a new mark.
-  void accept(std::uint32_t id) const;
-  void acceptMarked(std::uint32_t id, std::uint32_t mark) const;
+  // The two verdicts: the packet goes on as it is, or with a new mark. One that the kernel does not
+  // take for lack of memory is kept until retryUnsent().
+  void accept(std::uint32_t id) const { give({id, std::nullopt}); }
+  void acceptMarked(std::uint32_t id, std::uint32_t mark) const { give({id, mark}); }
+
+  // Gives the verdicts again that the kernel has not taken. To be called now and then; cheap when
+  // there are none.
+  void retryUnsent() const;
 
  private:
-  PacketQueue(NetlinkSocket socket, std::uint16_t number);
+  // At most one for each packet that is held.
+  struct Verdict {
+    std::uint32_t id = 0;
+    std::optional<std::uint32_t> mark;
+  };
 
-  void send(const nlmsghdr* header) const;
+  PacketQueue(NetlinkSocket socket, std::uint16_t number, Send send);
+
+  void give(const Verdict& verdict) const;
+  // False: the kernel may take it later.
+  bool tryToGive(const Verdict& verdict) const;
 
   NetlinkSocket socket_;
   std::uint16_t number_;
+  const Send send_;
   std::vector<char> buffer_;
+  mutable std::atomic<bool> hasUnsent_ = false;
+  mutable std::mutex unsentLock_;
+  // Guarded by unsentLock_.
+  mutable std::vector<Verdict> unsent_;
 };
 
 }  // namespace ostravel::linuxplatform

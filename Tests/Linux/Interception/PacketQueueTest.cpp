@@ -83,6 +83,63 @@ TEST(PacketQueueTest, LetsPacketsPassUnseenWhenItIsFull) {
   EXPECT_EQ(applications.front()->result(0ms), EINPROGRESS);
 }
 
+TEST(PacketQueueTest, AVerdictThatTheKernelDoesNotTakeIsRepeatedAtOnce) {
+  for (const int failure : {ENOBUFS, ENOMEM, EAGAIN, EINTR}) {
+    int failures = 2;
+    const auto queue = std::get<std::unique_ptr<PacketQueue>>(
+        PacketQueue::open([&failures, failure](mnl_socket* socket, const nlmsghdr* message) {
+          return failures-- > 0 ? failure : PacketQueue::sendNow(socket, message);
+        }));
+    const auto table = installTable(*queue);
+    Listener origin("127.0.0.1", 8000);
+    const Connecting application("127.0.0.1", 8000);
+    const auto packets = waitForPackets(*queue, kGenerous);
+    ASSERT_EQ(packets.size(), 1U);
+    queue->accept(packets[0].id);
+    EXPECT_EQ(application.result(kGenerous), 0) << failure;
+  }
+}
+
+TEST(PacketQueueTest, AVerdictThatTheKernelGoesOnNotTakingIsGivenLater) {
+  bool isOutOfMemory = true;
+  const auto queue = std::get<std::unique_ptr<PacketQueue>>(
+      PacketQueue::open([&isOutOfMemory](mnl_socket* socket, const nlmsghdr* message) {
+        return isOutOfMemory ? ENOBUFS : PacketQueue::sendNow(socket, message);
+      }));
+  const auto table = installTable(*queue);
+  Listener origin("127.0.0.1", 8000);
+  const Connecting first("127.0.0.1", 8000);
+  const Connecting second("127.0.0.1", 8000);
+  std::vector<testing::OfferedPacket> packets;
+  while (packets.size() < 2) {
+    const auto more = waitForPackets(*queue, kGenerous);
+    ASSERT_FALSE(more.empty());
+    packets.insert(packets.end(), more.begin(), more.end());
+  }
+  queue->accept(packets[0].id);
+  // Refused, to see that the mark is remembered too.
+  queue->acceptMarked(packets[1].id, PacketMarks().refuse());
+  queue->retryUnsent();
+  EXPECT_EQ(first.result(0ms), EINPROGRESS);
+  EXPECT_EQ(second.result(0ms), EINPROGRESS);
+  isOutOfMemory = false;
+  queue->retryUnsent();
+  EXPECT_EQ(first.result(kGenerous), 0);
+  EXPECT_EQ(second.result(kGenerous), ECONNREFUSED);
+}
+
+TEST(PacketQueueTest, AVerdictOnAPacketThatIsGoneIsNotRepeated) {
+  int sent = 0;
+  const auto queue = std::get<std::unique_ptr<PacketQueue>>(
+      PacketQueue::open([&sent](mnl_socket* /*socket*/, const nlmsghdr* /*message*/) {
+        ++sent;
+        return ENOENT;
+      }));
+  queue->accept(1);
+  queue->retryUnsent();
+  EXPECT_EQ(sent, 1);
+}
+
 TEST(PacketQueueTest, WhatIsHeldWhenItEndsGoesDirectOnItsRetransmission) {
   auto queue = openQueue();
   const auto table = installTable(*queue);
