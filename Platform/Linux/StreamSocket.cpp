@@ -338,7 +338,10 @@ int StreamSocket::sendChunk() {
     }
     if (count > 0) {
       sent_ += static_cast<std::size_t>(count);
-    } else if (count < 0 && errno != EINTR) {
+    } else if (count == 0) {
+      // Neither call says that to bytes that are there. Asking again could go on for ever.
+      return EIO;
+    } else if (errno != EINTR) {
       return errno;
     }
   }

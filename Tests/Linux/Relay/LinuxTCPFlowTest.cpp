@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "Platform/Linux/PipeChunk.h"
 #include "Tests/Linux/Relay/Support/RelayTest.h"
 
 namespace ostravel::linuxplatform::test {
@@ -32,10 +33,6 @@ class LinuxTCPFlowTest : public RelayTest {
     made.flow->read(std::move(completion));
     EXPECT_EQ(made.verdict->wait(), "redirect 0");
     return {std::move(made.flow), std::move(application), std::move(future)};
-  }
-
-  int arrive(ApplicationSocket& application) {
-    return application.connectTo("127.0.0.1", loop().listener().ipv4Port());
   }
 
   // Of an application that is somewhere, whatever its port.
@@ -109,13 +106,29 @@ TEST_F(LinuxTCPFlowTest, AnEmptyWriteSucceeds) {
   EXPECT_FALSE(write(*carried.flow, ""));
 }
 
+TEST_F(LinuxTCPFlowTest, AWriteOfBytesThatAreNotThereFails) {
+  const CarriedFlow carried = carryFlow();
+  auto chunk = onLoop([this] {
+    auto pipe = loop().pipes().take();
+    EXPECT_TRUE(pipe);
+    // An empty pipe without a writer has come to its end.
+    pipe->writeEnd = FileDescriptor();
+    return std::make_unique<PipeChunk>(loop().pipes(), *std::move(pipe), 10);
+  });
+  auto [completion, future] = errorCompletion();
+  carried.flow->write(Data(std::move(chunk)), std::move(completion));
+  const auto error = waitFor(std::move(future));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, EIO);
+}
+
 TEST_F(LinuxTCPFlowTest, CarriesBytesOverIPv6) {
   ApplicationSocket application(kApplicationIPv6);
   const Flow made = makeFlow(application.local());
   auto [completion, future] = readCompletion();
   made.flow->read(std::move(completion));
   made.verdict->wait();
-  ASSERT_EQ(application.connectTo("::1", loop().listener().ipv6Port()), 0);
+  ASSERT_EQ(arrive(application), 0);
   application.send("over IPv6");
   EXPECT_EQ(waitFor(std::move(future)).bytes, "over IPv6");
 }
