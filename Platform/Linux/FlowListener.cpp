@@ -2,6 +2,7 @@
 
 #include <linux/netfilter_ipv4.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -23,8 +24,8 @@ constexpr SocketEndpoint kIPv4Loopback{AddressFamily::ipv4, {127, 0, 0, 1}, 0};
 constexpr SocketEndpoint kIPv6Loopback{
     AddressFamily::ipv6, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0};
 
-// Where a redirected connection was going. Absent when the kernel does not track the connection;
-// what comes to us directly is going to our own listener.
+// Where a redirected connection was going. Absent when the kernel does not track the connection, so
+// that it cannot have been redirected; what comes to us directly is going to our own listener.
 std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily family) {
   KernelAddress address;
   // The IPv6 option has the same number (linux/netfilter_ipv6/ip6_tables.h).
@@ -33,6 +34,17 @@ std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily 
     return std::nullopt;
   }
   return address.endpoint();
+}
+
+// Inherited by the sockets that are accepted.
+void keepAlive(int listener) {
+  const auto set = [listener](int level, int option, int value) {
+    ::setsockopt(listener, level, option, &value, sizeof value);
+  };
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPIDLE, static_cast<int>(limits::kKeepAliveIdle.count()));
+  set(IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(limits::kKeepAliveInterval.count()));
+  set(IPPROTO_TCP, TCP_KEEPCNT, limits::kKeepAliveProbes);
 }
 
 void resetConnection(FileDescriptor connection) {
@@ -63,6 +75,7 @@ void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
   // Accepted sockets inherit the mark. Without the permission to set it nothing is intercepted.
   const std::uint32_t mark = loop_.marks().own();
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
+  keepAlive(descriptor.get());
   KernelAddress bound;
   if (::bind(descriptor.get(), wanted.get(), wanted.size) != 0 ||
       ::listen(descriptor.get(), limits::kListenBacklog) != 0 ||
@@ -158,8 +171,11 @@ void FlowListener::keep(const std::shared_ptr<Waiter>& waiter) {
 std::shared_ptr<FlowListener::Waiter> FlowListener::take(int descriptor,
                                                          const SocketEndpoint& peer) {
   const auto destination = originalDestination(descriptor, peer.family);
-  auto found = find(peer, destination ? &*destination : nullptr);
-  if (found == expected_.end() && destination) {
+  if (!destination) {
+    return nullptr;
+  }
+  auto found = find(peer, *destination);
+  if (found == expected_.end()) {
     found = findRenumbered(peer, *destination);
   }
   if (found == expected_.end()) {
@@ -171,11 +187,11 @@ std::shared_ptr<FlowListener::Waiter> FlowListener::take(int descriptor,
 }
 
 FlowListener::Expected::iterator FlowListener::find(const SocketEndpoint& peer,
-                                                    const SocketEndpoint* destination) {
+                                                    const SocketEndpoint& destination) {
   const auto [begin, end] = expected_.equal_range(peer);
-  const auto found = std::find_if(begin, end, [destination](const auto& entry) {
+  const auto found = std::find_if(begin, end, [&destination](const auto& entry) {
     const auto waiter = entry.second.waiter.lock();
-    return waiter && (destination == nullptr || waiter->tuple().destination == *destination);
+    return waiter && waiter->tuple().destination == destination;
   });
   return found == end ? expected_.end() : found;
 }

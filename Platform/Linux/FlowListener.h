@@ -14,8 +14,9 @@
 namespace ostravel::linuxplatform {
 
 // Where the connections of released flows arrive: a listener on the loopback address of each
-// family. The kernel redirects them with the application's own address kept, by which they are
-// matched with the flow that waits for them; a connection that nobody waits for is reset.
+// family. The kernel redirects them with the application's own address kept, by which, together
+// with where they were going, they are matched with the flow that waits for them; a connection that
+// nobody waits for, or that was not redirected, is reset.
 //
 // Owned by its event loop. Everything except the ports is for the loop's thread.
 class FlowListener {
@@ -83,7 +84,7 @@ class FlowListener {
   void acceptSome(Socket& listener);
   void handOver(int descriptor, const SocketEndpoint& peer);
   std::shared_ptr<Waiter> take(int descriptor, const SocketEndpoint& peer);
-  Expected::iterator find(const SocketEndpoint& peer, const SocketEndpoint* destination);
+  Expected::iterator find(const SocketEndpoint& peer, const SocketEndpoint& destination);
   Expected::iterator findRenumbered(const SocketEndpoint& peer, const SocketEndpoint& destination);
   Expected::iterator find(const Deadline& deadline);
   void waitForDeadline();

@@ -48,6 +48,14 @@ inline constexpr int kListenBacklog = 4096;
 // back when tunnels end, of which the kernel does not tell.
 inline constexpr auto kAcceptPause = 100ms;
 
+// An idle tunnel sends something before conntrack forgets it, which it does after a few minutes on
+// some systems (nf_conntrack_tcp_timeout_established): without its entry a connection is not
+// redirected any more, and dies. Its peer is this machine, which answers as long as the socket is
+// open; that it does not for ten minutes means that it cannot be reached any more.
+inline constexpr auto kKeepAliveIdle = 90s;
+inline constexpr auto kKeepAliveInterval = 30s;
+inline constexpr int kKeepAliveProbes = 20;
+
 // A socket that was closed in order discards what its peer still sends: first for this long, and
 // after that until the peer's kernel has acknowledged everything, looked at after twice the time
 // each, but not longer than the bound.

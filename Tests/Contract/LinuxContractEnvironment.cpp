@@ -1,16 +1,21 @@
 #include "Tests/Contract/LinuxContractEnvironment.h"
 
-#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include <cstdint>
 #include <future>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
+#include <variant>
+#include <vector>
 
 #include "Platform/Linux/EventLoop.h"
 #include "Platform/Linux/FlowListener.h"
 #include "Platform/Linux/FlowTuple.h"
 #include "Platform/Linux/HeldPacket.h"
+#include "Platform/Linux/KernelAddress.h"
 #include "Platform/Linux/LinuxTCPFlow.h"
 #include "Tests/Contract/ContractPlatforms.h"
 
@@ -33,6 +38,30 @@ const PlatformRegistration kRegistration("Linux", [] {
   return std::make_unique<LinuxContractEnvironment>();
 });
 
+// Where the applications are going as far as the kernel knows.
+constexpr linuxplatform::SocketEndpoint kTracedDestination{
+    linuxplatform::AddressFamily::ipv4, {127, 0, 113, 7}, 443};
+
+// Redirects packets with a loop's mark to that loop.
+std::unique_ptr<linuxplatform::InterceptionTable> installTable(
+    linuxplatform::EventLoopGroup& loops) {
+  platform::TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {
+      {{kTracedDestination.addressText(), std::to_string(kTracedDestination.port)},
+       32,
+       platform::NetworkRuleProtocol::tcp}};
+  std::vector<linuxplatform::InterceptionTable::ListenerPorts> listeners;
+  for (unsigned index = 0; index < loops.size(); ++index) {
+    listeners.push_back({loops.loop(index).listener().ipv4Port(), 0});
+  }
+  // Nobody listens at the queue.
+  auto installed = linuxplatform::InterceptionTable::install(settings, loops.marks(), 0, listeners);
+  if (const auto* error = std::get_if<platform::Error>(&installed)) {
+    throw std::runtime_error(error->localizedDescription);
+  }
+  return std::get<std::unique_ptr<linuxplatform::InterceptionTable>>(std::move(installed));
+}
+
 // The held SYN of a played application.
 class PlayedPacket final : public linuxplatform::HeldPacket {
  public:
@@ -49,11 +78,10 @@ class PlayedPacket final : public linuxplatform::HeldPacket {
     if (!takeVerdict()) {
       return;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(loops_.loop(loopIndex).listener().ipv4Port());
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    application_->connectTo(reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const std::uint32_t mark = loops_.marks().redirect(loopIndex);
+    ::setsockopt(application_->descriptor(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
+    const linuxplatform::KernelAddress address(kTracedDestination);
+    application_->connectTo(address.get(), address.size);
   }
   void refuse() override {
     if (takeVerdict()) {
@@ -82,7 +110,8 @@ platform::HostEndpoint endpointOf(const SocketPeers::Address& address) {
 
 LinuxContractEnvironment::LinuxContractEnvironment()
     : platform_({linuxplatform::LinuxPlatform::LogSink::standardError}),
-      loops_(descriptors_, kLoops) {}
+      loops_(descriptors_, kLoops),
+      table_(installTable(loops_)) {}
 
 LinuxContractEnvironment::~LinuxContractEnvironment() {
   loops_.stop();
@@ -122,9 +151,8 @@ void LinuxContractEnvironment::spend(std::chrono::nanoseconds duration) {
 
 FlowEnds LinuxContractEnvironment::makeFlow(const std::string& signingIdentifier) {
   auto [application, port] = peers_.makeUnconnected();
-  const linuxplatform::FlowTuple tuple{linuxplatform::TransportProtocol::tcp,
-                                       loopback(port),
-                                       {linuxplatform::AddressFamily::ipv4, {203, 0, 113, 7}, 443}};
+  const linuxplatform::FlowTuple tuple{linuxplatform::TransportProtocol::tcp, loopback(port),
+                                       kTracedDestination};
   auto& loop = loops_.loop(nextLoop_++ % loops_.size());
   auto flow = std::make_shared<linuxplatform::LinuxTCPFlow>(
       loop, tuple, signingIdentifier, kDestination,

@@ -4,6 +4,7 @@
 
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/InterceptionTable.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Tests/Contract/ContractEnvironment.h"
 #include "Tests/Contract/SocketPeers.h"
@@ -11,8 +12,8 @@
 namespace ostravel::contract {
 
 // The Linux platform with real threads, sockets and time, in the network namespace that the program
-// has made for itself. Only the packet filter is played: an application connects to the flow's
-// event loop directly when its first packet is released.
+// has made for itself. Only the packet queue is played: an application connects, with the mark that
+// its first packet would have been given, when that packet is released.
 class LinuxContractEnvironment final : public ContractEnvironment {
  public:
   LinuxContractEnvironment();
@@ -42,6 +43,7 @@ class LinuxContractEnvironment final : public ContractEnvironment {
   linuxplatform::LinuxPlatform platform_;
   linuxplatform::DescriptorBudget descriptors_;
   linuxplatform::EventLoopGroup loops_;
+  std::unique_ptr<linuxplatform::InterceptionTable> table_;
   unsigned nextLoop_ = 0;
 };
 

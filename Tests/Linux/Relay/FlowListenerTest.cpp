@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <utility>
@@ -84,6 +85,7 @@ TEST_F(FlowListenerTest, ResetsAConnectionThatNobodyExpects) {
 
 TEST_F(FlowListenerTest, MatchesEveryFlowWithItsOwnConnection) {
   constexpr int kCount = 50;
+  redirectDestinations();
   std::vector<ApplicationSocket> applications;
   std::vector<Waiting> flows;
   for (int index = 0; index < kCount; ++index) {
@@ -92,7 +94,7 @@ TEST_F(FlowListenerTest, MatchesEveryFlowWithItsOwnConnection) {
   }
   for (int index = kCount - 1; index >= 0; --index) {
     auto& application = applications[static_cast<std::size_t>(index)];
-    ASSERT_EQ(application.connectTo("127.0.0.1", loop().listener().ipv4Port()), 0);
+    ASSERT_EQ(application.connectTo(kFirstDestination, kDestinationPort), 0);
     application.send(std::to_string(index));
   }
   for (int index = 0; index < kCount; ++index) {
@@ -164,6 +166,28 @@ TEST_F(FlowListenerTest, AConnectionToTheListenerItselfIsNotARedirectedOne) {
   ApplicationSocket impostor(kApplicationIPv4, kSharedSourcePort);
   ASSERT_EQ(impostor.connectTo("127.0.0.1", loop().listener().ipv4Port()), 0);
   EXPECT_EQ(impostor.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(FlowListenerTest, AConnectionThatTheKernelDoesNotTrackIsNotARedirectedOne) {
+  ApplicationSocket application(kApplicationIPv4);
+  const Flow made = makeFlow(application.local());
+  auto [completion, future] = readCompletion();
+  made.flow->read(std::move(completion));
+  made.verdict->wait();
+  runCommand(
+      "nft 'add table inet untracked; add chain inet untracked out "
+      "{ type filter hook output priority raw; }; add rule inet untracked out notrack'");
+  EXPECT_EQ(errorOfConnection(application, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
+  runCommand("nft delete table inet untracked");
+  EXPECT_EQ(waitFor(std::move(future)).error->code, ETIMEDOUT);
+}
+
+TEST_F(FlowListenerTest, AnIdleConnectionIsKeptAlive) {
+  // What it inherits from the listener.
+  const CarriedFlow carried = carryFlow();
+  const std::string command = "ss -tnoH 'sport = :" + std::to_string(loop().listener().ipv4Port()) +
+                              "' | grep -q 'timer:(keepalive,1min'";
+  EXPECT_EQ(std::system(command.c_str()), 0);
 }
 
 TEST_F(FlowListenerTest, LackOfDescriptorsDoesNotSpinAndPasses) {

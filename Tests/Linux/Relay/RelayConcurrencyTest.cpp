@@ -88,7 +88,7 @@ TEST_F(RelayConcurrencyTest, FlowsAreClosedAtEveryStageByOtherThreads) {
     Flow made = makeFlow(application.local());
     std::thread arriving([&, verdict = made.verdict] {
       if (verdict->wait() == "redirect 0") {
-        application.connectTo("127.0.0.1", loop().listener().ipv4Port());
+        arrive(application);
       }
     });
     auto [completion, outcome] = readCompletion();

@@ -60,6 +60,10 @@ void ApplicationSocket::setSendBuffer(int size) {
   ::setsockopt(descriptor(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
 }
 
+void ApplicationSocket::setMark(std::uint32_t mark) {
+  EXPECT_EQ(::setsockopt(descriptor(), SOL_SOCKET, SO_MARK, &mark, sizeof mark), 0) << errno;
+}
+
 int ApplicationSocket::connectTo(const char* address, std::uint16_t port) {
   SocketEndpoint endpoint = parse(address);
   endpoint.port = port;

@@ -31,6 +31,8 @@ class ApplicationSocket {
   void setSendBuffer(int size);
 
   // errno or 0.
+  // SO_MARK
+  void setMark(std::uint32_t mark);
   int connectTo(const char* address, std::uint16_t port);
   void listen();
   ApplicationSocket accept();

@@ -1,9 +1,27 @@
 #include "Tests/Linux/Relay/Support/RelayTest.h"
 
 #include <ctime>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <variant>
+
+#include "Platform/Linux/KernelAddress.h"
 
 namespace ostravel::linuxplatform::test {
+
+namespace {
+
+// Where the applications are going, if the redirection did not work, to nobody.
+constexpr const char* kDestinationIPv4 = "127.0.2.1";
+constexpr const char* kDestinationIPv6 = "::1";
+
+std::uint16_t nextDestinationPort() {
+  static std::uint16_t last = 20'000;
+  return ++last;
+}
+
+}  // namespace
 
 std::pair<platform::ReadCompletion, std::future<ReadOutcome>> readCompletion() {
   auto promise = std::make_shared<std::promise<ReadOutcome>>();
@@ -31,6 +49,22 @@ platform::Error someError() {
   return {"test", 7, "the tunnel failed"};
 }
 
+RelayTest::RelayTest() : destinationPort_(nextDestinationPort()) {
+  const std::string port = std::to_string(destinationPort_);
+  platform::TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {
+      {{kDestinationIPv4, port}, 32, platform::NetworkRuleProtocol::tcp},
+      {{kDestinationIPv6, port}, 128, platform::NetworkRuleProtocol::tcp}};
+  const FlowListener& listener = loop().listener();
+  // Nobody listens at the queue.
+  auto installed = InterceptionTable::install(settings, loops_.marks(), 0,
+                                              {{listener.ipv4Port(), listener.ipv6Port()}});
+  if (const auto* error = std::get_if<platform::Error>(&installed)) {
+    throw std::runtime_error(error->localizedDescription);
+  }
+  table_ = std::get<std::unique_ptr<InterceptionTable>>(std::move(installed));
+}
+
 bool RelayTest::eventually(const std::function<bool()>& condition) {
   const auto limit = std::chrono::steady_clock::now() + kPatience;
   while (!onLoop(condition)) {
@@ -45,10 +79,16 @@ bool RelayTest::eventually(const std::function<bool()>& condition) {
 FlowTuple RelayTest::tupleOf(const SocketEndpoint& source) const {
   FlowTuple tuple;
   tuple.source = source;
-  tuple.destination.family = source.family;
-  tuple.destination.address = {192, 0, 2, 1};
-  tuple.destination.port = 443;
+  const bool isIPv4 = source.family == AddressFamily::ipv4;
+  tuple.destination = *parseAddressLiteral(
+      {isIPv4 ? kDestinationIPv4 : kDestinationIPv6, std::to_string(destinationPort_)});
   return tuple;
+}
+
+int RelayTest::arrive(ApplicationSocket& application) {
+  application.setMark(loops_.marks().redirect(0));
+  const bool isIPv4 = application.local().family == AddressFamily::ipv4;
+  return application.connectTo(isIPv4 ? kDestinationIPv4 : kDestinationIPv6, destinationPort_);
 }
 
 RelayTest::Flow RelayTest::makeFlow(const SocketEndpoint& source) {
@@ -65,7 +105,7 @@ RelayTest::CarriedFlow RelayTest::carryFlow() {
   auto [completion, future] = readCompletion();
   made.flow->read(std::move(completion));
   EXPECT_EQ(made.verdict->wait(), "redirect 0");
-  EXPECT_EQ(application.connectTo("127.0.0.1", loop().listener().ipv4Port()), 0);
+  EXPECT_EQ(arrive(application), 0);
   application.send("x");
   EXPECT_EQ(waitFor(std::move(future)).bytes, "x");
   return {std::move(made.flow), std::move(application)};

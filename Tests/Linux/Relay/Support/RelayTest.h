@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/InterceptionTable.h"
 #include "Platform/Linux/LinuxTCPFlow.h"
 #include "Tests/Linux/Relay/Support/ApplicationSocket.h"
 #include "Tests/Linux/Relay/Support/PrivateNetwork.h"
@@ -47,6 +49,8 @@ std::pair<platform::ErrorCompletion, std::future<platform::OptionalError>> error
 // One event loop, and flows and connections on it.
 class RelayTest : public ::testing::Test {
  protected:
+  RelayTest();
+
   struct Flow {
     std::shared_ptr<LinuxTCPFlow> flow;
     std::shared_ptr<Verdict> verdict;
@@ -79,6 +83,9 @@ class RelayTest : public ::testing::Test {
   bool eventually(const std::function<bool()>& condition);
 
   FlowTuple tupleOf(const SocketEndpoint& source) const;
+  // What the kernel does with the SYN of a released flow: the application's connection, to where
+  // it was going, arrives at the loop. What connect() says.
+  int arrive(ApplicationSocket& application);
   // A flow whose application has this source.
   Flow makeFlow(const SocketEndpoint& source);
   // A flow that was released by a read and has been accepted; the read is answered with "x" from
@@ -103,6 +110,12 @@ class RelayTest : public ::testing::Test {
 
   DescriptorBudget budget_{100'000};
   EventLoopGroup loops_{budget_, 1};
+
+ private:
+  // Every test has a destination of its own: the kernel remembers for a while where it has
+  // redirected a connection.
+  const std::uint16_t destinationPort_;
+  std::unique_ptr<InterceptionTable> table_;
 };
 
 // An error with which the core closes.
