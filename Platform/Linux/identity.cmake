@@ -28,6 +28,7 @@ add_library(LinuxIdentity STATIC
   ${CMAKE_CURRENT_LIST_DIR}/SearchBudget.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SocketDiagnostics.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SocketHolderSearch.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SystemUsers.cpp
   ${TRACER_HEADER})
 target_include_directories(LinuxIdentity PRIVATE ${TRACER_FOLDER})
 target_link_libraries(LinuxIdentity
