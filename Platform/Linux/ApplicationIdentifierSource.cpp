@@ -55,36 +55,49 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
 
 ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
 
-Identification ApplicationIdentifierSource::identify(const FlowTuple& flow) {
-  const Identification left{.identifier = {}, .leaveToSystem = true};
+Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
+                                                     std::uint32_t /*outputInterface*/) {
+  Identification result;
+  const auto leave = [&result](LeaveReason reason) {
+    result.leaveToSystem = true;
+    result.leaveReason = reason;
+    return result;
+  };
   if (!diagnostics_) {
-    return left;
+    return leave(LeaveReason::diagnosticsFailed);
   }
   const auto answer = diagnostics_->find(flow);
   if (answer.hasFailed) {
-    return left;
+    return leave(LeaveReason::diagnosticsFailed);
+  }
+  if (answer.socket) {
+    result.user = answer.socket->uid;
   }
   KnownProcess* const sender = answer.socket ? senderOf(*answer.socket) : nullptr;
-  const auto senderNumber = sender != nullptr ? std::optional(sender->process.pid) : std::nullopt;
-  const auto proxyState = proxy_->refresh(senderNumber);
+  if (sender != nullptr) {
+    result.process = sender->process.pid;
+  }
+  const auto proxyState = proxy_->refresh(result.process);
   if (proxyState == ProxyProcess::State::unknown) {
-    return left;
+    return leave(LeaveReason::proxyUnknown);
   }
   if (proxyState == ProxyProcess::State::known) {
     if (sender != nullptr && isProxy(*sender)) {
-      return {.identifier = std::string(kProxyIdentifier), .leaveToSystem = false};
+      result.identifier = kProxyIdentifier;
+      return result;
     }
     if (sender == nullptr && answer.socket && mayBeProxys(*answer.socket)) {
-      return left;
+      return leave(LeaveReason::proxyUnknown);
     }
   }
   if (sender == nullptr) {
-    return {};
+    return result;
   }
   if (!sender->identifier) {
     sender->identifier = identifierOf(sender->process);
   }
-  return {.identifier = *sender->identifier, .leaveToSystem = false};
+  result.identifier = *sender->identifier;
+  return result;
 }
 
 void ApplicationIdentifierSource::replaceRegistrations(ApplicationRegistrations registrations) {

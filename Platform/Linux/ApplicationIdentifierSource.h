@@ -15,22 +15,12 @@
 #include "Platform/Linux/ApplicationRegistrations.h"
 #include "Platform/Linux/ConnectTracer.h"
 #include "Platform/Linux/FlowTuple.h"
+#include "Platform/Linux/Identification.h"
 #include "Platform/Linux/ProcessTable.h"
 #include "Platform/Linux/ProxyProcess.h"
 #include "Platform/Linux/SocketDiagnostics.h"
 
 namespace ostravel::linuxplatform {
-
-// Whose flow it is.
-struct Identification {
-  // Valid UTF-8; empty when the process cannot be found.
-  std::string identifier;
-  // It cannot be excluded that the flow is the local proxy's own, which must never be sent to the
-  // proxy again. The identifier says nothing then.
-  bool leaveToSystem = false;
-  // The sender, if it is known.
-  std::optional<pid_t> process = {};
-};
 
 // Finds the application that sends a flow: its socket, the process of that, and what the process is
 // called. In this order:
@@ -60,7 +50,9 @@ class ApplicationIdentifierSource {
   ApplicationIdentifierSource& operator=(const ApplicationIdentifierSource&) = delete;
   ~ApplicationIdentifierSource();
 
-  Identification identify(const FlowTuple& flow);
+  // outputInterface is the number of the interface that the flow's first packet leaves through; 0
+  // when that is not known.
+  Identification identify(const FlowTuple& flow, std::uint32_t outputInterface);
 
   // For what is identified from now on, also of processes that are known already.
   void replaceRegistrations(ApplicationRegistrations registrations);

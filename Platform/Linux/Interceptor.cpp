@@ -182,7 +182,7 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
     leaveToSystem(packet, *first, *reason);
     return;
   }
-  auto identification = identifiers_->identify(tuple);
+  auto identification = identifiers_->identify(tuple, packet.outputInterface);
   if (const auto reason = reasonToLeave(tuple, identification)) {
     leaveToSystem(packet, *first, *reason);
     return;

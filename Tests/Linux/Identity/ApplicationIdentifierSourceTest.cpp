@@ -46,7 +46,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
   std::string identifierOf(const FlowTuple& flow) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < deadline) {
-      const auto identification = source_->identify(flow);
+      const auto identification = source_->identify(flow, 0);
       if (!identification.leaveToSystem) {
         return identification.identifier;
       }
@@ -228,7 +228,7 @@ TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSyst
   const std::string program = programs_.copyHelper("application");
   Helper application(program);
   const auto flow = connectFrom(application);
-  EXPECT_TRUE(source_->identify(flow).leaveToSystem);
+  EXPECT_TRUE(source_->identify(flow, 0).leaveToSystem);
   EXPECT_EQ(identifierOf(flow), program);
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
 }
@@ -259,7 +259,7 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedMayHaveBeenTheProxy) 
   const auto flow = connectFrom(helper);
   helper.kill();
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
-  EXPECT_TRUE(source_->identify(flow).leaveToSystem);
+  EXPECT_TRUE(source_->identify(flow, 0).leaveToSystem);
 }
 
 TEST_F(ApplicationIdentifierSourceTest, ASenderThatIsNotFoundMayBeTheProxyIfItIsOfTheSameUser) {
@@ -279,7 +279,7 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatIsNotFoundMayBeTheProxyIfItIs
     ASSERT_EQ(crowd.back()->ask("hold 15000"), "done");
     ASSERT_EQ(crowd.back()->ask(std::string("user ") + user), "done");
   }
-  EXPECT_TRUE(source_->identify(flowOfSameUser).leaveToSystem);
+  EXPECT_TRUE(source_->identify(flowOfSameUser, 0).leaveToSystem);
   EXPECT_EQ(identifierOf(flowOfOtherUser), "");
 }
 
