@@ -1,5 +1,6 @@
 #include "Platform/Linux/ApplicationIdentifierSource.h"
 
+#include <algorithm>
 #include <utility>
 #include <variant>
 
@@ -12,6 +13,9 @@ namespace {
 // More processes than send anything between two moments at which nobody minds finding all of them
 // again.
 constexpr std::size_t kMaximumKnownProcesses = 4096;
+// A packet is queued for the second time right after its first verdict, behind those that came in
+// meanwhile.
+constexpr std::size_t kMaximumBoundFlows = 64;
 
 // Text that does not begin like this could be an identifier that the core exempts.
 std::optional<std::string> executablePath(const Process& process) {
@@ -56,7 +60,7 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
 ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
 
 Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
-                                                     std::uint32_t /*outputInterface*/) {
+                                                     std::uint32_t outputInterface) {
   Identification result;
   const auto leave = [&result](LeaveReason reason) {
     result.leaveToSystem = true;
@@ -66,12 +70,15 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
   if (!diagnostics_) {
     return leave(LeaveReason::diagnosticsFailed);
   }
-  const auto answer = diagnostics_->find(flow);
+  const auto answer = diagnostics_->find(flow, outputInterface);
   if (answer.hasFailed) {
     return leave(LeaveReason::diagnosticsFailed);
   }
   if (answer.socket) {
     result.user = answer.socket->uid;
+  }
+  if (isBound(flow, answer)) {
+    return leave(LeaveReason::notCarried);
   }
   KnownProcess* const sender = answer.socket ? senderOf(*answer.socket) : nullptr;
   if (sender != nullptr) {
@@ -98,6 +105,23 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
   }
   result.identifier = *sender->identifier;
   return result;
+}
+
+bool ApplicationIdentifierSource::isBound(const FlowTuple& flow,
+                                          const SocketDiagnostics::Answer& answer) {
+  if (!answer.socket) {
+    // Of a socket that is bound to a VRF each packet is queued twice, first for the interface of
+    // the VRF and then for the one that it leaves through, which does not lead to the socket.
+    return std::find(boundFlows_.begin(), boundFlows_.end(), flow) != boundFlows_.end();
+  }
+  if (answer.socket->boundInterface == 0) {
+    return false;
+  }
+  boundFlows_.push_back(flow);
+  if (boundFlows_.size() > kMaximumBoundFlows) {
+    boundFlows_.pop_front();
+  }
+  return true;
 }
 
 void ApplicationIdentifierSource::replaceRegistrations(ApplicationRegistrations registrations) {

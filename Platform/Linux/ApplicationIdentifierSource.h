@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -68,6 +69,9 @@ class ApplicationIdentifierSource {
   };
   using Source = std::function<std::optional<std::string>(const Process&)>;
 
+  // Whether the flow's socket is bound to an interface. A relay's connection would not be: it would
+  // take another way than the one that the application insists on.
+  bool isBound(const FlowTuple& flow, const SocketDiagnostics::Answer& answer);
   // Null when the process cannot be found. Valid until the next call.
   KnownProcess* senderOf(const SocketInformation& socket);
   KnownProcess* knownProcess(pid_t pid);
@@ -86,6 +90,8 @@ class ApplicationIdentifierSource {
   ApplicationRegistrations registrations_;
   const std::vector<Source> sources_;
   std::unordered_map<pid_t, KnownProcess> known_;
+  // The latest flows of bound sockets.
+  std::deque<FlowTuple> boundFlows_;
 };
 
 }  // namespace ostravel::linuxplatform

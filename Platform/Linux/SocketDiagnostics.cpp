@@ -3,14 +3,12 @@
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <linux/inet_diag.h>
-#include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -29,13 +27,10 @@ namespace {
 constexpr timeval kAnswerTimeout{0, 20'000};
 // Answers to earlier questions that were given up; there is hardly ever one.
 constexpr int kMaximumStaleAnswers = 8;
-// Interfaces that are tried for a socket that is bound to one, 10 to 20 microseconds each.
-constexpr std::size_t kMaximumInterfaces = 64;
 // The kernel gives the loopback interface this number in every namespace.
 constexpr std::uint32_t kLoopbackInterface = 1;
 
 constexpr std::size_t kAnswerSize = 8192;
-constexpr std::size_t kLinkAnswerSize = 65536;
 
 void setEndpoint(const SocketEndpoint& endpoint, __be32 (&address)[4], __be16& port) {
   static_assert(sizeof address == std::tuple_size_v<decltype(endpoint.address)>);
@@ -94,6 +89,7 @@ SocketInformation informationFrom(const nlmsghdr* header, const inet_diag_msg& m
       .inode = message.idiag_inode,
       .cookie = std::uint64_t{message.id.idiag_cookie[1]} << 32U | message.id.idiag_cookie[0],
       .cgroup = 0,
+      .boundInterface = message.id.idiag_if,
       .state = message.idiag_state};
   ::mnl_attr_parse(header, sizeof message, &readAttribute, &socket);
   return socket;
@@ -105,8 +101,8 @@ void SocketDiagnostics::SocketRelease::operator()(mnl_socket* socket) const {
   ::mnl_socket_close(socket);
 }
 
-SocketDiagnostics::Socket SocketDiagnostics::openSocket(int bus) {
-  Socket socket(::mnl_socket_open2(bus, SOCK_CLOEXEC));
+SocketDiagnostics::Socket SocketDiagnostics::openSocket() {
+  Socket socket(::mnl_socket_open2(NETLINK_SOCK_DIAG, SOCK_CLOEXEC));
   if (!socket || ::mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
     return nullptr;
   }
@@ -116,16 +112,11 @@ SocketDiagnostics::Socket SocketDiagnostics::openSocket(int bus) {
 }
 
 std::variant<std::unique_ptr<SocketDiagnostics>, Error> SocketDiagnostics::open() {
-  Socket diagnostics = openSocket(NETLINK_SOCK_DIAG);
+  Socket diagnostics = openSocket();
   if (!diagnostics) {
     return failure("sockets cannot be looked up", errno);
   }
-  Socket routes = openSocket(NETLINK_ROUTE);
-  if (!routes) {
-    return failure("network interfaces cannot be listed", errno);
-  }
-  std::unique_ptr<SocketDiagnostics> opened(
-      new SocketDiagnostics(std::move(diagnostics), std::move(routes)));
+  std::unique_ptr<SocketDiagnostics> opened(new SocketDiagnostics(std::move(diagnostics)));
   if (!findsOwnListener(*opened)) {
     return Error{"OstravelLinux", ENOENT,
                  "sockets cannot be looked up: the kernel lacks socket diagnostics for TCP "
@@ -137,23 +128,14 @@ std::variant<std::unique_ptr<SocketDiagnostics>, Error> SocketDiagnostics::open(
   return opened;
 }
 
-SocketDiagnostics::SocketDiagnostics(Socket diagnostics, Socket routes)
-    : diagnostics_(std::move(diagnostics)), routes_(std::move(routes)) {}
+SocketDiagnostics::SocketDiagnostics(Socket diagnostics) : diagnostics_(std::move(diagnostics)) {}
 
-SocketDiagnostics::Answer SocketDiagnostics::find(const FlowTuple& flow) {
-  Answer answer = ask(flow.protocol, flow.source, flow.destination, 0);
-  if (answer.socket || answer.hasFailed) {
-    return answer;
-  }
-  // A socket that is bound to an interface, as every one to a link-local address is, is only found
-  // by naming that.
-  for (const std::uint32_t interface : interfaces()) {
-    answer = ask(flow.protocol, flow.source, flow.destination, interface);
-    if (answer.socket || answer.hasFailed) {
-      return answer;
-    }
-  }
-  return {};
+SocketDiagnostics::Answer SocketDiagnostics::find(const FlowTuple& flow,
+                                                  std::uint32_t outputInterface) {
+  // Naming an interface finds the sockets that are bound to it as well as those that are bound to
+  // none. A packet of a socket that is bound to a VRF leaves through the VRF's own interface when
+  // it is queued for the first time.
+  return ask(flow.protocol, flow.source, flow.destination, outputInterface);
 }
 
 SocketDiagnostics::Answer SocketDiagnostics::findListener(const SocketEndpoint& local) {
@@ -215,40 +197,6 @@ SocketDiagnostics::Answer SocketDiagnostics::receive(std::uint16_t remotePort) {
     return {.hasFailed = false, .socket = informationFrom(header, message)};
   }
   return {.hasFailed = true, .socket = {}};
-}
-
-std::vector<std::uint32_t> SocketDiagnostics::interfaces() {
-  alignas(nlmsghdr) std::array<char, kLinkAnswerSize> buffer;
-  nlmsghdr* const request = ::mnl_nlmsg_put_header(buffer.data());
-  request->nlmsg_type = RTM_GETLINK;
-  request->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  request->nlmsg_seq = ++sequence_;
-  ::mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg));
-  std::vector<std::uint32_t> found;
-  if (::mnl_socket_sendto(routes_.get(), request, request->nlmsg_len) < 0) {
-    return found;
-  }
-  const auto expected = sequence_;
-  while (true) {
-    const auto received = ::mnl_socket_recvfrom(routes_.get(), buffer.data(), buffer.size());
-    if (received <= 0) {
-      return found;
-    }
-    int left = static_cast<int>(received);
-    for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer.data());
-         ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
-      if (header->nlmsg_seq != expected) {
-        continue;
-      }
-      if (header->nlmsg_type != RTM_NEWLINK) {
-        return found;
-      }
-      const auto& link = *static_cast<const ifinfomsg*>(::mnl_nlmsg_get_payload(header));
-      if (found.size() < kMaximumInterfaces) {
-        found.push_back(static_cast<std::uint32_t>(link.ifi_index));
-      }
-    }
-  }
 }
 
 }  // namespace ostravel::linuxplatform

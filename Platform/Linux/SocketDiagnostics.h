@@ -6,7 +6,6 @@
 #include <memory>
 #include <optional>
 #include <variant>
-#include <vector>
 
 #include "Platform/Interface/Error.h"
 #include "Platform/Linux/FlowTuple.h"
@@ -25,6 +24,9 @@ struct SocketInformation {
   std::uint64_t cookie = 0;
   // 0 when the kernel does not tell.
   std::uint64_t cgroup = 0;
+  // The interface or VRF that it is bound to (SO_BINDTODEVICE); 0 when it is bound to none. A
+  // socket that is connected to a link-local address of IPv6 is bound as well, to its zone.
+  std::uint32_t boundInterface = 0;
   // TCP state (netinet/tcp.h).
   std::uint8_t state = 0;
 };
@@ -44,8 +46,9 @@ class SocketDiagnostics {
   static std::variant<std::unique_ptr<SocketDiagnostics>, platform::Error> open();
 
   // The socket that sends the flow's packets, whatever family it has itself, also one that is not
-  // connected (UDP) or is bound to an interface.
-  Answer find(const FlowTuple& flow);
+  // connected (UDP). One that is bound to an interface is only found when that is the interface
+  // that its packets leave through, outputInterface.
+  Answer find(const FlowTuple& flow, std::uint32_t outputInterface);
 
   // The socket that a TCP connection to this address would reach. When local is a loopback address,
   // that is a connection through the loopback interface.
@@ -57,18 +60,16 @@ class SocketDiagnostics {
   };
   using Socket = std::unique_ptr<mnl_socket, SocketRelease>;
 
-  static Socket openSocket(int bus);
+  static Socket openSocket();
 
-  SocketDiagnostics(Socket diagnostics, Socket routes);
+  explicit SocketDiagnostics(Socket diagnostics);
 
   Answer ask(TransportProtocol protocol, const SocketEndpoint& local, const SocketEndpoint& remote,
              std::uint32_t interface);
   // The answer to the last question; remotePort is 0 if that was for a listener.
   Answer receive(std::uint16_t remotePort);
-  std::vector<std::uint32_t> interfaces();
 
   const Socket diagnostics_;
-  const Socket routes_;
   std::uint32_t sequence_ = 0;
 };
 

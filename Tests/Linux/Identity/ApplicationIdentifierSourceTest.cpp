@@ -233,6 +233,37 @@ TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSyst
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
 }
 
+TEST_F(ApplicationIdentifierSourceTest, AFlowOfASocketThatIsBoundToAnInterfaceIsLeftToTheSystem) {
+  start();
+  constexpr std::uint32_t kLoopback = 1;
+  constexpr char kInterface[] = "lo";
+  for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
+    const auto socket = makeSocket(AF_INET, type);
+    ASSERT_EQ(
+        ::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, kInterface, sizeof kInterface), 0);
+    ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
+    const auto flow =
+        flowOverIPv4(type == SOCK_STREAM ? TransportProtocol::tcp : TransportProtocol::udp,
+                     portOf(socket), portOf(listener_));
+    // As with a VRF, where the packet comes again on its way through another interface.
+    for (const std::uint32_t interface : {kLoopback, 2U}) {
+      const auto identification = source_->identify(flow, interface);
+      EXPECT_TRUE(identification.leaveToSystem);
+      EXPECT_EQ(identification.leaveReason, LeaveReason::notCarried);
+    }
+  }
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TellsTheUserAndTheProcess) {
+  start();
+  Helper helper;
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  const auto identification = source_->identify(connectFrom(helper), 0);
+  EXPECT_EQ(identification.user, 65534U);
+  EXPECT_EQ(identification.process, helper.pid());
+  EXPECT_EQ(identification.leaveReason, LeaveReason::none);
+}
+
 TEST_F(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
   start();
   Helper helper;

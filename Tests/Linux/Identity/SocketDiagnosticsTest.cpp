@@ -22,6 +22,10 @@ namespace {
 
 using namespace ostravel::testing;
 
+constexpr std::uint32_t kAnyInterface = 0;
+// The kernel gives the loopback interface this number in every namespace.
+constexpr std::uint32_t kLoopback = 1;
+
 class SocketDiagnosticsTest : public ::testing::Test {
  protected:
   SocketDiagnosticsTest() {
@@ -33,13 +37,15 @@ class SocketDiagnosticsTest : public ::testing::Test {
     diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
   }
 
-  void expectFound(const FlowTuple& flow, const FileDescriptor& socket) {
-    const auto answer = diagnostics_->find(flow);
+  void expectFound(const FlowTuple& flow, const FileDescriptor& socket,
+                   std::uint32_t outputInterface = kAnyInterface, std::uint32_t bound = 0) {
+    const auto answer = diagnostics_->find(flow, outputInterface);
     EXPECT_FALSE(answer.hasFailed);
     ASSERT_TRUE(answer.socket);
     EXPECT_EQ(answer.socket->inode, inodeOf(socket));
     EXPECT_EQ(answer.socket->cookie, cookieOf(socket));
     EXPECT_EQ(answer.socket->uid, ::getuid());
+    EXPECT_EQ(answer.socket->boundInterface, bound);
   }
 
   void expectNothing(const SocketDiagnostics::Answer& answer) {
@@ -91,7 +97,7 @@ TEST_F(SocketDiagnosticsTest, FindsASocketThatHasOnlySentItsFirstPacket) {
   connectTo(socket, AF_INET, loopbackIPv4(portOf(full)));
   const auto flow = flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(full));
   expectFound(flow, socket);
-  EXPECT_EQ(diagnostics_->find(flow).socket->state, TCP_SYN_SENT);
+  EXPECT_EQ(diagnostics_->find(flow, kAnyInterface).socket->state, TCP_SYN_SENT);
 }
 
 TEST_F(SocketDiagnosticsTest, FindsConnectedUDPSockets) {
@@ -121,25 +127,60 @@ TEST_F(SocketDiagnosticsTest, FindsUnconnectedUDPSockets) {
   expectFound(flowOverIPv4(TransportProtocol::udp, portOf(dual), 443), dual);
 }
 
-TEST_F(SocketDiagnosticsTest, FindsSocketsThatAreBoundToAnInterface) {
-  constexpr char kInterface[] = "lo";
+void bindToInterface(const FileDescriptor& socket, const std::string& interface) {
+  ASSERT_EQ(::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(),
+                         static_cast<socklen_t>(interface.size())),
+            0);
+}
+
+TransportProtocol protocolOf(int type) {
+  return type == SOCK_STREAM ? TransportProtocol::tcp : TransportProtocol::udp;
+}
+
+TEST_F(SocketDiagnosticsTest, FindsABoundSocketByTheInterfaceOfItsPacketsOnly) {
+  constexpr std::uint32_t kOtherInterface = 2;
   for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
     const auto socket = makeSocket(AF_INET, type);
-    ASSERT_EQ(
-        ::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, kInterface, sizeof kInterface), 0);
+    bindToInterface(socket, "lo");
     ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
-    expectFound(flowOverIPv4(type == SOCK_STREAM ? TransportProtocol::tcp : TransportProtocol::udp,
-                             portOf(socket), portOf(listener_)),
-                socket);
+    const auto flow = flowOverIPv4(protocolOf(type), portOf(socket), portOf(listener_));
+    expectFound(flow, socket, kLoopback, kLoopback);
+    expectNothing(diagnostics_->find(flow, kAnyInterface));
+    expectNothing(diagnostics_->find(flow, kOtherInterface));
   }
+}
+
+TEST_F(SocketDiagnosticsTest, FindsAnUnboundSocketWhateverTheInterface) {
+  for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
+    const auto socket = makeSocket(AF_INET, type);
+    ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
+    const auto flow = flowOverIPv4(protocolOf(type), portOf(socket), portOf(listener_));
+    for (const std::uint32_t interface : {kAnyInterface, kLoopback, 2U}) {
+      expectFound(flow, socket, interface);
+    }
+  }
+}
+
+TEST_F(SocketDiagnosticsTest, OfTwoSocketsWithOnePortTheBoundOneMayBeTheSender) {
+  const int on = 1;
+  const auto unbound = makeSocket(AF_INET, SOCK_DGRAM);
+  const auto bound = makeSocket(AF_INET, SOCK_DGRAM);
+  for (const auto* const socket : {&unbound, &bound}) {
+    ASSERT_EQ(::setsockopt(socket->get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), 0);
+  }
+  ASSERT_TRUE(bindTo(unbound, AF_INET, {AddressFamily::ipv4, {}, 0}));
+  bindToInterface(bound, "lo");
+  ASSERT_TRUE(bindTo(bound, AF_INET, {AddressFamily::ipv4, {}, portOf(unbound)}));
+  expectFound(flowOverIPv4(TransportProtocol::udp, portOf(bound), 443), bound, kLoopback,
+              kLoopback);
 }
 
 TEST_F(SocketDiagnosticsTest, TellsTheUserThatMadeTheSocket) {
   Helper helper;
   ASSERT_EQ(helper.ask("user 65534"), "done");
   const auto port = helper.makeSocket("connect", portOf(listener_));
-  const auto answer =
-      diagnostics_->find(flowOverIPv4(TransportProtocol::tcp, port, portOf(listener_)));
+  const auto answer = diagnostics_->find(
+      flowOverIPv4(TransportProtocol::tcp, port, portOf(listener_)), kAnyInterface);
   ASSERT_TRUE(answer.socket);
   EXPECT_EQ(answer.socket->uid, 65534U);
 }
@@ -155,8 +196,8 @@ TEST_F(SocketDiagnosticsTest, TellsTheControlGroup) {
   ASSERT_EQ(::stat((*root + line.substr(3)).c_str(), &status), 0);
   const auto socket = makeSocket(AF_INET, SOCK_STREAM);
   ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
-  const auto answer =
-      diagnostics_->find(flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(listener_)));
+  const auto answer = diagnostics_->find(
+      flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(listener_)), kAnyInterface);
   ASSERT_TRUE(answer.socket);
   EXPECT_EQ(answer.socket->cgroup, status.st_ino);
 }
@@ -165,15 +206,19 @@ TEST_F(SocketDiagnosticsTest, FindsNothingWhereThereIsNoSocket) {
   auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(443)));
   const auto flow = flowOverIPv4(TransportProtocol::udp, portOf(socket), 443);
-  expectNothing(diagnostics_->find(flowOverIPv4(TransportProtocol::udp, portOf(socket), 444)));
-  expectNothing(diagnostics_->find(flowOverIPv4(TransportProtocol::tcp, portOf(socket), 443)));
-  expectNothing(diagnostics_->find(flowOverIPv6(TransportProtocol::udp, portOf(socket), 443)));
+  expectNothing(
+      diagnostics_->find(flowOverIPv4(TransportProtocol::udp, portOf(socket), 444), kAnyInterface));
+  expectNothing(
+      diagnostics_->find(flowOverIPv4(TransportProtocol::tcp, portOf(socket), 443), kAnyInterface));
+  expectNothing(
+      diagnostics_->find(flowOverIPv6(TransportProtocol::udp, portOf(socket), 443), kAnyInterface));
   socket = FileDescriptor();
-  expectNothing(diagnostics_->find(flow));
+  expectNothing(diagnostics_->find(flow, kAnyInterface));
 }
 
 TEST_F(SocketDiagnosticsTest, AListenerIsNotTheSenderOfAFlow) {
-  expectNothing(diagnostics_->find(flowOverIPv4(TransportProtocol::tcp, portOf(listener_), 443)));
+  expectNothing(diagnostics_->find(flowOverIPv4(TransportProtocol::tcp, portOf(listener_), 443),
+                                   kAnyInterface));
 }
 
 TEST_F(SocketDiagnosticsTest, AnEndedConnectionIsNotTheSenderOfAFlow) {
@@ -186,7 +231,7 @@ TEST_F(SocketDiagnosticsTest, AnEndedConnectionIsNotTheSenderOfAFlow) {
   char byte = 0;
   ASSERT_EQ(::read(accepted.get(), &byte, 1), 0);
   accepted = FileDescriptor();
-  expectNothing(diagnostics_->find(flow));
+  expectNothing(diagnostics_->find(flow, kAnyInterface));
 }
 
 TEST_F(SocketDiagnosticsTest, FindsAListener) {
@@ -256,7 +301,7 @@ TEST_F(SocketDiagnosticsTest, LooksIntoTheNamespaceItWasMadeIn) {
     expectFound(flow, socket);
     auto other = SocketDiagnostics::open();
     ASSERT_TRUE(std::holds_alternative<std::unique_ptr<SocketDiagnostics>>(other));
-    expectNothing(std::get<std::unique_ptr<SocketDiagnostics>>(other)->find(flow));
+    expectNothing(std::get<std::unique_ptr<SocketDiagnostics>>(other)->find(flow, kAnyInterface));
     expectNothing(std::get<std::unique_ptr<SocketDiagnostics>>(other)->findListener(
         loopbackIPv4(portOf(listener_))));
   }).join();
