@@ -2,30 +2,12 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
+
+#include "Platform/Linux/LeaveReason.h"
 
 namespace ostravel::linuxplatform {
-
-// Why a flow is left to the system instead of being offered.
-enum class LeaveReason : std::uint8_t {
-  // It is offered.
-  none,
-  // A relay cannot carry it as the application means it: its socket is bound to an interface.
-  notCarried,
-  // It cannot be excluded that it is the local proxy's own, which must never be sent to the proxy
-  // again.
-  proxyUnknown,
-  // Its process would have to be searched for, and enough time has gone into such searches.
-  searchBudget,
-  // The kernel does not tell which socket it comes from.
-  diagnosticsFailed,
-};
-
-// For logs and counters.
-std::string_view nameOf(LeaveReason reason);
 
 // Whose flow it is.
 struct Identification {

@@ -241,10 +241,14 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   return std::nullopt;
 }
 
-std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& /*tuple*/,
+std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
                                                       const Identification& identification) const {
   if (identification.leaveToSystem) {
-    return LeaveReason::proxyUnknown;
+    return identification.leaveReason;
+  }
+  // A packet of a tunnel may belong to the socket of what it carries, and comes from none itself.
+  if (tuple.protocol == TransportProtocol::udp && !identification.user) {
+    return LeaveReason::kernelSocket;
   }
   return std::nullopt;
 }

@@ -4,36 +4,6 @@
 
 namespace ostravel::linuxplatform {
 
-std::string_view nameOf(LeaveReason reason) {
-  switch (reason) {
-    case LeaveReason::descriptors:
-      return "descriptors";
-    case LeaveReason::handshakeShare:
-      return "handshake_share";
-    case LeaveReason::descriptorShare:
-      return "descriptor_share";
-    case LeaveReason::onTrial:
-      return "on_trial";
-    case LeaveReason::kernelSocket:
-      return "kernel_socket";
-    case LeaveReason::boundSocket:
-      return "bound_socket";
-    case LeaveReason::noListener:
-      return "no_listener";
-    case LeaveReason::redirectPath:
-      return "redirect_path";
-    case LeaveReason::proxyUnknown:
-      return "proxy_unknown";
-    case LeaveReason::mayBeProxys:
-      return "may_be_proxys";
-    case LeaveReason::lookUp:
-      return "look_up";
-    case LeaveReason::searchBudget:
-      return "search_budget";
-  }
-  return "unknown";
-}
-
 void LeftFlows::add(LeaveReason reason, std::optional<uid_t> user) {
   Entry& entry = entries_[static_cast<std::size_t>(reason)];
   ++entry.count;

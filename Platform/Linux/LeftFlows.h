@@ -8,41 +8,11 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string_view>
 
 #include "Platform/Interface/Log.h"
+#include "Platform/Linux/LeaveReason.h"
 
 namespace ostravel::linuxplatform {
-
-// Why a flow was left to the system without having been offered.
-enum class LeaveReason : std::uint8_t {
-  // The process is near its limit of descriptors.
-  descriptors,
-  // The user has its share of the pending handshakes, or of the descriptors.
-  handshakeShare,
-  descriptorShare,
-  // A handshake of the user has timed out, and another one is finding out whether the proxy
-  // answers.
-  onTrial,
-  // A relay could not carry it: a packet of the kernel's own, a socket that is bound to an
-  // interface,
-  // a family of addresses for which there is no listener.
-  kernelSocket,
-  boundSocket,
-  noListener,
-  // Released connections do not arrive.
-  redirectPath,
-  // It is not known, or not believed, who the local proxy is, or the flow may be the proxy's own.
-  proxyUnknown,
-  mayBeProxys,
-  // The socket could not be looked up, or looking for processes has taken too much time.
-  lookUp,
-  searchBudget,
-};
-inline constexpr std::size_t kLeaveReasons =
-    static_cast<std::size_t>(LeaveReason::searchBudget) + 1;
-
-std::string_view nameOf(LeaveReason reason);
 
 // Counts the flows that are left to the system and says so in the log, soon after the first one and
 // at most once a minute for each reason after that. Used by the verdict thread only.
