@@ -24,11 +24,15 @@ add_library(LinuxIdentity STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ApplicationRegistrations.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ConnectTracer.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProcessTable.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ProxyAnswer.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProxyProcess.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ProxyTrial.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ProxyTrialThread.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SearchBudget.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SocketDiagnostics.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SocketHolderSearch.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SystemUsers.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/UserName.cpp
   ${TRACER_HEADER})
 target_include_directories(LinuxIdentity PRIVATE ${TRACER_FOLDER})
 target_link_libraries(LinuxIdentity

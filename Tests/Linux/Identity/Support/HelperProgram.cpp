@@ -5,6 +5,12 @@
 //   connect PORT    connects to 127.0.0.1, and tells the port of its own
 //   connect6 PORT   the same with ::1
 //   send PORT       sends a datagram to 127.0.0.1 from an unconnected socket, and tells its port
+//   proxy PORT      is a proxy that takes CONNECT, on 127.0.0.1
+//   serve NUMBER    is one on the listening socket that was inherited with this number
+//   via PORT        makes its tunnels through the proxy on that port
+//   answer TEXT     answers every CONNECT with that line, or, without one, not at all
+//   hang-up         ends every connection that asks for something
+//   tunnel          makes tunnels, as in the beginning
 //   close           closes the socket that was made last
 //   hold COUNT      opens that many descriptors
 //   user NUMBER     goes on as another user
@@ -21,6 +27,8 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+
+#include "Tests/Linux/Identity/Support/HelperProxy.h"
 
 namespace {
 
@@ -57,7 +65,7 @@ std::string makeSocket(const std::string& command, std::uint16_t port, int& last
   const auto* const address = reinterpret_cast<const sockaddr*>(&storage);
   last = ::socket(family, type, 0);
   int result = -1;
-  if (command == "listen") {
+  if (command == "listen" || command == "proxy") {
     const int on = 1;
     ::setsockopt(last, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     result = ::bind(last, address, sizeof(sockaddr_in));
@@ -67,6 +75,9 @@ std::string makeSocket(const std::string& command, std::uint16_t port, int& last
   } else {
     result = ::connect(last, address, sizeof storage);
   }
+  if (result == 0 && command == "proxy") {
+    ostravel::testing::serveConnect(last);
+  }
   return result == 0 ? ownPort(last) : "failed";
 }
 
@@ -75,7 +86,16 @@ std::string obey(const std::string& line, int& last) {
   std::string command;
   std::string argument;
   words >> command >> argument;
+  if (ostravel::testing::steerProxy(line)) {
+    return "done";
+  }
+  if (command == "serve") {
+    ostravel::testing::serveConnect(std::stoi(argument));
+    return "done";
+  }
   if (command == "close") {
+    // Wakes the thread that accepts.
+    ::shutdown(last, SHUT_RDWR);
     return ::close(last) == 0 ? "done" : "failed";
   }
   if (command == "hold") {
