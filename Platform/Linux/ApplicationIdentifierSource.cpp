@@ -28,7 +28,8 @@ std::optional<std::string> executablePath(const Process& process) {
 }  // namespace
 
 ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort, Warn warn,
-                                                         const std::string& registrationsFolder)
+                                                         const std::string& registrationsFolder,
+                                                         const std::vector<uid_t>& proxyUsers)
     : warn_(std::move(warn)),
       registrations_(registrationsFolder, warn_),
       sources_{
@@ -49,6 +50,7 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
   }
   diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(diagnostics));
   proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_);
+  trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
   auto tracer = ConnectTracer::start();
   if (const auto* reason = std::get_if<std::string>(&tracer)) {
     warn_("connects cannot be traced (" + *reason + "); processes are looked up in /proc instead");
@@ -89,6 +91,9 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
     return leave(LeaveReason::proxyUnknown);
   }
   if (proxyState == ProxyProcess::State::known) {
+    if (!trust_->holdsFor(result.user)) {
+      return leave(LeaveReason::proxyNotTrusted);
+    }
     if (sender != nullptr && isProxy(*sender)) {
       result.identifier = kProxyIdentifier;
       return result;
@@ -96,6 +101,7 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
     if (sender == nullptr && answer.socket && mayBeProxys(*answer.socket)) {
       return leave(LeaveReason::proxyUnknown);
     }
+    result.mayBelongToProxy = mayDialForProxy(sender);
   }
   if (sender == nullptr) {
     return result;
@@ -173,9 +179,14 @@ bool ApplicationIdentifierSource::isProxy(KnownProcess& sender) const {
   return sender.isProxy;
 }
 
+bool ApplicationIdentifierSource::mayDialForProxy(const KnownProcess* sender) const {
+  return !trust_->knowsDialler() &&
+         (sender == nullptr || trust_->mayDial(sender->process.stamp.uid));
+}
+
 bool ApplicationIdentifierSource::mayBeProxys(const SocketInformation& socket) const {
   // Of a socket that no process holds any more, some kernels do not tell the user either.
-  return socket.inode == 0 || socket.uid == proxy_->uid();
+  return socket.inode == 0 || proxy_->mayRunAs(socket.uid);
 }
 
 std::string ApplicationIdentifierSource::identifierOf(const Process& process) const {

@@ -19,6 +19,7 @@
 #include "Platform/Linux/Identification.h"
 #include "Platform/Linux/ProcessTable.h"
 #include "Platform/Linux/ProxyProcess.h"
+#include "Platform/Linux/ProxyTrust.h"
 #include "Platform/Linux/SocketDiagnostics.h"
 
 namespace ostravel::linuxplatform {
@@ -43,10 +44,12 @@ class ApplicationIdentifierSource {
   static constexpr std::string_view kProxyIdentifier = "com.ostravel.proxy-sidecar";
 
   // warn takes one sentence for people about anything that restricts what can be found, on the
-  // thread that uses this object.
+  // thread that uses this object. proxyUsers: those besides root and system users whose local proxy
+  // may carry everybody's flows.
   ApplicationIdentifierSource(
       std::uint16_t proxyPort, Warn warn,
-      const std::string& registrationsFolder = ApplicationRegistrations::kDefaultFolder);
+      const std::string& registrationsFolder = ApplicationRegistrations::kDefaultFolder,
+      const std::vector<uid_t>& proxyUsers = {});
   ApplicationIdentifierSource(const ApplicationIdentifierSource&) = delete;
   ApplicationIdentifierSource& operator=(const ApplicationIdentifierSource&) = delete;
   ~ApplicationIdentifierSource();
@@ -76,6 +79,8 @@ class ApplicationIdentifierSource {
   KnownProcess* senderOf(const SocketInformation& socket);
   KnownProcess* knownProcess(pid_t pid);
   bool isProxy(KnownProcess& sender) const;
+  // Whether the sender, null if it is not found, could be what dials out for the proxy.
+  bool mayDialForProxy(const KnownProcess* sender) const;
   // For a socket whose process is not found.
   bool mayBeProxys(const SocketInformation& socket) const;
   std::string identifierOf(const Process& process) const;
@@ -87,6 +92,8 @@ class ApplicationIdentifierSource {
   std::unique_ptr<ConnectTracer> tracer_;
   ProcessTable processes_;
   std::optional<ProxyProcess> proxy_;
+  // There is one when there are diagnostics, like the last.
+  std::optional<ProxyTrust> trust_;
   ApplicationRegistrations registrations_;
   const std::vector<Source> sources_;
   std::unordered_map<pid_t, KnownProcess> known_;

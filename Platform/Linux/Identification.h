@@ -17,6 +17,9 @@ struct Identification {
   // The identifier says nothing then.
   bool leaveToSystem = false;
   LeaveReason leaveReason = LeaveReason::none;
+  // It is not known which process dials out for the local proxy, and it may be this one. Such a
+  // flow to where a flow of another process is just being proxied is likely to be the proxy's.
+  bool mayBelongToProxy = false;
   // The owner of the socket; absent when there is no such socket.
   std::optional<uid_t> user;
   // Absent when it cannot be found.

@@ -24,6 +24,8 @@ std::string_view nameOf(LeaveReason reason) {
       return "redirect_path";
     case LeaveReason::proxyUnknown:
       return "proxy_unknown";
+    case LeaveReason::proxyNotTrusted:
+      return "proxy_not_trusted";
     case LeaveReason::mayBeProxys:
       return "may_be_proxys";
     case LeaveReason::searchBudget:

@@ -28,7 +28,10 @@ enum class LeaveReason : std::uint8_t {
   // It cannot be excluded that it is the local proxy's own, which must never be sent to the proxy
   // again.
   proxyUnknown,
-  // The same: another process is held on its way to the same destination.
+  // What listens on the local proxy's port is no proxy, or none for this user, or has not shown yet
+  // that it is one.
+  proxyNotTrusted,
+  // It may be the proxy's own: another process is held on its way to the same destination.
   mayBeProxys,
   // Its process would have to be searched for, and enough time has gone into such searches.
   searchBudget,

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,6 +45,7 @@ void ProxyProcess::beginSearch(const SocketInformation& listener) {
   }
   listener_ = listener;
   owner_.reset();
+  others_.clear();
   search_.emplace(listener.inode, std::move(first), std::nullopt);
 }
 
@@ -78,20 +80,34 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
 }
 
 bool ProxyProcess::includes(const Process& process) const {
-  const bool isOwner =
-      process.pid == owner_->pid && process.stamp.startTime == owner_->stamp.startTime;
-  const bool sharesService =
-      !owner_->serviceGroup.empty() && process.serviceGroup == owner_->serviceGroup;
-  return isOwner || sharesService ||
-         (process.stamp.uid == owner_->stamp.uid && hasOwnersExecutable(process)) ||
+  const auto isRelated = [&process](const Process& member) {
+    return belongTogether(process, member);
+  };
+  return isRelated(*owner_) || std::ranges::any_of(others_, isRelated) ||
          processes_.hasInherited(process.pid, listener_.inode);
 }
 
-bool ProxyProcess::hasOwnersExecutable(const Process& process) const {
+bool ProxyProcess::mayRunAs(uid_t user) const {
+  return user == owner_->stamp.uid || std::ranges::any_of(others_, [user](const Process& other) {
+           return other.stamp.uid == user;
+         });
+}
+
+void ProxyProcess::add(Process process) {
+  others_.push_back(std::move(process));
+}
+
+bool ProxyProcess::belongTogether(const Process& process, const Process& member) {
+  const bool isMember =
+      process.pid == member.pid && process.stamp.startTime == member.stamp.startTime;
+  const bool sharesService =
+      !member.serviceGroup.empty() && process.serviceGroup == member.serviceGroup;
   // After an update the old file and the new one only have the path in common.
-  return (process.executableFile && process.executableFile == owner_->executableFile) ||
-         (process.isExecutableGenuine && owner_->isExecutableGenuine &&
-          process.executable == owner_->executable);
+  const bool sharesExecutable =
+      (process.executableFile && process.executableFile == member.executableFile) ||
+      (process.isExecutableGenuine && member.isExecutableGenuine &&
+       process.executable == member.executable);
+  return isMember || sharesService || (process.stamp.uid == member.stamp.uid && sharesExecutable);
 }
 
 }  // namespace ostravel::linuxplatform

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Platform/Linux/ProcessTable.h"
 #include "Platform/Linux/SocketDiagnostics.h"
@@ -15,7 +16,8 @@ namespace ostravel::linuxplatform {
 // Who the local proxy is: the process that owns the socket which connections to 127.0.0.1 on the
 // proxy's port reach, whichever program that is and however often it restarts. Part of it are all
 // processes of its service unit, of its executable and user, and those that were handed the socket
-// by a service manager.
+// by a service manager; and the same of every process that is added, because a proxy may consist of
+// several programs. Whether what listens is a proxy, and for whom, is not decided here.
 //
 // Asked for every flow: one exact look-up tells whether the socket is still the same. After a
 // change, its owner is searched for within kSearchBudget per flow, and until it is found nothing is
@@ -48,13 +50,20 @@ class ProxyProcess {
 
   // Stands for the proxy as it is now; another one after every restart.
   std::uint64_t listenerCookie() const { return listener_.cookie; }
-  bool includes(const Process& process) const;
+  const SocketInformation& listener() const { return listener_; }
+  const Process& owner() const { return *owner_; }
   uid_t uid() const { return owner_->stamp.uid; }
+  bool includes(const Process& process) const;
+  // Whether a process of this user could be part of it.
+  bool mayRunAs(uid_t user) const;
+
+  // Makes this process part of the proxy until another socket listens.
+  void add(Process process);
 
  private:
   State findOwner(std::optional<pid_t> sender);
   void beginSearch(const SocketInformation& listener);
-  bool hasOwnersExecutable(const Process& process) const;
+  static bool belongTogether(const Process& process, const Process& member);
 
   SocketDiagnostics& diagnostics_;
   const ProcessTable& processes_;
@@ -62,6 +71,7 @@ class ProxyProcess {
   const std::function<void(const std::string&)> warn_;
   SocketInformation listener_;
   std::optional<Process> owner_;
+  std::vector<Process> others_;
   // While the owner of listener_ is being searched for.
   std::optional<SocketHolderSearch> search_;
   std::chrono::steady_clock::time_point nextSearch_;

@@ -34,7 +34,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
   void start() {
     source_.emplace(
         kProxyPort, [this](const std::string& warning) { warnings_.push_back(warning); },
-        registrations_.path());
+        registrations_.path(), proxyUsers_);
   }
 
   FlowTuple connectFrom(Helper& helper) {
@@ -53,6 +53,18 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
     }
     ADD_FAILURE() << "left to the system";
     return {};
+  }
+
+  // Of a flow that is left to the system until something is wrong with what listens.
+  void expectNotTrusted(const FlowTuple& flow) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    Identification identification;
+    do {
+      identification = source_->identify(flow, 0);
+      ASSERT_TRUE(identification.leaveToSystem);
+    } while (warnings_.empty() && std::chrono::steady_clock::now() < deadline);
+    EXPECT_EQ(identification.leaveReason, LeaveReason::proxyNotTrusted);
+    EXPECT_EQ(warnings_.size(), 1U);
   }
 
   // For senders that are looked up in /proc, where the time may be over too early.
@@ -85,6 +97,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
   const TemporaryFolder registrations_;
   const TemporaryFolder programs_;
   std::vector<std::string> warnings_;
+  std::vector<uid_t> proxyUsers_;
   std::optional<ApplicationIdentifierSource> source_;
 };
 
@@ -149,7 +162,7 @@ TEST_F(ApplicationIdentifierSourceTest, TheProxyIsRecognisedBeforeItsRegistratio
   start();
   Helper proxy(program);
   EXPECT_EQ(identifierOf(connectFrom(proxy)), "com.example.proxy");
-  proxy.makeSocket("listen", kProxyPort);
+  proxy.makeSocket("proxy", kProxyPort);
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
   Helper other;
   EXPECT_EQ(identifierOf(connectFrom(other)), OSTRAVEL_HELPER);
@@ -164,7 +177,7 @@ TEST_F(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
   for (int i = 0; i < 6; ++i) {
     const bool isFirst = i % 2 == 0;
     Helper proxy(isFirst ? first : second);
-    proxy.makeSocket("listen", kProxyPort);
+    proxy.makeSocket("proxy", kProxyPort);
     // In turn, the proxy and an application are the first to send something.
     if (i % 3 == 0) {
       EXPECT_EQ(identifierOf(connectFrom(application)), OSTRAVEL_HELPER);
@@ -182,14 +195,14 @@ TEST_F(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
   start();
   const std::string program = programs_.copyHelper("proxy");
   Helper proxy(program);
-  proxy.makeSocket("listen", kProxyPort);
+  proxy.makeSocket("proxy", kProxyPort);
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
   Helper former(program);
   ASSERT_EQ(former.ask("user 65534"), "done");
   EXPECT_EQ(identifierOf(connectFrom(former)), program);
   Helper successor(programs_.copyHelper("successor"));
   proxy.kill();
-  successor.makeSocket("listen", kProxyPort);
+  successor.makeSocket("proxy", kProxyPort);
   EXPECT_EQ(identifierOf(connectFrom(successor)), kProxy);
   EXPECT_EQ(identifierOf(connectFrom(former)), program);
 }
@@ -208,18 +221,18 @@ TEST_F(ApplicationIdentifierSourceTest, AKnownProcessThatChangesItsUserIsLookedA
   start();
   const std::string program = programs_.copyHelper("proxy");
   Helper proxy(program);
-  ASSERT_EQ(proxy.ask("user 65534"), "done");
-  proxy.makeSocket("listen", kProxyPort);
+  ASSERT_EQ(proxy.ask("user 13"), "done");
+  proxy.makeSocket("proxy", kProxyPort);
   Helper helper(program);
   EXPECT_EQ(identifierOf(connectFrom(helper)), program);
-  ASSERT_EQ(helper.ask("user 65534"), "done");
+  ASSERT_EQ(helper.ask("user 13"), "done");
   EXPECT_EQ(identifierOf(connectFrom(helper)), kProxy);
 }
 
 TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSystem) {
   start();
   Helper proxy;
-  proxy.makeSocket("listen", kProxyPort);
+  proxy.makeSocket("proxy", kProxyPort);
   std::vector<std::unique_ptr<Helper>> crowd;
   for (int i = 0; i < 8; ++i) {
     crowd.push_back(std::make_unique<Helper>());
@@ -264,6 +277,88 @@ TEST_F(ApplicationIdentifierSourceTest, TellsTheUserAndTheProcess) {
   EXPECT_EQ(identification.leaveReason, LeaveReason::none);
 }
 
+TEST_F(ApplicationIdentifierSourceTest, WhatIsNoProxyGetsNobodysFlows) {
+  start();
+  Helper server;
+  server.makeSocket("proxy", kProxyPort);
+  ASSERT_EQ(server.ask("answer HTTP/1.1 404 Not Found"), "done");
+  Helper application(programs_.copyHelper("application"));
+  expectNotTrusted(connectFrom(application));
+  expectNotTrusted(connectFrom(server));
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TheProxyOfAPersonGetsThatPersonsFlowsOnly) {
+  start();
+  const std::string program = programs_.copyHelper("application");
+  Helper proxy(programs_.copyHelper("proxy"));
+  ASSERT_EQ(proxy.ask("user 54321"), "done");
+  proxy.makeSocket("proxy", kProxyPort);
+  Helper own(program);
+  ASSERT_EQ(own.ask("user 54321"), "done");
+  EXPECT_EQ(identifierOf(connectFrom(own)), program);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  EXPECT_TRUE(warnings_.empty());
+  Helper other(program);
+  expectNotTrusted(connectFrom(other));
+  EXPECT_EQ(identifierOf(connectFrom(own)), program);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TheProxyOfANamedUserGetsEverybodysFlows) {
+  proxyUsers_ = {54321};
+  start();
+  Helper proxy(programs_.copyHelper("proxy"));
+  ASSERT_EQ(proxy.ask("user 54321"), "done");
+  proxy.makeSocket("proxy", kProxyPort);
+  Helper other;
+  EXPECT_EQ(identifierOf(connectFrom(other)), OSTRAVEL_HELPER);
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAChainAreTheProxy) {
+  start();
+  Helper last(programs_.copyHelper("last"));
+  ASSERT_EQ(last.ask("user 54321"), "done");
+  last.makeSocket("proxy", 3128);
+  Helper front(programs_.copyHelper("front"));
+  front.makeSocket("proxy", kProxyPort);
+  ASSERT_EQ(front.ask("via 3128"), "done");
+  EXPECT_EQ(identifierOf(connectFrom(front)), kProxy);
+  EXPECT_EQ(identifierOf(connectFrom(last)), kProxy);
+  Helper other;
+  const auto flow = connectFrom(other);
+  EXPECT_EQ(identifierOf(flow), OSTRAVEL_HELPER);
+  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWhoseDiallerIsUnknown) {
+  Helper early(programs_.copyHelper("early"));
+  ASSERT_EQ(early.ask("user 54322"), "done");
+  const auto flowOfNobody = connectFrom(early);
+  early.kill();
+  start();
+  Helper application;
+  ASSERT_EQ(application.ask("user 54321"), "done");
+  Helper samePerson(programs_.copyHelper("same"));
+  ASSERT_EQ(samePerson.ask("user 54322"), "done");
+  Helper service(programs_.copyHelper("service"));
+  ASSERT_EQ(service.ask("user 13"), "done");
+  const auto flow = connectFrom(application);
+  // Nobody listens.
+  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
+  EXPECT_FALSE(source_->identify(flow, 0).leaveToSystem);
+
+  Helper proxy(programs_.copyHelper("proxy"));
+  proxy.makeSocket("proxy", kProxyPort);
+  ASSERT_EQ(proxy.ask("answer HTTP/1.1 403 Forbidden"), "done");
+  EXPECT_EQ(identifierOf(flow), OSTRAVEL_HELPER);
+  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
+  EXPECT_TRUE(source_->identify(connectFrom(service), 0).mayBelongToProxy);
+  EXPECT_FALSE(source_->identify(connectFrom(samePerson), 0).mayBelongToProxy);
+  // It is certain that this is the proxy.
+  EXPECT_FALSE(source_->identify(connectFrom(proxy), 0).mayBelongToProxy);
+  EXPECT_TRUE(source_->identify(flowOfNobody, 0).leaveToSystem);
+}
+
 TEST_F(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
   start();
   Helper helper;
@@ -283,7 +378,7 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedHasNoIdentifier) {
 TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedMayHaveBeenTheProxy) {
   start();
   Helper proxy(programs_.copyHelper("proxy"));
-  proxy.makeSocket("listen", kProxyPort);
+  proxy.makeSocket("proxy", kProxyPort);
   // Whoever it was: its user is not always known any more either.
   Helper helper;
   ASSERT_EQ(helper.ask("user 65534"), "done");
@@ -301,7 +396,7 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatIsNotFoundMayBeTheProxyIfItIs
   const auto flowOfSameUser = connectFrom(sameUser);
   const auto flowOfOtherUser = connectFrom(otherUser);
   Helper proxy(programs_.copyHelper("proxy"));
-  proxy.makeSocket("listen", kProxyPort);
+  proxy.makeSocket("proxy", kProxyPort);
   start();
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
   std::vector<std::unique_ptr<Helper>> crowd;
@@ -346,7 +441,7 @@ TEST_F(ApplicationIdentifierSourceTest, WithoutTheTracerProcessesAreFoundInProc)
   const std::string program = programs_.copyHelper("browser");
   Helper helper(program);
   Helper proxy(programs_.copyHelper("proxy"));
-  proxy.makeSocket("listen", kProxyPort);
+  proxy.makeSocket("proxy", kProxyPort);
   withoutCapabilities(CAP_SYS_PTRACE, [&] {
     start();
     EXPECT_EQ(warnings_.size(), 1U);
