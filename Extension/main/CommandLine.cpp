@@ -4,12 +4,17 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <system_error>
+#include <utility>
 
 #include "Platform/Linux/ConfigurationFile.h"
+#include "Platform/Linux/LogLine.h"
+#include "Platform/Linux/SystemUsers.h"
 
 namespace ostravel {
 
@@ -28,6 +33,19 @@ bool isStartedByServiceManager() {
     return false;
   }
   return stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+// A number will do for a user whose name is not known here.
+std::optional<uid_t> userWithName(const std::string& name) {
+  if (const auto user = linuxplatform::SystemUsers::numberOf(name)) {
+    return user;
+  }
+  uid_t number = 0;
+  const char* const end = name.data() + name.size();
+  const auto parsed = std::from_chars(name.data(), end, number);
+  // The largest number stands for nobody at all (chown(2)).
+  const bool isNumber = !name.empty() && parsed.ec == std::errc() && parsed.ptr == end;
+  return isNumber && number != static_cast<uid_t>(-1) ? std::optional(number) : std::nullopt;
 }
 
 }  // namespace
@@ -54,6 +72,13 @@ CommandLine CommandLine::parse(int argc, char** argv) {
       ->type_name("SINK")
       ->check(CLI::IsMember(sinks));
 
+  std::vector<std::string> proxyUsers;
+  app.add_option("--proxy-user", proxyUsers,
+                 "user whose local proxy may carry the connections of all users, like that of root "
+                 "or a system user; may be repeated")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {
@@ -62,7 +87,17 @@ CommandLine CommandLine::parse(int argc, char** argv) {
     std::fprintf(stderr, "ostravel-extension: %s (see --help)\n", error.what());
     return {std::nullopt, kExitUsage};
   }
-  return {Options{configurationPath, sinks.at(sink)}, EXIT_SUCCESS};
+  Options options{configurationPath, sinks.at(sink), {}};
+  for (const std::string& name : proxyUsers) {
+    const auto user = userWithName(name);
+    if (!user) {
+      std::fprintf(stderr, "ostravel-extension: --proxy-user: there is no user \"%s\"\n",
+                   linuxplatform::printable(name).c_str());
+      return {std::nullopt, kExitUsage};
+    }
+    options.proxyUsers.push_back(*user);
+  }
+  return {std::move(options), EXIT_SUCCESS};
 }
 
 }  // namespace ostravel

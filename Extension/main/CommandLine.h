@@ -1,7 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Platform/Linux/LinuxPlatform.h"
 
@@ -13,6 +16,8 @@ struct CommandLine {
     // Absent: the default file, if there is one.
     std::optional<std::string> configurationPath;
     linuxplatform::LinuxPlatform::LogSink logSink;
+    // Whose local proxy may carry everybody's flows, besides root's and system users'.
+    std::vector<uid_t> proxyUsers;
   };
 
   // Absent when the process is to end with exitStatus, because it has shown its help or version, or

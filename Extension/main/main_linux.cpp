@@ -90,7 +90,7 @@ int main(int argc, char** argv) {
   linuxplatform::LinuxProviderContext context(
       platform, loops, descriptors,
       std::get<std::optional<platform::ProviderConfiguration>>(configuration),
-      [] { ::sd_notify(0, "WATCHDOG=1"); });
+      [] { ::sd_notify(0, "WATCHDOG=1"); }, commandLine.options->proxyUsers);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);
 

@@ -55,11 +55,12 @@ struct Interceptor::Parts {
 std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
     const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
     EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler,
-    std::function<void()> onHeartbeat) {
+    std::function<void()> onHeartbeat, const std::vector<uid_t>& proxyUsers) {
   // The table comes last: nothing is offered before somebody can decide.
   auto identifiers = std::make_unique<ApplicationIdentifierSource>(
       kLocalProxyPort,
-      [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); });
+      [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
+      ApplicationRegistrations::kDefaultFolder, proxyUsers);
   auto queue = PacketQueue::open();
   if (auto* error = std::get_if<Error>(&queue)) {
     return std::move(*error);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -41,11 +43,11 @@ class Interceptor {
   using FlowHandler = std::function<bool(std::shared_ptr<platform::AppProxyFlow>)>;
 
   // On failure the error's sentence says what is missing and what to do, and nothing is left
-  // behind.
+  // behind. proxyUsers: see ApplicationIdentifierSource.
   static std::variant<std::unique_ptr<Interceptor>, platform::Error> start(
       const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
       EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler,
-      std::function<void()> onHeartbeat);
+      std::function<void()> onHeartbeat, const std::vector<uid_t>& proxyUsers);
 
   Interceptor(const Interceptor&) = delete;
   Interceptor& operator=(const Interceptor&) = delete;

@@ -11,11 +11,13 @@ using platform::OptionalError;
 
 LinuxProviderContext::LinuxProviderContext(
     platform::Platform& platform, EventLoopGroup& loops, DescriptorBudget& descriptors,
-    std::optional<platform::ProviderConfiguration> configuration, std::function<void()> onHeartbeat)
+    std::optional<platform::ProviderConfiguration> configuration, std::function<void()> onHeartbeat,
+    std::vector<uid_t> proxyUsers)
     : loops_(loops),
       descriptors_(descriptors),
       configuration_(std::move(configuration)),
       onHeartbeat_(std::move(onHeartbeat)),
+      proxyUsers_(std::move(proxyUsers)),
       log_(platform.makeLog("OstravelNetworkExtension", "OstravelLinux")),
       settingsQueue_(platform.makeQueue("com.ostravel.networkSettings",
                                         platform::DispatchQueueKind::serial)) {}
@@ -59,7 +61,7 @@ OptionalError LinuxProviderContext::startInterception(
         const auto provider = weakProvider.lock();
         return provider && provider->handleNewFlow(std::move(flow));
       },
-      onHeartbeat_);
+      onHeartbeat_, proxyUsers_);
   if (auto* error = std::get_if<Error>(&started)) {
     return std::move(*error);
   }

@@ -1,9 +1,12 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "Platform/Interface/Platform.h"
 #include "Platform/Interface/TransparentProxyProvider.h"
@@ -18,11 +21,12 @@ namespace ostravel::linuxplatform {
 class LinuxProviderContext final : public platform::ProviderContext {
  public:
   // configuration: what the provider finds as its own. onHeartbeat, which may be empty, is called
-  // about twice a second while interception works.
+  // about twice a second while interception works. proxyUsers: those besides root and system users
+  // whose local proxy may carry everybody's flows.
   LinuxProviderContext(platform::Platform& platform, EventLoopGroup& loops,
                        DescriptorBudget& descriptors,
                        std::optional<platform::ProviderConfiguration> configuration,
-                       std::function<void()> onHeartbeat);
+                       std::function<void()> onHeartbeat, std::vector<uid_t> proxyUsers = {});
   ~LinuxProviderContext() override;
 
   // The provider that flows are offered to; held weakly. Set before it asks for network settings.
@@ -51,6 +55,7 @@ class LinuxProviderContext final : public platform::ProviderContext {
   DescriptorBudget& descriptors_;
   const std::optional<platform::ProviderConfiguration> configuration_;
   const std::function<void()> onHeartbeat_;
+  const std::vector<uid_t> proxyUsers_;
   const std::shared_ptr<platform::Log> log_;
   const std::shared_ptr<platform::DispatchQueue> settingsQueue_;
   std::weak_ptr<platform::TransparentProxyProvider> provider_;
