@@ -9,8 +9,9 @@ Commands come on standard input, one JSON object per line:
 
 A line with null only asks for a report.
 
-What happens is reported on standard output, one JSON object per line. Of connections it is told
-when they were accepted, which happens in the order in which they were made.
+What happens is reported on standard output, one JSON object per line. A request is "asked" for a
+flow, or "tried" by the extension for itself. Of connections it is told when they were accepted,
+which happens in the order in which they were made.
 """
 
 import json
@@ -95,7 +96,9 @@ def serve(connection, current, accepted_at):
         if not request:
             report("probed", accepted_at=accepted_at)
             return
-        report("asked", request=request.decode("latin-1"), accepted_at=accepted_at)
+        # A flow has a number; the trial, which shows the extension that this is a proxy, has none.
+        what = "asked" if b"X-Ostravel-Flow-Id" in request else "tried"
+        report(what, request=request.decode("latin-1"), accepted_at=accepted_at)
         answer = current.get("answer", ESTABLISHED).encode("latin-1")
         then = current.get("then", "relay")
         origin = connect_to_origin(request) if then == "relay" else None
