@@ -2,20 +2,16 @@
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
-#include <fcntl.h>
-#include <mntent.h>
 #include <netinet/in.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
 #include "ConnectTracerProgram.h"
+#include "Platform/Linux/CgroupRoot.h"
 #include "Platform/Linux/FileDescriptor.h"
 
 namespace ostravel::linuxplatform {
@@ -26,45 +22,7 @@ std::string because(const char* what) {
   return std::string(what) + ": " + std::strerror(errno);
 }
 
-// The unified hierarchy without a path to it, for mount namespaces that hide it: those of
-// ip-netns(8) replace /sys, where it is usually mounted. Nobody else sees this mount, and it goes
-// with its last descriptor.
-FileDescriptor openDetachedCgroupRoot() {
-  const FileDescriptor context(::fsopen("cgroup2", FSOPEN_CLOEXEC));
-  if (!context.isOpen() ||
-      ::fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) {
-    return FileDescriptor();
-  }
-  return FileDescriptor(::fsmount(context.get(), FSMOUNT_CLOEXEC, 0));
-}
-
-FileDescriptor openCgroupRoot() {
-  if (const auto path = findCgroupRoot("/proc/self/mounts")) {
-    return FileDescriptor(::open(path->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  }
-  return openDetachedCgroupRoot();
-}
-
 }  // namespace
-
-std::optional<std::string> findCgroupRoot(const std::string& mountsFile) {
-  struct Close {
-    void operator()(std::FILE* file) const { ::endmntent(file); }
-  };
-  const std::unique_ptr<std::FILE, Close> mounts(::setmntent(mountsFile.c_str(), "re"));
-  if (!mounts) {
-    return std::nullopt;
-  }
-  mntent entry{};
-  // Long enough for any line that matters; longer ones are cut off.
-  std::array<char, 8192> text;
-  while (::getmntent_r(mounts.get(), &entry, text.data(), static_cast<int>(text.size()))) {
-    if (std::strcmp(entry.mnt_type, "cgroup2") == 0) {
-      return entry.mnt_dir;
-    }
-  }
-  return std::nullopt;
-}
 
 void ConnectTracer::ObjectRelease::operator()(bpf_object* object) const {
   ::bpf_object__close(object);

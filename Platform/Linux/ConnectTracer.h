@@ -53,8 +53,4 @@ class ConnectTracer {
   const bpf_map* processes_ = nullptr;
 };
 
-// Where the unified control groups (cgroups(7), version 2) are mounted, according to a file in the
-// format of /proc/self/mounts; absent when they are not.
-std::optional<std::string> findCgroupRoot(const std::string& mountsFile);
-
 }  // namespace ostravel::linuxplatform

@@ -2,6 +2,7 @@
 pkg_check_modules(LIBSYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 
 add_library(LinuxBase STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/CgroupRoot.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EventDescriptor.cpp
   ${CMAKE_CURRENT_LIST_DIR}/JournalLog.cpp
   ${CMAKE_CURRENT_LIST_DIR}/LinuxDispatchQueue.cpp

@@ -21,6 +21,7 @@
 #include <variant>
 #include <vector>
 
+#include "Platform/Linux/CgroupRoot.h"
 #include "Tests/Linux/Identity/Support/Helper.h"
 #include "Tests/Linux/Identity/Support/PrivateProcesses.h"
 #include "Tests/Linux/Identity/Support/SocketTools.h"
@@ -243,23 +244,6 @@ TEST(ConnectTracerTest, IsNotPossibleWhereProcessesHaveOtherNumbers) {
     ASSERT_TRUE(reason);
     EXPECT_EQ(*reason, "processes are not seen under the numbers that /proc shows");
   });
-}
-
-TEST(ConnectTracerTest, FindsTheControlGroupsWhereverTheyAreMounted) {
-  const TemporaryFolder folder;
-  const auto rootIn = [&folder](std::string_view mounts) {
-    return findCgroupRoot(folder.write("mounts", mounts));
-  };
-  EXPECT_EQ(rootIn("proc /proc proc rw 0 0\n"
-                   "cgroup /sys/fs/cgroup/cpu cgroup rw,cpu 0 0\n"
-                   "cgroup2 /sys/fs/cgroup/unified cgroup2 rw 0 0\n"),
-            "/sys/fs/cgroup/unified");
-  EXPECT_EQ(rootIn("none /sys/fs/cgroup cgroup2 rw 0 0\nnone /other cgroup2 rw 0 0\n"),
-            "/sys/fs/cgroup");
-  EXPECT_EQ(rootIn("none /with\\040space cgroup2 rw 0 0\n"), "/with space");
-  EXPECT_EQ(rootIn("cgroup2 /cgroup2 tmpfs rw 0 0\n"), std::nullopt);
-  EXPECT_EQ(rootIn(""), std::nullopt);
-  EXPECT_EQ(findCgroupRoot(folder.path("absent")), std::nullopt);
 }
 
 }  // namespace

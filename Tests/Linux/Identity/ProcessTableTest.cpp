@@ -17,7 +17,7 @@
 #include <string>
 #include <thread>
 
-#include "Platform/Linux/ConnectTracer.h"
+#include "Platform/Linux/CgroupRoot.h"
 #include "Tests/Linux/Identity/Support/Helper.h"
 #include "Tests/Linux/Identity/Support/SocketTools.h"
 #include "Tests/Linux/Identity/Support/TemporaryFolder.h"

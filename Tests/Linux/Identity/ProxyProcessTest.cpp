@@ -16,7 +16,7 @@
 #include <variant>
 #include <vector>
 
-#include "Platform/Linux/ConnectTracer.h"
+#include "Platform/Linux/CgroupRoot.h"
 #include "Tests/Linux/Identity/Support/Helper.h"
 #include "Tests/Linux/Identity/Support/SocketTools.h"
 #include "Tests/Linux/Identity/Support/TemporaryFolder.h"

@@ -13,7 +13,7 @@
 #include <variant>
 #include <vector>
 
-#include "Platform/Linux/ConnectTracer.h"
+#include "Platform/Linux/CgroupRoot.h"
 #include "Tests/Linux/Identity/Support/Helper.h"
 #include "Tests/Linux/Identity/Support/SocketTools.h"
 
