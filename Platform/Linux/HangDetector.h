@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace ostravel::linuxplatform {
+
+// Decides whether another process hangs, from how a counter of that process changes. Looks at no
+// clock itself. Owned and used by the guardian's one thread.
+//
+// Only time during which the observer itself was running counts: a suspended machine, a paused
+// virtual machine or a starved observer says nothing about the other process. Times are of the
+// monotonic clock, so nobody can set them.
+class HangDetector {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // How often to observe.
+  static constexpr std::chrono::milliseconds kInterval{100};
+  // Two observations this far apart: the observer was not running in between.
+  static constexpr std::chrono::milliseconds kLongestGap{500};
+
+  HangDetector(Clock::time_point now, std::uint32_t counter);
+
+  // Whether the counter has been unchanged for limit or longer. Any change is progress, also one to
+  // a smaller number.
+  bool observe(Clock::time_point now, std::uint32_t counter, Clock::duration limit);
+
+ private:
+  Clock::time_point lastObservation_;
+  Clock::time_point unchangedSince_;
+  std::uint32_t counter_;
+};
+
+}  // namespace ostravel::linuxplatform
