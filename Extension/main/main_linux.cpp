@@ -18,6 +18,9 @@
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/EventLoopGroup.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Heartbeat.h"
+#include "Platform/Linux/HeartbeatRecord.h"
+#include "Platform/Linux/HeartbeatThreads.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
 #include "Platform/Linux/Privileges.h"
@@ -87,12 +90,17 @@ int main(int argc, char** argv) {
   linuxplatform::LinuxPlatform platform({commandLine.options->logSink});
   linuxplatform::DescriptorBudget descriptors;
   linuxplatform::EventLoopGroup loops(descriptors);
+  linuxplatform::HeartbeatRecord record;
+  linuxplatform::Heartbeat heartbeat(record);
+  const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
   linuxplatform::LinuxProviderContext context(
       platform, loops, descriptors,
-      std::get<std::optional<platform::ProviderConfiguration>>(configuration),
+      std::get<std::optional<platform::ProviderConfiguration>>(configuration), heartbeat,
       [] { ::sd_notify(0, "WATCHDOG=1"); }, commandLine.options->proxyUsers);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);
+
+  heartbeat.start();
 
   std::promise<platform::OptionalError> started;
   provider->startProxy(std::nullopt, [&started](platform::OptionalError error) {
@@ -107,13 +115,18 @@ int main(int argc, char** argv) {
     ::sd_notify(0, "STOPPING=1");
   }
 
+  // Each step that is done is a beat from now on.
+  heartbeat.stop();
   std::promise<void> stopped;
   provider->stopProxy(platform::ProviderStopReason::userInitiated,
                       [&stopped] { stopped.set_value(); });
   stopped.get_future().wait();
+  record.beat();
   context.stopInterception();
+  record.beat();
   provider.reset();
   loops.stop();
+  record.beat();
   // What is still there at the end of it is a write that nobody takes.
   static_cast<void>(platform.drain(std::chrono::steady_clock::now() + kDrainTimeout));
   const int exitStatus = startError ? fail(*startError) : EXIT_SUCCESS;

@@ -37,7 +37,7 @@ class InterceptionTable {
  public:
   static constexpr const char* kName = "ostravel";
   // How long packets go on being offered when nobody refreshes.
-  static constexpr std::chrono::milliseconds kAliveTimeout{2000};
+  static constexpr std::chrono::milliseconds kAliveTimeout{1000};
 
   // Where event loop i accepts: the ports of its listeners, 0 when it has none of that family.
   struct ListenerPorts {

@@ -22,10 +22,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A quarter of the time after which packets stop being offered, so that one late beat does not
-// matter.
-constexpr auto kBeatInterval = InterceptionTable::kAliveTimeout / 4;
-// Packets taken in one go before the beat is looked at again.
+// So that one late beat does not matter.
+static_assert(Heartbeat::kInterval * 4 <= InterceptionTable::kAliveTimeout);
+// Packets taken in one go before the next ping is answered.
 constexpr int kMaximumBurst = 64;
 // The flows of a busy desktop over the longest time that one is remembered.
 constexpr std::size_t kRememberedFlows = 8192;
@@ -50,12 +49,13 @@ struct Interceptor::Parts {
   std::unique_ptr<ApplicationIdentifierSource> identifiers;
   std::shared_ptr<PacketQueue> queue;
   std::unique_ptr<AliveKeeper> aliveKeeper;
+  Heartbeat& heartbeat;
 };
 
 std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
     const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
-    EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler,
-    std::function<void()> onHeartbeat, const std::vector<uid_t>& proxyUsers) {
+    EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler, Heartbeat& heartbeat,
+    std::function<void()> onAlive, const std::vector<uid_t>& proxyUsers) {
   // The table comes last: nothing is offered before somebody can decide.
   auto identifiers = std::make_unique<ApplicationIdentifierSource>(
       kLocalProxyPort,
@@ -66,16 +66,20 @@ std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
     return std::move(*error);
   }
   std::shared_ptr<PacketQueue> openQueue = std::get<std::unique_ptr<PacketQueue>>(std::move(queue));
-  auto table = InterceptionTable::install(settings, loops.marks(), openQueue->number(),
-                                          listenerPorts(loops));
+  const auto install = [settings, marks = loops.marks(), number = openQueue->number(),
+                        ports = listenerPorts(loops)] {
+    return InterceptionTable::install(settings, marks, number, ports);
+  };
+  auto table = install();
   if (auto* error = std::get_if<Error>(&table)) {
     return std::move(*error);
   }
-  auto aliveKeeper = std::make_unique<AliveKeeper>(
-      std::get<std::unique_ptr<InterceptionTable>>(std::move(table)), log, std::move(onHeartbeat));
-  return std::unique_ptr<Interceptor>(
-      new Interceptor({std::move(log), loops, descriptors, std::move(handler),
-                       std::move(identifiers), std::move(openQueue), std::move(aliveKeeper)}));
+  auto aliveKeeper =
+      std::make_unique<AliveKeeper>(std::get<std::unique_ptr<InterceptionTable>>(std::move(table)),
+                                    install, log, std::move(onAlive));
+  return std::unique_ptr<Interceptor>(new Interceptor(
+      {std::move(log), loops, descriptors, std::move(handler), std::move(identifiers),
+       std::move(openQueue), std::move(aliveKeeper), heartbeat}));
 }
 
 Interceptor::Interceptor(Parts parts)
@@ -88,6 +92,11 @@ Interceptor::Interceptor(Parts parts)
       recentFlows_(kRememberedFlows),
       leftFlows_(log_),
       aliveKeeper_(std::move(parts.aliveKeeper)),
+      membership_(parts.heartbeat.join(
+          kVerdictThreadParticipant,
+          // The thread answers through the membership.
+          [this](const Heartbeat::Answer& /*answer*/) { ping_.signal(); },
+          [this] { aliveKeeper_->beat(); })),
       thread_([this] { run(); }) {}
 
 Interceptor::~Interceptor() {
@@ -124,15 +133,14 @@ void Interceptor::takeRegistrations() {
 
 void Interceptor::run() {
   ::pthread_setname_np(::pthread_self(), "verdict");
-  auto nextBeat = std::chrono::steady_clock::now() + kBeatInterval;
   while (true) {
-    std::array<pollfd, 3> waited{{{stop_.descriptor(), POLLIN, 0},
+    std::array<pollfd, 4> waited{{{stop_.descriptor(), POLLIN, 0},
                                   {newRegistrationsAreThere_.descriptor(), POLLIN, 0},
-                                  {queue_->descriptor(), POLLIN, 0}}};
-    const auto untilBeat =
-        std::chrono::ceil<std::chrono::milliseconds>(nextBeat - std::chrono::steady_clock::now());
-    ::poll(waited.data(), waited.size(),
-           static_cast<int>(std::max(untilBeat, std::chrono::milliseconds::zero()).count()));
+                                  {queue_->descriptor(), POLLIN, 0},
+                                  {ping_.descriptor(), POLLIN, 0}}};
+    if (::poll(waited.data(), waited.size(), -1) < 0) {
+      continue;
+    }
     if (waited[0].revents != 0) {
       break;
     }
@@ -143,10 +151,10 @@ void Interceptor::run() {
     if (waited[2].revents != 0) {
       receive();
     }
-    if (const auto now = std::chrono::steady_clock::now(); now >= nextBeat) {
+    if (ping_.consume()) {
+      queue_->retryUnsent();
       tendHeldFlows();
-      aliveKeeper_->beat();
-      nextBeat = now + kBeatInterval;
+      membership_.answer();
     }
   }
   acceptEverything();

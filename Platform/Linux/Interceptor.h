@@ -21,6 +21,7 @@
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/EventDescriptor.h"
 #include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/Heartbeat.h"
 #include "Platform/Linux/HeldFlows.h"
 #include "Platform/Linux/LeftFlows.h"
 #include "Platform/Linux/PacketParser.h"
@@ -42,12 +43,14 @@ class Interceptor {
   // True: the flow has been taken. Called on the verdict thread.
   using FlowHandler = std::function<bool(std::shared_ptr<platform::AppProxyFlow>)>;
 
-  // On failure the error's sentence says what is missing and what to do, and nothing is left
-  // behind. proxyUsers: see ApplicationIdentifierSource.
+  // The verdict thread joins the heartbeat, which keeps the rules alive; onAlive, which may be
+  // empty, is called about four times a second while they are. proxyUsers: see
+  // ApplicationIdentifierSource. On failure the error's sentence says what is missing and what to
+  // do, and nothing is left behind.
   static std::variant<std::unique_ptr<Interceptor>, platform::Error> start(
       const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
       EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler,
-      std::function<void()> onHeartbeat, const std::vector<uid_t>& proxyUsers);
+      Heartbeat& heartbeat, std::function<void()> onAlive, const std::vector<uid_t>& proxyUsers);
 
   Interceptor(const Interceptor&) = delete;
   Interceptor& operator=(const Interceptor&) = delete;
@@ -102,6 +105,9 @@ class Interceptor {
   // What the verdict thread is to use from now on. Guarded by registrationsLock_.
   std::optional<ApplicationRegistrations> newRegistrations_;
   std::unique_ptr<AliveKeeper> aliveKeeper_;
+  EventDescriptor ping_;
+  // Until the thread has ended: a thread that does not end hangs as well.
+  const Heartbeat::Membership membership_;
   std::thread thread_;
 };
 

@@ -39,6 +39,9 @@ class LinuxPlatform final : public platform::Platform {
   // at the deadline. Then only the end of the process ends it.
   [[nodiscard]] bool drain(std::chrono::steady_clock::time_point deadline);
 
+  // The threads of all queues.
+  WorkerPool& workers() { return workers_; }
+
   std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,
                                                      platform::DispatchQueueKind kind) override;
   std::shared_ptr<platform::DispatchTimer> makeTimer(

@@ -11,12 +11,13 @@ using platform::OptionalError;
 
 LinuxProviderContext::LinuxProviderContext(
     platform::Platform& platform, EventLoopGroup& loops, DescriptorBudget& descriptors,
-    std::optional<platform::ProviderConfiguration> configuration, std::function<void()> onHeartbeat,
-    std::vector<uid_t> proxyUsers)
+    std::optional<platform::ProviderConfiguration> configuration, Heartbeat& heartbeat,
+    std::function<void()> onAlive, std::vector<uid_t> proxyUsers)
     : loops_(loops),
       descriptors_(descriptors),
       configuration_(std::move(configuration)),
-      onHeartbeat_(std::move(onHeartbeat)),
+      heartbeat_(heartbeat),
+      onAlive_(std::move(onAlive)),
       proxyUsers_(std::move(proxyUsers)),
       log_(platform.makeLog("OstravelNetworkExtension", "OstravelLinux")),
       settingsQueue_(platform.makeQueue("com.ostravel.networkSettings",
@@ -61,7 +62,7 @@ OptionalError LinuxProviderContext::startInterception(
         const auto provider = weakProvider.lock();
         return provider && provider->handleNewFlow(std::move(flow));
       },
-      onHeartbeat_, proxyUsers_);
+      heartbeat_, onAlive_, proxyUsers_);
   if (auto* error = std::get_if<Error>(&started)) {
     return std::move(*error);
   }

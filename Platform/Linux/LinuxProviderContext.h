@@ -12,6 +12,7 @@
 #include "Platform/Interface/TransparentProxyProvider.h"
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/EventLoopGroup.h"
+#include "Platform/Linux/Heartbeat.h"
 #include "Platform/Linux/Interceptor.h"
 
 namespace ostravel::linuxplatform {
@@ -20,13 +21,15 @@ namespace ostravel::linuxplatform {
 // intercepted flows, and makes its connections. Owned by the process entry; outlives the provider.
 class LinuxProviderContext final : public platform::ProviderContext {
  public:
-  // configuration: what the provider finds as its own. onHeartbeat, which may be empty, is called
-  // about twice a second while interception works. proxyUsers: those besides root and system users
-  // whose local proxy may carry everybody's flows.
+  // configuration: what the provider finds as its own. heartbeat: what interception takes part in
+  // while it exists. onAlive, which may be empty, is called about four times a second while
+  // interception works. proxyUsers: those besides root and system users whose local proxy may carry
+  // everybody's flows.
   LinuxProviderContext(platform::Platform& platform, EventLoopGroup& loops,
                        DescriptorBudget& descriptors,
                        std::optional<platform::ProviderConfiguration> configuration,
-                       std::function<void()> onHeartbeat, std::vector<uid_t> proxyUsers = {});
+                       Heartbeat& heartbeat, std::function<void()> onAlive,
+                       std::vector<uid_t> proxyUsers = {});
   ~LinuxProviderContext() override;
 
   // The provider that flows are offered to; held weakly. Set before it asks for network settings.
@@ -54,7 +57,8 @@ class LinuxProviderContext final : public platform::ProviderContext {
   EventLoopGroup& loops_;
   DescriptorBudget& descriptors_;
   const std::optional<platform::ProviderConfiguration> configuration_;
-  const std::function<void()> onHeartbeat_;
+  Heartbeat& heartbeat_;
+  const std::function<void()> onAlive_;
   const std::vector<uid_t> proxyUsers_;
   const std::shared_ptr<platform::Log> log_;
   const std::shared_ptr<platform::DispatchQueue> settingsQueue_;

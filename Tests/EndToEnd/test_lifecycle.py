@@ -102,7 +102,7 @@ def test_hung_it_lets_new_flows_pass_and_takes_them_again_later(laboratory):
             lambda host=host: laboratory.fetch(host, 80, seconds=0.2).way == "direct",
             "new flows pass",
         )
-    # After two seconds, and what a busy machine adds.
+    # After a second, and what a busy machine adds.
     assert time.monotonic() - begin < END_SECONDS
     for _ in range(5):
         assert laboratory.fetch(THERE4, 80).way == "direct"
