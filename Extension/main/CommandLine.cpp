@@ -71,6 +71,9 @@ CommandLine CommandLine::parse(int argc, char** argv) {
                  "systemd, else standard error")
       ->type_name("SINK")
       ->check(CLI::IsMember(sinks));
+  bool isGuardianUnwanted = false;
+  app.add_flag("--no-guardian", isGuardianUnwanted,
+               "do not kill this process when it hangs: for debuggers, which stop it");
 
   std::vector<std::string> proxyUsers;
   app.add_option("--proxy-user", proxyUsers,
@@ -87,7 +90,7 @@ CommandLine CommandLine::parse(int argc, char** argv) {
     std::fprintf(stderr, "ostravel-extension: %s (see --help)\n", error.what());
     return {std::nullopt, kExitUsage};
   }
-  Options options{configurationPath, sinks.at(sink), {}};
+  Options options{configurationPath, sinks.at(sink), !isGuardianUnwanted, {}};
   for (const std::string& name : proxyUsers) {
     const auto user = userWithName(name);
     if (!user) {

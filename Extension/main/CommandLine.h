@@ -16,6 +16,8 @@ struct CommandLine {
     // Absent: the default file, if there is one.
     std::optional<std::string> configurationPath;
     linuxplatform::LinuxPlatform::LogSink logSink;
+    // False for debuggers, which stop the process for longer than a guardian waits.
+    bool hasGuardian = true;
     // Whose local proxy may carry everybody's flows, besides root's and system users'.
     std::vector<uid_t> proxyUsers;
   };

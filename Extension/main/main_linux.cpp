@@ -18,6 +18,7 @@
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/EventLoopGroup.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Guardian.h"
 #include "Platform/Linux/Heartbeat.h"
 #include "Platform/Linux/HeartbeatRecord.h"
 #include "Platform/Linux/HeartbeatThreads.h"
@@ -45,9 +46,11 @@ int fail(const platform::Error& error) {
 // goes away while it is written to must not end the process.
 sigset_t takeOverSignals() {
   std::signal(SIGPIPE, SIG_IGN);
+  // Whoever started us may have ignored it.
+  std::signal(SIGCHLD, SIG_DFL);
   sigset_t taken;
   sigemptyset(&taken);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
     sigaddset(&taken, signal);
   }
   pthread_sigmask(SIG_BLOCK, &taken, nullptr);
@@ -68,12 +71,34 @@ bool hasTerminal() {
   return terminal.isOpen();
 }
 
+// Absent when there is to be none. What is wrong with it is said once there is a log.
+using MaybeGuardian = std::optional<std::variant<linuxplatform::Guardian, platform::Error>>;
+
+void reportMissingGuardian(MaybeGuardian& guardian, platform::Log& log) {
+  if (!guardian) {
+    return;
+  }
+  if (const auto* error = std::get_if<platform::Error>(&*guardian)) {
+    log.error("OstravelProxy: Hangs are not detected: %{public}s", {error->localizedDescription});
+    guardian.reset();
+  } else if (std::get<linuxplatform::Guardian>(*guardian).hasEnded()) {
+    log.error("OstravelProxy: The guardian has ended: hangs are no longer detected");
+    guardian.reset();
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const auto commandLine = CommandLine::parse(argc, argv);
   if (!commandLine.options) {
     return commandLine.exitStatus;
+  }
+  // As soon as possible: the guardian keeps a copy of what memory there is.
+  linuxplatform::HeartbeatRecord record;
+  MaybeGuardian guardian;
+  if (commandLine.options->hasGuardian) {
+    guardian = linuxplatform::Guardian::start(record);
   }
   const auto configuration =
       linuxplatform::readProviderConfiguration(commandLine.options->configurationPath);
@@ -90,7 +115,6 @@ int main(int argc, char** argv) {
   linuxplatform::LinuxPlatform platform({commandLine.options->logSink});
   linuxplatform::DescriptorBudget descriptors;
   linuxplatform::EventLoopGroup loops(descriptors);
-  linuxplatform::HeartbeatRecord record;
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
   linuxplatform::LinuxProviderContext context(
@@ -100,6 +124,7 @@ int main(int argc, char** argv) {
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);
 
+  reportMissingGuardian(guardian, platform.defaultLog());
   heartbeat.start();
 
   std::promise<platform::OptionalError> started;
@@ -109,8 +134,14 @@ int main(int argc, char** argv) {
   const auto startError = started.get_future().get();
   if (!startError) {
     ::sd_notify(0, "READY=1");
-    while (waitForSignal(takenSignals) == SIGHUP && !endsOnHangUp) {
-      context.reloadRegistrations();
+    // The guardian may have ended before its signal was taken over.
+    for (int signal = SIGCHLD; signal == SIGCHLD || (signal == SIGHUP && !endsOnHangUp);
+         signal = waitForSignal(takenSignals)) {
+      if (signal == SIGCHLD) {
+        reportMissingGuardian(guardian, platform.defaultLog());
+      } else {
+        context.reloadRegistrations();
+      }
     }
     ::sd_notify(0, "STOPPING=1");
   }

@@ -4,6 +4,7 @@ pkg_check_modules(LIBSYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 add_library(LinuxBase STATIC
   ${CMAKE_CURRENT_LIST_DIR}/CgroupRoot.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EventDescriptor.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/Guardian.cpp
   ${CMAKE_CURRENT_LIST_DIR}/HangDetector.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Heartbeat.cpp
   ${CMAKE_CURRENT_LIST_DIR}/HeartbeatParticipants.cpp

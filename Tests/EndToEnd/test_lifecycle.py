@@ -94,7 +94,9 @@ def test_killed_it_can_be_started_again(laboratory):
 
 def test_hung_it_lets_new_flows_pass_and_takes_them_again_later(laboratory):
     laboratory.serve(80, tell_peer)
-    _, extension = laboratory.start_system()
+    laboratory.start_sidecar()
+    extension = laboratory.start_extension("--no-guardian")
+    eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "flows are proxied")
     begin = time.monotonic()
     extension.send_signal(signal.SIGSTOP)
     for host in (THERE4, THERE6):

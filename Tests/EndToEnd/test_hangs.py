@@ -1,0 +1,429 @@
+"""An extension that hangs is killed by its guardian, and no connection is lost to it."""
+
+import contextlib
+import ctypes
+import errno
+import os
+import pathlib
+import platform
+import select
+import signal
+import socket
+import struct
+import sys
+import time
+
+import pytest
+
+from laboratory import PEER_PORT, THERE4, THERE6, eventually
+
+# From the beginning of a connection: a hang is noticed after a second, and TCP sends the first
+# packet again after one, two or three.
+ESTABLISHED_SECONDS = 3.2
+# How late anything may be on a machine that is busy with something else.
+LATENESS_SECONDS = 4
+KILLED = "ostravel-extension: killed: no heartbeat for 1 s: "
+
+_libc = ctypes.CDLL(None, use_errno=True)
+_libc.ptrace.restype = ctypes.c_long
+_libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+
+
+# Ways to hang
+
+
+def stop(extension):
+    extension.send_signal(signal.SIGSTOP)
+
+
+def thread_of(extension, name):
+    """The thread of that name."""
+    (found,) = [
+        int(task.name)
+        for task in pathlib.Path(f"/proc/{extension.pid}/task").iterdir()
+        if (task / "comm").read_text().strip() == name
+    ]
+    return found
+
+
+def ptrace(request, thread, address=None, data=None):
+    """See ptrace(2)."""
+    if _libc.ptrace(request, thread, address, data) == -1:
+        number = ctypes.get_errno()
+        raise OSError(number, f"ptrace: {os.strerror(number)}")
+
+
+PTRACE_DETACH = 17
+PTRACE_GETREGS = 12
+PTRACE_SETREGS = 13
+PTRACE_SEIZE = 0x4206
+PTRACE_INTERRUPT = 0x4207
+WALL = 0x40000000  # linux/wait.h
+
+
+class Registers(ctypes.Structure):
+    """struct user_regs_struct of x86-64, sys/user.h."""
+
+    _fields_ = [
+        (name, ctypes.c_ulonglong)
+        for name in (
+            "r15 r14 r13 r12 rbp rbx r11 r10 r9 r8 rax rcx rdx rsi rdi orig_rax rip cs eflags rsp "
+            "ss fs_base gs_base ds es fs gs"
+        ).split()
+    ]
+
+
+def find_endless_loop(extension):
+    """The address of an instruction that jumps to itself, somewhere in the program's code."""
+    with open(f"/proc/{extension.pid}/mem", "rb", 0) as memory:
+        for line in pathlib.Path(f"/proc/{extension.pid}/maps").read_text().splitlines():
+            addresses, permissions, *_ = line.split()
+            begin, end = (int(address, 16) for address in addresses.split("-"))
+            if "x" not in permissions or "[" in line:
+                continue
+            memory.seek(begin)
+            found = memory.read(end - begin).find(b"\xeb\xfe")
+            if found >= 0:
+                return begin + found
+    raise AssertionError("no jmp to itself in the code")
+
+
+def spin(extension, name):
+    """Makes one thread run in circles, as a bug would."""
+    assert platform.machine() == "x86_64", "registers are known for x86-64 only"
+    thread = thread_of(extension, name)
+    ptrace(PTRACE_SEIZE, thread)
+    ptrace(PTRACE_INTERRUPT, thread)
+    os.waitpid(thread, WALL)
+    registers = Registers()
+    ptrace(PTRACE_GETREGS, thread, None, ctypes.addressof(registers))
+    registers.rip = find_endless_loop(extension)
+    # No system call is to be started again there.
+    registers.orig_rax = 2**64 - 1
+    ptrace(PTRACE_SETREGS, thread, None, ctypes.addressof(registers))
+    ptrace(PTRACE_DETACH, thread)
+
+
+@contextlib.contextmanager
+def control_group():
+    """A new group of the unified hierarchy, without anybody in it."""
+    (root, *_) = [
+        line.split()[1]
+        for line in pathlib.Path("/proc/self/mounts").read_text().splitlines()
+        if line.split()[2] == "cgroup2"
+    ] or [None]
+    assert root, "the unified control groups (cgroup2) are not mounted"
+    group = pathlib.Path(root, f"ostravel-test-{os.getpid()}-{time.monotonic_ns()}")
+    group.mkdir()
+    try:
+        yield group
+    finally:
+        (group / "cgroup.kill").write_text("1")
+        eventually(lambda: not (group / "cgroup.procs").read_text(), "the group is empty")
+        group.rmdir()
+
+
+def start_in(group):
+    """A prefix that runs a program in the group."""
+    return ("sh", "-c", 'echo $$ > "$0/cgroup.procs" && exec "$@"', str(group))
+
+
+# What applications see
+
+
+class Connection:
+    def __init__(self, laboratory, host):
+        self.socket = laboratory.socket(host)
+        self.socket.setblocking(False)
+        self.begin = time.monotonic()
+        assert self.socket.connect_ex((host, 80)) == errno.EINPROGRESS
+        self.seconds = None
+        self.error = None
+
+    def finish(self):
+        self.seconds = time.monotonic() - self.begin
+        self.error = self.socket.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
+        self.socket.close()
+
+
+class Applications:
+    """Connections that are begun one after the other while something happens."""
+
+    INTERVAL = 0.05
+
+    def __init__(self, laboratory):
+        self._laboratory = laboratory
+        self._poller = select.poll()
+        self._pending = {}
+        self.all = []
+
+    def go_on(self, seconds):
+        end = time.monotonic() + seconds
+        while (now := time.monotonic()) < end:
+            self._begin_one()
+            self._collect(now + self.INTERVAL)
+
+    def finish(self):
+        deadline = time.monotonic() + 20
+        while self._pending and time.monotonic() < deadline:
+            self._collect(time.monotonic() + self.INTERVAL)
+        assert not self._pending, f"{len(self._pending)} of {len(self.all)} still wait"
+
+    def _begin_one(self):
+        host = (THERE4, THERE6)[len(self.all) % 2]
+        connection = Connection(self._laboratory, host)
+        self._poller.register(connection.socket, select.POLLOUT)
+        self._pending[connection.socket.fileno()] = connection
+        self.all.append(connection)
+
+    def _collect(self, until):
+        while (left := until - time.monotonic()) > 0:
+            for descriptor, _ in self._poller.poll(left * 1000):
+                self._poller.unregister(descriptor)
+                self._pending.pop(descriptor).finish()
+
+
+def check_that_it_harms_nobody(laboratory, extension, hang, reason):
+    """Begins connections before, while and after it hangs."""
+    applications = Applications(laboratory)
+    applications.go_on(1)
+    hang()
+    applications.go_on(3)
+    assert extension.wait() == -signal.SIGKILL
+    assert not laboratory.has_rules()
+    applications.go_on(0.5)
+    applications.finish()
+    assert {connection.error for connection in applications.all} == {0}
+    slowest = max(connection.seconds for connection in applications.all)
+    print(f"{len(applications.all)} connections, the slowest after {slowest:.2f} s")
+    assert slowest < ESTABLISHED_SECONDS
+    assert extension.errors.since()[-1] == KILLED + reason
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
+
+
+def start_with_a_proxy_that_holds(laboratory, **options):
+    """So that there are flows that wait, with their packets in the extension's hands."""
+    laboratory.serve(80, None)
+    proxy, extension = laboratory.start_system(laboratory.start_local_proxy, **options)
+    proxy.behave(answer="", then="hold")
+    return extension
+
+
+def test_stopped_it_is_killed(laboratory):
+    extension = start_with_a_proxy_that_holds(laboratory)
+    check_that_it_harms_nobody(
+        laboratory, extension, lambda: stop(extension), "the whole process made no progress"
+    )
+
+
+def test_frozen_it_is_killed(laboratory):
+    with control_group() as group:
+        extension = start_with_a_proxy_that_holds(laboratory, prefix=start_in(group))
+        assert (group / "cgroup.procs").read_text().split() == [str(extension.pid)]
+        check_that_it_harms_nobody(
+            laboratory,
+            extension,
+            lambda: (group / "cgroup.freeze").write_text("1"),
+            "the whole process made no progress",
+        )
+
+
+@pytest.mark.parametrize(
+    "thread, name", [("loop-0", "event loop 0"), ("verdict", "the verdict thread")]
+)
+def test_with_a_thread_that_spins_it_is_killed(laboratory, thread, name):
+    extension = start_with_a_proxy_that_holds(laboratory)
+    check_that_it_harms_nobody(
+        laboratory, extension, lambda: spin(extension, thread), f"{name} made no progress"
+    )
+
+
+def test_it_is_killed_when_it_hangs_while_it_ends(laboratory):
+    """Stopped in the middle of it, if not just before or after."""
+    _, extension = laboratory.start_system()
+    extension.send_signal(signal.SIGTERM)
+    laboratory.events.wait("provider_stopped")
+    begin = time.monotonic()
+    stop(extension)
+    assert extension.wait() in (0, -signal.SIGKILL)
+    assert time.monotonic() - begin < 2 + LATENESS_SECONDS
+    assert not laboratory.has_rules()
+
+
+# What is no hang
+
+
+def check_is_in_use(laboratory, extension, seconds):
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        assert laboratory.fetch(THERE4, PEER_PORT).way in ("proxied", "direct")
+    assert extension.process.poll() is None
+    eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "it works")
+
+
+def test_a_stopped_monitor_is_no_hang(laboratory):
+    monitor = laboratory.start_monitor()
+    laboratory.start_sidecar()
+    extension = laboratory.start_extension()
+    laboratory.wait_until_proxied()
+    monitor.send_signal(signal.SIGSTOP)
+    check_is_in_use(laboratory, extension, 4)
+
+
+def test_a_busy_machine_is_no_hang(laboratory):
+    _, extension = laboratory.start_system()
+    busy = [
+        laboratory.start([sys.executable, "-c", "while True: pass"])
+        for _ in range(4 * os.cpu_count())
+    ]
+    check_is_in_use(laboratory, extension, 4)
+    for program in busy:
+        program.kill()
+
+
+# The guardian
+
+
+def children_of(extension):
+    return list(
+        map(int, pathlib.Path(f"/proc/{extension.pid}/task/{extension.pid}/children").read_text().split())
+    )  # fmt: skip
+
+
+def is_running(process):
+    try:
+        return pathlib.Path(f"/proc/{process}/stat").read_text().rpartition(")")[2].split()[0] != "Z"
+    except FileNotFoundError:
+        return False
+
+
+def test_the_guardian_is_small(laboratory):
+    _, extension = laboratory.start_system()
+    for _ in range(20):
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    (guardian,) = children_of(extension)
+    sizes = dict(
+        line.split(":")
+        for line in pathlib.Path(f"/proc/{guardian}/smaps_rollup").read_text().splitlines()[1:]
+    )
+    private = sum(int(sizes[name].split()[0]) for name in ("Private_Clean", "Private_Dirty"))
+    print(f"{private} KiB of private memory")
+    assert private < 1024
+    opened = {
+        name: os.readlink(f"/proc/{guardian}/fd/{name}")
+        for name in os.listdir(f"/proc/{guardian}/fd")
+    }
+    assert opened["2"] == os.readlink(f"/proc/{extension.pid}/fd/2")
+    assert [target for name, target in opened.items() if name != "2"] == ["anon_inode:[pidfd]"]
+    assert os.listdir(f"/proc/{guardian}/task") == [str(guardian)]
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL])
+def test_the_guardian_ends_with_the_extension(laboratory, number):
+    _, extension = laboratory.start_system()
+    (guardian,) = children_of(extension)
+    for ignored in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        os.kill(guardian, ignored)
+    assert is_running(guardian)
+    extension.send_signal(number)
+    # Also reads standard error to its end, which the guardian has as well.
+    begin = time.monotonic()
+    extension.wait()
+    assert time.monotonic() - begin < LATENESS_SECONDS
+    eventually(lambda: not is_running(guardian), "the guardian has ended", LATENESS_SECONDS)
+    assert not any("killed" in line for line in extension.errors.since())
+
+
+def test_without_its_guardian_the_extension_goes_on_and_says_so(laboratory):
+    _, extension = laboratory.start_system()
+    os.kill(*children_of(extension), signal.SIGKILL)
+    extension.expect(extension.errors, "The guardian has ended: hangs are no longer detected")
+    assert children_of(extension) == []
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    assert extension.stop() == 0
+    assert sum("guardian" in line for line in extension.errors.since()) == 1
+
+
+def test_a_debugger_can_do_without(laboratory):
+    laboratory.start_sidecar()
+    extension = laboratory.start_extension("--no-guardian")
+    assert children_of(extension) == []
+    stop(extension)
+    eventually(
+        lambda: laboratory.fetch(THERE4, PEER_PORT, seconds=0.2).way == "direct", "flows pass"
+    )
+    end = time.monotonic() + 2
+    while time.monotonic() < end:
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
+    extension.send_signal(signal.SIGCONT)
+    eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
+
+
+# The rules
+
+
+def test_flushing_the_ruleset_does_not_disturb(laboratory):
+    _, extension = laboratory.start_system()
+    for _ in range(3):
+        laboratory.here.run("nft", "flush", "ruleset")
+        assert laboratory.has_rules()
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    check_is_in_use(laboratory, extension, 1.5)
+    assert not any("installed again" in line for line in extension.errors.since())
+
+
+NETLINK_NETFILTER = 12
+NFNL_MSG_BATCH_BEGIN, NFNL_MSG_BATCH_END = 16, 17
+NFNL_SUBSYS_NFTABLES = 10
+NFT_MSG_DELTABLE = 2
+NFTA_TABLE_NAME = 1
+NFPROTO_INET = 1
+NLM_F_REQUEST = 1
+SYS_PIDFD_GETFD = 438
+
+
+def netfilter_sockets(extension):
+    """The extension's own sockets, shared with this process (pidfd_getfd(2))."""
+    process = os.pidfd_open(extension.pid)
+    try:
+        for name in os.listdir(f"/proc/{extension.pid}/fd"):
+            if not os.readlink(f"/proc/{extension.pid}/fd/{name}").startswith("socket:"):
+                continue
+            shared = _libc.syscall(SYS_PIDFD_GETFD, process, int(name), 0)
+            assert shared >= 0, os.strerror(ctypes.get_errno())
+            found = socket.socket(fileno=shared)
+            if found.family == socket.AF_NETLINK and found.proto == NETLINK_NETFILTER:
+                yield found
+            else:
+                found.close()
+    finally:
+        os.close(process)
+
+
+def delete_table(owner):
+    """In the name of the socket that owns it: nobody else may."""
+
+    def message(kind, family, resource, attributes=b""):
+        payload = struct.pack("=BB", family, 0) + struct.pack(">H", resource) + attributes
+        return struct.pack("=IHHII", 16 + len(payload), kind, NLM_F_REQUEST, 0, 0) + payload
+
+    name = b"ostravel\0"
+    attribute = struct.pack("=HH", 4 + len(name), NFTA_TABLE_NAME) + name.ljust(12, b"\0")
+    owner.send(
+        message(NFNL_MSG_BATCH_BEGIN, 0, NFNL_SUBSYS_NFTABLES)
+        + message(NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_DELTABLE, NFPROTO_INET, 0, attribute)
+        + message(NFNL_MSG_BATCH_END, 0, NFNL_SUBSYS_NFTABLES)
+    )
+
+
+def test_rules_that_are_gone_are_installed_again(laboratory):
+    _, extension = laboratory.start_system()
+    for owner in netfilter_sockets(extension):
+        with owner:
+            delete_table(owner)
+    extension.expect(extension.errors, "the interception could not be kept alive: ")
+    extension.expect(extension.errors, "Rules installed again")
+    eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
+    check_is_in_use(laboratory, extension, 1)
+    assert extension.stop() == 0
+    assert sum("installed again" in line for line in extension.errors.since()) == 1
