@@ -53,6 +53,14 @@ std::chrono::seconds limitOf(Phase phase) {
   return Guardian::kRunLimit;
 }
 
+// pidof(8) and ps(1) are to tell the two processes apart: what is meant for the extension, such as a
+// SIGSTOP, is not for its guardian.
+void takeName() {
+  ::prctl(PR_SET_NAME, kProcessName);
+  // The memory of argv[0], which cannot grow. What is left of it becomes empty.
+  std::strncpy(program_invocation_name, kProcessName, std::strlen(program_invocation_name));
+}
+
 void keepOnlyStandardErrorAnd(int extension) {
   ::dup2(extension, kExtension);
   ::close(STDIN_FILENO);
@@ -126,7 +134,7 @@ void writeLine(const std::string& line) {
 [[noreturn]] void guard(int extension, const HeartbeatRecord& record) {
   keepOnlyStandardErrorAnd(extension);
   ignoreRequestsToEnd();
-  ::prctl(PR_SET_NAME, kProcessName);
+  takeName();
   ::setsid();
   // So that no file system is kept in use.
   [[maybe_unused]] const int changed = ::chdir("/");

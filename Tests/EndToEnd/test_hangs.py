@@ -318,6 +318,18 @@ def test_the_guardian_is_small(laboratory):
     assert os.listdir(f"/proc/{guardian}/task") == [str(guardian)]
 
 
+def test_the_guardian_has_a_name_of_its_own(laboratory):
+    """So that a signal for the extension, sent by name, is not for both."""
+    _, extension = laboratory.start_system()
+    (guardian,) = children_of(extension)
+    assert pathlib.Path(f"/proc/{guardian}/comm").read_text() == "ostravel-guard\n"
+    command = pathlib.Path(f"/proc/{guardian}/cmdline").read_bytes().split(b"\0")
+    assert command[0] == b"ostravel-guard"
+    assert pathlib.Path(f"/proc/{extension.pid}/cmdline").read_bytes().split(b"\0")[0].endswith(
+        b"/ostravel-extension"
+    )
+
+
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL])
 def test_the_guardian_ends_with_the_extension(laboratory, number):
     _, extension = laboratory.start_system()
