@@ -20,12 +20,12 @@ class PacketTunnelProviderTestPeer {
  public:
   static void fillCache(PacketTunnelProvider& provider, std::size_t expired, std::size_t live) {
     provider.bypassCacheQueue_->syncBarrier([&provider, expired, live] {
-      provider.bypassCache_.clear();
+      auto& cache = provider.bypassCache_;
+      constexpr double kBeforeAnyExpiry = -1.0;
       for (std::size_t index = 0; index < expired + live; ++index) {
         const double expiry = index < expired ? 0.0 : 1e12;
-        provider.bypassCache_.emplace("/usr/bin/application:192.0.2.1:" + std::to_string(index),
-                                      PacketTunnelProvider::BypassCacheEntry{
-                                          PacketTunnelProvider::FlowAction::proxyTCP, expiry});
+        cache.store("/usr/bin/application:192.0.2.1:" + std::to_string(index),
+                    PacketTunnelProvider::FlowAction::proxyTCP, expiry, kBeforeAnyExpiry);
       }
     });
   }

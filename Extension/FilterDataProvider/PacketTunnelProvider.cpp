@@ -36,8 +36,6 @@ constexpr auto kProbeLeeway = 150ms;
 constexpr std::chrono::duration<double> kProbeTimeout = 350ms;
 
 constexpr double kBypassCacheLifetimeSeconds = 30.0;
-// Expired entries are swept out only when a store finds more than this many.
-constexpr std::size_t kBypassCachePruningThreshold = 2000;
 
 
 NetworkRule rule(std::string_view address, std::string_view port, std::uint8_t prefix,
@@ -264,9 +262,9 @@ std::optional<PacketTunnelProvider::FlowAction> PacketTunnelProvider::cachedFlow
     const std::string& key, double now) {
   std::optional<FlowAction> action;
   bypassCacheQueue_->sync([this, &key, now, &action] {
-    const auto found = bypassCache_.find(key);
-    if (found != bypassCache_.end() && found->second.expiry > now) {
-      action = found->second.action;
+    const auto* const entry = bypassCache_.find(key);
+    if (entry != nullptr && entry->expiry > now) {
+      action = entry->decision;
     }
   });
   return action;
@@ -274,15 +272,9 @@ std::optional<PacketTunnelProvider::FlowAction> PacketTunnelProvider::cachedFlow
 
 void PacketTunnelProvider::storeFlowAction(std::string key, FlowAction action, double now) {
   bypassCacheQueue_->asyncBarrier([weakProvider = weakSelf(), key = std::move(key), action, now] {
-    const auto provider = weakProvider.lock();
-    if (!provider) {
-      return;
+    if (const auto provider = weakProvider.lock()) {
+      provider->bypassCache_.store(key, action, now + kBypassCacheLifetimeSeconds, now);
     }
-    auto& cache = provider->bypassCache_;
-    if (cache.size() > kBypassCachePruningThreshold) {
-      std::erase_if(cache, [now](const auto& item) { return !(item.second.expiry > now); });
-    }
-    cache.insert_or_assign(key, BypassCacheEntry{action, now + kBypassCacheLifetimeSeconds});
   });
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Extension/FilterDataProvider/DomainList.h"
+#include "Extension/FilterDataProvider/FlowDecisionCache.h"
 #include "Extension/FilterDataProvider/OVTunnelConnection.h"
 #include "Extension/ProxyTunnelCore/ProxyHealthMonitor.h"
 #include "Extension/ProxyTunnelCore/ProxySafetyGate.h"
@@ -59,13 +60,6 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
 
  private:
   friend class PacketTunnelProviderTestPeer;
-
-  struct BypassCacheEntry {
-    // Before the safety gate, whose state is never remembered.
-    FlowAction action;
-    // Seconds since 1970 from which on the entry does not count.
-    double expiry;
-  };
 
   std::shared_ptr<PacketTunnelProvider> self();
   std::weak_ptr<PacketTunnelProvider> weakSelf();
@@ -123,8 +117,9 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   const std::shared_ptr<platform::DispatchQueue> proxyHealthQueue_;
   std::shared_ptr<platform::DispatchTimer> proxyHealthTimer_;
   const std::shared_ptr<platform::DispatchQueue> bypassCacheQueue_;
-  // Changed only by barrier items of its queue. Results of every kind are kept.
-  std::unordered_map<std::string, BypassCacheEntry> bypassCache_;
+  // Changed only by barrier items of its queue. Results of every kind are kept, as they were before
+  // the safety gate, whose state is never remembered.
+  FlowDecisionCache<FlowAction> bypassCache_;
 };
 
 }  // namespace ostravel

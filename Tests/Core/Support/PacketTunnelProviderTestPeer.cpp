@@ -1,5 +1,7 @@
 #include "Tests/Core/Support/PacketTunnelProviderTestPeer.h"
 
+#include <limits>
+
 namespace ostravel {
 
 using FlowAction = PacketTunnelProvider::FlowAction;
@@ -84,18 +86,18 @@ std::size_t PacketTunnelProviderTestPeer::cacheSize() const {
 
 void PacketTunnelProviderTestPeer::addCacheEntry(const std::string& key, FlowAction action,
                                                  double expiry) {
-  provider_.bypassCache_.insert_or_assign(key,
-                                          PacketTunnelProvider::BypassCacheEntry{action, expiry});
+  // Before any expiry: nothing is swept.
+  provider_.bypassCache_.store(key, action, expiry, std::numeric_limits<double>::lowest());
 }
 
 std::optional<FlowAction> PacketTunnelProviderTestPeer::cachedAction(const std::string& key) const {
-  const auto found = provider_.bypassCache_.find(key);
-  return found == provider_.bypassCache_.end() ? std::nullopt : std::optional(found->second.action);
+  const auto* const entry = provider_.bypassCache_.find(key);
+  return entry == nullptr ? std::nullopt : std::optional(entry->decision);
 }
 
 std::optional<double> PacketTunnelProviderTestPeer::cachedExpiry(const std::string& key) const {
-  const auto found = provider_.bypassCache_.find(key);
-  return found == provider_.bypassCache_.end() ? std::nullopt : std::optional(found->second.expiry);
+  const auto* const entry = provider_.bypassCache_.find(key);
+  return entry == nullptr ? std::nullopt : std::optional(entry->expiry);
 }
 
 FlowAction PacketTunnelProviderTestPeer::applySafetyGate(FlowAction action, bool isUDP) const {
