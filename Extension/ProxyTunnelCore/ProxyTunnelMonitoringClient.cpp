@@ -2,6 +2,9 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
+#include <cstdint>
+#include <map>
 #include <utility>
 #include <variant>
 
@@ -13,26 +16,108 @@ namespace ostravel {
 using platform::Error;
 using platform::OptionalError;
 
-struct ProxyTunnelMonitoringClient::Delivery {
-  platform::Platform& platform;
-  ProxyTunnelMonitoringFrameEncoder encoder;
-  Sender sender;
+namespace {
 
-  void deliver(const ProxyTunnelMonitoringEvent& event, const std::string& path) const {
-    if (const auto error = attempt(event, path)) {
-      platform.systemLog("OstravelProxy monitoring send failed: " + platform::describe(*error));
+// What an allocation costs beside the bytes that were asked for: its header and rounding.
+constexpr std::size_t kAllocationBytes = 32;
+// The work item without its event: two shared pointers and the queue's own entry.
+constexpr std::size_t kWorkItemBytes = 256;
+// The links and the colour of a node of a map.
+constexpr std::size_t kMapNodeBytes = 4 * sizeof(void*);
+
+// Counted as if no string were short enough to need no memory of its own.
+std::size_t heapBytes(const std::string& text) {
+  return text.capacity() + 1 + kAllocationBytes;
+}
+
+std::size_t heapBytes(double /*number*/) {
+  return 0;
+}
+
+template <typename Value>
+std::size_t heapBytes(const std::map<std::string, Value>& map) {
+  std::size_t bytes = 0;
+  for (const auto& item : map) {
+    bytes += kMapNodeBytes + sizeof(item) + kAllocationBytes;
+    bytes += heapBytes(item.first) + heapBytes(item.second);
+  }
+  return bytes;
+}
+
+template <typename Value>
+std::size_t heapBytes(const std::optional<Value>& value) {
+  return value ? heapBytes(*value) : 0;
+}
+
+// The memory that an event takes while its work item waits, never less than it really is.
+std::size_t waitingBytes(const ProxyTunnelMonitoringEvent& event) {
+  std::size_t bytes = kWorkItemBytes + sizeof(event) + 2 * kAllocationBytes;
+  for (const std::string* text :
+       {&event.messageID(), &event.loggedAt(), &event.type(), &event.currentSignal(),
+        &event.component(), &event.level(), &event.code(), &event.message()}) {
+    bytes += heapBytes(*text);
+  }
+  return bytes + heapBytes(event.flowID()) + heapBytes(event.metrics()) +
+         heapBytes(event.context());
+}
+
+}  // namespace
+
+class ProxyTunnelMonitoringClient::Delivery {
+ public:
+  Delivery(platform::Platform& platform, ProxyTunnelMonitoringFrameEncoder encoder, Sender sender)
+      : platform_(platform), encoder_(encoder), sender_(std::move(sender)) {}
+
+  // Whether an event of this size may wait; if not, it is counted as dropped.
+  bool admit(std::size_t bytes) {
+    std::size_t waiting = waitingBytes_;
+    do {
+      if (bytes > kMaxWaitingBytes || waiting > kMaxWaitingBytes - bytes) {
+        ++droppedEvents_;
+        return false;
+      }
+    } while (!waitingBytes_.compare_exchange_weak(waiting, waiting + bytes));
+    return true;
+  }
+
+  // bytes are those that were admitted.
+  void deliver(const ProxyTunnelMonitoringEvent& event, const std::string& path,
+               std::size_t bytes) {
+    const auto error = attempt(event, path);
+    waitingBytes_ -= bytes;
+    if (error) {
+      platform_.systemLog("OstravelProxy monitoring send failed: " + platform::describe(*error));
+    } else {
+      reportDroppedEvents();
     }
   }
 
  private:
   OptionalError attempt(const ProxyTunnelMonitoringEvent& event, const std::string& path) const {
-    const auto encoded = encoder.encode(event);
+    const auto encoded = encoder_.encode(event);
     if (const auto* error = std::get_if<Error>(&encoded)) {
       return *error;
     }
     const auto& frame = std::get<ProxyTunnelMonitoringFrameEncoder::Frame>(encoded);
-    return sender ? sender(path, frame) : sendFrameToSocket(platform.sockets(), path, frame);
+    return sender_ ? sender_(path, frame) : sendFrameToSocket(platform_.sockets(), path, frame);
   }
+
+  // Not before half of the room is free: a companion that is merely slow would cause a line for
+  // each event that it takes.
+  void reportDroppedEvents() {
+    if (waitingBytes_ > kMaxWaitingBytes / 2) {
+      return;
+    }
+    if (const auto dropped = droppedEvents_.exchange(0); dropped > 0) {
+      platform_.systemLog("OstravelProxy monitoring events dropped: " + std::to_string(dropped));
+    }
+  }
+
+  platform::Platform& platform_;
+  const ProxyTunnelMonitoringFrameEncoder encoder_;
+  const Sender sender_;
+  std::atomic<std::size_t> waitingBytes_ = 0;
+  std::atomic<std::uint64_t> droppedEvents_ = 0;
 };
 
 namespace {
@@ -76,7 +161,7 @@ ProxyTunnelMonitoringClient::ProxyTunnelMonitoringClient(
     Sender sender)
     : platform_(platform),
       queue_(std::move(queue)),
-      delivery_(std::make_shared<const Delivery>(Delivery{platform, encoder, std::move(sender)})),
+      delivery_(std::make_shared<Delivery>(platform, encoder, std::move(sender))),
       socketPath_(socketPath ? std::make_shared<const std::string>(*std::move(socketPath))
                              : nullptr) {}
 
@@ -98,9 +183,13 @@ void ProxyTunnelMonitoringClient::emit(ProxyTunnelMonitoringEvent event) {
   if (!path || path->empty()) {
     return;
   }
+  const std::size_t bytes = waitingBytes(event);
+  if (!delivery_->admit(bytes)) {
+    return;
+  }
   // The path in effect now is used even if it changes before the item runs.
-  queue_->async([delivery = delivery_, path = std::move(path), event = std::move(event)] {
-    delivery->deliver(event, *path);
+  queue_->async([delivery = delivery_, path = std::move(path), event = std::move(event), bytes] {
+    delivery->deliver(event, *path, bytes);
   });
 }
 

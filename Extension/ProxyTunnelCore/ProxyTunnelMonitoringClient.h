@@ -19,11 +19,20 @@ namespace ostravel {
 // Delivers events to the companion that listens on the monitoring socket. Fire and forget: callers
 // never wait and never learn of a failure; an event that cannot be delivered is lost after one line
 // in the system log. Owned by the provider for its whole life and shared with every tunnel; usable
-// from any thread. A companion that stops reading stalls the queue, never a caller.
+// from any thread.
+//
+// A companion that stops reading stalls the queue, never a caller, and costs at most
+// kMaxWaitingBytes: an event that does not fit any more is dropped. Once events are delivered again
+// and half of the room is free, one line in the system log gives the number of those that were
+// dropped.
 class ProxyTunnelMonitoringClient {
  public:
   using Sender = std::function<platform::OptionalError(const std::string& path,
                                                        std::span<const std::byte> frame)>;
+
+  // For the events that wait on the queue, with their work items: some two thousand. Enough for a
+  // companion that is restarted, little enough for one that hangs for ever.
+  static constexpr std::size_t kMaxWaitingBytes = std::size_t{4} * 1024 * 1024;
 
   // An empty sender stands for sendFrameToSocket. All encoding and sending runs on queue, which is
   // serial, so frames arrive in the order of emit.
@@ -44,11 +53,11 @@ class ProxyTunnelMonitoringClient {
 
  private:
   // What a work item needs; outlives the client as long as items are waiting.
-  struct Delivery;
+  class Delivery;
 
   platform::Platform& platform_;
   const std::shared_ptr<platform::DispatchQueue> queue_;
-  const std::shared_ptr<const Delivery> delivery_;
+  const std::shared_ptr<Delivery> delivery_;
   std::mutex lock_;
   std::shared_ptr<const std::string> socketPath_;
 };

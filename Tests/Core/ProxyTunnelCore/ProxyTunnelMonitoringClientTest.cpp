@@ -213,6 +213,132 @@ TEST_F(MonitoringClientEmit, LogsAnEventThatCannotBeEncodedInOneLineAndSendsNoth
   EXPECT_EQ(simulation_.logLines(), Lines{});
 }
 
+// --- emit while nobody takes the events
+
+class MonitoringClientBound : public MonitoringClientEmit {
+ protected:
+  // Nothing runs meanwhile, as when the first delivery does not come back.
+  void emitAll(ProxyTunnelMonitoringClient& client, int count) {
+    for (int number = 0; number < count; ++number) {
+      client.emit(event("signal-" + std::to_string(number)));
+    }
+  }
+
+  static std::string droppedLine(std::size_t count) {
+    return "OstravelProxy monitoring events dropped: " + std::to_string(count);
+  }
+
+  // More than fit.
+  static constexpr int kMany = 20'000;
+};
+
+TEST_F(MonitoringClientBound, DropsTheNewestEventsAndCountsThem) {
+  const auto client = make(kPath);
+
+  emitAll(*client, kMany);
+  simulation_.run();
+
+  ASSERT_GT(sent_.size(), 1000U);
+  ASSERT_LT(sent_.size(), static_cast<std::size_t>(kMany));
+  for (std::size_t number = 0; number < sent_.size(); ++number) {
+    ASSERT_EQ(sent_[number], "/tmp/m.sock signal-" + std::to_string(number));
+  }
+  EXPECT_EQ(simulation_.systemLogLines(), Lines{droppedLine(kMany - sent_.size())});
+  EXPECT_EQ(simulation_.logLines(), Lines{});
+}
+
+TEST_F(MonitoringClientBound, SubmitsNoWorkItemForADroppedEvent) {
+  const auto client = make(kPath);
+  emitAll(*client, kMany);
+
+  std::size_t items = 0;
+  while (simulation_.runOne()) {
+    ++items;
+  }
+
+  EXPECT_EQ(items, sent_.size());
+}
+
+TEST_F(MonitoringClientBound, ReportsOnlyOnceHalfOfTheRoomIsFree) {
+  const auto client = make(kPath);
+  emitAll(*client, kMany);
+
+  while (simulation_.systemLogLines().empty() && simulation_.runOne()) {
+  }
+  const std::size_t sentBefore = sent_.size();
+  simulation_.run();
+
+  EXPECT_NEAR(static_cast<double>(sentBefore), static_cast<double>(sent_.size()) / 2.0, 2.0);
+  EXPECT_EQ(simulation_.systemLogLines().size(), 1U);
+}
+
+TEST_F(MonitoringClientBound, TakesEventsAgainAsSoonAsOneIsDelivered) {
+  const auto client = make(kPath);
+  emitAll(*client, kMany);
+  simulation_.runOne();
+
+  client->emit(event("late"));
+  simulation_.run();
+
+  EXPECT_EQ(sent_.back(), "/tmp/m.sock late");
+}
+
+TEST_F(MonitoringClientBound, ReportsNothingWhileDeliveryFails) {
+  const auto client = make(kPath);
+  emitAll(*client, kMany);
+  bool fails = true;
+  while (fails) {
+    senderError_ = Error{"SomeDomain", 5, "Went wrong"};
+    fails = simulation_.runOne();
+  }
+  for (const std::string& line : simulation_.systemLogLines()) {
+    ASSERT_TRUE(line.starts_with("OstravelProxy monitoring send failed: ")) << line;
+  }
+  const std::size_t dropped = kMany - sent_.size();
+
+  senderError_.reset();
+  client->emit(event("delivered"));
+  simulation_.run();
+
+  EXPECT_EQ(simulation_.systemLogLines().back(), droppedLine(dropped));
+}
+
+TEST_F(MonitoringClientBound, CountsAfreshAfterAReport) {
+  const auto client = make(kPath);
+  emitAll(*client, kMany);
+  simulation_.run();
+  const std::size_t first = kMany - sent_.size();
+  sent_.clear();
+
+  emitAll(*client, kMany);
+  simulation_.run();
+
+  EXPECT_EQ(simulation_.systemLogLines(),
+            (Lines{droppedLine(first), droppedLine(kMany - sent_.size())}));
+}
+
+TEST_F(MonitoringClientBound, DropsAnEventThatIsLargerThanTheRoom) {
+  const auto client = make(kPath);
+
+  client->emit(event(std::string(ProxyTunnelMonitoringClient::kMaxWaitingBytes, 'x')));
+  client->emit(event("small"));
+  simulation_.run();
+
+  EXPECT_EQ(sent_, Lines{"/tmp/m.sock small"});
+  EXPECT_EQ(simulation_.systemLogLines(), Lines{droppedLine(1)});
+}
+
+TEST_F(MonitoringClientBound, CountsNothingWithoutAPath) {
+  const auto client = make(std::nullopt);
+  emitAll(*client, kMany);
+
+  client->updateSocketPath(kPath);
+  client->emit(event("signal"));
+  simulation_.run();
+
+  EXPECT_EQ(simulation_.systemLogLines(), Lines{});
+}
+
 TEST(MonitoringClientOrder, IsThatOfEmitWhateverRunsInBetween) {
   for (std::uint64_t seed = 1; seed <= 50; ++seed) {
     SimulationOptions options;
