@@ -15,6 +15,7 @@ from dataclasses import dataclass
 
 import repository
 
+BASE = "Base"
 INTERFACE = "Platform/Interface"
 CORE = "Extension/ProxyTunnelCore"
 PROVIDER = "Extension/FilterDataProvider"
@@ -28,10 +29,11 @@ ALLOWED_FOLDERS = {
     PROVIDER: {PROVIDER, CORE, INTERFACE},
     POSIX: {POSIX, INTERFACE},
     ICU: {ICU, INTERFACE},
-    "Platform/Linux": {"Platform/Linux", POSIX, ICU, INTERFACE},
+    BASE: {BASE},
+    "Platform/Linux": {"Platform/Linux", POSIX, ICU, INTERFACE, BASE},
     "Platform/macOS": {"Platform/macOS", POSIX, ICU, INTERFACE},
     "Platform/Simulation": {"Platform/Simulation", POSIX, ICU, INTERFACE},
-    "Companion": {"Companion"},
+    "Companion": {"Companion", BASE},
 }
 
 THREAD_HEADERS = {"thread", "future", "stop_token", "condition_variable", "semaphore", "latch",

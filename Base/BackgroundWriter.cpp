@@ -1,0 +1,232 @@
+#include "Base/BackgroundWriter.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <utility>
+
+namespace ostravel {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Between two buffers. Short enough that nobody notices that a line is late.
+constexpr auto kGathering = 1ms;
+
+// An output returns at least this often while there is no room, or it is stuck.
+constexpr auto kLeaving = 200ms;
+
+// In a crash, in steps of a millisecond. A thread that is alive gets on within the first time even
+// on a busy machine; the second keeps a reader that is merely slow from holding up the end.
+constexpr int kLongestStandstill = 200;
+constexpr int kLongestCrash = 1000;
+
+// Filled by one thread at a time. The size is the last to change, so what it covers is complete.
+struct Buffer {
+  explicit Buffer(std::size_t capacity) : bytes(std::make_unique_for_overwrite<char[]>(capacity)) {}
+
+  std::string_view text() const { return {bytes.get(), size.load(std::memory_order_acquire)}; }
+
+  void append(std::string_view record) {
+    const std::size_t end = size.load(std::memory_order_relaxed);
+    std::memcpy(bytes.get() + end, record.data(), record.size());
+    size.store(end + record.size(), std::memory_order_release);
+  }
+
+  const std::unique_ptr<char[]> bytes;
+  std::atomic<std::size_t> size = 0;
+};
+
+}  // namespace
+
+struct BackgroundWriter::State {
+  State(std::unique_ptr<Output> outputOfWriter, std::size_t capacityOfBuffer)
+      : output(std::move(outputOfWriter)), capacity(capacityOfBuffer) {}
+
+  Buffer& filled() { return buffers[filledIndex]; }
+  Buffer& written() { return buffers[1 - filledIndex]; }
+
+  // Whether the thread has something to do. With the lock held.
+  bool hasWork() { return filled().size > 0 || dropped > 0; }
+
+  // Counted as buffersWritten counts them, the one that is filled now included. With the lock held.
+  std::size_t lastBufferInUse() {
+    // The number of dropped records goes into the buffer after it.
+    return exchanges + (hasWork() ? 1 : 0) + (dropped > 0 ? 1 : 0);
+  }
+
+  void run() {
+    threadID = ::gettid();
+    std::unique_lock lock(mutex);
+    while (waitForWork(lock)) {
+      exchangeBuffers();
+      lock.unlock();
+      writeBuffer();
+      lock.lock();
+      ++buffersWritten;
+      progress.notify_all();
+      wakeUp.wait_for(lock, kGathering, [this] { return isHurried(); });
+    }
+    hasEnded = true;
+    progress.notify_all();
+  }
+
+  bool isHurried() const { return isEnding || flushers > 0; }
+
+  // False when there is none and will be none.
+  bool waitForWork(std::unique_lock<std::mutex>& lock) {
+    while (!hasWork() && !isEnding) {
+      isCallNeeded = true;
+      wakeUp.wait(lock);
+      isCallNeeded = false;
+    }
+    return hasWork() && !isAbandoned;
+  }
+
+  void exchangeBuffers() {
+    filledIndex = 1 - filledIndex;
+    ++exchanges;
+    if (dropped > 0) {
+      const std::string record = output->dropped(std::exchange(dropped, 0));
+      if (record.size() <= capacity) {
+        filled().append(record);
+      }
+    }
+  }
+
+  void writeBuffer() {
+    const std::string_view text = written().text();
+    while (done < text.size() && !isAbandoned) {
+      done += output->write(text.substr(done));
+    }
+    written().size = 0;
+    done = 0;
+  }
+
+  std::size_t waitingBytes() const { return buffers[0].size + buffers[1].size - done; }
+
+  void writeLeftovers() noexcept {
+    const std::string_view text = written().text();
+    std::size_t at = done;
+    while (at < text.size()) {
+      const std::size_t size = output->writeInCrash(text.substr(at));
+      if (size == 0) {
+        return;
+      }
+      at += size;
+    }
+    std::string_view rest = filled().text();
+    while (!rest.empty()) {
+      const std::size_t size = output->writeInCrash(rest);
+      if (size == 0) {
+        return;
+      }
+      rest.remove_prefix(size);
+    }
+  }
+
+  const std::unique_ptr<Output> output;
+  const std::size_t capacity;
+
+  std::mutex mutex;
+  // For the thread, and for those that wait for it.
+  std::condition_variable wakeUp;
+  std::condition_variable progress;
+  // Since the buffers changed places.
+  std::size_t dropped = 0;
+  std::size_t exchanges = 0;
+  std::size_t buffersWritten = 0;
+  int flushers = 0;
+  // The thread sleeps and nobody has woken it.
+  bool isCallNeeded = false;
+  bool isEnding = false;
+  bool hasEnded = false;
+  std::atomic<bool> isAbandoned = false;
+
+  // Changed with the lock held; the signal handler of a crash looks at them without.
+  std::array<Buffer, 2> buffers{Buffer(capacity), Buffer(capacity)};
+  std::atomic<unsigned> filledIndex = 0;
+  // How much of the buffer that is being written is dealt with.
+  std::atomic<std::size_t> done = 0;
+  std::atomic<pid_t> threadID = 0;
+};
+
+BackgroundWriter::BackgroundWriter(std::unique_ptr<Output> output, std::size_t capacity,
+                                   const char* threadName)
+    : state_(std::make_shared<State>(std::move(output), capacity)),
+      thread_([state = state_] { state->run(); }) {
+  ::pthread_setname_np(thread_.native_handle(), threadName);
+}
+
+BackgroundWriter::~BackgroundWriter() {
+  std::unique_lock lock(state_->mutex);
+  state_->isEnding = true;
+  state_->wakeUp.notify_one();
+  const auto hasEnded = [this] { return state_->hasEnded; };
+  if (!state_->progress.wait_for(lock, kFarewell, hasEnded)) {
+    state_->isAbandoned = true;
+    if (!state_->progress.wait_for(lock, kLeaving, hasEnded)) {
+      thread_.detach();
+      return;
+    }
+  }
+  lock.unlock();
+  thread_.join();
+}
+
+void BackgroundWriter::push(std::string_view record) {
+  bool isCallNeeded = false;
+  {
+    const std::lock_guard lock(state_->mutex);
+    Buffer& buffer = state_->filled();
+    if (state_->dropped > 0 || record.size() > state_->capacity - buffer.size) {
+      ++state_->dropped;
+    } else {
+      buffer.append(record);
+    }
+    isCallNeeded = std::exchange(state_->isCallNeeded, false);
+  }
+  if (isCallNeeded) {
+    state_->wakeUp.notify_one();
+  }
+}
+
+bool BackgroundWriter::flush(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock lock(state_->mutex);
+  ++state_->flushers;
+  state_->wakeUp.notify_one();
+  const auto isDone = [this, last = state_->lastBufferInUse()] {
+    return state_->buffersWritten >= last;
+  };
+  const bool result = state_->progress.wait_until(lock, deadline, isDone);
+  --state_->flushers;
+  return result;
+}
+
+void BackgroundWriter::writeInCrash() noexcept {
+  State& state = *state_;
+  std::size_t waiting = state.waitingBytes();
+  if (state.threadID != ::gettid()) {
+    int standstill = 0;
+    for (int waited = 0; waiting > 0 && waited < kLongestCrash && standstill < kLongestStandstill;
+         ++waited) {
+      const timespec millisecond{.tv_sec = 0, .tv_nsec = 1'000'000};
+      ::nanosleep(&millisecond, nullptr);
+      const std::size_t now = state.waitingBytes();
+      standstill = now == waiting ? standstill + 1 : 0;
+      waiting = now;
+    }
+  }
+  if (waiting > 0) {
+    state.writeLeftovers();
+  }
+}
+
+}  // namespace ostravel

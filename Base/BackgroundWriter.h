@@ -1,0 +1,80 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace ostravel {
+
+// Takes records, such as the lines of a log, and has a thread write them, so that a reader that has
+// stalled stops nobody but that thread. Usable from any thread; records are written in the order in
+// which they came.
+//
+// Two buffers: one is filled while the other is written. When the first is full, records are
+// dropped until both change places; then a record that gives their number stands where they are
+// missing. Once a buffer is written, the thread pauses for a millisecond, so that many records
+// share a system call and no record pays for waking the thread.
+class BackgroundWriter {
+ public:
+  // Where the records go. Owned by the writer. Used by its thread alone, except where it says
+  // otherwise.
+  class Output {
+   public:
+    Output() = default;
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+    virtual ~Output() = default;
+
+    // Deals with the first of the records, of which there is one at least; returns the size of what
+    // is written, or lost because it cannot be. 0 when there was no room for a moment: it is then
+    // called again. May block for ever.
+    virtual std::size_t write(std::string_view records) = 0;
+
+    // The record that says how many were dropped; empty when there is to be none. Must not use this
+    // writer.
+    virtual std::string dropped(std::size_t count) = 0;
+
+    // As write, but never waits, and is async-signal-safe: for the signal handler of a process that
+    // crashes.
+    virtual std::size_t writeInCrash(std::string_view records) noexcept = 0;
+  };
+
+  // Of each buffer. Some five thousand lines together: seconds of the worst flood of lines, and
+  // nothing beside the memory of the process. Pages that are never used are never taken.
+  static constexpr std::size_t kUsualCapacity = std::size_t{512} * 1024;
+
+  // How long the destructor waits for a stalled reader.
+  static constexpr std::chrono::milliseconds kFarewell{500};
+
+  // Throws std::system_error when there can be no thread, whose name has 15 bytes at most.
+  BackgroundWriter(std::unique_ptr<Output> output, std::size_t capacity, const char* threadName);
+  BackgroundWriter(const BackgroundWriter&) = delete;
+  BackgroundWriter& operator=(const BackgroundWriter&) = delete;
+  // Waits until everything is written, but not longer than kFarewell. A thread that is stuck in a
+  // system call then is left behind; it writes nothing more and frees the output when it comes
+  // back.
+  ~BackgroundWriter();
+
+  // Takes a record, or drops and counts it. Never waits for anything but a memory copy.
+  void push(std::string_view record);
+
+  // Waits until everything is written that was pushed before; false when it is not by the deadline.
+  [[nodiscard]] bool flush(std::chrono::steady_clock::time_point deadline);
+
+  // For the handler of a signal that ends the process, on any thread: gives the writer's thread the
+  // time that it needs as long as it gets on, then writes what is left without waiting.
+  // Async-signal-safe.
+  void writeInCrash() noexcept;
+
+ private:
+  struct State;
+
+  // Also held by the thread, which may outlive this object.
+  const std::shared_ptr<State> state_;
+  std::thread thread_;
+};
+
+}  // namespace ostravel

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string_view>
+#include <system_error>
+
+namespace ostravel {
+
+// Writes whole lines to a descriptor that it does not own and that other programs may write to as
+// well. So it leaves O_NONBLOCK as it is, which would change the descriptor for all of them, and
+// waits in poll(2) instead. The program must ignore SIGPIPE. Usable from any thread.
+class LineOutput {
+ public:
+  explicit LineOutput(int descriptor) : descriptor_(descriptor) {}
+
+  struct Piece {
+    // How much of the lines is dealt with: written, or lost when there is an error. 0 when there
+    // was no room in time.
+    std::size_t size = 0;
+    // An errno, or 0.
+    int error = 0;
+  };
+
+  // Waits for room, then writes the first lines, as many as go in one piece even through a pipe
+  // (PIPE_BUF bytes, pipe(7)); of a longer line, a part. Async-signal-safe. Can still block when
+  // somebody else takes the room first.
+  Piece writePiece(std::string_view lines, std::chrono::milliseconds patience) const noexcept;
+
+  // Writes all of the lines. Fails with timed_out when there is no room for longer than patience,
+  // and with what the system says.
+  std::error_code writeAll(std::string_view lines, std::chrono::milliseconds patience) const;
+
+ private:
+  int descriptor_;
+};
+
+}  // namespace ostravel

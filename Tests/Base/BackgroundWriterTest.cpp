@@ -1,0 +1,233 @@
+#include "Base/BackgroundWriter.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace ostravel {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+
+// What an output has taken, and whether its reader reads. Shared by a test and its output.
+struct Reader {
+  void stall() {
+    const std::lock_guard lock(mutex);
+    isStalled = true;
+  }
+  void go() {
+    {
+      const std::lock_guard lock(mutex);
+      isStalled = false;
+    }
+    changed.notify_all();
+  }
+  void waitUntilStuck() {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [this] { return isStuck; });
+  }
+  std::string text() {
+    const std::lock_guard lock(mutex);
+    return taken;
+  }
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool isStalled = false;
+  bool isStuck = false;
+  std::string taken;
+  std::string takenInCrash;
+};
+
+// Takes one line at a time, and is stuck while its reader has stalled, as in a system call.
+class LineOutputDouble final : public BackgroundWriter::Output {
+ public:
+  explicit LineOutputDouble(std::shared_ptr<Reader> reader) : reader_(std::move(reader)) {}
+
+  std::size_t write(std::string_view records) override {
+    std::unique_lock lock(reader_->mutex);
+    reader_->isStuck = reader_->isStalled;
+    reader_->changed.notify_all();
+    reader_->changed.wait(lock, [this] { return !reader_->isStalled; });
+    reader_->isStuck = false;
+    const std::string_view line = firstLine(records);
+    reader_->taken += line;
+    return line.size();
+  }
+  std::string dropped(std::size_t count) override {
+    return "dropped " + std::to_string(count) + "\n";
+  }
+  std::size_t writeInCrash(std::string_view records) noexcept override {
+    const std::string_view line = firstLine(records);
+    reader_->takenInCrash += line;
+    return line.size();
+  }
+
+ private:
+  static std::string_view firstLine(std::string_view records) {
+    return records.substr(0, records.find('\n') + 1);
+  }
+
+  const std::shared_ptr<Reader> reader_;
+};
+
+class BackgroundWriterTest : public testing::Test {
+ protected:
+  static constexpr std::size_t kCapacity = 100;
+
+  bool flush() { return writer_->flush(steady_clock::now() + 60s); }
+
+  // The reader has stalled, and one line is on its way to it. The other buffer is empty.
+  void stall() {
+    reader_->stall();
+    writer_->push("stuck\n");
+    reader_->waitUntilStuck();
+  }
+
+  static std::string lineOf(int number) { return "line " + std::to_string(100 + number) + "\n"; }
+
+  const std::shared_ptr<Reader> reader_ = std::make_shared<Reader>();
+  std::optional<BackgroundWriter> writer_{
+      std::in_place, std::make_unique<LineOutputDouble>(reader_), kCapacity, "writer"};
+};
+
+TEST_F(BackgroundWriterTest, WritesWhatIsPushed) {
+  writer_->push("one\n");
+  writer_->push("two\n");
+  EXPECT_TRUE(flush());
+  EXPECT_EQ(reader_->text(), "one\ntwo\n");
+}
+
+TEST_F(BackgroundWriterTest, KeepsTheOrderOfEachThread) {
+  constexpr int kThreads = 4;
+  constexpr int kLines = 20'000;
+  BackgroundWriter writer(std::make_unique<LineOutputDouble>(reader_), 10'000'000, "writer");
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&writer, thread] {
+      for (int line = 0; line < kLines; ++line) {
+        writer.push(std::to_string(thread) + " " + std::to_string(line) + "\n");
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  ASSERT_TRUE(writer.flush(steady_clock::now() + 60s));
+  std::vector<int> next(kThreads, 0);
+  const std::string text = reader_->text();
+  for (std::size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) {
+    const auto thread = static_cast<std::size_t>(text[at] - '0');
+    ASSERT_EQ(std::stoi(text.substr(at + 2)), next.at(thread)++);
+  }
+  EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
+}
+
+TEST_F(BackgroundWriterTest, DoesNotWaitForAReaderThatHasStalled) {
+  stall();
+  // It would never come back from any of these.
+  for (int line = 0; line < 1000; ++line) {
+    writer_->push(lineOf(line));
+  }
+  reader_->go();
+  EXPECT_TRUE(flush());
+}
+
+TEST_F(BackgroundWriterTest, DropsTheNewestCountsThemAndSaysSoOnceWhereTheyAreMissing) {
+  stall();
+  for (int line = 0; line < 15; ++line) {
+    writer_->push(lineOf(line));
+  }
+  // Still missing, although it would fit.
+  writer_->push("x\n");
+  reader_->go();
+  ASSERT_TRUE(flush());
+  writer_->push("after\n");
+  ASSERT_TRUE(flush());
+  std::string expected = "stuck\n";
+  for (int line = 0; line < 11; ++line) {
+    expected += lineOf(line);
+  }
+  EXPECT_EQ(reader_->text(), expected + "dropped 5\nafter\n");
+}
+
+TEST_F(BackgroundWriterTest, CountsAfreshEachTime) {
+  for (const std::string expected : {"dropped 9\n", "dropped 19\n"}) {
+    stall();
+    for (int line = 0; line < (expected == "dropped 9\n" ? 20 : 30); ++line) {
+      writer_->push(lineOf(line));
+    }
+    reader_->go();
+    ASSERT_TRUE(flush());
+    EXPECT_TRUE(reader_->text().ends_with(expected)) << reader_->text();
+  }
+}
+
+TEST_F(BackgroundWriterTest, TakesARecordThatFillsABufferAndDropsALargerOne) {
+  const std::string largest = std::string(kCapacity - 1, 'x') + "\n";
+  writer_->push(largest);
+  ASSERT_TRUE(flush());
+  writer_->push("x" + largest);
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(reader_->text(), largest + "dropped 1\n");
+}
+
+TEST_F(BackgroundWriterTest, FlushingEndsAtItsDeadline) {
+  stall();
+  EXPECT_FALSE(writer_->flush(steady_clock::now() + 1ms));
+  reader_->go();
+  EXPECT_TRUE(flush());
+}
+
+TEST_F(BackgroundWriterTest, FlushingWithoutAnythingToWriteReturnsAtOnce) {
+  EXPECT_TRUE(writer_->flush(steady_clock::now()));
+}
+
+TEST_F(BackgroundWriterTest, DestructionWritesWhatIsLeft) {
+  for (int line = 0; line < 5; ++line) {
+    writer_->push(lineOf(line));
+  }
+  writer_.reset();
+  EXPECT_TRUE(reader_->text().ends_with(lineOf(4)));
+}
+
+TEST_F(BackgroundWriterTest, DestructionLeavesAStalledReaderBehind) {
+  stall();
+  writer_->push("never\n");
+  writer_.reset();
+  EXPECT_EQ(reader_->text(), "");
+  // Comes back, and writes nothing more.
+  const std::weak_ptr<Reader> reader = reader_;
+  reader_->go();
+  while (reader.use_count() > 1) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(reader_->text(), "stuck\n");
+}
+
+TEST_F(BackgroundWriterTest, InACrashItsThreadWritesWhatIsLeft) {
+  writer_->push("last\n");
+  writer_->writeInCrash();
+  EXPECT_EQ(reader_->text(), "last\n");
+  EXPECT_EQ(reader_->takenInCrash, "");
+}
+
+TEST_F(BackgroundWriterTest, InACrashWhatItsThreadCannotWriteIsWrittenAtOnce) {
+  stall();
+  writer_->push("last\n");
+  writer_->writeInCrash();
+  EXPECT_EQ(reader_->takenInCrash, "stuck\nlast\n");
+  reader_->go();
+}
+
+}  // namespace
+}  // namespace ostravel
