@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <memory>
@@ -12,6 +11,7 @@
 #include <string>
 #include <variant>
 
+#include "Base/LineOutput.h"
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 #include "Extension/main/CommandLine.h"
 #include "Platform/Linux/ConfigurationFile.h"
@@ -37,8 +37,12 @@ constexpr int kExitCannotRun = 2;
 // reading must not keep us from ending.
 constexpr auto kDrainTimeout = 500ms;
 
+// So are the last lines to reach the reader of standard error or the journal.
+constexpr auto kLogTimeout = 500ms;
+
 int fail(const platform::Error& error) {
-  std::fprintf(stderr, "ostravel-extension: %s\n", error.localizedDescription.c_str());
+  const std::string line = "ostravel-extension: " + error.localizedDescription + '\n';
+  static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, kLogTimeout));
   return kExitCannotRun;
 }
 
@@ -113,6 +117,7 @@ int main(int argc, char** argv) {
 
   // The object graph, outermost first: each outlives those below it.
   linuxplatform::LinuxPlatform platform({commandLine.options->logSink});
+  platform.writeLogOnCrash();
   linuxplatform::DescriptorBudget descriptors;
   linuxplatform::EventLoopGroup loops(descriptors);
   linuxplatform::Heartbeat heartbeat(record);
@@ -160,6 +165,7 @@ int main(int argc, char** argv) {
   record.beat();
   // What is still there at the end of it is a write that nobody takes.
   static_cast<void>(platform.drain(std::chrono::steady_clock::now() + kDrainTimeout));
+  static_cast<void>(platform.flushLog(std::chrono::steady_clock::now() + kLogTimeout));
   const int exitStatus = startError ? fail(*startError) : EXIT_SUCCESS;
   // Not by return: a work item that is stuck in a write to the monitoring socket can be waited for
   // by nobody, and the kernel takes back everything else.

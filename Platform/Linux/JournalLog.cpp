@@ -2,12 +2,17 @@
 
 // The place in our source files is of no use in the journal.
 #define SD_JOURNAL_SUPPRESS_LOCATION
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/un.h>
 #include <systemd/sd-journal.h>
 
 #include <array>
 #include <cerrno>
 #include <string_view>
+#include <utility>
 
+#include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/LogLine.h"
 
 namespace ostravel::linuxplatform {
@@ -31,25 +36,69 @@ std::string_view priorityField(LogLevel level) {
   return "PRIORITY=3";
 }
 
-iovec part(std::string_view field) {
-  // Only read from, although the type cannot say so.
-  return {const_cast<char*>(field.data()), field.size()};
+std::string originFields(const std::string& subsystem, const std::string& category) {
+  return "SYSLOG_IDENTIFIER=ostravel\nOSTRAVEL_SUBSYSTEM=" + printable(subsystem) +
+         "\nOSTRAVEL_CATEGORY=" + printable(category) + '\n';
+}
+
+// text is printable, so it has no line feed that would end a field.
+std::string record(LogLevel level, std::string_view text, std::string_view origin) {
+  std::string fields = "MESSAGE=";
+  fields.append(text).append("\n").append(priorityField(level)).append("\n");
+  return fields.append(origin).append("\n");
+}
+
+// The fields of the first record, each with its line feed. The empty line is not among them.
+std::string_view firstRecord(std::string_view records) {
+  return records.substr(0, records.find("\n\n") + 1);
 }
 
 }  // namespace
 
-JournalLog::JournalLog(const std::string& subsystem, const std::string& category)
-    : subsystemField_("OSTRAVEL_SUBSYSTEM=" + printable(subsystem)),
-      categoryField_("OSTRAVEL_CATEGORY=" + printable(category)) {}
+JournalLog::Output::Output(const std::string& subsystem, const std::string& category)
+    : originFields_(originFields(subsystem, category)) {}
+
+std::size_t JournalLog::Output::write(std::string_view records) {
+  const std::string_view fields = firstRecord(records);
+  std::array<iovec, 8> parts{};
+  std::size_t count = 0;
+  for (std::string_view rest = fields; !rest.empty() && count < parts.size(); ++count) {
+    const std::size_t end = rest.find('\n');
+    // Only read from, although the type cannot say so.
+    parts[count] = {const_cast<char*>(rest.data()), end};
+    rest.remove_prefix(end + 1);
+  }
+  ::sd_journal_sendv(parts.data(), static_cast<int>(count));
+  return fields.size() + 1;
+}
+
+std::string JournalLog::Output::dropped(std::size_t count) {
+  return record(LogLevel::error, droppedLinesText(count), originFields_);
+}
+
+// Without the library, which may allocate. Its fields are already as the journal takes them
+// (systemd's "Native Journal Protocol"): one datagram, one line for each field.
+std::size_t JournalLog::Output::writeInCrash(std::string_view records) noexcept {
+  constexpr std::string_view kJournal = "/run/systemd/journal/socket";
+  const std::string_view fields = firstRecord(records);
+  const FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  kJournal.copy(address.sun_path, sizeof address.sun_path - 1);
+  const auto sent =
+      ::sendto(socket.get(), fields.data(), fields.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return sent < 0 ? 0 : fields.size() + 1;
+}
+
+JournalLog::JournalLog(std::shared_ptr<BackgroundWriter> writer, const std::string& subsystem,
+                       const std::string& category)
+    : writer_(std::move(writer)), originFields_(originFields(subsystem, category)) {}
 
 void JournalLog::write(LogLevel level, std::string_view format,
                        std::span<const platform::LogArgument> arguments) {
   const int errorOfCaller = errno;
-  const std::string message = "MESSAGE=" + printableLogLine(format, arguments);
-  const std::array<iovec, 5> fields{part(message), part(priorityField(level)),
-                                    part("SYSLOG_IDENTIFIER=ostravel"), part(subsystemField_),
-                                    part(categoryField_)};
-  ::sd_journal_sendv(fields.data(), static_cast<int>(fields.size()));
+  writer_->push(record(level, printableLogLine(format, arguments), originFields_));
   errno = errorOfCaller;
 }
 

@@ -1,26 +1,44 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
+#include "Base/BackgroundWriter.h"
 #include "Platform/Interface/Log.h"
 
 namespace ostravel::linuxplatform {
 
-// Sends lines of all levels to the systemd journal, with subsystem and category as fields of their
-// own (OSTRAVEL_SUBSYSTEM, OSTRAVEL_CATEGORY). A line is lost without a word when there is no
-// journal. Usable from any thread.
+// Hands lines of all levels for the systemd journal to a background writer, with subsystem and
+// category as fields (OSTRAVEL_SUBSYSTEM, OSTRAVEL_CATEGORY). Usable from any thread.
 class JournalLog final : public platform::Log {
  public:
-  JournalLog(const std::string& subsystem, const std::string& category);
+  // Sends records to the journal. A record is its fields, each NAME=value and a line feed, then an
+  // empty line. A record is lost without a word when there is no journal.
+  class Output final : public BackgroundWriter::Output {
+   public:
+    // The fields are those of the record that says how many were dropped.
+    Output(const std::string& subsystem, const std::string& category);
+
+    std::size_t write(std::string_view records) override;
+    std::string dropped(std::size_t count) override;
+    std::size_t writeInCrash(std::string_view records) noexcept override;
+
+   private:
+    const std::string originFields_;
+  };
+
+  // The writer has an Output of this class.
+  JournalLog(std::shared_ptr<BackgroundWriter> writer, const std::string& subsystem,
+             const std::string& category);
 
  protected:
   void write(platform::LogLevel level, std::string_view format,
              std::span<const platform::LogArgument> arguments) override;
 
  private:
-  // Complete fields, as the journal takes them.
-  const std::string subsystemField_;
-  const std::string categoryField_;
+  const std::shared_ptr<BackgroundWriter> writer_;
+  // Complete fields, as they are in a record.
+  const std::string originFields_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "Platform/Linux/CrashHandler.h"
 #include "Platform/Linux/JournalLog.h"
 #include "Platform/Linux/LinuxDispatchQueue.h"
 #include "Platform/Linux/LinuxDispatchTimer.h"
@@ -17,21 +18,20 @@ namespace {
 constexpr const char* kDefaultSubsystem = "OstravelNetworkExtension";
 constexpr const char* kDefaultCategory = "default";
 
-std::shared_ptr<platform::Log> logFor(const LinuxPlatform::Options& options,
-                                      const std::string& subsystem, const std::string& category) {
-  if (options.logSink == LinuxPlatform::LogSink::journal) {
-    return std::make_shared<JournalLog>(subsystem, category);
+std::unique_ptr<BackgroundWriter::Output> outputFor(LinuxPlatform::LogSink sink) {
+  if (sink == LinuxPlatform::LogSink::journal) {
+    return std::make_unique<JournalLog::Output>(kDefaultSubsystem, kDefaultCategory);
   }
-  return std::make_shared<StderrLog>(STDERR_FILENO, options.writesDebugLines
-                                                        ? StderrLog::Debug::isWritten
-                                                        : StderrLog::Debug::isDropped);
+  return std::make_unique<StderrLog::Output>(STDERR_FILENO);
 }
 
 }  // namespace
 
 LinuxPlatform::LinuxPlatform(Options options)
     : options_(options),
-      defaultLog_(logFor(options, kDefaultSubsystem, kDefaultCategory)),
+      logWriter_(std::make_shared<BackgroundWriter>(
+          outputFor(options.logSink), BackgroundWriter::kUsualCapacity, "ostravel-log")),
+      defaultLog_(makeLog(kDefaultSubsystem, kDefaultCategory)),
       sockets_(options.marks) {}
 
 LinuxPlatform::~LinuxPlatform() {
@@ -41,6 +41,14 @@ LinuxPlatform::~LinuxPlatform() {
 bool LinuxPlatform::drain(std::chrono::steady_clock::time_point deadline) {
   timers_.stop();
   return workers_.drain(deadline);
+}
+
+bool LinuxPlatform::flushLog(std::chrono::steady_clock::time_point deadline) {
+  return logWriter_->flush(deadline);
+}
+
+void LinuxPlatform::writeLogOnCrash() {
+  CrashHandler::install(logWriter_, defaultLog_);
 }
 
 std::shared_ptr<platform::DispatchQueue> LinuxPlatform::makeQueue(
@@ -54,7 +62,12 @@ std::shared_ptr<platform::DispatchTimer> LinuxPlatform::makeTimer(
 }
 
 std::shared_ptr<platform::Log> LinuxPlatform::makeLog(std::string subsystem, std::string category) {
-  return logFor(options_, subsystem, category);
+  if (options_.logSink == LogSink::journal) {
+    return std::make_shared<JournalLog>(logWriter_, subsystem, category);
+  }
+  return std::make_shared<StderrLog>(logWriter_, options_.writesDebugLines
+                                                     ? StderrLog::Debug::isWritten
+                                                     : StderrLog::Debug::isDropped);
 }
 
 void LinuxPlatform::systemLog(std::string_view line) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "Base/BackgroundWriter.h"
 #include "Platform/ICU/ICUTextServices.h"
 #include "Platform/Interface/Platform.h"
 #include "Platform/Linux/LinuxSocketCalls.h"
@@ -16,7 +17,7 @@
 
 namespace ostravel::linuxplatform {
 
-// Queues, timers, logs and the other base services, with the five threads that they need. One per
+// Queues, timers, logs and the other base services, with the six threads that they need. One per
 // process, made and owned by the process entry, which has SIGPIPE ignored: our sockets and the log
 // report a closed peer as an error.
 class LinuxPlatform final : public platform::Platform {
@@ -32,7 +33,7 @@ class LinuxPlatform final : public platform::Platform {
 
   // Throws std::system_error when the threads cannot be made.
   explicit LinuxPlatform(Options options);
-  // Stops the timers and waits until every item has run.
+  // Stops the timers and waits until every item has run, then a moment for the reader of the log.
   ~LinuxPlatform() override;
 
   // Stops the timers, then waits until no item is waiting or running; false when there still is one
@@ -41,6 +42,13 @@ class LinuxPlatform final : public platform::Platform {
 
   // The threads of all queues.
   WorkerPool& workers() { return workers_; }
+
+  // Waits until the log is written; false when its reader has not taken it by the deadline.
+  [[nodiscard]] bool flushLog(std::chrono::steady_clock::time_point deadline);
+
+  // From now on, the lines that wait when the process crashes are written before it ends, and an
+  // exception that nobody catches is logged. For the process entry; see CrashHandler.
+  void writeLogOnCrash();
 
   std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,
                                                      platform::DispatchQueueKind kind) override;
@@ -61,6 +69,7 @@ class LinuxPlatform final : public platform::Platform {
 
  private:
   const Options options_;
+  const std::shared_ptr<BackgroundWriter> logWriter_;
   const std::shared_ptr<platform::Log> defaultLog_;
   platform::PosixClock clock_;
   RandomUUIDSource uuids_;

@@ -50,4 +50,8 @@ std::string printableLogLine(std::string_view format,
   return printable(platform::formatLogLine(format, arguments));
 }
 
+std::string droppedLinesText(std::size_t count) {
+  return "OstravelProxy: Log lines dropped count=" + std::to_string(count);
+}
+
 }  // namespace ostravel::linuxplatform

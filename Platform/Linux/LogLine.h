@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <span>
 #include <string>
 #include <string_view>
@@ -16,5 +17,8 @@ std::string printable(std::string_view text);
 // A finished, printable line.
 std::string printableLogLine(std::string_view format,
                              std::span<const platform::LogArgument> arguments);
+
+// What stands in the log where lines are missing, because nobody read them fast enough. An error.
+std::string droppedLinesText(std::size_t count);
 
 }  // namespace ostravel::linuxplatform

@@ -1,12 +1,13 @@
 #include "Platform/Linux/StderrLog.h"
 
-#include <unistd.h>
+#include <fcntl.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <string>
+#include <utility>
 
 #include "Platform/Linux/LogLine.h"
 
@@ -15,6 +16,11 @@ namespace ostravel::linuxplatform {
 using platform::LogLevel;
 
 namespace {
+
+using namespace std::chrono_literals;
+
+// How soon the writer finds out that it is not waited for any more.
+constexpr auto kPatience = 100ms;
 
 const char* levelName(LogLevel level) {
   switch (level) {
@@ -46,15 +52,32 @@ std::string linePrefix(LogLevel level) {
 
 }  // namespace
 
+StderrLog::Output::Output(int descriptor)
+    : descriptor_(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0)), output_(descriptor_.get()) {}
+
+std::size_t StderrLog::Output::write(std::string_view lines) {
+  // poll(2) takes no notice of a descriptor that is not there, and only waits.
+  return descriptor_.isOpen() ? output_.writePiece(lines, kPatience).size : lines.size();
+}
+
+std::string StderrLog::Output::dropped(std::size_t count) {
+  return linePrefix(LogLevel::error) + droppedLinesText(count) + '\n';
+}
+
+std::size_t StderrLog::Output::writeInCrash(std::string_view lines) noexcept {
+  return output_.writePiece(lines, 0ms).size;
+}
+
+StderrLog::StderrLog(std::shared_ptr<BackgroundWriter> writer, Debug debug)
+    : writer_(std::move(writer)), debug_(debug) {}
+
 void StderrLog::write(LogLevel level, std::string_view format,
                       std::span<const platform::LogArgument> arguments) {
   if (level == LogLevel::debug && debug_ == Debug::isDropped) {
     return;
   }
   const int errorOfCaller = errno;
-  const std::string line = linePrefix(level) + printableLogLine(format, arguments) + '\n';
-  while (::write(descriptor_, line.data(), line.size()) < 0 && errno == EINTR) {
-  }
+  writer_->push(linePrefix(level) + printableLogLine(format, arguments) + '\n');
   errno = errorOfCaller;
 }
 

@@ -3,6 +3,7 @@ pkg_check_modules(LIBSYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 
 add_library(LinuxBase STATIC
   ${CMAKE_CURRENT_LIST_DIR}/CgroupRoot.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/CrashHandler.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EventDescriptor.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Guardian.cpp
   ${CMAKE_CURRENT_LIST_DIR}/HangDetector.cpp
@@ -21,5 +22,5 @@ add_library(LinuxBase STATIC
   ${CMAKE_CURRENT_LIST_DIR}/Utf8.cpp
   ${CMAKE_CURRENT_LIST_DIR}/WorkerPool.cpp)
 target_link_libraries(LinuxBase
-  PUBLIC PlatformInterface PlatformPOSIX PlatformICU Threads::Threads
+  PUBLIC ostravel_base PlatformInterface PlatformPOSIX PlatformICU Threads::Threads
   PRIVATE PkgConfig::LIBSYSTEMD)

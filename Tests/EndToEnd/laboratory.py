@@ -355,13 +355,14 @@ class Laboratory:
         """What is found when no file is named."""
         self.write_configuration(text, "settings/provider-configuration.json")
 
-    def run_extension(self, *arguments, prefix=()):
+    def run_extension(self, *arguments, prefix=(), **options):
         """Starts the extension and does not wait for anything."""
         return self.start(
             ["unshare", "--mount", "--propagation", "private",
              "sh", "-c", PRIVATE_ETC, "sh", self.folder,
              *prefix, self.program_path("ostravel-extension"), *arguments],
             name="ostravel-extension",
+            **options,
         )  # fmt: skip
 
     def start_extension(self, *arguments, prefix=()):

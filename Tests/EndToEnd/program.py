@@ -71,7 +71,7 @@ class Program:
     the thread that starts it (prctl(2), PR_SET_PDEATHSIG).
     """
 
-    def __init__(self, namespace, arguments, name=None, environment=None, has_input=False):
+    def __init__(self, namespace, arguments, name=None, environment=None, has_input=False, reads_errors=True):
         assert threading.current_thread() is threading.main_thread()
         self.name = name or os.path.basename(arguments[0])
         self.output = Lines()
@@ -87,10 +87,13 @@ class Program:
                 env=environment,
                 start_new_session=True,
             )
-        self._readers = [
-            self._read(self.process.stdout, self.output),
-            self._read(self.process.stderr, self.errors),
-        ]
+        self._readers = [self._read(self.process.stdout, self.output)]
+        if reads_errors:
+            self.read_errors()
+
+    def read_errors(self):
+        """Reads standard error from now on, for a program that was started without."""
+        self._readers.append(self._read(self.process.stderr, self.errors))
 
     @staticmethod
     def _read(stream, lines):

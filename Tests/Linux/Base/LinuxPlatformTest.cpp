@@ -62,6 +62,17 @@ TEST(LinuxPlatformTest, LogsToStandardError) {
   EXPECT_EQ(text.find("hidden"), std::string::npos) << text;
 }
 
+TEST(LinuxPlatformTest, AFlushedLogIsWritten) {
+  testing::internal::CaptureStderr();
+  LinuxPlatform platform({});
+  for (int line = 0; line < 1000; ++line) {
+    platform.defaultLog().info("OstravelProxy: line");
+  }
+  platform.defaultLog().info("OstravelProxy: last");
+  EXPECT_TRUE(platform.flushLog(steady_clock::now() + 60s));
+  EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with("Z info    OstravelProxy: last\n"));
+}
+
 TEST(LinuxPlatformTest, WritesDebugLinesWhenAskedTo) {
   testing::internal::CaptureStderr();
   {

@@ -33,5 +33,9 @@ TEST(LogLineTest, ArgumentsReplaceThePlaceholdersAndCannotForgeALine) {
             "OstravelProxy: reset\\x0a2026-01-01T00:00:00.000Z error   forged after -5 tries");
 }
 
+TEST(LogLineTest, DroppedLinesAreCounted) {
+  EXPECT_EQ(droppedLinesText(12), "OstravelProxy: Log lines dropped count=12");
+}
+
 }  // namespace
 }  // namespace ostravel::linuxplatform

@@ -1,0 +1,54 @@
+"""A log that nobody reads is no reason for anything to stop."""
+
+import signal
+
+from laboratory import PEER_PORT, THERE4, eventually, log_lines
+
+# Each causes two lines and more: far beyond what a pipe holds, about 400 connections.
+CONNECTIONS = 1200
+
+
+def start_unread(laboratory):
+    laboratory.start_monitor()
+    laboratory.start_sidecar()
+    extension = laboratory.run_extension(
+        "--configuration", laboratory.write_configuration(), reads_errors=False
+    )
+    eventually(laboratory.has_rules, "the rules are there")
+    laboratory.wait_until_proxied()
+    return extension
+
+
+def connect(laboratory, count):
+    ways = [laboratory.fetch(THERE4, PEER_PORT).way for _ in range(count)]
+    assert ways.count("proxied") == count, set(ways)
+
+
+def test_connections_go_on_while_nobody_reads_the_log(laboratory):
+    extension = start_unread(laboratory)
+    connect(laboratory, CONNECTIONS)
+    assert extension.process.poll() is None
+
+    # Nothing is lost that the extension had room for, and it ends in order.
+    extension.read_errors()
+    assert extension.stop() == 0
+    lines = [text for _, text in log_lines(extension)]
+    # One more at least: the first connections found out when the proxy is there.
+    assert lines.count("OstravelProxy: Handshake successful.") > CONNECTIONS
+    assert lines[-1] == "OstravelProxy: deinit"
+
+
+def test_it_ends_in_order_while_nobody_reads_the_log(laboratory):
+    extension = start_unread(laboratory)
+    connect(laboratory, CONNECTIONS)
+    assert extension.stop() == 0
+    assert not laboratory.has_rules()
+
+
+def test_a_crash_loses_no_line_and_keeps_its_signal(laboratory):
+    _, extension = laboratory.start_system()
+    connect(laboratory, 100)
+    extension.send_signal(signal.SIGABRT)
+    assert extension.wait() == -signal.SIGABRT
+    lines = [text for _, text in log_lines(extension)]
+    assert lines.count("OstravelProxy: Handshake successful.") > 100
