@@ -4,8 +4,9 @@
 
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <chrono>
 
-#include "Companion/LineOutput.h"
+#include "Base/LineOutput.h"
 #include "Companion/PrintableText.h"
 
 namespace ostravel::companion {
@@ -25,8 +26,8 @@ std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* a
 
 int failUsage(const CLI::App& app, std::string_view problem) {
   // Printable: the problem quotes what was typed, or pasted.
-  static_cast<void>(
-      LineOutput(STDERR_FILENO).writeLine(app.get_name() + ": " + printableText(problem)));
+  const std::string line = app.get_name() + ": " + printableText(problem) + '\n';
+  static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, std::chrono::seconds(1)));
   return kExitUsage;
 }
 

@@ -4,6 +4,7 @@
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <optional>
@@ -15,8 +16,8 @@
 #include "Companion/EventLine.h"
 #include "Companion/EventReceiver.h"
 #include "Companion/EventSocket.h"
-#include "Companion/LineOutput.h"
 #include "Companion/PrintableText.h"
+#include "Companion/QueuedOutput.h"
 
 namespace {
 
@@ -28,10 +29,18 @@ Colour colourOfOutput() {
   return wanted ? Colour::kTerminal : Colour::kNone;
 }
 
-// A reader that went away and a signal that came while we waited for a slow one are both a person
-// ending the program.
+// Of each of two buffers: a line can be longer than the largest frame, 1 MiB, because characters
+// that a terminal obeys are written as several; and thousands of usual events are some seconds of a
+// flood.
+constexpr std::size_t kOutputCapacity = std::size_t{4} * 1024 * 1024;
+
+std::string droppedLine(std::size_t count) {
+  return "ostravel-monitor: events dropped: " + std::to_string(count);
+}
+
+// A reader that went away is a person ending the program.
 bool isOrderlyEnd(std::error_code error) {
-  return !error || error == std::errc::broken_pipe || error == std::errc::interrupted;
+  return !error || error == std::errc::broken_pipe;
 }
 
 }  // namespace
@@ -53,34 +62,41 @@ int main(int argc, char** argv) {
   asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
   endSignals.async_wait([&ioContext](asio::error_code, int) { ioContext.stop(); });
 
-  const LineOutput output(STDOUT_FILENO);
-  const LineOutput complaints(STDERR_FILENO);
-  const auto complain = [&complaints](const std::string& text) {
-    static_cast<void>(complaints.writeLine(text));
-  };
+  QueuedOutput complaints(STDERR_FILENO, {.droppedLine = [](std::size_t count) {
+                            return "ostravel-monitor: lines dropped: " + std::to_string(count);
+                          }});
+  // Whatever the readers do, events are received, so that nothing waits in their sender.
+  QueuedOutput output(STDOUT_FILENO, {.capacity = kOutputCapacity,
+                                      // Not among the events, which a program may read.
+                                      .droppedLine =
+                                          [&complaints](std::size_t count) {
+                                            complaints.writeLine(droppedLine(count));
+                                            return std::string();
+                                          },
+                                      .failed = [&ioContext] { ioContext.stop(); }});
   const Colour colour = colourOfOutput();
-  std::error_code outputError;
   try {
     const EventSocket socket(path);
     const EventReceiver receiver(
         ioContext, socket.descriptor(),
-        [&output, &outputError, &ioContext, asJson, colour](const ReceivedEvent& event) {
-          outputError = output.writeLine(asJson ? event.json : eventLine(event, colour));
-          if (outputError) {
-            ioContext.stop();
-          }
+        [&output, asJson, colour](const ReceivedEvent& event) {
+          output.writeLine(asJson ? event.json : eventLine(event, colour));
         },
-        [&complain](std::string_view problem) {
-          complain("ostravel-monitor: malformed frame: " + printableText(problem));
+        [&complaints](std::string_view problem) {
+          complaints.writeLine("ostravel-monitor: malformed frame: " + printableText(problem));
         });
-    complain("ostravel-monitor listening on " + printableText(path));
+    complaints.writeLine("ostravel-monitor listening on " + printableText(path));
     ioContext.run();
   } catch (const std::exception& error) {
     return failUsage(app, "cannot listen on " + path + ": " + error.what());
   }
-  if (!isOrderlyEnd(outputError)) {
-    complain("ostravel-monitor: cannot write: " + outputError.message());
-    return EXIT_FAILURE;
+  output.flush();
+  int status = EXIT_SUCCESS;
+  if (!isOrderlyEnd(output.error())) {
+    complaints.writeLine("ostravel-monitor: cannot write: " + output.error().message());
+    status = EXIT_FAILURE;
   }
-  return EXIT_SUCCESS;
+  complaints.flush();
+  // Not a return: that would wait for readers that have stalled.
+  std::_Exit(status);
 }

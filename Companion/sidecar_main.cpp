@@ -2,7 +2,9 @@
 
 #include <CLI/CLI.hpp>
 #include <asio/signal_set.hpp>
+#include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -11,8 +13,9 @@
 #include "Companion/CommandLine.h"
 #include "Companion/ConnectProxy.h"
 #include "Companion/DescriptorLimit.h"
-#include "Companion/LineOutput.h"
 #include "Companion/NameLookup.h"
+#include "Companion/QueuedOutput.h"
+#include "Companion/TimeText.h"
 
 namespace {
 
@@ -30,6 +33,11 @@ std::optional<tcp::endpoint> parseListenAddress(const std::string& text) {
     return std::nullopt;
   }
   return tcp::endpoint(address, hostPort->port);
+}
+
+std::string droppedLine(std::size_t count) {
+  return timeOfDay(std::chrono::system_clock::now()) +
+         " log lines dropped: " + std::to_string(count);
 }
 
 }  // namespace
@@ -56,11 +64,8 @@ int main(int argc, char** argv) {
   asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
   endSignals.async_wait([&ioContext](asio::error_code, int) { ioContext.stop(); });
 
-  const LineOutput output(STDOUT_FILENO);
-  // A log that nobody reads any more is no reason to end tunnels.
-  const auto writeLine = [&output](std::string_view line) {
-    static_cast<void>(output.writeLine(line));
-  };
+  // A log that nobody reads, or nobody reads any more, is no reason to stop or end tunnels.
+  QueuedOutput output(STDOUT_FILENO, {.droppedLine = droppedLine});
   NameLookup names(ioContext.get_executor());
   try {
     ConnectProxy proxy(
@@ -70,14 +75,15 @@ int main(int argc, char** argv) {
         },
         TunnelLog(
             verbose ? TunnelLog::Verbosity::kBeginningsAndEnds : TunnelLog::Verbosity::kBeginnings,
-            writeLine));
+            [&output](std::string_view line) { output.writeLine(line); }));
     const tcp::endpoint address = proxy.address();
-    writeLine("ostravel-sidecar listening on " +
-              toString({address.address().to_string(), address.port()}));
+    output.writeLine("ostravel-sidecar listening on " +
+                     toString({address.address().to_string(), address.port()}));
     ioContext.run();
   } catch (const std::system_error& error) {
     return failUsage(app, "cannot listen on " + listenText + ": " + error.code().message());
   }
+  output.flush();
   // Not a return: that would wait for every name lookup still under way, for many seconds.
   std::_Exit(EXIT_SUCCESS);
 }

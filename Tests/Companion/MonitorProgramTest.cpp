@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Tests/Companion/ChildProcess.h"
@@ -167,6 +168,62 @@ TEST_F(MonitorProgramTest, EndsOnASignalWhileItsReaderIsSlow) {
   monitor.waitForOutput();
   monitor.sendSignalUntilExit(SIGTERM);
   EXPECT_EQ(monitor.waitForExit(), 0);
+}
+
+TEST_F(MonitorProgramTest, ReceivesEventsWhileItsReaderHasStalled) {
+  ChildProcess monitor(command({"--json"}), options());
+  waitUntilReady(monitor);
+  // More than it holds, and it still takes each of them at once.
+  constexpr int kEvents = 20;
+  const std::string large = frame(replaced(kEvent, "Tunnel opened", std::string(1'000'000, 'x')));
+  for (int index = 0; index < kEvents; ++index) {
+    const TestSocket sender = TestSocket::connectUnix(path_);
+    sender.send(large);
+    sender.endSending();
+    sender.receiveToEnd();
+  }
+
+  // Every line is whole.
+  int events = 0;
+  const auto isEvent = [&monitor, &events] {
+    const std::string line = monitor.readOutputLine();
+    events += line.starts_with('{') && line.ends_with('}') && line.size() > 1'000'000 ? 1 : 0;
+    return !line.empty();
+  };
+  // One buffer and a part of the other; the rest is read within the time that it has at the end.
+  while (events < 5) {
+    ASSERT_TRUE(isEvent());
+  }
+  monitor.sendSignal(SIGTERM);
+  while (isEvent()) {
+  }
+  EXPECT_EQ(monitor.waitForExit(), 0);
+  // What is missing is counted apart from the events.
+  constexpr std::string_view kReport = "ostravel-monitor: events dropped: ";
+  int dropped = 0;
+  for (std::string line = monitor.readErrorLine(); !line.empty(); line = monitor.readErrorLine()) {
+    ASSERT_TRUE(line.starts_with(kReport)) << line;
+    dropped += std::stoi(line.substr(kReport.size()));
+  }
+  EXPECT_EQ(events + dropped, kEvents);
+}
+
+TEST_F(MonitorProgramTest, PrintsItsLastEventsBeforeItEnds) {
+  ChildProcess monitor(command(), options());
+  waitUntilReady(monitor);
+  for (int index = 0; index < 10; ++index) {
+    const TestSocket sender = TestSocket::connectUnix(path_);
+    sender.send(frame(kEvent));
+    sender.endSending();
+    sender.receiveToEnd();
+  }
+  monitor.sendSignal(SIGTERM);
+  EXPECT_EQ(monitor.waitForExit(), 0);
+  std::string expected;
+  for (int index = 0; index < 10; ++index) {
+    expected += kEventLine + "\n";
+  }
+  EXPECT_EQ(monitor.readOutput(), expected);
 }
 
 TEST_F(MonitorProgramTest, ReportsOutputThatCannotBeWritten) {

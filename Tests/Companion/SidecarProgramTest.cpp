@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -130,6 +131,61 @@ TEST(SidecarProgramTest, GoesOnWhenNobodyReadsItsLog) {
     client.send(connectTo(listener));
     EXPECT_EQ(client.receive(kEstablished.size()), kEstablished);
   }
+}
+
+// Each is logged in a line of more than 8 KB: far more than the pipe and the sidecar hold together.
+constexpr int kUnreadTunnels = 400;
+
+void makeUnreadTunnels(const Sidecar& sidecar) {
+  const TestListener listener;
+  const std::string field = "X-Ostravel-App-Id: " + std::string(8000, 'a') + "\r\n";
+  for (int index = 0; index < kUnreadTunnels; ++index) {
+    const TestSocket client = TestSocket::connectTcp(sidecar.port());
+    client.send(connectTo(listener, field));
+    ASSERT_EQ(client.receive(kEstablished.size()), kEstablished) << index;
+  }
+}
+
+TEST(SidecarProgramTest, CarriesTunnelsWhileTheReaderOfItsLogHasStalled) {
+  Sidecar sidecar;
+  ASSERT_NO_FATAL_FAILURE(makeUnreadTunnels(sidecar));
+
+  // What was dropped is counted where it is missing.
+  int accounted = 0;
+  constexpr std::string_view kDropped = "log lines dropped: ";
+  while (accounted < kUnreadTunnels) {
+    const std::string line = sidecar.readOutputLine();
+    const std::size_t count = line.find(kDropped);
+    if (count == std::string::npos) {
+      ASSERT_NE(line.find(" established to "), std::string::npos) << line;
+      ++accounted;
+    } else {
+      accounted += std::stoi(line.substr(count + kDropped.size()));
+    }
+  }
+  EXPECT_EQ(accounted, kUnreadTunnels);
+}
+
+TEST(SidecarProgramTest, EndsWhileTheReaderOfItsLogHasStalled) {
+  Sidecar sidecar;
+  ASSERT_NO_FATAL_FAILURE(makeUnreadTunnels(sidecar));
+  sidecar.sendSignal(SIGTERM);
+  EXPECT_EQ(sidecar.waitForExit(), 0);
+}
+
+TEST(SidecarProgramTest, WritesItsLastLinesBeforeItEnds) {
+  Sidecar sidecar;
+  const TestListener listener;
+  constexpr int kTunnels = 50;
+  for (int index = 0; index < kTunnels; ++index) {
+    const TestSocket client = TestSocket::connectTcp(sidecar.port());
+    client.send(connectTo(listener));
+    client.receive(kEstablished.size());
+  }
+  sidecar.sendSignal(SIGTERM);
+  EXPECT_EQ(sidecar.waitForExit(), 0);
+  const std::string log = sidecar.readOutput();
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), kTunnels);
 }
 
 TEST(SidecarProgramTest, NamesAnAddressThatIsTaken) {
