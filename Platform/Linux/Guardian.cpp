@@ -53,8 +53,8 @@ std::chrono::seconds limitOf(Phase phase) {
   return Guardian::kRunLimit;
 }
 
-// pidof(8) and ps(1) are to tell the two processes apart: what is meant for the extension, such as a
-// SIGSTOP, is not for its guardian.
+// pidof(8) and ps(1) are to tell the two processes apart: what is meant for the extension, such as
+// a SIGSTOP, is not for its guardian.
 void takeName() {
   ::prctl(PR_SET_NAME, kProcessName);
   // The memory of argv[0], which cannot grow. What is left of it becomes empty.

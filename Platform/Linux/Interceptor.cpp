@@ -259,6 +259,10 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   if (tuple.protocol == TransportProtocol::udp && !identification.user) {
     return LeaveReason::kernelSocket;
   }
+  if (identification.mayBelongToProxy &&
+      heldFlows_.isOtherHeldFor(tuple.destination, identification.process)) {
+    return LeaveReason::mayBeProxys;
+  }
   return std::nullopt;
 }
 

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 
 namespace ostravel::linuxplatform {
+
+// As many as the default mask has values for; a wider one does not get more.
+inline constexpr unsigned kMaximumEventLoops = 29;
 
 // The bits of the packet mark that are ours, and what their values mean. All other bits belong to
 // whoever set them and are kept. A value, given to everything that marks sockets or packets.
@@ -29,7 +33,9 @@ class PacketMarks {
   constexpr std::uint32_t redirect(unsigned loopIndex) const {
     return (kFirstRedirectValue + loopIndex) * unit();
   }
-  constexpr unsigned maximumEventLoops() const { return mask_ / unit() + 1 - kFirstRedirectValue; }
+  constexpr unsigned maximumEventLoops() const {
+    return std::min(kMaximumEventLoops, mask_ / unit() + 1 - kFirstRedirectValue);
+  }
 
   friend bool operator==(const PacketMarks&, const PacketMarks&) = default;
 

@@ -9,6 +9,7 @@ import platform
 import select
 import signal
 import socket
+import stat
 import struct
 import sys
 import time
@@ -399,10 +400,14 @@ def netfilter_sockets(extension):
     process = os.pidfd_open(extension.pid)
     try:
         for name in os.listdir(f"/proc/{extension.pid}/fd"):
-            if not os.readlink(f"/proc/{extension.pid}/fd/{name}").startswith("socket:"):
-                continue
             shared = _libc.syscall(SYS_PIDFD_GETFD, process, int(name), 0)
-            assert shared >= 0, os.strerror(ctypes.get_errno())
+            if shared < 0:
+                # It was open for a moment only.
+                assert ctypes.get_errno() == errno.EBADF, os.strerror(ctypes.get_errno())
+                continue
+            if not stat.S_ISSOCK(os.fstat(shared).st_mode):
+                os.close(shared)
+                continue
             found = socket.socket(fileno=shared)
             if found.family == socket.AF_NETLINK and found.proto == NETLINK_NETFILTER:
                 yield found
