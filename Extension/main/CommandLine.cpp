@@ -5,10 +5,12 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <map>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -48,6 +50,19 @@ std::optional<uid_t> userWithName(const std::string& name) {
   return isNumber && number != static_cast<uid_t>(-1) ? std::optional(number) : std::nullopt;
 }
 
+// Decimal, or hexadecimal with 0x.
+std::optional<linuxplatform::PacketMarks> parseMarkMask(std::string_view text) {
+  const bool isHexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  const std::string_view digits = isHexadecimal ? text.substr(2) : text;
+  std::uint32_t mask = 0;
+  const auto [end, error] =
+      std::from_chars(digits.data(), digits.data() + digits.size(), mask, isHexadecimal ? 16 : 10);
+  if (error != std::errc() || end != digits.data() + digits.size()) {
+    return std::nullopt;
+  }
+  return linuxplatform::PacketMarks::fromMask(mask);
+}
+
 }  // namespace
 
 CommandLine CommandLine::parse(int argc, char** argv) {
@@ -82,6 +97,21 @@ CommandLine CommandLine::parse(int argc, char** argv) {
       ->type_name("NAME")
       ->allow_extra_args(false);
 
+  linuxplatform::PacketMarks marks;
+  app.add_option_function<std::string>(
+         "--mark-mask",
+         [&marks](const std::string& text) {
+           const auto parsed = parseMarkMask(text);
+           if (!parsed) {
+             throw CLI::ValidationError("--mark-mask", "\"" + text +
+                                                           "\" is not a mask of at least three "
+                                                           "adjacent bits, such as 0x3e000000");
+           }
+           marks = *parsed;
+         },
+         "bits of the packet mark that no other program uses; without it 0x3e000000")
+      ->type_name("MASK");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {
@@ -90,7 +120,7 @@ CommandLine CommandLine::parse(int argc, char** argv) {
     std::fprintf(stderr, "ostravel-extension: %s (see --help)\n", error.what());
     return {std::nullopt, kExitUsage};
   }
-  Options options{configurationPath, sinks.at(sink), !isGuardianUnwanted, {}};
+  Options options{configurationPath, sinks.at(sink), !isGuardianUnwanted, {}, marks};
   for (const std::string& name : proxyUsers) {
     const auto user = userWithName(name);
     if (!user) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/PacketMarks.h"
 
 namespace ostravel {
 
@@ -20,6 +21,7 @@ struct CommandLine {
     bool hasGuardian = true;
     // Whose local proxy may carry everybody's flows, besides root's and system users'.
     std::vector<uid_t> proxyUsers;
+    linuxplatform::PacketMarks marks;
   };
 
   // Absent when the process is to end with exitStatus, because it has shown its help or version, or

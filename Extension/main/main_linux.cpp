@@ -116,10 +116,11 @@ int main(int argc, char** argv) {
   const bool endsOnHangUp = hasTerminal();
 
   // The object graph, outermost first: each outlives those below it.
-  linuxplatform::LinuxPlatform platform({commandLine.options->logSink});
+  linuxplatform::LinuxPlatform platform(
+      {.logSink = commandLine.options->logSink, .marks = commandLine.options->marks});
   platform.writeLogOnCrash();
   linuxplatform::DescriptorBudget descriptors;
-  linuxplatform::EventLoopGroup loops(descriptors);
+  linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
   linuxplatform::LinuxProviderContext context(

@@ -13,6 +13,7 @@
 #include "Platform/Linux/LinuxTCPFlow.h"
 #include "Platform/Linux/LinuxUDPFlow.h"
 #include "Platform/Linux/PacketParser.h"
+#include "Platform/Linux/RoutingRules.h"
 
 namespace ostravel::linuxplatform {
 
@@ -73,6 +74,9 @@ std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
   auto table = install();
   if (auto* error = std::get_if<Error>(&table)) {
     return std::move(*error);
+  }
+  for (const std::string& clash : RoutingRules::read().clashesWith(loops.marks())) {
+    log->error("OstravelProxy: Packet marks clash: %{public}s", {clash});
   }
   auto aliveKeeper =
       std::make_unique<AliveKeeper>(std::get<std::unique_ptr<InterceptionTable>>(std::move(table)),
