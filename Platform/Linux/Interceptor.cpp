@@ -155,8 +155,8 @@ void Interceptor::run() {
     if (waited[2].revents != 0) {
       receive();
     }
+    queue_->retryUnsent();
     if (ping_.consume()) {
-      queue_->retryUnsent();
       tendHeldFlows();
       membership_.answer();
     }
