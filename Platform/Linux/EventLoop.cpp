@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <string>
+#include <utility>
 
 #include "Platform/Linux/FlowListener.h"
 
@@ -25,9 +26,10 @@ void blockBrokenPipeSignal() {
 }  // namespace
 
 EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory,
-                     const PacketMarks& marks)
+                     const PacketMarks& marks, std::shared_ptr<RedirectPath> redirectPath)
     : index_(index),
       marks_(marks),
+      redirectPath_(std::move(redirectPath)),
       descriptors_(descriptors),
       memory_(memory),
       buffers_(*this),

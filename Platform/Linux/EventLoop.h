@@ -21,6 +21,7 @@
 namespace ostravel::linuxplatform {
 
 class FlowListener;
+class RedirectPath;
 
 // One thread that waits for the sockets of its flows and connections and runs everything that
 // happens to them, and what that work shares: buffers, pipes, and the listener at which released
@@ -43,8 +44,9 @@ class EventLoop {
   };
 
   // Starts the thread. Throws std::system_error when the kernel gives no listener.
+  // redirectPath: who is to know of connections that do not arrive.
   EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory,
-            const PacketMarks& marks = {});
+            const PacketMarks& marks = {}, std::shared_ptr<RedirectPath> redirectPath = nullptr);
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
   // Stops the loop. Work that was still waiting is destroyed without running.
@@ -59,6 +61,9 @@ class EventLoop {
 
   // How this process marks its sockets and packets. From any thread.
   const PacketMarks& marks() const { return marks_; }
+
+  // May be null. From any thread.
+  RedirectPath* redirectPath() const { return redirectPath_.get(); }
 
   // Runs work on the loop's thread, in order, never inside this call. From any thread; returns at
   // once.
@@ -106,6 +111,7 @@ class EventLoop {
 
   const unsigned index_;
   const PacketMarks marks_;
+  const std::shared_ptr<RedirectPath> redirectPath_;
   DescriptorBudget& descriptors_;
   MemoryBudget& memory_;
   std::shared_ptr<UserShare> servedUser_;

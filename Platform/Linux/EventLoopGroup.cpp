@@ -24,10 +24,11 @@ EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, const PacketMarks&
 
 EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, unsigned count,
                                const PacketMarks& marks)
-    : marks_(marks) {
+    : marks_(marks), redirectPath_(std::make_shared<RedirectPath>()) {
   count = std::clamp(count, 1U, marks.maximumEventLoops());
   for (unsigned index = 0; index < count; ++index) {
-    loops_.push_back(std::make_unique<EventLoop>(index, descriptors, memory_, marks_));
+    loops_.push_back(
+        std::make_unique<EventLoop>(index, descriptors, memory_, marks_, redirectPath_));
   }
 }
 

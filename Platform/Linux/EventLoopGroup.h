@@ -10,6 +10,7 @@
 #include "Platform/Linux/FlowListener.h"
 #include "Platform/Linux/LinuxTCPConnection.h"
 #include "Platform/Linux/MemoryBudget.h"
+#include "Platform/Linux/RedirectPath.h"
 
 namespace ostravel::linuxplatform {
 
@@ -25,6 +26,8 @@ class EventLoopGroup {
   ~EventLoopGroup();
 
   const PacketMarks& marks() const { return marks_; }
+  // From any thread.
+  RedirectPath& redirectPath() { return *redirectPath_; }
   unsigned size() const { return static_cast<unsigned>(loops_.size()); }
   EventLoop& loop(unsigned index) { return *loops_[index]; }
 
@@ -41,6 +44,7 @@ class EventLoopGroup {
 
   MemoryBudget memory_;
   const PacketMarks marks_;
+  const std::shared_ptr<RedirectPath> redirectPath_;
   std::vector<std::unique_ptr<EventLoop>> loops_;
   std::atomic<unsigned> next_ = 0;
 };

@@ -111,6 +111,15 @@ void FlowListener::rest(Socket& listener) {
 }
 
 void FlowListener::acceptSome(Socket& listener) {
+  if (acceptArrived(listener) == Backlog::stuck) {
+    // The connection stays in the backlog, so that waiting for it would not wait.
+    rest(listener);
+  } else {
+    waitForConnections(listener);
+  }
+}
+
+FlowListener::Backlog FlowListener::acceptArrived(Socket& listener) {
   for (int count = 0; count < limits::kAcceptsPerEvent; ++count) {
     KernelAddress peer;
     const int descriptor = ::accept4(listener.socket.descriptor(), peer.get(), &peer.size,
@@ -120,16 +129,14 @@ void FlowListener::acceptSome(Socket& listener) {
       continue;
     }
     if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      // The connection stays in the backlog, so that waiting for it would not wait.
-      rest(listener);
-      return;
+      return Backlog::stuck;
     }
     if (errno == EAGAIN) {
       break;
     }
     // Anything else concerns one connection that is gone already (accept(2)).
   }
-  waitForConnections(listener);
+  return Backlog::taken;
 }
 
 void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
@@ -250,6 +257,12 @@ void FlowListener::waitForDeadline() {
 }
 
 void FlowListener::expire() {
+  // When this loop was busy for long, what was expected has arrived and only waits to be accepted.
+  for (Socket* const listener : {&ipv4_, &ipv6_}) {
+    if (listener->socket.isOpen()) {
+      acceptArrived(*listener);
+    }
+  }
   const auto now = std::chrono::steady_clock::now();
   // A waiter that is told may release another flow, which adds a deadline at the end.
   while (!deadlines_.empty() && deadlines_.front().time <= now) {

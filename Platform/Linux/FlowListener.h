@@ -64,6 +64,12 @@ class FlowListener {
     std::uint16_t port = 0;
     EventLoop::Timer pause;
   };
+  enum class Backlog : std::uint8_t {
+    // Accepted, as far as one turn goes.
+    taken,
+    // Descriptors or memory are lacking.
+    stuck,
+  };
   struct Expectation {
     // In the order of arrival.
     std::uint64_t number = 0;
@@ -82,6 +88,7 @@ class FlowListener {
   void waitForConnections(Socket& listener);
   void rest(Socket& listener);
   void acceptSome(Socket& listener);
+  Backlog acceptArrived(Socket& listener);
   void handOver(int descriptor, const SocketEndpoint& peer);
   std::shared_ptr<Waiter> take(int descriptor, const SocketEndpoint& peer);
   Expected::iterator find(const SocketEndpoint& peer, const SocketEndpoint& destination);

@@ -49,6 +49,7 @@ struct Interceptor::Parts {
   FlowHandler handler;
   std::unique_ptr<ApplicationIdentifierSource> identifiers;
   std::shared_ptr<PacketQueue> queue;
+  std::shared_ptr<RedirectSupervisor> redirects;
   std::unique_ptr<AliveKeeper> aliveKeeper;
   Heartbeat& heartbeat;
 };
@@ -78,12 +79,13 @@ std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
   for (const std::string& clash : RoutingRules::read().clashesWith(loops.marks())) {
     log->error("OstravelProxy: Packet marks clash: %{public}s", {clash});
   }
+  auto redirects = RedirectSupervisor::start(loops, settings, log);
   auto aliveKeeper =
       std::make_unique<AliveKeeper>(std::get<std::unique_ptr<InterceptionTable>>(std::move(table)),
                                     install, log, std::move(onAlive));
   return std::unique_ptr<Interceptor>(new Interceptor(
       {std::move(log), loops, descriptors, std::move(handler), std::move(identifiers),
-       std::move(openQueue), std::move(aliveKeeper), heartbeat}));
+       std::move(openQueue), std::move(redirects), std::move(aliveKeeper), heartbeat}));
 }
 
 Interceptor::Interceptor(Parts parts)
@@ -95,6 +97,7 @@ Interceptor::Interceptor(Parts parts)
       queue_(std::move(parts.queue)),
       recentFlows_(kRememberedFlows),
       leftFlows_(log_),
+      redirects_(std::move(parts.redirects)),
       aliveKeeper_(std::move(parts.aliveKeeper)),
       membership_(parts.heartbeat.join(
           kVerdictThreadParticipant,
@@ -104,6 +107,7 @@ Interceptor::Interceptor(Parts parts)
       thread_([this] { run(); }) {}
 
 Interceptor::~Interceptor() {
+  redirects_->stop();
   // Rules first, so that nothing new is held by a queue that nobody reads any more.
   aliveKeeper_->removeTable();
   stop_.signal();
@@ -230,6 +234,12 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   if (descriptors_.nearLimit()) {
     return LeaveReason::descriptors;
   }
+  if (!hasListenerFor(tuple.destination.family)) {
+    return LeaveReason::noListener;
+  }
+  if (!loops_.redirectPath().isUsable(tuple.destination.family)) {
+    return LeaveReason::redirectPath;
+  }
   if (tuple.protocol == TransportProtocol::udp) {
     // Tunnels of the kernel's own, which TCP could not replace.
     if (!packet.uid) {
@@ -237,9 +247,6 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
     }
     // To refuse QUIC makes sense only where TCP is proxied.
     return share.isOnTrial() ? std::optional(LeaveReason::onTrial) : std::nullopt;
-  }
-  if (!hasListenerFor(tuple.destination.family)) {
-    return LeaveReason::noListener;
   }
   switch (FlowAdmission::admit(share, descriptors_)) {
     case FlowAdmission::Answer::handshakeShare:

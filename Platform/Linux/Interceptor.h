@@ -27,6 +27,7 @@
 #include "Platform/Linux/PacketParser.h"
 #include "Platform/Linux/PacketQueue.h"
 #include "Platform/Linux/RecentFlows.h"
+#include "Platform/Linux/RedirectSupervisor.h"
 #include "Platform/Linux/UserShares.h"
 
 namespace ostravel::linuxplatform {
@@ -98,6 +99,7 @@ class Interceptor {
   HeldFlows heldFlows_;
   UserShares shares_;
   LeftFlows leftFlows_;
+  const std::shared_ptr<RedirectSupervisor> redirects_;
   unsigned nextLoop_ = 0;
   EventDescriptor stop_;
   EventDescriptor newRegistrationsAreThere_;

@@ -5,6 +5,7 @@
 
 #include "Platform/Interface/ProviderError.h"
 #include "Platform/Linux/EventLoop.h"
+#include "Platform/Linux/RedirectPath.h"
 #include "Platform/Linux/RelayLimits.h"
 #include "Platform/Linux/SocketError.h"
 
@@ -131,6 +132,10 @@ void LinuxTCPFlow::gaveUp() {
     return;
   }
   stage_ = Stage::ended;
+  EventLoop& loop = stream_.loop();
+  if (RedirectPath* const path = loop.redirectPath()) {
+    path->reportMissing(loop.index(), tuple_);
+  }
   platform::Error error = socketError(ETIMEDOUT);
   error.localizedDescription = "The application gave up before its connection was made";
   stream_.fail(std::move(error));

@@ -38,8 +38,10 @@ inline constexpr unsigned kSmallChunksBeforeCopy = 8;
 inline constexpr std::size_t kSmallChunk = 16 * 1024;
 
 // How long after its SYN was released a connection may take to arrive. It arrives within the same
-// millisecond unless the application gave up.
-inline constexpr auto kAcceptTimeout = 1s;
+// millisecond unless the application gave up or something keeps it from us. Shorter than the second
+// after which TCP repeats a SYN (RFC 6298), so that one that was lost goes direct with the first
+// repetition.
+inline constexpr auto kAcceptTimeout = 500ms;
 // Connections accepted before other work of the loop gets its turn.
 inline constexpr int kAcceptsPerEvent = 64;
 // Connections that wait for being accepted; the kernel caps it (net.core.somaxconn).

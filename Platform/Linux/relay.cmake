@@ -15,6 +15,8 @@ add_library(LinuxRelay STATIC
   ${CMAKE_CURRENT_LIST_DIR}/LoopSocket.cpp
   ${CMAKE_CURRENT_LIST_DIR}/PipeChunk.cpp
   ${CMAKE_CURRENT_LIST_DIR}/PipePool.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/RedirectPath.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/RedirectTrial.cpp
   ${CMAKE_CURRENT_LIST_DIR}/StreamRegistry.cpp
   ${CMAKE_CURRENT_LIST_DIR}/StreamSocket.cpp)
 # Whether Asio sees aligned allocation depends on what was included before it; without it, every

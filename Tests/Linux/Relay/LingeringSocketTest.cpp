@@ -88,7 +88,7 @@ TEST_F(LingeringSocketTest, WaitsWithoutWorkingAndEndsWhenEverythingIsAcknowledg
   closeInOrder(*carried.flow);
   drain();
   const auto start = std::chrono::steady_clock::now();
-  const Activity activity = activityWithin(500ms);
+  const Activity activity = activityWithin(300ms);
   EXPECT_EQ(activity.wakeups, 0U);
   EXPECT_LT(activity.cpuTime, 20ms);
   EXPECT_EQ(budget_.inUse(), idle_ + 1);
