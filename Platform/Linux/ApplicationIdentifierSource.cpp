@@ -17,6 +17,10 @@ constexpr std::size_t kMaximumKnownProcesses = 4096;
 // meanwhile.
 constexpr std::size_t kMaximumBoundFlows = 64;
 
+// Between two looks for the owner of a listener, while nothing is sent.
+constexpr std::chrono::milliseconds kShortestWatchPause{250};
+constexpr std::chrono::milliseconds kLongestWatchPause{10'000};
+
 // Text that does not begin like this could be an identifier that the core exempts.
 std::optional<std::string> executablePath(const Process& process) {
   if (!process.executable.starts_with('/')) {
@@ -128,6 +132,23 @@ bool ApplicationIdentifierSource::isBound(const FlowTuple& flow,
     boundFlows_.pop_front();
   }
   return true;
+}
+
+std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
+  const auto now = std::chrono::steady_clock::now();
+  if (!proxy_ || now < nextWatch_) {
+    return std::nullopt;
+  }
+  const auto state = proxy_->refresh(std::nullopt);
+  // An owner that is not found must not be searched for all the time while nothing is sent.
+  watchPause_ = state == ProxyProcess::State::unknown
+                    ? std::clamp(2 * watchPause_, kShortestWatchPause, kLongestWatchPause)
+                    : std::chrono::milliseconds::zero();
+  nextWatch_ = now + watchPause_;
+  if (state != ProxyProcess::State::known || !trust_->holdsFor(std::nullopt)) {
+    return std::nullopt;
+  }
+  return trust_->takeNews();
 }
 
 void ApplicationIdentifierSource::replaceRegistrations(ApplicationRegistrations registrations) {

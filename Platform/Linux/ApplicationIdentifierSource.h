@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -58,6 +59,11 @@ class ApplicationIdentifierSource {
   // when that is not known.
   Identification identify(const FlowTuple& flow, std::uint32_t outputInterface);
 
+  // Looks who listens on the proxy's port though nothing is sent, so that a new proxy has passed
+  // its trial before the first flow. To be called now and then; returns a sentence for people when
+  // everybody's flows may be sent to a proxy that was not there before.
+  std::optional<std::string> watchProxy();
+
   // For what is identified from now on, also of processes that are known already.
   void replaceRegistrations(ApplicationRegistrations registrations);
 
@@ -94,6 +100,8 @@ class ApplicationIdentifierSource {
   std::optional<ProxyProcess> proxy_;
   // There is one when there are diagnostics, like the last.
   std::optional<ProxyTrust> trust_;
+  std::chrono::steady_clock::time_point nextWatch_;
+  std::chrono::milliseconds watchPause_{};
   ApplicationRegistrations registrations_;
   const std::vector<Source> sources_;
   std::unordered_map<pid_t, KnownProcess> known_;

@@ -27,6 +27,7 @@ using namespace std::chrono_literals;
 static_assert(Heartbeat::kInterval * 4 <= InterceptionTable::kAliveTimeout);
 // Packets taken in one go before the next ping is answered.
 constexpr int kMaximumBurst = 64;
+constexpr auto kLongestBurst = 100ms;
 // The flows of a busy desktop over the longest time that one is remembered.
 constexpr std::size_t kRememberedFlows = 8192;
 constexpr std::uint16_t kLocalProxyPort = 8080;
@@ -162,6 +163,9 @@ void Interceptor::run() {
     queue_->retryUnsent();
     if (ping_.consume()) {
       tendHeldFlows();
+      if (const auto news = identifiers_->watchProxy()) {
+        log_->info("OstravelProxy: %{public}s", {*news});
+      }
       membership_.answer();
     }
   }
@@ -169,7 +173,12 @@ void Interceptor::run() {
 }
 
 void Interceptor::receive() {
+  const auto begin = std::chrono::steady_clock::now();
   for (int count = 0; count < kMaximumBurst; ++count) {
+    // Searches that are slow one after the other must not make the thread seem dead.
+    if (std::chrono::steady_clock::now() - begin > kLongestBurst) {
+      return;
+    }
     if (!queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); })) {
       return;
     }

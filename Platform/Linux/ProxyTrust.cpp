@@ -35,18 +35,24 @@ bool ProxyTrust::mayDial(uid_t user) const {
 }
 
 void ProxyTrust::forget() {
+  isNoProxy_ = false;
   hasPassed_ = false;
   knowsDialler_ = false;
   owners_.clear();
   hasWarnedAboutAnswer_ = false;
   hasWarnedAboutOwners_ = false;
+  news_.reset();
 }
 
 bool ProxyTrust::hasPassedTrial() {
+  if (isNoProxy_) {
+    return false;
+  }
   auto result = trial_.resultOf(proxy_.listener(), proxy_.uid());
   if (!result) {
     return false;
   }
+  isNoProxy_ = result->outcome.judgement == ProxyTrial::Judgement::notAProxy;
   hasPassed_ = result->outcome.judgement == ProxyTrial::Judgement::proxy;
   if (hasPassed_) {
     takeParts(std::move(*result));
@@ -58,6 +64,7 @@ bool ProxyTrust::hasPassedTrial() {
 
 void ProxyTrust::takeParts(ProxyTrialThread::Result result) {
   owners_ = std::move(result.userNames);
+  news_ = "the local proxy is " + ownerText(owners_[proxy_.uid()]);
   // Of the parts that could not be found there may be more.
   knowsDialler_ = result.outcome.dialler.has_value();
   for (auto& part : {result.outcome.acceptor, result.outcome.dialler}) {
@@ -76,8 +83,10 @@ void ProxyTrust::warnAboutAnswer(const ProxyTrialThread::Result& result) {
     return;
   }
   const auto name = result.userNames.find(proxy_.uid());
-  warn_(listenerText(name == result.userNames.end() ? std::to_string(proxy_.uid()) : name->second) +
-        " does not answer CONNECT as a proxy does: " + result.outcome.answer +
+  const std::string user =
+      name == result.userNames.end() ? std::to_string(proxy_.uid()) : name->second;
+  warn_(ownerText(user) + " listens on port " + std::to_string(port_) +
+        " and does not answer CONNECT as a proxy does: " + result.outcome.answer +
         "; every flow is left to the system until a proxy listens there");
 }
 
@@ -87,16 +96,17 @@ void ProxyTrust::warnAboutOwners() {
   }
   const auto owner = std::ranges::find_if(
       owners_, [this](const auto& each) { return !mayServe(each.first, std::nullopt); });
-  const std::string& name = owner->second;
-  warn_(listenerText(name) + " is an ordinary user's, and is not used for the flows of others: " +
-        "run the proxy as root or a system user, or name its user with --proxy-user " + name);
+  const std::string& user = owner->second;
+  warn_(ownerText(user) + " listens on port " + std::to_string(port_) +
+        " for an ordinary user, and is not used for the flows of others: run the proxy as root or "
+        "a system user, or name its user with --proxy-user " +
+        user);
 }
 
-std::string ProxyTrust::listenerText(const std::string& user) const {
+std::string ProxyTrust::ownerText(const std::string& user) const {
   const Process& owner = proxy_.owner();
   const std::string program = owner.executable.empty() ? "a program" : owner.executable;
-  return program + " (process " + std::to_string(owner.pid) + ", user " + user +
-         "), which listens on 127.0.0.1:" + std::to_string(port_) + ",";
+  return program + " (process " + std::to_string(owner.pid) + ", user " + user + ")";
 }
 
 }  // namespace ostravel::linuxplatform

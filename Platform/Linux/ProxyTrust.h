@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Platform/Linux/ProxyProcess.h"
@@ -41,6 +42,9 @@ class ProxyTrust {
   // listening socket, the proxy has got all its parts.
   bool holdsFor(std::optional<uid_t> user);
 
+  // One sentence for people about a proxy that has passed its trial; once.
+  std::optional<std::string> takeNews() { return std::exchange(news_, std::nullopt); }
+
   // The following are valid when holdsFor() has returned true for the same refresh.
 
   // Whether the process that dials out for the proxy has been found.
@@ -55,7 +59,7 @@ class ProxyTrust {
   bool mayServe(uid_t owner, std::optional<uid_t> user) const;
   void warnAboutAnswer(const ProxyTrialThread::Result& result);
   void warnAboutOwners();
-  std::string listenerText(const std::string& user) const;
+  std::string ownerText(const std::string& user) const;
 
   ProxyProcess& proxy_;
   const std::uint16_t port_;
@@ -64,12 +68,14 @@ class ProxyTrust {
   const Warn warn_;
   // The listening socket that the following are about.
   std::uint64_t listener_ = 0;
+  bool isNoProxy_ = false;
   bool hasPassed_ = false;
   bool knowsDialler_ = false;
   // All who have a hand in the socket, with their names.
   std::map<uid_t, std::string> owners_;
   bool hasWarnedAboutAnswer_ = false;
   bool hasWarnedAboutOwners_ = false;
+  std::optional<std::string> news_;
   ProxyTrialThread trial_;
 };
 

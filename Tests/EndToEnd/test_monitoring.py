@@ -82,8 +82,10 @@ def test_the_log_of_a_run_is_exactly_this(laboratory):
     laboratory.start_monitor()
     extension = laboratory.start_extension()
     laboratory.events.wait("proxy_unreachable")
-    laboratory.start_sidecar()
+    sidecar = laboratory.start_sidecar()
     laboratory.events.wait("proxy_recovered")
+    found = f"the local proxy is {sidecar.process.args[-1]} (process {sidecar.pid}, user root)"
+    extension.expect(extension.errors, found)
     laboratory.wait_until_proxied()
     assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
     laboratory.events.wait_for_count("tunnel_closed", 2)
@@ -93,6 +95,7 @@ def test_the_log_of_a_run_is_exactly_this(laboratory):
         ("info", "OstravelProxy: Starting Proxy provider..."),
         ("info", "OstravelProxy: Rules summary included=32 excluded=2 httpsOnly=false"),
         ("info", "OstravelProxy: Rules set successfully"),
+        ("info", f"OstravelProxy: {found}"),
         *[
             ("default", "OstravelProxy: Sending CONNECT handshake (details private)"),
             ("info", "OstravelProxy: Handshake successful."),

@@ -277,6 +277,27 @@ TEST_F(ApplicationIdentifierSourceTest, TellsTheUserAndTheProcess) {
   EXPECT_EQ(identification.leaveReason, LeaveReason::none);
 }
 
+TEST_F(ApplicationIdentifierSourceTest, AProxyThatIsWatchedIsReadyForTheFirstFlow) {
+  start();
+  EXPECT_FALSE(source_->watchProxy());
+  Helper application;
+  const auto flow = connectFrom(application);
+  const std::string program = programs_.copyHelper("proxy");
+  for (int i = 0; i < 2; ++i) {
+    Helper proxy(program);
+    proxy.makeSocket("proxy", kProxyPort);
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    std::optional<std::string> news;
+    while (!news && std::chrono::steady_clock::now() < deadline) {
+      news = source_->watchProxy();
+    }
+    EXPECT_EQ(news, "the local proxy is " + program + " (process " + std::to_string(proxy.pid()) +
+                        ", user root)");
+    EXPECT_FALSE(source_->watchProxy());
+    EXPECT_FALSE(source_->identify(flow, 0).leaveToSystem);
+  }
+}
+
 TEST_F(ApplicationIdentifierSourceTest, WhatIsNoProxyGetsNobodysFlows) {
   start();
   Helper server;

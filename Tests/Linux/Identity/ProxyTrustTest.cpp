@@ -103,6 +103,20 @@ TEST_F(ProxyTrustTest, TheProxyOfRootIsEverybodys) {
   EXPECT_TRUE(warnings_.empty());
 }
 
+TEST_F(ProxyTrustTest, EveryProxyIsNewsOnce) {
+  const std::string program = folder_.copyHelper("proxy");
+  start();
+  for (int i = 0; i < 2; ++i) {
+    const auto proxy = proxyOf(kRoot, program);
+    EXPECT_FALSE(trust_->takeNews());
+    EXPECT_TRUE(holdsEventually(kRoot));
+    EXPECT_EQ(trust_->takeNews(), "the local proxy is " + program + " (process " +
+                                      std::to_string(proxy->pid()) + ", user root)");
+    EXPECT_TRUE(holdsNow(kRoot));
+    EXPECT_FALSE(trust_->takeNews());
+  }
+}
+
 TEST_F(ProxyTrustTest, TheProxyOfASystemUserIsEverybodys) {
   const auto proxy = proxyOf(kSystemUser, OSTRAVEL_HELPER);
   start();
@@ -126,9 +140,9 @@ TEST_F(ProxyTrustTest, TheProxyOfAPersonIsThatPersons) {
   ASSERT_EQ(warnings_.size(), 1U);
   EXPECT_EQ(warnings_[0],
             program + " (process " + std::to_string(proxy->pid()) +
-                ", user 54321), which listens on 127.0.0.1:8080, is an ordinary user's, and is not "
-                "used for the flows of others: run the proxy as root or a system user, or name its "
-                "user with --proxy-user 54321");
+                ", user 54321) listens on port 8080 for an ordinary user, and is not used for the "
+                "flows of others: run the proxy as root or a system user, or name its user with "
+                "--proxy-user 54321");
 }
 
 TEST_F(ProxyTrustTest, TheProxyOfANamedUserIsEverybodys) {
@@ -189,9 +203,9 @@ TEST_F(ProxyTrustTest, AWebServerIsNobodysProxy) {
   ASSERT_EQ(warnings_.size(), 1U);
   EXPECT_EQ(warnings_[0],
             program + " (process " + std::to_string(server->pid()) +
-                ", user root), which listens on 127.0.0.1:8080, does not answer CONNECT as a proxy "
-                "does: HTTP/1.1 405 Not Allowed; every flow is left to the system until a proxy "
-                "listens there");
+                ", user root) listens on port 8080 and does not answer CONNECT as a proxy does: "
+                "HTTP/1.1 405 Not Allowed; every flow is left to the system until a proxy listens "
+                "there");
 }
 
 TEST_F(ProxyTrustTest, AProxyThatAnswersLateIsAProxyFromThen) {
