@@ -43,6 +43,8 @@ while True:
     if is_there() != was_there:
         was_there = not was_there
         send("proxy_recovered" if was_there else "proxy_unreachable")
+        if was_there:
+            print("the local proxy is a program", file=sys.stderr, flush=True)
     signal.pause()
 """
 
@@ -237,6 +239,15 @@ def test_live_uses_the_proxy_that_is_there(laboratory):
     assert live.program.stop() == 0
     # It was there before, and is there afterwards.
     assert tinyproxy.process.poll() is None
+
+
+def test_live_names_the_user_of_the_proxy_that_is_there(laboratory):
+    laboratory.start_sidecar(user=65534)
+    live = Live(laboratory)
+    live.wait_until_started()
+    live.wait_until_proxied()
+    assert "--proxy-user nobody" in " ".join(live.program.output.since())
+    assert live.program.stop() == 0
 
 
 def test_live_refuses_to_send_everything_to_what_is_no_proxy(laboratory):

@@ -9,7 +9,14 @@ import time
 from typing import NamedTuple
 
 from network import ENDING_SIGNALS, EXEMPT_IDENTIFIER, NAME, THERE4, Network, run
-from programs import GENEROUS_SECONDS, Problem, start_extension, start_monitor, start_sidecar
+from programs import (
+    GENEROUS_SECONDS,
+    PROXY_IS_USED,
+    Problem,
+    start_extension,
+    start_monitor,
+    start_sidecar,
+)
 from screen import Screen, parse_event
 
 PYTHON = os.path.realpath("/usr/bin/python3")
@@ -264,6 +271,7 @@ class Demonstration:
         self.command("ostravel-sidecar")
         self.start_sidecar()
         is_found = self.wait_for_event("proxy_recovered")
+        self.extension.expect(self.extension.errors, PROXY_IS_USED)
         is_ready = is_missed and is_found and self.has_rules()
         self.conclude("ready", "ready" if is_ready else "not ready")
 
@@ -306,10 +314,11 @@ class Demonstration:
         self.conclude("answered", self.datagram())
 
         self.step("The proxy is back")
-        mark = self.monitor.output.mark()
+        mark, errors_mark = self.monitor.output.mark(), self.extension.errors.mark()
         self.command("ostravel-sidecar")
         self.start_sidecar()
         is_noticed = self.wait_for_event("proxy_recovered", mark=mark)
+        self.extension.expect(self.extension.errors, PROXY_IS_USED, errors_mark)
         seen = self.curl(f"http://{NAME}/")
         self.conclude("proxied", seen if is_noticed else f"{seen}, no event")
 

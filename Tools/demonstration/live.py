@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import pwd
 import queue
 import re
 import signal
@@ -11,6 +12,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+from typing import NamedTuple
 
 from programs import Problem, Program, start_extension, start_monitor, start_sidecar
 from screen import Screen, parse_event
@@ -18,7 +20,8 @@ from screen import Screen, parse_event
 PROXY = ("127.0.0.1", 8080)
 PROXY_ANSWER_SECONDS = 5
 # A tunnel, or what a proxy says that does not want this one or cannot reach it.
-PROXY_ANSWER = re.compile(r"HTTP/1\.[01] (200|403|407|50[234])\b")
+PROXY_ANSWER = re.compile(r"HTTP/1\.[01] (2\d\d|403|407|429|50[0234])\b")
+LOGIN_SETTINGS = "/etc/login.defs"
 # The last event is on its way when the extension has ended.
 LAST_EVENT_SECONDS = 2
 
@@ -34,17 +37,59 @@ def tables():
     return done.stdout
 
 
+class Listener(NamedTuple):
+    """Who listens where the local proxy is expected."""
+
+    description: str
+    # Those of its users who are neither root nor system users, in the words of --proxy-user.
+    ordinary_users: list
+
+
+def last_system_user():
+    """The highest number of a system user (login.defs(5))."""
+    try:
+        text = pathlib.Path(LOGIN_SETTINGS).read_text(errors="replace")
+    except OSError:
+        text = ""
+    settings = {
+        name: int(value)
+        for name, value in re.findall(r"^\s*(SYS_UID_MAX|UID_MIN)\s+(\d+)\s*$", text, re.MULTILINE)
+    }
+    return settings.get("SYS_UID_MAX", settings.get("UID_MIN", 1000) - 1)
+
+
+def ordinary_user_names(users):
+    names = []
+    for user in sorted(users):
+        if user > last_system_user():
+            try:
+                names.append(pwd.getpwuid(user).pw_name)
+            except KeyError:
+                names.append(str(user))
+    return names
+
+
 def listener_on_proxy_port():
-    """Who listens where the local proxy is expected, for people; None if nobody does."""
+    """A Listener; None if nobody listens."""
     try:
         socket.create_connection(PROXY, PROXY_ANSWER_SECONDS).close()
     except OSError:
         return None
     done = subprocess.run(
-        ["ss", "-Hltnp", f"sport = :{PROXY[1]}"], capture_output=True, text=True, check=False
+        ["ss", "-Hltnpe", f"sport = :{PROXY[1]}"], capture_output=True, text=True, check=False
     )
+    # The user of the socket, where it is not root, and that of the process.
+    users = {int(user) for user in re.findall(r"\buid:(\d+)", done.stdout)}
     found = re.search(r'\(\("([^"]*)",pid=(\d+)', done.stdout)
-    return f"{found.group(1)} (process {found.group(2)})" if found else "a process of another user"
+    if not found:
+        return Listener("a process of another user", ordinary_user_names(users))
+    name, pid = found.groups()
+    try:
+        users.add(os.stat(f"/proc/{pid}").st_uid)
+    except OSError:
+        # It has just ended; the extension will see who comes next.
+        pass
+    return Listener(f"{name} (process {pid})", ordinary_user_names(users))
 
 
 def answer_to_connect():
@@ -94,14 +139,20 @@ class Live:
             answer = answer_to_connect()
             if not PROXY_ANSWER.match(answer):
                 raise Problem(
-                    f"{other} listens on {PROXY[0]}:{PROXY[1]} and is no HTTP proxy (asked for a "
-                    f"tunnel, it answers \"{answer}\"): stop it, or start a proxy in its place",
+                    f"{other.description} listens on {PROXY[0]}:{PROXY[1]} and is no HTTP proxy "
+                    f"(asked for a tunnel, it answers \"{answer}\"): stop it, or start a proxy in "
+                    "its place",
                     2,
                 )
         self.monitor = start_monitor(
             self.programs_folder, self.socket_path, self.show_event, **watch
         )
-        self.extension = start_extension(self.programs_folder, self.configuration_path, **watch)
+        options = []
+        for user in other.ordinary_users if other else ():
+            options += ["--proxy-user", user]
+        self.extension = start_extension(
+            self.programs_folder, self.configuration_path, *options, **watch
+        )
         self.introduce(other, answer)
         self.is_introduced = True
         self.introduction.set()
@@ -115,11 +166,19 @@ class Live:
     def introduce(self, other, answer):
         show = self.screen
         proxy = f"{PROXY[0]}:{PROXY[1]}"
-        which = "ostravel-sidecar, started for it" if other is None else other
+        which = "ostravel-sidecar, started for it" if other is None else other.description
         show.paragraph(
             "From now on new connections of this machine's applications to the ports 80, 443, "
             f"11434, 1234, 8000, 5000 and 7860 go through the proxy on {proxy}, which is {which}."
         )
+        if other is not None and other.ordinary_users:
+            show.line()
+            options = " ".join(f"--proxy-user {user}" for user in other.ordinary_users)
+            show.paragraph(
+                "This proxy runs as an ordinary user, who can read whatever is not encrypted of "
+                f"everybody's connections. It is used all the same, by the option {options}.",
+                colour="yellow",
+            )
         if answer is not None and not answer.split()[1].startswith("2"):
             show.line()
             show.paragraph(

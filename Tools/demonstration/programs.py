@@ -109,9 +109,9 @@ class Program:
         self.process.wait()
         on_end(self)
 
-    def expect(self, lines, text):
+    def expect(self, lines, text, mark=0):
         """Waits until the program has said text; it is a problem if it does not."""
-        if lines.wait(lambda line: text in line) is None:
+        if lines.wait(lambda line: text in line, mark) is None:
             raise self.problem(f"did not say \"{text}\"")
 
     def problem(self, otherwise):
@@ -170,9 +170,14 @@ def start_sidecar(folder, **watch):
     return sidecar
 
 
-def start_extension(folder, configuration_path, **watch):
+# The extension's line when it has tried a new proxy and begins to send flows to it.
+PROXY_IS_USED = "the local proxy is"
+
+
+def start_extension(folder, configuration_path, *options, **watch):
     extension = Program(
-        [f"{folder}/ostravel-extension", "--log", "stderr", "--configuration", configuration_path],
+        [f"{folder}/ostravel-extension", "--log", "stderr", "--configuration", configuration_path,
+         *options],
         **watch,
     )
     extension.expect(extension.errors, "Rules set successfully")

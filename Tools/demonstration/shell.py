@@ -7,7 +7,7 @@ import subprocess
 import sys
 
 from network import ENDING_SIGNALS, EXEMPT_IDENTIFIER, Network
-from programs import Problem, start_extension, start_monitor, start_sidecar
+from programs import PROXY_IS_USED, Problem, start_extension, start_monitor, start_sidecar
 from screen import Screen, parse_event
 
 # Read by the shell before anything else, interactive or not.
@@ -60,9 +60,10 @@ class Shell:
         extension = start_extension(self.programs_folder, self.network.configuration)
         monitor.output.wait(self.is_event("proxy_unreachable"))
         sidecar = start_sidecar(self.programs_folder, on_output=self.keep("tunnels"))
-        # From now on flows are proxied.
         if monitor.output.wait(self.is_event("proxy_recovered")) is None:
             raise Problem("the extension did not notice the local proxy")
+        # From now on flows are proxied.
+        extension.expect(extension.errors, PROXY_IS_USED)
         self.process_ids = {
             "MONITOR": monitor.pid, "EXTENSION": extension.pid, "PROXY": sidecar.pid
         }  # fmt: skip
