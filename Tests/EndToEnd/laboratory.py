@@ -113,10 +113,11 @@ def eventually(condition, what, seconds=GENEROUS_SECONDS):
 class LocalProxy:
     """A local proxy that behaves as a test says; see local_proxy.py."""
 
-    def __init__(self, laboratory):
+    def __init__(self, laboratory, user=0):
+        # Files of its own: a program is told from others by its file, and anybody may read these.
+        script = laboratory.copy_of(_beside("local_proxy.py"), "local_proxy.py")
         self.program = laboratory.start(
-            # A file of its own: a program is told from others by its file.
-            [laboratory.copy_of(PYTHON, "local-proxy"), "-u", _beside("local_proxy.py")],
+            [*as_user(user), laboratory.copy_of(PYTHON, "local-proxy"), "-u", script],
             name="local-proxy",
             has_input=True,
         )
@@ -149,6 +150,13 @@ class LocalProxy:
         mark = self.program.output.mark()
         self.program.tell(json.dumps(behaviour))
         self.wait("behaving", mark)
+
+
+def as_user(user):
+    """What a command line begins with so that it runs as this user."""
+    # With its user a process loses what it had said about the death of its parent.
+    return ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups",
+            "setpriv", "--pdeathsig", "KILL"]  # fmt: skip
 
 
 def _beside(name):
@@ -257,24 +265,28 @@ class Laboratory:
         self.events = EventStream(monitor.output)
         return monitor
 
-    def start_sidecar(self, *options):
-        sidecar = self.start([self.program_path("ostravel-sidecar"), *options])
+    def start_sidecar(self, *options, user=0):
+        # A file of its own, because anybody may read it.
+        program = self.program_path("ostravel-sidecar")
+        if user != 0:
+            program = self.copy_of(program, "ostravel-sidecar")
+        sidecar = self.start([*as_user(user), program, *options], name="ostravel-sidecar")
         sidecar.expect(sidecar.output, "listening on")
         return sidecar
 
-    def start_local_proxy(self):
-        return LocalProxy(self)
+    def start_local_proxy(self, user=0):
+        return LocalProxy(self, user)
 
-    def start_tinyproxy(self):
+    def start_tinyproxy(self, port=8080, user=0):
         configuration = self.path("tinyproxy.conf")
         pathlib.Path(configuration).write_text(
-            "Port 8080\nListen 127.0.0.1\nTimeout 60\nMaxClients 200\nLogLevel Connect\n"
+            f"Port {port}\nListen 127.0.0.1\nTimeout 60\nMaxClients 200\nLogLevel Connect\n"
         )
-        tinyproxy = self.start(["tinyproxy", "-d", "-c", configuration])
-        self._wait_until_listening(self.here, 8080)
+        tinyproxy = self.start([*as_user(user), "tinyproxy", "-d", "-c", configuration])
+        self.wait_until_listening(self.here, port)
         return tinyproxy
 
-    def _wait_until_listening(self, namespace, port):
+    def wait_until_listening(self, namespace, port):
         """For a program that does not say so."""
         eventually(
             lambda: namespace.run("ss", "-Hltn", f"sport = :{port}"), f"port {port} is listened on"
@@ -319,7 +331,7 @@ class Laboratory:
             }}
         """)
         nginx = self.start(["nginx", "-c", configuration], namespace=self.there)
-        self._wait_until_listening(self.there, 443)
+        self.wait_until_listening(self.there, 443)
         return nginx
 
     def start_pattern_origin(self, port=8000):
@@ -440,9 +452,9 @@ class Laboratory:
                 env=self.environment(),
             )
 
-    def curl(self, url, *options, program=CURL):
+    def curl(self, url, *options, program=CURL, user=0):
         done = self.run_application(
-            program, "-q", "-sS", "--max-time", "30",
+            *as_user(user), program, "-q", "-sS", "--max-time", "30",
             "--resolve", f"{NAME}:80:{THERE4}", "--resolve", f"{NAME}:443:{THERE4}",
             "-w", "\n%{local_port}", *options, url,
         )  # fmt: skip

@@ -5,6 +5,7 @@ Commands come on standard input, one JSON object per line:
   answer      what it answers to a request, text of Latin-1
   then        what it does next: relay, hold, end or reset
   joined      true: waits for the origin's first bytes and sends them in one piece with the answer
+  through     port of another local proxy, which makes the tunnels; what it answers is passed on
   pieces      size of the pieces in which the answer is sent, each in a packet of its own
 
 A line with null only asks for a report.
@@ -101,7 +102,13 @@ def serve(connection, current, accepted_at):
         report(what, request=request.decode("latin-1"), accepted_at=accepted_at)
         answer = current.get("answer", ESTABLISHED).encode("latin-1")
         then = current.get("then", "relay")
-        origin = connect_to_origin(request) if then == "relay" else None
+        origin = None
+        if "through" in current:
+            origin = socket.create_connection(("127.0.0.1", current["through"]))
+            origin.sendall(request)
+            answer = b""
+        elif then == "relay":
+            origin = connect_to_origin(request)
         if current.get("joined"):
             answer += origin.recv(65536)
         send_in_pieces(connection, answer, current.get("pieces", len(answer) or 1))
