@@ -11,7 +11,6 @@
 #include <cstring>
 #include <utility>
 
-#include "Platform/Linux/PacketMarks.h"
 #include "Platform/Linux/ProxyAnswer.h"
 #include "Platform/Linux/SocketHolderSearch.h"
 
@@ -37,11 +36,9 @@ sockaddr_in loopback(std::uint16_t port) {
   return address;
 }
 
+// It needs no mark: connections to the proxy's own port are never intercepted.
 FileDescriptor makeSocket() {
-  FileDescriptor made(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  // Without the permission for it nothing is intercepted either.
-  ::setsockopt(made.get(), SOL_SOCKET, SO_MARK, &kOwnMark, sizeof kOwnMark);
-  return made;
+  return FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 using AddressOf = int (*)(int, sockaddr*, socklen_t*);
@@ -274,7 +271,7 @@ std::optional<Process> ProxyTrial::peerOf(const FileDescriptor& connection) {
   if (!own || !other) {
     return std::nullopt;
   }
-  const auto answer = diagnostics_.find({TransportProtocol::tcp, *other, *own});
+  const auto answer = diagnostics_.find({TransportProtocol::tcp, *other, *own}, 0);
   if (!answer.socket || answer.socket->inode == 0) {
     return std::nullopt;
   }

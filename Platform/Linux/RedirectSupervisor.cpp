@@ -290,7 +290,7 @@ void RedirectSupervisor::examine(unsigned loopIndex, const FlowTuple& tuple) {
   if (isStopped_ || !diagnostics_) {
     return;
   }
-  const auto answer = diagnostics_->find(tuple);
+  const auto answer = diagnostics_->find(tuple, 0);
   if (!answer.socket || answer.socket->state != TCP_SYN_SENT) {
     // The application has given up.
     return;
