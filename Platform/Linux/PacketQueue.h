@@ -28,8 +28,9 @@ class PacketQueue {
   struct Packet {
     std::uint32_t id = 0;
     std::uint32_t mark = 0;
-    // Who made the socket that sent it. Absent when no program has that socket: the kernel's own
-    // sockets, such as a tunnel's, have no file.
+    // Who made the socket that sent it. Absent when no program has that socket, as with what the
+    // kernel itself sends. A packet that the kernel has wrapped for a tunnel is still said to be
+    // of the socket that sent what is in it.
     std::optional<uid_t> uid;
     // Through which interface the packet leaves unless something reroutes it; 0 when unknown.
     std::uint32_t outputInterface = 0;

@@ -69,6 +69,35 @@ TEST(PacketQueueTest, TellsTheUserOfThePacketsSocketAndTheInterface) {
   EXPECT_EQ(packets[0].outputInterface, ::if_nametoindex("lo"));
 }
 
+TEST(PacketQueueTest, APacketInATunnelIsOfItsSenderOrOfNobody) {
+  outputOf(
+      "ip link add ours type veth peer name theirs && ip address add 192.0.2.1/24 dev ours && "
+      "ip link set ours up && ip link set theirs up && "
+      "ip neighbour add 192.0.2.2 lladdr 02:00:00:00:00:02 dev ours && "
+      "ip link add tunnel0 type vxlan id 1 local 192.0.2.1 remote 192.0.2.2 dstport 443 && "
+      "ip address add 198.51.100.1/24 dev tunnel0 && ip link set tunnel0 up && "
+      "ip neighbour add 198.51.100.2 lladdr 02:00:00:00:00:03 dev tunnel0");
+  platform::TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {testing::udpRule("192.0.2.2", "443", 32)};
+  const auto queue = openQueue();
+  const auto table = std::get<std::unique_ptr<InterceptionTable>>(
+      InterceptionTable::install(settings, PacketMarks(), queue->number(), {}));
+  constexpr uid_t kSomebody = 4711;
+  ASSERT_EQ(::seteuid(kSomebody), 0);
+  const Connecting application("198.51.100.2", 80);
+  ASSERT_EQ(::seteuid(0), 0);
+  bool isApplicationSeen = false;
+  while (!isApplicationSeen) {
+    const auto packets = waitForPackets(*queue, kGenerous);
+    ASSERT_FALSE(packets.empty());
+    for (const auto& packet : packets) {
+      // What the kernel says of itself on a new link is nobody's.
+      EXPECT_EQ(packet.uid.value_or(kSomebody), kSomebody);
+      isApplicationSeen = isApplicationSeen || packet.uid == kSomebody;
+    }
+  }
+}
+
 TEST(PacketQueueTest, LetsPacketsPassUnseenWhenItIsFull) {
   const auto queue = openQueue();
   const auto table = installTable(*queue);
