@@ -38,6 +38,10 @@ class CrashHandlerTest : public testing::Test {
     if (child_ == 0) {
       ::dup2(ends_[1], STDERR_FILENO);
       ::close(ends_[0]);
+      // A sanitizer's handlers would report the crash and exit.
+      for (const int signal : {SIGSEGV, SIGBUS, SIGABRT}) {
+        std::signal(signal, SIG_DFL);
+      }
       auto& platform = *new LinuxPlatform({});
       platform.writeLogOnCrash();
       for (int line = 0; line < kLines; ++line) {
