@@ -23,6 +23,8 @@ add_library(LinuxIdentity STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ApplicationIdentifierSource.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ApplicationRegistrations.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ConnectTracer.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/Identification.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/PrintableIdentifier.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProcessTable.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProxyAnswer.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProxyProcess.cpp
