@@ -16,9 +16,10 @@ class SearchBudget {
 
   bool isUsedUp() const;
 
- private:
+  // How long the calling thread has run so far.
   static std::chrono::nanoseconds timeOfThread();
 
+ private:
   const std::chrono::nanoseconds work_;
   const std::chrono::nanoseconds longest_;
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();

@@ -31,6 +31,7 @@ add_library(LinuxIdentity STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ProxyTrial.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProxyTrialThread.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProxyTrust.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SearchAllowance.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SearchBudget.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SocketDiagnostics.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SocketHolderSearch.cpp
