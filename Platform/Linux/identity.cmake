@@ -23,7 +23,9 @@ add_library(LinuxIdentity STATIC
   ${CMAKE_CURRENT_LIST_DIR}/ApplicationIdentifierSource.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ApplicationRegistrations.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ConnectTracer.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/FileLookup.cpp
   ${CMAKE_CURRENT_LIST_DIR}/Identification.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/MountTable.cpp
   ${CMAKE_CURRENT_LIST_DIR}/PrintableIdentifier.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProcessTable.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProxyAnswer.cpp
