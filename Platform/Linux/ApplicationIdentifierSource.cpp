@@ -4,15 +4,14 @@
 #include <utility>
 #include <variant>
 
+#include "Platform/Linux/PrintableIdentifier.h"
+
 namespace ostravel::linuxplatform {
 
 using platform::Error;
 
 namespace {
 
-// More processes than send anything between two moments at which nobody minds finding all of them
-// again.
-constexpr std::size_t kMaximumKnownProcesses = 4096;
 // A packet is queued for the second time right after its first verdict, behind those that came in
 // meanwhile.
 constexpr std::size_t kMaximumBoundFlows = 64;
@@ -21,32 +20,13 @@ constexpr std::size_t kMaximumBoundFlows = 64;
 constexpr std::chrono::milliseconds kShortestWatchPause{250};
 constexpr std::chrono::milliseconds kLongestWatchPause{10'000};
 
-// Text that does not begin like this could be an identifier that the core exempts.
-std::optional<std::string> executablePath(const Process& process) {
-  if (!process.executable.starts_with('/')) {
-    return std::nullopt;
-  }
-  return process.executable;
-}
-
 }  // namespace
 
 ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort, Warn warn,
                                                          const std::string& registrationsFolder,
-                                                         const std::vector<uid_t>& proxyUsers)
-    : warn_(std::move(warn)),
-      registrations_(registrationsFolder, warn_),
-      sources_{
-          [this](const Process& process) -> std::optional<std::string> {
-            if (!process.isExecutableGenuine) {
-              return std::nullopt;
-            }
-            return registrations_.identifierOf(process.executable);
-          },
-          // Other ways to name an application belong here. What they return may be chosen by the
-          // application, so it must not be able to equal an identifier that the core exempts.
-          &executablePath,
-      } {
+                                                         const std::vector<uid_t>& proxyUsers,
+                                                         ConnectTracer::Detail traced)
+    : warn_(std::move(warn)), registrations_(registrationsFolder, warn_) {
   auto diagnostics = SocketDiagnostics::open();
   if (const auto* error = std::get_if<Error>(&diagnostics)) {
     warn_(error->localizedDescription + "; every flow is left to the system");
@@ -55,7 +35,7 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
   diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(diagnostics));
   proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_);
   trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
-  auto tracer = ConnectTracer::start();
+  auto tracer = ConnectTracer::start(traced);
   if (const auto* reason = std::get_if<std::string>(&tracer)) {
     warn_("connects cannot be traced (" + *reason + "); processes are looked up in /proc instead");
     return;
@@ -86,7 +66,10 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
   if (isBound(flow, answer)) {
     return leave(LeaveReason::notCarried);
   }
-  KnownProcess* const sender = answer.socket ? senderOf(*answer.socket) : nullptr;
+  const auto [sender, isSearchRefused] = answer.socket ? senderOf(*answer.socket) : Sender{};
+  if (isSearchRefused) {
+    return leave(LeaveReason::searchBudget);
+  }
   if (sender != nullptr) {
     result.process = sender->process.pid;
   }
@@ -102,18 +85,15 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
       result.identifier = kProxyIdentifier;
       return result;
     }
-    if (sender == nullptr && answer.socket && mayBeProxys(*answer.socket)) {
+    const bool isKnown = sender != nullptr && sender->process.executableFile;
+    if (!isKnown && answer.socket && mayBeProxys(*answer.socket)) {
       return leave(LeaveReason::proxyUnknown);
     }
     result.mayBelongToProxy = mayDialForProxy(sender);
   }
-  if (sender == nullptr) {
-    return result;
+  if (sender != nullptr) {
+    result.identifier = identifierOf(*sender, answer.socket->uid);
   }
-  if (!sender->identifier) {
-    sender->identifier = identifierOf(sender->process);
-  }
-  result.identifier = *sender->identifier;
   return result;
 }
 
@@ -153,43 +133,68 @@ std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
 
 void ApplicationIdentifierSource::replaceRegistrations(ApplicationRegistrations registrations) {
   registrations_ = std::move(registrations);
-  for (auto& [pid, known] : known_) {
-    known.identifier.reset();
-  }
+  known_.forgetIdentifiers();
 }
 
-ApplicationIdentifierSource::KnownProcess* ApplicationIdentifierSource::senderOf(
+ApplicationIdentifierSource::Sender ApplicationIdentifierSource::senderOf(
     const SocketInformation& socket) {
-  if (tracer_) {
-    if (const auto pid = tracer_->processOf(socket.cookie)) {
-      if (KnownProcess* const sender = knownProcess(*pid)) {
-        return sender;
-      }
-    }
+  const auto record = tracer_ ? tracer_->recordOf(socket.cookie) : std::nullopt;
+  if (record && tracer_->detail() == ConnectTracer::Detail::programs) {
+    return {.process = tracedSender(*record)};
   }
-  // Connected before the tracer started, or handed on by a process that has ended.
-  const auto pid = processes_.holderOf(socket.inode, socket.uid);
-  return pid ? knownProcess(*pid) : nullptr;
+  if (socket.inode == 0) {
+    return {};
+  }
+  // Connected before the tracer started, or there is none that tells enough.
+  if (!processes_.allowance().permits(socket.uid)) {
+    return {.isSearchRefused = true};
+  }
+  const auto connector = record ? std::optional(record->process) : std::nullopt;
+  const auto found = processes_.holderOf(socket.inode, socket.uid, connector);
+  // Handed on by the process that connected it.
+  if (!found || (connector && found != connector)) {
+    return {};
+  }
+  return {.process = holder(*found)};
 }
 
-ApplicationIdentifierSource::KnownProcess* ApplicationIdentifierSource::knownProcess(pid_t pid) {
-  const auto found = known_.find(pid);
-  if (found != known_.end()) {
-    if (processes_.stampOf(pid) == found->second.process.stamp) {
-      return &found->second;
-    }
-    known_.erase(found);
+KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& record) {
+  const ProcessStamp stamp{.startTime = record.startTime,
+                           .stackStart = record.stackStart,
+                           .uid = record.user,
+                           .realUser = record.realUser};
+  KnownProcess* const known = known_.find(record.process);
+  if (known != nullptr && known->process.stamp == stamp &&
+      known->process.executableFile == record.executable) {
+    refresh(*known, record.executable);
+    return known;
   }
-  auto process = processes_.find(pid);
-  if (!process) {
+  auto process = processes_.find(record.process, record.executable);
+  if (!process || process->stamp.startTime != stamp.startTime ||
+      process->stamp.stackStart != stamp.stackStart) {
     return nullptr;
   }
-  if (known_.size() >= kMaximumKnownProcesses) {
-    known_.clear();
+  // Its users may have changed since.
+  process->stamp = stamp;
+  return &known_.insert(std::move(*process));
+}
+
+KnownProcess* ApplicationIdentifierSource::holder(pid_t pid) {
+  KnownProcess* const known = known_.find(pid);
+  if (known != nullptr && processes_.stampOf(pid) == known->process.stamp) {
+    refresh(*known, std::nullopt);
+    return known;
   }
-  KnownProcess& known = known_[pid];
-  known.process = std::move(*process);
-  return &known;
+  auto process = processes_.find(pid);
+  return process ? &known_.insert(std::move(*process)) : nullptr;
+}
+
+void ApplicationIdentifierSource::refresh(KnownProcess& known,
+                                          std::optional<FileIdentity> executable) {
+  if (processes_.refreshExecutable(known.process, executable)) {
+    known.identifier.reset();
+    known.comparedListener = 0;
+  }
 }
 
 bool ApplicationIdentifierSource::isProxy(KnownProcess& sender) const {
@@ -210,13 +215,25 @@ bool ApplicationIdentifierSource::mayBeProxys(const SocketInformation& socket) c
   return socket.inode == 0 || proxy_->mayRunAs(socket.uid);
 }
 
-std::string ApplicationIdentifierSource::identifierOf(const Process& process) const {
-  for (const Source& source : sources_) {
-    if (auto identifier = source(process)) {
-      return std::move(*identifier);
-    }
+const std::string& ApplicationIdentifierSource::identifierOf(KnownProcess& sender,
+                                                             uid_t socketUser) const {
+  if (!sender.identifier || sender.identifiedUser != socketUser) {
+    sender.identifier = findIdentifier(sender.process, socketUser);
+    sender.identifiedUser = socketUser;
   }
-  return {};
+  return *sender.identifier;
+}
+
+std::string ApplicationIdentifierSource::findIdentifier(const Process& process,
+                                                        uid_t socketUser) const {
+  if (!process.isExecutableGenuine) {
+    return {};
+  }
+  const auto registered = registrations_.identifierOf(
+      process.executable, {socketUser, process.stamp.uid, process.stamp.realUser});
+  // Other ways to name an application belong here. What they return may be chosen by the
+  // application, so it must not be able to equal an identifier that the core exempts.
+  return printableIdentifier(registered.value_or(process.executable));
 }
 
 }  // namespace ostravel::linuxplatform

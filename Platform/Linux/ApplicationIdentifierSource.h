@@ -11,13 +11,13 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "Platform/Linux/ApplicationRegistrations.h"
 #include "Platform/Linux/ConnectTracer.h"
 #include "Platform/Linux/FlowTuple.h"
 #include "Platform/Linux/Identification.h"
+#include "Platform/Linux/KnownProcesses.h"
 #include "Platform/Linux/ProcessTable.h"
 #include "Platform/Linux/ProxyProcess.h"
 #include "Platform/Linux/ProxyTrust.h"
@@ -33,11 +33,15 @@ namespace ostravel::linuxplatform {
 //   3. the absolute path of the executable.
 //
 // The core exempts flows by identifier. No process can give itself such an identifier: 1 and 2 do
-// not depend on what a process says, and 3 always begins with "/".
+// not depend on what a process says, and 3 always begins with "/". Nor can it have the identifier
+// of another one: 2 and 3 are about the file that the process was running when it connected, and
+// only if that is the file at that path for everybody; 2 also takes one of the users that it is
+// for, both for the process and for the socket, which may have been handed over. Doubt yields no
+// identifier.
 //
 // Owned by the verdict thread's owner and used by that thread alone after it was made, in the
-// network namespace in which it was made. Does bounded work only: tens of microseconds for a known
-// process, and never more than the budgets of ProcessTable and ProxyProcess together.
+// network namespace in which it was made. Does bounded work only: tens of microseconds for nearly
+// every flow, and searches and waits within SearchAllowance.
 class ApplicationIdentifierSource {
  public:
   using Warn = std::function<void(const std::string&)>;
@@ -50,7 +54,8 @@ class ApplicationIdentifierSource {
   ApplicationIdentifierSource(
       std::uint16_t proxyPort, Warn warn,
       const std::string& registrationsFolder = ApplicationRegistrations::kDefaultFolder,
-      const std::vector<uid_t>& proxyUsers = {});
+      const std::vector<uid_t>& proxyUsers = {},
+      ConnectTracer::Detail traced = ConnectTracer::Detail::programs);
   ApplicationIdentifierSource(const ApplicationIdentifierSource&) = delete;
   ApplicationIdentifierSource& operator=(const ApplicationIdentifierSource&) = delete;
   ~ApplicationIdentifierSource();
@@ -68,28 +73,31 @@ class ApplicationIdentifierSource {
   void replaceRegistrations(ApplicationRegistrations registrations);
 
  private:
-  // A process that has sent before, and what was found out about it.
-  struct KnownProcess {
-    Process process;
-    std::optional<std::string> identifier;
-    // The last listener of the proxy that this process was compared with, and the result.
-    std::uint64_t comparedListener = 0;
-    bool isProxy = false;
+  struct Sender {
+    // Null when it is not known for certain. Valid until the next sender is looked for.
+    KnownProcess* process = nullptr;
+    // It was not searched for.
+    bool isSearchRefused = false;
   };
-  using Source = std::function<std::optional<std::string>(const Process&)>;
 
   // Whether the flow's socket is bound to an interface. A relay's connection would not be: it would
   // take another way than the one that the application insists on.
   bool isBound(const FlowTuple& flow, const SocketDiagnostics::Answer& answer);
-  // Null when the process cannot be found. Valid until the next call.
-  KnownProcess* senderOf(const SocketInformation& socket);
-  KnownProcess* knownProcess(pid_t pid);
+  Sender senderOf(const SocketInformation& socket);
+  // The process as it was when it connected; null when it is something else now, or has ended
+  // before it was known.
+  KnownProcess* tracedSender(const ConnectRecord& record);
+  // The process as it is now.
+  KnownProcess* holder(pid_t pid);
+  // Notices what has become of the process's executable.
+  void refresh(KnownProcess& known, std::optional<FileIdentity> executable);
   bool isProxy(KnownProcess& sender) const;
   // Whether the sender, null if it is not found, could be what dials out for the proxy.
   bool mayDialForProxy(const KnownProcess* sender) const;
   // For a socket whose process is not found.
   bool mayBeProxys(const SocketInformation& socket) const;
-  std::string identifierOf(const Process& process) const;
+  const std::string& identifierOf(KnownProcess& sender, uid_t socketUser) const;
+  std::string findIdentifier(const Process& process, uid_t socketUser) const;
 
   const Warn warn_;
   // Null when the kernel does not tell; then every flow is left to the system.
@@ -103,8 +111,7 @@ class ApplicationIdentifierSource {
   std::chrono::steady_clock::time_point nextWatch_;
   std::chrono::milliseconds watchPause_{};
   ApplicationRegistrations registrations_;
-  const std::vector<Source> sources_;
-  std::unordered_map<pid_t, KnownProcess> known_;
+  KnownProcesses known_;
   // The latest flows of bound sockets.
   std::deque<FlowTuple> boundFlows_;
 };

@@ -77,18 +77,25 @@ std::vector<std::string> registrationFiles(DIR* folder) {
 }  // namespace
 
 ApplicationRegistrations::ApplicationRegistrations(std::string folder,
-                                                   std::function<void(const std::string&)> warn)
-    : folder_(std::move(folder)), warn_(std::move(warn)) {
+                                                   std::function<void(const std::string&)> warn,
+                                                   SystemUsers systemUsers)
+    : folder_(std::move(folder)), warn_(std::move(warn)), systemUsers_(systemUsers) {
   readFolder();
 }
 
 std::optional<std::string> ApplicationRegistrations::identifierOf(
-    std::string_view executable) const {
-  const auto found = identifiers_.find(std::string(executable));
-  if (found == identifiers_.end()) {
+    std::string_view executable, std::initializer_list<uid_t> users) const {
+  const auto found = registrations_.find(std::string(executable));
+  if (found == registrations_.end()) {
     return std::nullopt;
   }
-  return found->second;
+  const Registration& registration = found->second;
+  const bool isForAll = std::all_of(users.begin(), users.end(), [&](uid_t user) {
+    return systemUsers_.includes(user) ||
+           std::find(registration.users.begin(), registration.users.end(), user) !=
+               registration.users.end();
+  });
+  return isForAll ? std::optional(registration.identifier) : std::nullopt;
 }
 
 void ApplicationRegistrations::readFolder() {
@@ -133,14 +140,14 @@ void ApplicationRegistrations::readFile(const std::string& path) {
     ignore(path + ": " + systemReason());
     return;
   }
-  if (auto identifiers = parse(path, *text)) {
-    for (auto& [executable, identifier] : *identifiers) {
-      identifiers_.insert_or_assign(executable, std::move(identifier));
+  if (auto registrations = parse(path, *text)) {
+    for (auto& [executable, registration] : *registrations) {
+      registrations_.insert_or_assign(executable, std::move(registration));
     }
   }
 }
 
-std::optional<ApplicationRegistrations::Identifiers> ApplicationRegistrations::parse(
+std::optional<ApplicationRegistrations::Registrations> ApplicationRegistrations::parse(
     const std::string& path, std::string_view text) {
   json_error_t failure{};
   const std::unique_ptr<json_t, JSONRelease> document(
@@ -154,7 +161,7 @@ std::optional<ApplicationRegistrations::Identifiers> ApplicationRegistrations::p
     ignore(path + ":1:1: registrations must be a JSON object");
     return std::nullopt;
   }
-  Identifiers identifiers;
+  Registrations registrations;
   const char* executable = nullptr;
   json_t* value = nullptr;
   json_object_foreach(document.get(), executable, value) {
@@ -162,14 +169,69 @@ std::optional<ApplicationRegistrations::Identifiers> ApplicationRegistrations::p
       ignore(path + ": \"" + executable + "\" is not the absolute path of an executable");
       return std::nullopt;
     }
-    if (json_string_length(value) == 0) {
-      ignore(path + ": the identifier of \"" + executable + "\" must be a text that is not empty");
+    auto registration = parseRegistration(path, executable, value);
+    if (!registration) {
       return std::nullopt;
     }
-    identifiers.emplace(executable,
-                        std::string(json_string_value(value), json_string_length(value)));
+    registrations.emplace(executable, std::move(*registration));
   }
-  return identifiers;
+  return registrations;
+}
+
+std::optional<ApplicationRegistrations::Registration> ApplicationRegistrations::parseRegistration(
+    const std::string& path, const char* executable, json_t* value) {
+  Registration registration;
+  const json_t* identifier = value;
+  if (json_is_object(value)) {
+    identifier = json_object_get(value, "identifier");
+    const char* name = nullptr;
+    json_t* member = nullptr;
+    json_object_foreach(value, name, member) {
+      if (std::strcmp(name, "users") == 0) {
+        auto users = parseUsers(path, executable, member);
+        if (!users) {
+          return std::nullopt;
+        }
+        registration.users = std::move(*users);
+      } else if (std::strcmp(name, "identifier") != 0) {
+        ignore(path + ": the registration of \"" + executable + "\" has \"" + name +
+               "\", which is neither \"identifier\" nor \"users\"");
+        return std::nullopt;
+      }
+    }
+  }
+  if (json_string_length(identifier) == 0) {
+    ignore(path + ": the identifier of \"" + executable + "\" must be a text that is not empty");
+    return std::nullopt;
+  }
+  registration.identifier.assign(json_string_value(identifier), json_string_length(identifier));
+  return registration;
+}
+
+std::optional<std::vector<uid_t>> ApplicationRegistrations::parseUsers(const std::string& path,
+                                                                       const char* executable,
+                                                                       json_t* value) {
+  if (!json_is_array(value)) {
+    ignore(path + ": the users of \"" + executable + "\" must be a list of names");
+    return std::nullopt;
+  }
+  std::vector<uid_t> users;
+  std::size_t index = 0;
+  json_t* entry = nullptr;
+  json_array_foreach(value, index, entry) {
+    if (!json_is_string(entry)) {
+      ignore(path + ": the users of \"" + executable + "\" must be a list of names");
+      return std::nullopt;
+    }
+    const auto user = SystemUsers::numberOf(json_string_value(entry));
+    if (!user) {
+      ignore(path + ": the registration of \"" + executable + "\" names the user \"" +
+             json_string_value(entry) + "\", who does not exist");
+      return std::nullopt;
+    }
+    users.push_back(*user);
+  }
+  return users;
 }
 
 void ApplicationRegistrations::ignore(const std::string& warning) {

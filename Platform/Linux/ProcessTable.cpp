@@ -1,19 +1,17 @@
 #include "Platform/Linux/ProcessTable.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <climits>
-#include <cstdio>
+#include <utility>
 #include <vector>
 
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/SocketHolderSearch.h"
-#include "Platform/Linux/Utf8.h"
 
 namespace ostravel::linuxplatform {
 
@@ -83,46 +81,10 @@ std::string_view word(std::string_view text, int n) {
   return text.substr(0, text.find(' '));
 }
 
-std::optional<FileIdentity> fileAt(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) {
-    return std::nullopt;
-  }
-  return FileIdentity{status.st_dev, status.st_ino};
-}
-
-bool isInOurFileSystemView(pid_t pid) {
-  const auto view = fileAt(pathOf(pid, "ns/mnt"));
-  return view && view == fileAt("/proc/self/ns/mnt");
-}
-
-void readExecutable(Process& process) {
-  const std::string link = pathOf(process.pid, "exe");
-  const auto target = linkTarget(link);
-  // Whatever is not a path could be taken for another kind of identifier.
-  if (!target || !target->starts_with('/')) {
-    return;
-  }
-  constexpr std::string_view kDeleted = " (deleted)";
-  std::string_view path = *target;
-  if (path.ends_with(kDeleted)) {
-    path.remove_suffix(kDeleted.size());
-  }
-  // A file that was replaced by an update is only told by where it was.
-  process.executableFile = fileAt(link);
-  process.isExecutableGenuine =
-      (process.executableFile && process.executableFile == fileAt(std::string(path))) ||
-      isInOurFileSystemView(process.pid);
-  process.executable = validUtf8(path);
-}
-
-}  // namespace
-
-std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
+// The part of a stamp that is in /proc/PID/stat.
+std::optional<ProcessStamp> programStampOf(pid_t pid) {
   const auto text = contentOf(pathOf(pid, "stat"));
-  // The folder belongs to the process's user, its files do not always.
-  struct stat status {};
-  if (!text || ::stat(pathOf(pid, "").c_str(), &status) != 0) {
+  if (!text) {
     return std::nullopt;
   }
   // The name in brackets may contain anything; what follows is field 3.
@@ -134,13 +96,32 @@ std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
   constexpr int kStartTime = 22;
   constexpr int kStackStart = 28;
   const std::string_view fields = std::string_view(*text).substr(nameEnd + 2);
-  return ProcessStamp{
-      .startTime = numberIn<std::uint64_t>(word(fields, kStartTime - kFirstField)),
-      .stackStart = numberIn<std::uint64_t>(word(fields, kStackStart - kFirstField)),
-      .uid = status.st_uid};
+  ProcessStamp stamp;
+  stamp.startTime = numberIn<std::uint64_t>(word(fields, kStartTime - kFirstField));
+  stamp.stackStart = numberIn<std::uint64_t>(word(fields, kStackStart - kFirstField));
+  return stamp;
 }
 
-std::optional<Process> ProcessTable::find(pid_t pid) const {
+}  // namespace
+
+ProcessTable::ProcessTable(std::shared_ptr<SearchAllowance> allowance)
+    : allowance_(std::move(allowance)), files_(std::make_unique<FileLookup>(*allowance_)) {}
+
+std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
+  auto stamp = programStampOf(pid);
+  const auto status = contentOf(pathOf(pid, "status"));
+  if (!stamp || !status) {
+    return std::nullopt;
+  }
+  // The real, the effective and two more users, behind tabs.
+  std::string_view users = lineBehind(*status, "Uid:\t");
+  stamp->realUser = numberIn<uid_t>(users);
+  users.remove_prefix(std::min(users.size(), users.find('\t') + 1));
+  stamp->uid = numberIn<uid_t>(users);
+  return stamp;
+}
+
+std::optional<Process> ProcessTable::find(pid_t pid, std::optional<FileIdentity> executable) const {
   const auto stamp = stampOf(pid);
   if (!stamp) {
     return std::nullopt;
@@ -148,22 +129,72 @@ std::optional<Process> ProcessTable::find(pid_t pid) const {
   Process process;
   process.pid = pid;
   process.stamp = *stamp;
-  readExecutable(process);
+  readExecutable(process, executable);
   // The unified hierarchy is number 0 and has no controllers (cgroups(7)).
   const auto groups = contentOf(pathOf(pid, "cgroup"));
   process.serviceGroup = serviceGroupOf(lineBehind(groups.value_or(""), "0::"));
   // All of it is about one program, or it is not worth anything.
-  if (stampOf(pid) != stamp) {
+  const auto after = programStampOf(pid);
+  if (!after || after->startTime != stamp->startTime || after->stackStart != stamp->stackStart) {
     return std::nullopt;
   }
   return process;
 }
 
-std::optional<pid_t> ProcessTable::holderOf(std::uint32_t inode, uid_t user) {
+bool ProcessTable::refreshExecutable(Process& process,
+                                     std::optional<FileIdentity> executable) const {
+  // The kernel says here that a file was removed or renamed.
+  const auto link = linkTarget(pathOf(process.pid, "exe"));
+  if (!link || (process.isExecutableSettled && *link == process.executableLink &&
+                process.mountGeneration == files_->generation())) {
+    return false;
+  }
+  readExecutable(process, executable);
+  return true;
+}
+
+void ProcessTable::readExecutable(Process& process, std::optional<FileIdentity> executable) const {
+  process.isExecutableGenuine = false;
+  process.isExecutableDeleted = false;
+  process.isExecutableSettled = true;
+  process.mountGeneration = files_->generation();
+  process.executableLink = linkTarget(pathOf(process.pid, "exe")).value_or("");
+  process.executable.clear();
+  process.executableFile = executable;
+  // Whatever is not a path could be taken for another kind of identifier.
+  if (!process.executableLink.starts_with('/')) {
+    return;
+  }
+  process.executable = process.executableLink;
+  const uid_t user = process.stamp.realUser;
+  if (!executable) {
+    const auto answer = files_->executableOf(process.pid, user);
+    process.isExecutableSettled = answer.isKnown;
+    process.executableFile = answer.file;
+  }
+  if (process.executableFile) {
+    const auto answer = files_->at(process.executableLink, user);
+    process.isExecutableSettled = process.isExecutableSettled && answer.isKnown;
+    process.isExecutableGenuine = answer.isKnown && answer.file == process.executableFile;
+  }
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (!process.isExecutableGenuine && process.executable.ends_with(kDeleted)) {
+    process.executable.resize(process.executable.size() - kDeleted.size());
+    process.isExecutableDeleted = true;
+  }
+}
+
+std::optional<pid_t> ProcessTable::holderOf(std::uint32_t inode, uid_t user,
+                                            std::optional<pid_t> candidate) {
   if (inode == 0) {
     return std::nullopt;
   }
-  SocketHolderSearch search(inode, {recentHolders_.begin(), recentHolders_.end()}, user);
+  std::vector<pid_t> first(recentHolders_.begin(), recentHolders_.end());
+  if (candidate) {
+    first.insert(first.begin(), *candidate);
+  }
+  const SearchAllowance::Charge charge(*allowance_, user, SearchAllowance::Counted::work);
+  SocketHolderSearch search(inode, std::move(first), user);
   const SearchBudget budget(kHolderBudget, kLongestHolderSearch);
   if (search.proceed(budget) != SocketHolderSearch::Result::found) {
     return std::nullopt;

@@ -13,6 +13,9 @@ namespace {
 
 // Between two searches that both went through all processes in vain.
 constexpr std::chrono::milliseconds kSearchInterval{250};
+// For the file system that the proxy's executable is on. Without its answer a second process of the
+// proxy may not be recognised.
+constexpr std::chrono::seconds kExecutablePatience{1};
 
 }  // namespace
 
@@ -34,7 +37,18 @@ ProxyProcess::State ProxyProcess::refresh(std::optional<pid_t> sender) {
   if (answer.socket->cookie != listener_.cookie) {
     beginSearch(*answer.socket);
   }
-  return owner_ ? State::known : findOwner(sender);
+  if (!owner_ && findOwner(sender) != State::known) {
+    return State::unknown;
+  }
+  return isOwnerDescribed() ? State::known : State::unknown;
+}
+
+bool ProxyProcess::isOwnerDescribed() {
+  if (!owner_->isExecutableSettled) {
+    processes_.refreshExecutable(*owner_);
+  }
+  return owner_->isExecutableSettled ||
+         std::chrono::steady_clock::now() - ownerFound_ > kExecutablePatience;
 }
 
 void ProxyProcess::beginSearch(const SocketInformation& listener) {
@@ -59,6 +73,12 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
   if (sender) {
     search_->prefer(*sender);
   }
+  // Everybody waits for this search, so it may use what users may not.
+  SearchAllowance& allowance = processes_.allowance();
+  if (!allowance.permits(std::nullopt)) {
+    return State::unknown;
+  }
+  const SearchAllowance::Charge charge(allowance, std::nullopt, SearchAllowance::Counted::work);
   const auto result = search_->proceed(SearchBudget(kSearchBudget, kLongestSearch));
   if (result == SocketHolderSearch::Result::unfinished) {
     return State::unknown;
@@ -68,6 +88,7 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
   }
   search_.reset();
   if (owner_) {
+    ownerFound_ = std::chrono::steady_clock::now();
     return State::known;
   }
   // It has just handed the socket on, or we may not look into it.
@@ -105,7 +126,7 @@ bool ProxyProcess::belongTogether(const Process& process, const Process& member)
   // After an update the old file and the new one only have the path in common.
   const bool sharesExecutable =
       (process.executableFile && process.executableFile == member.executableFile) ||
-      (process.isExecutableGenuine && member.isExecutableGenuine &&
+      (process.isExecutableGenuine && (member.isExecutableGenuine || member.isExecutableDeleted) &&
        process.executable == member.executable);
   return isMember || sharesService || (process.stamp.uid == member.stamp.uid && sharesExecutable);
 }

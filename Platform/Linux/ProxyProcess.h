@@ -62,6 +62,8 @@ class ProxyProcess {
 
  private:
   State findOwner(std::optional<pid_t> sender);
+  // Whether all is known about the owner that can be found out in good time.
+  bool isOwnerDescribed();
   void beginSearch(const SocketInformation& listener);
   static bool belongTogether(const Process& process, const Process& member);
 
@@ -72,6 +74,7 @@ class ProxyProcess {
   SocketInformation listener_;
   std::optional<Process> owner_;
   std::vector<Process> others_;
+  std::chrono::steady_clock::time_point ownerFound_;
   // While the owner of listener_ is being searched for.
   std::optional<SocketHolderSearch> search_;
   std::chrono::steady_clock::time_point nextSearch_;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Platform/Linux/PrintableIdentifier.h"
+
 namespace ostravel::linuxplatform {
 
 ProxyTrust::ProxyTrust(ProxyProcess& proxy, std::uint16_t port, const std::vector<uid_t>& named,
@@ -105,7 +107,8 @@ void ProxyTrust::warnAboutOwners() {
 
 std::string ProxyTrust::ownerText(const std::string& user) const {
   const Process& owner = proxy_.owner();
-  const std::string program = owner.executable.empty() ? "a program" : owner.executable;
+  const std::string program =
+      owner.executable.empty() ? "a program" : printableIdentifier(owner.executable);
   return program + " (process " + std::to_string(owner.pid) + ", user " + user + ")";
 }
 

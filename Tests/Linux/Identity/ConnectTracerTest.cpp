@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Platform/Linux/CgroupRoot.h"
+#include "Platform/Linux/ProcessTable.h"
 #include "Tests/Linux/Identity/Support/Helper.h"
 #include "Tests/Linux/Identity/Support/PrivateProcesses.h"
 #include "Tests/Linux/Identity/Support/SocketTools.h"
@@ -41,6 +42,11 @@ std::unique_ptr<ConnectTracer> startTracer() {
   return std::get<std::unique_ptr<ConnectTracer>>(std::move(started));
 }
 
+std::optional<pid_t> processOf(const ConnectTracer& tracer, std::uint64_t cookie) {
+  const auto record = tracer.recordOf(cookie);
+  return record ? std::optional(record->process) : std::nullopt;
+}
+
 TEST(ConnectTracerTest, KnowsWhoConnected) {
   const auto tracer = startTracer();
   ASSERT_TRUE(tracer);
@@ -48,14 +54,50 @@ TEST(ConnectTracerTest, KnowsWhoConnected) {
   for (const int family : {AF_INET, AF_INET6}) {
     for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
       const auto socket = makeSocket(family, type);
-      EXPECT_FALSE(tracer->processOf(cookieOf(socket)));
+      EXPECT_FALSE(processOf(*tracer, cookieOf(socket)));
       ASSERT_TRUE(connectTo(socket, family, loopbackIPv4(portOf(listener))));
-      EXPECT_EQ(tracer->processOf(cookieOf(socket)), ::getpid());
+      EXPECT_EQ(processOf(*tracer, cookieOf(socket)), ::getpid());
     }
   }
   const auto socket = makeSocket(AF_INET6, SOCK_DGRAM);
   ASSERT_TRUE(connectTo(socket, AF_INET6, loopbackIPv6(443)));
-  EXPECT_EQ(tracer->processOf(cookieOf(socket)), ::getpid());
+  EXPECT_EQ(processOf(*tracer, cookieOf(socket)), ::getpid());
+}
+
+TEST(ConnectTracerTest, KnowsWhatTheProcessWasRunning) {
+  const auto tracer = startTracer();
+  ASSERT_TRUE(tracer);
+  ASSERT_EQ(tracer->detail(), ConnectTracer::Detail::programs);
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  const TemporaryFolder folder;
+  const std::string program = folder.copyHelper("program");
+  const ProcessTable processes;
+  Helper helper(program, [&socket] { return ::dup2(socket.get(), 5) == 5; });
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  ASSERT_EQ(helper.ask("reconnect 5"), "done");
+  const auto record = tracer->recordOf(cookieOf(socket));
+  ASSERT_TRUE(record);
+  const auto process = processes.find(helper.pid(), record->executable);
+  ASSERT_TRUE(process);
+  EXPECT_TRUE(process->isExecutableGenuine);
+  EXPECT_EQ(record->process, helper.pid());
+  EXPECT_EQ(record->realUser, 65534U);
+  EXPECT_EQ(record->user, 65534U);
+  EXPECT_EQ(record->startTime, process->stamp.startTime);
+  EXPECT_EQ(record->stackStart, process->stamp.stackStart);
+}
+
+TEST(ConnectTracerTest, KnowsTheProcessWhereProgramsCannotBeTraced) {
+  auto started = ConnectTracer::start(ConnectTracer::Detail::processes);
+  ASSERT_TRUE(std::holds_alternative<std::unique_ptr<ConnectTracer>>(started));
+  const auto& tracer = std::get<std::unique_ptr<ConnectTracer>>(started);
+  EXPECT_EQ(tracer->detail(), ConnectTracer::Detail::processes);
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(443)));
+  const auto record = tracer->recordOf(cookieOf(socket));
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->process, ::getpid());
+  EXPECT_EQ(record->executable, FileIdentity{});
 }
 
 TEST(ConnectTracerTest, KnowsWhoSentWithoutConnecting) {
@@ -68,13 +110,13 @@ TEST(ConnectTracerTest, KnowsWhoSentWithoutConnecting) {
       {AF_INET, loopbackIPv4(443)}, {AF_INET6, loopbackIPv6(443)}, {AF_INET6, loopbackIPv4(443)}};
   for (const auto& [family, destination] : cases) {
     const auto socket = makeSocket(family, SOCK_DGRAM);
-    EXPECT_FALSE(tracer->processOf(cookieOf(socket)));
+    EXPECT_FALSE(processOf(*tracer, cookieOf(socket)));
     const auto address = socketAddress(family, destination);
     for (int i = 0; i < 2; ++i) {
       ASSERT_EQ(::sendto(socket.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&address),
                          sizeof address),
                 1);
-      EXPECT_EQ(tracer->processOf(cookieOf(socket)), ::getpid());
+      EXPECT_EQ(processOf(*tracer, cookieOf(socket)), ::getpid());
     }
   }
 }
@@ -87,9 +129,9 @@ TEST(ConnectTracerTest, KnowsOtherProcessesAndThatAnotherThreadIsTheSame) {
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   Helper helper(OSTRAVEL_HELPER,
                 [&] { return connectTo(socket, AF_INET, loopbackIPv4(portOf(listener))); });
-  EXPECT_EQ(tracer->processOf(cookieOf(socket)), helper.pid());
+  EXPECT_EQ(processOf(*tracer, cookieOf(socket)), helper.pid());
   std::thread([&] { connectTo(socket, AF_INET, loopbackIPv4(portOf(listener))); }).join();
-  EXPECT_EQ(tracer->processOf(cookieOf(socket)), ::getpid());
+  EXPECT_EQ(processOf(*tracer, cookieOf(socket)), ::getpid());
 }
 
 TEST(ConnectTracerTest, DoesNotKnowWhatWasBefore) {
@@ -97,7 +139,7 @@ TEST(ConnectTracerTest, DoesNotKnowWhatWasBefore) {
   ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(443)));
   const auto tracer = startTracer();
   ASSERT_TRUE(tracer);
-  EXPECT_FALSE(tracer->processOf(cookieOf(socket)));
+  EXPECT_FALSE(processOf(*tracer, cookieOf(socket)));
 }
 
 TEST(ConnectTracerTest, ForgetsTheOldestFirst) {
@@ -109,9 +151,9 @@ TEST(ConnectTracerTest, ForgetsTheOldestFirst) {
   for (int i = 0; i < kMoreThanItHolds; ++i) {
     const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
     ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(443)));
-    ASSERT_EQ(tracer->processOf(cookieOf(socket)), ::getpid()) << i;
+    ASSERT_EQ(processOf(*tracer, cookieOf(socket)), ::getpid()) << i;
   }
-  EXPECT_FALSE(tracer->processOf(cookieOf(first)));
+  EXPECT_FALSE(processOf(*tracer, cookieOf(first)));
 }
 
 TEST(ConnectTracerTest, SeveralAreIndependent) {
@@ -120,12 +162,12 @@ TEST(ConnectTracerTest, SeveralAreIndependent) {
   ASSERT_TRUE(one && other);
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(443)));
-  EXPECT_EQ(one->processOf(cookieOf(socket)), ::getpid());
-  EXPECT_EQ(other->processOf(cookieOf(socket)), ::getpid());
+  EXPECT_EQ(processOf(*one, cookieOf(socket)), ::getpid());
+  EXPECT_EQ(processOf(*other, cookieOf(socket)), ::getpid());
   other.reset();
   const auto later = makeSocket(AF_INET, SOCK_DGRAM);
   ASSERT_TRUE(connectTo(later, AF_INET, loopbackIPv4(443)));
-  EXPECT_EQ(one->processOf(cookieOf(later)), ::getpid());
+  EXPECT_EQ(processOf(*one, cookieOf(later)), ::getpid());
 }
 
 // The numbers of the programs that the links of a process hold.

@@ -39,7 +39,11 @@ class ProxyProcessTest : public ::testing::Test {
   }
 
   bool includes(pid_t pid) const {
-    const auto process = processes_.find(pid);
+    auto process = processes_.find(pid);
+    // On a busy machine the file system may answer too late.
+    while (process && !process->isExecutableSettled) {
+      process = processes_.find(pid);
+    }
     EXPECT_TRUE(process);
     return process && proxy_->includes(*process);
   }

@@ -11,6 +11,8 @@
 //   answer TEXT     answers every CONNECT with that line, or, without one, not at all
 //   hang-up         ends every connection that asks for something
 //   tunnel          makes tunnels, as in the beginning
+//   reconnect FD    connects this datagram socket to port 443 of 127.0.0.1
+//   port FD         tells the port of this socket
 //   close           closes the socket that was made last
 //   hold COUNT      opens that many descriptors
 //   user NUMBER     goes on as another user
@@ -97,6 +99,16 @@ std::string obey(const std::string& line, int& last) {
     // Wakes the thread that accepts.
     ::shutdown(last, SHUT_RDWR);
     return ::close(last) == 0 ? "done" : "failed";
+  }
+  if (command == "reconnect") {
+    const auto storage = loopback(AF_INET, 443);
+    return ::connect(std::stoi(argument), reinterpret_cast<const sockaddr*>(&storage),
+                     sizeof(sockaddr_in)) == 0
+               ? "done"
+               : "failed";
+  }
+  if (command == "port") {
+    return ownPort(std::stoi(argument));
   }
   if (command == "hold") {
     rlimit limit{};
