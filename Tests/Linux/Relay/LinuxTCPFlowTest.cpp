@@ -109,7 +109,7 @@ TEST_F(LinuxTCPFlowTest, AnEmptyWriteSucceeds) {
 TEST_F(LinuxTCPFlowTest, AWriteOfBytesThatAreNotThereFails) {
   const CarriedFlow carried = carryFlow();
   auto chunk = onLoop([this] {
-    auto pipe = loop().pipes().take();
+    auto pipe = loop().pipes().take(nullptr);
     EXPECT_TRUE(pipe);
     // An empty pipe without a writer has come to its end.
     pipe->writeEnd = FileDescriptor();
