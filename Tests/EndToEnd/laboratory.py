@@ -46,13 +46,8 @@ etc=$1/etc settings=$1/settings
 shift
 mount --rbind /etc "$etc"
 mount -t tmpfs -o mode=755 ostravel /etc
-cd "$etc"
-for entry in * .[!.]*; do
-  case $entry in
-    ostravel | '*' | '.[!.]*') ;;
-    *) ln -s "$etc/$entry" "/etc/$entry" ;;
-  esac
-done
+ln -s "$etc"/* "$etc"/.[!.]* /etc
+rm -f /etc/ostravel
 cp -r "$settings" /etc/ostravel
 cd /
 exec "$@"
@@ -233,6 +228,11 @@ class Laboratory:
         )
         self._programs.append(program)
         return program
+
+    def forget(self, program):
+        """Ends a program at once, and what it has written is not kept."""
+        program.close()
+        self._programs.remove(program)
 
     def environment(self):
         """Nothing of the machine's own proxy settings, and our certificate."""

@@ -68,17 +68,28 @@ class Program:
     """A child process in a namespace, whose output is read as it comes.
 
     It dies with us, however we end. Started by the main thread only, because its life is tied to
-    the thread that starts it (prctl(2), PR_SET_PDEATHSIG).
+    the thread that starts it (prctl(2), PR_SET_PDEATHSIG). With a number it runs as that user, who
+    need not have a name.
     """
 
-    def __init__(self, namespace, arguments, name=None, environment=None, has_input=False, reads_errors=True):
+    def __init__(
+        self,
+        namespace,
+        arguments,
+        name=None,
+        environment=None,
+        has_input=False,
+        reads_errors=True,
+        user=None,
+    ):
         assert threading.current_thread() is threading.main_thread()
         self.name = name or os.path.basename(arguments[0])
         self.output = Lines()
         self.errors = Lines()
+        identity = () if user is None else ("--reuid", user, "--regid", user, "--clear-groups")
         with namespace:
             self.process = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", *arguments],
+                ["setpriv", *map(str, identity), "--pdeathsig", "KILL", *arguments],
                 stdin=subprocess.PIPE if has_input else subprocess.DEVNULL,
                 stdout=subprocess.PIPE,
                 stderr=subprocess.PIPE,

@@ -1,0 +1,68 @@
+"""Origin servers that speak first, for thousands of connections.
+
+    plain_origin.py peer PORT      sends the address and port that it sees, and closes
+    plain_origin.py stream PORT    sends without end, as far as the other end reads
+    plain_origin.py hold PORT      sends nothing and holds the connection
+"""
+
+import resource
+import selectors
+import socket
+import sys
+
+ZEROES = bytes(1 << 14)
+
+
+def main():
+    mode, port = sys.argv[1], int(sys.argv[2])
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+    listener = socket.create_server(
+        ("::", port), family=socket.AF_INET6, dualstack_ipv6=True, backlog=4096
+    )
+    print("listening", flush=True)
+    {"peer": tell_peers, "stream": stream, "hold": hold}[mode](listener)
+
+
+def tell_peers(listener):
+    while True:
+        connection, address = listener.accept()
+        with connection:
+            host = address[0].removeprefix("::ffff:")
+            try:
+                connection.sendall(f"{host} {address[1]}\n".encode())
+            except OSError:
+                # The application has gone.
+                pass
+
+
+def stream(listener):
+    # Little of what nobody reads is to wait in the kernel.
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1 << 14)
+    selector = selectors.EpollSelector()
+    listener.setblocking(False)
+    selector.register(listener, selectors.EVENT_READ)
+    while True:
+        for key, _ in selector.select():
+            if key.fileobj is listener:
+                connection, _ = listener.accept()
+                connection.setblocking(False)
+                selector.register(connection, selectors.EVENT_WRITE)
+                continue
+            try:
+                key.fileobj.send(ZEROES)
+            except BlockingIOError:
+                pass
+            except OSError:
+                selector.unregister(key.fileobj)
+                key.fileobj.close()
+
+
+def hold(listener):
+    held = []
+    while True:
+        held.append(listener.accept()[0])
+
+
+if __name__ == "__main__":
+    main()

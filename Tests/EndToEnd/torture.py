@@ -1,0 +1,288 @@
+"""What is done to the system while applications make connections, and what becomes of them.
+
+The tests do each of it for a few seconds, Benchmarks/torture as long as one likes.
+"""
+
+import contextlib
+import os
+import random
+import select
+import signal
+from typing import NamedTuple
+
+import conntrack
+import neighbours
+from neighbours import Application, Connections
+
+# So many new connections a second.
+RATE = 300
+
+
+def pause(seconds):
+    """Lets the applications work for a while: nothing is waited for."""
+    select.select([], [], [], seconds)
+
+
+@contextlib.contextmanager
+def application(laboratory, *arguments, **options):
+    """An application that has ended in any case."""
+    made = Application(laboratory, *arguments, **options)
+    try:
+        yield made
+    finally:
+        made.program.close()
+
+
+def kill_extension(laboratory, extension, count, seed=None):
+    """Kills the extension at random moments and starts it again; it is running afterwards."""
+    moments = random.Random(seed)
+    with application(laboratory, RATE) as load:
+        for _ in range(count):
+            pause(moments.uniform(0, 0.6))
+            laboratory.forget(extension)
+            extension = neighbours.start_quiet_extension(laboratory)
+        neighbours.wait_until_proxied(laboratory)
+        return load.end()
+
+
+def kill_proxy(laboratory, proxy, count, seed=None):
+    """Kills the local proxy at random moments and starts it again."""
+    moments = random.Random(seed)
+    with application(laboratory, RATE) as load:
+        for _ in range(count):
+            pause(moments.uniform(0, 0.5))
+            laboratory.forget(proxy)
+            # Sometimes sooner than the next probe, sometimes later.
+            pause(moments.uniform(0, 1))
+            proxy = laboratory.start_sidecar()
+            neighbours.wait_until_proxied(laboratory)
+        return load.end()
+
+
+class Attacked(NamedTuple):
+    """What a user has noticed of an attack by another one."""
+
+    idle: Connections
+    # While the attack was getting under way.
+    beginning: Connections
+    during: Connections
+
+
+def attack(laboratory, start_attack, seconds, rate=100):
+    """Another user attacks; start_attack() returns when that is under way.
+
+    The connections that are measured follow one another, so that they do not compete.
+    """
+    with application(laboratory, rate, "--at-once", 1) as victim:
+        pause(seconds)
+        idle = victim.report()
+        attacker = start_attack()
+        beginning = victim.report()
+        pause(seconds)
+        during = victim.report()
+        attacker.close()
+        return Attacked(idle, beginning, during)
+
+
+def connect_to_silent_proxy(laboratory, count, *options):
+    """A proxy that has answered so far accepts connections and says nothing any more."""
+    proxy = laboratory.start_local_proxy()
+    neighbours.start_quiet_extension(laboratory)
+    neighbours.wait_until_proxied(laboratory)
+    proxy.behave(answer="", then="hold")
+    with application(laboratory, 2000, "--count", count, *options) as load:
+        return load.end()
+
+
+class UnreadPipe:
+    """A pipe that nobody reads, and in which there is no room any more."""
+
+    def __init__(self, path):
+        self.path = path
+        os.mkfifo(path)
+        self._descriptor = os.open(path, os.O_RDWR | os.O_NONBLOCK)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                os.write(self._descriptor, bytes(4096))
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                os.write(self._descriptor, b"-")
+
+    def close(self):
+        os.close(self._descriptor)
+        os.unlink(self.path)
+
+    @property
+    def prefix(self):
+        """Before a command: what it says goes into the pipe."""
+        return ("sh", "-c", 'exec "$@" >"$0" 2>&1', self.path)
+
+
+def resident_bytes(program):
+    with open(f"/proc/{program.pid}/statm") as file:
+        return int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+
+class Unread(NamedTuple):
+    """Two halves of the time, and how much memory the programs needed more in the second."""
+
+    first: Connections
+    second: Connections
+    extension_growth: int  # bytes
+    proxy_growth: int  # bytes
+
+
+def connect_unread(laboratory, seconds, rate):
+    """Nobody reads what extension and proxy write, and the monitor is stopped."""
+    pipe = UnreadPipe(laboratory.path("unread"))
+    try:
+        monitor = laboratory.start_monitor()
+        monitor.send_signal(signal.SIGSTOP)
+        proxy = laboratory.start([*pipe.prefix, laboratory.program_path("ostravel-sidecar")])
+        extension = laboratory.run_extension(
+            "--configuration", laboratory.write_configuration(), prefix=pipe.prefix
+        )
+        neighbours.wait_until_proxied(laboratory)
+        with application(laboratory, rate) as load:
+            pause(seconds / 2)
+            first = load.report()
+            before = [resident_bytes(program) for program in (extension, proxy)]
+            pause(seconds / 2)
+            after = [resident_bytes(program) for program in (extension, proxy)]
+            growth = [size - earlier for size, earlier in zip(after, before)]
+            return Unread(first, load.end(), *growth)
+    finally:
+        pipe.close()
+
+
+# Rules of others
+
+# Where containers would be.
+CONTAINER4 = "172.17.0.2"
+
+CONTAINER_RULES = f"""
+table ip nat {{
+  chain DOCKED {{
+    tcp dport 5000 dnat to {CONTAINER4}:5000
+  }}
+  chain PREROUTING {{
+    type nat hook prerouting priority dstnat; policy accept;
+    fib daddr type local jump DOCKED
+  }}
+  chain OUTPUT {{
+    type nat hook output priority -100; policy accept;
+    ip daddr != 127.0.0.0/8 fib daddr type local jump DOCKED
+  }}
+  chain POSTROUTING {{
+    type nat hook postrouting priority srcnat; policy accept;
+    ip saddr 172.17.0.0/16 oifname != "docked" masquerade
+  }}
+}}
+table ip filter {{
+  chain FORWARD {{
+    type filter hook forward priority filter; policy drop;
+    ct state established,related accept
+    iifname "docked" accept
+    oifname "docked" tcp dport 5000 accept
+  }}
+}}
+"""
+
+DEFAULT_DROP = """
+table inet firewall {
+  chain input {
+    type filter hook input priority filter; policy drop;
+    ct state established,related accept
+    iifname "lo" accept
+    meta l4proto icmpv6 accept
+  }
+  chain output {
+    type filter hook output priority filter; policy drop;
+    ct state established,related accept
+    oifname "lo" accept
+    meta l4proto icmpv6 accept
+    tcp dport { 53, 80, 443, 5000, 7860 } accept
+    udp dport 53 accept
+  }
+}
+"""
+
+DEFAULT_DROP_INPUT = DEFAULT_DROP.replace(
+    "output priority filter; policy drop;", "output priority filter; policy accept;"
+)
+
+
+class Foreign(NamedTuple):
+    """Rules of others: how they come and how they go."""
+
+    begin: object
+    end: object
+    # Whether flows are still proxied while they are there.
+    is_proxied: bool
+
+
+def _load(rules):
+    return lambda laboratory: laboratory.here.run("nft", "-f", "-", given=rules)
+
+
+def _delete(*tables):
+    def run(laboratory):
+        for table in tables:
+            laboratory.here.run("nft", "delete", "table", *table.split())
+
+    return run
+
+
+def _flush_repeatedly(flush):
+    def run(laboratory):
+        for _ in range(10):
+            flush(laboratory)
+            pause(0.05)
+
+    return run
+
+
+def _nothing(_):
+    pass
+
+
+FOREIGN_RULES = {
+    "nft flush ruleset": Foreign(
+        _flush_repeatedly(lambda laboratory: laboratory.here.run("nft", "flush", "ruleset")),
+        _nothing,
+        is_proxied=True,
+    ),
+    "conntrack flush": Foreign(
+        _flush_repeatedly(lambda laboratory: conntrack.flush(laboratory.here)),
+        _nothing,
+        is_proxied=True,
+    ),
+    "container-style NAT": Foreign(
+        _load(CONTAINER_RULES), _delete("ip nat", "ip filter"), is_proxied=True
+    ),
+    "default-drop input": Foreign(
+        _load(DEFAULT_DROP_INPUT), _delete("inet firewall"), is_proxied=True
+    ),
+    "default-drop input and output": Foreign(
+        _load(DEFAULT_DROP), _delete("inet firewall"), is_proxied=False
+    ),
+}
+
+
+class Ruled(NamedTuple):
+    before: Connections
+    during: Connections
+    after: Connections
+
+
+def rule(laboratory, foreign, seconds, rate=RATE):
+    """Foreign rules come and go while applications make connections."""
+    with application(laboratory, rate) as load:
+        pause(seconds)
+        before = load.report()
+        foreign.begin(laboratory)
+        pause(seconds)
+        during = load.report()
+        foreign.end(laboratory)
+        pause(seconds)
+        return Ruled(before, during, load.end())
