@@ -1,0 +1,106 @@
+"""What applications notice of neighbours that attack, and of peers that do not answer."""
+
+import pytest
+
+import neighbours
+import torture
+from laboratory import THERE4
+from neighbours import Application
+
+# On a machine that is busy with something else, the scheduler alone takes a while. How much longer
+# than usual it takes is measured by Benchmarks/torture, on a quiet machine.
+SOON_SECONDS = 0.5
+ATTACK_SECONDS = 4
+
+
+@pytest.fixture
+def neighbourhood(laboratory):
+    neighbours.prepare(laboratory)
+    return laboratory
+
+
+def check_others_are_served(attacked, proxied_share):
+    for connections in attacked:
+        assert connections.failed == 0 and connections.reset == 0, str(attacked)
+        assert connections.p99 < SOON_SECONDS, str(attacked)
+    assert attacked.idle.proxied_share == 1
+    assert attacked.during.count > 0
+    assert attacked.during.proxied_share >= proxied_share, str(attacked)
+
+
+def test_a_user_who_dials_dead_hosts_disturbs_nobody_else(neighbourhood):
+    _, extension = neighbours.start_quiet_system(neighbourhood)
+    attacked = torture.attack(
+        neighbourhood,
+        lambda: neighbours.dial_dead_hosts(neighbourhood, extension),
+        # One deadline at least is in it.
+        seconds=8,
+    )
+    # An expired deadline closes the gate for everybody, until the next probe.
+    check_others_are_served(attacked, proxied_share=0.5)
+
+
+def test_a_user_who_floods_hosts_disturbs_nobody_else(neighbourhood):
+    _, extension = neighbours.start_quiet_system(neighbourhood)
+    attacked = torture.attack(
+        neighbourhood, lambda: neighbours.flood_hosts(neighbourhood, extension), ATTACK_SECONDS
+    )
+    check_others_are_served(attacked, proxied_share=0)
+
+
+def test_a_user_who_stalls_readers_leaves_descriptors_to_others(neighbourhood):
+    """The user wants more tunnels than there are descriptors for."""
+    descriptors, readers = 1500, 1500
+    _, extension = neighbours.start_quiet_system(
+        neighbourhood, prefix=("prlimit", f"--nofile={descriptors}")
+    )
+    attacked = torture.attack(
+        neighbourhood,
+        lambda: neighbours.stall_readers(neighbourhood, extension, readers),
+        ATTACK_SECONDS,
+    )
+    check_others_are_served(attacked, proxied_share=1)
+
+
+def test_programs_from_a_file_system_that_hangs_disturb_nobody_else(neighbourhood):
+    _, extension = neighbours.start_quiet_system(neighbourhood)
+    attacked = torture.attack(
+        neighbourhood,
+        lambda: neighbours.run_hanging_programs(neighbourhood, extension),
+        ATTACK_SECONDS,
+    )
+    check_others_are_served(attacked, proxied_share=0.9)
+
+
+def test_through_a_proxy_that_never_answers_every_connection_succeeds(neighbourhood):
+    connections = torture.connect_to_silent_proxy(neighbourhood, 200)
+    assert connections.count == 200
+    assert connections.failed == 0 and connections.reset == 0, str(connections)
+    assert connections.direct == 200
+    # Some have waited for the deadline, most have not.
+    assert connections.p50 < 1 and connections.slowest < 8, str(connections)
+
+
+def test_a_log_that_nobody_reads_and_a_stopped_monitor_have_no_effect(neighbourhood):
+    unread = torture.connect_unread(neighbourhood, seconds=8, rate=torture.RATE)
+    for connections in (unread.first, unread.second):
+        assert connections.failed == 0 and connections.reset == 0, str(unread)
+        assert connections.proxied_share == 1, str(unread)
+        assert connections.count > 100, str(unread)
+        assert connections.p99 < SOON_SECONDS, str(unread)
+
+
+def test_two_users_are_served_while_a_third_one_dials_dead_hosts(neighbourhood):
+    """What one user may not take is there for all the others together."""
+    _, extension = neighbours.start_quiet_system(neighbourhood)
+    attacker = neighbours.dial_dead_hosts(neighbourhood, extension)
+    applications = [
+        Application(neighbourhood, 50, user=user, host=THERE4)
+        for user in (neighbours.VICTIM, neighbours.VICTIM + 1000)
+    ]
+    torture.pause(ATTACK_SECONDS)
+    for application in applications:
+        connections = application.end()
+        assert connections.failed == 0 and connections.reset == 0, str(connections)
+        assert connections.proxied > 0, str(connections)
+    attacker.close()

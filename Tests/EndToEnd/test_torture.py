@@ -1,0 +1,86 @@
+"""The system is killed, and rules of others come and go, while applications make connections."""
+
+import pytest
+
+import neighbours
+import torture
+from laboratory import HERE4, PEER_PORT, THERE4
+from namespace import Namespace
+from origins import tell_peer
+
+# TCP sends a first packet again after 1 s and after 3 s.
+RETRANSMITTED_SECONDS = 3.2
+
+
+@pytest.fixture
+def neighbourhood(laboratory):
+    neighbours.prepare(laboratory)
+    return laboratory
+
+
+def check_none_failed(connections):
+    assert connections.count > 0
+    assert connections.failed == 0, str(connections)
+
+
+def test_no_connection_fails_while_the_extension_is_killed(neighbourhood):
+    _, extension = neighbours.start_quiet_system(neighbourhood)
+    connections = torture.kill_extension(neighbourhood, extension, 20)
+    check_none_failed(connections)
+    assert connections.slowest < RETRANSMITTED_SECONDS, str(connections)
+    assert connections.proxied > 0 and connections.direct > 0, str(connections)
+
+
+def test_no_connection_fails_while_the_proxy_is_killed(neighbourhood):
+    proxy, _ = neighbours.start_quiet_system(neighbourhood)
+    connections = torture.kill_proxy(neighbourhood, proxy, 8)
+    check_none_failed(connections)
+    assert connections.slowest < RETRANSMITTED_SECONDS, str(connections)
+    assert connections.proxied > 0 and connections.direct > 0, str(connections)
+
+
+@pytest.mark.parametrize("name", torture.FOREIGN_RULES)
+def test_no_connection_fails_while_rules_of_others_come_and_go(neighbourhood, name):
+    foreign = torture.FOREIGN_RULES[name]
+    neighbours.start_quiet_system(neighbourhood)
+    ruled = torture.rule(neighbourhood, foreign, seconds=2)
+    for connections in ruled:
+        check_none_failed(connections)
+        assert connections.slowest < RETRANSMITTED_SECONDS, str(ruled)
+    assert ruled.before.proxied_share == 1
+    if foreign.is_proxied:
+        assert ruled.during.proxied_share > 0.9, str(ruled)
+
+
+def test_containers_are_reached_and_reach_others_as_before(laboratory):
+    container = Namespace()
+    try:
+        laboratory.here.run(
+            "ip", "link", "add", "docked", "type", "veth", "peer", "name", "eth0",
+            "netns", container.path,
+        )  # fmt: skip
+        for namespace, name, address in (
+            (laboratory.here, "docked", "172.17.0.1"),
+            (container, "eth0", torture.CONTAINER4),
+        ):
+            namespace.run("ip", "address", "add", f"{address}/16", "dev", name)
+            namespace.run("ip", "link", "set", name, "up")
+        container.run("ip", "route", "add", "default", "via", "172.17.0.1")
+        with laboratory.here, open("/proc/sys/net/ipv4/ip_forward", "w") as setting:
+            setting.write("1")
+        laboratory.here.run("nft", "-f", "-", given=torture.CONTAINER_RULES)
+        laboratory.serve(5000, tell_peer, namespace=container)
+        laboratory.serve(80, tell_peer)
+        laboratory.start_system()
+        # From this machine, from another one, and out of the container.
+        published = laboratory.fetch(HERE4, 5000)
+        assert published.status == 0, str(published)
+        with laboratory.there:
+            asked = neighbours.ask_peer(HERE4, 5000)
+        assert asked == THERE4
+        with container:
+            asked = neighbours.ask_peer(THERE4, 80)
+        assert asked == HERE4
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    finally:
+        container.close()
