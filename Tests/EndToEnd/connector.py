@@ -13,6 +13,7 @@ complete, waits for pending ones, and makes a last report.
 """
 
 import argparse
+import bisect
 import collections
 import errno
 import heapq
@@ -29,6 +30,7 @@ import time
 # A connect() that takes longer than this counts as failed. The kernel itself sends a first packet
 # again after 1 s and after 3 s.
 LIMIT_SECONDS = 15
+SLOW_SECONDS = 1
 SHOWN_FAILURES = 5
 
 
@@ -76,6 +78,7 @@ class Statistics:
             "examples": self.examples,
             "p50": quantile(0.5),
             "p99": quantile(0.99),
+            "slow": len(times) - bisect.bisect_right(times, SLOW_SECONDS),
             "slowest": times[-1] if times else 0.0,
         }
 

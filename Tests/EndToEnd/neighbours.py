@@ -7,6 +7,9 @@ import socket
 from laboratory import PEER_PORT, PYTHON, THERE4, eventually, receive_all
 from program import GENEROUS_SECONDS
 
+# Far beyond what any number of connections takes that is asked for here.
+END_SECONDS = 600
+
 # Ordinary users, of whom nobody needs to have heard.
 VICTIM, ATTACKER = 4001, 4002
 
@@ -32,6 +35,8 @@ class Connections:
         # Established, and ended before the origin's first bytes came.
         self.reset = told["reset"]
         self.failed = sum(told["failed"].values())
+        # Took more than a second to be established.
+        self.slow = told["slow"]
         self.p50, self.p99, self.slowest = told["p50"], told["p99"], told["slowest"]
 
     @property
@@ -65,8 +70,8 @@ class Application:
         return self._tell("report", GENEROUS_SECONDS)
 
     def end(self):
-        """Begins no more connections; those that have ended since the last report."""
-        ended = self._tell("end", GENEROUS_SECONDS)
+        """Waits for pending connections; all that have ended since the last report."""
+        ended = self._tell("end", END_SECONDS)
         self._laboratory.forget(self.program)
         return ended
 
@@ -141,7 +146,8 @@ def wait_until_proxied(laboratory):
     eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
 
 
-# Attacks. Each returns when the attack is under way.
+# Attacks. Each returns when the attack is under way. Without an extension, they are made all the
+# same.
 
 
 def _attack(laboratory, script, *arguments):
@@ -172,10 +178,13 @@ def run_hanging_programs(laboratory, extension, rate=50):
     script = laboratory.copy_of(
         os.path.join(_FOLDER, "attackers/hanging_files.py"), "hanging_files.py"
     )
-    # Mounted where the extension sees it, as the file systems of a machine are.
+    if extension is None:
+        view = ["unshare", "--mount", "--propagation", "private"]
+    else:
+        # Mounted where the extension sees it, as the file systems of a machine are.
+        view = ["nsenter", f"--mount=/proc/{extension.pid}/ns/mnt"]
     attacker = laboratory.start(
-        ["nsenter", f"--mount=/proc/{extension.pid}/ns/mnt",
-         PYTHON, "-I", "-S", "-u", script, folder, str(ATTACKER), THERE4, str(MEASURED_PORT),
+        [*view, PYTHON, "-I", "-S", "-u", script, folder, str(ATTACKER), THERE4, str(MEASURED_PORT),
          "--rate", str(rate)],
         name="hanging_files.py",
     )  # fmt: skip

@@ -73,7 +73,7 @@ def test_programs_from_a_file_system_that_hangs_disturb_nobody_else(neighbourhoo
 
 
 def test_through_a_proxy_that_never_answers_every_connection_succeeds(neighbourhood):
-    connections = torture.connect_to_silent_proxy(neighbourhood, 200)
+    connections = torture.connect_to_silent_proxy(neighbourhood, 200, rate=2000)
     assert connections.count == 200
     assert connections.failed == 0 and connections.reset == 0, str(connections)
     assert connections.direct == 200

@@ -59,6 +59,16 @@ def kill_proxy(laboratory, proxy, count, seed=None):
         return load.end()
 
 
+def hang(laboratory, extension, begin_hang, seconds=2):
+    """The extension hangs, until its guardian ends it."""
+    with application(laboratory, RATE) as load:
+        pause(seconds)
+        begin_hang(extension)
+        extension.wait()
+        pause(seconds)
+        return load.end()
+
+
 class Attacked(NamedTuple):
     """What a user has noticed of an attack by another one."""
 
@@ -84,13 +94,18 @@ def attack(laboratory, start_attack, seconds, rate=100):
         return Attacked(idle, beginning, during)
 
 
-def connect_to_silent_proxy(laboratory, count, *options):
+def start_with_silent_proxy(laboratory, **options):
     """A proxy that has answered so far accepts connections and says nothing any more."""
-    proxy = laboratory.start_local_proxy()
-    neighbours.start_quiet_extension(laboratory)
-    neighbours.wait_until_proxied(laboratory)
+    proxy, extension = neighbours.start_quiet_system(
+        laboratory, laboratory.start_local_proxy, **options
+    )
     proxy.behave(answer="", then="hold")
-    with application(laboratory, 2000, "--count", count, *options) as load:
+    return extension
+
+
+def connect_to_silent_proxy(laboratory, count, rate, *options):
+    start_with_silent_proxy(laboratory)
+    with application(laboratory, rate, "--count", count, *options) as load:
         return load.end()
 
 
