@@ -50,7 +50,7 @@ def kill_proxy(laboratory, proxy, count, seed=None):
     moments = random.Random(seed)
     with application(laboratory, RATE) as load:
         for _ in range(count):
-            pause(moments.uniform(0, 0.5))
+            pause(moments.uniform(0, 1))
             laboratory.forget(proxy)
             # Sometimes sooner than the next probe, sometimes later.
             pause(moments.uniform(0, 1))
