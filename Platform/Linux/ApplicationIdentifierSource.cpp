@@ -89,6 +89,8 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
     if (!isKnown && answer.socket && mayBeProxys(*answer.socket)) {
       return leave(LeaveReason::proxyUnknown);
     }
+    const Process& owner = proxy_->owner();
+    result.proxy.emplace(owner.pid, owner.stamp.startTime);
     result.mayBelongToProxy = mayDialForProxy(sender);
   }
   if (sender != nullptr) {

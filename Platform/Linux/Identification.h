@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Platform/Linux/LeaveReason.h"
+#include "Platform/Linux/ProcessLife.h"
 
 namespace ostravel::linuxplatform {
 
@@ -24,6 +25,8 @@ struct Identification {
   std::optional<uid_t> user;
   // Absent when it cannot be found.
   std::optional<pid_t> process;
+  // The local proxy that such a flow would be sent to; absent while there is none.
+  std::optional<ProcessLife> proxy;
 };
 
 }  // namespace ostravel::linuxplatform

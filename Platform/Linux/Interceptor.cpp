@@ -216,13 +216,17 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   const auto held =
       std::make_shared<QueuedPacket::State>(queue_, loops_.marks(), packet.id, packet.mark, share);
   heldFlows_.add(held, tuple, identification.process, now);
-  const auto flow = makeFlow(tuple, std::move(identification), std::make_unique<QueuedPacket>(held),
-                             std::move(share));
+  const bool isTCP = tuple.protocol == TransportProtocol::tcp;
+  // The proxy decides about TCP flows only; UDP is refused by ourselves.
+  auto heldPacket =
+      std::make_unique<QueuedPacket>(held, isTCP ? identification.proxy : std::nullopt);
+  const auto flow =
+      makeFlow(tuple, std::move(identification), std::move(heldPacket), std::move(share));
   const bool isTaken = handler_(flow);
   // A flow that is not taken lets its packet go when it is destroyed, at the end of this scope. A
   // UDP flow is taken to be refused, and every further datagram of it is refused anew. A TCP flow
   // that is given back later must not be offered again.
-  if (!isTaken || tuple.protocol == TransportProtocol::tcp) {
+  if (!isTaken || isTCP) {
     recentFlows_.remember(*first, now);
   }
 }

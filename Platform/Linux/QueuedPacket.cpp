@@ -34,7 +34,8 @@ void QueuedPacket::State::acceptMarked(std::uint32_t mark) {
   }
 }
 
-QueuedPacket::QueuedPacket(std::shared_ptr<State> state) : state_(std::move(state)) {}
+QueuedPacket::QueuedPacket(std::shared_ptr<State> state, std::optional<ProcessLife> proxy)
+    : state_(std::move(state)), proxy_(proxy) {}
 
 QueuedPacket::~QueuedPacket() {
   state_->accept();
@@ -49,6 +50,10 @@ void QueuedPacket::redirect(unsigned loopIndex) {
 }
 
 void QueuedPacket::refuse() {
+  if (proxy_ && proxy_->hasEnded()) {
+    state_->accept();
+    return;
+  }
   state_->refuse();
 }
 

@@ -3,10 +3,12 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "Platform/Linux/HeldPacket.h"
 #include "Platform/Linux/PacketMarks.h"
 #include "Platform/Linux/PacketQueue.h"
+#include "Platform/Linux/ProcessLife.h"
 #include "Platform/Linux/UserShare.h"
 
 namespace ostravel::linuxplatform {
@@ -44,7 +46,10 @@ class QueuedPacket final : public HeldPacket {
     std::atomic<bool> isDecided_ = false;
   };
 
-  explicit QueuedPacket(std::shared_ptr<State> state);
+  // proxy: the local proxy as it is when the flow is offered. When it has ended, what looks like
+  // its refusal is its end, and the flow is left to the system instead.
+  explicit QueuedPacket(std::shared_ptr<State> state,
+                        std::optional<ProcessLife> proxy = std::nullopt);
   ~QueuedPacket() override;
 
   void accept() override;
@@ -53,6 +58,7 @@ class QueuedPacket final : public HeldPacket {
 
  private:
   const std::shared_ptr<State> state_;
+  const std::optional<ProcessLife> proxy_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -16,6 +16,7 @@ add_library(LinuxBase STATIC
   ${CMAKE_CURRENT_LIST_DIR}/LinuxPlatform.cpp
   ${CMAKE_CURRENT_LIST_DIR}/LinuxSocketCalls.cpp
   ${CMAKE_CURRENT_LIST_DIR}/LogLine.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ProcessLife.cpp
   ${CMAKE_CURRENT_LIST_DIR}/RandomUUIDSource.cpp
   ${CMAKE_CURRENT_LIST_DIR}/StderrLog.cpp
   ${CMAKE_CURRENT_LIST_DIR}/TimerService.cpp

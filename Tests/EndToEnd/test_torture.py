@@ -10,6 +10,7 @@ from origins import tell_peer
 
 # TCP sends a first packet again after 1 s and after 3 s.
 RETRANSMITTED_SECONDS = 3.2
+DEADLINE_SECONDS = 5
 
 
 @pytest.fixture
@@ -37,6 +38,20 @@ def test_no_connection_fails_while_the_proxy_is_killed(neighbourhood):
     check_none_failed(connections)
     assert connections.slowest < RETRANSMITTED_SECONDS, str(connections)
     assert connections.proxied > 0 and connections.direct > 0, str(connections)
+
+
+def test_a_connection_whose_proxy_dies_before_it_answers_goes_direct(neighbourhood):
+    proxy, _ = neighbours.start_quiet_system(neighbourhood, neighbourhood.start_local_proxy)
+    proxy.behave(answer="", then="hold")
+    mark = proxy.mark()
+    with torture.application(neighbourhood, 1, "--count", 1) as application:
+        proxy.wait("asked", mark)
+        # To the extension this looks like a proxy that says no.
+        proxy.program.kill()
+        connections = application.end()
+    check_none_failed(connections)
+    assert connections.direct == 1, str(connections)
+    assert connections.slowest < DEADLINE_SECONDS, str(connections)
 
 
 @pytest.mark.parametrize("name", torture.FOREIGN_RULES)
