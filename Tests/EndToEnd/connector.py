@@ -30,12 +30,14 @@ import time
 # A connect() that takes longer than this counts as failed. The kernel itself sends a first packet
 # again after 1 s and after 3 s.
 LIMIT_SECONDS = 15
+# And an origin that has not said a word by then will not.
+ANSWER_SECONDS = 5
 SLOW_SECONDS = 1
 SHOWN_FAILURES = 5
 
 
 class Connection:
-    __slots__ = ("begun_at", "elapsed", "error", "has_ended", "socket", "source")
+    __slots__ = ("begun_at", "deadline", "elapsed", "error", "has_ended", "socket", "source")
 
     def __init__(self, host, port):
         self.begun_at = time.monotonic()
@@ -141,7 +143,10 @@ class Connector:
             self._fail(connection, connection.error)
             return
         self._selector.register(connection.socket, selectors.EVENT_WRITE, connection)
-        deadline = connection.begun_at + LIMIT_SECONDS
+        self._limit(connection, connection.begun_at + LIMIT_SECONDS)
+
+    def _limit(self, connection, deadline):
+        connection.deadline = deadline
         heapq.heappush(self._deadlines, (deadline, next(self._order), connection))
 
     def _advance(self, connection, events):
@@ -172,6 +177,7 @@ class Connector:
             self._end(connection, "reset")
             return
         self._selector.modify(connection.socket, selectors.EVENT_READ, connection)
+        self._limit(connection, time.monotonic() + ANSWER_SECONDS)
 
     @staticmethod
     def _way(connection, seen):
@@ -201,8 +207,8 @@ class Connector:
     def _give_up(self):
         now = time.monotonic()
         while self._deadlines and (self._deadlines[0][2].has_ended or self._deadlines[0][0] <= now):
-            connection = heapq.heappop(self._deadlines)[2]
-            if connection.has_ended:
+            deadline, _, connection = heapq.heappop(self._deadlines)
+            if connection.has_ended or deadline != connection.deadline:
                 continue
             if connection.elapsed is None:
                 self._statistics.fail(connection, "HUNG")

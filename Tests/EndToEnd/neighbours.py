@@ -192,6 +192,11 @@ def run_hanging_programs(laboratory, extension, rate=50):
     return attacker
 
 
+def misuse_sockets(laboratory, mode):
+    """mode is that of attackers/misuse_sockets.py."""
+    return _attack(laboratory, "misuse_sockets.py", mode, THERE4, MEASURED_PORT)
+
+
 ATTACKS = {
     "dials 100 dead hosts": dial_dead_hosts,
     "floods 1,500 hosts a second": flood_hosts,

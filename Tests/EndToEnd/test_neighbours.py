@@ -72,6 +72,26 @@ def test_programs_from_a_file_system_that_hangs_disturb_nobody_else(neighbourhoo
     check_others_are_served(attacked, proxied_share=0.9)
 
 
+@pytest.mark.parametrize(
+    "mode",
+    [
+        "give_up",
+        "give_up_hosts",
+        "reset_connections",
+        "end_processes",
+        "share_a_port",
+        "send_datagrams",
+        "connect_to_listeners",
+    ],
+)
+def test_a_user_who_misuses_sockets_disturbs_nobody_else(neighbourhood, mode):
+    neighbours.start_quiet_system(neighbourhood)
+    attacked = torture.attack(
+        neighbourhood, lambda: neighbours.misuse_sockets(neighbourhood, mode), seconds=1.5
+    )
+    check_others_are_served(attacked, proxied_share=0)
+
+
 def test_through_a_proxy_that_never_answers_every_connection_succeeds(neighbourhood):
     connections = torture.connect_to_silent_proxy(neighbourhood, 200, rate=2000)
     assert connections.count == 200

@@ -78,13 +78,13 @@ class Attacked(NamedTuple):
     during: Connections
 
 
-def attack(laboratory, start_attack, seconds, rate=100):
+def attack(laboratory, start_attack, seconds, idle_seconds=1, rate=100):
     """Another user attacks; start_attack() returns when that is under way.
 
     The connections that are measured follow one another, so that they do not compete.
     """
     with application(laboratory, rate, "--at-once", 1) as victim:
-        pause(seconds)
+        pause(idle_seconds)
         idle = victim.report()
         attacker = start_attack()
         beginning = victim.report()
