@@ -37,7 +37,6 @@ constexpr std::chrono::duration<double> kProbeTimeout = 350ms;
 
 constexpr double kBypassCacheLifetimeSeconds = 30.0;
 
-
 NetworkRule rule(std::string_view address, std::string_view port, std::uint8_t prefix,
                  NetworkRuleProtocol protocol) {
   return {{std::string(address), std::string(port)}, prefix, protocol};

@@ -58,7 +58,7 @@ ALLOWED_FOREIGN_HEADERS = {
 
 # Folder -> headers that its build makes, which have no path from the root.
 GENERATED_HEADERS = {
-    "Platform/Linux": {"ConnectTracerProgram.h"},
+    "Platform/Linux": {"ConnectTracerProgram.h", "ConnectTracerPlainProgram.h"},
 }
 
 # <chrono> is welcome for its durations, its clocks are not.

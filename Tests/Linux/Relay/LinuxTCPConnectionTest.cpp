@@ -350,6 +350,11 @@ TEST_F(LinuxTCPConnectionTest, AnObserverMayRemoveTheNextOne) {
   Connected connected = connect();
   const auto first = std::make_shared<StateObserver>();
   const auto second = std::make_shared<StateObserver>();
+  // Receives the notification that the connection is established.
+  const auto early = std::make_shared<StateObserver>();
+  connected.connection->addObserver(early, "state");
+  drain();
+  connected.connection->removeObserver(*early, "state");
   connected.connection->addObserver(first, "state");
   connected.connection->addObserver(second, "state");
   first->onChange = [&] {
