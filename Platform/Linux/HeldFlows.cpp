@@ -10,13 +10,27 @@ void HeldFlows::add(const std::shared_ptr<QueuedPacket::State>& packet, const Fl
   entries_.push_back({packet, tuple.destination, process, now});
 }
 
+bool HeldFlows::isHeldFor(const Entry& entry, const SocketEndpoint& destination) {
+  const auto packet = entry.packet.lock();
+  return packet && !packet->isDecided() && entry.destination == destination;
+}
+
 bool HeldFlows::isOtherHeldFor(const SocketEndpoint& destination,
                                std::optional<pid_t> process) const {
   return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) {
-    const auto packet = entry.packet.lock();
     const bool isOther = !process || entry.process != process;
-    return packet && !packet->isDecided() && isOther && entry.destination == destination;
+    return isOther && isHeldFor(entry, destination);
   });
+}
+
+bool HeldFlows::isLoopLikely(const SocketEndpoint& destination,
+                             std::optional<pid_t> process) const {
+  if (!process || !isOtherHeldFor(destination, process)) {
+    return false;
+  }
+  return std::count_if(entries_.begin(), entries_.end(), [&](const Entry& entry) {
+           return entry.process == process && isHeldFor(entry, destination);
+         }) >= 2;
 }
 
 std::size_t HeldFlows::releaseOld(TimePoint now) {

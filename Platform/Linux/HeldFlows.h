@@ -28,6 +28,11 @@ class HeldFlows {
   // Whether another process is being held on its way to the same destination.
   bool isOtherHeldFor(const SocketEndpoint& destination, std::optional<pid_t> process) const;
 
+  // Whether the process seems to send on what it is asked for by way of us: it is being held twice
+  // on its way to this destination, and somebody else is as well. A proxy that has begun to hand
+  // its requests to another program looks like this.
+  bool isLoopLikely(const SocketEndpoint& destination, std::optional<pid_t> process) const;
+
   // Lets those go that have been held for too long; how many there were.
   std::size_t releaseOld(TimePoint now);
   void releaseAll();
@@ -42,6 +47,7 @@ class HeldFlows {
     TimePoint since;
   };
 
+  static bool isHeldFor(const Entry& entry, const SocketEndpoint& destination);
   void forgetDecided();
 
   // Those in front are forgotten when they are decided; others stay until they are in front.

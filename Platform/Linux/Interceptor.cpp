@@ -283,8 +283,9 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   if (tuple.protocol == TransportProtocol::udp && !identification.user) {
     return LeaveReason::kernelSocket;
   }
-  if (identification.mayBelongToProxy &&
-      heldFlows_.isOtherHeldFor(tuple.destination, identification.process)) {
+  const bool isProxysOwn = identification.mayBelongToProxy &&
+                           heldFlows_.isOtherHeldFor(tuple.destination, identification.process);
+  if (isProxysOwn || heldFlows_.isLoopLikely(tuple.destination, identification.process)) {
     return LeaveReason::mayBeProxys;
   }
   return std::nullopt;

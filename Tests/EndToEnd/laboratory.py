@@ -108,11 +108,12 @@ def eventually(condition, what, seconds=GENEROUS_SECONDS):
 class LocalProxy:
     """A local proxy that behaves as a test says; see local_proxy.py."""
 
-    def __init__(self, laboratory, user=0):
+    def __init__(self, laboratory, user=0, **behaviour):
         # Files of its own: a program is told from others by its file, and anybody may read these.
         script = laboratory.copy_of(_beside("local_proxy.py"), "local_proxy.py")
         self.program = laboratory.start(
-            [*as_user(user), laboratory.copy_of(PYTHON, "local-proxy"), "-u", script],
+            [*as_user(user), laboratory.copy_of(PYTHON, "local-proxy"), "-u", script,
+             json.dumps(behaviour)],
             name="local-proxy",
             has_input=True,
         )
@@ -274,8 +275,8 @@ class Laboratory:
         sidecar.expect(sidecar.output, "listening on")
         return sidecar
 
-    def start_local_proxy(self, user=0):
-        return LocalProxy(self, user)
+    def start_local_proxy(self, user=0, **behaviour):
+        return LocalProxy(self, user, **behaviour)
 
     def start_tinyproxy(self, port=8080, user=0):
         configuration = self.path("tinyproxy.conf")

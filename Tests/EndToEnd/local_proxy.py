@@ -131,6 +131,9 @@ def accept(listener):
 
 def main():
     global behaviour
+    # How it behaves from its first connection on.
+    if len(sys.argv) > 1:
+        behaviour = json.loads(sys.argv[1])
     listener = socket.create_server(("127.0.0.1", 8080), backlog=1024)
     threading.Thread(target=accept, args=(listener,), daemon=True).start()
     report("listening")

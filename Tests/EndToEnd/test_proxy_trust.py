@@ -187,9 +187,8 @@ def test_a_chain_of_two_programs_is_one_proxy(laboratory, parent, users):
             laboratory.start_tinyproxy(PARENT_PORT, user=parent_user)
         else:
             laboratory.start_sidecar("--listen", f"127.0.0.1:{PARENT_PORT}", user=parent_user)
-        front = laboratory.start_local_proxy(front_user)
-        front.behave(through=PARENT_PORT)
-        return front
+        # From the first connection on, since the first one is the trial.
+        return laboratory.start_local_proxy(front_user, through=PARENT_PORT)
 
     front, extension = start_extension(laboratory, start_chain, "--proxy-user", NAME)
     laboratory.wait_until_proxied()
@@ -200,6 +199,19 @@ def test_a_chain_of_two_programs_is_one_proxy(laboratory, parent, users):
     # In a loop, what the second program dials would be asked for as well.
     assert len(front.requests(mark)) == 5
     assert warnings(extension) == []
+
+
+def test_a_proxy_that_begins_to_forward_does_not_loop(laboratory):
+    """The trial has found out who dials, and later another program does."""
+    laboratory.start_sidecar("--listen", f"127.0.0.1:{PARENT_PORT}")
+    front, _ = start_extension(laboratory, lambda _: laboratory.start_local_proxy())
+    laboratory.wait_until_proxied()
+    front.behave(through=PARENT_PORT)
+    for _ in range(5):
+        mark = front.mark()
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+        # What the second program dials is asked for twice, and then recognised.
+        assert len(front.requests(mark)) <= 3
 
 
 @pytest.mark.parametrize("status", ["403 Forbidden", "407 Proxy Authentication Required"])

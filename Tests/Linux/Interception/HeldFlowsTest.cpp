@@ -87,6 +87,26 @@ TEST_F(HeldFlowsTest, KnowsWhetherAnotherProcessWaitsForTheSameDestination) {
   EXPECT_FALSE(held_.isOtherHeldFor(destination(1), 11));
 }
 
+TEST_F(HeldFlowsTest, SuspectsALoopWhenAProcessComesAgainWhileAnotherOneWaits) {
+  const auto application = hold(1, 10, start_);
+  const auto first = hold(1, 11, start_);
+  EXPECT_FALSE(held_.isLoopLikely(destination(1), 11));
+  const auto second = hold(1, 11, start_);
+  EXPECT_TRUE(held_.isLoopLikely(destination(1), 11));
+  EXPECT_FALSE(held_.isLoopLikely(destination(1), 10));
+  EXPECT_FALSE(held_.isLoopLikely(destination(1), 12));
+  EXPECT_FALSE(held_.isLoopLikely(destination(1), std::nullopt));
+  EXPECT_FALSE(held_.isLoopLikely(destination(2), 11));
+  application->accept();
+  EXPECT_FALSE(held_.isLoopLikely(destination(1), 11));
+}
+
+TEST_F(HeldFlowsTest, ManyConnectionsOfOneProcessAreNoLoop) {
+  const std::vector<std::shared_ptr<QueuedPacket::State>> packets{
+      hold(1, 10, start_), hold(1, 10, start_), hold(1, 10, start_)};
+  EXPECT_FALSE(held_.isLoopLikely(destination(1), 10));
+}
+
 TEST_F(HeldFlowsTest, LetsGoOfEverythingAtTheEnd) {
   const auto first = hold(1, 10, start_);
   const auto second = hold(2, std::nullopt, start_);
