@@ -105,8 +105,12 @@ void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
     endHeld(error);
   }
   if (isHeld || error) {
+    const bool isCarried = stage_ == Stage::carried;
     stage_ = Stage::ended;
     stream_.fail(socketError(ECANCELED));
+    if (RedirectPath* const path = stream_.loop().redirectPath(); isCarried && path != nullptr) {
+      path->reportReset(tuple_);
+    }
     return;
   }
   stream_.closeInOrder(direction);

@@ -9,14 +9,20 @@ void RedirectPath::setWatcher(std::weak_ptr<Watcher> watcher) {
   watcher_ = std::move(watcher);
 }
 
+std::shared_ptr<RedirectPath::Watcher> RedirectPath::watcher() {
+  const std::lock_guard guard(lock_);
+  return watcher_.lock();
+}
+
 void RedirectPath::reportMissing(unsigned loopIndex, const FlowTuple& tuple) {
-  std::shared_ptr<Watcher> watcher;
-  {
-    const std::lock_guard guard(lock_);
-    watcher = watcher_.lock();
+  if (const auto found = watcher()) {
+    found->connectionIsMissing(loopIndex, tuple);
   }
-  if (watcher) {
-    watcher->connectionIsMissing(loopIndex, tuple);
+}
+
+void RedirectPath::reportReset(const FlowTuple& tuple) {
+  if (const auto found = watcher()) {
+    found->connectionWasReset(tuple);
   }
 }
 

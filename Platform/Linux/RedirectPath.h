@@ -15,7 +15,7 @@ namespace ostravel::linuxplatform {
 // the watcher, who tests it. Owned by the event loops' group; usable from any thread.
 class RedirectPath {
  public:
-  // Learns of released connections that did not arrive. Called on any loop.
+  // Learns what becomes of redirected connections. Called on any loop.
   class Watcher {
    public:
     Watcher() = default;
@@ -24,6 +24,7 @@ class RedirectPath {
     virtual ~Watcher() = default;
 
     virtual void connectionIsMissing(unsigned loopIndex, const FlowTuple& tuple) = 0;
+    virtual void connectionWasReset(const FlowTuple& tuple) = 0;
   };
 
   // False until it has been found to work.
@@ -34,8 +35,12 @@ class RedirectPath {
   void setWatcher(std::weak_ptr<Watcher> watcher);
   // A connection has not arrived that was released for this loop.
   void reportMissing(unsigned loopIndex, const FlowTuple& tuple);
+  // We have reset a connection that had arrived. For some seconds the kernel would redirect a new
+  // one with the same addresses and ports as this one was; not any more on return.
+  void reportReset(const FlowTuple& tuple);
 
  private:
+  std::shared_ptr<Watcher> watcher();
   static std::size_t index(AddressFamily family) { return static_cast<std::size_t>(family); }
 
   std::array<std::atomic<bool>, 2> isUsable_{};

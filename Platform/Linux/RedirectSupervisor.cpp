@@ -168,6 +168,8 @@ RedirectSupervisor::RedirectSupervisor(EventLoopGroup& loops,
     known(family).family = family;
     known(family).destinations = loopbackDestinations(settings, family);
   }
+  // What a predecessor has left that was killed.
+  ConntrackEntries().removeResetRedirections();
   auto diagnostics = SocketDiagnostics::open();
   if (auto* opened = std::get_if<std::unique_ptr<SocketDiagnostics>>(&diagnostics)) {
     diagnostics_ = std::move(*opened);
@@ -284,6 +286,11 @@ SocketEndpoint RedirectSupervisor::destinationFor(const Family& family) {
 
 void RedirectSupervisor::connectionIsMissing(unsigned loopIndex, const FlowTuple& tuple) {
   home().post([self = shared_from_this(), loopIndex, tuple] { self->examine(loopIndex, tuple); });
+}
+
+void RedirectSupervisor::connectionWasReset(const FlowTuple& tuple) {
+  const std::lock_guard guard(resetsLock_);
+  resets_.remove(tuple);
 }
 
 void RedirectSupervisor::examine(unsigned loopIndex, const FlowTuple& tuple) {

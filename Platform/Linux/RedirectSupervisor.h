@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,6 +40,8 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   void stop();
 
   void connectionIsMissing(unsigned loopIndex, const FlowTuple& tuple) override;
+  // Forgets it on the calling thread: later, a new connection could have the same ports.
+  void connectionWasReset(const FlowTuple& tuple) override;
 
   // Only for start().
   RedirectSupervisor(EventLoopGroup& loops,
@@ -70,6 +73,9 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   EventLoopGroup& loops_;
   const std::shared_ptr<platform::Log> log_;
   const std::chrono::milliseconds pause_;
+  std::mutex resetsLock_;
+  // Guarded by resetsLock_.
+  ConntrackEntries resets_;
   // The rest is used on the home loop only.
   std::array<Family, 2> families_;
   std::unique_ptr<SocketDiagnostics> diagnostics_;

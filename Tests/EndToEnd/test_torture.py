@@ -1,5 +1,8 @@
 """The system is killed, and rules of others come and go, while applications make connections."""
 
+import signal
+import socket
+
 import pytest
 
 import neighbours
@@ -30,6 +33,30 @@ def test_no_connection_fails_while_the_extension_is_killed(neighbourhood):
     check_none_failed(connections)
     assert connections.slowest < RETRANSMITTED_SECONDS, str(connections)
     assert connections.proxied > 0 and connections.direct > 0, str(connections)
+
+
+def test_a_source_port_can_be_used_again_after_it_was_killed(neighbourhood):
+    """The kernel remembers for some seconds where a connection was redirected to."""
+    _, extension = neighbours.start_quiet_system(neighbourhood)
+
+    def connect():
+        application = neighbourhood.socket(THERE4)
+        application.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        application.settimeout(DEADLINE_SECONDS)
+        application.bind((HERE4, 23456))
+        application.connect((THERE4, neighbours.STREAM_PORT))
+        return application
+
+    neighbours.start_origin(neighbourhood, "hold", neighbours.STREAM_PORT)
+    with connect() as application:
+        # What it has not read makes its end a reset.
+        extension.send_signal(signal.SIGSTOP)
+        application.sendall(b"-")
+        extension.kill()
+        with pytest.raises(ConnectionResetError):
+            application.recv(1)
+    neighbours.start_quiet_extension(neighbourhood)
+    connect().close()
 
 
 def test_no_connection_fails_while_the_proxy_is_killed(neighbourhood):

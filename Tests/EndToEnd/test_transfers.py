@@ -20,8 +20,10 @@ from events import (
 )
 from laboratory import (
     CURL,
+    HERE4,
     NAME,
     OPENSSL,
+    PEER_PORT,
     PYTHON,
     THERE4,
     THERE6,
@@ -377,3 +379,30 @@ def test_an_orderly_end_is_not_a_reset(laboratory):
             application.sendall(b"hello")
             application.sendall(b"x" * 100_000)
             assert receive_all(application) == b"enough"
+
+
+def test_a_source_port_can_be_used_again_after_a_reset(laboratory):
+    """The kernel remembers for some seconds where the connection was redirected to."""
+
+    def serve(connection, _):
+        connection.sendall(b"here")
+        connection.recv(1)
+        reset(connection)
+
+    laboratory.serve(80, serve)
+    exempt = laboratory.copy_of(CURL, "vpn-client")
+    laboratory.register({exempt: "com.mullvad.vpn"})
+    laboratory.start_system()
+    for index in range(8):
+        with laboratory.socket(THERE4) as application:
+            application.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            application.settimeout(30)
+            application.bind((HERE4, 23456))
+            application.connect((THERE4, 80))
+            assert application.recv(4) == b"here"
+            application.sendall(b"-")
+            with pytest.raises(ConnectionResetError):
+                application.recv(1)
+        if index % 2 == 1:
+            # Flows go to event loops in turn: the next one goes to another one.
+            assert laboratory.curl(f"http://{THERE4}:{PEER_PORT}/", program=exempt).way == "direct"

@@ -56,5 +56,45 @@ TEST(ConntrackEntriesTest, SaysThatThereIsNone) {
   EXPECT_EQ(ConntrackEntries().remove(FlowTuple()), ENOENT);
 }
 
+class ConntrackEntriesOfRedirectionsTest : public ::testing::TestWithParam<const char*> {
+ protected:
+  ConntrackEntriesOfRedirectionsTest() {
+    trackConnections();
+    outputOf(
+        "nft 'add table inet redirections; add chain inet redirections out "
+        "{ type nat hook output priority -100; }; add rule inet redirections out "
+        "tcp dport 8001 redirect to :8000'");
+  }
+
+  Listener listener_{GetParam(), 8000};
+  ConntrackEntries entries_;
+};
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseThatWereResetAreForgotten) {
+  const Connecting application(GetParam(), 8001);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  listener_.acceptAndResetOne(kGenerous);
+  EXPECT_EQ(entries_.removeResetRedirections(), 1U);
+  EXPECT_EQ(entries_.removeResetRedirections(), 0U);
+}
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseThatAreEstablishedAreKept) {
+  const Connecting application(GetParam(), 8001);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(entries_.removeResetRedirections(), 0U);
+}
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, WhatWasNotRedirectedIsKept) {
+  const Connecting application(GetParam(), 8000);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  listener_.acceptAndResetOne(kGenerous);
+  EXPECT_EQ(entries_.removeResetRedirections(), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, ConntrackEntriesOfRedirectionsTest,
+                         ::testing::Values("127.0.0.1", "::1"), [](const auto& instance) {
+                           return std::string(instance.param) == "::1" ? "IPv6" : "IPv4";
+                         });
+
 }  // namespace
 }  // namespace ostravel::linuxplatform
