@@ -11,7 +11,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Between two searches that both went through all processes in vain.
+// Between two searches that went through all processes and found nothing.
 constexpr std::chrono::milliseconds kSearchInterval{250};
 // For the file system that the proxy's executable is on. Without its answer a second process of the
 // proxy may not be recognised.

@@ -176,7 +176,7 @@ TEST_F(RedirectSupervisorTest, TriesAgainAfterThePauseAndSaysOnceThatItWorks) {
   EXPECT_TRUE(becomes(AddressFamily::ipv6, true));
   EXPECT_NE(log_->wait("arrive again over IPv4"), "");
   EXPECT_NE(log_->wait("arrive again over IPv6"), "");
-  // However often it was tried in vain.
+  // However often it has failed.
   EXPECT_EQ(log_->count(), 4U);
 }
 
