@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
-#include <utility>
+#include <map>
 
 namespace ostravel::linuxplatform {
 
@@ -88,8 +88,12 @@ bool isLoopback(const SocketEndpoint& endpoint) {
   return std::memcmp(endpoint.address.data(), &in6addr_loopback, sizeof in6addr_loopback) == 0;
 }
 
-// The connection that a message of a dump is about, if it was redirected and is closed.
-std::optional<FlowTuple> resetRedirection(const nlmsghdr* header) {
+}  // namespace
+
+// The connection that an entry is about, if it was redirected to a loopback address. One that has
+// ended in order is none: the kernel takes the next one with its ports for a new one.
+std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
+    const nlmsghdr* header) {
   const auto* const message = static_cast<const nfgenmsg*>(::mnl_nlmsg_get_payload(header));
   const bool isIPv4 = message->nfgen_family == AF_INET;
   const AddressFamily family = isIPv4 ? AddressFamily::ipv4 : AddressFamily::ipv6;
@@ -101,7 +105,7 @@ std::optional<FlowTuple> resetRedirection(const nlmsghdr* header) {
   const nlattr* const reply = attributes[CTA_TUPLE_REPLY];
   const nlattr* const state =
       nested(attributes[CTA_PROTOINFO], {CTA_PROTOINFO_TCP, CTA_PROTOINFO_TCP_STATE});
-  if (state == nullptr || ::mnl_attr_get_u8(state) != TCP_CONNTRACK_CLOSE) {
+  if (state == nullptr || ::mnl_attr_get_u8(state) == TCP_CONNTRACK_TIME_WAIT) {
     return std::nullopt;
   }
   const auto from = endpointOf(original, family, source, CTA_PROTO_SRC_PORT);
@@ -110,10 +114,8 @@ std::optional<FlowTuple> resetRedirection(const nlmsghdr* header) {
   if (!from || !to || !arrived || *arrived == *to || !isLoopback(*arrived)) {
     return std::nullopt;
   }
-  return FlowTuple{TransportProtocol::tcp, *from, *to};
+  return Redirection{{TransportProtocol::tcp, *from, *to}, *arrived};
 }
-
-}  // namespace
 
 int ConntrackEntries::remove(const FlowTuple& original) {
   if (!socket_) {
@@ -142,17 +144,26 @@ int ConntrackEntries::remove(const FlowTuple& original) {
   return -static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error;
 }
 
-std::size_t ConntrackEntries::removeResetRedirections() {
+std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListened) {
+  // Few listeners for many connections.
+  std::map<SocketEndpoint, bool> known;
   std::size_t count = 0;
-  for (const FlowTuple& each : resetRedirections().value_or(std::vector<FlowTuple>())) {
-    count += remove(each) == 0 ? 1 : 0;
+  for (const auto& [original, arrived] : redirections()) {
+    auto found = known.find(arrived);
+    if (found == known.end()) {
+      found = known.emplace(arrived, isListened(arrived)).first;
+    }
+    if (!found->second && remove(original) == 0) {
+      ++count;
+    }
   }
   return count;
 }
 
-std::optional<std::vector<FlowTuple>> ConntrackEntries::resetRedirections() {
+std::vector<ConntrackEntries::Redirection> ConntrackEntries::redirections() {
+  std::vector<Redirection> found;
   if (!socket_) {
-    return std::nullopt;
+    return found;
   }
   alignas(nlmsghdr) std::array<char, 64> request{};
   nlmsghdr* const header = ::mnl_nlmsg_put_header(request.data());
@@ -162,12 +173,11 @@ std::optional<std::vector<FlowTuple>> ConntrackEntries::resetRedirections() {
   message.nfgen_family = AF_UNSPEC;
   message.version = NFNETLINK_V0;
   if (::mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) < 0) {
-    return std::nullopt;
+    return found;
   }
-  std::vector<FlowTuple> found;
   const auto note = [](const nlmsghdr* entry, void* data) {
-    if (const auto tuple = resetRedirection(entry)) {
-      static_cast<std::vector<FlowTuple>*>(data)->push_back(*tuple);
+    if (const auto redirection = redirectionOf(entry)) {
+      static_cast<std::vector<Redirection>*>(data)->push_back(*redirection);
     }
     return MNL_CB_OK;
   };
@@ -176,11 +186,11 @@ std::optional<std::vector<FlowTuple>> ConntrackEntries::resetRedirections() {
   while (result == MNL_CB_OK) {
     const auto received = ::mnl_socket_recvfrom(socket_.get(), answer.data(), answer.size());
     if (received < 0) {
-      return std::nullopt;
+      return found;
     }
     result = ::mnl_cb_run(answer.data(), static_cast<std::size_t>(received), 0, 0, note, &found);
   }
-  return result == MNL_CB_STOP ? std::optional(std::move(found)) : std::nullopt;
+  return found;
 }
 
 }  // namespace ostravel::linuxplatform

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <vector>
 
 #include "Platform/Linux/FlowTuple.h"
 #include "Platform/Linux/NetfilterBatch.h"
+
+struct nlmsghdr;
 
 namespace ostravel::linuxplatform {
 
@@ -19,14 +22,22 @@ class ConntrackEntries {
   // its next packet is a first one again. 0, ENOENT when there is none, or what went wrong.
   int remove(const FlowTuple& original);
 
-  // The same for all TCP connections that were redirected to a loopback address and reset by what
-  // listened there. The kernel keeps them for some seconds, in which it would redirect new ones
-  // with the same addresses and ports. How many there were.
-  std::size_t removeResetRedirections();
+  // The same for all TCP connections that were redirected to a loopback address where nobody
+  // listens any more: a new one with the same addresses and ports would be refused there. How many
+  // there were. isListened tells whether somebody listens.
+  using IsListened = std::function<bool(const SocketEndpoint&)>;
+  std::size_t removeDeadRedirections(const IsListened& isListened);
 
  private:
-  // Absent when the table could not be read to its end.
-  std::optional<std::vector<FlowTuple>> resetRedirections();
+  struct Redirection {
+    FlowTuple original;
+    // Where it was redirected to.
+    SocketEndpoint arrived;
+  };
+
+  static std::optional<Redirection> redirectionOf(const nlmsghdr* entry);
+  // As far as the table could be read.
+  std::vector<Redirection> redirections();
 
   const NetlinkSocket socket_;
 };

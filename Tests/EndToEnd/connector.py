@@ -32,6 +32,8 @@ import time
 LIMIT_SECONDS = 15
 # And an origin that has not said a word by then will not.
 ANSWER_SECONDS = 5
+# How a connection has ended that was established before.
+RESETS = (errno.ECONNRESET, errno.EPIPE)
 SLOW_SECONDS = 1
 SHOWN_FAILURES = 5
 
@@ -166,11 +168,14 @@ class Connector:
     def _establish(self, connection):
         elapsed = time.monotonic() - connection.begun_at
         error = connection.socket.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
-        if error:
+        if error not in (0, *RESETS):
             self._fail(connection, error)
             return
         connection.elapsed = elapsed
         self._statistics.times.append(elapsed)
+        if error:
+            self._end(connection, "reset")
+            return
         try:
             connection.source = connection.socket.getsockname()
         except OSError:

@@ -66,29 +66,41 @@ class ConntrackEntriesOfRedirectionsTest : public ::testing::TestWithParam<const
         "tcp dport 8001 redirect to :8000'");
   }
 
+  static bool isNotListened(const SocketEndpoint& /*endpoint*/) { return false; }
+
   Listener listener_{GetParam(), 8000};
   ConntrackEntries entries_;
 };
 
-TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseThatWereResetAreForgotten) {
+TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseToWhereNobodyListensAreForgotten) {
+  const Connecting application(GetParam(), 8001);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 1U);
+  EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);
+}
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseThatWereResetAreForgottenToo) {
   const Connecting application(GetParam(), 8001);
   ASSERT_EQ(application.result(kGenerous), 0);
   listener_.acceptAndResetOne(kGenerous);
-  EXPECT_EQ(entries_.removeResetRedirections(), 1U);
-  EXPECT_EQ(entries_.removeResetRedirections(), 0U);
+  EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 1U);
 }
 
-TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseThatAreEstablishedAreKept) {
+TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseToWhereSomebodyListensAreKept) {
   const Connecting application(GetParam(), 8001);
   ASSERT_EQ(application.result(kGenerous), 0);
-  EXPECT_EQ(entries_.removeResetRedirections(), 0U);
+  const auto isListened = [](const SocketEndpoint& endpoint) {
+    EXPECT_EQ(endpoint.addressText(), GetParam());
+    EXPECT_EQ(endpoint.port, 8000);
+    return true;
+  };
+  EXPECT_EQ(entries_.removeDeadRedirections(isListened), 0U);
 }
 
 TEST_P(ConntrackEntriesOfRedirectionsTest, WhatWasNotRedirectedIsKept) {
   const Connecting application(GetParam(), 8000);
   ASSERT_EQ(application.result(kGenerous), 0);
-  listener_.acceptAndResetOne(kGenerous);
-  EXPECT_EQ(entries_.removeResetRedirections(), 0U);
+  EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, ConntrackEntriesOfRedirectionsTest,
