@@ -17,7 +17,7 @@ class FlowAdmission {
     // The user has its share of the handshakes that may be pending.
     handshakeShare,
     // A handshake of the user has timed out, and another one is on its way to find out whether the
-    // proxy answers again.
+    // proxy answers again, or has just found that it does not.
     onTrial,
     // The user has its share of the descriptors.
     descriptorShare,
@@ -29,11 +29,12 @@ class FlowAdmission {
   // A tunnel needs two sockets.
   static constexpr std::size_t kDescriptorsPerTunnel = 2;
 
-  static Answer admit(UserShare& share, const DescriptorBudget& descriptors) {
+  static Answer admit(UserShare& share, const DescriptorBudget& descriptors,
+                      UserShare::Clock::time_point now) {
     if (share.held() >= kHeldFlowsPerUser) {
       return Answer::handshakeShare;
     }
-    if (share.isOnTrial() && share.held() > 0) {
+    if (share.isOnTrial() && (share.held() > 0 || !share.mayBeTried(now))) {
       return Answer::onTrial;
     }
     // Those that are held have not got their sockets yet.

@@ -204,7 +204,7 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   const FlowTuple& tuple = first->tuple;
   // The cheap questions first: whoever floods us is not looked up.
   auto share = shares_.of(packet.uid);
-  if (const auto reason = reasonToLeave(tuple, packet, *share)) {
+  if (const auto reason = reasonToLeave(tuple, packet, *share, now)) {
     leaveToSystem(packet, *first, *reason);
     return;
   }
@@ -216,6 +216,10 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   const auto held =
       std::make_shared<QueuedPacket::State>(queue_, loops_.marks(), packet.id, packet.mark, share);
   heldFlows_.add(held, tuple, identification.process, now);
+  // The proxy's own flows follow from those of others.
+  if (identification.identifier != ApplicationIdentifierSource::kProxyIdentifier) {
+    shares_.noteActivity(*share, now);
+  }
   const bool isTCP = tuple.protocol == TransportProtocol::tcp;
   // The proxy decides about TCP flows only; UDP is refused by ourselves.
   auto heldPacket =
@@ -243,7 +247,8 @@ void Interceptor::leaveToSystem(const PacketQueue::Packet& packet, const FirstPa
 
 std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
                                                       const PacketQueue::Packet& packet,
-                                                      UserShare& share) const {
+                                                      UserShare& share,
+                                                      UserShare::Clock::time_point now) const {
   if (descriptors_.nearLimit()) {
     return LeaveReason::descriptors;
   }
@@ -261,7 +266,7 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
     // To refuse QUIC makes sense only where TCP is proxied.
     return share.isOnTrial() ? std::optional(LeaveReason::onTrial) : std::nullopt;
   }
-  switch (FlowAdmission::admit(share, descriptors_)) {
+  switch (FlowAdmission::admit(share, descriptors_, now)) {
     case FlowAdmission::Answer::handshakeShare:
       return LeaveReason::handshakeShare;
     case FlowAdmission::Answer::onTrial:
@@ -270,6 +275,10 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
       return LeaveReason::descriptorShare;
     case FlowAdmission::Answer::admitted:
       break;
+  }
+  // Serving one user's flood would make the others wait; alone a user may have everything.
+  if (share.exceedsRate(now) && shares_.isOtherActive(share, now)) {
+    return LeaveReason::offerShare;
   }
   return std::nullopt;
 }

@@ -78,8 +78,8 @@ class Interceptor {
                      LeaveReason reason);
   // Absent when the flow may be offered, as far as can be told without knowing whose it is.
   std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
-                                           const PacketQueue::Packet& packet,
-                                           UserShare& share) const;
+                                           const PacketQueue::Packet& packet, UserShare& share,
+                                           UserShare::Clock::time_point now) const;
   std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
                                            const Identification& identification) const;
   std::shared_ptr<platform::AppProxyFlow> makeFlow(const FlowTuple& tuple,

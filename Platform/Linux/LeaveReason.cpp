@@ -12,6 +12,8 @@ std::string_view nameOf(LeaveReason reason) {
       return "handshake_share";
     case LeaveReason::descriptorShare:
       return "descriptor_share";
+    case LeaveReason::offerShare:
+      return "offer_share";
     case LeaveReason::onTrial:
       return "on_trial";
     case LeaveReason::kernelSocket:

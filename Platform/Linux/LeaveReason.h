@@ -12,9 +12,11 @@ enum class LeaveReason : std::uint8_t {
   none,
   // The process is near its limit of descriptors.
   descriptors,
-  // The user has its share of the pending handshakes, or of the descriptors.
+  // The user has its share of the pending handshakes, of the descriptors, or, while others want to
+  // be served as well, of the offers per second.
   handshakeShare,
   descriptorShare,
+  offerShare,
   // A handshake of the user has timed out, and another one is finding out whether the proxy
   // answers.
   onTrial,

@@ -86,7 +86,7 @@ void LinuxTCPFlow::releasePacket() {
 
 void LinuxTCPFlow::endHeld(const OptionalError& error) {
   if (platform::isHandshakeTimeout(error) && stream_.user()) {
-    stream_.user()->handshakeTimedOut();
+    stream_.user()->handshakeTimedOut(UserShare::Clock::now());
   }
   if (error) {
     packet_->accept();

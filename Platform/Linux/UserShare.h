@@ -1,15 +1,26 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 
 namespace ostravel::linuxplatform {
 
 // What the flows of one user are using at this moment, and whether the local proxy answers them.
 // Made by UserShares for the verdict thread; shared with everything that uses a part of it, which
-// gives the part back on any thread.
+// gives the part back on any thread. What is said of the verdict thread is for that thread only.
 class UserShare {
  public:
+  using Clock = std::chrono::steady_clock;
+
+  // Offers in one go, and per second after that, which a user may have although others want to be
+  // served: more than a busy machine's own services make, less than what fills a processor.
+  static constexpr double kOfferBurst = 400;
+  static constexpr double kOffersPerSecond = 400;
+  // Pauses between trials of a proxy that goes on not answering: the first, doubled each time.
+  static constexpr std::chrono::seconds kShortestTrialPause{1};
+  static constexpr std::chrono::seconds kLongestTrialPause{15};
+
   UserShare() = default;
   UserShare(const UserShare&) = delete;
   UserShare& operator=(const UserShare&) = delete;
@@ -20,10 +31,18 @@ class UserShare {
   std::size_t held() const { return held_.load(std::memory_order_relaxed); }
 
   // A handshake has reached its deadline: until one succeeds, the user's flows are offered one at a
-  // time, so that a proxy that never answers does not delay connections over and over.
-  void handshakeTimedOut() { isOnTrial_.store(true, std::memory_order_relaxed); }
-  void handshakeSucceeded() { isOnTrial_.store(false, std::memory_order_relaxed); }
-  bool isOnTrial() const { return isOnTrial_.load(std::memory_order_relaxed); }
+  // time and with growing pauses, so that a proxy that never answers does not delay connections
+  // over and over. Those that reach it together count as one.
+  void handshakeTimedOut(Clock::time_point now);
+  void handshakeSucceeded() { failedTrials_.store(0, std::memory_order_relaxed); }
+  bool isOnTrial() const { return failedTrials_.load(std::memory_order_relaxed) > 0; }
+  bool mayBeTried(Clock::time_point now) const {
+    return now.time_since_epoch() >= nextTrial_.load(std::memory_order_relaxed);
+  }
+
+  // For the verdict thread: counts an offer, and tells whether it exceeds what the user may always
+  // have.
+  bool exceedsRate(Clock::time_point now);
 
   // Descriptors of sockets and pipes, and bytes of memory that wait for a reader.
   std::atomic<std::size_t>& descriptors() { return descriptors_; }
@@ -34,9 +53,13 @@ class UserShare {
 
  private:
   std::atomic<std::size_t> held_ = 0;
-  std::atomic<bool> isOnTrial_ = false;
+  std::atomic<unsigned> failedTrials_ = 0;
+  std::atomic<Clock::duration> nextTrial_ = Clock::duration::min();
   std::atomic<std::size_t> descriptors_ = 0;
   std::atomic<std::size_t> memory_ = 0;
+  // Of the verdict thread: offers that the user may still have now, and when that was true.
+  double offersLeft_ = kOfferBurst;
+  Clock::time_point lastOffer_;
 };
 
 }  // namespace ostravel::linuxplatform

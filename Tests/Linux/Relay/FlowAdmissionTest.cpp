@@ -2,22 +2,31 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 
 namespace ostravel::linuxplatform::test {
 namespace {
 
+using namespace std::chrono_literals;
 using Answer = FlowAdmission::Answer;
 
 class FlowAdmissionTest : public testing::Test {
  protected:
-  Answer admit() { return FlowAdmission::admit(*share_, descriptors_); }
+  Answer admit() { return FlowAdmission::admit(*share_, descriptors_, now_); }
   void hold(std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       share_->holdBegan();
     }
   }
 
+  // And the pause is over.
+  void timeOut() {
+    share_->handshakeTimedOut(now_);
+    now_ += UserShare::kLongestTrialPause;
+  }
+
+  UserShare::Clock::time_point now_{};
   DescriptorBudget descriptors_{limits::kDescriptorReserve + 1000};
   const std::shared_ptr<UserShare> share_ = std::make_shared<UserShare>();
 };
@@ -32,18 +41,33 @@ TEST_F(FlowAdmissionTest, NobodyHasMoreThanHalfOfThePendingHandshakes) {
 }
 
 TEST_F(FlowAdmissionTest, AfterATimeOutFlowsAreTriedOneAtATime) {
-  share_->handshakeTimedOut();
+  timeOut();
   EXPECT_EQ(admit(), Answer::admitted);
   hold(1);
   EXPECT_EQ(admit(), Answer::onTrial);
   // The trial has failed as well.
   share_->holdEnded();
-  share_->handshakeTimedOut();
+  timeOut();
+  EXPECT_EQ(admit(), Answer::admitted);
+}
+
+TEST_F(FlowAdmissionTest, BetweenTrialsThereAreGrowingPauses) {
+  for (const auto pause : {1s, 2s, 4s, 8s, 15s, 15s}) {
+    share_->handshakeTimedOut(now_);
+    // Those that time out together count as one.
+    share_->handshakeTimedOut(now_);
+    EXPECT_EQ(FlowAdmission::admit(*share_, descriptors_, now_ + pause - 1ms), Answer::onTrial);
+    now_ += pause;
+    EXPECT_EQ(admit(), Answer::admitted);
+  }
+  share_->handshakeSucceeded();
+  share_->handshakeTimedOut(now_);
+  now_ += UserShare::kShortestTrialPause;
   EXPECT_EQ(admit(), Answer::admitted);
 }
 
 TEST_F(FlowAdmissionTest, ASuccessEndsTheTrial) {
-  share_->handshakeTimedOut();
+  timeOut();
   hold(1);
   share_->handshakeSucceeded();
   EXPECT_EQ(admit(), Answer::admitted);
@@ -56,7 +80,7 @@ TEST_F(FlowAdmissionTest, DescriptorsAreDividedAmongUsers) {
   auto more = descriptors_.lease(2, share_);
   EXPECT_EQ(admit(), Answer::descriptorShare);
   UserShare another;
-  EXPECT_EQ(FlowAdmission::admit(another, descriptors_), Answer::admitted);
+  EXPECT_EQ(FlowAdmission::admit(another, descriptors_, now_), Answer::admitted);
 }
 
 TEST_F(FlowAdmissionTest, HeldFlowsCountAsTheTunnelsThatTheyWillBe) {
