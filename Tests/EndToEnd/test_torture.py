@@ -93,7 +93,7 @@ def test_no_connection_fails_while_rules_of_others_come_and_go(neighbourhood, na
     for connections in ruled:
         check_none_failed(connections)
         assert connections.slowest < RETRANSMITTED_SECONDS, str(ruled)
-    assert ruled.before.proxied_share == 1
+    assert ruled.before.proxied_share > 0.9, str(ruled)
     if foreign.is_proxied:
         assert ruled.during.proxied_share > 0.9, str(ruled)
 
