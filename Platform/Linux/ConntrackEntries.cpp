@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
-#include <map>
+#include <unordered_map>
 
 namespace ostravel::linuxplatform {
 
@@ -146,7 +146,7 @@ int ConntrackEntries::remove(const FlowTuple& original) {
 
 std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListened) {
   // Few listeners for many connections.
-  std::map<SocketEndpoint, bool> known;
+  std::unordered_map<SocketEndpoint, bool, SocketEndpointHash> known;
   std::size_t count = 0;
   for (const auto& [original, arrived] : redirections()) {
     auto found = known.find(arrived);
