@@ -50,7 +50,7 @@ int fail(const platform::Error& error) {
 // goes away while it is written to must not end the process.
 sigset_t takeOverSignals() {
   std::signal(SIGPIPE, SIG_IGN);
-  // Whoever started us may have ignored it.
+  // The parent may have left it ignored.
   std::signal(SIGCHLD, SIG_DFL);
   sigset_t taken;
   sigemptyset(&taken);

@@ -75,8 +75,8 @@ class Heartbeat {
 
   // Starts the thread, and with it the running phase.
   void start();
-  // Ends the thread, and begins the stopping phase. Whoever stops the process beats from now on.
-  // Idempotent.
+  // Ends the thread, and begins the stopping phase. The thread that stops the process beats from
+  // now on. Idempotent.
   void stop();
 
   // Beats if everybody has answered; whether it did. Called by the thread.

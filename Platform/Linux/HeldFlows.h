@@ -18,7 +18,7 @@ class HeldFlows {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  // A second longer than a handshake may take: whoever was to decide by then does not any more.
+  // A second longer than a handshake may take: a verdict that is not given by then never comes.
   static constexpr std::chrono::seconds kLongestHold{6};
 
   // process: the sender, if it is known.

@@ -202,7 +202,7 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
     return;
   }
   const FlowTuple& tuple = first->tuple;
-  // The cheap questions first: whoever floods us is not looked up.
+  // The cheap questions first, so that a flood is not identified packet by packet.
   auto share = shares_.of(packet.uid);
   if (const auto reason = reasonToLeave(tuple, packet, *share, now)) {
     leaveToSystem(packet, *first, *reason);
@@ -266,15 +266,9 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
     // To refuse QUIC makes sense only where TCP is proxied.
     return share.isOnTrial() ? std::optional(LeaveReason::onTrial) : std::nullopt;
   }
-  switch (FlowAdmission::admit(share, descriptors_, now)) {
-    case FlowAdmission::Answer::handshakeShare:
-      return LeaveReason::handshakeShare;
-    case FlowAdmission::Answer::onTrial:
-      return LeaveReason::onTrial;
-    case FlowAdmission::Answer::descriptorShare:
-      return LeaveReason::descriptorShare;
-    case FlowAdmission::Answer::admitted:
-      break;
+  if (const auto reason = FlowAdmission::admit(share, descriptors_, now);
+      reason != LeaveReason::none) {
+    return reason;
   }
   // Serving one user's flood would make the others wait; alone a user may have everything.
   if (share.exceedsRate(now) && shares_.isOtherActive(share, now)) {

@@ -7,7 +7,7 @@
 
 namespace ostravel::linuxplatform {
 
-// The memory, in buffers and in pipes, of chunks that wait for whoever reads them. Owned by the
+// The memory, in buffers and in pipes, of chunks that wait for their readers. Owned by the
 // event loop group. Where it is used up, streams read in small pieces, which are not counted.
 class MemoryBudget : public SharedBudget {
  public:

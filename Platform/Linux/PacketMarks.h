@@ -10,7 +10,8 @@ namespace ostravel::linuxplatform {
 inline constexpr unsigned kMaximumEventLoops = 29;
 
 // The bits of the packet mark that are ours, and what their values mean. All other bits belong to
-// whoever set them and are kept. A value, given to everything that marks sockets or packets.
+// the programs that set them and are kept. A value, given to everything that marks sockets or
+// packets.
 class PacketMarks {
  public:
   // Five bits that few programs use.

@@ -10,7 +10,7 @@
 namespace ostravel::linuxplatform {
 
 // A limited resource of the process and each user's part of it. Counts and does not enforce:
-// whoever is about to use some asks first. Usable from any thread; outlives its leases.
+// its users ask before they take some. Usable from any thread; outlives its leases.
 //
 // A user may use more as long as its part is smaller than what is still free. Alone it gets half,
 // of two each gets a third, of n each gets 1/(n+1): nobody has to be known in advance, and there is

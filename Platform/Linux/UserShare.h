@@ -8,7 +8,7 @@ namespace ostravel::linuxplatform {
 
 // What the flows of one user are using at this moment, and whether the local proxy answers them.
 // Made by UserShares for the verdict thread; shared with everything that uses a part of it, which
-// gives the part back on any thread. What is said of the verdict thread is for that thread only.
+// gives the part back on any thread. Usable from any thread, except exceedsRate().
 class UserShare {
  public:
   using Clock = std::chrono::steady_clock;
@@ -40,8 +40,8 @@ class UserShare {
     return now.time_since_epoch() >= nextTrial_.load(std::memory_order_relaxed);
   }
 
-  // For the verdict thread: counts an offer, and tells whether it exceeds what the user may always
-  // have.
+  // Counts an offer; true when it exceeds what the user may have while others want to be served.
+  // Only on the verdict thread.
   bool exceedsRate(Clock::time_point now);
 
   // Descriptors of sockets and pipes, and bytes of memory that wait for a reader.
@@ -57,7 +57,7 @@ class UserShare {
   std::atomic<Clock::duration> nextTrial_ = Clock::duration::min();
   std::atomic<std::size_t> descriptors_ = 0;
   std::atomic<std::size_t> memory_ = 0;
-  // Of the verdict thread: offers that the user may still have now, and when that was true.
+  // Used by exceedsRate() alone: the offers that are left, and when they were counted.
   double offersLeft_ = kOfferBurst;
   Clock::time_point lastOffer_;
 };

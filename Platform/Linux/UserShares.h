@@ -44,7 +44,8 @@ class UserShares {
     const UserShare* share = nullptr;
     UserShare::Clock::time_point time;
   };
-  // The two users who were active last, latest first: one of them is another than whoever asks.
+  // The two users who were active last, latest first. At least one of them is not the user in
+  // question.
   std::array<Activity, 2> active_;
 };
 

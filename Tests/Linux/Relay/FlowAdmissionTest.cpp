@@ -9,11 +9,10 @@ namespace ostravel::linuxplatform::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Answer = FlowAdmission::Answer;
 
 class FlowAdmissionTest : public testing::Test {
  protected:
-  Answer admit() { return FlowAdmission::admit(*share_, descriptors_, now_); }
+  LeaveReason admit() { return FlowAdmission::admit(*share_, descriptors_, now_); }
   void hold(std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       share_->holdBegan();
@@ -33,22 +32,22 @@ class FlowAdmissionTest : public testing::Test {
 
 TEST_F(FlowAdmissionTest, NobodyHasMoreThanHalfOfThePendingHandshakes) {
   hold(23);
-  EXPECT_EQ(admit(), Answer::admitted);
+  EXPECT_EQ(admit(), LeaveReason::none);
   hold(1);
-  EXPECT_EQ(admit(), Answer::handshakeShare);
+  EXPECT_EQ(admit(), LeaveReason::handshakeShare);
   share_->holdEnded();
-  EXPECT_EQ(admit(), Answer::admitted);
+  EXPECT_EQ(admit(), LeaveReason::none);
 }
 
 TEST_F(FlowAdmissionTest, AfterATimeOutFlowsAreTriedOneAtATime) {
   timeOut();
-  EXPECT_EQ(admit(), Answer::admitted);
+  EXPECT_EQ(admit(), LeaveReason::none);
   hold(1);
-  EXPECT_EQ(admit(), Answer::onTrial);
+  EXPECT_EQ(admit(), LeaveReason::onTrial);
   // The trial has failed as well.
   share_->holdEnded();
   timeOut();
-  EXPECT_EQ(admit(), Answer::admitted);
+  EXPECT_EQ(admit(), LeaveReason::none);
 }
 
 TEST_F(FlowAdmissionTest, BetweenTrialsThereAreGrowingPauses) {
@@ -56,39 +55,40 @@ TEST_F(FlowAdmissionTest, BetweenTrialsThereAreGrowingPauses) {
     share_->handshakeTimedOut(now_);
     // Those that time out together count as one.
     share_->handshakeTimedOut(now_);
-    EXPECT_EQ(FlowAdmission::admit(*share_, descriptors_, now_ + pause - 1ms), Answer::onTrial);
+    EXPECT_EQ(FlowAdmission::admit(*share_, descriptors_, now_ + pause - 1ms),
+              LeaveReason::onTrial);
     now_ += pause;
-    EXPECT_EQ(admit(), Answer::admitted);
+    EXPECT_EQ(admit(), LeaveReason::none);
   }
   share_->handshakeSucceeded();
   share_->handshakeTimedOut(now_);
   now_ += UserShare::kShortestTrialPause;
-  EXPECT_EQ(admit(), Answer::admitted);
+  EXPECT_EQ(admit(), LeaveReason::none);
 }
 
 TEST_F(FlowAdmissionTest, ASuccessEndsTheTrial) {
   timeOut();
   hold(1);
   share_->handshakeSucceeded();
-  EXPECT_EQ(admit(), Answer::admitted);
+  EXPECT_EQ(admit(), LeaveReason::none);
 }
 
 TEST_F(FlowAdmissionTest, DescriptorsAreDividedAmongUsers) {
   // Two for this one; what the user has must not be more than what is left.
   auto lease = descriptors_.lease(498, share_);
-  EXPECT_EQ(admit(), Answer::admitted);
+  EXPECT_EQ(admit(), LeaveReason::none);
   auto more = descriptors_.lease(2, share_);
-  EXPECT_EQ(admit(), Answer::descriptorShare);
+  EXPECT_EQ(admit(), LeaveReason::descriptorShare);
   UserShare another;
-  EXPECT_EQ(FlowAdmission::admit(another, descriptors_, now_), Answer::admitted);
+  EXPECT_EQ(FlowAdmission::admit(another, descriptors_, now_), LeaveReason::none);
 }
 
 TEST_F(FlowAdmissionTest, HeldFlowsCountAsTheTunnelsThatTheyWillBe) {
   auto lease = descriptors_.lease(495, share_);
   hold(4);
-  EXPECT_EQ(admit(), Answer::admitted);
+  EXPECT_EQ(admit(), LeaveReason::none);
   hold(1);
-  EXPECT_EQ(admit(), Answer::descriptorShare);
+  EXPECT_EQ(admit(), LeaveReason::descriptorShare);
 }
 
 }  // namespace
