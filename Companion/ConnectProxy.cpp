@@ -14,7 +14,7 @@ ConnectProxy::ConnectProxy(asio::io_context& ioContext, const asio::ip::tcp::end
       environment_{.lookUp = std::move(lookUp),
                    .log = std::move(log),
                    .limits = limits,
-                   .buffers = std::make_shared<RelayBufferPool>(),
+                   .relays = std::make_shared<RelayEnvironment>(ioContext),
                    .ended = [this] { acceptLoop_.descriptorFreed(); }} {
   acceptLoop_.start();
 }

@@ -138,7 +138,7 @@ void ConnectSession::connected() {
                       }
                       const auto relay = std::make_shared<TunnelRelay>(
                           std::move(self->client_), std::move(self->origin_),
-                          self->environment_.buffers, std::move(ended));
+                          self->environment_.relays, std::move(ended));
                       relay->start(self->header_.behind());
                     });
 }

@@ -11,9 +11,9 @@
 
 #include "Companion/ConnectRequest.h"
 #include "Companion/NameLookup.h"
-#include "Companion/RelayBufferPool.h"
 #include "Companion/RequestHeader.h"
 #include "Companion/TunnelLog.h"
+#include "Companion/TunnelRelay.h"
 
 namespace ostravel::companion {
 
@@ -34,7 +34,7 @@ struct SessionEnvironment {
   std::function<void(const HostPort&, LookupDone)> lookUp;
   TunnelLog log;
   SessionLimits limits;
-  std::shared_ptr<RelayBufferPool> buffers;
+  std::shared_ptr<RelayEnvironment> relays;
   std::function<void()> ended;  // called after each session or tunnel has closed its sockets
 };
 

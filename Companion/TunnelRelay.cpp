@@ -9,8 +9,10 @@
 namespace ostravel::companion {
 namespace {
 
-// How many buffers one direction may move before every other tunnel gets its turn.
-constexpr int kBuffersPerTurn = 16;
+// How many buffers one direction may move before another one, and how many bytes all of them before
+// requests, connections and new clients get their turn.
+constexpr int kBuffersPerTurn = 4;
+constexpr std::size_t kBytesPerTurn = 512 * 1024;
 
 bool hasPendingError(TunnelRelay::Socket& socket) {
   int error = 0;
@@ -21,11 +23,15 @@ bool hasPendingError(TunnelRelay::Socket& socket) {
 
 }  // namespace
 
-TunnelRelay::TunnelRelay(Socket client, Socket origin, std::shared_ptr<RelayBufferPool> buffers,
-                         Ended ended)
+RelayEnvironment::RelayEnvironment(asio::io_context& ioContext)
+    : turns({.share = kBytesPerTurn, .total = kBytesPerTurn},
+            [&ioContext](FairTurns::Work turn) { asio::post(ioContext, std::move(turn)); }) {}
+
+TunnelRelay::TunnelRelay(Socket client, Socket origin,
+                         std::shared_ptr<RelayEnvironment> environment, Ended ended)
     : client_(std::move(client)),
       origin_(std::move(origin)),
-      buffers_(std::move(buffers)),
+      environment_(std::move(environment)),
       ended_(std::move(ended)),
       toOrigin_{.from = client_, .to = origin_},
       toClient_{.from = origin_, .to = client_} {}
@@ -45,7 +51,7 @@ void TunnelRelay::start(std::string_view bytesForOrigin) {
     waitForBytes(toOrigin_);
     return;
   }
-  toOrigin_.buffer = buffers_->acquire();
+  toOrigin_.buffer = environment_->buffers.acquire();
   std::memcpy(toOrigin_.buffer->data(), bytesForOrigin.data(), bytesForOrigin.size());
   toOrigin_.end = bytesForOrigin.size();
   pump(toOrigin_);
@@ -53,6 +59,14 @@ void TunnelRelay::start(std::string_view bytesForOrigin) {
 
 void TunnelRelay::pump(Direction& direction) {
   direction.state = State::kMoving;
+  environment_->turns.run(nullptr, [self = shared_from_this(), &direction] {
+    if (!self->over_) {
+      self->move(direction);
+    }
+  });
+}
+
+void TunnelRelay::move(Direction& direction) {
   for (int turn = 0; turn < kBuffersPerTurn; ++turn) {
     if (direction.begin == direction.end && !receive(direction)) {
       return;
@@ -78,7 +92,7 @@ void TunnelRelay::pump(Direction& direction) {
 // True when there are bytes in hand; otherwise the direction waits, has finished or has failed.
 bool TunnelRelay::receive(Direction& direction) {
   if (!direction.buffer) {
-    direction.buffer = buffers_->acquire();
+    direction.buffer = environment_->buffers.acquire();
   }
   asio::error_code error;
   direction.begin = 0;
@@ -105,6 +119,7 @@ bool TunnelRelay::send(Direction& direction) {
         error);
     direction.begin += sent;
     direction.moved += sent;
+    environment_->turns.spend(nullptr, sent);
     if (error == asio::error::would_block || error == asio::error::interrupted) {
       waitForRoom(direction);
       return false;
@@ -178,7 +193,7 @@ void TunnelRelay::finish(Direction& direction) {
 }
 
 void TunnelRelay::releaseBuffer(Direction& direction) {
-  buffers_->release(std::move(direction.buffer));
+  environment_->buffers.release(std::move(direction.buffer));
   direction.begin = 0;
   direction.end = 0;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -7,9 +8,19 @@
 #include <memory>
 #include <string_view>
 
+#include "Base/FairTurns.h"
 #include "Companion/RelayBufferPool.h"
 
 namespace ostravel::companion {
+
+// What the relays of one thread share.
+struct RelayEnvironment {
+  explicit RelayEnvironment(asio::io_context& ioContext);
+
+  RelayBufferPool buffers;
+  // Keeps the thread free for new tunnels while others move bytes.
+  FairTurns turns;
+};
 
 // Moves bytes both ways between a client and an origin until both have ended, or one has failed.
 //
@@ -36,7 +47,8 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
 
   // Both sockets are connected. `ended` is called once, from the io_context, with both sockets
   // closed; not at all when the io_context is destroyed first.
-  TunnelRelay(Socket client, Socket origin, std::shared_ptr<RelayBufferPool> buffers, Ended ended);
+  TunnelRelay(Socket client, Socket origin, std::shared_ptr<RelayEnvironment> environment,
+              Ended ended);
 
   // Relays from now on, `bytesForOrigin` first: what the client sent ahead of its answer, at most
   // one buffer full.
@@ -56,7 +68,9 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
     bool watched = false;  // a wait for an error of `from` is outstanding
   };
 
+  // Moves bytes when it is the relay's turn.
   void pump(Direction& direction);
+  void move(Direction& direction);
   bool receive(Direction& direction);
   bool send(Direction& direction);
   void waitForBytes(Direction& direction);
@@ -68,7 +82,7 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
 
   Socket client_;
   Socket origin_;
-  std::shared_ptr<RelayBufferPool> buffers_;
+  std::shared_ptr<RelayEnvironment> environment_;
   Ended ended_;
   Direction toOrigin_;
   Direction toClient_;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Platform/Linux/FlowListener.h"
+#include "Platform/Linux/RelayLimits.h"
 
 namespace ostravel::linuxplatform {
 
@@ -34,6 +35,8 @@ EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget
       memory_(memory),
       buffers_(*this),
       pipes_(*this, descriptors, memory),
+      turns_({.share = limits::kBytesPerTurn, .total = limits::kBytesPerTurnOfAll},
+             [this](FairTurns::Work turn) { post(std::move(turn)); }),
       // One thread runs it, any thread may post to it.
       context_(1),
       work_(context_.get_executor()),

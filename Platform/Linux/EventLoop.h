@@ -11,6 +11,7 @@
 #include <thread>
 #include <utility>
 
+#include "Base/FairTurns.h"
 #include "Platform/Linux/BufferPool.h"
 #include "Platform/Linux/DescriptorBudget.h"
 #include "Platform/Linux/MemoryBudget.h"
@@ -87,6 +88,8 @@ class EventLoop {
   PipePool& pipes() { return pipes_; }
   StreamRegistry& streams() { return streams_; }
   Counters& counters() { return counters_; }
+  // Users' turns at moving bytes.
+  FairTurns& turns() { return turns_; }
   asio::io_context& context() { return context_; }
 
   // Whose flow is being served: a connection that is made meanwhile is for this user. Null between
@@ -119,6 +122,7 @@ class EventLoop {
   BufferPool buffers_;
   PipePool pipes_;
   StreamRegistry streams_;
+  FairTurns turns_;
   // Destroys the handlers that never ran, and with them what they hold, so that which streams give
   // back and give up comes first.
   asio::io_context context_;

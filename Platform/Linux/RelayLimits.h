@@ -30,6 +30,12 @@ inline constexpr std::size_t kKeptPipes = 8;
 // like, so it has to be bounded.
 inline constexpr std::size_t kMemoryForChunks = 128 * 1024 * 1024;
 
+// What the streams of one user, and those of all together, may move before everything else that is
+// ready on the loop gets its turn: a chunk of the largest size in and out again takes a quarter of
+// a millisecond.
+inline constexpr std::size_t kBytesPerTurn = 2 * kMaximumChunk;
+inline constexpr std::size_t kBytesPerTurnOfAll = 2 * kBytesPerTurn;
+
 // A direction is bulk when this many receives in a row filled their buffer: a shorter transfer is
 // over before a pipe would pay.
 inline constexpr unsigned kFullReadsBeforeSplice = 4;

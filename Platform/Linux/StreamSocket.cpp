@@ -61,6 +61,15 @@ void StreamSocket::attach(LoopSocket socket) {
   }
 }
 
+template <typename Step>
+void StreamSocket::inTurn(Step step) {
+  loop_.turns().run(user_.get(), later(std::move(step)));
+}
+
+void StreamSocket::spendOfTurn(std::size_t bytes) {
+  loop_.turns().spend(user_.get(), bytes);
+}
+
 // A stream that nothing was asked of has nothing to drop, and it may have been made on the verdict
 // thread, which is to share no lock with the loop.
 void StreamSocket::takePlace() {
@@ -121,6 +130,10 @@ void StreamSocket::waitToRead() {
 }
 
 void StreamSocket::continueRead() {
+  inTurn([](StreamSocket& self) { self.receive(); });
+}
+
+void StreamSocket::receive() {
   // Closed or failed since this was started.
   if (reading_ != Progress::waiting || !socket_.isOpen()) {
     return;
@@ -150,6 +163,7 @@ void StreamSocket::receiveIntoMemory() {
   }
   const auto count = static_cast<std::size_t>(received);
   loop_.counters().copiedBytes += count;
+  spendOfTurn(count);
   isMoreLikely_ = count == size;
   if (count < limits::kBufferSize) {
     fullReads_ = 0;
@@ -196,6 +210,7 @@ bool StreamSocket::receiveIntoPipe() {
   }
   const auto count = static_cast<std::size_t>(received);
   loop_.counters().splicedBytes += count;
+  spendOfTurn(count);
   isMoreLikely_ = count > limits::kSmallChunk;
   if (isMoreLikely_) {
     smallChunks_ = 0;
@@ -314,6 +329,10 @@ void StreamSocket::waitToWrite() {
 }
 
 void StreamSocket::continueWrite() {
+  inTurn([](StreamSocket& self) { self.send(); });
+}
+
+void StreamSocket::send() {
   if (writing_ != Progress::waiting || !socket_.isOpen()) {
     return;
   }
@@ -338,6 +357,7 @@ int StreamSocket::sendChunk() {
     }
     if (count > 0) {
       sent_ += static_cast<std::size_t>(count);
+      spendOfTurn(static_cast<std::size_t>(count));
     } else if (count == 0) {
       // Neither call says that to bytes that are there. Asking again could go on for ever.
       return EIO;

@@ -92,9 +92,15 @@ class StreamSocket {
   auto later(Step step);
   void takePlace();
 
+  // Runs step(*this) when it is the user's turn.
+  template <typename Step>
+  void inTurn(Step step);
+  void spendOfTurn(std::size_t bytes);
+
   void beginRead();
   void waitToRead();
   void continueRead();
+  void receive();
   void receiveIntoMemory();
   // False: there is no pipe to be had.
   bool receiveIntoPipe();
@@ -108,6 +114,7 @@ class StreamSocket {
   void beginWrite();
   void waitToWrite();
   void continueWrite();
+  void send();
   // 0: all of the chunk is in the kernel. EAGAIN: the rest has to wait. Or what went wrong.
   int sendChunk();
   void finishWriteLater(platform::OptionalError error);

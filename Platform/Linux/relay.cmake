@@ -23,4 +23,4 @@ add_library(LinuxRelay STATIC
 # source agrees on how memory is taken and given back.
 target_compile_definitions(LinuxRelay PUBLIC
   ASIO_STANDALONE ASIO_NO_DEPRECATED ASIO_DISABLE_STD_ALIGNED_ALLOC)
-target_link_libraries(LinuxRelay PUBLIC PlatformInterface LinuxNetwork Threads::Threads)
+target_link_libraries(LinuxRelay PUBLIC ostravel_base PlatformInterface LinuxNetwork Threads::Threads)

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <asio/post.hpp>
@@ -180,6 +181,43 @@ TEST_F(ConnectProxyTest, KeepsTheOrderOfEarlyAndLaterBytes) {
   client.send(connectTo(listener.target()) + bytes);
   client.endSending();
   EXPECT_EQ(listener.accept().receiveToEnd(), bytes);
+}
+
+TEST_F(ConnectProxyTest, ANewTunnelDoesNotWaitForManyBusyOnes) {
+  constexpr int kBusyTunnels = 60;
+  const std::string piece = pattern(256 * 1024);
+  std::vector<Ends> busy;
+  std::promise<std::size_t> movedBeforeLookup;
+  lookUp_ = [&](const HostPort& target, LookupDone done) {
+    if (busy.size() == kBusyTunnels) {
+      std::size_t moved = 0;
+      for (const Ends& tunnel : busy) {
+        int unread = 0;
+        ::ioctl(tunnel.client.descriptor(), FIONREAD, &unread);
+        moved += static_cast<std::size_t>(unread);
+      }
+      movedBeforeLookup.set_value(moved);
+    }
+    names_.lookUp(target, std::move(done));
+  };
+  start();
+  const TestListener listener;
+  for (int tunnel = 0; tunnel < kBusyTunnels; ++tunnel) {
+    busy.push_back(openTunnel(listener));
+  }
+  // All of it is there before the proxy sees any of it, the new client last.
+  std::promise<void> everythingArrived;
+  asio::post(ioContext_, [&everythingArrived] { everythingArrived.get_future().wait(); });
+  for (const Ends& tunnel : busy) {
+    tunnel.origin.sendUntilStalled(piece, 0ms);
+  }
+  const TestSocket client = connectClient();
+  client.send(connectTo(listener.target()));
+  everythingArrived.set_value();
+  // Two turns: until it is accepted, and until its request is read. Without turns it is several
+  // times as much.
+  EXPECT_LE(movedBeforeLookup.get_future().get(), 2'000'000U);
+  EXPECT_EQ(client.receive(kEstablished.size()), kEstablished);
 }
 
 TEST_F(ConnectProxyTest, TakesAHeaderByteByByte) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -196,6 +197,36 @@ TEST_F(RelayTransferTest, AnIdleTunnelDoesNothingAndOwnsNothingButItsSockets) {
   const Activity activity = activityWithin(300ms);
   EXPECT_EQ(activity.wakeups, 0U);
   EXPECT_LT(activity.cpuTime, 20ms);
+}
+
+TEST_F(RelayTransferTest, AUserWithOneStreamDoesNotWaitForManyOfAnother) {
+  constexpr int kManyStreams = 40;
+  const auto many = std::make_shared<UserShare>();
+  const auto one = std::make_shared<UserShare>();
+  std::vector<Connected> connected;
+  for (int stream = 0; stream <= kManyStreams; ++stream) {
+    // The last one is the other user's, and so the last to become readable.
+    connected.push_back(connectFor(stream < kManyStreams ? many : one));
+  }
+  std::vector<std::size_t> order;
+  for (std::size_t stream = 0; stream < connected.size(); ++stream) {
+    connected[stream].connection->read(
+        1, limits::kBufferSize,
+        [&order, stream](auto /*data*/, auto /*error*/) { order.push_back(stream); });
+  }
+  drain();
+  std::promise<void> allArrived;
+  loop().post([&allArrived] { allArrived.get_future().wait(); });
+  for (Connected& each : connected) {
+    each.server.send(std::string(limits::kBufferSize / 2, 's'));
+    each.server.waitUntilAcknowledged();
+  }
+  allArrived.set_value();
+  ASSERT_TRUE(eventually([&] { return order.size() == connected.size(); }));
+  const auto place = std::find(order.begin(), order.end(), std::size_t{kManyStreams});
+  const auto before = static_cast<std::size_t>(place - order.begin());
+  EXPECT_GE(before, 1U);
+  EXPECT_LE(before * limits::kBufferSize / 2, limits::kBytesPerTurn);
 }
 
 TEST_F(RelayTransferTest, AStalledReaderCostsNothing) {

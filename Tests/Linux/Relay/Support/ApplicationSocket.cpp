@@ -1,11 +1,14 @@
 #include "Tests/Linux/Relay/Support/ApplicationSocket.h"
 
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
 #include <array>
 #include <cerrno>
+#include <thread>
 #include <utility>
 
 #include "Platform/Linux/KernelAddress.h"
@@ -86,6 +89,13 @@ void ApplicationSocket::send(std::string_view bytes) {
     const auto sent = ::send(descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     ASSERT_GT(sent, 0) << errno;
     bytes.remove_prefix(static_cast<std::size_t>(sent));
+  }
+}
+
+void ApplicationSocket::waitUntilAcknowledged() const {
+  int waiting = 1;
+  while (::ioctl(descriptor(), SIOCOUTQ, &waiting) == 0 && waiting > 0) {
+    std::this_thread::yield();
   }
 }
 

@@ -39,6 +39,8 @@ class ApplicationSocket {
 
   // Fails the test unless all is taken.
   void send(std::string_view bytes);
+  // Everything that was sent is in the peer's kernel.
+  void waitUntilAcknowledged() const;
   // As much as the kernel takes without waiting.
   std::size_t sendWithoutWaiting(std::size_t size);
   // Fewer bytes only at the end of the stream or after a failure.

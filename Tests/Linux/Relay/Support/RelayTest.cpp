@@ -112,9 +112,16 @@ RelayTest::CarriedFlow RelayTest::carryFlow() {
 }
 
 RelayTest::Connected RelayTest::connect() {
+  return connectFor(nullptr);
+}
+
+RelayTest::Connected RelayTest::connectFor(std::shared_ptr<UserShare> user) {
   ApplicationSocket listener("127.0.0.1");
   listener.listen();
-  auto connection = loops_.connect({"127.0.0.1", std::to_string(listener.local().port)});
+  auto connection = onLoop([&] {
+    const EventLoop::Service service(loop(), user);
+    return loops_.connect({"127.0.0.1", std::to_string(listener.local().port)});
+  });
   ApplicationSocket server = listener.accept();
   EXPECT_FALSE(write(*connection, "x"));
   EXPECT_EQ(server.receive(1).bytes, "x");

@@ -92,6 +92,8 @@ class RelayTest : public ::testing::Test {
   // the application, which the test need not know of.
   CarriedFlow carryFlow();
   Connected connect();
+  // For a tunnel of this user.
+  Connected connectFor(std::shared_ptr<UserShare> user);
 
   ReadOutcome read(LinuxTCPFlow& flow);
   ReadOutcome read(LinuxTCPConnection& connection, std::size_t minimum, std::size_t maximum);

@@ -1,0 +1,82 @@
+#include "Base/FairTurns.h"
+
+namespace ostravel {
+
+bool FairTurns::mayRunNow(Party party) const {
+  if (spent_ >= limits_.total) {
+    return false;
+  }
+  const auto line = lines_.find(party);
+  return line == lines_.end() ||
+         (line->second.waiting.empty() && line->second.spent < limits_.share);
+}
+
+void FairTurns::spend(Party party, std::size_t bytes) {
+  lines_[party].spent += bytes;
+  spent_ += bytes;
+  requestTurn();
+}
+
+void FairTurns::enqueue(Party party, Work work) {
+  Line& line = lines_[party];
+  line.waiting.push_back(std::move(work));
+  appendToOrder(party, line);
+  requestTurn();
+}
+
+void FairTurns::appendToOrder(Party party, Line& line) {
+  if (!std::exchange(line.isInOrder, true)) {
+    order_.push_back(party);
+  }
+}
+
+void FairTurns::requestTurn() {
+  if (!std::exchange(isTurnRequested_, true)) {
+    later_([this] { takeTurn(); });
+  }
+}
+
+void FairTurns::takeTurn() {
+  isTurnRequested_ = false;
+  beginTurn();
+  for (std::size_t parties = order_.size(); parties > 0 && spent_ < limits_.total; --parties) {
+    const Party party = order_.front();
+    order_.pop_front();
+    serve(party);
+  }
+  if (!order_.empty()) {
+    requestTurn();
+  }
+}
+
+void FairTurns::beginTurn() {
+  spent_ = 0;
+  std::erase_if(lines_, [](const auto& entry) { return entry.second.waiting.empty(); });
+  for (auto& [party, line] : lines_) {
+    line.spent = 0;
+  }
+}
+
+void FairTurns::serve(Party party) {
+  // Stays where it is while the work adds lines.
+  Line& line = lines_[party];
+  line.isInOrder = false;
+  while (!line.waiting.empty() && line.spent < limits_.share && spent_ < limits_.total) {
+    const Work work = std::move(line.waiting.front());
+    line.waiting.pop_front();
+    spend(party, kCostOfOperation);
+    work();
+  }
+  if (line.waiting.empty()) {
+    return;
+  }
+  if (line.spent < limits_.share) {
+    // Cut short by the total, so it is the first next time.
+    order_.push_front(party);
+    line.isInOrder = true;
+  } else {
+    appendToOrder(party, line);
+  }
+}
+
+}  // namespace ostravel

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <unordered_map>
+#include <utility>
+
+namespace ostravel {
+
+// Divides the time of an event loop between parties that move bytes, and keeps it free for
+// everything else: between two turns, whatever has become ready in the meantime is handled. Without
+// it, a thousand streams of one user that become ready together are served before a new connection
+// of another user.
+//
+// In each turn a party may spend a share, and all parties together a total. What is beyond that
+// waits in line: by party, and in each line in order. One thread only.
+class FairTurns {
+ public:
+  // Identifies a party; never dereferenced. Null is a party as well.
+  using Party = const void*;
+  using Work = std::function<void()>;
+
+  // What an operation costs in addition to its bytes, so that a party cannot fill the loop with
+  // small ones: about as much time as it takes to move this many bytes.
+  static constexpr std::size_t kCostOfOperation = 16 * 1024;
+
+  struct Limits {
+    // In one turn, in bytes: of a party, and of all together.
+    std::size_t share;
+    std::size_t total;
+  };
+
+  // later(work): has to run the work on the loop, after everything that is ready by then.
+  FairTurns(Limits limits, std::function<void(Work)> later)
+      : limits_(limits), later_(std::move(later)) {}
+  FairTurns(const FairTurns&) = delete;
+  FairTurns& operator=(const FairTurns&) = delete;
+
+  // Runs the work now, or, when the party has spent its share or already waits, in a later turn.
+  // Work that is destroyed with this object never runs.
+  template <typename Callable>
+  void run(Party party, Callable&& work) {
+    if (mayRunNow(party)) {
+      spend(party, kCostOfOperation);
+      work();
+    } else {
+      enqueue(party, Work(std::forward<Callable>(work)));
+    }
+  }
+
+  // Work of the party, whether or not it came through run(), costs this much in addition.
+  void spend(Party party, std::size_t bytes);
+
+ private:
+  struct Line {
+    std::size_t spent = 0;
+    std::deque<Work> waiting;
+    // Its party is in order_.
+    bool isInOrder = false;
+  };
+
+  bool mayRunNow(Party party) const;
+  void enqueue(Party party, Work work);
+  void appendToOrder(Party party, Line& line);
+  void requestTurn();
+  void takeTurn();
+  void beginTurn();
+  void serve(Party party);
+
+  const Limits limits_;
+  const std::function<void(Work)> later_;
+  // Parties that have spent something in this turn or wait.
+  std::unordered_map<Party, Line> lines_;
+  // Those that wait, next one first.
+  std::deque<Party> order_;
+  std::size_t spent_ = 0;
+  bool isTurnRequested_ = false;
+};
+
+}  // namespace ostravel
