@@ -47,11 +47,6 @@ void keepAlive(int listener) {
   set(IPPROTO_TCP, TCP_KEEPCNT, limits::kKeepAliveProbes);
 }
 
-void resetConnection(FileDescriptor connection) {
-  const linger immediately{.l_onoff = 1, .l_linger = 0};
-  ::setsockopt(connection.get(), SOL_SOCKET, SO_LINGER, &immediately, sizeof immediately);
-}
-
 }  // namespace
 
 FlowListener::FlowListener(EventLoop& loop)
@@ -76,6 +71,7 @@ void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
   const std::uint32_t mark = loop_.marks().own();
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   keepAlive(descriptor.get());
+  LoopSocket::resetUnlessClosed(descriptor.get());
   KernelAddress bound;
   if (::bind(descriptor.get(), wanted.get(), wanted.size) != 0 ||
       ::listen(descriptor.get(), limits::kListenBacklog) != 0 ||
@@ -143,7 +139,7 @@ void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
   FileDescriptor connection(descriptor);
   const auto waiter = take(descriptor, peer);
   if (!waiter) {
-    resetConnection(std::move(connection));
+    // Closing it resets it, as every socket of this listener.
     return;
   }
   LoopSocket socket(loop_, connection.release());

@@ -13,6 +13,7 @@ namespace ostravel::linuxplatform {
 void LingeringSocket::start(EventLoop& loop, LoopSocket socket) {
   // Whoever owned the socket before may still have been waiting for it.
   socket.giveUpWaiting();
+  socket.letEndInOrder();
   std::make_shared<LingeringSocket>(Private(), loop, std::move(socket))->discard();
 }
 

@@ -89,6 +89,7 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
   // Without the permission to set it nothing is intercepted that could be confused with this.
   const std::uint32_t mark = stream_.loop().marks().own();
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
+  LoopSocket::resetUnlessClosed(descriptor.get());
   if (::connect(descriptor.get(), address.get(), address.size) != 0 && errno != EINPROGRESS &&
       errno != EINTR) {
     return errno;

@@ -19,7 +19,7 @@ LoopSocket::LoopSocket(EventLoop& loop, int descriptor) {
   asio::error_code error;
   reactor_->assign(owned.get(), error);
   if (error) {
-    close();
+    giveUp();
     return;
   }
   owned.release();
@@ -31,6 +31,7 @@ LoopSocket::LoopSocket(LoopSocket&& other) noexcept {
 
 LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
   lease_ = std::move(other.lease_);
+  endsInOrder_ = other.endsInOrder_;
   reactor_ = std::move(other.reactor_);
   other.reactor_.reset();
   return *this;
@@ -62,15 +63,31 @@ LoopSocket::Discarded LoopSocket::discardArrived(std::uint64_t& total) {
   return Discarded::some;
 }
 
+void LoopSocket::resetUnlessClosed(int descriptor) {
+  const linger immediately{.l_onoff = 1, .l_linger = 0};
+  ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &immediately, sizeof immediately);
+}
+
 void LoopSocket::reset() {
   if (isOpen()) {
-    const linger immediately{.l_onoff = 1, .l_linger = 0};
-    ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &immediately, sizeof immediately);
-    close();
+    resetUnlessClosed(descriptor());
+    giveUp();
+  }
+}
+
+void LoopSocket::letEndInOrder() {
+  if (isOpen() && !std::exchange(endsInOrder_, true)) {
+    const linger inBackground{.l_onoff = 0, .l_linger = 0};
+    ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &inBackground, sizeof inBackground);
   }
 }
 
 void LoopSocket::close() {
+  letEndInOrder();
+  giveUp();
+}
+
+void LoopSocket::giveUp() {
   reactor_.reset();
   lease_ = DescriptorBudget::Lease();
 }

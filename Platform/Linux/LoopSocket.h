@@ -54,6 +54,14 @@ class LoopSocket {
   // Throws away what has arrived, without copying it, and adds its size to total.
   Discarded discardArrived(std::uint64_t& total);
 
+  // Makes a reset the way in which the socket ends unless it is closed in order, also when the
+  // process is killed: a stream that was cut off must not look complete. Sockets inherit it from
+  // the listener that accepts them.
+  static void resetUnlessClosed(int descriptor);
+
+  // From now on the kernel ends the connection in order when the process is killed.
+  void letEndInOrder();
+
   // Ends the connection at once: the peer sees a reset, and what was on its way is lost.
   void reset();
   // Leaves the rest to the kernel: what was sent still arrives, unless bytes that nobody has read,
@@ -63,7 +71,10 @@ class LoopSocket {
  private:
   using Descriptor = asio::posix::basic_stream_descriptor<asio::io_context::executor_type>;
 
+  void giveUp();
+
   DescriptorBudget::Lease lease_;
+  bool endsInOrder_ = false;
   std::optional<Descriptor> reactor_;
 };
 
