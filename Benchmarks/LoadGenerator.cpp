@@ -38,8 +38,8 @@
 #include <utility>
 #include <vector>
 
-#include "Platform/Linux/FileDescriptor.h"
-#include "Platform/Linux/KernelAddress.h"
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
 
 namespace {
 

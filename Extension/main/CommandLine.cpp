@@ -14,9 +14,9 @@
 #include <system_error>
 #include <utility>
 
-#include "Platform/Linux/ConfigurationFile.h"
-#include "Platform/Linux/LogLine.h"
-#include "Platform/Linux/SystemUsers.h"
+#include "Extension/main/ConfigurationFile.h"
+#include "Platform/Linux/Processes/SystemUsers.h"
+#include "Platform/Linux/Services/LogLine.h"
 
 namespace ostravel {
 

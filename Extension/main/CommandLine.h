@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/LinuxPlatform.h"
-#include "Platform/Linux/PacketMarks.h"
 
 namespace ostravel {
 

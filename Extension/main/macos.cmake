@@ -1,4 +1,4 @@
-# The system extension, and the application that carries it. Built on a Mac only:
+# The system extension, and around it the application that carries it. Built on a Mac only:
 #
 #   Ostravel.app/Contents/MacOS/ostravel-host
 #   Ostravel.app/Contents/Library/SystemExtensions/<identifier>.systemextension
@@ -36,18 +36,7 @@ set_target_properties(ostravel_system_extension PROPERTIES
 target_compile_options(ostravel_system_extension PRIVATE -fno-objc-arc)
 target_link_libraries(ostravel_system_extension PRIVATE FilterDataProvider PlatformMacOS)
 
-add_executable(ostravel-host MACOSX_BUNDLE
-  ${OSTRAVEL_PACKAGING}/Host/HostCommand.cpp
-  ${OSTRAVEL_PACKAGING}/Host/HostOutput.mm
-  ${OSTRAVEL_PACKAGING}/Host/OVHostController.mm
-  ${OSTRAVEL_PACKAGING}/Host/OVProxyStart.mm
-  ${OSTRAVEL_PACKAGING}/Host/main.mm)
-set_target_properties(ostravel-host PROPERTIES
-  MACOSX_BUNDLE_INFO_PLIST ${OSTRAVEL_PACKAGING}/Host-Info.plist.in)
-target_compile_options(ostravel-host PRIVATE -fno-objc-arc)
-target_link_libraries(ostravel-host PRIVATE ostravel_options ProxyTunnelCore
-  "-framework CoreFoundation" "-framework Foundation" "-framework NetworkExtension"
-  "-framework SystemExtensions")
+add_subdirectory(${PROJECT_SOURCE_DIR}/Host/macOS ${PROJECT_BINARY_DIR}/Host/macOS)
 
 # The application as it is signed and installed.
 set(OSTRAVEL_APPLICATION ${PROJECT_BINARY_DIR}/Ostravel.app)

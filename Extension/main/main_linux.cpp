@@ -11,20 +11,20 @@
 #include <string>
 #include <variant>
 
+#include "Base/FileDescriptor.h"
 #include "Base/LineOutput.h"
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 #include "Extension/main/CommandLine.h"
-#include "Platform/Linux/ConfigurationFile.h"
-#include "Platform/Linux/DescriptorBudget.h"
-#include "Platform/Linux/EventLoopGroup.h"
-#include "Platform/Linux/FileDescriptor.h"
-#include "Platform/Linux/Guardian.h"
-#include "Platform/Linux/Heartbeat.h"
-#include "Platform/Linux/HeartbeatRecord.h"
-#include "Platform/Linux/HeartbeatThreads.h"
+#include "Extension/main/ConfigurationFile.h"
+#include "Extension/main/Privileges.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
-#include "Platform/Linux/Privileges.h"
+#include "Platform/Linux/Liveness/Guardian.h"
+#include "Platform/Linux/Liveness/Heartbeat.h"
+#include "Platform/Linux/Liveness/HeartbeatRecord.h"
+#include "Platform/Linux/Liveness/HeartbeatThreads.h"
+#include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Services/DescriptorBudget.h"
 
 namespace {
 

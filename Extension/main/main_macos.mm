@@ -6,7 +6,7 @@
 
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 #import "Platform/macOS/MacPlatform.h"
-#import "Platform/macOS/OVPacketTunnelProvider.h"
+#import "Platform/macOS/Provider/OVPacketTunnelProvider.h"
 
 using namespace ostravel;
 

@@ -4,11 +4,11 @@
 
 #include <utility>
 
-#include "Platform/Linux/CrashHandler.h"
-#include "Platform/Linux/JournalLog.h"
-#include "Platform/Linux/LinuxDispatchQueue.h"
-#include "Platform/Linux/LinuxDispatchTimer.h"
-#include "Platform/Linux/StderrLog.h"
+#include "Platform/Linux/Liveness/CrashHandler.h"
+#include "Platform/Linux/Services/JournalLog.h"
+#include "Platform/Linux/Services/LinuxDispatchQueue.h"
+#include "Platform/Linux/Services/LinuxDispatchTimer.h"
+#include "Platform/Linux/Services/StderrLog.h"
 
 namespace ostravel::linuxplatform {
 

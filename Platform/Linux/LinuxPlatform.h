@@ -7,13 +7,13 @@
 #include <string_view>
 
 #include "Base/BackgroundWriter.h"
-#include "Platform/ICU/ICUTextServices.h"
 #include "Platform/Interface/Platform.h"
-#include "Platform/Linux/LinuxSocketCalls.h"
-#include "Platform/Linux/RandomUUIDSource.h"
-#include "Platform/Linux/TimerService.h"
-#include "Platform/Linux/WorkerPool.h"
-#include "Platform/POSIX/PosixClock.h"
+#include "Platform/Linux/Services/LinuxSocketCalls.h"
+#include "Platform/Linux/Services/RandomUUIDSource.h"
+#include "Platform/Linux/Services/TimerService.h"
+#include "Platform/Linux/Services/WorkerPool.h"
+#include "Platform/Shared/ICUTextServices.h"
+#include "Platform/Shared/PosixClock.h"
 
 namespace ostravel::linuxplatform {
 

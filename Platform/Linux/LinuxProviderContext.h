@@ -10,10 +10,10 @@
 
 #include "Platform/Interface/Platform.h"
 #include "Platform/Interface/TransparentProxyProvider.h"
-#include "Platform/Linux/DescriptorBudget.h"
-#include "Platform/Linux/EventLoopGroup.h"
-#include "Platform/Linux/Heartbeat.h"
-#include "Platform/Linux/Interceptor.h"
+#include "Platform/Linux/Interception/Interceptor.h"
+#include "Platform/Linux/Liveness/Heartbeat.h"
+#include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Services/DescriptorBudget.h"
 
 namespace ostravel::linuxplatform {
 

@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/ICU/ICUTextServices.h"
 #include "Platform/Interface/Platform.h"
 #include "Platform/Interface/TransparentProxyProvider.h"
+#include "Platform/Shared/ICUTextServices.h"
 #include "Platform/Simulation/FaultPlan.h"
 #include "Platform/Simulation/RunState.h"
 #include "Platform/Simulation/SimulatedClock.h"

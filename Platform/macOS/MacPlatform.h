@@ -1,11 +1,11 @@
 #pragma once
 
 #include "Platform/Interface/Platform.h"
-#include "Platform/POSIX/PosixSocketCalls.h"
-#include "Platform/macOS/CoreFoundationTextServices.h"
-#include "Platform/macOS/FoundationClock.h"
-#include "Platform/macOS/FoundationUUIDSource.h"
-#import "Platform/macOS/UnifiedLog.h"
+#include "Platform/Shared/PosixSocketCalls.h"
+#include "Platform/macOS/Foundation/CoreFoundationTextServices.h"
+#include "Platform/macOS/Foundation/FoundationClock.h"
+#include "Platform/macOS/Foundation/FoundationUUIDSource.h"
+#import "Platform/macOS/Foundation/UnifiedLog.h"
 
 namespace ostravel::macos {
 

@@ -4,9 +4,9 @@
 
 #include <utility>
 
-#import "Platform/macOS/FoundationText.h"
-#import "Platform/macOS/SystemDispatchQueue.h"
-#import "Platform/macOS/SystemDispatchTimer.h"
+#import "Platform/macOS/Dispatch/SystemDispatchQueue.h"
+#import "Platform/macOS/Dispatch/SystemDispatchTimer.h"
+#import "Platform/macOS/Foundation/FoundationText.h"
 
 namespace ostravel::macos {
 

@@ -11,12 +11,12 @@
 #include <variant>
 #include <vector>
 
-#include "Platform/Linux/EventLoop.h"
-#include "Platform/Linux/FlowListener.h"
-#include "Platform/Linux/FlowTuple.h"
-#include "Platform/Linux/HeldPacket.h"
-#include "Platform/Linux/KernelAddress.h"
-#include "Platform/Linux/LinuxTCPFlow.h"
+#include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Relay/EventLoop.h"
+#include "Platform/Linux/Relay/FlowListener.h"
+#include "Platform/Linux/Relay/HeldPacket.h"
+#include "Platform/Linux/Relay/LinuxTCPFlow.h"
 #include "Tests/Contract/ContractPlatforms.h"
 
 namespace ostravel::contract {

@@ -2,10 +2,10 @@
 
 #include <memory>
 
-#include "Platform/Linux/DescriptorBudget.h"
-#include "Platform/Linux/EventLoopGroup.h"
-#include "Platform/Linux/InterceptionTable.h"
+#include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Tests/Contract/ContractEnvironment.h"
 #include "Tests/Contract/SocketPeers.h"
 

@@ -19,20 +19,18 @@ BASE = "Base"
 INTERFACE = "Platform/Interface"
 CORE = "Extension/ProxyTunnelCore"
 PROVIDER = "Extension/FilterDataProvider"
-POSIX = "Platform/POSIX"
-ICU = "Platform/ICU"
+SHARED = "Platform/Shared"
 
 # Folder -> the folders whose headers it may include.
 ALLOWED_FOLDERS = {
     INTERFACE: {INTERFACE},
     CORE: {CORE, INTERFACE},
     PROVIDER: {PROVIDER, CORE, INTERFACE},
-    POSIX: {POSIX, INTERFACE},
-    ICU: {ICU, INTERFACE},
+    SHARED: {SHARED, INTERFACE},
     BASE: {BASE},
-    "Platform/Linux": {"Platform/Linux", POSIX, ICU, INTERFACE, BASE},
-    "Platform/macOS": {"Platform/macOS", POSIX, ICU, INTERFACE},
-    "Platform/Simulation": {"Platform/Simulation", POSIX, ICU, INTERFACE},
+    "Platform/Linux": {"Platform/Linux", SHARED, INTERFACE, BASE},
+    "Platform/macOS": {"Platform/macOS", SHARED, INTERFACE},
+    "Platform/Simulation": {"Platform/Simulation", SHARED, INTERFACE},
     "Companion": {"Companion", BASE},
 }
 

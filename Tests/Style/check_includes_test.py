@@ -13,13 +13,13 @@ class IncludeCheck(unittest.TestCase):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.root = pathlib.Path(folder.name)
-        for header in ("Platform/Interface/Clock.h", "Platform/Linux/EventLoop.h",
-                       "Platform/Simulation/Simulation.h", "Platform/POSIX/PosixClock.h",
-                       "Platform/ICU/ICUTextServices.h", "Platform/macOS/MacPlatform.h",
+        for header in ("Platform/Interface/Clock.h", "Platform/Linux/Relay/EventLoop.h",
+                       "Platform/Simulation/Simulation.h", "Platform/Shared/PosixClock.h",
+                       "Platform/Shared/ICUTextServices.h", "Platform/macOS/MacPlatform.h",
                        "Extension/ProxyTunnelCore/UTF8.h",
                        "Extension/FilterDataProvider/DomainList.h",
-                       "Extension/main/CommandLine.h", "Companion/HostPort.h",
-                       "Tests/Core/Support/Bytes.h"):
+                       "Extension/main/CommandLine.h", "Companion/Sidecar/HostPort.h",
+                       "Tests/Extension/Support/Bytes.h"):
             self.write(header, "#pragma once\n")
 
     def write(self, path, text):
@@ -59,8 +59,9 @@ class IncludeCheck(unittest.TestCase):
                              '#include "Extension/ProxyTunnelCore/UTF8.h"')
 
     def test_the_core_may_not_use_a_platform(self):
-        for platform in ("Linux/EventLoop.h", "Simulation/Simulation.h", "POSIX/PosixClock.h",
-                         "ICU/ICUTextServices.h", "macOS/MacPlatform.h"):
+        for platform in ("Linux/Relay/EventLoop.h", "Simulation/Simulation.h",
+                         "Shared/PosixClock.h", "Shared/ICUTextServices.h",
+                         "macOS/MacPlatform.h"):
             self.assert_rejected("Extension/ProxyTunnelCore/New.cpp",
                                  f'#include "Platform/{platform}"')
 
@@ -74,22 +75,22 @@ class IncludeCheck(unittest.TestCase):
     def test_platforms_may_use_the_shared_parts(self):
         for platform in ("Linux", "macOS", "Simulation"):
             self.assert_accepted(f"Platform/{platform}/New.cpp",
-                                 '#include "Platform/POSIX/PosixClock.h"',
-                                 '#include "Platform/ICU/ICUTextServices.h"')
+                                 '#include "Platform/Shared/PosixClock.h"',
+                                 '#include "Platform/Shared/ICUTextServices.h"')
 
     def test_the_shared_parts_may_not_use_a_platform(self):
-        self.assert_rejected("Platform/POSIX/New.cpp", '#include "Platform/Linux/EventLoop.h"')
+        self.assert_rejected("Platform/Shared/New.cpp", '#include "Platform/Linux/Relay/EventLoop.h"')
 
     def test_the_companion_stands_alone(self):
-        self.assert_accepted("Companion/New.cpp", '#include "Companion/HostPort.h"')
+        self.assert_accepted("Companion/New.cpp", '#include "Companion/Sidecar/HostPort.h"')
         self.assert_rejected("Companion/New.cpp", '#include "Platform/Interface/Clock.h"')
 
     def test_nothing_may_use_the_programs_or_the_tests(self):
         self.assert_rejected("Platform/Linux/New.cpp", '#include "Extension/main/CommandLine.h"')
-        self.assert_rejected("Platform/Linux/New.cpp", '#include "Tests/Core/Support/Bytes.h"')
+        self.assert_rejected("Platform/Linux/New.cpp", '#include "Tests/Extension/Support/Bytes.h"')
 
     def test_the_programs_may_use_everything(self):
-        self.assert_accepted("Extension/main/New.cpp", '#include "Platform/Linux/EventLoop.h"',
+        self.assert_accepted("Extension/main/New.cpp", '#include "Platform/Linux/Relay/EventLoop.h"',
                              '#include "Extension/FilterDataProvider/DomainList.h"')
 
     def test_includes_are_written_from_the_root(self):
@@ -126,7 +127,7 @@ class IncludeCheck(unittest.TestCase):
         self.assert_accepted("Platform/Simulation/New.cpp", "#include <random>")
 
     def test_objective_c_includes_count(self):
-        self.assert_rejected("Platform/macOS/New.mm", '#import "Platform/Linux/EventLoop.h"')
+        self.assert_rejected("Platform/macOS/New.mm", '#import "Platform/Linux/Relay/EventLoop.h"')
 
 
 if __name__ == "__main__":

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <array>
+#include <asio/local/stream_protocol.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Companion/Monitor/EventFrameReader.h"
+#include "Companion/Monitor/ReceivedEvent.h"
+
+namespace ostravel::companion {
+
+// How long a connection may take. Tests shorten them.
+struct EventLimits {
+  // For the whole frame: a sender has it at hand and writes it at once.
+  std::chrono::milliseconds frame = std::chrono::seconds(10);
+  // For the end of the stream behind a whole frame. A sender that does not end still has its event
+  // shown soon, one that adds bytes is still found out.
+  std::chrono::milliseconds end = std::chrono::milliseconds(250);
+};
+
+// Where the events and the complaints go. Outlives the io_context's run.
+struct EventSinks {
+  std::function<void(const ReceivedEvent&)> event;
+  std::function<void(std::string_view problem)> malformed;
+  std::function<void()> closed;  // a descriptor is free again
+};
+
+// Reads the one event of one connection. Kept alive by its own outstanding read; runs on the
+// io_context's thread. Reports exactly once: the event or what is wrong with it.
+class EventConnection : public std::enable_shared_from_this<EventConnection> {
+ public:
+  using Socket = asio::local::stream_protocol::socket;
+
+  EventConnection(Socket socket, const EventSinks& sinks, EventLimits limits);
+
+  void start();
+
+ private:
+  void read();
+  void received(std::string_view bytes);
+  void limit(std::chrono::milliseconds time);
+  void expired();
+  void deliver();
+  void reject(std::string_view problem);
+  void close();
+
+  Socket socket_;
+  const EventSinks& sinks_;
+  EventLimits limits_;
+  asio::steady_timer deadline_;
+  EventFrameReader frame_;
+  std::array<char, 16 * 1024> bytes_;
+};
+
+}  // namespace ostravel::companion

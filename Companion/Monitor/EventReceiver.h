@@ -1,0 +1,31 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/local/stream_protocol.hpp>
+#include <functional>
+#include <string_view>
+
+#include "Companion/Monitor/EventConnection.h"
+#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Shared/AcceptLoop.h"
+
+namespace ostravel::companion {
+
+// Receives events, each over a connection of its own and any number of them at once, so that a
+// slow sender holds up nobody. Must outlive the run of its io_context.
+class EventReceiver {
+ public:
+  using EventSink = std::function<void(const ReceivedEvent&)>;
+  using ProblemSink = std::function<void(std::string_view problem)>;
+
+  // `listeningDescriptor` stays the caller's; this works on a duplicate of it. Throws
+  // std::system_error when there is none to be had.
+  EventReceiver(asio::io_context& ioContext, int listeningDescriptor, EventSink event,
+                ProblemSink malformed, EventLimits limits = {});
+
+ private:
+  EventSinks sinks_;
+  AcceptLoop<asio::local::stream_protocol> acceptLoop_;
+};
+
+}  // namespace ostravel::companion

@@ -1,0 +1,161 @@
+#include "Companion/Monitor/ReceivedEvent.h"
+
+#include <jansson.h>
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <memory>
+
+#include "Base/CompactJson.h"
+
+namespace ostravel::companion {
+namespace {
+
+constexpr std::string_view kEventType = "extension_proxy_event";
+constexpr const char* kAppIdKey = "app_id";
+
+struct JsonDeleter {
+  void operator()(json_t* json) const { json_decref(json); }
+};
+using Json = std::unique_ptr<json_t, JsonDeleter>;
+
+enum class Presence { kRequired, kOptional };
+
+struct Key {
+  const char* name;
+  json_type type;  // JSON_REAL stands for every number
+  Presence presence;
+};
+
+constexpr std::array kKeys = {
+    Key{"message_id", JSON_STRING, Presence::kRequired},
+    Key{"timestamp", JSON_REAL, Presence::kRequired},
+    Key{"logged_at", JSON_STRING, Presence::kRequired},
+    Key{"type", JSON_STRING, Presence::kRequired},
+    Key{"current_signal", JSON_STRING, Presence::kRequired},
+    Key{"component", JSON_STRING, Presence::kRequired},
+    Key{"level", JSON_STRING, Presence::kRequired},
+    Key{"code", JSON_STRING, Presence::kRequired},
+    Key{"message", JSON_STRING, Presence::kRequired},
+    Key{"flow_id", JSON_STRING, Presence::kOptional},
+    Key{"metrics", JSON_OBJECT, Presence::kOptional},
+    Key{"context", JSON_OBJECT, Presence::kOptional},
+};
+
+const char* typeName(json_type type) {
+  switch (type) {
+    case JSON_STRING:
+      return "a string";
+    case JSON_OBJECT:
+      return "an object";
+    default:
+      return "a number";
+  }
+}
+
+bool hasType(const json_t* value, json_type type) {
+  return type == JSON_REAL ? json_is_number(value) : json_typeof(value) == type;
+}
+
+std::string quoted(std::string_view key) {
+  return "\"" + std::string(key) + "\"";
+}
+
+// Empty when all is well.
+std::string problemOfKeys(const json_t* event) {
+  for (const Key& key : kKeys) {
+    const json_t* value = json_object_get(event, key.name);
+    if (value == nullptr) {
+      if (key.presence == Presence::kRequired) {
+        return quoted(key.name) + " is missing";
+      }
+      continue;
+    }
+    if (!hasType(value, key.type)) {
+      return quoted(key.name) + " is not " + typeName(key.type);
+    }
+  }
+  return {};
+}
+
+std::string problemOfMembers(json_t* event, const char* name, json_type type) {
+  const char* key = nullptr;
+  json_t* value = nullptr;
+  json_object_foreach(json_object_get(event, name), key, value) {
+    if (!hasType(value, type)) {
+      return quoted(key) + " of " + quoted(name) + " is not " + typeName(type);
+    }
+  }
+  return {};
+}
+
+std::string text(const json_t* string) {
+  return {json_string_value(string), json_string_length(string)};
+}
+
+std::string textOf(const json_t* event, const char* key) {
+  return text(json_object_get(event, key));
+}
+
+// Numbers are measurements: what is behind a thousandth tells a person nothing.
+double rounded(double number) {
+  constexpr double kThousand = 1000.0;
+  // From here on there is nothing behind a thousandth.
+  constexpr double kLargest = 1e13;
+  return std::abs(number) < kLargest ? std::round(number * kThousand) / kThousand : number;
+}
+
+std::string numberText(const json_t* number) {
+  std::array<char, 32> digits{};
+  char* const end = digits.data() + digits.size();
+  const auto result = json_is_integer(number)
+                          ? std::to_chars(digits.data(), end, json_integer_value(number))
+                          : std::to_chars(digits.data(), end, rounded(json_real_value(number)));
+  return {digits.data(), result.ptr};
+}
+
+}  // namespace
+
+std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body) {
+  json_error_t error{};
+  const Json event(json_loadb(body.data(), body.size(), JSON_REJECT_DUPLICATES, &error));
+  if (!event) {
+    return "not JSON: " + std::string(error.text);
+  }
+  if (!json_is_object(event.get())) {
+    return "not a JSON object";
+  }
+  for (const std::string& problem :
+       {problemOfKeys(event.get()), problemOfMembers(event.get(), "context", JSON_STRING),
+        problemOfMembers(event.get(), "metrics", JSON_REAL)}) {
+    if (!problem.empty()) {
+      return problem;
+    }
+  }
+  if (textOf(event.get(), "type") != kEventType) {
+    return "\"type\" is not " + quoted(kEventType);
+  }
+
+  ReceivedEvent result;
+  result.timestamp = json_number_value(json_object_get(event.get(), "timestamp"));
+  result.level = textOf(event.get(), "level");
+  result.signal = textOf(event.get(), "current_signal");
+  result.message = textOf(event.get(), "message");
+  const char* key = nullptr;
+  json_t* value = nullptr;
+  json_object_foreach(json_object_get(event.get(), "context"), key, value) {
+    if (std::string_view(key) == kAppIdKey) {
+      result.appId = text(value);
+    } else {
+      result.details.emplace_back(key, text(value));
+    }
+  }
+  json_object_foreach(json_object_get(event.get(), "metrics"), key, value) {
+    result.details.emplace_back(key, numberText(value));
+  }
+  result.json = compactJson(body);
+  return result;
+}
+
+}  // namespace ostravel::companion

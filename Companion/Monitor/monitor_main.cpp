@@ -1,0 +1,102 @@
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+#include <string>
+#include <system_error>
+
+#include "Base/DescriptorLimit.h"
+#include "Base/PrintableText.h"
+#include "Companion/Monitor/EventLine.h"
+#include "Companion/Monitor/EventReceiver.h"
+#include "Companion/Monitor/EventSocket.h"
+#include "Companion/Shared/CommandLine.h"
+#include "Companion/Shared/QueuedOutput.h"
+
+namespace {
+
+using namespace ostravel::companion;
+
+// See https://no-color.org: what the variable says does not matter, only that it is there.
+Colour colourOfOutput() {
+  const bool wanted = ::isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
+  return wanted ? Colour::kTerminal : Colour::kNone;
+}
+
+// Of each of two buffers: a line can be longer than the largest frame, 1 MiB, because characters
+// that a terminal obeys are written as several; and thousands of usual events are some seconds of a
+// flood.
+constexpr std::size_t kOutputCapacity = std::size_t{4} * 1024 * 1024;
+
+std::string droppedLine(std::size_t count) {
+  return "ostravel-monitor: events dropped: " + std::to_string(count);
+}
+
+// A reader that went away is a person ending the program.
+bool isOrderlyEnd(std::error_code error) {
+  return !error || error == std::errc::broken_pipe;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Shows the events of the extension as they happen.", "ostravel-monitor");
+  std::string path;
+  bool asJson = false;
+  app.add_option("--socket", path, "Listen on this UNIX socket")->option_text("PATH")->required();
+  app.add_flag("--json", asJson, "Print each event as one line of JSON");
+  if (const std::optional<int> status = readCommandLine(app, argc, argv)) {
+    return *status;
+  }
+
+  std::signal(SIGPIPE, SIG_IGN);
+  raiseDescriptorLimit();
+
+  asio::io_context ioContext(1);
+  asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
+  endSignals.async_wait([&ioContext](asio::error_code, int) { ioContext.stop(); });
+
+  QueuedOutput complaints(STDERR_FILENO, {.droppedLine = [](std::size_t count) {
+                            return "ostravel-monitor: lines dropped: " + std::to_string(count);
+                          }});
+  // Whatever the readers do, events are received, so that nothing waits in their sender.
+  QueuedOutput output(STDOUT_FILENO, {.capacity = kOutputCapacity,
+                                      // Not among the events, which a program may read.
+                                      .droppedLine =
+                                          [&complaints](std::size_t count) {
+                                            complaints.writeLine(droppedLine(count));
+                                            return std::string();
+                                          },
+                                      .failed = [&ioContext] { ioContext.stop(); }});
+  const Colour colour = colourOfOutput();
+  try {
+    const EventSocket socket(path);
+    const EventReceiver receiver(
+        ioContext, socket.descriptor(),
+        [&output, asJson, colour](const ReceivedEvent& event) {
+          output.writeLine(asJson ? event.json : eventLine(event, colour));
+        },
+        [&complaints](std::string_view problem) {
+          complaints.writeLine("ostravel-monitor: malformed frame: " + printableText(problem));
+        });
+    complaints.writeLine("ostravel-monitor listening on " + printableText(path));
+    ioContext.run();
+  } catch (const std::exception& error) {
+    return failUsage(app, "cannot listen on " + path + ": " + error.what());
+  }
+  output.flush();
+  int status = EXIT_SUCCESS;
+  if (!isOrderlyEnd(output.error())) {
+    complaints.writeLine("ostravel-monitor: cannot write: " + output.error().message());
+    status = EXIT_FAILURE;
+  }
+  complaints.flush();
+  // Not a return: that would wait for readers that have stalled.
+  std::_Exit(status);
+}

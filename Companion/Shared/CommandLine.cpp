@@ -1,0 +1,34 @@
+#include "Companion/Shared/CommandLine.h"
+
+#include <unistd.h>
+
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <chrono>
+
+#include "Base/LineOutput.h"
+#include "Base/PrintableText.h"
+
+namespace ostravel::companion {
+
+std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* argv) {
+  app.set_version_flag("--version", app.get_name() + " " OSTRAVEL_VERSION);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+      return app.exit(error);
+    }
+    return failUsage(app, error.what());
+  }
+  return std::nullopt;
+}
+
+int failUsage(const CLI::App& app, std::string_view problem) {
+  // Printable: the problem quotes what was typed, or pasted.
+  const std::string line = app.get_name() + ": " + printableText(problem) + '\n';
+  static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, std::chrono::seconds(1)));
+  return kExitUsage;
+}
+
+}  // namespace ostravel::companion

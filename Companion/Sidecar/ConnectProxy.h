@@ -1,0 +1,32 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <functional>
+
+#include "Companion/Shared/AcceptLoop.h"
+#include "Companion/Sidecar/ConnectSession.h"
+#include "Companion/Sidecar/TunnelLog.h"
+
+namespace ostravel::companion {
+
+// A local HTTP proxy that knows one method, CONNECT (RFC 9110, section 9.3.6), and carries any
+// number of tunnels on one thread. Must outlive the run of its io_context.
+class ConnectProxy {
+ public:
+  using Lookup = std::function<void(const HostPort&, LookupDone)>;
+
+  // Listens from here on; accepts once the io_context runs. Throws std::system_error when the
+  // address cannot be had. Port 0 lets the system choose.
+  ConnectProxy(asio::io_context& ioContext, const asio::ip::tcp::endpoint& address, Lookup lookUp,
+               TunnelLog log, SessionLimits limits = {});
+
+  // Where it listens, with the port it got.
+  asio::ip::tcp::endpoint address();
+
+ private:
+  AcceptLoop<asio::ip::tcp> acceptLoop_;
+  SessionEnvironment environment_;
+};
+
+}  // namespace ostravel::companion

@@ -1,0 +1,235 @@
+#include "Companion/Sidecar/ConnectSession.h"
+
+#include <asio/write.hpp>
+#include <utility>
+#include <variant>
+
+namespace ostravel::companion {
+namespace {
+
+constexpr std::string_view kEstablished = "HTTP/1.1 200 Connection established\r\n\r\n";
+
+// What is relayed has been put together by the two ends; holding back small pieces would only add
+// a delay to theirs.
+void sendWithoutDelay(asio::ip::tcp::socket& socket) {
+  asio::error_code ignored;
+  socket.set_option(asio::ip::tcp::no_delay(true), ignored);
+}
+
+}  // namespace
+
+ConnectSession::ConnectSession(Socket client, const SessionEnvironment& environment)
+    : client_(std::move(client)),
+      origin_(client_.get_executor()),
+      environment_(environment),
+      deadline_(client_.get_executor()) {}
+
+void ConnectSession::start() {
+  sendWithoutDelay(client_);
+  limitStep(environment_.limits.header, &ConnectSession::headerExpired);
+  readHeader();
+}
+
+void ConnectSession::readHeader() {
+  const std::span<char> space = header_.space();
+  client_.async_read_some(
+      asio::buffer(space.data(), space.size()),
+      [self = shared_from_this(), step = step_](asio::error_code error, std::size_t size) {
+        if (step != self->step_) {
+          return;  // Refused meanwhile, for taking too long.
+        }
+        if (!error) {
+          self->headerRead(self->header_.commit(size));
+          return;
+        }
+        if (error == asio::error::eof && !self->header_.empty()) {
+          // It may have ended only its sending side and still read the answer.
+          self->refuse(HttpStatus::kBadRequest, "ended within the request header");
+          return;
+        }
+        self->close();
+      });
+}
+
+void ConnectSession::headerRead(RequestHeader::State state) {
+  switch (state) {
+    case RequestHeader::State::kIncomplete:
+      readHeader();
+      break;
+    case RequestHeader::State::kComplete:
+      requestRead();
+      break;
+    case RequestHeader::State::kMalformed:
+      refuse(HttpStatus::kBadRequest, "a line of the request header does not end in CRLF");
+      break;
+    case RequestHeader::State::kTooLong:
+      refuse(HttpStatus::kHeaderTooLarge, {});
+      break;
+  }
+}
+
+void ConnectSession::requestRead() {
+  std::variant<ConnectRequest, HttpStatus> parsed = parseConnectRequest(header_.header());
+  if (const HttpStatus* status = std::get_if<HttpStatus>(&parsed)) {
+    refuse(*status, {});
+    return;
+  }
+  request_ = std::get<ConnectRequest>(std::move(parsed));
+  limitStep(environment_.limits.lookup, &ConnectSession::lookupExpired);
+  environment_.lookUp(request_.target, [self = shared_from_this(), step = step_](
+                                           asio::error_code error, const LookupResult& endpoints) {
+    if (step != self->step_) {
+      return;  // Refused meanwhile, for taking too long.
+    }
+    if (error) {
+      self->refuseUnreachable(error);
+      return;
+    }
+    self->endpoints_ = endpoints;
+    self->connectNext(asio::error::host_not_found);
+  });
+}
+
+void ConnectSession::connectNext(asio::error_code previousError) {
+  if (nextEndpoint_ == endpoints_.size()) {
+    refuseUnreachable(previousError);
+    return;
+  }
+  const asio::ip::tcp::endpoint endpoint = endpoints_[nextEndpoint_++];
+  asio::error_code error;
+  origin_.close(error);
+  origin_.open(endpoint.protocol(), error);
+  if (error) {
+    connectNext(error);
+    return;
+  }
+  connectExpired_ = false;
+  limitStep(environment_.limits.connect, &ConnectSession::connectExpired);
+  origin_.async_connect(endpoint, [self = shared_from_this()](asio::error_code connectError) {
+    if (self->connectExpired_) {
+      connectError = asio::error::timed_out;
+    }
+    if (connectError) {
+      self->connectNext(connectError);
+      return;
+    }
+    self->connected();
+  });
+}
+
+void ConnectSession::connected() {
+  endStep();
+  sendWithoutDelay(origin_);
+  environment_.log.established(request_, endpoints_[nextEndpoint_ - 1]);
+  asio::async_write(client_, asio::buffer(kEstablished),
+                    [self = shared_from_this()](asio::error_code error, std::size_t) {
+                      auto ended = [&environment = self->environment_,
+                                    request = self->request_](const TunnelRelay::Summary& summary) {
+                        environment.log.ended(request, summary);
+                        environment.ended();
+                      };
+                      if (error) {
+                        asio::error_code ignored;
+                        self->origin_.set_option(Socket::linger(true, 0), ignored);
+                        self->origin_.close(ignored);
+                        self->client_.close(ignored);
+                        ended({.outcome = TunnelRelay::Outcome::kReset});
+                        return;
+                      }
+                      const auto relay = std::make_shared<TunnelRelay>(
+                          std::move(self->client_), std::move(self->origin_),
+                          self->environment_.relays, std::move(ended));
+                      relay->start(self->header_.behind());
+                    });
+}
+
+void ConnectSession::refuseUnreachable(asio::error_code error) {
+  const bool timedOut = error == asio::error::timed_out;
+  refuse(timedOut ? HttpStatus::kGatewayTimeout : HttpStatus::kBadGateway, error.message());
+}
+
+void ConnectSession::refuse(HttpStatus status, std::string_view reason) {
+  endStep();
+  asio::error_code ignored;
+  origin_.close(ignored);
+  // A read of the header may still be outstanding when its time is up.
+  client_.cancel(ignored);
+  environment_.log.refused(request_, status, reason);
+  answer_ = refusalAnswer(status);
+  // Bounds the writing too: a client need not read.
+  limitStep(environment_.limits.linger, &ConnectSession::close);
+  asio::async_write(client_, asio::buffer(answer_),
+                    [self = shared_from_this()](asio::error_code error, std::size_t) {
+                      if (error) {
+                        self->close();
+                        return;
+                      }
+                      self->linger();
+                    });
+}
+
+// Closing while the client still sends would answer its bytes with a reset, and that reset can
+// overtake the answer in the client's own receive queue (RFC 9112, section 9.6).
+void ConnectSession::linger() {
+  asio::error_code ignored;
+  client_.shutdown(Socket::shutdown_send, ignored);
+  header_ = RequestHeader();
+  discard();
+}
+
+void ConnectSession::discard() {
+  const std::span<char> space = header_.space();
+  client_.async_read_some(asio::buffer(space.data(), space.size()),
+                          [self = shared_from_this()](asio::error_code error, std::size_t) {
+                            if (error) {
+                              self->close();
+                              return;
+                            }
+                            self->discard();
+                          });
+}
+
+void ConnectSession::close() {
+  if (!client_.is_open()) {
+    return;
+  }
+  endStep();
+  asio::error_code ignored;
+  client_.close(ignored);
+  environment_.ended();
+}
+
+void ConnectSession::limitStep(std::chrono::milliseconds limit, void (ConnectSession::*expired)()) {
+  deadline_.expires_after(limit);
+  deadline_.async_wait([self = shared_from_this(), step = ++step_, expired](asio::error_code) {
+    // The step decides and not the error: a timer that has already fired cannot be cancelled.
+    if (step == self->step_) {
+      (*self.*expired)();
+    }
+  });
+}
+
+void ConnectSession::endStep() {
+  ++step_;
+  deadline_.cancel();
+}
+
+void ConnectSession::headerExpired() {
+  if (header_.empty()) {
+    refuse(HttpStatus::kRequestTimeout, "no request came");
+    return;
+  }
+  refuse(HttpStatus::kRequestTimeout, "the request header did not end");
+}
+
+void ConnectSession::lookupExpired() {
+  refuse(HttpStatus::kGatewayTimeout, "name lookup");
+}
+
+void ConnectSession::connectExpired() {
+  connectExpired_ = true;
+  asio::error_code ignored;
+  origin_.close(ignored);
+}
+
+}  // namespace ostravel::companion

@@ -1,0 +1,69 @@
+#include "Companion/Sidecar/HostPort.h"
+
+#include <algorithm>
+#include <asio/ip/address_v6.hpp>
+#include <charconv>
+
+namespace ostravel::companion {
+namespace {
+
+// RFC 1035, section 2.3.4.
+constexpr std::size_t kLongestName = 255;
+
+bool isNameCharacter(char character) {
+  // Not std::isalnum: what a name may hold does not depend on a locale.
+  return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+         (character >= '0' && character <= '9') || character == '-' || character == '.' ||
+         character == '_';
+}
+
+bool isName(std::string_view host) {
+  return !host.empty() && host.size() <= kLongestName &&
+         std::all_of(host.begin(), host.end(), isNameCharacter);
+}
+
+bool isIpv6Address(std::string_view host) {
+  asio::error_code error;
+  asio::ip::make_address_v6(host, error);
+  return !error;
+}
+
+std::optional<std::uint16_t> parsePort(std::string_view text) {
+  std::uint16_t port = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  if (error != std::errc{} || end != text.data() + text.size()) {
+    return std::nullopt;
+  }
+  return port;
+}
+
+}  // namespace
+
+std::optional<HostPort> parseHostPort(std::string_view text) {
+  const std::size_t colon = text.rfind(':');
+  if (colon == std::string_view::npos) {
+    return std::nullopt;
+  }
+  const std::optional<std::uint16_t> port = parsePort(text.substr(colon + 1));
+  std::string_view host = text.substr(0, colon);
+  if (!port) {
+    return std::nullopt;
+  }
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+    if (!isIpv6Address(host)) {
+      return std::nullopt;
+    }
+  } else if (!isName(host)) {
+    return std::nullopt;
+  }
+  return HostPort{std::string(host), *port};
+}
+
+std::string toString(const HostPort& hostPort) {
+  const bool bracketed = hostPort.host.find(':') != std::string::npos;
+  const std::string host = bracketed ? "[" + hostPort.host + "]" : hostPort.host;
+  return host + ":" + std::to_string(hostPort.port);
+}
+
+}  // namespace ostravel::companion

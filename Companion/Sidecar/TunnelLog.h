@@ -1,0 +1,41 @@
+#pragma once
+
+#include <asio/ip/tcp.hpp>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "Companion/Sidecar/ConnectRequest.h"
+#include "Companion/Sidecar/HttpStatus.h"
+#include "Companion/Sidecar/TunnelRelay.h"
+
+namespace ostravel::companion {
+
+// Writes the sidecar's log: one line for each tunnel that is established or refused, and when
+// asked to, one for each that ends.
+//
+//   05:43:35.120 example.org:443 app=browser flow=6F1C... established to 192.0.2.7:443
+//   05:43:35.131 gone.example:443 app=- flow=- refused 502 Bad Gateway: Connection refused
+//   05:43:36.002 example.org:443 app=browser flow=6F1C... ended orderly sent=517 received=4021
+//
+// Everything that came from the network is made printable first.
+class TunnelLog {
+ public:
+  enum class Verbosity { kBeginnings, kBeginningsAndEnds };
+  using Sink = std::function<void(std::string_view line)>;
+
+  TunnelLog(Verbosity verbosity, Sink sink);
+
+  void established(const ConnectRequest& request, const asio::ip::tcp::endpoint& origin) const;
+  // `request` is default-constructed when none could be read.
+  void refused(const ConnectRequest& request, HttpStatus status, std::string_view reason) const;
+  void ended(const ConnectRequest& request, const TunnelRelay::Summary& summary) const;
+
+ private:
+  void write(const ConnectRequest& request, std::string_view result) const;
+
+  Verbosity verbosity_;
+  Sink sink_;
+};
+
+}  // namespace ostravel::companion

@@ -1,0 +1,216 @@
+#include "Companion/Sidecar/TunnelRelay.h"
+
+#include <sys/socket.h>
+
+#include <asio/post.hpp>
+#include <cstring>
+#include <utility>
+
+namespace ostravel::companion {
+namespace {
+
+// How many buffers one direction may move before another one, and how many bytes all of them before
+// requests, connections and new clients get their turn.
+constexpr int kBuffersPerTurn = 4;
+constexpr std::size_t kBytesPerTurn = 512 * 1024;
+
+bool hasPendingError(TunnelRelay::Socket& socket) {
+  int error = 0;
+  socklen_t size = sizeof(error);
+  return ::getsockopt(socket.native_handle(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 ||
+         error != 0;
+}
+
+}  // namespace
+
+RelayEnvironment::RelayEnvironment(asio::io_context& ioContext)
+    : turns({.share = kBytesPerTurn, .total = kBytesPerTurn},
+            [&ioContext](FairTurns::Work turn) { asio::post(ioContext, std::move(turn)); }) {}
+
+TunnelRelay::TunnelRelay(Socket client, Socket origin,
+                         std::shared_ptr<RelayEnvironment> environment, Ended ended)
+    : client_(std::move(client)),
+      origin_(std::move(origin)),
+      environment_(std::move(environment)),
+      ended_(std::move(ended)),
+      toOrigin_{.from = client_, .to = origin_},
+      toClient_{.from = origin_, .to = client_} {}
+
+void TunnelRelay::start(std::string_view bytesForOrigin) {
+  asio::error_code error;
+  client_.non_blocking(true, error);
+  if (!error) {
+    origin_.non_blocking(true, error);
+  }
+  if (error) {
+    end(Outcome::kReset);
+    return;
+  }
+  waitForBytes(toClient_);
+  if (bytesForOrigin.empty()) {
+    waitForBytes(toOrigin_);
+    return;
+  }
+  toOrigin_.buffer = environment_->buffers.acquire();
+  std::memcpy(toOrigin_.buffer->data(), bytesForOrigin.data(), bytesForOrigin.size());
+  toOrigin_.end = bytesForOrigin.size();
+  pump(toOrigin_);
+}
+
+void TunnelRelay::pump(Direction& direction) {
+  direction.state = State::kMoving;
+  environment_->turns.run(nullptr, [self = shared_from_this(), &direction] {
+    if (!self->over_) {
+      self->move(direction);
+    }
+  });
+}
+
+void TunnelRelay::move(Direction& direction) {
+  for (int turn = 0; turn < kBuffersPerTurn; ++turn) {
+    if (direction.begin == direction.end && !receive(direction)) {
+      return;
+    }
+    // A read that did not fill the buffer has emptied the socket: asking again would only be told
+    // to wait.
+    const bool emptied = direction.end < RelayBufferPool::kBufferSize;
+    if (!send(direction)) {
+      return;
+    }
+    if (emptied) {
+      waitForBytes(direction);
+      return;
+    }
+  }
+  asio::post(client_.get_executor(), [self = shared_from_this(), &direction] {
+    if (!self->over_) {
+      self->pump(direction);
+    }
+  });
+}
+
+// True when there are bytes in hand; otherwise the direction waits, has finished or has failed.
+bool TunnelRelay::receive(Direction& direction) {
+  if (!direction.buffer) {
+    direction.buffer = environment_->buffers.acquire();
+  }
+  asio::error_code error;
+  direction.begin = 0;
+  direction.end = direction.from.read_some(asio::buffer(*direction.buffer), error);
+  if (!error) {
+    return true;
+  }
+  if (error == asio::error::would_block || error == asio::error::interrupted) {
+    waitForBytes(direction);
+  } else if (error == asio::error::eof) {
+    finish(direction);
+  } else {
+    end(Outcome::kReset);
+  }
+  return false;
+}
+
+// True when nothing is left in hand; otherwise the direction waits or has failed.
+bool TunnelRelay::send(Direction& direction) {
+  while (direction.begin < direction.end) {
+    asio::error_code error;
+    const std::size_t sent = direction.to.write_some(
+        asio::buffer(direction.buffer->data() + direction.begin, direction.end - direction.begin),
+        error);
+    direction.begin += sent;
+    direction.moved += sent;
+    environment_->turns.spend(nullptr, sent);
+    if (error == asio::error::would_block || error == asio::error::interrupted) {
+      waitForRoom(direction);
+      return false;
+    }
+    if (error) {
+      end(Outcome::kReset);
+      return false;
+    }
+  }
+  return true;
+}
+
+void TunnelRelay::waitForBytes(Direction& direction) {
+  direction.state = State::kWaitingForBytes;
+  releaseBuffer(direction);
+  direction.from.async_wait(Socket::wait_read,
+                            [self = shared_from_this(), &direction](asio::error_code error) {
+                              if (!error && !self->over_) {
+                                self->pump(direction);
+                              }
+                            });
+}
+
+void TunnelRelay::waitForRoom(Direction& direction) {
+  direction.state = State::kWaitingForRoom;
+  watchForReset(direction);
+  direction.to.async_wait(Socket::wait_write,
+                          [self = shared_from_this(), &direction](asio::error_code error) {
+                            if (!error && !self->over_) {
+                              self->pump(direction);
+                            }
+                          });
+}
+
+// While a direction does not read, nobody would learn that its sender has been reset: a tunnel
+// whose other side is silent would stay for ever.
+void TunnelRelay::watchForReset(Direction& direction) {
+  if (direction.watched) {
+    return;
+  }
+  direction.watched = true;
+  direction.from.async_wait(
+      Socket::wait_error, [self = shared_from_this(), &direction](asio::error_code error) {
+        direction.watched = false;
+        // A direction that reads again meets the error behind the last bytes, where it belongs.
+        // It must not be asked for here: asking takes the error away.
+        if (error || self->over_ || direction.state == State::kWaitingForBytes) {
+          return;
+        }
+        // Without an error this is the hang-up that follows two orderly ends.
+        if (hasPendingError(direction.from)) {
+          self->end(Outcome::kReset);
+        }
+      });
+}
+
+void TunnelRelay::finish(Direction& direction) {
+  direction.state = State::kFinished;
+  releaseBuffer(direction);
+  asio::error_code error;
+  direction.to.shutdown(Socket::shutdown_send, error);
+  if (error) {
+    end(Outcome::kReset);
+    return;
+  }
+  if (toOrigin_.state == State::kFinished && toClient_.state == State::kFinished) {
+    end(Outcome::kOrderly);
+    return;
+  }
+  watchForReset(direction);
+}
+
+void TunnelRelay::releaseBuffer(Direction& direction) {
+  environment_->buffers.release(std::move(direction.buffer));
+  direction.begin = 0;
+  direction.end = 0;
+}
+
+void TunnelRelay::end(Outcome outcome) {
+  over_ = true;
+  asio::error_code ignored;
+  for (Socket* socket : {&client_, &origin_}) {
+    if (outcome == Outcome::kReset) {
+      socket->set_option(Socket::linger(true, 0), ignored);
+    }
+    socket->close(ignored);
+  }
+  releaseBuffer(toOrigin_);
+  releaseBuffer(toClient_);
+  const Ended ended = std::exchange(ended_, nullptr);
+  ended({outcome, toOrigin_.moved, toClient_.moved});
+}
+
+}  // namespace ostravel::companion

@@ -1,0 +1,89 @@
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <asio/signal_set.hpp>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <system_error>
+
+#include "Base/DescriptorLimit.h"
+#include "Companion/Shared/CommandLine.h"
+#include "Companion/Shared/QueuedOutput.h"
+#include "Companion/Shared/TimeText.h"
+#include "Companion/Sidecar/ConnectProxy.h"
+#include "Companion/Sidecar/NameLookup.h"
+
+namespace {
+
+using namespace ostravel::companion;
+using asio::ip::tcp;
+
+std::optional<tcp::endpoint> parseListenAddress(const std::string& text) {
+  const std::optional<HostPort> hostPort = parseHostPort(text);
+  if (!hostPort) {
+    return std::nullopt;
+  }
+  asio::error_code error;
+  const asio::ip::address address = asio::ip::make_address(hostPort->host, error);
+  if (error) {
+    return std::nullopt;
+  }
+  return tcp::endpoint(address, hostPort->port);
+}
+
+std::string droppedLine(std::size_t count) {
+  return timeOfDay(std::chrono::system_clock::now()) +
+         " log lines dropped: " + std::to_string(count);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("A local HTTP proxy that carries CONNECT tunnels.", "ostravel-sidecar");
+  std::string listenText = "127.0.0.1:8080";
+  bool verbose = false;
+  app.add_option("--listen", listenText, "Listen here; port 0 lets the system choose")
+      ->option_text("ADDRESS:PORT [" + listenText + "]");
+  app.add_flag("--verbose", verbose, "Also log the end of each tunnel, with its byte counts");
+  if (const std::optional<int> status = readCommandLine(app, argc, argv)) {
+    return *status;
+  }
+  const std::optional<tcp::endpoint> listenAddress = parseListenAddress(listenText);
+  if (!listenAddress) {
+    return failUsage(app, "--listen: not of the form 127.0.0.1:8080 or [::1]:8080: " + listenText);
+  }
+
+  std::signal(SIGPIPE, SIG_IGN);
+  raiseDescriptorLimit();
+
+  asio::io_context ioContext(1);
+  asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
+  endSignals.async_wait([&ioContext](asio::error_code, int) { ioContext.stop(); });
+
+  // A log that nobody reads, or nobody reads any more, is no reason to stop or end tunnels.
+  QueuedOutput output(STDOUT_FILENO, {.droppedLine = droppedLine});
+  NameLookup names(ioContext.get_executor());
+  try {
+    ConnectProxy proxy(
+        ioContext, *listenAddress,
+        [&names](const HostPort& target, LookupDone done) {
+          names.lookUp(target, std::move(done));
+        },
+        TunnelLog(
+            verbose ? TunnelLog::Verbosity::kBeginningsAndEnds : TunnelLog::Verbosity::kBeginnings,
+            [&output](std::string_view line) { output.writeLine(line); }));
+    const tcp::endpoint address = proxy.address();
+    output.writeLine("ostravel-sidecar listening on " +
+                     toString({address.address().to_string(), address.port()}));
+    ioContext.run();
+  } catch (const std::system_error& error) {
+    return failUsage(app, "cannot listen on " + listenText + ": " + error.code().message());
+  }
+  output.flush();
+  // Not a return: that would wait for every name lookup still under way, for many seconds.
+  std::_Exit(EXIT_SUCCESS);
+}

@@ -1,0 +1,93 @@
+#include "Extension/main/ConfigurationFile.h"
+
+#include <jansson.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+namespace ostravel::linuxplatform {
+
+using platform::ConfigurationValue;
+using platform::Error;
+using platform::OtherConfigurationValue;
+using platform::ProviderConfiguration;
+
+namespace {
+
+struct JSONRelease {
+  void operator()(json_t* value) const { json_decref(value); }
+};
+
+struct FileRelease {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+ConfigurationValue convert(const json_t* value) {
+  switch (json_typeof(value)) {
+    case JSON_STRING:
+      return std::string(json_string_value(value), json_string_length(value));
+    case JSON_INTEGER:
+      return std::int64_t{json_integer_value(value)};
+    case JSON_REAL:
+      return json_real_value(value);
+    case JSON_TRUE:
+      return true;
+    case JSON_FALSE:
+      return false;
+    case JSON_NULL:
+    case JSON_ARRAY:
+    case JSON_OBJECT:
+      break;
+  }
+  return OtherConfigurationValue{};
+}
+
+}  // namespace
+
+std::variant<ProviderConfiguration, Error> readConfigurationFile(const std::string& path) {
+  const std::unique_ptr<std::FILE, FileRelease> file(std::fopen(path.c_str(), "re"));
+  if (!file) {
+    return Error{std::string(platform::kPOSIXErrorDomain), errno,
+                 path + ": cannot be read: " + std::strerror(errno)};
+  }
+  json_error_t failure{};
+  constexpr std::size_t kFlags = JSON_REJECT_DUPLICATES | JSON_DECODE_ANY;
+  const std::unique_ptr<json_t, JSONRelease> document(json_loadf(file.get(), kFlags, &failure));
+  if (std::ferror(file.get()) != 0) {
+    return Error{std::string(platform::kPOSIXErrorDomain), errno,
+                 path + ": cannot be read: " + std::strerror(errno)};
+  }
+  if (!document) {
+    return Error{"OstravelLinux", EINVAL,
+                 path + ":" + std::to_string(failure.line) + ":" + std::to_string(failure.column) +
+                     ": " + failure.text};
+  }
+  if (!json_is_object(document.get())) {
+    return Error{"OstravelLinux", EINVAL, path + ":1:1: the configuration must be a JSON object"};
+  }
+  ProviderConfiguration configuration;
+  const char* key = nullptr;
+  json_t* value = nullptr;
+  json_object_foreach(document.get(), key, value) {
+    configuration.emplace(key, convert(value));
+  }
+  return configuration;
+}
+
+std::variant<std::optional<ProviderConfiguration>, Error> readProviderConfiguration(
+    const std::optional<std::string>& path) {
+  if (!path && ::access(kDefaultConfigurationPath, F_OK) != 0 && errno == ENOENT) {
+    return std::nullopt;
+  }
+  auto read = readConfigurationFile(path.value_or(kDefaultConfigurationPath));
+  if (auto* error = std::get_if<Error>(&read)) {
+    return std::move(*error);
+  }
+  return std::get<ProviderConfiguration>(std::move(read));
+}
+
+}  // namespace ostravel::linuxplatform

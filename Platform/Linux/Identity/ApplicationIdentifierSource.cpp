@@ -1,0 +1,241 @@
+#include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
+
+#include <algorithm>
+#include <utility>
+#include <variant>
+
+#include "Platform/Linux/Identity/PrintableIdentifier.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::Error;
+
+namespace {
+
+// A packet is queued for the second time right after its first verdict, behind those that came in
+// meanwhile.
+constexpr std::size_t kMaximumBoundFlows = 64;
+
+// Between two looks for the owner of a listener, while nothing is sent.
+constexpr std::chrono::milliseconds kShortestWatchPause{250};
+constexpr std::chrono::milliseconds kLongestWatchPause{10'000};
+
+}  // namespace
+
+ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort, Warn warn,
+                                                         const std::string& registrationsFolder,
+                                                         const std::vector<uid_t>& proxyUsers,
+                                                         ConnectTracer::Detail traced)
+    : warn_(std::move(warn)), registrations_(registrationsFolder, warn_) {
+  auto diagnostics = SocketDiagnostics::open();
+  if (const auto* error = std::get_if<Error>(&diagnostics)) {
+    warn_(error->localizedDescription + "; every flow is left to the system");
+    return;
+  }
+  diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(diagnostics));
+  proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_);
+  trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
+  auto tracer = ConnectTracer::start(traced);
+  if (const auto* reason = std::get_if<std::string>(&tracer)) {
+    warn_("connects cannot be traced (" + *reason + "); processes are looked up in /proc instead");
+    return;
+  }
+  tracer_ = std::get<std::unique_ptr<ConnectTracer>>(std::move(tracer));
+}
+
+ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
+
+Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
+                                                     std::uint32_t outputInterface) {
+  Identification result;
+  const auto leave = [&result](LeaveReason reason) {
+    result.leaveToSystem = true;
+    result.leaveReason = reason;
+    return result;
+  };
+  if (!diagnostics_) {
+    return leave(LeaveReason::diagnosticsFailed);
+  }
+  const auto answer = diagnostics_->find(flow, outputInterface);
+  if (answer.hasFailed) {
+    return leave(LeaveReason::diagnosticsFailed);
+  }
+  if (answer.socket) {
+    result.user = answer.socket->uid;
+  }
+  if (isBound(flow, answer)) {
+    return leave(LeaveReason::notCarried);
+  }
+  const auto [sender, isSearchRefused] = answer.socket ? senderOf(*answer.socket) : Sender{};
+  if (isSearchRefused) {
+    return leave(LeaveReason::searchBudget);
+  }
+  if (sender != nullptr) {
+    result.process = sender->process.pid;
+  }
+  const auto proxyState = proxy_->refresh(result.process);
+  if (proxyState == ProxyProcess::State::unknown) {
+    return leave(LeaveReason::proxyUnknown);
+  }
+  if (proxyState == ProxyProcess::State::known) {
+    if (!trust_->holdsFor(result.user)) {
+      return leave(LeaveReason::proxyNotTrusted);
+    }
+    if (sender != nullptr && isProxy(*sender)) {
+      result.identifier = kProxyIdentifier;
+      return result;
+    }
+    const bool isKnown = sender != nullptr && sender->process.executableFile;
+    if (!isKnown && answer.socket && mayBeProxys(*answer.socket)) {
+      return leave(LeaveReason::proxyUnknown);
+    }
+    const Process& owner = proxy_->owner();
+    result.proxy.emplace(owner.pid, owner.stamp.startTime);
+    result.mayBelongToProxy = mayDialForProxy(sender);
+  }
+  if (sender != nullptr) {
+    result.identifier = identifierOf(*sender, answer.socket->uid);
+  }
+  return result;
+}
+
+bool ApplicationIdentifierSource::isBound(const FlowTuple& flow,
+                                          const SocketDiagnostics::Answer& answer) {
+  if (!answer.socket) {
+    // Of a socket that is bound to a VRF each packet is queued twice, first for the interface of
+    // the VRF and then for the one that it leaves through, which does not lead to the socket.
+    return std::find(boundFlows_.begin(), boundFlows_.end(), flow) != boundFlows_.end();
+  }
+  if (answer.socket->boundInterface == 0) {
+    return false;
+  }
+  boundFlows_.push_back(flow);
+  if (boundFlows_.size() > kMaximumBoundFlows) {
+    boundFlows_.pop_front();
+  }
+  return true;
+}
+
+std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
+  const auto now = std::chrono::steady_clock::now();
+  if (!proxy_ || now < nextWatch_) {
+    return std::nullopt;
+  }
+  const auto state = proxy_->refresh(std::nullopt);
+  // An owner that is not found must not be searched for all the time while nothing is sent.
+  watchPause_ = state == ProxyProcess::State::unknown
+                    ? std::clamp(2 * watchPause_, kShortestWatchPause, kLongestWatchPause)
+                    : std::chrono::milliseconds::zero();
+  nextWatch_ = now + watchPause_;
+  if (state != ProxyProcess::State::known || !trust_->holdsFor(std::nullopt)) {
+    return std::nullopt;
+  }
+  return trust_->takeNews();
+}
+
+void ApplicationIdentifierSource::replaceRegistrations(ApplicationRegistrations registrations) {
+  registrations_ = std::move(registrations);
+  known_.forgetIdentifiers();
+}
+
+ApplicationIdentifierSource::Sender ApplicationIdentifierSource::senderOf(
+    const SocketInformation& socket) {
+  const auto record = tracer_ ? tracer_->recordOf(socket.cookie) : std::nullopt;
+  if (record && tracer_->detail() == ConnectTracer::Detail::programs) {
+    return {.process = tracedSender(*record)};
+  }
+  if (socket.inode == 0) {
+    return {};
+  }
+  // Connected before the tracer started, or there is none that tells enough.
+  if (!processes_.allowance().permits(socket.uid)) {
+    return {.isSearchRefused = true};
+  }
+  const auto connector = record ? std::optional(record->process) : std::nullopt;
+  const auto found = processes_.holderOf(socket.inode, socket.uid, connector);
+  // Handed on by the process that connected it.
+  if (!found || (connector && found != connector)) {
+    return {};
+  }
+  return {.process = holder(*found)};
+}
+
+KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& record) {
+  const ProcessStamp stamp{.startTime = record.startTime,
+                           .stackStart = record.stackStart,
+                           .uid = record.user,
+                           .realUser = record.realUser};
+  KnownProcess* const known = known_.find(record.process);
+  if (known != nullptr && known->process.stamp == stamp &&
+      known->process.executableFile == record.executable) {
+    refresh(*known, record.executable);
+    return known;
+  }
+  auto process = processes_.find(record.process, record.executable);
+  if (!process || process->stamp.startTime != stamp.startTime ||
+      process->stamp.stackStart != stamp.stackStart) {
+    return nullptr;
+  }
+  // Its users may have changed since.
+  process->stamp = stamp;
+  return &known_.insert(std::move(*process));
+}
+
+KnownProcess* ApplicationIdentifierSource::holder(pid_t pid) {
+  KnownProcess* const known = known_.find(pid);
+  if (known != nullptr && processes_.stampOf(pid) == known->process.stamp) {
+    refresh(*known, std::nullopt);
+    return known;
+  }
+  auto process = processes_.find(pid);
+  return process ? &known_.insert(std::move(*process)) : nullptr;
+}
+
+void ApplicationIdentifierSource::refresh(KnownProcess& known,
+                                          std::optional<FileIdentity> executable) {
+  if (processes_.refreshExecutable(known.process, executable)) {
+    known.identifier.reset();
+    known.comparedListener = 0;
+  }
+}
+
+bool ApplicationIdentifierSource::isProxy(KnownProcess& sender) const {
+  if (sender.comparedListener != proxy_->listenerCookie()) {
+    sender.comparedListener = proxy_->listenerCookie();
+    sender.isProxy = proxy_->includes(sender.process);
+  }
+  return sender.isProxy;
+}
+
+bool ApplicationIdentifierSource::mayDialForProxy(const KnownProcess* sender) const {
+  return !trust_->knowsDialler() &&
+         (sender == nullptr || trust_->mayDial(sender->process.stamp.uid));
+}
+
+bool ApplicationIdentifierSource::mayBeProxys(const SocketInformation& socket) const {
+  // Of a socket that no process holds any more, some kernels do not tell the user either.
+  return socket.inode == 0 || proxy_->mayRunAs(socket.uid);
+}
+
+const std::string& ApplicationIdentifierSource::identifierOf(KnownProcess& sender,
+                                                             uid_t socketUser) const {
+  if (!sender.identifier || sender.identifiedUser != socketUser) {
+    sender.identifier = findIdentifier(sender.process, socketUser);
+    sender.identifiedUser = socketUser;
+  }
+  return *sender.identifier;
+}
+
+std::string ApplicationIdentifierSource::findIdentifier(const Process& process,
+                                                        uid_t socketUser) const {
+  if (!process.isExecutableGenuine) {
+    return {};
+  }
+  const auto registered = registrations_.identifierOf(
+      process.executable, {socketUser, process.stamp.uid, process.stamp.realUser});
+  // Other ways to name an application belong here. What they return may be chosen by the
+  // application, so it must not be able to equal an identifier that the core exempts.
+  return printableIdentifier(registered.value_or(process.executable));
+}
+
+}  // namespace ostravel::linuxplatform

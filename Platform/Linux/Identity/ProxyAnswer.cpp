@@ -1,0 +1,50 @@
+#include "Platform/Linux/Identity/ProxyAnswer.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstddef>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// Forbidden, authentication required, too many requests, and what a proxy answers when it cannot
+// reach the target. Web servers answer CONNECT with 400, 404, 405, 501 or a redirection.
+constexpr std::array kRefusals{403, 407, 429, 500, 502, 503, 504};
+
+// 0 when the line is not a status line (RFC 9112, section 4).
+int statusIn(std::string_view line) {
+  constexpr std::string_view kBlanks = " \t";
+  constexpr std::string_view kProtocol = "HTTP/1.";
+  constexpr std::size_t kCodeLength = 3;
+  line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
+  if (!line.starts_with(kProtocol)) {
+    return 0;
+  }
+  line.remove_prefix(kProtocol.size());
+  const auto blank = line.find_first_of(kBlanks);
+  const auto code = line.find_first_not_of(kBlanks, blank);
+  if (blank != 1 || line[0] < '0' || line[0] > '9' || code == std::string_view::npos) {
+    return 0;
+  }
+  line.remove_prefix(code);
+  const std::string_view digits = line.substr(0, line.find_first_of(kBlanks));
+  int status = 0;
+  const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), status);
+  const bool isWhole = parsed.ptr == digits.data() + digits.size();
+  return digits.size() == kCodeLength && isWhole ? status : 0;
+}
+
+}  // namespace
+
+ProxyAnswer judgeProxyAnswer(std::string_view line) {
+  const int status = statusIn(line);
+  if (status >= 200 && status < 300) {
+    return ProxyAnswer::tunnel;
+  }
+  return std::ranges::find(kRefusals, status) != kRefusals.end() ? ProxyAnswer::refusal
+                                                                 : ProxyAnswer::notAProxys;
+}
+
+}  // namespace ostravel::linuxplatform

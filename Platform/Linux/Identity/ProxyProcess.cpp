@@ -1,0 +1,134 @@
+#include "Platform/Linux/Identity/ProxyProcess.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// Between two searches that went through all processes and found nothing.
+constexpr std::chrono::milliseconds kSearchInterval{250};
+// For the file system that the proxy's executable is on. Without its answer a second process of the
+// proxy may not be recognised.
+constexpr std::chrono::seconds kExecutablePatience{1};
+
+}  // namespace
+
+ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes,
+                           std::uint16_t port, std::function<void(const std::string&)> warn)
+    : diagnostics_(diagnostics),
+      processes_(processes),
+      address_{AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, port},
+      warn_(std::move(warn)) {}
+
+ProxyProcess::State ProxyProcess::refresh(std::optional<pid_t> sender) {
+  const auto answer = diagnostics_.findListener(address_);
+  if (answer.hasFailed) {
+    return State::unknown;
+  }
+  if (!answer.socket) {
+    return State::absent;
+  }
+  if (answer.socket->cookie != listener_.cookie) {
+    beginSearch(*answer.socket);
+  }
+  if (!owner_ && findOwner(sender) != State::known) {
+    return State::unknown;
+  }
+  return isOwnerDescribed() ? State::known : State::unknown;
+}
+
+bool ProxyProcess::isOwnerDescribed() {
+  if (!owner_->isExecutableSettled) {
+    processes_.refreshExecutable(*owner_);
+  }
+  return owner_->isExecutableSettled ||
+         std::chrono::steady_clock::now() - ownerFound_ > kExecutablePatience;
+}
+
+void ProxyProcess::beginSearch(const SocketInformation& listener) {
+  std::vector<pid_t> first;
+  if (owner_) {
+    // The same process may have made a new socket.
+    first.push_back(owner_->pid);
+  }
+  listener_ = listener;
+  owner_.reset();
+  others_.clear();
+  search_.emplace(listener.inode, std::move(first), std::nullopt);
+}
+
+ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
+  if (!search_) {
+    if (std::chrono::steady_clock::now() < nextSearch_) {
+      return State::unknown;
+    }
+    beginSearch(listener_);
+  }
+  if (sender) {
+    search_->prefer(*sender);
+  }
+  // Everybody waits for this search, so it may use what users may not.
+  SearchAllowance& allowance = processes_.allowance();
+  if (!allowance.permits(std::nullopt)) {
+    return State::unknown;
+  }
+  const SearchAllowance::Charge charge(allowance, std::nullopt, SearchAllowance::Counted::work);
+  const auto result = search_->proceed(SearchBudget(kSearchBudget, kLongestSearch));
+  if (result == SocketHolderSearch::Result::unfinished) {
+    return State::unknown;
+  }
+  if (result == SocketHolderSearch::Result::found) {
+    owner_ = processes_.find(search_->holder());
+  }
+  search_.reset();
+  if (owner_) {
+    ownerFound_ = std::chrono::steady_clock::now();
+    return State::known;
+  }
+  // It has just handed the socket on, or we may not look into it.
+  nextSearch_ = std::chrono::steady_clock::now() + kSearchInterval;
+  if (!std::exchange(hasWarned_, true)) {
+    warn_("the process that listens on port " + std::to_string(address_.port) +
+          " cannot be found; until it is, every flow is left to the system");
+  }
+  return State::unknown;
+}
+
+bool ProxyProcess::includes(const Process& process) const {
+  const auto isRelated = [&process](const Process& member) {
+    return belongTogether(process, member);
+  };
+  return isRelated(*owner_) || std::ranges::any_of(others_, isRelated) ||
+         processes_.hasInherited(process.pid, listener_.inode);
+}
+
+bool ProxyProcess::mayRunAs(uid_t user) const {
+  return user == owner_->stamp.uid || std::ranges::any_of(others_, [user](const Process& other) {
+           return other.stamp.uid == user;
+         });
+}
+
+void ProxyProcess::add(Process process) {
+  others_.push_back(std::move(process));
+}
+
+bool ProxyProcess::belongTogether(const Process& process, const Process& member) {
+  const bool isMember =
+      process.pid == member.pid && process.stamp.startTime == member.stamp.startTime;
+  const bool sharesService =
+      !member.serviceGroup.empty() && process.serviceGroup == member.serviceGroup;
+  // After an update the old file and the new one only have the path in common.
+  const bool sharesExecutable =
+      (process.executableFile && process.executableFile == member.executableFile) ||
+      (process.isExecutableGenuine && (member.isExecutableGenuine || member.isExecutableDeleted) &&
+       process.executable == member.executable);
+  return isMember || sharesService || (process.stamp.uid == member.stamp.uid && sharesExecutable);
+}
+
+}  // namespace ostravel::linuxplatform

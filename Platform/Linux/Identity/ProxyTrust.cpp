@@ -1,0 +1,115 @@
+#include "Platform/Linux/Identity/ProxyTrust.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Platform/Linux/Identity/PrintableIdentifier.h"
+
+namespace ostravel::linuxplatform {
+
+ProxyTrust::ProxyTrust(ProxyProcess& proxy, std::uint16_t port, const std::vector<uid_t>& named,
+                       Warn warn)
+    : proxy_(proxy),
+      port_(port),
+      systemUsers_(SystemUsers::read()),
+      named_(named.begin(), named.end()),
+      warn_(std::move(warn)),
+      trial_(port) {}
+
+bool ProxyTrust::holdsFor(std::optional<uid_t> user) {
+  if (listener_ != proxy_.listenerCookie()) {
+    forget();
+    listener_ = proxy_.listenerCookie();
+  }
+  if (!hasPassed_ && !hasPassedTrial()) {
+    return false;
+  }
+  const bool isTrusted = std::ranges::all_of(
+      owners_, [this, user](const auto& owner) { return mayServe(owner.first, user); });
+  if (!isTrusted) {
+    warnAboutOwners();
+  }
+  return isTrusted;
+}
+
+bool ProxyTrust::mayDial(uid_t user) const {
+  return proxy_.mayRunAs(user) || mayServe(user, std::nullopt);
+}
+
+void ProxyTrust::forget() {
+  isNoProxy_ = false;
+  hasPassed_ = false;
+  knowsDialler_ = false;
+  owners_.clear();
+  hasWarnedAboutAnswer_ = false;
+  hasWarnedAboutOwners_ = false;
+  news_.reset();
+}
+
+bool ProxyTrust::hasPassedTrial() {
+  if (isNoProxy_) {
+    return false;
+  }
+  auto result = trial_.resultOf(proxy_.listener(), proxy_.uid());
+  if (!result) {
+    return false;
+  }
+  isNoProxy_ = result->outcome.judgement == ProxyTrial::Judgement::notAProxy;
+  hasPassed_ = result->outcome.judgement == ProxyTrial::Judgement::proxy;
+  if (hasPassed_) {
+    takeParts(std::move(*result));
+  } else {
+    warnAboutAnswer(*result);
+  }
+  return hasPassed_;
+}
+
+void ProxyTrust::takeParts(ProxyTrialThread::Result result) {
+  owners_ = std::move(result.userNames);
+  news_ = "the local proxy is " + ownerText(owners_[proxy_.uid()]);
+  // Of the parts that could not be found there may be more.
+  knowsDialler_ = result.outcome.dialler.has_value();
+  for (auto& part : {result.outcome.acceptor, result.outcome.dialler}) {
+    if (part) {
+      proxy_.add(*part);
+    }
+  }
+}
+
+bool ProxyTrust::mayServe(uid_t owner, std::optional<uid_t> user) const {
+  return owner == user || systemUsers_.includes(owner) || named_.contains(owner);
+}
+
+void ProxyTrust::warnAboutAnswer(const ProxyTrialThread::Result& result) {
+  if (std::exchange(hasWarnedAboutAnswer_, true)) {
+    return;
+  }
+  const auto name = result.userNames.find(proxy_.uid());
+  const std::string user =
+      name == result.userNames.end() ? std::to_string(proxy_.uid()) : name->second;
+  warn_(ownerText(user) + " listens on port " + std::to_string(port_) +
+        " and does not answer CONNECT as a proxy does: " + result.outcome.answer +
+        "; every flow is left to the system until a proxy listens there");
+}
+
+void ProxyTrust::warnAboutOwners() {
+  if (std::exchange(hasWarnedAboutOwners_, true)) {
+    return;
+  }
+  const auto owner = std::ranges::find_if(
+      owners_, [this](const auto& each) { return !mayServe(each.first, std::nullopt); });
+  const std::string& user = owner->second;
+  warn_(ownerText(user) + " listens on port " + std::to_string(port_) +
+        " for an ordinary user, and is not used for the flows of others: run the proxy as root or "
+        "a system user, or name its user with --proxy-user " +
+        user);
+}
+
+std::string ProxyTrust::ownerText(const std::string& user) const {
+  const Process& owner = proxy_.owner();
+  const std::string program =
+      owner.executable.empty() ? "a program" : printableIdentifier(owner.executable);
+  return program + " (process " + std::to_string(owner.pid) + ", user " + user + ")";
+}
+
+}  // namespace ostravel::linuxplatform

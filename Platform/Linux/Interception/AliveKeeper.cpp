@@ -1,0 +1,81 @@
+#include "Platform/Linux/Interception/AliveKeeper.h"
+
+#include <poll.h>
+#include <pthread.h>
+
+#include <array>
+#include <utility>
+
+namespace ostravel::linuxplatform {
+
+AliveKeeper::AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,
+                         std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed)
+    : table_(std::move(table)),
+      install_(std::move(install)),
+      log_(std::move(log)),
+      onRefreshed_(std::move(onRefreshed)),
+      thread_([this] { run(); }) {}
+
+AliveKeeper::~AliveKeeper() {
+  removeTable();
+}
+
+void AliveKeeper::removeTable() {
+  if (!thread_.joinable()) {
+    return;
+  }
+  stop_.signal();
+  thread_.join();
+  table_.reset();
+}
+
+void AliveKeeper::run() {
+  ::pthread_setname_np(::pthread_self(), "alive-keeper");
+  while (true) {
+    std::array<pollfd, 2> waited{
+        {{stop_.descriptor(), POLLIN, 0}, {beats_.descriptor(), POLLIN, 0}}};
+    if (::poll(waited.data(), waited.size(), -1) < 0) {
+      continue;
+    }
+    if (waited[0].revents != 0) {
+      return;
+    }
+    if (beats_.consume() && keepAlive() && onRefreshed_) {
+      onRefreshed_();
+    }
+  }
+}
+
+bool AliveKeeper::keepAlive() {
+  if (table_) {
+    const auto error = table_->refreshAlive();
+    if (!error) {
+      return true;
+    }
+    logFailure(error->localizedDescription);
+    // Whatever is left of it: the kernel lets nobody install a second one of the same name.
+    table_.reset();
+  }
+  return reinstall();
+}
+
+bool AliveKeeper::reinstall() {
+  auto installed = install_();
+  if (const auto* error = std::get_if<platform::Error>(&installed)) {
+    logFailure(error->localizedDescription);
+    return false;
+  }
+  table_ = std::get<std::unique_ptr<InterceptionTable>>(std::move(installed));
+  lastFailure_.clear();
+  log_->info("OstravelProxy: Rules installed again");
+  return true;
+}
+
+void AliveKeeper::logFailure(std::string description) {
+  if (description != lastFailure_) {
+    log_->error("OstravelProxy: %{public}s", {description});
+    lastFailure_ = std::move(description);
+  }
+}
+
+}  // namespace ostravel::linuxplatform

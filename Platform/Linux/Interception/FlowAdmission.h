@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+
+#include "Platform/Linux/Identity/LeaveReason.h"
+#include "Platform/Linux/Services/DescriptorBudget.h"
+#include "Platform/Linux/Services/UserShare.h"
+
+namespace ostravel::linuxplatform {
+
+// Whether one more TCP flow of a user may be held and offered, as far as what the user's flows are
+// using already goes. What is not admitted is left to the system, so that nobody's connections fail
+// or wait because of somebody else's.
+class FlowAdmission {
+ public:
+  // Half of the handshakes that the core lets be pending (48): what the users share is never
+  // exhausted by one of them.
+  static constexpr std::size_t kHeldFlowsPerUser = 24;
+  // A tunnel needs two sockets.
+  static constexpr std::size_t kDescriptorsPerTunnel = 2;
+
+  // LeaveReason::none: it may be offered.
+  static LeaveReason admit(UserShare& share, const DescriptorBudget& descriptors,
+                           UserShare::Clock::time_point now) {
+    if (share.held() >= kHeldFlowsPerUser) {
+      return LeaveReason::handshakeShare;
+    }
+    if (share.isOnTrial() && (share.held() > 0 || !share.mayBeTried(now))) {
+      return LeaveReason::onTrial;
+    }
+    // Those that are held have not got their sockets yet.
+    const std::size_t wanted = (share.held() + 1) * kDescriptorsPerTunnel;
+    if (!descriptors.isWithinShare(share, wanted)) {
+      return LeaveReason::descriptorShare;
+    }
+    return LeaveReason::none;
+  }
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,398 @@
+#include "Platform/Linux/Interception/InterceptionTable.h"
+
+#include <arpa/inet.h>
+#include <libmnl/libmnl.h>
+#include <libnftnl/chain.h>
+#include <libnftnl/rule.h>
+#include <libnftnl/set.h>
+#include <libnftnl/table.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter_ipv4.h>
+#include <netinet/in.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <utility>
+
+#include "Platform/Linux/Kernel/NetfilterRule.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::Error;
+using platform::NetworkRule;
+using platform::NetworkRuleProtocol;
+using platform::OptionalError;
+using platform::TransparentProxyNetworkSettings;
+
+namespace {
+
+constexpr const char* kTable = InterceptionTable::kName;
+constexpr const char* kAliveSet = "alive";
+constexpr const char* kOfferChain = "offer";
+constexpr const char* kRefuseChain = "refuse";
+constexpr const char* kDivertChain = "divert";
+constexpr const char* kRedirectChain = "redirect";
+
+constexpr std::uint32_t kTableOwnerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than some headers
+
+// The refusal looks at the mark that the verdict has just set, and a mark set before the nat hook
+// is seen there.
+constexpr std::int32_t kOfferPriority = NF_IP_PRI_MANGLE;
+constexpr std::int32_t kRefusePriority = NF_IP_PRI_MANGLE + 1;
+constexpr std::int32_t kDivertPriority = NF_IP_PRI_NAT_DST;
+
+constexpr std::uint32_t kTypeInetProtocol = 12;  // what nft(8) shows as type inet_proto
+
+using TableHandle = std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)>;
+using ChainHandle = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
+using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
+
+void addTable(NetfilterBatch& batch) {
+  const TableHandle table(::nftnl_table_alloc(), &::nftnl_table_free);
+  ::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, kTable);
+  ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_INET);
+  ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, kTableOwnerFlag);
+  batch.add("table", NFT_MSG_NEWTABLE, NFPROTO_INET, NLM_F_CREATE | NLM_F_EXCL,
+            [&table](nlmsghdr* header) { ::nftnl_table_nlmsg_build_payload(header, table.get()); });
+}
+
+void addChain(NetfilterBatch& batch, const char* name, const char* type, std::int32_t priority) {
+  const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type);
+  ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, NF_INET_LOCAL_OUT);
+  ::nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
+  ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
+  batch.add(std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
+            [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
+}
+
+// A chain that packets reach by a jump.
+void addChain(NetfilterBatch& batch, const char* name) {
+  const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
+  batch.add(std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
+            [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
+}
+
+void addAliveSet(NetfilterBatch& batch) {
+  constexpr std::uint32_t kSetId = 1;
+  const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
+  ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
+  ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kAliveSet);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_ID, kSetId);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, kTypeInetProtocol);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, 1);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT);
+  ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT,
+                      static_cast<std::uint64_t>(InterceptionTable::kAliveTimeout.count()));
+  batch.add("set with time-outs", NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
+            [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
+}
+
+// One set of the alive set's name without elements stands for all of its elements.
+SetHandle makeAliveReference() {
+  SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
+  ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
+  ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kAliveSet);
+  return set;
+}
+
+void addAliveElements(NetfilterBatch& batch) {
+  const SetHandle set = makeAliveReference();
+  for (const auto protocol : std::array<std::uint8_t, 2>{IPPROTO_TCP, IPPROTO_UDP}) {
+    nftnl_set_elem* const element = ::nftnl_set_elem_alloc();
+    ::nftnl_set_elem_set(element, NFTNL_SET_ELEM_KEY, &protocol, sizeof protocol);
+    ::nftnl_set_elem_add(set.get(), element);
+  }
+  batch.add("set element", NFT_MSG_NEWSETELEM, NFPROTO_INET, NLM_F_CREATE,
+            [&set](nlmsghdr* header) { ::nftnl_set_elems_nlmsg_build_payload(header, set.get()); });
+}
+
+void removeAliveElements(NetfilterBatch& batch) {
+  const SetHandle set = makeAliveReference();
+  batch.add("set flush", NFT_MSG_DELSETELEM, NFPROTO_INET, 0,
+            [&set](nlmsghdr* header) { ::nftnl_set_elems_nlmsg_build_payload(header, set.get()); });
+}
+
+void addRule(NetfilterBatch& batch, std::string change, const NetfilterRule& rule) {
+  batch.add(std::move(change), NFT_MSG_NEWRULE, NFPROTO_INET, NLM_F_CREATE | NLM_F_APPEND,
+            [&rule](nlmsghdr* header) { ::nftnl_rule_nlmsg_build_payload(header, rule.get()); });
+}
+
+struct TranslatedRule {
+  SocketEndpoint network;
+  unsigned prefix;
+  TransportProtocol protocol;
+};
+
+std::variant<TranslatedRule, Error> translate(const NetworkRule& rule) {
+  TranslatedRule translated{};
+  const auto& [host, port] = rule.destinationNetwork;
+  const auto fail = [&rule](const std::string& reason) {
+    return Error{"OstravelLinux", EINVAL,
+                 "network rule for \"" + rule.destinationNetwork.hostname + "\" port \"" +
+                     rule.destinationNetwork.port + "\": " + reason};
+  };
+  unsigned widest = 0;
+  if (::inet_pton(AF_INET, host.c_str(), translated.network.address.data()) == 1) {
+    translated.network.family = AddressFamily::ipv4;
+    widest = 32;
+  } else if (::inet_pton(AF_INET6, host.c_str(), translated.network.address.data()) == 1) {
+    translated.network.family = AddressFamily::ipv6;
+    widest = 128;
+  } else {
+    return fail("the network is not an address literal");
+  }
+  const auto parsed =
+      std::from_chars(port.data(), port.data() + port.size(), translated.network.port);
+  if (parsed.ec != std::errc() || parsed.ptr != port.data() + port.size() ||
+      translated.network.port == 0) {
+    return fail("the port is not a number from 1 to 65535");
+  }
+  if (rule.destinationPrefix > widest) {
+    return fail("the prefix is longer than the address");
+  }
+  translated.prefix = rule.destinationPrefix;
+  translated.protocol =
+      rule.protocol == NetworkRuleProtocol::tcp ? TransportProtocol::tcp : TransportProtocol::udp;
+  return translated;
+}
+
+// Starts a rule of this chain with the tests for such a destination.
+NetfilterRule matchingRule(const char* chain, const TranslatedRule& translated) {
+  NetfilterRule rule(kTable, chain);
+  rule.protocol(translated.protocol);
+  if (translated.prefix == 0) {
+    rule.destinationNotLoopback(translated.network.family);
+  } else {
+    rule.destination(translated.network, translated.prefix);
+  }
+  rule.destinationPort(translated.network.port);
+  return rule;
+}
+
+// The settings in the terms of the packet filter.
+struct Selection {
+  std::vector<TranslatedRule> included;
+  std::vector<TranslatedRule> excluded;
+};
+
+std::variant<Selection, Error> translate(const TransparentProxyNetworkSettings& settings) {
+  Selection selection;
+  const auto translateAll = [](const std::vector<NetworkRule>& rules,
+                               std::vector<TranslatedRule>& into) -> OptionalError {
+    for (const NetworkRule& rule : rules) {
+      auto translated = translate(rule);
+      if (auto* error = std::get_if<Error>(&translated)) {
+        return std::move(*error);
+      }
+      into.push_back(std::get<TranslatedRule>(translated));
+    }
+    return std::nullopt;
+  };
+  auto error = translateAll(settings.excludedNetworkRules, selection.excluded);
+  if (!error) {
+    error = translateAll(settings.includedNetworkRules, selection.included);
+  }
+  if (error) {
+    return *std::move(error);
+  }
+  return selection;
+}
+
+// What most packets are comes first.
+void addRulesForLaterPackets(NetfilterBatch& batch, const char* chain) {
+  addRule(batch, "tcp rule", NetfilterRule(kTable, chain).notFirstOfTCP().accept());
+  addRule(
+      batch, "conntrack rule",
+      NetfilterRule(kTable, chain).protocol(TransportProtocol::udp).notNewConnection().accept());
+}
+
+// A relay has no interface of its own to reach a link's destinations by, and nobody connects to a
+// group.
+void addRulesForDestinationsWithoutRoute(NetfilterBatch& batch, const char* chain) {
+  struct Network {
+    SocketEndpoint address;
+    unsigned prefix;
+  };
+  constexpr std::array<Network, 5> kNetworks{{
+      {{AddressFamily::ipv4, {169, 254}, 0}, 16},            // link-local (RFC 3927)
+      {{AddressFamily::ipv4, {224}, 0}, 4},                  // multicast (RFC 5771)
+      {{AddressFamily::ipv4, {255, 255, 255, 255}, 0}, 32},  // broadcast (RFC 919)
+      {{AddressFamily::ipv6, {0xfe, 0x80}, 0}, 10},          // link-local (RFC 4291)
+      {{AddressFamily::ipv6, {0xff}, 0}, 8},                 // multicast (RFC 4291)
+  }};
+  for (const Network& network : kNetworks) {
+    addRule(batch, "rule",
+            NetfilterRule(kTable, chain).destination(network.address, network.prefix).accept());
+  }
+}
+
+// First packets of the flows that the settings select; every other packet leaves the chain.
+// finish(NetfilterRule, protocol) completes the rule that such a packet has passed.
+template <typename Finish>
+void addSelection(NetfilterBatch& batch, const char* chain, const std::string& change,
+                  const Selection& selection, Finish finish) {
+  addRulesForDestinationsWithoutRoute(batch, chain);
+  for (const TranslatedRule& excluded : selection.excluded) {
+    addRule(batch, "rule", matchingRule(chain, excluded).accept());
+  }
+  for (const TranslatedRule& included : selection.included) {
+    NetfilterRule rule = matchingRule(chain, included);
+    finish(rule, included.protocol);
+    addRule(batch, change, rule);
+  }
+}
+
+void addOfferRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks,
+                   std::uint16_t queueNumber, NetfilterRule::QueueStatement queueStatement) {
+  addRulesForLaterPackets(batch, kOfferChain);
+  // Our own packets, and those of somebody who uses our bits for something else.
+  addRule(batch, "mark rule",
+          NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
+  addRule(batch, "set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
+  // A repeated SYN, which had its verdict. Once there was an answer, of an earlier connection that
+  // had the same addresses and ports, a SYN begins a new connection.
+  addRule(batch, "conntrack rule",
+          NetfilterRule(kTable, kOfferChain)
+              .protocol(TransportProtocol::tcp)
+              .trackedWithoutReply()
+              .accept());
+  addSelection(batch, kOfferChain, "queue rule", selection,
+               [=](NetfilterRule& rule, TransportProtocol /*protocol*/) {
+                 rule.queue(queueNumber, queueStatement);
+               });
+}
+
+void addRefuseRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks) {
+  addRule(batch, "mark rule",
+          NetfilterRule(kTable, kRefuseChain).markOtherThan(marks.mask(), marks.refuse()).accept());
+  addRulesForLaterPackets(batch, kRefuseChain);
+  addSelection(batch, kRefuseChain, "reject rule", selection,
+               [](NetfilterRule& rule, TransportProtocol protocol) {
+                 if (protocol == TransportProtocol::tcp) {
+                   rule.rejectWithReset();
+                 } else {
+                   rule.rejectWithPortUnreachable();
+                 }
+               });
+}
+
+void addDivertRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks,
+                    const std::vector<InterceptionTable::ListenerPorts>& listeners) {
+  addRule(batch, "mark rule", NetfilterRule(kTable, kDivertChain).mark(marks.mask(), 0).accept());
+  addRulesForLaterPackets(batch, kDivertChain);
+  addSelection(
+      batch, kDivertChain, "jump rule", selection,
+      [](NetfilterRule& rule, TransportProtocol /*protocol*/) { rule.jump(kRedirectChain); });
+  const auto addRedirect = [&batch, &marks](unsigned loop, AddressFamily family,
+                                            std::uint16_t port) {
+    if (port != 0) {
+      addRule(batch, "redirect rule",
+              NetfilterRule(kTable, kRedirectChain)
+                  .mark(marks.mask(), marks.redirect(loop))
+                  .family(family)
+                  .protocol(TransportProtocol::tcp)
+                  .redirect(port));
+    }
+  };
+  for (unsigned loop = 0; loop < listeners.size(); ++loop) {
+    addRedirect(loop, AddressFamily::ipv4, listeners[loop].ipv4);
+    addRedirect(loop, AddressFamily::ipv6, listeners[loop].ipv6);
+  }
+}
+
+// Says what is missing and what to do.
+Error explain(const NetfilterBatch::Failure& failure) {
+  const auto error = [&failure](std::string description) {
+    return Error{std::string(platform::kPOSIXErrorDomain), failure.error, std::move(description)};
+  };
+  const std::string reason = std::strerror(failure.error);
+  if (failure.change.empty() && failure.error == EPERM) {
+    return error(
+        "the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
+  }
+  if (failure.change == "table" &&
+      (failure.error == EEXIST || failure.error == EPERM || failure.error == EBUSY)) {
+    return error(
+        "another instance is running in this network namespace (it owns the nftables table inet "
+        "ostravel): stop it first");
+  }
+  if (failure.change == "table") {
+    return error("the kernel does not take an owned nftables table (" + reason +
+                 "): Linux 5.12 or later with nf_tables is needed");
+  }
+  if (failure.change.empty()) {
+    return error("the kernel has no nf_tables (" + reason +
+                 "): load the module nf_tables or use a kernel with CONFIG_NF_TABLES_INET");
+  }
+  return error("the kernel lacks what the nftables " + failure.change + " needs (" + reason +
+               "): load the modules nft_queue or xt_NFQUEUE with nft_compat, nft_ct, nft_redir and "
+               "nft_reject_inet, or use a kernel that has them");
+}
+
+}  // namespace
+
+std::variant<std::unique_ptr<InterceptionTable>, Error> InterceptionTable::install(
+    const TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
+    std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners) {
+  auto translated = translate(settings);
+  if (auto* error = std::get_if<Error>(&translated)) {
+    return std::move(*error);
+  }
+  const auto& selection = std::get<Selection>(translated);
+  auto socket = openNetfilterSocket();
+  if (!socket) {
+    return explain({"", errno});
+  }
+  using QueueStatement = NetfilterRule::QueueStatement;
+  for (const auto statement : {QueueStatement::native, QueueStatement::compatibilityTarget}) {
+    NetfilterBatch batch;
+    addTable(batch);
+    addAliveSet(batch);
+    addChain(batch, kOfferChain, "filter", kOfferPriority);
+    addChain(batch, kRefuseChain, "filter", kRefusePriority);
+    addChain(batch, kDivertChain, "nat", kDivertPriority);
+    addChain(batch, kRedirectChain);
+    addOfferRules(batch, selection, marks, queueNumber, statement);
+    addRefuseRules(batch, selection, marks);
+    addDivertRules(batch, selection, marks, listeners);
+    addAliveElements(batch);
+    const auto failure = batch.commit(socket.get());
+    const bool isCompatible = statement == QueueStatement::compatibilityTarget;
+    if (!failure) {
+      return std::unique_ptr<InterceptionTable>(
+          new InterceptionTable(std::move(socket), isCompatible));
+    }
+    if (isCompatible || failure->change != "queue rule") {
+      return explain(*failure);
+    }
+  }
+  return explain({"queue rule", ENOENT});
+}
+
+InterceptionTable::InterceptionTable(NetlinkSocket socket, bool usesCompatibilityTarget)
+    : socket_(std::move(socket)), usesCompatibilityTarget_(usesCompatibilityTarget) {}
+
+OptionalError InterceptionTable::refreshAlive() {
+  // An element that is there keeps its old time-out, on most kernels; so it is taken out and put
+  // in anew, both at once.
+  NetfilterBatch batch;
+  removeAliveElements(batch);
+  addAliveElements(batch);
+  if (const auto failure = batch.commit(socket_.get())) {
+    return Error{std::string(platform::kPOSIXErrorDomain), failure->error,
+                 "the interception could not be kept alive: " + failure->change + ": " +
+                     std::strerror(failure->error)};
+  }
+  return std::nullopt;
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,326 @@
+#include "Platform/Linux/Interception/Interceptor.h"
+
+#include <poll.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <utility>
+
+#include "Platform/Linux/Interception/FlowAdmission.h"
+#include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Kernel/PacketParser.h"
+#include "Platform/Linux/Kernel/RoutingRules.h"
+#include "Platform/Linux/Relay/LinuxTCPFlow.h"
+#include "Platform/Linux/Relay/LinuxUDPFlow.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::Error;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// So that one late beat does not matter.
+static_assert(Heartbeat::kInterval * 4 <= InterceptionTable::kAliveTimeout);
+// Packets taken in one go before the next ping is answered.
+constexpr int kMaximumBurst = 64;
+constexpr auto kLongestBurst = 100ms;
+// The flows of a busy desktop over the longest time that one is remembered.
+constexpr std::size_t kRememberedFlows = 8192;
+constexpr std::uint16_t kLocalProxyPort = 8080;
+
+std::vector<InterceptionTable::ListenerPorts> listenerPorts(EventLoopGroup& loops) {
+  std::vector<InterceptionTable::ListenerPorts> ports;
+  for (unsigned index = 0; index < loops.size(); ++index) {
+    const FlowListener& listener = loops.loop(index).listener();
+    ports.push_back({listener.ipv4Port(), listener.ipv6Port()});
+  }
+  return ports;
+}
+
+}  // namespace
+
+struct Interceptor::Parts {
+  std::shared_ptr<platform::Log> log;
+  EventLoopGroup& loops;
+  DescriptorBudget& descriptors;
+  FlowHandler handler;
+  std::unique_ptr<ApplicationIdentifierSource> identifiers;
+  std::shared_ptr<PacketQueue> queue;
+  std::shared_ptr<RedirectSupervisor> redirects;
+  std::unique_ptr<AliveKeeper> aliveKeeper;
+  Heartbeat& heartbeat;
+};
+
+std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
+    const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
+    EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler, Heartbeat& heartbeat,
+    std::function<void()> onAlive, const std::vector<uid_t>& proxyUsers) {
+  // The table comes last: nothing is offered before somebody can decide.
+  auto identifiers = std::make_unique<ApplicationIdentifierSource>(
+      kLocalProxyPort,
+      [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
+      ApplicationRegistrations::kDefaultFolder, proxyUsers);
+  auto queue = PacketQueue::open();
+  if (auto* error = std::get_if<Error>(&queue)) {
+    return std::move(*error);
+  }
+  std::shared_ptr<PacketQueue> openQueue = std::get<std::unique_ptr<PacketQueue>>(std::move(queue));
+  const auto install = [settings, marks = loops.marks(), number = openQueue->number(),
+                        ports = listenerPorts(loops)] {
+    return InterceptionTable::install(settings, marks, number, ports);
+  };
+  auto table = install();
+  if (auto* error = std::get_if<Error>(&table)) {
+    return std::move(*error);
+  }
+  for (const std::string& clash : RoutingRules::read().clashesWith(loops.marks())) {
+    log->error("OstravelProxy: Packet marks clash: %{public}s", {clash});
+  }
+  auto redirects = RedirectSupervisor::start(loops, settings, log);
+  auto aliveKeeper =
+      std::make_unique<AliveKeeper>(std::get<std::unique_ptr<InterceptionTable>>(std::move(table)),
+                                    install, log, std::move(onAlive));
+  return std::unique_ptr<Interceptor>(new Interceptor(
+      {std::move(log), loops, descriptors, std::move(handler), std::move(identifiers),
+       std::move(openQueue), std::move(redirects), std::move(aliveKeeper), heartbeat}));
+}
+
+Interceptor::Interceptor(Parts parts)
+    : log_(std::move(parts.log)),
+      loops_(parts.loops),
+      descriptors_(parts.descriptors),
+      handler_(std::move(parts.handler)),
+      identifiers_(std::move(parts.identifiers)),
+      queue_(std::move(parts.queue)),
+      recentFlows_(kRememberedFlows),
+      leftFlows_(log_),
+      redirects_(std::move(parts.redirects)),
+      aliveKeeper_(std::move(parts.aliveKeeper)),
+      membership_(parts.heartbeat.join(
+          kVerdictThreadParticipant,
+          // The thread answers through the membership.
+          [this](const Heartbeat::Answer& /*answer*/) { ping_.signal(); },
+          [this] { aliveKeeper_->beat(); })),
+      thread_([this] { run(); }) {}
+
+Interceptor::~Interceptor() {
+  redirects_->stop();
+  // Rules first, so that nothing new is held by a queue that nobody reads any more.
+  aliveKeeper_->removeTable();
+  stop_.signal();
+  thread_.join();
+}
+
+void Interceptor::reloadRegistrations() {
+  ApplicationRegistrations registrations(
+      ApplicationRegistrations::kDefaultFolder,
+      [this](const std::string& warning) { log_->error("OstravelProxy: %{public}s", {warning}); });
+  if (!registrations.isComplete()) {
+    log_->error("OstravelProxy: Registrations not replaced, those that were in force still are");
+    return;
+  }
+  const auto count = static_cast<std::int64_t>(registrations.size());
+  {
+    const std::lock_guard guard(registrationsLock_);
+    newRegistrations_ = std::move(registrations);
+  }
+  newRegistrationsAreThere_.signal();
+  log_->info("OstravelProxy: Registrations replaced count=%{public}d", {count});
+}
+
+void Interceptor::takeRegistrations() {
+  newRegistrationsAreThere_.consume();
+  const std::lock_guard guard(registrationsLock_);
+  if (newRegistrations_) {
+    identifiers_->replaceRegistrations(*std::exchange(newRegistrations_, std::nullopt));
+  }
+}
+
+void Interceptor::run() {
+  ::pthread_setname_np(::pthread_self(), "verdict");
+  while (true) {
+    std::array<pollfd, 4> waited{{{stop_.descriptor(), POLLIN, 0},
+                                  {newRegistrationsAreThere_.descriptor(), POLLIN, 0},
+                                  {queue_->descriptor(), POLLIN, 0},
+                                  {ping_.descriptor(), POLLIN, 0}}};
+    if (::poll(waited.data(), waited.size(), -1) < 0) {
+      continue;
+    }
+    if (waited[0].revents != 0) {
+      break;
+    }
+    // Before the packets, so that they hold for every flow that begins after it was said so.
+    if (waited[1].revents != 0) {
+      takeRegistrations();
+    }
+    if (waited[2].revents != 0) {
+      receive();
+    }
+    queue_->retryUnsent();
+    if (ping_.consume()) {
+      tendHeldFlows();
+      if (const auto news = identifiers_->watchProxy()) {
+        log_->info("OstravelProxy: %{public}s", {*news});
+      }
+      membership_.answer();
+    }
+  }
+  acceptEverything();
+}
+
+void Interceptor::receive() {
+  const auto begin = std::chrono::steady_clock::now();
+  for (int count = 0; count < kMaximumBurst; ++count) {
+    // Searches that are slow one after the other must not make the thread seem dead.
+    if (std::chrono::steady_clock::now() - begin > kLongestBurst) {
+      return;
+    }
+    if (!queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); })) {
+      return;
+    }
+  }
+}
+
+void Interceptor::tendHeldFlows() {
+  const auto now = std::chrono::steady_clock::now();
+  if (const auto count = heldFlows_.releaseOld(now); count > 0) {
+    log_->error("OstravelProxy: Packets held for too long were let go count=%{public}d",
+                {static_cast<std::int64_t>(count)});
+  }
+  leftFlows_.report(now);
+}
+
+void Interceptor::decide(const PacketQueue::Packet& packet) {
+  const auto now = std::chrono::steady_clock::now();
+  const auto first = parseFirstPacket(packet.bytes);
+  if (!first || recentFlows_.contains(*first, now)) {
+    queue_->accept(packet.id);
+    return;
+  }
+  const FlowTuple& tuple = first->tuple;
+  // The cheap questions first, so that a flood is not identified packet by packet.
+  auto share = shares_.of(packet.uid);
+  if (const auto reason = reasonToLeave(tuple, packet, *share, now)) {
+    leaveToSystem(packet, *first, *reason);
+    return;
+  }
+  auto identification = identifiers_->identify(tuple, packet.outputInterface);
+  if (const auto reason = reasonToLeave(tuple, identification)) {
+    leaveToSystem(packet, *first, *reason);
+    return;
+  }
+  const auto held =
+      std::make_shared<QueuedPacket::State>(queue_, loops_.marks(), packet.id, packet.mark, share);
+  heldFlows_.add(held, tuple, identification.process, now);
+  // The proxy's own flows follow from those of others.
+  if (identification.identifier != ApplicationIdentifierSource::kProxyIdentifier) {
+    shares_.noteActivity(*share, now);
+  }
+  const bool isTCP = tuple.protocol == TransportProtocol::tcp;
+  // The proxy decides about TCP flows only; UDP is refused by ourselves.
+  auto heldPacket =
+      std::make_unique<QueuedPacket>(held, isTCP ? identification.proxy : std::nullopt);
+  const auto flow =
+      makeFlow(tuple, std::move(identification), std::move(heldPacket), std::move(share));
+  const bool isTaken = handler_(flow);
+  // A flow that is not taken lets its packet go when it is destroyed, at the end of this scope. A
+  // UDP flow is taken to be refused, and every further datagram of it is refused anew. A TCP flow
+  // that is given back later must not be offered again.
+  if (!isTaken || isTCP) {
+    recentFlows_.remember(*first, now);
+  }
+}
+
+void Interceptor::leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
+                                LeaveReason reason) {
+  queue_->accept(packet.id);
+  leftFlows_.add(reason, packet.uid);
+  // The next datagram may be judged differently; it is not part of a connection.
+  if (first.tuple.protocol == TransportProtocol::tcp) {
+    recentFlows_.remember(first, std::chrono::steady_clock::now());
+  }
+}
+
+std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
+                                                      const PacketQueue::Packet& packet,
+                                                      UserShare& share,
+                                                      UserShare::Clock::time_point now) const {
+  if (descriptors_.nearLimit()) {
+    return LeaveReason::descriptors;
+  }
+  if (!hasListenerFor(tuple.destination.family)) {
+    return LeaveReason::noListener;
+  }
+  if (!loops_.redirectPath().isUsable(tuple.destination.family)) {
+    return LeaveReason::redirectPath;
+  }
+  if (tuple.protocol == TransportProtocol::udp) {
+    // Tunnels of the kernel's own, which TCP could not replace.
+    if (!packet.uid) {
+      return LeaveReason::kernelSocket;
+    }
+    // To refuse QUIC makes sense only where TCP is proxied.
+    return share.isOnTrial() ? std::optional(LeaveReason::onTrial) : std::nullopt;
+  }
+  if (const auto reason = FlowAdmission::admit(share, descriptors_, now);
+      reason != LeaveReason::none) {
+    return reason;
+  }
+  // Serving one user's flood would make the others wait; alone a user may have everything.
+  if (share.exceedsRate(now) && shares_.isOtherActive(share, now)) {
+    return LeaveReason::offerShare;
+  }
+  return std::nullopt;
+}
+
+std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
+                                                      const Identification& identification) const {
+  if (identification.leaveToSystem) {
+    return identification.leaveReason;
+  }
+  // A packet of a tunnel may belong to the socket of what it carries, and comes from none itself.
+  if (tuple.protocol == TransportProtocol::udp && !identification.user) {
+    return LeaveReason::kernelSocket;
+  }
+  const bool isProxysOwn = identification.mayBelongToProxy &&
+                           heldFlows_.isOtherHeldFor(tuple.destination, identification.process);
+  if (isProxysOwn || heldFlows_.isLoopLikely(tuple.destination, identification.process)) {
+    return LeaveReason::mayBeProxys;
+  }
+  return std::nullopt;
+}
+
+std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(const FlowTuple& tuple,
+                                                              Identification identification,
+                                                              std::unique_ptr<HeldPacket> packet,
+                                                              std::shared_ptr<UserShare> share) {
+  if (tuple.protocol == TransportProtocol::udp) {
+    return std::make_shared<LinuxUDPFlow>(tuple, std::move(identification.identifier),
+                                          std::move(packet));
+  }
+  // Host names that belong to the address come in here once DNS answers are observed.
+  platform::HostEndpoint remote{tuple.destination.addressText(),
+                                std::to_string(tuple.destination.port)};
+  EventLoop& loop = loops_.loop(nextLoop_++ % loops_.size());
+  return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(identification.identifier),
+                                        std::move(remote), std::move(packet), std::move(share));
+}
+
+bool Interceptor::hasListenerFor(AddressFamily family) const {
+  // All loops have the same: either the namespace has the family's loopback address or not.
+  const FlowListener& listener = loops_.loop(0).listener();
+  return (family == AddressFamily::ipv4 ? listener.ipv4Port() : listener.ipv6Port()) != 0;
+}
+
+void Interceptor::acceptEverything() {
+  while (
+      queue_->receive([this](const PacketQueue::Packet& packet) { queue_->accept(packet.id); })) {
+  }
+  heldFlows_.releaseAll();
+}
+
+}  // namespace ostravel::linuxplatform

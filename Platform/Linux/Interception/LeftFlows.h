@@ -1,0 +1,51 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "Platform/Interface/Log.h"
+#include "Platform/Linux/Identity/LeaveReason.h"
+
+namespace ostravel::linuxplatform {
+
+// Counts the flows that are left to the system and says so in the log, soon after the first one and
+// at most once a minute for each reason after that. Used by the verdict thread only.
+class LeftFlows {
+ public:
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  static constexpr std::chrono::seconds kReportInterval{60};
+
+  explicit LeftFlows(std::shared_ptr<platform::Log> log) : log_(std::move(log)) {}
+
+  // user: the one whose flow it was, if that is known.
+  void add(LeaveReason reason, std::optional<uid_t> user);
+
+  // Called every now and then; logs what is due.
+  void report(TimePoint now);
+
+  std::uint64_t count(LeaveReason reason) const { return entryOf(reason).count; }
+
+ private:
+  struct Entry {
+    std::uint64_t count = 0;
+    std::uint64_t reported = 0;
+    std::optional<uid_t> lastUser;
+    std::optional<TimePoint> lastReport;
+  };
+
+  const Entry& entryOf(LeaveReason reason) const {
+    return entries_[static_cast<std::size_t>(reason)];
+  }
+
+  const std::shared_ptr<platform::Log> log_;
+  std::array<Entry, kLeaveReasons> entries_;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,320 @@
+#include "Platform/Linux/Interception/RedirectSupervisor.h"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+#include <variant>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Relay/FlowListener.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+using namespace std::chrono_literals;
+using platform::NetworkRule;
+using platform::TransparentProxyNetworkSettings;
+
+// A path that has just been found to work is not tested again for another lost connection: then
+// the reason lies with that one.
+constexpr auto kFreshSuccess = 100ms;
+
+const char* loopbackText(AddressFamily family) {
+  return family == AddressFamily::ipv4 ? "127.0.0.1" : "::1";
+}
+
+SocketEndpoint loopback(AddressFamily family) {
+  SocketEndpoint endpoint = *parseAddressLiteral({loopbackText(family), "1"});
+  endpoint.port = 0;
+  return endpoint;
+}
+
+std::vector<SocketEndpoint> loopbackDestinations(const TransparentProxyNetworkSettings& settings,
+                                                 AddressFamily family) {
+  const auto isExcluded = [&settings](const NetworkRule& rule) {
+    return std::any_of(settings.excludedNetworkRules.begin(), settings.excludedNetworkRules.end(),
+                       [&rule](const NetworkRule& excluded) {
+                         return excluded.destinationNetwork == rule.destinationNetwork;
+                       });
+  };
+  std::vector<SocketEndpoint> destinations;
+  for (const NetworkRule& rule : settings.includedNetworkRules) {
+    const auto endpoint = parseAddressLiteral(rule.destinationNetwork);
+    if (rule.protocol == platform::NetworkRuleProtocol::tcp && endpoint &&
+        rule.destinationNetwork.hostname == loopbackText(family) && !isExcluded(rule)) {
+      destinations.push_back(*endpoint);
+    }
+  }
+  return destinations;
+}
+
+std::optional<SocketEndpoint> withoutPort(const KernelAddress& address) {
+  auto endpoint = address.endpoint();
+  if (endpoint) {
+    endpoint->port = 0;
+  }
+  return endpoint;
+}
+
+// The address from which the machine would reach a distant one; nothing is sent.
+std::optional<SocketEndpoint> sourceOfDefaultRoute(AddressFamily family) {
+  // Nobody has these (RFC 5737, RFC 3849).
+  const char* const distant = family == AddressFamily::ipv4 ? "192.0.2.1" : "2001:db8::1";
+  const KernelAddress to(*parseAddressLiteral({distant, "9"}));
+  const FileDescriptor descriptor(::socket(to.storage.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  KernelAddress local;
+  if (::connect(descriptor.get(), to.get(), to.size) != 0 ||
+      ::getsockname(descriptor.get(), local.get(), &local.size) != 0) {
+    return std::nullopt;
+  }
+  return withoutPort(local);
+}
+
+bool isLinkLocal(const SocketEndpoint& endpoint) {
+  const auto& bytes = endpoint.address;
+  return endpoint.family == AddressFamily::ipv4 ? bytes[0] == 169 && bytes[1] == 254
+                                                : bytes[0] == 0xfe && (bytes[1] & 0xc0U) == 0x80;
+}
+
+// The first address of an interface other than loopback.
+std::optional<SocketEndpoint> sourceOfSomeInterface(AddressFamily family) {
+  ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) != 0) {
+    return std::nullopt;
+  }
+  std::optional<SocketEndpoint> found;
+  for (const ifaddrs* entry = list; entry != nullptr && !found; entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr || (entry->ifa_flags & IFF_LOOPBACK) != 0) {
+      continue;
+    }
+    const int systemFamily = entry->ifa_addr->sa_family;
+    KernelAddress address;
+    address.size = systemFamily == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    if (systemFamily == (family == AddressFamily::ipv4 ? AF_INET : AF_INET6)) {
+      std::memcpy(address.get(), entry->ifa_addr, address.size);
+      found = withoutPort(address);
+      if (found && isLinkLocal(*found)) {
+        found.reset();
+      }
+    }
+  }
+  ::freeifaddrs(list);
+  return found;
+}
+
+// A redirected connection has its application's address, and rules on what comes in often ask
+// whether that is one of loopback.
+std::vector<SocketEndpoint> sourcesToTry(AddressFamily family) {
+  std::vector<SocketEndpoint> sources{loopback(family)};
+  auto usual = sourceOfDefaultRoute(family);
+  if (!usual) {
+    usual = sourceOfSomeInterface(family);
+  }
+  if (usual && *usual != sources.front()) {
+    sources.push_back(*usual);
+  }
+  return sources;
+}
+
+const char* describe(RedirectTrial::Outcome outcome) {
+  switch (outcome) {
+    case RedirectTrial::Outcome::refused:
+      return "refused or not redirected";
+    case RedirectTrial::Outcome::unanswered:
+      return "not answered";
+    case RedirectTrial::Outcome::arrivedElsewhere:
+      return "not redirected";
+    case RedirectTrial::Outcome::notTried:
+      return "not possible to try";
+    case RedirectTrial::Outcome::arrived:
+    case RedirectTrial::Outcome::noSource:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+std::shared_ptr<RedirectSupervisor> RedirectSupervisor::start(
+    EventLoopGroup& loops, const TransparentProxyNetworkSettings& settings,
+    std::shared_ptr<platform::Log> log, std::chrono::milliseconds pause) {
+  auto supervisor = std::make_shared<RedirectSupervisor>(loops, settings, std::move(log), pause);
+  loops.redirectPath().setWatcher(supervisor);
+  supervisor->home().post([supervisor] {
+    for (Family& family : supervisor->families_) {
+      supervisor->test(family, 0);
+    }
+  });
+  return supervisor;
+}
+
+RedirectSupervisor::RedirectSupervisor(EventLoopGroup& loops,
+                                       const TransparentProxyNetworkSettings& settings,
+                                       std::shared_ptr<platform::Log> log,
+                                       std::chrono::milliseconds pause)
+    : loops_(loops),
+      log_(std::move(log)),
+      pause_(pause),
+      families_{Family(loops.loop(0)), Family(loops.loop(0))} {
+  for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
+    known(family).family = family;
+    known(family).destinations = loopbackDestinations(settings, family);
+  }
+  auto diagnostics = SocketDiagnostics::open();
+  if (auto* opened = std::get_if<std::unique_ptr<SocketDiagnostics>>(&diagnostics)) {
+    diagnostics_ = std::move(*opened);
+    // What a predecessor has left that was killed. The kernel may keep it for days, because it did
+    // not see the connections end: the rules went first, and with them the tracking.
+    ConntrackEntries().removeDeadRedirections([this](const SocketEndpoint& endpoint) {
+      const auto answer = diagnostics_->findListener(endpoint);
+      return answer.hasFailed || answer.socket.has_value();
+    });
+  }
+}
+
+void RedirectSupervisor::stop() {
+  loops_.redirectPath().setWatcher({});
+  home().post([self = shared_from_this()] {
+    self->isStopped_ = true;
+    for (Family& family : self->families_) {
+      family.retry.cancel();
+    }
+  });
+  for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
+    loops_.redirectPath().setUsable(family, false);
+  }
+}
+
+// Testing
+
+void RedirectSupervisor::test(Family& family, unsigned loopIndex) {
+  if (family.isTesting || isStopped_) {
+    return;
+  }
+  const FlowListener& listener = loops_.loop(loopIndex).listener();
+  const bool isIPv4 = family.family == AddressFamily::ipv4;
+  if ((isIPv4 ? listener.ipv4Port() : listener.ipv6Port()) == 0) {
+    // No flow of this family can be accepted.
+    return;
+  }
+  if (family.destinations.empty()) {
+    conclude(family, loopIndex, "");
+    return;
+  }
+  family.isTesting = true;
+  tryNext(family, loopIndex, sourcesToTry(family.family));
+}
+
+void RedirectSupervisor::tryNext(Family& family, unsigned loopIndex,
+                                 std::vector<SocketEndpoint> sources) {
+  if (sources.empty()) {
+    conclude(family, loopIndex, "");
+    return;
+  }
+  const SocketEndpoint source = sources.front();
+  sources.erase(sources.begin());
+  EventLoop& loop = loops_.loop(loopIndex);
+  loop.post([self = shared_from_this(), &family, loopIndex, &loop, source,
+             destination = destinationFor(family), sources = std::move(sources)]() mutable {
+    RedirectTrial::start(
+        loop, source, destination,
+        [self, &family, loopIndex, source,
+         sources = std::move(sources)](RedirectTrial::Outcome outcome) mutable {
+          self->home().post(
+              [self, &family, loopIndex, source, outcome, sources = std::move(sources)]() mutable {
+                if (outcome == RedirectTrial::Outcome::arrived ||
+                    outcome == RedirectTrial::Outcome::noSource) {
+                  self->tryNext(family, loopIndex, std::move(sources));
+                } else {
+                  self->conclude(family, loopIndex,
+                                 "from " + source.addressText() + ": " + describe(outcome));
+                }
+              });
+        });
+  });
+}
+
+void RedirectSupervisor::conclude(Family& family, unsigned loopIndex, const std::string& failure) {
+  family.isTesting = false;
+  if (isStopped_) {
+    return;
+  }
+  const std::string name = family.family == AddressFamily::ipv4 ? "IPv4" : "IPv6";
+  if (failure.empty()) {
+    family.lastSuccess = std::chrono::steady_clock::now();
+    if (!family.lastFailure.empty()) {
+      log_->info("OstravelProxy: Redirected connections arrive again over %{public}s", {name});
+    }
+  } else if (failure != family.lastFailure) {
+    log_->error(
+        "OstravelProxy: Redirected connections do not arrive over %{public}s (%{public}s): a rule "
+        "of another program drops them, or keeps them from being tracked, on the loopback "
+        "interface; flows are left to the system, and this is tried again every %{public}d s",
+        {name, failure, std::chrono::ceil<std::chrono::seconds>(pause_).count()});
+  }
+  family.lastFailure = failure;
+  loops_.redirectPath().setUsable(family.family, failure.empty());
+  if (failure.empty()) {
+    return;
+  }
+  family.retry.expires_after(pause_);
+  family.retry.async_wait([self = shared_from_this(), &family, loopIndex](asio::error_code error) {
+    if (!error) {
+      self->test(family, loopIndex);
+    }
+  });
+}
+
+// One that nobody listens at, so that a trial that is not redirected troubles nobody.
+SocketEndpoint RedirectSupervisor::destinationFor(const Family& family) {
+  const auto free = std::find_if(family.destinations.begin(), family.destinations.end(),
+                                 [this](const SocketEndpoint& destination) {
+                                   if (!diagnostics_) {
+                                     return true;
+                                   }
+                                   const auto answer = diagnostics_->findListener(destination);
+                                   return !answer.hasFailed && !answer.socket;
+                                 });
+  return free == family.destinations.end() ? family.destinations.front() : *free;
+}
+
+// Lost connections
+
+void RedirectSupervisor::connectionIsMissing(unsigned loopIndex, const FlowTuple& tuple) {
+  home().post([self = shared_from_this(), loopIndex, tuple] { self->examine(loopIndex, tuple); });
+}
+
+void RedirectSupervisor::connectionWasReset(const FlowTuple& tuple) {
+  const std::lock_guard guard(resetsLock_);
+  resets_.remove(tuple);
+}
+
+void RedirectSupervisor::examine(unsigned loopIndex, const FlowTuple& tuple) {
+  if (isStopped_ || !diagnostics_) {
+    return;
+  }
+  const auto answer = diagnostics_->find(tuple, 0);
+  if (!answer.socket || answer.socket->state != TCP_SYN_SENT) {
+    // The application has given up.
+    return;
+  }
+  conntrack_.remove(tuple);
+  Family& family = known(tuple.source.family);
+  const bool isFresh = std::chrono::steady_clock::now() - family.lastSuccess < kFreshSuccess;
+  if (!family.lastFailure.empty() || family.isTesting || isFresh) {
+    return;
+  }
+  // What is offered meanwhile might be lost as well.
+  loops_.redirectPath().setUsable(family.family, false);
+  test(family, loopIndex);
+}
+
+}  // namespace ostravel::linuxplatform

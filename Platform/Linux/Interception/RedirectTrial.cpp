@@ -1,0 +1,93 @@
+#include "Platform/Linux/Interception/RedirectTrial.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <utility>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Relay/EventLoop.h"
+
+namespace ostravel::linuxplatform {
+
+void RedirectTrial::start(EventLoop& loop, const SocketEndpoint& source,
+                          const SocketEndpoint& destination, Completion completion) {
+  const auto trial = std::make_shared<RedirectTrial>(loop, std::move(completion));
+  const Outcome outcome = trial->connect(source, destination);
+  if (outcome != Outcome::arrived) {
+    trial->finish(outcome);
+  }
+}
+
+RedirectTrial::RedirectTrial(EventLoop& loop, Completion completion)
+    : loop_(loop), completion_(std::move(completion)) {}
+
+// Outcome::arrived: nothing has prevented it so far.
+RedirectTrial::Outcome RedirectTrial::connect(const SocketEndpoint& source,
+                                              const SocketEndpoint& destination) {
+  const KernelAddress from(source);
+  const KernelAddress to(destination);
+  FileDescriptor descriptor(
+      ::socket(from.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const std::uint32_t mark = loop_.marks().redirect(loop_.index());
+  if (!descriptor.isOpen() ||
+      ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark) != 0) {
+    return Outcome::notTried;
+  }
+  KernelAddress bound;
+  if (::bind(descriptor.get(), from.get(), from.size) != 0 ||
+      ::getsockname(descriptor.get(), bound.get(), &bound.size) != 0) {
+    return Outcome::noSource;
+  }
+  tuple_ = {TransportProtocol::tcp, *bound.endpoint(), destination};
+  socket_ = LoopSocket(loop_, descriptor.release());
+  if (!socket_.isOpen()) {
+    return Outcome::notTried;
+  }
+  const std::shared_ptr<FlowListener::Waiter> self(shared_from_this(), this);
+  loop_.listener().expect(self);
+  loop_.listener().keep(self);
+  if (::connect(socket_.descriptor(), to.get(), to.size) != 0 && errno != EINPROGRESS) {
+    return Outcome::refused;
+  }
+  waitUntilConnected();
+  return Outcome::arrived;
+}
+
+void RedirectTrial::waitUntilConnected() {
+  socket_.waitUntilWritable([self = shared_from_this()](asio::error_code error) {
+    if (error || !self->completion_) {
+      return;
+    }
+    int result = 0;
+    socklen_t size = sizeof result;
+    ::getsockopt(self->socket_.descriptor(), SOL_SOCKET, SO_ERROR, &result, &size);
+    if (result != 0) {
+      self->finish(Outcome::refused);
+    }
+    // Whose connection it is, the listener says.
+    self->isConnected_ = true;
+  });
+}
+
+void RedirectTrial::accepted(LoopSocket socket) {
+  // Ours first: what the side that connects has reset, conntrack lets begin anew.
+  finish(Outcome::arrived);
+  socket.reset();
+}
+
+void RedirectTrial::gaveUp() {
+  finish(isConnected_ ? Outcome::arrivedElsewhere : Outcome::unanswered);
+}
+
+void RedirectTrial::finish(Outcome outcome) {
+  if (!completion_) {
+    return;
+  }
+  socket_.reset();
+  std::exchange(completion_, nullptr)(outcome);
+}
+
+}  // namespace ostravel::linuxplatform

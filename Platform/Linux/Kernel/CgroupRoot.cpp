@@ -1,0 +1,56 @@
+#include "Platform/Linux/Kernel/CgroupRoot.h"
+
+#include <fcntl.h>
+#include <mntent.h>
+#include <sys/mount.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// The unified hierarchy without a path to it, for mount namespaces that hide it: those of
+// ip-netns(8) replace /sys, where it is usually mounted. Nobody else sees this mount, and it goes
+// with its last descriptor.
+FileDescriptor openDetachedCgroupRoot() {
+  const FileDescriptor context(::fsopen("cgroup2", FSOPEN_CLOEXEC));
+  if (!context.isOpen() ||
+      ::fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) {
+    return FileDescriptor();
+  }
+  return FileDescriptor(::fsmount(context.get(), FSMOUNT_CLOEXEC, 0));
+}
+
+}  // namespace
+
+std::optional<std::string> findCgroupRoot(const std::string& mountsFile) {
+  struct Close {
+    void operator()(std::FILE* file) const { ::endmntent(file); }
+  };
+  const std::unique_ptr<std::FILE, Close> mounts(::setmntent(mountsFile.c_str(), "re"));
+  if (!mounts) {
+    return std::nullopt;
+  }
+  mntent entry{};
+  // Long enough for any line that matters; longer ones are cut off.
+  std::array<char, 8192> text;
+  while (::getmntent_r(mounts.get(), &entry, text.data(), static_cast<int>(text.size()))) {
+    if (std::strcmp(entry.mnt_type, "cgroup2") == 0) {
+      return entry.mnt_dir;
+    }
+  }
+  return std::nullopt;
+}
+
+FileDescriptor openCgroupRoot() {
+  if (const auto path = findCgroupRoot("/proc/self/mounts")) {
+    return FileDescriptor(::open(path->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  }
+  return openDetachedCgroupRoot();
+}
+
+}  // namespace ostravel::linuxplatform

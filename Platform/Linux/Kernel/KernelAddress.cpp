@@ -1,0 +1,68 @@
+#include "Platform/Linux/Kernel/KernelAddress.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <charconv>
+#include <cstring>
+
+namespace ostravel::linuxplatform {
+
+KernelAddress::KernelAddress(const SocketEndpoint& endpoint) {
+  if (endpoint.family == AddressFamily::ipv4) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(endpoint.port);
+    std::memcpy(&address.sin_addr, endpoint.address.data(), sizeof address.sin_addr);
+    std::memcpy(&storage, &address, sizeof address);
+    size = sizeof address;
+  } else {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(endpoint.port);
+    std::memcpy(&address.sin6_addr, endpoint.address.data(), sizeof address.sin6_addr);
+    std::memcpy(&storage, &address, sizeof address);
+    size = sizeof address;
+  }
+}
+
+std::optional<SocketEndpoint> KernelAddress::endpoint() const {
+  SocketEndpoint endpoint;
+  if (storage.ss_family == AF_INET) {
+    sockaddr_in address{};
+    std::memcpy(&address, &storage, sizeof address);
+    endpoint.family = AddressFamily::ipv4;
+    endpoint.port = ntohs(address.sin_port);
+    std::memcpy(endpoint.address.data(), &address.sin_addr, sizeof address.sin_addr);
+    return endpoint;
+  }
+  if (storage.ss_family == AF_INET6) {
+    sockaddr_in6 address{};
+    std::memcpy(&address, &storage, sizeof address);
+    endpoint.family = AddressFamily::ipv6;
+    endpoint.port = ntohs(address.sin6_port);
+    std::memcpy(endpoint.address.data(), &address.sin6_addr, sizeof address.sin6_addr);
+    return endpoint;
+  }
+  return std::nullopt;
+}
+
+std::optional<SocketEndpoint> parseAddressLiteral(const platform::HostEndpoint& endpoint) {
+  SocketEndpoint parsed;
+  const char* const portEnd = endpoint.port.data() + endpoint.port.size();
+  const auto [end, error] = std::from_chars(endpoint.port.data(), portEnd, parsed.port);
+  if (error != std::errc() || end != portEnd || parsed.port == 0) {
+    return std::nullopt;
+  }
+  if (::inet_pton(AF_INET, endpoint.hostname.c_str(), parsed.address.data()) == 1) {
+    parsed.family = AddressFamily::ipv4;
+    return parsed;
+  }
+  if (::inet_pton(AF_INET6, endpoint.hostname.c_str(), parsed.address.data()) == 1) {
+    parsed.family = AddressFamily::ipv6;
+    return parsed;
+  }
+  return std::nullopt;
+}
+
+}  // namespace ostravel::linuxplatform

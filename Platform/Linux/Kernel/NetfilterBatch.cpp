@@ -1,0 +1,97 @@
+#include "Platform/Linux/Kernel/NetfilterBatch.h"
+
+#include <libmnl/libmnl.h>
+#include <libnftnl/common.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <utility>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// Room for the largest batch by far: the whole table takes about 20 KB.
+constexpr std::size_t kBufferSize = 256 * 1024;
+constexpr timeval kAnswerTimeout{2, 0};
+
+// Sequence numbers tell the answers apart, also those of an earlier batch that came late.
+std::uint32_t nextSequenceBlock() {
+  constexpr std::uint32_t kBlock = 1024;
+  static std::atomic<std::uint32_t> next{kBlock};
+  return next.fetch_add(kBlock);
+}
+
+}  // namespace
+
+void NetlinkSocketRelease::operator()(mnl_socket* socket) const {
+  ::mnl_socket_close(socket);
+}
+
+NetlinkSocket openNetfilterSocket() {
+  NetlinkSocket socket(::mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
+  if (!socket) {
+    return nullptr;
+  }
+  if (::mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
+    return nullptr;
+  }
+  ::setsockopt(::mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVTIMEO, &kAnswerTimeout,
+               sizeof kAnswerTimeout);
+  return socket;
+}
+
+NetfilterBatch::NetfilterBatch() : buffer_(kBufferSize), nextSequence_(nextSequenceBlock()) {
+  pending_[nextSequence_] = "";
+  used_ += ::nftnl_batch_begin(end(), nextSequence_++)->nlmsg_len;
+}
+
+void NetfilterBatch::add(std::string change, std::uint16_t type, std::uint16_t family,
+                         std::uint16_t flags, const std::function<void(nlmsghdr*)>& fill) {
+  constexpr std::uint16_t kEveryRequest = NLM_F_REQUEST | NLM_F_ACK;
+  nlmsghdr* const header = ::nftnl_nlmsg_build_hdr(
+      end(), type, family, static_cast<std::uint16_t>(flags | kEveryRequest), nextSequence_);
+  fill(header);
+  pending_[nextSequence_++] = std::move(change);
+  used_ += header->nlmsg_len;
+}
+
+std::optional<NetfilterBatch::Failure> NetfilterBatch::commit(mnl_socket* socket) {
+  const std::uint32_t first = pending_.begin()->first;
+  used_ += ::nftnl_batch_end(end(), nextSequence_)->nlmsg_len;
+  if (::mnl_socket_sendto(socket, buffer_.data(), used_) < 0) {
+    return Failure{"", errno};
+  }
+  // The beginning is answered only when the whole batch is refused.
+  std::optional<Failure> failure;
+  while (pending_.size() > 1) {
+    alignas(nlmsghdr) std::array<char, 16384> answer;
+    const auto received = ::mnl_socket_recvfrom(socket, answer.data(), answer.size());
+    if (received < 0) {
+      return Failure{"", errno};
+    }
+    int left = static_cast<int>(received);
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(answer.data());
+         ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
+      const auto change = pending_.find(header->nlmsg_seq);
+      if (header->nlmsg_type != NLMSG_ERROR || change == pending_.end()) {
+        continue;
+      }
+      const auto* const result = static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(header));
+      if (result->error != 0 && !failure) {
+        failure = Failure{change->second, -result->error};
+      }
+      if (change->first == first) {
+        return failure;
+      }
+      pending_.erase(change);
+    }
+  }
+  return failure;
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,302 @@
+#include "Platform/Linux/Kernel/NetfilterRule.h"
+
+#include <arpa/inet.h>
+#include <libnftnl/expr.h>
+#include <libnftnl/rule.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_conntrack_common.h>
+#include <linux/netfilter/nf_nat.h>
+#include <linux/netfilter/nf_tables.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <new>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+constexpr std::uint32_t kRegister = NFT_REG_1;
+
+// Offsets in the fixed headers (RFC 791, RFC 8200, RFC 9293, RFC 768).
+constexpr std::uint32_t kIPv4DestinationOffset = 16;
+constexpr std::uint32_t kIPv6DestinationOffset = 24;
+constexpr std::uint32_t kDestinationPortOffset = 2;
+constexpr std::uint32_t kTCPFlagsOffset = 13;
+
+constexpr std::uint8_t kFin = 0x01;
+constexpr std::uint8_t kSyn = 0x02;
+constexpr std::uint8_t kRst = 0x04;
+constexpr std::uint8_t kAck = 0x10;
+
+constexpr std::size_t addressSize(AddressFamily family) {
+  return family == AddressFamily::ipv4 ? 4 : 16;
+}
+
+constexpr std::uint32_t destinationOffset(AddressFamily family) {
+  return family == AddressFamily::ipv4 ? kIPv4DestinationOffset : kIPv6DestinationOffset;
+}
+
+template <typename Value>
+std::span<const std::byte> bytesOf(const Value& value) {
+  return std::as_bytes(std::span(&value, 1));
+}
+
+nftnl_expr* makeExpression(const char* name) {
+  nftnl_expr* const expression = ::nftnl_expr_alloc(name);
+  if (expression == nullptr) {
+    throw std::bad_alloc();
+  }
+  return expression;
+}
+
+}  // namespace
+
+void NetfilterRuleRelease::operator()(nftnl_rule* rule) const {
+  ::nftnl_rule_free(rule);
+}
+
+NetfilterRule::NetfilterRule(const char* table, const char* chain) : rule_(::nftnl_rule_alloc()) {
+  if (!rule_) {
+    throw std::bad_alloc();
+  }
+  ::nftnl_rule_set_str(get(), NFTNL_RULE_TABLE, table);
+  ::nftnl_rule_set_str(get(), NFTNL_RULE_CHAIN, chain);
+  ::nftnl_rule_set_u32(get(), NFTNL_RULE_FAMILY, NFPROTO_INET);
+}
+
+void NetfilterRule::loadMeta(std::uint32_t key) {
+  nftnl_expr* const expression = makeExpression("meta");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_META_KEY, key);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_META_DREG, kRegister);
+  ::nftnl_rule_add_expr(get(), expression);
+}
+
+void NetfilterRule::loadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t length) {
+  nftnl_expr* const expression = makeExpression("payload");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_BASE, base);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_OFFSET, offset);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_LEN, length);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_DREG, kRegister);
+  ::nftnl_rule_add_expr(get(), expression);
+}
+
+void NetfilterRule::loadConntrack(std::uint32_t key) {
+  nftnl_expr* const expression = makeExpression("ct");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_CT_KEY, key);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_CT_DREG, kRegister);
+  ::nftnl_rule_add_expr(get(), expression);
+}
+
+void NetfilterRule::mask(std::span<const std::byte> mask) {
+  constexpr std::array<std::byte, 16> kZero{};
+  const auto length = static_cast<std::uint32_t>(mask.size());
+  nftnl_expr* const expression = makeExpression("bitwise");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_BITWISE_SREG, kRegister);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_BITWISE_DREG, kRegister);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_BITWISE_LEN, length);
+  ::nftnl_expr_set(expression, NFTNL_EXPR_BITWISE_MASK, mask.data(), length);
+  ::nftnl_expr_set(expression, NFTNL_EXPR_BITWISE_XOR, kZero.data(), length);
+  ::nftnl_rule_add_expr(get(), expression);
+}
+
+void NetfilterRule::compare(std::uint32_t operation, std::span<const std::byte> value) {
+  nftnl_expr* const expression = makeExpression("cmp");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_CMP_SREG, kRegister);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_CMP_OP, operation);
+  ::nftnl_expr_set(expression, NFTNL_EXPR_CMP_DATA, value.data(),
+                   static_cast<std::uint32_t>(value.size()));
+  ::nftnl_rule_add_expr(get(), expression);
+}
+
+void NetfilterRule::immediate(std::span<const std::byte> value) {
+  nftnl_expr* const expression = makeExpression("immediate");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_DREG, kRegister);
+  ::nftnl_expr_set(expression, NFTNL_EXPR_IMM_DATA, value.data(),
+                   static_cast<std::uint32_t>(value.size()));
+  ::nftnl_rule_add_expr(get(), expression);
+}
+
+void NetfilterRule::loadMaskedMark(std::uint32_t mask) {
+  loadMeta(NFT_META_MARK);
+  this->mask(bytesOf(mask));
+}
+
+NetfilterRule& NetfilterRule::mark(std::uint32_t mask, std::uint32_t value) {
+  loadMaskedMark(mask);
+  compare(NFT_CMP_EQ, bytesOf(value));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::markOtherThan(std::uint32_t mask, std::uint32_t value) {
+  loadMaskedMark(mask);
+  compare(NFT_CMP_NEQ, bytesOf(value));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::protocol(TransportProtocol protocol) {
+  const std::uint8_t number = protocol == TransportProtocol::tcp ? IPPROTO_TCP : IPPROTO_UDP;
+  loadMeta(NFT_META_L4PROTO);
+  compare(NFT_CMP_EQ, bytesOf(number));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::family(AddressFamily family) {
+  const std::uint8_t number = family == AddressFamily::ipv4 ? NFPROTO_IPV4 : NFPROTO_IPV6;
+  loadMeta(NFT_META_NFPROTO);
+  compare(NFT_CMP_EQ, bytesOf(number));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::notFirstOfTCP() {
+  constexpr std::uint8_t kFlagsOfInterest = kFin | kSyn | kRst | kAck;
+  protocol(TransportProtocol::tcp);
+  loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kTCPFlagsOffset, 1);
+  mask(bytesOf(kFlagsOfInterest));
+  compare(NFT_CMP_NEQ, bytesOf(kSyn));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::notNewConnection() {
+  constexpr std::uint32_t kNew = NF_CT_STATE_BIT(IP_CT_NEW);
+  constexpr std::uint32_t kNone = 0;
+  loadConntrack(NFT_CT_STATE);
+  mask(bytesOf(kNew));
+  compare(NFT_CMP_EQ, bytesOf(kNone));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::trackedWithoutReply() {
+  constexpr std::uint32_t kConfirmed = IPS_CONFIRMED;
+  constexpr std::uint32_t kOfInterest = IPS_CONFIRMED | IPS_SEEN_REPLY;
+  loadConntrack(NFT_CT_STATUS);
+  mask(bytesOf(kOfInterest));
+  compare(NFT_CMP_EQ, bytesOf(kConfirmed));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::protocolNotIn(const char* set) {
+  loadMeta(NFT_META_L4PROTO);
+  nftnl_expr* const expression = makeExpression("lookup");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_LOOKUP_SREG, kRegister);
+  ::nftnl_expr_set_str(expression, NFTNL_EXPR_LOOKUP_SET, set);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_LOOKUP_FLAGS, NFT_LOOKUP_F_INV);
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::destination(const SocketEndpoint& network, unsigned prefix) {
+  const std::size_t size = addressSize(network.family);
+  std::array<std::byte, 16> prefixMask{};
+  for (unsigned bit = 0; bit < std::min<std::size_t>(prefix, size * 8); ++bit) {
+    prefixMask[bit / 8] |= static_cast<std::byte>(0x80U >> (bit % 8));
+  }
+  std::array<std::byte, 16> masked{};
+  for (std::size_t index = 0; index < size; ++index) {
+    masked[index] = static_cast<std::byte>(network.address[index]) & prefixMask[index];
+  }
+  family(network.family);
+  loadPayload(NFT_PAYLOAD_NETWORK_HEADER, destinationOffset(network.family),
+              static_cast<std::uint32_t>(size));
+  mask(std::span(prefixMask).first(size));
+  compare(NFT_CMP_EQ, std::span(masked).first(size));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::destinationNotLoopback(AddressFamily destinationFamily) {
+  family(destinationFamily);
+  if (destinationFamily == AddressFamily::ipv4) {
+    // 127.0.0.0/8 (RFC 1122, section 3.2.1.3)
+    constexpr std::uint8_t kLoopbackNetwork = 127;
+    loadPayload(NFT_PAYLOAD_NETWORK_HEADER, kIPv4DestinationOffset, 1);
+    compare(NFT_CMP_NEQ, bytesOf(kLoopbackNetwork));
+  } else {
+    loadPayload(NFT_PAYLOAD_NETWORK_HEADER, kIPv6DestinationOffset, sizeof in6addr_loopback);
+    compare(NFT_CMP_NEQ, bytesOf(in6addr_loopback));
+  }
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::destinationPort(std::uint16_t port) {
+  const std::uint16_t inNetworkOrder = htons(port);
+  loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kDestinationPortOffset, sizeof inNetworkOrder);
+  compare(NFT_CMP_EQ, bytesOf(inNetworkOrder));
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::accept() {
+  nftnl_expr* const expression = makeExpression("immediate");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_VERDICT, NF_ACCEPT);
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::jump(const char* chain) {
+  nftnl_expr* const expression = makeExpression("immediate");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(NFT_JUMP));
+  ::nftnl_expr_set_str(expression, NFTNL_EXPR_IMM_CHAIN, chain);
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::queue(std::uint16_t number, QueueStatement statement) {
+  if (statement == QueueStatement::native) {
+    nftnl_expr* const expression = makeExpression("queue");
+    ::nftnl_expr_set_u16(expression, NFTNL_EXPR_QUEUE_NUM, number);
+    ::nftnl_expr_set_u16(expression, NFTNL_EXPR_QUEUE_TOTAL, 1);
+    ::nftnl_expr_set_u16(expression, NFTNL_EXPR_QUEUE_FLAGS, NFT_QUEUE_FLAG_BYPASS);
+    ::nftnl_rule_add_expr(get(), expression);
+    return *this;
+  }
+  // struct xt_NFQ_info_v3 of linux/netfilter/xt_NFQUEUE.h, padded to the alignment of targets.
+  struct alignas(8) TargetInfo {
+    std::uint16_t queueNumber;
+    std::uint16_t queuesTotal;
+    std::uint16_t flags;
+  };
+  constexpr std::uint32_t kRevision = 3;
+  constexpr std::uint16_t kBypass = 1;
+  // The expression takes the memory over and frees it.
+  void* const memory = std::calloc(1, sizeof(TargetInfo));
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  new (memory) TargetInfo{number, 1, kBypass};
+  nftnl_expr* const expression = makeExpression("target");
+  ::nftnl_expr_set_str(expression, NFTNL_EXPR_TG_NAME, "NFQUEUE");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_TG_REV, kRevision);
+  ::nftnl_expr_set(expression, NFTNL_EXPR_TG_INFO, memory, sizeof(TargetInfo));
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::rejectWithReset() {
+  nftnl_expr* const expression = makeExpression("reject");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_TCP_RST);
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::rejectWithPortUnreachable() {
+  nftnl_expr* const expression = makeExpression("reject");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_ICMPX_UNREACH);
+  ::nftnl_expr_set_u8(expression, NFTNL_EXPR_REJECT_CODE, NFT_REJECT_ICMPX_PORT_UNREACH);
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
+NetfilterRule& NetfilterRule::redirect(std::uint16_t port) {
+  const std::uint16_t inNetworkOrder = htons(port);
+  immediate(bytesOf(inNetworkOrder));
+  nftnl_expr* const expression = makeExpression("redir");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_REDIR_REG_PROTO_MIN, kRegister);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_REDIR_FLAGS, NF_NAT_RANGE_PROTO_SPECIFIED);
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "Platform/Interface/NetworkSettings.h"
+#include "Platform/Linux/Kernel/FlowTuple.h"
+
+struct nftnl_rule;
+
+namespace ostravel::linuxplatform {
+
+struct NetfilterRuleRelease {
+  void operator()(nftnl_rule* rule) const;
+};
+
+// One rule of a chain, written expression by expression: tests in the order given, then what is
+// done with a packet that passes them all. See nft(8) for the statements that these stand for.
+class NetfilterRule {
+ public:
+  // How packets are handed to the queue: by the native expression, or by the iptables target, which
+  // some kernels have instead.
+  enum class QueueStatement { native, compatibilityTarget };
+
+  NetfilterRule(const char* table, const char* chain);
+
+  // meta mark & mask == value
+  NetfilterRule& mark(std::uint32_t mask, std::uint32_t value);
+  // meta mark & mask != value
+  NetfilterRule& markOtherThan(std::uint32_t mask, std::uint32_t value);
+  // meta l4proto tcp|udp
+  NetfilterRule& protocol(TransportProtocol protocol);
+  // meta nfproto ipv4|ipv6
+  NetfilterRule& family(AddressFamily family);
+  // tcp flags & (fin|syn|rst|ack) != syn
+  NetfilterRule& notFirstOfTCP();
+  // ct state != new
+  NetfilterRule& notNewConnection();
+  // ct status & (confirmed|seen-reply) == confirmed
+  NetfilterRule& trackedWithoutReply();
+  // meta l4proto != @set
+  NetfilterRule& protocolNotIn(const char* set);
+  // ip|ip6 daddr in network/prefix; family is tested too
+  NetfilterRule& destination(const SocketEndpoint& network, unsigned prefix);
+  // ip|ip6 daddr anything but loopback; family is tested too
+  NetfilterRule& destinationNotLoopback(AddressFamily family);
+  // th dport port
+  NetfilterRule& destinationPort(std::uint16_t port);
+
+  NetfilterRule& accept();
+  // jump chain
+  NetfilterRule& jump(const char* chain);
+  // queue num number bypass
+  NetfilterRule& queue(std::uint16_t number, QueueStatement statement);
+  // reject with tcp reset
+  NetfilterRule& rejectWithReset();
+  // reject with icmpx port-unreachable
+  NetfilterRule& rejectWithPortUnreachable();
+  // redirect to :port
+  NetfilterRule& redirect(std::uint16_t port);
+
+  nftnl_rule* get() const { return rule_.get(); }
+
+ private:
+  void loadMeta(std::uint32_t key);
+  void loadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t length);
+  void mask(std::span<const std::byte> mask);
+  void loadConntrack(std::uint32_t key);
+  void loadMaskedMark(std::uint32_t mask);
+  void compare(std::uint32_t operation, std::span<const std::byte> value);
+  void immediate(std::span<const std::byte> value);
+
+  std::unique_ptr<nftnl_rule, NetfilterRuleRelease> rule_;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,110 @@
+#include "Platform/Linux/Kernel/PacketParser.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+constexpr std::size_t kIPv4MinimumHeader = 20;
+constexpr std::size_t kIPv6Header = 40;
+constexpr unsigned kMaximumExtensionHeaders = 8;
+
+// Bounds-checked big-endian reads; a read behind the end makes the whole packet unreadable.
+class Reader {
+ public:
+  explicit Reader(std::span<const std::byte> bytes) : bytes_(bytes) {}
+
+  bool has(std::size_t size) const { return bytes_.size() >= size; }
+  void skip(std::size_t size) { bytes_ = bytes_.subspan(std::min(size, bytes_.size())); }
+
+  std::uint8_t byte(std::size_t offset) const {
+    return std::to_integer<std::uint8_t>(bytes_[offset]);
+  }
+  std::uint16_t word(std::size_t offset) const {
+    return static_cast<std::uint16_t>(byte(offset) << 8U | byte(offset + 1));
+  }
+  std::uint32_t longWord(std::size_t offset) const {
+    return static_cast<std::uint32_t>(word(offset)) << 16U | word(offset + 2);
+  }
+  void copyAddress(std::size_t offset, std::size_t size, SocketEndpoint& endpoint) const {
+    for (std::size_t index = 0; index < size; ++index) {
+      endpoint.address[index] = byte(offset + index);
+    }
+  }
+
+ private:
+  std::span<const std::byte> bytes_;
+};
+
+// Each leaves the reader at the transport header and returns its protocol number.
+
+std::optional<std::uint8_t> readIPv4(Reader& reader, FlowTuple& tuple) {
+  if (!reader.has(kIPv4MinimumHeader)) {
+    return std::nullopt;
+  }
+  const std::size_t headerSize = (reader.byte(0) & 0x0FU) * std::size_t{4};
+  constexpr std::uint16_t kFragmentOffset = 0x1FFF;
+  if (headerSize < kIPv4MinimumHeader || (reader.word(6) & kFragmentOffset) != 0) {
+    return std::nullopt;
+  }
+  const std::uint8_t protocol = reader.byte(9);
+  tuple.source.family = tuple.destination.family = AddressFamily::ipv4;
+  reader.copyAddress(12, 4, tuple.source);
+  reader.copyAddress(16, 4, tuple.destination);
+  reader.skip(headerSize);
+  return protocol;
+}
+
+std::optional<std::uint8_t> readIPv6(Reader& reader, FlowTuple& tuple) {
+  if (!reader.has(kIPv6Header)) {
+    return std::nullopt;
+  }
+  std::uint8_t next = reader.byte(6);
+  tuple.source.family = tuple.destination.family = AddressFamily::ipv6;
+  reader.copyAddress(8, 16, tuple.source);
+  reader.copyAddress(24, 16, tuple.destination);
+  reader.skip(kIPv6Header);
+  for (unsigned count = 0; count < kMaximumExtensionHeaders; ++count) {
+    if (next != IPPROTO_HOPOPTS && next != IPPROTO_ROUTING && next != IPPROTO_DSTOPTS) {
+      return next;
+    }
+    if (!reader.has(8)) {
+      return std::nullopt;
+    }
+    next = reader.byte(0);
+    reader.skip((reader.byte(1) + std::size_t{1}) * 8);
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<FirstPacket> parseFirstPacket(std::span<const std::byte> packet) {
+  Reader reader(packet);
+  if (!reader.has(1)) {
+    return std::nullopt;
+  }
+  FirstPacket parsed;
+  std::optional<std::uint8_t> protocol;
+  const unsigned version = reader.byte(0) >> 4U;
+  if (version == 4) {
+    protocol = readIPv4(reader, parsed.tuple);
+  } else if (version == 6) {
+    protocol = readIPv6(reader, parsed.tuple);
+  }
+  constexpr std::size_t kPortsAndSequence = 8;
+  if ((protocol != IPPROTO_TCP && protocol != IPPROTO_UDP) || !reader.has(kPortsAndSequence)) {
+    return std::nullopt;
+  }
+  const bool isTCP = protocol == IPPROTO_TCP;
+  parsed.tuple.protocol = isTCP ? TransportProtocol::tcp : TransportProtocol::udp;
+  parsed.tuple.source.port = reader.word(0);
+  parsed.tuple.destination.port = reader.word(2);
+  parsed.initialSequence = isTCP ? reader.longWord(4) : 0;
+  return parsed;
+}
+
+}  // namespace ostravel::linuxplatform

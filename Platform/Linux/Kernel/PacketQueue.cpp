@@ -1,0 +1,212 @@
+#include "Platform/Linux/Kernel/PacketQueue.h"
+
+#include <arpa/inet.h>
+#include <libmnl/libmnl.h>
+#include <libnetfilter_queue/libnetfilter_queue.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_queue.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace ostravel::linuxplatform {
+
+using platform::Error;
+
+namespace {
+
+// Any free number will do; the range only has to outlast whoever else uses one of them.
+constexpr std::uint16_t kFirstQueueNumber = 43100;
+constexpr std::uint16_t kLastQueueNumber = 43131;
+
+// The longest headers that the parser reads: IPv6, its extension headers, the ports.
+constexpr std::uint32_t kCopiedBytes = 256;
+
+// The flows whose handshake is pending (48) plus a burst of a few pages opened at once. What
+// exceeds it passes unseen.
+constexpr std::uint32_t kMaximumHeldPackets = 256;
+
+// A verdict that the kernel has no memory for is repeated this often before it has to wait.
+constexpr int kAttemptsAtOnce = 4;
+
+constexpr std::size_t kMessageBuffer = 8192;
+// Room for every packet that may be held, with the kernel's own overhead.
+constexpr int kReceiveBuffer = 1024 * 1024;
+
+using MessageBuffer = std::array<char, 512>;
+
+// Sends one configuration request and waits for its acknowledgement; errno or 0.
+int configure(mnl_socket* socket, nlmsghdr* header) {
+  header->nlmsg_flags |= NLM_F_ACK;
+  header->nlmsg_seq = 1;
+  if (::mnl_socket_sendto(socket, header, header->nlmsg_len) < 0) {
+    return errno;
+  }
+  alignas(nlmsghdr) std::array<char, kMessageBuffer> answer;
+  const auto received = ::mnl_socket_recvfrom(socket, answer.data(), answer.size());
+  if (received < 0) {
+    return errno;
+  }
+  const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
+  if (reply->nlmsg_type != NLMSG_ERROR) {
+    return EPROTO;
+  }
+  return -static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error;
+}
+
+int bindQueue(mnl_socket* socket, std::uint16_t number) {
+  alignas(nlmsghdr) MessageBuffer buffer{};
+  nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
+  ::nfq_nlmsg_cfg_put_cmd(header, AF_UNSPEC, NFQNL_CFG_CMD_BIND);
+  return configure(socket, header);
+}
+
+int setLimits(mnl_socket* socket, std::uint16_t number) {
+  alignas(nlmsghdr) MessageBuffer buffer{};
+  nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
+  ::nfq_nlmsg_cfg_put_params(header, NFQNL_COPY_PACKET, kCopiedBytes);
+  ::nfq_nlmsg_cfg_put_qmaxlen(header, kMaximumHeldPackets);
+  constexpr std::uint32_t kFlags = NFQA_CFG_F_FAIL_OPEN | NFQA_CFG_F_UID_GID;
+  ::mnl_attr_put_u32(header, NFQA_CFG_FLAGS, htonl(kFlags));
+  ::mnl_attr_put_u32(header, NFQA_CFG_MASK, htonl(kFlags));
+  return configure(socket, header);
+}
+
+void setSocketOptions(int descriptor) {
+  const int on = 1;
+  // A full buffer must not end the reading; the kernel lets the packets pass that did not fit.
+  ::setsockopt(descriptor, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
+  ::setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
+}
+
+Error explain(int error) {
+  const auto make = [error](std::string description) {
+    return Error{std::string(platform::kPOSIXErrorDomain), error, std::move(description)};
+  };
+  if (error == EPERM) {
+    return make("the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
+  }
+  return make(std::string("the kernel gives no netfilter queue (") + std::strerror(error) +
+              "): load the module nfnetlink_queue or use a kernel with "
+              "CONFIG_NETFILTER_NETLINK_QUEUE");
+}
+
+}  // namespace
+
+std::variant<std::unique_ptr<PacketQueue>, Error> PacketQueue::open(Send send) {
+  auto socket = openNetfilterSocket();
+  if (!socket) {
+    return explain(errno);
+  }
+  int error = EBUSY;
+  for (std::uint16_t number = kFirstQueueNumber; number <= kLastQueueNumber; ++number) {
+    error = bindQueue(socket.get(), number);
+    // Somebody else's queue answers that it is not ours to change.
+    if (error == EBUSY || (error == EPERM && number != kLastQueueNumber)) {
+      continue;
+    }
+    if (error == 0) {
+      error = setLimits(socket.get(), number);
+    }
+    if (error == 0) {
+      setSocketOptions(::mnl_socket_get_fd(socket.get()));
+      return std::unique_ptr<PacketQueue>(
+          new PacketQueue(std::move(socket), number, std::move(send)));
+    }
+    break;
+  }
+  return explain(error);
+}
+
+PacketQueue::PacketQueue(NetlinkSocket socket, std::uint16_t number, Send send)
+    : socket_(std::move(socket)),
+      number_(number),
+      send_(std::move(send)),
+      buffer_(kMessageBuffer) {}
+
+int PacketQueue::descriptor() const {
+  return ::mnl_socket_get_fd(socket_.get());
+}
+
+bool PacketQueue::receive(const std::function<void(const Packet&)>& handler) {
+  const auto received = ::recv(descriptor(), buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+  if (received <= 0) {
+    return false;
+  }
+  int left = static_cast<int>(received);
+  for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
+       ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
+    if (header->nlmsg_type != (NFNL_SUBSYS_QUEUE << 8U | NFQNL_MSG_PACKET)) {
+      continue;
+    }
+    std::array<nlattr*, NFQA_MAX + 1> attributes{};
+    if (::nfq_nlmsg_parse(header, attributes.data()) < 0 ||
+        attributes[NFQA_PACKET_HDR] == nullptr) {
+      continue;
+    }
+    const auto* const packetHeader = static_cast<const nfqnl_msg_packet_hdr*>(
+        ::mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]));
+    Packet packet;
+    packet.id = ntohl(packetHeader->packet_id);
+    if (attributes[NFQA_MARK] != nullptr) {
+      packet.mark = ntohl(::mnl_attr_get_u32(attributes[NFQA_MARK]));
+    }
+    if (attributes[NFQA_UID] != nullptr) {
+      packet.uid = ntohl(::mnl_attr_get_u32(attributes[NFQA_UID]));
+    }
+    if (attributes[NFQA_IFINDEX_OUTDEV] != nullptr) {
+      packet.outputInterface = ntohl(::mnl_attr_get_u32(attributes[NFQA_IFINDEX_OUTDEV]));
+    }
+    if (attributes[NFQA_PAYLOAD] != nullptr) {
+      packet.bytes = {
+          static_cast<const std::byte*>(::mnl_attr_get_payload(attributes[NFQA_PAYLOAD])),
+          ::mnl_attr_get_payload_len(attributes[NFQA_PAYLOAD])};
+    }
+    handler(packet);
+  }
+  return true;
+}
+
+int PacketQueue::sendNow(mnl_socket* socket, const nlmsghdr* message) {
+  return ::mnl_socket_sendto(socket, message, message->nlmsg_len) < 0 ? errno : 0;
+}
+
+void PacketQueue::give(const Verdict& verdict) const {
+  for (int attempt = 0; attempt < kAttemptsAtOnce; ++attempt) {
+    if (tryToGive(verdict)) {
+      return;
+    }
+  }
+  const std::lock_guard guard(unsentLock_);
+  unsent_.push_back(verdict);
+  hasUnsent_ = true;
+}
+
+bool PacketQueue::tryToGive(const Verdict& verdict) const {
+  alignas(nlmsghdr) MessageBuffer buffer{};
+  nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
+  ::nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id), NF_ACCEPT);
+  if (verdict.mark) {
+    ::nfq_nlmsg_verdict_put_mark(header, *verdict.mark);
+  }
+  const int error = send_(socket_.get(), header);
+  // Anything else says that the packet is gone, and needs no verdict any more.
+  return error != ENOBUFS && error != ENOMEM && error != EAGAIN && error != EINTR;
+}
+
+void PacketQueue::retryUnsent() const {
+  if (!hasUnsent_) {
+    return;
+  }
+  const std::lock_guard guard(unsentLock_);
+  std::erase_if(unsent_, [this](const Verdict& verdict) { return tryToGive(verdict); });
+  hasUnsent_ = !unsent_.empty();
+}
+
+}  // namespace ostravel::linuxplatform

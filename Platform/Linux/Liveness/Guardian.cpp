@@ -1,0 +1,195 @@
+#include "Platform/Linux/Liveness/Guardian.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+// In glibc 2.36 it lacks what C++ needs.
+extern "C" {
+#include <sys/pidfd.h>
+}
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Platform/Linux/Liveness/HangDetector.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+using Clock = HangDetector::Clock;
+using Phase = HeartbeatRecord::Phase;
+
+// At most 15 characters.
+constexpr const char* kProcessName = "ostravel-guard";
+
+constexpr int kExtension = STDERR_FILENO + 1;
+
+// The heartbeat looks every quarter of a second at least. When it has not looked for this long, it
+// is no participant that lags.
+constexpr auto kLongestCheckGap = Guardian::kRunLimit / 2;
+
+// Nobody may be kept waiting by a reader of standard error that has stopped reading.
+constexpr int kWriteTimeoutMilliseconds = 1000;
+
+std::chrono::seconds limitOf(Phase phase) {
+  switch (phase) {
+    case Phase::starting:
+      return Guardian::kStartLimit;
+    case Phase::running:
+      return Guardian::kRunLimit;
+    case Phase::stopping:
+      return Guardian::kStopLimit;
+  }
+  return Guardian::kRunLimit;
+}
+
+// pidof(8) and ps(1) are to tell the two processes apart: what is meant for the extension, such as
+// a SIGSTOP, is not for its guardian.
+void takeName() {
+  ::prctl(PR_SET_NAME, kProcessName);
+  // The memory of argv[0], which cannot grow. What is left of it becomes empty.
+  std::strncpy(program_invocation_name, kProcessName, std::strlen(program_invocation_name));
+}
+
+void keepOnlyStandardErrorAnd(int extension) {
+  ::dup2(extension, kExtension);
+  ::close(STDIN_FILENO);
+  ::close(STDOUT_FILENO);
+  ::close_range(kExtension + 1, ~0U, 0);
+}
+
+void ignoreRequestsToEnd() {
+  for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGALRM, SIGTERM, SIGUSR1, SIGUSR2,
+                           SIGTSTP, SIGTTIN, SIGTTOU}) {
+    std::signal(signal, SIG_IGN);
+  }
+}
+
+void leaveControlGroup() {
+  const FileDescriptor root = openCgroupRoot();
+  if (!root.isOpen()) {
+    return;
+  }
+  const FileDescriptor members(
+      ::openat(root.get(), "cgroup.procs", O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+  // Where it is not permitted, the guardian stays where it is.
+  [[maybe_unused]] const auto written = ::write(members.get(), "0", 1);
+}
+
+void raisePriority() {
+  sched_param parameters{};
+  parameters.sched_priority = ::sched_get_priority_min(SCHED_RR);
+  if (::sched_setscheduler(0, SCHED_RR, &parameters) != 0) {
+    constexpr int kHighest = -20;
+    ::setpriority(PRIO_PROCESS, 0, kHighest);
+  }
+}
+
+// Waits for the extension's end; whether it has come.
+bool waitForEnd(std::chrono::milliseconds limit) {
+  pollfd waited{kExtension, POLLIN, 0};
+  return ::poll(&waited, 1, static_cast<int>(limit.count())) > 0;
+}
+
+void writeLine(const std::string& line) {
+  pollfd waited{STDERR_FILENO, POLLOUT, 0};
+  if (::poll(&waited, 1, kWriteTimeoutMilliseconds) > 0 && (waited.revents & POLLOUT) != 0) {
+    // Shorter than PIPE_BUF, for which there is room.
+    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+  }
+}
+
+// The kill comes first: nothing may delay it.
+[[noreturn]] void kill(const HeartbeatRecord& record, Guardian::Extent extent) {
+  if (::pidfd_send_signal(kExtension, SIGKILL, nullptr, 0) == 0) {
+    writeLine("ostravel-extension: killed: " + Guardian::reason(record, extent) + "\n");
+  }
+  ::_exit(EXIT_SUCCESS);
+}
+
+[[noreturn]] void watch(const HeartbeatRecord& record) {
+  HangDetector heartbeat(Clock::now(), record.beats());
+  HangDetector checks(Clock::now(), record.checks());
+  while (!waitForEnd(HangDetector::kInterval)) {
+    const auto now = Clock::now();
+    const bool isCheckMissing = checks.observe(now, record.checks(), kLongestCheckGap);
+    if (heartbeat.observe(now, record.beats(), limitOf(record.phase()))) {
+      kill(record,
+           isCheckMissing ? Guardian::Extent::wholeProcess : Guardian::Extent::participants);
+    }
+  }
+  ::_exit(EXIT_SUCCESS);
+}
+
+[[noreturn]] void guard(int extension, const HeartbeatRecord& record) {
+  keepOnlyStandardErrorAnd(extension);
+  ignoreRequestsToEnd();
+  takeName();
+  ::setsid();
+  // So that no file system is kept in use.
+  [[maybe_unused]] const int changed = ::chdir("/");
+  leaveControlGroup();
+  raisePriority();
+  watch(record);
+}
+
+platform::Error failure(const char* action) {
+  const int number = errno;
+  return platform::Error{std::string(platform::kPOSIXErrorDomain), number,
+                         std::string(action) + ": " + std::strerror(number)};
+}
+
+}  // namespace
+
+std::variant<Guardian, platform::Error> Guardian::start(const HeartbeatRecord& record) {
+  // Taken before the fork, it cannot name another process that has got the same number.
+  const FileDescriptor extension(::pidfd_open(::getpid(), 0));
+  if (!extension.isOpen()) {
+    return failure("pidfd_open");
+  }
+  const pid_t process = ::fork();
+  if (process < 0) {
+    return failure("fork");
+  }
+  if (process == 0) {
+    guard(extension.get(), record);
+  }
+  return Guardian(process);
+}
+
+bool Guardian::hasEnded() {
+  if (process_ <= 0 || ::waitpid(process_, nullptr, WNOHANG) == 0) {
+    return false;
+  }
+  process_ = -1;
+  return true;
+}
+
+std::string Guardian::reason(const HeartbeatRecord& record, Extent extent) {
+  const Phase phase = record.phase();
+  const std::string limit = "no heartbeat for " + std::to_string(limitOf(phase).count()) + " s: ";
+  switch (phase) {
+    case Phase::starting:
+      return limit + "the start made no progress";
+    case Phase::stopping:
+      return limit + "the end made no progress";
+    case Phase::running:
+      break;
+  }
+  const std::string laggards = participantNames(record.laggards());
+  return limit +
+         (extent == Extent::wholeProcess || laggards.empty() ? "the whole process" : laggards) +
+         " made no progress";
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Platform/Linux/Kernel/PacketMarks.h"
+
+namespace ostravel::linuxplatform {
+
+// Those that have to make progress, a bit each: event loop i is bit i.
+using HeartbeatParticipants = std::uint32_t;
+
+constexpr HeartbeatParticipants eventLoopParticipant(unsigned index) {
+  return HeartbeatParticipants{1} << index;
+}
+inline constexpr HeartbeatParticipants kVerdictThreadParticipant = HeartbeatParticipants{1} << 30U;
+inline constexpr HeartbeatParticipants kWorkThreadsParticipant = HeartbeatParticipants{1} << 31U;
+static_assert(kMaximumEventLoops <= 30);
+
+// Such as "the verdict thread, event loop 1"; empty for none.
+std::string participantNames(HeartbeatParticipants participants);
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,162 @@
+#include "Platform/Linux/Processes/ConnectTracer.h"
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "Base/FileDescriptor.h"
+#include "ConnectTracerPlainProgram.h"
+#include "ConnectTracerProgram.h"
+#include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Platform/Linux/Processes/ProcessTable.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// ConnectTracer.bpf.c has the same.
+struct Record {
+  std::uint32_t process;
+  std::uint32_t user;
+  std::uint32_t effectiveUser;
+  std::uint32_t executableDevice;
+  std::uint64_t executableInode;
+  std::uint64_t startTimeNanoseconds;
+  std::uint64_t stackStart;
+};
+
+// The kernel keeps 12 bits of the major and 20 bits of the minor number; user space has others.
+dev_t userDevice(std::uint32_t kernelDevice) {
+  constexpr unsigned kMinorBits = 20;
+  return ::makedev(kernelDevice >> kMinorBits, kernelDevice & ((1U << kMinorBits) - 1));
+}
+
+std::uint64_t clockTicks(std::uint64_t nanoseconds) {
+  constexpr std::uint64_t kNanosecondsPerSecond = 1'000'000'000;
+  return nanoseconds / (kNanosecondsPerSecond / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK)));
+}
+
+std::string because(const char* what) {
+  return std::string(what) + ": " + std::strerror(errno);
+}
+
+}  // namespace
+
+void ConnectTracer::ObjectRelease::operator()(bpf_object* object) const {
+  ::bpf_object__close(object);
+}
+
+void ConnectTracer::LinkRelease::operator()(bpf_link* link) const {
+  ::bpf_link__destroy(link);
+}
+
+std::variant<std::unique_ptr<ConnectTracer>, std::string> ConnectTracer::start(Detail wanted) {
+  // What goes wrong is reported by the caller, in one line.
+  ::libbpf_set_print(nullptr);
+  if (wanted == Detail::programs) {
+    auto tracer = startWith(Detail::programs);
+    if (std::holds_alternative<std::unique_ptr<ConnectTracer>>(tracer)) {
+      return tracer;
+    }
+  }
+  return startWith(Detail::processes);
+}
+
+std::variant<std::unique_ptr<ConnectTracer>, std::string> ConnectTracer::startWith(Detail detail) {
+  const FileDescriptor cgroupRoot = openCgroupRoot();
+  if (!cgroupRoot.isOpen()) {
+    return because("control groups of version 2 cannot be reached");
+  }
+  std::unique_ptr<bpf_object, ObjectRelease> object(
+      detail == Detail::programs
+          ? ::bpf_object__open_mem(kConnectTracerProgram, sizeof kConnectTracerProgram, nullptr)
+          : ::bpf_object__open_mem(kConnectTracerPlainProgram, sizeof kConnectTracerPlainProgram,
+                                   nullptr));
+  if (!object) {
+    return because("the program is not understood");
+  }
+  if (::bpf_object__load(object.get()) != 0) {
+    return because("the program cannot be loaded");
+  }
+  std::unique_ptr<ConnectTracer> tracer(new ConnectTracer(std::move(object), detail));
+  if (auto reason = tracer->attach(cgroupRoot.get())) {
+    return std::move(*reason);
+  }
+  if (auto reason = tracer->examineOwnRecord()) {
+    return std::move(*reason);
+  }
+  return tracer;
+}
+
+ConnectTracer::ConnectTracer(std::unique_ptr<bpf_object, ObjectRelease> object, Detail detail)
+    : object_(std::move(object)),
+      detail_(detail),
+      processes_(::bpf_object__find_map_by_name(object_.get(), "processes")) {}
+
+ConnectTracer::~ConnectTracer() = default;
+
+std::optional<std::string> ConnectTracer::attach(int cgroupRoot) {
+  bpf_program* program = nullptr;
+  bpf_object__for_each_program(program, object_.get()) {
+    std::unique_ptr<bpf_link, LinkRelease> link(::bpf_program__attach_cgroup(program, cgroupRoot));
+    if (!link) {
+      return because("the program cannot be attached");
+    }
+    links_.push_back(std::move(link));
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> ConnectTracer::examineOwnRecord() const {
+  const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  // Sends nothing, and is seen even where the address cannot be reached.
+  constexpr std::uint16_t kDiscardPort = 9;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(kDiscardPort);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  std::uint64_t cookie = 0;
+  socklen_t size = sizeof cookie;
+  const bool isKnown = ::getsockopt(socket.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size) == 0;
+  const auto record = isKnown ? recordOf(cookie) : std::nullopt;
+  // The numbers that the kernel reports are those of the first process namespace.
+  if (!record || record->process != ::getpid()) {
+    return "processes are not seen under the numbers that /proc shows";
+  }
+  if (detail_ == Detail::processes) {
+    return std::nullopt;
+  }
+  const auto self = ProcessTable().find(::getpid(), record->executable);
+  const ProcessStamp recorded{.startTime = record->startTime,
+                              .stackStart = record->stackStart,
+                              .uid = record->user,
+                              .realUser = record->realUser};
+  // Also so where the kernel does not tell the inode of an open file, before 5.14.
+  if (!self || self->stamp != recorded || !self->isExecutableGenuine) {
+    return "programs are not seen as /proc shows them";
+  }
+  return std::nullopt;
+}
+
+std::optional<ConnectRecord> ConnectTracer::recordOf(std::uint64_t cookie) const {
+  Record record{};
+  if (::bpf_map__lookup_elem(processes_, &cookie, sizeof cookie, &record, sizeof record, 0) != 0) {
+    return std::nullopt;
+  }
+  return ConnectRecord{.process = static_cast<pid_t>(record.process),
+                       .realUser = record.user,
+                       .user = record.effectiveUser,
+                       .startTime = clockTicks(record.startTimeNanoseconds),
+                       .stackStart = record.stackStart,
+                       .executable = {userDevice(record.executableDevice), record.executableInode}};
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,239 @@
+#include "Platform/Linux/Processes/ProcessTable.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <climits>
+#include <utility>
+#include <vector>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Processes/SocketHolderSearch.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// Processes that are asked first; few programs make most of the connections.
+constexpr std::size_t kMaximumRecentHolders = 8;
+// Standard input, output and error, and what a service manager hands over behind them.
+constexpr int kInheritedDescriptors = 16;
+// Larger than the files of /proc that are read here, but for absurd control group names.
+constexpr std::size_t kFileSize = 4096;
+
+std::string pathOf(pid_t pid, const char* file) {
+  return "/proc/" + std::to_string(pid) + "/" + file;
+}
+
+// What fits of a small file, by one read.
+std::optional<std::string> contentOf(const std::string& path) {
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::array<char, kFileSize> text;
+  const auto length = file.isOpen() ? ::read(file.get(), text.data(), text.size()) : -1;
+  if (length < 0) {
+    return std::nullopt;
+  }
+  return std::string(text.data(), static_cast<std::size_t>(length));
+}
+
+std::optional<std::string> linkTarget(const std::string& path) {
+  std::array<char, PATH_MAX> target;
+  const auto length = ::readlink(path.c_str(), target.data(), target.size());
+  if (length < 0) {
+    return std::nullopt;
+  }
+  return std::string(target.data(), static_cast<std::size_t>(length));
+}
+
+// The number that text begins with.
+template <typename Number>
+Number numberIn(std::string_view text) {
+  Number number{};
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  return number;
+}
+
+// The rest of the line that begins with prefix.
+std::string_view lineBehind(std::string_view text, std::string_view prefix) {
+  while (!text.empty()) {
+    const auto end = text.find('\n');
+    const std::string_view line = text.substr(0, end);
+    if (line.starts_with(prefix)) {
+      return line.substr(prefix.size());
+    }
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  }
+  return {};
+}
+
+// The n-th of the words, which single spaces separate.
+std::string_view word(std::string_view text, int n) {
+  for (; n > 0; --n) {
+    const auto space = text.find(' ');
+    if (space == std::string_view::npos) {
+      return {};
+    }
+    text.remove_prefix(space + 1);
+  }
+  return text.substr(0, text.find(' '));
+}
+
+// The part of a stamp that is in /proc/PID/stat.
+std::optional<ProcessStamp> programStampOf(pid_t pid) {
+  const auto text = contentOf(pathOf(pid, "stat"));
+  if (!text) {
+    return std::nullopt;
+  }
+  // The name in brackets may contain anything; what follows is field 3.
+  const auto nameEnd = text->rfind(')');
+  if (nameEnd == std::string::npos || nameEnd + 2 > text->size()) {
+    return std::nullopt;
+  }
+  constexpr int kFirstField = 3;
+  constexpr int kStartTime = 22;
+  constexpr int kStackStart = 28;
+  const std::string_view fields = std::string_view(*text).substr(nameEnd + 2);
+  ProcessStamp stamp;
+  stamp.startTime = numberIn<std::uint64_t>(word(fields, kStartTime - kFirstField));
+  stamp.stackStart = numberIn<std::uint64_t>(word(fields, kStackStart - kFirstField));
+  return stamp;
+}
+
+}  // namespace
+
+ProcessTable::ProcessTable(std::shared_ptr<SearchAllowance> allowance)
+    : allowance_(std::move(allowance)), files_(std::make_unique<FileLookup>(*allowance_)) {}
+
+std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
+  auto stamp = programStampOf(pid);
+  const auto status = contentOf(pathOf(pid, "status"));
+  if (!stamp || !status) {
+    return std::nullopt;
+  }
+  // The real, the effective and two more users, behind tabs.
+  std::string_view users = lineBehind(*status, "Uid:\t");
+  stamp->realUser = numberIn<uid_t>(users);
+  users.remove_prefix(std::min(users.size(), users.find('\t') + 1));
+  stamp->uid = numberIn<uid_t>(users);
+  return stamp;
+}
+
+std::optional<Process> ProcessTable::find(pid_t pid, std::optional<FileIdentity> executable) const {
+  const auto stamp = stampOf(pid);
+  if (!stamp) {
+    return std::nullopt;
+  }
+  Process process;
+  process.pid = pid;
+  process.stamp = *stamp;
+  readExecutable(process, executable);
+  // The unified hierarchy is number 0 and has no controllers (cgroups(7)).
+  const auto groups = contentOf(pathOf(pid, "cgroup"));
+  process.serviceGroup = serviceGroupOf(lineBehind(groups.value_or(""), "0::"));
+  // All of it is about one program, or it is not worth anything.
+  const auto after = programStampOf(pid);
+  if (!after || after->startTime != stamp->startTime || after->stackStart != stamp->stackStart) {
+    return std::nullopt;
+  }
+  return process;
+}
+
+bool ProcessTable::refreshExecutable(Process& process,
+                                     std::optional<FileIdentity> executable) const {
+  // The kernel says here that a file was removed or renamed.
+  const auto link = linkTarget(pathOf(process.pid, "exe"));
+  if (!link || (process.isExecutableSettled && *link == process.executableLink &&
+                process.mountGeneration == files_->generation())) {
+    return false;
+  }
+  readExecutable(process, executable);
+  return true;
+}
+
+void ProcessTable::readExecutable(Process& process, std::optional<FileIdentity> executable) const {
+  process.isExecutableGenuine = false;
+  process.isExecutableDeleted = false;
+  process.isExecutableSettled = true;
+  process.mountGeneration = files_->generation();
+  process.executableLink = linkTarget(pathOf(process.pid, "exe")).value_or("");
+  process.executable.clear();
+  process.executableFile = executable;
+  // Whatever is not a path could be taken for another kind of identifier.
+  if (!process.executableLink.starts_with('/')) {
+    return;
+  }
+  process.executable = process.executableLink;
+  const uid_t user = process.stamp.realUser;
+  if (!executable) {
+    const auto answer = files_->executableOf(process.pid, user);
+    process.isExecutableSettled = answer.isKnown;
+    process.executableFile = answer.file;
+  }
+  if (process.executableFile) {
+    const auto answer = files_->at(process.executableLink, user);
+    process.isExecutableSettled = process.isExecutableSettled && answer.isKnown;
+    process.isExecutableGenuine = answer.isKnown && answer.file == process.executableFile;
+  }
+  constexpr std::string_view kDeleted = " (deleted)";
+  if (!process.isExecutableGenuine && process.executable.ends_with(kDeleted)) {
+    process.executable.resize(process.executable.size() - kDeleted.size());
+    process.isExecutableDeleted = true;
+  }
+}
+
+std::optional<pid_t> ProcessTable::holderOf(std::uint32_t inode, uid_t user,
+                                            std::optional<pid_t> candidate) {
+  if (inode == 0) {
+    return std::nullopt;
+  }
+  std::vector<pid_t> first(recentHolders_.begin(), recentHolders_.end());
+  if (candidate) {
+    first.insert(first.begin(), *candidate);
+  }
+  const SearchAllowance::Charge charge(*allowance_, user, SearchAllowance::Counted::work);
+  SocketHolderSearch search(inode, std::move(first), user);
+  const SearchBudget budget(kHolderBudget, kLongestHolderSearch);
+  if (search.proceed(budget) != SocketHolderSearch::Result::found) {
+    return std::nullopt;
+  }
+  rememberHolder(search.holder());
+  return search.holder();
+}
+
+void ProcessTable::rememberHolder(pid_t pid) {
+  std::erase(recentHolders_, pid);
+  recentHolders_.push_front(pid);
+  if (recentHolders_.size() > kMaximumRecentHolders) {
+    recentHolders_.pop_back();
+  }
+}
+
+bool ProcessTable::hasInherited(pid_t pid, std::uint32_t inode) const {
+  const std::string socket = "socket:[" + std::to_string(inode) + "]";
+  for (int descriptor = 0; descriptor < kInheritedDescriptors; ++descriptor) {
+    if (linkTarget(pathOf(pid, ("fd/" + std::to_string(descriptor)).c_str())) == socket) {
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string_view serviceGroupOf(std::string_view controlGroup) {
+  // From the innermost group outwards; a service may have groups of its own inside.
+  while (!controlGroup.empty()) {
+    const std::string_view name = controlGroup.substr(controlGroup.rfind('/') + 1);
+    if (name.ends_with(".service")) {
+      return name.starts_with("user@") ? std::string_view() : controlGroup;
+    }
+    if (name.ends_with(".scope") || name.ends_with(".slice")) {
+      return {};
+    }
+    controlGroup.remove_suffix(std::min(controlGroup.size(), name.size() + 1));
+  }
+  return {};
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,134 @@
+#pragma once
+
+#include <asio/basic_waitable_timer.hpp>
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/wait_traits.hpp>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include "Base/FairTurns.h"
+#include "Platform/Linux/Kernel/PacketMarks.h"
+#include "Platform/Linux/Relay/BufferPool.h"
+#include "Platform/Linux/Relay/PipePool.h"
+#include "Platform/Linux/Relay/StreamRegistry.h"
+#include "Platform/Linux/Services/DescriptorBudget.h"
+#include "Platform/Linux/Services/MemoryBudget.h"
+
+namespace ostravel::linuxplatform {
+
+class FlowListener;
+class RedirectPath;
+
+// One thread that waits for the sockets of its flows and connections and runs everything that
+// happens to them, and what that work shares: buffers, pipes, and the listener at which released
+// flows arrive. Owned by an EventLoopGroup; outlives what was made on it.
+class EventLoop {
+ public:
+  using Timer = asio::basic_waitable_timer<std::chrono::steady_clock,
+                                           asio::wait_traits<std::chrono::steady_clock>,
+                                           asio::io_context::executor_type>;
+
+  // What the loop has done since it started. Written and read on the loop only.
+  struct Counters {
+    // Bytes that streams have received into memory and into pipes.
+    std::uint64_t copiedBytes = 0;
+    std::uint64_t splicedBytes = 0;
+    // Bytes of closed streams that nobody wanted.
+    std::uint64_t discardedBytes = 0;
+    // Times that a socket or a timer of the loop woke somebody.
+    std::uint64_t wakeups = 0;
+  };
+
+  // Starts the thread. Throws std::system_error when the kernel gives no listener.
+  // redirectPath: who is to know of connections that do not arrive.
+  EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory,
+            const PacketMarks& marks = {}, std::shared_ptr<RedirectPath> redirectPath = nullptr);
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+  // Stops the loop. Work that was still waiting is destroyed without running.
+  ~EventLoop();
+
+  // The loop whose thread this is; null on every other thread.
+  static EventLoop* current();
+  bool isCurrent() const { return current() == this; }
+
+  // The index that a released packet is redirected by.
+  unsigned index() const { return index_; }
+
+  // How this process marks its sockets and packets. From any thread.
+  const PacketMarks& marks() const { return marks_; }
+
+  // May be null. From any thread.
+  RedirectPath* redirectPath() const { return redirectPath_.get(); }
+
+  // Runs work on the loop's thread, in order, never inside this call. From any thread; returns at
+  // once.
+  template <typename Work>
+  void post(Work&& work) {
+    asio::post(context_, std::forward<Work>(work));
+  }
+
+  // Ends the thread after the item that is running, and waits for it. Nothing of this loop
+  // completes afterwards: the completions that wait in its streams are destroyed without running,
+  // and so are the tunnels that only they still hold. Idempotent; not from the loop itself.
+  void stop();
+
+  // The ports of the listener may be asked for from any thread.
+  FlowListener& listener() { return *listener_; }
+  DescriptorBudget& descriptors() { return descriptors_; }
+
+  // For the loop's own thread only.
+  MemoryBudget& memory() { return memory_; }
+  BufferPool& buffers() { return buffers_; }
+  PipePool& pipes() { return pipes_; }
+  StreamRegistry& streams() { return streams_; }
+  Counters& counters() { return counters_; }
+  // Users' turns at moving bytes.
+  FairTurns& turns() { return turns_; }
+  asio::io_context& context() { return context_; }
+
+  // Whose flow is being served: a connection that is made meanwhile is for this user. Null between
+  // flows.
+  const std::shared_ptr<UserShare>& servedUser() const { return servedUser_; }
+  // Serves a user's flow for as long as it exists.
+  class Service {
+   public:
+    Service(EventLoop& loop, std::shared_ptr<UserShare> user)
+        : loop_(loop), before_(std::exchange(loop.servedUser_, std::move(user))) {}
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+    ~Service() { loop_.servedUser_ = std::move(before_); }
+
+   private:
+    EventLoop& loop_;
+    std::shared_ptr<UserShare> before_;
+  };
+
+ private:
+  void run();
+
+  const unsigned index_;
+  const PacketMarks marks_;
+  const std::shared_ptr<RedirectPath> redirectPath_;
+  DescriptorBudget& descriptors_;
+  MemoryBudget& memory_;
+  std::shared_ptr<UserShare> servedUser_;
+  Counters counters_;
+  BufferPool buffers_;
+  PipePool pipes_;
+  StreamRegistry streams_;
+  FairTurns turns_;
+  // Destroys the handlers that never ran, and with them what they hold, so that which streams give
+  // back and give up comes first.
+  asio::io_context context_;
+  asio::executor_work_guard<asio::io_context::executor_type> work_;
+  std::unique_ptr<FlowListener> listener_;
+  std::thread thread_;
+};
+
+}  // namespace ostravel::linuxplatform

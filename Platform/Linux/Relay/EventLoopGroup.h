@@ -1,0 +1,52 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "Platform/Interface/HostEndpoint.h"
+#include "Platform/Linux/Relay/EventLoop.h"
+#include "Platform/Linux/Relay/FlowListener.h"
+#include "Platform/Linux/Relay/LinuxTCPConnection.h"
+#include "Platform/Linux/Relay/RedirectPath.h"
+#include "Platform/Linux/Services/DescriptorBudget.h"
+#include "Platform/Linux/Services/MemoryBudget.h"
+
+namespace ostravel::linuxplatform {
+
+// The event loops of the process. Owned by the process entry; outlives every flow and connection.
+class EventLoopGroup {
+ public:
+  // One loop per core that this process may use, at most as many as there are marks for. Throws
+  // std::system_error when the kernel gives no thread or no listener.
+  explicit EventLoopGroup(DescriptorBudget& descriptors, const PacketMarks& marks = {});
+  EventLoopGroup(DescriptorBudget& descriptors, unsigned count, const PacketMarks& marks = {});
+  EventLoopGroup(const EventLoopGroup&) = delete;
+  EventLoopGroup& operator=(const EventLoopGroup&) = delete;
+  ~EventLoopGroup();
+
+  const PacketMarks& marks() const { return marks_; }
+  // From any thread.
+  RedirectPath& redirectPath() { return *redirectPath_; }
+  unsigned size() const { return static_cast<unsigned>(loops_.size()); }
+  EventLoop& loop(unsigned index) { return *loops_[index]; }
+
+  // Starts a connection to an address literal and a port in decimal, on the loop that this is
+  // called on, so that a flow and its connection share one, and on the next loop when it is called
+  // elsewhere. From any thread.
+  std::shared_ptr<LinuxTCPConnection> connect(const platform::HostEndpoint& endpoint);
+
+  // Ends every loop after the item that it is running, and waits for all. Idempotent.
+  void stop();
+
+ private:
+  EventLoop& nextLoop();
+
+  MemoryBudget memory_;
+  const PacketMarks marks_;
+  const std::shared_ptr<RedirectPath> redirectPath_;
+  std::vector<std::unique_ptr<EventLoop>> loops_;
+  std::atomic<unsigned> next_ = 0;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,279 @@
+#include "Platform/Linux/Relay/FlowListener.h"
+
+#include <linux/netfilter_ipv4.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Services/RelayLimits.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// The loopback addresses, with a port of the kernel's choice.
+constexpr SocketEndpoint kIPv4Loopback{AddressFamily::ipv4, {127, 0, 0, 1}, 0};
+constexpr SocketEndpoint kIPv6Loopback{
+    AddressFamily::ipv6, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0};
+
+// Where a redirected connection was going. Absent when the kernel does not track the connection, so
+// that it cannot have been redirected; what comes to us directly is going to our own listener.
+std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily family) {
+  KernelAddress address;
+  // The IPv6 option has the same number (linux/netfilter_ipv6/ip6_tables.h).
+  const int level = family == AddressFamily::ipv4 ? SOL_IP : SOL_IPV6;
+  if (::getsockopt(descriptor, level, SO_ORIGINAL_DST, &address.storage, &address.size) != 0) {
+    return std::nullopt;
+  }
+  return address.endpoint();
+}
+
+// Inherited by the sockets that are accepted.
+void keepAlive(int listener) {
+  const auto set = [listener](int level, int option, int value) {
+    ::setsockopt(listener, level, option, &value, sizeof value);
+  };
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPIDLE, static_cast<int>(limits::kKeepAliveIdle.count()));
+  set(IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(limits::kKeepAliveInterval.count()));
+  set(IPPROTO_TCP, TCP_KEEPCNT, limits::kKeepAliveProbes);
+}
+
+}  // namespace
+
+FlowListener::FlowListener(EventLoop& loop)
+    : loop_(loop), ipv4_(loop), ipv6_(loop), deadlineTimer_(loop.context()) {
+  open(ipv4_, kIPv4Loopback);
+  if (!ipv4_.socket.isOpen()) {
+    throw std::system_error(errno, std::generic_category(), "a listener on 127.0.0.1");
+  }
+  open(ipv6_, kIPv6Loopback);
+}
+
+FlowListener::~FlowListener() = default;
+
+void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
+  KernelAddress wanted(address);
+  FileDescriptor descriptor(
+      ::socket(wanted.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!descriptor.isOpen()) {
+    return;
+  }
+  // Accepted sockets inherit the mark. Without the permission to set it nothing is intercepted.
+  const std::uint32_t mark = loop_.marks().own();
+  ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
+  keepAlive(descriptor.get());
+  LoopSocket::resetUnlessClosed(descriptor.get());
+  KernelAddress bound;
+  if (::bind(descriptor.get(), wanted.get(), wanted.size) != 0 ||
+      ::listen(descriptor.get(), limits::kListenBacklog) != 0 ||
+      ::getsockname(descriptor.get(), bound.get(), &bound.size) != 0) {
+    return;
+  }
+  listener.socket = LoopSocket(loop_, descriptor.release());
+  if (listener.socket.isOpen()) {
+    listener.port = bound.endpoint()->port;
+    waitForConnections(listener);
+  }
+}
+
+// Accepting
+
+void FlowListener::waitForConnections(Socket& listener) {
+  listener.socket.waitUntilReadable([this, &listener](asio::error_code error) {
+    if (!error) {
+      ++loop_.counters().wakeups;
+      acceptSome(listener);
+    }
+  });
+}
+
+void FlowListener::rest(Socket& listener) {
+  listener.pause.expires_after(limits::kAcceptPause);
+  listener.pause.async_wait([this, &listener](asio::error_code error) {
+    if (!error) {
+      ++loop_.counters().wakeups;
+      acceptSome(listener);
+    }
+  });
+}
+
+void FlowListener::acceptSome(Socket& listener) {
+  if (acceptArrived(listener) == Backlog::stuck) {
+    // The connection stays in the backlog, so that waiting for it would not wait.
+    rest(listener);
+  } else {
+    waitForConnections(listener);
+  }
+}
+
+FlowListener::Backlog FlowListener::acceptArrived(Socket& listener) {
+  for (int count = 0; count < limits::kAcceptsPerEvent; ++count) {
+    KernelAddress peer;
+    const int descriptor = ::accept4(listener.socket.descriptor(), peer.get(), &peer.size,
+                                     SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor >= 0) {
+      handOver(descriptor, *peer.endpoint());
+      continue;
+    }
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      return Backlog::stuck;
+    }
+    if (errno == EAGAIN) {
+      break;
+    }
+    // Anything else concerns one connection that is gone already (accept(2)).
+  }
+  return Backlog::taken;
+}
+
+void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
+  FileDescriptor connection(descriptor);
+  const auto waiter = take(descriptor, peer);
+  if (!waiter) {
+    // Closing it resets it, as every socket of this listener.
+    return;
+  }
+  LoopSocket socket(loop_, connection.release());
+  if (socket.isOpen()) {
+    waiter->accepted(std::move(socket));
+  } else {
+    waiter->gaveUp();
+  }
+}
+
+// Expecting
+
+void FlowListener::expect(const std::shared_ptr<Waiter>& waiter) {
+  const SocketEndpoint& source = waiter->tuple().source;
+  expected_.emplace(source, Expectation{++lastNumber_, waiter, nullptr});
+  deadlines_.push_back(
+      {std::chrono::steady_clock::now() + limits::kAcceptTimeout, source, lastNumber_});
+  if (!isWaitingForDeadline_) {
+    waitForDeadline();
+  }
+}
+
+void FlowListener::keep(const std::shared_ptr<Waiter>& waiter) {
+  const auto [begin, end] = expected_.equal_range(waiter->tuple().source);
+  const auto found = std::find_if(
+      begin, end, [&waiter](const auto& entry) { return entry.second.waiter.lock() == waiter; });
+  if (found != end) {
+    found->second.kept = waiter;
+  }
+}
+
+std::shared_ptr<FlowListener::Waiter> FlowListener::take(int descriptor,
+                                                         const SocketEndpoint& peer) {
+  const auto destination = originalDestination(descriptor, peer.family);
+  if (!destination) {
+    return nullptr;
+  }
+  auto found = find(peer, *destination);
+  if (found == expected_.end()) {
+    found = findRenumbered(peer, *destination);
+  }
+  if (found == expected_.end()) {
+    return nullptr;
+  }
+  auto waiter = found->second.waiter.lock();
+  expected_.erase(found);
+  return waiter;
+}
+
+FlowListener::Expected::iterator FlowListener::find(const SocketEndpoint& peer,
+                                                    const SocketEndpoint& destination) {
+  const auto [begin, end] = expected_.equal_range(peer);
+  const auto found = std::find_if(begin, end, [&destination](const auto& entry) {
+    const auto waiter = entry.second.waiter.lock();
+    return waiter && waiter->tuple().destination == destination;
+  });
+  return found == end ? expected_.end() : found;
+}
+
+// Connections that share a source port and differed by destination would be the same once
+// redirected to one listener, so the kernel gives the later one another port. It is then known by
+// where it was going, which may be true of several flows.
+FlowListener::Expected::iterator FlowListener::findRenumbered(const SocketEndpoint& peer,
+                                                              const SocketEndpoint& destination) {
+  auto oldest = expected_.end();
+  for (auto entry = expected_.begin(); entry != expected_.end(); ++entry) {
+    const auto waiter = entry->second.waiter.lock();
+    if (!waiter || entry->first.family != peer.family || entry->first.address != peer.address ||
+        waiter->tuple().destination != destination) {
+      continue;
+    }
+    if (oldest == expected_.end()) {
+      oldest = entry;
+      continue;
+    }
+    if (oldest->second.waiter.lock()->application() != waiter->application()) {
+      // Bytes of one application must not be carried as another's.
+      return expected_.end();
+    }
+    if (entry->second.number < oldest->second.number) {
+      oldest = entry;
+    }
+  }
+  return oldest;
+}
+
+FlowListener::Expected::iterator FlowListener::find(const Deadline& deadline) {
+  const auto [begin, end] = expected_.equal_range(deadline.source);
+  const auto found = std::find_if(begin, end, [&deadline](const auto& entry) {
+    return entry.second.number == deadline.number;
+  });
+  return found == end ? expected_.end() : found;
+}
+
+void FlowListener::waitForDeadline() {
+  // Nearly every connection has arrived long before.
+  while (!deadlines_.empty() && find(deadlines_.front()) == expected_.end()) {
+    deadlines_.pop_front();
+  }
+  isWaitingForDeadline_ = !deadlines_.empty();
+  if (!isWaitingForDeadline_) {
+    return;
+  }
+  deadlineTimer_.expires_at(deadlines_.front().time);
+  deadlineTimer_.async_wait([this](asio::error_code error) {
+    if (!error) {
+      ++loop_.counters().wakeups;
+      expire();
+    }
+  });
+}
+
+void FlowListener::expire() {
+  // When this loop was busy for long, what was expected has arrived and only waits to be accepted.
+  for (Socket* const listener : {&ipv4_, &ipv6_}) {
+    if (listener->socket.isOpen()) {
+      acceptArrived(*listener);
+    }
+  }
+  const auto now = std::chrono::steady_clock::now();
+  // A waiter that is told may release another flow, which adds a deadline at the end.
+  while (!deadlines_.empty() && deadlines_.front().time <= now) {
+    const auto found = find(deadlines_.front());
+    std::shared_ptr<Waiter> waiter;
+    if (found != expected_.end()) {
+      waiter = found->second.waiter.lock();
+      expected_.erase(found);
+    }
+    deadlines_.pop_front();
+    if (waiter) {
+      waiter->gaveUp();
+    }
+  }
+  waitForDeadline();
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+
+#include "Platform/Linux/Relay/EventLoop.h"
+#include "Platform/Linux/Relay/LoopSocket.h"
+
+namespace ostravel::linuxplatform {
+
+// The last phase of a socket whose both directions were closed in order: the kernel answers bytes
+// that nobody reads with a reset, which can destroy what the peer has not read yet, so they are
+// discarded until the peer ends, the connection fails, or limits::kLingerInterval and
+// limits::kLingerBound say that it is enough. Owned by what it waits for, on its event loop,
+// without a buffer.
+class LingeringSocket : public std::enable_shared_from_this<LingeringSocket> {
+  struct Private {};
+
+ public:
+  // socket: its sending direction has been shut down.
+  static void start(EventLoop& loop, LoopSocket socket);
+
+  LingeringSocket(Private /*unused*/, EventLoop& loop, LoopSocket socket);
+
+ private:
+  void discard();
+  void waitForMore();
+  void startTimer();
+  void decide();
+  bool isEverythingAcknowledged();
+  void finish();
+
+  EventLoop& loop_;
+  LoopSocket socket_;
+  std::optional<EventLoop::Timer> timer_;
+  std::chrono::steady_clock::duration interval_;
+  std::chrono::steady_clock::duration waited_{};
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,272 @@
+#include "Platform/Linux/Relay/LinuxTCPConnection.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Relay/EventLoop.h"
+#include "Platform/Linux/Relay/ProgrammingError.h"
+#include "Platform/Linux/Relay/SocketError.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::TCPConnectionState;
+using Direction = StreamSocket::Direction;
+
+namespace {
+
+constexpr std::string_view kStateKeyPath = "state";
+
+void requireStateKeyPath(std::string_view keyPath) {
+  if (keyPath != kStateKeyPath) {
+    programmingError("a connection has no observable property but its state");
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<LinuxTCPConnection> LinuxTCPConnection::connect(
+    EventLoop& loop, const platform::HostEndpoint& endpoint) {
+  auto connection = std::make_shared<LinuxTCPConnection>(Private(), loop);
+  connection->runOnLoop([endpoint](LinuxTCPConnection& self) { self.start(endpoint); });
+  return connection;
+}
+
+LinuxTCPConnection::LinuxTCPConnection(Private /*unused*/, EventLoop& loop)
+    : stream_(loop, *this, loop.isCurrent() ? loop.servedUser() : nullptr) {}
+
+// Runs work(*this) at once on the loop, and sends it there from any other thread.
+template <typename Work>
+void LinuxTCPConnection::runOnLoop(Work work) {
+  EventLoop& loop = stream_.loop();
+  if (loop.isCurrent()) {
+    work(*this);
+    return;
+  }
+  loop.post([self = shared_from_this(), work = std::move(work)]() mutable { work(*self); });
+}
+
+platform::OptionalError LinuxTCPConnection::error() const {
+  const int error = error_;
+  return error == 0 ? std::nullopt : platform::OptionalError(socketError(error));
+}
+
+// Connecting
+
+void LinuxTCPConnection::start(const platform::HostEndpoint& endpoint) {
+  if (isCancelled_) {
+    return;
+  }
+  const int error = startConnecting(endpoint);
+  if (error == 0) {
+    waitUntilConnected();
+    return;
+  }
+  // Later, because whoever asked for the connection could not have observed it yet.
+  stream_.loop().post([weakSelf = weak_from_this(), error] {
+    if (const auto self = weakSelf.lock()) {
+      self->failToConnect(error);
+    }
+  });
+}
+
+int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) {
+  const auto parsed = parseAddressLiteral(endpoint);
+  if (!parsed) {
+    return EINVAL;
+  }
+  const KernelAddress address(*parsed);
+  FileDescriptor descriptor(
+      ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!descriptor.isOpen()) {
+    return errno;
+  }
+  // Without the permission to set it nothing is intercepted that could be confused with this.
+  const std::uint32_t mark = stream_.loop().marks().own();
+  ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
+  LoopSocket::resetUnlessClosed(descriptor.get());
+  if (::connect(descriptor.get(), address.get(), address.size) != 0 && errno != EINPROGRESS &&
+      errno != EINTR) {
+    return errno;
+  }
+  connecting_ = LoopSocket(stream_.loop(), descriptor.release());
+  connecting_.chargeTo(stream_.user());
+  return connecting_.isOpen() ? 0 : ENOMEM;
+}
+
+void LinuxTCPConnection::waitUntilConnected() {
+  connecting_.waitUntilWritable([weakSelf = weak_from_this()](asio::error_code error) {
+    const auto self = error ? nullptr : weakSelf.lock();
+    if (self) {
+      ++self->stream_.loop().counters().wakeups;
+      self->finishConnecting();
+    }
+  });
+}
+
+void LinuxTCPConnection::finishConnecting() {
+  if (!connecting_.isOpen()) {
+    return;
+  }
+  int error = 0;
+  socklen_t size = sizeof error;
+  if (::getsockopt(connecting_.descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
+    error = errno;
+  }
+  if (error != 0) {
+    failToConnect(error);
+    return;
+  }
+  KernelAddress peer;
+  if (::getpeername(connecting_.descriptor(), peer.get(), &peer.size) != 0) {
+    // Woken too early.
+    waitUntilConnected();
+    return;
+  }
+  stream_.attach(std::move(connecting_));
+  changeState(TCPConnectionState::connected, 0);
+  notifyObservers(Reason::change);
+}
+
+void LinuxTCPConnection::failToConnect(int error) {
+  if (isCancelled_) {
+    return;
+  }
+  connecting_.close();
+  changeState(TCPConnectionState::disconnected, error);
+  stream_.fail(socketError(error));
+  notifyObservers(Reason::change);
+}
+
+// Transfer
+
+void LinuxTCPConnection::read(std::size_t minimum, std::size_t maximum,
+                              platform::ReadCompletion completion) {
+  runOnLoop(
+      [minimum, maximum, completion = std::move(completion)](LinuxTCPConnection& self) mutable {
+        self.stream_.read(minimum, maximum, std::move(completion));
+      });
+}
+
+void LinuxTCPConnection::write(platform::Data data, platform::ErrorCompletion completion) {
+  runOnLoop([data = std::move(data),
+             completion = std::move(completion)](LinuxTCPConnection& self) mutable {
+    self.stream_.write(std::move(data), std::move(completion));
+  });
+}
+
+void LinuxTCPConnection::cancel() {
+  runOnLoop([](LinuxTCPConnection& self) { self.cancelOnLoop(); });
+}
+
+void LinuxTCPConnection::cancelOnLoop() {
+  if (std::exchange(isCancelled_, true)) {
+    return;
+  }
+  if (state_ == TCPConnectionState::connecting) {
+    connecting_.close();
+    stream_.fail(socketError(ECANCELED));
+  } else {
+    stream_.closeInOrder(Direction::read);
+    stream_.closeInOrder(Direction::write);
+  }
+  changeStateLater(TCPConnectionState::cancelled, 0);
+}
+
+void LinuxTCPConnection::streamFailed(int error) {
+  changeStateLater(TCPConnectionState::disconnected, error);
+}
+
+void LinuxTCPConnection::streamEnded() {
+  changeStateLater(TCPConnectionState::disconnected, 0);
+}
+
+std::shared_ptr<StreamSocket> LinuxTCPConnection::sharedStream() {
+  return {shared_from_this(), &stream_};
+}
+
+// State
+
+void LinuxTCPConnection::changeStateLater(TCPConnectionState state, int error) {
+  changeState(state, error);
+  // Not inside whatever call has found it out.
+  notifyObserversLater(Reason::change);
+}
+
+void LinuxTCPConnection::changeState(TCPConnectionState state, int error) {
+  // The error first, for a reader who sees the state that it explains.
+  error_ = error;
+  state_ = state;
+}
+
+void LinuxTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
+                                     std::string_view keyPath) {
+  requireStateKeyPath(keyPath);
+  const auto* const identity = observer.lock().get();
+  const std::lock_guard guard(lock_);
+  forgetDestroyedObservers();
+  observers_.push_back({std::move(observer), identity});
+  if (hasUntoldChange_) {
+    notifyObserversLater(Reason::untoldChange);
+  }
+}
+
+void LinuxTCPConnection::removeObserver(platform::KeyValueObserver& observer,
+                                        std::string_view keyPath) {
+  requireStateKeyPath(keyPath);
+  const std::lock_guard guard(lock_);
+  const auto found = std::find_if(
+      observers_.begin(), observers_.end(),
+      [&observer](const auto& registration) { return registration.identity == &observer; });
+  if (found != observers_.end()) {
+    observers_.erase(found);
+  }
+}
+
+void LinuxTCPConnection::notifyObserversLater(Reason reason) {
+  stream_.loop().post([weakSelf = weak_from_this(), reason] {
+    if (const auto self = weakSelf.lock()) {
+      self->notifyObservers(reason);
+    }
+  });
+}
+
+void LinuxTCPConnection::notifyObservers(Reason reason) {
+  std::vector<Registration> observers;
+  {
+    const std::lock_guard guard(lock_);
+    if (reason == Reason::untoldChange && !hasUntoldChange_) {
+      return;
+    }
+    forgetDestroyedObservers();
+    observers = observers_;
+    hasUntoldChange_ = observers.empty();
+  }
+  // Without the lock: an observer may remove itself or another one.
+  for (const auto& registration : observers) {
+    const auto observer = registration.observer.lock();
+    if (observer && isRegistered(*observer)) {
+      observer->observeValue(kStateKeyPath, this);
+    }
+  }
+}
+
+// Another observer may live at the address of one that is gone.
+void LinuxTCPConnection::forgetDestroyedObservers() {
+  std::erase_if(observers_,
+                [](const auto& registration) { return registration.observer.expired(); });
+}
+
+bool LinuxTCPConnection::isRegistered(const platform::KeyValueObserver& observer) const {
+  const std::lock_guard guard(lock_);
+  return std::any_of(observers_.begin(), observers_.end(), [&observer](const auto& registration) {
+    return registration.identity == &observer;
+  });
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,152 @@
+#include "Platform/Linux/Relay/LinuxTCPFlow.h"
+
+#include <cerrno>
+#include <utility>
+
+#include "Platform/Interface/ProviderError.h"
+#include "Platform/Linux/Relay/EventLoop.h"
+#include "Platform/Linux/Relay/RedirectPath.h"
+#include "Platform/Linux/Relay/SocketError.h"
+#include "Platform/Linux/Services/RelayLimits.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::OptionalError;
+using Direction = StreamSocket::Direction;
+
+LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
+                           platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
+                           std::shared_ptr<UserShare> user)
+    : tuple_(tuple),
+      identifier_(std::move(identifier)),
+      remote_(std::move(remote)),
+      packet_(std::move(packet)),
+      stream_(loop, *this, std::move(user)) {}
+
+// Runs work(*this) at once on the loop, and sends it there from any other thread.
+template <typename Work>
+void LinuxTCPFlow::runOnLoop(Work work) {
+  EventLoop& loop = stream_.loop();
+  if (loop.isCurrent()) {
+    work(*this);
+    return;
+  }
+  loop.post([self = shared_from_this(), work = std::move(work)]() mutable { work(*self); });
+}
+
+void LinuxTCPFlow::open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
+                        platform::ErrorCompletion completion) {
+  stream_.loop().post([weakSelf = weak_from_this(), completion = std::move(completion)]() mutable {
+    if (const auto self = weakSelf.lock()) {
+      const bool isClosed = self->stage_ == Stage::ended;
+      const EventLoop::Service service(self->stream_.loop(), self->stream_.user());
+      completion(isClosed ? OptionalError(socketError(ECANCELED)) : std::nullopt);
+    }
+  });
+}
+
+void LinuxTCPFlow::read(platform::ReadCompletion completion) {
+  runOnLoop([completion = std::move(completion)](LinuxTCPFlow& self) mutable {
+    self.releasePacket();
+    self.stream_.read(1, limits::kMaximumChunk, std::move(completion));
+  });
+}
+
+void LinuxTCPFlow::write(platform::Data data, platform::ErrorCompletion completion) {
+  runOnLoop(
+      [data = std::move(data), completion = std::move(completion)](LinuxTCPFlow& self) mutable {
+        self.releasePacket();
+        self.stream_.write(std::move(data), std::move(completion));
+      });
+}
+
+void LinuxTCPFlow::closeRead(OptionalError error) {
+  runOnLoop([error = std::move(error)](LinuxTCPFlow& self) { self.close(Direction::read, error); });
+}
+
+void LinuxTCPFlow::closeWrite(OptionalError error) {
+  runOnLoop(
+      [error = std::move(error)](LinuxTCPFlow& self) { self.close(Direction::write, error); });
+}
+
+void LinuxTCPFlow::releasePacket() {
+  if (stage_ != Stage::held) {
+    return;
+  }
+  stage_ = Stage::released;
+  EventLoop& loop = stream_.loop();
+  const auto self = shared_from_this();
+  if (stream_.user()) {
+    stream_.user()->handshakeSucceeded();
+  }
+  loop.listener().expect(std::shared_ptr<FlowListener::Waiter>(self, this));
+  packet_->redirect(loop.index());
+  packet_.reset();
+}
+
+void LinuxTCPFlow::endHeld(const OptionalError& error) {
+  if (platform::isHandshakeTimeout(error) && stream_.user()) {
+    stream_.user()->handshakeTimedOut(UserShare::Clock::now());
+  }
+  if (error) {
+    packet_->accept();
+  } else {
+    packet_->refuse();
+  }
+  packet_.reset();
+}
+
+void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
+  if (stage_ == Stage::ended || stream_.isClosed(direction)) {
+    return;
+  }
+  const bool isHeld = stage_ == Stage::held;
+  if (isHeld) {
+    endHeld(error);
+  }
+  if (isHeld || error) {
+    const bool isCarried = stage_ == Stage::carried;
+    stage_ = Stage::ended;
+    stream_.fail(socketError(ECANCELED));
+    if (RedirectPath* const path = stream_.loop().redirectPath(); isCarried && path != nullptr) {
+      path->reportReset(tuple_);
+    }
+    return;
+  }
+  stream_.closeInOrder(direction);
+  const bool isClosed = stream_.isClosed(Direction::read) && stream_.isClosed(Direction::write);
+  if (isClosed && stage_ == Stage::released) {
+    // The connection that is on its way is to see an end, not a reset.
+    const auto self = shared_from_this();
+    stream_.loop().listener().keep(std::shared_ptr<FlowListener::Waiter>(self, this));
+  }
+}
+
+void LinuxTCPFlow::accepted(LoopSocket socket) {
+  if (stage_ != Stage::released) {
+    socket.reset();
+    return;
+  }
+  stage_ = Stage::carried;
+  stream_.attach(std::move(socket));
+}
+
+void LinuxTCPFlow::gaveUp() {
+  if (stage_ != Stage::released) {
+    return;
+  }
+  stage_ = Stage::ended;
+  EventLoop& loop = stream_.loop();
+  if (RedirectPath* const path = loop.redirectPath()) {
+    path->reportMissing(loop.index(), tuple_);
+  }
+  platform::Error error = socketError(ETIMEDOUT);
+  error.localizedDescription = "The application gave up before its connection was made";
+  stream_.fail(std::move(error));
+}
+
+std::shared_ptr<StreamSocket> LinuxTCPFlow::sharedStream() {
+  return {shared_from_this(), &stream_};
+}
+
+}  // namespace ostravel::linuxplatform

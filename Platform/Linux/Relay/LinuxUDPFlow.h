@@ -1,0 +1,38 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Platform/Interface/AppProxyUDPFlow.h"
+#include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Relay/HeldPacket.h"
+
+namespace ostravel::linuxplatform {
+
+// The first datagram that an application sends from a socket. Refused, with ICMP port unreachable,
+// once both directions are closed; left to the system when it is destroyed otherwise. Usable from
+// any thread.
+class LinuxUDPFlow final : public platform::AppProxyUDPFlow {
+ public:
+  // identifier: valid UTF-8, empty when unknown.
+  LinuxUDPFlow(const FlowTuple& tuple, std::string identifier, std::unique_ptr<HeldPacket> packet);
+
+  std::string sourceAppSigningIdentifier() const override { return identifier_; }
+  std::optional<platform::HostEndpoint> localEndpoint() const override;
+
+  void closeRead(platform::OptionalError error) override;
+  void closeWrite(platform::OptionalError error) override;
+
+ private:
+  void close(std::uint8_t direction);
+
+  const SocketEndpoint source_;
+  const std::string identifier_;
+  const std::unique_ptr<HeldPacket> packet_;
+  std::atomic<std::uint8_t> closed_ = 0;
+};
+
+}  // namespace ostravel::linuxplatform

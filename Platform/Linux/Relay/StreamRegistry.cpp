@@ -1,0 +1,40 @@
+#include "Platform/Linux/Relay/StreamRegistry.h"
+
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Relay/StreamSocket.h"
+
+namespace ostravel::linuxplatform {
+
+StreamRegistry::Place::~Place() {
+  if (registry_ != nullptr) {
+    const std::lock_guard guard(registry_->lock_);
+    registry_->streams_.erase(position_);
+  }
+}
+
+void StreamRegistry::add(Place& place, std::weak_ptr<StreamSocket> stream) {
+  const std::lock_guard guard(lock_);
+  place.position_ = streams_.insert(streams_.end(), std::move(stream));
+  place.registry_ = this;
+}
+
+void StreamRegistry::dropCompletions() {
+  // Without the lock: with a completion the last reference to a stream may go, here or on a thread
+  // that was about to let go of it, and the stream gives its place up.
+  std::vector<std::shared_ptr<StreamSocket>> streams;
+  {
+    const std::lock_guard guard(lock_);
+    for (const auto& weakStream : streams_) {
+      if (auto stream = weakStream.lock()) {
+        streams.push_back(std::move(stream));
+      }
+    }
+  }
+  for (const auto& stream : streams) {
+    stream->dropCompletions();
+  }
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,105 @@
+#include "Platform/Linux/Services/JournalLog.h"
+
+// The place in our source files is of no use in the journal.
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <systemd/sd-journal.h>
+
+#include <array>
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Services/LogLine.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::LogLevel;
+
+namespace {
+
+// syslog(3) levels.
+std::string_view priorityField(LogLevel level) {
+  switch (level) {
+    case LogLevel::debug:
+      return "PRIORITY=7";
+    case LogLevel::info:
+      return "PRIORITY=6";
+    case LogLevel::standard:
+      return "PRIORITY=5";
+    case LogLevel::error:
+      break;
+  }
+  return "PRIORITY=3";
+}
+
+std::string originFields(const std::string& subsystem, const std::string& category) {
+  return "SYSLOG_IDENTIFIER=ostravel\nOSTRAVEL_SUBSYSTEM=" + printable(subsystem) +
+         "\nOSTRAVEL_CATEGORY=" + printable(category) + '\n';
+}
+
+// text is printable, so it has no line feed that would end a field.
+std::string record(LogLevel level, std::string_view text, std::string_view origin) {
+  std::string fields = "MESSAGE=";
+  fields.append(text).append("\n").append(priorityField(level)).append("\n");
+  return fields.append(origin).append("\n");
+}
+
+// The fields of the first record, each with its line feed. The empty line is not among them.
+std::string_view firstRecord(std::string_view records) {
+  return records.substr(0, records.find("\n\n") + 1);
+}
+
+}  // namespace
+
+JournalLog::Output::Output(const std::string& subsystem, const std::string& category)
+    : originFields_(originFields(subsystem, category)) {}
+
+std::size_t JournalLog::Output::write(std::string_view records) {
+  const std::string_view fields = firstRecord(records);
+  std::array<iovec, 8> parts{};
+  std::size_t count = 0;
+  for (std::string_view rest = fields; !rest.empty() && count < parts.size(); ++count) {
+    const std::size_t end = rest.find('\n');
+    // Only read from, although the type cannot say so.
+    parts[count] = {const_cast<char*>(rest.data()), end};
+    rest.remove_prefix(end + 1);
+  }
+  ::sd_journal_sendv(parts.data(), static_cast<int>(count));
+  return fields.size() + 1;
+}
+
+std::string JournalLog::Output::dropped(std::size_t count) {
+  return record(LogLevel::error, droppedLinesText(count), originFields_);
+}
+
+// Without the library, which may allocate. Its fields are already as the journal takes them
+// (systemd's "Native Journal Protocol"): one datagram, one line for each field.
+std::size_t JournalLog::Output::writeInCrash(std::string_view records) noexcept {
+  constexpr std::string_view kJournal = "/run/systemd/journal/socket";
+  const std::string_view fields = firstRecord(records);
+  const FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  kJournal.copy(address.sun_path, sizeof address.sun_path - 1);
+  const auto sent =
+      ::sendto(socket.get(), fields.data(), fields.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return sent < 0 ? 0 : fields.size() + 1;
+}
+
+JournalLog::JournalLog(std::shared_ptr<BackgroundWriter> writer, const std::string& subsystem,
+                       const std::string& category)
+    : writer_(std::move(writer)), originFields_(originFields(subsystem, category)) {}
+
+void JournalLog::write(LogLevel level, std::string_view format,
+                       std::span<const platform::LogArgument> arguments) {
+  const int errorOfCaller = errno;
+  writer_->push(record(level, printableLogLine(format, arguments), originFields_));
+  errno = errorOfCaller;
+}
+
+}  // namespace ostravel::linuxplatform

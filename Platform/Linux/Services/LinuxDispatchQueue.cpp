@@ -1,0 +1,291 @@
+#include "Platform/Linux/Services/LinuxDispatchQueue.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <utility>
+
+namespace ostravel::linuxplatform {
+
+using platform::DispatchQueueKind;
+
+namespace {
+
+// Other queues get the thread after this many items.
+constexpr int kItemsPerTurn = 64;
+
+}  // namespace
+
+// One item that waits, either with its work or as a thread that will run it itself.
+struct LinuxDispatchQueue::Entry {
+  Entry(Access accessOfItem, Work workOfItem) : access(accessOfItem), work(std::move(workOfItem)) {}
+
+  const Access access;
+  // Set when the entry is part of a Waiter.
+  Waiter* waiter = nullptr;
+  Entry* next = nullptr;
+  Work work;
+};
+
+// A thread in a sync call. Lives on its stack.
+struct LinuxDispatchQueue::Waiter {
+  explicit Waiter(Access access) : entry(access, nullptr) { entry.waiter = this; }
+
+  Entry entry;
+  // The thread is woken when it may run its item, and when there is something to run before.
+  std::condition_variable wakeUp;
+  bool isAdmitted = false;
+  Waiter* next = nullptr;
+};
+
+// First in, first out, linked through the entries.
+class LinuxDispatchQueue::EntryList {
+ public:
+  Entry* first() const { return first_; }
+
+  void append(Entry* entry) {
+    (first_ == nullptr ? first_ : last_->next) = entry;
+    last_ = entry;
+  }
+
+  Entry* takeFirst() {
+    Entry* const entry = first_;
+    if (entry != nullptr) {
+      first_ = entry->next;
+    }
+    return entry;
+  }
+
+ private:
+  Entry* first_ = nullptr;
+  Entry* last_ = nullptr;
+};
+
+// A reader-writer lock whose waiting line holds items as well as threads.
+//
+// word_ says who is inside and whether anybody waits. While nobody waits, sync items come and go by
+// changing it alone. Everything else needs the mutex; only under it kWaiting changes, and while
+// kWaiting is set nobody comes in except from the front of the line.
+//
+// Whoever leaves and thereby makes the front of the line runnable admits it: threads are woken,
+// shared items are handed to the pool. An exclusive item in front is run by the first thread in the
+// line, since it waits for just that, or else by the pool.
+class LinuxDispatchQueue::State final : public WorkerPool::Client,
+                                        public std::enable_shared_from_this<State> {
+ public:
+  explicit State(WorkerPool& pool) : pool_(pool) {}
+
+  void submit(Access access, Work work) {
+    auto entry = std::make_unique<Entry>(access, std::move(work));
+    pool_.itemSubmitted();
+    const std::lock_guard lock(mutex_);
+    if (access == Access::shared && tryEnter(Access::shared)) {
+      ready_.append(entry.release());
+      pool_.submit(shared_from_this());
+      return;
+    }
+    joinLine(entry.release());
+  }
+
+  void runAndWait(Access access, const Work& work) {
+    if (!tryEnter(access)) {
+      waitInLine(access);
+    }
+    work();
+    leave(access);
+  }
+
+  void takeTurn() override {
+    std::unique_lock lock(mutex_);
+    isPoolCalled_ = false;
+    for (int i = 0; i < kItemsPerTurn; ++i) {
+      if (!runNext(lock)) {
+        return;
+      }
+    }
+    if (ready_.first() != nullptr || isExclusiveItemRunnable()) {
+      callPool();
+    }
+  }
+
+ private:
+  static constexpr std::uint32_t kWaiting = 1;    // somebody is in the line
+  static constexpr std::uint32_t kExclusive = 2;  // an exclusive item is running
+  static constexpr std::uint32_t kOneShared = 4;  // times the shared items inside
+
+  bool tryEnter(Access access) {
+    std::uint32_t word = word_.load();
+    if (access == Access::exclusive) {
+      return word == 0 && word_.compare_exchange_strong(word, kExclusive);
+    }
+    while ((word & (kWaiting | kExclusive)) == 0) {
+      if (word_.compare_exchange_weak(word, word + kOneShared)) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  void leave(Access access) {
+    if (access == Access::exclusive) {
+      std::uint32_t onlyThis = kExclusive;
+      if (word_.compare_exchange_strong(onlyThis, 0)) {
+        return;
+      }
+      const std::lock_guard lock(mutex_);
+      word_ -= kExclusive;
+      admitAndCall();
+      return;
+    }
+    if (word_.fetch_sub(kOneShared) == (kOneShared | kWaiting)) {
+      const std::lock_guard lock(mutex_);
+      admitAndCall();
+    }
+  }
+
+  void joinLine(Entry* entry) {
+    line_.append(entry);
+    const auto before = word_.fetch_or(kWaiting);
+    if ((before & (kWaiting | kExclusive)) == 0) {
+      admitAndCall();
+    }
+  }
+
+  void waitInLine(Access access) {
+    Waiter self(access);
+    std::unique_lock lock(mutex_);
+    (firstWaiter_ == nullptr ? firstWaiter_ : lastWaiter_->next) = &self;
+    lastWaiter_ = &self;
+    joinLine(&self.entry);
+    // Everything that is runnable is in front of this thread's item, or it would be admitted.
+    while (!self.isAdmitted) {
+      if (!runNext(lock)) {
+        self.wakeUp.wait(lock);
+      }
+    }
+  }
+
+  // Lets in from the front of the line whoever may come in now, except exclusive items, which
+  // somebody has to be called for.
+  void admit() {
+    while (Entry* const front = line_.first()) {
+      const auto inside = word_ & ~kWaiting;
+      const bool isExclusive = front->access == Access::exclusive;
+      if ((inside & kExclusive) != 0 ||
+          (isExclusive && (inside != 0 || front->waiter == nullptr))) {
+        return;
+      }
+      line_.takeFirst();
+      word_ += isExclusive ? kExclusive : kOneShared;
+      if (front->waiter != nullptr) {
+        admitWaiter(front->waiter);
+      } else {
+        front->next = nullptr;
+        ready_.append(front);
+        pool_.submit(shared_from_this());
+        wakeFirstWaiter();
+      }
+    }
+    word_ &= ~kWaiting;
+  }
+
+  void admitWaiter(Waiter* waiter) {
+    firstWaiter_ = waiter->next;
+    waiter->isAdmitted = true;
+    waiter->wakeUp.notify_one();
+  }
+
+  void admitAndCall() {
+    admit();
+    if (!isExclusiveItemRunnable()) {
+      return;
+    }
+    if (firstWaiter_ != nullptr) {
+      wakeFirstWaiter();
+    } else {
+      callPool();
+    }
+  }
+
+  bool isExclusiveItemRunnable() const {
+    const Entry* const front = line_.first();
+    return front != nullptr && front->waiter == nullptr && front->access == Access::exclusive &&
+           word_ == kWaiting;
+  }
+
+  void wakeFirstWaiter() {
+    if (firstWaiter_ != nullptr) {
+      firstWaiter_->wakeUp.notify_one();
+    }
+  }
+
+  void callPool() {
+    if (!std::exchange(isPoolCalled_, true)) {
+      pool_.submit(shared_from_this());
+    }
+  }
+
+  // Runs one item that may run now; false when there is none. Called and left with the lock held.
+  bool runNext(std::unique_lock<std::mutex>& lock) {
+    if (ready_.first() != nullptr) {
+      runOutside(lock, std::unique_ptr<Entry>(ready_.takeFirst()));
+      word_ -= kOneShared;
+    } else if (isExclusiveItemRunnable()) {
+      std::unique_ptr<Entry> entry(line_.takeFirst());
+      word_ = line_.first() == nullptr ? kExclusive : kExclusive | kWaiting;
+      runOutside(lock, std::move(entry));
+      word_ -= kExclusive;
+    } else {
+      return false;
+    }
+    admit();
+    return true;
+  }
+
+  void runOutside(std::unique_lock<std::mutex>& lock, std::unique_ptr<Entry> entry) {
+    lock.unlock();
+    entry->work();
+    // What the work owns goes while the item still counts as running.
+    entry.reset();
+    pool_.itemFinished();
+    lock.lock();
+  }
+
+  WorkerPool& pool_;
+  std::atomic<std::uint32_t> word_ = 0;
+  // The pool has been asked to run the exclusive item in front and has not begun.
+  bool isPoolCalled_ = false;
+  std::mutex mutex_;
+  EntryList line_;
+  // Shared items that are inside and wait for a thread.
+  EntryList ready_;
+  // The threads in the line, in its order.
+  Waiter* firstWaiter_ = nullptr;
+  Waiter* lastWaiter_ = nullptr;
+};
+
+LinuxDispatchQueue::LinuxDispatchQueue(WorkerPool& pool, std::string label, DispatchQueueKind kind)
+    : label_(std::move(label)),
+      usualAccess_(kind == DispatchQueueKind::serial ? Access::exclusive : Access::shared),
+      state_(std::make_shared<State>(pool)) {}
+
+LinuxDispatchQueue::~LinuxDispatchQueue() = default;
+
+void LinuxDispatchQueue::async(Work work) {
+  state_->submit(usualAccess_, std::move(work));
+}
+
+void LinuxDispatchQueue::asyncBarrier(Work work) {
+  state_->submit(Access::exclusive, std::move(work));
+}
+
+void LinuxDispatchQueue::runSync(const Work& work) {
+  state_->runAndWait(usualAccess_, work);
+}
+
+void LinuxDispatchQueue::runSyncBarrier(const Work& work) {
+  state_->runAndWait(Access::exclusive, work);
+}
+
+}  // namespace ostravel::linuxplatform

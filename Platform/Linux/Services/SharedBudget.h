@@ -1,0 +1,104 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <utility>
+
+#include "Platform/Linux/Services/UserShare.h"
+
+namespace ostravel::linuxplatform {
+
+// A limited resource of the process and each user's part of it. Counts and does not enforce:
+// its users ask before they take some. Usable from any thread; outlives its leases.
+//
+// A user may use more as long as its part is smaller than what is still free. Alone it gets half,
+// of two each gets a third, of n each gets 1/(n+1): nobody has to be known in advance, and there is
+// always something left for one more.
+class SharedBudget {
+ public:
+  // Which of a user's counters this budget is divided by.
+  using Counter = std::atomic<std::size_t>& (UserShare::*)();
+
+  // A part in use, given back on destruction.
+  class Lease {
+   public:
+    Lease() = default;
+    // Without a share it is nobody's in particular.
+    Lease(SharedBudget& budget, std::size_t amount, std::shared_ptr<UserShare> share = nullptr)
+        : budget_(&budget), amount_(amount), share_(std::move(share)) {
+      budget_->inUse_.fetch_add(amount_, std::memory_order_relaxed);
+      addToShare();
+    }
+    Lease(Lease&& other) noexcept
+        : budget_(std::exchange(other.budget_, nullptr)),
+          amount_(other.amount_),
+          share_(std::move(other.share_)) {}
+    Lease& operator=(Lease&& other) noexcept {
+      Lease taken(std::move(other));
+      std::swap(budget_, taken.budget_);
+      std::swap(amount_, taken.amount_);
+      std::swap(share_, taken.share_);
+      return *this;
+    }
+    ~Lease() {
+      if (budget_ != nullptr) {
+        budget_->inUse_.fetch_sub(amount_, std::memory_order_relaxed);
+        takeFromShare();
+      }
+    }
+
+    // From now on it is this user's.
+    void chargeTo(std::shared_ptr<UserShare> share) {
+      if (budget_ != nullptr) {
+        takeFromShare();
+        share_ = std::move(share);
+        addToShare();
+      }
+    }
+
+   private:
+    void addToShare() const {
+      if (share_) {
+        (share_.get()->*budget_->counter_)().fetch_add(amount_, std::memory_order_relaxed);
+      }
+    }
+    void takeFromShare() const {
+      if (share_) {
+        (share_.get()->*budget_->counter_)().fetch_sub(amount_, std::memory_order_relaxed);
+      }
+    }
+
+    SharedBudget* budget_ = nullptr;
+    std::size_t amount_ = 0;
+    std::shared_ptr<UserShare> share_;
+  };
+
+  SharedBudget(std::size_t limit, Counter counter) : limit_(limit), counter_(counter) {}
+  SharedBudget(const SharedBudget&) = delete;
+  SharedBudget& operator=(const SharedBudget&) = delete;
+
+  Lease lease(std::size_t amount, std::shared_ptr<UserShare> share = nullptr) {
+    return Lease(*this, amount, std::move(share));
+  }
+
+  std::size_t limit() const { return limit_; }
+  std::size_t inUse() const { return inUse_.load(std::memory_order_relaxed); }
+  std::size_t unused() const {
+    const std::size_t used = inUse();
+    return used < limit_ ? limit_ - used : 0;
+  }
+
+  // Whether so much more is this user's to take.
+  bool isWithinShare(UserShare& share, std::size_t amount) const {
+    const std::size_t used = (share.*counter_)().load(std::memory_order_relaxed);
+    return used + amount <= unused();
+  }
+
+ private:
+  const std::size_t limit_;
+  const Counter counter_;
+  std::atomic<std::size_t> inUse_ = 0;
+};
+
+}  // namespace ostravel::linuxplatform

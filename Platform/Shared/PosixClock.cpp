@@ -1,0 +1,12 @@
+#include "Platform/Shared/PosixClock.h"
+
+#include <chrono>
+
+namespace ostravel::platform {
+
+double PosixClock::secondsSince1970() const {
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration<double>(sinceEpoch).count();
+}
+
+}  // namespace ostravel::platform

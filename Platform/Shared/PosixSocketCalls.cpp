@@ -1,0 +1,86 @@
+#include "Platform/Shared/PosixSocketCalls.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+namespace ostravel::platform {
+
+namespace {
+
+SocketCallResult outcome(long value) {
+  return {value, value < 0 ? errno : 0};
+}
+
+}  // namespace
+
+SocketAddressLayout PosixSocketCalls::addressLayout() const {
+#if defined(__APPLE__)
+  return SocketAddressLayout::darwinABI;
+#else
+  return SocketAddressLayout::linuxABI;
+#endif
+}
+
+SocketCallResult PosixSocketCalls::socket(int family, int type, int protocol) {
+#if defined(__APPLE__)
+  const int descriptor = ::socket(family, type, protocol);
+  const auto result = outcome(descriptor);
+  if (descriptor >= 0) {
+    ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  }
+  return result;
+#else
+  return outcome(::socket(family, type | SOCK_CLOEXEC, protocol));
+#endif
+}
+
+SocketCallResult PosixSocketCalls::statusFlags(int descriptor) {
+  return outcome(::fcntl(descriptor, F_GETFL));
+}
+
+SocketCallResult PosixSocketCalls::setStatusFlags(int descriptor, int flags) {
+  return outcome(::fcntl(descriptor, F_SETFL, flags));
+}
+
+SocketCallResult PosixSocketCalls::connect(int descriptor, std::span<const std::byte> address) {
+  sockaddr_storage storage{};
+  if (address.size() > sizeof storage) {
+    return {-1, EINVAL};
+  }
+  // The kernel takes the address at any alignment, but the language does not.
+  std::memcpy(&storage, address.data(), address.size());
+  return outcome(::connect(descriptor, reinterpret_cast<const sockaddr*>(&storage),
+                           static_cast<socklen_t>(address.size())));
+}
+
+SocketCallResult PosixSocketCalls::pollWritable(int descriptor, std::chrono::milliseconds timeout) {
+  // poll takes an int, and a negative one waits for ever.
+  constexpr std::chrono::milliseconds::rep kLongest = std::numeric_limits<int>::max();
+  const auto wait = std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, kLongest);
+  pollfd entry{.fd = descriptor, .events = POLLOUT, .revents = 0};
+  return outcome(::poll(&entry, 1, static_cast<int>(wait)));
+}
+
+SocketCallResult PosixSocketCalls::pendingError(int descriptor) {
+  int error = 0;
+  socklen_t size = sizeof error;
+  const int result = ::getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size);
+  return result < 0 ? outcome(result) : SocketCallResult{error, 0};
+}
+
+SocketCallResult PosixSocketCalls::write(int descriptor, std::span<const std::byte> bytes) {
+  return outcome(::write(descriptor, bytes.data(), bytes.size()));
+}
+
+void PosixSocketCalls::close(int descriptor) {
+  ::close(descriptor);
+}
+
+}  // namespace ostravel::platform

@@ -1,0 +1,27 @@
+#pragma once
+
+#import <Foundation/Foundation.h>
+
+#include <memory>
+
+#include "Platform/Interface/Completion.h"
+#import "Platform/macOS/Dispatch/CompletionQueue.h"
+#import "Platform/macOS/Foundation/Reference.h"
+
+namespace ostravel::macos {
+
+using ErrorBlock = void (^)(NSError* error);
+using ReadBlock = void (^)(NSData* data, NSError* error);
+
+// The system's completion handlers around the core's, which run on the queue. owner is the object
+// that was asked: while the completion runs it stays, and once it is gone the completion is
+// dropped.
+Reference<ErrorBlock> errorBlock(std::shared_ptr<CompletionQueue> queue,
+                                 std::weak_ptr<const void> owner,
+                                 platform::ErrorCompletion completion);
+// An error excludes data, whatever the system delivers.
+Reference<ReadBlock> readBlock(std::shared_ptr<CompletionQueue> queue,
+                               std::weak_ptr<const void> owner,
+                               platform::ReadCompletion completion);
+
+}  // namespace ostravel::macos

@@ -1,0 +1,55 @@
+#pragma once
+
+#import <NetworkExtension/NetworkExtension.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Interface/TCPConnection.h"
+#import "Platform/macOS/Dispatch/CompletionQueue.h"
+#import "Platform/macOS/Foundation/Reference.h"
+
+namespace ostravel::macos {
+
+// A connection that the system has made for the provider, which shares the queue of the completion
+// that it is made in. A completion that finds this object gone is dropped. Over nil, which the
+// system gives for an endpoint that it cannot use, it stays invalid for ever.
+class SystemTCPConnection final : public platform::TCPConnection,
+                                  public std::enable_shared_from_this<SystemTCPConnection> {
+ public:
+  static std::shared_ptr<SystemTCPConnection> make(NWTCPConnection* connection);
+  ~SystemTCPConnection() override;
+
+  platform::TCPConnectionState state() const override;
+  platform::OptionalError error() const override;
+  void addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
+                   std::string_view keyPath) override;
+  void removeObserver(platform::KeyValueObserver& observer, std::string_view keyPath) override;
+  void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion) override;
+  void write(platform::Data data, platform::ErrorCompletion completion) override;
+  void cancel() override;
+
+  // For the one object that observes the system's connections: passes a change of the state on.
+  void stateDidChange();
+
+ private:
+  using Observers = std::vector<std::weak_ptr<platform::KeyValueObserver>>;
+
+  explicit SystemTCPConnection(NWTCPConnection* connection);
+
+  bool hasUntoldChange();
+
+  const Reference<NWTCPConnection*> connection_;
+  const std::shared_ptr<CompletionQueue> queue_;
+  // Under which the system's notifications find this object.
+  std::uintptr_t observation_ = 0;
+  std::mutex lock_;
+  Observers observers_;
+  // A change found nobody to be told of it.
+  bool hasUntoldChange_ = false;
+};
+
+}  // namespace ostravel::macos

@@ -1,0 +1,135 @@
+#import "Platform/macOS/Flow/SystemTCPConnection.h"
+
+#include <utility>
+
+#import "Platform/macOS/Dispatch/CompletionBlocks.h"
+#import "Platform/macOS/Flow/ConnectionStateObservation.h"
+#import "Platform/macOS/Foundation/FoundationData.h"
+#import "Platform/macOS/Foundation/FoundationError.h"
+
+namespace ostravel::macos {
+
+using platform::TCPConnectionState;
+
+namespace {
+
+constexpr std::string_view kStateKeyPath = "state";
+
+}  // namespace
+
+std::shared_ptr<SystemTCPConnection> SystemTCPConnection::make(NWTCPConnection* connection) {
+  const std::shared_ptr<SystemTCPConnection> adapter(new SystemTCPConnection(connection));
+  adapter->observation_ = startObservingState(connection, adapter);
+  if (adapter->state() > TCPConnectionState::connecting) {
+    adapter->stateDidChange();
+  }
+  return adapter;
+}
+
+SystemTCPConnection::SystemTCPConnection(NWTCPConnection* connection)
+    : connection_(Reference<NWTCPConnection*>::retaining(connection)),
+      queue_(CompletionQueue::current()) {}
+
+SystemTCPConnection::~SystemTCPConnection() {
+  stopObservingState(connection_.get(), observation_);
+}
+
+TCPConnectionState SystemTCPConnection::state() const {
+  switch ([connection_.get() state]) {
+    case NWTCPConnectionStateInvalid:
+      return TCPConnectionState::invalid;
+    case NWTCPConnectionStateConnecting:
+      return TCPConnectionState::connecting;
+    case NWTCPConnectionStateWaiting:
+      return TCPConnectionState::waiting;
+    case NWTCPConnectionStateConnected:
+      return TCPConnectionState::connected;
+    case NWTCPConnectionStateDisconnected:
+      return TCPConnectionState::disconnected;
+    case NWTCPConnectionStateCancelled:
+      return TCPConnectionState::cancelled;
+  }
+  // The system may define more states; none of those known today is meant.
+  return TCPConnectionState::invalid;
+}
+
+platform::OptionalError SystemTCPConnection::error() const {
+  @autoreleasepool {
+    return errorFrom([connection_.get() error]);
+  }
+}
+
+void SystemTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
+                                      std::string_view keyPath) {
+  if (keyPath != kStateKeyPath) {
+    return;
+  }
+  const std::lock_guard guard(lock_);
+  observers_.push_back(std::move(observer));
+  if (hasUntoldChange_) {
+    queue_->run([weakSelf = weak_from_this()] {
+      const auto self = weakSelf.lock();
+      if (self && self->hasUntoldChange()) {
+        self->stateDidChange();
+      }
+    });
+  }
+}
+
+void SystemTCPConnection::removeObserver(platform::KeyValueObserver& observer,
+                                         std::string_view keyPath) {
+  if (keyPath != kStateKeyPath) {
+    return;
+  }
+  const std::lock_guard guard(lock_);
+  std::erase_if(observers_, [&observer](const auto& weakObserver) {
+    const auto held = weakObserver.lock();
+    return !held || held.get() == &observer;
+  });
+}
+
+// False when another change has told the state meanwhile.
+bool SystemTCPConnection::hasUntoldChange() {
+  const std::lock_guard guard(lock_);
+  return hasUntoldChange_;
+}
+
+void SystemTCPConnection::stateDidChange() {
+  Observers observers;
+  {
+    const std::lock_guard guard(lock_);
+    observers = observers_;
+    hasUntoldChange_ = observers.empty();
+  }
+  // Without the lock: observers remove themselves from here.
+  for (const auto& weakObserver : observers) {
+    if (const auto observer = weakObserver.lock()) {
+      observer->observeValue(kStateKeyPath, this);
+    }
+  }
+}
+
+void SystemTCPConnection::read(std::size_t minimum, std::size_t maximum,
+                               platform::ReadCompletion completion) {
+  @autoreleasepool {
+    [connection_.get()
+        readMinimumLength:minimum
+            maximumLength:maximum
+        completionHandler:readBlock(queue_, weak_from_this(), std::move(completion)).get()];
+  }
+}
+
+void SystemTCPConnection::write(platform::Data data, platform::ErrorCompletion completion) {
+  @autoreleasepool {
+    [connection_.get() write:makeNSData(data)
+           completionHandler:errorBlock(queue_, weak_from_this(), std::move(completion)).get()];
+  }
+}
+
+void SystemTCPConnection::cancel() {
+  @autoreleasepool {
+    [connection_.get() cancel];
+  }
+}
+
+}  // namespace ostravel::macos

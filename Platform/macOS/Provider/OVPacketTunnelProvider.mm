@@ -1,0 +1,100 @@
+#import "Platform/macOS/Provider/OVPacketTunnelProvider.h"
+
+#include <utility>
+
+#import "Platform/macOS/Dispatch/CompletionBlocks.h"
+#import "Platform/macOS/Flow/SystemTCPFlow.h"
+#import "Platform/macOS/Flow/SystemUDPFlow.h"
+#import "Platform/macOS/Foundation/FoundationError.h"
+#import "Platform/macOS/Provider/ConfigurationValues.h"
+#import "Platform/macOS/Provider/SystemProviderContext.h"
+
+namespace ostravel::macos {
+
+namespace {
+
+using StopBlock = void (^)(void);
+
+ProviderFactory& providerFactory() {
+  static ProviderFactory& factory = *new ProviderFactory();
+  return factory;
+}
+
+// Held by the context too, which the last work of the provider may need after the principal object
+// has gone.
+std::shared_ptr<platform::TransparentProxyProvider> makeProvider(
+    const std::shared_ptr<SystemProviderContext>& context) {
+  auto provider = providerFactory()(*context);
+  return {provider.release(), [context](platform::TransparentProxyProvider* ending) {
+            const std::unique_ptr<platform::TransparentProxyProvider> owner(ending);
+          }};
+}
+
+std::shared_ptr<platform::AppProxyFlow> makeFlow(NEAppProxyFlow* flow) {
+  if ([flow isKindOfClass:[NEAppProxyTCPFlow class]]) {
+    return std::make_shared<SystemTCPFlow>(static_cast<NEAppProxyTCPFlow*>(flow));
+  }
+  if ([flow isKindOfClass:[NEAppProxyUDPFlow class]]) {
+    return std::make_shared<SystemUDPFlow>(static_cast<NEAppProxyUDPFlow*>(flow));
+  }
+  return std::make_shared<SystemOtherFlow>(flow);
+}
+
+}  // namespace
+
+void setProviderFactory(ProviderFactory factory) {
+  providerFactory() = std::move(factory);
+}
+
+}  // namespace ostravel::macos
+
+@implementation OVPacketTunnelProvider
+
+- (instancetype)init {
+  self = [super init];
+  if (self != nil) {
+    _context = std::make_shared<ostravel::macos::SystemProviderContext>(self);
+    _provider = ostravel::macos::makeProvider(_context);
+  }
+  return self;
+}
+
+- (void)dealloc {
+  // First of all, so that nothing is asked of this object any more.
+  if (_context) {
+    _context->detach();
+  }
+  _provider.reset();
+  [super dealloc];
+}
+
+- (void)startProxyWithOptions:(NSDictionary<NSString*, id>*)options
+            completionHandler:(void (^)(NSError* error))completionHandler {
+  const auto handler =
+      ostravel::macos::Reference<ostravel::macos::ErrorBlock>::retaining(completionHandler);
+  @autoreleasepool {
+    _provider->startProxy(ostravel::macos::configurationFrom(options),
+                          [handler](const ostravel::platform::OptionalError& error) {
+                            handler.get()(ostravel::macos::makeNSError(error));
+                          });
+  }
+}
+
+- (void)stopProxyWithReason:(NEProviderStopReason)reason
+          completionHandler:(void (^)(void))completionHandler {
+  const auto handler =
+      ostravel::macos::Reference<ostravel::macos::StopBlock>::retaining(completionHandler);
+  @autoreleasepool {
+    _provider->stopProxy(static_cast<ostravel::platform::ProviderStopReason>(reason),
+                         [handler] { handler.get()(); });
+  }
+}
+
+// Also called for UDP flows: the system's own handling of those asks here.
+- (BOOL)handleNewFlow:(NEAppProxyFlow*)flow {
+  @autoreleasepool {
+    return _provider->handleNewFlow(ostravel::macos::makeFlow(flow));
+  }
+}
+
+@end

@@ -1,0 +1,47 @@
+#include "Base/PrintableText.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace ostravel::companion {
+namespace {
+
+TEST(PrintableTextTest, LeavesOrdinaryTextAlone) {
+  EXPECT_EQ(printableText("plain text, \xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"),
+            "plain text, \xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80");
+}
+
+TEST(PrintableTextTest, ShowsControlCharacters) {
+  EXPECT_EQ(printableText("\x1b[31m\r\n\t\x7f" + std::string(1, '\0')),
+            "\\x1b[31m\\r\\n\\t\\x7f\\x00");
+  EXPECT_EQ(printableText("\xc2\x9b"), "\\u009b");
+}
+
+TEST(PrintableTextTest, ShowsWhatTurnsOrBreaksTheLine) {
+  EXPECT_EQ(printableText("\xe2\x80\xae\xe2\x80\xa8\xe2\x81\xa6"), "\\u202e\\u2028\\u2066");
+}
+
+TEST(PrintableTextTest, ShowsBytesThatAreNoUtf8) {
+  EXPECT_EQ(printableText("\xff"), "\\xff");
+  EXPECT_EQ(printableText("\xc0\x9b"), "\\xc0\\x9b");           // a longer form of ESC
+  EXPECT_EQ(printableText("\xe0\x80\x9b"), "\\xe0\\x80\\x9b");  // an even longer one
+  EXPECT_EQ(printableText("\xed\xa0\x80"), "\\xed\\xa0\\x80");  // half a surrogate pair
+  EXPECT_EQ(printableText("\xe2\x82"), "\\xe2\\x82");           // cut short
+  EXPECT_EQ(printableText("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");
+}
+
+TEST(PrintableTextTest, CannotBeForged) {
+  EXPECT_EQ(printableText("\\n"), "\\\\n");
+}
+
+TEST(PrintableTextTest, QuotesValuesWhoseEndWouldBeUnclear) {
+  EXPECT_EQ(printableValue("plain"), "plain");
+  EXPECT_EQ(printableValue(""), "\"\"");
+  EXPECT_EQ(printableValue("two words"), "\"two words\"");
+  EXPECT_EQ(printableValue("x flow=y"), "\"x flow=y\"");
+  EXPECT_EQ(printableValue("a\"b"), "\"a\\\"b\"");
+}
+
+}  // namespace
+}  // namespace ostravel::companion

@@ -1,0 +1,73 @@
+#include "Companion/Monitor/EventLine.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+namespace ostravel::companion {
+namespace {
+
+class EventLineTest : public testing::Test {
+ protected:
+  EventLineTest() {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    event_.timestamp = 1763271815.123;
+    event_.level = "info";
+    event_.signal = "proxy_reachable";
+    event_.message = "Tunnel opened";
+    event_.appId = "org.example.browser";
+  }
+  ~EventLineTest() override {
+    ::unsetenv("TZ");
+    ::tzset();
+  }
+
+  ReceivedEvent event_;
+};
+
+TEST_F(EventLineTest, ShowsTimeLevelSignalAppAndDetailInColumns) {
+  event_.details = {{"proxy", "127.0.0.1:8080"}, {"reason", "two words"}, {"count", "3"}};
+  EXPECT_EQ(eventLine(event_, Colour::kNone),
+            "05:43:35.123 info  proxy_reachable               org.example.browser        "
+            "proxy=127.0.0.1:8080 reason=\"two words\" count=3  Tunnel opened");
+}
+
+TEST_F(EventLineTest, KeepsTheColumnsAligned) {
+  const std::size_t column = eventLine(event_, Colour::kNone).find("Tunnel");
+  event_.level = "error";
+  event_.signal = "x";
+  event_.appId = "";
+  const std::string line = eventLine(event_, Colour::kNone);
+  EXPECT_EQ(line.find("Tunnel"), column);
+  EXPECT_NE(line.find(" -  "), std::string::npos);
+}
+
+TEST_F(EventLineTest, ColoursOnlyTheLevel) {
+  event_.level = "error";
+  const std::string plain = eventLine(event_, Colour::kNone);
+  std::string coloured = eventLine(event_, Colour::kTerminal);
+  EXPECT_NE(coloured.find("\x1b[31merror\x1b[0m"), std::string::npos);
+  coloured.erase(coloured.find("\x1b[31m"), 5);
+  coloured.erase(coloured.find("\x1b[0m"), 4);
+  EXPECT_EQ(coloured, plain);
+}
+
+TEST_F(EventLineTest, LetsNoControlCharacterThrough) {
+  event_.level = "\x1b[1m";
+  event_.signal = "\n";
+  event_.appId = "\r";
+  event_.message = "\x07";
+  event_.details = {{"\x08", "\xc2\x9b"}};
+  const std::string line = eventLine(event_, Colour::kNone);
+  for (const char character : line) {
+    EXPECT_GE(static_cast<unsigned char>(character), 0x20);
+    EXPECT_LT(static_cast<unsigned char>(character), 0x7F);
+  }
+  EXPECT_TRUE(line.ends_with("\\x08=\\u009b  \\x07")) << line;
+}
+
+}  // namespace
+}  // namespace ostravel::companion

@@ -1,0 +1,303 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Tests/Companion/Monitor/EventSamples.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/TemporaryFolder.h"
+#include "Tests/Support/TestSocket.h"
+
+namespace ostravel::companion::test {
+namespace {
+
+const std::string kEventLine =
+    "05:43:35.123 info  proxy_reachable               org.example.browser        "
+    "proxy=127.0.0.1:8080 detail=\"a/b c\" duration_ms=12.5 count=3  Tunnel opened";
+
+class MonitorProgramTest : public testing::Test {
+ protected:
+  std::vector<std::string> command(const std::vector<std::string>& arguments = {}) const {
+    std::vector<std::string> result{OSTRAVEL_MONITOR_PROGRAM, "--socket", path_};
+    result.insert(result.end(), arguments.begin(), arguments.end());
+    return result;
+  }
+
+  ChildProcess::Options options() const { return {.environment = {"TZ=UTC", "NO_COLOR"}}; }
+
+  void waitUntilReady(ChildProcess& monitor) const {
+    ASSERT_EQ(monitor.readErrorLine(), "ostravel-monitor listening on " + path_);
+  }
+
+  void send(const std::string& bytes) const { TestSocket::connectUnix(path_).send(bytes); }
+
+  const TemporaryFolder folder_;
+  const std::string path_ = folder_.file("events");
+};
+
+TEST_F(MonitorProgramTest, PrintsOneLineForEachEvent) {
+  ChildProcess monitor(command(), options());
+  waitUntilReady(monitor);
+  send(frame(kEvent));
+  EXPECT_EQ(monitor.readOutputLine(), kEventLine);
+  send(frame(kEvent));
+  EXPECT_EQ(monitor.readOutputLine(), kEventLine);
+}
+
+TEST_F(MonitorProgramTest, PrintsTheEventItselfAsJson) {
+  ChildProcess monitor(command({"--json"}), options());
+  waitUntilReady(monitor);
+  send(frame(kEvent));
+  EXPECT_EQ(monitor.readOutputLine(), replaced(kEvent, "\\/", "/"));
+}
+
+TEST_F(MonitorProgramTest, ReportsMalformedFramesAndGoesOn) {
+  for (const std::vector<std::string>& mode : {std::vector<std::string>{}, {"--json"}}) {
+    ChildProcess monitor(command(mode), options());
+    waitUntilReady(monitor);
+    for (const auto& [bytes, problem] : std::vector<std::pair<std::string, std::string>>{
+             {std::string(4, '\0'), "the length is 0"},
+             {"\x7f\xff\xff\xff", "the length 2147483647 is more than 1048576"},
+             {"", "the connection ended after 0 of 4 bytes of the length"},
+             {frame(kEvent).substr(0, 9), "the connection ended after 5 of " +
+                                              std::to_string(kEvent.size()) + " bytes of the body"},
+             {frame("{}") + "x", "bytes follow the frame of 2 bytes"},
+             {frame("[]"), "not a JSON object"},
+             {frame("{}"), "\"message_id\" is missing"},
+             {frame(replaced(kEvent, "\"proxy\":\"127.0.0.1:8080\"", R"("\u001b[2J":1)")),
+              R"("\x1b[2J" of "context" is not a string)"}}) {
+      send(bytes);
+      EXPECT_EQ(monitor.readErrorLine(), "ostravel-monitor: malformed frame: " + problem);
+    }
+    send(frame(kEvent));
+    EXPECT_NE(monitor.readOutputLine(), "");
+    monitor.sendSignal(SIGTERM);
+    EXPECT_EQ(monitor.waitForExit(), 0);
+    EXPECT_EQ(monitor.readOutput(), "");
+  }
+}
+
+TEST_F(MonitorProgramTest, KeepsControlCharactersFromTheTerminal) {
+  ChildProcess monitor(command(), options());
+  waitUntilReady(monitor);
+  send(frame(replaced(kEvent, "Tunnel opened", R"(\u001b]0;x\u0007\r\n\u009b)")));
+  const std::string line = monitor.readOutputLine();
+  EXPECT_NE(line.find(R"( \x1b]0;x\x07\r\n\u009b)"), std::string::npos) << line;
+}
+
+TEST_F(MonitorProgramTest, ListensForItsOwnerAlone) {
+  ChildProcess monitor(command(), options());
+  waitUntilReady(monitor);
+  struct stat status {};
+  ASSERT_EQ(::lstat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
+TEST_F(MonitorProgramTest, RemovesItsSocketAndEndsOnTheSignalsThatAskForIt) {
+  for (const int number : {SIGINT, SIGTERM}) {
+    ChildProcess monitor(command(), options());
+    waitUntilReady(monitor);
+    monitor.sendSignal(number);
+    EXPECT_EQ(monitor.waitForExit(), 0);
+    EXPECT_FALSE(std::filesystem::exists(path_));
+  }
+}
+
+TEST_F(MonitorProgramTest, StartsAgainAfterACrash) {
+  {
+    ChildProcess monitor(command(), options());
+    waitUntilReady(monitor);
+    monitor.sendSignal(SIGKILL);
+    monitor.waitForExit();
+  }
+  ASSERT_TRUE(std::filesystem::is_socket(path_));
+  ChildProcess monitor(command(), options());
+  waitUntilReady(monitor);
+}
+
+TEST_F(MonitorProgramTest, RefusesToTakeTheSocketOfARunningMonitor) {
+  ChildProcess first(command(), options());
+  waitUntilReady(first);
+  ChildProcess second(command(), options());
+  EXPECT_EQ(second.waitForExit(), 2);
+  EXPECT_EQ(second.readError(),
+            "ostravel-monitor: cannot listen on " + path_ + ": another program listens there\n");
+  send(frame(kEvent));
+  EXPECT_EQ(first.readOutputLine(), kEventLine);
+}
+
+TEST_F(MonitorProgramTest, RefusesToReplaceAFile) {
+  std::ofstream(path_) << "precious";
+  ChildProcess monitor(command(), options());
+  EXPECT_EQ(monitor.waitForExit(), 2);
+  EXPECT_EQ(monitor.readError(), "ostravel-monitor: cannot listen on " + path_ +
+                                     ": there is something else that is no socket\n");
+  EXPECT_EQ(std::filesystem::file_size(path_), 8U);
+}
+
+TEST_F(MonitorProgramTest, RefusesAPathThatIsTooLong) {
+  ChildProcess monitor({OSTRAVEL_MONITOR_PROGRAM, "--socket", "/" + std::string(103, 'x')});
+  EXPECT_EQ(monitor.waitForExit(), 2);
+  EXPECT_TRUE(monitor.readError().ends_with("the path is 104 bytes long, more than 103\n"));
+}
+
+TEST_F(MonitorProgramTest, EndsCleanlyWhenNobodyReadsIt) {
+  ChildProcess monitor(command(), options());
+  waitUntilReady(monitor);
+  monitor.closeOutput();
+  send(frame(kEvent));
+  EXPECT_EQ(monitor.waitForExit(), 0);
+  EXPECT_EQ(monitor.readError(), "");
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
+TEST_F(MonitorProgramTest, EndsOnASignalWhileItsReaderIsSlow) {
+  ChildProcess monitor(command({"--json"}), options());
+  waitUntilReady(monitor);
+  // Far more than a pipe holds: once the first bytes are there, the rest waits for a reader.
+  const std::string large = frame(replaced(kEvent, "Tunnel opened", std::string(1'000'000, 'x')));
+  send(large);
+  monitor.waitForOutput();
+  monitor.sendSignalUntilExit(SIGTERM);
+  EXPECT_EQ(monitor.waitForExit(), 0);
+}
+
+TEST_F(MonitorProgramTest, ReceivesEventsWhileItsReaderHasStalled) {
+  ChildProcess monitor(command({"--json"}), options());
+  waitUntilReady(monitor);
+  // More than it holds, and it still takes each of them at once.
+  constexpr int kEvents = 20;
+  const std::string large = frame(replaced(kEvent, "Tunnel opened", std::string(1'000'000, 'x')));
+  for (int index = 0; index < kEvents; ++index) {
+    const TestSocket sender = TestSocket::connectUnix(path_);
+    sender.send(large);
+    sender.endSending();
+    sender.receiveToEnd();
+  }
+
+  // Every line is whole.
+  int events = 0;
+  const auto isEvent = [&monitor, &events] {
+    const std::string line = monitor.readOutputLine();
+    events += line.starts_with('{') && line.ends_with('}') && line.size() > 1'000'000 ? 1 : 0;
+    return !line.empty();
+  };
+  // One buffer and a part of the other; the rest is read within the time that it has at the end.
+  while (events < 5) {
+    ASSERT_TRUE(isEvent());
+  }
+  monitor.sendSignal(SIGTERM);
+  while (isEvent()) {
+  }
+  EXPECT_EQ(monitor.waitForExit(), 0);
+  // What is missing is counted apart from the events.
+  constexpr std::string_view kReport = "ostravel-monitor: events dropped: ";
+  int dropped = 0;
+  for (std::string line = monitor.readErrorLine(); !line.empty(); line = monitor.readErrorLine()) {
+    ASSERT_TRUE(line.starts_with(kReport)) << line;
+    dropped += std::stoi(line.substr(kReport.size()));
+  }
+  EXPECT_EQ(events + dropped, kEvents);
+}
+
+TEST_F(MonitorProgramTest, PrintsItsLastEventsBeforeItEnds) {
+  ChildProcess monitor(command(), options());
+  waitUntilReady(monitor);
+  for (int index = 0; index < 10; ++index) {
+    const TestSocket sender = TestSocket::connectUnix(path_);
+    sender.send(frame(kEvent));
+    sender.endSending();
+    sender.receiveToEnd();
+  }
+  monitor.sendSignal(SIGTERM);
+  EXPECT_EQ(monitor.waitForExit(), 0);
+  std::string expected;
+  for (int index = 0; index < 10; ++index) {
+    expected += kEventLine + "\n";
+  }
+  EXPECT_EQ(monitor.readOutput(), expected);
+}
+
+TEST_F(MonitorProgramTest, ReportsOutputThatCannotBeWritten) {
+  const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ChildProcess::Options fullOutput = options();
+  fullOutput.output = full;
+  ChildProcess monitor(command(), fullOutput);
+  waitUntilReady(monitor);
+  send(frame(kEvent));
+  EXPECT_EQ(monitor.waitForExit(), 1);
+  EXPECT_EQ(monitor.readError(), "ostravel-monitor: cannot write: No space left on device\n");
+  ::close(full);
+}
+
+class TerminalTest : public MonitorProgramTest {
+ protected:
+  TerminalTest() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    ::grantpt(master_);
+    ::unlockpt(master_);
+    slave_ = ::open(::ptsname(master_), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  }
+  ~TerminalTest() override {
+    ::close(slave_);
+    ::close(master_);
+  }
+
+  std::string lineOnTerminal(const std::string& noColor) const {
+    ChildProcess monitor(command(), {.output = slave_, .environment = {"TZ=UTC", noColor}});
+    waitUntilReady(monitor);
+    send(frame(kEvent));
+    std::string line;
+    char character = '\0';
+    while (character != '\n' && ::read(master_, &character, 1) == 1) {
+      line += character;
+    }
+    return line;
+  }
+
+  int master_;
+  int slave_ = -1;
+};
+
+TEST_F(TerminalTest, ShowsTheLevelInColour) {
+  EXPECT_NE(lineOnTerminal("NO_COLOR").find("\x1b[32minfo \x1b[0m"), std::string::npos);
+}
+
+TEST_F(TerminalTest, ShowsNoColourWhenNoneIsWanted) {
+  EXPECT_EQ(lineOnTerminal("NO_COLOR=1").find('\x1b'), std::string::npos);
+}
+
+TEST_F(MonitorProgramTest, PrintsItsVersionAndHelp) {
+  ChildProcess version({OSTRAVEL_MONITOR_PROGRAM, "--version"});
+  EXPECT_EQ(version.waitForExit(), 0);
+  EXPECT_EQ(version.readOutput(), "ostravel-monitor 0.1.0\n");
+  ChildProcess help({OSTRAVEL_MONITOR_PROGRAM, "--help"});
+  EXPECT_EQ(help.waitForExit(), 0);
+  EXPECT_NE(help.readOutput().find("--socket PATH"), std::string::npos);
+}
+
+TEST_F(MonitorProgramTest, RefusesWhatItDoesNotKnow) {
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
+                                                    {"--unknown"},
+                                                    {"--socket"},
+                                                    {"--socket", path_, "extra"},
+                                                    {"--socket", path_, "--json=maybe"}}) {
+    std::vector<std::string> whole{OSTRAVEL_MONITOR_PROGRAM};
+    whole.insert(whole.end(), arguments.begin(), arguments.end());
+    ChildProcess monitor(whole);
+    EXPECT_EQ(monitor.waitForExit(), 2);
+    const std::string error = monitor.readError();
+    EXPECT_TRUE(error.starts_with("ostravel-monitor: ")) << error;
+    EXPECT_EQ(error.find('\n'), error.size() - 1) << error;
+  }
+}
+
+}  // namespace
+}  // namespace ostravel::companion::test

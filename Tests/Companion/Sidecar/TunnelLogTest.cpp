@@ -1,0 +1,56 @@
+#include "Companion/Sidecar/TunnelLog.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace ostravel::companion {
+namespace {
+
+using asio::ip::tcp;
+
+class TunnelLogTest : public testing::Test {
+ protected:
+  TunnelLog log(TunnelLog::Verbosity verbosity = TunnelLog::Verbosity::kBeginnings) {
+    return TunnelLog(verbosity, [this](std::string_view line) { lines_.emplace_back(line); });
+  }
+  // What follows the time of day.
+  std::string onlyLine() const { return lines_.size() == 1 ? lines_[0].substr(13) : "not one"; }
+
+  const tcp::endpoint origin_{asio::ip::make_address("2001:db8::7"), 443};
+  std::vector<std::string> lines_;
+};
+
+TEST_F(TunnelLogTest, NamesTimeTargetIdentifiersAndResult) {
+  log().established({{"example.org", 443}, "browser", "6F1C"}, origin_);
+  EXPECT_EQ(onlyLine(), "example.org:443 app=browser flow=6F1C established to [2001:db8::7]:443");
+  EXPECT_EQ(lines_[0][2], ':');
+  EXPECT_EQ(lines_[0][8], '.');
+}
+
+TEST_F(TunnelLogTest, ShowsADashForWhatIsAbsent) {
+  log().refused({}, HttpStatus::kBadRequest, {});
+  EXPECT_EQ(onlyLine(), "- app=- flow=- refused 400 Bad Request");
+}
+
+TEST_F(TunnelLogTest, TellsWhyATunnelWasRefused) {
+  log().refused({{"a", 1}, "", ""}, HttpStatus::kBadGateway, "Connection refused");
+  EXPECT_EQ(onlyLine(), "a:1 app=- flow=- refused 502 Bad Gateway: Connection refused");
+}
+
+TEST_F(TunnelLogTest, MakesIdentifiersHarmless) {
+  log().established({{"a", 1}, "x\x1b[2J", "y flow=z"}, tcp::endpoint());
+  EXPECT_EQ(onlyLine(), "a:1 app=x\\x1b[2J flow=\"y flow=z\" established to 0.0.0.0:0");
+}
+
+TEST_F(TunnelLogTest, TellsOfEndsOnlyWhenAsked) {
+  const TunnelRelay::Summary summary{TunnelRelay::Outcome::kReset, 12, 34};
+  log().ended({{"a", 1}, "", ""}, summary);
+  EXPECT_TRUE(lines_.empty());
+  log(TunnelLog::Verbosity::kBeginningsAndEnds).ended({{"a", 1}, "", ""}, summary);
+  EXPECT_EQ(onlyLine(), "a:1 app=- flow=- ended by reset sent=12 received=34");
+}
+
+}  // namespace
+}  // namespace ostravel::companion

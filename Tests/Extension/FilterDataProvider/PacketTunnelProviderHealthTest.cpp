@@ -1,0 +1,333 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+#include "Tests/Extension/Support/NotingPlatform.h"
+#include "Tests/Extension/Support/ProviderTest.h"
+
+namespace ostravel {
+namespace {
+
+using simulation::SocketCallKind;
+using test::EventFacts;
+using test::NotingPlatform;
+using test::ProviderTest;
+using namespace std::chrono_literals;
+
+using Lines = std::vector<std::string>;
+
+class ProviderHealth : public ProviderTest {
+ protected:
+  // How many connections to the proxy were tried since the last time.
+  std::size_t probes() {
+    std::size_t count = 0;
+    for (const auto& call : sockets().calls(SocketCallKind::connect)) {
+      const bool toProxy = call.bytes.size() == 16;
+      count += toProxy ? 1 : 0;
+    }
+    sockets().clearCalls();
+    return count;
+  }
+
+  bool gateIsClosed() { return peer().gate().shouldBypassNewFlows(); }
+};
+
+TEST_F(ProviderHealth, ProbesAtOnceAndThenOncePerSecond) {
+  startProvider();
+  EXPECT_EQ(probes(), 1U);
+
+  simulation_.advance(1s - 1ns);
+  EXPECT_EQ(probes(), 0U);
+
+  simulation_.advance(1ns);
+  EXPECT_EQ(probes(), 1U);
+
+  simulation_.advance(10s);
+  EXPECT_EQ(probes(), 10U);
+}
+
+TEST_F(ProviderHealth, ProbesOnItsQueueAndNotInsideTheStart) {
+  provider_->startProxy(std::nullopt, [](const platform::OptionalError&) {});
+
+  EXPECT_EQ(probes(), 0U);
+}
+
+TEST_F(ProviderHealth, ProbesTheLocalProxyFor350Milliseconds) {
+  configure(std::nullopt);
+  startProvider();
+
+  const auto address = sockets().calls(SocketCallKind::connect).at(0).bytes;
+  EXPECT_EQ(std::vector<std::byte>(address.begin() + 2, address.begin() + 8),
+            (std::vector{std::byte{0x1F}, std::byte{0x90}, std::byte{127}, std::byte{0},
+                         std::byte{0}, std::byte{1}}));
+  EXPECT_EQ(sockets().calls(SocketCallKind::pollWritable).at(0).timeout, 350ms);
+}
+
+TEST_F(ProviderHealth, MakesProbeAndMonitorOnTheFirstTick) {
+  provider_->startProxy(std::nullopt, [](const platform::OptionalError&) {});
+  EXPECT_FALSE(peer().hasHealthMonitor());
+  EXPECT_FALSE(peer().hasReachabilityProbe());
+
+  simulation_.run();
+
+  EXPECT_TRUE(peer().hasHealthMonitor());
+  EXPECT_TRUE(peer().hasReachabilityProbe());
+}
+
+TEST_F(ProviderHealth, OpensTheGateSilentlyWhenTheProxyIsUp) {
+  startProvider();
+
+  EXPECT_FALSE(gateIsClosed());
+  EXPECT_EQ(signals(), Lines{"provider_started"});
+}
+
+TEST_F(ProviderHealth, ReportsAProxyThatIsDownAtTheStart) {
+  sockets().proxyListening(false);
+
+  startProvider();
+
+  EXPECT_TRUE(gateIsClosed());
+  EXPECT_EQ(events("proxy_unreachable"),
+            std::vector{(EventFacts{
+                .signal = "proxy_unreachable",
+                .code = "extension.proxy_unreachable",
+                .level = "error",
+                .message = "Local proxy is unreachable; transparent proxy is bypassing new flows",
+                .context = {{{"proxy", "127.0.0.1:8080"}}}})});
+}
+
+TEST_F(ProviderHealth, DeliversAnEventOfTheFirstTick) {
+  // The path is set before the first probe can run.
+  sockets().proxyListening(false);
+
+  startProvider();
+
+  EXPECT_EQ(signals(), (Lines{"provider_started", "proxy_unreachable"}));
+}
+
+TEST_F(ProviderHealth, ReportsTheRecoveryOnce) {
+  sockets().proxyListening(false);
+  startProvider();
+  simulation_.advance(10s);
+  sockets().proxyListening(true);
+
+  simulation_.advance(10s);
+
+  EXPECT_FALSE(gateIsClosed());
+  EXPECT_EQ(signals(), (Lines{"provider_started", "proxy_unreachable", "proxy_recovered"}));
+  EXPECT_EQ(events("proxy_recovered"),
+            std::vector{(EventFacts{
+                .signal = "proxy_recovered",
+                .code = "extension.proxy_recovered",
+                .level = "info",
+                .message = "Local proxy recovered; transparent proxy can handle new flows",
+                .context = {{{"proxy", "127.0.0.1:8080"}}}})});
+}
+
+TEST_F(ProviderHealth, ReportsEveryOutageOnce) {
+  startProvider();
+  for (int outage = 0; outage < 2; ++outage) {
+    sockets().proxyListening(false);
+    simulation_.advance(5s);
+    EXPECT_TRUE(gateIsClosed());
+    sockets().proxyListening(true);
+    simulation_.advance(5s);
+    EXPECT_FALSE(gateIsClosed());
+  }
+
+  EXPECT_EQ(signals(), (Lines{"provider_started", "proxy_unreachable", "proxy_recovered",
+                              "proxy_unreachable", "proxy_recovered"}));
+}
+
+TEST_F(ProviderHealth, CountsASilentProxyAsDown) {
+  sockets().proxySilent();
+
+  startProvider();
+
+  EXPECT_TRUE(gateIsClosed());
+  EXPECT_EQ(events("proxy_unreachable").size(), 1U);
+}
+
+TEST_F(ProviderHealth, LogsNothing) {
+  startProvider();
+  const auto logged = simulation_.logLines();
+
+  sockets().proxyListening(false);
+  simulation_.advance(2s);
+  sockets().proxyListening(true);
+  simulation_.advance(2s);
+
+  EXPECT_EQ(simulation_.logLines(), logged);
+}
+
+TEST_F(ProviderHealth, LeavesRunningTunnelsAlone) {
+  startProvider();
+  takeFlow();
+  establish(0);
+  simulation_.journal().clear();
+
+  sockets().proxyListening(false);
+  simulation_.advance(10s);
+
+  EXPECT_EQ(peer().activeTunnelCount(), 1U);
+  EXPECT_EQ(simulation_.journal().lines(), Lines{});
+}
+
+TEST_F(ProviderHealth, ReplacesItsTimerWhenStartedTwice) {
+  startProvider();
+  peer().startHealthMonitoring();
+  simulation_.run();
+  probes();
+
+  simulation_.advance(10s);
+
+  EXPECT_EQ(probes(), 10U);
+}
+
+TEST_F(ProviderHealth, ProbesAtOnceWhenStartedAgain) {
+  startProvider();
+  simulation_.advance(500ms);
+  probes();
+
+  peer().startHealthMonitoring();
+  simulation_.run();
+
+  EXPECT_EQ(probes(), 1U);
+}
+
+TEST_F(ProviderHealth, StopsProbing) {
+  startProvider();
+  probes();
+
+  peer().stopHealthMonitoring();
+  simulation_.advance(10s);
+
+  EXPECT_EQ(probes(), 0U);
+  EXPECT_FALSE(peer().hasHealthTimer());
+}
+
+TEST_F(ProviderHealth, DoesNotRunATickThatWasDueWhenItWasStopped) {
+  provider_->startProxy(std::nullopt, [](const platform::OptionalError&) {});
+
+  peer().stopHealthMonitoring();
+  simulation_.advance(10s);
+
+  EXPECT_EQ(probes(), 0U);
+  EXPECT_TRUE(gateIsClosed());
+}
+
+TEST_F(ProviderHealth, MayBeStoppedTwice) {
+  startProvider();
+
+  peer().stopHealthMonitoring();
+  peer().stopHealthMonitoring();
+
+  EXPECT_FALSE(peer().hasHealthTimer());
+}
+
+TEST_F(ProviderHealth, LeavesTheGateAsItIsWhenStopped) {
+  startProvider();
+  sockets().proxyListening(false);
+
+  peer().stopHealthMonitoring();
+  simulation_.advance(10s);
+
+  EXPECT_FALSE(gateIsClosed());
+}
+
+TEST_F(ProviderHealth, KeepsItsLastResultWhenStoppedAndStarted) {
+  sockets().proxyListening(false);
+  startProvider();
+  peer().stopHealthMonitoring();
+
+  peer().startHealthMonitoring();
+  simulation_.advance(5s);
+
+  EXPECT_EQ(events("proxy_unreachable").size(), 1U);
+  EXPECT_TRUE(gateIsClosed());
+}
+
+TEST_F(ProviderHealth, ReopensSilentlyAGateThatATunnelClosed) {
+  startProvider();
+  peer().gate().setProxyUnavailable(true);
+
+  simulation_.advance(1s);
+
+  EXPECT_FALSE(gateIsClosed());
+  EXPECT_EQ(signals(), Lines{"provider_started"});
+}
+
+// What is asked of the timer.
+class ProviderHealthTimer : public ProviderHealth {
+ protected:
+  void SetUp() override { platform_.clearNotes(); }
+
+  NotingPlatform platform_{simulation_};
+  std::shared_ptr<PacketTunnelProvider> noted_ =
+      std::make_shared<PacketTunnelProvider>(platform_, simulation_);
+  PacketTunnelProviderTestPeer notedPeer_{*noted_};
+};
+
+TEST_F(ProviderHealthTimer, ProbesNowAndEverySecondWithALeeway) {
+  notedPeer_.startHealthMonitoring();
+
+  EXPECT_EQ(platform_.notes(),
+            (Lines{"timer 1 on com.ostravel.proxyHealth", "timer 1 schedule 0 1000 150",
+                   "timer 1 handler", "timer 1 resume"}));
+}
+
+TEST_F(ProviderHealthTimer, LosesItsHandlerBeforeItIsCancelled) {
+  notedPeer_.startHealthMonitoring();
+  platform_.clearNotes();
+
+  notedPeer_.stopHealthMonitoring();
+
+  EXPECT_EQ(platform_.notes(), (Lines{"timer 1 handler", "timer 1 cancel"}));
+}
+
+TEST_F(ProviderHealthTimer, IsCancelledBeforeAnotherOneIsMade) {
+  notedPeer_.startHealthMonitoring();
+  platform_.clearNotes();
+
+  notedPeer_.startHealthMonitoring();
+
+  EXPECT_EQ(platform_.notes(),
+            (Lines{"timer 1 cancel", "timer 2 on com.ostravel.proxyHealth",
+                   "timer 2 schedule 0 1000 150", "timer 2 handler", "timer 2 resume"}));
+}
+
+TEST(ProviderHealthLeeway, LetsAProbeBeLateByUpTo150Milliseconds) {
+  std::chrono::nanoseconds latest{0};
+  for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+    simulation::SimulationOptions options;
+    options.order = simulation::RunOrder::seeded;
+    options.seed = seed;
+    test::ProviderHarness harness(options);
+    harness.startProvider();
+
+    ASSERT_TRUE(harness.simulation_.runUntil(
+        [&harness] { return !harness.peer().gate().shouldBypassNewFlows(); }, 150ms));
+    latest = std::max(latest, harness.simulation_.now());
+  }
+
+  EXPECT_GT(latest, 100ms);
+}
+
+TEST_F(ProviderHealth, EndsWithTheProvider) {
+  startProvider();
+  probes();
+
+  provider_.reset();
+  simulation_.advance(10s);
+
+  EXPECT_EQ(probes(), 0U);
+}
+
+}  // namespace
+}  // namespace ostravel

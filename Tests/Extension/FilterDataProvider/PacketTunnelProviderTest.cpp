@@ -1,0 +1,420 @@
+#include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Extension/FilterDataProvider/BuiltInLists.h"
+#include "Tests/Extension/Support/Bytes.h"
+#include "Tests/Extension/Support/NotingPlatform.h"
+#include "Tests/Extension/Support/ProviderTest.h"
+
+namespace ostravel {
+namespace {
+
+using platform::ConfigurationValue;
+using platform::Error;
+using platform::HostEndpoint;
+using platform::LogLevel;
+using platform::NetworkRule;
+using platform::NetworkRuleProtocol;
+using platform::OptionalError;
+using platform::ProviderStopReason;
+using test::EventFacts;
+using test::NotingPlatform;
+using test::ProviderTest;
+using namespace std::chrono_literals;
+
+using Lines = std::vector<std::string>;
+
+// A completion that keeps what it was called with.
+struct Completions {
+  std::vector<OptionalError> errors;
+
+  platform::ErrorCompletion next() {
+    return [this](OptionalError error) { errors.push_back(std::move(error)); };
+  }
+};
+
+// --- Construction and destruction
+
+class ProviderConstruction : public ProviderTest {};
+
+TEST_F(ProviderConstruction, HasTheBuiltInSettings) {
+  EXPECT_EQ(peer().bypassAppIds(), built_in::bypassAppIds());
+  EXPECT_EQ(peer().hardBypassDomains(), built_in::hardBypassDomains());
+  EXPECT_EQ(peer().realtimeMediaDomains(), built_in::realtimeMediaDomains());
+  EXPECT_EQ(peer().udpQuicPolicyDomains(), built_in::realtimeMediaDomains());
+  EXPECT_EQ(peer().proxyHost(), "127.0.0.1");
+  EXPECT_EQ(peer().proxyPort(), 8080U);
+  EXPECT_EQ(peer().connectHandshakeTimeoutSeconds(), 5.0);
+  EXPECT_FALSE(peer().httpsOnlyMode());
+}
+
+TEST_F(ProviderConstruction, StartsEmptyWithTheGateClosed) {
+  EXPECT_EQ(peer().activeTunnelCount(), 0U);
+  EXPECT_EQ(peer().cacheSize(), 0U);
+  EXPECT_EQ(peer().admission().pendingCount(), 0U);
+  EXPECT_EQ(peer().admission().establishedCount(), 0U);
+  EXPECT_TRUE(peer().gate().shouldBypassNewFlows());
+  EXPECT_FALSE(peer().hasHealthTimer());
+  EXPECT_FALSE(peer().hasHealthMonitor());
+  EXPECT_FALSE(peer().hasReachabilityProbe());
+}
+
+TEST_F(ProviderConstruction, IsLogged) {
+  EXPECT_EQ(simulation_.logLines(), Lines{"OstravelProxy: init()"});
+  EXPECT_EQ(simulation_.logRecords()[0].level, LogLevel::info);
+  EXPECT_EQ(simulation_.logRecords()[0].subsystem, "com.ostravel.simulation");
+  EXPECT_EQ(simulation_.logRecords()[0].category, "OstravelProxy");
+}
+
+TEST_F(ProviderConstruction, ProbesNothing) {
+  simulation_.advance(10s);
+
+  EXPECT_TRUE(sockets().calls().empty());
+}
+
+TEST_F(ProviderConstruction, MakesItsFourQueues) {
+  NotingPlatform platform(simulation_);
+
+  const auto provider = std::make_shared<PacketTunnelProvider>(platform, simulation_);
+
+  EXPECT_EQ(platform.notes(), (Lines{"queue com.ostravel.activeTunnels concurrent",
+                                     "queue com.ostravel.proxyTunnelMonitoring serial",
+                                     "queue com.ostravel.proxyHealth serial",
+                                     "queue com.ostravel.bypassCache concurrent"}));
+}
+
+TEST_F(ProviderConstruction, IsUndoneWithALogLine) {
+  provider_.reset();
+
+  EXPECT_EQ(simulation_.logLines(), (Lines{"OstravelProxy: init()", "OstravelProxy: deinit"}));
+  EXPECT_EQ(simulation_.logRecords()[1].level, LogLevel::info);
+}
+
+// --- Start
+
+class ProviderStart : public ProviderTest {
+ protected:
+  // To which monitoring sockets it has connected.
+  Lines monitoringSocketPaths() {
+    Lines paths;
+    for (const auto& call : sockets().calls(simulation::SocketCallKind::connect)) {
+      constexpr std::size_t kHeaderSize = 2;
+      const std::string path = test::textOf(std::span(call.bytes).subspan(kHeaderSize));
+      if (path.starts_with('/')) {
+        paths.push_back(path);
+      }
+    }
+    return paths;
+  }
+};
+
+TEST_F(ProviderStart, LogsTheseLinesInThisOrder) {
+  startProvider();
+
+  EXPECT_EQ(simulation_.logLines(LogLevel::info),
+            (Lines{"OstravelProxy: init()", "OstravelProxy: Starting Proxy provider...",
+                   "OstravelProxy: Rules summary included=32 excluded=2 httpsOnly=false",
+                   "OstravelProxy: Rules set successfully"}));
+  EXPECT_EQ(simulation_.logLines().size(), 4U);
+}
+
+TEST_F(ProviderStart, CompletesOnceWithoutAnErrorAndNotInsideTheCall) {
+  Completions completions;
+
+  provider_->startProxy(std::nullopt, completions.next());
+  EXPECT_TRUE(completions.errors.empty());
+  simulation_.advance(1min);
+
+  EXPECT_EQ(completions.errors, std::vector<OptionalError>{std::nullopt});
+}
+
+TEST_F(ProviderStart, IgnoresItsOptions) {
+  Completions completions;
+
+  provider_->startProxy(platform::ProviderConfiguration{{"monitoringSocketPath", "/other"}},
+                        completions.next());
+  simulation_.run();
+
+  EXPECT_EQ(signals(), Lines{"provider_started"});
+  EXPECT_EQ(completions.errors, std::vector<OptionalError>{std::nullopt});
+}
+
+TEST_F(ProviderStart, IsReported) {
+  startProvider();
+
+  EXPECT_EQ(events(), std::vector{(EventFacts{
+                          .signal = "provider_started",
+                          .code = "extension.provider_started",
+                          .level = "info",
+                          .message = "Transparent proxy provider started",
+                      })});
+  EXPECT_EQ(records()[0].timestamp, simulation::SimulatedClock::kStart);
+  EXPECT_EQ(records()[0].loggedAt, "2020-09-13T12:26:40Z");
+}
+
+TEST_F(ProviderStart, HandsTheConfiguredPathToTheMonitoringClient) {
+  startProvider();
+
+  EXPECT_EQ(monitoringSocketPaths(), Lines{kSocketPath});
+}
+
+TEST_F(ProviderStart, TrimsTheConfiguredPath) {
+  configure("  /tmp/m.sock\n");
+
+  startProvider();
+
+  EXPECT_EQ(monitoringSocketPaths(), Lines{"/tmp/m.sock"});
+}
+
+class ProviderStartWithoutPath
+    : public ProviderTest,
+      public testing::WithParamInterface<std::optional<platform::TunnelProviderProtocol>> {};
+
+TEST_P(ProviderStartWithoutPath, DropsItsEventAndGoesOn) {
+  simulation_.setProtocolConfiguration(GetParam());
+  Completions completions;
+
+  provider_->startProxy(std::nullopt, completions.next());
+  simulation_.run();
+
+  EXPECT_TRUE(sockets().localDeliveries().empty());
+  EXPECT_EQ(simulation_.systemLogLines(), Lines{});
+  EXPECT_EQ(completions.errors, std::vector<OptionalError>{std::nullopt});
+  EXPECT_EQ(simulation_.networkSettings().at(0).includedNetworkRules.size(), 32U);
+  EXPECT_EQ(simulation_.networkSettings().at(0).excludedNetworkRules.size(), 2U);
+}
+
+std::optional<platform::TunnelProviderProtocol> protocolWith(ConfigurationValue value) {
+  return platform::TunnelProviderProtocol{
+      platform::ProviderConfiguration{{"monitoringSocketPath", std::move(value)}}};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Configurations, ProviderStartWithoutPath,
+    testing::Values(std::nullopt, platform::TunnelProviderProtocol{std::nullopt},
+                    platform::TunnelProviderProtocol{platform::ProviderConfiguration{}},
+                    platform::TunnelProviderProtocol{platform::ProviderConfiguration{
+                        {"monitoringsocketpath", std::string("/tmp/m.sock")}}},
+                    protocolWith(std::int64_t{7}), protocolWith(1.5), protocolWith(true),
+                    protocolWith(platform::OtherConfigurationValue{}), protocolWith(std::string()),
+                    protocolWith(std::string(" \n\t"))));
+
+TEST_F(ProviderStart, AsksForTheSettingsOfTheLocalProxy) {
+  startProvider();
+
+  ASSERT_EQ(simulation_.networkSettings().size(), 1U);
+  EXPECT_EQ(simulation_.networkSettings()[0].tunnelRemoteAddress, "127.0.0.1");
+}
+
+std::string ruleText(const NetworkRule& rule) {
+  return std::string(rule.protocol == NetworkRuleProtocol::tcp ? "tcp " : "udp ") +
+         rule.destinationNetwork.hostname + "/" + std::to_string(rule.destinationPrefix) + " " +
+         rule.destinationNetwork.port;
+}
+
+Lines ruleTexts(const std::vector<NetworkRule>& rules) {
+  Lines texts;
+  for (const auto& rule : rules) {
+    texts.push_back(ruleText(rule));
+  }
+  return texts;
+}
+
+TEST_F(ProviderStart, IncludesTheseRulesInThisOrder) {
+  startProvider();
+
+  EXPECT_EQ(
+      ruleTexts(simulation_.networkSettings().at(0).includedNetworkRules),
+      (Lines{
+          "tcp 0.0.0.0/0 80",     "tcp ::/0 80",     "tcp 127.0.0.1/32 80",    "tcp ::1/128 80",
+          "udp 0.0.0.0/0 80",     "udp ::/0 80",     "tcp 0.0.0.0/0 443",      "tcp ::/0 443",
+          "tcp 127.0.0.1/32 443", "tcp ::1/128 443", "udp 0.0.0.0/0 443",      "udp ::/0 443",
+          "tcp 0.0.0.0/0 11434",  "tcp ::/0 11434",  "tcp 127.0.0.1/32 11434", "tcp ::1/128 11434",
+          "tcp 0.0.0.0/0 1234",   "tcp ::/0 1234",   "tcp 127.0.0.1/32 1234",  "tcp ::1/128 1234",
+          "tcp 0.0.0.0/0 8000",   "tcp ::/0 8000",   "tcp 127.0.0.1/32 8000",  "tcp ::1/128 8000",
+          "tcp 0.0.0.0/0 5000",   "tcp ::/0 5000",   "tcp 127.0.0.1/32 5000",  "tcp ::1/128 5000",
+          "tcp 0.0.0.0/0 7860",   "tcp ::/0 7860",   "tcp 127.0.0.1/32 7860",  "tcp ::1/128 7860",
+      }));
+}
+
+TEST_F(ProviderStart, ExcludesTheLocalProxyInThisOrder) {
+  startProvider();
+
+  EXPECT_EQ(ruleTexts(simulation_.networkSettings().at(0).excludedNetworkRules),
+            (Lines{"tcp 127.0.0.1/32 8080", "tcp ::1/128 8080"}));
+}
+
+TEST_F(ProviderStart, HandsARejectionOfItsRulesOnUnchanged) {
+  const Error rejection{"NEDomain", 9, "Rules are not allowed"};
+  simulation_.answerNetworkSettings(rejection);
+  Completions completions;
+
+  provider_->startProxy(std::nullopt, completions.next());
+  simulation_.run();
+
+  EXPECT_EQ(completions.errors, std::vector<OptionalError>{rejection});
+  EXPECT_EQ(simulation_.logLines(LogLevel::error),
+            Lines{"OstravelProxy: Failed to set rules: Rules are not allowed"});
+  EXPECT_EQ(simulation_.logLines().back(),
+            "OstravelProxy: Failed to set rules: Rules are not allowed");
+}
+
+TEST_F(ProviderStart, IsReportedAndProbesAlsoWhenItsRulesAreRejected) {
+  simulation_.answerNetworkSettings(Error{"NEDomain", 9, "No"});
+  startProvider();
+  sockets().clearCalls();
+
+  simulation_.advance(3s);
+
+  EXPECT_EQ(signals(), Lines{"provider_started"});
+  EXPECT_EQ(sockets().calls(simulation::SocketCallKind::connect).size(), 3U);
+}
+
+TEST_F(ProviderStart, LogsBeforeItCompletes) {
+  Lines linesSeen;
+  provider_->startProxy(std::nullopt,
+                        [&](const OptionalError&) { linesSeen = simulation_.logLines(); });
+  simulation_.run();
+
+  EXPECT_EQ(linesSeen.back(), "OstravelProxy: Rules set successfully");
+}
+
+TEST_F(ProviderStart, IsCompletedSilentlyWhenTheProviderIsGone) {
+  simulation_.holdNetworkSettings();
+  Completions completions;
+  provider_->startProxy(std::nullopt, completions.next());
+  simulation_.run();
+  provider_.reset();
+  const auto logged = simulation_.logLines();
+
+  simulation_.completeNetworkSettings(std::nullopt);
+  simulation_.run();
+
+  EXPECT_EQ(completions.errors, std::vector<OptionalError>{std::nullopt});
+  EXPECT_EQ(simulation_.logLines(), logged);
+}
+
+TEST_F(ProviderStart, IsFailedSilentlyWhenTheProviderIsGone) {
+  simulation_.holdNetworkSettings();
+  Completions completions;
+  provider_->startProxy(std::nullopt, completions.next());
+  simulation_.run();
+  provider_.reset();
+  const auto logged = simulation_.logLines();
+  const Error rejection{"NEDomain", 9, "No"};
+
+  simulation_.completeNetworkSettings(rejection);
+  simulation_.run();
+
+  EXPECT_EQ(completions.errors, std::vector<OptionalError>{rejection});
+  EXPECT_EQ(simulation_.logLines(), logged);
+}
+
+TEST_F(ProviderStart, DoesNotKeepTheProviderAlive) {
+  simulation_.holdNetworkSettings();
+  startProvider();
+  const std::weak_ptr<PacketTunnelProvider> weakProvider = provider_;
+
+  provider_.reset();
+  simulation_.run();
+
+  EXPECT_TRUE(weakProvider.expired());
+}
+
+// --- Stop
+
+class ProviderStop : public ProviderTest {};
+
+TEST_F(ProviderStop, LogsCompletesInsideTheCallAndStopsProbing) {
+  startProvider();
+
+  stopProvider(ProviderStopReason::none);
+
+  EXPECT_EQ(simulation_.logLines().back(), "OstravelProxy: Stopping Proxy");
+  EXPECT_EQ(simulation_.logRecords().back().level, LogLevel::info);
+  EXPECT_EQ(simulation_.journal().linesWith("stopped").size(), 1U);
+  EXPECT_FALSE(peer().hasHealthTimer());
+}
+
+class ProviderStopReasons : public ProviderTest, public testing::WithParamInterface<int> {};
+
+TEST_P(ProviderStopReasons, AreReportedInDecimal) {
+  startProvider();
+
+  stopProvider(static_cast<ProviderStopReason>(GetParam()));
+
+  EXPECT_EQ(events("provider_stopped"),
+            std::vector{(EventFacts{.signal = "provider_stopped",
+                                    .code = "extension.provider_stopped",
+                                    .level = "info",
+                                    .message = "Transparent proxy provider stopped",
+                                    .context = {{{"reason", std::to_string(GetParam())}}}})});
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, ProviderStopReasons, testing::Values(0, 1, 2, 13));
+
+TEST_F(ProviderStop, EmptiesTheTableWithoutClosingATunnel) {
+  startProvider();
+  const auto flow = takeFlow();
+  takeFlow();
+  establish(1);
+  ASSERT_EQ(peer().activeTunnelCount(), 2U);
+  simulation_.journal().clear();
+
+  stopProvider(ProviderStopReason::userInitiated);
+
+  EXPECT_EQ(peer().activeTunnelCount(), 0U);
+  EXPECT_EQ(simulation_.journal().linesWith("close"), Lines{});
+  EXPECT_EQ(simulation_.journal().linesWith("cancel"), Lines{});
+  EXPECT_EQ(events("tunnel_closed"), std::vector<EventFacts>{});
+  EXPECT_FALSE(flow->readWasClosed());
+}
+
+TEST_F(ProviderStop, WaitsForTheTableChangesThatWereQueued) {
+  startProvider();
+  const auto flow = makeFlow();
+  provider_->handleNewFlow(flow);
+  while (simulation_.connectionCount() == 0) {
+    ASSERT_TRUE(simulation_.runOne());
+  }
+  // The insertion is queued and has not run.
+  ASSERT_EQ(peer().activeTunnelCount(), 0U);
+
+  stopProvider(ProviderStopReason::none);
+  simulation_.run();
+
+  EXPECT_EQ(peer().activeTunnelCount(), 0U);
+}
+
+TEST_F(ProviderStop, LeavesCacheAdmissionAndGateAlone) {
+  startProvider();
+  takeFlow();
+  const auto cached = peer().cacheSize();
+  ASSERT_EQ(peer().admission().pendingCount(), 1U);
+
+  stopProvider(ProviderStopReason::none);
+  simulation_.run();
+
+  EXPECT_EQ(peer().cacheSize(), cached);
+  EXPECT_EQ(peer().admission().pendingCount(), 1U);
+  EXPECT_FALSE(peer().gate().shouldBypassNewFlows());
+}
+
+TEST_F(ProviderStop, MayComeWithoutAStart) {
+  stopProvider(ProviderStopReason::none);
+
+  EXPECT_EQ(simulation_.journal().linesWith("stopped").size(), 1U);
+}
+
+}  // namespace
+}  // namespace ostravel

@@ -1,0 +1,95 @@
+#include "Extension/main/ConfigurationFile.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using platform::Error;
+using platform::OtherConfigurationValue;
+using platform::ProviderConfiguration;
+
+class ConfigurationFile : public ::testing::Test {
+ protected:
+  ConfigurationFile()
+      : path_(std::filesystem::path(::testing::TempDir()) /
+              ("configuration-" + std::to_string(::getpid()) + ".json")) {}
+  ~ConfigurationFile() override { std::filesystem::remove(path_); }
+
+  auto read(const std::string& text) {
+    std::ofstream(path_) << text;
+    return readConfigurationFile(path_);
+  }
+  std::string errorOf(const std::string& text) {
+    const auto result = read(text);
+    const auto* error = std::get_if<Error>(&result);
+    return error != nullptr ? error->localizedDescription : "(no error)";
+  }
+
+  const std::string path_;
+};
+
+TEST_F(ConfigurationFile, GivesEveryValueItsType) {
+  const auto result = read(R"({"monitoringSocketPath": " /tmp/m.sock\n", "number": 7,
+                               "real": 0.5, "yes": true, "no": false, "none": null,
+                               "list": [1], "object": {}})");
+  const auto& configuration = std::get<ProviderConfiguration>(result);
+  const ProviderConfiguration expected = {{"monitoringSocketPath", std::string(" /tmp/m.sock\n")},
+                                          {"number", std::int64_t{7}},
+                                          {"real", 0.5},
+                                          {"yes", true},
+                                          {"no", false},
+                                          {"none", OtherConfigurationValue{}},
+                                          {"list", OtherConfigurationValue{}},
+                                          {"object", OtherConfigurationValue{}}};
+  EXPECT_EQ(configuration, expected);
+}
+
+TEST_F(ConfigurationFile, NamesFileLineAndColumnOfASyntaxError) {
+  EXPECT_TRUE(errorOf("{\n  \"a\": 1,\n  oops\n}").starts_with(path_ + ":3:"));
+}
+
+TEST_F(ConfigurationFile, RefusesWhatIsNotAnObject) {
+  EXPECT_EQ(errorOf("[1]"), path_ + ":1:1: the configuration must be a JSON object");
+  EXPECT_EQ(errorOf("\"text\""), path_ + ":1:1: the configuration must be a JSON object");
+}
+
+TEST_F(ConfigurationFile, RefusesAnEmptyFileAndTextBehindTheObject) {
+  EXPECT_TRUE(errorOf("").starts_with(path_ + ":1:"));
+  EXPECT_TRUE(errorOf("{}\n{}").starts_with(path_ + ":2:"));
+}
+
+TEST_F(ConfigurationFile, RefusesAKeyThatComesTwice) {
+  EXPECT_NE(errorOf("{\"a\": 1, \"a\": 2}").find("duplicate"), std::string::npos);
+}
+
+TEST_F(ConfigurationFile, NamesAFileThatCannotBeRead) {
+  const auto result = readConfigurationFile(path_ + ".absent");
+  EXPECT_EQ(std::get<Error>(result).localizedDescription,
+            path_ + ".absent: cannot be read: No such file or directory");
+}
+
+TEST_F(ConfigurationFile, NamesAFolderThatIsNotAFile) {
+  const auto result = readConfigurationFile(::testing::TempDir());
+  EXPECT_NE(std::get<Error>(result).localizedDescription.find("cannot be read: Is a directory"),
+            std::string::npos);
+}
+
+TEST_F(ConfigurationFile, ANamedFileMustExist) {
+  EXPECT_TRUE(std::holds_alternative<Error>(readProviderConfiguration(path_ + ".absent")));
+}
+
+TEST_F(ConfigurationFile, ReadsTheNamedFile) {
+  std::ofstream(path_) << R"({"monitoringSocketPath": "/run/m.sock"})";
+  const auto result = readProviderConfiguration(path_);
+  const auto& configuration = std::get<std::optional<ProviderConfiguration>>(result);
+  ASSERT_TRUE(configuration);
+  EXPECT_EQ(std::get<std::string>(configuration->at("monitoringSocketPath")), "/run/m.sock");
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

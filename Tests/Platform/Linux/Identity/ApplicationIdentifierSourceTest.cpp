@@ -1,0 +1,456 @@
+#include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
+
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Tests/Platform/Linux/Support/Helper.h"
+#include "Tests/Platform/Linux/Support/SocketTools.h"
+#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace ostravel::testing;
+
+constexpr std::uint16_t kProxyPort = 8080;
+constexpr auto kPatience = std::chrono::seconds(60);
+constexpr const char* kProxy = "com.ostravel.proxy-sidecar";
+
+class ApplicationIdentifierSourceTest : public ::testing::Test {
+ protected:
+  void start() {
+    source_.emplace(
+        kProxyPort, [this](const std::string& warning) { warnings_.push_back(warning); },
+        registrations_.path(), proxyUsers_);
+  }
+
+  FlowTuple connectFrom(Helper& helper) {
+    return flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", portOf(listener_)),
+                        portOf(listener_));
+  }
+
+  // On a busy machine one part of the search for the proxy may not be enough.
+  std::string identifierOf(const FlowTuple& flow) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (std::chrono::steady_clock::now() < deadline) {
+      const auto identification = source_->identify(flow, 0);
+      if (!identification.leaveToSystem) {
+        return identification.identifier;
+      }
+    }
+    ADD_FAILURE() << "left to the system";
+    return {};
+  }
+
+  // Of a flow that is left to the system until something is wrong with what listens.
+  void expectNotTrusted(const FlowTuple& flow) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    Identification identification;
+    do {
+      identification = source_->identify(flow, 0);
+      ASSERT_TRUE(identification.leaveToSystem);
+    } while (warnings_.empty() && std::chrono::steady_clock::now() < deadline);
+    EXPECT_EQ(identification.leaveReason, LeaveReason::proxyNotTrusted);
+    EXPECT_EQ(warnings_.size(), 1U);
+  }
+
+  // For senders that are looked up in /proc, where the time may be over too early.
+  void expectEventually(const FlowTuple& flow, const std::string& identifier) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    std::string last;
+    while (last != identifier && std::chrono::steady_clock::now() < deadline) {
+      last = identifierOf(flow);
+    }
+    EXPECT_EQ(last, identifier);
+  }
+
+  // Runs body in a process without any permissions but the one it needs for its result.
+  void withoutCapabilities(unsigned kept, const std::function<bool()>& body) {
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+      std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> data{};
+      data[0].effective = data[0].permitted = 1U << kept;
+      const bool dropped = ::syscall(SYS_capset, &header, data.data()) == 0;
+      ::_exit(dropped && body() && !HasFailure() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+
+  const FileDescriptor listener_ = makeListener();
+  const TemporaryFolder registrations_;
+  const TemporaryFolder programs_;
+  std::vector<std::string> warnings_;
+  std::vector<uid_t> proxyUsers_;
+  std::optional<ApplicationIdentifierSource> source_;
+};
+
+TEST_F(ApplicationIdentifierSourceTest, AnApplicationIsCalledByItsPath) {
+  start();
+  const std::string program = programs_.copyHelper("browser");
+  Helper helper(program);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(identifierOf(connectFrom(helper)), program);
+  }
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ApplicationIdentifierSourceTest, FindsTheSendersOfAllKindsOfSockets) {
+  start();
+  Helper helper;
+  const auto listener6 = makeSocket(AF_INET6, SOCK_STREAM);
+  ASSERT_EQ(::listen(listener6.get(), 1), 0);
+  const auto port6 = portOf(listener6);
+  EXPECT_EQ(identifierOf(
+                flowOverIPv6(TransportProtocol::tcp, helper.makeSocket("connect6", port6), port6)),
+            OSTRAVEL_HELPER);
+  EXPECT_EQ(identifierOf(flowOverIPv4(TransportProtocol::udp, helper.makeSocket("send", 443), 443)),
+            OSTRAVEL_HELPER);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ARegisteredApplicationIsCalledByItsIdentifier) {
+  const std::string program = programs_.copyHelper("updater");
+  registrations_.write("a.json", "{\"" + program + "\": \"com.example.updater\"}");
+  start();
+  Helper helper(program);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.updater");
+  registrations_.write("a.json", "{\"" + program + "\": \"com.example.other\"}");
+  EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.updater");
+  source_->replaceRegistrations({registrations_.path(), [](const std::string& /*warning*/) {}});
+  EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.other");
+}
+
+TEST_F(ApplicationIdentifierSourceTest, WarningsAboutRegistrationsArePassedOn) {
+  registrations_.write("a.json", "oops");
+  start();
+  ASSERT_EQ(warnings_.size(), 1U);
+  EXPECT_TRUE(warnings_[0].starts_with(registrations_.path("a.json") + ":1:")) << warnings_[0];
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TheProxyIsRecognisedBeforeItsRegistration) {
+  const std::string program = programs_.copyHelper("proxy");
+  registrations_.write("a.json", "{\"" + program + "\": \"com.example.proxy\"}");
+  start();
+  Helper proxy(program);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), "com.example.proxy");
+  proxy.makeSocket("proxy", kProxyPort);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  Helper other;
+  EXPECT_EQ(identifierOf(connectFrom(other)), OSTRAVEL_HELPER);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
+  start();
+  Helper application;
+  const std::string first = programs_.copyHelper("first");
+  const std::string second = programs_.copyHelper("second");
+  Helper bystander(first);
+  for (int i = 0; i < 6; ++i) {
+    const bool isFirst = i % 2 == 0;
+    Helper proxy(isFirst ? first : second);
+    proxy.makeSocket("proxy", kProxyPort);
+    // In turn, the proxy and an application are the first to send something.
+    if (i % 3 == 0) {
+      EXPECT_EQ(identifierOf(connectFrom(application)), OSTRAVEL_HELPER);
+    }
+    EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+    EXPECT_EQ(identifierOf(connectFrom(application)), OSTRAVEL_HELPER);
+    // Of the proxy's executable and user while that is the proxy.
+    EXPECT_EQ(identifierOf(connectFrom(bystander)), isFirst ? kProxy : first);
+    proxy.kill();
+    EXPECT_EQ(identifierOf(connectFrom(bystander)), first);
+  }
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
+  start();
+  const std::string program = programs_.copyHelper("proxy");
+  Helper proxy(program);
+  proxy.makeSocket("proxy", kProxyPort);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  Helper former(program);
+  ASSERT_EQ(former.ask("user 65534"), "done");
+  EXPECT_EQ(identifierOf(connectFrom(former)), program);
+  Helper successor(programs_.copyHelper("successor"));
+  proxy.kill();
+  successor.makeSocket("proxy", kProxyPort);
+  EXPECT_EQ(identifierOf(connectFrom(successor)), kProxy);
+  EXPECT_EQ(identifierOf(connectFrom(former)), program);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AKnownProcessThatStartsAnotherProgramIsThatProgram) {
+  start();
+  const std::string first = programs_.copyHelper("first");
+  const std::string second = programs_.copyHelper("second");
+  Helper helper(first);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), first);
+  ASSERT_EQ(helper.ask("run " + second), "ready");
+  EXPECT_EQ(identifierOf(connectFrom(helper)), second);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AKnownProcessThatChangesItsUserIsLookedAtAgain) {
+  start();
+  const std::string program = programs_.copyHelper("proxy");
+  Helper proxy(program);
+  ASSERT_EQ(proxy.ask("user 13"), "done");
+  proxy.makeSocket("proxy", kProxyPort);
+  Helper helper(program);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), program);
+  ASSERT_EQ(helper.ask("user 13"), "done");
+  EXPECT_EQ(identifierOf(connectFrom(helper)), kProxy);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSystem) {
+  start();
+  Helper proxy;
+  proxy.makeSocket("proxy", kProxyPort);
+  std::vector<std::unique_ptr<Helper>> crowd;
+  for (int i = 0; i < 8; ++i) {
+    crowd.push_back(std::make_unique<Helper>());
+    ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
+  }
+  const std::string program = programs_.copyHelper("application");
+  Helper application(program);
+  const auto flow = connectFrom(application);
+  EXPECT_TRUE(source_->identify(flow, 0).leaveToSystem);
+  EXPECT_EQ(identifierOf(flow), program);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AFlowOfASocketThatIsBoundToAnInterfaceIsLeftToTheSystem) {
+  start();
+  constexpr std::uint32_t kLoopback = 1;
+  constexpr char kInterface[] = "lo";
+  for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
+    const auto socket = makeSocket(AF_INET, type);
+    ASSERT_EQ(
+        ::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, kInterface, sizeof kInterface), 0);
+    ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
+    const auto flow =
+        flowOverIPv4(type == SOCK_STREAM ? TransportProtocol::tcp : TransportProtocol::udp,
+                     portOf(socket), portOf(listener_));
+    // As with a VRF, where the packet comes again on its way through another interface.
+    for (const std::uint32_t interface : {kLoopback, 2U}) {
+      const auto identification = source_->identify(flow, interface);
+      EXPECT_TRUE(identification.leaveToSystem);
+      EXPECT_EQ(identification.leaveReason, LeaveReason::notCarried);
+    }
+  }
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TellsTheUserAndTheProcess) {
+  start();
+  Helper helper;
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  const auto identification = source_->identify(connectFrom(helper), 0);
+  EXPECT_EQ(identification.user, 65534U);
+  EXPECT_EQ(identification.process, helper.pid());
+  EXPECT_EQ(identification.leaveReason, LeaveReason::none);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AProxyThatIsWatchedIsReadyForTheFirstFlow) {
+  start();
+  EXPECT_FALSE(source_->watchProxy());
+  Helper application;
+  const auto flow = connectFrom(application);
+  const std::string program = programs_.copyHelper("proxy");
+  for (int i = 0; i < 2; ++i) {
+    Helper proxy(program);
+    proxy.makeSocket("proxy", kProxyPort);
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    std::optional<std::string> news;
+    while (!news && std::chrono::steady_clock::now() < deadline) {
+      news = source_->watchProxy();
+    }
+    EXPECT_EQ(news, "the local proxy is " + program + " (process " + std::to_string(proxy.pid()) +
+                        ", user root)");
+    EXPECT_FALSE(source_->watchProxy());
+    EXPECT_FALSE(source_->identify(flow, 0).leaveToSystem);
+  }
+}
+
+TEST_F(ApplicationIdentifierSourceTest, WhatIsNoProxyGetsNobodysFlows) {
+  start();
+  Helper server;
+  server.makeSocket("proxy", kProxyPort);
+  ASSERT_EQ(server.ask("answer HTTP/1.1 404 Not Found"), "done");
+  Helper application(programs_.copyHelper("application"));
+  expectNotTrusted(connectFrom(application));
+  expectNotTrusted(connectFrom(server));
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TheProxyOfAPersonGetsThatPersonsFlowsOnly) {
+  start();
+  const std::string program = programs_.copyHelper("application");
+  Helper proxy(programs_.copyHelper("proxy"));
+  ASSERT_EQ(proxy.ask("user 54321"), "done");
+  proxy.makeSocket("proxy", kProxyPort);
+  Helper own(program);
+  ASSERT_EQ(own.ask("user 54321"), "done");
+  EXPECT_EQ(identifierOf(connectFrom(own)), program);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  EXPECT_TRUE(warnings_.empty());
+  Helper other(program);
+  expectNotTrusted(connectFrom(other));
+  EXPECT_EQ(identifierOf(connectFrom(own)), program);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, TheProxyOfANamedUserGetsEverybodysFlows) {
+  proxyUsers_ = {54321};
+  start();
+  Helper proxy(programs_.copyHelper("proxy"));
+  ASSERT_EQ(proxy.ask("user 54321"), "done");
+  proxy.makeSocket("proxy", kProxyPort);
+  Helper other;
+  EXPECT_EQ(identifierOf(connectFrom(other)), OSTRAVEL_HELPER);
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAChainAreTheProxy) {
+  start();
+  Helper last(programs_.copyHelper("last"));
+  ASSERT_EQ(last.ask("user 54321"), "done");
+  last.makeSocket("proxy", 3128);
+  Helper front(programs_.copyHelper("front"));
+  front.makeSocket("proxy", kProxyPort);
+  ASSERT_EQ(front.ask("via 3128"), "done");
+  EXPECT_EQ(identifierOf(connectFrom(front)), kProxy);
+  EXPECT_EQ(identifierOf(connectFrom(last)), kProxy);
+  Helper other;
+  const auto flow = connectFrom(other);
+  EXPECT_EQ(identifierOf(flow), OSTRAVEL_HELPER);
+  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWhoseDiallerIsUnknown) {
+  Helper early(programs_.copyHelper("early"));
+  ASSERT_EQ(early.ask("user 54322"), "done");
+  const auto flowOfNobody = connectFrom(early);
+  early.kill();
+  start();
+  Helper application;
+  ASSERT_EQ(application.ask("user 54321"), "done");
+  Helper samePerson(programs_.copyHelper("same"));
+  ASSERT_EQ(samePerson.ask("user 54322"), "done");
+  Helper service(programs_.copyHelper("service"));
+  ASSERT_EQ(service.ask("user 13"), "done");
+  const auto flow = connectFrom(application);
+  // Nobody listens.
+  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
+  EXPECT_FALSE(source_->identify(flow, 0).leaveToSystem);
+
+  Helper proxy(programs_.copyHelper("proxy"));
+  proxy.makeSocket("proxy", kProxyPort);
+  ASSERT_EQ(proxy.ask("answer HTTP/1.1 403 Forbidden"), "done");
+  EXPECT_EQ(identifierOf(flow), OSTRAVEL_HELPER);
+  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
+  EXPECT_TRUE(source_->identify(connectFrom(service), 0).mayBelongToProxy);
+  EXPECT_FALSE(source_->identify(connectFrom(samePerson), 0).mayBelongToProxy);
+  // It is certain that this is the proxy.
+  EXPECT_FALSE(source_->identify(connectFrom(proxy), 0).mayBelongToProxy);
+  EXPECT_TRUE(source_->identify(flowOfNobody, 0).leaveToSystem);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
+  start();
+  Helper helper;
+  const auto flow = flowOverIPv4(TransportProtocol::udp, helper.makeSocket("send", 443), 443);
+  ASSERT_EQ(helper.ask("close"), "done");
+  EXPECT_EQ(identifierOf(flow), "");
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedHasNoIdentifier) {
+  start();
+  Helper helper;
+  const auto flow = connectFrom(helper);
+  helper.kill();
+  EXPECT_EQ(identifierOf(flow), "");
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedMayHaveBeenTheProxy) {
+  start();
+  Helper proxy(programs_.copyHelper("proxy"));
+  proxy.makeSocket("proxy", kProxyPort);
+  // Whoever it was: its user is not always known any more either.
+  Helper helper;
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  const auto flow = connectFrom(helper);
+  helper.kill();
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  EXPECT_TRUE(source_->identify(flow, 0).leaveToSystem);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ASenderThatIsNotFoundMayBeTheProxyIfItIsOfTheSameUser) {
+  // Not seen by the tracer, and behind more descriptors than can be looked at in time.
+  Helper sameUser;
+  Helper otherUser;
+  ASSERT_EQ(otherUser.ask("user 65534"), "done");
+  const auto flowOfSameUser = connectFrom(sameUser);
+  const auto flowOfOtherUser = connectFrom(otherUser);
+  Helper proxy(programs_.copyHelper("proxy"));
+  proxy.makeSocket("proxy", kProxyPort);
+  start();
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  std::vector<std::unique_ptr<Helper>> crowd;
+  for (const char* const user : {"0", "0", "0", "65534", "65534", "65534"}) {
+    crowd.push_back(std::make_unique<Helper>());
+    ASSERT_EQ(crowd.back()->ask("hold 15000"), "done");
+    ASSERT_EQ(crowd.back()->ask(std::string("user ") + user), "done");
+  }
+  EXPECT_TRUE(source_->identify(flowOfSameUser, 0).leaveToSystem);
+  EXPECT_EQ(identifierOf(flowOfOtherUser), "");
+}
+
+TEST_F(ApplicationIdentifierSourceTest, AProcessThatConnectedBeforeIsFoundThroughItsDescriptors) {
+  const std::string program = programs_.copyHelper("early");
+  Helper helper(program);
+  const auto flow = connectFrom(helper);
+  start();
+  expectEventually(flow, program);
+}
+
+TEST_F(ApplicationIdentifierSourceTest, WithoutTheTracerProcessesAreFoundInProc) {
+  const std::string program = programs_.copyHelper("browser");
+  Helper helper(program);
+  Helper proxy(programs_.copyHelper("proxy"));
+  proxy.makeSocket("proxy", kProxyPort);
+  withoutCapabilities(CAP_SYS_PTRACE, [&] {
+    start();
+    EXPECT_EQ(warnings_.size(), 1U);
+    EXPECT_NE(warnings_.at(0).find("connects cannot be traced"), std::string::npos);
+    EXPECT_NE(warnings_.at(0).find("not permitted"), std::string::npos);
+    expectEventually(connectFrom(helper), program);
+    expectEventually(connectFrom(proxy), kProxy);
+    EXPECT_EQ(warnings_.size(), 1U);
+    return true;
+  });
+}
+
+TEST_F(ApplicationIdentifierSourceTest, ManyProcessesAreToldApart) {
+  start();
+  for (int i = 0; i < 100; ++i) {
+    const std::string program =
+        i % 2 == 0 ? OSTRAVEL_HELPER : programs_.copyHelper("program" + std::to_string(i));
+    Helper helper(program);
+    EXPECT_EQ(identifierOf(connectFrom(helper)), program);
+  }
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,234 @@
+#include "Platform/Linux/Identity/ApplicationRegistrations.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace ostravel::testing;
+
+constexpr uid_t kRoot = 0;
+constexpr const char* kGood = R"({"/opt/good": "com.example.good"})";
+
+class ApplicationRegistrationsTest : public ::testing::Test {
+ protected:
+  ApplicationRegistrations load() {
+    return {folder_.path(), [this](const std::string& warning) { warnings_.push_back(warning); },
+            SystemUsers(499)};
+  }
+
+  // What is loaded besides a good file, in one warning.
+  void expectIgnored(const std::string& warningBehindPath) {
+    folder_.write("good.json", kGood);
+    const auto registrations = load();
+    EXPECT_EQ(registrations.identifierOf("/opt/good", {kRoot}), "com.example.good");
+    EXPECT_EQ(registrations.identifierOf("/opt/bad", {kRoot}), std::nullopt);
+    ASSERT_EQ(warnings_.size(), 1U);
+    EXPECT_EQ(warnings_[0], folder_.path("bad.json") + warningBehindPath);
+  }
+
+  const TemporaryFolder folder_;
+  std::vector<std::string> warnings_;
+};
+
+TEST_F(ApplicationRegistrationsTest, MapsExecutablesToIdentifiers) {
+  folder_.write("one.json", R"({"/opt/a": "com.example.a", "/opt/b": "com.example.b"})");
+  folder_.write("two.json", R"({"/opt/caf\u00e9": "com.example.\u00e9"})");
+  const auto registrations = load();
+  EXPECT_EQ(registrations.identifierOf("/opt/a", {kRoot}), "com.example.a");
+  EXPECT_EQ(registrations.identifierOf("/opt/b", {kRoot}), "com.example.b");
+  EXPECT_EQ(registrations.identifierOf("/opt/caf\xc3\xa9", {kRoot}), "com.example.\xc3\xa9");
+  EXPECT_EQ(registrations.identifierOf("/opt/c", {kRoot}), std::nullopt);
+  EXPECT_EQ(registrations.identifierOf("", {kRoot}), std::nullopt);
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ApplicationRegistrationsTest, AreForRootAndSystemUsers) {
+  folder_.write("a.json", R"({"/opt/a": "com.example.a", "/opt/b": {"identifier": "b"}})");
+  const auto registrations = load();
+  for (const char* const executable : {"/opt/a", "/opt/b"}) {
+    EXPECT_TRUE(registrations.identifierOf(executable, {kRoot}));
+    EXPECT_TRUE(registrations.identifierOf(executable, {kRoot, 499}));
+    EXPECT_FALSE(registrations.identifierOf(executable, {500}));
+    EXPECT_FALSE(registrations.identifierOf(executable, {kRoot, 500}));
+    EXPECT_FALSE(registrations.identifierOf(executable, {500, kRoot}));
+  }
+}
+
+TEST_F(ApplicationRegistrationsTest, AreForTheUsersThatTheyName) {
+  folder_.write("a.json", R"({"/opt/a": {"identifier": "com.example.a", "users": ["nobody"]},
+                              "/opt/b": {"identifier": "com.example.b", "users": []}})");
+  const auto registrations = load();
+  EXPECT_TRUE(warnings_.empty());
+  EXPECT_EQ(registrations.identifierOf("/opt/a", {65534}), "com.example.a");
+  EXPECT_EQ(registrations.identifierOf("/opt/a", {kRoot, 65534}), "com.example.a");
+  EXPECT_FALSE(registrations.identifierOf("/opt/a", {65534, 1000}));
+  EXPECT_FALSE(registrations.identifierOf("/opt/b", {65534}));
+}
+
+TEST_F(ApplicationRegistrationsTest, AUserWhoDoesNotExistIsAMistake) {
+  folder_.write("bad.json", R"({"/opt/bad": {"identifier": "a", "users": ["no-such-user"]}})");
+  expectIgnored(
+      ": the registration of \"/opt/bad\" names the user \"no-such-user\", who does not exist");
+}
+
+TEST_F(ApplicationRegistrationsTest, UsersThatAreNotNamesAreAMistake) {
+  for (const char* const users : {"5", "\"nobody\"", "[5]", "{}"}) {
+    warnings_.clear();
+    folder_.write("bad.json",
+                  R"({"/opt/bad": {"identifier": "a", "users": )" + std::string(users) + "}}");
+    expectIgnored(": the users of \"/opt/bad\" must be a list of names");
+  }
+}
+
+TEST_F(ApplicationRegistrationsTest, AnythingElseInARegistrationIsAMistake) {
+  folder_.write("bad.json", R"({"/opt/bad": {"identifier": "a", "user": ["nobody"]}})");
+  expectIgnored(
+      ": the registration of \"/opt/bad\" has \"user\", which is neither \"identifier\" nor "
+      "\"users\"");
+}
+
+TEST_F(ApplicationRegistrationsTest, ARegistrationWithoutAnIdentifierIsAMistake) {
+  folder_.write("bad.json", R"({"/opt/bad": {"users": []}})");
+  expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
+}
+
+TEST_F(ApplicationRegistrationsTest, TheLaterFileCounts) {
+  folder_.write("20.json", R"({"/opt/a": "second"})");
+  folder_.write("10.json", R"({"/opt/a": "first"})");
+  EXPECT_EQ(load().identifierOf("/opt/a", {kRoot}), "second");
+}
+
+TEST_F(ApplicationRegistrationsTest, OnlyFilesWithTheRightNameAreRead) {
+  folder_.write("one.json~", "not JSON");
+  folder_.write("README", "not JSON");
+  folder_.write(".hidden.json", "not JSON");
+  folder_.write("empty.json", "{}");
+  load();
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ApplicationRegistrationsTest, AFolderThatDoesNotExistIsEmpty) {
+  const ApplicationRegistrations registrations(
+      folder_.path("absent"), [this](const std::string& warning) { warnings_.push_back(warning); });
+  EXPECT_EQ(registrations.identifierOf("/opt/a", {kRoot}), std::nullopt);
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ApplicationRegistrationsTest, AnUnreadableFolderIsNamed) {
+  const std::string file = folder_.write("file", "");
+  const ApplicationRegistrations registrations(
+      file, [this](const std::string& warning) { warnings_.push_back(warning); });
+  ASSERT_EQ(warnings_.size(), 1U);
+  EXPECT_EQ(warnings_[0], file + ": cannot be read: Not a directory");
+}
+
+TEST_F(ApplicationRegistrationsTest, AFolderOfAnotherUserIsNotBelieved) {
+  folder_.write("good.json", kGood);
+  ASSERT_EQ(::chown(folder_.path().c_str(), 65534, 0), 0);
+  EXPECT_EQ(load().identifierOf("/opt/good", {kRoot}), std::nullopt);
+  ASSERT_EQ(warnings_.size(), 1U);
+  EXPECT_EQ(warnings_[0], folder_.path() + ": is ignored: it does not belong to root");
+}
+
+TEST_F(ApplicationRegistrationsTest, AFolderThatOthersMayWriteToIsNotBelieved) {
+  folder_.write("good.json", kGood);
+  for (const mode_t mode : {0775U, 0757U, 01777U}) {
+    warnings_.clear();
+    ASSERT_EQ(::chmod(folder_.path().c_str(), mode), 0);
+    EXPECT_EQ(load().identifierOf("/opt/good", {kRoot}), std::nullopt);
+    ASSERT_EQ(warnings_.size(), 1U);
+    EXPECT_EQ(warnings_[0], folder_.path() + ": is ignored: others than root may write to it");
+  }
+}
+
+TEST_F(ApplicationRegistrationsTest, AFileOfAnotherUserIsNotBelieved) {
+  folder_.write("bad.json", R"({"/opt/bad": "com.example.bad"})");
+  ASSERT_EQ(::chown(folder_.path("bad.json").c_str(), 65534, 65534), 0);
+  expectIgnored(": is ignored: it does not belong to root");
+}
+
+TEST_F(ApplicationRegistrationsTest, AFileThatOthersMayWriteToIsNotBelieved) {
+  folder_.write("bad.json", R"({"/opt/bad": "com.example.bad"})");
+  ASSERT_EQ(::chmod(folder_.path("bad.json").c_str(), 0664), 0);
+  expectIgnored(": is ignored: others than root may write to it");
+}
+
+TEST_F(ApplicationRegistrationsTest, ALinkIsAsGoodAsItsTarget) {
+  const TemporaryFolder elsewhere;
+  const std::string target = elsewhere.write("target", R"({"/opt/bad": "com.example.bad"})");
+  ASSERT_EQ(::chown(target.c_str(), 65534, 65534), 0);
+  std::filesystem::create_symlink(target, folder_.path("bad.json"));
+  expectIgnored(": is ignored: it does not belong to root");
+}
+
+TEST_F(ApplicationRegistrationsTest, AFileThatIsNotJSONIsNamedWithTheLineAndTheColumn) {
+  folder_.write("bad.json", "{\n  \"/opt/bad\": \"com.example.bad\",\n  oops\n}");
+  expectIgnored(":3:6: string or '}' expected near 'oops'");
+}
+
+TEST_F(ApplicationRegistrationsTest, AFileThatIsNotAnObjectIsIgnored) {
+  folder_.write("bad.json", R"(["/opt/bad"])");
+  expectIgnored(":1:1: registrations must be a JSON object");
+}
+
+TEST_F(ApplicationRegistrationsTest, ANameThatIsGivenTwiceIsAMistake) {
+  folder_.write("bad.json", R"({"/opt/bad": "a", "/opt/bad": "b"})");
+  folder_.write("good.json", kGood);
+  EXPECT_EQ(load().identifierOf("/opt/bad", {kRoot}), std::nullopt);
+  ASSERT_EQ(warnings_.size(), 1U);
+  EXPECT_TRUE(warnings_[0].starts_with(folder_.path("bad.json") + ":1:")) << warnings_[0];
+}
+
+TEST_F(ApplicationRegistrationsTest, APathThatIsNotAbsoluteIsAMistake) {
+  folder_.write("bad.json", R"({"/opt/bad": "a", "opt/bad": "b"})");
+  expectIgnored(": \"opt/bad\" is not the absolute path of an executable");
+}
+
+TEST_F(ApplicationRegistrationsTest, AnIdentifierThatIsNotATextIsAMistake) {
+  folder_.write("bad.json", R"({"/opt/bad": 5})");
+  expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
+}
+
+TEST_F(ApplicationRegistrationsTest, AnEmptyIdentifierIsAMistake) {
+  folder_.write("bad.json", R"({"/opt/bad": ""})");
+  expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
+}
+
+TEST_F(ApplicationRegistrationsTest, SomethingElseThanAFileIsIgnoredWithoutWaiting) {
+  ASSERT_EQ(::mkfifo(folder_.path("bad.json").c_str(), 0600), 0);
+  expectIgnored(": is ignored: it is not a regular file of at most 1 MiB");
+}
+
+TEST_F(ApplicationRegistrationsTest, AnEndlessFileIsIgnored) {
+  folder_.write("bad.json", "");
+  std::filesystem::resize_file(folder_.path("bad.json"), 1024 * 1024 + 1);
+  expectIgnored(": is ignored: it is not a regular file of at most 1 MiB");
+}
+
+TEST_F(ApplicationRegistrationsTest, TellsHowManyThereAreAndWhetherThatIsAll) {
+  EXPECT_TRUE(load().isComplete());
+  folder_.write("a.json", R"({"/opt/a": "a", "/opt/b": "b"})");
+  EXPECT_TRUE(load().isComplete());
+  EXPECT_EQ(load().size(), 2U);
+  folder_.write("b.json", "oops");
+  EXPECT_FALSE(load().isComplete());
+  EXPECT_EQ(load().size(), 2U);
+}
+
+TEST_F(ApplicationRegistrationsTest, AFolderThatIsNotBelievedIsNotComplete) {
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
+  EXPECT_FALSE(load().isComplete());
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,491 @@
+// Every way to get the identifier of another application that we know of, tried for real.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/sched.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/personality.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
+#include "Tests/Platform/Linux/Support/HangingFileSystem.h"
+#include "Tests/Platform/Linux/Support/Helper.h"
+#include "Tests/Platform/Linux/Support/PrivateMounts.h"
+#include "Tests/Platform/Linux/Support/SocketTools.h"
+#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace ostravel::testing;
+using namespace std::chrono_literals;
+
+constexpr const char* kRegistered = "com.example.registered";
+constexpr uid_t kNobody = 65534;
+
+bool becomeNobody() {
+  return ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0;
+}
+
+// As any user may, with all permissions inside.
+bool enterUserNamespace() {
+  return ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
+         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+bool cover(const std::string& path, const std::string& with) {
+  return ::mount(with.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+class BorrowedIdentityTest : public ::testing::Test {
+ protected:
+  BorrowedIdentityTest() {
+    registrations_.write("a.json", "{\"" + registered_ + "\": \"" + kRegistered + "\"}");
+  }
+
+  void start(ConnectTracer::Detail detail = ConnectTracer::Detail::programs) {
+    source_.emplace(
+        kProxyPort, [](const std::string& warning) { ADD_FAILURE() << warning; },
+        registrations_.path(), std::vector<uid_t>{}, detail);
+  }
+
+  FlowTuple connectFrom(Helper& helper) {
+    return flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", portOf(listener_)),
+                        portOf(listener_));
+  }
+
+  std::string identifierOf(const FlowTuple& flow) {
+    const auto identification = source_->identify(flow, 0);
+    EXPECT_FALSE(identification.leaveToSystem) << nameOf(identification.leaveReason);
+    return identification.identifier;
+  }
+
+  // For what is asked of a thread or searched for, which may take too long on a busy machine.
+  void expectEventually(const FlowTuple& flow, const std::string& identifier) {
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    std::string last;
+    do {
+      last = source_->identify(flow, 0).identifier;
+    } while (last != identifier && std::chrono::steady_clock::now() < deadline);
+    EXPECT_EQ(last, identifier);
+  }
+
+  void expectRegisteredStillWorks() {
+    Helper genuine(registered_);
+    EXPECT_EQ(identifierOf(connectFrom(genuine)), kRegistered);
+  }
+
+  static constexpr std::uint16_t kProxyPort = 8080;
+
+  const FileDescriptor listener_ = makeListener();
+  const TemporaryFolder registrations_;
+  const TemporaryFolder programs_;
+  const std::string registered_ = programs_.copyHelper("registered");
+  const std::string fake_ = programs_.copyHelper("fake");
+  std::optional<ApplicationIdentifierSource> source_;
+};
+
+TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPath) {
+  start();
+  Helper asRoot(registered_, [this] { return enterPrivateMounts() && cover(registered_, fake_); });
+  EXPECT_EQ(identifierOf(connectFrom(asRoot)), "");
+  Helper asUser(registered_, [this] {
+    return becomeNobody() && enterUserNamespace() && cover(registered_, fake_);
+  });
+  EXPECT_EQ(identifierOf(connectFrom(asUser)), "");
+  expectRegisteredStillWorks();
+}
+
+TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPathAndExecutedByDescriptor) {
+  start();
+  // Opened where it seems to be at that path, and executed in our view of the file system.
+  std::array<int, 2> channel{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel.data()), 0);
+  const pid_t opener = ::fork();
+  ASSERT_GE(opener, 0);
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  char byte = 0;
+  iovec part{&byte, 1};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  if (opener == 0) {
+    const bool isCovered = enterUserNamespace() && cover(registered_, fake_);
+    const int file = ::open(registered_.c_str(), O_RDONLY | O_CLOEXEC);
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof file);
+    std::memcpy(CMSG_DATA(header), &file, sizeof file);
+    if (isCovered && ::sendmsg(channel[0], &message, 0) == 1) {
+      // What is mounted there goes with this process.
+      ::pause();
+    }
+    ::_exit(1);
+  }
+  ::close(channel[0]);
+  ASSERT_EQ(::recvmsg(channel[1], &message, MSG_CMSG_CLOEXEC), 1);
+  int received = -1;
+  std::memcpy(&received, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof received);
+  const FileDescriptor file(received);
+  Helper helper("/proc/self/fd/" + std::to_string(file.get()));
+  ASSERT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(helper.pid()) + "/exe"),
+            registered_);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), "");
+  expectRegisteredStillWorks();
+  ::close(channel[1]);
+  ::kill(opener, SIGKILL);
+  EXPECT_EQ(::waitpid(opener, nullptr, 0), opener);
+}
+
+TEST_F(BorrowedIdentityTest, AGenuineProgramExecutedByDescriptorIsThatProgram) {
+  start();
+  const FileDescriptor file(::open(registered_.c_str(), O_RDONLY | O_CLOEXEC));
+  Helper helper("/proc/self/fd/" + std::to_string(file.get()));
+  EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
+}
+
+TEST_F(BorrowedIdentityTest, AProcessInAnotherMountNamespaceRunsWhatIsAtThatPathHere) {
+  start();
+  Helper service(registered_, &enterPrivateMounts);
+  EXPECT_EQ(identifierOf(connectFrom(service)), kRegistered);
+  // The same file, but at the path of another one.
+  Helper moved(fake_, [this] { return enterPrivateMounts() && cover(fake_, registered_); });
+  EXPECT_EQ(identifierOf(connectFrom(moved)), "");
+  // By joining a namespace instead of making one.
+  Helper joined(registered_, [pid = service.pid(), this] {
+    const FileDescriptor view(
+        ::open(("/proc/" + std::to_string(pid) + "/ns/mnt").c_str(), O_RDONLY | O_CLOEXEC));
+    return ::setns(view.get(), CLONE_NEWNS) == 0 && cover(registered_, fake_);
+  });
+  EXPECT_EQ(identifierOf(connectFrom(joined)), "");
+}
+
+TEST_F(BorrowedIdentityTest, AnOrdinaryUsersProcessOfARegisteredProgramIsCalledByItsPath) {
+  start();
+  Helper helper(registered_, &becomeNobody);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), registered_);
+  expectRegisteredStillWorks();
+}
+
+TEST_F(BorrowedIdentityTest, ALibraryPreloadedIntoARegisteredProgram) {
+  start();
+  Helper helper(registered_,
+                [] { return ::setenv("LD_PRELOAD", OSTRAVEL_PRELOAD, 1) == 0 && becomeNobody(); });
+  const auto port = helper.makeSocket("port", 77);
+  EXPECT_EQ(identifierOf(flowOverIPv4(TransportProtocol::udp, port, 443)), registered_);
+  registrations_.write("a.json", "{\"" + registered_ + "\": {\"identifier\": \"" + kRegistered +
+                                     "\", \"users\": [\"nobody\"]}}");
+  source_->replaceRegistrations({registrations_.path(), [](const std::string& /*warning*/) {}});
+  EXPECT_EQ(identifierOf(flowOverIPv4(TransportProtocol::udp, port, 443)), kRegistered);
+}
+
+TEST_F(BorrowedIdentityTest, AProgramThatAnOrdinaryUserStartsAsRoot) {
+  ASSERT_EQ(::chmod(registered_.c_str(), 04755), 0);
+  start();
+  Helper helper(registered_, &becomeNobody);
+  const auto flow = connectFrom(helper);
+  EXPECT_EQ(source_->identify(flow, 0).user, 0U);
+  EXPECT_EQ(identifierOf(flow), registered_);
+}
+
+TEST_F(BorrowedIdentityTest, ASocketThatAnOrdinaryUserHandsToARegisteredProgram) {
+  start();
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  ASSERT_EQ(::fchown(socket.get(), kNobody, kNobody), 0);
+  Helper helper(registered_, [&socket] { return ::dup2(socket.get(), 5) == 5; });
+  ASSERT_EQ(helper.ask("reconnect 5"), "done");
+  EXPECT_EQ(identifierOf(flowOverIPv4(TransportProtocol::udp, portOf(socket), 443)), registered_);
+}
+
+TEST_F(BorrowedIdentityTest, AConnectFollowedByExec) {
+  start();
+  Helper helper(fake_);
+  const auto flow = connectFrom(helper);
+  ASSERT_EQ(helper.ask("run " + registered_), "ready");
+  EXPECT_EQ(identifierOf(flow), "");
+  EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
+  EXPECT_EQ(identifierOf(flow), "");
+}
+
+TEST_F(BorrowedIdentityTest, AConnectFollowedByExecOfAKnownProcess) {
+  start();
+  Helper helper(fake_);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), fake_);
+  const auto flow = connectFrom(helper);
+  ASSERT_EQ(helper.ask("run " + registered_), "ready");
+  EXPECT_EQ(identifierOf(flow), "");
+}
+
+TEST_F(BorrowedIdentityTest, AConnectFollowedByExecWithTheStackInTheSamePlace) {
+  // Of the same length, so that what the kernel puts before the stack takes the same room.
+  const std::string sameLength = programs_.copyHelper("fakedOne00");
+  start();
+  Helper helper(sameLength, [] { return ::personality(ADDR_NO_RANDOMIZE) >= 0; });
+  const ProcessTable processes;
+  const auto before = processes.stampOf(helper.pid());
+  const auto flow = connectFrom(helper);
+  ASSERT_EQ(helper.ask("run " + registered_), "ready");
+  // Otherwise this test would not show anything.
+  ASSERT_EQ(processes.stampOf(helper.pid()), before);
+  EXPECT_EQ(identifierOf(flow), "");
+  EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
+}
+
+TEST_F(BorrowedIdentityTest, AConnectFollowedByExecInAChild) {
+  start();
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  // Connected by the child of this process, which goes on as the registered program.
+  Helper helper(registered_, [&socket] {
+    return connectTo(socket, AF_INET, loopbackIPv4(443)) && ::dup(socket.get()) >= 0;
+  });
+  EXPECT_EQ(identifierOf(flowOverIPv4(TransportProtocol::udp, portOf(socket), 443)), "");
+  expectRegisteredStillWorks();
+}
+
+TEST_F(BorrowedIdentityTest, ASocketHandedToARegisteredProgramByOneThatEnds) {
+  start();
+  auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  Helper heir(registered_, [&socket] { return ::dup(socket.get()) >= 0; });
+  const pid_t connector = ::fork();
+  ASSERT_GE(connector, 0);
+  if (connector == 0) {
+    ::_exit(connectTo(socket, AF_INET, loopbackIPv4(443)) ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(connector, &status, 0), connector);
+  ASSERT_EQ(status, 0);
+  const auto flow = flowOverIPv4(TransportProtocol::udp, portOf(socket), 443);
+  socket = FileDescriptor();
+  EXPECT_EQ(identifierOf(flow), "");
+}
+
+TEST_F(BorrowedIdentityTest, ADeletedProgram) {
+  start();
+  Helper helper(registered_);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
+  std::filesystem::remove(registered_);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), "");
+}
+
+TEST_F(BorrowedIdentityTest, AReplacedProgram) {
+  start();
+  Helper old(registered_);
+  Helper unknown(registered_);
+  EXPECT_EQ(identifierOf(connectFrom(old)), kRegistered);
+  std::filesystem::rename(fake_, registered_);
+  EXPECT_EQ(identifierOf(connectFrom(old)), "");
+  EXPECT_EQ(identifierOf(connectFrom(unknown)), "");
+  expectRegisteredStillWorks();
+}
+
+TEST_F(BorrowedIdentityTest, AProgramThatIsMountedOverHereWhileItRuns) {
+  inPrivateMounts([this] {
+    start();
+    Helper helper(registered_);
+    EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
+    ASSERT_TRUE(cover(registered_, fake_));
+    EXPECT_EQ(identifierOf(connectFrom(helper)), "");
+    ASSERT_EQ(::umount(registered_.c_str()), 0);
+    EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
+  });
+}
+
+TEST_F(BorrowedIdentityTest, AScriptIsItsInterpreter) {
+  const std::string script = programs_.write("script", "#!" + fake_ + "\n");
+  ASSERT_EQ(::chmod(script.c_str(), 0755), 0);
+  registrations_.write("a.json", "{\"" + script + "\": \"" + kRegistered + "\"}");
+  start();
+  Helper helper(script);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), fake_);
+}
+
+TEST_F(BorrowedIdentityTest, AMemoryFile) {
+  start();
+  for (const char* const name : {"registered", "../registered", "x"}) {
+    const FileDescriptor memory(::memfd_create(name, MFD_CLOEXEC));
+    std::ofstream("/proc/self/fd/" + std::to_string(memory.get()), std::ios::binary)
+        << std::ifstream(fake_, std::ios::binary).rdbuf();
+    Helper helper("/proc/self/fd/" + std::to_string(memory.get()));
+    EXPECT_EQ(identifierOf(connectFrom(helper)), "") << name;
+  }
+}
+
+// fork(2), with the number of the child; fails when somebody else has it.
+pid_t forkAs(pid_t number) {
+  clone_args arguments{};
+  arguments.exit_signal = SIGCHLD;
+  arguments.set_tid = reinterpret_cast<std::uintptr_t>(&number);
+  arguments.set_tid_size = 1;
+  return static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
+}
+
+TEST_F(BorrowedIdentityTest, AReusedProcessNumber) {
+  start();
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  std::optional<Helper> first;
+  first.emplace(fake_, [&socket] { return ::dup2(socket.get(), 5) == 5; });
+  ASSERT_EQ(first->ask("reconnect 5"), "done");
+  const auto flow = flowOverIPv4(TransportProtocol::udp, portOf(socket), 443);
+  EXPECT_EQ(identifierOf(flow), fake_);
+  const pid_t number = first->pid();
+  first->kill();
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
+  const pid_t second = forkAs(number);
+  ASSERT_GE(second, 0) << std::strerror(errno);
+  if (second == 0) {
+    ::dup2(pipe[0], STDIN_FILENO);
+    ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
+    ::execl(registered_.c_str(), registered_.c_str(), nullptr);
+    ::_exit(1);
+  }
+  const std::string link = "/proc/" + std::to_string(second) + "/exe";
+  while (std::filesystem::read_symlink(link) != registered_) {
+  }
+  EXPECT_EQ(second, number);
+  EXPECT_EQ(identifierOf(flow), "");
+  ::close(pipe[0]);
+  ::close(pipe[1]);
+  EXPECT_EQ(::waitpid(second, nullptr, 0), second);
+}
+
+TEST_F(BorrowedIdentityTest, BytesThatCouldEndAHeaderLine) {
+  const std::string odd = programs_.copyHelper("a\r\nX-Ostravel-App-Id: b\xff ");
+  start();
+  Helper helper(odd);
+  EXPECT_EQ(identifierOf(connectFrom(helper)), programs_.path("a%0D%0AX-Ostravel-App-Id: b%FF%20"));
+}
+
+TEST_F(BorrowedIdentityTest, WithoutTracedProgramsTheHolderOfTheSocketIsBelieved) {
+  start(ConnectTracer::Detail::processes);
+  Helper helper(registered_);
+  expectEventually(connectFrom(helper), kRegistered);
+  Helper ofUser(registered_, &becomeNobody);
+  expectEventually(connectFrom(ofUser), registered_);
+  Helper covered(registered_, [this] { return enterPrivateMounts() && cover(registered_, fake_); });
+  EXPECT_EQ(source_->identify(connectFrom(covered), 0).identifier, "");
+}
+
+TEST_F(BorrowedIdentityTest, WithoutTracedProgramsASocketThatWasHandedOnIsNobodys) {
+  start(ConnectTracer::Detail::processes);
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  Helper connector(fake_, [&socket] { return ::dup2(socket.get(), 5) == 5; });
+  ASSERT_EQ(connector.ask("reconnect 5"), "done");
+  const auto flow = flowOverIPv4(TransportProtocol::udp, portOf(socket), 443);
+  expectEventually(flow, fake_);
+  connector.kill();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(source_->identify(flow, 0).identifier, "");
+  }
+}
+
+TEST_F(BorrowedIdentityTest, AFileSystemThatHangsDelaysNobody) {
+  inPrivateMounts([this] {
+    const TemporaryFolder folder;
+    HangingFileSystem system(folder.path(), OSTRAVEL_HELPER);
+    start();
+    Helper known(system.program(), &becomeNobody);
+    Helper unknown(system.program(), &becomeNobody);
+    Helper neighbour(fake_, &becomeNobody);
+    Helper genuine(registered_);
+    expectEventually(connectFrom(known), system.program());
+    system.hang();
+    const auto start = std::chrono::steady_clock::now();
+    constexpr int kFlows = 200;
+    for (int i = 0; i < kFlows; ++i) {
+      EXPECT_EQ(identifierOf(connectFrom(unknown)), "");
+      EXPECT_EQ(identifierOf(connectFrom(known)), system.program());
+      EXPECT_EQ(identifierOf(connectFrom(neighbour)), fake_);
+      EXPECT_EQ(identifierOf(connectFrom(genuine)), kRegistered);
+    }
+    // One wait of FileLookup::kPatience among them; the rest is for a busy machine.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  });
+}
+
+// A socket that is under way to nobody, so that every look for its holder goes through everything.
+class UnfindableSocket {
+ public:
+  explicit UnfindableSocket(uid_t user) : socket_(makeSocket(AF_INET, SOCK_DGRAM)) {
+    EXPECT_EQ(::fchown(socket_.get(), user, user), 0);
+    EXPECT_TRUE(connectTo(socket_, AF_INET, loopbackIPv4(443)));
+    flow_ = flowOverIPv4(TransportProtocol::udp, portOf(socket_), 443);
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, channel_.data()), 0);
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+    char byte = 0;
+    iovec part{&byte, 1};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    const int descriptor = socket_.get();
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof descriptor);
+    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    EXPECT_EQ(::sendmsg(channel_[0], &message, 0), 1);
+    socket_ = FileDescriptor();
+  }
+  UnfindableSocket(const UnfindableSocket&) = delete;
+  UnfindableSocket& operator=(const UnfindableSocket&) = delete;
+  ~UnfindableSocket() {
+    ::close(channel_[0]);
+    ::close(channel_[1]);
+  }
+
+  const FlowTuple& flow() const { return flow_; }
+
+ private:
+  FileDescriptor socket_;
+  FlowTuple flow_;
+  std::array<int, 2> channel_{};
+};
+
+TEST_F(BorrowedIdentityTest, AFloodOfUnfindableSocketsIsLeftToTheSystem) {
+  const UnfindableSocket hidden(kNobody);
+  Helper early(fake_);
+  const auto earlyFlow = connectFrom(early);
+  start();
+  int refused = 0;
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20000; ++i) {
+    const auto identification = source_->identify(hidden.flow(), 0);
+    EXPECT_EQ(identification.identifier, "");
+    if (identification.leaveToSystem) {
+      EXPECT_EQ(identification.leaveReason, LeaveReason::searchBudget);
+      ++refused;
+    }
+  }
+  const auto elapsed = std::chrono::steady_clock::now() - begin;
+  EXPECT_GT(refused, 15000);
+  // Far less than that many searches take.
+  EXPECT_LT(elapsed, 10s);
+  expectEventually(earlyFlow, fake_);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

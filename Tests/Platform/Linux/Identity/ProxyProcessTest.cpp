@@ -1,0 +1,258 @@
+#include "Platform/Linux/Identity/ProxyProcess.h"
+
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Tests/Platform/Linux/Support/Helper.h"
+#include "Tests/Platform/Linux/Support/SocketTools.h"
+#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace ostravel::testing;
+using State = ProxyProcess::State;
+
+constexpr std::uint16_t kPort = 8080;
+
+class ProxyProcessTest : public ::testing::Test {
+ protected:
+  ProxyProcessTest() {
+    auto opened = SocketDiagnostics::open();
+    diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
+    proxy_.emplace(*diagnostics_, processes_, kPort,
+                   [this](const std::string& warning) { warnings_.push_back(warning); });
+  }
+
+  bool includes(pid_t pid) const {
+    auto process = processes_.find(pid);
+    // On a busy machine the file system may answer too late.
+    while (process && !process->isExecutableSettled) {
+      process = processes_.find(pid);
+    }
+    EXPECT_TRUE(process);
+    return process && proxy_->includes(*process);
+  }
+
+  // On a busy machine one part of the search may not be enough.
+  State refresh() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    State state = State::unknown;
+    while (state == State::unknown && std::chrono::steady_clock::now() < deadline) {
+      state = proxy_->refresh(std::nullopt);
+    }
+    return state;
+  }
+
+  std::unique_ptr<SocketDiagnostics> diagnostics_;
+  ProcessTable processes_;
+  std::vector<std::string> warnings_;
+  std::optional<ProxyProcess> proxy_;
+  const TemporaryFolder folder_;
+};
+
+TEST_F(ProxyProcessTest, NobodyListens) {
+  EXPECT_EQ(proxy_->refresh(::getpid()), State::absent);
+}
+
+TEST_F(ProxyProcessTest, IsTheProcessThatListens) {
+  Helper helper(folder_.copyHelper("proxy"));
+  helper.makeSocket("listen", kPort);
+  Helper other;
+  ASSERT_EQ(refresh(), State::known);
+  EXPECT_TRUE(includes(helper.pid()));
+  EXPECT_FALSE(includes(other.pid()));
+  EXPECT_FALSE(includes(::getpid()));
+  EXPECT_EQ(proxy_->uid(), ::getuid());
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ProxyProcessTest, IsThereAtOnceWhenItIsTheSender) {
+  Helper helper;
+  helper.makeSocket("listen", kPort);
+  std::vector<std::unique_ptr<Helper>> crowd;
+  for (int i = 0; i < 4; ++i) {
+    crowd.push_back(std::make_unique<Helper>());
+    ASSERT_EQ(crowd.back()->ask("hold 15000"), "done");
+  }
+  // Only a machine that is busy elsewhere can be in between, and not again and again.
+  State state = proxy_->refresh(helper.pid());
+  for (int attempt = 0; attempt < 10 && state != State::known; ++attempt) {
+    ASSERT_EQ(helper.ask("close"), "done");
+    helper.makeSocket("listen", kPort);
+    state = proxy_->refresh(helper.pid());
+  }
+  ASSERT_EQ(state, State::known);
+  EXPECT_TRUE(includes(helper.pid()));
+}
+
+TEST_F(ProxyProcessTest, IsUnknownUntilTheSearchHasFoundIt) {
+  Helper helper;
+  helper.makeSocket("listen", kPort);
+  // More descriptors of newer processes than can be looked at for one flow.
+  std::vector<std::unique_ptr<Helper>> crowd;
+  for (int i = 0; i < 8; ++i) {
+    crowd.push_back(std::make_unique<Helper>());
+    ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
+  }
+  EXPECT_EQ(proxy_->refresh(::getpid()), State::unknown);
+  EXPECT_EQ(refresh(), State::known);
+  EXPECT_TRUE(includes(helper.pid()));
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ProxyProcessTest, ARestartIsNoticedAtOnce) {
+  const std::string program = folder_.copyHelper("proxy");
+  const std::string otherProgram = folder_.copyHelper("other-proxy");
+  std::uint64_t lastCookie = 0;
+  for (int i = 0; i < 5; ++i) {
+    Helper helper(i % 2 == 0 ? program : otherProgram);
+    helper.makeSocket("listen", kPort);
+    ASSERT_EQ(refresh(), State::known);
+    EXPECT_TRUE(includes(helper.pid()));
+    EXPECT_NE(proxy_->listenerCookie(), lastCookie);
+    lastCookie = proxy_->listenerCookie();
+    // What was the proxy before is none any more.
+    Helper former(i % 2 == 0 ? otherProgram : program);
+    EXPECT_FALSE(includes(former.pid()));
+    helper.kill();
+    EXPECT_EQ(proxy_->refresh(::getpid()), State::absent);
+  }
+}
+
+TEST_F(ProxyProcessTest, ANewSocketOfTheSameProcessIsNoticedAtOnce) {
+  Helper helper;
+  helper.makeSocket("listen", kPort);
+  ASSERT_EQ(refresh(), State::known);
+  ASSERT_EQ(helper.ask("close"), "done");
+  EXPECT_EQ(proxy_->refresh(std::nullopt), State::absent);
+  helper.makeSocket("listen", kPort);
+  EXPECT_EQ(refresh(), State::known);
+  EXPECT_TRUE(includes(helper.pid()));
+}
+
+TEST_F(ProxyProcessTest, IncludesItsOwnerWhateverBecomesOfThat) {
+  Helper helper(folder_.copyHelper("proxy"));
+  // The socket is not where one that was handed over would be.
+  ASSERT_EQ(helper.ask("hold 50"), "done");
+  helper.makeSocket("listen", kPort);
+  ASSERT_EQ(refresh(), State::known);
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  ASSERT_EQ(helper.ask("run " + folder_.copyHelper("other")), "ready");
+  ASSERT_EQ(refresh(), State::known);
+  EXPECT_TRUE(includes(helper.pid()));
+}
+
+TEST_F(ProxyProcessTest, IncludesProcessesOfItsExecutableAndUser) {
+  const std::string program = folder_.copyHelper("proxy");
+  Helper helper(program);
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  helper.makeSocket("listen", kPort);
+  Helper same(program);
+  ASSERT_EQ(same.ask("user 65534"), "done");
+  Helper otherUser(program);
+  Helper otherProgram(folder_.copyHelper("other"));
+  ASSERT_EQ(otherProgram.ask("user 65534"), "done");
+  ASSERT_EQ(refresh(), State::known);
+  EXPECT_EQ(proxy_->uid(), 65534U);
+  EXPECT_TRUE(includes(same.pid()));
+  EXPECT_FALSE(includes(otherUser.pid()));
+  EXPECT_FALSE(includes(otherProgram.pid()));
+}
+
+TEST_F(ProxyProcessTest, AnUpdatedExecutableIsStillItsExecutable) {
+  const std::string program = folder_.copyHelper("proxy");
+  Helper helper(program);
+  helper.makeSocket("listen", kPort);
+  std::filesystem::remove(program);
+  folder_.copyHelper("proxy");
+  Helper updated(program);
+  ASSERT_EQ(refresh(), State::known);
+  EXPECT_TRUE(includes(updated.pid()));
+}
+
+TEST_F(ProxyProcessTest, IncludesProcessesOfItsService) {
+  const auto root = findCgroupRoot("/proc/self/mounts");
+  ASSERT_TRUE(root);
+  const std::string group = *root + "/ostravel-proxy-" + std::to_string(::getpid()) + ".service";
+  ASSERT_TRUE(std::filesystem::create_directory(group));
+  {
+    Helper helper(folder_.copyHelper("proxy"));
+    helper.makeSocket("listen", kPort);
+    Helper worker(folder_.copyHelper("worker"));
+    Helper other(folder_.copyHelper("other"));
+    for (const pid_t pid : {helper.pid(), worker.pid()}) {
+      std::ofstream(group + "/cgroup.procs") << pid;
+    }
+    ASSERT_EQ(refresh(), State::known);
+    EXPECT_TRUE(includes(worker.pid()));
+    EXPECT_FALSE(includes(other.pid()));
+  }
+  EXPECT_EQ(::rmdir(group.c_str()), 0);
+}
+
+TEST_F(ProxyProcessTest, IncludesWhoWasHandedTheSocket) {
+  // As a service manager does: this process listens, and starts the proxy when somebody comes.
+  const auto listener = makeSocket(AF_INET, SOCK_STREAM);
+  ASSERT_TRUE(bindTo(listener, AF_INET, loopbackIPv4(kPort)));
+  ASSERT_EQ(::listen(listener.get(), 1), 0);
+  ASSERT_EQ(refresh(), State::known);
+  EXPECT_TRUE(includes(::getpid()));
+  Helper activated(OSTRAVEL_HELPER, [&listener] { return ::dup2(listener.get(), 3) == 3; });
+  Helper other;
+  ASSERT_EQ(proxy_->refresh(activated.pid()), State::known);
+  EXPECT_TRUE(includes(activated.pid()));
+  EXPECT_FALSE(includes(other.pid()));
+}
+
+TEST_F(ProxyProcessTest, ASocketThatOutlivesItsOwnerIsFoundWithItsNewOwner) {
+  const std::string program = folder_.copyHelper("proxy");
+  auto listener = makeSocket(AF_INET, SOCK_STREAM);
+  ASSERT_TRUE(bindTo(listener, AF_INET, loopbackIPv4(kPort)));
+  ASSERT_EQ(::listen(listener.get(), 1), 0);
+  Helper heir(program, [&listener] { return ::dup2(listener.get(), 3) == 3; });
+  listener = FileDescriptor();
+  ASSERT_EQ(refresh(), State::known);
+  EXPECT_TRUE(includes(heir.pid()));
+}
+
+TEST_F(ProxyProcessTest, IsUnknownWithOneWarningWhenItMayNotBeFound) {
+  Helper helper;
+  helper.makeSocket("listen", kPort);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // Without capabilities nobody may look into processes of the same user that have them.
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
+    bool isRight = ::syscall(SYS_capset, &header, none.data()) == 0;
+    // The allowance for searches may be used up before all processes have been looked at.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (int i = 0; i < 1000 || (warnings_.empty() && std::chrono::steady_clock::now() < deadline);
+         ++i) {
+      isRight = isRight && proxy_->refresh(::getpid()) == State::unknown;
+    }
+    isRight = isRight && warnings_.size() == 1 && warnings_[0].find("8080") != std::string::npos;
+    ::_exit(isRight ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

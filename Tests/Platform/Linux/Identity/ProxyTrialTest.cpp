@@ -1,0 +1,262 @@
+#include "Platform/Linux/Identity/ProxyTrial.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <variant>
+#include <vector>
+
+#include "Platform/Linux/Kernel/EventDescriptor.h"
+#include "Tests/Platform/Linux/Support/Helper.h"
+#include "Tests/Platform/Linux/Support/SocketTools.h"
+#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace ostravel::testing;
+using Judgement = ProxyTrial::Judgement;
+
+constexpr std::uint16_t kPort = 8080;
+constexpr std::uint16_t kParentPort = 3128;
+
+class ProxyTrialTest : public ::testing::Test {
+ protected:
+  ProxyTrialTest() {
+    auto opened = SocketDiagnostics::open();
+    diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
+  }
+
+  std::uint64_t listener() {
+    const auto answer = diagnostics_->findListener(loopbackIPv4(kPort));
+    EXPECT_TRUE(answer.socket);
+    return answer.socket ? answer.socket->cookie : 0;
+  }
+
+  std::optional<ProxyTrial::Outcome> tryOnce(std::uint64_t listener) {
+    return ProxyTrial(*diagnostics_, kPort, listener, interrupt_.descriptor()).run();
+  }
+
+  ProxyTrial::Outcome outcome() {
+    const auto found = tryOnce(listener());
+    EXPECT_TRUE(found);
+    return found.value_or(ProxyTrial::Outcome{});
+  }
+
+  static pid_t pidOf(const std::optional<Process>& process) { return process ? process->pid : 0; }
+
+  std::unique_ptr<SocketDiagnostics> diagnostics_;
+  EventDescriptor interrupt_;
+  const TemporaryFolder folder_;
+};
+
+std::string receiveRequest(const FileDescriptor& connection) {
+  std::string request;
+  for (char byte = 0;
+       !request.ends_with("\r\n\r\n") && ::recv(connection.get(), &byte, 1, 0) == 1;) {
+    request += byte;
+  }
+  return request;
+}
+
+void sendText(const FileDescriptor& connection, std::string_view text) {
+  EXPECT_EQ(::send(connection.get(), text.data(), text.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(text.size()));
+}
+
+FileDescriptor connected(std::uint16_t port) {
+  FileDescriptor socket = makeSocket(AF_INET, SOCK_STREAM);
+  EXPECT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(port)));
+  return socket;
+}
+
+// The test itself as a proxy, for one tunnel, which it makes through the one on kParentPort. Does
+// something as soon as it knows the target's port.
+class Forwarder {
+ public:
+  explicit Forwarder(std::function<void(std::uint16_t target)> act)
+      : listener_(makeSocket(AF_INET, SOCK_STREAM)) {
+    EXPECT_TRUE(bindTo(listener_, AF_INET, loopbackIPv4(kPort)));
+    EXPECT_EQ(::listen(listener_.get(), 4), 0);
+    thread_ = std::thread([this, act = std::move(act)] { forward(act); });
+  }
+  Forwarder(const Forwarder&) = delete;
+  Forwarder& operator=(const Forwarder&) = delete;
+  ~Forwarder() { thread_.join(); }
+
+ private:
+  void forward(const std::function<void(std::uint16_t)>& act) const {
+    const FileDescriptor client(::accept(listener_.get(), nullptr, nullptr));
+    const std::string request = receiveRequest(client);
+    act(static_cast<std::uint16_t>(std::stoi(request.substr(request.find(':') + 1))));
+    const FileDescriptor parent = connected(kParentPort);
+    sendText(parent, request);
+    sendText(client, receiveRequest(parent));
+    std::array<char, 256> bytes;
+    for (ssize_t size = 0; (size = ::recv(client.get(), bytes.data(), bytes.size(), 0)) > 0;) {
+      sendText(parent, std::string_view(bytes.data(), static_cast<std::size_t>(size)));
+    }
+  }
+
+  const FileDescriptor listener_;
+  std::thread thread_;
+};
+
+TEST_F(ProxyTrialTest, AProxyMakesTheTunnelItself) {
+  Helper proxy;
+  proxy.makeSocket("proxy", kPort);
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::proxy);
+  EXPECT_EQ(found.answer, "HTTP/1.1 200 Connection established");
+  EXPECT_EQ(pidOf(found.acceptor), proxy.pid());
+  EXPECT_EQ(pidOf(found.dialler), proxy.pid());
+}
+
+TEST_F(ProxyTrialTest, TheLastProgramOfAChainIsTheOneThatDials) {
+  Helper front;
+  Helper middle;
+  Helper last;
+  last.makeSocket("proxy", kParentPort);
+  middle.makeSocket("proxy", kParentPort + 1);
+  front.makeSocket("proxy", kPort);
+  ASSERT_EQ(middle.ask("via 3128"), "done");
+  ASSERT_EQ(front.ask("via 3129"), "done");
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::proxy);
+  EXPECT_EQ(pidOf(found.acceptor), front.pid());
+  EXPECT_EQ(pidOf(found.dialler), last.pid());
+}
+
+TEST_F(ProxyTrialTest, AStrangerThatConnectsToTheTargetIsNotTheOneThatDials) {
+  Helper proxy;
+  proxy.makeSocket("proxy", kParentPort);
+  std::vector<FileDescriptor> strangers;
+  const Forwarder forwarder([&strangers](std::uint16_t target) {
+    // Says nothing, what is wrong, too much, or is gone already.
+    for (const char* const text : {"", "x", "0123456789abcdef0123456789abcdef and more"}) {
+      strangers.push_back(connected(target));
+      sendText(strangers.back(), text);
+    }
+    connected(target);
+  });
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::proxy);
+  EXPECT_EQ(pidOf(found.acceptor), ::getpid());
+  EXPECT_EQ(pidOf(found.dialler), proxy.pid());
+}
+
+TEST_F(ProxyTrialTest, ACrowdOfStrangersMakesNobodyTheOneThatDials) {
+  Helper proxy;
+  proxy.makeSocket("proxy", kParentPort);
+  std::vector<FileDescriptor> strangers;
+  const Forwarder forwarder([&strangers](std::uint16_t target) {
+    for (std::size_t count = 0; count < ProxyTrial::kMaximumCallers; ++count) {
+      strangers.push_back(connected(target));
+    }
+  });
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::proxy);
+  EXPECT_FALSE(found.dialler);
+}
+
+TEST_F(ProxyTrialTest, ATunnelThatLeadsNowhereLeavesTheDiallerUnknown) {
+  Helper proxy;
+  proxy.makeSocket("proxy", kPort);
+  ASSERT_EQ(proxy.ask("answer HTTP/1.1 200 OK"), "done");
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::proxy);
+  EXPECT_EQ(pidOf(found.acceptor), proxy.pid());
+  EXPECT_FALSE(found.dialler);
+}
+
+TEST_F(ProxyTrialTest, ARefusalIsAProxysAnswer) {
+  Helper proxy;
+  proxy.makeSocket("proxy", kPort);
+  ASSERT_EQ(proxy.ask("answer HTTP/1.1 407 Proxy Authentication Required"), "done");
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::proxy);
+  EXPECT_EQ(pidOf(found.acceptor), proxy.pid());
+  EXPECT_FALSE(found.dialler);
+}
+
+TEST_F(ProxyTrialTest, WhatAWebServerAnswersIsNoProxysAnswer) {
+  Helper server;
+  server.makeSocket("proxy", kPort);
+  ASSERT_EQ(server.ask("answer HTTP/1.1 405 Not Allowed"), "done");
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::notAProxy);
+  EXPECT_EQ(found.answer, "HTTP/1.1 405 Not Allowed");
+}
+
+TEST_F(ProxyTrialTest, AnotherProtocolIsNoProxysAnswer) {
+  Helper server;
+  server.makeSocket("proxy", kPort);
+  ASSERT_EQ(server.ask("answer SSH-2.0-Something"), "done");
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::notAProxy);
+  EXPECT_EQ(found.answer, "SSH-2.0-Something");
+}
+
+TEST_F(ProxyTrialTest, OnlyTheBeginningOfALongLineIsShown) {
+  Helper server;
+  server.makeSocket("proxy", kPort);
+  ASSERT_EQ(server.ask("answer " + std::string(20'000, 'x')), "done");
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::notAProxy);
+  EXPECT_EQ(found.answer, std::string(100, 'x'));
+}
+
+TEST_F(ProxyTrialTest, AConnectionThatEndsIsNoAnswer) {
+  Helper server;
+  server.makeSocket("proxy", kPort);
+  ASSERT_EQ(server.ask("hang-up"), "done");
+  const auto found = outcome();
+  EXPECT_EQ(found.judgement, Judgement::unanswered);
+  EXPECT_EQ(found.answer, "it ends the connection");
+}
+
+TEST_F(ProxyTrialTest, SilenceIsNoAnswer) {
+  Helper server;
+  server.makeSocket("proxy", kPort);
+  ASSERT_EQ(server.ask("answer"), "done");
+  const auto begin = std::chrono::steady_clock::now();
+  const auto found = outcome();
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, ProxyTrial::kAnswerDeadline);
+  EXPECT_EQ(found.judgement, Judgement::unanswered);
+  EXPECT_EQ(found.answer, "no answer in 2 s");
+}
+
+TEST_F(ProxyTrialTest, AnotherListenerIsNotTried) {
+  Helper first;
+  first.makeSocket("proxy", kPort);
+  const auto former = listener();
+  first.kill();
+  EXPECT_FALSE(tryOnce(former));
+  Helper second;
+  second.makeSocket("proxy", kPort);
+  EXPECT_FALSE(tryOnce(former));
+  EXPECT_TRUE(tryOnce(listener()));
+}
+
+TEST_F(ProxyTrialTest, AnInterruptionEndsItAtOnce) {
+  Helper server;
+  server.makeSocket("proxy", kPort);
+  ASSERT_EQ(server.ask("answer"), "done");
+  const auto listening = listener();
+  interrupt_.signal();
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(tryOnce(listening));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, ProxyTrial::kAnswerDeadline);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

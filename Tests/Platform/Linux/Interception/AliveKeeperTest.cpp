@@ -1,0 +1,187 @@
+#include "Platform/Linux/Interception/AliveKeeper.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <semaphore>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Kernel/PacketQueue.h"
+#include "Tests/Platform/Linux/Support/NetworkFixture.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::loopbackSettings;
+using testing::outputOf;
+
+// Keeps the lines.
+class KeptLog final : public platform::Log {
+ public:
+  std::vector<std::string> lines() const {
+    const std::lock_guard guard(lock_);
+    return lines_;
+  }
+
+ protected:
+  void write(platform::LogLevel /*level*/, std::string_view format,
+             std::span<const platform::LogArgument> arguments) override {
+    const std::lock_guard guard(lock_);
+    lines_.push_back(platform::formatLogLine(format, arguments));
+  }
+
+ private:
+  mutable std::mutex lock_;
+  std::vector<std::string> lines_;
+};
+
+AliveKeeper::Install installer() {
+  return [] { return InterceptionTable::install(loopbackSettings(), PacketMarks(), 1, {}); };
+}
+
+std::unique_ptr<InterceptionTable> installTable() {
+  return std::get<std::unique_ptr<InterceptionTable>>(installer()());
+}
+
+// Breaks the netfilter sockets of this process, so that what they own is gone.
+void breakNetfilterSockets() {
+  const FileDescriptor nothing(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int descriptor = std::stoi(entry.path().filename());
+    int protocol = 0;
+    int domain = 0;
+    socklen_t size = sizeof protocol;
+    if (::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 &&
+        ::getsockopt(descriptor, SOL_SOCKET, SO_PROTOCOL, &protocol, &size) == 0 &&
+        domain == AF_NETLINK && protocol == NETLINK_NETFILTER) {
+      ::dup3(nothing.get(), descriptor, O_CLOEXEC);
+    }
+  }
+}
+
+class AliveKeeperTest : public ::testing::Test {
+ protected:
+  std::function<void()> onRefreshed() {
+    return [this] { refreshed_.release(); };
+  }
+  bool isRefreshed() { return refreshed_.try_acquire_for(5s); }
+
+  std::counting_semaphore<> refreshed_{0};
+  const std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
+};
+
+TEST_F(AliveKeeperTest, RefreshesOnABeat) {
+  AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
+  keeper.beat();
+  EXPECT_TRUE(isRefreshed());
+  EXPECT_TRUE(log_->lines().empty());
+}
+
+TEST_F(AliveKeeperTest, DoesNothingByItself) {
+  {
+    AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
+    // The elements run out, which they would not if anybody refreshed them.
+    const auto deadline = std::chrono::steady_clock::now() + InterceptionTable::kAliveTimeout * 3;
+    while (outputOf("nft list set inet ostravel alive").find("elements") != std::string::npos &&
+           std::chrono::steady_clock::now() < deadline) {
+    }
+    EXPECT_LT(std::chrono::steady_clock::now(), deadline);
+  }
+  EXPECT_FALSE(refreshed_.try_acquire());
+}
+
+TEST_F(AliveKeeperTest, RemovesTheTableAtTheEnd) {
+  { const AliveKeeper keeper(installTable(), installer(), log_, nullptr); }
+  EXPECT_EQ(outputOf("nft list ruleset"), "");
+}
+
+TEST_F(AliveKeeperTest, RemovesTheTableWhenAsked) {
+  AliveKeeper keeper(installTable(), installer(), log_, nullptr);
+  keeper.removeTable();
+  EXPECT_EQ(outputOf("nft list ruleset"), "");
+}
+
+TEST_F(AliveKeeperTest, AFlushOfEverythingByAnotherProcessChangesNothing) {
+  AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
+  const std::string before = outputOf("nft --stateless list chain inet ostravel refuse");
+  outputOf("nft flush ruleset");
+  EXPECT_EQ(outputOf("nft --stateless list chain inet ostravel refuse"), before);
+  keeper.beat();
+  EXPECT_TRUE(isRefreshed());
+  EXPECT_TRUE(log_->lines().empty());
+}
+
+TEST_F(AliveKeeperTest, InstallsATableAgainThatIsGone) {
+  AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
+  const std::string before = outputOf("nft --stateless list chain inet ostravel refuse");
+  breakNetfilterSockets();
+  EXPECT_EQ(outputOf("nft list ruleset"), "");
+  keeper.beat();
+  EXPECT_TRUE(isRefreshed());
+  EXPECT_EQ(outputOf("nft --stateless list chain inet ostravel refuse"), before);
+  keeper.beat();
+  EXPECT_TRUE(isRefreshed());
+  const auto lines = log_->lines();
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_TRUE(lines[0].starts_with("OstravelProxy: the interception could not be kept alive: "))
+      << lines[0];
+  EXPECT_EQ(lines[1], "OstravelProxy: Rules installed again");
+}
+
+TEST_F(AliveKeeperTest, KeepsTryingAndSaysEachFailureOnce) {
+  std::atomic<int> attempts = 0;
+  std::counting_semaphore<> attempted{0};
+  const auto install = [&]() -> std::variant<std::unique_ptr<InterceptionTable>, platform::Error> {
+    const int attempt = ++attempts;
+    attempted.release();
+    if (attempt < 5) {
+      return platform::Error{"test", 1, attempt < 3 ? "first reason" : "second reason"};
+    }
+    return installer()();
+  };
+  AliveKeeper keeper(installTable(), install, log_, onRefreshed());
+  breakNetfilterSockets();
+  for (int i = 0; i < 5; ++i) {
+    keeper.beat();
+    attempted.acquire();
+  }
+  EXPECT_TRUE(isRefreshed());
+  EXPECT_FALSE(refreshed_.try_acquire());
+  const auto lines = log_->lines();
+  ASSERT_EQ(lines.size(), 4U);
+  EXPECT_EQ(lines[1], "OstravelProxy: first reason");
+  EXPECT_EQ(lines[2], "OstravelProxy: second reason");
+  EXPECT_EQ(lines[3], "OstravelProxy: Rules installed again");
+  // Another failure is worth another line.
+  breakNetfilterSockets();
+  keeper.beat();
+  EXPECT_TRUE(isRefreshed());
+  EXPECT_EQ(log_->lines().size(), 6U);
+}
+
+TEST_F(AliveKeeperTest, EndsWithoutATable) {
+  const auto install = []() -> std::variant<std::unique_ptr<InterceptionTable>, platform::Error> {
+    return platform::Error{"test", 1, "never"};
+  };
+  AliveKeeper keeper(installTable(), install, log_, onRefreshed());
+  breakNetfilterSockets();
+  keeper.beat();
+  keeper.removeTable();
+  EXPECT_EQ(outputOf("nft list ruleset"), "");
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,95 @@
+#include "Platform/Linux/Interception/FlowAdmission.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+
+namespace ostravel::linuxplatform::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+class FlowAdmissionTest : public testing::Test {
+ protected:
+  LeaveReason admit() { return FlowAdmission::admit(*share_, descriptors_, now_); }
+  void hold(std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      share_->holdBegan();
+    }
+  }
+
+  // And the pause is over.
+  void timeOut() {
+    share_->handshakeTimedOut(now_);
+    now_ += UserShare::kLongestTrialPause;
+  }
+
+  UserShare::Clock::time_point now_{};
+  DescriptorBudget descriptors_{limits::kDescriptorReserve + 1000};
+  const std::shared_ptr<UserShare> share_ = std::make_shared<UserShare>();
+};
+
+TEST_F(FlowAdmissionTest, NobodyHasMoreThanHalfOfThePendingHandshakes) {
+  hold(23);
+  EXPECT_EQ(admit(), LeaveReason::none);
+  hold(1);
+  EXPECT_EQ(admit(), LeaveReason::handshakeShare);
+  share_->holdEnded();
+  EXPECT_EQ(admit(), LeaveReason::none);
+}
+
+TEST_F(FlowAdmissionTest, AfterATimeOutFlowsAreTriedOneAtATime) {
+  timeOut();
+  EXPECT_EQ(admit(), LeaveReason::none);
+  hold(1);
+  EXPECT_EQ(admit(), LeaveReason::onTrial);
+  // The trial has failed as well.
+  share_->holdEnded();
+  timeOut();
+  EXPECT_EQ(admit(), LeaveReason::none);
+}
+
+TEST_F(FlowAdmissionTest, BetweenTrialsThereAreGrowingPauses) {
+  for (const auto pause : {1s, 2s, 4s, 8s, 15s, 15s}) {
+    share_->handshakeTimedOut(now_);
+    // Those that time out together count as one.
+    share_->handshakeTimedOut(now_);
+    EXPECT_EQ(FlowAdmission::admit(*share_, descriptors_, now_ + pause - 1ms),
+              LeaveReason::onTrial);
+    now_ += pause;
+    EXPECT_EQ(admit(), LeaveReason::none);
+  }
+  share_->handshakeSucceeded();
+  share_->handshakeTimedOut(now_);
+  now_ += UserShare::kShortestTrialPause;
+  EXPECT_EQ(admit(), LeaveReason::none);
+}
+
+TEST_F(FlowAdmissionTest, ASuccessEndsTheTrial) {
+  timeOut();
+  hold(1);
+  share_->handshakeSucceeded();
+  EXPECT_EQ(admit(), LeaveReason::none);
+}
+
+TEST_F(FlowAdmissionTest, DescriptorsAreDividedAmongUsers) {
+  // Two for this one; what the user has must not be more than what is left.
+  auto lease = descriptors_.lease(498, share_);
+  EXPECT_EQ(admit(), LeaveReason::none);
+  auto more = descriptors_.lease(2, share_);
+  EXPECT_EQ(admit(), LeaveReason::descriptorShare);
+  UserShare another;
+  EXPECT_EQ(FlowAdmission::admit(another, descriptors_, now_), LeaveReason::none);
+}
+
+TEST_F(FlowAdmissionTest, HeldFlowsCountAsTheTunnelsThatTheyWillBe) {
+  auto lease = descriptors_.lease(495, share_);
+  hold(4);
+  EXPECT_EQ(admit(), LeaveReason::none);
+  hold(1);
+  EXPECT_EQ(admit(), LeaveReason::descriptorShare);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform::test

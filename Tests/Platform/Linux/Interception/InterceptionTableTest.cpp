@@ -1,0 +1,437 @@
+#include "Platform/Linux/Interception/InterceptionTable.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Kernel/PacketMarks.h"
+#include "Platform/Linux/Kernel/PacketQueue.h"
+#include "Tests/Platform/Linux/Support/NetworkFixture.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::Error;
+using platform::TransparentProxyNetworkSettings;
+using testing::Connecting;
+using testing::Listener;
+using testing::loopbackSettings;
+using testing::outputOf;
+using testing::SocketSettings;
+using testing::tcpRule;
+using testing::waitForPackets;
+
+constexpr PacketMarks kMarks;
+constexpr auto kGenerous = 5s;
+// Shorter than any retransmission, so that what has not happened by then was not going to.
+constexpr auto kSoon = 300ms;
+
+class InterceptionTableTest : public ::testing::Test {
+ protected:
+  InterceptionTableTest() : queue_(std::get<std::unique_ptr<PacketQueue>>(PacketQueue::open())) {}
+
+  std::unique_ptr<InterceptionTable> install(
+      const TransparentProxyNetworkSettings& settings,
+      const std::vector<InterceptionTable::ListenerPorts>& listeners = {}) {
+    auto installed = InterceptionTable::install(settings, kMarks, queue_->number(), listeners);
+    if (const auto* error = std::get_if<Error>(&installed)) {
+      ADD_FAILURE() << platform::describe(*error);
+      return nullptr;
+    }
+    return std::get<std::unique_ptr<InterceptionTable>>(std::move(installed));
+  }
+
+  std::string errorOf(const TransparentProxyNetworkSettings& settings) {
+    const auto installed = InterceptionTable::install(settings, kMarks, queue_->number(), {});
+    const auto* error = std::get_if<Error>(&installed);
+    return error != nullptr ? error->localizedDescription : "(no error)";
+  }
+
+  std::unique_ptr<PacketQueue> queue_;
+};
+
+TEST_F(InterceptionTableTest, OffersTheFirstPacketOfASelectedFlowAndAcceptsIt) {
+  const auto table = install(loopbackSettings());
+  Listener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  EXPECT_EQ(application.result(kSoon), EINPROGRESS);
+  queue_->accept(packets[0].id);
+  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort());
+}
+
+TEST_F(InterceptionTableTest, OffersIPv6) {
+  const auto table = install(loopbackSettings());
+  Listener origin("::1", 8000);
+  const Connecting application("::1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->accept(packets[0].id);
+  EXPECT_EQ(application.result(kGenerous), 0);
+}
+
+TEST_F(InterceptionTableTest, LeavesOtherPortsAlone) {
+  const auto table = install(loopbackSettings());
+  Listener origin("127.0.0.1");
+  const Connecting application("127.0.0.1", origin.port());
+  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
+}
+
+TEST_F(InterceptionTableTest, ExclusionComesBeforeInclusion) {
+  auto settings = loopbackSettings();
+  settings.excludedNetworkRules = {tcpRule("127.0.0.1", "8000", 32)};
+  const auto table = install(settings);
+  Listener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
+}
+
+TEST_F(InterceptionTableTest, AWildcardDoesNotCoverLoopback) {
+  TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {tcpRule("0.0.0.0", "8000", 0), tcpRule("::", "8000", 0)};
+  const auto table = install(settings);
+  Listener ipv4("127.0.0.1", 8000);
+  Listener ipv6("::1", 8000);
+  EXPECT_EQ(Connecting("127.0.0.1", 8000).result(kGenerous), 0);
+  EXPECT_EQ(Connecting("::1", 8000).result(kGenerous), 0);
+  EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
+}
+
+TEST_F(InterceptionTableTest, AWildcardCoversEveryOtherDestination) {
+  outputOf("ip address add 192.0.2.1/32 dev lo");
+  TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {tcpRule("0.0.0.0", "8000", 0)};
+  const auto table = install(settings);
+  const Connecting application("192.0.2.1", 8000);
+  EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
+}
+
+TEST_F(InterceptionTableTest, APrefixCoversItsNetworkOnly) {
+  TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {tcpRule("127.5.0.0", "8000", 12)};
+  const auto table = install(settings);
+  Listener outside("127.16.0.1", 8000);
+  EXPECT_EQ(Connecting("127.16.0.1", 8000).result(kGenerous), 0);
+  const Connecting inside("127.15.255.1", 8000);
+  EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
+}
+
+TEST_F(InterceptionTableTest, SocketsOfOurOwnAreNeverOffered) {
+  const auto table = install(loopbackSettings());
+  Listener origin("127.0.0.1", 8000);
+  const std::string mark = std::to_string(kMarks.own());
+  outputOf("python3 -c \"import socket; s = socket.socket(); s.setsockopt(socket.SOL_SOCKET, 36, " +
+           mark + "); s.settimeout(5); s.connect(('127.0.0.1', 8000))\"");
+  EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
+}
+
+TEST_F(InterceptionTableTest, AMarkedPacketArrivesAtTheLoopsListenerWithItsOwnSource) {
+  Listener first("127.0.0.1");
+  Listener second("127.0.0.1");
+  const auto table = install(loopbackSettings(), {{first.port(), 0}, {second.port(), 0}});
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->acceptMarked(packets[0].id, kMarks.redirect(1));
+  EXPECT_EQ(second.acceptOne(kGenerous), application.sourcePort());
+  EXPECT_EQ(application.result(kGenerous), 0);
+}
+
+TEST_F(InterceptionTableTest, RedirectsIPv6) {
+  Listener listener("::1");
+  const auto table = install(loopbackSettings(), {{0, listener.port()}});
+  const Connecting application("::1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->acceptMarked(packets[0].id, kMarks.redirect(0));
+  EXPECT_EQ(listener.acceptOne(kGenerous), application.sourcePort());
+}
+
+TEST_F(InterceptionTableTest, ARefusedConnectionIsResetAtOnce) {
+  const auto table = install(loopbackSettings());
+  Listener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->acceptMarked(packets[0].id, kMarks.refuse());
+  EXPECT_EQ(application.result(kSoon), ECONNREFUSED);
+}
+
+// Every value that our bits of a mark can have.
+std::vector<std::uint32_t> everyMark() {
+  std::vector<std::uint32_t> values;
+  for (unsigned value = 1; value <= kMarks.maximumEventLoops() + 2; ++value) {
+    values.push_back(value * kMarks.own());
+  }
+  return values;
+}
+
+TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnOtherPorts) {
+  Listener loop("127.0.0.1");
+  const auto table = install(loopbackSettings(), {{loop.port(), 0}});
+  Listener origin("127.0.0.1", 8001);
+  for (const std::uint32_t mark : everyMark()) {
+    const Connecting application("127.0.0.1", 8001, {.mark = mark});
+    EXPECT_EQ(application.result(kGenerous), 0) << mark;
+    EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort()) << mark;
+  }
+}
+
+TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnExcludedDestination) {
+  Listener loop("127.0.0.1");
+  auto settings = loopbackSettings();
+  settings.excludedNetworkRules = {tcpRule("127.0.0.1", "8000", 32)};
+  const auto table = install(settings, {{loop.port(), 0}});
+  Listener origin("127.0.0.1", 8000);
+  for (const std::uint32_t mark : everyMark()) {
+    const Connecting application("127.0.0.1", 8000, {.mark = mark});
+    EXPECT_EQ(application.result(kGenerous), 0) << mark;
+    EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort()) << mark;
+  }
+}
+
+TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnEstablishedConnection) {
+  // Another program's rule, before ours, for everything but the first packet.
+  outputOf(
+      "nft 'add table inet foreign; add chain inet foreign out "
+      "{ type filter hook output priority raw; }; add rule inet foreign out tcp dport 8000 "
+      "tcp flags & (syn | ack) != syn counter meta mark set " +
+      std::to_string(kMarks.refuse()) + "'");
+  const auto table = install(loopbackSettings());
+  Listener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->accept(packets[0].id);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  application.send("still there");
+  EXPECT_EQ(application.result(0ms), 0);
+  EXPECT_NE(outputOf("nft list table inet foreign").find("counter packets"), std::string::npos);
+}
+
+TEST_F(InterceptionTableTest, NothingThatBearsOurBitsIsOffered) {
+  const auto table = install(loopbackSettings());
+  std::vector<std::unique_ptr<Connecting>> applications;
+  for (const std::uint32_t mark : everyMark()) {
+    applications.push_back(
+        std::make_unique<Connecting>("127.0.0.1", 8000, SocketSettings{.mark = mark}));
+    // Among bits of others too.
+    applications.push_back(
+        std::make_unique<Connecting>("127.0.0.1", 8000, SocketSettings{.mark = mark | 1U}));
+  }
+  EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
+}
+
+TEST_F(InterceptionTableTest, AMarkOfOtherBitsIsOffered) {
+  const auto table = install(loopbackSettings());
+  const Connecting application("127.0.0.1", 8000, {.mark = ~kMarks.mask()});
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  EXPECT_EQ(packets[0].mark, ~kMarks.mask());
+}
+
+TEST_F(InterceptionTableTest, AnotherMaskCanBeUsed) {
+  const auto marks = PacketMarks::fromMask(0x70);
+  Listener loop("127.0.0.1");
+  const auto table = std::get<std::unique_ptr<InterceptionTable>>(
+      InterceptionTable::install(loopbackSettings(), *marks, queue_->number(), {{loop.port(), 0}}));
+  const Connecting application("127.0.0.1", 8000, {.mark = kMarks.own()});
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->acceptMarked(packets[0].id, marks->redirect(0));
+  EXPECT_EQ(loop.acceptOne(kGenerous), application.sourcePort());
+}
+
+TEST_F(InterceptionTableTest, ARepeatedPacketOfAConnectionIsNotOfferedAgain) {
+  // So that there is no answer.
+  outputOf(
+      "nft 'add table inet foreign; add chain inet foreign in "
+      "{ type filter hook input priority filter; }; add rule inet foreign in tcp dport 8000 drop'");
+  const auto table = install(loopbackSettings());
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue_, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  queue_->accept(packets[0].id);
+  // The first repetition comes after a second.
+  EXPECT_TRUE(waitForPackets(*queue_, 700ms).empty());
+  EXPECT_FALSE(table->refreshAlive());
+  EXPECT_TRUE(waitForPackets(*queue_, 800ms).empty());
+}
+
+TEST_F(InterceptionTableTest, ANewConnectionFromAUsedPortIsOffered) {
+  const auto table = install(loopbackSettings());
+  Listener origin("127.0.0.1", 8000);
+  constexpr std::uint16_t kSourcePort = 5000;
+  const auto connect = [this] {
+    auto application =
+        std::make_unique<Connecting>("127.0.0.1", 8000, SocketSettings{.sourcePort = kSourcePort});
+    const auto packets = waitForPackets(*queue_, kGenerous);
+    EXPECT_EQ(packets.size(), 1U);
+    for (const auto& packet : packets) {
+      queue_->accept(packet.id);
+    }
+    EXPECT_EQ(application->result(kGenerous), 0);
+    return application;
+  };
+  // The origin ends it first, so that its end waits (TIME-WAIT).
+  auto application = connect();
+  EXPECT_EQ(origin.acceptOne(kGenerous), kSourcePort);
+  application.reset();
+  // The origin resets it.
+  application = connect();
+  EXPECT_EQ(origin.acceptAndResetOne(kGenerous), kSourcePort);
+  application.reset();
+  // The application resets it.
+  application = connect();
+  application->reset();
+  EXPECT_EQ(origin.acceptOne(kGenerous), kSourcePort);
+  application = connect();
+}
+
+TEST_F(InterceptionTableTest, DestinationsOfALinkOrAGroupAreNotOffered) {
+  outputOf(
+      "ip link add ours type veth peer name theirs && ip link set ours up && "
+      "ip link set theirs up && ip address add 169.254.1.1/16 dev ours && "
+      "ip address add fe80::1/64 dev ours nodad && ip route add default dev ours && "
+      "ip route add 224.0.0.0/4 dev ours && "
+      "ip address add 192.0.2.1/32 dev lo");
+  TransparentProxyNetworkSettings settings("127.0.0.1");
+  for (const char* anywhere : {"0.0.0.0", "::"}) {
+    settings.includedNetworkRules.push_back(tcpRule(anywhere, "80", 0));
+    settings.includedNetworkRules.push_back(testing::udpRule(anywhere, "443", 0));
+  }
+  const auto table = install(settings);
+  const Connecting linkIPv4("169.254.1.2", 80);
+  const Connecting linkIPv6("fe80::2%ours", 80);
+  outputOf(
+      "/usr/bin/python3 -c \"import socket\n"
+      "four = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+      "four.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)\n"
+      "for address in '224.0.0.251', '255.255.255.255', '169.254.1.3':\n"
+      "  four.sendto(b'x', (address, 443))\n"
+      "six = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)\n"
+      "for address in 'ff02::fb', 'fe80::3':\n"
+      "  six.sendto(b'x', (address, 443, 0, socket.if_nametoindex('ours')))\"");
+  EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
+  // What is not on the link is. The commands may have taken long.
+  EXPECT_FALSE(table->refreshAlive());
+  const Connecting elsewhere("192.0.2.1", 80);
+  EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
+}
+
+TEST_F(InterceptionTableTest, PassesPacketsWhenNobodyListensAtTheQueue) {
+  const auto table = install(loopbackSettings());
+  queue_.reset();
+  Listener origin("127.0.0.1", 8000);
+  EXPECT_EQ(Connecting("127.0.0.1", 8000).result(kSoon), 0);
+}
+
+TEST_F(InterceptionTableTest, StopsOfferingWhenNobodyRefreshesIt) {
+  const auto table = install(loopbackSettings());
+  // Every connect before the time-out is over is offered, and held; each is a new one.
+  const auto deadline = std::chrono::steady_clock::now() + InterceptionTable::kAliveTimeout * 3;
+  Listener origin("127.0.0.1", 8000);
+  bool passes = false;
+  while (!passes && std::chrono::steady_clock::now() < deadline) {
+    passes = Connecting("127.0.0.1", 8000).result(kSoon) == 0;
+  }
+  EXPECT_TRUE(passes);
+  // Whoever refreshes later is offered packets again.
+  EXPECT_FALSE(table->refreshAlive());
+  while (!waitForPackets(*queue_, 0ms).empty()) {
+  }
+  const Connecting again("127.0.0.1", 8000);
+  EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
+}
+
+TEST_F(InterceptionTableTest, GoesOnOfferingWhileItIsRefreshed) {
+  const auto table = install(loopbackSettings());
+  const auto deadline = std::chrono::steady_clock::now() + InterceptionTable::kAliveTimeout * 2;
+  while (std::chrono::steady_clock::now() < deadline) {
+    ASSERT_FALSE(table->refreshAlive());
+    const Connecting application("127.0.0.1", 8000);
+    const auto packets = waitForPackets(*queue_, kGenerous);
+    ASSERT_FALSE(packets.empty());
+    for (const auto& packet : packets) {
+      queue_->accept(packet.id);
+    }
+  }
+}
+
+TEST_F(InterceptionTableTest, LeavesNothingBehind) {
+  install(loopbackSettings()).reset();
+  EXPECT_EQ(outputOf("nft list ruleset"), "");
+}
+
+TEST_F(InterceptionTableTest, VanishesWithItsProcessHoweverItEnds) {
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // The queue of the parent is of no use here; any number will do.
+    const auto installed = InterceptionTable::install(loopbackSettings(), kMarks, 1, {});
+    if (installed.index() == 0) {
+      ::raise(SIGKILL);
+    }
+    ::_exit(1);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(outputOf("nft list ruleset"), "");
+}
+
+TEST_F(InterceptionTableTest, ASecondInstanceSaysSoAndHarmsNothing) {
+  const auto first = install(loopbackSettings());
+  EXPECT_NE(errorOf(loopbackSettings()).find("another instance is running"), std::string::npos);
+  const Connecting application("127.0.0.1", 8000);
+  EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
+}
+
+TEST_F(InterceptionTableTest, NamesARuleThatCannotBeTranslated) {
+  auto settings = loopbackSettings();
+  settings.includedNetworkRules = {tcpRule("example.org", "80", 0)};
+  EXPECT_EQ(errorOf(settings),
+            "network rule for \"example.org\" port \"80\": the network is not an address literal");
+  settings.includedNetworkRules = {tcpRule("127.0.0.1", "http", 32)};
+  EXPECT_EQ(errorOf(settings),
+            "network rule for \"127.0.0.1\" port \"http\": the port is not a number from 1 to "
+            "65535");
+  settings.includedNetworkRules = {tcpRule("127.0.0.1", "0", 32)};
+  EXPECT_NE(errorOf(settings).find("not a number from 1 to 65535"), std::string::npos);
+  settings.includedNetworkRules = {tcpRule("127.0.0.1", "80", 33)};
+  EXPECT_NE(errorOf(settings).find("the prefix is longer than the address"), std::string::npos);
+  EXPECT_EQ(outputOf("nft list ruleset"), "");
+}
+
+TEST_F(InterceptionTableTest, WithoutThePermissionItSaysWhichIsMissing) {
+  constexpr uid_t kNobody = 65534;
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const bool dropped = ::setresuid(kNobody, kNobody, kNobody) == 0;
+    const auto installed = InterceptionTable::install(loopbackSettings(), kMarks, 1, {});
+    const auto* error = std::get_if<Error>(&installed);
+    const bool isNamed =
+        error != nullptr && error->localizedDescription.find("CAP_NET_ADMIN") != std::string::npos;
+    ::_exit(dropped && isNamed ? 0 : 1);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,72 @@
+#include "Platform/Linux/Interception/RecentFlows.h"
+
+#include <gtest/gtest.h>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+
+const RecentFlows::TimePoint kNow{1000s};
+
+FirstPacket packetFrom(std::uint16_t port, std::uint32_t sequence = 1) {
+  FirstPacket packet;
+  packet.tuple.source.port = port;
+  packet.initialSequence = sequence;
+  return packet;
+}
+
+FirstPacket datagramFrom(std::uint16_t port) {
+  FirstPacket packet = packetFrom(port, 0);
+  packet.tuple.protocol = TransportProtocol::udp;
+  return packet;
+}
+
+TEST(RecentFlows, KnowsARetransmissionButNotANewConnectionFromTheSamePort) {
+  RecentFlows flows(10);
+  flows.remember(packetFrom(4000, 7), kNow);
+  EXPECT_TRUE(flows.contains(packetFrom(4000, 7), kNow));
+  EXPECT_FALSE(flows.contains(packetFrom(4000, 8), kNow));
+  EXPECT_FALSE(flows.contains(packetFrom(4001, 7), kNow));
+}
+
+TEST(RecentFlows, KeepsAConnectionForAllItsRetransmissionsAndDatagramsForHalfAMinute) {
+  RecentFlows flows(10);
+  flows.remember(packetFrom(4000), kNow);
+  flows.remember(datagramFrom(4000), kNow);
+  EXPECT_TRUE(flows.contains(packetFrom(4000), kNow + 127s));
+  EXPECT_FALSE(flows.contains(packetFrom(4000), kNow + 130s));
+  EXPECT_TRUE(flows.contains(datagramFrom(4000), kNow + 29s));
+  EXPECT_FALSE(flows.contains(datagramFrom(4000), kNow + 30s));
+}
+
+TEST(RecentFlows, ForgetsTheOldestFirstWhenFull) {
+  RecentFlows flows(3);
+  for (std::uint16_t port = 1; port <= 4; ++port) {
+    flows.remember(packetFrom(port), kNow);
+  }
+  EXPECT_EQ(flows.size(), 3U);
+  EXPECT_FALSE(flows.contains(packetFrom(1), kNow));
+  EXPECT_TRUE(flows.contains(packetFrom(2), kNow));
+  EXPECT_TRUE(flows.contains(packetFrom(4), kNow));
+}
+
+TEST(RecentFlows, SweepsOutWhatHasExpired) {
+  RecentFlows flows(100);
+  for (std::uint16_t port = 1; port <= 50; ++port) {
+    flows.remember(datagramFrom(port), kNow);
+  }
+  flows.remember(datagramFrom(99), kNow + 40s);
+  EXPECT_EQ(flows.size(), 1U);
+}
+
+TEST(RecentFlows, KeepsAFlowThatIsRememberedAgain) {
+  RecentFlows flows(100);
+  flows.remember(datagramFrom(1), kNow);
+  flows.remember(datagramFrom(1), kNow + 20s);
+  flows.remember(datagramFrom(2), kNow + 35s);
+  EXPECT_TRUE(flows.contains(datagramFrom(1), kNow + 35s));
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

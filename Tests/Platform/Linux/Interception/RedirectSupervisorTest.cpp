@@ -1,0 +1,222 @@
+#include "Platform/Linux/Interception/RedirectSupervisor.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Tests/Platform/Linux/Support/NetworkFixture.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Connecting;
+using testing::Listener;
+using testing::loopbackSettings;
+using testing::outputOf;
+
+constexpr auto kGenerous = 20s;
+constexpr auto kShortPause = 50ms;
+
+// Keeps what is logged.
+class KeptLog final : public platform::Log {
+ public:
+  // Waits until a line has this text; empty if none comes.
+  std::string wait(const std::string& text) {
+    std::unique_lock guard(lock_);
+    std::string found;
+    changed_.wait_for(guard, kGenerous, [this, &text, &found] {
+      for (const std::string& line : lines_) {
+        if (line.find(text) != std::string::npos) {
+          found = line;
+        }
+      }
+      return !found.empty();
+    });
+    return found;
+  }
+  std::size_t count() {
+    const std::lock_guard guard(lock_);
+    return lines_.size();
+  }
+
+ private:
+  void write(platform::LogLevel /*level*/, std::string_view format,
+             std::span<const platform::LogArgument> arguments) override {
+    const std::lock_guard guard(lock_);
+    lines_.push_back(platform::formatLogLine(format, arguments));
+    changed_.notify_all();
+  }
+
+  std::mutex lock_;
+  std::condition_variable changed_;
+  std::vector<std::string> lines_;
+};
+
+class RedirectSupervisorTest : public ::testing::Test {
+ protected:
+  RedirectSupervisorTest() {
+    outputOf("ip address add 192.0.2.7/32 dev lo");
+    std::vector<InterceptionTable::ListenerPorts> ports;
+    for (unsigned index = 0; index < loops_.size(); ++index) {
+      const FlowListener& listener = loops_.loop(index).listener();
+      ports.push_back({listener.ipv4Port(), listener.ipv6Port()});
+    }
+    // Nobody listens at the queue.
+    table_ = std::get<std::unique_ptr<InterceptionTable>>(
+        InterceptionTable::install(loopbackSettings(), loops_.marks(), 0, ports));
+  }
+  ~RedirectSupervisorTest() override {
+    if (supervisor_) {
+      supervisor_->stop();
+    }
+    loops_.stop();
+  }
+
+  void start(std::chrono::milliseconds pause = RedirectSupervisor::kPause) {
+    supervisor_ = RedirectSupervisor::start(loops_, loopbackSettings(), log_, pause);
+  }
+
+  bool isUsable(AddressFamily family) { return loops_.redirectPath().isUsable(family); }
+  bool becomes(AddressFamily family, bool isUsableThen) {
+    const auto limit = std::chrono::steady_clock::now() + kGenerous;
+    while (isUsable(family) != isUsableThen && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::yield();
+    }
+    return isUsable(family) == isUsableThen;
+  }
+
+  static void addRule(const std::string& chain, const std::string& rule) {
+    outputOf("nft 'add table inet foreign; add chain inet foreign " + chain +
+             " { type filter hook " + chain + " priority raw; }; add rule inet foreign " + chain +
+             " " + rule + "'");
+  }
+  static void removeRules() { outputOf("nft delete table inet foreign"); }
+
+  DescriptorBudget budget_{10'000};
+  EventLoopGroup loops_{budget_, 2};
+  const std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
+  std::unique_ptr<InterceptionTable> table_;
+  std::shared_ptr<RedirectSupervisor> supervisor_;
+};
+
+TEST_F(RedirectSupervisorTest, ThePathIsNotUsableBeforeItWasTested) {
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+  EXPECT_FALSE(isUsable(AddressFamily::ipv6));
+}
+
+TEST_F(RedirectSupervisorTest, APathThatWorksBecomesUsableAndNothingIsLogged) {
+  start();
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+  EXPECT_TRUE(becomes(AddressFamily::ipv6, true));
+  EXPECT_EQ(log_->count(), 0U);
+}
+
+TEST_F(RedirectSupervisorTest, NothingIsUsableAfterItWasStopped) {
+  start();
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+  supervisor_->stop();
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+}
+
+TEST_F(RedirectSupervisorTest, SaysThatNobodyAnswersWhenARuleDrops) {
+  addRule("input", "ip saddr 127.0.0.1 tcp dport != 8000 drop");
+  start();
+  EXPECT_NE(log_->wait("over IPv4").find("from 127.0.0.1: not answered"), std::string::npos);
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+  EXPECT_TRUE(becomes(AddressFamily::ipv6, true));
+}
+
+TEST_F(RedirectSupervisorTest, TriesTheUsualAddressOfTheMachineToo) {
+  outputOf(
+      "ip link add ours type veth peer name theirs && ip link set ours up && "
+      "ip address add 198.51.100.1/24 dev ours && ip route add default dev ours");
+  addRule("input", "iifname lo ip saddr 198.51.100.1 drop");
+  start();
+  EXPECT_NE(log_->wait("over IPv4").find("from 198.51.100.1: not answered"), std::string::npos);
+}
+
+TEST_F(RedirectSupervisorTest, SaysThatNothingIsRedirectedWhenNothingIsTracked) {
+  addRule("output", "notrack");
+  start();
+  EXPECT_NE(log_->wait("over IPv4").find("refused or not redirected"), std::string::npos);
+  EXPECT_NE(log_->wait("over IPv6").find("refused or not redirected"), std::string::npos);
+}
+
+TEST_F(RedirectSupervisorTest, AnotherListenerIsNotOurs) {
+  Listener other("127.0.0.1", 8000);
+  addRule("output", "notrack");
+  start();
+  EXPECT_NE(log_->wait("over IPv4").find("not redirected"), std::string::npos);
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+}
+
+TEST_F(RedirectSupervisorTest, TriesAgainAfterThePauseAndSaysOnceThatItWorks) {
+  addRule("output", "meta l4proto tcp reject with tcp reset");
+  start(kShortPause);
+  log_->wait("over IPv4");
+  log_->wait("over IPv6");
+  removeRules();
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+  EXPECT_TRUE(becomes(AddressFamily::ipv6, true));
+  EXPECT_NE(log_->wait("arrive again over IPv4"), "");
+  EXPECT_NE(log_->wait("arrive again over IPv6"), "");
+  // However often it has failed.
+  EXPECT_EQ(log_->count(), 4U);
+}
+
+TEST_F(RedirectSupervisorTest, AConnectionThatIsLostGoesDirectAndThePathIsTestedAgain) {
+  start();
+  ASSERT_TRUE(becomes(AddressFamily::ipv4, true));
+  // Everything to the listeners.
+  addRule("input", "tcp dport " + std::to_string(loops_.loop(1).listener().ipv4Port()) + " drop");
+  Listener origin("127.0.0.1", 8000);
+  // As if it had been released for the second loop, by the packet's mark and not the socket's.
+  addRule("output",
+          "tcp dport 8000 tcp flags & (syn | ack) == syn "
+          "meta mark set " +
+              std::to_string(loops_.marks().redirect(1)));
+  const Connecting application("127.0.0.1", 8000);
+  EXPECT_EQ(application.result(100ms), EINPROGRESS);
+  outputOf("nft flush chain inet foreign output");
+  const auto source = parseAddressLiteral({"127.0.0.1", std::to_string(application.sourcePort())});
+  const auto destination = parseAddressLiteral({"127.0.0.1", "8000"});
+  loops_.redirectPath().reportMissing(1, {TransportProtocol::tcp, *source, *destination});
+  EXPECT_NE(log_->wait("over IPv4").find("not answered"), std::string::npos);
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+  EXPECT_TRUE(isUsable(AddressFamily::ipv6));
+  // With the repetition of its SYN.
+  EXPECT_EQ(application.result(kGenerous), 0);
+}
+
+TEST_F(RedirectSupervisorTest, AConnectionThatTheApplicationGaveUpSaysNothingAboutThePath) {
+  start();
+  ASSERT_TRUE(becomes(AddressFamily::ipv4, true));
+  addRule("input", "tcp dport != 8000 drop");
+  loops_.redirectPath().reportMissing(
+      0, {TransportProtocol::tcp, *parseAddressLiteral({"127.0.0.1", "5000"}),
+          *parseAddressLiteral({"127.0.0.1", "8000"})});
+  // Runs after what that has started.
+  std::promise<void> ran;
+  loops_.loop(0).post([&ran] { ran.set_value(); });
+  ran.get_future().wait();
+  EXPECT_TRUE(isUsable(AddressFamily::ipv4));
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

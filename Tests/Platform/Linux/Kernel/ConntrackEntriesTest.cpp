@@ -1,0 +1,112 @@
+#include "Platform/Linux/Kernel/ConntrackEntries.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <string>
+
+#include "Tests/Platform/Linux/Support/NetworkFixture.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Connecting;
+using testing::Listener;
+using testing::outputOf;
+
+constexpr auto kGenerous = 5s;
+
+void trackConnections() {
+  outputOf(
+      "nft 'add table inet foreign; add chain inet foreign out "
+      "{ type filter hook output priority filter; }; add rule inet foreign out ct state new "
+      "counter'");
+}
+
+FlowTuple tupleOf(const Connecting& application, AddressFamily family) {
+  FlowTuple tuple;
+  tuple.source.family = family;
+  tuple.source.address[family == AddressFamily::ipv4 ? 3 : 15] = 1;
+  if (family == AddressFamily::ipv4) {
+    tuple.source.address[0] = 127;
+  }
+  tuple.destination = tuple.source;
+  tuple.source.port = application.sourcePort();
+  tuple.destination.port = 8000;
+  return tuple;
+}
+
+TEST(ConntrackEntriesTest, MakesTheKernelForgetAConnection) {
+  trackConnections();
+  ConntrackEntries entries;
+  for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
+    const char* const address = family == AddressFamily::ipv4 ? "127.0.0.1" : "::1";
+    Listener origin(address, 8000);
+    const Connecting application(address, 8000);
+    ASSERT_EQ(application.result(kGenerous), 0);
+    EXPECT_EQ(entries.remove(tupleOf(application, family)), 0);
+    EXPECT_EQ(entries.remove(tupleOf(application, family)), ENOENT);
+  }
+}
+
+TEST(ConntrackEntriesTest, SaysThatThereIsNone) {
+  trackConnections();
+  EXPECT_EQ(ConntrackEntries().remove(FlowTuple()), ENOENT);
+}
+
+class ConntrackEntriesOfRedirectionsTest : public ::testing::TestWithParam<const char*> {
+ protected:
+  ConntrackEntriesOfRedirectionsTest() {
+    trackConnections();
+    outputOf(
+        "nft 'add table inet redirections; add chain inet redirections out "
+        "{ type nat hook output priority -100; }; add rule inet redirections out "
+        "tcp dport 8001 redirect to :8000'");
+  }
+
+  static bool isNotListened(const SocketEndpoint& /*endpoint*/) { return false; }
+
+  Listener listener_{GetParam(), 8000};
+  ConntrackEntries entries_;
+};
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseToWhereNobodyListensAreForgotten) {
+  const Connecting application(GetParam(), 8001);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 1U);
+  EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);
+}
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseThatWereResetAreForgottenToo) {
+  const Connecting application(GetParam(), 8001);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  listener_.acceptAndResetOne(kGenerous);
+  EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 1U);
+}
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseToWhereSomebodyListensAreKept) {
+  const Connecting application(GetParam(), 8001);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  const auto isListened = [](const SocketEndpoint& endpoint) {
+    EXPECT_EQ(endpoint.addressText(), GetParam());
+    EXPECT_EQ(endpoint.port, 8000);
+    return true;
+  };
+  EXPECT_EQ(entries_.removeDeadRedirections(isListened), 0U);
+}
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, WhatWasNotRedirectedIsKept) {
+  const Connecting application(GetParam(), 8000);
+  ASSERT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, ConntrackEntriesOfRedirectionsTest,
+                         ::testing::Values("127.0.0.1", "::1"), [](const auto& instance) {
+                           return std::string(instance.param) == "::1" ? "IPv6" : "IPv4";
+                         });
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

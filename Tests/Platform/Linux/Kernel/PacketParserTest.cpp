@@ -1,0 +1,114 @@
+#include "Platform/Linux/Kernel/PacketParser.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+std::optional<FirstPacket> parse(const Bytes& bytes) {
+  return parseFirstPacket(std::as_bytes(std::span(bytes)));
+}
+
+// 10.0.0.2:49152 -> 192.0.2.10:443, sequence number 0x01020304.
+const Bytes kPorts = {0xC0, 0x00, 0x01, 0xBB, 0x01, 0x02, 0x03, 0x04};
+
+Bytes ipv4Packet(std::uint8_t protocol) {
+  Bytes packet = {0x45, 0, 0, 40, 0, 0, 0x40, 0, 64, protocol, 0, 0, 10, 0, 0, 2, 192, 0, 2, 10};
+  packet.insert(packet.end(), kPorts.begin(), kPorts.end());
+  return packet;
+}
+
+// 2001:db8::2 -> 2001:db8::1
+Bytes ipv6Header(std::uint8_t next) {
+  return {0x60, 0, 0,    0,    0, 8, next, 64,                          //
+          0x20, 1, 0x0D, 0xB8, 0, 0, 0,    0,  0, 0, 0, 0, 0, 0, 0, 2,  //
+          0x20, 1, 0x0D, 0xB8, 0, 0, 0,    0,  0, 0, 0, 0, 0, 0, 0, 1};
+}
+
+constexpr std::uint8_t kTCP = 6;
+constexpr std::uint8_t kUDP = 17;
+constexpr std::uint8_t kICMP = 1;
+constexpr std::uint8_t kHopByHop = 0;
+constexpr std::uint8_t kFragment = 44;
+
+TEST(PacketParser, ReadsAddressesPortsAndSequenceNumberOfTCPOverIPv4) {
+  const auto packet = parse(ipv4Packet(kTCP));
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->tuple.protocol, TransportProtocol::tcp);
+  EXPECT_EQ(packet->tuple.source.addressText(), "10.0.0.2");
+  EXPECT_EQ(packet->tuple.source.port, 49152);
+  EXPECT_EQ(packet->tuple.destination.addressText(), "192.0.2.10");
+  EXPECT_EQ(packet->tuple.destination.port, 443);
+  EXPECT_EQ(packet->initialSequence, 0x01020304U);
+}
+
+TEST(PacketParser, ReadsUDPOverIPv6WithoutASequenceNumber) {
+  Bytes bytes = ipv6Header(kUDP);
+  bytes.insert(bytes.end(), kPorts.begin(), kPorts.end());
+  const auto packet = parse(bytes);
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->tuple.protocol, TransportProtocol::udp);
+  EXPECT_EQ(packet->tuple.source.addressText(), "2001:db8::2");
+  EXPECT_EQ(packet->tuple.destination.addressText(), "2001:db8::1");
+  EXPECT_EQ(packet->initialSequence, 0U);
+}
+
+TEST(PacketParser, SkipsIPv4Options) {
+  Bytes bytes = ipv4Packet(kTCP);
+  bytes[0] = 0x46;
+  bytes.insert(bytes.begin() + 20, {1, 1, 1, 0});
+  const auto packet = parse(bytes);
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->tuple.destination.port, 443);
+}
+
+TEST(PacketParser, SkipsIPv6ExtensionHeaders) {
+  Bytes bytes = ipv6Header(kHopByHop);
+  bytes.insert(bytes.end(), {kTCP, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+  bytes.insert(bytes.end(), kPorts.begin(), kPorts.end());
+  const auto packet = parse(bytes);
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->tuple.source.port, 49152);
+}
+
+TEST(PacketParser, RefusesEndlessIPv6ExtensionHeaders) {
+  Bytes bytes = ipv6Header(kHopByHop);
+  for (int count = 0; count < 20; ++count) {
+    bytes.insert(bytes.end(), {kHopByHop, 0, 0, 0, 0, 0, 0, 0});
+  }
+  EXPECT_FALSE(parse(bytes));
+}
+
+TEST(PacketParser, RefusesOtherProtocolsAndFragments) {
+  EXPECT_FALSE(parse(ipv4Packet(kICMP)));
+  Bytes laterFragment = ipv4Packet(kUDP);
+  laterFragment[7] = 1;
+  EXPECT_FALSE(parse(laterFragment));
+  Bytes ipv6Fragment = ipv6Header(kFragment);
+  ipv6Fragment.insert(ipv6Fragment.end(), kPorts.begin(), kPorts.end());
+  EXPECT_FALSE(parse(ipv6Fragment));
+}
+
+TEST(PacketParser, RefusesEveryPacketThatIsCutOff) {
+  for (const Bytes& whole : {ipv4Packet(kTCP), ipv6Header(kTCP)}) {
+    for (std::size_t size = 0; size + 1 < whole.size(); ++size) {
+      EXPECT_FALSE(parse(Bytes(whole.begin(), whole.begin() + static_cast<long>(size)))) << size;
+    }
+  }
+}
+
+TEST(PacketParser, RefusesAHeaderLengthBelowTheMinimumAndUnknownVersions) {
+  Bytes shortHeader = ipv4Packet(kTCP);
+  shortHeader[0] = 0x44;
+  EXPECT_FALSE(parse(shortHeader));
+  Bytes unknownVersion = ipv4Packet(kTCP);
+  unknownVersion[0] = 0x55;
+  EXPECT_FALSE(parse(unknownVersion));
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

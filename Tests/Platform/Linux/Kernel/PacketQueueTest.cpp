@@ -1,0 +1,183 @@
+#include "Platform/Linux/Kernel/PacketQueue.h"
+
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <vector>
+
+#include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Kernel/PacketParser.h"
+#include "Tests/Platform/Linux/Support/NetworkFixture.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Connecting;
+using testing::Listener;
+using testing::loopbackSettings;
+using testing::outputOf;
+using testing::waitForPackets;
+
+constexpr auto kGenerous = 5s;
+
+std::unique_ptr<PacketQueue> openQueue() {
+  return std::get<std::unique_ptr<PacketQueue>>(PacketQueue::open());
+}
+
+std::unique_ptr<InterceptionTable> installTable(const PacketQueue& queue) {
+  return std::get<std::unique_ptr<InterceptionTable>>(
+      InterceptionTable::install(loopbackSettings(), PacketMarks(), queue.number(), {}));
+}
+
+TEST(PacketQueueTest, TakesANumberOfItsOwn) {
+  const auto first = openQueue();
+  const auto second = openQueue();
+  EXPECT_NE(first->number(), second->number());
+}
+
+TEST(PacketQueueTest, ReturnsAtOnceWhenThereIsNoPacket) {
+  const auto queue = openQueue();
+  EXPECT_FALSE(queue->receive([](const PacketQueue::Packet&) { FAIL(); }));
+}
+
+TEST(PacketQueueTest, HandsOverThePacketFromItsNetworkHeaderOn) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  const auto first = parseFirstPacket(packets[0].bytes);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->tuple.source.port, application.sourcePort());
+  EXPECT_EQ(first->tuple.destination.port, 8000);
+}
+
+TEST(PacketQueueTest, TellsTheUserOfThePacketsSocketAndTheInterface) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  constexpr uid_t kSomebody = 4711;
+  ASSERT_EQ(::seteuid(kSomebody), 0);
+  const Connecting application("127.0.0.1", 8000);
+  ASSERT_EQ(::seteuid(0), 0);
+  const auto packets = waitForPackets(*queue, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  EXPECT_EQ(packets[0].uid, kSomebody);
+  EXPECT_EQ(packets[0].outputInterface, ::if_nametoindex("lo"));
+}
+
+TEST(PacketQueueTest, APacketInATunnelIsOfItsSenderOrOfNobody) {
+  outputOf(
+      "ip link add ours type veth peer name theirs && ip address add 192.0.2.1/24 dev ours && "
+      "ip link set ours up && ip link set theirs up && "
+      "ip neighbour add 192.0.2.2 lladdr 02:00:00:00:00:02 dev ours && "
+      "ip link add tunnel0 type vxlan id 1 local 192.0.2.1 remote 192.0.2.2 dstport 443 && "
+      "ip address add 198.51.100.1/24 dev tunnel0 && ip link set tunnel0 up && "
+      "ip neighbour add 198.51.100.2 lladdr 02:00:00:00:00:03 dev tunnel0");
+  platform::TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {testing::udpRule("192.0.2.2", "443", 32)};
+  const auto queue = openQueue();
+  const auto table = std::get<std::unique_ptr<InterceptionTable>>(
+      InterceptionTable::install(settings, PacketMarks(), queue->number(), {}));
+  constexpr uid_t kSomebody = 4711;
+  ASSERT_EQ(::seteuid(kSomebody), 0);
+  const Connecting application("198.51.100.2", 80);
+  ASSERT_EQ(::seteuid(0), 0);
+  bool isApplicationSeen = false;
+  while (!isApplicationSeen) {
+    const auto packets = waitForPackets(*queue, kGenerous);
+    ASSERT_FALSE(packets.empty());
+    for (const auto& packet : packets) {
+      // What the kernel says of itself on a new link is nobody's.
+      EXPECT_EQ(packet.uid.value_or(kSomebody), kSomebody);
+      isApplicationSeen = isApplicationSeen || packet.uid == kSomebody;
+    }
+  }
+}
+
+TEST(PacketQueueTest, LetsPacketsPassUnseenWhenItIsFull) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  Listener origin("127.0.0.1", 8000);
+  // More than the queue holds; the first ones are held, the rest must connect at once.
+  constexpr int kConnections = 300;
+  std::vector<std::unique_ptr<Connecting>> applications;
+  for (int count = 0; count < kConnections; ++count) {
+    applications.push_back(std::make_unique<Connecting>("127.0.0.1", 8000));
+  }
+  EXPECT_EQ(applications.back()->result(kGenerous), 0);
+  EXPECT_EQ(applications.front()->result(0ms), EINPROGRESS);
+}
+
+TEST(PacketQueueTest, AVerdictThatTheKernelDoesNotTakeIsRepeatedAtOnce) {
+  for (const int failure : {ENOBUFS, ENOMEM, EAGAIN, EINTR}) {
+    int failures = 2;
+    const auto queue = std::get<std::unique_ptr<PacketQueue>>(
+        PacketQueue::open([&failures, failure](mnl_socket* socket, const nlmsghdr* message) {
+          return failures-- > 0 ? failure : PacketQueue::sendNow(socket, message);
+        }));
+    const auto table = installTable(*queue);
+    Listener origin("127.0.0.1", 8000);
+    const Connecting application("127.0.0.1", 8000);
+    const auto packets = waitForPackets(*queue, kGenerous);
+    ASSERT_EQ(packets.size(), 1U);
+    queue->accept(packets[0].id);
+    EXPECT_EQ(application.result(kGenerous), 0) << failure;
+  }
+}
+
+TEST(PacketQueueTest, AVerdictThatTheKernelGoesOnNotTakingIsGivenLater) {
+  bool isOutOfMemory = true;
+  const auto queue = std::get<std::unique_ptr<PacketQueue>>(
+      PacketQueue::open([&isOutOfMemory](mnl_socket* socket, const nlmsghdr* message) {
+        return isOutOfMemory ? ENOBUFS : PacketQueue::sendNow(socket, message);
+      }));
+  const auto table = installTable(*queue);
+  Listener origin("127.0.0.1", 8000);
+  const Connecting first("127.0.0.1", 8000);
+  const Connecting second("127.0.0.1", 8000);
+  std::vector<testing::OfferedPacket> packets;
+  while (packets.size() < 2) {
+    const auto more = waitForPackets(*queue, kGenerous);
+    ASSERT_FALSE(more.empty());
+    packets.insert(packets.end(), more.begin(), more.end());
+  }
+  queue->accept(packets[0].id);
+  // Refused, to see that the mark is remembered too.
+  queue->acceptMarked(packets[1].id, PacketMarks().refuse());
+  queue->retryUnsent();
+  EXPECT_EQ(first.result(0ms), EINPROGRESS);
+  EXPECT_EQ(second.result(0ms), EINPROGRESS);
+  isOutOfMemory = false;
+  queue->retryUnsent();
+  EXPECT_EQ(first.result(kGenerous), 0);
+  EXPECT_EQ(second.result(kGenerous), ECONNREFUSED);
+}
+
+TEST(PacketQueueTest, AVerdictOnAPacketThatIsGoneIsNotRepeated) {
+  int sent = 0;
+  const auto queue = std::get<std::unique_ptr<PacketQueue>>(
+      PacketQueue::open([&sent](mnl_socket* /*socket*/, const nlmsghdr* /*message*/) {
+        ++sent;
+        return ENOENT;
+      }));
+  queue->accept(1);
+  queue->retryUnsent();
+  EXPECT_EQ(sent, 1);
+}
+
+TEST(PacketQueueTest, WhatIsHeldWhenItEndsGoesDirectOnItsRetransmission) {
+  auto queue = openQueue();
+  const auto table = installTable(*queue);
+  Listener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  ASSERT_EQ(waitForPackets(*queue, kGenerous).size(), 1U);
+  queue.reset();
+  EXPECT_EQ(application.result(kGenerous), 0);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,140 @@
+#include "Platform/Linux/Liveness/CrashHandler.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "Base/LineOutput.h"
+#include "Platform/Linux/LinuxPlatform.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+constexpr int kLines = 1000;
+
+// A child process that logs to a pipe and crashes.
+class CrashHandlerTest : public testing::Test {
+ protected:
+  ~CrashHandlerTest() override {
+    ::close(ends_[0]);
+    if (ends_[1] >= 0) {
+      ::close(ends_[1]);
+    }
+  }
+
+  template <typename Crash>
+  void start(Crash crash) {
+    child_ = ::fork();
+    if (child_ == 0) {
+      ::dup2(ends_[1], STDERR_FILENO);
+      ::close(ends_[0]);
+      // A sanitizer's handlers would report the crash and exit.
+      for (const int signal : {SIGSEGV, SIGBUS, SIGABRT}) {
+        std::signal(signal, SIG_DFL);
+      }
+      auto& platform = *new LinuxPlatform({});
+      platform.writeLogOnCrash();
+      for (int line = 0; line < kLines; ++line) {
+        platform.defaultLog().info("OstravelProxy: line %{public}d", {std::int64_t{line}});
+      }
+      crash();
+      ::_exit(0);
+    }
+  }
+
+  std::string readToEnd() {
+    ::close(std::exchange(ends_[1], -1));
+    std::string text;
+    std::array<char, 4096> bytes{};
+    for (auto size = ::read(ends_[0], bytes.data(), bytes.size()); size > 0;
+         size = ::read(ends_[0], bytes.data(), bytes.size())) {
+      text.append(bytes.data(), static_cast<std::size_t>(size));
+    }
+    return text;
+  }
+
+  // The number of the signal that ended the child.
+  int signalOfEnd() const {
+    int status = 0;
+    EXPECT_EQ(::waitpid(child_, &status, 0), child_);
+    return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+  }
+
+  static void expectAllLines(const std::string& text) {
+    std::size_t at = 0;
+    for (int line = 0; line < kLines; ++line) {
+      const std::size_t end = text.find('\n', at);
+      ASSERT_NE(end, std::string::npos) << line;
+      ASSERT_TRUE(text.substr(at, end - at).ends_with(" line " + std::to_string(line))) << line;
+      at = end + 1;
+    }
+  }
+
+  std::array<int, 2> ends_ = [] {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    return ends;
+  }();
+  pid_t child_ = -1;
+};
+
+TEST_F(CrashHandlerTest, LinesBeforeAnAbortAreWritten) {
+  start([] { std::abort(); });
+  expectAllLines(readToEnd());
+  EXPECT_EQ(signalOfEnd(), SIGABRT);
+}
+
+TEST_F(CrashHandlerTest, LinesBeforeAFaultAreWritten) {
+  start([] { *static_cast<volatile int*>(nullptr) = 1; });
+  expectAllLines(readToEnd());
+  EXPECT_EQ(signalOfEnd(), SIGSEGV);
+}
+
+TEST_F(CrashHandlerTest, LinesBeforeASignalFromElsewhereAreWritten) {
+  start([] {
+    ::kill(::getpid(), SIGBUS);
+    ::pause();
+  });
+  expectAllLines(readToEnd());
+  EXPECT_EQ(signalOfEnd(), SIGBUS);
+}
+
+TEST_F(CrashHandlerTest, LinesBeforeTheFaultsOfSeveralThreadsAreWritten) {
+  start([] {
+    std::thread other([] { std::abort(); });
+    *static_cast<volatile int*>(nullptr) = 1;
+  });
+  expectAllLines(readToEnd());
+  EXPECT_NE(signalOfEnd(), 0);
+}
+
+TEST_F(CrashHandlerTest, AnExceptionThatNobodyCatchesIsLogged) {
+  start([] { std::thread([] { throw std::runtime_error("went\nwrong"); }).join(); });
+  const std::string text = readToEnd();
+  expectAllLines(text);
+  EXPECT_TRUE(
+      text.ends_with("Z error   OstravelProxy: Terminated by an exception: went\\x0awrong\n"))
+      << text.substr(text.size() - 200);
+  EXPECT_EQ(signalOfEnd(), SIGABRT);
+}
+
+TEST_F(CrashHandlerTest, AReaderThatHasStalledDoesNotPreventTheEnd) {
+  const LineOutput output(ends_[1]);
+  while (output.writePiece("filling\n", std::chrono::milliseconds(0)).size > 0) {
+  }
+  start([] { std::abort(); });
+  EXPECT_EQ(signalOfEnd(), SIGABRT);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,213 @@
+#include "Platform/Linux/Liveness/Guardian.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <string>
+
+#include "Base/FileDescriptor.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Phase = HeartbeatRecord::Phase;
+
+// Anything may be this late on a machine that is busy with something else.
+constexpr auto kLateness = 5s;
+
+// A process with a guardian, whose standard error is a pipe of the test.
+class Guarded {
+ public:
+  // Runs work in the guarded process, and ends it with status 0.
+  explicit Guarded(std::function<void(HeartbeatRecord&, Guardian&)> work) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    errors_ = FileDescriptor(ends[0]);
+    FileDescriptor writer(ends[1]);
+    process_ = ::fork();
+    if (process_ == 0) {
+      ::dup2(writer.get(), STDERR_FILENO);
+      writer = FileDescriptor();
+      HeartbeatRecord record;
+      auto started = Guardian::start(record);
+      if (auto* guardian = std::get_if<Guardian>(&started)) {
+        work(record, *guardian);
+        ::_exit(EXIT_SUCCESS);
+      }
+      ::_exit(EXIT_FAILURE);
+    }
+  }
+  Guarded(const Guarded&) = delete;
+  Guarded& operator=(const Guarded&) = delete;
+  ~Guarded() {
+    if (process_ > 0) {
+      ::kill(process_, SIGKILL);
+      ::waitpid(process_, nullptr, 0);
+    }
+  }
+
+  pid_t process() const { return process_; }
+
+  // Waits for its end; its status as wait(2) gives it.
+  int wait() {
+    int status = -1;
+    ::waitpid(std::exchange(process_, -1), &status, 0);
+    return status;
+  }
+
+  // What comes from standard error until the last process has closed it.
+  std::string readErrors() const {
+    std::string read;
+    std::array<char, 256> part{};
+    ssize_t size = 0;
+    while ((size = ::read(errors_.get(), part.data(), part.size())) > 0) {
+      read.append(part.data(), static_cast<std::size_t>(size));
+    }
+    return read;
+  }
+
+ private:
+  FileDescriptor errors_;
+  pid_t process_ = -1;
+};
+
+void hang() {
+  while (true) {
+    ::pause();
+  }
+}
+
+bool isKilled(int status) {
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+}
+
+TEST(GuardianTest, KillsAProcessThatHasStoppedBeating) {
+  const auto begin = Clock::now();
+  Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
+    record.enter(Phase::running);
+    hang();
+  });
+  EXPECT_TRUE(isKilled(guarded.wait()));
+  EXPECT_EQ(guarded.readErrors(),
+            "ostravel-extension: killed: no heartbeat for 1 s: the whole process made no "
+            "progress\n");
+  EXPECT_GE(Clock::now() - begin, Guardian::kRunLimit);
+  EXPECT_LT(Clock::now() - begin, Guardian::kRunLimit + kLateness);
+}
+
+TEST(GuardianTest, NamesThoseThatMadeNoProgress) {
+  Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
+    record.enter(Phase::running);
+    while (true) {
+      record.noteCheck(eventLoopParticipant(1) | kWorkThreadsParticipant);
+      ::poll(nullptr, 0, 10);
+    }
+  });
+  EXPECT_TRUE(isKilled(guarded.wait()));
+  EXPECT_EQ(guarded.readErrors(),
+            "ostravel-extension: killed: no heartbeat for 1 s: event loop 1, the work threads made "
+            "no progress\n");
+}
+
+TEST(GuardianTest, KillsAProcessThatIsStopped) {
+  Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
+    record.enter(Phase::running);
+    ::raise(SIGSTOP);
+  });
+  EXPECT_TRUE(isKilled(guarded.wait()));
+}
+
+TEST(GuardianTest, AnEndThatMakesNoProgressHasItsOwnLimit) {
+  const auto begin = Clock::now();
+  Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
+    record.enter(Phase::stopping);
+    hang();
+  });
+  EXPECT_TRUE(isKilled(guarded.wait()));
+  EXPECT_EQ(guarded.readErrors(),
+            "ostravel-extension: killed: no heartbeat for 2 s: the end made no progress\n");
+  EXPECT_GE(Clock::now() - begin, Guardian::kStopLimit);
+}
+
+TEST(GuardianTest, LeavesAProcessThatBeatsAndOneThatStarts) {
+  Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
+    ::poll(nullptr, 0, 1500);
+    record.enter(Phase::running);
+    for (int i = 0; i < 15; ++i) {
+      record.beat();
+      ::poll(nullptr, 0, 100);
+    }
+  });
+  EXPECT_EQ(guarded.wait(), 0);
+  EXPECT_EQ(guarded.readErrors(), "");
+}
+
+TEST(GuardianTest, EndsWithTheProcess) {
+  const auto begin = Clock::now();
+  Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
+    record.enter(Phase::running);
+    ::raise(SIGKILL);
+  });
+  EXPECT_TRUE(isKilled(guarded.wait()));
+  // Read to the end, which comes when the guardian has closed it too.
+  EXPECT_EQ(guarded.readErrors(), "");
+  EXPECT_LT(Clock::now() - begin, kLateness);
+}
+
+TEST(GuardianTest, IsMissedWhenItHasEnded) {
+  Guarded guarded([](HeartbeatRecord& /*record*/, Guardian& guardian) {
+    const pid_t process = guardian.process();
+    if (guardian.hasEnded()) {
+      ::_exit(1);
+    }
+    ::kill(process, SIGKILL);
+    siginfo_t information{};
+    ::waitid(P_PID, static_cast<id_t>(process), &information, WEXITED | WNOWAIT);
+    if (!guardian.hasEnded() || guardian.hasEnded()) {
+      ::_exit(2);
+    }
+  });
+  EXPECT_EQ(guarded.wait(), 0);
+}
+
+TEST(GuardianTest, AReaderThatHasStoppedReadingDoesNotDelayTheKill) {
+  const auto begin = Clock::now();
+  Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
+    ::fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);
+    const std::array<char, 4096> text{};
+    while (::write(STDERR_FILENO, text.data(), text.size()) > 0) {
+    }
+    ::fcntl(STDERR_FILENO, F_SETFL, 0);
+    record.enter(Phase::running);
+    hang();
+  });
+  EXPECT_TRUE(isKilled(guarded.wait()));
+  EXPECT_LT(Clock::now() - begin, Guardian::kRunLimit + kLateness);
+}
+
+TEST(GuardianTest, IgnoresRequestsToEnd) {
+  Guarded guarded([](HeartbeatRecord& record, Guardian& guardian) {
+    record.enter(Phase::running);
+    // It has set itself up when it is in a session of its own.
+    while (::getsid(guardian.process()) != guardian.process()) {
+    }
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP}) {
+      ::kill(guardian.process(), signal);
+    }
+    hang();
+  });
+  EXPECT_TRUE(isKilled(guarded.wait()));
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,50 @@
+#include "Platform/Linux/Processes/ProcessLife.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Tests/Platform/Linux/Support/Helper.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+std::uint64_t startTimeOf(pid_t pid) {
+  return ProcessTable().stampOf(pid)->startTime;
+}
+
+TEST(ProcessLifeTest, ARunningProcessHasNotEnded) {
+  EXPECT_FALSE(ProcessLife(::getpid(), startTimeOf(::getpid())).hasEnded());
+}
+
+TEST(ProcessLifeTest, AStoppedProcessHasNotEnded) {
+  const testing::Helper helper;
+  const ProcessLife life(helper.pid(), startTimeOf(helper.pid()));
+  ::kill(helper.pid(), SIGSTOP);
+  EXPECT_FALSE(life.hasEnded());
+}
+
+TEST(ProcessLifeTest, AProcessThatIsGoneHasEnded) {
+  testing::Helper helper;
+  const ProcessLife life(helper.pid(), startTimeOf(helper.pid()));
+  helper.kill();
+  EXPECT_TRUE(life.hasEnded());
+}
+
+TEST(ProcessLifeTest, AProcessThatNobodyHasWaitedForHasEnded) {
+  const testing::Helper helper;
+  const ProcessLife life(helper.pid(), startTimeOf(helper.pid()));
+  ::kill(helper.pid(), SIGKILL);
+  siginfo_t status{};
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(helper.pid()), &status, WEXITED | WNOWAIT), 0);
+  EXPECT_TRUE(life.hasEnded());
+}
+
+TEST(ProcessLifeTest, ALaterProcessWithItsNumberIsAnotherOne) {
+  EXPECT_TRUE(ProcessLife(::getpid(), startTimeOf(::getpid()) - 1).hasEnded());
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,325 @@
+#include "Platform/Linux/Processes/ProcessTable.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Tests/Platform/Linux/Support/Helper.h"
+#include "Tests/Platform/Linux/Support/SocketTools.h"
+#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace ostravel::testing;
+
+class ProcessTableTest : public ::testing::Test {
+ protected:
+  // On a busy machine the file system may answer too late.
+  std::optional<Process> findSettled(pid_t pid) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    auto process = processes_.find(pid);
+    while (process && !process->isExecutableSettled &&
+           std::chrono::steady_clock::now() < deadline) {
+      process = processes_.find(pid);
+    }
+    return process;
+  }
+
+  ProcessTable processes_;
+  const TemporaryFolder folder_;
+};
+
+TEST_F(ProcessTableTest, DescribesThisProcess) {
+  const auto process = findSettled(::getpid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->pid, ::getpid());
+  EXPECT_EQ(process->stamp.uid, ::geteuid());
+  EXPECT_EQ(process->executable, std::filesystem::read_symlink("/proc/self/exe").string());
+  EXPECT_TRUE(process->isExecutableGenuine);
+  EXPECT_EQ(process->stamp, processes_.stampOf(::getpid()));
+}
+
+TEST_F(ProcessTableTest, TellsTheUserAndTheExecutable) {
+  const std::string program = folder_.copyHelper("program");
+  Helper helper(program);
+  ASSERT_EQ(helper.ask("user 65534"), "done");
+  const auto process = findSettled(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->stamp.uid, 65534U);
+  EXPECT_EQ(process->executable, program);
+}
+
+TEST_F(ProcessTableTest, AProgramThatWasRemovedKeepsItsPathButIsNotGenuine) {
+  const std::string program = folder_.copyHelper("program");
+  Helper helper(program);
+  auto process = findSettled(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_FALSE(processes_.refreshExecutable(*process));
+  const auto file = process->executableFile;
+  ASSERT_TRUE(file);
+  std::filesystem::remove(program);
+  do {
+    EXPECT_TRUE(processes_.refreshExecutable(*process));
+  } while (!process->isExecutableSettled);
+  EXPECT_EQ(process->executable, program);
+  EXPECT_EQ(process->executableFile, file);
+  EXPECT_FALSE(process->isExecutableGenuine);
+  EXPECT_TRUE(process->isExecutableDeleted);
+  EXPECT_FALSE(processes_.refreshExecutable(*process));
+}
+
+TEST_F(ProcessTableTest, APathMayEndLikeThatOfARemovedProgram) {
+  const std::string program = folder_.copyHelper("program (deleted)");
+  Helper helper(program);
+  const auto process = findSettled(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, program);
+  EXPECT_TRUE(process->isExecutableGenuine);
+  EXPECT_FALSE(process->isExecutableDeleted);
+}
+
+TEST_F(ProcessTableTest, APathMayConsistOfAnyBytes) {
+  Helper helper(folder_.copyHelper("pro\xffgram"));
+  const auto process = findSettled(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, folder_.path("pro\xffgram"));
+  EXPECT_TRUE(process->isExecutableGenuine);
+}
+
+TEST_F(ProcessTableTest, TellsWhoStartedAProgramThatGoesOnAsAnotherUser) {
+  const std::string program = folder_.copyHelper("program");
+  ASSERT_EQ(::chmod(program.c_str(), 04755), 0);
+  Helper helper(program, [] { return ::setgid(65534) == 0 && ::setuid(65534) == 0; });
+  const auto stamp = processes_.stampOf(helper.pid());
+  ASSERT_TRUE(stamp);
+  EXPECT_EQ(stamp->uid, 0U);
+  EXPECT_EQ(stamp->realUser, 65534U);
+}
+
+TEST_F(ProcessTableTest, ThereIsNothingToSayAboutAProcessThatHasEnded) {
+  Helper helper;
+  const pid_t pid = helper.pid();
+  helper.kill();
+  EXPECT_FALSE(processes_.find(pid));
+  EXPECT_FALSE(processes_.stampOf(pid));
+}
+
+TEST_F(ProcessTableTest, AProcessThatHasEndedButIsNotWaitedForHasNoExecutable) {
+  std::array<int, 2> pipe{};
+  ASSERT_EQ(::pipe(pipe.data()), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::_exit(0);
+  }
+  siginfo_t info{};
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+  const auto process = processes_.find(child);
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, "");
+  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
+}
+
+TEST_F(ProcessTableTest, AnotherProgramOrAnotherProcessHasAnotherStamp) {
+  Helper helper;
+  const auto before = processes_.stampOf(helper.pid());
+  ASSERT_TRUE(before);
+  EXPECT_EQ(processes_.stampOf(helper.pid()), before);
+  // Stacks begin at random places, a few of which may be the same.
+  bool isDifferent = false;
+  for (int i = 0; i < 20 && !isDifferent; ++i) {
+    ASSERT_EQ(helper.ask("run " OSTRAVEL_HELPER), "ready");
+    isDifferent = processes_.stampOf(helper.pid()) != before;
+  }
+  EXPECT_TRUE(isDifferent);
+  const auto now = processes_.stampOf(helper.pid());
+  EXPECT_EQ(now->startTime, before->startTime);
+  Helper other;
+  EXPECT_NE(processes_.stampOf(other.pid()), now);
+}
+
+TEST_F(ProcessTableTest, AProcessIsNotConfusedByTheNameOfItsProgram) {
+  Helper helper(folder_.copyHelper("a) R 1 (b"));
+  Helper plain;
+  const auto odd = processes_.stampOf(helper.pid());
+  const auto reference = processes_.stampOf(plain.pid());
+  ASSERT_TRUE(odd && reference);
+  EXPECT_LE(odd->startTime, reference->startTime);
+  EXPECT_GT(odd->startTime + 60 * static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK)),
+            reference->startTime);
+  EXPECT_GT(odd->stackStart, 4096U);
+}
+
+// In its own view of the file system, program is covered by cover.
+std::function<bool()> covering(const std::string& program, const std::string& cover) {
+  return [program, cover] {
+    return ::unshare(CLONE_NEWNS) == 0 &&
+           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           (cover.empty() ||
+            ::mount(cover.c_str(), program.c_str(), nullptr, MS_BIND, nullptr) == 0);
+  };
+}
+
+TEST_F(ProcessTableTest, AProgramThatIsMountedOverAnotherIsNotGenuine) {
+  const std::string program = folder_.copyHelper("program");
+  const std::string cover = folder_.copyHelper("cover");
+  Helper helper(program, covering(program, cover));
+  const auto process = findSettled(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, program);
+  EXPECT_FALSE(process->isExecutableGenuine);
+}
+
+TEST_F(ProcessTableTest, TheSameProgramSeenFromElsewhereIsGenuine) {
+  const std::string program = folder_.copyHelper("program");
+  Helper helper(program, covering(program, ""));
+  const auto process = findSettled(helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_EQ(process->executable, program);
+  EXPECT_TRUE(process->isExecutableGenuine);
+}
+
+TEST_F(ProcessTableTest, TellsTheControlGroupOfTheService) {
+  const auto root = findCgroupRoot("/proc/self/mounts");
+  ASSERT_TRUE(root);
+  const std::string name = "/ostravel-test-" + std::to_string(::getpid()) + ".service";
+  const std::string group = *root + name;
+  ASSERT_TRUE(std::filesystem::create_directories(group + "/inner"));
+  {
+    Helper helper;
+    std::ofstream(group + "/inner/cgroup.procs") << helper.pid();
+    const auto process = findSettled(helper.pid());
+    ASSERT_TRUE(process);
+    EXPECT_EQ(process->serviceGroup, name);
+  }
+  EXPECT_EQ(::rmdir((group + "/inner").c_str()), 0);
+  EXPECT_EQ(::rmdir(group.c_str()), 0);
+}
+
+TEST(ServiceGroupTest, IsTheInnermostService) {
+  EXPECT_EQ(serviceGroupOf("/system.slice/proxy.service"), "/system.slice/proxy.service");
+  EXPECT_EQ(serviceGroupOf("/system.slice/proxy.service/worker/1"), "/system.slice/proxy.service");
+  EXPECT_EQ(serviceGroupOf("/user.slice/user-1.slice/user@1.service/app.slice/proxy.service"),
+            "/user.slice/user-1.slice/user@1.service/app.slice/proxy.service");
+  EXPECT_EQ(serviceGroupOf("/system.slice/system-proxy.slice/proxy@1.service"),
+            "/system.slice/system-proxy.slice/proxy@1.service");
+}
+
+TEST(ServiceGroupTest, IsEmptyOutsideOfServices) {
+  for (const char* const group :
+       {"", "/", "/init.scope", "/user.slice/user-1.slice/session-2.scope",
+        "/user.slice/user-1.slice/user@1.service/app.slice/app-x.scope",
+        "/user.slice/user-1.slice/user@1.service/init.scope",
+        "/user.slice/user-1.slice/user@1.service", "/user.slice/user-1.slice/user@1.service/deep",
+        "/system.slice/docker-1.scope", "/system.slice"}) {
+    EXPECT_EQ(serviceGroupOf(group), "") << group;
+  }
+}
+
+// On a busy machine the time may be over before the holder was looked at.
+std::optional<pid_t> holderEventually(ProcessTable& processes, std::uint32_t inode, uid_t user) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  std::optional<pid_t> holder;
+  while (!holder && std::chrono::steady_clock::now() < deadline) {
+    holder = processes.holderOf(inode, user);
+  }
+  return holder;
+}
+
+// More descriptors than can be looked at in time, of processes that are newer than all before.
+class Crowd {
+ public:
+  Crowd() {
+    for (Helper* const helper : {&one_, &two_, &three_}) {
+      EXPECT_EQ(helper->ask("hold 15000"), "done");
+    }
+  }
+
+ private:
+  Helper one_;
+  Helper two_;
+  Helper three_;
+};
+
+TEST_F(ProcessTableTest, FindsTheHolderOfASocket) {
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  EXPECT_EQ(holderEventually(processes_, inodeOf(socket), ::getuid()), ::getpid());
+  EXPECT_FALSE(processes_.holderOf(0, ::getuid()));
+}
+
+TEST_F(ProcessTableTest, GivesUpTheSearchForAHolderWhenItTakesTooLong) {
+  auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  const auto inode = inodeOf(socket);
+  Helper holder(OSTRAVEL_HELPER, [&socket] { return ::dup(socket.get()) >= 0; });
+  socket = FileDescriptor();
+  {
+    const Crowd crowd;
+    EXPECT_FALSE(processes_.holderOf(inode, ::getuid()));
+  }
+  EXPECT_EQ(holderEventually(processes_, inode, ::getuid()), holder.pid());
+}
+
+TEST_F(ProcessTableTest, LooksFirstAtWhoHeldTheLastSockets) {
+  const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
+  ASSERT_EQ(holderEventually(processes_, inodeOf(socket), ::getuid()), ::getpid());
+  const Crowd crowd;
+  const auto other = makeSocket(AF_INET, SOCK_DGRAM);
+  EXPECT_EQ(holderEventually(processes_, inodeOf(other), ::getuid()), ::getpid());
+}
+
+TEST_F(ProcessTableTest, KnowsWhatAProcessWasHandedAtItsStart) {
+  const auto socket = makeSocket(AF_INET, SOCK_STREAM);
+  Helper with(OSTRAVEL_HELPER, [&socket] { return ::dup2(socket.get(), 3) == 3; });
+  Helper without;
+  EXPECT_TRUE(processes_.hasInherited(with.pid(), inodeOf(socket)));
+  EXPECT_FALSE(processes_.hasInherited(without.pid(), inodeOf(socket)));
+  with.kill();
+  EXPECT_FALSE(processes_.hasInherited(with.pid(), inodeOf(socket)));
+}
+
+TEST_F(ProcessTableTest, CopesWithProcessesThatComeAndGo) {
+  std::atomic<bool> ends = false;
+  std::atomic<pid_t> latest = ::getpid();
+  std::thread spawner([&] {
+    while (!ends) {
+      const pid_t child = ::fork();
+      if (child == 0) {
+        ::_exit(0);
+      }
+      latest = child;
+      ::waitpid(child, nullptr, 0);
+    }
+  });
+  int found = 0;
+  for (int i = 0; i < 2000; ++i) {
+    const pid_t pid = latest;
+    const auto process = processes_.find(pid);
+    if (process) {
+      ++found;
+      EXPECT_EQ(process->pid, pid);
+      EXPECT_GT(process->stamp.startTime, 0U);
+    }
+  }
+  EXPECT_TRUE(processes_.find(::getpid()));
+  ends = true;
+  spawner.join();
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,47 @@
+#include "Platform/Linux/Relay/BufferPool.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+#include <vector>
+
+#include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+
+namespace ostravel::linuxplatform::test {
+namespace {
+
+using BufferPoolTest = RelayTest;
+
+TEST_F(BufferPoolTest, ReusesABuffer) {
+  onLoop([this] {
+    BufferPool& pool = loop().buffers();
+    auto buffer = pool.take();
+    const auto* const place = buffer.get();
+    pool.giveBack(std::move(buffer));
+    EXPECT_EQ(pool.keptCount(), 1U);
+    EXPECT_EQ(pool.take().get(), place);
+  });
+}
+
+TEST_F(BufferPoolTest, KeepsABoundedNumber) {
+  onLoop([this] {
+    BufferPool& pool = loop().buffers();
+    std::vector<BufferPool::Buffer> buffers(limits::kKeptBuffers + 5);
+    for (auto& buffer : buffers) {
+      buffer = pool.take();
+    }
+    for (auto& buffer : buffers) {
+      pool.giveBack(std::move(buffer));
+    }
+    EXPECT_EQ(pool.keptCount(), limits::kKeptBuffers);
+  });
+}
+
+TEST_F(BufferPoolTest, ABufferMayComeBackOnAnyThread) {
+  auto buffer = onLoop([this] { return loop().buffers().take(); });
+  loop().buffers().giveBack(std::move(buffer));
+  EXPECT_EQ(onLoop([this] { return loop().buffers().keptCount(); }), 0U);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform::test

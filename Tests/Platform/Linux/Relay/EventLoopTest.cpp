@@ -1,0 +1,222 @@
+#include "Platform/Linux/Relay/EventLoop.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Kernel/PacketMarks.h"
+#include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+#include "Tests/Platform/Linux/Relay/Support/RelayTunnel.h"
+
+namespace ostravel::linuxplatform::test {
+namespace {
+
+using EventLoopTest = RelayTest;
+
+TEST_F(EventLoopTest, KnowsTheLoopOfTheThread) {
+  EXPECT_EQ(EventLoop::current(), nullptr);
+  EXPECT_FALSE(loop().isCurrent());
+  EXPECT_EQ(onLoop([] { return EventLoop::current(); }), &loop());
+}
+
+TEST_F(EventLoopTest, RunsWorkInOrderAndNeverInsideTheCall) {
+  std::vector<int> order;
+  onLoop([&] {
+    loop().post([&order] { order.push_back(2); });
+    loop().post([&order] { order.push_back(3); });
+    order.push_back(1);
+  });
+  drain();
+  EXPECT_EQ(onLoop([&order] { return order; }), (std::vector{1, 2, 3}));
+}
+
+TEST_F(EventLoopTest, StopsAndDestroysTheWorkThatDidNotRun) {
+  const auto held = std::make_shared<int>(0);
+  {
+    DescriptorBudget budget(1000);
+    MemoryBudget memory;
+    EventLoop stopped(0, budget, memory);
+    stopped.stop();
+    stopped.stop();
+    stopped.post([held] { FAIL() << "the loop has stopped"; });
+    EXPECT_EQ(held.use_count(), 2);
+  }
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST_F(EventLoopTest, StopsWithStreamsAlive) {
+  DescriptorBudget budget(1000);
+  EventLoopGroup loops(budget, 2);
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  const auto connection = loops.connect({"127.0.0.1", std::to_string(listener.local().port)});
+  ApplicationSocket server = listener.accept();
+  connection->read(1, 10, readCompletion().first);
+  loops.stop();
+}
+
+// Everything that is left is destroyed with the loop: a closed flow that only its unfinished close
+// keeps alive, and a socket that lingers.
+TEST_F(EventLoopTest, TakesWhatIsLeftWithIt) {
+  CarriedFlow waiting = carryFlow();
+  CarriedFlow lingering = carryFlow();
+  onLoop([&] {
+    lingering.flow->closeRead(std::nullopt);
+    lingering.flow->closeWrite(std::nullopt);
+  });
+  lingering.flow.reset();
+  loop().stop();
+  waiting.flow->closeRead(std::nullopt);
+  waiting.flow->closeWrite(std::nullopt);
+  const std::weak_ptr<LinuxTCPFlow> weakFlow = waiting.flow;
+  waiting.flow.reset();
+  EXPECT_FALSE(weakFlow.expired());
+}
+
+// Completions that hold the flow or the connection in whose stream they wait, as a tunnel's do by
+// holding the tunnel.
+class StoppedLoopTest : public RelayTest {
+ protected:
+  static platform::ErrorCompletion written(std::shared_ptr<void> holder) {
+    return [holder = std::move(holder)](const platform::OptionalError& /*error*/) {
+      FAIL() << "the loop has stopped";
+    };
+  }
+  static platform::ReadCompletion received(std::shared_ptr<void> holder) {
+    return [holder = std::move(holder)](const std::optional<platform::Data>& /*data*/,
+                                        const platform::OptionalError& /*error*/) {
+      FAIL() << "the loop has stopped";
+    };
+  }
+  // More than the kernel takes of what nobody reads.
+  static platform::Data muchData() {
+    return platform::Data(std::vector<std::byte>(std::size_t{64} << 20U));
+  }
+
+  // Stops the loop with work as the last item that it runs.
+  template <typename Work>
+  void stopAfter(Work work) {
+    std::promise<void> hasRun;
+    loop().post([this, &hasRun, &work] {
+      work();
+      hasRun.set_value();
+      while (!loop().context().stopped()) {
+        std::this_thread::yield();
+      }
+    });
+    hasRun.get_future().wait();
+    loop().stop();
+  }
+
+  // Gives up the test's own reference and tells whether it was the last one.
+  template <typename Object>
+  static bool isGone(std::shared_ptr<Object>& object) {
+    const std::weak_ptr<Object> remaining = object;
+    object.reset();
+    return remaining.expired();
+  }
+};
+
+TEST_F(StoppedLoopTest, DropsAWriteThatWaitsForItsPeer) {
+  Connected connected = connect();
+  auto& connection = connected.connection;
+  connection->write(muchData(), written(connection));
+  drain();
+  loop().stop();
+  EXPECT_TRUE(isGone(connection));
+}
+
+TEST_F(StoppedLoopTest, DropsAReadThatWaitsForItsPeer) {
+  CarriedFlow carried = carryFlow();
+  carried.flow->read(received(carried.flow));
+  drain();
+  loop().stop();
+  EXPECT_TRUE(isGone(carried.flow));
+}
+
+TEST_F(StoppedLoopTest, DropsWhatWaitsForASocket) {
+  Flow released = makeFlow(ApplicationSocket(kApplicationIPv4).local());
+  released.flow->read(received(released.flow));
+  released.flow->write(platform::Data::copyOf("x"), written(released.flow));
+  drain();
+  loop().stop();
+  EXPECT_TRUE(isGone(released.flow));
+}
+
+TEST_F(StoppedLoopTest, DropsAWriteThatIsDoneAndHasNotBeenTold) {
+  Connected connected = connect();
+  auto& connection = connected.connection;
+  stopAfter([&] { connection->write(platform::Data::copyOf("x"), written(connection)); });
+  EXPECT_EQ(connected.server.receive(1).bytes, "x");
+  EXPECT_TRUE(isGone(connection));
+}
+
+TEST_F(StoppedLoopTest, DropsWhatAFlowThatWasNeverReleasedHasNotBeenTold) {
+  Flow refused = makeFlow(ApplicationSocket(kApplicationIPv4).local());
+  stopAfter([&] {
+    refused.flow->closeRead(someError());
+    refused.flow->read(received(refused.flow));
+    refused.flow->write(platform::Data::copyOf("x"), written(refused.flow));
+  });
+  EXPECT_TRUE(isGone(refused.flow));
+}
+
+TEST_F(StoppedLoopTest, ATunnelWithAStalledReaderIsGoneWithItsFlowAndItsConnection) {
+  CarriedFlow carried = carryFlow();
+  Connected connected = connect();
+  auto tunnel = std::make_shared<RelayTunnel>(carried.flow, connected.connection);
+  onLoop([&tunnel] { tunnel->start(); });
+  for (int quiet = 0; quiet < 50;) {
+    quiet = carried.application.sendWithoutWaiting(1 << 20) == 0 ? quiet + 1 : 0;
+    drain();
+  }
+  loop().stop();
+  EXPECT_TRUE(isGone(tunnel));
+  EXPECT_TRUE(isGone(carried.flow));
+  EXPECT_TRUE(isGone(connected.connection));
+}
+
+// A stream gives up its place among those of the loop while the loop goes through them.
+TEST_F(StoppedLoopTest, StreamsMayGoOnAnotherThreadAtTheSameTime) {
+  constexpr int kRounds = 50;
+  for (int round = 0; round < kRounds; ++round) {
+    DescriptorBudget budget(1000);
+    MemoryBudget memory;
+    EventLoop stopped(0, budget, memory);
+    std::vector<std::shared_ptr<LinuxTCPConnection>> connections;
+    for (int i = 0; i < 8; ++i) {
+      connections.push_back(LinuxTCPConnection::connect(
+          stopped, {"127.0.0.1", std::to_string(stopped.listener().ipv4Port())}));
+      connections.back()->read(1, 10, [](const auto& /*data*/, const auto& /*error*/) {});
+    }
+    std::promise<void> areReading;
+    stopped.post([&areReading] { areReading.set_value(); });
+    areReading.get_future().wait();
+    std::thread releasing([&connections] { connections.clear(); });
+    stopped.stop();
+    releasing.join();
+  }
+}
+
+TEST_F(EventLoopTest, AGroupHasALoopPerCoreWithListenersOfItsOwn) {
+  DescriptorBudget budget(100'000);
+  EventLoopGroup perCore(budget);
+  EXPECT_GE(perCore.size(), 1U);
+  EXPECT_LE(perCore.size(), PacketMarks().maximumEventLoops());
+
+  EventLoopGroup bounded(budget, 1000);
+  ASSERT_EQ(bounded.size(), PacketMarks().maximumEventLoops());
+  EXPECT_EQ(bounded.loop(5).index(), 5U);
+  EXPECT_NE(bounded.loop(0).listener().ipv4Port(), bounded.loop(1).listener().ipv4Port());
+  EXPECT_NE(bounded.loop(0).listener().ipv6Port(), 0);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform::test

@@ -1,0 +1,230 @@
+#include "Platform/Linux/Relay/FlowListener.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+
+namespace ostravel::linuxplatform::test {
+namespace {
+
+// Where the applications of these tests want to go; the kernel redirects them to the listener.
+constexpr const char* kFirstDestination = "10.1.0.1";
+constexpr const char* kSecondDestination = "10.1.0.2";
+constexpr std::uint16_t kDestinationPort = 443;
+
+// The tests use source ports of their own: the kernel remembers for a while where it has redirected
+// a connection.
+
+class FlowListenerTest : public RelayTest {
+ protected:
+  void redirectDestinations() {
+    const std::string commands =
+        "ip address add 10.1.0.1/32 dev lo && ip address add 10.1.0.2/32 dev lo && "
+        "nft add table inet flows && "
+        "nft add chain inet flows out '{ type nat hook output priority -100; }' && "
+        "nft add rule inet flows out ip daddr 10.1.0.0/24 tcp dport 443 redirect to :" +
+        std::to_string(loop().listener().ipv4Port());
+    runCommand(commands.c_str());
+    isRedirecting_ = true;
+  }
+
+  void TearDown() override {
+    if (isRedirecting_) {
+      runCommand(
+          "nft delete table inet flows && ip address delete 10.1.0.1/32 dev lo && "
+          "ip address delete 10.1.0.2/32 dev lo");
+    }
+  }
+
+  struct Waiting {
+    std::shared_ptr<LinuxTCPFlow> flow;
+    std::future<ReadOutcome> read;
+  };
+
+  // A released flow.
+  Waiting expectFlow(const char* destination, std::uint16_t sourcePort,
+                     std::string application = "org.example.browser") {
+    FlowTuple tuple;
+    tuple.source = *parseAddressLiteral({kApplicationIPv4, std::to_string(sourcePort)});
+    tuple.destination = *parseAddressLiteral({destination, std::to_string(kDestinationPort)});
+    auto verdict = std::make_shared<Verdict>();
+    auto flow = std::make_shared<LinuxTCPFlow>(loop(), tuple, std::move(application),
+                                               platform::HostEndpoint{destination, "443"},
+                                               std::make_unique<RecordedPacket>(verdict));
+    auto [completion, future] = readCompletion();
+    flow->read(std::move(completion));
+    verdict->wait();
+    return {std::move(flow), std::move(future)};
+  }
+
+ private:
+  bool isRedirecting_ = false;
+};
+
+// The reset may arrive before connect() has told of the connection.
+int errorOfConnection(ApplicationSocket& application, const char* address, std::uint16_t port) {
+  const int error = application.connectTo(address, port);
+  return error != 0 ? error : application.receiveToEnd().error;
+}
+
+TEST_F(FlowListenerTest, ResetsAConnectionThatNobodyExpects) {
+  ApplicationSocket ipv4(kApplicationIPv4);
+  EXPECT_EQ(errorOfConnection(ipv4, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
+  ApplicationSocket ipv6(kApplicationIPv6);
+  EXPECT_EQ(errorOfConnection(ipv6, "::1", loop().listener().ipv6Port()), ECONNRESET);
+}
+
+TEST_F(FlowListenerTest, MatchesEveryFlowWithItsOwnConnection) {
+  constexpr int kCount = 50;
+  redirectDestinations();
+  std::vector<ApplicationSocket> applications;
+  std::vector<Waiting> flows;
+  for (int index = 0; index < kCount; ++index) {
+    applications.emplace_back(kApplicationIPv4);
+    flows.push_back(expectFlow(kFirstDestination, applications.back().local().port));
+  }
+  for (int index = kCount - 1; index >= 0; --index) {
+    auto& application = applications[static_cast<std::size_t>(index)];
+    ASSERT_EQ(application.connectTo(kFirstDestination, kDestinationPort), 0);
+    application.send(std::to_string(index));
+  }
+  for (int index = 0; index < kCount; ++index) {
+    auto& flow = flows[static_cast<std::size_t>(index)];
+    EXPECT_EQ(waitFor(std::move(flow.read)).bytes, std::to_string(index));
+  }
+  EXPECT_EQ(onLoop([this] { return loop().listener().expectedCount(); }), 0U);
+}
+
+TEST_F(FlowListenerTest, MatchesRedirectedConnectionsThatShareASourcePort) {
+  redirectDestinations();
+  for (const bool firstComesFirst : {true, false}) {
+    const std::uint16_t sharedSourcePort = firstComesFirst ? 5000 : 5001;
+    const char* const early = firstComesFirst ? kFirstDestination : kSecondDestination;
+    const char* const late = firstComesFirst ? kSecondDestination : kFirstDestination;
+    Waiting toFirst = expectFlow(kFirstDestination, sharedSourcePort);
+    Waiting toSecond = expectFlow(kSecondDestination, sharedSourcePort);
+    ApplicationSocket earlySocket(kApplicationIPv4, sharedSourcePort);
+    ASSERT_EQ(earlySocket.connectTo(early, kDestinationPort), 0);
+    earlySocket.send(early);
+    // The kernel has to give this one another source port.
+    ApplicationSocket lateSocket(kApplicationIPv4, sharedSourcePort);
+    ASSERT_EQ(lateSocket.connectTo(late, kDestinationPort), 0);
+    lateSocket.send(late);
+    EXPECT_EQ(waitFor(std::move(toFirst.read)).bytes, kFirstDestination);
+    EXPECT_EQ(waitFor(std::move(toSecond.read)).bytes, kSecondDestination);
+  }
+}
+
+TEST_F(FlowListenerTest, ARenumberedConnectionIsNotGivenToAnotherApplication) {
+  constexpr std::uint16_t kSharedSourcePort = 5010;
+  redirectDestinations();
+  Waiting blocking = expectFlow(kFirstDestination, kSharedSourcePort);
+  ApplicationSocket blocker(kApplicationIPv4, kSharedSourcePort);
+  ASSERT_EQ(blocker.connectTo(kFirstDestination, kDestinationPort), 0);
+
+  Waiting one = expectFlow(kSecondDestination, kSharedSourcePort, "org.example.one");
+  Waiting other = expectFlow(kSecondDestination, kSharedSourcePort + 1, "org.example.other");
+  ApplicationSocket renumbered(kApplicationIPv4, kSharedSourcePort);
+  ASSERT_EQ(renumbered.connectTo(kSecondDestination, kDestinationPort), 0);
+  EXPECT_EQ(renumbered.receiveToEnd().error, ECONNRESET);
+  EXPECT_EQ(waitFor(std::move(one.read)).error->code, ETIMEDOUT);
+  EXPECT_EQ(waitFor(std::move(other.read)).error->code, ETIMEDOUT);
+}
+
+TEST_F(FlowListenerTest, RenumberedConnectionsOfOneApplicationAreInterchangeable) {
+  constexpr std::uint16_t kSharedSourcePort = 5020;
+  redirectDestinations();
+  Waiting blocking = expectFlow(kFirstDestination, kSharedSourcePort);
+  ApplicationSocket blocker(kApplicationIPv4, kSharedSourcePort);
+  ASSERT_EQ(blocker.connectTo(kFirstDestination, kDestinationPort), 0);
+
+  Waiting plain = expectFlow(kSecondDestination, kSharedSourcePort + 1);
+  Waiting shared = expectFlow(kSecondDestination, kSharedSourcePort);
+  ApplicationSocket renumbered(kApplicationIPv4, kSharedSourcePort);
+  ASSERT_EQ(renumbered.connectTo(kSecondDestination, kDestinationPort), 0);
+  ApplicationSocket unchanged(kApplicationIPv4, kSharedSourcePort + 1);
+  ASSERT_EQ(unchanged.connectTo(kSecondDestination, kDestinationPort), 0);
+  renumbered.send("x");
+  unchanged.send("x");
+  EXPECT_EQ(waitFor(std::move(plain.read)).bytes, "x");
+  EXPECT_EQ(waitFor(std::move(shared.read)).bytes, "x");
+}
+
+TEST_F(FlowListenerTest, AConnectionToTheListenerItselfIsNotARedirectedOne) {
+  constexpr std::uint16_t kSharedSourcePort = 5030;
+  redirectDestinations();
+  Waiting waiting = expectFlow(kFirstDestination, kSharedSourcePort);
+  ApplicationSocket impostor(kApplicationIPv4, kSharedSourcePort);
+  ASSERT_EQ(impostor.connectTo("127.0.0.1", loop().listener().ipv4Port()), 0);
+  EXPECT_EQ(impostor.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(FlowListenerTest, AConnectionThatTheKernelDoesNotTrackIsNotARedirectedOne) {
+  ApplicationSocket application(kApplicationIPv4);
+  const Flow made = makeFlow(application.local());
+  auto [completion, future] = readCompletion();
+  made.flow->read(std::move(completion));
+  made.verdict->wait();
+  runCommand(
+      "nft 'add table inet untracked; add chain inet untracked out "
+      "{ type filter hook output priority raw; }; add rule inet untracked out notrack'");
+  EXPECT_EQ(errorOfConnection(application, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
+  runCommand("nft delete table inet untracked");
+  EXPECT_EQ(waitFor(std::move(future)).error->code, ETIMEDOUT);
+}
+
+TEST_F(FlowListenerTest, AnIdleConnectionIsKeptAlive) {
+  // What it inherits from the listener.
+  const CarriedFlow carried = carryFlow();
+  const std::string command = "ss -tnoH 'sport = :" + std::to_string(loop().listener().ipv4Port()) +
+                              "' | grep -q 'timer:(keepalive,1min'";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+}
+
+TEST_F(FlowListenerTest, LackOfDescriptorsDoesNotSpinAndPasses) {
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  ApplicationSocket application(kApplicationIPv4);
+  // A sanitizer needs a descriptor the first time that it sees an object of this class.
+  activityWithin(1ms);
+  const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const int connected = application.connectTo("127.0.0.1", loop().listener().ipv4Port());
+  const Activity activity = activityWithin(5 * limits::kAcceptPause);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+
+  ASSERT_EQ(connected, 0);
+  EXPECT_GE(activity.wakeups, 2U);
+  EXPECT_LE(activity.wakeups, 10U);
+  EXPECT_LT(activity.cpuTime, 50ms);
+  EXPECT_EQ(application.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(FlowListenerTest, WithoutIPv6ThereIsNoPortForIt) {
+  runCommand("echo 1 > /proc/sys/net/ipv6/conf/lo/disable_ipv6");
+  {
+    DescriptorBudget budget(1000);
+    MemoryBudget memory;
+    EventLoop withoutIPv6(0, budget, memory);
+    EXPECT_NE(withoutIPv6.listener().ipv4Port(), 0);
+    EXPECT_EQ(withoutIPv6.listener().ipv6Port(), 0);
+  }
+  runCommand(
+      "echo 0 > /proc/sys/net/ipv6/conf/lo/disable_ipv6 && "
+      "ip address replace ::1/128 dev lo nodad && "
+      "ip address replace 2001:db8::2/128 dev lo nodad");
+  waitUntilReachable("::1");
+  waitUntilReachable(kApplicationIPv6);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform::test

@@ -1,0 +1,403 @@
+#include "Platform/Linux/Relay/LinuxTCPConnection.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+
+namespace ostravel::linuxplatform::test {
+namespace {
+
+using platform::Data;
+using platform::HostEndpoint;
+using platform::OptionalError;
+using platform::TCPConnectionState;
+
+// Remembers the states that it was told of. For the loop's thread.
+class StateObserver : public platform::KeyValueObserver {
+ public:
+  void observeValue(std::optional<std::string_view> keyPath,
+                    platform::Observable* object) override {
+    EXPECT_EQ(keyPath, "state");
+    EXPECT_NE(EventLoop::current(), nullptr);
+    states_.push_back(dynamic_cast<platform::TCPConnection&>(*object).state());
+    if (onChange) {
+      onChange();
+    }
+  }
+
+  std::vector<TCPConnectionState> states_;
+  std::function<void()> onChange;
+};
+
+class LinuxTCPConnectionTest : public RelayTest {
+ protected:
+  std::vector<TCPConnectionState> statesSeenBy(const StateObserver& observer) {
+    return onLoop([&observer] { return observer.states_; });
+  }
+  bool becomes(const platform::TCPConnection& connection, TCPConnectionState state) {
+    return eventually([&connection, state] { return connection.state() == state; });
+  }
+  static HostEndpoint endpointOf(const ApplicationSocket& listener) {
+    const auto local = listener.local();
+    return {local.addressText(), std::to_string(local.port)};
+  }
+};
+
+TEST_F(LinuxTCPConnectionTest, ConnectsAndTellsItsObserverOnTheLoop) {
+  for (const char* const address : {"127.0.0.1", "::1"}) {
+    ApplicationSocket listener(address);
+    listener.listen();
+    const auto observer = std::make_shared<StateObserver>();
+    const auto connection = onLoop([&] {
+      auto made = loops_.connect(endpointOf(listener));
+      EXPECT_EQ(made->state(), TCPConnectionState::connecting);
+      made->addObserver(observer, "state");
+      EXPECT_TRUE(observer->states_.empty());
+      return made;
+    });
+    ApplicationSocket server = listener.accept();
+    ASSERT_TRUE(becomes(*connection, TCPConnectionState::connected));
+    drain();
+    EXPECT_EQ(statesSeenBy(*observer), std::vector{TCPConnectionState::connected});
+    EXPECT_FALSE(connection->error());
+    server.send("hello");
+    EXPECT_EQ(read(*connection, 5, 100).bytes, "hello");
+  }
+}
+
+TEST_F(LinuxTCPConnectionTest, IsMadeOnTheLoopThatAsksForIt) {
+  DescriptorBudget budget(100'000);
+  EventLoopGroup loops(budget, 3);
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  for (unsigned index = 0; index < loops.size(); ++index) {
+    std::promise<EventLoop*> told;
+    std::shared_ptr<LinuxTCPConnection> connection;
+    loops.loop(index).post([&] {
+      connection = loops.connect(endpointOf(listener));
+      connection->write(Data::copyOf("x"),
+                        [&told](const OptionalError&) { told.set_value(EventLoop::current()); });
+    });
+    EXPECT_EQ(waitFor(told.get_future()), &loops.loop(index));
+  }
+}
+
+TEST_F(LinuxTCPConnectionTest, OperationsWaitUntilItIsConnected) {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  auto [onWritten, written] = errorCompletion();
+  auto [onRead, readOutcome] = readCompletion();
+  const auto connection = onLoop([&, onDone = std::move(onWritten), onData = std::move(onRead)] {
+    auto made = loops_.connect(endpointOf(listener));
+    made->write(Data::copyOf("early"), onDone);
+    made->read(1, 100, onData);
+    return made;
+  });
+  ApplicationSocket server = listener.accept();
+  EXPECT_EQ(server.receive(5).bytes, "early");
+  EXPECT_FALSE(waitFor(std::move(written)));
+  server.send("answer");
+  EXPECT_EQ(waitFor(std::move(readOutcome)).bytes, "answer");
+}
+
+TEST_F(LinuxTCPConnectionTest, ARefusalDisconnectsWithTheError) {
+  ApplicationSocket unheard("127.0.0.1");
+  const auto observer = std::make_shared<StateObserver>();
+  auto [onWritten, written] = errorCompletion();
+  const auto connection = onLoop([&, onDone = std::move(onWritten)] {
+    auto made = loops_.connect(endpointOf(unheard));
+    made->addObserver(observer, "state");
+    made->write(Data::copyOf("early"), onDone);
+    return made;
+  });
+  const auto error = waitFor(std::move(written));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, ECONNREFUSED);
+  EXPECT_EQ(error->domain, "NSPOSIXErrorDomain");
+  EXPECT_EQ(error->localizedDescription, std::strerror(ECONNREFUSED));
+  drain();
+  EXPECT_EQ(connection->state(), TCPConnectionState::disconnected);
+  EXPECT_EQ(connection->error(), error);
+  EXPECT_EQ(statesSeenBy(*observer), std::vector{TCPConnectionState::disconnected});
+  EXPECT_EQ(read(*connection, 1, 100).error, error);
+}
+
+TEST_F(LinuxTCPConnectionTest, OnlyAddressLiteralsAndDecimalPortsAreEndpoints) {
+  const std::vector<HostEndpoint> wrong{{"localhost", "80"}, {"[::1]", "80"},      {"", "80"},
+                                        {"127.0.0.1", "0"},  {"127.0.0.1", ""},    {"127.1", "80"},
+                                        {"127.0.0.1", "-1"}, {"127.0.0.1", "80 "}, {"::1", "65536"},
+                                        {"::1%lo", "80"},    {"::1", "http"}};
+  for (const auto& endpoint : wrong) {
+    const auto observer = std::make_shared<StateObserver>();
+    const auto connection = onLoop([&] {
+      auto made = loops_.connect(endpoint);
+      EXPECT_EQ(made->state(), TCPConnectionState::connecting);
+      made->addObserver(observer, "state");
+      return made;
+    });
+    ASSERT_TRUE(becomes(*connection, TCPConnectionState::disconnected)) << endpoint.hostname;
+    drain();
+    EXPECT_EQ(statesSeenBy(*observer), std::vector{TCPConnectionState::disconnected});
+    ASSERT_TRUE(connection->error());
+    EXPECT_EQ(connection->error()->code, EINVAL);
+  }
+}
+
+TEST_F(LinuxTCPConnectionTest, AnUnreachableAddressDisconnects) {
+  const auto connection = loops_.connect({"203.0.113.1", "80"});
+  ASSERT_TRUE(becomes(*connection, TCPConnectionState::disconnected));
+  EXPECT_EQ(connection->error()->code, ENETUNREACH);
+}
+
+TEST_F(LinuxTCPConnectionTest, LackOfDescriptorsDisconnects) {
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  // A sanitizer needs a descriptor the first time that it sees an object of these classes.
+  EXPECT_TRUE(becomes(*loops_.connect({"", ""}), TCPConnectionState::disconnected));
+  const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  const auto connection = loops_.connect({"127.0.0.1", "80"});
+  const bool isDisconnected = becomes(*connection, TCPConnectionState::disconnected);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  ASSERT_TRUE(isDisconnected);
+  EXPECT_EQ(connection->error()->code, EMFILE);
+}
+
+TEST_F(LinuxTCPConnectionTest, CarriesOurMark) {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  const std::string rule =
+      "nft add table inet marks && "
+      "nft add chain inet marks out '{ type filter hook output priority 0; }' && "
+      "nft add rule inet marks out tcp dport " +
+      std::to_string(listener.local().port) +
+      " meta mark and 0x3e000000 != 0x02000000 reject with tcp reset";
+  runCommand(rule.c_str());
+  ApplicationSocket unmarked("127.0.0.1");
+  EXPECT_EQ(unmarked.connectTo("127.0.0.1", listener.local().port), ECONNREFUSED);
+  const auto connection = loops_.connect(endpointOf(listener));
+  ApplicationSocket server = listener.accept();
+  EXPECT_TRUE(becomes(*connection, TCPConnectionState::connected));
+  runCommand("nft delete table inet marks");
+}
+
+TEST_F(LinuxTCPConnectionTest, ReadsNoMoreThanTheMaximum) {
+  Connected connected = connect();
+  connected.server.send("0123456789");
+  std::string all;
+  while (all.size() < 10) {
+    const auto outcome = read(*connected.connection, 1, 4);
+    ASSERT_TRUE(outcome.bytes);
+    EXPECT_LE(outcome.bytes->size(), 4U);
+    all += *outcome.bytes;
+  }
+  EXPECT_EQ(all, "0123456789");
+}
+
+TEST_F(LinuxTCPConnectionTest, GathersTheMinimum) {
+  Connected connected = connect();
+  auto [completion, outcome] = readCompletion();
+  connected.connection->read(6, 8, std::move(completion));
+  std::uint64_t sent = 0;
+  for (const char* const part : {"ab", "cd", "e"}) {
+    connected.server.send(part);
+    sent += std::strlen(part);
+    EXPECT_TRUE(eventually([&] { return loop().counters().copiedBytes == sent; }));
+    drain();
+    EXPECT_EQ(outcome.wait_for(0s), std::future_status::timeout);
+  }
+  connected.server.send("fghij");
+  const auto gathered = waitFor(std::move(outcome)).bytes;
+  ASSERT_TRUE(gathered);
+  EXPECT_EQ(*gathered, std::string("abcdefghij").substr(0, gathered->size()));
+  EXPECT_GE(gathered->size(), 6U);
+  EXPECT_LE(gathered->size(), 8U);
+}
+
+TEST_F(LinuxTCPConnectionTest, GathersMoreThanOneBuffer) {
+  Connected connected = connect();
+  auto [completion, future] = readCompletion();
+  connected.connection->read(300'000, 400'000, std::move(completion));
+  connected.server.send(std::string(300'000, 'm'));
+  EXPECT_EQ(waitFor(std::move(future)).bytes, std::string(300'000, 'm'));
+}
+
+TEST_F(LinuxTCPConnectionTest, DeliversLessThanTheMinimumOnlyAtTheEnd) {
+  Connected connected = connect();
+  auto [completion, future] = readCompletion();
+  connected.connection->read(100, 200, std::move(completion));
+  connected.server.send("all there is");
+  connected.server.endSending();
+  EXPECT_EQ(waitFor(std::move(future)).bytes, "all there is");
+  EXPECT_TRUE(read(*connected.connection, 100, 200).isEnd());
+}
+
+TEST_F(LinuxTCPConnectionTest, ThePeersEndDisconnectsWithoutAnError) {
+  Connected connected = connect();
+  const auto observer = std::make_shared<StateObserver>();
+  connected.connection->addObserver(observer, "state");
+  connected.server.endSending();
+  EXPECT_TRUE(read(*connected.connection, 1, 10).isEnd());
+  drain();
+  EXPECT_EQ(statesSeenBy(*observer),
+            (std::vector{TCPConnectionState::connected, TCPConnectionState::disconnected}));
+  EXPECT_FALSE(connected.connection->error());
+}
+
+TEST_F(LinuxTCPConnectionTest, ThePeersResetDisconnectsWithTheError) {
+  Connected connected = connect();
+  auto [completion, future] = readCompletion();
+  connected.connection->read(1, 10, std::move(completion));
+  connected.server.reset();
+  EXPECT_EQ(waitFor(std::move(future)).error->code, ECONNRESET);
+  EXPECT_EQ(connected.connection->state(), TCPConnectionState::disconnected);
+  EXPECT_EQ(connected.connection->error()->code, ECONNRESET);
+}
+
+TEST_F(LinuxTCPConnectionTest, CancelEndsInOrderAndCompletesWhatIsOutstanding) {
+  Connected connected = connect();
+  const auto observer = std::make_shared<StateObserver>();
+  connected.connection->addObserver(observer, "state");
+  EXPECT_FALSE(write(*connected.connection, "acknowledged"));
+  auto [completion, future] = readCompletion();
+  connected.connection->read(1, 10, std::move(completion));
+  connected.connection->cancel();
+  connected.connection->cancel();
+
+  EXPECT_EQ(waitFor(std::move(future)).error->code, ECANCELED);
+  const auto received = connected.server.receiveToEnd();
+  EXPECT_EQ(received.bytes, "acknowledged");
+  EXPECT_EQ(received.error, 0);
+  drain();
+  EXPECT_EQ(statesSeenBy(*observer),
+            (std::vector{TCPConnectionState::connected, TCPConnectionState::cancelled}));
+  EXPECT_FALSE(connected.connection->error());
+  EXPECT_EQ(write(*connected.connection, "late")->code, ECANCELED);
+}
+
+TEST_F(LinuxTCPConnectionTest, CancelCompletesAWriteThatWaits) {
+  Connected connected = connect();
+  std::size_t acknowledged = 0;
+  auto stalled = writeUntilStalled(*connected.connection, acknowledged);
+  connected.connection->cancel();
+  EXPECT_EQ(waitFor(std::move(stalled))->code, ECANCELED);
+  const auto received = connected.server.receiveToEnd();
+  EXPECT_GE(received.bytes.size(), acknowledged);
+  EXPECT_EQ(received.error, 0);
+}
+
+TEST_F(LinuxTCPConnectionTest, CancelWhileConnecting) {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  const auto observer = std::make_shared<StateObserver>();
+  auto [onRead, outcome] = readCompletion();
+  const auto connection = onLoop([&, onData = std::move(onRead)] {
+    auto made = loops_.connect(endpointOf(listener));
+    made->addObserver(observer, "state");
+    made->read(1, 10, onData);
+    made->cancel();
+    return made;
+  });
+  EXPECT_EQ(waitFor(std::move(outcome)).error->code, ECANCELED);
+  drain();
+  drain();
+  EXPECT_EQ(statesSeenBy(*observer), std::vector{TCPConnectionState::cancelled});
+}
+
+TEST_F(LinuxTCPConnectionTest, CancelledOnTheLoopBeforeItBeganItIsNeverMade) {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  std::promise<std::shared_ptr<LinuxTCPConnection>> made;
+  std::promise<void> cancelled;
+  loop().post([&] {
+    made.get_future().get()->cancel();
+    cancelled.set_value();
+  });
+  const auto connection = loops_.connect(endpointOf(listener));
+  made.set_value(connection);
+  cancelled.get_future().wait();
+  drain();
+  pollfd arrivals{.fd = listener.descriptor(), .events = POLLIN, .revents = 0};
+  EXPECT_EQ(::poll(&arrivals, 1, 0), 0);
+  EXPECT_EQ(connection->state(), TCPConnectionState::cancelled);
+}
+
+TEST_F(LinuxTCPConnectionTest, ARemovedObserverIsNotTold) {
+  Connected connected = connect();
+  const auto removed = std::make_shared<StateObserver>();
+  const auto staying = std::make_shared<StateObserver>();
+  // Is told that the connection stands.
+  connected.connection->addObserver(staying, "state");
+  drain();
+  staying->states_.clear();
+  connected.connection->addObserver(removed, "state");
+  connected.connection->removeObserver(*removed, "state");
+  connected.connection->cancel();
+  EXPECT_TRUE(eventually([&] { return staying->states_.size() == 1; }));
+  EXPECT_TRUE(removed->states_.empty());
+}
+
+TEST_F(LinuxTCPConnectionTest, AnObserverMayRemoveTheNextOne) {
+  Connected connected = connect();
+  const auto first = std::make_shared<StateObserver>();
+  const auto second = std::make_shared<StateObserver>();
+  // Receives the notification that the connection is established.
+  const auto early = std::make_shared<StateObserver>();
+  connected.connection->addObserver(early, "state");
+  drain();
+  connected.connection->removeObserver(*early, "state");
+  connected.connection->addObserver(first, "state");
+  connected.connection->addObserver(second, "state");
+  first->onChange = [&] {
+    connected.connection->removeObserver(*first, "state");
+    connected.connection->removeObserver(*second, "state");
+  };
+  connected.connection->cancel();
+  EXPECT_TRUE(eventually([&] { return first->states_.size() == 1; }));
+  drain();
+  EXPECT_TRUE(second->states_.empty());
+}
+
+TEST_F(LinuxTCPConnectionTest, ObserversAreHeldWeakly) {
+  Connected connected = connect();
+  auto observer = std::make_shared<StateObserver>();
+  connected.connection->addObserver(observer, "state");
+  const std::weak_ptr<StateObserver> weakObserver = observer;
+  observer.reset();
+  EXPECT_TRUE(weakObserver.expired());
+  connected.connection->cancel();
+  EXPECT_TRUE(becomes(*connected.connection, TCPConnectionState::cancelled));
+}
+
+TEST_F(LinuxTCPConnectionTest, DestroyedUncancelledResets) {
+  Connected connected = connect();
+  EXPECT_FALSE(write(*connected.connection, "half of it"));
+  EXPECT_EQ(connected.server.receive(10).bytes, "half of it");
+  connected.connection.reset();
+  EXPECT_EQ(connected.server.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(LinuxTCPConnectionTest, DestroyedWhileConnectingCompletesNothing) {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  auto completed = std::make_shared<std::atomic<int>>(0);
+  onLoop([&] {
+    const auto connection = loops_.connect(endpointOf(listener));
+    connection->read(
+        1, 10, [completed](const std::optional<Data>&, const OptionalError&) { ++*completed; });
+  });
+  EXPECT_TRUE(eventually([&] { return completed.use_count() == 1; }));
+  EXPECT_EQ(*completed, 0);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform::test

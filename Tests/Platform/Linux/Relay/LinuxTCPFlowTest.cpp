@@ -1,0 +1,428 @@
+#include "Platform/Linux/Relay/LinuxTCPFlow.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "Platform/Linux/Relay/PipeChunk.h"
+#include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+
+namespace ostravel::linuxplatform::test {
+namespace {
+
+using platform::Data;
+using platform::OptionalError;
+
+class LinuxTCPFlowTest : public RelayTest {
+ protected:
+  // A flow that has been released by a read and waits for its connection.
+  struct Released {
+    std::shared_ptr<LinuxTCPFlow> flow;
+    ApplicationSocket application;
+    std::future<ReadOutcome> read;
+  };
+
+  Released releaseFlow() {
+    ApplicationSocket application(kApplicationIPv4);
+    Flow made = makeFlow(application.local());
+    auto [completion, future] = readCompletion();
+    made.flow->read(std::move(completion));
+    EXPECT_EQ(made.verdict->wait(), "redirect 0");
+    return {std::move(made.flow), std::move(application), std::move(future)};
+  }
+
+  // Of an application that is somewhere, whatever its port.
+  SocketEndpoint anySource() { return ApplicationSocket(kApplicationIPv4).local(); }
+};
+
+TEST_F(LinuxTCPFlowTest, NamesItsApplicationAndItsDestination) {
+  const Flow made = makeFlow(anySource());
+  EXPECT_EQ(made.flow->sourceAppSigningIdentifier(), "org.example.browser");
+  EXPECT_EQ(made.flow->remoteEndpoint(), (platform::HostEndpoint{"192.0.2.1", "443"}));
+}
+
+TEST_F(LinuxTCPFlowTest, OpenSucceedsWithoutTouchingThePacket) {
+  const Flow made = makeFlow(anySource());
+  auto [completion, future] = errorCompletion();
+  made.flow->open(std::nullopt, std::move(completion));
+  EXPECT_FALSE(waitFor(std::move(future)));
+  EXPECT_EQ(made.verdict->current(), "");
+}
+
+TEST_F(LinuxTCPFlowTest, OpenAfterACloseIsCancelled) {
+  const Flow made = makeFlow(anySource());
+  made.flow->closeRead(std::nullopt);
+  auto [completion, future] = errorCompletion();
+  made.flow->open(std::nullopt, std::move(completion));
+  const auto error = waitFor(std::move(future));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, ECANCELED);
+}
+
+TEST_F(LinuxTCPFlowTest, CompletionsNeverRunInsideTheCall) {
+  CarriedFlow carried = carryFlow();
+  carried.application.send("there is something to read");
+  std::atomic<int> completed = 0;
+  onLoop([&] {
+    carried.flow->open(std::nullopt, [&](const OptionalError&) { ++completed; });
+    carried.flow->read([&](const std::optional<Data>&, const OptionalError&) { ++completed; });
+    carried.flow->write(Data::copyOf("some bytes"), [&](const OptionalError&) { ++completed; });
+    EXPECT_EQ(completed, 0);
+  });
+  EXPECT_TRUE(eventually([&] { return completed == 3; }));
+  onLoop([&] {
+    carried.flow->read([&](const std::optional<Data>&, const OptionalError&) { ++completed; });
+    carried.flow->closeRead(std::nullopt);
+    carried.flow->closeWrite(std::nullopt);
+    carried.flow->write(Data::copyOf("too late"), [&](const OptionalError&) { ++completed; });
+    EXPECT_EQ(completed, 3);
+  });
+  EXPECT_TRUE(eventually([&] { return completed == 5; }));
+}
+
+TEST_F(LinuxTCPFlowTest, TheFirstReadReleasesThePacket) {
+  const Flow made = makeFlow(anySource());
+  made.flow->read(readCompletion().first);
+  EXPECT_EQ(made.verdict->wait(), "redirect 0");
+}
+
+TEST_F(LinuxTCPFlowTest, TheFirstWriteReleasesThePacketAndArrives) {
+  ApplicationSocket application(kApplicationIPv4);
+  const Flow made = makeFlow(application.local());
+  auto [completion, future] = errorCompletion();
+  made.flow->write(Data::copyOf("hello"), std::move(completion));
+  EXPECT_EQ(made.verdict->wait(), "redirect 0");
+  EXPECT_EQ(arrive(application), 0);
+  EXPECT_FALSE(waitFor(std::move(future)));
+  EXPECT_EQ(application.receive(5).bytes, "hello");
+}
+
+TEST_F(LinuxTCPFlowTest, AnEmptyWriteSucceeds) {
+  const CarriedFlow carried = carryFlow();
+  EXPECT_FALSE(write(*carried.flow, ""));
+}
+
+TEST_F(LinuxTCPFlowTest, AWriteOfBytesThatAreNotThereFails) {
+  const CarriedFlow carried = carryFlow();
+  auto chunk = onLoop([this] {
+    auto pipe = loop().pipes().take(nullptr);
+    EXPECT_TRUE(pipe);
+    // An empty pipe without a writer has come to its end.
+    pipe->writeEnd = FileDescriptor();
+    return std::make_unique<PipeChunk>(loop().pipes(), *std::move(pipe), 10);
+  });
+  auto [completion, future] = errorCompletion();
+  carried.flow->write(Data(std::move(chunk)), std::move(completion));
+  const auto error = waitFor(std::move(future));
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, EIO);
+}
+
+TEST_F(LinuxTCPFlowTest, CarriesBytesOverIPv6) {
+  ApplicationSocket application(kApplicationIPv6);
+  const Flow made = makeFlow(application.local());
+  auto [completion, future] = readCompletion();
+  made.flow->read(std::move(completion));
+  made.verdict->wait();
+  ASSERT_EQ(arrive(application), 0);
+  application.send("over IPv6");
+  EXPECT_EQ(waitFor(std::move(future)).bytes, "over IPv6");
+}
+
+TEST_F(LinuxTCPFlowTest, ACloseBeforeTheReleaseRefuses) {
+  const std::vector<std::function<void(LinuxTCPFlow&)>> closes{
+      [](LinuxTCPFlow& flow) { flow.closeRead(std::nullopt); },
+      [](LinuxTCPFlow& flow) { flow.closeWrite(std::nullopt); }};
+  for (const auto& close : closes) {
+    const Flow made = makeFlow(anySource());
+    close(*made.flow);
+    EXPECT_EQ(made.verdict->wait(), "refuse");
+  }
+}
+
+TEST_F(LinuxTCPFlowTest, ACloseWithAnErrorBeforeTheReleaseGivesTheFlowBack) {
+  const std::vector<std::function<void(LinuxTCPFlow&)>> closes{
+      [](LinuxTCPFlow& flow) { flow.closeRead(someError()); },
+      [](LinuxTCPFlow& flow) { flow.closeWrite(someError()); }};
+  for (const auto& close : closes) {
+    const Flow made = makeFlow(anySource());
+    close(*made.flow);
+    EXPECT_EQ(made.verdict->wait(), "accept");
+  }
+}
+
+TEST_F(LinuxTCPFlowTest, AReadAfterAHeldFlowHasEndedIsCancelled) {
+  const std::vector<std::pair<platform::OptionalError, std::string>> ends{{std::nullopt, "refuse"},
+                                                                          {someError(), "accept"}};
+  for (const auto& [error, verdict] : ends) {
+    const Flow made = makeFlow(anySource());
+    made.flow->closeRead(error);
+    const auto outcome = read(*made.flow);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code, ECANCELED);
+    EXPECT_EQ(made.verdict->current(), verdict);
+  }
+}
+
+TEST_F(LinuxTCPFlowTest, ARefusalOutlivesItsFlow) {
+  Flow made = makeFlow(anySource());
+  made.flow->closeRead(std::nullopt);
+  made.flow.reset();
+  EXPECT_EQ(made.verdict->wait(), "refuse");
+}
+
+TEST_F(LinuxTCPFlowTest, DestroyedUnclosedBeforeTheReleaseLeavesTheFlowToTheSystem) {
+  Flow made = makeFlow(anySource());
+  made.flow.reset();
+  EXPECT_EQ(made.verdict->current(), "accept");
+}
+
+TEST_F(LinuxTCPFlowTest, SaysThatTheApplicationGaveUpAndResetsALateConnection) {
+  Released released = releaseFlow();
+  auto [completion, written] = errorCompletion();
+  const auto start = std::chrono::steady_clock::now();
+  released.flow->write(Data::copyOf("hello"), std::move(completion));
+
+  const auto outcome = waitFor(std::move(released.read));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, limits::kAcceptTimeout - 100ms);
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, ETIMEDOUT);
+  EXPECT_NE(outcome.error->localizedDescription.find("application gave up"), std::string::npos);
+  EXPECT_EQ(waitFor(std::move(written)), outcome.error);
+  EXPECT_EQ(read(*released.flow).error, outcome.error);
+
+  ASSERT_EQ(arrive(released.application), 0);
+  EXPECT_EQ(released.application.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(LinuxTCPFlowTest, AConnectionThatArrivesTwiceIsResetTheSecondTime) {
+  CarriedFlow carried = carryFlow();
+  const std::uint16_t port = carried.application.local().port;
+  carried.application.reset();
+  ApplicationSocket again(kApplicationIPv4, port);
+  ASSERT_EQ(arrive(again), 0);
+  EXPECT_EQ(again.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(LinuxTCPFlowTest, DeliversTheEndOfTheStreamAgainAndAgain) {
+  CarriedFlow carried = carryFlow();
+  carried.application.send("last words");
+  carried.application.endSending();
+  EXPECT_EQ(read(*carried.flow).bytes, "last words");
+  EXPECT_TRUE(read(*carried.flow).isEnd());
+  EXPECT_TRUE(read(*carried.flow).isEnd());
+}
+
+TEST_F(LinuxTCPFlowTest, AReadSeesTheApplicationsReset) {
+  CarriedFlow carried = carryFlow();
+  auto [completion, future] = readCompletion();
+  carried.flow->read(std::move(completion));
+  carried.application.reset();
+  const auto outcome = waitFor(std::move(future));
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, ECONNRESET);
+  EXPECT_EQ(outcome.error->domain, platform::kPOSIXErrorDomain);
+}
+
+TEST_F(LinuxTCPFlowTest, AnEndIsNotMistakenForOneAfterAWriteHasFailed) {
+  CarriedFlow carried = carryFlow();
+  carried.application.reset();
+  // The kernel tells the reset to one call only.
+  ASSERT_TRUE(eventually([&] { return true; }));
+  OptionalError failed;
+  while (!failed) {
+    failed = write(*carried.flow, "into the void");
+  }
+  const auto outcome = read(*carried.flow);
+  EXPECT_TRUE(outcome.error);
+  EXPECT_FALSE(outcome.isEnd());
+}
+
+TEST_F(LinuxTCPFlowTest, ClosingBothDirectionsEndsInOrder) {
+  CarriedFlow carried = carryFlow();
+  EXPECT_FALSE(write(*carried.flow, "all of it"));
+  carried.flow->closeRead(std::nullopt);
+  carried.flow->closeWrite(std::nullopt);
+  const auto received = carried.application.receiveToEnd();
+  EXPECT_EQ(received.bytes, "all of it");
+  EXPECT_EQ(received.error, 0);
+}
+
+TEST_F(LinuxTCPFlowTest, AnOrderlyCloseOutlivesItsFlow) {
+  CarriedFlow carried = carryFlow();
+  EXPECT_FALSE(write(*carried.flow, "all of it"));
+  carried.flow->closeRead(std::nullopt);
+  carried.flow->closeWrite(std::nullopt);
+  carried.flow.reset();
+  const auto received = carried.application.receiveToEnd();
+  EXPECT_EQ(received.bytes, "all of it");
+  EXPECT_EQ(received.error, 0);
+}
+
+TEST_F(LinuxTCPFlowTest, ClosingTheWriteDirectionLeavesReading) {
+  CarriedFlow carried = carryFlow();
+  carried.flow->closeWrite(std::nullopt);
+  EXPECT_EQ(carried.application.receiveToEnd().error, 0);
+  carried.application.send("still heard");
+  EXPECT_EQ(read(*carried.flow).bytes, "still heard");
+  const auto error = write(*carried.flow, "not any more");
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, ECANCELED);
+}
+
+TEST_F(LinuxTCPFlowTest, ClosingTheReadDirectionDiscardsAndLeavesWriting) {
+  CarriedFlow carried = carryFlow();
+  auto [completion, future] = readCompletion();
+  carried.flow->read(std::move(completion));
+  carried.flow->closeRead(std::nullopt);
+  const auto outcome = waitFor(std::move(future));
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, ECANCELED);
+
+  // More than the kernel's buffers hold, so that it would stall unless it were discarded.
+  carried.application.send(std::string(32 * 1024 * 1024, 'd'));
+  EXPECT_TRUE(eventually([&] { return loop().counters().discardedBytes == 32 * 1024 * 1024; }));
+  EXPECT_FALSE(write(*carried.flow, "still said"));
+  EXPECT_EQ(carried.application.receive(10).bytes, "still said");
+}
+
+TEST_F(LinuxTCPFlowTest, ClosingTheReadDirectionBetweenReadsDiscardsToo) {
+  CarriedFlow carried = carryFlow();
+  carried.flow->closeRead(std::nullopt);
+  carried.application.send(std::string(32 * 1024 * 1024, 'd'));
+  EXPECT_FALSE(write(*carried.flow, "still said"));
+  EXPECT_EQ(carried.application.receive(10).bytes, "still said");
+}
+
+TEST_F(LinuxTCPFlowTest, ClosingEitherDirectionWithAnErrorResets) {
+  for (const bool closesRead : {true, false}) {
+    CarriedFlow carried = carryFlow();
+    auto [completion, future] = readCompletion();
+    carried.flow->read(std::move(completion));
+    if (closesRead) {
+      carried.flow->closeRead(someError());
+    } else {
+      carried.flow->closeWrite(someError());
+    }
+    const auto outcome = waitFor(std::move(future));
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code, ECANCELED);
+    EXPECT_EQ(carried.application.receiveToEnd().error, ECONNRESET);
+  }
+}
+
+TEST_F(LinuxTCPFlowTest, ASecondCloseOfADirectionHasNoEffect) {
+  CarriedFlow carried = carryFlow();
+  carried.flow->closeRead(std::nullopt);
+  carried.flow->closeRead(someError());
+  EXPECT_FALSE(write(*carried.flow, "intact"));
+  carried.flow->closeWrite(std::nullopt);
+  carried.flow->closeWrite(someError());
+  const auto received = carried.application.receiveToEnd();
+  EXPECT_EQ(received.bytes, "intact");
+  EXPECT_EQ(received.error, 0);
+}
+
+TEST_F(LinuxTCPFlowTest, ClosedWithAnErrorBetweenReleaseAndArrivalResets) {
+  Released released = releaseFlow();
+  released.flow->closeRead(someError());
+  released.flow->closeWrite(someError());
+  const auto outcome = waitFor(std::move(released.read));
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, ECANCELED);
+  ASSERT_EQ(arrive(released.application), 0);
+  EXPECT_EQ(released.application.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(LinuxTCPFlowTest, ClosedInOrderBetweenReleaseAndArrivalEndsInOrder) {
+  Released released = releaseFlow();
+  released.flow->closeRead(std::nullopt);
+  released.flow->closeWrite(std::nullopt);
+  EXPECT_EQ(waitFor(std::move(released.read)).error->code, ECANCELED);
+  released.flow.reset();
+  ASSERT_EQ(arrive(released.application), 0);
+  const auto received = released.application.receiveToEnd();
+  EXPECT_EQ(received.error, 0);
+  EXPECT_EQ(received.bytes, "");
+}
+
+TEST_F(LinuxTCPFlowTest, AWriteDirectionClosedBeforeTheArrivalIsClosedOnIt) {
+  Released released = releaseFlow();
+  released.flow->closeWrite(std::nullopt);
+  ASSERT_EQ(arrive(released.application), 0);
+  EXPECT_EQ(released.application.receiveToEnd().error, 0);
+  released.application.send("still heard");
+  EXPECT_EQ(waitFor(std::move(released.read)).bytes, "still heard");
+}
+
+TEST_F(LinuxTCPFlowTest, DestroyedBetweenReleaseAndArrivalResets) {
+  Released released = releaseFlow();
+  released.flow.reset();
+  ASSERT_EQ(arrive(released.application), 0);
+  EXPECT_EQ(released.application.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(LinuxTCPFlowTest, DestroyedUnclosedResetsWhatItCarries) {
+  CarriedFlow carried = carryFlow();
+  EXPECT_FALSE(write(*carried.flow, "half of it"));
+  EXPECT_EQ(carried.application.receive(10).bytes, "half of it");
+  carried.flow.reset();
+  EXPECT_EQ(carried.application.receiveToEnd().error, ECONNRESET);
+}
+
+TEST_F(LinuxTCPFlowTest, NothingCompletesAfterItsDestruction) {
+  CarriedFlow carried = carryFlow();
+  auto completed = std::make_shared<std::atomic<int>>(0);
+  const auto onRead = [completed](const std::optional<Data>&, const OptionalError&) {
+    ++*completed;
+  };
+  const auto onDone = [completed](const OptionalError&) { ++*completed; };
+  onLoop([&] {
+    carried.flow->open(std::nullopt, onDone);
+    carried.flow->read(onRead);
+    carried.flow->write(Data::copyOf("done at once, told later"), onDone);
+    carried.flow.reset();
+  });
+  // The completions themselves are gone as well.
+  EXPECT_TRUE(eventually([&] { return completed.use_count() == 3; }));
+  EXPECT_EQ(*completed, 0);
+}
+
+TEST_F(LinuxTCPFlowTest, GivesItsDescriptorsBack) {
+  const std::size_t before = budget_.inUse();
+  CarriedFlow carried = carryFlow();
+  EXPECT_EQ(budget_.inUse(), before + 1);
+  // The completion of its read may still be holding it.
+  drain();
+  carried.flow.reset();
+  EXPECT_EQ(budget_.inUse(), before);
+}
+
+using LinuxTCPFlowDeathTest = LinuxTCPFlowTest;
+
+TEST_F(LinuxTCPFlowDeathTest, ASecondReadOrWriteAtATimeIsAProgrammingError) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        CarriedFlow carried = carryFlow();
+        carried.flow->read(readCompletion().first);
+        carried.flow->read(readCompletion().first);
+        drain();
+      },
+      "a read of a stream that is being read");
+  EXPECT_DEATH(
+      {
+        const Flow made = makeFlow(anySource());
+        made.flow->write(Data::copyOf("a"), errorCompletion().first);
+        made.flow->write(Data::copyOf("b"), errorCompletion().first);
+        drain();
+      },
+      "a write to a stream that is being written to");
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform::test

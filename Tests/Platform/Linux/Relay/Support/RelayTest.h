@@ -1,0 +1,126 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Relay/LinuxTCPFlow.h"
+#include "Tests/Platform/Linux/Relay/Support/ApplicationSocket.h"
+#include "Tests/Platform/Linux/Relay/Support/PrivateNetwork.h"
+#include "Tests/Platform/Linux/Relay/Support/RecordedPacket.h"
+
+namespace ostravel::linuxplatform::test {
+
+using namespace std::chrono_literals;
+
+// No wait of a test is longer.
+inline constexpr auto kPatience = 20s;
+
+template <typename Value>
+Value waitFor(std::future<Value> future) {
+  if (future.wait_for(kPatience) != std::future_status::ready) {
+    ADD_FAILURE() << "it did not happen";
+    return Value();
+  }
+  return future.get();
+}
+
+// What a completion was given.
+struct ReadOutcome {
+  std::optional<std::string> bytes;
+  platform::OptionalError error;
+
+  bool isEnd() const { return !bytes && !error; }
+};
+
+// A completion and the future of what it is given. The chunk's bytes are asked for.
+std::pair<platform::ReadCompletion, std::future<ReadOutcome>> readCompletion();
+std::pair<platform::ErrorCompletion, std::future<platform::OptionalError>> errorCompletion();
+
+// One event loop, and flows and connections on it.
+class RelayTest : public ::testing::Test {
+ protected:
+  RelayTest();
+
+  struct Flow {
+    std::shared_ptr<LinuxTCPFlow> flow;
+    std::shared_ptr<Verdict> verdict;
+  };
+  // Both ends of one side of a tunnel.
+  struct CarriedFlow {
+    std::shared_ptr<LinuxTCPFlow> flow;
+    ApplicationSocket application;
+  };
+  struct Connected {
+    std::shared_ptr<LinuxTCPConnection> connection;
+    ApplicationSocket server;
+  };
+
+  EventLoop& loop() { return loops_.loop(0); }
+
+  // Runs work on the loop and returns its result.
+  template <typename Work>
+  auto onLoop(Work work) -> decltype(work()) {
+    std::packaged_task<decltype(work())()> task(std::move(work));
+    auto result = task.get_future();
+    loop().post(std::move(task));
+    return result.get();
+  }
+  // Returns after everything has run that was posted before.
+  void drain() {
+    onLoop([] {});
+  }
+  // Looks at the condition again and again, on the loop.
+  bool eventually(const std::function<bool()>& condition);
+
+  FlowTuple tupleOf(const SocketEndpoint& source) const;
+  // What the kernel does with the SYN of a released flow: the application's connection, to where
+  // it was going, arrives at the loop. What connect() says.
+  int arrive(ApplicationSocket& application);
+  // A flow whose application has this source.
+  Flow makeFlow(const SocketEndpoint& source);
+  // A flow that was released by a read and has been accepted; the read is answered with "x" from
+  // the application, which the test need not know of.
+  CarriedFlow carryFlow();
+  Connected connect();
+  // For a tunnel of this user.
+  Connected connectFor(std::shared_ptr<UserShare> user);
+
+  ReadOutcome read(LinuxTCPFlow& flow);
+  ReadOutcome read(LinuxTCPConnection& connection, std::size_t minimum, std::size_t maximum);
+  platform::OptionalError write(LinuxTCPFlow& flow, const std::string& bytes);
+  platform::OptionalError write(LinuxTCPConnection& connection, const std::string& bytes);
+  // Writes until a write does not complete, whose future is returned.
+  std::future<platform::OptionalError> writeUntilStalled(LinuxTCPConnection& connection,
+                                                         std::size_t& acknowledged);
+
+  // What the loop does within a while: how often it was woken, and its CPU time.
+  struct Activity {
+    std::uint64_t wakeups = 0;
+    std::chrono::nanoseconds cpuTime{};
+  };
+  Activity activityWithin(std::chrono::milliseconds time);
+
+  DescriptorBudget budget_{100'000};
+  EventLoopGroup loops_{budget_, 1};
+
+ private:
+  // Every test has a destination of its own: the kernel remembers for a while where it has
+  // redirected a connection.
+  const std::uint16_t destinationPort_;
+  std::unique_ptr<InterceptionTable> table_;
+};
+
+// An error with which the core closes.
+platform::Error someError();
+
+}  // namespace ostravel::linuxplatform::test

@@ -1,0 +1,225 @@
+#include "Platform/Linux/Services/JournalLog.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+
+constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
+
+// Runs the test on a thread that sees a file system of its own, in which /run is empty.
+void withPrivateRun(const std::function<void()>& test) {
+  std::thread([&test] {
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << "run as root";
+    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(::mount("tmpfs", "/run", "tmpfs", 0, nullptr), 0);
+    test();
+  }).join();
+}
+
+// Takes the place of the journal.
+class ReceivingJournal {
+ public:
+  ReceivingJournal()
+      : descriptor_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    ::mkdir("/run/systemd", 0755);
+    ::mkdir("/run/systemd/journal", 0755);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string(kJournalSocket).copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+  ~ReceivingJournal() { ::close(descriptor_); }
+
+  // The lines of the next datagram, none if there is none; fields without line breaks have the form
+  // NAME=value.
+  std::set<std::string> nextEntry() const {
+    std::array<char, 4096> bytes{};
+    const auto count = ::recv(descriptor_, bytes.data(), bytes.size(), 0);
+    std::set<std::string> fields;
+    std::istringstream text(
+        std::string(bytes.data(), static_cast<std::size_t>(count < 0 ? 0 : count)));
+    for (std::string field; std::getline(text, field);) {
+      fields.insert(field);
+    }
+    return fields;
+  }
+
+ private:
+  int descriptor_;
+};
+
+std::shared_ptr<BackgroundWriter> makeWriter() {
+  return std::make_shared<BackgroundWriter>(std::make_unique<JournalLog::Output>("sub", "cat"),
+                                            BackgroundWriter::kUsualCapacity, "journal");
+}
+
+// Fills the journal's socket.
+void stall() {
+  JournalLog::Output output("sub", "cat");
+  while (output.writeInCrash("MESSAGE=filling\n\n") > 0) {
+  }
+}
+
+constexpr std::string_view kReport = "OstravelProxy: Log lines dropped count=";
+
+std::string messageOf(const std::set<std::string>& fields) {
+  constexpr std::string_view kName = "MESSAGE=";
+  const auto message = fields.lower_bound(std::string(kName));
+  return message != fields.end() && message->starts_with(kName) ? message->substr(kName.size())
+                                                                : std::string();
+}
+
+bool flush(BackgroundWriter& writer) {
+  return writer.flush(steady_clock::now() + 60s);
+}
+
+TEST(JournalLogTest, SendsEveryLevelWithItsFields) {
+  withPrivateRun([] {
+    const ReceivingJournal journal;
+    const auto writer = makeWriter();
+    JournalLog log(writer, "OstravelNetworkExtension", "OstravelProxy");
+    const auto expected = [](const std::string& message, const std::string& priority) {
+      return std::set<std::string>{
+          "MESSAGE=" + message, "PRIORITY=" + priority, "SYSLOG_IDENTIFIER=ostravel",
+          "OSTRAVEL_SUBSYSTEM=OstravelNetworkExtension", "OSTRAVEL_CATEGORY=OstravelProxy"};
+    };
+    log.debug("OstravelProxy: a %{public}s", {"b"});
+    ASSERT_TRUE(flush(*writer));
+    EXPECT_EQ(journal.nextEntry(), expected("OstravelProxy: a b", "7"));
+    log.info("c");
+    ASSERT_TRUE(flush(*writer));
+    EXPECT_EQ(journal.nextEntry(), expected("c", "6"));
+    log.standard("d");
+    ASSERT_TRUE(flush(*writer));
+    EXPECT_EQ(journal.nextEntry(), expected("d", "5"));
+    log.error("e %{public}d", {std::int64_t{1}});
+    ASSERT_TRUE(flush(*writer));
+    EXPECT_EQ(journal.nextEntry(), expected("e 1", "3"));
+  });
+}
+
+TEST(JournalLogTest, ALineBreakMakesNoFieldAndNoLine) {
+  withPrivateRun([] {
+    const ReceivingJournal journal;
+    const auto writer = makeWriter();
+    JournalLog log(writer, "sub\nPRIORITY=0", "cat\nPRIORITY=0");
+    log.info("OstravelProxy: %{public}s", {"one\nPRIORITY=0"});
+    ASSERT_TRUE(flush(*writer));
+    const auto fields = journal.nextEntry();
+    EXPECT_EQ(fields.size(), 5U);
+    EXPECT_TRUE(fields.contains("MESSAGE=OstravelProxy: one\\x0aPRIORITY=0"));
+    EXPECT_TRUE(fields.contains("OSTRAVEL_SUBSYSTEM=sub\\x0aPRIORITY=0"));
+    EXPECT_TRUE(fields.contains("OSTRAVEL_CATEGORY=cat\\x0aPRIORITY=0"));
+    EXPECT_TRUE(fields.contains("PRIORITY=6"));
+  });
+}
+
+TEST(JournalLogTest, WithoutAJournalALineIsLostWithoutATrace) {
+  withPrivateRun([] {
+    const auto writer = makeWriter();
+    JournalLog log(writer, "sub", "cat");
+    errno = EDOM;
+    log.error("lost");
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_TRUE(flush(*writer));
+  });
+}
+
+TEST(JournalLogTest, AJournalThatHasStalledNeverHoldsUpTheCaller) {
+  withPrivateRun([] {
+    const ReceivingJournal journal;
+    stall();
+    const auto writer = makeWriter();
+    JournalLog log(writer, "sub", "cat");
+    // Far more than the writer holds.
+    constexpr int kLines = 100'000;
+    for (int line = 0; line < kLines; ++line) {
+      log.info("OstravelProxy: line %{public}d", {std::int64_t{line}});
+    }
+    EXPECT_FALSE(writer->flush(steady_clock::now() + 1ms));
+
+    int received = 0;
+    std::vector<std::set<std::string>> reports;
+    const auto receive = [&] {
+      for (auto fields = journal.nextEntry(); !fields.empty(); fields = journal.nextEntry()) {
+        const std::string message = messageOf(fields);
+        received += message.starts_with("OstravelProxy: line ") ? 1 : 0;
+        if (message.starts_with(kReport)) {
+          reports.push_back(fields);
+        }
+      }
+    };
+    while (!writer->flush(steady_clock::now() + 1ms)) {
+      receive();
+    }
+    receive();
+    // One, or two when the writer took its first buffer only after that was full.
+    ASSERT_TRUE(reports.size() == 1 || reports.size() == 2) << reports.size();
+    for (const auto& report : reports) {
+      received += std::stoi(messageOf(report).substr(kReport.size()));
+    }
+    EXPECT_EQ(received, kLines);
+    EXPECT_TRUE(reports[0].contains("PRIORITY=3"));
+    EXPECT_TRUE(reports[0].contains("OSTRAVEL_SUBSYSTEM=sub"));
+  });
+}
+
+TEST(JournalLogTest, DestructionLeavesAJournalThatHasStalledBehind) {
+  withPrivateRun([] {
+    const ReceivingJournal journal;
+    stall();
+    auto writer = makeWriter();
+    JournalLog(writer, "sub", "cat").info("x");
+    writer.reset();
+  });
+}
+
+TEST(JournalLogTest, InACrashARecordIsSentWithoutTheLibrary) {
+  withPrivateRun([] {
+    const ReceivingJournal journal;
+    JournalLog::Output output("sub", "cat");
+    const std::string record = output.dropped(7);
+    EXPECT_EQ(output.writeInCrash(record + record), record.size());
+    const auto fields = journal.nextEntry();
+    EXPECT_EQ(fields, (std::set<std::string>{"MESSAGE=OstravelProxy: Log lines dropped count=7",
+                                             "PRIORITY=3", "SYSLOG_IDENTIFIER=ostravel",
+                                             "OSTRAVEL_SUBSYSTEM=sub", "OSTRAVEL_CATEGORY=cat"}));
+    EXPECT_TRUE(journal.nextEntry().empty());
+  });
+}
+
+TEST(JournalLogTest, InACrashNothingWaitsForTheJournal) {
+  withPrivateRun([] {
+    JournalLog::Output output("sub", "cat");
+    const std::string record = output.dropped(7);
+    EXPECT_EQ(output.writeInCrash(record), 0U);
+    const ReceivingJournal journal;
+    while (output.writeInCrash(record) > 0) {
+    }
+  });
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,63 @@
+#include "Platform/Linux/Services/RandomUUIDSource.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+TEST(RandomUUIDSourceTest, HasTheFormOfVersion4InUpperCase) {
+  RandomUUIDSource source;
+  const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  for (int i = 0; i < 1000; ++i) {
+    const std::string uuid = source.randomUUID();
+    EXPECT_TRUE(std::regex_match(uuid, form)) << uuid;
+  }
+}
+
+TEST(RandomUUIDSourceTest, EveryFreeDigitTakesEveryValue) {
+  RandomUUIDSource source;
+  std::array<std::set<char>, 36> seen;
+  for (int i = 0; i < 2000; ++i) {
+    const std::string uuid = source.randomUUID();
+    for (std::size_t at = 0; at < uuid.size(); ++at) {
+      seen[at].insert(uuid[at]);
+    }
+  }
+  for (std::size_t at = 0; at < seen.size(); ++at) {
+    const bool isFixed = at == 8 || at == 13 || at == 14 || at == 18 || at == 23;
+    EXPECT_EQ(seen[at].size(), isFixed ? 1U : at == 19 ? 4U : 16U) << at;
+  }
+}
+
+TEST(RandomUUIDSourceTest, ManyThreadsGetDifferentOnes) {
+  RandomUUIDSource source;
+  constexpr std::size_t kThreads = 4;
+  constexpr int kEach = 5000;
+  std::array<std::vector<std::string>, kThreads> made;
+  std::vector<std::thread> threads;
+  for (auto& own : made) {
+    threads.emplace_back([&source, &own] {
+      for (int i = 0; i < kEach; ++i) {
+        own.push_back(source.randomUUID());
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::set<std::string> all;
+  for (const auto& own : made) {
+    all.insert(own.begin(), own.end());
+  }
+  EXPECT_EQ(all.size(), kThreads * kEach);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,205 @@
+#include "Platform/Linux/Services/StderrLog.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+
+std::shared_ptr<BackgroundWriter> writerOn(int descriptor) {
+  return std::make_shared<BackgroundWriter>(std::make_unique<StderrLog::Output>(descriptor),
+                                            BackgroundWriter::kUsualCapacity, "stderr");
+}
+
+class StderrLogTest : public testing::Test {
+ protected:
+  StderrLogTest() {
+    std::signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(::fcntl(ends_[0], F_SETFL, O_NONBLOCK), 0);
+  }
+  // What is left then meets a closed pipe.
+  ~StderrLogTest() override {
+    ::close(ends_[0]);
+    ::close(ends_[1]);
+  }
+
+  void flush() { ASSERT_TRUE(writer_->flush(steady_clock::now() + 60s)); }
+
+  // What has come so far.
+  std::string read() {
+    std::string text;
+    std::array<char, 65536> bytes{};
+    for (auto size = ::read(ends_[0], bytes.data(), bytes.size()); size > 0;
+         size = ::read(ends_[0], bytes.data(), bytes.size())) {
+      text.append(bytes.data(), static_cast<std::size_t>(size));
+    }
+    return text;
+  }
+
+  std::string written() {
+    flush();
+    return read();
+  }
+
+  // Fills the pipe, and then logs count lines.
+  void stall(platform::Log& log, int count) {
+    const LineOutput output(ends_[1]);
+    while (output.writePiece("filling\n", 0ms).size > 0) {
+    }
+    for (int line = 0; line < count; ++line) {
+      log.info("OstravelProxy: line %{public}d", {std::int64_t{line}});
+    }
+  }
+
+  static std::array<int, 2> makePipe() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    return ends;
+  }
+
+  std::array<int, 2> ends_ = makePipe();
+  std::shared_ptr<BackgroundWriter> writer_ = writerOn(ends_[1]);
+};
+
+TEST_F(StderrLogTest, WritesTimeLevelAndText) {
+  StderrLog log(writer_, StderrLog::Debug::isWritten);
+  log.debug("OstravelProxy: a %{public}s", {"b"});
+  log.info("OstravelProxy: c");
+  log.standard("OstravelProxy: d");
+  log.error("OstravelProxy: e %{public}d", {std::int64_t{7}});
+  const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )";
+  EXPECT_TRUE(std::regex_match(
+      written(),
+      std::regex(time + "debug   OstravelProxy: a b\n" + time + "info    OstravelProxy: c\n" +
+                 time + "default OstravelProxy: d\n" + time + "error   OstravelProxy: e 7\n")));
+}
+
+TEST_F(StderrLogTest, TheTimeIsUTCAndThatOfTheCall) {
+  ASSERT_EQ(::setenv("TZ", "Asia/Tokyo", 1), 0);
+  ::tzset();
+  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  timespec before{};
+  timespec after{};
+  ::clock_gettime(CLOCK_REALTIME, &before);
+  log.info("x");
+  ::clock_gettime(CLOCK_REALTIME, &after);
+  std::tm time{};
+  int milliseconds = -1;
+  ASSERT_EQ(std::sscanf(written().c_str(), "%d-%d-%dT%d:%d:%d.%dZ", &time.tm_year, &time.tm_mon,
+                        &time.tm_mday, &time.tm_hour, &time.tm_min, &time.tm_sec, &milliseconds),
+            7);
+  time.tm_year -= 1900;
+  time.tm_mon -= 1;
+  const std::time_t logged = ::timegm(&time);
+  EXPECT_GE(logged, before.tv_sec);
+  EXPECT_LE(logged, after.tv_sec);
+}
+
+TEST_F(StderrLogTest, DebugLinesAreDroppedUnlessAskedFor) {
+  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  log.debug("hidden");
+  EXPECT_EQ(written(), "");
+  log.info("shown");
+  EXPECT_NE(written(), "");
+}
+
+TEST_F(StderrLogTest, ALineBreakInAnArgumentDoesNotMakeALine) {
+  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  log.error("OstravelProxy: %{public}s", {"one\ntwo"});
+  const std::string line = written();
+  EXPECT_NE(line.find("one\\x0atwo\n"), std::string::npos);
+  EXPECT_EQ(line.find('\n'), line.size() - 1);
+}
+
+TEST_F(StderrLogTest, ALineThatCannotBeWrittenIsLostWithoutATrace) {
+  writer_ = writerOn(-1);
+  StderrLog toNowhere(writer_, StderrLog::Debug::isDropped);
+  errno = EDOM;
+  toNowhere.error("lost");
+  EXPECT_EQ(errno, EDOM);
+  flush();
+}
+
+TEST_F(StderrLogTest, AClosedPipeIsNotFatalInAProcessThatIgnoresSIGPIPE) {
+  const std::array<int, 2> ends = makePipe();
+  ::close(ends[0]);
+  writer_ = writerOn(ends[1]);
+  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  log.info("lost");
+  flush();
+  ::close(ends[1]);
+}
+
+TEST_F(StderrLogTest, APipeThatNobodyReadsNeverHoldsUpTheCaller) {
+  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  errno = EDOM;
+  // Much more than the pipe and the writer hold: it would not come back from a write.
+  stall(log, 100'000);
+  EXPECT_EQ(errno, EDOM);
+}
+
+TEST_F(StderrLogTest, LinesThatWereDroppedAreCounted) {
+  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  constexpr int kLines = 100'000;
+  stall(log, kLines);
+  std::string text;
+  while (!writer_->flush(steady_clock::now() + 1ms)) {
+    text += read();
+  }
+  text += read();
+  const auto find = [&text](const std::string& pattern) {
+    const std::regex line(pattern);
+    return std::vector<std::smatch>(std::sregex_iterator(text.begin(), text.end(), line),
+                                    std::sregex_iterator());
+  };
+  auto accounted = static_cast<int>(find("info    OstravelProxy: line [0-9]+\n").size());
+  const auto reports = find("Z error   OstravelProxy: Log lines dropped count=([0-9]+)\n");
+  // One, or two when the writer took its first buffer only after that was full.
+  ASSERT_TRUE(reports.size() == 1 || reports.size() == 2) << reports.size();
+  for (const auto& report : reports) {
+    accounted += std::stoi(report[1]);
+  }
+  EXPECT_EQ(accounted, kLines);
+}
+
+TEST_F(StderrLogTest, LinesFromManyThreadsStayWhole) {
+  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  constexpr int kThreads = 4;
+  // All of them fit into the pipe, however they come.
+  constexpr int kLines = 40;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&log] {
+      for (int line = 0; line < kLines; ++line) {
+        log.info("OstravelProxy: %{public}s", {std::string(100, 'x')});
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  const std::string text = written();
+  const std::string rest =
+      std::regex_replace(text, std::regex(R"([^\n]{24} info    OstravelProxy: x{100}\n)"), "l");
+  EXPECT_EQ(rest, std::string(kThreads * kLines, 'l'));
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform

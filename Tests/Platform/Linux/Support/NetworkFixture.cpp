@@ -1,0 +1,193 @@
+#include "Tests/Platform/Linux/Support/NetworkFixture.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+namespace ostravel::testing {
+
+namespace {
+
+using platform::NetworkRule;
+using platform::NetworkRuleProtocol;
+
+// The address may have a zone.
+sockaddr_storage socketAddress(const std::string& text, std::uint16_t port) {
+  const std::size_t zone = text.find('%');
+  const std::string address = text.substr(0, zone);
+  sockaddr_storage storage{};
+  auto* const ipv4 = reinterpret_cast<sockaddr_in*>(&storage);
+  auto* const ipv6 = reinterpret_cast<sockaddr_in6*>(&storage);
+  if (::inet_pton(AF_INET, address.c_str(), &ipv4->sin_addr) == 1) {
+    ipv4->sin_family = AF_INET;
+    ipv4->sin_port = htons(port);
+  } else {
+    EXPECT_EQ(::inet_pton(AF_INET6, address.c_str(), &ipv6->sin6_addr), 1);
+    ipv6->sin6_family = AF_INET6;
+    ipv6->sin6_port = htons(port);
+    if (zone != std::string::npos) {
+      ipv6->sin6_scope_id = ::if_nametoindex(text.c_str() + zone + 1);
+    }
+  }
+  return storage;
+}
+
+// The port stands at the same place in both families' addresses.
+std::uint16_t portOf(const sockaddr_storage& storage) {
+  return ntohs(reinterpret_cast<const sockaddr_in&>(storage).sin_port);
+}
+
+bool waitFor(int descriptor, short events, std::chrono::milliseconds limit) {
+  pollfd waited{descriptor, events, 0};
+  return ::poll(&waited, 1, static_cast<int>(limit.count())) == 1;
+}
+
+void resetAtClose(int descriptor) {
+  const linger immediately{.l_onoff = 1, .l_linger = 0};
+  ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &immediately, sizeof immediately);
+}
+
+}  // namespace
+
+NetworkRule tcpRule(const std::string& address, const std::string& port, std::uint8_t prefix) {
+  return {{address, port}, prefix, NetworkRuleProtocol::tcp};
+}
+
+NetworkRule udpRule(const std::string& address, const std::string& port, std::uint8_t prefix) {
+  return {{address, port}, prefix, NetworkRuleProtocol::udp};
+}
+
+platform::TransparentProxyNetworkSettings loopbackSettings() {
+  platform::TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {tcpRule("127.0.0.1", "8000", 32), tcpRule("::1", "8000", 128)};
+  return settings;
+}
+
+std::vector<OfferedPacket> waitForPackets(linuxplatform::PacketQueue& queue,
+                                          std::chrono::milliseconds limit) {
+  std::vector<OfferedPacket> packets;
+  if (waitFor(queue.descriptor(), POLLIN, limit)) {
+    while (queue.receive([&packets](const linuxplatform::PacketQueue::Packet& packet) {
+      packets.push_back({packet.id,
+                         packet.mark,
+                         packet.uid,
+                         packet.outputInterface,
+                         {packet.bytes.begin(), packet.bytes.end()}});
+    })) {
+    }
+  }
+  return packets;
+}
+
+Listener::Listener(const std::string& address, std::uint16_t port) {
+  sockaddr_storage storage = socketAddress(address, port);
+  descriptor_ = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  ::setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  EXPECT_EQ(::bind(descriptor_, reinterpret_cast<sockaddr*>(&storage), sizeof storage), 0)
+      << std::strerror(errno);
+  EXPECT_EQ(::listen(descriptor_, SOMAXCONN), 0) << std::strerror(errno);
+  socklen_t size = sizeof storage;
+  ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&storage), &size);
+  port_ = portOf(storage);
+}
+
+Listener::~Listener() {
+  ::close(descriptor_);
+}
+
+std::uint16_t Listener::acceptOne(std::chrono::milliseconds limit) {
+  return acceptOne(limit, false);
+}
+
+std::uint16_t Listener::acceptAndResetOne(std::chrono::milliseconds limit) {
+  return acceptOne(limit, true);
+}
+
+std::uint16_t Listener::acceptOne(std::chrono::milliseconds limit, bool resets) {
+  if (!waitFor(descriptor_, POLLIN, limit)) {
+    return 0;
+  }
+  sockaddr_storage peer{};
+  socklen_t size = sizeof peer;
+  const int accepted = ::accept(descriptor_, reinterpret_cast<sockaddr*>(&peer), &size);
+  EXPECT_GE(accepted, 0) << std::strerror(errno);
+  if (resets) {
+    resetAtClose(accepted);
+  }
+  ::close(accepted);
+  return portOf(peer);
+}
+
+Connecting::Connecting(const std::string& address, std::uint16_t port,
+                       const SocketSettings& settings) {
+  const sockaddr_storage storage = socketAddress(address, port);
+  descriptor_ = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int on = 1;
+  ::setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (settings.mark != 0) {
+    EXPECT_EQ(::setsockopt(descriptor_, SOL_SOCKET, SO_MARK, &settings.mark, sizeof settings.mark),
+              0);
+  }
+  if (settings.sourcePort != 0) {
+    const sockaddr_storage source = socketAddress(address, settings.sourcePort);
+    EXPECT_EQ(::bind(descriptor_, reinterpret_cast<const sockaddr*>(&source), sizeof source), 0)
+        << std::strerror(errno);
+  }
+  ::connect(descriptor_, reinterpret_cast<const sockaddr*>(&storage), sizeof storage);
+}
+
+Connecting::~Connecting() {
+  ::close(descriptor_);
+}
+
+int Connecting::result(std::chrono::milliseconds limit) const {
+  if (!waitFor(descriptor_, POLLOUT, limit)) {
+    return EINPROGRESS;
+  }
+  int error = 0;
+  socklen_t size = sizeof error;
+  ::getsockopt(descriptor_, SOL_SOCKET, SO_ERROR, &error, &size);
+  return error;
+}
+
+std::uint16_t Connecting::sourcePort() const {
+  sockaddr_storage storage{};
+  socklen_t size = sizeof storage;
+  ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&storage), &size);
+  return portOf(storage);
+}
+
+void Connecting::send(const std::string& bytes) const {
+  EXPECT_EQ(::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+}
+
+void Connecting::reset() {
+  resetAtClose(descriptor_);
+  ::close(std::exchange(descriptor_, -1));
+}
+
+std::string outputOf(const std::string& command) {
+  std::string output;
+  std::FILE* const pipe = ::popen(command.c_str(), "r");
+  std::array<char, 4096> chunk{};
+  while (const std::size_t size = std::fread(chunk.data(), 1, chunk.size(), pipe)) {
+    output.append(chunk.data(), size);
+  }
+  EXPECT_EQ(::pclose(pipe), 0) << command;
+  return output;
+}
+
+}  // namespace ostravel::testing

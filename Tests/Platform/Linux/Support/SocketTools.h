@@ -1,0 +1,38 @@
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Kernel/FlowTuple.h"
+
+namespace ostravel::testing {
+
+linuxplatform::SocketEndpoint loopbackIPv4(std::uint16_t port);
+linuxplatform::SocketEndpoint loopbackIPv6(std::uint16_t port);
+
+// A flow over the loopback interface.
+linuxplatform::FlowTuple flowOverIPv4(linuxplatform::TransportProtocol protocol,
+                                      std::uint16_t source, std::uint16_t destination);
+linuxplatform::FlowTuple flowOverIPv6(linuxplatform::TransportProtocol protocol,
+                                      std::uint16_t source, std::uint16_t destination);
+
+// A socket address for the endpoint; mapped into IPv6 where the socket is of that family.
+sockaddr_storage socketAddress(int socketFamily, const linuxplatform::SocketEndpoint& endpoint);
+
+std::uint16_t portOf(const linuxplatform::FileDescriptor& socket);
+std::uint64_t cookieOf(const linuxplatform::FileDescriptor& socket);
+std::uint32_t inodeOf(const linuxplatform::FileDescriptor& socket);
+
+linuxplatform::FileDescriptor makeSocket(int family, int type);
+bool bindTo(const linuxplatform::FileDescriptor& socket, int family,
+            const linuxplatform::SocketEndpoint& endpoint);
+bool connectTo(const linuxplatform::FileDescriptor& socket, int family,
+               const linuxplatform::SocketEndpoint& endpoint);
+
+// A TCP socket that listens on 127.0.0.1 on a port of the system's choice.
+linuxplatform::FileDescriptor makeListener();
+
+}  // namespace ostravel::testing

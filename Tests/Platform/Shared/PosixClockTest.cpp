@@ -1,0 +1,31 @@
+#include "Platform/Shared/PosixClock.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+namespace ostravel::platform {
+namespace {
+
+TEST(PosixClockTest, TellsTheTimeOfDayWithAFraction) {
+  const PosixClock clock;
+  const auto before = std::time(nullptr);
+  const double now = clock.secondsSince1970();
+  const auto after = std::time(nullptr);
+  // time() may still give the second before.
+  EXPECT_GE(now, static_cast<double>(before));
+  EXPECT_LE(now, static_cast<double>(after) + 2.0);
+}
+
+TEST(PosixClockTest, DistinguishesMomentsWithinASecond) {
+  const PosixClock clock;
+  const double first = clock.secondsSince1970();
+  double next = first;
+  while (next == first) {
+    next = clock.secondsSince1970();
+  }
+  EXPECT_LT(next - first, 0.5);
+}
+
+}  // namespace
+}  // namespace ostravel::platform

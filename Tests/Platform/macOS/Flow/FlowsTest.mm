@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <optional>
+
+#import "Platform/macOS/Flow/SystemFlow.h"
+#import "Platform/macOS/Flow/SystemTCPFlow.h"
+#import "Platform/macOS/Flow/SystemUDPFlow.h"
+#include "Tests/Platform/macOS/Support/Waiting.h"
+#import "Tests/StandInMac/StandInNetworkExtension.h"
+#include "Tests/StandInMac/StreamSocket.h"
+
+namespace ostravel::macos::test {
+namespace {
+
+// A TCP flow whose application does nothing.
+class FlowsTest : public testing::Test {
+ protected:
+  FlowsTest() : ends_(standin::makeStreamPair()) {}
+  ~FlowsTest() override {
+    ::close(ends_.application);
+    [pool_ release];
+  }
+
+  std::shared_ptr<SystemTCPFlow> makeTCPFlow(const standin::FlowDescription& description) {
+    NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(description, ends_.provider);
+    record_ = standin::recordOf(flow);
+    return std::make_shared<SystemTCPFlow>(flow);
+  }
+
+  const standin::StreamPair ends_;
+  std::shared_ptr<standin::FlowRecord> record_;
+
+ private:
+  NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
+};
+
+TEST_F(FlowsTest, AnIdentifierThatIsMissingIsEmpty) {
+  EXPECT_EQ(makeTCPFlow({.signingIdentifier = nil})->sourceAppSigningIdentifier(), "");
+}
+
+TEST_F(FlowsTest, MetadataThatIsMissingIsAnEmptyIdentifier) {
+  EXPECT_EQ(makeTCPFlow({.hasMetaData = false})->sourceAppSigningIdentifier(), "");
+}
+
+TEST_F(FlowsTest, WhiteSpaceInAnIdentifierIsKept) {
+  EXPECT_EQ(makeTCPFlow({.signingIdentifier = @" a\n"})->sourceAppSigningIdentifier(), " a\n");
+}
+
+TEST_F(FlowsTest, OpensWithoutALocalEndpoint) {
+  const auto flow = makeTCPFlow({});
+  std::atomic<bool> isDone = false;
+  flow->open(std::nullopt, [&isDone](const auto& error) {
+    EXPECT_FALSE(error);
+    isDone = true;
+  });
+  ASSERT_TRUE(waitUntil([&isDone] { return isDone.load(); }));
+  EXPECT_EQ(record_->openedLocalEndpoint(), nil);
+}
+
+TEST_F(FlowsTest, OpensWithALocalEndpoint) {
+  const auto flow = makeTCPFlow({});
+  std::atomic<bool> isDone = false;
+  flow->open(platform::HostEndpoint{"192.0.2.1", "5000"},
+             [&isDone](const auto&) { isDone = true; });
+  ASSERT_TRUE(waitUntil([&isDone] { return isDone.load(); }));
+  auto* const endpoint = static_cast<NWHostEndpoint*>(record_->openedLocalEndpoint());
+  EXPECT_EQ(textOf([endpoint hostname]), "192.0.2.1");
+  EXPECT_EQ(textOf([endpoint port]), "5000");
+}
+
+TEST_F(FlowsTest, EachSideIsClosedWithItsOwnError) {
+  const auto flow = makeTCPFlow({});
+  flow->closeRead(std::nullopt);
+  EXPECT_TRUE(record_->isReadClosed());
+  EXPECT_FALSE(record_->isWriteClosed());
+  flow->closeWrite(platform::Error{"OstravelProxy", 1001, "backlog"});
+  EXPECT_EQ(record_->closeReadError(), nil);
+  EXPECT_EQ(errorFrom(record_->closeWriteError()),
+            (platform::Error{"OstravelProxy", 1001, "backlog"}));
+}
+
+TEST(OtherFlowsTest, AUDPFlowIsKnownByItsLocalEndpoint) {
+  @autoreleasepool {
+    SystemUDPFlow flow(standin::makeUDPFlow({.endpoint = standin::makeHostEndpoint(@"::1", @"9")}));
+    EXPECT_EQ(flow.localEndpoint(), (platform::HostEndpoint{"::1", "9"}));
+    SystemUDPFlow other(standin::makeUDPFlow({.endpoint = nil}));
+    EXPECT_FALSE(other.localEndpoint());
+  }
+}
+
+TEST(OtherFlowsTest, AFlowThatIsNilIsHarmless) {
+  SystemOtherFlow flow(nil);
+  EXPECT_EQ(flow.sourceAppSigningIdentifier(), "");
+  flow.closeRead(std::nullopt);
+  flow.closeWrite(std::nullopt);
+}
+
+}  // namespace
+}  // namespace ostravel::macos::test

@@ -1,0 +1,217 @@
+#import "Platform/macOS/Flow/SystemTCPConnection.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Tests/Platform/macOS/Support/Waiting.h"
+#import "Tests/StandInMac/ErrorWithoutText.h"
+#import "Tests/StandInMac/StandInNetworkExtension.h"
+#include "Tests/StandInMac/WorkerPool.h"
+
+namespace ostravel::macos::test {
+namespace {
+
+using platform::TCPConnectionState;
+
+class CountingObserver final : public platform::KeyValueObserver {
+ public:
+  void observeValue(std::optional<std::string_view> keyPath,
+                    platform::Observable* /*object*/) override {
+    EXPECT_EQ(keyPath, "state");
+    ++count_;
+    if (onValue) {
+      onValue();
+    }
+  }
+
+  int count() const { return count_; }
+
+  std::function<void()> onValue;
+
+ private:
+  std::atomic<int> count_ = 0;
+};
+
+class SystemTCPConnectionTest : public testing::Test {
+ protected:
+  SystemTCPConnectionTest() {
+    @autoreleasepool {
+      object_ = Reference<NWTCPConnection*>::retaining(standin::makeScriptedConnection());
+      connection_ = SystemTCPConnection::make(object_.get());
+    }
+  }
+
+  void change(NWTCPConnectionState state, NSError* error = nil) {
+    @autoreleasepool {
+      standin::setState(object_.get(), state, error);
+    }
+  }
+
+  Reference<NWTCPConnection*> object_;
+  std::shared_ptr<SystemTCPConnection> connection_;
+  const std::shared_ptr<CountingObserver> observer_ = std::make_shared<CountingObserver>();
+};
+
+TEST_F(SystemTCPConnectionTest, EveryStateHasItsCounterpart) {
+  const std::vector<std::pair<NWTCPConnectionState, TCPConnectionState>> states{
+      {NWTCPConnectionStateInvalid, TCPConnectionState::invalid},
+      {NWTCPConnectionStateConnecting, TCPConnectionState::connecting},
+      {NWTCPConnectionStateWaiting, TCPConnectionState::waiting},
+      {NWTCPConnectionStateConnected, TCPConnectionState::connected},
+      {NWTCPConnectionStateDisconnected, TCPConnectionState::disconnected},
+      {NWTCPConnectionStateCancelled, TCPConnectionState::cancelled},
+  };
+  for (const auto& [system, seam] : states) {
+    change(system);
+    EXPECT_EQ(connection_->state(), seam);
+  }
+}
+
+TEST_F(SystemTCPConnectionTest, AStateOfTheFutureIsNoneOfThoseKnown) {
+  change(static_cast<NWTCPConnectionState>(6));
+  EXPECT_EQ(connection_->state(), TCPConnectionState::invalid);
+}
+
+TEST_F(SystemTCPConnectionTest, AnObserverIsToldOfEveryChangeOnce) {
+  connection_->addObserver(observer_, "state");
+  change(NWTCPConnectionStateConnecting);
+  change(NWTCPConnectionStateConnected);
+  standin::settleWorkers();
+  EXPECT_EQ(observer_->count(), 2);
+}
+
+TEST_F(SystemTCPConnectionTest, AChangeBeforeAnybodyObservedIsToldLater) {
+  change(NWTCPConnectionStateDisconnected);
+  connection_->addObserver(observer_, "state");
+  EXPECT_TRUE(waitUntil([this] { return observer_->count() == 1; }));
+  const auto other = std::make_shared<CountingObserver>();
+  connection_->addObserver(other, "state");
+  standin::settleWorkers();
+  EXPECT_EQ(observer_->count(), 1);
+  EXPECT_EQ(other->count(), 0);
+}
+
+TEST_F(SystemTCPConnectionTest, AConnectionThatStoodFromTheStartIsToldLater) {
+  change(NWTCPConnectionStateConnected);
+  @autoreleasepool {
+    connection_ = SystemTCPConnection::make(object_.get());
+  }
+  connection_->addObserver(observer_, "state");
+  EXPECT_TRUE(waitUntil([this] { return observer_->count() == 1; }));
+}
+
+TEST_F(SystemTCPConnectionTest, AnObserverMayRemoveItselfWhenItIsTold) {
+  observer_->onValue = [this] { connection_->removeObserver(*observer_, "state"); };
+  connection_->addObserver(observer_, "state");
+  change(NWTCPConnectionStateConnecting);
+  change(NWTCPConnectionStateConnected);
+  EXPECT_EQ(observer_->count(), 1);
+}
+
+TEST_F(SystemTCPConnectionTest, RemovingWhatWasNotAddedHasNoEffect) {
+  connection_->removeObserver(*observer_, "state");
+  connection_->addObserver(observer_, "state");
+  connection_->removeObserver(*observer_, "state");
+  connection_->removeObserver(*observer_, "state");
+  change(NWTCPConnectionStateConnected);
+  EXPECT_EQ(observer_->count(), 0);
+}
+
+TEST_F(SystemTCPConnectionTest, NoOtherKeyPathIsObserved) {
+  connection_->addObserver(observer_, "viable");
+  change(NWTCPConnectionStateConnected);
+  EXPECT_EQ(observer_->count(), 0);
+}
+
+TEST_F(SystemTCPConnectionTest, MayEndWhileItsStateChangesOnAnotherThread) {
+  for (int i = 0; i < 50; ++i) {
+    @autoreleasepool {
+      object_ = Reference<NWTCPConnection*>::retaining(standin::makeScriptedConnection());
+      connection_ = SystemTCPConnection::make(object_.get());
+    }
+    connection_->addObserver(observer_, "state");
+    std::thread changer([this] {
+      change(NWTCPConnectionStateConnecting);
+      change(NWTCPConnectionStateConnected);
+    });
+    connection_->removeObserver(*observer_, "state");
+    connection_.reset();
+    changer.join();
+  }
+  SUCCEED();
+}
+
+TEST_F(SystemTCPConnectionTest, TheErrorIsTheConnections) {
+  EXPECT_FALSE(connection_->error());
+  @autoreleasepool {
+    change(NWTCPConnectionStateDisconnected, [ErrorWithoutText errorWithDomain:NSPOSIXErrorDomain
+                                                                          code:61
+                                                                      userInfo:nil]);
+  }
+  EXPECT_EQ(connection_->error(), (platform::Error{"NSPOSIXErrorDomain", 61, ""}));
+}
+
+struct ReadResult {
+  std::atomic<bool> isDone = false;
+  std::optional<std::size_t> size;
+  platform::OptionalError error;
+};
+
+class SystemTCPConnectionReadTest : public SystemTCPConnectionTest {
+ protected:
+  const ReadResult& readOf(NSData* data, NSError* error) {
+    standin::setNextRead(object_.get(), data, error);
+    connection_->read(1, 10,
+                      [this](std::optional<platform::Data> read, platform::OptionalError failure) {
+                        result_.size = read ? std::optional(read->size()) : std::nullopt;
+                        result_.error = std::move(failure);
+                        result_.isDone = true;
+                      });
+    EXPECT_TRUE(waitUntil([this] { return result_.isDone.load(); }));
+    return result_;
+  }
+
+ private:
+  ReadResult result_;
+};
+
+TEST_F(SystemTCPConnectionReadTest, NeitherDataNorErrorIsPassedOnAsSuch) {
+  const auto& result = readOf(nil, nil);
+  EXPECT_EQ(result.size, std::nullopt);
+  EXPECT_FALSE(result.error);
+}
+
+TEST_F(SystemTCPConnectionReadTest, EmptyDataIsPassedOnAsSuch) {
+  @autoreleasepool {
+    EXPECT_EQ(readOf([NSData data], nil).size, 0U);
+  }
+}
+
+TEST_F(SystemTCPConnectionReadTest, AnErrorExcludesData) {
+  @autoreleasepool {
+    const auto& result = readOf([NSData dataWithBytes:"x" length:1],
+                                [NSError errorWithDomain:@"Domain" code:5 userInfo:nil]);
+    EXPECT_EQ(result.size, std::nullopt);
+    ASSERT_TRUE(result.error);
+    EXPECT_EQ(result.error->code, 5);
+  }
+}
+
+TEST(SystemTCPConnectionNilTest, AConnectionThatWasNotMadeStaysInvalid) {
+  const auto connection = SystemTCPConnection::make(nil);
+  connection->addObserver(std::make_shared<CountingObserver>(), "state");
+  connection->write(platform::Data::copyOf("x"), [](const auto&) { ADD_FAILURE(); });
+  connection->read(1, 1, [](const auto&, const auto&) { ADD_FAILURE(); });
+  connection->cancel();
+  standin::settleWorkers();
+  EXPECT_EQ(connection->state(), TCPConnectionState::invalid);
+  EXPECT_FALSE(connection->error());
+}
+
+}  // namespace
+}  // namespace ostravel::macos::test

@@ -1,0 +1,113 @@
+#import "Platform/macOS/MacPlatform.h"
+
+#include <gtest/gtest.h>
+#import <os/log.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#import "Platform/macOS/Dispatch/SystemDispatchTimer.h"
+#import "Tests/StandInMac/LogRecord.h"
+#include "Tests/StandInMac/WorkerPool.h"
+
+namespace ostravel::macos::test {
+namespace {
+
+using namespace std::chrono_literals;
+using standin::LogLine;
+
+class MacPlatformTest : public testing::Test {
+ protected:
+  MacPlatformTest() { standin::clearLogRecord(); }
+  ~MacPlatformTest() override { standin::setDebugLogging(true); }
+
+  MacPlatform platform_;
+};
+
+TEST_F(MacPlatformTest, LogLinesAreFinishedAndPublicAndKeepTheirLevel) {
+  const auto log = platform_.makeLog("com.example", "Category");
+  log->debug("debug %{public}s", {"text"});
+  log->info("info %{public}d", {std::int64_t{-3}});
+  log->standard("standard");
+  log->error("error %{public}s and %{public}d", {"100%", std::int64_t{7}});
+  const std::vector<LogLine> expected{
+      {"com.example", "Category", OS_LOG_TYPE_DEBUG, "debug text"},
+      {"com.example", "Category", OS_LOG_TYPE_INFO, "info -3"},
+      {"com.example", "Category", OS_LOG_TYPE_DEFAULT, "standard"},
+      {"com.example", "Category", OS_LOG_TYPE_ERROR, "error 100% and 7"},
+  };
+  EXPECT_EQ(standin::loggedLines(), expected);
+}
+
+TEST_F(MacPlatformTest, DebugLinesThatNobodyWantsAreNotMade) {
+  standin::setDebugLogging(false);
+  const auto log = platform_.makeLog("com.example", "Category");
+  log->debug("debug");
+  log->info("info");
+  EXPECT_EQ(standin::loggedLines().size(), 1U);
+}
+
+TEST_F(MacPlatformTest, TheDefaultLogIsTheSystems) {
+  platform_.defaultLog().error("lost %{public}s", {"object"});
+  const std::vector<LogLine> expected{{"", "", OS_LOG_TYPE_ERROR, "lost object"}};
+  EXPECT_EQ(standin::loggedLines(), expected);
+}
+
+TEST_F(MacPlatformTest, TheSystemLogTakesALineAsItIs) {
+  platform_.systemLog("OstravelProxy monitoring send failed: 100% %@ \u00fc");
+  const auto lines = standin::systemLogLines();
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_NE(lines.front().find("OstravelProxy monitoring send failed: 100% %@ \u00fc"),
+            std::string::npos);
+}
+
+TEST_F(MacPlatformTest, AProcessWithoutABundleHasNoIdentifier) {
+  EXPECT_EQ(platform_.mainBundleIdentifier(), std::nullopt);
+}
+
+TEST_F(MacPlatformTest, SocketsHaveTheLayoutOfTheSystemThatTheyAreMadeOn) {
+  // What Darwin's bytes look like is tested by value, without a socket.
+  EXPECT_EQ(platform_.sockets().addressLayout(), platform::SocketAddressLayout::linuxABI);
+}
+
+// The stand-in ends the process, as Dispatch does, when a source is released that was never active.
+TEST_F(MacPlatformTest, ATimerThatWasNeverResumedMayGo) {
+  const auto queue = platform_.makeQueue("timer", platform::DispatchQueueKind::serial);
+  bool fired = false;
+  for (const bool isCancelled : {false, true}) {
+    const auto timer = platform_.makeTimer(queue);
+    timer->schedule(0ns, std::nullopt, 0ns);
+    timer->setEventHandler([&fired] { fired = true; });
+    if (isCancelled) {
+      timer->cancel();
+    }
+  }
+  standin::settleWorkers();
+  queue->sync([] {});
+  EXPECT_FALSE(fired);
+}
+
+TEST_F(MacPlatformTest, ResumingTwiceIsHarmless) {
+  const auto queue = platform_.makeQueue("timer", platform::DispatchQueueKind::serial);
+  const auto timer = platform_.makeTimer(queue);
+  timer->resume();
+  timer->resume();
+  timer->cancel();
+  timer->resume();
+  SUCCEED();
+}
+
+TEST_F(MacPlatformTest, ATimerLetsGoOfItsHandler) {
+  const auto queue = platform_.makeQueue("timer", platform::DispatchQueueKind::serial);
+  auto held = std::make_shared<int>();
+  const std::weak_ptr<int> weakHeld = held;
+  {
+    const auto timer = platform_.makeTimer(queue);
+    timer->setEventHandler([held = std::move(held)] {});
+  }
+  EXPECT_TRUE(weakHeld.expired());
+}
+
+}  // namespace
+}  // namespace ostravel::macos::test

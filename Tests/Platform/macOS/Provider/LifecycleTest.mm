@@ -1,0 +1,257 @@
+#import <Foundation/Foundation.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#import "Platform/macOS/Foundation/FoundationError.h"
+#import "Platform/macOS/Foundation/FoundationText.h"
+#import "Tests/Platform/macOS/Provider/PrincipalObject.h"
+#include "Tests/Platform/macOS/Support/Waiting.h"
+#import "Tests/StandInMac/ErrorWithoutText.h"
+#import "Tests/StandInMac/LogRecord.h"
+#include "Tests/StandInMac/WorkerPool.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/TemporaryFolder.h"
+
+namespace ostravel::macos::test {
+namespace {
+
+using companion::test::ChildProcess;
+using companion::test::TemporaryFolder;
+
+std::vector<std::string> loggedTexts() {
+  std::vector<std::string> texts;
+  for (const auto& line : standin::loggedLines()) {
+    texts.push_back(line.text);
+  }
+  return texts;
+}
+
+bool wasLogged(const std::string& text) {
+  const auto texts = loggedTexts();
+  return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+// Starting and stopping, as the system does it.
+class LifecycleTest : public testing::Test {
+ protected:
+  ~LifecycleTest() override {
+    provider_.release();
+    [pool_ release];
+  }
+
+ private:
+  struct EmptyLog {
+    EmptyLog() { standin::clearLogRecord(); }
+  };
+
+  NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
+  // The first line is written when the object is made.
+  const EmptyLog emptyLog_;
+
+ protected:
+  PrincipalObject provider_;
+};
+
+TEST_F(LifecycleTest, StartsWithoutAConfiguration) {
+  const auto answer = provider_.start();
+  ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
+  EXPECT_EQ(answer->error().get(), nil);
+  const std::vector<std::string> expected{
+      "OstravelProxy: init()",
+      "OstravelProxy: Starting Proxy provider...",
+      "OstravelProxy: Rules summary included=32 excluded=2 httpsOnly=false",
+      "OstravelProxy: Rules set successfully",
+  };
+  EXPECT_EQ(loggedTexts(), expected);
+  for (const auto& line : standin::loggedLines()) {
+    EXPECT_EQ(line.subsystem, "OstravelNetworkExtension");
+    EXPECT_EQ(line.category, "OstravelProxy");
+  }
+}
+
+TEST_F(LifecycleTest, AsksForTheRulesInTheirOrder) {
+  provider_.startUp();
+  const auto applied = standin::appliedSettings(provider_.get());
+  ASSERT_EQ(applied.size(), 1U);
+  EXPECT_EQ(applied[0].tunnelRemoteAddress, "127.0.0.1");
+  ASSERT_EQ(applied[0].included.size(), 32U);
+  const std::vector<std::string> first(applied[0].included.begin(),
+                                       applied[0].included.begin() + 6);
+  const std::vector<std::string> expected{"0.0.0.0:80/0 tcp",    ":::80/0 tcp",
+                                          "127.0.0.1:80/32 tcp", "::1:80/128 tcp",
+                                          "0.0.0.0:80/0 udp",    ":::80/0 udp"};
+  EXPECT_EQ(first, expected);
+  const std::vector<std::string> excluded{"127.0.0.1:8080/32 tcp", "::1:8080/128 tcp"};
+  EXPECT_EQ(applied[0].excluded, excluded);
+}
+
+TEST_F(LifecycleTest, IgnoresTheOptionsOfTheStart) {
+  const auto answer = provider_.start(@{@"monitoringSocketPath" : [NSNull null]});
+  ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
+  EXPECT_EQ(answer->error().get(), nil);
+}
+
+TEST_F(LifecycleTest, RefusedRulesFailTheStartWithTheSystemsError) {
+  NSError* const error =
+      [NSError errorWithDomain:NETunnelProviderErrorDomain
+                          code:NETunnelProviderErrorNetworkSettingsFailed
+                      userInfo:[NSDictionary dictionaryWithObject:@"no rules"
+                                                           forKey:NSLocalizedDescriptionKey]];
+  standin::failSettings(provider_.get(), error);
+  const auto answer = provider_.start();
+  ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
+  EXPECT_EQ(errorFrom(answer->error().get()), errorFrom(error));
+  EXPECT_TRUE(wasLogged("OstravelProxy: Failed to set rules: no rules"));
+}
+
+TEST_F(LifecycleTest, AnErrorWithoutDescriptionIsPassedOn) {
+  standin::failSettings(provider_.get(), [ErrorWithoutText errorWithDomain:@"Domain"
+                                                                      code:3
+                                                                  userInfo:nil]);
+  const auto answer = provider_.start();
+  ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
+  EXPECT_EQ(textOf([answer->error().get() domain]), "Domain");
+  EXPECT_EQ([answer->error().get() code], 3);
+  EXPECT_TRUE(wasLogged("OstravelProxy: Failed to set rules: "));
+}
+
+TEST_F(LifecycleTest, ASecondStartIsHarmless) {
+  const auto first = provider_.start();
+  const auto second = provider_.start();
+  ASSERT_TRUE(waitUntil([&] { return first->count > 0 && second->count > 0; }));
+  standin::settleWorkers();
+  EXPECT_EQ(first->count, 1);
+  EXPECT_EQ(second->count, 1);
+  EXPECT_EQ(first->error().get(), nil);
+  EXPECT_EQ(second->error().get(), nil);
+  EXPECT_EQ(standin::appliedSettings(provider_.get()).size(), 2U);
+  EXPECT_EQ(provider_.stop()->count, 1);
+}
+
+TEST_F(LifecycleTest, TheStartIsAnsweredWhenTheProviderHasGone) {
+  const auto hold = standin::holdSettings(provider_.get());
+  const auto answer = provider_.start();
+  provider_.release();
+  ASSERT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
+  EXPECT_EQ(answer->count, 0);
+  hold->letGo();
+  ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
+  standin::settleWorkers();
+  EXPECT_EQ(answer->count, 1);
+  EXPECT_EQ(answer->error().get(), nil);
+  EXPECT_FALSE(wasLogged("OstravelProxy: Rules set successfully"));
+}
+
+TEST_F(LifecycleTest, AFailedStartIsAnsweredWhenTheProviderHasGone) {
+  standin::failSettings(provider_.get(), [NSError errorWithDomain:@"Domain" code:4 userInfo:nil]);
+  const auto hold = standin::holdSettings(provider_.get());
+  const auto answer = provider_.start();
+  provider_.release();
+  hold->letGo();
+  ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
+  EXPECT_EQ([answer->error().get() code], 4);
+}
+
+TEST_F(LifecycleTest, StopsAtOnce) {
+  provider_.startUp();
+  EXPECT_EQ(provider_.stop()->count, 1);
+  EXPECT_TRUE(wasLogged("OstravelProxy: Stopping Proxy"));
+}
+
+TEST_F(LifecycleTest, EveryStopIsAnswered) {
+  EXPECT_EQ(provider_.stop()->count, 1);
+  provider_.startUp();
+  EXPECT_EQ(provider_.stop(NEProviderStopReasonSleep)->count, 1);
+  EXPECT_EQ(provider_.stop(static_cast<NEProviderStopReason>(99))->count, 1);
+}
+
+TEST_F(LifecycleTest, TheCoreGoesWithThePrincipalObject) {
+  provider_.startUp();
+  provider_.stop();
+  provider_.release();
+  EXPECT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
+}
+
+// Configurations that name no path: the start succeeds, and nothing is sent or complained about.
+class NoMonitoringPathTest : public LifecycleTest {
+ protected:
+  void expectSilence() {
+    provider_.startUp();
+    provider_.stop();
+    provider_.release();
+    standin::settleWorkers();
+    EXPECT_TRUE(standin::systemLogLines().empty());
+  }
+};
+
+TEST_F(NoMonitoringPathTest, NoProtocol) {
+  expectSilence();
+}
+
+TEST_F(NoMonitoringPathTest, AProtocolOfAnotherKind) {
+  provider_.configureOtherwise([[[NEVPNProtocol alloc] init] autorelease]);
+  expectSilence();
+}
+
+TEST_F(NoMonitoringPathTest, NoDictionary) {
+  provider_.configure(nil);
+  expectSilence();
+}
+
+TEST_F(NoMonitoringPathTest, NoSuchKey) {
+  provider_.configure(@{@"other" : @"/tmp/other"});
+  expectSilence();
+}
+
+TEST_F(NoMonitoringPathTest, ValuesOfOtherTypes) {
+  NSArray* const values = @[
+    [NSNumber numberWithInt:5], [NSNumber numberWithBool:YES], [NSNull null], [NSData data],
+    [NSArray arrayWithObject:@"/tmp/events"]
+  ];
+  for (id value in values) {
+    provider_.configure([NSDictionary dictionaryWithObject:value forKey:@"monitoringSocketPath"]);
+    provider_.startUp();
+  }
+  expectSilence();
+}
+
+TEST_F(NoMonitoringPathTest, NothingButWhiteSpace) {
+  provider_.configure(@{@"monitoringSocketPath" : @" \n\t"});
+  expectSilence();
+}
+
+TEST_F(LifecycleTest, APathWhereNobodyListensIsOneSystemLogLineForEachEvent) {
+  provider_.configure(@{@"monitoringSocketPath" : @"/nonexistent/events"});
+  provider_.startUp();
+  ASSERT_TRUE(waitUntil([] { return !standin::systemLogLines().empty(); }));
+  EXPECT_NE(standin::systemLogLines().front().find(
+                "OstravelProxy monitoring send failed: Error Domain=NSPOSIXErrorDomain Code=2 "
+                "\"Failed to connect to monitoring socket\""),
+            std::string::npos);
+}
+
+TEST_F(LifecycleTest, EventsReachTheMonitor) {
+  const TemporaryFolder folder;
+  const std::string path = folder.file("events");
+  ChildProcess monitor({OSTRAVEL_MONITOR_PROGRAM, "--json", "--socket", path});
+  monitor.readErrorLine();
+  provider_.configure([NSDictionary dictionaryWithObject:makeString("  " + path + "\n")
+                                                  forKey:@"monitoringSocketPath"]);
+  provider_.startUp();
+  // The first probe finds no proxy, and runs while the start does.
+  const auto first = monitor.readOutputLine();
+  const auto second = monitor.readOutputLine();
+  for (const auto* const code : {"extension.provider_started", "extension.proxy_unreachable"}) {
+    EXPECT_NE((first + second).find(code), std::string::npos) << first << second;
+  }
+  provider_.stop(NEProviderStopReasonSleep);
+  const auto stopped = monitor.readOutputLine();
+  EXPECT_NE(stopped.find("extension.provider_stopped"), std::string::npos);
+  EXPECT_NE(stopped.find("\"reason\":\"15\""), std::string::npos);
+}
+
+}  // namespace
+}  // namespace ostravel::macos::test

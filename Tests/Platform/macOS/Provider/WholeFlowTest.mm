@@ -1,0 +1,547 @@
+#import <Foundation/Foundation.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#import "Platform/macOS/Foundation/FoundationError.h"
+#import "Platform/macOS/Foundation/FoundationText.h"
+#import "Tests/Platform/macOS/Provider/PrincipalObject.h"
+#include "Tests/Platform/macOS/Support/MemoryInUse.h"
+#import "Tests/Platform/macOS/Support/ObjectCensus.h"
+#include "Tests/Platform/macOS/Support/Waiting.h"
+#import "Tests/StandInMac/LogRecord.h"
+#include "Tests/StandInMac/StreamSocket.h"
+#include "Tests/StandInMac/WorkerPool.h"
+#include "Tests/Support/ChildProcess.h"
+#include "Tests/Support/TemporaryFolder.h"
+#include "Tests/Support/TestSocket.h"
+
+namespace ostravel::macos::test {
+namespace {
+
+using companion::test::ChildProcess;
+using companion::test::TemporaryFolder;
+using companion::test::TestListener;
+using companion::test::TestSocket;
+
+constexpr std::uint16_t kProxyPort = 8080;
+
+// A flow as the system offers it, and the application behind it.
+struct OfferedFlow {
+  bool wasTaken;
+  std::shared_ptr<standin::FlowRecord> record;
+  TestSocket application;
+};
+
+// Whole flows through the principal object, with real sockets on both sides.
+class WholeFlowTest : public testing::Test {
+ protected:
+  WholeFlowTest() { standin::clearLogRecord(); }
+  ~WholeFlowTest() override {
+    provider_.stop();
+    provider_.release();
+    [pool_ release];
+  }
+
+  // What the fixture makes is gone before the test's own pool.
+  NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
+
+  OfferedFlow offerTCP(const standin::FlowDescription& description) {
+    @autoreleasepool {
+      const auto ends = standin::makeStreamPair();
+      NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(description, ends.provider);
+      auto record = standin::recordOf(flow);
+      return {provider_.offer(flow), std::move(record), TestSocket(ends.application)};
+    }
+  }
+  OfferedFlow offerTCP(const std::string& host, std::uint16_t port) {
+    @autoreleasepool {
+      return offerTCP({.endpoint = standin::makeHostEndpoint(makeString(host),
+                                                             makeString(std::to_string(port)))});
+    }
+  }
+  OfferedFlow offerTCPTo(const TestListener& origin) {
+    return offerTCP("127.0.0.1", origin.port());
+  }
+
+  // Starts, and waits until the first probe has found the proxy.
+  void startWithProxy() {
+    provider_.startUp();
+    ASSERT_TRUE(waitUntil([this] {
+      @autoreleasepool {
+        // Refused at once when it is taken, and so without a trace.
+        return provider_.offer(standin::makeUDPFlow({.signingIdentifier = @"com.example.probe"}));
+      }
+    }));
+  }
+
+  PrincipalObject provider_;
+};
+
+bool wasLogged(const std::string& text) {
+  for (const auto& line : standin::loggedLines()) {
+    if (line.text == text) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Without a proxy
+
+TEST_F(WholeFlowTest, WithoutAProxyEveryFlowIsTheSystems) {
+  provider_.startUp();
+  standin::settleWorkers();
+  EXPECT_FALSE(offerTCP("192.0.2.1", 443).wasTaken);
+  EXPECT_FALSE(provider_.offer(standin::makeUDPFlow({})));
+  EXPECT_FALSE(provider_.offer(standin::makeUnknownFlow({})));
+  EXPECT_FALSE(provider_.offer(nil));
+}
+
+// With the companions
+
+class CompanionFlowTest : public WholeFlowTest {
+ protected:
+  CompanionFlowTest() {
+    sidecar_.emplace(
+        std::vector<std::string>{OSTRAVEL_SIDECAR_PROGRAM, "--listen", "127.0.0.1:8080"});
+    sidecar_->readOutputLine();
+    monitor_.emplace(
+        std::vector<std::string>{OSTRAVEL_MONITOR_PROGRAM, "--json", "--socket", path_});
+    monitor_->readErrorLine();
+    provider_.configure([NSDictionary dictionaryWithObject:makeString(path_)
+                                                    forKey:@"monitoringSocketPath"]);
+    startWithProxy();
+  }
+
+  // The next event with this code.
+  std::string awaitEvent(const std::string& code) {
+    std::string line;
+    do {
+      line = monitor_->readOutputLine();
+    } while (!line.empty() && line.find("\"extension." + code + "\"") == std::string::npos);
+    return line;
+  }
+
+  const TemporaryFolder folder_;
+  const std::string path_ = folder_.file("events");
+  std::optional<ChildProcess> sidecar_;
+  std::optional<ChildProcess> monitor_;
+};
+
+TEST_F(CompanionFlowTest, ATCPFlowIsCarriedBothWaysUntilTheApplicationEnds) {
+  const TestListener origin;
+  const auto flow = offerTCPTo(origin);
+  ASSERT_TRUE(flow.wasTaken);
+  flow.application.send("ping");
+  const auto connection = origin.accept();
+  EXPECT_EQ(connection.receive(4), "ping");
+  connection.send("pong");
+  EXPECT_EQ(flow.application.receive(4), "pong");
+
+  flow.application.endSending();
+  EXPECT_EQ(connection.receiveToEnd(), "");
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kOrderly);
+  EXPECT_EQ(flow.record->openedLocalEndpoint(), nil);
+  const auto closed = awaitEvent("tunnel_closed");
+  EXPECT_NE(closed.find("\"detail\":\"eof\""), std::string::npos) << closed;
+  EXPECT_NE(closed.find("\"app_id\":\"com.example.application\""), std::string::npos) << closed;
+  EXPECT_EQ(flow.record->closeReadError(), nil);
+  EXPECT_EQ(flow.record->closeWriteError(), nil);
+}
+
+TEST_F(CompanionFlowTest, ATCPFlowIsCarriedUntilTheOriginEnds) {
+  const TestListener origin;
+  const auto flow = offerTCPTo(origin);
+  ASSERT_TRUE(flow.wasTaken);
+  const std::string sent(3'000'000, 'x');
+  std::thread sender([&origin, &sent] {
+    auto connection = origin.accept();
+    connection.send(sent);
+  });
+  EXPECT_EQ(flow.application.receiveToEnd(), sent);
+  sender.join();
+}
+
+TEST_F(CompanionFlowTest, TheEventsTellTheFlowsStory) {
+  const TestListener origin;
+  const auto flow = offerTCPTo(origin);
+  EXPECT_FALSE(awaitEvent("provider_started").empty());
+  EXPECT_NE(awaitEvent("connect_handshake_started").find(origin.target()), std::string::npos);
+  EXPECT_NE(awaitEvent("connect_handshake_succeeded").find("elapsed_ms"), std::string::npos);
+  flow.application.endSending();
+  EXPECT_FALSE(awaitEvent("tunnel_closed").empty());
+}
+
+TEST_F(CompanionFlowTest, AUDPFlowIsRefused) {
+  @autoreleasepool {
+    NEAppProxyUDPFlow* const flow =
+        standin::makeUDPFlow({.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"5353")});
+    const auto record = standin::recordOf(flow);
+    EXPECT_TRUE(provider_.offer(flow));
+    EXPECT_TRUE(record->isReadClosed());
+    EXPECT_TRUE(record->isWriteClosed());
+    EXPECT_EQ(record->closeReadError(), nil);
+    EXPECT_EQ(record->closeWriteError(), nil);
+  }
+}
+
+TEST_F(CompanionFlowTest, AUDPFlowWithoutALocalEndpointIsRefused) {
+  EXPECT_TRUE(provider_.offer(standin::makeUDPFlow({.endpoint = nil})));
+  EXPECT_TRUE(provider_.offer(standin::makeUDPFlow({.endpoint = standin::makeOtherEndpoint()})));
+}
+
+TEST_F(CompanionFlowTest, AFlowOfAnUnknownKindIsTheSystems) {
+  NEAppProxyFlow* const flow = standin::makeUnknownFlow({});
+  EXPECT_FALSE(provider_.offer(flow));
+  EXPECT_FALSE(standin::recordOf(flow)->isReadClosed());
+}
+
+TEST_F(CompanionFlowTest, NoFlowIsTheSystems) {
+  EXPECT_FALSE(provider_.offer(nil));
+}
+
+TEST_F(CompanionFlowTest, AnExemptApplicationsFlowIsTheSystems) {
+  const auto flow = offerTCP({.signingIdentifier = @" com.apple.trustd\n",
+                              .endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")});
+  EXPECT_FALSE(flow.wasTaken);
+  EXPECT_FALSE(flow.record->isOpened());
+}
+
+TEST_F(CompanionFlowTest, AFlowToTheProxyItselfIsTheSystems) {
+  EXPECT_FALSE(offerTCP("127.0.0.1", kProxyPort).wasTaken);
+  EXPECT_FALSE(offerTCP("localhost", kProxyPort).wasTaken);
+}
+
+TEST_F(CompanionFlowTest, AFlowIsCarriedWithoutAnIdentifier) {
+  const TestListener origin;
+  for (const bool hasMetaData : {true, false}) {
+    @autoreleasepool {
+      const auto flow = offerTCP({.signingIdentifier = nil,
+                                  .hasMetaData = hasMetaData,
+                                  .endpoint = standin::makeHostEndpoint(
+                                      @"127.0.0.1", makeString(std::to_string(origin.port())))});
+      ASSERT_TRUE(flow.wasTaken);
+      flow.application.send("x");
+      EXPECT_EQ(origin.accept().receive(1), "x");
+    }
+    EXPECT_NE(awaitEvent("tunnel_closed").find("\"app_id\":\"\""), std::string::npos);
+  }
+}
+
+TEST_F(CompanionFlowTest, AFlowWithoutAHostEndpointIsAskedOfTheProxyWhichRefusesIt) {
+  for (NWEndpoint* endpoint : {static_cast<NWEndpoint*>(nil), standin::makeOtherEndpoint(),
+                               static_cast<NWEndpoint*>(standin::makeHostEndpoint(nil, nil))}) {
+    const auto flow = offerTCP({.endpoint = endpoint});
+    ASSERT_TRUE(flow.wasTaken);
+    EXPECT_EQ(flow.application.receiveToEnd(), "");
+    EXPECT_FALSE(awaitEvent("connect_handshake_non_200").empty());
+    EXPECT_EQ(flow.record->closeReadError(), nil);
+  }
+}
+
+TEST_F(CompanionFlowTest, AFlowThatCannotBeOpenedIsClosedWithItsError) {
+  const auto ends = standin::makeStreamPair();
+  const TestSocket application(ends.application);
+  NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(
+      {.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")}, ends.provider);
+  const auto record = standin::recordOf(flow);
+  record->failOpening([NSError
+      errorWithDomain:NEAppProxyErrorDomain
+                 code:NEAppProxyFlowErrorAborted
+             userInfo:[NSDictionary dictionaryWithObject:@"aborted"
+                                                  forKey:NSLocalizedDescriptionKey]]);
+  ASSERT_TRUE(provider_.offer(flow));
+  ASSERT_TRUE(waitUntil([&] { return record->isWriteClosed(); }));
+  const platform::Error expected{"NEAppProxyFlowErrorDomain", 5, "aborted"};
+  EXPECT_EQ(errorFrom(record->closeReadError()), expected);
+  EXPECT_EQ(errorFrom(record->closeWriteError()), expected);
+  EXPECT_TRUE(wasLogged("OstravelProxy: Failed to open flow: aborted"));
+}
+
+TEST_F(CompanionFlowTest, AFlowThatOpensAfterTheProviderHasGoneIsLeftToTheSystem) {
+  std::shared_ptr<standin::FlowRecord> record;
+  const auto ends = standin::makeStreamPair();
+  const TestSocket application(ends.application);
+  @autoreleasepool {
+    NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(
+        {.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")}, ends.provider);
+    record = standin::recordOf(flow);
+    record->holdOpening();
+    ASSERT_TRUE(provider_.offer(flow));
+  }
+  provider_.release();
+  ASSERT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
+  EXPECT_FALSE(record->wasLeftToSystem());
+  record->letOpeningGo();
+  EXPECT_TRUE(waitUntil([&record] { return record->wasLeftToSystem(); }));
+  EXPECT_FALSE(record->isReadClosed());
+}
+
+TEST_F(CompanionFlowTest, AReadOfNeitherDataNorErrorIsTheEnd) {
+  const TestListener origin;
+  const auto ends = standin::makeStreamPair();
+  const TestSocket application(ends.application);
+  NEAppProxyTCPFlow* const flow =
+      standin::makeTCPFlow({.endpoint = standin::makeHostEndpoint(
+                                @"127.0.0.1", makeString(std::to_string(origin.port())))},
+                           ends.provider);
+  const auto record = standin::recordOf(flow);
+  record->setNextRead(nil, nil);
+  ASSERT_TRUE(provider_.offer(flow));
+  EXPECT_NE(awaitEvent("tunnel_closed").find("\"detail\":\"eof\""), std::string::npos);
+  ASSERT_TRUE(waitUntil([&] { return record->isWriteClosed(); }));
+  EXPECT_EQ(record->closeWriteError(), nil);
+}
+
+TEST_F(CompanionFlowTest, AReadErrorClosesBothSidesWithIt) {
+  const TestListener origin;
+  const auto ends = standin::makeStreamPair();
+  const TestSocket application(ends.application);
+  NEAppProxyTCPFlow* const flow =
+      standin::makeTCPFlow({.endpoint = standin::makeHostEndpoint(
+                                @"127.0.0.1", makeString(std::to_string(origin.port())))},
+                           ends.provider);
+  const auto record = standin::recordOf(flow);
+  record->setNextRead(nil, [NSError errorWithDomain:NEAppProxyErrorDomain code:2 userInfo:nil]);
+  ASSERT_TRUE(provider_.offer(flow));
+  ASSERT_TRUE(waitUntil([&] { return record->isWriteClosed(); }));
+  EXPECT_EQ([record->closeReadError() code], 2);
+  EXPECT_EQ(application.waitForEnd(), TestSocket::End::kReset);
+}
+
+TEST_F(CompanionFlowTest, FlowsGoOnAfterASecondStart) {
+  provider_.startUp();
+  const TestListener origin;
+  const auto flow = offerTCPTo(origin);
+  ASSERT_TRUE(flow.wasTaken);
+  flow.application.send("x");
+  EXPECT_EQ(origin.accept().receive(1), "x");
+}
+
+TEST_F(CompanionFlowTest, StoppingLetsGoOfTheTunnels) {
+  const TestListener origin;
+  const auto flow = offerTCPTo(origin);
+  ASSERT_TRUE(flow.wasTaken);
+  flow.application.send("x");
+  const auto connection = origin.accept();
+  EXPECT_EQ(connection.receive(1), "x");
+  EXPECT_EQ(provider_.stop()->count, 1);
+  // Nothing of it is held any more, so the system takes both ends down.
+  connection.receiveToEnd();
+  flow.application.waitForEnd();
+}
+
+TEST_F(CompanionFlowTest, ManyFlowsAtOnceDoNotMix) {
+  constexpr std::size_t kFlows = 24;
+  const TestListener origin;
+  std::thread echo([&origin] {
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < kFlows; ++i) {
+      threads.emplace_back(
+          [connection = origin.accept()] { connection.send(connection.receive(8)); });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  });
+  std::vector<OfferedFlow> flows;
+  for (std::size_t i = 0; i < kFlows; ++i) {
+    flows.push_back(offerTCPTo(origin));
+    ASSERT_TRUE(flows.back().wasTaken);
+    flows.back().application.send("flow" + std::to_string(1000 + i));
+  }
+  for (std::size_t i = 0; i < kFlows; ++i) {
+    EXPECT_EQ(flows[i].application.receive(8), "flow" + std::to_string(1000 + i));
+  }
+  echo.join();
+}
+
+// Runs rounds of the same work until one leaves nothing behind: no object, and where the allocator
+// tells, no more memory than the allowance. What a round leaves by itself, every round shows;
+// another thread for the work only some do. Empty, or what was left.
+std::string leftBehindByEveryRound(std::size_t allowance, const std::function<void()>& round) {
+  constexpr int kRounds = 10;
+  // Longer than sockets linger.
+  constexpr std::chrono::seconds kPatience(4);
+  takeCensus();
+  // The first rounds fill what is kept for the life of the process.
+  round();
+  round();
+  std::string left;
+  for (int count = 0; count < kRounds; ++count) {
+    const auto objects = takeCensus();
+    const auto memory = memoryInUse();
+    round();
+    const auto objectsLeft = [&] { return growth(objects, takeCensus()); };
+    const auto memoryLeft = [&] { return memory ? *memoryInUse() - *memory : 0; };
+    if (waitUntil(
+            [&] {
+              return objectsLeft().empty() && (!memory || *memoryInUse() <= *memory + allowance);
+            },
+            kPatience)) {
+      return "";
+    }
+    left += objectsLeft() + std::to_string(memoryLeft()) + " bytes\n";
+  }
+  return left;
+}
+
+TEST_F(CompanionFlowTest, FlowsLeaveNothingBehind) {
+  const TestListener origin;
+  constexpr std::size_t kFlows = 20;
+  // No completion and no buffer of any flow fits in.
+  constexpr std::size_t kAllowance = kFlows * 128;
+  const auto carryFlows = [&] {
+    for (std::size_t i = 0; i < kFlows; ++i) {
+      const auto flow = offerTCPTo(origin);
+      ASSERT_TRUE(flow.wasTaken);
+      flow.application.send("ping");
+      const auto connection = origin.accept();
+      EXPECT_EQ(connection.receive(4), "ping");
+      flow.application.endSending();
+      connection.receiveToEnd();
+      EXPECT_FALSE(awaitEvent("tunnel_closed").empty());
+    }
+    standin::clearLogRecord();
+    standin::settleWorkers();
+  };
+  EXPECT_EQ(leftBehindByEveryRound(kAllowance, carryFlows), "");
+}
+
+TEST_F(CompanionFlowTest, TheProviderLeavesNothingBehind) {
+  constexpr std::size_t kProviders = 5;
+  // A provider has kilobytes of lists and queues.
+  constexpr std::size_t kAllowance = kProviders * 512;
+  const auto live = [this] {
+    @autoreleasepool {
+      for (std::size_t i = 0; i < kProviders; ++i) {
+        PrincipalObject other;
+        other.configure([NSDictionary dictionaryWithObject:makeString(path_)
+                                                    forKey:@"monitoringSocketPath"]);
+        other.startUp();
+        other.stop();
+      }
+    }
+    standin::clearLogRecord();
+    standin::settleWorkers();
+  };
+  EXPECT_EQ(leftBehindByEveryRound(kAllowance, live), "");
+}
+
+// With a proxy of the test's own
+
+class ScriptedProxyTest : public WholeFlowTest {
+ protected:
+  ScriptedProxyTest() { startWithProxy(); }
+  ~ScriptedProxyTest() override {
+    standin::setConnectionCreationFailure(false);
+    ::close(proxy_);
+  }
+
+  // The next connection that sends a request; the probes' connections send nothing.
+  TestSocket acceptTunnel() {
+    while (true) {
+      TestSocket connection(::accept(proxy_, nullptr, nullptr));
+      request_ = connection.receiveThrough("\r\n\r\n");
+      if (!request_.empty()) {
+        return connection;
+      }
+    }
+  }
+  platform::OptionalError closeError(const OfferedFlow& flow) {
+    EXPECT_TRUE(waitUntil([&flow] { return flow.record->isWriteClosed(); }));
+    @autoreleasepool {
+      return errorFrom(flow.record->closeWriteError());
+    }
+  }
+
+  std::string request_;
+
+ private:
+  // The port is always the same, and connections of the test before may linger.
+  static int listenOnProxyPort() {
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int one = 1;
+    ::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(kProxyPort);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0 ||
+        ::listen(descriptor, SOMAXCONN) < 0) {
+      throw std::runtime_error("the proxy's port");
+    }
+    return descriptor;
+  }
+
+  const int proxy_ = listenOnProxyPort();
+};
+
+TEST_F(ScriptedProxyTest, TheProxyIsAskedWithBothIdentifiers) {
+  const auto flow = offerTCP("2001:db8::1", 443);
+  ASSERT_TRUE(flow.wasTaken);
+  const auto tunnel = acceptTunnel();
+  EXPECT_TRUE(request_.starts_with("CONNECT [2001:db8::1]:443 HTTP/1.1\r\n"
+                                   "Host: [2001:db8::1]:443\r\n"
+                                   "X-Ostravel-App-Id: com.example.application\r\n"
+                                   "X-Ostravel-Flow-Id: "))
+      << request_;
+}
+
+TEST_F(ScriptedProxyTest, BytesBehindTheAnswerComeFirst) {
+  const auto flow = offerTCP("192.0.2.1", 443);
+  const auto tunnel = acceptTunnel();
+  tunnel.send("HTTP/1.1 200 OK\r\n\r\nleftover,");
+  tunnel.send("more");
+  EXPECT_EQ(flow.application.receive(13), "leftover,more");
+  flow.application.send("up");
+  EXPECT_EQ(tunnel.receive(2), "up");
+}
+
+TEST_F(ScriptedProxyTest, ARefusalIsAnOrderlyEnd) {
+  const auto flow = offerTCP("192.0.2.1", 443);
+  acceptTunnel().send("HTTP/1.1 403 Forbidden\r\n\r\n");
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kOrderly);
+  EXPECT_FALSE(closeError(flow));
+}
+
+TEST_F(ScriptedProxyTest, AResetDuringTheHandshakeIsTheApplicationsToo) {
+  const auto flow = offerTCP("192.0.2.1", 443);
+  acceptTunnel().reset();
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kReset);
+  const auto error = closeError(flow);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain, platform::kPOSIXErrorDomain);
+}
+
+TEST_F(ScriptedProxyTest, ASilentProxyIsGivenFiveSeconds) {
+  const auto flow = offerTCP("192.0.2.1", 443);
+  const auto tunnel = acceptTunnel();
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(closeError(flow),
+            (platform::Error{"OstravelProxy", 1002, "Proxy CONNECT handshake timed out"}));
+  tunnel.waitForEnd();
+}
+
+TEST_F(ScriptedProxyTest, AConnectionThatTheSystemDoesNotMakeTimesOut) {
+  standin::setConnectionCreationFailure(true);
+  const auto flow = offerTCP("192.0.2.1", 443);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kReset);
+  const auto error = closeError(flow);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, 1002);
+}
+
+}  // namespace
+}  // namespace ostravel::macos::test

@@ -1,0 +1,80 @@
+#pragma once
+
+#import <NetworkExtension/NetworkExtension.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#import "Platform/macOS/Dispatch/CompletionBlocks.h"
+#import "Platform/macOS/Foundation/Reference.h"
+#include "Tests/StandInMac/StreamSocket.h"
+
+namespace ostravel::standin {
+
+// What there is behind a connection object. Work under way holds this, not the object, and finds
+// the object as long as somebody else holds it.
+class ConnectionState final : public std::enable_shared_from_this<ConnectionState> {
+ public:
+  using ErrorBlock = macos::Reference<macos::ErrorBlock>;
+  using ReadBlock = macos::Reference<macos::ReadBlock>;
+
+  // Autoreleased. Without an address: a connection whose state is set by hand.
+  static NWTCPConnection* makeConnection();
+  static NWTCPConnection* makeConnection(std::vector<std::byte> address);
+
+  // The reference count of the object, and its end.
+  void retainObject() { ++references_; }
+  bool releaseObject() { return --references_ == 0; }
+  void objectWasReleased();
+
+  NWTCPConnectionState state() const;
+  // Autoreleased; nil for none.
+  NSError* error() const;
+  // Notifies the observers, on this thread. A cancelled connection stays what it is.
+  void setState(NWTCPConnectionState state, NSError* error);
+
+  void read(std::size_t minimum, std::size_t maximum, ReadBlock completion);
+  void write(NSData* data, ErrorBlock completion);
+  void cancel();
+  void setNextRead(NSData* data, NSError* error);
+
+  // The state does not change while this is held.
+  std::unique_lock<std::mutex> holdChanges() { return std::unique_lock(changing_); }
+
+ private:
+  // Null when the object is gone or on its way.
+  macos::Reference<NWTCPConnection*> object();
+  void finishConnecting(int error);
+  // Starts the operation, now or once it is connected, or has it fail. Expects the lock to be held.
+  void startWhenConnected(std::function<void(int error)> operation);
+  void endWaiting(int error);
+  // A failure of an operation ends a connection that stood.
+  void noteFailure(int error);
+  void startReading(std::size_t minimum, std::size_t maximum, const ReadBlock& completion);
+  void startWriting(std::vector<std::byte> bytes, const ErrorBlock& completion);
+  void finishRead(const ReadBlock& completion, const std::vector<std::byte>& bytes, int error);
+  void finishWrite(const ErrorBlock& completion, int error);
+
+  std::atomic<std::int64_t> references_ = 1;
+  std::mutex changing_;
+  mutable std::mutex lock_;
+  // Unretained.
+  NWTCPConnection* object_ = nil;
+  std::shared_ptr<StreamSocket> socket_;
+  NWTCPConnectionState state_ = NWTCPConnectionStateInvalid;
+  macos::Reference<NSError*> error_;
+  // Operations that were asked for while it is being connected; each is given an errno value.
+  std::vector<std::function<void(int error)>> waiting_;
+  bool isReading_ = false;
+  bool isWriting_ = false;
+  bool hasNextRead_ = false;
+  macos::Reference<NSData*> nextData_;
+  macos::Reference<NSError*> nextError_;
+};
+
+}  // namespace ostravel::standin

@@ -1,0 +1,7 @@
+#import "Tests/StandInMac/ErrorWithoutText.h"
+
+@implementation ErrorWithoutText
+- (NSString*)localizedDescription {
+  return nil;
+}
+@end

@@ -1,0 +1,47 @@
+#pragma once
+
+#import <NetworkExtension/NetworkExtension.h>
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#import "Platform/macOS/Dispatch/CompletionBlocks.h"
+#import "Platform/macOS/Foundation/Reference.h"
+#import "Tests/StandInMac/StandInNetworkExtension.h"
+
+namespace ostravel::standin {
+
+// What there is behind a provider object. Usable from any thread.
+class ProviderState final : public SettingsHold {
+ public:
+  using ErrorBlock = macos::Reference<macos::ErrorBlock>;
+
+  // Borrowed; nil for none.
+  NEVPNProtocol* configuration() const;
+  void setConfiguration(NEVPNProtocol* configuration);
+
+  // Applies the rules that the system has for rules.
+  void apply(NETunnelNetworkSettings* settings, ErrorBlock completion);
+  std::vector<AppliedSettings> applied() const;
+  void fail(NSError* error);
+  void hold();
+  void letGo() override;
+
+ private:
+  struct Answer {
+    ErrorBlock completion;
+    macos::Reference<NSError*> error;
+  };
+
+  static void answerLater(const Answer& answer);
+
+  mutable std::mutex lock_;
+  macos::Reference<NEVPNProtocol*> configuration_;
+  std::vector<AppliedSettings> applied_;
+  macos::Reference<NSError*> failure_;
+  bool isHeld_ = false;
+  std::vector<Answer> held_;
+};
+
+}  // namespace ostravel::standin

@@ -1,0 +1,202 @@
+#include "Tests/StandInMac/TimerState.h"
+
+#include <condition_variable>
+#include <map>
+#include <thread>
+#include <utility>
+
+namespace ostravel::standin {
+
+namespace {
+
+// One thread that waits for the next appointment of all timers.
+class AppointmentBook {
+ public:
+  AppointmentBook() : thread_([this] { run(); }) {}
+  // Returns when the thread has ended. No appointment is kept later.
+  void end() {
+    {
+      const std::lock_guard guard(lock_);
+      isEnding_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+
+  std::uint64_t add(TimerState::Time due, std::weak_ptr<TimerState> timer) {
+    std::uint64_t number = 0;
+    {
+      const std::lock_guard guard(lock_);
+      number = ++lastNumber_;
+      appointments_.emplace(due, Appointment{number, std::move(timer)});
+    }
+    changed_.notify_all();
+    return number;
+  }
+
+  void remove(std::uint64_t number) {
+    const std::lock_guard guard(lock_);
+    std::erase_if(appointments_,
+                  [number](const auto& item) { return item.second.number == number; });
+  }
+
+ private:
+  struct Appointment {
+    std::uint64_t number;
+    std::weak_ptr<TimerState> timer;
+  };
+
+  void run() {
+    std::unique_lock guard(lock_);
+    while (!isEnding_) {
+      if (appointments_.empty()) {
+        changed_.wait(guard);
+        continue;
+      }
+      const auto first = appointments_.begin();
+      const auto due = first->first;
+      if (std::chrono::steady_clock::now() < due) {
+        changed_.wait_until(guard, due);
+        continue;
+      }
+      const Appointment appointment = first->second;
+      appointments_.erase(first);
+      guard.unlock();
+      if (const auto timer = appointment.timer.lock()) {
+        timer->expire(appointment.number);
+      }
+      guard.lock();
+    }
+  }
+
+  std::mutex lock_;
+  std::condition_variable changed_;
+  std::multimap<TimerState::Time, Appointment> appointments_;
+  std::uint64_t lastNumber_ = 0;
+  bool isEnding_ = false;
+  std::thread thread_;
+};
+
+// Never destroyed: work that is being finished may still want it when its thread has ended.
+AppointmentBook& appointmentBook() {
+  struct End {
+    AppointmentBook& book;
+    ~End() { book.end(); }
+  };
+  static AppointmentBook& book = *new AppointmentBook();
+  static const End end{book};
+  return book;
+}
+
+}  // namespace
+
+TimerState::~TimerState() {
+  if (finalizer_ != nullptr && context_ != nullptr) {
+    finalizer_(context_);
+  }
+}
+
+void TimerState::setContext(void* context) {
+  const std::lock_guard guard(lock_);
+  context_ = context;
+}
+
+void* TimerState::context() {
+  const std::lock_guard guard(lock_);
+  return context_;
+}
+
+void TimerState::setFinalizer(Function finalizer) {
+  const std::lock_guard guard(lock_);
+  finalizer_ = finalizer;
+}
+
+void TimerState::setHandler(Function handler) {
+  const std::lock_guard guard(lock_);
+  handler_ = handler;
+  handlerContext_ = context_;
+}
+
+void TimerState::setTimer(std::optional<Time> start,
+                          std::optional<std::chrono::nanoseconds> interval) {
+  const std::lock_guard guard(lock_);
+  if (isCancelled_) {
+    return;
+  }
+  start_ = start;
+  interval_ = interval;
+  appointment_ = 0;
+  if (isActive_ && start_) {
+    makeAppointment(*start_);
+  }
+}
+
+bool TimerState::activate() {
+  const std::lock_guard guard(lock_);
+  if (isActive_) {
+    return false;
+  }
+  isActive_ = true;
+  if (start_ && !isCancelled_) {
+    makeAppointment(*start_);
+  }
+  return true;
+}
+
+bool TimerState::isActive() {
+  const std::lock_guard guard(lock_);
+  return isActive_;
+}
+
+void TimerState::cancel() {
+  const std::lock_guard guard(lock_);
+  isCancelled_ = true;
+  appointmentBook().remove(std::exchange(appointment_, 0));
+}
+
+bool TimerState::isCancelled() {
+  const std::lock_guard guard(lock_);
+  return isCancelled_;
+}
+
+void TimerState::makeAppointment(Time due) {
+  appointment_ = appointmentBook().add(due, weak_from_this());
+}
+
+void TimerState::expire(std::uint64_t appointment) {
+  const std::lock_guard guard(lock_);
+  if (appointment != appointment_) {
+    return;
+  }
+  appointment_ = 0;
+  if (interval_) {
+    // Behind by more than one interval, it skips what it has missed.
+    const auto now = std::chrono::steady_clock::now();
+    do {
+      *start_ += *interval_;
+    } while (*start_ < now);
+    makeAppointment(*start_);
+  }
+  if (!std::exchange(isPending_, true)) {
+    queue_->async(WorkQueue::Manner::plain, [self = shared_from_this()] { self->runHandler(); });
+  }
+}
+
+void TimerState::runHandler() {
+  Function handler = nullptr;
+  void* context = nullptr;
+  {
+    const std::lock_guard guard(lock_);
+    isPending_ = false;
+    if (isCancelled_) {
+      return;
+    }
+    handler = handler_;
+    context = handlerContext_;
+  }
+  if (handler != nullptr) {
+    handler(context);
+  }
+}
+
+}  // namespace ostravel::standin

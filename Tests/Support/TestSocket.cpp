@@ -1,0 +1,274 @@
+#include "Tests/Support/TestSocket.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+namespace ostravel::companion::test {
+namespace {
+
+// Longer than anything takes on a busy machine.
+constexpr int kPatienceSeconds = 30;
+
+[[noreturn]] void fail(const char* what) {
+  throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+}
+
+struct Address {
+  sockaddr_storage storage{};
+  socklen_t size = 0;
+
+  const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+  sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+  int family() const { return storage.ss_family; }
+};
+
+Address tcpAddress(const std::string& text, std::uint16_t port) {
+  Address address;
+  sockaddr_in v4{};
+  sockaddr_in6 v6{};
+  if (::inet_pton(AF_INET, text.c_str(), &v4.sin_addr) == 1) {
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(port);
+    std::memcpy(&address.storage, &v4, sizeof(v4));
+    address.size = sizeof(v4);
+  } else {
+    ::inet_pton(AF_INET6, text.c_str(), &v6.sin6_addr);
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = htons(port);
+    std::memcpy(&address.storage, &v6, sizeof(v6));
+    address.size = sizeof(v6);
+  }
+  return address;
+}
+
+int openSocket(int family, int flags = 0) {
+  const int descriptor = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+  if (descriptor < 0) {
+    fail("socket");
+  }
+  return descriptor;
+}
+
+bool waitFor(int descriptor, short events, std::chrono::milliseconds time) {
+  pollfd wait{.fd = descriptor, .events = events, .revents = 0};
+  return ::poll(&wait, 1, static_cast<int>(time.count())) == 1;
+}
+
+}  // namespace
+
+TestSocket TestSocket::connectTcp(std::uint16_t port, const std::string& address) {
+  const Address to = tcpAddress(address, port);
+  TestSocket socket(openSocket(to.family()));
+  if (::connect(socket.descriptor_, to.get(), to.size) != 0) {
+    fail("connect");
+  }
+  return socket;
+}
+
+TestSocket TestSocket::connectUnix(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  TestSocket socket(openSocket(AF_UNIX));
+  if (::connect(socket.descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    fail("connect");
+  }
+  return socket;
+}
+
+TestSocket TestSocket::beginConnectTcp(std::uint16_t port, const std::string& address) {
+  const Address to = tcpAddress(address, port);
+  TestSocket socket(openSocket(to.family(), SOCK_NONBLOCK));
+  if (::connect(socket.descriptor_, to.get(), to.size) != 0 && errno != EINPROGRESS) {
+    fail("connect");
+  }
+  return socket;
+}
+
+TestSocket::TestSocket(int descriptor) : descriptor_(descriptor) {
+  const timeval patience{.tv_sec = kPatienceSeconds, .tv_usec = 0};
+  ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  ::setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+}
+
+TestSocket::TestSocket(TestSocket&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+TestSocket& TestSocket::operator=(TestSocket&& other) noexcept {
+  std::swap(descriptor_, other.descriptor_);
+  return *this;
+}
+
+TestSocket::~TestSocket() {
+  close();
+}
+
+void TestSocket::send(std::string_view bytes) const {
+  while (!bytes.empty()) {
+    const ssize_t sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent < 0) {
+      fail("send");
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(sent));
+  }
+}
+
+std::size_t TestSocket::sendUntilStalled(std::string_view bytes,
+                                         std::chrono::milliseconds patience) const {
+  std::size_t total = 0;
+  while (!bytes.empty() && waitFor(descriptor_, POLLOUT, patience)) {
+    const ssize_t sent =
+        ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0) {
+      fail("send");
+    }
+    total += static_cast<std::size_t>(sent);
+    bytes.remove_prefix(static_cast<std::size_t>(sent));
+  }
+  return total;
+}
+
+std::string TestSocket::receive(std::size_t size) const {
+  std::string result(size, '\0');
+  std::size_t have = 0;
+  while (have < size) {
+    const ssize_t received = ::recv(descriptor_, result.data() + have, size - have, 0);
+    if (received < 0) {
+      fail("recv");
+    }
+    if (received == 0) {
+      break;
+    }
+    have += static_cast<std::size_t>(received);
+  }
+  result.resize(have);
+  return result;
+}
+
+std::string TestSocket::receiveThrough(std::string_view end) const {
+  std::string result;
+  while (!result.ends_with(end)) {
+    const std::string next = receive(1);
+    if (next.empty()) {
+      break;
+    }
+    result += next;
+  }
+  return result;
+}
+
+std::string TestSocket::receiveToEnd() const {
+  std::string result;
+  std::array<char, 65536> bytes{};
+  while (true) {
+    const ssize_t received = ::recv(descriptor_, bytes.data(), bytes.size(), 0);
+    if (received < 0) {
+      fail("recv");
+    }
+    if (received == 0) {
+      return result;
+    }
+    result.append(bytes.data(), static_cast<std::size_t>(received));
+  }
+}
+
+TestSocket::End TestSocket::waitForEnd() const {
+  std::array<char, 65536> bytes{};
+  while (true) {
+    const ssize_t received = ::recv(descriptor_, bytes.data(), bytes.size(), 0);
+    if (received == 0) {
+      return End::kOrderly;
+    }
+    if (received < 0 && errno == ECONNRESET) {
+      return End::kReset;
+    }
+    if (received < 0) {
+      fail("recv");
+    }
+  }
+}
+
+bool TestSocket::waitForReset() const {
+  pollfd wait{.fd = descriptor_, .events = 0, .revents = 0};
+  return ::poll(&wait, 1, kPatienceSeconds * 1000) == 1 && (wait.revents & POLLERR) != 0;
+}
+
+bool TestSocket::hasBytesWithin(std::chrono::milliseconds time) const {
+  return waitFor(descriptor_, POLLIN, time);
+}
+
+void TestSocket::endSending() const {
+  ::shutdown(descriptor_, SHUT_WR);
+}
+
+void TestSocket::close() {
+  if (descriptor_ >= 0) {
+    ::close(std::exchange(descriptor_, -1));
+  }
+}
+
+void TestSocket::reset() {
+  const linger now{.l_onoff = 1, .l_linger = 0};
+  ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &now, sizeof(now));
+  close();
+}
+
+TestListener::TestListener(const std::string& address, std::uint16_t port, int backlog)
+    : address_(address) {
+  Address here = tcpAddress(address, port);
+  descriptor_ = openSocket(here.family());
+  if (::bind(descriptor_, here.get(), here.size) != 0 || ::listen(descriptor_, backlog) != 0 ||
+      ::getsockname(descriptor_, here.get(), &here.size) != 0) {
+    ::close(descriptor_);
+    fail("listen");
+  }
+  // The port has the same place in the address of either family.
+  sockaddr_in bound{};
+  std::memcpy(&bound, &here.storage, sizeof(bound));
+  port_ = ntohs(bound.sin_port);
+}
+
+TestListener::~TestListener() {
+  ::close(descriptor_);
+}
+
+std::string TestListener::target() const {
+  const bool bracketed = address_.find(':') != std::string::npos;
+  return (bracketed ? "[" + address_ + "]" : address_) + ":" + std::to_string(port_);
+}
+
+TestSocket TestListener::accept() const {
+  if (!waitFor(descriptor_, POLLIN, std::chrono::seconds(kPatienceSeconds))) {
+    fail("nobody connected");
+  }
+  const int descriptor = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
+  if (descriptor < 0) {
+    fail("accept");
+  }
+  return TestSocket(descriptor);
+}
+
+std::uint16_t closedPort() {
+  return TestListener().port();
+}
+
+bool hasIpv6Loopback() {
+  try {
+    TestListener listener("::1");
+    return true;
+  } catch (const std::runtime_error&) {
+    return false;
+  }
+}
+
+}  // namespace ostravel::companion::test
