@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Includes follow the link graph.
+"""Includes follow the link graph of the rooms.
 
-Prints each include that crosses it the wrong way and fails if there is one. Also holds what makes
-the core deterministic: it asks its platform for the time, for randomness and for threads, so the
-headers that offer them are out of its reach.
+A room is a folder with sources, without the folders in it. Prints each include that crosses the
+graph the wrong way and each source that is in no room, and fails if there is one. Also holds what
+makes the core deterministic: it asks its platform for the time, for randomness and for threads, so
+the headers that offer them are out of its reach.
 
 Usage: check_includes.py ROOT
 """
@@ -21,47 +22,89 @@ CORE = "Extension/ProxyTunnelCore"
 PROVIDER = "Extension/FilterDataProvider"
 SHARED = "Platform/Shared"
 
-# Folder -> the folders whose headers it may include.
-ALLOWED_FOLDERS = {
-    INTERFACE: {INTERFACE},
-    CORE: {CORE, INTERFACE},
-    PROVIDER: {PROVIDER, CORE, INTERFACE},
-    SHARED: {SHARED, INTERFACE},
-    BASE: {BASE},
-    "Platform/Linux": {"Platform/Linux", SHARED, INTERFACE, BASE},
-    "Platform/macOS": {"Platform/macOS", SHARED, INTERFACE},
-    "Platform/Simulation": {"Platform/Simulation", SHARED, INTERFACE},
-    "Companion": {"Companion", BASE},
+SIMULATION = "Platform/Simulation"
+# What every room of a platform may include.
+GROUND = {INTERFACE, BASE}
+
+LINUX = "Platform/Linux"
+KERNEL = f"{LINUX}/Kernel"
+SERVICES = f"{LINUX}/Services"
+PROCESSES = f"{LINUX}/Processes"
+IDENTITY = f"{LINUX}/Identity"
+RELAY = f"{LINUX}/Relay"
+LIVENESS = f"{LINUX}/Liveness"
+INTERCEPTION = f"{LINUX}/Interception"
+
+MAC = "Platform/macOS"
+MAC_FOUNDATION = f"{MAC}/Foundation"
+MAC_DISPATCH = f"{MAC}/Dispatch"
+MAC_FLOW = f"{MAC}/Flow"
+MAC_PROVIDER = f"{MAC}/Provider"
+
+COMPANION = "Companion/Shared"
+
+# Room -> the other rooms whose headers it may include, all of them further up in this table.
+ALLOWED_ROOMS = {
+    BASE: set(),
+    INTERFACE: set(),
+    CORE: {INTERFACE},
+    PROVIDER: {CORE, INTERFACE},
+    SHARED: {INTERFACE},
+    SIMULATION: {SHARED, INTERFACE},
+
+    KERNEL: GROUND,
+    SERVICES: GROUND | {SHARED, KERNEL},
+    PROCESSES: GROUND | {KERNEL},
+    IDENTITY: GROUND | {KERNEL, PROCESSES},
+    RELAY: GROUND | {KERNEL, SERVICES},
+    LIVENESS: GROUND | {KERNEL, SERVICES, RELAY},
+    INTERCEPTION: GROUND | {KERNEL, SERVICES, PROCESSES, IDENTITY, RELAY, LIVENESS},
+    LINUX: GROUND | {SHARED, SERVICES, RELAY, LIVENESS, INTERCEPTION},
+
+    MAC_FOUNDATION: {INTERFACE},
+    MAC_DISPATCH: {INTERFACE, MAC_FOUNDATION},
+    MAC_FLOW: {INTERFACE, MAC_FOUNDATION, MAC_DISPATCH},
+    MAC_PROVIDER: {INTERFACE, MAC_FOUNDATION, MAC_DISPATCH, MAC_FLOW},
+    MAC: {INTERFACE, SHARED, MAC_FOUNDATION, MAC_DISPATCH},
+
+    COMPANION: {BASE},
+    "Companion/Sidecar": {BASE, COMPANION},
+    "Companion/Monitor": {BASE, COMPANION},
+    "Host/macOS": {CORE},
 }
+# Puts everything together, and may therefore include everything but tests.
+PROGRAM = "Extension/main"
+# Every source below these is in a room.
+BUILDINGS = ("Base/", "Companion/", "Extension/", "Host/", "Platform/")
 
 THREAD_HEADERS = {"thread", "future", "stop_token", "condition_variable", "semaphore", "latch",
                   "barrier", "pthread.h"}
 CLOCK_HEADERS = {"ctime", "time.h", "sys/time.h", "sys/timerfd.h"}
 RANDOM_HEADERS = {"random", "sys/random.h"}
 
-# Folder -> headers that it may not include, whoever offers them.
+# Room -> headers that it may not include, whoever offers them.
 FORBIDDEN_HEADERS = {
     INTERFACE: THREAD_HEADERS | CLOCK_HEADERS | RANDOM_HEADERS,
     CORE: THREAD_HEADERS | CLOCK_HEADERS | RANDOM_HEADERS,
     PROVIDER: THREAD_HEADERS | CLOCK_HEADERS | RANDOM_HEADERS,
-    "Platform/Simulation": THREAD_HEADERS | CLOCK_HEADERS,
+    SIMULATION: THREAD_HEADERS | CLOCK_HEADERS,
 }
 
-# Folder -> the only headers from outside the standard library that it may include.
+# Room -> the only headers from outside the standard library that it may include.
 ALLOWED_FOREIGN_HEADERS = {
     INTERFACE: set(),
     CORE: {"arpa/inet.h", "fcntl.h", "jansson.h", "sys/socket.h"},
     PROVIDER: set(),
 }
 
-# Folder -> headers that its build makes, which have no path from the root.
+# Room -> headers that its build makes, which have no path from the root.
 GENERATED_HEADERS = {
-    "Platform/Linux": {"ConnectTracerProgram.h", "ConnectTracerPlainProgram.h"},
+    PROCESSES: {"ConnectTracerProgram.h", "ConnectTracerPlainProgram.h"},
 }
 
 # <chrono> is welcome for its durations, its clocks are not.
 CLOCK_READING = re.compile(r"\b\w*_clock::now\b")
-CLOCKLESS_FOLDERS = {INTERFACE, CORE, PROVIDER, "Platform/Simulation"}
+CLOCKLESS_ROOMS = {INTERFACE, CORE, PROVIDER, SIMULATION}
 
 INCLUDE = re.compile(r'^\s*#\s*(?:include|import)\s*(?:"([^"]+)"|<([^>]+)>)')
 
@@ -76,44 +119,43 @@ class Finding:
         return f"{self.path}:{self.line}: {self.message}"
 
 
-def folder_of(path: str) -> str | None:
-    """The folder of the link graph that a path from the root belongs to."""
-    for folder in ALLOWED_FOLDERS:
-        if path.startswith(folder + "/"):
-            return folder
-    return None
+def room_of(path: str) -> str | None:
+    """The room that a path from the root belongs to."""
+    folder = path.rpartition("/")[0]
+    return folder if folder in ALLOWED_ROOMS else None
 
 
 def is_of_standard_library(header: str) -> bool:
     return re.fullmatch(r"[a-z_0-9]+", header) is not None
 
 
-def judge_quoted(root: pathlib.Path, folder: str, header: str) -> str | None:
-    if header in GENERATED_HEADERS.get(folder, set()):
+def judge_quoted(root: pathlib.Path, room: str, header: str) -> str | None:
+    if header in GENERATED_HEADERS.get(room, set()):
         return None
-    target = folder_of(header)
+    target = room_of(header)
     if target is None:
         if (root / header).is_file():
-            return f"{folder} may not include {header}"
+            return f"{room} may not include {header}"
         return f'"{header}" is not a path from the root of the repository'
-    if target not in ALLOWED_FOLDERS[folder]:
-        return f"{folder} may not include {target}"
+    if target != room and target not in ALLOWED_ROOMS[room]:
+        return f"{room} may not include {target}"
     return None
 
 
-def judge_angled(folder: str, header: str) -> str | None:
-    if header in FORBIDDEN_HEADERS.get(folder, set()):
-        return f"{folder} may not include <{header}>: it asks the platform"
-    allowed = ALLOWED_FOREIGN_HEADERS.get(folder)
+def judge_angled(room: str, header: str) -> str | None:
+    if header in FORBIDDEN_HEADERS.get(room, set()):
+        return f"{room} may not include <{header}>: it asks the platform"
+    allowed = ALLOWED_FOREIGN_HEADERS.get(room)
     if allowed is not None and not is_of_standard_library(header) and header not in allowed:
-        return f"{folder} may not include <{header}>"
+        return f"{room} may not include <{header}>"
     return None
 
 
 def check_file(root: pathlib.Path, path: pathlib.Path) -> list[Finding]:
-    folder = folder_of(path.as_posix())
-    if folder is None:
-        return []
+    room = room_of(path.as_posix())
+    if room is None:
+        inside = path.as_posix().startswith(BUILDINGS) and path.parent.as_posix() != PROGRAM
+        return [Finding(path, 1, f"{path.parent} is not a room")] if inside else []
     findings = []
     text = (root / path).read_text(encoding="utf-8")
     for number, line in enumerate(text.splitlines(), start=1):
@@ -121,10 +163,10 @@ def check_file(root: pathlib.Path, path: pathlib.Path) -> list[Finding]:
         include = INCLUDE.match(line)
         if include:
             quoted, angled = include.groups()
-            message = (judge_quoted(root, folder, quoted) if quoted
-                       else judge_angled(folder, angled))
-        elif folder in CLOCKLESS_FOLDERS and CLOCK_READING.search(line):
-            message = f"{folder} may not read a clock: it asks the platform"
+            message = (judge_quoted(root, room, quoted) if quoted
+                       else judge_angled(room, angled))
+        elif room in CLOCKLESS_ROOMS and CLOCK_READING.search(line):
+            message = f"{room} may not read a clock: it asks the platform"
         if message:
             findings.append(Finding(path, number, message))
     return findings
@@ -136,7 +178,7 @@ def check(root: pathlib.Path) -> list[Finding]:
 
 def main() -> int:
     root = pathlib.Path(sys.argv[1])
-    paths = [path for path in repository.sources(root) if folder_of(path.as_posix())]
+    paths = [path for path in repository.sources(root) if room_of(path.as_posix())]
     if not paths:
         print("nothing to check", file=sys.stderr)
         return 1

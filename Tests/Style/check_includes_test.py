@@ -41,10 +41,31 @@ class IncludeCheck(unittest.TestCase):
     def test_an_untouched_tree_is_clean(self):
         self.assertEqual(check_includes.check(self.root), [])
 
-    def test_each_folder_may_use_itself_and_the_seam(self):
-        for folder in check_includes.ALLOWED_FOLDERS:
-            if folder not in ("Base", "Companion"):
-                self.assert_accepted(f"{folder}/New.h", '#include "Platform/Interface/Clock.h"')
+    def test_the_graph_has_no_cycle(self):
+        above = set()
+        for room, others in check_includes.ALLOWED_ROOMS.items():
+            self.assertLessEqual(others, above, room)
+            above.add(room)
+
+    def test_each_room_may_use_itself(self):
+        for room in check_includes.ALLOWED_ROOMS:
+            self.write(f"{room}/Own.h", "#pragma once\n")
+            self.assert_accepted(f"{room}/New.h", f'#include "{room}/Own.h"')
+
+    def test_each_room_may_use_only_what_the_table_allows(self):
+        for room, allowed in check_includes.ALLOWED_ROOMS.items():
+            for other in check_includes.ALLOWED_ROOMS:
+                if other == room:
+                    continue
+                self.write(f"{other}/Own.h", "#pragma once\n")
+                judge = self.assert_accepted if other in allowed else self.assert_rejected
+                judge(f"{room}/New.h", f'#include "{other}/Own.h"')
+            (self.root / room / "New.h").unlink()
+
+    def test_every_source_is_in_a_room(self):
+        for folder in ("Companion", "Extension", "Host", "Platform", "Platform/Linux/Other"):
+            self.assert_rejected(f"{folder}/New.h", "#pragma once")
+            (self.root / folder / "New.h").unlink()
 
     def test_the_seam_may_not_use_the_core(self):
         self.assert_rejected("Platform/Interface/New.h",
@@ -66,10 +87,11 @@ class IncludeCheck(unittest.TestCase):
                                  f'#include "Platform/{platform}"')
 
     def test_a_platform_may_not_use_another_one(self):
-        self.assert_rejected("Platform/Linux/New.cpp", '#include "Platform/macOS/MacPlatform.h"')
+        self.assert_rejected("Platform/Linux/Kernel/New.cpp",
+                             '#include "Platform/macOS/MacPlatform.h"')
 
     def test_a_platform_may_not_use_the_core(self):
-        self.assert_rejected("Platform/Linux/New.cpp",
+        self.assert_rejected("Platform/Linux/Kernel/New.cpp",
                              '#include "Extension/ProxyTunnelCore/UTF8.h"')
 
     def test_platforms_may_use_the_shared_parts(self):
@@ -79,27 +101,43 @@ class IncludeCheck(unittest.TestCase):
                                  '#include "Platform/Shared/ICUTextServices.h"')
 
     def test_the_shared_parts_may_not_use_a_platform(self):
-        self.assert_rejected("Platform/Shared/New.cpp", '#include "Platform/Linux/Relay/EventLoop.h"')
+        self.assert_rejected("Platform/Shared/New.cpp",
+                             '#include "Platform/Linux/Relay/EventLoop.h"')
 
     def test_the_companion_stands_alone(self):
-        self.assert_accepted("Companion/New.cpp", '#include "Companion/Sidecar/HostPort.h"')
-        self.assert_rejected("Companion/New.cpp", '#include "Platform/Interface/Clock.h"')
+        for room in ("Shared", "Sidecar", "Monitor"):
+            self.assert_rejected(f"Companion/{room}/New.cpp",
+                                 '#include "Platform/Interface/Clock.h"')
+            (self.root / f"Companion/{room}/New.cpp").unlink()
+
+    def test_the_companions_may_not_use_each_other(self):
+        self.assert_rejected("Companion/Monitor/New.cpp",
+                             '#include "Companion/Sidecar/HostPort.h"')
+
+    def test_the_rooms_of_linux_build_on_each_other(self):
+        event_loop = '#include "Platform/Linux/Relay/EventLoop.h"'
+        self.assert_accepted("Platform/Linux/Interception/New.cpp", event_loop)
+        for room in ("Kernel", "Services", "Processes", "Identity"):
+            self.assert_rejected(f"Platform/Linux/{room}/New.cpp", event_loop)
+            (self.root / f"Platform/Linux/{room}/New.cpp").unlink()
 
     def test_nothing_may_use_the_programs_or_the_tests(self):
         self.assert_rejected("Platform/Linux/New.cpp", '#include "Extension/main/CommandLine.h"')
         self.assert_rejected("Platform/Linux/New.cpp", '#include "Tests/Extension/Support/Bytes.h"')
 
     def test_the_programs_may_use_everything(self):
-        self.assert_accepted("Extension/main/New.cpp", '#include "Platform/Linux/Relay/EventLoop.h"',
+        self.assert_accepted("Extension/main/New.cpp",
+                             '#include "Platform/Linux/Relay/EventLoop.h"',
                              '#include "Extension/FilterDataProvider/DomainList.h"')
 
     def test_includes_are_written_from_the_root(self):
         self.assert_rejected("Platform/Linux/New.cpp", '#include "EventLoop.h"')
         self.assert_rejected("Platform/Linux/New.cpp", '#include "../Interface/Clock.h"')
 
-    def test_a_generated_header_belongs_to_the_folder_that_makes_it(self):
-        self.assert_accepted("Platform/Linux/New.cpp", '#include "ConnectTracerProgram.h"')
-        self.assert_rejected("Companion/New.cpp", '#include "ConnectTracerProgram.h"')
+    def test_a_generated_header_belongs_to_the_room_that_makes_it(self):
+        include = '#include "ConnectTracerProgram.h"'
+        self.assert_accepted("Platform/Linux/Processes/New.cpp", include)
+        self.assert_rejected("Platform/Linux/Kernel/New.cpp", include)
 
     def test_the_core_may_not_have_threads_clocks_or_randomness(self):
         for header in ("thread", "future", "condition_variable", "random", "ctime", "time.h",
