@@ -31,7 +31,9 @@ namespace {
 
 constexpr const char* kTable = InterceptionTable::kName;
 constexpr const char* kAliveSet = "alive";
+constexpr const char* kRatesSet = "rates";
 constexpr const char* kOfferChain = "offer";
+constexpr const char* kQueueChain = "queue";
 constexpr const char* kRefuseChain = "refuse";
 constexpr const char* kDivertChain = "divert";
 constexpr const char* kRedirectChain = "redirect";
@@ -44,7 +46,14 @@ constexpr std::int32_t kOfferPriority = NF_IP_PRI_MANGLE;
 constexpr std::int32_t kRefusePriority = NF_IP_PRI_MANGLE + 1;
 constexpr std::int32_t kDivertPriority = NF_IP_PRI_NAT_DST;
 
-constexpr std::uint32_t kTypeInetProtocol = 12;  // what nft(8) shows as type inet_proto
+// What nft(8) shows as types inet_proto and uid.
+constexpr std::uint32_t kTypeInetProtocol = 12;
+constexpr std::uint32_t kTypeUser = 24;
+
+// A change that the kernel may refuse and that is left out then.
+constexpr const char* kRateSetChange = "set of rates";
+constexpr const char* kRateRuleChange = "rate rule";
+constexpr const char* kQueueRuleChange = "queue rule";
 
 using TableHandle = std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)>;
 using ChainHandle = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
@@ -93,6 +102,25 @@ void addAliveSet(NetfilterBatch& batch) {
   ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT,
                       static_cast<std::uint64_t>(InterceptionTable::kAliveTimeout.count()));
   batch.add("set with time-outs", NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
+            [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
+}
+
+// Users leave it some seconds after their last packet.
+void addRatesSet(NetfilterBatch& batch) {
+  constexpr std::uint32_t kSetId = 2;
+  constexpr std::uint32_t kUsers = 65'535;
+  constexpr std::uint64_t kTimeoutMilliseconds = 5000;
+  const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
+  ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
+  ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kRatesSet);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_ID, kSetId);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, kTypeUser);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(uid_t));
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT | NFT_SET_EVAL);
+  ::nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, kUsers);
+  ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT, kTimeoutMilliseconds);
+  batch.add(kRateSetChange, NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
             [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
 
@@ -251,8 +279,7 @@ void addSelection(NetfilterBatch& batch, const char* chain, const std::string& c
   }
 }
 
-void addOfferRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks,
-                   std::uint16_t queueNumber, NetfilterRule::QueueStatement queueStatement) {
+void addOfferRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks) {
   addRulesForLaterPackets(batch, kOfferChain);
   // Our own packets, and those of somebody who uses our bits for something else.
   addRule(batch, "mark rule",
@@ -265,10 +292,14 @@ void addOfferRules(NetfilterBatch& batch, const Selection& selection, const Pack
               .protocol(TransportProtocol::tcp)
               .trackedWithoutReply()
               .accept());
-  addSelection(batch, kOfferChain, "queue rule", selection,
-               [=](NetfilterRule& rule, TransportProtocol /*protocol*/) {
-                 rule.queue(queueNumber, queueStatement);
-               });
+  addSelection(batch, kOfferChain, "jump rule", selection,
+               [](NetfilterRule& rule, TransportProtocol /*protocol*/) { rule.jump(kQueueChain); });
+}
+
+void addRateRule(NetfilterBatch& batch) {
+  constexpr std::uint32_t kRate = InterceptionTable::kPacketsPerSecond;
+  addRule(batch, kRateRuleChange,
+          NetfilterRule(kTable, kQueueChain).userExceedsRate(kRatesSet, kRate, kRate).accept());
 }
 
 void addRefuseRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks) {
@@ -352,34 +383,45 @@ std::variant<std::unique_ptr<InterceptionTable>, Error> InterceptionTable::insta
   if (!socket) {
     return explain({"", errno});
   }
-  using QueueStatement = NetfilterRule::QueueStatement;
-  for (const auto statement : {QueueStatement::native, QueueStatement::compatibilityTarget}) {
+  // What some kernels lack.
+  bool hasQueueExpression = true;
+  bool canLimitRates = true;
+  while (true) {
     NetfilterBatch batch;
     addTable(batch);
     addAliveSet(batch);
+    addChain(batch, kQueueChain);
+    if (canLimitRates) {
+      addRatesSet(batch);
+      addRateRule(batch);
+    }
+    addRule(batch, kQueueRuleChange,
+            NetfilterRule(kTable, kQueueChain)
+                .queue(queueNumber, hasQueueExpression
+                                        ? NetfilterRule::QueueStatement::native
+                                        : NetfilterRule::QueueStatement::compatibilityTarget));
     addChain(batch, kOfferChain, "filter", kOfferPriority);
     addChain(batch, kRefuseChain, "filter", kRefusePriority);
     addChain(batch, kDivertChain, "nat", kDivertPriority);
     addChain(batch, kRedirectChain);
-    addOfferRules(batch, selection, marks, queueNumber, statement);
+    addOfferRules(batch, selection, marks);
     addRefuseRules(batch, selection, marks);
     addDivertRules(batch, selection, marks, listeners);
     addAliveElements(batch);
     const auto failure = batch.commit(socket.get());
-    const bool isCompatible = statement == QueueStatement::compatibilityTarget;
     if (!failure) {
-      return std::unique_ptr<InterceptionTable>(
-          new InterceptionTable(std::move(socket), isCompatible));
+      return std::unique_ptr<InterceptionTable>(new InterceptionTable(std::move(socket)));
     }
-    if (isCompatible || failure->change != "queue rule") {
+    if (failure->change == kQueueRuleChange && hasQueueExpression) {
+      hasQueueExpression = false;
+    } else if ((failure->change == kRateSetChange || failure->change == kRateRuleChange) &&
+               canLimitRates) {
+      canLimitRates = false;
+    } else {
       return explain(*failure);
     }
   }
-  return explain({"queue rule", ENOENT});
 }
-
-InterceptionTable::InterceptionTable(NetlinkSocket socket, bool usesCompatibilityTarget)
-    : socket_(std::move(socket)), usesCompatibilityTarget_(usesCompatibilityTarget) {}
 
 OptionalError InterceptionTable::refreshAlive() {
   // An element that is there keeps its old time-out, on most kernels; so it is taken out and put

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -20,8 +21,11 @@ namespace ostravel::linuxplatform {
 //
 //   table inet ostravel
 //     set alive      {tcp, udp} with a time-out: without it no packet is offered
+//     set rates      users and how many packets of theirs were queued lately
 //     chain offer    output, before everything of the filter: first packets that the settings
-//                    select go to the queue; packets pass when nobody listens there
+//                    select go on to the next chain
+//     chain queue    packets go to the queue, and pass when nobody listens there or their user
+//                    exceeds kPacketsPerSecond
 //     chain refuse   output, right behind: packets marked as refused get a reset or port
 //                    unreachable
 //     chain divert   nat output: SYNs with a mark of ours go through
@@ -39,6 +43,10 @@ class InterceptionTable {
   // How long packets go on being offered when nobody refreshes.
   static constexpr std::chrono::milliseconds kAliveTimeout{1000};
 
+  // First packets that are queued of one user: more than connections can be made per second, and
+  // few enough that the verdict thread has time for the other users.
+  static constexpr std::uint32_t kPacketsPerSecond = 10'000;
+
   // Where event loop i accepts: the ports of its listeners, 0 when it has none of that family.
   struct ListenerPorts {
     std::uint16_t ipv4 = 0;
@@ -54,14 +62,10 @@ class InterceptionTable {
   // Lets packets be offered for another kAliveTimeout.
   platform::OptionalError refreshAlive();
 
-  // Whether the kernel lacked the native queue expression and the older target is used.
-  bool usesCompatibilityTarget() const { return usesCompatibilityTarget_; }
-
  private:
-  InterceptionTable(NetlinkSocket socket, bool usesCompatibilityTarget);
+  explicit InterceptionTable(NetlinkSocket socket) : socket_(std::move(socket)) {}
 
   NetlinkSocket socket_;
-  bool usesCompatibilityTarget_;
 };
 
 }  // namespace ostravel::linuxplatform

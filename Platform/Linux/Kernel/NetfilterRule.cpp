@@ -226,6 +226,25 @@ NetfilterRule& NetfilterRule::destinationPort(std::uint16_t port) {
   return *this;
 }
 
+NetfilterRule& NetfilterRule::userExceedsRate(const char* set, std::uint32_t perSecond,
+                                              std::uint32_t burst) {
+  constexpr std::uint64_t kSecond = 1;
+  loadMeta(NFT_META_SKUID);
+  nftnl_expr* const limit = makeExpression("limit");
+  ::nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, perSecond);
+  ::nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_UNIT, kSecond);
+  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_BURST, burst);
+  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKTS);
+  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_FLAGS, NFT_LIMIT_F_INV);
+  nftnl_expr* const expression = makeExpression("dynset");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_SREG_KEY, kRegister);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_OP, NFT_DYNSET_OP_UPDATE);
+  ::nftnl_expr_set_str(expression, NFTNL_EXPR_DYNSET_SET_NAME, set);
+  ::nftnl_expr_add_expr(expression, NFTNL_EXPR_DYNSET_EXPRESSIONS, limit);
+  ::nftnl_rule_add_expr(get(), expression);
+  return *this;
+}
+
 NetfilterRule& NetfilterRule::accept() {
   nftnl_expr* const expression = makeExpression("immediate");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);

@@ -49,6 +49,10 @@ class NetfilterRule {
   // th dport port
   NetfilterRule& destinationPort(std::uint16_t port);
 
+  // update @set { meta skuid limit rate over perSecond/second burst burst packets }: true for the
+  // packets by which a user exceeds the rate; the set has to hold expressions.
+  NetfilterRule& userExceedsRate(const char* set, std::uint32_t perSecond, std::uint32_t burst);
+
   NetfilterRule& accept();
   // jump chain
   NetfilterRule& jump(const char* chain);

@@ -1,6 +1,8 @@
 #include "Platform/Linux/Interception/InterceptionTable.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +17,7 @@
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
+#include "Tests/Platform/Linux/Support/SocketTools.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -337,6 +340,57 @@ TEST_F(InterceptionTableTest, PassesPacketsWhenNobodyListensAtTheQueue) {
   queue_.reset();
   Listener origin("127.0.0.1", 8000);
   EXPECT_EQ(Connecting("127.0.0.1", 8000).result(kSoon), 0);
+}
+
+TEST_F(InterceptionTableTest, AFloodOfOneUserLeavesTheQueueToOthers) {
+  constexpr std::uint16_t kPort = 8001;
+  constexpr int kAtOnce = 64;
+  constexpr double kRate = InterceptionTable::kPacketsPerSecond;
+  constexpr uid_t kOther = 4711;
+  auto settings = loopbackSettings();
+  settings.includedNetworkRules.push_back(testing::udpRule("127.0.0.1", "8001", 32));
+  const auto table = install(settings);
+  const auto takeQueued = [this] {
+    std::size_t count = 0;
+    for (auto packets = waitForPackets(*queue_, 0ms); !packets.empty();
+         packets = waitForPackets(*queue_, 0ms)) {
+      for (const auto& packet : packets) {
+        queue_->accept(packet.id);
+      }
+      count += packets.size();
+    }
+    return static_cast<double>(count);
+  };
+  const auto flood = testing::makeSocket(AF_INET, SOCK_DGRAM);
+  const auto address = testing::socketAddress(AF_INET, testing::loopbackIPv4(kPort));
+  const auto send = [&address](const FileDescriptor& socket) {
+    ::sendto(socket.get(), "-", 1, 0, reinterpret_cast<const sockaddr*>(&address),
+             sizeof(sockaddr_in));
+  };
+  // Twice as much as may be queued, however long it takes to send.
+  const auto begin = std::chrono::steady_clock::now();
+  const auto allowed = [begin] {
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begin;
+    return kRate * (1 + elapsed.count());
+  };
+  double sent = 0;
+  double queued = 0;
+  while (sent < 2 * allowed()) {
+    for (int packet = 0; packet < kAtOnce; ++packet) {
+      send(flood);
+    }
+    sent += kAtOnce;
+    queued += takeQueued();
+    table->refreshAlive();
+    ASSERT_LT(allowed(), 30 * kRate) << "the machine is too slow to exceed the rate";
+  }
+  EXPECT_LE(queued, allowed());
+  EXPECT_GE(queued, kRate);
+  ASSERT_EQ(::seteuid(kOther), 0);
+  const auto other = testing::makeSocket(AF_INET, SOCK_DGRAM);
+  ASSERT_EQ(::seteuid(0), 0);
+  send(other);
+  EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
 }
 
 TEST_F(InterceptionTableTest, StopsOfferingWhenNobodyRefreshesIt) {
