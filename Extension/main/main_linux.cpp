@@ -76,16 +76,17 @@ bool hasTerminal() {
 }
 
 // Absent when there is to be none. What is wrong with it is said once there is a log.
-using MaybeGuardian = std::optional<std::variant<linuxplatform::Guardian, platform::Error>>;
+using MaybeGuardian = std::optional<platform::Result<linuxplatform::Guardian>>;
 
 void reportMissingGuardian(MaybeGuardian& guardian, platform::Log& log) {
   if (!guardian) {
     return;
   }
-  if (const auto* error = std::get_if<platform::Error>(&*guardian)) {
-    log.error("OstravelProxy: Hangs are not detected: %{public}s", {error->localizedDescription});
+  if (!*guardian) {
+    log.error("OstravelProxy: Hangs are not detected: %{public}s",
+              {guardian->error().localizedDescription});
     guardian.reset();
-  } else if (std::get<linuxplatform::Guardian>(*guardian).hasEnded()) {
+  } else if ((*guardian)->hasEnded()) {
     log.error("OstravelProxy: The guardian has ended: hangs are no longer detected");
     guardian.reset();
   }
@@ -124,9 +125,13 @@ int main(int argc, char** argv) {
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
   linuxplatform::LinuxProviderContext context(
-      platform, loops, descriptors,
-      std::get<std::optional<platform::ProviderConfiguration>>(configuration), heartbeat,
-      [] { ::sd_notify(0, "WATCHDOG=1"); }, commandLine.options->proxyUsers);
+      platform,
+      {.loops = loops,
+       .descriptors = descriptors,
+       .heartbeat = heartbeat,
+       .onAlive = [] { ::sd_notify(0, "WATCHDOG=1"); },
+       .proxyUsers = commandLine.options->proxyUsers},
+      std::get<std::optional<platform::ProviderConfiguration>>(configuration));
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);
 

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <utility>
-#include <variant>
 
 namespace ostravel::linuxplatform {
 
@@ -10,15 +9,10 @@ using platform::Error;
 using platform::OptionalError;
 
 LinuxProviderContext::LinuxProviderContext(
-    platform::Platform& platform, EventLoopGroup& loops, DescriptorBudget& descriptors,
-    std::optional<platform::ProviderConfiguration> configuration, Heartbeat& heartbeat,
-    std::function<void()> onAlive, std::vector<uid_t> proxyUsers)
-    : loops_(loops),
-      descriptors_(descriptors),
+    platform::Platform& platform, Interceptor::Environment environment,
+    std::optional<platform::ProviderConfiguration> configuration)
+    : environment_(std::move(environment)),
       configuration_(std::move(configuration)),
-      heartbeat_(heartbeat),
-      onAlive_(std::move(onAlive)),
-      proxyUsers_(std::move(proxyUsers)),
       log_(platform.makeLog("OstravelNetworkExtension", "OstravelLinux")),
       settingsQueue_(platform.makeQueue("com.ostravel.networkSettings",
                                         platform::DispatchQueueKind::serial)) {}
@@ -56,24 +50,23 @@ OptionalError LinuxProviderContext::startInterception(
   if (isStopped_) {
     return Error{"OstravelLinux", ECANCELED, "the extension is being stopped"};
   }
-  auto started = Interceptor::start(
-      settings, log_, loops_, descriptors_,
-      [weakProvider = provider_](std::shared_ptr<platform::AppProxyFlow> flow) {
-        const auto provider = weakProvider.lock();
-        return provider && provider->handleNewFlow(std::move(flow));
-      },
-      heartbeat_, onAlive_, proxyUsers_);
-  if (auto* error = std::get_if<Error>(&started)) {
-    return std::move(*error);
+  auto started =
+      Interceptor::start(settings, log_, environment_,
+                         [weakProvider = provider_](std::shared_ptr<platform::AppProxyFlow> flow) {
+                           const auto provider = weakProvider.lock();
+                           return provider && provider->handleNewFlow(std::move(flow));
+                         });
+  if (!started) {
+    return std::move(started).error();
   }
-  interceptor_ = std::get<std::unique_ptr<Interceptor>>(std::move(started));
+  interceptor_ = *std::move(started);
   return std::nullopt;
 }
 
 std::shared_ptr<platform::TCPConnection> LinuxProviderContext::createTCPConnection(
     const platform::HostEndpoint& endpoint, platform::TLSPolicy /*tls*/) {
   // The local proxy speaks plain HTTP; nothing asks for TLS.
-  return loops_.connect(endpoint);
+  return environment_.loops.connect(endpoint);
 }
 
 std::optional<platform::TunnelProviderProtocol> LinuxProviderContext::protocolConfiguration()

@@ -1,19 +1,12 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <vector>
 
 #include "Platform/Interface/Platform.h"
 #include "Platform/Interface/TransparentProxyProvider.h"
 #include "Platform/Linux/Interception/Interceptor.h"
-#include "Platform/Linux/Liveness/Heartbeat.h"
-#include "Platform/Linux/Relay/EventLoopGroup.h"
-#include "Platform/Linux/Services/DescriptorBudget.h"
 
 namespace ostravel::linuxplatform {
 
@@ -21,15 +14,9 @@ namespace ostravel::linuxplatform {
 // intercepted flows, and makes its connections. Owned by the process entry; outlives the provider.
 class LinuxProviderContext final : public platform::ProviderContext {
  public:
-  // configuration: what the provider finds as its own. heartbeat: what interception takes part in
-  // while it exists. onAlive, which may be empty, is called about four times a second while
-  // interception works. proxyUsers: those besides root and system users whose local proxy may carry
-  // everybody's flows.
-  LinuxProviderContext(platform::Platform& platform, EventLoopGroup& loops,
-                       DescriptorBudget& descriptors,
-                       std::optional<platform::ProviderConfiguration> configuration,
-                       Heartbeat& heartbeat, std::function<void()> onAlive,
-                       std::vector<uid_t> proxyUsers = {});
+  // configuration: what the provider finds as its own. environment outlives this object.
+  LinuxProviderContext(platform::Platform& platform, Interceptor::Environment environment,
+                       std::optional<platform::ProviderConfiguration> configuration);
   ~LinuxProviderContext() override;
 
   // The provider that flows are offered to; held weakly. Set before it asks for network settings.
@@ -54,12 +41,8 @@ class LinuxProviderContext final : public platform::ProviderContext {
   platform::OptionalError startInterception(
       const platform::TransparentProxyNetworkSettings& settings);
 
-  EventLoopGroup& loops_;
-  DescriptorBudget& descriptors_;
+  const Interceptor::Environment environment_;
   const std::optional<platform::ProviderConfiguration> configuration_;
-  Heartbeat& heartbeat_;
-  const std::function<void()> onAlive_;
-  const std::vector<uid_t> proxyUsers_;
   const std::shared_ptr<platform::Log> log_;
   const std::shared_ptr<platform::DispatchQueue> settingsQueue_;
   std::weak_ptr<platform::TransparentProxyProvider> provider_;

@@ -56,10 +56,10 @@ std::unique_ptr<linuxplatform::InterceptionTable> installTable(
   }
   // Nobody listens at the queue.
   auto installed = linuxplatform::InterceptionTable::install(settings, loops.marks(), 0, listeners);
-  if (const auto* error = std::get_if<platform::Error>(&installed)) {
-    throw std::runtime_error(error->localizedDescription);
+  if (!installed) {
+    throw std::runtime_error(installed.error().localizedDescription);
   }
-  return std::get<std::unique_ptr<linuxplatform::InterceptionTable>>(std::move(installed));
+  return *std::move(installed);
 }
 
 // The held SYN of a played application.

@@ -28,19 +28,20 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
                                                          ConnectTracer::Detail traced)
     : warn_(std::move(warn)), registrations_(registrationsFolder, warn_) {
   auto diagnostics = SocketDiagnostics::open();
-  if (const auto* error = std::get_if<Error>(&diagnostics)) {
-    warn_(error->localizedDescription + "; every flow is left to the system");
+  if (!diagnostics) {
+    warn_(diagnostics.error().localizedDescription + "; every flow is left to the system");
     return;
   }
-  diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(diagnostics));
+  diagnostics_ = *std::move(diagnostics);
   proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_);
   trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
   auto tracer = ConnectTracer::start(traced);
-  if (const auto* reason = std::get_if<std::string>(&tracer)) {
-    warn_("connects cannot be traced (" + *reason + "); processes are looked up in /proc instead");
+  if (!tracer) {
+    warn_("connects cannot be traced (" + tracer.error().localizedDescription +
+          "); processes are looked up in /proc instead");
     return;
   }
-  tracer_ = std::get<std::unique_ptr<ConnectTracer>>(std::move(tracer));
+  tracer_ = *std::move(tracer);
 }
 
 ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
@@ -49,7 +50,6 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
                                                      std::uint32_t outputInterface) {
   Identification result;
   const auto leave = [&result](LeaveReason reason) {
-    result.leaveToSystem = true;
     result.leaveReason = reason;
     return result;
   };
@@ -86,7 +86,7 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
       return result;
     }
     const bool isKnown = sender != nullptr && sender->process.executableFile;
-    if (!isKnown && answer.socket && mayBeProxys(*answer.socket)) {
+    if (!isKnown && answer.socket && mayBelongToProxy(*answer.socket)) {
       return leave(LeaveReason::proxyUnknown);
     }
     const Process& owner = proxy_->owner();
@@ -212,7 +212,7 @@ bool ApplicationIdentifierSource::mayDialForProxy(const KnownProcess* sender) co
          (sender == nullptr || trust_->mayDial(sender->process.stamp.uid));
 }
 
-bool ApplicationIdentifierSource::mayBeProxys(const SocketInformation& socket) const {
+bool ApplicationIdentifierSource::mayBelongToProxy(const SocketInformation& socket) const {
   // Of a socket that no process holds any more, some kernels do not tell the user either.
   return socket.inode == 0 || proxy_->mayRunAs(socket.uid);
 }

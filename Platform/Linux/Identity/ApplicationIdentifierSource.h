@@ -95,7 +95,7 @@ class ApplicationIdentifierSource {
   // Whether the sender, null if it is not found, could be what dials out for the proxy.
   bool mayDialForProxy(const KnownProcess* sender) const;
   // For a socket whose process is not found.
-  bool mayBeProxys(const SocketInformation& socket) const;
+  bool mayBelongToProxy(const SocketInformation& socket) const;
   const std::string& identifierOf(KnownProcess& sender, uid_t socketUser) const;
   std::string findIdentifier(const Process& process, uid_t socketUser) const;
 

@@ -15,9 +15,8 @@ struct Identification {
   // Printable ASCII without surrounding spaces; empty when the application is not known for
   // certain.
   std::string identifier;
-  // The identifier says nothing then.
-  bool leaveToSystem = false;
-  LeaveReason leaveReason = LeaveReason::none;
+  // Present when the flow must be left to the system; the identifier says nothing then.
+  std::optional<LeaveReason> leaveReason;
   // It is not known which process dials out for the local proxy, and it may be this one. Such a
   // flow to where a flow of another process is just being proxied is likely to be the proxy's.
   bool mayBelongToProxy = false;

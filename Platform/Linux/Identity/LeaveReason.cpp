@@ -4,8 +4,6 @@ namespace ostravel::linuxplatform {
 
 std::string_view nameOf(LeaveReason reason) {
   switch (reason) {
-    case LeaveReason::none:
-      return "none";
     case LeaveReason::descriptors:
       return "descriptors";
     case LeaveReason::handshakeShare:
@@ -28,7 +26,7 @@ std::string_view nameOf(LeaveReason reason) {
       return "proxy_unknown";
     case LeaveReason::proxyNotTrusted:
       return "proxy_not_trusted";
-    case LeaveReason::mayBeProxys:
+    case LeaveReason::mayBelongToProxy:
       return "may_be_proxys";
     case LeaveReason::searchBudget:
       return "search_budget";

@@ -8,8 +8,6 @@ namespace ostravel::linuxplatform {
 
 // Why a flow is left to the system instead of being offered.
 enum class LeaveReason : std::uint8_t {
-  // It is offered.
-  none,
   // The process is near its limit of descriptors.
   descriptors,
   // The user has its share of the pending handshakes, of the descriptors, or, while others want to
@@ -34,7 +32,7 @@ enum class LeaveReason : std::uint8_t {
   // that it is one.
   proxyNotTrusted,
   // It may be the proxy's own: another process is held on its way to the same destination.
-  mayBeProxys,
+  mayBelongToProxy,
   // Its process would have to be searched for, and enough time has gone into such searches.
   searchBudget,
   // The kernel does not tell which socket it comes from.

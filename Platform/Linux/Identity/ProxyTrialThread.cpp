@@ -77,11 +77,11 @@ void ProxyTrialThread::run() {
 std::optional<ProxyTrialThread::Result> ProxyTrialThread::tryOnce(const Request& request) {
   Result result;
   auto opened = SocketDiagnostics::open();
-  if (auto* const error = std::get_if<Error>(&opened)) {
-    result.outcome.answer = std::move(error->localizedDescription);
+  if (!opened) {
+    result.outcome.answer = opened.error().localizedDescription;
     return result;
   }
-  const auto diagnostics = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
+  const auto diagnostics = *std::move(opened);
   auto outcome =
       ProxyTrial(*diagnostics, port_, request.listener.cookie, changed_.descriptor()).run();
   if (!outcome) {

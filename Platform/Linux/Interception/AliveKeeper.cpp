@@ -61,11 +61,11 @@ bool AliveKeeper::keepAlive() {
 
 bool AliveKeeper::reinstall() {
   auto installed = install_();
-  if (const auto* error = std::get_if<platform::Error>(&installed)) {
-    logFailure(error->localizedDescription);
+  if (!installed) {
+    logFailure(installed.error().localizedDescription);
     return false;
   }
-  table_ = std::get<std::unique_ptr<InterceptionTable>>(std::move(installed));
+  table_ = *std::move(installed);
   lastFailure_.clear();
   log_->info("OstravelProxy: Rules installed again");
   return true;

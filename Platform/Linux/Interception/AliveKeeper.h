@@ -22,8 +22,7 @@ namespace ostravel::linuxplatform {
 class AliveKeeper {
  public:
   // Installs the table with the arguments that it had at first. Runs on the keeper's thread.
-  using Install =
-      std::function<std::variant<std::unique_ptr<InterceptionTable>, platform::Error>()>;
+  using Install = std::function<platform::Result<std::unique_ptr<InterceptionTable>>()>;
 
   // Owns the table; onRefreshed, which may be empty, runs on the keeper's thread.
   AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,

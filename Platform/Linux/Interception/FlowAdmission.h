@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 
 #include "Platform/Linux/Identity/LeaveReason.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
@@ -19,9 +20,10 @@ class FlowAdmission {
   // A tunnel needs two sockets.
   static constexpr std::size_t kDescriptorsPerTunnel = 2;
 
-  // LeaveReason::none: it may be offered.
-  static LeaveReason admit(UserShare& share, const DescriptorBudget& descriptors,
-                           UserShare::Clock::time_point now) {
+  // Absent: it may be offered.
+  static std::optional<LeaveReason> reasonAgainst(UserShare& share,
+                                                  const DescriptorBudget& descriptors,
+                                                  UserShare::Clock::time_point now) {
     if (share.held() >= kHeldFlowsPerUser) {
       return LeaveReason::handshakeShare;
     }
@@ -33,7 +35,7 @@ class FlowAdmission {
     if (!descriptors.isWithinShare(share, wanted)) {
       return LeaveReason::descriptorShare;
     }
-    return LeaveReason::none;
+    return std::nullopt;
   }
 };
 

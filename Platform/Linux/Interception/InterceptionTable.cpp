@@ -25,6 +25,7 @@ using platform::Error;
 using platform::NetworkRule;
 using platform::NetworkRuleProtocol;
 using platform::OptionalError;
+using platform::Result;
 using platform::TransparentProxyNetworkSettings;
 
 namespace {
@@ -160,7 +161,7 @@ struct TranslatedRule {
   TransportProtocol protocol;
 };
 
-std::variant<TranslatedRule, Error> translate(const NetworkRule& rule) {
+Result<TranslatedRule> translate(const NetworkRule& rule) {
   TranslatedRule translated{};
   const auto& [host, port] = rule.destinationNetwork;
   const auto fail = [&rule](const std::string& reason) {
@@ -212,16 +213,16 @@ struct Selection {
   std::vector<TranslatedRule> excluded;
 };
 
-std::variant<Selection, Error> translate(const TransparentProxyNetworkSettings& settings) {
+Result<Selection> translate(const TransparentProxyNetworkSettings& settings) {
   Selection selection;
   const auto translateAll = [](const std::vector<NetworkRule>& rules,
                                std::vector<TranslatedRule>& into) -> OptionalError {
     for (const NetworkRule& rule : rules) {
       auto translated = translate(rule);
-      if (auto* error = std::get_if<Error>(&translated)) {
-        return std::move(*error);
+      if (!translated) {
+        return std::move(translated).error();
       }
-      into.push_back(std::get<TranslatedRule>(translated));
+      into.push_back(*translated);
     }
     return std::nullopt;
   };
@@ -371,14 +372,13 @@ Error explain(const NetfilterBatch::Failure& failure) {
 
 }  // namespace
 
-std::variant<std::unique_ptr<InterceptionTable>, Error> InterceptionTable::install(
+Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
     const TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
     std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners) {
-  auto translated = translate(settings);
-  if (auto* error = std::get_if<Error>(&translated)) {
-    return std::move(*error);
+  const auto selection = translate(settings);
+  if (!selection) {
+    return selection.error();
   }
-  const auto& selection = std::get<Selection>(translated);
   auto socket = openNetfilterSocket();
   if (!socket) {
     return explain({"", errno});
@@ -404,9 +404,9 @@ std::variant<std::unique_ptr<InterceptionTable>, Error> InterceptionTable::insta
     addChain(batch, kRefuseChain, "filter", kRefusePriority);
     addChain(batch, kDivertChain, "nat", kDivertPriority);
     addChain(batch, kRedirectChain);
-    addOfferRules(batch, selection, marks);
-    addRefuseRules(batch, selection, marks);
-    addDivertRules(batch, selection, marks, listeners);
+    addOfferRules(batch, *selection, marks);
+    addRefuseRules(batch, *selection, marks);
+    addDivertRules(batch, *selection, marks, listeners);
     addAliveElements(batch);
     const auto failure = batch.commit(socket.get());
     if (!failure) {

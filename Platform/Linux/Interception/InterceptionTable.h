@@ -5,11 +5,11 @@
 #include <memory>
 #include <string>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "Platform/Interface/Error.h"
 #include "Platform/Interface/NetworkSettings.h"
+#include "Platform/Interface/Result.h"
 #include "Platform/Linux/Kernel/NetfilterBatch.h"
 #include "Platform/Linux/Kernel/PacketMarks.h"
 
@@ -55,7 +55,7 @@ class InterceptionTable {
 
   // On failure the error's sentence says what is missing and what to do, and nothing is left
   // behind.
-  static std::variant<std::unique_ptr<InterceptionTable>, platform::Error> install(
+  static platform::Result<std::unique_ptr<InterceptionTable>> install(
       const platform::TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
       std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners);
 

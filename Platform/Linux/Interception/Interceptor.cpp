@@ -17,8 +17,6 @@
 
 namespace ostravel::linuxplatform {
 
-using platform::Error;
-
 namespace {
 
 using namespace std::chrono_literals;
@@ -55,38 +53,37 @@ struct Interceptor::Parts {
   Heartbeat& heartbeat;
 };
 
-std::variant<std::unique_ptr<Interceptor>, Error> Interceptor::start(
+platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
     const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
-    EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler, Heartbeat& heartbeat,
-    std::function<void()> onAlive, const std::vector<uid_t>& proxyUsers) {
+    const Environment& environment, FlowHandler handler) {
+  EventLoopGroup& loops = environment.loops;
   // The table comes last: nothing is offered before somebody can decide.
   auto identifiers = std::make_unique<ApplicationIdentifierSource>(
       kLocalProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
-      ApplicationRegistrations::kDefaultFolder, proxyUsers);
+      ApplicationRegistrations::kDefaultFolder, environment.proxyUsers);
   auto queue = PacketQueue::open();
-  if (auto* error = std::get_if<Error>(&queue)) {
-    return std::move(*error);
+  if (!queue) {
+    return std::move(queue).error();
   }
-  std::shared_ptr<PacketQueue> openQueue = std::get<std::unique_ptr<PacketQueue>>(std::move(queue));
+  std::shared_ptr<PacketQueue> openQueue = *std::move(queue);
   const auto install = [settings, marks = loops.marks(), number = openQueue->number(),
                         ports = listenerPorts(loops)] {
     return InterceptionTable::install(settings, marks, number, ports);
   };
   auto table = install();
-  if (auto* error = std::get_if<Error>(&table)) {
-    return std::move(*error);
+  if (!table) {
+    return std::move(table).error();
   }
   for (const std::string& clash : RoutingRules::read().clashesWith(loops.marks())) {
     log->error("OstravelProxy: Packet marks clash: %{public}s", {clash});
   }
   auto redirects = RedirectSupervisor::start(loops, settings, log);
   auto aliveKeeper =
-      std::make_unique<AliveKeeper>(std::get<std::unique_ptr<InterceptionTable>>(std::move(table)),
-                                    install, log, std::move(onAlive));
+      std::make_unique<AliveKeeper>(*std::move(table), install, log, environment.onAlive);
   return std::unique_ptr<Interceptor>(new Interceptor(
-      {std::move(log), loops, descriptors, std::move(handler), std::move(identifiers),
-       std::move(openQueue), std::move(redirects), std::move(aliveKeeper), heartbeat}));
+      {std::move(log), loops, environment.descriptors, std::move(handler), std::move(identifiers),
+       std::move(openQueue), std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
 }
 
 Interceptor::Interceptor(Parts parts)
@@ -128,12 +125,12 @@ void Interceptor::reloadRegistrations() {
     const std::lock_guard guard(registrationsLock_);
     newRegistrations_ = std::move(registrations);
   }
-  newRegistrationsAreThere_.signal();
+  registrationsChanged_.signal();
   log_->info("OstravelProxy: Registrations replaced count=%{public}d", {count});
 }
 
 void Interceptor::takeRegistrations() {
-  newRegistrationsAreThere_.consume();
+  registrationsChanged_.consume();
   const std::lock_guard guard(registrationsLock_);
   if (newRegistrations_) {
     identifiers_->replaceRegistrations(*std::exchange(newRegistrations_, std::nullopt));
@@ -144,7 +141,7 @@ void Interceptor::run() {
   ::pthread_setname_np(::pthread_self(), "verdict");
   while (true) {
     std::array<pollfd, 4> waited{{{stop_.descriptor(), POLLIN, 0},
-                                  {newRegistrationsAreThere_.descriptor(), POLLIN, 0},
+                                  {registrationsChanged_.descriptor(), POLLIN, 0},
                                   {queue_->descriptor(), POLLIN, 0},
                                   {ping_.descriptor(), POLLIN, 0}}};
     if (::poll(waited.data(), waited.size(), -1) < 0) {
@@ -266,8 +263,7 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
     // To refuse QUIC makes sense only where TCP is proxied.
     return share.isOnTrial() ? std::optional(LeaveReason::onTrial) : std::nullopt;
   }
-  if (const auto reason = FlowAdmission::admit(share, descriptors_, now);
-      reason != LeaveReason::none) {
+  if (const auto reason = FlowAdmission::reasonAgainst(share, descriptors_, now)) {
     return reason;
   }
   // Serving one user's flood would make the others wait; alone a user may have everything.
@@ -279,7 +275,7 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
 
 std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
                                                       const Identification& identification) const {
-  if (identification.leaveToSystem) {
+  if (identification.leaveReason) {
     return identification.leaveReason;
   }
   // A packet of a tunnel may belong to the socket of what it carries, and comes from none itself.
@@ -289,7 +285,7 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   const bool isProxysOwn = identification.mayBelongToProxy &&
                            heldFlows_.isOtherHeldFor(tuple.destination, identification.process);
   if (isProxysOwn || heldFlows_.isLoopLikely(tuple.destination, identification.process)) {
-    return LeaveReason::mayBeProxys;
+    return LeaveReason::mayBelongToProxy;
   }
   return std::nullopt;
 }

@@ -9,13 +9,13 @@
 #include <mutex>
 #include <optional>
 #include <thread>
-#include <variant>
 #include <vector>
 
 #include "Platform/Interface/AppProxyFlow.h"
 #include "Platform/Interface/Error.h"
 #include "Platform/Interface/Log.h"
 #include "Platform/Interface/NetworkSettings.h"
+#include "Platform/Interface/Result.h"
 #include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
 #include "Platform/Linux/Interception/AliveKeeper.h"
 #include "Platform/Linux/Interception/HeldFlows.h"
@@ -44,14 +44,23 @@ class Interceptor {
   // True: the flow has been taken. Called on the verdict thread.
   using FlowHandler = std::function<bool(std::shared_ptr<platform::AppProxyFlow>)>;
 
-  // The verdict thread joins the heartbeat, which keeps the rules alive; onAlive, which may be
-  // empty, is called about four times a second while they are. proxyUsers: see
-  // ApplicationIdentifierSource. On failure the error's sentence says what is missing and what to
-  // do, and nothing is left behind.
-  static std::variant<std::unique_ptr<Interceptor>, platform::Error> start(
+  // What interception uses of its process; all of it outlives the interceptor.
+  struct Environment {
+    EventLoopGroup& loops;
+    DescriptorBudget& descriptors;
+    // The verdict thread joins it, and it keeps the rules alive.
+    Heartbeat& heartbeat;
+    // Called about four times a second while the rules are alive; may be empty.
+    std::function<void()> onAlive;
+    // Those besides root and system users whose local proxy may carry everybody's flows.
+    std::vector<uid_t> proxyUsers;
+  };
+
+  // On failure the error's sentence says what is missing and what to do, and nothing is left
+  // behind.
+  static platform::Result<std::unique_ptr<Interceptor>> start(
       const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
-      EventLoopGroup& loops, DescriptorBudget& descriptors, FlowHandler handler,
-      Heartbeat& heartbeat, std::function<void()> onAlive, const std::vector<uid_t>& proxyUsers);
+      const Environment& environment, FlowHandler handler);
 
   Interceptor(const Interceptor&) = delete;
   Interceptor& operator=(const Interceptor&) = delete;
@@ -102,7 +111,7 @@ class Interceptor {
   const std::shared_ptr<RedirectSupervisor> redirects_;
   unsigned nextLoop_ = 0;
   EventDescriptor stop_;
-  EventDescriptor newRegistrationsAreThere_;
+  EventDescriptor registrationsChanged_;
   std::mutex registrationsLock_;
   // What the verdict thread is to use from now on. Guarded by registrationsLock_.
   std::optional<ApplicationRegistrations> newRegistrations_;

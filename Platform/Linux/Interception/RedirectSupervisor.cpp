@@ -168,9 +168,8 @@ RedirectSupervisor::RedirectSupervisor(EventLoopGroup& loops,
     known(family).family = family;
     known(family).destinations = loopbackDestinations(settings, family);
   }
-  auto diagnostics = SocketDiagnostics::open();
-  if (auto* opened = std::get_if<std::unique_ptr<SocketDiagnostics>>(&diagnostics)) {
-    diagnostics_ = std::move(*opened);
+  if (auto opened = SocketDiagnostics::open()) {
+    diagnostics_ = *std::move(opened);
     // What a predecessor has left that was killed. The kernel may keep it for days, because it did
     // not see the connections end: the rules went first, and with them the tracking.
     ConntrackEntries().removeDeadRedirections([this](const SocketEndpoint& endpoint) {

@@ -99,7 +99,7 @@ Error explain(int error) {
 
 }  // namespace
 
-std::variant<std::unique_ptr<PacketQueue>, Error> PacketQueue::open(Send send) {
+platform::Result<std::unique_ptr<PacketQueue>> PacketQueue::open(Send send) {
   auto socket = openNetfilterSocket();
   if (!socket) {
     return explain(errno);

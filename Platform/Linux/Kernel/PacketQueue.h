@@ -10,10 +10,10 @@
 #include <mutex>
 #include <optional>
 #include <span>
-#include <variant>
 #include <vector>
 
 #include "Platform/Interface/Error.h"
+#include "Platform/Interface/Result.h"
 #include "Platform/Linux/Kernel/NetfilterBatch.h"
 
 namespace ostravel::linuxplatform {
@@ -43,7 +43,7 @@ class PacketQueue {
   static int sendNow(mnl_socket* socket, const nlmsghdr* message);
 
   // Takes the first free queue number from a fixed range.
-  static std::variant<std::unique_ptr<PacketQueue>, platform::Error> open(Send send = &sendNow);
+  static platform::Result<std::unique_ptr<PacketQueue>> open(Send send = &sendNow);
 
   std::uint16_t number() const { return number_; }
   int descriptor() const;

@@ -111,7 +111,7 @@ SocketDiagnostics::Socket SocketDiagnostics::openSocket() {
   return socket;
 }
 
-std::variant<std::unique_ptr<SocketDiagnostics>, Error> SocketDiagnostics::open() {
+platform::Result<std::unique_ptr<SocketDiagnostics>> SocketDiagnostics::open() {
   Socket diagnostics = openSocket();
   if (!diagnostics) {
     return failure("sockets cannot be looked up", errno);

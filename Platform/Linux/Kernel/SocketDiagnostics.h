@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <variant>
 
 #include "Platform/Interface/Error.h"
+#include "Platform/Interface/Result.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 
 struct mnl_socket;
@@ -43,7 +43,7 @@ class SocketDiagnostics {
   };
 
   // Fails when the kernel does not answer such questions.
-  static std::variant<std::unique_ptr<SocketDiagnostics>, platform::Error> open();
+  static platform::Result<std::unique_ptr<SocketDiagnostics>> open();
 
   // The socket that sends the flow's packets, whatever family it has itself, also one that is not
   // connected (UDP). One that is bound to an interface is only found when that is the interface

@@ -151,7 +151,7 @@ platform::Error failure(const char* action) {
 
 }  // namespace
 
-std::variant<Guardian, platform::Error> Guardian::start(const HeartbeatRecord& record) {
+platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record) {
   // Taken before the fork, it cannot name another process that has got the same number.
   const FileDescriptor extension(::pidfd_open(::getpid(), 0));
   if (!extension.isOpen()) {

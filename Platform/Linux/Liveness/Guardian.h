@@ -4,9 +4,9 @@
 
 #include <chrono>
 #include <string>
-#include <variant>
 
 #include "Platform/Interface/Error.h"
+#include "Platform/Interface/Result.h"
 #include "Platform/Linux/Liveness/HeartbeatRecord.h"
 
 namespace ostravel::linuxplatform {
@@ -34,7 +34,7 @@ class Guardian {
 
   // Forks. Called once, by the process that is to be guarded, before it has a second thread and
   // before it takes much memory, of which the guardian keeps a copy. The record outlives both.
-  static std::variant<Guardian, platform::Error> start(const HeartbeatRecord& record);
+  static platform::Result<Guardian> start(const HeartbeatRecord& record);
 
   // Whether the guardian has ended, which it never does by itself. True once. Cheap; to be asked
   // after SIGCHLD.

@@ -19,6 +19,10 @@
 
 namespace ostravel::linuxplatform {
 
+using platform::Error;
+using platform::OptionalError;
+using platform::Result;
+
 namespace {
 
 // ConnectTracer.bpf.c has the same.
@@ -43,8 +47,14 @@ std::uint64_t clockTicks(std::uint64_t nanoseconds) {
   return nanoseconds / (kNanosecondsPerSecond / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK)));
 }
 
-std::string because(const char* what) {
-  return std::string(what) + ": " + std::strerror(errno);
+Error failure(const char* what) {
+  const int error = errno;
+  return {std::string(platform::kPOSIXErrorDomain), error,
+          std::string(what) + ": " + std::strerror(error)};
+}
+
+Error unsupported(const char* what) {
+  return {std::string(platform::kPOSIXErrorDomain), ENOTSUP, what};
 }
 
 }  // namespace
@@ -57,22 +67,22 @@ void ConnectTracer::LinkRelease::operator()(bpf_link* link) const {
   ::bpf_link__destroy(link);
 }
 
-std::variant<std::unique_ptr<ConnectTracer>, std::string> ConnectTracer::start(Detail wanted) {
+Result<std::unique_ptr<ConnectTracer>> ConnectTracer::start(Detail wanted) {
   // What goes wrong is reported by the caller, in one line.
   ::libbpf_set_print(nullptr);
   if (wanted == Detail::programs) {
     auto tracer = startWith(Detail::programs);
-    if (std::holds_alternative<std::unique_ptr<ConnectTracer>>(tracer)) {
+    if (tracer) {
       return tracer;
     }
   }
   return startWith(Detail::processes);
 }
 
-std::variant<std::unique_ptr<ConnectTracer>, std::string> ConnectTracer::startWith(Detail detail) {
+Result<std::unique_ptr<ConnectTracer>> ConnectTracer::startWith(Detail detail) {
   const FileDescriptor cgroupRoot = openCgroupRoot();
   if (!cgroupRoot.isOpen()) {
-    return because("control groups of version 2 cannot be reached");
+    return failure("control groups of version 2 cannot be reached");
   }
   std::unique_ptr<bpf_object, ObjectRelease> object(
       detail == Detail::programs
@@ -80,17 +90,17 @@ std::variant<std::unique_ptr<ConnectTracer>, std::string> ConnectTracer::startWi
           : ::bpf_object__open_mem(kConnectTracerPlainProgram, sizeof kConnectTracerPlainProgram,
                                    nullptr));
   if (!object) {
-    return because("the program is not understood");
+    return failure("the program is not understood");
   }
   if (::bpf_object__load(object.get()) != 0) {
-    return because("the program cannot be loaded");
+    return failure("the program cannot be loaded");
   }
   std::unique_ptr<ConnectTracer> tracer(new ConnectTracer(std::move(object), detail));
-  if (auto reason = tracer->attach(cgroupRoot.get())) {
-    return std::move(*reason);
+  if (auto error = tracer->attach(cgroupRoot.get())) {
+    return *std::move(error);
   }
-  if (auto reason = tracer->examineOwnRecord()) {
-    return std::move(*reason);
+  if (auto error = tracer->examineOwnRecord()) {
+    return *std::move(error);
   }
   return tracer;
 }
@@ -102,19 +112,19 @@ ConnectTracer::ConnectTracer(std::unique_ptr<bpf_object, ObjectRelease> object, 
 
 ConnectTracer::~ConnectTracer() = default;
 
-std::optional<std::string> ConnectTracer::attach(int cgroupRoot) {
+OptionalError ConnectTracer::attach(int cgroupRoot) {
   bpf_program* program = nullptr;
   bpf_object__for_each_program(program, object_.get()) {
     std::unique_ptr<bpf_link, LinkRelease> link(::bpf_program__attach_cgroup(program, cgroupRoot));
     if (!link) {
-      return because("the program cannot be attached");
+      return failure("the program cannot be attached");
     }
     links_.push_back(std::move(link));
   }
   return std::nullopt;
 }
 
-std::optional<std::string> ConnectTracer::examineOwnRecord() const {
+OptionalError ConnectTracer::examineOwnRecord() const {
   const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   // Sends nothing, and is seen even where the address cannot be reached.
   constexpr std::uint16_t kDiscardPort = 9;
@@ -129,7 +139,7 @@ std::optional<std::string> ConnectTracer::examineOwnRecord() const {
   const auto record = isKnown ? recordOf(cookie) : std::nullopt;
   // The numbers that the kernel reports are those of the first process namespace.
   if (!record || record->process != ::getpid()) {
-    return "processes are not seen under the numbers that /proc shows";
+    return unsupported("processes are not seen under the numbers that /proc shows");
   }
   if (detail_ == Detail::processes) {
     return std::nullopt;
@@ -141,7 +151,7 @@ std::optional<std::string> ConnectTracer::examineOwnRecord() const {
                               .realUser = record->realUser};
   // Also so where the kernel does not tell the inode of an open file, before 5.14.
   if (!self || self->stamp != recorded || !self->isExecutableGenuine) {
-    return "programs are not seen as /proc shows them";
+    return unsupported("programs are not seen as /proc shows them");
   }
   return std::nullopt;
 }

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
-#include <variant>
 #include <vector>
 
+#include "Platform/Interface/Error.h"
+#include "Platform/Interface/Result.h"
 #include "Platform/Linux/Processes/FileIdentity.h"
 
 struct bpf_link;
@@ -47,11 +47,10 @@ class ConnectTracer {
     processes,
   };
 
-  // With the most detail that is possible and wanted. When nothing is possible, a clause that says
-  // why: no permission, no control groups of version 2, a kernel before 5.7, a process namespace of
-  // our own.
-  static std::variant<std::unique_ptr<ConnectTracer>, std::string> start(
-      Detail wanted = Detail::programs);
+  // With the most detail that is possible and wanted. When nothing is possible, the error's
+  // description is a clause that says why: no permission, no control groups of version 2, a kernel
+  // before 5.7, a process namespace of our own.
+  static platform::Result<std::unique_ptr<ConnectTracer>> start(Detail wanted = Detail::programs);
 
   ConnectTracer(const ConnectTracer&) = delete;
   ConnectTracer& operator=(const ConnectTracer&) = delete;
@@ -73,11 +72,10 @@ class ConnectTracer {
 
   ConnectTracer(std::unique_ptr<bpf_object, ObjectRelease> object, Detail detail);
 
-  static std::variant<std::unique_ptr<ConnectTracer>, std::string> startWith(Detail detail);
-  // Absent, or why not.
-  std::optional<std::string> attach(int cgroupRoot);
-  // Compares what is recorded about this process with what /proc shows. Absent, or what is wrong.
-  std::optional<std::string> examineOwnRecord() const;
+  static platform::Result<std::unique_ptr<ConnectTracer>> startWith(Detail detail);
+  platform::OptionalError attach(int cgroupRoot);
+  // Compares what is recorded about this process with what /proc shows.
+  platform::OptionalError examineOwnRecord() const;
 
   const std::unique_ptr<bpf_object, ObjectRelease> object_;
   const Detail detail_;

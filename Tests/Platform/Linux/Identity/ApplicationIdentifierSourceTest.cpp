@@ -47,7 +47,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < deadline) {
       const auto identification = source_->identify(flow, 0);
-      if (!identification.leaveToSystem) {
+      if (!identification.leaveReason) {
         return identification.identifier;
       }
     }
@@ -61,7 +61,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
     Identification identification;
     do {
       identification = source_->identify(flow, 0);
-      ASSERT_TRUE(identification.leaveToSystem);
+      ASSERT_TRUE(identification.leaveReason);
     } while (warnings_.empty() && std::chrono::steady_clock::now() < deadline);
     EXPECT_EQ(identification.leaveReason, LeaveReason::proxyNotTrusted);
     EXPECT_EQ(warnings_.size(), 1U);
@@ -228,7 +228,7 @@ TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSyst
   const std::string program = programs_.copyHelper("application");
   Helper application(program);
   const auto flow = connectFrom(application);
-  EXPECT_TRUE(source_->identify(flow, 0).leaveToSystem);
+  EXPECT_TRUE(source_->identify(flow, 0).leaveReason);
   EXPECT_EQ(identifierOf(flow), program);
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
 }
@@ -248,7 +248,7 @@ TEST_F(ApplicationIdentifierSourceTest, AFlowOfASocketThatIsBoundToAnInterfaceIs
     // As with a VRF, where the packet comes again on its way through another interface.
     for (const std::uint32_t interface : {kLoopback, 2U}) {
       const auto identification = source_->identify(flow, interface);
-      EXPECT_TRUE(identification.leaveToSystem);
+      EXPECT_TRUE(identification.leaveReason);
       EXPECT_EQ(identification.leaveReason, LeaveReason::notCarried);
     }
   }
@@ -261,7 +261,7 @@ TEST_F(ApplicationIdentifierSourceTest, TellsTheUserAndTheProcess) {
   const auto identification = source_->identify(connectFrom(helper), 0);
   EXPECT_EQ(identification.user, 65534U);
   EXPECT_EQ(identification.process, helper.pid());
-  EXPECT_EQ(identification.leaveReason, LeaveReason::none);
+  EXPECT_EQ(identification.leaveReason, std::nullopt);
 }
 
 TEST_F(ApplicationIdentifierSourceTest, AProxyThatIsWatchedIsReadyForTheFirstFlow) {
@@ -281,7 +281,7 @@ TEST_F(ApplicationIdentifierSourceTest, AProxyThatIsWatchedIsReadyForTheFirstFlo
     EXPECT_EQ(news, "the local proxy is " + program + " (process " + std::to_string(proxy.pid()) +
                         ", user root)");
     EXPECT_FALSE(source_->watchProxy());
-    EXPECT_FALSE(source_->identify(flow, 0).leaveToSystem);
+    EXPECT_FALSE(source_->identify(flow, 0).leaveReason);
   }
 }
 
@@ -353,7 +353,7 @@ TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWhoseDiallerIsU
   const auto flow = connectFrom(application);
   // Nobody listens.
   EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
-  EXPECT_FALSE(source_->identify(flow, 0).leaveToSystem);
+  EXPECT_FALSE(source_->identify(flow, 0).leaveReason);
 
   Helper proxy(programs_.copyHelper("proxy"));
   proxy.makeSocket("proxy", kProxyPort);
@@ -364,7 +364,7 @@ TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWhoseDiallerIsU
   EXPECT_FALSE(source_->identify(connectFrom(samePerson), 0).mayBelongToProxy);
   // It is certain that this is the proxy.
   EXPECT_FALSE(source_->identify(connectFrom(proxy), 0).mayBelongToProxy);
-  EXPECT_TRUE(source_->identify(flowOfNobody, 0).leaveToSystem);
+  EXPECT_TRUE(source_->identify(flowOfNobody, 0).leaveReason);
 }
 
 TEST_F(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
@@ -393,7 +393,7 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedMayHaveBeenTheProxy) 
   const auto flow = connectFrom(helper);
   helper.kill();
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
-  EXPECT_TRUE(source_->identify(flow, 0).leaveToSystem);
+  EXPECT_TRUE(source_->identify(flow, 0).leaveReason);
 }
 
 TEST_F(ApplicationIdentifierSourceTest, ASenderThatIsNotFoundMayBeTheProxyIfItIsOfTheSameUser) {
@@ -413,7 +413,7 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatIsNotFoundMayBeTheProxyIfItIs
     ASSERT_EQ(crowd.back()->ask("hold 15000"), "done");
     ASSERT_EQ(crowd.back()->ask(std::string("user ") + user), "done");
   }
-  EXPECT_TRUE(source_->identify(flowOfSameUser, 0).leaveToSystem);
+  EXPECT_TRUE(source_->identify(flowOfSameUser, 0).leaveReason);
   EXPECT_EQ(identifierOf(flowOfOtherUser), "");
 }
 

@@ -75,7 +75,7 @@ class BorrowedIdentityTest : public ::testing::Test {
 
   std::string identifierOf(const FlowTuple& flow) {
     const auto identification = source_->identify(flow, 0);
-    EXPECT_FALSE(identification.leaveToSystem) << nameOf(identification.leaveReason);
+    EXPECT_FALSE(identification.leaveReason) << nameOf(*identification.leaveReason);
     return identification.identifier;
   }
 
@@ -475,7 +475,7 @@ TEST_F(BorrowedIdentityTest, AFloodOfUnfindableSocketsIsLeftToTheSystem) {
   for (int i = 0; i < 20000; ++i) {
     const auto identification = source_->identify(hidden.flow(), 0);
     EXPECT_EQ(identification.identifier, "");
-    if (identification.leaveToSystem) {
+    if (identification.leaveReason) {
       EXPECT_EQ(identification.leaveReason, LeaveReason::searchBudget);
       ++refused;
     }

@@ -33,7 +33,7 @@ class ProxyProcessTest : public ::testing::Test {
  protected:
   ProxyProcessTest() {
     auto opened = SocketDiagnostics::open();
-    diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
+    diagnostics_ = *std::move(opened);
     proxy_.emplace(*diagnostics_, processes_, kPort,
                    [this](const std::string& warning) { warnings_.push_back(warning); });
   }

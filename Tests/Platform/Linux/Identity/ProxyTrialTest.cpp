@@ -33,7 +33,7 @@ class ProxyTrialTest : public ::testing::Test {
  protected:
   ProxyTrialTest() {
     auto opened = SocketDiagnostics::open();
-    diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
+    diagnostics_ = *std::move(opened);
   }
 
   std::uint64_t listener() {

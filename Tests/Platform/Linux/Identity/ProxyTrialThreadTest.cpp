@@ -25,7 +25,7 @@ class ProxyTrialThreadTest : public ::testing::Test {
  protected:
   ProxyTrialThreadTest() {
     auto opened = SocketDiagnostics::open();
-    diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
+    diagnostics_ = *std::move(opened);
     trial_.emplace(kPort);
   }
 

@@ -33,7 +33,7 @@ class ProxyTrustTest : public ::testing::Test {
  protected:
   void start(const std::vector<uid_t>& named = {}) {
     auto opened = SocketDiagnostics::open();
-    diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
+    diagnostics_ = *std::move(opened);
     proxy_.emplace(*diagnostics_, processes_, kPort, [](const std::string& /*warning*/) {});
     trust_.emplace(*proxy_, kPort, named,
                    [this](const std::string& warning) { warnings_.push_back(warning); });

@@ -53,7 +53,7 @@ AliveKeeper::Install installer() {
 }
 
 std::unique_ptr<InterceptionTable> installTable() {
-  return std::get<std::unique_ptr<InterceptionTable>>(installer()());
+  return *installer()();
 }
 
 // Breaks the netfilter sockets of this process, so that what they own is gone.
@@ -144,7 +144,7 @@ TEST_F(AliveKeeperTest, InstallsATableAgainThatIsGone) {
 TEST_F(AliveKeeperTest, KeepsTryingAndSaysEachFailureOnce) {
   std::atomic<int> attempts = 0;
   std::counting_semaphore<> attempted{0};
-  const auto install = [&]() -> std::variant<std::unique_ptr<InterceptionTable>, platform::Error> {
+  const auto install = [&]() -> platform::Result<std::unique_ptr<InterceptionTable>> {
     const int attempt = ++attempts;
     attempted.release();
     if (attempt < 5) {
@@ -173,7 +173,7 @@ TEST_F(AliveKeeperTest, KeepsTryingAndSaysEachFailureOnce) {
 }
 
 TEST_F(AliveKeeperTest, EndsWithoutATable) {
-  const auto install = []() -> std::variant<std::unique_ptr<InterceptionTable>, platform::Error> {
+  const auto install = []() -> platform::Result<std::unique_ptr<InterceptionTable>> {
     return platform::Error{"test", 1, "never"};
   };
   AliveKeeper keeper(installTable(), install, log_, onRefreshed());

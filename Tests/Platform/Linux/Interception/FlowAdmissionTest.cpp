@@ -12,7 +12,9 @@ using namespace std::chrono_literals;
 
 class FlowAdmissionTest : public testing::Test {
  protected:
-  LeaveReason admit() { return FlowAdmission::admit(*share_, descriptors_, now_); }
+  std::optional<LeaveReason> reason() {
+    return FlowAdmission::reasonAgainst(*share_, descriptors_, now_);
+  }
   void hold(std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
       share_->holdBegan();
@@ -32,22 +34,22 @@ class FlowAdmissionTest : public testing::Test {
 
 TEST_F(FlowAdmissionTest, NobodyHasMoreThanHalfOfThePendingHandshakes) {
   hold(23);
-  EXPECT_EQ(admit(), LeaveReason::none);
+  EXPECT_EQ(reason(), std::nullopt);
   hold(1);
-  EXPECT_EQ(admit(), LeaveReason::handshakeShare);
+  EXPECT_EQ(reason(), LeaveReason::handshakeShare);
   share_->holdEnded();
-  EXPECT_EQ(admit(), LeaveReason::none);
+  EXPECT_EQ(reason(), std::nullopt);
 }
 
 TEST_F(FlowAdmissionTest, AfterATimeOutFlowsAreTriedOneAtATime) {
   timeOut();
-  EXPECT_EQ(admit(), LeaveReason::none);
+  EXPECT_EQ(reason(), std::nullopt);
   hold(1);
-  EXPECT_EQ(admit(), LeaveReason::onTrial);
+  EXPECT_EQ(reason(), LeaveReason::onTrial);
   // The trial has failed as well.
   share_->holdEnded();
   timeOut();
-  EXPECT_EQ(admit(), LeaveReason::none);
+  EXPECT_EQ(reason(), std::nullopt);
 }
 
 TEST_F(FlowAdmissionTest, BetweenTrialsThereAreGrowingPauses) {
@@ -55,40 +57,40 @@ TEST_F(FlowAdmissionTest, BetweenTrialsThereAreGrowingPauses) {
     share_->handshakeTimedOut(now_);
     // Those that time out together count as one.
     share_->handshakeTimedOut(now_);
-    EXPECT_EQ(FlowAdmission::admit(*share_, descriptors_, now_ + pause - 1ms),
+    EXPECT_EQ(FlowAdmission::reasonAgainst(*share_, descriptors_, now_ + pause - 1ms),
               LeaveReason::onTrial);
     now_ += pause;
-    EXPECT_EQ(admit(), LeaveReason::none);
+    EXPECT_EQ(reason(), std::nullopt);
   }
   share_->handshakeSucceeded();
   share_->handshakeTimedOut(now_);
   now_ += UserShare::kShortestTrialPause;
-  EXPECT_EQ(admit(), LeaveReason::none);
+  EXPECT_EQ(reason(), std::nullopt);
 }
 
 TEST_F(FlowAdmissionTest, ASuccessEndsTheTrial) {
   timeOut();
   hold(1);
   share_->handshakeSucceeded();
-  EXPECT_EQ(admit(), LeaveReason::none);
+  EXPECT_EQ(reason(), std::nullopt);
 }
 
 TEST_F(FlowAdmissionTest, DescriptorsAreDividedAmongUsers) {
   // Two for this one; what the user has must not be more than what is left.
   auto lease = descriptors_.lease(498, share_);
-  EXPECT_EQ(admit(), LeaveReason::none);
+  EXPECT_EQ(reason(), std::nullopt);
   auto more = descriptors_.lease(2, share_);
-  EXPECT_EQ(admit(), LeaveReason::descriptorShare);
+  EXPECT_EQ(reason(), LeaveReason::descriptorShare);
   UserShare another;
-  EXPECT_EQ(FlowAdmission::admit(another, descriptors_, now_), LeaveReason::none);
+  EXPECT_EQ(FlowAdmission::reasonAgainst(another, descriptors_, now_), std::nullopt);
 }
 
 TEST_F(FlowAdmissionTest, HeldFlowsCountAsTheTunnelsThatTheyWillBe) {
   auto lease = descriptors_.lease(495, share_);
   hold(4);
-  EXPECT_EQ(admit(), LeaveReason::none);
+  EXPECT_EQ(reason(), std::nullopt);
   hold(1);
-  EXPECT_EQ(admit(), LeaveReason::descriptorShare);
+  EXPECT_EQ(reason(), LeaveReason::descriptorShare);
 }
 
 }  // namespace

@@ -26,8 +26,7 @@ class HeldFlowsTest : public ::testing::Test {
     return {AddressFamily::ipv4, {192, 0, 2, host}, 443};
   }
 
-  const std::shared_ptr<PacketQueue> queue_ =
-      std::get<std::unique_ptr<PacketQueue>>(PacketQueue::open());
+  const std::shared_ptr<PacketQueue> queue_ = *PacketQueue::open();
   const std::shared_ptr<UserShare> user_ = std::make_shared<UserShare>();
   const HeldFlows::TimePoint start_{};
   std::uint32_t lastId_ = 0;

@@ -40,23 +40,22 @@ constexpr auto kSoon = 300ms;
 
 class InterceptionTableTest : public ::testing::Test {
  protected:
-  InterceptionTableTest() : queue_(std::get<std::unique_ptr<PacketQueue>>(PacketQueue::open())) {}
+  InterceptionTableTest() : queue_(*PacketQueue::open()) {}
 
   std::unique_ptr<InterceptionTable> install(
       const TransparentProxyNetworkSettings& settings,
       const std::vector<InterceptionTable::ListenerPorts>& listeners = {}) {
     auto installed = InterceptionTable::install(settings, kMarks, queue_->number(), listeners);
-    if (const auto* error = std::get_if<Error>(&installed)) {
-      ADD_FAILURE() << platform::describe(*error);
+    if (!installed) {
+      ADD_FAILURE() << platform::describe(installed.error());
       return nullptr;
     }
-    return std::get<std::unique_ptr<InterceptionTable>>(std::move(installed));
+    return *std::move(installed);
   }
 
   std::string errorOf(const TransparentProxyNetworkSettings& settings) {
     const auto installed = InterceptionTable::install(settings, kMarks, queue_->number(), {});
-    const auto* error = std::get_if<Error>(&installed);
-    return error != nullptr ? error->localizedDescription : "(no error)";
+    return installed ? "(no error)" : installed.error().localizedDescription;
   }
 
   std::unique_ptr<PacketQueue> queue_;
@@ -249,8 +248,8 @@ TEST_F(InterceptionTableTest, AMarkOfOtherBitsIsOffered) {
 TEST_F(InterceptionTableTest, AnotherMaskCanBeUsed) {
   const auto marks = PacketMarks::fromMask(0x70);
   Listener loop("127.0.0.1");
-  const auto table = std::get<std::unique_ptr<InterceptionTable>>(
-      InterceptionTable::install(loopbackSettings(), *marks, queue_->number(), {{loop.port(), 0}}));
+  const auto table =
+      *InterceptionTable::install(loopbackSettings(), *marks, queue_->number(), {{loop.port(), 0}});
   const Connecting application("127.0.0.1", 8000, {.mark = kMarks.own()});
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
@@ -436,7 +435,7 @@ TEST_F(InterceptionTableTest, VanishesWithItsProcessHoweverItEnds) {
   if (child == 0) {
     // The queue of the parent is of no use here; any number will do.
     const auto installed = InterceptionTable::install(loopbackSettings(), kMarks, 1, {});
-    if (installed.index() == 0) {
+    if (installed) {
       ::raise(SIGKILL);
     }
     ::_exit(1);
@@ -477,9 +476,8 @@ TEST_F(InterceptionTableTest, WithoutThePermissionItSaysWhichIsMissing) {
   if (child == 0) {
     const bool dropped = ::setresuid(kNobody, kNobody, kNobody) == 0;
     const auto installed = InterceptionTable::install(loopbackSettings(), kMarks, 1, {});
-    const auto* error = std::get_if<Error>(&installed);
-    const bool isNamed =
-        error != nullptr && error->localizedDescription.find("CAP_NET_ADMIN") != std::string::npos;
+    const bool isNamed = !installed && installed.error().localizedDescription.find(
+                                           "CAP_NET_ADMIN") != std::string::npos;
     ::_exit(dropped && isNamed ? 0 : 1);
   }
   int status = -1;

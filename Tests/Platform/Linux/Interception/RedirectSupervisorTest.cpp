@@ -78,8 +78,7 @@ class RedirectSupervisorTest : public ::testing::Test {
       ports.push_back({listener.ipv4Port(), listener.ipv6Port()});
     }
     // Nobody listens at the queue.
-    table_ = std::get<std::unique_ptr<InterceptionTable>>(
-        InterceptionTable::install(loopbackSettings(), loops_.marks(), 0, ports));
+    table_ = *InterceptionTable::install(loopbackSettings(), loops_.marks(), 0, ports);
   }
   ~RedirectSupervisorTest() override {
     if (supervisor_) {

@@ -25,12 +25,11 @@ using testing::waitForPackets;
 constexpr auto kGenerous = 5s;
 
 std::unique_ptr<PacketQueue> openQueue() {
-  return std::get<std::unique_ptr<PacketQueue>>(PacketQueue::open());
+  return *PacketQueue::open();
 }
 
 std::unique_ptr<InterceptionTable> installTable(const PacketQueue& queue) {
-  return std::get<std::unique_ptr<InterceptionTable>>(
-      InterceptionTable::install(loopbackSettings(), PacketMarks(), queue.number(), {}));
+  return *InterceptionTable::install(loopbackSettings(), PacketMarks(), queue.number(), {});
 }
 
 TEST(PacketQueueTest, TakesANumberOfItsOwn) {
@@ -80,8 +79,7 @@ TEST(PacketQueueTest, APacketInATunnelIsOfItsSenderOrOfNobody) {
   platform::TransparentProxyNetworkSettings settings("127.0.0.1");
   settings.includedNetworkRules = {testing::udpRule("192.0.2.2", "443", 32)};
   const auto queue = openQueue();
-  const auto table = std::get<std::unique_ptr<InterceptionTable>>(
-      InterceptionTable::install(settings, PacketMarks(), queue->number(), {}));
+  const auto table = *InterceptionTable::install(settings, PacketMarks(), queue->number(), {});
   constexpr uid_t kSomebody = 4711;
   ASSERT_EQ(::seteuid(kSomebody), 0);
   const Connecting application("198.51.100.2", 80);
@@ -115,10 +113,10 @@ TEST(PacketQueueTest, LetsPacketsPassUnseenWhenItIsFull) {
 TEST(PacketQueueTest, AVerdictThatTheKernelDoesNotTakeIsRepeatedAtOnce) {
   for (const int failure : {ENOBUFS, ENOMEM, EAGAIN, EINTR}) {
     int failures = 2;
-    const auto queue = std::get<std::unique_ptr<PacketQueue>>(
-        PacketQueue::open([&failures, failure](mnl_socket* socket, const nlmsghdr* message) {
+    const auto queue =
+        *PacketQueue::open([&failures, failure](mnl_socket* socket, const nlmsghdr* message) {
           return failures-- > 0 ? failure : PacketQueue::sendNow(socket, message);
-        }));
+        });
     const auto table = installTable(*queue);
     Listener origin("127.0.0.1", 8000);
     const Connecting application("127.0.0.1", 8000);
@@ -131,10 +129,10 @@ TEST(PacketQueueTest, AVerdictThatTheKernelDoesNotTakeIsRepeatedAtOnce) {
 
 TEST(PacketQueueTest, AVerdictThatTheKernelGoesOnNotTakingIsGivenLater) {
   bool isOutOfMemory = true;
-  const auto queue = std::get<std::unique_ptr<PacketQueue>>(
-      PacketQueue::open([&isOutOfMemory](mnl_socket* socket, const nlmsghdr* message) {
+  const auto queue =
+      *PacketQueue::open([&isOutOfMemory](mnl_socket* socket, const nlmsghdr* message) {
         return isOutOfMemory ? ENOBUFS : PacketQueue::sendNow(socket, message);
-      }));
+      });
   const auto table = installTable(*queue);
   Listener origin("127.0.0.1", 8000);
   const Connecting first("127.0.0.1", 8000);
@@ -159,11 +157,11 @@ TEST(PacketQueueTest, AVerdictThatTheKernelGoesOnNotTakingIsGivenLater) {
 
 TEST(PacketQueueTest, AVerdictOnAPacketThatIsGoneIsNotRepeated) {
   int sent = 0;
-  const auto queue = std::get<std::unique_ptr<PacketQueue>>(
-      PacketQueue::open([&sent](mnl_socket* /*socket*/, const nlmsghdr* /*message*/) {
+  const auto queue =
+      *PacketQueue::open([&sent](mnl_socket* /*socket*/, const nlmsghdr* /*message*/) {
         ++sent;
         return ENOENT;
-      }));
+      });
   queue->accept(1);
   queue->retryUnsent();
   EXPECT_EQ(sent, 1);

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <string>
 #include <thread>
-#include <variant>
 #include <vector>
 
 #include "Platform/Linux/Kernel/CgroupRoot.h"
@@ -30,11 +29,11 @@ class SocketDiagnosticsTest : public ::testing::Test {
  protected:
   SocketDiagnosticsTest() {
     auto opened = SocketDiagnostics::open();
-    if (const auto* error = std::get_if<platform::Error>(&opened)) {
-      ADD_FAILURE() << error->localizedDescription;
+    if (!opened) {
+      ADD_FAILURE() << opened.error().localizedDescription;
       return;
     }
-    diagnostics_ = std::get<std::unique_ptr<SocketDiagnostics>>(std::move(opened));
+    diagnostics_ = *std::move(opened);
   }
 
   void expectFound(const FlowTuple& flow, const FileDescriptor& socket,
@@ -300,10 +299,9 @@ TEST_F(SocketDiagnosticsTest, LooksIntoTheNamespaceItWasMadeIn) {
     ASSERT_EQ(::unshare(CLONE_NEWNET), 0);
     expectFound(flow, socket);
     auto other = SocketDiagnostics::open();
-    ASSERT_TRUE(std::holds_alternative<std::unique_ptr<SocketDiagnostics>>(other));
-    expectNothing(std::get<std::unique_ptr<SocketDiagnostics>>(other)->find(flow, kAnyInterface));
-    expectNothing(std::get<std::unique_ptr<SocketDiagnostics>>(other)->findListener(
-        loopbackIPv4(portOf(listener_))));
+    ASSERT_TRUE(other);
+    expectNothing((*other)->find(flow, kAnyInterface));
+    expectNothing((*other)->findListener(loopbackIPv4(portOf(listener_))));
   }).join();
 }
 

@@ -39,8 +39,7 @@ class Guarded {
       ::dup2(writer.get(), STDERR_FILENO);
       writer = FileDescriptor();
       HeartbeatRecord record;
-      auto started = Guardian::start(record);
-      if (auto* guardian = std::get_if<Guardian>(&started)) {
+      if (auto guardian = Guardian::start(record)) {
         work(record, *guardian);
         ::_exit(EXIT_SUCCESS);
       }

@@ -59,10 +59,10 @@ RelayTest::RelayTest() : destinationPort_(nextDestinationPort()) {
   // Nobody listens at the queue.
   auto installed = InterceptionTable::install(settings, loops_.marks(), 0,
                                               {{listener.ipv4Port(), listener.ipv6Port()}});
-  if (const auto* error = std::get_if<platform::Error>(&installed)) {
-    throw std::runtime_error(error->localizedDescription);
+  if (!installed) {
+    throw std::runtime_error(installed.error().localizedDescription);
   }
-  table_ = std::get<std::unique_ptr<InterceptionTable>>(std::move(installed));
+  table_ = *std::move(installed);
 }
 
 bool RelayTest::eventually(const std::function<bool()>& condition) {
