@@ -4,7 +4,8 @@
 A room is a folder with sources, without the folders in it. Prints each include that crosses the
 graph the wrong way and each source that is in no room, and fails if there is one. Also holds what
 makes the core deterministic: it asks its platform for the time, for randomness and for threads, so
-the headers that offer them are out of its reach.
+the headers that offer them are out of its reach. And a source includes its own header first, which
+shows that the header compiles alone.
 
 Usage: check_includes.py ROOT
 """
@@ -151,6 +152,19 @@ def judge_angled(room: str, header: str) -> str | None:
     return None
 
 
+def check_own_header(root: pathlib.Path, path: pathlib.Path) -> list[Finding]:
+    header = path.with_suffix(".h")
+    if path.suffix == ".h" or not (root / header).is_file():
+        return []
+    for number, line in enumerate((root / path).read_text(encoding="utf-8").splitlines(), start=1):
+        include = INCLUDE.match(line)
+        if include:
+            if include.group(1) == header.as_posix():
+                return []
+            return [Finding(path, number, f"the first include has to be {header}")]
+    return [Finding(path, 1, f"{header} is not included")]
+
+
 def check_file(root: pathlib.Path, path: pathlib.Path) -> list[Finding]:
     room = room_of(path.as_posix())
     if room is None:
@@ -173,7 +187,8 @@ def check_file(root: pathlib.Path, path: pathlib.Path) -> list[Finding]:
 
 
 def check(root: pathlib.Path) -> list[Finding]:
-    return [finding for path in repository.sources(root) for finding in check_file(root, path)]
+    return [finding for path in repository.sources(root)
+            for finding in check_own_header(root, path) + check_file(root, path)]
 
 
 def main() -> int:
