@@ -76,6 +76,34 @@ class TidyCheck(unittest.TestCase):
         self.assertEqual(result.returncode, 1)
         self.assertIn("modernize-use-override", result.stdout)
 
+    def test_only_the_source_with_a_finding_is_reported(self):
+        for name in ("First", "Second", "Third", "Fourth"):
+            self.add(f"{name}.cpp", f"const char* {name.lower()} = nullptr;\n")
+        self.add("Fifth.cpp", "const char* fifth = 0;\n")
+        result = self.run_check("Companion")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("modernize-use-nullptr", result.stdout)
+        self.assertIn("5 sources, 1 with findings", result.stdout)
+
+    def test_sources_may_have_helpers_of_one_name(self):
+        for name in ("First", "Second"):
+            self.add(f"{name}.cpp", "namespace {\nint answer() {\n  return 42;\n}\n}\n"
+                                    f"int {name.lower()}() {{\n  return answer();\n}}\n")
+        result = self.run_check("Companion")
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.assertIn("2 sources, 0 with findings", result.stdout)
+
+    def test_a_use_elsewhere_does_not_hide_an_unused_using_declaration(self):
+        self.add("Values.h", "#pragma once\nnamespace values {\nstruct Value {};\n}\n")
+        include = '#include "Companion/Values.h"\n'
+        self.add("ANotUsing.cpp", include + "using values::Value;\n")
+        self.add("BUsing.cpp", include + "using values::Value;\nValue first() {\n  return {};\n}\n")
+        self.add("CNaming.cpp", include + "values::Value second() {\n  return {};\n}\n")
+        result = self.run_check("Companion")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("misc-unused-using-decls", result.stdout)
+        self.assertIn("3 sources, 1 with findings", result.stdout)
+
     def test_a_source_that_cannot_be_read_fails(self):
         self.add("Broken.cpp", '#include "Companion/Missing.h"\n')
         self.assertEqual(self.run_check("Companion").returncode, 1)
