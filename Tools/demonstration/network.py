@@ -72,6 +72,9 @@ class Network:
     def __init__(self):
         unshare()
         self.namespaces = {namespace_of("self")}
+        # The other one, kept open: the kernel gives the number of a namespace that is gone to the
+        # next new one, and the processes in that are not ours to end.
+        self._there = None
         self.folder = tempfile.mkdtemp(prefix="ostravel-run-", dir="/tmp")
         try:
             self._mount()
@@ -156,7 +159,8 @@ class Network:
         self._enable_ipv6()
         run("ip", "link", "set", "lo", "up")
         self.origin.expect(self.origin.output, "waiting")
-        self.namespaces.add(namespace_of(self.origin.pid))
+        self._there = os.open(f"/proc/{self.origin.pid}/ns/net", os.O_RDONLY | os.O_CLOEXEC)
+        self.namespaces.add(os.readlink(f"/proc/self/fd/{self._there}"))
         run("ip", "link", "add", "here", "type", "veth", "peer", "name", "there",
             "netns", str(self.origin.pid))  # fmt: skip
         self._set_up("here", HERE4, HERE6)
@@ -188,6 +192,8 @@ class Network:
     def close(self):
         os.chdir("/")
         self._end_processes()
+        if self._there is not None:
+            os.close(self._there)
         for mount in ("/etc", self.path("etc"), self.folder):
             subprocess.run(["umount", "--lazy", mount], stderr=subprocess.DEVNULL, check=False)
         os.rmdir(self.folder)
