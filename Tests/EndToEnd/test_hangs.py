@@ -169,6 +169,7 @@ def test_a_stopped_monitor_is_no_hang(laboratory):
     check_is_in_use(laboratory, extension, 4)
 
 
+@pytest.mark.xdist_group("processors")
 def test_a_busy_machine_is_no_hang(laboratory):
     _, extension = laboratory.start_system()
     busy = [

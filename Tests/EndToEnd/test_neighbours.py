@@ -15,6 +15,9 @@ NEARLY_ALL = 0.9
 SOON_SECONDS = 0.5
 ATTACK_SECONDS = 4
 
+# What is measured here is not measured next to another attack, or to what takes every processor.
+pytestmark = pytest.mark.xdist_group("processors")
+
 
 @pytest.fixture
 def neighbourhood(laboratory):

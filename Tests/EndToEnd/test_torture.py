@@ -93,6 +93,7 @@ def test_a_connection_whose_proxy_dies_before_it_answers_goes_direct(neighbourho
     assert connections.slowest < DEADLINE_SECONDS, str(connections)
 
 
+@pytest.mark.xdist_group("processors")
 @pytest.mark.parametrize("name", torture.FOREIGN_RULES)
 def test_no_connection_fails_while_rules_of_others_come_and_go(neighbourhood, name):
     foreign = torture.FOREIGN_RULES[name]

@@ -62,6 +62,7 @@ def start_curl(laboratory, *arguments, **streams):
         )
 
 
+@pytest.mark.xdist_group("processors")
 @IPV4_AND_IPV6
 def test_downloading_1_gib_is_exact(laboratory, host):
     laboratory.start_pattern_origin()
@@ -77,6 +78,7 @@ def test_downloading_1_gib_is_exact(laboratory, host):
     check_proxied(laboratory, remote(host, 8000), CURL)
 
 
+@pytest.mark.xdist_group("processors")
 @IPV4_AND_IPV6
 def test_uploading_1_gib_is_exact(laboratory, host):
     laboratory.start_pattern_origin()
@@ -131,6 +133,7 @@ class Transfer:
         return checker.verdict()
 
 
+@pytest.mark.xdist_group("processors")
 @IPV4_AND_IPV6
 def test_300_transfers_at_the_same_time_are_exact(laboratory, host):
     count = 300
