@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,11 +14,27 @@ inline constexpr std::string_view kPOSIXErrorDomain = "NSPOSIXErrorDomain";
 // A failure as a value: who defines the code, the code, and a sentence for people.
 // Errors cross the seam only like this; no exception does.
 struct Error {
+  // The platform's own error object. Opaque to the core, which only hands it on.
+  class PlatformObject {
+   public:
+    PlatformObject() = default;
+    PlatformObject(const PlatformObject&) = delete;
+    PlatformObject& operator=(const PlatformObject&) = delete;
+    virtual ~PlatformObject() = default;
+  };
+
   std::string domain;
   std::int64_t code = 0;
   std::string localizedDescription;
+  // What the platform made this value from, so that it gets the same object back, with details
+  // that the value has no field for. Null for errors that are made as values.
+  std::shared_ptr<const PlatformObject> platformObject = nullptr;
 
-  friend bool operator==(const Error&, const Error&) = default;
+  // The object adds nothing to what an error means.
+  friend bool operator==(const Error& left, const Error& right) {
+    return left.domain == right.domain && left.code == right.code &&
+           left.localizedDescription == right.localizedDescription;
+  }
 };
 
 using OptionalError = std::optional<Error>;

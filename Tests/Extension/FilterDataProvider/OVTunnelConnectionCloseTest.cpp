@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -106,6 +107,27 @@ TEST_F(TunnelClose, GivesTheErrorToBothSidesOfTheFlow) {
 
   EXPECT_EQ(flow_->readCloseError(), someError());
   EXPECT_EQ(flow_->writeCloseError(), someError());
+}
+
+TEST_F(TunnelClose, GivesThePlatformsOwnErrorObjectToBothSides) {
+  make();
+  start();
+  platform::Error error = someError();
+  error.platformObject = std::make_shared<platform::Error::PlatformObject>();
+
+  tunnel_->close(error);
+
+  EXPECT_EQ(flow_->readCloseError()->platformObject, error.platformObject);
+  EXPECT_EQ(flow_->writeCloseError()->platformObject, error.platformObject);
+}
+
+TEST_F(TunnelClose, MakesItsTimeoutErrorAsAValue) {
+  make();
+  start();
+
+  simulation_.advance(5s);
+
+  EXPECT_EQ(flow_->readCloseError()->platformObject, nullptr);
 }
 
 TEST_F(TunnelClose, IsReportedWithTheTimeOfDay) {

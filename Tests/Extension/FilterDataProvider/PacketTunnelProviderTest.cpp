@@ -269,6 +269,19 @@ TEST_F(ProviderStart, HandsARejectionOfItsRulesOnUnchanged) {
             "OstravelProxy: Failed to set rules: Rules are not allowed");
 }
 
+TEST_F(ProviderStart, HandsThePlatformsOwnErrorObjectOn) {
+  Error rejection{"NEDomain", 9, "Rules are not allowed"};
+  rejection.platformObject = std::make_shared<Error::PlatformObject>();
+  simulation_.answerNetworkSettings(rejection);
+  Completions completions;
+
+  provider_->startProxy(std::nullopt, completions.next());
+  simulation_.run();
+
+  ASSERT_TRUE(completions.errors.at(0));
+  EXPECT_EQ(completions.errors[0]->platformObject, rejection.platformObject);
+}
+
 TEST_F(ProviderStart, IsReportedAndProbesAlsoWhenItsRulesAreRejected) {
   simulation_.answerNetworkSettings(Error{"NEDomain", 9, "No"});
   startProvider();

@@ -59,6 +59,25 @@ TEST_F(ConversionsTest, AnErrorKeepsItsDomainCodeAndDescription) {
   EXPECT_EQ(errorFrom(makeNSError(expected)), expected);
 }
 
+TEST_F(ConversionsTest, AnErrorOfTheSystemComesBackAsTheSameObject) {
+  NSError* const underlying = [NSError errorWithDomain:NSPOSIXErrorDomain code:61 userInfo:nil];
+  NSError* const error = [[NSError alloc]
+      initWithDomain:NETunnelProviderErrorDomain
+                code:1
+            userInfo:[NSDictionary dictionaryWithObject:underlying forKey:NSUnderlyingErrorKey]];
+  const auto value = errorFrom(error);
+  [error release];
+  EXPECT_EQ(makeNSError(value), error);
+  EXPECT_EQ([[makeNSError(value) userInfo] objectForKey:NSUnderlyingErrorKey], underlying);
+}
+
+TEST_F(ConversionsTest, AnErrorObjectGivenBackOutlivesItsValue) {
+  auto value = errorFrom([NSError errorWithDomain:@"Domain" code:7 userInfo:nil]);
+  NSError* const given = makeNSError(value);
+  value.reset();
+  EXPECT_EQ([given code], 7);
+}
+
 TEST_F(ConversionsTest, NoErrorIsNoError) {
   EXPECT_FALSE(errorFrom(nil));
   EXPECT_EQ(makeNSError(std::nullopt), nil);

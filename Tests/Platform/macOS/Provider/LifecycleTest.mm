@@ -103,7 +103,7 @@ TEST_F(LifecycleTest, RefusedRulesFailTheStartWithTheSystemsError) {
   standin::failSettings(provider_.get(), error);
   const auto answer = provider_.start();
   ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
-  EXPECT_EQ(errorFrom(answer->error().get()), errorFrom(error));
+  EXPECT_EQ(answer->error().get(), error);
   EXPECT_TRUE(wasLogged("OstravelProxy: Failed to set rules: no rules"));
 }
 
