@@ -65,8 +65,9 @@ void OVTunnelConnection::start() {
   handshakeWatchdog().start();
   connection_->addObserver(weak_from_this(), kStateKeyPath);
   isObserving_ = true;
-  // The watchdog may have closed the tunnel before it was seen to observe.
-  if (isClosed_) {
+  // On another thread the watchdog may have closed the tunnel, or a notification may have closed it
+  // or begun the handshake, before there was an observer on record that it could remove.
+  if (isClosed_ || didStartHandshake_) {
     stopObserving();
     return;
   }
@@ -110,10 +111,12 @@ void OVTunnelConnection::observeValue(std::optional<std::string_view> keyPath,
 // Handshake
 
 void OVTunnelConnection::startHandshake() {
-  if (didStartHandshake_.exchange(true)) {
+  const bool isFirst = !didStartHandshake_.exchange(true);
+  // Also for the second caller, who may be the one that put the observer on record.
+  stopObserving();
+  if (!isFirst) {
     return;
   }
-  stopObserving();
   handshakeStartedAt_ = platform_.clock().secondsSince1970();
   const std::string target = connectionTarget();
   const std::string request = connectRequest(target);

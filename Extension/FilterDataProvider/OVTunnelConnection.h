@@ -46,7 +46,7 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   const std::string& flowId() const { return flowId_; }
 
   // Called once. Arms the watchdog, observes the connection, and begins the handshake as soon as
-  // the connection stands. The timeout covers both.
+  // the connection is established. The timeout covers both.
   void start();
 
   // Tears the tunnel down; only the first call has an effect. Without an error it is an orderly

@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Extension/FilterDataProvider/OVTunnelConnection.h"
@@ -64,6 +66,46 @@ TEST_F(TunnelStart, BeginsTheHandshakeInsideStartOnAConnectionThatStands) {
 
   EXPECT_EQ(connection->calls(), (Lines{"addObserver state", "removeObserver state",
                                         "write " + std::to_string(kRequest.size())}));
+}
+
+// A connection whose state changes, on another thread, while start() is adding the observer.
+class TunnelStartRace : public TunnelTest {
+ protected:
+  void startWithNotificationOf(TCPConnectionState state) {
+    scripted_->duringAddObserver = [this, state](platform::KeyValueObserver& observer) {
+      scripted_->currentState = state;
+      std::thread([this, &observer] { observer.observeValue("state", scripted_.get()); }).join();
+      scripted_->currentState = stateAfterwards_.value_or(state);
+    };
+    make({.connection = scripted_});
+    tunnel_->start();
+  }
+
+  const std::shared_ptr<ScriptedConnection> scripted_ = std::make_shared<ScriptedConnection>();
+  std::optional<TCPConnectionState> stateAfterwards_;
+};
+
+TEST_F(TunnelStartRace, AChangeToConnectedLeavesNoObserver) {
+  startWithNotificationOf(TCPConnectionState::connected);
+
+  EXPECT_EQ(scripted_->callsOf("removeObserver state"), 1);
+  EXPECT_EQ(scripted_->callsOf("write " + std::to_string(kRequest.size())), 1);
+}
+
+TEST_F(TunnelStartRace, AChangeToConnectedAndBackLeavesNoObserver) {
+  stateAfterwards_ = TCPConnectionState::disconnected;
+
+  startWithNotificationOf(TCPConnectionState::connected);
+
+  EXPECT_EQ(scripted_->callsOf("removeObserver state"), 1);
+  EXPECT_EQ(scripted_->callsOf("write " + std::to_string(kRequest.size())), 1);
+}
+
+TEST_F(TunnelStartRace, ADisconnectionLeavesNoObserver) {
+  startWithNotificationOf(TCPConnectionState::disconnected);
+
+  EXPECT_EQ(scripted_->callsOf("removeObserver state"), 1);
+  EXPECT_EQ(events("tunnel_closed").size(), 1U);
 }
 
 TEST_F(TunnelStart, BeginsTheHandshakeWhenTheConnectionStands) {

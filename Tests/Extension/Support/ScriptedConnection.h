@@ -1,33 +1,23 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
-#include <optional>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "Platform/Interface/TCPConnection.h"
+#include "Tests/Extension/Support/ScriptedTransfers.h"
 
 namespace ostravel::test {
 
-// A connection whose every completion is run by the test, at any moment and with anything, also
-// what no sound platform would deliver: late, after a cancel, data together with an error.
-class ScriptedConnection final : public platform::TCPConnection {
+// A connection whose completions and state are the test's. Its calls are "addObserver state",
+// "removeObserver state", "read 1 4096", "write 12" and "cancel".
+class ScriptedConnection final : public platform::TCPConnection, public ScriptedTransfers {
  public:
   platform::TCPConnectionState currentState = platform::TCPConnectionState::connecting;
   platform::OptionalError currentError;
-
-  // Runs the completion of the outstanding operation.
-  void completeRead(std::optional<std::string_view> bytes,
-                    platform::OptionalError error = std::nullopt);
-  void completeWrite(platform::OptionalError error = std::nullopt);
-
-  bool readOutstanding() const { return read_ != nullptr; }
-  bool writeOutstanding() const { return write_ != nullptr; }
-  // "addObserver state", "removeObserver state", "read 1 4096", "write 12", "cancel".
-  const std::vector<std::string>& calls() const { return calls_; }
-  const std::string& lastWritten() const { return lastWritten_; }
+  // Runs inside addObserver, once the observer is added.
+  std::function<void(platform::KeyValueObserver&)> duringAddObserver;
 
   platform::TCPConnectionState state() const override { return currentState; }
   platform::OptionalError error() const override { return currentError; }
@@ -36,13 +26,7 @@ class ScriptedConnection final : public platform::TCPConnection {
   void removeObserver(platform::KeyValueObserver& observer, std::string_view keyPath) override;
   void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion) override;
   void write(platform::Data data, platform::ErrorCompletion completion) override;
-  void cancel() override;
-
- private:
-  platform::ReadCompletion read_;
-  platform::ErrorCompletion write_;
-  std::vector<std::string> calls_;
-  std::string lastWritten_;
+  void cancel() override { note("cancel"); }
 };
 
 }  // namespace ostravel::test

@@ -55,9 +55,9 @@ void TunnelTest::make(const Setup& setup) {
     onClose = [this](const std::string& id) { simulation_.journal().add("closed " + id); };
   }
   tunnel_ = std::make_shared<OVTunnelConnection>(
-      simulation_, flow_, setup.connection ? setup.connection : connection_, setup.flowId,
-      setup.appId, setup.handshakeTimeout, makeMonitoringClient(), onEstablished,
-      onProxyUnavailable, onClose);
+      simulation_, setup.flow ? setup.flow : flow_,
+      setup.connection ? setup.connection : connection_, setup.flowId, setup.appId,
+      setup.handshakeTimeout, makeMonitoringClient(), onEstablished, onProxyUnavailable, onClose);
   clearJournal();
 }
 

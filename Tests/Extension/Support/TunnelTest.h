@@ -28,7 +28,8 @@ class TunnelTest : public testing::Test {
     std::optional<platform::HostEndpoint> remoteEndpoint =
         platform::HostEndpoint{"192.0.2.10", "443"};
     double handshakeTimeout = 5.0;
-    // Instead of the simulated one.
+    // Instead of the simulated ones.
+    std::shared_ptr<platform::AppProxyTCPFlow> flow = nullptr;
     std::shared_ptr<platform::TCPConnection> connection = nullptr;
     // Set to false for a tunnel without callbacks.
     bool withCallbacks = true;

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Platform/Interface/AppProxyTCPFlow.h"
+#include "Tests/Extension/Support/ScriptedTransfers.h"
+
+namespace ostravel::test {
+
+// An open flow whose completions are the test's. Its calls are "read", "write 12", "closeRead" and
+// "closeWrite".
+class ScriptedFlow final : public platform::AppProxyTCPFlow, public ScriptedTransfers {
+ public:
+  std::string sourceAppSigningIdentifier() const override { return "com.example.app"; }
+  std::optional<platform::HostEndpoint> remoteEndpoint() const override {
+    return platform::HostEndpoint{"192.0.2.10", "443"};
+  }
+  void open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
+            platform::ErrorCompletion completion) override {
+    completion(std::nullopt);
+  }
+  void read(platform::ReadCompletion completion) override {
+    startRead("read", std::move(completion));
+  }
+  void write(platform::Data data, platform::ErrorCompletion completion) override {
+    startWrite(data, std::move(completion));
+  }
+  void closeRead(platform::OptionalError /*error*/) override { note("closeRead"); }
+  void closeWrite(platform::OptionalError /*error*/) override { note("closeWrite"); }
+};
+
+}  // namespace ostravel::test

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Interface/Completion.h"
+
+namespace ostravel::test {
+
+// Reads and writes whose every completion is run by the test, at any moment and with anything, also
+// what no sound platform would deliver: late, after a close, data together with an error.
+class ScriptedTransfers {
+ public:
+  // Runs the completion of the outstanding operation.
+  void completeRead(std::optional<std::string_view> bytes,
+                    platform::OptionalError error = std::nullopt);
+  void completeWrite(platform::OptionalError error = std::nullopt);
+
+  bool readOutstanding() const { return read_ != nullptr; }
+  bool writeOutstanding() const { return write_ != nullptr; }
+  // What was asked for, in order, and how often this was.
+  const std::vector<std::string>& calls() const { return calls_; }
+  long callsOf(std::string_view call) const;
+  const std::string& lastWritten() const { return lastWritten_; }
+
+ protected:
+  void note(std::string call) { calls_.push_back(std::move(call)); }
+  void startRead(std::string call, platform::ReadCompletion completion);
+  void startWrite(const platform::Data& data, platform::ErrorCompletion completion);
+
+ private:
+  platform::ReadCompletion read_;
+  platform::ErrorCompletion write_;
+  std::vector<std::string> calls_;
+  std::string lastWritten_;
+};
+
+}  // namespace ostravel::test
