@@ -169,7 +169,7 @@ void SimulatedPeer::detach() {
   note("destroyed");
   onReset_ = nullptr;
   onEnd_ = nullptr;
-  dropCompletions();
+  cancelOutstanding();
 }
 
 void SimulatedPeer::detachUnclosed() {
@@ -177,6 +177,21 @@ void SimulatedPeer::detachUnclosed() {
     (carried_ ? sawReset_ : leftToSystem_) = true;
   }
   detach();
+}
+
+void SimulatedPeer::cancelOutstanding() {
+  if (auto read = std::exchange(read_, std::nullopt)) {
+    run_.queue.post([self = shared_from_this(), completion = std::move(read->completion)] {
+      self->note(withReason("read failed", operationCancelled()));
+      completion(std::nullopt, operationCancelled());
+    });
+  }
+  if (auto write = std::exchange(write_, std::nullopt)) {
+    run_.queue.post([self = shared_from_this(), completion = std::move(write->completion)] {
+      self->note(withReason("write failed", operationCancelled()));
+      completion(operationCancelled());
+    });
+  }
 }
 
 void SimulatedPeer::dropCompletions() {

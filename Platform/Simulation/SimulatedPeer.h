@@ -115,10 +115,12 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   void abandon(const platform::Error& error);
   // A reset, because a stream that was cut off must not look complete.
   void cutOff() { sawReset_ = true; }
-  // The near end is gone: its completions are dropped.
+  // The near end is gone: what is outstanding is cancelled.
   void detach();
   // A flow went away: what the application makes of it if it was not closed.
   void detachUnclosed();
+  void cancelOutstanding();
+  // At the end of the run.
   void dropCompletions();
 
   bool readCanComplete() const;

@@ -17,6 +17,12 @@ SimulatedTCPFlow::SimulatedTCPFlow(RunState& run, std::string name, std::string 
       remoteEndpoint_(std::move(remoteEndpoint)) {}
 
 SimulatedTCPFlow::~SimulatedTCPFlow() {
+  if (openCompletion_) {
+    run_.queue.post([&run = run_, name = name(), completion = std::move(openCompletion_)] {
+      run.journal.add(name, "open failed: " + operationCancelled().localizedDescription);
+      completion(operationCancelled());
+    });
+  }
   application_->detachUnclosed();
 }
 

@@ -373,24 +373,38 @@ TEST_P(AppProxyTCPFlowContractTest, NothingIsTransferredAfterClosing) {
   }
 }
 
-TEST_P(AppProxyTCPFlowContractTest, NoCompletionRunsAfterItsDestruction) {
+TEST_P(AppProxyTCPFlowContractTest, DestructionCompletesWhatIsOutstandingOnce) {
   exchange();
-  Outcome read;
-  Outcome written;
+  Outcome reading;
+  Outcome writing;
   application_->stopReceiving();
-  flow_->read(read.readCompletion());
-  flow_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), written.completion());
-  flow_.reset();
-  const auto reads = read.count();
-  const auto writes = written.count();
-  application_->send("nobody hears this");
+  flow_->read(reading.readCompletion());
+  flow_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
+  CallInProgress::run([&] { flow_.reset(); });
   application_->goOnReceiving();
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
   ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
   environment_->settle();
-  EXPECT_EQ(read.count(), reads);
-  EXPECT_EQ(written.count(), writes);
+  EXPECT_TRUE(reading.error());
+  EXPECT_TRUE(writing.error());
+  EXPECT_EQ(reading.count(), 1);
+  EXPECT_EQ(writing.count(), 1);
+  EXPECT_FALSE(reading.ranInsideCall());
+  EXPECT_FALSE(writing.ranInsideCall());
   // Not closed, and something was carried.
   EXPECT_TRUE(application_->sawReset());
+}
+
+TEST_P(AppProxyTCPFlowContractTest, DestructionDuringOpenCompletesItOnce) {
+  Outcome opening;
+  CallInProgress::run([&] {
+    flow_->open(std::nullopt, opening.completion());
+    flow_.reset();
+  });
+  ASSERT_TRUE(waitUntil([&] { return opening.isDone(); }));
+  environment_->settle();
+  EXPECT_EQ(opening.count(), 1);
+  EXPECT_FALSE(opening.ranInsideCall());
 }
 
 TEST_P(AppProxyTCPFlowContractTest, DestroyedUnopenedItIsLeftToTheSystem) {

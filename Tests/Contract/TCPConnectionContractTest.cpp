@@ -389,22 +389,36 @@ TEST_P(TCPConnectionContractTest, AnObserverIsHeldWeakly) {
   EXPECT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::cancelled); }));
 }
 
-TEST_P(TCPConnectionContractTest, NoCompletionRunsAfterItsDestruction) {
+TEST_P(TCPConnectionContractTest, DestructionCompletesWhatIsOutstandingOnce) {
   establish();
   peer_->stopReceiving();
   Outcome reading;
   Outcome writing;
   connection_->read(1, 100, reading.readCompletion());
   connection_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
-  connection_.reset();
-  const auto reads = reading.count();
-  const auto writes = writing.count();
-  peer_->send("nobody hears this");
+  CallInProgress::run([&] { connection_.reset(); });
   peer_->goOnReceiving();
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
   ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
   environment_->settle();
-  EXPECT_EQ(reading.count(), reads);
-  EXPECT_EQ(writing.count(), writes);
+  EXPECT_TRUE(reading.error());
+  EXPECT_TRUE(writing.error());
+  EXPECT_EQ(reading.count(), 1);
+  EXPECT_EQ(writing.count(), 1);
+  EXPECT_FALSE(reading.ranInsideCall());
+  EXPECT_FALSE(writing.ranInsideCall());
+}
+
+TEST_P(TCPConnectionContractTest, DestructionWhileConnectingCompletesWithErrors) {
+  connection_ = connect(environment_->silentEndpoint());
+  Outcome reading;
+  Outcome writing;
+  connection_->read(1, 100, reading.readCompletion());
+  connection_->write(platform::Data::copyOf("x"), writing.completion());
+  connection_.reset();
+  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
+  EXPECT_TRUE(reading.error());
+  EXPECT_TRUE(writing.error());
 }
 
 TEST_P(TCPConnectionContractTest, NoObserverIsToldAfterItsDestruction) {

@@ -37,11 +37,13 @@ void LinuxTCPFlow::runOnLoop(Work work) {
 void LinuxTCPFlow::open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
                         platform::ErrorCompletion completion) {
   stream_.loop().post([weakSelf = weak_from_this(), completion = std::move(completion)]() mutable {
-    if (const auto self = weakSelf.lock()) {
-      const bool isClosed = self->stage_ == Stage::ended;
-      const EventLoop::Service service(self->stream_.loop(), self->stream_.user());
-      completion(isClosed ? OptionalError(socketError(ECANCELED)) : std::nullopt);
+    const auto self = weakSelf.lock();
+    if (!self || self->stage_ == Stage::ended) {
+      completion(socketError(ECANCELED));
+      return;
     }
+    const EventLoop::Service service(self->stream_.loop(), self->stream_.user());
+    completion(std::nullopt);
   });
 }
 

@@ -39,7 +39,7 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   std::string sourceAppSigningIdentifier() const override { return identifier_; }
   std::optional<platform::HostEndpoint> remoteEndpoint() const override { return remote_; }
 
-  // Succeeds without touching the packet; ECANCELED when the flow is closed before.
+  // Succeeds without touching the packet; ECANCELED when the flow is closed or destroyed before.
   void open(std::optional<platform::HostEndpoint> localEndpoint,
             platform::ErrorCompletion completion) override;
   // ETIMEDOUT when the connection has not arrived limits::kAcceptTimeout after the SYN was

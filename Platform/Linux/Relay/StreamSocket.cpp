@@ -28,6 +28,14 @@ StreamSocket::StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserSh
     : loop_(loop), owner_(owner), user_(std::move(user)) {}
 
 StreamSocket::~StreamSocket() {
+  if (readCompletion_) {
+    loop_.post([completion = std::move(readCompletion_)] {
+      completion(std::nullopt, socketError(ECANCELED));
+    });
+  }
+  if (writeCompletion_) {
+    loop_.post([completion = std::move(writeCompletion_)] { completion(socketError(ECANCELED)); });
+  }
   socket_.reset();
 }
 

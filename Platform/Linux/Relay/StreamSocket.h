@@ -19,7 +19,8 @@ class EventLoop;
 // One side of a tunnel: reads and writes of one TCP socket as the relay wants them. A member of the
 // flow or the connection whose socket it is, which is held by std::shared_ptr and which completions
 // keep alive while they run. Everything is for the loop's thread, except destruction, which resets
-// a socket that was not closed: a stream that was cut off must not look complete.
+// a socket that was not closed: a stream that was cut off must not look complete. Operations that
+// are outstanding then complete with ECANCELED, on the loop.
 //
 // Reading waits first and takes a buffer only when there is something for it, so that an idle
 // stream owns none. A direction that keeps filling its buffer reads into pipes instead (splice(2)),

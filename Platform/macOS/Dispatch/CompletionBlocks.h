@@ -14,8 +14,7 @@ using ErrorBlock = void (^)(NSError* error);
 using ReadBlock = void (^)(NSData* data, NSError* error);
 
 // The system's completion handlers around the core's, which run on the queue. owner is the object
-// that was asked: while the completion runs it stays, and once it is gone the completion is
-// dropped.
+// that was asked: it stays while the completion runs, which it also does once that object is gone.
 Reference<ErrorBlock> errorBlock(std::shared_ptr<CompletionQueue> queue,
                                  std::weak_ptr<const void> owner,
                                  platform::ErrorCompletion completion);

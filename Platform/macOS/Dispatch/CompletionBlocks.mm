@@ -11,9 +11,8 @@ Reference<ErrorBlock> errorBlock(std::shared_ptr<CompletionQueue> queue,
   return Reference<ErrorBlock>::retaining(^(NSError* error) {
     const auto heldError = Reference<NSError*>::retaining(error);
     queue->run([owner, completion, heldError] {
-      if (const auto heldOwner = owner.lock()) {
-        completion(errorFrom(heldError.get()));
-      }
+      [[maybe_unused]] const auto heldOwner = owner.lock();
+      completion(errorFrom(heldError.get()));
     });
   });
 }
@@ -25,9 +24,8 @@ Reference<ReadBlock> readBlock(std::shared_ptr<CompletionQueue> queue,
     const auto heldData = Reference<NSData*>::retaining(error == nil ? data : nil);
     const auto heldError = Reference<NSError*>::retaining(error);
     queue->run([owner, completion, heldData, heldError] {
-      if (const auto heldOwner = owner.lock()) {
-        completion(dataFrom(heldData.get()), errorFrom(heldError.get()));
-      }
+      [[maybe_unused]] const auto heldOwner = owner.lock();
+      completion(dataFrom(heldData.get()), errorFrom(heldError.get()));
     });
   });
 }

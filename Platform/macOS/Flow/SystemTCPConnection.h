@@ -15,8 +15,8 @@
 namespace ostravel::macos {
 
 // A connection that the system has made for the provider, which shares the queue of the completion
-// that it is made in. A completion that finds this object gone is dropped. Over nil, which the
-// system gives for an endpoint that it cannot use, it stays invalid for ever.
+// that it is made in. Over nil, which the system gives for an endpoint that it cannot use, it stays
+// invalid for ever.
 class SystemTCPConnection final : public platform::TCPConnection,
                                   public std::enable_shared_from_this<SystemTCPConnection> {
  public:

@@ -8,8 +8,7 @@
 
 namespace ostravel::macos {
 
-// A TCP flow of the system. Held by std::shared_ptr: a completion that finds this object gone is
-// dropped.
+// A TCP flow of the system. Held by std::shared_ptr: completions keep it while they run.
 class SystemTCPFlow final : public SystemFlow<platform::AppProxyTCPFlow, NEAppProxyTCPFlow>,
                             public std::enable_shared_from_this<SystemTCPFlow> {
  public:

@@ -423,6 +423,25 @@ TEST_F(ProviderStop, LeavesCacheAdmissionAndGateAlone) {
   EXPECT_FALSE(peer().gate().shouldBypassNewFlows());
 }
 
+TEST_F(ProviderStop, LeavesARequestThatThenFailsToTheDefaultLog) {
+  startProvider();
+  takeFlow();
+  simulation_.peer(0)->holdWrites();
+  simulation_.connection(0)->accept();
+  simulation_.run();
+  ASSERT_TRUE(simulation_.peer(0)->writeOutstanding());
+
+  stopProvider(ProviderStopReason::none);
+  simulation_.run();
+
+  // Only the table held the tunnel, and only the tunnel its connection.
+  const auto& last = simulation_.logRecords().back();
+  EXPECT_EQ(last.line, "OstravelProxy: Error writing CONNECT: Operation canceled");
+  EXPECT_EQ(last.level, LogLevel::error);
+  EXPECT_EQ(last.subsystem, "");
+  EXPECT_EQ(events("connect_handshake_write_failed"), std::vector<EventFacts>{});
+}
+
 TEST_F(ProviderStop, MayComeWithoutAStart) {
   stopProvider(ProviderStopReason::none);
 

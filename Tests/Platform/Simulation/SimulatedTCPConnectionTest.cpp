@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Simulation/SimulatedError.h"
 #include "Platform/Simulation/Simulation.h"
 #include "Tests/Platform/Simulation/Outcomes.h"
 
@@ -232,16 +233,20 @@ TEST_F(SimulatedTCPConnectionTest, AnObserverMayBeRemovedByItsDestructor) {
   EXPECT_EQ(connection_->observerCount(), 0U);
 }
 
-TEST_F(SimulatedTCPConnectionTest, NothingIsDeliveredAfterItsDestruction) {
+TEST_F(SimulatedTCPConnectionTest, DestructionCancelsWhatIsOutstanding) {
   connection_->addObserver(observer_, "state");
   connection_->read(1, 100, read_.completion());
   connection_->write(platform::Data::copyOf("x"), written_.completion());
   connection_->accept();
   peer_->send("y");
   connection_.reset();
+  EXPECT_EQ(read_.count + written_.count, 0);
   simulation_.run();
   EXPECT_TRUE(observer_->seen.empty());
-  EXPECT_EQ(read_.count + written_.count, 0);
+  EXPECT_EQ(read_.count, 1);
+  EXPECT_EQ(read_.error, operationCancelled());
+  EXPECT_EQ(written_.count, 1);
+  EXPECT_EQ(written_.error, operationCancelled());
 }
 
 TEST_F(SimulatedTCPConnectionTest, DestroyedWithoutCancelItIsResetForThePeer) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Simulation/SimulatedError.h"
 #include "Platform/Simulation/Simulation.h"
 #include "Tests/Platform/Simulation/Outcomes.h"
 
@@ -241,7 +242,7 @@ TEST_F(SimulatedTCPFlowTest, DestroyedAfterAnOrderlyCloseItIsNotReset) {
   EXPECT_FALSE(application_->wasLeftToSystem());
 }
 
-TEST_F(SimulatedTCPFlowTest, NoCompletionRunsAfterItsDestruction) {
+TEST_F(SimulatedTCPFlowTest, DestructionCancelsWhatIsOutstanding) {
   open();
   opened_ = {};
   application_->send("x");
@@ -252,8 +253,14 @@ TEST_F(SimulatedTCPFlowTest, NoCompletionRunsAfterItsDestruction) {
   unopened->open(std::nullopt, opened_.completion());
   unopened.reset();
   flow_.reset();
-  simulation_.run();
   EXPECT_EQ(opened_.count + read_.count + written_.count, 0);
+  simulation_.run();
+  EXPECT_EQ(opened_.count, 1);
+  EXPECT_EQ(opened_.error, operationCancelled());
+  EXPECT_EQ(read_.count, 1);
+  EXPECT_EQ(read_.error, operationCancelled());
+  EXPECT_EQ(written_.count, 1);
+  EXPECT_EQ(written_.error, operationCancelled());
   EXPECT_EQ(application_->received(), "");
 }
 
