@@ -24,8 +24,6 @@ constexpr std::string_view kStateKeyPath = "state";
 constexpr std::int64_t kMaxHeaderBytes = 16384;
 // Any normal answer to CONNECT fits in one read.
 constexpr std::size_t kHandshakeReadMaximum = 4096;
-// Bounds the memory that one direction of a tunnel holds.
-constexpr std::size_t kRelayReadMaximum = 524288;
 
 constexpr double kMillisecondsPerSecond = 1000.0;
 
@@ -320,7 +318,7 @@ void OVTunnelConnection::pipeRemoteToLocal() {
     return;
   }
   connection_->read(
-      1, kRelayReadMaximum,
+      1, platform::limits::kMaxRelayRead,
       [weakSelf = weak_from_this()](std::optional<Data> data, OptionalError readError) {
         const auto self = weakSelf.lock();
         if (!self) {

@@ -15,6 +15,7 @@
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #include "Platform/Interface/KeyValueObserver.h"
 #include "Platform/Interface/Platform.h"
+#include "Platform/Interface/SystemLimits.h"
 #include "Platform/Interface/TCPConnection.h"
 
 namespace ostravel {

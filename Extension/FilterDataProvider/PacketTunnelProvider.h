@@ -19,6 +19,7 @@
 #include "Extension/ProxyTunnelCore/ProxyTunnelAdmissionController.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringClient.h"
 #include "Platform/Interface/Platform.h"
+#include "Platform/Interface/SystemLimits.h"
 #include "Platform/Interface/TransparentProxyProvider.h"
 
 namespace ostravel {
@@ -101,8 +102,8 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   const DomainList hardBypassDomains_;
   const DomainList realtimeMediaDomains_;
   const DomainList udpQuicPolicyDomains_;
-  const std::string proxyHost_ = "127.0.0.1";
-  const std::uint16_t proxyPort_ = 8080;
+  const std::string proxyHost_{platform::limits::kProxyHost};
+  const std::uint16_t proxyPort_ = platform::limits::kProxyPort;
   const double connectHandshakeTimeoutSeconds_ = 5.0;
   // Changed only by barrier items of its queue.
   std::unordered_map<std::string, std::shared_ptr<OVTunnelConnection>> activeTunnels_;

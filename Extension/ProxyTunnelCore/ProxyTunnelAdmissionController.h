@@ -5,6 +5,8 @@
 #include <string>
 #include <unordered_set>
 
+#include "Platform/Interface/SystemLimits.h"
+
 namespace ostravel {
 
 // Limits how many tunnels may be in the CONNECT handshake at once, so that a burst of new flows
@@ -12,8 +14,7 @@ namespace ostravel {
 // provider for its whole life; usable from any thread.
 class ProxyTunnelAdmissionController {
  public:
-  // Enough for a browser opening a heavy page; small enough that a hung proxy holds few flows.
-  static constexpr std::size_t maxPendingHandshakes = 48;
+  static constexpr std::size_t maxPendingHandshakes = platform::limits::kMaxPendingHandshakes;
 
   // True when the flow was admitted to the pending set, and for a flow that is known already, even
   // when the set is full.

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <optional>
 
+#include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Identity/LeaveReason.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Platform/Linux/Services/UserShare.h"
@@ -14,9 +15,8 @@ namespace ostravel::linuxplatform {
 // or wait because of somebody else's.
 class FlowAdmission {
  public:
-  // Half of the handshakes that the core lets be pending (48): what the users share is never
-  // exhausted by one of them.
-  static constexpr std::size_t kHeldFlowsPerUser = 24;
+  // Half of the handshakes that may be pending: one user never exhausts what all of them share.
+  static constexpr std::size_t kHeldFlowsPerUser = platform::limits::kMaxPendingHandshakes / 2;
   // A tunnel needs two sockets.
   static constexpr std::size_t kDescriptorsPerTunnel = 2;
 

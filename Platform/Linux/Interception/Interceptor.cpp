@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Interception/FlowAdmission.h"
 #include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
@@ -28,7 +29,6 @@ constexpr int kMaximumBurst = 64;
 constexpr auto kLongestBurst = 100ms;
 // The flows of a busy desktop over the longest time that one is remembered.
 constexpr std::size_t kRememberedFlows = 8192;
-constexpr std::uint16_t kLocalProxyPort = 8080;
 
 std::vector<InterceptionTable::ListenerPorts> listenerPorts(EventLoopGroup& loops) {
   std::vector<InterceptionTable::ListenerPorts> ports;
@@ -59,7 +59,7 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   EventLoopGroup& loops = environment.loops;
   // The table comes last: nothing is offered before somebody can decide.
   auto identifiers = std::make_unique<ApplicationIdentifierSource>(
-      kLocalProxyPort,
+      platform::limits::kProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
       ApplicationRegistrations::kDefaultFolder, environment.proxyUsers);
   auto queue = PacketQueue::open();

@@ -15,6 +15,8 @@
 #include <string>
 #include <utility>
 
+#include "Platform/Interface/SystemLimits.h"
+
 namespace ostravel::linuxplatform {
 
 using platform::Error;
@@ -28,9 +30,10 @@ constexpr std::uint16_t kLastQueueNumber = 43131;
 // The longest headers that the parser reads: IPv6, its extension headers, the ports.
 constexpr std::uint32_t kCopiedBytes = 256;
 
-// The flows whose handshake is pending (48) plus a burst of a few pages opened at once. What
-// exceeds it passes unseen.
+// The flows whose handshake is pending plus a burst of a few pages opened at once. What exceeds it
+// passes unseen.
 constexpr std::uint32_t kMaximumHeldPackets = 256;
+static_assert(kMaximumHeldPackets >= 4 * platform::limits::kMaxPendingHandshakes);
 
 // A verdict that the kernel has no memory for is repeated this often before it has to wait.
 constexpr int kAttemptsAtOnce = 4;

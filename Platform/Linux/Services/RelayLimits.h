@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstddef>
 
+#include "Platform/Interface/SystemLimits.h"
+
 namespace ostravel::linuxplatform::limits {
 
 using namespace std::chrono_literals;
@@ -14,11 +16,12 @@ inline constexpr std::size_t kSmallRead = 4096;
 // Buffers that a loop keeps for reuse, as many as streams that move data at the same moment.
 inline constexpr std::size_t kKeptBuffers = 16;
 
-// What one read of a flow, which names no maximum, may deliver.
-inline constexpr std::size_t kMaximumChunk = 512 * 1024;
+// What one read of a flow, which names no maximum, may deliver: as much as one of the connection.
+inline constexpr std::size_t kMaximumChunk = platform::limits::kMaxRelayRead;
 
 // Room for one chunk of the largest size even when the kernel's segments fill their pages badly.
 inline constexpr int kPipeSize = 1024 * 1024;
+static_assert(std::size_t{kPipeSize} >= 2 * kMaximumChunk);
 // Below this a pipe moves less per system call than a buffer does. The kernel hands out pipes of
 // one or two pages to a user who owns too many (pipe(7), pipe-user-pages-soft).
 inline constexpr int kSmallestUsefulPipe = 64 * 1024;
