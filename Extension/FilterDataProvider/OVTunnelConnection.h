@@ -102,6 +102,10 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   std::atomic<bool> didEstablishHandshake_ = false;
   ProxyConnectResponseParser connectResponseParser_;
   double handshakeStartedAt_;
+  // For reference only, in a debugger or a crash report: nothing reads them, the connection that
+  // was passed in decides where the tunnel leads.
+  [[maybe_unused]] const std::string proxyHost_{platform::limits::kProxyHost};
+  [[maybe_unused]] const std::uint16_t proxyPort_ = platform::limits::kProxyPort;
   std::once_flag handshakeWatchdogOnce_;
   std::shared_ptr<ProxyTunnelHandshakeWatchdog> handshakeWatchdog_;
 };

@@ -12,7 +12,6 @@ using connect_response::NeedMoreData;
 using connect_response::Rejected;
 
 constexpr std::string_view kLineEnd = "\r\n";
-constexpr std::string_view kHeaderTerminator = "\r\n\r\n";
 
 // A bare prefix: the reason phrase and whatever else follows is the proxy's own business.
 bool reportsSuccess(std::string_view statusLine) {
@@ -28,10 +27,10 @@ ProxyConnectResponseParser::ProxyConnectResponseParser(std::int64_t maxHeaderByt
 ProxyConnectResponseOutcome ProxyConnectResponseParser::append(std::span<const std::byte> data) {
   buffer_.append(reinterpret_cast<const char*>(data.data()), data.size());
   const std::string_view received = buffer_;
-  const auto headerSize = received.find(kHeaderTerminator);
+  const auto headerSize = received.find(headerTerminator_);
   if (headerSize != std::string_view::npos) {
     return judgeHeader(received.substr(0, headerSize),
-                       received.substr(headerSize + kHeaderTerminator.size()));
+                       received.substr(headerSize + headerTerminator_.size()));
   }
   if (static_cast<std::int64_t>(received.size()) > maxHeaderBytes_) {
     return Invalid{"connect_header_too_large"};

@@ -54,6 +54,9 @@ class ProxyConnectResponseParser {
   const std::int64_t maxHeaderBytes_;
   const platform::TextServices& text_;
   std::string buffer_;
+  // A field and not a constant of the source, so that a debugger shows with the buffer what was
+  // looked for in it.
+  const std::string headerTerminator_ = "\r\n\r\n";
 };
 
 }  // namespace ostravel
