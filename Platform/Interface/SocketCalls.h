@@ -14,7 +14,8 @@ enum class SocketAddressLayout {
   darwinABI,
 };
 
-// The outcome of one call: its result, and errno when the result is negative.
+// The outcome of one call: its result, and errno when the result is negative, for a write also when
+// it is 0, which is no success either.
 struct SocketCallResult {
   long value = 0;
   int error = 0;

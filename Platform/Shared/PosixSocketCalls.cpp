@@ -76,7 +76,8 @@ SocketCallResult PosixSocketCalls::pendingError(int descriptor) {
 }
 
 SocketCallResult PosixSocketCalls::write(int descriptor, std::span<const std::byte> bytes) {
-  return outcome(::write(descriptor, bytes.data(), bytes.size()));
+  const long written = ::write(descriptor, bytes.data(), bytes.size());
+  return {written, written <= 0 ? errno : 0};
 }
 
 void PosixSocketCalls::close(int descriptor) {

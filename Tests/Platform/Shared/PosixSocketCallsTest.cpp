@@ -80,6 +80,13 @@ TEST_F(PosixSocketCallsTest, WritesOnceAndSaysHowMuch) {
   EXPECT_EQ(written.error, EAGAIN);
 }
 
+TEST_F(PosixSocketCallsTest, AWriteOfNothingReportsErrnoAsItIs) {
+  errno = EBUSY;
+  const auto written = sockets_.write(pair_[0], {});
+  EXPECT_EQ(written.value, 0);
+  EXPECT_EQ(written.error, EBUSY);
+}
+
 TEST_F(PosixSocketCallsTest, PollTellsWritableFromNot) {
   EXPECT_EQ(sockets_.pollWritable(pair_[0], 0ms).value, 1);
   sockets_.setStatusFlags(pair_[0], O_NONBLOCK);
