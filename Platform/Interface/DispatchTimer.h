@@ -23,7 +23,7 @@ class DispatchTimer {
   virtual void setEventHandler(Handler handler) = 0;
 
   // First expiration delay from now, then every interval if there is one. The platform may be late
-  // by up to leeway to save wake-ups.
+  // by up to leeway to save wake-ups, except for an expiration that is due at once.
   virtual void schedule(std::chrono::nanoseconds delay,
                         std::optional<std::chrono::nanoseconds> interval,
                         std::chrono::nanoseconds leeway) = 0;

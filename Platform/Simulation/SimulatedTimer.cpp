@@ -59,7 +59,9 @@ void SimulatedTimer::arm(const std::shared_ptr<State>& state) {
     return;
   }
   const auto room = kEndOfTime - state->nextExpiration;
-  const auto bound = static_cast<std::uint64_t>(std::min(state->leeway, room).count());
+  const bool isDue = state->nextExpiration <= state->run.now();
+  const auto leeway = isDue ? kZero : std::min(state->leeway, room);
+  const auto bound = static_cast<std::uint64_t>(leeway.count());
   const std::chrono::nanoseconds lateness(bound == 0 ? 0 : state->run.draw(bound));
   state->alarm = state->run.setAlarm(state->nextExpiration + lateness,
                                      [weakState = std::weak_ptr<State>(state)] {

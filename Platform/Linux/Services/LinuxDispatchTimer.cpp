@@ -20,8 +20,11 @@ Clock::time_point later(Clock::time_point time, nanoseconds wait) {
   return wait > kEndOfTime - time ? kEndOfTime : time + wait;
 }
 
-// The next of the moments at which all timers with this leeway expire.
+// The next of the moments at which all timers with this leeway expire; at once for what is due.
 Clock::time_point coalesced(Clock::time_point time, nanoseconds leeway) {
+  if (time <= Clock::now()) {
+    return time;
+  }
   const auto past = leeway > kZero ? time.time_since_epoch() % leeway : kZero;
   return past == kZero ? time : later(time, leeway - past);
 }
