@@ -10,6 +10,11 @@
 
 namespace ostravel::platform {
 
+// Category of every line of the system, and its subsystem where there is no bundle to name it
+// after.
+inline constexpr std::string_view kLogCategory = "OstravelProxy";
+inline constexpr std::string_view kFallbackLogSubsystem = "OstravelNetworkExtension";
+
 enum class LogLevel { debug, info, standard, error };
 
 // The value of one placeholder: text for %{public}s, an integer for %{public}d.

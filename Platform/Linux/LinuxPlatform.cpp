@@ -15,12 +15,13 @@ namespace ostravel::linuxplatform {
 namespace {
 
 // Fields of lines that belong to no object.
-constexpr const char* kDefaultSubsystem = "OstravelNetworkExtension";
-constexpr const char* kDefaultCategory = "default";
+constexpr std::string_view kDefaultSubsystem = platform::kFallbackLogSubsystem;
+constexpr std::string_view kDefaultCategory = platform::kLogCategory;
 
 std::unique_ptr<BackgroundWriter::Output> outputFor(LinuxPlatform::LogSink sink) {
   if (sink == LinuxPlatform::LogSink::journal) {
-    return std::make_unique<JournalLog::Output>(kDefaultSubsystem, kDefaultCategory);
+    return std::make_unique<JournalLog::Output>(std::string(kDefaultSubsystem),
+                                                std::string(kDefaultCategory));
   }
   return std::make_unique<StderrLog::Output>(STDERR_FILENO);
 }
@@ -31,7 +32,7 @@ LinuxPlatform::LinuxPlatform(Options options)
     : options_(options),
       logWriter_(std::make_shared<BackgroundWriter>(
           outputFor(options.logSink), BackgroundWriter::kUsualCapacity, "ostravel-log")),
-      defaultLog_(makeLog(kDefaultSubsystem, kDefaultCategory)),
+      defaultLog_(makeLog(std::string(kDefaultSubsystem), std::string(kDefaultCategory))),
       sockets_(options.marks) {}
 
 LinuxPlatform::~LinuxPlatform() {

@@ -13,7 +13,8 @@ LinuxProviderContext::LinuxProviderContext(
     std::optional<platform::ProviderConfiguration> configuration)
     : environment_(std::move(environment)),
       configuration_(std::move(configuration)),
-      log_(platform.makeLog("OstravelNetworkExtension", "OstravelLinux")),
+      log_(platform.makeLog(std::string(platform::kFallbackLogSubsystem),
+                            std::string(platform::kLogCategory))),
       settingsQueue_(platform.makeQueue("com.ostravel.networkSettings",
                                         platform::DispatchQueueKind::serial)) {}
 
