@@ -8,6 +8,7 @@
 #include "Extension/ProxyTunnelCore/ExtensionLog.h"
 #include "Extension/ProxyTunnelCore/InternetDateTime.h"
 #include "Extension/ProxyTunnelCore/UTF8.h"
+#include "Platform/Interface/ProviderError.h"
 
 namespace ostravel {
 
@@ -271,8 +272,8 @@ ProxyTunnelHandshakeWatchdog& OVTunnelConnection::handshakeWatchdog() {
 }
 
 void OVTunnelConnection::handleHandshakeTimeout() {
-  Error error{std::string(kErrorDomain), platform::kHandshakeTimedOutCode,
-              "Proxy CONNECT handshake timed out"};
+  Error error = platform::providerError(platform::kHandshakeTimedOutCode,
+                                        "Proxy CONNECT handshake timed out");
   log_->error("OstravelProxy: CONNECT handshake timed out");
   emit("connect_handshake_timed_out", "extension.connect_handshake_timed_out", "error",
        "CONNECT handshake timed out", Metrics{{"timeout_seconds", handshakeTimeout_}},

@@ -10,6 +10,7 @@
 #include "Extension/ProxyTunnelCore/InternetDateTime.h"
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #include "Platform/Interface/AppProxyUDPFlow.h"
+#include "Platform/Interface/ProviderError.h"
 
 namespace ostravel {
 
@@ -384,8 +385,8 @@ std::shared_ptr<OVTunnelConnection> PacketTunnelProvider::makeTunnel(
 
 void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& flowId,
                                       const std::string& appId) {
-  const Error error{std::string(kErrorDomain), platform::kHandshakeBacklogExceededCode,
-                    "Proxy handshake backlog exceeded"};
+  const Error error = platform::providerError(platform::kHandshakeBacklogExceededCode,
+                                              "Proxy handshake backlog exceeded");
   log_->error("OstravelProxy: Rejecting flow due to handshake backlog");
   const auto pending = static_cast<double>(tunnelAdmissionController_.pendingCount());
   emit("connect_handshake_rejected", "extension.connect_handshake_backlog_exceeded", "error",

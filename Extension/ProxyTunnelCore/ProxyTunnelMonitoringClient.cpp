@@ -8,8 +8,8 @@
 #include <utility>
 #include <variant>
 
-#include "Extension/ProxyTunnelCore/ExtensionLog.h"
 #include "Extension/ProxyTunnelCore/SocketAddress.h"
+#include "Platform/Interface/ProviderError.h"
 
 namespace ostravel {
 
@@ -122,8 +122,6 @@ class ProxyTunnelMonitoringClient::Delivery {
 
 namespace {
 
-constexpr std::int64_t kPathTooLongCode = 1101;
-
 Error socketError(const platform::SocketCallResult& result, std::string description) {
   return Error{std::string(platform::kPOSIXErrorDomain), result.error, std::move(description)};
 }
@@ -144,7 +142,8 @@ OptionalError connectAndWrite(platform::SocketCalls& sockets, int descriptor, st
                               std::span<const std::byte> frame) {
   const auto address = makeLocalSocketAddress(sockets.addressLayout(), path);
   if (!address) {
-    return Error{std::string(kErrorDomain), kPathTooLongCode, "Monitoring socket path too long"};
+    return platform::providerError(platform::kMonitoringPathTooLongCode,
+                                   "Monitoring socket path too long");
   }
   const auto connected = sockets.connect(descriptor, *address);
   if (connected.value != 0) {

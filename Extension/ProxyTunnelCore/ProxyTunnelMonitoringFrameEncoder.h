@@ -18,7 +18,9 @@ class ProxyTunnelMonitoringFrameEncoder {
  public:
   using Frame = std::vector<std::byte>;
 
-  // Fails, with the domain "JSONEncoding", when a number is not finite or a text is not UTF-8.
+  // Fails when a number is not finite or a text is not UTF-8. The domain is then "JSONEncoding",
+  // not the system's own: it is the JSON encoder that refuses the value, which the log line then
+  // says.
   std::variant<Frame, platform::Error> encode(const ProxyTunnelMonitoringEvent& event) const;
 };
 

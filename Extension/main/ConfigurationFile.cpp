@@ -9,6 +9,8 @@
 #include <memory>
 #include <utility>
 
+#include "Platform/Interface/ProviderError.h"
+
 namespace ostravel::linuxplatform {
 
 using platform::ConfigurationValue;
@@ -62,12 +64,13 @@ std::variant<ProviderConfiguration, Error> readConfigurationFile(const std::stri
                  path + ": cannot be read: " + std::strerror(errno)};
   }
   if (!document) {
-    return Error{"OstravelLinux", EINVAL,
-                 path + ":" + std::to_string(failure.line) + ":" + std::to_string(failure.column) +
-                     ": " + failure.text};
+    return platform::providerError(platform::kInvalidConfigurationCode,
+                                   path + ":" + std::to_string(failure.line) + ":" +
+                                       std::to_string(failure.column) + ": " + failure.text);
   }
   if (!json_is_object(document.get())) {
-    return Error{"OstravelLinux", EINVAL, path + ":1:1: the configuration must be a JSON object"};
+    return platform::providerError(platform::kInvalidConfigurationCode,
+                                   path + ":1:1: the configuration must be a JSON object");
   }
   ProviderConfiguration configuration;
   const char* key = nullptr;

@@ -1,21 +1,38 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "Platform/Interface/Error.h"
 
 namespace ostravel::platform {
 
-// Domain of the errors that the provider itself defines.
+// Domain of the errors that the system itself defines. A failed system call has kPOSIXErrorDomain.
 inline constexpr std::string_view kProviderErrorDomain = "OstravelProxy";
 
-// Codes of that domain with which a provider closes a flow.
+// All codes of that domain.
 
-// More handshakes are pending than the provider permits.
+// With these two a provider closes a flow: more handshakes are pending than it permits, or the
+// local proxy did not complete the handshake in time.
 inline constexpr std::int64_t kHandshakeBacklogExceededCode = 1001;
-// The local proxy accepted the connection and did not answer in time.
 inline constexpr std::int64_t kHandshakeTimedOutCode = 1002;
+// The path of the monitoring socket does not fit into a socket address.
+inline constexpr std::int64_t kMonitoringPathTooLongCode = 1101;
+// The configuration file is not a JSON object.
+inline constexpr std::int64_t kInvalidConfigurationCode = 1201;
+// The network settings hold a rule that cannot be translated.
+inline constexpr std::int64_t kInvalidNetworkRuleCode = 1202;
+// The provider asks for something while the process is ending.
+inline constexpr std::int64_t kStoppingCode = 1203;
+// The kernel cannot say whose a socket is.
+inline constexpr std::int64_t kNoSocketDiagnosticsCode = 1204;
+
+// An error of that domain.
+inline Error providerError(std::int64_t code, std::string description) {
+  return {std::string(kProviderErrorDomain), code, std::move(description)};
+}
 
 inline bool isHandshakeTimeout(const OptionalError& error) {
   return error && error->domain == kProviderErrorDomain && error->code == kHandshakeTimedOutCode;

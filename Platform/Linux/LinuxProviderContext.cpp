@@ -1,7 +1,8 @@
 #include "Platform/Linux/LinuxProviderContext.h"
 
-#include <cerrno>
 #include <utility>
+
+#include "Platform/Interface/ProviderError.h"
 
 namespace ostravel::linuxplatform {
 
@@ -49,7 +50,7 @@ OptionalError LinuxProviderContext::startInterception(
   const std::lock_guard guard(lock_);
   interceptor_.reset();
   if (isStopped_) {
-    return Error{"OstravelLinux", ECANCELED, "the extension is being stopped"};
+    return platform::providerError(platform::kStoppingCode, "the extension is being stopped");
   }
   auto started =
       Interceptor::start(settings, log_, environment_,

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <utility>
 
+#include "Platform/Interface/ProviderError.h"
 #include "Platform/Linux/Kernel/NetfilterRule.h"
 
 namespace ostravel::linuxplatform {
@@ -165,9 +166,10 @@ Result<TranslatedRule> translate(const NetworkRule& rule) {
   TranslatedRule translated{};
   const auto& [host, port] = rule.destinationNetwork;
   const auto fail = [&rule](const std::string& reason) {
-    return Error{"OstravelLinux", EINVAL,
-                 "network rule for \"" + rule.destinationNetwork.hostname + "\" port \"" +
-                     rule.destinationNetwork.port + "\": " + reason};
+    return platform::providerError(platform::kInvalidNetworkRuleCode,
+                                   "network rule for \"" + rule.destinationNetwork.hostname +
+                                       "\" port \"" + rule.destinationNetwork.port +
+                                       "\": " + reason);
   };
   unsigned widest = 0;
   if (::inet_pton(AF_INET, host.c_str(), translated.network.address.data()) == 1) {

@@ -17,6 +17,8 @@
 
 #include "Base/FileDescriptor.h"
 
+#include "Platform/Interface/ProviderError.h"
+
 namespace ostravel::linuxplatform {
 
 using platform::Error;
@@ -118,9 +120,10 @@ platform::Result<std::unique_ptr<SocketDiagnostics>> SocketDiagnostics::open() {
   }
   std::unique_ptr<SocketDiagnostics> opened(new SocketDiagnostics(std::move(diagnostics)));
   if (!findsOwnListener(*opened)) {
-    return Error{"OstravelLinux", ENOENT,
-                 "sockets cannot be looked up: the kernel lacks socket diagnostics for TCP "
-                 "(CONFIG_INET_DIAG)"};
+    return platform::providerError(
+        platform::kNoSocketDiagnosticsCode,
+        "sockets cannot be looked up: the kernel lacks socket diagnostics for TCP "
+        "(CONFIG_INET_DIAG)");
   }
   // Loads what the first question about UDP would have to wait for.
   opened->ask(TransportProtocol::udp, wildcard(AddressFamily::ipv4), wildcard(AddressFamily::ipv4),

@@ -38,9 +38,5 @@ TEST(ExtensionLog, HasAFixedSubsystemWithoutABundleIdentifier) {
   EXPECT_EQ(simulation.logRecords().at(0).category, "OstravelProxy");
 }
 
-TEST(ErrorDomain, IsTheSystemsOwn) {
-  EXPECT_EQ(kErrorDomain, "OstravelProxy");
-}
-
 }  // namespace
 }  // namespace ostravel
