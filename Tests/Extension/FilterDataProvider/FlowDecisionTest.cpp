@@ -330,11 +330,13 @@ TEST_F(FlowDecisionCache, IsNotPrunedByAHit) {
 
 TEST_F(FlowDecisionCache, TakesTheLaterOfTwoStoresForOneKey) {
   provider_->decideFlowAction(kApp, "example.org", tcp);
+  simulation_.spend(1s);
   provider_->decideFlowAction(kApp, "example.org", tcp);
 
   simulation_.run();
 
   EXPECT_EQ(peer().cacheSize(), 1U);
+  EXPECT_EQ(peer().cachedExpiry(kKey), kStart + 31.0);
 }
 
 TEST_F(FlowDecisionCache, DoesNotKeepTheProviderAliveWithAStore) {

@@ -9,6 +9,7 @@
 
 #include "Extension/FilterDataProvider/OVTunnelConnection.h"
 #include "Tests/Extension/Support/ScriptedConnection.h"
+#include "Tests/Extension/Support/ScriptedFlow.h"
 #include "Tests/Extension/Support/TunnelTest.h"
 
 namespace ostravel {
@@ -18,6 +19,7 @@ using platform::LogLevel;
 using platform::TCPConnectionState;
 using test::EventFacts;
 using test::ScriptedConnection;
+using test::ScriptedFlow;
 using test::someError;
 using test::TunnelTest;
 using namespace std::chrono_literals;
@@ -691,13 +693,23 @@ TEST_F(TunnelLeftover, ThatCannotBeDeliveredClosesWithTheErrorButReportsNoProxy)
              "flow 1: closeWrite: App went away", "connection 1: cancel", "closed FLOW"}));
 }
 
-TEST_F(TunnelLeftover, ThatIsDeliveredAfterTheCloseStartsNoRead) {
-  // Delivered, and closed before the completion has run.
-  application().releaseWrites();
-  tunnel_->close(std::nullopt);
-  simulation_.run();
+class TunnelLeftoverByHand : public TunnelTest {};
 
-  EXPECT_EQ(simulation_.journal().linesWith("connection 1: read"), Lines{});
+TEST_F(TunnelLeftoverByHand, ThatIsDeliveredAfterTheCloseStartsNoRead) {
+  const auto flow = std::make_shared<ScriptedFlow>();
+  const auto connection = std::make_shared<ScriptedConnection>();
+  connection->currentState = TCPConnectionState::connected;
+  make({.flow = flow, .connection = connection});
+  tunnel_->start();
+  connection->completeWrite();
+  connection->completeRead(std::string(kSuccess) + "left");
+  ASSERT_EQ(flow->lastWritten(), "left");
+  tunnel_->close(std::nullopt);
+
+  flow->completeWrite();
+
+  EXPECT_EQ(connection->calls().back(), "cancel");
+  EXPECT_EQ(events("tunnel_closed").size(), 1U);
 }
 
 TEST_F(TunnelLeftover, ThatIsDeliveredAfterTheTunnelIsGoneDoesNothing) {
@@ -774,6 +786,19 @@ TEST_F(TunnelTimeout, IsLoggedReportedAndClosesWithItsError) {
                                            {"detail", "Proxy CONNECT handshake timed out"}}}}}));
   EXPECT_EQ(flow_->readCloseError(),
             (platform::Error{"OstravelProxy", 1002, "Proxy CONNECT handshake timed out"}));
+}
+
+TEST_F(TunnelTimeout, IsReportedWithTheConfiguredSecondsHoweverLateItComes) {
+  make({.handshakeTimeout = 2.5});
+  start();
+  simulation_.advance(2400ms);
+  simulation_.post([this] { simulation_.spend(1s); });
+
+  simulation_.run();
+
+  EXPECT_EQ(records().at(0).signal, "connect_handshake_timed_out");
+  EXPECT_EQ(records()[0].timestamp, simulation::SimulatedClock::kStart + 3.4);
+  EXPECT_EQ(records()[0].metrics->at("timeout_seconds"), 2.5);
 }
 
 TEST_F(TunnelTimeout, ReportsTheProxyBeforeTheClose) {

@@ -6,6 +6,7 @@
 
 #include "Extension/FilterDataProvider/OVTunnelConnection.h"
 #include "Tests/Extension/Support/ScriptedConnection.h"
+#include "Tests/Extension/Support/ScriptedFlow.h"
 #include "Tests/Extension/Support/TunnelTest.h"
 
 namespace ostravel {
@@ -15,6 +16,7 @@ using platform::LogLevel;
 using platform::TCPConnectionState;
 using simulation::EndOfStream;
 using test::ScriptedConnection;
+using test::ScriptedFlow;
 using test::someError;
 using test::TunnelTest;
 
@@ -211,20 +213,6 @@ TEST_F(TunnelRelay, LogsAsItsOwnSubsystemAndCategory) {
   }
 }
 
-TEST_F(TunnelRelay, ReadsNothingMoreAfterAWriteThatEndsBehindTheClose) {
-  proxy().holdWrites();
-  application().send("x");
-  simulation_.run();
-  proxy().releaseWrites();
-  tunnel_->close(std::nullopt);
-  clearJournal();
-
-  simulation_.run();
-
-  EXPECT_EQ(simulation_.journal().linesWith("flow 1: read"), Lines{});
-  EXPECT_EQ(events("tunnel_closed").size(), 1U);
-}
-
 TEST_F(TunnelRelay, DoesNothingWithAReadThatEndsAfterTheTunnelIsGone) {
   tunnel_.reset();
 
@@ -290,36 +278,68 @@ TEST_F(TunnelRelay, IsNotKeptAliveByItsReads) {
 class TunnelRelayByHand : public TunnelTest {
  protected:
   void SetUp() override {
-    scripted_->currentState = TCPConnectionState::connected;
-    make({.connection = scripted_});
+    proxySide_->currentState = TCPConnectionState::connected;
+    make({.flow = appSide_, .connection = proxySide_});
     tunnel_->start();
-    scripted_->completeWrite();
-    scripted_->completeRead(kSuccess);
+    proxySide_->completeWrite();
+    proxySide_->completeRead(kSuccess);
     clearJournal();
   }
 
-  const std::shared_ptr<ScriptedConnection> scripted_ = std::make_shared<ScriptedConnection>();
+  const std::shared_ptr<ScriptedFlow> appSide_ = std::make_shared<ScriptedFlow>();
+  const std::shared_ptr<ScriptedConnection> proxySide_ = std::make_shared<ScriptedConnection>();
 };
 
 TEST_F(TunnelRelayByHand, AsksTheProxyForOneByteAtLeastAnd524288AtMost) {
-  EXPECT_EQ(scripted_->calls().back(), "read 1 524288");
+  EXPECT_EQ(proxySide_->calls().back(), "read 1 524288");
 }
 
-TEST_F(TunnelRelayByHand, StillWritesWhatAReadDeliversBehindTheClose) {
+TEST_F(TunnelRelayByHand, StillWritesToTheAppWhatAReadDeliversAfterTheClose) {
   tunnel_->close(std::nullopt);
-  clearJournal();
 
-  scripted_->completeRead("late");
-  simulation_.run();
+  proxySide_->completeRead("late");
 
-  EXPECT_EQ(simulation_.journal().linesWith("flow 1: write 4"), Lines{"flow 1: write 4 bytes"});
+  EXPECT_EQ(appSide_->lastWritten(), "late");
+  EXPECT_EQ(events("tunnel_closed").size(), 1U);
+}
+
+TEST_F(TunnelRelayByHand, StillWritesToTheProxyWhatAReadDeliversAfterTheClose) {
+  tunnel_->close(std::nullopt);
+
+  appSide_->completeRead("late");
+
+  EXPECT_EQ(proxySide_->lastWritten(), "late");
+  EXPECT_EQ(events("tunnel_closed").size(), 1U);
+}
+
+TEST_F(TunnelRelayByHand, ReadsNoMoreFromTheAppAfterAWriteThatEndsAfterTheClose) {
+  appSide_->completeRead("x");
+  ASSERT_TRUE(proxySide_->writeOutstanding());
+  tunnel_->close(std::nullopt);
+
+  proxySide_->completeWrite();
+
+  EXPECT_FALSE(appSide_->readOutstanding());
+  EXPECT_EQ(appSide_->callsOf("read"), 1);
+  EXPECT_EQ(events("tunnel_closed").size(), 1U);
+}
+
+TEST_F(TunnelRelayByHand, ReadsNoMoreFromTheProxyAfterAWriteThatEndsAfterTheClose) {
+  proxySide_->completeRead("y");
+  ASSERT_TRUE(appSide_->writeOutstanding());
+  tunnel_->close(std::nullopt);
+
+  appSide_->completeWrite();
+
+  EXPECT_FALSE(proxySide_->readOutstanding());
+  EXPECT_EQ(proxySide_->callsOf("read 1 524288"), 1);
   EXPECT_EQ(events("tunnel_closed").size(), 1U);
 }
 
 TEST_F(TunnelRelayByHand, ClosesWithTheErrorWhateverTheBytes) {
-  scripted_->completeRead("data", someError("Proxy read"));
+  proxySide_->completeRead("data", someError("Proxy read"));
 
-  EXPECT_EQ(simulation_.journal().linesWith("flow 1: write "), Lines{});
+  EXPECT_EQ(appSide_->callsOf("write 4"), 0);
   EXPECT_EQ(records().back().context->at("detail"), "Proxy read");
 }
 

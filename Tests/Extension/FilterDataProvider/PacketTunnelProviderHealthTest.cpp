@@ -212,7 +212,7 @@ TEST_F(ProviderHealth, StopsProbing) {
   EXPECT_FALSE(peer().hasHealthTimer());
 }
 
-TEST_F(ProviderHealth, DoesNotRunATickThatWasDueWhenItWasStopped) {
+TEST_F(ProviderHealth, DoesNotProbeBeforeAStopThatComesAtOnce) {
   provider_->startProxy(std::nullopt, [](const platform::OptionalError&) {});
 
   peer().stopHealthMonitoring();
@@ -220,6 +220,22 @@ TEST_F(ProviderHealth, DoesNotRunATickThatWasDueWhenItWasStopped) {
 
   EXPECT_EQ(probes(), 0U);
   EXPECT_TRUE(gateIsClosed());
+}
+
+TEST_F(ProviderHealth, DoesNotRunATickThatWasDueWhenItWasStopped) {
+  // Set before the tick's timer for the same moment, so its handler runs first while the tick,
+  // which is due as well, waits on its queue.
+  const auto stopping =
+      simulation_.makeTimer(simulation_.makeQueue("stop", platform::DispatchQueueKind::serial));
+  stopping->setEventHandler([this] { peer().stopHealthMonitoring(); });
+  stopping->schedule(1s, std::nullopt, 0ns);
+  stopping->resume();
+  startProvider();
+  probes();
+
+  simulation_.advance(10s);
+
+  EXPECT_EQ(probes(), 0U);
 }
 
 TEST_F(ProviderHealth, MayBeStoppedTwice) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -59,17 +60,17 @@ namespace {
 
 using platform::DispatchQueueKind;
 
-// Accepts connections, as the kernel does for every listener, and reads nothing.
+// Takes connections, as the kernel does for every listener, and reads nothing by itself.
 class DeafCompanion {
  public:
-  DeafCompanion() : folder_(makeFolder()), path_(folder_ + "/events") {
+  // backlog: one more connection than this waits, the next one blocks its connect.
+  explicit DeafCompanion(int backlog) : folder_(makeFolder()), path_(folder_ + "/events") {
     descriptor_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path_.copy(address.sun_path, sizeof address.sun_path - 1);
     EXPECT_EQ(::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    // One connection waits, the next one blocks its connect.
-    EXPECT_EQ(::listen(descriptor_, 0), 0);
+    EXPECT_EQ(::listen(descriptor_, backlog), 0);
   }
   // Connections that wait are reset, so every delivery that is still due fails at once.
   ~DeafCompanion() {
@@ -78,6 +79,23 @@ class DeafCompanion {
   }
 
   const std::string& path() const { return path_; }
+
+  bool hasWaitingConnection() const {
+    pollfd entry{.fd = descriptor_, .events = POLLIN, .revents = 0};
+    return ::poll(&entry, 1, 0) == 1;
+  }
+  // The next connection, which is waited for, and what arrives on it up to its end.
+  int accept() const { return ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC); }
+  static std::size_t readToEnd(int connection) {
+    std::vector<char> buffer(65536);
+    std::size_t total = 0;
+    ssize_t count = 0;
+    while ((count = ::read(connection, buffer.data(), buffer.size())) > 0) {
+      total += static_cast<std::size_t>(count);
+    }
+    ::close(connection);
+    return total;
+  }
 
  private:
   static std::string makeFolder() {
@@ -120,7 +138,7 @@ using MakeEvent = ProxyTunnelMonitoringEvent (*)(platform::Platform&);
 class MonitoringMemory : public testing::TestWithParam<MakeEvent> {};
 
 TEST_P(MonitoringMemory, OfACompanionThatNeverReadsIsBounded) {
-  auto companion = std::make_optional<DeafCompanion>();
+  auto companion = std::make_optional<DeafCompanion>(0);
   linuxplatform::LinuxPlatform platform({});
   ProxyTunnelMonitoringClient client(
       platform, companion->path(),
@@ -147,6 +165,26 @@ TEST_P(MonitoringMemory, OfACompanionThatNeverReadsIsBounded) {
   // The estimate is not so careful that the room is wasted.
   EXPECT_GE(used, ProxyTunnelMonitoringClient::kMaxWaitingBytes / 4);
   companion.reset();
+}
+
+TEST(MonitoringWrite, ThatBlocksHoldsUpLaterEventsAndNoEmitter) {
+  constexpr std::size_t kMoreThanASocketHolds = std::size_t{1} << 20;
+  const DeafCompanion companion(16);
+  linuxplatform::LinuxPlatform platform({});
+  ProxyTunnelMonitoringClient client(
+      platform, companion.path(),
+      platform.makeQueue("com.ostravel.proxyTunnelMonitoring", DispatchQueueKind::serial),
+      ProxyTunnelMonitoringFrameEncoder());
+  client.emit({platform.uuidSource(), "large", std::nullopt, "info", "c",
+               std::string(kMoreThanASocketHolds, 'x'), std::nullopt, std::nullopt, 1.0, "t"});
+  // Connected, so it is the write that waits.
+  const int first = companion.accept();
+
+  client.emit(smallEvent(platform));
+  EXPECT_FALSE(companion.hasWaitingConnection());
+
+  EXPECT_GT(DeafCompanion::readToEnd(first), kMoreThanASocketHolds);
+  EXPECT_GT(DeafCompanion::readToEnd(companion.accept()), 4U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Events, MonitoringMemory, testing::Values(&largeEvent, &smallEvent));
