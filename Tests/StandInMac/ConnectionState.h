@@ -3,15 +3,15 @@
 #import <NetworkExtension/NetworkExtension.h>
 
 #include <atomic>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <string>
+#include <thread>
 #include <vector>
 
 #import "Platform/macOS/Dispatch/CompletionBlocks.h"
 #import "Platform/macOS/Foundation/Reference.h"
+#include "Tests/StandInMac/ObjectLife.h"
 #include "Tests/StandInMac/StreamSocket.h"
 
 namespace ostravel::standin {
@@ -28,8 +28,9 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   static NWTCPConnection* makeConnection(std::vector<std::byte> address);
 
   // The reference count of the object, and its end.
-  void retainObject() { ++references_; }
-  bool releaseObject() { return --references_ == 0; }
+  void retainObject() { life_.retain(); }
+  // True for the last reference.
+  bool releaseObject();
   void objectWasReleased();
 
   NWTCPConnectionState state() const;
@@ -43,8 +44,8 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   void cancel();
   void setNextRead(NSData* data, NSError* error);
 
-  // The state does not change while this is held.
-  std::unique_lock<std::mutex> holdChanges() { return std::unique_lock(changing_); }
+  // The state does not change on another thread while this is held.
+  std::unique_lock<std::recursive_mutex> holdChanges() { return std::unique_lock(changing_); }
 
  private:
   // Null when the object is gone or on its way.
@@ -60,8 +61,11 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   void finishRead(const ReadBlock& completion, const std::vector<std::byte>& bytes, int error);
   void finishWrite(const ErrorBlock& completion, int error);
 
-  std::atomic<std::int64_t> references_ = 1;
-  std::mutex changing_;
+  ObjectLife life_;
+  // Recursive: an observer may cancel the connection that notifies it.
+  std::recursive_mutex changing_;
+  // On which a notification is under way.
+  std::atomic<std::thread::id> notifyingThread_;
   mutable std::mutex lock_;
   // Unretained.
   NWTCPConnection* object_ = nil;

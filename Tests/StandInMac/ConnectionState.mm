@@ -3,26 +3,22 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <utility>
 
-#import "Tests/StandInMac/StandInNetworkExtension.h"
+#include "Tests/StandInMac/SystemBehaviour.h"
 #include "Tests/StandInMac/WorkerPool.h"
 
 namespace ostravel::standin {
 
 namespace {
 
-std::atomic<RefusedConnection> refusedConnectionBehaviour = RefusedConnection::disconnects;
-
 NSError* posixError(int error) {
   return error == 0 ? nil : [NSError errorWithDomain:NSPOSIXErrorDomain code:error userInfo:nil];
 }
 
 }  // namespace
-
-void setRefusedConnectionBehaviour(RefusedConnection behaviour) {
-  refusedConnectionBehaviour = behaviour;
-}
 
 NWTCPConnection* ConnectionState::makeConnection() {
   NWTCPConnection* const object = [NWTCPConnection alloc];
@@ -38,6 +34,10 @@ NWTCPConnection* ConnectionState::makeConnection(std::vector<std::byte> address)
   const int family = static_cast<int>(std::to_integer<unsigned>(address[0]));
   state->socket_ = std::make_shared<StreamSocket>(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
   state->state_ = NWTCPConnectionStateConnecting;
+  if (systemBehaviour().refusesConnections) {
+    runOnWorker([state] { state->finishConnecting(ECONNREFUSED); });
+    return object;
+  }
   state->socket_->connect(std::move(address),
                           [state](int error) { state->finishConnecting(error); });
   return object;
@@ -45,13 +45,18 @@ NWTCPConnection* ConnectionState::makeConnection(std::vector<std::byte> address)
 
 macos::Reference<NWTCPConnection*> ConnectionState::object() {
   const std::lock_guard guard(lock_);
-  auto count = references_.load();
-  while (count > 0) {
-    if (references_.compare_exchange_weak(count, count + 1)) {
-      return macos::Reference<NWTCPConnection*>::adopting(object_);
-    }
+  return life_.tryRetain() ? macos::Reference<NWTCPConnection*>::adopting(object_)
+                           : macos::Reference<NWTCPConnection*>();
+}
+
+bool ConnectionState::releaseObject() {
+  const bool isLast = life_.release();
+  // One reference is the notification's, which on a Mac nothing is known to hold.
+  if (life_.references() == 1 && notifyingThread_ == std::this_thread::get_id()) {
+    std::fputs("BROKEN RULE: a connection was released inside its own notification\n", stderr);
+    std::abort();
   }
-  return {};
+  return isLast;
 }
 
 void ConnectionState::objectWasReleased() {
@@ -59,7 +64,7 @@ void ConnectionState::objectWasReleased() {
     const std::lock_guard guard(lock_);
     object_ = nil;
     if (socket_) {
-      socket_->close();
+      systemBehaviour().closesReleasedConnections ? socket_->close() : socket_->leaveOpen();
     }
   }
   endWaiting(ECANCELED);
@@ -85,6 +90,7 @@ void ConnectionState::setState(NWTCPConnectionState state, NSError* error) {
       return;
     }
   }
+  const std::thread::id outerThread = notifyingThread_.exchange(std::this_thread::get_id());
   [held.get() willChangeValueForKey:@"state"];
   {
     const std::lock_guard guard(lock_);
@@ -92,6 +98,7 @@ void ConnectionState::setState(NWTCPConnectionState state, NSError* error) {
     error_ = macos::Reference<NSError*>::retaining(error);
   }
   [held.get() didChangeValueForKey:@"state"];
+  notifyingThread_ = outerThread;
 }
 
 void ConnectionState::noteFailure(int error) {
@@ -103,7 +110,8 @@ void ConnectionState::noteFailure(int error) {
 void ConnectionState::finishConnecting(int error) {
   if (error == 0) {
     setState(NWTCPConnectionStateConnected, nil);
-  } else if (error == ECONNREFUSED && refusedConnectionBehaviour == RefusedConnection::waits) {
+  } else if (error == ECONNREFUSED &&
+             systemBehaviour().refusedConnection == RefusedConnection::waits) {
     setState(NWTCPConnectionStateWaiting, nil);
     return;
   } else if (error != ECANCELED) {
@@ -232,10 +240,15 @@ void ConnectionState::cancel() {
       socket_->close();
     }
   }
-  runOnWorker([self = shared_from_this()] {
+  const auto become = [self = shared_from_this()] {
     self->setState(NWTCPConnectionStateCancelled, nil);
     self->endWaiting(ECANCELED);
-  });
+  };
+  if (systemBehaviour().notifiesInsideCancel) {
+    become();
+  } else {
+    runOnWorker(become);
+  }
 }
 
 void ConnectionState::setNextRead(NSData* data, NSError* error) {

@@ -13,9 +13,9 @@
 
 namespace ostravel::standin {
 
-// What there is behind a flow object, which it outlives as a record. The application's stream is
-// reset when a flow that carried something is released unclosed; it is kept as it is when nothing
-// was carried yet.
+// What there is behind a flow object, which it outlives as a record. A flow that is released
+// unclosed goes on without the provider until it was taken or carried something; SystemBehaviour
+// says what becomes of it after that.
 class FlowState final : public FlowRecord, public std::enable_shared_from_this<FlowState> {
  public:
   using ErrorBlock = macos::Reference<macos::ErrorBlock>;
@@ -41,6 +41,7 @@ class FlowState final : public FlowRecord, public std::enable_shared_from_this<F
   bool isWriteClosed() const override;
   NSError* closeReadError() const override;
   NSError* closeWriteError() const override;
+  void noteTaken() override;
   bool wasLeftToSystem() const override;
   void onLeftToSystem(std::function<void()> function) override;
   NWEndpoint* openedLocalEndpoint() const override;
@@ -73,6 +74,7 @@ class FlowState final : public FlowRecord, public std::enable_shared_from_this<F
   bool isWriting_ = false;
   bool isReadClosed_ = false;
   bool isWriteClosed_ = false;
+  bool wasTaken_ = false;
   bool hasCarried_ = false;
   bool wasLeftToSystem_ = false;
   bool holdsOpening_ = false;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Tests/StandInMac/SystemBehaviour.h"
 #include "Tests/StandInMac/WorkerPool.h"
 
 namespace ostravel::standin {
@@ -181,14 +182,19 @@ void FlowState::objectWasReleased() {
   if (!socket_ || (isReadClosed_ && isWriteClosed_)) {
     return;
   }
-  if (hasCarried_) {
+  const ReleasedFlow outcome = systemBehaviour().releasedFlow;
+  if ((wasTaken_ || hasCarried_) && outcome == ReleasedFlow::stays) {
+    socket_->leaveOpen();
+    return;
+  }
+  if (hasCarried_ || (wasTaken_ && outcome == ReleasedFlow::resets)) {
     socket_->reset();
-  } else {
-    wasLeftToSystem_ = !isReadClosed_ && !isWriteClosed_;
-    socket_->abandon();
-    if (wasLeftToSystem_ && onLeftToSystem_) {
-      onLeftToSystem_();
-    }
+    return;
+  }
+  wasLeftToSystem_ = !isReadClosed_ && !isWriteClosed_;
+  socket_->abandon();
+  if (wasLeftToSystem_ && onLeftToSystem_) {
+    onLeftToSystem_();
   }
 }
 
@@ -206,6 +212,10 @@ NSError* FlowState::closeReadError() const {
 }
 NSError* FlowState::closeWriteError() const {
   return borrowed(locked(&FlowState::closeWriteError_));
+}
+void FlowState::noteTaken() {
+  const std::lock_guard guard(lock_);
+  wasTaken_ = true;
 }
 bool FlowState::wasLeftToSystem() const {
   return locked(&FlowState::wasLeftToSystem_);

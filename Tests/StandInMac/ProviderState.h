@@ -2,12 +2,14 @@
 
 #import <NetworkExtension/NetworkExtension.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
 
 #import "Platform/macOS/Dispatch/CompletionBlocks.h"
 #import "Platform/macOS/Foundation/Reference.h"
+#include "Tests/StandInMac/ObjectLife.h"
 #import "Tests/StandInMac/StandInNetworkExtension.h"
 
 namespace ostravel::standin {
@@ -16,6 +18,9 @@ namespace ostravel::standin {
 class ProviderState final : public SettingsHold {
  public:
   using ErrorBlock = macos::Reference<macos::ErrorBlock>;
+
+  // Of the object.
+  ObjectLife& life() { return life_; }
 
   // Borrowed; nil for none.
   NEVPNProtocol* configuration() const;
@@ -27,6 +32,7 @@ class ProviderState final : public SettingsHold {
   void fail(NSError* error);
   void hold();
   void letGo() override;
+  void onSettings(std::function<void()> function);
 
  private:
   struct Answer {
@@ -36,12 +42,14 @@ class ProviderState final : public SettingsHold {
 
   static void answerLater(const Answer& answer);
 
+  ObjectLife life_;
   mutable std::mutex lock_;
   macos::Reference<NEVPNProtocol*> configuration_;
   std::vector<AppliedSettings> applied_;
   macos::Reference<NSError*> failure_;
   bool isHeld_ = false;
   std::vector<Answer> held_;
+  std::function<void()> onSettings_;
 };
 
 }  // namespace ostravel::standin

@@ -1,8 +1,11 @@
 #import "Tests/StandInMac/ProviderState.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <utility>
 
 #import "Platform/macOS/Foundation/FoundationText.h"
+#include "Tests/StandInMac/SystemBehaviour.h"
 #include "Tests/StandInMac/WorkerPool.h"
 
 namespace ostravel::standin {
@@ -56,8 +59,13 @@ void ProviderState::apply(NETunnelNetworkSettings* settings, ErrorBlock completi
     areAcceptable = readRules([proxySettings includedNetworkRules], applied.included);
     areAcceptable &= readRules([proxySettings excludedNetworkRules], applied.excluded);
   }
-  const std::lock_guard guard(lock_);
+  std::unique_lock guard(lock_);
+  if (!applied_.empty() && systemBehaviour().crashesOnRepeatedSettings) {
+    std::fputs("BUG IN CLIENT OF DISPATCH: Over-resume of an object\n", stderr);
+    std::abort();
+  }
   applied_.push_back(std::move(applied));
+  const auto onSettings = onSettings_;
   Answer answer{std::move(completion), failure_};
   if (!areAcceptable) {
     answer.error = macos::Reference<NSError*>::retaining([NSError
@@ -67,9 +75,25 @@ void ProviderState::apply(NETunnelNetworkSettings* settings, ErrorBlock completi
   }
   if (isHeld_) {
     held_.push_back(std::move(answer));
+    answer = {};
+  }
+  guard.unlock();
+  if (onSettings) {
+    onSettings();
+  }
+  if (answer.completion.get() == nil) {
+    return;
+  }
+  if (systemBehaviour().answersSettingsInsideTheCall) {
+    answer.completion.get()(answer.error.get());
   } else {
     answerLater(answer);
   }
+}
+
+void ProviderState::onSettings(std::function<void()> function) {
+  const std::lock_guard guard(lock_);
+  onSettings_ = std::move(function);
 }
 
 void ProviderState::answerLater(const Answer& answer) {

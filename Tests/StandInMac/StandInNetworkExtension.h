@@ -39,8 +39,10 @@ class FlowRecord {
   // Autoreleased; nil for none.
   virtual NSError* closeReadError() const = 0;
   virtual NSError* closeWriteError() const = 0;
-  // Released unclosed before anything of it was carried: the system would carry on with it. The
-  // function is called at that moment.
+  // The provider has answered the offer with yes.
+  virtual void noteTaken() = 0;
+  // Released unclosed before it was taken, or before anything of it was carried where a taken flow
+  // can be handed back: the system carries on with it. The function is called at that moment.
   virtual bool wasLeftToSystem() const = 0;
   virtual void onLeftToSystem(std::function<void()> function) = 0;
   // The local endpoint that open was given; nil for none.
@@ -65,8 +67,6 @@ NWHostEndpoint* makeHostEndpoint(NSString* hostname, NSString* port);
 
 // --- Connections, those that providers make from now on.
 
-enum class RefusedConnection { disconnects, waits };
-void setRefusedConnectionBehaviour(RefusedConnection behaviour);
 // createTCPConnectionToEndpoint: gives nil.
 void setConnectionCreationFailure(bool fails);
 // A connection that is not connected to anything; the states are set by hand.
@@ -95,6 +95,8 @@ class SettingsHold {
   virtual void letGo() = 0;
 };
 std::shared_ptr<SettingsHold> holdSettings(NETunnelProvider* provider);
+// The function is called inside each call that applies settings.
+void onSettings(NETunnelProvider* provider, std::function<void()> function);
 
 // What startSystemExtensionMode does, in StandInSystem: plays the system for the process entry,
 // with the principal class of that name.

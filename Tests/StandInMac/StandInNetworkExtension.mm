@@ -300,6 +300,16 @@ std::optional<std::vector<std::byte>> addressOf(NWEndpoint* endpoint) {
 // Providers
 
 @implementation NEProvider
+// Counted by the state behind, so that the object can be referred to weakly.
+- (id)retain {
+  stateOf<ProviderState>(self)->life().retain();
+  return self;
+}
+- (oneway void)release {
+  if (stateOf<ProviderState>(self)->life().release()) {
+    [self dealloc];
+  }
+}
 - (instancetype)init {
   self = [super init];
   _standInStorage = std::make_shared<ProviderState>();
@@ -431,6 +441,10 @@ std::shared_ptr<SettingsHold> holdSettings(NETunnelProvider* provider) {
   const auto state = stateOf<ProviderState>(provider);
   state->hold();
   return state;
+}
+
+void onSettings(NETunnelProvider* provider, std::function<void()> function) {
+  stateOf<ProviderState>(provider)->onSettings(std::move(function));
 }
 
 }  // namespace ostravel::standin

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -166,6 +167,17 @@ void StreamSocket::reset() {
   sockaddr nowhere{};
   nowhere.sa_family = AF_UNSPEC;
   ::connect(descriptor_, &nowhere, sizeof nowhere);
+}
+
+void StreamSocket::leaveOpen() {
+  if (isEnded_.exchange(true)) {
+    return;
+  }
+  abandon();
+  static std::mutex lock;
+  static auto& open = *new std::vector<std::shared_ptr<StreamSocket>>();
+  const std::lock_guard guard(lock);
+  open.push_back(shared_from_this());
 }
 
 StreamPair makeStreamPair() {

@@ -39,6 +39,8 @@ class StreamSocket : public std::enable_shared_from_this<StreamSocket> {
   void close();
   // Abandons, and ends the stream with a reset.
   void reset();
+  // Abandons, and lets the stream exist until the process ends.
+  void leaveOpen();
 
  private:
   // Waits for the socket or for the end; 0 when the socket is ready, else an errno value.

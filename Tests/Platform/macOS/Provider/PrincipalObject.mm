@@ -71,7 +71,12 @@ bool PrincipalObject::offer(NEAppProxyFlow* flow) {
       return [object_.get() handleNewUDPFlow:static_cast<NEAppProxyUDPFlow*>(flow)
                        initialRemoteEndpoint:standin::makeHostEndpoint(@"192.0.2.1", @"443")];
     }
-    return [object_.get() handleNewFlow:flow];
+    const auto record = flow != nil ? standin::recordOf(flow) : nullptr;
+    const bool isTaken = [object_.get() handleNewFlow:flow];
+    if (isTaken) {
+      record->noteTaken();
+    }
+    return isTaken;
   }
 }
 
