@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "Platform/Interface/TransparentProxyProvider.h"
+#import "Platform/macOS/Provider/StartCoalescer.h"
 
 namespace ostravel::macos {
 
@@ -23,12 +24,13 @@ void setProviderFactory(ProviderFactory factory);
 }  // namespace ostravel::macos
 
 // The principal class, named in the Info.plist of the extension. Owns one provider of the core and
-// passes on what the system asks of it; decides nothing. The system owns the object and calls it on
-// threads of its own.
+// forwards the system's calls to it; repeated starts reach it once. The system owns the object, and
+// calls it on threads that it does not document.
 @interface OVPacketTunnelProvider : NETransparentProxyProvider {
  @private
   // Shared with the provider, so that it outlives it.
   std::shared_ptr<ostravel::macos::SystemProviderContext> _context;
   std::shared_ptr<ostravel::platform::TransparentProxyProvider> _provider;
+  ostravel::macos::StartCoalescer _starts;
 }
 @end

@@ -73,10 +73,14 @@ void setProviderFactory(ProviderFactory factory) {
   const auto handler =
       ostravel::macos::Reference<ostravel::macos::ErrorBlock>::retaining(completionHandler);
   @autoreleasepool {
-    _provider->startProxy(ostravel::macos::configurationFrom(options),
-                          [handler](const ostravel::platform::OptionalError& error) {
-                            handler.get()(ostravel::macos::makeNSError(error));
-                          });
+    auto completion = _starts.admit([handler](const ostravel::platform::OptionalError& error) {
+      @autoreleasepool {
+        handler.get()(ostravel::macos::makeNSError(error));
+      }
+    });
+    if (completion) {
+      _provider->startProxy(ostravel::macos::configurationFrom(options), *std::move(completion));
+    }
   }
 }
 
@@ -85,6 +89,7 @@ void setProviderFactory(ProviderFactory factory) {
   const auto handler =
       ostravel::macos::Reference<ostravel::macos::StopBlock>::retaining(completionHandler);
   @autoreleasepool {
+    _starts.noteStop();
     _provider->stopProxy(static_cast<ostravel::platform::ProviderStopReason>(reason),
                          [handler] { handler.get()(); });
   }

@@ -11,6 +11,7 @@
 #include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/ErrorWithoutText.h"
 #import "Tests/StandInMac/LogRecord.h"
+#include "Tests/StandInMac/SystemBehaviour.h"
 #include "Tests/StandInMac/WorkerPool.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/TemporaryFolder.h"
@@ -118,17 +119,59 @@ TEST_F(LifecycleTest, AnErrorWithoutDescriptionIsPassedOn) {
   EXPECT_TRUE(wasLogged("OstravelProxy: Failed to set rules: "));
 }
 
-TEST_F(LifecycleTest, ASecondStartIsHarmless) {
+TEST_F(LifecycleTest, StartsThatOverlapReachTheCoreOnce) {
+  const standin::BehaviourScope behaviour({.crashesOnRepeatedSettings = true});
+  const auto hold = standin::holdSettings(provider_.get());
   const auto first = provider_.start();
   const auto second = provider_.start();
+  standin::settleWorkers();
+  EXPECT_EQ(first->count + second->count, 0);
+  hold->letGo();
   ASSERT_TRUE(waitUntil([&] { return first->count > 0 && second->count > 0; }));
   standin::settleWorkers();
   EXPECT_EQ(first->count, 1);
   EXPECT_EQ(second->count, 1);
   EXPECT_EQ(first->error().get(), nil);
   EXPECT_EQ(second->error().get(), nil);
-  EXPECT_EQ(standin::appliedSettings(provider_.get()).size(), 2U);
+  EXPECT_EQ(standin::appliedSettings(provider_.get()).size(), 1U);
   EXPECT_EQ(provider_.stop()->count, 1);
+}
+
+TEST_F(LifecycleTest, AStartOfARunningProviderIsAnsweredAtOnce) {
+  const standin::BehaviourScope behaviour({.crashesOnRepeatedSettings = true});
+  provider_.startUp();
+  const auto second = provider_.start();
+  EXPECT_EQ(second->count, 1);
+  EXPECT_EQ(second->error().get(), nil);
+}
+
+TEST_F(LifecycleTest, OverlappingStartsFailWithTheSameError) {
+  standin::failSettings(provider_.get(), [NSError errorWithDomain:@"Domain" code:4 userInfo:nil]);
+  const auto first = provider_.start();
+  const auto second = provider_.start();
+  ASSERT_TRUE(waitUntil([&] { return first->count > 0 && second->count > 0; }));
+  EXPECT_EQ([first->error().get() code], 4);
+  EXPECT_EQ([second->error().get() code], 4);
+}
+
+TEST_F(LifecycleTest, AStartAfterAStopReachesTheCore) {
+  provider_.startUp();
+  provider_.stop();
+  provider_.startUp();
+  EXPECT_EQ(standin::appliedSettings(provider_.get()).size(), 2U);
+}
+
+// What the stand-in is good for: it does end a process that applies its settings twice.
+TEST_F(LifecycleTest, TheStandInCrashesOnRepeatedSettings) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        const standin::BehaviourScope behaviour({.crashesOnRepeatedSettings = true});
+        provider_.startUp();
+        provider_.stop();
+        provider_.start();
+      },
+      "Over-resume");
 }
 
 TEST_F(LifecycleTest, TheStartIsAnsweredWhenTheProviderHasGone) {
@@ -214,6 +257,7 @@ TEST_F(NoMonitoringPathTest, ValuesOfOtherTypes) {
   for (id value in values) {
     provider_.configure([NSDictionary dictionaryWithObject:value forKey:@"monitoringSocketPath"]);
     provider_.startUp();
+    provider_.stop();
   }
   expectSilence();
 }

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "Platform/Interface/Completion.h"
+
+namespace ostravel::macos {
+
+// Admits the first start of a provider and joins the later ones to it. macOS 26 sometimes starts a
+// provider a second time without a stop between, and a process that then applies its network
+// settings again crashes. Owned by the principal object. Usable from any thread; calls completions
+// without a lock.
+//
+// A failed start, too, is the result of all starts until the next stop.
+class StartCoalescer {
+ public:
+  // The completion with which to start the provider, when this is the first start since the last
+  // stop. Absent: the result of the first start answers the given completion, at once if it is
+  // known already.
+  std::optional<platform::ErrorCompletion> admit(platform::ErrorCompletion completion);
+
+  // The next start is a first one again. Starts that still wait get the result of theirs.
+  void noteStop();
+
+ private:
+  // From a first start to the next stop.
+  class Run;
+
+  std::mutex lock_;
+  // Null when stopped.
+  std::shared_ptr<Run> run_;
+};
+
+}  // namespace ostravel::macos
