@@ -16,7 +16,6 @@ namespace ostravel::contract {
 class MacContractEnvironment final : public ContractEnvironment {
  public:
   MacContractEnvironment();
-  ~MacContractEnvironment() override;
 
   platform::Platform& platform() override { return platform_; }
   bool waitUntil(const Condition& condition) override;

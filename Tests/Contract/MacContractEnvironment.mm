@@ -52,10 +52,6 @@ MacContractEnvironment::MacContractEnvironment()
           [[NETransparentProxyProvider alloc] init])),
       context_(provider_.get()) {}
 
-MacContractEnvironment::~MacContractEnvironment() {
-  context_.detach();
-}
-
 bool MacContractEnvironment::waitUntil(const Condition& condition) {
   const auto end = std::chrono::steady_clock::now() + kLimit;
   while (!condition()) {

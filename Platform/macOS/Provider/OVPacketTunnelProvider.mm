@@ -60,10 +60,6 @@ void setProviderFactory(ProviderFactory factory) {
 }
 
 - (void)dealloc {
-  // First of all, so that nothing is asked of this object any more.
-  if (_context) {
-    _context->detach();
-  }
   _provider.reset();
   [super dealloc];
 }
@@ -79,7 +75,9 @@ void setProviderFactory(ProviderFactory factory) {
       }
     });
     if (completion) {
-      _provider->startProxy(ostravel::macos::configurationFrom(options), *std::move(completion));
+      // Held, here and below: the call may release the last reference to this object.
+      const auto provider = _provider;
+      provider->startProxy(ostravel::macos::configurationFrom(options), *std::move(completion));
     }
   }
 }
@@ -90,15 +88,17 @@ void setProviderFactory(ProviderFactory factory) {
       ostravel::macos::Reference<ostravel::macos::StopBlock>::retaining(completionHandler);
   @autoreleasepool {
     _starts.noteStop();
-    _provider->stopProxy(static_cast<ostravel::platform::ProviderStopReason>(reason),
-                         [handler] { handler.get()(); });
+    const auto provider = _provider;
+    provider->stopProxy(static_cast<ostravel::platform::ProviderStopReason>(reason),
+                        [handler] { handler.get()(); });
   }
 }
 
 // Also called for UDP flows: the system's own handling of those asks here.
 - (BOOL)handleNewFlow:(NEAppProxyFlow*)flow {
   @autoreleasepool {
-    return _provider->handleNewFlow(ostravel::macos::makeFlow(flow));
+    const auto provider = _provider;
+    return provider->handleNewFlow(ostravel::macos::makeFlow(flow));
   }
 }
 

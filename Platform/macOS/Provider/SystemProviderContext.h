@@ -2,21 +2,23 @@
 
 #import <NetworkExtension/NetworkExtension.h>
 
-#include <mutex>
+#include <memory>
 
 #include "Platform/Interface/TransparentProxyProvider.h"
+#import "Platform/macOS/Dispatch/CompletionQueue.h"
+#import "Platform/macOS/Foundation/WeakReference.h"
 
 namespace ostravel::macos {
 
-// What the system does for its provider, asked of the principal object. That object makes this one,
-// is held unretained, and says when it goes: work of the core that is still under way then finds a
+// What the system does for its provider, asked of the principal object, which makes this one and
+// is held weakly. Work of the core that is still under way when that object has gone finds a
 // context that fails everything. Usable from any thread.
+//
+// An operation may release the last reference to the principal object, which then ends, and lets go
+// of the core's provider, before the operation returns.
 class SystemProviderContext final : public platform::ProviderContext {
  public:
-  explicit SystemProviderContext(NETransparentProxyProvider* provider) : provider_(provider) {}
-
-  // Returns when no call to the principal object is under way any more.
-  void detach();
+  explicit SystemProviderContext(NETransparentProxyProvider* provider);
 
   void setTunnelNetworkSettings(platform::TransparentProxyNetworkSettings settings,
                                 platform::ErrorCompletion completion) override;
@@ -25,8 +27,8 @@ class SystemProviderContext final : public platform::ProviderContext {
   std::optional<platform::TunnelProviderProtocol> protocolConfiguration() const override;
 
  private:
-  mutable std::mutex lock_;
-  NETransparentProxyProvider* provider_;
+  const WeakReference<NETransparentProxyProvider*> provider_;
+  const std::shared_ptr<CompletionQueue> queue_;
 };
 
 }  // namespace ostravel::macos

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <utility>
 
-#import "Platform/macOS/Dispatch/SystemDispatchQueue.h"
 #import "Platform/macOS/Flow/NetworkEndpoints.h"
 #import "Platform/macOS/Flow/SystemTCPConnection.h"
 #import "Platform/macOS/Foundation/FoundationError.h"
@@ -12,47 +11,37 @@
 
 namespace ostravel::macos {
 
-namespace {
-
-// Never inside the call that asked for it.
-void failLater(platform::ErrorCompletion completion) {
-  SystemDispatchQueue queue("com.ostravel.networkSettings", platform::DispatchQueueKind::serial);
-  queue.async([completion = std::move(completion)] {
-    completion(platform::Error{std::string(platform::kPOSIXErrorDomain), ECANCELED,
-                               "The provider is gone"});
-  });
-}
-
-}  // namespace
-
-void SystemProviderContext::detach() {
-  const std::lock_guard guard(lock_);
-  provider_ = nil;
-}
+SystemProviderContext::SystemProviderContext(NETransparentProxyProvider* provider)
+    : provider_(provider), queue_(std::make_shared<CompletionQueue>()) {}
 
 void SystemProviderContext::setTunnelNetworkSettings(
     platform::TransparentProxyNetworkSettings settings, platform::ErrorCompletion completion) {
-  const std::lock_guard guard(lock_);
-  if (provider_ == nil) {
-    failLater(std::move(completion));
-    return;
-  }
   @autoreleasepool {
-    // Not tied to the life of anything: the system's own start waits for this completion.
-    [provider_ setTunnelNetworkSettings:makeProxyNetworkSettings(settings)
-                      completionHandler:^(NSError* error) {
-                        @autoreleasepool {
-                          completion(errorFrom(error));
-                        }
-                      }];
+    const auto provider = provider_.lock();
+    if (provider.get() == nil) {
+      queue_->run([completion = std::move(completion)] {
+        completion(platform::Error{std::string(platform::kPOSIXErrorDomain), ECANCELED,
+                                   "The provider is gone"});
+      });
+      return;
+    }
+    const auto queue = queue_;
+    // Not tied to the life of anything: the system's own start waits for this completion. By way of
+    // the queue, because the system may answer inside the call.
+    [provider.get()
+        setTunnelNetworkSettings:makeProxyNetworkSettings(settings)
+               completionHandler:^(NSError* error) {
+                 const auto heldError = Reference<NSError*>::retaining(error);
+                 queue->run([completion, heldError] { completion(errorFrom(heldError.get())); });
+               }];
   }
 }
 
 std::shared_ptr<platform::TCPConnection> SystemProviderContext::createTCPConnection(
     const platform::HostEndpoint& endpoint, platform::TLSPolicy tls) {
-  const std::lock_guard guard(lock_);
   @autoreleasepool {
-    return SystemTCPConnection::make([provider_
+    const auto provider = provider_.lock();
+    return SystemTCPConnection::make([provider.get()
         createTCPConnectionToEndpoint:makeNWHostEndpoint(endpoint)
                             enableTLS:tls == platform::TLSPolicy::enabled
                         TLSParameters:nil
@@ -62,9 +51,9 @@ std::shared_ptr<platform::TCPConnection> SystemProviderContext::createTCPConnect
 
 std::optional<platform::TunnelProviderProtocol> SystemProviderContext::protocolConfiguration()
     const {
-  const std::lock_guard guard(lock_);
   @autoreleasepool {
-    NEVPNProtocol* const protocol = [provider_ protocolConfiguration];
+    const auto provider = provider_.lock();
+    NEVPNProtocol* const protocol = [provider.get() protocolConfiguration];
     if (![protocol isKindOfClass:[NETunnelProviderProtocol class]]) {
       return std::nullopt;
     }

@@ -198,6 +198,25 @@ TEST_F(LifecycleTest, AFailedStartIsAnsweredWhenTheProviderHasGone) {
   EXPECT_EQ([answer->error().get() code], 4);
 }
 
+TEST_F(LifecycleTest, SettingsMayBeAnsweredInsideTheCall) {
+  const standin::BehaviourScope behaviour({.answersSettingsInsideTheCall = true});
+  provider_.startUp();
+  EXPECT_TRUE(wasLogged("OstravelProxy: Rules set successfully"));
+}
+
+TEST_F(LifecycleTest, TheSystemMayReleaseTheProviderInsideItsStart) {
+  for (const bool answersInside : {false, true}) {
+    standin::clearLogRecord();
+    const standin::BehaviourScope behaviour({.answersSettingsInsideTheCall = answersInside});
+    PrincipalObject provider;
+    standin::onSettings(provider.get(), [&provider] { provider.release(); });
+    const auto answer = provider.start();
+    ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
+    ASSERT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
+    EXPECT_EQ(answer->error().get(), nil);
+  }
+}
+
 TEST_F(LifecycleTest, StopsAtOnce) {
   provider_.startUp();
   EXPECT_EQ(provider_.stop()->count, 1);
