@@ -4,21 +4,17 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <future>
 #include <memory>
-#include <mutex>
-#include <span>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Tests/Platform/Linux/Support/KeptLog.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 
 namespace ostravel::linuxplatform {
@@ -26,47 +22,13 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::Connecting;
+using testing::KeptLog;
 using testing::Listener;
 using testing::loopbackSettings;
 using testing::outputOf;
 
 constexpr auto kGenerous = 20s;
 constexpr auto kShortPause = 50ms;
-
-// Keeps what is logged.
-class KeptLog final : public platform::Log {
- public:
-  // Waits until a line has this text; empty if none comes.
-  std::string wait(const std::string& text) {
-    std::unique_lock guard(lock_);
-    std::string found;
-    changed_.wait_for(guard, kGenerous, [this, &text, &found] {
-      for (const std::string& line : lines_) {
-        if (line.find(text) != std::string::npos) {
-          found = line;
-        }
-      }
-      return !found.empty();
-    });
-    return found;
-  }
-  std::size_t count() {
-    const std::lock_guard guard(lock_);
-    return lines_.size();
-  }
-
- private:
-  void write(platform::LogLevel /*level*/, std::string_view format,
-             std::span<const platform::LogArgument> arguments) override {
-    const std::lock_guard guard(lock_);
-    lines_.push_back(platform::formatLogLine(format, arguments));
-    changed_.notify_all();
-  }
-
-  std::mutex lock_;
-  std::condition_variable changed_;
-  std::vector<std::string> lines_;
-};
 
 class RedirectSupervisorTest : public ::testing::Test {
  protected:

@@ -1,0 +1,186 @@
+#include "Platform/Linux/Interception/Interceptor.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Platform/Interface/AppProxyTCPFlow.h"
+#include "Platform/Interface/SystemLimits.h"
+#include "Platform/Linux/Interception/FlowAdmission.h"
+#include "Tests/Platform/Linux/Support/KeptLog.h"
+#include "Tests/Platform/Linux/Support/NetworkFixture.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Connecting;
+using testing::KeptLog;
+using testing::Listener;
+using testing::loopbackSettings;
+using testing::outputOf;
+
+constexpr auto kGenerous = 20s;
+// Shorter than any retransmission.
+constexpr auto kSoon = 300ms;
+constexpr std::uint16_t kPort = 8000;
+
+class InterceptorTest : public ::testing::Test {
+ protected:
+  ~InterceptorTest() override {
+    interceptor_.reset();
+    heartbeat_.stop();
+    loops_.stop();
+  }
+
+  // Flows are taken when doesTake; all of them are kept.
+  void start(bool doesTake) {
+    auto started = Interceptor::start(
+        loopbackSettings(), log_,
+        {.loops = loops_,
+         .descriptors = descriptors_,
+         .heartbeat = heartbeat_,
+         .onAlive = [this] { ++beats_; },
+         .proxyUsers = {}},
+        [this, doesTake](std::shared_ptr<platform::AppProxyFlow> flow) {
+          const std::lock_guard guard(lock_);
+          identifiers_.push_back(flow->sourceAppSigningIdentifier());
+          const auto* tcp = dynamic_cast<platform::AppProxyTCPFlow*>(flow.get());
+          endpoints_.push_back(tcp != nullptr ? tcp->remoteEndpoint() : std::nullopt);
+          if (doesTake) {
+            flows_.push_back(std::move(flow));
+          }
+          return doesTake;
+        });
+    ASSERT_TRUE(started) << started.error().localizedDescription;
+    interceptor_ = *std::move(started);
+    heartbeat_.start();
+    ASSERT_TRUE(eventually([this] { return loops_.redirectPath().isUsable(AddressFamily::ipv4); }));
+  }
+
+  static bool eventually(const std::function<bool()>& condition) {
+    const auto limit = std::chrono::steady_clock::now() + kGenerous;
+    while (!condition() && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::yield();
+    }
+    return condition();
+  }
+
+  std::size_t offered() {
+    const std::lock_guard guard(lock_);
+    return identifiers_.size();
+  }
+  std::shared_ptr<platform::AppProxyTCPFlow> takenFlow() {
+    EXPECT_TRUE(eventually([this] { return offered() > 0; }));
+    const std::lock_guard guard(lock_);
+    return flows_.empty() ? nullptr
+                          : std::dynamic_pointer_cast<platform::AppProxyTCPFlow>(flows_.front());
+  }
+
+  const std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
+  DescriptorBudget descriptors_{10'000};
+  EventLoopGroup loops_{descriptors_, 1};
+  HeartbeatRecord record_;
+  Heartbeat heartbeat_{record_};
+  std::atomic<int> beats_ = 0;
+  std::mutex lock_;
+  // Guarded by lock_, in the order of the offers.
+  std::vector<std::string> identifiers_;
+  std::vector<std::optional<platform::HostEndpoint>> endpoints_;
+  std::vector<std::shared_ptr<platform::AppProxyFlow>> flows_;
+  std::unique_ptr<Interceptor> interceptor_;
+};
+
+TEST_F(InterceptorTest, OffersAFlowWithApplicationAndDestination) {
+  start(false);
+  Listener origin("127.0.0.1", kPort);
+  const Connecting application("127.0.0.1", kPort);
+  EXPECT_EQ(application.result(kGenerous), 0);
+  const std::lock_guard guard(lock_);
+  ASSERT_EQ(identifiers_.size(), 1U);
+  EXPECT_EQ(identifiers_[0], std::filesystem::read_symlink("/proc/self/exe").string());
+  EXPECT_EQ(endpoints_[0], (platform::HostEndpoint{"127.0.0.1", "8000"}));
+}
+
+TEST_F(InterceptorTest, ADeclinedFlowReachesItsDestinationUnchanged) {
+  start(false);
+  Listener origin("127.0.0.1", kPort);
+  const Connecting application("127.0.0.1", kPort);
+  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort());
+}
+
+TEST_F(InterceptorTest, ATakenFlowIsHeldUntilItIsDecided) {
+  start(true);
+  Listener origin("127.0.0.1", kPort);
+  const Connecting application("127.0.0.1", kPort);
+  ASSERT_TRUE(takenFlow());
+  EXPECT_EQ(application.result(kSoon), EINPROGRESS);
+}
+
+TEST_F(InterceptorTest, AFlowClosedWithAnErrorGoesDirect) {
+  start(true);
+  Listener origin("127.0.0.1", kPort);
+  const Connecting application("127.0.0.1", kPort);
+  const auto flow = takenFlow();
+  ASSERT_TRUE(flow);
+  const platform::Error error{"test", 1, "the proxy is gone"};
+  flow->closeRead(error);
+  flow->closeWrite(error);
+  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(offered(), 1U);
+}
+
+TEST_F(InterceptorTest, AFlowClosedWithoutAnErrorIsRefused) {
+  start(true);
+  Listener origin("127.0.0.1", kPort);
+  const Connecting application("127.0.0.1", kPort);
+  const auto flow = takenFlow();
+  ASSERT_TRUE(flow);
+  flow->closeRead(std::nullopt);
+  flow->closeWrite(std::nullopt);
+  EXPECT_EQ(application.result(kGenerous), ECONNREFUSED);
+}
+
+TEST_F(InterceptorTest, ItsEndLetsHeldFlowsGoAndRemovesTheRules) {
+  start(true);
+  Listener origin("127.0.0.1", kPort);
+  const Connecting application("127.0.0.1", kPort);
+  ASSERT_TRUE(takenFlow());
+  interceptor_.reset();
+  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(outputOf("nft list tables"), "");
+}
+
+TEST_F(InterceptorTest, AUsersExcessGoesDirectAndIsLogged) {
+  constexpr std::size_t kExcess = 6;
+  start(true);
+  Listener origin("127.0.0.1", kPort);
+  std::vector<std::unique_ptr<Connecting>> applications;
+  for (std::size_t count = 0; count < FlowAdmission::kHeldFlowsPerUser + kExcess; ++count) {
+    applications.push_back(std::make_unique<Connecting>("127.0.0.1", kPort));
+  }
+  for (std::size_t count = 0; count < kExcess; ++count) {
+    EXPECT_EQ(applications[applications.size() - 1 - count]->result(kGenerous), 0);
+  }
+  EXPECT_EQ(offered(), FlowAdmission::kHeldFlowsPerUser);
+  EXPECT_NE(log_->wait("reason=handshake_share"), "");
+}
+
+TEST_F(InterceptorTest, KeepsItsRulesAliveWithTheHeartbeat) {
+  start(false);
+  EXPECT_TRUE(eventually([this] { return beats_ > 2; }));
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform
