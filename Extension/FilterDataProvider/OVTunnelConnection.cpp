@@ -6,7 +6,6 @@
 #include <variant>
 
 #include "Extension/ProxyTunnelCore/ExtensionLog.h"
-#include "Extension/ProxyTunnelCore/InternetDateTime.h"
 #include "Extension/ProxyTunnelCore/UTF8.h"
 #include "Platform/Interface/ProviderError.h"
 
@@ -124,8 +123,7 @@ void OVTunnelConnection::startHandshake() {
     return;
   }
   log_->standard("OstravelProxy: Sending CONNECT handshake (details private)");
-  emit("connect_handshake_started", "extension.connect_handshake_started", "info",
-       "Starting CONNECT handshake", std::nullopt, Context{{"app_id", appId_}, {"remote", target}});
+  emit(monitoring_events::kHandshakeStarted, {{"app_id", appId_}, {"remote", target}});
   connection_->write(Data::copyOf(request), [weakSelf = weak_from_this(),
                                              &platform = platform_](const OptionalError& error) {
     const auto self = weakSelf.lock();
@@ -140,9 +138,7 @@ void OVTunnelConnection::startHandshake() {
       self->readConnectResponse();
       return;
     }
-    self->emit("connect_handshake_write_failed", "extension.connect_handshake_write_failed",
-               "error", "Failed to write CONNECT handshake", std::nullopt,
-               Context{{"detail", error->localizedDescription}});
+    self->emit(monitoring_events::kHandshakeWriteFailed, {{"detail", error->localizedDescription}});
     self->close(error);
   });
 }
@@ -177,9 +173,7 @@ void OVTunnelConnection::readConnectResponse() {
 
 void OVTunnelConnection::handleConnectResponse(std::optional<Data> data, OptionalError error) {
   if (error) {
-    emit("connect_handshake_read_failed", "extension.connect_handshake_read_failed", "error",
-         "Failed to read CONNECT response", std::nullopt,
-         Context{{"detail", error->localizedDescription}});
+    emit(monitoring_events::kHandshakeReadFailed, {{"detail", error->localizedDescription}});
     close(std::move(error));
     return;
   }
@@ -198,18 +192,15 @@ void OVTunnelConnection::handle(connect_response::Established outcome) {
 
 void OVTunnelConnection::handle(connect_response::Rejected outcome) {
   log_->error("OstravelProxy: Handshake failed (response status not 200)");
-  emit("connect_handshake_rejected", "extension.connect_handshake_non_200", "error",
-       "CONNECT handshake failed with non-200 status", std::nullopt,
-       Context{{"app_id", appId_},
-               {"status_line", std::move(outcome.statusLine).value_or("<missing>")}});
+  emit(monitoring_events::kHandshakeRejected,
+       {{"app_id", appId_}, {"status_line", std::move(outcome.statusLine).value_or("<missing>")}});
   close(std::nullopt);
 }
 
 void OVTunnelConnection::handle(connect_response::Invalid outcome) {
   log_->error("OstravelProxy: Handshake failed (invalid response)");
-  emit("connect_handshake_invalid", "extension.connect_handshake_invalid", "error",
-       "CONNECT handshake response was invalid", std::nullopt,
-       Context{{"app_id", appId_}, {"reason", std::move(outcome.reason)}});
+  emit(monitoring_events::kHandshakeInvalid,
+       {{"app_id", appId_}, {"reason", std::move(outcome.reason)}});
   close(std::nullopt);
 }
 
@@ -226,11 +217,9 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
       onHandshakeEstablished_(flowId_);
     }
   }
-  emit("connect_handshake_succeeded", "extension.connect_handshake_succeeded", "info",
-       "CONNECT handshake completed",
+  emit(monitoring_events::kHandshakeSucceeded, {{"app_id", appId_}},
        Metrics{{"elapsed_ms", elapsedMilliseconds},
-               {"leftover_bytes", static_cast<double>(leftoverData.size())}},
-       Context{{"app_id", appId_}});
+               {"leftover_bytes", static_cast<double>(leftoverData.size())}});
   pipeLocalToRemote();
   if (leftoverData.empty()) {
     pipeRemoteToLocal();
@@ -247,10 +236,7 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
       return;
     }
     self->log_->debug("OstravelProxy: App write error: %{public}s", {error->localizedDescription});
-    self->emit("connect_handshake_leftover_write_failed",
-               "extension.connect_handshake_leftover_write_failed", "error",
-               "Failed to forward CONNECT leftover bytes", std::nullopt,
-               Context{{"detail", error->localizedDescription}});
+    self->emit(monitoring_events::kLeftoverWriteFailed, {{"detail", error->localizedDescription}});
     self->close(error);
   });
 }
@@ -275,9 +261,8 @@ void OVTunnelConnection::handleHandshakeTimeout() {
   Error error = platform::providerError(platform::kHandshakeTimedOutCode,
                                         "Proxy CONNECT handshake timed out");
   log_->error("OstravelProxy: CONNECT handshake timed out");
-  emit("connect_handshake_timed_out", "extension.connect_handshake_timed_out", "error",
-       "CONNECT handshake timed out", Metrics{{"timeout_seconds", handshakeTimeout_}},
-       Context{{"app_id", appId_}});
+  emit(monitoring_events::kHandshakeTimedOut, {{"app_id", appId_}},
+       Metrics{{"timeout_seconds", handshakeTimeout_}});
   close(std::move(error));
 }
 
@@ -358,9 +343,8 @@ void OVTunnelConnection::close(OptionalError error) {
   if (error && !didEstablishHandshake_ && onProxyUnavailable_) {
     onProxyUnavailable_();
   }
-  emit("tunnel_closed", "extension.tunnel_closed", error ? "error" : "info",
-       error ? "Tunnel closed with error" : "Tunnel closed", std::nullopt,
-       Context{{"app_id", appId_}, {"detail", error ? error->localizedDescription : "eof"}});
+  emit(error ? monitoring_events::kTunnelClosedWithError : monitoring_events::kTunnelClosed,
+       {{"app_id", appId_}, {"detail", error ? error->localizedDescription : "eof"}});
   flow_->closeRead(error);
   flow_->closeWrite(error);
   connection_->cancel();
@@ -369,15 +353,10 @@ void OVTunnelConnection::close(OptionalError error) {
   }
 }
 
-void OVTunnelConnection::emit(std::string_view signal, std::string_view code,
-                              std::string_view level, std::string_view message,
-                              std::optional<Metrics> metrics,
-                              std::optional<Context> context) const {
-  const platform::Clock& clock = platform_.clock();
-  monitoringClient_->emit(ProxyTunnelMonitoringEvent(
-      platform_.uuidSource(), std::string(signal), flowId_, std::string(level), std::string(code),
-      std::string(message), std::move(metrics), std::move(context), clock.secondsSince1970(),
-      internetDateTime(clock.secondsSince1970())));
+void OVTunnelConnection::emit(const MonitoringEventKind& kind, Context context,
+                              std::optional<Metrics> metrics) const {
+  monitoringClient_->emit(
+      makeMonitoringEvent(platform_, kind, flowId_, std::move(context), std::move(metrics)));
 }
 
 }  // namespace ostravel

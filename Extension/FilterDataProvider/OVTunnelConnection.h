@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "Extension/ProxyTunnelCore/MonitoringEventKind.h"
 #include "Extension/ProxyTunnelCore/ProxyConnectResponseParser.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringClient.h"
@@ -80,9 +81,8 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   void pipeLocalToRemote();
   void pipeRemoteToLocal();
 
-  void emit(std::string_view signal, std::string_view code, std::string_view level,
-            std::string_view message, std::optional<Metrics> metrics,
-            std::optional<Context> context) const;
+  void emit(const MonitoringEventKind& kind, Context context,
+            std::optional<Metrics> metrics = std::nullopt) const;
 
   platform::Platform& platform_;
   const std::shared_ptr<platform::Log> log_;

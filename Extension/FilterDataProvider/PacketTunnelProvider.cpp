@@ -7,7 +7,6 @@
 
 #include "Extension/FilterDataProvider/BuiltInLists.h"
 #include "Extension/ProxyTunnelCore/ExtensionLog.h"
-#include "Extension/ProxyTunnelCore/InternetDateTime.h"
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #include "Platform/Interface/AppProxyUDPFlow.h"
 #include "Platform/Interface/ProviderError.h"
@@ -87,8 +86,7 @@ void PacketTunnelProvider::startProxy(std::optional<platform::ProviderConfigurat
   log_->info("OstravelProxy: Starting Proxy provider...");
   monitoringClient_->updateSocketPath(resolveMonitoringSocketPath());
   startProxyHealthMonitoring();
-  emit("provider_started", "extension.provider_started", "info",
-       "Transparent proxy provider started", std::nullopt, std::nullopt, std::nullopt);
+  emit(monitoring_events::kProviderStarted);
 
   auto settings = makeNetworkSettings();
   log_->info(
@@ -116,9 +114,8 @@ void PacketTunnelProvider::stopProxy(platform::ProviderStopReason reason,
                                      std::function<void()> completion) {
   log_->info("OstravelProxy: Stopping Proxy");
   stopProxyHealthMonitoring();
-  emit("provider_stopped", "extension.provider_stopped", "info",
-       "Transparent proxy provider stopped", std::nullopt, std::nullopt,
-       {{{"reason", std::to_string(static_cast<std::int64_t>(reason))}}});
+  emit(monitoring_events::kProviderStopped,
+       Context{{"reason", std::to_string(static_cast<std::int64_t>(reason))}});
   activeTunnelsQueue_->syncBarrier([this] { activeTunnels_.clear(); });
   completion();
 }
@@ -208,20 +205,10 @@ ProxyTCPReachabilityProbe& PacketTunnelProvider::proxyReachabilityProbe() {
 }
 
 void PacketTunnelProvider::emitProxyHealthEvent(ProxyHealthEvent event) {
-  const ProxyTunnelMonitoringEvent::Context context{
-      {"proxy", proxyHost_ + ":" + std::to_string(proxyPort_)}};
-  switch (event) {
-    case ProxyHealthEvent::proxyUnavailable:
-      emit("proxy_unreachable", "extension.proxy_unreachable", "error",
-           "Local proxy is unreachable; transparent proxy is bypassing new flows", std::nullopt,
-           std::nullopt, context);
-      break;
-    case ProxyHealthEvent::proxyRecovered:
-      emit("proxy_recovered", "extension.proxy_recovered", "info",
-           "Local proxy recovered; transparent proxy can handle new flows", std::nullopt,
-           std::nullopt, context);
-      break;
-  }
+  const auto& kind = event == ProxyHealthEvent::proxyUnavailable
+                         ? monitoring_events::kProxyUnreachable
+                         : monitoring_events::kProxyRecovered;
+  emit(kind, Context{{"proxy", proxyHost_ + ":" + std::to_string(proxyPort_)}});
 }
 
 // Decision
@@ -389,9 +376,8 @@ void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& 
                                               "Proxy handshake backlog exceeded");
   log_->error("OstravelProxy: Rejecting flow due to handshake backlog");
   const auto pending = static_cast<double>(tunnelAdmissionController_.pendingCount());
-  emit("connect_handshake_rejected", "extension.connect_handshake_backlog_exceeded", "error",
-       "Rejected flow due to CONNECT handshake backlog", flowId,
-       {{{"pending_handshakes", pending}}}, {{{"app_id", appId}}});
+  emit(monitoring_events::kHandshakeBacklogExceeded, Context{{"app_id", appId}},
+       Metrics{{"pending_handshakes", pending}}, flowId);
   flow.closeRead(error);
   flow.closeWrite(error);
 }
@@ -405,16 +391,10 @@ void PacketTunnelProvider::tunnelDidClose(const std::string& flowId) {
   tunnelAdmissionController_.release(flowId);
 }
 
-void PacketTunnelProvider::emit(std::string_view signal, std::string_view code,
-                                std::string_view level, std::string_view message,
-                                std::optional<std::string> flowId,
-                                std::optional<ProxyTunnelMonitoringEvent::Metrics> metrics,
-                                std::optional<ProxyTunnelMonitoringEvent::Context> context) {
-  const platform::Clock& clock = platform_.clock();
-  monitoringClient_->emit(ProxyTunnelMonitoringEvent(
-      platform_.uuidSource(), std::string(signal), std::move(flowId), std::string(level),
-      std::string(code), std::string(message), std::move(metrics), std::move(context),
-      clock.secondsSince1970(), internetDateTime(clock.secondsSince1970())));
+void PacketTunnelProvider::emit(const MonitoringEventKind& kind, std::optional<Context> context,
+                                std::optional<Metrics> metrics, std::optional<std::string> flowId) {
+  monitoringClient_->emit(makeMonitoringEvent(platform_, kind, std::move(flowId),
+                                              std::move(context), std::move(metrics)));
 }
 
 }  // namespace ostravel

@@ -13,6 +13,7 @@
 #include "Extension/FilterDataProvider/DomainList.h"
 #include "Extension/FilterDataProvider/FlowDecisionCache.h"
 #include "Extension/FilterDataProvider/OVTunnelConnection.h"
+#include "Extension/ProxyTunnelCore/MonitoringEventKind.h"
 #include "Extension/ProxyTunnelCore/ProxyHealthMonitor.h"
 #include "Extension/ProxyTunnelCore/ProxySafetyGate.h"
 #include "Extension/ProxyTunnelCore/ProxyTCPReachabilityProbe.h"
@@ -62,6 +63,9 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
  private:
   friend class PacketTunnelProviderTestPeer;
 
+  using Metrics = ProxyTunnelMonitoringEvent::Metrics;
+  using Context = ProxyTunnelMonitoringEvent::Context;
+
   std::shared_ptr<PacketTunnelProvider> self();
   std::weak_ptr<PacketTunnelProvider> weakSelf();
 
@@ -90,10 +94,9 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
                   const std::string& appId);
   void tunnelDidClose(const std::string& flowId);
 
-  void emit(std::string_view signal, std::string_view code, std::string_view level,
-            std::string_view message, std::optional<std::string> flowId,
-            std::optional<ProxyTunnelMonitoringEvent::Metrics> metrics,
-            std::optional<ProxyTunnelMonitoringEvent::Context> context);
+  void emit(const MonitoringEventKind& kind, std::optional<Context> context = std::nullopt,
+            std::optional<Metrics> metrics = std::nullopt,
+            std::optional<std::string> flowId = std::nullopt);
 
   platform::Platform& platform_;
   const std::shared_ptr<platform::Log> log_;
