@@ -5,10 +5,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <future>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 
 #include "Base/FileDescriptor.h"
@@ -92,9 +94,7 @@ void reportMissingGuardian(MaybeGuardian& guardian, platform::Log& log) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   const auto commandLine = CommandLine::parse(argc, argv);
   if (!commandLine.options) {
     return commandLine.exitStatus;
