@@ -6,6 +6,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "Extension/FilterDataProvider/BuiltInLists.h"
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
@@ -38,12 +39,6 @@ std::string upperCased(std::string text) {
 bool isLowerCase(const std::string& text) {
   return std::none_of(text.begin(), text.end(),
                       [](unsigned char letter) { return std::isupper(letter) != 0; });
-}
-
-TEST(FlowAction, HasItsThreeCasesInThisOrder) {
-  EXPECT_EQ(static_cast<int>(FlowAction::bypass), 0);
-  EXPECT_EQ(static_cast<int>(FlowAction::dropUDP), 1);
-  EXPECT_EQ(static_cast<int>(FlowAction::proxyTCP), 2);
 }
 
 // --- The decision by the lists
@@ -154,29 +149,32 @@ TEST_F(NormalFlowAction, DoesNotTrimItsArguments) {
 }
 
 TEST_F(NormalFlowAction, DependsOnTheGateInNothing) {
-  ASSERT_TRUE(peer().gate().shouldBypassNewFlows());
+  ASSERT_TRUE(bypassesNewFlows());
 
   EXPECT_EQ(determine("example.org", tcp), FlowAction::proxyTCP);
 }
 
 // --- The safety gate
 
-class SafetyGateOverride : public ProviderTest {};
+class SafetyGateOverride : public ProviderTest {
+ protected:
+  // One of each kind.
+  std::vector<FlowAction> decideAll() {
+    return {provider_->decideFlowAction("com.apple.trustd", "example.org", tcp),
+            provider_->decideFlowAction(kApp, "example.org", udp),
+            provider_->decideFlowAction(kApp, "example.org", tcp)};
+  }
+};
 
 TEST_F(SafetyGateOverride, TurnsEveryActionIntoABypassWhileClosed) {
-  for (const auto action : {FlowAction::bypass, FlowAction::dropUDP, FlowAction::proxyTCP}) {
-    EXPECT_EQ(peer().applySafetyGate(action, tcp), FlowAction::bypass);
-    EXPECT_EQ(peer().applySafetyGate(action, udp), FlowAction::bypass);
-  }
+  EXPECT_EQ(decideAll(), std::vector<FlowAction>(3, FlowAction::bypass));
 }
 
 TEST_F(SafetyGateOverride, LeavesEveryActionAloneWhileOpen) {
-  peer().gate().setProxyUnavailable(false);
+  startProvider();
 
-  for (const auto action : {FlowAction::bypass, FlowAction::dropUDP, FlowAction::proxyTCP}) {
-    EXPECT_EQ(peer().applySafetyGate(action, tcp), action);
-    EXPECT_EQ(peer().applySafetyGate(action, udp), action);
-  }
+  EXPECT_EQ(decideAll(),
+            (std::vector{FlowAction::bypass, FlowAction::dropUDP, FlowAction::proxyTCP}));
 }
 
 // --- The cache
@@ -185,7 +183,13 @@ class FlowDecisionCache : public ProviderTest {
  protected:
   static constexpr const char* kKey = "com.example.app:example.org:tcp";
 
-  void SetUp() override { peer().gate().setProxyUnavailable(false); }
+  // The first probe opens the gate.
+  void SetUp() override { startProvider(); }
+
+  void letProxyListen(bool listening) {
+    sockets().proxyListening(listening);
+    simulation_.advance(1s);
+  }
 
   FlowAction decide(const std::string& host = "example.org", Protocol protocol = tcp,
                     const std::string& appId = kApp) {
@@ -272,22 +276,22 @@ TEST_F(FlowDecisionCache, LeavesExpiredEntriesWhereTheyAre) {
 }
 
 TEST_F(FlowDecisionCache, RemembersWhatTheListsSayWhileTheGateIsClosed) {
-  peer().gate().setProxyUnavailable(true);
+  letProxyListen(false);
 
   EXPECT_EQ(decide(), FlowAction::bypass);
   EXPECT_EQ(peer().cachedAction(kKey), FlowAction::proxyTCP);
 
-  peer().gate().setProxyUnavailable(false);
+  letProxyListen(true);
   EXPECT_EQ(decide(), FlowAction::proxyTCP);
 }
 
 TEST_F(FlowDecisionCache, IsOverriddenByTheGate) {
   ASSERT_EQ(decide(), FlowAction::proxyTCP);
 
-  peer().gate().setProxyUnavailable(true);
+  letProxyListen(false);
   EXPECT_EQ(decide(), FlowAction::bypass);
 
-  peer().gate().setProxyUnavailable(false);
+  letProxyListen(true);
   EXPECT_EQ(decide(), FlowAction::proxyTCP);
 }
 

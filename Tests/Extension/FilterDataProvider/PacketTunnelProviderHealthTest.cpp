@@ -14,6 +14,7 @@
 namespace ostravel {
 namespace {
 
+using platform::ProviderStopReason;
 using simulation::SocketCallKind;
 using test::EventFacts;
 using test::NotingPlatform;
@@ -34,8 +35,6 @@ class ProviderHealth : public ProviderTest {
     sockets().clearCalls();
     return count;
   }
-
-  bool gateIsClosed() { return peer().gate().shouldBypassNewFlows(); }
 };
 
 TEST_F(ProviderHealth, ProbesAtOnceAndThenOncePerSecond) {
@@ -69,21 +68,10 @@ TEST_F(ProviderHealth, ProbesTheLocalProxyFor350Milliseconds) {
   EXPECT_EQ(sockets().calls(SocketCallKind::pollWritable).at(0).timeout, 350ms);
 }
 
-TEST_F(ProviderHealth, MakesProbeAndMonitorOnTheFirstTick) {
-  provider_->startProxy(std::nullopt, [](const platform::OptionalError&) {});
-  EXPECT_FALSE(peer().hasHealthMonitor());
-  EXPECT_FALSE(peer().hasReachabilityProbe());
-
-  simulation_.run();
-
-  EXPECT_TRUE(peer().hasHealthMonitor());
-  EXPECT_TRUE(peer().hasReachabilityProbe());
-}
-
 TEST_F(ProviderHealth, OpensTheGateSilentlyWhenTheProxyIsUp) {
   startProvider();
 
-  EXPECT_FALSE(gateIsClosed());
+  EXPECT_FALSE(bypassesNewFlows());
   EXPECT_EQ(signals(), Lines{"provider_started"});
 }
 
@@ -92,7 +80,7 @@ TEST_F(ProviderHealth, ReportsAProxyThatIsDownAtTheStart) {
 
   startProvider();
 
-  EXPECT_TRUE(gateIsClosed());
+  EXPECT_TRUE(bypassesNewFlows());
   EXPECT_EQ(events("proxy_unreachable"),
             std::vector{(EventFacts{
                 .signal = "proxy_unreachable",
@@ -119,7 +107,7 @@ TEST_F(ProviderHealth, ReportsTheRecoveryOnce) {
 
   simulation_.advance(10s);
 
-  EXPECT_FALSE(gateIsClosed());
+  EXPECT_FALSE(bypassesNewFlows());
   EXPECT_EQ(signals(), (Lines{"provider_started", "proxy_unreachable", "proxy_recovered"}));
   EXPECT_EQ(events("proxy_recovered"),
             std::vector{(EventFacts{
@@ -135,10 +123,10 @@ TEST_F(ProviderHealth, ReportsEveryOutageOnce) {
   for (int outage = 0; outage < 2; ++outage) {
     sockets().proxyListening(false);
     simulation_.advance(5s);
-    EXPECT_TRUE(gateIsClosed());
+    EXPECT_TRUE(bypassesNewFlows());
     sockets().proxyListening(true);
     simulation_.advance(5s);
-    EXPECT_FALSE(gateIsClosed());
+    EXPECT_FALSE(bypassesNewFlows());
   }
 
   EXPECT_EQ(signals(), (Lines{"provider_started", "proxy_unreachable", "proxy_recovered",
@@ -150,7 +138,7 @@ TEST_F(ProviderHealth, CountsASilentProxyAsDown) {
 
   startProvider();
 
-  EXPECT_TRUE(gateIsClosed());
+  EXPECT_TRUE(bypassesNewFlows());
   EXPECT_EQ(events("proxy_unreachable").size(), 1U);
 }
 
@@ -181,8 +169,7 @@ TEST_F(ProviderHealth, LeavesRunningTunnelsAlone) {
 
 TEST_F(ProviderHealth, ReplacesItsTimerWhenStartedTwice) {
   startProvider();
-  peer().startHealthMonitoring();
-  simulation_.run();
+  startProvider();
   probes();
 
   simulation_.advance(10s);
@@ -195,8 +182,7 @@ TEST_F(ProviderHealth, ProbesAtOnceWhenStartedAgain) {
   simulation_.advance(500ms);
   probes();
 
-  peer().startHealthMonitoring();
-  simulation_.run();
+  startProvider();
 
   EXPECT_EQ(probes(), 1U);
 }
@@ -205,21 +191,20 @@ TEST_F(ProviderHealth, StopsProbing) {
   startProvider();
   probes();
 
-  peer().stopHealthMonitoring();
+  stopProvider(ProviderStopReason::none);
   simulation_.advance(10s);
 
   EXPECT_EQ(probes(), 0U);
-  EXPECT_FALSE(peer().hasHealthTimer());
 }
 
 TEST_F(ProviderHealth, DoesNotProbeBeforeAStopThatComesAtOnce) {
   provider_->startProxy(std::nullopt, [](const platform::OptionalError&) {});
 
-  peer().stopHealthMonitoring();
+  stopProvider(ProviderStopReason::none);
   simulation_.advance(10s);
 
   EXPECT_EQ(probes(), 0U);
-  EXPECT_TRUE(gateIsClosed());
+  EXPECT_TRUE(bypassesNewFlows());
 }
 
 TEST_F(ProviderHealth, DoesNotRunATickThatWasDueWhenItWasStopped) {
@@ -227,7 +212,7 @@ TEST_F(ProviderHealth, DoesNotRunATickThatWasDueWhenItWasStopped) {
   // which is due as well, waits on its queue.
   const auto stopping =
       simulation_.makeTimer(simulation_.makeQueue("stop", platform::DispatchQueueKind::serial));
-  stopping->setEventHandler([this] { peer().stopHealthMonitoring(); });
+  stopping->setEventHandler([this] { stopProvider(ProviderStopReason::none); });
   stopping->schedule(1s, std::nullopt, 0ns);
   stopping->resume();
   startProvider();
@@ -241,79 +226,85 @@ TEST_F(ProviderHealth, DoesNotRunATickThatWasDueWhenItWasStopped) {
 TEST_F(ProviderHealth, MayBeStoppedTwice) {
   startProvider();
 
-  peer().stopHealthMonitoring();
-  peer().stopHealthMonitoring();
+  stopProvider(ProviderStopReason::none);
+  stopProvider(ProviderStopReason::none);
+  probes();
+  simulation_.advance(10s);
 
-  EXPECT_FALSE(peer().hasHealthTimer());
+  EXPECT_EQ(probes(), 0U);
 }
 
 TEST_F(ProviderHealth, LeavesTheGateAsItIsWhenStopped) {
   startProvider();
   sockets().proxyListening(false);
 
-  peer().stopHealthMonitoring();
+  stopProvider(ProviderStopReason::none);
   simulation_.advance(10s);
 
-  EXPECT_FALSE(gateIsClosed());
+  EXPECT_FALSE(bypassesNewFlows());
 }
 
 TEST_F(ProviderHealth, KeepsItsLastResultWhenStoppedAndStarted) {
   sockets().proxyListening(false);
   startProvider();
-  peer().stopHealthMonitoring();
+  stopProvider(ProviderStopReason::none);
 
-  peer().startHealthMonitoring();
+  startProvider();
   simulation_.advance(5s);
 
   EXPECT_EQ(events("proxy_unreachable").size(), 1U);
-  EXPECT_TRUE(gateIsClosed());
+  EXPECT_TRUE(bypassesNewFlows());
 }
 
 TEST_F(ProviderHealth, ReopensSilentlyAGateThatATunnelClosed) {
   startProvider();
-  peer().gate().setProxyUnavailable(true);
+  takeFlow();
+  simulation_.connection(0)->refuse();
+  simulation_.run();
+  ASSERT_TRUE(bypassesNewFlows());
 
   simulation_.advance(1s);
 
-  EXPECT_FALSE(gateIsClosed());
-  EXPECT_EQ(signals(), Lines{"provider_started"});
+  EXPECT_FALSE(bypassesNewFlows());
+  EXPECT_EQ(signals(), (Lines{"provider_started", "tunnel_closed"}));
 }
 
 // What is asked of the timer.
 class ProviderHealthTimer : public ProviderHealth {
  protected:
-  void SetUp() override { platform_.clearNotes(); }
-
   NotingPlatform platform_{simulation_};
   std::shared_ptr<PacketTunnelProvider> noted_ =
       std::make_shared<PacketTunnelProvider>(platform_, simulation_);
-  PacketTunnelProviderTestPeer notedPeer_{*noted_};
+
+  void startNoted() {
+    platform_.clearNotes();
+    noted_->startProxy(std::nullopt, [](const platform::OptionalError&) {});
+  }
 };
 
 TEST_F(ProviderHealthTimer, ProbesNowAndEverySecondWithALeeway) {
-  notedPeer_.startHealthMonitoring();
+  startNoted();
 
-  EXPECT_EQ(platform_.notes(),
+  EXPECT_EQ(platform_.notesOf("timer "),
             (Lines{"timer 1 on com.ostravel.proxyHealth", "timer 1 schedule 0 1000 150",
                    "timer 1 handler", "timer 1 resume"}));
 }
 
 TEST_F(ProviderHealthTimer, LosesItsHandlerBeforeItIsCancelled) {
-  notedPeer_.startHealthMonitoring();
+  startNoted();
   platform_.clearNotes();
 
-  notedPeer_.stopHealthMonitoring();
+  noted_->stopProxy(ProviderStopReason::none, [] {});
 
-  EXPECT_EQ(platform_.notes(), (Lines{"timer 1 handler", "timer 1 cancel"}));
+  EXPECT_EQ(platform_.notesOf("timer "), (Lines{"timer 1 handler", "timer 1 cancel"}));
 }
 
 TEST_F(ProviderHealthTimer, IsCancelledBeforeAnotherOneIsMade) {
-  notedPeer_.startHealthMonitoring();
-  platform_.clearNotes();
+  startNoted();
 
-  notedPeer_.startHealthMonitoring();
+  startNoted();
 
-  EXPECT_EQ(platform_.notes(),
+  EXPECT_EQ(platform_.notesOf("timer "),
             (Lines{"timer 1 cancel", "timer 2 on com.ostravel.proxyHealth",
                    "timer 2 schedule 0 1000 150", "timer 2 handler", "timer 2 resume"}));
 }
@@ -328,15 +319,14 @@ TEST_P(ProviderHealthLeeway, DoesNotDelayTheFirstProbe) {
   harness_.startProvider();
 
   EXPECT_EQ(harness_.simulation_.now(), 0ms);
-  EXPECT_FALSE(harness_.peer().gate().shouldBypassNewFlows());
+  EXPECT_FALSE(harness_.bypassesNewFlows());
 }
 
 TEST_P(ProviderHealthLeeway, DelaysALaterProbeByAtMost150Milliseconds) {
   harness_.startProvider();
   harness_.sockets().proxyListening(false);
 
-  ASSERT_TRUE(harness_.simulation_.runUntil(
-      [this] { return harness_.peer().gate().shouldBypassNewFlows(); }, 10s));
+  ASSERT_TRUE(harness_.simulation_.runUntil([this] { return harness_.bypassesNewFlows(); }, 10s));
 
   EXPECT_GE(harness_.simulation_.now(), 1s);
   EXPECT_LE(harness_.simulation_.now(), 1150ms);

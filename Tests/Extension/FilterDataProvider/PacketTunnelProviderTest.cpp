@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "Extension/FilterDataProvider/BuiltInLists.h"
 #include "Tests/Extension/Support/Bytes.h"
 #include "Tests/Extension/Support/NotingPlatform.h"
 #include "Tests/Extension/Support/ProviderTest.h"
@@ -47,26 +46,12 @@ struct Completions {
 
 class ProviderConstruction : public ProviderTest {};
 
-TEST_F(ProviderConstruction, HasTheBuiltInSettings) {
-  EXPECT_EQ(peer().bypassAppIds(), built_in::bypassAppIds());
-  EXPECT_EQ(peer().hardBypassDomains(), built_in::hardBypassDomains());
-  EXPECT_EQ(peer().realtimeMediaDomains(), built_in::realtimeMediaDomains());
-  EXPECT_EQ(peer().udpQuicPolicyDomains(), built_in::realtimeMediaDomains());
-  EXPECT_EQ(peer().proxyHost(), "127.0.0.1");
-  EXPECT_EQ(peer().proxyPort(), 8080U);
-  EXPECT_EQ(peer().connectHandshakeTimeoutSeconds(), 5.0);
-  EXPECT_FALSE(peer().httpsOnlyMode());
-}
-
 TEST_F(ProviderConstruction, StartsEmptyWithTheGateClosed) {
   EXPECT_EQ(peer().activeTunnelCount(), 0U);
   EXPECT_EQ(peer().cacheSize(), 0U);
   EXPECT_EQ(peer().admission().pendingCount(), 0U);
   EXPECT_EQ(peer().admission().establishedCount(), 0U);
-  EXPECT_TRUE(peer().gate().shouldBypassNewFlows());
-  EXPECT_FALSE(peer().hasHealthTimer());
-  EXPECT_FALSE(peer().hasHealthMonitor());
-  EXPECT_FALSE(peer().hasReachabilityProbe());
+  EXPECT_TRUE(bypassesNewFlows());
 }
 
 TEST_F(ProviderConstruction, IsLogged) {
@@ -356,7 +341,9 @@ TEST_F(ProviderStop, LogsCompletesInsideTheCallAndStopsProbing) {
   EXPECT_EQ(simulation_.logLines().back(), "OstravelProxy: Stopping Proxy");
   EXPECT_EQ(simulation_.logRecords().back().level, LogLevel::info);
   EXPECT_EQ(simulation_.journal().linesWith("stopped").size(), 1U);
-  EXPECT_FALSE(peer().hasHealthTimer());
+  sockets().clearCalls();
+  simulation_.advance(10s);
+  EXPECT_TRUE(sockets().calls().empty());
 }
 
 class ProviderStopReasons : public ProviderTest, public testing::WithParamInterface<int> {};
@@ -420,7 +407,7 @@ TEST_F(ProviderStop, LeavesCacheAdmissionAndGateAlone) {
 
   EXPECT_EQ(peer().cacheSize(), cached);
   EXPECT_EQ(peer().admission().pendingCount(), 1U);
-  EXPECT_FALSE(peer().gate().shouldBypassNewFlows());
+  EXPECT_FALSE(bypassesNewFlows());
 }
 
 TEST_F(ProviderStop, LeavesARequestThatThenFailsToTheDefaultLog) {

@@ -45,6 +45,12 @@ std::shared_ptr<simulation::SimulatedTCPFlow> ProviderHarness::takeFlow() {
   return flow;
 }
 
+bool ProviderHarness::bypassesNewFlows() {
+  // Of an application of its own: the decision is remembered.
+  return provider_->decideFlowAction("com.example.gate", "example.org", /*isUDP=*/false) ==
+         PacketTunnelProvider::FlowAction::bypass;
+}
+
 void ProviderHarness::establish(std::size_t number) {
   simulation_.connection(number)->accept();
   simulation_.peer(number)->send(kSuccess);

@@ -36,6 +36,8 @@ class ProviderHarness {
                                                                               "443"});
   // Hands a new flow of the default kind to the provider and runs what can run.
   std::shared_ptr<simulation::SimulatedTCPFlow> takeFlow();
+  // Whether a flow that is not exempt would be left to the system now.
+  bool bypassesNewFlows();
   // Lets the proxy accept and answer the connection with this number.
   void establish(std::size_t number);
 
