@@ -55,9 +55,6 @@ class FlowDecisionCache {
 
   std::size_t size() const { return slots_.size(); }
 
-  // How many entries all sweeps together have looked at.
-  std::size_t entriesSwept() const { return entriesSwept_; }
-
  private:
   // By expiry; the keys are those of the table.
   using Order = std::multimap<double, const std::string*>;
@@ -69,7 +66,6 @@ class FlowDecisionCache {
 
   void sweep(double now) {
     while (!order_.empty()) {
-      ++entriesSwept_;
       const auto first = order_.begin();
       if (first->first > now) {
         return;
@@ -81,7 +77,6 @@ class FlowDecisionCache {
 
   std::unordered_map<std::string, Slot> slots_;
   Order order_;
-  std::size_t entriesSwept_ = 0;
 };
 
 }  // namespace ostravel
