@@ -311,6 +311,8 @@ TEST_P(TCPConnectionContractTest, CancelFailsWhatIsOutstandingOnce) {
 
 TEST_P(TCPConnectionContractTest, CancelIsTold) {
   establish();
+  // A notification that comes later would find the state that follows.
+  ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::connected); }));
   connection_->cancel();
   connection_->cancel();
   ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::cancelled); }));
