@@ -7,12 +7,12 @@
 namespace ostravel::built_in {
 
 // Applications whose flows are never proxied, by identifier. Flows are looked up by their
-// lower-cased identifier while these stand as written, so an entry with capitals matches nothing;
-// it documents the vendor's own spelling.
+// lower-cased identifier, but the entries are not lower-cased: one with capitals matches nothing
+// and only documents the vendor's spelling.
 std::unordered_set<std::string> bypassAppIds();
 
-// Hosts that are never proxied. An entry with a leading "." stands for the subdomains only, an
-// entry without it for exactly that host; a service that needs both has both.
+// Hosts that are never proxied. An entry with a leading "." matches subdomains only, an entry
+// without it exactly that host; a service that needs both has two entries.
 std::vector<std::string> hardBypassDomains();
 
 // Real-time conferencing: exempt for UDP only, so that media is not forced onto TCP.

@@ -225,7 +225,7 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
     pipeRemoteToLocal();
     return;
   }
-  // The other direction starts only behind the leftover, so that nothing overtakes it.
+  // The other direction starts only after the leftover, so that nothing overtakes it.
   flow_->write(std::move(leftoverData), [weakSelf = weak_from_this()](const OptionalError& error) {
     const auto self = weakSelf.lock();
     if (!self) {

@@ -338,7 +338,7 @@ void PacketTunnelProvider::startTunnel(const std::shared_ptr<AppProxyTCPFlow>& f
     return;
   }
   const auto tunnel = makeTunnel(flow, flowId, appId);
-  // Submitted before the start, so that the removal of a tunnel that ends early comes behind it.
+  // Submitted before the start, so that a tunnel that ends early is removed after it was added.
   activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {
     provider->activeTunnels_.insert_or_assign(tunnel->flowId(), tunnel);
   });

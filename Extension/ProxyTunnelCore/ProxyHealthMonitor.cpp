@@ -6,8 +6,7 @@ namespace ostravel {
 
 namespace {
 
-// A first result that is reachable opens the gate silently: nothing has changed that anyone was
-// told of.
+// A first result that is reachable opens the gate silently: no outage was reported before it.
 std::optional<ProxyHealthEvent> eventFor(std::optional<ProxyHealthProbeResult> previous,
                                          ProxyHealthProbeResult result) {
   if (previous == result) {

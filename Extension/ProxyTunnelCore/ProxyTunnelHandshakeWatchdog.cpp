@@ -16,7 +16,7 @@ void disarm(platform::DispatchTimer& timer) {
 }
 
 std::chrono::nanoseconds delayFor(double seconds) {
-  // Ten years stand for every longer time-out, so that the count of nanoseconds cannot overflow.
+  // Longer time-outs are cut to ten years, so that the count of nanoseconds cannot overflow.
   constexpr double kLongest = 10.0 * 365.0 * 24.0 * 3600.0;
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
       std::chrono::duration<double>(std::min(seconds, kLongest)));

@@ -25,7 +25,7 @@ constexpr std::size_t kWorkItemBytes = 256;
 // The links and the colour of a node of a map.
 constexpr std::size_t kMapNodeBytes = 4 * sizeof(void*);
 
-// Counted as if no string were short enough to need no memory of its own.
+// Counted as if every string were too long for the small-string optimisation.
 std::size_t heapBytes(const std::string& text) {
   return text.capacity() + 1 + kAllocationBytes;
 }
@@ -49,7 +49,7 @@ std::size_t heapBytes(const std::optional<Value>& value) {
   return value ? heapBytes(*value) : 0;
 }
 
-// The memory that an event takes while its work item waits, never less than it really is.
+// An upper bound on the memory that an event takes while its work item waits.
 std::size_t waitingBytes(const ProxyTunnelMonitoringEvent& event) {
   std::size_t bytes = kWorkItemBytes + sizeof(event) + 2 * kAllocationBytes;
   for (const std::string* text :

@@ -22,19 +22,18 @@ namespace ostravel {
 // from any thread.
 //
 // A companion that stops reading stalls the queue, never a caller, and costs at most
-// kMaxWaitingBytes: an event that does not fit any more is dropped. Once events are delivered again
-// and half of the room is free, one line in the system log gives the number of those that were
-// dropped.
+// kMaxWaitingBytes: an event that no longer fits is dropped. Once events are delivered again and
+// half of the room is free, one line in the system log gives the number of dropped events.
 class ProxyTunnelMonitoringClient {
  public:
   using Sender = std::function<platform::OptionalError(const std::string& path,
                                                        std::span<const std::byte> frame)>;
 
-  // For the events that wait on the queue, with their work items: some two thousand. Enough for a
-  // companion that is restarted, little enough for one that hangs for ever.
+  // Bound on the waiting events with their work items, some two thousand. Enough to survive a
+  // restart of the companion; small enough to be harmless if it hangs for ever.
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{4} * 1024 * 1024;
 
-  // An empty sender stands for sendFrameToSocket. All encoding and sending runs on queue, which is
+  // Without a sender, sendFrameToSocket is used. All encoding and sending runs on queue, which is
   // serial, so frames arrive in the order of emit.
   ProxyTunnelMonitoringClient(platform::Platform& platform, std::optional<std::string> socketPath,
                               std::shared_ptr<platform::DispatchQueue> queue,
@@ -45,7 +44,7 @@ class ProxyTunnelMonitoringClient {
 
   void emit(ProxyTunnelMonitoringEvent event);
 
-  // Delivers one frame over a connection of its own; blocks until the kernel has taken all of it.
+  // Delivers one frame over a new connection; blocks until the kernel has taken all of it.
   // Errors: 1101 "OstravelProxy" for a path of more than 103 bytes, else errno.
   static platform::OptionalError sendFrameToSocket(platform::SocketCalls& sockets,
                                                    std::string_view path,

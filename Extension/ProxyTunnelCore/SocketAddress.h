@@ -26,7 +26,7 @@ std::optional<std::vector<std::byte>> makeIPv4SocketAddress(platform::SocketAddr
 // The smallest sun_path of the systems that this runs on, terminating NUL included.
 inline constexpr std::size_t kLocalSocketPathCapacity = 104;
 
-// sockaddr_un, cut off behind the path's last byte, so 2 + path bytes:
+// sockaddr_un, cut off after the path's last byte, so 2 + path bytes:
 //
 //   linux   | family (2, host order)          | path |
 //   darwin  | length (1) = 0 | family (1)     | path |

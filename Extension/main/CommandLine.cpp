@@ -27,7 +27,7 @@ using LogSink = linuxplatform::LinuxPlatform::LogSink;
 constexpr int kExitUsage = 2;
 
 // systemd names the journal's end of standard error in JOURNAL_STREAM, as device:inode
-// (systemd.exec(5)); a standard error that was redirected since then is somebody else's.
+// (systemd.exec(5)). If standard error was redirected since, it is another file.
 bool isStartedByServiceManager() {
   const char* const stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};
@@ -37,7 +37,7 @@ bool isStartedByServiceManager() {
   return stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-// A number will do for a user whose name is not known here.
+// Falls back to a number, for a user without a name on this machine.
 std::optional<uid_t> userWithName(const std::string& name) {
   if (const auto user = linuxplatform::SystemUsers::numberOf(name)) {
     return user;
@@ -45,7 +45,7 @@ std::optional<uid_t> userWithName(const std::string& name) {
   uid_t number = 0;
   const char* const end = name.data() + name.size();
   const auto parsed = std::from_chars(name.data(), end, number);
-  // The largest number stands for nobody at all (chown(2)).
+  // The largest number means no user (chown(2)).
   const bool isNumber = !name.empty() && parsed.ec == std::errc() && parsed.ptr == end;
   return isNumber && number != static_cast<uid_t>(-1) ? std::optional(number) : std::nullopt;
 }

@@ -35,21 +35,26 @@ using namespace std::chrono_literals;
 
 constexpr int kExitCannotRun = 2;
 
-// The last events are given this long to reach the monitoring socket; a companion that has stopped
+// How long the last events may take to reach the monitoring socket: a companion that has stopped
 // reading must not keep us from ending.
 constexpr auto kDrainTimeout = 500ms;
 
-// So are the last lines to reach the reader of standard error or the journal.
+// The same for the last log lines.
 constexpr auto kLogTimeout = 500ms;
 
-int fail(const platform::Error& error) {
-  const std::string line = "ostravel-extension: " + error.localizedDescription + '\n';
+// The one line that says why the process ends, and its exit status.
+int fail(std::string_view reason) {
+  const std::string line = "ostravel-extension: " + std::string(reason) + '\n';
   static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, kLogTimeout));
   return kExitCannotRun;
 }
 
-// Signals are taken by the main thread alone; every other thread inherits the mask. A peer that
-// goes away while it is written to must not end the process.
+int fail(const platform::Error& error) {
+  return fail(error.localizedDescription);
+}
+
+// Only the main thread takes signals; every other thread inherits the mask. A peer that goes away
+// while it is being written to must not end the process.
 sigset_t takeOverSignals() {
   std::signal(SIGPIPE, SIG_IGN);
   // The parent may have left it ignored.
@@ -70,14 +75,14 @@ int waitForSignal(const sigset_t& taken) {
   return signal;
 }
 
-// A terminal that is closed sends SIGHUP, and what was started in it is to end with it. A service
-// has none (tty(4)), and is sent SIGHUP to read again what was changed.
+// A terminal that is closed sends SIGHUP to end what was started in it. A service has no terminal
+// (tty(4)); it receives SIGHUP to reload its configuration.
 bool hasTerminal() {
   const linuxplatform::FileDescriptor terminal(::open("/dev/tty", O_RDONLY | O_NOCTTY | O_CLOEXEC));
   return terminal.isOpen();
 }
 
-// Absent when there is to be none. What is wrong with it is said once there is a log.
+// Absent when none is wanted. An error is reported once there is a log.
 using MaybeGuardian = std::optional<platform::Result<linuxplatform::Guardian>>;
 
 void reportMissingGuardian(MaybeGuardian& guardian, platform::Log& log) {
@@ -99,7 +104,7 @@ int run(int argc, char** argv) {
   if (!commandLine.options) {
     return commandLine.exitStatus;
   }
-  // As soon as possible: the guardian keeps a copy of what memory there is.
+  // As early as possible: the guardian keeps a copy of the memory in use.
   linuxplatform::HeartbeatRecord record;
   MaybeGuardian guardian;
   if (commandLine.options->hasGuardian) {
@@ -157,7 +162,7 @@ int run(int argc, char** argv) {
     ::sd_notify(0, "STOPPING=1");
   }
 
-  // Each step that is done is a beat from now on.
+  // From now on each finished step is a beat.
   heartbeat.stop();
   std::promise<void> stopped;
   provider->stopProxy(platform::ProviderStopReason::userInitiated,
@@ -169,11 +174,22 @@ int run(int argc, char** argv) {
   provider.reset();
   loops.stop();
   record.beat();
-  // What is still there at the end of it is a write that nobody takes.
+  // Whatever is left after that is stuck in a write.
   static_cast<void>(platform.drain(std::chrono::steady_clock::now() + kDrainTimeout));
   static_cast<void>(platform.flushLog(std::chrono::steady_clock::now() + kLogTimeout));
   const int exitStatus = startError ? fail(*startError) : EXIT_SUCCESS;
-  // Not by return: a work item that is stuck in a write to the monitoring socket can be waited for
-  // by nobody, and the kernel takes back everything else.
+  // Not by return: that would wait for a work item that is stuck in a write to the monitoring
+  // socket. The kernel frees everything else.
   ::_exit(exitStatus);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& failure) {
+    // What the libraries and the making of threads, loops and queues report.
+    return fail(failure.what());
+  }
 }

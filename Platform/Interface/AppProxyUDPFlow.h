@@ -10,7 +10,7 @@ namespace ostravel::platform {
 // The datagrams of one UDP socket of an application. Closing both directions refuses it.
 class AppProxyUDPFlow : public AppProxyFlow {
  public:
-  // The application's own side, which is the only one fixed for UDP; absent when not known.
+  // The application's side, the only one that is fixed for UDP; absent when not known.
   virtual std::optional<HostEndpoint> localEndpoint() const = 0;
 };
 

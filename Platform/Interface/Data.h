@@ -10,8 +10,8 @@
 namespace ostravel::platform {
 
 // One chunk of bytes. Moved from a read to a write and never copied on the way, so a platform may
-// keep it wherever it was read to, a pooled buffer or a pipe in the kernel, until somebody asks for
-// the bytes; the relay never asks.
+// keep it wherever it was read to, a pooled buffer or a pipe in the kernel, until bytes()
+// is called; the relay never calls it.
 class Data {
  public:
   // Where a platform keeps a chunk. Destroying it gives the place back.

@@ -13,7 +13,7 @@ enum class DispatchQueueKind {
   concurrent,
 };
 
-// Runs work items. Cheap enough that every tunnel owns one; a queue has no thread of its own.
+// Runs work items. Cheap enough that every tunnel owns one; a queue does not own a thread.
 // A queue may be destroyed while items are waiting: they still run.
 class DispatchQueue {
  public:

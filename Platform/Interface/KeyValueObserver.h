@@ -14,8 +14,8 @@ class Observable {
   virtual ~Observable() = default;
 };
 
-// Told after a property that it observes has changed, on the thread that changed it. The new value
-// is read from the object.
+// Notified after a property that it observes has changed, on the thread that changed it. The new
+// value is read from the object.
 class KeyValueObserver {
  public:
   KeyValueObserver() = default;

@@ -10,8 +10,8 @@ namespace ostravel::platform {
 
 enum class NetworkRuleProtocol { tcp, udp };
 
-// Selects outbound flows by destination. A prefix of 0 stands for any destination of the address's
-// family other than loopback, which has to be named.
+// Selects outbound flows by destination. A prefix of 0 matches every destination of the address's
+// family except loopback, which needs a rule that names it.
 struct NetworkRule {
   // An address literal, and a port in decimal.
   HostEndpoint destinationNetwork;

@@ -22,7 +22,7 @@ enum class TCPConnectionState {
   cancelled = 5,
 };
 
-// A TCP connection that the provider makes; it is being established from its creation on.
+// A TCP connection that the provider makes. Connecting starts when it is created.
 // All operations may be called from any thread; at most one read and one write may be outstanding.
 class TCPConnection : public Observable {
  public:
@@ -32,9 +32,8 @@ class TCPConnection : public Observable {
   virtual OptionalError error() const = 0;
 
   // The only observable key path is "state". The observer is held weakly; an observer that has been
-  // removed, or has been destroyed, is not told any more. The platform has been connecting since
-  // before anybody could observe: a change that found no observer is told to the next one, later
-  // than this call.
+  // removed or destroyed is no longer notified. The platform starts connecting before there can be
+  // an observer: a change while there is none is reported to the next one, after this call.
   virtual void addObserver(std::weak_ptr<KeyValueObserver> observer, std::string_view keyPath) = 0;
   virtual void removeObserver(KeyValueObserver& observer, std::string_view keyPath) = 0;
 

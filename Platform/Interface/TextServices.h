@@ -5,8 +5,8 @@
 
 namespace ostravel::platform {
 
-// What of text handling needs the Unicode tables, which the platform has. Text is UTF-8; nothing
-// here depends on a locale. Usable from any thread.
+// The text operations that need Unicode tables, which the platform has. Text is UTF-8; nothing here
+// depends on a locale. Usable from any thread.
 class TextServices {
  public:
   TextServices() = default;

@@ -40,7 +40,7 @@ class ProviderContext {
 };
 
 // The base class of the provider: the system calls the public operations, the provider calls the
-// protected ones. Held by std::shared_ptr; whoever holds it on the system's side owns it.
+// protected ones. Held by std::shared_ptr; the system's side owns it.
 class TransparentProxyProvider : public std::enable_shared_from_this<TransparentProxyProvider> {
  public:
   explicit TransparentProxyProvider(ProviderContext& context) : context_(context) {}

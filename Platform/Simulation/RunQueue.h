@@ -25,7 +25,7 @@ enum class RunOrder {
 };
 
 // Everything that is going to happen in a run: items that may run now, and alarms at moments of
-// virtual time. Time stands still while anything can run. Single-threaded.
+// virtual time. Time does not pass while anything can run. Single-threaded.
 class RunQueue {
  public:
   using Work = std::function<void()>;
@@ -61,7 +61,7 @@ class RunQueue {
 
   // Runs one item; false when none can run at this moment of virtual time.
   bool runOne();
-  // Runs items until none can run; virtual time stands still. Like the two below it throws
+  // Runs items until none can run; virtual time does not pass. Like the two below it throws
   // std::logic_error when it is called from an item, and when it does not come to an end.
   void run();
   // Lets virtual time pass, running what becomes due at its moment and in its order.

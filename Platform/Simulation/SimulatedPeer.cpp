@@ -28,7 +28,7 @@ SimulatedPeer::SimulatedPeer(RunState& run, std::string name) : run_(run), name_
 
 void SimulatedPeer::send(std::string_view bytes) {
   if (inboundEnd_) {
-    throw std::logic_error(name_ + ": the far end sends behind the end of its stream");
+    throw std::logic_error(name_ + ": the far end sends after the end of its stream");
   }
   inbound_ += bytes;
   scheduleRead();

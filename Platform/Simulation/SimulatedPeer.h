@@ -20,8 +20,8 @@ enum class EndOfStream { absentData, emptyData };
 
 // The far end of a flow or of a connection, the application or the proxy, played by the test.
 //
-// Owned by its near end and by whoever wants to look at it after the near end is gone. What it does
-// takes effect through the run queue: nothing completes before the run goes on.
+// Owned by its near end, and by the test if that looks at it after the near end is gone. What it
+// does takes effect through the run queue: nothing completes before the run goes on.
 class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
  public:
   // name: of the near end, for the journal.
@@ -33,9 +33,9 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
 
   // --- What the far end does.
 
-  // Makes bytes available to be read, behind those that still are.
+  // Makes bytes available to be read, after those that are unread.
   void send(std::string_view bytes);
-  // The end of the stream, behind the bytes that were sent. In the seeded order its form is drawn.
+  // The end of the stream, after the bytes that were sent. In the seeded order its form is drawn.
   void endSending(EndOfStream form = EndOfStream::absentData);
   // Every read from now on fails, the outstanding one as well; bytes that are unread are lost.
   void failReads(platform::Error error);
@@ -90,7 +90,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
     bool scheduled = false;
   };
 
-  // Told, inside the call of the far end, about its reset, and after a read reported the end.
+  // Called inside the far end's call for its reset, and after a read has reported the end.
   using ResetHandler = std::function<void(const platform::Error&)>;
   using EndHandler = std::function<void()>;
 

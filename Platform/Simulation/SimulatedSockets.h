@@ -39,12 +39,12 @@ struct SocketCall {
   platform::SocketCallResult result;
 };
 
-// Scripted socket calls. Two peers exist, whatever the address: a TCP one, which stands for the
-// local proxy, and a local one, which stands for the monitoring socket. Both refuse until they are
+// Scripted socket calls. Two peers exist, whatever the address: a TCP one, which plays the
+// local proxy, and a local one, which plays the monitoring socket. Both refuse until they are
 // told to listen. Beyond that every call can be given an answer of its own.
 //
 // A TCP socket that is non-blocking connects in two steps (in progress, then writable with or
-// without a pending error); everything else answers at once, and time stands still meanwhile.
+// without a pending error); everything else answers at once, and no time passes meanwhile.
 // A call with a descriptor that is not open answers EBADF; closing one throws std::logic_error.
 class SimulatedSockets final : public platform::SocketCalls {
  public:

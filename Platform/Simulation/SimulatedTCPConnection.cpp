@@ -89,11 +89,11 @@ void SimulatedTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserve
   requireStateKeyPath(keyPath);
   const auto* const identity = observer.lock().get();
   observers_.push_back({std::move(observer), identity});
-  if (hasUntoldChange_) {
+  if (hasUnreportedChange_) {
     run_.queue.post(lane_, ItemKind::normal, [weakSelf = weak_from_this()] {
       const auto self = weakSelf.lock();
-      // Another change may have told the state meanwhile.
-      if (self && self->hasUntoldChange_) {
+      // Another change may have notified them meanwhile.
+      if (self && self->hasUnreportedChange_) {
         self->notifyObservers();
       }
     });
@@ -173,7 +173,7 @@ bool SimulatedTCPConnection::isRegistered(const platform::KeyValueObserver& obse
 }
 
 void SimulatedTCPConnection::notifyObservers() {
-  hasUntoldChange_ = observers_.empty();
+  hasUnreportedChange_ = observers_.empty();
   // An observer may remove itself or another one, and may let go of this connection.
   const auto self = shared_from_this();
   for (const auto& registration : std::vector<Registration>(observers_)) {

@@ -40,7 +40,8 @@ class SimulatedTCPConnection final : public platform::TCPConnection,
   void accept();
   void refuse();
   void refuse(platform::Error error);
-  // Changes the state and tells the observers here and now, as a thread of the platform would.
+  // Changes the state and notifies the observers inside the call, as a thread of the platform
+  // would.
   void setState(platform::TCPConnectionState state, platform::OptionalError error = std::nullopt);
 
   bool wasCancelled() const { return wasCancelled_; }
@@ -82,8 +83,8 @@ class SimulatedTCPConnection final : public platform::TCPConnection,
   platform::OptionalError error_;
   bool wasCancelled_ = false;
   std::vector<Registration> observers_;
-  // A change found nobody to be told of it.
-  bool hasUntoldChange_ = false;
+  // The state changed while there were no observers.
+  bool hasUnreportedChange_ = false;
 };
 
 }  // namespace ostravel::simulation

@@ -14,7 +14,7 @@ namespace ostravel::simulation {
 //   const auto flow = simulation.makeTCPFlow("com.example.app", {{"example.com", "443"}});
 //   flow->application()->send("hello");
 //
-// Made by the simulation, owned by whoever takes it. Opens at once unless it is told otherwise.
+// Made by the simulation, owned by the caller. Opens at once unless the test holds it.
 // Reading or writing before it was opened throws std::logic_error.
 class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
                                public std::enable_shared_from_this<SimulatedTCPFlow> {

@@ -8,7 +8,7 @@
 
 namespace ostravel::simulation {
 
-// A UDP flow. Made by the simulation, owned by whoever takes it.
+// A UDP flow. Made by the simulation, owned by the caller.
 class SimulatedUDPFlow final : public platform::AppProxyUDPFlow {
  public:
   SimulatedUDPFlow(RunState& run, std::string name, std::string signingIdentifier,

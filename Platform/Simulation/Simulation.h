@@ -62,7 +62,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
   std::chrono::nanoseconds now() const { return run_.queue.now(); }
   // Runs one item; false when none can run now.
   bool runOne() { return run_.queue.runOne(); }
-  // Runs until nothing can run; virtual time stands still.
+  // Runs until nothing can run; virtual time does not pass.
   void run() { run_.queue.run(); }
   // Runs, and lets this much virtual time pass, moment by moment.
   void advance(std::chrono::nanoseconds duration) { run_.queue.advance(duration); }
