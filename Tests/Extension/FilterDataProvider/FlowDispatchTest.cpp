@@ -565,7 +565,7 @@ TEST_F(FlowDispatch, TakesFlowsAgainOnceAHandshakeHasEndedInOrder) {
 
 // --- The proxy fails
 
-TEST_F(FlowDispatch, BypassesTheVeryNextFlowAfterATunnelFailedWhateverTheCacheHolds) {
+TEST_F(FlowDispatch, BypassesTheVeryNextFlowAfterATunnelFailedDespiteTheCache) {
   takeFlow();
   ASSERT_EQ(peer().cachedAction("com.example.app:example.org:tcp"), FlowAction::proxyTCP);
   simulation_.connection(0)->setState(platform::TCPConnectionState::disconnected, kOpenError);

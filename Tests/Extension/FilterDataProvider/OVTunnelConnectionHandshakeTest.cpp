@@ -537,7 +537,7 @@ TEST_F(TunnelAnswer, IsTooLargeFrom16385BytesOn) {
             "connect_header_too_large");
 }
 
-TEST_F(TunnelAnswer, ThatCannotBeReadClosesWithTheErrorAndReportsTheProxyWithoutALogLine) {
+TEST_F(TunnelAnswer, ThatCannotBeReadClosesWithTheErrorAndReportsTheProxy) {
   make();
   startAndConnect();
   clearJournal();
@@ -573,7 +573,7 @@ TEST_F(TunnelAnswer, WithAnErrorCountsAsTheErrorWhateverTheBytes) {
             (Lines{"connect_handshake_started", "connect_handshake_read_failed", "tunnel_closed"}));
 }
 
-TEST_F(TunnelAnswer, ThatNeverComesBecauseTheProxyEndsTheStreamClosesInOrderAndSilently) {
+TEST_F(TunnelAnswer, IsMissingWhenTheProxyEndsTheStreamAndClosesInOrder) {
   make();
   startAndConnect();
   const auto logged = simulation_.logLines().size();
