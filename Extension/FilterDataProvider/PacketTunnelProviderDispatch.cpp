@@ -1,0 +1,141 @@
+// What the provider does with a new flow: it leaves it to the system, closes it, or opens it and
+// makes a tunnel for it.
+
+#include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+
+#include <string>
+#include <utility>
+
+#include "Platform/Interface/AppProxyTCPFlow.h"
+#include "Platform/Interface/AppProxyUDPFlow.h"
+#include "Platform/Interface/ProviderError.h"
+
+namespace ostravel {
+
+using platform::AppProxyFlow;
+using platform::AppProxyTCPFlow;
+using platform::AppProxyUDPFlow;
+using platform::Error;
+using platform::HostEndpoint;
+using platform::OptionalError;
+
+bool PacketTunnelProvider::handleNewFlow(std::shared_ptr<AppProxyFlow> flow) {
+  const std::string appId = flow->sourceAppSigningIdentifier();
+  const auto tcpFlow = std::dynamic_pointer_cast<AppProxyTCPFlow>(flow);
+  const auto udpFlow = std::dynamic_pointer_cast<AppProxyUDPFlow>(flow);
+  const bool isUDP = udpFlow != nullptr;
+
+  std::optional<HostEndpoint> known;
+  if (tcpFlow) {
+    known = tcpFlow->remoteEndpoint();
+  } else if (udpFlow) {
+    known = udpFlow->localEndpoint();
+  }
+  const HostEndpoint endpoint = std::move(known).value_or(HostEndpoint{"unknown", "0"});
+
+  switch (decideFlowAction(platform_.text().trimmed(appId), endpoint.hostname, isUDP)) {
+    case FlowAction::bypass:
+      return false;
+    case FlowAction::dropUDP:
+      if (udpFlow) {
+        udpFlow->closeRead(std::nullopt);
+        udpFlow->closeWrite(std::nullopt);
+      }
+      return true;
+    case FlowAction::proxyTCP:
+      if (!tcpFlow || isLocalProxy(endpoint)) {
+        return false;
+      }
+      openFlow(tcpFlow, appId);
+      return true;
+  }
+  return false;
+}
+
+// A connection to the local proxy itself must not go through it.
+bool PacketTunnelProvider::isLocalProxy(const HostEndpoint& endpoint) const {
+  const bool isLocalHost = endpoint.hostname == proxyHost_ || endpoint.hostname == "localhost" ||
+                           endpoint.hostname == "127.0.0.1";
+  return isLocalHost && endpoint.port == std::to_string(proxyPort_);
+}
+
+void PacketTunnelProvider::openFlow(const std::shared_ptr<AppProxyTCPFlow>& flow,
+                                    const std::string& appId) {
+  flow->open(std::nullopt, [weakProvider = weakSelf(), flow, appId,
+                            &platform = platform_](const OptionalError& error) {
+    const auto provider = weakProvider.lock();
+    if (error) {
+      platform::Log& log = provider ? *provider->log_ : platform.defaultLog();
+      log.error("OstravelProxy: Failed to open flow: %{public}s", {error->localizedDescription});
+      flow->closeRead(error);
+      flow->closeWrite(error);
+      return;
+    }
+    if (provider) {
+      provider->startTunnel(flow, appId);
+    }
+  });
+}
+
+void PacketTunnelProvider::startTunnel(const std::shared_ptr<AppProxyTCPFlow>& flow,
+                                       const std::string& appId) {
+  const std::string flowId = platform_.uuidSource().randomUUID();
+  if (!tunnelAdmissionController_.tryAcquireHandshakeSlot(flowId)) {
+    rejectFlow(*flow, flowId, appId);
+    return;
+  }
+  const auto tunnel = makeTunnel(flow, flowId, appId);
+  // Submitted before the start, so that a tunnel that ends early is removed after it was added.
+  activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {
+    provider->activeTunnels_.insert_or_assign(tunnel->flowId(), tunnel);
+  });
+  tunnel->start();
+}
+
+std::shared_ptr<OVTunnelConnection> PacketTunnelProvider::makeTunnel(
+    const std::shared_ptr<AppProxyTCPFlow>& flow, const std::string& flowId,
+    const std::string& appId) {
+  const auto connection =
+      createTCPConnection({proxyHost_, std::to_string(proxyPort_)}, platform::TLSPolicy::disabled);
+  const auto onHandshakeEstablished = [weakProvider = weakSelf()](const std::string& id) {
+    if (const auto provider = weakProvider.lock()) {
+      provider->tunnelAdmissionController_.markEstablished(id);
+    }
+  };
+  const auto onProxyUnavailable = [weakProvider = weakSelf()] {
+    if (const auto provider = weakProvider.lock()) {
+      provider->proxySafetyGate_->setProxyUnavailable(true);
+    }
+  };
+  const auto onClose = [weakProvider = weakSelf()](const std::string& id) {
+    if (const auto provider = weakProvider.lock()) {
+      provider->tunnelDidClose(id);
+    }
+  };
+  return std::make_shared<OVTunnelConnection>(platform_, flow, connection, flowId, appId,
+                                              connectHandshakeTimeoutSeconds_, monitoringClient_,
+                                              onHandshakeEstablished, onProxyUnavailable, onClose);
+}
+
+void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& flowId,
+                                      const std::string& appId) {
+  const Error error = platform::providerError(platform::kHandshakeBacklogExceededCode,
+                                              "Proxy handshake backlog exceeded");
+  log_->error("OstravelProxy: Rejecting flow due to handshake backlog");
+  const auto pending = static_cast<double>(tunnelAdmissionController_.pendingCount());
+  emit(monitoring_events::kHandshakeBacklogExceeded, Context{{"app_id", appId}},
+       Metrics{{"pending_handshakes", pending}}, flowId);
+  flow.closeRead(error);
+  flow.closeWrite(error);
+}
+
+void PacketTunnelProvider::tunnelDidClose(const std::string& flowId) {
+  activeTunnelsQueue_->asyncBarrier([weakProvider = weakSelf(), flowId] {
+    if (const auto provider = weakProvider.lock()) {
+      provider->activeTunnels_.erase(flowId);
+    }
+  });
+  tunnelAdmissionController_.release(flowId);
+}
+
+}  // namespace ostravel

@@ -1,0 +1,75 @@
+// The provider's health loop: one probe of the local proxy a second, and what follows from it.
+
+#include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+
+#include <chrono>
+#include <string>
+
+namespace ostravel {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kProbeInterval = 1s;
+constexpr auto kProbeLeeway = 150ms;
+// Short enough that a tick is over before the next one is due.
+constexpr std::chrono::duration<double> kProbeTimeout = 350ms;
+
+}  // namespace
+
+void PacketTunnelProvider::startProxyHealthMonitoring() {
+  if (proxyHealthTimer_) {
+    proxyHealthTimer_->cancel();
+  }
+  proxyHealthTimer_ = platform_.makeTimer(proxyHealthQueue_);
+  proxyHealthTimer_->schedule(0s, kProbeInterval, kProbeLeeway);
+  proxyHealthTimer_->setEventHandler([weakProvider = weakSelf()] {
+    if (const auto provider = weakProvider.lock()) {
+      provider->probeProxyHealth();
+    }
+  });
+  proxyHealthTimer_->resume();
+}
+
+void PacketTunnelProvider::stopProxyHealthMonitoring() {
+  if (proxyHealthTimer_) {
+    // A tick that is already due must not probe again.
+    proxyHealthTimer_->setEventHandler([] {});
+    proxyHealthTimer_->cancel();
+  }
+  proxyHealthTimer_ = nullptr;
+}
+
+void PacketTunnelProvider::probeProxyHealth() {
+  const auto result = proxyReachabilityProbe().check();
+  proxyHealthMonitor().recordProbeResult(result);
+}
+
+ProxyHealthMonitor& PacketTunnelProvider::proxyHealthMonitor() {
+  if (!proxyHealthMonitor_) {
+    proxyHealthMonitor_.emplace(proxySafetyGate_,
+                                [weakProvider = weakSelf()](ProxyHealthEvent event) {
+                                  if (const auto provider = weakProvider.lock()) {
+                                    provider->emitProxyHealthEvent(event);
+                                  }
+                                });
+  }
+  return *proxyHealthMonitor_;
+}
+
+ProxyTCPReachabilityProbe& PacketTunnelProvider::proxyReachabilityProbe() {
+  if (!proxyReachabilityProbe_) {
+    proxyReachabilityProbe_.emplace(platform_.sockets(), proxyHost_, proxyPort_, kProbeTimeout);
+  }
+  return *proxyReachabilityProbe_;
+}
+
+void PacketTunnelProvider::emitProxyHealthEvent(ProxyHealthEvent event) {
+  const auto& kind = event == ProxyHealthEvent::proxyUnavailable
+                         ? monitoring_events::kProxyUnreachable
+                         : monitoring_events::kProxyRecovered;
+  emit(kind, Context{{"proxy", proxyHost_ + ":" + std::to_string(proxyPort_)}});
+}
+
+}  // namespace ostravel
