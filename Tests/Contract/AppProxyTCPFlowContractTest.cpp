@@ -115,7 +115,7 @@ TEST_P(AppProxyTCPFlowContractTest, AReadWaitsForBytes) {
   EXPECT_FALSE(outcome.error());
 }
 
-TEST_P(AppProxyTCPFlowContractTest, TheEndComesBehindTheBytes) {
+TEST_P(AppProxyTCPFlowContractTest, TheEndComesAfterTheBytes) {
   open();
   application_->send("last words");
   application_->endSending();
@@ -229,7 +229,7 @@ TEST_P(AppProxyTCPFlowContractTest, AnOrderlyCloseLosesNothingThatWasAcknowledge
   }
   close(std::nullopt);
   flow_.reset();
-  application_->goOnReceiving();
+  application_->resumeReceiving();
   ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
   EXPECT_FALSE(application_->sawReset());
   EXPECT_TRUE(application_->received() == "pong" + acknowledged);
@@ -305,7 +305,7 @@ TEST_P(AppProxyTCPFlowContractTest, OneDirectionMayBeClosedBeforeTheOther) {
   EXPECT_TRUE(waitUntil([&] { return application_->sawEnd(); }));
 }
 
-TEST_P(AppProxyTCPFlowContractTest, ReadingGoesOnAfterWritingHasEnded) {
+TEST_P(AppProxyTCPFlowContractTest, ReadingContinuesAfterWritingHasEnded) {
   exchange();
   flow_->closeWrite(std::nullopt);
   ASSERT_TRUE(waitUntil([&] { return application_->sawEnd(); }));
@@ -353,7 +353,7 @@ TEST_P(AppProxyTCPFlowContractTest, ClosingEndsAnOutstandingWriteOnce) {
   environment_->settle();
   EXPECT_EQ(outcome.count(), 1);
   EXPECT_TRUE(outcome.error());
-  application_->goOnReceiving();
+  application_->resumeReceiving();
   EXPECT_TRUE(waitUntil([&] { return application_->sawReset(); }));
 }
 
@@ -381,7 +381,7 @@ TEST_P(AppProxyTCPFlowContractTest, DestructionCompletesWhatIsOutstandingOnce) {
   flow_->read(reading.readCompletion());
   flow_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
   CallInProgress::run([&] { flow_.reset(); });
-  application_->goOnReceiving();
+  application_->resumeReceiving();
   ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
   ASSERT_TRUE(waitUntil([&] { return application_->sawEnd() || application_->sawReset(); }));
   environment_->settle();
@@ -438,7 +438,7 @@ TEST_P(AppProxyTCPFlowContractTest, ACompletionMayHoldTheLastReference) {
   EXPECT_TRUE(waitUntil([&] { return application_->sawEnd(); }));
 }
 
-TEST_P(AppProxyTCPFlowContractTest, WhatACompletionHoldsIsLetGoOf) {
+TEST_P(AppProxyTCPFlowContractTest, WhatACompletionHoldsIsReleased) {
   exchange();
   auto held = std::make_shared<int>(0);
   const std::weak_ptr<int> weakHeld = held;

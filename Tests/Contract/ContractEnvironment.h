@@ -22,7 +22,7 @@ struct FlowEnds {
 };
 
 // What the contract tests need of a platform: one object per test, which makes a platform, plays
-// the rest of the world, and takes everything down when it is destroyed. Used by the test's own
+// the rest of the world, and takes everything down when it is destroyed. Used by the test's
 // thread unless something else is said.
 class ContractEnvironment {
  public:
@@ -49,7 +49,7 @@ class ContractEnvironment {
 
   // --- Flows.
 
-  // A new flow that nobody has opened yet, to kDestination. It keeps nothing of it alive.
+  // A new flow to kDestination that is not open yet. The environment keeps none of it alive.
   virtual FlowEnds makeFlow(const std::string& signingIdentifier) = 0;
 
   // Whether the platform holds a flow's first packet until something is read or written, so that it

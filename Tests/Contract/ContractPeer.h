@@ -6,7 +6,7 @@
 namespace ostravel::contract {
 
 // The far end of a flow or of a connection: an application or a proxy, as the contract tests play
-// it on every platform. Does its work by itself once it was told to; usable from any thread.
+// it on every platform. Works on its own once asked to; usable from any thread.
 class ContractPeer {
  public:
   ContractPeer() = default;
@@ -16,14 +16,14 @@ class ContractPeer {
 
   // Sends the bytes as fast as they are taken; returns at once.
   virtual void send(std::string bytes) = 0;
-  // Ends its sending direction in order, behind everything that it was told to send.
+  // Ends its sending direction in order, after everything that it was asked to send.
   virtual void endSending() = 0;
   // Ends both directions with a reset, now.
   virtual void reset() = 0;
 
-  // Takes nothing any more until it is told to go on.
+  // Receives nothing until receiving is resumed.
   virtual void stopReceiving() = 0;
-  virtual void goOnReceiving() = 0;
+  virtual void resumeReceiving() = 0;
 
   virtual std::string received() const = 0;
   virtual std::size_t receivedCount() const = 0;

@@ -149,7 +149,7 @@ TEST_P(DispatchTimerContractTest, AReplacedHandlerRunsInsteadOfTheOldOne) {
   EXPECT_EQ(old, 0);
 }
 
-TEST_P(DispatchTimerContractTest, AReplacedHandlerIsLetGoOf) {
+TEST_P(DispatchTimerContractTest, AReplacedHandlerIsReleased) {
   auto held = std::make_shared<int>(0);
   const std::weak_ptr<int> weakHeld = held;
   timer_->setEventHandler([held = std::move(held)] {});
@@ -219,7 +219,7 @@ TEST_P(DispatchTimerContractTest, DestroyingItCancelsIt) {
   EXPECT_EQ(fired_.size(), already);
 }
 
-TEST_P(DispatchTimerContractTest, DestroyingItLetsGoOfTheHandler) {
+TEST_P(DispatchTimerContractTest, DestroyingItReleasesTheHandler) {
   auto held = std::make_shared<int>(0);
   const std::weak_ptr<int> weakHeld = held;
   timer_->setEventHandler([held = std::move(held)] {});

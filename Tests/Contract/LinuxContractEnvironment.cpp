@@ -54,7 +54,7 @@ std::unique_ptr<linuxplatform::InterceptionTable> installTable(
   for (unsigned index = 0; index < loops.size(); ++index) {
     listeners.push_back({loops.loop(index).listener().ipv4Port(), 0});
   }
-  // Nobody listens at the queue.
+  // No packet queue is open.
   auto installed = linuxplatform::InterceptionTable::install(settings, loops.marks(), 0, listeners);
   if (!installed) {
     throw std::runtime_error(installed.error().localizedDescription);
@@ -129,7 +129,7 @@ bool LinuxContractEnvironment::waitUntil(const Condition& condition) {
 }
 
 void LinuxContractEnvironment::settle() {
-  // Between two items of its own a loop looks at its sockets, and what that starts runs before the
+  // Between two items a loop looks at its sockets, and what that starts runs before the
   // item after that.
   constexpr int kRounds = 3;
   for (int round = 0; round < kRounds; ++round) {

@@ -18,7 +18,7 @@ using namespace std::string_view_literals;
 
 class PlatformContractTest : public ContractTest {};
 
-TEST_P(PlatformContractTest, TheClockGoesOnAsTimePasses) {
+TEST_P(PlatformContractTest, TheClockAdvancesAsTimePasses) {
   const auto before = platform().clock().secondsSince1970();
   const auto start = environment_->now();
   environment_->spend(50ms);

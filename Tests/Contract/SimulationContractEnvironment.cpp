@@ -23,7 +23,7 @@ class Peer final : public ContractPeer {
   void reset() override { peer_->reset(); }
   // A write completes in the simulation when the far end has it.
   void stopReceiving() override {}
-  void goOnReceiving() override {}
+  void resumeReceiving() override {}
   std::string received() const override { return peer_->received(); }
   std::size_t receivedCount() const override { return peer_->received().size(); }
   bool sawEnd() const override { return peer_->sawEnd(); }

@@ -8,7 +8,7 @@
 
 namespace ostravel::contract {
 
-// The simulation in a given order. Virtual time; nothing happens unless somebody waits for it.
+// The simulation in a given order. Virtual time; nothing happens unless the test waits for it.
 class SimulationContractEnvironment final : public ContractEnvironment {
  public:
   explicit SimulationContractEnvironment(const simulation::SimulationOptions& options);

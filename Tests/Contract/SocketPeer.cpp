@@ -108,7 +108,7 @@ void SocketPeer::stopReceiving() {
   isReceiving_ = false;
 }
 
-void SocketPeer::goOnReceiving() {
+void SocketPeer::resumeReceiving() {
   const std::lock_guard guard(lock_);
   isReceiving_ = true;
   wakeUp_();

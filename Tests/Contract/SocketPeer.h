@@ -39,7 +39,7 @@ class SocketPeer final : public ContractPeer {
   void endSending() override;
   void reset() override;
   void stopReceiving() override;
-  void goOnReceiving() override;
+  void resumeReceiving() override;
   std::string received() const override;
   std::size_t receivedCount() const override;
   bool sawEnd() const override;

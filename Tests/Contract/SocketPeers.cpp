@@ -123,7 +123,7 @@ SocketPeers::Address SocketPeers::addressOf(int descriptor) {
 }
 
 void SocketPeers::fillSilentListener() {
-  // A backlog of zero has room for one connection that nobody accepts.
+  // A backlog of zero has room for one connection that is never accepted.
   const auto address = addressOf(silent_);
   sockaddr_in parsed{};
   std::memcpy(&parsed, address.data(), sizeof parsed);
@@ -151,7 +151,7 @@ void SocketPeers::run() {
     const auto firstPeer = entries.size();
     for (const auto& peer : peers) {
       const auto events = peer->awaitedEvents();
-      // An entry without a descriptor is not even told of a reset.
+      // An entry without a descriptor is not even notified of a reset.
       entries.push_back({events == 0 ? -1 : peer->descriptor(), events, 0});
     }
     if (::poll(entries.data(), entries.size(), -1) < 0) {

@@ -11,14 +11,14 @@
 
 namespace ostravel::contract {
 
-// Writes down the states of a connection, as it finds them when it is told.
+// Records the states of a connection, as it finds them when it is notified.
 class StateObserver final : public platform::KeyValueObserver {
  public:
   void observeValue(std::optional<std::string_view> keyPath,
                     platform::Observable* object) override {
     auto* const connection = dynamic_cast<platform::TCPConnection*>(object);
     if (keyPath != "state" || connection == nullptr) {
-      wasToldNonsense_ = true;
+      sawUnexpectedNotification_ = true;
       return;
     }
     states_.add(connection->state());
@@ -33,11 +33,11 @@ class StateObserver final : public platform::KeyValueObserver {
     }
     return false;
   }
-  bool wasToldNonsense() const { return wasToldNonsense_; }
+  bool sawUnexpectedNotification() const { return sawUnexpectedNotification_; }
 
  private:
   EventList<platform::TCPConnectionState> states_;
-  std::atomic<bool> wasToldNonsense_ = false;
+  std::atomic<bool> sawUnexpectedNotification_ = false;
 };
 
 }  // namespace ostravel::contract

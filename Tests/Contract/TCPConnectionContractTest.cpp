@@ -30,7 +30,7 @@ class TCPConnectionContractTest : public ContractTest {
     connection->addObserver(observer_, "state");
     return connection;
   }
-  // A connection that stands, with its peer.
+  // A connected connection, with its peer.
   void establish() {
     connection_ = connect(environment_->listeningEndpoint());
     ASSERT_TRUE(waitUntil([&] { return connection_->state() == TCPConnectionState::connected; }));
@@ -68,11 +68,11 @@ class TCPConnectionContractTest : public ContractTest {
   std::shared_ptr<ContractPeer> peer_;
 };
 
-TEST_P(TCPConnectionContractTest, BecomesConnectedAndTellsSo) {
+TEST_P(TCPConnectionContractTest, BecomesConnectedAndReportsIt) {
   establish();
   ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::connected); }));
   EXPECT_FALSE(connection_->error());
-  EXPECT_FALSE(observer_->wasToldNonsense());
+  EXPECT_FALSE(observer_->sawUnexpectedNotification());
 }
 
 TEST_P(TCPConnectionContractTest, ARefusedOneIsDisconnectedWithItsError) {
@@ -86,13 +86,13 @@ TEST_P(TCPConnectionContractTest, ARefusedOneIsDisconnectedWithItsError) {
   EXPECT_FALSE(observer_->saw(TCPConnectionState::connected));
 }
 
-TEST_P(TCPConnectionContractTest, AChangeThatNobodyCouldSeeIsToldToTheNextObserver) {
+TEST_P(TCPConnectionContractTest, AChangeWithoutObserversIsReportedToTheNextOne) {
   connection_ = environment_->connect(environment_->refusingEndpoint());
   ASSERT_TRUE(waitUntil([&] { return connection_->state() == TCPConnectionState::disconnected; }));
   environment_->settle();
   connection_->addObserver(observer_, "state");
   ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::disconnected); }));
-  EXPECT_FALSE(observer_->wasToldNonsense());
+  EXPECT_FALSE(observer_->sawUnexpectedNotification());
   const auto other = std::make_shared<StateObserver>();
   connection_->addObserver(other, "state");
   environment_->settle();
@@ -191,7 +191,7 @@ TEST_P(TCPConnectionContractTest, AnExactReadIsExact) {
   EXPECT_TRUE(text == sent);
 }
 
-TEST_P(TCPConnectionContractTest, TheEndComesBehindTheBytes) {
+TEST_P(TCPConnectionContractTest, TheEndComesAfterTheBytes) {
   establish();
   peer_->send("last words");
   peer_->endSending();
@@ -273,7 +273,7 @@ TEST_P(TCPConnectionContractTest, CancelLosesNothingThatWasAcknowledged) {
   }
   connection_->cancel();
   connection_.reset();
-  peer_->goOnReceiving();
+  peer_->resumeReceiving();
   ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
   EXPECT_FALSE(peer_->sawReset());
   EXPECT_TRUE(peer_->received() == acknowledged);
@@ -309,7 +309,7 @@ TEST_P(TCPConnectionContractTest, CancelFailsWhatIsOutstandingOnce) {
   EXPECT_FALSE(writing.ranInsideCall());
 }
 
-TEST_P(TCPConnectionContractTest, CancelIsTold) {
+TEST_P(TCPConnectionContractTest, CancelIsReported) {
   establish();
   // A notification that comes later would find the state that follows.
   ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::connected); }));
@@ -357,7 +357,7 @@ TEST_P(TCPConnectionContractTest, NothingIsTransferredAfterCancel) {
   EXPECT_EQ(peer_->received(), "");
 }
 
-TEST_P(TCPConnectionContractTest, EveryObserverIsTold) {
+TEST_P(TCPConnectionContractTest, EveryObserverIsNotified) {
   const auto other = std::make_shared<StateObserver>();
   establish();
   connection_->addObserver(other, "state");
@@ -368,7 +368,7 @@ TEST_P(TCPConnectionContractTest, EveryObserverIsTold) {
   }));
 }
 
-TEST_P(TCPConnectionContractTest, ARemovedObserverIsNotTold) {
+TEST_P(TCPConnectionContractTest, ARemovedObserverIsNotNotified) {
   establish();
   const auto removed = std::make_shared<StateObserver>();
   connection_->addObserver(removed, "state");
@@ -399,7 +399,7 @@ TEST_P(TCPConnectionContractTest, DestructionCompletesWhatIsOutstandingOnce) {
   connection_->read(1, 100, reading.readCompletion());
   connection_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
   CallInProgress::run([&] { connection_.reset(); });
-  peer_->goOnReceiving();
+  peer_->resumeReceiving();
   ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
   ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
   environment_->settle();
@@ -423,14 +423,14 @@ TEST_P(TCPConnectionContractTest, DestructionWhileConnectingCompletesWithErrors)
   EXPECT_TRUE(writing.error());
 }
 
-TEST_P(TCPConnectionContractTest, NoObserverIsToldAfterItsDestruction) {
+TEST_P(TCPConnectionContractTest, NoObserverIsNotifiedAfterItsDestruction) {
   connection_ = connect(environment_->silentEndpoint());
   connection_.reset();
   environment_->settle();
   EXPECT_TRUE(observer_->states().empty());
 }
 
-TEST_P(TCPConnectionContractTest, WhatACompletionHoldsIsLetGoOf) {
+TEST_P(TCPConnectionContractTest, WhatACompletionHoldsIsReleased) {
   establish();
   auto held = std::make_shared<int>(0);
   const std::weak_ptr<int> weakHeld = held;

@@ -67,7 +67,7 @@ TEST_P(TunnelContractTest, BothDirectionsCarryExactBytesAtOnce) {
   expectSettled(*ends.tunnel);
 }
 
-TEST_P(TunnelContractTest, TheApplicationsEndReachesThePeerBehindEverything) {
+TEST_P(TunnelContractTest, TheApplicationsEndReachesThePeerAfterEverything) {
   const auto ends = establish();
   ASSERT_NE(ends.peer, nullptr);
   const auto up = patternBytes(kBulk);
@@ -80,7 +80,7 @@ TEST_P(TunnelContractTest, TheApplicationsEndReachesThePeerBehindEverything) {
   expectSettled(*ends.tunnel);
 }
 
-TEST_P(TunnelContractTest, ThePeersEndReachesTheApplicationBehindEverything) {
+TEST_P(TunnelContractTest, ThePeersEndReachesTheApplicationAfterEverything) {
   const auto ends = establish();
   ASSERT_NE(ends.peer, nullptr);
   const auto down = patternBytes(kBulk);
@@ -189,7 +189,7 @@ TEST_P(TunnelContractTest, ClosingFromATimerDuringTheRelayCompletesEverythingOnc
   }
 }
 
-TEST_P(TunnelContractTest, ATunnelIsLetGoOfWhenItHasEnded) {
+TEST_P(TunnelContractTest, ATunnelIsReleasedWhenItHasEnded) {
   std::weak_ptr<ContractTunnel> weakTunnel;
   {
     auto ends = establish();

@@ -100,7 +100,7 @@ INSTANTIATE_TEST_SUITE_P(Lists, BuiltInDomains,
                          testing::Values(built_in::hardBypassDomains(),
                                          built_in::realtimeMediaDomains()));
 
-// Where two neighbouring entries stand for the apex and the subdomains of one service.
+// Where two neighbouring entries are the apex and the subdomains of one service.
 void expectPair(const std::vector<std::string>& entries, std::size_t suffixNumber,
                 std::size_t exactNumber) {
   EXPECT_EQ(entries.at(suffixNumber - 1), "." + entries.at(exactNumber - 1));

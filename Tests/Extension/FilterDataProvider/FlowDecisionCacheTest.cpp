@@ -118,7 +118,7 @@ TEST(FlowDecisionCacheTest, EqualsACacheThatWalksTheWholeTable) {
     for (int step = 0; step < 10'000; ++step) {
       now += static_cast<double>(upTo(20)) / 1000.0;
       if (upTo(1000) == 0) {
-        // Somebody sets the clock, either way.
+        // The clock is set, forwards or back.
         now += static_cast<double>(upTo(200)) - 100.0;
       }
       // The stores of several flows are not made in the order of their times.

@@ -59,7 +59,7 @@ TEST_F(TunnelStart, ObservesTheStateOnly) {
   EXPECT_EQ(connection->calls(), Lines{"addObserver state"});
 }
 
-TEST_F(TunnelStart, BeginsTheHandshakeInsideStartOnAConnectionThatStands) {
+TEST_F(TunnelStart, BeginsTheHandshakeInsideStartIfAlreadyConnected) {
   const auto connection = std::make_shared<ScriptedConnection>();
   connection->currentState = TCPConnectionState::connected;
   make({.connection = connection});
@@ -110,7 +110,7 @@ TEST_F(TunnelStartRace, ADisconnectionLeavesNoObserver) {
   EXPECT_EQ(events("tunnel_closed").size(), 1U);
 }
 
-TEST_F(TunnelStart, BeginsTheHandshakeWhenTheConnectionStands) {
+TEST_F(TunnelStart, BeginsTheHandshakeOnceConnected) {
   make();
   start();
 

@@ -37,7 +37,7 @@ class TunnelRelay : public TunnelTest {
     EXPECT_EQ(records().back().level, "info");
     EXPECT_EQ(records().back().message, "Tunnel closed");
     EXPECT_EQ(records().back().context->at("detail"), "eof");
-    // What the close makes fail is logged behind it; nothing is logged before.
+    // What fails because of the close is logged after it; nothing is logged before.
     EXPECT_EQ(lineLoggedBefore("tunnel_closed"), "OstravelProxy: Handshake successful.");
   }
 

@@ -114,7 +114,7 @@ TEST_F(NormalFlowAction, IgnoresCaseAndRootDotOfTheHost) {
 }
 
 TEST_F(NormalFlowAction, ProxiesTheApexAndTheLookalikeOfASuffixEntry) {
-  // Without an exact entry of its own.
+  // It has no exact entry.
   const std::string suffix = built_in::hardBypassDomains().at(0);
 
   EXPECT_EQ(determine(suffix.substr(1), tcp), FlowAction::proxyTCP);

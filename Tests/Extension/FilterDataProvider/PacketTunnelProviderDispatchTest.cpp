@@ -372,7 +372,7 @@ TEST_F(FlowDispatch, ForgetsATunnelThatClosesDuringItsHandshake) {
 TEST_F(FlowDispatch, ForgetsATunnelThatClosesBeforeItIsInTheTable) {
   bool closedEarly = false;
   simulation_.onConnectionCreated([this, &closedEarly](simulation::SimulatedTCPConnection& made) {
-    // Fails as soon as anything runs, and the insertion into the table is queued behind.
+    // Fails as soon as anything runs, before the queued insertion into the table.
     simulation_.post([this, &made, &closedEarly] {
       closedEarly = peer().activeTunnelCount() == 0;
       made.setState(platform::TCPConnectionState::disconnected, kOpenError);
@@ -586,7 +586,7 @@ TEST_F(FlowDispatch, ProxiesAgainAfterTheNextGoodProbe) {
   EXPECT_EQ(events("proxy_recovered").size(), 0U);
 }
 
-TEST_F(FlowDispatch, GoesOnProxyingAfterARejectedRequest) {
+TEST_F(FlowDispatch, KeepsProxyingAfterARejectedRequest) {
   takeFlow();
   simulation_.connection(0)->accept();
   simulation_.peer(0)->send("HTTP/1.1 403 Forbidden\r\n\r\n");
@@ -595,7 +595,7 @@ TEST_F(FlowDispatch, GoesOnProxyingAfterARejectedRequest) {
   EXPECT_TRUE(handle(makeFlow()));
 }
 
-TEST_F(FlowDispatch, GoesOnProxyingAfterAnEstablishedTunnelFailed) {
+TEST_F(FlowDispatch, KeepsProxyingAfterAnEstablishedTunnelFailed) {
   takeFlow();
   establish(0);
 

@@ -165,7 +165,7 @@ class ProviderStartWithoutPath
     : public ProviderTest,
       public testing::WithParamInterface<std::optional<platform::TunnelProviderProtocol>> {};
 
-TEST_P(ProviderStartWithoutPath, DropsItsEventAndGoesOn) {
+TEST_P(ProviderStartWithoutPath, DropsItsEventAndContinues) {
   simulation_.setProtocolConfiguration(GetParam());
   Completions completions;
 

@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 // How the proxy treats one connection.
 enum class ProxyConduct {
   establishes,
-  // With the origin's first bytes directly behind the header.
+  // With the origin's first bytes directly after the header.
   establishesWithLeftover,
   rejects,
   answersNonsense,
@@ -138,7 +138,7 @@ class WholeFlowRun {
   }
 
   void offerFlow(std::size_t number) {
-    // A host of its own, to recognise the flow by at the proxy.
+    // A unique host, to recognise the flow by at the proxy.
     const std::string host = "host-" + std::to_string(number) + ".example";
     const auto flow = simulation().makeTCPFlow("com.example.app", {{host, "443"}});
     if (!harness_.provider_->handleNewFlow(flow)) {

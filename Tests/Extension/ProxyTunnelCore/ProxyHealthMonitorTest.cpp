@@ -77,7 +77,7 @@ TEST_F(ProxyHealthMonitorTest, ReopensSilentlyAGateThatATunnelClosed) {
   EXPECT_TRUE(events_.empty());
 }
 
-TEST_F(ProxyHealthMonitorTest, ClosesAgainAGateThatSomebodyOpened) {
+TEST_F(ProxyHealthMonitorTest, ClosesAGateThatWasOpenedMeanwhile) {
   record({unreachable});
   gate_->setProxyUnavailable(false);
 

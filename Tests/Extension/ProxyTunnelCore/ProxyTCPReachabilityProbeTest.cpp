@@ -77,7 +77,7 @@ TEST_F(ProxyTCPReachabilityProbeTest, IsUnreachableWithoutAListener) {
   expectCallsUpTo("pendingError");
 }
 
-TEST_F(ProxyTCPReachabilityProbeTest, IsUnreachableWhenNobodyAnswersInTime) {
+TEST_F(ProxyTCPReachabilityProbeTest, IsUnreachableWithoutAnAnswerInTime) {
   sockets().proxySilent();
 
   EXPECT_EQ(check(), unreachable);

@@ -183,7 +183,7 @@ TEST_F(MonitoringClientEmit, DeliversAlsoWhenTheClientIsGone) {
   EXPECT_EQ(sent_, Lines{"/tmp/m.sock signal"});
 }
 
-TEST_F(MonitoringClientEmit, LogsAFailureInOneLineAndGoesOn) {
+TEST_F(MonitoringClientEmit, LogsAFailureInOneLineAndContinues) {
   const auto client = make(kPath);
   senderError_ = Error{"SomeDomain", 5, "Went wrong"};
 
@@ -213,7 +213,7 @@ TEST_F(MonitoringClientEmit, LogsAnEventThatCannotBeEncodedInOneLineAndSendsNoth
   EXPECT_EQ(simulation_.logLines(), Lines{});
 }
 
-// --- emit while nobody takes the events
+// --- emit while events are not delivered
 
 class MonitoringClientBound : public MonitoringClientEmit {
  protected:
@@ -452,7 +452,7 @@ TEST_F(SendFrameToSocket, FailsWithoutAListener) {
   EXPECT_EQ(calls(), (Lines{openCall_, "connect 13 bytes", "close"}));
 }
 
-TEST_F(SendFrameToSocket, GoesOnAfterAPartialWrite) {
+TEST_F(SendFrameToSocket, ContinuesAfterAPartialWrite) {
   sockets().answerNext(SocketCallKind::write, {2, 0});
   sockets().answerNext(SocketCallKind::write, {1, 0});
 

@@ -127,7 +127,7 @@ ProxyTunnelMonitoringEvent largeEvent(platform::Platform& platform) {
           "1970-01-01T00:00:01Z"};
 }
 
-// Nothing in it needs memory of its own but what every event has.
+// It allocates only what every event does.
 ProxyTunnelMonitoringEvent smallEvent(platform::Platform& platform) {
   return {platform.uuidSource(), "s",          std::nullopt, "info", "c", "m",
           std::nullopt,          std::nullopt, 1.0,          "t"};

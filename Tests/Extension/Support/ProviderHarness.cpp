@@ -46,7 +46,7 @@ std::shared_ptr<simulation::SimulatedTCPFlow> ProviderHarness::takeFlow() {
 }
 
 bool ProviderHarness::bypassesNewFlows() {
-  // Of an application of its own: the decision is remembered.
+  // For an application that no test uses, because the decision is cached.
   return provider_->decideFlowAction("com.example.gate", "example.org", /*isUDP=*/false) ==
          PacketTunnelProvider::FlowAction::bypass;
 }

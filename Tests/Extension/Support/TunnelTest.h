@@ -80,7 +80,7 @@ class TunnelTest : public testing::Test {
   std::vector<std::string> lineLoggedBefore_;
 };
 
-// An error of nobody in particular.
+// An error that no platform defines.
 platform::Error someError(const std::string& description = "Something broke");
 
 }  // namespace ostravel::test

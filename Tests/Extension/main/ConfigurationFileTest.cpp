@@ -58,7 +58,7 @@ TEST_F(ConfigurationFile, RefusesWhatIsNotAnObject) {
   EXPECT_EQ(errorOf("\"text\""), path_ + ":1:1: the configuration must be a JSON object");
 }
 
-TEST_F(ConfigurationFile, RefusesAnEmptyFileAndTextBehindTheObject) {
+TEST_F(ConfigurationFile, RefusesAnEmptyFileAndTextAfterTheObject) {
   EXPECT_TRUE(errorOf("").starts_with(path_ + ":1:"));
   EXPECT_TRUE(errorOf("{}\n{}").starts_with(path_ + ":2:"));
 }

@@ -60,7 +60,7 @@ TEST_F(RunQueueTest, RunOneRunsOne) {
   EXPECT_FALSE(queue_.runOne());
 }
 
-TEST_F(RunQueueTest, TimeStandsStillWhileSomethingRuns) {
+TEST_F(RunQueueTest, TimeDoesNotPassWhileSomethingRuns) {
   queue_.setAlarm(1s, noting("alarm"));
   queue_.post(noting("a"));
   queue_.run();
@@ -161,7 +161,7 @@ TEST_F(RunQueueTest, ARunWithoutEndIsNoticed) {
   EXPECT_THROW(queue_.run(), std::logic_error);
 }
 
-TEST_F(RunQueueTest, ARunGoesOnAfterAnItemThatThrew) {
+TEST_F(RunQueueTest, ARunContinuesAfterAnItemThatThrew) {
   queue_.post([] { throw std::logic_error("from the item"); });
   queue_.post(noting("next"));
   EXPECT_THROW(queue_.run(), std::logic_error);

@@ -22,7 +22,7 @@ TEST(SimulatedClockTest, FollowsVirtualTimeWithAFraction) {
   EXPECT_DOUBLE_EQ(simulation.clock().secondsSince1970(), 1'600'000'001.25);
 }
 
-TEST(SimulatedClockTest, StandsStillWhileItemsRun) {
+TEST(SimulatedClockTest, DoesNotAdvanceWhileItemsRun) {
   Simulation simulation;
   for (int i = 0; i < 1000; ++i) {
     simulation.post([] {});

@@ -65,7 +65,7 @@ TEST_F(SimulatedPeerTest, AReadDeliversAtMostItsMaximum) {
   EXPECT_EQ(peer_->unreadBytes(), 0U);
 }
 
-TEST_F(SimulatedPeerTest, TheEndComesBehindWhatWasSent) {
+TEST_F(SimulatedPeerTest, TheEndComesAfterWhatWasSent) {
   peer_->send("last");
   peer_->endSending();
   read();
@@ -104,7 +104,7 @@ TEST_F(SimulatedPeerTest, TheEndIsReportedAgainAndAgain) {
   }
 }
 
-TEST_F(SimulatedPeerTest, SendingBehindTheEndIsAnError) {
+TEST_F(SimulatedPeerTest, SendingAfterTheEndIsAnError) {
   peer_->endSending();
   EXPECT_THROW(peer_->send("x"), std::logic_error);
 }

@@ -90,7 +90,7 @@ TEST_F(SimulatedQueueTest, SyncBarrierWaitsForAll) {
   EXPECT_EQ(happened_, (Events{"a", "b", "sync"}));
 }
 
-TEST_F(SimulatedQueueTest, WhatAPrecedingItemSubmitsIsBehindTheSync) {
+TEST_F(SimulatedQueueTest, WhatAPrecedingItemSubmitsRunsAfterTheSync) {
   serial_->async([this] {
     happened_.push_back("a");
     serial_->async(noting("b"));

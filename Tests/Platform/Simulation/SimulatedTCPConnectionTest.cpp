@@ -174,7 +174,7 @@ TEST_F(SimulatedTCPConnectionTest, CancelComesFromEveryStateAndIsFinal) {
             (States{TCPConnectionState::disconnected, TCPConnectionState::cancelled}));
 }
 
-TEST_F(SimulatedTCPConnectionTest, ARemovedObserverIsNotTold) {
+TEST_F(SimulatedTCPConnectionTest, ARemovedObserverIsNotNotified) {
   connection_->addObserver(observer_, "state");
   EXPECT_EQ(connection_->observerCount(), 1U);
   connection_->removeObserver(*observer_, "state");
@@ -183,7 +183,7 @@ TEST_F(SimulatedTCPConnectionTest, ARemovedObserverIsNotTold) {
   EXPECT_TRUE(observer_->seen.empty());
 }
 
-TEST_F(SimulatedTCPConnectionTest, ADestroyedObserverIsNotToldAndNotHeld) {
+TEST_F(SimulatedTCPConnectionTest, ADestroyedObserverIsNeitherNotifiedNorHeld) {
   connection_->addObserver(observer_, "state");
   const std::weak_ptr<StateObserver> weakObserver = observer_;
   observer_.reset();
@@ -191,7 +191,7 @@ TEST_F(SimulatedTCPConnectionTest, ADestroyedObserverIsNotToldAndNotHeld) {
   connection_->setState(TCPConnectionState::connected);
 }
 
-TEST_F(SimulatedTCPConnectionTest, AnObserverMayRemoveAnotherWhileItIsTold) {
+TEST_F(SimulatedTCPConnectionTest, AnObserverMayRemoveAnotherWhenNotified) {
   const auto other = std::make_shared<StateObserver>();
   connection_->addObserver(observer_, "state");
   connection_->addObserver(other, "state");
@@ -201,7 +201,7 @@ TEST_F(SimulatedTCPConnectionTest, AnObserverMayRemoveAnotherWhileItIsTold) {
   EXPECT_TRUE(other->seen.empty());
 }
 
-TEST_F(SimulatedTCPConnectionTest, AnObserverMayLetGoOfTheConnection) {
+TEST_F(SimulatedTCPConnectionTest, AnObserverMayReleaseTheConnection) {
   connection_->addObserver(observer_, "state");
   observer_->onChange = [&] { connection_.reset(); };
   connection_->accept();

@@ -57,7 +57,7 @@ TEST_F(SimulatedTCPFlowTest, OpensThroughTheRunQueue) {
   EXPECT_EQ(flow_->requestedLocalEndpoint(), (platform::HostEndpoint{"192.0.2.1", "1"}));
 }
 
-TEST_F(SimulatedTCPFlowTest, OpeningFailsWhenItIsTold) {
+TEST_F(SimulatedTCPFlowTest, OpeningFailsOnRequest) {
   flow_->failOpen(kError);
   open();
   EXPECT_EQ(opened_.count, 1);
