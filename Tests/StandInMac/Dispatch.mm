@@ -124,6 +124,23 @@ dispatch_queue_t dispatch_queue_create(const char* /*label*/, dispatch_queue_att
   return queue;
 }
 
+dispatch_queue_t dispatch_get_global_queue(std::intptr_t /*identifier*/, std::uintptr_t flags) {
+  if (flags != 0) {
+    crash("flags of a global queue");
+  }
+  static const dispatch_queue_t queue = dispatch_queue_create("global", DISPATCH_QUEUE_CONCURRENT);
+  return queue;
+}
+
+// All queues share the workers here, whatever they target.
+dispatch_queue_t dispatch_queue_create_with_target(const char* label, dispatch_queue_attr_t attr,
+                                                   dispatch_queue_t target) {
+  if (target != nil && target != dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0)) {
+    crash("a target that the stand-in does not know");
+  }
+  return dispatch_queue_create(label, attr);
+}
+
 void dispatch_async(dispatch_queue_t queue, dispatch_block_t block) {
   queueOf(queue)->async(WorkQueue::Manner::plain,
                         [held = Reference<dispatch_block_t>::retaining(block)] { held.get()(); });

@@ -13,6 +13,8 @@ namespace ostravel::macos {
 class SystemDispatchQueue final : public platform::DispatchQueue {
  public:
   SystemDispatchQueue(std::string label, platform::DispatchQueueKind kind);
+  // Runs its items on the threads of the target.
+  SystemDispatchQueue(std::string label, platform::DispatchQueueKind kind, dispatch_queue_t target);
 
   dispatch_queue_t handle() const { return queue_.get(); }
 

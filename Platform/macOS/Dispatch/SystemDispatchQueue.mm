@@ -32,14 +32,23 @@ void* contextOf(const Work* work) {
   return const_cast<Work*>(work);
 }
 
+dispatch_queue_attr_t attributeOf(platform::DispatchQueueKind kind) {
+  return kind == platform::DispatchQueueKind::concurrent ? DISPATCH_QUEUE_CONCURRENT
+                                                         : DISPATCH_QUEUE_SERIAL;
+}
+
 }  // namespace
 
 SystemDispatchQueue::SystemDispatchQueue(std::string label, platform::DispatchQueueKind kind)
     : label_(std::move(label)),
       queue_(Reference<dispatch_queue_t>::adopting(
-          dispatch_queue_create(label_.c_str(), kind == platform::DispatchQueueKind::concurrent
-                                                    ? DISPATCH_QUEUE_CONCURRENT
-                                                    : DISPATCH_QUEUE_SERIAL))) {}
+          dispatch_queue_create(label_.c_str(), attributeOf(kind)))) {}
+
+SystemDispatchQueue::SystemDispatchQueue(std::string label, platform::DispatchQueueKind kind,
+                                         dispatch_queue_t target)
+    : label_(std::move(label)),
+      queue_(Reference<dispatch_queue_t>::adopting(
+          dispatch_queue_create_with_target(label_.c_str(), attributeOf(kind), target))) {}
 
 void SystemDispatchQueue::async(Work work) {
   dispatch_async_f(handle(), contextOf(std::move(work)), runOwned);

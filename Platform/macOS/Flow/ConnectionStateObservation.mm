@@ -54,8 +54,10 @@ ObservationTable& observationTable() {
                         change:(NSDictionary*)change
                        context:(void*)context {
   (void)keyPath;
-  (void)object;
   (void)change;
+  // The adapter may go below, and with it the last known reference to the connection, which is in
+  // the middle of its notification.
+  [[object retain] autorelease];
   const auto number = reinterpret_cast<std::uintptr_t>(context);
   if (const auto adapter = ostravel::macos::observationTable().find(number)) {
     @autoreleasepool {

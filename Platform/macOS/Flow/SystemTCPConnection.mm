@@ -32,6 +32,8 @@ SystemTCPConnection::SystemTCPConnection(NWTCPConnection* connection)
 
 SystemTCPConnection::~SystemTCPConnection() {
   stopObservingState(connection_.get(), observation_);
+  // Apple does not say that releasing a connection ends it.
+  cancel();
 }
 
 TCPConnectionState SystemTCPConnection::state() const {

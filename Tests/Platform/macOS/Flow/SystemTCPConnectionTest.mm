@@ -11,6 +11,7 @@
 #include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/ErrorWithoutText.h"
 #import "Tests/StandInMac/StandInNetworkExtension.h"
+#include "Tests/StandInMac/SystemBehaviour.h"
 #include "Tests/StandInMac/WorkerPool.h"
 
 namespace ostravel::macos::test {
@@ -97,10 +98,11 @@ TEST_F(SystemTCPConnectionTest, AChangeBeforeAnybodyObservedIsToldLater) {
 }
 
 TEST_F(SystemTCPConnectionTest, AConnectionThatStoodFromTheStartIsToldLater) {
-  change(NWTCPConnectionStateConnected);
   @autoreleasepool {
-    connection_ = SystemTCPConnection::make(object_.get());
+    object_ = Reference<NWTCPConnection*>::retaining(standin::makeScriptedConnection());
   }
+  change(NWTCPConnectionStateConnected);
+  connection_ = SystemTCPConnection::make(object_.get());
   connection_->addObserver(observer_, "state");
   EXPECT_TRUE(waitUntil([this] { return observer_->count() == 1; }));
 }
@@ -144,6 +146,42 @@ TEST_F(SystemTCPConnectionTest, MayEndWhileItsStateChangesOnAnotherThread) {
     changer.join();
   }
   SUCCEED();
+}
+
+// The stand-in ends the process when the connection goes before its notification has ended.
+TEST_F(SystemTCPConnectionTest, MayEndInsideItsNotification) {
+  observer_->onValue = [this] {
+    connection_.reset();
+    object_ = {};
+  };
+  connection_->addObserver(observer_, "state");
+  change(NWTCPConnectionStateConnected);
+  EXPECT_EQ(observer_->count(), 1);
+}
+
+TEST_F(SystemTCPConnectionTest, MayBeCancelledInsideItsNotification) {
+  for (const bool notifiesInside : {false, true}) {
+    const standin::BehaviourScope behaviour({.notifiesInsideCancel = notifiesInside});
+    @autoreleasepool {
+      object_ = Reference<NWTCPConnection*>::retaining(standin::makeScriptedConnection());
+      connection_ = SystemTCPConnection::make(object_.get());
+    }
+    observer_->onValue = [this] {
+      connection_->removeObserver(*observer_, "state");
+      connection_->cancel();
+    };
+    connection_->addObserver(observer_, "state");
+    change(NWTCPConnectionStateConnected);
+    EXPECT_TRUE(
+        waitUntil([this] { return connection_->state() == TCPConnectionState::cancelled; }));
+  }
+  EXPECT_EQ(observer_->count(), 2);
+}
+
+// Releasing the system's object may not end it.
+TEST_F(SystemTCPConnectionTest, CancelsTheConnectionWhenItEnds) {
+  connection_.reset();
+  EXPECT_TRUE(waitUntil([this] { return [object_.get() state] == NWTCPConnectionStateCancelled; }));
 }
 
 TEST_F(SystemTCPConnectionTest, TheErrorIsTheConnections) {

@@ -5,6 +5,8 @@
 
 #import <Foundation/Foundation.h>
 
+#include <os/availability.h>
+
 #include <cstdint>
 
 #pragma clang assume_nonnull begin
@@ -37,6 +39,10 @@ extern const struct dispatch_source_type_s _dispatch_source_type_timer;
 
 __attribute__((ns_returns_retained)) dispatch_queue_t dispatch_queue_create(
     const char *_Nullable label, dispatch_queue_attr_t _Nullable attr);
+__attribute__((ns_returns_retained)) dispatch_queue_t dispatch_queue_create_with_target(
+    const char *_Nullable label, dispatch_queue_attr_t _Nullable attr,
+    dispatch_queue_t _Nullable target) OV_MACOS(10.12);
+dispatch_queue_t dispatch_get_global_queue(intptr_t identifier, uintptr_t flags);
 void dispatch_async(dispatch_queue_t queue, dispatch_block_t block);
 void dispatch_async_f(dispatch_queue_t queue, void *_Nullable context, dispatch_function_t work);
 void dispatch_sync_f(dispatch_queue_t queue, void *_Nullable context, dispatch_function_t work);
@@ -64,7 +70,7 @@ intptr_t dispatch_source_testcancel(dispatch_source_t source);
 
 void dispatch_resume(dispatch_object_t object);
 void dispatch_suspend(dispatch_object_t object);
-void dispatch_activate(dispatch_object_t object);
+void dispatch_activate(dispatch_object_t object) OV_MACOS(10.12);
 void dispatch_set_context(dispatch_object_t object, void *_Nullable context);
 void *_Nullable dispatch_get_context(dispatch_object_t object);
 void dispatch_set_finalizer_f(dispatch_object_t object, dispatch_function_t _Nullable finalizer);
@@ -72,6 +78,7 @@ void dispatch_set_finalizer_f(dispatch_object_t object, dispatch_function_t _Nul
 dispatch_time_t dispatch_time(dispatch_time_t when, int64_t delta);
 dispatch_time_t dispatch_walltime(const struct timespec *_Nullable when, int64_t delta);
 }
+#define DISPATCH_QUEUE_PRIORITY_DEFAULT 0
 #define DISPATCH_QUEUE_SERIAL NULL
 #define DISPATCH_QUEUE_CONCURRENT ((dispatch_queue_attr_t)&_dispatch_queue_attr_concurrent)
 #define DISPATCH_SOURCE_TYPE_TIMER (&_dispatch_source_type_timer)

@@ -1,0 +1,55 @@
+#import "Platform/macOS/Dispatch/CompletionQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <vector>
+
+#import "Tests/Platform/macOS/Support/ObjectCensus.h"
+#include "Tests/Platform/macOS/Support/Waiting.h"
+
+namespace ostravel::macos::test {
+namespace {
+
+TEST(CompletionQueueTest, CompletionsRunOneAfterTheOther) {
+  constexpr int kCompletions = 1000;
+  const auto queue = std::make_shared<CompletionQueue>();
+  std::vector<int> order;
+  std::atomic<bool> isDone = false;
+  for (int i = 0; i < kCompletions; ++i) {
+    queue->run([&order, i] { order.push_back(i); });
+  }
+  queue->run([&isDone] { isDone = true; });
+  ASSERT_TRUE(waitUntil([&isDone] { return isDone.load(); }));
+  ASSERT_EQ(order.size(), static_cast<std::size_t>(kCompletions));
+  for (int i = 0; i < kCompletions; ++i) {
+    ASSERT_EQ(order[static_cast<std::size_t>(i)], i);
+  }
+}
+
+TEST(CompletionQueueTest, ACompletionFindsItsOwnQueue) {
+  const auto queue = std::make_shared<CompletionQueue>();
+  std::shared_ptr<CompletionQueue> found;
+  std::atomic<bool> isDone = false;
+  queue->run([&] {
+    found = CompletionQueue::current();
+    isDone = true;
+  });
+  ASSERT_TRUE(waitUntil([&isDone] { return isDone.load(); }));
+  EXPECT_EQ(found, queue);
+  EXPECT_NE(CompletionQueue::current(), queue);
+}
+
+// Of the many flows that bypass the proxy none has a completion.
+TEST(CompletionQueueTest, ADispatchQueueIsMadeForTheFirstCompletion) {
+  // The queue that all target is made once.
+  std::make_shared<CompletionQueue>()->run([] {});
+  const auto before = takeCensus()["StandInQueue"];
+  const auto queue = std::make_shared<CompletionQueue>();
+  EXPECT_LE(takeCensus()["StandInQueue"], before);
+  queue->run([] {});
+  EXPECT_GE(takeCensus()["StandInQueue"], 1);
+}
+
+}  // namespace
+}  // namespace ostravel::macos::test
