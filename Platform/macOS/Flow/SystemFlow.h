@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "Platform/Interface/AppProxyFlow.h"
-#import "Platform/macOS/Foundation/FoundationError.h"
+#import "Platform/macOS/Flow/FlowError.h"
 #import "Platform/macOS/Foundation/FoundationText.h"
 #import "Platform/macOS/Foundation/Reference.h"
 
@@ -26,12 +26,12 @@ class SystemFlow : public Interface {
   }
   void closeRead(platform::OptionalError error) override {
     @autoreleasepool {
-      [flow() closeReadWithError:makeNSError(error)];
+      [flow() closeReadWithError:makeFlowError(error)];
     }
   }
   void closeWrite(platform::OptionalError error) override {
     @autoreleasepool {
-      [flow() closeWriteWithError:makeNSError(error)];
+      [flow() closeWriteWithError:makeFlowError(error)];
     }
   }
 

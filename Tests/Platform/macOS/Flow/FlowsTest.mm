@@ -8,6 +8,7 @@
 #import "Platform/macOS/Flow/SystemFlow.h"
 #import "Platform/macOS/Flow/SystemTCPFlow.h"
 #import "Platform/macOS/Flow/SystemUDPFlow.h"
+#import "Platform/macOS/Foundation/FoundationError.h"
 #include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/StandInNetworkExtension.h"
 #include "Tests/StandInMac/StreamSocket.h"
@@ -78,7 +79,9 @@ TEST_F(FlowsTest, EachSideIsClosedWithItsOwnError) {
   EXPECT_FALSE(record_->isWriteClosed());
   flow->closeWrite(platform::Error{"OstravelProxy", 1001, "backlog"});
   EXPECT_EQ(record_->closeReadError(), nil);
-  EXPECT_EQ(errorFrom(record_->closeWriteError()),
+  NSError* const error = record_->closeWriteError();
+  EXPECT_TRUE([[error domain] isEqualToString:NEAppProxyErrorDomain]);
+  EXPECT_EQ(errorFrom([[error userInfo] objectForKey:NSUnderlyingErrorKey]),
             (platform::Error{"OstravelProxy", 1001, "backlog"}));
 }
 

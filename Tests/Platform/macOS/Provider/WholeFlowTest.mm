@@ -1,101 +1,20 @@
-#import <Foundation/Foundation.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#import "Tests/Platform/macOS/Provider/WholeFlow.h"
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
-#include <memory>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #import "Platform/macOS/Foundation/FoundationError.h"
 #import "Platform/macOS/Foundation/FoundationText.h"
-#import "Tests/Platform/macOS/Provider/PrincipalObject.h"
 #include "Tests/Platform/macOS/Support/MemoryInUse.h"
 #import "Tests/Platform/macOS/Support/ObjectCensus.h"
-#include "Tests/Platform/macOS/Support/Waiting.h"
-#import "Tests/StandInMac/LogRecord.h"
-#include "Tests/StandInMac/StreamSocket.h"
 #include "Tests/StandInMac/WorkerPool.h"
-#include "Tests/Support/ChildProcess.h"
-#include "Tests/Support/TemporaryFolder.h"
-#include "Tests/Support/TestSocket.h"
 
 namespace ostravel::macos::test {
 namespace {
-
-using companion::test::ChildProcess;
-using companion::test::TemporaryFolder;
-using companion::test::TestListener;
-using companion::test::TestSocket;
-
-constexpr std::uint16_t kProxyPort = 8080;
-
-// A flow as the system offers it, and the application behind it.
-struct OfferedFlow {
-  bool wasTaken;
-  std::shared_ptr<standin::FlowRecord> record;
-  TestSocket application;
-};
-
-// Whole flows through the principal object, with real sockets on both sides.
-class WholeFlowTest : public testing::Test {
- protected:
-  WholeFlowTest() { standin::clearLogRecord(); }
-  ~WholeFlowTest() override {
-    provider_.stop();
-    provider_.release();
-    [pool_ release];
-  }
-
-  // What the fixture makes is gone before the test's own pool.
-  NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
-
-  OfferedFlow offerTCP(const standin::FlowDescription& description) {
-    @autoreleasepool {
-      const auto ends = standin::makeStreamPair();
-      NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(description, ends.provider);
-      auto record = standin::recordOf(flow);
-      return {provider_.offer(flow), std::move(record), TestSocket(ends.application)};
-    }
-  }
-  OfferedFlow offerTCP(const std::string& host, std::uint16_t port) {
-    @autoreleasepool {
-      return offerTCP({.endpoint = standin::makeHostEndpoint(makeString(host),
-                                                             makeString(std::to_string(port)))});
-    }
-  }
-  OfferedFlow offerTCPTo(const TestListener& origin) {
-    return offerTCP("127.0.0.1", origin.port());
-  }
-
-  // Starts, and waits until the first probe has found the proxy.
-  void startWithProxy() {
-    provider_.startUp();
-    ASSERT_TRUE(waitUntil([this] {
-      @autoreleasepool {
-        // Refused at once when it is taken, and so without a trace.
-        return provider_.offer(standin::makeUDPFlow({.signingIdentifier = @"com.example.probe"}));
-      }
-    }));
-  }
-
-  PrincipalObject provider_;
-};
-
-bool wasLogged(const std::string& text) {
-  for (const auto& line : standin::loggedLines()) {
-    if (line.text == text) {
-      return true;
-    }
-  }
-  return false;
-}
 
 // Without a proxy
 
@@ -109,35 +28,6 @@ TEST_F(WholeFlowTest, WithoutAProxyEveryFlowIsTheSystems) {
 }
 
 // With the companions
-
-class CompanionFlowTest : public WholeFlowTest {
- protected:
-  CompanionFlowTest() {
-    sidecar_.emplace(
-        std::vector<std::string>{OSTRAVEL_SIDECAR_PROGRAM, "--listen", "127.0.0.1:8080"});
-    sidecar_->readOutputLine();
-    monitor_.emplace(
-        std::vector<std::string>{OSTRAVEL_MONITOR_PROGRAM, "--json", "--socket", path_});
-    monitor_->readErrorLine();
-    provider_.configure([NSDictionary dictionaryWithObject:makeString(path_)
-                                                    forKey:@"monitoringSocketPath"]);
-    startWithProxy();
-  }
-
-  // The next event with this code.
-  std::string awaitEvent(const std::string& code) {
-    std::string line;
-    do {
-      line = monitor_->readOutputLine();
-    } while (!line.empty() && line.find("\"extension." + code + "\"") == std::string::npos);
-    return line;
-  }
-
-  const TemporaryFolder folder_;
-  const std::string path_ = folder_.file("events");
-  std::optional<ChildProcess> sidecar_;
-  std::optional<ChildProcess> monitor_;
-};
 
 TEST_F(CompanionFlowTest, ATCPFlowIsCarriedBothWaysUntilTheApplicationEnds) {
   const TestListener origin;
@@ -441,53 +331,6 @@ TEST_F(CompanionFlowTest, TheProviderLeavesNothingBehind) {
 
 // With a proxy of the test's own
 
-class ScriptedProxyTest : public WholeFlowTest {
- protected:
-  ScriptedProxyTest() { startWithProxy(); }
-  ~ScriptedProxyTest() override {
-    standin::setConnectionCreationFailure(false);
-    ::close(proxy_);
-  }
-
-  // The next connection that sends a request; the probes' connections send nothing.
-  TestSocket acceptTunnel() {
-    while (true) {
-      TestSocket connection(::accept(proxy_, nullptr, nullptr));
-      request_ = connection.receiveThrough("\r\n\r\n");
-      if (!request_.empty()) {
-        return connection;
-      }
-    }
-  }
-  platform::OptionalError closeError(const OfferedFlow& flow) {
-    EXPECT_TRUE(waitUntil([&flow] { return flow.record->isWriteClosed(); }));
-    @autoreleasepool {
-      return errorFrom(flow.record->closeWriteError());
-    }
-  }
-
-  std::string request_;
-
- private:
-  // The port is always the same, and connections of the test before may linger.
-  static int listenOnProxyPort() {
-    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int one = 1;
-    ::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(kProxyPort);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0 ||
-        ::listen(descriptor, SOMAXCONN) < 0) {
-      throw std::runtime_error("the proxy's port");
-    }
-    return descriptor;
-  }
-
-  const int proxy_ = listenOnProxyPort();
-};
-
 TEST_F(ScriptedProxyTest, TheProxyIsAskedWithBothIdentifiers) {
   const auto flow = offerTCP("2001:db8::1", 443);
   ASSERT_TRUE(flow.wasTaken);
@@ -523,6 +366,7 @@ TEST_F(ScriptedProxyTest, AResetDuringTheHandshakeIsTheApplicationsToo) {
   const auto error = closeError(flow);
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain, platform::kPOSIXErrorDomain);
+  EXPECT_EQ([flow.record->closeWriteError() code], NEAppProxyFlowErrorPeerReset);
 }
 
 TEST_F(ScriptedProxyTest, ASilentProxyIsGivenFiveSeconds) {

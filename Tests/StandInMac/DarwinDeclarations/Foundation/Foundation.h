@@ -122,12 +122,15 @@ enum : NSStringEncoding { NSUTF8StringEncoding = 4, NSISOLatin1StringEncoding = 
 
 @interface NSDictionary<__covariant KeyType, __covariant ObjectType> : NSObject <NSFastEnumeration>
 + (instancetype)dictionaryWithObject:(ObjectType)object forKey:(KeyType)key;
++ (instancetype)dictionaryWithObjectsAndKeys:(id)firstObject, ... __attribute__((sentinel));
 - (ObjectType _Nullable)objectForKey:(KeyType)aKey;
 @end
 
 typedef NSString* NSErrorDomain;
 typedef NSString* NSErrorUserInfoKey;
+extern "C" NSErrorDomain const NSPOSIXErrorDomain;
 extern "C" NSErrorUserInfoKey const NSLocalizedDescriptionKey;
+extern "C" NSErrorUserInfoKey const NSUnderlyingErrorKey;
 @interface NSError : NSObject
 + (instancetype)errorWithDomain:(NSErrorDomain)domain
                            code:(NSInteger)code

@@ -1,0 +1,71 @@
+#import "Platform/macOS/Flow/FlowError.h"
+
+#import <NetworkExtension/NetworkExtension.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <utility>
+#include <vector>
+
+#import "Platform/macOS/Foundation/FoundationError.h"
+#import "Platform/macOS/Foundation/FoundationText.h"
+
+namespace ostravel::macos::test {
+namespace {
+
+class FlowErrorTest : public testing::Test {
+ protected:
+  ~FlowErrorTest() override { [pool_ release]; }
+
+ private:
+  NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
+};
+
+TEST_F(FlowErrorTest, NoErrorIsNone) {
+  EXPECT_EQ(makeFlowError(std::nullopt), nil);
+}
+
+TEST_F(FlowErrorTest, AnErrorOfTheFlowsDomainStaysAsItIs) {
+  const platform::Error error{textOf(NEAppProxyErrorDomain), NEAppProxyFlowErrorTimedOut, "late"};
+  NSError* const made = makeFlowError(error);
+  EXPECT_EQ(errorFrom(made), error);
+  EXPECT_EQ([[made userInfo] objectForKey:NSUnderlyingErrorKey], nil);
+}
+
+TEST_F(FlowErrorTest, AnErrorNumberBecomesTheNearestFlowError) {
+  const std::vector<std::pair<int, NEAppProxyFlowError>> expected{
+      {ECONNRESET, NEAppProxyFlowErrorPeerReset},
+      {EPIPE, NEAppProxyFlowErrorPeerReset},
+      {EHOSTUNREACH, NEAppProxyFlowErrorHostUnreachable},
+      {ENETUNREACH, NEAppProxyFlowErrorHostUnreachable},
+      {ENETDOWN, NEAppProxyFlowErrorHostUnreachable},
+      {EHOSTDOWN, NEAppProxyFlowErrorHostUnreachable},
+      {ECONNREFUSED, NEAppProxyFlowErrorRefused},
+      {ETIMEDOUT, NEAppProxyFlowErrorTimedOut},
+      {ENOTCONN, NEAppProxyFlowErrorNotConnected},
+      {ECANCELED, NEAppProxyFlowErrorAborted},
+      {EIO, NEAppProxyFlowErrorAborted},
+  };
+  for (const auto& [number, code] : expected) {
+    NSError* const made =
+        makeFlowError(platform::Error{std::string(platform::kPOSIXErrorDomain), number, ""});
+    EXPECT_TRUE([[made domain] isEqualToString:NEAppProxyErrorDomain]);
+    EXPECT_EQ([made code], code) << number;
+  }
+}
+
+TEST_F(FlowErrorTest, TheOriginalErrorIsUnderneath) {
+  const platform::Error error{"OstravelProxy", 1002, "Proxy CONNECT handshake timed out"};
+  NSError* const made = makeFlowError(error);
+  EXPECT_EQ([made code], NEAppProxyFlowErrorAborted);
+  EXPECT_EQ(textOf([made localizedDescription]), error.localizedDescription);
+  EXPECT_EQ(errorFrom([[made userInfo] objectForKey:NSUnderlyingErrorKey]), error);
+}
+
+TEST_F(FlowErrorTest, AnErrorWithoutDescriptionIsNoProblem) {
+  NSError* const made = makeFlowError(platform::Error{"Domain", 7, ""});
+  EXPECT_EQ([[[made userInfo] objectForKey:NSUnderlyingErrorKey] code], 7);
+}
+
+}  // namespace
+}  // namespace ostravel::macos::test
