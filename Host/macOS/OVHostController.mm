@@ -2,8 +2,10 @@
 
 #include <dispatch/dispatch.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #import "Host/macOS/HostOutput.h"
 #import "Host/macOS/OVProxyStart.h"
@@ -15,6 +17,9 @@ using ostravel::host::printable;
 using ostravel::host::printFailure;
 
 namespace {
+
+// Until the state has been told. The system answers within a second.
+constexpr std::chrono::seconds kStatusPatience{10};
 
 // The system shows it among its network services.
 NSString* const kConfigurationName = @"Ostravel";
@@ -31,6 +36,23 @@ NETunnelProviderProtocol* protocolOf(NETransparentProxyManager* manager) {
 NSString* monitoringSocketOf(NETransparentProxyManager* manager) {
   id const path = [[protocolOf(manager) providerConfiguration] objectForKey:kMonitoringSocketPath];
   return [path isKindOfClass:[NSString class]] ? static_cast<NSString*>(path) : nil;
+}
+
+// To be added to the version.
+std::string stateOf(OSSystemExtensionProperties* found) {
+  std::string state;
+  if (@available(macOS 12.0, *)) {
+    if ([found isEnabled]) {
+      state += ", enabled";
+    }
+    if ([found isAwaitingUserApproval]) {
+      state += ", waiting for approval";
+    }
+    if ([found isUninstalling]) {
+      state += ", being removed";
+    }
+  }
+  return state;
 }
 
 }  // namespace
@@ -63,21 +85,36 @@ NSString* monitoringSocketOf(NETransparentProxyManager* manager) {
       [self removeConfigurations];
       break;
     case HostAction::status:
+      [self expectStatus];
       [self requestProperties];
       break;
   }
 }
 
+// Ends the process when its questions are not answered, whatever the system calls back meanwhile.
+- (void)expectStatus {
+  dispatch_after_f(
+      dispatch_time(DISPATCH_TIME_NOW, std::chrono::nanoseconds(kStatusPatience).count()),
+      dispatch_get_main_queue(), nullptr, [](void*) {
+        std::fprintf(stderr, "ostravel-host: the system has not answered after %lld seconds\n",
+                     static_cast<long long>(kStatusPatience.count()));
+        std::exit(EXIT_FAILURE);
+      });
+}
+
 - (void)requestProperties {
-  // The first system that knows this request is macOS 12.
-  if (![OSSystemExtensionRequest respondsToSelector:@selector(propertiesRequestForExtension:
-                                                                                      queue:)]) {
-    std::printf("extension: see systemextensionsctl list\n");
-    [self printConfiguration];
-    return;
+  if (@available(macOS 12.0, *)) {
+    // The class answers for the system, also where nothing else knows its version.
+    if ([OSSystemExtensionRequest respondsToSelector:@selector(propertiesRequestForExtension:
+                                                                                       queue:)]) {
+      [self submit:[OSSystemExtensionRequest
+                       propertiesRequestForExtension:_identifier
+                                               queue:dispatch_get_main_queue()]];
+      return;
+    }
   }
-  [self submit:[OSSystemExtensionRequest propertiesRequestForExtension:_identifier
-                                                                 queue:dispatch_get_main_queue()]];
+  std::printf("extension: see systemextensionsctl list\n");
+  [self printConfiguration];
 }
 
 - (void)submit:(OSSystemExtensionRequest*)request {
@@ -144,10 +181,8 @@ NSString* monitoringSocketOf(NETransparentProxyManager* manager) {
     std::printf("extension: not activated\n");
   }
   for (OSSystemExtensionProperties* found in properties) {
-    std::printf("extension: version %s (%s)%s%s%s\n", printable([found bundleShortVersion]),
-                printable([found bundleVersion]), [found isEnabled] ? ", enabled" : "",
-                [found isAwaitingUserApproval] ? ", waiting for approval" : "",
-                [found isUninstalling] ? ", being removed" : "");
+    std::printf("extension: version %s (%s)%s\n", printable([found bundleShortVersion]),
+                printable([found bundleVersion]), stateOf(found).c_str());
   }
   [self printConfiguration];
 }

@@ -28,6 +28,21 @@ LIBRARIES = {
     "objc": "/usr/lib/libobjc.A.dylib",
     "jansson": "/usr/lib/libjansson.dylib",
 }
+# Sources that have to be refused, and a part of the complaint.
+MISTAKES = (
+    ("void f(NEAppProxyTCPFlow* flow);\n"
+     "void f(NEAppProxyTCPFlow* flow) { [flow readDataWithHandler:nil]; }\n",
+     "readDataWithHandler"),
+    # Newer than the deployment target, and not guarded.
+    ("BOOL f(OSSystemExtensionProperties* found);\n"
+     "BOOL f(OSSystemExtensionProperties* found) { return [found isEnabled]; }\n",
+     "'isEnabled' is only available on macOS 12.0"),
+    # Deprecated before the deployment target.
+    ("void f(OSSystemExtensionRequest* request) OV_MACOS_DEPRECATED(10.15, 11.0, \"old\");\n"
+     "void g();\n"
+     "void g() { f(nil); }\n",
+     "'f' is deprecated"),
+)
 STUB = """--- !tapi-tbd
 tbd-version: 4
 targets: [ x86_64-macos, arm64-macos ]
@@ -160,16 +175,16 @@ class CrossBuild:
             fail("the platform is not built")
         database = run("ninja", "-C", self.folder / "build", "-t", "commands", "ostravel_application")
         command = next(line for line in database.splitlines() if line.endswith("SystemTCPFlow.mm"))
-        wrong = self.folder / "wrong.mm"
-        wrong.write_text('#import "Platform/macOS/Flow/SystemTCPFlow.h"\n'
-                         "void f(NEAppProxyTCPFlow* flow);\n"
-                         "void f(NEAppProxyTCPFlow* flow) { [flow readDataWithHandler:nil]; }\n")
         source = command.split()[-1]
-        ended = subprocess.run(command.replace(f"-c {source}", f"-fsyntax-only {wrong}"),
-                               shell=True, cwd=self.folder / "build", env=self.environment,
-                               text=True, capture_output=True, check=False)
-        if ended.returncode == 0 or "readDataWithHandler" not in ended.stderr:
-            fail("a selector that does not exist was not noticed\n" + ended.stderr)
+        for number, (text, complaint) in enumerate(MISTAKES):
+            wrong = self.folder / f"wrong{number}.mm"
+            wrong.write_text("#import <NetworkExtension/NetworkExtension.h>\n"
+                             "#import <SystemExtensions/SystemExtensions.h>\n" + text)
+            ended = subprocess.run(command.replace(f"-c {source}", f"-fsyntax-only {wrong}"),
+                                   shell=True, cwd=self.folder / "build", env=self.environment,
+                                   text=True, capture_output=True, check=False)
+            if ended.returncode == 0 or complaint not in ended.stderr:
+                fail(f"not noticed: {text}\n{ended.stderr}")
 
     def check_program(self, program):
         lipo = llvm_tool("llvm-lipo", self.version)

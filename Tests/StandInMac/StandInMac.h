@@ -24,6 +24,8 @@
 //   stopping        text: "stops" (by default) or "hangs"
 //   failures        by the name of a call, a dictionary of domain, code and text; without a text
 //                   the error has no description
+//   unanswered      list of the names of calls that the system never answers; "foundProperties" is
+//                   the answer of "properties" without its end
 //   calls           list of the names of all calls that were made; only written
 @interface StandInMac : NSObject {
  @private
@@ -43,6 +45,7 @@
 // Reads this from the file again, into which somebody else may have written it.
 - (void)readAgain:(NSString*)key;
 - (void)noteCall:(NSString*)name;
+- (BOOL)leavesUnanswered:(NSString*)name;
 // Scripted; nil for none.
 - (NSError*)failureOf:(NSString*)name;
 @end

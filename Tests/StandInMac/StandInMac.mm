@@ -95,6 +95,10 @@ NSMutableDictionary* readPropertyList(NSString* path) {
   }];
 }
 
+- (BOOL)leavesUnanswered:(NSString*)name {
+  return [[self valueOf:@"unanswered"] containsObject:name];
+}
+
 - (NSError*)failureOf:(NSString*)name {
   NSDictionary* const failure = [[self valueOf:@"failures"] objectForKey:name];
   if (failure == nil) {

@@ -378,6 +378,9 @@ void answer(ErrorHandler handler, NSError* error) {
   requireMainQueue();
   StandInMac* const mac = [StandInMac mac];
   [mac noteCall:@"loadAll"];
+  if ([mac leavesUnanswered:@"loadAll"]) {
+    return;
+  }
   const auto handler = Reference<ManagersHandler>::retaining(completionHandler);
   if (NSError* const failure = [mac failureOf:@"loadAll"]) {
     dispatch_async(dispatch_get_main_queue(), ^{

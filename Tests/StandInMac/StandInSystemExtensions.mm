@@ -328,6 +328,9 @@ OSSystemExtensionProperties* makeProperties(NSDictionary* extension) {
 - (void)findProperties {
   StandInMac* const mac = [StandInMac mac];
   [mac noteCall:@"properties"];
+  if ([mac leavesUnanswered:@"properties"]) {
+    return;
+  }
   if (NSError* const failure = [mac failureOf:@"properties"]) {
     [self failWith:failure];
     return;
@@ -336,9 +339,11 @@ OSSystemExtensionProperties* makeProperties(NSDictionary* extension) {
   for (NSDictionary* extension in [mac valueOf:@"extensions"]) {
     [found addObject:makeProperties(extension)];
   }
-  [self callBack:^{
-    [[self delegate] request:self foundProperties:found];
-  }];
+  if (![mac leavesUnanswered:@"foundProperties"]) {
+    [self callBack:^{
+      [[self delegate] request:self foundProperties:found];
+    }];
+  }
   [self finishWith:OSSystemExtensionRequestCompleted];
 }
 

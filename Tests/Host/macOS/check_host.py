@@ -397,6 +397,16 @@ class StatusTest(HostCase):
                    configurations=[configuration(CONNECTED)])
         self.expect("status", output="extension: see systemextensionsctl list\nproxy: running\n")
 
+    def test_ends_by_its_deadline_when_answers_are_missing(self):
+        self.speed = HURRIED
+        for call, output in (("properties", ""), ("foundProperties", ""),
+                             ("loadAll", "extension: version 0.2.0 (2), enabled\n")):
+            with self.subTest(call=call):
+                self.given(extensions=[INSTALLED], configurations=[configuration(CONNECTED)],
+                           unanswered=[call])
+                self.expect("status", status=1, output=output,
+                            errors="ostravel-host: the system has not answered after 10 seconds\n")
+
     def test_failures_are_told_with_the_systems_reason(self):
         self.given(failures={"properties": failure("Not now", "OSSystemExtensionErrorDomain", 1)})
         self.expect("status", status=1, errors="ostravel-host: cannot ask for the extension's "

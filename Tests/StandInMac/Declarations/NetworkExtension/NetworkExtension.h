@@ -5,6 +5,7 @@
 // protocols, and members, that nothing here uses are left out.
 
 #import <Foundation/Foundation.h>
+#include <os/availability.h>
 
 // Room for the state of an implementation under a runtime that has no room of its own for it.
 #ifndef OV_OBJECT_STORAGE
@@ -32,18 +33,20 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) {
   NEProviderStopReasonUserLogout = 12,
   NEProviderStopReasonUserSwitch = 13,
   NEProviderStopReasonConnectionFailed = 14,
-  NEProviderStopReasonSleep = 15,
-  NEProviderStopReasonAppUpdate = 16,
+  NEProviderStopReasonSleep OV_MACOS(10.15) = 15,
+  NEProviderStopReasonAppUpdate OV_MACOS(10.15) = 16,
   NEProviderStopReasonInternalError = 17,
 };
 
+OV_MACOS(10.11)
 @interface NEProvider : NSObject
 OV_OBJECT_STORAGE
 - (NWTCPConnection *)createTCPConnectionToEndpoint:(NWEndpoint *)remoteEndpoint
                                          enableTLS:(BOOL)enableTLS
                                      TLSParameters:(NWTLSParameters *_Nullable)TLSParameters
-                                          delegate:(id _Nullable)delegate;
-+ (void)startSystemExtensionMode;
+                                          delegate:(id _Nullable)delegate
+    OV_MACOS_DEPRECATED(10.11, 15.0, "Use the Network framework instead");
++ (void)startSystemExtensionMode OV_MACOS(10.15);
 @end
 
 typedef NS_ENUM(NSInteger, NETunnelProviderError) {
@@ -53,27 +56,32 @@ typedef NS_ENUM(NSInteger, NETunnelProviderError) {
 };
 extern "C" NSString *const NETunnelProviderErrorDomain;
 
+OV_MACOS(10.11)
 @interface NETunnelProvider : NEProvider
 - (void)setTunnelNetworkSettings:(NETunnelNetworkSettings *_Nullable)tunnelNetworkSettings
                completionHandler:(void (^_Nullable)(NSError *_Nullable error))completionHandler;
 @property(readonly) NEVPNProtocol *protocolConfiguration;
 @end
 
+OV_MACOS_DEPRECATED(10.11, 15.0, "Use the Network framework instead")
 @interface NWEndpoint : NSObject
 OV_OBJECT_STORAGE
 @end
+OV_MACOS_DEPRECATED(10.11, 15.0, "Use the Network framework instead")
 @interface NWHostEndpoint : NWEndpoint
 + (instancetype)endpointWithHostname:(NSString *)hostname port:(NSString *)port;
 @property(readonly) NSString *hostname;
 @property(readonly) NSString *port;
 @end
 
+OV_MACOS(10.11)
 @interface NETunnelNetworkSettings : NSObject
 OV_OBJECT_STORAGE
 - (instancetype)initWithTunnelRemoteAddress:(NSString *)address;
 @property(readonly) NSString *tunnelRemoteAddress;
 @end
 
+OV_MACOS(10.15)
 @interface NETransparentProxyNetworkSettings : NETunnelNetworkSettings
 @property(copy, nullable) NSArray<NENetworkRule *> *includedNetworkRules;
 @property(copy, nullable) NSArray<NENetworkRule *> *excludedNetworkRules;
@@ -90,22 +98,27 @@ typedef NS_ENUM(NSInteger, NETrafficDirection) {
   NETrafficDirectionOutbound = 2,
 };
 
+OV_MACOS(10.15)
 @interface NENetworkRule : NSObject
 OV_OBJECT_STORAGE
 - (instancetype)initWithDestinationNetwork:(NWHostEndpoint *)networkEndpoint
                                     prefix:(NSUInteger)destinationPrefix
-                                  protocol:(NENetworkRuleProtocol)protocol;
-@property(readonly, nullable) NWHostEndpoint *matchRemoteEndpoint;
+                                  protocol:(NENetworkRuleProtocol)protocol
+    OV_MACOS_DEPRECATED(10.15, 15.0, "Use the Network framework's endpoints instead");
+@property(readonly, nullable) NWHostEndpoint *matchRemoteEndpoint OV_MACOS_DEPRECATED(
+    10.15, 15.0, "Use the Network framework's endpoints instead");
 @property(readonly) NSUInteger matchRemotePrefix;
 @property(readonly) NENetworkRuleProtocol matchProtocol;
 @property(readonly) NETrafficDirection matchDirection;
 @end
 
+OV_MACOS(10.11)
 @interface NEVPNProtocol : NSObject
 OV_OBJECT_STORAGE
 @property(copy, nullable) NSString *serverAddress;
 @end
 
+OV_MACOS(10.11)
 @interface NETunnelProviderProtocol : NEVPNProtocol
 @property(copy, nullable) NSDictionary<NSString *, id> *providerConfiguration;
 @property(copy, nullable) NSString *providerBundleIdentifier;
@@ -125,27 +138,34 @@ typedef NS_ENUM(NSInteger, NEAppProxyFlowError) {
 };
 extern "C" NSString *const NEAppProxyErrorDomain;
 
+OV_MACOS(10.11)
 @interface NEAppProxyFlow : NSObject
 OV_OBJECT_STORAGE
 - (void)openWithLocalEndpoint:(NWHostEndpoint *_Nullable)localEndpoint
-            completionHandler:(void (^)(NSError *_Nullable error))completionHandler;
+            completionHandler:(void (^)(NSError *_Nullable error))completionHandler
+    OV_MACOS_DEPRECATED(10.11, 15.0, "Use the Network framework's endpoints instead");
 - (void)closeReadWithError:(NSError *_Nullable)error;
 - (void)closeWriteWithError:(NSError *_Nullable)error;
 @property(readonly) NEFlowMetaData *metaData;
 @end
 
+OV_MACOS(10.11)
 @interface NEAppProxyTCPFlow : NEAppProxyFlow
 - (void)readDataWithCompletionHandler:(void (^)(NSData *_Nullable data,
                                                 NSError *_Nullable error))completionHandler;
 - (void)writeData:(NSData *)data
     withCompletionHandler:(void (^)(NSError *_Nullable error))completionHandler;
-@property(readonly) NWEndpoint *remoteEndpoint;
+@property(readonly) NWEndpoint *remoteEndpoint OV_MACOS_DEPRECATED(
+    10.11, 15.0, "Use the Network framework's endpoints instead");
 @end
 
+OV_MACOS(10.11)
 @interface NEAppProxyUDPFlow : NEAppProxyFlow
-@property(readonly, nullable) NWEndpoint *localEndpoint;
+@property(readonly, nullable) NWEndpoint *localEndpoint OV_MACOS_DEPRECATED(
+    10.11, 15.0, "Use the Network framework's endpoints instead");
 @end
 
+OV_MACOS(10.11)
 @interface NEFlowMetaData : NSObject
 OV_OBJECT_STORAGE
 @property(readonly) NSString *sourceAppSigningIdentifier;
@@ -160,6 +180,7 @@ typedef NS_ENUM(NSInteger, NWTCPConnectionState) {
   NWTCPConnectionStateCancelled = 5,
 };
 
+OV_MACOS_DEPRECATED(10.11, 15.0, "Use the Network framework instead")
 @interface NWTCPConnection : NSObject
 OV_OBJECT_STORAGE
 @property(readonly) NWTCPConnectionState state;
@@ -171,6 +192,7 @@ OV_OBJECT_STORAGE
 - (void)write:(NSData *)data completionHandler:(void (^)(NSError *_Nullable error))completion;
 @end
 
+OV_MACOS(10.11)
 @interface NEAppProxyProvider : NETunnelProvider
 - (void)startProxyWithOptions:(NSDictionary<NSString *, id> *_Nullable)options
             completionHandler:(void (^)(NSError *_Nullable error))completionHandler;
@@ -178,8 +200,10 @@ OV_OBJECT_STORAGE
           completionHandler:(void (^)(void))completionHandler;
 - (BOOL)handleNewFlow:(NEAppProxyFlow *)flow;
 - (BOOL)handleNewUDPFlow:(NEAppProxyUDPFlow *)flow
-    initialRemoteEndpoint:(NWEndpoint *)remoteEndpoint;
+    initialRemoteEndpoint:(NWEndpoint *)remoteEndpoint
+    OV_MACOS_DEPRECATED(10.15, 15.0, "Use the Network framework's endpoints instead");
 @end
+OV_MACOS(11.0)
 @interface NETransparentProxyProvider : NEAppProxyProvider
 @end
 
@@ -202,6 +226,7 @@ typedef NS_ENUM(NSInteger, NEVPNError) {
 extern "C" NSString *const NEVPNErrorDomain;
 extern "C" NSString *const NEVPNStatusDidChangeNotification;
 
+OV_MACOS(10.11)
 @interface NEVPNConnection : NSObject
 OV_OBJECT_STORAGE
 - (BOOL)startVPNTunnelAndReturnError:(NSError *_Nullable __autoreleasing *_Nullable)error;
@@ -212,6 +237,7 @@ OV_OBJECT_STORAGE
 @property(readonly, nullable) NSDate *connectedDate;
 @end
 
+OV_MACOS(10.11)
 @interface NEVPNManager : NSObject
 OV_OBJECT_STORAGE
 - (void)loadFromPreferencesWithCompletionHandler:
@@ -226,6 +252,7 @@ OV_OBJECT_STORAGE
 @property(getter=isEnabled) BOOL enabled;
 @property(getter=isOnDemandEnabled) BOOL onDemandEnabled;
 @end
+OV_MACOS(10.15)
 @interface NETransparentProxyManager : NEVPNManager
 + (void)loadAllFromPreferencesWithCompletionHandler:
     (void (^)(NSArray<NETransparentProxyManager *> *_Nullable managers,

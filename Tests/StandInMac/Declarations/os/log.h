@@ -4,6 +4,7 @@
 // Objective-C++ on macOS.
 
 #import <Foundation/Foundation.h>
+#include <os/availability.h>
 
 #include <cstdint>
 
@@ -25,8 +26,8 @@ extern struct mach_header __dso_handle;
 struct os_log_s;
 extern struct os_log_s _os_log_default;
 __attribute__((ns_returns_retained)) os_log_t os_log_create(const char* subsystem,
-                                                            const char* category);
-bool os_log_type_enabled(os_log_t oslog, os_log_type_t type);
+                                                            const char* category) OV_MACOS(10.12);
+bool os_log_type_enabled(os_log_t oslog, os_log_type_t type) OV_MACOS(10.12);
 void _os_log_impl(void* dso, os_log_t log, os_log_type_t type, const char* format,
                   std::uint8_t* buf, std::uint32_t size);
 }
