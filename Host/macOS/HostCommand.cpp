@@ -58,7 +58,8 @@ ParsedCommand parseActivation(std::span<const char* const> options) {
     return CommandLineError{"unexpected argument " + quoted(options[0])};
   }
   if (options.size() == 1) {
-    return CommandLineError{std::string(kMonitoringSocketOption) + " needs a path"};
+    return HostCommand{HostAction::activate, std::string(kMonitoringSocketFolder) +
+                                                 std::string(kDefaultMonitoringSocketName)};
   }
   if (options.size() > 2) {
     return CommandLineError{"unexpected argument " + quoted(options[2])};
@@ -79,6 +80,10 @@ ParsedCommand withoutOptions(ParsedCommand command, std::span<const char* const>
 }
 
 }  // namespace
+
+bool HostCommand::isMonitoringSocketInReach() const {
+  return !monitoringSocketPath || monitoringSocketPath->starts_with(kMonitoringSocketFolder);
+}
 
 ParsedCommand HostCommand::parse(int argc, const char* const* argv) {
   const std::span arguments(argv, static_cast<std::size_t>(argc));

@@ -77,6 +77,10 @@ std::string stateOf(OSSystemExtensionProperties* found) {
   }
   switch (_command.action) {
     case HostAction::activate:
+      if (!_command.isMonitoringSocketInReach()) {
+        std::printf("note: an extension in the sandbox reaches only sockets in %s\n",
+                    std::string(ostravel::host::kMonitoringSocketFolder).c_str());
+      }
       [self submit:[OSSystemExtensionRequest
                        activationRequestForExtension:_identifier
                                                queue:dispatch_get_main_queue()]];

@@ -15,12 +15,14 @@ namespace {
 constexpr int kExitUsage = 2;
 
 constexpr const char* kUsage =
-    "usage: ostravel-host activate [--monitoring-socket PATH]\n"
+    "usage: ostravel-host activate [--monitoring-socket [PATH]]\n"
     "       ostravel-host deactivate\n"
     "       ostravel-host status\n"
     "\n"
     "activate    installs or updates the extension and its configuration, and starts the proxy.\n"
-    "            Events go to the socket at PATH; without the option they go nowhere.\n"
+    "            Events go to the socket at PATH, by default\n"
+    "            /Library/Application Support/Ostravel/monitoring.sock, the folder that the\n"
+    "            extension's sandbox admits; without the option they go nowhere.\n"
     "deactivate  stops the proxy and removes the configuration and the extension.\n"
     "status      tells the extension's version and state, and whether the proxy runs.\n";
 

@@ -39,6 +39,15 @@ TEST(HostCommandTest, OnlyActivatingTakesAMonitoringSocket) {
             "unexpected argument \"--monitoring-socket\"");
 }
 
+TEST(HostCommandTest, TheDefaultSocketIsInReachOfTheSandbox) {
+  const auto command = commandOf({"activate", "--monitoring-socket"});
+  EXPECT_EQ(command.monitoringSocketPath, "/Library/Application Support/Ostravel/monitoring.sock");
+  EXPECT_TRUE(command.isMonitoringSocketInReach());
+  EXPECT_TRUE(commandOf({"activate"}).isMonitoringSocketInReach());
+  EXPECT_FALSE(
+      commandOf({"activate", "--monitoring-socket", "/tmp/events"}).isMonitoringSocketInReach());
+}
+
 TEST(HostCommandTest, AMonitoringSocketHasAPathThatFitsIntoASocketAddress) {
   const std::string longest = "/" + std::string(102, 'a');
   const std::string tooLong = longest + "a";
@@ -57,7 +66,6 @@ TEST(HostCommandTest, AnythingElseMakesNoSense) {
   EXPECT_TRUE(std::holds_alternative<CommandLineError>(HostCommand::parse(0, nullptr)));
   EXPECT_EQ(reasonOf({}), "a command is missing");
   EXPECT_EQ(reasonOf({"install"}), "there is no command \"install\"");
-  EXPECT_EQ(reasonOf({"activate", "--monitoring-socket"}), "--monitoring-socket needs a path");
   EXPECT_EQ(reasonOf({"activate", "--other", "/tmp/events"}), "unexpected argument \"--other\"");
   EXPECT_EQ(reasonOf({"activate", "status"}), "unexpected argument \"status\"");
 }

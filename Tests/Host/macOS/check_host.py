@@ -93,6 +93,8 @@ class HostCase(unittest.TestCase):
             "monitoringSocketPath")
 
 
+OUT_OF_REACH = ("note: an extension in the sandbox reaches only sockets in "
+                "/Library/Application Support/Ostravel/\n")
 STARTED = "extension activated\nproxy starting\nproxy running\n"
 RESTARTED = "extension activated\nproxy restarting\nproxy starting\nproxy running\n"
 
@@ -154,7 +156,8 @@ class ActivateTest(HostCase):
                 self.given(extensions=[INSTALLED],
                            configurations=[configuration(CONNECTED, socket)])
                 option = " --monitoring-socket " + socket if socket else ""
-                self.expect("activate" + option, output="extension activated\nproxy running\n")
+                self.expect("activate" + option, output=(OUT_OF_REACH if socket else "") +
+                            "extension activated\nproxy running\n")
                 self.assertEqual(self.state()["calls"], ["activate", "loadAll", "save", "load"])
                 self.assertEqual(self.only_configuration(), configuration(CONNECTED, socket))
 
@@ -195,9 +198,14 @@ class ActivateTest(HostCase):
 
 
 class MonitoringSocketTest(HostCase):
+    def test_the_default_is_in_reach_of_the_sandbox(self):
+        self.given()
+        self.expect("activate --monitoring-socket", output=STARTED)
+        self.assertEqual(self.socket(), "/Library/Application Support/Ostravel/monitoring.sock")
+
     def test_is_written_into_the_configuration(self):
         self.given()
-        self.expect("activate --monitoring-socket /tmp/events", output=STARTED)
+        self.expect("activate --monitoring-socket /tmp/events", output=OUT_OF_REACH + STARTED)
         self.assertEqual(self.socket(), "/tmp/events")
 
     def test_activating_without_it_removes_it_and_restarts_the_proxy(self):
@@ -210,21 +218,21 @@ class MonitoringSocketTest(HostCase):
             with self.subTest(earlier=earlier):
                 self.given(extensions=[INSTALLED],
                            configurations=[configuration(CONNECTED, earlier)])
-                self.expect("activate --monitoring-socket /tmp/events", output=RESTARTED)
+                self.expect("activate --monitoring-socket /tmp/events", output=OUT_OF_REACH + RESTARTED)
                 self.assertEqual(self.socket(), "/tmp/events")
 
     def test_what_is_not_a_text_counts_as_none(self):
         odd = configuration(CONNECTED, providerConfiguration={"monitoringSocketPath": 7})
         self.given(extensions=[INSTALLED], configurations=[odd])
         self.expect("status", output="extension: version 0.2.0 (2), enabled\nproxy: running\n")
-        self.expect("activate --monitoring-socket /tmp/events", output=RESTARTED)
+        self.expect("activate --monitoring-socket /tmp/events", output=OUT_OF_REACH + RESTARTED)
         self.assertEqual(self.socket(), "/tmp/events")
 
     def test_the_longest_path_that_fits_is_taken(self):
         # Bytes count, not characters.
         longest = "/" + "\u00e9" * 51
         self.given()
-        self.expect("activate --monitoring-socket " + longest, output=STARTED)
+        self.expect("activate --monitoring-socket " + longest, output=OUT_OF_REACH + STARTED)
         self.assertEqual(self.socket(), longest)
 
     def test_a_path_that_cannot_work_is_refused_before_anything_is_done(self):
@@ -429,7 +437,6 @@ class CommandLineTest(HostCase):
                 (["install"], 'there is no command "install"'),
                 ([b"\xe9\x01"], r'there is no command "\xE9\x01"'),
                 (["activate", "now"], 'unexpected argument "now"'),
-                (["activate", "--monitoring-socket"], "--monitoring-socket needs a path"),
                 (["activate", "--monitoring-socket", "/a", "/b"], 'unexpected argument "/b"'),
                 (["deactivate", "now"], 'unexpected argument "now"'),
                 (["status", "--monitoring-socket", "/a"],

@@ -17,6 +17,12 @@ VALUES = {
     "OSTRAVEL_EXTENSION_IDENTIFIER": "com.ostravel.desktop.extension",
     "OSTRAVEL_APP_GROUP": TEAM + ".com.ostravel.desktop",
 }
+SOCKET_FOLDER = "/Library/Application Support/Ostravel"
+SOCKET_EXCEPTIONS = {
+    "com.apple.security.temporary-exception.files.absolute-path.read-write": [SOCKET_FOLDER + "/"],
+    "com.apple.security.temporary-exception.sbpl": [
+        f'(allow network-outbound (subpath "{SOCKET_FOLDER}"))'],
+}
 FAILURES = []
 
 
@@ -90,6 +96,11 @@ def check_entitlements(folder):
                    (part == "Host"), f"{name}: install")
             expect(plist.get("com.apple.security.app-sandbox", False) == (part == "Extension"),
                    f"{name}: sandbox")
+            # The exceptions from it admit the folder of monitoring sockets, and nothing else.
+            exceptions = {name: value for name, value in plist.items()
+                          if name.startswith("com.apple.security.temporary-exception.")}
+            expect(exceptions == (SOCKET_EXCEPTIONS if part == "Extension" else {}),
+                   f"{name}: exceptions {exceptions}")
             expect(plist.get("com.apple.security.network.client", False) == (part == "Extension"),
                    f"{name}: network client")
             # Notarisation refuses what a debugger may attach to.
@@ -97,7 +108,16 @@ def check_entitlements(folder):
                    (kind == "Development"), f"{name}: get-task-allow")
 
 
+def check_default_socket(root):
+    """The host application's default lies where the sandbox lets the extension go."""
+    source = (root / "Host/macOS/HostCommand.h").read_text()
+    expect(f'"{SOCKET_FOLDER}/"' in source, "host: the folder of sockets is another one")
+
+
 def check_scripts(folder):
+    helped = subprocess.run([str(folder / "check_provisioning.py"), "--help"], text=True,
+                            capture_output=True, check=False)
+    expect(helped.returncode == 0, "check_provisioning.py: --help")
     for name in ("sign-and-notarise.sh", "build-jansson.sh"):
         script = str(folder / name)
         expect(subprocess.run(["bash", "-n", script]).returncode == 0, f"{name}: syntax")
@@ -116,6 +136,7 @@ def main():
     check_extension_information(folder, root)
     check_host_information(folder)
     check_entitlements(folder)
+    check_default_socket(root)
     check_scripts(folder)
     print("\n".join(FAILURES) if FAILURES else "all well")
     sys.exit(1 if FAILURES else 0)
