@@ -46,11 +46,6 @@ bool isWhiteSpace(std::string_view character, NSCharacterSet* whiteSpace) {
   }
   if (character.size() == 3 && (value & 0xF0U) == 0xE0U) {
     value = (value & 0x0FU) << 12U | (byte(1) & 0x3FU) << 6U | (byte(2) & 0x3FU);
-    // The system's set still has it, though it is not white space in Unicode any more.
-    constexpr std::uint32_t kZeroWidthSpace = 0x200B;
-    if (value == kZeroWidthSpace) {
-      return false;
-    }
     return [whiteSpace characterIsMember:static_cast<unichar>(value)];
   }
   return false;
