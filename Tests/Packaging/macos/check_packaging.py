@@ -114,6 +114,16 @@ def check_default_socket(root):
     expect(f'"{SOCKET_FOLDER}/"' in source, "host: the folder of sockets is another one")
 
 
+def check_guide(root):
+    """Every test that the guide names exists."""
+    sys.path.insert(0, str(root / "Tests/Style"))
+    import check_named_tests
+    named = check_named_tests.named_tests((root / "Documentation/macos.md").read_text())
+    expect(named, "the guide names no test")
+    for name in sorted(named - check_named_tests.existing_tests(root)):
+        expect(False, f"the guide: there is no test {name}")
+
+
 def check_scripts(folder):
     helped = subprocess.run([str(folder / "check_provisioning.py"), "--help"], text=True,
                             capture_output=True, check=False)
@@ -138,6 +148,7 @@ def main():
     check_entitlements(folder)
     check_default_socket(root)
     check_scripts(folder)
+    check_guide(root)
     print("\n".join(FAILURES) if FAILURES else "all well")
     sys.exit(1 if FAILURES else 0)
 
