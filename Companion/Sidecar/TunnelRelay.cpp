@@ -1,10 +1,10 @@
 #include "Companion/Sidecar/TunnelRelay.h"
 
-#include <sys/socket.h>
-
 #include <asio/post.hpp>
 #include <cstring>
 #include <utility>
+
+#include "Companion/Sidecar/SocketState.h"
 
 namespace ostravel::companion {
 namespace {
@@ -13,13 +13,6 @@ namespace {
 // requests, connections and new clients get their turn.
 constexpr int kBuffersPerTurn = 4;
 constexpr std::size_t kBytesPerTurn = 512 * 1024;
-
-bool hasPendingError(TunnelRelay::Socket& socket) {
-  int error = 0;
-  socklen_t size = sizeof(error);
-  return ::getsockopt(socket.native_handle(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 ||
-         error != 0;
-}
 
 }  // namespace
 
@@ -169,9 +162,16 @@ void TunnelRelay::watchForReset(Direction& direction) {
         if (error || self->over_ || direction.state == State::kWaitingForBytes) {
           return;
         }
-        // Without an error this is the hang-up that follows two orderly ends.
-        if (hasPendingError(direction.from)) {
-          self->end(Outcome::kReset);
+        switch (takeDisturbance(direction.from)) {
+          case Disturbance::reset:
+            self->end(Outcome::kReset);
+            break;
+          case Disturbance::urgentByte:
+            self->watchForReset(direction);
+            break;
+          case Disturbance::none:
+            // The hang-up that follows two orderly ends. It lasts, so a new wait would spin.
+            break;
         }
       });
 }

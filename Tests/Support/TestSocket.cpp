@@ -59,6 +59,18 @@ int openSocket(int family, int flags = 0) {
   return descriptor;
 }
 
+std::uint16_t localPortOf(int descriptor) {
+  Address here;
+  here.size = sizeof(here.storage);
+  if (::getsockname(descriptor, here.get(), &here.size) != 0) {
+    fail("getsockname");
+  }
+  // The port has the same place in the address of either family.
+  sockaddr_in bound{};
+  std::memcpy(&bound, &here.storage, sizeof(bound));
+  return ntohs(bound.sin_port);
+}
+
 bool waitFor(int descriptor, short events, std::chrono::milliseconds time) {
   pollfd wait{.fd = descriptor, .events = events, .revents = 0};
   return ::poll(&wait, 1, static_cast<int>(time.count())) == 1;
@@ -138,6 +150,12 @@ std::size_t TestSocket::sendUntilStalled(std::string_view bytes,
   return total;
 }
 
+void TestSocket::sendUrgent(char byte) const {
+  if (::send(descriptor_, &byte, 1, MSG_OOB | MSG_NOSIGNAL) != 1) {
+    fail("send");
+  }
+}
+
 std::string TestSocket::receive(std::size_t size) const {
   std::string result(size, '\0');
   std::size_t have = 0;
@@ -211,6 +229,10 @@ void TestSocket::endSending() const {
   ::shutdown(descriptor_, SHUT_WR);
 }
 
+std::uint16_t TestSocket::localPort() const {
+  return localPortOf(descriptor_);
+}
+
 void TestSocket::close() {
   if (descriptor_ >= 0) {
     ::close(std::exchange(descriptor_, -1));
@@ -227,15 +249,11 @@ TestListener::TestListener(const std::string& address, std::uint16_t port, int b
     : address_(address) {
   Address here = tcpAddress(address, port);
   descriptor_ = openSocket(here.family());
-  if (::bind(descriptor_, here.get(), here.size) != 0 || ::listen(descriptor_, backlog) != 0 ||
-      ::getsockname(descriptor_, here.get(), &here.size) != 0) {
+  if (::bind(descriptor_, here.get(), here.size) != 0 || ::listen(descriptor_, backlog) != 0) {
     ::close(descriptor_);
     fail("listen");
   }
-  // The port has the same place in the address of either family.
-  sockaddr_in bound{};
-  std::memcpy(&bound, &here.storage, sizeof(bound));
-  port_ = ntohs(bound.sin_port);
+  port_ = localPortOf(descriptor_);
 }
 
 TestListener::~TestListener() {

@@ -27,6 +27,8 @@ class TestSocket {
   void send(std::string_view bytes) const;
   // Sends until the other side takes nothing for `patience`; returns how many bytes went.
   std::size_t sendUntilStalled(std::string_view bytes, std::chrono::milliseconds patience) const;
+  // A byte outside the stream (tcp(7)).
+  void sendUrgent(char byte) const;
   std::string receive(std::size_t size) const;
   std::string receiveThrough(std::string_view end) const;
   std::string receiveToEnd() const;
@@ -41,6 +43,7 @@ class TestSocket {
   void reset();  // closes so that the other side sees a reset
 
   int descriptor() const { return descriptor_; }
+  std::uint16_t localPort() const;
 
  private:
   int descriptor_;

@@ -9,9 +9,13 @@
 #include <asio/post.hpp>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,6 +88,26 @@ class ConnectProxyTest : public testing::Test {
     TestSocket origin = listener.accept();
     EXPECT_EQ(client.receive(kEstablished.size()), kEstablished);
     return {std::move(client), std::move(origin)};
+  }
+
+  // What the proxy has not read yet of that client's bytes, see /proc/net/tcp in proc(5).
+  unsigned long unreadBytesFrom(std::uint16_t clientPort) const {
+    std::ifstream table("/proc/thread-self/net/tcp");
+    const auto loopback = [](std::uint16_t port) {
+      std::array<char, 16> text{};
+      std::snprintf(text.data(), text.size(), "0100007F:%04X", port);
+      return std::string(text.data());
+    };
+    std::string line;
+    while (std::getline(table, line)) {
+      std::istringstream fields(line);
+      std::string number, local, remote, state, queues;
+      fields >> number >> local >> remote >> state >> queues;
+      if (local == loopback(port_) && remote == loopback(clientPort)) {
+        return std::stoul(queues.substr(queues.find(':') + 1), nullptr, 16);
+      }
+    }
+    throw std::runtime_error("the proxy has no such client");
   }
 
   std::string answerTo(const std::string& request) const {
@@ -326,6 +350,23 @@ TEST_F(ConnectProxyTest, PassesOnAResetWhileTheOriginDoesNotRead) {
   const TestListener listener;
   Ends tunnel = openTunnel(listener);
   tunnel.client.sendUntilStalled(pattern(64'000'000), 500ms);
+  tunnel.client.reset();
+  EXPECT_TRUE(tunnel.origin.waitForReset());
+}
+
+TEST_F(ConnectProxyTest, PassesOnAResetAfterAnUrgentByteOnAStalledSide) {
+  start();
+  const TestListener listener;
+  Ends tunnel = openTunnel(listener);
+  // Bytes that stay unread while the proxy serves others: it waits for the origin to take more.
+  const std::string piece = pattern(64 * 1024);
+  while (unreadBytesFrom(tunnel.client.localPort()) == 0) {
+    tunnel.client.send(piece);
+    openTunnel(listener);
+  }
+  tunnel.client.sendUrgent('!');
+  // One thread does it all: once this is done, it has also seen the urgent byte.
+  openTunnel(listener);
   tunnel.client.reset();
   EXPECT_TRUE(tunnel.origin.waitForReset());
 }
