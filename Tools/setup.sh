@@ -4,7 +4,7 @@
 # Wanted to build and run.
 build_packages=(
   build-essential cmake ninja-build pkg-config clang
-  libasio-dev libbpf-dev libcli11-dev libicu-dev libjansson-dev libmnl-dev
+  libasio-dev libbpf-dev libc-ares-dev libcli11-dev libicu-dev libjansson-dev libmnl-dev
   libnetfilter-queue-dev libnftnl-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )

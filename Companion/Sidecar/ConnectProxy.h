@@ -3,6 +3,7 @@
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <functional>
+#include <memory>
 
 #include "Companion/Shared/AcceptLoop.h"
 #include "Companion/Sidecar/ConnectSession.h"
@@ -14,7 +15,7 @@ namespace ostravel::companion {
 // number of tunnels on one thread. Must outlive the run of its io_context.
 class ConnectProxy {
  public:
-  using Lookup = std::function<void(const HostPort&, LookupDone)>;
+  using Lookup = std::function<std::shared_ptr<PendingLookup>(const HostPort&, LookupDone)>;
 
   // Listens from here on; accepts once the io_context runs. Throws std::system_error when the
   // address cannot be had. Port 0 lets the system choose.

@@ -4,6 +4,8 @@
 #include <utility>
 #include <variant>
 
+#include "Companion/Sidecar/SocketState.h"
+
 namespace ostravel::companion {
 namespace {
 
@@ -75,19 +77,24 @@ void ConnectSession::requestRead() {
     return;
   }
   request_ = std::get<ConnectRequest>(std::move(parsed));
+  isEstablishing_ = true;
+  watchClient();
   limitStep(environment_.limits.lookup, &ConnectSession::lookupExpired);
-  environment_.lookUp(request_.target, [self = shared_from_this(), step = step_](
-                                           asio::error_code error, const LookupResult& endpoints) {
-    if (step != self->step_) {
-      return;  // Refused meanwhile, for taking too long.
-    }
-    if (error) {
-      self->refuseUnreachable(error);
-      return;
-    }
-    self->endpoints_ = endpoints;
-    self->connectNext(asio::error::host_not_found);
-  });
+  // Weak: the session owns the lookup.
+  lookup_ = environment_.lookUp(
+      request_.target, [session = weak_from_this(), step = step_](asio::error_code error,
+                                                                  const LookupResult& endpoints) {
+        const std::shared_ptr<ConnectSession> self = session.lock();
+        if (!self || step != self->step_) {
+          return;  // Refused meanwhile, for taking too long.
+        }
+        if (error) {
+          self->refuseUnreachable(error);
+          return;
+        }
+        self->endpoints_ = endpoints;
+        self->connectNext(asio::error::host_not_found);
+      });
 }
 
 void ConnectSession::connectNext(asio::error_code previousError) {
@@ -106,6 +113,9 @@ void ConnectSession::connectNext(asio::error_code previousError) {
   connectExpired_ = false;
   limitStep(environment_.limits.connect, &ConnectSession::connectExpired);
   origin_.async_connect(endpoint, [self = shared_from_this()](asio::error_code connectError) {
+    if (!self->isEstablishing_) {
+      return;  // The client has left.
+    }
     if (self->connectExpired_) {
       connectError = asio::error::timed_out;
     }
@@ -119,6 +129,9 @@ void ConnectSession::connectNext(asio::error_code previousError) {
 
 void ConnectSession::connected() {
   endStep();
+  isEstablishing_ = false;
+  asio::error_code ignored;
+  client_.cancel(ignored);
   sendWithoutDelay(origin_);
   environment_.log.established(request_, endpoints_[nextEndpoint_ - 1]);
   asio::async_write(client_, asio::buffer(kEstablished),
@@ -129,10 +142,10 @@ void ConnectSession::connected() {
                         environment.ended();
                       };
                       if (error) {
-                        asio::error_code ignored;
-                        self->origin_.set_option(Socket::linger(true, 0), ignored);
-                        self->origin_.close(ignored);
-                        self->client_.close(ignored);
+                        asio::error_code unused;
+                        self->origin_.set_option(Socket::linger(true, 0), unused);
+                        self->origin_.close(unused);
+                        self->client_.close(unused);
                         ended({.outcome = TunnelRelay::Outcome::kReset});
                         return;
                       }
@@ -143,6 +156,61 @@ void ConnectSession::connected() {
                     });
 }
 
+void ConnectSession::watchClient() {
+  client_.async_wait(Socket::wait_read, [self = shared_from_this()](asio::error_code error) {
+    if (!error && self->isEstablishing_) {
+      self->judgeClient();
+    }
+  });
+}
+
+void ConnectSession::judgeClient() {
+  switch (stateOfReading(client_)) {
+    case ReadState::nothing:
+      watchClient();
+      break;
+    case ReadState::bytes:
+      // They wait for the tunnel, and hide an end that follows them.
+      watchClientForReset();
+      break;
+    case ReadState::ended:
+      // A client that has sent something for the origin may have ended only its sending side and
+      // still read; one that has sent nothing has no use for a tunnel.
+      if (header_.behind().empty()) {
+        abandon();
+      } else {
+        watchClientForReset();
+      }
+      break;
+    case ReadState::failed:
+      abandon();
+      break;
+  }
+}
+
+void ConnectSession::watchClientForReset() {
+  client_.async_wait(Socket::wait_error, [self = shared_from_this()](asio::error_code error) {
+    if (error || !self->isEstablishing_) {
+      return;
+    }
+    switch (takeDisturbance(self->client_)) {
+      case Disturbance::reset:
+        self->abandon();
+        break;
+      case Disturbance::urgentByte:
+        self->watchClientForReset();
+        break;
+      case Disturbance::none:
+        break;
+    }
+  });
+}
+
+void ConnectSession::abandon() {
+  environment_.log.abandoned(request_);
+  close();
+}
+
 void ConnectSession::refuseUnreachable(asio::error_code error) {
   const bool timedOut = error == asio::error::timed_out;
   refuse(timedOut ? HttpStatus::kGatewayTimeout : HttpStatus::kBadGateway, error.message());
@@ -150,9 +218,10 @@ void ConnectSession::refuseUnreachable(asio::error_code error) {
 
 void ConnectSession::refuse(HttpStatus status, std::string_view reason) {
   endStep();
+  isEstablishing_ = false;
   asio::error_code ignored;
   origin_.close(ignored);
-  // A read of the header may still be outstanding when its time is up.
+  // A read of the header, or a wait of watchClient, may still be outstanding.
   client_.cancel(ignored);
   environment_.log.refused(request_, status, reason);
   answer_ = refusalAnswer(status);
@@ -194,12 +263,15 @@ void ConnectSession::close() {
     return;
   }
   endStep();
+  isEstablishing_ = false;
   asio::error_code ignored;
   client_.close(ignored);
+  origin_.close(ignored);
   environment_.ended();
 }
 
 void ConnectSession::limitStep(std::chrono::milliseconds limit, void (ConnectSession::*expired)()) {
+  lookup_ = nullptr;
   deadline_.expires_after(limit);
   deadline_.async_wait([self = shared_from_this(), step = ++step_, expired](asio::error_code) {
     // The step decides and not the error: a timer that has already fired cannot be cancelled.
@@ -211,6 +283,7 @@ void ConnectSession::limitStep(std::chrono::milliseconds limit, void (ConnectSes
 
 void ConnectSession::endStep() {
   ++step_;
+  lookup_ = nullptr;
   deadline_.cancel();
 }
 

@@ -21,7 +21,7 @@ namespace ostravel::companion {
 struct SessionLimits {
   // A client that has connected has its request at hand; one that has not is broken or hostile.
   std::chrono::milliseconds header = std::chrono::seconds(10);
-  // The system's resolver gives up on its own after some more, but nobody waits that long.
+  // Name servers that do not answer have cost their share of it by then, see ResolverSettings.
   std::chrono::milliseconds lookup = std::chrono::seconds(10);
   // For each address: several may have to be tried while the client waits.
   std::chrono::milliseconds connect = std::chrono::seconds(10);
@@ -31,7 +31,7 @@ struct SessionLimits {
 
 // What a session needs of its surroundings. Outlives the io_context's run.
 struct SessionEnvironment {
-  std::function<void(const HostPort&, LookupDone)> lookUp;
+  std::function<std::shared_ptr<PendingLookup>(const HostPort&, LookupDone)> lookUp;
   TunnelLog log;
   SessionLimits limits;
   std::shared_ptr<RelayEnvironment> relays;
@@ -43,6 +43,9 @@ struct SessionEnvironment {
 //
 //   reading header -> looking up -> connecting -> answering -> (TunnelRelay)
 //         \---------------\-------------\-> refusing -> lingering -> closed
+//
+// A client that leaves before it has its answer is closed at once, and with it the lookup or the
+// connection attempt that was made for it.
 class ConnectSession : public std::enable_shared_from_this<ConnectSession> {
  public:
   ConnectSession(asio::ip::tcp::socket client, const SessionEnvironment& environment);
@@ -57,6 +60,10 @@ class ConnectSession : public std::enable_shared_from_this<ConnectSession> {
   void requestRead();
   void connectNext(asio::error_code previousError);
   void connected();
+  void watchClient();
+  void watchClientForReset();
+  void judgeClient();
+  void abandon();
   void refuse(HttpStatus status, std::string_view reason);
   void refuseUnreachable(asio::error_code error);
   void linger();
@@ -77,6 +84,9 @@ class ConnectSession : public std::enable_shared_from_this<ConnectSession> {
   unsigned step_ = 0;
   RequestHeader header_;
   ConnectRequest request_;
+  // Looking up or connecting: nobody reads the client meanwhile.
+  bool isEstablishing_ = false;
+  std::shared_ptr<PendingLookup> lookup_;
   LookupResult endpoints_;
   std::size_t nextEndpoint_ = 0;
   std::string answer_;

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <asio/any_io_executor.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/thread_pool.hpp>
+#include <chrono>
 #include <functional>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "Companion/Sidecar/HostPort.h"
@@ -12,23 +15,41 @@ namespace ostravel::companion {
 using LookupResult = std::vector<asio::ip::tcp::endpoint>;
 using LookupDone = std::function<void(asio::error_code, const LookupResult&)>;
 
-// Looks names up without holding up the caller's thread. Must outlive the io_context's run.
-//
-// The system's resolver blocks, for many seconds when a name server does not answer. A few threads
-// of our own keep one dead name from delaying all the others.
+// The name servers that are asked, and how. Tests change them.
+struct ResolverSettings {
+  // Instead of those of the system: ADDRESS:PORT, separated by commas. Empty: those of the system.
+  std::string nameServers = {};
+  // How long a name server has for its answer before the next one is asked; the whole round of them
+  // is repeated with twice the time. Short enough to reach the last of four within the time that a
+  // session gives a lookup.
+  std::chrono::milliseconds timeout = std::chrono::seconds(2);
+};
+
+// A lookup under way, owned by the session that waits for it. Destroying it cancels the lookup: its
+// sockets are closed and its completion is never called.
+class PendingLookup {
+ public:
+  PendingLookup() = default;
+  PendingLookup(const PendingLookup&) = delete;
+  PendingLookup& operator=(const PendingLookup&) = delete;
+  virtual ~PendingLookup() = default;
+};
+
+// Looks names up in /etc/hosts and with the name servers of resolv.conf(5), without blocking the
+// caller's thread, which is the executor's only one. Any number of lookups run side by side: a name
+// server that does not answer delays only the names that wait for it.
 class NameLookup {
  public:
-  explicit NameLookup(asio::any_io_executor executor);
+  explicit NameLookup(asio::any_io_executor executor, ResolverSettings settings = {});
 
-  // Calls `done` from the executor, with at least one endpoint or with an error. Addresses in
-  // their text form need no lookup and never wait for one.
-  void lookUp(const HostPort& target, LookupDone done);
+  // Calls `done` from the executor, with at least one endpoint or with an error: host_not_found,
+  // timed_out when no name server answered, host_not_found_try_again for every other failure.
+  // Addresses in their text form need no lookup and never wait for one.
+  std::shared_ptr<PendingLookup> lookUp(const HostPort& target, LookupDone done);
 
  private:
-  static constexpr std::size_t kThreads = 4;
-
   asio::any_io_executor executor_;
-  asio::thread_pool threads_;
+  ResolverSettings settings_;
 };
 
 }  // namespace ostravel::companion

@@ -34,6 +34,10 @@ void TunnelLog::refused(const ConnectRequest& request, HttpStatus status,
   write(request, result);
 }
 
+void TunnelLog::abandoned(const ConnectRequest& request) const {
+  write(request, "abandoned by the client");
+}
+
 void TunnelLog::ended(const ConnectRequest& request, const TunnelRelay::Summary& summary) const {
   if (verbosity_ == Verbosity::kBeginnings) {
     return;

@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
     ConnectProxy proxy(
         ioContext, *listenAddress,
         [&names](const HostPort& target, LookupDone done) {
-          names.lookUp(target, std::move(done));
+          return names.lookUp(target, std::move(done));
         },
         TunnelLog(
             verbose ? TunnelLog::Verbosity::kBeginningsAndEnds : TunnelLog::Verbosity::kBeginnings,
@@ -84,6 +84,6 @@ int main(int argc, char** argv) {
     return failUsage(app, "cannot listen on " + listenText + ": " + error.code().message());
   }
   output.flush();
-  // Not a return: that would wait for every name lookup still under way, for many seconds.
+  // Not a return: the thread that writes the log may be stuck in a stalled reader.
   std::_Exit(EXIT_SUCCESS);
 }

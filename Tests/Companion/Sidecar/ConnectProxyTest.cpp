@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <asio/post.hpp>
 #include <chrono>
 #include <condition_variable>
@@ -61,7 +62,7 @@ class ConnectProxyTest : public testing::Test {
   // Only before start.
   SessionLimits limits_;
   ConnectProxy::Lookup lookUp_ = [this](const HostPort& target, LookupDone done) {
-    names_.lookUp(target, std::move(done));
+    return names_.lookUp(target, std::move(done));
   };
 
   void start(const std::string& address = "127.0.0.1") {
@@ -222,7 +223,7 @@ TEST_F(ConnectProxyTest, ANewTunnelDoesNotWaitForManyBusyOnes) {
       }
       movedBeforeLookup.set_value(moved);
     }
-    names_.lookUp(target, std::move(done));
+    return names_.lookUp(target, std::move(done));
   };
   start();
   const TestListener listener;
@@ -416,6 +417,7 @@ TEST_F(ConnectProxyTest, TriesTheNextAddressWhenOneRefuses) {
   lookUp_ = [](const HostPort& target, const LookupDone& done) {
     done({}, {{asio::ip::make_address("127.0.0.2"), target.port},
               {asio::ip::make_address("127.0.0.1"), target.port}});
+    return nullptr;
   };
   start();
   const TestListener listener;
@@ -434,6 +436,7 @@ TEST_F(ConnectProxyTest, TriesTheNextAddressWhenOneDoesNotAnswer) {
   lookUp_ = [](const HostPort& target, const LookupDone& done) {
     done({}, {{asio::ip::make_address("127.0.0.2"), target.port},
               {asio::ip::make_address("127.0.0.1"), target.port}});
+    return nullptr;
   };
   limits_.connect = 100ms;
   start();
@@ -461,14 +464,20 @@ TEST_F(ConnectProxyTest, AnswersBadGatewayWhenTheOriginRefuses) {
 }
 
 TEST_F(ConnectProxyTest, AnswersBadGatewayForAnUnknownName) {
-  lookUp_ = [](const HostPort&, const LookupDone& done) { done(asio::error::host_not_found, {}); };
+  lookUp_ = [](const HostPort&, const LookupDone& done) {
+    done(asio::error::host_not_found, {});
+    return nullptr;
+  };
   start();
   EXPECT_TRUE(answerTo(connectTo("gone.example:1")).starts_with("HTTP/1.1 502 Bad Gateway\r\n"));
 }
 
 TEST_F(ConnectProxyTest, AnswersGatewayTimeoutWhenALookupTakesTooLong) {
   LookupDone late;
-  lookUp_ = [&late](const HostPort&, LookupDone done) { late = std::move(done); };
+  lookUp_ = [&late](const HostPort&, LookupDone done) {
+    late = std::move(done);
+    return nullptr;
+  };
   limits_.lookup = 50ms;
   start();
   EXPECT_TRUE(answerTo(connectTo("slow.example:1")).starts_with("HTTP/1.1 504 "));
@@ -484,15 +493,117 @@ TEST_F(ConnectProxyTest, AnswersGatewayTimeoutWhenALookupTakesTooLong) {
 
 TEST_F(ConnectProxyTest, ServesOthersWhileALookupIsUnderWay) {
   lookUp_ = [this](const HostPort& target, LookupDone done) {
-    if (target.host != "slow.example") {
-      names_.lookUp(target, std::move(done));
-    }
+    return target.host == "slow.example" ? nullptr : names_.lookUp(target, std::move(done));
   };
   start();
   const TestSocket waiting = connectClient();
   waiting.send(connectTo("slow.example:1"));
   const TestListener listener;
   const Ends tunnel = openTunnel(listener);
+}
+
+// A lookup that the test completes.
+class HeldLookup : public PendingLookup {
+ public:
+  struct Control {
+    std::promise<LookupDone> started;
+    std::promise<void> cancelled;
+  };
+
+  explicit HeldLookup(std::shared_ptr<Control> control) : control_(std::move(control)) {}
+  ~HeldLookup() override { control_->cancelled.set_value(); }
+
+ private:
+  const std::shared_ptr<Control> control_;
+};
+
+class ConnectProxyLookupTest : public ConnectProxyTest {
+ protected:
+  ConnectProxyLookupTest() {
+    lookUp_ = [control = control_](const HostPort&, LookupDone done) {
+      control->started.set_value(std::move(done));
+      return std::make_shared<HeldLookup>(control);
+    };
+    start();
+  }
+
+  // Until its lookup is under way.
+  TestSocket waitingClient(const std::string& early = {}) {
+    TestSocket client = connectClient();
+    client.send(connectTo(kTarget) + early);
+    done_ = control_->started.get_future().get();
+    return client;
+  }
+  bool isCancelled() { return control_->cancelled.get_future().wait_for(30s) == kReady; }
+
+  // As all of its work runs on one thread, it has also dealt with what came before.
+  void letTheProxyCatchUp() const {
+    EXPECT_TRUE(answerTo("GET / HTTP/1.1\r\n\r\n").starts_with("HTTP/1.1 405 "));
+  }
+
+  static constexpr auto kReady = std::future_status::ready;
+  static constexpr const char* kTarget = "slow.example:1";
+
+  const std::shared_ptr<HeldLookup::Control> control_ = std::make_shared<HeldLookup::Control>();
+  LookupDone done_;
+};
+
+TEST_F(ConnectProxyLookupTest, IsCancelledWhenTheClientEnds) {
+  TestSocket client = waitingClient();
+  client.close();
+  EXPECT_TRUE(isCancelled());
+  EXPECT_EQ(waitForLine(0), "slow.example:1 app=- flow=- abandoned by the client");
+}
+
+TEST_F(ConnectProxyLookupTest, IsCancelledWhenTheClientResets) {
+  TestSocket client = waitingClient();
+  client.reset();
+  EXPECT_TRUE(isCancelled());
+}
+
+TEST_F(ConnectProxyLookupTest, IsCancelledByAResetAfterEarlyBytes) {
+  TestSocket client = waitingClient();
+  client.send("early");
+  letTheProxyCatchUp();
+  client.reset();
+  EXPECT_TRUE(isCancelled());
+}
+
+TEST_F(ConnectProxyLookupTest, IsCancelledByAResetAfterAnUrgentByte) {
+  TestSocket client = waitingClient();
+  client.send("early");
+  letTheProxyCatchUp();
+  client.sendUrgent('!');
+  letTheProxyCatchUp();
+  client.reset();
+  EXPECT_TRUE(isCancelled());
+}
+
+TEST_F(ConnectProxyLookupTest, GoesOnWhenAClientWithEarlyBytesEndsItsSending) {
+  const TestListener listener;
+  const TestSocket client = waitingClient("early");
+  client.endSending();
+  letTheProxyCatchUp();
+  asio::post(ioContext_, [&] {
+    done_({}, {{asio::ip::make_address("127.0.0.1"), listener.port()}});
+  });
+  const TestSocket origin = listener.accept();
+  EXPECT_EQ(origin.receiveToEnd(), "early");
+  origin.send("answer");
+  EXPECT_EQ(client.receive(kEstablished.size() + 6), std::string(kEstablished) + "answer");
+}
+
+TEST_F(ConnectProxyTest, GivesUpConnectingWhenTheClientLeaves) {
+  const TestListener full("127.0.0.1", 0, 0);
+  std::vector<TestSocket> queued;
+  for (int index = 0; index < 3; ++index) {
+    queued.push_back(TestSocket::beginConnectTcp(full.port(), "127.0.0.1"));
+  }
+  start();
+  TestSocket client = connectClient();
+  client.send(connectTo(full.target()));
+  client.close();
+  EXPECT_EQ(waitForLine(0), full.target() + " app=- flow=- abandoned by the client");
 }
 
 TEST_F(ConnectProxyTest, AnswersMethodNotAllowedToEveryOtherMethod) {
@@ -580,9 +691,7 @@ TEST_F(ConnectProxyTest, ThrowsWhenTheAddressIsTaken) {
 
 TEST_F(ConnectProxyTest, CanBeDestroyedInTheMiddleOfEverything) {
   lookUp_ = [this](const HostPort& target, LookupDone done) {
-    if (target.host != "slow.example") {
-      names_.lookUp(target, std::move(done));
-    }
+    return target.host == "slow.example" ? nullptr : names_.lookUp(target, std::move(done));
   };
   start();
   const TestListener listener;

@@ -39,6 +39,11 @@ TEST_F(TunnelLogTest, TellsWhyATunnelWasRefused) {
   EXPECT_EQ(onlyLine(), "a:1 app=- flow=- refused 502 Bad Gateway: Connection refused");
 }
 
+TEST_F(TunnelLogTest, TellsThatAClientHasLeft) {
+  log().abandoned({{"a", 1}, "browser", ""});
+  EXPECT_EQ(onlyLine(), "a:1 app=browser flow=- abandoned by the client");
+}
+
 TEST_F(TunnelLogTest, MakesIdentifiersHarmless) {
   log().established({{"a", 1}, "x\x1b[2J", "y flow=z"}, tcp::endpoint());
   EXPECT_EQ(onlyLine(), "a:1 app=x\\x1b[2J flow=\"y flow=z\" established to 0.0.0.0:0");
