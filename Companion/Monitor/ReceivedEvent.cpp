@@ -119,7 +119,8 @@ std::string numberText(const json_t* number) {
 
 std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body) {
   json_error_t error{};
-  const Json event(json_loadb(body.data(), body.size(), JSON_REJECT_DUPLICATES, &error));
+  constexpr std::size_t kFlags = JSON_REJECT_DUPLICATES | JSON_ALLOW_NUL;
+  const Json event(json_loadb(body.data(), body.size(), kFlags, &error));
   if (!event) {
     return "not JSON: " + std::string(error.text);
   }

@@ -22,7 +22,8 @@ struct ReceivedEvent {
 
 // Reads the body of a frame: one JSON object with nothing behind it and no key twice, with all
 // required keys, each of its type. Keys it does not know are left alone, so that a newer extension
-// can be watched with an older monitor. The string says what is wrong.
+// can be watched with an older monitor. A text may hold any character, a key any but U+0000.
+// The string says what is wrong.
 std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body);
 
 }  // namespace ostravel::companion

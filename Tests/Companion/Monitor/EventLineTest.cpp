@@ -16,9 +16,9 @@ class EventLineTest : public testing::Test {
     ::tzset();
     event_.timestamp = 1763271815.123;
     event_.level = "info";
-    event_.signal = "proxy_reachable";
-    event_.message = "Tunnel opened";
-    event_.appId = "org.example.browser";
+    event_.signal = "connect_handshake_started";
+    event_.message = "Starting CONNECT handshake";
+    event_.appId = "/usr/bin/curl";
   }
   ~EventLineTest() override {
     ::unsetenv("TZ");
@@ -29,19 +29,26 @@ class EventLineTest : public testing::Test {
 };
 
 TEST_F(EventLineTest, ShowsTimeLevelSignalAppAndDetailInColumns) {
-  event_.details = {{"proxy", "127.0.0.1:8080"}, {"reason", "two words"}, {"count", "3"}};
+  event_.details = {{"remote", "198.51.100.10:443"}};
   EXPECT_EQ(eventLine(event_, Colour::kNone),
-            "05:43:35.123 info  proxy_reachable               org.example.browser        "
-            "proxy=127.0.0.1:8080 reason=\"two words\" count=3  Tunnel opened");
+            "05:43:35.123 info  connect_handshake_started     /usr/bin/curl              "
+            "remote=198.51.100.10:443  Starting CONNECT handshake");
+}
+
+TEST_F(EventLineTest, QuotesADetailThatHasBlanks) {
+  event_.details = {{"detail", "Connection reset by peer"}, {"pending_handshakes", "48"}};
+  EXPECT_NE(eventLine(event_, Colour::kNone)
+                .find(" detail=\"Connection reset by peer\" pending_handshakes=48  "),
+            std::string::npos);
 }
 
 TEST_F(EventLineTest, KeepsTheColumnsAligned) {
-  const std::size_t column = eventLine(event_, Colour::kNone).find("Tunnel");
+  const std::size_t column = eventLine(event_, Colour::kNone).find("Starting");
   event_.level = "error";
   event_.signal = "x";
   event_.appId = "";
   const std::string line = eventLine(event_, Colour::kNone);
-  EXPECT_EQ(line.find("Tunnel"), column);
+  EXPECT_EQ(line.find("Starting"), column);
   EXPECT_NE(line.find(" -  "), std::string::npos);
 }
 

@@ -77,7 +77,7 @@ TEST_F(EventReceiverTest, ShowsAnEventWhoseSenderDoesNotEnd) {
   start();
   const TestSocket sender = connect();
   sender.send(frame(kEvent));
-  EXPECT_EQ(waitForReport(0), "event proxy_reachable");
+  EXPECT_EQ(waitForReport(0), "event connect_handshake_succeeded");
 }
 
 TEST_F(EventReceiverTest, FindsBytesThatFollowLater) {
@@ -93,11 +93,11 @@ TEST_F(EventReceiverTest, IsNotHeldUpByASlowSender) {
   const TestSocket slow = connect();
   slow.send(frame(kEvent).substr(0, 10));
   TestSocket quick = connect();
-  quick.send(frame(test::replaced(kEvent, "proxy_reachable", "quick")));
+  quick.send(frame(test::kProviderStarted));
   quick.close();
-  EXPECT_EQ(waitForReport(0), "event quick");
+  EXPECT_EQ(waitForReport(0), "event provider_started");
   slow.send(frame(kEvent).substr(10));
-  EXPECT_EQ(waitForReport(1), "event proxy_reachable");
+  EXPECT_EQ(waitForReport(1), "event connect_handshake_succeeded");
 }
 
 TEST_F(EventReceiverTest, TakesManyConnectionsAtOnce) {
@@ -111,7 +111,7 @@ TEST_F(EventReceiverTest, TakesManyConnectionsAtOnce) {
     sender.send(frame(kEvent).substr(3));
     sender.close();
   }
-  EXPECT_EQ(waitForReport(199), "event proxy_reachable");
+  EXPECT_EQ(waitForReport(199), "event connect_handshake_succeeded");
 }
 
 }  // namespace

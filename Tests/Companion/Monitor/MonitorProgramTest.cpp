@@ -20,8 +20,8 @@ namespace ostravel::companion::test {
 namespace {
 
 const std::string kEventLine =
-    "05:43:35.123 info  proxy_reachable               org.example.browser        "
-    "proxy=127.0.0.1:8080 detail=\"a/b c\" duration_ms=12.5 count=3  Tunnel opened";
+    "05:43:35.123 info  connect_handshake_succeeded   /usr/bin/curl              "
+    "elapsed_ms=1.25 leftover_bytes=17  CONNECT handshake completed";
 
 class MonitorProgramTest : public testing::Test {
  protected:
@@ -56,7 +56,7 @@ TEST_F(MonitorProgramTest, PrintsTheEventItselfAsJson) {
   ChildProcess monitor(command({"--json"}), options());
   waitUntilReady(monitor);
   send(frame(kEvent));
-  EXPECT_EQ(monitor.readOutputLine(), replaced(kEvent, "\\/", "/"));
+  EXPECT_EQ(monitor.readOutputLine(), replaced(kEvent, R"(\/usr\/bin\/curl)", "/usr/bin/curl"));
 }
 
 TEST_F(MonitorProgramTest, ReportsMalformedFramesAndGoesOn) {
@@ -72,7 +72,8 @@ TEST_F(MonitorProgramTest, ReportsMalformedFramesAndGoesOn) {
              {frame("{}") + "x", "bytes follow the frame of 2 bytes"},
              {frame("[]"), "not a JSON object"},
              {frame("{}"), "\"message_id\" is missing"},
-             {frame(replaced(kEvent, "\"proxy\":\"127.0.0.1:8080\"", R"("\u001b[2J":1)")),
+             {frame(replaced(kTunnelClosed, "\"detail\":\"Connection reset by peer\"",
+                             R"("\u001b[2J":1)")),
               R"("\x1b[2J" of "context" is not a string)"}}) {
       send(bytes);
       EXPECT_EQ(monitor.readErrorLine(), "ostravel-monitor: malformed frame: " + problem);
@@ -88,7 +89,7 @@ TEST_F(MonitorProgramTest, ReportsMalformedFramesAndGoesOn) {
 TEST_F(MonitorProgramTest, KeepsControlCharactersFromTheTerminal) {
   ChildProcess monitor(command(), options());
   waitUntilReady(monitor);
-  send(frame(replaced(kEvent, "Tunnel opened", R"(\u001b]0;x\u0007\r\n\u009b)")));
+  send(frame(replaced(kEvent, "CONNECT handshake completed", R"(\u001b]0;x\u0007\r\n\u009b)")));
   const std::string line = monitor.readOutputLine();
   EXPECT_NE(line.find(R"( \x1b]0;x\x07\r\n\u009b)"), std::string::npos) << line;
 }
@@ -163,7 +164,8 @@ TEST_F(MonitorProgramTest, EndsOnASignalWhileItsReaderIsSlow) {
   ChildProcess monitor(command({"--json"}), options());
   waitUntilReady(monitor);
   // Far more than a pipe holds: once the first bytes are there, the rest waits for a reader.
-  const std::string large = frame(replaced(kEvent, "Tunnel opened", std::string(1'000'000, 'x')));
+  const std::string large =
+      frame(replaced(kEvent, "CONNECT handshake completed", std::string(1'000'000, 'x')));
   send(large);
   monitor.waitForOutput();
   monitor.sendSignalUntilExit(SIGTERM);
@@ -175,7 +177,8 @@ TEST_F(MonitorProgramTest, ReceivesEventsWhileItsReaderHasStalled) {
   waitUntilReady(monitor);
   // More than it holds, and it still takes each of them at once.
   constexpr int kEvents = 20;
-  const std::string large = frame(replaced(kEvent, "Tunnel opened", std::string(1'000'000, 'x')));
+  const std::string large =
+      frame(replaced(kEvent, "CONNECT handshake completed", std::string(1'000'000, 'x')));
   for (int index = 0; index < kEvents; ++index) {
     const TestSocket sender = TestSocket::connectUnix(path_);
     sender.send(large);

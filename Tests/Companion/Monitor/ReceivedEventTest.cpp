@@ -8,7 +8,11 @@ namespace ostravel::companion {
 namespace {
 
 using test::kEvent;
+using test::kProviderStarted;
+using test::kTunnelClosed;
 using test::replaced;
+
+using Details = std::vector<std::pair<std::string, std::string>>;
 
 ReceivedEvent accepted(const std::string& body) {
   return std::get<ReceivedEvent>(parseReceivedEvent(body));
@@ -22,30 +26,39 @@ TEST(ReceivedEventTest, TakesWhatIsShown) {
   const ReceivedEvent event = accepted(kEvent);
   EXPECT_DOUBLE_EQ(event.timestamp, 1763271815.123);
   EXPECT_EQ(event.level, "info");
-  EXPECT_EQ(event.signal, "proxy_reachable");
-  EXPECT_EQ(event.message, "Tunnel opened");
-  EXPECT_EQ(event.appId, "org.example.browser");
-  const std::vector<std::pair<std::string, std::string>> details{
-      {"proxy", "127.0.0.1:8080"}, {"detail", "a/b c"}, {"duration_ms", "12.5"}, {"count", "3"}};
-  EXPECT_EQ(event.details, details);
-  EXPECT_EQ(event.json, replaced(kEvent, "\\/", "/"));
+  EXPECT_EQ(event.signal, "connect_handshake_succeeded");
+  EXPECT_EQ(event.message, "CONNECT handshake completed");
+  EXPECT_EQ(event.appId, "/usr/bin/curl");
+  EXPECT_EQ(event.details, (Details{{"elapsed_ms", "1.25"}, {"leftover_bytes", "17"}}));
+  EXPECT_EQ(event.json, replaced(kEvent, R"(\/usr\/bin\/curl)", "/usr/bin/curl"));
+}
+
+TEST(ReceivedEventTest, ShowsTheRestOfTheContextAsDetails) {
+  EXPECT_EQ(accepted(kTunnelClosed).details, (Details{{"detail", "Connection reset by peer"}}));
+}
+
+TEST(ReceivedEventTest, TakesANulInsideAString) {
+  const ReceivedEvent event =
+      accepted(replaced(kTunnelClosed, "Connection reset", R"(Connection\u0000reset)"));
+  const std::string detail("Connection\0reset by peer", 24);
+  EXPECT_EQ(event.details, (Details{{"detail", detail}}));
+  EXPECT_NE(event.json.find(R"("Connection\u0000reset by peer")"), std::string::npos);
 }
 
 TEST(ReceivedEventTest, RoundsMeasurementsToThousandths) {
   const auto shown = [](const std::string& number) {
-    return accepted(replaced(kEvent, "12.5", number)).details[2].second;
+    return accepted(replaced(kEvent, "1.25", number)).details[0].second;
   };
   EXPECT_EQ(shown("5.559444427490234"), "5.559");
   EXPECT_EQ(shown("0.0004"), "0");
   EXPECT_EQ(shown("-1.9996"), "-2");
   EXPECT_EQ(shown("1.5e308"), "1.5e+308");
+  EXPECT_EQ(shown("3"), "3");
 }
 
 TEST(ReceivedEventTest, NeedsNoOptionalKey) {
-  std::string body = kEvent.substr(0, kEvent.find(",\"metrics\"")) + "}";
-  body = replaced(body, "\"flow_id\":\"6F1C\",", "");
-  EXPECT_EQ(accepted(body).appId, "");
-  EXPECT_TRUE(accepted(body).details.empty());
+  EXPECT_EQ(accepted(kProviderStarted).appId, "");
+  EXPECT_TRUE(accepted(kProviderStarted).details.empty());
 }
 
 TEST(ReceivedEventTest, TakesAWholeNumberForATime) {
@@ -69,14 +82,15 @@ TEST(ReceivedEventTest, NamesEachKeyOfAnotherType) {
   EXPECT_EQ(problemOf(replaced(kEvent, "1763271815.123", "\"now\"")),
             "\"timestamp\" is not a number");
   EXPECT_EQ(problemOf(replaced(kEvent, "\"info\"", "1")), "\"level\" is not a string");
-  EXPECT_EQ(problemOf(replaced(kEvent, "\"Tunnel opened\"", "null")),
+  EXPECT_EQ(problemOf(replaced(kEvent, "\"CONNECT handshake completed\"", "null")),
             "\"message\" is not a string");
-  EXPECT_EQ(problemOf(replaced(kEvent, "\"6F1C\"", "1")), "\"flow_id\" is not a string");
-  EXPECT_EQ(problemOf(replaced(kEvent, "12.5", "\"x\"")),
-            "\"duration_ms\" of \"metrics\" is not a number");
-  EXPECT_EQ(problemOf(replaced(kEvent, "\"127.0.0.1:8080\"", "8080")),
-            "\"proxy\" of \"context\" is not a string");
-  EXPECT_EQ(problemOf(replaced(kEvent, "{\"duration_ms\":12.5,\"count\":3}", "[]")),
+  EXPECT_EQ(problemOf(replaced(kEvent, "\"D7A6D6B1-53C9-4E54-8E4C-7D0D53E0F2F4\"", "1")),
+            "\"flow_id\" is not a string");
+  EXPECT_EQ(problemOf(replaced(kEvent, "1.25", "\"x\"")),
+            "\"elapsed_ms\" of \"metrics\" is not a number");
+  EXPECT_EQ(problemOf(replaced(kTunnelClosed, "\"Connection reset by peer\"", "104")),
+            "\"detail\" of \"context\" is not a string");
+  EXPECT_EQ(problemOf(replaced(kEvent, "{\"elapsed_ms\":1.25,\"leftover_bytes\":17.0}", "[]")),
             "\"metrics\" is not an object");
 }
 
@@ -88,8 +102,8 @@ TEST(ReceivedEventTest, RefusesAnotherTypeOfMessage) {
 TEST(ReceivedEventTest, RefusesWhatIsNoSingleObject) {
   for (const std::string& body :
        {std::string("nonsense"), kEvent + "x", kEvent + kEvent, std::string("17"),
-        kEvent.substr(0, kEvent.size() - 1), replaced(kEvent, "Tunnel", "\xff"),
-        replaced(kEvent, "Tunnel", "\\u0000"), replaced(kEvent, "Tunnel", "\x1b")}) {
+        kEvent.substr(0, kEvent.size() - 1), replaced(kEvent, "completed", "\xff"),
+        replaced(kEvent, "completed", "\x1b")}) {
     EXPECT_TRUE(problemOf(body).starts_with("not JSON: ")) << body;
   }
   EXPECT_EQ(problemOf("[]"), "not a JSON object");
@@ -97,7 +111,7 @@ TEST(ReceivedEventTest, RefusesWhatIsNoSingleObject) {
 
 TEST(ReceivedEventTest, RefusesAKeyThatComesTwice) {
   EXPECT_TRUE(problemOf(replaced(kEvent, "{", "{\"level\":\"info\",")).starts_with("not JSON: "));
-  EXPECT_TRUE(problemOf(replaced(kEvent, "{\"app_id\"", "{\"proxy\":\"\",\"app_id\""))
+  EXPECT_TRUE(problemOf(replaced(kEvent, "{\"app_id\"", "{\"app_id\":\"\",\"app_id\""))
                   .starts_with("not JSON: "));
 }
 

@@ -1,0 +1,60 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "Companion/Monitor/ReceivedEvent.h"
+#include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringEvent.h"
+#include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringFrameEncoder.h"
+#include "Tests/Companion/Monitor/EventSamples.h"
+
+namespace ostravel::companion {
+namespace {
+
+class FixedUUID final : public platform::UUIDSource {
+ public:
+  std::string randomUUID() override { return "7A1C8E62-6C8B-4E86-A5B7-0F2D6C6B9E90"; }
+};
+
+// What the extension's own encoder makes of an event, received.
+ReceivedEvent received(std::string detail) {
+  FixedUUID uuids;
+  const ProxyTunnelMonitoringEvent event(
+      uuids, "tunnel_closed", "D7A6D6B1-53C9-4E54-8E4C-7D0D53E0F2F4", "error",
+      "extension.tunnel_closed", "Tunnel closed with error", std::nullopt,
+      ProxyTunnelMonitoringEvent::Context{{"app_id", "/usr/bin/curl"},
+                                          {"detail", std::move(detail)}},
+      1763271816.5, "2025-11-16T05:43:36Z");
+  const auto frame = std::get<ProxyTunnelMonitoringFrameEncoder::Frame>(
+      ProxyTunnelMonitoringFrameEncoder().encode(event));
+  const std::string bytes(reinterpret_cast<const char*>(frame.data()), frame.size());
+  return std::get<ReceivedEvent>(parseReceivedEvent(bytes.substr(4)));
+}
+
+std::string detailOf(const ReceivedEvent& event) {
+  return event.details.size() == 1 ? event.details[0].second : "not one";
+}
+
+TEST(EncodedEventTest, IsTheSampleOfTheOtherTests) {
+  const ReceivedEvent event = received("Connection reset by peer");
+  const ReceivedEvent sample = std::get<ReceivedEvent>(parseReceivedEvent(test::kTunnelClosed));
+  EXPECT_EQ(event.signal, sample.signal);
+  EXPECT_EQ(event.level, sample.level);
+  EXPECT_EQ(event.message, sample.message);
+  EXPECT_EQ(event.appId, sample.appId);
+  EXPECT_EQ(event.details, sample.details);
+  EXPECT_EQ(event.timestamp, sample.timestamp);
+}
+
+TEST(EncodedEventTest, KeepsEveryCharacterOfItsTexts) {
+  for (const std::string& detail :
+       {std::string("nul \0 inside", 12), std::string("\x1b[2J\r\n\t\"\\/"),
+        std::string("caf\xc3\xa9 \xf0\x9f\x98\x80 \xe2\x80\xae")}) {
+    EXPECT_EQ(detailOf(received(detail)), detail);
+  }
+}
+
+}  // namespace
+}  // namespace ostravel::companion
