@@ -122,20 +122,6 @@ void ChildProcess::waitForOutput() const {
   waitUntilReadable(output_.descriptor, "output");
 }
 
-void ChildProcess::sendSignalUntilExit(int number) const {
-  constexpr int kPauseMilliseconds = 100;
-  pollfd end{.fd = static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)),
-             .events = POLLIN,
-             .revents = 0};
-  for (int waited = 0; waited < kPatienceMilliseconds; waited += kPauseMilliseconds) {
-    sendSignal(number);
-    if (::poll(&end, 1, kPauseMilliseconds) == 1) {
-      break;
-    }
-  }
-  ::close(end.fd);
-}
-
 int ChildProcess::waitForExit() {
   const int descriptor = static_cast<int>(::syscall(SYS_pidfd_open, process_, 0));
   waitUntilReadable(descriptor, "the end of the program");

@@ -38,8 +38,6 @@ class ChildProcess {
   void closeOutput();
 
   void sendSignal(int number) const;
-  // For a program that may be just about to wait when the first signal comes.
-  void sendSignalUntilExit(int number) const;
   // The exit status, or 128 and the number of the signal that ended it.
   int waitForExit();
   // What it has used of the processor so far, in clock ticks.
