@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace ostravel::linuxplatform {
+namespace ostravel {
 
 // Owns one descriptor of the kernel, or none.
 class FileDescriptor {
@@ -26,11 +26,17 @@ class FileDescriptor {
 
   bool isOpen() const { return descriptor_ >= 0; }
   int get() const { return descriptor_; }
-  // Hands the descriptor to the caller.
+  // Passes ownership to the caller.
   int release() { return std::exchange(descriptor_, -1); }
 
  private:
   int descriptor_ = -1;
 };
+
+}  // namespace ostravel
+
+namespace ostravel::linuxplatform {
+
+using ostravel::FileDescriptor;
 
 }  // namespace ostravel::linuxplatform

@@ -13,6 +13,8 @@
 #include <system_error>
 #include <utility>
 
+#include "Companion/Monitor/SocketLock.h"
+
 namespace ostravel::companion {
 namespace {
 
@@ -31,23 +33,35 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-int openSocket() {
-  const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (descriptor < 0) {
+FileDescriptor openSocket(int type) {
+  FileDescriptor descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!descriptor.isOpen()) {
     fail(errorText(errno));
   }
   return descriptor;
 }
 
-// 0 when someone listens there.
-int errorOfConnecting(const std::string& path) {
+int connectSocket(int descriptor, const std::string& path) {
   const sockaddr_un address = addressOf(path);
-  const int descriptor = openSocket();
-  const int result =
-      ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-  const int error = result == 0 ? 0 : errno;
-  ::close(descriptor);
-  return error;
+  const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+  return ::connect(descriptor, generic, sizeof(address)) == 0 ? 0 : errno;
+}
+
+// Whether a process has the socket, be it listening yet or not. A stream socket refuses a datagram
+// socket for its type, and does not learn that it was asked (unix_find_other in net/unix/af_unix.c
+// of Linux).
+bool isInUse(const std::string& path) {
+  const int error = connectSocket(openSocket(SOCK_DGRAM).get(), path);
+  switch (error) {
+    case 0:
+    case EPROTOTYPE:
+      return true;
+    case ECONNREFUSED:
+    case ENOENT:
+      return false;
+    default:
+      fail("there is a socket that cannot be checked: " + errorText(error));
+  }
 }
 
 std::optional<struct stat> statusOf(const std::string& path) {
@@ -64,7 +78,7 @@ std::optional<struct stat> statusOf(const std::string& path) {
 
 }  // namespace
 
-EventSocket::EventSocket(std::string path) : path_(std::move(path)) {
+EventSocket::EventSocket(std::string path, SocketAccess access) : path_(std::move(path)) {
   if (path_.empty()) {
     fail("the path is empty");
   }
@@ -75,17 +89,13 @@ EventSocket::EventSocket(std::string path) : path_(std::move(path)) {
     fail("the path is " + std::to_string(path_.size()) + " bytes long, more than " +
          std::to_string(kLongestPath));
   }
+  const SocketLock lock(path_);
   removeStaleSocket();
-  bindAndListen();
+  bindAndListen(access);
 }
 
 EventSocket::~EventSocket() {
-  // Compared while the socket is open: it keeps its inode from being given to another file.
-  struct stat status {};
-  if (::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
-    ::unlink(path_.c_str());
-  }
-  ::close(descriptor_);
+  removeName();
 }
 
 void EventSocket::removeStaleSocket() const {
@@ -99,47 +109,66 @@ void EventSocket::removeStaleSocket() const {
   if (found->st_uid != ::geteuid()) {
     fail("there is a socket of another user");
   }
-  const int error = errorOfConnecting(path_);
-  if (error == 0 || error == EAGAIN) {
+  if (isInUse(path_)) {
     fail("another program listens there");
   }
-  if (error == ENOENT) {
-    return;
-  }
-  if (error != ECONNREFUSED) {
-    fail("there is a socket that cannot be checked: " + errorText(error));
-  }
-  // Another monitor may have taken the name since we looked.
-  const std::optional<struct stat> now = statusOf(path_);
-  if (now && now->st_dev == found->st_dev && now->st_ino == found->st_ino) {
-    ::unlink(path_.c_str());
-  }
+  ::unlink(path_.c_str());
 }
 
-void EventSocket::bindAndListen() {
+void EventSocket::bindAndListen(const SocketAccess& access) {
   const sockaddr_un address = addressOf(path_);
-  descriptor_ = openSocket();
-  // The mode is in force from the first moment; a chmod afterwards would leave a gap. The program
-  // has one thread yet, so nobody else creates a file under this mask.
-  const mode_t previousMask = ::umask(0177);
-  int result = ::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-  int error = errno;
-  ::umask(previousMask);
+  descriptor_ = openSocket(SOCK_STREAM);
+  // The name gets the mode of its socket, so nobody else has access at any moment.
+  if (::fchmod(descriptor_.get(), 0600) != 0 ||
+      ::bind(descriptor_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
+          0) {
+    fail(errorText(errno));
+  }
   struct stat status {};
-  if (result == 0) {
-    result = ::lstat(path_.c_str(), &status);
-    error = errno;
-  }
-  if (result == 0) {
-    result = ::listen(descriptor_, SOMAXCONN);
-    error = errno;
-  }
-  if (result != 0) {
-    ::close(descriptor_);
-    fail(errorText(error));
+  if (::lstat(path_.c_str(), &status) != 0) {
+    fail(errorText(errno));
   }
   device_ = status.st_dev;
   inode_ = status.st_ino;
+  try {
+    setAccess(access);
+    if (::listen(descriptor_.get(), SOMAXCONN) != 0) {
+      fail(errorText(errno));
+    }
+  } catch (const std::runtime_error&) {
+    removeName();
+    throw;
+  }
+}
+
+void EventSocket::setAccess(const SocketAccess& access) const {
+  // Through a descriptor: the path could lead elsewhere by now, and chmod would follow it.
+  const FileDescriptor name(::open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status {};
+  if (!name.isOpen() || ::fstat(name.get(), &status) != 0 || !isOurName(status)) {
+    fail("it was replaced");
+  }
+  if (access.group &&
+      ::fchownat(name.get(), "", static_cast<uid_t>(-1), *access.group, AT_EMPTY_PATH) != 0) {
+    fail("its group cannot be set: " + errorText(errno));
+  }
+  // chmod(2) has no AT_EMPTY_PATH.
+  const std::string link = "/proc/self/fd/" + std::to_string(name.get());
+  if (::chmod(link.c_str(), access.mode) != 0) {
+    fail("its mode cannot be set: " + errorText(errno));
+  }
+}
+
+bool EventSocket::isOurName(const struct stat& status) const {
+  return status.st_dev == device_ && status.st_ino == inode_;
+}
+
+void EventSocket::removeName() const {
+  // Compared while the socket is open: it keeps its inode from being given to another file.
+  struct stat status {};
+  if (::lstat(path_.c_str(), &status) == 0 && isOurName(status)) {
+    ::unlink(path_.c_str());
+  }
 }
 
 }  // namespace ostravel::companion

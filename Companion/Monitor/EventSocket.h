@@ -1,9 +1,13 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <string>
+
+#include "Base/FileDescriptor.h"
+#include "Companion/Monitor/SocketAccess.h"
 
 namespace ostravel::companion {
 
@@ -14,22 +18,25 @@ class EventSocket {
   // What `sun_path` holds on every system we know, its terminating zero taken off (unix(7)).
   static constexpr std::size_t kLongestPath = 103;
 
-  // Listens on `path` with mode 0600. Replaces a socket of ours on which nobody listens, and
-  // nothing else. Throws std::runtime_error with a readable reason.
-  explicit EventSocket(std::string path);
+  // Listens on `path`. Replaces a socket of ours that no process has any more, and nothing else;
+  // finds that out without connecting to it. Throws std::runtime_error with a readable reason.
+  explicit EventSocket(std::string path, SocketAccess access = {});
   ~EventSocket();
 
   EventSocket(const EventSocket&) = delete;
   EventSocket& operator=(const EventSocket&) = delete;
 
-  int descriptor() const { return descriptor_; }
+  int descriptor() const { return descriptor_.get(); }
 
  private:
   void removeStaleSocket() const;
-  void bindAndListen();
+  void bindAndListen(const SocketAccess& access);
+  void setAccess(const SocketAccess& access) const;
+  bool isOurName(const struct stat& status) const;
+  void removeName() const;
 
   std::string path_;
-  int descriptor_ = -1;
+  FileDescriptor descriptor_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
 };

@@ -48,11 +48,22 @@ bool isOrderlyEnd(std::error_code error) {
 int main(int argc, char** argv) {
   CLI::App app("Shows the events of the extension as they happen.", "ostravel-monitor");
   std::string path;
+  std::string group;
+  std::string mode;
   bool asJson = false;
   app.add_option("--socket", path, "Listen on this UNIX socket")->option_text("PATH")->required();
+  app.add_option("--group", group, "Let the members of this group connect as well")
+      ->option_text("GROUP");
+  app.add_option("--mode", mode, "The mode of the socket, in octal")
+      ->option_text("MODE [0660 with a group, else 0600]");
   app.add_flag("--json", asJson, "Print each event as one line of JSON");
   if (const std::optional<int> status = readCommandLine(app, argc, argv)) {
     return *status;
+  }
+
+  const std::optional<SocketAccess> access = socketAccess(group, mode);
+  if (!access) {
+    return failUsage(app, "--mode: not an octal number up to 777: " + mode);
   }
 
   std::signal(SIGPIPE, SIG_IGN);
@@ -76,7 +87,7 @@ int main(int argc, char** argv) {
                                       .failed = [&ioContext] { ioContext.stop(); }});
   const Colour colour = colourOfOutput();
   try {
-    const EventSocket socket(path);
+    const EventSocket socket(path, *access);
     const EventReceiver receiver(
         ioContext, socket.descriptor(),
         [&output, asJson, colour](const ReceivedEvent& event) {
@@ -86,6 +97,10 @@ int main(int argc, char** argv) {
           complaints.writeLine("ostravel-monitor: malformed frame: " + printableText(problem));
         });
     complaints.writeLine("ostravel-monitor listening on " + printableText(path));
+    if (!group.empty() && !access->group) {
+      complaints.writeLine("ostravel-monitor: there is no group " + printableText(group) +
+                           ", so its members cannot connect");
+    }
     ioContext.run();
   } catch (const std::exception& error) {
     return failUsage(app, "cannot listen on " + path + ": " + error.what());

@@ -1,15 +1,20 @@
 #include "Companion/Monitor/EventSocket.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"
@@ -28,14 +33,24 @@ std::string problemAt(const std::string& path) {
   }
 }
 
-// A socket file on which nobody listens any more.
-void leaveStaleSocket(const std::string& path, int type = SOCK_STREAM) {
+FileDescriptor boundSocket(const std::string& path, int type = SOCK_STREAM) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  const int descriptor = ::socket(AF_UNIX, type, 0);
-  ASSERT_EQ(::bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  ::close(descriptor);
+  FileDescriptor descriptor(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(::bind(descriptor.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  return descriptor;
+}
+
+// A socket file that no process has any more.
+void leaveStaleSocket(const std::string& path) {
+  boundSocket(path);
+}
+
+struct stat statusOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::lstat(path.c_str(), &status), 0);
+  return status;
 }
 
 TEST(EventSocketTest, ListensForItsOwnerAlone) {
@@ -43,9 +58,7 @@ TEST(EventSocketTest, ListensForItsOwnerAlone) {
   const mode_t before = ::umask(0);
   const EventSocket socket(folder.file("s"));
   EXPECT_EQ(::umask(before), 0U);
-  struct stat status {};
-  ASSERT_EQ(::lstat(folder.file("s").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+  EXPECT_EQ(statusOf(folder.file("s")).st_mode & 07777U, 0600U);
   EXPECT_NO_THROW(test::TestSocket::connectUnix(folder.file("s")));
 }
 
@@ -77,6 +90,63 @@ TEST(EventSocketTest, RefusesASocketOnWhichSomeoneListens) {
   const EventSocket socket(folder.file("s"));
   EXPECT_EQ(problemAt(folder.file("s")), "another program listens there");
   EXPECT_NO_THROW(test::TestSocket::connectUnix(folder.file("s")));
+}
+
+TEST(EventSocketTest, DoesNotConnectToASocketOnWhichSomeoneListens) {
+  const TemporaryFolder folder;
+  const EventSocket socket(folder.file("s"));
+  EXPECT_EQ(problemAt(folder.file("s")), "another program listens there");
+  pollfd connection{.fd = socket.descriptor(), .events = POLLIN, .revents = 0};
+  EXPECT_EQ(::poll(&connection, 1, 0), 0);
+}
+
+TEST(EventSocketTest, RefusesASocketThatIsNotListeningYet) {
+  const TemporaryFolder folder;
+  for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET}) {
+    const std::string path = folder.file(std::to_string(type));
+    const FileDescriptor bound = boundSocket(path, type);
+    EXPECT_EQ(problemAt(path), "another program listens there");
+    EXPECT_TRUE(std::filesystem::exists(path));
+  }
+}
+
+TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {
+  constexpr int kRounds = 50;
+  const TemporaryFolder folder;
+  const std::string path = folder.file("s");
+  for (int round = 0; round < kRounds; ++round) {
+    leaveStaleSocket(path);
+    std::vector<std::unique_ptr<EventSocket>> sockets(4);
+    std::vector<std::thread> threads;
+    for (std::unique_ptr<EventSocket>& socket : sockets) {
+      threads.emplace_back([&socket, &path] {
+        try {
+          socket = std::make_unique<EventSocket>(path);
+        } catch (const std::runtime_error&) {
+          socket = nullptr;
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    ASSERT_EQ(std::count(sockets.begin(), sockets.end(), nullptr), 3);
+    ASSERT_NO_THROW(test::TestSocket::connectUnix(path));
+  }
+}
+
+TEST(EventSocketTest, LeavesNoLockBehind) {
+  const TemporaryFolder folder;
+  const EventSocket socket(folder.file("s"));
+  EXPECT_EQ(problemAt(folder.file("missing/s")), "No such file or directory");
+  EXPECT_FALSE(std::filesystem::exists(folder.file("s.lock")));
+}
+
+TEST(EventSocketTest, TakesTheGroupAndModeItIsGiven) {
+  const TemporaryFolder folder;
+  const EventSocket socket(folder.file("s"), {.group = 65534, .mode = 0666});
+  EXPECT_EQ(statusOf(folder.file("s")).st_gid, 65534U);
+  EXPECT_EQ(statusOf(folder.file("s")).st_mode & 07777U, 0666U);
 }
 
 TEST(EventSocketTest, RefusesWhatIsNoSocket) {

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -102,6 +103,25 @@ TEST_F(MonitorProgramTest, ListensForItsOwnerAlone) {
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
+TEST_F(MonitorProgramTest, LetsAGroupConnect) {
+  ChildProcess monitor(command({"--group", "daemon"}), options());
+  waitUntilReady(monitor);
+  struct stat status {};
+  ASSERT_EQ(::lstat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0660U);
+  EXPECT_EQ(status.st_gid, ::getgrnam("daemon")->gr_gid);
+}
+
+TEST_F(MonitorProgramTest, ReportsAGroupThatDoesNotExist) {
+  ChildProcess monitor(command({"--group", "no-such-group"}), options());
+  waitUntilReady(monitor);
+  EXPECT_EQ(monitor.readErrorLine(),
+            "ostravel-monitor: there is no group no-such-group, so its members cannot connect");
+  struct stat status {};
+  ASSERT_EQ(::lstat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
 TEST_F(MonitorProgramTest, RemovesItsSocketAndEndsOnTheSignalsThatAskForIt) {
   for (const int number : {SIGINT, SIGTERM}) {
     ChildProcess monitor(command(), options());
@@ -133,6 +153,9 @@ TEST_F(MonitorProgramTest, RefusesToTakeTheSocketOfARunningMonitor) {
             "ostravel-monitor: cannot listen on " + path_ + ": another program listens there\n");
   send(frame(kEvent));
   EXPECT_EQ(first.readOutputLine(), kEventLine);
+  // The other one has not connected.
+  first.sendSignal(SIGTERM);
+  EXPECT_EQ(first.readError(), "");
 }
 
 TEST_F(MonitorProgramTest, RefusesToReplaceAFile) {
@@ -291,6 +314,7 @@ TEST_F(MonitorProgramTest, RefusesWhatItDoesNotKnow) {
                                                     {"--unknown"},
                                                     {"--socket"},
                                                     {"--socket", path_, "extra"},
+                                                    {"--socket", path_, "--mode", "668"},
                                                     {"--socket", path_, "--json=maybe"}}) {
     std::vector<std::string> whole{OSTRAVEL_MONITOR_PROGRAM};
     whole.insert(whole.end(), arguments.begin(), arguments.end());

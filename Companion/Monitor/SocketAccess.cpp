@@ -1,0 +1,59 @@
+#include "Companion/Monitor/SocketAccess.h"
+
+#include <grp.h>
+#include <sys/stat.h>
+
+#include <charconv>
+
+namespace ostravel::companion {
+namespace {
+
+template <typename Number>
+std::optional<Number> parseNumber(const std::string& text, int base) {
+  Number number = 0;
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number, base);
+  if (result.ec != std::errc{} || result.ptr != end) {
+    return std::nullopt;
+  }
+  return number;
+}
+
+}  // namespace
+
+std::optional<gid_t> groupNamed(const std::string& name) {
+  if (const group* const found = ::getgrnam(name.c_str())) {
+    return found->gr_gid;
+  }
+  const std::optional<gid_t> number = parseNumber<gid_t>(name, 10);
+  // The largest one means "leave it as it is" (chown(2)).
+  return number == static_cast<gid_t>(-1) ? std::nullopt : number;
+}
+
+std::optional<mode_t> parseMode(const std::string& text) {
+  constexpr mode_t kLargest = 0777;
+  const std::optional<mode_t> mode = parseNumber<mode_t>(text, 8);
+  return mode && *mode <= kLargest ? mode : std::nullopt;
+}
+
+std::optional<SocketAccess> socketAccess(const std::string& group, const std::string& mode) {
+  SocketAccess access;
+  if (!group.empty()) {
+    access.group = groupNamed(group);
+  }
+  if (access.group) {
+    access.mode = 0660;
+  }
+  if (!mode.empty()) {
+    const std::optional<mode_t> chosen = parseMode(mode);
+    if (!chosen) {
+      return std::nullopt;
+    }
+    // Meant for another group than the one that the socket has.
+    const bool isGroupMissing = !group.empty() && !access.group;
+    access.mode = isGroupMissing ? *chosen & ~static_cast<mode_t>(S_IRWXG) : *chosen;
+  }
+  return access;
+}
+
+}  // namespace ostravel::companion

@@ -1,0 +1,55 @@
+#include "Companion/Monitor/SocketLock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+
+namespace ostravel::companion {
+namespace {
+
+[[noreturn]] void fail(const std::string& reason) {
+  throw std::runtime_error(reason);
+}
+
+// Not a file that a person keeps there: it is going to be removed.
+bool canBeOurs(const struct stat& status) {
+  return S_ISREG(status.st_mode) && status.st_size == 0 && status.st_uid == ::geteuid();
+}
+
+}  // namespace
+
+SocketLock::SocketLock(const std::string& socketPath) : path_(socketPath + ".lock") {
+  while (!tryToLock()) {
+  }
+}
+
+SocketLock::~SocketLock() {
+  // While it is locked: whoever opens it from now on finds that it is gone.
+  ::unlink(path_.c_str());
+}
+
+// False when another monitor has removed the file before it was locked here.
+bool SocketLock::tryToLock() {
+  constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  descriptor_ = FileDescriptor(::open(path_.c_str(), kFlags, 0600));
+  if (!descriptor_.isOpen()) {
+    fail(std::generic_category().message(errno));
+  }
+  struct stat opened {};
+  if (::fstat(descriptor_.get(), &opened) != 0 || !canBeOurs(opened)) {
+    fail("there is something else at " + path_);
+  }
+  if (::flock(descriptor_.get(), LOCK_EX | LOCK_NB) != 0) {
+    fail("another monitor is being started there");
+  }
+  struct stat named {};
+  return ::lstat(path_.c_str(), &named) == 0 && named.st_dev == opened.st_dev &&
+         named.st_ino == opened.st_ino;
+}
+
+}  // namespace ostravel::companion

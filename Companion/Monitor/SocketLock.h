@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+#include "Base/FileDescriptor.h"
+
+namespace ostravel::companion {
+
+// Keeps other monitors of the same user from setting up a socket at the same path meanwhile: a file
+// beside it, locked with flock(2) and removed with this object. A file that a monitor left when it
+// was killed is not locked any more and hinders nobody.
+class SocketLock {
+ public:
+  // Does not wait. Throws std::runtime_error with a readable reason.
+  explicit SocketLock(const std::string& socketPath);
+  ~SocketLock();
+  SocketLock(const SocketLock&) = delete;
+  SocketLock& operator=(const SocketLock&) = delete;
+
+ private:
+  bool tryToLock();
+
+  std::string path_;
+  FileDescriptor descriptor_;
+};
+
+}  // namespace ostravel::companion
