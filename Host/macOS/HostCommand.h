@@ -9,10 +9,10 @@ namespace ostravel::host {
 
 enum class HostAction { activate, deactivate, status };
 
-// The command line asks how it is to be used.
+// The command line asks for the usage.
 struct HelpRequest {};
 
-// Why a command line makes no sense: one printable line for its author.
+// Why a command line is invalid: one printable line for the user.
 struct CommandLineError {
   std::string reason;
 };

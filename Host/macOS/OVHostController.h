@@ -15,7 +15,7 @@
   NSString* _identifier;
   // The extension that was active until now is not the one that is active now.
   BOOL _wasReplaced;
-  // What the process ends with when the rest succeeds.
+  // The exit status when everything that follows succeeds.
   int _exitStatus;
 }
 - (instancetype)initWithCommand:(const ostravel::host::HostCommand&)command;

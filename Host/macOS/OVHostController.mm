@@ -18,7 +18,7 @@ using ostravel::host::printFailure;
 
 namespace {
 
-// Until the state has been told. The system answers within a second.
+// Until the system has told the state, which takes it less than a second.
 constexpr std::chrono::seconds kStatusPatience{10};
 
 // The system shows it among its network services.
@@ -200,7 +200,7 @@ std::string stateOf(OSSystemExtensionProperties* found) {
 }
 
 // The one of this extension; nil when nothing is saved. One that was saved for something else is
-// taken over: there shall never be two.
+// reused, so that there are never two.
 - (NETransparentProxyManager*)ownOf:(NSArray<NETransparentProxyManager*>*)managers {
   for (NETransparentProxyManager* manager in managers) {
     NSString* const provider = [protocolOf(manager) providerBundleIdentifier];

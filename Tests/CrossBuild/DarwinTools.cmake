@@ -1,5 +1,5 @@
-# Read right after project() when the extension is built for the Mac on another machine: what stands
-# in for Apple's headers and tools there.
+# Read right after project() when the extension is built for the Mac on another machine: replaces
+# the headers and tools of Apple.
 
 # The C and C++ headers are this machine's, and come precompiled with the target's own names and
 # types put right; see StandardHeaders.h.
@@ -7,7 +7,7 @@ set(resources ${OSTRAVEL_CLANG_RESOURCES})
 add_compile_options(
   -U__APPLE__ -U__nonnull -D__linux__ -D__x86_64__ -D_GNU_SOURCE
   -Wno-macro-redefined -Wno-builtin-macro-redefined
-  # The name stands for one precompiled header for each architecture.
+  # A folder with one precompiled header for each architecture.
   -include ${OSTRAVEL_CROSS_HEADERS}
   -nostdinc++ "SHELL:-isystem ${OSTRAVEL_LIBCXX_HEADERS}"
   "SHELL:-isystem ${resources}/include"

@@ -16,8 +16,8 @@
 
 namespace ostravel::standin {
 
-// What there is behind a connection object. Work under way holds this, not the object, and finds
-// the object as long as somebody else holds it.
+// The state of a connection object. Work under way holds this, not the object, and finds the object
+// while something else holds it.
 class ConnectionState final : public std::enable_shared_from_this<ConnectionState> {
  public:
   using ErrorBlock = macos::Reference<macos::ErrorBlock>;
@@ -54,7 +54,7 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   // Starts the operation, now or once it is connected, or has it fail. Expects the lock to be held.
   void startWhenConnected(std::function<void(int error)> operation);
   void endWaiting(int error);
-  // A failure of an operation ends a connection that stood.
+  // A failure of an operation ends an established connection.
   void noteFailure(int error);
   void startReading(std::size_t minimum, std::size_t maximum, const ReadBlock& completion);
   void startWriting(std::vector<std::byte> bytes, const ErrorBlock& completion);

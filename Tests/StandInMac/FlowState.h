@@ -13,9 +13,9 @@
 
 namespace ostravel::standin {
 
-// What there is behind a flow object, which it outlives as a record. A flow that is released
+// The state of a flow object, which it outlives as a record. A flow that is released
 // unclosed goes on without the provider until it was taken or carried something; SystemBehaviour
-// says what becomes of it after that.
+// says what happens to it after that.
 class FlowState final : public FlowRecord, public std::enable_shared_from_this<FlowState> {
  public:
   using ErrorBlock = macos::Reference<macos::ErrorBlock>;

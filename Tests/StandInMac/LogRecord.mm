@@ -22,7 +22,7 @@ using ostravel::standin::LogLine;
 @implementation StandInLog
 @end
 
-// The default log is a constant object, which nobody owns.
+// The default log is a constant object without an owner.
 @interface StandInDefaultLog : NSObject <OS_os_log>
 @end
 

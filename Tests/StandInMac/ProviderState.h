@@ -14,7 +14,7 @@
 
 namespace ostravel::standin {
 
-// What there is behind a provider object. Usable from any thread.
+// The state of a provider object. Usable from any thread.
 class ProviderState final : public SettingsHold {
  public:
   using ErrorBlock = macos::Reference<macos::ErrorBlock>;

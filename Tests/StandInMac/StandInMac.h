@@ -13,14 +13,14 @@
 //   extensions      list of the installed extensions, each a dictionary of
 //                   shortVersion, version, enabled, awaitingApproval, uninstalling
 //   carried         dictionary: shortVersion and version of the extension in the application
-//   approval        text: "needed" until somebody writes "given" into the file
+//   approval        text: "needed" until a test writes "given" into the file
 //   rebootNeeded    yes or no: requests are completed by a restart
 //   replacementTold yes or no: asked about the replacement of an equal version, too, as in the mode
 //                   for developers
 //   configurations  list of what the application has saved, each a dictionary of
 //                   localizedDescription, enabled, serverAddress, providerBundleIdentifier,
 //                   providerConfiguration, status
-//   starting        text: "runs" (by default), "stops", "hangs", "disappears" or "runsUntold"
+//   starting        text: "runs" (by default), "stops", "hangs", "disappears" or "runsUnnotified"
 //   stopping        text: "stops" (by default) or "hangs"
 //   failures        by the name of a call, a dictionary of domain, code and text; without a text
 //                   the error has no description
@@ -42,7 +42,7 @@
 - (id)valueOf:(NSString*)key;
 - (BOOL)says:(NSString*)key is:(NSString*)text;
 - (void)change:(void (^)(NSMutableDictionary* state))change;
-// Reads this from the file again, into which somebody else may have written it.
+// Reads this from the file again: a test may have written it.
 - (void)readAgain:(NSString*)key;
 - (void)noteCall:(NSString*)name;
 - (BOOL)leavesUnanswered:(NSString*)name;

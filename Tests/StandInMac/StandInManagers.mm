@@ -191,7 +191,7 @@ void answer(ErrorHandler handler, NSError* error) {
 
 - (void)bringUp {
   StandInMac* const mac = [StandInMac mac];
-  if ([mac says:@"starting" is:@"runsUntold"]) {
+  if ([mac says:@"starting" is:@"runsUnnotified"]) {
     changeStatus(self, NEVPNStatusConnected, false);
     return;
   }

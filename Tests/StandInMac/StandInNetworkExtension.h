@@ -26,7 +26,7 @@ struct FlowDescription {
 // The descriptor is the provider's end of the application's stream; it is taken over.
 NEAppProxyTCPFlow* makeTCPFlow(const FlowDescription& description, int descriptor);
 NEAppProxyUDPFlow* makeUDPFlow(const FlowDescription& description);
-// A flow of a class that nobody knows.
+// A flow of an unknown class.
 NEAppProxyFlow* makeUnknownFlow(const FlowDescription& description);
 
 // What has been done to a flow; lives longer than the flow.

@@ -255,7 +255,7 @@ std::optional<std::vector<std::byte>> addressOf(NWEndpoint* endpoint) {
 // Connections
 
 @implementation NWTCPConnection
-// Counted by the state behind, so that work under way can hold the object weakly.
+// Counted by its state, so that work under way can hold the object weakly.
 - (id)retain {
   stateOf<ConnectionState>(self)->retainObject();
   return self;
@@ -273,7 +273,7 @@ std::optional<std::vector<std::byte>> addressOf(NWEndpoint* endpoint) {
          forKeyPath:(NSString*)keyPath
             options:(NSKeyValueObservingOptions)options
             context:(void*)context {
-  // Not in the middle of a change, which an observer that comes then is not told of.
+  // Not in the middle of a change: an observer added then would not be notified of it.
   const auto guard = stateOf<ConnectionState>(self)->holdChanges();
   [super addObserver:observer forKeyPath:keyPath options:options context:context];
 }
@@ -300,7 +300,7 @@ std::optional<std::vector<std::byte>> addressOf(NWEndpoint* endpoint) {
 // Providers
 
 @implementation NEProvider
-// Counted by the state behind, so that the object can be referred to weakly.
+// Counted by its state, so that the object can be referred to weakly.
 - (id)retain {
   stateOf<ProviderState>(self)->life().retain();
   return self;
@@ -319,7 +319,7 @@ std::optional<std::vector<std::byte>> addressOf(NWEndpoint* endpoint) {
                                         enableTLS:(BOOL)enableTLS
                                     TLSParameters:(NWTLSParameters*)TLSParameters
                                          delegate:(id)delegate {
-  NSAssert(!enableTLS && TLSParameters == nil && delegate == nil, @"not asked for by anybody");
+  NSAssert(!enableTLS && TLSParameters == nil && delegate == nil, @"not used by the extension");
   if (connectionCreationFails) {
     return nil;
   }

@@ -31,8 +31,8 @@ struct RequestState {
   id<OSSystemExtensionRequestDelegate> delegate = nil;
 };
 
-// Which delegates have been deallocated. On a Mac a request forgets such a delegate and nobody is
-// called back any more.
+// Which delegates have been deallocated. On a Mac a request forgets such a delegate and calls
+// nothing back any more.
 class GoneDelegates {
  public:
   void watch(id delegate) {

@@ -29,7 +29,7 @@ class StreamSocket : public std::enable_shared_from_this<StreamSocket> {
   void read(std::size_t minimum, std::size_t maximum, ReadCompletion completion);
   void write(std::vector<std::byte> bytes, Completion completion);
 
-  // Ends our sending direction behind what was written.
+  // Ends our sending direction after what was written.
   void endSending();
   // Ends a read under way, and later ones, with ECANCELED.
   void abandonReading();

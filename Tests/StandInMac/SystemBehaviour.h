@@ -2,10 +2,10 @@
 
 namespace ostravel::standin {
 
-// What becomes of a connection that nobody listens for.
+// What happens to a connection to a port without a listener.
 enum class RefusedConnection { disconnects, waits };
 
-// What becomes of a flow that the provider has taken and then releases without closing it. Flows
+// What happens to a flow that the provider has taken and then releases without closing it. Flows
 // that were not taken always go on without the provider.
 enum class ReleasedFlow {
   // The application's stream is reset.
@@ -24,7 +24,7 @@ struct SystemBehaviour {
   // Applying settings a second time ends the process, as has been reported of macOS 26.
   bool crashesOnRepeatedSettings = false;
   RefusedConnection refusedConnection = RefusedConnection::disconnects;
-  // Nobody listens for any connection of the provider.
+  // Every connection of the provider is refused.
   bool refusesConnections = false;
   // Cancelling a connection changes its state, and notifies its observers, inside the call.
   bool notifiesInsideCancel = false;

@@ -9,8 +9,8 @@ namespace {
 
 using Work = platform::DispatchQueue::Work;
 
-// Items run inside a pool of their own: what they autorelease must not wait for a thread of
-// Dispatch to fall idle.
+// Each item runs inside an autorelease pool: what it autoreleases must not wait until the thread of
+// Dispatch is idle.
 void runOwned(void* context) {
   const std::unique_ptr<Work> work(static_cast<Work*>(context));
   @autoreleasepool {

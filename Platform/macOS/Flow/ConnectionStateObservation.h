@@ -11,13 +11,13 @@ class SystemTCPConnection;
 
 // Key-value observation of the "state" of the system's connections.
 //
-// The system keeps an observer alive neither between notifications nor during one, which may be
-// under way on another thread when the observation ends. Therefore one object that lives as long as
-// the process observes all connections, and a notification names its connection by a number that is
-// never used again.
+// The system does not retain an observer, not even during a notification, which may be under way on
+// another thread when the observation ends. Therefore one object that lives as long as the process
+// observes all connections, and a notification names its connection by a number that is never used
+// again.
 
-// Tells the adapter of every change from now on, on the thread that makes it. Returns the number of
-// the observation, which has to be stopped exactly once, before the connection is let go of. Does
+// Notifies the adapter of every change from now on, on the thread that makes it. Returns the number
+// of the observation, which must be stopped exactly once, before the connection is released. Does
 // nothing for nil.
 std::uintptr_t startObservingState(NWTCPConnection* connection,
                                    std::weak_ptr<SystemTCPConnection> adapter);

@@ -12,7 +12,7 @@
 
 namespace ostravel::macos {
 
-// What every kind of flow has in common. Interface is the seam's class for the kind, Flow the
+// What all kinds of flow share. Interface is the seam's class for the kind, Flow the
 // system's. Releasing the last reference to a flow leaves it to the system.
 template <typename Interface, typename Flow>
 class SystemFlow : public Interface {
@@ -42,7 +42,7 @@ class SystemFlow : public Interface {
   const Reference<Flow*> flow_;
 };
 
-// A flow of a kind that has no class of its own in the seam.
+// A flow of a kind for which the seam has no class.
 using SystemOtherFlow = SystemFlow<platform::AppProxyFlow, NEAppProxyFlow>;
 
 }  // namespace ostravel::macos

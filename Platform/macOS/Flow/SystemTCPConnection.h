@@ -40,7 +40,7 @@ class SystemTCPConnection final : public platform::TCPConnection,
 
   explicit SystemTCPConnection(NWTCPConnection* connection);
 
-  bool hasUntoldChange();
+  bool hasPendingChange();
 
   const Reference<NWTCPConnection*> connection_;
   const std::shared_ptr<CompletionQueue> queue_;
@@ -48,8 +48,8 @@ class SystemTCPConnection final : public platform::TCPConnection,
   std::uintptr_t observation_ = 0;
   std::mutex lock_;
   Observers observers_;
-  // A change found nobody to be told of it.
-  bool hasUntoldChange_ = false;
+  // The state changed while there were no observers.
+  bool hasPendingChange_ = false;
 };
 
 }  // namespace ostravel::macos

@@ -68,10 +68,10 @@ void SystemTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> 
   }
   const std::lock_guard guard(lock_);
   observers_.push_back(std::move(observer));
-  if (hasUntoldChange_) {
+  if (hasPendingChange_) {
     queue_->run([weakSelf = weak_from_this()] {
       const auto self = weakSelf.lock();
-      if (self && self->hasUntoldChange()) {
+      if (self && self->hasPendingChange()) {
         self->stateDidChange();
       }
     });
@@ -90,10 +90,10 @@ void SystemTCPConnection::removeObserver(platform::KeyValueObserver& observer,
   });
 }
 
-// False when another change has told the state meanwhile.
-bool SystemTCPConnection::hasUntoldChange() {
+// False when another change has notified the observers meanwhile.
+bool SystemTCPConnection::hasPendingChange() {
   const std::lock_guard guard(lock_);
-  return hasUntoldChange_;
+  return hasPendingChange_;
 }
 
 void SystemTCPConnection::stateDidChange() {
@@ -101,7 +101,7 @@ void SystemTCPConnection::stateDidChange() {
   {
     const std::lock_guard guard(lock_);
     observers = observers_;
-    hasUntoldChange_ = observers.empty();
+    hasPendingChange_ = observers.empty();
   }
   // Without the lock: observers remove themselves from here.
   for (const auto& weakObserver : observers) {

@@ -39,7 +39,7 @@ class Reference {
   Reference() = default;
   ~Reference() { Ownership<Pointer>::release(object_); }
 
-  // Takes a reference of its own.
+  // Adds a reference.
   static Reference retaining(Pointer object) {
     return Reference(Ownership<Pointer>::retain(object));
   }

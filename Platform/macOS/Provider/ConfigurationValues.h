@@ -8,7 +8,7 @@
 
 namespace ostravel::macos {
 
-// Absent for nil. Text, numbers and truth values are taken over; every other value becomes
+// Absent for nil. Text, numbers and truth values are kept; every other value becomes
 // OtherConfigurationValue. Entries whose key is not text are left out.
 std::optional<platform::ProviderConfiguration> configurationFrom(NSDictionary* dictionary);
 

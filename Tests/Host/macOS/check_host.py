@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the host application on a stand-in for a Mac, whose state is a property list.
 
-What the list may say stands in Tests/StandInMac/StandInMac.h.
+Tests/StandInMac/StandInMac.h says what the list may contain.
 """
 
 import argparse
@@ -235,7 +235,7 @@ class MonitoringSocketTest(HostCase):
         self.expect("activate --monitoring-socket " + longest, output=OUT_OF_REACH + STARTED)
         self.assertEqual(self.socket(), longest)
 
-    def test_a_path_that_cannot_work_is_refused_before_anything_is_done(self):
+    def test_a_path_that_cannot_work_is_refused_first(self):
         for path, reason in (
                 (b"events", '"events" is not an absolute path'),
                 (b"", '"" is not an absolute path'),
@@ -261,7 +261,7 @@ class StartTest(HostCase):
                             errors="ostravel-host: the proxy has stopped instead of starting; "
                             "the extension's log may say why\n")
 
-    def test_a_proxy_that_does_not_come_up_is_waited_for_half_a_minute(self):
+    def test_a_proxy_that_hangs_is_given_half_a_minute(self):
         self.speed = HURRIED
         self.given(starting="hangs")
         begin = time.monotonic()
@@ -272,7 +272,7 @@ class StartTest(HostCase):
 
     def test_a_proxy_that_runs_without_having_told_runs(self):
         self.speed = HURRIED
-        self.given(starting="runsUntold")
+        self.given(starting="runsUnnotified")
         self.expect("activate", output=STARTED)
 
     def test_a_proxy_that_comes_up_already_is_waited_for(self):

@@ -190,7 +190,7 @@ done
     def signed(self, part):
         return plistlib.loads((self.folder / f"signed-{part}.entitlements").read_bytes())
 
-    def test_development_signs_the_inner_bundle_first_and_nothing_else(self):
+    def test_development_signs_the_inner_bundle_first(self):
         result = self.sign("development")
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertEqual(self.signatures()[:2], [
@@ -207,7 +207,7 @@ done
             embedded = bundle / "Contents/embedded.provisionprofile"
             self.assertEqual(plistlib.loads(embedded.read_bytes())["AppIDName"], "Ostravel " + name)
 
-    def test_distribution_notarises_staples_and_archives_the_stapled_application(self):
+    def test_distribution_notarises_staples_and_archives(self):
         self.use_profiles("DeveloperID")
         result = self.sign("distribution", "keychain")
         self.assertEqual(result.returncode, 0, result.stderr)

@@ -78,7 +78,7 @@ TEST_F(SystemTCPConnectionTest, AStateOfTheFutureIsNoneOfThoseKnown) {
   EXPECT_EQ(connection_->state(), TCPConnectionState::invalid);
 }
 
-TEST_F(SystemTCPConnectionTest, AnObserverIsToldOfEveryChangeOnce) {
+TEST_F(SystemTCPConnectionTest, AnObserverIsNotifiedOfEveryChangeOnce) {
   connection_->addObserver(observer_, "state");
   change(NWTCPConnectionStateConnecting);
   change(NWTCPConnectionStateConnected);
@@ -86,7 +86,7 @@ TEST_F(SystemTCPConnectionTest, AnObserverIsToldOfEveryChangeOnce) {
   EXPECT_EQ(observer_->count(), 2);
 }
 
-TEST_F(SystemTCPConnectionTest, AChangeBeforeAnybodyObservedIsToldLater) {
+TEST_F(SystemTCPConnectionTest, AChangeBeforeTheFirstObserverIsDeliveredLater) {
   change(NWTCPConnectionStateDisconnected);
   connection_->addObserver(observer_, "state");
   EXPECT_TRUE(waitUntil([this] { return observer_->count() == 1; }));
@@ -97,7 +97,7 @@ TEST_F(SystemTCPConnectionTest, AChangeBeforeAnybodyObservedIsToldLater) {
   EXPECT_EQ(other->count(), 0);
 }
 
-TEST_F(SystemTCPConnectionTest, AConnectionThatStoodFromTheStartIsToldLater) {
+TEST_F(SystemTCPConnectionTest, AConnectionThatIsMadeConnectedIsDeliveredLater) {
   @autoreleasepool {
     object_ = Reference<NWTCPConnection*>::retaining(standin::makeScriptedConnection());
   }
@@ -107,7 +107,7 @@ TEST_F(SystemTCPConnectionTest, AConnectionThatStoodFromTheStartIsToldLater) {
   EXPECT_TRUE(waitUntil([this] { return observer_->count() == 1; }));
 }
 
-TEST_F(SystemTCPConnectionTest, AnObserverMayRemoveItselfWhenItIsTold) {
+TEST_F(SystemTCPConnectionTest, AnObserverMayRemoveItselfWhenNotified) {
   observer_->onValue = [this] { connection_->removeObserver(*observer_, "state"); };
   connection_->addObserver(observer_, "state");
   change(NWTCPConnectionStateConnecting);

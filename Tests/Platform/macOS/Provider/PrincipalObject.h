@@ -12,7 +12,7 @@
 
 namespace ostravel::macos::test {
 
-// What has become of a completion handler of the system.
+// How often a completion handler of the system was called, and with what.
 struct Answer {
   std::atomic<int> count = 0;
   // Retained; of the last answer.

@@ -32,7 +32,7 @@ using companion::test::TestSocket;
 
 inline constexpr std::uint16_t kProxyPort = 8080;
 
-// A flow as the system offers it, and the application behind it.
+// A flow as the system offers it, and its application.
 struct OfferedFlow {
   bool wasTaken;
   std::shared_ptr<standin::FlowRecord> record;

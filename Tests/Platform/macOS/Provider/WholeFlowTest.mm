@@ -257,8 +257,8 @@ TEST_F(CompanionFlowTest, ManyFlowsAtOnceDoNotMix) {
   echo.join();
 }
 
-// Runs rounds of the same work until one leaves nothing behind: no object, and where the allocator
-// tells, no more memory than the allowance. What a round leaves by itself, every round shows;
+// Runs rounds of the same work until one leaves nothing behind: no object and, where the allocator
+// knows, no more memory than the allowance. What the work itself leaves, every round leaves;
 // another thread for the work only some do. Empty, or what was left.
 std::string leftBehindByEveryRound(std::size_t allowance, const std::function<void()>& round) {
   constexpr int kRounds = 10;
@@ -329,7 +329,7 @@ TEST_F(CompanionFlowTest, TheProviderLeavesNothingBehind) {
   EXPECT_EQ(leftBehindByEveryRound(kAllowance, live), "");
 }
 
-// With a proxy of the test's own
+// With a proxy that the test plays
 
 TEST_F(ScriptedProxyTest, TheProxyIsAskedWithBothIdentifiers) {
   const auto flow = offerTCP("2001:db8::1", 443);
@@ -342,7 +342,7 @@ TEST_F(ScriptedProxyTest, TheProxyIsAskedWithBothIdentifiers) {
       << request_;
 }
 
-TEST_F(ScriptedProxyTest, BytesBehindTheAnswerComeFirst) {
+TEST_F(ScriptedProxyTest, BytesAfterTheAnswerComeFirst) {
   const auto flow = offerTCP("192.0.2.1", 443);
   const auto tunnel = acceptTunnel();
   tunnel.send("HTTP/1.1 200 OK\r\n\r\nleftover,");

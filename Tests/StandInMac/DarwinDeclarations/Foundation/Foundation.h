@@ -1,7 +1,7 @@
 #pragma once
 
 // The part of Foundation that this system uses, declared as the framework declares it. Only for
-// compiling sources for the real target; what runs here uses a Foundation of its own.
+// compiling sources for the real target; what runs here uses another Foundation.
 
 #include <cstddef>
 #include <cstdint>

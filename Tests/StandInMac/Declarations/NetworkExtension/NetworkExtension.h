@@ -7,7 +7,7 @@
 #import <Foundation/Foundation.h>
 #include <os/availability.h>
 
-// Room for the state of an implementation under a runtime that has no room of its own for it.
+// Room for the state of an implementation, under a runtime that cannot add any.
 #ifndef OV_OBJECT_STORAGE
 #define OV_OBJECT_STORAGE
 #endif
