@@ -3,18 +3,14 @@
 #include <gtest/gtest.h>
 #import <os/log.h>
 
-#include <chrono>
 #include <string>
 #include <vector>
 
-#import "Platform/macOS/Dispatch/SystemDispatchTimer.h"
 #import "Tests/StandInMac/LogRecord.h"
-#include "Tests/StandInMac/WorkerPool.h"
 
 namespace ostravel::macos::test {
 namespace {
 
-using namespace std::chrono_literals;
 using standin::LogLine;
 
 class MacPlatformTest : public testing::Test {
@@ -69,44 +65,6 @@ TEST_F(MacPlatformTest, AProcessWithoutABundleHasNoIdentifier) {
 TEST_F(MacPlatformTest, SocketsHaveTheLayoutOfTheSystemThatTheyAreMadeOn) {
   // What Darwin's bytes look like is tested by value, without a socket.
   EXPECT_EQ(platform_.sockets().addressLayout(), platform::SocketAddressLayout::linuxABI);
-}
-
-// The stand-in ends the process, as Dispatch does, when a source is released that was never active.
-TEST_F(MacPlatformTest, ATimerThatWasNeverResumedMayGo) {
-  const auto queue = platform_.makeQueue("timer", platform::DispatchQueueKind::serial);
-  bool fired = false;
-  for (const bool isCancelled : {false, true}) {
-    const auto timer = platform_.makeTimer(queue);
-    timer->schedule(0ns, std::nullopt, 0ns);
-    timer->setEventHandler([&fired] { fired = true; });
-    if (isCancelled) {
-      timer->cancel();
-    }
-  }
-  standin::settleWorkers();
-  queue->sync([] {});
-  EXPECT_FALSE(fired);
-}
-
-TEST_F(MacPlatformTest, ResumingTwiceIsHarmless) {
-  const auto queue = platform_.makeQueue("timer", platform::DispatchQueueKind::serial);
-  const auto timer = platform_.makeTimer(queue);
-  timer->resume();
-  timer->resume();
-  timer->cancel();
-  timer->resume();
-  SUCCEED();
-}
-
-TEST_F(MacPlatformTest, ATimerLetsGoOfItsHandler) {
-  const auto queue = platform_.makeQueue("timer", platform::DispatchQueueKind::serial);
-  auto held = std::make_shared<int>();
-  const std::weak_ptr<int> weakHeld = held;
-  {
-    const auto timer = platform_.makeTimer(queue);
-    timer->setEventHandler([held = std::move(held)] {});
-  }
-  EXPECT_TRUE(weakHeld.expired());
 }
 
 }  // namespace

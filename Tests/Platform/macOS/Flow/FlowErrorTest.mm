@@ -9,17 +9,12 @@
 
 #import "Platform/macOS/Foundation/FoundationError.h"
 #import "Platform/macOS/Foundation/FoundationText.h"
+#import "Tests/Platform/macOS/Support/PoolTest.h"
 
 namespace ostravel::macos::test {
 namespace {
 
-class FlowErrorTest : public testing::Test {
- protected:
-  ~FlowErrorTest() override { [pool_ release]; }
-
- private:
-  NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
-};
+class FlowErrorTest : public PoolTest {};
 
 TEST_F(FlowErrorTest, NoErrorIsNone) {
   EXPECT_EQ(makeFlowError(std::nullopt), nil);

@@ -2,6 +2,10 @@
 
 #include "Tests/StandInMac/SystemBehaviour.h"
 
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <ostream>
 #include <string>
 
 #import "Tests/Platform/macOS/Provider/WholeFlow.h"

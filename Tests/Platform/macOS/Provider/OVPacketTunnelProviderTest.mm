@@ -1,3 +1,5 @@
+#import "Platform/macOS/Provider/OVPacketTunnelProvider.h"
+
 #import <Foundation/Foundation.h>
 #include <gtest/gtest.h>
 
@@ -36,9 +38,9 @@ bool wasLogged(const std::string& text) {
 }
 
 // Starting and stopping, as the system does it.
-class LifecycleTest : public testing::Test {
+class OVPacketTunnelProviderTest : public testing::Test {
  protected:
-  ~LifecycleTest() override {
+  ~OVPacketTunnelProviderTest() override {
     provider_.release();
     [pool_ release];
   }
@@ -56,7 +58,7 @@ class LifecycleTest : public testing::Test {
   PrincipalObject provider_;
 };
 
-TEST_F(LifecycleTest, StartsWithoutAConfiguration) {
+TEST_F(OVPacketTunnelProviderTest, StartsWithoutAConfiguration) {
   const auto answer = provider_.start();
   ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
   EXPECT_EQ(answer->error().get(), nil);
@@ -73,7 +75,7 @@ TEST_F(LifecycleTest, StartsWithoutAConfiguration) {
   }
 }
 
-TEST_F(LifecycleTest, AsksForTheRulesInTheirOrder) {
+TEST_F(OVPacketTunnelProviderTest, AsksForTheRulesInTheirOrder) {
   provider_.startUp();
   const auto applied = standin::appliedSettings(provider_.get());
   ASSERT_EQ(applied.size(), 1U);
@@ -89,13 +91,13 @@ TEST_F(LifecycleTest, AsksForTheRulesInTheirOrder) {
   EXPECT_EQ(applied[0].excluded, excluded);
 }
 
-TEST_F(LifecycleTest, IgnoresTheOptionsOfTheStart) {
+TEST_F(OVPacketTunnelProviderTest, IgnoresTheOptionsOfTheStart) {
   const auto answer = provider_.start(@{@"monitoringSocketPath" : [NSNull null]});
   ASSERT_TRUE(waitUntil([&] { return answer->count > 0; }));
   EXPECT_EQ(answer->error().get(), nil);
 }
 
-TEST_F(LifecycleTest, RefusedRulesFailTheStartWithTheSystemsError) {
+TEST_F(OVPacketTunnelProviderTest, RefusedRulesFailTheStartWithTheSystemsError) {
   NSError* const error =
       [NSError errorWithDomain:NETunnelProviderErrorDomain
                           code:NETunnelProviderErrorNetworkSettingsFailed
@@ -108,7 +110,7 @@ TEST_F(LifecycleTest, RefusedRulesFailTheStartWithTheSystemsError) {
   EXPECT_TRUE(wasLogged("OstravelProxy: Failed to set rules: no rules"));
 }
 
-TEST_F(LifecycleTest, AnErrorWithoutDescriptionIsPassedOn) {
+TEST_F(OVPacketTunnelProviderTest, AnErrorWithoutDescriptionIsPassedOn) {
   standin::failSettings(provider_.get(), [ErrorWithoutText errorWithDomain:@"Domain"
                                                                       code:3
                                                                   userInfo:nil]);
@@ -119,7 +121,7 @@ TEST_F(LifecycleTest, AnErrorWithoutDescriptionIsPassedOn) {
   EXPECT_TRUE(wasLogged("OstravelProxy: Failed to set rules: "));
 }
 
-TEST_F(LifecycleTest, StartsThatOverlapReachTheCoreOnce) {
+TEST_F(OVPacketTunnelProviderTest, StartsThatOverlapReachTheCoreOnce) {
   const standin::BehaviourScope behaviour({.crashesOnRepeatedSettings = true});
   const auto hold = standin::holdSettings(provider_.get());
   const auto first = provider_.start();
@@ -137,7 +139,7 @@ TEST_F(LifecycleTest, StartsThatOverlapReachTheCoreOnce) {
   EXPECT_EQ(provider_.stop()->count, 1);
 }
 
-TEST_F(LifecycleTest, AStartOfARunningProviderIsAnsweredAtOnce) {
+TEST_F(OVPacketTunnelProviderTest, AStartOfARunningProviderIsAnsweredAtOnce) {
   const standin::BehaviourScope behaviour({.crashesOnRepeatedSettings = true});
   provider_.startUp();
   const auto second = provider_.start();
@@ -145,7 +147,7 @@ TEST_F(LifecycleTest, AStartOfARunningProviderIsAnsweredAtOnce) {
   EXPECT_EQ(second->error().get(), nil);
 }
 
-TEST_F(LifecycleTest, OverlappingStartsFailWithTheSameError) {
+TEST_F(OVPacketTunnelProviderTest, OverlappingStartsFailWithTheSameError) {
   standin::failSettings(provider_.get(), [NSError errorWithDomain:@"Domain" code:4 userInfo:nil]);
   const auto first = provider_.start();
   const auto second = provider_.start();
@@ -154,7 +156,7 @@ TEST_F(LifecycleTest, OverlappingStartsFailWithTheSameError) {
   EXPECT_EQ([second->error().get() code], 4);
 }
 
-TEST_F(LifecycleTest, AStartAfterAStopReachesTheCore) {
+TEST_F(OVPacketTunnelProviderTest, AStartAfterAStopReachesTheCore) {
   provider_.startUp();
   provider_.stop();
   provider_.startUp();
@@ -162,7 +164,7 @@ TEST_F(LifecycleTest, AStartAfterAStopReachesTheCore) {
 }
 
 // What the stand-in is good for: it does end a process that applies its settings twice.
-TEST_F(LifecycleTest, TheStandInCrashesOnRepeatedSettings) {
+TEST_F(OVPacketTunnelProviderTest, TheStandInCrashesOnRepeatedSettings) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
@@ -174,7 +176,7 @@ TEST_F(LifecycleTest, TheStandInCrashesOnRepeatedSettings) {
       "Over-resume");
 }
 
-TEST_F(LifecycleTest, TheStartIsAnsweredWhenTheProviderHasGone) {
+TEST_F(OVPacketTunnelProviderTest, TheStartIsAnsweredWhenTheProviderHasGone) {
   const auto hold = standin::holdSettings(provider_.get());
   const auto answer = provider_.start();
   provider_.release();
@@ -188,7 +190,7 @@ TEST_F(LifecycleTest, TheStartIsAnsweredWhenTheProviderHasGone) {
   EXPECT_FALSE(wasLogged("OstravelProxy: Rules set successfully"));
 }
 
-TEST_F(LifecycleTest, AFailedStartIsAnsweredWhenTheProviderHasGone) {
+TEST_F(OVPacketTunnelProviderTest, AFailedStartIsAnsweredWhenTheProviderHasGone) {
   standin::failSettings(provider_.get(), [NSError errorWithDomain:@"Domain" code:4 userInfo:nil]);
   const auto hold = standin::holdSettings(provider_.get());
   const auto answer = provider_.start();
@@ -198,13 +200,13 @@ TEST_F(LifecycleTest, AFailedStartIsAnsweredWhenTheProviderHasGone) {
   EXPECT_EQ([answer->error().get() code], 4);
 }
 
-TEST_F(LifecycleTest, SettingsMayBeAnsweredInsideTheCall) {
+TEST_F(OVPacketTunnelProviderTest, SettingsMayBeAnsweredInsideTheCall) {
   const standin::BehaviourScope behaviour({.answersSettingsInsideTheCall = true});
   provider_.startUp();
   EXPECT_TRUE(wasLogged("OstravelProxy: Rules set successfully"));
 }
 
-TEST_F(LifecycleTest, TheSystemMayReleaseTheProviderInsideItsStart) {
+TEST_F(OVPacketTunnelProviderTest, TheSystemMayReleaseTheProviderInsideItsStart) {
   for (const bool answersInside : {false, true}) {
     standin::clearLogRecord();
     const standin::BehaviourScope behaviour({.answersSettingsInsideTheCall = answersInside});
@@ -217,20 +219,20 @@ TEST_F(LifecycleTest, TheSystemMayReleaseTheProviderInsideItsStart) {
   }
 }
 
-TEST_F(LifecycleTest, StopsAtOnce) {
+TEST_F(OVPacketTunnelProviderTest, StopsAtOnce) {
   provider_.startUp();
   EXPECT_EQ(provider_.stop()->count, 1);
   EXPECT_TRUE(wasLogged("OstravelProxy: Stopping Proxy"));
 }
 
-TEST_F(LifecycleTest, EveryStopIsAnswered) {
+TEST_F(OVPacketTunnelProviderTest, EveryStopIsAnswered) {
   EXPECT_EQ(provider_.stop()->count, 1);
   provider_.startUp();
   EXPECT_EQ(provider_.stop(NEProviderStopReasonSleep)->count, 1);
   EXPECT_EQ(provider_.stop(static_cast<NEProviderStopReason>(99))->count, 1);
 }
 
-TEST_F(LifecycleTest, TheCoreGoesWithThePrincipalObject) {
+TEST_F(OVPacketTunnelProviderTest, TheCoreGoesWithThePrincipalObject) {
   provider_.startUp();
   provider_.stop();
   provider_.release();
@@ -238,7 +240,7 @@ TEST_F(LifecycleTest, TheCoreGoesWithThePrincipalObject) {
 }
 
 // Configurations that name no path: the start succeeds, and nothing is sent or complained about.
-class NoMonitoringPathTest : public LifecycleTest {
+class NoMonitoringPathTest : public OVPacketTunnelProviderTest {
  protected:
   void expectSilence() {
     provider_.startUp();
@@ -286,7 +288,7 @@ TEST_F(NoMonitoringPathTest, NothingButWhiteSpace) {
   expectSilence();
 }
 
-TEST_F(LifecycleTest, APathWhereNobodyListensIsOneSystemLogLineForEachEvent) {
+TEST_F(OVPacketTunnelProviderTest, APathWhereNobodyListensIsOneSystemLogLineForEachEvent) {
   provider_.configure(@{@"monitoringSocketPath" : @"/nonexistent/events"});
   provider_.startUp();
   ASSERT_TRUE(waitUntil([] { return !standin::systemLogLines().empty(); }));
@@ -296,7 +298,7 @@ TEST_F(LifecycleTest, APathWhereNobodyListensIsOneSystemLogLineForEachEvent) {
             std::string::npos);
 }
 
-TEST_F(LifecycleTest, EventsReachTheMonitor) {
+TEST_F(OVPacketTunnelProviderTest, EventsReachTheMonitor) {
   const TemporaryFolder folder;
   const std::string path = folder.file("events");
   ChildProcess monitor({OSTRAVEL_MONITOR_PROGRAM, "--json", "--socket", path});

@@ -1,3 +1,5 @@
+#import "Platform/macOS/Flow/SystemTCPFlow.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -5,9 +7,6 @@
 #include <memory>
 #include <optional>
 
-#import "Platform/macOS/Flow/SystemFlow.h"
-#import "Platform/macOS/Flow/SystemTCPFlow.h"
-#import "Platform/macOS/Flow/SystemUDPFlow.h"
 #import "Platform/macOS/Foundation/FoundationError.h"
 #include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/StandInNetworkExtension.h"
@@ -17,10 +16,10 @@ namespace ostravel::macos::test {
 namespace {
 
 // A TCP flow whose application does nothing.
-class FlowsTest : public testing::Test {
+class SystemTCPFlowTest : public testing::Test {
  protected:
-  FlowsTest() : ends_(standin::makeStreamPair()) {}
-  ~FlowsTest() override {
+  SystemTCPFlowTest() : ends_(standin::makeStreamPair()) {}
+  ~SystemTCPFlowTest() override {
     ::close(ends_.application);
     [pool_ release];
   }
@@ -38,19 +37,19 @@ class FlowsTest : public testing::Test {
   NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
 };
 
-TEST_F(FlowsTest, AnIdentifierThatIsMissingIsEmpty) {
+TEST_F(SystemTCPFlowTest, AnIdentifierThatIsMissingIsEmpty) {
   EXPECT_EQ(makeTCPFlow({.signingIdentifier = nil})->sourceAppSigningIdentifier(), "");
 }
 
-TEST_F(FlowsTest, MetadataThatIsMissingIsAnEmptyIdentifier) {
+TEST_F(SystemTCPFlowTest, MetadataThatIsMissingIsAnEmptyIdentifier) {
   EXPECT_EQ(makeTCPFlow({.hasMetaData = false})->sourceAppSigningIdentifier(), "");
 }
 
-TEST_F(FlowsTest, WhiteSpaceInAnIdentifierIsKept) {
+TEST_F(SystemTCPFlowTest, WhiteSpaceInAnIdentifierIsKept) {
   EXPECT_EQ(makeTCPFlow({.signingIdentifier = @" a\n"})->sourceAppSigningIdentifier(), " a\n");
 }
 
-TEST_F(FlowsTest, OpensWithoutALocalEndpoint) {
+TEST_F(SystemTCPFlowTest, OpensWithoutALocalEndpoint) {
   const auto flow = makeTCPFlow({});
   std::atomic<bool> isDone = false;
   flow->open(std::nullopt, [&isDone](const auto& error) {
@@ -61,7 +60,7 @@ TEST_F(FlowsTest, OpensWithoutALocalEndpoint) {
   EXPECT_EQ(record_->openedLocalEndpoint(), nil);
 }
 
-TEST_F(FlowsTest, OpensWithALocalEndpoint) {
+TEST_F(SystemTCPFlowTest, OpensWithALocalEndpoint) {
   const auto flow = makeTCPFlow({});
   std::atomic<bool> isDone = false;
   flow->open(platform::HostEndpoint{"192.0.2.1", "5000"},
@@ -72,7 +71,7 @@ TEST_F(FlowsTest, OpensWithALocalEndpoint) {
   EXPECT_EQ(textOf([endpoint port]), "5000");
 }
 
-TEST_F(FlowsTest, EachSideIsClosedWithItsOwnError) {
+TEST_F(SystemTCPFlowTest, EachSideIsClosedWithItsOwnError) {
   const auto flow = makeTCPFlow({});
   flow->closeRead(std::nullopt);
   EXPECT_TRUE(record_->isReadClosed());
@@ -85,16 +84,7 @@ TEST_F(FlowsTest, EachSideIsClosedWithItsOwnError) {
             (platform::Error{"OstravelProxy", 1001, "backlog"}));
 }
 
-TEST(OtherFlowsTest, AUDPFlowIsKnownByItsLocalEndpoint) {
-  @autoreleasepool {
-    SystemUDPFlow flow(standin::makeUDPFlow({.endpoint = standin::makeHostEndpoint(@"::1", @"9")}));
-    EXPECT_EQ(flow.localEndpoint(), (platform::HostEndpoint{"::1", "9"}));
-    SystemUDPFlow other(standin::makeUDPFlow({.endpoint = nil}));
-    EXPECT_FALSE(other.localEndpoint());
-  }
-}
-
-TEST(OtherFlowsTest, AFlowThatIsNilIsHarmless) {
+TEST(SystemOtherFlowTest, AFlowThatIsNilIsHarmless) {
   SystemOtherFlow flow(nil);
   EXPECT_EQ(flow.sourceAppSigningIdentifier(), "");
   flow.closeRead(std::nullopt);
