@@ -1,6 +1,7 @@
 #pragma once
 
-// The part of Foundation that this system uses, declared as the framework declares it. Only for
+// The part of Foundation that this system uses, declared as the framework declares it; all of it is
+// older than any macOS that is supported, and not deprecated in any. Only for
 // compiling sources for the real target; what runs here uses another Foundation.
 
 #include <cstddef>
