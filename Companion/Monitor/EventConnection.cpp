@@ -17,30 +17,30 @@ void EventConnection::start() {
 }
 
 void EventConnection::read() {
-  socket_.async_read_some(
-      asio::buffer(bytes_), [self = shared_from_this()](asio::error_code error, std::size_t size) {
-        if (!self->socket_.is_open()) {
-          return;
-        }
-        if (!error) {
-          self->received(std::string_view(self->bytes_.data(), size));
-        } else if (self->frame_.finish() == EventFrameReader::State::kComplete) {
-          self->deliver();
-        } else {
-          self->reject(self->frame_.problem());
-        }
-      });
+  socket_.async_read_some(asio::buffer(bytes_),
+                          [self = shared_from_this()](asio::error_code error, std::size_t size) {
+                            if (!self->socket_.is_open()) {
+                              return;
+                            }
+                            if (!error) {
+                              self->received(std::string_view(self->bytes_.data(), size));
+                            } else if (self->frame_.finish() == EventFrameReader::State::complete) {
+                              self->deliver();
+                            } else {
+                              self->reject(self->frame_.problem());
+                            }
+                          });
 }
 
 void EventConnection::received(std::string_view bytes) {
   switch (frame_.consume(bytes)) {
-    case EventFrameReader::State::kMalformed:
+    case EventFrameReader::State::malformed:
       reject(frame_.problem());
       return;
-    case EventFrameReader::State::kComplete:
+    case EventFrameReader::State::complete:
       limit(limits_.end);
       break;
-    case EventFrameReader::State::kIncomplete:
+    case EventFrameReader::State::incomplete:
       break;
   }
   read();
@@ -57,7 +57,7 @@ void EventConnection::limit(std::chrono::milliseconds time) {
 }
 
 void EventConnection::expired() {
-  if (frame_.state() == EventFrameReader::State::kComplete) {
+  if (frame_.state() == EventFrameReader::State::complete) {
     deliver();
     return;
   }

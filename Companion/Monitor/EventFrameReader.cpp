@@ -6,7 +6,7 @@
 namespace ostravel::companion {
 
 EventFrameReader::State EventFrameReader::consume(std::string_view bytes) {
-  if (state_ == State::kMalformed || bytes.empty()) {
+  if (state_ == State::malformed || bytes.empty()) {
     return state_;
   }
   if (lengthBytes_ < kLengthSize) {
@@ -29,13 +29,13 @@ EventFrameReader::State EventFrameReader::consume(std::string_view bytes) {
     return fail("bytes follow the frame of " + std::to_string(length_) + " bytes");
   }
   if (body_.size() == length_) {
-    state_ = State::kComplete;
+    state_ = State::complete;
   }
   return state_;
 }
 
 EventFrameReader::State EventFrameReader::finish() {
-  if (state_ != State::kIncomplete) {
+  if (state_ != State::incomplete) {
     return state_;
   }
   if (lengthBytes_ < kLengthSize) {
@@ -48,7 +48,7 @@ EventFrameReader::State EventFrameReader::finish() {
 
 EventFrameReader::State EventFrameReader::fail(std::string problem) {
   problem_ = std::move(problem);
-  state_ = State::kMalformed;
+  state_ = State::malformed;
   return state_;
 }
 

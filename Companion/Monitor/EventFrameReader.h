@@ -18,9 +18,9 @@ class EventFrameReader {
   static constexpr std::uint32_t kLargestBody = 1024 * 1024;
 
   enum class State {
-    kIncomplete,
-    kComplete,   // the body is there; only the end of the stream may follow
-    kMalformed,  // `problem` says why; nothing more is taken
+    incomplete,
+    complete,   // the body is there; only the end of the stream may follow
+    malformed,  // `problem` says why; nothing more is taken
   };
 
   // Takes the next bytes of the stream.
@@ -39,7 +39,7 @@ class EventFrameReader {
   State fail(std::string problem);
   std::string_view consumeLength(std::string_view bytes);
 
-  State state_ = State::kIncomplete;
+  State state_ = State::incomplete;
   std::size_t lengthBytes_ = 0;
   std::uint32_t length_ = 0;
   std::string body_;

@@ -41,7 +41,7 @@ std::string_view colourOf(std::string_view level) {
 std::string levelColumn(const ReceivedEvent& event, Colour colour) {
   // Padded first: the escapes take no room on the screen.
   std::string column = padded(printableText(event.level), kLevelWidth);
-  if (colour == Colour::kTerminal) {
+  if (colour == Colour::terminal) {
     column.insert(0, colourOf(event.level));
     column += kPlain;
   }

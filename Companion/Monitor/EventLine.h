@@ -6,7 +6,7 @@
 
 namespace ostravel::companion {
 
-enum class Colour { kNone, kTerminal };
+enum class Colour { none, terminal };
 
 // One line for a person, without its line feed:
 //

@@ -20,7 +20,7 @@ struct JsonDeleter {
 };
 using Json = std::unique_ptr<json_t, JsonDeleter>;
 
-enum class Presence { kRequired, kOptional };
+enum class Presence { required, optional };
 
 struct Key {
   const char* name;
@@ -29,18 +29,18 @@ struct Key {
 };
 
 constexpr std::array kKeys = {
-    Key{"message_id", JSON_STRING, Presence::kRequired},
-    Key{"timestamp", JSON_REAL, Presence::kRequired},
-    Key{"logged_at", JSON_STRING, Presence::kRequired},
-    Key{"type", JSON_STRING, Presence::kRequired},
-    Key{"current_signal", JSON_STRING, Presence::kRequired},
-    Key{"component", JSON_STRING, Presence::kRequired},
-    Key{"level", JSON_STRING, Presence::kRequired},
-    Key{"code", JSON_STRING, Presence::kRequired},
-    Key{"message", JSON_STRING, Presence::kRequired},
-    Key{"flow_id", JSON_STRING, Presence::kOptional},
-    Key{"metrics", JSON_OBJECT, Presence::kOptional},
-    Key{"context", JSON_OBJECT, Presence::kOptional},
+    Key{"message_id", JSON_STRING, Presence::required},
+    Key{"timestamp", JSON_REAL, Presence::required},
+    Key{"logged_at", JSON_STRING, Presence::required},
+    Key{"type", JSON_STRING, Presence::required},
+    Key{"current_signal", JSON_STRING, Presence::required},
+    Key{"component", JSON_STRING, Presence::required},
+    Key{"level", JSON_STRING, Presence::required},
+    Key{"code", JSON_STRING, Presence::required},
+    Key{"message", JSON_STRING, Presence::required},
+    Key{"flow_id", JSON_STRING, Presence::optional},
+    Key{"metrics", JSON_OBJECT, Presence::optional},
+    Key{"context", JSON_OBJECT, Presence::optional},
 };
 
 const char* typeName(json_type type) {
@@ -67,7 +67,7 @@ std::string problemOfKeys(const json_t* event) {
   for (const Key& key : kKeys) {
     const json_t* value = json_object_get(event, key.name);
     if (value == nullptr) {
-      if (key.presence == Presence::kRequired) {
+      if (key.presence == Presence::required) {
         return quoted(key.name) + " is missing";
       }
       continue;

@@ -26,7 +26,7 @@ using namespace ostravel::companion;
 // See https://no-color.org: what the variable says does not matter, only that it is there.
 Colour colourOfOutput() {
   const bool wanted = ::isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
-  return wanted ? Colour::kTerminal : Colour::kNone;
+  return wanted ? Colour::terminal : Colour::none;
 }
 
 // Of each of two buffers: a line can be longer than the largest frame, 1 MiB, because characters

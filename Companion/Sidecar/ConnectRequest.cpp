@@ -63,19 +63,19 @@ std::variant<HostPort, HttpStatus> parseRequestLine(std::string_view line) {
   const std::size_t methodEnd = line.find(' ');
   const std::size_t targetEnd = line.rfind(' ');
   if (methodEnd == std::string_view::npos || methodEnd == targetEnd) {
-    return HttpStatus::kBadRequest;
+    return HttpStatus::badRequest;
   }
   const std::string_view method = line.substr(0, methodEnd);
   const std::string_view target = line.substr(methodEnd + 1, targetEnd - methodEnd - 1);
   if (!isToken(method) || !isVisible(target) || !isSupportedVersion(line.substr(targetEnd + 1))) {
-    return HttpStatus::kBadRequest;
+    return HttpStatus::badRequest;
   }
   if (method != "CONNECT") {
-    return HttpStatus::kMethodNotAllowed;
+    return HttpStatus::methodNotAllowed;
   }
   std::optional<HostPort> hostPort = parseHostPort(target);
   if (!hostPort || hostPort->port == 0) {
-    return HttpStatus::kBadRequest;
+    return HttpStatus::badRequest;
   }
   return *std::move(hostPort);
 }
@@ -101,7 +101,7 @@ std::variant<ConnectRequest, HttpStatus> parseConnectRequest(std::string_view he
   for (std::string_view line = takeLine(header); !line.empty(); line = takeLine(header)) {
     const std::optional<Field> field = parseField(line);
     if (!field) {
-      return HttpStatus::kBadRequest;
+      return HttpStatus::badRequest;
     }
     if (request.appId.empty() && equalsIgnoringCase(field->name, kAppIdField)) {
       request.appId = field->value;

@@ -18,8 +18,8 @@ struct ConnectRequest {
 };
 
 // Reads a request header that ends in an empty line (RFC 9112, sections 3 and 5). Refuses with
-// kBadRequest what is no well-formed request or names no target of the form host:port, and with
-// kMethodNotAllowed every method but CONNECT.
+// badRequest what is no well-formed request or names no target of the form host:port, and with
+// methodNotAllowed every method but CONNECT.
 std::variant<ConnectRequest, HttpStatus> parseConnectRequest(std::string_view header);
 
 }  // namespace ostravel::companion

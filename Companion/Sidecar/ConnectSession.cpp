@@ -46,7 +46,7 @@ void ConnectSession::readHeader() {
         }
         if (error == asio::error::eof && !self->header_.empty()) {
           // It may have ended only its sending side and still read the answer.
-          self->refuse(HttpStatus::kBadRequest, "ended within the request header");
+          self->refuse(HttpStatus::badRequest, "ended within the request header");
           return;
         }
         self->close();
@@ -55,17 +55,17 @@ void ConnectSession::readHeader() {
 
 void ConnectSession::headerRead(RequestHeader::State state) {
   switch (state) {
-    case RequestHeader::State::kIncomplete:
+    case RequestHeader::State::incomplete:
       readHeader();
       break;
-    case RequestHeader::State::kComplete:
+    case RequestHeader::State::complete:
       requestRead();
       break;
-    case RequestHeader::State::kMalformed:
-      refuse(HttpStatus::kBadRequest, "a line of the request header does not end in CRLF");
+    case RequestHeader::State::malformed:
+      refuse(HttpStatus::badRequest, "a line of the request header does not end in CRLF");
       break;
-    case RequestHeader::State::kTooLong:
-      refuse(HttpStatus::kHeaderTooLarge, {});
+    case RequestHeader::State::tooLong:
+      refuse(HttpStatus::headerTooLarge, {});
       break;
   }
 }
@@ -146,7 +146,7 @@ void ConnectSession::connected() {
                         self->origin_.set_option(Socket::linger(true, 0), unused);
                         self->origin_.close(unused);
                         self->client_.close(unused);
-                        ended({.outcome = TunnelRelay::Outcome::kReset});
+                        ended({.outcome = TunnelRelay::Outcome::reset});
                         return;
                       }
                       const auto relay = std::make_shared<TunnelRelay>(
@@ -213,7 +213,7 @@ void ConnectSession::abandon() {
 
 void ConnectSession::refuseUnreachable(asio::error_code error) {
   const bool timedOut = error == asio::error::timed_out;
-  refuse(timedOut ? HttpStatus::kGatewayTimeout : HttpStatus::kBadGateway, error.message());
+  refuse(timedOut ? HttpStatus::gatewayTimeout : HttpStatus::badGateway, error.message());
 }
 
 void ConnectSession::refuse(HttpStatus status, std::string_view reason) {
@@ -289,14 +289,14 @@ void ConnectSession::endStep() {
 
 void ConnectSession::headerExpired() {
   if (header_.empty()) {
-    refuse(HttpStatus::kRequestTimeout, "no request came");
+    refuse(HttpStatus::requestTimeout, "no request came");
     return;
   }
-  refuse(HttpStatus::kRequestTimeout, "the request header did not end");
+  refuse(HttpStatus::requestTimeout, "the request header did not end");
 }
 
 void ConnectSession::lookupExpired() {
-  refuse(HttpStatus::kGatewayTimeout, "name lookup");
+  refuse(HttpStatus::gatewayTimeout, "name lookup");
 }
 
 void ConnectSession::connectExpired() {

@@ -4,17 +4,17 @@ namespace ostravel::companion {
 
 std::string_view reasonPhrase(HttpStatus status) {
   switch (status) {
-    case HttpStatus::kBadRequest:
+    case HttpStatus::badRequest:
       return "Bad Request";
-    case HttpStatus::kMethodNotAllowed:
+    case HttpStatus::methodNotAllowed:
       return "Method Not Allowed";
-    case HttpStatus::kRequestTimeout:
+    case HttpStatus::requestTimeout:
       return "Request Timeout";
-    case HttpStatus::kHeaderTooLarge:
+    case HttpStatus::headerTooLarge:
       return "Request Header Fields Too Large";
-    case HttpStatus::kBadGateway:
+    case HttpStatus::badGateway:
       return "Bad Gateway";
-    case HttpStatus::kGatewayTimeout:
+    case HttpStatus::gatewayTimeout:
       return "Gateway Timeout";
   }
   return "Unknown";
@@ -24,7 +24,7 @@ std::string refusalAnswer(HttpStatus status) {
   std::string answer = "HTTP/1.1 " + std::to_string(static_cast<int>(status)) + " ";
   answer += reasonPhrase(status);
   answer += "\r\n";
-  if (status == HttpStatus::kMethodNotAllowed) {
+  if (status == HttpStatus::methodNotAllowed) {
     answer += "Allow: CONNECT\r\n";
   }
   answer += "Content-Length: 0\r\nConnection: close\r\n\r\n";

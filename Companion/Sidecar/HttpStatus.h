@@ -7,12 +7,12 @@ namespace ostravel::companion {
 
 // The answers with which the sidecar refuses a tunnel (RFC 9110, section 15; RFC 6585 for 431).
 enum class HttpStatus {
-  kBadRequest = 400,
-  kMethodNotAllowed = 405,
-  kRequestTimeout = 408,
-  kHeaderTooLarge = 431,
-  kBadGateway = 502,
-  kGatewayTimeout = 504,
+  badRequest = 400,
+  methodNotAllowed = 405,
+  requestTimeout = 408,
+  headerTooLarge = 431,
+  badGateway = 502,
+  gatewayTimeout = 504,
 };
 
 std::string_view reasonPhrase(HttpStatus status);

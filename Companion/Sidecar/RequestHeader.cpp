@@ -16,21 +16,21 @@ RequestHeader::State RequestHeader::commit(std::size_t size) {
   for (std::size_t lineFeed = text.find('\n', unseen); lineFeed != std::string_view::npos;
        lineFeed = text.find('\n', lineFeed + 1)) {
     if (lineFeed == lineBegin_ || text[lineFeed - 1] != '\r') {
-      return State::kMalformed;
+      return State::malformed;
     }
     const bool emptyLine = lineFeed - 1 == lineBegin_;
     const bool leading = lineBegin_ == headerBegin_;
     lineBegin_ = lineFeed + 1;
     if (emptyLine && !leading) {
       headerEnd_ = lineBegin_;
-      return State::kComplete;
+      return State::complete;
     }
     if (emptyLine) {
       // Some clients leave an empty line behind the previous request (RFC 9112, section 2.2).
       headerBegin_ = lineBegin_;
     }
   }
-  return used_ == kCapacity ? State::kTooLong : State::kIncomplete;
+  return used_ == kCapacity ? State::tooLong : State::incomplete;
 }
 
 std::string_view RequestHeader::header() const {

@@ -22,15 +22,15 @@ class RequestHeader {
   static constexpr std::size_t kCapacity = 16 * 1024;
 
   enum class State {
-    kIncomplete,
-    kComplete,
-    kMalformed,  // a line that does not end in CRLF
-    kTooLong,    // no end within kCapacity
+    incomplete,
+    complete,
+    malformed,  // a line that does not end in CRLF
+    tooLong,    // no end within kCapacity
   };
 
   RequestHeader();
 
-  // Where the next bytes go; not empty while the state is kIncomplete.
+  // Where the next bytes go; not empty while the state is incomplete.
   std::span<char> space();
 
   // Takes over the first `size` bytes of `space()`. Looks at each byte once.
@@ -39,7 +39,7 @@ class RequestHeader {
   // True until a byte other than those of empty lines has come.
   bool empty() const { return used_ == headerBegin_; }
 
-  // Both only once the state is kComplete; valid as long as this object.
+  // Both only once the state is complete; valid as long as this object.
   std::string_view header() const;
   std::string_view behind() const;
 

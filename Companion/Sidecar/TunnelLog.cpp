@@ -39,10 +39,10 @@ void TunnelLog::abandoned(const ConnectRequest& request) const {
 }
 
 void TunnelLog::ended(const ConnectRequest& request, const TunnelRelay::Summary& summary) const {
-  if (verbosity_ == Verbosity::kBeginnings) {
+  if (verbosity_ == Verbosity::beginnings) {
     return;
   }
-  const bool orderly = summary.outcome == TunnelRelay::Outcome::kOrderly;
+  const bool orderly = summary.outcome == TunnelRelay::Outcome::orderly;
   write(request, std::string("ended ") + (orderly ? "orderly" : "by reset") +
                      " sent=" + std::to_string(summary.bytesToOrigin) +
                      " received=" + std::to_string(summary.bytesToClient));

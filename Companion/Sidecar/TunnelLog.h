@@ -22,7 +22,7 @@ namespace ostravel::companion {
 // Everything that came from the network is made printable first.
 class TunnelLog {
  public:
-  enum class Verbosity { kBeginnings, kBeginningsAndEnds };
+  enum class Verbosity { beginnings, beginningsAndEnds };
   using Sink = std::function<void(std::string_view line)>;
 
   TunnelLog(Verbosity verbosity, Sink sink);

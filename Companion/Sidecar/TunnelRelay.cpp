@@ -36,7 +36,7 @@ void TunnelRelay::start(std::string_view bytesForOrigin) {
     origin_.non_blocking(true, error);
   }
   if (error) {
-    end(Outcome::kReset);
+    end(Outcome::reset);
     return;
   }
   waitForBytes(toClient_);
@@ -51,7 +51,7 @@ void TunnelRelay::start(std::string_view bytesForOrigin) {
 }
 
 void TunnelRelay::pump(Direction& direction) {
-  direction.state = State::kMoving;
+  direction.state = State::moving;
   environment_->turns.run(nullptr, [self = shared_from_this(), &direction] {
     if (!self->over_) {
       self->move(direction);
@@ -98,7 +98,7 @@ bool TunnelRelay::receive(Direction& direction) {
   } else if (error == asio::error::eof) {
     finish(direction);
   } else {
-    end(Outcome::kReset);
+    end(Outcome::reset);
   }
   return false;
 }
@@ -118,7 +118,7 @@ bool TunnelRelay::send(Direction& direction) {
       return false;
     }
     if (error) {
-      end(Outcome::kReset);
+      end(Outcome::reset);
       return false;
     }
   }
@@ -126,7 +126,7 @@ bool TunnelRelay::send(Direction& direction) {
 }
 
 void TunnelRelay::waitForBytes(Direction& direction) {
-  direction.state = State::kWaitingForBytes;
+  direction.state = State::waitingForBytes;
   releaseBuffer(direction);
   direction.from.async_wait(Socket::wait_read,
                             [self = shared_from_this(), &direction](asio::error_code error) {
@@ -137,7 +137,7 @@ void TunnelRelay::waitForBytes(Direction& direction) {
 }
 
 void TunnelRelay::waitForRoom(Direction& direction) {
-  direction.state = State::kWaitingForRoom;
+  direction.state = State::waitingForRoom;
   watchForReset(direction);
   direction.to.async_wait(Socket::wait_write,
                           [self = shared_from_this(), &direction](asio::error_code error) {
@@ -159,12 +159,12 @@ void TunnelRelay::watchForReset(Direction& direction) {
         direction.watched = false;
         // A direction that reads again meets the error behind the last bytes, where it belongs.
         // It must not be asked for here: asking takes the error away.
-        if (error || self->over_ || direction.state == State::kWaitingForBytes) {
+        if (error || self->over_ || direction.state == State::waitingForBytes) {
           return;
         }
         switch (takeDisturbance(direction.from)) {
           case Disturbance::reset:
-            self->end(Outcome::kReset);
+            self->end(Outcome::reset);
             break;
           case Disturbance::urgentByte:
             self->watchForReset(direction);
@@ -177,16 +177,16 @@ void TunnelRelay::watchForReset(Direction& direction) {
 }
 
 void TunnelRelay::finish(Direction& direction) {
-  direction.state = State::kFinished;
+  direction.state = State::finished;
   releaseBuffer(direction);
   asio::error_code error;
   direction.to.shutdown(Socket::shutdown_send, error);
   if (error) {
-    end(Outcome::kReset);
+    end(Outcome::reset);
     return;
   }
-  if (toOrigin_.state == State::kFinished && toClient_.state == State::kFinished) {
-    end(Outcome::kOrderly);
+  if (toOrigin_.state == State::finished && toClient_.state == State::finished) {
+    end(Outcome::orderly);
     return;
   }
   watchForReset(direction);
@@ -202,7 +202,7 @@ void TunnelRelay::end(Outcome outcome) {
   over_ = true;
   asio::error_code ignored;
   for (Socket* socket : {&client_, &origin_}) {
-    if (outcome == Outcome::kReset) {
+    if (outcome == Outcome::reset) {
       socket->set_option(Socket::linger(true, 0), ignored);
     }
     socket->close(ignored);

@@ -35,10 +35,10 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
  public:
   using Socket = asio::ip::tcp::socket;
 
-  enum class Outcome { kOrderly, kReset };
+  enum class Outcome { orderly, reset };
 
   struct Summary {
-    Outcome outcome = Outcome::kOrderly;
+    Outcome outcome = Outcome::orderly;
     std::uint64_t bytesToOrigin = 0;
     std::uint64_t bytesToClient = 0;
   };
@@ -55,12 +55,12 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
   void start(std::string_view bytesForOrigin);
 
  private:
-  enum class State { kWaitingForBytes, kMoving, kWaitingForRoom, kFinished };
+  enum class State { waitingForBytes, moving, waitingForRoom, finished };
 
   struct Direction {
     Socket& from;
     Socket& to;
-    State state = State::kMoving;
+    State state = State::moving;
     RelayBufferPool::Buffer buffer = nullptr;
     std::size_t begin = 0;  // of the bytes in hand
     std::size_t end = 0;

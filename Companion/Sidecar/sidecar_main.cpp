@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
           return names.lookUp(target, std::move(done));
         },
         TunnelLog(
-            verbose ? TunnelLog::Verbosity::kBeginningsAndEnds : TunnelLog::Verbosity::kBeginnings,
+            verbose ? TunnelLog::Verbosity::beginningsAndEnds : TunnelLog::Verbosity::beginnings,
             [&output](std::string_view line) { output.writeLine(line); }));
     const tcp::endpoint address = proxy.address();
     output.writeLine("ostravel-sidecar listening on " +

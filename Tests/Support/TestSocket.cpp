@@ -205,10 +205,10 @@ TestSocket::End TestSocket::waitForEnd() const {
   while (true) {
     const ssize_t received = ::recv(descriptor_, bytes.data(), bytes.size(), 0);
     if (received == 0) {
-      return End::kOrderly;
+      return End::orderly;
     }
     if (received < 0 && errno == ECONNRESET) {
-      return End::kReset;
+      return End::reset;
     }
     if (received < 0) {
       fail("recv");

@@ -12,7 +12,7 @@ namespace ostravel::companion::test {
 class TestSocket {
  public:
   // How the bytes of the other side came to an end.
-  enum class End { kOrderly, kReset };
+  enum class End { orderly, reset };
 
   static TestSocket connectTcp(std::uint16_t port, const std::string& address = "127.0.0.1");
   static TestSocket connectUnix(const std::string& path);

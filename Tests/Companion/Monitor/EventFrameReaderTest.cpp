@@ -19,56 +19,56 @@ std::string lengthOf(std::uint32_t length) {
 
 TEST(EventFrameReaderTest, TakesAFrameInOnePiece) {
   EventFrameReader reader;
-  EXPECT_EQ(reader.consume(lengthOf(3) + "abc"), State::kComplete);
+  EXPECT_EQ(reader.consume(lengthOf(3) + "abc"), State::complete);
   EXPECT_EQ(reader.body(), "abc");
-  EXPECT_EQ(reader.finish(), State::kComplete);
+  EXPECT_EQ(reader.finish(), State::complete);
 }
 
 TEST(EventFrameReaderTest, TakesAFrameByteByByte) {
   EventFrameReader reader;
   const std::string bytes = lengthOf(300) + std::string(300, 'x');
   for (std::size_t index = 0; index + 1 < bytes.size(); ++index) {
-    ASSERT_EQ(reader.consume({&bytes[index], 1}), State::kIncomplete);
+    ASSERT_EQ(reader.consume({&bytes[index], 1}), State::incomplete);
   }
-  EXPECT_EQ(reader.consume("x"), State::kComplete);
+  EXPECT_EQ(reader.consume("x"), State::complete);
   EXPECT_EQ(reader.body(), std::string(300, 'x'));
 }
 
 TEST(EventFrameReaderTest, RefusesTheLengthZero) {
   EventFrameReader reader;
-  EXPECT_EQ(reader.consume(lengthOf(0)), State::kMalformed);
+  EXPECT_EQ(reader.consume(lengthOf(0)), State::malformed);
   EXPECT_EQ(reader.problem(), "the length is 0");
 }
 
 TEST(EventFrameReaderTest, TakesTheLargestBodyAndNoLarger) {
   EventFrameReader largest;
   const std::string body(EventFrameReader::kLargestBody, 'x');
-  EXPECT_EQ(largest.consume(lengthOf(EventFrameReader::kLargestBody) + body), State::kComplete);
+  EXPECT_EQ(largest.consume(lengthOf(EventFrameReader::kLargestBody) + body), State::complete);
   EventFrameReader larger;
-  EXPECT_EQ(larger.consume(lengthOf(EventFrameReader::kLargestBody + 1)), State::kMalformed);
+  EXPECT_EQ(larger.consume(lengthOf(EventFrameReader::kLargestBody + 1)), State::malformed);
   EXPECT_EQ(larger.problem(), "the length 1048577 is more than 1048576");
 }
 
 TEST(EventFrameReaderTest, RefusesAnEarlyEnd) {
   EventFrameReader inLength;
   inLength.consume(lengthOf(3).substr(0, 2));
-  EXPECT_EQ(inLength.finish(), State::kMalformed);
+  EXPECT_EQ(inLength.finish(), State::malformed);
   EXPECT_EQ(inLength.problem(), "the connection ended after 2 of 4 bytes of the length");
   EventFrameReader inBody;
   inBody.consume(lengthOf(3) + "ab");
-  EXPECT_EQ(inBody.finish(), State::kMalformed);
+  EXPECT_EQ(inBody.finish(), State::malformed);
   EXPECT_EQ(inBody.problem(), "the connection ended after 2 of 3 bytes of the body");
   EventFrameReader empty;
-  EXPECT_EQ(empty.finish(), State::kMalformed);
+  EXPECT_EQ(empty.finish(), State::malformed);
 }
 
 TEST(EventFrameReaderTest, RefusesBytesBehindTheFrame) {
   EventFrameReader together;
-  EXPECT_EQ(together.consume(lengthOf(1) + "ab"), State::kMalformed);
+  EXPECT_EQ(together.consume(lengthOf(1) + "ab"), State::malformed);
   EXPECT_EQ(together.problem(), "bytes follow the frame of 1 bytes");
   EventFrameReader later;
-  EXPECT_EQ(later.consume(lengthOf(1) + "a"), State::kComplete);
-  EXPECT_EQ(later.consume("b"), State::kMalformed);
+  EXPECT_EQ(later.consume(lengthOf(1) + "a"), State::complete);
+  EXPECT_EQ(later.consume("b"), State::malformed);
 }
 
 }  // namespace

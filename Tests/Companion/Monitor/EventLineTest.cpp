@@ -30,32 +30,32 @@ class EventLineTest : public testing::Test {
 
 TEST_F(EventLineTest, ShowsTimeLevelSignalAppAndDetailInColumns) {
   event_.details = {{"remote", "198.51.100.10:443"}};
-  EXPECT_EQ(eventLine(event_, Colour::kNone),
+  EXPECT_EQ(eventLine(event_, Colour::none),
             "05:43:35.123 info  connect_handshake_started     /usr/bin/curl              "
             "remote=198.51.100.10:443  Starting CONNECT handshake");
 }
 
 TEST_F(EventLineTest, QuotesADetailThatHasBlanks) {
   event_.details = {{"detail", "Connection reset by peer"}, {"pending_handshakes", "48"}};
-  EXPECT_NE(eventLine(event_, Colour::kNone)
+  EXPECT_NE(eventLine(event_, Colour::none)
                 .find(" detail=\"Connection reset by peer\" pending_handshakes=48  "),
             std::string::npos);
 }
 
 TEST_F(EventLineTest, KeepsTheColumnsAligned) {
-  const std::size_t column = eventLine(event_, Colour::kNone).find("Starting");
+  const std::size_t column = eventLine(event_, Colour::none).find("Starting");
   event_.level = "error";
   event_.signal = "x";
   event_.appId = "";
-  const std::string line = eventLine(event_, Colour::kNone);
+  const std::string line = eventLine(event_, Colour::none);
   EXPECT_EQ(line.find("Starting"), column);
   EXPECT_NE(line.find(" -  "), std::string::npos);
 }
 
 TEST_F(EventLineTest, ColoursOnlyTheLevel) {
   event_.level = "error";
-  const std::string plain = eventLine(event_, Colour::kNone);
-  std::string coloured = eventLine(event_, Colour::kTerminal);
+  const std::string plain = eventLine(event_, Colour::none);
+  std::string coloured = eventLine(event_, Colour::terminal);
   EXPECT_NE(coloured.find("\x1b[31merror\x1b[0m"), std::string::npos);
   coloured.erase(coloured.find("\x1b[31m"), 5);
   coloured.erase(coloured.find("\x1b[0m"), 4);
@@ -68,7 +68,7 @@ TEST_F(EventLineTest, LetsNoControlCharacterThrough) {
   event_.appId = "\r";
   event_.message = "\x07";
   event_.details = {{"\x08", "\xc2\x9b"}};
-  const std::string line = eventLine(event_, Colour::kNone);
+  const std::string line = eventLine(event_, Colour::none);
   for (const char character : line) {
     EXPECT_GE(static_cast<unsigned char>(character), 0x20);
     EXPECT_LT(static_cast<unsigned char>(character), 0x7F);

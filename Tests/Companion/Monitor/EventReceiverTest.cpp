@@ -70,7 +70,7 @@ TEST_F(EventReceiverTest, DropsAndReportsAConnectionThatStalls) {
   const TestSocket sender = connect();
   sender.send(frame(kEvent).substr(0, 100));
   EXPECT_EQ(waitForReport(0), "problem the connection stalled before its frame was complete");
-  EXPECT_NE(sender.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_NE(sender.waitForEnd(), TestSocket::End::reset);
 }
 
 TEST_F(EventReceiverTest, ShowsAnEventWhoseSenderDoesNotEnd) {

@@ -68,7 +68,7 @@ class ConnectProxyTest : public testing::Test {
   void start(const std::string& address = "127.0.0.1") {
     proxy_ = std::make_unique<ConnectProxy>(
         ioContext_, tcp::endpoint(asio::ip::make_address(address), 0), lookUp_,
-        TunnelLog(TunnelLog::Verbosity::kBeginningsAndEnds,
+        TunnelLog(TunnelLog::Verbosity::beginningsAndEnds,
                   [this](std::string_view line) { addLine(line); }),
         limits_);
     address_ = address;
@@ -290,7 +290,7 @@ TEST_F(ConnectProxyTest, PassesOnTheClientsEndAndKeepsTheOtherDirection) {
   tunnel.origin.send("still here");
   EXPECT_EQ(tunnel.client.receive(10), "still here");
   tunnel.origin.endSending();
-  EXPECT_EQ(tunnel.client.waitForEnd(), TestSocket::End::kOrderly);
+  EXPECT_EQ(tunnel.client.waitForEnd(), TestSocket::End::orderly);
 }
 
 TEST_F(ConnectProxyTest, PassesOnTheOriginsEndAndKeepsTheOtherDirection) {
@@ -303,7 +303,7 @@ TEST_F(ConnectProxyTest, PassesOnTheOriginsEndAndKeepsTheOtherDirection) {
   tunnel.client.send("still here");
   EXPECT_EQ(tunnel.origin.receive(10), "still here");
   tunnel.client.endSending();
-  EXPECT_EQ(tunnel.origin.waitForEnd(), TestSocket::End::kOrderly);
+  EXPECT_EQ(tunnel.origin.waitForEnd(), TestSocket::End::orderly);
 }
 
 TEST_F(ConnectProxyTest, LosesNothingWhenTheOriginSendsMuchAndCloses) {
@@ -324,7 +324,7 @@ TEST_F(ConnectProxyTest, PassesOnTheClientsReset) {
   const TestListener listener;
   Ends tunnel = openTunnel(listener);
   tunnel.client.reset();
-  EXPECT_EQ(tunnel.origin.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(tunnel.origin.waitForEnd(), TestSocket::End::reset);
   EXPECT_EQ(waitForLine(1), listener.target() + " app=- flow=- ended by reset sent=0 received=0");
 }
 
@@ -333,7 +333,7 @@ TEST_F(ConnectProxyTest, PassesOnTheOriginsReset) {
   const TestListener listener;
   Ends tunnel = openTunnel(listener);
   tunnel.origin.reset();
-  EXPECT_EQ(tunnel.client.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(tunnel.client.waitForEnd(), TestSocket::End::reset);
 }
 
 TEST_F(ConnectProxyTest, PassesOnAResetBehindAnEndWhileTheOriginIsSilent) {
@@ -685,7 +685,7 @@ TEST_F(ConnectProxyTest, ThrowsWhenTheAddressIsTaken) {
   const TestListener listener;
   EXPECT_THROW(
       ConnectProxy(ioContext_, tcp::endpoint(asio::ip::make_address("127.0.0.1"), listener.port()),
-                   lookUp_, TunnelLog(TunnelLog::Verbosity::kBeginnings, {})),
+                   lookUp_, TunnelLog(TunnelLog::Verbosity::beginnings, {})),
       std::system_error);
 }
 

@@ -12,7 +12,7 @@ using asio::ip::tcp;
 
 class TunnelLogTest : public testing::Test {
  protected:
-  TunnelLog log(TunnelLog::Verbosity verbosity = TunnelLog::Verbosity::kBeginnings) {
+  TunnelLog log(TunnelLog::Verbosity verbosity = TunnelLog::Verbosity::beginnings) {
     return TunnelLog(verbosity, [this](std::string_view line) { lines_.emplace_back(line); });
   }
   // What follows the time of day.
@@ -30,12 +30,12 @@ TEST_F(TunnelLogTest, NamesTimeTargetIdentifiersAndResult) {
 }
 
 TEST_F(TunnelLogTest, ShowsADashForWhatIsAbsent) {
-  log().refused({}, HttpStatus::kBadRequest, {});
+  log().refused({}, HttpStatus::badRequest, {});
   EXPECT_EQ(onlyLine(), "- app=- flow=- refused 400 Bad Request");
 }
 
 TEST_F(TunnelLogTest, TellsWhyATunnelWasRefused) {
-  log().refused({{"a", 1}, "", ""}, HttpStatus::kBadGateway, "Connection refused");
+  log().refused({{"a", 1}, "", ""}, HttpStatus::badGateway, "Connection refused");
   EXPECT_EQ(onlyLine(), "a:1 app=- flow=- refused 502 Bad Gateway: Connection refused");
 }
 
@@ -50,10 +50,10 @@ TEST_F(TunnelLogTest, MakesIdentifiersHarmless) {
 }
 
 TEST_F(TunnelLogTest, TellsOfEndsOnlyWhenAsked) {
-  const TunnelRelay::Summary summary{TunnelRelay::Outcome::kReset, 12, 34};
+  const TunnelRelay::Summary summary{TunnelRelay::Outcome::reset, 12, 34};
   log().ended({{"a", 1}, "", ""}, summary);
   EXPECT_TRUE(lines_.empty());
-  log(TunnelLog::Verbosity::kBeginningsAndEnds).ended({{"a", 1}, "", ""}, summary);
+  log(TunnelLog::Verbosity::beginningsAndEnds).ended({{"a", 1}, "", ""}, summary);
   EXPECT_EQ(onlyLine(), "a:1 app=- flow=- ended by reset sent=12 received=34");
 }
 

@@ -57,7 +57,7 @@ TEST_P(SystemBehaviourTest, AFlowIsCarriedUntilTheApplicationEnds) {
   EXPECT_EQ(flow.application.receive(4), "pong");
   flow.application.endSending();
   EXPECT_EQ(connection->receiveToEnd(), "");
-  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kOrderly);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::orderly);
   EXPECT_NE(awaitEvent("tunnel_closed").find("\"detail\":\"eof\""), std::string::npos);
 }
 
@@ -114,7 +114,7 @@ TEST_P(SystemBehaviourTest, ATakenFlowEndsAsTheSystemHasIt) {
   record->letOpeningGo();
   switch (releasedFlow()) {
     case ReleasedFlow::resets:
-      EXPECT_EQ(application.waitForEnd(), TestSocket::End::kReset);
+      EXPECT_EQ(application.waitForEnd(), TestSocket::End::reset);
       break;
     case ReleasedFlow::stays:
       standin::settleWorkers();
@@ -151,7 +151,7 @@ TEST_F(RefusedConnectionTest, OneThatDisconnectsEndsTheFlowAtOnce) {
   const BehaviourScope behaviour({.refusesConnections = true});
   const auto flow = offerTCP("192.0.2.1", 443);
   ASSERT_TRUE(flow.wasTaken);
-  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
   const auto error = closeError(flow);
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code, ECONNREFUSED);
@@ -170,7 +170,7 @@ TEST_F(RefusedConnectionTest, OneThatWaitsEndsAtTheHandshakeLimit) {
       flow.emplace(offerTCP("192.0.2.1", 443));
       return flow->wasTaken;
     }));
-    EXPECT_EQ(flow->application.waitForEnd(), TestSocket::End::kReset);
+    EXPECT_EQ(flow->application.waitForEnd(), TestSocket::End::reset);
     EXPECT_EQ(closeError(*flow),
               (platform::Error{"OstravelProxy", 1002, "Proxy CONNECT handshake timed out"}));
   }

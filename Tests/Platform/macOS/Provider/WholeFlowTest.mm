@@ -41,7 +41,7 @@ TEST_F(CompanionFlowTest, ATCPFlowIsCarriedBothWaysUntilTheApplicationEnds) {
 
   flow.application.endSending();
   EXPECT_EQ(connection.receiveToEnd(), "");
-  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kOrderly);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::orderly);
   EXPECT_EQ(flow.record->openedLocalEndpoint(), nil);
   const auto closed = awaitEvent("tunnel_closed");
   EXPECT_NE(closed.find("\"detail\":\"eof\""), std::string::npos) << closed;
@@ -173,7 +173,7 @@ TEST_F(CompanionFlowTest, AFlowThatOpensAfterTheProviderHasGoneIsReset) {
   provider_.release();
   ASSERT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
   record->letOpeningGo();
-  EXPECT_EQ(application.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(application.waitForEnd(), TestSocket::End::reset);
   EXPECT_FALSE(record->wasLeftToSystem());
   EXPECT_FALSE(record->isReadClosed());
 }
@@ -207,7 +207,7 @@ TEST_F(CompanionFlowTest, AReadErrorClosesBothSidesWithIt) {
   ASSERT_TRUE(provider_.offer(flow));
   ASSERT_TRUE(waitUntil([&] { return record->isWriteClosed(); }));
   EXPECT_EQ([record->closeReadError() code], 2);
-  EXPECT_EQ(application.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(application.waitForEnd(), TestSocket::End::reset);
 }
 
 TEST_F(CompanionFlowTest, FlowsGoOnAfterASecondStart) {
@@ -355,14 +355,14 @@ TEST_F(ScriptedProxyTest, BytesAfterTheAnswerComeFirst) {
 TEST_F(ScriptedProxyTest, ARefusalIsAnOrderlyEnd) {
   const auto flow = offerTCP("192.0.2.1", 443);
   acceptTunnel().send("HTTP/1.1 403 Forbidden\r\n\r\n");
-  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kOrderly);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::orderly);
   EXPECT_FALSE(closeError(flow));
 }
 
 TEST_F(ScriptedProxyTest, AResetDuringTheHandshakeIsTheApplicationsToo) {
   const auto flow = offerTCP("192.0.2.1", 443);
   acceptTunnel().reset();
-  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
   const auto error = closeError(flow);
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain, platform::kPOSIXErrorDomain);
@@ -372,7 +372,7 @@ TEST_F(ScriptedProxyTest, AResetDuringTheHandshakeIsTheApplicationsToo) {
 TEST_F(ScriptedProxyTest, ASilentProxyIsGivenFiveSeconds) {
   const auto flow = offerTCP("192.0.2.1", 443);
   const auto tunnel = acceptTunnel();
-  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
   EXPECT_EQ(closeError(flow),
             (platform::Error{"OstravelProxy", 1002, "Proxy CONNECT handshake timed out"}));
   tunnel.waitForEnd();
@@ -381,7 +381,7 @@ TEST_F(ScriptedProxyTest, ASilentProxyIsGivenFiveSeconds) {
 TEST_F(ScriptedProxyTest, AConnectionThatTheSystemDoesNotMakeTimesOut) {
   standin::setConnectionCreationFailure(true);
   const auto flow = offerTCP("192.0.2.1", 443);
-  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::kReset);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
   const auto error = closeError(flow);
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code, 1002);
