@@ -4,8 +4,9 @@
 #include <cstdio>
 
 #include "Base/PrintableText.h"
+#include "Base/UTF8.h"
 
-namespace ostravel::companion {
+namespace ostravel {
 namespace {
 
 void appendUnicodeEscape(std::string& result, char32_t codePoint) {
@@ -58,4 +59,4 @@ std::string compactJson(std::string_view json) {
   return result;
 }
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace ostravel::companion {
+namespace ostravel {
 
 // The same JSON value on one line, without the white space between its tokens, without the escapes
 // that "/" does not need, and with an escape for every character that could disturb a terminal.
@@ -11,4 +11,4 @@ namespace ostravel::companion {
 // printing again would not promise. `json` must be a valid JSON text (RFC 8259).
 std::string compactJson(std::string_view json);
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

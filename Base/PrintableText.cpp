@@ -4,12 +4,10 @@
 #include <cstdint>
 #include <cstdio>
 
-namespace ostravel::companion {
-namespace {
+#include "Base/UTF8.h"
 
-std::uint8_t byteAt(std::string_view text, std::size_t index) {
-  return static_cast<std::uint8_t>(text[index]);
-}
+namespace ostravel {
+namespace {
 
 void appendEscape(std::string& result, const char* format, unsigned value) {
   std::array<char, 16> escape{};
@@ -36,32 +34,6 @@ void appendControl(std::string& result, char32_t codePoint) {
 
 }  // namespace
 
-CodePoint firstCodePoint(std::string_view text) {
-  constexpr CodePoint kInvalid{0, 1, false};
-  const std::uint8_t lead = byteAt(text, 0);
-  if (lead < 0x80) {
-    return {lead, 1, true};
-  }
-  const std::size_t size = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-  if (lead < 0xC2 || lead > 0xF4 || text.size() < size) {
-    return kInvalid;
-  }
-  char32_t value = lead & (0xFFU >> (size + 1));
-  for (std::size_t index = 1; index < size; ++index) {
-    if ((byteAt(text, index) & 0xC0U) != 0x80U) {
-      return kInvalid;
-    }
-    value = (value << 6U) | (byteAt(text, index) & 0x3FU);
-  }
-  // A longer form than needed could smuggle a control character past the checks.
-  const bool overlong = (size == 3 && value < 0x800) || (size == 4 && value < 0x10000);
-  const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
-  if (overlong || surrogate || value > 0x10FFFF) {
-    return kInvalid;
-  }
-  return {value, size, true};
-}
-
 bool disturbsTerminal(char32_t codePoint) {
   const bool control = codePoint < 0x20 || (codePoint >= 0x7F && codePoint <= 0x9F);
   const bool separatesLines = codePoint == 0x2028 || codePoint == 0x2029;
@@ -77,7 +49,7 @@ std::string printableText(std::string_view text) {
   while (!text.empty()) {
     const CodePoint next = firstCodePoint(text);
     if (!next.valid) {
-      appendEscape(result, "\\x%02x", byteAt(text, 0));
+      appendEscape(result, "\\x%02x", static_cast<std::uint8_t>(text.front()));
     } else if (disturbsTerminal(next.value)) {
       appendControl(result, next.value);
     } else if (next.value == U'\\') {
@@ -106,4 +78,4 @@ std::string printableValue(std::string_view value) {
   return quoted;
 }
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -1,20 +1,9 @@
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 
-namespace ostravel::companion {
-
-// One code point taken from the front of a text that claims to be UTF-8.
-struct CodePoint {
-  char32_t value;    // meaningless when not `valid`
-  std::size_t size;  // bytes taken, at least 1
-  bool valid;        // false: these bytes are no UTF-8 (RFC 3629)
-};
-
-// `text` must not be empty.
-CodePoint firstCodePoint(std::string_view text);
+namespace ostravel {
 
 // True for what can change how a terminal shows the text around it: the C0 and C1 controls, DEL,
 // the line separators U+2028 and U+2029, and the marks that reverse the direction of writing.
@@ -28,4 +17,4 @@ std::string printableText(std::string_view text);
 // empty or has a space, a quote or an equals sign in it.
 std::string printableValue(std::string_view value);
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -3,13 +3,13 @@
 #include <string_view>
 
 #include "Base/PrintableText.h"
+#include "Base/UTF8.h"
 #include "Companion/Shared/TimeText.h"
 
 namespace ostravel::companion {
 namespace {
 
-// The longest signals that come often, and a usual application, still leave the next column
-// straight.
+// Wide enough to keep the columns aligned for frequent signals and usual applications.
 constexpr std::size_t kLevelWidth = 5;
 constexpr std::size_t kSignalWidth = 29;
 constexpr std::size_t kAppWidth = 26;
@@ -55,7 +55,7 @@ std::string eventLine(const ReceivedEvent& event, Colour colour) {
   std::string line = timeOfDay(event.timestamp) + " " + levelColumn(event, colour) + " " +
                      padded(printableText(event.signal), kSignalWidth) + " " +
                      padded(app, kAppWidth) + " ";
-  // The sentence says again what the signal says: a narrow screen had better lose that.
+  // Last, because it repeats what the signal says: a narrow screen cuts it off first.
   for (const auto& [key, value] : event.details) {
     line += printableText(key) + "=" + printableValue(value) + " ";
   }

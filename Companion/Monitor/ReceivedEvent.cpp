@@ -5,9 +5,9 @@
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <memory>
 
 #include "Base/CompactJson.h"
+#include "Base/JSONHandle.h"
 
 namespace ostravel::companion {
 namespace {
@@ -15,16 +15,11 @@ namespace {
 constexpr std::string_view kEventType = "extension_proxy_event";
 constexpr const char* kAppIdKey = "app_id";
 
-struct JsonDeleter {
-  void operator()(json_t* json) const { json_decref(json); }
-};
-using Json = std::unique_ptr<json_t, JsonDeleter>;
-
 enum class Presence { required, optional };
 
 struct Key {
   const char* name;
-  json_type type;  // JSON_REAL stands for every number
+  json_type type;  // JSON_REAL means any number
   Presence presence;
 };
 
@@ -98,10 +93,10 @@ std::string textOf(const json_t* event, const char* key) {
   return text(json_object_get(event, key));
 }
 
-// Numbers are measurements: what is behind a thousandth tells a person nothing.
+// Numbers are measurements: digits beyond a thousandth tell a person nothing.
 double rounded(double number) {
   constexpr double kThousand = 1000.0;
-  // From here on there is nothing behind a thousandth.
+  // From here on a double has no digits beyond a thousandth.
   constexpr double kLargest = 1e13;
   return std::abs(number) < kLargest ? std::round(number * kThousand) / kThousand : number;
 }
@@ -120,7 +115,7 @@ std::string numberText(const json_t* number) {
 std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body) {
   json_error_t error{};
   constexpr std::size_t kFlags = JSON_REJECT_DUPLICATES | JSON_ALLOW_NUL;
-  const Json event(json_loadb(body.data(), body.size(), kFlags, &error));
+  const JSONHandle event(json_loadb(body.data(), body.size(), kFlags, &error));
   if (!event) {
     return "not JSON: " + std::string(error.text);
   }

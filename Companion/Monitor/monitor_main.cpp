@@ -29,8 +29,8 @@ Colour colourOfOutput() {
   return wanted ? Colour::terminal : Colour::none;
 }
 
-// Of each of two buffers: a line can be longer than the largest frame, 1 MiB, because characters
-// that a terminal obeys are written as several; and thousands of usual events are some seconds of a
+// Of each of two buffers. A line can be longer than the largest frame, 1 MiB, because control
+// characters are written as escapes; and this holds thousands of usual events, a few seconds of a
 // flood.
 constexpr std::size_t kOutputCapacity = std::size_t{4} * 1024 * 1024;
 
@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
   }
 
   std::signal(SIGPIPE, SIG_IGN);
-  raiseDescriptorLimit();
+  ostravel::raiseDescriptorLimit();
 
   asio::io_context ioContext(1);
   asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
@@ -76,7 +76,7 @@ int main(int argc, char** argv) {
   QueuedOutput complaints(STDERR_FILENO, {.droppedLine = [](std::size_t count) {
                             return "ostravel-monitor: lines dropped: " + std::to_string(count);
                           }});
-  // Whatever the readers do, events are received, so that nothing waits in their sender.
+  // Events are received even when the reader has stalled, so that none waits in the sender.
   QueuedOutput output(STDOUT_FILENO, {.capacity = kOutputCapacity,
                                       // Not among the events, which a program may read.
                                       .droppedLine =
@@ -94,11 +94,12 @@ int main(int argc, char** argv) {
           output.writeLine(asJson ? event.json : eventLine(event, colour));
         },
         [&complaints](std::string_view problem) {
-          complaints.writeLine("ostravel-monitor: malformed frame: " + printableText(problem));
+          complaints.writeLine("ostravel-monitor: malformed frame: " +
+                               ostravel::printableText(problem));
         });
-    complaints.writeLine("ostravel-monitor listening on " + printableText(path));
+    complaints.writeLine("ostravel-monitor listening on " + ostravel::printableText(path));
     if (!group.empty() && !access->group) {
-      complaints.writeLine("ostravel-monitor: there is no group " + printableText(group) +
+      complaints.writeLine("ostravel-monitor: there is no group " + ostravel::printableText(group) +
                            ", so its members cannot connect");
     }
     ioContext.run();

@@ -58,13 +58,13 @@ int main(int argc, char** argv) {
   }
 
   std::signal(SIGPIPE, SIG_IGN);
-  raiseDescriptorLimit();
+  ostravel::raiseDescriptorLimit();
 
   asio::io_context ioContext(1);
   asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
   endSignals.async_wait([&ioContext](asio::error_code, int) { ioContext.stop(); });
 
-  // A log that nobody reads, or nobody reads any more, is no reason to stop or end tunnels.
+  // Tunnels go on when the log's reader has stalled or gone away.
   QueuedOutput output(STDOUT_FILENO, {.droppedLine = droppedLine});
   NameLookup names(ioContext.get_executor());
   try {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace ostravel::companion {
+namespace ostravel {
 namespace {
 
 TEST(CompactJsonTest, RemovesWhiteSpaceOnlyBetweenTokens) {
@@ -25,4 +25,4 @@ TEST(CompactJsonTest, EscapesWhatCouldDisturbATerminal) {
 }
 
 }  // namespace
-}  // namespace ostravel::companion
+}  // namespace ostravel

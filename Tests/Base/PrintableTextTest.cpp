@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace ostravel::companion {
+namespace ostravel {
 namespace {
 
 TEST(PrintableTextTest, LeavesOrdinaryTextAlone) {
@@ -44,4 +44,4 @@ TEST(PrintableTextTest, QuotesValuesWhoseEndWouldBeUnclear) {
 }
 
 }  // namespace
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "Platform/Linux/Services/Utf8.h"
+#include "Base/UTF8.h"
 
 namespace ostravel::linuxplatform {
 
@@ -19,12 +19,8 @@ void appendEscaped(std::string& line, std::string_view bytes) {
 }
 
 // The C0 and C1 controls and DEL (ISO 6429).
-bool isControl(std::string_view character) {
-  const auto first = static_cast<unsigned char>(character[0]);
-  if (character.size() == 1) {
-    return first < 0x20 || first == 0x7f;
-  }
-  return first == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0;
+bool isControl(char32_t codePoint) {
+  return codePoint < 0x20 || (codePoint >= 0x7f && codePoint < 0xa0);
 }
 
 }  // namespace
@@ -33,9 +29,9 @@ std::string printable(std::string_view text) {
   std::string line;
   line.reserve(text.size());
   while (!text.empty()) {
-    const std::size_t length = utf8CharacterLength(text);
-    const std::string_view character = text.substr(0, length == 0 ? 1 : length);
-    if (length == 0 || isControl(character)) {
+    const CodePoint next = firstCodePoint(text);
+    const std::string_view character = text.substr(0, next.size);
+    if (!next.valid || isControl(next.value)) {
       appendEscaped(line, character);
     } else {
       line += character;

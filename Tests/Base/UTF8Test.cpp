@@ -1,0 +1,38 @@
+#include "Base/UTF8.h"
+
+#include <gtest/gtest.h>
+
+#include <string_view>
+
+namespace ostravel {
+namespace {
+
+TEST(UTF8Test, TakesTheFirstCodePoint) {
+  EXPECT_EQ(firstCodePoint("abc").value, U'a');
+  EXPECT_EQ(firstCodePoint("\xc3\xa9t\xc3\xa9").value, U'\u00e9');
+  EXPECT_EQ(firstCodePoint("\xe2\x82\xac").value, U'\u20ac');
+  EXPECT_EQ(firstCodePoint("\xf0\x9f\x98\x80!").value, U'\U0001f600');
+  EXPECT_EQ(firstCodePoint(std::string_view("\0", 1)).value, U'\0');
+}
+
+TEST(UTF8Test, AcceptsTheLimitsOfTheRanges) {
+  for (const std::string_view text :
+       {"\x7f", "\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
+        "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    EXPECT_TRUE(firstCodePoint(text).valid) << text;
+    EXPECT_EQ(firstCodePoint(text).size, text.size()) << text;
+  }
+}
+
+TEST(UTF8Test, TakesOneByteOfWhatIsNotACharacter) {
+  for (const std::string_view text :
+       {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
+        "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "\xc3", "\xc3(",
+        "\xe2\x82", "\xe2\x82(", "\xf0\x9f\x98", "\xf0\x9f\x98(", "\xe2(\xac"}) {
+    EXPECT_FALSE(firstCodePoint(text).valid) << text;
+    EXPECT_EQ(firstCodePoint(text).size, 1U) << text;
+  }
+}
+
+}  // namespace
+}  // namespace ostravel
