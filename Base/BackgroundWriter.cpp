@@ -17,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Between two buffers. Short enough that nobody notices that a line is late.
+// Between two buffers. Too short for a person to notice the delay of a line.
 constexpr auto kGathering = 1ms;
 
 // An output returns at least this often while there is no room, or it is stuck.
@@ -144,7 +144,7 @@ struct BackgroundWriter::State {
   std::size_t exchanges = 0;
   std::size_t buffersWritten = 0;
   int flushers = 0;
-  // The thread sleeps and nobody has woken it.
+  // The thread sleeps and has not been woken yet.
   bool isCallNeeded = false;
   bool isEnding = false;
   bool hasEnded = false;

@@ -9,14 +9,14 @@
 
 namespace ostravel {
 
-// Takes records, such as the lines of a log, and has a thread write them, so that a reader that has
-// stalled stops nobody but that thread. Usable from any thread; records are written in the order in
-// which they came.
+// Takes records, such as the lines of a log, and has a thread write them, so that a stalled reader
+// blocks only that thread. Usable from any thread; records are written in the order in which they
+// came.
 //
 // Two buffers: one is filled while the other is written. When the first is full, records are
-// dropped until both change places; then a record that gives their number stands where they are
-// missing. Once a buffer is written, the thread pauses for a millisecond, so that many records
-// share a system call and no record pays for waking the thread.
+// dropped until the two are swapped; a record that gives their number takes their place. After each
+// buffer the thread pauses for a millisecond, so that many records share a system call and no
+// record pays for waking the thread.
 class BackgroundWriter {
  public:
   // Where the records go. Owned by the writer. Used by its thread alone, except where it says
@@ -28,13 +28,12 @@ class BackgroundWriter {
     Output& operator=(const Output&) = delete;
     virtual ~Output() = default;
 
-    // Deals with the first of the records, of which there is one at least; returns the size of what
-    // is written, or lost because it cannot be. 0 when there was no room for a moment: it is then
-    // called again. May block for ever.
+    // Writes the first of the records, of which there is at least one. Returns the size of what has
+    // been written, or is lost because it cannot be; 0 when there is no room yet: it is then called
+    // again. May block indefinitely.
     virtual std::size_t write(std::string_view records) = 0;
 
-    // The record that says how many were dropped; empty when there is to be none. Must not use this
-    // writer.
+    // The record that says how many were dropped; empty for none. Must not use this writer.
     virtual std::string dropped(std::size_t count) = 0;
 
     // As write, but never waits, and is async-signal-safe: for the signal handler of a process that
@@ -43,7 +42,7 @@ class BackgroundWriter {
   };
 
   // Of each buffer. Some five thousand lines together: seconds of the worst flood of lines, and
-  // nothing beside the memory of the process. Pages that are never used are never taken.
+  // little compared with the memory of the process. Pages that are never used cost nothing.
   static constexpr std::size_t kUsualCapacity = std::size_t{512} * 1024;
 
   // How long the destructor waits for a stalled reader.
@@ -53,9 +52,9 @@ class BackgroundWriter {
   BackgroundWriter(std::unique_ptr<Output> output, std::size_t capacity, const char* threadName);
   BackgroundWriter(const BackgroundWriter&) = delete;
   BackgroundWriter& operator=(const BackgroundWriter&) = delete;
-  // Waits until everything is written, but not longer than kFarewell. A thread that is stuck in a
-  // system call then is left behind; it writes nothing more and frees the output when it comes
-  // back.
+  // Waits until everything is written, but not longer than kFarewell. A thread that is still stuck
+  // in a system call is detached; it writes nothing more and frees the output when the call
+  // returns.
   ~BackgroundWriter();
 
   // Takes a record, or drops and counts it. Never waits for anything but a memory copy.
@@ -64,8 +63,8 @@ class BackgroundWriter {
   // Waits until everything is written that was pushed before; false when it is not by the deadline.
   [[nodiscard]] bool flush(std::chrono::steady_clock::time_point deadline);
 
-  // For the handler of a signal that ends the process, on any thread: gives the writer's thread the
-  // time that it needs as long as it gets on, then writes what is left without waiting.
+  // For the handler of a signal that ends the process, on any thread: waits for the writer's thread
+  // as long as it makes progress, then writes what is left without waiting.
   // Async-signal-safe.
   void writeInCrash() noexcept;
 

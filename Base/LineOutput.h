@@ -22,13 +22,13 @@ class LineOutput {
     int error = 0;
   };
 
-  // Waits for room, then writes the first lines, as many as go in one piece even through a pipe
-  // (PIPE_BUF bytes, pipe(7)); of a longer line, a part. Async-signal-safe. Can still block when
-  // somebody else takes the room first.
+  // Waits for room, then writes the first lines, as many as a pipe takes in one piece (PIPE_BUF
+  // bytes, pipe(7)), or a part of a longer line. Async-signal-safe. Can still block when another
+  // process takes the room first.
   Piece writePiece(std::string_view lines, std::chrono::milliseconds patience) const noexcept;
 
   // Writes all of the lines. Fails with timed_out when there is no room for longer than patience,
-  // and with what the system says.
+  // or with the system's error.
   std::error_code writeAll(std::string_view lines, std::chrono::milliseconds patience) const;
 
  private:

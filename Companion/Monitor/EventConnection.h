@@ -18,12 +18,12 @@ namespace ostravel::companion {
 struct EventLimits {
   // For the whole frame: a sender has it at hand and writes it at once.
   std::chrono::milliseconds frame = std::chrono::seconds(10);
-  // For the end of the stream behind a whole frame. A sender that does not end still has its event
-  // shown soon, one that adds bytes is still found out.
+  // For the end of the stream after a whole frame. The event of a sender that does not end is still
+  // shown soon, and one that adds bytes is still detected.
   std::chrono::milliseconds end = std::chrono::milliseconds(250);
 };
 
-// Where the events and the complaints go. Outlives the io_context's run.
+// Where the events and the reports of malformed frames go. Outlives the io_context's run.
 struct EventSinks {
   std::function<void(const ReceivedEvent&)> event;
   std::function<void(std::string_view problem)> malformed;

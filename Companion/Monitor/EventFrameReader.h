@@ -14,7 +14,7 @@ namespace ostravel::companion {
 // Owned by the connection. Not responsible for what the body says: that is ReceivedEvent.
 class EventFrameReader {
  public:
-  // No event comes near it; it is what one connection can make us hold.
+  // Far more than any event has; bounds the memory that one connection can claim.
   static constexpr std::uint32_t kLargestBody = 1024 * 1024;
 
   enum class State {

@@ -47,7 +47,7 @@ int connectSocket(int descriptor, const std::string& path) {
   return ::connect(descriptor, generic, sizeof(address)) == 0 ? 0 : errno;
 }
 
-// Whether a process has the socket, be it listening yet or not. A stream socket refuses a datagram
+// Whether a process has the socket, listening or not yet. A stream socket refuses a datagram
 // socket for its type, and does not learn that it was asked (unix_find_other in net/unix/af_unix.c
 // of Linux).
 bool isInUse(const std::string& path) {
@@ -118,7 +118,7 @@ void EventSocket::removeStaleSocket() const {
 void EventSocket::bindAndListen(const SocketAccess& access) {
   const sockaddr_un address = addressOf(path_);
   descriptor_ = openSocket(SOCK_STREAM);
-  // The name gets the mode of its socket, so nobody else has access at any moment.
+  // The name inherits the mode of its socket, so no other user has access at any time.
   if (::fchmod(descriptor_.get(), 0600) != 0 ||
       ::bind(descriptor_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) !=
           0) {

@@ -11,11 +11,11 @@
 
 namespace ostravel::companion {
 
-// The listening socket of the monitor and its name in the file system. Owned by main; removes the
-// name when it goes, if the name is still this socket's.
+// The listening socket of the monitor and its name in the file system. Owned by main. Its
+// destructor removes the name if it is still this socket's.
 class EventSocket {
  public:
-  // What `sun_path` holds on every system we know, its terminating zero taken off (unix(7)).
+  // What `sun_path` holds on every system, without its terminating zero (unix(7)).
   static constexpr std::size_t kLongestPath = 103;
 
   // Listens on `path`. Replaces a socket of ours that no process has any more, and nothing else;

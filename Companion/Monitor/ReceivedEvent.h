@@ -20,7 +20,7 @@ struct ReceivedEvent {
   std::string json;  // the whole event, compact and safe to print
 };
 
-// Reads the body of a frame: one JSON object with nothing behind it and no key twice, with all
+// Reads the body of a frame: one JSON object with nothing after it and no duplicate key, with all
 // required keys, each of its type. Keys it does not know are left alone, so that a newer extension
 // can be watched with an older monitor. A text may hold any character, a key any but U+0000.
 // The string says what is wrong.

@@ -6,9 +6,9 @@
 
 namespace ostravel::companion {
 
-// Keeps other monitors of the same user from setting up a socket at the same path meanwhile: a file
-// beside it, locked with flock(2) and removed with this object. A file that a monitor left when it
-// was killed is not locked any more and hinders nobody.
+// Keeps other monitors of the same user from setting up a socket at the same path at the same time:
+// a file beside the socket, locked with flock(2) and removed with this object. A file left by a
+// monitor that was killed is no longer locked, and is taken over.
 class SocketLock {
  public:
   // Does not wait. Throws std::runtime_error with a readable reason.

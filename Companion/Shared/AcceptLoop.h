@@ -10,8 +10,9 @@ namespace ostravel::companion {
 // Accepts connections from a listening socket, one after the other, for as long as the io_context
 // runs. Owned by the server it accepts for; must outlive the run.
 //
-// When descriptors run out, accepting fails at once and again and again while the connection stays
-// in the queue. The loop then pauses until a descriptor is freed or a moment has passed.
+// When descriptors run out, accepting fails at once, and would fail again and again while the
+// connection stays in the backlog. The loop then pauses until a descriptor is freed or
+// kLongestPause has passed.
 template <typename Protocol>
 class AcceptLoop {
  public:
@@ -46,8 +47,7 @@ class AcceptLoop {
   Acceptor& acceptor() { return acceptor_; }
 
  private:
-  // Descriptors are also freed where we are not told: by other programs, when the system's table
-  // was full.
+  // Other programs free descriptors too when the system's table is full, without notice.
   static constexpr std::chrono::milliseconds kLongestPause{100};
 
   void pause() {

@@ -9,7 +9,7 @@ namespace ostravel::companion {
 
 using namespace std::chrono_literals;
 
-// Also used by a writing thread that was left behind.
+// Also used by a stuck writing thread that has been detached.
 struct QueuedOutput::Status {
   std::atomic<int> error = 0;
 };

@@ -12,9 +12,9 @@
 
 namespace ostravel::companion {
 
-// Standard output or error of a companion: whole lines, each written at once, so that a reader
-// along a pipe sees it immediately. A reader that has stalled never holds up the program: lines
-// wait in a bounded buffer, and beyond it they are dropped and counted. Owned by the main function.
+// Standard output or error of a companion: whole lines, each written at once, so that a reader of a
+// pipe sees it immediately. A stalled reader never blocks the program: lines wait in a bounded
+// buffer; when it is full, they are dropped and counted. Owned by the main function.
 // The program must ignore SIGPIPE and leave by _exit(2), as the writing thread can be stuck.
 class QueuedOutput {
  public:

@@ -19,9 +19,9 @@ namespace ostravel::companion {
 
 // How long the parts of establishing a tunnel may take. Tests shorten them.
 struct SessionLimits {
-  // A client that has connected has its request at hand; one that has not is broken or hostile.
+  // Clients send their request as soon as they have connected; others are broken or hostile.
   std::chrono::milliseconds header = std::chrono::seconds(10);
-  // Name servers that do not answer have cost their share of it by then, see ResolverSettings.
+  // Long enough to ask several name servers that do not answer, see ResolverSettings.
   std::chrono::milliseconds lookup = std::chrono::seconds(10);
   // For each address: several may have to be tried while the client waits.
   std::chrono::milliseconds connect = std::chrono::seconds(10);
@@ -29,7 +29,7 @@ struct SessionLimits {
   std::chrono::milliseconds linger = std::chrono::seconds(5);
 };
 
-// What a session needs of its surroundings. Outlives the io_context's run.
+// What all sessions share. Outlives the io_context's run.
 struct SessionEnvironment {
   std::function<std::shared_ptr<PendingLookup>(const HostPort&, LookupDone)> lookUp;
   TunnelLog log;
@@ -84,7 +84,7 @@ class ConnectSession : public std::enable_shared_from_this<ConnectSession> {
   unsigned step_ = 0;
   RequestHeader header_;
   ConnectRequest request_;
-  // Looking up or connecting: nobody reads the client meanwhile.
+  // Looking up or connecting: the client is watched but not read.
   bool isEstablishing_ = false;
   std::shared_ptr<PendingLookup> lookup_;
   LookupResult endpoints_;

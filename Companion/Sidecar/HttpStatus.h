@@ -17,7 +17,7 @@ enum class HttpStatus {
 
 std::string_view reasonPhrase(HttpStatus status);
 
-// The whole answer that refuses a request and announces that the connection ends behind it.
+// The whole answer that refuses a request and announces that the connection ends after it.
 std::string refusalAnswer(HttpStatus status);
 
 }  // namespace ostravel::companion

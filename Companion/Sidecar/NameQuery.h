@@ -14,9 +14,9 @@
 
 namespace ostravel::companion {
 
-// The lookup of one name, on a resolver channel of its own (ares_init_options(3)), so that
-// destroying it cancels this lookup and no other, and so that changes of the system's resolver
-// configuration take effect with the next name.
+// The lookup of one name. Each has its own resolver channel (ares_init_options(3)): destroying it
+// cancels no other lookup, and a change of the system's resolver configuration applies to the next
+// name.
 //
 // Owned by the caller of NameLookup through its PendingLookup. One thread; handlers on the executor
 // hold it weakly.

@@ -26,7 +26,7 @@ RequestHeader::State RequestHeader::commit(std::size_t size) {
       return State::complete;
     }
     if (emptyLine) {
-      // Some clients leave an empty line behind the previous request (RFC 9112, section 2.2).
+      // Some clients send an empty line after the previous request (RFC 9112, section 2.2).
       headerBegin_ = lineBegin_;
     }
   }

@@ -17,8 +17,8 @@ namespace ostravel::companion {
 // Not responsible for what the lines say: that is parseConnectRequest.
 class RequestHeader {
  public:
-  // Header and whatever came in the same reads. Real requests stay far below; the limit is what
-  // one client that never ends its header can make us hold.
+  // For the header and the bytes read together with it. Real requests need far less; this bounds
+  // the memory of a client that never ends its header.
   static constexpr std::size_t kCapacity = 16 * 1024;
 
   enum class State {

@@ -64,8 +64,7 @@ void TunnelRelay::move(Direction& direction) {
     if (direction.begin == direction.end && !receive(direction)) {
       return;
     }
-    // A read that did not fill the buffer has emptied the socket: asking again would only be told
-    // to wait.
+    // A read that did not fill the buffer has emptied the socket: another one would block.
     const bool emptied = direction.end < RelayBufferPool::kBufferSize;
     if (!send(direction)) {
       return;
@@ -147,8 +146,8 @@ void TunnelRelay::waitForRoom(Direction& direction) {
                           });
 }
 
-// While a direction does not read, nobody would learn that its sender has been reset: a tunnel
-// whose other side is silent would stay for ever.
+// A direction that does not read would miss a reset of its sender: a tunnel whose other side is
+// silent would never end.
 void TunnelRelay::watchForReset(Direction& direction) {
   if (direction.watched) {
     return;
@@ -157,8 +156,8 @@ void TunnelRelay::watchForReset(Direction& direction) {
   direction.from.async_wait(
       Socket::wait_error, [self = shared_from_this(), &direction](asio::error_code error) {
         direction.watched = false;
-        // A direction that reads again meets the error behind the last bytes, where it belongs.
-        // It must not be asked for here: asking takes the error away.
+        // A direction that reads again gets the error after the last bytes, where it belongs. Do
+        // not query it here: that would clear it.
         if (error || self->over_ || direction.state == State::waitingForBytes) {
           return;
         }

@@ -9,8 +9,8 @@
 
 namespace ostravel::companion::test {
 
-// A program under test, with its output at hand. Ends with this object at the latest. Every
-// operation that waits throws std::runtime_error when nothing happens for a long time.
+// A program under test and its output. Killed with this object at the latest. Every operation that
+// waits throws std::runtime_error when nothing happens for a long time.
 class ChildProcess {
  public:
   struct Options {

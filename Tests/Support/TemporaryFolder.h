@@ -7,7 +7,7 @@
 
 namespace ostravel::companion::test {
 
-// A folder of its own for each test; gone with this object. Its path is short enough for a socket.
+// A new folder, removed with this object. Its path is short enough for a socket.
 class TemporaryFolder {
  public:
   TemporaryFolder() {

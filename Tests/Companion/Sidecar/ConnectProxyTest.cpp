@@ -49,7 +49,7 @@ std::string pattern(std::size_t size) {
   return bytes;
 }
 
-// A proxy on a thread of its own.
+// A proxy on its own thread.
 class ConnectProxyTest : public testing::Test {
  protected:
   ~ConnectProxyTest() override {

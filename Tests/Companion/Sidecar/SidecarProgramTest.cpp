@@ -294,7 +294,7 @@ TEST(SidecarProgramTest, WaitsWithoutSpinningWhileItHasNoDescriptors) {
   EXPECT_LT(sidecar.processorTicks() - before, ::sysconf(_SC_CLK_TCK) / 4);
 
   idle.clear();
-  // It may still be told that no descriptor is left for its origin, but it is served now.
+  // It is served now, perhaps with a refusal because no descriptor is left for its origin.
   EXPECT_TRUE(waiting.receiveThrough("\r\n\r\n").starts_with("HTTP/1.1 "));
   bool established = false;
   for (int attempt = 0; attempt < 100 && !established; ++attempt) {

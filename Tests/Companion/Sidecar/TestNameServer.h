@@ -17,7 +17,7 @@ namespace ostravel::companion::test {
 //   silent...    no answer
 //   other names  do not exist
 //
-// Answers from a thread of its own.
+// Answers from its own thread.
 class TestNameServer {
  public:
   TestNameServer();
