@@ -53,7 +53,7 @@ bool AliveKeeper::keepAlive() {
       return true;
     }
     logFailure(error->localizedDescription);
-    // Whatever is left of it: the kernel lets nobody install a second one of the same name.
+    // Remove the remains first: the kernel rejects a second table of the same name.
     table_.reset();
   }
   return reinstall();

@@ -12,45 +12,46 @@
 
 namespace ostravel::linuxplatform {
 
-// The dead man's switch: refreshes the interception table with every heartbeat, and never
-// otherwise. When a thread that flows need hangs, or this one, packets stop being offered within
-// the table's time-out. A thread of its own, because the kernel may make it wait for other users of
-// nf_tables, and the heartbeat must not wait.
+// The dead man's switch: refreshes the interception table on every heartbeat, and only then. When
+// this thread or one that flows depend on hangs, packets stop being offered within the table's
+// time-out. It has its own thread because the kernel may block it behind other users of nf_tables,
+// and the heartbeat must not block.
 //
-// When the table cannot be refreshed, it is removed and installed again, at every beat until that
-// succeeds; meanwhile nothing is offered.
+// If the table cannot be refreshed, it is removed and reinstalled; this is retried on every beat,
+// and nothing is offered until it succeeds.
 class AliveKeeper {
  public:
-  // Installs the table with the arguments that it had at first. Runs on the keeper's thread.
+  // Reinstalls the table with its original arguments. Runs on the keeper's thread.
   using Install = std::function<platform::Result<std::unique_ptr<InterceptionTable>>()>;
 
-  // Owns the table; onRefreshed, which may be empty, runs on the keeper's thread.
+  // Takes ownership of the table; onRefreshed, which may be empty, runs on the keeper's thread.
   AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,
               std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed);
   AliveKeeper(const AliveKeeper&) = delete;
   AliveKeeper& operator=(const AliveKeeper&) = delete;
-  // Removes the table, if that has not been done.
+  // Removes the table unless removeTable() already has.
   ~AliveKeeper();
 
-  // Called with every heartbeat, from any thread; returns at once.
+  // Called on every heartbeat, from any thread; does not block.
   void beat() { beats_.signal(); }
 
-  // Ends the keeping and removes the table. Called once, by whoever destroys the keeper later.
+  // Stops refreshing and removes the table. Called once, by the thread that later destroys the
+  // keeper.
   void removeTable();
 
  private:
   void run();
-  // Whether packets are offered for another while.
+  // False if packets are no longer offered.
   bool keepAlive();
   bool reinstall();
-  // One line for every failure that is not like the last.
+  // Logs a failure unless it repeats the previous one.
   void logFailure(std::string description);
 
   std::unique_ptr<InterceptionTable> table_;
   const Install install_;
   const std::shared_ptr<platform::Log> log_;
   const std::function<void()> onRefreshed_;
-  // Empty while the table is there.
+  // Empty while the table is installed.
   std::string lastFailure_;
   EventDescriptor beats_;
   EventDescriptor stop_;

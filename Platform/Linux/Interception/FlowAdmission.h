@@ -10,17 +10,17 @@
 
 namespace ostravel::linuxplatform {
 
-// Whether one more TCP flow of a user may be held and offered, as far as what the user's flows are
-// using already goes. What is not admitted is left to the system, so that nobody's connections fail
-// or wait because of somebody else's.
+// Decides whether one more TCP flow of a user may be held and offered, given what that user's flows
+// already use. Flows that are not admitted are left to the system, so that no user's connections
+// fail or wait because of another's.
 class FlowAdmission {
  public:
-  // Half of the handshakes that may be pending: one user never exhausts what all of them share.
+  // Half of the pending handshakes: no single user can exhaust the shared limit.
   static constexpr std::size_t kHeldFlowsPerUser = platform::limits::kMaxPendingHandshakes / 2;
   // A tunnel needs two sockets.
   static constexpr std::size_t kDescriptorsPerTunnel = 2;
 
-  // Absent: it may be offered.
+  // Empty if the flow may be offered.
   static std::optional<LeaveReason> reasonAgainst(UserShare& share,
                                                   const DescriptorBudget& descriptors,
                                                   UserShare::Clock::time_point now) {
@@ -30,7 +30,7 @@ class FlowAdmission {
     if (share.isOnTrial() && (share.held() > 0 || !share.mayBeTried(now))) {
       return LeaveReason::onTrial;
     }
-    // Those that are held have not got their sockets yet.
+    // Held flows have not opened their sockets yet.
     const std::size_t wanted = (share.held() + 1) * kDescriptorsPerTunnel;
     if (!descriptors.isWithinShare(share, wanted)) {
       return LeaveReason::descriptorShare;

@@ -12,28 +12,28 @@
 
 namespace ostravel::linuxplatform {
 
-// The first packets that wait for a verdict, oldest first. Used by the verdict thread only; the
-// verdicts are given elsewhere.
+// First packets awaiting a verdict, oldest first. Used by the verdict thread only; the verdicts are
+// given elsewhere.
 class HeldFlows {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
 
-  // A second longer than a handshake may take: a verdict that is not given by then never comes.
+  // One second longer than a handshake may take: a verdict that is later than that never comes.
   static constexpr std::chrono::seconds kLongestHold{6};
 
-  // process: the sender, if it is known.
+  // process: the sender, if known.
   void add(const std::shared_ptr<QueuedPacket::State>& packet, const FlowTuple& tuple,
            std::optional<pid_t> process, TimePoint now);
 
-  // Whether another process is being held on its way to the same destination.
+  // True if a packet of another process to the same destination is held.
   bool isOtherHeldFor(const SocketEndpoint& destination, std::optional<pid_t> process) const;
 
-  // Whether the process seems to send on what it is asked for by way of us: it is being held twice
-  // on its way to this destination, and somebody else is as well. A proxy that has begun to hand
-  // its requests to another program looks like this.
+  // True if the process appears to forward the requests that it receives from us: two of its
+  // packets to this destination are held, and one of another process is as well. This is what a
+  // proxy looks like that has started to hand its requests to another program.
   bool isLoopLikely(const SocketEndpoint& destination, std::optional<pid_t> process) const;
 
-  // Lets those go that have been held for too long; how many there were.
+  // Releases packets that have been held for too long; returns how many there were.
   std::size_t releaseOld(TimePoint now);
   void releaseAll();
 
@@ -50,7 +50,7 @@ class HeldFlows {
   static bool isHeldFor(const Entry& entry, const SocketEndpoint& destination);
   void forgetDecided();
 
-  // Those in front are forgotten when they are decided; others stay until they are in front.
+  // Decided entries are removed only at the front; others stay until they get there.
   std::deque<Entry> entries_;
 };
 

@@ -42,17 +42,17 @@ constexpr const char* kRedirectChain = "redirect";
 
 constexpr std::uint32_t kTableOwnerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than some headers
 
-// The refusal looks at the mark that the verdict has just set, and a mark set before the nat hook
-// is seen there.
+// The refuse chain tests the mark that the verdict has just set, so it must follow the offer chain;
+// a mark set before the nat hook is visible there.
 constexpr std::int32_t kOfferPriority = NF_IP_PRI_MANGLE;
 constexpr std::int32_t kRefusePriority = NF_IP_PRI_MANGLE + 1;
 constexpr std::int32_t kDivertPriority = NF_IP_PRI_NAT_DST;
 
-// What nft(8) shows as types inet_proto and uid.
+// nft(8) calls these types inet_proto and uid.
 constexpr std::uint32_t kTypeInetProtocol = 12;
 constexpr std::uint32_t kTypeUser = 24;
 
-// A change that the kernel may refuse and that is left out then.
+// The kernel may reject this change; the table is then installed without it.
 constexpr const char* kRateSetChange = "set of rates";
 constexpr const char* kRateRuleChange = "rate rule";
 constexpr const char* kQueueRuleChange = "queue rule";
@@ -82,7 +82,7 @@ void addChain(NetfilterBatch& batch, const char* name, const char* type, std::in
             [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
 }
 
-// A chain that packets reach by a jump.
+// A chain without a hook, reached only by a jump.
 void addChain(NetfilterBatch& batch, const char* name) {
   const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
   ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
@@ -107,7 +107,7 @@ void addAliveSet(NetfilterBatch& batch) {
             [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
 
-// Users leave it some seconds after their last packet.
+// Users expire from it a few seconds after their last packet.
 void addRatesSet(NetfilterBatch& batch) {
   constexpr std::uint32_t kSetId = 2;
   constexpr std::uint32_t kUsers = 65'535;
@@ -126,7 +126,7 @@ void addRatesSet(NetfilterBatch& batch) {
             [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
 
-// One set of the alive set's name without elements stands for all of its elements.
+// A set without elements, named like the alive set, is enough to delete from and add to that set.
 SetHandle makeAliveReference() {
   SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
@@ -238,7 +238,7 @@ Result<Selection> translate(const TransparentProxyNetworkSettings& settings) {
   return selection;
 }
 
-// What most packets are comes first.
+// Most packets do not start a flow; test for those first.
 void addRulesForLaterPackets(NetfilterBatch& batch, const char* chain) {
   addRule(batch, "tcp rule", NetfilterRule(kTable, chain).notFirstOfTCP().accept());
   addRule(
@@ -246,8 +246,8 @@ void addRulesForLaterPackets(NetfilterBatch& batch, const char* chain) {
       NetfilterRule(kTable, chain).protocol(TransportProtocol::udp).notNewConnection().accept());
 }
 
-// A relay has no interface of its own to reach a link's destinations by, and nobody connects to a
-// group.
+// A relay is not bound to an interface, so it cannot reach link-local destinations, and nobody
+// connects to a multicast group.
 void addRulesForDestinationsWithoutRoute(NetfilterBatch& batch, const char* chain) {
   struct Network {
     SocketEndpoint address;
@@ -266,8 +266,8 @@ void addRulesForDestinationsWithoutRoute(NetfilterBatch& batch, const char* chai
   }
 }
 
-// First packets of the flows that the settings select; every other packet leaves the chain.
-// finish(NetfilterRule, protocol) completes the rule that such a packet has passed.
+// Matches first packets of the flows that the settings select; all others leave the chain.
+// finish(NetfilterRule, protocol) completes the rule for the packets that match.
 template <typename Finish>
 void addSelection(NetfilterBatch& batch, const char* chain, const std::string& change,
                   const Selection& selection, Finish finish) {
@@ -284,12 +284,12 @@ void addSelection(NetfilterBatch& batch, const char* chain, const std::string& c
 
 void addOfferRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks) {
   addRulesForLaterPackets(batch, kOfferChain);
-  // Our own packets, and those of somebody who uses our bits for something else.
+  // Our own packets, and those of programs that use our mark bits for something else.
   addRule(batch, "mark rule",
           NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
   addRule(batch, "set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
-  // A repeated SYN, which had its verdict. Once there was an answer, of an earlier connection that
-  // had the same addresses and ports, a SYN begins a new connection.
+  // A retransmitted SYN, which already had its verdict. After a reply, which then belongs to an
+  // earlier connection with the same addresses and ports, a SYN starts a new connection.
   addRule(batch, "conntrack rule",
           NetfilterRule(kTable, kOfferChain)
               .protocol(TransportProtocol::tcp)
@@ -385,7 +385,7 @@ Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
   if (!socket) {
     return explain({"", errno});
   }
-  // What some kernels lack.
+  // Some kernels lack the queue expression.
   bool hasQueueExpression = true;
   bool canLimitRates = true;
   while (true) {
@@ -426,8 +426,8 @@ Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
 }
 
 OptionalError InterceptionTable::refreshAlive() {
-  // An element that is there keeps its old time-out, on most kernels; so it is taken out and put
-  // in anew, both at once.
+  // On most kernels, adding an existing element does not restart its time-out, so it is deleted and
+  // added in one batch.
   NetfilterBatch batch;
   removeAliveElements(batch);
   addAliveElements(batch);

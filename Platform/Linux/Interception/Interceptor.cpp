@@ -22,12 +22,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// So that one late beat does not matter.
+// Tolerates one late beat.
 static_assert(Heartbeat::kInterval * 4 <= InterceptionTable::kAliveTimeout);
-// Packets taken in one go before the next ping is answered.
+// Packets read before the next ping is answered.
 constexpr int kMaximumBurst = 64;
 constexpr auto kLongestBurst = 100ms;
-// The flows of a busy desktop over the longest time that one is remembered.
+// The flows of a busy desktop within the longest lifetime of an entry.
 constexpr std::size_t kRememberedFlows = 8192;
 
 std::vector<InterceptionTable::ListenerPorts> listenerPorts(EventLoopGroup& loops) {
@@ -57,7 +57,7 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
     const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
     const Environment& environment, FlowHandler handler) {
   EventLoopGroup& loops = environment.loops;
-  // The table comes last: nothing is offered before somebody can decide.
+  // The table comes last: nothing may be offered before there is a thread to decide.
   auto identifiers = std::make_unique<ApplicationIdentifierSource>(
       platform::limits::kProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
@@ -106,7 +106,7 @@ Interceptor::Interceptor(Parts parts)
 
 Interceptor::~Interceptor() {
   redirects_->stop();
-  // Rules first, so that nothing new is held by a queue that nobody reads any more.
+  // Rules first, so that no new packet enters a queue that is no longer read.
   aliveKeeper_->removeTable();
   stop_.signal();
   thread_.join();
@@ -150,7 +150,7 @@ void Interceptor::run() {
     if (waited[0].revents != 0) {
       break;
     }
-    // Before the packets, so that they hold for every flow that begins after it was said so.
+    // Before the packets, so that every flow that starts after the change sees it.
     if (waited[1].revents != 0) {
       takeRegistrations();
     }
@@ -159,7 +159,7 @@ void Interceptor::run() {
     }
     queue_->retryUnsent();
     if (ping_.consume()) {
-      tendHeldFlows();
+      maintainHeldFlows();
       if (const auto news = identifiers_->watchProxy()) {
         log_->info("OstravelProxy: %{public}s", {*news});
       }
@@ -172,7 +172,7 @@ void Interceptor::run() {
 void Interceptor::receive() {
   const auto begin = std::chrono::steady_clock::now();
   for (int count = 0; count < kMaximumBurst; ++count) {
-    // Searches that are slow one after the other must not make the thread seem dead.
+    // A series of slow searches must not make the thread appear hung.
     if (std::chrono::steady_clock::now() - begin > kLongestBurst) {
       return;
     }
@@ -182,7 +182,7 @@ void Interceptor::receive() {
   }
 }
 
-void Interceptor::tendHeldFlows() {
+void Interceptor::maintainHeldFlows() {
   const auto now = std::chrono::steady_clock::now();
   if (const auto count = heldFlows_.releaseOld(now); count > 0) {
     log_->error("OstravelProxy: Packets held for too long were let go count=%{public}d",
@@ -199,7 +199,7 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
     return;
   }
   const FlowTuple& tuple = first->tuple;
-  // The cheap questions first, so that a flood is not identified packet by packet.
+  // Cheap tests first, so that a flood is not identified packet by packet.
   auto share = shares_.of(packet.uid);
   if (const auto reason = reasonToLeave(tuple, packet, *share, now)) {
     leaveToSystem(packet, *first, *reason);
@@ -213,20 +213,20 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   const auto held =
       std::make_shared<QueuedPacket::State>(queue_, loops_.marks(), packet.id, packet.mark, share);
   heldFlows_.add(held, tuple, identification.process, now);
-  // The proxy's own flows follow from those of others.
+  // The proxy's own flows are caused by those of applications.
   if (identification.identifier != ApplicationIdentifierSource::kProxyIdentifier) {
     shares_.noteActivity(*share, now);
   }
   const bool isTCP = tuple.protocol == TransportProtocol::tcp;
-  // The proxy decides about TCP flows only; UDP is refused by ourselves.
+  // The proxy decides about TCP flows only; UDP is refused locally.
   auto heldPacket =
       std::make_unique<QueuedPacket>(held, isTCP ? identification.proxy : std::nullopt);
   const auto flow =
       makeFlow(tuple, std::move(identification), std::move(heldPacket), std::move(share));
   const bool isTaken = handler_(flow);
-  // A flow that is not taken lets its packet go when it is destroyed, at the end of this scope. A
-  // UDP flow is taken to be refused, and every further datagram of it is refused anew. A TCP flow
-  // that is given back later must not be offered again.
+  // A flow that the handler does not take releases its packet when destroyed at the end of this
+  // scope. A UDP flow is taken in order to be refused, and so is each further datagram of it. A TCP
+  // flow that was not taken must not be offered again.
   if (!isTaken || isTCP) {
     recentFlows_.remember(*first, now);
   }
@@ -236,7 +236,7 @@ void Interceptor::leaveToSystem(const PacketQueue::Packet& packet, const FirstPa
                                 LeaveReason reason) {
   queue_->accept(packet.id);
   leftFlows_.add(reason, packet.uid);
-  // The next datagram may be judged differently; it is not part of a connection.
+  // A datagram is not part of a connection, so the next one may be judged differently.
   if (first.tuple.protocol == TransportProtocol::tcp) {
     recentFlows_.remember(first, std::chrono::steady_clock::now());
   }
@@ -256,17 +256,17 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
     return LeaveReason::redirectPath;
   }
   if (tuple.protocol == TransportProtocol::udp) {
-    // Tunnels of the kernel's own, which TCP could not replace.
+    // Tunnels of the kernel itself, which TCP could not replace.
     if (!packet.uid) {
       return LeaveReason::kernelSocket;
     }
-    // To refuse QUIC makes sense only where TCP is proxied.
+    // Refusing QUIC makes sense only where TCP is proxied.
     return share.isOnTrial() ? std::optional(LeaveReason::onTrial) : std::nullopt;
   }
   if (const auto reason = FlowAdmission::reasonAgainst(share, descriptors_, now)) {
     return reason;
   }
-  // Serving one user's flood would make the others wait; alone a user may have everything.
+  // One user's flood would delay the others; a user that is alone may have everything.
   if (share.exceedsRate(now) && shares_.isOtherActive(share, now)) {
     return LeaveReason::offerShare;
   }
@@ -278,7 +278,7 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   if (identification.leaveReason) {
     return identification.leaveReason;
   }
-  // A packet of a tunnel may belong to the socket of what it carries, and comes from none itself.
+  // A tunnel's packet may carry the socket of its inner packet, and has no socket itself.
   if (tuple.protocol == TransportProtocol::udp && !identification.user) {
     return LeaveReason::kernelSocket;
   }
@@ -298,7 +298,7 @@ std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(const FlowTuple& t
     return std::make_shared<LinuxUDPFlow>(tuple, std::move(identification.identifier),
                                           std::move(packet));
   }
-  // Host names that belong to the address come in here once DNS answers are observed.
+  // Host names of the address belong here once DNS answers are observed.
   platform::HostEndpoint remote{tuple.destination.addressText(),
                                 std::to_string(tuple.destination.port)};
   EventLoop& loop = loops_.loop(nextLoop_++ % loops_.size());
@@ -307,7 +307,7 @@ std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(const FlowTuple& t
 }
 
 bool Interceptor::hasListenerFor(AddressFamily family) const {
-  // All loops have the same: either the namespace has the family's loopback address or not.
+  // The same for all loops: the namespace either has the family's loopback address or not.
   const FlowListener& listener = loops_.loop(0).listener();
   return (family == AddressFamily::ipv4 ? listener.ipv4Port() : listener.ipv6Port()) != 0;
 }

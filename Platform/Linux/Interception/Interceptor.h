@@ -32,32 +32,32 @@
 
 namespace ostravel::linuxplatform {
 
-// Kernel interception as long as it exists: receives the first packet of every flow that the
-// network settings select, finds out whose it is, and offers the flow. A flow that is not taken is
-// accepted unchanged, so that the kernel carries it and nothing of it is ever in this process.
+// Kernel interception for the lifetime of the object: receives the first packet of every flow that
+// the network settings select, identifies its application, and offers the flow. A flow that is not
+// taken is accepted unchanged: the kernel carries it, and none of its data enters this process.
 //
-// The verdict thread does bounded work only and shares no lock with the event loops. Whatever goes
-// wrong, flows are left to the system, and so are those of a user who has more of them on the way
-// than its share. Started and stopped by the provider's context.
+// The verdict thread does bounded work only and shares no lock with the event loops. On any failure
+// flows are left to the system, and so are those of a user with more pending flows than its share.
+// Started and stopped by the provider's context.
 class Interceptor {
  public:
-  // True: the flow has been taken. Called on the verdict thread.
+  // Returns true if the flow was taken. Called on the verdict thread.
   using FlowHandler = std::function<bool(std::shared_ptr<platform::AppProxyFlow>)>;
 
-  // What interception uses of its process; all of it outlives the interceptor.
+  // What interception uses from its process; all of it outlives the interceptor.
   struct Environment {
     EventLoopGroup& loops;
     DescriptorBudget& descriptors;
-    // The verdict thread joins it, and it keeps the rules alive.
+    // The verdict thread joins it, and its beats keep the rules alive.
     Heartbeat& heartbeat;
-    // Called about four times a second while the rules are alive; may be empty.
+    // Called about four times a second while the rules are in effect; may be empty.
     std::function<void()> onAlive;
-    // Those besides root and system users whose local proxy may carry everybody's flows.
+    // Users, besides root and system users, whose local proxy may carry everybody's flows.
     std::vector<uid_t> proxyUsers;
   };
 
-  // On failure the error's sentence says what is missing and what to do, and nothing is left
-  // behind.
+  // On failure nothing stays installed, and the error's sentence says what is missing and what to
+  // do.
   static platform::Result<std::unique_ptr<Interceptor>> start(
       const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
       const Environment& environment, FlowHandler handler);
@@ -67,9 +67,9 @@ class Interceptor {
   // Removes the rules and accepts every packet that is still held.
   ~Interceptor();
 
-  // Reads the applications' registrations again, and logs what became of it. When anything of them
-  // is wrong, those that there were are kept. From any other thread: the verdict thread touches no
-  // disk.
+  // Reads the applications' registrations again and logs the result; if any of them is invalid, the
+  // current ones stay in use. Called from any other thread, because the verdict thread does no disk
+  // access.
   void reloadRegistrations();
 
  private:
@@ -79,13 +79,13 @@ class Interceptor {
   void run();
   void takeRegistrations();
   void receive();
-  void tendHeldFlows();
+  void maintainHeldFlows();
 
   void decide(const PacketQueue::Packet& packet);
-  // The packet goes on, and TCP's retransmissions of it as well.
+  // Accepts the packet and its retransmissions by TCP.
   void leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
                      LeaveReason reason);
-  // Absent when the flow may be offered, as far as can be told without knowing whose it is.
+  // Empty if the flow may be offered, judging only by what is known before identification.
   std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
                                            const PacketQueue::Packet& packet, UserShare& share,
                                            UserShare::Clock::time_point now) const;
@@ -113,11 +113,11 @@ class Interceptor {
   EventDescriptor stop_;
   EventDescriptor registrationsChanged_;
   std::mutex registrationsLock_;
-  // What the verdict thread is to use from now on. Guarded by registrationsLock_.
+  // Replaces the verdict thread's registrations on its next turn. Guarded by registrationsLock_.
   std::optional<ApplicationRegistrations> newRegistrations_;
   std::unique_ptr<AliveKeeper> aliveKeeper_;
   EventDescriptor ping_;
-  // Until the thread has ended: a thread that does not end hangs as well.
+  // Ends only when the thread has ended: a thread that does not end counts as hung.
   const Heartbeat::Membership membership_;
   std::thread thread_;
 };

@@ -14,8 +14,8 @@
 
 namespace ostravel::linuxplatform {
 
-// Counts the flows that are left to the system and says so in the log, soon after the first one and
-// at most once a minute for each reason after that. Used by the verdict thread only.
+// Counts the flows that are left to the system and logs them: soon after the first one, then at
+// most once a minute per reason. Used by the verdict thread only.
 class LeftFlows {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;
@@ -24,10 +24,10 @@ class LeftFlows {
 
   explicit LeftFlows(std::shared_ptr<platform::Log> log) : log_(std::move(log)) {}
 
-  // user: the one whose flow it was, if that is known.
+  // user: the flow's user, if known.
   void add(LeaveReason reason, std::optional<uid_t> user);
 
-  // Called every now and then; logs what is due.
+  // Called periodically; logs what is due.
   void report(TimePoint now);
 
   std::uint64_t count(LeaveReason reason) const { return entryOf(reason).count; }

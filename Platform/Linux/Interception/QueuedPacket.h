@@ -16,11 +16,11 @@ namespace ostravel::linuxplatform {
 // One packet in the netfilter queue, until its verdict.
 class QueuedPacket final : public HeldPacket {
  public:
-  // The packet itself, which the verdict thread also remembers, so that it can let everything go
-  // that is still held when the interception ends.
+  // The packet itself. Shared with the verdict thread, which can thus release everything that is
+  // still held when interception ends.
   class State {
    public:
-    // user: who is holding one packet more until the verdict.
+    // user: charged with one held packet until the verdict.
     State(std::shared_ptr<const PacketQueue> queue, const PacketMarks& marks, std::uint32_t id,
           std::uint32_t mark, std::shared_ptr<UserShare> user);
     State(const State&) = delete;
@@ -33,7 +33,7 @@ class QueuedPacket final : public HeldPacket {
     bool isDecided() const { return isDecided_; }
 
    private:
-    // True for the first verdict, which is the one that counts.
+    // Returns true for the first verdict, the only one that counts.
     bool decide();
     // Replaces our bits of the packet's mark.
     void acceptMarked(std::uint32_t mark);
@@ -46,8 +46,8 @@ class QueuedPacket final : public HeldPacket {
     std::atomic<bool> isDecided_ = false;
   };
 
-  // proxy: the local proxy as it is when the flow is offered. When it has ended, what looks like
-  // its refusal is its end, and the flow is left to the system instead.
+  // proxy: the local proxy at the time of the offer. If it has ended since, an apparent refusal is
+  // a consequence of that, and the flow is left to the system instead.
   explicit QueuedPacket(std::shared_ptr<State> state,
                         std::optional<ProcessLife> proxy = std::nullopt);
   ~QueuedPacket() override;

@@ -8,7 +8,7 @@ using namespace std::chrono_literals;
 
 // Longer than all retransmissions of a SYN together (tcp(7), tcp_syn_retries: 127 s).
 constexpr auto kTCPLifetime = 130s;
-// As long as the kernel considers datagrams without an answer to be one flow (conntrack: 30 s).
+// As long as the kernel treats unanswered datagrams as one flow (conntrack: 30 s).
 constexpr auto kUDPLifetime = 30s;
 
 }  // namespace
@@ -27,7 +27,7 @@ void RecentFlows::remember(const FirstPacket& packet, TimePoint now) {
   while (inOrder_.size() > capacity_ || inOrder_.front().expiry <= now) {
     const Entry& oldest = inOrder_.front();
     const auto found = expiries_.find(oldest.packet);
-    // A flow that was remembered again since then stays.
+    // Keep a flow that was remembered again since.
     if (found != expiries_.end() && found->second == oldest.expiry) {
       expiries_.erase(found);
     }

@@ -9,9 +9,9 @@
 
 namespace ostravel::linuxplatform {
 
-// Flows whose decision has been made already, so that another packet of the same attempt, a
-// retransmitted SYN or a second datagram sent before the answer, is not taken for a new flow.
-// Bounded: the oldest is forgotten first. Used by the verdict thread only.
+// Flows that have already been decided, so that another packet of the same attempt (a retransmitted
+// SYN, a second datagram before the reply) is not taken for a new flow. Bounded: the oldest entries
+// are dropped first. Used by the verdict thread only.
 class RecentFlows {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;

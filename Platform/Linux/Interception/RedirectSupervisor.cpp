@@ -23,8 +23,8 @@ using namespace std::chrono_literals;
 using platform::NetworkRule;
 using platform::TransparentProxyNetworkSettings;
 
-// A path that has just been found to work is not tested again for another lost connection: then
-// the reason lies with that one.
+// After a path was found to work, another lost connection within this time is not tested again: its
+// cause is elsewhere.
 constexpr auto kFreshSuccess = 100ms;
 
 const char* loopbackText(AddressFamily family) {
@@ -64,9 +64,9 @@ std::optional<SocketEndpoint> withoutPort(const KernelAddress& address) {
   return endpoint;
 }
 
-// The address from which the machine would reach a distant one; nothing is sent.
+// The source address of the default route; nothing is sent.
 std::optional<SocketEndpoint> sourceOfDefaultRoute(AddressFamily family) {
-  // Nobody has these (RFC 5737, RFC 3849).
+  // Documentation addresses, which no host has (RFC 5737, RFC 3849).
   const char* const distant = family == AddressFamily::ipv4 ? "192.0.2.1" : "2001:db8::1";
   const KernelAddress to(*parseAddressLiteral({distant, "9"}));
   const FileDescriptor descriptor(::socket(to.storage.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -84,7 +84,7 @@ bool isLinkLocal(const SocketEndpoint& endpoint) {
                                                 : bytes[0] == 0xfe && (bytes[1] & 0xc0U) == 0x80;
 }
 
-// The first address of an interface other than loopback.
+// The first address of any interface except loopback.
 std::optional<SocketEndpoint> sourceOfSomeInterface(AddressFamily family) {
   ifaddrs* list = nullptr;
   if (::getifaddrs(&list) != 0) {
@@ -110,8 +110,8 @@ std::optional<SocketEndpoint> sourceOfSomeInterface(AddressFamily family) {
   return found;
 }
 
-// A redirected connection has its application's address, and rules on what comes in often ask
-// whether that is one of loopback.
+// A redirected connection keeps its application's source address, and filter rules for incoming
+// packets often test for loopback addresses.
 std::vector<SocketEndpoint> sourcesToTry(AddressFamily family) {
   std::vector<SocketEndpoint> sources{loopback(family)};
   auto usual = sourceOfDefaultRoute(family);
@@ -170,8 +170,8 @@ RedirectSupervisor::RedirectSupervisor(EventLoopGroup& loops,
   }
   if (auto opened = SocketDiagnostics::open()) {
     diagnostics_ = *std::move(opened);
-    // What a predecessor has left that was killed. The kernel may keep it for days, because it did
-    // not see the connections end: the rules went first, and with them the tracking.
+    // Entries left by a killed predecessor. Its rules, and with them connection tracking, went
+    // before the connections ended, so the kernel may keep the entries for days.
     ConntrackEntries().removeDeadRedirections([this](const SocketEndpoint& endpoint) {
       const auto answer = diagnostics_->findListener(endpoint);
       return answer.hasFailed || answer.socket.has_value();
@@ -192,7 +192,7 @@ void RedirectSupervisor::stop() {
   }
 }
 
-// Testing
+// Trials
 
 void RedirectSupervisor::test(Family& family, unsigned loopIndex) {
   if (family.isTesting || isStopped_) {
@@ -201,7 +201,7 @@ void RedirectSupervisor::test(Family& family, unsigned loopIndex) {
   const FlowListener& listener = loops_.loop(loopIndex).listener();
   const bool isIPv4 = family.family == AddressFamily::ipv4;
   if ((isIPv4 ? listener.ipv4Port() : listener.ipv6Port()) == 0) {
-    // No flow of this family can be accepted.
+    // No listener for this family.
     return;
   }
   if (family.destinations.empty()) {
@@ -272,7 +272,7 @@ void RedirectSupervisor::conclude(Family& family, unsigned loopIndex, const std:
   });
 }
 
-// One that nobody listens at, so that a trial that is not redirected troubles nobody.
+// A port without a listener, so that a trial that is not redirected disturbs nobody.
 SocketEndpoint RedirectSupervisor::destinationFor(const Family& family) {
   const auto free = std::find_if(family.destinations.begin(), family.destinations.end(),
                                  [this](const SocketEndpoint& destination) {
@@ -311,7 +311,7 @@ void RedirectSupervisor::examine(unsigned loopIndex, const FlowTuple& tuple) {
   if (!family.lastFailure.empty() || family.isTesting || isFresh) {
     return;
   }
-  // What is offered meanwhile might be lost as well.
+  // Connections offered in the meantime might be lost as well.
   loops_.redirectPath().setUsable(family.family, false);
   test(family, loopIndex);
 }

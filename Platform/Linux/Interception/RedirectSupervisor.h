@@ -19,20 +19,20 @@
 
 namespace ostravel::linuxplatform {
 
-// Finds out whether redirected connections arrive: at the start, and again when a released one is
-// missing although its socket is still waiting. While they do not, the path is not usable, and it
-// is tested again after a pause. A connection that was lost that way is healed: the kernel forgets
-// that it was redirected, and TCP's next repetition of the SYN goes direct.
+// Tests whether redirected connections arrive: at the start, and again when a released one is
+// missing although its socket is still waiting. While they do not arrive, the path is unusable and
+// is retested after a pause. A connection that was lost this way is recovered: its conntrack entry
+// is deleted, and the next retransmission of the SYN goes direct.
 //
-// Works on the first event loop of the group, with trials on the loop concerned. Made when the
-// rules are in place; stopped before they are removed, and then of no effect.
+// Works on the group's first event loop, with trials on the loop concerned. Created after the rules
+// are in place and stopped before they are removed; it does nothing once stopped.
 class RedirectSupervisor final : public RedirectPath::Watcher,
                                  public std::enable_shared_from_this<RedirectSupervisor> {
  public:
-  // How long the path stays unused after a trial has failed.
+  // How long the path stays unusable after a failed trial.
   static constexpr std::chrono::milliseconds kPause = std::chrono::minutes(1);
 
-  // settings: of which flows the rules redirect the first packets.
+  // settings: select the flows whose first packets the rules redirect.
   static std::shared_ptr<RedirectSupervisor> start(
       EventLoopGroup& loops, const platform::TransparentProxyNetworkSettings& settings,
       std::shared_ptr<platform::Log> log, std::chrono::milliseconds pause = kPause);
@@ -40,7 +40,8 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   void stop();
 
   void connectionIsMissing(unsigned loopIndex, const FlowTuple& tuple) override;
-  // Forgets it on the calling thread: later, a new connection could have the same ports.
+  // Deletes the conntrack entry on the calling thread: later, a new connection could have the same
+  // ports.
   void connectionWasReset(const FlowTuple& tuple) override;
 
   // Only for start().
@@ -49,12 +50,12 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
                      std::shared_ptr<platform::Log> log, std::chrono::milliseconds pause);
 
  private:
-  // What is known of one address family.
+  // The state of one address family.
   struct Family {
     explicit Family(EventLoop& loop) : retry(loop.context()) {}
 
     AddressFamily family = AddressFamily::ipv4;
-    // On loopback, of those that the settings select.
+    // Loopback destinations that the settings select.
     std::vector<SocketEndpoint> destinations;
     bool isTesting = false;
     std::string lastFailure;
@@ -76,7 +77,7 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   std::mutex resetsLock_;
   // Guarded by resetsLock_.
   ConntrackEntries resets_;
-  // The rest is used on the home loop only.
+  // The members below are used on the home loop only.
   std::array<Family, 2> families_;
   std::unique_ptr<SocketDiagnostics> diagnostics_;
   ConntrackEntries conntrack_;

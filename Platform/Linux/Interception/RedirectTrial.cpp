@@ -24,7 +24,7 @@ void RedirectTrial::start(EventLoop& loop, const SocketEndpoint& source,
 RedirectTrial::RedirectTrial(EventLoop& loop, Completion completion)
     : loop_(loop), completion_(std::move(completion)) {}
 
-// Outcome::arrived: nothing has prevented it so far.
+// Returns Outcome::arrived if nothing has prevented it so far.
 RedirectTrial::Outcome RedirectTrial::connect(const SocketEndpoint& source,
                                               const SocketEndpoint& destination) {
   const KernelAddress from(source);
@@ -67,13 +67,13 @@ void RedirectTrial::waitUntilConnected() {
     if (result != 0) {
       self->finish(Outcome::refused);
     }
-    // Whose connection it is, the listener says.
+    // The listener reports whose connection it is.
     self->isConnected_ = true;
   });
 }
 
 void RedirectTrial::accepted(LoopSocket socket) {
-  // Ours first: what the side that connects has reset, conntrack lets begin anew.
+  // Reset our side first: conntrack lets the connecting side reuse a connection that it has reset.
   finish(Outcome::arrived);
   socket.reset();
 }

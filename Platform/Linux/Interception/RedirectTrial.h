@@ -13,9 +13,9 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// One connection of our own that takes the way of a released flow: marked for this loop, it is
-// redirected to the loop's listener, if nothing prevents it. Everything happens on the loop; it
-// owns itself until it has ended.
+// One connection of our own that takes the path of a released flow: marked for this loop, it should
+// be redirected to the loop's listener. Everything happens on the loop; the trial keeps itself
+// alive until it has ended.
 class RedirectTrial final : public std::enable_shared_from_this<RedirectTrial>,
                             private FlowListener::Waiter {
  public:
@@ -24,17 +24,17 @@ class RedirectTrial final : public std::enable_shared_from_this<RedirectTrial>,
     refused,
     // Neither an answer nor a connection within limits::kAcceptTimeout.
     unanswered,
-    // The connection was made with somebody else.
+    // The connection was made to another listener.
     arrivedElsewhere,
-    // There is no such source address (any more), or not yet.
+    // The source address does not exist, yet or any more.
     noSource,
-    // Something was lacking for trying it.
+    // The trial could not be made.
     notTried,
   };
   using Completion = std::function<void(Outcome)>;
 
-  // source has the port 0; destination is one that the interception selects. The completion runs
-  // once, on the loop, perhaps inside the call.
+  // The port of source is 0; interception selects destination. The completion runs once, on the
+  // loop, possibly inside the call.
   static void start(EventLoop& loop, const SocketEndpoint& source,
                     const SocketEndpoint& destination, Completion completion);
 
@@ -54,7 +54,7 @@ class RedirectTrial final : public std::enable_shared_from_this<RedirectTrial>,
   EventLoop& loop_;
   Completion completion_;
   FlowTuple tuple_;
-  // None has this name, so that no flow is given our connection.
+  // No application has this name, so no flow receives our connection.
   const std::string application_ = "redirect trial";
   LoopSocket socket_;
   bool isConnected_ = false;
