@@ -12,11 +12,11 @@ using platform::Error;
 
 namespace {
 
-// A packet is queued for the second time right after its first verdict, behind those that came in
-// meanwhile.
+// A packet is queued for the second time right after its first verdict, behind those that arrived
+// in between.
 constexpr std::size_t kMaximumBoundFlows = 64;
 
-// Between two looks for the owner of a listener, while nothing is sent.
+// Between two searches for the listener's owner while nothing is sent.
 constexpr std::chrono::milliseconds kShortestWatchPause{250};
 constexpr std::chrono::milliseconds kLongestWatchPause{10'000};
 
@@ -102,8 +102,8 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
 bool ApplicationIdentifierSource::isBound(const FlowTuple& flow,
                                           const SocketDiagnostics::Answer& answer) {
   if (!answer.socket) {
-    // Of a socket that is bound to a VRF each packet is queued twice, first for the interface of
-    // the VRF and then for the one that it leaves through, which does not lead to the socket.
+    // Each packet of a socket that is bound to a VRF is queued twice: first for the interface of
+    // the VRF, then for the outgoing one, which does not lead to the socket.
     return std::find(boundFlows_.begin(), boundFlows_.end(), flow) != boundFlows_.end();
   }
   if (answer.socket->boundInterface == 0) {
@@ -122,7 +122,7 @@ std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
     return std::nullopt;
   }
   const auto state = proxy_->refresh(std::nullopt);
-  // An owner that is not found must not be searched for all the time while nothing is sent.
+  // An owner that is not found must not be searched for continuously while nothing is sent.
   watchPause_ = state == ProxyProcess::State::unknown
                     ? std::clamp(2 * watchPause_, kShortestWatchPause, kLongestWatchPause)
                     : std::chrono::milliseconds::zero();
@@ -147,13 +147,13 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::senderOf(
   if (socket.inode == 0) {
     return {};
   }
-  // Connected before the tracer started, or there is none that tells enough.
+  // Connected before the tracer started, or there is no tracer that records enough.
   if (!processes_.allowance().permits(socket.uid)) {
     return {.isSearchRefused = true};
   }
   const auto connector = record ? std::optional(record->process) : std::nullopt;
   const auto found = processes_.holderOf(socket.inode, socket.uid, connector);
-  // Handed on by the process that connected it.
+  // Handed over by the process that connected it.
   if (!found || (connector && found != connector)) {
     return {};
   }
@@ -213,7 +213,7 @@ bool ApplicationIdentifierSource::mayDialForProxy(const KnownProcess* sender) co
 }
 
 bool ApplicationIdentifierSource::mayBelongToProxy(const SocketInformation& socket) const {
-  // Of a socket that no process holds any more, some kernels do not tell the user either.
+  // Once no process holds a socket, some kernels do not report its user either.
   return socket.inode == 0 || proxy_->mayRunAs(socket.uid);
 }
 
@@ -233,8 +233,8 @@ std::string ApplicationIdentifierSource::findIdentifier(const Process& process,
   }
   const auto registered = registrations_.identifierOf(
       process.executable, {socketUser, process.stamp.uid, process.stamp.realUser});
-  // Other ways to name an application belong here. What they return may be chosen by the
-  // application, so it must not be able to equal an identifier that the core exempts.
+  // Other ways to name an application belong here. They may return what the application chooses,
+  // which must never equal an identifier that the core exempts.
   return printableIdentifier(registered.value_or(process.executable));
 }
 

@@ -19,14 +19,14 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Far more than all programs of a machine need.
+// Far more than the programs of any machine need.
 constexpr off_t kMaximumFileSize = 1024 * 1024;
 
 struct JSONRelease {
   void operator()(json_t* value) const { json_decref(value); }
 };
 
-// Why a file or folder is not believed; absent when it is.
+// Why a file or folder is not trusted; empty if it is.
 std::optional<std::string> distrust(const struct stat& status) {
   if (status.st_uid != 0) {
     return "is ignored: it does not belong to root";
@@ -41,7 +41,7 @@ std::string systemReason() {
   return std::string("cannot be read: ") + std::strerror(errno);
 }
 
-// The bytes of an open file; absent, with errno set, when they cannot be read.
+// The content of an open file; empty, with errno set, if it cannot be read.
 std::optional<std::string> contentOf(const FileDescriptor& file, std::size_t size) {
   std::string text(size, '\0');
   std::size_t filled = 0;
@@ -65,7 +65,7 @@ std::vector<std::string> registrationFiles(DIR* folder) {
   std::vector<std::string> names;
   while (const dirent* const entry = ::readdir(folder)) {
     const std::string_view name = entry->d_name;
-    // Hidden ones are what editors leave behind.
+    // Editors leave hidden files behind.
     if (name.ends_with(kSuffix) && !name.starts_with('.')) {
       names.emplace_back(name);
     }
@@ -120,7 +120,7 @@ void ApplicationRegistrations::readFolder() {
 }
 
 void ApplicationRegistrations::readFile(const std::string& path) {
-  // Opening something else than a file must not wait.
+  // Must not block on something that is not a regular file.
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {

@@ -17,34 +17,34 @@ struct json_t;
 
 namespace ostravel::linuxplatform {
 
-// The identifiers that the administrator has given to programs: every file *.json of one folder
-// holds a JSON object (RFC 8259) of absolute executable paths and their identifiers,
+// The identifiers that the administrator has assigned to programs. Every file *.json in one folder
+// contains a JSON object (RFC 8259) that maps absolute executable paths to identifiers:
 //
 //   {
 //     "/opt/updater/bin/updater": "com.example.updater",
 //     "/opt/vpn/bin/client": {"identifier": "com.example.vpn", "users": ["alice"]}
 //   }
 //
-// An identifier is for root and system users, who have nobody else's code in their programs, and
-// for the users that are named: anybody can load what he likes into a program that he starts
-// himself. Where two files name the same path, the one later in the order of names counts. The
-// folder and the files are believed only if they belong to root and nobody else can write to them.
-// What is not believed or not understood is ignored as a whole file, with one warning. As they were
-// when they were read; used by one thread at a time.
+// An identifier applies to root and system users, whose programs contain nobody else's code, and to
+// the users listed: anybody can load any code into a program that he starts himself. If two files
+// name the same path, the later one in name order wins. The folder and the files are trusted only
+// if they belong to root and nobody else can write to them. A file that is not trusted or not valid
+// is ignored as a whole, with one warning. A snapshot from when the files were read; used by one
+// thread at a time.
 class ApplicationRegistrations {
  public:
   static constexpr const char* kDefaultFolder = "/etc/ostravel/applications.d";
 
-  // warn takes a sentence for people that names the file and, for text that is not JSON, line and
-  // column. A folder that does not exist is an empty one. Reads the folder.
+  // Reads the folder; a missing folder counts as empty. warn takes a sentence for people that names
+  // the file and, for text that is not JSON, line and column.
   ApplicationRegistrations(std::string folder, std::function<void(const std::string&)> warn,
                            SystemUsers systemUsers = SystemUsers::read());
 
-  // Whether nothing had to be ignored.
+  // False if anything was ignored.
   bool isComplete() const { return isComplete_; }
   std::size_t size() const { return registrations_.size(); }
 
-  // The identifier of this executable, if it is for all of these users.
+  // The identifier of this executable, if it applies to all of these users.
   std::optional<std::string> identifierOf(std::string_view executable,
                                           std::initializer_list<uid_t> users) const;
 

@@ -10,21 +10,20 @@
 
 namespace ostravel::linuxplatform {
 
-// Whose flow it is.
+// The sender of a flow, and whether it may be offered.
 struct Identification {
-  // Printable ASCII without surrounding spaces; empty when the application is not known for
-  // certain.
+  // Printable ASCII without surrounding spaces; empty unless the application is known for certain.
   std::string identifier;
-  // Present when the flow must be left to the system; the identifier says nothing then.
+  // Present if the flow must be left to the system; the identifier has no meaning then.
   std::optional<LeaveReason> leaveReason;
-  // It is not known which process dials out for the local proxy, and it may be this one. Such a
-  // flow to where a flow of another process is just being proxied is likely to be the proxy's.
+  // The process that dials out for the local proxy is unknown and may be this one. If a flow of
+  // another process to the same destination is being proxied, this flow is probably the proxy's.
   bool mayBelongToProxy = false;
-  // The owner of the socket; absent when there is no such socket.
+  // The owner of the socket; empty if there is no such socket.
   std::optional<uid_t> user;
-  // Absent when it cannot be found.
+  // Empty if it was not found.
   std::optional<pid_t> process;
-  // The local proxy that such a flow would be sent to; absent while there is none.
+  // The local proxy that would carry the flow; empty if there is none.
   std::optional<ProcessLife> proxy;
 };
 

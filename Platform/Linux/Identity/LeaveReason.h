@@ -8,34 +8,32 @@ namespace ostravel::linuxplatform {
 
 // Why a flow is left to the system instead of being offered.
 enum class LeaveReason : std::uint8_t {
-  // The process is near its limit of descriptors.
+  // The process is near its descriptor limit.
   descriptors,
-  // The user has its share of the pending handshakes, of the descriptors, or, while others want to
-  // be served as well, of the offers per second.
+  // The user has used up its share of the pending handshakes, of the descriptors, or, while other
+  // users are active, of the offers per second.
   handshakeShare,
   descriptorShare,
   offerShare,
-  // A handshake of the user has timed out, and another one is finding out whether the proxy
-  // answers.
+  // A handshake of the user has timed out, and another one is testing whether the proxy answers.
   onTrial,
-  // A relay could not carry it as the application means it: a packet of the kernel's own, a socket
-  // that is bound to an interface, a family of addresses for which there is no listener.
+  // A relay could not carry it as the application intends: a packet of the kernel itself, a socket
+  // bound to an interface, an address family without a listener.
   kernelSocket,
   notCarried,
   noListener,
-  // Released connections do not arrive, or it is not known yet whether they do.
+  // Redirected connections do not arrive, or have not been tested yet.
   redirectPath,
-  // It cannot be excluded that it is the local proxy's own, which must never be sent to the proxy
-  // again.
+  // It may be a flow of the local proxy itself, which must never be sent to the proxy.
   proxyUnknown,
-  // What listens on the local proxy's port is no proxy, or none for this user, or has not shown yet
-  // that it is one.
+  // The program on the local proxy's port is not a proxy, not trusted with this user's flows, or
+  // not yet tested.
   proxyNotTrusted,
-  // It may be the proxy's own: another process is held on its way to the same destination.
+  // It may be the proxy's own: a flow of another process to the same destination is held.
   mayBelongToProxy,
-  // Its process would have to be searched for, and enough time has gone into such searches.
+  // Its process would have to be searched for, and the time for such searches is used up.
   searchBudget,
-  // The kernel does not tell which socket it comes from.
+  // The kernel does not report which socket sent it.
   diagnosticsFailed,
 };
 inline constexpr std::size_t kLeaveReasons =

@@ -6,15 +6,14 @@
 
 namespace ostravel::linuxplatform {
 
-// Identifiers longer than this do not exist: with more in one header line, proxies refuse the
-// request.
+// Longer identifiers do not exist: proxies reject requests with longer header lines.
 inline constexpr std::size_t kMaximumIdentifierSize = 2048;
 
-// What an application is called, from any bytes, as text that every proxy accepts in a header line:
-// printable ASCII without a space at its beginning or end. Every other byte becomes "%" and two
-// capital hexadecimal digits (RFC 3986, section 2.1); so does a "%" that two such digits of either
-// case follow, and no other one. Different bytes have different identifiers. Empty when it would be
-// longer than kMaximumIdentifierSize.
+// Converts an application's name, any bytes, to text that every proxy accepts in a header line:
+// printable ASCII without a leading or trailing space. Every other byte becomes "%" and two
+// uppercase hexadecimal digits (RFC 3986, section 2.1); so does a "%" that is followed by two such
+// digits of either case, but no other. Different bytes have different identifiers. Empty if the
+// result would exceed kMaximumIdentifierSize.
 std::string printableIdentifier(std::string_view bytes);
 
 }  // namespace ostravel::linuxplatform

@@ -9,11 +9,11 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Forbidden, authentication required, too many requests, and what a proxy answers when it cannot
-// reach the target. Web servers answer CONNECT with 400, 404, 405, 501 or a redirection.
+// Forbidden, authentication required, too many requests, and the errors that a proxy returns when
+// it cannot reach the target. Web servers answer CONNECT with 400, 404, 405, 501 or a redirect.
 constexpr std::array kRefusals{403, 407, 429, 500, 502, 503, 504};
 
-// 0 when the line is not a status line (RFC 9112, section 4).
+// 0 if the line is not a status line (RFC 9112, section 4).
 int statusIn(std::string_view line) {
   constexpr std::string_view kBlanks = " \t";
   constexpr std::string_view kProtocol = "HTTP/1.";
@@ -44,7 +44,7 @@ ProxyAnswer judgeProxyAnswer(std::string_view line) {
     return ProxyAnswer::tunnel;
   }
   return std::ranges::find(kRefusals, status) != kRefusals.end() ? ProxyAnswer::refusal
-                                                                 : ProxyAnswer::notAProxys;
+                                                                 : ProxyAnswer::notAProxy;
 }
 
 }  // namespace ostravel::linuxplatform

@@ -4,18 +4,18 @@
 
 namespace ostravel::linuxplatform {
 
-// What the first line of an answer to CONNECT (RFC 9110, section 9.3.6) says about the program that
-// sent it.
+// What the first line of a response to CONNECT (RFC 9110, section 9.3.6) reveals about the program
+// that sent it.
 enum class ProxyAnswer {
-  // The tunnel exists.
+  // The tunnel is established.
   tunnel,
-  // A proxy that does not want this tunnel, or cannot reach its target.
+  // A proxy that rejects this tunnel or cannot reach its target.
   refusal,
-  // A web server or something else that takes no CONNECT.
-  notAProxys,
+  // A web server or another program that does not support CONNECT.
+  notAProxy,
 };
 
-// The line comes without its end.
+// line excludes the line terminator.
 ProxyAnswer judgeProxyAnswer(std::string_view line);
 
 }  // namespace ostravel::linuxplatform

@@ -11,10 +11,10 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Between two searches that went through all processes and found nothing.
+// Between two searches through all processes that found nothing.
 constexpr std::chrono::milliseconds kSearchInterval{250};
-// For the file system that the proxy's executable is on. Without its answer a second process of the
-// proxy may not be recognised.
+// For the file system of the proxy's executable. Without its answer, a second process of the proxy
+// may not be recognised.
 constexpr std::chrono::seconds kExecutablePatience{1};
 
 }  // namespace
@@ -54,7 +54,7 @@ bool ProxyProcess::isOwnerDescribed() {
 void ProxyProcess::beginSearch(const SocketInformation& listener) {
   std::vector<pid_t> first;
   if (owner_) {
-    // The same process may have made a new socket.
+    // The same process may have created a new socket.
     first.push_back(owner_->pid);
   }
   listener_ = listener;
@@ -73,7 +73,7 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
   if (sender) {
     search_->prefer(*sender);
   }
-  // Everybody waits for this search, so it may use what users may not.
+  // All flows wait for this search, so it may use the reserve.
   SearchAllowance& allowance = processes_.allowance();
   if (!allowance.permits(std::nullopt)) {
     return State::unknown;
@@ -91,7 +91,7 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
     ownerFound_ = std::chrono::steady_clock::now();
     return State::known;
   }
-  // It has just handed the socket on, or we may not look into it.
+  // The socket has just been handed over, or we may not inspect its holder.
   nextSearch_ = std::chrono::steady_clock::now() + kSearchInterval;
   if (!std::exchange(hasWarned_, true)) {
     warn_("the process that listens on port " + std::to_string(address_.port) +
@@ -123,7 +123,7 @@ bool ProxyProcess::belongTogether(const Process& process, const Process& member)
       process.pid == member.pid && process.stamp.startTime == member.stamp.startTime;
   const bool sharesService =
       !member.serviceGroup.empty() && process.serviceGroup == member.serviceGroup;
-  // After an update the old file and the new one only have the path in common.
+  // After an update, the old and the new file have only the path in common.
   const bool sharesExecutable =
       (process.executableFile && process.executableFile == member.executableFile) ||
       (process.isExecutableGenuine && (member.isExecutableGenuine || member.isExecutableDeleted) &&

@@ -18,13 +18,13 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// The header of a tunnel's answer; what the core accepts is no longer.
+// The header of the response to CONNECT; the core does not accept a longer one either.
 constexpr std::size_t kMaximumAnswer = 16384;
-// What people are shown of an answer.
+// The part of a response that is shown to people.
 constexpr std::size_t kMaximumShownAnswer = 100;
-// Not to be guessed.
+// Enough not to be guessed.
 constexpr std::size_t kSecretBytes = 16;
-// For the process of a socket, off every flow's way and once per start of the proxy.
+// For finding the process of a socket; not in any flow's path, and once per start of the proxy.
 constexpr std::chrono::milliseconds kHolderBudget{500};
 constexpr std::chrono::seconds kLongestHolderSearch{2};
 
@@ -36,7 +36,7 @@ sockaddr_in loopback(std::uint16_t port) {
   return address;
 }
 
-// It needs no mark: connections to the proxy's own port are never intercepted.
+// Needs no mark: connections to the proxy's own port are never intercepted.
 FileDescriptor makeSocket() {
   return FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
@@ -66,12 +66,12 @@ FileDescriptor listenOnLoopback() {
 }
 
 bool sendAll(const FileDescriptor& connection, std::string_view bytes) {
-  // Little enough to fit into the buffer of a new connection.
+  // Small enough for the buffer of a new connection.
   return ::send(connection.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
          static_cast<ssize_t>(bytes.size());
 }
 
-// Text, because there are proxies that look at what runs through their tunnels.
+// Text, because some proxies inspect what their tunnels carry.
 std::string makeSecret() {
   std::array<unsigned char, kSecretBytes> bytes{};
   if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
@@ -103,7 +103,7 @@ bool hasWholeHeader(std::string_view answer) {
          answer.find("\n\n") != std::string_view::npos;
 }
 
-// An answer that was cut off may become one of a proxy's, unless it begins like no such answer.
+// A truncated response may still become a proxy's, unless it already begins like something else.
 bool isUnfinished(std::string_view answer) {
   constexpr std::string_view kProtocol = "HTTP/1.";
   return !hasFirstLine(answer) && answer.size() < kMaximumAnswer &&
@@ -130,7 +130,7 @@ std::optional<ProxyTrial::Outcome> ProxyTrial::run() {
     return std::nullopt;
   }
   Outcome outcome = ask();
-  // Cookies are not used again: the same socket has been listening all the time.
+  // Cookies are never reused, so the same socket has been listening throughout.
   if (isInterrupted() || !isStillListening()) {
     return std::nullopt;
   }
@@ -166,7 +166,7 @@ ProxyTrial::Outcome ProxyTrial::ask() {
                           ? "it ends the connection"
                           : "no answer in " + std::to_string(kAnswerDeadline.count()) + " s");
   }
-  if (kind == ProxyAnswer::notAProxys) {
+  if (kind == ProxyAnswer::notAProxy) {
     outcome.judgement = Judgement::notAProxy;
     return outcome;
   }
@@ -215,7 +215,7 @@ FileDescriptor ProxyTrial::awaitSecret(const FileDescriptor& target, std::string
   std::vector<Caller> callers;
   while (true) {
     std::vector<pollfd> waited{{interrupt_, POLLIN, 0}};
-    // The others wait in the backlog.
+    // Further callers wait in the backlog.
     const short events = callers.size() < kMaximumCallers ? POLLIN : 0;
     waited.push_back({target.get(), events, 0});
     for (const Caller& caller : callers) {

@@ -16,45 +16,45 @@
 
 namespace ostravel::linuxplatform {
 
-// Asks the program that listens on 127.0.0.1 on the proxy's port for one tunnel, to a port of our
-// own, and sees whether it answers as a proxy does and which process dials out for it:
+// Asks the program that listens on 127.0.0.1 on the proxy's port for one tunnel to a port of our
+// own, and finds out whether it answers like a proxy and which process dials out for it:
 //
 //   this process ── CONNECT 127.0.0.1:P ──> listener ──> ... ──> port P of this process
 //                ── secret ──────────────────────────────────>
 //
-// Any local process can connect to P meanwhile. Only the connection that delivers the secret, which
-// nobody but the proxy gets, is the tunnel's, and the process at its other end belongs to the
-// proxy, however many programs are in between.
+// Any local process can connect to P in the meantime. Only the connection that delivers the secret,
+// which only the proxy receives, belongs to the tunnel, and the process at its other end is part of
+// the proxy, however many programs are in between.
 //
-// Made for one trial, and used by one thread, which may wait as long as the deadlines say; never
-// the verdict thread.
+// Created for one trial and used by one thread, which may block up to the deadlines; never by the
+// verdict thread.
 class ProxyTrial {
  public:
-  // A tunnel to this machine takes a proxy a millisecond; it may have to be started first.
+  // A proxy needs about a millisecond for a local tunnel, but may have to be started first.
   static constexpr std::chrono::seconds kAnswerDeadline{2};
-  // From the answer to the secret's arrival. Some proxies dial only after they have answered.
+  // From the response to the secret's arrival. Some proxies dial only after they have responded.
   static constexpr std::chrono::seconds kArrivalDeadline{1};
-  // Connections to P that are kept at a time until it is known whether they are the tunnel.
+  // Connections to P that are kept open until one of them proves to be the tunnel.
   static constexpr std::size_t kMaximumCallers = 32;
 
   enum class Judgement { proxy, notAProxy, unanswered };
 
   struct Outcome {
     Judgement judgement = Judgement::unanswered;
-    // What people are told about the answer: its first line, or why there is none.
+    // The response as shown to people: its first line, or why there is none.
     std::string answer;
-    // The process that accepted the trial, where it is not gone already.
+    // The process that accepted the trial, unless it is already gone.
     std::optional<Process> acceptor;
     // The process that connected to P.
     std::optional<Process> dialler;
   };
 
-  // interrupt: a descriptor that becomes readable when the trial is to be given up. listener: the
+  // interrupt: a descriptor that becomes readable when the trial must be abandoned. listener: the
   // cookie of the listening socket. The diagnostics outlive the trial.
   ProxyTrial(SocketDiagnostics& diagnostics, std::uint16_t port, std::uint64_t listener,
              int interrupt);
 
-  // Absent when it was interrupted, or another socket listens now.
+  // Empty if it was interrupted or another socket listens now.
   std::optional<Outcome> run();
 
  private:
@@ -68,17 +68,17 @@ class ProxyTrial {
 
   Outcome ask();
   FileDescriptor connectToListener();
-  // What has arrived when the header is complete, or the first line is no tunnel's, or at the
-  // deadline or the end.
+  // Returns what has arrived once the header is complete, the first line rules out a tunnel, the
+  // deadline has passed, or the connection has ended.
   std::string receiveAnswer(int connection);
   // The connection to the target that delivers the secret first.
   FileDescriptor awaitSecret(const FileDescriptor& target, std::string_view secret);
   std::vector<Caller>::iterator receiveSecret(std::vector<Caller>& callers,
                                               std::string_view secret);
-  // The process at the other end of a connection of ours.
+  // The process at the other end of one of our connections.
   std::optional<Process> peerOf(const FileDescriptor& connection);
   bool isStillListening();
-  // False when the deadline has passed, or at an interruption.
+  // False after the deadline or an interruption.
   bool waitFor(int descriptor, short events);
   bool isInterrupted() const;
 

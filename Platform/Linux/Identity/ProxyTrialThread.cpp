@@ -39,7 +39,7 @@ std::optional<ProxyTrialThread::Result> ProxyTrialThread::resultOf(
 
 void ProxyTrialThread::run() {
   ::pthread_setname_np(::pthread_self(), "proxy-trial");
-  // The listening socket that the following are about; 0 is nobody's cookie.
+  // The listening socket that the variables below are about; 0 is never a cookie.
   std::uint64_t tried = 0;
   std::optional<Clock::time_point> next;
   Clock::duration pause{};
@@ -104,7 +104,7 @@ void ProxyTrialThread::publish(std::uint64_t listener, std::optional<Result> res
     return;
   }
   if (!result) {
-    // Nobody listens with this socket any more. If somebody does, it will be asked for again.
+    // The socket no longer listens. If it still does, it will be requested again.
     request_.reset();
   }
   result_ = std::move(result);

@@ -16,9 +16,9 @@
 
 namespace ostravel::linuxplatform {
 
-// Puts the program that listens on the proxy's port to trial on a thread of its own, once for every
-// listening socket; one that does not answer is asked again, with growing pauses. Owned by the
-// verdict thread's owner, in whose network namespace it works.
+// Tests the program that listens on the proxy's port on a separate thread, once per listening
+// socket; a program that does not answer is tested again, with growing pauses. Owned by the verdict
+// thread's owner, in whose network namespace it works.
 class ProxyTrialThread {
  public:
   static constexpr std::chrono::milliseconds kFirstPause{500};
@@ -26,7 +26,7 @@ class ProxyTrialThread {
 
   struct Result {
     ProxyTrial::Outcome outcome;
-    // The names of all who have a hand in the listening socket, for people.
+    // The names, for people, of all users who control the listening socket.
     std::map<uid_t, std::string> userNames;
   };
 
@@ -36,8 +36,8 @@ class ProxyTrialThread {
   ~ProxyTrialThread();
 
   // The result of the latest trial of this listening socket, which is held by a process of owner.
-  // Absent while there is none; it is on its way then, instead of any trial of another socket. Does
-  // not wait.
+  // Empty if there is none yet; a trial is then requested, which replaces that of any other socket.
+  // Does not block.
   std::optional<Result> resultOf(const SocketInformation& listener, uid_t owner);
 
  private:
@@ -50,16 +50,16 @@ class ProxyTrialThread {
   };
 
   void run();
-  // Absent when the trial was interrupted, or another socket listens now.
+  // Empty if the trial was interrupted or another socket listens now.
   std::optional<Result> tryOnce(const Request& request);
-  // Makes the result known, unless another socket is to be tried now.
+  // Publishes the result unless another socket has been requested.
   void publish(std::uint64_t listener, std::optional<Result> result);
-  // Absent: until something changes.
+  // Empty: wait until something changes.
   void wait(std::optional<Clock::time_point> until);
 
   const std::uint16_t port_;
-  // Readable when what the lock guards has changed; only used with the lock held, so that a trial
-  // is not interrupted by the request for it.
+  // Readable when the state guarded by the lock has changed. Used only with the lock held, so that
+  // a trial is not interrupted by the request that started it.
   EventDescriptor changed_;
   std::mutex lock_;
   bool isStopping_ = false;

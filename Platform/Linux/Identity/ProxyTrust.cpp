@@ -37,7 +37,7 @@ bool ProxyTrust::mayDial(uid_t user) const {
 }
 
 void ProxyTrust::forget() {
-  isNoProxy_ = false;
+  isNotProxy_ = false;
   hasPassed_ = false;
   knowsDialler_ = false;
   owners_.clear();
@@ -47,14 +47,14 @@ void ProxyTrust::forget() {
 }
 
 bool ProxyTrust::hasPassedTrial() {
-  if (isNoProxy_) {
+  if (isNotProxy_) {
     return false;
   }
   auto result = trial_.resultOf(proxy_.listener(), proxy_.uid());
   if (!result) {
     return false;
   }
-  isNoProxy_ = result->outcome.judgement == ProxyTrial::Judgement::notAProxy;
+  isNotProxy_ = result->outcome.judgement == ProxyTrial::Judgement::notAProxy;
   hasPassed_ = result->outcome.judgement == ProxyTrial::Judgement::proxy;
   if (hasPassed_) {
     takeParts(std::move(*result));
@@ -67,7 +67,7 @@ bool ProxyTrust::hasPassedTrial() {
 void ProxyTrust::takeParts(ProxyTrialThread::Result result) {
   owners_ = std::move(result.userNames);
   news_ = "the local proxy is " + ownerText(owners_[proxy_.uid()]);
-  // Of the parts that could not be found there may be more.
+  // Without the dialler, part of the proxy is still unknown.
   knowsDialler_ = result.outcome.dialler.has_value();
   for (auto& part : {result.outcome.acceptor, result.outcome.dialler}) {
     if (part) {

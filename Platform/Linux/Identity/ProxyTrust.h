@@ -17,39 +17,39 @@
 
 namespace ostravel::linuxplatform {
 
-// Decides whose flows the local proxy may carry. What listens on its port is a proxy once it has
-// answered one CONNECT as a proxy does. It may carry everybody's flows when all who have a hand in
-// its listening socket are root, system users or users whom the administrator has named; otherwise
-// only the flows of its own user.
+// Decides whose flows the local proxy may carry. The listener counts as a proxy once it has
+// answered one CONNECT like a proxy. It may carry everybody's flows if all users who control its
+// listening socket are root, system users or named by the administrator; otherwise only the flows
+// of its own user.
 //
-// A hand in it have the user who made the socket, the process that was found to hold it, and the
-// process that accepted the trial. A socket that root has made and a service manager has handed to
-// an unprivileged service therefore is the service's: that is who reads what is sent to it. The
-// other way round, a process of root that was handed a user's socket is not trusted either, since
-// the user may have kept it.
+// These users control the socket: the one who created it, that of the process found to hold it, and
+// that of the process that accepted the trial. A socket that root created and a service manager
+// handed to an unprivileged service therefore counts as the service's, which reads what is sent to
+// it. Conversely, a root process that was handed a user's socket is not trusted either, since the
+// user may have kept it.
 //
-// Used by the verdict thread alone. Never waits, but for a lock that is held to copy a few words.
+// Used by the verdict thread alone. Never blocks, except for a lock held to copy a few words.
 class ProxyTrust {
  public:
   using Warn = std::function<void(const std::string&)>;
 
-  // named: users whose proxy is everybody's. proxy outlives this object. warn takes a sentence for
-  // people, at most one for every listening socket and thing that is wrong with it.
+  // named: users whose proxy may carry everybody's flows. proxy outlives this object. warn takes a
+  // sentence for people, at most one per listening socket and problem.
   ProxyTrust(ProxyProcess& proxy, std::uint16_t port, const std::vector<uid_t>& named, Warn warn);
 
-  // Whether the proxy may carry flows of this user, absent if nobody knows whose they are. Valid
-  // after a refresh of the proxy that returned State::known. The first time that this is true for a
-  // listening socket, the proxy has got all its parts.
+  // True if the proxy may carry flows of this user; empty if the flow's user is unknown. Valid
+  // after a refresh of the proxy that returned State::known. When this is first true for a
+  // listening socket, the proxy has all its parts.
   bool holdsFor(std::optional<uid_t> user);
 
-  // One sentence for people about a proxy that has passed its trial; once.
+  // One sentence for people about a proxy that has passed its trial; returned once.
   std::optional<std::string> takeNews() { return std::exchange(news_, std::nullopt); }
 
-  // The following are valid when holdsFor() has returned true for the same refresh.
+  // The following are valid if holdsFor() returned true for the same refresh.
 
-  // Whether the process that dials out for the proxy has been found.
+  // True if the process that dials out for the proxy has been found.
   bool knowsDialler() const { return knowsDialler_; }
-  // Whether a process of this user could dial out for a proxy whose dialler has not been found.
+  // True if a process of this user could dial out for a proxy whose dialler has not been found.
   bool mayDial(uid_t user) const;
 
  private:
@@ -66,12 +66,12 @@ class ProxyTrust {
   const SystemUsers systemUsers_;
   const std::set<uid_t> named_;
   const Warn warn_;
-  // The listening socket that the following are about.
+  // The listening socket that the members below are about.
   std::uint64_t listener_ = 0;
-  bool isNoProxy_ = false;
+  bool isNotProxy_ = false;
   bool hasPassed_ = false;
   bool knowsDialler_ = false;
-  // All who have a hand in the socket, with their names.
+  // All users who control the socket, with their names.
   std::map<uid_t, std::string> owners_;
   bool hasWarnedAboutAnswer_ = false;
   bool hasWarnedAboutOwners_ = false;

@@ -27,7 +27,7 @@ TEST(ProxyAnswerTest, OtherStatusesAreThoseOfWebServers) {
        {"HTTP/1.1 100 Continue", "HTTP/1.1 199", "HTTP/1.1 301 Moved Permanently", "HTTP/1.1 302 x",
         "HTTP/1.1 400 Bad Request", "HTTP/1.1 401 x", "HTTP/1.1 404 Not Found",
         "HTTP/1.1 405 Not Allowed", "HTTP/1.1 418 x", "HTTP/1.1 501 Unsupported method"}) {
-    EXPECT_EQ(judgeProxyAnswer(line), ProxyAnswer::notAProxys) << line;
+    EXPECT_EQ(judgeProxyAnswer(line), ProxyAnswer::notAProxy) << line;
   }
 }
 
@@ -36,7 +36,7 @@ TEST(ProxyAnswerTest, WhatIsNotHTTPIsNoProxys) {
        {"", " ", "SSH-2.0-OpenSSH_9.2p1", "HTTP", "HTTP/1.", "HTTP/1.1", "HTTP/1.1 ", "HTTP/1.1200",
         "HTTP/1.1 20", "HTTP/1.1 2000", "HTTP/1.1 2x0", "HTTP/1.1 -20", "HTTP/1.11 200 OK",
         "HTTP/1.x 200 OK", "HTTP/2 200", "http/1.1 200 OK", "200 OK", "x HTTP/1.1 200 OK"}) {
-    EXPECT_EQ(judgeProxyAnswer(line), ProxyAnswer::notAProxys) << line;
+    EXPECT_EQ(judgeProxyAnswer(line), ProxyAnswer::notAProxy) << line;
   }
 }
 
