@@ -25,7 +25,7 @@ using platform::Result;
 
 namespace {
 
-// ConnectTracer.bpf.c has the same.
+// Must match ConnectTracer.bpf.c.
 struct Record {
   std::uint32_t process;
   std::uint32_t user;
@@ -36,7 +36,7 @@ struct Record {
   std::uint64_t stackStart;
 };
 
-// The kernel keeps 12 bits of the major and 20 bits of the minor number; user space has others.
+// The kernel uses 12 bits for the major and 20 bits for the minor number; user space differs.
 dev_t userDevice(std::uint32_t kernelDevice) {
   constexpr unsigned kMinorBits = 20;
   return ::makedev(kernelDevice >> kMinorBits, kernelDevice & ((1U << kMinorBits) - 1));
@@ -68,7 +68,7 @@ void ConnectTracer::LinkRelease::operator()(bpf_link* link) const {
 }
 
 Result<std::unique_ptr<ConnectTracer>> ConnectTracer::start(Detail wanted) {
-  // What goes wrong is reported by the caller, in one line.
+  // Failures are reported by the caller, in one line.
   ::libbpf_set_print(nullptr);
   if (wanted == Detail::programs) {
     auto tracer = startWith(Detail::programs);
@@ -126,7 +126,7 @@ OptionalError ConnectTracer::attach(int cgroupRoot) {
 
 OptionalError ConnectTracer::examineOwnRecord() const {
   const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  // Sends nothing, and is seen even where the address cannot be reached.
+  // Connecting a UDP socket sends nothing, and is traced even if the address is unreachable.
   constexpr std::uint16_t kDiscardPort = 9;
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -137,7 +137,7 @@ OptionalError ConnectTracer::examineOwnRecord() const {
   socklen_t size = sizeof cookie;
   const bool isKnown = ::getsockopt(socket.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size) == 0;
   const auto record = isKnown ? recordOf(cookie) : std::nullopt;
-  // The numbers that the kernel reports are those of the first process namespace.
+  // The kernel reports process numbers of the initial process namespace.
   if (!record || record->process != ::getpid()) {
     return unsupported("processes are not seen under the numbers that /proc shows");
   }
@@ -149,7 +149,7 @@ OptionalError ConnectTracer::examineOwnRecord() const {
                               .stackStart = record->stackStart,
                               .uid = record->user,
                               .realUser = record->realUser};
-  // Also so where the kernel does not tell the inode of an open file, before 5.14.
+  // Also where the kernel does not report the inode of an open file, before 5.14.
   if (!self || self->stamp != recorded || !self->isExecutableGenuine) {
     return unsupported("programs are not seen as /proc shows them");
   }

@@ -17,39 +17,39 @@ struct bpf_object;
 
 namespace ostravel::linuxplatform {
 
-// Who has connected a socket, at that moment.
+// The process that connected a socket, at the time of the connect.
 struct ConnectRecord {
   pid_t process = 0;
   // The following are 0 unless programs are traced. The real and the effective user.
   uid_t realUser = 0;
   uid_t user = 0;
-  // As ProcessStamp has them.
+  // As in ProcessStamp.
   std::uint64_t startTime = 0;
   std::uint64_t stackStart = 0;
-  // What the process was running.
+  // The executable that the process was running.
   FileIdentity executable;
 
   friend bool operator==(const ConnectRecord&, const ConnectRecord&) = default;
 };
 
-// Knows which process has connected a socket, as a small program in the kernel saw it happen, and
-// which program that process was running, which may be another one by the time somebody looks.
+// Knows which process connected a socket, as recorded by a small program in the kernel, and which
+// executable the process was running then; by the time of a look-up it may be running another one.
 //
-// The program is attached to the root of the control groups, beside whatever else is attached
-// there, for as long as the object or the process exists, however that ends: the kernel detaches it
-// with the last descriptor of the link. Usable by one thread at a time.
+// The program is attached to the root control group, next to any others there. The kernel detaches
+// it with the last descriptor of the link: when the object is destroyed or the process ends for any
+// reason. Usable by one thread at a time.
 class ConnectTracer {
  public:
   enum class Detail {
-    // Takes Linux 5.14 with a description of its own structures (/sys/kernel/btf/vmlinux).
+    // Requires Linux 5.14 with type information (/sys/kernel/btf/vmlinux).
     programs,
-    // Records only tell the process.
+    // Records contain only the process.
     processes,
   };
 
-  // With the most detail that is possible and wanted. When nothing is possible, the error's
-  // description is a clause that says why: no permission, no control groups of version 2, a kernel
-  // before 5.7, a process namespace of our own.
+  // Starts with the most detail that is possible and wanted. If nothing is possible, the error's
+  // description is a clause with the reason: no permission, no control groups of version 2, a
+  // kernel before 5.7, a separate process namespace.
   static platform::Result<std::unique_ptr<ConnectTracer>> start(Detail wanted = Detail::programs);
 
   ConnectTracer(const ConnectTracer&) = delete;
@@ -58,8 +58,8 @@ class ConnectTracer {
 
   Detail detail() const { return detail_; }
 
-  // Who connected the socket last, or sent on it unconnected; absent when that was before the
-  // tracer started, or many thousand sockets ago. The process may have ended since.
+  // The process that last connected the socket, or sent on it unconnected; empty if that was before
+  // the tracer started or many thousand sockets ago. The process may have ended since.
   std::optional<ConnectRecord> recordOf(std::uint64_t cookie) const;
 
  private:
@@ -74,7 +74,7 @@ class ConnectTracer {
 
   static platform::Result<std::unique_ptr<ConnectTracer>> startWith(Detail detail);
   platform::OptionalError attach(int cgroupRoot);
-  // Compares what is recorded about this process with what /proc shows.
+  // Compares this process's record with what /proc shows.
   platform::OptionalError examineOwnRecord() const;
 
   const std::unique_ptr<bpf_object, ObjectRelease> object_;

@@ -4,9 +4,8 @@
 
 namespace ostravel::linuxplatform {
 
-// A file, whatever it is called and wherever it is seen, in the kernel's own terms: the device
-// number of its file system and the number of its inode there. Some file systems (overlayfs, Btrfs)
-// show others to stat(2), so that the two must not be compared.
+// Identifies a file independently of its path, by the kernel's own device and inode numbers. Some
+// file systems (overlayfs, Btrfs) report other numbers to stat(2), so the two must not be compared.
 struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;

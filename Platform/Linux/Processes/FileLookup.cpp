@@ -33,7 +33,7 @@ struct OpenFile {
 
 FileDescriptor openPath(const std::string& path, std::uint64_t resolve) {
   open_how how{};
-  // The file itself is not opened, so its file system is not asked for it.
+  // O_PATH does not open the file itself, so the file system is not asked for it.
   how.flags = O_PATH | O_CLOEXEC | O_NOFOLLOW;
   how.resolve = resolve | RESOLVE_NO_MAGICLINKS;
   return FileDescriptor(
@@ -52,7 +52,7 @@ std::optional<std::uint64_t> numberAfter(std::string_view text, std::string_view
 }
 
 // The kernel answers this itself (proc_pid_fdinfo(5), Linux 5.14), whereas stat(2) asks the file
-// system, and some of them wait then whatever they are asked for.
+// system, which may block whatever fields are requested.
 std::optional<OpenFile> describe(const FileDescriptor& file) {
   const FileDescriptor description(
       ::open(("/proc/self/fdinfo/" + std::to_string(file.get())).c_str(), O_RDONLY | O_CLOEXEC));
@@ -79,7 +79,7 @@ std::optional<FileIdentity> identityOf(const FileDescriptor& file, const std::st
                                 : std::optional(FileIdentity{device->second, description->inode});
 }
 
-// A thread that takes none of the process's signals. False when there can be none.
+// The thread receives none of the process's signals. False if it cannot be created.
 bool startDetached(std::function<void()> body) {
   sigset_t all;
   sigset_t before;
@@ -97,7 +97,7 @@ bool startDetached(std::function<void()> body) {
 
 }  // namespace
 
-// Shared with the thread, which may be longer in coming back than everything else exists.
+// Shared with the thread, which may outlive everything else.
 struct FileLookup::Question {
   explicit Question(std::string text) : what(std::move(text)) {}
 
@@ -112,7 +112,7 @@ struct FileLookup::Question {
 FileLookup::FileLookup(SearchAllowance& allowance) : allowance_(allowance) {}
 
 FileLookup::Answer FileLookup::at(const std::string& path, uid_t user) {
-  // So that what is known about mounts is not older than the file.
+  // Read first, so that the mount information is no older than the file.
   mounts_.generation();
   const FileDescriptor file = openPath(path, RESOLVE_CACHED);
   if (file.isOpen()) {
@@ -120,7 +120,7 @@ FileLookup::Answer FileLookup::at(const std::string& path, uid_t user) {
     const auto device = description ? mounts_.deviceOf(description->mount) : std::nullopt;
     return {true, device ? std::optional(FileIdentity{*device, description->inode}) : std::nullopt};
   }
-  // The second and third are those of kernels that cannot restrict a look-up to their cache.
+  // The last two come from kernels that cannot restrict a look-up to their cache.
   if (errno != EAGAIN && errno != EINVAL && errno != ENOSYS) {
     return {true, std::nullopt};
   }
@@ -131,7 +131,7 @@ FileLookup::Answer FileLookup::at(const std::string& path, uid_t user) {
 FileLookup::Answer FileLookup::executableOf(pid_t pid, uid_t user) {
   const std::string folder = "/proc/" + std::to_string(pid);
   return askInThread(folder, user, [folder] {
-    // Following this link asks a network file system whether the file is still there.
+    // Following this link makes a network file system check that the file still exists.
     const FileDescriptor file(::open((folder + "/exe").c_str(), O_PATH | O_CLOEXEC));
     return identityOf(file, folder + "/mountinfo");
   });
@@ -170,7 +170,7 @@ FileLookup::Answer FileLookup::askInThread(const std::string& what, uid_t user, 
   if (!question->answered.wait_for(lock, kPatience, [&question] { return question->isAnswered; })) {
     return {};
   }
-  // The next question is about what is there then.
+  // Do not reuse it: the file may change before the next question.
   questions_.erase(user);
   return {true, question->file};
 }

@@ -17,41 +17,40 @@
 
 namespace ostravel::linuxplatform {
 
-// Finds out which file a path leads to, without ever waiting for a file system that does not answer
-// (a network server that is gone, a FUSE program that hangs). The path of a program that runs is
-// nearly always in the kernel's cache, from which it is answered in microseconds. Otherwise a
-// thread asks the file system, and the answer is waited for kPatience at most.
+// Finds the file at a path without ever blocking on a file system that does not respond (an
+// unreachable network server, a hung FUSE program). The path of a running program is nearly always
+// in the kernel's cache, which answers in microseconds. Otherwise a thread asks the file system,
+// and the caller waits for at most kPatience.
 //
-// Each user has one such thread at a time, so that a file system that hangs takes nothing from
-// other users than that short wait, which is charged to the user. Used by one thread.
+// There is one such thread per user at a time, so that a hung file system costs other users no more
+// than that short wait, which is charged to the user. Used by one thread.
 class FileLookup {
  public:
   struct Answer {
-    // Not so when it did not come in time; a later question may be answered.
+    // False if there was no answer in time; a later question may be answered.
     bool isKnown = false;
-    // Absent when there is no such file, or we may not see it.
+    // Empty if there is no such file or we may not see it.
     std::optional<FileIdentity> file;
   };
 
-  // What a local disk or a server near by needs, and few people notice once.
+  // Enough for a local disk or a nearby server, and a delay that few people notice once.
   static constexpr std::chrono::milliseconds kPatience{10};
-  // An answer that came too late is good for the next question, which follows soon when an
-  // application tries again.
+  // A late answer is kept for the next question, which follows soon if an application retries.
   static constexpr std::chrono::seconds kLateAnswerLife{1};
-  // Threads that wait for file systems, of as many users.
+  // Limit on threads that wait for file systems, each for a different user.
   static constexpr std::size_t kMaximumThreads = 16;
 
-  // The allowance outlives this.
+  // The allowance outlives this object.
   explicit FileLookup(SearchAllowance& allowance);
 
-  // The file at this absolute path in our own view of the file system; a symbolic link at its end
-  // is not followed. The user is the one that has chosen the path.
+  // The file at this absolute path in our own mount namespace; a symbolic link in the last
+  // component is not followed. user: the one who chose the path.
   Answer at(const std::string& path, uid_t user);
 
-  // The file that the process runs, wherever it is.
+  // The file that the process is running, wherever it is.
   Answer executableOf(pid_t pid, uid_t user);
 
-  // Another number whenever paths may lead somewhere else because something was mounted.
+  // Changes whenever a mount may have changed where paths lead.
   std::uint64_t generation() { return mounts_.generation(); }
 
  private:
@@ -59,12 +58,12 @@ class FileLookup {
   using Search = std::function<std::optional<FileIdentity>()>;
 
   Answer askInThread(const std::string& what, uid_t user, Search search);
-  // Whether there is room for one thread more.
+  // True if one more thread may be started.
   bool makeRoom();
 
   SearchAllowance& allowance_;
   MountTable mounts_;
-  // The one of each user that was not answered in time.
+  // Each user's question that was not answered in time.
   std::unordered_map<uid_t, std::shared_ptr<Question>> questions_;
 };
 

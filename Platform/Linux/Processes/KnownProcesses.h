@@ -13,11 +13,10 @@
 
 namespace ostravel::linuxplatform {
 
-// A process that has sent before, and what was found out about it.
+// A process that has sent before, and what is known about it.
 struct KnownProcess {
   Process process;
-  // What it is called when the owner of its socket is identifiedUser; absent when that has to be
-  // found out.
+  // The identifier if the owner of the socket is identifiedUser; empty if not yet determined.
   std::optional<std::string> identifier;
   uid_t identifiedUser = 0;
   // The last listener of the proxy that this process was compared with, and the result.
@@ -25,26 +24,27 @@ struct KnownProcess {
   bool isProxy = false;
 };
 
-// The processes that have sent lately. When there are too many, the one that has not sent for the
-// longest time is dropped: it is found again when it sends. Used by one thread.
+// Cache of the processes that have sent recently. When it is full, the least recently used entry is
+// dropped; refilling it is cheap. Used by one thread.
 class KnownProcesses {
  public:
-  // More than send anything within a few seconds on all but absurd machines; some megabytes.
+  // More processes than send anything within a few seconds on any reasonable machine; a few
+  // megabytes.
   static constexpr std::size_t kDefaultCapacity = 4096;
 
   explicit KnownProcesses(std::size_t capacity = kDefaultCapacity) : capacity_(capacity) {}
 
-  // Null when it is not known. What is returned is valid until the next insert or erase.
+  // Null if unknown. The result is valid until the next insert or erase.
   KnownProcess* find(pid_t pid);
-  // In place of what was known by that number.
+  // Replaces any entry with the same process number.
   KnownProcess& insert(Process process);
   void erase(pid_t pid);
-  // All identifiers have to be found out again.
+  // Clears all identifiers, so that they are determined again.
   void forgetIdentifiers();
 
  private:
   const std::size_t capacity_;
-  // The one that has sent last comes first.
+  // Most recently used first.
   std::list<KnownProcess> processes_;
   std::unordered_map<pid_t, std::list<KnownProcess>::iterator> positions_;
 };

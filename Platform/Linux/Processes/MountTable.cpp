@@ -19,7 +19,7 @@ MountTable::MountTable() : changes_(::open(kPath, O_RDONLY | O_CLOEXEC)) {}
 
 std::uint64_t MountTable::generation() {
   pollfd change{changes_.get(), POLLPRI, 0};
-  // Without it, every moment could be another generation.
+  // Without the descriptor, changes go unnoticed, so every call is a new generation.
   if (!changes_.isOpen() || ::poll(&change, 1, 0) != 0) {
     ++generation_;
   }

@@ -13,7 +13,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Flag of a process that is ending, from before it closes its descriptors (PF_EXITING of
+// Flag of a process that is exiting, set before its descriptors are closed (PF_EXITING of
 // linux/sched.h; proc(5), field 9 of stat).
 constexpr unsigned kExiting = 0x4;
 constexpr std::size_t kFileSize = 1024;
@@ -29,7 +29,7 @@ bool ProcessLife::hasEnded() const {
     return true;
   }
   const std::string content(text.data(), static_cast<std::size_t>(length));
-  // The name in brackets may contain anything; what follows is field 3.
+  // The name in parentheses may contain anything; field 3 follows it.
   const auto nameEnd = content.rfind(')');
   if (nameEnd == std::string::npos) {
     return true;

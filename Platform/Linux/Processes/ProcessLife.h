@@ -6,15 +6,15 @@
 
 namespace ostravel::linuxplatform {
 
-// Names a process, to ask later whether it lives on. A value; usable from any thread.
+// Names a process, to find out later whether it is still alive. A value; usable from any thread.
 class ProcessLife {
  public:
-  // startTime: in clock ticks since the machine started, which tells it from a later process with
-  // the same number.
+  // startTime: in clock ticks since boot; distinguishes it from a later process with the same
+  // number.
   ProcessLife(pid_t pid, std::uint64_t startTime) : pid_(pid), startTime_(startTime) {}
 
-  // Also true while it is ending: the kernel closes the descriptors of a process that was killed
-  // one after the other, so that their peers learn of it while others are still open.
+  // True even while the process is exiting: the kernel closes the descriptors of a killed process
+  // one by one, so some peers notice while other descriptors are still open.
   bool hasEnded() const;
 
  private:

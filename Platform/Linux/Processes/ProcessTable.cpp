@@ -17,18 +17,18 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Processes that are asked first; few programs make most of the connections.
+// Processes that are checked first; a few programs make most of the connections.
 constexpr std::size_t kMaximumRecentHolders = 8;
-// Standard input, output and error, and what a service manager hands over behind them.
+// Standard input, output and error, and the descriptors that a service manager passes after them.
 constexpr int kInheritedDescriptors = 16;
-// Larger than the files of /proc that are read here, but for absurd control group names.
+// Larger than the /proc files read here, except with absurd control group names.
 constexpr std::size_t kFileSize = 4096;
 
 std::string pathOf(pid_t pid, const char* file) {
   return "/proc/" + std::to_string(pid) + "/" + file;
 }
 
-// What fits of a small file, by one read.
+// The beginning of a small file, in one read.
 std::optional<std::string> contentOf(const std::string& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   std::array<char, kFileSize> text;
@@ -48,7 +48,7 @@ std::optional<std::string> linkTarget(const std::string& path) {
   return std::string(target.data(), static_cast<std::size_t>(length));
 }
 
-// The number that text begins with.
+// The number at the beginning of text.
 template <typename Number>
 Number numberIn(std::string_view text) {
   Number number{};
@@ -56,8 +56,8 @@ Number numberIn(std::string_view text) {
   return number;
 }
 
-// The rest of the line that begins with prefix.
-std::string_view lineBehind(std::string_view text, std::string_view prefix) {
+// The remainder of the line that starts with prefix.
+std::string_view lineAfter(std::string_view text, std::string_view prefix) {
   while (!text.empty()) {
     const auto end = text.find('\n');
     const std::string_view line = text.substr(0, end);
@@ -69,7 +69,7 @@ std::string_view lineBehind(std::string_view text, std::string_view prefix) {
   return {};
 }
 
-// The n-th of the words, which single spaces separate.
+// The n-th word; words are separated by single spaces.
 std::string_view word(std::string_view text, int n) {
   for (; n > 0; --n) {
     const auto space = text.find(' ');
@@ -81,13 +81,13 @@ std::string_view word(std::string_view text, int n) {
   return text.substr(0, text.find(' '));
 }
 
-// The part of a stamp that is in /proc/PID/stat.
+// The part of a stamp that /proc/PID/stat contains.
 std::optional<ProcessStamp> programStampOf(pid_t pid) {
   const auto text = contentOf(pathOf(pid, "stat"));
   if (!text) {
     return std::nullopt;
   }
-  // The name in brackets may contain anything; what follows is field 3.
+  // The name in parentheses may contain anything; field 3 follows it.
   const auto nameEnd = text->rfind(')');
   if (nameEnd == std::string::npos || nameEnd + 2 > text->size()) {
     return std::nullopt;
@@ -113,8 +113,8 @@ std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
   if (!stamp || !status) {
     return std::nullopt;
   }
-  // The real, the effective and two more users, behind tabs.
-  std::string_view users = lineBehind(*status, "Uid:\t");
+  // The real, the effective and two more users, separated by tabs.
+  std::string_view users = lineAfter(*status, "Uid:\t");
   stamp->realUser = numberIn<uid_t>(users);
   users.remove_prefix(std::min(users.size(), users.find('\t') + 1));
   stamp->uid = numberIn<uid_t>(users);
@@ -132,8 +132,8 @@ std::optional<Process> ProcessTable::find(pid_t pid, std::optional<FileIdentity>
   readExecutable(process, executable);
   // The unified hierarchy is number 0 and has no controllers (cgroups(7)).
   const auto groups = contentOf(pathOf(pid, "cgroup"));
-  process.serviceGroup = serviceGroupOf(lineBehind(groups.value_or(""), "0::"));
-  // All of it is about one program, or it is not worth anything.
+  process.serviceGroup = serviceGroupOf(lineAfter(groups.value_or(""), "0::"));
+  // Unless all of it is about the same program, it is worthless.
   const auto after = programStampOf(pid);
   if (!after || after->startTime != stamp->startTime || after->stackStart != stamp->stackStart) {
     return std::nullopt;
@@ -143,7 +143,7 @@ std::optional<Process> ProcessTable::find(pid_t pid, std::optional<FileIdentity>
 
 bool ProcessTable::refreshExecutable(Process& process,
                                      std::optional<FileIdentity> executable) const {
-  // The kernel says here that a file was removed or renamed.
+  // Here the kernel shows that a file was removed or renamed.
   const auto link = linkTarget(pathOf(process.pid, "exe"));
   if (!link || (process.isExecutableSettled && *link == process.executableLink &&
                 process.mountGeneration == files_->generation())) {
@@ -161,7 +161,7 @@ void ProcessTable::readExecutable(Process& process, std::optional<FileIdentity> 
   process.executableLink = linkTarget(pathOf(process.pid, "exe")).value_or("");
   process.executable.clear();
   process.executableFile = executable;
-  // Whatever is not a path could be taken for another kind of identifier.
+  // Text that is not a path could be taken for another kind of identifier.
   if (!process.executableLink.starts_with('/')) {
     return;
   }
@@ -222,7 +222,7 @@ bool ProcessTable::hasInherited(pid_t pid, std::uint32_t inode) const {
 }
 
 std::string_view serviceGroupOf(std::string_view controlGroup) {
-  // From the innermost group outwards; a service may have groups of its own inside.
+  // From the innermost group outwards; a service may have nested groups.
   while (!controlGroup.empty()) {
     const std::string_view name = controlGroup.substr(controlGroup.rfind('/') + 1);
     if (name.ends_with(".service")) {

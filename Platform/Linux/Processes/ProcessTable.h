@@ -17,16 +17,16 @@
 
 namespace ostravel::linuxplatform {
 
-// Tells a process from a later one with the same number, and from what it was before it started
+// Distinguishes a process from a later one with the same number, and from itself before it executed
 // another program or changed its user.
 struct ProcessStamp {
-  // In clock ticks since the machine started.
+  // In clock ticks since boot.
   std::uint64_t startTime = 0;
-  // Where the program's stack begins, which is drawn anew for every program.
+  // Where the program's stack begins; randomized for every program.
   std::uint64_t stackStart = 0;
   // The effective user.
   uid_t uid = 0;
-  // Who has started a program that goes on as another user.
+  // The user who started a program that runs as another user.
   uid_t realUser = 0;
 
   friend bool operator==(const ProcessStamp&, const ProcessStamp&) = default;
@@ -35,59 +35,58 @@ struct ProcessStamp {
 struct Process {
   pid_t pid = 0;
   ProcessStamp stamp;
-  // Absolute path of the program, any bytes; empty when it cannot be told.
+  // Absolute path of the executable, any bytes; empty if it cannot be determined.
   std::string executable;
   std::optional<FileIdentity> executableFile;
-  // Whether the file that runs is the one at that path, for us and now. A process can run another
-  // one that seems to be there: from a file system view of its own, through a descriptor that it
-  // was handed from there, or because the one at the path was replaced.
+  // True if the running file is currently the one at that path in our mount namespace. A process
+  // can run another file under that path: in its own mount namespace, through a descriptor from
+  // there, or because the file at the path was replaced.
   bool isExecutableGenuine = false;
-  // Whether the file that runs was removed from that path, or replaced there.
+  // True if the running file was removed from that path or replaced there.
   bool isExecutableDeleted = false;
-  // False while a file system has not answered; then the above says less than could be known.
+  // False while a file system has not answered; the members above are incomplete then.
   bool isExecutableSettled = false;
-  // The control group of the systemd service that it belongs to; empty outside of services.
+  // The control group of the process's systemd service; empty outside of services.
   std::string serviceGroup;
 
-  // What the above was found out from: /proc/PID/exe as it was, and what was mounted.
+  // The basis of the members above: /proc/PID/exe and the mounts at that time.
   std::string executableLink;
   std::uint64_t mountGeneration = 0;
 };
 
-// The processes of this machine, read from /proc (proc(5)), of which only what never waits for a
-// file system or for the process is touched: not cmdline, environ or maps. Used by one thread.
+// The processes of this machine, read from /proc (proc(5)). Reads only files that never block on a
+// file system or on the process: not cmdline, environ or maps. Used by one thread.
 class ProcessTable {
  public:
-  // What it finds out at the expense of other work is charged to the allowance.
+  // Work done at the expense of other flows is charged to the allowance.
   explicit ProcessTable(
       std::shared_ptr<SearchAllowance> allowance = std::make_shared<SearchAllowance>());
 
-  // All are absent when there is no such process, or it has just ended.
+  // Both are empty if there is no such process or it has just ended.
   std::optional<ProcessStamp> stampOf(pid_t pid) const;
-  // executable is what it runs, or ran when it did what it is looked at for, as the kernel has
-  // recorded it; found out when there is no such record.
+  // executable: what the process runs, or ran at the time in question, as the kernel recorded it;
+  // if empty, it is looked up.
   std::optional<Process> find(pid_t pid,
                               std::optional<FileIdentity> executable = std::nullopt) const;
-  // Looks again at what may have changed although the stamp is the same: whether the executable is
-  // still the file at its path. Costs little when nothing has changed; returns whether it has.
+  // Rechecks what may change while the stamp stays the same: whether the executable is still the
+  // file at its path. Cheap if nothing has changed; returns true if something has.
   bool refreshExecutable(Process& process,
                          std::optional<FileIdentity> executable = std::nullopt) const;
 
-  // Some process that holds the socket with this inode, user's processes first; absent also when it
-  // was not found within kHolderBudget.
-  // The allowance is not asked, but charged. candidate is looked at before all others.
+  // A process that holds the socket with this inode; candidate is checked first, then user's
+  // processes. Empty also if none was found within kHolderBudget. Charges the allowance without
+  // asking it.
   std::optional<pid_t> holderOf(std::uint32_t inode, uid_t user,
                                 std::optional<pid_t> candidate = std::nullopt);
 
-  // What searches for processes may cost, together.
+  // The shared limit on the cost of process searches.
   SearchAllowance& allowance() const { return *allowance_; }
 
-  // Whether the process holds the socket as one of its first descriptors, where what was handed to
-  // it at its start is.
+  // True if the process holds the socket among its first descriptors, where inherited ones are.
   bool hasInherited(pid_t pid, std::uint32_t inode) const;
 
-  // A third of what a held first packet may wait without anybody noticing, and what that comes to
-  // on a machine that gives us a fifth of a core.
+  // A third of the delay of a held first packet that goes unnoticed, and the corresponding time on
+  // a machine that gives us a fifth of a core.
   static constexpr std::chrono::milliseconds kHolderBudget{5};
   static constexpr std::chrono::milliseconds kLongestHolderSearch{25};
 
@@ -97,12 +96,12 @@ class ProcessTable {
 
   const std::shared_ptr<SearchAllowance> allowance_;
   const std::unique_ptr<FileLookup> files_;
-  // Those that were found last, latest first; they are asked first.
+  // The holders found last, latest first; checked before all others.
   std::deque<pid_t> recentHolders_;
 };
 
-// The part of a control group's path up to the systemd service that it belongs to; empty when it
-// belongs to none, or only to the manager of a user's session.
+// The part of a control group's path up to the systemd service; empty if it belongs to none, or
+// only to the manager of a user's session.
 std::string_view serviceGroupOf(std::string_view controlGroup);
 
 }  // namespace ostravel::linuxplatform

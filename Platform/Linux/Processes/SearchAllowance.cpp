@@ -8,7 +8,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Users that are remembered; those that have spent nothing lately are like new ones.
+// Cache bound. A user who has spent nothing recently equals a new one.
 constexpr std::size_t kMaximumUsers = 1024;
 
 }  // namespace

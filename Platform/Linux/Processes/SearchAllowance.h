@@ -11,35 +11,36 @@
 
 namespace ostravel::linuxplatform {
 
-// How much of the verdict thread's time may go into finding out about processes: into looks through
-// their descriptors and into waiting for a file system, all of them together. What is begun is
-// ended, at the expense of what comes later. Used by one thread.
+// Limits the verdict thread's total time for finding out about processes: scanning their
+// descriptors and waiting for file systems. An operation that has begun is completed, at the
+// expense of later ones. Used by one thread.
 class SearchAllowance {
  public:
   using Clock = std::chrono::steady_clock;
   using Duration = std::chrono::nanoseconds;
 
-  // Of all time, so that nine tenths are left for flows that need no search.
+  // A tenth of all time, which leaves nine tenths for flows that need no search.
   static constexpr int kDivisor = 10;
-  // What may be spent at once: the longest search for the local proxy, and as much again for users.
+  // The most that can be spent at once: the longest search for the local proxy, and the same for
+  // users.
   static constexpr Duration kBurst = std::chrono::milliseconds(200);
-  // Users may not have this part of it. All flows are left to the system until the search for the
-  // local proxy has ended.
+  // Not available to users. All flows are left to the system until the search for the local proxy
+  // has ended.
   static constexpr Duration kReserve = kBurst / 2;
-  // No user may have more than half of what there is: what is left serves all others.
+  // No user gets more than half of the total, which leaves the rest to all others.
   static constexpr int kUserDivisor = 2 * kDivisor;
-  // Two of the longest searches for the holder of a socket.
+  // Two of the longest searches for a socket's holder.
   static constexpr Duration kUserBurst = std::chrono::milliseconds(50);
 
   enum class Counted {
-    // In which the thread runs. On a busy machine a search would use up everything while it waits
-    // for its turn.
+    // The thread's running time. On a busy machine, a search measured by the clock would use up the
+    // allowance while waiting for the processor.
     work,
     // By the clock: for waiting.
     time,
   };
 
-  // Charges a user, or the reserve, for the time from its making to its end.
+  // Charges a user, or the reserve, for the time from construction to destruction.
   class Charge {
    public:
     Charge(SearchAllowance& allowance, std::optional<uid_t> user, Counted counted)
@@ -55,16 +56,16 @@ class SearchAllowance {
     const Duration start_;
   };
 
-  // now tells the time by the clock, work that of the thread.
+  // now returns the time by the clock, work the thread's running time.
   explicit SearchAllowance(std::function<Clock::time_point()> now = &Clock::now,
                            std::function<Duration()> work = &SearchBudget::timeOfThread);
 
-  // Whether something may be searched for now on behalf of a user; without one, on behalf of all.
+  // True if a search is permitted now on behalf of a user, or, without one, of all flows.
   bool permits(std::optional<uid_t> user);
   void spend(std::optional<uid_t> user, Duration time);
 
  private:
-  // Fills with the time, up to a limit. A debt is paid off first.
+  // Fills with time, up to a limit. A debt is paid off first.
   struct Bucket {
     Duration level;
     Clock::time_point filled;

@@ -9,7 +9,7 @@ SearchBudget::SearchBudget(std::chrono::nanoseconds work, std::chrono::nanosecon
 
 bool SearchBudget::isUsedUp() const {
   const auto elapsed = std::chrono::steady_clock::now() - start_;
-  // The thread has not run for longer than that. Its own clock takes a system call.
+  // The thread cannot have run for longer than that. Reading its own clock takes a system call.
   if (elapsed < work_) {
     return false;
   }

@@ -4,19 +4,19 @@
 
 namespace ostravel::linuxplatform {
 
-// How long a search may go on while a first packet is held for it. Counted is the time in which the
-// thread really runs: on a busy machine it may not run for longer than a whole search takes, and
-// giving up then would find out nothing, again for every flow, however little there is to search.
-// Since an application waits by the clock, the clock has the last word. Begins when it is made, and
-// is used by the thread that made it.
+// Limits how long a search may continue while a first packet is held for it. It counts the thread's
+// running time: on a busy machine the thread may be preempted for longer than a whole search takes,
+// and giving up then would fail for every flow, however little there is to search. Because the
+// application waits by the clock, a limit by the clock applies as well. Starts on construction;
+// used by the thread that created it.
 class SearchBudget {
  public:
-  // longest: by the clock, not less than work.
+  // longest: by the clock, at least work.
   SearchBudget(std::chrono::nanoseconds work, std::chrono::nanoseconds longest);
 
   bool isUsedUp() const;
 
-  // How long the calling thread has run so far.
+  // The calling thread's running time so far.
   static std::chrono::nanoseconds timeOfThread();
 
  private:

@@ -44,7 +44,7 @@ void SocketHolderSearch::prefer(pid_t process) {
   const auto next = processes_.begin() + static_cast<std::ptrdiff_t>(next_);
   const auto seenEnd = next == processes_.end() ? next : next + 1;
   if (std::find(processes_.begin(), seenEnd, process) == seenEnd) {
-    // The one that is interrupted is begun again later.
+    // The interrupted process is scanned again later.
     processes_.insert(next, process);
     descriptors_.reset();
   }
@@ -53,7 +53,7 @@ void SocketHolderSearch::prefer(pid_t process) {
 SocketHolderSearch::Result SocketHolderSearch::proceed(const SearchBudget& budget) {
   while (true) {
     if (next_ == processes_.size()) {
-      if (areListed_) {
+      if (hasListedProcesses_) {
         return Result::absent;
       }
       listProcesses();
@@ -85,7 +85,7 @@ bool SocketHolderSearch::isHeldThroughCurrentDescriptor(const dirent& entry) con
 }
 
 void SocketHolderSearch::listProcesses() {
-  areListed_ = true;
+  hasListedProcesses_ = true;
   const std::unique_ptr<DIR, DirectoryRelease> directory(::opendir("/proc"));
   if (!directory) {
     return;

@@ -13,25 +13,25 @@
 
 namespace ostravel::linuxplatform {
 
-// A look through the descriptors of all processes for the one that holds a socket, newest processes
-// first, in as many parts as the caller's budget permits. Processes may come and go meanwhile;
-// those that come later are not looked at. Without the permission to look into foreign processes
-// (CAP_SYS_PTRACE) only own ones are found. Used by one thread at a time.
+// Scans the descriptors of all processes for the one that holds a socket, newest processes first,
+// in as many steps as the caller's budget requires. Processes may come and go in between; new ones
+// are not scanned. Without permission to inspect foreign processes (CAP_SYS_PTRACE), only our own
+// are found. Used by one thread at a time.
 class SocketHolderSearch {
  public:
   enum class Result { found, absent, unfinished };
 
-  // The processes in first are looked at before all others; preferredUser's come next.
+  // The processes in first are scanned before all others, then those of preferredUser.
   SocketHolderSearch(std::uint32_t inode, std::vector<pid_t> first,
                      std::optional<uid_t> preferredUser);
 
-  // Looks at this process next, unless it was looked at or named before.
+  // Scans this process next, unless it was already scanned or preferred.
   void prefer(pid_t process);
 
-  // Goes on until the end or until the budget is used up; looks at one descriptor at least.
+  // Continues until the end or until the budget is used up; examines at least one descriptor.
   Result proceed(const SearchBudget& budget);
 
-  // Of a search that has found it.
+  // Valid for a search that has found the holder.
   pid_t holder() const { return processes_[next_]; }
 
  private:
@@ -45,9 +45,9 @@ class SocketHolderSearch {
   const std::uint32_t inode_;
   const std::optional<uid_t> preferredUser_;
   std::vector<pid_t> processes_;
-  bool areListed_ = false;
+  bool hasListedProcesses_ = false;
   std::size_t next_ = 0;
-  // The descriptors of the next process, while they are being looked at.
+  // The descriptors of the next process, while they are being scanned.
   std::unique_ptr<DIR, DirectoryRelease> descriptors_;
 };
 

@@ -14,7 +14,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// More than a line of passwd(5) ever takes.
+// Longer than any line of passwd(5).
 constexpr std::size_t kMaximumEntry = 1024 * 1024;
 
 // Decimal, octal with a leading "0" or hexadecimal with a leading "0x" (login.defs(5)).
@@ -45,7 +45,7 @@ SystemUsers SystemUsers::read(const std::string& path) {
     std::string name;
     std::string value;
     words >> name >> value;
-    // A comment names neither. Of several lines the last one counts.
+    // A comment matches neither. Of several lines the last one counts.
     if (name == "SYS_UID_MAX") {
       systemMaximum = number(value);
     } else if (name == "UID_MIN") {

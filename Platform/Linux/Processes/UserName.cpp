@@ -11,7 +11,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// More than any line of /etc/passwd takes.
+// Longer than any line of /etc/passwd.
 constexpr std::size_t kLineSize = 4096;
 
 struct Close {

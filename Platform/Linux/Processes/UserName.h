@@ -6,8 +6,8 @@
 
 namespace ostravel::linuxplatform {
 
-// The name of a user for people, from /etc/passwd alone, so that no directory service is waited
-// for; the number where there is no name. Reads a file.
+// A user's name for people, from /etc/passwd only, so as never to block on a directory service; the
+// number if there is no name. Reads a file.
 std::string nameOfUser(uid_t user);
 
 }  // namespace ostravel::linuxplatform

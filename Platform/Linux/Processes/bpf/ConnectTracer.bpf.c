@@ -1,22 +1,21 @@
-// Remembers which process has connected a socket, or has sent on it without connecting it. Attached
-// to the root of the control groups, so it sees every process; it lets everything pass.
+// Records which process connected a socket, or sent on it without connecting. Attached to the root
+// control group, so it sees every process; it permits everything.
 //
-// Everything that is needed of the kernel's interface is written down here (bpf(2),
-// bpf-helpers(7)), so that no kernel headers have to be installed.
+// All that is needed of the kernel's interface is declared here (bpf(2), bpf-helpers(7)), so that
+// no kernel headers have to be installed.
 //
-// Compiled twice. With TRACE_PROGRAMS it also remembers which program the process was running at
-// that moment; it reads the kernel's own structures for that, which takes a kernel that describes
-// them (/sys/kernel/btf/vmlinux, Linux 5.11) and a helper that is reserved for programs under a
-// licence that is compatible with the GPL: hence the licence below, which is that of this file.
-// Without TRACE_PROGRAMS it works on older kernels, and no helper asks for a licence.
+// Compiled twice. With TRACE_PROGRAMS it also records which program the process was running at that
+// moment. For that it reads the kernel's own structures, which requires a kernel with type
+// information (/sys/kernel/btf/vmlinux, Linux 5.11) and a helper that is reserved for programs
+// under a GPL-compatible licence: hence the licence below, which applies to this file. Without
+// TRACE_PROGRAMS it runs on older kernels, and no helper requires a licence.
 
 typedef unsigned int u32;
 typedef unsigned long long u64;
 
 enum {
   kMapTypeLRUHash = 9,
-  // Sockets that wait for their first packet to be looked at are few; the least recently used ones
-  // are dropped by themselves.
+  // Few sockets await the examination of their first packet; the map drops the least recently used.
   kMaximumSockets = 16384,
   kUpdateAny = 0,
   kAllow = 1,
@@ -28,21 +27,21 @@ static long (*const updateElement)(void* map, const void* key, const void* value
 static u64 (*const currentProcessAndThread)(void) = (void*)14;
 static u64 (*const socketCookie)(void* context) = (void*)46;
 
-// ConnectTracer.cpp has the same.
+// Must match ConnectTracer.cpp.
 struct Record {
   u32 process;
-  // The following are 0 where programs are not traced.
+  // The following are 0 unless programs are traced.
   u32 user;
   u32 effectiveUser;
-  // As the kernel numbers it: 12 bits of major, 20 bits of minor number.
+  // The kernel's encoding: 12 bits of major, 20 bits of minor number.
   u32 executableDevice;
   u64 executableInode;
-  // Of the first thread, in nanoseconds since the machine started.
+  // Of the first thread, in nanoseconds since boot.
   u64 startTime;
   u64 stackStart;
 };
 
-// The form in which libbpf takes the description of a map: each number as the size of an array.
+// libbpf's form of a map description: each number as the size of an array.
 struct {
   int (*type)[kMapTypeLRUHash];
   u64* key;
@@ -52,7 +51,7 @@ struct {
 
 #ifdef TRACE_PROGRAMS
 
-// The fields that are read. The loader finds out where they are in the running kernel.
+// The fields that are read. The loader finds their offsets in the running kernel.
 #define KERNEL_TYPE __attribute__((preserve_access_index))
 
 typedef struct {
@@ -99,7 +98,7 @@ static inline __attribute__((always_inline)) void describeProgram(struct Record*
   record->effectiveUser = task->cred->euid.val;
   record->startTime = task->group_leader->start_boottime;
   const struct mm_struct* const memory = task->mm;
-  // The kernel's own threads run no program.
+  // Kernel threads run no program.
   if (memory == 0) {
     return;
   }
@@ -134,7 +133,8 @@ static inline __attribute__((always_inline)) int remember(void* context) {
   struct Record record = {};
   record.process = (u32)(currentProcessAndThread() >> 32);
   describeProgram(&record);
-  // Who sends again and again without connecting changes nothing, which is cheaper.
+  // A process that sends repeatedly without connecting leaves the record unchanged, which is
+  // cheaper.
   const struct Record* const known = lookupElement(&processes, &cookie);
   if (known == 0 || !areEqual(known, &record)) {
     updateElement(&processes, &cookie, &record, kUpdateAny);

@@ -1,7 +1,7 @@
-# Turns a compiled program into C++ source: cmake -DINPUT=... -DOUTPUT=... -DNAME=... -P this
+# Converts a compiled program to C++ source: cmake -DINPUT=... -DOUTPUT=... -DNAME=... -P this
 file(READ ${INPUT} bytes HEX)
 string(REGEX REPLACE "(..)" "0x\\1," bytes "${bytes}")
-# Sixteen bytes of five characters each per line.
+# Per line: sixteen bytes of five characters each.
 string(REPEAT "." 80 line)
 string(REGEX REPLACE "(${line})" "\\1\n" bytes "${bytes}")
 file(WRITE ${OUTPUT} "#pragma once
