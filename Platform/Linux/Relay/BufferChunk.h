@@ -10,14 +10,14 @@
 
 namespace ostravel::linuxplatform {
 
-// A chunk in a pooled buffer, which it gives back.
+// A chunk in a pooled buffer, which it returns to the pool.
 class BufferChunk final : public platform::Data::Storage {
  public:
-  // memory: what the buffer takes of the budget.
+  // memory: the buffer's share of the budget.
   BufferChunk(BufferPool& pool, BufferPool::Buffer buffer, std::size_t size,
               MemoryBudget::Lease memory)
       : pool_(pool), buffer_(std::move(buffer)), size_(size), memory_(std::move(memory)) {}
-  ~BufferChunk() override { pool_.giveBack(std::move(buffer_)); }
+  ~BufferChunk() override { pool_.release(std::move(buffer_)); }
 
   std::size_t size() const noexcept override { return size_; }
   std::span<const std::byte> bytes() override { return {buffer_.get(), size_}; }

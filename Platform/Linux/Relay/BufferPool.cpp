@@ -16,8 +16,8 @@ BufferPool::Buffer BufferPool::take() {
   return buffer;
 }
 
-void BufferPool::giveBack(Buffer buffer) {
-  // A chunk that somebody dropped on another thread is not worth a lock.
+void BufferPool::release(Buffer buffer) {
+  // Chunks dropped on another thread are too rare to justify a lock.
   if (!loop_.isCurrent()) {
     return;
   }

@@ -8,8 +8,8 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// Memory that bytes are received into, limits::kBufferSize each. Owned by an event loop and used on
-// its thread; a buffer may come back on any thread. Keeps a bounded number for reuse.
+// Buffers for receiving, limits::kBufferSize bytes each. Owned by an event loop and used on its
+// thread; a buffer may be returned on any thread. Keeps a bounded number for reuse.
 class BufferPool {
  public:
   using Buffer = std::unique_ptr<std::byte[]>;
@@ -19,7 +19,7 @@ class BufferPool {
   BufferPool& operator=(const BufferPool&) = delete;
 
   Buffer take();
-  void giveBack(Buffer buffer);
+  void release(Buffer buffer);
 
   std::size_t keptCount() const { return kept_.size(); }
 

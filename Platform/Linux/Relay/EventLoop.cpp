@@ -15,8 +15,8 @@ namespace {
 
 thread_local EventLoop* currentLoop = nullptr;
 
-// Only this thread writes to sockets by splice(2), which raises SIGPIPE whatever its flags.
-// Blocked, the signal stays with the thread and does nothing.
+// Only this thread writes to sockets with splice(2), which raises SIGPIPE whatever its flags.
+// Blocked, the signal stays pending on the thread and has no effect.
 void blockBrokenPipeSignal() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -37,7 +37,7 @@ EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget
       pipes_(*this, descriptors, memory),
       turns_({.share = limits::kBytesPerTurn, .total = limits::kBytesPerTurnOfAll},
              [this](FairTurns::Work turn) { post(std::move(turn)); }),
-      // One thread runs it, any thread may post to it.
+      // Run by one thread; any thread may post to it.
       context_(1),
       work_(context_.get_executor()),
       listener_(std::make_unique<FlowListener>(*this)),

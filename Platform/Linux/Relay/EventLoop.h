@@ -24,40 +24,40 @@ namespace ostravel::linuxplatform {
 class FlowListener;
 class RedirectPath;
 
-// One thread that waits for the sockets of its flows and connections and runs everything that
-// happens to them, and what that work shares: buffers, pipes, and the listener at which released
-// flows arrive. Owned by an EventLoopGroup; outlives what was made on it.
+// One thread that waits for the sockets of its flows and connections and runs all their work, and
+// what that work shares: buffers, pipes, and the listener that accepts released flows. Owned by an
+// EventLoopGroup; outlives everything created on it.
 class EventLoop {
  public:
   using Timer = asio::basic_waitable_timer<std::chrono::steady_clock,
                                            asio::wait_traits<std::chrono::steady_clock>,
                                            asio::io_context::executor_type>;
 
-  // What the loop has done since it started. Written and read on the loop only.
+  // Statistics since the loop started. Written and read on the loop only.
   struct Counters {
     // Bytes that streams have received into memory and into pipes.
     std::uint64_t copiedBytes = 0;
     std::uint64_t splicedBytes = 0;
-    // Bytes of closed streams that nobody wanted.
+    // Unread bytes of closed streams.
     std::uint64_t discardedBytes = 0;
-    // Times that a socket or a timer of the loop woke somebody.
+    // Completed waits for sockets and timers of the loop.
     std::uint64_t wakeups = 0;
   };
 
-  // Starts the thread. Throws std::system_error when the kernel gives no listener.
-  // redirectPath: who is to know of connections that do not arrive.
+  // Starts the thread. Throws std::system_error if no listener can be created. redirectPath:
+  // notified of connections that do not arrive.
   EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget& memory,
             const PacketMarks& marks = {}, std::shared_ptr<RedirectPath> redirectPath = nullptr);
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
-  // Stops the loop. Work that was still waiting is destroyed without running.
+  // Stops the loop. Pending work is destroyed without running.
   ~EventLoop();
 
-  // The loop whose thread this is; null on every other thread.
+  // The loop that the calling thread runs; null on every other thread.
   static EventLoop* current();
   bool isCurrent() const { return current() == this; }
 
-  // The index that a released packet is redirected by.
+  // The index for redirecting a released packet to this loop.
   unsigned index() const { return index_; }
 
   // How this process marks its sockets and packets. From any thread.
@@ -66,19 +66,19 @@ class EventLoop {
   // May be null. From any thread.
   RedirectPath* redirectPath() const { return redirectPath_.get(); }
 
-  // Runs work on the loop's thread, in order, never inside this call. From any thread; returns at
-  // once.
+  // Runs work on the loop's thread, in order, never inside this call. From any thread; does not
+  // block.
   template <typename Work>
   void post(Work&& work) {
     asio::post(context_, std::forward<Work>(work));
   }
 
-  // Ends the thread after the item that is running, and waits for it. Nothing of this loop
-  // completes afterwards: the completions that wait in its streams are destroyed without running,
-  // and so are the tunnels that only they still hold. Idempotent; not from the loop itself.
+  // Ends the thread after the item that is running, and joins it. Nothing completes on this loop
+  // afterwards: the pending completions of its streams are destroyed without running, and so are
+  // the tunnels that only they keep alive. Idempotent; not from the loop itself.
   void stop();
 
-  // The ports of the listener may be asked for from any thread.
+  // The listener's ports may be read from any thread.
   FlowListener& listener() { return *listener_; }
   DescriptorBudget& descriptors() { return descriptors_; }
 
@@ -92,10 +92,10 @@ class EventLoop {
   FairTurns& turns() { return turns_; }
   asio::io_context& context() { return context_; }
 
-  // Whose flow is being served: a connection that is made meanwhile is for this user. Null between
+  // The user whose flow is being served; connections created now are charged to it. Null between
   // flows.
   const std::shared_ptr<UserShare>& servedUser() const { return servedUser_; }
-  // Serves a user's flow for as long as it exists.
+  // Serves a user's flow for the lifetime of the object.
   class Service {
    public:
     Service(EventLoop& loop, std::shared_ptr<UserShare> user)
@@ -123,8 +123,8 @@ class EventLoop {
   PipePool pipes_;
   StreamRegistry streams_;
   FairTurns turns_;
-  // Destroys the handlers that never ran, and with them what they hold, so that which streams give
-  // back and give up comes first.
+  // Declared after the pools: destroying it destroys pending handlers, which return buffers to
+  // them.
   asio::io_context context_;
   asio::executor_work_guard<asio::io_context::executor_type> work_;
   std::unique_ptr<FlowListener> listener_;

@@ -17,8 +17,8 @@ namespace ostravel::linuxplatform {
 // The event loops of the process. Owned by the process entry; outlives every flow and connection.
 class EventLoopGroup {
  public:
-  // One loop per core that this process may use, at most as many as there are marks for. Throws
-  // std::system_error when the kernel gives no thread or no listener.
+  // Creates one loop per core available to this process, at most as many as there are marks for.
+  // Throws std::system_error if a thread or listener cannot be created.
   explicit EventLoopGroup(DescriptorBudget& descriptors, const PacketMarks& marks = {});
   EventLoopGroup(DescriptorBudget& descriptors, unsigned count, const PacketMarks& marks = {});
   EventLoopGroup(const EventLoopGroup&) = delete;
@@ -31,9 +31,9 @@ class EventLoopGroup {
   unsigned size() const { return static_cast<unsigned>(loops_.size()); }
   EventLoop& loop(unsigned index) { return *loops_[index]; }
 
-  // Starts a connection to an address literal and a port in decimal, on the loop that this is
-  // called on, so that a flow and its connection share one, and on the next loop when it is called
-  // elsewhere. From any thread.
+  // Starts a connection to an address literal and a decimal port. Uses the calling loop, so that a
+  // flow and its connection share one, or the next loop when called from elsewhere. From any
+  // thread.
   std::shared_ptr<LinuxTCPConnection> connect(const platform::HostEndpoint& endpoint);
 
   // Ends every loop after the item that it is running, and waits for all. Idempotent.

@@ -19,13 +19,13 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// The loopback addresses, with a port of the kernel's choice.
+// The loopback addresses, with a port chosen by the kernel.
 constexpr SocketEndpoint kIPv4Loopback{AddressFamily::ipv4, {127, 0, 0, 1}, 0};
 constexpr SocketEndpoint kIPv6Loopback{
     AddressFamily::ipv6, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0};
 
-// Where a redirected connection was going. Absent when the kernel does not track the connection, so
-// that it cannot have been redirected; what comes to us directly is going to our own listener.
+// The original destination of a redirected connection. Empty if the kernel does not track the
+// connection, which then cannot have been redirected; a direct connection returns our own listener.
 std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily family) {
   KernelAddress address;
   // The IPv6 option has the same number (linux/netfilter_ipv6/ip6_tables.h).
@@ -36,7 +36,7 @@ std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily 
   return address.endpoint();
 }
 
-// Inherited by the sockets that are accepted.
+// Accepted sockets inherit these options.
 void keepAlive(int listener) {
   const auto set = [listener](int level, int option, int value) {
     ::setsockopt(listener, level, option, &value, sizeof value);
@@ -96,7 +96,7 @@ void FlowListener::waitForConnections(Socket& listener) {
   });
 }
 
-void FlowListener::rest(Socket& listener) {
+void FlowListener::pauseAccepting(Socket& listener) {
   listener.pause.expires_after(limits::kAcceptPause);
   listener.pause.async_wait([this, &listener](asio::error_code error) {
     if (!error) {
@@ -108,8 +108,8 @@ void FlowListener::rest(Socket& listener) {
 
 void FlowListener::acceptSome(Socket& listener) {
   if (acceptArrived(listener) == Backlog::stuck) {
-    // The connection stays in the backlog, so that waiting for it would not wait.
-    rest(listener);
+    // The connection stays in the backlog, so waiting for another would return at once.
+    pauseAccepting(listener);
   } else {
     waitForConnections(listener);
   }
@@ -130,7 +130,7 @@ FlowListener::Backlog FlowListener::acceptArrived(Socket& listener) {
     if (errno == EAGAIN) {
       break;
     }
-    // Anything else concerns one connection that is gone already (accept(2)).
+    // Any other error concerns one connection that is already gone (accept(2)).
   }
   return Backlog::taken;
 }
@@ -139,7 +139,7 @@ void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
   FileDescriptor connection(descriptor);
   const auto waiter = take(descriptor, peer);
   if (!waiter) {
-    // Closing it resets it, as every socket of this listener.
+    // Closing it resets it, as with every socket of this listener.
     return;
   }
   LoopSocket socket(loop_, connection.release());
@@ -199,9 +199,9 @@ FlowListener::Expected::iterator FlowListener::find(const SocketEndpoint& peer,
   return found == end ? expected_.end() : found;
 }
 
-// Connections that share a source port and differed by destination would be the same once
-// redirected to one listener, so the kernel gives the later one another port. It is then known by
-// where it was going, which may be true of several flows.
+// Connections may share a source port and differ only by destination. Redirected to one listener
+// they would be identical, so the kernel assigns a new port to the later one. It is then matched by
+// its original destination, which several flows may have in common.
 FlowListener::Expected::iterator FlowListener::findRenumbered(const SocketEndpoint& peer,
                                                               const SocketEndpoint& destination) {
   auto oldest = expected_.end();
@@ -235,7 +235,7 @@ FlowListener::Expected::iterator FlowListener::find(const Deadline& deadline) {
 }
 
 void FlowListener::waitForDeadline() {
-  // Nearly every connection has arrived long before.
+  // Nearly all of these connections have arrived long before.
   while (!deadlines_.empty() && find(deadlines_.front()) == expected_.end()) {
     deadlines_.pop_front();
   }
@@ -253,14 +253,14 @@ void FlowListener::waitForDeadline() {
 }
 
 void FlowListener::expire() {
-  // When this loop was busy for long, what was expected has arrived and only waits to be accepted.
+  // If this loop was busy for long, the expected connections may be in the backlog already.
   for (Socket* const listener : {&ipv4_, &ipv6_}) {
     if (listener->socket.isOpen()) {
       acceptArrived(*listener);
     }
   }
   const auto now = std::chrono::steady_clock::now();
-  // A waiter that is told may release another flow, which adds a deadline at the end.
+  // A waiter may release another flow when notified, which adds a deadline at the end.
   while (!deadlines_.empty() && deadlines_.front().time <= now) {
     const auto found = find(deadlines_.front());
     std::shared_ptr<Waiter> waiter;

@@ -13,10 +13,10 @@
 
 namespace ostravel::linuxplatform {
 
-// Where the connections of released flows arrive: a listener on the loopback address of each
-// family. The kernel redirects them with the application's own address kept, by which, together
-// with where they were going, they are matched with the flow that waits for them; a connection that
-// nobody waits for, or that was not redirected, is reset.
+// Accepts the connections of released flows: a listener on the loopback address of each family. The
+// kernel redirects them with the application's source address preserved; this address and the
+// original destination identify the flow that waits for the connection. A connection that no flow
+// waits for, or that was not redirected, is reset.
 //
 // Owned by its event loop. Everything except the ports is for the loop's thread.
 class FlowListener {
@@ -30,28 +30,28 @@ class FlowListener {
     virtual ~Waiter() = default;
 
     virtual const FlowTuple& tuple() const = 0;
-    // Two waiters of one application and one destination may be given each other's connection.
+    // Waiters with the same application and destination may receive each other's connections.
     virtual const std::string& application() const = 0;
 
-    // One of the two is called, once, on the loop.
+    // Exactly one of the two is called, once, on the loop.
     virtual void accepted(LoopSocket socket) = 0;
     // The connection did not arrive within limits::kAcceptTimeout.
     virtual void gaveUp() = 0;
   };
 
-  // Throws std::system_error when there is no listener for IPv4.
+  // Throws std::system_error if there is no listener for IPv4.
   explicit FlowListener(EventLoop& loop);
   FlowListener(const FlowListener&) = delete;
   FlowListener& operator=(const FlowListener&) = delete;
   ~FlowListener();
 
   std::uint16_t ipv4Port() const { return ipv4_.port; }
-  // 0 when the network namespace has no IPv6: then only flows over IPv4 can be accepted.
+  // 0 if the network namespace has no IPv6: then only IPv4 flows can be accepted.
   std::uint16_t ipv6Port() const { return ipv6_.port; }
 
-  // Call it before the packet goes on. A waiter that is destroyed waits no more.
+  // Call it before releasing the packet. Destroying a waiter cancels its wait.
   void expect(const std::shared_ptr<Waiter>& waiter);
-  // Keeps a waiter that is expected alive until it was called.
+  // Keeps an expected waiter alive until it has been called.
   void keep(const std::shared_ptr<Waiter>& waiter);
 
   std::size_t expectedCount() const { return expected_.size(); }
@@ -65,13 +65,13 @@ class FlowListener {
     EventLoop::Timer pause;
   };
   enum class Backlog : std::uint8_t {
-    // Accepted, as far as one turn goes.
+    // Accepted as many as one turn allows.
     taken,
-    // Descriptors or memory are lacking.
+    // Out of descriptors or memory.
     stuck,
   };
   struct Expectation {
-    // In the order of arrival.
+    // Order of expect() calls.
     std::uint64_t number = 0;
     std::weak_ptr<Waiter> waiter;
     std::shared_ptr<Waiter> kept;
@@ -86,7 +86,7 @@ class FlowListener {
 
   void open(Socket& listener, const SocketEndpoint& address);
   void waitForConnections(Socket& listener);
-  void rest(Socket& listener);
+  void pauseAccepting(Socket& listener);
   void acceptSome(Socket& listener);
   Backlog acceptArrived(Socket& listener);
   void handOver(int descriptor, const SocketEndpoint& peer);

@@ -2,9 +2,9 @@
 
 namespace ostravel::linuxplatform {
 
-// The first packet of an intercepted flow, held in the kernel until it gets its one verdict. The
-// first verdict counts, later ones have no effect. Destroyed without a verdict it is accepted
-// unchanged, which leaves the flow to the system. Usable from any thread, one at a time.
+// The first packet of an intercepted flow, held in the kernel until its verdict. Only the first
+// verdict counts. Destroyed without a verdict, it is accepted unchanged, which leaves the flow to
+// the system. Usable from any thread, one at a time.
 class HeldPacket {
  public:
   HeldPacket() = default;
@@ -12,9 +12,9 @@ class HeldPacket {
   HeldPacket& operator=(const HeldPacket&) = delete;
   virtual ~HeldPacket() = default;
 
-  // Leaves the flow to the system: the packet goes on as the application sent it.
+  // Leaves the flow to the system: the packet is sent unchanged.
   virtual void accept() = 0;
-  // Lets a TCP flow's SYN go on, marked so that it arrives at the listener of this event loop.
+  // Releases a TCP flow's SYN, marked so that it arrives at the listener of this event loop.
   virtual void redirect(unsigned loopIndex) = 0;
   // Answers with a TCP reset, or with ICMP port unreachable for UDP.
   virtual void refuse() = 0;

@@ -11,8 +11,8 @@
 namespace ostravel::linuxplatform {
 
 void LingeringSocket::start(EventLoop& loop, LoopSocket socket) {
-  // Whoever owned the socket before may still have been waiting for it.
-  socket.giveUpWaiting();
+  // The previous owner may still have been waiting for it.
+  socket.cancelWaits();
   socket.letEndInOrder();
   std::make_shared<LingeringSocket>(Private(), loop, std::move(socket))->discard();
 }
@@ -75,13 +75,13 @@ void LingeringSocket::decide() {
 }
 
 bool LingeringSocket::isEverythingAcknowledged() {
-  // Bytes that the peer's kernel has not acknowledged, our end of stream among them (tcp(7)).
+  // Bytes not acknowledged by the peer's kernel, including our end of stream (tcp(7)).
   int unacknowledged = 0;
   return ::ioctl(socket_.descriptor(), SIOCOUTQ, &unacknowledged) != 0 || unacknowledged == 0;
 }
 
 void LingeringSocket::finish() {
-  // Ends both waits, and with them this object.
+  // Cancels both waits, which destroys this object.
   socket_.close();
   timer_.reset();
 }

@@ -9,11 +9,11 @@
 
 namespace ostravel::linuxplatform {
 
-// The last phase of a socket whose both directions were closed in order: the kernel answers bytes
-// that nobody reads with a reset, which can destroy what the peer has not read yet, so they are
+// The last phase of a socket whose directions were both closed in order. The kernel answers unread
+// bytes with a reset, which can destroy data that the peer has not read yet, so arriving bytes are
 // discarded until the peer ends, the connection fails, or limits::kLingerInterval and
-// limits::kLingerBound say that it is enough. Owned by what it waits for, on its event loop,
-// without a buffer.
+// limits::kLingerBound have passed. Kept alive by its pending waits on its event loop; owns no
+// buffer.
 class LingeringSocket : public std::enable_shared_from_this<LingeringSocket> {
   struct Private {};
 

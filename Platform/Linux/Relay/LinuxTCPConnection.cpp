@@ -40,7 +40,7 @@ std::shared_ptr<LinuxTCPConnection> LinuxTCPConnection::connect(
 LinuxTCPConnection::LinuxTCPConnection(Private /*unused*/, EventLoop& loop)
     : stream_(loop, *this, loop.isCurrent() ? loop.servedUser() : nullptr) {}
 
-// Runs work(*this) at once on the loop, and sends it there from any other thread.
+// Runs work(*this) at once when called on the loop, and posts it there from any other thread.
 template <typename Work>
 void LinuxTCPConnection::runOnLoop(Work work) {
   EventLoop& loop = stream_.loop();
@@ -67,7 +67,7 @@ void LinuxTCPConnection::start(const platform::HostEndpoint& endpoint) {
     waitUntilConnected();
     return;
   }
-  // Later, because whoever asked for the connection could not have observed it yet.
+  // Deferred, because the caller cannot have added an observer yet.
   stream_.loop().post([weakSelf = weak_from_this(), error] {
     if (const auto self = weakSelf.lock()) {
       self->failToConnect(error);
@@ -86,7 +86,7 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
   if (!descriptor.isOpen()) {
     return errno;
   }
-  // Without the permission to set it nothing is intercepted that could be confused with this.
+  // Without the permission to set it nothing is intercepted, so it cannot be confused with a flow.
   const std::uint32_t mark = stream_.loop().marks().own();
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   LoopSocket::resetUnlessClosed(descriptor.get());
@@ -124,7 +124,7 @@ void LinuxTCPConnection::finishConnecting() {
   }
   KernelAddress peer;
   if (::getpeername(connecting_.descriptor(), peer.get(), &peer.size) != 0) {
-    // Woken too early.
+    // A spurious wake-up.
     waitUntilConnected();
     return;
   }
@@ -194,12 +194,12 @@ std::shared_ptr<StreamSocket> LinuxTCPConnection::sharedStream() {
 
 void LinuxTCPConnection::changeStateLater(TCPConnectionState state, int error) {
   changeState(state, error);
-  // Not inside whatever call has found it out.
+  // Not inside the call that detected it.
   notifyObserversLater(Reason::change);
 }
 
 void LinuxTCPConnection::changeState(TCPConnectionState state, int error) {
-  // The error first, for a reader who sees the state that it explains.
+  // The error first: a reader who sees the state must see the error that explains it.
   error_ = error;
   state_ = state;
 }
@@ -211,8 +211,8 @@ void LinuxTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> o
   const std::lock_guard guard(lock_);
   forgetDestroyedObservers();
   observers_.push_back({std::move(observer), identity});
-  if (hasUntoldChange_) {
-    notifyObserversLater(Reason::untoldChange);
+  if (hasUnreportedChange_) {
+    notifyObserversLater(Reason::unreportedChange);
   }
 }
 
@@ -240,12 +240,12 @@ void LinuxTCPConnection::notifyObservers(Reason reason) {
   std::vector<Registration> observers;
   {
     const std::lock_guard guard(lock_);
-    if (reason == Reason::untoldChange && !hasUntoldChange_) {
+    if (reason == Reason::unreportedChange && !hasUnreportedChange_) {
       return;
     }
     forgetDestroyedObservers();
     observers = observers_;
-    hasUntoldChange_ = observers.empty();
+    hasUnreportedChange_ = observers.empty();
   }
   // Without the lock: an observer may remove itself or another one.
   for (const auto& registration : observers) {
@@ -256,7 +256,7 @@ void LinuxTCPConnection::notifyObservers(Reason reason) {
   }
 }
 
-// Another observer may live at the address of one that is gone.
+// Otherwise a new observer could be at the address of a destroyed one.
 void LinuxTCPConnection::forgetDestroyedObservers() {
   std::erase_if(observers_,
                 [](const auto& registration) { return registration.observer.expired(); });

@@ -15,40 +15,40 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// A TCP connection of our own, to the local proxy. Everything happens on its event loop, where
-// calls from other threads are sent; observers are told there. Reads and writes wait until it is
-// connected.
+// A TCP connection of our own, to the local proxy. Everything happens on its event loop: calls from
+// other threads are posted there, and observers are notified there. Reads and writes wait until it
+// is connected.
 //
 //   connecting -> connected -> disconnected        cancel() leads from each to cancelled
 //            \_________________/
 //
-// The end of what the peer sends disconnects too, once it was read; bytes may still be written.
-// Packets carry our mark, where the process may set one, so that they are never intercepted. Names
-// are not looked up.
+// It is also disconnected once the peer's end of stream has been read; bytes may still be written.
+// Packets carry our mark, if the process may set one, so that they are never intercepted. Does not
+// resolve names.
 class LinuxTCPConnection final : public platform::TCPConnection,
                                  public std::enable_shared_from_this<LinuxTCPConnection>,
                                  private StreamSocket::Owner {
   struct Private {};
 
  public:
-  // endpoint: an address literal and a port in decimal. A failure, of whatever kind, is told by the
-  // state, on the loop and never inside this call.
+  // endpoint: an address literal and a decimal port. Any failure is reported by the state, on the
+  // loop and never inside this call.
   static std::shared_ptr<LinuxTCPConnection> connect(EventLoop& loop,
                                                      const platform::HostEndpoint& endpoint);
 
   LinuxTCPConnection(Private /*unused*/, EventLoop& loop);
 
   platform::TCPConnectionState state() const override { return state_; }
-  // Of the domain platform::kPOSIXErrorDomain; EINVAL for an endpoint of another form.
+  // Of the domain platform::kPOSIXErrorDomain; EINVAL for any other form of endpoint.
   platform::OptionalError error() const override;
 
-  // An observer that is being told while another thread removes it may still be running when
-  // removeObserver returns; it is not told again.
+  // If one thread removes an observer while it is being notified, the observer may still be running
+  // when removeObserver returns; it is not notified again.
   void addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
                    std::string_view keyPath) override;
   void removeObserver(platform::KeyValueObserver& observer, std::string_view keyPath) override;
 
-  // ECANCELED after cancel(). Otherwise what the socket says.
+  // ECANCELED after cancel(), otherwise the socket's error.
   void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion) override;
   void write(platform::Data data, platform::ErrorCompletion completion) override;
   void cancel() override;
@@ -62,7 +62,7 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   template <typename Work>
   void runOnLoop(Work work);
   void start(const platform::HostEndpoint& endpoint);
-  // An errno, or 0 when the connection is being made.
+  // Returns an errno, or 0 if the connection is in progress.
   int startConnecting(const platform::HostEndpoint& endpoint);
   void waitUntilConnected();
   void finishConnecting();
@@ -71,8 +71,9 @@ class LinuxTCPConnection final : public platform::TCPConnection,
 
   void changeStateLater(platform::TCPConnectionState state, int error);
   void changeState(platform::TCPConnectionState state, int error);
-  // A notification of an untold change has nothing to say once another one has told the state.
-  enum class Reason { change, untoldChange };
+  // A pending notification of an unreported change is dropped once another one has reported the
+  // state.
+  enum class Reason { change, unreportedChange };
   void notifyObserversLater(Reason reason);
   void notifyObservers(Reason reason);
   void forgetDestroyedObservers();
@@ -88,8 +89,8 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   mutable std::mutex lock_;
   // Guarded by lock_.
   std::vector<Registration> observers_;
-  // A change found nobody to be told of it.
-  bool hasUntoldChange_ = false;
+  // The state changed while there were no observers.
+  bool hasUnreportedChange_ = false;
   // The socket until it is connected.
   LoopSocket connecting_;
   StreamSocket stream_;

@@ -23,7 +23,7 @@ LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string 
       packet_(std::move(packet)),
       stream_(loop, *this, std::move(user)) {}
 
-// Runs work(*this) at once on the loop, and sends it there from any other thread.
+// Runs work(*this) at once when called on the loop, and posts it there from any other thread.
 template <typename Work>
 void LinuxTCPFlow::runOnLoop(Work work) {
   EventLoop& loop = stream_.loop();
@@ -118,7 +118,7 @@ void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
   stream_.closeInOrder(direction);
   const bool isClosed = stream_.isClosed(Direction::read) && stream_.isClosed(Direction::write);
   if (isClosed && stage_ == Stage::released) {
-    // The connection that is on its way is to see an end, not a reset.
+    // The connection that is about to arrive must see an end of stream, not a reset.
     const auto self = shared_from_this();
     stream_.loop().listener().keep(std::shared_ptr<FlowListener::Waiter>(self, this));
   }

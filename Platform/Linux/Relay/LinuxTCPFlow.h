@@ -16,22 +16,23 @@ namespace ostravel::linuxplatform {
 class EventLoop;
 
 // An application's TCP connection whose SYN is held. Made with std::make_shared on the verdict
-// thread; afterwards everything happens on its event loop, where calls from other threads are sent.
+// thread; afterwards everything happens on its event loop, and calls from other threads are posted
+// there.
 //
 //   held --read or write--> released --the connection arrives--> carried
 //
-// and from each by closing to ended. The application's connect() tells the truth: it succeeds when
-// the first read or write has shown that the tunnel is established, or when we have stepped aside:
-// a close with an error while the SYN is held gives the flow back to the system, and only a close
-// without one refuses it, because then the proxy has decided so. A flow that is destroyed unclosed
-// is given back as well while the SYN is held, and is reset afterwards.
+// Closing ends it in each of these states. The application's connect() reports the truth: it
+// succeeds once the first read or write has shown that the tunnel is established, or once the flow
+// is left to the system. While the SYN is held, closing with an error leaves the flow to the
+// system; closing without one refuses it, because that is the proxy's decision. A flow that is
+// destroyed unclosed is left to the system while the SYN is held, and is reset afterwards.
 class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
                            public std::enable_shared_from_this<LinuxTCPFlow>,
                            private FlowListener::Waiter,
                            private StreamSocket::Owner {
  public:
-  // identifier: valid UTF-8, empty when unknown. remote: what the core is told; the host may be a
-  // name. user bears what the tunnel uses; null when it is not known.
+  // identifier: valid UTF-8, empty if unknown. remote: as reported to the core; the host may be a
+  // name. user is charged for the tunnel's resources; null if unknown.
   LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
                platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
                std::shared_ptr<UserShare> user = nullptr);
@@ -39,11 +40,11 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   std::string sourceAppSigningIdentifier() const override { return identifier_; }
   std::optional<platform::HostEndpoint> remoteEndpoint() const override { return remote_; }
 
-  // Succeeds without touching the packet; ECANCELED when the flow is closed or destroyed before.
+  // Succeeds without touching the packet; ECANCELED if the flow is closed or destroyed before.
   void open(std::optional<platform::HostEndpoint> localEndpoint,
             platform::ErrorCompletion completion) override;
-  // ETIMEDOUT when the connection has not arrived limits::kAcceptTimeout after the SYN was
-  // released. ECANCELED when the direction is closed. Otherwise what the socket says.
+  // ETIMEDOUT if the connection has not arrived limits::kAcceptTimeout after the SYN was released.
+  // ECANCELED if the direction is closed. Otherwise the socket's error.
   void read(platform::ReadCompletion completion) override;
   void write(platform::Data data, platform::ErrorCompletion completion) override;
   void closeRead(platform::OptionalError error) override;

@@ -12,12 +12,12 @@
 
 namespace ostravel::linuxplatform {
 
-// The first datagram that an application sends from a socket. Refused, with ICMP port unreachable,
-// once both directions are closed; left to the system when it is destroyed otherwise. Usable from
-// any thread.
+// The first datagram that an application sends from a socket. Closing both directions refuses it
+// with ICMP port unreachable; otherwise its destruction leaves it to the system. Usable from any
+// thread.
 class LinuxUDPFlow final : public platform::AppProxyUDPFlow {
  public:
-  // identifier: valid UTF-8, empty when unknown.
+  // identifier: valid UTF-8, empty if unknown.
   LinuxUDPFlow(const FlowTuple& tuple, std::string identifier, std::unique_ptr<HeldPacket> packet);
 
   std::string sourceAppSigningIdentifier() const override { return identifier_; }

@@ -41,7 +41,7 @@ int LoopSocket::descriptor() {
   return isOpen() ? reactor_->native_handle() : -1;
 }
 
-void LoopSocket::giveUpWaiting() {
+void LoopSocket::cancelWaits() {
   asio::error_code error;
   reactor_->cancel(error);
 }

@@ -13,34 +13,34 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// A nonblocking TCP socket that an event loop waits for, with its share of the descriptor budget.
-// For the loop's thread; may be destroyed on any thread once nobody on the loop uses it.
+// A nonblocking TCP socket of an event loop, with its lease of the descriptor budget. For the
+// loop's thread; may be destroyed on any thread once nothing on the loop uses it.
 class LoopSocket {
  public:
   enum class Discarded : std::uint8_t {
-    // There may be more; take turns.
+    // There may be more; yield and continue.
     some,
     allSoFar,
-    // Nothing follows: the peer has ended, or the connection has.
+    // Nothing more will arrive: the peer has ended its direction, or the connection has ended.
     everything,
   };
 
   LoopSocket() = default;
-  // Takes the descriptor over, also when the loop cannot wait for it: then nothing is open.
+  // Takes ownership of the descriptor, even if the loop cannot watch it: it is closed then.
   LoopSocket(EventLoop& loop, int descriptor);
   LoopSocket(LoopSocket&& other) noexcept;
   LoopSocket& operator=(LoopSocket&& other) noexcept;
   ~LoopSocket() = default;
 
-  // Counts it as this user's from now on.
+  // Charges its descriptor to this user from now on.
   void chargeTo(std::shared_ptr<UserShare> user) { lease_.chargeTo(std::move(user)); }
 
   bool isOpen() const { return reactor_.has_value(); }
-  // -1 when nothing is open.
+  // -1 if it is not open.
   int descriptor();
 
-  // Calls handler(asio::error_code) once, on the loop; with an error, which is to be ignored, when
-  // the wait was given up. May be early: try, and wait again.
+  // Calls handler(asio::error_code) once, on the loop; with an error, to be ignored, if the wait
+  // was cancelled. It may be called early: try, and wait again.
   template <typename Handler>
   void waitUntilReadable(Handler&& handler) {
     reactor_->async_wait(Descriptor::wait_read, std::forward<Handler>(handler));
@@ -49,23 +49,23 @@ class LoopSocket {
   void waitUntilWritable(Handler&& handler) {
     reactor_->async_wait(Descriptor::wait_write, std::forward<Handler>(handler));
   }
-  void giveUpWaiting();
+  void cancelWaits();
 
-  // Throws away what has arrived, without copying it, and adds its size to total.
+  // Discards what has arrived, without copying it, and adds its size to total.
   Discarded discardArrived(std::uint64_t& total);
 
-  // Makes a reset the way in which the socket ends unless it is closed in order, also when the
-  // process is killed: a stream that was cut off must not look complete. Sockets inherit it from
-  // the listener that accepts them.
+  // Makes the socket end with a reset unless it is closed in order, even when the process is
+  // killed: a truncated stream must not look complete. Accepted sockets inherit this from their
+  // listener.
   static void resetUnlessClosed(int descriptor);
 
-  // From now on the kernel ends the connection in order when the process is killed.
+  // From now on the kernel ends the connection in order if the process is killed.
   void letEndInOrder();
 
-  // Ends the connection at once: the peer sees a reset, and what was on its way is lost.
+  // Ends the connection at once: the peer sees a reset, and data in transit is lost.
   void reset();
-  // Leaves the rest to the kernel: what was sent still arrives, unless bytes that nobody has read,
-  // or that arrive later, make it a reset.
+  // Closes the socket in order. Sent data still arrives, unless unread or later incoming bytes make
+  // the kernel send a reset.
   void close();
 
  private:

@@ -21,11 +21,11 @@ std::span<const std::byte> PipeChunk::bytes() {
       if (count > 0) {
         left_ -= static_cast<std::size_t>(count);
       } else if (count == 0 || errno != EINTR) {
-        // Not reached: what the pipe holds is ours alone.
+        // Unreachable: nobody else reads the pipe.
         break;
       }
     }
-    giveBackIfEmpty();
+    releaseIfEmpty();
   }
   return bytes_;
 }
@@ -35,14 +35,14 @@ long PipeChunk::moveTo(int socket) {
                               SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
   if (count > 0) {
     left_ -= static_cast<std::size_t>(count);
-    giveBackIfEmpty();
+    releaseIfEmpty();
   }
   return count;
 }
 
-void PipeChunk::giveBackIfEmpty() {
+void PipeChunk::releaseIfEmpty() {
   if (left_ == 0) {
-    pool_.giveBack(*std::exchange(pipe_, std::nullopt));
+    pool_.release(*std::exchange(pipe_, std::nullopt));
   }
 }
 

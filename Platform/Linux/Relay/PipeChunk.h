@@ -10,8 +10,8 @@
 
 namespace ostravel::linuxplatform {
 
-// A chunk in a pipe: it stays in the kernel unless somebody asks for the bytes. The pipe goes back
-// to its pool as soon as it is empty, and is closed if the chunk ends before that.
+// A chunk in a pipe: it stays in the kernel until its bytes are requested. The pipe returns to its
+// pool as soon as it is empty, and is closed if the chunk is destroyed before that.
 class PipeChunk final : public platform::Data::Storage {
  public:
   // pipe holds exactly size bytes.
@@ -19,17 +19,17 @@ class PipeChunk final : public platform::Data::Storage {
   ~PipeChunk() override;
 
   std::size_t size() const noexcept override { return size_; }
-  // Reads the pipe out, if nothing of it was moved yet; a chunk that was is not asked.
+  // Reads the whole pipe into memory. Not allowed after moveTo() has moved part of it.
   std::span<const std::byte> bytes() override;
 
-  // Whether the bytes are still in the pipe, all or in part.
+  // True while any of the bytes are still in the pipe.
   bool isInPipe() const { return pipe_.has_value(); }
-  // Moves bytes on into a socket without waiting: how many, or -1 with errno. splice(2) knows no
+  // Moves bytes to a socket without blocking; returns how many, or -1 with errno. splice(2) has no
   // MSG_NOSIGNAL, so the calling thread must have SIGPIPE blocked or ignored.
   long moveTo(int socket);
 
  private:
-  void giveBackIfEmpty();
+  void releaseIfEmpty();
 
   PipePool& pool_;
   std::optional<PipePool::Pipe> pipe_;

@@ -29,7 +29,7 @@ std::optional<PipePool::Pipe> PipePool::take(const std::shared_ptr<UserShare>& u
   return pipe;
 }
 
-void PipePool::giveBack(Pipe pipe) {
+void PipePool::release(Pipe pipe) {
   pipe.memory = MemoryBudget::Lease();
   pipe.lease.chargeTo(nullptr);
   if (loop_.isCurrent() && kept_.size() < limits::kKeptPipes) {
@@ -46,7 +46,7 @@ std::optional<PipePool::Pipe> PipePool::open() {
     return std::nullopt;
   }
   Pipe pipe{FileDescriptor(ends[0]), FileDescriptor(ends[1]), 0, descriptors_.lease(2), {}};
-  // EPERM: the user's share of pipe memory is used up; the pipe stays as it is.
+  // EPERM: the user's limit on pipe memory is reached; the pipe keeps its size.
   ::fcntl(ends[1], F_SETPIPE_SZ, limits::kPipeSize);
   const int capacity = ::fcntl(ends[1], F_GETPIPE_SZ);
   if (capacity < limits::kSmallestUsefulPipe) {

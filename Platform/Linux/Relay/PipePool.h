@@ -13,8 +13,8 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// Pipes that bytes are spliced through (pipe(7), splice(2)). Owned by an event loop and used on its
-// thread; a pipe may come back on any thread. Keeps a bounded number for reuse.
+// Pipes for splicing bytes (pipe(7), splice(2)). Owned by an event loop and used on its thread; a
+// pipe may be returned on any thread. Keeps a bounded number for reuse.
 class PipePool {
  public:
   struct Pipe {
@@ -22,7 +22,7 @@ class PipePool {
     FileDescriptor writeEnd;
     std::size_t capacity = 0;
     DescriptorBudget::Lease lease;
-    // While it may hold bytes.
+    // Held while the pipe may contain bytes.
     MemoryBudget::Lease memory;
   };
 
@@ -31,12 +31,12 @@ class PipePool {
   PipePool(const PipePool&) = delete;
   PipePool& operator=(const PipePool&) = delete;
 
-  // An empty pipe for a stream of this user, who may be unknown (null). Absent when descriptors or
-  // the user's part of the memory are used up, or when the kernel gives none of a useful size: the
-  // bytes are then copied.
+  // An empty pipe for a stream of this user (null if unknown). Empty if descriptors or the user's
+  // share of memory are used up, or the kernel provides only a small pipe: the bytes are then
+  // copied.
   std::optional<Pipe> take(const std::shared_ptr<UserShare>& user);
-  // Only an empty pipe may come back; any other is to be destroyed.
-  void giveBack(Pipe pipe);
+  // Only an empty pipe may be returned; destroy any other.
+  void release(Pipe pipe);
 
   std::size_t keptCount() const { return kept_.size(); }
 

@@ -5,7 +5,7 @@
 
 namespace ostravel::linuxplatform {
 
-// Ends the process with a message: a caller broke a rule whose breach would lose or mix up bytes.
+// Ends the process with a message: a caller broke a rule that protects bytes from loss or mix-up.
 [[noreturn]] inline void programmingError(const char* message) {
   std::fprintf(stderr, "ostravel: programming error: %s\n", message);
   std::abort();

@@ -10,12 +10,12 @@
 
 namespace ostravel::linuxplatform {
 
-// Whether connections that are redirected to our listeners arrive there, for each address family.
-// Rules of other programs may prevent it; nothing is to be offered then. What is known comes from
-// the watcher, who tests it. Owned by the event loops' group; usable from any thread.
+// Whether redirected connections arrive at our listeners, per address family. Rules of other
+// programs may prevent it; nothing must be offered then. The watcher tests the path and reports the
+// result here. Owned by the event loop group; usable from any thread.
 class RedirectPath {
  public:
-  // Learns what becomes of redirected connections. Called on any loop.
+  // Notified of what happens to redirected connections. Called on any loop.
   class Watcher {
    public:
     Watcher() = default;
@@ -27,16 +27,17 @@ class RedirectPath {
     virtual void connectionWasReset(const FlowTuple& tuple) = 0;
   };
 
-  // False until it has been found to work.
+  // False until a test has succeeded.
   bool isUsable(AddressFamily family) const { return isUsable_[index(family)]; }
   void setUsable(AddressFamily family, bool isUsable) { isUsable_[index(family)] = isUsable; }
 
-  // Replaces the watcher there was, if any; held weakly.
+  // Replaces any previous watcher; held weakly.
   void setWatcher(std::weak_ptr<Watcher> watcher);
-  // A connection has not arrived that was released for this loop.
+  // A connection released for this loop has not arrived.
   void reportMissing(unsigned loopIndex, const FlowTuple& tuple);
   // We have reset a connection that had arrived. For some seconds the kernel would redirect a new
-  // one with the same addresses and ports as this one was; not any more on return.
+  // connection with the same addresses and ports like this one; this call prevents that before it
+  // returns.
   void reportReset(const FlowTuple& tuple);
 
  private:

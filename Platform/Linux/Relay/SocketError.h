@@ -7,7 +7,7 @@
 
 namespace ostravel::linuxplatform {
 
-// An errno value as an error of the seam.
+// Converts an errno value to an error of the platform interface.
 inline platform::Error socketError(int error) {
   return {std::string(platform::kPOSIXErrorDomain), error, std::generic_category().message(error)};
 }

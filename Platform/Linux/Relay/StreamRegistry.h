@@ -8,13 +8,13 @@ namespace ostravel::linuxplatform {
 
 class StreamSocket;
 
-// The streams of an event loop in which completions may wait. A completion holds whom it is for,
-// often the tunnel that the stream itself belongs to, and running it is what takes that apart. When
-// the loop has stopped no completion runs, so somebody has to know where they are and drop them.
-// Owned by the event loop.
+// The streams of an event loop that may have pending completions. A completion keeps its receiver
+// alive, often the very tunnel that owns the stream, and running it breaks that cycle. Once the
+// loop has stopped no completion runs, so the loop has to find and destroy them. Owned by the event
+// loop.
 class StreamRegistry {
  public:
-  // A stream's place, which it gives up by destroying it.
+  // A stream's entry, which its destruction removes.
   class Place {
    public:
     Place() = default;
@@ -35,10 +35,11 @@ class StreamRegistry {
   StreamRegistry(const StreamRegistry&) = delete;
   StreamRegistry& operator=(const StreamRegistry&) = delete;
 
-  // Takes a place that is not taken. For the loop's thread; the place may be given up on any.
+  // Adds an entry for a place that has none. For the loop's thread; the place may be destroyed on
+  // any.
   void add(Place& place, std::weak_ptr<StreamSocket> stream);
 
-  // Drops what waits in any stream. Once the loop's thread has ended.
+  // Destroys the pending completions of all streams. Only after the loop's thread has ended.
   void dropCompletions();
 
  private:

@@ -78,8 +78,8 @@ void StreamSocket::spendOfTurn(std::size_t bytes) {
   loop_.turns().spend(user_.get(), bytes);
 }
 
-// A stream that nothing was asked of has nothing to drop, and it may have been made on the verdict
-// thread, which is to share no lock with the loop.
+// Done on the first operation: a stream without operations has nothing to drop, and it may have
+// been created on the verdict thread, which must not share a lock with the loop.
 void StreamSocket::takePlace() {
   if (!place_.isTaken()) {
     loop_.streams().add(place_, owner_.sharedStream());
@@ -161,7 +161,7 @@ void StreamSocket::receiveIntoMemory() {
   const auto received = ::recv(socket_.descriptor(), buffer.get(), size, MSG_DONTWAIT);
   if (received <= 0) {
     const int error = received < 0 ? errno : 0;
-    loop_.buffers().giveBack(std::move(buffer));
+    loop_.buffers().release(std::move(buffer));
     if (received == 0) {
       endRead();
     } else {
@@ -182,13 +182,13 @@ void StreamSocket::receiveIntoMemory() {
   }
   if (count < minimum_ || !gathered_.empty()) {
     gather(buffer.get(), count);
-    loop_.buffers().giveBack(std::move(buffer));
+    loop_.buffers().release(std::move(buffer));
     return;
   }
   if (count <= limits::kSmallRead) {
-    // A chunk that has to wait for its reader would pin a buffer many times its size.
+    // A small chunk that waits for its reader would pin a buffer many times its size.
     Data data = Data::copyOf(std::span<const std::byte>(buffer.get(), count));
-    loop_.buffers().giveBack(std::move(buffer));
+    loop_.buffers().release(std::move(buffer));
     finishRead(std::move(data), std::nullopt);
     return;
   }
@@ -208,7 +208,7 @@ bool StreamSocket::receiveIntoPipe() {
                std::min(maximum_, pipe->capacity), SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
   if (received <= 0) {
     const int error = received < 0 ? errno : 0;
-    loop_.pipes().giveBack(*std::move(pipe));
+    loop_.pipes().release(*std::move(pipe));
     if (received == 0) {
       endRead();
     } else {
@@ -251,7 +251,7 @@ void StreamSocket::handleReceiveFailure(int error) {
 
 void StreamSocket::endRead() {
   if (socketError_ != 0) {
-    // The failure was told to a write, and the kernel tells it only once.
+    // The kernel reports a failure only once, and a write has already received it.
     finishRead(std::nullopt, socketError(socketError_));
     return;
   }
@@ -273,7 +273,7 @@ void StreamSocket::finishReadLater(OptionalError error) {
 
 void StreamSocket::finishRead(std::optional<Data> data, OptionalError error) {
   reading_ = Progress::none;
-  // The completion may ask for the next read, or close this stream.
+  // The completion may start the next read or close this stream.
   const auto completion = std::exchange(readCompletion_, nullptr);
   completion(std::move(data), std::move(error));
 }
@@ -367,7 +367,7 @@ int StreamSocket::sendChunk() {
       sent_ += static_cast<std::size_t>(count);
       spendOfTurn(static_cast<std::size_t>(count));
     } else if (count == 0) {
-      // Neither call says that to bytes that are there. Asking again could go on for ever.
+      // Neither call returns 0 for data that is there. Retrying could continue forever.
       return EIO;
     } else if (errno != EINTR) {
       return errno;
@@ -377,7 +377,7 @@ int StreamSocket::sendChunk() {
 }
 
 OptionalError StreamSocket::describeWriteResult(int error) {
-  // Gives the buffer or the pipe back before the completion asks for more.
+  // Returns the buffer or pipe to its pool before the completion asks for more.
   chunk_ = Data();
   if (error == 0) {
     return std::nullopt;
@@ -431,7 +431,7 @@ void StreamSocket::closeInOrder(Direction direction) {
 
 void StreamSocket::leaveToLinger() {
   if (hasEnded_ || socketError_ != 0) {
-    // Nothing can arrive any more, so nothing can turn our end into a reset.
+    // Nothing more can arrive, so nothing can turn our end of stream into a reset.
     socket_.close();
   } else {
     LingeringSocket::start(loop_, std::move(socket_));

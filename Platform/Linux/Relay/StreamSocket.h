@@ -16,22 +16,22 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// One side of a tunnel: reads and writes of one TCP socket as the relay wants them. A member of the
-// flow or the connection whose socket it is, which is held by std::shared_ptr and which completions
-// keep alive while they run. Everything is for the loop's thread, except destruction, which resets
-// a socket that was not closed: a stream that was cut off must not look complete. Operations that
-// are outstanding then complete with ECANCELED, on the loop.
+// One side of a tunnel: the relay's reads and writes on one TCP socket. A member of the flow or
+// connection that owns the socket; that owner is held by std::shared_ptr, and completions keep it
+// alive while they run. Everything is for the loop's thread, except destruction, which resets a
+// socket that was not closed: a truncated stream must not look complete. Outstanding operations
+// then complete with ECANCELED, on the loop.
 //
-// Reading waits first and takes a buffer only when there is something for it, so that an idle
-// stream owns none. A direction that keeps filling its buffer reads into pipes instead (splice(2)),
-// which the bytes leave for another socket without having been in user space.
+// A read first waits and takes a buffer only when data has arrived, so that an idle stream owns
+// none. A direction that keeps filling its buffer reads into pipes instead (splice(2)), and its
+// bytes move to another socket without entering user space.
 //
-// Operations may be asked for before there is a socket; they wait for attach().
+// Operations may be started before there is a socket; they wait for attach().
 class StreamSocket {
  public:
   enum class Direction : std::uint8_t { read, write };
 
-  // Whose socket it is. Outlives the stream.
+  // The flow or connection that owns the socket. Outlives the stream.
   class Owner {
    public:
     Owner() = default;
@@ -39,15 +39,15 @@ class StreamSocket {
     Owner& operator=(const Owner&) = delete;
     virtual ~Owner() = default;
 
-    // The stream, sharing the ownership of its owner.
+    // The stream, sharing ownership with its owner.
     virtual std::shared_ptr<StreamSocket> sharedStream() = 0;
-    // The socket failed, or the peer has ended its direction; told before the completion that
-    // reports it, perhaps inside the call that found it out.
+    // The socket failed, or the peer has ended its direction. Called before the completion that
+    // reports it, possibly inside the call that detected it.
     virtual void streamFailed(int error) = 0;
     virtual void streamEnded() = 0;
   };
 
-  // user: whose flow it is for, which bears what it uses; null when that is not known.
+  // user: charged for the stream's resources; null if unknown.
   StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserShare> user);
   StreamSocket(const StreamSocket&) = delete;
   StreamSocket& operator=(const StreamSocket&) = delete;
@@ -56,17 +56,17 @@ class StreamSocket {
   EventLoop& loop() const { return loop_; }
   const std::shared_ptr<UserShare>& user() const { return user_; }
 
-  // The socket is connected. Operations that were waiting begin; directions that have been closed
-  // in order are closed on it.
+  // The socket is connected. Starts the operations that were waiting, and ends the directions that
+  // have already been closed in order.
   void attach(LoopSocket socket);
 
-  // Both as the seam describes them.
+  // Both as described by the platform interface.
   void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion);
   void write(platform::Data data, platform::ErrorCompletion completion);
 
-  // Ends one direction in order, its outstanding operation with ECANCELED. What arrives after the
-  // reading was ended is discarded. When both have ended, the socket goes its own way: it lingers
-  // on the loop until the peer has had everything.
+  // Ends one direction in order; its outstanding operation completes with ECANCELED. Data that
+  // arrives after reading was ended is discarded. When both directions have ended, the socket
+  // lingers on the loop until the peer has received everything.
   void closeInOrder(Direction direction);
   bool isClosed(Direction direction) const {
     return direction == Direction::read ? isReadClosed_ : isWriteClosed_;
@@ -76,16 +76,16 @@ class StreamSocket {
   // a reset.
   void fail(platform::Error error);
 
-  // Destroys the completions of outstanding operations, and what those hold, without running them.
-  // For the loop when it has stopped.
+  // Destroys the completions of outstanding operations without running them. Called by the loop
+  // once it has stopped.
   void dropCompletions();
 
  private:
   enum class Progress : std::uint8_t {
     none,
-    // Asked for and not done.
+    // Started, not done.
     waiting,
-    // Done; the completion is on its way.
+    // Done; the completion is pending.
     finishing,
   };
 
@@ -103,7 +103,7 @@ class StreamSocket {
   void continueRead();
   void receive();
   void receiveIntoMemory();
-  // False: there is no pipe to be had.
+  // False if no pipe is available.
   bool receiveIntoPipe();
   void gather(const std::byte* bytes, std::size_t size);
   void handleReceiveFailure(int error);
@@ -116,7 +116,7 @@ class StreamSocket {
   void waitToWrite();
   void continueWrite();
   void send();
-  // 0: all of the chunk is in the kernel. EAGAIN: the rest has to wait. Or what went wrong.
+  // Returns 0 if the whole chunk is in the kernel, EAGAIN if part of it has to wait, or an error.
   int sendChunk();
   void finishWriteLater(platform::OptionalError error);
   void finishWrite(platform::OptionalError error);
@@ -131,7 +131,7 @@ class StreamSocket {
   // Taken by the first operation.
   StreamRegistry::Place place_;
   LoopSocket socket_;
-  // What ended the stream as a whole.
+  // The error that ended the stream as a whole.
   std::unique_ptr<platform::Error> failure_;
 
   platform::ReadCompletion readCompletion_;
@@ -144,7 +144,7 @@ class StreamSocket {
   platform::Data chunk_;
   std::size_t sent_ = 0;
 
-  // What a failed socket said first; later calls on it would report an end instead.
+  // The first error of a failed socket; later calls on it would report an end of stream instead.
   int socketError_ = 0;
 
   Progress reading_ = Progress::none;
@@ -153,7 +153,7 @@ class StreamSocket {
   bool isWriteClosed_ = false;
   bool hasEnded_ = false;
   bool isWaitingToRead_ = false;
-  // The last receive got all that it asked for.
+  // The last receive suggests that more data is waiting.
   bool isMoreLikely_ = false;
   bool isBulk_ = false;
   std::uint8_t fullReads_ = 0;

@@ -17,7 +17,7 @@ TEST_F(BufferPoolTest, ReusesABuffer) {
     BufferPool& pool = loop().buffers();
     auto buffer = pool.take();
     const auto* const place = buffer.get();
-    pool.giveBack(std::move(buffer));
+    pool.release(std::move(buffer));
     EXPECT_EQ(pool.keptCount(), 1U);
     EXPECT_EQ(pool.take().get(), place);
   });
@@ -31,7 +31,7 @@ TEST_F(BufferPoolTest, KeepsABoundedNumber) {
       buffer = pool.take();
     }
     for (auto& buffer : buffers) {
-      pool.giveBack(std::move(buffer));
+      pool.release(std::move(buffer));
     }
     EXPECT_EQ(pool.keptCount(), limits::kKeptBuffers);
   });
@@ -39,7 +39,7 @@ TEST_F(BufferPoolTest, KeepsABoundedNumber) {
 
 TEST_F(BufferPoolTest, ABufferMayComeBackOnAnyThread) {
   auto buffer = onLoop([this] { return loop().buffers().take(); });
-  loop().buffers().giveBack(std::move(buffer));
+  loop().buffers().release(std::move(buffer));
   EXPECT_EQ(onLoop([this] { return loop().buffers().keptCount(); }), 0U);
 }
 

@@ -100,7 +100,7 @@ TEST_F(PipeChunkTest, PipesAreLargeCountedAndKeptInABoundedNumber) {
     EXPECT_EQ(budget_.inUse(), before + 2 * pipes.size());
     EXPECT_EQ(pipes.front().capacity, static_cast<std::size_t>(limits::kPipeSize));
     for (auto& pipe : pipes) {
-      pool.giveBack(std::move(pipe));
+      pool.release(std::move(pipe));
     }
     EXPECT_EQ(pool.keptCount(), limits::kKeptPipes);
   });
