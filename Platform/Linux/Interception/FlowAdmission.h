@@ -27,7 +27,7 @@ class FlowAdmission {
     if (share.held() >= kHeldFlowsPerUser) {
       return LeaveReason::handshakeShare;
     }
-    if (share.isOnTrial() && (share.held() > 0 || !share.mayBeTried(now))) {
+    if (share.isOnTrial() && (share.held() > 0 || !share.isTrialDue(now))) {
       return LeaveReason::onTrial;
     }
     // Held flows have not opened their sockets yet.

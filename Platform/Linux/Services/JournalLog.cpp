@@ -1,6 +1,6 @@
 #include "Platform/Linux/Services/JournalLog.h"
 
-// The place in our source files is of no use in the journal.
+// The position in our source files is useless in the journal.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -41,14 +41,14 @@ std::string originFields(const std::string& subsystem, const std::string& catego
          "\nOSTRAVEL_CATEGORY=" + printable(category) + '\n';
 }
 
-// text is printable, so it has no line feed that would end a field.
+// text is printable, so it contains no line feed that would end a field.
 std::string record(LogLevel level, std::string_view text, std::string_view origin) {
   std::string fields = "MESSAGE=";
   fields.append(text).append("\n").append(priorityField(level)).append("\n");
   return fields.append(origin).append("\n");
 }
 
-// The fields of the first record, each with its line feed. The empty line is not among them.
+// The fields of the first record, each with its line feed, without the empty line.
 std::string_view firstRecord(std::string_view records) {
   return records.substr(0, records.find("\n\n") + 1);
 }
@@ -64,7 +64,7 @@ std::size_t JournalLog::Output::write(std::string_view records) {
   std::size_t count = 0;
   for (std::string_view rest = fields; !rest.empty() && count < parts.size(); ++count) {
     const std::size_t end = rest.find('\n');
-    // Only read from, although the type cannot say so.
+    // Only read from, although the type does not say so.
     parts[count] = {const_cast<char*>(rest.data()), end};
     rest.remove_prefix(end + 1);
   }
@@ -76,8 +76,8 @@ std::string JournalLog::Output::dropped(std::size_t count) {
   return record(LogLevel::error, droppedLinesText(count), originFields_);
 }
 
-// Without the library, which may allocate. Its fields are already as the journal takes them
-// (systemd's "Native Journal Protocol"): one datagram, one line for each field.
+// Without the library, which may allocate. The fields already have the journal's format (systemd's
+// "Native Journal Protocol"): one datagram, one line per field.
 std::size_t JournalLog::Output::writeInCrash(std::string_view records) noexcept {
   constexpr std::string_view kJournal = "/run/systemd/journal/socket";
   const std::string_view fields = firstRecord(records);

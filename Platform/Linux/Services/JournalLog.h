@@ -8,15 +8,15 @@
 
 namespace ostravel::linuxplatform {
 
-// Hands lines of all levels for the systemd journal to a background writer, with subsystem and
+// Passes lines of all levels for the systemd journal to a background writer, with subsystem and
 // category as fields (OSTRAVEL_SUBSYSTEM, OSTRAVEL_CATEGORY). Usable from any thread.
 class JournalLog final : public platform::Log {
  public:
-  // Sends records to the journal. A record is its fields, each NAME=value and a line feed, then an
-  // empty line. A record is lost without a word when there is no journal.
+  // Sends records to the journal. A record consists of its fields, each NAME=value and a line feed,
+  // and an empty line. Without a journal, records are silently lost.
   class Output final : public BackgroundWriter::Output {
    public:
-    // The fields are those of the record that says how many were dropped.
+    // The fields are for the record that reports how many lines were dropped.
     Output(const std::string& subsystem, const std::string& category);
 
     std::size_t write(std::string_view records) override;
@@ -37,7 +37,7 @@ class JournalLog final : public platform::Log {
 
  private:
   const std::shared_ptr<BackgroundWriter> writer_;
-  // Complete fields, as they are in a record.
+  // Complete fields, as in a record.
   const std::string originFields_;
 };
 

@@ -12,28 +12,28 @@ using platform::DispatchQueueKind;
 
 namespace {
 
-// Other queues get the thread after this many items.
+// After this many items the thread is passed to other queues.
 constexpr int kItemsPerTurn = 64;
 
 }  // namespace
 
-// One item that waits, either with its work or as a thread that will run it itself.
+// One waiting item: either its work, or a thread that will run the item itself.
 struct LinuxDispatchQueue::Entry {
   Entry(Access accessOfItem, Work workOfItem) : access(accessOfItem), work(std::move(workOfItem)) {}
 
   const Access access;
-  // Set when the entry is part of a Waiter.
+  // Set if the entry is part of a Waiter.
   Waiter* waiter = nullptr;
   Entry* next = nullptr;
   Work work;
 };
 
-// A thread in a sync call. Lives on its stack.
+// A thread in a sync call. Lives on that thread's stack.
 struct LinuxDispatchQueue::Waiter {
   explicit Waiter(Access access) : entry(access, nullptr) { entry.waiter = this; }
 
   Entry entry;
-  // The thread is woken when it may run its item, and when there is something to run before.
+  // Signalled when the thread may run its item, and when there is something to run before it.
   std::condition_variable wakeUp;
   bool isAdmitted = false;
   Waiter* next = nullptr;
@@ -62,15 +62,15 @@ class LinuxDispatchQueue::EntryList {
   Entry* last_ = nullptr;
 };
 
-// A reader-writer lock whose waiting line holds items as well as threads.
+// A reader-writer lock whose queue contains items as well as threads.
 //
-// word_ says who is inside and whether anybody waits. While nobody waits, sync items come and go by
-// changing it alone. Everything else needs the mutex; only under it kWaiting changes, and while
-// kWaiting is set nobody comes in except from the front of the line.
+// word_ records who is inside and whether anybody waits. While nobody waits, sync items enter and
+// leave by changing it alone. Everything else needs the mutex; kWaiting changes only under it, and
+// while kWaiting is set, items enter only from the front of the line.
 //
-// Whoever leaves and thereby makes the front of the line runnable admits it: threads are woken,
-// shared items are handed to the pool. An exclusive item in front is run by the first thread in the
-// line, since it waits for just that, or else by the pool.
+// An item that leaves and makes the front of the line runnable admits it: threads are woken, shared
+// items are submitted to the pool. An exclusive item at the front is run by the first thread in the
+// line, which waits for exactly that, or else by the pool.
 class LinuxDispatchQueue::State final : public WorkerPool::Client,
                                         public std::enable_shared_from_this<State> {
  public:
@@ -158,7 +158,7 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
     (firstWaiter_ == nullptr ? firstWaiter_ : lastWaiter_->next) = &self;
     lastWaiter_ = &self;
     joinLine(&self.entry);
-    // Everything that is runnable is in front of this thread's item, or it would be admitted.
+    // Everything runnable is in front of this thread's item; otherwise it would have been admitted.
     while (!self.isAdmitted) {
       if (!runNext(lock)) {
         self.wakeUp.wait(lock);
@@ -166,8 +166,8 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
     }
   }
 
-  // Lets in from the front of the line whoever may come in now, except exclusive items, which
-  // somebody has to be called for.
+  // Admits from the front of the line all that may enter now, except exclusive items, for which a
+  // thread has to be called.
   void admit() {
     while (Entry* const front = line_.first()) {
       const auto inside = word_ & ~kWaiting;
@@ -226,7 +226,7 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
     }
   }
 
-  // Runs one item that may run now; false when there is none. Called and left with the lock held.
+  // Runs one item that may run now; false if there is none. Called and left with the lock held.
   bool runNext(std::unique_lock<std::mutex>& lock) {
     if (ready_.first() != nullptr) {
       runOutside(lock, std::unique_ptr<Entry>(ready_.takeFirst()));
@@ -246,7 +246,7 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
   void runOutside(std::unique_lock<std::mutex>& lock, std::unique_ptr<Entry> entry) {
     lock.unlock();
     entry->work();
-    // What the work owns goes while the item still counts as running.
+    // Destroy what the work owns while the item still counts as running.
     entry.reset();
     pool_.itemFinished();
     lock.lock();
@@ -254,11 +254,11 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
 
   WorkerPool& pool_;
   std::atomic<std::uint32_t> word_ = 0;
-  // The pool has been asked to run the exclusive item in front and has not begun.
+  // The pool was asked to run the exclusive item at the front and has not started.
   bool isPoolCalled_ = false;
   std::mutex mutex_;
   EntryList line_;
-  // Shared items that are inside and wait for a thread.
+  // Admitted shared items that wait for a thread.
   EntryList ready_;
   // The threads in the line, in its order.
   Waiter* firstWaiter_ = nullptr;

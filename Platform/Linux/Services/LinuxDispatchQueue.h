@@ -8,13 +8,13 @@
 
 namespace ostravel::linuxplatform {
 
-// A queue that shares the threads of the pool with all other queues. Small enough that every tunnel
-// owns one: about 300 bytes with everything that belongs to it.
+// A queue that shares the pool's threads with all other queues. Small enough for every tunnel to
+// have its own: about 300 bytes in total.
 //
-// A sync item runs on the calling thread, without any lock or system call when nothing that it has
-// to wait for is there. A caller that has to wait runs what must run before its item by itself,
-// when no other thread is doing so already; therefore nothing that the pool is busy with can hold
-// it up. A barrier that waits is never overtaken, not even by a sync item.
+// A sync item runs on the calling thread, without any lock or system call unless it has to wait. A
+// caller that waits runs the items ahead of its own itself, unless another thread is already doing
+// so; a busy pool can therefore not delay it. A waiting barrier is never overtaken, not even by a
+// sync item.
 class LinuxDispatchQueue final : public platform::DispatchQueue {
  public:
   // The pool outlives the queue and all of its items.
@@ -30,7 +30,7 @@ class LinuxDispatchQueue final : public platform::DispatchQueue {
   void runSyncBarrier(const Work& work) override;
 
  private:
-  // What an item excludes while it runs. On a serial queue every item is exclusive.
+  // What may run at the same time as an item. On a serial queue every item is exclusive.
   enum class Access { shared, exclusive };
   struct Entry;
   struct Waiter;
@@ -39,7 +39,7 @@ class LinuxDispatchQueue final : public platform::DispatchQueue {
 
   const std::string label_;
   const Access usualAccess_;
-  // Shared with the pool as long as items are left.
+  // Shared with the pool while items are left.
   const std::shared_ptr<State> state_;
 };
 

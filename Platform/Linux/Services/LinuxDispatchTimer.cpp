@@ -13,14 +13,14 @@ using Clock = TimerService::Clock;
 using std::chrono::nanoseconds;
 
 constexpr auto kZero = nanoseconds::zero();
-// The largest time, less what the waiting adds to it.
+// The latest representable time, with room for adding a wait.
 constexpr auto kEndOfTime = Clock::time_point::max() - std::chrono::hours(24);
 
 Clock::time_point later(Clock::time_point time, nanoseconds wait) {
   return wait > kEndOfTime - time ? kEndOfTime : time + wait;
 }
 
-// The next of the moments at which all timers with this leeway expire; at once for what is due.
+// The next common expiry of all timers with this leeway; immediate if already due.
 Clock::time_point coalesced(Clock::time_point time, nanoseconds leeway) {
   if (time <= Clock::now()) {
     return time;
@@ -41,7 +41,7 @@ struct LinuxDispatchTimer::State {
   // Guards everything below.
   std::mutex mutex;
   std::optional<TimerService::Alarm> alarm;
-  // Counts the settings of the alarm, so that one that came too late to be stopped is recognised.
+  // Incremented whenever the alarm is set, to recognise one that expired before it was cancelled.
   unsigned arming = 0;
   std::shared_ptr<const Handler> handler;
   Clock::time_point nextExpiration;
@@ -67,7 +67,7 @@ void LinuxDispatchTimer::setEventHandler(Handler handler) {
   if (handler) {
     replacement = std::make_shared<const Handler>(std::move(handler));
   }
-  // The old one is destroyed outside the lock, and it may hold the last reference to this timer.
+  // The old handler is destroyed outside the lock, and may hold the last reference to this timer.
   const auto state = state_;
   const std::lock_guard lock(state->mutex);
   state->handler.swap(replacement);
@@ -98,11 +98,11 @@ void LinuxDispatchTimer::cancel() {
   arm(state_);
 }
 
-// Sets the alarm to what the state asks for now. Called with the mutex held.
+// Sets the alarm that the state calls for. Called with the mutex held.
 void LinuxDispatchTimer::arm(const std::shared_ptr<State>& state) {
   ++state->arming;
   if (const auto alarm = std::exchange(state->alarm, std::nullopt)) {
-    state->service.takeBack(*alarm);
+    state->service.cancel(*alarm);
   }
   if (!state->isScheduled || !state->isResumed || state->isCancelled) {
     return;
@@ -132,7 +132,7 @@ void LinuxDispatchTimer::expire(const std::shared_ptr<State>& state, unsigned ar
     state->isScheduled = false;
     return;
   }
-  // Expirations that were missed are merged with this one.
+  // Missed expirations are merged into this one.
   const auto missed = (Clock::now() - state->nextExpiration) / *state->interval;
   state->nextExpiration = later(state->nextExpiration, *state->interval * (missed + 1));
   arm(state);

@@ -10,10 +10,9 @@
 
 namespace ostravel::linuxplatform {
 
-// A timer on the monotonic clock, which does not count the time that the machine sleeps. The delay
-// counts from schedule(); expirations before resume() are made up for by one as soon as it is
-// called. Timers with the same leeway expire together where their leeway permits. Nominal times of
-// a repeating timer do not drift.
+// A timer on the monotonic clock, which stops while the machine sleeps. The delay starts at
+// schedule(); expirations missed before resume() are merged into one that happens at once. Timers
+// with the same leeway expire together where it permits. A repeating timer does not drift.
 class LinuxDispatchTimer final : public platform::DispatchTimer {
  public:
   // The service outlives the timer.
@@ -21,14 +20,14 @@ class LinuxDispatchTimer final : public platform::DispatchTimer {
   ~LinuxDispatchTimer() override;
 
   void setEventHandler(Handler handler) override;
-  // Replaces an earlier schedule. Throws std::logic_error for an interval that is not positive.
+  // Replaces an earlier schedule. Throws std::logic_error if the interval is not positive.
   void schedule(std::chrono::nanoseconds delay, std::optional<std::chrono::nanoseconds> interval,
                 std::chrono::nanoseconds leeway) override;
   void resume() override;
   void cancel() override;
 
  private:
-  // What expirations and submitted handlers still need when the timer is gone.
+  // What expirations and submitted handlers still need after the timer is destroyed.
   struct State;
 
   static void arm(const std::shared_ptr<State>& state);

@@ -5,9 +5,9 @@
 
 namespace ostravel::linuxplatform {
 
-// The real calls; sockets of the Internet families are marked as our own, so that what is sent on
-// them is never intercepted. Without the permission to mark there is no interception either, and
-// the call succeeds all the same.
+// The real calls; Internet sockets are marked as our own, so that their packets are never
+// intercepted. If we may not set marks, there is no interception either, and the call succeeds
+// without one.
 class LinuxSocketCalls final : public platform::PosixSocketCalls {
  public:
   explicit LinuxSocketCalls(const PacketMarks& marks = {}) : marks_(marks) {}

@@ -15,7 +15,7 @@ namespace ostravel::linuxplatform {
 namespace {
 
 constexpr std::size_t kUUIDSize = 16;
-// The most that is always delivered completely (getrandom(2)).
+// The most that getrandom(2) always delivers completely.
 constexpr std::size_t kBatchSize = 256;
 
 struct RandomBytes {
@@ -29,8 +29,7 @@ void fetch(RandomBytes& random) {
     fetched = ::getrandom(random.bytes.data(), random.bytes.size(), 0);
   } while (fetched < 0 && errno == EINTR);
   if (fetched != static_cast<ssize_t>(random.bytes.size())) {
-    // Every kernel that this program runs on has the call, and identifiers that repeat would mix up
-    // tunnels.
+    // Every supported kernel has the call, and repeated identifiers would mix up tunnels.
     std::abort();
   }
   random.used = 0;

@@ -4,8 +4,8 @@
 
 namespace ostravel::linuxplatform {
 
-// UUIDs from the kernel's random numbers, fetched for several at a time and kept per thread. The
-// process must not fork without starting another program: the child would repeat some of them.
+// UUIDs from the kernel's random numbers, fetched for several at a time and cached per thread. The
+// process must not fork without executing another program: the child would repeat some of them.
 class RandomUUIDSource final : public platform::UUIDSource {
  public:
   std::string randomUUID() override;

@@ -9,22 +9,22 @@
 
 namespace ostravel::linuxplatform {
 
-// A limited resource of the process and each user's part of it. Counts and does not enforce:
-// its users ask before they take some. Usable from any thread; outlives its leases.
+// A limited resource of the process, and each user's share of it. Counts and does not enforce:
+// callers check before they take some. Usable from any thread; outlives its leases.
 //
-// A user may use more as long as its part is smaller than what is still free. Alone it gets half,
-// of two each gets a third, of n each gets 1/(n+1): nobody has to be known in advance, and there is
-// always something left for one more.
+// A user may take more while its share is smaller than what is still free. A single user gets half,
+// two get a third each, n get 1/(n+1) each: the users need not be known in advance, and there is
+// always some left for one more.
 class SharedBudget {
  public:
-  // Which of a user's counters this budget is divided by.
+  // The per-user counter that this budget is divided by.
   using Counter = std::atomic<std::size_t>& (UserShare::*)();
 
-  // A part in use, given back on destruction.
+  // An amount in use, returned on destruction.
   class Lease {
    public:
     Lease() = default;
-    // Without a share it is nobody's in particular.
+    // Without a share it is not charged to any user.
     Lease(SharedBudget& budget, std::size_t amount, std::shared_ptr<UserShare> share = nullptr)
         : budget_(&budget), amount_(amount), share_(std::move(share)) {
       budget_->inUse_.fetch_add(amount_, std::memory_order_relaxed);
@@ -48,7 +48,7 @@ class SharedBudget {
       }
     }
 
-    // From now on it is this user's.
+    // Charges the amount to this user from now on.
     void chargeTo(std::shared_ptr<UserShare> share) {
       if (budget_ != nullptr) {
         takeFromShare();
@@ -89,7 +89,7 @@ class SharedBudget {
     return used < limit_ ? limit_ - used : 0;
   }
 
-  // Whether so much more is this user's to take.
+  // True if this user may take this much more.
   bool isWithinShare(UserShare& share, std::size_t amount) const {
     const std::size_t used = (share.*counter_)().load(std::memory_order_relaxed);
     return used + amount <= unused();

@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// How soon the writer finds out that it is not waited for any more.
+// How soon the writer notices that it must end.
 constexpr auto kPatience = 100ms;
 
 const char* levelName(LogLevel level) {
@@ -56,7 +56,7 @@ StderrLog::Output::Output(int descriptor)
     : descriptor_(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0)), output_(descriptor_.get()) {}
 
 std::size_t StderrLog::Output::write(std::string_view lines) {
-  // poll(2) takes no notice of a descriptor that is not there, and only waits.
+  // poll(2) ignores a descriptor that is not open, and would only wait.
   return descriptor_.isOpen() ? output_.writePiece(lines, kPatience).size : lines.size();
 }
 

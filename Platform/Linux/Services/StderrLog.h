@@ -10,20 +10,20 @@
 
 namespace ostravel::linuxplatform {
 
-// Hands lines for standard error to a background writer:
+// Passes lines for standard error to a background writer:
 //
 //   2026-11-21T11:05:01.123Z info    OstravelProxy: Provider started
 //
-// Time in UTC, of the moment when the line was logged, then the level. Usable from any thread.
+// The time at which the line was logged, in UTC, then the level. Usable from any thread.
 class StderrLog final : public platform::Log {
  public:
   enum class Debug { isDropped, isWritten };
 
-  // Writes the lines to a descriptor. A line that cannot be written is lost without a word, except
-  // that a closed pipe raises SIGPIPE, which the process ignores.
+  // Writes the lines to a descriptor. A line that cannot be written is silently lost, except that a
+  // closed pipe raises SIGPIPE, which the process ignores.
   class Output final : public BackgroundWriter::Output {
    public:
-    // Works on a duplicate of the descriptor, which stays the caller's.
+    // Uses a duplicate of the descriptor, which remains the caller's.
     explicit Output(int descriptor);
 
     std::size_t write(std::string_view lines) override;

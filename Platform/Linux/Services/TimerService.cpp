@@ -39,8 +39,8 @@ TimerService::Alarm TimerService::set(Clock::time_point time, std::function<void
   return alarm;
 }
 
-void TimerService::takeBack(const Alarm& alarm) {
-  // What the alarm would have called is destroyed without the lock.
+void TimerService::cancel(const Alarm& alarm) {
+  // Destroys the alarm's function without the lock.
   decltype(alarms_)::node_type taken;
   const std::lock_guard lock(mutex_);
   taken = alarms_.extract(alarm);
@@ -69,7 +69,7 @@ void TimerService::waitForNext(std::unique_lock<std::mutex>& lock) {
     sleepsUntil_ = alarms_.begin()->first.first;
     wakeUp_.wait_until(lock, sleepsUntil_);
   }
-  // Awake, and about to look.
+  // Awake, and about to check.
   sleepsUntil_ = Clock::time_point::min();
 }
 

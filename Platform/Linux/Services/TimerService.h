@@ -11,19 +11,19 @@
 
 namespace ostravel::linuxplatform {
 
-// The thread on which the timers of all queues expire. It only puts handlers on their queues, so
-// nothing that a handler does can make another timer late. Owned by the platform; outlives every
-// timer. Usable from any thread.
+// The thread on which the timers of all queues expire. It only submits handlers to their queues, so
+// a handler cannot delay another timer. Owned by the platform; outlives every timer. Usable from
+// any thread.
 //
-// Nearly all alarms are taken back long before they are due, since every tunnel sets one and few
-// need it. So taking one back wakes nobody, and setting one does only if it is the next to expire.
+// Nearly all alarms are cancelled long before they are due: every tunnel sets one and few need it.
+// So cancelling an alarm wakes no thread, and setting one does only if it is the next to expire.
 class TimerService {
  public:
   using Clock = std::chrono::steady_clock;
   // When an alarm is due, and a number that makes it unique.
   using Alarm = std::pair<Clock::time_point, std::uint64_t>;
 
-  // Throws std::system_error when the thread cannot be made.
+  // Throws std::system_error if the thread cannot be created.
   TimerService();
   TimerService(const TimerService&) = delete;
   TimerService& operator=(const TimerService&) = delete;
@@ -32,10 +32,10 @@ class TimerService {
   // Nothing expires after this returns.
   void stop();
 
-  // Calls expire at that time, on the thread of the service, unless the alarm is taken back.
+  // Calls expire at that time, on the thread of the service, unless the alarm is cancelled.
   Alarm set(Clock::time_point time, std::function<void()> expire);
-  // It may be expiring at this moment.
-  void takeBack(const Alarm& alarm);
+  // The alarm may be expiring at this moment.
+  void cancel(const Alarm& alarm);
 
  private:
   void run();
@@ -45,7 +45,7 @@ class TimerService {
   std::condition_variable wakeUp_;
   std::map<Alarm, std::function<void()>> alarms_;
   std::uint64_t lastNumber_ = 0;
-  // An alarm that is due earlier than this has to wake the thread.
+  // Setting an alarm that is due earlier than this wakes the thread.
   Clock::time_point sleepsUntil_ = Clock::time_point::min();
   bool isStopping_ = false;
   std::thread thread_;

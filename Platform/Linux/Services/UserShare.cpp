@@ -5,9 +5,9 @@
 namespace ostravel::linuxplatform {
 
 void UserShare::handshakeTimedOut(Clock::time_point now) {
-  // Flows of one user may end on several event loops at once; one of them more or less does not
+  // Flows of one user may end on several event loops at once; counting one more or less does not
   // matter.
-  if (isOnTrial() && !mayBeTried(now)) {
+  if (isOnTrial() && !isTrialDue(now)) {
     return;
   }
   const unsigned failed = failedTrials_.fetch_add(1, std::memory_order_relaxed);

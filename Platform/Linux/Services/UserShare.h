@@ -6,18 +6,18 @@
 
 namespace ostravel::linuxplatform {
 
-// What the flows of one user are using at this moment, and whether the local proxy answers them.
-// Made by UserShares for the verdict thread; shared with everything that uses a part of it, which
-// gives the part back on any thread. Usable from any thread, except exceedsRate().
+// The resources that the flows of one user are using, and whether the local proxy answers them.
+// Created by UserShares for the verdict thread; shared with everything that uses part of it, which
+// returns that part on any thread. Usable from any thread, except exceedsRate().
 class UserShare {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Offers in one go, and per second after that, which a user may have although others want to be
-  // served: more than a busy machine's own services make, less than what fills a processor.
+  // Offers that a user may have in a burst, and per second after that, while other users are
+  // active: more than a busy machine's services need, less than what saturates a processor.
   static constexpr double kOfferBurst = 400;
   static constexpr double kOffersPerSecond = 400;
-  // Pauses between trials of a proxy that goes on not answering: the first, doubled each time.
+  // Pauses between trials of a proxy that keeps not answering: the first, doubled each time.
   static constexpr std::chrono::seconds kShortestTrialPause{1};
   static constexpr std::chrono::seconds kLongestTrialPause{15};
 
@@ -30,25 +30,25 @@ class UserShare {
   void holdEnded() { held_.fetch_sub(1, std::memory_order_relaxed); }
   std::size_t held() const { return held_.load(std::memory_order_relaxed); }
 
-  // A handshake has reached its deadline: until one succeeds, the user's flows are offered one at a
-  // time and with growing pauses, so that a proxy that never answers does not delay connections
-  // over and over. Those that reach it together count as one.
+  // A handshake has reached its deadline. Until one succeeds, the user's flows are offered one at a
+  // time with growing pauses, so that a proxy that never answers does not delay every connection.
+  // Handshakes that time out together count as one.
   void handshakeTimedOut(Clock::time_point now);
   void handshakeSucceeded() { failedTrials_.store(0, std::memory_order_relaxed); }
   bool isOnTrial() const { return failedTrials_.load(std::memory_order_relaxed) > 0; }
-  bool mayBeTried(Clock::time_point now) const {
+  bool isTrialDue(Clock::time_point now) const {
     return now.time_since_epoch() >= nextTrial_.load(std::memory_order_relaxed);
   }
 
-  // Counts an offer; true when it exceeds what the user may have while others want to be served.
-  // Only on the verdict thread.
+  // Counts an offer; true if it exceeds what the user may have while other users are active. Only
+  // on the verdict thread.
   bool exceedsRate(Clock::time_point now);
 
   // Descriptors of sockets and pipes, and bytes of memory that wait for a reader.
   std::atomic<std::size_t>& descriptors() { return descriptors_; }
   std::atomic<std::size_t>& memory() { return memory_; }
 
-  // Nothing would be lost by forgetting it.
+  // True if nothing would be lost by forgetting it.
   bool isIdle() const { return held() == 0 && !isOnTrial() && descriptors_ == 0 && memory_ == 0; }
 
  private:
@@ -57,7 +57,7 @@ class UserShare {
   std::atomic<Clock::duration> nextTrial_ = Clock::duration::min();
   std::atomic<std::size_t> descriptors_ = 0;
   std::atomic<std::size_t> memory_ = 0;
-  // Used by exceedsRate() alone: the offers that are left, and when they were counted.
+  // Used by exceedsRate() alone: the offers left, and when they were counted.
   double offersLeft_ = kOfferBurst;
   Clock::time_point lastOffer_;
 };

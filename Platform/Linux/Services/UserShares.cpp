@@ -32,7 +32,7 @@ bool UserShares::isOtherActive(const UserShare& share, UserShare::Clock::time_po
 }
 
 void UserShares::forgetIdleUsers() {
-  // Only this thread makes references out of nothing, so that a single one stays single.
+  // Only this thread creates references from the map, so a use count of one cannot rise.
   std::erase_if(shares_, [](const auto& entry) {
     return entry.second.use_count() == 1 && entry.second->isIdle();
   });

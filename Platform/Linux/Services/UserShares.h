@@ -13,23 +13,24 @@
 
 namespace ostravel::linuxplatform {
 
-// The shares of all users who have flows. Used by the verdict thread only. A user who uses nothing
-// is forgotten when there are many, so that identities that are made up cost no memory.
+// The shares of all users who have flows. Used by the verdict thread only. When there are many,
+// those of users who use nothing are dropped, so that made-up identities cost no memory.
 class UserShares {
  public:
-  // Never null. Flows whose user is not known share one.
+  // Never null. Flows without a known user share one.
   std::shared_ptr<UserShare> of(std::optional<uid_t> user);
 
-  // An application of this user is being proxied. A user counts as active for kActivity after that.
+  // An application of this user is being proxied. The user counts as active for kActivity after
+  // that.
   void noteActivity(const UserShare& share, UserShare::Clock::time_point now);
-  // Whether anybody but this user is active, who would have to wait while this one is served.
+  // True if another user is active, who would have to wait while this one is served.
   bool isOtherActive(const UserShare& share, UserShare::Clock::time_point now) const;
 
   std::size_t size() const { return shares_.size(); }
 
   static constexpr std::chrono::seconds kActivity{2};
 
-  // From this many on, those who use nothing are forgotten.
+  // From this many on, users who use nothing are dropped.
   static constexpr std::size_t kManyUsers = 1024;
 
  private:
@@ -40,7 +41,7 @@ class UserShares {
   std::size_t sweepAt_ = kManyUsers;
 
   struct Activity {
-    // Only compared, since the share may be gone.
+    // Only compared: the share may have been destroyed.
     const UserShare* share = nullptr;
     UserShare::Clock::time_point time;
   };

@@ -46,7 +46,7 @@ void WorkerPool::submit(std::shared_ptr<Client> client) {
   }
 }
 
-// Whether a thread has to be woken for the client in front. Called with the lock held.
+// True if a thread has to be woken for the first client. Called with the lock held.
 bool WorkerPool::callOne() {
   return sleepingThreads_ > 0 && !std::exchange(isThreadCalled_, true);
 }
@@ -65,7 +65,7 @@ void WorkerPool::run() {
     }
     std::shared_ptr<Client> client = std::move(clients_.front());
     clients_.pop_front();
-    // For those that have come while this thread was waking up: the turn may be a long one.
+    // For clients that were submitted while this thread was waking up: its turn may be long.
     const bool isCallNeeded = !clients_.empty() && callOne();
     lock.unlock();
     if (isCallNeeded) {
@@ -78,7 +78,7 @@ void WorkerPool::run() {
 }
 
 void WorkerPool::itemFinished() {
-  // The last one either sees the drain, or is seen by it.
+  // Either the last item sees the drain, or the drain sees it.
   if (--unfinishedItems_ == 0 && isDraining_) {
     const std::lock_guard lock(mutex_);
     drained_.notify_all();

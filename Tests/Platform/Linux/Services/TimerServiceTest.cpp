@@ -56,7 +56,7 @@ TEST(TimerServiceTest, AnAlarmThatIsTakenBackDoesNotExpireAndLetsGoOfWhatItHeld)
   const auto held = std::make_shared<int>(0);
   const auto time = Clock::now() + 50ms;
   const auto alarm = service.set(time, [held] { FAIL(); });
-  service.takeBack(alarm);
+  service.cancel(alarm);
   EXPECT_EQ(held.use_count(), 1);
   service.set(time, [&expired] { expired.set_value(); });
   expired.get_future().get();
@@ -67,7 +67,7 @@ TEST(TimerServiceTest, OthersStillExpireWhenTheNextOneIsTakenBack) {
   std::promise<void> expired;
   const auto alarm = service.set(Clock::now() + 20ms, [] { FAIL(); });
   service.set(Clock::now() + 40ms, [&expired] { expired.set_value(); });
-  service.takeBack(alarm);
+  service.cancel(alarm);
   expired.get_future().get();
 }
 
@@ -76,7 +76,7 @@ TEST(TimerServiceTest, AnAlarmMaySetAndTakeBackOthers) {
   std::promise<void> expired;
   const auto other = service.set(Clock::now() + 1h, [] { FAIL(); });
   service.set(Clock::now(), [&] {
-    service.takeBack(other);
+    service.cancel(other);
     service.set(Clock::now(), [&expired] { expired.set_value(); });
   });
   expired.get_future().get();
@@ -87,7 +87,7 @@ TEST(TimerServiceTest, TakingBackWhatHasExpiredDoesNothing) {
   std::promise<void> expired;
   const auto alarm = service.set(Clock::now(), [&expired] { expired.set_value(); });
   expired.get_future().get();
-  service.takeBack(alarm);
+  service.cancel(alarm);
 }
 
 TEST(TimerServiceTest, NothingExpiresAfterStop) {
