@@ -13,9 +13,9 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// The unified hierarchy without a path to it, for mount namespaces that hide it: those of
-// ip-netns(8) replace /sys, where it is usually mounted. Nobody else sees this mount, and it goes
-// with its last descriptor.
+// Mounts the unified hierarchy without a path, for mount namespaces that hide it: those of
+// ip-netns(8) replace /sys, where it is usually mounted. No other process sees this mount, and it
+// is unmounted with its last descriptor.
 FileDescriptor openDetachedCgroupRoot() {
   const FileDescriptor context(::fsopen("cgroup2", FSOPEN_CLOEXEC));
   if (!context.isOpen() ||
@@ -36,7 +36,7 @@ std::optional<std::string> findCgroupRoot(const std::string& mountsFile) {
     return std::nullopt;
   }
   mntent entry{};
-  // Long enough for any line that matters; longer ones are cut off.
+  // Long enough for any relevant line; longer ones are truncated.
   std::array<char, 8192> text;
   while (::getmntent_r(mounts.get(), &entry, text.data(), static_cast<int>(text.size()))) {
     if (std::strcmp(entry.mnt_type, "cgroup2") == 0) {

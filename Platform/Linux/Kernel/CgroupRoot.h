@@ -7,12 +7,12 @@
 
 namespace ostravel::linuxplatform {
 
-// Where the unified control groups (cgroups(7), version 2) are mounted, according to a file in the
-// format of /proc/self/mounts; absent when they are not.
+// The mount point of the unified control groups (cgroups(7), version 2), according to a file in the
+// format of /proc/self/mounts; empty if they are not mounted.
 std::optional<std::string> findCgroupRoot(const std::string& mountsFile);
 
-// The folder of the root control group, found or else mounted where nobody sees it; not open, with
-// errno set, when there are no unified control groups or they cannot be reached.
+// Opens the folder of the root control group, which is mounted privately if there is no mount. Not
+// open, with errno set, if there are no unified control groups or they cannot be accessed.
 FileDescriptor openCgroupRoot();
 
 }  // namespace ostravel::linuxplatform

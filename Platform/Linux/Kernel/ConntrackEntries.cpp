@@ -19,7 +19,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// As much as the kernel sends of a dump at once.
+// The size of the kernel's dump messages.
 constexpr std::size_t kDumpSize = 32768;
 
 void putTuple(nlmsghdr* header, const FlowTuple& flow) {
@@ -40,7 +40,7 @@ void putTuple(nlmsghdr* header, const FlowTuple& flow) {
   ::mnl_attr_nest_end(header, tuple);
 }
 
-// Attributes of one level by their types, as far as they are of interest.
+// The attributes of interest in one level, by type.
 using Attributes = std::array<const nlattr*, CTA_PROTOINFO + 1>;
 
 int noteAttribute(const nlattr* attribute, void* data) {
@@ -52,7 +52,7 @@ int noteAttribute(const nlattr* attribute, void* data) {
   return MNL_CB_OK;
 }
 
-// The attribute that a path of nested ones leads to; null when there is none.
+// The attribute at a path of nested ones; null if there is none.
 const nlattr* nested(const nlattr* attribute, std::initializer_list<std::uint16_t> path) {
   for (const std::uint16_t type : path) {
     Attributes inner{};
@@ -64,7 +64,7 @@ const nlattr* nested(const nlattr* attribute, std::initializer_list<std::uint16_
   return attribute;
 }
 
-// One end of a tuple; absent when it is not complete.
+// One end of a tuple; empty if it is incomplete.
 std::optional<SocketEndpoint> endpointOf(const nlattr* tuple, AddressFamily family,
                                          std::uint16_t addressType, std::uint16_t portType) {
   const nlattr* const address = nested(tuple, {CTA_TUPLE_IP, addressType});
@@ -90,8 +90,8 @@ bool isLoopback(const SocketEndpoint& endpoint) {
 
 }  // namespace
 
-// The connection that an entry is about, if it was redirected to a loopback address. One that has
-// ended in order is none: the kernel takes the next one with its ports for a new one.
+// The connection of an entry, if it was redirected to a loopback address. One that has ended in
+// order does not count: the kernel treats the next connection with its ports as new.
 std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
     const nlmsghdr* header) {
   const auto* const message = static_cast<const nfgenmsg*>(::mnl_nlmsg_get_payload(header));
@@ -145,7 +145,7 @@ int ConntrackEntries::remove(const FlowTuple& original) {
 }
 
 std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListened) {
-  // Few listeners for many connections.
+  // Many connections share few listeners.
   std::unordered_map<SocketEndpoint, bool, SocketEndpointHash> known;
   std::size_t count = 0;
   for (const auto& [original, arrived] : redirections()) {

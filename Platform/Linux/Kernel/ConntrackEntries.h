@@ -12,31 +12,32 @@ struct nlmsghdr;
 
 namespace ostravel::linuxplatform {
 
-// The kernel's memory of connections, in this network namespace (nfnetlink_conntrack). Used by one
+// The kernel's connection tracking in this network namespace (nfnetlink_conntrack). Used by one
 // thread at a time.
 class ConntrackEntries {
  public:
   ConntrackEntries() : socket_(openNetfilterSocket()) {}
 
-  // Makes the kernel forget the connection that began like this, and where it was redirected to:
-  // its next packet is a first one again. 0, ENOENT when there is none, or what went wrong.
+  // Deletes the entry of the connection that started with this tuple, including its redirection:
+  // its next packet counts as a first one again. Returns 0, ENOENT if there is no entry, or another
+  // errno.
   int remove(const FlowTuple& original);
 
-  // The same for all TCP connections that were redirected to a loopback address where nobody
-  // listens any more: a new one with the same addresses and ports would be refused there. How many
-  // there were. isListened tells whether somebody listens.
+  // Deletes the entries of all TCP connections that were redirected to a loopback address without a
+  // listener: a new connection with the same addresses and ports would be refused there. Returns
+  // how many there were. isListened returns true if the address has a listener.
   using IsListened = std::function<bool(const SocketEndpoint&)>;
   std::size_t removeDeadRedirections(const IsListened& isListened);
 
  private:
   struct Redirection {
     FlowTuple original;
-    // Where it was redirected to.
+    // The destination after redirection.
     SocketEndpoint arrived;
   };
 
   static std::optional<Redirection> redirectionOf(const nlmsghdr* entry);
-  // As far as the table could be read.
+  // As far as the table can be read.
   std::vector<Redirection> redirections();
 
   const NetlinkSocket socket_;

@@ -2,8 +2,8 @@
 
 namespace ostravel::linuxplatform {
 
-// A counter in the kernel that wakes a thread which polls it (eventfd(2)). signal() may be called
-// from any thread.
+// A kernel counter that wakes a polling thread (eventfd(2)). signal() may be called from any
+// thread.
 class EventDescriptor {
  public:
   EventDescriptor();
@@ -14,7 +14,7 @@ class EventDescriptor {
   int descriptor() const { return descriptor_; }
 
   void signal();
-  // Takes back all signals so far; false if there was none.
+  // Clears all signals so far; false if there were none.
   bool consume();
 
  private:

@@ -13,8 +13,8 @@ namespace ostravel::linuxplatform {
 enum class AddressFamily : std::uint8_t { ipv4, ipv6 };
 enum class TransportProtocol : std::uint8_t { tcp, udp };
 
-// An address and a port. Addresses are in network byte order, IPv4 in the first four bytes and the
-// rest zero; ports are in host byte order.
+// An address and a port. Addresses are in network byte order, IPv4 in the first four bytes with the
+// other bytes zero; ports are in host byte order.
 struct SocketEndpoint {
   AddressFamily family = AddressFamily::ipv4;
   std::array<std::uint8_t, 16> address{};
@@ -26,8 +26,8 @@ struct SocketEndpoint {
   friend auto operator<=>(const SocketEndpoint&, const SocketEndpoint&) = default;
 };
 
-// What identifies a flow in this network namespace, as its first packet shows it. Both ends are of
-// one family.
+// Identifies a flow in this network namespace, as seen in its first packet. Both ends have the same
+// family.
 struct FlowTuple {
   TransportProtocol protocol = TransportProtocol::tcp;
   SocketEndpoint source;

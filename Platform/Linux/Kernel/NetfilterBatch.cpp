@@ -15,11 +15,11 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Room for the largest batch by far: the whole table takes about 20 KB.
+// Ample room for the largest batch: the whole table takes about 20 KB.
 constexpr std::size_t kBufferSize = 256 * 1024;
 constexpr timeval kAnswerTimeout{2, 0};
 
-// Sequence numbers tell the answers apart, also those of an earlier batch that came late.
+// Sequence numbers match answers to requests, and reveal late answers to an earlier batch.
 std::uint32_t nextSequenceBlock() {
   constexpr std::uint32_t kBlock = 1024;
   static std::atomic<std::uint32_t> next{kBlock};
@@ -66,7 +66,7 @@ std::optional<NetfilterBatch::Failure> NetfilterBatch::commit(mnl_socket* socket
   if (::mnl_socket_sendto(socket, buffer_.data(), used_) < 0) {
     return Failure{"", errno};
   }
-  // The beginning is answered only when the whole batch is refused.
+  // The begin message is answered only if the whole batch is rejected.
   std::optional<Failure> failure;
   while (pending_.size() > 1) {
     alignas(nlmsghdr) std::array<char, 16384> answer;

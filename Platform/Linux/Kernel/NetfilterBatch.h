@@ -18,14 +18,14 @@ struct NetlinkSocketRelease {
 };
 using NetlinkSocket = std::unique_ptr<mnl_socket, NetlinkSocketRelease>;
 
-// A netlink socket to netfilter; null, with errno set, when the kernel has none. No receive on it
-// waits longer than two seconds.
+// Opens a netlink socket to netfilter; null, with errno set, if the kernel has no support.
+// Receiving on it blocks for at most two seconds.
 NetlinkSocket openNetfilterSocket();
 
-// Changes to nf_tables that the kernel makes all together or not at all (nfnetlink batch).
+// Changes to nf_tables that the kernel applies atomically (nfnetlink batch).
 class NetfilterBatch {
  public:
-  // What a batch failed at: the change as its caller named it, empty for the batch as a whole.
+  // The failed change, under the name its caller gave it; empty for the batch as a whole.
   struct Failure {
     std::string change;
     int error = 0;
@@ -33,12 +33,12 @@ class NetfilterBatch {
 
   NetfilterBatch();
 
-  // fill writes the payload behind the header. type is NFT_MSG_*, family is NFPROTO_*, flags are
-  // NLM_F_* besides those that every request has.
+  // fill writes the payload after the header. type is NFT_MSG_*, family is NFPROTO_*, flags are
+  // NLM_F_* in addition to those of every request.
   void add(std::string change, std::uint16_t type, std::uint16_t family, std::uint16_t flags,
            const std::function<void(nlmsghdr*)>& fill);
 
-  // Sends the batch and waits for the kernel's answer to every change. The batch is used up.
+  // Sends the batch and waits for the kernel's answer to every change. Called once per batch.
   std::optional<Failure> commit(mnl_socket* socket);
 
  private:

@@ -279,7 +279,7 @@ NetfilterRule& NetfilterRule::queue(std::uint16_t number, QueueStatement stateme
   };
   constexpr std::uint32_t kRevision = 3;
   constexpr std::uint16_t kBypass = 1;
-  // The expression takes the memory over and frees it.
+  // The expression takes ownership of the memory and frees it.
   void* const memory = std::calloc(1, sizeof(TargetInfo));
   if (memory == nullptr) {
     throw std::bad_alloc();

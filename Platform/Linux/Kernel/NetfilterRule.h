@@ -16,12 +16,12 @@ struct NetfilterRuleRelease {
   void operator()(nftnl_rule* rule) const;
 };
 
-// One rule of a chain, written expression by expression: tests in the order given, then what is
-// done with a packet that passes them all. See nft(8) for the statements that these stand for.
+// One rule of a chain, built expression by expression: tests in the given order, then the action
+// for packets that match them all. Each member is annotated with the equivalent nft(8) statement.
 class NetfilterRule {
  public:
-  // How packets are handed to the queue: by the native expression, or by the iptables target, which
-  // some kernels have instead.
+  // How packets are queued: with the native expression, or with the iptables target, which some
+  // kernels have instead.
   enum class QueueStatement { native, compatibilityTarget };
 
   NetfilterRule(const char* table, const char* chain);
@@ -44,13 +44,13 @@ class NetfilterRule {
   NetfilterRule& protocolNotIn(const char* set);
   // ip|ip6 daddr in network/prefix; family is tested too
   NetfilterRule& destination(const SocketEndpoint& network, unsigned prefix);
-  // ip|ip6 daddr anything but loopback; family is tested too
+  // ip|ip6 daddr other than loopback; family is tested too
   NetfilterRule& destinationNotLoopback(AddressFamily family);
   // th dport port
   NetfilterRule& destinationPort(std::uint16_t port);
 
-  // update @set { meta skuid limit rate over perSecond/second burst burst packets }: true for the
-  // packets by which a user exceeds the rate; the set has to hold expressions.
+  // update @set { meta skuid limit rate over perSecond/second burst burst packets }: matches the
+  // packets that exceed the user's rate; the set must support expressions.
   NetfilterRule& userExceedsRate(const char* set, std::uint32_t perSecond, std::uint32_t burst);
 
   NetfilterRule& accept();

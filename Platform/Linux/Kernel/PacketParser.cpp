@@ -12,7 +12,7 @@ constexpr std::size_t kIPv4MinimumHeader = 20;
 constexpr std::size_t kIPv6Header = 40;
 constexpr unsigned kMaximumExtensionHeaders = 8;
 
-// Bounds-checked big-endian reads; a read behind the end makes the whole packet unreadable.
+// Bounds-checked big-endian reads; a read past the end makes the whole packet unreadable.
 class Reader {
  public:
   explicit Reader(std::span<const std::byte> bytes) : bytes_(bytes) {}

@@ -9,17 +9,17 @@
 
 namespace ostravel::linuxplatform {
 
-// What the first packet of a flow tells about it.
+// What the first packet of a flow contains.
 struct FirstPacket {
   FlowTuple tuple;
-  // TCP's initial sequence number; a retransmitted SYN has the same one. 0 for UDP.
+  // TCP's initial sequence number, equal in retransmitted SYNs. 0 for UDP.
   std::uint32_t initialSequence = 0;
 
   friend bool operator==(const FirstPacket&, const FirstPacket&) = default;
 };
 
-// Reads an IPv4 or IPv6 packet from its network header on (RFC 791, RFC 8200) up to the ports of
-// TCP or UDP. Absent when it is anything else, a later fragment, or cut off too early.
+// Parses an IPv4 or IPv6 packet (RFC 791, RFC 8200) from its network header to the ports of TCP or
+// UDP. Empty if it is anything else, a later fragment, or truncated.
 std::optional<FirstPacket> parseFirstPacket(std::span<const std::byte> packet);
 
 }  // namespace ostravel::linuxplatform

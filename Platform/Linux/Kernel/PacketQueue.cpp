@@ -23,19 +23,19 @@ using platform::Error;
 
 namespace {
 
-// Any free number will do; the range only has to outlast whoever else uses one of them.
+// Any free number will do; the range must only be larger than the number of other users of it.
 constexpr std::uint16_t kFirstQueueNumber = 43100;
 constexpr std::uint16_t kLastQueueNumber = 43131;
 
 // The longest headers that the parser reads: IPv6, its extension headers, the ports.
 constexpr std::uint32_t kCopiedBytes = 256;
 
-// The flows whose handshake is pending plus a burst of a few pages opened at once. What exceeds it
-// passes unseen.
+// The flows with a pending handshake plus a burst of a few pages opened at once. Further packets
+// pass without being offered.
 constexpr std::uint32_t kMaximumHeldPackets = 256;
 static_assert(kMaximumHeldPackets >= 4 * platform::limits::kMaxPendingHandshakes);
 
-// A verdict that the kernel has no memory for is repeated this often before it has to wait.
+// A verdict that the kernel has no memory for is retried this often before it is deferred.
 constexpr int kAttemptsAtOnce = 4;
 
 constexpr std::size_t kMessageBuffer = 8192;
@@ -44,7 +44,7 @@ constexpr int kReceiveBuffer = 1024 * 1024;
 
 using MessageBuffer = std::array<char, 512>;
 
-// Sends one configuration request and waits for its acknowledgement; errno or 0.
+// Sends one configuration request and waits for its acknowledgement; returns errno or 0.
 int configure(mnl_socket* socket, nlmsghdr* header) {
   header->nlmsg_flags |= NLM_F_ACK;
   header->nlmsg_seq = 1;
@@ -83,7 +83,7 @@ int setLimits(mnl_socket* socket, std::uint16_t number) {
 
 void setSocketOptions(int descriptor) {
   const int on = 1;
-  // A full buffer must not end the reading; the kernel lets the packets pass that did not fit.
+  // A full buffer must not cause receive errors; the kernel accepts packets that do not fit.
   ::setsockopt(descriptor, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
   ::setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
 }
@@ -110,7 +110,7 @@ platform::Result<std::unique_ptr<PacketQueue>> PacketQueue::open(Send send) {
   int error = EBUSY;
   for (std::uint16_t number = kFirstQueueNumber; number <= kLastQueueNumber; ++number) {
     error = bindQueue(socket.get(), number);
-    // Somebody else's queue answers that it is not ours to change.
+    // The queue of another process: the kernel answers that we may not change it.
     if (error == EBUSY || (error == EPERM && number != kLastQueueNumber)) {
       continue;
     }
@@ -182,7 +182,7 @@ int PacketQueue::sendNow(mnl_socket* socket, const nlmsghdr* message) {
 
 void PacketQueue::give(const Verdict& verdict) const {
   for (int attempt = 0; attempt < kAttemptsAtOnce; ++attempt) {
-    if (tryToGive(verdict)) {
+    if (trySend(verdict)) {
       return;
     }
   }
@@ -191,7 +191,7 @@ void PacketQueue::give(const Verdict& verdict) const {
   hasUnsent_ = true;
 }
 
-bool PacketQueue::tryToGive(const Verdict& verdict) const {
+bool PacketQueue::trySend(const Verdict& verdict) const {
   alignas(nlmsghdr) MessageBuffer buffer{};
   nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
   ::nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id), NF_ACCEPT);
@@ -199,7 +199,7 @@ bool PacketQueue::tryToGive(const Verdict& verdict) const {
     ::nfq_nlmsg_verdict_put_mark(header, *verdict.mark);
   }
   const int error = send_(socket_.get(), header);
-  // Anything else says that the packet is gone, and needs no verdict any more.
+  // Any other error means that the packet is gone and needs no verdict.
   return error != ENOBUFS && error != ENOMEM && error != EAGAIN && error != EINTR;
 }
 
@@ -208,7 +208,7 @@ void PacketQueue::retryUnsent() const {
     return;
   }
   const std::lock_guard guard(unsentLock_);
-  std::erase_if(unsent_, [this](const Verdict& verdict) { return tryToGive(verdict); });
+  std::erase_if(unsent_, [this](const Verdict& verdict) { return trySend(verdict); });
   hasUnsent_ = !unsent_.empty();
 }
 

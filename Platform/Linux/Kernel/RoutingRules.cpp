@@ -15,7 +15,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Only a kernel that does not answer at all makes anybody wait.
+// Reached only if the kernel does not answer at all.
 constexpr timeval kAnswerTimeout{1, 0};
 constexpr std::size_t kAnswerSize = 65536;
 
@@ -53,7 +53,7 @@ int readRule(const nlmsghdr* header, void* data) {
   RoutingRules::Rule rule;
   rule.family = message.family == AF_INET ? AddressFamily::ipv4 : AddressFamily::ipv6;
   ::mnl_attr_parse(header, sizeof message, &readAttribute, &rule);
-  // Without a mask the mark does not matter.
+  // Without a mask the rule ignores marks.
   if (header->nlmsg_type == RTM_NEWRULE && rule.mask != 0) {
     rules.push_back(rule);
   }
@@ -97,8 +97,8 @@ RoutingRules RoutingRules::read() {
   return RoutingRules(std::move(rules));
 }
 
-// A rule that compares all bits with a value of others is none of our business: a mark of ours
-// alone never equals it. One that asks for their absence is.
+// A rule that compares all bits with a value outside our mask does not clash: our marks alone never
+// equal it. A rule that requires our bits to be absent does.
 bool RoutingRules::clashesWith(std::uint32_t mask) const {
   return std::any_of(rules_.begin(), rules_.end(), [mask](const Rule& rule) {
     const bool testsOurs = (rule.mask & mask) != 0;
@@ -132,8 +132,8 @@ std::optional<std::uint32_t> RoutingRules::freeMask() const {
   for (unsigned bits = kPreferredBits; bits >= PacketMarks::kFewestBits; --bits) {
     for (unsigned shift = kMarkBits - bits + 1; shift-- > 0;) {
       const std::uint32_t mask = ((1U << bits) - 1) << shift;
-      // A rule that compares some bits may stop matching when one of them is set, so that its bits
-      // are not free, whatever their value.
+      // A rule that compares some bits may stop matching when one of them is set, so its bits are
+      // not free, whatever their value.
       const bool isTested = std::any_of(rules_.begin(), rules_.end(), [mask](const Rule& rule) {
         return rule.mask != kEveryBit && (rule.mask & mask) != 0;
       });

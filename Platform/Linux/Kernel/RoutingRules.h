@@ -11,11 +11,10 @@
 
 namespace ostravel::linuxplatform {
 
-// The rules of this network namespace that route packets by their mark (ip-rule(8), fwmark), as
-// they were when they were read.
+// A snapshot of this network namespace's rules that route packets by mark (ip-rule(8), fwmark).
 class RoutingRules {
  public:
-  // Such a rule: packets with mark & mask == value.
+  // Matches packets with mark & mask == value.
   struct Rule {
     AddressFamily family = AddressFamily::ipv4;
     std::uint32_t priority = 0;
@@ -23,14 +22,14 @@ class RoutingRules {
     std::uint32_t mask = 0;
   };
 
-  // Empty when the kernel has none or does not tell.
+  // Empty if the kernel has none or does not report them.
   static RoutingRules read();
   explicit RoutingRules(std::vector<Rule> rules) : rules_(std::move(rules)) {}
 
   const std::vector<Rule>& rules() const { return rules_; }
 
-  // A sentence for each rule that gives a meaning to bits of ours: packets that it is about would
-  // be taken for ours, or ours for what it is about.
+  // One sentence per rule that gives a meaning to our bits: packets of one would be taken for those
+  // of the other.
   std::vector<std::string> clashesWith(const PacketMarks& marks) const;
 
  private:

@@ -25,11 +25,11 @@ using platform::Error;
 
 namespace {
 
-// Only a kernel that does not answer at all makes anybody wait.
+// Reached only if the kernel does not answer at all.
 constexpr timeval kAnswerTimeout{0, 20'000};
-// Answers to earlier questions that were given up; there is hardly ever one.
+// Limit on late answers to earlier queries; there is hardly ever one.
 constexpr int kMaximumStaleAnswers = 8;
-// The kernel gives the loopback interface this number in every namespace.
+// The kernel gives the loopback interface this index in every namespace.
 constexpr std::uint32_t kLoopbackInterface = 1;
 
 constexpr std::size_t kAnswerSize = 8192;
@@ -69,7 +69,7 @@ std::optional<std::uint16_t> portOfNewListener(int descriptor) {
   return ntohs(address.sin_port);
 }
 
-// Whether a socket that is certainly there is found.
+// True if it finds a socket that certainly exists.
 bool findsOwnListener(SocketDiagnostics& diagnostics) {
   const FileDescriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const auto port = portOfNewListener(listener.get());
@@ -125,7 +125,7 @@ platform::Result<std::unique_ptr<SocketDiagnostics>> SocketDiagnostics::open() {
         "sockets cannot be looked up: the kernel lacks socket diagnostics for TCP "
         "(CONFIG_INET_DIAG)");
   }
-  // Loads what the first question about UDP would have to wait for.
+  // The first query about UDP would otherwise have to wait for a module to be loaded.
   opened->ask(TransportProtocol::udp, wildcard(AddressFamily::ipv4), wildcard(AddressFamily::ipv4),
               0);
   return opened;
@@ -135,9 +135,9 @@ SocketDiagnostics::SocketDiagnostics(Socket diagnostics) : diagnostics_(std::mov
 
 SocketDiagnostics::Answer SocketDiagnostics::find(const FlowTuple& flow,
                                                   std::uint32_t outputInterface) {
-  // Naming an interface finds the sockets that are bound to it as well as those that are bound to
-  // none. A packet of a socket that is bound to a VRF leaves through the VRF's own interface when
-  // it is queued for the first time.
+  // With an interface, the query finds sockets bound to it as well as unbound ones. A packet of a
+  // socket that is bound to a VRF leaves through the VRF's own interface when it is queued for the
+  // first time.
   return ask(flow.protocol, flow.source, flow.destination, outputInterface);
 }
 
@@ -161,7 +161,7 @@ SocketDiagnostics::Answer SocketDiagnostics::ask(TransportProtocol protocol,
   request.sdiag_family = local.family == AddressFamily::ipv4 ? AF_INET : AF_INET6;
   request.sdiag_protocol = isTCP ? IPPROTO_TCP : IPPROTO_UDP;
   request.idiag_states = ~0U;
-  // A question about UDP is put as an arriving datagram would see it.
+  // A query about UDP has the perspective of an arriving datagram.
   const SocketEndpoint& source = isTCP ? local : remote;
   const SocketEndpoint& destination = isTCP ? remote : local;
   setEndpoint(source, request.id.idiag_src, request.id.idiag_sport);
@@ -191,8 +191,8 @@ SocketDiagnostics::Answer SocketDiagnostics::receive(std::uint16_t remotePort) {
       return {.hasFailed = error.error != -ENOENT, .socket = {}};
     }
     const auto& message = *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(header));
-    // Where no connection matches, the kernel answers with a listener of the same port. What is
-    // left of an ended connection sends nothing.
+    // If no connection matches, the kernel returns a listener on the same port. The remains of an
+    // ended connection send nothing.
     const bool isListener = message.idiag_state == TCP_LISTEN;
     if (isListener != (remotePort == 0) || message.idiag_state == TCP_TIME_WAIT) {
       return {};
