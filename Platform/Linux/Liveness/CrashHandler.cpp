@@ -19,16 +19,16 @@ constexpr std::array kSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP,
 struct Installation {
   const std::shared_ptr<BackgroundWriter> writer;
   const std::shared_ptr<platform::Log> log;
-  // What was there before, such as that of a sanitizer.
+  // The previous handlers, such as those of a sanitizer.
   std::array<struct sigaction, kSignals.size()> earlier{};
 };
 
-// Never freed: a crash can come at the very end.
+// Never freed: a crash can occur at the very end.
 std::atomic<Installation*> installation = nullptr;
 std::atomic<bool> isWritten = false;
 std::atomic<bool> isBeingWritten = false;
 
-// A second thread that crashes must not end the process while the first one still writes.
+// A second crashing thread must not end the process while the first one is still writing.
 void waitForFirstThread() {
   constexpr int kMilliseconds = 2000;
   for (int waited = 0; waited < kMilliseconds && !isWritten; ++waited) {
@@ -59,7 +59,7 @@ void handleSignal(int signal) {
   errno = errorOfCaller;
 }
 
-// In place of the library's, which writes to standard error and would wait for its reader.
+// Replaces the library's handler, which writes to standard error and would wait for its reader.
 [[noreturn]] void handleTerminate() {
   platform::Log& log = *installation.load()->log;
   try {

@@ -8,7 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// In glibc 2.36 it lacks what C++ needs.
+// In glibc 2.36 the header lacks this declaration for C++.
 extern "C" {
 #include <sys/pidfd.h>
 }
@@ -34,11 +34,11 @@ constexpr const char* kProcessName = "ostravel-guard";
 
 constexpr int kExtension = STDERR_FILENO + 1;
 
-// The heartbeat looks every quarter of a second at least. When it has not looked for this long, it
-// is no participant that lags.
+// The heartbeat checks at least every quarter of a second. If it has not checked for this long, the
+// cause is not a lagging participant.
 constexpr auto kLongestCheckGap = Guardian::kRunLimit / 2;
 
-// Nobody may be kept waiting by a reader of standard error that has stopped reading.
+// A stalled reader of standard error must not delay anything.
 constexpr int kWriteTimeoutMilliseconds = 1000;
 
 std::chrono::seconds limitOf(Phase phase) {
@@ -53,11 +53,11 @@ std::chrono::seconds limitOf(Phase phase) {
   return Guardian::kRunLimit;
 }
 
-// pidof(8) and ps(1) are to tell the two processes apart: what is meant for the extension, such as
-// a SIGSTOP, is not for its guardian.
+// Lets pidof(8) and ps(1) distinguish the two processes, so that a signal for the extension, such
+// as SIGSTOP, is not sent to its guardian as well.
 void takeName() {
   ::prctl(PR_SET_NAME, kProcessName);
-  // The memory of argv[0], which cannot grow. What is left of it becomes empty.
+  // The memory of argv[0], which cannot grow. The remainder is cleared.
   std::strncpy(program_invocation_name, kProcessName, std::strlen(program_invocation_name));
 }
 
@@ -82,7 +82,7 @@ void leaveControlGroup() {
   }
   const FileDescriptor members(
       ::openat(root.get(), "cgroup.procs", O_WRONLY | O_CLOEXEC | O_NONBLOCK));
-  // Where it is not permitted, the guardian stays where it is.
+  // Without permission, the guardian stays in its group.
   [[maybe_unused]] const auto written = ::write(members.get(), "0", 1);
 }
 
@@ -95,7 +95,7 @@ void raisePriority() {
   }
 }
 
-// Waits for the extension's end; whether it has come.
+// Waits for the extension to end; true if it has.
 bool waitForEnd(std::chrono::milliseconds limit) {
   pollfd waited{kExtension, POLLIN, 0};
   return ::poll(&waited, 1, static_cast<int>(limit.count())) > 0;
@@ -104,7 +104,7 @@ bool waitForEnd(std::chrono::milliseconds limit) {
 void writeLine(const std::string& line) {
   pollfd waited{STDERR_FILENO, POLLOUT, 0};
   if (::poll(&waited, 1, kWriteTimeoutMilliseconds) > 0 && (waited.revents & POLLOUT) != 0) {
-    // Shorter than PIPE_BUF, for which there is room.
+    // Shorter than PIPE_BUF, so it is written completely.
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
   }
 }
@@ -152,7 +152,7 @@ platform::Error failure(const char* action) {
 }  // namespace
 
 platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record) {
-  // Taken before the fork, it cannot name another process that has got the same number.
+  // Opened before the fork, it cannot refer to another process with the same number.
   const FileDescriptor extension(::pidfd_open(::getpid(), 0));
   if (!extension.isOpen()) {
     return failure("pidfd_open");

@@ -5,25 +5,25 @@
 
 namespace ostravel::linuxplatform {
 
-// Decides whether another process hangs, from how a counter of that process changes. Looks at no
+// Detects a hang of another process from a counter of that process that no longer changes. Reads no
 // clock itself. Owned and used by the guardian's one thread.
 //
-// Only time during which the observer itself was running counts: a suspended machine, a paused
-// virtual machine or a starved observer says nothing about the other process. Times are of the
-// monotonic clock, so nobody can set them.
+// Only time during which the observer was running counts: a suspended machine, a paused virtual
+// machine or a starved observer says nothing about the other process. Times are of the monotonic
+// clock, which cannot be set.
 class HangDetector {
  public:
   using Clock = std::chrono::steady_clock;
 
   // How often to observe.
   static constexpr std::chrono::milliseconds kInterval{100};
-  // Two observations this far apart: the observer was not running in between.
+  // If two observations are further apart, the observer was not running in between.
   static constexpr std::chrono::milliseconds kLongestGap{500};
 
   HangDetector(Clock::time_point now, std::uint32_t counter);
 
-  // Whether the counter has been unchanged for limit or longer. Any change is progress, also one to
-  // a smaller number.
+  // True if the counter has been unchanged for limit or longer. Any change is progress, even to a
+  // smaller number.
   bool observe(Clock::time_point now, std::uint32_t counter, Clock::duration limit);
 
  private:

@@ -8,8 +8,8 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// How long until it looks again when somebody has not answered: a beat that is late on a busy
-// machine is not to be a whole interval late.
+// How soon it checks again while an answer is missing, so that a beat that is late on a busy
+// machine is not late by a whole interval.
 constexpr std::chrono::milliseconds kRetryInterval{25};
 
 }  // namespace

@@ -14,20 +14,20 @@
 
 namespace ostravel::linuxplatform {
 
-// Beats as long as everybody who has joined makes progress. Each participant is pinged once per
-// beat, and the next beat comes only after all have answered. A thread of its own, so that it
-// depends on none of those that it watches. Owned by the process entry; outlives the memberships.
+// Beats as long as all participants make progress. Each participant is pinged once per beat, and
+// the next beat comes only after all have answered. Has its own thread, so that it depends on none
+// of those that it monitors. Owned by the process entry; outlives the memberships.
 //
-// What the beat does not cover: the main thread, which only waits for signals, and the alive
-// keeper, which the kernel may keep waiting for other users of nf_tables; while it waits, packets
-// stop being offered, so it holds up nobody.
+// The beat does not cover the main thread, which only waits for signals, nor the alive keeper,
+// which the kernel may block behind other users of nf_tables. While the alive keeper is blocked,
+// packets stop being offered, so it delays no flow.
 class Heartbeat {
  public:
-  // A quarter of the time after which packets stop being offered and of that after which the
-  // guardian kills, so that one late beat does not matter.
+  // A quarter of the time-outs after which packets stop being offered and the guardian kills, so
+  // that one late beat does not matter.
   static constexpr std::chrono::milliseconds kInterval{250};
 
-  // Reports that a participant has made progress. Callable from any thread, at any time, also when
+  // Reports that a participant has made progress. Callable from any thread, at any time, even after
   // the membership has ended.
   class Answer {
    public:
@@ -40,18 +40,18 @@ class Heartbeat {
     std::shared_ptr<std::atomic<bool>> hasAnswered_;
   };
 
-  // Makes the participant call answer() from where its work is done. Runs on the heartbeat's thread
-  // or in join(); must return at once. Never called again before the answer.
+  // Makes the participant call answer() on the thread that does its work. Runs on the heartbeat's
+  // thread or in join(); must not block. Not called again before the answer.
   using Ping = std::function<void(Answer answer)>;
 
-  // Ends with its destruction; neither function of the participant runs afterwards.
+  // Ends on destruction; neither function of the participant runs afterwards.
   class Membership {
    public:
     Membership(Membership&& other) noexcept;
     Membership& operator=(Membership&& other) = delete;
     ~Membership();
 
-    // The same as calling the Answer that the ping was given.
+    // Equivalent to calling the Answer that was passed to the ping.
     void answer() const;
 
    private:
@@ -68,18 +68,18 @@ class Heartbeat {
   Heartbeat& operator=(const Heartbeat&) = delete;
   ~Heartbeat();
 
-  // From now on the beat waits for this participant too. onBeat, which may be empty, runs with
-  // every beat, on the heartbeat's thread; it must return at once.
+  // From now on the beat waits for this participant too. onBeat, which may be empty, runs on every
+  // beat, on the heartbeat's thread; it must not block.
   [[nodiscard]] Membership join(HeartbeatParticipants participant, Ping ping,
                                 std::function<void()> onBeat);
 
-  // Starts the thread, and with it the running phase.
+  // Starts the thread and enters the running phase.
   void start();
-  // Ends the thread, and begins the stopping phase. The thread that stops the process beats from
-  // now on. Idempotent.
+  // Ends the thread and enters the stopping phase; from then on the thread that stops the process
+  // beats. Idempotent.
   void stop();
 
-  // Beats if everybody has answered; whether it did. Called by the thread.
+  // Beats if all participants have answered, and returns whether it did. Called by the thread.
   bool check();
 
  private:
@@ -87,7 +87,7 @@ class Heartbeat {
   void leave(const std::shared_ptr<Membership::State>& state);
 
   HeartbeatRecord& record_;
-  // Guards everything below it but the thread.
+  // Guards the members below except the thread.
   std::mutex mutex_;
   std::vector<std::shared_ptr<Membership::State>> members_;
   bool isStopping_ = false;

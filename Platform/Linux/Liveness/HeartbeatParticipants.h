@@ -7,7 +7,7 @@
 
 namespace ostravel::linuxplatform {
 
-// Those that have to make progress, a bit each: event loop i is bit i.
+// The set of those that have to make progress, one bit each: event loop i is bit i.
 using HeartbeatParticipants = std::uint32_t;
 
 constexpr HeartbeatParticipants eventLoopParticipant(unsigned index) {
@@ -17,7 +17,7 @@ inline constexpr HeartbeatParticipants kVerdictThreadParticipant = HeartbeatPart
 inline constexpr HeartbeatParticipants kWorkThreadsParticipant = HeartbeatParticipants{1} << 31U;
 static_assert(kMaximumEventLoops <= 30);
 
-// Such as "the verdict thread, event loop 1"; empty for none.
+// For example "the verdict thread, event loop 1"; empty for none.
 std::string participantNames(HeartbeatParticipants participants);
 
 }  // namespace ostravel::linuxplatform

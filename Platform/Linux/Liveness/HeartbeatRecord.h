@@ -7,18 +7,18 @@
 
 namespace ostravel::linuxplatform {
 
-// Memory that the extension shares with its guardian: the extension writes that it is alive, and
-// the guardian reads it. Made by the process entry before the guardian is forked; lives as long as
-// either process. Usable from any thread, nothing waits.
+// Memory that the extension shares with its guardian: the extension records that it is alive, and
+// the guardian reads it. Created by the process entry before the guardian is forked; exists as long
+// as either process. Usable from any thread; no call blocks.
 class HeartbeatRecord {
  public:
   enum class Phase : std::uint32_t {
     starting,  // nothing is intercepted yet
-    running,   // the heartbeat goes on
-    stopping,  // everything is being ended in order
+    running,   // the heartbeat is running
+    stopping,  // an orderly shutdown is in progress
   };
 
-  // Throws std::system_error when there is no memory to share.
+  // Throws std::system_error if the memory cannot be allocated.
   HeartbeatRecord();
   HeartbeatRecord(const HeartbeatRecord&) = delete;
   HeartbeatRecord& operator=(const HeartbeatRecord&) = delete;
@@ -26,12 +26,12 @@ class HeartbeatRecord {
 
   // The process has made progress.
   void beat() { shared_->beats.fetch_add(1, std::memory_order_relaxed); }
-  // A new phase is progress as well.
+  // A new phase counts as progress.
   void enter(Phase phase) {
     shared_->phase = phase;
     beat();
   }
-  // The heartbeat has looked at everybody, and these have not answered yet.
+  // The heartbeat has checked all participants; these have not answered yet.
   void noteCheck(HeartbeatParticipants laggards) {
     shared_->laggards = laggards;
     shared_->checks.fetch_add(1, std::memory_order_relaxed);
@@ -49,7 +49,7 @@ class HeartbeatRecord {
     std::atomic<HeartbeatParticipants> laggards = 0;
     std::atomic<std::uint32_t> checks = 0;
   };
-  // Two processes cannot share a lock that one of them holds when it hangs.
+  // Processes cannot share a lock: one of them might hang while holding it.
   static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
   static_assert(std::atomic<Phase>::is_always_lock_free);
 

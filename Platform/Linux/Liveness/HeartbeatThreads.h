@@ -8,11 +8,11 @@
 
 namespace ostravel::linuxplatform {
 
-// Makes every event loop and the work threads participants of the heartbeat, until the memberships
-// are destroyed, which is before the loops and the pool are.
+// Makes every event loop and the worker threads participants of the heartbeat until the memberships
+// are destroyed, which must happen before the loops and the pool are destroyed.
 //
-// The work threads have made progress when any of them has run a new item: two of them may be
-// blocked for long, by the health probe and by a monitoring peer that does not read.
+// The worker threads have made progress if any of them has run a new item: two of them may block
+// for long, in the health probe and for a monitoring peer that does not read.
 [[nodiscard]] std::vector<Heartbeat::Membership> joinHeartbeat(Heartbeat& heartbeat,
                                                                EventLoopGroup& loops,
                                                                WorkerPool& workers);
