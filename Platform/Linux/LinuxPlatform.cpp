@@ -14,7 +14,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Fields of lines that belong to no object.
+// For lines that belong to no object.
 constexpr std::string_view kDefaultSubsystem = platform::kFallbackLogSubsystem;
 constexpr std::string_view kDefaultCategory = platform::kLogCategory;
 

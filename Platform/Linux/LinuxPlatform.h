@@ -17,37 +17,37 @@
 
 namespace ostravel::linuxplatform {
 
-// Queues, timers, logs and the other base services, with the six threads that they need. One per
-// process, made and owned by the process entry, which has SIGPIPE ignored: our sockets and the log
-// report a closed peer as an error.
+// Queues, timers, logs and the other basic services, with the six threads that they need. One per
+// process, created and owned by the process entry, which must ignore SIGPIPE: our sockets and the
+// log report a closed peer as an error.
 class LinuxPlatform final : public platform::Platform {
  public:
   enum class LogSink { standardError, journal };
   struct Options {
     LogSink logSink = LogSink::standardError;
-    // Whether lines of the debug level are written to standard error. The journal gets them always.
+    // Whether debug lines are written to standard error. The journal always receives them.
     bool writesDebugLines = false;
     // How sockets are marked as our own.
     PacketMarks marks = {};
   };
 
-  // Throws std::system_error when the threads cannot be made.
+  // Throws std::system_error if the threads cannot be created.
   explicit LinuxPlatform(Options options);
-  // Stops the timers and waits until every item has run, then a moment for the reader of the log.
+  // Stops the timers and waits until every item has run, then briefly for the reader of the log.
   ~LinuxPlatform() override;
 
-  // Stops the timers, then waits until no item is waiting or running; false when there still is one
-  // at the deadline. Then only the end of the process ends it.
+  // Stops the timers, then waits until no item is waiting or running. Returns false if there still
+  // is one at the deadline; only the end of the process can stop it then.
   [[nodiscard]] bool drain(std::chrono::steady_clock::time_point deadline);
 
   // The threads of all queues.
   WorkerPool& workers() { return workers_; }
 
-  // Waits until the log is written; false when its reader has not taken it by the deadline.
+  // Waits until the log is written; false if its reader has not read it by the deadline.
   [[nodiscard]] bool flushLog(std::chrono::steady_clock::time_point deadline);
 
-  // From now on, the lines that wait when the process crashes are written before it ends, and an
-  // exception that nobody catches is logged. For the process entry; see CrashHandler.
+  // From now on, pending lines are written before the process ends in a crash, and an uncaught
+  // exception is logged. For the process entry; see CrashHandler.
   void writeLogOnCrash();
 
   std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,
@@ -59,7 +59,7 @@ class LinuxPlatform final : public platform::Platform {
   platform::Log& defaultLog() override { return *defaultLog_; }
   void systemLog(std::string_view line) override;
 
-  // Programs have no bundle here.
+  // Programs have no bundle on Linux.
   std::optional<std::string> mainBundleIdentifier() const override { return std::nullopt; }
 
   const platform::Clock& clock() const override { return clock_; }

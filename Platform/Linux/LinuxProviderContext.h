@@ -10,27 +10,28 @@
 
 namespace ostravel::linuxplatform {
 
-// What Linux does for the provider: turns its network settings into interception, offers it the
-// intercepted flows, and makes its connections. Owned by the process entry; outlives the provider.
+// Linux's side of the provider: implements its network settings by interception, offers it the
+// intercepted flows, and creates its connections. Owned by the process entry; outlives the
+// provider.
 class LinuxProviderContext final : public platform::ProviderContext {
  public:
-  // configuration: what the provider finds as its own. environment outlives this object.
+  // configuration: returned to the provider as its own. environment outlives this object.
   LinuxProviderContext(platform::Platform& platform, Interceptor::Environment environment,
                        std::optional<platform::ProviderConfiguration> configuration);
   ~LinuxProviderContext() override;
 
-  // The provider that flows are offered to; held weakly. Set before it asks for network settings.
+  // The provider that flows are offered to; held weakly. Set it before the provider requests
+  // network settings.
   void setProvider(std::weak_ptr<platform::TransparentProxyProvider> provider);
 
-  // Reads the applications' registrations again, for flows from now on; while nothing is
-  // intercepted that is not needed.
+  // Reads the applications' registrations again, for later flows. Does nothing while nothing is
+  // intercepted, because interception reads them when it starts.
   void reloadRegistrations();
 
-  // Removes every rule and lets go of every packet that is held. Returns when nothing is offered
-  // any more.
+  // Removes every rule and releases every held packet. Nothing is offered after it returns.
   void stopInterception();
 
-  // Replaces the interception there was, if any. Runs on a queue of its own.
+  // Replaces any current interception. Runs on a separate queue.
   void setTunnelNetworkSettings(platform::TransparentProxyNetworkSettings settings,
                                 platform::ErrorCompletion completion) override;
   std::shared_ptr<platform::TCPConnection> createTCPConnection(

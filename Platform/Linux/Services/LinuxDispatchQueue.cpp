@@ -110,9 +110,9 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
   }
 
  private:
-  static constexpr std::uint32_t kWaiting = 1;    // somebody is in the line
+  static constexpr std::uint32_t kWaiting = 1;    // the line is not empty
   static constexpr std::uint32_t kExclusive = 2;  // an exclusive item is running
-  static constexpr std::uint32_t kOneShared = 4;  // times the shared items inside
+  static constexpr std::uint32_t kOneShared = 4;  // one shared item; multiples count them
 
   bool tryEnter(Access access) {
     std::uint32_t word = word_.load();
