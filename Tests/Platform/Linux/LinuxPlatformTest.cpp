@@ -62,7 +62,7 @@ TEST(LinuxPlatformTest, LogsToStandardError) {
   EXPECT_EQ(text.find("hidden"), std::string::npos) << text;
 }
 
-TEST(LinuxPlatformTest, AFlushedLogIsWritten) {
+TEST(LinuxPlatformTest, FlushingWritesTheLog) {
   testing::internal::CaptureStderr();
   LinuxPlatform platform({});
   for (int line = 0; line < 1000; ++line) {
@@ -73,7 +73,7 @@ TEST(LinuxPlatformTest, AFlushedLogIsWritten) {
   EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with("Z info    OstravelProxy: last\n"));
 }
 
-TEST(LinuxPlatformTest, WritesDebugLinesWhenAskedTo) {
+TEST(LinuxPlatformTest, WritesDebugLinesOnRequest) {
   testing::internal::CaptureStderr();
   {
     LinuxPlatform platform(
@@ -100,7 +100,7 @@ TEST(LinuxPlatformTest, HasNoBundle) {
   EXPECT_FALSE(platform.mainBundleIdentifier().has_value());
 }
 
-TEST(LinuxPlatformTest, HasTheSmallServices) {
+TEST(LinuxPlatformTest, ProvidesTheSmallServices) {
   LinuxPlatform platform({});
   EXPECT_GT(platform.clock().secondsSince1970(), 1.6e9);
   EXPECT_EQ(platform.uuidSource().randomUUID().size(), 36U);
@@ -131,7 +131,7 @@ TEST(LinuxPlatformTest, DrainingStopsTheTimersAndWaitsForTheItems) {
   EXPECT_EQ(fired, atEnd);
 }
 
-TEST(LinuxPlatformTest, DestructionRunsWhatIsLeftWhileTimersExpire) {
+TEST(LinuxPlatformTest, DestructionRunsRemainingItemsWhileTimersExpire) {
   std::atomic<int> ran = 0;
   for (int i = 0; i < 20; ++i) {
     auto platform = std::make_unique<LinuxPlatform>(LinuxPlatform::Options{});

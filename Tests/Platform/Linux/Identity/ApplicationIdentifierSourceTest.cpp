@@ -42,7 +42,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
                         portOf(listener_));
   }
 
-  // On a busy machine one part of the search for the proxy may not be enough.
+  // On a busy machine one step of the search for the proxy may not be enough.
   std::string identifierOf(const FlowTuple& flow) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < deadline) {
@@ -55,7 +55,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
     return {};
   }
 
-  // Of a flow that is left to the system until something is wrong with what listens.
+  // Repeats flows until one is left to the system because the listener is not trusted.
   void expectNotTrusted(const FlowTuple& flow) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     Identification identification;
@@ -67,7 +67,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
     EXPECT_EQ(warnings_.size(), 1U);
   }
 
-  // For senders that are looked up in /proc, where the time may be over too early.
+  // For senders that are looked up in /proc, where the time limit may expire.
   void expectEventually(const FlowTuple& flow, const std::string& identifier) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     std::string last;
@@ -77,7 +77,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
     EXPECT_EQ(last, identifier);
   }
 
-  // Runs body in a process without any permissions but the one it needs for its result.
+  // Runs body in a process without capabilities, except the one that it needs for its result.
   void withoutCapabilities(unsigned kept, const std::function<bool()>& body) {
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
@@ -101,7 +101,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
   std::optional<ApplicationIdentifierSource> source_;
 };
 
-TEST_F(ApplicationIdentifierSourceTest, AnApplicationIsCalledByItsPath) {
+TEST_F(ApplicationIdentifierSourceTest, IdentifiesAnApplicationByItsPath) {
   start();
   const std::string program = programs_.copyHelper("browser");
   Helper helper(program);
@@ -124,7 +124,7 @@ TEST_F(ApplicationIdentifierSourceTest, FindsTheSendersOfAllKindsOfSockets) {
             OSTRAVEL_HELPER);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, ARegisteredApplicationIsCalledByItsIdentifier) {
+TEST_F(ApplicationIdentifierSourceTest, UsesTheIdentifierOfARegisteredApplication) {
   const std::string program = programs_.copyHelper("updater");
   registrations_.write("a.json", "{\"" + program + "\": \"com.example.updater\"}");
   start();
@@ -136,14 +136,14 @@ TEST_F(ApplicationIdentifierSourceTest, ARegisteredApplicationIsCalledByItsIdent
   EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.other");
 }
 
-TEST_F(ApplicationIdentifierSourceTest, WarningsAboutRegistrationsArePassedOn) {
+TEST_F(ApplicationIdentifierSourceTest, PassesOnWarningsAboutRegistrations) {
   registrations_.write("a.json", "oops");
   start();
   ASSERT_EQ(warnings_.size(), 1U);
   EXPECT_TRUE(warnings_[0].starts_with(registrations_.path("a.json") + ":1:")) << warnings_[0];
 }
 
-TEST_F(ApplicationIdentifierSourceTest, TheProxyIsRecognisedBeforeItsRegistration) {
+TEST_F(ApplicationIdentifierSourceTest, RecognisingTheProxyPrecedesItsRegistration) {
   const std::string program = programs_.copyHelper("proxy");
   registrations_.write("a.json", "{\"" + program + "\": \"com.example.proxy\"}");
   start();
@@ -165,13 +165,13 @@ TEST_F(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
     const bool isFirst = i % 2 == 0;
     Helper proxy(isFirst ? first : second);
     proxy.makeSocket("proxy", kProxyPort);
-    // In turn, the proxy and an application are the first to send something.
+    // The proxy and an application take turns at sending first.
     if (i % 3 == 0) {
       EXPECT_EQ(identifierOf(connectFrom(application)), OSTRAVEL_HELPER);
     }
     EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
     EXPECT_EQ(identifierOf(connectFrom(application)), OSTRAVEL_HELPER);
-    // Of the proxy's executable and user while that is the proxy.
+    // It has the proxy's executable and user while that is the proxy.
     EXPECT_EQ(identifierOf(connectFrom(bystander)), isFirst ? kProxy : first);
     proxy.kill();
     EXPECT_EQ(identifierOf(connectFrom(bystander)), first);
@@ -194,7 +194,7 @@ TEST_F(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
   EXPECT_EQ(identifierOf(connectFrom(former)), program);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AKnownProcessThatStartsAnotherProgramIsThatProgram) {
+TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterExec) {
   start();
   const std::string first = programs_.copyHelper("first");
   const std::string second = programs_.copyHelper("second");
@@ -204,7 +204,7 @@ TEST_F(ApplicationIdentifierSourceTest, AKnownProcessThatStartsAnotherProgramIsT
   EXPECT_EQ(identifierOf(connectFrom(helper)), second);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AKnownProcessThatChangesItsUserIsLookedAtAgain) {
+TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterAUserChange) {
   start();
   const std::string program = programs_.copyHelper("proxy");
   Helper proxy(program);
@@ -233,7 +233,7 @@ TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSyst
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AFlowOfASocketThatIsBoundToAnInterfaceIsLeftToTheSystem) {
+TEST_F(ApplicationIdentifierSourceTest, AFlowOfABoundSocketIsLeftToTheSystem) {
   start();
   constexpr std::uint32_t kLoopback = 1;
   constexpr char kInterface[] = "lo";
@@ -245,7 +245,7 @@ TEST_F(ApplicationIdentifierSourceTest, AFlowOfASocketThatIsBoundToAnInterfaceIs
     const auto flow =
         flowOverIPv4(type == SOCK_STREAM ? TransportProtocol::tcp : TransportProtocol::udp,
                      portOf(socket), portOf(listener_));
-    // As with a VRF, where the packet comes again on its way through another interface.
+    // As with a VRF, where the packet is queued again on its way through another interface.
     for (const std::uint32_t interface : {kLoopback, 2U}) {
       const auto identification = source_->identify(flow, interface);
       EXPECT_TRUE(identification.leaveReason);
@@ -254,7 +254,7 @@ TEST_F(ApplicationIdentifierSourceTest, AFlowOfASocketThatIsBoundToAnInterfaceIs
   }
 }
 
-TEST_F(ApplicationIdentifierSourceTest, TellsTheUserAndTheProcess) {
+TEST_F(ApplicationIdentifierSourceTest, ReportsTheUserAndTheProcess) {
   start();
   Helper helper;
   ASSERT_EQ(helper.ask("user 65534"), "done");
@@ -264,7 +264,7 @@ TEST_F(ApplicationIdentifierSourceTest, TellsTheUserAndTheProcess) {
   EXPECT_EQ(identification.leaveReason, std::nullopt);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AProxyThatIsWatchedIsReadyForTheFirstFlow) {
+TEST_F(ApplicationIdentifierSourceTest, AWatchedProxyIsReadyForTheFirstFlow) {
   start();
   EXPECT_FALSE(source_->watchProxy());
   Helper application;
@@ -285,7 +285,7 @@ TEST_F(ApplicationIdentifierSourceTest, AProxyThatIsWatchedIsReadyForTheFirstFlo
   }
 }
 
-TEST_F(ApplicationIdentifierSourceTest, WhatIsNoProxyGetsNobodysFlows) {
+TEST_F(ApplicationIdentifierSourceTest, AListenerThatIsNotAProxyGetsNoFlows) {
   start();
   Helper server;
   server.makeSocket("proxy", kProxyPort);
@@ -295,7 +295,7 @@ TEST_F(ApplicationIdentifierSourceTest, WhatIsNoProxyGetsNobodysFlows) {
   expectNotTrusted(connectFrom(server));
 }
 
-TEST_F(ApplicationIdentifierSourceTest, TheProxyOfAPersonGetsThatPersonsFlowsOnly) {
+TEST_F(ApplicationIdentifierSourceTest, APersonsProxyGetsOnlyThatPersonsFlows) {
   start();
   const std::string program = programs_.copyHelper("application");
   Helper proxy(programs_.copyHelper("proxy"));
@@ -311,7 +311,7 @@ TEST_F(ApplicationIdentifierSourceTest, TheProxyOfAPersonGetsThatPersonsFlowsOnl
   EXPECT_EQ(identifierOf(connectFrom(own)), program);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, TheProxyOfANamedUserGetsEverybodysFlows) {
+TEST_F(ApplicationIdentifierSourceTest, ANamedUsersProxyGetsEverybodysFlows) {
   proxyUsers_ = {54321};
   start();
   Helper proxy(programs_.copyHelper("proxy"));
@@ -322,7 +322,7 @@ TEST_F(ApplicationIdentifierSourceTest, TheProxyOfANamedUserGetsEverybodysFlows)
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAChainAreTheProxy) {
+TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAProxyChainAreTheProxy) {
   start();
   Helper last(programs_.copyHelper("last"));
   ASSERT_EQ(last.ask("user 54321"), "done");
@@ -338,7 +338,7 @@ TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAChainAreTheProxy) {
   EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWhoseDiallerIsUnknown) {
+TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWithoutAKnownDialler) {
   Helper early(programs_.copyHelper("early"));
   ASSERT_EQ(early.ask("user 54322"), "done");
   const auto flowOfNobody = connectFrom(early);
@@ -362,7 +362,7 @@ TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWhoseDiallerIsU
   EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
   EXPECT_TRUE(source_->identify(connectFrom(service), 0).mayBelongToProxy);
   EXPECT_FALSE(source_->identify(connectFrom(samePerson), 0).mayBelongToProxy);
-  // It is certain that this is the proxy.
+  // This is certainly the proxy.
   EXPECT_FALSE(source_->identify(connectFrom(proxy), 0).mayBelongToProxy);
   EXPECT_TRUE(source_->identify(flowOfNobody, 0).leaveReason);
 }
@@ -375,7 +375,7 @@ TEST_F(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
   EXPECT_EQ(identifierOf(flow), "");
 }
 
-TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedHasNoIdentifier) {
+TEST_F(ApplicationIdentifierSourceTest, AnEndedSenderHasNoIdentifier) {
   start();
   Helper helper;
   const auto flow = connectFrom(helper);
@@ -383,11 +383,11 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedHasNoIdentifier) {
   EXPECT_EQ(identifierOf(flow), "");
 }
 
-TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedMayHaveBeenTheProxy) {
+TEST_F(ApplicationIdentifierSourceTest, AnEndedSenderMayHaveBeenTheProxy) {
   start();
   Helper proxy(programs_.copyHelper("proxy"));
   proxy.makeSocket("proxy", kProxyPort);
-  // Whoever it was: its user is not always known any more either.
+  // The sender could be anybody: its user is not always known any more either.
   Helper helper;
   ASSERT_EQ(helper.ask("user 65534"), "done");
   const auto flow = connectFrom(helper);
@@ -396,8 +396,8 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatHasEndedMayHaveBeenTheProxy) 
   EXPECT_TRUE(source_->identify(flow, 0).leaveReason);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, ASenderThatIsNotFoundMayBeTheProxyIfItIsOfTheSameUser) {
-  // Not seen by the tracer, and behind more descriptors than can be looked at in time.
+TEST_F(ApplicationIdentifierSourceTest, AnUnknownSenderOfTheProxysUserMayBeTheProxy) {
+  // Not seen by the tracer, and behind more descriptors than can be scanned in time.
   Helper sameUser;
   Helper otherUser;
   ASSERT_EQ(otherUser.ask("user 65534"), "done");
@@ -417,7 +417,7 @@ TEST_F(ApplicationIdentifierSourceTest, ASenderThatIsNotFoundMayBeTheProxyIfItIs
   EXPECT_EQ(identifierOf(flowOfOtherUser), "");
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AProcessThatConnectedBeforeIsFoundThroughItsDescriptors) {
+TEST_F(ApplicationIdentifierSourceTest, FindsAnEarlierConnectorThroughItsDescriptors) {
   const std::string program = programs_.copyHelper("early");
   Helper helper(program);
   const auto flow = connectFrom(helper);
@@ -425,7 +425,7 @@ TEST_F(ApplicationIdentifierSourceTest, AProcessThatConnectedBeforeIsFoundThroug
   expectEventually(flow, program);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, WithoutTheTracerProcessesAreFoundInProc) {
+TEST_F(ApplicationIdentifierSourceTest, FindsProcessesInProcWithoutTheTracer) {
   const std::string program = programs_.copyHelper("browser");
   Helper helper(program);
   Helper proxy(programs_.copyHelper("proxy"));
@@ -442,7 +442,7 @@ TEST_F(ApplicationIdentifierSourceTest, WithoutTheTracerProcessesAreFoundInProc)
   });
 }
 
-TEST_F(ApplicationIdentifierSourceTest, ManyProcessesAreToldApart) {
+TEST_F(ApplicationIdentifierSourceTest, DistinguishesManyProcesses) {
   start();
   for (int i = 0; i < 100; ++i) {
     const std::string program =

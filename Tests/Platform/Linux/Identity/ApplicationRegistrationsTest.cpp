@@ -26,14 +26,14 @@ class ApplicationRegistrationsTest : public ::testing::Test {
             SystemUsers(499)};
   }
 
-  // What is loaded besides a good file, in one warning.
-  void expectIgnored(const std::string& warningBehindPath) {
+  // The warning about a bad file that is loaded along with a good one.
+  void expectIgnored(const std::string& warningAfterPath) {
     folder_.write("good.json", kGood);
     const auto registrations = load();
     EXPECT_EQ(registrations.identifierOf("/opt/good", {kRoot}), "com.example.good");
     EXPECT_EQ(registrations.identifierOf("/opt/bad", {kRoot}), std::nullopt);
     ASSERT_EQ(warnings_.size(), 1U);
-    EXPECT_EQ(warnings_[0], folder_.path("bad.json") + warningBehindPath);
+    EXPECT_EQ(warnings_[0], folder_.path("bad.json") + warningAfterPath);
   }
 
   const TemporaryFolder folder_;
@@ -52,7 +52,7 @@ TEST_F(ApplicationRegistrationsTest, MapsExecutablesToIdentifiers) {
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ApplicationRegistrationsTest, AreForRootAndSystemUsers) {
+TEST_F(ApplicationRegistrationsTest, RegistrationsApplyToRootAndSystemUsers) {
   folder_.write("a.json", R"({"/opt/a": "com.example.a", "/opt/b": {"identifier": "b"}})");
   const auto registrations = load();
   for (const char* const executable : {"/opt/a", "/opt/b"}) {
@@ -64,7 +64,7 @@ TEST_F(ApplicationRegistrationsTest, AreForRootAndSystemUsers) {
   }
 }
 
-TEST_F(ApplicationRegistrationsTest, AreForTheUsersThatTheyName) {
+TEST_F(ApplicationRegistrationsTest, RegistrationsApplyToTheUsersTheyList) {
   folder_.write("a.json", R"({"/opt/a": {"identifier": "com.example.a", "users": ["nobody"]},
                               "/opt/b": {"identifier": "com.example.b", "users": []}})");
   const auto registrations = load();
@@ -75,13 +75,13 @@ TEST_F(ApplicationRegistrationsTest, AreForTheUsersThatTheyName) {
   EXPECT_FALSE(registrations.identifierOf("/opt/b", {65534}));
 }
 
-TEST_F(ApplicationRegistrationsTest, AUserWhoDoesNotExistIsAMistake) {
+TEST_F(ApplicationRegistrationsTest, RejectsAnUnknownUser) {
   folder_.write("bad.json", R"({"/opt/bad": {"identifier": "a", "users": ["no-such-user"]}})");
   expectIgnored(
       ": the registration of \"/opt/bad\" names the user \"no-such-user\", who does not exist");
 }
 
-TEST_F(ApplicationRegistrationsTest, UsersThatAreNotNamesAreAMistake) {
+TEST_F(ApplicationRegistrationsTest, RejectsUsersThatAreNotNames) {
   for (const char* const users : {"5", "\"nobody\"", "[5]", "{}"}) {
     warnings_.clear();
     folder_.write("bad.json",
@@ -90,19 +90,19 @@ TEST_F(ApplicationRegistrationsTest, UsersThatAreNotNamesAreAMistake) {
   }
 }
 
-TEST_F(ApplicationRegistrationsTest, AnythingElseInARegistrationIsAMistake) {
+TEST_F(ApplicationRegistrationsTest, RejectsUnknownMembersOfARegistration) {
   folder_.write("bad.json", R"({"/opt/bad": {"identifier": "a", "user": ["nobody"]}})");
   expectIgnored(
       ": the registration of \"/opt/bad\" has \"user\", which is neither \"identifier\" nor "
       "\"users\"");
 }
 
-TEST_F(ApplicationRegistrationsTest, ARegistrationWithoutAnIdentifierIsAMistake) {
+TEST_F(ApplicationRegistrationsTest, RejectsARegistrationWithoutAnIdentifier) {
   folder_.write("bad.json", R"({"/opt/bad": {"users": []}})");
   expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
 }
 
-TEST_F(ApplicationRegistrationsTest, TheLaterFileCounts) {
+TEST_F(ApplicationRegistrationsTest, TheLaterFileInNameOrderWins) {
   folder_.write("20.json", R"({"/opt/a": "second"})");
   folder_.write("10.json", R"({"/opt/a": "first"})");
   EXPECT_EQ(load().identifierOf("/opt/a", {kRoot}), "second");
@@ -117,14 +117,14 @@ TEST_F(ApplicationRegistrationsTest, OnlyFilesWithTheRightNameAreRead) {
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ApplicationRegistrationsTest, AFolderThatDoesNotExistIsEmpty) {
+TEST_F(ApplicationRegistrationsTest, AMissingFolderCountsAsEmpty) {
   const ApplicationRegistrations registrations(
       folder_.path("absent"), [this](const std::string& warning) { warnings_.push_back(warning); });
   EXPECT_EQ(registrations.identifierOf("/opt/a", {kRoot}), std::nullopt);
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ApplicationRegistrationsTest, AnUnreadableFolderIsNamed) {
+TEST_F(ApplicationRegistrationsTest, WarnsAboutAnUnreadableFolder) {
   const std::string file = folder_.write("file", "");
   const ApplicationRegistrations registrations(
       file, [this](const std::string& warning) { warnings_.push_back(warning); });
@@ -132,7 +132,7 @@ TEST_F(ApplicationRegistrationsTest, AnUnreadableFolderIsNamed) {
   EXPECT_EQ(warnings_[0], file + ": cannot be read: Not a directory");
 }
 
-TEST_F(ApplicationRegistrationsTest, AFolderOfAnotherUserIsNotBelieved) {
+TEST_F(ApplicationRegistrationsTest, RejectsAFolderOfAnotherUser) {
   folder_.write("good.json", kGood);
   ASSERT_EQ(::chown(folder_.path().c_str(), 65534, 0), 0);
   EXPECT_EQ(load().identifierOf("/opt/good", {kRoot}), std::nullopt);
@@ -140,7 +140,7 @@ TEST_F(ApplicationRegistrationsTest, AFolderOfAnotherUserIsNotBelieved) {
   EXPECT_EQ(warnings_[0], folder_.path() + ": is ignored: it does not belong to root");
 }
 
-TEST_F(ApplicationRegistrationsTest, AFolderThatOthersMayWriteToIsNotBelieved) {
+TEST_F(ApplicationRegistrationsTest, RejectsAFolderThatOthersCanWriteTo) {
   folder_.write("good.json", kGood);
   for (const mode_t mode : {0775U, 0757U, 01777U}) {
     warnings_.clear();
@@ -151,19 +151,19 @@ TEST_F(ApplicationRegistrationsTest, AFolderThatOthersMayWriteToIsNotBelieved) {
   }
 }
 
-TEST_F(ApplicationRegistrationsTest, AFileOfAnotherUserIsNotBelieved) {
+TEST_F(ApplicationRegistrationsTest, RejectsAFileOfAnotherUser) {
   folder_.write("bad.json", R"({"/opt/bad": "com.example.bad"})");
   ASSERT_EQ(::chown(folder_.path("bad.json").c_str(), 65534, 65534), 0);
   expectIgnored(": is ignored: it does not belong to root");
 }
 
-TEST_F(ApplicationRegistrationsTest, AFileThatOthersMayWriteToIsNotBelieved) {
+TEST_F(ApplicationRegistrationsTest, RejectsAFileThatOthersCanWriteTo) {
   folder_.write("bad.json", R"({"/opt/bad": "com.example.bad"})");
   ASSERT_EQ(::chmod(folder_.path("bad.json").c_str(), 0664), 0);
   expectIgnored(": is ignored: others than root may write to it");
 }
 
-TEST_F(ApplicationRegistrationsTest, ALinkIsAsGoodAsItsTarget) {
+TEST_F(ApplicationRegistrationsTest, FollowsSymbolicLinks) {
   const TemporaryFolder elsewhere;
   const std::string target = elsewhere.write("target", R"({"/opt/bad": "com.example.bad"})");
   ASSERT_EQ(::chown(target.c_str(), 65534, 65534), 0);
@@ -171,17 +171,17 @@ TEST_F(ApplicationRegistrationsTest, ALinkIsAsGoodAsItsTarget) {
   expectIgnored(": is ignored: it does not belong to root");
 }
 
-TEST_F(ApplicationRegistrationsTest, AFileThatIsNotJSONIsNamedWithTheLineAndTheColumn) {
+TEST_F(ApplicationRegistrationsTest, WarnsAboutInvalidJSONWithLineAndColumn) {
   folder_.write("bad.json", "{\n  \"/opt/bad\": \"com.example.bad\",\n  oops\n}");
   expectIgnored(":3:6: string or '}' expected near 'oops'");
 }
 
-TEST_F(ApplicationRegistrationsTest, AFileThatIsNotAnObjectIsIgnored) {
+TEST_F(ApplicationRegistrationsTest, RejectsAFileThatIsNotAnObject) {
   folder_.write("bad.json", R"(["/opt/bad"])");
   expectIgnored(":1:1: registrations must be a JSON object");
 }
 
-TEST_F(ApplicationRegistrationsTest, ANameThatIsGivenTwiceIsAMistake) {
+TEST_F(ApplicationRegistrationsTest, RejectsDuplicateNames) {
   folder_.write("bad.json", R"({"/opt/bad": "a", "/opt/bad": "b"})");
   folder_.write("good.json", kGood);
   EXPECT_EQ(load().identifierOf("/opt/bad", {kRoot}), std::nullopt);
@@ -189,33 +189,33 @@ TEST_F(ApplicationRegistrationsTest, ANameThatIsGivenTwiceIsAMistake) {
   EXPECT_TRUE(warnings_[0].starts_with(folder_.path("bad.json") + ":1:")) << warnings_[0];
 }
 
-TEST_F(ApplicationRegistrationsTest, APathThatIsNotAbsoluteIsAMistake) {
+TEST_F(ApplicationRegistrationsTest, RejectsARelativePath) {
   folder_.write("bad.json", R"({"/opt/bad": "a", "opt/bad": "b"})");
   expectIgnored(": \"opt/bad\" is not the absolute path of an executable");
 }
 
-TEST_F(ApplicationRegistrationsTest, AnIdentifierThatIsNotATextIsAMistake) {
+TEST_F(ApplicationRegistrationsTest, RejectsAnIdentifierThatIsNotAString) {
   folder_.write("bad.json", R"({"/opt/bad": 5})");
   expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
 }
 
-TEST_F(ApplicationRegistrationsTest, AnEmptyIdentifierIsAMistake) {
+TEST_F(ApplicationRegistrationsTest, RejectsAnEmptyIdentifier) {
   folder_.write("bad.json", R"({"/opt/bad": ""})");
   expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
 }
 
-TEST_F(ApplicationRegistrationsTest, SomethingElseThanAFileIsIgnoredWithoutWaiting) {
+TEST_F(ApplicationRegistrationsTest, RejectsASpecialFileWithoutBlocking) {
   ASSERT_EQ(::mkfifo(folder_.path("bad.json").c_str(), 0600), 0);
   expectIgnored(": is ignored: it is not a regular file of at most 1 MiB");
 }
 
-TEST_F(ApplicationRegistrationsTest, AnEndlessFileIsIgnored) {
+TEST_F(ApplicationRegistrationsTest, RejectsAnEndlessFile) {
   folder_.write("bad.json", "");
   std::filesystem::resize_file(folder_.path("bad.json"), 1024 * 1024 + 1);
   expectIgnored(": is ignored: it is not a regular file of at most 1 MiB");
 }
 
-TEST_F(ApplicationRegistrationsTest, TellsHowManyThereAreAndWhetherThatIsAll) {
+TEST_F(ApplicationRegistrationsTest, ReportsTheirNumberAndCompleteness) {
   EXPECT_TRUE(load().isComplete());
   folder_.write("a.json", R"({"/opt/a": "a", "/opt/b": "b"})");
   EXPECT_TRUE(load().isComplete());
@@ -225,7 +225,7 @@ TEST_F(ApplicationRegistrationsTest, TellsHowManyThereAreAndWhetherThatIsAll) {
   EXPECT_EQ(load().size(), 2U);
 }
 
-TEST_F(ApplicationRegistrationsTest, AFolderThatIsNotBelievedIsNotComplete) {
+TEST_F(ApplicationRegistrationsTest, AnUntrustedFolderIsNotComplete) {
   ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
   EXPECT_FALSE(load().isComplete());
 }

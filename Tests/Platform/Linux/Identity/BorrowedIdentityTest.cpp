@@ -1,4 +1,4 @@
-// Every way to get the identifier of another application that we know of, tried for real.
+// Every known way to acquire another application's identifier, actually attempted.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -46,7 +46,7 @@ bool becomeNobody() {
   return ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0;
 }
 
-// As any user may, with all permissions inside.
+// As any user may; the process has all capabilities inside.
 bool enterUserNamespace() {
   return ::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
@@ -79,7 +79,7 @@ class BorrowedIdentityTest : public ::testing::Test {
     return identification.identifier;
   }
 
-  // For what is asked of a thread or searched for, which may take too long on a busy machine.
+  // For look-ups with a time limit, which may expire on a busy machine.
   void expectEventually(const FlowTuple& flow, const std::string& identifier) {
     const auto deadline = std::chrono::steady_clock::now() + 60s;
     std::string last;
@@ -117,7 +117,7 @@ TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPath) {
 
 TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPathAndExecutedByDescriptor) {
   start();
-  // Opened where it seems to be at that path, and executed in our view of the file system.
+  // Opened under that path, and executed in our mount namespace.
   std::array<int, 2> channel{};
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel.data()), 0);
   const pid_t opener = ::fork();
@@ -139,7 +139,7 @@ TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPathAndExecutedByDescrip
     header->cmsg_len = CMSG_LEN(sizeof file);
     std::memcpy(CMSG_DATA(header), &file, sizeof file);
     if (isCovered && ::sendmsg(channel[0], &message, 0) == 1) {
-      // What is mounted there goes with this process.
+      // The mount disappears with this process.
       ::pause();
     }
     ::_exit(1);
@@ -166,14 +166,14 @@ TEST_F(BorrowedIdentityTest, AGenuineProgramExecutedByDescriptorIsThatProgram) {
   EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
 }
 
-TEST_F(BorrowedIdentityTest, AProcessInAnotherMountNamespaceRunsWhatIsAtThatPathHere) {
+TEST_F(BorrowedIdentityTest, AProcessInAnotherMountNamespace) {
   start();
   Helper service(registered_, &enterPrivateMounts);
   EXPECT_EQ(identifierOf(connectFrom(service)), kRegistered);
-  // The same file, but at the path of another one.
+  // The same file, but at another program's path.
   Helper moved(fake_, [this] { return enterPrivateMounts() && cover(fake_, registered_); });
   EXPECT_EQ(identifierOf(connectFrom(moved)), "");
-  // By joining a namespace instead of making one.
+  // Joins a namespace instead of creating one.
   Helper joined(registered_, [pid = service.pid(), this] {
     const FileDescriptor view(
         ::open(("/proc/" + std::to_string(pid) + "/ns/mnt").c_str(), O_RDONLY | O_CLOEXEC));
@@ -182,7 +182,7 @@ TEST_F(BorrowedIdentityTest, AProcessInAnotherMountNamespaceRunsWhatIsAtThatPath
   EXPECT_EQ(identifierOf(connectFrom(joined)), "");
 }
 
-TEST_F(BorrowedIdentityTest, AnOrdinaryUsersProcessOfARegisteredProgramIsCalledByItsPath) {
+TEST_F(BorrowedIdentityTest, ARegisteredProgramRunByAnOrdinaryUser) {
   start();
   Helper helper(registered_, &becomeNobody);
   EXPECT_EQ(identifierOf(connectFrom(helper)), registered_);
@@ -238,8 +238,8 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExecOfAKnownProcess) {
   EXPECT_EQ(identifierOf(flow), "");
 }
 
-TEST_F(BorrowedIdentityTest, AConnectFollowedByExecWithTheStackInTheSamePlace) {
-  // Of the same length, so that what the kernel puts before the stack takes the same room.
+TEST_F(BorrowedIdentityTest, AConnectFollowedByExecWithAnIdenticalStack) {
+  // The same length, so that the data above the stack takes the same space.
   const std::string sameLength = programs_.copyHelper("fakedOne00");
   start();
   Helper helper(sameLength, [] { return ::personality(ADDR_NO_RANDOMIZE) >= 0; });
@@ -247,7 +247,7 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExecWithTheStackInTheSamePlace) {
   const auto before = processes.stampOf(helper.pid());
   const auto flow = connectFrom(helper);
   ASSERT_EQ(helper.ask("run " + registered_), "ready");
-  // Otherwise this test would not show anything.
+  // Otherwise this test would prove nothing.
   ASSERT_EQ(processes.stampOf(helper.pid()), before);
   EXPECT_EQ(identifierOf(flow), "");
   EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
@@ -256,7 +256,7 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExecWithTheStackInTheSamePlace) {
 TEST_F(BorrowedIdentityTest, AConnectFollowedByExecInAChild) {
   start();
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
-  // Connected by the child of this process, which goes on as the registered program.
+  // Connected by a child of this process, which then becomes the registered program.
   Helper helper(registered_, [&socket] {
     return connectTo(socket, AF_INET, loopbackIPv4(443)) && ::dup(socket.get()) >= 0;
   });
@@ -264,7 +264,7 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExecInAChild) {
   expectRegisteredStillWorks();
 }
 
-TEST_F(BorrowedIdentityTest, ASocketHandedToARegisteredProgramByOneThatEnds) {
+TEST_F(BorrowedIdentityTest, ASocketHandedOverByAProcessThatEnds) {
   start();
   auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   Helper heir(registered_, [&socket] { return ::dup(socket.get()) >= 0; });
@@ -300,7 +300,7 @@ TEST_F(BorrowedIdentityTest, AReplacedProgram) {
   expectRegisteredStillWorks();
 }
 
-TEST_F(BorrowedIdentityTest, AProgramThatIsMountedOverHereWhileItRuns) {
+TEST_F(BorrowedIdentityTest, ARunningProgramCoveredByAMount) {
   inPrivateMounts([this] {
     start();
     Helper helper(registered_);
@@ -332,7 +332,7 @@ TEST_F(BorrowedIdentityTest, AMemoryFile) {
   }
 }
 
-// fork(2), with the number of the child; fails when somebody else has it.
+// fork(2) with the given process number; fails if it is taken.
 pid_t forkAs(pid_t number) {
   clone_args arguments{};
   arguments.exit_signal = SIGCHLD;
@@ -378,7 +378,7 @@ TEST_F(BorrowedIdentityTest, BytesThatCouldEndAHeaderLine) {
   EXPECT_EQ(identifierOf(connectFrom(helper)), programs_.path("a%0D%0AX-Ostravel-App-Id: b%FF%20"));
 }
 
-TEST_F(BorrowedIdentityTest, WithoutTracedProgramsTheHolderOfTheSocketIsBelieved) {
+TEST_F(BorrowedIdentityTest, WithoutTracedProgramsTheSocketsHolderIsTheSender) {
   start(ConnectTracer::Detail::processes);
   Helper helper(registered_);
   expectEventually(connectFrom(helper), kRegistered);
@@ -388,7 +388,7 @@ TEST_F(BorrowedIdentityTest, WithoutTracedProgramsTheHolderOfTheSocketIsBelieved
   EXPECT_EQ(source_->identify(connectFrom(covered), 0).identifier, "");
 }
 
-TEST_F(BorrowedIdentityTest, WithoutTracedProgramsASocketThatWasHandedOnIsNobodys) {
+TEST_F(BorrowedIdentityTest, WithoutTracedProgramsAHandedOverSocketHasNoSender) {
   start(ConnectTracer::Detail::processes);
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   Helper connector(fake_, [&socket] { return ::dup2(socket.get(), 5) == 5; });
@@ -401,7 +401,7 @@ TEST_F(BorrowedIdentityTest, WithoutTracedProgramsASocketThatWasHandedOnIsNobody
   }
 }
 
-TEST_F(BorrowedIdentityTest, AFileSystemThatHangsDelaysNobody) {
+TEST_F(BorrowedIdentityTest, AHungFileSystemDelaysNobody) {
   inPrivateMounts([this] {
     const TemporaryFolder folder;
     HangingFileSystem system(folder.path(), OSTRAVEL_HELPER);
@@ -420,12 +420,12 @@ TEST_F(BorrowedIdentityTest, AFileSystemThatHangsDelaysNobody) {
       EXPECT_EQ(identifierOf(connectFrom(neighbour)), fake_);
       EXPECT_EQ(identifierOf(connectFrom(genuine)), kRegistered);
     }
-    // One wait of FileLookup::kPatience among them; the rest is for a busy machine.
+    // Includes one FileLookup::kPatience; the rest is for a busy machine.
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
   });
 }
 
-// A socket that is under way to nobody, so that every look for its holder goes through everything.
+// A socket in SYN-SENT that no process holds, so that every search scans all processes.
 class UnfindableSocket {
  public:
   explicit UnfindableSocket(uid_t user) : socket_(makeSocket(AF_INET, SOCK_DGRAM)) {
@@ -482,7 +482,7 @@ TEST_F(BorrowedIdentityTest, AFloodOfUnfindableSocketsIsLeftToTheSystem) {
   }
   const auto elapsed = std::chrono::steady_clock::now() - begin;
   EXPECT_GT(refused, 15000);
-  // Far less than that many searches take.
+  // Far less than that many complete searches take.
   EXPECT_LT(elapsed, 10s);
   expectEventually(earlyFlow, fake_);
 }

@@ -8,7 +8,7 @@
 namespace ostravel::linuxplatform {
 namespace {
 
-TEST(PrintableIdentifierTest, PrintableTextStaysWhatItIs) {
+TEST(PrintableIdentifierTest, PrintableTextIsUnchanged) {
   for (const char* const text : {"", "/usr/bin/curl", "com.example.app", "/opt/My App/run",
                                  "/a~!\"#", "/100%", "/a%", "/a%4", "/a%4g", "/a%%"}) {
     EXPECT_EQ(printableIdentifier(text), text);
@@ -30,7 +30,7 @@ TEST(PrintableIdentifierTest, SpacesAtTheEndsAreEncoded) {
   EXPECT_EQ(printableIdentifier("/a  "), "/a %20");
 }
 
-TEST(PrintableIdentifierTest, APercentSignIsEncodedWhereItWouldMeanAByte) {
+TEST(PrintableIdentifierTest, APercentSignIsEncodedBeforeTwoHexDigits) {
   EXPECT_EQ(printableIdentifier("/a%41"), "/a%2541");
   EXPECT_EQ(printableIdentifier("/a%c3%A9"), "/a%25c3%25A9");
   EXPECT_EQ(printableIdentifier("%\xc3"), "%%C3");
@@ -53,7 +53,7 @@ TEST(PrintableIdentifierTest, DifferentBytesHaveDifferentIdentifiers) {
   EXPECT_EQ(identifiers.size(), count);
 }
 
-TEST(PrintableIdentifierTest, WhatNoProxyTakesIsNoIdentifier) {
+TEST(PrintableIdentifierTest, AnOverlongIdentifierIsEmpty) {
   EXPECT_EQ(printableIdentifier(std::string(kMaximumIdentifierSize, 'a')).size(),
             kMaximumIdentifierSize);
   EXPECT_EQ(printableIdentifier(std::string(kMaximumIdentifierSize + 1, 'a')), "");

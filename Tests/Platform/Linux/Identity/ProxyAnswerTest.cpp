@@ -13,7 +13,7 @@ TEST(ProxyAnswerTest, EverySuccessIsATunnel) {
   }
 }
 
-TEST(ProxyAnswerTest, AProxyMayRefuse) {
+TEST(ProxyAnswerTest, RefusalsAreAProxysAnswers) {
   for (const char* const line :
        {"HTTP/1.1 403 Forbidden", "HTTP/1.1 407 Proxy Authentication Required", "HTTP/1.1 429",
         "HTTP/1.0 500 Unable to connect", "HTTP/1.1 502 Bad Gateway", "HTTP/1.1 503 x",
@@ -22,7 +22,7 @@ TEST(ProxyAnswerTest, AProxyMayRefuse) {
   }
 }
 
-TEST(ProxyAnswerTest, OtherStatusesAreThoseOfWebServers) {
+TEST(ProxyAnswerTest, OtherStatusesAreAWebServersAnswers) {
   for (const char* const line :
        {"HTTP/1.1 100 Continue", "HTTP/1.1 199", "HTTP/1.1 301 Moved Permanently", "HTTP/1.1 302 x",
         "HTTP/1.1 400 Bad Request", "HTTP/1.1 401 x", "HTTP/1.1 404 Not Found",
@@ -31,7 +31,7 @@ TEST(ProxyAnswerTest, OtherStatusesAreThoseOfWebServers) {
   }
 }
 
-TEST(ProxyAnswerTest, WhatIsNotHTTPIsNoProxys) {
+TEST(ProxyAnswerTest, OtherProtocolsAreNotAProxysAnswers) {
   for (const char* const line :
        {"", " ", "SSH-2.0-OpenSSH_9.2p1", "HTTP", "HTTP/1.", "HTTP/1.1", "HTTP/1.1 ", "HTTP/1.1200",
         "HTTP/1.1 20", "HTTP/1.1 2000", "HTTP/1.1 2x0", "HTTP/1.1 -20", "HTTP/1.11 200 OK",

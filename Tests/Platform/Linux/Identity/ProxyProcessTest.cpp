@@ -48,7 +48,7 @@ class ProxyProcessTest : public ::testing::Test {
     return process && proxy_->includes(*process);
   }
 
-  // On a busy machine one part of the search may not be enough.
+  // On a busy machine one step of the search may not be enough.
   State refresh() {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     State state = State::unknown;
@@ -65,7 +65,7 @@ class ProxyProcessTest : public ::testing::Test {
   const TemporaryFolder folder_;
 };
 
-TEST_F(ProxyProcessTest, NobodyListens) {
+TEST_F(ProxyProcessTest, IsAbsentWithoutAListener) {
   EXPECT_EQ(proxy_->refresh(::getpid()), State::absent);
 }
 
@@ -81,7 +81,7 @@ TEST_F(ProxyProcessTest, IsTheProcessThatListens) {
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ProxyProcessTest, IsThereAtOnceWhenItIsTheSender) {
+TEST_F(ProxyProcessTest, IsFoundAtOnceIfItIsTheSender) {
   Helper helper;
   helper.makeSocket("listen", kPort);
   std::vector<std::unique_ptr<Helper>> crowd;
@@ -89,7 +89,7 @@ TEST_F(ProxyProcessTest, IsThereAtOnceWhenItIsTheSender) {
     crowd.push_back(std::make_unique<Helper>());
     ASSERT_EQ(crowd.back()->ask("hold 15000"), "done");
   }
-  // Only a machine that is busy elsewhere can be in between, and not again and again.
+  // Only a busy machine can cause a delay here, and not repeatedly.
   State state = proxy_->refresh(helper.pid());
   for (int attempt = 0; attempt < 10 && state != State::known; ++attempt) {
     ASSERT_EQ(helper.ask("close"), "done");
@@ -103,7 +103,7 @@ TEST_F(ProxyProcessTest, IsThereAtOnceWhenItIsTheSender) {
 TEST_F(ProxyProcessTest, IsUnknownUntilTheSearchHasFoundIt) {
   Helper helper;
   helper.makeSocket("listen", kPort);
-  // More descriptors of newer processes than can be looked at for one flow.
+  // More descriptors of newer processes than can be scanned for one flow.
   std::vector<std::unique_ptr<Helper>> crowd;
   for (int i = 0; i < 8; ++i) {
     crowd.push_back(std::make_unique<Helper>());
@@ -126,7 +126,7 @@ TEST_F(ProxyProcessTest, ARestartIsNoticedAtOnce) {
     EXPECT_TRUE(includes(helper.pid()));
     EXPECT_NE(proxy_->listenerCookie(), lastCookie);
     lastCookie = proxy_->listenerCookie();
-    // What was the proxy before is none any more.
+    // The previous proxy no longer is one.
     Helper former(i % 2 == 0 ? otherProgram : program);
     EXPECT_FALSE(includes(former.pid()));
     helper.kill();
@@ -145,9 +145,9 @@ TEST_F(ProxyProcessTest, ANewSocketOfTheSameProcessIsNoticedAtOnce) {
   EXPECT_TRUE(includes(helper.pid()));
 }
 
-TEST_F(ProxyProcessTest, IncludesItsOwnerWhateverBecomesOfThat) {
+TEST_F(ProxyProcessTest, KeepsIncludingTheOwnerAfterExec) {
   Helper helper(folder_.copyHelper("proxy"));
-  // The socket is not where one that was handed over would be.
+  // The socket is not where an inherited one would be.
   ASSERT_EQ(helper.ask("hold 50"), "done");
   helper.makeSocket("listen", kPort);
   ASSERT_EQ(refresh(), State::known);
@@ -205,8 +205,8 @@ TEST_F(ProxyProcessTest, IncludesProcessesOfItsService) {
   EXPECT_EQ(::rmdir(group.c_str()), 0);
 }
 
-TEST_F(ProxyProcessTest, IncludesWhoWasHandedTheSocket) {
-  // As a service manager does: this process listens, and starts the proxy when somebody comes.
+TEST_F(ProxyProcessTest, IncludesProcessesThatInheritedTheSocket) {
+  // As a service manager does: this process listens, and starts the proxy on the first connection.
   const auto listener = makeSocket(AF_INET, SOCK_STREAM);
   ASSERT_TRUE(bindTo(listener, AF_INET, loopbackIPv4(kPort)));
   ASSERT_EQ(::listen(listener.get(), 1), 0);
@@ -219,7 +219,7 @@ TEST_F(ProxyProcessTest, IncludesWhoWasHandedTheSocket) {
   EXPECT_FALSE(includes(other.pid()));
 }
 
-TEST_F(ProxyProcessTest, ASocketThatOutlivesItsOwnerIsFoundWithItsNewOwner) {
+TEST_F(ProxyProcessTest, FindsTheNewOwnerOfASocketThatOutlivesItsOwner) {
   const std::string program = folder_.copyHelper("proxy");
   auto listener = makeSocket(AF_INET, SOCK_STREAM);
   ASSERT_TRUE(bindTo(listener, AF_INET, loopbackIPv4(kPort)));
@@ -230,17 +230,17 @@ TEST_F(ProxyProcessTest, ASocketThatOutlivesItsOwnerIsFoundWithItsNewOwner) {
   EXPECT_TRUE(includes(heir.pid()));
 }
 
-TEST_F(ProxyProcessTest, IsUnknownWithOneWarningWhenItMayNotBeFound) {
+TEST_F(ProxyProcessTest, IsUnknownAndWarnsOnceWithoutPermission) {
   Helper helper;
   helper.makeSocket("listen", kPort);
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    // Without capabilities nobody may look into processes of the same user that have them.
+    // Without capabilities a process cannot inspect others of the same user that have them.
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
     bool isRight = ::syscall(SYS_capset, &header, none.data()) == 0;
-    // The allowance for searches may be used up before all processes have been looked at.
+    // The allowance for searches may be used up before all processes have been scanned.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     for (int i = 0; i < 1000 || (warnings_.empty() && std::chrono::steady_clock::now() < deadline);
          ++i) {

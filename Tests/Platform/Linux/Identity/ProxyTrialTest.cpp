@@ -79,8 +79,8 @@ FileDescriptor connected(std::uint16_t port) {
   return socket;
 }
 
-// The test itself as a proxy, for one tunnel, which it makes through the one on kParentPort. Does
-// something as soon as it knows the target's port.
+// The test itself as a proxy for one tunnel, which it makes through the proxy on kParentPort. Runs
+// an action as soon as it knows the target's port.
 class Forwarder {
  public:
   explicit Forwarder(std::function<void(std::uint16_t target)> act)
@@ -111,7 +111,7 @@ class Forwarder {
   std::thread thread_;
 };
 
-TEST_F(ProxyTrialTest, AProxyMakesTheTunnelItself) {
+TEST_F(ProxyTrialTest, ASingleProgramIsAcceptorAndDialler) {
   Helper proxy;
   proxy.makeSocket("proxy", kPort);
   const auto found = outcome();
@@ -121,7 +121,7 @@ TEST_F(ProxyTrialTest, AProxyMakesTheTunnelItself) {
   EXPECT_EQ(pidOf(found.dialler), proxy.pid());
 }
 
-TEST_F(ProxyTrialTest, TheLastProgramOfAChainIsTheOneThatDials) {
+TEST_F(ProxyTrialTest, TheLastProgramOfAChainIsTheDialler) {
   Helper front;
   Helper middle;
   Helper last;
@@ -136,12 +136,12 @@ TEST_F(ProxyTrialTest, TheLastProgramOfAChainIsTheOneThatDials) {
   EXPECT_EQ(pidOf(found.dialler), last.pid());
 }
 
-TEST_F(ProxyTrialTest, AStrangerThatConnectsToTheTargetIsNotTheOneThatDials) {
+TEST_F(ProxyTrialTest, AStrangerThatConnectsToTheTargetIsNotTheDialler) {
   Helper proxy;
   proxy.makeSocket("proxy", kParentPort);
   std::vector<FileDescriptor> strangers;
   const Forwarder forwarder([&strangers](std::uint16_t target) {
-    // Says nothing, what is wrong, too much, or is gone already.
+    // Strangers that send nothing, the wrong text or too much, or have already disconnected.
     for (const char* const text : {"", "x", "0123456789abcdef0123456789abcdef and more"}) {
       strangers.push_back(connected(target));
       sendText(strangers.back(), text);
@@ -154,7 +154,7 @@ TEST_F(ProxyTrialTest, AStrangerThatConnectsToTheTargetIsNotTheOneThatDials) {
   EXPECT_EQ(pidOf(found.dialler), proxy.pid());
 }
 
-TEST_F(ProxyTrialTest, ACrowdOfStrangersMakesNobodyTheOneThatDials) {
+TEST_F(ProxyTrialTest, ACrowdOfStrangersLeavesTheDiallerUnknown) {
   Helper proxy;
   proxy.makeSocket("proxy", kParentPort);
   std::vector<FileDescriptor> strangers;
@@ -188,7 +188,7 @@ TEST_F(ProxyTrialTest, ARefusalIsAProxysAnswer) {
   EXPECT_FALSE(found.dialler);
 }
 
-TEST_F(ProxyTrialTest, WhatAWebServerAnswersIsNoProxysAnswer) {
+TEST_F(ProxyTrialTest, AWebServersAnswerIsNotAProxys) {
   Helper server;
   server.makeSocket("proxy", kPort);
   ASSERT_EQ(server.ask("answer HTTP/1.1 405 Not Allowed"), "done");
@@ -197,7 +197,7 @@ TEST_F(ProxyTrialTest, WhatAWebServerAnswersIsNoProxysAnswer) {
   EXPECT_EQ(found.answer, "HTTP/1.1 405 Not Allowed");
 }
 
-TEST_F(ProxyTrialTest, AnotherProtocolIsNoProxysAnswer) {
+TEST_F(ProxyTrialTest, AnotherProtocolIsNotAProxysAnswer) {
   Helper server;
   server.makeSocket("proxy", kPort);
   ASSERT_EQ(server.ask("answer SSH-2.0-Something"), "done");
@@ -206,7 +206,7 @@ TEST_F(ProxyTrialTest, AnotherProtocolIsNoProxysAnswer) {
   EXPECT_EQ(found.answer, "SSH-2.0-Something");
 }
 
-TEST_F(ProxyTrialTest, OnlyTheBeginningOfALongLineIsShown) {
+TEST_F(ProxyTrialTest, ShowsOnlyTheBeginningOfALongLine) {
   Helper server;
   server.makeSocket("proxy", kPort);
   ASSERT_EQ(server.ask("answer " + std::string(20'000, 'x')), "done");
@@ -215,7 +215,7 @@ TEST_F(ProxyTrialTest, OnlyTheBeginningOfALongLineIsShown) {
   EXPECT_EQ(found.answer, std::string(100, 'x'));
 }
 
-TEST_F(ProxyTrialTest, AConnectionThatEndsIsNoAnswer) {
+TEST_F(ProxyTrialTest, AClosedConnectionIsNoAnswer) {
   Helper server;
   server.makeSocket("proxy", kPort);
   ASSERT_EQ(server.ask("hang-up"), "done");
@@ -235,7 +235,7 @@ TEST_F(ProxyTrialTest, SilenceIsNoAnswer) {
   EXPECT_EQ(found.answer, "no answer in 2 s");
 }
 
-TEST_F(ProxyTrialTest, AnotherListenerIsNotTried) {
+TEST_F(ProxyTrialTest, DoesNotTestAnotherListener) {
   Helper first;
   first.makeSocket("proxy", kPort);
   const auto former = listener();
@@ -247,7 +247,7 @@ TEST_F(ProxyTrialTest, AnotherListenerIsNotTried) {
   EXPECT_TRUE(tryOnce(listener()));
 }
 
-TEST_F(ProxyTrialTest, AnInterruptionEndsItAtOnce) {
+TEST_F(ProxyTrialTest, AnInterruptionEndsTheTrialAtOnce) {
   Helper server;
   server.makeSocket("proxy", kPort);
   ASSERT_EQ(server.ask("answer"), "done");

@@ -40,7 +40,7 @@ class ProxyTrialThreadTest : public ::testing::Test {
     return result ? std::optional(result->outcome.judgement) : std::nullopt;
   }
 
-  // There is nothing to wait for: the verdict thread, whose part this is, asks flow by flow.
+  // Polls, because the thread gives no signal: the verdict thread asks flow by flow.
   bool isJudgedEventually(Judgement judgement) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (judgementNow() != judgement) {
@@ -56,7 +56,7 @@ class ProxyTrialThreadTest : public ::testing::Test {
   std::optional<ProxyTrialThread> trial_;
 };
 
-TEST_F(ProxyTrialThreadTest, TriesWhatListens) {
+TEST_F(ProxyTrialThreadTest, TestsTheListener) {
   Helper proxy;
   proxy.makeSocket("proxy", kPort);
   EXPECT_FALSE(judgementNow());
@@ -66,7 +66,7 @@ TEST_F(ProxyTrialThreadTest, TriesWhatListens) {
   EXPECT_EQ(result->outcome.dialler->pid, proxy.pid());
 }
 
-TEST_F(ProxyTrialThreadTest, KeepsItsJudgementOfAListener) {
+TEST_F(ProxyTrialThreadTest, KeepsTheResultForAListener) {
   Helper server;
   server.makeSocket("proxy", kPort);
   ASSERT_EQ(server.ask("answer HTTP/1.1 404 Not Found"), "done");
@@ -75,7 +75,7 @@ TEST_F(ProxyTrialThreadTest, KeepsItsJudgementOfAListener) {
   EXPECT_EQ(judgementNow(), Judgement::notAProxy);
 }
 
-TEST_F(ProxyTrialThreadTest, TriesEveryListenerAnew) {
+TEST_F(ProxyTrialThreadTest, TestsEveryNewListener) {
   for (int i = 0; i < 3; ++i) {
     Helper server;
     server.makeSocket("proxy", kPort);
@@ -90,7 +90,7 @@ TEST_F(ProxyTrialThreadTest, TriesEveryListenerAnew) {
   }
 }
 
-TEST_F(ProxyTrialThreadTest, AsksAgainWhatDoesNotAnswer) {
+TEST_F(ProxyTrialThreadTest, RetriesAListenerThatDoesNotAnswer) {
   Helper proxy;
   proxy.makeSocket("proxy", kPort);
   ASSERT_EQ(proxy.ask("hang-up"), "done");
@@ -99,7 +99,7 @@ TEST_F(ProxyTrialThreadTest, AsksAgainWhatDoesNotAnswer) {
   EXPECT_TRUE(isJudgedEventually(Judgement::proxy));
 }
 
-TEST_F(ProxyTrialThreadTest, AnotherListenerDoesNotWaitForTheSilenceOfTheLast) {
+TEST_F(ProxyTrialThreadTest, ANewListenerInterruptsTheTrialOfASilentOne) {
   Helper silent;
   silent.makeSocket("proxy", kPort);
   ASSERT_EQ(silent.ask("answer"), "done");
@@ -112,7 +112,7 @@ TEST_F(ProxyTrialThreadTest, AnotherListenerDoesNotWaitForTheSilenceOfTheLast) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, ProxyTrial::kAnswerDeadline);
 }
 
-TEST_F(ProxyTrialThreadTest, EndsInTheMiddleOfATrial) {
+TEST_F(ProxyTrialThreadTest, EndsDuringATrial) {
   Helper silent;
   silent.makeSocket("proxy", kPort);
   ASSERT_EQ(silent.ask("answer"), "done");
@@ -122,7 +122,7 @@ TEST_F(ProxyTrialThreadTest, EndsInTheMiddleOfATrial) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, ProxyTrial::kAnswerDeadline);
 }
 
-TEST_F(ProxyTrialThreadTest, NamesThoseWhoHaveAHandInTheListener) {
+TEST_F(ProxyTrialThreadTest, NamesTheUsersWhoControlTheListener) {
   Helper proxy;
   proxy.makeSocket("proxy", kPort);
   ASSERT_EQ(proxy.ask("user 54321"), "done");

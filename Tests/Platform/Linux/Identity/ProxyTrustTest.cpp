@@ -43,12 +43,12 @@ class ProxyTrustTest : public ::testing::Test {
     return proxy_->refresh(std::nullopt) == ProxyProcess::State::known && trust_->holdsFor(user);
   }
 
-  // Flow by flow of this user, as the verdict thread asks.
+  // Asks flow by flow of this user, as the verdict thread does.
   bool holdsEventually(std::optional<uid_t> user) {
     return eventually([this, user] { return holdsNow(user); });
   }
 
-  // Until there is something wrong with it.
+  // Asks until a warning appears.
   bool isRefused(std::optional<uid_t> user) {
     return eventually([this, user] { return !holdsNow(user) && !warnings_.empty(); });
   }
@@ -92,7 +92,7 @@ class ProxyTrustTest : public ::testing::Test {
   const TemporaryFolder folder_;
 };
 
-TEST_F(ProxyTrustTest, TheProxyOfRootIsEverybodys) {
+TEST_F(ProxyTrustTest, RootsProxyMayCarryEverybodysFlows) {
   const auto proxy = proxyOf(kRoot, OSTRAVEL_HELPER);
   start();
   EXPECT_FALSE(holdsNow(kRoot));
@@ -103,7 +103,7 @@ TEST_F(ProxyTrustTest, TheProxyOfRootIsEverybodys) {
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ProxyTrustTest, EveryProxyIsNewsOnce) {
+TEST_F(ProxyTrustTest, EveryProxyIsAnnouncedOnce) {
   const std::string program = folder_.copyHelper("proxy");
   start();
   for (int i = 0; i < 2; ++i) {
@@ -117,7 +117,7 @@ TEST_F(ProxyTrustTest, EveryProxyIsNewsOnce) {
   }
 }
 
-TEST_F(ProxyTrustTest, TheProxyOfASystemUserIsEverybodys) {
+TEST_F(ProxyTrustTest, ASystemUsersProxyMayCarryEverybodysFlows) {
   const auto proxy = proxyOf(kSystemUser, OSTRAVEL_HELPER);
   start();
   EXPECT_TRUE(holdsEventually(kRoot));
@@ -126,7 +126,7 @@ TEST_F(ProxyTrustTest, TheProxyOfASystemUserIsEverybodys) {
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ProxyTrustTest, TheProxyOfAPersonIsThatPersons) {
+TEST_F(ProxyTrustTest, APersonsProxyMayCarryOnlyThatPersonsFlows) {
   const std::string program = folder_.copyHelper("proxy");
   const auto proxy = proxyOf(kPerson, program);
   start();
@@ -145,7 +145,7 @@ TEST_F(ProxyTrustTest, TheProxyOfAPersonIsThatPersons) {
                 "--proxy-user 54321");
 }
 
-TEST_F(ProxyTrustTest, TheProxyOfANamedUserIsEverybodys) {
+TEST_F(ProxyTrustTest, ANamedUsersProxyMayCarryEverybodysFlows) {
   const auto proxy = proxyOf(kPerson, OSTRAVEL_HELPER);
   start({kOtherPerson, kPerson});
   EXPECT_TRUE(holdsEventually(kRoot));
@@ -153,24 +153,24 @@ TEST_F(ProxyTrustTest, TheProxyOfANamedUserIsEverybodys) {
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ProxyTrustTest, ASocketOfRootIsTheUsersWhoServesIt) {
+TEST_F(ProxyTrustTest, ASocketCreatedByRootBelongsToItsServer) {
   Helper proxy;
   proxy.makeSocket("proxy", kPort);
   ASSERT_EQ(proxy.ask("user 54321"), "done");
   start();
   EXPECT_TRUE(isRefused(kRoot));
   EXPECT_TRUE(isRefused(kOtherPerson));
-  // Root's part in it does not make it less that user's.
+  // Root's process that serves it does not change that.
   EXPECT_TRUE(holdsNow(kPerson));
 }
 
-TEST_F(ProxyTrustTest, ASocketThatAServiceManagerKeepsIsTheUsersWhoServesIt) {
+TEST_F(ProxyTrustTest, ASocketKeptByAServiceManagerBelongsToItsServer) {
   const FileDescriptor listener = listenerOnProxyPort();
   const auto inherit = [&listener] { return ::dup2(listener.get(), 3) == 3; };
   Helper service(OSTRAVEL_HELPER, inherit);
   ASSERT_EQ(service.ask("user 54321"), "done");
   ASSERT_EQ(service.ask("serve 3"), "done");
-  // Of the newest process, so that it is found first.
+  // The newest process, so that it is found first.
   Helper manager(OSTRAVEL_HELPER, inherit);
   start();
   EXPECT_TRUE(isRefused(kRoot));
@@ -179,8 +179,8 @@ TEST_F(ProxyTrustTest, ASocketThatAServiceManagerKeepsIsTheUsersWhoServesIt) {
   EXPECT_NE(warnings_.at(0).find("--proxy-user 54321"), std::string::npos) << warnings_[0];
 }
 
-TEST_F(ProxyTrustTest, ASocketOfAPersonStaysThatPersonsWhoeverServesIt) {
-  // The user of a new socket is that for file accesses.
+TEST_F(ProxyTrustTest, ASocketCreatedByAPersonRemainsThatPersons) {
+  // A new socket gets the file system user ID.
   ::setfsuid(kPerson);
   auto listener = listenerOnProxyPort();
   ::setfsuid(kRoot);
@@ -193,7 +193,7 @@ TEST_F(ProxyTrustTest, ASocketOfAPersonStaysThatPersonsWhoeverServesIt) {
   EXPECT_TRUE(holdsNow(kPerson));
 }
 
-TEST_F(ProxyTrustTest, AWebServerIsNobodysProxy) {
+TEST_F(ProxyTrustTest, AWebServerMayCarryNoFlows) {
   const std::string program = folder_.copyHelper("server");
   const auto server = proxyOf(kRoot, program);
   ASSERT_EQ(server->ask("answer HTTP/1.1 405 Not Allowed"), "done");
@@ -208,7 +208,7 @@ TEST_F(ProxyTrustTest, AWebServerIsNobodysProxy) {
                 "there");
 }
 
-TEST_F(ProxyTrustTest, AProxyThatAnswersLateIsAProxyFromThen) {
+TEST_F(ProxyTrustTest, ALateAnswerMakesItAProxyFromThenOn) {
   const auto proxy = proxyOf(kRoot, OSTRAVEL_HELPER);
   ASSERT_EQ(proxy->ask("hang-up"), "done");
   start();
@@ -218,7 +218,7 @@ TEST_F(ProxyTrustTest, AProxyThatAnswersLateIsAProxyFromThen) {
   EXPECT_EQ(warnings_.size(), 1U);
 }
 
-TEST_F(ProxyTrustTest, EveryListenerIsWarnedAboutOnce) {
+TEST_F(ProxyTrustTest, WarnsOnceAboutEveryListener) {
   start();
   for (std::size_t count = 1; count <= 3; ++count) {
     const auto proxy = proxyOf(kPerson, OSTRAVEL_HELPER);
@@ -230,7 +230,7 @@ TEST_F(ProxyTrustTest, EveryListenerIsWarnedAboutOnce) {
   }
 }
 
-TEST_F(ProxyTrustTest, ANewListenerIsTriedBeforeItIsTrusted) {
+TEST_F(ProxyTrustTest, ANewListenerIsTestedBeforeItIsTrusted) {
   start();
   for (int i = 0; i < 3; ++i) {
     const auto proxy = proxyOf(kRoot, OSTRAVEL_HELPER);
@@ -264,7 +264,7 @@ TEST_F(ProxyTrustTest, TheDiallerOfAChainIsPartOfTheProxy) {
   EXPECT_FALSE(proxy_->mayRunAs(kRoot));
 }
 
-TEST_F(ProxyTrustTest, WithoutATunnelTheDiallerMayBeOfAnyUserWhoseProxyIsTrusted) {
+TEST_F(ProxyTrustTest, WithoutATunnelAnyTrustedUserMayRunTheDialler) {
   const auto proxy = proxyOf(kPerson, OSTRAVEL_HELPER);
   ASSERT_EQ(proxy->ask("answer HTTP/1.1 403 Forbidden"), "done");
   start();

@@ -28,7 +28,7 @@ using namespace std::chrono_literals;
 using testing::loopbackSettings;
 using testing::outputOf;
 
-// Keeps the lines.
+// Keeps the lines for the test.
 class KeptLog final : public platform::Log {
  public:
   std::vector<std::string> lines() const {
@@ -56,7 +56,7 @@ std::unique_ptr<InterceptionTable> installTable() {
   return *installer()();
 }
 
-// Breaks the netfilter sockets of this process, so that what they own is gone.
+// Breaks the netfilter sockets of this process, so that the kernel removes what they own.
 void breakNetfilterSockets() {
   const FileDescriptor nothing(::open("/dev/null", O_RDWR | O_CLOEXEC));
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
@@ -90,10 +90,10 @@ TEST_F(AliveKeeperTest, RefreshesOnABeat) {
   EXPECT_TRUE(log_->lines().empty());
 }
 
-TEST_F(AliveKeeperTest, DoesNothingByItself) {
+TEST_F(AliveKeeperTest, DoesNotRefreshWithoutABeat) {
   {
     AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
-    // The elements run out, which they would not if anybody refreshed them.
+    // The elements expire, which they would not if they were refreshed.
     const auto deadline = std::chrono::steady_clock::now() + InterceptionTable::kAliveTimeout * 3;
     while (outputOf("nft list set inet ostravel alive").find("elements") != std::string::npos &&
            std::chrono::steady_clock::now() < deadline) {
@@ -114,7 +114,7 @@ TEST_F(AliveKeeperTest, RemovesTheTableWhenAsked) {
   EXPECT_EQ(outputOf("nft list ruleset"), "");
 }
 
-TEST_F(AliveKeeperTest, AFlushOfEverythingByAnotherProcessChangesNothing) {
+TEST_F(AliveKeeperTest, SurvivesAFlushByAnotherProcess) {
   AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
   const std::string before = outputOf("nft --stateless list chain inet ostravel refuse");
   outputOf("nft flush ruleset");
@@ -124,7 +124,7 @@ TEST_F(AliveKeeperTest, AFlushOfEverythingByAnotherProcessChangesNothing) {
   EXPECT_TRUE(log_->lines().empty());
 }
 
-TEST_F(AliveKeeperTest, InstallsATableAgainThatIsGone) {
+TEST_F(AliveKeeperTest, ReinstallsALostTable) {
   AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
   const std::string before = outputOf("nft --stateless list chain inet ostravel refuse");
   breakNetfilterSockets();
@@ -141,7 +141,7 @@ TEST_F(AliveKeeperTest, InstallsATableAgainThatIsGone) {
   EXPECT_EQ(lines[1], "OstravelProxy: Rules installed again");
 }
 
-TEST_F(AliveKeeperTest, KeepsTryingAndSaysEachFailureOnce) {
+TEST_F(AliveKeeperTest, KeepsTryingAndLogsEachFailureOnce) {
   std::atomic<int> attempts = 0;
   std::counting_semaphore<> attempted{0};
   const auto install = [&]() -> platform::Result<std::unique_ptr<InterceptionTable>> {
@@ -165,7 +165,7 @@ TEST_F(AliveKeeperTest, KeepsTryingAndSaysEachFailureOnce) {
   EXPECT_EQ(lines[1], "OstravelProxy: first reason");
   EXPECT_EQ(lines[2], "OstravelProxy: second reason");
   EXPECT_EQ(lines[3], "OstravelProxy: Rules installed again");
-  // Another failure is worth another line.
+  // A new failure gets a new line.
   breakNetfilterSockets();
   keeper.beat();
   EXPECT_TRUE(isRefreshed());

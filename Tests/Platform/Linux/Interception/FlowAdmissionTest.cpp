@@ -21,7 +21,7 @@ class FlowAdmissionTest : public testing::Test {
     }
   }
 
-  // And the pause is over.
+  // Also lets the pause expire.
   void timeOut() {
     share_->handshakeTimedOut(now_);
     now_ += UserShare::kLongestTrialPause;
@@ -32,7 +32,7 @@ class FlowAdmissionTest : public testing::Test {
   const std::shared_ptr<UserShare> share_ = std::make_shared<UserShare>();
 };
 
-TEST_F(FlowAdmissionTest, NobodyHasMoreThanHalfOfThePendingHandshakes) {
+TEST_F(FlowAdmissionTest, AUserGetsAtMostHalfOfThePendingHandshakes) {
   hold(23);
   EXPECT_EQ(reason(), std::nullopt);
   hold(1);
@@ -41,7 +41,7 @@ TEST_F(FlowAdmissionTest, NobodyHasMoreThanHalfOfThePendingHandshakes) {
   EXPECT_EQ(reason(), std::nullopt);
 }
 
-TEST_F(FlowAdmissionTest, AfterATimeOutFlowsAreTriedOneAtATime) {
+TEST_F(FlowAdmissionTest, AfterATimeoutFlowsAreOfferedOneAtATime) {
   timeOut();
   EXPECT_EQ(reason(), std::nullopt);
   hold(1);
@@ -52,10 +52,10 @@ TEST_F(FlowAdmissionTest, AfterATimeOutFlowsAreTriedOneAtATime) {
   EXPECT_EQ(reason(), std::nullopt);
 }
 
-TEST_F(FlowAdmissionTest, BetweenTrialsThereAreGrowingPauses) {
+TEST_F(FlowAdmissionTest, PausesBetweenTrialsGrow) {
   for (const auto pause : {1s, 2s, 4s, 8s, 15s, 15s}) {
     share_->handshakeTimedOut(now_);
-    // Those that time out together count as one.
+    // Handshakes that time out together count as one.
     share_->handshakeTimedOut(now_);
     EXPECT_EQ(FlowAdmission::reasonAgainst(*share_, descriptors_, now_ + pause - 1ms),
               LeaveReason::onTrial);
@@ -76,7 +76,7 @@ TEST_F(FlowAdmissionTest, ASuccessEndsTheTrial) {
 }
 
 TEST_F(FlowAdmissionTest, DescriptorsAreDividedAmongUsers) {
-  // Two for this one; what the user has must not be more than what is left.
+  // Two for this flow; the user's share must not exceed what is left.
   auto lease = descriptors_.lease(498, share_);
   EXPECT_EQ(reason(), std::nullopt);
   auto more = descriptors_.lease(2, share_);
@@ -85,7 +85,7 @@ TEST_F(FlowAdmissionTest, DescriptorsAreDividedAmongUsers) {
   EXPECT_EQ(FlowAdmission::reasonAgainst(another, descriptors_, now_), std::nullopt);
 }
 
-TEST_F(FlowAdmissionTest, HeldFlowsCountAsTheTunnelsThatTheyWillBe) {
+TEST_F(FlowAdmissionTest, HeldFlowsCountAsFutureTunnels) {
   auto lease = descriptors_.lease(495, share_);
   hold(4);
   EXPECT_EQ(reason(), std::nullopt);

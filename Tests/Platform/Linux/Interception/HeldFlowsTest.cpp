@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 
 class HeldFlowsTest : public ::testing::Test {
  protected:
-  // A packet that the kernel does not know: verdicts on it have no effect there.
+  // A packet unknown to the kernel, where verdicts on it have no effect.
   std::shared_ptr<QueuedPacket::State> hold(std::uint8_t host, std::optional<pid_t> process,
                                             HeldFlows::TimePoint since) {
     FlowTuple tuple;
@@ -42,13 +42,13 @@ TEST_F(HeldFlowsTest, APacketCountsForItsUserUntilTheFirstVerdict) {
   EXPECT_EQ(user_->held(), 0U);
 }
 
-TEST_F(HeldFlowsTest, APacketThatIsForgottenIsLetGo) {
+TEST_F(HeldFlowsTest, ADestroyedPacketIsReleased) {
   auto packet = hold(1, 10, start_);
   packet.reset();
   EXPECT_EQ(user_->held(), 0U);
 }
 
-TEST_F(HeldFlowsTest, LetsGoOfWhatIsHeldForSixSeconds) {
+TEST_F(HeldFlowsTest, ReleasesPacketsHeldForSixSeconds) {
   const auto old = hold(1, 10, start_);
   const auto young = hold(2, 10, start_ + 1ms);
   EXPECT_EQ(held_.releaseOld(start_ + 6s - 1ms), 0U);
@@ -61,7 +61,7 @@ TEST_F(HeldFlowsTest, LetsGoOfWhatIsHeldForSixSeconds) {
   EXPECT_EQ(held_.size(), 0U);
 }
 
-TEST_F(HeldFlowsTest, DoesNotCountWhatWasDecidedInTime) {
+TEST_F(HeldFlowsTest, DoesNotCountPacketsDecidedInTime) {
   hold(1, 10, start_)->accept();
   const auto packet = hold(2, 10, start_);
   const auto decided = hold(3, 10, start_);
@@ -69,14 +69,14 @@ TEST_F(HeldFlowsTest, DoesNotCountWhatWasDecidedInTime) {
   EXPECT_EQ(held_.releaseOld(start_ + 10s), 1U);
 }
 
-TEST_F(HeldFlowsTest, ForgetsWhatIsDecided) {
+TEST_F(HeldFlowsTest, ForgetsDecidedPackets) {
   for (int i = 0; i < 1000; ++i) {
     hold(1, 10, start_)->accept();
   }
   EXPECT_LE(held_.size(), 1U);
 }
 
-TEST_F(HeldFlowsTest, KnowsWhetherAnotherProcessWaitsForTheSameDestination) {
+TEST_F(HeldFlowsTest, FindsAnotherProcessHeldForTheSameDestination) {
   const auto packet = hold(1, 10, start_);
   EXPECT_TRUE(held_.isOtherHeldFor(destination(1), 11));
   EXPECT_TRUE(held_.isOtherHeldFor(destination(1), std::nullopt));
@@ -86,7 +86,7 @@ TEST_F(HeldFlowsTest, KnowsWhetherAnotherProcessWaitsForTheSameDestination) {
   EXPECT_FALSE(held_.isOtherHeldFor(destination(1), 11));
 }
 
-TEST_F(HeldFlowsTest, SuspectsALoopWhenAProcessComesAgainWhileAnotherOneWaits) {
+TEST_F(HeldFlowsTest, SuspectsALoopOnASecondPacketWhileAnotherIsHeld) {
   const auto application = hold(1, 10, start_);
   const auto first = hold(1, 11, start_);
   EXPECT_FALSE(held_.isLoopLikely(destination(1), 11));
@@ -106,7 +106,7 @@ TEST_F(HeldFlowsTest, ManyConnectionsOfOneProcessAreNoLoop) {
   EXPECT_FALSE(held_.isLoopLikely(destination(1), 10));
 }
 
-TEST_F(HeldFlowsTest, LetsGoOfEverythingAtTheEnd) {
+TEST_F(HeldFlowsTest, ReleasesEverythingAtTheEnd) {
   const auto first = hold(1, 10, start_);
   const auto second = hold(2, std::nullopt, start_);
   held_.releaseAll();

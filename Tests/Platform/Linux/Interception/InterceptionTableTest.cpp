@@ -35,7 +35,7 @@ using testing::waitForPackets;
 
 constexpr PacketMarks kMarks;
 constexpr auto kGenerous = 5s;
-// Shorter than any retransmission, so that what has not happened by then was not going to.
+// Shorter than any retransmission: anything that has not happened by then will not happen.
 constexpr auto kSoon = 300ms;
 
 class InterceptionTableTest : public ::testing::Test {
@@ -131,7 +131,7 @@ TEST_F(InterceptionTableTest, APrefixCoversItsNetworkOnly) {
   EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
 }
 
-TEST_F(InterceptionTableTest, SocketsOfOurOwnAreNeverOffered) {
+TEST_F(InterceptionTableTest, OurOwnSocketsAreNeverOffered) {
   const auto table = install(loopbackSettings());
   Listener origin("127.0.0.1", 8000);
   const std::string mark = std::to_string(kMarks.own());
@@ -172,7 +172,7 @@ TEST_F(InterceptionTableTest, ARefusedConnectionIsResetAtOnce) {
   EXPECT_EQ(application.result(kSoon), ECONNREFUSED);
 }
 
-// Every value that our bits of a mark can have.
+// Every value that our mark bits can have.
 std::vector<std::uint32_t> everyMark() {
   std::vector<std::uint32_t> values;
   for (unsigned value = 1; value <= kMarks.maximumEventLoops() + 2; ++value) {
@@ -206,7 +206,7 @@ TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnExcludedDestination) {
 }
 
 TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnEstablishedConnection) {
-  // Another program's rule, before ours, for everything but the first packet.
+  // Another program's rule, evaluated before ours, for everything but the first packet.
   outputOf(
       "nft 'add table inet foreign; add chain inet foreign out "
       "{ type filter hook output priority raw; }; add rule inet foreign out tcp dport 8000 "
@@ -224,20 +224,20 @@ TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnEstablishedConnection) 
   EXPECT_NE(outputOf("nft list table inet foreign").find("counter packets"), std::string::npos);
 }
 
-TEST_F(InterceptionTableTest, NothingThatBearsOurBitsIsOffered) {
+TEST_F(InterceptionTableTest, PacketsWithOurMarkBitsAreNotOffered) {
   const auto table = install(loopbackSettings());
   std::vector<std::unique_ptr<Connecting>> applications;
   for (const std::uint32_t mark : everyMark()) {
     applications.push_back(
         std::make_unique<Connecting>("127.0.0.1", 8000, SocketSettings{.mark = mark}));
-    // Among bits of others too.
+    // Also combined with bits of others.
     applications.push_back(
         std::make_unique<Connecting>("127.0.0.1", 8000, SocketSettings{.mark = mark | 1U}));
   }
   EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
 }
 
-TEST_F(InterceptionTableTest, AMarkOfOtherBitsIsOffered) {
+TEST_F(InterceptionTableTest, PacketsWithOtherMarkBitsAreOffered) {
   const auto table = install(loopbackSettings());
   const Connecting application("127.0.0.1", 8000, {.mark = ~kMarks.mask()});
   const auto packets = waitForPackets(*queue_, kGenerous);
@@ -257,8 +257,8 @@ TEST_F(InterceptionTableTest, AnotherMaskCanBeUsed) {
   EXPECT_EQ(loop.acceptOne(kGenerous), application.sourcePort());
 }
 
-TEST_F(InterceptionTableTest, ARepeatedPacketOfAConnectionIsNotOfferedAgain) {
-  // So that there is no answer.
+TEST_F(InterceptionTableTest, ARetransmittedSYNIsNotOfferedAgain) {
+  // So that the SYN gets no answer.
   outputOf(
       "nft 'add table inet foreign; add chain inet foreign in "
       "{ type filter hook input priority filter; }; add rule inet foreign in tcp dport 8000 drop'");
@@ -267,7 +267,7 @@ TEST_F(InterceptionTableTest, ARepeatedPacketOfAConnectionIsNotOfferedAgain) {
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
   queue_->accept(packets[0].id);
-  // The first repetition comes after a second.
+  // The first retransmission comes after a second.
   EXPECT_TRUE(waitForPackets(*queue_, 700ms).empty());
   EXPECT_FALSE(table->refreshAlive());
   EXPECT_TRUE(waitForPackets(*queue_, 800ms).empty());
@@ -288,7 +288,7 @@ TEST_F(InterceptionTableTest, ANewConnectionFromAUsedPortIsOffered) {
     EXPECT_EQ(application->result(kGenerous), 0);
     return application;
   };
-  // The origin ends it first, so that its end waits (TIME-WAIT).
+  // The origin closes first, so that its side is in TIME-WAIT.
   auto application = connect();
   EXPECT_EQ(origin.acceptOne(kGenerous), kSourcePort);
   application.reset();
@@ -303,7 +303,7 @@ TEST_F(InterceptionTableTest, ANewConnectionFromAUsedPortIsOffered) {
   application = connect();
 }
 
-TEST_F(InterceptionTableTest, DestinationsOfALinkOrAGroupAreNotOffered) {
+TEST_F(InterceptionTableTest, LinkLocalAndMulticastDestinationsAreNotOffered) {
   outputOf(
       "ip link add ours type veth peer name theirs && ip link set ours up && "
       "ip link set theirs up && ip address add 169.254.1.1/16 dev ours && "
@@ -328,13 +328,13 @@ TEST_F(InterceptionTableTest, DestinationsOfALinkOrAGroupAreNotOffered) {
       "for address in 'ff02::fb', 'fe80::3':\n"
       "  six.sendto(b'x', (address, 443, 0, socket.if_nametoindex('ours')))\"");
   EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
-  // What is not on the link is. The commands may have taken long.
+  // A destination beyond the link is offered. The commands may have taken long.
   EXPECT_FALSE(table->refreshAlive());
   const Connecting elsewhere("192.0.2.1", 80);
   EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
 }
 
-TEST_F(InterceptionTableTest, PassesPacketsWhenNobodyListensAtTheQueue) {
+TEST_F(InterceptionTableTest, PassesPacketsWhenNobodyReadsTheQueue) {
   const auto table = install(loopbackSettings());
   queue_.reset();
   Listener origin("127.0.0.1", 8000);
@@ -366,7 +366,7 @@ TEST_F(InterceptionTableTest, AFloodOfOneUserLeavesTheQueueToOthers) {
     ::sendto(socket.get(), "-", 1, 0, reinterpret_cast<const sockaddr*>(&address),
              sizeof(sockaddr_in));
   };
-  // Twice as much as may be queued, however long it takes to send.
+  // Twice as many as may be queued, however long sending takes.
   const auto begin = std::chrono::steady_clock::now();
   const auto allowed = [begin] {
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begin;
@@ -392,9 +392,9 @@ TEST_F(InterceptionTableTest, AFloodOfOneUserLeavesTheQueueToOthers) {
   EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
 }
 
-TEST_F(InterceptionTableTest, StopsOfferingWhenNobodyRefreshesIt) {
+TEST_F(InterceptionTableTest, StopsOfferingWithoutARefresh) {
   const auto table = install(loopbackSettings());
-  // Every connect before the time-out is over is offered, and held; each is a new one.
+  // Every connect before the time-out is offered and held; each is a new connection.
   const auto deadline = std::chrono::steady_clock::now() + InterceptionTable::kAliveTimeout * 3;
   Listener origin("127.0.0.1", 8000);
   bool passes = false;
@@ -402,7 +402,7 @@ TEST_F(InterceptionTableTest, StopsOfferingWhenNobodyRefreshesIt) {
     passes = Connecting("127.0.0.1", 8000).result(kSoon) == 0;
   }
   EXPECT_TRUE(passes);
-  // Whoever refreshes later is offered packets again.
+  // After a later refresh, packets are offered again.
   EXPECT_FALSE(table->refreshAlive());
   while (!waitForPackets(*queue_, 0ms).empty()) {
   }
@@ -410,7 +410,7 @@ TEST_F(InterceptionTableTest, StopsOfferingWhenNobodyRefreshesIt) {
   EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
 }
 
-TEST_F(InterceptionTableTest, GoesOnOfferingWhileItIsRefreshed) {
+TEST_F(InterceptionTableTest, KeepsOfferingWhileItIsRefreshed) {
   const auto table = install(loopbackSettings());
   const auto deadline = std::chrono::steady_clock::now() + InterceptionTable::kAliveTimeout * 2;
   while (std::chrono::steady_clock::now() < deadline) {
@@ -429,11 +429,11 @@ TEST_F(InterceptionTableTest, LeavesNothingBehind) {
   EXPECT_EQ(outputOf("nft list ruleset"), "");
 }
 
-TEST_F(InterceptionTableTest, VanishesWithItsProcessHoweverItEnds) {
+TEST_F(InterceptionTableTest, IsRemovedWhenItsProcessIsKilled) {
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    // The queue of the parent is of no use here; any number will do.
+    // The parent's queue is not needed here; any number will do.
     const auto installed = InterceptionTable::install(loopbackSettings(), kMarks, 1, {});
     if (installed) {
       ::raise(SIGKILL);
@@ -446,7 +446,7 @@ TEST_F(InterceptionTableTest, VanishesWithItsProcessHoweverItEnds) {
   EXPECT_EQ(outputOf("nft list ruleset"), "");
 }
 
-TEST_F(InterceptionTableTest, ASecondInstanceSaysSoAndHarmsNothing) {
+TEST_F(InterceptionTableTest, ASecondInstanceFailsWithoutHarm) {
   const auto first = install(loopbackSettings());
   EXPECT_NE(errorOf(loopbackSettings()).find("another instance is running"), std::string::npos);
   const Connecting application("127.0.0.1", 8000);
@@ -469,7 +469,7 @@ TEST_F(InterceptionTableTest, NamesARuleThatCannotBeTranslated) {
   EXPECT_EQ(outputOf("nft list ruleset"), "");
 }
 
-TEST_F(InterceptionTableTest, WithoutThePermissionItSaysWhichIsMissing) {
+TEST_F(InterceptionTableTest, NamesTheMissingPermission) {
   constexpr uid_t kNobody = 65534;
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);

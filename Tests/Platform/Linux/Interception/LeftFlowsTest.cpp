@@ -29,7 +29,7 @@ class LeftFlowsTest : public testing::Test {
   const LeftFlows::TimePoint start_{};
 };
 
-TEST_F(LeftFlowsTest, SaysNothingWhenThereIsNothingToSay) {
+TEST_F(LeftFlowsTest, LogsNothingWithoutLeftFlows) {
   left_.report(start_);
   EXPECT_TRUE(log_->lines.empty());
 }
@@ -47,7 +47,7 @@ TEST_F(LeftFlowsTest, NamesReasonCountAndUser) {
   EXPECT_EQ(left_.count(LeaveReason::handshakeShare), 2U);
 }
 
-TEST_F(LeftFlowsTest, ReportsAReasonOnceAMinuteAtMost) {
+TEST_F(LeftFlowsTest, ReportsAReasonAtMostOnceAMinute) {
   left_.add(LeaveReason::onTrial, 7);
   left_.report(start_);
   left_.add(LeaveReason::onTrial, 7);
@@ -59,7 +59,7 @@ TEST_F(LeftFlowsTest, ReportsAReasonOnceAMinuteAtMost) {
   EXPECT_NE(log_->lines[1].find("count=2"), std::string::npos);
 }
 
-TEST_F(LeftFlowsTest, EveryReasonHasANameOfItsOwn) {
+TEST_F(LeftFlowsTest, EveryReasonHasAUniqueName) {
   std::set<std::string_view> names;
   for (std::size_t index = 0; index < kLeaveReasons; ++index) {
     names.insert(nameOf(static_cast<LeaveReason>(index)));

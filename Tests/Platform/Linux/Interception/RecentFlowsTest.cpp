@@ -22,7 +22,7 @@ FirstPacket datagramFrom(std::uint16_t port) {
   return packet;
 }
 
-TEST(RecentFlows, KnowsARetransmissionButNotANewConnectionFromTheSamePort) {
+TEST(RecentFlows, DistinguishesARetransmissionFromANewConnection) {
   RecentFlows flows(10);
   flows.remember(packetFrom(4000, 7), kNow);
   EXPECT_TRUE(flows.contains(packetFrom(4000, 7), kNow));
@@ -30,7 +30,7 @@ TEST(RecentFlows, KnowsARetransmissionButNotANewConnectionFromTheSamePort) {
   EXPECT_FALSE(flows.contains(packetFrom(4001, 7), kNow));
 }
 
-TEST(RecentFlows, KeepsAConnectionForAllItsRetransmissionsAndDatagramsForHalfAMinute) {
+TEST(RecentFlows, KeepsTCPForItsRetransmissionsAndUDPForHalfAMinute) {
   RecentFlows flows(10);
   flows.remember(packetFrom(4000), kNow);
   flows.remember(datagramFrom(4000), kNow);
@@ -51,7 +51,7 @@ TEST(RecentFlows, ForgetsTheOldestFirstWhenFull) {
   EXPECT_TRUE(flows.contains(packetFrom(4), kNow));
 }
 
-TEST(RecentFlows, SweepsOutWhatHasExpired) {
+TEST(RecentFlows, ForgetsExpiredFlows) {
   RecentFlows flows(100);
   for (std::uint16_t port = 1; port <= 50; ++port) {
     flows.remember(datagramFrom(port), kNow);

@@ -39,7 +39,7 @@ class RedirectSupervisorTest : public ::testing::Test {
       const FlowListener& listener = loops_.loop(index).listener();
       ports.push_back({listener.ipv4Port(), listener.ipv6Port()});
     }
-    // Nobody listens at the queue.
+    // Nothing reads the queue.
     table_ = *InterceptionTable::install(loopbackSettings(), loops_.marks(), 0, ports);
   }
   ~RedirectSupervisorTest() override {
@@ -76,26 +76,26 @@ class RedirectSupervisorTest : public ::testing::Test {
   std::shared_ptr<RedirectSupervisor> supervisor_;
 };
 
-TEST_F(RedirectSupervisorTest, ThePathIsNotUsableBeforeItWasTested) {
+TEST_F(RedirectSupervisorTest, ThePathIsUnusableUntilTested) {
   EXPECT_FALSE(isUsable(AddressFamily::ipv4));
   EXPECT_FALSE(isUsable(AddressFamily::ipv6));
 }
 
-TEST_F(RedirectSupervisorTest, APathThatWorksBecomesUsableAndNothingIsLogged) {
+TEST_F(RedirectSupervisorTest, AWorkingPathBecomesUsableAndLogsNothing) {
   start();
   EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
   EXPECT_TRUE(becomes(AddressFamily::ipv6, true));
   EXPECT_EQ(log_->count(), 0U);
 }
 
-TEST_F(RedirectSupervisorTest, NothingIsUsableAfterItWasStopped) {
+TEST_F(RedirectSupervisorTest, ThePathIsUnusableAfterStop) {
   start();
   EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
   supervisor_->stop();
   EXPECT_FALSE(isUsable(AddressFamily::ipv4));
 }
 
-TEST_F(RedirectSupervisorTest, SaysThatNobodyAnswersWhenARuleDrops) {
+TEST_F(RedirectSupervisorTest, ReportsNoAnswerWhenARuleDropsPackets) {
   addRule("input", "ip saddr 127.0.0.1 tcp dport != 8000 drop");
   start();
   EXPECT_NE(log_->wait("over IPv4").find("from 127.0.0.1: not answered"), std::string::npos);
@@ -103,7 +103,7 @@ TEST_F(RedirectSupervisorTest, SaysThatNobodyAnswersWhenARuleDrops) {
   EXPECT_TRUE(becomes(AddressFamily::ipv6, true));
 }
 
-TEST_F(RedirectSupervisorTest, TriesTheUsualAddressOfTheMachineToo) {
+TEST_F(RedirectSupervisorTest, TestsTheMachinesUsualAddressToo) {
   outputOf(
       "ip link add ours type veth peer name theirs && ip link set ours up && "
       "ip address add 198.51.100.1/24 dev ours && ip route add default dev ours");
@@ -112,14 +112,14 @@ TEST_F(RedirectSupervisorTest, TriesTheUsualAddressOfTheMachineToo) {
   EXPECT_NE(log_->wait("over IPv4").find("from 198.51.100.1: not answered"), std::string::npos);
 }
 
-TEST_F(RedirectSupervisorTest, SaysThatNothingIsRedirectedWhenNothingIsTracked) {
+TEST_F(RedirectSupervisorTest, ReportsMissingRedirectionWithoutTracking) {
   addRule("output", "notrack");
   start();
   EXPECT_NE(log_->wait("over IPv4").find("refused or not redirected"), std::string::npos);
   EXPECT_NE(log_->wait("over IPv6").find("refused or not redirected"), std::string::npos);
 }
 
-TEST_F(RedirectSupervisorTest, AnotherListenerIsNotOurs) {
+TEST_F(RedirectSupervisorTest, DistinguishesAnotherListenerFromOurs) {
   Listener other("127.0.0.1", 8000);
   addRule("output", "notrack");
   start();
@@ -127,7 +127,7 @@ TEST_F(RedirectSupervisorTest, AnotherListenerIsNotOurs) {
   EXPECT_FALSE(isUsable(AddressFamily::ipv4));
 }
 
-TEST_F(RedirectSupervisorTest, TriesAgainAfterThePauseAndSaysOnceThatItWorks) {
+TEST_F(RedirectSupervisorTest, RetestsAfterThePauseAndReportsSuccessOnce) {
   addRule("output", "meta l4proto tcp reject with tcp reset");
   start(kShortPause);
   log_->wait("over IPv4");
@@ -137,17 +137,17 @@ TEST_F(RedirectSupervisorTest, TriesAgainAfterThePauseAndSaysOnceThatItWorks) {
   EXPECT_TRUE(becomes(AddressFamily::ipv6, true));
   EXPECT_NE(log_->wait("arrive again over IPv4"), "");
   EXPECT_NE(log_->wait("arrive again over IPv6"), "");
-  // However often it has failed.
+  // No matter how often it has failed.
   EXPECT_EQ(log_->count(), 4U);
 }
 
-TEST_F(RedirectSupervisorTest, AConnectionThatIsLostGoesDirectAndThePathIsTestedAgain) {
+TEST_F(RedirectSupervisorTest, ALostConnectionGoesDirectAndThePathIsRetested) {
   start();
   ASSERT_TRUE(becomes(AddressFamily::ipv4, true));
-  // Everything to the listeners.
+  // Drops everything to the listeners.
   addRule("input", "tcp dport " + std::to_string(loops_.loop(1).listener().ipv4Port()) + " drop");
   Listener origin("127.0.0.1", 8000);
-  // As if it had been released for the second loop, by the packet's mark and not the socket's.
+  // As if released for the second loop, but by the packet's mark instead of the socket's.
   addRule("output",
           "tcp dport 8000 tcp flags & (syn | ack) == syn "
           "meta mark set " +
@@ -161,18 +161,18 @@ TEST_F(RedirectSupervisorTest, AConnectionThatIsLostGoesDirectAndThePathIsTested
   EXPECT_NE(log_->wait("over IPv4").find("not answered"), std::string::npos);
   EXPECT_FALSE(isUsable(AddressFamily::ipv4));
   EXPECT_TRUE(isUsable(AddressFamily::ipv6));
-  // With the repetition of its SYN.
+  // On the retransmission of its SYN.
   EXPECT_EQ(application.result(kGenerous), 0);
 }
 
-TEST_F(RedirectSupervisorTest, AConnectionThatTheApplicationGaveUpSaysNothingAboutThePath) {
+TEST_F(RedirectSupervisorTest, AnAbandonedConnectionDoesNotAffectThePath) {
   start();
   ASSERT_TRUE(becomes(AddressFamily::ipv4, true));
   addRule("input", "tcp dport != 8000 drop");
   loops_.redirectPath().reportMissing(
       0, {TransportProtocol::tcp, *parseAddressLiteral({"127.0.0.1", "5000"}),
           *parseAddressLiteral({"127.0.0.1", "8000"})});
-  // Runs after what that has started.
+  // Runs after everything started by that.
   std::promise<void> ran;
   loops_.loop(0).post([&ran] { ran.set_value(); });
   ran.get_future().wait();

@@ -12,14 +12,14 @@
 namespace ostravel::linuxplatform {
 namespace {
 
-// What is found in a file of that text.
+// The result for a file with this text.
 std::optional<std::string> rootIn(std::string_view mounts) {
   const FileDescriptor file(::memfd_create("mounts", MFD_CLOEXEC));
   EXPECT_EQ(::write(file.get(), mounts.data(), mounts.size()), static_cast<ssize_t>(mounts.size()));
   return findCgroupRoot("/proc/self/fd/" + std::to_string(file.get()));
 }
 
-TEST(CgroupRootTest, IsFoundWhereverItIsMounted) {
+TEST(CgroupRootTest, FindsTheMountPoint) {
   EXPECT_EQ(rootIn("proc /proc proc rw 0 0\n"
                    "cgroup /sys/fs/cgroup/cpu cgroup rw,cpu 0 0\n"
                    "cgroup2 /sys/fs/cgroup/unified cgroup2 rw 0 0\n"),
@@ -32,7 +32,7 @@ TEST(CgroupRootTest, IsFoundWhereverItIsMounted) {
   EXPECT_EQ(findCgroupRoot("/nowhere"), std::nullopt);
 }
 
-TEST(CgroupRootTest, IsAFolderOfTheUnifiedHierarchy) {
+TEST(CgroupRootTest, OpensAFolderOfTheUnifiedHierarchy) {
   const FileDescriptor root = openCgroupRoot();
   ASSERT_TRUE(root.isOpen());
   EXPECT_EQ(::faccessat(root.get(), "cgroup.controllers", F_OK, 0), 0);

@@ -38,7 +38,7 @@ FlowTuple tupleOf(const Connecting& application, AddressFamily family) {
   return tuple;
 }
 
-TEST(ConntrackEntriesTest, MakesTheKernelForgetAConnection) {
+TEST(ConntrackEntriesTest, RemovesAConnection) {
   trackConnections();
   ConntrackEntries entries;
   for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
@@ -51,7 +51,7 @@ TEST(ConntrackEntriesTest, MakesTheKernelForgetAConnection) {
   }
 }
 
-TEST(ConntrackEntriesTest, SaysThatThereIsNone) {
+TEST(ConntrackEntriesTest, ReportsAMissingEntry) {
   trackConnections();
   EXPECT_EQ(ConntrackEntries().remove(FlowTuple()), ENOENT);
 }
@@ -72,21 +72,21 @@ class ConntrackEntriesOfRedirectionsTest : public ::testing::TestWithParam<const
   ConntrackEntries entries_;
 };
 
-TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseToWhereNobodyListensAreForgotten) {
+TEST_P(ConntrackEntriesOfRedirectionsTest, RemovesRedirectionsWithoutAListener) {
   const Connecting application(GetParam(), 8001);
   ASSERT_EQ(application.result(kGenerous), 0);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 1U);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);
 }
 
-TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseThatWereResetAreForgottenToo) {
+TEST_P(ConntrackEntriesOfRedirectionsTest, RemovesRedirectionsThatWereReset) {
   const Connecting application(GetParam(), 8001);
   ASSERT_EQ(application.result(kGenerous), 0);
   listener_.acceptAndResetOne(kGenerous);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 1U);
 }
 
-TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseToWhereSomebodyListensAreKept) {
+TEST_P(ConntrackEntriesOfRedirectionsTest, KeepsRedirectionsWithAListener) {
   const Connecting application(GetParam(), 8001);
   ASSERT_EQ(application.result(kGenerous), 0);
   const auto isListened = [](const SocketEndpoint& endpoint) {
@@ -97,7 +97,7 @@ TEST_P(ConntrackEntriesOfRedirectionsTest, ThoseToWhereSomebodyListensAreKept) {
   EXPECT_EQ(entries_.removeDeadRedirections(isListened), 0U);
 }
 
-TEST_P(ConntrackEntriesOfRedirectionsTest, WhatWasNotRedirectedIsKept) {
+TEST_P(ConntrackEntriesOfRedirectionsTest, KeepsConnectionsThatWereNotRedirected) {
   const Connecting application(GetParam(), 8000);
   ASSERT_EQ(application.result(kGenerous), 0);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);

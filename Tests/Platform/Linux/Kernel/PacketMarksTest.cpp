@@ -36,7 +36,7 @@ TEST(PacketMarksTest, TheDefaultIsAMask) {
   EXPECT_EQ(PacketMarks::fromMask(PacketMarks::kDefaultMask), PacketMarks());
 }
 
-TEST(PacketMarksTest, TakesOneRunOfAtLeastThreeBits) {
+TEST(PacketMarksTest, AMaskIsOneRunOfAtLeastThreeBits) {
   for (const std::uint32_t mask :
        {0U, 1U, 0x3U, 0x80000000U, 0x0c000000U, 0xbU, 0xf0f0U, 0x80000001U, 0xefffffffU}) {
     EXPECT_FALSE(PacketMarks::fromMask(mask)) << mask;

@@ -93,7 +93,7 @@ TEST(PacketParser, RefusesOtherProtocolsAndFragments) {
   EXPECT_FALSE(parse(ipv6Fragment));
 }
 
-TEST(PacketParser, RefusesEveryPacketThatIsCutOff) {
+TEST(PacketParser, RefusesEveryTruncatedPacket) {
   for (const Bytes& whole : {ipv4Packet(kTCP), ipv6Header(kTCP)}) {
     for (std::size_t size = 0; size + 1 < whole.size(); ++size) {
       EXPECT_FALSE(parse(Bytes(whole.begin(), whole.begin() + static_cast<long>(size)))) << size;

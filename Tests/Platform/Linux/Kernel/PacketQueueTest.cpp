@@ -32,7 +32,7 @@ std::unique_ptr<InterceptionTable> installTable(const PacketQueue& queue) {
   return *InterceptionTable::install(loopbackSettings(), PacketMarks(), queue.number(), {});
 }
 
-TEST(PacketQueueTest, TakesANumberOfItsOwn) {
+TEST(PacketQueueTest, TakesAFreeNumber) {
   const auto first = openQueue();
   const auto second = openQueue();
   EXPECT_NE(first->number(), second->number());
@@ -43,7 +43,7 @@ TEST(PacketQueueTest, ReturnsAtOnceWhenThereIsNoPacket) {
   EXPECT_FALSE(queue->receive([](const PacketQueue::Packet&) { FAIL(); }));
 }
 
-TEST(PacketQueueTest, HandsOverThePacketFromItsNetworkHeaderOn) {
+TEST(PacketQueueTest, DeliversThePacketFromItsNetworkHeader) {
   const auto queue = openQueue();
   const auto table = installTable(*queue);
   const Connecting application("127.0.0.1", 8000);
@@ -55,7 +55,7 @@ TEST(PacketQueueTest, HandsOverThePacketFromItsNetworkHeaderOn) {
   EXPECT_EQ(first->tuple.destination.port, 8000);
 }
 
-TEST(PacketQueueTest, TellsTheUserOfThePacketsSocketAndTheInterface) {
+TEST(PacketQueueTest, ReportsTheSocketsUserAndTheInterface) {
   const auto queue = openQueue();
   const auto table = installTable(*queue);
   constexpr uid_t kSomebody = 4711;
@@ -68,7 +68,7 @@ TEST(PacketQueueTest, TellsTheUserOfThePacketsSocketAndTheInterface) {
   EXPECT_EQ(packets[0].outputInterface, ::if_nametoindex("lo"));
 }
 
-TEST(PacketQueueTest, APacketInATunnelIsOfItsSenderOrOfNobody) {
+TEST(PacketQueueTest, ATunnelledPacketHasItsSendersUserOrNone) {
   outputOf(
       "ip link add ours type veth peer name theirs && ip address add 192.0.2.1/24 dev ours && "
       "ip link set ours up && ip link set theirs up && "
@@ -89,18 +89,18 @@ TEST(PacketQueueTest, APacketInATunnelIsOfItsSenderOrOfNobody) {
     const auto packets = waitForPackets(*queue, kGenerous);
     ASSERT_FALSE(packets.empty());
     for (const auto& packet : packets) {
-      // What the kernel says of itself on a new link is nobody's.
+      // The kernel's own packets on a new link have no user.
       EXPECT_EQ(packet.uid.value_or(kSomebody), kSomebody);
       isApplicationSeen = isApplicationSeen || packet.uid == kSomebody;
     }
   }
 }
 
-TEST(PacketQueueTest, LetsPacketsPassUnseenWhenItIsFull) {
+TEST(PacketQueueTest, PassesPacketsWhenItIsFull) {
   const auto queue = openQueue();
   const auto table = installTable(*queue);
   Listener origin("127.0.0.1", 8000);
-  // More than the queue holds; the first ones are held, the rest must connect at once.
+  // More than the queue holds; the first ones are held, the others must connect at once.
   constexpr int kConnections = 300;
   std::vector<std::unique_ptr<Connecting>> applications;
   for (int count = 0; count < kConnections; ++count) {
@@ -110,7 +110,7 @@ TEST(PacketQueueTest, LetsPacketsPassUnseenWhenItIsFull) {
   EXPECT_EQ(applications.front()->result(0ms), EINPROGRESS);
 }
 
-TEST(PacketQueueTest, AVerdictThatTheKernelDoesNotTakeIsRepeatedAtOnce) {
+TEST(PacketQueueTest, RetriesARejectedVerdictAtOnce) {
   for (const int failure : {ENOBUFS, ENOMEM, EAGAIN, EINTR}) {
     int failures = 2;
     const auto queue =
@@ -127,7 +127,7 @@ TEST(PacketQueueTest, AVerdictThatTheKernelDoesNotTakeIsRepeatedAtOnce) {
   }
 }
 
-TEST(PacketQueueTest, AVerdictThatTheKernelGoesOnNotTakingIsGivenLater) {
+TEST(PacketQueueTest, DefersAVerdictThatIsRejectedRepeatedly) {
   bool isOutOfMemory = true;
   const auto queue =
       *PacketQueue::open([&isOutOfMemory](mnl_socket* socket, const nlmsghdr* message) {
@@ -144,7 +144,7 @@ TEST(PacketQueueTest, AVerdictThatTheKernelGoesOnNotTakingIsGivenLater) {
     packets.insert(packets.end(), more.begin(), more.end());
   }
   queue->accept(packets[0].id);
-  // Refused, to see that the mark is remembered too.
+  // Refused, to check that the mark is kept as well.
   queue->acceptMarked(packets[1].id, PacketMarks().refuse());
   queue->retryUnsent();
   EXPECT_EQ(first.result(0ms), EINPROGRESS);
@@ -155,7 +155,7 @@ TEST(PacketQueueTest, AVerdictThatTheKernelGoesOnNotTakingIsGivenLater) {
   EXPECT_EQ(second.result(kGenerous), ECONNREFUSED);
 }
 
-TEST(PacketQueueTest, AVerdictOnAPacketThatIsGoneIsNotRepeated) {
+TEST(PacketQueueTest, DoesNotRetryAVerdictOnAMissingPacket) {
   int sent = 0;
   const auto queue =
       *PacketQueue::open([&sent](mnl_socket* /*socket*/, const nlmsghdr* /*message*/) {
@@ -167,7 +167,7 @@ TEST(PacketQueueTest, AVerdictOnAPacketThatIsGoneIsNotRepeated) {
   EXPECT_EQ(sent, 1);
 }
 
-TEST(PacketQueueTest, WhatIsHeldWhenItEndsGoesDirectOnItsRetransmission) {
+TEST(PacketQueueTest, HeldPacketsGoDirectOnRetransmissionAfterItsEnd) {
   auto queue = openQueue();
   const auto table = installTable(*queue);
   Listener origin("127.0.0.1", 8000);

@@ -18,7 +18,7 @@ RoutingRules only(std::uint32_t value, std::uint32_t mask) {
   return RoutingRules({{AddressFamily::ipv4, 100, value, mask}});
 }
 
-TEST(RoutingRulesTest, ReadsTheRulesWithAMarkOfBothFamilies) {
+TEST(RoutingRulesTest, ReadsTheMarkRulesOfBothFamilies) {
   outputOf(
       "ip -4 rule add priority 100 fwmark 0x2000000/0xff000000 table main && "
       "ip -6 rule add priority 101 fwmark 0xca6c table main && "
@@ -36,7 +36,7 @@ TEST(RoutingRulesTest, ReadsTheRulesWithAMarkOfBothFamilies) {
   EXPECT_EQ(rules[1].mask, 0xffffffffU);
 }
 
-TEST(RoutingRulesTest, NamesTheRuleAndOtherBits) {
+TEST(RoutingRulesTest, NamesTheClashingRuleAndFreeBits) {
   const auto clashes = only(0x2000000, 0xff000000).clashesWith(kMarks);
   ASSERT_EQ(clashes.size(), 1U);
   EXPECT_EQ(clashes[0],
@@ -44,7 +44,7 @@ TEST(RoutingRulesTest, NamesTheRuleAndOtherBits) {
             "bits of our mask 0x3e000000: choose others with --mark-mask 0xf80000");
 }
 
-TEST(RoutingRulesTest, AValueOfOtherBitsDoesNotClash) {
+TEST(RoutingRulesTest, AValueOutsideTheMaskDoesNotClash) {
   EXPECT_TRUE(only(0xca6c, 0xffffffff).clashesWith(kMarks).empty());
   EXPECT_TRUE(only(0x1, 0x1).clashesWith(kMarks).empty());
   EXPECT_TRUE(only(0, 0xff).clashesWith(kMarks).empty());
@@ -54,7 +54,7 @@ TEST(RoutingRulesTest, ARuleForPacketsWithoutOurBitsClashes) {
   EXPECT_EQ(only(0, 0xffffffff).clashesWith(kMarks).size(), 1U);
 }
 
-TEST(RoutingRulesTest, TheBitsThatItProposesAreFree) {
+TEST(RoutingRulesTest, ProposesFreeBits) {
   const RoutingRules rules({{AddressFamily::ipv4, 1, 0x6d6f6c65, 0xffffffff},
                             {AddressFamily::ipv6, 2, 0x80000, 0xff0000}});
   const auto clashes = rules.clashesWith(kMarks);
@@ -68,7 +68,7 @@ TEST(RoutingRulesTest, TheBitsThatItProposesAreFree) {
   EXPECT_TRUE(rules.clashesWith(*marks).empty());
 }
 
-TEST(RoutingRulesTest, SaysSoWhenNoBitsAreFree) {
+TEST(RoutingRulesTest, ReportsThatNoBitsAreFree) {
   const auto clashes = only(0xffffffff, 0xffffffff).clashesWith(kMarks);
   ASSERT_EQ(clashes.size(), 1U);
   EXPECT_NE(clashes[0].find("no other bits are free"), std::string::npos);

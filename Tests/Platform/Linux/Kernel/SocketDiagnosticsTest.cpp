@@ -22,7 +22,7 @@ namespace {
 using namespace ostravel::testing;
 
 constexpr std::uint32_t kAnyInterface = 0;
-// The kernel gives the loopback interface this number in every namespace.
+// The kernel gives the loopback interface this index in every namespace.
 constexpr std::uint32_t kLoopback = 1;
 
 class SocketDiagnosticsTest : public ::testing::Test {
@@ -79,14 +79,14 @@ TEST_F(SocketDiagnosticsTest, FindsATCPSocketOfIPv6) {
   expectFound(flowOverIPv6(TransportProtocol::tcp, portOf(socket), portOf(listener)), socket);
 }
 
-TEST_F(SocketDiagnosticsTest, FindsAnIPv6SocketThatSpeaksIPv4) {
+TEST_F(SocketDiagnosticsTest, FindsAnIPv6SocketThatUsesIPv4) {
   const auto socket = makeSocket(AF_INET6, SOCK_STREAM);
   ASSERT_TRUE(connectTo(socket, AF_INET6, loopbackIPv4(portOf(listener_))));
   expectFound(flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(listener_)), socket);
 }
 
 TEST_F(SocketDiagnosticsTest, FindsASocketThatHasOnlySentItsFirstPacket) {
-  // A listener that takes nobody more does not answer.
+  // A listener with a full backlog does not answer.
   const auto full = makeSocket(AF_INET, SOCK_STREAM);
   ASSERT_TRUE(bindTo(full, AF_INET, loopbackIPv4(0)));
   ASSERT_EQ(::listen(full.get(), 0), 0);
@@ -136,7 +136,7 @@ TransportProtocol protocolOf(int type) {
   return type == SOCK_STREAM ? TransportProtocol::tcp : TransportProtocol::udp;
 }
 
-TEST_F(SocketDiagnosticsTest, FindsABoundSocketByTheInterfaceOfItsPacketsOnly) {
+TEST_F(SocketDiagnosticsTest, FindsABoundSocketOnlyByItsInterface) {
   constexpr std::uint32_t kOtherInterface = 2;
   for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
     const auto socket = makeSocket(AF_INET, type);
@@ -149,7 +149,7 @@ TEST_F(SocketDiagnosticsTest, FindsABoundSocketByTheInterfaceOfItsPacketsOnly) {
   }
 }
 
-TEST_F(SocketDiagnosticsTest, FindsAnUnboundSocketWhateverTheInterface) {
+TEST_F(SocketDiagnosticsTest, FindsAnUnboundSocketByAnyInterface) {
   for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
     const auto socket = makeSocket(AF_INET, type);
     ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
@@ -160,7 +160,7 @@ TEST_F(SocketDiagnosticsTest, FindsAnUnboundSocketWhateverTheInterface) {
   }
 }
 
-TEST_F(SocketDiagnosticsTest, OfTwoSocketsWithOnePortTheBoundOneMayBeTheSender) {
+TEST_F(SocketDiagnosticsTest, PrefersTheBoundOneOfTwoSocketsWithOnePort) {
   const int on = 1;
   const auto unbound = makeSocket(AF_INET, SOCK_DGRAM);
   const auto bound = makeSocket(AF_INET, SOCK_DGRAM);
@@ -174,7 +174,7 @@ TEST_F(SocketDiagnosticsTest, OfTwoSocketsWithOnePortTheBoundOneMayBeTheSender) 
               kLoopback);
 }
 
-TEST_F(SocketDiagnosticsTest, TellsTheUserThatMadeTheSocket) {
+TEST_F(SocketDiagnosticsTest, ReportsTheUserWhoCreatedTheSocket) {
   Helper helper;
   ASSERT_EQ(helper.ask("user 65534"), "done");
   const auto port = helper.makeSocket("connect", portOf(listener_));
@@ -184,7 +184,7 @@ TEST_F(SocketDiagnosticsTest, TellsTheUserThatMadeTheSocket) {
   EXPECT_EQ(answer.socket->uid, 65534U);
 }
 
-TEST_F(SocketDiagnosticsTest, TellsTheControlGroup) {
+TEST_F(SocketDiagnosticsTest, ReportsTheControlGroup) {
   const auto root = findCgroupRoot("/proc/self/mounts");
   ASSERT_TRUE(root);
   std::ifstream groups("/proc/self/cgroup");
@@ -225,7 +225,7 @@ TEST_F(SocketDiagnosticsTest, AnEndedConnectionIsNotTheSenderOfAFlow) {
   ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
   const auto flow = flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(listener_));
   FileDescriptor accepted(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  // Whoever closes first waits for stray packets.
+  // The side that closes first enters TIME-WAIT.
   socket = FileDescriptor();
   char byte = 0;
   ASSERT_EQ(::read(accepted.get(), &byte, 1), 0);
@@ -254,7 +254,7 @@ TEST_F(SocketDiagnosticsTest, FindsAListenerOfBothFamilies) {
   expectListener(loopbackIPv4(portOf(mapped)), mapped);
 }
 
-TEST_F(SocketDiagnosticsTest, FindsAListenerThatIsBoundToTheLoopbackInterface) {
+TEST_F(SocketDiagnosticsTest, FindsAListenerBoundToTheLoopbackInterface) {
   constexpr char kInterface[] = "lo";
   const auto listener = makeSocket(AF_INET, SOCK_STREAM);
   ASSERT_EQ(
@@ -263,7 +263,7 @@ TEST_F(SocketDiagnosticsTest, FindsAListenerThatIsBoundToTheLoopbackInterface) {
   expectListener(loopbackIPv4(portOf(listener)), listener);
 }
 
-TEST_F(SocketDiagnosticsTest, TheListenerWithTheExactAddressCounts) {
+TEST_F(SocketDiagnosticsTest, PrefersTheListenerWithTheExactAddress) {
   const auto exact = makeSocket(AF_INET, SOCK_STREAM);
   const int on = 1;
   ASSERT_EQ(::setsockopt(exact.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on), 0);
@@ -277,7 +277,7 @@ TEST_F(SocketDiagnosticsTest, TheListenerWithTheExactAddressCounts) {
   expectListener(loopbackIPv4(portOf(exact)), exact);
 }
 
-TEST_F(SocketDiagnosticsTest, FindsNoListenerWhereNobodyListens) {
+TEST_F(SocketDiagnosticsTest, FindsNoListenerOnAnUnusedPort) {
   const auto bound = makeSocket(AF_INET, SOCK_STREAM);
   ASSERT_TRUE(bindTo(bound, AF_INET, loopbackIPv4(0)));
   expectNothing(diagnostics_->findListener(loopbackIPv4(portOf(bound))));
@@ -291,7 +291,7 @@ TEST_F(SocketDiagnosticsTest, FindsNoListenerWhereNobodyListens) {
   expectNothing(diagnostics_->findListener(loopbackIPv4(portOf(socket))));
 }
 
-TEST_F(SocketDiagnosticsTest, LooksIntoTheNamespaceItWasMadeIn) {
+TEST_F(SocketDiagnosticsTest, UsesTheNamespaceItWasCreatedIn) {
   const auto socket = makeSocket(AF_INET, SOCK_STREAM);
   ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
   const auto flow = flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(listener_));
@@ -305,7 +305,7 @@ TEST_F(SocketDiagnosticsTest, LooksIntoTheNamespaceItWasMadeIn) {
   }).join();
 }
 
-TEST_F(SocketDiagnosticsTest, TellsManySocketsApart) {
+TEST_F(SocketDiagnosticsTest, DistinguishesManySockets) {
   constexpr int kSockets = 500;
   std::vector<FileDescriptor> sockets;
   for (int i = 0; i < kSockets; ++i) {

@@ -63,7 +63,7 @@ class CrashHandlerTest : public testing::Test {
     return text;
   }
 
-  // The number of the signal that ended the child.
+  // The signal that ended the child.
   int signalOfEnd() const {
     int status = 0;
     EXPECT_EQ(::waitpid(child_, &status, 0), child_);
@@ -100,7 +100,7 @@ TEST_F(CrashHandlerTest, LinesBeforeAFaultAreWritten) {
   EXPECT_EQ(signalOfEnd(), SIGSEGV);
 }
 
-TEST_F(CrashHandlerTest, LinesBeforeASignalFromElsewhereAreWritten) {
+TEST_F(CrashHandlerTest, LinesBeforeASignalFromAnotherProcessAreWritten) {
   start([] {
     ::kill(::getpid(), SIGBUS);
     ::pause();
@@ -118,7 +118,7 @@ TEST_F(CrashHandlerTest, LinesBeforeTheFaultsOfSeveralThreadsAreWritten) {
   EXPECT_NE(signalOfEnd(), 0);
 }
 
-TEST_F(CrashHandlerTest, AnExceptionThatNobodyCatchesIsLogged) {
+TEST_F(CrashHandlerTest, AnUncaughtExceptionIsLogged) {
   start([] { std::thread([] { throw std::runtime_error("went\nwrong"); }).join(); });
   const std::string text = readToEnd();
   expectAllLines(text);
@@ -128,7 +128,7 @@ TEST_F(CrashHandlerTest, AnExceptionThatNobodyCatchesIsLogged) {
   EXPECT_EQ(signalOfEnd(), SIGABRT);
 }
 
-TEST_F(CrashHandlerTest, AReaderThatHasStalledDoesNotPreventTheEnd) {
+TEST_F(CrashHandlerTest, AStalledReaderDoesNotPreventTheEnd) {
   const LineOutput output(ends_[1]);
   while (output.writePiece("filling\n", std::chrono::milliseconds(0)).size > 0) {
   }

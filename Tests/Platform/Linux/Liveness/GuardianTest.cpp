@@ -22,13 +22,13 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Phase = HeartbeatRecord::Phase;
 
-// Anything may be this late on a machine that is busy with something else.
+// Possible delay of anything on a busy machine.
 constexpr auto kLateness = 5s;
 
 // A process with a guardian, whose standard error is a pipe of the test.
 class Guarded {
  public:
-  // Runs work in the guarded process, and ends it with status 0.
+  // Runs work in the guarded process, which then exits with status 0.
   explicit Guarded(std::function<void(HeartbeatRecord&, Guardian&)> work) {
     std::array<int, 2> ends{};
     EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
@@ -57,14 +57,14 @@ class Guarded {
 
   pid_t process() const { return process_; }
 
-  // Waits for its end; its status as wait(2) gives it.
+  // Waits for it to end; returns its wait(2) status.
   int wait() {
     int status = -1;
     ::waitpid(std::exchange(process_, -1), &status, 0);
     return status;
   }
 
-  // What comes from standard error until the last process has closed it.
+  // Reads standard error until the last process has closed it.
   std::string readErrors() const {
     std::string read;
     std::array<char, 256> part{};
@@ -90,7 +90,7 @@ bool isKilled(int status) {
   return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
-TEST(GuardianTest, KillsAProcessThatHasStoppedBeating) {
+TEST(GuardianTest, KillsAProcessWhoseHeartbeatStops) {
   const auto begin = Clock::now();
   Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
     record.enter(Phase::running);
@@ -104,7 +104,7 @@ TEST(GuardianTest, KillsAProcessThatHasStoppedBeating) {
   EXPECT_LT(Clock::now() - begin, Guardian::kRunLimit + kLateness);
 }
 
-TEST(GuardianTest, NamesThoseThatMadeNoProgress) {
+TEST(GuardianTest, NamesTheLaggingParticipants) {
   Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
     record.enter(Phase::running);
     while (true) {
@@ -118,7 +118,7 @@ TEST(GuardianTest, NamesThoseThatMadeNoProgress) {
             "no progress\n");
 }
 
-TEST(GuardianTest, KillsAProcessThatIsStopped) {
+TEST(GuardianTest, KillsAStoppedProcess) {
   Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
     record.enter(Phase::running);
     ::raise(SIGSTOP);
@@ -126,7 +126,7 @@ TEST(GuardianTest, KillsAProcessThatIsStopped) {
   EXPECT_TRUE(isKilled(guarded.wait()));
 }
 
-TEST(GuardianTest, AnEndThatMakesNoProgressHasItsOwnLimit) {
+TEST(GuardianTest, AStalledShutdownHasALongerLimit) {
   const auto begin = Clock::now();
   Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
     record.enter(Phase::stopping);
@@ -138,7 +138,7 @@ TEST(GuardianTest, AnEndThatMakesNoProgressHasItsOwnLimit) {
   EXPECT_GE(Clock::now() - begin, Guardian::kStopLimit);
 }
 
-TEST(GuardianTest, LeavesAProcessThatBeatsAndOneThatStarts) {
+TEST(GuardianTest, SparesBeatingAndStartingProcesses) {
   Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
     ::poll(nullptr, 0, 1500);
     record.enter(Phase::running);
@@ -158,12 +158,12 @@ TEST(GuardianTest, EndsWithTheProcess) {
     ::raise(SIGKILL);
   });
   EXPECT_TRUE(isKilled(guarded.wait()));
-  // Read to the end, which comes when the guardian has closed it too.
+  // Reading ends only when the guardian has closed it too.
   EXPECT_EQ(guarded.readErrors(), "");
   EXPECT_LT(Clock::now() - begin, kLateness);
 }
 
-TEST(GuardianTest, IsMissedWhenItHasEnded) {
+TEST(GuardianTest, ItsEndIsReportedOnce) {
   Guarded guarded([](HeartbeatRecord& /*record*/, Guardian& guardian) {
     const pid_t process = guardian.process();
     if (guardian.hasEnded()) {
@@ -179,7 +179,7 @@ TEST(GuardianTest, IsMissedWhenItHasEnded) {
   EXPECT_EQ(guarded.wait(), 0);
 }
 
-TEST(GuardianTest, AReaderThatHasStoppedReadingDoesNotDelayTheKill) {
+TEST(GuardianTest, AStalledReaderDoesNotDelayTheKill) {
   const auto begin = Clock::now();
   Guarded guarded([](HeartbeatRecord& record, Guardian& /*guardian*/) {
     ::fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);
@@ -194,10 +194,10 @@ TEST(GuardianTest, AReaderThatHasStoppedReadingDoesNotDelayTheKill) {
   EXPECT_LT(Clock::now() - begin, Guardian::kRunLimit + kLateness);
 }
 
-TEST(GuardianTest, IgnoresRequestsToEnd) {
+TEST(GuardianTest, IgnoresTerminationSignals) {
   Guarded guarded([](HeartbeatRecord& record, Guardian& guardian) {
     record.enter(Phase::running);
-    // It has set itself up when it is in a session of its own.
+    // Its setup is complete when it is in a separate session.
     while (::getsid(guardian.process()) != guardian.process()) {
     }
     for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP}) {

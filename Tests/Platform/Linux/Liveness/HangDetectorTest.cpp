@@ -16,7 +16,7 @@ constexpr auto kTick = HangDetector::kInterval;
 
 class HangDetectorTest : public ::testing::Test {
  protected:
-  // Observes after that much time, which may be negative.
+  // Observes after this much time, which may be negative.
   bool observeAfter(HangDetector::Clock::duration time) {
     now_ += time;
     return detector_.observe(now_, counter_, kLimit);
@@ -37,21 +37,21 @@ class HangDetectorTest : public ::testing::Test {
   HangDetector detector_{now_, counter_};
 };
 
-TEST_F(HangDetectorTest, SeesNoneJustBeforeTheLimit) {
+TEST_F(HangDetectorTest, ReportsNoHangJustBeforeTheLimit) {
   EXPECT_FALSE(observeFor(kLimit - 1ns));
 }
 
-TEST_F(HangDetectorTest, SeesOneAtTheLimit) {
+TEST_F(HangDetectorTest, ReportsAHangAtTheLimit) {
   EXPECT_FALSE(observeFor(kLimit - 1ns));
   EXPECT_TRUE(observeAfter(1ns));
 }
 
-TEST_F(HangDetectorTest, GoesOnSeeingIt) {
+TEST_F(HangDetectorTest, KeepsReportingAHang) {
   EXPECT_TRUE(observeFor(kLimit));
   EXPECT_TRUE(observeAfter(kTick));
 }
 
-TEST_F(HangDetectorTest, CountsFromTheLastChange) {
+TEST_F(HangDetectorTest, MeasuresFromTheLastChange) {
   EXPECT_FALSE(observeFor(kLimit - 1ns));
   ++counter_;
   EXPECT_FALSE(observeAfter(kTick));
@@ -59,7 +59,7 @@ TEST_F(HangDetectorTest, CountsFromTheLastChange) {
   EXPECT_TRUE(observeAfter(1ns));
 }
 
-TEST_F(HangDetectorTest, SeesNoneWhileTheCounterGoesOn) {
+TEST_F(HangDetectorTest, ReportsNoHangWhileTheCounterChanges) {
   for (int i = 0; i < 1000; ++i) {
     ++counter_;
     ASSERT_FALSE(observeFor(kLimit - 1ns));
@@ -83,7 +83,7 @@ TEST_F(HangDetectorTest, TheCounterMayWrapAround) {
   EXPECT_TRUE(observeAfter(1ns));
 }
 
-TEST_F(HangDetectorTest, TimeThatWasNotObservedDoesNotCount) {
+TEST_F(HangDetectorTest, UnobservedTimeDoesNotCount) {
   EXPECT_FALSE(observeFor(kLimit - 1ns));
   // As after a suspend, or a pause of the virtual machine.
   EXPECT_FALSE(observeAfter(8h));
@@ -96,19 +96,19 @@ TEST_F(HangDetectorTest, AnObservationMayBeALittleLate) {
   EXPECT_TRUE(observeAfter(HangDetector::kLongestGap));
 }
 
-TEST_F(HangDetectorTest, AnObservationThatIsTooLateCountsAnew) {
+TEST_F(HangDetectorTest, ATooLateObservationRestartsTheMeasurement) {
   EXPECT_FALSE(observeAfter(HangDetector::kLongestGap + 1ns));
   EXPECT_FALSE(observeFor(kLimit - 1ns));
   EXPECT_TRUE(observeAfter(1ns));
 }
 
-TEST_F(HangDetectorTest, AnObserverThatIsAlwaysLateSeesNothing) {
+TEST_F(HangDetectorTest, AnObserverThatIsAlwaysLateReportsNothing) {
   for (int i = 0; i < 100; ++i) {
     EXPECT_FALSE(observeAfter(HangDetector::kLongestGap + 1ns));
   }
 }
 
-TEST_F(HangDetectorTest, AClockThatGoesBackCountsAnew) {
+TEST_F(HangDetectorTest, AClockThatGoesBackRestartsTheMeasurement) {
   EXPECT_FALSE(observeFor(kLimit - 1ns));
   EXPECT_FALSE(observeAfter(-1h));
   EXPECT_FALSE(observeFor(kLimit - 1ns));

@@ -46,12 +46,12 @@ class HeartbeatTest : public ::testing::Test {
   Heartbeat heartbeat_{record_};
 };
 
-TEST_F(HeartbeatTest, BeatsWhenThereIsNobodyToWaitFor) {
+TEST_F(HeartbeatTest, BeatsWithoutParticipants) {
   EXPECT_TRUE(heartbeat_.check());
   EXPECT_EQ(record_.beats(), 1U);
 }
 
-TEST_F(HeartbeatTest, PingsWhoeverJoins) {
+TEST_F(HeartbeatTest, PingsANewParticipant) {
   const Participant loop(heartbeat_, kLoop);
   EXPECT_EQ(loop.pings, 1);
   EXPECT_EQ(loop.beats, 0);
@@ -69,7 +69,7 @@ TEST_F(HeartbeatTest, WaitsForTheAnswer) {
   EXPECT_EQ(loop.beats, 1);
 }
 
-TEST_F(HeartbeatTest, OneAnswerIsForOneBeat) {
+TEST_F(HeartbeatTest, AnAnswerCountsForOneBeat) {
   const Participant loop(heartbeat_, kLoop);
   loop.answer();
   EXPECT_TRUE(heartbeat_.check());
@@ -89,7 +89,7 @@ TEST_F(HeartbeatTest, AtMostOnePingIsUnanswered) {
   EXPECT_EQ(loop.pings, 2);
 }
 
-TEST_F(HeartbeatTest, WaitsForEverybody) {
+TEST_F(HeartbeatTest, WaitsForAllParticipants) {
   const Participant loop(heartbeat_, kLoop);
   const Participant otherLoop(heartbeat_, kOtherLoop);
   const Participant verdictThread(heartbeat_, kVerdictThreadParticipant);
@@ -111,12 +111,12 @@ TEST_F(HeartbeatTest, EveryCheckIsNoted) {
   EXPECT_EQ(record_.checks(), 2U);
 }
 
-TEST_F(HeartbeatTest, DoesNotWaitForWhoeverHasLeft) {
+TEST_F(HeartbeatTest, DoesNotWaitForAFormerParticipant) {
   { const Participant loop(heartbeat_, kLoop); }
   EXPECT_TRUE(heartbeat_.check());
 }
 
-TEST_F(HeartbeatTest, AnAnswerMayComeAfterTheEndOfTheMembership) {
+TEST_F(HeartbeatTest, AcceptsAnAnswerAfterTheMembershipHasEnded) {
   std::optional<Heartbeat::Answer> late;
   {
     const Participant loop(heartbeat_, kLoop);
@@ -127,7 +127,7 @@ TEST_F(HeartbeatTest, AnAnswerMayComeAfterTheEndOfTheMembership) {
   EXPECT_FALSE(heartbeat_.check());
 }
 
-TEST_F(HeartbeatTest, ANewParticipantIsWaitedForFromTheBeginning) {
+TEST_F(HeartbeatTest, WaitsForANewParticipantFromTheBeginning) {
   const Participant loop(heartbeat_, kLoop);
   loop.answer();
   const Participant newcomer(heartbeat_, kOtherLoop);
@@ -179,7 +179,7 @@ TEST_F(HeartbeatTest, ParticipantsComeAndGoWhileItRuns) {
   }
 }
 
-TEST(HeartbeatParticipantsTest, HaveNames) {
+TEST(HeartbeatParticipantsTest, ParticipantsHaveNames) {
   EXPECT_EQ(participantNames(0), "");
   EXPECT_EQ(participantNames(eventLoopParticipant(1)), "event loop 1");
   EXPECT_EQ(participantNames(kWorkThreadsParticipant | kVerdictThreadParticipant | kLoop |

@@ -93,7 +93,7 @@ TEST_F(HeartbeatThreadsTest, IdleThreadsAnswer) {
   }
 }
 
-TEST_F(HeartbeatThreadsTest, ALoopThatIsBlockedLags) {
+TEST_F(HeartbeatThreadsTest, ABlockedLoopLags) {
   blockLoop(1);
   const auto memberships = joinHeartbeat(heartbeat_, loops_, workers_);
   EXPECT_EQ(laggardsOnce(eventLoopParticipant(1)), eventLoopParticipant(1));
@@ -109,7 +109,7 @@ TEST_F(HeartbeatThreadsTest, TwoWorkThreadsMayBeBlocked) {
   EXPECT_TRUE(beatsWithin(20s));
 }
 
-TEST_F(HeartbeatThreadsTest, WorkThreadsThatAreAllBlockedLag) {
+TEST_F(HeartbeatThreadsTest, WorkThreadsLagWhenAllAreBlocked) {
   blockWorkers(WorkerPool::kThreads);
   const auto memberships = joinHeartbeat(heartbeat_, loops_, workers_);
   EXPECT_EQ(laggardsOnce(kWorkThreadsParticipant), kWorkThreadsParticipant);

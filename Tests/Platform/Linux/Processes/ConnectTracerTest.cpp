@@ -47,7 +47,7 @@ std::optional<pid_t> processOf(const ConnectTracer& tracer, std::uint64_t cookie
   return record ? std::optional(record->process) : std::nullopt;
 }
 
-TEST(ConnectTracerTest, KnowsWhoConnected) {
+TEST(ConnectTracerTest, RecordsTheConnectingProcess) {
   const auto tracer = startTracer();
   ASSERT_TRUE(tracer);
   const auto listener = makeListener();
@@ -64,7 +64,7 @@ TEST(ConnectTracerTest, KnowsWhoConnected) {
   EXPECT_EQ(processOf(*tracer, cookieOf(socket)), ::getpid());
 }
 
-TEST(ConnectTracerTest, KnowsWhatTheProcessWasRunning) {
+TEST(ConnectTracerTest, RecordsTheExecutable) {
   const auto tracer = startTracer();
   ASSERT_TRUE(tracer);
   ASSERT_EQ(tracer->detail(), ConnectTracer::Detail::programs);
@@ -87,7 +87,7 @@ TEST(ConnectTracerTest, KnowsWhatTheProcessWasRunning) {
   EXPECT_EQ(record->stackStart, process->stamp.stackStart);
 }
 
-TEST(ConnectTracerTest, KnowsTheProcessWhereProgramsCannotBeTraced) {
+TEST(ConnectTracerTest, RecordsTheProcessWithoutTracingPrograms) {
   auto started = ConnectTracer::start(ConnectTracer::Detail::processes);
   ASSERT_TRUE(started);
   const auto& tracer = *started;
@@ -100,7 +100,7 @@ TEST(ConnectTracerTest, KnowsTheProcessWhereProgramsCannotBeTraced) {
   EXPECT_EQ(record->executable, FileIdentity{});
 }
 
-TEST(ConnectTracerTest, KnowsWhoSentWithoutConnecting) {
+TEST(ConnectTracerTest, RecordsASenderThatDoesNotConnect) {
   const auto tracer = startTracer();
   ASSERT_TRUE(tracer);
   const struct {
@@ -121,11 +121,11 @@ TEST(ConnectTracerTest, KnowsWhoSentWithoutConnecting) {
   }
 }
 
-TEST(ConnectTracerTest, KnowsOtherProcessesAndThatAnotherThreadIsTheSame) {
+TEST(ConnectTracerTest, DistinguishesProcessesButNotThreads) {
   const auto tracer = startTracer();
   ASSERT_TRUE(tracer);
   const auto listener = makeListener();
-  // Handed over as a descriptor, so that its cookie can be asked for here.
+  // Inherited as a descriptor, so that its cookie can be read here.
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   Helper helper(OSTRAVEL_HELPER,
                 [&] { return connectTo(socket, AF_INET, loopbackIPv4(portOf(listener))); });
@@ -134,7 +134,7 @@ TEST(ConnectTracerTest, KnowsOtherProcessesAndThatAnotherThreadIsTheSame) {
   EXPECT_EQ(processOf(*tracer, cookieOf(socket)), ::getpid());
 }
 
-TEST(ConnectTracerTest, DoesNotKnowWhatWasBefore) {
+TEST(ConnectTracerTest, DoesNotKnowEarlierConnects) {
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(443)));
   const auto tracer = startTracer();
@@ -156,7 +156,7 @@ TEST(ConnectTracerTest, ForgetsTheOldestFirst) {
   EXPECT_FALSE(processOf(*tracer, cookieOf(first)));
 }
 
-TEST(ConnectTracerTest, SeveralAreIndependent) {
+TEST(ConnectTracerTest, SeveralTracersAreIndependent) {
   const auto one = startTracer();
   auto other = startTracer();
   ASSERT_TRUE(one && other);
@@ -170,7 +170,7 @@ TEST(ConnectTracerTest, SeveralAreIndependent) {
   EXPECT_EQ(processOf(*one, cookieOf(later)), ::getpid());
 }
 
-// The numbers of the programs that the links of a process hold.
+// The IDs of the programs in the links that a process holds.
 std::set<std::uint32_t> programsOf(pid_t pid) {
   std::set<std::uint32_t> programs;
   for (const auto& entry :
@@ -189,8 +189,7 @@ std::set<std::uint32_t> programsOf(pid_t pid) {
   return programs;
 }
 
-// The numbers of all programs that are attached to the root of the control groups where the
-// tracer's are.
+// The IDs of all programs attached to the root control group used by the tracer.
 std::set<std::uint32_t> attachedPrograms() {
   const auto root = findCgroupRoot("/proc/self/mounts");
   EXPECT_TRUE(root);
@@ -210,7 +209,7 @@ bool includesAll(const std::set<std::uint32_t>& all, const std::set<std::uint32_
   return std::includes(all.begin(), all.end(), some.begin(), some.end());
 }
 
-// The kernel detaches when it releases the last descriptor, soon after that was closed.
+// The kernel detaches when it releases the last descriptor, shortly after it was closed.
 void expectDetached(const std::set<std::uint32_t>& programs) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (true) {
@@ -225,7 +224,7 @@ void expectDetached(const std::set<std::uint32_t>& programs) {
   }
 }
 
-TEST(ConnectTracerTest, NothingIsLeftWhenTheObjectEnds) {
+TEST(ConnectTracerTest, DetachesWhenTheObjectIsDestroyed) {
   auto tracer = startTracer();
   const auto programs = programsOf(::getpid());
   EXPECT_EQ(programs.size(), 4U);
@@ -235,7 +234,7 @@ TEST(ConnectTracerTest, NothingIsLeftWhenTheObjectEnds) {
   expectDetached(programs);
 }
 
-TEST(ConnectTracerTest, NothingIsLeftWhenTheProcessIsKilled) {
+TEST(ConnectTracerTest, DetachesWhenTheProcessIsKilled) {
   std::array<int, 2> pipe{};
   ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
   const pid_t child = ::fork();
@@ -261,7 +260,7 @@ TEST(ConnectTracerTest, NothingIsLeftWhenTheProcessIsKilled) {
   ::close(pipe[1]);
 }
 
-TEST(ConnectTracerTest, SaysWhyItIsNotPossible) {
+TEST(ConnectTracerTest, SaysWhyTracingIsNotPossible) {
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -279,7 +278,7 @@ TEST(ConnectTracerTest, SaysWhyItIsNotPossible) {
   EXPECT_EQ(status, 0);
 }
 
-TEST(ConnectTracerTest, IsNotPossibleWhereProcessesHaveOtherNumbers) {
+TEST(ConnectTracerTest, IsNotPossibleInAProcessNamespace) {
   inPrivateProcesses([] {
     const auto started = ConnectTracer::start();
     ASSERT_FALSE(started);

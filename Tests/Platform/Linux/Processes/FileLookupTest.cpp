@@ -27,7 +27,7 @@ constexpr uid_t kOtherUser = 1001;
 
 class FileLookupTest : public ::testing::Test {
  protected:
-  // On a busy machine one answer may come too late.
+  // On a busy machine one answer may be late.
   FileLookup::Answer eventually(const std::function<FileLookup::Answer()>& ask) {
     const auto deadline = std::chrono::steady_clock::now() + 60s;
     FileLookup::Answer answer;
@@ -47,7 +47,7 @@ class FileLookupTest : public ::testing::Test {
   const TemporaryFolder folder_;
 };
 
-TEST_F(FileLookupTest, TellsFilesApart) {
+TEST_F(FileLookupTest, DistinguishesFiles) {
   const auto one = at(folder_.write("one", ""));
   const auto two = at(folder_.write("two", ""));
   ASSERT_TRUE(one.file && two.file);
@@ -56,18 +56,18 @@ TEST_F(FileLookupTest, TellsFilesApart) {
   EXPECT_EQ(at(folder_.path("link")).file, one.file);
 }
 
-TEST_F(FileLookupTest, WhatIsNotThereIsAbsent) {
+TEST_F(FileLookupTest, AMissingFileIsAbsent) {
   EXPECT_FALSE(at(folder_.path("absent")).file);
   EXPECT_FALSE(at(folder_.write("file", "") + "/below").file);
 }
 
-TEST_F(FileLookupTest, ALinkIsNotItsTarget) {
+TEST_F(FileLookupTest, DoesNotFollowALink) {
   const auto target = at(folder_.write("target", ""));
   std::filesystem::create_symlink(folder_.path("target"), folder_.path("link"));
   EXPECT_NE(at(folder_.path("link")).file, target.file);
 }
 
-TEST_F(FileLookupTest, FindsWhatAProcessRuns) {
+TEST_F(FileLookupTest, FindsTheExecutableOfAProcess) {
   const std::string program = folder_.copyHelper("program");
   Helper helper(program);
   const auto file = at(program).file;
@@ -80,14 +80,14 @@ TEST_F(FileLookupTest, FindsWhatAProcessRuns) {
   EXPECT_FALSE(eventually(executable).file);
 }
 
-TEST_F(FileLookupTest, FindsWhatAProcessRunsInAnotherViewOfTheFileSystem) {
+TEST_F(FileLookupTest, FindsAnExecutableInAnotherMountNamespace) {
   const std::string program = folder_.copyHelper("program");
   Helper helper(program, &enterPrivateMounts);
   EXPECT_EQ(eventually([&] { return files_.executableOf(helper.pid(), kRoot); }).file,
             at(program).file);
 }
 
-TEST_F(FileLookupTest, NoticesWhatIsMounted) {
+TEST_F(FileLookupTest, NoticesANewMount) {
   inPrivateMounts([this] {
     const std::string path = folder_.write("path", "");
     const std::string cover = folder_.write("cover", "");
@@ -123,7 +123,7 @@ TEST_F(FileLookupTest, FilesOfDifferentFileSystemsAreDifferent) {
   });
 }
 
-TEST_F(FileLookupTest, AsksAFileSystemThatKeepsNothingInTheCache) {
+TEST_F(FileLookupTest, AsksAFileSystemWithoutACache) {
   inPrivateMounts([this] {
     std::filesystem::create_directory(folder_.path("fuse"));
     const HangingFileSystem system(folder_.path("fuse"), OSTRAVEL_HELPER);
@@ -134,7 +134,7 @@ TEST_F(FileLookupTest, AsksAFileSystemThatKeepsNothingInTheCache) {
   });
 }
 
-TEST_F(FileLookupTest, AFileSystemThatHangsCostsItsUserALookupAndOthersNothing) {
+TEST_F(FileLookupTest, AHungFileSystemCostsOnlyItsUserALookup) {
   inPrivateMounts([this] {
     std::filesystem::create_directory(folder_.path("fuse"));
     std::filesystem::create_directory(folder_.path("healthy"));
@@ -148,16 +148,16 @@ TEST_F(FileLookupTest, AFileSystemThatHangsCostsItsUserALookupAndOthersNothing) 
     for (int i = 0; i < 1000; ++i) {
       EXPECT_FALSE(files_.at(system.program(), kUser).isKnown);
     }
-    // One wait for all of them, and plenty for a busy machine.
+    // One wait for all of them, with ample time for a busy machine.
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
     EXPECT_FALSE(files_.at(healthy.program(), kUser).isKnown);
-    // What is in the cache, and what others ask for, is found as before.
+    // Cached paths and other users' look-ups are unaffected.
     EXPECT_TRUE(files_.at(local, kUser).isKnown);
     EXPECT_TRUE(at(healthy.program(), kOtherUser).file);
   });
 }
 
-TEST_F(FileLookupTest, ManyUsersWithFileSystemsThatHangTakeNothingFromTheCache) {
+TEST_F(FileLookupTest, ManyHungFileSystemsLeaveCachedPathsAvailable) {
   inPrivateMounts([this] {
     std::filesystem::create_directory(folder_.path("fuse"));
     HangingFileSystem system(folder_.path("fuse"), OSTRAVEL_HELPER);

@@ -11,7 +11,7 @@ Process process(pid_t pid) {
   return described;
 }
 
-TEST(KnownProcessesTest, KeepsWhatWasFoundOut) {
+TEST(KnownProcessesTest, KeepsTheIdentifier) {
   KnownProcesses known;
   EXPECT_EQ(known.find(1), nullptr);
   known.insert(process(1)).identifier = "one";
@@ -26,7 +26,7 @@ TEST(KnownProcessesTest, KeepsWhatWasFoundOut) {
   known.erase(1);
 }
 
-TEST(KnownProcessesTest, ANewProcessReplacesTheOneWithItsNumber) {
+TEST(KnownProcessesTest, ANewProcessReplacesOneWithTheSameNumber) {
   KnownProcesses known(2);
   known.insert(process(1)).identifier = "old";
   known.insert(process(2));
@@ -34,7 +34,7 @@ TEST(KnownProcessesTest, ANewProcessReplacesTheOneWithItsNumber) {
   EXPECT_NE(known.find(2), nullptr);
 }
 
-TEST(KnownProcessesTest, DropsTheOneThatHasNotBeenAskedForTheLongest) {
+TEST(KnownProcessesTest, DropsTheLeastRecentlyUsedProcess) {
   KnownProcesses known(3);
   for (const pid_t pid : {1, 2, 3}) {
     known.insert(process(pid));

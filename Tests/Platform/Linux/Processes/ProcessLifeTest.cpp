@@ -26,14 +26,14 @@ TEST(ProcessLifeTest, AStoppedProcessHasNotEnded) {
   EXPECT_FALSE(life.hasEnded());
 }
 
-TEST(ProcessLifeTest, AProcessThatIsGoneHasEnded) {
+TEST(ProcessLifeTest, AReapedProcessHasEnded) {
   testing::Helper helper;
   const ProcessLife life(helper.pid(), startTimeOf(helper.pid()));
   helper.kill();
   EXPECT_TRUE(life.hasEnded());
 }
 
-TEST(ProcessLifeTest, AProcessThatNobodyHasWaitedForHasEnded) {
+TEST(ProcessLifeTest, AZombieHasEnded) {
   const testing::Helper helper;
   const ProcessLife life(helper.pid(), startTimeOf(helper.pid()));
   ::kill(helper.pid(), SIGKILL);
@@ -42,7 +42,7 @@ TEST(ProcessLifeTest, AProcessThatNobodyHasWaitedForHasEnded) {
   EXPECT_TRUE(life.hasEnded());
 }
 
-TEST(ProcessLifeTest, ALaterProcessWithItsNumberIsAnotherOne) {
+TEST(ProcessLifeTest, ALaterProcessWithItsNumberIsDifferent) {
   EXPECT_TRUE(ProcessLife(::getpid(), startTimeOf(::getpid()) - 1).hasEnded());
 }
 

@@ -30,7 +30,7 @@ using namespace ostravel::testing;
 
 class ProcessTableTest : public ::testing::Test {
  protected:
-  // On a busy machine the file system may answer too late.
+  // On a busy machine the file system may answer late.
   std::optional<Process> findSettled(pid_t pid) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     auto process = processes_.find(pid);
@@ -55,7 +55,7 @@ TEST_F(ProcessTableTest, DescribesThisProcess) {
   EXPECT_EQ(process->stamp, processes_.stampOf(::getpid()));
 }
 
-TEST_F(ProcessTableTest, TellsTheUserAndTheExecutable) {
+TEST_F(ProcessTableTest, ReportsTheUserAndTheExecutable) {
   const std::string program = folder_.copyHelper("program");
   Helper helper(program);
   ASSERT_EQ(helper.ask("user 65534"), "done");
@@ -65,7 +65,7 @@ TEST_F(ProcessTableTest, TellsTheUserAndTheExecutable) {
   EXPECT_EQ(process->executable, program);
 }
 
-TEST_F(ProcessTableTest, AProgramThatWasRemovedKeepsItsPathButIsNotGenuine) {
+TEST_F(ProcessTableTest, ARemovedProgramKeepsItsPathButIsNotGenuine) {
   const std::string program = folder_.copyHelper("program");
   Helper helper(program);
   auto process = findSettled(helper.pid());
@@ -84,7 +84,7 @@ TEST_F(ProcessTableTest, AProgramThatWasRemovedKeepsItsPathButIsNotGenuine) {
   EXPECT_FALSE(processes_.refreshExecutable(*process));
 }
 
-TEST_F(ProcessTableTest, APathMayEndLikeThatOfARemovedProgram) {
+TEST_F(ProcessTableTest, APathMayEndInDeleted) {
   const std::string program = folder_.copyHelper("program (deleted)");
   Helper helper(program);
   const auto process = findSettled(helper.pid());
@@ -94,7 +94,7 @@ TEST_F(ProcessTableTest, APathMayEndLikeThatOfARemovedProgram) {
   EXPECT_FALSE(process->isExecutableDeleted);
 }
 
-TEST_F(ProcessTableTest, APathMayConsistOfAnyBytes) {
+TEST_F(ProcessTableTest, APathMayContainAnyBytes) {
   Helper helper(folder_.copyHelper("pro\xffgram"));
   const auto process = findSettled(helper.pid());
   ASSERT_TRUE(process);
@@ -102,7 +102,7 @@ TEST_F(ProcessTableTest, APathMayConsistOfAnyBytes) {
   EXPECT_TRUE(process->isExecutableGenuine);
 }
 
-TEST_F(ProcessTableTest, TellsWhoStartedAProgramThatGoesOnAsAnotherUser) {
+TEST_F(ProcessTableTest, ReportsWhoStartedAProgramOfAnotherUser) {
   const std::string program = folder_.copyHelper("program");
   ASSERT_EQ(::chmod(program.c_str(), 04755), 0);
   Helper helper(program, [] { return ::setgid(65534) == 0 && ::setuid(65534) == 0; });
@@ -112,7 +112,7 @@ TEST_F(ProcessTableTest, TellsWhoStartedAProgramThatGoesOnAsAnotherUser) {
   EXPECT_EQ(stamp->realUser, 65534U);
 }
 
-TEST_F(ProcessTableTest, ThereIsNothingToSayAboutAProcessThatHasEnded) {
+TEST_F(ProcessTableTest, ReportsNothingAboutAnEndedProcess) {
   Helper helper;
   const pid_t pid = helper.pid();
   helper.kill();
@@ -120,7 +120,7 @@ TEST_F(ProcessTableTest, ThereIsNothingToSayAboutAProcessThatHasEnded) {
   EXPECT_FALSE(processes_.stampOf(pid));
 }
 
-TEST_F(ProcessTableTest, AProcessThatHasEndedButIsNotWaitedForHasNoExecutable) {
+TEST_F(ProcessTableTest, AZombieHasNoExecutable) {
   std::array<int, 2> pipe{};
   ASSERT_EQ(::pipe(pipe.data()), 0);
   const pid_t child = ::fork();
@@ -136,12 +136,12 @@ TEST_F(ProcessTableTest, AProcessThatHasEndedButIsNotWaitedForHasNoExecutable) {
   EXPECT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
-TEST_F(ProcessTableTest, AnotherProgramOrAnotherProcessHasAnotherStamp) {
+TEST_F(ProcessTableTest, StampsDifferByProgramAndByProcess) {
   Helper helper;
   const auto before = processes_.stampOf(helper.pid());
   ASSERT_TRUE(before);
   EXPECT_EQ(processes_.stampOf(helper.pid()), before);
-  // Stacks begin at random places, a few of which may be the same.
+  // Stack addresses are random, and a few may be equal.
   bool isDifferent = false;
   for (int i = 0; i < 20 && !isDifferent; ++i) {
     ASSERT_EQ(helper.ask("run " OSTRAVEL_HELPER), "ready");
@@ -154,7 +154,7 @@ TEST_F(ProcessTableTest, AnotherProgramOrAnotherProcessHasAnotherStamp) {
   EXPECT_NE(processes_.stampOf(other.pid()), now);
 }
 
-TEST_F(ProcessTableTest, AProcessIsNotConfusedByTheNameOfItsProgram) {
+TEST_F(ProcessTableTest, AMisleadingProgramNameIsParsedCorrectly) {
   Helper helper(folder_.copyHelper("a) R 1 (b"));
   Helper plain;
   const auto odd = processes_.stampOf(helper.pid());
@@ -166,7 +166,7 @@ TEST_F(ProcessTableTest, AProcessIsNotConfusedByTheNameOfItsProgram) {
   EXPECT_GT(odd->stackStart, 4096U);
 }
 
-// In its own view of the file system, program is covered by cover.
+// In its own mount namespace, program is covered by cover.
 std::function<bool()> covering(const std::string& program, const std::string& cover) {
   return [program, cover] {
     return ::unshare(CLONE_NEWNS) == 0 &&
@@ -176,7 +176,7 @@ std::function<bool()> covering(const std::string& program, const std::string& co
   };
 }
 
-TEST_F(ProcessTableTest, AProgramThatIsMountedOverAnotherIsNotGenuine) {
+TEST_F(ProcessTableTest, AProgramMountedOverAnotherIsNotGenuine) {
   const std::string program = folder_.copyHelper("program");
   const std::string cover = folder_.copyHelper("cover");
   Helper helper(program, covering(program, cover));
@@ -186,7 +186,7 @@ TEST_F(ProcessTableTest, AProgramThatIsMountedOverAnotherIsNotGenuine) {
   EXPECT_FALSE(process->isExecutableGenuine);
 }
 
-TEST_F(ProcessTableTest, TheSameProgramSeenFromElsewhereIsGenuine) {
+TEST_F(ProcessTableTest, AProgramInAnotherMountNamespaceIsGenuine) {
   const std::string program = folder_.copyHelper("program");
   Helper helper(program, covering(program, ""));
   const auto process = findSettled(helper.pid());
@@ -195,7 +195,7 @@ TEST_F(ProcessTableTest, TheSameProgramSeenFromElsewhereIsGenuine) {
   EXPECT_TRUE(process->isExecutableGenuine);
 }
 
-TEST_F(ProcessTableTest, TellsTheControlGroupOfTheService) {
+TEST_F(ProcessTableTest, ReportsTheServicesControlGroup) {
   const auto root = findCgroupRoot("/proc/self/mounts");
   ASSERT_TRUE(root);
   const std::string name = "/ostravel-test-" + std::to_string(::getpid()) + ".service";
@@ -232,7 +232,7 @@ TEST(ServiceGroupTest, IsEmptyOutsideOfServices) {
   }
 }
 
-// On a busy machine the time may be over before the holder was looked at.
+// On a busy machine the time limit may expire before the holder is scanned.
 std::optional<pid_t> holderEventually(ProcessTable& processes, std::uint32_t inode, uid_t user) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   std::optional<pid_t> holder;
@@ -242,7 +242,7 @@ std::optional<pid_t> holderEventually(ProcessTable& processes, std::uint32_t ino
   return holder;
 }
 
-// More descriptors than can be looked at in time, of processes that are newer than all before.
+// More descriptors than can be scanned in time, in processes newer than all others.
 class Crowd {
  public:
   Crowd() {
@@ -263,7 +263,7 @@ TEST_F(ProcessTableTest, FindsTheHolderOfASocket) {
   EXPECT_FALSE(processes_.holderOf(0, ::getuid()));
 }
 
-TEST_F(ProcessTableTest, GivesUpTheSearchForAHolderWhenItTakesTooLong) {
+TEST_F(ProcessTableTest, LimitsTheSearchForAHolder) {
   auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   const auto inode = inodeOf(socket);
   Helper holder(OSTRAVEL_HELPER, [&socket] { return ::dup(socket.get()) >= 0; });
@@ -275,7 +275,7 @@ TEST_F(ProcessTableTest, GivesUpTheSearchForAHolderWhenItTakesTooLong) {
   EXPECT_EQ(holderEventually(processes_, inode, ::getuid()), holder.pid());
 }
 
-TEST_F(ProcessTableTest, LooksFirstAtWhoHeldTheLastSockets) {
+TEST_F(ProcessTableTest, ChecksRecentHoldersFirst) {
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   ASSERT_EQ(holderEventually(processes_, inodeOf(socket), ::getuid()), ::getpid());
   const Crowd crowd;
@@ -283,7 +283,7 @@ TEST_F(ProcessTableTest, LooksFirstAtWhoHeldTheLastSockets) {
   EXPECT_EQ(holderEventually(processes_, inodeOf(other), ::getuid()), ::getpid());
 }
 
-TEST_F(ProcessTableTest, KnowsWhatAProcessWasHandedAtItsStart) {
+TEST_F(ProcessTableTest, RecognisesInheritedDescriptors) {
   const auto socket = makeSocket(AF_INET, SOCK_STREAM);
   Helper with(OSTRAVEL_HELPER, [&socket] { return ::dup2(socket.get(), 3) == 3; });
   Helper without;

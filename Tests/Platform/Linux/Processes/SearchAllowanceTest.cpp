@@ -15,7 +15,7 @@ constexpr uid_t kBob = 1001;
 
 class SearchAllowanceTest : public ::testing::Test {
  protected:
-  // Searches for as long as it is permitted, in steps of a millisecond that take that long.
+  // Searches while permitted, in steps that take a millisecond each.
   SearchAllowance::Duration spendAll(std::optional<uid_t> user) {
     SearchAllowance::Duration spent{};
     while (allowance_.permits(user)) {
@@ -32,14 +32,14 @@ class SearchAllowanceTest : public ::testing::Test {
   SearchAllowance allowance_{[this] { return now_; }, [this] { return work_; }};
 };
 
-TEST_F(SearchAllowanceTest, NothingIsSpentByAsking) {
+TEST_F(SearchAllowanceTest, AskingSpendsNothing) {
   for (int i = 0; i < 1000; ++i) {
     EXPECT_TRUE(allowance_.permits(kAlice));
     EXPECT_TRUE(allowance_.permits(std::nullopt));
   }
 }
 
-TEST_F(SearchAllowanceTest, AllTogetherTakeATenthOfTheTime) {
+TEST_F(SearchAllowanceTest, AllUsersTogetherGetATenthOfTheTime) {
   spendAll(std::nullopt);
   const auto start = now_;
   SearchAllowance::Duration spent{};
@@ -51,7 +51,7 @@ TEST_F(SearchAllowanceTest, AllTogetherTakeATenthOfTheTime) {
   EXPECT_LE(spent, 10100ms);
 }
 
-TEST_F(SearchAllowanceTest, OneUserTakesHalfOfThat) {
+TEST_F(SearchAllowanceTest, OneUserGetsHalfOfTheTotal) {
   spendAll(kAlice);
   const auto start = now_;
   SearchAllowance::Duration spent{};
@@ -63,13 +63,13 @@ TEST_F(SearchAllowanceTest, OneUserTakesHalfOfThat) {
   EXPECT_LE(spent, 5100ms);
 }
 
-TEST_F(SearchAllowanceTest, WhatAtMostIsSpentAtOnce) {
+TEST_F(SearchAllowanceTest, LimitsABurst) {
   const auto spent = spendAll(std::nullopt);
   EXPECT_GE(spent, SearchAllowance::kBurst);
   EXPECT_LE(spent, SearchAllowance::kBurst * 9 / 8);
 }
 
-TEST_F(SearchAllowanceTest, AUserTakesNothingFromAnother) {
+TEST_F(SearchAllowanceTest, UsersDoNotAffectEachOther) {
   spendAll(kAlice);
   EXPECT_FALSE(allowance_.permits(kAlice));
   const auto spent = spendAll(kBob);
@@ -84,7 +84,7 @@ TEST_F(SearchAllowanceTest, NoNumberOfUsersTakesTheReserve) {
   EXPECT_GE(spendAll(std::nullopt), SearchAllowance::kReserve - 1ms);
 }
 
-TEST_F(SearchAllowanceTest, TimeInWhichTheThreadDoesNotRunCountsForWaitsOnly) {
+TEST_F(SearchAllowanceTest, TimeOffTheProcessorCountsForWaitsOnly) {
   {
     const SearchAllowance::Charge charge(allowance_, kAlice, SearchAllowance::Counted::work);
     now_ += 10s;

@@ -11,7 +11,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-TEST(SearchBudgetTest, TimeInWhichTheThreadDoesNotRunDoesNotCount) {
+TEST(SearchBudgetTest, TimeOffTheProcessorDoesNotCount) {
   const SearchBudget budget(10ms, 1h);
   std::this_thread::sleep_for(30ms);
   EXPECT_FALSE(budget.isUsedUp());
@@ -26,13 +26,13 @@ TEST(SearchBudgetTest, WorkUsesItUp) {
   EXPECT_GE(Clock::now() - start, 10ms);
 }
 
-TEST(SearchBudgetTest, TheClockHasTheLastWord) {
+TEST(SearchBudgetTest, TheClockLimitsItToo) {
   const SearchBudget budget(20ms, 30ms);
   std::this_thread::sleep_for(30ms);
   EXPECT_TRUE(budget.isUsedUp());
 }
 
-TEST(SearchBudgetTest, AnEmptyOneIsUsedUpFromTheStart) {
+TEST(SearchBudgetTest, AnEmptyBudgetIsUsedUpFromTheStart) {
   EXPECT_TRUE(SearchBudget(0ms, 0ms).isUsedUp());
 }
 

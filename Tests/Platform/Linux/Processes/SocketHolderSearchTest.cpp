@@ -17,11 +17,11 @@ using namespace ostravel::testing;
 using namespace std::chrono_literals;
 using Result = SocketHolderSearch::Result;
 
-// Ends after one descriptor.
+// Stops after one descriptor.
 const SearchBudget kNone(0s, 0s);
 constexpr std::uint32_t kNoInode = 0xffffffff;
 
-// Keeps its own copy of a socket that this process has closed.
+// Holds its own copy of a socket that this process has closed.
 class Holder {
  public:
   Holder() : helper_(OSTRAVEL_HELPER, [this] { return ::dup(socket_.get()) >= 0; }) {
@@ -38,7 +38,7 @@ class Holder {
   Helper helper_;
 };
 
-// Has so many descriptors that it shows whether a search came by.
+// Has so many descriptors that a scan of it takes noticeably many steps.
 class Bystander {
  public:
   static constexpr int kDescriptors = 500;
@@ -50,7 +50,7 @@ class Bystander {
   Helper helper_;
 };
 
-// Ends the search, and tells in how many parts of one descriptor each.
+// Runs the search to its end; returns the number of steps, of one descriptor each.
 int partsOf(SocketHolderSearch& search) {
   int parts = 1;
   while (search.proceed(kNone) == Result::unfinished) {
@@ -66,14 +66,14 @@ TEST(SocketHolderSearchTest, FindsTheHolder) {
   EXPECT_EQ(search.holder(), holder.pid());
 }
 
-TEST(SocketHolderSearchTest, AnEndedProcessHoldsNothing) {
+TEST(SocketHolderSearchTest, AnEndedProcessIsNotAHolder) {
   Holder holder;
   holder.helper().kill();
   SocketHolderSearch search(holder.inode(), {holder.pid()}, std::nullopt);
   EXPECT_EQ(search.proceed(SearchBudget(60s, 60s)), Result::absent);
 }
 
-TEST(SocketHolderSearchTest, GoesOnWhereItStopped) {
+TEST(SocketHolderSearchTest, ContinuesWhereItStopped) {
   inPrivateProcesses([] {
     const Holder holder;
     const Bystander newer;
@@ -86,7 +86,7 @@ TEST(SocketHolderSearchTest, GoesOnWhereItStopped) {
   });
 }
 
-TEST(SocketHolderSearchTest, LooksAtTheNamedProcessesFirst) {
+TEST(SocketHolderSearchTest, ScansTheNamedProcessesFirst) {
   inPrivateProcesses([] {
     const Holder holder;
     const Bystander newer;
@@ -96,7 +96,7 @@ TEST(SocketHolderSearchTest, LooksAtTheNamedProcessesFirst) {
   });
 }
 
-TEST(SocketHolderSearchTest, LooksAtTheNewestProcessesFirst) {
+TEST(SocketHolderSearchTest, ScansTheNewestProcessesFirst) {
   inPrivateProcesses([] {
     const Bystander older;
     const Holder holder;
@@ -106,7 +106,7 @@ TEST(SocketHolderSearchTest, LooksAtTheNewestProcessesFirst) {
   });
 }
 
-TEST(SocketHolderSearchTest, LooksAtTheUsersProcessesBeforeOthers) {
+TEST(SocketHolderSearchTest, ScansTheUsersProcessesBeforeOthers) {
   inPrivateProcesses([] {
     Holder holder;
     ASSERT_EQ(holder.helper().ask("user 65534"), "done");
@@ -117,7 +117,7 @@ TEST(SocketHolderSearchTest, LooksAtTheUsersProcessesBeforeOthers) {
   });
 }
 
-TEST(SocketHolderSearchTest, APreferredProcessIsLookedAtNext) {
+TEST(SocketHolderSearchTest, ScansAPreferredProcessNext) {
   inPrivateProcesses([] {
     const Holder holder;
     const Bystander newer;
@@ -129,7 +129,7 @@ TEST(SocketHolderSearchTest, APreferredProcessIsLookedAtNext) {
   });
 }
 
-TEST(SocketHolderSearchTest, PreferringAgainDoesNotHoldUpTheSearch) {
+TEST(SocketHolderSearchTest, PreferringAgainDoesNotDelayTheSearch) {
   inPrivateProcesses([] {
     const Holder holder;
     const Bystander sender;

@@ -20,7 +20,7 @@ void expectLast(uid_t last, std::string_view definitions) {
   EXPECT_FALSE(users.includes(65534)) << definitions;
 }
 
-TEST(SystemUsersTest, EndWhereTheFileSays) {
+TEST(SystemUsersTest, UsesTheLimitInTheFile) {
   expectLast(499, "UID_MIN 1000\nSYS_UID_MAX\t\t  499\n");
   expectLast(499, "SYS_UID_MAX 499\nUID_MIN 1000\n");
   expectLast(499, "SYS_UID_MAX 0x1f3\n");
@@ -28,13 +28,13 @@ TEST(SystemUsersTest, EndWhereTheFileSays) {
   expectLast(499, "SYS_UID_MAX 200\nSYS_UID_MAX 499\n");
 }
 
-TEST(SystemUsersTest, EndBeforeTheFirstOrdinaryUser) {
+TEST(SystemUsersTest, EndsBeforeTheFirstOrdinaryUser) {
   expectLast(499, "UID_MIN 500\n");
   expectLast(499, "#SYS_UID_MAX 999\nUID_MIN 500\n");
   expectLast(499, "SYS_UID_MAX many\nUID_MIN 500\n");
 }
 
-TEST(SystemUsersTest, EndAt999WhereNothingIsSaid) {
+TEST(SystemUsersTest, EndsAt999ByDefault) {
   expectLast(999, "");
   expectLast(999, "# UID_MIN 500\nUID_MIN\nUID_MIN -5\nUID_MAX 60000\n");
   expectLast(999, "UID_MIN 0\n");
@@ -43,7 +43,7 @@ TEST(SystemUsersTest, EndAt999WhereNothingIsSaid) {
   EXPECT_FALSE(users.includes(1000));
 }
 
-TEST(SystemUsersTest, NamesHaveNumbers) {
+TEST(SystemUsersTest, FindsTheNumberOfAUserName) {
   EXPECT_EQ(SystemUsers::numberOf("root"), 0U);
   EXPECT_FALSE(SystemUsers::numberOf("no-such-user"));
   EXPECT_FALSE(SystemUsers::numberOf(""));

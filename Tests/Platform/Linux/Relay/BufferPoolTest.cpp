@@ -37,7 +37,7 @@ TEST_F(BufferPoolTest, KeepsABoundedNumber) {
   });
 }
 
-TEST_F(BufferPoolTest, ABufferMayComeBackOnAnyThread) {
+TEST_F(BufferPoolTest, ABufferMayBeReturnedOnAnyThread) {
   auto buffer = onLoop([this] { return loop().buffers().take(); });
   loop().buffers().release(std::move(buffer));
   EXPECT_EQ(onLoop([this] { return loop().buffers().keptCount(); }), 0U);

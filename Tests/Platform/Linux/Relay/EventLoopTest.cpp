@@ -37,7 +37,7 @@ TEST_F(EventLoopTest, RunsWorkInOrderAndNeverInsideTheCall) {
   EXPECT_EQ(onLoop([&order] { return order; }), (std::vector{1, 2, 3}));
 }
 
-TEST_F(EventLoopTest, StopsAndDestroysTheWorkThatDidNotRun) {
+TEST_F(EventLoopTest, StopsAndDestroysPendingWork) {
   const auto held = std::make_shared<int>(0);
   {
     DescriptorBudget budget(1000);
@@ -62,9 +62,9 @@ TEST_F(EventLoopTest, StopsWithStreamsAlive) {
   loops.stop();
 }
 
-// Everything that is left is destroyed with the loop: a closed flow that only its unfinished close
-// keeps alive, and a socket that lingers.
-TEST_F(EventLoopTest, TakesWhatIsLeftWithIt) {
+// Destroying the loop destroys what is left on it: a closed flow that only its unfinished close
+// keeps alive, and a lingering socket.
+TEST_F(EventLoopTest, DestroysTheRemainingStreams) {
   CarriedFlow waiting = carryFlow();
   CarriedFlow lingering = carryFlow();
   onLoop([&] {
@@ -80,8 +80,8 @@ TEST_F(EventLoopTest, TakesWhatIsLeftWithIt) {
   EXPECT_FALSE(weakFlow.expired());
 }
 
-// Completions that hold the flow or the connection in whose stream they wait, as a tunnel's do by
-// holding the tunnel.
+// Completions that keep alive the flow or connection in whose stream they are pending, as a
+// tunnel's do by holding the tunnel.
 class StoppedLoopTest : public RelayTest {
  protected:
   static platform::ErrorCompletion written(std::shared_ptr<void> holder) {
@@ -95,7 +95,7 @@ class StoppedLoopTest : public RelayTest {
       FAIL() << "the loop has stopped";
     };
   }
-  // More than the kernel takes of what nobody reads.
+  // More than the kernel buffers for a reader that does not read.
   static platform::Data muchData() {
     return platform::Data(std::vector<std::byte>(std::size_t{64} << 20U));
   }
@@ -115,7 +115,7 @@ class StoppedLoopTest : public RelayTest {
     loop().stop();
   }
 
-  // Gives up the test's own reference and tells whether it was the last one.
+  // Drops the test's own reference and returns true if it was the last one.
   template <typename Object>
   static bool isGone(std::shared_ptr<Object>& object) {
     const std::weak_ptr<Object> remaining = object;
@@ -124,7 +124,7 @@ class StoppedLoopTest : public RelayTest {
   }
 };
 
-TEST_F(StoppedLoopTest, DropsAWriteThatWaitsForItsPeer) {
+TEST_F(StoppedLoopTest, DropsAWriteThatIsBlockedByItsPeer) {
   Connected connected = connect();
   auto& connection = connected.connection;
   connection->write(muchData(), written(connection));
@@ -141,7 +141,7 @@ TEST_F(StoppedLoopTest, DropsAReadThatWaitsForItsPeer) {
   EXPECT_TRUE(isGone(carried.flow));
 }
 
-TEST_F(StoppedLoopTest, DropsWhatWaitsForASocket) {
+TEST_F(StoppedLoopTest, DropsOperationsThatWaitForASocket) {
   Flow released = makeFlow(ApplicationSocket(kApplicationIPv4).local());
   released.flow->read(received(released.flow));
   released.flow->write(platform::Data::copyOf("x"), written(released.flow));
@@ -150,7 +150,7 @@ TEST_F(StoppedLoopTest, DropsWhatWaitsForASocket) {
   EXPECT_TRUE(isGone(released.flow));
 }
 
-TEST_F(StoppedLoopTest, DropsAWriteThatIsDoneAndHasNotBeenTold) {
+TEST_F(StoppedLoopTest, DropsTheCompletionOfAFinishedWrite) {
   Connected connected = connect();
   auto& connection = connected.connection;
   stopAfter([&] { connection->write(platform::Data::copyOf("x"), written(connection)); });
@@ -158,7 +158,7 @@ TEST_F(StoppedLoopTest, DropsAWriteThatIsDoneAndHasNotBeenTold) {
   EXPECT_TRUE(isGone(connection));
 }
 
-TEST_F(StoppedLoopTest, DropsWhatAFlowThatWasNeverReleasedHasNotBeenTold) {
+TEST_F(StoppedLoopTest, DropsPendingCompletionsOfAHeldFlow) {
   Flow refused = makeFlow(ApplicationSocket(kApplicationIPv4).local());
   stopAfter([&] {
     refused.flow->closeRead(someError());
@@ -168,7 +168,7 @@ TEST_F(StoppedLoopTest, DropsWhatAFlowThatWasNeverReleasedHasNotBeenTold) {
   EXPECT_TRUE(isGone(refused.flow));
 }
 
-TEST_F(StoppedLoopTest, ATunnelWithAStalledReaderIsGoneWithItsFlowAndItsConnection) {
+TEST_F(StoppedLoopTest, DestroysATunnelWithAStalledReader) {
   CarriedFlow carried = carryFlow();
   Connected connected = connect();
   auto tunnel = std::make_shared<RelayTunnel>(carried.flow, connected.connection);
@@ -183,8 +183,8 @@ TEST_F(StoppedLoopTest, ATunnelWithAStalledReaderIsGoneWithItsFlowAndItsConnecti
   EXPECT_TRUE(isGone(connected.connection));
 }
 
-// A stream gives up its place among those of the loop while the loop goes through them.
-TEST_F(StoppedLoopTest, StreamsMayGoOnAnotherThreadAtTheSameTime) {
+// A stream removes itself from the loop's registry while the loop iterates over it.
+TEST_F(StoppedLoopTest, StreamsMayBeDestroyedOnAnotherThreadMeanwhile) {
   constexpr int kRounds = 50;
   for (int round = 0; round < kRounds; ++round) {
     DescriptorBudget budget(1000);
@@ -205,7 +205,7 @@ TEST_F(StoppedLoopTest, StreamsMayGoOnAnotherThreadAtTheSameTime) {
   }
 }
 
-TEST_F(EventLoopTest, AGroupHasALoopPerCoreWithListenersOfItsOwn) {
+TEST_F(EventLoopTest, AGroupHasALoopWithListenersPerCore) {
   DescriptorBudget budget(100'000);
   EventLoopGroup perCore(budget);
   EXPECT_GE(perCore.size(), 1U);

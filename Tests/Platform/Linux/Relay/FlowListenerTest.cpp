@@ -16,13 +16,12 @@
 namespace ostravel::linuxplatform::test {
 namespace {
 
-// Where the applications of these tests want to go; the kernel redirects them to the listener.
+// The destinations of these tests' applications; the kernel redirects them to the listener.
 constexpr const char* kFirstDestination = "10.1.0.1";
 constexpr const char* kSecondDestination = "10.1.0.2";
 constexpr std::uint16_t kDestinationPort = 443;
 
-// The tests use source ports of their own: the kernel remembers for a while where it has redirected
-// a connection.
+// Each test has its own source ports, because conntrack remembers redirections for a while.
 
 class FlowListenerTest : public RelayTest {
  protected:
@@ -70,7 +69,7 @@ class FlowListenerTest : public RelayTest {
   bool isRedirecting_ = false;
 };
 
-// The reset may arrive before connect() has told of the connection.
+// The reset may arrive before connect() has reported the connection.
 int errorOfConnection(ApplicationSocket& application, const char* address, std::uint16_t port) {
   const int error = application.connectTo(address, port);
   return error != 0 ? error : application.receiveToEnd().error;
@@ -115,7 +114,7 @@ TEST_F(FlowListenerTest, MatchesRedirectedConnectionsThatShareASourcePort) {
     ApplicationSocket earlySocket(kApplicationIPv4, sharedSourcePort);
     ASSERT_EQ(earlySocket.connectTo(early, kDestinationPort), 0);
     earlySocket.send(early);
-    // The kernel has to give this one another source port.
+    // The kernel has to assign another source port to this one.
     ApplicationSocket lateSocket(kApplicationIPv4, sharedSourcePort);
     ASSERT_EQ(lateSocket.connectTo(late, kDestinationPort), 0);
     lateSocket.send(late);
@@ -124,7 +123,7 @@ TEST_F(FlowListenerTest, MatchesRedirectedConnectionsThatShareASourcePort) {
   }
 }
 
-TEST_F(FlowListenerTest, ARenumberedConnectionIsNotGivenToAnotherApplication) {
+TEST_F(FlowListenerTest, ARenumberedConnectionStaysWithItsApplication) {
   constexpr std::uint16_t kSharedSourcePort = 5010;
   redirectDestinations();
   Waiting blocking = expectFlow(kFirstDestination, kSharedSourcePort);
@@ -159,7 +158,7 @@ TEST_F(FlowListenerTest, RenumberedConnectionsOfOneApplicationAreInterchangeable
   EXPECT_EQ(waitFor(std::move(shared.read)).bytes, "x");
 }
 
-TEST_F(FlowListenerTest, AConnectionToTheListenerItselfIsNotARedirectedOne) {
+TEST_F(FlowListenerTest, RejectsADirectConnection) {
   constexpr std::uint16_t kSharedSourcePort = 5030;
   redirectDestinations();
   Waiting waiting = expectFlow(kFirstDestination, kSharedSourcePort);
@@ -168,7 +167,7 @@ TEST_F(FlowListenerTest, AConnectionToTheListenerItselfIsNotARedirectedOne) {
   EXPECT_EQ(impostor.receiveToEnd().error, ECONNRESET);
 }
 
-TEST_F(FlowListenerTest, AConnectionThatTheKernelDoesNotTrackIsNotARedirectedOne) {
+TEST_F(FlowListenerTest, RejectsAnUntrackedConnection) {
   ApplicationSocket application(kApplicationIPv4);
   const Flow made = makeFlow(application.local());
   auto [completion, future] = readCompletion();
@@ -183,18 +182,18 @@ TEST_F(FlowListenerTest, AConnectionThatTheKernelDoesNotTrackIsNotARedirectedOne
 }
 
 TEST_F(FlowListenerTest, AnIdleConnectionIsKeptAlive) {
-  // What it inherits from the listener.
+  // Inherited from the listener.
   const CarriedFlow carried = carryFlow();
   const std::string command = "ss -tnoH 'sport = :" + std::to_string(loop().listener().ipv4Port()) +
                               "' | grep -q 'timer:(keepalive,1min'";
   EXPECT_EQ(std::system(command.c_str()), 0);
 }
 
-TEST_F(FlowListenerTest, LackOfDescriptorsDoesNotSpinAndPasses) {
+TEST_F(FlowListenerTest, RecoversFromLackOfDescriptorsWithoutSpinning) {
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
   ApplicationSocket application(kApplicationIPv4);
-  // A sanitizer needs a descriptor the first time that it sees an object of this class.
+  // A sanitizer needs a descriptor when it first sees an object of this class.
   activityWithin(1ms);
   const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);

@@ -21,17 +21,17 @@ class LingeringSocketTest : public RelayTest {
     return eventually([this] { return budget_.inUse() == idle_; });
   }
 
-  // What the listeners use.
+  // Used by the listeners.
   const std::size_t idle_ = budget_.inUse();
 };
 
-TEST_F(LingeringSocketTest, UnreadBytesDoNotDestroyWhatThePeerHasNotRead) {
+TEST_F(LingeringSocketTest, UnreadBytesDoNotDestroySentData) {
   CarriedFlow carried = carryFlow();
   const std::string answer(200'000, 'a');
   EXPECT_FALSE(write(*carried.flow, answer));
-  // Nobody reads this, which would make the kernel answer a plain close with a reset.
+  // Unread data, which would make the kernel answer a plain close with a reset.
   carried.application.send(std::string(100'000, 'u'));
-  // In one turn of the loop, so that nothing of it is discarded before the socket is closed.
+  // In one turn of the loop, so that none of it is discarded before the socket is closed.
   onLoop([&] { closeInOrder(*carried.flow); });
   carried.flow.reset();
   const auto received = carried.application.receiveToEnd();
@@ -39,7 +39,7 @@ TEST_F(LingeringSocketTest, UnreadBytesDoNotDestroyWhatThePeerHasNotRead) {
   EXPECT_EQ(received.error, 0);
 }
 
-TEST_F(LingeringSocketTest, LateBytesDoNotDestroyWhatThePeerHasNotRead) {
+TEST_F(LingeringSocketTest, LateBytesDoNotDestroySentData) {
   CarriedFlow carried = carryFlow();
   const std::string answer(200'000, 'a');
   EXPECT_FALSE(write(*carried.flow, answer));
@@ -72,7 +72,7 @@ TEST_F(LingeringSocketTest, EndsWithThePeersReset) {
   EXPECT_TRUE(allClosed());
 }
 
-TEST_F(LingeringSocketTest, DoesNotLingerForAPeerThatHasEndedBefore) {
+TEST_F(LingeringSocketTest, DoesNotLingerAfterThePeersEnd) {
   CarriedFlow carried = carryFlow();
   carried.application.endSending();
   EXPECT_TRUE(read(*carried.flow).isEnd());
@@ -83,7 +83,7 @@ TEST_F(LingeringSocketTest, DoesNotLingerForAPeerThatHasEndedBefore) {
   EXPECT_EQ(carried.application.receiveToEnd().bytes, "answer");
 }
 
-TEST_F(LingeringSocketTest, WaitsWithoutWorkingAndEndsWhenEverythingIsAcknowledged) {
+TEST_F(LingeringSocketTest, WaitsIdlyUntilEverythingIsAcknowledged) {
   CarriedFlow carried = carryFlow();
   closeInOrder(*carried.flow);
   drain();
@@ -104,7 +104,7 @@ TEST_F(LingeringSocketTest, WaitsLongerForAPeerThatHasNotReadEverything) {
   EXPECT_TRUE(waitFor(std::move(stalled)));
   connected.connection.reset();
   const std::uint64_t before = onLoop([this] { return loop().counters().wakeups; });
-  // The first look finds bytes that nobody has acknowledged.
+  // The first check finds unacknowledged bytes.
   EXPECT_TRUE(eventually([&] { return loop().counters().wakeups > before; }));
   EXPECT_EQ(budget_.inUse(), idle_ + 1);
   const auto received = connected.server.receiveToEnd();

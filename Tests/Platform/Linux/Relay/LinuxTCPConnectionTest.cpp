@@ -21,7 +21,7 @@ using platform::HostEndpoint;
 using platform::OptionalError;
 using platform::TCPConnectionState;
 
-// Remembers the states that it was told of. For the loop's thread.
+// Records the states that it was notified of. For the loop's thread.
 class StateObserver : public platform::KeyValueObserver {
  public:
   void observeValue(std::optional<std::string_view> keyPath,
@@ -52,7 +52,7 @@ class LinuxTCPConnectionTest : public RelayTest {
   }
 };
 
-TEST_F(LinuxTCPConnectionTest, ConnectsAndTellsItsObserverOnTheLoop) {
+TEST_F(LinuxTCPConnectionTest, ConnectsAndNotifiesItsObserverOnTheLoop) {
   for (const char* const address : {"127.0.0.1", "::1"}) {
     ApplicationSocket listener(address);
     listener.listen();
@@ -74,20 +74,21 @@ TEST_F(LinuxTCPConnectionTest, ConnectsAndTellsItsObserverOnTheLoop) {
   }
 }
 
-TEST_F(LinuxTCPConnectionTest, IsMadeOnTheLoopThatAsksForIt) {
+TEST_F(LinuxTCPConnectionTest, UsesTheCallersLoop) {
   DescriptorBudget budget(100'000);
   EventLoopGroup loops(budget, 3);
   ApplicationSocket listener("127.0.0.1");
   listener.listen();
   for (unsigned index = 0; index < loops.size(); ++index) {
-    std::promise<EventLoop*> told;
+    std::promise<EventLoop*> completedOn;
     std::shared_ptr<LinuxTCPConnection> connection;
     loops.loop(index).post([&] {
       connection = loops.connect(endpointOf(listener));
-      connection->write(Data::copyOf("x"),
-                        [&told](const OptionalError&) { told.set_value(EventLoop::current()); });
+      connection->write(Data::copyOf("x"), [&completedOn](const OptionalError&) {
+        completedOn.set_value(EventLoop::current());
+      });
     });
-    EXPECT_EQ(waitFor(told.get_future()), &loops.loop(index));
+    EXPECT_EQ(waitFor(completedOn.get_future()), &loops.loop(index));
   }
 }
 
@@ -161,7 +162,7 @@ TEST_F(LinuxTCPConnectionTest, AnUnreachableAddressDisconnects) {
 TEST_F(LinuxTCPConnectionTest, LackOfDescriptorsDisconnects) {
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  // A sanitizer needs a descriptor the first time that it sees an object of these classes.
+  // A sanitizer needs a descriptor when it first sees an object of these classes.
   EXPECT_TRUE(becomes(*loops_.connect({"", ""}), TCPConnectionState::disconnected));
   const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
@@ -263,7 +264,7 @@ TEST_F(LinuxTCPConnectionTest, ThePeersResetDisconnectsWithTheError) {
   EXPECT_EQ(connected.connection->error()->code, ECONNRESET);
 }
 
-TEST_F(LinuxTCPConnectionTest, CancelEndsInOrderAndCompletesWhatIsOutstanding) {
+TEST_F(LinuxTCPConnectionTest, CancelEndsInOrderAndCompletesOutstandingOperations) {
   Connected connected = connect();
   const auto observer = std::make_shared<StateObserver>();
   connected.connection->addObserver(observer, "state");
@@ -284,7 +285,7 @@ TEST_F(LinuxTCPConnectionTest, CancelEndsInOrderAndCompletesWhatIsOutstanding) {
   EXPECT_EQ(write(*connected.connection, "late")->code, ECANCELED);
 }
 
-TEST_F(LinuxTCPConnectionTest, CancelCompletesAWriteThatWaits) {
+TEST_F(LinuxTCPConnectionTest, CancelCompletesAPendingWrite) {
   Connected connected = connect();
   std::size_t acknowledged = 0;
   auto stalled = writeUntilStalled(*connected.connection, acknowledged);
@@ -313,7 +314,7 @@ TEST_F(LinuxTCPConnectionTest, CancelWhileConnecting) {
   EXPECT_EQ(statesSeenBy(*observer), std::vector{TCPConnectionState::cancelled});
 }
 
-TEST_F(LinuxTCPConnectionTest, CancelledOnTheLoopBeforeItBeganItIsNeverMade) {
+TEST_F(LinuxTCPConnectionTest, CancelBeforeConnectingPreventsTheConnection) {
   ApplicationSocket listener("127.0.0.1");
   listener.listen();
   std::promise<std::shared_ptr<LinuxTCPConnection>> made;
@@ -331,11 +332,11 @@ TEST_F(LinuxTCPConnectionTest, CancelledOnTheLoopBeforeItBeganItIsNeverMade) {
   EXPECT_EQ(connection->state(), TCPConnectionState::cancelled);
 }
 
-TEST_F(LinuxTCPConnectionTest, ARemovedObserverIsNotTold) {
+TEST_F(LinuxTCPConnectionTest, ARemovedObserverIsNotNotified) {
   Connected connected = connect();
   const auto removed = std::make_shared<StateObserver>();
   const auto staying = std::make_shared<StateObserver>();
-  // Is told that the connection stands.
+  // Receives the notification that the connection is established.
   connected.connection->addObserver(staying, "state");
   drain();
   staying->states_.clear();
@@ -378,7 +379,7 @@ TEST_F(LinuxTCPConnectionTest, ObserversAreHeldWeakly) {
   EXPECT_TRUE(becomes(*connected.connection, TCPConnectionState::cancelled));
 }
 
-TEST_F(LinuxTCPConnectionTest, DestroyedUncancelledResets) {
+TEST_F(LinuxTCPConnectionTest, DestructionWithoutCancelResets) {
   Connected connected = connect();
   EXPECT_FALSE(write(*connected.connection, "half of it"));
   EXPECT_EQ(connected.server.receive(10).bytes, "half of it");
@@ -386,7 +387,7 @@ TEST_F(LinuxTCPConnectionTest, DestroyedUncancelledResets) {
   EXPECT_EQ(connected.server.receiveToEnd().error, ECONNRESET);
 }
 
-TEST_F(LinuxTCPConnectionTest, DestroyedWhileConnectingCancelsWhatIsOutstanding) {
+TEST_F(LinuxTCPConnectionTest, DestructionWhileConnectingCancelsOperations) {
   ApplicationSocket listener("127.0.0.1");
   listener.listen();
   auto cancelled = std::make_shared<std::atomic<int>>(0);

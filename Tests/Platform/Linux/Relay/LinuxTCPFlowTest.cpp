@@ -35,7 +35,7 @@ class LinuxTCPFlowTest : public RelayTest {
     return {std::move(made.flow), std::move(application), std::move(future)};
   }
 
-  // Of an application that is somewhere, whatever its port.
+  // The address of some application, on any port.
   SocketEndpoint anySource() { return ApplicationSocket(kApplicationIPv4).local(); }
 };
 
@@ -106,12 +106,12 @@ TEST_F(LinuxTCPFlowTest, AnEmptyWriteSucceeds) {
   EXPECT_FALSE(write(*carried.flow, ""));
 }
 
-TEST_F(LinuxTCPFlowTest, AWriteOfBytesThatAreNotThereFails) {
+TEST_F(LinuxTCPFlowTest, AWriteOfMissingBytesFails) {
   const CarriedFlow carried = carryFlow();
   auto chunk = onLoop([this] {
     auto pipe = loop().pipes().take(nullptr);
     EXPECT_TRUE(pipe);
-    // An empty pipe without a writer has come to its end.
+    // An empty pipe without a writer is at its end.
     pipe->writeEnd = FileDescriptor();
     return std::make_unique<PipeChunk>(loop().pipes(), *std::move(pipe), 10);
   });
@@ -144,7 +144,7 @@ TEST_F(LinuxTCPFlowTest, ACloseBeforeTheReleaseRefuses) {
   }
 }
 
-TEST_F(LinuxTCPFlowTest, ACloseWithAnErrorBeforeTheReleaseGivesTheFlowBack) {
+TEST_F(LinuxTCPFlowTest, ACloseWithAnErrorBeforeTheReleaseLeavesTheFlow) {
   const std::vector<std::function<void(LinuxTCPFlow&)>> closes{
       [](LinuxTCPFlow& flow) { flow.closeRead(someError()); },
       [](LinuxTCPFlow& flow) { flow.closeWrite(someError()); }};
@@ -175,13 +175,13 @@ TEST_F(LinuxTCPFlowTest, ARefusalOutlivesItsFlow) {
   EXPECT_EQ(made.verdict->wait(), "refuse");
 }
 
-TEST_F(LinuxTCPFlowTest, DestroyedUnclosedBeforeTheReleaseLeavesTheFlowToTheSystem) {
+TEST_F(LinuxTCPFlowTest, DestructionBeforeTheReleaseLeavesTheFlow) {
   Flow made = makeFlow(anySource());
   made.flow.reset();
   EXPECT_EQ(made.verdict->current(), "accept");
 }
 
-TEST_F(LinuxTCPFlowTest, SaysThatTheApplicationGaveUpAndResetsALateConnection) {
+TEST_F(LinuxTCPFlowTest, ReportsAnAbandonedConnectionAndResetsALateOne) {
   Released released = releaseFlow();
   auto [completion, written] = errorCompletion();
   const auto start = std::chrono::steady_clock::now();
@@ -208,7 +208,7 @@ TEST_F(LinuxTCPFlowTest, AConnectionThatArrivesTwiceIsResetTheSecondTime) {
   EXPECT_EQ(again.receiveToEnd().error, ECONNRESET);
 }
 
-TEST_F(LinuxTCPFlowTest, DeliversTheEndOfTheStreamAgainAndAgain) {
+TEST_F(LinuxTCPFlowTest, DeliversTheEndOfTheStreamRepeatedly) {
   CarriedFlow carried = carryFlow();
   carried.application.send("last words");
   carried.application.endSending();
@@ -228,10 +228,10 @@ TEST_F(LinuxTCPFlowTest, AReadSeesTheApplicationsReset) {
   EXPECT_EQ(outcome.error->domain, platform::kPOSIXErrorDomain);
 }
 
-TEST_F(LinuxTCPFlowTest, AnEndIsNotMistakenForOneAfterAWriteHasFailed) {
+TEST_F(LinuxTCPFlowTest, AFailedWriteIsNotFollowedByAnOrderlyEnd) {
   CarriedFlow carried = carryFlow();
   carried.application.reset();
-  // The kernel tells the reset to one call only.
+  // The kernel reports the reset to only one call.
   ASSERT_TRUE(eventually([&] { return true; }));
   OptionalError failed;
   while (!failed) {
@@ -283,7 +283,7 @@ TEST_F(LinuxTCPFlowTest, ClosingTheReadDirectionDiscardsAndLeavesWriting) {
   ASSERT_TRUE(outcome.error);
   EXPECT_EQ(outcome.error->code, ECANCELED);
 
-  // More than the kernel's buffers hold, so that it would stall unless it were discarded.
+  // More than the kernel buffers, so that it would stall unless it were discarded.
   carried.application.send(std::string(32 * 1024 * 1024, 'd'));
   EXPECT_TRUE(eventually([&] { return loop().counters().discardedBytes == 32 * 1024 * 1024; }));
   EXPECT_FALSE(write(*carried.flow, "still said"));
@@ -359,14 +359,14 @@ TEST_F(LinuxTCPFlowTest, AWriteDirectionClosedBeforeTheArrivalIsClosedOnIt) {
   EXPECT_EQ(waitFor(std::move(released.read)).bytes, "still heard");
 }
 
-TEST_F(LinuxTCPFlowTest, DestroyedBetweenReleaseAndArrivalResets) {
+TEST_F(LinuxTCPFlowTest, DestructionBetweenReleaseAndArrivalResets) {
   Released released = releaseFlow();
   released.flow.reset();
   ASSERT_EQ(arrive(released.application), 0);
   EXPECT_EQ(released.application.receiveToEnd().error, ECONNRESET);
 }
 
-TEST_F(LinuxTCPFlowTest, DestroyedUnclosedResetsWhatItCarries) {
+TEST_F(LinuxTCPFlowTest, DestructionWithoutCloseResets) {
   CarriedFlow carried = carryFlow();
   EXPECT_FALSE(write(*carried.flow, "half of it"));
   EXPECT_EQ(carried.application.receive(10).bytes, "half of it");
@@ -374,7 +374,7 @@ TEST_F(LinuxTCPFlowTest, DestroyedUnclosedResetsWhatItCarries) {
   EXPECT_EQ(carried.application.receiveToEnd().error, ECONNRESET);
 }
 
-TEST_F(LinuxTCPFlowTest, DestructionCancelsWhatIsOutstanding) {
+TEST_F(LinuxTCPFlowTest, DestructionCancelsOutstandingOperations) {
   CarriedFlow carried = carryFlow();
   auto cancelled = std::make_shared<std::atomic<int>>(0);
   const auto onDone = [cancelled](const OptionalError& error) {
@@ -386,19 +386,19 @@ TEST_F(LinuxTCPFlowTest, DestructionCancelsWhatIsOutstanding) {
   onLoop([&] {
     carried.flow->open(std::nullopt, onDone);
     carried.flow->read(onRead);
-    carried.flow->write(Data::copyOf("done at once, told later"), onDone);
+    carried.flow->write(Data::copyOf("done at once, reported later"), onDone);
     carried.flow.reset();
   });
-  // What the completions hold is let go of as well.
+  // The objects held by the completions are released as well.
   EXPECT_TRUE(eventually([&] { return cancelled.use_count() == 3; }));
   EXPECT_EQ(*cancelled, 3);
 }
 
-TEST_F(LinuxTCPFlowTest, GivesItsDescriptorsBack) {
+TEST_F(LinuxTCPFlowTest, ReturnsItsDescriptors) {
   const std::size_t before = budget_.inUse();
   CarriedFlow carried = carryFlow();
   EXPECT_EQ(budget_.inUse(), before + 1);
-  // The completion of its read may still be holding it.
+  // The completion of its read may still hold it.
   drain();
   carried.flow.reset();
   EXPECT_EQ(budget_.inUse(), before);
@@ -406,7 +406,7 @@ TEST_F(LinuxTCPFlowTest, GivesItsDescriptorsBack) {
 
 using LinuxTCPFlowDeathTest = LinuxTCPFlowTest;
 
-TEST_F(LinuxTCPFlowDeathTest, ASecondReadOrWriteAtATimeIsAProgrammingError) {
+TEST_F(LinuxTCPFlowDeathTest, OverlappingReadsOrWritesAreAProgrammingError) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {

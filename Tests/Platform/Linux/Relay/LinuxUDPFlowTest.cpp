@@ -38,12 +38,12 @@ TEST_F(LinuxUDPFlowTest, IsRefusedOnceBothDirectionsAreClosed) {
   EXPECT_EQ(verdict_->current(), "refuse");
 }
 
-TEST_F(LinuxUDPFlowTest, IsLeftToTheSystemWhenItIsNotClosed) {
+TEST_F(LinuxUDPFlowTest, IsLeftToTheSystemUnlessClosed) {
   flow_.reset();
   EXPECT_EQ(verdict_->current(), "accept");
 }
 
-TEST_F(LinuxUDPFlowTest, IsLeftToTheSystemWhenOneDirectionIsOpen) {
+TEST_F(LinuxUDPFlowTest, IsLeftToTheSystemWhileOneDirectionIsOpen) {
   flow_->closeWrite(platform::Error{"test", 1, "failed"});
   flow_.reset();
   EXPECT_EQ(verdict_->current(), "accept");

@@ -35,7 +35,7 @@ std::string text(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-TEST_F(PipeChunkTest, ReadsItsPipeOutWhenItIsAskedForTheBytes) {
+TEST_F(PipeChunkTest, ReadsItsPipeWhenTheBytesAreRequested) {
   onLoop([this] {
     const auto chunk = makeChunk("in the kernel");
     EXPECT_TRUE(chunk->isInPipe());
@@ -48,7 +48,7 @@ TEST_F(PipeChunkTest, ReadsItsPipeOutWhenItIsAskedForTheBytes) {
   });
 }
 
-TEST_F(PipeChunkTest, ReadsOutAsMuchAsAPipeHolds) {
+TEST_F(PipeChunkTest, ReadsAFullPipe) {
   const std::string bytes(512 * 1024, 'p');
   onLoop([&] { EXPECT_EQ(text(makeChunk(bytes)->bytes()), bytes); });
 }
@@ -67,7 +67,7 @@ TEST_F(PipeChunkTest, MovesIntoASocket) {
   EXPECT_EQ(far.receive(7).bytes, "through");
 }
 
-TEST_F(PipeChunkTest, APeerThatIsGoneDoesNotEndTheProcess) {
+TEST_F(PipeChunkTest, AClosedPeerDoesNotEndTheProcess) {
   std::array<int, 2> pair{};
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
   const FileDescriptor near(pair[0]);
@@ -80,7 +80,7 @@ TEST_F(PipeChunkTest, APeerThatIsGoneDoesNotEndTheProcess) {
   });
 }
 
-TEST_F(PipeChunkTest, APipeThatIsNotEmptyIsNotReused) {
+TEST_F(PipeChunkTest, ANonemptyPipeIsNotReused) {
   const std::size_t before = budget_.inUse();
   onLoop([&] {
     makeChunk("left behind");
@@ -113,7 +113,7 @@ TEST_F(PipeChunkTest, ThereIsNoPipeWhenDescriptorsAreScarce) {
   onLoop([this] { EXPECT_FALSE(loop().pipes().take(nullptr)); });
 }
 
-TEST_F(PipeChunkTest, AChunkMayEndOnAnyThread) {
+TEST_F(PipeChunkTest, AChunkMayBeDestroyedOnAnyThread) {
   const std::size_t before = budget_.inUse();
   auto inPipe = onLoop([this] { return makeChunk("elsewhere"); });
   auto inBuffer = onLoop([this] {

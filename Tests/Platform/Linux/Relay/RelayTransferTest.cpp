@@ -15,7 +15,7 @@
 namespace ostravel::linuxplatform::test {
 namespace {
 
-// Bytes in an order that is unlikely to survive any loss, repetition or exchange.
+// A byte sequence that is unlikely to survive any loss, repetition or reordering.
 class ByteSequence {
  public:
   explicit ByteSequence(std::uint64_t seed) : state_(seed) {}
@@ -80,7 +80,7 @@ class RelayTransferTest : public RelayTest {
     return onLoop([this] { return loop().counters(); });
   }
 
-  // In both directions at the same time.
+  // In both directions at once.
   static void transferBothWays(Tunnel& tunnel, std::size_t size) {
     std::thread upload([&] { sendSequence(tunnel.application, 1, size); });
     std::thread download([&] { sendSequence(tunnel.server, 2, size); });
@@ -108,7 +108,7 @@ TEST_F(RelayTransferTest, CarriesLargeTransfersBothWaysByCopyingAndBySplicing) {
 
 TEST_F(RelayTransferTest, CarriesLargeTransfersToReadersWithSmallBuffers) {
   Tunnel tunnel = makeTunnel();
-  // Two segments of the loopback interface; with less than one TCP sends by its timer only.
+  // Two segments of the loopback interface; with less than one, TCP sends only by its timer.
   tunnel.application.setReceiveBuffer(1 << 16);
   tunnel.server.setReceiveBuffer(1 << 16);
   transferBothWays(tunnel, kLargeTransfer / 2);
@@ -122,7 +122,7 @@ TEST_F(RelayTransferTest, CopiesWhenThereAreNoPipes) {
   EXPECT_EQ(counters().splicedBytes, 0U);
 }
 
-TEST_F(RelayTransferTest, SmallExchangesAreCopied) {
+TEST_F(RelayTransferTest, CopiesSmallExchanges) {
   Tunnel tunnel = makeTunnel();
   for (int round = 0; round < 100; ++round) {
     tunnel.application.send("question");
@@ -133,7 +133,7 @@ TEST_F(RelayTransferTest, SmallExchangesAreCopied) {
   EXPECT_EQ(counters().splicedBytes, 0U);
 }
 
-TEST_F(RelayTransferTest, GoesBackToCopyingWhenTheBulkIsOver) {
+TEST_F(RelayTransferTest, CopiesAgainAfterABulkTransfer) {
   Tunnel tunnel = makeTunnel();
   transferBothWays(tunnel, kLargeTransfer);
   ASSERT_GT(counters().splicedBytes, 0U);
@@ -183,29 +183,29 @@ TEST_F(RelayTransferTest, AResetInABulkTransferEndsTheTunnel) {
   sending.join();
 }
 
-TEST_F(RelayTransferTest, AnIdleTunnelDoesNothingAndOwnsNothingButItsSockets) {
+TEST_F(RelayTransferTest, AnIdleTunnelUsesOnlyItsSockets) {
   const std::size_t before = budget_.inUse();
   Tunnel tunnel = makeTunnel();
   tunnel.application.send("once");
   ASSERT_EQ(tunnel.server.receive(4).bytes, "once");
   drain();
-  // The one buffer that there ever was is back.
+  // The only buffer ever allocated is back in the pool.
   EXPECT_EQ(onLoop([this] { return loop().buffers().keptCount(); }), 1U);
   EXPECT_EQ(budget_.inUse(), before + 2);
-  // The listener looks once whether the connection has arrived.
+  // The listener checks once whether the connection has arrived.
   activityWithin(limits::kAcceptTimeout);
   const Activity activity = activityWithin(300ms);
   EXPECT_EQ(activity.wakeups, 0U);
   EXPECT_LT(activity.cpuTime, 20ms);
 }
 
-TEST_F(RelayTransferTest, AUserWithOneStreamDoesNotWaitForManyOfAnother) {
+TEST_F(RelayTransferTest, ASingleStreamDoesNotWaitForManyOfAnotherUser) {
   constexpr int kManyStreams = 40;
   const auto many = std::make_shared<UserShare>();
   const auto one = std::make_shared<UserShare>();
   std::vector<Connected> connected;
   for (int stream = 0; stream <= kManyStreams; ++stream) {
-    // The last one is the other user's, and so the last to become readable.
+    // The last one belongs to the other user, and is the last to become readable.
     connected.push_back(connectFor(stream < kManyStreams ? many : one));
   }
   std::vector<std::size_t> order;
@@ -229,9 +229,9 @@ TEST_F(RelayTransferTest, AUserWithOneStreamDoesNotWaitForManyOfAnother) {
   EXPECT_LE(before * limits::kBufferSize / 2, limits::kBytesPerTurn);
 }
 
-TEST_F(RelayTransferTest, AStalledReaderCostsNothing) {
+TEST_F(RelayTransferTest, AStalledReaderUsesNoCPUAndBoundedMemory) {
   Tunnel tunnel = makeTunnel();
-  // Until the kernel takes no more on either side of the relay.
+  // Until the kernel's buffers are full on both sides of the relay.
   std::size_t sent = 0;
   for (int quiet = 0; quiet < 50;) {
     const auto taken = tunnel.server.sendWithoutWaiting(1 << 20);
@@ -239,19 +239,19 @@ TEST_F(RelayTransferTest, AStalledReaderCostsNothing) {
     quiet = taken == 0 ? quiet + 1 : 0;
     drain();
   }
-  // The listener looks once whether the connection has arrived.
+  // The listener checks once whether the connection has arrived.
   activityWithin(limits::kAcceptTimeout);
   const Activity activity = activityWithin(300ms);
   EXPECT_EQ(activity.wakeups, 0U);
   EXPECT_LT(activity.cpuTime, 20ms);
-  // What waits for the reader is counted for as long as it waits.
+  // Data that waits for the reader is counted while it waits.
   EXPECT_GT(memoryInUse(), 0U);
   EXPECT_LE(memoryInUse(), limits::kMaximumChunk);
   EXPECT_EQ(tunnel.application.receive(sent).bytes.size(), sent);
   EXPECT_TRUE(eventually([this] { return loop().memory().inUse() == 0; }));
 }
 
-TEST_F(RelayTransferTest, GoesOnInSmallPiecesWhenTheMemoryIsUsedUp) {
+TEST_F(RelayTransferTest, ContinuesInSmallPiecesWithoutMemory) {
   const auto most = onLoop([this] {
     MemoryBudget& memory = loop().memory();
     return MemoryBudget::Lease(memory, memory.limit());

@@ -2,7 +2,7 @@
 
 #include "Tests/Platform/Linux/Relay/Support/PrivateNetwork.h"
 
-// Before there is any thread: a network namespace is a thread's.
+// Before any other thread starts: a network namespace belongs to a thread.
 int main(int argc, char** argv) {
   ostravel::linuxplatform::test::enterPrivateNetwork();
   ::testing::InitGoogleTest(&argc, argv);

@@ -31,7 +31,7 @@ TEST(DescriptorBudgetTest, IsNearItsLimitWhenOnlyTheReserveIsLeft) {
   EXPECT_FALSE(budget.nearLimit());
 }
 
-TEST(DescriptorBudgetTest, ALeaseIsGivenBackOnce) {
+TEST(DescriptorBudgetTest, ALeaseIsReturnedOnce) {
   DescriptorBudget budget(1000);
   auto first = budget.lease(2);
   auto second = std::move(first);

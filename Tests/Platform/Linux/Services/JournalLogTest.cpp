@@ -28,7 +28,7 @@ using std::chrono::steady_clock;
 
 constexpr const char* kJournalSocket = "/run/systemd/journal/socket";
 
-// Runs the test on a thread that sees a file system of its own, in which /run is empty.
+// Runs the test on a thread with its own mount namespace, in which /run is empty.
 void withPrivateRun(const std::function<void()>& test) {
   std::thread([&test] {
     ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << "run as root";
@@ -52,8 +52,8 @@ class ReceivingJournal {
   }
   ~ReceivingJournal() { ::close(descriptor_); }
 
-  // The lines of the next datagram, none if there is none; fields without line breaks have the form
-  // NAME=value.
+  // The lines of the next datagram, empty if there is none; fields without line breaks have the
+  // form NAME=value.
   std::set<std::string> nextEntry() const {
     std::array<char, 4096> bytes{};
     const auto count = ::recv(descriptor_, bytes.data(), bytes.size(), 0);
@@ -120,7 +120,7 @@ TEST(JournalLogTest, SendsEveryLevelWithItsFields) {
   });
 }
 
-TEST(JournalLogTest, ALineBreakMakesNoFieldAndNoLine) {
+TEST(JournalLogTest, ALineBreakStartsNeitherFieldNorLine) {
   withPrivateRun([] {
     const ReceivingJournal journal;
     const auto writer = makeWriter();
@@ -136,7 +136,7 @@ TEST(JournalLogTest, ALineBreakMakesNoFieldAndNoLine) {
   });
 }
 
-TEST(JournalLogTest, WithoutAJournalALineIsLostWithoutATrace) {
+TEST(JournalLogTest, SilentlyLosesLinesWithoutAJournal) {
   withPrivateRun([] {
     const auto writer = makeWriter();
     JournalLog log(writer, "sub", "cat");
@@ -147,7 +147,7 @@ TEST(JournalLogTest, WithoutAJournalALineIsLostWithoutATrace) {
   });
 }
 
-TEST(JournalLogTest, AJournalThatHasStalledNeverHoldsUpTheCaller) {
+TEST(JournalLogTest, AStalledJournalDoesNotBlockTheCaller) {
   withPrivateRun([] {
     const ReceivingJournal journal;
     stall();
@@ -175,7 +175,7 @@ TEST(JournalLogTest, AJournalThatHasStalledNeverHoldsUpTheCaller) {
       receive();
     }
     receive();
-    // One, or two when the writer took its first buffer only after that was full.
+    // Two if the writer took its first buffer only after it was full.
     ASSERT_TRUE(reports.size() == 1 || reports.size() == 2) << reports.size();
     for (const auto& report : reports) {
       received += std::stoi(messageOf(report).substr(kReport.size()));
@@ -186,7 +186,7 @@ TEST(JournalLogTest, AJournalThatHasStalledNeverHoldsUpTheCaller) {
   });
 }
 
-TEST(JournalLogTest, DestructionLeavesAJournalThatHasStalledBehind) {
+TEST(JournalLogTest, DestructionDoesNotWaitForAStalledJournal) {
   withPrivateRun([] {
     const ReceivingJournal journal;
     stall();
@@ -196,7 +196,7 @@ TEST(JournalLogTest, DestructionLeavesAJournalThatHasStalledBehind) {
   });
 }
 
-TEST(JournalLogTest, InACrashARecordIsSentWithoutTheLibrary) {
+TEST(JournalLogTest, ACrashSendsARecordWithoutTheLibrary) {
   withPrivateRun([] {
     const ReceivingJournal journal;
     JournalLog::Output output("sub", "cat");
@@ -210,7 +210,7 @@ TEST(JournalLogTest, InACrashARecordIsSentWithoutTheLibrary) {
   });
 }
 
-TEST(JournalLogTest, InACrashNothingWaitsForTheJournal) {
+TEST(JournalLogTest, ACrashDoesNotWaitForTheJournal) {
   withPrivateRun([] {
     JournalLog::Output output("sub", "cat");
     const std::string record = output.dropped(7);

@@ -101,7 +101,7 @@ TEST_F(LinuxDispatchQueueTest, ASyncItemIsNotCopied) {
   EXPECT_EQ(item.calls, 2);
 }
 
-TEST_F(LinuxDispatchQueueTest, ASyncItemOfASerialQueueWaitsForThoseBefore) {
+TEST_F(LinuxDispatchQueueTest, ASyncItemOfASerialQueueWaitsForEarlierItems) {
   std::vector<int> order;
   for (int i = 0; i < 100; ++i) {
     serial_->async([&order, i] { order.push_back(i); });
@@ -111,7 +111,7 @@ TEST_F(LinuxDispatchQueueTest, ASyncItemOfASerialQueueWaitsForThoseBefore) {
   EXPECT_EQ(order.back(), 100);
 }
 
-TEST_F(LinuxDispatchQueueTest, ASyncItemOfASerialQueueKeepsOthersOut) {
+TEST_F(LinuxDispatchQueueTest, ASyncItemOfASerialQueueExcludesOthers) {
   std::latch isInside(1);
   std::latch release(1);
   std::vector<int> order;
@@ -139,7 +139,7 @@ TEST_F(LinuxDispatchQueueTest, BarriersOnASerialQueueAreOrdinaryItems) {
   EXPECT_EQ(order, (std::vector{1, 2, 3, 4}));
 }
 
-TEST_F(LinuxDispatchQueueTest, ConcurrentItemsRunSideBySide) {
+TEST_F(LinuxDispatchQueueTest, ConcurrentItemsRunInParallel) {
   std::latch together(3);
   concurrent_->async([&together] { together.arrive_and_wait(); });
   concurrent_->async([&together] { together.arrive_and_wait(); });
@@ -232,7 +232,7 @@ TEST_F(LinuxDispatchQueueTest, ABarrierIsNotStarvedByAStreamOfSyncItems) {
   drain();
 }
 
-TEST_F(LinuxDispatchQueueTest, ABarrierRunsAlthoughEveryPoolThreadWaitsBehindIt) {
+TEST_F(LinuxDispatchQueueTest, ABarrierRunsWhileEveryPoolThreadWaitsForIt) {
   std::latch release(1);
   std::latch isInside(1);
   std::thread reader([&] {
@@ -270,8 +270,8 @@ TEST_F(LinuxDispatchQueueTest, ABarrierRunsAlthoughEveryPoolThreadWaitsBehindIt)
   EXPECT_EQ(syncs, static_cast<int>(WorkerPool::kThreads));
 }
 
-TEST_F(LinuxDispatchQueueTest, ASerialQueueWorksAlthoughEveryPoolThreadWaitsForIt) {
-  // The first to come holds the queue, the others wait for items that no pool thread is left for.
+TEST_F(LinuxDispatchQueueTest, ASerialQueueWorksWhileEveryPoolThreadWaitsForIt) {
+  // The first one occupies the queue; the others wait for items that no pool thread is free to run.
   for (int round = 0; round < 100; ++round) {
     std::latch allAreTaken(WorkerPool::kThreads);
     std::atomic<int> ran = 0;
@@ -330,7 +330,7 @@ TEST_F(LinuxDispatchQueueTest, ItemsMayUseOtherQueuesAndSubmitToTheirOwn) {
   EXPECT_EQ(value, 2);
 }
 
-TEST_F(LinuxDispatchQueueTest, WhatAnItemOwnsIsReleasedBeforeTheNextItem) {
+TEST_F(LinuxDispatchQueueTest, AnItemIsDestroyedBeforeTheNextOneRuns) {
   auto owned = std::make_shared<int>(1);
   const std::weak_ptr<int> observer = owned;
   bool isReleased = false;
@@ -342,7 +342,7 @@ TEST_F(LinuxDispatchQueueTest, WhatAnItemOwnsIsReleasedBeforeTheNextItem) {
   EXPECT_TRUE(isReleased);
 }
 
-TEST_F(LinuxDispatchQueueTest, WhatAnItemOwnsMayUseTheQueueWhenItGoes) {
+TEST_F(LinuxDispatchQueueTest, AnItemsDestructorMayUseTheQueue) {
   std::atomic<int> ran = 0;
   for (const auto& queue : {serial_, concurrent_}) {
     const auto submitsAgain = [&ran, &queue](const int*) { queue->async([&ran] { ++ran; }); };
@@ -352,7 +352,7 @@ TEST_F(LinuxDispatchQueueTest, WhatAnItemOwnsMayUseTheQueueWhenItGoes) {
   EXPECT_EQ(ran, 2);
 }
 
-TEST_F(LinuxDispatchQueueTest, QueuesThatNeverRunDryLeaveThreadsToOthers) {
+TEST_F(LinuxDispatchQueueTest, BusyQueuesLeaveThreadsToOthers) {
   std::atomic<bool> ends = false;
   const std::function<void(DispatchQueue&)> submitEndlessly = [&](DispatchQueue& queue) {
     queue.async([&] {
@@ -366,14 +366,14 @@ TEST_F(LinuxDispatchQueueTest, QueuesThatNeverRunDryLeaveThreadsToOthers) {
     busy.push_back(make(DispatchQueueKind::serial));
     submitEndlessly(*busy.back());
   }
-  // Ends the others, if it is ever run.
+  // Ends the other items, if it ever runs.
   serial_->async([&ends] { ends = true; });
   drain();
   EXPECT_TRUE(ends);
 }
 
-// Runs body on a thread whose futex calls are counted and then carried out (seccomp_unotify(2)). A
-// thread that wakes another one makes such a call.
+// Runs body on a thread whose futex calls are counted and then performed (seccomp_unotify(2)). A
+// thread needs such a call to wake another one.
 void countFutexCalls(std::atomic<int>& count, const std::function<void()>& body) {
   std::array<int, 2> pipe{};
   ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
@@ -411,7 +411,7 @@ void countFutexCalls(std::atomic<int>& count, const std::function<void()>& body)
   ::close(pipe[1]);
 }
 
-TEST_F(LinuxDispatchQueueTest, AScheduledSerialQueueTakesItemsWithoutWakingAnybody) {
+TEST_F(LinuxDispatchQueueTest, AScheduledSerialQueueAcceptsItemsWithoutWakeUps) {
   std::latch isRunning(1);
   std::latch release(1);
   std::atomic<int> ran = 0;
@@ -428,7 +428,7 @@ TEST_F(LinuxDispatchQueueTest, AScheduledSerialQueueTakesItemsWithoutWakingAnybo
       serial_->async([&ran] { ++ran; });
     }
     whileScheduled = calls;
-    // An idle queue does wake a thread of the pool, so the counter works.
+    // An idle queue does wake a pool thread, which proves that the counter works.
     while (calls == whileScheduled) {
       make(DispatchQueueKind::serial)->async([] {});
     }
@@ -440,7 +440,7 @@ TEST_F(LinuxDispatchQueueTest, AScheduledSerialQueueTakesItemsWithoutWakingAnybo
 }
 
 // Every kind of item from many threads, over data that only the queue protects.
-TEST_F(LinuxDispatchQueueTest, ReadersAndWritersFromManyThreadsKeepTheirRules) {
+TEST_F(LinuxDispatchQueueTest, ReadersAndWritersFromManyThreadsExcludeEachOther) {
   constexpr int kThreads = 8;
   constexpr int kItems = 3000;
   struct Shared {
@@ -507,7 +507,7 @@ TEST_F(LinuxDispatchQueueTest, ReadersAndWritersFromManyThreadsKeepTheirRules) {
   EXPECT_EQ(shared.first, shared.second);
 }
 
-TEST_F(LinuxDispatchQueueTest, SerialItemsFromManyThreadsNeverOverlapAndKeepTheirSendersOrder) {
+TEST_F(LinuxDispatchQueueTest, SerialItemsFromManyThreadsKeepEachSendersOrder) {
   constexpr int kThreads = 8;
   constexpr int kItems = 3000;
   std::array<int, kThreads> next{};

@@ -27,8 +27,8 @@ class LinuxDispatchTimerTest : public testing::Test {
     return std::make_shared<LinuxDispatchTimer>(service_, queue_);
   }
 
-  // Returns when a timer that was set now for that delay has expired, and every handler that was
-  // submitted before has run: what should have happened by then has happened.
+  // Returns when a timer set now for that delay has expired and all earlier handlers have run:
+  // anything due by then has happened.
   void waitFor(std::chrono::nanoseconds delay) {
     std::promise<void> fired;
     const auto witness = make();
@@ -39,7 +39,7 @@ class LinuxDispatchTimerTest : public testing::Test {
     finishHandlers();
   }
 
-  // What handlers refer to may go when they have returned.
+  // Handlers refer to local variables, which may be destroyed only after they have returned.
   void finishHandlers() {
     queue_->sync([] {});
   }
@@ -103,9 +103,9 @@ TEST_F(LinuxDispatchTimerTest, RepeatsWithItsIntervalAndNeverEarly) {
   }
 }
 
-TEST_F(LinuxDispatchTimerTest, LatenessOfOneExpirationDoesNotMoveTheNext) {
-  // Every expiration is late by nearly the leeway. If that added up, no two would be less than 40
-  // ms apart. A machine that is busy elsewhere can delay some of them, but not all.
+TEST_F(LinuxDispatchTimerTest, ALateExpirationDoesNotDelayTheNext) {
+  // Every expiration is late by nearly the leeway. If the delays added up, no two would be less
+  // than 40 ms apart. A busy machine can delay some of them, but not all.
   constexpr int kTimes = 20;
   std::vector<Clock::time_point> moments;
   std::promise<void> done;
@@ -127,7 +127,7 @@ TEST_F(LinuxDispatchTimerTest, LatenessOfOneExpirationDoesNotMoveTheNext) {
   EXPECT_LT(shortest, 30ms);
 }
 
-TEST_F(LinuxDispatchTimerTest, IsMadeSuspended) {
+TEST_F(LinuxDispatchTimerTest, StartsSuspended) {
   timer_->setEventHandler([this] { ++fired_; });
   timer_->schedule(1ms, 1ms, 0ns);
   waitFor(20ms);
@@ -154,7 +154,7 @@ TEST_F(LinuxDispatchTimerTest, ExpirationsAreMergedWithAWaitingHandler) {
   isBusy.wait();
   timer_->schedule(1ms, 1ms, 0ns);
   timer_->resume();
-  // Another queue tells that time has passed, since this one is busy.
+  // This queue is busy, so another one shows that time has passed.
   const auto other = std::make_shared<LinuxDispatchQueue>(pool_, "com.ostravel.other",
                                                           platform::DispatchQueueKind::serial);
   LinuxDispatchTimer witness(service_, other);
@@ -164,7 +164,7 @@ TEST_F(LinuxDispatchTimerTest, ExpirationsAreMergedWithAWaitingHandler) {
   witness.resume();
   passed.get_future().wait();
   other->sync([] {});
-  // Both are behind the one handler that waits.
+  // Both were merged into the one waiting handler.
   int seen = 0;
   queue_->async([&] {
     seen = fired_;
@@ -214,7 +214,7 @@ TEST_F(LinuxDispatchTimerTest, CancelBeforeItFires) {
   EXPECT_EQ(fired_, 0);
 }
 
-TEST_F(LinuxDispatchTimerTest, CancelStopsAHandlerThatIsWaiting) {
+TEST_F(LinuxDispatchTimerTest, CancelStopsAWaitingHandler) {
   std::latch isBusy(1);
   std::latch release(1);
   timer_->setEventHandler([this] { ++fired_; });
@@ -260,7 +260,7 @@ TEST_F(LinuxDispatchTimerTest, DestroyingItCancelsIt) {
   EXPECT_EQ(fired_, 0);
 }
 
-TEST_F(LinuxDispatchTimerTest, DestroyingItStopsAHandlerThatIsWaiting) {
+TEST_F(LinuxDispatchTimerTest, DestroyingItStopsAWaitingHandler) {
   std::latch isBusy(1);
   std::latch release(1);
   timer_->setEventHandler([this] { ++fired_; });
@@ -317,7 +317,7 @@ TEST_F(LinuxDispatchTimerTest, ASecondScheduleReplacesTheFirst) {
   EXPECT_EQ(fired_, 1);
 }
 
-TEST_F(LinuxDispatchTimerTest, AReplacedScheduleIsNoExpiration) {
+TEST_F(LinuxDispatchTimerTest, AReplacedScheduleDoesNotExpire) {
   timer_->setEventHandler([this] { ++fired_; });
   timer_->schedule(1h, std::nullopt, 0ns);
   timer_->resume();
@@ -326,7 +326,7 @@ TEST_F(LinuxDispatchTimerTest, AReplacedScheduleIsNoExpiration) {
   EXPECT_EQ(fired_, 0);
 }
 
-TEST_F(LinuxDispatchTimerTest, TheLongestDelayIsNoOverflow) {
+TEST_F(LinuxDispatchTimerTest, TheLongestDelayDoesNotOverflow) {
   timer_->setEventHandler([this] { ++fired_; });
   timer_->schedule(std::chrono::nanoseconds::max(), std::chrono::nanoseconds::max(),
                    std::chrono::nanoseconds::max());
@@ -335,11 +335,11 @@ TEST_F(LinuxDispatchTimerTest, TheLongestDelayIsNoOverflow) {
   EXPECT_EQ(fired_, 0);
 }
 
-TEST_F(LinuxDispatchTimerTest, AnIntervalHasToBePositive) {
+TEST_F(LinuxDispatchTimerTest, AnIntervalMustBePositive) {
   EXPECT_THROW(timer_->schedule(0s, 0s, 0ns), std::logic_error);
 }
 
-TEST_F(LinuxDispatchTimerTest, LeewayMakesItLateButNeverEarly) {
+TEST_F(LinuxDispatchTimerTest, LeewayDelaysButNeverAdvancesIt) {
   const auto start = Clock::now();
   std::promise<Clock::time_point> moment;
   timer_->setEventHandler([&] { moment.set_value(Clock::now()); });
@@ -352,7 +352,7 @@ TEST_F(LinuxDispatchTimerTest, LeewayMakesItLateButNeverEarly) {
 TEST_F(LinuxDispatchTimerTest, TimersWithTheSameLeewayExpireTogether) {
   constexpr int kTimers = 10;
   constexpr auto kLeeway = 200ms;
-  // From just after one of the common moments there is time to set all of them before the next.
+  // Starting just after a common moment leaves time to set all of them before the next.
   const auto untilCommon = kLeeway - Clock::now().time_since_epoch() % kLeeway;
   waitFor(untilCommon);
   std::vector<Clock::time_point> moments;
@@ -370,7 +370,7 @@ TEST_F(LinuxDispatchTimerTest, TimersWithTheSameLeewayExpireTogether) {
   }
   done.wait();
   finishHandlers();
-  // Apart they would be nine milliseconds from first to last, whenever the first one came.
+  // Uncoalesced, the last one would expire nine milliseconds after the first, whenever that was.
   for (const auto moment : moments) {
     EXPECT_GE(moment - start, kTimers * 1ms);
   }
@@ -405,7 +405,7 @@ TEST_F(LinuxDispatchTimerTest, NothingExpiresAfterTheServiceHasStopped) {
   EXPECT_EQ(fired_, atStop);
 }
 
-// All operations from many threads while the timer expires, for ThreadSanitizer to judge.
+// All operations from many threads while the timer expires, for ThreadSanitizer.
 TEST_F(LinuxDispatchTimerTest, OperationsFromManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 300;

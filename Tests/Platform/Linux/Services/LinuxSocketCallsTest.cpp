@@ -23,7 +23,7 @@ std::uint32_t markOf(int descriptor) {
   return mark;
 }
 
-TEST(LinuxSocketCallsTest, SocketsOfTheInternetFamiliesAreOurOwn) {
+TEST(LinuxSocketCallsTest, MarksInternetSocketsAsOurOwn) {
   LinuxSocketCalls calls;
   for (const int family : {AF_INET, AF_INET6}) {
     for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
@@ -35,7 +35,7 @@ TEST(LinuxSocketCallsTest, SocketsOfTheInternetFamiliesAreOurOwn) {
   }
 }
 
-TEST(LinuxSocketCallsTest, LocalSocketsAreNotMarked) {
+TEST(LinuxSocketCallsTest, DoesNotMarkLocalSockets) {
   LinuxSocketCalls calls;
   const auto made = calls.socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_GE(made.value, 0);
@@ -43,14 +43,14 @@ TEST(LinuxSocketCallsTest, LocalSocketsAreNotMarked) {
   calls.close(static_cast<int>(made.value));
 }
 
-TEST(LinuxSocketCallsTest, AFailureIsThatOfTheCall) {
+TEST(LinuxSocketCallsTest, PassesOnAFailure) {
   LinuxSocketCalls calls;
   const auto failed = calls.socket(AF_INET, 12345, 0);
   EXPECT_EQ(failed.value, -1);
   EXPECT_EQ(failed.error, EINVAL);
 }
 
-TEST(LinuxSocketCallsTest, WithoutThePermissionToMarkThereIsAnUnmarkedSocket) {
+TEST(LinuxSocketCallsTest, ReturnsAnUnmarkedSocketWithoutPermission) {
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {

@@ -15,7 +15,7 @@ TEST(LogLineTest, KeepsTextOfAnyLanguage) {
 TEST(LogLineTest, ControlCharactersAreShown) {
   EXPECT_EQ(printable(std::string_view("a\nb\r\t\0\x1b[2J\x7f", 11)),
             "a\\x0ab\\x0d\\x09\\x00\\x1b[2J\\x7f");
-  // CSI as one C1 control, and the first character behind the controls.
+  // CSI as one C1 control, and the first character after the controls.
   EXPECT_EQ(printable("\xc2\x9b"
                       "2J\xc2\xa0"),
             "\\xc2\\x9b"

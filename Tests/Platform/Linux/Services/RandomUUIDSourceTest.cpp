@@ -21,7 +21,7 @@ TEST(RandomUUIDSourceTest, HasTheFormOfVersion4InUpperCase) {
   }
 }
 
-TEST(RandomUUIDSourceTest, EveryFreeDigitTakesEveryValue) {
+TEST(RandomUUIDSourceTest, EveryRandomDigitTakesEveryValue) {
   RandomUUIDSource source;
   std::array<std::set<char>, 36> seen;
   for (int i = 0; i < 2000; ++i) {

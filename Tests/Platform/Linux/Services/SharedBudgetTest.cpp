@@ -13,7 +13,7 @@ namespace {
 
 class SharedBudgetTest : public testing::Test {
  protected:
-  // Takes one by one as long as it is permitted; how many there were.
+  // Takes one at a time while permitted; returns how many.
   std::size_t takeAll(const std::shared_ptr<UserShare>& share) {
     std::size_t count = 0;
     while (budget_.isWithinShare(*share, 1)) {
@@ -29,18 +29,18 @@ class SharedBudgetTest : public testing::Test {
   const std::shared_ptr<UserShare> bob_ = std::make_shared<UserShare>();
 };
 
-TEST_F(SharedBudgetTest, AUserAloneGetsHalf) {
+TEST_F(SharedBudgetTest, ASingleUserGetsHalf) {
   EXPECT_EQ(takeAll(alice_), 60U);
   EXPECT_EQ(budget_.unused(), 60U);
 }
 
-TEST_F(SharedBudgetTest, WhoComesLaterGetsHalfOfTheRest) {
+TEST_F(SharedBudgetTest, ALaterUserGetsHalfOfTheRemainder) {
   takeAll(alice_);
   EXPECT_EQ(takeAll(bob_), 30U);
   EXPECT_EQ(takeAll(std::make_shared<UserShare>()), 15U);
 }
 
-TEST_F(SharedBudgetTest, UsersWhoTakeTurnsGetTheSame) {
+TEST_F(SharedBudgetTest, UsersWhoAlternateGetEqualShares) {
   bool isTaken = true;
   while (isTaken) {
     isTaken = false;
@@ -55,7 +55,7 @@ TEST_F(SharedBudgetTest, UsersWhoTakeTurnsGetTheSame) {
   EXPECT_EQ(bob_->descriptors(), 40U);
 }
 
-TEST_F(SharedBudgetTest, WhatIsGivenBackIsFree) {
+TEST_F(SharedBudgetTest, AReturnedAmountIsFree) {
   takeAll(alice_);
   leases_.clear();
   EXPECT_EQ(alice_->descriptors(), 0U);
@@ -63,7 +63,7 @@ TEST_F(SharedBudgetTest, WhatIsGivenBackIsFree) {
   EXPECT_EQ(takeAll(alice_), 60U);
 }
 
-TEST_F(SharedBudgetTest, ALeaseChangesHands) {
+TEST_F(SharedBudgetTest, ALeaseCanBeChargedToAnotherUser) {
   auto lease = budget_.lease(5);
   lease.chargeTo(alice_);
   EXPECT_EQ(alice_->descriptors(), 5U);
@@ -94,7 +94,7 @@ TEST_F(SharedBudgetTest, MoreThanTheLimitMayBeInUse) {
   EXPECT_FALSE(budget_.isWithinShare(*alice_, 1));
 }
 
-TEST(MemoryBudgetTest, PermitsWithoutAUserWhatIsUnused) {
+TEST(MemoryBudgetTest, WithoutAUserPermitsTheUnusedAmount) {
   MemoryBudget budget(100);
   EXPECT_TRUE(budget.permits(nullptr, 100));
   EXPECT_FALSE(budget.permits(nullptr, 101));

@@ -34,7 +34,7 @@ class StderrLogTest : public testing::Test {
     std::signal(SIGPIPE, SIG_IGN);
     EXPECT_EQ(::fcntl(ends_[0], F_SETFL, O_NONBLOCK), 0);
   }
-  // What is left then meets a closed pipe.
+  // Remaining lines then meet a closed pipe.
   ~StderrLogTest() override {
     ::close(ends_[0]);
     ::close(ends_[1]);
@@ -42,7 +42,7 @@ class StderrLogTest : public testing::Test {
 
   void flush() { ASSERT_TRUE(writer_->flush(steady_clock::now() + 60s)); }
 
-  // What has come so far.
+  // Everything written so far.
   std::string read() {
     std::string text;
     std::array<char, 65536> bytes{};
@@ -112,7 +112,7 @@ TEST_F(StderrLogTest, TheTimeIsUTCAndThatOfTheCall) {
   EXPECT_LE(logged, after.tv_sec);
 }
 
-TEST_F(StderrLogTest, DebugLinesAreDroppedUnlessAskedFor) {
+TEST_F(StderrLogTest, DropsDebugLinesByDefault) {
   StderrLog log(writer_, StderrLog::Debug::isDropped);
   log.debug("hidden");
   EXPECT_EQ(written(), "");
@@ -128,7 +128,7 @@ TEST_F(StderrLogTest, ALineBreakInAnArgumentDoesNotMakeALine) {
   EXPECT_EQ(line.find('\n'), line.size() - 1);
 }
 
-TEST_F(StderrLogTest, ALineThatCannotBeWrittenIsLostWithoutATrace) {
+TEST_F(StderrLogTest, SilentlyLosesALineThatCannotBeWritten) {
   writer_ = writerOn(-1);
   StderrLog toNowhere(writer_, StderrLog::Debug::isDropped);
   errno = EDOM;
@@ -147,15 +147,15 @@ TEST_F(StderrLogTest, AClosedPipeIsNotFatalInAProcessThatIgnoresSIGPIPE) {
   ::close(ends[1]);
 }
 
-TEST_F(StderrLogTest, APipeThatNobodyReadsNeverHoldsUpTheCaller) {
+TEST_F(StderrLogTest, AnUnreadPipeDoesNotBlockTheCaller) {
   StderrLog log(writer_, StderrLog::Debug::isDropped);
   errno = EDOM;
-  // Much more than the pipe and the writer hold: it would not come back from a write.
+  // Far more than the pipe and the writer hold: a blocking write would never return.
   stall(log, 100'000);
   EXPECT_EQ(errno, EDOM);
 }
 
-TEST_F(StderrLogTest, LinesThatWereDroppedAreCounted) {
+TEST_F(StderrLogTest, CountsDroppedLines) {
   StderrLog log(writer_, StderrLog::Debug::isDropped);
   constexpr int kLines = 100'000;
   stall(log, kLines);
@@ -171,7 +171,7 @@ TEST_F(StderrLogTest, LinesThatWereDroppedAreCounted) {
   };
   auto accounted = static_cast<int>(find("info    OstravelProxy: line [0-9]+\n").size());
   const auto reports = find("Z error   OstravelProxy: Log lines dropped count=([0-9]+)\n");
-  // One, or two when the writer took its first buffer only after that was full.
+  // Two if the writer took its first buffer only after it was full.
   ASSERT_TRUE(reports.size() == 1 || reports.size() == 2) << reports.size();
   for (const auto& report : reports) {
     accounted += std::stoi(report[1]);
@@ -182,7 +182,7 @@ TEST_F(StderrLogTest, LinesThatWereDroppedAreCounted) {
 TEST_F(StderrLogTest, LinesFromManyThreadsStayWhole) {
   StderrLog log(writer_, StderrLog::Debug::isDropped);
   constexpr int kThreads = 4;
-  // All of them fit into the pipe, however they come.
+  // All of them fit into the pipe in any order.
   constexpr int kLines = 40;
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {

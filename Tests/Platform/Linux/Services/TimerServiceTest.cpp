@@ -21,7 +21,7 @@ TEST(TimerServiceTest, AnAlarmExpiresAtItsTimeAndNotBefore) {
   EXPECT_GE(expired.get_future().get(), time);
 }
 
-TEST(TimerServiceTest, AnAlarmOfThePastExpires) {
+TEST(TimerServiceTest, AnAlarmInThePastExpires) {
   TimerService service;
   std::promise<void> expired;
   service.set(Clock::now() - 1h, [&expired] { expired.set_value(); });
@@ -37,7 +37,7 @@ TEST(TimerServiceTest, AnEarlierAlarmDoesNotWaitForALaterOne) {
   expired.get_future().get();
 }
 
-TEST(TimerServiceTest, AlarmsExpireInTheOrderOfTheirTimesAndOfTheirSettings) {
+TEST(TimerServiceTest, AlarmsExpireInOrderOfTimeThenOfSetting) {
   TimerService service;
   std::vector<int> order;
   std::promise<void> expired;
@@ -50,7 +50,7 @@ TEST(TimerServiceTest, AlarmsExpireInTheOrderOfTheirTimesAndOfTheirSettings) {
   EXPECT_EQ(order, (std::vector{1, 2, 3}));
 }
 
-TEST(TimerServiceTest, AnAlarmThatIsTakenBackDoesNotExpireAndLetsGoOfWhatItHeld) {
+TEST(TimerServiceTest, ACancelledAlarmDoesNotExpireAndIsDestroyed) {
   TimerService service;
   std::promise<void> expired;
   const auto held = std::make_shared<int>(0);
@@ -62,7 +62,7 @@ TEST(TimerServiceTest, AnAlarmThatIsTakenBackDoesNotExpireAndLetsGoOfWhatItHeld)
   expired.get_future().get();
 }
 
-TEST(TimerServiceTest, OthersStillExpireWhenTheNextOneIsTakenBack) {
+TEST(TimerServiceTest, OtherAlarmsExpireAfterTheNextOneIsCancelled) {
   TimerService service;
   std::promise<void> expired;
   const auto alarm = service.set(Clock::now() + 20ms, [] { FAIL(); });
@@ -71,7 +71,7 @@ TEST(TimerServiceTest, OthersStillExpireWhenTheNextOneIsTakenBack) {
   expired.get_future().get();
 }
 
-TEST(TimerServiceTest, AnAlarmMaySetAndTakeBackOthers) {
+TEST(TimerServiceTest, AnAlarmMaySetAndCancelOthers) {
   TimerService service;
   std::promise<void> expired;
   const auto other = service.set(Clock::now() + 1h, [] { FAIL(); });
@@ -82,7 +82,7 @@ TEST(TimerServiceTest, AnAlarmMaySetAndTakeBackOthers) {
   expired.get_future().get();
 }
 
-TEST(TimerServiceTest, TakingBackWhatHasExpiredDoesNothing) {
+TEST(TimerServiceTest, CancellingAnExpiredAlarmDoesNothing) {
   TimerService service;
   std::promise<void> expired;
   const auto alarm = service.set(Clock::now(), [&expired] { expired.set_value(); });

@@ -17,7 +17,7 @@ TEST(UserSharesTest, EveryUserHasOneShare) {
   EXPECT_EQ(shares.of(std::nullopt), shares.of(std::nullopt));
 }
 
-TEST(UserSharesTest, WhoeverUsesNothingIsForgottenWhenThereAreMany) {
+TEST(UserSharesTest, ForgetsIdleUsersWhenThereAreMany) {
   UserShares shares;
   const auto held = shares.of(1);
   held->holdBegan();
@@ -34,7 +34,7 @@ TEST(UserSharesTest, WhoeverUsesNothingIsForgottenWhenThereAreMany) {
 
 class OfferRateTest : public testing::Test {
  protected:
-  // How many of so many offers within a second exceed the rate.
+  // How many of count offers within a second exceed the rate.
   int excess(UserShare& share, int count) {
     int exceeding = 0;
     for (int i = 0; i < count; ++i) {
@@ -48,14 +48,14 @@ class OfferRateTest : public testing::Test {
   UserShare share_;
 };
 
-TEST_F(OfferRateTest, ABurstAndASteadyRateAreWithinIt) {
+TEST_F(OfferRateTest, ABurstAndASteadyRateAreWithinTheLimit) {
   EXPECT_EQ(excess(share_, 790), 0);
   EXPECT_EQ(excess(share_, 390), 0);
   now_ += 1s;
   EXPECT_EQ(excess(share_, 790), 0);
 }
 
-TEST_F(OfferRateTest, AFloodExceedsItByWhatIsMore) {
+TEST_F(OfferRateTest, AFloodExceedsTheLimit) {
   excess(share_, 1500);
   const int second = excess(share_, 1500);
   EXPECT_NEAR(second, 1500 - 400, 2);
@@ -73,7 +73,7 @@ TEST(UserSharesTest, KnowsWhetherAnotherUserIsActive) {
   shares.noteActivity(*bob, start + 1s);
   shares.noteActivity(*bob, start + 2s);
   EXPECT_TRUE(shares.isOtherActive(*alice, start + 2s));
-  // Alice was active longer ago than that.
+  // Alice's last activity is longer ago than that.
   EXPECT_FALSE(shares.isOtherActive(*bob, start + 2s));
   EXPECT_FALSE(shares.isOtherActive(*alice, start + 4s));
 }

@@ -18,7 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-// One item for one turn, counted as a queue counts it.
+// One item for one turn, counted like a queue's item.
 class OneItem final : public WorkerPool::Client {
  public:
   OneItem(WorkerPool& pool, std::function<void()> work) : pool_(pool), work_(std::move(work)) {
@@ -35,7 +35,7 @@ class OneItem final : public WorkerPool::Client {
   const std::function<void()> work_;
 };
 
-// Everything that items refer to has to outlive them.
+// The objects that items refer to have to outlive them.
 void drain(WorkerPool& pool) {
   ASSERT_TRUE(pool.drain(steady_clock::now() + 60s));
 }
@@ -52,7 +52,7 @@ TEST(WorkerPoolTest, GivesTurnsOnItsOwnThreads) {
   drain(pool);
 }
 
-TEST(WorkerPoolTest, AllOfItsThreadsWorkSideBySide) {
+TEST(WorkerPoolTest, AllThreadsWorkInParallel) {
   WorkerPool pool;
   std::latch together(WorkerPool::kThreads);
   for (std::size_t i = 0; i < WorkerPool::kThreads; ++i) {
@@ -108,12 +108,12 @@ TEST(WorkerPoolTest, GivesTurnsInOrder) {
   }
 }
 
-TEST(WorkerPoolTest, IsDrainedAtOnceWhenThereIsNothing) {
+TEST(WorkerPoolTest, IsDrainedAtOnceWithoutItems) {
   WorkerPool pool;
   EXPECT_TRUE(pool.drain(steady_clock::now()));
 }
 
-TEST(WorkerPoolTest, SaysThatAnItemIsStillRunningAtTheDeadline) {
+TEST(WorkerPoolTest, ReportsAnItemStillRunningAtTheDeadline) {
   WorkerPool pool;
   std::latch release(1);
   submit(pool, [&release] { release.wait(); });
@@ -136,7 +136,7 @@ TEST(WorkerPoolTest, DrainingWaitsForItemsThatItemsSubmit) {
   EXPECT_EQ(ran, 3);
 }
 
-TEST(WorkerPoolTest, DestructionRunsWhatIsLeft) {
+TEST(WorkerPoolTest, DestructionRunsTheRemainingItems) {
   std::atomic<int> ran = 0;
   {
     WorkerPool pool;

@@ -26,10 +26,10 @@ namespace ostravel::testing {
 namespace {
 
 constexpr std::uint64_t kProgramNode = 2;
-// More than the largest request, which is a write of this size and its header.
+// More than the largest request, a write of this size with its header.
 constexpr std::size_t kRequestSize = 256 * 1024;
 
-// Answers what the kernel asks (fuse(4), linux/fuse.h).
+// Answers the kernel's requests (fuse(4), linux/fuse.h).
 class Server {
  public:
   Server(int device, std::string content) : device_(device), content_(std::move(content)) {}
@@ -62,7 +62,7 @@ class Server {
     out.unique = header.unique;
     const std::array<iovec, 2> parts{
         {{&out, sizeof out}, {const_cast<char*>(body.data()), body.size()}}};
-    // The question may have been withdrawn.
+    // The request may have been cancelled.
     [[maybe_unused]] const auto written =
         ::writev(device_, parts.data(), static_cast<int>(parts.size()));
   }
@@ -144,7 +144,7 @@ HangingFileSystem::HangingFileSystem(std::string folder, const std::string& prog
     Server(device, std::move(content)).run();
     ::_exit(0);
   }
-  // With the last descriptor, which is the server's, everybody who waits gets an error.
+  // Closing the last descriptor, the server's, fails all pending requests.
   ::close(device);
 }
 

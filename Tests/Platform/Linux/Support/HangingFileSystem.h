@@ -6,13 +6,13 @@
 
 namespace ostravel::testing {
 
-// A FUSE file system with one file, "program", that is as the given one was, and that the kernel
-// may keep nothing about but the file's content. Everybody may run it, until it hangs: then nobody
-// who asks for anything gets an answer. Mounted in the mount namespace of the caller, which should
-// be a private one; served by a process of its own, and unmounted with the object.
+// A FUSE file system with one file, "program", a copy of the given one, of which the kernel may
+// cache only the content. Everybody may run it until it hangs; then no request is answered. Mounted
+// in the caller's mount namespace, which should be private; served by a separate process, and
+// unmounted on destruction.
 class HangingFileSystem {
  public:
-  // folder is an empty one.
+  // folder must be empty.
   HangingFileSystem(std::string folder, const std::string& program);
   HangingFileSystem(const HangingFileSystem&) = delete;
   HangingFileSystem& operator=(const HangingFileSystem&) = delete;

@@ -8,10 +8,11 @@
 
 namespace ostravel::testing {
 
-// A running helper program. Killed, and waited for, with the object.
+// A running helper program. Destruction kills it and waits for it.
 class Helper {
  public:
-  // inChild runs in the new process before the program starts; false makes the start fail.
+  // inChild runs in the new process before the program starts; returning false makes the start
+  // fail.
   explicit Helper(
       const std::string& program = OSTRAVEL_HELPER,
       const std::function<bool()>& inChild = [] { return true; });
@@ -23,10 +24,10 @@ class Helper {
 
   // Sends one line and returns the answer.
   std::string ask(const std::string& line);
-  // For the commands that make a socket: its port; 0 when that failed.
+  // For commands that create a socket: returns its port, or 0 on failure.
   std::uint16_t makeSocket(const std::string& command, std::uint16_t port);
 
-  // The process is gone, and nothing is left of it, when this returns.
+  // Returns when the process has ended and been reaped.
   void kill();
 
  private:

@@ -1,22 +1,21 @@
-// Does what the lines of its standard input say, and answers each with one line. Ends with its
-// input.
+// Obeys the lines of its standard input and answers each with one line. Ends when its input ends.
 //
 //   listen PORT     listens on 127.0.0.1
-//   connect PORT    connects to 127.0.0.1, and tells the port of its own
+//   connect PORT    connects to 127.0.0.1, and prints its own port
 //   connect6 PORT   the same with ::1
-//   send PORT       sends a datagram to 127.0.0.1 from an unconnected socket, and tells its port
-//   proxy PORT      is a proxy that takes CONNECT, on 127.0.0.1
-//   serve NUMBER    is one on the listening socket that was inherited with this number
+//   send PORT       sends a datagram to 127.0.0.1 from an unconnected socket, and prints its port
+//   proxy PORT      is a CONNECT proxy on 127.0.0.1
+//   serve NUMBER    is one on the listening socket inherited with this number
 //   via PORT        makes its tunnels through the proxy on that port
 //   answer TEXT     answers every CONNECT with that line, or, without one, not at all
-//   hang-up         ends every connection that asks for something
-//   tunnel          makes tunnels, as in the beginning
+//   hang-up         closes every connection that makes a request
+//   tunnel          makes tunnels, as initially
 //   reconnect FD    connects this datagram socket to port 443 of 127.0.0.1
-//   port FD         tells the port of this socket
-//   close           closes the socket that was made last
+//   port FD         prints the port of this socket
+//   close           closes the last socket created
 //   hold COUNT      opens that many descriptors
-//   user NUMBER     goes on as another user
-//   run PATH        goes on as another program, which answers "ready"
+//   user NUMBER     becomes another user
+//   run PATH        executes another program, which answers "ready"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -96,7 +95,7 @@ std::string obey(const std::string& line, int& last) {
     return "done";
   }
   if (command == "close") {
-    // Wakes the thread that accepts.
+    // Wakes the accepting thread.
     ::shutdown(last, SHUT_RDWR);
     return ::close(last) == 0 ? "done" : "failed";
   }
@@ -138,7 +137,7 @@ std::string obey(const std::string& line, int& last) {
 int main() {
   int last = -1;
   std::cout << "ready" << std::endl;
-  // Unbuffered: the next program reads on where this one stopped.
+  // Unbuffered: the next program continues reading where this one stopped.
   std::string line;
   for (char byte = 0; ::read(STDIN_FILENO, &byte, 1) == 1;) {
     if (byte != '\n') {

@@ -21,7 +21,7 @@ namespace {
 struct Behaviour {
   // 0: tunnels are made directly.
   std::uint16_t parent = 0;
-  // Absent: a tunnel.
+  // Empty: a tunnel.
   std::optional<std::string> answer;
   bool hangsUp = false;
 };
@@ -34,7 +34,7 @@ bool sendAll(int connection, std::string_view bytes) {
          static_cast<ssize_t>(bytes.size());
 }
 
-// False at the end of what comes from one.
+// False when one has ended.
 bool copySome(int one, int other) {
   std::array<char, 4096> part;
   const auto received = ::recv(one, part.data(), part.size(), 0);
@@ -93,7 +93,7 @@ void serve(int connection) {
     if (!current.answer->empty()) {
       sendAll(connection, *current.answer + "\r\n\r\n");
     }
-    // Until the other side ends it.
+    // Until the other side closes.
     receiveRequest(connection);
   }
   ::close(connection);

@@ -43,7 +43,7 @@ sockaddr_storage socketAddress(const std::string& text, std::uint16_t port) {
   return storage;
 }
 
-// The port stands at the same place in both families' addresses.
+// Both families' addresses have the port in the same place.
 std::uint16_t portOf(const sockaddr_storage& storage) {
   return ntohs(reinterpret_cast<const sockaddr_in&>(storage).sin_port);
 }

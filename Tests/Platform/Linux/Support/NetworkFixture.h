@@ -23,8 +23,8 @@ platform::NetworkRule udpRule(const std::string& address, const std::string& por
 // Settings that select TCP to loopback port 8000, IPv4 and IPv6.
 platform::TransparentProxyNetworkSettings loopbackSettings();
 
-// The packets that arrive at the queue until one has come or the limit is over. Every packet gets
-// its verdict from the test.
+// The packets that arrive at the queue, until there is at least one or the limit has expired. The
+// test gives every packet its verdict.
 struct OfferedPacket {
   std::uint32_t id = 0;
   std::uint32_t mark = 0;
@@ -35,7 +35,7 @@ struct OfferedPacket {
 std::vector<OfferedPacket> waitForPackets(linuxplatform::PacketQueue& queue,
                                           std::chrono::milliseconds limit);
 
-// A listening TCP socket on loopback, closed at the end.
+// A listening TCP socket on loopback, closed on destruction.
 class Listener {
  public:
   explicit Listener(const std::string& address, std::uint16_t port = 0);
@@ -44,9 +44,9 @@ class Listener {
   ~Listener();
 
   std::uint16_t port() const { return port_; }
-  // The source port of the next connection; 0 when none comes within the limit.
+  // The source port of the next connection; 0 if none arrives within the limit.
   std::uint16_t acceptOne(std::chrono::milliseconds limit);
-  // The same, ended with a reset.
+  // The same, but resets the connection.
   std::uint16_t acceptAndResetOne(std::chrono::milliseconds limit);
 
  private:
@@ -56,11 +56,11 @@ class Listener {
   std::uint16_t port_ = 0;
 };
 
-// How a socket that connects differs from most.
+// Options of a connecting socket.
 struct SocketSettings {
   // SO_MARK
   std::uint32_t mark = 0;
-  // 0: of the kernel's choice.
+  // 0: chosen by the kernel.
   std::uint16_t sourcePort = 0;
 };
 
@@ -73,7 +73,7 @@ class Connecting {
   Connecting& operator=(const Connecting&) = delete;
   ~Connecting();
 
-  // 0 when it stands, errno when it failed, EINPROGRESS when the limit was over first.
+  // 0 if it is connected, errno if it failed, EINPROGRESS if the limit expired first.
   int result(std::chrono::milliseconds limit) const;
   std::uint16_t sourcePort() const;
   void send(const std::string& bytes) const;
@@ -84,7 +84,7 @@ class Connecting {
   int descriptor_;
 };
 
-// What a command prints; the command must succeed.
+// The output of a command, which must succeed.
 std::string outputOf(const std::string& command);
 
 }  // namespace ostravel::testing

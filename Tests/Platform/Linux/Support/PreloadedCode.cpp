@@ -1,5 +1,5 @@
-// Code that a user loads into somebody else's program with LD_PRELOAD (ld.so(8)): connects a
-// datagram socket, as descriptor 77, before the program begins.
+// Code that a user loads into another user's program with LD_PRELOAD (ld.so(8)): connects a
+// datagram socket, as descriptor 77, before the program starts.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -4,11 +4,11 @@
 
 namespace ostravel::testing {
 
-// Gives this process, which must have one thread only, a view of the file system of its own, in
-// which it can mount things without anybody noticing. False when that is not permitted.
+// Gives this process, which must be single-threaded, a private mount namespace. False if that is
+// not permitted.
 bool enterPrivateMounts();
 
-// Runs body in a child process that has one. What fails there fails here.
+// Runs body in a child process that has one. Failures there fail the test here.
 void inPrivateMounts(const std::function<void()>& body);
 
 }  // namespace ostravel::testing

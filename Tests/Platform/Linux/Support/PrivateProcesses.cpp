@@ -21,7 +21,7 @@ bool mountOwnProc() {
 }  // namespace
 
 void inPrivateProcesses(const std::function<void()>& body) {
-  // The namespace is for all later children of who asks for it, so that is a child, too.
+  // The namespace applies to all later children of the caller, so the caller is a child, too.
   const pid_t outer = ::fork();
   ASSERT_GE(outer, 0);
   if (outer == 0) {

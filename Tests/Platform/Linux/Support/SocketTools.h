@@ -19,7 +19,7 @@ linuxplatform::FlowTuple flowOverIPv4(linuxplatform::TransportProtocol protocol,
 linuxplatform::FlowTuple flowOverIPv6(linuxplatform::TransportProtocol protocol,
                                       std::uint16_t source, std::uint16_t destination);
 
-// A socket address for the endpoint; mapped into IPv6 where the socket is of that family.
+// A socket address for the endpoint, mapped to IPv6 if the socket is of that family.
 sockaddr_storage socketAddress(int socketFamily, const linuxplatform::SocketEndpoint& endpoint);
 
 std::uint16_t portOf(const linuxplatform::FileDescriptor& socket);
@@ -32,7 +32,7 @@ bool bindTo(const linuxplatform::FileDescriptor& socket, int family,
 bool connectTo(const linuxplatform::FileDescriptor& socket, int family,
                const linuxplatform::SocketEndpoint& endpoint);
 
-// A TCP socket that listens on 127.0.0.1 on a port of the system's choice.
+// A TCP socket that listens on 127.0.0.1 on a port chosen by the system.
 linuxplatform::FileDescriptor makeListener();
 
 }  // namespace ostravel::testing

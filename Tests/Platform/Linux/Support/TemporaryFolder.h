@@ -6,7 +6,7 @@
 
 namespace ostravel::testing {
 
-// A folder of its own, removed with everything in it. Everybody may look into it.
+// A new folder, readable by everybody and removed with its content on destruction.
 class TemporaryFolder {
  public:
   TemporaryFolder();

@@ -11,17 +11,17 @@
 
 namespace ostravel::linuxplatform::test {
 
-// A blocking TCP socket as applications and servers use it. No call waits longer than 20 s; what
-// comes too late fails with EAGAIN.
+// A blocking TCP socket as applications and servers use it. No call blocks longer than 20 s; later
+// data fails with EAGAIN.
 class ApplicationSocket {
  public:
-  // How a stream ended: 0 for an end in order, or errno.
+  // How a stream ended: 0 for an orderly end, or errno.
   struct Received {
     std::string bytes;
     int error = 0;
   };
 
-  // Bound to the address and a port of the kernel's choice, or to the port if there is one.
+  // Bound to the address, and to the port or, if it is 0, one chosen by the kernel.
   explicit ApplicationSocket(const char* address, std::uint16_t port = 0);
   explicit ApplicationSocket(FileDescriptor descriptor);
 
@@ -37,19 +37,19 @@ class ApplicationSocket {
   void listen();
   ApplicationSocket accept();
 
-  // Fails the test unless all is taken.
+  // Fails the test unless everything is sent.
   void send(std::string_view bytes);
-  // Everything that was sent is in the peer's kernel.
+  // Returns when all sent data is in the peer's kernel.
   void waitUntilAcknowledged() const;
-  // As much as the kernel takes without waiting.
+  // As much as the kernel accepts without blocking.
   std::size_t sendWithoutWaiting(std::size_t size);
-  // Fewer bytes only at the end of the stream or after a failure.
+  // Returns fewer bytes only at the end of the stream or after a failure.
   Received receive(std::size_t size);
   // One recv; what it returned.
   long receiveSome(char* bytes, std::size_t size);
   Received receiveToEnd();
   void endSending();
-  // Ends the calls of other threads on this socket, and fails later ones.
+  // Ends other threads' calls on this socket, and makes later ones fail.
   void interrupt();
   void reset();
   void close() { descriptor_ = FileDescriptor(); }

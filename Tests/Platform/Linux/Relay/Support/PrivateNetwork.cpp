@@ -33,7 +33,7 @@ void waitUntilReachable(const char* ipv6Address) {
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
   const FileDescriptor socket(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  // Now with a port.
+  // The address is now bound to a port.
   if (::bind(socket.get(), generic, size) != 0 ||
       ::getsockname(socket.get(), generic, &size) != 0) {
     std::perror(ipv6Address);

@@ -9,13 +9,13 @@
 
 namespace ostravel::linuxplatform::test {
 
-// The verdict on a held packet, as seen by a test on any thread.
+// The verdict on a held packet, readable by a test on any thread.
 class Verdict {
  public:
-  // Empty as long as there is none; "accept", "refuse" or "redirect N".
+  // Empty before the verdict; then "accept", "refuse" or "redirect N".
   std::string current() const;
   std::string wait() const;
-  // The first one counts.
+  // Only the first verdict counts.
   void give(std::string verdict);
 
  private:

@@ -12,7 +12,7 @@ namespace ostravel::linuxplatform::test {
 
 namespace {
 
-// Where the applications are going, if the redirection did not work, to nobody.
+// Destinations that nobody listens on, in case the redirection fails.
 constexpr const char* kDestinationIPv4 = "127.0.2.1";
 constexpr const char* kDestinationIPv6 = "::1";
 
@@ -32,7 +32,7 @@ std::pair<platform::ReadCompletion, std::future<ReadOutcome>> readCompletion() {
               const auto bytes = data->bytes();
               outcome.bytes.emplace(reinterpret_cast<const char*>(bytes.data()), bytes.size());
             }
-            // Throws when it is called twice.
+            // Throws if it is called twice.
             promise->set_value(std::move(outcome));
           },
           std::move(future)};
@@ -56,7 +56,7 @@ RelayTest::RelayTest() : destinationPort_(nextDestinationPort()) {
       {{kDestinationIPv4, port}, 32, platform::NetworkRuleProtocol::tcp},
       {{kDestinationIPv6, port}, 128, platform::NetworkRuleProtocol::tcp}};
   const FlowListener& listener = loop().listener();
-  // Nobody listens at the queue.
+  // Nothing reads the queue.
   auto installed = InterceptionTable::install(settings, loops_.marks(), 0,
                                               {{listener.ipv4Port(), listener.ipv6Port()}});
   if (!installed) {
@@ -160,7 +160,7 @@ std::future<platform::OptionalError> RelayTest::writeUntilStalled(LinuxTCPConnec
   while (true) {
     auto [completion, future] = errorCompletion();
     connection.write(platform::Data::copyOf(chunk), std::move(completion));
-    // The write is tried on the loop at once; if it completes, then in the turn after.
+    // The write is tried on the loop at once; a completion follows in the next turn.
     drain();
     drain();
     if (future.wait_for(0s) != std::future_status::ready) {

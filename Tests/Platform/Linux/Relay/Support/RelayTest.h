@@ -22,7 +22,7 @@ namespace ostravel::linuxplatform::test {
 
 using namespace std::chrono_literals;
 
-// No wait of a test is longer.
+// The longest wait of a test.
 inline constexpr auto kPatience = 20s;
 
 template <typename Value>
@@ -34,7 +34,7 @@ Value waitFor(std::future<Value> future) {
   return future.get();
 }
 
-// What a completion was given.
+// The arguments of a completion.
 struct ReadOutcome {
   std::optional<std::string> bytes;
   platform::OptionalError error;
@@ -42,7 +42,7 @@ struct ReadOutcome {
   bool isEnd() const { return !bytes && !error; }
 };
 
-// A completion and the future of what it is given. The chunk's bytes are asked for.
+// A completion and the future of its arguments. Reads the chunk's bytes.
 std::pair<platform::ReadCompletion, std::future<ReadOutcome>> readCompletion();
 std::pair<platform::ErrorCompletion, std::future<platform::OptionalError>> errorCompletion();
 
@@ -75,21 +75,21 @@ class RelayTest : public ::testing::Test {
     loop().post(std::move(task));
     return result.get();
   }
-  // Returns after everything has run that was posted before.
+  // Returns when everything posted before has run.
   void drain() {
     onLoop([] {});
   }
-  // Looks at the condition again and again, on the loop.
+  // Checks the condition repeatedly, on the loop.
   bool eventually(const std::function<bool()>& condition);
 
   FlowTuple tupleOf(const SocketEndpoint& source) const;
-  // What the kernel does with the SYN of a released flow: the application's connection, to where
-  // it was going, arrives at the loop. What connect() says.
+  // Does what the kernel does with the SYN of a released flow: makes the application's connection
+  // to its destination arrive at the loop. Returns the result of connect().
   int arrive(ApplicationSocket& application);
-  // A flow whose application has this source.
+  // A flow from an application with this source.
   Flow makeFlow(const SocketEndpoint& source);
-  // A flow that was released by a read and has been accepted; the read is answered with "x" from
-  // the application, which the test need not know of.
+  // A flow that was released by a read and accepted. The read is answered with "x" from the
+  // application; the test need not know of it.
   CarriedFlow carryFlow();
   Connected connect();
   // For a tunnel of this user.
@@ -103,7 +103,7 @@ class RelayTest : public ::testing::Test {
   std::future<platform::OptionalError> writeUntilStalled(LinuxTCPConnection& connection,
                                                          std::size_t& acknowledged);
 
-  // What the loop does within a while: how often it was woken, and its CPU time.
+  // What the loop does in an interval: the number of wake-ups, and its CPU time.
   struct Activity {
     std::uint64_t wakeups = 0;
     std::chrono::nanoseconds cpuTime{};
@@ -114,13 +114,12 @@ class RelayTest : public ::testing::Test {
   EventLoopGroup loops_{budget_, 1};
 
  private:
-  // Every test has a destination of its own: the kernel remembers for a while where it has
-  // redirected a connection.
+  // Different in every test, because conntrack remembers redirections for a while.
   const std::uint16_t destinationPort_;
   std::unique_ptr<InterceptionTable> table_;
 };
 
-// An error with which the core closes.
+// Any error with which the core may close.
 platform::Error someError();
 
 }  // namespace ostravel::linuxplatform::test

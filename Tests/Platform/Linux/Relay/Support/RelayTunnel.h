@@ -9,8 +9,8 @@
 
 namespace ostravel::linuxplatform::test {
 
-// Carries bytes between a flow and a connection as the core does: read on one side, write to the
-// other, read again; whatever ends, ends everything.
+// Carries bytes between a flow and a connection like the core: read on one side, write to the
+// other, repeat; the end of either ends both.
 class RelayTunnel : public std::enable_shared_from_this<RelayTunnel> {
  public:
   RelayTunnel(std::shared_ptr<platform::AppProxyTCPFlow> flow,
