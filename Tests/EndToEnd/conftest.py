@@ -1,4 +1,4 @@
-"""What every test stands on: the programs, the permissions, and a laboratory of its own."""
+"""What every test needs: the programs, the permissions, and its own laboratory."""
 
 import os
 import resource
@@ -28,7 +28,7 @@ FOREIGN_PROGRAMS = {
 
 
 def find_missing():
-    """One sentence about the first thing that is missing; None if all is there."""
+    """One sentence about the first missing prerequisite; None if there is none."""
     if os.geteuid() != 0:
         return "the end-to-end tests make network namespaces: run them as root"
     if os.path.realpath(sys.executable) != PYTHON:
@@ -60,7 +60,7 @@ def programs_folder():
     missing = find_missing()
     if missing:
         pytest.fail(missing, pytrace=False)
-    # Thousands of connections have both their ends here.
+    # Both ends of thousands of connections are here.
     _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     return os.path.abspath(os.environ["OSTRAVEL_BIN"])

@@ -2,13 +2,13 @@
 
     connector.py HOST PORT --rate 300 [--at-once N] [--count N]
 
-Connections begin when they are due, whatever became of the earlier ones, unless N of them are
+Connections begin when they are due, independently of earlier ones, unless N of them are
 pending. Each reads the line with which the origin (plain_origin.py) names the address and port that
-it sees, and so knows whether it went through the local proxy. With --at-once 1 connections follow
+it sees, which shows whether it went through the local proxy. With --at-once 1 connections follow
 one another.
 
 A line on standard input asks for a report: one JSON object about everything that has ended since
-the last one. "end" begins no new connections, unless a count of them was asked for and is not
+the last one. "end" begins no new connections, unless a requested count of them is not
 complete, waits for pending ones, and makes a last report.
 """
 
@@ -30,9 +30,9 @@ import time
 # A connect() that takes longer than this counts as failed. The kernel itself sends a first packet
 # again after 1 s and after 3 s.
 LIMIT_SECONDS = 15
-# And an origin that has not said a word by then will not.
+# An origin that has sent nothing by then will not.
 ANSWER_SECONDS = 5
-# How a connection has ended that was established before.
+# How an established connection has ended.
 RESETS = (errno.ECONNRESET, errno.EPIPE)
 SLOW_SECONDS = 1
 SHOWN_FAILURES = 5
@@ -76,7 +76,7 @@ class Statistics:
             "seconds": time.time() - self.began_at,
             "connections": len(times) + self.failed.total(),
             "pending": pending,
-            # Established, by the way that they went; "reset": ended before the origin's line came.
+            # Established, by the path they took; "reset": ended before the origin's line came.
             **{way: self.ways[way] for way in ("proxied", "direct", "reset")},
             "failed": dict(self.failed),
             "examples": self.examples,
@@ -111,7 +111,7 @@ class Connector:
             may_begin = is_wanted and self._pending < self._at_once
             if may_begin and now >= due:
                 self._begin()
-                # What could not begin in time is not made up for in one burst.
+                # Connections that are overdue do not begin in one burst.
                 due = max(due + self._interval, now - 0.1)
                 continue
             wait = due - now if may_begin else 1.0

@@ -1,4 +1,4 @@
-"""What the kernel knows about connections (connection tracking), and how to make it forget."""
+"""The kernel's connection tracking table, and how to clear it."""
 
 import os
 import socket

@@ -1,4 +1,4 @@
-"""The monitoring events that a run brings: receiving them, and what each looks like."""
+"""The monitoring events of a run: how to receive them, and what each looks like."""
 
 import datetime
 import json
@@ -10,7 +10,7 @@ CONNECTION_REFUSED = "Connection refused"
 
 
 class AnyNumber:
-    """Equal to every number that a measurement can have."""
+    """Equal to every number that a measurement can return."""
 
     def __eq__(self, other):
         return isinstance(other, (int, float)) and not isinstance(other, bool) and other >= 0
@@ -45,7 +45,7 @@ class EventStream:
             return len(found) == count
 
         enough = count == 0 or self._lines.wait(is_enough, mark)
-        assert enough, f"only {len(found)} of {count} events came: {what}"
+        assert enough, f"only {len(found)} of {count} events arrived: {what}"
         return found
 
     def wait(self, signal, mark=0, **properties):
@@ -88,7 +88,7 @@ class EventStream:
 
 
 def check_envelope(event):
-    """What is the same in every event."""
+    """The part that is the same in every event."""
     assert set(event) <= {
         "message_id", "timestamp", "logged_at", "type", "current_signal", "flow_id", "component",
         "level", "code", "message", "metrics", "context",
@@ -104,7 +104,7 @@ def check_envelope(event):
 
 
 def shape(event):
-    """The event without what differs from run to run."""
+    """The event without the parts that differ between runs."""
     check_envelope(event)
     varying = ("message_id", "timestamp", "logged_at", "type", "component", "flow_id")
     return {key: value for key, value in event.items() if key not in varying}
@@ -115,10 +115,10 @@ def shapes(events):
 
 
 def check_timed_out(flow, application, target):
-    """The events of a flow that the deadline ended.
+    """The events of a flow that ended at its deadline.
 
-    Closing the tunnel cancels the read that waits for the answer. Whether the tunnel is still there
-    to tell of that is a matter of chance, so that this one event may follow.
+    Closing the tunnel cancels the read that waits for the answer. The tunnel may or may not still
+    exist to report that, so this one event may follow.
     """
     told = shapes(flow)
     assert told[:3] == [

@@ -1,4 +1,4 @@
-"""Ways in which the extension can hang, without anything in it that helps."""
+"""Ways to make the extension hang from outside, without its cooperation."""
 
 import contextlib
 import ctypes
@@ -72,7 +72,7 @@ def find_endless_loop(extension):
 
 
 def spin(extension, name):
-    """Makes one thread run in circles, as a bug would."""
+    """Makes one thread loop forever, as a bug would."""
     assert platform.machine() == "x86_64", "registers are known for x86-64 only"
     thread = thread_of(extension, name)
     ptrace(PTRACE_SEIZE, thread)
@@ -81,7 +81,7 @@ def spin(extension, name):
     registers = Registers()
     ptrace(PTRACE_GETREGS, thread, None, ctypes.addressof(registers))
     registers.rip = find_endless_loop(extension)
-    # No system call is to be started again there.
+    # No system call may be restarted there.
     registers.orig_rax = 2**64 - 1
     ptrace(PTRACE_SETREGS, thread, None, ctypes.addressof(registers))
     ptrace(PTRACE_DETACH, thread)
@@ -89,7 +89,7 @@ def spin(extension, name):
 
 @contextlib.contextmanager
 def control_group():
-    """A new group of the unified hierarchy, without anybody in it."""
+    """A new, empty group of the unified hierarchy."""
     (root, *_) = [
         line.split()[1]
         for line in pathlib.Path("/proc/self/mounts").read_text().splitlines()

@@ -3,8 +3,8 @@
     here    the extension, the local proxy, the monitor, and applications
     there   origin servers
 
-Two network namespaces, joined by a virtual cable. Everything of a laboratory is its own, so that
-any number of them can exist side by side, and nothing of the machine is touched.
+Two network namespaces, joined by a virtual cable. Laboratories share nothing, so any number of
+them can run in parallel, and the machine itself is not touched.
 """
 
 import errno
@@ -31,15 +31,15 @@ HERE4, HERE6 = "198.51.100.1", "2001:db8::1"
 THERE4, THERE6 = "198.51.100.10", "2001:db8::10"
 NAME = "origin.example"
 
-# What the system calls the applications used here: by the file that they are.
+# The identifiers of the applications used here: the paths of their files.
 CURL = "/usr/bin/curl"
 OPENSSL = "/usr/bin/openssl"
 PYTHON = os.path.realpath("/usr/bin/python3")
 
-# Where every laboratory has an origin that tells its peer.
+# The port of an origin in every laboratory that reports its peer.
 PEER_PORT = 7860
 
-# Runs a program with an /etc of its own: the machine's, but for what concerns this system.
+# Runs a program with a private /etc: the machine's, except for this system's files.
 PRIVATE_ETC = r"""
 set -e
 etc=$1/etc settings=$1/settings
@@ -55,7 +55,7 @@ exec "$@"
 
 
 class Fetched(NamedTuple):
-    """What an application has seen of one request."""
+    """One request as the application has seen it."""
 
     status: int  # of the application's exit
     body: str
@@ -64,7 +64,7 @@ class Fetched(NamedTuple):
 
     @property
     def seen_port(self):
-        """The port from which the origin saw the connection come."""
+        """The source port of the connection as seen by the origin."""
         return int(self.body.split()[1])
 
     @property
@@ -96,11 +96,11 @@ def reset(connection):
 
 
 def eventually(condition, what, seconds=GENEROUS_SECONDS):
-    """Tries until condition() is something, for what gives no sign when it happens."""
+    """Polls until condition() returns a value, for conditions that give no signal."""
     deadline = time.monotonic() + seconds
     while not (found := condition()):
-        assert time.monotonic() < deadline, f"never came true: {what}"
-        # Leaves the processor to those who are to make it true.
+        assert time.monotonic() < deadline, f"timed out waiting for: {what}"
+        # Yields the processor to those who make it true.
         select.select([], [], [], 0.01)
     return found
 
@@ -109,7 +109,7 @@ class LocalProxy:
     """A local proxy that behaves as a test says; see local_proxy.py."""
 
     def __init__(self, laboratory, user=0, **behaviour):
-        # Files of its own: a program is told from others by its file, and anybody may read these.
+        # Copies: programs are distinguished by their files, and anybody may read these.
         script = laboratory.copy_of(_beside("local_proxy.py"), "local_proxy.py")
         self.program = laboratory.start(
             [*as_user(user), laboratory.copy_of(PYTHON, "local-proxy"), "-u", script,
@@ -120,7 +120,7 @@ class LocalProxy:
         self.wait("listening")
 
     def _catch_up(self):
-        """Returns when everything is here that it had reported before."""
+        """Returns when everything that it has reported so far has arrived."""
         mark = self.program.output.mark()
         self.program.tell("null")
         self.wait("listening", mark)
@@ -149,8 +149,8 @@ class LocalProxy:
 
 
 def as_user(user):
-    """What a command line begins with so that it runs as this user."""
-    # With its user a process loses what it had said about the death of its parent.
+    """The prefix of a command line that runs as this user."""
+    # A change of user clears the signal for the death of the parent.
     return ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups",
             "setpriv", "--pdeathsig", "KILL"]  # fmt: skip
 
@@ -214,7 +214,7 @@ class Laboratory:
             close()
 
     def logs(self):
-        """What every program has written, with titles: for a test that has failed."""
+        """The output of every program, with titles, for a failed test."""
         for program in self._programs:
             for title, lines in (("output", program.output), ("errors", program.errors)):
                 written = lines.since()
@@ -231,12 +231,12 @@ class Laboratory:
         return program
 
     def forget(self, program):
-        """Ends a program at once, and what it has written is not kept."""
+        """Kills a program and discards its output."""
         program.close()
         self._programs.remove(program)
 
     def environment(self):
-        """Nothing of the machine's own proxy settings, and our certificate."""
+        """Our certificate, and none of the machine's proxy settings."""
         kept = {
             name: value
             for name, value in os.environ.items()
@@ -245,7 +245,7 @@ class Laboratory:
         return kept | {"CURL_CA_BUNDLE": self.certificate, "SSL_CERT_FILE": self.certificate}
 
     def copy_of(self, program, name):
-        """A program under another name, which makes it another application."""
+        """A copy of a program under another name, which makes it another application."""
         copy = self.path(name)
         if not os.path.exists(copy):
             shutil.copy(program, copy)
@@ -267,7 +267,7 @@ class Laboratory:
         return monitor
 
     def start_sidecar(self, *options, user=0):
-        # A file of its own, because anybody may read it.
+        # A separate file, because anybody may read it.
         program = self.program_path("ostravel-sidecar")
         if user != 0:
             program = self.copy_of(program, "ostravel-sidecar")
@@ -288,7 +288,7 @@ class Laboratory:
         return tinyproxy
 
     def wait_until_listening(self, namespace, port):
-        """For a program that does not say so."""
+        """For a program that does not report it."""
         eventually(
             lambda: namespace.run("ss", "-Hltn", f"sport = :{port}"), f"port {port} is listened on"
         )
@@ -345,9 +345,9 @@ class Laboratory:
         return origin
 
     def register(self, registrations, extension=None):
-        """What the administrator says about applications: {path: identifier}, or text as it is.
+        """The administrator's registrations: {path: identifier}, or verbatim text.
 
-        It is for extensions that are started later, or for one that runs.
+        Applies to extensions that are started later, or to a running one after SIGHUP.
         """
         folder = self.path("settings/applications.d")
         if extension is not None:
@@ -365,11 +365,11 @@ class Laboratory:
         return path
 
     def write_default_configuration(self, text=None):
-        """What is found when no file is named."""
+        """The file that is used when none is named."""
         self.write_configuration(text, "settings/provider-configuration.json")
 
     def run_extension(self, *arguments, prefix=(), **options):
-        """Starts the extension and does not wait for anything."""
+        """Starts the extension without waiting for anything."""
         return self.start(
             ["unshare", "--mount", "--propagation", "private",
              "sh", "-c", PRIVATE_ETC, "sh", self.folder,
@@ -379,7 +379,7 @@ class Laboratory:
         )  # fmt: skip
 
     def start_extension(self, *arguments, prefix=()):
-        """Starts the extension with the monitoring socket, and waits until its rules are there."""
+        """Starts the extension with the monitoring socket; waits until its rules are installed."""
         extension = self.run_extension(
             "--configuration", self.write_configuration(), *arguments, prefix=prefix
         )
@@ -395,13 +395,13 @@ class Laboratory:
         return proxy, extension
 
     def wait_until_proxied(self):
-        """Waits until the local proxy was probed, and until it is known whose it is.
+        """Waits until the local proxy was probed and its owner is known.
 
-        On a busy machine the latter may take a few flows, which are left alone meanwhile.
+        On a busy machine the latter may take a few flows, which are left alone in the meantime.
         """
         mark = self.events.mark()
         eventually(lambda: self.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
-        # Its last event is the last of all.
+        # Its last event is the last one overall.
         self.events.flow_to(remote(THERE4, PEER_PORT), mark)
 
     def has_rules(self):
@@ -432,7 +432,7 @@ class Laboratory:
         return connection
 
     def fetch(self, host, port, seconds=GENEROUS_SECONDS):
-        """This process as an application that asks who it seems to be."""
+        """This process as an application that asks for its apparent address."""
         try:
             with self.connect(host, port, seconds) as connection:
                 own_port = connection.getsockname()[1]
@@ -468,12 +468,12 @@ def host_text(address):
 
 
 def remote(address, port):
-    """The destination as it is written in requests and events."""
+    """The destination as in requests and events."""
     return f"{host_text(address)}:{port}"
 
 
 def log_lines(program):
-    """What a program has logged: pairs of level and text."""
+    """A program's log lines as pairs of level and text."""
     found = []
     for line in program.errors.since():
         match = re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (.{7}) (.*)", line)

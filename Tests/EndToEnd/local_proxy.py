@@ -1,11 +1,11 @@
-"""A local CONNECT proxy that behaves as it is told, well or badly.
+"""A local CONNECT proxy whose behaviour, good or bad, is set by commands.
 
 Commands come on standard input, one JSON object per line:
 
   answer      what it answers to a request, text of Latin-1
   then        what it does next: relay, hold, end or reset
   joined      true: waits for the origin's first bytes and sends them in one piece with the answer
-  through     port of another local proxy, which makes the tunnels; what it answers is passed on
+  through     port of another local proxy, which makes the tunnels; its answer is passed on
   pieces      size of the pieces in which the answer is sent, each in a packet of its own
 
 A line with null only asks for a report.
@@ -97,7 +97,7 @@ def serve(connection, current, accepted_at):
         if not request:
             report("probed", accepted_at=accepted_at)
             return
-        # A flow has a number; the trial, which shows the extension that this is a proxy, has none.
+        # A flow has a number; the extension's trial of the proxy has none.
         what = "asked" if b"X-Ostravel-Flow-Id" in request else "tried"
         report(what, request=request.decode("latin-1"), accepted_at=accepted_at)
         answer = current.get("answer", ESTABLISHED).encode("latin-1")
@@ -131,7 +131,7 @@ def accept(listener):
 
 def main():
     global behaviour
-    # How it behaves from its first connection on.
+    # The behaviour from the first connection on.
     if len(sys.argv) > 1:
         behaviour = json.loads(sys.argv[1])
     listener = socket.create_server(("127.0.0.1", 8080), backlog=1024)

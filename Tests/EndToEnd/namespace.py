@@ -1,4 +1,4 @@
-"""Network namespaces without a name: the kernel takes them away when nobody is in them any more."""
+"""Unnamed network namespaces: the kernel removes them when nobody uses them any more."""
 
 import ctypes
 import os
@@ -24,7 +24,7 @@ class Namespace:
     """A new network namespace with a loopback interface.
 
     A thread is inside for the length of a with statement. The sockets that it makes there and the
-    processes that it starts there stay inside, whatever the thread does later. Other threads are
+    processes that it starts there stay inside, even after the thread leaves. Other threads are
     not concerned.
     """
 
@@ -49,7 +49,7 @@ class Namespace:
 
     @property
     def path(self):
-        """Names the namespace for other programs, as long as this process has it open."""
+        """A path of the namespace for other programs, valid while this process has it open."""
         return f"/proc/{os.getpid()}/fd/{self._descriptor}"
 
     def __enter__(self):
@@ -64,7 +64,7 @@ class Namespace:
         os.close(outside)
 
     def run(self, *arguments, given=None):
-        """Runs a program of the system to its end; what it has printed."""
+        """Runs a system program to its end; returns its output."""
         with self:
             done = subprocess.run(
                 arguments, input=given, capture_output=True, text=True, timeout=30, check=False

@@ -1,4 +1,4 @@
-"""Applications of several users in one laboratory: those that measure, and those that attack."""
+"""Applications of several users in one laboratory: some measure, others attack."""
 
 import json
 import os
@@ -7,13 +7,13 @@ import socket
 from laboratory import PEER_PORT, PYTHON, THERE4, eventually, receive_all
 from program import GENEROUS_SECONDS
 
-# Far beyond what any number of connections takes that is asked for here.
+# Far longer than any number of connections requested here takes.
 END_SECONDS = 600
 
-# Ordinary users, of whom nobody needs to have heard.
+# Ordinary users, who need not exist in the user database.
 VICTIM, ATTACKER = 4001, 4002
 
-# Where the origins of this module are: ports on which flows are offered.
+# The ports of this module's origins, on which flows are offered.
 MEASURED_PORT, STREAM_PORT = 80, 8000
 
 # Set aside for documentation and for measurements (RFC 5737, RFC 2544).
@@ -24,7 +24,7 @@ _FOLDER = os.path.dirname(os.path.abspath(__file__))
 
 
 class Connections:
-    """What became of the connections of an application between two reports; see connector.py."""
+    """The outcome of an application's connections between two reports; see connector.py."""
 
     def __init__(self, told):
         self._told = told
@@ -77,7 +77,7 @@ class Application:
 
 
 def start_as(laboratory, user, script, *arguments, **options):
-    """Runs one of our scripts as another user, who perhaps cannot read where they are."""
+    """Runs one of our scripts as another user, who may not be able to read their folder."""
     copy = laboratory.copy_of(os.path.join(_FOLDER, script), os.path.basename(script))
     os.chmod(copy, 0o644)
     return laboratory.start(
@@ -102,10 +102,10 @@ def prepare(laboratory):
     """Origins and addresses for everything in this module."""
     for namespace in (laboratory.here, laboratory.there):
         with namespace:
-            # Among thousands of closed connections the search for a free port would be measured.
+            # With thousands of closed connections we would measure the search for a free port.
             _write("/proc/sys/net/ipv4/tcp_max_tw_buckets", "512")
             _write("/proc/sys/net/ipv4/ip_local_port_range", "10000 65000")
-            # Thousands of stalled connections are not to use up the machine's memory.
+            # Thousands of stalled connections must not use up the machine's memory.
             _write("/proc/sys/net/ipv4/tcp_rmem", "4096 16384 262144")
             _write("/proc/sys/net/ipv4/tcp_wmem", "4096 16384 262144")
     laboratory.here.run("ip", "route", "add", f"{DEAD_HOSTS}0/24", "via", THERE4)
@@ -146,8 +146,7 @@ def wait_until_proxied(laboratory):
     eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "flows are proxied")
 
 
-# Attacks. Each returns when the attack is under way. Without an extension, they are made all the
-# same.
+# Attacks. Each returns when the attack is under way. They also run without an extension.
 
 
 def _attack(laboratory, script, *arguments):
@@ -168,7 +167,7 @@ def stall_readers(laboratory, extension, count=5000):
     start_origin(laboratory, "stream", STREAM_PORT)
     attacker = _attack(laboratory, "stall_readers.py", THERE4, STREAM_PORT, count)
     line = attacker.output.wait(lambda line: line.startswith("holding"), seconds=120)
-    assert line is not None, "the readers do not hold their connections"
+    assert line is not None, "the readers have not opened their connections"
     return attacker
 
 
@@ -181,7 +180,7 @@ def run_hanging_programs(laboratory, extension, rate=50):
     if extension is None:
         view = ["unshare", "--mount", "--propagation", "private"]
     else:
-        # Mounted where the extension sees it, as the file systems of a machine are.
+        # Mounted where the extension sees it, like any of the machine's file systems.
         view = ["nsenter", f"--mount=/proc/{extension.pid}/ns/mnt"]
     attacker = laboratory.start(
         [*view, PYTHON, "-I", "-S", "-u", script, folder, str(ATTACKER), THERE4, str(MEASURED_PORT),

@@ -1,4 +1,4 @@
-"""Origin servers of this process, for what a test wants to see or do itself."""
+"""Origin servers in this process, for tests that need to observe or act themselves."""
 
 import socket
 import threading
@@ -43,7 +43,7 @@ class Origin:
         try:
             self._serve(connection, peer)
         except OSError:
-            # The other end may do what it likes; the test says what it wanted to see.
+            # The other end may behave in any way; the test checks what it expects.
             pass
         finally:
             with self._lock:
@@ -88,7 +88,7 @@ def tell_peer(connection, peer):
 
 
 class DatagramEcho:
-    """Sends every datagram back, and remembers where they came from."""
+    """Sends every datagram back and records its source."""
 
     def __init__(self, namespace, port, address="::"):
         family = socket.AF_INET6 if ":" in address else socket.AF_INET

@@ -1,6 +1,6 @@
-"""A stream of bytes that both ends can make for themselves, from any place on.
+"""A stream of bytes that both ends can generate from any position.
 
-A byte that is lost, doubled or out of place makes the rest of the stream differ.
+A byte that is lost, duplicated or misplaced makes the rest of the stream differ.
 """
 
 import random

@@ -1,6 +1,6 @@
-"""An HTTP origin server for transfers whose every byte is checked.
+"""An HTTP origin server for transfers in which every byte is checked.
 
-GET /SEED/LENGTH sends that part of the pattern; a PUT there checks what it gets and says so.
+GET /SEED/LENGTH sends that part of the pattern; a PUT there checks the body and returns the result.
 """
 
 import http.server

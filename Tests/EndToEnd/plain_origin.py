@@ -1,7 +1,7 @@
 """Origin servers that speak first, for thousands of connections.
 
     plain_origin.py peer PORT      sends the address and port that it sees, and closes
-    plain_origin.py stream PORT    sends without end, as far as the other end reads
+    plain_origin.py stream PORT    sends endlessly, as fast as the other end reads
     plain_origin.py hold PORT      sends nothing and holds the connection
 """
 
@@ -37,7 +37,7 @@ def tell_peers(listener):
 
 
 def stream(listener):
-    # Little of what nobody reads is to wait in the kernel.
+    # Only little unread data may wait in the kernel.
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1 << 14)
     selector = selectors.EpollSelector()
     listener.setblocking(False)

@@ -1,4 +1,4 @@
-"""Starts programs, reads what they say, and ends them."""
+"""Starts programs, reads their output, and ends them."""
 
 import os
 import signal
@@ -6,12 +6,12 @@ import subprocess
 import threading
 import time
 
-# Far beyond what anything here takes, also on a machine that is busy with something else.
+# Far longer than anything here takes, even on a busy machine.
 GENEROUS_SECONDS = 30
 
 
 class Lines:
-    """What a program has written so far, line by line; others can wait for a line to come."""
+    """A program's output so far, line by line; callers can wait for a line."""
 
     def __init__(self):
         self._lines = []
@@ -29,7 +29,7 @@ class Lines:
             self._changed.notify_all()
 
     def mark(self):
-        """A place to look from later: behind everything that is there now."""
+        """A position after everything that has arrived so far."""
         with self._changed:
             return len(self._lines)
 
@@ -38,7 +38,7 @@ class Lines:
             return self._lines[mark:]
 
     def wait_until(self, condition, seconds=GENEROUS_SECONDS):
-        """Waits until condition(lines) is something; that, or None in the end."""
+        """Waits until condition(lines) returns a value; returns it, or None at the deadline."""
         deadline = time.monotonic() + seconds
         with self._changed:
             while True:
@@ -67,7 +67,7 @@ class Lines:
 class Program:
     """A child process in a namespace, whose output is read as it comes.
 
-    It dies with us, however we end. Started by the main thread only, because its life is tied to
+    It is killed when we end for any reason. Started by the main thread only, because it is tied to
     the thread that starts it (prctl(2), PR_SET_PDEATHSIG). With a number it runs as that user, who
     need not have a name.
     """
@@ -103,7 +103,7 @@ class Program:
             self.read_errors()
 
     def read_errors(self):
-        """Reads standard error from now on, for a program that was started without."""
+        """Reads standard error from now on, for a program that was started without reading it."""
         self._readers.append(self._read(self.process.stderr, self.errors))
 
     @staticmethod
@@ -127,9 +127,9 @@ class Program:
         self.process.stdin.flush()
 
     def expect(self, lines, text, mark=0):
-        """Waits until the program has said text, in a line that is returned."""
+        """Waits for a line that contains text, and returns it."""
         line = lines.wait(lambda line: text in line, mark)
-        assert line is not None, f"{self.name} did not say \"{text}\""
+        assert line is not None, f"{self.name} did not print \"{text}\""
         return line
 
     def send_signal(self, number):
@@ -141,7 +141,7 @@ class Program:
         self.wait()
 
     def wait(self, seconds=GENEROUS_SECONDS):
-        """Waits until it has ended and everything that it had written is there; its status."""
+        """Waits until it has ended and all its output has arrived; returns its status."""
         status = self.process.wait(seconds)
         for reader in self._readers:
             reader.join(GENEROUS_SECONDS)
@@ -150,11 +150,11 @@ class Program:
         return status
 
     def stop(self, number=signal.SIGTERM):
-        """Asks it to end, and waits for it; its status."""
+        """Asks it to end and waits for it; returns its status."""
         self.send_signal(number)
         return self.wait()
 
     def close(self):
-        """Ends it at once if it is still there, also when it is stopped by a signal."""
+        """Kills it if it is still running, even if it is stopped by a signal."""
         if self.process.poll() is None:
             self.kill()

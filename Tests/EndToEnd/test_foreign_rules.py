@@ -1,4 +1,4 @@
-"""Rules of other programs: they may cost the proxying, and never a connection."""
+"""Rules of other programs may prevent proxying, but never break a connection."""
 
 import socket
 import time
@@ -20,10 +20,10 @@ SO_MARK = 36  # asm-generic/socket.h
 MARK_UNIT = 1 << 25
 REFUSED = 2 * MARK_UNIT
 
-# A lost SYN is repeated after a second.
+# A lost SYN is retransmitted after a second.
 WITH_ONE_REPETITION_SECONDS = 3.2
 
-# A firewall that takes loopback addresses for the only ones that loopback has.
+# A firewall that accepts only loopback addresses on loopback.
 DROPPING = """
 table inet firewall {
   chain input {
@@ -57,7 +57,7 @@ def complaints(extension, text="do not arrive"):
 
 
 @pytest.mark.parametrize("rules", [DROPPING, REJECTING, UNTRACKING])
-def test_what_keeps_redirected_connections_from_us_is_found_at_the_start(laboratory, rules):
+def test_rules_that_stop_redirected_connections_are_found_at_start(laboratory, rules):
     laboratory.start_monitor()
     laboratory.start_sidecar()
     add_rules(laboratory, rules)
@@ -72,7 +72,7 @@ def test_what_keeps_redirected_connections_from_us_is_found_at_the_start(laborat
 
 @pytest.mark.parametrize("host", [THERE4, THERE6])
 @pytest.mark.parametrize("rules", [DROPPING, UNTRACKING])
-def test_connections_that_are_lost_on_the_way_to_us_go_direct(laboratory, rules, host):
+def test_lost_redirected_connections_go_direct(laboratory, rules, host):
     _, extension = laboratory.start_system()
     eventually(lambda: laboratory.fetch(host, 7860).way == "proxied", "flows are proxied")
     add_rules(laboratory, rules)
@@ -114,7 +114,7 @@ def test_other_bits_can_be_chosen(laboratory):
 
 
 @pytest.mark.parametrize("mask", ["0", "0x3", "0x3e000001", "3e000000", "0x1ffffffff", "many", ""])
-def test_a_mask_that_cannot_be_used_is_named(laboratory, mask):
+def test_an_unusable_mask_is_reported(laboratory, mask):
     extension = laboratory.run_extension("--mark-mask", mask)
     assert extension.wait() == 2
     extension.expect(extension.errors, f'"{mask}" is not a mask of at least three adjacent bits')

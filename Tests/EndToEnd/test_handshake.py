@@ -1,4 +1,4 @@
-"""Local proxies that answer well and badly, and what the application and the events make of it."""
+"""Local proxies that answer well and badly, as seen by the application and in the events."""
 
 import errno
 import os
@@ -35,7 +35,7 @@ from laboratory import (
 from origins import tell_peer
 
 DEADLINE_SECONDS = 5
-# How late anything may be on a machine that is busy with something else.
+# Possible delay of anything on a busy machine.
 LATENESS_SECONDS = 5
 CURL_COULD_NOT_CONNECT = 7
 
@@ -47,7 +47,7 @@ def proxy(laboratory):
     return made
 
 
-# name: (what the proxy does, the event that the extension makes of it)
+# name: (what the proxy does, the resulting event)
 REFUSALS = {
     "403": (
         {"answer": "HTTP/1.1 403 Forbidden\r\nContent-Length: 2\r\n\r\nno", "then": "end"},
@@ -57,7 +57,7 @@ REFUSALS = {
         {"answer": "HTTP/1.0 502 Bad Gateway\r\n\r\n", "then": "end"},
         handshake_rejected(CURL, "HTTP/1.0 502 Bad Gateway"),
     ),
-    # Nobody waits for the end of a connection that has refused.
+    # A proxy that has refused need not close its connection.
     "407 of a proxy that keeps the connection": (
         {
             "answer": "HTTP/1.1 407 Proxy Authentication Required\r\n"
@@ -99,7 +99,7 @@ def test_a_refused_handshake_refuses_the_application(laboratory, proxy, name):
     proxy.behave(**behaviour)
     begin = time.monotonic()
     assert laboratory.curl(f"http://{THERE4}/").status == CURL_COULD_NOT_CONNECT
-    # Nobody waited for the deadline.
+    # Not after the deadline.
     assert time.monotonic() - begin < DEADLINE_SECONDS
     target = remote(THERE4, 80)
     assert shapes(laboratory.events.flow_to(target)) == [
@@ -107,7 +107,7 @@ def test_a_refused_handshake_refuses_the_application(laboratory, proxy, name):
         *([event] if event else []),
         tunnel_closed(CURL),
     ]
-    # The proxy does answer, so that it goes on being asked.
+    # The proxy does answer, so flows are still offered to it.
     mark = proxy.mark()
     assert laboratory.curl(f"http://{THERE4}/").status == CURL_COULD_NOT_CONNECT
     assert len(proxy.requests(mark)) == 1
@@ -136,7 +136,7 @@ def test_an_answer_may_come_byte_by_byte(laboratory, proxy):
 
 
 @pytest.mark.parametrize("host", [THERE4, THERE6])
-def test_bytes_that_come_with_the_answer_belong_to_the_application(laboratory, proxy, host):
+def test_bytes_after_the_answer_belong_to_the_application(laboratory, proxy, host):
     greeting = bytes(range(256)) * 8
 
     def greet_and_echo(connection, _):
@@ -158,7 +158,7 @@ def test_bytes_that_come_with_the_answer_belong_to_the_application(laboratory, p
     ]
 
 
-def test_a_proxy_that_resets_is_not_asked_again_before_it_was_probed(laboratory, proxy):
+def test_a_proxy_that_resets_is_not_used_before_the_next_probe(laboratory, proxy):
     laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
     proxy.behave(answer="", then="reset")
     mark = proxy.mark()
@@ -189,14 +189,14 @@ def check_that_flows_are_direct_until_the_next_probe(laboratory, proxy, failed_a
     asked = proxy.wait("asked", mark)["accepted_at"]
     accepted = [report["accepted_at"] for report in proxy.reports("probed")]
     probes = [at for at in accepted if at > failed_at]
-    # Only a probe opens the gate: none of ours was proxied before one had come.
+    # Only a probe opens the gate: no flow was proxied before the next one.
     assert probes and probes[0] < asked
     assert all(way == "direct" for _, end, way in flows if end < probes[0])
     assert {way for _, _, way in flows} <= {"direct", "proxied"}
     assert laboratory.events.since()[-1]["current_signal"] != "proxy_recovered"
 
 
-def test_a_proxy_that_says_nothing_is_given_five_seconds(laboratory, proxy):
+def test_a_silent_proxy_has_five_seconds(laboratory, proxy):
     laboratory.serve(80, tell_peer)
     proxy.behave(answer="", then="hold")
     mark = proxy.mark()
@@ -209,25 +209,25 @@ def test_a_proxy_that_says_nothing_is_given_five_seconds(laboratory, proxy):
     proxy.wait("ended", mark)
     target = remote(THERE4, 80)
     check_timed_out(laboratory.events.flow_to(target), PYTHON, target)
-    # The gate is closed as soon as the tunnel is. The application knows later, perhaps only after
+    # The gate closes together with the tunnel. The application notices later, perhaps only after
     # the next probe.
     failed_at = begin + DEADLINE_SECONDS
     check_that_flows_are_direct_until_the_next_probe(laboratory, proxy, failed_at)
 
 
-def test_curl_goes_direct_past_a_proxy_that_says_nothing(laboratory, proxy):
+def test_curl_bypasses_a_silent_proxy(laboratory, proxy):
     laboratory.serve(80, tell_peer)
     proxy.behave(answer="HTTP/1.1 200 Conn", then="hold")
     assert laboratory.curl(f"http://{THERE4}/").way == "direct"
     target = remote(THERE4, 80)
     flow = laboratory.events.flow_to(target)
     check_timed_out(flow, CURL, target)
-    # Without the time that curl takes to start.
+    # Excluding the time that curl takes to start.
     assert flow[1]["timestamp"] - flow[0]["timestamp"] < DEADLINE_SECONDS + LATENESS_SECONDS
 
 
-def test_a_proxy_that_is_gone_costs_no_connection(laboratory, proxy):
-    """Until the next probe finds it out, the first flow does, and is given back."""
+def test_a_missing_proxy_costs_no_connection(laboratory, proxy):
+    """Before the next probe, the first flow finds that the proxy is gone, and is given back."""
     mark = laboratory.events.mark()
     proxy.program.kill()
     for _ in range(6):
@@ -257,7 +257,7 @@ def start_connecting(laboratory, count, user=0):
 
 
 def wait_for_outcomes(applications, seconds, count):
-    """The errors of the first count connections that come to something, in the order of time."""
+    """The errors of the first count connections to finish, in order of time."""
     poller = select.poll()
     waiting = {}
     for application in applications:
@@ -274,7 +274,7 @@ def wait_for_outcomes(applications, seconds, count):
     return outcomes, list(waiting.values())
 
 
-def test_a_proxy_that_never_answers_keeps_half_of_the_handshakes_for_others(laboratory, proxy):
+def test_a_silent_proxy_leaves_half_of_the_handshakes_to_others(laboratory, proxy):
     count, share = 200, 24
     proxy.behave(answer="", then="hold")
     laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
@@ -282,13 +282,13 @@ def test_a_proxy_that_never_answers_keeps_half_of_the_handshakes_for_others(labo
     begin = time.monotonic()
     applications = start_connecting(laboratory, count)
 
-    # All but the user's share go direct at once, and nothing is reported of them.
+    # All beyond the user's share go direct at once, without any event.
     direct, waiting = wait_for_outcomes(applications, DEADLINE_SECONDS - 1, count - share)
     assert time.monotonic() - begin < DEADLINE_SECONDS - 1
     assert direct == [0] * (count - share)
     assert len(waiting) == share
 
-    # The others do when the deadline ends their handshakes.
+    # The others go direct when the deadline ends their handshakes.
     timed_out, waiting = wait_for_outcomes(waiting, DEADLINE_SECONDS + LATENESS_SECONDS, share)
     assert time.monotonic() - begin >= DEADLINE_SECONDS
     assert timed_out == [0] * share
@@ -302,7 +302,7 @@ def test_a_proxy_that_never_answers_keeps_half_of_the_handshakes_for_others(labo
     for application in applications:
         application.close()
 
-    # And all is as before.
+    # Back to the initial state.
     assert len(proxy.requests(proxy_mark)) == share
     proxy.behave()
     laboratory.wait_until_proxied()
@@ -328,7 +328,7 @@ def test_the_48_handshakes_are_shared_and_one_more_is_given_back(laboratory, pro
     ]
     laboratory.events.wait_for_count("connect_handshake_started", 2 * share, mark)
 
-    # Reported as ever, and the connection works all the same.
+    # Reported as usual, and the connection works nevertheless.
     late = start_connecting(laboratory, 3, carol)
     assert wait_for_outcomes(late, DEADLINE_SECONDS - 1, 3)[0] == [0] * 3
     rejections = laboratory.events.wait_for_count("connect_handshake_rejected", 3, mark)
@@ -340,12 +340,12 @@ def test_the_48_handshakes_are_shared_and_one_more_is_given_back(laboratory, pro
         application.close()
 
 
-def test_a_proxy_that_never_answers_is_tried_with_one_flow_at_a_time(laboratory, proxy):
+def test_a_silent_proxy_is_tried_with_one_flow_at_a_time(laboratory, proxy):
     laboratory.serve(80, lambda connection, _: connection.sendall(b"hello"))
     proxy.behave(answer="", then="hold")
     first = start_connecting(laboratory, 1)
     assert wait_for_outcomes(first, DEADLINE_SECONDS + LATENESS_SECONDS, 1)[0] == [0]
-    # The probe opens the gate again, and one flow finds out that nothing has changed.
+    # The probe reopens the gate, and one flow finds that nothing has changed.
     mark = laboratory.events.mark()
     applications = []
 
@@ -363,7 +363,7 @@ def test_a_proxy_that_never_answers_is_tried_with_one_flow_at_a_time(laboratory,
     assert time.monotonic() - begin < DEADLINE_SECONDS - 2
     assert set(outcomes) == {0}
     assert len(waiting) == 1
-    # Somebody else has had no bad experience.
+    # Another user's flows have not timed out.
     other = start_connecting(laboratory, 2, 4711)
     laboratory.events.wait_for_count("connect_handshake_started", 3, mark)
     outcomes, _ = wait_for_outcomes([*waiting, *other], DEADLINE_SECONDS + LATENESS_SECONDS, 3)

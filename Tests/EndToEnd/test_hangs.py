@@ -1,4 +1,4 @@
-"""An extension that hangs is killed by its guardian, and no connection is lost to it."""
+"""A hung extension is killed by its guardian, and no connection is lost."""
 
 import ctypes
 import errno
@@ -17,17 +17,17 @@ import pytest
 from hangs import control_group, spin, start_in, stop
 from laboratory import PEER_PORT, THERE4, THERE6, eventually
 
-# From the beginning of a connection: a hang is noticed after a second, and TCP sends the first
-# packet again after one, two or three.
+# From the beginning of a connection: a hang is noticed after a second, and TCP retransmits the
+# first packet after one, two or three.
 ESTABLISHED_SECONDS = 3.2
-# How late anything may be on a machine that is busy with something else.
+# Possible delay of anything on a busy machine.
 LATENESS_SECONDS = 4
 KILLED = "ostravel-extension: killed: no heartbeat for 1 s: "
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
-# What applications see
+# Effects on applications
 
 
 class Connection:
@@ -46,7 +46,7 @@ class Connection:
 
 
 class Applications:
-    """Connections that are begun one after the other while something happens."""
+    """Connections that begin one after the other while something happens."""
 
     INTERVAL = 0.05
 
@@ -66,7 +66,7 @@ class Applications:
         deadline = time.monotonic() + 20
         while self._pending and time.monotonic() < deadline:
             self._collect(time.monotonic() + self.INTERVAL)
-        assert not self._pending, f"{len(self._pending)} of {len(self.all)} still wait"
+        assert not self._pending, f"{len(self._pending)} of {len(self.all)} connections still pending"
 
     def _begin_one(self):
         host = (THERE4, THERE6)[len(self.all) % 2]
@@ -101,21 +101,21 @@ def check_that_it_harms_nobody(laboratory, extension, hang, reason):
 
 
 def start_with_a_proxy_that_holds(laboratory, **options):
-    """So that there are flows that wait, with their packets in the extension's hands."""
+    """So that flows are waiting, with their packets held by the extension."""
     laboratory.serve(80, None)
     proxy, extension = laboratory.start_system(laboratory.start_local_proxy, **options)
     proxy.behave(answer="", then="hold")
     return extension
 
 
-def test_stopped_it_is_killed(laboratory):
+def test_a_stopped_extension_is_killed(laboratory):
     extension = start_with_a_proxy_that_holds(laboratory)
     check_that_it_harms_nobody(
         laboratory, extension, lambda: stop(extension), "the whole process made no progress"
     )
 
 
-def test_frozen_it_is_killed(laboratory):
+def test_a_frozen_extension_is_killed(laboratory):
     with control_group() as group:
         extension = start_with_a_proxy_that_holds(laboratory, prefix=start_in(group))
         assert (group / "cgroup.procs").read_text().split() == [str(extension.pid)]
@@ -130,15 +130,15 @@ def test_frozen_it_is_killed(laboratory):
 @pytest.mark.parametrize(
     "thread, name", [("loop-0", "event loop 0"), ("verdict", "the verdict thread")]
 )
-def test_with_a_thread_that_spins_it_is_killed(laboratory, thread, name):
+def test_an_extension_with_a_spinning_thread_is_killed(laboratory, thread, name):
     extension = start_with_a_proxy_that_holds(laboratory)
     check_that_it_harms_nobody(
         laboratory, extension, lambda: spin(extension, thread), f"{name} made no progress"
     )
 
 
-def test_it_is_killed_when_it_hangs_while_it_ends(laboratory):
-    """Stopped in the middle of it, if not just before or after."""
+def test_it_is_killed_when_its_shutdown_hangs(laboratory):
+    """Stopped during it, or just before or after."""
     _, extension = laboratory.start_system()
     extension.send_signal(signal.SIGTERM)
     laboratory.events.wait("provider_stopped")
@@ -149,7 +149,7 @@ def test_it_is_killed_when_it_hangs_while_it_ends(laboratory):
     assert not laboratory.has_rules()
 
 
-# What is no hang
+# Not a hang
 
 
 def check_is_in_use(laboratory, extension, seconds):
@@ -160,7 +160,7 @@ def check_is_in_use(laboratory, extension, seconds):
     eventually(lambda: laboratory.fetch(THERE4, PEER_PORT).way == "proxied", "it works")
 
 
-def test_a_stopped_monitor_is_no_hang(laboratory):
+def test_a_stopped_monitor_is_not_a_hang(laboratory):
     monitor = laboratory.start_monitor()
     laboratory.start_sidecar()
     extension = laboratory.start_extension()
@@ -170,7 +170,7 @@ def test_a_stopped_monitor_is_no_hang(laboratory):
 
 
 @pytest.mark.xdist_group("processors")
-def test_a_busy_machine_is_no_hang(laboratory):
+def test_a_busy_machine_is_not_a_hang(laboratory):
     _, extension = laboratory.start_system()
     busy = [
         laboratory.start([sys.executable, "-c", "while True: pass"])
@@ -218,8 +218,8 @@ def test_the_guardian_is_small(laboratory):
     assert os.listdir(f"/proc/{guardian}/task") == [str(guardian)]
 
 
-def test_the_guardian_has_a_name_of_its_own(laboratory):
-    """So that a signal for the extension, sent by name, is not for both."""
+def test_the_guardian_has_a_different_name(laboratory):
+    """So that a signal sent to the extension by name does not reach both."""
     _, extension = laboratory.start_system()
     (guardian,) = children_of(extension)
     assert pathlib.Path(f"/proc/{guardian}/comm").read_text() == "ostravel-guard\n"
@@ -246,7 +246,7 @@ def test_the_guardian_ends_with_the_extension(laboratory, number):
     assert not any("killed" in line for line in extension.errors.since())
 
 
-def test_without_its_guardian_the_extension_goes_on_and_says_so(laboratory):
+def test_the_extension_survives_and_reports_the_loss_of_its_guardian(laboratory):
     _, extension = laboratory.start_system()
     os.kill(*children_of(extension), signal.SIGKILL)
     extension.expect(extension.errors, "The guardian has ended: hangs are no longer detected")
@@ -256,7 +256,7 @@ def test_without_its_guardian_the_extension_goes_on_and_says_so(laboratory):
     assert sum("guardian" in line for line in extension.errors.since()) == 1
 
 
-def test_a_debugger_can_do_without(laboratory):
+def test_the_guardian_can_be_disabled_for_debugging(laboratory):
     laboratory.start_sidecar()
     extension = laboratory.start_extension("--no-guardian")
     assert children_of(extension) == []
@@ -301,7 +301,7 @@ def netfilter_sockets(extension):
         for name in os.listdir(f"/proc/{extension.pid}/fd"):
             shared = _libc.syscall(SYS_PIDFD_GETFD, process, int(name), 0)
             if shared < 0:
-                # It was open for a moment only.
+                # It was open only briefly.
                 assert ctypes.get_errno() == errno.EBADF, os.strerror(ctypes.get_errno())
                 continue
             if not stat.S_ISSOCK(os.fstat(shared).st_mode):
@@ -317,7 +317,7 @@ def netfilter_sockets(extension):
 
 
 def delete_table(owner):
-    """In the name of the socket that owns it: nobody else may."""
+    """Through the socket that owns it: no other may."""
 
     def message(kind, family, resource, attributes=b""):
         payload = struct.pack("=BB", family, 0) + struct.pack(">H", resource) + attributes
@@ -332,7 +332,7 @@ def delete_table(owner):
     )
 
 
-def test_rules_that_are_gone_are_installed_again(laboratory):
+def test_lost_rules_are_reinstalled(laboratory):
     _, extension = laboratory.start_system()
     for owner in netfilter_sockets(extension):
         with owner:

@@ -1,4 +1,4 @@
-"""Which flows are taken, and that the others are left exactly as they were."""
+"""Which flows are taken, and that all others are left unchanged."""
 
 import errno
 import re
@@ -61,7 +61,7 @@ def test_other_ports_are_not_touched(laboratory, host, port):
     laboratory.start_system()
     mark = laboratory.events.mark()
     assert laboratory.fetch(host, port).way == "direct"
-    # Behind it, a flow that is proxied: had there been an event it would have come before.
+    # Followed by a proxied flow: any event would have come before its events.
     assert laboratory.fetch(host, 7860).way == "proxied"
     laboratory.events.flow_to(remote(host, 7860), mark)
     assert len(laboratory.events.since(mark)) == 3
@@ -87,7 +87,7 @@ def test_the_local_proxy_itself_is_reached_directly(laboratory):
     sidecar.stop()
 
 
-def test_connections_of_the_machines_own_addresses_are_proxied(laboratory):
+def test_connections_from_the_machines_own_addresses_are_proxied(laboratory):
     for address in (HERE4, HERE6):
         laboratory.serve(1234, tell_peer, namespace=laboratory.here, address=address)
     laboratory.start_system()
@@ -107,7 +107,7 @@ def test_a_registered_exempt_application_is_left_alone(laboratory):
     for host in (THERE4, THERE6):
         assert laboratory.curl(f"http://{host_text(host)}/", program=vpn_client).way == "direct"
     assert proxy.requests(mark) == []
-    # The same program elsewhere is another application.
+    # The same program under another path is another application.
     other = laboratory.copy_of(CURL, "not-a-vpn-client")
     assert laboratory.curl(f"http://{THERE4}/", program=other).way == "proxied"
 
@@ -119,7 +119,7 @@ def test_an_application_cannot_name_itself_exempt(laboratory):
     assert laboratory.curl(f"http://{THERE4}/", program=impostor).way == "proxied"
 
 
-def test_a_registration_gives_an_application_its_name(laboratory):
+def test_a_registration_sets_the_identifier(laboratory):
     laboratory.serve(80, tell_peer)
     browser = laboratory.copy_of(CURL, "browser")
     laboratory.register({browser: "org.example.browser"})
@@ -129,7 +129,7 @@ def test_a_registration_gives_an_application_its_name(laboratory):
     assert context["app_id"] == "org.example.browser"
 
 
-def test_registrations_are_read_again_on_hang_up(laboratory):
+def test_registrations_are_reloaded_on_sighup(laboratory):
     laboratory.serve(80, tell_peer)
     vpn_client = laboratory.copy_of(CURL, "vpn-client")
     _, extension = laboratory.start_system()
@@ -192,7 +192,7 @@ def test_another_program_that_becomes_the_local_proxy_is_recognised(laboratory):
 
 
 def test_applications_are_known_without_a_control_group_file_system(laboratory):
-    """Where no BPF program can be attached, the process is looked for."""
+    """If no BPF program can be attached, the process is searched for."""
     laboratory.serve(80, tell_peer)
     vpn_client = laboratory.copy_of(CURL, "vpn-client")
     laboratory.register({vpn_client: EXEMPT_IDENTIFIER})
@@ -208,7 +208,7 @@ def test_applications_are_known_without_a_control_group_file_system(laboratory):
 
 
 def send_datagram(laboratory, host, port):
-    """What becomes of a datagram, and after how long."""
+    """The fate of a datagram, and how long it took."""
     with laboratory.socket(host, socket.SOCK_DGRAM) as application:
         application.settimeout(20)
         application.connect((host, port))
@@ -231,7 +231,7 @@ def test_quic_is_refused_at_once_and_passes_while_the_proxy_is_down(laboratory, 
             assert outcome == "refused"
             assert seconds < AT_ONCE_SECONDS
     assert [origin.peers for origin in origins] == [[], [], []]
-    # Ports that nobody asked for.
+    # Ports that are not selected.
     assert send_datagram(laboratory, host, 4433)[0] == b"initial"
 
     sidecar.kill()
@@ -251,8 +251,8 @@ def test_datagrams_to_the_machine_itself_are_not_touched(laboratory):
         origin.close()
 
 
-def test_a_datagram_flow_that_began_before_goes_on(laboratory):
-    """Only the first packet of a flow is ever looked at."""
+def test_an_existing_datagram_flow_continues(laboratory):
+    """Only the first packet of a flow is ever examined."""
     origin = DatagramEcho(laboratory.there, 443)
     sidecar, _ = laboratory.start_system()
     sidecar.kill()
@@ -273,7 +273,7 @@ def test_a_datagram_flow_that_began_before_goes_on(laboratory):
 
 
 @pytest.mark.parametrize("host", [THERE4, THERE6])
-def test_a_declined_flow_is_the_applications_own(laboratory, host):
+def test_a_declined_flow_stays_with_the_application(laboratory, host):
     """Seen from the origin: its address, its port, also when it has chosen the port itself."""
     laboratory.serve(80, tell_peer)
     laboratory.start_monitor()
@@ -291,7 +291,7 @@ def count_of(laboratory, comment):
 
 def test_foreign_packet_marks_survive(laboratory):
     laboratory.serve(80, tell_peer)
-    # Behind everything of ours at this hook.
+    # After all our chains at this hook.
     laboratory.here.run(
         "nft", "-f", "-",
         given="""table inet observer {
@@ -323,8 +323,8 @@ def test_foreign_packet_marks_survive(laboratory):
     assert count_of(laboratory, "exactly") == 1
 
 
-def test_an_origin_that_refuses_is_told_as_a_refusal(laboratory):
-    """Also through a proxy: connect() tells the truth."""
+def test_a_refusing_origin_is_reported_as_a_refusal(laboratory):
+    """connect() reports the truth through a proxy as well."""
     laboratory.start_system()
     with laboratory.socket(THERE4) as application:
         application.settimeout(20)
@@ -342,7 +342,7 @@ def test_an_application_that_gives_up_leaves_nothing_behind(laboratory):
         application.setblocking(False)
         assert application.connect_ex((THERE4, 80)) == errno.EINPROGRESS
         proxy.wait("asked", proxy_mark)
-    # Its end is not a packet, so that only the deadline ends the tunnel.
+    # Its end sends no packet, so only the deadline ends the tunnel.
     target = remote(THERE4, 80)
     check_timed_out(laboratory.events.flow_to(target), PYTHON, target)
     proxy.wait("ended", proxy_mark)
@@ -350,6 +350,6 @@ def test_an_application_that_gives_up_leaves_nothing_behind(laboratory):
     eventually(lambda: laboratory.fetch(THERE4, 7860).way == "proxied", "flows are proxied")
 
 
-def test_the_tools_used_here_are_those_of_the_system():
-    """What the extension calls an application is the file of its program."""
+def test_the_tools_used_here_are_the_systems():
+    """The extension identifies an application by its executable file."""
     assert shutil.which("curl") == CURL

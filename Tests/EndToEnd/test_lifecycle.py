@@ -1,4 +1,4 @@
-"""Starting, ending in every way there is, and limits: the machine's connections outlive it all."""
+"""Starting, ending in every way, and limits: the machine's connections survive all of it."""
 
 import asyncio
 import contextlib
@@ -26,9 +26,8 @@ from laboratory import (
 )
 from origins import tell_peer
 
-# Less than anything takes that could be waited for in vain: a handshake has five seconds. On a
-# machine that is busy with something else the end itself, and what is started to see it, takes a
-# while.
+# Shorter than any deadline that could be involved: a handshake has five seconds. On a busy machine
+# ending itself, and the programs that observe it, take a while.
 END_SECONDS = 4
 PROGRAMS = ("ostravel-extension", "ostravel-monitor", "ostravel-sidecar")
 
@@ -49,7 +48,7 @@ def hold_a_connection(laboratory, proxy, host):
 def finish_connecting(application, seconds):
     """The error with which connect() ends."""
     _, writable, _ = select.select([], [application], [], seconds)
-    assert writable, f"connect() still waits after {seconds} s"
+    assert writable, f"connect() is still blocked after {seconds} s"
     return application.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
 
 
@@ -65,7 +64,7 @@ BOTH_FAMILIES = pytest.mark.parametrize("host, here", [(THERE4, HERE4), (THERE6,
 
 
 @BOTH_FAMILIES
-def test_killed_it_leaves_every_flow_direct(laboratory, host, here):
+def test_after_a_kill_every_flow_is_direct(laboratory, host, here):
     laboratory.serve(80, tell_peer)
     proxy, extension = laboratory.start_system(laboratory.start_local_proxy)
     proxy.behave(answer="", then="hold")
@@ -77,13 +76,13 @@ def test_killed_it_leaves_every_flow_direct(laboratory, host, here):
     assert laboratory.curl(f"http://{remote(host, 80)}/").way == "direct"
     assert time.monotonic() - begin < END_SECONDS
     assert laboratory.here.run("nft", "list", "ruleset") == ""
-    # The system itself sends the held packet again.
+    # The system itself retransmits the held packet.
     assert finish_connecting(held, 5) == 0
     check_is_direct(held, here)
     held.close()
 
 
-def test_killed_it_can_be_started_again(laboratory):
+def test_it_can_be_restarted_after_a_kill(laboratory):
     _, extension = laboratory.start_system()
     for _ in range(3):
         extension.kill()
@@ -92,7 +91,7 @@ def test_killed_it_can_be_started_again(laboratory):
         laboratory.wait_until_proxied()
 
 
-def test_hung_it_lets_new_flows_pass_and_takes_them_again_later(laboratory):
+def test_new_flows_pass_while_it_hangs_and_are_taken_afterwards(laboratory):
     laboratory.serve(80, tell_peer)
     laboratory.start_sidecar()
     extension = laboratory.start_extension("--no-guardian")
@@ -104,7 +103,7 @@ def test_hung_it_lets_new_flows_pass_and_takes_them_again_later(laboratory):
             lambda host=host: laboratory.fetch(host, 80, seconds=0.2).way == "direct",
             "new flows pass",
         )
-    # After a second, and what a busy machine adds.
+    # After a second, plus the delay of a busy machine.
     assert time.monotonic() - begin < END_SECONDS
     for _ in range(5):
         assert laboratory.fetch(THERE4, 80).way == "direct"
@@ -114,7 +113,7 @@ def test_hung_it_lets_new_flows_pass_and_takes_them_again_later(laboratory):
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
-def test_asked_to_end_it_does_so_in_order(laboratory, number):
+def test_it_ends_in_order_on_request(laboratory, number):
     _, extension = laboratory.start_system()
     begin = time.monotonic()
     assert extension.stop(number) == 0
@@ -125,7 +124,7 @@ def test_asked_to_end_it_does_so_in_order(laboratory, number):
     assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
 
 
-def test_it_ends_with_the_terminal_that_it_was_started_in(laboratory):
+def test_it_ends_with_its_terminal(laboratory):
     in_a_terminal = "import pty, sys; pty.spawn(sys.argv[1:])"
     terminal = laboratory.run_extension(prefix=(PYTHON, "-c", in_a_terminal))
     terminal.expect(terminal.output, "Rules set successfully")
@@ -135,7 +134,7 @@ def test_it_ends_with_the_terminal_that_it_was_started_in(laboratory):
         terminal.kill()
         eventually(lambda: not laboratory.has_rules(), "the extension has ended")
     finally:
-        # A failed test leaves nothing running either.
+        # Even a failed test leaves nothing running.
         with contextlib.suppress(ProcessLookupError):
             os.kill(extension, signal.SIGKILL)
 
@@ -182,7 +181,7 @@ def test_ending_it_with_many_tunnels_takes_no_longer(laboratory):
 
 
 def last_words(program, status=2):
-    """The one line that a program says about itself before it ends with status."""
+    """The one line that a program prints before it exits with status."""
     assert program.wait() == status
     own = [line for line in program.errors.since() if line.startswith("ostravel-extension: ")]
     assert len(own) == 1
@@ -190,7 +189,7 @@ def last_words(program, status=2):
     return own[0]
 
 
-def test_a_second_one_says_so_and_the_first_is_not_harmed(laboratory):
+def test_a_second_instance_fails_without_harming_the_first(laboratory):
     laboratory.start_system()
     second = laboratory.run_extension()
     assert last_words(second) == (
@@ -209,7 +208,7 @@ def test_a_second_one_says_so_and_the_first_is_not_harmed(laboratory):
     ],
     ids=["without CAP_NET_ADMIN", "as an ordinary user"],
 )
-def test_without_the_permission_it_says_what_is_missing(laboratory, prefix):
+def test_it_reports_a_missing_permission(laboratory, prefix):
     # Where every user may run it.
     laboratory.copy_of(laboratory.program_path("ostravel-extension"), "ostravel-extension")
     laboratory.programs_folder = laboratory.folder
@@ -235,7 +234,7 @@ CONFIGURATION_ERRORS = {
 
 @pytest.mark.parametrize("name", CONFIGURATION_ERRORS)
 @pytest.mark.parametrize("is_default", [False, True], ids=["named", "default"])
-def test_a_configuration_that_is_wrong_is_pointed_at(laboratory, name, is_default):
+def test_the_error_in_a_wrong_configuration_is_located(laboratory, name, is_default):
     text, place = CONFIGURATION_ERRORS[name]
     if is_default:
         laboratory.write_default_configuration(text)
@@ -251,7 +250,7 @@ def test_a_configuration_that_is_wrong_is_pointed_at(laboratory, name, is_defaul
 
 
 @pytest.mark.parametrize("kind", ["missing", "folder"])
-def test_a_named_configuration_has_to_be_readable(laboratory, kind):
+def test_a_named_configuration_must_be_readable(laboratory, kind):
     path = laboratory.path("nowhere.json" if kind == "missing" else "settings")
     extension = laboratory.run_extension("--configuration", path)
     assert last_words(extension).startswith(f"ostravel-extension: {path}: cannot be read: ")
@@ -276,7 +275,7 @@ def test_no_configuration_is_needed(laboratory):
 
 
 @pytest.mark.parametrize("program", PROGRAMS)
-def test_each_program_explains_itself(laboratory, program):
+def test_each_program_prints_its_usage(laboratory, program):
     path = laboratory.program_path(program)
     for option, wanted in (("--help", program), ("--version", program + " ")):
         done = laboratory.run_application(path, option)
@@ -304,7 +303,7 @@ def test_options_are_checked(laboratory, arguments):
 
 async def connect_many(laboratory, count, port=80):
     """Connections that are all open at the same time."""
-    # More handshakes of one user than this at the same time go direct.
+    # More simultaneous handshakes of one user than this go direct.
     gate = asyncio.Semaphore(20)
 
     async def connect():
@@ -337,11 +336,11 @@ def test_2000_idle_tunnels_do_not_disturb(laboratory):
     laboratory.events.wait_for_count("tunnel_closed", count + 50, mark)
     assert not any(event["level"] == "error" for event in laboratory.events.since(mark))
     assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
-    # What the tunnels had has been given back.
+    # The tunnels' resources have been released.
     eventually(lambda: len(os.listdir(f"/proc/{extension.pid}/fd")) < 100, "descriptors are free")
 
 
-def test_without_descriptors_to_spare_flows_are_direct(laboratory):
+def test_without_spare_descriptors_flows_are_direct(laboratory):
     laboratory.start_sidecar()
     extension = laboratory.start_extension(prefix=("prlimit", "--nofile=200:200"))
     for _ in range(20):
@@ -380,7 +379,7 @@ def test_near_the_limit_of_descriptors_new_flows_are_direct(laboratory):
 
 
 def test_many_flows_at_once_are_all_answered(laboratory):
-    """More first packets at the same moment than handshakes are allowed, with a proxy that answers
+    """More simultaneous first packets than permitted handshakes, with a proxy that answers
     at once: every connection is made, some of them direct.
     """
     laboratory.serve(80, None)

@@ -1,10 +1,10 @@
-"""A log that nobody reads is no reason for anything to stop."""
+"""An unread log stops nothing."""
 
 import signal
 
 from laboratory import PEER_PORT, THERE4, eventually, log_lines
 
-# Each causes two lines and more: far beyond what a pipe holds, about 400 connections.
+# Each causes at least two lines: far more than a pipe holds, about 400 connections.
 CONNECTIONS = 1200
 
 
@@ -24,21 +24,21 @@ def connect(laboratory, count):
     assert ways.count("proxied") == count, set(ways)
 
 
-def test_connections_go_on_while_nobody_reads_the_log(laboratory):
+def test_connections_continue_while_the_log_is_unread(laboratory):
     extension = start_unread(laboratory)
     connect(laboratory, CONNECTIONS)
     assert extension.process.poll() is None
 
-    # Nothing is lost that the extension had room for, and it ends in order.
+    # No line is lost that the extension had room for, and it ends in order.
     extension.read_errors()
     assert extension.stop() == 0
     lines = [text for _, text in log_lines(extension)]
-    # One more at least: the first connections found out when the proxy is there.
+    # At least one more: the first connections detected that the proxy is there.
     assert lines.count("OstravelProxy: Handshake successful.") > CONNECTIONS
     assert lines[-1] == "OstravelProxy: deinit"
 
 
-def test_it_ends_in_order_while_nobody_reads_the_log(laboratory):
+def test_it_ends_in_order_while_the_log_is_unread(laboratory):
     extension = start_unread(laboratory)
     connect(laboratory, CONNECTIONS)
     assert extension.stop() == 0

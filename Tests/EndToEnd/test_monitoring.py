@@ -1,4 +1,4 @@
-"""What is told about a run, and that telling it never stands in anybody's way."""
+"""What is reported about a run, and that reporting never blocks anything."""
 
 import json
 import os
@@ -113,7 +113,7 @@ def failures_in(extension):
 def test_without_a_monitor_each_event_costs_one_line_and_nothing_else(laboratory):
     laboratory.serve(80, tell_peer)
     extension = laboratory.start_extension()
-    # Told, or not, in any order: the start and the unreachable proxy.
+    # Optional, in any order: the start and the unreachable proxy.
     eventually(lambda: len(failures_in(extension)) == 2, "two lines")
     laboratory.start_sidecar()
     # The recovery.
@@ -130,7 +130,7 @@ def test_without_a_monitor_each_event_costs_one_line_and_nothing_else(laboratory
     assert len(failures_in(extension)) == 16
 
 
-def test_a_monitor_that_has_gone_is_a_refusal(laboratory):
+def test_a_missing_monitor_counts_as_a_refusal(laboratory):
     extension = laboratory.start_extension()
     eventually(lambda: len(failures_in(extension)) == 2, "two lines")
     with socket.socket(socket.AF_UNIX) as left_behind:
@@ -140,7 +140,7 @@ def test_a_monitor_that_has_gone_is_a_refusal(laboratory):
     eventually(lambda: failures_in(extension)[-1] == SEND_FAILED + refused, "a refusal")
 
 
-def test_without_a_configured_socket_nothing_is_said(laboratory):
+def test_without_a_configured_socket_nothing_is_sent(laboratory):
     laboratory.serve(80, tell_peer)
     laboratory.start_sidecar()
     extension = laboratory.run_extension("--configuration", laboratory.write_configuration("{}"))
@@ -159,7 +159,7 @@ def test_white_space_around_the_path_does_not_matter(laboratory, value):
 
 
 @pytest.mark.parametrize("value", ["17", "null", '"  "', '["/tmp/x"]'])
-def test_a_path_that_is_none_tells_nobody(laboratory, value):
+def test_an_unusable_path_sends_nothing(laboratory, value):
     text = f'{{"monitoringSocketPath": {value}}}'
     extension = laboratory.run_extension("--configuration", laboratory.write_configuration(text))
     extension.expect(extension.errors, "Rules set successfully")
@@ -167,7 +167,7 @@ def test_a_path_that_is_none_tells_nobody(laboratory, value):
     assert failures_in(extension) == []
 
 
-def test_a_path_that_is_too_long_is_said_so(laboratory):
+def test_a_too_long_path_is_reported(laboratory):
     path = laboratory.path("x" * 100)
     text = json.dumps({"monitoringSocketPath": path})
     extension = laboratory.run_extension("--configuration", laboratory.write_configuration(text))
@@ -176,14 +176,14 @@ def test_a_path_that_is_too_long_is_said_so(laboratory):
     assert extension.stop() == 0
 
 
-def test_a_monitor_may_come_later_and_again(laboratory):
+def test_a_monitor_may_start_late_and_restart(laboratory):
     laboratory.serve(80, tell_peer)
     laboratory.start_sidecar()
     laboratory.start_extension()
     eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "a proxied request")
     for _ in range(2):
         monitor = laboratory.start_monitor()
-        # What went before is not told any more, or only its end.
+        # Earlier events are not reported any more, or only the last ones.
         assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
         flow = laboratory.events.flow_to(remote(THERE4, 80))
         assert shapes(flow) == flow_events(CURL, remote(THERE4, 80))
@@ -193,7 +193,7 @@ def test_a_monitor_may_come_later_and_again(laboratory):
 
 
 class StalledMonitor:
-    """Listens and does not accept: the second connection to come has to wait."""
+    """Listens but does not accept: the second connection has to wait."""
 
     def __init__(self, path):
         self._listener = socket.socket(socket.AF_UNIX)
@@ -215,7 +215,7 @@ class StalledMonitor:
         self._listener.close()
 
 
-def test_a_monitor_that_does_not_accept_stops_nobody_and_misses_nothing(laboratory):
+def test_a_monitor_that_accepts_late_blocks_and_misses_nothing(laboratory):
     laboratory.serve(80, tell_peer)
     monitor = StalledMonitor(laboratory.socket_path)
     sidecar = laboratory.start_sidecar()
@@ -226,11 +226,11 @@ def test_a_monitor_that_does_not_accept_stops_nobody_and_misses_nothing(laborato
     for _ in range(requests):
         assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
     sidecar.kill()
-    # The health of the proxy is watched all the same.
+    # The health of the proxy is monitored nevertheless.
     eventually(lambda: laboratory.fetch(THERE4, 7860).way == "direct", "flows are direct")
     assert failures_in(extension) == []
 
-    # Now it reads, and gets all in the order in which it happened.
+    # Now it reads, and receives everything in order.
     lines = Lines()
     while True:
         event = monitor.receive()
@@ -252,7 +252,7 @@ def test_a_monitor_that_does_not_accept_stops_nobody_and_misses_nothing(laborato
         assert shapes(own) == flow_events(CURL, target)
 
 
-def test_a_monitor_that_accepts_and_does_not_read_stops_nobody(laboratory):
+def test_a_monitor_that_does_not_read_blocks_nothing(laboratory):
     laboratory.serve(80, tell_peer)
     laboratory.start_sidecar()
     with socket.socket(socket.AF_UNIX) as listener:
@@ -270,7 +270,7 @@ def test_a_monitor_that_accepts_and_does_not_read_stops_nobody(laboratory):
     assert extension.process.poll() is None
 
 
-def test_a_monitor_that_closes_at_once_stops_nobody(laboratory):
+def test_a_monitor_that_closes_at_once_blocks_nothing(laboratory):
     """Writing to it fails, and does not end the process."""
     laboratory.serve(80, tell_peer)
     laboratory.start_sidecar()
@@ -290,12 +290,12 @@ def test_a_monitor_that_closes_at_once_stops_nobody(laboratory):
         assert re.search(r'Code=\d+ "Failed to (write monitoring frame|connect to )', failure)
 
 
-def test_a_flow_that_finds_no_proxy_is_told(laboratory):
+def test_a_flow_without_a_proxy_is_reported(laboratory):
     laboratory.serve(80, tell_peer)
     sidecar, _ = laboratory.start_system()
 
     def find_out():
-        """Whether an application comes before the probe, which it does nearly always."""
+        """True if an application precedes the probe, as it nearly always does."""
         nonlocal sidecar
         mark = laboratory.events.mark()
         sidecar.kill()

@@ -1,4 +1,4 @@
-"""What applications notice of neighbours that attack, and of peers that do not answer."""
+"""What applications notice of attacking neighbours and of unresponsive peers."""
 
 import pytest
 
@@ -7,15 +7,15 @@ import torture
 from laboratory import THERE4
 from neighbours import Application
 
-# On a machine that is busy with something else, connections come in bursts, and what exceeds a
-# user's share of the pending handshakes goes direct.
+# On a busy machine, connections come in bursts, and those that exceed a user's share of the pending
+# handshakes go direct.
 NEARLY_ALL = 0.9
-# On a machine that is busy with something else, the scheduler alone takes a while. How much longer
-# than usual it takes is measured by Benchmarks/torture, on a quiet machine.
+# On a busy machine, the scheduler alone takes a while. Benchmarks/torture measures the slowdown, on
+# a quiet machine.
 SOON_SECONDS = 0.5
 ATTACK_SECONDS = 4
 
-# What is measured here is not measured next to another attack, or to what takes every processor.
+# Must not run in parallel with another attack or with a test that uses every processor.
 pytestmark = pytest.mark.xdist_group("processors")
 
 
@@ -39,7 +39,7 @@ def test_a_user_who_dials_dead_hosts_disturbs_nobody_else(neighbourhood):
     attacked = torture.attack(
         neighbourhood,
         lambda: neighbours.dial_dead_hosts(neighbourhood, extension),
-        # One deadline at least is in it.
+        # Includes at least one deadline.
         seconds=8,
     )
     # An expired deadline closes the gate for everybody, until the next probe.
@@ -54,7 +54,7 @@ def test_a_user_who_floods_hosts_disturbs_nobody_else(neighbourhood):
     check_others_are_served(attacked, proxied_share=0)
 
 
-def test_a_user_who_stalls_readers_leaves_descriptors_to_others(neighbourhood):
+def test_a_user_with_stalled_readers_leaves_descriptors_to_others(neighbourhood):
     """The user wants more tunnels than there are descriptors for."""
     descriptors, readers = 1500, 1500
     _, extension = neighbours.start_quiet_system(
@@ -68,7 +68,7 @@ def test_a_user_who_stalls_readers_leaves_descriptors_to_others(neighbourhood):
     check_others_are_served(attacked, proxied_share=NEARLY_ALL)
 
 
-def test_programs_from_a_file_system_that_hangs_disturb_nobody_else(neighbourhood):
+def test_programs_on_a_hung_file_system_disturb_nobody_else(neighbourhood):
     _, extension = neighbours.start_quiet_system(neighbourhood)
     attacked = torture.attack(
         neighbourhood,
@@ -98,7 +98,7 @@ def test_a_user_who_misuses_sockets_disturbs_nobody_else(neighbourhood, mode):
     check_others_are_served(attacked, proxied_share=0)
 
 
-def test_through_a_proxy_that_never_answers_every_connection_succeeds(neighbourhood):
+def test_with_a_silent_proxy_every_connection_succeeds(neighbourhood):
     connections = torture.connect_to_silent_proxy(neighbourhood, 200, rate=2000)
     assert connections.count == 200
     assert connections.failed == 0 and connections.reset == 0, str(connections)
@@ -107,7 +107,7 @@ def test_through_a_proxy_that_never_answers_every_connection_succeeds(neighbourh
     assert connections.p50 < 1 and connections.slowest < 8, str(connections)
 
 
-def test_a_log_that_nobody_reads_and_a_stopped_monitor_have_no_effect(neighbourhood):
+def test_an_unread_log_and_a_stopped_monitor_have_no_effect(neighbourhood):
     unread = torture.connect_unread(neighbourhood, seconds=8, rate=torture.RATE)
     for connections in (unread.first, unread.second):
         assert connections.failed == 0 and connections.reset == 0, str(unread)
@@ -116,8 +116,8 @@ def test_a_log_that_nobody_reads_and_a_stopped_monitor_have_no_effect(neighbourh
         assert connections.p99 < SOON_SECONDS, str(unread)
 
 
-def test_two_users_are_served_while_a_third_one_dials_dead_hosts(neighbourhood):
-    """What one user may not take is there for all the others together."""
+def test_two_users_are_served_while_a_third_dials_dead_hosts(neighbourhood):
+    """The share that one user cannot take is available to all others together."""
     _, extension = neighbours.start_quiet_system(neighbourhood)
     attacker = neighbours.dial_dead_hosts(neighbourhood, extension)
     applications = [

@@ -1,4 +1,4 @@
-"""Flows that a relay could not carry: they are left to the system, and work as without us."""
+"""Flows that a relay could not carry are left to the system, and work as without us."""
 
 import socket
 
@@ -21,7 +21,7 @@ def system(laboratory):
 
 
 def way_of(laboratory, application, address):
-    """Which way a request of this socket takes."""
+    """The path that a request of this socket takes."""
     with application:
         application.settimeout(20)
         application.connect(address)
@@ -35,13 +35,13 @@ def way_of(laboratory, application, address):
 
 
 @pytest.mark.parametrize("host", [THERE4, THERE6])
-def test_a_socket_that_is_bound_to_an_interface_keeps_to_it(laboratory, system, host):
+def test_a_bound_socket_keeps_its_interface(laboratory, system, host):
     application = laboratory.socket(host)
     application.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, b"here")
     assert way_of(laboratory, application, (host, PEER_PORT)) == "direct"
 
 
-def test_a_datagram_of_a_socket_that_is_bound_to_an_interface_is_not_refused(laboratory, system):
+def test_a_datagram_of_a_bound_socket_is_not_refused(laboratory, system):
     echo = DatagramEcho(laboratory.there, 443)
     try:
         with laboratory.socket(THERE4, socket.SOCK_DGRAM) as application:
@@ -74,8 +74,8 @@ def test_a_link_local_destination_without_a_zone_is_reached(laboratory, system):
     assert way_of(laboratory, application, (LINK_LOCAL4, PEER_PORT)) == "direct"
 
 
-def test_a_tunnel_of_the_kernel_on_a_port_of_ours_goes_on(laboratory, system):
-    """A packet that no socket of a program stands behind: vxlan, as WireGuard on port 443."""
+def test_a_kernel_tunnel_on_a_selected_port_keeps_working(laboratory, system):
+    """A packet without a program's socket: vxlan, like WireGuard on port 443."""
     for namespace, device, own, other, inner in (
         (laboratory.here, "here", HERE4, THERE4, INNER_HERE),
         (laboratory.there, "there", THERE4, HERE4, INNER_THERE),
@@ -86,12 +86,12 @@ def test_a_tunnel_of_the_kernel_on_a_port_of_ours_goes_on(laboratory, system):
         )  # fmt: skip
         namespace.run("ip", "addr", "add", f"{inner}/24", "dev", "tunnel")
         namespace.run("ip", "link", "set", "tunnel", "up")
-    # A port that is not ours, so that only the tunnel's own packets are looked at.
+    # A port that is not selected, so that only the tunnel's own packets are examined.
     laboratory.serve(4444, tell_peer)
     assert laboratory.fetch(INNER_THERE, 4444).way == "direct"
 
 
-def test_a_family_without_a_listener_of_ours_is_direct(laboratory):
+def test_a_family_without_a_listener_is_direct(laboratory):
     laboratory.here.run("ip", "addr", "del", "::1/128", "dev", "lo")
     laboratory.start_system()
     for _ in range(3):

@@ -45,7 +45,7 @@ class Load:
             return [request for request in self._requests if request.begin >= begin]
 
     def wait_for(self, way, count):
-        """Waits until that many requests that begin from now on have gone that way."""
+        """Waits until that many requests that begin from now on have taken that path."""
         begin = time.time()
         eventually(
             lambda: sum(request.way == way for request in self.since(begin)) >= count,
@@ -59,7 +59,7 @@ class Load:
 
 
 @pytest.mark.parametrize("start_proxy", ["start_sidecar", "start_tinyproxy"])
-def test_killing_the_proxy_under_load_fails_only_what_it_was_carrying(laboratory, start_proxy):
+def test_killing_the_proxy_fails_only_its_tunnels(laboratory, start_proxy):
     laboratory.serve(80, tell_peer)
     start = getattr(laboratory, start_proxy)
     proxy, _ = laboratory.start_system(start)
@@ -93,14 +93,14 @@ def test_killing_the_proxy_under_load_fails_only_what_it_was_carrying(laboratory
             assert afterwards == {"proxied"}
     finally:
         load.stop()
-    # Behind it nothing can be on its way.
+    # After it, nothing can be in progress.
     laboratory.wait_until_proxied()
     health = [event for event in laboratory.events.since(first_mark) if "flow_id" not in event]
     assert shapes(health) == [proxy_unreachable(), proxy_recovered()] * 2
 
 
 def closing_of_gate(laboratory, mark):
-    """When new flows began to be left alone: a probe or a flow had found that nobody is there."""
+    """When new flows were first left alone: a probe or a flow had detected the failure."""
     events = laboratory.events.since(mark)
     established = {
         event["flow_id"]
@@ -123,12 +123,12 @@ def check_failures(requests, killed_at, closed_at):
     failed = [request for request in requests if request.status != 0]
     assert all(request.end >= killed_at for request in failed)
     assert all(request.begin <= closed_at for request in failed)
-    # Each application may have been in the middle of one, and have begun another before anybody
-    # knew.
+    # Each application may have had one in progress, and begun another before the failure was
+    # detected.
     assert len(failed) <= 2 * WORKERS
 
 
-def test_flows_are_direct_before_the_proxy_is_there(laboratory):
+def test_flows_are_direct_before_the_proxy_starts(laboratory):
     laboratory.start_monitor()
     laboratory.start_extension()
     laboratory.events.wait("proxy_unreachable")
@@ -139,8 +139,8 @@ def test_flows_are_direct_before_the_proxy_is_there(laboratory):
     laboratory.wait_until_proxied()
 
 
-def test_what_runs_through_the_proxy_goes_on_while_new_flows_are_direct(laboratory):
-    """A probe that fails concerns new flows only."""
+def test_tunnels_continue_while_new_flows_are_direct(laboratory):
+    """A failed probe affects new flows only."""
 
     def echo(connection, _):
         while received := connection.recv(100):
@@ -151,7 +151,7 @@ def test_what_runs_through_the_proxy_goes_on_while_new_flows_are_direct(laborato
     with laboratory.connect(THERE4, 80) as application:
         application.sendall(b"one")
         assert application.recv(100) == b"one"
-        # Only the listening socket: what it has accepted stays. A reset answers new connections.
+        # Only the listening socket: accepted connections stay. New ones are reset.
         laboratory.here.run(
             "nft", "-f", "-",
             given="""table inet closed {

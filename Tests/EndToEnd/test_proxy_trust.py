@@ -1,4 +1,4 @@
-"""What may be the local proxy, for whom, and what becomes of connections while it is not."""
+"""What may be the local proxy, for whom, and what happens to connections otherwise."""
 
 import pathlib
 import time
@@ -64,7 +64,7 @@ def start_silence(laboratory):
 
 
 def start_extension(laboratory, start_listener, *options):
-    """The extension and what listens; when this returns the extension has noticed that."""
+    """The extension and a listener; returns when the extension has noticed the listener."""
     laboratory.start_monitor()
     extension = laboratory.start_extension(*options)
     laboratory.events.wait("proxy_unreachable")
@@ -91,7 +91,7 @@ NO_PROXIES = {
 
 
 @pytest.mark.parametrize("name", NO_PROXIES)
-def test_what_is_no_proxy_disturbs_nobody(laboratory, name):
+def test_a_listener_that_is_not_a_proxy_disturbs_nobody(laboratory, name):
     start, answer = NO_PROXIES[name]
     _, extension = start_extension(laboratory, start)
 
@@ -111,7 +111,7 @@ def test_what_is_no_proxy_disturbs_nobody(laboratory, name):
     assert not any("flow_id" in event for event in laboratory.events.since())
 
 
-def test_a_web_server_may_be_replaced_by_a_proxy_and_a_proxy_by_a_web_server(laboratory):
+def test_a_web_server_and_a_proxy_may_replace_each_other(laboratory):
     server, extension = start_extension(laboratory, start_python_server)
     eventually(lambda: way_of(laboratory, 0) and warnings(extension), "the log says it")
     server.kill()
@@ -127,7 +127,7 @@ def test_a_web_server_may_be_replaced_by_a_proxy_and_a_proxy_by_a_web_server(lab
     )
 
 
-def test_the_proxy_of_an_ordinary_user_gets_that_users_connections_only(laboratory):
+def test_an_ordinary_users_proxy_gets_only_that_users_connections(laboratory):
     proxy, extension = start_extension(
         laboratory, lambda laboratory: laboratory.start_local_proxy(PERSON)
     )
@@ -144,7 +144,7 @@ def test_the_proxy_of_an_ordinary_user_gets_that_users_connections_only(laborato
 
 
 @pytest.mark.parametrize("name, user", [(NAME, PERSON), (str(OTHER_PERSON), OTHER_PERSON)])
-def test_the_proxy_of_a_named_user_gets_everybodys_connections(laboratory, name, user):
+def test_a_named_users_proxy_gets_everybodys_connections(laboratory, name, user):
     _, extension = start_extension(
         laboratory,
         lambda laboratory: laboratory.start_sidecar(user=user),
@@ -156,7 +156,7 @@ def test_the_proxy_of_a_named_user_gets_everybodys_connections(laboratory, name,
     assert warnings(extension) == []
 
 
-def test_the_proxy_of_a_system_user_gets_everybodys_connections(laboratory):
+def test_a_system_users_proxy_gets_everybodys_connections(laboratory):
     _, extension = start_extension(
         laboratory, lambda laboratory: laboratory.start_tinyproxy(user=SYSTEM_USER)
     )
@@ -187,7 +187,7 @@ def test_a_chain_of_two_programs_is_one_proxy(laboratory, parent, users):
             laboratory.start_tinyproxy(PARENT_PORT, user=parent_user)
         else:
             laboratory.start_sidecar("--listen", f"127.0.0.1:{PARENT_PORT}", user=parent_user)
-        # From the first connection on, since the first one is the trial.
+        # From the first connection on, which is the trial.
         return laboratory.start_local_proxy(front_user, through=PARENT_PORT)
 
     front, extension = start_extension(laboratory, start_chain, "--proxy-user", NAME)
@@ -196,13 +196,13 @@ def test_a_chain_of_two_programs_is_one_proxy(laboratory, parent, users):
     mark = front.mark()
     for _ in range(5):
         assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
-    # In a loop, what the second program dials would be asked for as well.
+    # In a loop, the second program's connections would be requested as well.
     assert len(front.requests(mark)) == 5
     assert warnings(extension) == []
 
 
 def test_a_proxy_that_begins_to_forward_does_not_loop(laboratory):
-    """The trial has found out who dials, and later another program does."""
+    """The trial has found the dialler, and later another program dials."""
     laboratory.start_sidecar("--listen", f"127.0.0.1:{PARENT_PORT}")
     front, _ = start_extension(laboratory, lambda _: laboratory.start_local_proxy())
     laboratory.wait_until_proxied()
@@ -210,7 +210,7 @@ def test_a_proxy_that_begins_to_forward_does_not_loop(laboratory):
     for _ in range(5):
         mark = front.mark()
         assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
-        # What the second program dials is asked for twice, and then recognised.
+        # The second program's connection is requested twice, and then recognised.
         assert len(front.requests(mark)) <= 3
 
 
@@ -228,7 +228,7 @@ def test_a_proxy_may_refuse_the_trial(laboratory, status):
     assert len(proxy.reports("tried")) == 1
 
 
-def test_a_listener_that_begins_to_answer_is_the_proxy_from_then(laboratory):
+def test_a_listener_becomes_the_proxy_when_it_begins_to_answer(laboratory):
     laboratory.start_monitor()
     proxy = laboratory.start_local_proxy()
     proxy.behave(answer="", then="end")

@@ -1,4 +1,4 @@
-"""The jobs of ./run, without its building: the demonstration, the live job and the shell."""
+"""The jobs of ./run, without building: the demonstration, the live job and the shell."""
 
 import os
 import pathlib
@@ -16,7 +16,7 @@ from program import GENEROUS_SECONDS
 JOBS = pathlib.Path(__file__).resolve().parents[2] / "Tools" / "demonstration"
 DEMONSTRATION_SECONDS = 60
 
-# Sends the events that a real one sends about the proxy, and touches no packet.
+# Sends the proxy events of a real one, but touches no packet.
 IDLE_EXTENSION = f"""#!{PYTHON}
 import json, signal, socket, struct, sys, time
 
@@ -66,7 +66,7 @@ def run(job, programs_folder, given=None):
 
 
 def read_until(process, text):
-    """What the job prints up to the first line with this text."""
+    """The job's output up to the first line with this text."""
     lines = []
     for line in process.stdout:
         lines.append(line)
@@ -81,7 +81,7 @@ def assert_no_folder_is_left(output):
 
 
 def processes_in(namespace):
-    """Of a namespace that still exists: the number of one that is gone is soon used again."""
+    """For a namespace that still exists: the numbers of removed ones are soon reused."""
     found = []
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:
@@ -101,13 +101,13 @@ def test_every_step_of_the_demonstration_is_as_expected(programs_folder):
     assert errors == ""
     assert "DIFFERS" not in output
     assert re.search(r"^All 13 steps as expected, in [\d.]+ s\.$", output, re.MULTILINE)
-    # Neither colours nor long lines where there is no terminal.
+    # Neither colours nor long lines without a terminal.
     assert "\x1b" not in output
     assert max(map(len, output.splitlines())) <= 100
     assert_no_folder_is_left(output)
 
 
-def test_the_demonstration_notices_an_extension_that_does_nothing(programs_folder, tmp_path):
+def test_the_demonstration_detects_an_idle_extension(programs_folder, tmp_path):
     for name in ("ostravel-monitor", "ostravel-sidecar"):
         (tmp_path / name).symlink_to(os.path.join(programs_folder, name))
     extension = tmp_path / "ostravel-extension"
@@ -119,7 +119,7 @@ def test_the_demonstration_notices_an_extension_that_does_nothing(programs_folde
     differing = {
         line[4:34].strip() for line in table.splitlines() if line.endswith("DIFFERS")
     }
-    # What is the same with and without an extension is as expected.
+    # The steps that do not depend on an extension are as expected.
     assert {"Start", "HTTP over IPv4", "HTTPS", "QUIC", "The proxy is back"} <= differing
     assert "An exempt application" not in differing
     assert_no_folder_is_left(output)
@@ -147,7 +147,7 @@ def test_demonstrations_do_not_disturb_one_another(programs_folder):
         assert process.returncode == 0, output + errors
 
 
-def test_a_shell_runs_what_it_is_given(programs_folder):
+def test_a_shell_runs_the_given_command(programs_folder):
     status, output, errors = run(
         "shell",
         programs_folder,
@@ -167,7 +167,7 @@ def test_a_shell_runs_what_it_is_given(programs_folder):
     assert_no_folder_is_left(output)
 
 
-def test_killing_the_extension_in_the_shell_leaves_applications_alone(programs_folder):
+def test_killing_the_extension_in_the_shell_spares_applications(programs_folder):
     status, output, errors = run(
         "shell",
         programs_folder,
@@ -233,18 +233,18 @@ def test_live_serves_until_it_is_ended(live, number):
     live.assert_nothing_is_left()
 
 
-def test_live_uses_the_proxy_that_is_there(laboratory):
+def test_live_uses_a_running_proxy(laboratory):
     tinyproxy = laboratory.start_tinyproxy()
     live = Live(laboratory)
     live.wait_until_started()
     live.wait_until_proxied()
     assert f"tinyproxy (process {tinyproxy.pid})" in " ".join(live.program.output.since())
     assert live.program.stop() == 0
-    # It was there before, and is there afterwards.
+    # It was running before, and still is.
     assert tinyproxy.process.poll() is None
 
 
-def test_live_names_the_user_of_the_proxy_that_is_there(laboratory):
+def test_live_names_the_user_of_a_running_proxy(laboratory):
     laboratory.start_sidecar(user=65534)
     live = Live(laboratory)
     live.wait_until_started()
@@ -253,7 +253,7 @@ def test_live_names_the_user_of_the_proxy_that_is_there(laboratory):
     assert live.program.stop() == 0
 
 
-def test_live_refuses_to_send_everything_to_what_is_no_proxy(laboratory):
+def test_live_refuses_a_listener_that_is_not_a_proxy(laboratory):
     web = laboratory.start(
         [PYTHON, "-u", "-m", "http.server", "8080", "--bind", "127.0.0.1"], name="web server"
     )
@@ -276,7 +276,7 @@ def test_live_ends_when_one_of_its_programs_dies(live, name):
     live.assert_nothing_is_left()
 
 
-def test_a_second_live_job_says_that_there_is_one(live, laboratory):
+def test_a_second_live_job_reports_the_first(live, laboratory):
     live.wait_until_started()
     second = Live(laboratory)
     assert second.program.wait() == 2
@@ -287,7 +287,7 @@ def test_a_second_live_job_says_that_there_is_one(live, laboratory):
     assert live.program.stop() == 0
 
 
-def test_live_without_the_permission_says_which(laboratory):
+def test_live_reports_a_missing_permission(laboratory):
     program = laboratory.start(
         ["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin", PYTHON, "-B",
          str(JOBS / "live.py"), laboratory.programs_folder],

@@ -1,4 +1,4 @@
-"""The system is killed, and rules of others come and go, while applications make connections."""
+"""Applications connect while the system is killed and other programs' rules come and go."""
 
 import pathlib
 import signal
@@ -12,7 +12,7 @@ from laboratory import HERE4, PEER_PORT, THERE4, eventually, reset
 from namespace import Namespace
 from origins import tell_peer
 
-# TCP sends a first packet again after 1 s and after 3 s.
+# TCP retransmits a first packet after 1 s and after 3 s.
 RETRANSMITTED_SECONDS = 3.2
 DEADLINE_SECONDS = 5
 
@@ -37,15 +37,15 @@ def test_no_connection_fails_while_the_extension_is_killed(neighbourhood):
 
 
 def is_stopped(program):
-    """Whether no thread of it reads any more; a signal takes a moment to reach them all."""
+    """True if none of its threads reads any more; a signal takes a moment to reach them all."""
     threads = pathlib.Path(f"/proc/{program.pid}/task").iterdir()
     states = [(thread / "stat").read_text().rpartition(") ")[2][0] for thread in threads]
     return set(states) == {"T"}
 
 
 @pytest.mark.parametrize("is_idle", [True, False], ids=["idle", "with unread bytes"])
-def test_a_source_port_can_be_used_again_after_it_was_killed(neighbourhood, is_idle):
-    """The kernel remembers where the connection was redirected to, perhaps for days."""
+def test_a_source_port_is_reusable_after_a_kill(neighbourhood, is_idle):
+    """The kernel remembers the redirection of the connection, perhaps for days."""
     _, extension = neighbours.start_quiet_system(neighbourhood)
 
     def connect():
@@ -61,10 +61,10 @@ def test_a_source_port_can_be_used_again_after_it_was_killed(neighbourhood, is_i
         extension.send_signal(signal.SIGSTOP)
         eventually(lambda: is_stopped(extension), "every thread has stopped")
         if not is_idle:
-            # What it has not read makes its end a reset.
+            # Unread data makes its end a reset.
             application.sendall(b"-")
         extension.kill()
-        # Not an orderly end, which would make what was cut off look complete.
+        # Not an orderly end, which would make truncated data look complete.
         with pytest.raises(ConnectionResetError):
             application.recv(1)
     neighbours.start_quiet_extension(neighbourhood)
@@ -79,13 +79,13 @@ def test_no_connection_fails_while_the_proxy_is_killed(neighbourhood):
     assert connections.proxied > 0 and connections.direct > 0, str(connections)
 
 
-def test_a_connection_whose_proxy_dies_before_it_answers_goes_direct(neighbourhood):
+def test_a_connection_goes_direct_if_its_proxy_dies_unanswered(neighbourhood):
     proxy, _ = neighbours.start_quiet_system(neighbourhood, neighbourhood.start_local_proxy)
     proxy.behave(answer="", then="hold")
     mark = proxy.mark()
     with torture.application(neighbourhood, 1, "--count", 1) as application:
         proxy.wait("asked", mark)
-        # To the extension this looks like a proxy that says no.
+        # To the extension this looks like a proxy that refuses.
         proxy.program.kill()
         connections = application.end()
     check_none_failed(connections)
@@ -95,7 +95,7 @@ def test_a_connection_whose_proxy_dies_before_it_answers_goes_direct(neighbourho
 
 @pytest.mark.xdist_group("processors")
 @pytest.mark.parametrize("name", torture.FOREIGN_RULES)
-def test_no_connection_fails_while_rules_of_others_come_and_go(neighbourhood, name):
+def test_no_connection_fails_while_other_rules_come_and_go(neighbourhood, name):
     foreign = torture.FOREIGN_RULES[name]
     neighbours.start_quiet_system(neighbourhood)
     ruled = torture.rule(neighbourhood, foreign, seconds=2)

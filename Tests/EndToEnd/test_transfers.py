@@ -135,17 +135,17 @@ class Transfer:
 
 @pytest.mark.xdist_group("processors")
 @IPV4_AND_IPV6
-def test_300_transfers_at_the_same_time_are_exact(laboratory, host):
+def test_300_simultaneous_transfers_are_exact(laboratory, host):
     count = 300
     laboratory.start_pattern_origin()
     laboratory.start_system()
 
     async def run():
         transfers = [Transfer(number) for number in range(count)]
-        # More handshakes of one user than this at the same time go direct.
+        # More simultaneous handshakes of one user than this go direct.
         gate = asyncio.Semaphore(20)
         await asyncio.gather(*(each.connect(laboratory, host, gate) for each in transfers))
-        # All connections stand before the first byte is sent.
+        # All connections are established before the first byte is sent.
         return await asyncio.gather(*(each.run() for each in transfers))
 
     verdicts = asyncio.run(asyncio.wait_for(run(), TRANSFER_SECONDS))
@@ -218,7 +218,7 @@ def test_openssl_speaks_tls_through_the_proxy(laboratory, host):
     check_proxied(laboratory, remote(host, 443), OPENSSL)
 
 
-def test_another_local_proxy_carries_exact_bytes_as_well(laboratory):
+def test_another_local_proxy_carries_exact_bytes(laboratory):
     laboratory.start_nginx()
     laboratory.start_system(laboratory.start_tinyproxy)
     size = 128 << 20
@@ -274,8 +274,8 @@ def test_short_connections_lose_nothing(laboratory, host):
 
 @pytest.mark.parametrize("size", [1, 1000, 300_000])
 @pytest.mark.parametrize("end", ["close", "shutdown"])
-def test_what_was_sent_before_the_end_arrives(laboratory, size, end):
-    """An application that sends and ends at once, wholly or only its sending side."""
+def test_data_sent_before_the_end_arrives(laboratory, size, end):
+    """An application that sends and closes at once, both directions or only its sending side."""
     arrived = []
     all_are_there = threading.Semaphore(0)
 
@@ -300,14 +300,14 @@ def test_what_was_sent_before_the_end_arrives(laboratory, size, end):
     for _ in range(count):
         assert all_are_there.acquire(timeout=30)
     assert sorted(map(len, arrived)) == [size] * count
-    # In any order: they run side by side.
+    # In any order: they run in parallel.
     expected = sorted(sent[number % 7 :][:size] for number in range(count))
     assert sorted(arrived) == expected
     check_proxied(laboratory, remote(THERE4, 80), PYTHON, count)
 
 
-def test_what_the_origin_sent_before_its_end_arrives_late_readers_too(laboratory):
-    """An application that reads only when all is over."""
+def test_data_sent_before_the_origins_end_reaches_late_readers(laboratory):
+    """An application that reads only after everything has ended."""
     sent = b"".join(pattern.pieces(1, 2 << 20))
     has_ended = threading.Event()
 
@@ -384,8 +384,8 @@ def test_an_orderly_end_is_not_a_reset(laboratory):
             assert receive_all(application) == b"enough"
 
 
-def test_a_source_port_can_be_used_again_after_a_reset(laboratory):
-    """The kernel remembers for some seconds where the connection was redirected to."""
+def test_a_source_port_is_reusable_after_a_reset(laboratory):
+    """The kernel remembers the connection's redirection for some seconds."""
 
     def serve(connection, _):
         connection.sendall(b"here")

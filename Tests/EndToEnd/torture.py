@@ -1,6 +1,6 @@
-"""What is done to the system while applications make connections, and what becomes of them.
+"""What is done to the system while applications connect, and what happens to the connections.
 
-The tests do each of it for a few seconds, Benchmarks/torture as long as one likes.
+The tests run each of these for a few seconds, Benchmarks/torture for as long as requested.
 """
 
 import contextlib
@@ -19,13 +19,13 @@ RATE = 300
 
 
 def pause(seconds):
-    """Lets the applications work for a while: nothing is waited for."""
+    """Lets the applications work for a while, without waiting for an event."""
     select.select([], [], [], seconds)
 
 
 @contextlib.contextmanager
 def application(laboratory, *arguments, **options):
-    """An application that has ended in any case."""
+    """An application that is guaranteed to have ended."""
     made = Application(laboratory, *arguments, **options)
     try:
         yield made
@@ -60,7 +60,7 @@ def kill_proxy(laboratory, proxy, count, seed=None):
 
 
 def hang(laboratory, extension, begin_hang, seconds=2):
-    """The extension hangs, until its guardian ends it."""
+    """The extension hangs until its guardian kills it."""
     with application(laboratory, RATE) as load:
         pause(seconds)
         begin_hang(extension)
@@ -70,7 +70,7 @@ def hang(laboratory, extension, begin_hang, seconds=2):
 
 
 class Attacked(NamedTuple):
-    """What a user has noticed of an attack by another one."""
+    """What one user has noticed of another's attack."""
 
     idle: Connections
     # While the attack was getting under way.
@@ -95,7 +95,7 @@ def attack(laboratory, start_attack, seconds, idle_seconds=1, rate=100):
 
 
 def start_with_silent_proxy(laboratory, **options):
-    """A proxy that has answered so far accepts connections and says nothing any more."""
+    """A proxy that has answered so far still accepts connections but no longer answers."""
     proxy, extension = neighbours.start_quiet_system(
         laboratory, laboratory.start_local_proxy, **options
     )
@@ -110,7 +110,7 @@ def connect_to_silent_proxy(laboratory, count, rate, *options):
 
 
 class UnreadPipe:
-    """A pipe that nobody reads, and in which there is no room any more."""
+    """A full pipe that nobody reads."""
 
     def __init__(self, path):
         self.path = path
@@ -129,7 +129,7 @@ class UnreadPipe:
 
     @property
     def prefix(self):
-        """Before a command: what it says goes into the pipe."""
+        """Prefix of a command whose output goes into the pipe."""
         return ("sh", "-c", 'exec "$@" >"$0" 2>&1', self.path)
 
 
@@ -139,7 +139,7 @@ def resident_bytes(program):
 
 
 class Unread(NamedTuple):
-    """Two halves of the time, and how much memory the programs needed more in the second."""
+    """Two halves of the time, and the increase of the programs' memory in the second."""
 
     first: Connections
     second: Connections
@@ -172,7 +172,7 @@ def connect_unread(laboratory, seconds, rate):
 
 # Rules of others
 
-# Where containers would be.
+# The network of the containers.
 CONTAINER4 = "172.17.0.2"
 
 CONTAINER_RULES = f"""
@@ -228,7 +228,7 @@ DEFAULT_DROP_INPUT = DEFAULT_DROP.replace(
 
 
 class Foreign(NamedTuple):
-    """Rules of others: how they come and how they go."""
+    """Rules of other programs: how they are added and removed."""
 
     begin: object
     end: object

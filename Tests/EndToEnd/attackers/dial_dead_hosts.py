@@ -12,7 +12,7 @@ import socket
 import sys
 import time
 
-# A little longer than anybody who holds a connection would wait.
+# A little longer than any connection is held.
 PATIENCE_SECONDS = 6
 
 

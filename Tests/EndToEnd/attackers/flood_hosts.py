@@ -1,4 +1,4 @@
-"""Connects to a new host each time, 1,500 times a second, and never to the same one twice.
+"""Connects to 1,500 hosts a second, to each of them once.
 
     flood_hosts.py PORT [--rate 1500]
 
@@ -15,7 +15,7 @@ import time
 
 NETWORK = ipaddress.ip_network("198.18.0.0/15")
 AT_ONCE = 1000
-# Leaves nothing behind: neither end is to wait for late packets.
+# Neither end may enter TIME-WAIT.
 RESET = struct.pack("ii", 1, 0)
 
 
@@ -40,7 +40,7 @@ def main():
     print("attacking", flush=True)
     while True:
         now = time.monotonic()
-        # What could not begin in time is not made up for.
+        # Overdue connections are skipped.
         due = max(due, now - 0.1)
         while due <= now:
             due += 1 / arguments.rate

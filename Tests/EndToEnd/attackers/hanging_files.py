@@ -41,7 +41,7 @@ libc = ctypes.CDLL(None, use_errno=True)
 
 
 class FileSystem:
-    """One folder with one file. Nothing about it may be cached, so that every look at it asks us."""
+    """A folder with one file. Nothing may be cached, so that every look-up asks us."""
 
     def __init__(self, folder, path):
         with open(path, "rb") as file:
@@ -67,7 +67,7 @@ class FileSystem:
             os.write(self._device, OUT_HEADER.pack(size, -error, unique) + body)
 
     def _answer(self, operation, node, body):
-        """The body of an answer, or an error number."""
+        """Returns the body of an answer, or an error number."""
         if operation == INIT:
             major, minor = struct.unpack_from("<II", body)
             assert major == 7
@@ -114,14 +114,14 @@ def serve(arguments):
     files.serve_until(ready)
     if not os.read(ready, 1):
         sys.exit("the program did not start")
-    # From now on nobody answers.
+    # From now on no request is answered.
     os.write(say_begin, b"b")
     print("attacking", flush=True)
     signal.pause()
 
 
 def load_everything():
-    """After this, running needs no file any more."""
+    """After this, running the program needs no file any more."""
     with open("/proc/self/exe", "rb") as file:
         while file.read(1 << 20):
             pass

@@ -23,12 +23,12 @@ def connect(made, host, port):
     try:
         made.connect_ex((host, port))
     except OSError:
-        # Refused by this side, such as for lack of ports.
+        # Refused locally, for example for lack of ports.
         pass
 
 
 def give_up(host, port):
-    """Closes each socket before anybody can have decided about its connection."""
+    """Closes each socket before its connection can have been decided."""
     while True:
         with socket.socket() as made:
             made.setblocking(False)
@@ -36,7 +36,7 @@ def give_up(host, port):
 
 
 def give_up_hosts(_, port):
-    """The same, with another host each time."""
+    """The same, with a new host each time."""
     while True:
         with socket.socket() as made:
             made.setblocking(False)
@@ -52,7 +52,7 @@ def reset_connections(host, port):
 
 
 def end_processes(host, port):
-    """Each connection is begun by a process of its own, which has ended when it is looked for."""
+    """Each connection is begun by a separate process, which has ended when it is searched for."""
     at_once = 20
     while True:
         for _ in range(at_once):
@@ -66,7 +66,7 @@ def end_processes(host, port):
 
 
 def share_a_port(_, port):
-    """All connections have the same source, in turn."""
+    """All connections have the same source, one after the other."""
     while True:
         with socket.socket() as made:
             made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -88,7 +88,7 @@ def send_datagrams(*_):
 
 
 def connect_to_listeners(*_):
-    """To everything that listens on this machine."""
+    """To every listener on this machine."""
     while True:
         with open("/proc/net/tcp") as sockets:
             entries = [line.split() for line in list(sockets)[1:]]

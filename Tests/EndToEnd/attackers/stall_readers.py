@@ -1,4 +1,4 @@
-"""Holds connections to an origin that sends without end, and never reads from any of them.
+"""Holds connections to an origin that sends endlessly, and never reads from them.
 
     stall_readers.py HOST PORT COUNT
 
@@ -17,7 +17,7 @@ AT_ONCE = 20
 def dial(host, port):
     dialled = socket.socket()
     dialled.setblocking(False)
-    # As little as possible in the kernel: what is not read is to stay with the others.
+    # As little as possible in the kernel: unread data should be buffered by the others.
     dialled.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
     dialled.connect_ex((host, port))
     return dialled
