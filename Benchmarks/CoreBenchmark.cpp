@@ -1,4 +1,4 @@
-// What the core does for every flow and every event, on the platform that people run it on.
+// What the core costs per flow and per event, on the platform that people run it on.
 
 #include <benchmark/benchmark.h>
 
@@ -15,7 +15,7 @@
 
 namespace ostravel {
 
-// Reaches what is the provider's own business.
+// Accesses the provider's internals.
 class PacketTunnelProviderTestPeer {
  public:
   static void fillCache(PacketTunnelProvider& provider, std::size_t expired, std::size_t live) {
@@ -76,8 +76,8 @@ void cachedDecision(benchmark::State& state) {
 }
 BENCHMARK(cachedDecision);
 
-// A decision that was not remembered: the walk over the lists, and handing the result to the cache.
-// As many as fit without pruning.
+// An uncached decision: the walk over the lists, and storing the result in the cache. As many as
+// fit without pruning.
 void uncachedDecision(benchmark::State& state) {
   const auto provider = makeProvider();
   std::vector<std::string> hosts;
@@ -100,7 +100,7 @@ void cacheStoreWithPruning(benchmark::State& state) {
     PacketTunnelProviderTestPeer::storeAndWait(*provider, "new", 1.0);
   }
 }
-// The queue does it while the caller waits.
+// Done by the queue while the caller waits.
 BENCHMARK(cacheStoreWithPruning)->UseRealTime();
 
 constexpr std::string_view kAnswer =
@@ -149,8 +149,8 @@ void encodeEvent(benchmark::State& state) {
 }
 BENCHMARK(encodeEvent);
 
-// What a caller of emit waits for; delivery is somebody else's time. In portions, so that the
-// queue behind it is as short as it is in real use. The CPU column is the caller's.
+// The time that a caller of emit waits; delivery happens elsewhere. In batches, so that the queue
+// stays as short as in real use. The CPU column is the caller's.
 void emitAsTheCallerSeesIt(benchmark::State& state) {
   constexpr std::size_t kPortion = 64;
   const auto queue = sharedPlatform().makeQueue("benchmark", platform::DispatchQueueKind::serial);

@@ -1,15 +1,15 @@
-// The two ends of what `compare` measures: an origin server, and the applications that use it. Made
-// so that what lies between them is the bottleneck: received bytes are discarded without being
-// copied, and one buffer is sent over and over.
+// The two ends of what `compare` measures: an origin server, and the applications that use it.
+// Built so that whatever is between them is the bottleneck: received bytes are discarded without
+// copying, and one buffer is sent repeatedly.
 //
-// A connection says with its first byte what it is for:
+// The first byte of a connection selects its purpose:
 //
 //   x   the rest of a request of kRequestSize bytes is answered with kAnswerSize bytes
 //   d   bytes are sent until the connection ends
 //   u   bytes are discarded until the connection ends
 //
-// Results are one JSON object on standard output. A measurement that takes much longer than it
-// should is ended by SIGALRM.
+// Results are one JSON object on standard output. SIGALRM ends a measurement that takes much too
+// long.
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -55,13 +55,13 @@ constexpr std::size_t kAnswerSize = 512;
 constexpr std::size_t kSendSize = 256 * 1024;
 constexpr std::size_t kDiscardSize = 1024 * 1024;
 constexpr int kBacklog = 4096;
-// Streams have their full speed by then.
+// Streams have reached full speed by then.
 constexpr auto kWarmUp = 300ms;
-// One exchange that takes longer has failed.
+// A longer exchange has failed.
 constexpr auto kExchangeTimeout = 5s;
-// What a measurement may take beyond its own time.
+// The time that a measurement may take in addition to its own.
 constexpr unsigned kStallSeconds = 20;
-// Connections made one after the other before any of them is closed.
+// Connections that are opened one after the other before any of them is closed.
 constexpr unsigned kConnectBatch = 16;
 
 const std::vector<std::byte>& sentBytes() {
@@ -99,13 +99,13 @@ FileDescriptor makeSocket(const KernelAddress& address, int flags = 0) {
 void setTimeout(const FileDescriptor& socket, std::chrono::seconds timeout) {
   const timeval value{.tv_sec = timeout.count(), .tv_usec = 0};
   ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
-  // Of connect() too (socket(7)).
+  // Applies to connect() too (socket(7)).
   ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value);
 }
 
 // Origin
 
-// Serves every connection with one thread and no memory but this.
+// Serves all connections with one thread and no other memory than this.
 class Origin {
  public:
   explicit Origin(const KernelAddress& address)
@@ -203,7 +203,7 @@ class Origin {
 
   FileDescriptor listener_;
   FileDescriptor events_;
-  // By descriptor.
+  // Indexed by descriptor.
   std::vector<Connection> connections_;
 };
 
@@ -221,7 +221,7 @@ bool exchange(const FileDescriptor& socket) {
          static_cast<ssize_t>(answer.size());
 }
 
-// A connection over which one exchange was made; none when something failed.
+// A connection that has completed one exchange; not open if anything failed.
 FileDescriptor connectAndExchange(const KernelAddress& address) {
   FileDescriptor socket = makeSocket(address);
   setTimeout(socket, kExchangeTimeout);
@@ -242,7 +242,7 @@ double microseconds(Clock::duration duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
 }
 
-// By the nearest rank; values are sorted.
+// By nearest rank; values are sorted.
 double percentile(const std::vector<double>& values, std::size_t percent) {
   return values.empty() ? 0.0 : values[(values.size() - 1) * percent / 100];
 }
@@ -360,7 +360,7 @@ int runExchanges(const KernelAddress& address, unsigned workers, unsigned second
   return EXIT_SUCCESS;
 }
 
-// Opens connections, uses each once, says how many there are, and keeps them until standard input
+// Opens connections, uses each once, prints how many there are, and keeps them until standard input
 // ends.
 int holdConnections(const KernelAddress& address, unsigned count, unsigned workers) {
   std::vector<FileDescriptor> sockets(count);
@@ -387,8 +387,8 @@ int holdConnections(const KernelAddress& address, unsigned count, unsigned worke
   return EXIT_SUCCESS;
 }
 
-// How long connect() takes here and in another network namespace, turn by turn, so that whatever
-// else the machine does hits both.
+// How long connect() takes here and in another network namespace, alternately, so that other load
+// on the machine affects both.
 class ConnectTimes {
  public:
   ConnectTimes(const KernelAddress& address, const std::string& otherNamespace)
@@ -397,7 +397,7 @@ class ConnectTimes {
   void measure(unsigned count) {
     for (unsigned done = 0; done < count; done += kConnectBatch) {
       std::array<std::array<FileDescriptor, 2>, kConnectBatch> sockets;
-      // A socket belongs to the namespace in which it was made.
+      // A socket belongs to the namespace in which it was created.
       for (const std::size_t side : {1U, 0U}) {
         enter(side);
         for (auto& pair : sockets) {
@@ -407,7 +407,7 @@ class ConnectTimes {
       }
       bool isSwapped = false;
       for (const auto& pair : sockets) {
-        // Neither is always the one that comes behind the other.
+        // Alternates the order, so that neither is always second.
         const std::size_t first = std::exchange(isSwapped, !isSwapped) ? 1 : 0;
         connectOne(first, pair[first]);
         connectOne(1 - first, pair[1 - first]);
