@@ -3,13 +3,17 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Extension/FilterDataProvider/BuiltInLists.h"
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+#include "Tests/Extension/Support/NotingPlatform.h"
 #include "Tests/Extension/Support/ProviderTest.h"
 
 namespace ostravel {
@@ -332,15 +336,44 @@ TEST_F(FlowDecisionCache, IsNotPrunedByAHit) {
   EXPECT_EQ(peer().cacheSize(), 2501U);
 }
 
-TEST_F(FlowDecisionCache, TakesTheLaterOfTwoStoresForOneKey) {
-  provider_->decideFlowAction(kApp, "example.org", tcp);
-  simulation_.spend(1s);
-  provider_->decideFlowAction(kApp, "example.org", tcp);
+// Runs an action once, in the middle of a decision: when that lower-cases a text.
+class InterruptingText final : public platform::TextServices {
+ public:
+  explicit InterruptingText(const platform::TextServices& other) : other_(other) {}
 
+  void interruptOnce(std::function<void()> action) { action_ = std::move(action); }
+
+  std::string lowercased(std::string_view text) const override {
+    if (const auto action = std::exchange(action_, nullptr)) {
+      action();
+    }
+    return other_.lowercased(text);
+  }
+  std::string_view trimmed(std::string_view text) const override { return other_.trimmed(text); }
+
+ private:
+  const platform::TextServices& other_;
+  mutable std::function<void()> action_;
+};
+
+TEST_F(FlowDecisionCache, TakesTheLaterOfTwoStoresForOneKey) {
+  InterruptingText text(simulation_.text());
+  test::NotingPlatform platform(simulation_);
+  platform.useText(text);
+  const auto provider = std::make_shared<PacketTunnelProvider>(platform, simulation_);
+  // Another thread decides a second later and stores its decision first.
+  text.interruptOnce([this, &provider] {
+    simulation_.spend(1s);
+    provider->decideFlowAction(kApp, "example.org", tcp);
+  });
+
+  provider->decideFlowAction(kApp, "example.org", tcp);
   simulation_.run();
 
-  EXPECT_EQ(peer().cacheSize(), 1U);
-  EXPECT_EQ(peer().cachedExpiry(kKey), kStart + 31.0);
+  const PacketTunnelProviderTestPeer peer(*provider);
+  ASSERT_EQ(platform.notesOf("com.ostravel.bypassCache asyncBarrier").size(), 2U);
+  EXPECT_EQ(peer.cacheSize(), 1U);
+  EXPECT_EQ(peer.cachedExpiry(kKey), kStart + 30.0);
 }
 
 TEST_F(FlowDecisionCache, DoesNotKeepTheProviderAliveWithAStore) {

@@ -341,6 +341,8 @@ TEST_F(ProviderStop, LogsCompletesInsideTheCallAndStopsProbing) {
   EXPECT_EQ(simulation_.logLines().back(), "OstravelProxy: Stopping Proxy");
   EXPECT_EQ(simulation_.logRecords().back().level, LogLevel::info);
   EXPECT_EQ(simulation_.journal().linesWith("stopped").size(), 1U);
+  // The event of the stop is on its way.
+  simulation_.run();
   sockets().clearCalls();
   simulation_.advance(10s);
   EXPECT_TRUE(sockets().calls().empty());

@@ -27,6 +27,8 @@ class NotingPlatform final : public platform::Platform {
   // Those that begin with this.
   std::vector<std::string> notesOf(std::string_view beginning) const;
   void clearNotes() { notes_->clear(); }
+  // Instead of those of the other platform; outlives this.
+  void useText(const platform::TextServices& text) { text_ = &text; }
 
   std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,
                                                      platform::DispatchQueueKind kind) override;
@@ -38,11 +40,12 @@ class NotingPlatform final : public platform::Platform {
   std::optional<std::string> mainBundleIdentifier() const override;
   const platform::Clock& clock() const override { return other_.clock(); }
   platform::UUIDSource& uuidSource() override { return other_.uuidSource(); }
-  const platform::TextServices& text() const override { return other_.text(); }
+  const platform::TextServices& text() const override { return text_ ? *text_ : other_.text(); }
   platform::SocketCalls& sockets() override { return other_.sockets(); }
 
  private:
   platform::Platform& other_;
+  const platform::TextServices* text_ = nullptr;
   // Queues and timers write into it as well and may outlive this.
   const std::shared_ptr<std::vector<std::string>> notes_ =
       std::make_shared<std::vector<std::string>>();
