@@ -28,6 +28,8 @@ inline constexpr std::int64_t kInvalidNetworkRuleCode = 1202;
 inline constexpr std::int64_t kStoppingCode = 1203;
 // The kernel cannot say whose a socket is.
 inline constexpr std::int64_t kNoSocketDiagnosticsCode = 1204;
+// Interception cannot start, because a resource is missing.
+inline constexpr std::int64_t kInterceptionFailedCode = 1205;
 
 // An error of that domain.
 inline Error providerError(std::int64_t code, std::string description) {

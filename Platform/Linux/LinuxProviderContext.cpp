@@ -1,5 +1,6 @@
 #include "Platform/Linux/LinuxProviderContext.h"
 
+#include <exception>
 #include <utility>
 
 #include "Platform/Interface/ProviderError.h"
@@ -41,8 +42,18 @@ void LinuxProviderContext::stopInterception() {
 void LinuxProviderContext::setTunnelNetworkSettings(
     platform::TransparentProxyNetworkSettings settings, platform::ErrorCompletion completion) {
   settingsQueue_->async([this, settings = std::move(settings), completion = std::move(completion)] {
-    completion(startInterception(settings));
+    completion(tryToStartInterception(settings));
   });
+}
+
+// No exception crosses the seam.
+OptionalError LinuxProviderContext::tryToStartInterception(
+    const platform::TransparentProxyNetworkSettings& settings) {
+  try {
+    return startInterception(settings);
+  } catch (const std::exception& failure) {
+    return platform::providerError(platform::kInterceptionFailedCode, failure.what());
+  }
 }
 
 OptionalError LinuxProviderContext::startInterception(

@@ -39,6 +39,8 @@ class LinuxProviderContext final : public platform::ProviderContext {
   std::optional<platform::TunnelProviderProtocol> protocolConfiguration() const override;
 
  private:
+  platform::OptionalError tryToStartInterception(
+      const platform::TransparentProxyNetworkSettings& settings);
   platform::OptionalError startInterception(
       const platform::TransparentProxyNetworkSettings& settings);
 

@@ -340,6 +340,17 @@ def test_2000_idle_tunnels_do_not_disturb(laboratory):
     eventually(lambda: len(os.listdir(f"/proc/{extension.pid}/fd")) < 100, "descriptors are free")
 
 
+@pytest.mark.parametrize("descriptors", [8, 16, 24])
+def test_a_start_without_enough_descriptors_fails_in_one_line(laboratory, descriptors):
+    done = laboratory.run_application(
+        "prlimit", f"--nofile={descriptors}:{descriptors}",
+        laboratory.program_path("ostravel-extension"), "--no-guardian")
+    assert done.returncode == 2
+    lines = done.stderr.decode().splitlines()
+    assert [line for line in lines if line.startswith("ostravel-extension: ")] == lines[-1:]
+    assert "Too many open files" in lines[-1]
+
+
 def test_without_spare_descriptors_flows_are_direct(laboratory):
     laboratory.start_sidecar()
     extension = laboratory.start_extension(prefix=("prlimit", "--nofile=200:200"))
