@@ -168,16 +168,16 @@ class IncludeCheck(unittest.TestCase):
         self.assert_rejected("Platform/macOS/New.mm", '#import "Platform/Linux/Relay/EventLoop.h"')
 
     def test_a_source_includes_its_own_header_first(self):
-        own = '#include "Companion/HostPort.h"'
-        self.assert_accepted("Companion/HostPort.cpp", "// Why.", own, "#include <string>")
-        self.assert_rejected("Companion/HostPort.cpp", "#include <string>")
-        self.assertEqual(len(self.findings("Companion/HostPort.cpp", "#include <string>", own)), 1)
-        self.assert_rejected("Companion/HostPort.cpp", "int none;")
+        own = '#include "Companion/Sidecar/HostPort.h"'
+        self.assert_accepted("Companion/Sidecar/HostPort.cpp", "// Why.", own, "#include <string>")
+        self.assert_rejected("Companion/Sidecar/HostPort.cpp", "#include <string>")
+        self.assertEqual(len(self.findings("Companion/Sidecar/HostPort.cpp", "#include <string>", own)), 1)
+        self.assert_rejected("Companion/Sidecar/HostPort.cpp", "int none;")
 
     def test_objective_c_and_tests_include_their_own_header_first_too(self):
         self.assert_rejected("Platform/macOS/MacPlatform.mm", "#import <Foundation/Foundation.h>")
         (self.root / "Platform/macOS/MacPlatform.mm").unlink()
-        self.assert_rejected("Tests/Core/Support/Bytes.cpp", "#include <string>")
+        self.assert_rejected("Tests/Extension/Support/NotingPlatform.cpp", "#include <string>")
 
 
 if __name__ == "__main__":
