@@ -7,7 +7,6 @@
 
 namespace ostravel::linuxplatform {
 
-using platform::Error;
 using platform::OptionalError;
 
 LinuxProviderContext::LinuxProviderContext(

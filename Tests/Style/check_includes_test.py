@@ -177,7 +177,7 @@ class IncludeCheck(unittest.TestCase):
     def test_objective_c_and_tests_include_their_own_header_first_too(self):
         self.assert_rejected("Platform/macOS/MacPlatform.mm", "#import <Foundation/Foundation.h>")
         (self.root / "Platform/macOS/MacPlatform.mm").unlink()
-        self.assert_rejected("Tests/Extension/Support/NotingPlatform.cpp", "#include <string>")
+        self.assert_rejected("Tests/Extension/Support/Bytes.cpp", "#include <string>")
 
 
 if __name__ == "__main__":

@@ -8,8 +8,6 @@
 
 namespace ostravel::linuxplatform {
 
-using platform::Error;
-
 namespace {
 
 // A packet is queued for the second time right after its first verdict, behind those that arrived

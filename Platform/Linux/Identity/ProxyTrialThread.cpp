@@ -13,8 +13,6 @@
 
 namespace ostravel::linuxplatform {
 
-using platform::Error;
-
 ProxyTrialThread::ProxyTrialThread(std::uint16_t port) : port_(port), thread_([this] { run(); }) {}
 
 ProxyTrialThread::~ProxyTrialThread() {

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <future>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "Platform/Interface/ProviderError.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 
@@ -81,7 +81,7 @@ TEST_F(LinuxProviderContextTest, NothingIsInterceptedAfterTheStop) {
   EXPECT_EQ(outputOf("nft list tables"), "");
   const auto error = apply(loopbackSettings());
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->code, ECANCELED);
+  EXPECT_EQ(error->code, platform::kStoppingCode);
   EXPECT_EQ(outputOf("nft list tables"), "");
 }
 
