@@ -299,10 +299,10 @@ void addOfferRules(NetfilterBatch& batch, const Selection& selection, const Pack
                [](NetfilterRule& rule, TransportProtocol /*protocol*/) { rule.jump(kQueueChain); });
 }
 
-void addRateRule(NetfilterBatch& batch) {
-  constexpr std::uint32_t kRate = InterceptionTable::kPacketsPerSecond;
-  addRule(batch, kRateRuleChange,
-          NetfilterRule(kTable, kQueueChain).userExceedsRate(kRatesSet, kRate, kRate).accept());
+void addRateRule(NetfilterBatch& batch, std::uint32_t perSecond) {
+  addRule(
+      batch, kRateRuleChange,
+      NetfilterRule(kTable, kQueueChain).userExceedsRate(kRatesSet, perSecond, perSecond).accept());
 }
 
 void addRefuseRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks) {
@@ -376,7 +376,8 @@ Error explain(const NetfilterBatch::Failure& failure) {
 
 Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
     const TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
-    std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners) {
+    std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners,
+    std::uint32_t packetsPerSecond) {
   const auto selection = translate(settings);
   if (!selection) {
     return selection.error();
@@ -395,7 +396,7 @@ Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
     addChain(batch, kQueueChain);
     if (canLimitRates) {
       addRatesSet(batch);
-      addRateRule(batch);
+      addRateRule(batch, packetsPerSecond);
     }
     addRule(batch, kQueueRuleChange,
             NetfilterRule(kTable, kQueueChain)

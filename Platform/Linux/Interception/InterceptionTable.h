@@ -58,7 +58,8 @@ class InterceptionTable {
   // do.
   static platform::Result<std::unique_ptr<InterceptionTable>> install(
       const platform::TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
-      std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners);
+      std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners,
+      std::uint32_t packetsPerSecond = kPacketsPerSecond);
 
   // Packets are offered for another kAliveTimeout.
   platform::OptionalError refreshAlive();
