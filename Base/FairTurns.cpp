@@ -2,6 +2,12 @@
 
 namespace ostravel {
 
+void FairTurns::clear() {
+  order_.clear();
+  // Emptied before anything is destroyed, which may call back.
+  const auto lines = std::exchange(lines_, {});
+}
+
 bool FairTurns::mayRunNow(Party party) const {
   if (spent_ >= limits_.total) {
     return false;

@@ -52,6 +52,10 @@ class FairTurns {
   // Work of the party, whether or not it came through run(), costs this much in addition.
   void spend(Party party, std::size_t bytes);
 
+  // Destroys what waits, without running it. For the owner of both this object and what waits,
+  // once the loop has stopped.
+  void clear();
+
  private:
   struct Line {
     std::size_t spent = 0;

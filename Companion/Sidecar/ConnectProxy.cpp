@@ -19,6 +19,11 @@ ConnectProxy::ConnectProxy(asio::io_context& ioContext, const asio::ip::tcp::end
   acceptLoop_.start();
 }
 
+ConnectProxy::~ConnectProxy() {
+  // A relay that waits for its turn is owned by the queue that it shares the ownership of.
+  environment_.relays->turns.clear();
+}
+
 asio::ip::tcp::endpoint ConnectProxy::address() {
   return acceptLoop_.acceptor().local_endpoint();
 }

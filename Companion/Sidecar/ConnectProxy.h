@@ -21,6 +21,9 @@ class ConnectProxy {
   // address cannot be had. Port 0 lets the system choose.
   ConnectProxy(asio::io_context& ioContext, const asio::ip::tcp::endpoint& address, Lookup lookUp,
                TunnelLog log, SessionLimits limits = {});
+  ConnectProxy(const ConnectProxy&) = delete;
+  ConnectProxy& operator=(const ConnectProxy&) = delete;
+  ~ConnectProxy();
 
   // Where it listens, with the port it got.
   asio::ip::tcp::endpoint address();

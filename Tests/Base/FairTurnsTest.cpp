@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -127,6 +128,18 @@ TEST_F(FairTurnsTest, ATurnBeginsWithNothingSpent) {
   EXPECT_EQ(takeTurn(), "");
   run('a', 4);
   EXPECT_EQ(served_, "aaaa");
+}
+
+TEST_F(FairTurnsTest, ClearDestroysWhatWaitsWithoutRunningIt) {
+  run('a', 4);
+  const auto owned = std::make_shared<int>();
+  turns_.run(idOf('a'), [this, owned] { served_ += '!'; });
+  EXPECT_EQ(owned.use_count(), 2);
+  turns_.clear();
+  EXPECT_EQ(owned.use_count(), 1);
+  EXPECT_EQ(takeTurn(), "");
+  run('a');
+  EXPECT_EQ(served_, "a");
 }
 
 }  // namespace

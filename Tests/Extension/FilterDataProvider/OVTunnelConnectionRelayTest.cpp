@@ -285,6 +285,10 @@ class TunnelRelayByHand : public TunnelTest {
     proxySide_->completeRead(kSuccess);
     clearJournal();
   }
+  void TearDown() override {
+    appSide_->dropOutstanding();
+    proxySide_->dropOutstanding();
+  }
 
   const std::shared_ptr<ScriptedFlow> appSide_ = std::make_shared<ScriptedFlow>();
   const std::shared_ptr<ScriptedConnection> proxySide_ = std::make_shared<ScriptedConnection>();

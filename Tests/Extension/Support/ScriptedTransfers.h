@@ -18,6 +18,12 @@ class ScriptedTransfers {
                     platform::OptionalError error = std::nullopt);
   void completeWrite(platform::OptionalError error = std::nullopt);
 
+  // A completion that never runs keeps its tunnel alive, and with it this object.
+  void dropOutstanding() {
+    read_ = nullptr;
+    write_ = nullptr;
+  }
+
   bool readOutstanding() const { return read_ != nullptr; }
   bool writeOutstanding() const { return write_ != nullptr; }
   // What was asked for, in order, and how often this was.
