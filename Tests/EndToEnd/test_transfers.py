@@ -34,9 +34,9 @@ from laboratory import (
     reset,
 )
 
-# An application that closes a connection with bytes left unread resets it, which curl does when the
-# server has had the last word in HTTP/2.
-ENDS_OF_HTTP2 = ("eof", CONNECTION_RESET)
+# An application that closes a connection with bytes left unread resets it. curl and openssl do so
+# when the server has had the last word, in HTTP/2 or with the end of TLS.
+ENDS_WITH_UNREAD_BYTES = ("eof", CONNECTION_RESET)
 
 IPV4_AND_IPV6 = pytest.mark.parametrize("host", [THERE4, THERE6])
 TRANSFER_SECONDS = 120
@@ -180,7 +180,7 @@ def test_curl_speaks_http_through_the_proxy(laboratory, host, scheme, option, ve
     )  # fmt: skip
     assert upload.stdout.decode() == f"{size} exact bytes\n"
     port = 443 if scheme == "https" else 80
-    ends = ENDS_OF_HTTP2 if version == "2.0" else ("eof",)
+    ends = ENDS_WITH_UNREAD_BYTES if version == "2.0" else ("eof",)
     check_proxied(laboratory, remote(host, port), CURL, count=3, ends=ends)
 
 
@@ -200,7 +200,7 @@ def test_curl_multiplexes_http2_in_one_tunnel(laboratory):
             checker = pattern.Checker(seed)
             checker.feed(memoryview(file.read()))
         assert checker.verdict() == f"{size} exact bytes"
-    check_proxied(laboratory, remote(THERE4, 443), CURL, ends=ENDS_OF_HTTP2)
+    check_proxied(laboratory, remote(THERE4, 443), CURL, ends=ENDS_WITH_UNREAD_BYTES)
 
 
 @IPV4_AND_IPV6
@@ -215,7 +215,7 @@ def test_openssl_speaks_tls_through_the_proxy(laboratory, host):
     assert done.returncode == 0, done.stderr.decode()
     assert re.search(rb"^HTTP/1\.1 200 OK", done.stdout)
     assert b"Verification error" not in done.stderr
-    check_proxied(laboratory, remote(host, 443), OPENSSL)
+    check_proxied(laboratory, remote(host, 443), OPENSSL, ends=ENDS_WITH_UNREAD_BYTES)
 
 
 def test_another_local_proxy_carries_exact_bytes(laboratory):
@@ -233,7 +233,7 @@ def test_another_local_proxy_carries_exact_bytes(laboratory):
         given=b"".join(pattern.pieces(4, 32 << 20)),
     )  # fmt: skip
     assert upload.stdout.decode() == f"{32 << 20} exact bytes\n"
-    check_proxied(laboratory, remote(THERE4, 443), CURL, count=2, ends=ENDS_OF_HTTP2)
+    check_proxied(laboratory, remote(THERE4, 443), CURL, count=2, ends=ENDS_WITH_UNREAD_BYTES)
 
 
 @IPV4_AND_IPV6
