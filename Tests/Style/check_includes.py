@@ -83,7 +83,7 @@ THREAD_HEADERS = {"thread", "future", "stop_token", "condition_variable", "semap
 CLOCK_HEADERS = {"ctime", "time.h", "sys/time.h", "sys/timerfd.h"}
 RANDOM_HEADERS = {"random", "sys/random.h"}
 
-# Room -> headers that it may not include, whoever offers them.
+# Room -> headers that it may not include, from any library.
 FORBIDDEN_HEADERS = {
     INTERFACE: THREAD_HEADERS | CLOCK_HEADERS | RANDOM_HEADERS,
     CORE: THREAD_HEADERS | CLOCK_HEADERS | RANDOM_HEADERS,

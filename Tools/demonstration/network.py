@@ -199,7 +199,7 @@ class Network:
         os.rmdir(self.folder)
 
     def _end_processes(self):
-        """Ends all that live in our namespaces: they are ours, whoever of us started them."""
+        """Ends every process in our namespaces: all of them belong to the demonstration."""
         self.namespaces.discard(None)
         while True:
             found = [
