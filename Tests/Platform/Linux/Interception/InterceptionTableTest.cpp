@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -424,6 +425,8 @@ TEST_F(InterceptionTableTest, KeepsOfferingWhileItIsRefreshed) {
     for (const auto& packet : packets) {
       queue_->accept(packet.id);
     }
+    // One user's packets beyond kPacketsPerSecond are not offered, and a fast machine gets there.
+    std::this_thread::sleep_for(1ms);
   }
 }
 
