@@ -34,9 +34,3 @@ class FileDescriptor {
 };
 
 }  // namespace ostravel
-
-namespace ostravel::linuxplatform {
-
-using ostravel::FileDescriptor;
-
-}  // namespace ostravel::linuxplatform

@@ -15,7 +15,6 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -38,13 +37,15 @@
 #include <utility>
 #include <vector>
 
+#include "Base/DescriptorLimit.h"
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using ostravel::linuxplatform::FileDescriptor;
+using ostravel::FileDescriptor;
+using ostravel::raiseDescriptorLimit;
 using ostravel::linuxplatform::KernelAddress;
 using ostravel::linuxplatform::parseAddressLiteral;
 using Clock = std::chrono::steady_clock;
@@ -71,13 +72,6 @@ const std::vector<std::byte>& sentBytes() {
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
-}
-
-void raiseDescriptorLimit() {
-  rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = limit.rlim_max;
-  ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 KernelAddress parseAddress(const std::string& host, const std::string& port) {

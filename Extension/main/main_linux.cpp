@@ -78,7 +78,7 @@ int waitForSignal(const sigset_t& taken) {
 // A terminal that is closed sends SIGHUP to end what was started in it. A service has no terminal
 // (tty(4)); it receives SIGHUP to reload its configuration.
 bool hasTerminal() {
-  const linuxplatform::FileDescriptor terminal(::open("/dev/tty", O_RDONLY | O_NOCTTY | O_CLOEXEC));
+  const FileDescriptor terminal(::open("/dev/tty", O_RDONLY | O_NOCTTY | O_CLOEXEC));
   return terminal.isOpen();
 }
 

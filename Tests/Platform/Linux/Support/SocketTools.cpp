@@ -9,7 +9,6 @@
 namespace ostravel::testing {
 
 using linuxplatform::AddressFamily;
-using linuxplatform::FileDescriptor;
 using linuxplatform::FlowTuple;
 using linuxplatform::SocketEndpoint;
 using linuxplatform::TransportProtocol;

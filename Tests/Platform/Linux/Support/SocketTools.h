@@ -22,17 +22,17 @@ linuxplatform::FlowTuple flowOverIPv6(linuxplatform::TransportProtocol protocol,
 // A socket address for the endpoint, mapped to IPv6 if the socket is of that family.
 sockaddr_storage socketAddress(int socketFamily, const linuxplatform::SocketEndpoint& endpoint);
 
-std::uint16_t portOf(const linuxplatform::FileDescriptor& socket);
-std::uint64_t cookieOf(const linuxplatform::FileDescriptor& socket);
-std::uint32_t inodeOf(const linuxplatform::FileDescriptor& socket);
+std::uint16_t portOf(const FileDescriptor& socket);
+std::uint64_t cookieOf(const FileDescriptor& socket);
+std::uint32_t inodeOf(const FileDescriptor& socket);
 
-linuxplatform::FileDescriptor makeSocket(int family, int type);
-bool bindTo(const linuxplatform::FileDescriptor& socket, int family,
+FileDescriptor makeSocket(int family, int type);
+bool bindTo(const FileDescriptor& socket, int family,
             const linuxplatform::SocketEndpoint& endpoint);
-bool connectTo(const linuxplatform::FileDescriptor& socket, int family,
+bool connectTo(const FileDescriptor& socket, int family,
                const linuxplatform::SocketEndpoint& endpoint);
 
 // A TCP socket that listens on 127.0.0.1 on a port chosen by the system.
-linuxplatform::FileDescriptor makeListener();
+FileDescriptor makeListener();
 
 }  // namespace ostravel::testing
