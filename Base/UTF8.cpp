@@ -37,4 +37,15 @@ CodePoint firstCodePoint(std::string_view text) {
   return {value, size, true};
 }
 
+bool isWellFormedUTF8(std::string_view text) {
+  while (!text.empty()) {
+    const CodePoint next = firstCodePoint(text);
+    if (!next.valid) {
+      return false;
+    }
+    text.remove_prefix(next.size);
+  }
+  return true;
+}
+
 }  // namespace ostravel

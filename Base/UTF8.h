@@ -16,4 +16,7 @@ struct CodePoint {
 // `text` must not be empty.
 CodePoint firstCodePoint(std::string_view text);
 
+// True if text consists of valid code points only.
+bool isWellFormedUTF8(std::string_view text);
+
 }  // namespace ostravel

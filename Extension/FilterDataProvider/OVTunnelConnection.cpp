@@ -5,8 +5,8 @@
 #include <utility>
 #include <variant>
 
+#include "Base/UTF8.h"
 #include "Extension/ProxyTunnelCore/ExtensionLog.h"
-#include "Extension/ProxyTunnelCore/UTF8.h"
 #include "Platform/Interface/ProviderError.h"
 
 namespace ostravel {

@@ -1,6 +1,6 @@
 #include "Extension/ProxyTunnelCore/ProxyConnectResponseParser.h"
 
-#include "Extension/ProxyTunnelCore/UTF8.h"
+#include "Base/UTF8.h"
 
 namespace ostravel {
 

@@ -4,7 +4,7 @@
 #include <span>
 #include <string_view>
 
-#include "Extension/ProxyTunnelCore/UTF8.h"
+#include "Base/UTF8.h"
 
 namespace ostravel::host {
 

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <string_view>
 
 namespace ostravel {
 namespace {
+
+using namespace std::string_view_literals;
 
 TEST(UTF8Test, TakesTheFirstCodePoint) {
   EXPECT_EQ(firstCodePoint("abc").value, U'a');
@@ -21,16 +24,42 @@ TEST(UTF8Test, AcceptsTheLimitsOfTheRanges) {
         "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
     EXPECT_TRUE(firstCodePoint(text).valid) << text;
     EXPECT_EQ(firstCodePoint(text).size, text.size()) << text;
+    EXPECT_TRUE(isWellFormedUTF8(text)) << text;
   }
 }
 
 TEST(UTF8Test, TakesOneByteOfWhatIsNotACharacter) {
-  for (const std::string_view text :
-       {"\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
-        "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "\xc3", "\xc3(",
-        "\xe2\x82", "\xe2\x82(", "\xf0\x9f\x98", "\xf0\x9f\x98(", "\xe2(\xac"}) {
+  for (const std::string_view text : {"\x80",
+                                      "\xbf",
+                                      "\xc0\x80",
+                                      "\xc1\xbf",
+                                      "\xe0\x9f\xbf",
+                                      "\xed\xa0\x80",
+                                      "\xed\xbf\xbf",
+                                      "\xf0\x8f\xbf\xbf",
+                                      "\xf4\x90\x80\x80",
+                                      "\xf5\x80\x80\x80",
+                                      "\xf8\x88\x80\x80\x80",
+                                      "\xfe",
+                                      "\xff",
+                                      "\xc3",
+                                      "\xc3(",
+                                      "\xe2\x82",
+                                      "\xe2\x82(",
+                                      "\xf0\x9f\x98",
+                                      "\xf0\x9f\x98(",
+                                      "\xe2(\xac"}) {
     EXPECT_FALSE(firstCodePoint(text).valid) << text;
     EXPECT_EQ(firstCodePoint(text).size, 1U) << text;
+    EXPECT_FALSE(isWellFormedUTF8(text)) << text;
+    EXPECT_FALSE(isWellFormedUTF8("before " + std::string(text) + " after")) << text;
+  }
+}
+
+TEST(UTF8Test, TextOfValidCodePointsOnlyIsWellFormed) {
+  for (const std::string_view text :
+       {""sv, "HTTP/1.1 200 OK"sv, "\0"sv, "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80z"sv}) {
+    EXPECT_TRUE(isWellFormedUTF8(text)) << text;
   }
 }
 

@@ -16,7 +16,7 @@ class IncludeCheck(unittest.TestCase):
         for header in ("Platform/Interface/Clock.h", "Platform/Linux/Relay/EventLoop.h",
                        "Platform/Simulation/Simulation.h", "Platform/Shared/PosixClock.h",
                        "Platform/Shared/ICUTextServices.h", "Platform/macOS/MacPlatform.h",
-                       "Extension/ProxyTunnelCore/UTF8.h",
+                       "Extension/ProxyTunnelCore/ExtensionLog.h",
                        "Extension/FilterDataProvider/DomainList.h",
                        "Extension/main/CommandLine.h", "Companion/Sidecar/HostPort.h",
                        "Tests/Extension/Support/Bytes.h"):
@@ -69,7 +69,7 @@ class IncludeCheck(unittest.TestCase):
 
     def test_the_seam_may_not_use_the_core(self):
         self.assert_rejected("Platform/Interface/New.h",
-                             '#include "Extension/ProxyTunnelCore/UTF8.h"')
+                             '#include "Extension/ProxyTunnelCore/ExtensionLog.h"')
 
     def test_the_core_may_not_use_the_provider(self):
         self.assert_rejected("Extension/ProxyTunnelCore/New.cpp",
@@ -77,7 +77,7 @@ class IncludeCheck(unittest.TestCase):
 
     def test_the_provider_may_use_the_core(self):
         self.assert_accepted("Extension/FilterDataProvider/New.cpp",
-                             '#include "Extension/ProxyTunnelCore/UTF8.h"')
+                             '#include "Extension/ProxyTunnelCore/ExtensionLog.h"')
 
     def test_the_core_may_not_use_a_platform(self):
         for platform in ("Linux/Relay/EventLoop.h", "Simulation/Simulation.h",
@@ -86,13 +86,19 @@ class IncludeCheck(unittest.TestCase):
             self.assert_rejected("Extension/ProxyTunnelCore/New.cpp",
                                  f'#include "Platform/{platform}"')
 
+    def test_the_core_may_use_the_text_functions_of_the_ground_floor_only(self):
+        self.write("Base/UTF8.h", "#pragma once\n")
+        self.write("Base/FileDescriptor.h", "#pragma once\n")
+        self.assert_accepted("Extension/ProxyTunnelCore/New.cpp", '#include "Base/UTF8.h"')
+        self.assert_rejected("Extension/ProxyTunnelCore/New.cpp", '#include "Base/FileDescriptor.h"')
+
     def test_a_platform_may_not_use_another_one(self):
         self.assert_rejected("Platform/Linux/Kernel/New.cpp",
                              '#include "Platform/macOS/MacPlatform.h"')
 
     def test_a_platform_may_not_use_the_core(self):
         self.assert_rejected("Platform/Linux/Kernel/New.cpp",
-                             '#include "Extension/ProxyTunnelCore/UTF8.h"')
+                             '#include "Extension/ProxyTunnelCore/ExtensionLog.h"')
 
     def test_platforms_may_use_the_shared_parts(self):
         for platform in ("Linux", "macOS", "Simulation"):
