@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <map>
 #include <utility>
-#include <variant>
 
 #include "Extension/ProxyTunnelCore/SocketAddress.h"
 #include "Platform/Interface/ProviderError.h"
@@ -95,11 +94,11 @@ class ProxyTunnelMonitoringClient::Delivery {
  private:
   OptionalError attempt(const ProxyTunnelMonitoringEvent& event, const std::string& path) const {
     const auto encoded = encoder_.encode(event);
-    if (const auto* error = std::get_if<Error>(&encoded)) {
-      return *error;
+    if (!encoded) {
+      return encoded.error();
     }
-    const auto& frame = std::get<ProxyTunnelMonitoringFrameEncoder::Frame>(encoded);
-    return sender_ ? sender_(path, frame) : sendFrameToSocket(platform_.sockets(), path, frame);
+    return sender_ ? sender_(path, *encoded)
+                   : sendFrameToSocket(platform_.sockets(), path, *encoded);
   }
 
   // Not before half of the room is free: a companion that is merely slow would cause a line for

@@ -6,10 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "Base/JSONHandle.h"
 
 namespace ostravel {
 
@@ -18,17 +20,12 @@ namespace {
 using platform::Error;
 using CodingKey = ProxyTunnelMonitoringEvent::CodingKey;
 
-struct JSONRelease {
-  void operator()(json_t* value) const { json_decref(value); }
-};
-using JSONValue = std::unique_ptr<json_t, JSONRelease>;
-
-JSONValue makeValue(const std::string& text) {
-  return JSONValue(json_stringn(text.data(), text.size()));
+JSONHandle makeValue(const std::string& text) {
+  return JSONHandle(json_stringn(text.data(), text.size()));
 }
 
-JSONValue makeValue(double number) {
-  return JSONValue(json_real(number));
+JSONHandle makeValue(double number) {
+  return JSONHandle(json_real(number));
 }
 
 // Collects the members of one object until a value or a key cannot be written.
@@ -56,7 +53,7 @@ class ObjectWriter {
 
  private:
   // The first failure ends the writing: what would follow it is never read.
-  void set(std::string_view key, JSONValue value) {
+  void set(std::string_view key, JSONHandle value) {
     if (failedKey_) {
       return;
     }
@@ -66,7 +63,7 @@ class ObjectWriter {
     }
   }
 
-  JSONValue object_{json_object()};
+  JSONHandle object_{json_object()};
   std::optional<std::string> failedKey_;
 };
 
@@ -104,7 +101,7 @@ void appendBigEndian(ProxyTunnelMonitoringFrameEncoder::Frame& frame, std::uint3
 
 }  // namespace
 
-std::variant<ProxyTunnelMonitoringFrameEncoder::Frame, Error>
+platform::Result<ProxyTunnelMonitoringFrameEncoder::Frame>
 ProxyTunnelMonitoringFrameEncoder::encode(const ProxyTunnelMonitoringEvent& event) const {
   ObjectWriter writer;
   writeEvent(writer, event);

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <cstddef>
-#include <variant>
 #include <vector>
 
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringEvent.h"
-#include "Platform/Interface/Error.h"
+#include "Platform/Interface/Result.h"
 
 namespace ostravel {
 
@@ -21,7 +20,7 @@ class ProxyTunnelMonitoringFrameEncoder {
   // Fails when a number is not finite or a text is not UTF-8. The domain is then "JSONEncoding",
   // not the system's own: it is the JSON encoder that refuses the value, which the log line then
   // says.
-  std::variant<Frame, platform::Error> encode(const ProxyTunnelMonitoringEvent& event) const;
+  platform::Result<Frame> encode(const ProxyTunnelMonitoringEvent& event) const;
 };
 
 }  // namespace ostravel

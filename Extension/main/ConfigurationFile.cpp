@@ -9,6 +9,7 @@
 #include <memory>
 #include <utility>
 
+#include "Base/JSONHandle.h"
 #include "Platform/Interface/ProviderError.h"
 
 namespace ostravel::linuxplatform {
@@ -17,16 +18,20 @@ using platform::ConfigurationValue;
 using platform::Error;
 using platform::OtherConfigurationValue;
 using platform::ProviderConfiguration;
+using platform::Result;
 
 namespace {
-
-struct JSONRelease {
-  void operator()(json_t* value) const { json_decref(value); }
-};
 
 struct FileRelease {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
+
+// With the errno of the call that failed.
+Error unreadable(const std::string& path) {
+  const int error = errno;
+  return {std::string(platform::kPOSIXErrorDomain), error,
+          path + ": cannot be read: " + std::strerror(error)};
+}
 
 ConfigurationValue convert(const json_t* value) {
   switch (json_typeof(value)) {
@@ -50,18 +55,16 @@ ConfigurationValue convert(const json_t* value) {
 
 }  // namespace
 
-std::variant<ProviderConfiguration, Error> readConfigurationFile(const std::string& path) {
+Result<ProviderConfiguration> readConfigurationFile(const std::string& path) {
   const std::unique_ptr<std::FILE, FileRelease> file(std::fopen(path.c_str(), "re"));
   if (!file) {
-    return Error{std::string(platform::kPOSIXErrorDomain), errno,
-                 path + ": cannot be read: " + std::strerror(errno)};
+    return unreadable(path);
   }
   json_error_t failure{};
   constexpr std::size_t kFlags = JSON_REJECT_DUPLICATES | JSON_DECODE_ANY;
-  const std::unique_ptr<json_t, JSONRelease> document(json_loadf(file.get(), kFlags, &failure));
+  const JSONHandle document(json_loadf(file.get(), kFlags, &failure));
   if (std::ferror(file.get()) != 0) {
-    return Error{std::string(platform::kPOSIXErrorDomain), errno,
-                 path + ": cannot be read: " + std::strerror(errno)};
+    return unreadable(path);
   }
   if (!document) {
     return platform::providerError(platform::kInvalidConfigurationCode,
@@ -81,16 +84,16 @@ std::variant<ProviderConfiguration, Error> readConfigurationFile(const std::stri
   return configuration;
 }
 
-std::variant<std::optional<ProviderConfiguration>, Error> readProviderConfiguration(
+Result<std::optional<ProviderConfiguration>> readProviderConfiguration(
     const std::optional<std::string>& path) {
   if (!path && ::access(kDefaultConfigurationPath, F_OK) != 0 && errno == ENOENT) {
-    return std::nullopt;
+    return std::optional<ProviderConfiguration>();
   }
   auto read = readConfigurationFile(path.value_or(kDefaultConfigurationPath));
-  if (auto* error = std::get_if<Error>(&read)) {
-    return std::move(*error);
+  if (!read) {
+    return std::move(read).error();
   }
-  return std::get<ProviderConfiguration>(std::move(read));
+  return std::optional(*std::move(read));
 }
 
 }  // namespace ostravel::linuxplatform

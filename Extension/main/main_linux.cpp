@@ -11,7 +11,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 
 #include "Base/FileDescriptor.h"
 #include "Base/LineOutput.h"
@@ -112,8 +111,8 @@ int run(int argc, char** argv) {
   }
   const auto configuration =
       linuxplatform::readProviderConfiguration(commandLine.options->configurationPath);
-  if (const auto* error = std::get_if<platform::Error>(&configuration)) {
-    return fail(*error);
+  if (!configuration) {
+    return fail(configuration.error());
   }
   if (const auto missing = linuxplatform::missingPrivileges()) {
     return fail(*missing);
@@ -129,14 +128,13 @@ int run(int argc, char** argv) {
   linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
-  linuxplatform::LinuxProviderContext context(
-      platform,
-      {.loops = loops,
-       .descriptors = descriptors,
-       .heartbeat = heartbeat,
-       .onAlive = [] { ::sd_notify(0, "WATCHDOG=1"); },
-       .proxyUsers = commandLine.options->proxyUsers},
-      std::get<std::optional<platform::ProviderConfiguration>>(configuration));
+  linuxplatform::LinuxProviderContext context(platform,
+                                              {.loops = loops,
+                                               .descriptors = descriptors,
+                                               .heartbeat = heartbeat,
+                                               .onAlive = [] { ::sd_notify(0, "WATCHDOG=1"); },
+                                               .proxyUsers = commandLine.options->proxyUsers},
+                                              *configuration);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);
 

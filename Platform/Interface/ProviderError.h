@@ -20,7 +20,7 @@ inline constexpr std::int64_t kHandshakeBacklogExceededCode = 1001;
 inline constexpr std::int64_t kHandshakeTimedOutCode = 1002;
 // The path of the monitoring socket does not fit into a socket address.
 inline constexpr std::int64_t kMonitoringPathTooLongCode = 1101;
-// The configuration file is not a JSON object.
+// A file that the administrator has written, the configuration or a registration, is not valid.
 inline constexpr std::int64_t kInvalidConfigurationCode = 1201;
 // The network settings hold a rule that cannot be translated.
 inline constexpr std::int64_t kInvalidNetworkRuleCode = 1202;

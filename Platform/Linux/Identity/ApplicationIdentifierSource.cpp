@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <utility>
-#include <variant>
 
 #include "Platform/Linux/Identity/PrintableIdentifier.h"
 

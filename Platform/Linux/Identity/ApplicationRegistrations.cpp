@@ -10,21 +10,23 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "Base/FileDescriptor.h"
+#include "Base/JSONHandle.h"
+#include "Platform/Interface/ProviderError.h"
 
 namespace ostravel::linuxplatform {
+
+using platform::Error;
+using platform::Result;
 
 namespace {
 
 // Far more than the programs of any machine need.
 constexpr off_t kMaximumFileSize = 1024 * 1024;
-
-struct JSONRelease {
-  void operator()(json_t* value) const { json_decref(value); }
-};
 
 // Why a file or folder is not trusted; empty if it is.
 std::optional<std::string> distrust(const struct stat& status) {
@@ -37,18 +39,36 @@ std::optional<std::string> distrust(const struct stat& status) {
   return std::nullopt;
 }
 
-std::string systemReason() {
-  return std::string("cannot be read: ") + std::strerror(errno);
+Error invalid(const std::string& description) {
+  return platform::providerError(platform::kInvalidConfigurationCode, description);
 }
 
-// The content of an open file; empty, with errno set, if it cannot be read.
-std::optional<std::string> contentOf(const FileDescriptor& file, std::size_t size) {
-  std::string text(size, '\0');
+// With the errno of the call that failed.
+Error unreadable(const std::string& path) {
+  const int error = errno;
+  return {std::string(platform::kPOSIXErrorDomain), error,
+          path + ": cannot be read: " + std::strerror(error)};
+}
+
+Result<std::string> contentOf(const std::string& path) {
+  // Must not block on something that is not a regular file.
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status {};
+  if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
+    return unreadable(path);
+  }
+  if (const auto reason = distrust(status)) {
+    return invalid(path + ": " + *reason);
+  }
+  if (!S_ISREG(status.st_mode) || status.st_size > kMaximumFileSize) {
+    return invalid(path + ": is ignored: it is not a regular file of at most 1 MiB");
+  }
+  std::string text(static_cast<std::size_t>(status.st_size), '\0');
   std::size_t filled = 0;
-  while (filled < size) {
-    const auto count = ::read(file.get(), text.data() + filled, size - filled);
+  while (filled < text.size()) {
+    const auto count = ::read(file.get(), text.data() + filled, text.size() - filled);
     if (count < 0) {
-      return std::nullopt;
+      return unreadable(path);
     }
     if (count == 0) {
       break;
@@ -106,79 +126,59 @@ void ApplicationRegistrations::readFolder() {
   struct stat status {};
   if (!folder || ::fstat(::dirfd(folder.get()), &status) != 0) {
     if (errno != ENOENT) {
-      ignore(folder_ + ": " + systemReason());
+      ignore(unreadable(folder_));
     }
     return;
   }
   if (const auto reason = distrust(status)) {
-    ignore(folder_ + ": " + *reason);
+    ignore(invalid(folder_ + ": " + *reason));
     return;
   }
   for (const std::string& name : registrationFiles(folder.get())) {
-    readFile(folder_ + "/" + name);
-  }
-}
-
-void ApplicationRegistrations::readFile(const std::string& path) {
-  // Must not block on something that is not a regular file.
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat status {};
-  if (!file.isOpen() || ::fstat(file.get(), &status) != 0) {
-    ignore(path + ": " + systemReason());
-    return;
-  }
-  if (const auto reason = distrust(status)) {
-    ignore(path + ": " + *reason);
-    return;
-  }
-  if (!S_ISREG(status.st_mode) || status.st_size > kMaximumFileSize) {
-    ignore(path + ": is ignored: it is not a regular file of at most 1 MiB");
-    return;
-  }
-  const auto text = contentOf(file, static_cast<std::size_t>(status.st_size));
-  if (!text) {
-    ignore(path + ": " + systemReason());
-    return;
-  }
-  if (auto registrations = parse(path, *text)) {
+    auto registrations = readFile(folder_ + "/" + name);
+    if (!registrations) {
+      ignore(registrations.error());
+      continue;
+    }
     for (auto& [executable, registration] : *registrations) {
       registrations_.insert_or_assign(executable, std::move(registration));
     }
   }
 }
 
-std::optional<ApplicationRegistrations::Registrations> ApplicationRegistrations::parse(
-    const std::string& path, std::string_view text) {
+Result<ApplicationRegistrations::Registrations> ApplicationRegistrations::readFile(
+    const std::string& path) {
+  const auto text = contentOf(path);
+  if (!text) {
+    return text.error();
+  }
   json_error_t failure{};
-  const std::unique_ptr<json_t, JSONRelease> document(
-      json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, &failure));
+  const JSONHandle document(
+      json_loadb(text->data(), text->size(), JSON_REJECT_DUPLICATES | JSON_DECODE_ANY, &failure));
   if (!document) {
-    ignore(path + ":" + std::to_string(failure.line) + ":" + std::to_string(failure.column) + ": " +
-           failure.text);
-    return std::nullopt;
+    return invalid(path + ":" + std::to_string(failure.line) + ":" +
+                   std::to_string(failure.column) + ": " + failure.text);
   }
   if (!json_is_object(document.get())) {
-    ignore(path + ":1:1: registrations must be a JSON object");
-    return std::nullopt;
+    return invalid(path + ":1:1: registrations must be a JSON object");
   }
   Registrations registrations;
   const char* executable = nullptr;
   json_t* value = nullptr;
   json_object_foreach(document.get(), executable, value) {
     if (executable[0] != '/') {
-      ignore(path + ": \"" + executable + "\" is not the absolute path of an executable");
-      return std::nullopt;
+      return invalid(path + ": \"" + executable + "\" is not the absolute path of an executable");
     }
     auto registration = parseRegistration(path, executable, value);
     if (!registration) {
-      return std::nullopt;
+      return std::move(registration).error();
     }
-    registrations.emplace(executable, std::move(*registration));
+    registrations.emplace(executable, *std::move(registration));
   }
   return registrations;
 }
 
-std::optional<ApplicationRegistrations::Registration> ApplicationRegistrations::parseRegistration(
+Result<ApplicationRegistrations::Registration> ApplicationRegistrations::parseRegistration(
     const std::string& path, const char* executable, json_t* value) {
   Registration registration;
   const json_t* identifier = value;
@@ -190,53 +190,52 @@ std::optional<ApplicationRegistrations::Registration> ApplicationRegistrations::
       if (std::strcmp(name, "users") == 0) {
         auto users = parseUsers(path, executable, member);
         if (!users) {
-          return std::nullopt;
+          return std::move(users).error();
         }
-        registration.users = std::move(*users);
+        registration.users = *std::move(users);
       } else if (std::strcmp(name, "identifier") != 0) {
-        ignore(path + ": the registration of \"" + executable + "\" has \"" + name +
-               "\", which is neither \"identifier\" nor \"users\"");
-        return std::nullopt;
+        return invalid(path + ": the registration of \"" + executable + "\" has \"" + name +
+                       "\", which is neither \"identifier\" nor \"users\"");
       }
     }
   }
   if (json_string_length(identifier) == 0) {
-    ignore(path + ": the identifier of \"" + executable + "\" must be a text that is not empty");
-    return std::nullopt;
+    return invalid(path + ": the identifier of \"" + executable +
+                   "\" must be a text that is not empty");
   }
   registration.identifier.assign(json_string_value(identifier), json_string_length(identifier));
   return registration;
 }
 
-std::optional<std::vector<uid_t>> ApplicationRegistrations::parseUsers(const std::string& path,
-                                                                       const char* executable,
-                                                                       json_t* value) {
+Result<std::vector<uid_t>> ApplicationRegistrations::parseUsers(const std::string& path,
+                                                                const char* executable,
+                                                                json_t* value) {
+  const auto notNames = [&] {
+    return invalid(path + ": the users of \"" + executable + "\" must be a list of names");
+  };
   if (!json_is_array(value)) {
-    ignore(path + ": the users of \"" + executable + "\" must be a list of names");
-    return std::nullopt;
+    return notNames();
   }
   std::vector<uid_t> users;
   std::size_t index = 0;
   json_t* entry = nullptr;
   json_array_foreach(value, index, entry) {
     if (!json_is_string(entry)) {
-      ignore(path + ": the users of \"" + executable + "\" must be a list of names");
-      return std::nullopt;
+      return notNames();
     }
     const auto user = SystemUsers::numberOf(json_string_value(entry));
     if (!user) {
-      ignore(path + ": the registration of \"" + executable + "\" names the user \"" +
-             json_string_value(entry) + "\", who does not exist");
-      return std::nullopt;
+      return invalid(path + ": the registration of \"" + executable + "\" names the user \"" +
+                     json_string_value(entry) + "\", who does not exist");
     }
     users.push_back(*user);
   }
   return users;
 }
 
-void ApplicationRegistrations::ignore(const std::string& warning) {
+void ApplicationRegistrations::ignore(const Error& error) {
   isComplete_ = false;
-  warn_(warning);
+  warn_(error.localizedDescription);
 }
 
 }  // namespace ostravel::linuxplatform

@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Platform/Interface/Result.h"
 #include "Platform/Linux/Processes/SystemUsers.h"
 
 struct json_t;
@@ -57,13 +58,12 @@ class ApplicationRegistrations {
   using Registrations = std::unordered_map<std::string, Registration>;
 
   void readFolder();
-  void readFile(const std::string& path);
-  std::optional<Registrations> parse(const std::string& path, std::string_view text);
-  std::optional<Registration> parseRegistration(const std::string& path, const char* executable,
-                                                json_t* value);
-  std::optional<std::vector<uid_t>> parseUsers(const std::string& path, const char* executable,
-                                               json_t* value);
-  void ignore(const std::string& warning);
+  static platform::Result<Registrations> readFile(const std::string& path);
+  static platform::Result<Registration> parseRegistration(const std::string& path,
+                                                          const char* executable, json_t* value);
+  static platform::Result<std::vector<uid_t>> parseUsers(const std::string& path,
+                                                         const char* executable, json_t* value);
+  void ignore(const platform::Error& error);
 
   std::string folder_;
   std::function<void(const std::string&)> warn_;

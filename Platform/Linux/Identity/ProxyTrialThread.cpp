@@ -7,7 +7,6 @@
 #include <memory>
 #include <set>
 #include <utility>
-#include <variant>
 
 #include "Platform/Linux/Processes/UserName.h"
 

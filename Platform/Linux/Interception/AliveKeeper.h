@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <variant>
 
 #include "Platform/Interface/Log.h"
 #include "Platform/Linux/Interception/InterceptionTable.h"

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstring>
 #include <utility>
-#include <variant>
 
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"

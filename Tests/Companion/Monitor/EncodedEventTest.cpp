@@ -27,9 +27,8 @@ ReceivedEvent received(std::string detail) {
       ProxyTunnelMonitoringEvent::Context{{"app_id", "/usr/bin/curl"},
                                           {"detail", std::move(detail)}},
       1763271816.5, "2025-11-16T05:43:36Z");
-  const auto frame = std::get<ProxyTunnelMonitoringFrameEncoder::Frame>(
-      ProxyTunnelMonitoringFrameEncoder().encode(event));
-  const std::string bytes(reinterpret_cast<const char*>(frame.data()), frame.size());
+  const auto frame = ProxyTunnelMonitoringFrameEncoder().encode(event);
+  const std::string bytes(reinterpret_cast<const char*>(frame->data()), frame->size());
   return std::get<ReceivedEvent>(parseReceivedEvent(bytes.substr(4)));
 }
 

@@ -7,7 +7,6 @@
 #include <set>
 #include <string>
 #include <utility>
-#include <variant>
 
 #include "Tests/Extension/Support/Bytes.h"
 #include "Tests/Extension/Support/MonitoringRecord.h"
@@ -15,7 +14,6 @@
 namespace ostravel {
 namespace {
 
-using platform::Error;
 using test::bytesOf;
 using test::MonitoringRecord;
 using test::parseFrame;
@@ -44,17 +42,17 @@ struct EventDraft {
   }
 };
 
-std::variant<Frame, Error> encode(const EventDraft& draft) {
+platform::Result<Frame> encode(const EventDraft& draft) {
   return ProxyTunnelMonitoringFrameEncoder().encode(draft.make());
 }
 
 Frame frameOf(const EventDraft& draft) {
   auto encoded = encode(draft);
-  if (const auto* error = std::get_if<Error>(&encoded)) {
-    ADD_FAILURE() << describe(*error);
+  if (!encoded) {
+    ADD_FAILURE() << describe(encoded.error());
     return {};
   }
-  return std::get<Frame>(std::move(encoded));
+  return *std::move(encoded);
 }
 
 std::string bodyOf(const EventDraft& draft) {
@@ -64,12 +62,11 @@ std::string bodyOf(const EventDraft& draft) {
 
 std::string failureOf(const EventDraft& draft) {
   const auto encoded = encode(draft);
-  const auto* const error = std::get_if<Error>(&encoded);
-  if (error == nullptr) {
+  if (encoded) {
     return "none";
   }
-  EXPECT_EQ(error->domain, "JSONEncoding");
-  return error->localizedDescription;
+  EXPECT_EQ(encoded.error().domain, "JSONEncoding");
+  return encoded.error().localizedDescription;
 }
 
 const std::set<std::string> kRequiredKeys = {"message_id", "timestamp", "logged_at",
@@ -209,10 +206,9 @@ TEST(ProxyTunnelMonitoringFrameEncoder, FailsWithTheFirstValueThatCannotBeWritte
 
 TEST(ProxyTunnelMonitoringFrameEncoder, IsNotChangedByAFailure) {
   const ProxyTunnelMonitoringFrameEncoder encoder;
-  ASSERT_TRUE(
-      std::holds_alternative<Error>(encoder.encode(EventDraft{.timestamp = std::nan("")}.make())));
+  ASSERT_FALSE(encoder.encode(EventDraft{.timestamp = std::nan("")}.make()));
 
-  EXPECT_TRUE(std::holds_alternative<Frame>(encoder.encode(EventDraft{}.make())));
+  EXPECT_TRUE(encoder.encode(EventDraft{}.make()));
 }
 
 }  // namespace

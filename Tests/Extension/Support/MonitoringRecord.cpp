@@ -2,19 +2,15 @@
 
 #include <jansson.h>
 
-#include <memory>
 #include <ostream>
 #include <stdexcept>
 #include <string_view>
 
+#include "Base/JSONHandle.h"
+
 namespace ostravel::test {
 
 namespace {
-
-struct JSONRelease {
-  void operator()(json_t* value) const { json_decref(value); }
-};
-using JSONValue = std::unique_ptr<json_t, JSONRelease>;
 
 constexpr std::size_t kPrefixSize = 4;
 
@@ -60,8 +56,8 @@ auto members(json_t* object, std::string_view key, Read read) {
 MonitoringRecord parseFrame(std::span<const std::byte> frame) {
   const auto body = bodyOf(frame);
   json_error_t error;
-  const JSONValue object(json_loadb(reinterpret_cast<const char*>(body.data()), body.size(),
-                                    JSON_REJECT_DUPLICATES, &error));
+  const JSONHandle object(json_loadb(reinterpret_cast<const char*>(body.data()), body.size(),
+                                     JSON_REJECT_DUPLICATES, &error));
   require(object != nullptr && json_is_object(object.get()), "the body is not a JSON object");
   const auto get = [&object](const char* key) { return json_object_get(object.get(), key); };
 

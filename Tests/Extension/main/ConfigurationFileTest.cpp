@@ -5,11 +5,13 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <string>
+#include <variant>
 
 namespace ostravel::linuxplatform {
 namespace {
 
-using platform::Error;
 using platform::OtherConfigurationValue;
 using platform::ProviderConfiguration;
 
@@ -26,8 +28,7 @@ class ConfigurationFile : public ::testing::Test {
   }
   std::string errorOf(const std::string& text) {
     const auto result = read(text);
-    const auto* error = std::get_if<Error>(&result);
-    return error != nullptr ? error->localizedDescription : "(no error)";
+    return result ? "(no error)" : result.error().localizedDescription;
   }
 
   const std::string path_;
@@ -37,7 +38,7 @@ TEST_F(ConfigurationFile, GivesEveryValueItsType) {
   const auto result = read(R"({"monitoringSocketPath": " /tmp/m.sock\n", "number": 7,
                                "real": 0.5, "yes": true, "no": false, "none": null,
                                "list": [1], "object": {}})");
-  const auto& configuration = std::get<ProviderConfiguration>(result);
+  ASSERT_TRUE(result);
   const ProviderConfiguration expected = {{"monitoringSocketPath", std::string(" /tmp/m.sock\n")},
                                           {"number", std::int64_t{7}},
                                           {"real", 0.5},
@@ -46,7 +47,7 @@ TEST_F(ConfigurationFile, GivesEveryValueItsType) {
                                           {"none", OtherConfigurationValue{}},
                                           {"list", OtherConfigurationValue{}},
                                           {"object", OtherConfigurationValue{}}};
-  EXPECT_EQ(configuration, expected);
+  EXPECT_EQ(*result, expected);
 }
 
 TEST_F(ConfigurationFile, NamesFileLineAndColumnOfASyntaxError) {
@@ -69,26 +70,28 @@ TEST_F(ConfigurationFile, RefusesAKeyThatComesTwice) {
 
 TEST_F(ConfigurationFile, NamesAFileThatCannotBeRead) {
   const auto result = readConfigurationFile(path_ + ".absent");
-  EXPECT_EQ(std::get<Error>(result).localizedDescription,
+  ASSERT_FALSE(result);
+  EXPECT_EQ(result.error().localizedDescription,
             path_ + ".absent: cannot be read: No such file or directory");
 }
 
 TEST_F(ConfigurationFile, NamesAFolderThatIsNotAFile) {
   const auto result = readConfigurationFile(::testing::TempDir());
-  EXPECT_NE(std::get<Error>(result).localizedDescription.find("cannot be read: Is a directory"),
+  ASSERT_FALSE(result);
+  EXPECT_NE(result.error().localizedDescription.find("cannot be read: Is a directory"),
             std::string::npos);
 }
 
 TEST_F(ConfigurationFile, ANamedFileMustExist) {
-  EXPECT_TRUE(std::holds_alternative<Error>(readProviderConfiguration(path_ + ".absent")));
+  EXPECT_FALSE(readProviderConfiguration(path_ + ".absent"));
 }
 
 TEST_F(ConfigurationFile, ReadsTheNamedFile) {
   std::ofstream(path_) << R"({"monitoringSocketPath": "/run/m.sock"})";
   const auto result = readProviderConfiguration(path_);
-  const auto& configuration = std::get<std::optional<ProviderConfiguration>>(result);
-  ASSERT_TRUE(configuration);
-  EXPECT_EQ(std::get<std::string>(configuration->at("monitoringSocketPath")), "/run/m.sock");
+  ASSERT_TRUE(result);
+  ASSERT_TRUE(*result);
+  EXPECT_EQ(std::get<std::string>((*result)->at("monitoringSocketPath")), "/run/m.sock");
 }
 
 }  // namespace
