@@ -122,7 +122,7 @@ class ProxyTunnelMonitoringClient::Delivery {
 namespace {
 
 Error socketError(const platform::SocketCallResult& result, std::string description) {
-  return Error{std::string(platform::kPOSIXErrorDomain), result.error, std::move(description)};
+  return platform::posixError(result.error, std::move(description));
 }
 
 OptionalError writeAll(platform::SocketCalls& sockets, int descriptor,

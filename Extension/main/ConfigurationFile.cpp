@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -29,8 +28,7 @@ struct FileRelease {
 // With the errno of the call that failed.
 Error unreadable(const std::string& path) {
   const int error = errno;
-  return {std::string(platform::kPOSIXErrorDomain), error,
-          path + ": cannot be read: " + std::strerror(error)};
+  return platform::systemCallError(error, path + ": cannot be read");
 }
 
 ConfigurationValue convert(const json_t* value) {

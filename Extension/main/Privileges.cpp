@@ -17,9 +17,8 @@ platform::OptionalError missingPrivileges() {
   if (known && (data[0].effective & (1U << CAP_NET_ADMIN)) != 0) {
     return std::nullopt;
   }
-  return platform::Error{std::string(platform::kPOSIXErrorDomain), EPERM,
-                         "the permission to administer the network (CAP_NET_ADMIN) is missing: "
-                         "run as root"};
+  return platform::posixError(
+      EPERM, "the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
 }
 
 }  // namespace ostravel::linuxplatform

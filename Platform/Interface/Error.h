@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
 namespace ostravel::platform {
 
@@ -38,6 +40,16 @@ struct Error {
 };
 
 using OptionalError = std::optional<Error>;
+
+// An error of kPOSIXErrorDomain.
+inline Error posixError(int code, std::string description) {
+  return {std::string(kPOSIXErrorDomain), code, std::move(description)};
+}
+
+// The failure of a system call with this errno: what was attempted, and the system's reason.
+inline Error systemCallError(int code, std::string_view attempt) {
+  return posixError(code, std::string(attempt) + ": " + std::generic_category().message(code));
+}
 
 // The default textual description: names domain, code and description.
 inline std::string describe(const Error& error) {

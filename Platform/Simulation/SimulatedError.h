@@ -7,20 +7,17 @@
 namespace ostravel::simulation {
 
 // The failures that the simulation itself reports.
-inline platform::Error posixError(int code, std::string_view description) {
-  return {std::string(platform::kPOSIXErrorDomain), code, std::string(description)};
-}
 inline platform::Error connectionReset() {
-  return posixError(ECONNRESET, "Connection reset by peer");
+  return platform::posixError(ECONNRESET, "Connection reset by peer");
 }
 inline platform::Error connectionRefused() {
-  return posixError(ECONNREFUSED, "Connection refused");
+  return platform::posixError(ECONNREFUSED, "Connection refused");
 }
 inline platform::Error operationCancelled() {
-  return posixError(ECANCELED, "Operation canceled");
+  return platform::posixError(ECANCELED, "Operation canceled");
 }
 inline platform::Error closedLocally() {
-  return posixError(ENOTCONN, "Socket is not connected");
+  return platform::posixError(ENOTCONN, "Socket is not connected");
 }
 
 }  // namespace ostravel::simulation

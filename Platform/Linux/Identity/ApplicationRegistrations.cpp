@@ -46,8 +46,7 @@ Error invalid(const std::string& description) {
 // With the errno of the call that failed.
 Error unreadable(const std::string& path) {
   const int error = errno;
-  return {std::string(platform::kPOSIXErrorDomain), error,
-          path + ": cannot be read: " + std::strerror(error)};
+  return platform::systemCallError(error, path + ": cannot be read");
 }
 
 Result<std::string> contentOf(const std::string& path) {

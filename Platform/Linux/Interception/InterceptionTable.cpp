@@ -346,7 +346,7 @@ void addDivertRules(NetfilterBatch& batch, const Selection& selection, const Pac
 // Says what is missing and what to do.
 Error explain(const NetfilterBatch::Failure& failure) {
   const auto error = [&failure](std::string description) {
-    return Error{std::string(platform::kPOSIXErrorDomain), failure.error, std::move(description)};
+    return platform::posixError(failure.error, std::move(description));
   };
   const std::string reason = std::strerror(failure.error);
   if (failure.change.empty() && failure.error == EPERM) {
@@ -433,9 +433,8 @@ OptionalError InterceptionTable::refreshAlive() {
   removeAliveElements(batch);
   addAliveElements(batch);
   if (const auto failure = batch.commit(socket_.get())) {
-    return Error{std::string(platform::kPOSIXErrorDomain), failure->error,
-                 "the interception could not be kept alive: " + failure->change + ": " +
-                     std::strerror(failure->error)};
+    return platform::systemCallError(
+        failure->error, "the interception could not be kept alive: " + failure->change);
   }
   return std::nullopt;
 }

@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -46,11 +47,15 @@ std::optional<std::string> findCgroupRoot(const std::string& mountsFile) {
   return std::nullopt;
 }
 
-FileDescriptor openCgroupRoot() {
-  if (const auto path = findCgroupRoot("/proc/self/mounts")) {
-    return FileDescriptor(::open(path->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+platform::Result<FileDescriptor> openCgroupRoot() {
+  const auto path = findCgroupRoot("/proc/self/mounts");
+  FileDescriptor root =
+      path ? FileDescriptor(::open(path->c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+           : openDetachedCgroupRoot();
+  if (!root.isOpen()) {
+    return platform::systemCallError(errno, "control groups of version 2 cannot be reached");
   }
-  return openDetachedCgroupRoot();
+  return root;
 }
 
 }  // namespace ostravel::linuxplatform

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Base/FileDescriptor.h"
+#include "Platform/Interface/Result.h"
 
 namespace ostravel::linuxplatform {
 
@@ -11,8 +12,8 @@ namespace ostravel::linuxplatform {
 // format of /proc/self/mounts; empty if they are not mounted.
 std::optional<std::string> findCgroupRoot(const std::string& mountsFile);
 
-// Opens the folder of the root control group, which is mounted privately if there is no mount. Not
-// open, with errno set, if there are no unified control groups or they cannot be accessed.
-FileDescriptor openCgroupRoot();
+// Opens the folder of the root control group, which is mounted privately if there is no mount.
+// Fails if there are no unified control groups or they cannot be accessed.
+platform::Result<FileDescriptor> openCgroupRoot();
 
 }  // namespace ostravel::linuxplatform

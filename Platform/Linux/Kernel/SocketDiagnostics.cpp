@@ -21,7 +21,6 @@
 
 namespace ostravel::linuxplatform {
 
-using platform::Error;
 
 namespace {
 
@@ -49,11 +48,6 @@ bool isLoopback(const SocketEndpoint& endpoint) {
 
 SocketEndpoint wildcard(AddressFamily family) {
   return {family, {}, 0};
-}
-
-Error failure(const char* what, int error) {
-  return {std::string(platform::kPOSIXErrorDomain), error,
-          std::string(what) + ": " + std::strerror(error)};
 }
 
 std::optional<std::uint16_t> portOfNewListener(int descriptor) {
@@ -116,7 +110,7 @@ SocketDiagnostics::Socket SocketDiagnostics::openSocket() {
 platform::Result<std::unique_ptr<SocketDiagnostics>> SocketDiagnostics::open() {
   Socket diagnostics = openSocket();
   if (!diagnostics) {
-    return failure("sockets cannot be looked up", errno);
+    return platform::systemCallError(errno, "sockets cannot be looked up");
   }
   std::unique_ptr<SocketDiagnostics> opened(new SocketDiagnostics(std::move(diagnostics)));
   if (!findsOwnListener(*opened)) {

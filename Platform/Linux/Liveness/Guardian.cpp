@@ -76,12 +76,12 @@ void ignoreRequestsToEnd() {
 }
 
 void leaveControlGroup() {
-  const FileDescriptor root = openCgroupRoot();
-  if (!root.isOpen()) {
+  const auto root = openCgroupRoot();
+  if (!root) {
     return;
   }
   const FileDescriptor members(
-      ::openat(root.get(), "cgroup.procs", O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+      ::openat(root->get(), "cgroup.procs", O_WRONLY | O_CLOEXEC | O_NONBLOCK));
   // Without permission, the guardian stays in its group.
   [[maybe_unused]] const auto written = ::write(members.get(), "0", 1);
 }
@@ -143,23 +143,17 @@ void writeLine(const std::string& line) {
   watch(record);
 }
 
-platform::Error failure(const char* action) {
-  const int number = errno;
-  return platform::Error{std::string(platform::kPOSIXErrorDomain), number,
-                         std::string(action) + ": " + std::strerror(number)};
-}
-
 }  // namespace
 
 platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record) {
   // Opened before the fork, it cannot refer to another process with the same number.
   const FileDescriptor extension(::pidfd_open(::getpid(), 0));
   if (!extension.isOpen()) {
-    return failure("pidfd_open");
+    return platform::systemCallError(errno, "pidfd_open");
   }
   const pid_t process = ::fork();
   if (process < 0) {
-    return failure("fork");
+    return platform::systemCallError(errno, "fork");
   }
   if (process == 0) {
     guard(extension.get(), record);

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "Base/FileDescriptor.h"
@@ -19,7 +18,6 @@
 
 namespace ostravel::linuxplatform {
 
-using platform::Error;
 using platform::OptionalError;
 using platform::Result;
 
@@ -47,16 +45,6 @@ std::uint64_t clockTicks(std::uint64_t nanoseconds) {
   return nanoseconds / (kNanosecondsPerSecond / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK)));
 }
 
-Error failure(const char* what) {
-  const int error = errno;
-  return {std::string(platform::kPOSIXErrorDomain), error,
-          std::string(what) + ": " + std::strerror(error)};
-}
-
-Error unsupported(const char* what) {
-  return {std::string(platform::kPOSIXErrorDomain), ENOTSUP, what};
-}
-
 }  // namespace
 
 void ConnectTracer::ObjectRelease::operator()(bpf_object* object) const {
@@ -80,9 +68,9 @@ Result<std::unique_ptr<ConnectTracer>> ConnectTracer::start(Detail wanted) {
 }
 
 Result<std::unique_ptr<ConnectTracer>> ConnectTracer::startWith(Detail detail) {
-  const FileDescriptor cgroupRoot = openCgroupRoot();
-  if (!cgroupRoot.isOpen()) {
-    return failure("control groups of version 2 cannot be reached");
+  const auto cgroupRoot = openCgroupRoot();
+  if (!cgroupRoot) {
+    return cgroupRoot.error();
   }
   std::unique_ptr<bpf_object, ObjectRelease> object(
       detail == Detail::programs
@@ -90,13 +78,13 @@ Result<std::unique_ptr<ConnectTracer>> ConnectTracer::startWith(Detail detail) {
           : ::bpf_object__open_mem(kConnectTracerPlainProgram, sizeof kConnectTracerPlainProgram,
                                    nullptr));
   if (!object) {
-    return failure("the program is not understood");
+    return platform::systemCallError(errno, "the program is not understood");
   }
   if (::bpf_object__load(object.get()) != 0) {
-    return failure("the program cannot be loaded");
+    return platform::systemCallError(errno, "the program cannot be loaded");
   }
   std::unique_ptr<ConnectTracer> tracer(new ConnectTracer(std::move(object), detail));
-  if (auto error = tracer->attach(cgroupRoot.get())) {
+  if (auto error = tracer->attach(cgroupRoot->get())) {
     return *std::move(error);
   }
   if (auto error = tracer->examineOwnRecord()) {
@@ -117,7 +105,7 @@ OptionalError ConnectTracer::attach(int cgroupRoot) {
   bpf_object__for_each_program(program, object_.get()) {
     std::unique_ptr<bpf_link, LinkRelease> link(::bpf_program__attach_cgroup(program, cgroupRoot));
     if (!link) {
-      return failure("the program cannot be attached");
+      return platform::systemCallError(errno, "the program cannot be attached");
     }
     links_.push_back(std::move(link));
   }
@@ -139,7 +127,8 @@ OptionalError ConnectTracer::examineOwnRecord() const {
   const auto record = isKnown ? recordOf(cookie) : std::nullopt;
   // The kernel reports process numbers of the initial process namespace.
   if (!record || record->process != ::getpid()) {
-    return unsupported("processes are not seen under the numbers that /proc shows");
+    return platform::posixError(ENOTSUP,
+                                "processes are not seen under the numbers that /proc shows");
   }
   if (detail_ == Detail::processes) {
     return std::nullopt;
@@ -151,7 +140,7 @@ OptionalError ConnectTracer::examineOwnRecord() const {
                               .realUser = record->realUser};
   // Also where the kernel does not report the inode of an open file, before 5.14.
   if (!self || self->stamp != recorded || !self->isExecutableGenuine) {
-    return unsupported("programs are not seen as /proc shows them");
+    return platform::posixError(ENOTSUP, "programs are not seen as /proc shows them");
   }
   return std::nullopt;
 }

@@ -9,7 +9,7 @@ namespace ostravel::linuxplatform {
 
 // Converts an errno value to an error of the platform interface.
 inline platform::Error socketError(int error) {
-  return {std::string(platform::kPOSIXErrorDomain), error, std::generic_category().message(error)};
+  return platform::posixError(error, std::generic_category().message(error));
 }
 
 }  // namespace ostravel::linuxplatform

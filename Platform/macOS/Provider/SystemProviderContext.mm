@@ -20,8 +20,7 @@ void SystemProviderContext::setTunnelNetworkSettings(
     const auto provider = provider_.lock();
     if (provider.get() == nil) {
       queue_->run([completion = std::move(completion)] {
-        completion(platform::Error{std::string(platform::kPOSIXErrorDomain), ECANCELED,
-                                   "The provider is gone"});
+        completion(platform::posixError(ECANCELED, "The provider is gone"));
       });
       return;
     }

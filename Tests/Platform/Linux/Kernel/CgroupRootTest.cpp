@@ -33,9 +33,9 @@ TEST(CgroupRootTest, FindsTheMountPoint) {
 }
 
 TEST(CgroupRootTest, OpensAFolderOfTheUnifiedHierarchy) {
-  const FileDescriptor root = openCgroupRoot();
-  ASSERT_TRUE(root.isOpen());
-  EXPECT_EQ(::faccessat(root.get(), "cgroup.controllers", F_OK, 0), 0);
+  const auto root = openCgroupRoot();
+  ASSERT_TRUE(root);
+  EXPECT_EQ(::faccessat(root->get(), "cgroup.controllers", F_OK, 0), 0);
 }
 
 }  // namespace
