@@ -14,9 +14,9 @@
 #include <system_error>
 #include <utility>
 
+#include "Base/PrintableText.h"
 #include "Extension/main/ConfigurationFile.h"
 #include "Platform/Linux/Processes/SystemUsers.h"
-#include "Platform/Linux/Services/LogLine.h"
 
 namespace ostravel {
 
@@ -125,7 +125,7 @@ CommandLine CommandLine::parse(int argc, char** argv) {
     const auto user = userWithName(name);
     if (!user) {
       std::fprintf(stderr, "ostravel-extension: --proxy-user: there is no user \"%s\"\n",
-                   linuxplatform::printable(name).c_str());
+                   printableText(name).c_str());
       return {std::nullopt, kExitUsage};
     }
     options.proxyUsers.push_back(*user);

@@ -4,6 +4,7 @@
 #include <span>
 #include <string_view>
 
+#include "Base/PrintableText.h"
 #include "Base/UTF8.h"
 
 namespace ostravel::host {
@@ -17,22 +18,8 @@ constexpr std::size_t kLongestSocketPath = 103;
 
 constexpr std::string_view kMonitoringSocketOption = "--monitoring-socket";
 
-// In quotation marks, with what a terminal could not show as \xNN.
 std::string quoted(std::string_view text) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  const bool isUTF8 = isWellFormedUTF8(text);
-  std::string result = "\"";
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte < 0x20 || byte == 0x7F || (byte >= 0x80 && !isUTF8)) {
-      result += "\\x";
-      result += kDigits[byte / 16];
-      result += kDigits[byte % 16];
-    } else {
-      result += character;
-    }
-  }
-  return result + "\"";
+  return "\"" + printableText(text) + "\"";
 }
 
 // Empty when there is nothing wrong with it.

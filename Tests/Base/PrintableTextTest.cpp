@@ -16,6 +16,8 @@ TEST(PrintableTextTest, ShowsControlCharacters) {
   EXPECT_EQ(printableText("\x1b[31m\r\n\t\x7f" + std::string(1, '\0')),
             "\\x1b[31m\\r\\n\\t\\x7f\\x00");
   EXPECT_EQ(printableText("\xc2\x9b"), "\\u009b");
+  // The first character after the controls.
+  EXPECT_EQ(printableText("\xc2\xa0"), "\xc2\xa0");
 }
 
 TEST(PrintableTextTest, ShowsWhatTurnsOrBreaksTheLine) {

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Base/FileDescriptor.h"
+#include "Base/PrintableText.h"
 #include "Platform/Linux/Services/LogLine.h"
 
 namespace ostravel::linuxplatform {
@@ -37,8 +38,8 @@ std::string_view priorityField(LogLevel level) {
 }
 
 std::string originFields(const std::string& subsystem, const std::string& category) {
-  return "SYSLOG_IDENTIFIER=ostravel\nOSTRAVEL_SUBSYSTEM=" + printable(subsystem) +
-         "\nOSTRAVEL_CATEGORY=" + printable(category) + '\n';
+  return "SYSLOG_IDENTIFIER=ostravel\nOSTRAVEL_SUBSYSTEM=" + printableText(subsystem) +
+         "\nOSTRAVEL_CATEGORY=" + printableText(category) + '\n';
 }
 
 // text is printable, so it contains no line feed that would end a field.

@@ -9,11 +9,8 @@
 
 namespace ostravel::linuxplatform {
 
-// text as a single harmless line: control characters and bytes that are not UTF-8 (RFC 3629) are
-// written as \xNN, so that a foreign value can neither forge a log line nor control a terminal.
-std::string printable(std::string_view text);
-
-// A finished, printable line.
+// The finished line, printable as a whole, so that a foreign value can neither forge a log line nor
+// control a terminal.
 std::string printableLogLine(std::string_view format,
                              std::span<const platform::LogArgument> arguments);
 

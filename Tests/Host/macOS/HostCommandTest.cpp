@@ -59,7 +59,7 @@ TEST(HostCommandTest, AMonitoringSocketHasAPathThatFitsIntoASocketAddress) {
   EXPECT_EQ(reasonOf({"activate", "--monitoring-socket", "events"}),
             "--monitoring-socket: \"events\" is not an absolute path");
   EXPECT_EQ(reasonOf({"activate", "--monitoring-socket", "/\xC3"}),
-            "--monitoring-socket: \"/\\xC3\" is not UTF-8");
+            "--monitoring-socket: \"/\\xc3\" is not UTF-8");
 }
 
 TEST(HostCommandTest, AnythingElseMakesNoSense) {

@@ -129,9 +129,9 @@ TEST(JournalLogTest, ALineBreakStartsNeitherFieldNorLine) {
     ASSERT_TRUE(flush(*writer));
     const auto fields = journal.nextEntry();
     EXPECT_EQ(fields.size(), 5U);
-    EXPECT_TRUE(fields.contains("MESSAGE=OstravelProxy: one\\x0aPRIORITY=0"));
-    EXPECT_TRUE(fields.contains("OSTRAVEL_SUBSYSTEM=sub\\x0aPRIORITY=0"));
-    EXPECT_TRUE(fields.contains("OSTRAVEL_CATEGORY=cat\\x0aPRIORITY=0"));
+    EXPECT_TRUE(fields.contains("MESSAGE=OstravelProxy: one\\nPRIORITY=0"));
+    EXPECT_TRUE(fields.contains("OSTRAVEL_SUBSYSTEM=sub\\nPRIORITY=0"));
+    EXPECT_TRUE(fields.contains("OSTRAVEL_CATEGORY=cat\\nPRIORITY=0"));
     EXPECT_TRUE(fields.contains("PRIORITY=6"));
   });
 }

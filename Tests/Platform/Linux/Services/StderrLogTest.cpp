@@ -124,7 +124,7 @@ TEST_F(StderrLogTest, ALineBreakInAnArgumentDoesNotMakeALine) {
   StderrLog log(writer_, StderrLog::Debug::isDropped);
   log.error("OstravelProxy: %{public}s", {"one\ntwo"});
   const std::string line = written();
-  EXPECT_NE(line.find("one\\x0atwo\n"), std::string::npos);
+  EXPECT_NE(line.find("one\\ntwo\n"), std::string::npos);
   EXPECT_EQ(line.find('\n'), line.size() - 1);
 }
 
