@@ -12,8 +12,6 @@ namespace {
 
 using platform::TCPConnectionState;
 
-constexpr std::string_view kStateKeyPath = "state";
-
 std::string_view nameOf(TCPConnectionState state) {
   switch (state) {
     case TCPConnectionState::invalid:
@@ -33,7 +31,7 @@ std::string_view nameOf(TCPConnectionState state) {
 }
 
 void requireStateKeyPath(std::string_view keyPath) {
-  if (keyPath != kStateKeyPath) {
+  if (keyPath != platform::StateObservers::kKeyPath) {
     throw std::logic_error("a connection has no observable key path \"" + std::string(keyPath) +
                            "\"");
   }
@@ -87,14 +85,10 @@ void SimulatedTCPConnection::setState(TCPConnectionState state, platform::Option
 void SimulatedTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
                                          std::string_view keyPath) {
   requireStateKeyPath(keyPath);
-  const auto* const identity = observer.lock().get();
-  observers_.push_back({std::move(observer), identity});
-  if (hasUnreportedChange_) {
+  if (observers_.add(std::move(observer))) {
     run_.queue.post(lane_, ItemKind::normal, [weakSelf = weak_from_this()] {
-      const auto self = weakSelf.lock();
-      // Another change may have notified them meanwhile.
-      if (self && self->hasUnreportedChange_) {
-        self->notifyObservers();
+      if (const auto self = weakSelf.lock()) {
+        self->observers_.notifyOfMissedChange(*self);
       }
     });
   }
@@ -103,13 +97,9 @@ void SimulatedTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserve
 void SimulatedTCPConnection::removeObserver(platform::KeyValueObserver& observer,
                                             std::string_view keyPath) {
   requireStateKeyPath(keyPath);
-  const auto at = std::find_if(
-      observers_.begin(), observers_.end(),
-      [&observer](const Registration& registration) { return registration.identity == &observer; });
-  if (at == observers_.end()) {
+  if (!observers_.remove(observer)) {
     throw std::logic_error(name() + ": removes an observer that is not registered");
   }
-  observers_.erase(at);
 }
 
 void SimulatedTCPConnection::read(std::size_t minimum, std::size_t maximum,
@@ -163,25 +153,9 @@ void SimulatedTCPConnection::applyState(TCPConnectionState state, platform::Opti
     error_ = error;
     peer_->disconnect(error);
   }
-  notifyObservers();
-}
-
-bool SimulatedTCPConnection::isRegistered(const platform::KeyValueObserver& observer) const {
-  return std::any_of(
-      observers_.begin(), observers_.end(),
-      [&observer](const Registration& registration) { return registration.identity == &observer; });
-}
-
-void SimulatedTCPConnection::notifyObservers() {
-  hasUnreportedChange_ = observers_.empty();
-  // An observer may remove itself or another one, and may let go of this connection.
+  // An observer may let go of this connection.
   const auto self = shared_from_this();
-  for (const auto& registration : std::vector<Registration>(observers_)) {
-    const auto observer = registration.observer.lock();
-    if (observer && isRegistered(*observer)) {
-      observer->observeValue(kStateKeyPath, this);
-    }
-  }
+  observers_.notify(*self);
 }
 
 }  // namespace ostravel::simulation

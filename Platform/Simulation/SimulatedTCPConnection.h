@@ -4,11 +4,11 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "Platform/Interface/HostEndpoint.h"
 #include "Platform/Interface/TCPConnection.h"
 #include "Platform/Interface/TransparentProxyProvider.h"
+#include "Platform/Shared/StateObservers.h"
 #include "Platform/Simulation/SimulatedPeer.h"
 
 namespace ostravel::simulation {
@@ -45,7 +45,7 @@ class SimulatedTCPConnection final : public platform::TCPConnection,
   void setState(platform::TCPConnectionState state, platform::OptionalError error = std::nullopt);
 
   bool wasCancelled() const { return wasCancelled_; }
-  std::size_t observerCount() const { return observers_.size(); }
+  std::size_t observerCount() const { return observers_.count(); }
 
   // --- The provider's side.
 
@@ -61,16 +61,8 @@ class SimulatedTCPConnection final : public platform::TCPConnection,
   void cancel() override;
 
  private:
-  struct Registration {
-    std::weak_ptr<platform::KeyValueObserver> observer;
-    // To find it again when it is being destroyed and cannot be locked any more.
-    const platform::KeyValueObserver* identity;
-  };
-
   void changeStateLater(platform::TCPConnectionState state, platform::OptionalError error);
   void applyState(platform::TCPConnectionState state, platform::OptionalError error);
-  bool isRegistered(const platform::KeyValueObserver& observer) const;
-  void notifyObservers();
 
   RunState& run_;
   const std::shared_ptr<SimulatedPeer> peer_;
@@ -82,9 +74,7 @@ class SimulatedTCPConnection final : public platform::TCPConnection,
   platform::TCPConnectionState state_ = platform::TCPConnectionState::connecting;
   platform::OptionalError error_;
   bool wasCancelled_ = false;
-  std::vector<Registration> observers_;
-  // The state changed while there were no observers.
-  bool hasUnreportedChange_ = false;
+  platform::StateObservers observers_;
 };
 
 }  // namespace ostravel::simulation

@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -20,10 +19,8 @@ using Direction = StreamSocket::Direction;
 
 namespace {
 
-constexpr std::string_view kStateKeyPath = "state";
-
 void requireStateKeyPath(std::string_view keyPath) {
-  if (keyPath != kStateKeyPath) {
+  if (keyPath != platform::StateObservers::kKeyPath) {
     programmingError("a connection has no observable property but its state");
   }
 }
@@ -130,7 +127,7 @@ void LinuxTCPConnection::finishConnecting() {
   }
   stream_.attach(std::move(connecting_));
   changeState(TCPConnectionState::connected, 0);
-  notifyObservers(Reason::change);
+  observers_.notify(*this);
 }
 
 void LinuxTCPConnection::failToConnect(int error) {
@@ -140,7 +137,7 @@ void LinuxTCPConnection::failToConnect(int error) {
   connecting_.close();
   changeState(TCPConnectionState::disconnected, error);
   stream_.fail(socketError(error));
-  notifyObservers(Reason::change);
+  observers_.notify(*this);
 }
 
 // Transfer
@@ -195,7 +192,11 @@ std::shared_ptr<StreamSocket> LinuxTCPConnection::sharedStream() {
 void LinuxTCPConnection::changeStateLater(TCPConnectionState state, int error) {
   changeState(state, error);
   // Not inside the call that detected it.
-  notifyObserversLater(Reason::change);
+  stream_.loop().post([weakSelf = weak_from_this()] {
+    if (const auto self = weakSelf.lock()) {
+      self->observers_.notify(*self);
+    }
+  });
 }
 
 void LinuxTCPConnection::changeState(TCPConnectionState state, int error) {
@@ -207,66 +208,19 @@ void LinuxTCPConnection::changeState(TCPConnectionState state, int error) {
 void LinuxTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
                                      std::string_view keyPath) {
   requireStateKeyPath(keyPath);
-  const auto* const identity = observer.lock().get();
-  const std::lock_guard guard(lock_);
-  forgetDestroyedObservers();
-  observers_.push_back({std::move(observer), identity});
-  if (hasUnreportedChange_) {
-    notifyObserversLater(Reason::unreportedChange);
+  if (observers_.add(std::move(observer))) {
+    stream_.loop().post([weakSelf = weak_from_this()] {
+      if (const auto self = weakSelf.lock()) {
+        self->observers_.notifyOfMissedChange(*self);
+      }
+    });
   }
 }
 
 void LinuxTCPConnection::removeObserver(platform::KeyValueObserver& observer,
                                         std::string_view keyPath) {
   requireStateKeyPath(keyPath);
-  const std::lock_guard guard(lock_);
-  const auto found = std::find_if(
-      observers_.begin(), observers_.end(),
-      [&observer](const auto& registration) { return registration.identity == &observer; });
-  if (found != observers_.end()) {
-    observers_.erase(found);
-  }
-}
-
-void LinuxTCPConnection::notifyObserversLater(Reason reason) {
-  stream_.loop().post([weakSelf = weak_from_this(), reason] {
-    if (const auto self = weakSelf.lock()) {
-      self->notifyObservers(reason);
-    }
-  });
-}
-
-void LinuxTCPConnection::notifyObservers(Reason reason) {
-  std::vector<Registration> observers;
-  {
-    const std::lock_guard guard(lock_);
-    if (reason == Reason::unreportedChange && !hasUnreportedChange_) {
-      return;
-    }
-    forgetDestroyedObservers();
-    observers = observers_;
-    hasUnreportedChange_ = observers.empty();
-  }
-  // Without the lock: an observer may remove itself or another one.
-  for (const auto& registration : observers) {
-    const auto observer = registration.observer.lock();
-    if (observer && isRegistered(*observer)) {
-      observer->observeValue(kStateKeyPath, this);
-    }
-  }
-}
-
-// Otherwise a new observer could be at the address of a destroyed one.
-void LinuxTCPConnection::forgetDestroyedObservers() {
-  std::erase_if(observers_,
-                [](const auto& registration) { return registration.observer.expired(); });
-}
-
-bool LinuxTCPConnection::isRegistered(const platform::KeyValueObserver& observer) const {
-  const std::lock_guard guard(lock_);
-  return std::any_of(observers_.begin(), observers_.end(), [&observer](const auto& registration) {
-    return registration.identity == &observer;
-  });
+  observers_.remove(observer);
 }
 
 }  // namespace ostravel::linuxplatform

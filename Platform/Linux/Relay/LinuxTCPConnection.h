@@ -3,13 +3,12 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string_view>
-#include <vector>
 
 #include "Platform/Interface/HostEndpoint.h"
 #include "Platform/Interface/TCPConnection.h"
 #include "Platform/Linux/Relay/StreamSocket.h"
+#include "Platform/Shared/StateObservers.h"
 
 namespace ostravel::linuxplatform {
 
@@ -54,11 +53,6 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   void cancel() override;
 
  private:
-  struct Registration {
-    std::weak_ptr<platform::KeyValueObserver> observer;
-    const platform::KeyValueObserver* identity = nullptr;
-  };
-
   template <typename Work>
   void runOnLoop(Work work);
   void start(const platform::HostEndpoint& endpoint);
@@ -71,13 +65,6 @@ class LinuxTCPConnection final : public platform::TCPConnection,
 
   void changeStateLater(platform::TCPConnectionState state, int error);
   void changeState(platform::TCPConnectionState state, int error);
-  // A pending notification of an unreported change is dropped once another one has reported the
-  // state.
-  enum class Reason { change, unreportedChange };
-  void notifyObserversLater(Reason reason);
-  void notifyObservers(Reason reason);
-  void forgetDestroyedObservers();
-  bool isRegistered(const platform::KeyValueObserver& observer) const;
 
   std::shared_ptr<StreamSocket> sharedStream() override;
   void streamFailed(int error) override;
@@ -86,11 +73,7 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   std::atomic<platform::TCPConnectionState> state_ = platform::TCPConnectionState::connecting;
   std::atomic<int> error_ = 0;
   bool isCancelled_ = false;
-  mutable std::mutex lock_;
-  // Guarded by lock_.
-  std::vector<Registration> observers_;
-  // The state changed while there were no observers.
-  bool hasUnreportedChange_ = false;
+  platform::StateObservers observers_;
   // The socket until it is connected.
   LoopSocket connecting_;
   StreamSocket stream_;

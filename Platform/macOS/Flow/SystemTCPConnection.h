@@ -4,11 +4,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string_view>
-#include <vector>
 
 #include "Platform/Interface/TCPConnection.h"
+#include "Platform/Shared/StateObservers.h"
 #import "Platform/macOS/Dispatch/CompletionQueue.h"
 #import "Platform/macOS/Foundation/Reference.h"
 
@@ -36,20 +35,13 @@ class SystemTCPConnection final : public platform::TCPConnection,
   void stateDidChange();
 
  private:
-  using Observers = std::vector<std::weak_ptr<platform::KeyValueObserver>>;
-
   explicit SystemTCPConnection(NWTCPConnection* connection);
-
-  bool hasPendingChange();
 
   const Reference<NWTCPConnection*> connection_;
   const std::shared_ptr<CompletionQueue> queue_;
   // Under which the system's notifications find this object.
   std::uintptr_t observation_ = 0;
-  std::mutex lock_;
-  Observers observers_;
-  // The state changed while there were no observers.
-  bool hasPendingChange_ = false;
+  platform::StateObservers observers_;
 };
 
 }  // namespace ostravel::macos

@@ -11,12 +11,6 @@ namespace ostravel::macos {
 
 using platform::TCPConnectionState;
 
-namespace {
-
-constexpr std::string_view kStateKeyPath = "state";
-
-}  // namespace
-
 std::shared_ptr<SystemTCPConnection> SystemTCPConnection::make(NWTCPConnection* connection) {
   const std::shared_ptr<SystemTCPConnection> adapter(new SystemTCPConnection(connection));
   adapter->observation_ = startObservingState(connection, adapter);
@@ -63,16 +57,10 @@ platform::OptionalError SystemTCPConnection::error() const {
 
 void SystemTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
                                       std::string_view keyPath) {
-  if (keyPath != kStateKeyPath) {
-    return;
-  }
-  const std::lock_guard guard(lock_);
-  observers_.push_back(std::move(observer));
-  if (hasPendingChange_) {
+  if (keyPath == platform::StateObservers::kKeyPath && observers_.add(std::move(observer))) {
     queue_->run([weakSelf = weak_from_this()] {
-      const auto self = weakSelf.lock();
-      if (self && self->hasPendingChange()) {
-        self->stateDidChange();
+      if (const auto self = weakSelf.lock()) {
+        self->observers_.notifyOfMissedChange(*self);
       }
     });
   }
@@ -80,35 +68,13 @@ void SystemTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> 
 
 void SystemTCPConnection::removeObserver(platform::KeyValueObserver& observer,
                                          std::string_view keyPath) {
-  if (keyPath != kStateKeyPath) {
-    return;
+  if (keyPath == platform::StateObservers::kKeyPath) {
+    observers_.remove(observer);
   }
-  const std::lock_guard guard(lock_);
-  std::erase_if(observers_, [&observer](const auto& weakObserver) {
-    const auto held = weakObserver.lock();
-    return !held || held.get() == &observer;
-  });
-}
-
-// False when another change has notified the observers meanwhile.
-bool SystemTCPConnection::hasPendingChange() {
-  const std::lock_guard guard(lock_);
-  return hasPendingChange_;
 }
 
 void SystemTCPConnection::stateDidChange() {
-  Observers observers;
-  {
-    const std::lock_guard guard(lock_);
-    observers = observers_;
-    hasPendingChange_ = observers.empty();
-  }
-  // Without the lock: observers remove themselves from here.
-  for (const auto& weakObserver : observers) {
-    if (const auto observer = weakObserver.lock()) {
-      observer->observeValue(kStateKeyPath, this);
-    }
-  }
+  observers_.notify(*this);
 }
 
 void SystemTCPConnection::read(std::size_t minimum, std::size_t maximum,
