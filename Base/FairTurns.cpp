@@ -26,14 +26,11 @@ void FairTurns::spend(Party party, std::size_t bytes) {
 void FairTurns::enqueue(Party party, Work work) {
   Line& line = lines_[party];
   line.waiting.push_back(std::move(work));
-  appendToOrder(party, line);
-  requestTurn();
-}
-
-void FairTurns::appendToOrder(Party party, Line& line) {
-  if (!std::exchange(line.isInOrder, true)) {
+  const bool isFirst = line.waiting.size() == 1;
+  if (isFirst && &line != served_) {
     order_.push_back(party);
   }
+  requestTurn();
 }
 
 void FairTurns::requestTurn() {
@@ -66,22 +63,22 @@ void FairTurns::beginTurn() {
 void FairTurns::serve(Party party) {
   // Stays where it is while the work adds lines.
   Line& line = lines_[party];
-  line.isInOrder = false;
+  served_ = &line;
   while (!line.waiting.empty() && line.spent < limits_.share && spent_ < limits_.total) {
     const Work work = std::move(line.waiting.front());
     line.waiting.pop_front();
     spend(party, kCostOfOperation);
     work();
   }
+  served_ = nullptr;
   if (line.waiting.empty()) {
     return;
   }
   if (line.spent < limits_.share) {
     // Cut short by the total, so it is the first next time.
     order_.push_front(party);
-    line.isInOrder = true;
   } else {
-    appendToOrder(party, line);
+    order_.push_back(party);
   }
 }
 

@@ -60,13 +60,10 @@ class FairTurns {
   struct Line {
     std::size_t spent = 0;
     std::deque<Work> waiting;
-    // Its party is in order_.
-    bool isInOrder = false;
   };
 
   bool mayRunNow(Party party) const;
   void enqueue(Party party, Work work);
-  void appendToOrder(Party party, Line& line);
   void requestTurn();
   void takeTurn();
   void beginTurn();
@@ -76,8 +73,9 @@ class FairTurns {
   const std::function<void(Work)> later_;
   // Parties that have spent something in this turn or wait.
   std::unordered_map<Party, Line> lines_;
-  // Those that wait, next one first.
+  // Each party that waits once, the next one first; without the one that is being served.
   std::deque<Party> order_;
+  const Line* served_ = nullptr;
   std::size_t spent_ = 0;
   bool isTurnRequested_ = false;
 };

@@ -1,8 +1,10 @@
 #include "Base/FairTurns.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -110,6 +112,24 @@ TEST_F(FairTurnsTest, WorkMayAddWorkOfItsParty) {
   EXPECT_EQ(takeTurn(), "1");
   EXPECT_EQ(takeTurn(), "2");
   EXPECT_EQ(takeTurn(), "");
+}
+
+TEST_F(FairTurnsTest, WorkThatAlwaysAddsWorkTakesNoMoreMemory) {
+  std::function<void(char)> runForever = [&](char party) {
+    turns_.run(idOf(party), [&runForever, party] { runForever(party); });
+  };
+  runForever('a');
+  runForever('b');
+  const auto takeTurns = [this](int count) {
+    for (int turn = 0; turn < count; ++turn) {
+      takeTurn();
+    }
+  };
+  takeTurns(100);
+  const std::size_t before = ::mallinfo2().uordblks;
+  takeTurns(10'000);
+  constexpr std::size_t kTolerance = 4096;
+  EXPECT_LE(::mallinfo2().uordblks, before + kTolerance);
 }
 
 TEST_F(FairTurnsTest, AsksForOneTurnAtATimeAndForNoneWhenIdle) {
