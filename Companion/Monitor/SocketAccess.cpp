@@ -3,29 +3,14 @@
 #include <grp.h>
 #include <sys/stat.h>
 
-#include <charconv>
+#include "Base/ParseNumber.h"
 
 namespace ostravel::companion {
-namespace {
-
-template <typename Number>
-std::optional<Number> parseNumber(const std::string& text, int base) {
-  Number number = 0;
-  const char* const end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, number, base);
-  if (result.ec != std::errc{} || result.ptr != end) {
-    return std::nullopt;
-  }
-  return number;
-}
-
-}  // namespace
-
 std::optional<gid_t> groupNamed(const std::string& name) {
   if (const group* const found = ::getgrnam(name.c_str())) {
     return found->gr_gid;
   }
-  const std::optional<gid_t> number = parseNumber<gid_t>(name, 10);
+  const std::optional<gid_t> number = parseNumber<gid_t>(name);
   // The largest one means "leave it as it is" (chown(2)).
   return number == static_cast<gid_t>(-1) ? std::nullopt : number;
 }

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <asio/ip/address_v6.hpp>
-#include <charconv>
+
+#include "Base/ParseNumber.h"
 
 namespace ostravel::companion {
 namespace {
@@ -28,15 +29,6 @@ bool isIpv6Address(std::string_view host) {
   return !error;
 }
 
-std::optional<std::uint16_t> parsePort(std::string_view text) {
-  std::uint16_t port = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  if (error != std::errc{} || end != text.data() + text.size()) {
-    return std::nullopt;
-  }
-  return port;
-}
-
 }  // namespace
 
 std::optional<HostPort> parseHostPort(std::string_view text) {
@@ -44,7 +36,7 @@ std::optional<HostPort> parseHostPort(std::string_view text) {
   if (colon == std::string_view::npos) {
     return std::nullopt;
   }
-  const std::optional<std::uint16_t> port = parsePort(text.substr(colon + 1));
+  const auto port = parseNumber<std::uint16_t>(text.substr(colon + 1));
   std::string_view host = text.substr(0, colon);
   if (!port) {
     return std::nullopt;

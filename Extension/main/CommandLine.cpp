@@ -4,16 +4,15 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <map>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
+#include "Base/ParseNumber.h"
 #include "Base/PrintableText.h"
 #include "Extension/main/ConfigurationFile.h"
 #include "Platform/Linux/Processes/SystemUsers.h"
@@ -42,25 +41,17 @@ std::optional<uid_t> userWithName(const std::string& name) {
   if (const auto user = linuxplatform::SystemUsers::numberOf(name)) {
     return user;
   }
-  uid_t number = 0;
-  const char* const end = name.data() + name.size();
-  const auto parsed = std::from_chars(name.data(), end, number);
+  const auto number = parseNumber<uid_t>(name);
   // The largest number means no user (chown(2)).
-  const bool isNumber = !name.empty() && parsed.ec == std::errc() && parsed.ptr == end;
-  return isNumber && number != static_cast<uid_t>(-1) ? std::optional(number) : std::nullopt;
+  return number != static_cast<uid_t>(-1) ? number : std::nullopt;
 }
 
 // Decimal, or hexadecimal with 0x.
 std::optional<linuxplatform::PacketMarks> parseMarkMask(std::string_view text) {
   const bool isHexadecimal = text.starts_with("0x") || text.starts_with("0X");
   const std::string_view digits = isHexadecimal ? text.substr(2) : text;
-  std::uint32_t mask = 0;
-  const auto [end, error] =
-      std::from_chars(digits.data(), digits.data() + digits.size(), mask, isHexadecimal ? 16 : 10);
-  if (error != std::errc() || end != digits.data() + digits.size()) {
-    return std::nullopt;
-  }
-  return linuxplatform::PacketMarks::fromMask(mask);
+  const auto mask = parseNumber<std::uint32_t>(digits, isHexadecimal ? 16 : 10);
+  return mask ? linuxplatform::PacketMarks::fromMask(*mask) : std::nullopt;
 }
 
 }  // namespace

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstddef>
+
+#include "Base/ParseNumber.h"
 
 namespace ostravel::linuxplatform {
 
@@ -30,10 +31,7 @@ int statusIn(std::string_view line) {
   }
   line.remove_prefix(code);
   const std::string_view digits = line.substr(0, line.find_first_of(kBlanks));
-  int status = 0;
-  const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), status);
-  const bool isWhole = parsed.ptr == digits.data() + digits.size();
-  return digits.size() == kCodeLength && isWhole ? status : 0;
+  return digits.size() == kCodeLength ? parseNumber<int>(digits).value_or(0) : 0;
 }
 
 }  // namespace

@@ -5,12 +5,13 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include "Base/ParseNumber.h"
 
 namespace ostravel::linuxplatform {
 
@@ -18,15 +19,6 @@ namespace {
 
 std::string processFolder(pid_t process) {
   return "/proc/" + std::to_string(process);
-}
-
-std::optional<pid_t> processNumber(std::string_view name) {
-  pid_t number = 0;
-  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
-  if (error != std::errc() || end != name.data() + name.size()) {
-    return std::nullopt;
-  }
-  return number;
 }
 
 bool isOfUser(pid_t process, uid_t user) {
@@ -92,7 +84,7 @@ void SocketHolderSearch::listProcesses() {
   }
   std::vector<pid_t> listed;
   while (const dirent* const entry = ::readdir(directory.get())) {
-    if (const auto process = processNumber(entry->d_name)) {
+    if (const auto process = parseNumber<pid_t>(entry->d_name)) {
       listed.push_back(*process);
     }
   }

@@ -3,12 +3,13 @@
 #include <pwd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstddef>
 #include <fstream>
 #include <sstream>
 #include <string_view>
 #include <vector>
+
+#include "Base/ParseNumber.h"
 
 namespace ostravel::linuxplatform {
 
@@ -26,12 +27,7 @@ std::optional<uid_t> number(std::string_view text) {
   } else if (text.size() > 1 && text.starts_with('0')) {
     base = 8;
   }
-  uid_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
-    return std::nullopt;
-  }
-  return value;
+  return parseNumber<uid_t>(text, base);
 }
 
 }  // namespace
