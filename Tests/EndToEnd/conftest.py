@@ -2,17 +2,19 @@
 
 import os
 import resource
-import shutil
-import subprocess
 import sys
 
 import pytest
 
 sys.dont_write_bytecode = True
 
-from laboratory import NAME, PYTHON, THERE4, THERE6, Laboratory  # noqa: E402
+from Laboratory.namespace import Namespace  # noqa: E402
+from Laboratory.network import make_certificate  # noqa: E402
+from Laboratory.ostravel import PROGRAMS  # noqa: E402
+from Laboratory.problem import Problem  # noqa: E402
+from Laboratory.program import find_missing  # noqa: E402
+from laboratory import PYTHON, Laboratory  # noqa: E402
 
-OWN_PROGRAMS = ("ostravel-extension", "ostravel-monitor", "ostravel-sidecar")
 FOREIGN_PROGRAMS = {
     "curl": "curl",
     "ip": "iproute2",
@@ -27,27 +29,20 @@ FOREIGN_PROGRAMS = {
 }
 
 
-def find_missing():
+def find_missing_prerequisite():
     """One sentence about the first missing prerequisite; None if there is none."""
     if os.geteuid() != 0:
         return "the end-to-end tests make network namespaces: run them as root"
     if os.path.realpath(sys.executable) != PYTHON:
         return f"the end-to-end tests are run by {PYTHON}, the application that they expect to be"
-    for name, package in FOREIGN_PROGRAMS.items():
-        if shutil.which(name) is None:
-            return f"the program {name} is missing: install the package {package}"
     folder = os.environ.get("OSTRAVEL_BIN")
     if not folder:
         return "OSTRAVEL_BIN does not say in which folder the programs to be tested are"
-    for name in OWN_PROGRAMS:
-        if not os.access(os.path.join(folder, name), os.X_OK):
-            return f"{name} is not in {folder}: build it first"
-    done = subprocess.run(
-        ["unshare", "--net", "--mount", "ip", "link", "set", "lo", "up"],
-        capture_output=True,
-        check=False,
-    )
-    if done.returncode != 0:
+    if missing := find_missing(folder, PROGRAMS, FOREIGN_PROGRAMS):
+        return missing
+    try:
+        Namespace().close()
+    except Problem:
         return (
             "this machine denies network namespaces or their administration (CAP_SYS_ADMIN, "
             "CAP_NET_ADMIN): run the tests outside a container that takes that away"
@@ -57,7 +52,7 @@ def find_missing():
 
 @pytest.fixture(scope="session")
 def programs_folder():
-    missing = find_missing()
+    missing = find_missing_prerequisite()
     if missing:
         pytest.fail(missing, pytrace=False)
     # Both ends of thousands of connections are here.
@@ -69,17 +64,7 @@ def programs_folder():
 @pytest.fixture(scope="session")
 def certificate(programs_folder, tmp_path_factory):
     """The path of a certificate for the origin, with its key in key.pem beside it."""
-    folder = tmp_path_factory.mktemp("certificate")
-    path = str(folder / "certificate.pem")
-    subprocess.run(
-        ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-         "-nodes", "-days", "2", "-subj", f"/CN={NAME}",
-         "-addext", f"subjectAltName=DNS:{NAME},IP:{THERE4},IP:{THERE6}",
-         "-keyout", str(folder / "key.pem"), "-out", path],
-        check=True,
-        capture_output=True,
-    )  # fmt: skip
-    return path
+    return make_certificate(tmp_path_factory.mktemp("certificate"))
 
 
 @pytest.fixture

@@ -3,8 +3,8 @@
     here    the extension, the local proxy, the monitor, and applications
     there   origin servers
 
-Two network namespaces, joined by a virtual cable. Laboratories share nothing, so any number of
-them can run in parallel, and the machine itself is not touched.
+Laboratories share nothing, so any number of them can run in parallel, and the machine itself is
+not touched.
 """
 
 import errno
@@ -21,15 +21,13 @@ import tempfile
 import time
 from typing import NamedTuple
 
+from Laboratory import ostravel
+from Laboratory.lines import GENEROUS_SECONDS
+from Laboratory.network import NAME, THERE4, Network, environment, key_of
+from Laboratory.private_etc import PrivateEtc
+from Laboratory.program import Program, as_user
 from events import EventStream
-from namespace import Namespace
 from origins import Origin, tell_peer
-from program import GENEROUS_SECONDS, Program
-
-# Addresses that are set aside for documentation (RFC 5737, RFC 3849).
-HERE4, HERE6 = "198.51.100.1", "2001:db8::1"
-THERE4, THERE6 = "198.51.100.10", "2001:db8::10"
-NAME = "origin.example"
 
 # The identifiers of the applications used here: the paths of their files.
 CURL = "/usr/bin/curl"
@@ -38,20 +36,6 @@ PYTHON = os.path.realpath("/usr/bin/python3")
 
 # The port of an origin in every laboratory that reports its peer.
 PEER_PORT = 7860
-
-# Runs a program with a private /etc: the machine's, except for this system's files.
-PRIVATE_ETC = r"""
-set -e
-etc=$1/etc settings=$1/settings
-shift
-mount --rbind /etc "$etc"
-mount -t tmpfs -o mode=755 ostravel /etc
-ln -s "$etc"/* "$etc"/.[!.]* /etc
-rm -f /etc/ostravel
-cp -r "$settings" /etc/ostravel
-cd /
-exec "$@"
-"""
 
 
 class Fetched(NamedTuple):
@@ -112,9 +96,9 @@ class LocalProxy:
         # Copies: programs are distinguished by their files, and anybody may read these.
         script = laboratory.copy_of(_beside("local_proxy.py"), "local_proxy.py")
         self.program = laboratory.start(
-            [*as_user(user), laboratory.copy_of(PYTHON, "local-proxy"), "-u", script,
-             json.dumps(behaviour)],
+            [laboratory.copy_of(PYTHON, "local-proxy"), "-u", script, json.dumps(behaviour)],
             name="local-proxy",
+            user=user,
             has_input=True,
         )
         self.wait("listening")
@@ -148,13 +132,6 @@ class LocalProxy:
         self.wait("behaving", mark)
 
 
-def as_user(user):
-    """The prefix of a command line that runs as this user."""
-    # A change of user clears the signal for the death of the parent.
-    return ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups",
-            "setpriv", "--pdeathsig", "KILL"]  # fmt: skip
-
-
 def _beside(name):
     return os.path.join(os.path.dirname(os.path.abspath(__file__)), name)
 
@@ -172,11 +149,11 @@ class Laboratory:
         self._closing.append(lambda: shutil.rmtree(self.folder))
         try:
             os.chmod(self.folder, 0o755)
-            for name in ("etc", "settings"):
-                os.mkdir(self.path(name))
-            self.here = self._namespace()
-            self.there = self._namespace()
-            self._connect()
+            self._etc = PrivateEtc(self.folder)
+            os.mkdir(self._etc.replacement("ostravel"))
+            network = Network()
+            self._closing.append(network.close)
+            self.here, self.there = network.here, network.there
             self.serve(PEER_PORT, tell_peer)
         except BaseException:
             self.close()
@@ -184,28 +161,6 @@ class Laboratory:
 
     def path(self, name):
         return os.path.join(self.folder, name)
-
-    def _namespace(self):
-        namespace = Namespace()
-        self._closing.append(namespace.close)
-        return namespace
-
-    def _connect(self):
-        self.here.run(
-            "ip", "link", "add", "here", "type", "veth", "peer", "name", "there",
-            "netns", self.there.path,
-        )  # fmt: skip
-        for namespace, name, ipv4, ipv6 in (
-            (self.here, "here", HERE4, HERE6),
-            (self.there, "there", THERE4, THERE6),
-        ):
-            # Usable at once: nobody else can have the address.
-            namespace.run(
-                "ip", "-batch", "-",
-                given=f"addr add {ipv4}/24 dev {name}\n"
-                f"addr add {ipv6}/64 dev {name} nodad\n"
-                f"link set {name} up\n",
-            )  # fmt: skip
 
     def close(self):
         for program in reversed(self._programs):
@@ -225,7 +180,11 @@ class Laboratory:
 
     def start(self, arguments, name=None, namespace=None, **options):
         program = Program(
-            namespace or self.here, arguments, name, self.environment(), **options
+            arguments,
+            name,
+            namespace=namespace or self.here,
+            environment=environment(self.certificate),
+            **options,
         )
         self._programs.append(program)
         return program
@@ -234,15 +193,6 @@ class Laboratory:
         """Kills a program and discards its output."""
         program.close()
         self._programs.remove(program)
-
-    def environment(self):
-        """Our certificate, and none of the machine's proxy settings."""
-        kept = {
-            name: value
-            for name, value in os.environ.items()
-            if not name.lower().endswith("_proxy") and name not in ("CURL_HOME", "JOURNAL_STREAM")
-        }
-        return kept | {"CURL_CA_BUNDLE": self.certificate, "SSL_CERT_FILE": self.certificate}
 
     def copy_of(self, program, name):
         """A copy of a program under another name, which makes it another application."""
@@ -259,21 +209,19 @@ class Laboratory:
         return self.path("monitoring.sock")
 
     def start_monitor(self):
-        monitor = self.start(
-            [self.program_path("ostravel-monitor"), "--socket", self.socket_path, "--json"]
+        monitor = ostravel.start_monitor(
+            self.programs_folder, self.socket_path, "--json", start=self.start
         )
-        monitor.expect(monitor.errors, "listening on")
         self.events = EventStream(monitor.output)
         return monitor
 
     def start_sidecar(self, *options, user=0):
-        # A separate file, because anybody may read it.
-        program = self.program_path("ostravel-sidecar")
+        folder = self.programs_folder
         if user != 0:
-            program = self.copy_of(program, "ostravel-sidecar")
-        sidecar = self.start([*as_user(user), program, *options], name="ostravel-sidecar")
-        sidecar.expect(sidecar.output, "listening on")
-        return sidecar
+            # A separate file, because anybody may read it.
+            copy = self.copy_of(self.program_path("ostravel-sidecar"), "ostravel-sidecar")
+            folder = os.path.dirname(copy)
+        return ostravel.start_sidecar(folder, *options, start=self.start, user=user)
 
     def start_local_proxy(self, user=0, **behaviour):
         return LocalProxy(self, user, **behaviour)
@@ -283,7 +231,7 @@ class Laboratory:
         pathlib.Path(configuration).write_text(
             f"Port {port}\nListen 127.0.0.1\nTimeout 60\nMaxClients 200\nLogLevel Connect\n"
         )
-        tinyproxy = self.start([*as_user(user), "tinyproxy", "-d", "-c", configuration])
+        tinyproxy = self.start(["tinyproxy", "-d", "-c", configuration], user=user)
         self.wait_until_listening(self.here, port)
         return tinyproxy
 
@@ -297,7 +245,6 @@ class Laboratory:
         """Port 80; port 443 with TLS and HTTP/2. Behind it, and on port 8000, the pattern."""
         self.start_pattern_origin()
         configuration = self.path("nginx.conf")
-        key = os.path.join(os.path.dirname(self.certificate), "key.pem")
         pathlib.Path(configuration).write_text(f"""
             daemon off;
             # One process, whose end is the end of it.
@@ -319,7 +266,7 @@ class Laboratory:
                 listen 443 ssl http2;
                 listen [::]:443 ssl http2;
                 ssl_certificate {self.certificate};
-                ssl_certificate_key {key};
+                ssl_certificate_key {key_of(self.certificate)};
                 location / {{ return 200 "$remote_addr $remote_port $server_protocol\\n"; }}
                 location /pattern {{
                   rewrite ^/pattern(/.*)$ $1 break;
@@ -349,7 +296,7 @@ class Laboratory:
 
         Applies to extensions that are started later, or to a running one after SIGHUP.
         """
-        folder = self.path("settings/applications.d")
+        folder = self._etc.replacement("ostravel", "applications.d")
         if extension is not None:
             folder = f"/proc/{extension.pid}/root/etc/ostravel/applications.d"
         text = registrations if isinstance(registrations, str) else json.dumps(registrations)
@@ -358,22 +305,28 @@ class Laboratory:
 
     def write_configuration(self, text=None, name="provider-configuration.json"):
         """A provider configuration, with the monitoring socket if not said otherwise; its path."""
+        path = self.path(name)
+        self._write_configuration(path, text)
+        return path
+
+    def _write_configuration(self, path, text):
         if text is None:
             text = json.dumps({"monitoringSocketPath": self.socket_path})
-        path = self.path(name)
         pathlib.Path(path).write_text(text)
-        return path
 
     def write_default_configuration(self, text=None):
         """The file that is used when none is named."""
-        self.write_configuration(text, "settings/provider-configuration.json")
+        self._write_configuration(
+            self._etc.replacement("ostravel", "provider-configuration.json"), text
+        )
 
     def run_extension(self, *arguments, prefix=(), **options):
         """Starts the extension without waiting for anything."""
         return self.start(
             ["unshare", "--mount", "--propagation", "private",
-             "sh", "-c", PRIVATE_ETC, "sh", self.folder,
-             *prefix, self.program_path("ostravel-extension"), *arguments],
+             *self._etc.command(
+                 *prefix, self.program_path("ostravel-extension"), *arguments
+             )],
             name="ostravel-extension",
             **options,
         )  # fmt: skip
@@ -383,7 +336,7 @@ class Laboratory:
         extension = self.run_extension(
             "--configuration", self.write_configuration(), *arguments, prefix=prefix
         )
-        extension.expect(extension.errors, "Rules set successfully")
+        extension.expect(extension.errors, ostravel.RULES_ARE_SET)
         return extension
 
     def start_system(self, start_proxy=None, **options):
@@ -450,7 +403,7 @@ class Laboratory:
                 capture_output=True,
                 timeout=seconds,
                 check=False,
-                env=self.environment(),
+                env=environment(self.certificate),
             )
 
     def curl(self, url, *options, program=CURL, user=0):

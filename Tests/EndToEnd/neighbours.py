@@ -4,8 +4,10 @@ import json
 import os
 import socket
 
-from laboratory import PEER_PORT, PYTHON, THERE4, eventually, receive_all
-from program import GENEROUS_SECONDS
+from Laboratory.lines import GENEROUS_SECONDS
+from Laboratory.network import THERE4
+from Laboratory.ostravel import RULES_ARE_SET
+from laboratory import PEER_PORT, PYTHON, eventually, receive_all
 
 # Far longer than any number of connections requested here takes.
 END_SECONDS = 600
@@ -131,7 +133,7 @@ def start_quiet_system(laboratory, start_proxy=None, **options):
 def start_quiet_extension(laboratory, **options):
     configuration = laboratory.write_configuration("{}", "quiet.json")
     extension = laboratory.run_extension("--configuration", configuration, **options)
-    extension.expect(extension.errors, "Rules set successfully")
+    extension.expect(extension.errors, RULES_ARE_SET)
     return extension
 
 

@@ -5,14 +5,8 @@ import time
 
 import pytest
 
-from laboratory import (
-    THERE4,
-    THERE6,
-    Fetched,
-    eventually,
-    log_lines,
-    receive_all,
-)
+from Laboratory.network import THERE4, THERE6
+from laboratory import Fetched, eventually, log_lines, receive_all
 from origins import tell_peer
 
 SO_MARK = 36  # asm-generic/socket.h

@@ -8,6 +8,7 @@ import time
 
 import pytest
 
+from Laboratory.network import THERE4, THERE6
 from events import (
     CONNECTION_REFUSED,
     CONNECTION_RESET,
@@ -21,17 +22,7 @@ from events import (
     shapes,
     tunnel_closed,
 )
-from laboratory import (
-    CURL,
-    PEER_PORT,
-    PYTHON,
-    THERE4,
-    THERE6,
-    eventually,
-    receive_all,
-    receive_exactly,
-    remote,
-)
+from laboratory import CURL, PEER_PORT, PYTHON, eventually, receive_all, receive_exactly, remote
 from origins import tell_peer
 
 DEADLINE_SECONDS = 5

@@ -14,8 +14,9 @@ import time
 
 import pytest
 
+from Laboratory.network import THERE4, THERE6
 from hangs import control_group, spin, start_in, stop
-from laboratory import PEER_PORT, THERE4, THERE6, eventually
+from laboratory import PEER_PORT, eventually
 
 # From the beginning of a connection: a hang is noticed after a second, and TCP retransmits the
 # first packet after one, two or three.

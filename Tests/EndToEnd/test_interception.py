@@ -9,19 +9,9 @@ import time
 
 import pytest
 
+from Laboratory.network import HERE4, HERE6, THERE4, THERE6
 from events import check_timed_out
-from laboratory import (
-    CURL,
-    HERE4,
-    HERE6,
-    PYTHON,
-    THERE4,
-    THERE6,
-    eventually,
-    host_text,
-    receive_all,
-    remote,
-)
+from laboratory import CURL, PYTHON, eventually, host_text, receive_all, remote
 from origins import DatagramEcho, tell_peer
 
 SO_MARK = 36  # asm-generic/socket.h

@@ -12,18 +12,9 @@ import time
 
 import pytest
 
+from Laboratory.network import HERE4, HERE6, THERE4, THERE6
 from events import provider_stopped, shape
-from laboratory import (
-    HERE4,
-    HERE6,
-    PEER_PORT,
-    PYTHON,
-    THERE4,
-    THERE6,
-    eventually,
-    receive_all,
-    remote,
-)
+from laboratory import PEER_PORT, PYTHON, eventually, receive_all, remote
 from origins import tell_peer
 
 # Shorter than any deadline that could be involved: a handshake has five seconds. On a busy machine
@@ -251,7 +242,7 @@ def test_the_error_in_a_wrong_configuration_is_located(laboratory, name, is_defa
 
 @pytest.mark.parametrize("kind", ["missing", "folder"])
 def test_a_named_configuration_must_be_readable(laboratory, kind):
-    path = laboratory.path("nowhere.json" if kind == "missing" else "settings")
+    path = laboratory.path("nowhere.json" if kind == "missing" else "etc")
     extension = laboratory.run_extension("--configuration", path)
     assert last_words(extension).startswith(f"ostravel-extension: {path}: cannot be read: ")
     assert len(extension.errors.since()) == 1

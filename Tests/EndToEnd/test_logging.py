@@ -2,7 +2,8 @@
 
 import signal
 
-from laboratory import PEER_PORT, THERE4, eventually, log_lines
+from Laboratory.network import THERE4
+from laboratory import PEER_PORT, eventually, log_lines
 
 # Each causes at least two lines: far more than a pipe holds, about 400 connections.
 CONNECTIONS = 1200

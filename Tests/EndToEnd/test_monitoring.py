@@ -9,6 +9,8 @@ import struct
 
 import pytest
 
+from Laboratory.lines import Lines
+from Laboratory.network import THERE4, THERE6
 from events import (
     CONNECTION_REFUSED,
     EventStream,
@@ -21,9 +23,8 @@ from events import (
     shapes,
     tunnel_closed,
 )
-from laboratory import CURL, PEER_PORT, PYTHON, THERE4, THERE6, eventually, log_lines, remote
+from laboratory import CURL, PEER_PORT, PYTHON, eventually, log_lines, remote
 from origins import tell_peer
-from program import Lines
 
 SEND_FAILED = "OstravelProxy monitoring send failed: "
 

@@ -2,9 +2,9 @@
 
 import pytest
 
+from Laboratory.network import THERE4
 import neighbours
 import torture
-from laboratory import THERE4
 from neighbours import Application
 
 # On a busy machine, connections come in bursts, and those that exceed a user's share of the pending

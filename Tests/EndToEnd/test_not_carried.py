@@ -4,7 +4,8 @@ import socket
 
 import pytest
 
-from laboratory import HERE4, PEER_PORT, THERE4, THERE6, eventually
+from Laboratory.network import HERE4, THERE4, THERE6
+from laboratory import PEER_PORT, eventually
 from origins import DatagramEcho, tell_peer
 
 INNER_HERE, INNER_THERE = "203.0.113.1", "203.0.113.2"

@@ -6,8 +6,9 @@ from typing import NamedTuple
 
 import pytest
 
+from Laboratory.network import THERE4
 from events import proxy_recovered, proxy_unreachable, shapes
-from laboratory import THERE4, eventually
+from laboratory import eventually
 from origins import tell_peer
 
 WORKERS = 4

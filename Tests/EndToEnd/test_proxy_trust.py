@@ -5,7 +5,8 @@ import time
 
 import pytest
 
-from laboratory import PEER_PORT, PYTHON, THERE4, eventually, log_lines
+from Laboratory.network import THERE4
+from laboratory import PEER_PORT, PYTHON, eventually, log_lines
 
 # Ordinary users: one with a name, one without.
 NAME, PERSON = "nobody", 65534

@@ -10,10 +10,12 @@ import time
 
 import pytest
 
-from laboratory import PYTHON, THERE4, eventually
-from program import GENEROUS_SECONDS
+from Laboratory.lines import GENEROUS_SECONDS
+from Laboratory.namespace import processes_in
+from Laboratory.network import THERE4
+from laboratory import PYTHON, eventually
 
-JOBS = pathlib.Path(__file__).resolve().parents[2] / "Tools" / "demonstration"
+JOBS = str(pathlib.Path(__file__).resolve().parents[2] / "Tools" / "demonstration")
 DEMONSTRATION_SECONDS = 60
 
 # Sends the proxy events of a real one, but touches no packet.
@@ -51,7 +53,7 @@ while True:
 
 def start(job, programs_folder, **options):
     return subprocess.Popen(
-        [PYTHON, "-B", str(JOBS / f"{job}.py"), programs_folder],
+        [PYTHON, "-B", JOBS, job, programs_folder],
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
         text=True,
@@ -78,19 +80,6 @@ def read_until(process, text):
 def assert_no_folder_is_left(output):
     (folder,) = set(re.findall(r"/tmp/ostravel-run-\w+", output))
     assert not os.path.exists(folder)
-
-
-def processes_in(namespace):
-    """For a namespace that still exists: the numbers of removed ones are soon reused."""
-    found = []
-    for pid in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            if os.readlink(f"/proc/{pid}/ns/net") == namespace:
-                found.append(pid)
-        except OSError:
-            # Gone.
-            pass
-    return found
 
 
 def test_every_step_of_the_demonstration_is_as_expected(programs_folder):
@@ -186,7 +175,7 @@ class Live:
     def __init__(self, laboratory):
         self.laboratory = laboratory
         self.program = laboratory.start(
-            [PYTHON, "-B", str(JOBS / "live.py"), laboratory.programs_folder], name="live"
+            [PYTHON, "-B", JOBS, "live", laboratory.programs_folder], name="live"
         )
 
     def wait_until_started(self):
@@ -208,8 +197,7 @@ class Live:
 
     def assert_nothing_is_left(self):
         assert not self.laboratory.has_rules()
-        here = os.stat(self.laboratory.here.path).st_ino
-        assert processes_in(f"net:[{here}]") == []
+        assert processes_in(self.laboratory.here.name) == []
         with pytest.raises(ConnectionRefusedError):
             self.laboratory.connect("127.0.0.1", 8080)
 
@@ -289,8 +277,8 @@ def test_a_second_live_job_reports_the_first(live, laboratory):
 
 def test_live_reports_a_missing_permission(laboratory):
     program = laboratory.start(
-        ["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin", PYTHON, "-B",
-         str(JOBS / "live.py"), laboratory.programs_folder],
+        ["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin",
+         PYTHON, "-B", JOBS, "live", laboratory.programs_folder],
         name="live",
     )  # fmt: skip
     assert program.wait() == 2

@@ -6,10 +6,11 @@ import socket
 
 import pytest
 
+from Laboratory.namespace import Namespace
+from Laboratory.network import HERE4, THERE4
 import neighbours
 import torture
-from laboratory import HERE4, PEER_PORT, THERE4, eventually, reset
-from namespace import Namespace
+from laboratory import PEER_PORT, eventually, reset
 from origins import tell_peer
 
 # TCP retransmits a first packet after 1 s and after 3 s.

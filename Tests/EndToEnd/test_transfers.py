@@ -10,6 +10,7 @@ import threading
 
 import pytest
 
+from Laboratory.network import HERE4, NAME, THERE4, THERE6, environment
 import pattern
 from events import (
     CONNECTION_RESET,
@@ -20,13 +21,9 @@ from events import (
 )
 from laboratory import (
     CURL,
-    HERE4,
-    NAME,
     OPENSSL,
     PEER_PORT,
     PYTHON,
-    THERE4,
-    THERE6,
     host_text,
     receive_all,
     receive_exactly,
@@ -57,7 +54,7 @@ def start_curl(laboratory, *arguments, **streams):
     with laboratory.here:
         return subprocess.Popen(
             [CURL, "-q", "-sS", "--max-time", str(TRANSFER_SECONDS), *arguments],
-            env=laboratory.environment(),
+            env=environment(laboratory.certificate),
             **streams,
         )
 

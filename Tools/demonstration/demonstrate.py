@@ -2,22 +2,16 @@
 
 import os
 import re
-import signal
 import subprocess
-import sys
 import time
 from typing import NamedTuple
 
-from network import ENDING_SIGNALS, EXEMPT_IDENTIFIER, NAME, THERE4, Network, run
-from programs import (
-    GENEROUS_SECONDS,
-    PROXY_IS_USED,
-    Problem,
-    start_extension,
-    start_monitor,
-    start_sidecar,
-)
+import Laboratory.program
+from Laboratory.lines import GENEROUS_SECONDS
+from Laboratory.network import NAME, THERE4
+from Laboratory.ostravel import PROXY_IS_USED, start_extension, start_monitor, start_sidecar
 from screen import Screen, parse_event
+from stage import EXEMPT_IDENTIFIER, Stage
 
 PYTHON = os.path.realpath("/usr/bin/python3")
 
@@ -59,19 +53,14 @@ class Outcome(NamedTuple):
 
 
 class Demonstration:
-    """The programs, the network and what has been seen so far."""
+    """The programs, the stage and what has been seen so far."""
 
-    def __init__(self, screen, programs_folder):
+    def __init__(self, screen, stage, programs_folder):
         self.screen = screen
+        self.stage = stage
         self.folder = programs_folder
-        self.network = Network()
         self.outcomes = []
         self.title = None
-
-    def close(self):
-        for each in ENDING_SIGNALS:
-            signal.signal(each, signal.SIG_IGN)
-        self.network.close()
 
     # What is shown
 
@@ -142,10 +131,10 @@ class Demonstration:
         def show(line):
             self.screen.event(line, "    ", is_short=True)
 
-        self.monitor = start_monitor(self.folder, self.network.socket, show)
+        self.monitor = start_monitor(self.folder, self.stage.socket, on_output=show)
 
     def start_extension(self):
-        self.extension = start_extension(self.folder, self.network.configuration)
+        self.extension = start_extension(self.folder, self.stage.configuration)
 
     def start_sidecar(self):
         self.sidecar = start_sidecar(self.folder)
@@ -186,7 +175,7 @@ class Demonstration:
                 errors="replace",
                 timeout=GENEROUS_SECONDS,
                 check=False,
-                env=self.network.environment(),
+                env=self.stage.environment(),
             )
         except subprocess.TimeoutExpired:
             return f"failed: no end in {GENEROUS_SECONDS} s"
@@ -258,7 +247,7 @@ class Demonstration:
         return "refused at once" if result == "refused" and float(milliseconds) < 1000 else result
 
     def has_rules(self):
-        return "table inet ostravel" in run("nft", "list", "tables")
+        return "table inet ostravel" in Laboratory.program.run("nft", "list", "tables")
 
     # The steps
 
@@ -297,7 +286,7 @@ class Demonstration:
             "An exempt application",
             f"A copy of curl, registered as {EXEMPT_IDENTIFIER}, one of those left alone.",
         )
-        self.conclude("direct", self.curl(f"http://{NAME}/", program=self.network.exempt_curl))
+        self.conclude("direct", self.curl(f"http://{NAME}/", program=self.stage.exempt_curl))
 
         self.step("QUIC", "UDP to port 443 is refused, so that applications fall back to TCP.")
         self.conclude("refused at once", self.datagram())
@@ -332,25 +321,10 @@ class Demonstration:
         self.conclude("direct, no rules", f"{seen}, {rules}")
 
 
-def main():
-    def end(number, _):
-        raise SystemExit(128 + number)
-
-    for each in ENDING_SIGNALS:
-        signal.signal(each, end)
+def run(programs_folder):
     start = time.monotonic()
-    try:
-        demonstration = Demonstration(Screen(), sys.argv[1])
-        try:
-            demonstration.introduce()
-            demonstration.run_steps()
-            return demonstration.summarise(time.monotonic() - start)
-        finally:
-            demonstration.close()
-    except Problem as problem:
-        print(f"run: {problem}", file=sys.stderr)
-        return problem.status
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+    with Stage() as stage:
+        demonstration = Demonstration(Screen(), stage, programs_folder)
+        demonstration.introduce()
+        demonstration.run_steps()
+        return demonstration.summarise(time.monotonic() - start)

@@ -9,19 +9,23 @@ import re
 import signal
 import socket
 import subprocess
-import sys
 import tempfile
 import threading
 from typing import NamedTuple
 
-from programs import Problem, Program, start_extension, start_monitor, start_sidecar
+from Laboratory.ostravel import start_extension, start_monitor, start_sidecar
+from Laboratory.problem import Problem
+from Laboratory.program import Program
 from screen import Screen, parse_event
+from stage import ENDING_SIGNALS
 
 PROXY = ("127.0.0.1", 8080)
 PROXY_ANSWER_SECONDS = 5
 # A tunnel, or what a proxy says that does not want this one or cannot reach it.
 PROXY_ANSWER = re.compile(r"HTTP/1\.[01] (2\d\d|403|407|429|50[0234])\b")
 LOGIN_SETTINGS = "/etc/login.defs"
+# The programs promise to end within two seconds.
+END_SECONDS = 5
 # The last event is on its way when the extension has ended.
 LAST_EVENT_SECONDS = 2
 
@@ -145,7 +149,7 @@ class Live:
                     2,
                 )
         self.monitor = start_monitor(
-            self.programs_folder, self.socket_path, self.show_event, **watch
+            self.programs_folder, self.socket_path, on_output=self.show_event, **watch
         )
         options = []
         for user in other.ordinary_users if other else ():
@@ -194,7 +198,7 @@ class Live:
     def stop(self):
         """Ends all in order; the line that says what is left, or None."""
         self.introduction.set()
-        if self.extension and self.extension.stop():
+        if self.extension and self.extension.stop(seconds=END_SECONDS) == 0:
             self.monitor.output.wait(
                 lambda line: (event := parse_event(line)) is not None
                 and event.signal == "provider_stopped",
@@ -202,7 +206,7 @@ class Live:
             )
         for program in (self.sidecar, self.monitor):
             if program:
-                program.stop()
+                program.stop(seconds=END_SECONDS)
         pathlib.Path(self.configuration_path).unlink(missing_ok=True)
         # After a SIGKILL the monitor leaves its socket.
         if self.monitor and self.monitor.process.returncode != 0:
@@ -215,28 +219,20 @@ class Live:
         return None
 
 
-def main():
+def run(programs_folder):
     reasons = queue.SimpleQueue()
-    for each in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+    for each in ENDING_SIGNALS:
         signal.signal(each, lambda number, _: reasons.put(number))
     screen = Screen(on_lost=lambda: reasons.put(signal.SIGPIPE))
+    tables()
+    live = Live(screen, programs_folder, reasons)
     try:
-        tables()
-        live = Live(screen, sys.argv[1], reasons)
-        try:
-            reason = live.run()
-        finally:
-            left = live.stop()
-        if left:
-            raise Problem(left)
-        if isinstance(reason, Program):
-            raise Problem(f"{reason.name} {reason.ending()}; the others have been stopped")
-        screen.line("Ended: no rule, socket, file or process is left.")
-        return 0
-    except Problem as problem:
-        print(f"run: {problem}", file=sys.stderr)
-        return problem.status
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+        reason = live.run()
+    finally:
+        left = live.stop()
+    if left:
+        raise Problem(left)
+    if isinstance(reason, Program):
+        raise Problem(f"{reason.name} {reason.ending()}; the others have been stopped")
+    screen.line("Ended: no rule, socket, file or process is left.")
+    return 0

@@ -8,7 +8,6 @@ import argparse
 import http.server
 import socket
 import ssl
-import sys
 import threading
 
 
@@ -93,9 +92,6 @@ def main():
     if options.loopback:
         servers = [Server("::ffff:127.0.0.1", 11434, options.name)]
     else:
-        # Until the addresses are there.
-        print("waiting", flush=True)
-        sys.stdin.readline()
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(options.certificate, options.key)
         servers = [Server("::", port, options.name) for port in (80, 11434)]

@@ -6,9 +6,10 @@ import signal
 import subprocess
 import sys
 
-from network import ENDING_SIGNALS, EXEMPT_IDENTIFIER, Network
-from programs import PROXY_IS_USED, Problem, start_extension, start_monitor, start_sidecar
+from Laboratory.ostravel import PROXY_IS_USED, start_extension, start_monitor, start_sidecar
+from Laboratory.problem import Problem
 from screen import Screen, parse_event
+from stage import ENDING_SIGNALS, EXEMPT_IDENTIFIER, Stage
 
 # Read by the shell before anything else, interactive or not.
 START_FILE = r"""
@@ -38,26 +39,21 @@ esac
 class Shell:
     """The programs and one shell; what the monitor and the proxy say is in files."""
 
-    def __init__(self, programs_folder):
+    def __init__(self, stage, programs_folder):
+        self.stage = stage
         self.programs_folder = os.path.abspath(programs_folder)
         self.where = os.getcwd()
-        self.network = Network()
-
-    def close(self):
-        for each in ENDING_SIGNALS:
-            signal.signal(each, signal.SIG_IGN)
-        self.network.close()
 
     def keep(self, name):
         """A function that adds a line to a file of this name."""
-        file = open(self.network.path(name), "a", encoding="utf-8", buffering=1)
+        file = open(self.stage.path(name), "a", encoding="utf-8", buffering=1)
         return lambda line: file.write(line + "\n")
 
     def start(self):
         monitor = start_monitor(
-            self.programs_folder, self.network.socket, self.keep("events")
+            self.programs_folder, self.stage.socket, on_output=self.keep("events")
         )
-        extension = start_extension(self.programs_folder, self.network.configuration)
+        extension = start_extension(self.programs_folder, self.stage.configuration)
         monitor.output.wait(self.is_event("proxy_unreachable"))
         sidecar = start_sidecar(self.programs_folder, on_output=self.keep("tunnels"))
         if monitor.output.wait(self.is_event("proxy_recovered")) is None:
@@ -98,17 +94,17 @@ class Shell:
         show()
 
     def run(self):
-        start_file = self.network.path("shell-start")
+        start_file = self.stage.path("shell-start")
         pathlib.Path(start_file).write_text(START_FILE)
         is_interactive = sys.stdin.isatty()
         if is_interactive:
             self.introduce(Screen())
-        environment = self.network.environment() | {
+        environment = self.stage.environment() | {
             "OSTRAVEL_PROGRAMS": self.programs_folder,
-            "OSTRAVEL_EVENTS": self.network.path("events"),
-            "OSTRAVEL_TUNNELS": self.network.path("tunnels"),
-            "VPN_CLIENT": self.network.exempt_curl,
-            "CONFIGURATION": self.network.configuration,
+            "OSTRAVEL_EVENTS": self.stage.path("events"),
+            "OSTRAVEL_TUNNELS": self.stage.path("tunnels"),
+            "VPN_CLIENT": self.stage.exempt_curl,
+            "CONFIGURATION": self.stage.configuration,
             **{name: str(pid) for name, pid in self.process_ids.items()},
         }
         if is_interactive:
@@ -129,23 +125,8 @@ class Shell:
             shell.send_signal(signal.SIGHUP)
 
 
-def main():
-    def end(number, _):
-        raise SystemExit(128 + number)
-
-    for each in ENDING_SIGNALS:
-        signal.signal(each, end)
-    try:
-        shell = Shell(sys.argv[1])
-        try:
-            shell.start()
-            return shell.run()
-        finally:
-            shell.close()
-    except Problem as problem:
-        print(f"run: {problem}", file=sys.stderr)
-        return problem.status
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+def run(programs_folder):
+    with Stage() as stage:
+        shell = Shell(stage, programs_folder)
+        shell.start()
+        return shell.run()
