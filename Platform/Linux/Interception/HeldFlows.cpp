@@ -1,25 +1,24 @@
 #include "Platform/Linux/Interception/HeldFlows.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace ostravel::linuxplatform {
 
-void HeldFlows::add(const std::shared_ptr<QueuedPacket::State>& packet, const FlowTuple& tuple,
-                    std::optional<pid_t> process, TimePoint now) {
+void HeldFlows::add(Flow flow, TimePoint now) {
   forgetDecided();
-  entries_.push_back({packet, tuple.destination, process, now});
+  entries_.push_back({std::move(flow), now});
 }
 
-bool HeldFlows::isHeldFor(const Entry& entry, const SocketEndpoint& destination) {
-  const auto packet = entry.packet.lock();
-  return packet && !packet->isDecided() && entry.destination == destination;
+bool HeldFlows::isHeldFor(const Flow& flow, const SocketEndpoint& destination) const {
+  return flow.destination == destination && queue_.isHeld(flow.packet);
 }
 
 bool HeldFlows::isOtherHeldFor(const SocketEndpoint& destination,
                                std::optional<pid_t> process) const {
   return std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) {
-    const bool isOther = !process || entry.process != process;
-    return isOther && isHeldFor(entry, destination);
+    const bool isOther = !process || entry.flow.process != process;
+    return isOther && isHeldFor(entry.flow, destination);
   });
 }
 
@@ -29,7 +28,7 @@ bool HeldFlows::isLoopLikely(const SocketEndpoint& destination,
     return false;
   }
   return std::count_if(entries_.begin(), entries_.end(), [&](const Entry& entry) {
-           return entry.process == process && isHeldFor(entry, destination);
+           return entry.flow.process == process && isHeldFor(entry.flow, destination);
          }) >= 2;
 }
 
@@ -37,8 +36,9 @@ std::size_t HeldFlows::releaseOld(TimePoint now) {
   forgetDecided();
   std::size_t count = 0;
   while (!entries_.empty() && now - entries_.front().since >= kLongestHold) {
-    if (const auto packet = entries_.front().packet.lock(); packet && !packet->isDecided()) {
-      packet->accept();
+    const Flow& flow = entries_.front().flow;
+    if (queue_.accept(flow.packet)) {
+      flow.user->holdEnded();
       ++count;
     }
     entries_.pop_front();
@@ -46,21 +46,8 @@ std::size_t HeldFlows::releaseOld(TimePoint now) {
   return count;
 }
 
-void HeldFlows::releaseAll() {
-  for (const Entry& entry : entries_) {
-    if (const auto packet = entry.packet.lock()) {
-      packet->accept();
-    }
-  }
-  entries_.clear();
-}
-
 void HeldFlows::forgetDecided() {
-  while (!entries_.empty()) {
-    const auto packet = entries_.front().packet.lock();
-    if (packet && !packet->isDecided()) {
-      return;
-    }
+  while (!entries_.empty() && !queue_.isHeld(entries_.front().flow.packet)) {
     entries_.pop_front();
   }
 }

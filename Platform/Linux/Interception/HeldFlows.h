@@ -3,12 +3,15 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <optional>
 
-#include "Platform/Linux/Interception/QueuedPacket.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Kernel/PacketQueue.h"
+#include "Platform/Linux/Services/UserShare.h"
 
 namespace ostravel::linuxplatform {
 
@@ -21,9 +24,19 @@ class HeldFlows {
   // One second longer than a handshake may take: a verdict that is later than that never comes.
   static constexpr std::chrono::seconds kLongestHold{6};
 
-  // process: the sender, if known.
-  void add(const std::shared_ptr<QueuedPacket::State>& packet, const FlowTuple& tuple,
-           std::optional<pid_t> process, TimePoint now);
+  // queue: holds the packets; outlives this object.
+  explicit HeldFlows(PacketQueue& queue) : queue_(queue) {}
+
+  struct Flow {
+    // The packet's id in the queue.
+    std::uint32_t packet = 0;
+    SocketEndpoint destination;
+    // The sender, if known.
+    std::optional<pid_t> process;
+    // Charged with the packet.
+    std::shared_ptr<UserShare> user;
+  };
+  void add(Flow flow, TimePoint now);
 
   // True if a packet of another process to the same destination is held.
   bool isOtherHeldFor(const SocketEndpoint& destination, std::optional<pid_t> process) const;
@@ -35,21 +48,19 @@ class HeldFlows {
 
   // Releases packets that have been held for too long; returns how many there were.
   std::size_t releaseOld(TimePoint now);
-  void releaseAll();
 
   std::size_t size() const { return entries_.size(); }
 
  private:
   struct Entry {
-    std::weak_ptr<QueuedPacket::State> packet;
-    SocketEndpoint destination;
-    std::optional<pid_t> process;
+    Flow flow;
     TimePoint since;
   };
 
-  static bool isHeldFor(const Entry& entry, const SocketEndpoint& destination);
+  bool isHeldFor(const Flow& flow, const SocketEndpoint& destination) const;
   void forgetDecided();
 
+  PacketQueue& queue_;
   // Decided entries are removed only at the front; others stay until they get there.
   std::deque<Entry> entries_;
 };

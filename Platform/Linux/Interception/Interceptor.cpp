@@ -11,6 +11,7 @@
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Interception/FlowAdmission.h"
 #include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Interception/QueuedPacket.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/RoutingRules.h"
 #include "Platform/Linux/Relay/LinuxTCPFlow.h"
@@ -94,6 +95,7 @@ Interceptor::Interceptor(Parts parts)
       identifiers_(std::move(parts.identifiers)),
       queue_(std::move(parts.queue)),
       recentFlows_(kRememberedFlows),
+      heldFlows_(*queue_),
       leftFlows_(log_),
       redirects_(std::move(parts.redirects)),
       aliveKeeper_(std::move(parts.aliveKeeper)),
@@ -210,17 +212,15 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
     leaveToSystem(packet, *first, *reason);
     return;
   }
-  const auto held =
-      std::make_shared<QueuedPacket::State>(queue_, loops_.marks(), packet.id, packet.mark, share);
-  heldFlows_.add(held, tuple, identification.process, now);
+  heldFlows_.add({packet.id, tuple.destination, identification.process, share}, now);
   // The proxy's own flows are caused by those of applications.
   if (identification.identifier != ApplicationIdentifierSource::kProxyIdentifier) {
     shares_.noteActivity(*share, now);
   }
   const bool isTCP = tuple.protocol == TransportProtocol::tcp;
   // The proxy decides about TCP flows only; UDP is refused locally.
-  auto heldPacket =
-      std::make_unique<QueuedPacket>(held, isTCP ? identification.proxy : std::nullopt);
+  auto heldPacket = std::make_unique<QueuedPacket>(queue_, loops_.marks(), packet, share,
+                                                   isTCP ? identification.proxy : std::nullopt);
   const auto flow =
       makeFlow(tuple, std::move(identification), std::move(heldPacket), std::move(share));
   const bool isTaken = handler_(flow);
@@ -313,10 +313,9 @@ bool Interceptor::hasListenerFor(AddressFamily family) const {
 }
 
 void Interceptor::acceptEverything() {
-  while (
-      queue_->receive([this](const PacketQueue::Packet& packet) { queue_->accept(packet.id); })) {
+  while (queue_->receive([](const PacketQueue::Packet& /*packet*/) {})) {
   }
-  heldFlows_.releaseAll();
+  queue_->acceptAll();
 }
 
 }  // namespace ostravel::linuxplatform

@@ -27,6 +27,7 @@
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Platform/Linux/Liveness/Heartbeat.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Relay/HeldPacket.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Platform/Linux/Services/UserShares.h"
 

@@ -4,57 +4,44 @@
 
 namespace ostravel::linuxplatform {
 
-QueuedPacket::State::State(std::shared_ptr<const PacketQueue> queue, const PacketMarks& marks,
-                           std::uint32_t id, std::uint32_t mark, std::shared_ptr<UserShare> user)
-    : queue_(std::move(queue)), marks_(marks), id_(id), mark_(mark), user_(std::move(user)) {
+QueuedPacket::QueuedPacket(std::shared_ptr<PacketQueue> queue, const PacketMarks& marks,
+                           const PacketQueue::Packet& packet, std::shared_ptr<UserShare> user,
+                           std::optional<ProcessLife> proxy)
+    : queue_(std::move(queue)),
+      marks_(marks),
+      id_(packet.id),
+      mark_(packet.mark),
+      user_(std::move(user)),
+      proxy_(proxy) {
   user_->holdBegan();
 }
 
-QueuedPacket::State::~State() {
+QueuedPacket::~QueuedPacket() {
   accept();
 }
 
-bool QueuedPacket::State::decide() {
-  if (isDecided_.exchange(true)) {
-    return false;
-  }
-  user_->holdEnded();
-  return true;
-}
-
-void QueuedPacket::State::accept() {
-  if (decide()) {
-    queue_->accept(id_);
-  }
-}
-
-void QueuedPacket::State::acceptMarked(std::uint32_t mark) {
-  if (decide()) {
-    queue_->acceptMarked(id_, (mark_ & ~marks_.mask()) | mark);
-  }
-}
-
-QueuedPacket::QueuedPacket(std::shared_ptr<State> state, std::optional<ProcessLife> proxy)
-    : state_(std::move(state)), proxy_(proxy) {}
-
-QueuedPacket::~QueuedPacket() {
-  state_->accept();
-}
-
 void QueuedPacket::accept() {
-  state_->accept();
+  if (queue_->accept(id_)) {
+    user_->holdEnded();
+  }
 }
 
 void QueuedPacket::redirect(unsigned loopIndex) {
-  state_->redirect(loopIndex);
+  acceptMarked(marks_.redirect(loopIndex));
 }
 
 void QueuedPacket::refuse() {
   if (proxy_ && proxy_->hasEnded()) {
-    state_->accept();
-    return;
+    accept();
+  } else {
+    acceptMarked(marks_.refuse());
   }
-  state_->refuse();
+}
+
+void QueuedPacket::acceptMarked(std::uint32_t mark) {
+  if (queue_->acceptMarked(id_, (mark_ & ~marks_.mask()) | mark)) {
+    user_->holdEnded();
+  }
 }
 
 }  // namespace ostravel::linuxplatform

@@ -145,48 +145,82 @@ bool PacketQueue::receive(const std::function<void(const Packet&)>& handler) {
   int left = static_cast<int>(received);
   for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
        ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
-    if (header->nlmsg_type != (NFNL_SUBSYS_QUEUE << 8U | NFQNL_MSG_PACKET)) {
-      continue;
-    }
-    std::array<nlattr*, NFQA_MAX + 1> attributes{};
-    if (::nfq_nlmsg_parse(header, attributes.data()) < 0 ||
-        attributes[NFQA_PACKET_HDR] == nullptr) {
-      continue;
-    }
-    const auto* const packetHeader = static_cast<const nfqnl_msg_packet_hdr*>(
-        ::mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]));
-    Packet packet;
-    packet.id = ntohl(packetHeader->packet_id);
-    if (attributes[NFQA_MARK] != nullptr) {
-      packet.mark = ntohl(::mnl_attr_get_u32(attributes[NFQA_MARK]));
-    }
-    if (attributes[NFQA_UID] != nullptr) {
-      packet.uid = ntohl(::mnl_attr_get_u32(attributes[NFQA_UID]));
-    }
-    if (attributes[NFQA_IFINDEX_OUTDEV] != nullptr) {
-      packet.outputInterface = ntohl(::mnl_attr_get_u32(attributes[NFQA_IFINDEX_OUTDEV]));
-    }
-    if (attributes[NFQA_PAYLOAD] != nullptr) {
-      packet.bytes = {
-          static_cast<const std::byte*>(::mnl_attr_get_payload(attributes[NFQA_PAYLOAD])),
-          ::mnl_attr_get_payload_len(attributes[NFQA_PAYLOAD])};
-    }
-    handler(packet);
+    deliver(header, handler);
   }
   return true;
+}
+
+void PacketQueue::deliver(const nlmsghdr* message,
+                          const std::function<void(const Packet&)>& handler) {
+  if (message->nlmsg_type != (NFNL_SUBSYS_QUEUE << 8U | NFQNL_MSG_PACKET)) {
+    return;
+  }
+  std::array<nlattr*, NFQA_MAX + 1> attributes{};
+  if (::nfq_nlmsg_parse(message, attributes.data()) < 0 || attributes[NFQA_PACKET_HDR] == nullptr) {
+    return;
+  }
+  const auto* const packetHeader =
+      static_cast<const nfqnl_msg_packet_hdr*>(::mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]));
+  Packet packet;
+  packet.id = ntohl(packetHeader->packet_id);
+  if (attributes[NFQA_MARK] != nullptr) {
+    packet.mark = ntohl(::mnl_attr_get_u32(attributes[NFQA_MARK]));
+  }
+  if (attributes[NFQA_UID] != nullptr) {
+    packet.uid = ntohl(::mnl_attr_get_u32(attributes[NFQA_UID]));
+  }
+  if (attributes[NFQA_IFINDEX_OUTDEV] != nullptr) {
+    packet.outputInterface = ntohl(::mnl_attr_get_u32(attributes[NFQA_IFINDEX_OUTDEV]));
+  }
+  if (attributes[NFQA_PAYLOAD] != nullptr) {
+    packet.bytes = {static_cast<const std::byte*>(::mnl_attr_get_payload(attributes[NFQA_PAYLOAD])),
+                    ::mnl_attr_get_payload_len(attributes[NFQA_PAYLOAD])};
+  }
+  {
+    const std::lock_guard guard(lock_);
+    held_.insert(packet.id);
+  }
+  handler(packet);
 }
 
 int PacketQueue::sendNow(mnl_socket* socket, const nlmsghdr* message) {
   return ::mnl_socket_sendto(socket, message, message->nlmsg_len) < 0 ? errno : 0;
 }
 
-void PacketQueue::give(const Verdict& verdict) const {
+bool PacketQueue::isHeld(std::uint32_t id) const {
+  const std::lock_guard guard(lock_);
+  return held_.contains(id);
+}
+
+bool PacketQueue::give(const Verdict& verdict) {
+  {
+    const std::lock_guard guard(lock_);
+    if (held_.erase(verdict.id) == 0) {
+      return false;
+    }
+  }
+  send(verdict);
+  return true;
+}
+
+void PacketQueue::acceptAll() {
+  std::unordered_set<std::uint32_t> held;
+  {
+    const std::lock_guard guard(lock_);
+    held.swap(held_);
+  }
+  for (const std::uint32_t id : held) {
+    send({id, std::nullopt});
+  }
+}
+
+void PacketQueue::send(const Verdict& verdict) {
   for (int attempt = 0; attempt < kAttemptsAtOnce; ++attempt) {
     if (trySend(verdict)) {
       return;
     }
   }
-  const std::lock_guard guard(unsentLock_);
+  const std::lock_guard guard(lock_);
   unsent_.push_back(verdict);
   hasUnsent_ = true;
 }
@@ -203,11 +237,11 @@ bool PacketQueue::trySend(const Verdict& verdict) const {
   return error != ENOBUFS && error != ENOMEM && error != EAGAIN && error != EINTR;
 }
 
-void PacketQueue::retryUnsent() const {
+void PacketQueue::retryUnsent() {
   if (!hasUnsent_) {
     return;
   }
-  const std::lock_guard guard(unsentLock_);
+  const std::lock_guard guard(lock_);
   std::erase_if(unsent_, [this](const Verdict& verdict) { return trySend(verdict); });
   hasUnsent_ = !unsent_.empty();
 }

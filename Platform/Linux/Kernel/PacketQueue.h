@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <span>
+#include <unordered_set>
 #include <vector>
 
 #include "Platform/Interface/Error.h"
@@ -18,7 +19,8 @@
 
 namespace ostravel::linuxplatform {
 
-// The netfilter queue on which first packets are offered and held (nfnetlink_queue).
+// The netfilter queue on which first packets are offered and held (nfnetlink_queue). Every packet
+// is held from receive() until its first verdict.
 //
 // Packets are received by one thread; verdicts may be given from any thread. When the queue is full
 // the kernel lets packets pass without offering them. When the object is destroyed, the packets
@@ -52,13 +54,18 @@ class PacketQueue {
   // none.
   bool receive(const std::function<void(const Packet&)>& handler);
 
-  // The two verdicts: accept the packet unchanged, or with a new mark. A verdict that the kernel
-  // rejects for lack of memory is kept until retryUnsent().
-  void accept(std::uint32_t id) const { give({id, std::nullopt}); }
-  void acceptMarked(std::uint32_t id, std::uint32_t mark) const { give({id, mark}); }
+  // The two verdicts: accept the packet unchanged, or with a new mark. Only the first verdict on a
+  // packet counts; true if this is the one. A verdict that the kernel rejects for lack of memory is
+  // kept until retryUnsent().
+  bool accept(std::uint32_t id) { return give({id, std::nullopt}); }
+  bool acceptMarked(std::uint32_t id, std::uint32_t mark) { return give({id, mark}); }
+  // Accepts every packet that is held.
+  void acceptAll();
+
+  bool isHeld(std::uint32_t id) const;
 
   // Retries the verdicts that the kernel rejected. Call it periodically; cheap if there are none.
-  void retryUnsent() const;
+  void retryUnsent();
 
  private:
   // At most one per held packet.
@@ -69,7 +76,10 @@ class PacketQueue {
 
   PacketQueue(NetlinkSocket socket, std::uint16_t number, Send send);
 
-  void give(const Verdict& verdict) const;
+  // Passes the packet to the handler if the message contains one.
+  void deliver(const nlmsghdr* message, const std::function<void(const Packet&)>& handler);
+  bool give(const Verdict& verdict);
+  void send(const Verdict& verdict);
   // False if the kernel may accept it later.
   bool trySend(const Verdict& verdict) const;
 
@@ -77,10 +87,11 @@ class PacketQueue {
   std::uint16_t number_;
   const Send send_;
   std::vector<char> buffer_;
-  mutable std::atomic<bool> hasUnsent_ = false;
-  mutable std::mutex unsentLock_;
-  // Guarded by unsentLock_.
-  mutable std::vector<Verdict> unsent_;
+  std::atomic<bool> hasUnsent_ = false;
+  mutable std::mutex lock_;
+  // Both guarded by lock_.
+  std::unordered_set<std::uint32_t> held_;
+  std::vector<Verdict> unsent_;
 };
 
 }  // namespace ostravel::linuxplatform

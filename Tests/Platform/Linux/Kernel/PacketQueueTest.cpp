@@ -155,16 +155,62 @@ TEST(PacketQueueTest, DefersAVerdictThatIsRejectedRepeatedly) {
   EXPECT_EQ(second.result(kGenerous), ECONNREFUSED);
 }
 
-TEST(PacketQueueTest, DoesNotRetryAVerdictOnAMissingPacket) {
+TEST(PacketQueueTest, DoesNotRetryAVerdictThatTheKernelRejects) {
   int sent = 0;
   const auto queue =
       *PacketQueue::open([&sent](mnl_socket* /*socket*/, const nlmsghdr* /*message*/) {
         ++sent;
         return ENOENT;
       });
-  queue->accept(1);
+  const auto table = installTable(*queue);
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  EXPECT_TRUE(queue->accept(packets[0].id));
   queue->retryUnsent();
   EXPECT_EQ(sent, 1);
+}
+
+TEST(PacketQueueTest, OnlyTheFirstVerdictCounts) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  Listener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  const auto packets = waitForPackets(*queue, kGenerous);
+  ASSERT_EQ(packets.size(), 1U);
+  EXPECT_TRUE(queue->isHeld(packets[0].id));
+  EXPECT_TRUE(queue->accept(packets[0].id));
+  EXPECT_FALSE(queue->isHeld(packets[0].id));
+  EXPECT_FALSE(queue->acceptMarked(packets[0].id, PacketMarks().refuse()));
+  EXPECT_EQ(application.result(kGenerous), 0);
+}
+
+TEST(PacketQueueTest, GivesNoVerdictOnAPacketThatItDoesNotHold) {
+  const auto queue =
+      *PacketQueue::open([](mnl_socket* /*socket*/, const nlmsghdr* /*message*/) -> int {
+        ADD_FAILURE();
+        return 0;
+      });
+  EXPECT_FALSE(queue->isHeld(1));
+  EXPECT_FALSE(queue->accept(1));
+  queue->acceptAll();
+}
+
+TEST(PacketQueueTest, AcceptsEverythingThatItHolds) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  Listener origin("127.0.0.1", 8000);
+  const Connecting first("127.0.0.1", 8000);
+  const Connecting second("127.0.0.1", 8000);
+  std::size_t held = 0;
+  while (held < 2) {
+    const auto more = waitForPackets(*queue, kGenerous).size();
+    ASSERT_GT(more, 0U);
+    held += more;
+  }
+  queue->acceptAll();
+  EXPECT_EQ(first.result(kGenerous), 0);
+  EXPECT_EQ(second.result(kGenerous), 0);
 }
 
 TEST(PacketQueueTest, HeldPacketsGoDirectOnRetransmissionAfterItsEnd) {
