@@ -1,7 +1,7 @@
 #include "Companion/Sidecar/HostPort.h"
 
 #include <algorithm>
-#include <asio/ip/address_v6.hpp>
+#include <asio/ip/address.hpp>
 
 #include "Base/ParseNumber.h"
 
@@ -52,10 +52,20 @@ std::optional<HostPort> parseHostPort(std::string_view text) {
   return HostPort{std::string(host), *port};
 }
 
+std::optional<asio::ip::tcp::endpoint> literalEndpoint(const HostPort& hostPort) {
+  asio::error_code error;
+  const asio::ip::address address = asio::ip::make_address(hostPort.host, error);
+  return error ? std::nullopt : std::optional(asio::ip::tcp::endpoint(address, hostPort.port));
+}
+
 std::string toString(const HostPort& hostPort) {
   const bool bracketed = hostPort.host.find(':') != std::string::npos;
   const std::string host = bracketed ? "[" + hostPort.host + "]" : hostPort.host;
   return host + ":" + std::to_string(hostPort.port);
+}
+
+std::string toString(const asio::ip::tcp::endpoint& endpoint) {
+  return toString(HostPort{endpoint.address().to_string(), endpoint.port()});
 }
 
 }  // namespace ostravel::companion

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <asio/ip/tcp.hpp>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -17,7 +18,11 @@ struct HostPort {
 // brackets must be an IPv6 address, any other host is letters, digits, '-', '.' and '_'.
 std::optional<HostPort> parseHostPort(std::string_view text);
 
+// Empty if the host is a name.
+std::optional<asio::ip::tcp::endpoint> literalEndpoint(const HostPort& hostPort);
+
 // The same form again, with brackets where they are needed.
 std::string toString(const HostPort& hostPort);
+std::string toString(const asio::ip::tcp::endpoint& endpoint);
 
 }  // namespace ostravel::companion

@@ -11,12 +11,10 @@ NameLookup::NameLookup(asio::any_io_executor executor, ResolverSettings settings
 
 std::shared_ptr<PendingLookup> NameLookup::lookUp(const HostPort& target, LookupDone done) {
   auto query = std::make_shared<NameQuery>(executor_, target.port, std::move(done));
-  asio::error_code error;
-  const asio::ip::address address = asio::ip::make_address(target.host, error);
-  if (error) {
-    query->start(target.host, settings_);
+  if (const auto literal = literalEndpoint(target)) {
+    query->finish({}, {*literal});
   } else {
-    query->finish({}, {{address, target.port}});
+    query->start(target.host, settings_);
   }
   return query;
 }

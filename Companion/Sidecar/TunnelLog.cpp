@@ -20,8 +20,7 @@ TunnelLog::TunnelLog(Verbosity verbosity, Sink sink)
 
 void TunnelLog::established(const ConnectRequest& request,
                             const asio::ip::tcp::endpoint& origin) const {
-  const HostPort address{origin.address().to_string(), origin.port()};
-  write(request, "established to " + toString(address));
+  write(request, "established to " + toString(origin));
 }
 
 void TunnelLog::refused(const ConnectRequest& request, HttpStatus status,

@@ -24,15 +24,7 @@ using asio::ip::tcp;
 
 std::optional<tcp::endpoint> parseListenAddress(const std::string& text) {
   const std::optional<HostPort> hostPort = parseHostPort(text);
-  if (!hostPort) {
-    return std::nullopt;
-  }
-  asio::error_code error;
-  const asio::ip::address address = asio::ip::make_address(hostPort->host, error);
-  if (error) {
-    return std::nullopt;
-  }
-  return tcp::endpoint(address, hostPort->port);
+  return hostPort ? literalEndpoint(*hostPort) : std::nullopt;
 }
 
 std::string droppedLine(std::size_t count) {
@@ -76,9 +68,7 @@ int main(int argc, char** argv) {
         TunnelLog(
             verbose ? TunnelLog::Verbosity::beginningsAndEnds : TunnelLog::Verbosity::beginnings,
             [&output](std::string_view line) { output.writeLine(line); }));
-    const tcp::endpoint address = proxy.address();
-    output.writeLine("ostravel-sidecar listening on " +
-                     toString({address.address().to_string(), address.port()}));
+    output.writeLine("ostravel-sidecar listening on " + toString(proxy.address()));
     ioContext.run();
   } catch (const std::system_error& error) {
     return failUsage(app, "cannot listen on " + listenText + ": " + error.code().message());

@@ -1,6 +1,6 @@
 #include "Platform/Linux/Interception/InterceptionTable.h"
 
-#include <arpa/inet.h>
+#include <arpa/inet.h>  // must precede <linux/in.h> (linux/libc-compat.h)
 #include <libmnl/libmnl.h>
 #include <libnftnl/chain.h>
 #include <libnftnl/rule.h>
@@ -9,15 +9,14 @@
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter_ipv4.h>
-#include <netinet/in.h>
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <utility>
 
 #include "Platform/Interface/ProviderError.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Kernel/NetfilterRule.h"
 
 namespace ostravel::linuxplatform {
@@ -163,37 +162,25 @@ struct TranslatedRule {
 };
 
 Result<TranslatedRule> translate(const NetworkRule& rule) {
-  TranslatedRule translated{};
-  const auto& [host, port] = rule.destinationNetwork;
   const auto fail = [&rule](const std::string& reason) {
     return platform::providerError(platform::kInvalidNetworkRuleCode,
                                    "network rule for \"" + rule.destinationNetwork.hostname +
                                        "\" port \"" + rule.destinationNetwork.port +
                                        "\": " + reason);
   };
-  unsigned widest = 0;
-  if (::inet_pton(AF_INET, host.c_str(), translated.network.address.data()) == 1) {
-    translated.network.family = AddressFamily::ipv4;
-    widest = 32;
-  } else if (::inet_pton(AF_INET6, host.c_str(), translated.network.address.data()) == 1) {
-    translated.network.family = AddressFamily::ipv6;
-    widest = 128;
-  } else {
+  if (!SocketEndpoint::atAddress(rule.destinationNetwork.hostname)) {
     return fail("the network is not an address literal");
   }
-  const auto parsed =
-      std::from_chars(port.data(), port.data() + port.size(), translated.network.port);
-  if (parsed.ec != std::errc() || parsed.ptr != port.data() + port.size() ||
-      translated.network.port == 0) {
+  const auto network = parseAddressLiteral(rule.destinationNetwork);
+  if (!network) {
     return fail("the port is not a number from 1 to 65535");
   }
-  if (rule.destinationPrefix > widest) {
+  if (rule.destinationPrefix > (network->family == AddressFamily::ipv4 ? 32 : 128)) {
     return fail("the prefix is longer than the address");
   }
-  translated.prefix = rule.destinationPrefix;
-  translated.protocol =
-      rule.protocol == NetworkRuleProtocol::tcp ? TransportProtocol::tcp : TransportProtocol::udp;
-  return translated;
+  return TranslatedRule{
+      *network, rule.destinationPrefix,
+      rule.protocol == NetworkRuleProtocol::tcp ? TransportProtocol::tcp : TransportProtocol::udp};
 }
 
 // Starts a rule of this chain with the tests for such a destination.

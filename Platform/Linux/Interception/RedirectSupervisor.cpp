@@ -31,9 +31,7 @@ const char* loopbackText(AddressFamily family) {
 }
 
 SocketEndpoint loopback(AddressFamily family) {
-  SocketEndpoint endpoint = *parseAddressLiteral({loopbackText(family), "1"});
-  endpoint.port = 0;
-  return endpoint;
+  return *SocketEndpoint::atAddress(loopbackText(family));
 }
 
 std::vector<SocketEndpoint> loopbackDestinations(const TransparentProxyNetworkSettings& settings,

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,7 +21,11 @@ struct SocketEndpoint {
   std::array<std::uint8_t, 16> address{};
   std::uint16_t port = 0;
 
-  // The address as a literal, without brackets or zone.
+  // Port 0 at the address that this literal is, which has neither brackets nor zone; empty if it is
+  // no such literal.
+  static std::optional<SocketEndpoint> atAddress(const std::string& literal);
+
+  // The address as such a literal.
   std::string addressText() const;
 
   friend auto operator<=>(const SocketEndpoint&, const SocketEndpoint&) = default;

@@ -1,10 +1,11 @@
 #include "Platform/Linux/Kernel/KernelAddress.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 
-#include <charconv>
+#include <cstdint>
 #include <cstring>
+
+#include "Base/ParseNumber.h"
 
 namespace ostravel::linuxplatform {
 
@@ -48,21 +49,13 @@ std::optional<SocketEndpoint> KernelAddress::endpoint() const {
 }
 
 std::optional<SocketEndpoint> parseAddressLiteral(const platform::HostEndpoint& endpoint) {
-  SocketEndpoint parsed;
-  const char* const portEnd = endpoint.port.data() + endpoint.port.size();
-  const auto [end, error] = std::from_chars(endpoint.port.data(), portEnd, parsed.port);
-  if (error != std::errc() || end != portEnd || parsed.port == 0) {
+  auto parsed = SocketEndpoint::atAddress(endpoint.hostname);
+  const auto port = parseNumber<std::uint16_t>(endpoint.port);
+  if (!parsed || !port || *port == 0) {
     return std::nullopt;
   }
-  if (::inet_pton(AF_INET, endpoint.hostname.c_str(), parsed.address.data()) == 1) {
-    parsed.family = AddressFamily::ipv4;
-    return parsed;
-  }
-  if (::inet_pton(AF_INET6, endpoint.hostname.c_str(), parsed.address.data()) == 1) {
-    parsed.family = AddressFamily::ipv6;
-    return parsed;
-  }
-  return std::nullopt;
+  parsed->port = *port;
+  return parsed;
 }
 
 }  // namespace ostravel::linuxplatform

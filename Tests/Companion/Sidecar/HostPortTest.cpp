@@ -53,5 +53,16 @@ TEST(HostPortTest, RefusesEverythingElse) {
   EXPECT_FALSE(parseHostPort(std::string(256, 'a') + ":1"));
 }
 
+TEST(HostPortTest, AnAddressLiteralIsAnEndpoint) {
+  for (const char* const text : {"127.0.0.1:8080", "[2001:db8::1]:443", "[::1]:0"}) {
+    const auto endpoint = literalEndpoint(*parseHostPort(text));
+    ASSERT_TRUE(endpoint) << text;
+    EXPECT_EQ(toString(*endpoint), text);
+  }
+  for (const char* const host : {"name", "127.1", "1.2.3.4.5"}) {
+    EXPECT_FALSE(literalEndpoint({host, 80})) << host;
+  }
+}
+
 }  // namespace
 }  // namespace ostravel::companion

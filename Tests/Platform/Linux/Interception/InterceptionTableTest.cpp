@@ -365,10 +365,9 @@ TEST_F(InterceptionTableTest, AFloodOfOneUserLeavesTheQueueToOthers) {
     return static_cast<double>(count);
   };
   const auto flood = testing::makeSocket(AF_INET, SOCK_DGRAM);
-  const auto address = testing::socketAddress(AF_INET, testing::loopbackIPv4(kPort));
+  const auto address = testing::kernelAddress(AF_INET, testing::loopbackIPv4(kPort));
   const auto send = [&address](const FileDescriptor& socket) {
-    ::sendto(socket.get(), "-", 1, 0, reinterpret_cast<const sockaddr*>(&address),
-             sizeof(sockaddr_in));
+    ::sendto(socket.get(), "-", 1, 0, address.get(), address.size);
   };
   // Twice as many as may be queued, however long sending takes.
   const auto begin = std::chrono::steady_clock::now();

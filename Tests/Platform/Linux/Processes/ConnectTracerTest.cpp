@@ -111,11 +111,9 @@ TEST(ConnectTracerTest, RecordsASenderThatDoesNotConnect) {
   for (const auto& [family, destination] : cases) {
     const auto socket = makeSocket(family, SOCK_DGRAM);
     EXPECT_FALSE(processOf(*tracer, cookieOf(socket)));
-    const auto address = socketAddress(family, destination);
+    const auto address = kernelAddress(family, destination);
     for (int i = 0; i < 2; ++i) {
-      ASSERT_EQ(::sendto(socket.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&address),
-                         sizeof address),
-                1);
+      ASSERT_EQ(::sendto(socket.get(), "x", 1, 0, address.get(), address.size), 1);
       EXPECT_EQ(processOf(*tracer, cookieOf(socket)), ::getpid());
     }
   }

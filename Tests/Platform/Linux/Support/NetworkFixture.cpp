@@ -1,6 +1,5 @@
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -15,37 +14,29 @@
 #include <cstring>
 #include <utility>
 
+#include "Platform/Linux/Kernel/KernelAddress.h"
+
 namespace ostravel::testing {
 
 namespace {
 
+using linuxplatform::KernelAddress;
+using linuxplatform::SocketEndpoint;
 using platform::NetworkRule;
 using platform::NetworkRuleProtocol;
 
 // The address may have a zone.
-sockaddr_storage socketAddress(const std::string& text, std::uint16_t port) {
+KernelAddress kernelAddress(const std::string& text, std::uint16_t port) {
   const std::size_t zone = text.find('%');
-  const std::string address = text.substr(0, zone);
-  sockaddr_storage storage{};
-  auto* const ipv4 = reinterpret_cast<sockaddr_in*>(&storage);
-  auto* const ipv6 = reinterpret_cast<sockaddr_in6*>(&storage);
-  if (::inet_pton(AF_INET, address.c_str(), &ipv4->sin_addr) == 1) {
-    ipv4->sin_family = AF_INET;
-    ipv4->sin_port = htons(port);
-  } else {
-    EXPECT_EQ(::inet_pton(AF_INET6, address.c_str(), &ipv6->sin6_addr), 1);
-    ipv6->sin6_family = AF_INET6;
-    ipv6->sin6_port = htons(port);
-    if (zone != std::string::npos) {
-      ipv6->sin6_scope_id = ::if_nametoindex(text.c_str() + zone + 1);
-    }
+  auto endpoint = SocketEndpoint::atAddress(text.substr(0, zone));
+  EXPECT_TRUE(endpoint) << text;
+  endpoint->port = port;
+  KernelAddress address(*endpoint);
+  if (zone != std::string::npos) {
+    reinterpret_cast<sockaddr_in6&>(address.storage).sin6_scope_id =
+        ::if_nametoindex(text.c_str() + zone + 1);
   }
-  return storage;
-}
-
-// Both families' addresses have the port in the same place.
-std::uint16_t portOf(const sockaddr_storage& storage) {
-  return ntohs(reinterpret_cast<const sockaddr_in&>(storage).sin_port);
+  return address;
 }
 
 bool waitFor(int descriptor, short events, std::chrono::milliseconds limit) {
@@ -91,16 +82,14 @@ std::vector<OfferedPacket> waitForPackets(linuxplatform::PacketQueue& queue,
 }
 
 Listener::Listener(const std::string& address, std::uint16_t port) {
-  sockaddr_storage storage = socketAddress(address, port);
-  descriptor_ = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  KernelAddress here = kernelAddress(address, port);
+  descriptor_ = ::socket(here.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int on = 1;
   ::setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  EXPECT_EQ(::bind(descriptor_, reinterpret_cast<sockaddr*>(&storage), sizeof storage), 0)
-      << std::strerror(errno);
+  EXPECT_EQ(::bind(descriptor_, here.get(), here.size), 0) << std::strerror(errno);
   EXPECT_EQ(::listen(descriptor_, SOMAXCONN), 0) << std::strerror(errno);
-  socklen_t size = sizeof storage;
-  ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&storage), &size);
-  port_ = portOf(storage);
+  ::getsockname(descriptor_, here.get(), &here.size);
+  port_ = here.endpoint()->port;
 }
 
 Listener::~Listener() {
@@ -119,21 +108,21 @@ std::uint16_t Listener::acceptOne(std::chrono::milliseconds limit, bool resets) 
   if (!waitFor(descriptor_, POLLIN, limit)) {
     return 0;
   }
-  sockaddr_storage peer{};
-  socklen_t size = sizeof peer;
-  const int accepted = ::accept(descriptor_, reinterpret_cast<sockaddr*>(&peer), &size);
+  KernelAddress peer;
+  const int accepted = ::accept(descriptor_, peer.get(), &peer.size);
   EXPECT_GE(accepted, 0) << std::strerror(errno);
   if (resets) {
     resetAtClose(accepted);
   }
   ::close(accepted);
-  return portOf(peer);
+  return peer.endpoint()->port;
 }
 
 Connecting::Connecting(const std::string& address, std::uint16_t port,
                        const SocketSettings& settings) {
-  const sockaddr_storage storage = socketAddress(address, port);
-  descriptor_ = ::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const KernelAddress destination = kernelAddress(address, port);
+  descriptor_ =
+      ::socket(destination.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   const int on = 1;
   ::setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   if (settings.mark != 0) {
@@ -141,11 +130,10 @@ Connecting::Connecting(const std::string& address, std::uint16_t port,
               0);
   }
   if (settings.sourcePort != 0) {
-    const sockaddr_storage source = socketAddress(address, settings.sourcePort);
-    EXPECT_EQ(::bind(descriptor_, reinterpret_cast<const sockaddr*>(&source), sizeof source), 0)
-        << std::strerror(errno);
+    const KernelAddress source = kernelAddress(address, settings.sourcePort);
+    EXPECT_EQ(::bind(descriptor_, source.get(), source.size), 0) << std::strerror(errno);
   }
-  ::connect(descriptor_, reinterpret_cast<const sockaddr*>(&storage), sizeof storage);
+  ::connect(descriptor_, destination.get(), destination.size);
 }
 
 Connecting::~Connecting() {
@@ -163,10 +151,9 @@ int Connecting::result(std::chrono::milliseconds limit) const {
 }
 
 std::uint16_t Connecting::sourcePort() const {
-  sockaddr_storage storage{};
-  socklen_t size = sizeof storage;
-  ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&storage), &size);
-  return portOf(storage);
+  KernelAddress source;
+  ::getsockname(descriptor_, source.get(), &source.size);
+  return source.endpoint()->port;
 }
 
 void Connecting::send(const std::string& bytes) const {

@@ -1,15 +1,15 @@
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/stat.h>
 
-#include <cstring>
+#include <algorithm>
 
 namespace ostravel::testing {
 
 using linuxplatform::AddressFamily;
 using linuxplatform::FlowTuple;
+using linuxplatform::KernelAddress;
 using linuxplatform::SocketEndpoint;
 using linuxplatform::TransportProtocol;
 
@@ -31,35 +31,24 @@ FlowTuple flowOverIPv6(TransportProtocol protocol, std::uint16_t source,
   return {protocol, loopbackIPv6(source), loopbackIPv6(destination)};
 }
 
-sockaddr_storage socketAddress(int socketFamily, const SocketEndpoint& endpoint) {
-  sockaddr_storage storage{};
-  if (socketFamily == AF_INET) {
-    auto& address = reinterpret_cast<sockaddr_in&>(storage);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(endpoint.port);
-    std::memcpy(&address.sin_addr, endpoint.address.data(), sizeof address.sin_addr);
-    return storage;
+KernelAddress kernelAddress(int socketFamily, const SocketEndpoint& endpoint) {
+  if (socketFamily == AF_INET || endpoint.family == AddressFamily::ipv6) {
+    return KernelAddress(endpoint);
   }
-  auto& address = reinterpret_cast<sockaddr_in6&>(storage);
-  address.sin6_family = AF_INET6;
-  address.sin6_port = htons(endpoint.port);
-  if (endpoint.family == AddressFamily::ipv6) {
-    std::memcpy(&address.sin6_addr, endpoint.address.data(), sizeof address.sin6_addr);
-  } else {
-    constexpr std::size_t kMappedPrefix = 12;
-    address.sin6_addr.s6_addr[10] = 0xff;
-    address.sin6_addr.s6_addr[11] = 0xff;
-    std::memcpy(&address.sin6_addr.s6_addr[kMappedPrefix], endpoint.address.data(), 4);
-  }
-  return storage;
+  SocketEndpoint mapped{AddressFamily::ipv6, {}, endpoint.port};
+  mapped.address[10] = 0xff;
+  mapped.address[11] = 0xff;
+  constexpr std::size_t kMappedPrefix = 12;
+  std::copy_n(endpoint.address.begin(), 4, mapped.address.begin() + kMappedPrefix);
+  return KernelAddress(mapped);
 }
 
 std::uint16_t portOf(const FileDescriptor& socket) {
-  sockaddr_storage storage{};
-  socklen_t size = sizeof storage;
-  EXPECT_EQ(::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&storage), &size), 0);
-  // Both families have the port in the same place.
-  return ntohs(reinterpret_cast<const sockaddr_in&>(storage).sin_port);
+  KernelAddress address;
+  EXPECT_EQ(::getsockname(socket.get(), address.get(), &address.size), 0);
+  const auto endpoint = address.endpoint();
+  EXPECT_TRUE(endpoint);
+  return endpoint ? endpoint->port : 0;
 }
 
 std::uint64_t cookieOf(const FileDescriptor& socket) {
@@ -82,13 +71,13 @@ FileDescriptor makeSocket(int family, int type) {
 }
 
 bool bindTo(const FileDescriptor& socket, int family, const SocketEndpoint& endpoint) {
-  const auto address = socketAddress(family, endpoint);
-  return ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  const auto address = kernelAddress(family, endpoint);
+  return ::bind(socket.get(), address.get(), address.size) == 0;
 }
 
 bool connectTo(const FileDescriptor& socket, int family, const SocketEndpoint& endpoint) {
-  const auto address = socketAddress(family, endpoint);
-  return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  const auto address = kernelAddress(family, endpoint);
+  return ::connect(socket.get(), address.get(), address.size) == 0;
 }
 
 FileDescriptor makeListener() {

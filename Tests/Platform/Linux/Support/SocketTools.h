@@ -7,6 +7,7 @@
 
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
 
 namespace ostravel::testing {
 
@@ -19,8 +20,9 @@ linuxplatform::FlowTuple flowOverIPv4(linuxplatform::TransportProtocol protocol,
 linuxplatform::FlowTuple flowOverIPv6(linuxplatform::TransportProtocol protocol,
                                       std::uint16_t source, std::uint16_t destination);
 
-// A socket address for the endpoint, mapped to IPv6 if the socket is of that family.
-sockaddr_storage socketAddress(int socketFamily, const linuxplatform::SocketEndpoint& endpoint);
+// The endpoint for a socket of this family, mapped to IPv6 if necessary.
+linuxplatform::KernelAddress kernelAddress(int socketFamily,
+                                           const linuxplatform::SocketEndpoint& endpoint);
 
 std::uint16_t portOf(const FileDescriptor& socket);
 std::uint64_t cookieOf(const FileDescriptor& socket);

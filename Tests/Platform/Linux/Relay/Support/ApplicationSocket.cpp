@@ -19,18 +19,17 @@ namespace {
 
 constexpr int kLimitSeconds = 20;
 
-SocketEndpoint parse(const char* address) {
-  auto endpoint = parseAddressLiteral({address, "1"});
+SocketEndpoint endpointAt(const char* address, std::uint16_t port) {
+  auto endpoint = SocketEndpoint::atAddress(address);
   EXPECT_TRUE(endpoint.has_value()) << address;
-  return endpoint.value_or(SocketEndpoint());
+  endpoint->port = port;
+  return *endpoint;
 }
 
 }  // namespace
 
 ApplicationSocket::ApplicationSocket(const char* address, std::uint16_t port) {
-  SocketEndpoint endpoint = parse(address);
-  endpoint.port = port;
-  const KernelAddress kernel(endpoint);
+  const KernelAddress kernel(endpointAt(address, port));
   descriptor_ = FileDescriptor(::socket(kernel.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int on = 1;
   ::setsockopt(descriptor(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -68,9 +67,7 @@ void ApplicationSocket::setMark(std::uint32_t mark) {
 }
 
 int ApplicationSocket::connectTo(const char* address, std::uint16_t port) {
-  SocketEndpoint endpoint = parse(address);
-  endpoint.port = port;
-  const KernelAddress kernel(endpoint);
+  const KernelAddress kernel(endpointAt(address, port));
   return ::connect(descriptor(), kernel.get(), kernel.size) == 0 ? 0 : errno;
 }
 
