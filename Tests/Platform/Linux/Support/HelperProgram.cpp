@@ -19,7 +19,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -29,6 +28,7 @@
 #include <sstream>
 #include <string>
 
+#include "Base/DescriptorLimit.h"
 #include "Tests/Platform/Linux/Support/HelperProxy.h"
 
 namespace {
@@ -110,10 +110,7 @@ std::string obey(const std::string& line, int& last) {
     return ownPort(std::stoi(argument));
   }
   if (command == "hold") {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
+    ostravel::raiseDescriptorLimit();
     for (int left = std::stoi(argument); left > 0; --left) {
       if (::dup(STDIN_FILENO) < 0) {
         return "failed";
