@@ -1,7 +1,6 @@
 #include "Platform/Linux/Kernel/EventDescriptor.h"
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <system_error>
@@ -9,22 +8,18 @@
 namespace ostravel::linuxplatform {
 
 EventDescriptor::EventDescriptor() : descriptor_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (descriptor_ < 0) {
+  if (!descriptor_.isOpen()) {
     throw std::system_error(errno, std::generic_category(), "eventfd");
   }
 }
 
-EventDescriptor::~EventDescriptor() {
-  ::close(descriptor_);
-}
-
 void EventDescriptor::signal() {
-  ::eventfd_write(descriptor_, 1);
+  ::eventfd_write(descriptor(), 1);
 }
 
 bool EventDescriptor::consume() {
   eventfd_t count = 0;
-  return ::eventfd_read(descriptor_, &count) == 0;
+  return ::eventfd_read(descriptor(), &count) == 0;
 }
 
 }  // namespace ostravel::linuxplatform
