@@ -6,7 +6,7 @@
 #include <charconv>
 #include <cmath>
 
-#include "Base/CompactJson.h"
+#include "Base/CompactJSON.h"
 #include "Base/JSONHandle.h"
 
 namespace ostravel::companion {
@@ -150,7 +150,7 @@ std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view bod
   json_object_foreach(json_object_get(event.get(), "metrics"), key, value) {
     result.details.emplace_back(key, numberText(value));
   }
-  result.json = compactJson(body);
+  result.json = compactJSON(body);
   return result;
 }
 

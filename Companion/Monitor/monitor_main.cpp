@@ -50,13 +50,13 @@ int main(int argc, char** argv) {
   std::string path;
   std::string group;
   std::string mode;
-  bool asJson = false;
+  bool asJSON = false;
   app.add_option("--socket", path, "Listen on this UNIX socket")->option_text("PATH")->required();
   app.add_option("--group", group, "Let the members of this group connect as well")
       ->option_text("GROUP");
   app.add_option("--mode", mode, "The mode of the socket, in octal")
       ->option_text("MODE [0660 with a group, else 0600]");
-  app.add_flag("--json", asJson, "Print each event as one line of JSON");
+  app.add_flag("--json", asJSON, "Print each event as one line of JSON");
   if (const std::optional<int> status = readCommandLine(app, argc, argv)) {
     return *status;
   }
@@ -90,8 +90,8 @@ int main(int argc, char** argv) {
     const EventSocket socket(path, *access);
     const EventReceiver receiver(
         ioContext, socket.descriptor(),
-        [&output, asJson, colour](const ReceivedEvent& event) {
-          output.writeLine(asJson ? event.json : eventLine(event, colour));
+        [&output, asJSON, colour](const ReceivedEvent& event) {
+          output.writeLine(asJSON ? event.json : eventLine(event, colour));
         },
         [&complaints](std::string_view problem) {
           complaints.writeLine("ostravel-monitor: malformed frame: " +

@@ -59,23 +59,23 @@ std::string_view takeLine(std::string_view& text) {
   return line;
 }
 
-std::variant<HostPort, HttpStatus> parseRequestLine(std::string_view line) {
+std::variant<HostPort, HTTPStatus> parseRequestLine(std::string_view line) {
   const std::size_t methodEnd = line.find(' ');
   const std::size_t targetEnd = line.rfind(' ');
   if (methodEnd == std::string_view::npos || methodEnd == targetEnd) {
-    return HttpStatus::badRequest;
+    return HTTPStatus::badRequest;
   }
   const std::string_view method = line.substr(0, methodEnd);
   const std::string_view target = line.substr(methodEnd + 1, targetEnd - methodEnd - 1);
   if (!isToken(method) || !isVisible(target) || !isSupportedVersion(line.substr(targetEnd + 1))) {
-    return HttpStatus::badRequest;
+    return HTTPStatus::badRequest;
   }
   if (method != "CONNECT") {
-    return HttpStatus::methodNotAllowed;
+    return HTTPStatus::methodNotAllowed;
   }
   std::optional<HostPort> hostPort = parseHostPort(target);
   if (!hostPort || hostPort->port == 0) {
-    return HttpStatus::badRequest;
+    return HTTPStatus::badRequest;
   }
   return *std::move(hostPort);
 }
@@ -92,16 +92,16 @@ std::optional<Field> parseField(std::string_view line) {
 
 }  // namespace
 
-std::variant<ConnectRequest, HttpStatus> parseConnectRequest(std::string_view header) {
-  std::variant<HostPort, HttpStatus> target = parseRequestLine(takeLine(header));
-  if (const HttpStatus* refusal = std::get_if<HttpStatus>(&target)) {
+std::variant<ConnectRequest, HTTPStatus> parseConnectRequest(std::string_view header) {
+  std::variant<HostPort, HTTPStatus> target = parseRequestLine(takeLine(header));
+  if (const HTTPStatus* refusal = std::get_if<HTTPStatus>(&target)) {
     return *refusal;
   }
   ConnectRequest request{std::get<HostPort>(std::move(target)), {}, {}};
   for (std::string_view line = takeLine(header); !line.empty(); line = takeLine(header)) {
     const std::optional<Field> field = parseField(line);
     if (!field) {
-      return HttpStatus::badRequest;
+      return HTTPStatus::badRequest;
     }
     if (request.appId.empty() && equalsIgnoringCase(field->name, kAppIdField)) {
       request.appId = field->value;

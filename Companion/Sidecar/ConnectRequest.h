@@ -4,8 +4,8 @@
 #include <string_view>
 #include <variant>
 
+#include "Companion/Sidecar/HTTPStatus.h"
 #include "Companion/Sidecar/HostPort.h"
-#include "Companion/Sidecar/HttpStatus.h"
 
 namespace ostravel::companion {
 
@@ -20,6 +20,6 @@ struct ConnectRequest {
 // Reads a request header that ends in an empty line (RFC 9112, sections 3 and 5). Refuses with
 // badRequest what is no well-formed request or names no target of the form host:port, and with
 // methodNotAllowed every method but CONNECT.
-std::variant<ConnectRequest, HttpStatus> parseConnectRequest(std::string_view header);
+std::variant<ConnectRequest, HTTPStatus> parseConnectRequest(std::string_view header);
 
 }  // namespace ostravel::companion

@@ -46,7 +46,7 @@ void ConnectSession::readHeader() {
         }
         if (error == asio::error::eof && !self->header_.empty()) {
           // It may have ended only its sending side and still read the answer.
-          self->refuse(HttpStatus::badRequest, "ended within the request header");
+          self->refuse(HTTPStatus::badRequest, "ended within the request header");
           return;
         }
         self->close();
@@ -62,17 +62,17 @@ void ConnectSession::headerRead(RequestHeader::State state) {
       requestRead();
       break;
     case RequestHeader::State::malformed:
-      refuse(HttpStatus::badRequest, "a line of the request header does not end in CRLF");
+      refuse(HTTPStatus::badRequest, "a line of the request header does not end in CRLF");
       break;
     case RequestHeader::State::tooLong:
-      refuse(HttpStatus::headerTooLarge, {});
+      refuse(HTTPStatus::headerTooLarge, {});
       break;
   }
 }
 
 void ConnectSession::requestRead() {
-  std::variant<ConnectRequest, HttpStatus> parsed = parseConnectRequest(header_.header());
-  if (const HttpStatus* status = std::get_if<HttpStatus>(&parsed)) {
+  std::variant<ConnectRequest, HTTPStatus> parsed = parseConnectRequest(header_.header());
+  if (const HTTPStatus* status = std::get_if<HTTPStatus>(&parsed)) {
     refuse(*status, {});
     return;
   }
@@ -213,10 +213,10 @@ void ConnectSession::abandon() {
 
 void ConnectSession::refuseUnreachable(asio::error_code error) {
   const bool timedOut = error == asio::error::timed_out;
-  refuse(timedOut ? HttpStatus::gatewayTimeout : HttpStatus::badGateway, error.message());
+  refuse(timedOut ? HTTPStatus::gatewayTimeout : HTTPStatus::badGateway, error.message());
 }
 
-void ConnectSession::refuse(HttpStatus status, std::string_view reason) {
+void ConnectSession::refuse(HTTPStatus status, std::string_view reason) {
   endStep();
   isEstablishing_ = false;
   asio::error_code ignored;
@@ -289,14 +289,14 @@ void ConnectSession::endStep() {
 
 void ConnectSession::headerExpired() {
   if (header_.empty()) {
-    refuse(HttpStatus::requestTimeout, "no request came");
+    refuse(HTTPStatus::requestTimeout, "no request came");
     return;
   }
-  refuse(HttpStatus::requestTimeout, "the request header did not end");
+  refuse(HTTPStatus::requestTimeout, "the request header did not end");
 }
 
 void ConnectSession::lookupExpired() {
-  refuse(HttpStatus::gatewayTimeout, "name lookup");
+  refuse(HTTPStatus::gatewayTimeout, "name lookup");
 }
 
 void ConnectSession::connectExpired() {

@@ -64,7 +64,7 @@ class ConnectSession : public std::enable_shared_from_this<ConnectSession> {
   void watchClientForReset();
   void judgeClient();
   void abandon();
-  void refuse(HttpStatus status, std::string_view reason);
+  void refuse(HTTPStatus status, std::string_view reason);
   void refuseUnreachable(asio::error_code error);
   void linger();
   void discard();

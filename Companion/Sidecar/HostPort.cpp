@@ -23,7 +23,7 @@ bool isName(std::string_view host) {
          std::all_of(host.begin(), host.end(), isNameCharacter);
 }
 
-bool isIpv6Address(std::string_view host) {
+bool isIPv6Address(std::string_view host) {
   asio::error_code error;
   asio::ip::make_address_v6(host, error);
   return !error;
@@ -43,7 +43,7 @@ std::optional<HostPort> parseHostPort(std::string_view text) {
   }
   if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
     host = host.substr(1, host.size() - 2);
-    if (!isIpv6Address(host)) {
+    if (!isIPv6Address(host)) {
       return std::nullopt;
     }
   } else if (!isName(host)) {

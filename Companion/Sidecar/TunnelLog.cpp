@@ -23,7 +23,7 @@ void TunnelLog::established(const ConnectRequest& request,
   write(request, "established to " + toString(origin));
 }
 
-void TunnelLog::refused(const ConnectRequest& request, HttpStatus status,
+void TunnelLog::refused(const ConnectRequest& request, HTTPStatus status,
                         std::string_view reason) const {
   std::string result = "refused " + std::to_string(static_cast<int>(status)) + " ";
   result += reasonPhrase(status);

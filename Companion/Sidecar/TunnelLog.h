@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "Companion/Sidecar/ConnectRequest.h"
-#include "Companion/Sidecar/HttpStatus.h"
+#include "Companion/Sidecar/HTTPStatus.h"
 #include "Companion/Sidecar/TunnelRelay.h"
 
 namespace ostravel::companion {
@@ -29,7 +29,7 @@ class TunnelLog {
 
   void established(const ConnectRequest& request, const asio::ip::tcp::endpoint& origin) const;
   // `request` is default-constructed when none could be read.
-  void refused(const ConnectRequest& request, HttpStatus status, std::string_view reason) const;
+  void refused(const ConnectRequest& request, HTTPStatus status, std::string_view reason) const;
   void abandoned(const ConnectRequest& request) const;
   void ended(const ConnectRequest& request, const TunnelRelay::Summary& summary) const;
 

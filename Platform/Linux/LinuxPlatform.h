@@ -13,7 +13,7 @@
 #include "Platform/Linux/Services/TimerService.h"
 #include "Platform/Linux/Services/WorkerPool.h"
 #include "Platform/Shared/ICUTextServices.h"
-#include "Platform/Shared/PosixClock.h"
+#include "Platform/Shared/POSIXClock.h"
 
 namespace ostravel::linuxplatform {
 
@@ -71,7 +71,7 @@ class LinuxPlatform final : public platform::Platform {
   const Options options_;
   const std::shared_ptr<BackgroundWriter> logWriter_;
   const std::shared_ptr<platform::Log> defaultLog_;
-  platform::PosixClock clock_;
+  platform::POSIXClock clock_;
   RandomUUIDSource uuids_;
   platform::ICUTextServices text_;
   LinuxSocketCalls sockets_;

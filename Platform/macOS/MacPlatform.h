@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Platform/Interface/Platform.h"
-#include "Platform/Shared/PosixSocketCalls.h"
+#include "Platform/Shared/POSIXSocketCalls.h"
 #include "Platform/macOS/Foundation/CoreFoundationTextServices.h"
 #include "Platform/macOS/Foundation/FoundationClock.h"
 #include "Platform/macOS/Foundation/FoundationUUIDSource.h"
@@ -37,7 +37,7 @@ class MacPlatform final : public platform::Platform {
   FoundationClock clock_;
   FoundationUUIDSource uuidSource_;
   CoreFoundationTextServices text_;
-  platform::PosixSocketCalls sockets_;
+  platform::POSIXSocketCalls sockets_;
 };
 
 }  // namespace ostravel::macos

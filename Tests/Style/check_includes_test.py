@@ -14,7 +14,7 @@ class IncludeCheck(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.root = pathlib.Path(folder.name)
         for header in ("Platform/Interface/Clock.h", "Platform/Linux/Relay/EventLoop.h",
-                       "Platform/Simulation/Simulation.h", "Platform/Shared/PosixClock.h",
+                       "Platform/Simulation/Simulation.h", "Platform/Shared/POSIXClock.h",
                        "Platform/Shared/ICUTextServices.h", "Platform/macOS/MacPlatform.h",
                        "Extension/ProxyTunnelCore/ExtensionLog.h",
                        "Extension/FilterDataProvider/DomainList.h",
@@ -81,7 +81,7 @@ class IncludeCheck(unittest.TestCase):
 
     def test_the_core_may_not_use_a_platform(self):
         for platform in ("Linux/Relay/EventLoop.h", "Simulation/Simulation.h",
-                         "Shared/PosixClock.h", "Shared/ICUTextServices.h",
+                         "Shared/POSIXClock.h", "Shared/ICUTextServices.h",
                          "macOS/MacPlatform.h"):
             self.assert_rejected("Extension/ProxyTunnelCore/New.cpp",
                                  f'#include "Platform/{platform}"')
@@ -103,7 +103,7 @@ class IncludeCheck(unittest.TestCase):
     def test_platforms_may_use_the_shared_parts(self):
         for platform in ("Linux", "macOS", "Simulation"):
             self.assert_accepted(f"Platform/{platform}/New.cpp",
-                                 '#include "Platform/Shared/PosixClock.h"',
+                                 '#include "Platform/Shared/POSIXClock.h"',
                                  '#include "Platform/Shared/ICUTextServices.h"')
 
     def test_the_shared_parts_may_not_use_a_platform(self):

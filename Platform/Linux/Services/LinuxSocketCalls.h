@@ -1,14 +1,14 @@
 #pragma once
 
 #include "Platform/Linux/Kernel/PacketMarks.h"
-#include "Platform/Shared/PosixSocketCalls.h"
+#include "Platform/Shared/POSIXSocketCalls.h"
 
 namespace ostravel::linuxplatform {
 
 // The real calls; Internet sockets are marked as our own, so that their packets are never
 // intercepted. If we may not set marks, there is no interception either, and the call succeeds
 // without one.
-class LinuxSocketCalls final : public platform::PosixSocketCalls {
+class LinuxSocketCalls final : public platform::POSIXSocketCalls {
  public:
   explicit LinuxSocketCalls(const PacketMarks& marks = {}) : marks_(marks) {}
 

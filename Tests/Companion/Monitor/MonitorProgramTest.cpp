@@ -53,7 +53,7 @@ TEST_F(MonitorProgramTest, PrintsOneLineForEachEvent) {
   EXPECT_EQ(monitor.readOutputLine(), kEventLine);
 }
 
-TEST_F(MonitorProgramTest, PrintsTheEventItselfAsJson) {
+TEST_F(MonitorProgramTest, PrintsTheEventItselfAsJSON) {
   ChildProcess monitor(command({"--json"}), options());
   waitUntilReady(monitor);
   send(frame(kEvent));

@@ -402,7 +402,7 @@ TEST_F(ConnectProxyTest, ConnectsToNames) {
   EXPECT_EQ(client.receive(kEstablished.size()), kEstablished);
 }
 
-TEST_F(ConnectProxyTest, CarriesIpv6OnBothSides) {
+TEST_F(ConnectProxyTest, CarriesIPv6OnBothSides) {
   if (!test::hasIpv6Loopback()) {
     FAIL() << "this machine has no IPv6";
   }

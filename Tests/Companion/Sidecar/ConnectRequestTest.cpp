@@ -13,8 +13,8 @@ ConnectRequest accepted(std::string_view header) {
   return std::get<ConnectRequest>(parseConnectRequest(header));
 }
 
-HttpStatus refused(std::string_view header) {
-  return std::get<HttpStatus>(parseConnectRequest(header));
+HTTPStatus refused(std::string_view header) {
+  return std::get<HTTPStatus>(parseConnectRequest(header));
 }
 
 TEST(ConnectRequestTest, ReadsTheTargetAndTheIdentifiers) {
@@ -39,9 +39,9 @@ TEST(ConnectRequestTest, LeavesAbsentIdentifiersEmpty) {
 }
 
 TEST(ConnectRequestTest, RefusesEveryOtherMethod) {
-  EXPECT_EQ(refused("GET http://a/ HTTP/1.1\r\n\r\n"), HttpStatus::methodNotAllowed);
-  EXPECT_EQ(refused("OPTIONS * HTTP/1.1\r\n\r\n"), HttpStatus::methodNotAllowed);
-  EXPECT_EQ(refused("connect a:1 HTTP/1.1\r\n\r\n"), HttpStatus::methodNotAllowed);
+  EXPECT_EQ(refused("GET http://a/ HTTP/1.1\r\n\r\n"), HTTPStatus::methodNotAllowed);
+  EXPECT_EQ(refused("OPTIONS * HTTP/1.1\r\n\r\n"), HTTPStatus::methodNotAllowed);
+  EXPECT_EQ(refused("connect a:1 HTTP/1.1\r\n\r\n"), HTTPStatus::methodNotAllowed);
 }
 
 TEST(ConnectRequestTest, RefusesAMalformedRequestLine) {
@@ -50,7 +50,7 @@ TEST(ConnectRequestTest, RefusesAMalformedRequestLine) {
         "CONNECT a:1 HTTP/1.1 ", " CONNECT a:1 HTTP/1.1", "CONNECT a:1 HTTP/2.0",
         "CONNECT a:1 http/1.1", "CONNECT a:0 HTTP/1.1", "CONNECT a HTTP/1.1",
         "CONNECT http://a:1/ HTTP/1.1", "CON(ECT a:1 HTTP/1.1", "CONNECT a\x7f:1 HTTP/1.1"}) {
-    EXPECT_EQ(refused(std::string(line) + "\r\n\r\n"), HttpStatus::badRequest) << line;
+    EXPECT_EQ(refused(std::string(line) + "\r\n\r\n"), HTTPStatus::badRequest) << line;
   }
 }
 
@@ -58,7 +58,7 @@ TEST(ConnectRequestTest, RefusesAMalformedField) {
   for (const std::string& field :
        {std::string("no colon"), std::string(": no name"), std::string("Name : blank"),
         std::string(" Folded: x"), std::string("A: b\rc"), std::string("A: b\0c", 6)}) {
-    EXPECT_EQ(refused("CONNECT a:1 HTTP/1.1\r\n" + field + "\r\n\r\n"), HttpStatus::badRequest)
+    EXPECT_EQ(refused("CONNECT a:1 HTTP/1.1\r\n" + field + "\r\n\r\n"), HTTPStatus::badRequest)
         << field;
   }
 }

@@ -61,7 +61,7 @@ TEST_F(NameLookupTest, FindsTheAddressesOfBothFamilies) {
   EXPECT_EQ(lookUp("both.example").endpoints.size(), 2U);
 }
 
-TEST_F(NameLookupTest, AsksAgainOverTcpForALargeAnswer) {
+TEST_F(NameLookupTest, AsksAgainOverTCPForALargeAnswer) {
   EXPECT_EQ(lookUp("large.example").endpoints, LookupResult{endpoint("127.0.0.7", 80)});
 }
 

@@ -54,7 +54,7 @@ TEST(SidecarProgramTest, SaysWhereItListens) {
   EXPECT_NE(sidecar.port(), 0);
 }
 
-TEST(SidecarProgramTest, ListensOnIpv6) {
+TEST(SidecarProgramTest, ListensOnIPv6) {
   if (!hasIpv6Loopback()) {
     FAIL() << "this machine has no IPv6";
   }

@@ -30,12 +30,12 @@ TEST_F(TunnelLogTest, NamesTimeTargetIdentifiersAndResult) {
 }
 
 TEST_F(TunnelLogTest, ShowsADashForWhatIsAbsent) {
-  log().refused({}, HttpStatus::badRequest, {});
+  log().refused({}, HTTPStatus::badRequest, {});
   EXPECT_EQ(onlyLine(), "- app=- flow=- refused 400 Bad Request");
 }
 
 TEST_F(TunnelLogTest, TellsWhyATunnelWasRefused) {
-  log().refused({{"a", 1}, "", ""}, HttpStatus::badGateway, "Connection refused");
+  log().refused({{"a", 1}, "", ""}, HTTPStatus::badGateway, "Connection refused");
   EXPECT_EQ(onlyLine(), "a:1 app=- flow=- refused 502 Bad Gateway: Connection refused");
 }
 

@@ -6,7 +6,7 @@
 namespace ostravel::companion {
 
 // The answers with which the sidecar refuses a tunnel (RFC 9110, section 15; RFC 6585 for 431).
-enum class HttpStatus {
+enum class HTTPStatus {
   badRequest = 400,
   methodNotAllowed = 405,
   requestTimeout = 408,
@@ -15,9 +15,9 @@ enum class HttpStatus {
   gatewayTimeout = 504,
 };
 
-std::string_view reasonPhrase(HttpStatus status);
+std::string_view reasonPhrase(HTTPStatus status);
 
 // The whole answer that refuses a request and announces that the connection ends after it.
-std::string refusalAnswer(HttpStatus status);
+std::string refusalAnswer(HTTPStatus status);
 
 }  // namespace ostravel::companion

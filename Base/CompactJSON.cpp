@@ -1,4 +1,4 @@
-#include "Base/CompactJson.h"
+#include "Base/CompactJSON.h"
 
 #include <array>
 #include <cstdio>
@@ -39,7 +39,7 @@ void moveStringElement(std::string_view& json, std::string& result) {
 
 }  // namespace
 
-std::string compactJson(std::string_view json) {
+std::string compactJSON(std::string_view json) {
   std::string result;
   result.reserve(json.size());
   bool inString = false;

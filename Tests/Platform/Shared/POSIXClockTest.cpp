@@ -1,4 +1,4 @@
-#include "Platform/Shared/PosixClock.h"
+#include "Platform/Shared/POSIXClock.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 namespace ostravel::platform {
 namespace {
 
-TEST(PosixClockTest, TellsTheTimeOfDayWithAFraction) {
-  const PosixClock clock;
+TEST(POSIXClockTest, TellsTheTimeOfDayWithAFraction) {
+  const POSIXClock clock;
   const auto before = std::time(nullptr);
   const double now = clock.secondsSince1970();
   const auto after = std::time(nullptr);
@@ -17,8 +17,8 @@ TEST(PosixClockTest, TellsTheTimeOfDayWithAFraction) {
   EXPECT_LE(now, static_cast<double>(after) + 2.0);
 }
 
-TEST(PosixClockTest, DistinguishesMomentsWithinASecond) {
-  const PosixClock clock;
+TEST(POSIXClockTest, DistinguishesMomentsWithinASecond) {
+  const POSIXClock clock;
   const double first = clock.secondsSince1970();
   double next = first;
   while (next == first) {

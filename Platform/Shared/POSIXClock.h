@@ -5,7 +5,7 @@
 namespace ostravel::platform {
 
 // The system's time of day. Has no state.
-class PosixClock final : public Clock {
+class POSIXClock final : public Clock {
  public:
   double secondsSince1970() const override;
 };

@@ -1,30 +1,30 @@
-#include "Companion/Sidecar/HttpStatus.h"
+#include "Companion/Sidecar/HTTPStatus.h"
 
 namespace ostravel::companion {
 
-std::string_view reasonPhrase(HttpStatus status) {
+std::string_view reasonPhrase(HTTPStatus status) {
   switch (status) {
-    case HttpStatus::badRequest:
+    case HTTPStatus::badRequest:
       return "Bad Request";
-    case HttpStatus::methodNotAllowed:
+    case HTTPStatus::methodNotAllowed:
       return "Method Not Allowed";
-    case HttpStatus::requestTimeout:
+    case HTTPStatus::requestTimeout:
       return "Request Timeout";
-    case HttpStatus::headerTooLarge:
+    case HTTPStatus::headerTooLarge:
       return "Request Header Fields Too Large";
-    case HttpStatus::badGateway:
+    case HTTPStatus::badGateway:
       return "Bad Gateway";
-    case HttpStatus::gatewayTimeout:
+    case HTTPStatus::gatewayTimeout:
       return "Gateway Timeout";
   }
   return "Unknown";
 }
 
-std::string refusalAnswer(HttpStatus status) {
+std::string refusalAnswer(HTTPStatus status) {
   std::string answer = "HTTP/1.1 " + std::to_string(static_cast<int>(status)) + " ";
   answer += reasonPhrase(status);
   answer += "\r\n";
-  if (status == HttpStatus::methodNotAllowed) {
+  if (status == HTTPStatus::methodNotAllowed) {
     answer += "Allow: CONNECT\r\n";
   }
   answer += "Content-Length: 0\r\nConnection: close\r\n\r\n";

@@ -7,7 +7,7 @@ namespace ostravel::platform {
 // The real calls, one to one: nothing is retried, also not after EINTR, and SIGPIPE is left to the
 // process's disposition. Has no state, so it is usable from any thread. A platform derives from it
 // to mark the sockets as its own.
-class PosixSocketCalls : public SocketCalls {
+class POSIXSocketCalls : public SocketCalls {
  public:
   SocketAddressLayout addressLayout() const override;
 

@@ -9,6 +9,6 @@ namespace ostravel {
 // that "/" does not need, and with an escape for every character that could disturb a terminal.
 // Nothing else changes: numbers and the order of keys stay as they were sent, which parsing and
 // printing again would not promise. `json` must be a valid JSON text (RFC 8259).
-std::string compactJson(std::string_view json);
+std::string compactJSON(std::string_view json);
 
 }  // namespace ostravel

@@ -1,4 +1,4 @@
-#include "Platform/Shared/PosixSocketCalls.h"
+#include "Platform/Shared/POSIXSocketCalls.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 
 // Local sockets only: what needs a network is tested with the platforms.
-class PosixSocketCallsTest : public testing::Test {
+class POSIXSocketCallsTest : public testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair_.data()), 0); }
   void TearDown() override {
@@ -33,11 +33,11 @@ class PosixSocketCallsTest : public testing::Test {
     }
   }
 
-  PosixSocketCalls sockets_;
+  POSIXSocketCalls sockets_;
   std::array<int, 2> pair_{};
 };
 
-TEST_F(PosixSocketCallsTest, SocketsAreNotInherited) {
+TEST_F(POSIXSocketCallsTest, SocketsAreNotInherited) {
   const auto opened = sockets_.socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_GE(opened.value, 0);
   const int descriptor = static_cast<int>(opened.value);
@@ -46,7 +46,7 @@ TEST_F(PosixSocketCallsTest, SocketsAreNotInherited) {
   EXPECT_EQ(::fcntl(descriptor, F_GETFD), -1);
 }
 
-TEST_F(PosixSocketCallsTest, ReportsErrnoOfAFailedCall) {
+TEST_F(POSIXSocketCallsTest, ReportsErrnoOfAFailedCall) {
   const auto opened = sockets_.socket(-1, SOCK_STREAM, 0);
   EXPECT_EQ(opened.value, -1);
   EXPECT_EQ(opened.error, EAFNOSUPPORT);
@@ -57,21 +57,21 @@ TEST_F(PosixSocketCallsTest, ReportsErrnoOfAFailedCall) {
   EXPECT_EQ(sockets_.write(-1, {}).error, EBADF);
 }
 
-TEST_F(PosixSocketCallsTest, RefusesAnAddressLongerThanAnySystemHas) {
+TEST_F(POSIXSocketCallsTest, RefusesAnAddressLongerThanAnySystemHas) {
   const std::vector<std::byte> address(sizeof(sockaddr_storage) + 1);
   const auto connected = sockets_.connect(pair_[0], address);
   EXPECT_EQ(connected.value, -1);
   EXPECT_EQ(connected.error, EINVAL);
 }
 
-TEST_F(PosixSocketCallsTest, StatusFlagsAreReadAndSet) {
+TEST_F(POSIXSocketCallsTest, StatusFlagsAreReadAndSet) {
   const auto flags = static_cast<int>(sockets_.statusFlags(pair_[0]).value);
   EXPECT_EQ(flags & O_NONBLOCK, 0);
   EXPECT_EQ(sockets_.setStatusFlags(pair_[0], flags | O_NONBLOCK).value, 0);
   EXPECT_NE(sockets_.statusFlags(pair_[0]).value & O_NONBLOCK, 0);
 }
 
-TEST_F(PosixSocketCallsTest, WritesOnceAndSaysHowMuch) {
+TEST_F(POSIXSocketCallsTest, WritesOnceAndSaysHowMuch) {
   sockets_.setStatusFlags(pair_[0], O_NONBLOCK);
   fill();
   const std::vector<std::byte> chunk(1);
@@ -80,27 +80,27 @@ TEST_F(PosixSocketCallsTest, WritesOnceAndSaysHowMuch) {
   EXPECT_EQ(written.error, EAGAIN);
 }
 
-TEST_F(PosixSocketCallsTest, AWriteOfNothingReportsErrnoAsItIs) {
+TEST_F(POSIXSocketCallsTest, AWriteOfNothingReportsErrnoAsItIs) {
   errno = EBUSY;
   const auto written = sockets_.write(pair_[0], {});
   EXPECT_EQ(written.value, 0);
   EXPECT_EQ(written.error, EBUSY);
 }
 
-TEST_F(PosixSocketCallsTest, PollTellsWritableFromNot) {
+TEST_F(POSIXSocketCallsTest, PollTellsWritableFromNot) {
   EXPECT_EQ(sockets_.pollWritable(pair_[0], 0ms).value, 1);
   sockets_.setStatusFlags(pair_[0], O_NONBLOCK);
   fill();
   EXPECT_EQ(sockets_.pollWritable(pair_[0], 0ms).value, 0);
 }
 
-TEST_F(PosixSocketCallsTest, PollDoesNotWaitForEverForANegativeTime) {
+TEST_F(POSIXSocketCallsTest, PollDoesNotWaitForEverForANegativeTime) {
   sockets_.setStatusFlags(pair_[0], O_NONBLOCK);
   fill();
   EXPECT_EQ(sockets_.pollWritable(pair_[0], -1ms).value, 0);
 }
 
-TEST_F(PosixSocketCallsTest, HasNoPendingErrorAtFirst) {
+TEST_F(POSIXSocketCallsTest, HasNoPendingErrorAtFirst) {
   EXPECT_EQ(sockets_.pendingError(pair_[0]).value, 0);
 }
 

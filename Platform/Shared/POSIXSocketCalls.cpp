@@ -1,4 +1,4 @@
-#include "Platform/Shared/PosixSocketCalls.h"
+#include "Platform/Shared/POSIXSocketCalls.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -20,7 +20,7 @@ SocketCallResult outcome(long value) {
 
 }  // namespace
 
-SocketAddressLayout PosixSocketCalls::addressLayout() const {
+SocketAddressLayout POSIXSocketCalls::addressLayout() const {
 #if defined(__APPLE__)
   return SocketAddressLayout::darwinABI;
 #else
@@ -28,7 +28,7 @@ SocketAddressLayout PosixSocketCalls::addressLayout() const {
 #endif
 }
 
-SocketCallResult PosixSocketCalls::socket(int family, int type, int protocol) {
+SocketCallResult POSIXSocketCalls::socket(int family, int type, int protocol) {
 #if defined(__APPLE__)
   const int descriptor = ::socket(family, type, protocol);
   const auto result = outcome(descriptor);
@@ -41,15 +41,15 @@ SocketCallResult PosixSocketCalls::socket(int family, int type, int protocol) {
 #endif
 }
 
-SocketCallResult PosixSocketCalls::statusFlags(int descriptor) {
+SocketCallResult POSIXSocketCalls::statusFlags(int descriptor) {
   return outcome(::fcntl(descriptor, F_GETFL));
 }
 
-SocketCallResult PosixSocketCalls::setStatusFlags(int descriptor, int flags) {
+SocketCallResult POSIXSocketCalls::setStatusFlags(int descriptor, int flags) {
   return outcome(::fcntl(descriptor, F_SETFL, flags));
 }
 
-SocketCallResult PosixSocketCalls::connect(int descriptor, std::span<const std::byte> address) {
+SocketCallResult POSIXSocketCalls::connect(int descriptor, std::span<const std::byte> address) {
   sockaddr_storage storage{};
   if (address.size() > sizeof storage) {
     return {-1, EINVAL};
@@ -60,7 +60,7 @@ SocketCallResult PosixSocketCalls::connect(int descriptor, std::span<const std::
                            static_cast<socklen_t>(address.size())));
 }
 
-SocketCallResult PosixSocketCalls::pollWritable(int descriptor, std::chrono::milliseconds timeout) {
+SocketCallResult POSIXSocketCalls::pollWritable(int descriptor, std::chrono::milliseconds timeout) {
   // poll takes an int, and a negative one waits for ever.
   constexpr std::chrono::milliseconds::rep kLongest = std::numeric_limits<int>::max();
   const auto wait = std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, kLongest);
@@ -68,19 +68,19 @@ SocketCallResult PosixSocketCalls::pollWritable(int descriptor, std::chrono::mil
   return outcome(::poll(&entry, 1, static_cast<int>(wait)));
 }
 
-SocketCallResult PosixSocketCalls::pendingError(int descriptor) {
+SocketCallResult POSIXSocketCalls::pendingError(int descriptor) {
   int error = 0;
   socklen_t size = sizeof error;
   const int result = ::getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size);
   return result < 0 ? outcome(result) : SocketCallResult{error, 0};
 }
 
-SocketCallResult PosixSocketCalls::write(int descriptor, std::span<const std::byte> bytes) {
+SocketCallResult POSIXSocketCalls::write(int descriptor, std::span<const std::byte> bytes) {
   const long written = ::write(descriptor, bytes.data(), bytes.size());
   return {written, written <= 0 ? errno : 0};
 }
 
-void PosixSocketCalls::close(int descriptor) {
+void POSIXSocketCalls::close(int descriptor) {
   ::close(descriptor);
 }
 

@@ -1,10 +1,10 @@
-#include "Platform/Shared/PosixClock.h"
+#include "Platform/Shared/POSIXClock.h"
 
 #include <chrono>
 
 namespace ostravel::platform {
 
-double PosixClock::secondsSince1970() const {
+double POSIXClock::secondsSince1970() const {
   const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
   return std::chrono::duration<double>(sinceEpoch).count();
 }
