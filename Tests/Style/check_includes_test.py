@@ -86,7 +86,7 @@ class IncludeCheck(unittest.TestCase):
             self.assert_rejected("Extension/ProxyTunnelCore/New.cpp",
                                  f'#include "Platform/{platform}"')
 
-    def test_the_core_may_use_the_text_functions_of_the_ground_floor_only(self):
+    def test_the_core_may_use_only_the_text_functions_of_base(self):
         self.write("Base/UTF8.h", "#pragma once\n")
         self.write("Base/FileDescriptor.h", "#pragma once\n")
         self.assert_accepted("Extension/ProxyTunnelCore/New.cpp", '#include "Base/UTF8.h"')
@@ -180,7 +180,7 @@ class IncludeCheck(unittest.TestCase):
         self.assertEqual(len(self.findings("Companion/Sidecar/HostPort.cpp", "#include <string>", own)), 1)
         self.assert_rejected("Companion/Sidecar/HostPort.cpp", "int none;")
 
-    def test_objective_c_and_tests_include_their_own_header_first_too(self):
+    def test_objective_c_and_tests_include_their_own_header_too(self):
         self.assert_rejected("Platform/macOS/MacPlatform.mm", "#import <Foundation/Foundation.h>")
         (self.root / "Platform/macOS/MacPlatform.mm").unlink()
         self.assert_rejected("Tests/Extension/Support/Bytes.cpp", "#include <string>")

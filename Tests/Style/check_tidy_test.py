@@ -93,7 +93,7 @@ class TidyCheck(unittest.TestCase):
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
         self.assertIn("2 sources, 0 with findings", result.stdout)
 
-    def test_a_use_elsewhere_does_not_hide_an_unused_using_declaration(self):
+    def test_a_use_elsewhere_does_not_hide_an_unused_declaration(self):
         self.add("Values.h", "#pragma once\nnamespace values {\nstruct Value {};\n}\n")
         include = '#include "Companion/Values.h"\n'
         self.add("ANotUsing.cpp", include + "using values::Value;\n")
