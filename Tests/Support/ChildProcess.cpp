@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace ostravel::companion::test {
+namespace ostravel::testing {
 namespace {
 
 // Longer than anything takes on a busy machine.
@@ -178,4 +178,4 @@ std::string ChildProcess::readToEnd(Stream& stream) {
   return std::exchange(stream.unread, std::string());
 }
 
-}  // namespace ostravel::companion::test
+}  // namespace ostravel::testing

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace ostravel::companion::test {
+namespace ostravel::testing {
 
 // A program under test and its output. Killed with this object at the latest. Every operation that
 // waits throws std::runtime_error when nothing happens for a long time.
@@ -58,4 +58,4 @@ class ChildProcess {
   Stream error_;
 };
 
-}  // namespace ostravel::companion::test
+}  // namespace ostravel::testing

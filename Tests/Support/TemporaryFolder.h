@@ -1,33 +1,28 @@
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
-#include <stdexcept>
 #include <string>
+#include <string_view>
 
-namespace ostravel::companion::test {
+namespace ostravel::testing {
 
-// A new folder, removed with this object. Its path is short enough for a socket.
+// A new folder, readable by everybody and removed with its content on destruction. Its path is
+// short enough for a socket.
 class TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "companion-XXXXXX").string();
-    if (::mkdtemp(name.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp");
-    }
-    path_ = name;
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
+  TemporaryFolder();
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+  ~TemporaryFolder();
 
-  std::string file(const std::string& name) const { return (path_ / name).string(); }
+  // Of the folder, or of the file with this name in it, which need not exist.
+  std::string path(std::string_view name = "") const;
+
+  // Writes a file that everybody may read, and returns its path.
+  std::string write(std::string_view name, std::string_view text) const;
 
  private:
   std::filesystem::path path_;
 };
 
-}  // namespace ostravel::companion::test
+}  // namespace ostravel::testing

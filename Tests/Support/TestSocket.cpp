@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace ostravel::companion::test {
+namespace ostravel::testing {
 namespace {
 
 // Longer than anything takes on a busy machine.
@@ -280,7 +280,7 @@ std::uint16_t closedPort() {
   return TestListener().port();
 }
 
-bool hasIpv6Loopback() {
+bool hasIPv6Loopback() {
   try {
     TestListener listener("::1");
     return true;
@@ -289,4 +289,4 @@ bool hasIpv6Loopback() {
   }
 }
 
-}  // namespace ostravel::companion::test
+}  // namespace ostravel::testing

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-namespace ostravel::companion::test {
+namespace ostravel::testing {
 
 // A blocking stream socket as a client or an origin has it, apart from the library under test.
 // Every operation that waits throws std::runtime_error when nothing happens for a long time.
@@ -70,6 +70,6 @@ class TestListener {
 // A port at 127.0.0.1 where nobody listens.
 std::uint16_t closedPort();
 
-bool hasIpv6Loopback();
+bool hasIPv6Loopback();
 
-}  // namespace ostravel::companion::test
+}  // namespace ostravel::testing

@@ -9,7 +9,7 @@
 namespace ostravel::companion {
 namespace {
 
-class EventLineTest : public testing::Test {
+class EventLineTest : public ::testing::Test {
  protected:
   EventLineTest() {
     ::setenv("TZ", "UTC", 1);

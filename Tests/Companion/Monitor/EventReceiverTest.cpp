@@ -21,10 +21,10 @@ namespace {
 
 using test::frame;
 using test::kEvent;
-using test::TestSocket;
+using testing::TestSocket;
 using namespace std::chrono_literals;
 
-class EventReceiverTest : public testing::Test {
+class EventReceiverTest : public ::testing::Test {
  protected:
   ~EventReceiverTest() override {
     ioContext_.stop();
@@ -54,8 +54,8 @@ class EventReceiverTest : public testing::Test {
     changed_.notify_all();
   }
 
-  const test::TemporaryFolder folder_;
-  const std::string path_ = folder_.file("s");
+  const testing::TemporaryFolder folder_;
+  const std::string path_ = folder_.path("s");
   const EventSocket socket_{path_};
   asio::io_context ioContext_;
   std::unique_ptr<EventReceiver> receiver_;

@@ -22,7 +22,7 @@
 namespace ostravel::companion {
 namespace {
 
-using test::TemporaryFolder;
+using testing::TemporaryFolder;
 
 std::string problemAt(const std::string& path) {
   try {
@@ -56,46 +56,46 @@ struct stat statusOf(const std::string& path) {
 TEST(EventSocketTest, ListensForItsOwnerAlone) {
   const TemporaryFolder folder;
   const mode_t before = ::umask(0);
-  const EventSocket socket(folder.file("s"));
+  const EventSocket socket(folder.path("s"));
   EXPECT_EQ(::umask(before), 0U);
-  EXPECT_EQ(statusOf(folder.file("s")).st_mode & 07777U, 0600U);
-  EXPECT_NO_THROW(test::TestSocket::connectUnix(folder.file("s")));
+  EXPECT_EQ(statusOf(folder.path("s")).st_mode & 07777U, 0600U);
+  EXPECT_NO_THROW(testing::TestSocket::connectUnix(folder.path("s")));
 }
 
 TEST(EventSocketTest, RemovesItsNameAtTheEnd) {
   const TemporaryFolder folder;
-  { const EventSocket socket(folder.file("s")); }
-  EXPECT_FALSE(std::filesystem::exists(folder.file("s")));
+  { const EventSocket socket(folder.path("s")); }
+  EXPECT_FALSE(std::filesystem::exists(folder.path("s")));
 }
 
 TEST(EventSocketTest, LeavesANameThatIsNoLongerItsOwn) {
   const TemporaryFolder folder;
   {
-    const EventSocket socket(folder.file("s"));
-    std::filesystem::remove(folder.file("s"));
-    leaveStaleSocket(folder.file("s"));
+    const EventSocket socket(folder.path("s"));
+    std::filesystem::remove(folder.path("s"));
+    leaveStaleSocket(folder.path("s"));
   }
-  EXPECT_TRUE(std::filesystem::is_socket(folder.file("s")));
+  EXPECT_TRUE(std::filesystem::is_socket(folder.path("s")));
 }
 
 TEST(EventSocketTest, ReplacesASocketOnWhichNobodyListens) {
   const TemporaryFolder folder;
-  leaveStaleSocket(folder.file("s"));
-  const EventSocket socket(folder.file("s"));
-  EXPECT_NO_THROW(test::TestSocket::connectUnix(folder.file("s")));
+  leaveStaleSocket(folder.path("s"));
+  const EventSocket socket(folder.path("s"));
+  EXPECT_NO_THROW(testing::TestSocket::connectUnix(folder.path("s")));
 }
 
 TEST(EventSocketTest, RefusesASocketOnWhichSomeoneListens) {
   const TemporaryFolder folder;
-  const EventSocket socket(folder.file("s"));
-  EXPECT_EQ(problemAt(folder.file("s")), "another program listens there");
-  EXPECT_NO_THROW(test::TestSocket::connectUnix(folder.file("s")));
+  const EventSocket socket(folder.path("s"));
+  EXPECT_EQ(problemAt(folder.path("s")), "another program listens there");
+  EXPECT_NO_THROW(testing::TestSocket::connectUnix(folder.path("s")));
 }
 
 TEST(EventSocketTest, DoesNotConnectToASocketOnWhichSomeoneListens) {
   const TemporaryFolder folder;
-  const EventSocket socket(folder.file("s"));
-  EXPECT_EQ(problemAt(folder.file("s")), "another program listens there");
+  const EventSocket socket(folder.path("s"));
+  EXPECT_EQ(problemAt(folder.path("s")), "another program listens there");
   pollfd connection{.fd = socket.descriptor(), .events = POLLIN, .revents = 0};
   EXPECT_EQ(::poll(&connection, 1, 0), 0);
 }
@@ -103,7 +103,7 @@ TEST(EventSocketTest, DoesNotConnectToASocketOnWhichSomeoneListens) {
 TEST(EventSocketTest, RefusesASocketThatIsNotListeningYet) {
   const TemporaryFolder folder;
   for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET}) {
-    const std::string path = folder.file(std::to_string(type));
+    const std::string path = folder.path(std::to_string(type));
     const FileDescriptor bound = boundSocket(path, type);
     EXPECT_EQ(problemAt(path), "another program listens there");
     EXPECT_TRUE(std::filesystem::exists(path));
@@ -113,7 +113,7 @@ TEST(EventSocketTest, RefusesASocketThatIsNotListeningYet) {
 TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {
   constexpr int kRounds = 50;
   const TemporaryFolder folder;
-  const std::string path = folder.file("s");
+  const std::string path = folder.path("s");
   for (int round = 0; round < kRounds; ++round) {
     leaveStaleSocket(path);
     std::vector<std::unique_ptr<EventSocket>> sockets(4);
@@ -131,32 +131,32 @@ TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {
       thread.join();
     }
     ASSERT_EQ(std::count(sockets.begin(), sockets.end(), nullptr), 3);
-    ASSERT_NO_THROW(test::TestSocket::connectUnix(path));
+    ASSERT_NO_THROW(testing::TestSocket::connectUnix(path));
   }
 }
 
 TEST(EventSocketTest, LeavesNoLockBehind) {
   const TemporaryFolder folder;
-  const EventSocket socket(folder.file("s"));
-  EXPECT_EQ(problemAt(folder.file("missing/s")), "No such file or directory");
-  EXPECT_FALSE(std::filesystem::exists(folder.file("s.lock")));
+  const EventSocket socket(folder.path("s"));
+  EXPECT_EQ(problemAt(folder.path("missing/s")), "No such file or directory");
+  EXPECT_FALSE(std::filesystem::exists(folder.path("s.lock")));
 }
 
 TEST(EventSocketTest, TakesTheGroupAndModeItIsGiven) {
   const TemporaryFolder folder;
-  const EventSocket socket(folder.file("s"), {.group = 65534, .mode = 0666});
-  EXPECT_EQ(statusOf(folder.file("s")).st_gid, 65534U);
-  EXPECT_EQ(statusOf(folder.file("s")).st_mode & 07777U, 0666U);
+  const EventSocket socket(folder.path("s"), {.group = 65534, .mode = 0666});
+  EXPECT_EQ(statusOf(folder.path("s")).st_gid, 65534U);
+  EXPECT_EQ(statusOf(folder.path("s")).st_mode & 07777U, 0666U);
 }
 
 TEST(EventSocketTest, RefusesWhatIsNoSocket) {
   const TemporaryFolder folder;
-  std::ofstream(folder.file("file")) << "precious";
-  leaveStaleSocket(folder.file("stale"));
-  std::filesystem::create_symlink(folder.file("stale"), folder.file("link"));
+  std::ofstream(folder.path("file")) << "precious";
+  leaveStaleSocket(folder.path("stale"));
+  std::filesystem::create_symlink(folder.path("stale"), folder.path("link"));
   for (const char* name : {"file", "link", ""}) {
-    EXPECT_EQ(problemAt(folder.file(name)), "there is something else that is no socket") << name;
-    EXPECT_TRUE(std::filesystem::exists(folder.file(name)));
+    EXPECT_EQ(problemAt(folder.path(name)), "there is something else that is no socket") << name;
+    EXPECT_TRUE(std::filesystem::exists(folder.path(name)));
   }
 }
 
@@ -165,15 +165,15 @@ TEST(EventSocketTest, RefusesASocketOfAnotherUser) {
     FAIL() << "only root can make one";
   }
   const TemporaryFolder folder;
-  leaveStaleSocket(folder.file("s"));
-  ASSERT_EQ(::chown(folder.file("s").c_str(), 65534, 65534), 0);
-  EXPECT_EQ(problemAt(folder.file("s")), "there is a socket of another user");
-  EXPECT_TRUE(std::filesystem::exists(folder.file("s")));
+  leaveStaleSocket(folder.path("s"));
+  ASSERT_EQ(::chown(folder.path("s").c_str(), 65534, 65534), 0);
+  EXPECT_EQ(problemAt(folder.path("s")), "there is a socket of another user");
+  EXPECT_TRUE(std::filesystem::exists(folder.path("s")));
 }
 
 TEST(EventSocketTest, RefusesAPathThatDoesNotFit) {
   const TemporaryFolder folder;
-  const std::string start = folder.file("");
+  const std::string start = folder.path("");
   const EventSocket socket(start + std::string(EventSocket::kLongestPath - start.size(), 'x'));
   EXPECT_EQ(problemAt(start + std::string(EventSocket::kLongestPath + 1 - start.size(), 'x')),
             "the path is 104 bytes long, more than 103");
@@ -182,7 +182,7 @@ TEST(EventSocketTest, RefusesAPathThatDoesNotFit) {
 
 TEST(EventSocketTest, TellsWhyItCannotListen) {
   const TemporaryFolder folder;
-  EXPECT_EQ(problemAt(folder.file("missing/s")), "No such file or directory");
+  EXPECT_EQ(problemAt(folder.path("missing/s")), "No such file or directory");
 }
 
 }  // namespace

@@ -18,13 +18,18 @@
 #include "Tests/Support/TestSocket.h"
 
 namespace ostravel::companion::test {
+
+using testing::ChildProcess;
+using testing::TemporaryFolder;
+using testing::TestSocket;
+
 namespace {
 
 const std::string kEventLine =
     "05:43:35.123 info  connect_handshake_succeeded   /usr/bin/curl              "
     "elapsed_ms=1.25 leftover_bytes=17  CONNECT handshake completed";
 
-class MonitorProgramTest : public testing::Test {
+class MonitorProgramTest : public ::testing::Test {
  protected:
   std::vector<std::string> command(const std::vector<std::string>& arguments = {}) const {
     std::vector<std::string> result{OSTRAVEL_MONITOR_PROGRAM, "--socket", path_};
@@ -41,7 +46,7 @@ class MonitorProgramTest : public testing::Test {
   void send(const std::string& bytes) const { TestSocket::connectUnix(path_).send(bytes); }
 
   const TemporaryFolder folder_;
-  const std::string path_ = folder_.file("events");
+  const std::string path_ = folder_.path("events");
 };
 
 TEST_F(MonitorProgramTest, PrintsOneLineForEachEvent) {

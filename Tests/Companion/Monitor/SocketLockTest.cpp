@@ -12,7 +12,7 @@
 namespace ostravel::companion {
 namespace {
 
-class SocketLockTest : public testing::Test {
+class SocketLockTest : public ::testing::Test {
  protected:
   std::string problem() const {
     try {
@@ -23,9 +23,9 @@ class SocketLockTest : public testing::Test {
     }
   }
 
-  const test::TemporaryFolder folder_;
-  const std::string socket_ = folder_.file("s");
-  const std::string file_ = folder_.file("s.lock");
+  const testing::TemporaryFolder folder_;
+  const std::string socket_ = folder_.path("s");
+  const std::string file_ = folder_.path("s.lock");
 };
 
 TEST_F(SocketLockTest, KeepsOthersOutUntilItEnds) {
@@ -54,9 +54,9 @@ TEST_F(SocketLockTest, RefusesAFileThatIsNotItsOwn) {
 }
 
 TEST_F(SocketLockTest, FollowsNoSymbolicLink) {
-  std::filesystem::create_symlink(folder_.file("elsewhere"), file_);
+  std::filesystem::create_symlink(folder_.path("elsewhere"), file_);
   EXPECT_EQ(problem(), "Too many levels of symbolic links");
-  EXPECT_FALSE(std::filesystem::exists(folder_.file("elsewhere")));
+  EXPECT_FALSE(std::filesystem::exists(folder_.path("elsewhere")));
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 namespace ostravel::companion {
 namespace {
 
-class TimeTextTest : public testing::Test {
+class TimeTextTest : public ::testing::Test {
  protected:
   TimeTextTest() {
     ::setenv("TZ", "UTC-2", 1);

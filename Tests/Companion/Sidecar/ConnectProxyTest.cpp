@@ -28,8 +28,8 @@ namespace ostravel::companion {
 namespace {
 
 using asio::ip::tcp;
-using test::TestListener;
-using test::TestSocket;
+using testing::TestListener;
+using testing::TestSocket;
 using namespace std::chrono_literals;
 
 constexpr std::string_view kEstablished = "HTTP/1.1 200 Connection established\r\n\r\n";
@@ -50,7 +50,7 @@ std::string pattern(std::size_t size) {
 }
 
 // A proxy on its own thread.
-class ConnectProxyTest : public testing::Test {
+class ConnectProxyTest : public ::testing::Test {
  protected:
   ~ConnectProxyTest() override {
     if (thread_.joinable()) {
@@ -403,7 +403,7 @@ TEST_F(ConnectProxyTest, ConnectsToNames) {
 }
 
 TEST_F(ConnectProxyTest, CarriesIPv6OnBothSides) {
-  if (!test::hasIpv6Loopback()) {
+  if (!testing::hasIPv6Loopback()) {
     FAIL() << "this machine has no IPv6";
   }
   start("::1");
@@ -458,7 +458,7 @@ TEST_F(ConnectProxyTest, AnswersGatewayTimeoutWhenTheOriginDoesNotAnswer) {
 
 TEST_F(ConnectProxyTest, AnswersBadGatewayWhenTheOriginRefuses) {
   start();
-  const std::string target = "127.0.0.1:" + std::to_string(test::closedPort());
+  const std::string target = "127.0.0.1:" + std::to_string(testing::closedPort());
   EXPECT_TRUE(answerTo(connectTo(target)).starts_with("HTTP/1.1 502 Bad Gateway\r\n"));
   EXPECT_EQ(waitForLine(0), target + " app=- flow=- refused 502 Bad Gateway: Connection refused");
 }

@@ -29,7 +29,7 @@ std::ptrdiff_t openDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-class NameLookupTest : public testing::Test {
+class NameLookupTest : public ::testing::Test {
  protected:
   struct Outcome {
     asio::error_code error;
@@ -85,7 +85,7 @@ TEST_F(NameLookupTest, NeedsNoNameServerForAnAddress) {
 }
 
 TEST_F(NameLookupTest, TriesTheNextServerWhenOneIsNotThere) {
-  const std::string nobody = "127.0.0.1:" + std::to_string(test::closedPort());
+  const std::string nobody = "127.0.0.1:" + std::to_string(testing::closedPort());
   const TestNameServer good;
   NameLookup names(ioContext_.get_executor(),
                    {.nameServers = nobody + "," + good.address(), .timeout = 50ms});
@@ -98,7 +98,7 @@ TEST_F(NameLookupTest, ReportsThatNoServerAnswers) {
 }
 
 TEST_F(NameLookupTest, ReportsThatNoServerIsThere) {
-  const std::string nobody = "127.0.0.1:" + std::to_string(test::closedPort());
+  const std::string nobody = "127.0.0.1:" + std::to_string(testing::closedPort());
   NameLookup names(ioContext_.get_executor(), {.nameServers = nobody, .timeout = 50ms});
   EXPECT_EQ(lookUp(names, "four.example").error, asio::error::host_not_found_try_again);
 }

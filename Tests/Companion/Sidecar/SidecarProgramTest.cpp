@@ -13,6 +13,13 @@
 #include "Tests/Support/TestSocket.h"
 
 namespace ostravel::companion::test {
+
+using testing::ChildProcess;
+using testing::closedPort;
+using testing::hasIPv6Loopback;
+using testing::TestListener;
+using testing::TestSocket;
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -55,7 +62,7 @@ TEST(SidecarProgramTest, SaysWhereItListens) {
 }
 
 TEST(SidecarProgramTest, ListensOnIPv6) {
-  if (!hasIpv6Loopback()) {
+  if (!hasIPv6Loopback()) {
     FAIL() << "this machine has no IPv6";
   }
   ChildProcess sidecar({OSTRAVEL_SIDECAR_PROGRAM, "--listen", "[::1]:0"});

@@ -10,7 +10,7 @@ namespace {
 
 using asio::ip::tcp;
 
-class TunnelLogTest : public testing::Test {
+class TunnelLogTest : public ::testing::Test {
  protected:
   TunnelLog log(TunnelLog::Verbosity verbosity = TunnelLog::Verbosity::beginnings) {
     return TunnelLog(verbosity, [this](std::string_view line) { lines_.emplace_back(line); });

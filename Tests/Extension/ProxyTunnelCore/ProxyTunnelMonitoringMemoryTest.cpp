@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
-#include <filesystem>
 #include <new>
 #include <optional>
 #include <string>
@@ -17,6 +16,7 @@
 
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringClient.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 // A program by itself, because it counts every allocation of the process.
 
@@ -64,7 +64,7 @@ using platform::DispatchQueueKind;
 class DeafCompanion {
  public:
   // backlog: one more connection than this waits, the next one blocks its connect.
-  explicit DeafCompanion(int backlog) : folder_(makeFolder()), path_(folder_ + "/events") {
+  explicit DeafCompanion(int backlog) : path_(folder_.path("events")) {
     descriptor_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -73,10 +73,7 @@ class DeafCompanion {
     EXPECT_EQ(::listen(descriptor_, backlog), 0);
   }
   // Connections that wait are reset, so every delivery that is still due fails at once.
-  ~DeafCompanion() {
-    ::close(descriptor_);
-    std::filesystem::remove_all(folder_);
-  }
+  ~DeafCompanion() { ::close(descriptor_); }
 
   const std::string& path() const { return path_; }
 
@@ -98,13 +95,7 @@ class DeafCompanion {
   }
 
  private:
-  static std::string makeFolder() {
-    std::string name = "/tmp/ostravel-test-XXXXXX";
-    EXPECT_NE(::mkdtemp(name.data()), nullptr);
-    return name;
-  }
-
-  const std::string folder_;
+  const testing::TemporaryFolder folder_;
   const std::string path_;
   int descriptor_ = -1;
 };

@@ -10,6 +10,7 @@
 #include "Platform/Interface/ProviderError.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
+#include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform {
 namespace {

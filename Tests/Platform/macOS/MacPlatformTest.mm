@@ -13,7 +13,7 @@ namespace {
 
 using standin::LogLine;
 
-class MacPlatformTest : public testing::Test {
+class MacPlatformTest : public ::testing::Test {
  protected:
   MacPlatformTest() { standin::clearLogRecord(); }
   ~MacPlatformTest() override { standin::setDebugLogging(true); }

@@ -4,8 +4,6 @@
 #include <linux/capability.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,7 +16,8 @@
 
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/InChildProcess.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -77,22 +76,6 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
     EXPECT_EQ(last, identifier);
   }
 
-  // Runs body in a process without capabilities, except the one that it needs for its result.
-  void withoutCapabilities(unsigned kept, const std::function<bool()>& body) {
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-      std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> data{};
-      data[0].effective = data[0].permitted = 1U << kept;
-      const bool dropped = ::syscall(SYS_capset, &header, data.data()) == 0;
-      ::_exit(dropped && body() && !HasFailure() ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-  }
-
   const FileDescriptor listener_ = makeListener();
   const TemporaryFolder registrations_;
   const TemporaryFolder programs_;
@@ -103,7 +86,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
 
 TEST_F(ApplicationIdentifierSourceTest, IdentifiesAnApplicationByItsPath) {
   start();
-  const std::string program = programs_.copyHelper("browser");
+  const std::string program = copyHelper(programs_, "browser");
   Helper helper(program);
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(identifierOf(connectFrom(helper)), program);
@@ -125,7 +108,7 @@ TEST_F(ApplicationIdentifierSourceTest, FindsTheSendersOfAllKindsOfSockets) {
 }
 
 TEST_F(ApplicationIdentifierSourceTest, UsesTheIdentifierOfARegisteredApplication) {
-  const std::string program = programs_.copyHelper("updater");
+  const std::string program = copyHelper(programs_, "updater");
   registrations_.write("a.json", "{\"" + program + "\": \"com.example.updater\"}");
   start();
   Helper helper(program);
@@ -144,7 +127,7 @@ TEST_F(ApplicationIdentifierSourceTest, PassesOnWarningsAboutRegistrations) {
 }
 
 TEST_F(ApplicationIdentifierSourceTest, RecognisingTheProxyPrecedesItsRegistration) {
-  const std::string program = programs_.copyHelper("proxy");
+  const std::string program = copyHelper(programs_, "proxy");
   registrations_.write("a.json", "{\"" + program + "\": \"com.example.proxy\"}");
   start();
   Helper proxy(program);
@@ -158,8 +141,8 @@ TEST_F(ApplicationIdentifierSourceTest, RecognisingTheProxyPrecedesItsRegistrati
 TEST_F(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
   start();
   Helper application;
-  const std::string first = programs_.copyHelper("first");
-  const std::string second = programs_.copyHelper("second");
+  const std::string first = copyHelper(programs_, "first");
+  const std::string second = copyHelper(programs_, "second");
   Helper bystander(first);
   for (int i = 0; i < 6; ++i) {
     const bool isFirst = i % 2 == 0;
@@ -180,14 +163,14 @@ TEST_F(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
 
 TEST_F(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
   start();
-  const std::string program = programs_.copyHelper("proxy");
+  const std::string program = copyHelper(programs_, "proxy");
   Helper proxy(program);
   proxy.makeSocket("proxy", kProxyPort);
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
   Helper former(program);
   ASSERT_EQ(former.ask("user 65534"), "done");
   EXPECT_EQ(identifierOf(connectFrom(former)), program);
-  Helper successor(programs_.copyHelper("successor"));
+  Helper successor(copyHelper(programs_, "successor"));
   proxy.kill();
   successor.makeSocket("proxy", kProxyPort);
   EXPECT_EQ(identifierOf(connectFrom(successor)), kProxy);
@@ -196,8 +179,8 @@ TEST_F(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
 
 TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterExec) {
   start();
-  const std::string first = programs_.copyHelper("first");
-  const std::string second = programs_.copyHelper("second");
+  const std::string first = copyHelper(programs_, "first");
+  const std::string second = copyHelper(programs_, "second");
   Helper helper(first);
   EXPECT_EQ(identifierOf(connectFrom(helper)), first);
   ASSERT_EQ(helper.ask("run " + second), "ready");
@@ -206,7 +189,7 @@ TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterExec) {
 
 TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterAUserChange) {
   start();
-  const std::string program = programs_.copyHelper("proxy");
+  const std::string program = copyHelper(programs_, "proxy");
   Helper proxy(program);
   ASSERT_EQ(proxy.ask("user 13"), "done");
   proxy.makeSocket("proxy", kProxyPort);
@@ -225,7 +208,7 @@ TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSyst
     crowd.push_back(std::make_unique<Helper>());
     ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
   }
-  const std::string program = programs_.copyHelper("application");
+  const std::string program = copyHelper(programs_, "application");
   Helper application(program);
   const auto flow = connectFrom(application);
   EXPECT_TRUE(source_->identify(flow, 0).leaveReason);
@@ -269,7 +252,7 @@ TEST_F(ApplicationIdentifierSourceTest, AWatchedProxyIsReadyForTheFirstFlow) {
   EXPECT_FALSE(source_->watchProxy());
   Helper application;
   const auto flow = connectFrom(application);
-  const std::string program = programs_.copyHelper("proxy");
+  const std::string program = copyHelper(programs_, "proxy");
   for (int i = 0; i < 2; ++i) {
     Helper proxy(program);
     proxy.makeSocket("proxy", kProxyPort);
@@ -290,15 +273,15 @@ TEST_F(ApplicationIdentifierSourceTest, AListenerThatIsNotAProxyGetsNoFlows) {
   Helper server;
   server.makeSocket("proxy", kProxyPort);
   ASSERT_EQ(server.ask("answer HTTP/1.1 404 Not Found"), "done");
-  Helper application(programs_.copyHelper("application"));
+  Helper application(copyHelper(programs_, "application"));
   expectNotTrusted(connectFrom(application));
   expectNotTrusted(connectFrom(server));
 }
 
 TEST_F(ApplicationIdentifierSourceTest, APersonsProxyGetsOnlyThatPersonsFlows) {
   start();
-  const std::string program = programs_.copyHelper("application");
-  Helper proxy(programs_.copyHelper("proxy"));
+  const std::string program = copyHelper(programs_, "application");
+  Helper proxy(copyHelper(programs_, "proxy"));
   ASSERT_EQ(proxy.ask("user 54321"), "done");
   proxy.makeSocket("proxy", kProxyPort);
   Helper own(program);
@@ -314,7 +297,7 @@ TEST_F(ApplicationIdentifierSourceTest, APersonsProxyGetsOnlyThatPersonsFlows) {
 TEST_F(ApplicationIdentifierSourceTest, ANamedUsersProxyGetsEverybodysFlows) {
   proxyUsers_ = {54321};
   start();
-  Helper proxy(programs_.copyHelper("proxy"));
+  Helper proxy(copyHelper(programs_, "proxy"));
   ASSERT_EQ(proxy.ask("user 54321"), "done");
   proxy.makeSocket("proxy", kProxyPort);
   Helper other;
@@ -324,10 +307,10 @@ TEST_F(ApplicationIdentifierSourceTest, ANamedUsersProxyGetsEverybodysFlows) {
 
 TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAProxyChainAreTheProxy) {
   start();
-  Helper last(programs_.copyHelper("last"));
+  Helper last(copyHelper(programs_, "last"));
   ASSERT_EQ(last.ask("user 54321"), "done");
   last.makeSocket("proxy", 3128);
-  Helper front(programs_.copyHelper("front"));
+  Helper front(copyHelper(programs_, "front"));
   front.makeSocket("proxy", kProxyPort);
   ASSERT_EQ(front.ask("via 3128"), "done");
   EXPECT_EQ(identifierOf(connectFrom(front)), kProxy);
@@ -339,23 +322,23 @@ TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAProxyChainAreTheProxy) {
 }
 
 TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWithoutAKnownDialler) {
-  Helper early(programs_.copyHelper("early"));
+  Helper early(copyHelper(programs_, "early"));
   ASSERT_EQ(early.ask("user 54322"), "done");
   const auto flowOfNobody = connectFrom(early);
   early.kill();
   start();
   Helper application;
   ASSERT_EQ(application.ask("user 54321"), "done");
-  Helper samePerson(programs_.copyHelper("same"));
+  Helper samePerson(copyHelper(programs_, "same"));
   ASSERT_EQ(samePerson.ask("user 54322"), "done");
-  Helper service(programs_.copyHelper("service"));
+  Helper service(copyHelper(programs_, "service"));
   ASSERT_EQ(service.ask("user 13"), "done");
   const auto flow = connectFrom(application);
   // Nobody listens.
   EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
   EXPECT_FALSE(source_->identify(flow, 0).leaveReason);
 
-  Helper proxy(programs_.copyHelper("proxy"));
+  Helper proxy(copyHelper(programs_, "proxy"));
   proxy.makeSocket("proxy", kProxyPort);
   ASSERT_EQ(proxy.ask("answer HTTP/1.1 403 Forbidden"), "done");
   EXPECT_EQ(identifierOf(flow), OSTRAVEL_HELPER);
@@ -385,7 +368,7 @@ TEST_F(ApplicationIdentifierSourceTest, AnEndedSenderHasNoIdentifier) {
 
 TEST_F(ApplicationIdentifierSourceTest, AnEndedSenderMayHaveBeenTheProxy) {
   start();
-  Helper proxy(programs_.copyHelper("proxy"));
+  Helper proxy(copyHelper(programs_, "proxy"));
   proxy.makeSocket("proxy", kProxyPort);
   // The sender could be anybody: its user is not always known any more either.
   Helper helper;
@@ -403,7 +386,7 @@ TEST_F(ApplicationIdentifierSourceTest, AnUnknownSenderOfTheProxysUserMayBeThePr
   ASSERT_EQ(otherUser.ask("user 65534"), "done");
   const auto flowOfSameUser = connectFrom(sameUser);
   const auto flowOfOtherUser = connectFrom(otherUser);
-  Helper proxy(programs_.copyHelper("proxy"));
+  Helper proxy(copyHelper(programs_, "proxy"));
   proxy.makeSocket("proxy", kProxyPort);
   start();
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
@@ -418,7 +401,7 @@ TEST_F(ApplicationIdentifierSourceTest, AnUnknownSenderOfTheProxysUserMayBeThePr
 }
 
 TEST_F(ApplicationIdentifierSourceTest, FindsAnEarlierConnectorThroughItsDescriptors) {
-  const std::string program = programs_.copyHelper("early");
+  const std::string program = copyHelper(programs_, "early");
   Helper helper(program);
   const auto flow = connectFrom(helper);
   start();
@@ -426,11 +409,11 @@ TEST_F(ApplicationIdentifierSourceTest, FindsAnEarlierConnectorThroughItsDescrip
 }
 
 TEST_F(ApplicationIdentifierSourceTest, FindsProcessesInProcWithoutTheTracer) {
-  const std::string program = programs_.copyHelper("browser");
+  const std::string program = copyHelper(programs_, "browser");
   Helper helper(program);
-  Helper proxy(programs_.copyHelper("proxy"));
+  Helper proxy(copyHelper(programs_, "proxy"));
   proxy.makeSocket("proxy", kProxyPort);
-  withoutCapabilities(CAP_SYS_PTRACE, [&] {
+  withOnlyCapability(CAP_SYS_PTRACE, [&] {
     start();
     EXPECT_EQ(warnings_.size(), 1U);
     EXPECT_NE(warnings_.at(0).find("connects cannot be traced"), std::string::npos);
@@ -438,7 +421,6 @@ TEST_F(ApplicationIdentifierSourceTest, FindsProcessesInProcWithoutTheTracer) {
     expectEventually(connectFrom(helper), program);
     expectEventually(connectFrom(proxy), kProxy);
     EXPECT_EQ(warnings_.size(), 1U);
-    return true;
   });
 }
 
@@ -446,7 +428,7 @@ TEST_F(ApplicationIdentifierSourceTest, DistinguishesManyProcesses) {
   start();
   for (int i = 0; i < 100; ++i) {
     const std::string program =
-        i % 2 == 0 ? OSTRAVEL_HELPER : programs_.copyHelper("program" + std::to_string(i));
+        i % 2 == 0 ? OSTRAVEL_HELPER : copyHelper(programs_, "program" + std::to_string(i));
     Helper helper(program);
     EXPECT_EQ(identifierOf(connectFrom(helper)), program);
   }

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {

@@ -31,7 +31,7 @@
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -99,8 +99,8 @@ class BorrowedIdentityTest : public ::testing::Test {
   const FileDescriptor listener_ = makeListener();
   const TemporaryFolder registrations_;
   const TemporaryFolder programs_;
-  const std::string registered_ = programs_.copyHelper("registered");
-  const std::string fake_ = programs_.copyHelper("fake");
+  const std::string registered_ = copyHelper(programs_, "registered");
+  const std::string fake_ = copyHelper(programs_, "fake");
   std::optional<ApplicationIdentifierSource> source_;
 };
 
@@ -240,7 +240,7 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExecOfAKnownProcess) {
 
 TEST_F(BorrowedIdentityTest, AConnectFollowedByExecWithAnIdenticalStack) {
   // The same length, so that the data above the stack takes the same space.
-  const std::string sameLength = programs_.copyHelper("fakedOne00");
+  const std::string sameLength = copyHelper(programs_, "fakedOne00");
   start();
   Helper helper(sameLength, [] { return ::personality(ADDR_NO_RANDOMIZE) >= 0; });
   const ProcessTable processes;
@@ -372,7 +372,7 @@ TEST_F(BorrowedIdentityTest, AReusedProcessNumber) {
 }
 
 TEST_F(BorrowedIdentityTest, BytesThatCouldEndAHeaderLine) {
-  const std::string odd = programs_.copyHelper("a\r\nX-Ostravel-App-Id: b\xff ");
+  const std::string odd = copyHelper(programs_, "a\r\nX-Ostravel-App-Id: b\xff ");
   start();
   Helper helper(odd);
   EXPECT_EQ(identifierOf(connectFrom(helper)), programs_.path("a%0D%0AX-Ostravel-App-Id: b%FF%20"));

@@ -1,9 +1,6 @@
 #include "Platform/Linux/Identity/ProxyProcess.h"
 
 #include <gtest/gtest.h>
-#include <linux/capability.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -19,7 +16,8 @@
 #include "Platform/Linux/Kernel/CgroupRoot.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/InChildProcess.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -70,7 +68,7 @@ TEST_F(ProxyProcessTest, IsAbsentWithoutAListener) {
 }
 
 TEST_F(ProxyProcessTest, IsTheProcessThatListens) {
-  Helper helper(folder_.copyHelper("proxy"));
+  Helper helper(copyHelper(folder_, "proxy"));
   helper.makeSocket("listen", kPort);
   Helper other;
   ASSERT_EQ(refresh(), State::known);
@@ -116,8 +114,8 @@ TEST_F(ProxyProcessTest, IsUnknownUntilTheSearchHasFoundIt) {
 }
 
 TEST_F(ProxyProcessTest, ARestartIsNoticedAtOnce) {
-  const std::string program = folder_.copyHelper("proxy");
-  const std::string otherProgram = folder_.copyHelper("other-proxy");
+  const std::string program = copyHelper(folder_, "proxy");
+  const std::string otherProgram = copyHelper(folder_, "other-proxy");
   std::uint64_t lastCookie = 0;
   for (int i = 0; i < 5; ++i) {
     Helper helper(i % 2 == 0 ? program : otherProgram);
@@ -146,26 +144,26 @@ TEST_F(ProxyProcessTest, ANewSocketOfTheSameProcessIsNoticedAtOnce) {
 }
 
 TEST_F(ProxyProcessTest, KeepsIncludingTheOwnerAfterExec) {
-  Helper helper(folder_.copyHelper("proxy"));
+  Helper helper(copyHelper(folder_, "proxy"));
   // The socket is not where an inherited one would be.
   ASSERT_EQ(helper.ask("hold 50"), "done");
   helper.makeSocket("listen", kPort);
   ASSERT_EQ(refresh(), State::known);
   ASSERT_EQ(helper.ask("user 65534"), "done");
-  ASSERT_EQ(helper.ask("run " + folder_.copyHelper("other")), "ready");
+  ASSERT_EQ(helper.ask("run " + copyHelper(folder_, "other")), "ready");
   ASSERT_EQ(refresh(), State::known);
   EXPECT_TRUE(includes(helper.pid()));
 }
 
 TEST_F(ProxyProcessTest, IncludesProcessesOfItsExecutableAndUser) {
-  const std::string program = folder_.copyHelper("proxy");
+  const std::string program = copyHelper(folder_, "proxy");
   Helper helper(program);
   ASSERT_EQ(helper.ask("user 65534"), "done");
   helper.makeSocket("listen", kPort);
   Helper same(program);
   ASSERT_EQ(same.ask("user 65534"), "done");
   Helper otherUser(program);
-  Helper otherProgram(folder_.copyHelper("other"));
+  Helper otherProgram(copyHelper(folder_, "other"));
   ASSERT_EQ(otherProgram.ask("user 65534"), "done");
   ASSERT_EQ(refresh(), State::known);
   EXPECT_EQ(proxy_->uid(), 65534U);
@@ -175,11 +173,11 @@ TEST_F(ProxyProcessTest, IncludesProcessesOfItsExecutableAndUser) {
 }
 
 TEST_F(ProxyProcessTest, AnUpdatedExecutableIsStillItsExecutable) {
-  const std::string program = folder_.copyHelper("proxy");
+  const std::string program = copyHelper(folder_, "proxy");
   Helper helper(program);
   helper.makeSocket("listen", kPort);
   std::filesystem::remove(program);
-  folder_.copyHelper("proxy");
+  copyHelper(folder_, "proxy");
   Helper updated(program);
   ASSERT_EQ(refresh(), State::known);
   EXPECT_TRUE(includes(updated.pid()));
@@ -191,10 +189,10 @@ TEST_F(ProxyProcessTest, IncludesProcessesOfItsService) {
   const std::string group = *root + "/ostravel-proxy-" + std::to_string(::getpid()) + ".service";
   ASSERT_TRUE(std::filesystem::create_directory(group));
   {
-    Helper helper(folder_.copyHelper("proxy"));
+    Helper helper(copyHelper(folder_, "proxy"));
     helper.makeSocket("listen", kPort);
-    Helper worker(folder_.copyHelper("worker"));
-    Helper other(folder_.copyHelper("other"));
+    Helper worker(copyHelper(folder_, "worker"));
+    Helper other(copyHelper(folder_, "other"));
     for (const pid_t pid : {helper.pid(), worker.pid()}) {
       std::ofstream(group + "/cgroup.procs") << pid;
     }
@@ -220,7 +218,7 @@ TEST_F(ProxyProcessTest, IncludesProcessesThatInheritedTheSocket) {
 }
 
 TEST_F(ProxyProcessTest, FindsTheNewOwnerOfASocketThatOutlivesItsOwner) {
-  const std::string program = folder_.copyHelper("proxy");
+  const std::string program = copyHelper(folder_, "proxy");
   auto listener = makeSocket(AF_INET, SOCK_STREAM);
   ASSERT_TRUE(bindTo(listener, AF_INET, loopbackIPv4(kPort)));
   ASSERT_EQ(::listen(listener.get(), 1), 0);
@@ -233,25 +231,17 @@ TEST_F(ProxyProcessTest, FindsTheNewOwnerOfASocketThatOutlivesItsOwner) {
 TEST_F(ProxyProcessTest, IsUnknownAndWarnsOnceWithoutPermission) {
   Helper helper;
   helper.makeSocket("listen", kPort);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    // Without capabilities a process cannot inspect others of the same user that have them.
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
-    bool isRight = ::syscall(SYS_capset, &header, none.data()) == 0;
+  // Without capabilities a process cannot inspect others of the same user that have them.
+  withoutCapabilities([&] {
     // The allowance for searches may be used up before all processes have been scanned.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     for (int i = 0; i < 1000 || (warnings_.empty() && std::chrono::steady_clock::now() < deadline);
          ++i) {
-      isRight = isRight && proxy_->refresh(::getpid()) == State::unknown;
+      ASSERT_EQ(proxy_->refresh(::getpid()), State::unknown);
     }
-    isRight = isRight && warnings_.size() == 1 && warnings_[0].find("8080") != std::string::npos;
-    ::_exit(isRight ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    ASSERT_EQ(warnings_.size(), 1U);
+    EXPECT_NE(warnings_[0].find("8080"), std::string::npos);
+  });
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 #include "Platform/Linux/Kernel/EventDescriptor.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {

@@ -15,7 +15,7 @@
 
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -104,7 +104,7 @@ TEST_F(ProxyTrustTest, RootsProxyMayCarryEverybodysFlows) {
 }
 
 TEST_F(ProxyTrustTest, EveryProxyIsAnnouncedOnce) {
-  const std::string program = folder_.copyHelper("proxy");
+  const std::string program = copyHelper(folder_, "proxy");
   start();
   for (int i = 0; i < 2; ++i) {
     const auto proxy = proxyOf(kRoot, program);
@@ -127,7 +127,7 @@ TEST_F(ProxyTrustTest, ASystemUsersProxyMayCarryEverybodysFlows) {
 }
 
 TEST_F(ProxyTrustTest, APersonsProxyMayCarryOnlyThatPersonsFlows) {
-  const std::string program = folder_.copyHelper("proxy");
+  const std::string program = copyHelper(folder_, "proxy");
   const auto proxy = proxyOf(kPerson, program);
   start();
   EXPECT_TRUE(holdsEventually(kPerson));
@@ -194,7 +194,7 @@ TEST_F(ProxyTrustTest, ASocketCreatedByAPersonRemainsThatPersons) {
 }
 
 TEST_F(ProxyTrustTest, AWebServerMayCarryNoFlows) {
-  const std::string program = folder_.copyHelper("server");
+  const std::string program = copyHelper(folder_, "server");
   const auto server = proxyOf(kRoot, program);
   ASSERT_EQ(server->ask("answer HTTP/1.1 405 Not Allowed"), "done");
   start();
@@ -242,8 +242,8 @@ TEST_F(ProxyTrustTest, ANewListenerIsTestedBeforeItIsTrusted) {
 }
 
 TEST_F(ProxyTrustTest, TheDiallerOfAChainIsPartOfTheProxy) {
-  const std::string frontProgram = folder_.copyHelper("front");
-  const std::string lastProgram = folder_.copyHelper("last");
+  const std::string frontProgram = copyHelper(folder_, "front");
+  const std::string lastProgram = copyHelper(folder_, "last");
   Helper last(lastProgram);
   ASSERT_EQ(last.ask("user 54322"), "done");
   last.makeSocket("proxy", 3128);

@@ -20,6 +20,7 @@
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
+#include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform {
 namespace {

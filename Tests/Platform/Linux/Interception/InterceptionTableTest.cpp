@@ -19,6 +19,8 @@
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
+#include "Tests/Support/CommandOutput.h"
+#include "Tests/Support/InChildProcess.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -475,19 +477,11 @@ TEST_F(InterceptionTableTest, NamesARuleThatCannotBeTranslated) {
 }
 
 TEST_F(InterceptionTableTest, NamesTheMissingPermission) {
-  constexpr uid_t kNobody = 65534;
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    const bool dropped = ::setresuid(kNobody, kNobody, kNobody) == 0;
+  testing::asOrdinaryUser([] {
     const auto installed = InterceptionTable::install(loopbackSettings(), kMarks, 1, {});
-    const bool isNamed = !installed && installed.error().localizedDescription.find(
-                                           "CAP_NET_ADMIN") != std::string::npos;
-    ::_exit(dropped && isNamed ? 0 : 1);
-  }
-  int status = -1;
-  ::waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    ASSERT_FALSE(installed);
+    EXPECT_NE(installed.error().localizedDescription.find("CAP_NET_ADMIN"), std::string::npos);
+  });
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "Platform/Linux/Interception/FlowAdmission.h"
 #include "Tests/Platform/Linux/Support/KeptLog.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
+#include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform {
 namespace {

@@ -16,6 +16,7 @@
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Tests/Platform/Linux/Support/KeptLog.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
+#include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform {
 namespace {

@@ -11,6 +11,7 @@
 #include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
+#include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform {
 namespace {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
+#include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform {
 namespace {

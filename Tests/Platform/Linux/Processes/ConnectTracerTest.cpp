@@ -26,7 +26,7 @@
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateProcesses.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -70,7 +70,7 @@ TEST(ConnectTracerTest, RecordsTheExecutable) {
   ASSERT_EQ(tracer->detail(), ConnectTracer::Detail::programs);
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   const TemporaryFolder folder;
-  const std::string program = folder.copyHelper("program");
+  const std::string program = copyHelper(folder, "program");
   const ProcessTable processes;
   Helper helper(program, [&socket] { return ::dup2(socket.get(), 5) == 5; });
   ASSERT_EQ(helper.ask("user 65534"), "done");

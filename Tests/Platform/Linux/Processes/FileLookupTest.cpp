@@ -13,7 +13,7 @@
 #include "Tests/Platform/Linux/Support/HangingFileSystem.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -68,7 +68,7 @@ TEST_F(FileLookupTest, DoesNotFollowALink) {
 }
 
 TEST_F(FileLookupTest, FindsTheExecutableOfAProcess) {
-  const std::string program = folder_.copyHelper("program");
+  const std::string program = copyHelper(folder_, "program");
   Helper helper(program);
   const auto file = at(program).file;
   ASSERT_TRUE(file);
@@ -81,7 +81,7 @@ TEST_F(FileLookupTest, FindsTheExecutableOfAProcess) {
 }
 
 TEST_F(FileLookupTest, FindsAnExecutableInAnotherMountNamespace) {
-  const std::string program = folder_.copyHelper("program");
+  const std::string program = copyHelper(folder_, "program");
   Helper helper(program, &enterPrivateMounts);
   EXPECT_EQ(eventually([&] { return files_.executableOf(helper.pid(), kRoot); }).file,
             at(program).file);

@@ -20,8 +20,9 @@
 
 #include "Platform/Linux/Kernel/CgroupRoot.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
+#include "Tests/Platform/Linux/Support/PrivateMounts.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -56,7 +57,7 @@ TEST_F(ProcessTableTest, DescribesThisProcess) {
 }
 
 TEST_F(ProcessTableTest, ReportsTheUserAndTheExecutable) {
-  const std::string program = folder_.copyHelper("program");
+  const std::string program = copyHelper(folder_, "program");
   Helper helper(program);
   ASSERT_EQ(helper.ask("user 65534"), "done");
   const auto process = findSettled(helper.pid());
@@ -66,7 +67,7 @@ TEST_F(ProcessTableTest, ReportsTheUserAndTheExecutable) {
 }
 
 TEST_F(ProcessTableTest, ARemovedProgramKeepsItsPathButIsNotGenuine) {
-  const std::string program = folder_.copyHelper("program");
+  const std::string program = copyHelper(folder_, "program");
   Helper helper(program);
   auto process = findSettled(helper.pid());
   ASSERT_TRUE(process);
@@ -85,7 +86,7 @@ TEST_F(ProcessTableTest, ARemovedProgramKeepsItsPathButIsNotGenuine) {
 }
 
 TEST_F(ProcessTableTest, APathMayEndInDeleted) {
-  const std::string program = folder_.copyHelper("program (deleted)");
+  const std::string program = copyHelper(folder_, "program (deleted)");
   Helper helper(program);
   const auto process = findSettled(helper.pid());
   ASSERT_TRUE(process);
@@ -95,7 +96,7 @@ TEST_F(ProcessTableTest, APathMayEndInDeleted) {
 }
 
 TEST_F(ProcessTableTest, APathMayContainAnyBytes) {
-  Helper helper(folder_.copyHelper("pro\xffgram"));
+  Helper helper(copyHelper(folder_, "pro\xffgram"));
   const auto process = findSettled(helper.pid());
   ASSERT_TRUE(process);
   EXPECT_EQ(process->executable, folder_.path("pro\xffgram"));
@@ -103,7 +104,7 @@ TEST_F(ProcessTableTest, APathMayContainAnyBytes) {
 }
 
 TEST_F(ProcessTableTest, ReportsWhoStartedAProgramOfAnotherUser) {
-  const std::string program = folder_.copyHelper("program");
+  const std::string program = copyHelper(folder_, "program");
   ASSERT_EQ(::chmod(program.c_str(), 04755), 0);
   Helper helper(program, [] { return ::setgid(65534) == 0 && ::setuid(65534) == 0; });
   const auto stamp = processes_.stampOf(helper.pid());
@@ -155,7 +156,7 @@ TEST_F(ProcessTableTest, StampsDifferByProgramAndByProcess) {
 }
 
 TEST_F(ProcessTableTest, AMisleadingProgramNameIsParsedCorrectly) {
-  Helper helper(folder_.copyHelper("a) R 1 (b"));
+  Helper helper(copyHelper(folder_, "a) R 1 (b"));
   Helper plain;
   const auto odd = processes_.stampOf(helper.pid());
   const auto reference = processes_.stampOf(plain.pid());
@@ -169,16 +170,14 @@ TEST_F(ProcessTableTest, AMisleadingProgramNameIsParsedCorrectly) {
 // In its own mount namespace, program is covered by cover.
 std::function<bool()> covering(const std::string& program, const std::string& cover) {
   return [program, cover] {
-    return ::unshare(CLONE_NEWNS) == 0 &&
-           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           (cover.empty() ||
-            ::mount(cover.c_str(), program.c_str(), nullptr, MS_BIND, nullptr) == 0);
+    return enterPrivateMounts() && (cover.empty() || ::mount(cover.c_str(), program.c_str(),
+                                                             nullptr, MS_BIND, nullptr) == 0);
   };
 }
 
 TEST_F(ProcessTableTest, AProgramMountedOverAnotherIsNotGenuine) {
-  const std::string program = folder_.copyHelper("program");
-  const std::string cover = folder_.copyHelper("cover");
+  const std::string program = copyHelper(folder_, "program");
+  const std::string cover = copyHelper(folder_, "cover");
   Helper helper(program, covering(program, cover));
   const auto process = findSettled(helper.pid());
   ASSERT_TRUE(process);
@@ -187,7 +186,7 @@ TEST_F(ProcessTableTest, AProgramMountedOverAnotherIsNotGenuine) {
 }
 
 TEST_F(ProcessTableTest, AProgramInAnotherMountNamespaceIsGenuine) {
-  const std::string program = folder_.copyHelper("program");
+  const std::string program = copyHelper(folder_, "program");
   Helper helper(program, covering(program, ""));
   const auto process = findSettled(helper.pid());
   ASSERT_TRUE(process);

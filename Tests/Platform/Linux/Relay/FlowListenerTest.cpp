@@ -12,6 +12,7 @@
 
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+#include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform::test {
 namespace {
@@ -32,13 +33,13 @@ class FlowListenerTest : public RelayTest {
         "nft add chain inet flows out '{ type nat hook output priority -100; }' && "
         "nft add rule inet flows out ip daddr 10.1.0.0/24 tcp dport 443 redirect to :" +
         std::to_string(loop().listener().ipv4Port());
-    runCommand(commands.c_str());
+    testing::outputOf(commands);
     isRedirecting_ = true;
   }
 
   void TearDown() override {
     if (isRedirecting_) {
-      runCommand(
+      testing::outputOf(
           "nft delete table inet flows && ip address delete 10.1.0.1/32 dev lo && "
           "ip address delete 10.1.0.2/32 dev lo");
     }
@@ -173,11 +174,11 @@ TEST_F(FlowListenerTest, RejectsAnUntrackedConnection) {
   auto [completion, future] = readCompletion();
   made.flow->read(std::move(completion));
   made.verdict->wait();
-  runCommand(
+  testing::outputOf(
       "nft 'add table inet untracked; add chain inet untracked out "
       "{ type filter hook output priority raw; }; add rule inet untracked out notrack'");
   EXPECT_EQ(errorOfConnection(application, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
-  runCommand("nft delete table inet untracked");
+  testing::outputOf("nft delete table inet untracked");
   EXPECT_EQ(waitFor(std::move(future)).error->code, ETIMEDOUT);
 }
 
@@ -209,7 +210,7 @@ TEST_F(FlowListenerTest, RecoversFromLackOfDescriptorsWithoutSpinning) {
 }
 
 TEST_F(FlowListenerTest, WithoutIPv6ThereIsNoPortForIt) {
-  runCommand("echo 1 > /proc/sys/net/ipv6/conf/lo/disable_ipv6");
+  testing::outputOf("echo 1 > /proc/sys/net/ipv6/conf/lo/disable_ipv6");
   {
     DescriptorBudget budget(1000);
     MemoryBudget memory;
@@ -217,7 +218,7 @@ TEST_F(FlowListenerTest, WithoutIPv6ThereIsNoPortForIt) {
     EXPECT_NE(withoutIPv6.listener().ipv4Port(), 0);
     EXPECT_EQ(withoutIPv6.listener().ipv6Port(), 0);
   }
-  runCommand(
+  testing::outputOf(
       "echo 0 > /proc/sys/net/ipv6/conf/lo/disable_ipv6 && "
       "ip address replace ::1/128 dev lo nodad && "
       "ip address replace 2001:db8::2/128 dev lo nodad");

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+#include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform::test {
 namespace {
@@ -182,13 +183,13 @@ TEST_F(LinuxTCPConnectionTest, CarriesOurMark) {
       "nft add rule inet marks out tcp dport " +
       std::to_string(listener.local().port) +
       " meta mark and 0x3e000000 != 0x02000000 reject with tcp reset";
-  runCommand(rule.c_str());
+  testing::outputOf(rule);
   ApplicationSocket unmarked("127.0.0.1");
   EXPECT_EQ(unmarked.connectTo("127.0.0.1", listener.local().port), ECONNREFUSED);
   const auto connection = loops_.connect(endpointOf(listener));
   ApplicationSocket server = listener.accept();
   EXPECT_TRUE(becomes(*connection, TCPConnectionState::connected));
-  runCommand("nft delete table inet marks");
+  testing::outputOf("nft delete table inet marks");
 }
 
 TEST_F(LinuxTCPConnectionTest, ReadsNoMoreThanTheMaximum) {

@@ -1,17 +1,13 @@
 #include "Platform/Linux/Services/LinuxSocketCalls.h"
 
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdint>
 
 #include "Platform/Linux/Kernel/PacketMarks.h"
+#include "Tests/Support/InChildProcess.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -51,21 +47,13 @@ TEST(LinuxSocketCallsTest, PassesOnAFailure) {
 }
 
 TEST(LinuxSocketCallsTest, ReturnsAnUnmarkedSocketWithoutPermission) {
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> none{};
+  testing::withoutCapabilities([] {
     LinuxSocketCalls calls;
-    const bool dropped = ::syscall(SYS_capset, &header, none.data()) == 0;
     const auto made = calls.socket(AF_INET, SOCK_STREAM, 0);
-    const bool isUsable =
-        made.value >= 0 && made.error == 0 && markOf(static_cast<int>(made.value)) == 0;
-    ::_exit(dropped && isUsable ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    ASSERT_GE(made.value, 0);
+    EXPECT_EQ(made.error, 0);
+    EXPECT_EQ(markOf(static_cast<int>(made.value)), 0U);
+  });
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <array>
 #include <charconv>
 #include <csignal>
+#include <filesystem>
 
 namespace ostravel::testing {
 
@@ -61,6 +62,11 @@ std::string Helper::readLine() {
     line += byte;
   }
   return line;
+}
+
+std::string copyHelper(const TemporaryFolder& folder, std::string_view name) {
+  EXPECT_TRUE(std::filesystem::copy_file(OSTRAVEL_HELPER, folder.path(name)));
+  return folder.path(name);
 }
 
 }  // namespace ostravel::testing

@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
+
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::testing {
 
@@ -37,5 +40,8 @@ class Helper {
   int toHelper_ = -1;
   int fromHelper_ = -1;
 };
+
+// A copy of the helper program under another name; returns its path.
+std::string copyHelper(const TemporaryFolder& folder, std::string_view name);
 
 }  // namespace ostravel::testing

@@ -8,9 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -164,17 +162,6 @@ void Connecting::send(const std::string& bytes) const {
 void Connecting::reset() {
   resetAtClose(descriptor_);
   ::close(std::exchange(descriptor_, -1));
-}
-
-std::string outputOf(const std::string& command) {
-  std::string output;
-  std::FILE* const pipe = ::popen(command.c_str(), "r");
-  std::array<char, 4096> chunk{};
-  while (const std::size_t size = std::fread(chunk.data(), 1, chunk.size(), pipe)) {
-    output.append(chunk.data(), size);
-  }
-  EXPECT_EQ(::pclose(pipe), 0) << command;
-  return output;
 }
 
 }  // namespace ostravel::testing

@@ -84,7 +84,4 @@ class Connecting {
   int descriptor_;
 };
 
-// The output of a command, which must succeed.
-std::string outputOf(const std::string& command);
-
 }  // namespace ostravel::testing

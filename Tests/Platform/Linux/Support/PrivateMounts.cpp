@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
+#include "Tests/Support/InChildProcess.h"
 
 namespace ostravel::testing {
 
@@ -16,18 +14,10 @@ bool enterPrivateMounts() {
 }
 
 void inPrivateMounts(const std::function<void()>& body) {
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    EXPECT_TRUE(enterPrivateMounts()) << "run as root";
+  inChildProcess([&body] {
+    ASSERT_TRUE(enterPrivateMounts()) << "run as root";
     body();
-    std::fflush(nullptr);
-    ::_exit(::testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  });
 }
 
 }  // namespace ostravel::testing

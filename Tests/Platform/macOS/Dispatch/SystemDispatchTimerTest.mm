@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class SystemDispatchTimerTest : public testing::Test {
+class SystemDispatchTimerTest : public ::testing::Test {
  protected:
   MacPlatform platform_;
 };

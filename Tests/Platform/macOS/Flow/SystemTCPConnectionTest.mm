@@ -38,7 +38,7 @@ class CountingObserver final : public platform::KeyValueObserver {
   std::atomic<int> count_ = 0;
 };
 
-class SystemTCPConnectionTest : public testing::Test {
+class SystemTCPConnectionTest : public ::testing::Test {
  protected:
   SystemTCPConnectionTest() {
     @autoreleasepool {

@@ -16,7 +16,7 @@ namespace ostravel::macos::test {
 namespace {
 
 // A TCP flow whose application does nothing.
-class SystemTCPFlowTest : public testing::Test {
+class SystemTCPFlowTest : public ::testing::Test {
  protected:
   SystemTCPFlowTest() : ends_(standin::makeStreamPair()) {}
   ~SystemTCPFlowTest() override {

@@ -21,8 +21,8 @@
 namespace ostravel::macos::test {
 namespace {
 
-using companion::test::ChildProcess;
-using companion::test::TemporaryFolder;
+using testing::ChildProcess;
+using testing::TemporaryFolder;
 
 std::vector<std::string> loggedTexts() {
   std::vector<std::string> texts;
@@ -38,7 +38,7 @@ bool wasLogged(const std::string& text) {
 }
 
 // Starting and stopping, as the system does it.
-class OVPacketTunnelProviderTest : public testing::Test {
+class OVPacketTunnelProviderTest : public ::testing::Test {
  protected:
   ~OVPacketTunnelProviderTest() override {
     provider_.release();
@@ -300,7 +300,7 @@ TEST_F(OVPacketTunnelProviderTest, APathWhereNobodyListensIsOneSystemLogLineForE
 
 TEST_F(OVPacketTunnelProviderTest, EventsReachTheMonitor) {
   const TemporaryFolder folder;
-  const std::string path = folder.file("events");
+  const std::string path = folder.path("events");
   ChildProcess monitor({OSTRAVEL_MONITOR_PROGRAM, "--json", "--socket", path});
   monitor.readErrorLine();
   provider_.configure([NSDictionary dictionaryWithObject:makeString("  " + path + "\n")

@@ -8,7 +8,7 @@
 namespace ostravel::macos::test {
 namespace {
 
-class StartCoalescerTest : public testing::Test {
+class StartCoalescerTest : public ::testing::Test {
  protected:
   // Notes the answer under the name of the start.
   platform::ErrorCompletion noting(const std::string& name) {

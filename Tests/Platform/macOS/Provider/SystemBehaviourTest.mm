@@ -29,7 +29,7 @@ std::ostream& operator<<(std::ostream& stream, const Mode& mode) {
 }
 
 // A base, so that it is there before the provider and until after it.
-class ModeScope : public testing::WithParamInterface<Mode> {
+class ModeScope : public ::testing::WithParamInterface<Mode> {
  private:
   const BehaviourScope scope_{GetParam().behaviour};
 };
@@ -129,19 +129,19 @@ TEST_P(SystemBehaviourTest, ATakenFlowEndsAsTheSystemHasIt) {
 
 INSTANTIATE_TEST_SUITE_P(
     EachMode, SystemBehaviourTest,
-    testing::Values(Mode{"Usual", {}},
-                    Mode{"SettingsAnsweredInside", {.answersSettingsInsideTheCall = true}},
-                    Mode{"RepeatedSettingsCrash", {.crashesOnRepeatedSettings = true}},
-                    Mode{"CancelNotifiesInside", {.notifiesInsideCancel = true}},
-                    Mode{"NothingClosesOnRelease",
-                         {.closesReleasedConnections = false, .releasedFlow = ReleasedFlow::stays}},
-                    Mode{"TakenFlowIsHandedBack", {.releasedFlow = ReleasedFlow::isHandedBack}},
-                    Mode{"AllAtOnce",
-                         {.answersSettingsInsideTheCall = true,
-                          .crashesOnRepeatedSettings = true,
-                          .notifiesInsideCancel = true,
-                          .closesReleasedConnections = false,
-                          .releasedFlow = ReleasedFlow::stays}}),
+    ::testing::Values(
+        Mode{"Usual", {}}, Mode{"SettingsAnsweredInside", {.answersSettingsInsideTheCall = true}},
+        Mode{"RepeatedSettingsCrash", {.crashesOnRepeatedSettings = true}},
+        Mode{"CancelNotifiesInside", {.notifiesInsideCancel = true}},
+        Mode{"NothingClosesOnRelease",
+             {.closesReleasedConnections = false, .releasedFlow = ReleasedFlow::stays}},
+        Mode{"TakenFlowIsHandedBack", {.releasedFlow = ReleasedFlow::isHandedBack}},
+        Mode{"AllAtOnce",
+             {.answersSettingsInsideTheCall = true,
+              .crashesOnRepeatedSettings = true,
+              .notifiesInsideCancel = true,
+              .closesReleasedConnections = false,
+              .releasedFlow = ReleasedFlow::stays}}),
     [](const auto& tested) { return tested.param.name; });
 
 // A proxy that goes between the last probe and the connection of a flow.

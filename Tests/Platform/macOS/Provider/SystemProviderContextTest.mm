@@ -15,7 +15,7 @@ namespace ostravel::macos::test {
 namespace {
 
 // The context of a provider object that only the test holds.
-class SystemProviderContextTest : public testing::Test {
+class SystemProviderContextTest : public ::testing::Test {
  protected:
   using Provider = Reference<NETransparentProxyProvider*>;
 

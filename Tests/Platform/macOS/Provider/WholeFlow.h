@@ -25,10 +25,10 @@
 
 namespace ostravel::macos::test {
 
-using companion::test::ChildProcess;
-using companion::test::TemporaryFolder;
-using companion::test::TestListener;
-using companion::test::TestSocket;
+using testing::ChildProcess;
+using testing::TemporaryFolder;
+using testing::TestListener;
+using testing::TestSocket;
 
 inline constexpr std::uint16_t kProxyPort = 8080;
 
@@ -40,7 +40,7 @@ struct OfferedFlow {
 };
 
 // Whole flows through the principal object, with real sockets on both sides.
-class WholeFlowTest : public testing::Test {
+class WholeFlowTest : public ::testing::Test {
  protected:
   WholeFlowTest() { standin::clearLogRecord(); }
   ~WholeFlowTest() override {
@@ -118,7 +118,7 @@ class CompanionFlowTest : public WholeFlowTest {
   }
 
   const TemporaryFolder folder_;
-  const std::string path_ = folder_.file("events");
+  const std::string path_ = folder_.path("events");
   std::optional<ChildProcess> sidecar_;
   std::optional<ChildProcess> monitor_;
 };

@@ -6,7 +6,7 @@
 namespace ostravel::macos::test {
 
 // An autorelease pool around each test, as the system has one around each of its calls.
-class PoolTest : public testing::Test {
+class PoolTest : public ::testing::Test {
  protected:
   ~PoolTest() override { [pool_ release]; }
 

@@ -15,8 +15,8 @@
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Relay/LinuxTCPFlow.h"
 #include "Tests/Platform/Linux/Relay/Support/ApplicationSocket.h"
-#include "Tests/Platform/Linux/Relay/Support/PrivateNetwork.h"
 #include "Tests/Platform/Linux/Relay/Support/RecordedPacket.h"
+#include "Tests/Platform/Linux/Relay/Support/RelayNetwork.h"
 
 namespace ostravel::linuxplatform::test {
 

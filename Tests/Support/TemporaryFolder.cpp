@@ -1,4 +1,4 @@
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -16,7 +16,8 @@ TemporaryFolder::TemporaryFolder() {
 }
 
 TemporaryFolder::~TemporaryFolder() {
-  std::filesystem::remove_all(path_);
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
 }
 
 std::string TemporaryFolder::path(std::string_view name) const {
@@ -26,11 +27,6 @@ std::string TemporaryFolder::path(std::string_view name) const {
 std::string TemporaryFolder::write(std::string_view name, std::string_view text) const {
   std::ofstream(path(name), std::ios::binary) << text;
   EXPECT_EQ(::chmod(path(name).c_str(), 0644), 0);
-  return path(name);
-}
-
-std::string TemporaryFolder::copyHelper(std::string_view name) const {
-  EXPECT_TRUE(std::filesystem::copy_file(OSTRAVEL_HELPER, path(name)));
   return path(name);
 }
 
