@@ -72,7 +72,9 @@ def device_problems(profile, kind, device):
 def problems(profile, wanted, kind, certificates, device):
     if "OSX" not in profile.get("Platform", []):
         yield f"it is for {', '.join(profile.get('Platform', [])) or 'no platform'}, not for OSX"
-    if profile["ExpirationDate"] <= datetime.datetime.now():
+    # plistlib reads times as universal ones without a zone.
+    now = datetime.datetime.now(datetime.timezone.utc).replace(tzinfo=None)
+    if profile["ExpirationDate"] <= now:
         yield f"it expired on {profile['ExpirationDate']:%Y-%m-%d}"
     yield from team_problems(profile, wanted)
     yield from entitlement_problems(profile, wanted)

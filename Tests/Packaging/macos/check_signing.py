@@ -154,6 +154,7 @@ done
             for kind in ("Development", "DeveloperID"):
                 path = self.build / f"entitlements/{part}-{kind}.entitlements"
                 path.write_bytes(plistlib.dumps(entitlements(part, kind)))
+        self.environment = {}
         self.use_profiles("Development")
 
     def use_profiles(self, kind):
@@ -168,7 +169,7 @@ done
         command = [SCRIPT, *options, kind, self.build, self.identity,
                    self.folder / "host.provisionprofile",
                    self.folder / "extension.provisionprofile", *more]
-        environment = {**os.environ, "TOOL_LOG": str(self.log), "FAILING_TOOL": failing,
+        environment = {**os.environ, **self.environment, "TOOL_LOG": str(self.log), "FAILING_TOOL": failing,
                        "CERTIFICATES": self.certificates,
                        "PATH": f"{self.folder / 'tools'}:{os.environ['PATH']}"}
         return subprocess.run(command, text=True, capture_output=True, check=False,
@@ -319,6 +320,17 @@ done
     def test_an_expired_profile_is_refused(self):
         self.expect_mismatch("it expired on 2026-01-06",
                              ExpirationDate=datetime.datetime(2026, 1, 6, 9, 12, 44))
+
+    def test_the_expiry_of_a_profile_is_in_universal_time(self):
+        now = datetime.datetime.now(datetime.timezone.utc).replace(tzinfo=None, microsecond=0)
+        hour = datetime.timedelta(hours=1)
+        self.environment["TZ"] = "EAST-14"
+        self.write_profile("Extension", {**profile("Extension", "Development"),
+                                         "ExpirationDate": now + hour})
+        self.assertEqual(self.sign("development").returncode, 0)
+        self.log.unlink()
+        self.environment["TZ"] = "WEST+11"
+        self.expect_mismatch("it expired on", ExpirationDate=now - hour)
 
     def test_a_profile_for_phones_is_refused(self):
         self.expect_mismatch("it is for iOS, xrOS, visionOS, not for OSX",
