@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
 """Runs the signing script with tools that write down how they are called.
 
-What the tools print has the form that it has on a Mac; names and numbers are made up.
+What the tools print is composed from their manual pages and from published examples, not recorded:
+nothing here has run on a Mac. So these tests show that the script decides rightly about output of
+this form, and not that the output has it. "What only a Mac can answer" in Documentation/macos.md
+says how to record the real one.
 """
 
 import base64
