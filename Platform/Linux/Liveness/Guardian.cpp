@@ -13,6 +13,7 @@ extern "C" {
 #include <sys/pidfd.h>
 }
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -21,6 +22,7 @@ extern "C" {
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/CgroupRoot.h"
 #include "Platform/Linux/Liveness/HangDetector.h"
+#include "Platform/Linux/Liveness/StarvationDetector.h"
 
 namespace ostravel::linuxplatform {
 
@@ -109,29 +111,59 @@ void writeLine(const std::string& line) {
   }
 }
 
+// wholeProcess: nothing in it ran, not even the heartbeat.
+enum class Extent { wholeProcess, participants };
+
+// What made no progress.
+std::string describe(const HeartbeatRecord& record, Extent extent) {
+  switch (record.phase()) {
+    case Phase::starting:
+      return "the start";
+    case Phase::stopping:
+      return "the end";
+    case Phase::running:
+      break;
+  }
+  const std::string laggards = participantNames(record.laggards());
+  return extent == Extent::wholeProcess || laggards.empty() ? "the whole process" : laggards;
+}
+
 // The kill comes first: nothing may delay it.
-[[noreturn]] void kill(const HeartbeatRecord& record, Guardian::Extent extent) {
+[[noreturn]] void kill(const std::string& culprit, std::chrono::seconds limit) {
   if (::pidfd_send_signal(kExtension, SIGKILL, nullptr, 0) == 0) {
-    writeLine("ostravel-extension: killed: " + Guardian::reason(record, extent) + "\n");
+    writeLine("ostravel-extension: killed: no heartbeat for " + std::to_string(limit.count()) +
+              " s: " + culprit + " made no progress\n");
   }
   ::_exit(EXIT_SUCCESS);
 }
 
-[[noreturn]] void watch(const HeartbeatRecord& record) {
+[[noreturn]] void watch(pid_t extension, const HeartbeatRecord& record) {
   HangDetector heartbeat(Clock::now(), record.beats());
   HangDetector checks(Clock::now(), record.checks());
+  StarvationDetector starvation("/proc/" + std::to_string(extension) + "/task");
+  bool isStarved = false;
   while (!waitForEnd(HangDetector::kInterval)) {
     const auto now = Clock::now();
+    const auto limit = limitOf(record.phase());
     const bool isCheckMissing = checks.observe(now, record.checks(), kLongestCheckGap);
-    if (heartbeat.observe(now, record.beats(), limitOf(record.phase()))) {
-      kill(record,
-           isCheckMissing ? Guardian::Extent::wholeProcess : Guardian::Extent::participants);
+    const bool isMissing = heartbeat.observe(now, record.beats(), limit);
+    // Observed only while the heartbeat is late.
+    if (heartbeat.silence() < limit / 2) {
+      starvation.forget();
+      isStarved = false;
+      continue;
+    }
+    isStarved = starvation.observe() || isStarved;
+    const auto longest = isStarved ? std::max(limit, Guardian::kStarvedLimit) : limit;
+    if (isMissing && heartbeat.silence() >= longest) {
+      const auto extent = isCheckMissing ? Extent::wholeProcess : Extent::participants;
+      kill(describe(record, extent), longest);
     }
   }
   ::_exit(EXIT_SUCCESS);
 }
 
-[[noreturn]] void guard(int extension, const HeartbeatRecord& record) {
+[[noreturn]] void guard(pid_t process, int extension, const HeartbeatRecord& record) {
   keepOnlyStandardErrorAnd(extension);
   ignoreRequestsToEnd();
   takeName();
@@ -140,14 +172,15 @@ void writeLine(const std::string& line) {
   [[maybe_unused]] const int changed = ::chdir("/");
   leaveControlGroup();
   raisePriority();
-  watch(record);
+  watch(process, record);
 }
 
 }  // namespace
 
 platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record) {
   // Opened before the fork, it cannot refer to another process with the same number.
-  const FileDescriptor extension(::pidfd_open(::getpid(), 0));
+  const pid_t self = ::getpid();
+  const FileDescriptor extension(::pidfd_open(self, 0));
   if (!extension.isOpen()) {
     return platform::systemCallError(errno, "pidfd_open");
   }
@@ -156,7 +189,7 @@ platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record) {
     return platform::systemCallError(errno, "fork");
   }
   if (process == 0) {
-    guard(extension.get(), record);
+    guard(self, extension.get(), record);
   }
   return Guardian(process);
 }
@@ -167,23 +200,6 @@ bool Guardian::hasEnded() {
   }
   process_ = -1;
   return true;
-}
-
-std::string Guardian::reason(const HeartbeatRecord& record, Extent extent) {
-  const Phase phase = record.phase();
-  const std::string limit = "no heartbeat for " + std::to_string(limitOf(phase).count()) + " s: ";
-  switch (phase) {
-    case Phase::starting:
-      return limit + "the start made no progress";
-    case Phase::stopping:
-      return limit + "the end made no progress";
-    case Phase::running:
-      break;
-  }
-  const std::string laggards = participantNames(record.laggards());
-  return limit +
-         (extent == Extent::wholeProcess || laggards.empty() ? "the whole process" : laggards) +
-         " made no progress";
 }
 
 }  // namespace ostravel::linuxplatform

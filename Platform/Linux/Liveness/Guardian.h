@@ -31,6 +31,10 @@ class Guardian {
   static constexpr std::chrono::seconds kStartLimit{30};
   static constexpr std::chrono::seconds kRunLimit{1};
   static constexpr std::chrono::seconds kStopLimit{2};
+  // The same for an extension that gets no processor time. New flows are no longer offered then, so
+  // only those that are held wait for it; killing it would reset every tunnel, which any user could
+  // bring about with enough busy processes.
+  static constexpr std::chrono::seconds kStarvedLimit{10};
 
   // Forks. Called once, by the process to be guarded, before it has a second thread and before it
   // allocates much memory, which the guardian would copy. The record outlives both.
@@ -41,11 +45,6 @@ class Guardian {
   bool hasEnded();
 
   pid_t process() const { return process_; }
-
-  // Why an extension was killed, as a clause. wholeProcess: nothing in it ran, not even the
-  // heartbeat.
-  enum class Extent { wholeProcess, participants };
-  static std::string reason(const HeartbeatRecord& record, Extent extent);
 
  private:
   explicit Guardian(pid_t process) : process_(process) {}

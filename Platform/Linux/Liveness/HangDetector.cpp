@@ -14,7 +14,7 @@ bool HangDetector::observe(Clock::time_point now, std::uint32_t counter, Clock::
     unchangedSince_ = now;
     return false;
   }
-  return now - unchangedSince_ >= limit;
+  return silence() >= limit;
 }
 
 }  // namespace ostravel::linuxplatform

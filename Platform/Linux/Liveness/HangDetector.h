@@ -26,6 +26,9 @@ class HangDetector {
   // smaller number.
   bool observe(Clock::time_point now, std::uint32_t counter, Clock::duration limit);
 
+  // How long the counter had been unchanged at the last observation.
+  Clock::duration silence() const { return lastObservation_ - unchangedSince_; }
+
  private:
   Clock::time_point lastObservation_;
   Clock::time_point unchangedSince_;

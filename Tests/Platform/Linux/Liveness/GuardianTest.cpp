@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -124,6 +125,33 @@ TEST(GuardianTest, KillsAStoppedProcess) {
     ::raise(SIGSTOP);
   });
   EXPECT_TRUE(isKilled(guarded.wait()));
+}
+
+// A real-time process leaves nothing to others on its processor for longer than the limit.
+TEST(GuardianTest, SparesAProcessThatGetsNoProcessorTime) {
+  constexpr auto kStarving = 3s;
+  const auto begin = Clock::now();
+  Guarded guarded([kStarving](HeartbeatRecord& record, Guardian& /*guardian*/) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(::sched_getcpu(), &one);
+    ::sched_setaffinity(0, sizeof one, &one);
+    if (::fork() == 0) {
+      sched_param parameters{.sched_priority = ::sched_get_priority_min(SCHED_FIFO)};
+      if (::sched_setscheduler(0, SCHED_FIFO, &parameters) != 0) {
+        ::_exit(EXIT_FAILURE);
+      }
+      const auto start = Clock::now();
+      while (Clock::now() - start < kStarving) {
+      }
+      ::_exit(EXIT_SUCCESS);
+    }
+    record.enter(Phase::running);
+    while (true) {
+    }
+  });
+  EXPECT_TRUE(isKilled(guarded.wait()));
+  EXPECT_GE(Clock::now() - begin, kStarving);
 }
 
 TEST(GuardianTest, AStalledShutdownHasALongerLimit) {
