@@ -21,7 +21,6 @@
 
 namespace ostravel::linuxplatform {
 
-
 namespace {
 
 // Reached only if the kernel does not answer at all.
