@@ -126,7 +126,7 @@ ProxyTunnelMonitoringEvent smallEvent(platform::Platform& platform) {
 
 using MakeEvent = ProxyTunnelMonitoringEvent (*)(platform::Platform&);
 
-class MonitoringMemory : public testing::TestWithParam<MakeEvent> {};
+class MonitoringMemory : public ::testing::TestWithParam<MakeEvent> {};
 
 TEST_P(MonitoringMemory, OfACompanionThatNeverReadsIsBounded) {
   auto companion = std::make_optional<DeafCompanion>(0);
@@ -178,7 +178,7 @@ TEST(MonitoringWrite, ThatBlocksHoldsUpLaterEventsAndNoEmitter) {
   EXPECT_GT(DeafCompanion::readToEnd(companion.accept()), 4U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Events, MonitoringMemory, testing::Values(&largeEvent, &smallEvent));
+INSTANTIATE_TEST_SUITE_P(Events, MonitoringMemory, ::testing::Values(&largeEvent, &smallEvent));
 
 }  // namespace
 }  // namespace ostravel
