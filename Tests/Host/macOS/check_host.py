@@ -243,7 +243,7 @@ class MonitoringSocketTest(HostCase):
                  "a socket's path has at most 103"),
                 ("/é".encode() * 35, '"' + "/é" * 35 + '" has 105 bytes; '
                  "a socket's path has at most 103"),
-                (b"/tmp/\xff\n", r'"/tmp/\xFF\x0A" is not UTF-8')):
+                (b"/tmp/\xff\n", r'"/tmp/\xff\n" is not UTF-8')):
             with self.subTest(path=path):
                 self.assertEqual(self.host("activate", "--monitoring-socket", path), 2)
                 self.assertEqual(self.output, "")
@@ -435,7 +435,7 @@ class CommandLineTest(HostCase):
         for arguments, reason in (
                 ([], "a command is missing"),
                 (["install"], 'there is no command "install"'),
-                ([b"\xe9\x01"], r'there is no command "\xE9\x01"'),
+                ([b"\xe9\x01"], r'there is no command "\xe9\x01"'),
                 (["activate", "now"], 'unexpected argument "now"'),
                 (["activate", "--monitoring-socket", "/a", "/b"], 'unexpected argument "/b"'),
                 (["deactivate", "now"], 'unexpected argument "now"'),

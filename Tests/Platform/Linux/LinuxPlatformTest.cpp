@@ -56,7 +56,7 @@ TEST(LinuxPlatformTest, LogsToStandardError) {
   const std::string text = testing::internal::GetCapturedStderr();
   EXPECT_NE(text.find("Z info    OstravelProxy: one\n"), std::string::npos) << text;
   EXPECT_NE(text.find("Z default OstravelProxy: two\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("Z error   OstravelProxy monitoring send failed: %{public}s\\x0a\n"),
+  EXPECT_NE(text.find("Z error   OstravelProxy monitoring send failed: %{public}s\\n\n"),
             std::string::npos)
       << text;
   EXPECT_EQ(text.find("hidden"), std::string::npos) << text;

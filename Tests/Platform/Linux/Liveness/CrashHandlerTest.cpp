@@ -123,7 +123,7 @@ TEST_F(CrashHandlerTest, AnUncaughtExceptionIsLogged) {
   const std::string text = readToEnd();
   expectAllLines(text);
   EXPECT_TRUE(
-      text.ends_with("Z error   OstravelProxy: Terminated by an exception: went\\x0awrong\n"))
+      text.ends_with("Z error   OstravelProxy: Terminated by an exception: went\\nwrong\n"))
       << text.substr(text.size() - 200);
   EXPECT_EQ(signalOfEnd(), SIGABRT);
 }
