@@ -165,6 +165,17 @@ class ProviderStartWithoutPath
     : public ProviderTest,
       public testing::WithParamInterface<std::optional<platform::TunnelProviderProtocol>> {};
 
+TEST_P(ProviderStartWithoutPath, LogsTheSameLines) {
+  simulation_.setProtocolConfiguration(GetParam());
+
+  startProvider();
+
+  EXPECT_EQ(simulation_.logLines(),
+            (Lines{"OstravelProxy: init()", "OstravelProxy: Starting Proxy provider...",
+                   "OstravelProxy: Rules summary included=32 excluded=2 httpsOnly=false",
+                   "OstravelProxy: Rules set successfully"}));
+}
+
 TEST_P(ProviderStartWithoutPath, DropsItsEventAndContinues) {
   simulation_.setProtocolConfiguration(GetParam());
   Completions completions;
