@@ -235,6 +235,17 @@ TEST_F(TunnelObservation, OfADisconnectionClosesWithTheConnectionsError) {
                               "closed FLOW", "connection 1: state cancelled"}));
 }
 
+TEST_F(TunnelObservation, OfADisconnectionHandsThePlatformsOwnErrorObjectOn) {
+  test::ScriptedConnection disconnected;
+  disconnected.currentState = TCPConnectionState::disconnected;
+  disconnected.currentError = someError();
+  disconnected.currentError->platformObject = std::make_shared<platform::Error::PlatformObject>();
+
+  tunnel_->observeValue("state", &disconnected);
+
+  EXPECT_EQ(flow_->readCloseError()->platformObject, disconnected.currentError->platformObject);
+}
+
 TEST_F(TunnelObservation, OfADisconnectionWithoutAnErrorClosesInOrder) {
   connection_->setState(TCPConnectionState::disconnected);
 

@@ -253,6 +253,19 @@ TEST_F(FlowDispatch, ClosesAFlowThatCannotBeOpenedWithItsError) {
   EXPECT_EQ(simulation_.logRecords().back().category, "OstravelProxy");
 }
 
+TEST_F(FlowDispatch, HandsThePlatformsOwnErrorObjectOfAFailedOpenOn) {
+  const auto flow = makeFlow();
+  Error error = kOpenError;
+  error.platformObject = std::make_shared<Error::PlatformObject>();
+  flow->failOpen(error);
+  provider_->handleNewFlow(flow);
+
+  simulation_.run();
+
+  EXPECT_EQ(flow->readCloseError()->platformObject, error.platformObject);
+  EXPECT_EQ(flow->writeCloseError()->platformObject, error.platformObject);
+}
+
 TEST_F(FlowDispatch, ReportsNothingAndTakesNoSlotForAFlowThatCannotBeOpened) {
   const auto flow = makeFlow();
   flow->failOpen(kOpenError);

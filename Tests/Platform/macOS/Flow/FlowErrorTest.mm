@@ -57,6 +57,14 @@ TEST_F(FlowErrorTest, TheOriginalErrorIsUnderneath) {
   EXPECT_EQ(errorFrom([[made userInfo] objectForKey:NSUnderlyingErrorKey]), error);
 }
 
+TEST_F(FlowErrorTest, AnErrorOfTheSystemIsTheSameObjectUnderneath) {
+  NSError* const original = [NSError errorWithDomain:NSPOSIXErrorDomain
+                                                code:ECONNREFUSED
+                                            userInfo:nil];
+  NSError* const made = makeFlowError(errorFrom(original));
+  EXPECT_EQ([[made userInfo] objectForKey:NSUnderlyingErrorKey], original);
+}
+
 TEST_F(FlowErrorTest, AnErrorWithoutDescriptionIsNoProblem) {
   NSError* const made = makeFlowError(platform::Error{"Domain", 7, ""});
   EXPECT_EQ([[[made userInfo] objectForKey:NSUnderlyingErrorKey] code], 7);
