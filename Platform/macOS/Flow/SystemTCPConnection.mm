@@ -1,5 +1,6 @@
 #import "Platform/macOS/Flow/SystemTCPConnection.h"
 
+#include <cerrno>
 #include <utility>
 
 #import "Platform/macOS/Dispatch/CompletionBlocks.h"
@@ -10,6 +11,15 @@
 namespace ostravel::macos {
 
 using platform::TCPConnectionState;
+
+namespace {
+
+// nil answers nothing.
+NSError* notConnected() {
+  return [NSError errorWithDomain:NSPOSIXErrorDomain code:ENOTCONN userInfo:nil];
+}
+
+}  // namespace
 
 std::shared_ptr<SystemTCPConnection> SystemTCPConnection::make(NWTCPConnection* connection) {
   const std::shared_ptr<SystemTCPConnection> adapter(new SystemTCPConnection(connection));
@@ -80,17 +90,25 @@ void SystemTCPConnection::stateDidChange() {
 void SystemTCPConnection::read(std::size_t minimum, std::size_t maximum,
                                platform::ReadCompletion completion) {
   @autoreleasepool {
-    [connection_.get()
-        readMinimumLength:minimum
-            maximumLength:maximum
-        completionHandler:readBlock(queue_, weak_from_this(), std::move(completion)).get()];
+    const auto handler = readBlock(queue_, weak_from_this(), std::move(completion));
+    if (connection_.get() == nil) {
+      handler.get()(nil, notConnected());
+      return;
+    }
+    [connection_.get() readMinimumLength:minimum
+                           maximumLength:maximum
+                       completionHandler:handler.get()];
   }
 }
 
 void SystemTCPConnection::write(platform::Data data, platform::ErrorCompletion completion) {
   @autoreleasepool {
-    [connection_.get() write:makeNSData(data)
-           completionHandler:errorBlock(queue_, weak_from_this(), std::move(completion)).get()];
+    const auto handler = errorBlock(queue_, weak_from_this(), std::move(completion));
+    if (connection_.get() == nil) {
+      handler.get()(notConnected());
+      return;
+    }
+    [connection_.get() write:makeNSData(data) completionHandler:handler.get()];
   }
 }
 
