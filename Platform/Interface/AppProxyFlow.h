@@ -6,9 +6,9 @@
 
 namespace ostravel::platform {
 
-// The application's side of one intercepted flow, whatever its protocol. Owned by the provider that
-// takes it. A flow that is destroyed without having been closed is left to the system if none of
-// its bytes were carried yet, and reset otherwise.
+// The application's side of one intercepted flow, whatever its protocol, owned by the provider that
+// takes it. Destroyed unclosed, it is left to the system if it was not opened, or if the platform
+// still holds its first packet; otherwise it is reset, as far as that is up to the platform.
 //
 // All operations may be called from any thread. Completions of one flow and of the connection that
 // was made for it never run at the same time as one another.

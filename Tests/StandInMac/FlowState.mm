@@ -67,6 +67,8 @@ NEFlowMetaData* FlowState::metaData() const {
 
 void FlowState::open(NWEndpoint* localEndpoint, ErrorBlock completion) {
   const std::lock_guard guard(lock_);
+  // Whoever opens a flow has taken it, or is about to say so.
+  wasTaken_ = true;
   openedLocalEndpoint_ = macos::Reference<NWEndpoint*>::retaining(localEndpoint);
   if (holdsOpening_) {
     heldOpenings_.push_back(std::move(completion));
