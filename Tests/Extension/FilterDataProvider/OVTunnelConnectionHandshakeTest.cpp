@@ -37,7 +37,6 @@ TEST_F(TunnelStart, ConstructionTouchesAndLogsNothing) {
   EXPECT_EQ(journal(), Lines{});
   EXPECT_EQ(simulation_.logLines(), Lines{});
   EXPECT_EQ(connection_->observerCount(), 0U);
-  EXPECT_EQ(tunnel_->flowId(), "FLOW");
 }
 
 TEST_F(TunnelStart, ArmsTheWatchdogAndObservesTheConnection) {

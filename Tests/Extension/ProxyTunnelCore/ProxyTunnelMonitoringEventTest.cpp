@@ -97,10 +97,6 @@ INSTANTIATE_TEST_SUITE_P(
                     KeyCase{CodingKey::metrics, "metrics"}, KeyCase{CodingKey::context, "context"}),
     [](const auto& testCase) { return std::string(testCase.param.rawValue); });
 
-TEST(CodingKey, ThereAreTwelve) {
-  EXPECT_EQ(ProxyTunnelMonitoringEvent::kCodingKeyCount, 12U);
-}
-
 class NoCodingKey : public testing::TestWithParam<const char*> {};
 
 TEST_P(NoCodingKey, ConvertsToNothing) {
