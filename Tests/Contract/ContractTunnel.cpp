@@ -9,16 +9,7 @@ ContractTunnel::ContractTunnel(std::shared_ptr<platform::AppProxyTCPFlow> flow, 
     : flow_(std::move(flow)), connect_(std::move(connect)) {}
 
 void ContractTunnel::start() {
-  ++started_;
-  flow_->open(std::nullopt, [self = shared_from_this()](const platform::OptionalError& error) {
-    const OverlapCheck::Scope scope(self->overlap_);
-    ++self->completed_;
-    if (error) {
-      self->close(error);
-    } else {
-      self->connect();
-    }
-  });
+  flow_->open(std::nullopt, thenContinue(&ContractTunnel::connect));
 }
 
 void ContractTunnel::close(const platform::OptionalError& error) {
@@ -43,70 +34,52 @@ void ContractTunnel::connect() {
 }
 
 void ContractTunnel::up() {
-  if (isClosed_) {
-    return;
+  if (!isClosed_) {
+    flow_->read(thenWrite(&ContractTunnel::writeUp, &ContractTunnel::up));
   }
-  ++started_;
-  flow_->read([self = shared_from_this()](std::optional<platform::Data> data,
-                                          const platform::OptionalError& error) {
-    const OverlapCheck::Scope scope(self->overlap_);
-    ++self->completed_;
-    self->sendUp(std::move(data), error);
-  });
-}
-
-void ContractTunnel::sendUp(std::optional<platform::Data> data,
-                            const platform::OptionalError& error) {
-  if (error || !data || data->empty()) {
-    close(error);
-    return;
-  }
-  ++started_;
-  connection()->write(std::move(*data),
-                      [self = shared_from_this()](const platform::OptionalError& failure) {
-                        const OverlapCheck::Scope scope(self->overlap_);
-                        ++self->completed_;
-                        if (failure) {
-                          self->close(failure);
-                        } else {
-                          self->up();
-                        }
-                      });
 }
 
 void ContractTunnel::down() {
   // As much as the provider asks for.
   constexpr std::size_t kMaximum = 512 * 1024;
-  if (isClosed_) {
-    return;
+  if (!isClosed_) {
+    connection()->read(1, kMaximum, thenWrite(&ContractTunnel::writeDown, &ContractTunnel::down));
   }
-  ++started_;
-  connection()->read(1, kMaximum,
-                     [self = shared_from_this()](std::optional<platform::Data> data,
-                                                 const platform::OptionalError& error) {
-                       const OverlapCheck::Scope scope(self->overlap_);
-                       ++self->completed_;
-                       self->sendDown(std::move(data), error);
-                     });
 }
 
-void ContractTunnel::sendDown(std::optional<platform::Data> data,
-                              const platform::OptionalError& error) {
-  if (error || !data || data->empty()) {
-    close(error);
-    return;
-  }
+void ContractTunnel::writeUp(platform::Data data, platform::ErrorCompletion completion) {
+  connection()->write(std::move(data), std::move(completion));
+}
+
+void ContractTunnel::writeDown(platform::Data data, platform::ErrorCompletion completion) {
+  flow_->write(std::move(data), std::move(completion));
+}
+
+platform::ReadCompletion ContractTunnel::thenWrite(Write write, Step next) {
   ++started_;
-  flow_->write(std::move(*data),
-               [self = shared_from_this()](const platform::OptionalError& failure) {
-                 const OverlapCheck::Scope scope(self->overlap_);
-                 ++self->completed_;
-                 if (failure) {
-                   self->close(failure);
-                 } else {
-                   self->down();
-                 }
-               });
+  return [self = shared_from_this(), write, next](std::optional<platform::Data> data,
+                                                  const platform::OptionalError& error) {
+    const OverlapCheck::Scope scope(self->overlap_);
+    ++self->completed_;
+    if (error || !data || data->empty()) {
+      self->close(error);
+    } else {
+      (*self.*write)(std::move(*data), self->thenContinue(next));
+    }
+  };
+}
+
+platform::ErrorCompletion ContractTunnel::thenContinue(Step next) {
+  ++started_;
+  return [self = shared_from_this(), next](const platform::OptionalError& error) {
+    const OverlapCheck::Scope scope(self->overlap_);
+    ++self->completed_;
+    if (error) {
+      self->close(error);
+    } else {
+      (*self.*next)();
+    }
+  };
 }
 
 std::shared_ptr<platform::TCPConnection> ContractTunnel::connection() const {

@@ -34,11 +34,18 @@ class ContractTunnel : public std::enable_shared_from_this<ContractTunnel> {
   int completed() const { return completed_; }
 
  private:
+  // One direction: what the next step is after a read or a write.
+  using Step = void (ContractTunnel::*)();
+  using Write = void (ContractTunnel::*)(platform::Data, platform::ErrorCompletion);
+
   void connect();
   void up();
   void down();
-  void sendUp(std::optional<platform::Data> data, const platform::OptionalError& error);
-  void sendDown(std::optional<platform::Data> data, const platform::OptionalError& error);
+  void writeUp(platform::Data data, platform::ErrorCompletion completion);
+  void writeDown(platform::Data data, platform::ErrorCompletion completion);
+  // Writes what was read, and goes on with the next read.
+  platform::ReadCompletion thenWrite(Write write, Step next);
+  platform::ErrorCompletion thenContinue(Step next);
   std::shared_ptr<platform::TCPConnection> connection() const;
 
   const std::shared_ptr<platform::AppProxyTCPFlow> flow_;

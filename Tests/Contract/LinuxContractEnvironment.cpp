@@ -6,7 +6,6 @@
 #include <future>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -23,17 +22,8 @@ namespace ostravel::contract {
 
 namespace {
 
-using namespace std::chrono_literals;
-
 // Several, so that a flow and its connection would not share one by chance.
 constexpr unsigned kLoops = 3;
-// Far longer than anything takes, also on a busy machine and with a sanitizer.
-constexpr auto kLimit = 60s;
-// How often a condition is asked for while it is waited for.
-constexpr auto kPause = 200us;
-
-const std::string kLoopback = "127.0.0.1";
-
 const PlatformRegistration kRegistration("Linux", [] {
   return std::make_unique<LinuxContractEnvironment>();
 });
@@ -102,10 +92,6 @@ linuxplatform::SocketEndpoint loopback(std::uint16_t port) {
   return {linuxplatform::AddressFamily::ipv4, {127, 0, 0, 1}, port};
 }
 
-platform::HostEndpoint endpointOf(const SocketPeers::Address& address) {
-  return {kLoopback, std::to_string(SocketPeers::portOf(address))};
-}
-
 }  // namespace
 
 LinuxContractEnvironment::LinuxContractEnvironment()
@@ -115,17 +101,6 @@ LinuxContractEnvironment::LinuxContractEnvironment()
 
 LinuxContractEnvironment::~LinuxContractEnvironment() {
   loops_.stop();
-}
-
-bool LinuxContractEnvironment::waitUntil(const Condition& condition) {
-  const auto end = std::chrono::steady_clock::now() + kLimit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(kPause);
-  }
-  return true;
 }
 
 void LinuxContractEnvironment::settle() {
@@ -141,16 +116,8 @@ void LinuxContractEnvironment::settle() {
   }
 }
 
-std::chrono::nanoseconds LinuxContractEnvironment::now() const {
-  return std::chrono::steady_clock::now().time_since_epoch();
-}
-
-void LinuxContractEnvironment::spend(std::chrono::nanoseconds duration) {
-  std::this_thread::sleep_for(duration);
-}
-
 FlowEnds LinuxContractEnvironment::makeFlow(const std::string& signingIdentifier) {
-  auto [application, port] = peers_.makeUnconnected();
+  auto [application, port] = peers().makeUnconnected();
   const linuxplatform::FlowTuple tuple{linuxplatform::TransportProtocol::tcp, loopback(port),
                                        kTracedDestination};
   auto& loop = loops_.loop(nextLoop_++ % loops_.size());
@@ -163,27 +130,6 @@ FlowEnds LinuxContractEnvironment::makeFlow(const std::string& signingIdentifier
 std::shared_ptr<platform::TCPConnection> LinuxContractEnvironment::connect(
     const platform::HostEndpoint& endpoint) {
   return loops_.connect(endpoint);
-}
-
-platform::HostEndpoint LinuxContractEnvironment::listeningEndpoint() {
-  return endpointOf(peers_.listeningAddress());
-}
-
-std::shared_ptr<ContractPeer> LinuxContractEnvironment::acceptPeer() {
-  std::shared_ptr<ContractPeer> peer;
-  waitUntil([&] {
-    peer = peers_.takeAccepted();
-    return peer != nullptr;
-  });
-  return peer;
-}
-
-platform::HostEndpoint LinuxContractEnvironment::refusingEndpoint() {
-  return endpointOf(peers_.refusingAddress());
-}
-
-platform::HostEndpoint LinuxContractEnvironment::silentEndpoint() {
-  return endpointOf(peers_.silentAddress());
 }
 
 }  // namespace ostravel::contract

@@ -12,19 +12,25 @@
 #include "Tests/Contract/ContractOutcome.h"
 #include "Tests/Contract/ContractTest.h"
 #include "Tests/Contract/StateObserver.h"
+#include "Tests/Contract/StreamContractTest.h"
 
 namespace ostravel::contract {
 namespace {
 
 using platform::TCPConnectionState;
 
-// Larger than what a socket buffers.
-constexpr std::size_t kLarge = 8 * 1024 * 1024;
 // What the relay asks for.
 constexpr std::size_t kRelayMaximum = 512 * 1024;
 
-class TCPConnectionContractTest : public ContractTest {
+class TCPConnectionContractTest : public StreamContractTest {
  protected:
+  void startReading(platform::ReadCompletion completion) override {
+    connection_->read(1, kRelayMaximum, std::move(completion));
+  }
+  void startWriting(platform::Data data, platform::ErrorCompletion completion) override {
+    connection_->write(std::move(data), std::move(completion));
+  }
+
   std::shared_ptr<platform::TCPConnection> connect(const platform::HostEndpoint& endpoint) {
     auto connection = environment_->connect(endpoint);
     connection->addObserver(observer_, "state");
@@ -38,30 +44,13 @@ class TCPConnectionContractTest : public ContractTest {
     ASSERT_NE(peer_, nullptr);
   }
 
-  Outcome read(std::size_t minimum = 1, std::size_t maximum = kRelayMaximum) {
+  Outcome readBetween(std::size_t minimum, std::size_t maximum) {
     Outcome outcome;
     connection_->read(minimum, maximum, outcome.readCompletion());
     EXPECT_TRUE(waitUntil([&] { return outcome.isDone(); }));
     return outcome;
   }
-  std::string readAll(std::size_t size) {
-    std::string text;
-    while (text.size() < size) {
-      const auto outcome = read();
-      if (outcome.lastSize() == 0) {
-        break;
-      }
-      text += outcome.text();
-    }
-    return text;
-  }
-  platform::OptionalError write(const std::string& text) {
-    Outcome outcome;
-    connection_->write(platform::Data::copyOf(text), outcome.completion());
-    EXPECT_TRUE(waitUntil([&] { return outcome.isDone(); }));
-    return outcome.error();
-  }
-  bool peerSawSomeEnd() const { return peer_->sawEnd() || peer_->sawReset(); }
+  bool peerSawSomeEnd() const { return sawSomeEnd(*peer_); }
 
   const std::shared_ptr<StateObserver> observer_ = std::make_shared<StateObserver>();
   std::shared_ptr<platform::TCPConnection> connection_;
@@ -103,18 +92,8 @@ TEST_P(TCPConnectionContractTest, ARefusalFailsWhatWasAskedBefore) {
   connection_ = connect(environment_->refusingEndpoint());
   Outcome reading;
   Outcome writing;
-  CallInProgress::run([&] {
-    connection_->read(1, 100, reading.readCompletion());
-    connection_->write(platform::Data::copyOf("request"), writing.completion());
-  });
-  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
-  environment_->settle();
-  EXPECT_TRUE(reading.error());
-  EXPECT_TRUE(writing.error());
-  EXPECT_EQ(reading.count(), 1);
-  EXPECT_EQ(writing.count(), 1);
-  EXPECT_FALSE(reading.ranInsideCall());
-  EXPECT_FALSE(writing.ranInsideCall());
+  CallInProgress::run([&] { startBoth(reading, writing); });
+  expectBothToHaveFailed(reading, writing);
 }
 
 TEST_P(TCPConnectionContractTest, TransfersMayBeAskedForBeforeItIsConnected) {
@@ -170,7 +149,7 @@ TEST_P(TCPConnectionContractTest, AReadDeliversAtMostItsMaximum) {
   peer_->send("abcdefghij");
   std::string text;
   while (text.size() < 10) {
-    const auto reading = read(1, 3);
+    const auto reading = readBetween(1, 3);
     ASSERT_GE(reading.lastSize(), 1U);
     ASSERT_LE(reading.lastSize(), 3U);
     text += reading.text();
@@ -184,7 +163,7 @@ TEST_P(TCPConnectionContractTest, AnExactReadIsExact) {
   peer_->send(sent);
   std::string text;
   for (const std::size_t size : {1U, 4096U, 65536U, 30'367U}) {
-    const auto reading = read(size, size);
+    const auto reading = readBetween(size, size);
     ASSERT_EQ(reading.lastSize(), size);
     text += reading.text();
   }
@@ -196,9 +175,7 @@ TEST_P(TCPConnectionContractTest, TheEndComesAfterTheBytes) {
   peer_->send("last words");
   peer_->endSending();
   EXPECT_EQ(readAll(10), "last words");
-  const auto end = read();
-  EXPECT_TRUE(end.sawEnd());
-  EXPECT_FALSE(end.error());
+  EXPECT_TRUE(read().sawEnd());
 }
 
 TEST_P(TCPConnectionContractTest, TheEndDeliversLessThanAMinimum) {
@@ -264,13 +241,7 @@ TEST_P(TCPConnectionContractTest, CancelIsAnOrderlyEndForThePeer) {
 TEST_P(TCPConnectionContractTest, CancelLosesNothingThatWasAcknowledged) {
   establish();
   peer_->stopReceiving();
-  const auto sent = patternBytes(256 * 1024);
-  std::string acknowledged;
-  for (std::size_t at = 0; at < sent.size(); at += 16 * 1024) {
-    const auto piece = sent.substr(at, 16 * 1024);
-    ASSERT_FALSE(write(piece));
-    acknowledged += piece;
-  }
+  const auto acknowledged = writeAcknowledged(256 * 1024);
   connection_->cancel();
   connection_.reset();
   peer_->resumeReceiving();
@@ -296,17 +267,9 @@ TEST_P(TCPConnectionContractTest, CancelFailsWhatIsOutstandingOnce) {
   peer_->stopReceiving();
   Outcome reading;
   Outcome writing;
-  connection_->read(1, 100, reading.readCompletion());
-  connection_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
+  startBoth(reading, writing);
   CallInProgress::run([&] { connection_->cancel(); });
-  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
-  environment_->settle();
-  EXPECT_TRUE(reading.error());
-  EXPECT_TRUE(writing.error());
-  EXPECT_EQ(reading.count(), 1);
-  EXPECT_EQ(writing.count(), 1);
-  EXPECT_FALSE(reading.ranInsideCall());
-  EXPECT_FALSE(writing.ranInsideCall());
+  expectBothToHaveFailed(reading, writing);
 }
 
 TEST_P(TCPConnectionContractTest, CancelIsReported) {
@@ -329,16 +292,13 @@ TEST_P(TCPConnectionContractTest, CancelWorksWhileItIsConnecting) {
   connection_ = connect(environment_->silentEndpoint());
   Outcome reading;
   Outcome writing;
-  connection_->read(1, 100, reading.readCompletion());
-  connection_->write(platform::Data::copyOf("x"), writing.completion());
+  startBoth(reading, writing);
   environment_->settle();
   EXPECT_EQ(connection_->state(), TCPConnectionState::connecting);
   EXPECT_EQ(reading.count() + writing.count(), 0);
   connection_->cancel();
   ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::cancelled); }));
-  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
-  EXPECT_TRUE(reading.error());
-  EXPECT_TRUE(writing.error());
+  expectBothToHaveFailed(reading, writing);
 }
 
 TEST_P(TCPConnectionContractTest, CancelWorksAfterARefusal) {
@@ -396,31 +356,20 @@ TEST_P(TCPConnectionContractTest, DestructionCompletesWhatIsOutstandingOnce) {
   peer_->stopReceiving();
   Outcome reading;
   Outcome writing;
-  connection_->read(1, 100, reading.readCompletion());
-  connection_->write(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
+  startBoth(reading, writing);
   CallInProgress::run([&] { connection_.reset(); });
   peer_->resumeReceiving();
-  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
   ASSERT_TRUE(waitUntil([&] { return peerSawSomeEnd(); }));
-  environment_->settle();
-  EXPECT_TRUE(reading.error());
-  EXPECT_TRUE(writing.error());
-  EXPECT_EQ(reading.count(), 1);
-  EXPECT_EQ(writing.count(), 1);
-  EXPECT_FALSE(reading.ranInsideCall());
-  EXPECT_FALSE(writing.ranInsideCall());
+  expectBothToHaveFailed(reading, writing);
 }
 
 TEST_P(TCPConnectionContractTest, DestructionWhileConnectingCompletesWithErrors) {
   connection_ = connect(environment_->silentEndpoint());
   Outcome reading;
   Outcome writing;
-  connection_->read(1, 100, reading.readCompletion());
-  connection_->write(platform::Data::copyOf("x"), writing.completion());
+  startBoth(reading, writing);
   connection_.reset();
-  ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
-  EXPECT_TRUE(reading.error());
-  EXPECT_TRUE(writing.error());
+  expectBothToHaveFailed(reading, writing);
 }
 
 TEST_P(TCPConnectionContractTest, NoObserverIsNotifiedAfterItsDestruction) {
