@@ -274,28 +274,14 @@ void OVTunnelConnection::pipeLocalToRemote() {
   }
   flow_->read([weakSelf = weak_from_this()](std::optional<Data> data, OptionalError readError) {
     const auto self = weakSelf.lock();
-    if (!self) {
-      return;
+    if (self &&
+        self->goesOn(data, std::move(readError), "OstravelProxy: App read error: %{public}s")) {
+      self->connection_->write(*std::move(data), [self](OptionalError writeError) {
+        if (self->goesOn(std::move(writeError), "OstravelProxy: Proxy write error: %{public}s")) {
+          self->pipeLocalToRemote();
+        }
+      });
     }
-    if (readError) {
-      self->log_->debug("OstravelProxy: App read error: %{public}s",
-                        {readError->localizedDescription});
-      self->close(std::move(readError));
-      return;
-    }
-    if (isEndOfStream(data)) {
-      self->close(std::nullopt);
-      return;
-    }
-    self->connection_->write(*std::move(data), [self](OptionalError writeError) {
-      if (writeError) {
-        self->log_->debug("OstravelProxy: Proxy write error: %{public}s",
-                          {writeError->localizedDescription});
-        self->close(std::move(writeError));
-        return;
-      }
-      self->pipeLocalToRemote();
-    });
   });
 }
 
@@ -307,29 +293,36 @@ void OVTunnelConnection::pipeRemoteToLocal() {
       1, platform::limits::kMaxRelayRead,
       [weakSelf = weak_from_this()](std::optional<Data> data, OptionalError readError) {
         const auto self = weakSelf.lock();
-        if (!self) {
-          return;
+        if (self && self->goesOn(data, std::move(readError),
+                                 "OstravelProxy: Proxy read error: %{public}s")) {
+          self->flow_->write(*std::move(data), [self](OptionalError writeError) {
+            if (self->goesOn(std::move(writeError), "OstravelProxy: App write error: %{public}s")) {
+              self->pipeRemoteToLocal();
+            }
+          });
         }
-        if (readError) {
-          self->log_->debug("OstravelProxy: Proxy read error: %{public}s",
-                            {readError->localizedDescription});
-          self->close(std::move(readError));
-          return;
-        }
-        if (isEndOfStream(data)) {
-          self->close(std::nullopt);
-          return;
-        }
-        self->flow_->write(*std::move(data), [self](OptionalError writeError) {
-          if (writeError) {
-            self->log_->debug("OstravelProxy: App write error: %{public}s",
-                              {writeError->localizedDescription});
-            self->close(std::move(writeError));
-            return;
-          }
-          self->pipeRemoteToLocal();
-        });
       });
+}
+
+bool OVTunnelConnection::goesOn(const std::optional<Data>& data, OptionalError error,
+                                std::string_view logFormat) {
+  if (!goesOn(std::move(error), logFormat)) {
+    return false;
+  }
+  if (isEndOfStream(data)) {
+    close(std::nullopt);
+    return false;
+  }
+  return true;
+}
+
+bool OVTunnelConnection::goesOn(OptionalError error, std::string_view logFormat) {
+  if (!error) {
+    return true;
+  }
+  log_->debug(logFormat, {error->localizedDescription});
+  close(std::move(error));
+  return false;
 }
 
 // Close

@@ -80,6 +80,11 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
 
   void pipeLocalToRemote();
   void pipeRemoteToLocal();
+  // Whether the relay goes on after a read or a write. Otherwise the tunnel has been closed, with
+  // the error, which was logged in this format, or in order at the end of the stream.
+  bool goesOn(const std::optional<platform::Data>& data, platform::OptionalError error,
+              std::string_view logFormat);
+  bool goesOn(platform::OptionalError error, std::string_view logFormat);
 
   void emit(const MonitoringEventKind& kind, Context context,
             std::optional<Metrics> metrics = std::nullopt) const;
