@@ -78,6 +78,8 @@ void SimulatedTimer::disarm(State& state) {
   }
 }
 
+// The steps are those of LinuxDispatchTimer. They are not shared: there each is taken under a lock,
+// and here time ends.
 void SimulatedTimer::expire(const std::shared_ptr<State>& state) {
   state->alarm.reset();
   if (!state->isHandlerWaiting) {
