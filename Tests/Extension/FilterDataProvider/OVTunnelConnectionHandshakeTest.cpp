@@ -373,6 +373,30 @@ class TunnelAnswer : public TunnelTest {
     proxy().send(bytes);
     simulation_.run();
   }
+
+  // The bytes are answered with a line in the log, this event, and an orderly close.
+  void expectAnswerToFail(std::string_view bytes, const std::string& line,
+                          const EventFacts& event) {
+    answer(bytes);
+
+    EXPECT_EQ(simulation_.logLines(LogLevel::error), Lines{line});
+    EXPECT_EQ(lineLoggedBefore(event.signal), line);
+    EXPECT_EQ(events(event.signal), std::vector{event});
+    EXPECT_EQ(journal(), (Lines{"connection 1: read " + std::to_string(bytes.size()) + " bytes",
+                                "event " + event.signal, "event tunnel_closed", "flow 1: closeRead",
+                                "flow 1: closeWrite", "connection 1: cancel", "closed FLOW",
+                                "connection 1: state cancelled"}));
+  }
+
+  // A connection whose request has been written and whose answer the test gives.
+  std::shared_ptr<ScriptedConnection> sendRequest() {
+    auto connection = std::make_shared<ScriptedConnection>();
+    connection->currentState = TCPConnectionState::connected;
+    make({.connection = connection});
+    tunnel_->start();
+    connection->completeWrite();
+    return connection;
+  }
 };
 
 TEST_F(TunnelAnswer, OfSuccessStartsBothDirectionsInThisOrder) {
@@ -484,45 +508,26 @@ TEST_F(TunnelAnswer, IsReadInChunksOfAtMost4096Bytes) {
 }
 
 TEST_F(TunnelAnswer, OfAnotherStatusIsRejectedAndClosesInOrder) {
-  answer("HTTP/1.1 403 Forbidden\r\nVia: x\r\n\r\n");
-
-  EXPECT_EQ(simulation_.logLines(LogLevel::error),
-            Lines{"OstravelProxy: Handshake failed (response status not 200)"});
-  EXPECT_EQ(lineLoggedBefore("connect_handshake_rejected"),
-            "OstravelProxy: Handshake failed (response status not 200)");
-  EXPECT_EQ(events("connect_handshake_rejected"),
-            std::vector{(EventFacts{.signal = "connect_handshake_rejected",
-                                    .code = "extension.connect_handshake_non_200",
-                                    .level = "error",
-                                    .message = "CONNECT handshake failed with non-200 status",
-                                    .flowID = "FLOW",
-                                    .context = {{{"app_id", "com.example.app"},
-                                                 {"status_line", "HTTP/1.1 403 Forbidden"}}}})});
-  EXPECT_EQ(journal(),
-            (Lines{"connection 1: read 34 bytes", "event connect_handshake_rejected",
-                   "event tunnel_closed", "flow 1: closeRead", "flow 1: closeWrite",
-                   "connection 1: cancel", "closed FLOW", "connection 1: state cancelled"}));
+  expectAnswerToFail(
+      "HTTP/1.1 403 Forbidden\r\nVia: x\r\n\r\n",
+      "OstravelProxy: Handshake failed (response status not 200)",
+      {.signal = "connect_handshake_rejected",
+       .code = "extension.connect_handshake_non_200",
+       .level = "error",
+       .message = "CONNECT handshake failed with non-200 status",
+       .flowID = "FLOW",
+       .context = {{{"app_id", "com.example.app"}, {"status_line", "HTTP/1.1 403 Forbidden"}}}});
 }
 
 TEST_F(TunnelAnswer, ThatIsMalformedIsInvalidAndClosesInOrder) {
-  answer("\r\n\r\n");
-
-  EXPECT_EQ(simulation_.logLines(LogLevel::error),
-            Lines{"OstravelProxy: Handshake failed (invalid response)"});
-  EXPECT_EQ(lineLoggedBefore("connect_handshake_invalid"),
-            "OstravelProxy: Handshake failed (invalid response)");
-  EXPECT_EQ(events("connect_handshake_invalid"),
-            std::vector{(EventFacts{.signal = "connect_handshake_invalid",
-                                    .code = "extension.connect_handshake_invalid",
-                                    .level = "error",
-                                    .message = "CONNECT handshake response was invalid",
-                                    .flowID = "FLOW",
-                                    .context = {{{"app_id", "com.example.app"},
-                                                 {"reason", "connect_status_line_missing"}}}})});
-  EXPECT_EQ(journal(),
-            (Lines{"connection 1: read 4 bytes", "event connect_handshake_invalid",
-                   "event tunnel_closed", "flow 1: closeRead", "flow 1: closeWrite",
-                   "connection 1: cancel", "closed FLOW", "connection 1: state cancelled"}));
+  expectAnswerToFail(
+      "\r\n\r\n", "OstravelProxy: Handshake failed (invalid response)",
+      {.signal = "connect_handshake_invalid",
+       .code = "extension.connect_handshake_invalid",
+       .level = "error",
+       .message = "CONNECT handshake response was invalid",
+       .flowID = "FLOW",
+       .context = {{{"app_id", "com.example.app"}, {"reason", "connect_status_line_missing"}}}});
 }
 
 TEST_F(TunnelAnswer, IsTooLargeFrom16385BytesOn) {
@@ -560,11 +565,7 @@ TEST_F(TunnelAnswer, ThatCannotBeReadClosesWithTheErrorAndReportsTheProxy) {
 }
 
 TEST_F(TunnelAnswer, WithAnErrorCountsAsTheErrorWhateverTheBytes) {
-  const auto connection = std::make_shared<ScriptedConnection>();
-  connection->currentState = TCPConnectionState::connected;
-  make({.connection = connection});
-  tunnel_->start();
-  connection->completeWrite();
+  const auto connection = sendRequest();
 
   connection->completeRead(kSuccess, someError("Read broke"));
 
@@ -613,11 +614,7 @@ TEST_F(TunnelAnswer, AfterTheTunnelIsGoneDoesNothing) {
 }
 
 TEST_F(TunnelAnswer, OfSuccessAfterTheCloseIsReportedButStartsNoRelay) {
-  const auto connection = std::make_shared<ScriptedConnection>();
-  connection->currentState = TCPConnectionState::connected;
-  make({.connection = connection});
-  tunnel_->start();
-  connection->completeWrite();
+  const auto connection = sendRequest();
   tunnel_->close(std::nullopt);
   clearJournal();
 
@@ -628,11 +625,7 @@ TEST_F(TunnelAnswer, OfSuccessAfterTheCloseIsReportedButStartsNoRelay) {
 }
 
 TEST_F(TunnelAnswer, OfFailureAfterTheCloseIsReportedButClosesNothingAgain) {
-  const auto connection = std::make_shared<ScriptedConnection>();
-  connection->currentState = TCPConnectionState::connected;
-  make({.connection = connection});
-  tunnel_->start();
-  connection->completeWrite();
+  const auto connection = sendRequest();
   tunnel_->close(std::nullopt);
   clearJournal();
 

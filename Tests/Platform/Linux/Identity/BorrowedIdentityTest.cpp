@@ -56,6 +56,42 @@ bool cover(const std::string& path, const std::string& with) {
   return ::mount(with.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0;
 }
 
+// One byte and a descriptor, as sockets of this machine carry it (unix(7)).
+class DescriptorMessage {
+ public:
+  DescriptorMessage() {
+    message_.msg_iov = &part_;
+    message_.msg_iovlen = 1;
+    message_.msg_control = control_.data();
+    message_.msg_controllen = control_.size();
+  }
+  DescriptorMessage(const DescriptorMessage&) = delete;
+  DescriptorMessage& operator=(const DescriptorMessage&) = delete;
+
+  bool send(int channel, int descriptor) {
+    cmsghdr* const header = CMSG_FIRSTHDR(&message_);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof descriptor);
+    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    return ::sendmsg(channel, &message_, 0) == 1;
+  }
+  // Not open if none came.
+  FileDescriptor receive(int channel) {
+    int descriptor = -1;
+    if (::recvmsg(channel, &message_, MSG_CMSG_CLOEXEC) == 1) {
+      std::memcpy(&descriptor, CMSG_DATA(CMSG_FIRSTHDR(&message_)), sizeof descriptor);
+    }
+    return FileDescriptor(descriptor);
+  }
+
+ private:
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control_{};
+  char byte_ = 0;
+  iovec part_{&byte_, 1};
+  msghdr message_{};
+};
+
 class BorrowedIdentityTest : public ::testing::Test {
  protected:
   BorrowedIdentityTest() {
@@ -122,33 +158,18 @@ TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPathAndExecutedByDescrip
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel.data()), 0);
   const pid_t opener = ::fork();
   ASSERT_GE(opener, 0);
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-  char byte = 0;
-  iovec part{&byte, 1};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  message.msg_controllen = control.size();
   if (opener == 0) {
     const bool isCovered = enterUserNamespace() && cover(registered_, fake_);
     const int file = ::open(registered_.c_str(), O_RDONLY | O_CLOEXEC);
-    cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof file);
-    std::memcpy(CMSG_DATA(header), &file, sizeof file);
-    if (isCovered && ::sendmsg(channel[0], &message, 0) == 1) {
+    if (isCovered && DescriptorMessage().send(channel[0], file)) {
       // The mount disappears with this process.
       ::pause();
     }
     ::_exit(1);
   }
   ::close(channel[0]);
-  ASSERT_EQ(::recvmsg(channel[1], &message, MSG_CMSG_CLOEXEC), 1);
-  int received = -1;
-  std::memcpy(&received, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof received);
-  const FileDescriptor file(received);
+  const FileDescriptor file = DescriptorMessage().receive(channel[1]);
+  ASSERT_TRUE(file.isOpen());
   Helper helper("/proc/self/fd/" + std::to_string(file.get()));
   ASSERT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(helper.pid()) + "/exe"),
             registered_);
@@ -433,21 +454,7 @@ class UnfindableSocket {
     EXPECT_TRUE(connectTo(socket_, AF_INET, loopbackIPv4(443)));
     flow_ = flowOverIPv4(TransportProtocol::udp, portOf(socket_), 443);
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, channel_.data()), 0);
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
-    char byte = 0;
-    iovec part{&byte, 1};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    const int descriptor = socket_.get();
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(sizeof descriptor);
-    std::memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
-    EXPECT_EQ(::sendmsg(channel_[0], &message, 0), 1);
+    EXPECT_TRUE(DescriptorMessage().send(channel_[0], socket_.get()));
     socket_ = FileDescriptor();
   }
   UnfindableSocket(const UnfindableSocket&) = delete;

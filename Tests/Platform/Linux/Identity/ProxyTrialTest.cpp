@@ -18,7 +18,6 @@
 #include "Platform/Linux/Kernel/EventDescriptor.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
-#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -52,11 +51,18 @@ class ProxyTrialTest : public ::testing::Test {
     return found.value_or(ProxyTrial::Outcome{});
   }
 
+  // Of a listener that obeys the command; see HelperProgram.cpp.
+  ProxyTrial::Outcome outcomeOf(const std::string& command) {
+    helper_.makeSocket("proxy", kPort);
+    EXPECT_EQ(helper_.ask(command), "done");
+    return outcome();
+  }
+
   static pid_t pidOf(const std::optional<Process>& process) { return process ? process->pid : 0; }
 
   std::unique_ptr<SocketDiagnostics> diagnostics_;
   EventDescriptor interrupt_;
-  const TemporaryFolder folder_;
+  Helper helper_;
 };
 
 std::string receiveRequest(const FileDescriptor& connection) {
@@ -112,13 +118,12 @@ class Forwarder {
 };
 
 TEST_F(ProxyTrialTest, ASingleProgramIsAcceptorAndDialler) {
-  Helper proxy;
-  proxy.makeSocket("proxy", kPort);
+  helper_.makeSocket("proxy", kPort);
   const auto found = outcome();
   EXPECT_EQ(found.judgement, Judgement::proxy);
   EXPECT_EQ(found.answer, "HTTP/1.1 200 Connection established");
-  EXPECT_EQ(pidOf(found.acceptor), proxy.pid());
-  EXPECT_EQ(pidOf(found.dialler), proxy.pid());
+  EXPECT_EQ(pidOf(found.acceptor), helper_.pid());
+  EXPECT_EQ(pidOf(found.dialler), helper_.pid());
 }
 
 TEST_F(ProxyTrialTest, TheLastProgramOfAChainIsTheDialler) {
@@ -169,67 +174,46 @@ TEST_F(ProxyTrialTest, ACrowdOfStrangersLeavesTheDiallerUnknown) {
 }
 
 TEST_F(ProxyTrialTest, ATunnelThatLeadsNowhereLeavesTheDiallerUnknown) {
-  Helper proxy;
-  proxy.makeSocket("proxy", kPort);
-  ASSERT_EQ(proxy.ask("answer HTTP/1.1 200 OK"), "done");
-  const auto found = outcome();
+  const auto found = outcomeOf("answer HTTP/1.1 200 OK");
   EXPECT_EQ(found.judgement, Judgement::proxy);
-  EXPECT_EQ(pidOf(found.acceptor), proxy.pid());
+  EXPECT_EQ(pidOf(found.acceptor), helper_.pid());
   EXPECT_FALSE(found.dialler);
 }
 
 TEST_F(ProxyTrialTest, ARefusalIsAProxysAnswer) {
-  Helper proxy;
-  proxy.makeSocket("proxy", kPort);
-  ASSERT_EQ(proxy.ask("answer HTTP/1.1 407 Proxy Authentication Required"), "done");
-  const auto found = outcome();
+  const auto found = outcomeOf("answer HTTP/1.1 407 Proxy Authentication Required");
   EXPECT_EQ(found.judgement, Judgement::proxy);
-  EXPECT_EQ(pidOf(found.acceptor), proxy.pid());
+  EXPECT_EQ(pidOf(found.acceptor), helper_.pid());
   EXPECT_FALSE(found.dialler);
 }
 
 TEST_F(ProxyTrialTest, AWebServersAnswerIsNotAProxys) {
-  Helper server;
-  server.makeSocket("proxy", kPort);
-  ASSERT_EQ(server.ask("answer HTTP/1.1 405 Not Allowed"), "done");
-  const auto found = outcome();
+  const auto found = outcomeOf("answer HTTP/1.1 405 Not Allowed");
   EXPECT_EQ(found.judgement, Judgement::notAProxy);
   EXPECT_EQ(found.answer, "HTTP/1.1 405 Not Allowed");
 }
 
 TEST_F(ProxyTrialTest, AnotherProtocolIsNotAProxysAnswer) {
-  Helper server;
-  server.makeSocket("proxy", kPort);
-  ASSERT_EQ(server.ask("answer SSH-2.0-Something"), "done");
-  const auto found = outcome();
+  const auto found = outcomeOf("answer SSH-2.0-Something");
   EXPECT_EQ(found.judgement, Judgement::notAProxy);
   EXPECT_EQ(found.answer, "SSH-2.0-Something");
 }
 
 TEST_F(ProxyTrialTest, ShowsOnlyTheBeginningOfALongLine) {
-  Helper server;
-  server.makeSocket("proxy", kPort);
-  ASSERT_EQ(server.ask("answer " + std::string(20'000, 'x')), "done");
-  const auto found = outcome();
+  const auto found = outcomeOf("answer " + std::string(20'000, 'x'));
   EXPECT_EQ(found.judgement, Judgement::notAProxy);
   EXPECT_EQ(found.answer, std::string(100, 'x'));
 }
 
 TEST_F(ProxyTrialTest, AClosedConnectionIsNoAnswer) {
-  Helper server;
-  server.makeSocket("proxy", kPort);
-  ASSERT_EQ(server.ask("hang-up"), "done");
-  const auto found = outcome();
+  const auto found = outcomeOf("hang-up");
   EXPECT_EQ(found.judgement, Judgement::unanswered);
   EXPECT_EQ(found.answer, "it ends the connection");
 }
 
 TEST_F(ProxyTrialTest, SilenceIsNoAnswer) {
-  Helper server;
-  server.makeSocket("proxy", kPort);
-  ASSERT_EQ(server.ask("answer"), "done");
   const auto begin = std::chrono::steady_clock::now();
-  const auto found = outcome();
+  const auto found = outcomeOf("answer");
   EXPECT_GE(std::chrono::steady_clock::now() - begin, ProxyTrial::kAnswerDeadline);
   EXPECT_EQ(found.judgement, Judgement::unanswered);
   EXPECT_EQ(found.answer, "no answer in 2 s");
@@ -248,9 +232,8 @@ TEST_F(ProxyTrialTest, DoesNotTestAnotherListener) {
 }
 
 TEST_F(ProxyTrialTest, AnInterruptionEndsTheTrialAtOnce) {
-  Helper server;
-  server.makeSocket("proxy", kPort);
-  ASSERT_EQ(server.ask("answer"), "done");
+  helper_.makeSocket("proxy", kPort);
+  ASSERT_EQ(helper_.ask("answer"), "done");
   const auto listening = listener();
   interrupt_.signal();
   const auto begin = std::chrono::steady_clock::now();

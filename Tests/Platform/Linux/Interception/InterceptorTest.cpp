@@ -24,12 +24,8 @@
 namespace ostravel::linuxplatform {
 namespace {
 
+using namespace ostravel::testing;
 using namespace std::chrono_literals;
-using testing::Connecting;
-using testing::KeptLog;
-using testing::Listener;
-using testing::loopbackSettings;
-using testing::outputOf;
 
 constexpr auto kGenerous = 20s;
 // Shorter than any retransmission.

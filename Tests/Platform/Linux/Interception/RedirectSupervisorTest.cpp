@@ -21,12 +21,8 @@
 namespace ostravel::linuxplatform {
 namespace {
 
+using namespace ostravel::testing;
 using namespace std::chrono_literals;
-using testing::Connecting;
-using testing::KeptLog;
-using testing::Listener;
-using testing::loopbackSettings;
-using testing::outputOf;
 
 constexpr auto kGenerous = 20s;
 constexpr auto kShortPause = 50ms;

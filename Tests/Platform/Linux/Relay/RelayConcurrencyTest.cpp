@@ -16,22 +16,8 @@ namespace {
 
 // Closing and destroying on other threads while bytes move. The tests pass if the sanitizers report
 // nothing and everything ends.
-class RelayConcurrencyTest : public RelayTest {
+class RelayConcurrencyTest : public RelayTunnelTest {
  protected:
-  struct Tunnel {
-    ApplicationSocket application;
-    ApplicationSocket server;
-    std::shared_ptr<RelayTunnel> tunnel;
-  };
-
-  Tunnel makeTunnel() {
-    CarriedFlow carried = carryFlow();
-    Connected connected = connect();
-    auto tunnel = std::make_shared<RelayTunnel>(carried.flow, connected.connection);
-    onLoop([&tunnel] { tunnel->start(); });
-    return {std::move(carried.application), std::move(connected.server), std::move(tunnel)};
-  }
-
   const std::size_t idle_ = budget_.inUse();
 };
 

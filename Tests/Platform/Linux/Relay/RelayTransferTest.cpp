@@ -57,22 +57,8 @@ void receiveSequence(ApplicationSocket& socket, std::uint64_t seed, std::size_t 
   }
 }
 
-class RelayTransferTest : public RelayTest {
+class RelayTransferTest : public RelayTunnelTest {
  protected:
-  struct Tunnel {
-    ApplicationSocket application;
-    ApplicationSocket server;
-    std::shared_ptr<RelayTunnel> tunnel;
-  };
-
-  Tunnel makeTunnel() {
-    CarriedFlow carried = carryFlow();
-    Connected connected = connect();
-    auto tunnel = std::make_shared<RelayTunnel>(carried.flow, connected.connection);
-    onLoop([&tunnel] { tunnel->start(); });
-    return {std::move(carried.application), std::move(connected.server), std::move(tunnel)};
-  }
-
   std::size_t memoryInUse() {
     return onLoop([this] { return loop().memory().inUse(); });
   }

@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <latch>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Platform/Linux/Services/LinuxDispatchQueue.h"
@@ -21,8 +23,39 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
+// Keeps a serial queue busy until it is released, and then does a last thing on it.
+class BusyQueue {
+ public:
+  explicit BusyQueue(
+      platform::DispatchQueue& queue, std::function<void()> last = [] {}) {
+    queue.async([this, last = std::move(last)] {
+      isBusy_.count_down();
+      released_.wait();
+      last();
+    });
+    isBusy_.wait();
+  }
+
+  void release() { released_.count_down(); }
+
+ private:
+  std::latch isBusy_{1};
+  std::latch released_{1};
+};
+
 class LinuxDispatchTimerTest : public testing::Test {
  protected:
+  // The timer is ended while its handler is waiting for the queue.
+  void endWithAWaitingHandler(std::function<void()> end) {
+    timer_->setEventHandler([this] { ++fired_; });
+    BusyQueue busy(*queue_, std::move(end));
+    timer_->schedule(0ns, std::nullopt, 0ns);
+    timer_->resume();
+    busy.release();
+    waitFor(10ms);
+    EXPECT_EQ(fired_, 0);
+  }
+
   std::shared_ptr<platform::DispatchTimer> make() {
     return std::make_shared<LinuxDispatchTimer>(service_, queue_);
   }
@@ -144,14 +177,8 @@ TEST_F(LinuxDispatchTimerTest, ExpirationsBeforeResumeAreMerged) {
 }
 
 TEST_F(LinuxDispatchTimerTest, ExpirationsAreMergedWithAWaitingHandler) {
-  std::latch isBusy(1);
-  std::latch release(1);
   timer_->setEventHandler([this] { ++fired_; });
-  queue_->async([&] {
-    isBusy.count_down();
-    release.wait();
-  });
-  isBusy.wait();
+  BusyQueue busy(*queue_);
   timer_->schedule(1ms, 1ms, 0ns);
   timer_->resume();
   // This queue is busy, so another one shows that time has passed.
@@ -170,25 +197,19 @@ TEST_F(LinuxDispatchTimerTest, ExpirationsAreMergedWithAWaitingHandler) {
     seen = fired_;
     timer_->cancel();
   });
-  release.count_down();
+  busy.release();
   queue_->sync([] {});
   EXPECT_EQ(seen, 1);
 }
 
 TEST_F(LinuxDispatchTimerTest, AnExpirationThatHasNotStartedRunsTheNewHandler) {
-  std::latch isBusy(1);
-  std::latch release(1);
   std::atomic<int> old = 0;
-  queue_->async([&] {
-    isBusy.count_down();
-    release.wait();
-  });
-  isBusy.wait();
+  BusyQueue busy(*queue_);
   timer_->setEventHandler([&old] { ++old; });
   timer_->schedule(0ns, std::nullopt, 0ns);
   timer_->resume();
   timer_->setEventHandler([this] { ++fired_; });
-  release.count_down();
+  busy.release();
   waitFor(10ms);
   EXPECT_EQ(old, 0);
   EXPECT_EQ(fired_, 1);
@@ -215,20 +236,7 @@ TEST_F(LinuxDispatchTimerTest, CancelBeforeItFires) {
 }
 
 TEST_F(LinuxDispatchTimerTest, CancelStopsAWaitingHandler) {
-  std::latch isBusy(1);
-  std::latch release(1);
-  timer_->setEventHandler([this] { ++fired_; });
-  queue_->async([&] {
-    isBusy.count_down();
-    release.wait();
-    timer_->cancel();
-  });
-  isBusy.wait();
-  timer_->schedule(0ns, std::nullopt, 0ns);
-  timer_->resume();
-  release.count_down();
-  waitFor(10ms);
-  EXPECT_EQ(fired_, 0);
+  endWithAWaitingHandler([this] { timer_->cancel(); });
 }
 
 TEST_F(LinuxDispatchTimerTest, CancelFromTheHandlerEndsTheRepetition) {
@@ -261,20 +269,7 @@ TEST_F(LinuxDispatchTimerTest, DestroyingItCancelsIt) {
 }
 
 TEST_F(LinuxDispatchTimerTest, DestroyingItStopsAWaitingHandler) {
-  std::latch isBusy(1);
-  std::latch release(1);
-  timer_->setEventHandler([this] { ++fired_; });
-  queue_->async([&] {
-    isBusy.count_down();
-    release.wait();
-    timer_.reset();
-  });
-  isBusy.wait();
-  timer_->schedule(0ns, std::nullopt, 0ns);
-  timer_->resume();
-  release.count_down();
-  waitFor(10ms);
-  EXPECT_EQ(fired_, 0);
+  endWithAWaitingHandler([this] { timer_.reset(); });
 }
 
 TEST_F(LinuxDispatchTimerTest, TheHandlerMayDestroyTheTimer) {

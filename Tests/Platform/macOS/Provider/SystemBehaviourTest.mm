@@ -99,22 +99,11 @@ TEST_P(SystemBehaviourTest, AFlowThatIsNotTakenGoesOnWithoutTheProvider) {
 
 // A flow that was taken and lost its provider before it opened: nothing closes it.
 TEST_P(SystemBehaviourTest, ATakenFlowEndsAsTheSystemHasIt) {
-  std::shared_ptr<standin::FlowRecord> record;
-  const auto ends = standin::makeStreamPair();
-  const TestSocket application(ends.application);
-  @autoreleasepool {
-    NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(
-        {.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")}, ends.provider);
-    record = standin::recordOf(flow);
-    record->holdOpening();
-    ASSERT_TRUE(provider_.offer(flow));
-  }
-  provider_.release();
-  ASSERT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
-  record->letOpeningGo();
+  const auto flow = outliveProvider();
+  const auto& record = flow.record;
   switch (releasedFlow()) {
     case ReleasedFlow::resets:
-      EXPECT_EQ(application.waitForEnd(), TestSocket::End::reset);
+      EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
       break;
     case ReleasedFlow::stays:
       standin::settleWorkers();

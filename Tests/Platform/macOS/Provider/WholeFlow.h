@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -39,6 +40,15 @@ struct OfferedFlow {
   TestSocket application;
 };
 
+inline bool wasLogged(const std::string& text) {
+  for (const auto& line : standin::loggedLines()) {
+    if (line.text == text) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // Whole flows through the principal object, with real sockets on both sides.
 class WholeFlowTest : public ::testing::Test {
  protected:
@@ -52,22 +62,40 @@ class WholeFlowTest : public ::testing::Test {
   // What the fixture makes is gone before the test's own pool.
   NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
 
-  OfferedFlow offerTCP(const standin::FlowDescription& description) {
+  // prepare may say how the flow behaves; it is called before the provider gets it.
+  using Prepare = std::function<void(standin::FlowRecord&)>;
+  OfferedFlow offerTCP(
+      const standin::FlowDescription& description, const Prepare& prepare = [](auto&) {}) {
     @autoreleasepool {
       const auto ends = standin::makeStreamPair();
       NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(description, ends.provider);
       auto record = standin::recordOf(flow);
+      prepare(*record);
       return {provider_.offer(flow), std::move(record), TestSocket(ends.application)};
     }
   }
-  OfferedFlow offerTCP(const std::string& host, std::uint16_t port) {
+  OfferedFlow offerTCP(
+      const std::string& host, std::uint16_t port, const Prepare& prepare = [](auto&) {}) {
     @autoreleasepool {
       return offerTCP({.endpoint = standin::makeHostEndpoint(makeString(host),
-                                                             makeString(std::to_string(port)))});
+                                                             makeString(std::to_string(port)))},
+                      prepare);
     }
   }
-  OfferedFlow offerTCPTo(const TestListener& origin) {
-    return offerTCP("127.0.0.1", origin.port());
+  OfferedFlow offerTCPTo(
+      const TestListener& origin, const Prepare& prepare = [](auto&) {}) {
+    return offerTCP("127.0.0.1", origin.port(), prepare);
+  }
+
+  // A flow whose opening has not completed when its provider goes, and completes afterwards.
+  OfferedFlow outliveProvider() {
+    auto flow = offerTCP({.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")},
+                         [](auto& record) { record.holdOpening(); });
+    EXPECT_TRUE(flow.wasTaken);
+    provider_.release();
+    EXPECT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
+    flow.record->letOpeningGo();
+    return flow;
   }
 
   // Starts, and waits until the first probe has found the proxy.
@@ -83,15 +111,6 @@ class WholeFlowTest : public ::testing::Test {
 
   PrincipalObject provider_;
 };
-
-inline bool wasLogged(const std::string& text) {
-  for (const auto& line : standin::loggedLines()) {
-    if (line.text == text) {
-      return true;
-    }
-  }
-  return false;
-}
 
 // With the sidecar as the proxy, and the monitor.
 class CompanionFlowTest : public WholeFlowTest {

@@ -141,18 +141,15 @@ TEST_F(CompanionFlowTest, AFlowWithoutAHostEndpointIsAskedOfTheProxyWhichRefuses
 }
 
 TEST_F(CompanionFlowTest, AFlowThatCannotBeOpenedIsClosedWithItsError) {
-  const auto ends = standin::makeStreamPair();
-  const TestSocket application(ends.application);
-  NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(
-      {.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")}, ends.provider);
-  const auto record = standin::recordOf(flow);
   NSError* const error =
       [NSError errorWithDomain:NEAppProxyErrorDomain
                           code:NEAppProxyFlowErrorAborted
                       userInfo:[NSDictionary dictionaryWithObject:@"aborted"
                                                            forKey:NSLocalizedDescriptionKey]];
-  record->failOpening(error);
-  ASSERT_TRUE(provider_.offer(flow));
+  const auto flow = offerTCP({.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")},
+                             [error](auto& record) { record.failOpening(error); });
+  ASSERT_TRUE(flow.wasTaken);
+  const auto& record = flow.record;
   ASSERT_TRUE(waitUntil([&] { return record->isWriteClosed(); }));
   // The object itself, not one like it.
   EXPECT_EQ(record->closeReadError(), error);
@@ -161,54 +158,30 @@ TEST_F(CompanionFlowTest, AFlowThatCannotBeOpenedIsClosedWithItsError) {
 }
 
 TEST_F(CompanionFlowTest, AFlowThatOpensAfterTheProviderHasGoneIsReset) {
-  std::shared_ptr<standin::FlowRecord> record;
-  const auto ends = standin::makeStreamPair();
-  const TestSocket application(ends.application);
-  @autoreleasepool {
-    NEAppProxyTCPFlow* const flow = standin::makeTCPFlow(
-        {.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")}, ends.provider);
-    record = standin::recordOf(flow);
-    record->holdOpening();
-    ASSERT_TRUE(provider_.offer(flow));
-  }
-  provider_.release();
-  ASSERT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
-  record->letOpeningGo();
-  EXPECT_EQ(application.waitForEnd(), TestSocket::End::reset);
-  EXPECT_FALSE(record->wasLeftToSystem());
-  EXPECT_FALSE(record->isReadClosed());
+  const auto flow = outliveProvider();
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
+  EXPECT_FALSE(flow.record->wasLeftToSystem());
+  EXPECT_FALSE(flow.record->isReadClosed());
 }
 
 TEST_F(CompanionFlowTest, AReadOfNeitherDataNorErrorIsTheEnd) {
   const TestListener origin;
-  const auto ends = standin::makeStreamPair();
-  const TestSocket application(ends.application);
-  NEAppProxyTCPFlow* const flow =
-      standin::makeTCPFlow({.endpoint = standin::makeHostEndpoint(
-                                @"127.0.0.1", makeString(std::to_string(origin.port())))},
-                           ends.provider);
-  const auto record = standin::recordOf(flow);
-  record->setNextRead(nil, nil);
-  ASSERT_TRUE(provider_.offer(flow));
+  const auto flow = offerTCPTo(origin, [](auto& record) { record.setNextRead(nil, nil); });
+  ASSERT_TRUE(flow.wasTaken);
   EXPECT_NE(awaitEvent("tunnel_closed").find("\"detail\":\"eof\""), std::string::npos);
-  ASSERT_TRUE(waitUntil([&] { return record->isWriteClosed(); }));
-  EXPECT_EQ(record->closeWriteError(), nil);
+  ASSERT_TRUE(waitUntil([&] { return flow.record->isWriteClosed(); }));
+  EXPECT_EQ(flow.record->closeWriteError(), nil);
 }
 
 TEST_F(CompanionFlowTest, AReadErrorClosesBothSidesWithIt) {
   const TestListener origin;
-  const auto ends = standin::makeStreamPair();
-  const TestSocket application(ends.application);
-  NEAppProxyTCPFlow* const flow =
-      standin::makeTCPFlow({.endpoint = standin::makeHostEndpoint(
-                                @"127.0.0.1", makeString(std::to_string(origin.port())))},
-                           ends.provider);
-  const auto record = standin::recordOf(flow);
-  record->setNextRead(nil, [NSError errorWithDomain:NEAppProxyErrorDomain code:2 userInfo:nil]);
-  ASSERT_TRUE(provider_.offer(flow));
-  ASSERT_TRUE(waitUntil([&] { return record->isWriteClosed(); }));
-  EXPECT_EQ([record->closeReadError() code], 2);
-  EXPECT_EQ(application.waitForEnd(), TestSocket::End::reset);
+  const auto flow = offerTCPTo(origin, [](auto& record) {
+    record.setNextRead(nil, [NSError errorWithDomain:NEAppProxyErrorDomain code:2 userInfo:nil]);
+  });
+  ASSERT_TRUE(flow.wasTaken);
+  ASSERT_TRUE(waitUntil([&] { return flow.record->isWriteClosed(); }));
+  EXPECT_EQ([flow.record->closeReadError() code], 2);
+  EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
 }
 
 TEST_F(CompanionFlowTest, FlowsGoOnAfterASecondStart) {

@@ -28,17 +28,13 @@ void RelayTunnel::pipeLocalToRemote() {
     if (!self) {
       return;
     }
-    if (error || !data || data->empty()) {
-      self->close(error);
-      return;
+    if (self->hasRead(data, error)) {
+      self->connection_->write(*std::move(data), [self](const OptionalError& writeError) {
+        if (self->hasWritten(writeError)) {
+          self->pipeLocalToRemote();
+        }
+      });
     }
-    self->connection_->write(*std::move(data), [self](const OptionalError& writeError) {
-      if (writeError) {
-        self->close(writeError);
-        return;
-      }
-      self->pipeLocalToRemote();
-    });
   });
 }
 
@@ -52,18 +48,30 @@ void RelayTunnel::pipeRemoteToLocal() {
                       if (!self) {
                         return;
                       }
-                      if (error || !data || data->empty()) {
-                        self->close(error);
-                        return;
+                      if (self->hasRead(data, error)) {
+                        self->flow_->write(*std::move(data),
+                                           [self](const OptionalError& writeError) {
+                                             if (self->hasWritten(writeError)) {
+                                               self->pipeRemoteToLocal();
+                                             }
+                                           });
                       }
-                      self->flow_->write(*std::move(data), [self](const OptionalError& writeError) {
-                        if (writeError) {
-                          self->close(writeError);
-                          return;
-                        }
-                        self->pipeRemoteToLocal();
-                      });
                     });
+}
+
+bool RelayTunnel::hasRead(const std::optional<Data>& data, const OptionalError& error) {
+  const bool hasBytes = !error && data && !data->empty();
+  if (!hasBytes) {
+    close(error);
+  }
+  return hasBytes;
+}
+
+bool RelayTunnel::hasWritten(const OptionalError& error) {
+  if (error) {
+    close(error);
+  }
+  return !error;
 }
 
 void RelayTunnel::close(const OptionalError& error) {
@@ -74,6 +82,14 @@ void RelayTunnel::close(const OptionalError& error) {
   flow_->closeWrite(error);
   connection_->cancel();
   closed_.set_value();
+}
+
+RelayTunnelTest::Tunnel RelayTunnelTest::makeTunnel() {
+  CarriedFlow carried = carryFlow();
+  Connected connected = connect();
+  auto tunnel = std::make_shared<RelayTunnel>(carried.flow, connected.connection);
+  onLoop([&tunnel] { tunnel->start(); });
+  return {std::move(carried.application), std::move(connected.server), std::move(tunnel)};
 }
 
 }  // namespace ostravel::linuxplatform::test

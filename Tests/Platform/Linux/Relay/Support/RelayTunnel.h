@@ -3,9 +3,11 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <optional>
 
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #include "Platform/Interface/TCPConnection.h"
+#include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
 
 namespace ostravel::linuxplatform::test {
 
@@ -25,11 +27,27 @@ class RelayTunnel : public std::enable_shared_from_this<RelayTunnel> {
  private:
   void pipeLocalToRemote();
   void pipeRemoteToLocal();
+  // Closes the tunnel and returns false if a read delivered no bytes, or a write failed.
+  bool hasRead(const std::optional<platform::Data>& data, const platform::OptionalError& error);
+  bool hasWritten(const platform::OptionalError& error);
 
   const std::shared_ptr<platform::AppProxyTCPFlow> flow_;
   const std::shared_ptr<platform::TCPConnection> connection_;
   std::atomic<bool> isClosed_ = false;
   std::promise<void> closed_;
+};
+
+// A fixture that makes tunnels.
+class RelayTunnelTest : public RelayTest {
+ protected:
+  // With both of its ends.
+  struct Tunnel {
+    ApplicationSocket application;
+    ApplicationSocket server;
+    std::shared_ptr<RelayTunnel> tunnel;
+  };
+
+  Tunnel makeTunnel();
 };
 
 }  // namespace ostravel::linuxplatform::test
