@@ -17,14 +17,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Between two buffers. Too short for a person to notice the delay of a line.
+// The pause between two buffers, too short for a person to notice.
 constexpr auto kGathering = 1ms;
 
-// An output returns at least this often while there is no room, or it is stuck.
+// An output without room returns at least this often; otherwise it is stuck.
 constexpr auto kLeaving = 200ms;
 
-// In a crash, in steps of a millisecond. A thread that is alive gets on within the first time even
-// on a busy machine; the second keeps a reader that is merely slow from holding up the end.
+// In a crash, in steps of a millisecond. A live thread makes progress within the first time even on
+// a busy machine; the second keeps a merely slow reader from delaying the end.
 constexpr int kLongestStandstill = 200;
 constexpr int kLongestCrash = 1000;
 
@@ -80,7 +80,7 @@ struct BackgroundWriter::State {
 
   bool isHurried() const { return isEnding || flushers > 0; }
 
-  // False when there is none and will be none.
+  // False once there is no work left and none to come.
   bool waitForWork(std::unique_lock<std::mutex>& lock) {
     while (!hasWork() && !isEnding) {
       isCallNeeded = true;

@@ -9,9 +9,9 @@
 
 namespace ostravel {
 
-// Takes records, such as the lines of a log, and has a thread write them, so that a stalled reader
+// Queues records, such as the lines of a log, and writes them on a thread, so that a stalled reader
 // blocks only that thread. Usable from any thread; records are written in the order in which they
-// came.
+// were queued.
 //
 // Two buffers: one is filled while the other is written. When the first is full, records are
 // dropped until the two are swapped; a record that gives their number takes their place. After each

@@ -4,8 +4,8 @@
 
 namespace ostravel {
 
-// Allows this process as many open descriptors as its hard limit does (getrlimit(2)): the usual
-// soft limit would end after some five hundred tunnels. Returns the limit that is in force then.
+// Raises the limit of open descriptors to the hard limit (getrlimit(2)); the usual soft limit is
+// used up by some five hundred tunnels. Returns the new limit.
 std::size_t raiseDescriptorLimit();
 
 }  // namespace ostravel

@@ -4,7 +4,7 @@ namespace ostravel {
 
 void FairTurns::clear() {
   order_.clear();
-  // Emptied before anything is destroyed, which may call back.
+  // Emptied first, because destroying work may call back.
   const auto lines = std::exchange(lines_, {});
 }
 
@@ -61,7 +61,7 @@ void FairTurns::beginTurn() {
 }
 
 void FairTurns::serve(Party party) {
-  // Stays where it is while the work adds lines.
+  // Does not move when the work adds lines.
   Line& line = lines_[party];
   served_ = &line;
   while (!line.waiting.empty() && line.spent < limits_.share && spent_ < limits_.total) {

@@ -31,7 +31,7 @@ class FairTurns {
     std::size_t total;
   };
 
-  // later(work): has to run the work on the loop, after everything that is ready by then.
+  // later(work): must run the work on the loop, after everything that is ready by then.
   FairTurns(Limits limits, std::function<void(Work)> later)
       : limits_(limits), later_(std::move(later)) {}
   FairTurns(const FairTurns&) = delete;
@@ -49,11 +49,10 @@ class FairTurns {
     }
   }
 
-  // Work of the party, whether or not it came through run(), costs this much in addition.
+  // Charges the party for bytes, also for work that did not come through run().
   void spend(Party party, std::size_t bytes);
 
-  // Destroys what waits, without running it. For the owner of both this object and what waits,
-  // once the loop has stopped.
+  // Destroys the waiting work without running it. Called once the loop has stopped.
   void clear();
 
  private:

@@ -8,15 +8,15 @@
 namespace ostravel {
 
 // Writes whole lines to a descriptor that it does not own and that other programs may write to as
-// well. So it leaves O_NONBLOCK as it is, which would change the descriptor for all of them, and
-// waits in poll(2) instead. The program must ignore SIGPIPE. Usable from any thread.
+// well. It therefore does not set O_NONBLOCK, which would affect all of them, but waits in poll(2).
+// The program must ignore SIGPIPE. Usable from any thread.
 class LineOutput {
  public:
   explicit LineOutput(int descriptor) : descriptor_(descriptor) {}
 
   struct Piece {
-    // How much of the lines is dealt with: written, or lost when there is an error. 0 when there
-    // was no room in time.
+    // How many bytes are dealt with: written, or lost if there is an error. 0 when there was no
+    // room in time.
     std::size_t size = 0;
     // An errno, or 0.
     int error = 0;

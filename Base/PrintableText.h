@@ -9,7 +9,7 @@ namespace ostravel {
 // the line separators U+2028 and U+2029, and the marks that reverse the direction of writing.
 bool disturbsTerminal(char32_t codePoint);
 
-// The text with everything that `disturbsTerminal` and every byte that is no UTF-8 written as a
+// The text with everything that `disturbsTerminal` and every byte that is not UTF-8 written as a
 // visible escape: \n, \t, \x1b, \u202e. A backslash becomes two, so that no escape can be forged.
 std::string printableText(std::string_view text);
 

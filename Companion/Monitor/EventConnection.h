@@ -16,7 +16,7 @@ namespace ostravel::companion {
 
 // How long a connection may take. Tests shorten them.
 struct EventLimits {
-  // For the whole frame: a sender has it at hand and writes it at once.
+  // For the whole frame, which a sender writes at once.
   std::chrono::milliseconds frame = std::chrono::seconds(10);
   // For the end of the stream after a whole frame. The event of a sender that does not end is still
   // shown soon, and one that adds bytes is still detected.

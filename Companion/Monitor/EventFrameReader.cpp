@@ -22,7 +22,8 @@ EventFrameReader::State EventFrameReader::consume(std::string_view bytes) {
                   std::to_string(kLargestBody));
     }
   }
-  // The body grows with what has come and not with what was announced: announcing costs nothing.
+  // The body grows with the received bytes, not with the announced length, which costs the sender
+  // nothing.
   const std::size_t taken = std::min(bytes.size(), length_ - body_.size());
   body_ += bytes.substr(0, taken);
   if (taken < bytes.size()) {

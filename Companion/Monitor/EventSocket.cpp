@@ -47,9 +47,9 @@ int connectSocket(int descriptor, const std::string& path) {
   return ::connect(descriptor, generic, sizeof(address)) == 0 ? 0 : errno;
 }
 
-// Whether a process has the socket, listening or not yet. A stream socket refuses a datagram
-// socket for its type, and does not learn that it was asked (unix_find_other in net/unix/af_unix.c
-// of Linux).
+// True if a process has the socket open, whether or not it listens yet. A stream socket refuses a
+// datagram socket because of its type, without noticing the attempt (unix_find_other in
+// net/unix/af_unix.c of Linux).
 bool isInUse(const std::string& path) {
   const int error = connectSocket(openSocket(SOCK_DGRAM).get(), path);
   switch (error) {

@@ -18,8 +18,8 @@ class EventSocket {
   // What `sun_path` holds on every system, without its terminating zero (unix(7)).
   static constexpr std::size_t kLongestPath = 103;
 
-  // Listens on `path`. Replaces a socket of ours that no process has any more, and nothing else;
-  // finds that out without connecting to it. Throws std::runtime_error with a readable reason.
+  // Listens on `path`. Replaces only a socket of ours that no process has open any more, which it
+  // finds out without connecting to it. Throws std::runtime_error with a readable reason.
   explicit EventSocket(std::string path, SocketAccess access = {});
   ~EventSocket();
 

@@ -57,7 +57,7 @@ std::string quoted(std::string_view key) {
   return "\"" + std::string(key) + "\"";
 }
 
-// Empty when all is well.
+// Empty if there is none.
 std::string problemOfKeys(const json_t* event) {
   for (const Key& key : kKeys) {
     const json_t* value = json_object_get(event, key.name);
@@ -93,7 +93,7 @@ std::string textOf(const json_t* event, const char* key) {
   return text(json_object_get(event, key));
 }
 
-// Numbers are measurements: digits beyond a thousandth tell a person nothing.
+// Numbers are measurements; digits beyond a thousandth mean nothing.
 double rounded(double number) {
   constexpr double kThousand = 1000.0;
   // From here on a double has no digits beyond a thousandth.

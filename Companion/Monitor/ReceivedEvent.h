@@ -8,7 +8,7 @@
 
 namespace ostravel::companion {
 
-// One event of the extension, checked. Its texts are as they came and not yet printable.
+// One event of the extension, checked. Its texts are as received, not yet printable.
 struct ReceivedEvent {
   double timestamp = 0;  // seconds since 1970
   std::string level;
@@ -21,9 +21,9 @@ struct ReceivedEvent {
 };
 
 // Reads the body of a frame: one JSON object with nothing after it and no duplicate key, with all
-// required keys, each of its type. Keys it does not know are left alone, so that a newer extension
-// can be watched with an older monitor. A text may hold any character, a key any but U+0000.
-// The string says what is wrong.
+// required keys, each of its type. Ignores unknown keys, so that an older monitor can show the
+// events of a newer extension. A text may hold any character, a key any but U+0000. The string says
+// what is wrong.
 std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body);
 
 }  // namespace ostravel::companion

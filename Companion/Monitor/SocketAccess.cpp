@@ -34,7 +34,7 @@ std::optional<SocketAccess> socketAccess(const std::string& group, const std::st
     if (!chosen) {
       return std::nullopt;
     }
-    // Meant for another group than the one that the socket has.
+    // The mode was meant for another group than the socket's.
     const bool isGroupMissing = !group.empty() && !access.group;
     access.mode = isGroupMissing ? *chosen & ~static_cast<mode_t>(S_IRWXG) : *chosen;
   }

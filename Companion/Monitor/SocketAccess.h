@@ -19,9 +19,9 @@ std::optional<gid_t> groupNamed(const std::string& name);
 // Octal digits, as chmod(1) takes them, up to 777.
 std::optional<mode_t> parseMode(const std::string& text);
 
-// From what a person has chosen; empty texts for what has been left open. For a group that exists
-// the mode is 0660 unless said otherwise; one that does not exist gives no group any access.
-// Empty when `mode` is none.
+// From the options; the text of one that was not given is empty. For a group that exists the mode
+// is 0660 unless said otherwise; one that does not exist gives no group any access. Empty when
+// `mode` is none.
 std::optional<SocketAccess> socketAccess(const std::string& group, const std::string& mode);
 
 }  // namespace ostravel::companion

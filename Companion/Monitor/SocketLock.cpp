@@ -16,7 +16,7 @@ namespace {
   throw std::runtime_error(reason);
 }
 
-// Not a file that a person keeps there: it is going to be removed.
+// Must not be a file of somebody else, because it will be removed.
 bool canBeOurs(const struct stat& status) {
   return S_ISREG(status.st_mode) && status.st_size == 0 && status.st_uid == ::geteuid();
 }

@@ -38,7 +38,7 @@ std::string droppedLine(std::size_t count) {
   return "ostravel-monitor: events dropped: " + std::to_string(count);
 }
 
-// A reader that went away is a person ending the program.
+// The reader has gone away: usually somebody has ended it, and so this program.
 bool isOrderlyEnd(std::error_code error) {
   return !error || error == std::errc::broken_pipe;
 }
@@ -78,7 +78,7 @@ int main(int argc, char** argv) {
                           }});
   // Events are received even when the reader has stalled, so that none waits in the sender.
   QueuedOutput output(STDOUT_FILENO, {.capacity = kOutputCapacity,
-                                      // Not among the events, which a program may read.
+                                      // Kept apart from the events, which a program may read.
                                       .droppedLine =
                                           [&complaints](std::size_t count) {
                                             complaints.writeLine(droppedLine(count));

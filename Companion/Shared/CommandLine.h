@@ -7,11 +7,12 @@
 
 namespace ostravel::companion {
 
-constexpr int kExitUsage = 2;  // Also for what the program was asked to listen on and cannot.
+constexpr int kExitUsage =
+    2;  // Also the status if the program cannot listen where it was asked to.
 
-// Adds --version and reads the arguments into what `app` was given to fill. Returns the status to
-// exit with when that is all there is to do: 0 after help or version were printed, kExitUsage after
-// one line on standard error said what is wrong.
+// Adds --version and parses the arguments. Returns the status to exit with if there is nothing else
+// to do: 0 after help or version were printed, kExitUsage after one line on standard error said
+// what is wrong.
 std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* argv);
 
 // Prints "<program>: <problem>" as one line on standard error; returns kExitUsage.

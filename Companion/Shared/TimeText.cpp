@@ -43,8 +43,8 @@ std::string timeOfDay(double secondsSince1970) {
   if (!(std::fabs(secondsSince1970) < kFarthestSeconds)) {
     return kNoTime;
   }
-  // A decimal fraction such as .123 has no exact double and may lie just below itself; a
-  // microsecond is far less than a sender's clock is worth and brings it back.
+  // A decimal fraction such as .123 has no exact double, and the nearest one may be just below it.
+  // A microsecond, far less than the precision of a sender's clock, corrects that.
   constexpr double kMicrosecondInMilliseconds = 1e-3;
   const double milliseconds = std::floor(secondsSince1970 * 1000.0 + kMicrosecondInMilliseconds);
   return timeOfDayFromMilliseconds(static_cast<long long>(milliseconds));

@@ -17,15 +17,15 @@ class ConnectProxy {
  public:
   using Lookup = std::function<std::shared_ptr<PendingLookup>(const HostPort&, LookupDone)>;
 
-  // Listens from here on; accepts once the io_context runs. Throws std::system_error when the
-  // address cannot be had. Port 0 lets the system choose.
+  // Listens from here on; accepts once the io_context runs. Throws std::system_error if it cannot
+  // listen there. Port 0 lets the system choose.
   ConnectProxy(asio::io_context& ioContext, const asio::ip::tcp::endpoint& address, Lookup lookUp,
                TunnelLog log, SessionLimits limits = {});
   ConnectProxy(const ConnectProxy&) = delete;
   ConnectProxy& operator=(const ConnectProxy&) = delete;
   ~ConnectProxy();
 
-  // Where it listens, with the port it got.
+  // The address it listens on, with the actual port.
   asio::ip::tcp::endpoint address();
 
  private:

@@ -11,8 +11,7 @@ namespace {
 
 constexpr std::string_view kEstablished = "HTTP/1.1 200 Connection established\r\n\r\n";
 
-// What is relayed has been put together by the two ends; holding back small pieces would only add
-// a delay to theirs.
+// The two ends have grouped the bytes; holding back small pieces would only add a delay.
 void sendWithoutDelay(asio::ip::tcp::socket& socket) {
   asio::error_code ignored;
   socket.set_option(asio::ip::tcp::no_delay(true), ignored);
@@ -38,14 +37,14 @@ void ConnectSession::readHeader() {
       asio::buffer(space.data(), space.size()),
       [self = shared_from_this(), step = step_](asio::error_code error, std::size_t size) {
         if (step != self->step_) {
-          return;  // Refused meanwhile, for taking too long.
+          return;  // It has timed out meanwhile.
         }
         if (!error) {
           self->headerRead(self->header_.commit(size));
           return;
         }
         if (error == asio::error::eof && !self->header_.empty()) {
-          // It may have ended only its sending side and still read the answer.
+          // The client may have closed only its sending side and still read the answer.
           self->refuse(HTTPStatus::badRequest, "ended within the request header");
           return;
         }
@@ -86,7 +85,7 @@ void ConnectSession::requestRead() {
                                                                   const LookupResult& endpoints) {
         const std::shared_ptr<ConnectSession> self = session.lock();
         if (!self || step != self->step_) {
-          return;  // Refused meanwhile, for taking too long.
+          return;  // It has timed out meanwhile.
         }
         if (error) {
           self->refuseUnreachable(error);
@@ -152,7 +151,7 @@ void ConnectSession::connected() {
                       const auto relay = std::make_shared<TunnelRelay>(
                           std::move(self->client_), std::move(self->origin_),
                           self->environment_.relays, std::move(ended));
-                      relay->start(self->header_.behind());
+                      relay->start(self->header_.remainder());
                     });
 }
 
@@ -170,13 +169,13 @@ void ConnectSession::judgeClient() {
       watchClient();
       break;
     case ReadState::bytes:
-      // They wait for the tunnel, and hide an end that follows them.
+      // They stay unread until the tunnel is established, and hide an end that follows them.
       watchClientForReset();
       break;
     case ReadState::ended:
-      // A client that has sent something for the origin may have ended only its sending side and
-      // still read; one that has sent nothing has no use for a tunnel.
-      if (header_.behind().empty()) {
+      // A client that has sent bytes for the origin may have closed only its sending side and still
+      // read; one that has sent nothing does not need the tunnel any more.
+      if (header_.remainder().empty()) {
         abandon();
       } else {
         watchClientForReset();
@@ -225,7 +224,7 @@ void ConnectSession::refuse(HTTPStatus status, std::string_view reason) {
   client_.cancel(ignored);
   environment_.log.refused(request_, status, reason);
   answer_ = refusalAnswer(status);
-  // Bounds the writing too: a client need not read.
+  // Limits the writing too: the client might not read.
   limitStep(environment_.limits.linger, &ConnectSession::close);
   asio::async_write(client_, asio::buffer(answer_),
                     [self = shared_from_this()](asio::error_code error, std::size_t) {
@@ -274,7 +273,7 @@ void ConnectSession::limitStep(std::chrono::milliseconds limit, void (ConnectSes
   lookup_ = nullptr;
   deadline_.expires_after(limit);
   deadline_.async_wait([self = shared_from_this(), step = ++step_, expired](asio::error_code) {
-    // The step decides and not the error: a timer that has already fired cannot be cancelled.
+    // Tests the step, not the error: a timer that has already fired cannot be cancelled.
     if (step == self->step_) {
       (*self.*expired)();
     }

@@ -15,7 +15,7 @@ namespace ostravel::companion {
 using LookupResult = std::vector<asio::ip::tcp::endpoint>;
 using LookupDone = std::function<void(asio::error_code, const LookupResult&)>;
 
-// The name servers that are asked, and how. Tests change them.
+// Which name servers are asked, and how. Changed by tests.
 struct ResolverSettings {
   // Instead of those of the system: ADDRESS:PORT, separated by commas. Empty: those of the system.
   std::string nameServers = {};

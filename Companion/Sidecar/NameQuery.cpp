@@ -88,7 +88,7 @@ void NameQuery::start(const std::string& name, const ResolverSettings& settings)
 
 void NameQuery::finish(asio::error_code error, LookupResult endpoints) {
   asio::post(executor_, [query = weak_from_this(), error, endpoints = std::move(endpoints)] {
-    // Held while the completion runs, which may give up the owner's hold.
+    // Keeps the query alive while the completion runs, which may release it.
     if (const std::shared_ptr<NameQuery> self = query.lock()) {
       const LookupDone done = std::exchange(self->done_, nullptr);
       done(error, endpoints);
@@ -157,7 +157,7 @@ void NameQuery::waitForSocket(ares_socket_t number, const std::shared_ptr<Watche
                                  waits, isRead](asio::error_code error) {
                                   const std::shared_ptr<NameQuery> self = query.lock();
                                   const std::shared_ptr<WatchedSocket> ready = watched.lock();
-                                  // Without the socket, its number may already be another socket's.
+                                  // If the socket is gone, its number may already be reused.
                                   if (!self || !ready) {
                                     return;
                                   }

@@ -7,8 +7,8 @@
 
 namespace ostravel::companion {
 
-// Lends the buffers through which tunnels move bytes, so that a tunnel owns one only while it has
-// bytes in hand. Shared by all relays of one thread; a buffer that is not returned is merely freed.
+// Lends the buffers through which tunnels move bytes, so that a tunnel has one only while it holds
+// bytes. Shared by all relays of one thread; a buffer that is not returned is merely freed.
 class RelayBufferPool {
  public:
   // What one read may take: large enough that system calls do not dominate, small enough that

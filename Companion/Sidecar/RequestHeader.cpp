@@ -37,7 +37,7 @@ std::string_view RequestHeader::header() const {
   return std::string_view(bytes_->data(), headerEnd_).substr(headerBegin_);
 }
 
-std::string_view RequestHeader::behind() const {
+std::string_view RequestHeader::remainder() const {
   return std::string_view(bytes_->data(), used_).substr(headerEnd_);
 }
 

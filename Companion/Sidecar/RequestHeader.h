@@ -12,7 +12,7 @@ namespace ostravel::companion {
 // its end. Owned by the session that reads it.
 //
 //   [ empty lines ][ request line CRLF  field lines CRLF ... CRLF ][ bytes for the origin ]
-//                  ^ header()                                      ^ behind()
+//                  ^ header()                                      ^ remainder()
 //
 // Not responsible for what the lines say: that is parseConnectRequest.
 class RequestHeader {
@@ -41,7 +41,7 @@ class RequestHeader {
 
   // Both only once the state is complete; valid as long as this object.
   std::string_view header() const;
-  std::string_view behind() const;
+  std::string_view remainder() const;
 
  private:
   std::unique_ptr<std::array<char, kCapacity>> bytes_;

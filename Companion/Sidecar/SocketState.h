@@ -22,8 +22,8 @@ enum class Disturbance {
   reset,  // or another error of the connection
 };
 
-// Why wait_error of the socket has fired. Takes the reason away, so that the next wait does not
-// fire for it again: the error, or the urgent byte, which is not part of the stream (tcp(7)).
+// Why wait_error of the socket has fired. Clears the reason, so that the next wait does not fire
+// for it again: the error, or the urgent byte, which is not part of the stream (tcp(7)).
 Disturbance takeDisturbance(asio::ip::tcp::socket& socket);
 
 }  // namespace ostravel::companion

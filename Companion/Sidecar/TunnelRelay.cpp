@@ -53,7 +53,7 @@ void TunnelRelay::start(std::string_view bytesForOrigin) {
 void TunnelRelay::pump(Direction& direction) {
   direction.state = State::moving;
   environment_->turns.run(nullptr, [self = shared_from_this(), &direction] {
-    if (!self->over_) {
+    if (!self->hasEnded_) {
       self->move(direction);
     }
   });
@@ -75,7 +75,7 @@ void TunnelRelay::move(Direction& direction) {
     }
   }
   asio::post(client_.get_executor(), [self = shared_from_this(), &direction] {
-    if (!self->over_) {
+    if (!self->hasEnded_) {
       self->pump(direction);
     }
   });
@@ -129,7 +129,7 @@ void TunnelRelay::waitForBytes(Direction& direction) {
   releaseBuffer(direction);
   direction.from.async_wait(Socket::wait_read,
                             [self = shared_from_this(), &direction](asio::error_code error) {
-                              if (!error && !self->over_) {
+                              if (!error && !self->hasEnded_) {
                                 self->pump(direction);
                               }
                             });
@@ -140,7 +140,7 @@ void TunnelRelay::waitForRoom(Direction& direction) {
   watchForReset(direction);
   direction.to.async_wait(Socket::wait_write,
                           [self = shared_from_this(), &direction](asio::error_code error) {
-                            if (!error && !self->over_) {
+                            if (!error && !self->hasEnded_) {
                               self->pump(direction);
                             }
                           });
@@ -158,7 +158,7 @@ void TunnelRelay::watchForReset(Direction& direction) {
         direction.watched = false;
         // A direction that reads again gets the error after the last bytes, where it belongs. Do
         // not query it here: that would clear it.
-        if (error || self->over_ || direction.state == State::waitingForBytes) {
+        if (error || self->hasEnded_ || direction.state == State::waitingForBytes) {
           return;
         }
         switch (takeDisturbance(direction.from)) {
@@ -198,7 +198,7 @@ void TunnelRelay::releaseBuffer(Direction& direction) {
 }
 
 void TunnelRelay::end(Outcome outcome) {
-  over_ = true;
+  hasEnded_ = true;
   asio::error_code ignored;
   for (Socket* socket : {&client_, &origin_}) {
     if (outcome == Outcome::reset) {

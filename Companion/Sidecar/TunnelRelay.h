@@ -86,7 +86,7 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
   Ended ended_;
   Direction toOrigin_;
   Direction toClient_;
-  bool over_ = false;
+  bool hasEnded_ = false;
 };
 
 }  // namespace ostravel::companion

@@ -30,7 +30,7 @@ class ProxyTunnelMonitoringClient {
                                                        std::span<const std::byte> frame)>;
 
   // Bound on the waiting events with their work items, some two thousand. Enough to survive a
-  // restart of the companion; small enough to be harmless if it hangs for ever.
+  // restart of the companion; small enough to be harmless if it hangs forever.
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{4} * 1024 * 1024;
 
   // Without a sender, sendFrameToSocket is used. All encoding and sending runs on queue, which is

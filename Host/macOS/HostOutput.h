@@ -9,10 +9,10 @@ const char* printable(NSString* text);
 
 const char* printable(NEVPNStatus status);
 
-// Says on the standard error what failed, and why: with the system's text, domain and code.
+// Prints on standard error what failed, and why: with the system's text, domain and code.
 void printFailure(const char* what, NSError* error);
 
-// Says so, and ends the process.
+// Does the same, then ends the process.
 [[noreturn]] void fail(const char* what, NSError* error);
 
 }  // namespace ostravel::host

@@ -18,7 +18,7 @@ using ostravel::host::printFailure;
 
 namespace {
 
-// Until the system has told the state, which takes it less than a second.
+// How long the system may take to report the state; it needs less than a second.
 constexpr std::chrono::seconds kStatusPatience{10};
 
 // The system shows it among its network services.

@@ -26,7 +26,7 @@ inline constexpr std::int64_t kInvalidConfigurationCode = 1201;
 inline constexpr std::int64_t kInvalidNetworkRuleCode = 1202;
 // The provider asks for something while the process is ending.
 inline constexpr std::int64_t kStoppingCode = 1203;
-// The kernel cannot say whose a socket is.
+// The kernel does not report who owns a socket.
 inline constexpr std::int64_t kNoSocketDiagnosticsCode = 1204;
 // Interception cannot start, because a resource is missing.
 inline constexpr std::int64_t kInterceptionFailedCode = 1205;

@@ -7,8 +7,8 @@
 
 namespace ostravel::platform {
 
-// What an operation returns that can fail: the value, or the error that kept it from one. To ask
-// for the one that is not there throws std::bad_variant_access.
+// The outcome of an operation that can fail: its value or an error. Access to the absent one throws
+// std::bad_variant_access.
 template <typename Value>
 class [[nodiscard]] Result {
  public:

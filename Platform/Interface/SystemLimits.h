@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
-// Figures of the system on which both the core and a platform depend. What is a matter of one
-// platform alone is in its own list.
+// Limits that both the core and a platform depend on. Limits of one platform are in that platform's
+// own list.
 namespace ostravel::platform::limits {
 
 // Where the local proxy listens.

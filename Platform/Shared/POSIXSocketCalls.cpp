@@ -61,7 +61,7 @@ SocketCallResult POSIXSocketCalls::connect(int descriptor, std::span<const std::
 }
 
 SocketCallResult POSIXSocketCalls::pollWritable(int descriptor, std::chrono::milliseconds timeout) {
-  // poll takes an int, and a negative one waits for ever.
+  // poll takes an int, and a negative one waits forever.
   constexpr std::chrono::milliseconds::rep kLongest = std::numeric_limits<int>::max();
   const auto wait = std::clamp<std::chrono::milliseconds::rep>(timeout.count(), 0, kLongest);
   pollfd entry{.fd = descriptor, .events = POLLOUT, .revents = 0};

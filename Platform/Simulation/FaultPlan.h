@@ -4,14 +4,14 @@
 
 namespace ostravel::simulation {
 
-// How often each thing goes wrong in a run, as probabilities from 0 to 1. Without further words
-// nothing does. What is drawn depends only on the seed.
+// The probability of each fault in a run, from 0 to 1; by default there are none. What is drawn
+// depends only on the seed.
 struct FaultPlan {
   // A completion, an acceptance or a refusal comes later, by up to maximumLatency.
   double latency = 0.0;
   std::chrono::nanoseconds maximumLatency = std::chrono::milliseconds(50);
 
-  // A read delivers less than is there, but at least its minimum.
+  // A read delivers less than is available, but at least its minimum.
   double shortRead = 0.0;
   // A read, or a write, fails with ECONNRESET, and so does every later one of that direction.
   double readError = 0.0;
@@ -21,7 +21,7 @@ struct FaultPlan {
   double openError = 0.0;
   // A connection that was going to be accepted is refused.
   double connectRefusal = 0.0;
-  // A socket call to a listening peer finds it refusing.
+  // A socket call to a listening peer is refused.
   double socketRefusal = 0.0;
 };
 

@@ -16,7 +16,7 @@ class FaultSource {
   // From now on.
   void setPlan(const FaultPlan& plan) { plan_ = plan; }
 
-  // Zero, or how much later something comes.
+  // Zero, or by how much something is delayed.
   std::chrono::nanoseconds latency();
   // How many of the available bytes a read delivers; minimum is not above available.
   std::size_t chunk(std::size_t minimum, std::size_t available);

@@ -6,8 +6,8 @@
 
 namespace ostravel::simulation {
 
-// What happened in a run, in order, one line each: flows and connections write down every operation
-// and every completion, tests whatever they want to see in between.
+// What happened in a run, in order, one line each: every operation and completion of flows and
+// connections, and what the test adds.
 //
 //   NAME: open | opened | open failed: DESCRIPTION
 //   NAME: read | read N bytes | read end | read failed: DESCRIPTION
@@ -18,7 +18,7 @@ namespace ostravel::simulation {
 // where NAME is the flow's or the connection's, such as "flow 1" or "connection 1".
 class Journal {
  public:
-  // A run of millions of steps has no use for lines; without them nothing is kept.
+  // Turned off for runs of millions of steps, which need no lines.
   void setEnabled(bool enabled) { enabled_ = enabled; }
   bool isEnabled() const { return enabled_; }
 
@@ -28,7 +28,7 @@ class Journal {
   const std::vector<std::string>& lines() const { return lines_; }
   // The lines that contain the text.
   std::vector<std::string> linesWith(std::string_view text) const;
-  // Whether both lines are there, the first occurrence of one before that of the other.
+  // True if both lines exist and the first occurrence of one precedes that of the other.
   bool inOrder(std::string_view first, std::string_view second) const;
   void clear() { lines_.clear(); }
 

@@ -13,7 +13,7 @@ std::chrono::nanoseconds later(std::chrono::nanoseconds moment, std::chrono::nan
   return delay > kEndOfTime - moment ? kEndOfTime : moment + delay;
 }
 
-// Ends an item's time on the stack also when it throws.
+// Removes an item from the stack, also when it throws.
 template <typename Action>
 class AtEnd {
  public:
@@ -125,7 +125,7 @@ bool RunQueue::runUntil(const std::function<bool()>& predicate, std::chrono::nan
     if (runOne()) {
       continue;
     }
-    // An alarm may have sounded.
+    // An alarm may have gone off.
     if (predicate()) {
       break;
     }
@@ -139,7 +139,7 @@ bool RunQueue::runUntil(const std::function<bool()>& predicate, std::chrono::nan
 }
 
 void RunQueue::clear() {
-  // What an item holds may submit further items when it is let go.
+  // Destroying what an item holds may submit further items.
   while (!items_.empty() || !alarms_.empty()) {
     runnable_.clear();
     alarmMoments_.clear();
@@ -176,7 +176,7 @@ void RunQueue::execute(ItemNumber number) {
   }
   running_.push_back(item.lane.get());
   const AtEnd finish([this, &item] {
-    // What the item holds goes as part of the item.
+    // What the item holds is destroyed as part of the item.
     item.work = nullptr;
     running_.pop_back();
     if (item.lane) {

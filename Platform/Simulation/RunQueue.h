@@ -31,8 +31,7 @@ class RunQueue {
   using Work = std::function<void()>;
   using AlarmNumber = std::uint64_t;
 
-  // More items at one moment of virtual time than any sound run has: they submit one another
-  // without end.
+  // With more items at one moment of virtual time, items submit one another endlessly.
   static constexpr std::size_t kMaximumItemsPerMoment = 2'000'000;
 
   RunQueue(RunOrder order, SeededRandom random);
@@ -55,7 +54,7 @@ class RunQueue {
   // std::logic_error where it would wait for an item that waits for it.
   void runInCaller(const std::shared_ptr<WorkLane>& lane, ItemKind kind, const Work& work);
 
-  // Calls the work once when virtual time reaches the moment; it is to do no more than to post.
+  // Calls the work once when virtual time reaches the moment; it may only post.
   AlarmNumber setAlarm(std::chrono::nanoseconds moment, Work work);
   void cancelAlarm(AlarmNumber alarm);
 

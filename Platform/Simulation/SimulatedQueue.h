@@ -10,7 +10,7 @@ namespace ostravel::simulation {
 
 // A queue whose items run in the one run queue. Items that are run side by side elsewhere are run
 // one after the other here, in any order that the rules allow. A sync item runs in the caller,
-// after what must precede it; where it would wait for ever it throws std::logic_error.
+// after what must precede it; where it would wait forever it throws std::logic_error.
 class SimulatedQueue final : public platform::DispatchQueue {
  public:
   SimulatedQueue(RunQueue& run, std::string label, platform::DispatchQueueKind kind);

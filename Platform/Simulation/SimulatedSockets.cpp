@@ -145,7 +145,7 @@ SocketCallResult SimulatedSockets::pollWritable(int descriptor, std::chrono::mil
 SocketCallResult SimulatedSockets::pendingError(int descriptor) {
   const auto scripted = scriptedAnswer(SocketCallKind::pendingError);
   auto* const socket = find(descriptor);
-  // Asking for the error takes it away.
+  // Reading the error clears it.
   const auto usual = socket != nullptr ? SocketCallResult{std::exchange(socket->pendingError, 0), 0}
                                        : failure(EBADF);
   return record(

@@ -27,7 +27,7 @@ enum class SocketCallKind {
 // One call with its arguments, and its answer. What a call does not have is as below.
 struct SocketCall {
   SocketCallKind kind = SocketCallKind::socket;
-  // The argument, or what socket() gave.
+  // The argument, or what socket() returned.
   int descriptor = -1;
   int family = 0;
   int type = 0;
@@ -39,9 +39,9 @@ struct SocketCall {
   platform::SocketCallResult result;
 };
 
-// Scripted socket calls. Two peers exist, whatever the address: a TCP one, which plays the
-// local proxy, and a local one, which plays the monitoring socket. Both refuse until they are
-// told to listen. Beyond that every call can be given an answer of its own.
+// Scripted socket calls. Two peers exist, whatever the address: a TCP one, which plays the local
+// proxy, and a local one, which plays the monitoring socket. Both refuse until the test makes them
+// listen. In addition, the test can script the answer of any call.
 //
 // A TCP socket that is non-blocking connects in two steps (in progress, then writable with or
 // without a pending error); everything else answers at once, and no time passes meanwhile.

@@ -10,9 +10,9 @@
 
 namespace ostravel::simulation {
 
-// A timer of virtual time. The delay counts from schedule(); expirations before resume() are made
-// up for by one as soon as it is called. In the seeded order an expiration is late by a drawn part
-// of the leeway, otherwise it is punctual. Nominal times of a repeating timer do not drift.
+// A timer of virtual time. The delay counts from schedule(); expirations before resume() are merged
+// into one, which follows it at once. In the seeded order an expiration is late by a drawn part of
+// the leeway, otherwise it is punctual. Nominal times of a repeating timer do not drift.
 class SimulatedTimer final : public platform::DispatchTimer {
  public:
   SimulatedTimer(RunQueue& run, std::shared_ptr<platform::DispatchQueue> queue);

@@ -75,7 +75,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
   }
   // From now on.
   void setFaults(const FaultPlan& faults) { run_.faults.setPlan(faults); }
-  // An item on its own, for what a test wants to happen among the others.
+  // An item outside all queues, for a step of the test among the others.
   void post(std::function<void()> work) { run_.queue.post(std::move(work)); }
 
   // --- What happened.
@@ -98,7 +98,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
 
   // --- The provider's surroundings.
 
-  // All that were asked for; a settings request is answered with success unless told otherwise.
+  // All requests so far. A request succeeds unless the test says otherwise.
   const std::vector<platform::TransparentProxyNetworkSettings>& networkSettings() const {
     return networkSettings_;
   }
@@ -111,7 +111,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
 
   void setProtocolConfiguration(std::optional<platform::TunnelProviderProtocol> configuration);
 
-  // What was asked for, by its number from zero on. The connection itself is the provider's, and
+  // The requested connections, by number from zero. The connection itself is the provider's, and
   // null when it is gone; its peer stays.
   std::size_t connectionCount() const { return connections_.size(); }
   std::shared_ptr<SimulatedTCPConnection> connection(std::size_t number) const;

@@ -27,10 +27,10 @@ namespace ostravel::linuxplatform {
 //   }
 //
 // An identifier applies to root and system users, whose programs contain nobody else's code, and to
-// the users listed: anybody can load any code into a program that he starts himself. If two files
-// name the same path, the later one in name order wins. The folder and the files are trusted only
-// if they belong to root and nobody else can write to them. A file that is not trusted or not valid
-// is ignored as a whole, with one warning. A snapshot from when the files were read; used by one
+// the users listed: any user can load any code into a program that they start. If two files name
+// the same path, the later one in name order wins. The folder and the files are trusted only if
+// they belong to root and nobody else can write to them. A file that is not trusted or not valid is
+// ignored as a whole, with one warning. A snapshot from when the files were read; used by one
 // thread at a time.
 class ApplicationRegistrations {
  public:

@@ -20,7 +20,7 @@ TEST(RequestHeaderTest, FindsTheEndInOnePiece) {
   RequestHeader header;
   EXPECT_EQ(give(header, "A b c\r\nD: e\r\n\r\n"), State::complete);
   EXPECT_EQ(header.header(), "A b c\r\nD: e\r\n\r\n");
-  EXPECT_EQ(header.behind(), "");
+  EXPECT_EQ(header.remainder(), "");
 }
 
 TEST(RequestHeaderTest, FindsTheEndByteByByte) {
@@ -37,7 +37,7 @@ TEST(RequestHeaderTest, KeepsTheBytesBehindTheHeader) {
   RequestHeader header;
   EXPECT_EQ(give(header, "A b c\r\n\r\nfirst\r\n\r\nsecond"), State::complete);
   EXPECT_EQ(header.header(), "A b c\r\n\r\n");
-  EXPECT_EQ(header.behind(), "first\r\n\r\nsecond");
+  EXPECT_EQ(header.remainder(), "first\r\n\r\nsecond");
 }
 
 TEST(RequestHeaderTest, IgnoresEmptyLinesAheadOfTheRequest) {
