@@ -143,7 +143,7 @@ TEST_F(BackgroundWriterTest, DoesNotWaitForAReaderThatHasStalled) {
   EXPECT_TRUE(flush());
 }
 
-TEST_F(BackgroundWriterTest, DropsTheNewestCountsThemAndSaysSoOnceWhereTheyAreMissing) {
+TEST_F(BackgroundWriterTest, PutsTheNumberOfDroppedRecordsInTheirPlace) {
   stall();
   for (int line = 0; line < 15; ++line) {
     writer_->push(lineOf(line));
@@ -161,7 +161,7 @@ TEST_F(BackgroundWriterTest, DropsTheNewestCountsThemAndSaysSoOnceWhereTheyAreMi
   EXPECT_EQ(reader_->text(), expected + "dropped 5\nafter\n");
 }
 
-TEST_F(BackgroundWriterTest, CountsAfreshEachTime) {
+TEST_F(BackgroundWriterTest, CountsDroppedRecordsAfreshEachTime) {
   for (const std::string expected : {"dropped 9\n", "dropped 19\n"}) {
     stall();
     for (int line = 0; line < (expected == "dropped 9\n" ? 20 : 30); ++line) {
@@ -201,7 +201,7 @@ TEST_F(BackgroundWriterTest, DestructionWritesWhatIsLeft) {
   EXPECT_TRUE(reader_->text().ends_with(lineOf(4)));
 }
 
-TEST_F(BackgroundWriterTest, DestructionLeavesAStalledReaderBehind) {
+TEST_F(BackgroundWriterTest, DestructionDoesNotWaitForAStalledReader) {
   stall();
   writer_->push("never\n");
   writer_.reset();

@@ -14,7 +14,7 @@ TEST(CompactJSONTest, KeepsNumbersAsTheyWereSent) {
   EXPECT_EQ(compactJSON("[1763271815.123, 1e3, 0.10]"), "[1763271815.123,1e3,0.10]");
 }
 
-TEST(CompactJSONTest, KeepsEscapesButThatOfTheSlash) {
+TEST(CompactJSONTest, KeepsEscapesExceptThoseOfSlashes) {
   EXPECT_EQ(compactJSON(R"(["a\/b","\"\\","\\/","\u001b","\n"])"),
             R"(["a/b","\"\\","\\/","\u001b","\n"])");
 }

@@ -91,7 +91,7 @@ TEST_F(FairTurnsTest, PartiesThatWaitAreServedByTurns) {
   EXPECT_EQ(takeTurn(), "aaaabb");
 }
 
-TEST_F(FairTurnsTest, WorkBehindWorkOfItsPartyDoesNotOvertake) {
+TEST_F(FairTurnsTest, WorkDoesNotOvertakeEarlierWorkOfItsParty) {
   run('a', 5);
   takeTurn();
   // There is room again, and nobody waits.

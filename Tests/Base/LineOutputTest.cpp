@@ -83,7 +83,7 @@ TEST_F(LineOutputTest, LeavesTheDescriptorBlocking) {
   EXPECT_EQ(::fcntl(ends_[1], F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(LineOutputTest, SaysWhatTheSystemSays) {
+TEST_F(LineOutputTest, ReportsTheErrorOfTheSystem) {
   const auto old = std::signal(SIGPIPE, SIG_IGN);
   ::close(ends_[0]);
   const auto piece = output_.writePiece("line\n", 0ms);

@@ -20,11 +20,11 @@ TEST(PrintableTextTest, ShowsControlCharacters) {
   EXPECT_EQ(printableText("\xc2\xa0"), "\xc2\xa0");
 }
 
-TEST(PrintableTextTest, ShowsWhatTurnsOrBreaksTheLine) {
+TEST(PrintableTextTest, ShowsWhatReversesOrBreaksTheLine) {
   EXPECT_EQ(printableText("\xe2\x80\xae\xe2\x80\xa8\xe2\x81\xa6"), "\\u202e\\u2028\\u2066");
 }
 
-TEST(PrintableTextTest, ShowsBytesThatAreNoUTF8) {
+TEST(PrintableTextTest, ShowsBytesThatAreNotUTF8) {
   EXPECT_EQ(printableText("\xff"), "\\xff");
   EXPECT_EQ(printableText("\xc0\x9b"), "\\xc0\\x9b");           // a longer form of ESC
   EXPECT_EQ(printableText("\xe0\x80\x9b"), "\\xe0\\x80\\x9b");  // an even longer one

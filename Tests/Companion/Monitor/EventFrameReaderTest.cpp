@@ -62,7 +62,7 @@ TEST(EventFrameReaderTest, RefusesAnEarlyEnd) {
   EXPECT_EQ(empty.finish(), State::malformed);
 }
 
-TEST(EventFrameReaderTest, RefusesBytesBehindTheFrame) {
+TEST(EventFrameReaderTest, RefusesBytesAfterTheFrame) {
   EventFrameReader together;
   EXPECT_EQ(together.consume(lengthOf(1) + "ab"), State::malformed);
   EXPECT_EQ(together.problem(), "bytes follow the frame of 1 bytes");

@@ -149,7 +149,7 @@ TEST(EventSocketTest, TakesTheGroupAndModeItIsGiven) {
   EXPECT_EQ(statusOf(folder.path("s")).st_mode & 07777U, 0666U);
 }
 
-TEST(EventSocketTest, RefusesWhatIsNoSocket) {
+TEST(EventSocketTest, RefusesWhatIsNotASocket) {
   const TemporaryFolder folder;
   std::ofstream(folder.path("file")) << "precious";
   leaveStaleSocket(folder.path("stale"));
@@ -180,7 +180,7 @@ TEST(EventSocketTest, RefusesAPathThatDoesNotFit) {
   EXPECT_EQ(problemAt(""), "the path is empty");
 }
 
-TEST(EventSocketTest, TellsWhyItCannotListen) {
+TEST(EventSocketTest, ReportsWhyItCannotListen) {
   const TemporaryFolder folder;
   EXPECT_EQ(problemAt(folder.path("missing/s")), "No such file or directory");
 }

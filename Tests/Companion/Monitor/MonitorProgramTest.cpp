@@ -65,7 +65,7 @@ TEST_F(MonitorProgramTest, PrintsTheEventItselfAsJSON) {
   EXPECT_EQ(monitor.readOutputLine(), replaced(kEvent, R"(\/usr\/bin\/curl)", "/usr/bin/curl"));
 }
 
-TEST_F(MonitorProgramTest, ReportsMalformedFramesAndGoesOn) {
+TEST_F(MonitorProgramTest, ReportsMalformedFramesAndContinues) {
   for (const std::vector<std::string>& mode : {std::vector<std::string>{}, {"--json"}}) {
     ChildProcess monitor(command(mode), options());
     waitUntilReady(monitor);
@@ -127,7 +127,7 @@ TEST_F(MonitorProgramTest, ReportsAGroupThatDoesNotExist) {
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-TEST_F(MonitorProgramTest, RemovesItsSocketAndEndsOnTheSignalsThatAskForIt) {
+TEST_F(MonitorProgramTest, RemovesItsSocketWhenSignalledToEnd) {
   for (const int number : {SIGINT, SIGTERM}) {
     ChildProcess monitor(command(), options());
     waitUntilReady(monitor);
@@ -301,7 +301,7 @@ TEST_F(TerminalTest, ShowsTheLevelInColour) {
   EXPECT_NE(lineOnTerminal("NO_COLOR").find("\x1b[32minfo \x1b[0m"), std::string::npos);
 }
 
-TEST_F(TerminalTest, ShowsNoColourWhenNoneIsWanted) {
+TEST_F(TerminalTest, ShowsNoColourWhenItIsTurnedOff) {
   EXPECT_EQ(lineOnTerminal("NO_COLOR=1").find('\x1b'), std::string::npos);
 }
 

@@ -65,7 +65,7 @@ TEST(ReceivedEventTest, TakesAWholeNumberForATime) {
   EXPECT_DOUBLE_EQ(accepted(replaced(kEvent, "1763271815.123", "17")).timestamp, 17);
 }
 
-TEST(ReceivedEventTest, LeavesUnknownKeysAlone) {
+TEST(ReceivedEventTest, IgnoresUnknownKeys) {
   EXPECT_NE(accepted(replaced(kEvent, "{", "{\"new\":[],")).json.find("\"new\":[]"),
             std::string::npos);
 }
@@ -99,7 +99,7 @@ TEST(ReceivedEventTest, RefusesAnotherTypeOfMessage) {
             "\"type\" is not \"extension_proxy_event\"");
 }
 
-TEST(ReceivedEventTest, RefusesWhatIsNoSingleObject) {
+TEST(ReceivedEventTest, RefusesAnythingButASingleObject) {
   for (const std::string& body :
        {std::string("nonsense"), kEvent + "x", kEvent + kEvent, std::string("17"),
         kEvent.substr(0, kEvent.size() - 1), replaced(kEvent, "completed", "\xff"),
@@ -109,7 +109,7 @@ TEST(ReceivedEventTest, RefusesWhatIsNoSingleObject) {
   EXPECT_EQ(problemOf("[]"), "not a JSON object");
 }
 
-TEST(ReceivedEventTest, RefusesAKeyThatComesTwice) {
+TEST(ReceivedEventTest, RefusesADuplicateKey) {
   EXPECT_TRUE(problemOf(replaced(kEvent, "{", "{\"level\":\"info\",")).starts_with("not JSON: "));
   EXPECT_TRUE(problemOf(replaced(kEvent, "{\"app_id\"", "{\"app_id\":\"\",\"app_id\""))
                   .starts_with("not JSON: "));

@@ -39,7 +39,7 @@ TEST_F(TimeTextTest, CountsForwardBefore1970) {
   EXPECT_EQ(timeOfDay(-0.25), "01:59:59.750");
 }
 
-TEST_F(TimeTextTest, ShowsNoTimeForWhatNoCalendarHolds) {
+TEST_F(TimeTextTest, ShowsNoTimeOutsideTheCalendar) {
   EXPECT_EQ(timeOfDay(1e300), "--:--:--.---");
   EXPECT_EQ(timeOfDay(-1e300), "--:--:--.---");
   EXPECT_EQ(timeOfDay(std::numeric_limits<double>::quiet_NaN()), "--:--:--.---");

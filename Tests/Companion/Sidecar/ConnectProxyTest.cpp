@@ -141,7 +141,7 @@ class ConnectProxyTest : public ::testing::Test {
   std::vector<std::string> lines_;
 };
 
-TEST_F(ConnectProxyTest, AnswersOnceTheOriginConnectionStands) {
+TEST_F(ConnectProxyTest, AnswersOnceTheOriginIsConnected) {
   start();
   const TestListener listener;
   const Ends tunnel = openTunnel(listener);
@@ -186,7 +186,7 @@ TEST_F(ConnectProxyTest, ShowsTheOriginOnlyTheTunnelsBytes) {
             listener.target() + " app=secret.app flow=F1 established to " + listener.target());
 }
 
-TEST_F(ConnectProxyTest, ForwardsBytesThatCameBehindTheHeader) {
+TEST_F(ConnectProxyTest, ForwardsBytesThatFollowTheHeader) {
   start();
   const TestListener listener;
   const TestSocket client = connectClient();
@@ -257,7 +257,7 @@ TEST_F(ConnectProxyTest, TakesAHeaderByteByByte) {
   EXPECT_EQ(client.receive(kEstablished.size()), kEstablished);
 }
 
-TEST_F(ConnectProxyTest, CarriesMuchBothWaysAtOnceUnharmed) {
+TEST_F(ConnectProxyTest, CarriesMuchBothWaysAtOnceIntact) {
   start();
   const TestListener listener;
   const Ends tunnel = openTunnel(listener);
@@ -336,7 +336,7 @@ TEST_F(ConnectProxyTest, PassesOnTheOriginsReset) {
   EXPECT_EQ(tunnel.client.waitForEnd(), TestSocket::End::reset);
 }
 
-TEST_F(ConnectProxyTest, PassesOnAResetBehindAnEndWhileTheOriginIsSilent) {
+TEST_F(ConnectProxyTest, PassesOnAResetAfterAnEndWhileTheOriginIsSilent) {
   start();
   const TestListener listener;
   Ends tunnel = openTunnel(listener);
@@ -579,7 +579,7 @@ TEST_F(ConnectProxyLookupTest, IsCancelledByAResetAfterAnUrgentByte) {
   EXPECT_TRUE(isCancelled());
 }
 
-TEST_F(ConnectProxyLookupTest, GoesOnWhenAClientWithEarlyBytesEndsItsSending) {
+TEST_F(ConnectProxyLookupTest, ContinuesWhenAClientWithEarlyBytesEndsSending) {
   const TestListener listener;
   const TestSocket client = waitingClient("early");
   client.endSending();

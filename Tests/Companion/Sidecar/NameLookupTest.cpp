@@ -85,7 +85,7 @@ TEST_F(NameLookupTest, NeedsNoNameServerForAnAddress) {
   EXPECT_EQ(lookUp("2001:db8::7").endpoints, LookupResult{endpoint("2001:db8::7", 80)});
 }
 
-TEST_F(NameLookupTest, TriesTheNextServerWhenOneIsNotThere) {
+TEST_F(NameLookupTest, TriesTheNextServerWhenOneIsMissing) {
   const std::string nobody = "127.0.0.1:" + std::to_string(testing::closedPort());
   const TestNameServer good;
   NameLookup names(ioContext_.get_executor(),
@@ -98,7 +98,7 @@ TEST_F(NameLookupTest, ReportsThatNoServerAnswers) {
   EXPECT_EQ(lookUp(names, "silent.example").error, asio::error::timed_out);
 }
 
-TEST_F(NameLookupTest, ReportsThatNoServerIsThere) {
+TEST_F(NameLookupTest, ReportsThatThereIsNoServer) {
   const std::string nobody = "127.0.0.1:" + std::to_string(testing::closedPort());
   NameLookup names(ioContext_.get_executor(), {.nameServers = nobody, .timeout = 50ms});
   EXPECT_EQ(lookUp(names, "four.example").error, asio::error::host_not_found_try_again);

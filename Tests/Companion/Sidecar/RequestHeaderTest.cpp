@@ -33,7 +33,7 @@ TEST(RequestHeaderTest, FindsTheEndByteByByte) {
   EXPECT_EQ(header.header(), text);
 }
 
-TEST(RequestHeaderTest, KeepsTheBytesBehindTheHeader) {
+TEST(RequestHeaderTest, KeepsTheBytesAfterTheHeader) {
   RequestHeader header;
   EXPECT_EQ(give(header, "A b c\r\n\r\nfirst\r\n\r\nsecond"), State::complete);
   EXPECT_EQ(header.header(), "A b c\r\n\r\n");

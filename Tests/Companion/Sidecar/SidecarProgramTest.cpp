@@ -102,7 +102,7 @@ TEST(SidecarProgramTest, LogsTheEndOfATunnelWhenVerbose) {
             listener.target() + " app=- flow=- ended orderly sent=4 received=7");
 }
 
-TEST(SidecarProgramTest, DoesNotLogTheEndOtherwise) {
+TEST(SidecarProgramTest, DoesNotLogTheEndUnlessVerbose) {
   Sidecar sidecar;
   const TestListener listener;
   for (int index = 0; index < 2; ++index) {
@@ -118,7 +118,7 @@ TEST(SidecarProgramTest, DoesNotLogTheEndOtherwise) {
   }
 }
 
-TEST(SidecarProgramTest, EndsAtOnceOnTheSignalsThatAskForIt) {
+TEST(SidecarProgramTest, EndsAtOnceWhenSignalledToEnd) {
   for (const int number : {SIGINT, SIGTERM}) {
     Sidecar sidecar;
     const TestListener listener;
@@ -130,7 +130,7 @@ TEST(SidecarProgramTest, EndsAtOnceOnTheSignalsThatAskForIt) {
   }
 }
 
-TEST(SidecarProgramTest, GoesOnWhenNobodyReadsItsLog) {
+TEST(SidecarProgramTest, ContinuesWhenNobodyReadsItsLog) {
   Sidecar sidecar;
   sidecar.closeOutput();
   const TestListener listener;

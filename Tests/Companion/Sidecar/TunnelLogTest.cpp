@@ -34,12 +34,12 @@ TEST_F(TunnelLogTest, ShowsADashForWhatIsAbsent) {
   EXPECT_EQ(onlyLine(), "- app=- flow=- refused 400 Bad Request");
 }
 
-TEST_F(TunnelLogTest, TellsWhyATunnelWasRefused) {
+TEST_F(TunnelLogTest, LogsWhyATunnelWasRefused) {
   log().refused({{"a", 1}, "", ""}, HTTPStatus::badGateway, "Connection refused");
   EXPECT_EQ(onlyLine(), "a:1 app=- flow=- refused 502 Bad Gateway: Connection refused");
 }
 
-TEST_F(TunnelLogTest, TellsThatAClientHasLeft) {
+TEST_F(TunnelLogTest, LogsThatAClientHasLeft) {
   log().abandoned({{"a", 1}, "browser", ""});
   EXPECT_EQ(onlyLine(), "a:1 app=browser flow=- abandoned by the client");
 }
@@ -49,7 +49,7 @@ TEST_F(TunnelLogTest, MakesIdentifiersHarmless) {
   EXPECT_EQ(onlyLine(), "a:1 app=x\\x1b[2J flow=\"y flow=z\" established to 0.0.0.0:0");
 }
 
-TEST_F(TunnelLogTest, TellsOfEndsOnlyWhenAsked) {
+TEST_F(TunnelLogTest, LogsEndsOnlyWhenAsked) {
   const TunnelRelay::Summary summary{TunnelRelay::Outcome::reset, 12, 34};
   log().ended({{"a", 1}, "", ""}, summary);
   EXPECT_TRUE(lines_.empty());

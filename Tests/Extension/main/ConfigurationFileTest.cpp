@@ -64,7 +64,7 @@ TEST_F(ConfigurationFile, RefusesAnEmptyFileAndTextAfterTheObject) {
   EXPECT_TRUE(errorOf("{}\n{}").starts_with(path_ + ":2:"));
 }
 
-TEST_F(ConfigurationFile, RefusesAKeyThatComesTwice) {
+TEST_F(ConfigurationFile, RefusesADuplicateKey) {
   EXPECT_NE(errorOf("{\"a\": 1, \"a\": 2}").find("duplicate"), std::string::npos);
 }
 

@@ -62,7 +62,7 @@ TEST(HostCommandTest, AMonitoringSocketHasAPathThatFitsIntoASocketAddress) {
             "--monitoring-socket: \"/\\xc3\" is not UTF-8");
 }
 
-TEST(HostCommandTest, AnythingElseMakesNoSense) {
+TEST(HostCommandTest, RefusesAnythingElse) {
   EXPECT_TRUE(std::holds_alternative<CommandLineError>(HostCommand::parse(0, nullptr)));
   EXPECT_EQ(reasonOf({}), "a command is missing");
   EXPECT_EQ(reasonOf({"install"}), "there is no command \"install\"");

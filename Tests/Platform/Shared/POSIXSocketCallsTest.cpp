@@ -71,7 +71,7 @@ TEST_F(POSIXSocketCallsTest, StatusFlagsAreReadAndSet) {
   EXPECT_NE(sockets_.statusFlags(pair_[0]).value & O_NONBLOCK, 0);
 }
 
-TEST_F(POSIXSocketCallsTest, WritesOnceAndSaysHowMuch) {
+TEST_F(POSIXSocketCallsTest, WritesOnceAndReturnsHowMuch) {
   sockets_.setStatusFlags(pair_[0], O_NONBLOCK);
   fill();
   const std::vector<std::byte> chunk(1);
@@ -87,14 +87,14 @@ TEST_F(POSIXSocketCallsTest, AWriteOfNothingReportsErrnoAsItIs) {
   EXPECT_EQ(written.error, EBUSY);
 }
 
-TEST_F(POSIXSocketCallsTest, PollTellsWritableFromNot) {
+TEST_F(POSIXSocketCallsTest, PollReportsWhetherASocketIsWritable) {
   EXPECT_EQ(sockets_.pollWritable(pair_[0], 0ms).value, 1);
   sockets_.setStatusFlags(pair_[0], O_NONBLOCK);
   fill();
   EXPECT_EQ(sockets_.pollWritable(pair_[0], 0ms).value, 0);
 }
 
-TEST_F(POSIXSocketCallsTest, PollDoesNotWaitForEverForANegativeTime) {
+TEST_F(POSIXSocketCallsTest, PollDoesNotWaitForeverForANegativeTime) {
   sockets_.setStatusFlags(pair_[0], O_NONBLOCK);
   fill();
   EXPECT_EQ(sockets_.pollWritable(pair_[0], -1ms).value, 0);

@@ -34,7 +34,7 @@ class FaultPlanTest : public testing::Test {
   Outcome written_;
 };
 
-TEST_F(FaultPlanTest, NothingGoesWrongAtFirst) {
+TEST_F(FaultPlanTest, NothingGoesWrongByDefault) {
   simulation_.connection(0)->accept();
   simulation_.run();
   EXPECT_FALSE(opened_.error);
@@ -153,7 +153,7 @@ TEST_F(FaultPlanTest, AListeningPeerOfASocketRefuses) {
   }
 }
 
-TEST_F(FaultPlanTest, FaultsComeAsOftenAsTheyShould) {
+TEST_F(FaultPlanTest, FaultsOccurWithTheirProbability) {
   int failures = 0;
   for (std::uint64_t seed = 0; seed < 1000; ++seed) {
     Simulation simulation({.seed = seed, .faults = {.openError = 0.3}});

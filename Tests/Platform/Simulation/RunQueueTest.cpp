@@ -201,7 +201,7 @@ Events orderOfSeed(std::uint64_t seed) {
   return happened;
 }
 
-TEST(SeededRunQueueTest, EveryOrderComesUp) {
+TEST(SeededRunQueueTest, EveryOrderOccurs) {
   std::set<Events> orders;
   for (std::uint64_t seed = 0; seed < 100; ++seed) {
     orders.insert(orderOfSeed(seed));

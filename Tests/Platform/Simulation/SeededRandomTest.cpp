@@ -35,7 +35,7 @@ TEST(SeededRandomTest, NumbersBelowABoundReachAllOfThem) {
   EXPECT_EQ(seen, (std::set<std::uint64_t>{0, 1, 2, 3, 4}));
 }
 
-TEST(SeededRandomTest, ChancesComeAsOftenAsTheyShould) {
+TEST(SeededRandomTest, ChancesOccurWithTheirProbability) {
   SeededRandom random(1, 0);
   int hits = 0;
   for (int i = 0; i < 10000; ++i) {

@@ -250,7 +250,7 @@ TEST_F(SimulatedPeerTest, LargeTransfersArriveWhole) {
   EXPECT_EQ(text, sent);
 }
 
-TEST(SeededSimulatedPeerTest, BothFormsOfTheEndComeUp) {
+TEST(SeededSimulatedPeerTest, BothFormsOfTheEndOccur) {
   int empty = 0;
   for (std::uint64_t seed = 0; seed < 100; ++seed) {
     Simulation simulation({.order = RunOrder::seeded, .seed = seed, .faults = {}});

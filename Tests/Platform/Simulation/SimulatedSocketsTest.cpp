@@ -115,7 +115,7 @@ TEST_F(SimulatedSocketsTest, NextAnswersComeOnceAndInOrder) {
   EXPECT_GE(sockets_.socket(AF_INET, SOCK_STREAM, 0).value, 0);
 }
 
-TEST_F(SimulatedSocketsTest, StandingAnswersStayUntilTheyAreTakenBack) {
+TEST_F(SimulatedSocketsTest, LastingAnswersStayUntilTheyAreRemoved) {
   sockets_.answerAlways(SocketCallKind::statusFlags, platform::SocketCallResult{-1, EPERM});
   const int descriptor = open(AF_INET);
   EXPECT_EQ(sockets_.statusFlags(descriptor).error, EPERM);

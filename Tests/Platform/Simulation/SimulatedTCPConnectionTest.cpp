@@ -79,7 +79,7 @@ TEST_F(SimulatedTCPConnectionTest, ARefusalIsObservedWithItsError) {
   EXPECT_EQ(connection_->error()->code, ECONNREFUSED);
 }
 
-TEST_F(SimulatedTCPConnectionTest, TheStateMayBeSetHereAndNow) {
+TEST_F(SimulatedTCPConnectionTest, TheTestMaySetTheStateAtOnce) {
   connection_->addObserver(observer_, "state");
   connection_->setState(TCPConnectionState::waiting);
   connection_->setState(TCPConnectionState::connected);

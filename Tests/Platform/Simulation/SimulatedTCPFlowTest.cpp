@@ -219,7 +219,7 @@ TEST_F(SimulatedTCPFlowTest, DestroyedBeforeItCarriedAnythingItIsLeftToTheSystem
   EXPECT_FALSE(application_->sawReset());
 }
 
-TEST_F(SimulatedTCPFlowTest, DestroyedAfterwardsItIsReset) {
+TEST_F(SimulatedTCPFlowTest, DestroyedAfterATransferItIsReset) {
   open();
   application_->send("x");
   flow_->read(read_.completion());
