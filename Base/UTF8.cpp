@@ -1,9 +1,12 @@
 #include "Base/UTF8.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace ostravel {
 namespace {
+
+constexpr CodePoint kInvalid{0, 1, false};
 
 std::uint8_t byteAt(std::string_view text, std::size_t index) {
   return static_cast<std::uint8_t>(text[index]);
@@ -12,7 +15,6 @@ std::uint8_t byteAt(std::string_view text, std::size_t index) {
 }  // namespace
 
 CodePoint firstCodePoint(std::string_view text) {
-  constexpr CodePoint kInvalid{0, 1, false};
   const std::uint8_t lead = byteAt(text, 0);
   if (lead < 0x80) {
     return {lead, 1, true};
@@ -37,6 +39,17 @@ CodePoint firstCodePoint(std::string_view text) {
   return {value, size, true};
 }
 
+CodePoint lastCodePoint(std::string_view text) {
+  constexpr std::size_t kLongestCharacter = 4;
+  for (std::size_t size = 1; size <= std::min(text.size(), kLongestCharacter); ++size) {
+    const CodePoint last = firstCodePoint(text.substr(text.size() - size));
+    if (last.valid) {
+      return last.size == size ? last : kInvalid;
+    }
+  }
+  return kInvalid;
+}
+
 bool isWellFormedUTF8(std::string_view text) {
   while (!text.empty()) {
     const CodePoint next = firstCodePoint(text);
@@ -46,6 +59,16 @@ bool isWellFormedUTF8(std::string_view text) {
     text.remove_prefix(next.size);
   }
   return true;
+}
+
+std::string lowercasedASCII(std::string_view text) {
+  std::string result(text);
+  for (char& byte : result) {
+    if (byte >= 'A' && byte <= 'Z') {
+      byte = static_cast<char>(byte + ('a' - 'A'));
+    }
+  }
+  return result;
 }
 
 }  // namespace ostravel

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace ostravel {
@@ -16,7 +17,13 @@ struct CodePoint {
 // `text` must not be empty.
 CodePoint firstCodePoint(std::string_view text);
 
+// The same for the end of the text: if not `valid`, the last byte ends no character.
+CodePoint lastCodePoint(std::string_view text);
+
 // True if text consists of valid code points only.
 bool isWellFormedUTF8(std::string_view text);
+
+// The text with its ASCII letters in lower case; all other bytes, valid or not, stay as they are.
+std::string lowercasedASCII(std::string_view text);
 
 }  // namespace ostravel

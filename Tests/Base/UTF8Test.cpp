@@ -56,6 +56,28 @@ TEST(UTF8Test, TakesOneByteOfWhatIsNotACharacter) {
   }
 }
 
+TEST(UTF8Test, TakesTheLastCodePoint) {
+  EXPECT_EQ(lastCodePoint("abc").value, U'c');
+  EXPECT_EQ(lastCodePoint("t\xc3\xa9").value, U'\u00e9');
+  EXPECT_EQ(lastCodePoint("t\xe2\x82\xac").value, U'\u20ac');
+  EXPECT_EQ(lastCodePoint("\xf0\x9f\x98\x80").value, U'\U0001f600');
+  EXPECT_EQ(lastCodePoint("\xf0\x9f\x98\x80").size, 4U);
+}
+
+TEST(UTF8Test, TakesOneByteAtAnEndThatIsNotACharacter) {
+  for (const std::string_view text :
+       {"a\x80", "\xc3\xa9\x80", "a\xc3", "\xe2\x82", "\xc0\xa0", "\xe0\x80\xa0", "\xff",
+        "\x80\x80\x80\x80\x80", "\xf0\x9f\x98\x80\x80"}) {
+    EXPECT_FALSE(lastCodePoint(text).valid) << text;
+    EXPECT_EQ(lastCodePoint(text).size, 1U) << text;
+  }
+}
+
+TEST(UTF8Test, LowercasesOnlyASCIILetters) {
+  EXPECT_EQ(lowercasedASCII("AZaz@[`{09 \xc3\x84\xff"), "azaz@[`{09 \xc3\x84\xff");
+  EXPECT_EQ(lowercasedASCII(""), "");
+}
+
 TEST(UTF8Test, TextOfValidCodePointsOnlyIsWellFormed) {
   for (const std::string_view text :
        {""sv, "HTTP/1.1 200 OK"sv, "\0"sv, "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80z"sv}) {

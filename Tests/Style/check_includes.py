@@ -99,12 +99,14 @@ ALLOWED_FOREIGN_HEADERS = {
     PROVIDER: set(),
 }
 
-# Room -> headers of other rooms that it may include although not the rooms as a whole. The core may
-# use what the ground floor has for text, but none of its threads and descriptors.
+# Room -> headers of other rooms that it may include although not the rooms as a whole: of the ground
+# floor what it has for text, but none of its threads and descriptors.
 ALLOWED_HEADERS = {
     CORE: {"Base/JSONHandle.h", "Base/UTF8.h"},
     PROVIDER: {"Base/UTF8.h"},
     HOST: {"Base/PrintableText.h", "Base/UTF8.h"},
+    SHARED: {"Base/UTF8.h"},
+    MAC_FOUNDATION: {"Base/UTF8.h"},
 }
 
 # Room -> headers that its build makes, which have no path from the root.
