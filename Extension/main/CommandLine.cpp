@@ -108,7 +108,8 @@ CommandLine CommandLine::parse(int argc, char** argv) {
   } catch (const CLI::Success& success) {
     return {std::nullopt, app.exit(success)};
   } catch (const CLI::ParseError& error) {
-    std::fprintf(stderr, "ostravel-extension: %s (see --help)\n", error.what());
+    std::fprintf(stderr, "ostravel-extension: %s (see --help)\n",
+                 printableText(error.what()).c_str());
     return {std::nullopt, kExitUsage};
   }
   Options options{configurationPath, sinks.at(sink), !isGuardianUnwanted, {}, marks};

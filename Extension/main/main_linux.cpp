@@ -14,6 +14,7 @@
 
 #include "Base/FileDescriptor.h"
 #include "Base/LineOutput.h"
+#include "Base/PrintableText.h"
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 #include "Extension/main/CommandLine.h"
 #include "Extension/main/ConfigurationFile.h"
@@ -43,7 +44,7 @@ constexpr auto kLogTimeout = 500ms;
 
 // The one line that says why the process ends, and its exit status.
 int fail(std::string_view reason) {
-  const std::string line = "ostravel-extension: " + std::string(reason) + '\n';
+  const std::string line = "ostravel-extension: " + printableText(reason) + '\n';
   static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, kLogTimeout));
   return kExitCannotRun;
 }
