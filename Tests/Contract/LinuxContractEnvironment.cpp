@@ -129,7 +129,14 @@ FlowEnds LinuxContractEnvironment::makeFlow(const std::string& signingIdentifier
 
 std::shared_ptr<platform::TCPConnection> LinuxContractEnvironment::connect(
     const platform::HostEndpoint& endpoint) {
-  return loops_.connect(endpoint);
+  if (linuxplatform::EventLoop::current() != nullptr) {
+    return linuxplatform::EventLoopGroup::connect(endpoint);
+  }
+  std::promise<std::shared_ptr<platform::TCPConnection>> made;
+  loops_.loop(nextLoop_++ % loops_.size()).post([&endpoint, &made] {
+    made.set_value(linuxplatform::EventLoopGroup::connect(endpoint));
+  });
+  return made.get_future().get();
 }
 
 }  // namespace ostravel::contract

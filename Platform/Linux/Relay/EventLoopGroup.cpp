@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "Platform/Linux/Relay/ProgrammingError.h"
+
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -38,14 +40,11 @@ EventLoopGroup::~EventLoopGroup() {
 
 std::shared_ptr<LinuxTCPConnection> EventLoopGroup::connect(
     const platform::HostEndpoint& endpoint) {
-  return LinuxTCPConnection::connect(nextLoop(), endpoint);
-}
-
-EventLoop& EventLoopGroup::nextLoop() {
   EventLoop* const current = EventLoop::current();
-  const bool isOurs = std::any_of(loops_.begin(), loops_.end(),
-                                  [current](const auto& loop) { return loop.get() == current; });
-  return isOurs ? *current : loop(next_.fetch_add(1, std::memory_order_relaxed) % size());
+  if (current == nullptr) {
+    programmingError("a connection is created on no event loop");
+  }
+  return LinuxTCPConnection::connect(*current, endpoint);
 }
 
 void EventLoopGroup::stop() {

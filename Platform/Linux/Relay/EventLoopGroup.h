@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -31,22 +30,18 @@ class EventLoopGroup {
   unsigned size() const { return static_cast<unsigned>(loops_.size()); }
   EventLoop& loop(unsigned index) { return *loops_[index]; }
 
-  // Starts a connection to an address literal and a decimal port. Uses the calling loop, so that a
-  // flow and its connection share one, or the next loop when called from elsewhere. From any
-  // thread.
-  std::shared_ptr<LinuxTCPConnection> connect(const platform::HostEndpoint& endpoint);
+  // Starts a connection to an address literal and a decimal port on the calling loop, so that a
+  // flow and its connection share one. Only on a loop.
+  static std::shared_ptr<LinuxTCPConnection> connect(const platform::HostEndpoint& endpoint);
 
   // Ends every loop after the item that it is running, and waits for all. Idempotent.
   void stop();
 
  private:
-  EventLoop& nextLoop();
-
   MemoryBudget memory_;
   const PacketMarks marks_;
   const std::shared_ptr<RedirectPath> redirectPath_;
   std::vector<std::unique_ptr<EventLoop>> loops_;
-  std::atomic<unsigned> next_ = 0;
 };
 
 }  // namespace ostravel::linuxplatform

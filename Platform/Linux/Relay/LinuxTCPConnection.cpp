@@ -29,13 +29,16 @@ void requireStateKeyPath(std::string_view keyPath) {
 
 std::shared_ptr<LinuxTCPConnection> LinuxTCPConnection::connect(
     EventLoop& loop, const platform::HostEndpoint& endpoint) {
+  if (!loop.isCurrent()) {
+    programmingError("a connection is created on another thread than its loop's");
+  }
   auto connection = std::make_shared<LinuxTCPConnection>(Private(), loop);
-  connection->runOnLoop([endpoint](LinuxTCPConnection& self) { self.start(endpoint); });
+  connection->start(endpoint);
   return connection;
 }
 
 LinuxTCPConnection::LinuxTCPConnection(Private /*unused*/, EventLoop& loop)
-    : stream_(loop, *this, loop.isCurrent() ? loop.servedUser() : nullptr) {}
+    : stream_(loop, *this, loop.servedUser()) {}
 
 // Runs work(*this) at once when called on the loop, and posts it there from any other thread.
 template <typename Work>
@@ -56,9 +59,6 @@ platform::OptionalError LinuxTCPConnection::error() const {
 // Connecting
 
 void LinuxTCPConnection::start(const platform::HostEndpoint& endpoint) {
-  if (isCancelled_) {
-    return;
-  }
   const int error = startConnecting(endpoint);
   if (error == 0) {
     waitUntilConnected();

@@ -14,9 +14,9 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// A TCP connection of our own, to the local proxy. Everything happens on its event loop: calls from
-// other threads are posted there, and observers are notified there. Reads and writes wait until it
-// is connected.
+// A TCP connection of our own, to the local proxy. Created on its event loop, where everything
+// happens: calls from other threads are posted there, and observers are notified there. Reads and
+// writes wait until it is connected.
 //
 //   connecting -> connected -> disconnected        cancel() leads from each to cancelled
 //            \_________________/
@@ -30,8 +30,8 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   struct Private {};
 
  public:
-  // endpoint: an address literal and a decimal port. Any failure is reported by the state, on the
-  // loop and never inside this call.
+  // Called on the loop; charged to the user that it serves. endpoint: an address literal and a
+  // decimal port. Any failure is reported by the state, on the loop and never inside this call.
   static std::shared_ptr<LinuxTCPConnection> connect(EventLoop& loop,
                                                      const platform::HostEndpoint& endpoint);
 

@@ -56,7 +56,11 @@ TEST_F(EventLoopTest, StopsWithStreamsAlive) {
   EventLoopGroup loops(budget, 2);
   ApplicationSocket listener("127.0.0.1");
   listener.listen();
-  const auto connection = loops.connect({"127.0.0.1", std::to_string(listener.local().port)});
+  std::promise<std::shared_ptr<LinuxTCPConnection>> made;
+  loops.loop(1).post([&] {
+    made.set_value(loops.connect({"127.0.0.1", std::to_string(listener.local().port)}));
+  });
+  const auto connection = made.get_future().get();
   ApplicationSocket server = listener.accept();
   connection->read(1, 10, readCompletion().first);
   loops.stop();
@@ -191,13 +195,15 @@ TEST_F(StoppedLoopTest, StreamsMayBeDestroyedOnAnotherThreadMeanwhile) {
     MemoryBudget memory;
     EventLoop stopped(0, budget, memory);
     std::vector<std::shared_ptr<LinuxTCPConnection>> connections;
-    for (int i = 0; i < 8; ++i) {
-      connections.push_back(LinuxTCPConnection::connect(
-          stopped, {"127.0.0.1", std::to_string(stopped.listener().ipv4Port())}));
-      connections.back()->read(1, 10, [](const auto& /*data*/, const auto& /*error*/) {});
-    }
     std::promise<void> areReading;
-    stopped.post([&areReading] { areReading.set_value(); });
+    stopped.post([&] {
+      for (int i = 0; i < 8; ++i) {
+        connections.push_back(LinuxTCPConnection::connect(
+            stopped, {"127.0.0.1", std::to_string(stopped.listener().ipv4Port())}));
+        connections.back()->read(1, 10, [](const auto& /*data*/, const auto& /*error*/) {});
+      }
+      areReading.set_value();
+    });
     areReading.get_future().wait();
     std::thread releasing([&connections] { connections.clear(); });
     stopped.stop();

@@ -93,6 +93,12 @@ TEST_F(LinuxTCPConnectionTest, UsesTheCallersLoop) {
   }
 }
 
+TEST_F(LinuxTCPConnectionTest, CreatingItOffItsLoopIsAProgrammingError) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(EventLoopGroup::connect({"127.0.0.1", "80"}), "programming error");
+  EXPECT_DEATH(LinuxTCPConnection::connect(loop(), {"127.0.0.1", "80"}), "programming error");
+}
+
 TEST_F(LinuxTCPConnectionTest, OperationsWaitUntilItIsConnected) {
   ApplicationSocket listener("127.0.0.1");
   listener.listen();
@@ -155,7 +161,7 @@ TEST_F(LinuxTCPConnectionTest, OnlyAddressLiteralsAndDecimalPortsAreEndpoints) {
 }
 
 TEST_F(LinuxTCPConnectionTest, AnUnreachableAddressDisconnects) {
-  const auto connection = loops_.connect({"203.0.113.1", "80"});
+  const auto connection = connectTo({"203.0.113.1", "80"});
   ASSERT_TRUE(becomes(*connection, TCPConnectionState::disconnected));
   EXPECT_EQ(connection->error()->code, ENETUNREACH);
 }
@@ -164,10 +170,10 @@ TEST_F(LinuxTCPConnectionTest, LackOfDescriptorsDisconnects) {
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
   // A sanitizer needs a descriptor when it first sees an object of these classes.
-  EXPECT_TRUE(becomes(*loops_.connect({"", ""}), TCPConnectionState::disconnected));
+  EXPECT_TRUE(becomes(*connectTo({"", ""}), TCPConnectionState::disconnected));
   const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-  const auto connection = loops_.connect({"127.0.0.1", "80"});
+  const auto connection = connectTo({"127.0.0.1", "80"});
   const bool isDisconnected = becomes(*connection, TCPConnectionState::disconnected);
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
   ASSERT_TRUE(isDisconnected);
@@ -186,7 +192,7 @@ TEST_F(LinuxTCPConnectionTest, CarriesOurMark) {
   testing::outputOf(rule);
   ApplicationSocket unmarked("127.0.0.1");
   EXPECT_EQ(unmarked.connectTo("127.0.0.1", listener.local().port), ECONNREFUSED);
-  const auto connection = loops_.connect(endpointOf(listener));
+  const auto connection = connectTo(endpointOf(listener));
   ApplicationSocket server = listener.accept();
   EXPECT_TRUE(becomes(*connection, TCPConnectionState::connected));
   testing::outputOf("nft delete table inet marks");
@@ -313,24 +319,6 @@ TEST_F(LinuxTCPConnectionTest, CancelWhileConnecting) {
   drain();
   drain();
   EXPECT_EQ(statesSeenBy(*observer), std::vector{TCPConnectionState::cancelled});
-}
-
-TEST_F(LinuxTCPConnectionTest, CancelBeforeConnectingPreventsTheConnection) {
-  ApplicationSocket listener("127.0.0.1");
-  listener.listen();
-  std::promise<std::shared_ptr<LinuxTCPConnection>> made;
-  std::promise<void> cancelled;
-  loop().post([&] {
-    made.get_future().get()->cancel();
-    cancelled.set_value();
-  });
-  const auto connection = loops_.connect(endpointOf(listener));
-  made.set_value(connection);
-  cancelled.get_future().wait();
-  drain();
-  pollfd arrivals{.fd = listener.descriptor(), .events = POLLIN, .revents = 0};
-  EXPECT_EQ(::poll(&arrivals, 1, 0), 0);
-  EXPECT_EQ(connection->state(), TCPConnectionState::cancelled);
 }
 
 TEST_F(LinuxTCPConnectionTest, ARemovedObserverIsNotNotified) {

@@ -111,6 +111,10 @@ RelayTest::CarriedFlow RelayTest::carryFlow() {
   return {std::move(made.flow), std::move(application)};
 }
 
+std::shared_ptr<LinuxTCPConnection> RelayTest::connectTo(const platform::HostEndpoint& endpoint) {
+  return onLoop([&endpoint] { return EventLoopGroup::connect(endpoint); });
+}
+
 RelayTest::Connected RelayTest::connect() {
   return connectFor(nullptr);
 }

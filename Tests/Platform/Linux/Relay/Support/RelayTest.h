@@ -91,6 +91,7 @@ class RelayTest : public ::testing::Test {
   // A flow that was released by a read and accepted. The read is answered with "x" from the
   // application; the test need not know of it.
   CarriedFlow carryFlow();
+  std::shared_ptr<LinuxTCPConnection> connectTo(const platform::HostEndpoint& endpoint);
   Connected connect();
   // For a tunnel of this user.
   Connected connectFor(std::shared_ptr<UserShare> user);
