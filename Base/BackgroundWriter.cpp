@@ -17,9 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The pause between two buffers, too short for a person to notice.
-constexpr auto kGathering = 1ms;
-
 // An output without room returns at least this often; otherwise it is stuck.
 constexpr auto kLeaving = 200ms;
 
@@ -72,13 +69,30 @@ struct BackgroundWriter::State {
       lock.lock();
       ++buffersWritten;
       progress.notify_all();
-      wakeUp.wait_for(lock, kGathering, [this] { return isHurried(); });
+      gather(lock);
     }
     hasEnded = true;
     progress.notify_all();
   }
 
-  bool isHurried() const { return isEnding || flushers > 0; }
+  void gather(std::unique_lock<std::mutex>& lock) {
+    isGathering = true;
+    wakeUp.wait_for(lock, kGathering, [this] { return isHurried(); });
+    isGathering = false;
+  }
+
+  bool isHurried() const {
+    return isEnding || flushers > 0 || hasUrgentRecord || records >= kManyRecords || dropped > 0;
+  }
+
+  // Notes a record and returns true if the thread has to be woken for it. With the lock held.
+  bool noteRecord(Urgency urgency) {
+    ++records;
+    hasUrgentRecord = hasUrgentRecord || urgency == Urgency::urgent;
+    const bool endsGathering = isGathering && isHurried();
+    isGathering = isGathering && !endsGathering;
+    return std::exchange(isCallNeeded, false) || endsGathering;
+  }
 
   // False once there is no work left and none to come.
   bool waitForWork(std::unique_lock<std::mutex>& lock) {
@@ -93,6 +107,8 @@ struct BackgroundWriter::State {
   void exchangeBuffers() {
     filledIndex = 1 - filledIndex;
     ++exchanges;
+    records = 0;
+    hasUrgentRecord = false;
     if (dropped > 0) {
       const std::string record = output->dropped(std::exchange(dropped, 0));
       if (record.size() <= capacity) {
@@ -141,11 +157,15 @@ struct BackgroundWriter::State {
   std::condition_variable progress;
   // Since the buffers changed places.
   std::size_t dropped = 0;
+  std::size_t records = 0;
+  bool hasUrgentRecord = false;
   std::size_t exchanges = 0;
   std::size_t buffersWritten = 0;
   int flushers = 0;
   // The thread sleeps and has not been woken yet.
   bool isCallNeeded = false;
+  // The thread pauses and has not been woken yet.
+  bool isGathering = false;
   bool isEnding = false;
   bool hasEnded = false;
   std::atomic<bool> isAbandoned = false;
@@ -181,7 +201,7 @@ BackgroundWriter::~BackgroundWriter() {
   thread_.join();
 }
 
-void BackgroundWriter::push(std::string_view record) {
+void BackgroundWriter::push(std::string_view record, Urgency urgency) {
   bool isCallNeeded = false;
   {
     const std::lock_guard lock(state_->mutex);
@@ -191,7 +211,7 @@ void BackgroundWriter::push(std::string_view record) {
     } else {
       buffer.append(record);
     }
-    isCallNeeded = std::exchange(state_->isCallNeeded, false);
+    isCallNeeded = state_->noteRecord(urgency);
   }
   if (isCallNeeded) {
     state_->wakeUp.notify_one();

@@ -15,8 +15,8 @@ namespace ostravel {
 //
 // Two buffers: one is filled while the other is written. When the first is full, records are
 // dropped until the two are swapped; a record that gives their number takes their place. After each
-// buffer the thread pauses for a millisecond, so that many records share a system call and no
-// record pays for waking the thread.
+// buffer the thread pauses, for kGathering or until there are kManyRecords, so that many records
+// share a system call and few pay for waking the thread. An urgent record ends the pause.
 class BackgroundWriter {
  public:
   // Where the records go. Owned by the writer. Used by its thread alone, except where it says
@@ -45,6 +45,12 @@ class BackgroundWriter {
   // little compared with the memory of the process. Pages that are never used cost nothing.
   static constexpr std::size_t kUsualCapacity = std::size_t{512} * 1024;
 
+  // Too short for a person to notice the delay of a line.
+  static constexpr std::chrono::milliseconds kGathering{20};
+  static constexpr std::size_t kManyRecords = 64;
+
+  enum class Urgency { canWait, urgent };
+
   // How long the destructor waits for a stalled reader.
   static constexpr std::chrono::milliseconds kFarewell{500};
 
@@ -58,7 +64,7 @@ class BackgroundWriter {
   ~BackgroundWriter();
 
   // Takes a record, or drops and counts it. Never waits for anything but a memory copy.
-  void push(std::string_view record);
+  void push(std::string_view record, Urgency urgency = Urgency::canWait);
 
   // Waits until everything is written that was pushed before; false when it is not by the deadline.
   [[nodiscard]] bool flush(std::chrono::steady_clock::time_point deadline);

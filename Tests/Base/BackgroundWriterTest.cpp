@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -40,6 +41,10 @@ struct Reader {
     const std::lock_guard lock(mutex);
     return taken;
   }
+  void waitUntilTaken(const std::string& line) {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [this, &line] { return taken.ends_with(line); });
+  }
 
   std::mutex mutex;
   std::condition_variable changed;
@@ -62,6 +67,7 @@ class LineOutputDouble final : public BackgroundWriter::Output {
     reader_->isStuck = false;
     const std::string_view line = firstLine(records);
     reader_->taken += line;
+    reader_->changed.notify_all();
     return line.size();
   }
   std::string dropped(std::size_t count) override {
@@ -94,6 +100,24 @@ class BackgroundWriterTest : public testing::Test {
     reader_->waitUntilStuck();
   }
 
+  // How long it takes at least until what is pushed right after another line is written. push: ends
+  // with the line "last".
+  template <typename Push>
+  steady_clock::duration shortestDelay(Push push) {
+    // Any single attempt may be delayed by a busy machine.
+    constexpr int kAttempts = 50;
+    auto shortest = steady_clock::duration::max();
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      writer_->push("first\n");
+      reader_->waitUntilTaken("first\n");
+      const auto begin = steady_clock::now();
+      push();
+      reader_->waitUntilTaken("last\n");
+      shortest = std::min(shortest, steady_clock::now() - begin);
+    }
+    return shortest;
+  }
+
   static std::string lineOf(int number) { return "line " + std::to_string(100 + number) + "\n"; }
 
   const std::shared_ptr<Reader> reader_ = std::make_shared<Reader>();
@@ -106,6 +130,31 @@ TEST_F(BackgroundWriterTest, WritesWhatIsPushed) {
   writer_->push("two\n");
   EXPECT_TRUE(flush());
   EXPECT_EQ(reader_->text(), "one\ntwo\n");
+}
+
+TEST_F(BackgroundWriterTest, WritesWithoutBeingAsked) {
+  // The second one comes during the pause after the first.
+  for (const char* const line : {"one\n", "two\n"}) {
+    writer_->push(line);
+    reader_->waitUntilTaken(line);
+  }
+  EXPECT_EQ(reader_->text(), "one\ntwo\n");
+}
+
+TEST_F(BackgroundWriterTest, AnUrgentRecordEndsThePause) {
+  EXPECT_LT(shortestDelay([this] { writer_->push("last\n", BackgroundWriter::Urgency::urgent); }),
+            BackgroundWriter::kGathering / 2);
+}
+
+TEST_F(BackgroundWriterTest, ManyRecordsEndThePause) {
+  writer_.emplace(std::make_unique<LineOutputDouble>(reader_), 10'000, "writer");
+  EXPECT_LT(shortestDelay([this] {
+              for (std::size_t count = 1; count < BackgroundWriter::kManyRecords; ++count) {
+                writer_->push("one of many\n");
+              }
+              writer_->push("last\n");
+            }),
+            BackgroundWriter::kGathering / 2);
 }
 
 TEST_F(BackgroundWriterTest, KeepsTheOrderOfEachThread) {

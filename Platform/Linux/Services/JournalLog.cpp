@@ -99,7 +99,8 @@ JournalLog::JournalLog(std::shared_ptr<BackgroundWriter> writer, const std::stri
 void JournalLog::write(LogLevel level, std::string_view format,
                        std::span<const platform::LogArgument> arguments) {
   const int errorOfCaller = errno;
-  writer_->push(record(level, printableLogLine(format, arguments), originFields_));
+  writer_->push(record(level, printableLogLine(format, arguments), originFields_),
+                urgencyOf(level));
   errno = errorOfCaller;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "Base/BackgroundWriter.h"
 #include "Platform/Interface/Log.h"
 
 namespace ostravel::linuxplatform {
@@ -13,6 +14,12 @@ namespace ostravel::linuxplatform {
 // control a terminal.
 std::string printableLogLine(std::string_view format,
                              std::span<const platform::LogArgument> arguments);
+
+// Errors are written at once.
+constexpr BackgroundWriter::Urgency urgencyOf(platform::LogLevel level) {
+  return level == platform::LogLevel::error ? BackgroundWriter::Urgency::urgent
+                                            : BackgroundWriter::Urgency::canWait;
+}
 
 // Replaces lines in the log that were dropped because they were not read fast enough. An error.
 std::string droppedLinesText(std::size_t count);

@@ -77,7 +77,7 @@ void StderrLog::write(LogLevel level, std::string_view format,
     return;
   }
   const int errorOfCaller = errno;
-  writer_->push(linePrefix(level) + printableLogLine(format, arguments) + '\n');
+  writer_->push(linePrefix(level) + printableLogLine(format, arguments) + '\n', urgencyOf(level));
   errno = errorOfCaller;
 }
 
