@@ -4,7 +4,6 @@
 #include <bpf/libbpf.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,32 +19,6 @@ namespace ostravel::linuxplatform {
 
 using platform::OptionalError;
 using platform::Result;
-
-namespace {
-
-// Must match ConnectTracer.bpf.c.
-struct Record {
-  std::uint32_t process;
-  std::uint32_t user;
-  std::uint32_t effectiveUser;
-  std::uint32_t executableDevice;
-  std::uint64_t executableInode;
-  std::uint64_t startTimeNanoseconds;
-  std::uint64_t stackStart;
-};
-
-// The kernel uses 12 bits for the major and 20 bits for the minor number; user space differs.
-dev_t userDevice(std::uint32_t kernelDevice) {
-  constexpr unsigned kMinorBits = 20;
-  return ::makedev(kernelDevice >> kMinorBits, kernelDevice & ((1U << kMinorBits) - 1));
-}
-
-std::uint64_t clockTicks(std::uint64_t nanoseconds) {
-  constexpr std::uint64_t kNanosecondsPerSecond = 1'000'000'000;
-  return nanoseconds / (kNanosecondsPerSecond / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK)));
-}
-
-}  // namespace
 
 void ConnectTracer::ObjectRelease::operator()(bpf_object* object) const {
   ::bpf_object__close(object);
@@ -145,17 +118,16 @@ OptionalError ConnectTracer::examineOwnRecord() const {
   return std::nullopt;
 }
 
+int ConnectTracer::recordsDescriptor() const {
+  return ::bpf_map__fd(processes_);
+}
+
 std::optional<ConnectRecord> ConnectTracer::recordOf(std::uint64_t cookie) const {
-  Record record{};
+  KernelConnectRecord record{};
   if (::bpf_map__lookup_elem(processes_, &cookie, sizeof cookie, &record, sizeof record, 0) != 0) {
     return std::nullopt;
   }
-  return ConnectRecord{.process = static_cast<pid_t>(record.process),
-                       .realUser = record.user,
-                       .user = record.effectiveUser,
-                       .startTime = clockTicks(record.startTimeNanoseconds),
-                       .stackStart = record.stackStart,
-                       .executable = {userDevice(record.executableDevice), record.executableInode}};
+  return record.inUserUnits();
 }
 
 }  // namespace ostravel::linuxplatform

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -9,28 +7,13 @@
 
 #include "Platform/Interface/Error.h"
 #include "Platform/Interface/Result.h"
-#include "Platform/Linux/Processes/FileIdentity.h"
+#include "Platform/Linux/Processes/ConnectRecord.h"
 
 struct bpf_link;
 struct bpf_map;
 struct bpf_object;
 
 namespace ostravel::linuxplatform {
-
-// The process that connected a socket, at the time of the connect.
-struct ConnectRecord {
-  pid_t process = 0;
-  // The following are 0 unless programs are traced. The real and the effective user.
-  uid_t realUser = 0;
-  uid_t user = 0;
-  // As in ProcessStamp.
-  std::uint64_t startTime = 0;
-  std::uint64_t stackStart = 0;
-  // The executable that the process was running.
-  FileIdentity executable;
-
-  friend bool operator==(const ConnectRecord&, const ConnectRecord&) = default;
-};
 
 // Knows which process connected a socket, as recorded by a small program in the kernel, and which
 // executable the process was running then; by the time of a look-up it may be running another one.
@@ -61,6 +44,9 @@ class ConnectTracer {
   // The process that last connected the socket, or sent on it unconnected; empty if that was before
   // the tracer started or many thousand sockets ago. The process may have ended since.
   std::optional<ConnectRecord> recordOf(std::uint64_t cookie) const;
+
+  // The map of records, for further programs in the kernel. Valid as long as this object.
+  int recordsDescriptor() const;
 
  private:
   struct ObjectRelease {

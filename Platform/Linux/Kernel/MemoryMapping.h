@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+
+namespace ostravel::linuxplatform {
+
+// Memory shared with a file or the kernel (mmap(2)), unmapped on destruction.
+class MemoryMapping {
+ public:
+  // protection as for mmap(2). On failure the result is not mapped, with errno set.
+  static MemoryMapping ofFile(int descriptor, std::size_t size, int protection);
+
+  MemoryMapping() = default;
+  MemoryMapping(MemoryMapping&& other) noexcept;
+  MemoryMapping& operator=(MemoryMapping&& other) noexcept;
+  ~MemoryMapping();
+
+  bool isMapped() const { return memory_ != nullptr; }
+
+  template <typename Content>
+  Content* as() const {
+    return static_cast<Content*>(memory_);
+  }
+
+ private:
+  MemoryMapping(void* memory, std::size_t size) : memory_(memory), size_(size) {}
+
+  void* memory_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,164 @@
+#include "Platform/Linux/Processes/ConnectPublisher.h"
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <netinet/in.h>
+#include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Base/FileDescriptor.h"
+#include "ConnectTableProgram.h"
+#include "Platform/Linux/Kernel/CgroupRoot.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::OptionalError;
+using platform::Result;
+
+namespace {
+
+constexpr int kNetworkCookie = 71;  // SO_NETNS_COOKIE, newer than some headers
+
+FileDescriptor makeSocket() {
+  return FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+}
+
+std::optional<std::uint64_t> cookieOf(const FileDescriptor& socket, int kind) {
+  std::uint64_t cookie = 0;
+  socklen_t size = sizeof cookie;
+  if (::getsockopt(socket.get(), SOL_SOCKET, kind, &cookie, &size) != 0) {
+    return std::nullopt;
+  }
+  return cookie;
+}
+
+// A socket that has sent a SYN, to a listener that is already closed again.
+FileDescriptor connectToOurselves() {
+  const FileDescriptor listener = makeSocket();
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  FileDescriptor socket = makeSocket();
+  if (::bind(listener.get(), generic, size) != 0 || ::listen(listener.get(), 1) != 0 ||
+      ::getsockname(listener.get(), generic, &size) != 0 ||
+      (::connect(socket.get(), generic, size) != 0 && errno != EINPROGRESS)) {
+    return FileDescriptor();
+  }
+  return socket;
+}
+
+}  // namespace
+
+void ConnectPublisher::ObjectRelease::operator()(bpf_object* object) const {
+  ::bpf_object__close(object);
+}
+
+void ConnectPublisher::LinkRelease::operator()(bpf_link* link) const {
+  ::bpf_link__destroy(link);
+}
+
+Result<std::unique_ptr<ConnectPublisher>> ConnectPublisher::start(const ConnectTracer& tracer,
+                                                                  std::uint16_t proxyPort) {
+  if (tracer.detail() != ConnectTracer::Detail::programs) {
+    return platform::posixError(ENOTSUP, "the kernel does not show which program a process runs");
+  }
+  Object object(::bpf_object__open_mem(kConnectTableProgram, sizeof kConnectTableProgram, nullptr));
+  if (!object) {
+    return platform::systemCallError(errno, "the program is not understood");
+  }
+  bpf_map* const records = ::bpf_object__find_map_by_name(object.get(), "processes");
+  if (::bpf_map__reuse_fd(records, tracer.recordsDescriptor()) != 0 ||
+      ::bpf_object__load(object.get()) != 0) {
+    return platform::systemCallError(errno, "the program cannot be loaded");
+  }
+  std::unique_ptr<ConnectPublisher> publisher(new ConnectPublisher(std::move(object)));
+  auto error = publisher->mapMemory();
+  if (!error) {
+    error = publisher->fillState(proxyPort);
+  }
+  if (!error) {
+    error = publisher->attach();
+  }
+  if (!error) {
+    error = publisher->examineOwnConnect(tracer);
+  }
+  if (error) {
+    return *std::move(error);
+  }
+  return publisher;
+}
+
+ConnectPublisher::~ConnectPublisher() = default;
+
+std::uint64_t ConnectPublisher::lostConnects() const {
+  return std::atomic_ref(state()->lost).load();
+}
+
+OptionalError ConnectPublisher::mapMemory() {
+  const auto map = [this](const char* name, std::size_t size, int protection) {
+    return MemoryMapping::ofFile(::bpf_object__find_map_fd_by_name(object_.get(), name), size,
+                                 protection);
+  };
+  sets_ = map("connects", ConnectTable::kSets * sizeof(ConnectTable::Set), PROT_READ);
+  state_ = map("states", sizeof(ConnectTable::State), PROT_READ | PROT_WRITE);
+  if (!sets_.isMapped() || !state_.isMapped()) {
+    return platform::systemCallError(errno, "the table cannot be mapped");
+  }
+  return std::nullopt;
+}
+
+OptionalError ConnectPublisher::fillState(std::uint16_t proxyPort) {
+  const auto network = cookieOf(makeSocket(), kNetworkCookie);
+  if (!network) {
+    return platform::systemCallError(errno, "network namespaces cannot be distinguished");
+  }
+  if (::getrandom(&state()->seed, sizeof state()->seed, 0) != sizeof state()->seed) {
+    return platform::systemCallError(errno, "there is no randomness");
+  }
+  state()->network = *network;
+  state()->extension = static_cast<std::uint32_t>(::getpid());
+  state()->proxyPort = proxyPort;
+  return std::nullopt;
+}
+
+OptionalError ConnectPublisher::attach() {
+  const FileDescriptor cgroupRoot = openCgroupRoot();
+  if (!cgroupRoot.isOpen()) {
+    return platform::systemCallError(errno, "control groups of version 2 cannot be reached");
+  }
+  bpf_program* program = nullptr;
+  bpf_object__for_each_program(program, object_.get()) {
+    const bool isOfGroup = ::bpf_program__type(program) == BPF_PROG_TYPE_SOCK_OPS;
+    std::unique_ptr<bpf_link, LinkRelease> link(
+        isOfGroup ? ::bpf_program__attach_cgroup(program, cgroupRoot.get())
+                  : ::bpf_program__attach(program));
+    if (!link) {
+      return platform::systemCallError(errno, "the program cannot be attached");
+    }
+    links_.push_back(std::move(link));
+  }
+  return std::nullopt;
+}
+
+OptionalError ConnectPublisher::examineOwnConnect(const ConnectTracer& tracer) const {
+  const FileDescriptor socket = connectToOurselves();
+  const auto cookie = cookieOf(socket, SO_COOKIE);
+  const auto published = cookie ? table().findSocket(*cookie) : std::nullopt;
+  if (!published || published->record != tracer.recordOf(*cookie) ||
+      published->socketUser != ::geteuid()) {
+    return platform::posixError(ENOTSUP, "a connect is not published");
+  }
+  return std::nullopt;
+}
+
+}  // namespace ostravel::linuxplatform
