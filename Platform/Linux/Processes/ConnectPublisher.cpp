@@ -132,15 +132,15 @@ OptionalError ConnectPublisher::fillState(std::uint16_t proxyPort) {
 }
 
 OptionalError ConnectPublisher::attach() {
-  const FileDescriptor cgroupRoot = openCgroupRoot();
-  if (!cgroupRoot.isOpen()) {
-    return platform::systemCallError(errno, "control groups of version 2 cannot be reached");
+  const auto cgroupRoot = openCgroupRoot();
+  if (!cgroupRoot) {
+    return cgroupRoot.error();
   }
   bpf_program* program = nullptr;
   bpf_object__for_each_program(program, object_.get()) {
     const bool isOfGroup = ::bpf_program__type(program) == BPF_PROG_TYPE_SOCK_OPS;
     std::unique_ptr<bpf_link, LinkRelease> link(
-        isOfGroup ? ::bpf_program__attach_cgroup(program, cgroupRoot.get())
+        isOfGroup ? ::bpf_program__attach_cgroup(program, cgroupRoot->get())
                   : ::bpf_program__attach(program));
     if (!link) {
       return platform::systemCallError(errno, "the program cannot be attached");

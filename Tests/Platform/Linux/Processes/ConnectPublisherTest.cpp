@@ -252,10 +252,10 @@ TEST_F(ConnectPublisherTest, DoesNotKnowThePathsThatTheKernelAddsToAConnection) 
 TEST_F(ConnectPublisherTest, DoesNotKnowAProcessThatHasExecutedAnotherProgram) {
   start();
   const TemporaryFolder folder;
-  Helper helper(folder.copyHelper("first"));
+  Helper helper(copyHelper(folder, "first"));
   const auto flow = connectFrom(helper);
   EXPECT_TRUE(find(flow));
-  ASSERT_EQ(helper.ask("run " + folder.copyHelper("second")), "ready");
+  ASSERT_EQ(helper.ask("run " + copyHelper(folder, "second")), "ready");
   EXPECT_FALSE(find(flow));
   EXPECT_TRUE(find(connectFrom(helper)));
 }
@@ -322,7 +322,7 @@ TEST_F(ConnectPublisherTest, SequenceNumbersMayWrap) {
 TEST_F(ConnectPublisherTest, ThePlaceChangesWithTheFile) {
   start();
   const TemporaryFolder folder;
-  const std::string program = folder.copyHelper("program");
+  const std::string program = copyHelper(folder, "program");
   const auto placeOf = [this](Helper& helper) {
     const auto found = find(connectFrom(helper));
     EXPECT_TRUE(found);
@@ -353,10 +353,10 @@ TEST_F(ConnectPublisherTest, ThePlaceChangesWithTheFile) {
 TEST_F(ConnectPublisherTest, ThePlaceChangesWhenAnotherFileReplacesIt) {
   start();
   const TemporaryFolder folder;
-  const std::string program = folder.copyHelper("program");
+  const std::string program = copyHelper(folder, "program");
   Helper helper(program);
   const auto before = find(connectFrom(helper));
-  std::filesystem::rename(folder.copyHelper("new"), program);
+  std::filesystem::rename(copyHelper(folder, "new"), program);
   const auto after = find(connectFrom(helper));
   ASSERT_TRUE(before && after);
   EXPECT_NE(before->place, after->place);
@@ -366,7 +366,7 @@ TEST_F(ConnectPublisherTest, ThePlaceChangesWithEveryMount) {
   inPrivateMounts([this] {
     start();
     const TemporaryFolder folder;
-    Helper helper(folder.copyHelper("program"));
+    Helper helper(copyHelper(folder, "program"));
     const auto before = find(connectFrom(helper));
     ASSERT_EQ(::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, nullptr), 0);
     const auto covered = find(connectFrom(helper));

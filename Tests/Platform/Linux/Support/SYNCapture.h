@@ -25,7 +25,7 @@ class SYNCapture {
  private:
   void readPackets();
 
-  const linuxplatform::FileDescriptor socket_;
+  const FileDescriptor socket_;
   std::map<linuxplatform::FlowTuple, std::uint32_t> sequences_;
 };
 
