@@ -122,8 +122,7 @@ TEST_F(CrashHandlerTest, AnUncaughtExceptionIsLogged) {
   start([] { std::thread([] { throw std::runtime_error("went\nwrong"); }).join(); });
   const std::string text = readToEnd();
   expectAllLines(text);
-  EXPECT_TRUE(
-      text.ends_with("Z error   OstravelProxy: Terminated by an exception: went\\nwrong\n"))
+  EXPECT_TRUE(text.ends_with("Z error   OstravelProxy: Terminated by an exception: went\\nwrong\n"))
       << text.substr(text.size() - 200);
   EXPECT_EQ(signalOfEnd(), SIGABRT);
 }
