@@ -241,46 +241,53 @@ class Laboratory:
             lambda: namespace.run("ss", "-Hltn", f"sport = :{port}"), f"port {port} is listened on"
         )
 
-    def start_nginx(self):
-        """Port 80; port 443 with TLS and HTTP/2. Behind it, and on port 8000, the pattern."""
-        self.start_pattern_origin()
-        configuration = self.path("nginx.conf")
+    def run_nginx(self, name, servers, namespace, port):
+        """Starts nginx with these servers; returns when one listens on the port."""
+        configuration = self.path(f"{name}.conf")
+        temporary = "\n".join(
+            f"{kind}_temp_path {self.path(f'{name}-{kind}')};"
+            for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+        )
         pathlib.Path(configuration).write_text(f"""
             daemon off;
             # One process, whose end is the end of it.
             master_process off;
-            pid {self.path("nginx.pid")};
+            pid {self.path(f"{name}.pid")};
             error_log stderr notice;
             events {{ worker_connections 4096; }}
             http {{
               access_log off;
               client_max_body_size 0;
-              client_body_temp_path {self.path("nginx-body")};
-              proxy_temp_path {self.path("nginx-proxy")};
-              fastcgi_temp_path {self.path("nginx-fastcgi")};
-              uwsgi_temp_path {self.path("nginx-uwsgi")};
-              scgi_temp_path {self.path("nginx-scgi")};
-              server {{
-                listen 80;
-                listen [::]:80;
-                listen 443 ssl http2;
-                listen [::]:443 ssl http2;
-                ssl_certificate {self.certificate};
-                ssl_certificate_key {key_of(self.certificate)};
-                location / {{ return 200 "$remote_addr $remote_port $server_protocol\\n"; }}
-                location /pattern {{
-                  rewrite ^/pattern(/.*)$ $1 break;
-                  proxy_pass http://127.0.0.1:8000;
-                  proxy_http_version 1.1;
-                  proxy_buffering off;
-                  proxy_request_buffering off;
-                }}
-              }}
+              {temporary}
+              {servers}
             }}
         """)
-        nginx = self.start(["nginx", "-c", configuration], namespace=self.there)
-        self.wait_until_listening(self.there, 443)
+        nginx = self.start(["nginx", "-c", configuration], namespace=namespace)
+        self.wait_until_listening(namespace, port)
         return nginx
+
+    def start_nginx(self):
+        """Port 80; port 443 with TLS and HTTP/2. Behind it, and on port 8000, the pattern."""
+        self.start_pattern_origin()
+        servers = f"""
+            server {{
+              listen 80;
+              listen [::]:80;
+              listen 443 ssl http2;
+              listen [::]:443 ssl http2;
+              ssl_certificate {self.certificate};
+              ssl_certificate_key {key_of(self.certificate)};
+              location / {{ return 200 "$remote_addr $remote_port $server_protocol\\n"; }}
+              location /pattern {{
+                rewrite ^/pattern(/.*)$ $1 break;
+                proxy_pass http://127.0.0.1:8000;
+                proxy_http_version 1.1;
+                proxy_buffering off;
+                proxy_request_buffering off;
+              }}
+            }}
+        """
+        return self.run_nginx("nginx", servers, self.there, 443)
 
     def start_pattern_origin(self, port=8000):
         origin = self.start(

@@ -1,6 +1,5 @@
 """What may be the local proxy, for whom, and what happens to connections otherwise."""
 
-import pathlib
 import time
 
 import pytest
@@ -18,29 +17,8 @@ ORIGIN = f"http://{THERE4}:{PEER_PORT}/"
 
 
 def start_nginx(laboratory):
-    configuration = laboratory.path("web-server.conf")
-    pathlib.Path(configuration).write_text(f"""
-        daemon off;
-        master_process off;
-        pid {laboratory.path("web-server.pid")};
-        error_log stderr notice;
-        events {{ worker_connections 64; }}
-        http {{
-          access_log off;
-          client_body_temp_path {laboratory.path("web-body")};
-          proxy_temp_path {laboratory.path("web-proxy")};
-          fastcgi_temp_path {laboratory.path("web-fastcgi")};
-          uwsgi_temp_path {laboratory.path("web-uwsgi")};
-          scgi_temp_path {laboratory.path("web-scgi")};
-          server {{
-            listen 127.0.0.1:8080;
-            location / {{ return 200 "a web server\\n"; }}
-          }}
-        }}
-    """)
-    server = laboratory.start(["nginx", "-c", configuration])
-    laboratory.wait_until_listening(laboratory.here, 8080)
-    return server
+    server = 'server { listen 127.0.0.1:8080; location / { return 200 "a web server\\n"; } }'
+    return laboratory.run_nginx("web-server", server, laboratory.here, 8080)
 
 
 def start_python_server(laboratory):
