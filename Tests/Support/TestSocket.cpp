@@ -1,6 +1,7 @@
 #include "Tests/Support/TestSocket.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -32,18 +33,23 @@ struct Address {
   int family() const { return storage.ss_family; }
 };
 
+// An IPv6 address may have a zone.
 Address tcpAddress(const std::string& text, std::uint16_t port) {
   Address address;
   sockaddr_in v4{};
   sockaddr_in6 v6{};
+  const std::size_t zone = text.find('%');
   if (::inet_pton(AF_INET, text.c_str(), &v4.sin_addr) == 1) {
     v4.sin_family = AF_INET;
     v4.sin_port = htons(port);
     std::memcpy(&address.storage, &v4, sizeof(v4));
     address.size = sizeof(v4);
   } else {
-    ::inet_pton(AF_INET6, text.c_str(), &v6.sin6_addr);
+    ::inet_pton(AF_INET6, text.substr(0, zone).c_str(), &v6.sin6_addr);
     v6.sin6_family = AF_INET6;
+    if (zone != std::string::npos) {
+      v6.sin6_scope_id = ::if_nametoindex(text.c_str() + zone + 1);
+    }
     v6.sin6_port = htons(port);
     std::memcpy(&address.storage, &v6, sizeof(v6));
     address.size = sizeof(v6);
@@ -59,16 +65,29 @@ int openSocket(int family, int flags = 0) {
   return descriptor;
 }
 
-std::uint16_t localPortOf(int descriptor) {
-  Address here;
-  here.size = sizeof(here.storage);
-  if (::getsockname(descriptor, here.get(), &here.size) != 0) {
-    fail("getsockname");
+// get is getsockname or getpeername.
+std::uint16_t portOf(int descriptor, int (*get)(int, sockaddr*, socklen_t*)) {
+  Address address;
+  address.size = sizeof(address.storage);
+  if (get(descriptor, address.get(), &address.size) != 0) {
+    fail("address of a socket");
   }
   // The port has the same place in the address of either family.
   sockaddr_in bound{};
-  std::memcpy(&bound, &here.storage, sizeof(bound));
+  std::memcpy(&bound, &address.storage, sizeof(bound));
   return ntohs(bound.sin_port);
+}
+
+std::uint16_t localPortOf(int descriptor) {
+  return portOf(descriptor, &::getsockname);
+}
+
+void bindSocket(int descriptor, const Address& address) {
+  const int on = 1;
+  ::setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  if (::bind(descriptor, address.get(), address.size) != 0) {
+    fail("bind");
+  }
 }
 
 bool waitFor(int descriptor, short events, std::chrono::milliseconds time) {
@@ -79,9 +98,8 @@ bool waitFor(int descriptor, short events, std::chrono::milliseconds time) {
 }  // namespace
 
 TestSocket TestSocket::connectTcp(std::uint16_t port, const std::string& address) {
-  const Address to = tcpAddress(address, port);
-  TestSocket socket(openSocket(to.family()));
-  if (::connect(socket.descriptor_, to.get(), to.size) != 0) {
+  TestSocket socket = makeTcp(address);
+  if (socket.connectTo(address, port) != 0) {
     fail("connect");
   }
   return socket;
@@ -99,12 +117,16 @@ TestSocket TestSocket::connectUnix(const std::string& path) {
 }
 
 TestSocket TestSocket::beginConnectTcp(std::uint16_t port, const std::string& address) {
-  const Address to = tcpAddress(address, port);
-  TestSocket socket(openSocket(to.family(), SOCK_NONBLOCK));
-  if (::connect(socket.descriptor_, to.get(), to.size) != 0 && errno != EINPROGRESS) {
+  TestSocket socket = makeTcp(address, SOCK_NONBLOCK);
+  const int error = socket.connectTo(address, port);
+  if (error != 0 && error != EINPROGRESS) {
     fail("connect");
   }
   return socket;
+}
+
+TestSocket TestSocket::makeTcp(const std::string& address, int flags) {
+  return TestSocket(openSocket(tcpAddress(address, 0).family(), flags));
 }
 
 TestSocket::TestSocket(int descriptor) : descriptor_(descriptor) {
@@ -229,8 +251,37 @@ void TestSocket::endSending() const {
   ::shutdown(descriptor_, SHUT_WR);
 }
 
+void TestSocket::interrupt() const {
+  ::shutdown(descriptor_, SHUT_RDWR);
+}
+
 std::uint16_t TestSocket::localPort() const {
   return localPortOf(descriptor_);
+}
+
+void TestSocket::setMark(std::uint32_t mark) const {
+  if (::setsockopt(descriptor_, SOL_SOCKET, SO_MARK, &mark, sizeof(mark)) != 0) {
+    fail("SO_MARK");
+  }
+}
+
+void TestSocket::bindTo(const std::string& address, std::uint16_t port) const {
+  bindSocket(descriptor_, tcpAddress(address, port));
+}
+
+int TestSocket::connectTo(const std::string& address, std::uint16_t port) const {
+  const Address to = tcpAddress(address, port);
+  return ::connect(descriptor_, to.get(), to.size) == 0 ? 0 : errno;
+}
+
+int TestSocket::connectResult(std::chrono::milliseconds time) const {
+  if (!waitFor(descriptor_, POLLOUT, time)) {
+    return EINPROGRESS;
+  }
+  int error = 0;
+  socklen_t size = sizeof(error);
+  ::getsockopt(descriptor_, SOL_SOCKET, SO_ERROR, &error, &size);
+  return error;
 }
 
 void TestSocket::close() {
@@ -247,10 +298,10 @@ void TestSocket::reset() {
 
 TestListener::TestListener(const std::string& address, std::uint16_t port, int backlog)
     : address_(address) {
-  Address here = tcpAddress(address, port);
+  const Address here = tcpAddress(address, port);
   descriptor_ = openSocket(here.family());
-  if (::bind(descriptor_, here.get(), here.size) != 0 || ::listen(descriptor_, backlog) != 0) {
-    ::close(descriptor_);
+  bindSocket(descriptor_, here);
+  if (::listen(descriptor_, backlog) != 0) {
     fail("listen");
   }
   port_ = localPortOf(descriptor_);
@@ -266,8 +317,31 @@ std::string TestListener::target() const {
 }
 
 TestSocket TestListener::accept() const {
-  if (!waitFor(descriptor_, POLLIN, std::chrono::seconds(kPatienceSeconds))) {
+  auto accepted = acceptWithin(std::chrono::seconds(kPatienceSeconds));
+  if (!accepted) {
     fail("nobody connected");
+  }
+  return *std::move(accepted);
+}
+
+std::uint16_t TestListener::acceptOne(std::chrono::milliseconds time) const {
+  const auto accepted = acceptWithin(time);
+  return accepted ? portOf(accepted->descriptor(), &::getpeername) : 0;
+}
+
+std::uint16_t TestListener::acceptAndResetOne(std::chrono::milliseconds time) const {
+  auto accepted = acceptWithin(time);
+  if (!accepted) {
+    return 0;
+  }
+  const std::uint16_t port = portOf(accepted->descriptor(), &::getpeername);
+  accepted->reset();
+  return port;
+}
+
+std::optional<TestSocket> TestListener::acceptWithin(std::chrono::milliseconds time) const {
+  if (!waitFor(descriptor_, POLLIN, time)) {
+    return std::nullopt;
   }
   const int descriptor = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
   if (descriptor < 0) {

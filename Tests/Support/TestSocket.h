@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -18,6 +19,8 @@ class TestSocket {
   static TestSocket connectUnix(const std::string& path);
   // Starts connecting and does not wait; for filling a listener's queue.
   static TestSocket beginConnectTcp(std::uint16_t port, const std::string& address);
+  // Of the address's family, neither bound nor connected. With SOCK_NONBLOCK it never waits.
+  static TestSocket makeTcp(const std::string& address, int flags = 0);
 
   explicit TestSocket(int descriptor);
   TestSocket(TestSocket&& other) noexcept;
@@ -39,11 +42,21 @@ class TestSocket {
   bool hasBytesWithin(std::chrono::milliseconds time) const;
 
   void endSending() const;
+  // Ends other threads' calls on this socket, and makes later ones fail.
+  void interrupt() const;
   void close();
   void reset();  // closes so that the other side sees a reset
 
   int descriptor() const { return descriptor_; }
   std::uint16_t localPort() const;
+  // SO_MARK
+  void setMark(std::uint32_t mark) const;
+  // To the port or, if it is 0, one chosen by the system.
+  void bindTo(const std::string& address, std::uint16_t port) const;
+  // 0 or an errno; EINPROGRESS if it does not wait.
+  int connectTo(const std::string& address, std::uint16_t port) const;
+  // Of a connection that was begun: 0 or its errno; EINPROGRESS if it is undecided for this time.
+  int connectResult(std::chrono::milliseconds time) const;
 
  private:
   int descriptor_;
@@ -60,8 +73,13 @@ class TestListener {
   std::uint16_t port() const { return port_; }
   std::string target() const;  // address:port
   TestSocket accept() const;
+  // The source port of the next connection, which is closed or reset; 0 if none comes in this time.
+  std::uint16_t acceptOne(std::chrono::milliseconds time) const;
+  std::uint16_t acceptAndResetOne(std::chrono::milliseconds time) const;
 
  private:
+  std::optional<TestSocket> acceptWithin(std::chrono::milliseconds time) const;
+
   int descriptor_;
   std::string address_;
   std::uint16_t port_ = 0;

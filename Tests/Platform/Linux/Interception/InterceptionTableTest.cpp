@@ -29,11 +29,11 @@ using namespace std::chrono_literals;
 using platform::Error;
 using platform::TransparentProxyNetworkSettings;
 using testing::Connecting;
-using testing::Listener;
 using testing::loopbackSettings;
 using testing::outputOf;
 using testing::SocketSettings;
 using testing::tcpRule;
+using testing::TestListener;
 using testing::waitForPackets;
 
 constexpr PacketMarks kMarks;
@@ -66,31 +66,31 @@ class InterceptionTableTest : public ::testing::Test {
 
 TEST_F(InterceptionTableTest, OffersTheFirstPacketOfASelectedFlowAndAcceptsIt) {
   const auto table = install(loopbackSettings());
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
-  EXPECT_EQ(application.result(kSoon), EINPROGRESS);
+  EXPECT_EQ(application.connectResult(kSoon), EINPROGRESS);
   queue_->accept(packets[0].id);
-  EXPECT_EQ(application.result(kGenerous), 0);
-  EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort());
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
+  EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
 }
 
 TEST_F(InterceptionTableTest, OffersIPv6) {
   const auto table = install(loopbackSettings());
-  Listener origin("::1", 8000);
+  TestListener origin("::1", 8000);
   const Connecting application("::1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
   queue_->accept(packets[0].id);
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
 }
 
 TEST_F(InterceptionTableTest, LeavesOtherPortsAlone) {
   const auto table = install(loopbackSettings());
-  Listener origin("127.0.0.1");
+  TestListener origin("127.0.0.1");
   const Connecting application("127.0.0.1", origin.port());
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
 }
 
@@ -98,9 +98,9 @@ TEST_F(InterceptionTableTest, ExclusionComesBeforeInclusion) {
   auto settings = loopbackSettings();
   settings.excludedNetworkRules = {tcpRule("127.0.0.1", "8000", 32)};
   const auto table = install(settings);
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
 }
 
@@ -108,10 +108,10 @@ TEST_F(InterceptionTableTest, AWildcardDoesNotCoverLoopback) {
   TransparentProxyNetworkSettings settings("127.0.0.1");
   settings.includedNetworkRules = {tcpRule("0.0.0.0", "8000", 0), tcpRule("::", "8000", 0)};
   const auto table = install(settings);
-  Listener ipv4("127.0.0.1", 8000);
-  Listener ipv6("::1", 8000);
-  EXPECT_EQ(Connecting("127.0.0.1", 8000).result(kGenerous), 0);
-  EXPECT_EQ(Connecting("::1", 8000).result(kGenerous), 0);
+  TestListener ipv4("127.0.0.1", 8000);
+  TestListener ipv6("::1", 8000);
+  EXPECT_EQ(Connecting("127.0.0.1", 8000).connectResult(kGenerous), 0);
+  EXPECT_EQ(Connecting("::1", 8000).connectResult(kGenerous), 0);
   EXPECT_TRUE(waitForPackets(*queue_, 0ms).empty());
 }
 
@@ -128,15 +128,15 @@ TEST_F(InterceptionTableTest, APrefixCoversItsNetworkOnly) {
   TransparentProxyNetworkSettings settings("127.0.0.1");
   settings.includedNetworkRules = {tcpRule("127.5.0.0", "8000", 12)};
   const auto table = install(settings);
-  Listener outside("127.16.0.1", 8000);
-  EXPECT_EQ(Connecting("127.16.0.1", 8000).result(kGenerous), 0);
+  TestListener outside("127.16.0.1", 8000);
+  EXPECT_EQ(Connecting("127.16.0.1", 8000).connectResult(kGenerous), 0);
   const Connecting inside("127.15.255.1", 8000);
   EXPECT_EQ(waitForPackets(*queue_, kGenerous).size(), 1U);
 }
 
 TEST_F(InterceptionTableTest, OurOwnSocketsAreNeverOffered) {
   const auto table = install(loopbackSettings());
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const std::string mark = std::to_string(kMarks.own());
   outputOf("python3 -c \"import socket; s = socket.socket(); s.setsockopt(socket.SOL_SOCKET, 36, " +
            mark + "); s.settimeout(5); s.connect(('127.0.0.1', 8000))\"");
@@ -144,35 +144,35 @@ TEST_F(InterceptionTableTest, OurOwnSocketsAreNeverOffered) {
 }
 
 TEST_F(InterceptionTableTest, AMarkedPacketArrivesAtTheLoopsListenerWithItsOwnSource) {
-  Listener first("127.0.0.1");
-  Listener second("127.0.0.1");
+  TestListener first("127.0.0.1");
+  TestListener second("127.0.0.1");
   const auto table = install(loopbackSettings(), {{first.port(), 0}, {second.port(), 0}});
   const Connecting application("127.0.0.1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
   queue_->acceptMarked(packets[0].id, kMarks.redirect(1));
-  EXPECT_EQ(second.acceptOne(kGenerous), application.sourcePort());
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(second.acceptOne(kGenerous), application.localPort());
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
 }
 
 TEST_F(InterceptionTableTest, RedirectsIPv6) {
-  Listener listener("::1");
+  TestListener listener("::1");
   const auto table = install(loopbackSettings(), {{0, listener.port()}});
   const Connecting application("::1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
   queue_->acceptMarked(packets[0].id, kMarks.redirect(0));
-  EXPECT_EQ(listener.acceptOne(kGenerous), application.sourcePort());
+  EXPECT_EQ(listener.acceptOne(kGenerous), application.localPort());
 }
 
 TEST_F(InterceptionTableTest, ARefusedConnectionIsResetAtOnce) {
   const auto table = install(loopbackSettings());
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
   queue_->acceptMarked(packets[0].id, kMarks.refuse());
-  EXPECT_EQ(application.result(kSoon), ECONNREFUSED);
+  EXPECT_EQ(application.connectResult(kSoon), ECONNREFUSED);
 }
 
 // Every value that our mark bits can have.
@@ -185,26 +185,26 @@ std::vector<std::uint32_t> everyMark() {
 }
 
 TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnOtherPorts) {
-  Listener loop("127.0.0.1");
+  TestListener loop("127.0.0.1");
   const auto table = install(loopbackSettings(), {{loop.port(), 0}});
-  Listener origin("127.0.0.1", 8001);
+  TestListener origin("127.0.0.1", 8001);
   for (const std::uint32_t mark : everyMark()) {
     const Connecting application("127.0.0.1", 8001, {.mark = mark});
-    EXPECT_EQ(application.result(kGenerous), 0) << mark;
-    EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort()) << mark;
+    EXPECT_EQ(application.connectResult(kGenerous), 0) << mark;
+    EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort()) << mark;
   }
 }
 
 TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnExcludedDestination) {
-  Listener loop("127.0.0.1");
+  TestListener loop("127.0.0.1");
   auto settings = loopbackSettings();
   settings.excludedNetworkRules = {tcpRule("127.0.0.1", "8000", 32)};
   const auto table = install(settings, {{loop.port(), 0}});
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   for (const std::uint32_t mark : everyMark()) {
     const Connecting application("127.0.0.1", 8000, {.mark = mark});
-    EXPECT_EQ(application.result(kGenerous), 0) << mark;
-    EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort()) << mark;
+    EXPECT_EQ(application.connectResult(kGenerous), 0) << mark;
+    EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort()) << mark;
   }
 }
 
@@ -216,14 +216,14 @@ TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnEstablishedConnection) 
       "tcp flags & (syn | ack) != syn counter meta mark set " +
       std::to_string(kMarks.refuse()) + "'");
   const auto table = install(loopbackSettings());
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
   queue_->accept(packets[0].id);
-  ASSERT_EQ(application.result(kGenerous), 0);
+  ASSERT_EQ(application.connectResult(kGenerous), 0);
   application.send("still there");
-  EXPECT_EQ(application.result(0ms), 0);
+  EXPECT_EQ(application.connectResult(0ms), 0);
   EXPECT_NE(outputOf("nft list table inet foreign").find("counter packets"), std::string::npos);
 }
 
@@ -250,14 +250,14 @@ TEST_F(InterceptionTableTest, PacketsWithOtherMarkBitsAreOffered) {
 
 TEST_F(InterceptionTableTest, AnotherMaskCanBeUsed) {
   const auto marks = PacketMarks::fromMask(0x70);
-  Listener loop("127.0.0.1");
+  TestListener loop("127.0.0.1");
   const auto table =
       *InterceptionTable::install(loopbackSettings(), *marks, queue_->number(), {{loop.port(), 0}});
   const Connecting application("127.0.0.1", 8000, {.mark = kMarks.own()});
   const auto packets = waitForPackets(*queue_, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
   queue_->acceptMarked(packets[0].id, marks->redirect(0));
-  EXPECT_EQ(loop.acceptOne(kGenerous), application.sourcePort());
+  EXPECT_EQ(loop.acceptOne(kGenerous), application.localPort());
 }
 
 TEST_F(InterceptionTableTest, ARetransmittedSYNIsNotOfferedAgain) {
@@ -278,7 +278,7 @@ TEST_F(InterceptionTableTest, ARetransmittedSYNIsNotOfferedAgain) {
 
 TEST_F(InterceptionTableTest, ANewConnectionFromAUsedPortIsOffered) {
   const auto table = install(loopbackSettings());
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   constexpr std::uint16_t kSourcePort = 5000;
   const auto connect = [this] {
     auto application =
@@ -340,8 +340,8 @@ TEST_F(InterceptionTableTest, LinkLocalAndMulticastDestinationsAreNotOffered) {
 TEST_F(InterceptionTableTest, PassesPacketsWhenNobodyReadsTheQueue) {
   const auto table = install(loopbackSettings());
   queue_.reset();
-  Listener origin("127.0.0.1", 8000);
-  EXPECT_EQ(Connecting("127.0.0.1", 8000).result(kSoon), 0);
+  TestListener origin("127.0.0.1", 8000);
+  EXPECT_EQ(Connecting("127.0.0.1", 8000).connectResult(kSoon), 0);
 }
 
 TEST_F(InterceptionTableTest, AFloodOfOneUserLeavesTheQueueToOthers) {
@@ -401,10 +401,10 @@ TEST_F(InterceptionTableTest, StopsOfferingWithoutARefresh) {
   const auto table = install(loopbackSettings());
   // Every connect before the time-out is offered and held; each is a new connection.
   const auto deadline = std::chrono::steady_clock::now() + InterceptionTable::kAliveTimeout * 3;
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   bool passes = false;
   while (!passes && std::chrono::steady_clock::now() < deadline) {
-    passes = Connecting("127.0.0.1", 8000).result(kSoon) == 0;
+    passes = Connecting("127.0.0.1", 8000).connectResult(kSoon) == 0;
   }
   EXPECT_TRUE(passes);
   // After a later refresh, packets are offered again.

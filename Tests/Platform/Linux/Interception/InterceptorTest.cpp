@@ -100,9 +100,9 @@ class InterceptorTest : public ::testing::Test {
 
 TEST_F(InterceptorTest, OffersAFlowWithApplicationAndDestination) {
   start(false);
-  Listener origin("127.0.0.1", kPort);
+  TestListener origin("127.0.0.1", kPort);
   const Connecting application("127.0.0.1", kPort);
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
   const std::lock_guard guard(lock_);
   ASSERT_EQ(identifiers_.size(), 1U);
   EXPECT_EQ(identifiers_[0], std::filesystem::read_symlink("/proc/self/exe").string());
@@ -111,58 +111,58 @@ TEST_F(InterceptorTest, OffersAFlowWithApplicationAndDestination) {
 
 TEST_F(InterceptorTest, ADeclinedFlowReachesItsDestinationUnchanged) {
   start(false);
-  Listener origin("127.0.0.1", kPort);
+  TestListener origin("127.0.0.1", kPort);
   const Connecting application("127.0.0.1", kPort);
-  EXPECT_EQ(application.result(kGenerous), 0);
-  EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort());
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
+  EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
 }
 
 TEST_F(InterceptorTest, ATakenFlowIsHeldUntilItIsDecided) {
   start(true);
-  Listener origin("127.0.0.1", kPort);
+  TestListener origin("127.0.0.1", kPort);
   const Connecting application("127.0.0.1", kPort);
   ASSERT_TRUE(takenFlow());
-  EXPECT_EQ(application.result(kSoon), EINPROGRESS);
+  EXPECT_EQ(application.connectResult(kSoon), EINPROGRESS);
 }
 
 TEST_F(InterceptorTest, AFlowClosedWithAnErrorGoesDirect) {
   start(true);
-  Listener origin("127.0.0.1", kPort);
+  TestListener origin("127.0.0.1", kPort);
   const Connecting application("127.0.0.1", kPort);
   const auto flow = takenFlow();
   ASSERT_TRUE(flow);
   const platform::Error error{"test", 1, "the proxy is gone"};
   flow->closeRead(error);
   flow->closeWrite(error);
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_EQ(offered(), 1U);
 }
 
 TEST_F(InterceptorTest, AFlowClosedWithoutAnErrorIsRefused) {
   start(true);
-  Listener origin("127.0.0.1", kPort);
+  TestListener origin("127.0.0.1", kPort);
   const Connecting application("127.0.0.1", kPort);
   const auto flow = takenFlow();
   ASSERT_TRUE(flow);
   flow->closeRead(std::nullopt);
   flow->closeWrite(std::nullopt);
-  EXPECT_EQ(application.result(kGenerous), ECONNREFUSED);
+  EXPECT_EQ(application.connectResult(kGenerous), ECONNREFUSED);
 }
 
 TEST_F(InterceptorTest, ItsEndLetsHeldFlowsGoAndRemovesTheRules) {
   start(true);
-  Listener origin("127.0.0.1", kPort);
+  TestListener origin("127.0.0.1", kPort);
   const Connecting application("127.0.0.1", kPort);
   ASSERT_TRUE(takenFlow());
   interceptor_.reset();
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_EQ(outputOf("nft list tables"), "");
 }
 
 TEST_F(InterceptorTest, AUsersExcessGoesDirectAndIsLogged) {
   constexpr std::size_t kExcess = 6;
   start(true);
-  Listener origin("127.0.0.1", kPort);
+  TestListener origin("127.0.0.1", kPort);
   std::vector<std::unique_ptr<Connecting>> applications;
   for (std::size_t count = 0; count < FlowAdmission::kHeldFlowsPerUser + kExcess; ++count) {
     applications.push_back(std::make_unique<Connecting>("127.0.0.1", kPort));

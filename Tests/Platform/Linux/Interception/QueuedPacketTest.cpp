@@ -35,7 +35,7 @@ class QueuedPacketTest : public ::testing::Test {
   const std::unique_ptr<InterceptionTable> table_ =
       *InterceptionTable::install(testing::loopbackSettings(), PacketMarks(), queue_->number(), {});
   const std::shared_ptr<UserShare> user_ = std::make_shared<UserShare>();
-  testing::Listener origin_{"127.0.0.1", 8000};
+  testing::TestListener origin_{"127.0.0.1", 8000};
   const testing::Connecting application_{"127.0.0.1", 8000};
   PacketQueue::Packet received_;
 };
@@ -48,25 +48,25 @@ TEST_F(QueuedPacketTest, CountsForItsUserUntilTheFirstVerdict) {
   packet->accept();
   packet->refuse();
   EXPECT_EQ(user_->held(), 0U);
-  EXPECT_EQ(application_.result(kGenerous), 0);
+  EXPECT_EQ(application_.connectResult(kGenerous), 0);
 }
 
 TEST_F(QueuedPacketTest, GoesUnchangedWhenDestroyed) {
   hold().reset();
   EXPECT_EQ(user_->held(), 0U);
-  EXPECT_EQ(application_.result(kGenerous), 0);
+  EXPECT_EQ(application_.connectResult(kGenerous), 0);
 }
 
 TEST_F(QueuedPacketTest, ARefusalIsAReset) {
   hold()->refuse();
-  EXPECT_EQ(application_.result(kGenerous), ECONNREFUSED);
+  EXPECT_EQ(application_.connectResult(kGenerous), ECONNREFUSED);
 }
 
 TEST_F(QueuedPacketTest, IsNotRefusedAfterTheProxysEnd) {
   // Its number belongs to another process by now.
   const ProcessLife ended(::getpid(), 0);
   hold(ended)->refuse();
-  EXPECT_EQ(application_.result(kGenerous), 0);
+  EXPECT_EQ(application_.connectResult(kGenerous), 0);
 }
 
 TEST_F(QueuedPacketTest, DoesNothingWhenTheQueueHasReleasedIt) {
@@ -75,7 +75,7 @@ TEST_F(QueuedPacketTest, DoesNothingWhenTheQueueHasReleasedIt) {
   packet->refuse();
   // The queue's owner ends the charge of what it releases.
   EXPECT_EQ(user_->held(), 1U);
-  EXPECT_EQ(application_.result(kGenerous), 0);
+  EXPECT_EQ(application_.connectResult(kGenerous), 0);
 }
 
 }  // namespace

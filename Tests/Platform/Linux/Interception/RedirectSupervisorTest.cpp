@@ -117,7 +117,7 @@ TEST_F(RedirectSupervisorTest, ReportsMissingRedirectionWithoutTracking) {
 }
 
 TEST_F(RedirectSupervisorTest, DistinguishesAnotherListenerFromOurs) {
-  Listener other("127.0.0.1", 8000);
+  TestListener other("127.0.0.1", 8000);
   addRule("output", "notrack");
   start();
   EXPECT_NE(log_->wait("over IPv4").find("not redirected"), std::string::npos);
@@ -143,23 +143,23 @@ TEST_F(RedirectSupervisorTest, ALostConnectionGoesDirectAndThePathIsRetested) {
   ASSERT_TRUE(becomes(AddressFamily::ipv4, true));
   // Drops everything to the listeners.
   addRule("input", "tcp dport " + std::to_string(loops_.loop(1).listener().ipv4Port()) + " drop");
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   // As if released for the second loop, but by the packet's mark instead of the socket's.
   addRule("output",
           "tcp dport 8000 tcp flags & (syn | ack) == syn "
           "meta mark set " +
               std::to_string(loops_.marks().redirect(1)));
   const Connecting application("127.0.0.1", 8000);
-  EXPECT_EQ(application.result(100ms), EINPROGRESS);
+  EXPECT_EQ(application.connectResult(100ms), EINPROGRESS);
   outputOf("nft flush chain inet foreign output");
-  const auto source = parseAddressLiteral({"127.0.0.1", std::to_string(application.sourcePort())});
+  const auto source = parseAddressLiteral({"127.0.0.1", std::to_string(application.localPort())});
   const auto destination = parseAddressLiteral({"127.0.0.1", "8000"});
   loops_.redirectPath().reportMissing(1, {TransportProtocol::tcp, *source, *destination});
   EXPECT_NE(log_->wait("over IPv4").find("not answered"), std::string::npos);
   EXPECT_FALSE(isUsable(AddressFamily::ipv4));
   EXPECT_TRUE(isUsable(AddressFamily::ipv6));
   // On the retransmission of its SYN.
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
 }
 
 TEST_F(RedirectSupervisorTest, AnAbandonedConnectionDoesNotAffectThePath) {

@@ -14,8 +14,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::Connecting;
-using testing::Listener;
 using testing::outputOf;
+using testing::TestListener;
 
 constexpr auto kGenerous = 5s;
 
@@ -34,7 +34,7 @@ FlowTuple tupleOf(const Connecting& application, AddressFamily family) {
     tuple.source.address[0] = 127;
   }
   tuple.destination = tuple.source;
-  tuple.source.port = application.sourcePort();
+  tuple.source.port = application.localPort();
   tuple.destination.port = 8000;
   return tuple;
 }
@@ -44,9 +44,9 @@ TEST(ConntrackEntriesTest, RemovesAConnection) {
   ConntrackEntries entries;
   for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
     const char* const address = family == AddressFamily::ipv4 ? "127.0.0.1" : "::1";
-    Listener origin(address, 8000);
+    TestListener origin(address, 8000);
     const Connecting application(address, 8000);
-    ASSERT_EQ(application.result(kGenerous), 0);
+    ASSERT_EQ(application.connectResult(kGenerous), 0);
     EXPECT_EQ(entries.remove(tupleOf(application, family)), 0);
     EXPECT_EQ(entries.remove(tupleOf(application, family)), ENOENT);
   }
@@ -69,27 +69,27 @@ class ConntrackEntriesOfRedirectionsTest : public ::testing::TestWithParam<const
 
   static bool isNotListened(const SocketEndpoint& /*endpoint*/) { return false; }
 
-  Listener listener_{GetParam(), 8000};
+  TestListener listener_{GetParam(), 8000};
   ConntrackEntries entries_;
 };
 
 TEST_P(ConntrackEntriesOfRedirectionsTest, RemovesRedirectionsWithoutAListener) {
   const Connecting application(GetParam(), 8001);
-  ASSERT_EQ(application.result(kGenerous), 0);
+  ASSERT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 1U);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);
 }
 
 TEST_P(ConntrackEntriesOfRedirectionsTest, RemovesRedirectionsThatWereReset) {
   const Connecting application(GetParam(), 8001);
-  ASSERT_EQ(application.result(kGenerous), 0);
+  ASSERT_EQ(application.connectResult(kGenerous), 0);
   listener_.acceptAndResetOne(kGenerous);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 1U);
 }
 
 TEST_P(ConntrackEntriesOfRedirectionsTest, KeepsRedirectionsWithAListener) {
   const Connecting application(GetParam(), 8001);
-  ASSERT_EQ(application.result(kGenerous), 0);
+  ASSERT_EQ(application.connectResult(kGenerous), 0);
   const auto isListened = [](const SocketEndpoint& endpoint) {
     EXPECT_EQ(endpoint.addressText(), GetParam());
     EXPECT_EQ(endpoint.port, 8000);
@@ -100,7 +100,7 @@ TEST_P(ConntrackEntriesOfRedirectionsTest, KeepsRedirectionsWithAListener) {
 
 TEST_P(ConntrackEntriesOfRedirectionsTest, KeepsConnectionsThatWereNotRedirected) {
   const Connecting application(GetParam(), 8000);
-  ASSERT_EQ(application.result(kGenerous), 0);
+  ASSERT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);
 }
 

@@ -18,9 +18,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::Connecting;
-using testing::Listener;
 using testing::loopbackSettings;
 using testing::outputOf;
+using testing::TestListener;
 using testing::waitForPackets;
 
 constexpr auto kGenerous = 5s;
@@ -52,7 +52,7 @@ TEST(PacketQueueTest, DeliversThePacketFromItsNetworkHeader) {
   ASSERT_EQ(packets.size(), 1U);
   const auto first = parseFirstPacket(packets[0].bytes);
   ASSERT_TRUE(first);
-  EXPECT_EQ(first->tuple.source.port, application.sourcePort());
+  EXPECT_EQ(first->tuple.source.port, application.localPort());
   EXPECT_EQ(first->tuple.destination.port, 8000);
 }
 
@@ -100,7 +100,7 @@ TEST(PacketQueueTest, ATunnelledPacketHasItsSendersUserOrNone) {
 TEST(PacketQueueTest, PassesPacketsWhenItIsFull) {
   const auto queue = openQueue();
   const auto table = installTable(*queue);
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   // More than the queue holds; the first ones are held, the others must connect at once.
   constexpr int kConnections = 300;
   std::vector<std::unique_ptr<Connecting>> applications;
@@ -119,12 +119,12 @@ TEST(PacketQueueTest, RetriesARejectedVerdictAtOnce) {
           return failures-- > 0 ? failure : PacketQueue::sendNow(socket, message);
         });
     const auto table = installTable(*queue);
-    Listener origin("127.0.0.1", 8000);
+    TestListener origin("127.0.0.1", 8000);
     const Connecting application("127.0.0.1", 8000);
     const auto packets = waitForPackets(*queue, kGenerous);
     ASSERT_EQ(packets.size(), 1U);
     queue->accept(packets[0].id);
-    EXPECT_EQ(application.result(kGenerous), 0) << failure;
+    EXPECT_EQ(application.connectResult(kGenerous), 0) << failure;
   }
 }
 
@@ -135,7 +135,7 @@ TEST(PacketQueueTest, DefersAVerdictThatIsRejectedRepeatedly) {
         return isOutOfMemory ? ENOBUFS : PacketQueue::sendNow(socket, message);
       });
   const auto table = installTable(*queue);
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const Connecting first("127.0.0.1", 8000);
   const Connecting second("127.0.0.1", 8000);
   std::vector<testing::OfferedPacket> packets;
@@ -148,12 +148,12 @@ TEST(PacketQueueTest, DefersAVerdictThatIsRejectedRepeatedly) {
   // Refused, to check that the mark is kept as well.
   queue->acceptMarked(packets[1].id, PacketMarks().refuse());
   queue->retryUnsent();
-  EXPECT_EQ(first.result(0ms), EINPROGRESS);
-  EXPECT_EQ(second.result(0ms), EINPROGRESS);
+  EXPECT_EQ(first.connectResult(0ms), EINPROGRESS);
+  EXPECT_EQ(second.connectResult(0ms), EINPROGRESS);
   isOutOfMemory = false;
   queue->retryUnsent();
-  EXPECT_EQ(first.result(kGenerous), 0);
-  EXPECT_EQ(second.result(kGenerous), ECONNREFUSED);
+  EXPECT_EQ(first.connectResult(kGenerous), 0);
+  EXPECT_EQ(second.connectResult(kGenerous), ECONNREFUSED);
 }
 
 TEST(PacketQueueTest, DoesNotRetryAVerdictThatTheKernelRejects) {
@@ -175,7 +175,7 @@ TEST(PacketQueueTest, DoesNotRetryAVerdictThatTheKernelRejects) {
 TEST(PacketQueueTest, OnlyTheFirstVerdictCounts) {
   const auto queue = openQueue();
   const auto table = installTable(*queue);
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
   const auto packets = waitForPackets(*queue, kGenerous);
   ASSERT_EQ(packets.size(), 1U);
@@ -183,7 +183,7 @@ TEST(PacketQueueTest, OnlyTheFirstVerdictCounts) {
   EXPECT_TRUE(queue->accept(packets[0].id));
   EXPECT_FALSE(queue->isHeld(packets[0].id));
   EXPECT_FALSE(queue->acceptMarked(packets[0].id, PacketMarks().refuse()));
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
 }
 
 TEST(PacketQueueTest, GivesNoVerdictOnAPacketThatItDoesNotHold) {
@@ -200,7 +200,7 @@ TEST(PacketQueueTest, GivesNoVerdictOnAPacketThatItDoesNotHold) {
 TEST(PacketQueueTest, AcceptsEverythingThatItHolds) {
   const auto queue = openQueue();
   const auto table = installTable(*queue);
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const Connecting first("127.0.0.1", 8000);
   const Connecting second("127.0.0.1", 8000);
   std::size_t held = 0;
@@ -210,18 +210,18 @@ TEST(PacketQueueTest, AcceptsEverythingThatItHolds) {
     held += more;
   }
   queue->acceptAll();
-  EXPECT_EQ(first.result(kGenerous), 0);
-  EXPECT_EQ(second.result(kGenerous), 0);
+  EXPECT_EQ(first.connectResult(kGenerous), 0);
+  EXPECT_EQ(second.connectResult(kGenerous), 0);
 }
 
 TEST(PacketQueueTest, HeldPacketsGoDirectOnRetransmissionAfterItsEnd) {
   auto queue = openQueue();
   const auto table = installTable(*queue);
-  Listener origin("127.0.0.1", 8000);
+  TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
   ASSERT_EQ(waitForPackets(*queue, kGenerous).size(), 1U);
   queue.reset();
-  EXPECT_EQ(application.result(kGenerous), 0);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
 }
 
 }  // namespace

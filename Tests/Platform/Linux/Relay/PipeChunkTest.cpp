@@ -57,7 +57,7 @@ TEST_F(PipeChunkTest, MovesIntoASocket) {
   std::array<int, 2> pair{};
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
   const FileDescriptor near(pair[0]);
-  ApplicationSocket far{FileDescriptor(pair[1])};
+  ApplicationSocket far{testing::TestSocket(pair[1])};
   onLoop([&] {
     const auto chunk = makeChunk("through");
     EXPECT_EQ(chunk->moveTo(near.get()), 7);

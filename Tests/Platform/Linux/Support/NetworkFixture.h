@@ -12,6 +12,7 @@
 #include "Platform/Interface/NetworkSettings.h"
 #include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
+#include "Tests/Support/TestSocket.h"
 
 namespace ostravel::testing {
 
@@ -35,27 +36,6 @@ struct OfferedPacket {
 std::vector<OfferedPacket> waitForPackets(linuxplatform::PacketQueue& queue,
                                           std::chrono::milliseconds limit);
 
-// A listening TCP socket on loopback, closed on destruction.
-class Listener {
- public:
-  explicit Listener(const std::string& address, std::uint16_t port = 0);
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-  ~Listener();
-
-  std::uint16_t port() const { return port_; }
-  // The source port of the next connection; 0 if none arrives within the limit.
-  std::uint16_t acceptOne(std::chrono::milliseconds limit);
-  // The same, but resets the connection.
-  std::uint16_t acceptAndResetOne(std::chrono::milliseconds limit);
-
- private:
-  std::uint16_t acceptOne(std::chrono::milliseconds limit, bool resets);
-
-  int descriptor_;
-  std::uint16_t port_ = 0;
-};
-
 // Options of a connecting socket.
 struct SocketSettings {
   // SO_MARK
@@ -64,24 +44,10 @@ struct SocketSettings {
   std::uint16_t sourcePort = 0;
 };
 
-// A nonblocking TCP connect in progress.
-class Connecting {
+// A TCP socket that has begun to connect and does not wait.
+class Connecting : public TestSocket {
  public:
-  Connecting(const std::string& address, std::uint16_t port) : Connecting(address, port, {}) {}
-  Connecting(const std::string& address, std::uint16_t port, const SocketSettings& settings);
-  Connecting(const Connecting&) = delete;
-  Connecting& operator=(const Connecting&) = delete;
-  ~Connecting();
-
-  // 0 if it is connected, errno if it failed, EINPROGRESS if the limit expired first.
-  int result(std::chrono::milliseconds limit) const;
-  std::uint16_t sourcePort() const;
-  void send(const std::string& bytes) const;
-  // Ends the connection with a reset.
-  void reset();
-
- private:
-  int descriptor_;
+  Connecting(const std::string& address, std::uint16_t port, const SocketSettings& settings = {});
 };
 
 }  // namespace ostravel::testing
