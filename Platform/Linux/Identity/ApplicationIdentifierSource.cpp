@@ -30,20 +30,29 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
     return;
   }
   diagnostics_ = *std::move(diagnostics);
-  proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_);
+  startTracing(proxyPort, traced);
+  proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_,
+                 publisher_ ? std::optional(publisher_->listener()) : std::nullopt);
   trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
-  auto tracer = ConnectTracer::start(traced);
+}
+
+ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
+
+void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,
+                                               ConnectTracer::Detail wanted) {
+  auto tracer = ConnectTracer::start(wanted);
   if (!tracer) {
     warn_("connects cannot be traced (" + tracer.error().localizedDescription +
           "); processes are looked up in /proc instead");
     return;
   }
   tracer_ = *std::move(tracer);
+  if (auto publisher = ConnectPublisher::start(*tracer_, proxyPort)) {
+    publisher_ = *std::move(publisher);
+  }
 }
 
-ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
-
-Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
+Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
                                                      std::uint32_t outputInterface) {
   Identification result;
   const auto leave = [&result](LeaveReason reason) {
@@ -53,22 +62,16 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
   if (!diagnostics_) {
     return leave(LeaveReason::diagnosticsFailed);
   }
-  const auto answer = diagnostics_->find(flow, outputInterface);
-  if (answer.hasFailed) {
-    return leave(LeaveReason::diagnosticsFailed);
+  Sender sender = publishedSender(first);
+  if (sender.process == nullptr) {
+    sender = lookUpSender(first.tuple, outputInterface);
   }
-  if (answer.socket) {
-    result.user = answer.socket->uid;
+  result.user = sender.user;
+  if (sender.leaveReason) {
+    return leave(*sender.leaveReason);
   }
-  if (isBound(flow, answer)) {
-    return leave(LeaveReason::notCarried);
-  }
-  const auto [sender, isSearchRefused] = answer.socket ? senderOf(*answer.socket) : Sender{};
-  if (isSearchRefused) {
-    return leave(LeaveReason::searchBudget);
-  }
-  if (sender != nullptr) {
-    result.process = sender->process.pid;
+  if (sender.process != nullptr) {
+    result.process = sender.process->process.pid;
   }
   const auto proxyState = proxy_->refresh(result.process);
   if (proxyState == ProxyProcess::State::unknown) {
@@ -78,22 +81,54 @@ Identification ApplicationIdentifierSource::identify(const FlowTuple& flow,
     if (!trust_->holdsFor(result.user)) {
       return leave(LeaveReason::proxyNotTrusted);
     }
-    if (sender != nullptr && isProxy(*sender)) {
+    if (sender.process != nullptr && isProxy(*sender.process)) {
       result.identifier = kProxyIdentifier;
       return result;
     }
-    const bool isKnown = sender != nullptr && sender->process.executableFile;
-    if (!isKnown && answer.socket && mayBelongToProxy(*answer.socket)) {
+    const bool isKnown = sender.process != nullptr && sender.process->process.executableFile;
+    if (!isKnown && mayBelongToProxy(sender)) {
       return leave(LeaveReason::proxyUnknown);
     }
     const Process& owner = proxy_->owner();
     result.proxy.emplace(owner.pid, owner.stamp.startTime);
-    result.mayBelongToProxy = mayDialForProxy(sender);
+    result.mayBelongToProxy = mayDialForProxy(sender.process);
   }
-  if (sender != nullptr) {
-    result.identifier = identifierOf(*sender, answer.socket->uid);
+  if (sender.process != nullptr) {
+    result.identifier = identifierOf(*sender.process, *sender.user);
   }
   return result;
+}
+
+ApplicationIdentifierSource::Sender ApplicationIdentifierSource::publishedSender(
+    const FirstPacket& first) {
+  const auto connect =
+      publisher_ ? publisher_->table().find(first.tuple, first.initialSequence) : std::nullopt;
+  // Packets of a bound socket may be queued twice, so they have to be remembered.
+  if (!connect || connect->boundInterface != 0) {
+    return {};
+  }
+  return {.process = tracedSender(connect->record, connect->place), .user = connect->socketUser};
+}
+
+ApplicationIdentifierSource::Sender ApplicationIdentifierSource::lookUpSender(
+    const FlowTuple& flow, std::uint32_t outputInterface) {
+  const auto answer = diagnostics_->find(flow, outputInterface);
+  if (answer.hasFailed) {
+    return {.leaveReason = LeaveReason::diagnosticsFailed};
+  }
+  Sender sender;
+  const bool mustBeLeft = isBound(flow, answer);
+  if (answer.socket && !mustBeLeft) {
+    sender = senderOf(*answer.socket);
+  }
+  if (answer.socket) {
+    sender.user = answer.socket->uid;
+    sender.hasNoHolder = answer.socket->inode == 0;
+  }
+  if (mustBeLeft) {
+    sender.leaveReason = LeaveReason::notCarried;
+  }
+  return sender;
 }
 
 bool ApplicationIdentifierSource::isBound(const FlowTuple& flow,
@@ -118,7 +153,7 @@ std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
   if (!proxy_ || now < nextWatch_) {
     return std::nullopt;
   }
-  const auto state = proxy_->refresh(std::nullopt);
+  const auto state = proxy_->recheck();
   // An owner that is not found must not be searched for continuously while nothing is sent.
   watchPause_ = state == ProxyProcess::State::unknown
                     ? std::clamp(2 * watchPause_, kShortestWatchPause, kLongestWatchPause)
@@ -139,14 +174,14 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::senderOf(
     const SocketInformation& socket) {
   const auto record = tracer_ ? tracer_->recordOf(socket.cookie) : std::nullopt;
   if (record && tracer_->detail() == ConnectTracer::Detail::programs) {
-    return {.process = tracedSender(*record)};
+    return {.process = tracedSender(*record, 0)};
   }
   if (socket.inode == 0) {
     return {};
   }
   // Connected before the tracer started, or there is no tracer that records enough.
   if (!processes_.allowance().permits(socket.uid)) {
-    return {.isSearchRefused = true};
+    return {.leaveReason = LeaveReason::searchBudget};
   }
   const auto connector = record ? std::optional(record->process) : std::nullopt;
   const auto found = processes_.holderOf(socket.inode, socket.uid, connector);
@@ -157,7 +192,8 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::senderOf(
   return {.process = holder(*found)};
 }
 
-KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& record) {
+KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& record,
+                                                        std::uint64_t place) {
   const ProcessStamp stamp{.startTime = record.startTime,
                            .stackStart = record.stackStart,
                            .uid = record.user,
@@ -165,7 +201,7 @@ KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& rec
   KnownProcess* const known = known_.find(record.process);
   if (known != nullptr && known->process.stamp == stamp &&
       known->process.executableFile == record.executable) {
-    refresh(*known, record.executable);
+    refresh(*known, record.executable, place);
     return known;
   }
   auto process = processes_.find(record.process, record.executable);
@@ -175,13 +211,15 @@ KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& rec
   }
   // Its users may have changed since.
   process->stamp = stamp;
-  return &known_.insert(std::move(*process));
+  KnownProcess& inserted = known_.insert(std::move(*process));
+  inserted.place = place;
+  return &inserted;
 }
 
 KnownProcess* ApplicationIdentifierSource::holder(pid_t pid) {
   KnownProcess* const known = known_.find(pid);
   if (known != nullptr && processes_.stampOf(pid) == known->process.stamp) {
-    refresh(*known, std::nullopt);
+    refresh(*known, std::nullopt, 0);
     return known;
   }
   auto process = processes_.find(pid);
@@ -189,7 +227,13 @@ KnownProcess* ApplicationIdentifierSource::holder(pid_t pid) {
 }
 
 void ApplicationIdentifierSource::refresh(KnownProcess& known,
-                                          std::optional<FileIdentity> executable) {
+                                          std::optional<FileIdentity> executable,
+                                          std::uint64_t place) {
+  // The place was noted before the last examination.
+  if (place != 0 && place == known.place && known.process.isExecutableSettled) {
+    return;
+  }
+  known.place = place;
   if (processes_.refreshExecutable(known.process, executable)) {
     known.identifier.reset();
     known.comparedListener = 0;
@@ -209,9 +253,9 @@ bool ApplicationIdentifierSource::mayDialForProxy(const KnownProcess* sender) co
          (sender == nullptr || trust_->mayDial(sender->process.stamp.uid));
 }
 
-bool ApplicationIdentifierSource::mayBelongToProxy(const SocketInformation& socket) const {
+bool ApplicationIdentifierSource::mayBelongToProxy(const Sender& sender) const {
   // Once no process holds a socket, some kernels do not report its user either.
-  return socket.inode == 0 || proxy_->mayRunAs(socket.uid);
+  return sender.user && (sender.hasNoHolder || proxy_->mayRunAs(*sender.user));
 }
 
 const std::string& ApplicationIdentifierSource::identifierOf(KnownProcess& sender,

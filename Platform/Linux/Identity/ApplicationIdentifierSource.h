@@ -18,7 +18,9 @@
 #include "Platform/Linux/Identity/ProxyProcess.h"
 #include "Platform/Linux/Identity/ProxyTrust.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
+#include "Platform/Linux/Processes/ConnectPublisher.h"
 #include "Platform/Linux/Processes/ConnectTracer.h"
 #include "Platform/Linux/Processes/KnownProcesses.h"
 #include "Platform/Linux/Processes/ProcessTable.h"
@@ -38,6 +40,9 @@ namespace ostravel::linuxplatform {
 // connected, and only if everybody finds that file at that path; 2 also requires that the
 // registration applies to the users of both the process and the socket, which may have been handed
 // over. In doubt there is no identifier.
+//
+// For nearly every TCP flow, the kernel has published the sender in memory, and no system call is
+// needed; see ConnectTable. All other flows are looked up with system calls, with the same result.
 //
 // Created by the verdict thread's owner, then used by that thread alone, in the network namespace
 // in which it was created. Does bounded work only: tens of microseconds for nearly every flow, and
@@ -62,7 +67,7 @@ class ApplicationIdentifierSource {
 
   // outputInterface: the index of the interface through which the flow's first packet leaves; 0 if
   // unknown.
-  Identification identify(const FlowTuple& flow, std::uint32_t outputInterface);
+  Identification identify(const FirstPacket& first, std::uint32_t outputInterface);
 
   // Checks who listens on the proxy's port even while nothing is sent, so that a new proxy has
   // passed its trial before the first flow. Call it periodically; returns a sentence for people
@@ -76,26 +81,34 @@ class ApplicationIdentifierSource {
   struct Sender {
     // Null unless it is known for certain. Valid until the next search for a sender.
     KnownProcess* process = nullptr;
-    // The search was not permitted.
-    bool isSearchRefused = false;
+    // The owner of the socket; empty if there is no such socket.
+    std::optional<uid_t> user = std::nullopt;
+    // No process holds the socket any more.
+    bool hasNoHolder = false;
+    // Present if the flow must be left to the system, whoever sent it.
+    std::optional<LeaveReason> leaveReason = std::nullopt;
   };
 
+  void startTracing(std::uint16_t proxyPort, ConnectTracer::Detail wanted);
   // True if the flow's socket is bound to an interface. A relay's connection would not be bound,
   // and would ignore the route that the application insists on.
   bool isBound(const FlowTuple& flow, const SocketDiagnostics::Answer& answer);
+  // The sender that the kernel has published; makes no system call if its process is known.
+  Sender publishedSender(const FirstPacket& first);
+  Sender lookUpSender(const FlowTuple& flow, std::uint32_t outputInterface);
   Sender senderOf(const SocketInformation& socket);
   // The process as it was when it connected; null if it has changed since, or ended before it was
-  // examined.
-  KnownProcess* tracedSender(const ConnectRecord& record);
+  // examined. place: as in PublishedConnect.
+  KnownProcess* tracedSender(const ConnectRecord& record, std::uint64_t place);
   // The process in its current state.
   KnownProcess* holder(pid_t pid);
-  // Updates what is known about the process's executable.
-  void refresh(KnownProcess& known, std::optional<FileIdentity> executable);
+  // Updates what is known about the process's executable, which is at this place.
+  void refresh(KnownProcess& known, std::optional<FileIdentity> executable, std::uint64_t place);
   bool isProxy(KnownProcess& sender) const;
   // True if the sender, or an unknown sender (null), could be what dials out for the proxy.
   bool mayDialForProxy(const KnownProcess* sender) const;
   // For a socket whose process was not found.
-  bool mayBelongToProxy(const SocketInformation& socket) const;
+  bool mayBelongToProxy(const Sender& sender) const;
   const std::string& identifierOf(KnownProcess& sender, uid_t socketUser) const;
   std::string findIdentifier(const Process& process, uid_t socketUser) const;
 
@@ -104,6 +117,8 @@ class ApplicationIdentifierSource {
   std::unique_ptr<SocketDiagnostics> diagnostics_;
   // Null if connects cannot be traced; then processes are looked up in /proc.
   std::unique_ptr<ConnectTracer> tracer_;
+  // Null if senders cannot be published; then each is looked up.
+  std::unique_ptr<ConnectPublisher> publisher_;
   ProcessTable processes_;
   std::optional<ProxyProcess> proxy_;
   // Present if there are diagnostics, as is proxy_.

@@ -20,13 +20,40 @@ constexpr std::chrono::seconds kExecutablePatience{1};
 }  // namespace
 
 ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes,
-                           std::uint16_t port, std::function<void(const std::string&)> warn)
+                           std::uint16_t port, std::function<void(const std::string&)> warn,
+                           std::optional<ListenerWatch> watch)
     : diagnostics_(diagnostics),
       processes_(processes),
       address_{AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, port},
-      warn_(std::move(warn)) {}
+      warn_(std::move(warn)),
+      watch_(watch) {}
 
 ProxyProcess::State ProxyProcess::refresh(std::optional<pid_t> sender) {
+  if (!watch_) {
+    return examine(sender);
+  }
+  const auto changes = watch_->changes();
+  if (settled_ && settled_->changes == changes) {
+    return settled_->state;
+  }
+  settled_.reset();
+  const State state = examine(sender);
+  if (state == State::known && watched_ != owner_->pid) {
+    // It may have ended just before, so this is not settled yet.
+    watched_ = owner_->pid;
+    watch_->watch(owner_->pid);
+  } else if (state != State::unknown) {
+    settled_ = {state, changes};
+  }
+  return state;
+}
+
+ProxyProcess::State ProxyProcess::recheck() {
+  settled_.reset();
+  return refresh(std::nullopt);
+}
+
+ProxyProcess::State ProxyProcess::examine(std::optional<pid_t> sender) {
   const auto answer = diagnostics_.findListener(address_);
   if (answer.hasFailed) {
     return State::unknown;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
+#include "Platform/Linux/Processes/ListenerWatch.h"
 #include "Platform/Linux/Processes/ProcessTable.h"
 #include "Platform/Linux/Processes/SocketHolderSearch.h"
 
@@ -19,9 +20,10 @@ namespace ostravel::linuxplatform {
 // service manager; the same holds for every process that is added, because a proxy may consist of
 // several programs. Whether the listener is a proxy, and for whom, is decided elsewhere.
 //
-// Queried for every flow: one exact look-up tells whether the socket is still the same. After a
-// change its owner is searched for within kSearchBudget per flow, and is unknown until found. Used
-// by one thread at a time.
+// Queried for every flow: one exact look-up tells whether the socket is still the same. With a
+// watch, even this look-up is made only after something has changed. After a change its owner is
+// searched for within kSearchBudget per flow, and is unknown until found. Used by one thread at a
+// time.
 class ProxyProcess {
  public:
   enum class State {
@@ -41,10 +43,15 @@ class ProxyProcess {
 
   // diagnostics and processes outlive this object. warn takes a sentence for people.
   ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
-               std::function<void(const std::string&)> warn);
+               std::function<void(const std::string&)> warn,
+               std::optional<ListenerWatch> watch = std::nullopt);
 
   // Checks who listens now. If the owner has to be found, sender is the first candidate.
   State refresh(std::optional<pid_t> sender);
+
+  // The same, including what a watch does not notice: that a process has closed its listener and
+  // continues. Call it periodically.
+  State recheck();
 
   // The following are valid if the last refresh returned State::known.
 
@@ -61,6 +68,13 @@ class ProxyProcess {
   void add(Process process);
 
  private:
+  // What a watch has nothing to add to.
+  struct Settled {
+    State state;
+    std::uint64_t changes;
+  };
+
+  State examine(std::optional<pid_t> sender);
   State findOwner(std::optional<pid_t> sender);
   // True once everything about the owner is known that can be found out within the time limits.
   bool isOwnerDescribed();
@@ -71,6 +85,11 @@ class ProxyProcess {
   const ProcessTable& processes_;
   const SocketEndpoint address_;
   const std::function<void(const std::string&)> warn_;
+  const std::optional<ListenerWatch> watch_;
+  // The process whose end the watch notices.
+  std::optional<pid_t> watched_;
+  // Present while nothing has changed since the last examination.
+  std::optional<Settled> settled_;
   SocketInformation listener_;
   std::optional<Process> owner_;
   std::vector<Process> others_;

@@ -207,7 +207,7 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
     leaveToSystem(packet, *first, *reason);
     return;
   }
-  auto identification = identifiers_->identify(tuple, packet.outputInterface);
+  auto identification = identifiers_->identify(*first, packet.outputInterface);
   if (const auto reason = reasonToLeave(tuple, identification)) {
     leaveToSystem(packet, *first, *reason);
     return;

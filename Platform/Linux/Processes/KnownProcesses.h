@@ -16,6 +16,8 @@ namespace ostravel::linuxplatform {
 // A process that has sent before, and what is known about it.
 struct KnownProcess {
   Process process;
+  // Where the executable was before it was last examined, as in PublishedConnect; 0 if unknown.
+  std::uint64_t place = 0;
   // The identifier if the owner of the socket is identifiedUser; empty if not yet determined.
   std::optional<std::string> identifier;
   uid_t identifiedUser = 0;

@@ -2,12 +2,19 @@
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -15,6 +22,7 @@
 #include <vector>
 
 #include "Tests/Platform/Linux/Support/Helper.h"
+#include "Tests/Platform/Linux/Support/SenderSource.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/InChildProcess.h"
 #include "Tests/Support/TemporaryFolder.h"
@@ -28,7 +36,7 @@ constexpr std::uint16_t kProxyPort = 8080;
 constexpr auto kPatience = std::chrono::seconds(60);
 constexpr const char* kProxy = "com.ostravel.proxy-sidecar";
 
-class ApplicationIdentifierSourceTest : public ::testing::Test {
+class ApplicationIdentifierSourceTest : public SenderSourceTest {
  protected:
   void start() {
     source_.emplace(
@@ -45,7 +53,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
   std::string identifierOf(const FlowTuple& flow) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < deadline) {
-      const auto identification = source_->identify(flow, 0);
+      const auto identification = source_->identify(packetOf(flow), 0);
       if (!identification.leaveReason) {
         return identification.identifier;
       }
@@ -59,7 +67,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     Identification identification;
     do {
-      identification = source_->identify(flow, 0);
+      identification = source_->identify(packetOf(flow), 0);
       ASSERT_TRUE(identification.leaveReason);
     } while (warnings_.empty() && std::chrono::steady_clock::now() < deadline);
     EXPECT_EQ(identification.leaveReason, LeaveReason::proxyNotTrusted);
@@ -84,7 +92,7 @@ class ApplicationIdentifierSourceTest : public ::testing::Test {
   std::optional<ApplicationIdentifierSource> source_;
 };
 
-TEST_F(ApplicationIdentifierSourceTest, IdentifiesAnApplicationByItsPath) {
+TEST_P(ApplicationIdentifierSourceTest, IdentifiesAnApplicationByItsPath) {
   start();
   const std::string program = copyHelper(programs_, "browser");
   Helper helper(program);
@@ -94,7 +102,7 @@ TEST_F(ApplicationIdentifierSourceTest, IdentifiesAnApplicationByItsPath) {
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ApplicationIdentifierSourceTest, FindsTheSendersOfAllKindsOfSockets) {
+TEST_P(ApplicationIdentifierSourceTest, FindsTheSendersOfAllKindsOfSockets) {
   start();
   Helper helper;
   const auto listener6 = makeSocket(AF_INET6, SOCK_STREAM);
@@ -107,7 +115,7 @@ TEST_F(ApplicationIdentifierSourceTest, FindsTheSendersOfAllKindsOfSockets) {
             OSTRAVEL_HELPER);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, UsesTheIdentifierOfARegisteredApplication) {
+TEST_P(ApplicationIdentifierSourceTest, UsesTheIdentifierOfARegisteredApplication) {
   const std::string program = copyHelper(programs_, "updater");
   registrations_.write("a.json", "{\"" + program + "\": \"com.example.updater\"}");
   start();
@@ -119,14 +127,14 @@ TEST_F(ApplicationIdentifierSourceTest, UsesTheIdentifierOfARegisteredApplicatio
   EXPECT_EQ(identifierOf(connectFrom(helper)), "com.example.other");
 }
 
-TEST_F(ApplicationIdentifierSourceTest, PassesOnWarningsAboutRegistrations) {
+TEST_P(ApplicationIdentifierSourceTest, PassesOnWarningsAboutRegistrations) {
   registrations_.write("a.json", "oops");
   start();
   ASSERT_EQ(warnings_.size(), 1U);
   EXPECT_TRUE(warnings_[0].starts_with(registrations_.path("a.json") + ":1:")) << warnings_[0];
 }
 
-TEST_F(ApplicationIdentifierSourceTest, RecognisingTheProxyPrecedesItsRegistration) {
+TEST_P(ApplicationIdentifierSourceTest, RecognisingTheProxyPrecedesItsRegistration) {
   const std::string program = copyHelper(programs_, "proxy");
   registrations_.write("a.json", "{\"" + program + "\": \"com.example.proxy\"}");
   start();
@@ -138,7 +146,7 @@ TEST_F(ApplicationIdentifierSourceTest, RecognisingTheProxyPrecedesItsRegistrati
   EXPECT_EQ(identifierOf(connectFrom(other)), OSTRAVEL_HELPER);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
+TEST_P(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
   start();
   Helper application;
   const std::string first = copyHelper(programs_, "first");
@@ -161,7 +169,7 @@ TEST_F(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
   }
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
+TEST_P(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
   start();
   const std::string program = copyHelper(programs_, "proxy");
   Helper proxy(program);
@@ -177,7 +185,7 @@ TEST_F(ApplicationIdentifierSourceTest, AFormerProxyIsAnOrdinaryApplication) {
   EXPECT_EQ(identifierOf(connectFrom(former)), program);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterExec) {
+TEST_P(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterExec) {
   start();
   const std::string first = copyHelper(programs_, "first");
   const std::string second = copyHelper(programs_, "second");
@@ -187,7 +195,7 @@ TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterExec) {
   EXPECT_EQ(identifierOf(connectFrom(helper)), second);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterAUserChange) {
+TEST_P(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterAUserChange) {
   start();
   const std::string program = copyHelper(programs_, "proxy");
   Helper proxy(program);
@@ -199,7 +207,7 @@ TEST_F(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterAUserCha
   EXPECT_EQ(identifierOf(connectFrom(helper)), kProxy);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSystem) {
+TEST_P(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSystem) {
   start();
   Helper proxy;
   proxy.makeSocket("proxy", kProxyPort);
@@ -211,12 +219,12 @@ TEST_F(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSyst
   const std::string program = copyHelper(programs_, "application");
   Helper application(program);
   const auto flow = connectFrom(application);
-  EXPECT_TRUE(source_->identify(flow, 0).leaveReason);
+  EXPECT_TRUE(source_->identify(packetOf(flow), 0).leaveReason);
   EXPECT_EQ(identifierOf(flow), program);
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AFlowOfABoundSocketIsLeftToTheSystem) {
+TEST_P(ApplicationIdentifierSourceTest, AFlowOfABoundSocketIsLeftToTheSystem) {
   start();
   constexpr std::uint32_t kLoopback = 1;
   constexpr char kInterface[] = "lo";
@@ -230,24 +238,24 @@ TEST_F(ApplicationIdentifierSourceTest, AFlowOfABoundSocketIsLeftToTheSystem) {
                      portOf(socket), portOf(listener_));
     // As with a VRF, where the packet is queued again on its way through another interface.
     for (const std::uint32_t interface : {kLoopback, 2U}) {
-      const auto identification = source_->identify(flow, interface);
+      const auto identification = source_->identify(packetOf(flow), interface);
       EXPECT_TRUE(identification.leaveReason);
       EXPECT_EQ(identification.leaveReason, LeaveReason::notCarried);
     }
   }
 }
 
-TEST_F(ApplicationIdentifierSourceTest, ReportsTheUserAndTheProcess) {
+TEST_P(ApplicationIdentifierSourceTest, ReportsTheUserAndTheProcess) {
   start();
   Helper helper;
   ASSERT_EQ(helper.ask("user 65534"), "done");
-  const auto identification = source_->identify(connectFrom(helper), 0);
+  const auto identification = source_->identify(packetOf(connectFrom(helper)), 0);
   EXPECT_EQ(identification.user, 65534U);
   EXPECT_EQ(identification.process, helper.pid());
   EXPECT_EQ(identification.leaveReason, std::nullopt);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AWatchedProxyIsReadyForTheFirstFlow) {
+TEST_P(ApplicationIdentifierSourceTest, AWatchedProxyIsReadyForTheFirstFlow) {
   start();
   EXPECT_FALSE(source_->watchProxy());
   Helper application;
@@ -264,11 +272,11 @@ TEST_F(ApplicationIdentifierSourceTest, AWatchedProxyIsReadyForTheFirstFlow) {
     EXPECT_EQ(news, "the local proxy is " + program + " (process " + std::to_string(proxy.pid()) +
                         ", user root)");
     EXPECT_FALSE(source_->watchProxy());
-    EXPECT_FALSE(source_->identify(flow, 0).leaveReason);
+    EXPECT_FALSE(source_->identify(packetOf(flow), 0).leaveReason);
   }
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AListenerThatIsNotAProxyGetsNoFlows) {
+TEST_P(ApplicationIdentifierSourceTest, AListenerThatIsNotAProxyGetsNoFlows) {
   start();
   Helper server;
   server.makeSocket("proxy", kProxyPort);
@@ -278,7 +286,7 @@ TEST_F(ApplicationIdentifierSourceTest, AListenerThatIsNotAProxyGetsNoFlows) {
   expectNotTrusted(connectFrom(server));
 }
 
-TEST_F(ApplicationIdentifierSourceTest, APersonsProxyGetsOnlyThatPersonsFlows) {
+TEST_P(ApplicationIdentifierSourceTest, APersonsProxyGetsOnlyThatPersonsFlows) {
   start();
   const std::string program = copyHelper(programs_, "application");
   Helper proxy(copyHelper(programs_, "proxy"));
@@ -294,7 +302,7 @@ TEST_F(ApplicationIdentifierSourceTest, APersonsProxyGetsOnlyThatPersonsFlows) {
   EXPECT_EQ(identifierOf(connectFrom(own)), program);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, ANamedUsersProxyGetsEverybodysFlows) {
+TEST_P(ApplicationIdentifierSourceTest, ANamedUsersProxyGetsEverybodysFlows) {
   proxyUsers_ = {54321};
   start();
   Helper proxy(copyHelper(programs_, "proxy"));
@@ -305,7 +313,7 @@ TEST_F(ApplicationIdentifierSourceTest, ANamedUsersProxyGetsEverybodysFlows) {
   EXPECT_TRUE(warnings_.empty());
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAProxyChainAreTheProxy) {
+TEST_P(ApplicationIdentifierSourceTest, AllProgramsOfAProxyChainAreTheProxy) {
   start();
   Helper last(copyHelper(programs_, "last"));
   ASSERT_EQ(last.ask("user 54321"), "done");
@@ -318,10 +326,10 @@ TEST_F(ApplicationIdentifierSourceTest, AllProgramsOfAProxyChainAreTheProxy) {
   Helper other;
   const auto flow = connectFrom(other);
   EXPECT_EQ(identifierOf(flow), OSTRAVEL_HELPER);
-  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
+  EXPECT_FALSE(source_->identify(packetOf(flow), 0).mayBelongToProxy);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWithoutAKnownDialler) {
+TEST_P(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWithoutAKnownDialler) {
   Helper early(copyHelper(programs_, "early"));
   ASSERT_EQ(early.ask("user 54322"), "done");
   const auto flowOfNobody = connectFrom(early);
@@ -335,22 +343,71 @@ TEST_F(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWithoutAKnownDi
   ASSERT_EQ(service.ask("user 13"), "done");
   const auto flow = connectFrom(application);
   // Nobody listens.
-  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
-  EXPECT_FALSE(source_->identify(flow, 0).leaveReason);
+  EXPECT_FALSE(source_->identify(packetOf(flow), 0).mayBelongToProxy);
+  EXPECT_FALSE(source_->identify(packetOf(flow), 0).leaveReason);
 
   Helper proxy(copyHelper(programs_, "proxy"));
   proxy.makeSocket("proxy", kProxyPort);
   ASSERT_EQ(proxy.ask("answer HTTP/1.1 403 Forbidden"), "done");
   EXPECT_EQ(identifierOf(flow), OSTRAVEL_HELPER);
-  EXPECT_FALSE(source_->identify(flow, 0).mayBelongToProxy);
-  EXPECT_TRUE(source_->identify(connectFrom(service), 0).mayBelongToProxy);
-  EXPECT_FALSE(source_->identify(connectFrom(samePerson), 0).mayBelongToProxy);
+  EXPECT_FALSE(source_->identify(packetOf(flow), 0).mayBelongToProxy);
+  EXPECT_TRUE(source_->identify(packetOf(connectFrom(service)), 0).mayBelongToProxy);
+  EXPECT_FALSE(source_->identify(packetOf(connectFrom(samePerson)), 0).mayBelongToProxy);
   // This is certainly the proxy.
-  EXPECT_FALSE(source_->identify(connectFrom(proxy), 0).mayBelongToProxy);
-  EXPECT_TRUE(source_->identify(flowOfNobody, 0).leaveReason);
+  EXPECT_FALSE(source_->identify(packetOf(connectFrom(proxy)), 0).mayBelongToProxy);
+  EXPECT_TRUE(source_->identify(packetOf(flowOfNobody), 0).leaveReason);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
+// Ends the process on the next system call, except those for memory, locks and its exit.
+bool forbidSystemCalls() {
+  constexpr auto allow = [](std::uint32_t number) {
+    return std::array<sock_filter, 2>{{BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
+                                       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)}};
+  };
+  std::vector<sock_filter> filter{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+  for (const std::uint32_t number : {SYS_brk, SYS_mmap, SYS_munmap, SYS_madvise, SYS_futex,
+                                     SYS_sched_yield, SYS_clock_gettime, SYS_exit_group}) {
+    const auto statements = allow(number);
+    filter.insert(filter.end(), statements.begin(), statements.end());
+  }
+  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS));
+  const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST_P(ApplicationIdentifierSourceTest, OnlyAnUnpublishedSenderTakesSystemCalls) {
+  start();
+  const std::string program = copyHelper(programs_, "browser");
+  Helper helper(program);
+  Helper proxy(copyHelper(programs_, "proxy"));
+  for (const bool hasProxy : {false, true}) {
+    if (hasProxy) {
+      proxy.makeSocket("proxy", kProxyPort);
+    }
+    // Afterwards the process and the proxy are known.
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(identifierOf(connectFrom(helper)), program);
+    }
+    const auto packet = packetOf(connectFrom(helper));
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      const bool isRight =
+          forbidSystemCalls() && source_->identify(packet, 0).identifier == program;
+      ::_exit(isRight ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    if (GetParam() == SenderSource::table) {
+      EXPECT_EQ(status, 0);
+    } else {
+      EXPECT_TRUE(WIFSIGNALED(status));
+    }
+  }
+}
+
+TEST_P(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
   start();
   Helper helper;
   const auto flow = flowOverIPv4(TransportProtocol::udp, helper.makeSocket("send", 443), 443);
@@ -358,7 +415,7 @@ TEST_F(ApplicationIdentifierSourceTest, AFlowWithoutASocketHasNoIdentifier) {
   EXPECT_EQ(identifierOf(flow), "");
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AnEndedSenderHasNoIdentifier) {
+TEST_P(ApplicationIdentifierSourceTest, AnEndedSenderHasNoIdentifier) {
   start();
   Helper helper;
   const auto flow = connectFrom(helper);
@@ -366,7 +423,7 @@ TEST_F(ApplicationIdentifierSourceTest, AnEndedSenderHasNoIdentifier) {
   EXPECT_EQ(identifierOf(flow), "");
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AnEndedSenderMayHaveBeenTheProxy) {
+TEST_P(ApplicationIdentifierSourceTest, AnEndedSenderMayHaveBeenTheProxy) {
   start();
   Helper proxy(copyHelper(programs_, "proxy"));
   proxy.makeSocket("proxy", kProxyPort);
@@ -376,10 +433,10 @@ TEST_F(ApplicationIdentifierSourceTest, AnEndedSenderMayHaveBeenTheProxy) {
   const auto flow = connectFrom(helper);
   helper.kill();
   EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
-  EXPECT_TRUE(source_->identify(flow, 0).leaveReason);
+  EXPECT_TRUE(source_->identify(packetOf(flow), 0).leaveReason);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, AnUnknownSenderOfTheProxysUserMayBeTheProxy) {
+TEST_P(ApplicationIdentifierSourceTest, AnUnknownSenderOfTheProxysUserMayBeTheProxy) {
   // Not seen by the tracer, and behind more descriptors than can be scanned in time.
   Helper sameUser;
   Helper otherUser;
@@ -396,11 +453,11 @@ TEST_F(ApplicationIdentifierSourceTest, AnUnknownSenderOfTheProxysUserMayBeThePr
     ASSERT_EQ(crowd.back()->ask("hold 15000"), "done");
     ASSERT_EQ(crowd.back()->ask(std::string("user ") + user), "done");
   }
-  EXPECT_TRUE(source_->identify(flowOfSameUser, 0).leaveReason);
+  EXPECT_TRUE(source_->identify(packetOf(flowOfSameUser), 0).leaveReason);
   EXPECT_EQ(identifierOf(flowOfOtherUser), "");
 }
 
-TEST_F(ApplicationIdentifierSourceTest, FindsAnEarlierConnectorThroughItsDescriptors) {
+TEST_P(ApplicationIdentifierSourceTest, FindsAnEarlierConnectorThroughItsDescriptors) {
   const std::string program = copyHelper(programs_, "early");
   Helper helper(program);
   const auto flow = connectFrom(helper);
@@ -408,7 +465,7 @@ TEST_F(ApplicationIdentifierSourceTest, FindsAnEarlierConnectorThroughItsDescrip
   expectEventually(flow, program);
 }
 
-TEST_F(ApplicationIdentifierSourceTest, FindsProcessesInProcWithoutTheTracer) {
+TEST_P(ApplicationIdentifierSourceTest, FindsProcessesInProcWithoutTheTracer) {
   const std::string program = copyHelper(programs_, "browser");
   Helper helper(program);
   Helper proxy(copyHelper(programs_, "proxy"));
@@ -424,7 +481,7 @@ TEST_F(ApplicationIdentifierSourceTest, FindsProcessesInProcWithoutTheTracer) {
   });
 }
 
-TEST_F(ApplicationIdentifierSourceTest, DistinguishesManyProcesses) {
+TEST_P(ApplicationIdentifierSourceTest, DistinguishesManyProcesses) {
   start();
   for (int i = 0; i < 100; ++i) {
     const std::string program =
@@ -433,6 +490,10 @@ TEST_F(ApplicationIdentifierSourceTest, DistinguishesManyProcesses) {
     EXPECT_EQ(identifierOf(connectFrom(helper)), program);
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Senders, ApplicationIdentifierSourceTest,
+                         ::testing::Values(SenderSource::table, SenderSource::systemCalls),
+                         [](const auto& source) { return ostravel::testing::nameOf(source); });
 
 }  // namespace
 }  // namespace ostravel::linuxplatform

@@ -30,6 +30,7 @@
 #include "Tests/Platform/Linux/Support/HangingFileSystem.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
+#include "Tests/Platform/Linux/Support/SenderSource.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/TemporaryFolder.h"
 
@@ -92,7 +93,7 @@ class DescriptorMessage {
   msghdr message_{};
 };
 
-class BorrowedIdentityTest : public ::testing::Test {
+class BorrowedIdentityTest : public SenderSourceTest {
  protected:
   BorrowedIdentityTest() {
     registrations_.write("a.json", "{\"" + registered_ + "\": \"" + kRegistered + "\"}");
@@ -110,7 +111,7 @@ class BorrowedIdentityTest : public ::testing::Test {
   }
 
   std::string identifierOf(const FlowTuple& flow) {
-    const auto identification = source_->identify(flow, 0);
+    const auto identification = source_->identify(packetOf(flow), 0);
     EXPECT_FALSE(identification.leaveReason) << nameOf(*identification.leaveReason);
     return identification.identifier;
   }
@@ -120,7 +121,7 @@ class BorrowedIdentityTest : public ::testing::Test {
     const auto deadline = std::chrono::steady_clock::now() + 60s;
     std::string last;
     do {
-      last = source_->identify(flow, 0).identifier;
+      last = source_->identify(packetOf(flow), 0).identifier;
     } while (last != identifier && std::chrono::steady_clock::now() < deadline);
     EXPECT_EQ(last, identifier);
   }
@@ -140,7 +141,7 @@ class BorrowedIdentityTest : public ::testing::Test {
   std::optional<ApplicationIdentifierSource> source_;
 };
 
-TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPath) {
+TEST_P(BorrowedIdentityTest, AFileMountedOverARegisteredPath) {
   start();
   Helper asRoot(registered_, [this] { return enterPrivateMounts() && cover(registered_, fake_); });
   EXPECT_EQ(identifierOf(connectFrom(asRoot)), "");
@@ -151,7 +152,7 @@ TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPath) {
   expectRegisteredStillWorks();
 }
 
-TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPathAndExecutedByDescriptor) {
+TEST_P(BorrowedIdentityTest, AFileMountedOverARegisteredPathAndExecutedByDescriptor) {
   start();
   // Opened under that path, and executed in our mount namespace.
   std::array<int, 2> channel{};
@@ -180,14 +181,14 @@ TEST_F(BorrowedIdentityTest, AFileMountedOverARegisteredPathAndExecutedByDescrip
   EXPECT_EQ(::waitpid(opener, nullptr, 0), opener);
 }
 
-TEST_F(BorrowedIdentityTest, AGenuineProgramExecutedByDescriptorIsThatProgram) {
+TEST_P(BorrowedIdentityTest, AGenuineProgramExecutedByDescriptorIsThatProgram) {
   start();
   const FileDescriptor file(::open(registered_.c_str(), O_RDONLY | O_CLOEXEC));
   Helper helper("/proc/self/fd/" + std::to_string(file.get()));
   EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
 }
 
-TEST_F(BorrowedIdentityTest, AProcessInAnotherMountNamespace) {
+TEST_P(BorrowedIdentityTest, AProcessInAnotherMountNamespace) {
   start();
   Helper service(registered_, &enterPrivateMounts);
   EXPECT_EQ(identifierOf(connectFrom(service)), kRegistered);
@@ -203,14 +204,14 @@ TEST_F(BorrowedIdentityTest, AProcessInAnotherMountNamespace) {
   EXPECT_EQ(identifierOf(connectFrom(joined)), "");
 }
 
-TEST_F(BorrowedIdentityTest, ARegisteredProgramRunByAnOrdinaryUser) {
+TEST_P(BorrowedIdentityTest, ARegisteredProgramRunByAnOrdinaryUser) {
   start();
   Helper helper(registered_, &becomeNobody);
   EXPECT_EQ(identifierOf(connectFrom(helper)), registered_);
   expectRegisteredStillWorks();
 }
 
-TEST_F(BorrowedIdentityTest, ALibraryPreloadedIntoARegisteredProgram) {
+TEST_P(BorrowedIdentityTest, ALibraryPreloadedIntoARegisteredProgram) {
   start();
   Helper helper(registered_,
                 [] { return ::setenv("LD_PRELOAD", OSTRAVEL_PRELOAD, 1) == 0 && becomeNobody(); });
@@ -222,16 +223,16 @@ TEST_F(BorrowedIdentityTest, ALibraryPreloadedIntoARegisteredProgram) {
   EXPECT_EQ(identifierOf(flowOverIPv4(TransportProtocol::udp, port, 443)), kRegistered);
 }
 
-TEST_F(BorrowedIdentityTest, AProgramThatAnOrdinaryUserStartsAsRoot) {
+TEST_P(BorrowedIdentityTest, AProgramThatAnOrdinaryUserStartsAsRoot) {
   ASSERT_EQ(::chmod(registered_.c_str(), 04755), 0);
   start();
   Helper helper(registered_, &becomeNobody);
   const auto flow = connectFrom(helper);
-  EXPECT_EQ(source_->identify(flow, 0).user, 0U);
+  EXPECT_EQ(source_->identify(packetOf(flow), 0).user, 0U);
   EXPECT_EQ(identifierOf(flow), registered_);
 }
 
-TEST_F(BorrowedIdentityTest, ASocketThatAnOrdinaryUserHandsToARegisteredProgram) {
+TEST_P(BorrowedIdentityTest, ASocketThatAnOrdinaryUserHandsToARegisteredProgram) {
   start();
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   ASSERT_EQ(::fchown(socket.get(), kNobody, kNobody), 0);
@@ -240,7 +241,7 @@ TEST_F(BorrowedIdentityTest, ASocketThatAnOrdinaryUserHandsToARegisteredProgram)
   EXPECT_EQ(identifierOf(flowOverIPv4(TransportProtocol::udp, portOf(socket), 443)), registered_);
 }
 
-TEST_F(BorrowedIdentityTest, AConnectFollowedByExec) {
+TEST_P(BorrowedIdentityTest, AConnectFollowedByExec) {
   start();
   Helper helper(fake_);
   const auto flow = connectFrom(helper);
@@ -250,7 +251,7 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExec) {
   EXPECT_EQ(identifierOf(flow), "");
 }
 
-TEST_F(BorrowedIdentityTest, AConnectFollowedByExecOfAKnownProcess) {
+TEST_P(BorrowedIdentityTest, AConnectFollowedByExecOfAKnownProcess) {
   start();
   Helper helper(fake_);
   EXPECT_EQ(identifierOf(connectFrom(helper)), fake_);
@@ -259,7 +260,7 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExecOfAKnownProcess) {
   EXPECT_EQ(identifierOf(flow), "");
 }
 
-TEST_F(BorrowedIdentityTest, AConnectFollowedByExecWithAnIdenticalStack) {
+TEST_P(BorrowedIdentityTest, AConnectFollowedByExecWithAnIdenticalStack) {
   // The same length, so that the data above the stack takes the same space.
   const std::string sameLength = copyHelper(programs_, "fakedOne00");
   start();
@@ -274,7 +275,7 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExecWithAnIdenticalStack) {
   EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
 }
 
-TEST_F(BorrowedIdentityTest, AConnectFollowedByExecInAChild) {
+TEST_P(BorrowedIdentityTest, AConnectFollowedByExecInAChild) {
   start();
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   // Connected by a child of this process, which then becomes the registered program.
@@ -285,7 +286,7 @@ TEST_F(BorrowedIdentityTest, AConnectFollowedByExecInAChild) {
   expectRegisteredStillWorks();
 }
 
-TEST_F(BorrowedIdentityTest, ASocketHandedOverByAProcessThatEnds) {
+TEST_P(BorrowedIdentityTest, ASocketHandedOverByAProcessThatEnds) {
   start();
   auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   Helper heir(registered_, [&socket] { return ::dup(socket.get()) >= 0; });
@@ -302,7 +303,7 @@ TEST_F(BorrowedIdentityTest, ASocketHandedOverByAProcessThatEnds) {
   EXPECT_EQ(identifierOf(flow), "");
 }
 
-TEST_F(BorrowedIdentityTest, ADeletedProgram) {
+TEST_P(BorrowedIdentityTest, ADeletedProgram) {
   start();
   Helper helper(registered_);
   EXPECT_EQ(identifierOf(connectFrom(helper)), kRegistered);
@@ -310,7 +311,7 @@ TEST_F(BorrowedIdentityTest, ADeletedProgram) {
   EXPECT_EQ(identifierOf(connectFrom(helper)), "");
 }
 
-TEST_F(BorrowedIdentityTest, AReplacedProgram) {
+TEST_P(BorrowedIdentityTest, AReplacedProgram) {
   start();
   Helper old(registered_);
   Helper unknown(registered_);
@@ -321,7 +322,7 @@ TEST_F(BorrowedIdentityTest, AReplacedProgram) {
   expectRegisteredStillWorks();
 }
 
-TEST_F(BorrowedIdentityTest, ARunningProgramCoveredByAMount) {
+TEST_P(BorrowedIdentityTest, ARunningProgramCoveredByAMount) {
   inPrivateMounts([this] {
     start();
     Helper helper(registered_);
@@ -333,7 +334,7 @@ TEST_F(BorrowedIdentityTest, ARunningProgramCoveredByAMount) {
   });
 }
 
-TEST_F(BorrowedIdentityTest, AScriptIsItsInterpreter) {
+TEST_P(BorrowedIdentityTest, AScriptIsItsInterpreter) {
   const std::string script = programs_.write("script", "#!" + fake_ + "\n");
   ASSERT_EQ(::chmod(script.c_str(), 0755), 0);
   registrations_.write("a.json", "{\"" + script + "\": \"" + kRegistered + "\"}");
@@ -342,7 +343,7 @@ TEST_F(BorrowedIdentityTest, AScriptIsItsInterpreter) {
   EXPECT_EQ(identifierOf(connectFrom(helper)), fake_);
 }
 
-TEST_F(BorrowedIdentityTest, AMemoryFile) {
+TEST_P(BorrowedIdentityTest, AMemoryFile) {
   start();
   for (const char* const name : {"registered", "../registered", "x"}) {
     const FileDescriptor memory(::memfd_create(name, MFD_CLOEXEC));
@@ -362,7 +363,7 @@ pid_t forkAs(pid_t number) {
   return static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
 }
 
-TEST_F(BorrowedIdentityTest, AReusedProcessNumber) {
+TEST_P(BorrowedIdentityTest, AReusedProcessNumber) {
   start();
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   std::optional<Helper> first;
@@ -392,24 +393,24 @@ TEST_F(BorrowedIdentityTest, AReusedProcessNumber) {
   EXPECT_EQ(::waitpid(second, nullptr, 0), second);
 }
 
-TEST_F(BorrowedIdentityTest, BytesThatCouldEndAHeaderLine) {
+TEST_P(BorrowedIdentityTest, BytesThatCouldEndAHeaderLine) {
   const std::string odd = copyHelper(programs_, "a\r\nX-Ostravel-App-Id: b\xff ");
   start();
   Helper helper(odd);
   EXPECT_EQ(identifierOf(connectFrom(helper)), programs_.path("a%0D%0AX-Ostravel-App-Id: b%FF%20"));
 }
 
-TEST_F(BorrowedIdentityTest, WithoutTracedProgramsTheSocketsHolderIsTheSender) {
+TEST_P(BorrowedIdentityTest, WithoutTracedProgramsTheSocketsHolderIsTheSender) {
   start(ConnectTracer::Detail::processes);
   Helper helper(registered_);
   expectEventually(connectFrom(helper), kRegistered);
   Helper ofUser(registered_, &becomeNobody);
   expectEventually(connectFrom(ofUser), registered_);
   Helper covered(registered_, [this] { return enterPrivateMounts() && cover(registered_, fake_); });
-  EXPECT_EQ(source_->identify(connectFrom(covered), 0).identifier, "");
+  EXPECT_EQ(source_->identify(packetOf(connectFrom(covered)), 0).identifier, "");
 }
 
-TEST_F(BorrowedIdentityTest, WithoutTracedProgramsAHandedOverSocketHasNoSender) {
+TEST_P(BorrowedIdentityTest, WithoutTracedProgramsAHandedOverSocketHasNoSender) {
   start(ConnectTracer::Detail::processes);
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   Helper connector(fake_, [&socket] { return ::dup2(socket.get(), 5) == 5; });
@@ -418,11 +419,11 @@ TEST_F(BorrowedIdentityTest, WithoutTracedProgramsAHandedOverSocketHasNoSender) 
   expectEventually(flow, fake_);
   connector.kill();
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(source_->identify(flow, 0).identifier, "");
+    EXPECT_EQ(source_->identify(packetOf(flow), 0).identifier, "");
   }
 }
 
-TEST_F(BorrowedIdentityTest, AHungFileSystemDelaysNobody) {
+TEST_P(BorrowedIdentityTest, AHungFileSystemDelaysNobody) {
   inPrivateMounts([this] {
     const TemporaryFolder folder;
     HangingFileSystem system(folder.path(), OSTRAVEL_HELPER);
@@ -472,7 +473,7 @@ class UnfindableSocket {
   std::array<int, 2> channel_{};
 };
 
-TEST_F(BorrowedIdentityTest, AFloodOfUnfindableSocketsIsLeftToTheSystem) {
+TEST_P(BorrowedIdentityTest, AFloodOfUnfindableSocketsIsLeftToTheSystem) {
   const UnfindableSocket hidden(kNobody);
   Helper early(fake_);
   const auto earlyFlow = connectFrom(early);
@@ -480,7 +481,7 @@ TEST_F(BorrowedIdentityTest, AFloodOfUnfindableSocketsIsLeftToTheSystem) {
   int refused = 0;
   const auto begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 20000; ++i) {
-    const auto identification = source_->identify(hidden.flow(), 0);
+    const auto identification = source_->identify(packetOf(hidden.flow()), 0);
     EXPECT_EQ(identification.identifier, "");
     if (identification.leaveReason) {
       EXPECT_EQ(identification.leaveReason, LeaveReason::searchBudget);
@@ -493,6 +494,10 @@ TEST_F(BorrowedIdentityTest, AFloodOfUnfindableSocketsIsLeftToTheSystem) {
   EXPECT_LT(elapsed, 10s);
   expectEventually(earlyFlow, fake_);
 }
+
+INSTANTIATE_TEST_SUITE_P(Senders, BorrowedIdentityTest,
+                         ::testing::Values(SenderSource::table, SenderSource::systemCalls),
+                         [](const auto& source) { return ostravel::testing::nameOf(source); });
 
 }  // namespace
 }  // namespace ostravel::linuxplatform

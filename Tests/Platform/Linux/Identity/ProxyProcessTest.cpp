@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Platform/Linux/Processes/ConnectPublisher.h"
+#include "Platform/Linux/Processes/ConnectTracer.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/InChildProcess.h"
@@ -242,6 +244,74 @@ TEST_F(ProxyProcessTest, IsUnknownAndWarnsOnceWithoutPermission) {
     ASSERT_EQ(warnings_.size(), 1U);
     EXPECT_NE(warnings_[0].find("8080"), std::string::npos);
   });
+}
+
+class WatchedProxyProcessTest : public ProxyProcessTest {
+ protected:
+  WatchedProxyProcessTest() {
+    tracer_ = *ConnectTracer::start();
+    publisher_ = *ConnectPublisher::start(*tracer_, kPort);
+    proxy_.emplace(
+        *diagnostics_, processes_, kPort,
+        [this](const std::string& warning) { warnings_.push_back(warning); },
+        publisher_->listener());
+  }
+
+  // Afterwards nothing is looked up until something changes.
+  State settle() {
+    refresh();
+    return refresh();
+  }
+
+  std::unique_ptr<ConnectTracer> tracer_;
+  std::unique_ptr<ConnectPublisher> publisher_;
+};
+
+TEST_F(WatchedProxyProcessTest, ARestartIsNoticedAtOnce) {
+  EXPECT_EQ(settle(), State::absent);
+  for (int i = 0; i < 5; ++i) {
+    Helper helper;
+    helper.makeSocket("listen", kPort);
+    ASSERT_EQ(settle(), State::known);
+    EXPECT_TRUE(includes(helper.pid()));
+    helper.kill();
+    EXPECT_EQ(proxy_->refresh(std::nullopt), State::absent);
+  }
+}
+
+TEST_F(WatchedProxyProcessTest, ANewListenerIsNoticedAtOnceEvenIfTheOldOneLives) {
+  Helper first(copyHelper(folder_, "first"));
+  Helper second(copyHelper(folder_, "second"));
+  for (Helper* const next : {&first, &second, &first, &second}) {
+    next->makeSocket("listen", kPort);
+    ASSERT_EQ(settle(), State::known);
+    EXPECT_EQ(proxy_->owner().pid, next->pid());
+    ASSERT_EQ(next->ask("close"), "done");
+  }
+}
+
+TEST_F(WatchedProxyProcessTest, AListenerThatWasClosedIsNoticedByTheNextCheck) {
+  Helper helper;
+  helper.makeSocket("listen", kPort);
+  ASSERT_EQ(settle(), State::known);
+  ASSERT_EQ(helper.ask("close"), "done");
+  EXPECT_EQ(proxy_->recheck(), State::absent);
+  EXPECT_EQ(proxy_->refresh(std::nullopt), State::absent);
+}
+
+TEST_F(WatchedProxyProcessTest, ASocketThatOutlivesItsOwnerIsStillTheProxys) {
+  auto listener = makeSocket(AF_INET, SOCK_STREAM);
+  ASSERT_TRUE(bindTo(listener, AF_INET, loopbackIPv4(kPort)));
+  ASSERT_EQ(::listen(listener.get(), 1), 0);
+  std::optional<Helper> owner;
+  owner.emplace(copyHelper(folder_, "owner"),
+                [&listener] { return ::dup2(listener.get(), 3) == 3; });
+  Helper heir(copyHelper(folder_, "heir"), [&listener] { return ::dup2(listener.get(), 3) == 3; });
+  listener = FileDescriptor();
+  ASSERT_EQ(settle(), State::known);
+  owner.reset();
+  ASSERT_EQ(settle(), State::known);
+  EXPECT_TRUE(includes(heir.pid()));
 }
 
 }  // namespace
