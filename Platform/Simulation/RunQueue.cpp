@@ -30,8 +30,14 @@ class AtEnd {
 
 RunQueue::RunQueue(RunOrder order, SeededRandom random) : order_(order), random_(random) {}
 
+RunQueue::RunQueue(Chooser chooser)
+    : order_(RunOrder::seeded), random_(0, 0), chooser_(std::move(chooser)) {}
+
 std::uint64_t RunQueue::draw(std::uint64_t bound) {
-  return order_ == RunOrder::seeded ? random_.below(bound) : 0;
+  if (order_ == RunOrder::fixed || bound < 2) {
+    return 0;
+  }
+  return chooser_ ? chooser_(bound) : random_.below(bound);
 }
 
 void RunQueue::post(Work work) {
@@ -104,6 +110,15 @@ bool RunQueue::runOne() {
   return true;
 }
 
+bool RunQueue::runAnother() {
+  if (!canRunAnother()) {
+    return false;
+  }
+  ++itemsAtThisMoment_;
+  execute(pick());
+  return true;
+}
+
 void RunQueue::run() {
   while (runOne()) {
   }
@@ -159,11 +174,8 @@ void RunQueue::publish(WorkLane& lane) {
   }
 }
 
-ItemNumber RunQueue::pick() const {
-  if (order_ == RunOrder::fixed) {
-    return runnable_.front();
-  }
-  return runnable_[random_.below(runnable_.size())];
+ItemNumber RunQueue::pick() {
+  return runnable_[draw(runnable_.size())];
 }
 
 void RunQueue::execute(ItemNumber number) {

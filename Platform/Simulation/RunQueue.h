@@ -30,11 +30,15 @@ class RunQueue {
  public:
   using Work = std::function<void()>;
   using AlarmNumber = std::uint64_t;
+  // Decides in the place of a seed: gives a number below bound, which is above one.
+  using Chooser = std::function<std::uint64_t(std::uint64_t bound)>;
 
   // With more items at one moment of virtual time, items submit one another endlessly.
   static constexpr std::size_t kMaximumItemsPerMoment = 2'000'000;
 
   RunQueue(RunOrder order, SeededRandom random);
+  // A seeded order whose numbers the chooser gives, so that a test can go through all of them.
+  explicit RunQueue(Chooser chooser);
   RunQueue(const RunQueue&) = delete;
   RunQueue& operator=(const RunQueue&) = delete;
 
@@ -60,6 +64,10 @@ class RunQueue {
 
   // Runs one item; false when none can run at this moment of virtual time.
   bool runOne();
+  // Called from an item: runs another one inside it, as a second thread would while the first is
+  // preempted; false when none can run. The caller may hold no lock.
+  bool runAnother();
+  bool canRunAnother() const { return !running_.empty() && !runnable_.empty(); }
   // Runs items until none can run; virtual time does not pass. Like the two below it throws
   // std::logic_error when it is called from an item, and when it does not come to an end.
   void run();
@@ -84,14 +92,15 @@ class RunQueue {
 
   void makeRunnable(ItemNumber item);
   void publish(WorkLane& lane);
-  ItemNumber pick() const;
+  ItemNumber pick();
   void execute(ItemNumber number);
   void soundDueAlarms();
   std::optional<std::chrono::nanoseconds> nextAlarm() const;
   void requireOutsideOfItems() const;
 
   const RunOrder order_;
-  mutable SeededRandom random_;
+  SeededRandom random_;
+  const Chooser chooser_;
   std::chrono::nanoseconds now_{0};
   ItemNumber nextItem_ = 1;
   AlarmNumber nextAlarm_ = 1;

@@ -4,9 +4,11 @@ namespace ostravel::simulation {
 
 namespace {
 
-// Neighbouring seeds and streams must not give neighbouring engine states.
+// The golden ratio as a fraction of 2^64: odd, and with no pattern in its bits.
+constexpr std::uint64_t kIncrement = 0x9e3779b97f4a7c15U;
+
+// Neighbouring values must not give neighbouring numbers.
 std::uint64_t mixed(std::uint64_t value) {
-  value += 0x9e3779b97f4a7c15U;
   value = (value ^ (value >> 30U)) * 0xbf58476d1ce4e5b9U;
   value = (value ^ (value >> 27U)) * 0x94d049bb133111ebU;
   return value ^ (value >> 31U);
@@ -15,10 +17,11 @@ std::uint64_t mixed(std::uint64_t value) {
 }  // namespace
 
 SeededRandom::SeededRandom(std::uint64_t seed, std::uint64_t stream)
-    : engine_(mixed(mixed(seed) + stream)) {}
+    : state_(mixed(mixed(seed + kIncrement) + stream + kIncrement)) {}
 
 std::uint64_t SeededRandom::next() {
-  return engine_();
+  state_ += kIncrement;
+  return mixed(state_);
 }
 
 std::uint64_t SeededRandom::below(std::uint64_t bound) {

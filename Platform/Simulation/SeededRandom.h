@@ -1,12 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <random>
 
 namespace ostravel::simulation {
 
 // Random numbers that are the same for the same seed on every system, which the distributions of
-// the standard library are not.
+// the standard library are not. One word of state, so that every flow of a run can have a source of
+// its own.
 class SeededRandom {
  public:
   // Sources of one seed with different streams are independent of one another.
@@ -22,7 +22,7 @@ class SeededRandom {
   bool chance(double probability);
 
  private:
-  std::mt19937_64 engine_;
+  std::uint64_t state_;
 };
 
 }  // namespace ostravel::simulation

@@ -106,7 +106,7 @@ void SimulatedPeer::write(const platform::Data& data, platform::ErrorCompletion 
   if (write_) {
     throw std::logic_error(name_ + ": a second write while one is outstanding");
   }
-  note("write " + bytesNoted(data.size()));
+  noteBytes("write ", data.size());
   const auto bytes = data.bytes();
   writes_.emplace_back(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   write_ = Write{writes_.back(), std::move(completion)};
@@ -114,7 +114,7 @@ void SimulatedPeer::write(const platform::Data& data, platform::ErrorCompletion 
 }
 
 void SimulatedPeer::closeReading(const platform::OptionalError& error) {
-  note(withReason("closeRead", error));
+  note("closeRead", error);
   if (std::exchange(readingClosed_, true)) {
     return;
   }
@@ -126,7 +126,7 @@ void SimulatedPeer::closeReading(const platform::OptionalError& error) {
 }
 
 void SimulatedPeer::closeWriting(const platform::OptionalError& error) {
-  note(withReason("closeWrite", error));
+  note("closeWrite", error);
   if (std::exchange(writingClosed_, true)) {
     return;
   }
@@ -140,7 +140,7 @@ void SimulatedPeer::closeWriting(const platform::OptionalError& error) {
 }
 
 void SimulatedPeer::leaveToSystem(std::string_view call, const platform::Error& error) {
-  note(withReason(call, error));
+  note(call, error);
   readingClosed_ = true;
   writingClosed_ = true;
   leftToSystem_ = true;
@@ -182,13 +182,13 @@ void SimulatedPeer::detachUnclosed() {
 void SimulatedPeer::cancelOutstanding() {
   if (auto read = std::exchange(read_, std::nullopt)) {
     run_.queue.post([self = shared_from_this(), completion = std::move(read->completion)] {
-      self->note(withReason("read failed", operationCancelled()));
+      self->note("read failed", operationCancelled());
       completion(std::nullopt, operationCancelled());
     });
   }
   if (auto write = std::exchange(write_, std::nullopt)) {
     run_.queue.post([self = shared_from_this(), completion = std::move(write->completion)] {
-      self->note(withReason("write failed", operationCancelled()));
+      self->note("write failed", operationCancelled());
       completion(operationCancelled());
     });
   }
@@ -220,14 +220,14 @@ void SimulatedPeer::completeRead() {
     readFailure_ = connectionReset();
   }
   if (readFailure_) {
-    note(withReason("read failed", readFailure_));
+    note("read failed", readFailure_);
     finishRead(std::nullopt, readFailure_);
     return;
   }
   if (hasBytes) {
     carried_ = true;
     auto chunk = takeChunk();
-    note("read " + bytesNoted(chunk.size()));
+    noteBytes("read ", chunk.size());
     finishRead(std::move(chunk), std::nullopt);
     return;
   }
@@ -281,7 +281,7 @@ void SimulatedPeer::completeWrite() {
   }
   const auto write = std::exchange(write_, std::nullopt);
   if (writeFailure_) {
-    note(withReason("write failed", writeFailure_));
+    note("write failed", writeFailure_);
     write->completion(writeFailure_);
     return;
   }
@@ -291,8 +291,16 @@ void SimulatedPeer::completeWrite() {
   write->completion(std::nullopt);
 }
 
-void SimulatedPeer::note(std::string_view what) {
-  run_.journal.add(name_, what);
+void SimulatedPeer::note(std::string_view what, const platform::OptionalError& error) {
+  if (run_.journal.isEnabled()) {
+    run_.journal.add(name_, withReason(what, error));
+  }
+}
+
+void SimulatedPeer::noteBytes(std::string_view what, std::size_t count) {
+  if (run_.journal.isEnabled()) {
+    run_.journal.add(name_, std::string(what) + bytesNoted(count));
+  }
 }
 
 }  // namespace ostravel::simulation

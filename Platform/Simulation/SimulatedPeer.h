@@ -72,10 +72,13 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   bool writeOutstanding() const { return write_.has_value(); }
   std::size_t unreadBytes() const { return inbound_.size() - inboundStart_; }
 
+  // At the end of a run: lets go of the completions that are outstanding, which may be all that
+  // keeps the near end alive, without calling them.
+  void dropCompletions();
+
  private:
   friend class SimulatedTCPConnection;
   friend class SimulatedTCPFlow;
-  friend class Simulation;
 
   struct Read {
     std::size_t minimum;
@@ -120,8 +123,6 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   // A flow went away: what the application makes of it if it was not closed.
   void detachUnclosed();
   void cancelOutstanding();
-  // At the end of the run.
-  void dropCompletions();
 
   bool readCanComplete() const;
   void scheduleRead();
@@ -130,7 +131,9 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   void finishRead(std::optional<platform::Data> data, platform::OptionalError error);
   void scheduleWrite();
   void completeWrite();
-  void note(std::string_view what);
+  // A run without a journal does not even make the lines.
+  void note(std::string_view what, const platform::OptionalError& error = std::nullopt);
+  void noteBytes(std::string_view what, std::size_t count);
 
   RunState& run_;
   const std::string name_;

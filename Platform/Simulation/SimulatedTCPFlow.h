@@ -45,6 +45,9 @@ class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
   const platform::OptionalError& readCloseError() const { return readCloseError_; }
   const platform::OptionalError& writeCloseError() const { return writeCloseError_; }
 
+  // At the end of a run; see SimulatedPeer.
+  void dropCompletions();
+
   // --- The provider's side.
 
   std::string sourceAppSigningIdentifier() const override;
@@ -57,9 +60,6 @@ class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
   void closeWrite(platform::OptionalError error) override;
 
  private:
-  friend class Simulation;
-
-  void dropCompletions();
   void scheduleOpen();
   void completeOpen();
   void requireOpened(const char* operation) const;

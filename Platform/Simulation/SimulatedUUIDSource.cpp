@@ -11,14 +11,21 @@ namespace ostravel::simulation {
 //   XXXXXXXX-XXXX-MXXX-NXXX-XXXXXXXXXXXX
 std::string SimulatedUUIDSource::randomUUID() {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
+  constexpr std::size_t kDigitsPerDraw = 16;
   constexpr std::size_t kVersion = 14;
   constexpr std::size_t kVariant = 19;
   std::string uuid = "00000000-0000-0000-0000-000000000000";
+  std::uint64_t drawn = 0;
+  std::size_t digits = 0;
   for (std::size_t i = 0; i < uuid.size(); ++i) {
     if (uuid[i] == '-') {
       continue;
     }
-    auto digit = random_.below(kDigits.size());
+    if (digits++ % kDigitsPerDraw == 0) {
+      drawn = random_.next();
+    }
+    auto digit = drawn % kDigits.size();
+    drawn /= kDigits.size();
     if (i == kVersion) {
       digit = 4;
     }

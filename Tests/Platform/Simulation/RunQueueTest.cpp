@@ -226,5 +226,53 @@ TEST(SeededRunQueueTest, TimeIsNotDrawn) {
   EXPECT_EQ(happened, (Events{"0", "1", "2", "3", "4", "5", "6", "7", "8", "9"}));
 }
 
+TEST(ChosenRunQueueTest, TheChooserDecidesWhichItemRuns) {
+  std::vector<std::uint64_t> bounds;
+  RunQueue queue([&bounds](std::uint64_t bound) {
+    bounds.push_back(bound);
+    return bound - 1;
+  });
+  Events happened;
+  for (const char* const name : {"a", "b", "c"}) {
+    queue.post([&happened, name] { happened.emplace_back(name); });
+  }
+  queue.run();
+
+  EXPECT_EQ(happened, (Events{"c", "b", "a"}));
+  // Where there is one item there is nothing to choose.
+  EXPECT_EQ(bounds, (std::vector<std::uint64_t>{3, 2}));
+}
+
+TEST_F(RunQueueTest, AnItemMayRunAnotherOneInsideIt) {
+  queue_.post([this] {
+    happened_.emplace_back("first begins");
+    EXPECT_TRUE(queue_.runAnother());
+    happened_.emplace_back("first ends");
+  });
+  queue_.post(noting("second"));
+  queue_.run();
+
+  EXPECT_EQ(happened_, (Events{"first begins", "second", "first ends"}));
+}
+
+TEST_F(RunQueueTest, AnItemOfABusySerialLaneCannotRunInsideAnother) {
+  const auto lane = std::make_shared<WorkLane>("serial", platform::DispatchQueueKind::serial);
+  queue_.post(lane, ItemKind::normal, [this] {
+    EXPECT_FALSE(queue_.runAnother());
+    happened_.emplace_back("first");
+  });
+  queue_.post(lane, ItemKind::normal, noting("second"));
+  queue_.run();
+
+  EXPECT_EQ(happened_, (Events{"first", "second"}));
+}
+
+TEST_F(RunQueueTest, NothingRunsInsideWhenNoItemIsRunning) {
+  queue_.post(noting("a"));
+
+  EXPECT_FALSE(queue_.runAnother());
+  EXPECT_TRUE(happened_.empty());
+}
+
 }  // namespace
 }  // namespace ostravel::simulation
