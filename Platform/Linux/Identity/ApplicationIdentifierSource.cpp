@@ -24,6 +24,7 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
                                                          const std::vector<uid_t>& proxyUsers,
                                                          ConnectTracer::Detail traced)
     : warn_(std::move(warn)), registrations_(registrationsFolder, warn_) {
+  registrations_.warnOfUselessPaths();
   auto diagnostics = SocketDiagnostics::open();
   if (!diagnostics) {
     warn_(diagnostics.error().localizedDescription + "; every flow is left to the system");
@@ -160,8 +161,10 @@ std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
                     : std::chrono::milliseconds::zero();
   nextWatch_ = now + watchPause_;
   if (state != ProxyProcess::State::known || !trust_->holdsFor(std::nullopt)) {
+    servingProxy_.clear();
     return std::nullopt;
   }
+  servingProxy_ = trust_->description();
   return trust_->takeNews();
 }
 

@@ -74,6 +74,13 @@ class ApplicationIdentifierSource {
   // when everybody's flows may be sent to a new proxy.
   std::optional<std::string> watchProxy();
 
+  // The proxy that everybody's flows may be sent to, for people; empty for none. As of the last
+  // call of watchProxy.
+  const std::string& servingProxy() const { return servingProxy_; }
+
+  // How many registrations are in force.
+  std::size_t registrationCount() const { return registrations_.size(); }
+
   // For later identifications, including those of processes that are already known.
   void replaceRegistrations(ApplicationRegistrations registrations);
 
@@ -125,6 +132,7 @@ class ApplicationIdentifierSource {
   std::optional<ProxyTrust> trust_;
   std::chrono::steady_clock::time_point nextWatch_;
   std::chrono::milliseconds watchPause_{};
+  std::string servingProxy_;
   ApplicationRegistrations registrations_;
   KnownProcesses known_;
   // The latest flows of bound sockets.

@@ -16,7 +16,10 @@
 
 #include "Base/FileDescriptor.h"
 #include "Base/JSONHandle.h"
+#include "Base/JSONKeyPlaces.h"
+#include "Base/PrintableText.h"
 #include "Platform/Interface/ProviderError.h"
+#include "Platform/Linux/Identity/RegisteredPaths.h"
 
 namespace ostravel::linuxplatform {
 
@@ -117,6 +120,21 @@ std::optional<std::string> ApplicationRegistrations::identifierOf(
   return isForAll ? std::optional(registration.identifier) : std::nullopt;
 }
 
+void ApplicationRegistrations::warnOfUselessPaths() const {
+  std::vector<std::string> paths;
+  for (const auto& [executable, registration] : registrations_) {
+    paths.push_back(executable);
+  }
+  std::sort(paths.begin(), paths.end());
+  const auto problems = RegisteredPaths::problemsWith(paths);
+  for (std::size_t index = 0; index < paths.size(); ++index) {
+    if (problems[index]) {
+      warn_(registrations_.at(paths[index]).place + ": \"" + printableText(paths[index]) + "\" " +
+            *problems[index]);
+    }
+  }
+}
+
 void ApplicationRegistrations::readFolder() {
   struct Close {
     void operator()(DIR* folder) const { ::closedir(folder); }
@@ -161,14 +179,16 @@ Result<ApplicationRegistrations::Registrations> ApplicationRegistrations::readFi
   if (!json_is_object(document.get())) {
     return invalid(path + ":1:1: registrations must be a JSON object");
   }
+  const JSONKeyPlaces places(*text);
   Registrations registrations;
   const char* executable = nullptr;
   json_t* value = nullptr;
   json_object_foreach(document.get(), executable, value) {
+    const std::string place = path + places.of(executable);
     if (executable[0] != '/') {
-      return invalid(path + ": \"" + executable + "\" is not the absolute path of an executable");
+      return invalid(place + ": \"" + executable + "\" is not the absolute path of an executable");
     }
-    auto registration = parseRegistration(path, executable, value);
+    auto registration = parseRegistration(place, executable, value);
     if (!registration) {
       return std::move(registration).error();
     }
@@ -178,8 +198,8 @@ Result<ApplicationRegistrations::Registrations> ApplicationRegistrations::readFi
 }
 
 Result<ApplicationRegistrations::Registration> ApplicationRegistrations::parseRegistration(
-    const std::string& path, const char* executable, json_t* value) {
-  Registration registration;
+    const std::string& place, const char* executable, json_t* value) {
+  Registration registration{.place = place, .identifier = {}, .users = {}};
   const json_t* identifier = value;
   if (json_is_object(value)) {
     identifier = json_object_get(value, "identifier");
@@ -187,30 +207,30 @@ Result<ApplicationRegistrations::Registration> ApplicationRegistrations::parseRe
     json_t* member = nullptr;
     json_object_foreach(value, name, member) {
       if (std::strcmp(name, "users") == 0) {
-        auto users = parseUsers(path, executable, member);
+        auto users = parseUsers(place, executable, member);
         if (!users) {
           return std::move(users).error();
         }
         registration.users = *std::move(users);
       } else if (std::strcmp(name, "identifier") != 0) {
-        return invalid(path + ": the registration of \"" + executable + "\" has \"" + name +
+        return invalid(place + ": the registration of \"" + executable + "\" has \"" + name +
                        "\", which is neither \"identifier\" nor \"users\"");
       }
     }
   }
   if (json_string_length(identifier) == 0) {
-    return invalid(path + ": the identifier of \"" + executable +
+    return invalid(place + ": the identifier of \"" + executable +
                    "\" must be a text that is not empty");
   }
   registration.identifier.assign(json_string_value(identifier), json_string_length(identifier));
   return registration;
 }
 
-Result<std::vector<uid_t>> ApplicationRegistrations::parseUsers(const std::string& path,
+Result<std::vector<uid_t>> ApplicationRegistrations::parseUsers(const std::string& place,
                                                                 const char* executable,
                                                                 json_t* value) {
   const auto notNames = [&] {
-    return invalid(path + ": the users of \"" + executable + "\" must be a list of names");
+    return invalid(place + ": the users of \"" + executable + "\" must be a list of names");
   };
   if (!json_is_array(value)) {
     return notNames();
@@ -224,7 +244,7 @@ Result<std::vector<uid_t>> ApplicationRegistrations::parseUsers(const std::strin
     }
     const auto user = SystemUsers::numberOf(json_string_value(entry));
     if (!user) {
-      return invalid(path + ": the registration of \"" + executable + "\" names the user \"" +
+      return invalid(place + ": the registration of \"" + executable + "\" names the user \"" +
                      json_string_value(entry) + "\", who does not exist");
     }
     users.push_back(*user);

@@ -37,9 +37,13 @@ class ApplicationRegistrations {
   static constexpr const char* kDefaultFolder = "/etc/ostravel/applications.d";
 
   // Reads the folder; a missing folder counts as empty. warn takes a sentence for people that names
-  // the file and, for text that is not JSON, line and column.
+  // the file and, for what is wrong in it, line and column.
   ApplicationRegistrations(std::string folder, std::function<void(const std::string&)> warn,
                            SystemUsers systemUsers = SystemUsers::read());
+
+  // Warns of registrations that have no effect because no process runs under their path. Asks the
+  // file system, and waits for it briefly.
+  void warnOfUselessPaths() const;
 
   // False if anything was ignored.
   bool isComplete() const { return isComplete_; }
@@ -51,6 +55,8 @@ class ApplicationRegistrations {
 
  private:
   struct Registration {
+    // Of its executable's path: the file, line and column.
+    std::string place;
     std::string identifier;
     // Besides root and system users.
     std::vector<uid_t> users;
@@ -59,9 +65,9 @@ class ApplicationRegistrations {
 
   void readFolder();
   static platform::Result<Registrations> readFile(const std::string& path);
-  static platform::Result<Registration> parseRegistration(const std::string& path,
+  static platform::Result<Registration> parseRegistration(const std::string& place,
                                                           const char* executable, json_t* value);
-  static platform::Result<std::vector<uid_t>> parseUsers(const std::string& path,
+  static platform::Result<std::vector<uid_t>> parseUsers(const std::string& place,
                                                          const char* executable, json_t* value);
   void ignore(const platform::Error& error);
 

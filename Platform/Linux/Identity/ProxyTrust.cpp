@@ -43,6 +43,7 @@ void ProxyTrust::forget() {
   owners_.clear();
   hasWarnedAboutAnswer_ = false;
   hasWarnedAboutOwners_ = false;
+  description_.clear();
   news_.reset();
 }
 
@@ -66,7 +67,8 @@ bool ProxyTrust::hasPassedTrial() {
 
 void ProxyTrust::takeParts(ProxyTrialThread::Result result) {
   owners_ = std::move(result.userNames);
-  news_ = "the local proxy is " + ownerText(owners_[proxy_.uid()]);
+  description_ = ownerText(owners_[proxy_.uid()]);
+  news_ = "the local proxy is " + description_;
   // Without the dialler, part of the proxy is still unknown.
   knowsDialler_ = result.outcome.dialler.has_value();
   for (auto& part : {result.outcome.acceptor, result.outcome.dialler}) {

@@ -47,6 +47,9 @@ class ProxyTrust {
 
   // The following are valid if holdsFor() returned true for the same refresh.
 
+  // The proxy's program, process and user, for people.
+  const std::string& description() const { return description_; }
+
   // True if the process that dials out for the proxy has been found.
   bool knowsDialler() const { return knowsDialler_; }
   // True if a process of this user could dial out for a proxy whose dialler has not been found.
@@ -75,6 +78,7 @@ class ProxyTrust {
   std::map<uid_t, std::string> owners_;
   bool hasWarnedAboutAnswer_ = false;
   bool hasWarnedAboutOwners_ = false;
+  std::string description_;
   std::optional<std::string> news_;
   ProxyTrialThread trial_;
 };

@@ -78,7 +78,7 @@ TEST_F(ApplicationRegistrationsTest, RegistrationsApplyToTheUsersTheyList) {
 TEST_F(ApplicationRegistrationsTest, RejectsAnUnknownUser) {
   folder_.write("bad.json", R"({"/opt/bad": {"identifier": "a", "users": ["no-such-user"]}})");
   expectIgnored(
-      ": the registration of \"/opt/bad\" names the user \"no-such-user\", who does not exist");
+      ":1:2: the registration of \"/opt/bad\" names the user \"no-such-user\", who does not exist");
 }
 
 TEST_F(ApplicationRegistrationsTest, RejectsUsersThatAreNotNames) {
@@ -86,20 +86,20 @@ TEST_F(ApplicationRegistrationsTest, RejectsUsersThatAreNotNames) {
     warnings_.clear();
     folder_.write("bad.json",
                   R"({"/opt/bad": {"identifier": "a", "users": )" + std::string(users) + "}}");
-    expectIgnored(": the users of \"/opt/bad\" must be a list of names");
+    expectIgnored(":1:2: the users of \"/opt/bad\" must be a list of names");
   }
 }
 
 TEST_F(ApplicationRegistrationsTest, RejectsUnknownMembersOfARegistration) {
   folder_.write("bad.json", R"({"/opt/bad": {"identifier": "a", "user": ["nobody"]}})");
   expectIgnored(
-      ": the registration of \"/opt/bad\" has \"user\", which is neither \"identifier\" nor "
+      ":1:2: the registration of \"/opt/bad\" has \"user\", which is neither \"identifier\" nor "
       "\"users\"");
 }
 
 TEST_F(ApplicationRegistrationsTest, RejectsARegistrationWithoutAnIdentifier) {
   folder_.write("bad.json", R"({"/opt/bad": {"users": []}})");
-  expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
+  expectIgnored(":1:2: the identifier of \"/opt/bad\" must be a text that is not empty");
 }
 
 TEST_F(ApplicationRegistrationsTest, TheLaterFileInNameOrderWins) {
@@ -191,17 +191,17 @@ TEST_F(ApplicationRegistrationsTest, RejectsDuplicateNames) {
 
 TEST_F(ApplicationRegistrationsTest, RejectsARelativePath) {
   folder_.write("bad.json", R"({"/opt/bad": "a", "opt/bad": "b"})");
-  expectIgnored(": \"opt/bad\" is not the absolute path of an executable");
+  expectIgnored(":1:19: \"opt/bad\" is not the absolute path of an executable");
 }
 
 TEST_F(ApplicationRegistrationsTest, RejectsAnIdentifierThatIsNotAString) {
   folder_.write("bad.json", R"({"/opt/bad": 5})");
-  expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
+  expectIgnored(":1:2: the identifier of \"/opt/bad\" must be a text that is not empty");
 }
 
 TEST_F(ApplicationRegistrationsTest, RejectsAnEmptyIdentifier) {
   folder_.write("bad.json", R"({"/opt/bad": ""})");
-  expectIgnored(": the identifier of \"/opt/bad\" must be a text that is not empty");
+  expectIgnored(":1:2: the identifier of \"/opt/bad\" must be a text that is not empty");
 }
 
 TEST_F(ApplicationRegistrationsTest, RejectsASpecialFileWithoutBlocking) {
@@ -223,6 +223,30 @@ TEST_F(ApplicationRegistrationsTest, ReportsTheirNumberAndCompleteness) {
   folder_.write("b.json", "oops");
   EXPECT_FALSE(load().isComplete());
   EXPECT_EQ(load().size(), 2U);
+}
+
+TEST_F(ApplicationRegistrationsTest, WarnsOfPathsUnderWhichNothingRuns) {
+  const TemporaryFolder programs;
+  const std::string program = programs.write("program", "");
+  const std::string link = programs.path("link");
+  std::filesystem::create_symlink(program, link);
+  const std::string absent = programs.path("absent");
+  folder_.write("a.json", "{\n  \"" + absent + "\": \"a\",\n  \"" + program + "\": \"b\",\n  \"" +
+                              link + "\": \"c\"\n}");
+  const auto registrations = load();
+  EXPECT_TRUE(warnings_.empty());
+  registrations.warnOfUselessPaths();
+  const std::string file = folder_.path("a.json");
+  EXPECT_EQ(warnings_,
+            (std::vector<std::string>{
+                file + ":2:3: \"" + absent +
+                    "\" does not exist: the registration has no effect until it does",
+                file + ":4:3: \"" + link +
+                    "\" is not the path of the file itself, so the registration has no effect: "
+                    "register \"" +
+                    program + "\""}));
+  EXPECT_TRUE(registrations.isComplete());
+  EXPECT_EQ(registrations.identifierOf(absent, {kRoot}), "a");
 }
 
 TEST_F(ApplicationRegistrationsTest, AnUntrustedFolderIsNotComplete) {
