@@ -34,10 +34,10 @@ constexpr const char* kTable = InterceptionTable::kName;
 constexpr const char* kAliveSet = "alive";
 constexpr const char* kRatesSet = "rates";
 constexpr const char* kOfferChain = "offer";
-constexpr const char* kQueueChain = "queue";
+constexpr const char* kQueueChain = "hold";
 constexpr const char* kRefuseChain = "refuse";
 constexpr const char* kDivertChain = "divert";
-constexpr const char* kRedirectChain = "redirect";
+constexpr const char* kRedirectChain = "deliver";
 
 constexpr std::uint32_t kTableOwnerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than some headers
 
@@ -60,16 +60,34 @@ using TableHandle = std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)>;
 using ChainHandle = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
 using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
 
-void addTable(NetfilterBatch& batch) {
+// Collects the changes that make up the table, for the kernel and in the words of nft(8).
+struct TableChanges {
+  NetfilterBatch batch;
+  std::string script;
+};
+
+// One command of the script: what is added, where, and its definition.
+void say(TableChanges& changes, const std::string& what, const std::string& definition = "") {
+  const auto space = what.find(' ');
+  changes.script += "add " + what.substr(0, space) + " inet " + kTable + what.substr(space) +
+                    (definition.empty() ? "" : " " + definition) + "\n";
+}
+
+void addTable(TableChanges& changes) {
   const TableHandle table(::nftnl_table_alloc(), &::nftnl_table_free);
   ::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, kTable);
   ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_INET);
   ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, kTableOwnerFlag);
-  batch.add("table", NFT_MSG_NEWTABLE, NFPROTO_INET, NLM_F_CREATE | NLM_F_EXCL,
-            [&table](nlmsghdr* header) { ::nftnl_table_nlmsg_build_payload(header, table.get()); });
+  changes.script += std::string("add table inet ") + kTable + " { flags owner; }\n";
+  changes.batch.add(
+      "table", NFT_MSG_NEWTABLE, NFPROTO_INET, NLM_F_CREATE | NLM_F_EXCL,
+      [&table](nlmsghdr* header) { ::nftnl_table_nlmsg_build_payload(header, table.get()); });
 }
 
-void addChain(NetfilterBatch& batch, const char* name, const char* type, std::int32_t priority) {
+void addChain(TableChanges& changes, const char* name, const char* type, std::int32_t priority) {
+  say(changes, std::string("chain ") + name,
+      std::string("{ type ") + type + " hook output priority " + std::to_string(priority) +
+          "; policy accept; }");
   const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
   ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
   ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
@@ -77,20 +95,26 @@ void addChain(NetfilterBatch& batch, const char* name, const char* type, std::in
   ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, NF_INET_LOCAL_OUT);
   ::nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
   ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
-  batch.add(std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
-            [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
+  changes.batch.add(
+      std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
+      [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
 }
 
 // A chain without a hook, reached only by a jump.
-void addChain(NetfilterBatch& batch, const char* name) {
+void addChain(TableChanges& changes, const char* name) {
+  say(changes, std::string("chain ") + name);
   const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
   ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
   ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
-  batch.add(std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
-            [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
+  changes.batch.add(
+      std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
+      [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
 }
 
-void addAliveSet(NetfilterBatch& batch) {
+void addAliveSet(TableChanges& changes) {
+  say(changes, std::string("set ") + kAliveSet,
+      "{ type inet_proto; flags timeout; timeout " +
+          std::to_string(InterceptionTable::kAliveTimeout.count()) + "ms; }");
   constexpr std::uint32_t kSetId = 1;
   const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
@@ -102,15 +126,19 @@ void addAliveSet(NetfilterBatch& batch) {
   ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT);
   ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT,
                       static_cast<std::uint64_t>(InterceptionTable::kAliveTimeout.count()));
-  batch.add("set with time-outs", NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
-            [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
+  changes.batch.add(
+      "set with time-outs", NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
+      [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
 
 // Users expire from it a few seconds after their last packet.
-void addRatesSet(NetfilterBatch& batch) {
+void addRatesSet(TableChanges& changes) {
   constexpr std::uint32_t kSetId = 2;
   constexpr std::uint32_t kUsers = 65'535;
   constexpr std::uint64_t kTimeoutMilliseconds = 5000;
+  say(changes, std::string("set ") + kRatesSet,
+      "{ type uid; flags timeout, dynamic; size " + std::to_string(kUsers) + "; timeout " +
+          std::to_string(kTimeoutMilliseconds) + "ms; }");
   const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kRatesSet);
@@ -121,8 +149,9 @@ void addRatesSet(NetfilterBatch& batch) {
   ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT | NFT_SET_EVAL);
   ::nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, kUsers);
   ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT, kTimeoutMilliseconds);
-  batch.add(kRateSetChange, NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
-            [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
+  changes.batch.add(
+      kRateSetChange, NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
+      [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
 
 // A set without elements, named like the alive set, is enough to delete from and add to that set.
@@ -150,9 +179,12 @@ void removeAliveElements(NetfilterBatch& batch) {
             [&set](nlmsghdr* header) { ::nftnl_set_elems_nlmsg_build_payload(header, set.get()); });
 }
 
-void addRule(NetfilterBatch& batch, std::string change, const NetfilterRule& rule) {
-  batch.add(std::move(change), NFT_MSG_NEWRULE, NFPROTO_INET, NLM_F_CREATE | NLM_F_APPEND,
-            [&rule](nlmsghdr* header) { ::nftnl_rule_nlmsg_build_payload(header, rule.get()); });
+void addRule(TableChanges& changes, std::string change, const NetfilterRule& rule) {
+  say(changes, std::string("rule ") + ::nftnl_rule_get_str(rule.get(), NFTNL_RULE_CHAIN),
+      rule.text());
+  changes.batch.add(
+      std::move(change), NFT_MSG_NEWRULE, NFPROTO_INET, NLM_F_CREATE | NLM_F_APPEND,
+      [&rule](nlmsghdr* header) { ::nftnl_rule_nlmsg_build_payload(header, rule.get()); });
 }
 
 struct TranslatedRule {
@@ -226,16 +258,16 @@ Result<Selection> translate(const TransparentProxyNetworkSettings& settings) {
 }
 
 // Most packets do not start a flow; test for those first.
-void addRulesForLaterPackets(NetfilterBatch& batch, const char* chain) {
-  addRule(batch, "tcp rule", NetfilterRule(kTable, chain).notFirstOfTCP().accept());
+void addRulesForLaterPackets(TableChanges& changes, const char* chain) {
+  addRule(changes, "tcp rule", NetfilterRule(kTable, chain).notFirstOfTCP().accept());
   addRule(
-      batch, "conntrack rule",
+      changes, "conntrack rule",
       NetfilterRule(kTable, chain).protocol(TransportProtocol::udp).notNewConnection().accept());
 }
 
 // A relay is not bound to an interface, so it cannot reach link-local destinations, and nobody
 // connects to a multicast group.
-void addRulesForDestinationsWithoutRoute(NetfilterBatch& batch, const char* chain) {
+void addRulesForDestinationsWithoutRoute(TableChanges& changes, const char* chain) {
   struct Network {
     SocketEndpoint address;
     unsigned prefix;
@@ -248,7 +280,7 @@ void addRulesForDestinationsWithoutRoute(NetfilterBatch& batch, const char* chai
       {{AddressFamily::ipv6, {0xff}, 0}, 8},                 // multicast (RFC 4291)
   }};
   for (const Network& network : kNetworks) {
-    addRule(batch, "rule",
+    addRule(changes, "rule",
             NetfilterRule(kTable, chain).destination(network.address, network.prefix).accept());
   }
 }
@@ -256,47 +288,48 @@ void addRulesForDestinationsWithoutRoute(NetfilterBatch& batch, const char* chai
 // Matches first packets of the flows that the settings select; all others leave the chain.
 // finish(NetfilterRule, protocol) completes the rule for the packets that match.
 template <typename Finish>
-void addSelection(NetfilterBatch& batch, const char* chain, const std::string& change,
+void addSelection(TableChanges& changes, const char* chain, const std::string& change,
                   const Selection& selection, Finish finish) {
-  addRulesForDestinationsWithoutRoute(batch, chain);
+  addRulesForDestinationsWithoutRoute(changes, chain);
   for (const TranslatedRule& excluded : selection.excluded) {
-    addRule(batch, "rule", matchingRule(chain, excluded).accept());
+    addRule(changes, "rule", matchingRule(chain, excluded).accept());
   }
   for (const TranslatedRule& included : selection.included) {
     NetfilterRule rule = matchingRule(chain, included);
     finish(rule, included.protocol);
-    addRule(batch, change, rule);
+    addRule(changes, change, rule);
   }
 }
 
-void addOfferRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks) {
-  addRulesForLaterPackets(batch, kOfferChain);
+void addOfferRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks) {
+  addRulesForLaterPackets(changes, kOfferChain);
   // Our own packets, and those of programs that use our mark bits for something else.
-  addRule(batch, "mark rule",
+  addRule(changes, "mark rule",
           NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
-  addRule(batch, "set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
+  addRule(changes, "set rule",
+          NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
   // A retransmitted SYN, which already had its verdict. After a reply, which then belongs to an
   // earlier connection with the same addresses and ports, a SYN starts a new connection.
-  addRule(batch, "conntrack rule",
+  addRule(changes, "conntrack rule",
           NetfilterRule(kTable, kOfferChain)
               .protocol(TransportProtocol::tcp)
               .trackedWithoutReply()
               .accept());
-  addSelection(batch, kOfferChain, "jump rule", selection,
+  addSelection(changes, kOfferChain, "jump rule", selection,
                [](NetfilterRule& rule, TransportProtocol /*protocol*/) { rule.jump(kQueueChain); });
 }
 
-void addRateRule(NetfilterBatch& batch, std::uint32_t perSecond) {
+void addRateRule(TableChanges& changes, std::uint32_t perSecond) {
   addRule(
-      batch, kRateRuleChange,
+      changes, kRateRuleChange,
       NetfilterRule(kTable, kQueueChain).userExceedsRate(kRatesSet, perSecond, perSecond).accept());
 }
 
-void addRefuseRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks) {
-  addRule(batch, "mark rule",
+void addRefuseRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks) {
+  addRule(changes, "mark rule",
           NetfilterRule(kTable, kRefuseChain).markOtherThan(marks.mask(), marks.refuse()).accept());
-  addRulesForLaterPackets(batch, kRefuseChain);
-  addSelection(batch, kRefuseChain, "reject rule", selection,
+  addRulesForLaterPackets(changes, kRefuseChain);
+  addSelection(changes, kRefuseChain, "reject rule", selection,
                [](NetfilterRule& rule, TransportProtocol protocol) {
                  if (protocol == TransportProtocol::tcp) {
                    rule.rejectWithReset();
@@ -306,17 +339,17 @@ void addRefuseRules(NetfilterBatch& batch, const Selection& selection, const Pac
                });
 }
 
-void addDivertRules(NetfilterBatch& batch, const Selection& selection, const PacketMarks& marks,
+void addDivertRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks,
                     const std::vector<InterceptionTable::ListenerPorts>& listeners) {
-  addRule(batch, "mark rule", NetfilterRule(kTable, kDivertChain).mark(marks.mask(), 0).accept());
-  addRulesForLaterPackets(batch, kDivertChain);
+  addRule(changes, "mark rule", NetfilterRule(kTable, kDivertChain).mark(marks.mask(), 0).accept());
+  addRulesForLaterPackets(changes, kDivertChain);
   addSelection(
-      batch, kDivertChain, "jump rule", selection,
+      changes, kDivertChain, "jump rule", selection,
       [](NetfilterRule& rule, TransportProtocol /*protocol*/) { rule.jump(kRedirectChain); });
-  const auto addRedirect = [&batch, &marks](unsigned loop, AddressFamily family,
-                                            std::uint16_t port) {
+  const auto addRedirect = [&changes, &marks](unsigned loop, AddressFamily family,
+                                              std::uint16_t port) {
     if (port != 0) {
-      addRule(batch, "redirect rule",
+      addRule(changes, "redirect rule",
               NetfilterRule(kTable, kRedirectChain)
                   .mark(marks.mask(), marks.redirect(loop))
                   .family(family)
@@ -340,8 +373,13 @@ Error explain(const NetfilterBatch::Failure& failure) {
     return error(
         "the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
   }
-  if (failure.change == "table" &&
-      (failure.error == EEXIST || failure.error == EPERM || failure.error == EBUSY)) {
+  if (failure.change == "table" && failure.error == EEXIST) {
+    return error(
+        "there is already an nftables table inet ostravel, which another program has made: if it "
+        "is not needed, delete it with: nft delete table inet ostravel");
+  }
+  // The kernel lets nobody else touch a table that has an owner.
+  if (failure.change == "table" && (failure.error == EPERM || failure.error == EBUSY)) {
     return error(
         "another instance is running in this network namespace (it owns the nftables table inet "
         "ostravel): stop it first");
@@ -359,58 +397,111 @@ Error explain(const NetfilterBatch::Failure& failure) {
                "nft_reject_inet, or use a kernel that has them");
 }
 
+// Everything that the table depends on. Used only during the call that received it.
+struct Plan {
+  const TransparentProxyNetworkSettings& settings;
+  const PacketMarks& marks;
+  std::uint16_t queueNumber;
+  const std::vector<InterceptionTable::ListenerPorts>& listeners;
+  std::uint32_t packetsPerSecond;
+};
+
+// What some kernels lack.
+struct KernelFeatures {
+  bool hasQueueExpression = true;
+  bool canLimitRates = true;
+};
+
+TableChanges makeChanges(const Plan& plan, const Selection& selection,
+                         const KernelFeatures& features) {
+  TableChanges changes;
+  addTable(changes);
+  addAliveSet(changes);
+  addChain(changes, kQueueChain);
+  if (features.canLimitRates) {
+    addRatesSet(changes);
+    addRateRule(changes, plan.packetsPerSecond);
+  }
+  addRule(changes, kQueueRuleChange,
+          NetfilterRule(kTable, kQueueChain)
+              .queue(plan.queueNumber, features.hasQueueExpression
+                                           ? NetfilterRule::QueueStatement::native
+                                           : NetfilterRule::QueueStatement::compatibilityTarget));
+  addChain(changes, kOfferChain, "filter", kOfferPriority);
+  addChain(changes, kRefuseChain, "filter", kRefusePriority);
+  addChain(changes, kDivertChain, "nat", kDivertPriority);
+  addChain(changes, kRedirectChain);
+  addOfferRules(changes, selection, plan.marks);
+  addRefuseRules(changes, selection, plan.marks);
+  addDivertRules(changes, selection, plan.marks, plan.listeners);
+  addAliveElements(changes.batch);
+  return changes;
+}
+
+// Finds the features of the kernel with which apply(batch) succeeds.
+template <typename Apply>
+OptionalError applyToKernel(const Plan& plan, Apply apply) {
+  const auto selection = translate(plan.settings);
+  if (!selection) {
+    return selection.error();
+  }
+  KernelFeatures features;
+  while (true) {
+    TableChanges changes = makeChanges(plan, *selection, features);
+    const std::optional<NetfilterBatch::Failure> failure = apply(changes.batch);
+    if (!failure) {
+      return std::nullopt;
+    }
+    if (failure->change == kQueueRuleChange && features.hasQueueExpression) {
+      features.hasQueueExpression = false;
+    } else if ((failure->change == kRateSetChange || failure->change == kRateRuleChange) &&
+               features.canLimitRates) {
+      features.canLimitRates = false;
+    } else {
+      return explain(*failure);
+    }
+  }
+}
+
 }  // namespace
 
 Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
     const TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
     std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners,
     std::uint32_t packetsPerSecond) {
-  const auto selection = translate(settings);
-  if (!selection) {
-    return selection.error();
-  }
   auto socket = openNetfilterSocket();
   if (!socket) {
     return explain({"", errno});
   }
-  // Some kernels lack the queue expression.
-  bool hasQueueExpression = true;
-  bool canLimitRates = true;
-  while (true) {
-    NetfilterBatch batch;
-    addTable(batch);
-    addAliveSet(batch);
-    addChain(batch, kQueueChain);
-    if (canLimitRates) {
-      addRatesSet(batch);
-      addRateRule(batch, packetsPerSecond);
-    }
-    addRule(batch, kQueueRuleChange,
-            NetfilterRule(kTable, kQueueChain)
-                .queue(queueNumber, hasQueueExpression
-                                        ? NetfilterRule::QueueStatement::native
-                                        : NetfilterRule::QueueStatement::compatibilityTarget));
-    addChain(batch, kOfferChain, "filter", kOfferPriority);
-    addChain(batch, kRefuseChain, "filter", kRefusePriority);
-    addChain(batch, kDivertChain, "nat", kDivertPriority);
-    addChain(batch, kRedirectChain);
-    addOfferRules(batch, *selection, marks);
-    addRefuseRules(batch, *selection, marks);
-    addDivertRules(batch, *selection, marks, listeners);
-    addAliveElements(batch);
-    const auto failure = batch.commit(socket.get());
-    if (!failure) {
-      return std::unique_ptr<InterceptionTable>(new InterceptionTable(std::move(socket)));
-    }
-    if (failure->change == kQueueRuleChange && hasQueueExpression) {
-      hasQueueExpression = false;
-    } else if ((failure->change == kRateSetChange || failure->change == kRateRuleChange) &&
-               canLimitRates) {
-      canLimitRates = false;
-    } else {
-      return explain(*failure);
-    }
+  auto error =
+      applyToKernel({settings, marks, queueNumber, listeners, packetsPerSecond},
+                    [&socket](NetfilterBatch& batch) { return batch.commit(socket.get()); });
+  if (error) {
+    return *std::move(error);
   }
+  return std::unique_ptr<InterceptionTable>(new InterceptionTable(std::move(socket)));
+}
+
+OptionalError InterceptionTable::examine(const TransparentProxyNetworkSettings& settings,
+                                         const PacketMarks& marks, std::uint16_t queueNumber,
+                                         const std::vector<ListenerPorts>& listeners) {
+  const auto socket = openNetfilterSocket();
+  if (!socket) {
+    return explain({"", errno});
+  }
+  return applyToKernel({settings, marks, queueNumber, listeners, kPacketsPerSecond},
+                       [&socket](NetfilterBatch& batch) { return batch.examine(socket.get()); });
+}
+
+Result<std::string> InterceptionTable::script(const TransparentProxyNetworkSettings& settings,
+                                              const PacketMarks& marks, std::uint16_t queueNumber,
+                                              const std::vector<ListenerPorts>& listeners) {
+  const auto selection = translate(settings);
+  if (!selection) {
+    return selection.error();
+  }
+  return makeChanges({settings, marks, queueNumber, listeners, kPacketsPerSecond}, *selection, {})
+      .script;
 }
 
 OptionalError InterceptionTable::refreshAlive() {

@@ -25,12 +25,12 @@ namespace ostravel::linuxplatform {
 //     set rates      users, with the rate of their queued packets
 //     chain offer    output, before all filter chains: first packets that the settings select
 //                    jump to the next chain
-//     chain queue    queues packets; they pass when nobody reads the queue or their user
+//     chain hold     queues packets; they pass when nobody reads the queue or their user
 //                    exceeds kPacketsPerSecond
 //     chain refuse   output, directly after offer: packets marked as refused get a reset or port
 //                    unreachable
 //     chain divert   nat output: SYNs that carry one of our marks jump to the next chain
-//     chain redirect sends packets marked for event loop i to that loop's listener
+//     chain deliver  sends packets marked for event loop i to that loop's listener
 //
 // Every chain acts only on first packets that the settings select, so a mark that another program
 // sets for its own purposes has no effect on other packets. Never offered: packets that already
@@ -60,6 +60,16 @@ class InterceptionTable {
       const platform::TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
       std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners,
       std::uint32_t packetsPerSecond = kPacketsPerSecond);
+
+  // Whether the kernel would install such a table; it changes nothing. Errors as above.
+  static platform::OptionalError examine(const platform::TransparentProxyNetworkSettings& settings,
+                                         const PacketMarks& marks, std::uint16_t queueNumber,
+                                         const std::vector<ListenerPorts>& listeners);
+
+  // Such a table as a script for nft(8), one command a line. Needs no permission.
+  static platform::Result<std::string> script(
+      const platform::TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
+      std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners);
 
   // Packets are offered for another kAliveTimeout.
   platform::OptionalError refreshAlive();

@@ -61,8 +61,17 @@ void NetfilterBatch::add(std::string change, std::uint16_t type, std::uint16_t f
 }
 
 std::optional<NetfilterBatch::Failure> NetfilterBatch::commit(mnl_socket* socket) {
-  const std::uint32_t first = pending_.begin()->first;
   used_ += ::nftnl_batch_end(end(), nextSequence_)->nlmsg_len;
+  return send(socket);
+}
+
+// A batch without an end is undone when the kernel has examined all of it.
+std::optional<NetfilterBatch::Failure> NetfilterBatch::examine(mnl_socket* socket) {
+  return send(socket);
+}
+
+std::optional<NetfilterBatch::Failure> NetfilterBatch::send(mnl_socket* socket) {
+  const std::uint32_t first = pending_.begin()->first;
   if (::mnl_socket_sendto(socket, buffer_.data(), used_) < 0) {
     return Failure{"", errno};
   }

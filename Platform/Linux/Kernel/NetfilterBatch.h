@@ -41,7 +41,11 @@ class NetfilterBatch {
   // Sends the batch and waits for the kernel's answer to every change. Called once per batch.
   std::optional<Failure> commit(mnl_socket* socket);
 
+  // The same, but the kernel only examines the changes and makes none. Called instead of commit.
+  std::optional<Failure> examine(mnl_socket* socket);
+
  private:
+  std::optional<Failure> send(mnl_socket* socket);
   char* end() { return buffer_.data() + used_; }
 
   std::vector<char> buffer_;

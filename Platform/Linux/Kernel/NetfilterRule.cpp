@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstdlib>
 #include <new>
 
@@ -39,6 +40,12 @@ constexpr std::uint32_t destinationOffset(AddressFamily family) {
   return family == AddressFamily::ipv4 ? kIPv4DestinationOffset : kIPv6DestinationOffset;
 }
 
+std::string hexadecimal(std::uint32_t value) {
+  std::array<char, 8> digits{};
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value, 16).ptr;
+  return "0x" + std::string(digits.data(), end);
+}
+
 template <typename Value>
 std::span<const std::byte> bytesOf(const Value& value) {
   return std::as_bytes(std::span(&value, 1));
@@ -65,6 +72,11 @@ NetfilterRule::NetfilterRule(const char* table, const char* chain) : rule_(::nft
   ::nftnl_rule_set_str(get(), NFTNL_RULE_TABLE, table);
   ::nftnl_rule_set_str(get(), NFTNL_RULE_CHAIN, chain);
   ::nftnl_rule_set_u32(get(), NFTNL_RULE_FAMILY, NFPROTO_INET);
+}
+
+NetfilterRule& NetfilterRule::say(const std::string& statement) {
+  text_ += text_.empty() ? statement : " " + statement;
+  return *this;
 }
 
 void NetfilterRule::loadMeta(std::uint32_t key) {
@@ -127,36 +139,44 @@ void NetfilterRule::loadMaskedMark(std::uint32_t mask) {
 NetfilterRule& NetfilterRule::mark(std::uint32_t mask, std::uint32_t value) {
   loadMaskedMark(mask);
   compare(NFT_CMP_EQ, bytesOf(value));
-  return *this;
+  return say("meta mark & " + hexadecimal(mask) + " == " + hexadecimal(value));
 }
 
 NetfilterRule& NetfilterRule::markOtherThan(std::uint32_t mask, std::uint32_t value) {
   loadMaskedMark(mask);
   compare(NFT_CMP_NEQ, bytesOf(value));
-  return *this;
+  return say("meta mark & " + hexadecimal(mask) + " != " + hexadecimal(value));
 }
 
-NetfilterRule& NetfilterRule::protocol(TransportProtocol protocol) {
+void NetfilterRule::testProtocol(TransportProtocol protocol) {
   const std::uint8_t number = protocol == TransportProtocol::tcp ? IPPROTO_TCP : IPPROTO_UDP;
   loadMeta(NFT_META_L4PROTO);
   compare(NFT_CMP_EQ, bytesOf(number));
-  return *this;
 }
 
-NetfilterRule& NetfilterRule::family(AddressFamily family) {
+NetfilterRule& NetfilterRule::protocol(TransportProtocol protocol) {
+  testProtocol(protocol);
+  return say(protocol == TransportProtocol::tcp ? "meta l4proto tcp" : "meta l4proto udp");
+}
+
+void NetfilterRule::testFamily(AddressFamily family) {
   const std::uint8_t number = family == AddressFamily::ipv4 ? NFPROTO_IPV4 : NFPROTO_IPV6;
   loadMeta(NFT_META_NFPROTO);
   compare(NFT_CMP_EQ, bytesOf(number));
-  return *this;
+}
+
+NetfilterRule& NetfilterRule::family(AddressFamily family) {
+  testFamily(family);
+  return say(family == AddressFamily::ipv4 ? "meta nfproto ipv4" : "meta nfproto ipv6");
 }
 
 NetfilterRule& NetfilterRule::notFirstOfTCP() {
   constexpr std::uint8_t kFlagsOfInterest = kFin | kSyn | kRst | kAck;
-  protocol(TransportProtocol::tcp);
+  testProtocol(TransportProtocol::tcp);
   loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kTCPFlagsOffset, 1);
   mask(bytesOf(kFlagsOfInterest));
   compare(NFT_CMP_NEQ, bytesOf(kSyn));
-  return *this;
+  return say("tcp flags & (fin | syn | rst | ack) != syn");
 }
 
 NetfilterRule& NetfilterRule::notNewConnection() {
@@ -165,7 +185,7 @@ NetfilterRule& NetfilterRule::notNewConnection() {
   loadConntrack(NFT_CT_STATE);
   mask(bytesOf(kNew));
   compare(NFT_CMP_EQ, bytesOf(kNone));
-  return *this;
+  return say("ct state != new");
 }
 
 NetfilterRule& NetfilterRule::trackedWithoutReply() {
@@ -174,7 +194,7 @@ NetfilterRule& NetfilterRule::trackedWithoutReply() {
   loadConntrack(NFT_CT_STATUS);
   mask(bytesOf(kOfInterest));
   compare(NFT_CMP_EQ, bytesOf(kConfirmed));
-  return *this;
+  return say("ct status & (confirmed | seen-reply) == confirmed");
 }
 
 NetfilterRule& NetfilterRule::protocolNotIn(const char* set) {
@@ -184,7 +204,7 @@ NetfilterRule& NetfilterRule::protocolNotIn(const char* set) {
   ::nftnl_expr_set_str(expression, NFTNL_EXPR_LOOKUP_SET, set);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_LOOKUP_FLAGS, NFT_LOOKUP_F_INV);
   ::nftnl_rule_add_expr(get(), expression);
-  return *this;
+  return say("meta l4proto != @" + std::string(set));
 }
 
 NetfilterRule& NetfilterRule::destination(const SocketEndpoint& network, unsigned prefix) {
@@ -197,24 +217,27 @@ NetfilterRule& NetfilterRule::destination(const SocketEndpoint& network, unsigne
   for (std::size_t index = 0; index < size; ++index) {
     masked[index] = static_cast<std::byte>(network.address[index]) & prefixMask[index];
   }
-  family(network.family);
+  testFamily(network.family);
   loadPayload(NFT_PAYLOAD_NETWORK_HEADER, destinationOffset(network.family),
               static_cast<std::uint32_t>(size));
   mask(std::span(prefixMask).first(size));
   compare(NFT_CMP_EQ, std::span(masked).first(size));
-  return *this;
+  return say((network.family == AddressFamily::ipv4 ? "ip daddr " : "ip6 daddr ") +
+             network.addressText() + "/" + std::to_string(prefix));
 }
 
 NetfilterRule& NetfilterRule::destinationNotLoopback(AddressFamily destinationFamily) {
-  family(destinationFamily);
+  testFamily(destinationFamily);
   if (destinationFamily == AddressFamily::ipv4) {
     // 127.0.0.0/8 (RFC 1122, section 3.2.1.3)
     constexpr std::uint8_t kLoopbackNetwork = 127;
     loadPayload(NFT_PAYLOAD_NETWORK_HEADER, kIPv4DestinationOffset, 1);
     compare(NFT_CMP_NEQ, bytesOf(kLoopbackNetwork));
+    say("ip daddr != 127.0.0.0/8");
   } else {
     loadPayload(NFT_PAYLOAD_NETWORK_HEADER, kIPv6DestinationOffset, sizeof in6addr_loopback);
     compare(NFT_CMP_NEQ, bytesOf(in6addr_loopback));
+    say("ip6 daddr != ::1");
   }
   return *this;
 }
@@ -223,7 +246,7 @@ NetfilterRule& NetfilterRule::destinationPort(std::uint16_t port) {
   const std::uint16_t inNetworkOrder = htons(port);
   loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kDestinationPortOffset, sizeof inNetworkOrder);
   compare(NFT_CMP_EQ, bytesOf(inNetworkOrder));
-  return *this;
+  return say("th dport " + std::to_string(port));
 }
 
 NetfilterRule& NetfilterRule::userExceedsRate(const char* set, std::uint32_t perSecond,
@@ -242,7 +265,8 @@ NetfilterRule& NetfilterRule::userExceedsRate(const char* set, std::uint32_t per
   ::nftnl_expr_set_str(expression, NFTNL_EXPR_DYNSET_SET_NAME, set);
   ::nftnl_expr_add_expr(expression, NFTNL_EXPR_DYNSET_EXPRESSIONS, limit);
   ::nftnl_rule_add_expr(get(), expression);
-  return *this;
+  return say("update @" + std::string(set) + " { meta skuid limit rate over " +
+             std::to_string(perSecond) + "/second burst " + std::to_string(burst) + " packets }");
 }
 
 NetfilterRule& NetfilterRule::accept() {
@@ -250,7 +274,7 @@ NetfilterRule& NetfilterRule::accept() {
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_VERDICT, NF_ACCEPT);
   ::nftnl_rule_add_expr(get(), expression);
-  return *this;
+  return say("accept");
 }
 
 NetfilterRule& NetfilterRule::jump(const char* chain) {
@@ -259,10 +283,11 @@ NetfilterRule& NetfilterRule::jump(const char* chain) {
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(NFT_JUMP));
   ::nftnl_expr_set_str(expression, NFTNL_EXPR_IMM_CHAIN, chain);
   ::nftnl_rule_add_expr(get(), expression);
-  return *this;
+  return say("jump " + std::string(chain));
 }
 
 NetfilterRule& NetfilterRule::queue(std::uint16_t number, QueueStatement statement) {
+  say("queue flags bypass to " + std::to_string(number));
   if (statement == QueueStatement::native) {
     nftnl_expr* const expression = makeExpression("queue");
     ::nftnl_expr_set_u16(expression, NFTNL_EXPR_QUEUE_NUM, number);
@@ -297,7 +322,7 @@ NetfilterRule& NetfilterRule::rejectWithReset() {
   nftnl_expr* const expression = makeExpression("reject");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_TCP_RST);
   ::nftnl_rule_add_expr(get(), expression);
-  return *this;
+  return say("reject with tcp reset");
 }
 
 NetfilterRule& NetfilterRule::rejectWithPortUnreachable() {
@@ -305,7 +330,7 @@ NetfilterRule& NetfilterRule::rejectWithPortUnreachable() {
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_REJECT_TYPE, NFT_REJECT_ICMPX_UNREACH);
   ::nftnl_expr_set_u8(expression, NFTNL_EXPR_REJECT_CODE, NFT_REJECT_ICMPX_PORT_UNREACH);
   ::nftnl_rule_add_expr(get(), expression);
-  return *this;
+  return say("reject with icmpx port-unreachable");
 }
 
 NetfilterRule& NetfilterRule::redirect(std::uint16_t port) {
@@ -315,7 +340,7 @@ NetfilterRule& NetfilterRule::redirect(std::uint16_t port) {
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_REDIR_REG_PROTO_MIN, kRegister);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_REDIR_FLAGS, NF_NAT_RANGE_PROTO_SPECIFIED);
   ::nftnl_rule_add_expr(get(), expression);
-  return *this;
+  return say("redirect to :" + std::to_string(port));
 }
 
 }  // namespace ostravel::linuxplatform

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 
 #include "Platform/Interface/NetworkSettings.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
@@ -66,17 +67,24 @@ class NetfilterRule {
   NetfilterRule& redirect(std::uint16_t port);
 
   nftnl_rule* get() const { return rule_.get(); }
+  // The tests and the action in the words of nft(8).
+  const std::string& text() const { return text_; }
 
  private:
+  // Appends a statement to the text.
+  NetfilterRule& say(const std::string& statement);
   void loadMeta(std::uint32_t key);
   void loadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t length);
   void mask(std::span<const std::byte> mask);
   void loadConntrack(std::uint32_t key);
   void loadMaskedMark(std::uint32_t mask);
+  void testProtocol(TransportProtocol protocol);
+  void testFamily(AddressFamily family);
   void compare(std::uint32_t operation, std::span<const std::byte> value);
   void immediate(std::span<const std::byte> value);
 
   std::unique_ptr<nftnl_rule, NetfilterRuleRelease> rule_;
+  std::string text_;
 };
 
 }  // namespace ostravel::linuxplatform
