@@ -18,6 +18,7 @@
 #include "Companion/Monitor/EventSocket.h"
 #include "Companion/Shared/CommandLine.h"
 #include "Companion/Shared/QueuedOutput.h"
+#include "Companion/Shared/ServiceNotifier.h"
 
 namespace {
 
@@ -102,7 +103,10 @@ int main(int argc, char** argv) {
       complaints.writeLine("ostravel-monitor: there is no group " + ostravel::printableText(group) +
                            ", so its members cannot connect");
     }
+    ServiceNotifier service(ioContext);
+    service.ready("Listening on " + path);
     ioContext.run();
+    service.stopping();
   } catch (const std::exception& error) {
     return failUsage(app, "cannot listen on " + path + ": " + error.what());
   }

@@ -13,6 +13,7 @@
 #include "Base/DescriptorLimit.h"
 #include "Companion/Shared/CommandLine.h"
 #include "Companion/Shared/QueuedOutput.h"
+#include "Companion/Shared/ServiceNotifier.h"
 #include "Companion/Shared/TimeText.h"
 #include "Companion/Sidecar/ConnectProxy.h"
 #include "Companion/Sidecar/NameLookup.h"
@@ -68,8 +69,12 @@ int main(int argc, char** argv) {
         TunnelLog(
             verbose ? TunnelLog::Verbosity::beginningsAndEnds : TunnelLog::Verbosity::beginnings,
             [&output](std::string_view line) { output.writeLine(line); }));
-    output.writeLine("ostravel-sidecar listening on " + toString(proxy.address()));
+    const std::string where = toString(proxy.address());
+    output.writeLine("ostravel-sidecar listening on " + where);
+    ServiceNotifier service(ioContext);
+    service.ready("Listening on " + where);
     ioContext.run();
+    service.stopping();
   } catch (const std::system_error& error) {
     return failUsage(app, "cannot listen on " + listenText + ": " + error.code().message());
   }
