@@ -71,7 +71,7 @@ void PacketTunnelProvider::startProxy(std::optional<platform::ProviderConfigurat
   startProxyHealthMonitoring();
   emit(monitoring_events::kProviderStarted);
 
-  auto settings = makeNetworkSettings();
+  auto settings = networkSettings();
   log_->info(
       "OstravelProxy: Rules summary included=%{public}d excluded=%{public}d "
       "httpsOnly=%{public}s",
@@ -117,8 +117,8 @@ std::optional<std::string> PacketTunnelProvider::resolveMonitoringSocketPath() c
   return path != nullptr ? std::optional(*path) : std::nullopt;
 }
 
-platform::TransparentProxyNetworkSettings PacketTunnelProvider::makeNetworkSettings() const {
-  platform::TransparentProxyNetworkSettings settings(proxyHost_);
+platform::TransparentProxyNetworkSettings PacketTunnelProvider::networkSettings() {
+  platform::TransparentProxyNetworkSettings settings{std::string(platform::limits::kProxyHost)};
   for (const std::string& port : built_in::interceptedPorts()) {
     auto& included = settings.includedNetworkRules;
     included.push_back(rule("0.0.0.0", port, 0, NetworkRuleProtocol::tcp));
@@ -132,7 +132,7 @@ platform::TransparentProxyNetworkSettings PacketTunnelProvider::makeNetworkSetti
     }
   }
   // Our own connections to the local proxy stay outside.
-  const std::string proxyPort = std::to_string(proxyPort_);
+  const std::string proxyPort = std::to_string(platform::limits::kProxyPort);
   settings.excludedNetworkRules = {rule("127.0.0.1", proxyPort, 32, NetworkRuleProtocol::tcp),
                                    rule("::1", proxyPort, 128, NetworkRuleProtocol::tcp)};
   return settings;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -52,6 +53,13 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   void stopProxy(platform::ProviderStopReason reason, std::function<void()> completion) override;
   bool handleNewFlow(std::shared_ptr<platform::AppProxyFlow> flow) override;
 
+  // Which flows it asks the platform for.
+  static platform::TransparentProxyNetworkSettings networkSettings();
+
+  // Whether new flows may go to the local proxy; absent until the first probe has been answered.
+  // Usable from any thread.
+  std::optional<bool> isGateOpen() const;
+
   // The decision by the built-in lists alone. Depends on nothing but its arguments.
   FlowAction determineNormalFlowAction(std::string_view appId, std::string_view host,
                                        bool isUDP) const;
@@ -70,7 +78,6 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   std::weak_ptr<PacketTunnelProvider> weakSelf();
 
   std::optional<std::string> resolveMonitoringSocketPath() const;
-  platform::TransparentProxyNetworkSettings makeNetworkSettings() const;
 
   void startProxyHealthMonitoring();
   void stopProxyHealthMonitoring();
@@ -115,6 +122,7 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   const std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient_;
   // Starts closed: nothing is proxied before the first successful probe.
   const std::shared_ptr<ProxySafetyGate> proxySafetyGate_;
+  std::atomic<bool> hasProbed_ = false;
   // Made on first use, on the health queue.
   std::optional<ProxyHealthMonitor> proxyHealthMonitor_;
   std::optional<ProxyTCPReachabilityProbe> proxyReachabilityProbe_;

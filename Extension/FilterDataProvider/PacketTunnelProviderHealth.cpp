@@ -44,6 +44,11 @@ void PacketTunnelProvider::stopProxyHealthMonitoring() {
 void PacketTunnelProvider::probeProxyHealth() {
   const auto result = proxyReachabilityProbe().check();
   proxyHealthMonitor().recordProbeResult(result);
+  hasProbed_ = true;
+}
+
+std::optional<bool> PacketTunnelProvider::isGateOpen() const {
+  return hasProbed_ ? std::optional(!proxySafetyGate_->shouldBypassNewFlows()) : std::nullopt;
 }
 
 ProxyHealthMonitor& PacketTunnelProvider::proxyHealthMonitor() {

@@ -60,7 +60,9 @@ CommandLine CommandLine::parse(int argc, char** argv) {
   CLI::App app(
       "Carries the connections of this machine's applications through the HTTP proxy on\n"
       "127.0.0.1:8080, and leaves them alone while that proxy does not answer.\n"
-      "Needs root, or CAP_NET_ADMIN and the right to look at other users' processes.",
+      "Needs root, or CAP_NET_ADMIN, CAP_SYS_PTRACE and CAP_DAC_READ_SEARCH, and for speed "
+      "CAP_BPF\n"
+      "and CAP_PERFMON.",
       "ostravel-extension");
   app.set_version_flag("--version", "ostravel-extension " OSTRAVEL_VERSION);
 
@@ -77,6 +79,14 @@ CommandLine CommandLine::parse(int argc, char** argv) {
                  "systemd, else standard error")
       ->type_name("SINK")
       ->check(CLI::IsMember(sinks));
+  bool isCheck = false;
+  bool isDryRun = false;
+  auto* const check = app.add_flag(
+      "--check", isCheck,
+      "report what would keep it from running well on this machine, and what to do; exit with 0, "
+      "with 1 after a warning, with 2 after a problem");
+  app.add_flag("--dry-run", isDryRun, "print the rules that would be installed, for nft -f")
+      ->excludes(check);
   bool isGuardianUnwanted = false;
   app.add_flag("--no-guardian", isGuardianUnwanted,
                "do not kill this process when it hangs: for debuggers, which stop it");
@@ -112,7 +122,8 @@ CommandLine CommandLine::parse(int argc, char** argv) {
                  printableText(error.what()).c_str());
     return {std::nullopt, kExitUsage};
   }
-  Options options{configurationPath, sinks.at(sink), !isGuardianUnwanted, {}, marks};
+  const Job job = isCheck ? Job::check : isDryRun ? Job::dryRun : Job::run;
+  Options options{job, configurationPath, sinks.at(sink), !isGuardianUnwanted, {}, marks};
   for (const std::string& name : proxyUsers) {
     const auto user = userWithName(name);
     if (!user) {

@@ -13,7 +13,17 @@ namespace ostravel {
 
 // The command line of ostravel-extension.
 struct CommandLine {
+  enum class Job {
+    // Intercept until a signal ends it.
+    run,
+    // Report what would keep it from running well.
+    check,
+    // Print the rules.
+    dryRun,
+  };
+
   struct Options {
+    Job job = Job::run;
     // Absent: the default file, if there is one.
     std::optional<std::string> configurationPath;
     linuxplatform::LinuxPlatform::LogSink logSink;

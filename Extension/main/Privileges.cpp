@@ -1,24 +1,95 @@
 #include "Extension/main/Privileges.h"
 
+#include <dirent.h>
 #include <linux/capability.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
-#include <string>
+#include <memory>
 
 namespace ostravel::linuxplatform {
 
-platform::OptionalError missingPrivileges() {
+namespace {
+
+constexpr unsigned kBitsPerWord = 32;
+
+// Of the first process, which belongs to root and in most places has every capability.
+bool canLookAtFirstProcess() {
+  struct Close {
+    void operator()(DIR* folder) const { ::closedir(folder); }
+  };
+  const std::unique_ptr<DIR, Close> sockets(::opendir("/proc/1/fd"));
+  std::array<char, 1> target{};
+  return sockets && ::readlink("/proc/1/exe", target.data(), target.size()) > 0;
+}
+
+}  // namespace
+
+Privileges Privileges::ofThisProcess() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> data{};
-  const bool known = ::syscall(SYS_capget, &header, data.data()) == 0;
-  if (known && (data[0].effective & (1U << CAP_NET_ADMIN)) != 0) {
-    return std::nullopt;
+  if (::syscall(SYS_capget, &header, data.data()) != 0) {
+    return {0, false};
   }
-  return platform::posixError(
-      EPERM, "the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
+  const std::uint64_t capabilities = data[0].effective | std::uint64_t{data[1].effective}
+                                                             << kBitsPerWord;
+  return {capabilities, canLookAtFirstProcess()};
+}
+
+bool Privileges::has(unsigned capability) const {
+  return (capabilities_ >> capability & 1U) != 0;
+}
+
+bool Privileges::canReadEverything() const {
+  return has(CAP_DAC_READ_SEARCH) || has(CAP_DAC_OVERRIDE);
+}
+
+// Before Linux 5.8, CAP_SYS_ADMIN was needed for what two capabilities permit now.
+bool Privileges::canTrace() const {
+  return has(CAP_SYS_ADMIN) || (has(CAP_BPF) && has(CAP_PERFMON));
+}
+
+platform::OptionalError Privileges::obstacle() const {
+  if (!has(CAP_NET_ADMIN)) {
+    return platform::posixError(
+        EPERM, "the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
+  }
+  if (!seesProcesses_ && (!has(CAP_SYS_PTRACE) || !canReadEverything())) {
+    std::string missing = has(CAP_SYS_PTRACE) ? "" : "CAP_SYS_PTRACE";
+    if (!canReadEverything()) {
+      missing += missing.empty() ? "CAP_DAC_READ_SEARCH" : ", CAP_DAC_READ_SEARCH";
+    }
+    return platform::posixError(
+        EPERM, "the permission to look at other processes (" + missing +
+                   ") is missing, without which no local proxy can be recognised and every "
+                   "connection would go direct: run as root");
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> Privileges::losses() const {
+  std::vector<std::string> sentences;
+  if (!has(CAP_SYS_PTRACE)) {
+    sentences.emplace_back(
+        "CAP_SYS_PTRACE is missing: the programs of other users, and those with more permissions, "
+        "have no identifier and cannot be the local proxy");
+  }
+  if (!canReadEverything()) {
+    sentences.emplace_back(
+        "CAP_DAC_READ_SEARCH is missing: a program of another user cannot be the local proxy");
+  }
+  if (!canTrace()) {
+    sentences.emplace_back(
+        "CAP_BPF or CAP_PERFMON is missing: processes are looked up in /proc, which costs time for "
+        "each connection and misses those that end at once");
+  }
+  if (!has(CAP_SYS_NICE)) {
+    sentences.emplace_back(
+        "CAP_SYS_NICE is missing: on a very busy machine the guardian may notice a hang late");
+  }
+  return sentences;
 }
 
 }  // namespace ostravel::linuxplatform

@@ -1,7 +1,9 @@
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -11,14 +13,19 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <vector>
 
 #include "Base/FileDescriptor.h"
 #include "Base/LineOutput.h"
 #include "Base/PrintableText.h"
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 #include "Extension/main/CommandLine.h"
+#include "Extension/main/ConfigurationCheck.h"
 #include "Extension/main/ConfigurationFile.h"
 #include "Extension/main/Privileges.h"
+#include "Extension/main/ServiceStatus.h"
+#include "Extension/main/SystemCheck.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
 #include "Platform/Linux/Liveness/Guardian.h"
@@ -27,6 +34,7 @@
 #include "Platform/Linux/Liveness/HeartbeatThreads.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
+#include "Platform/Linux/Services/JournalLog.h"
 
 namespace {
 
@@ -49,8 +57,20 @@ int fail(std::string_view reason) {
   return kExitCannotRun;
 }
 
+// Adds what to do about it.
+int failForDescriptors(const std::string& reason) {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return fail(
+      "the limit of " + std::to_string(limit.rlim_max) +
+      " open files is too low: raise it with ulimit -n, or with LimitNOFILE= of the unit (" +
+      reason + ")");
+}
+
 int fail(const platform::Error& error) {
-  return fail(error.localizedDescription);
+  const bool isLimit = error.domain == platform::kPOSIXErrorDomain && error.code == EMFILE;
+  return isLimit ? failForDescriptors(error.localizedDescription)
+                 : fail(error.localizedDescription);
 }
 
 // Only the main thread takes signals; every other thread inherits the mask. A peer that goes away
@@ -99,10 +119,44 @@ void reportMissingGuardian(MaybeGuardian& guardian, platform::Log& log) {
   }
 }
 
+void report(platform::Log& log, const std::vector<std::string>& problems) {
+  for (const std::string& problem : problems) {
+    log.error("OstravelProxy: %{public}s", {problem});
+  }
+}
+
+using LogSink = linuxplatform::LinuxPlatform::LogSink;
+
+bool isJournalMissing(const CommandLine::Options& options) {
+  return options.logSink == LogSink::journal && !linuxplatform::JournalLog::isThere();
+}
+
+// For what is asked for, however slowly it is read.
+int print(const std::string& text) {
+  return LineOutput(STDOUT_FILENO).writeAll(text, 60s) ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+int check(const CommandLine::Options& options) {
+  const auto report = checkSystem(options);
+  static_cast<void>(print(report.text()));
+  return report.exitStatus();
+}
+
+int printRules(const CommandLine::Options& options) {
+  const auto rules = plannedRules(options);
+  return rules ? print(*rules) : fail(rules.error());
+}
+
 int run(int argc, char** argv) {
   const auto commandLine = CommandLine::parse(argc, argv);
   if (!commandLine.options) {
     return commandLine.exitStatus;
+  }
+  if (commandLine.options->job == CommandLine::Job::check) {
+    return check(*commandLine.options);
+  }
+  if (commandLine.options->job == CommandLine::Job::dryRun) {
+    return printRules(*commandLine.options);
   }
   // As early as possible: the guardian keeps a copy of the memory in use.
   linuxplatform::HeartbeatRecord record;
@@ -115,29 +169,54 @@ int run(int argc, char** argv) {
   if (!configuration) {
     return fail(configuration.error());
   }
-  if (const auto missing = linuxplatform::missingPrivileges()) {
-    return fail(*missing);
+  const auto privileges = linuxplatform::Privileges::ofThisProcess();
+  if (const auto obstacle = privileges.obstacle()) {
+    return fail(*obstacle);
   }
   const sigset_t takenSignals = takeOverSignals();
   const bool endsOnHangUp = hasTerminal();
 
   // The object graph, outermost first: each outlives those below it.
+  const bool isJournalReplaced = isJournalMissing(*commandLine.options);
   linuxplatform::LinuxPlatform platform(
-      {.logSink = commandLine.options->logSink, .marks = commandLine.options->marks});
+      {.logSink = isJournalReplaced ? LogSink::standardError : commandLine.options->logSink,
+       .marks = commandLine.options->marks});
   platform.writeLogOnCrash();
+  if (isJournalReplaced) {
+    report(platform.defaultLog(), {"There is no journal: the log goes to standard error"});
+  }
+  report(platform.defaultLog(), privileges.losses());
+  if (*configuration) {
+    report(platform.defaultLog(),
+           linuxplatform::configurationWarnings(**configuration,
+                                                commandLine.options->configurationPath.value_or(
+                                                    linuxplatform::kDefaultConfigurationPath)));
+  }
+  linuxplatform::ServiceStatus status(
+      [](const std::string& assignments) { ::sd_notify(0, assignments.c_str()); });
+  // Made when the context that it is given to exists.
+  std::weak_ptr<PacketTunnelProvider> watchedProvider;
   linuxplatform::DescriptorBudget descriptors;
   linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
-  linuxplatform::LinuxProviderContext context(platform,
-                                              {.loops = loops,
-                                               .descriptors = descriptors,
-                                               .heartbeat = heartbeat,
-                                               .onAlive = [] { ::sd_notify(0, "WATCHDOG=1"); },
-                                               .proxyUsers = commandLine.options->proxyUsers},
-                                              *configuration);
+  linuxplatform::LinuxProviderContext context(
+      platform,
+      {.loops = loops,
+       .descriptors = descriptors,
+       .heartbeat = heartbeat,
+       .onAlive =
+           [&status, &watchedProvider] {
+             const auto provider = watchedProvider.lock();
+             status.beat(provider ? provider->isGateOpen() : std::nullopt,
+                         std::chrono::steady_clock::now());
+           },
+       .proxyUsers = commandLine.options->proxyUsers,
+       .onProxyWatched = [&status](const std::string& proxy) { status.setProxy(proxy); }},
+      *configuration);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);
+  watchedProvider = provider;
 
   reportMissingGuardian(guardian, platform.defaultLog());
   heartbeat.start();
@@ -148,7 +227,6 @@ int run(int argc, char** argv) {
   });
   const auto startError = started.get_future().get();
   if (!startError) {
-    ::sd_notify(0, "READY=1");
     // The guardian may have ended before its signal was taken over.
     for (int signal = SIGCHLD; signal == SIGCHLD || (signal == SIGHUP && !endsOnHangUp);
          signal = waitForSignal(takenSignals)) {
@@ -158,7 +236,7 @@ int run(int argc, char** argv) {
         context.reloadRegistrations();
       }
     }
-    ::sd_notify(0, "STOPPING=1");
+    ::sd_notify(0, "STOPPING=1\nSTATUS=Ending");
   }
 
   // From now on each finished step is a beat.
@@ -187,6 +265,9 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     return run(argc, argv);
+  } catch (const std::system_error& failure) {
+    return failure.code() == std::errc::too_many_files_open ? failForDescriptors(failure.what())
+                                                            : fail(failure.what());
   } catch (const std::exception& failure) {
     // What the libraries and the making of threads, loops and queues report.
     return fail(failure.what());

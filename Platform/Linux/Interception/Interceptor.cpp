@@ -47,6 +47,7 @@ struct Interceptor::Parts {
   EventLoopGroup& loops;
   DescriptorBudget& descriptors;
   FlowHandler handler;
+  std::function<void(const std::string&)> onProxyWatched;
   std::unique_ptr<ApplicationIdentifierSource> identifiers;
   std::shared_ptr<PacketQueue> queue;
   std::shared_ptr<RedirectSupervisor> redirects;
@@ -63,6 +64,8 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
       platform::limits::kProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
       ApplicationRegistrations::kDefaultFolder, environment.proxyUsers);
+  log->info("OstravelProxy: Registrations in force count=%{public}d",
+            {static_cast<std::int64_t>(identifiers->registrationCount())});
   auto queue = PacketQueue::open();
   if (!queue) {
     return std::move(queue).error();
@@ -82,9 +85,10 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   auto redirects = RedirectSupervisor::start(loops, settings, log);
   auto aliveKeeper =
       std::make_unique<AliveKeeper>(*std::move(table), install, log, environment.onAlive);
-  return std::unique_ptr<Interceptor>(new Interceptor(
-      {std::move(log), loops, environment.descriptors, std::move(handler), std::move(identifiers),
-       std::move(openQueue), std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
+  return std::unique_ptr<Interceptor>(
+      new Interceptor({std::move(log), loops, environment.descriptors, std::move(handler),
+                       environment.onProxyWatched, std::move(identifiers), std::move(openQueue),
+                       std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
 }
 
 Interceptor::Interceptor(Parts parts)
@@ -92,6 +96,7 @@ Interceptor::Interceptor(Parts parts)
       loops_(parts.loops),
       descriptors_(parts.descriptors),
       handler_(std::move(parts.handler)),
+      onProxyWatched_(std::move(parts.onProxyWatched)),
       identifiers_(std::move(parts.identifiers)),
       queue_(std::move(parts.queue)),
       recentFlows_(kRememberedFlows),
@@ -122,6 +127,7 @@ void Interceptor::reloadRegistrations() {
     log_->error("OstravelProxy: Registrations not replaced, those that were in force still are");
     return;
   }
+  registrations.warnOfUselessPaths();
   const auto count = static_cast<std::int64_t>(registrations.size());
   {
     const std::lock_guard guard(registrationsLock_);
@@ -164,6 +170,9 @@ void Interceptor::run() {
       maintainHeldFlows();
       if (const auto news = identifiers_->watchProxy()) {
         log_->info("OstravelProxy: %{public}s", {*news});
+      }
+      if (onProxyWatched_) {
+        onProxyWatched_(identifiers_->servingProxy());
       }
       membership_.answer();
     }

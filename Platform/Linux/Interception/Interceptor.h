@@ -55,6 +55,9 @@ class Interceptor {
     std::function<void()> onAlive;
     // Users, besides root and system users, whose local proxy may carry everybody's flows.
     std::vector<uid_t> proxyUsers;
+    // Called several times a second, on the verdict thread, with the proxy that everybody's flows
+    // may be sent to, as people call it; empty for none. May be absent.
+    std::function<void(const std::string&)> onProxyWatched = {};
   };
 
   // On failure nothing stays installed, and the error's sentence says what is missing and what to
@@ -103,6 +106,7 @@ class Interceptor {
   EventLoopGroup& loops_;
   DescriptorBudget& descriptors_;
   const FlowHandler handler_;
+  const std::function<void(const std::string&)> onProxyWatched_;
   const std::unique_ptr<ApplicationIdentifierSource> identifiers_;
   const std::shared_ptr<PacketQueue> queue_;
   RecentFlows recentFlows_;

@@ -49,12 +49,26 @@ std::string record(LogLevel level, std::string_view text, std::string_view origi
   return fields.append(origin).append("\n");
 }
 
+sockaddr_un journalAddress() {
+  constexpr std::string_view kJournal = "/run/systemd/journal/socket";
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  kJournal.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
+}
+
 // The fields of the first record, each with its line feed, without the empty line.
 std::string_view firstRecord(std::string_view records) {
   return records.substr(0, records.find("\n\n") + 1);
 }
 
 }  // namespace
+
+bool JournalLog::isThere() {
+  const FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = journalAddress();
+  return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
 
 JournalLog::Output::Output(const std::string& subsystem, const std::string& category)
     : originFields_(originFields(subsystem, category)) {}
@@ -80,12 +94,9 @@ std::string JournalLog::Output::dropped(std::size_t count) {
 // Without the library, which may allocate. The fields already have the journal's format (systemd's
 // "Native Journal Protocol"): one datagram, one line per field.
 std::size_t JournalLog::Output::writeInCrash(std::string_view records) noexcept {
-  constexpr std::string_view kJournal = "/run/systemd/journal/socket";
   const std::string_view fields = firstRecord(records);
   const FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  kJournal.copy(address.sun_path, sizeof address.sun_path - 1);
+  const sockaddr_un address = journalAddress();
   const auto sent =
       ::sendto(socket.get(), fields.data(), fields.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&address), sizeof address);

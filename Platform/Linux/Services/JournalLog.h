@@ -12,6 +12,9 @@ namespace ostravel::linuxplatform {
 // category as fields (OSTRAVEL_SUBSYSTEM, OSTRAVEL_CATEGORY). Usable from any thread.
 class JournalLog final : public platform::Log {
  public:
+  // True if a journal takes records at the moment.
+  static bool isThere();
+
   // Sends records to the journal. A record consists of its fields, each NAME=value and a line feed,
   // and an empty line. Without a journal, records are silently lost.
   class Output final : public BackgroundWriter::Output {

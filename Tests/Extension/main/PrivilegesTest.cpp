@@ -1,22 +1,89 @@
 #include "Extension/main/Privileges.h"
 
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+
+#include <initializer_list>
+#include <string>
 
 #include "Tests/Support/InChildProcess.h"
 
 namespace ostravel::linuxplatform {
 namespace {
 
+std::uint64_t maskOf(std::initializer_list<unsigned> capabilities) {
+  std::uint64_t mask = 0;
+  for (const unsigned capability : capabilities) {
+    mask |= std::uint64_t{1} << capability;
+  }
+  return mask;
+}
+
+std::string obstacleWith(std::initializer_list<unsigned> capabilities, bool seesProcesses = false) {
+  const auto obstacle = Privileges(maskOf(capabilities), seesProcesses).obstacle();
+  return obstacle ? obstacle->localizedDescription : "";
+}
+
 TEST(Privileges, RootHasThem) {
-  EXPECT_FALSE(missingPrivileges());
+  EXPECT_FALSE(Privileges::ofThisProcess().obstacle());
 }
 
 TEST(Privileges, AnOrdinaryUserLacksThem) {
   testing::asOrdinaryUser([] {
-    const auto missing = missingPrivileges();
+    const auto missing = Privileges::ofThisProcess().obstacle();
     ASSERT_TRUE(missing);
     EXPECT_NE(missing->localizedDescription.find("CAP_NET_ADMIN"), std::string::npos);
   });
+}
+
+TEST(Privileges, NothingIsMissingWithTheSixThatAreUsed) {
+  const Privileges privileges(maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_BPF,
+                                      CAP_PERFMON, CAP_SYS_NICE}),
+                              false);
+  EXPECT_FALSE(privileges.obstacle());
+  EXPECT_TRUE(privileges.losses().empty());
+}
+
+TEST(Privileges, StrongerCapabilitiesReplaceWeakerOnes) {
+  const Privileges privileges(
+      maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_OVERRIDE, CAP_SYS_ADMIN, CAP_SYS_NICE}),
+      false);
+  EXPECT_FALSE(privileges.obstacle());
+  EXPECT_TRUE(privileges.losses().empty());
+}
+
+TEST(Privileges, NothingWorksWithoutTheNetwork) {
+  EXPECT_EQ(obstacleWith({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH}),
+            "the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
+}
+
+TEST(Privileges, WithoutASightOfProcessesEverythingWouldGoDirect) {
+  const std::string after =
+      ") is missing, without which no local proxy can be recognised and every connection would go "
+      "direct: run as root";
+  EXPECT_EQ(
+      obstacleWith({CAP_NET_ADMIN}),
+      "the permission to look at other processes (CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH" + after);
+  EXPECT_EQ(obstacleWith({CAP_NET_ADMIN, CAP_SYS_PTRACE}),
+            "the permission to look at other processes (CAP_DAC_READ_SEARCH" + after);
+  EXPECT_EQ(obstacleWith({CAP_NET_ADMIN, CAP_DAC_READ_SEARCH}),
+            "the permission to look at other processes (CAP_SYS_PTRACE" + after);
+}
+
+TEST(Privileges, WhereAllProcessesAreVisibleItWorksWithLosses) {
+  EXPECT_EQ(obstacleWith({CAP_NET_ADMIN}, true), "");
+  EXPECT_EQ(Privileges(maskOf({CAP_NET_ADMIN}), true).losses().size(), 4U);
+}
+
+TEST(Privileges, TracingNeedsBothOfItsCapabilities) {
+  for (const unsigned one : {CAP_BPF, CAP_PERFMON}) {
+    const auto losses =
+        Privileges(maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_SYS_NICE, one}),
+                   true)
+            .losses();
+    ASSERT_EQ(losses.size(), 1U);
+    EXPECT_TRUE(losses[0].starts_with("CAP_BPF or CAP_PERFMON is missing: ")) << losses[0];
+  }
 }
 
 }  // namespace

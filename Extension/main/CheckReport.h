@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace ostravel::linuxplatform {
+
+// The findings of a check of the machine, for people: one line each in a table, and a summary.
+class CheckReport {
+ public:
+  enum class Level {
+    ok,
+    // It runs, but not everything works as it could.
+    warning,
+    // It does not run, or does nothing.
+    problem,
+  };
+
+  // subject: what was examined, a few words. finding: one sentence, which also says what to do. May
+  // be called several times for a subject.
+  void add(Level level, std::string subject, std::string finding);
+
+  std::string text() const;
+
+  // 0 if all is well, 1 after a warning, 2 after a problem.
+  int exitStatus() const;
+
+ private:
+  struct Line {
+    Level level;
+    std::string subject;
+    std::string finding;
+  };
+
+  std::size_t countOf(Level level) const;
+
+  std::vector<Line> lines_;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,44 @@
+#include "Extension/main/ServiceStatus.h"
+
+#include "Platform/Interface/SystemLimits.h"
+
+namespace ostravel::linuxplatform {
+
+void ServiceStatus::setProxy(const std::string& proxy) {
+  const std::lock_guard guard(lock_);
+  proxy_ = proxy;
+}
+
+void ServiceStatus::beat(std::optional<bool> isGateOpen, Clock::time_point now) {
+  const std::lock_guard guard(lock_);
+  if (!firstBeat_) {
+    firstBeat_ = now;
+  }
+  std::string assignments = "WATCHDOG=1";
+  if (!isReady_ && (isGateOpen || now - *firstBeat_ >= kReadyTimeout)) {
+    isReady_ = true;
+    assignments += "\nREADY=1";
+  }
+  if (std::string current = text(isGateOpen); current != lastText_) {
+    assignments += "\nSTATUS=" + current;
+    lastText_ = std::move(current);
+  }
+  notify_(assignments);
+}
+
+std::string ServiceStatus::text(std::optional<bool> isGateOpen) const {
+  const std::string address = std::string(platform::limits::kProxyHost) + ":" +
+                              std::to_string(platform::limits::kProxyPort);
+  if (!isGateOpen) {
+    return "Gate closed: " + address + " has not been probed yet; connections go direct";
+  }
+  if (!*isGateOpen) {
+    return "Gate closed: nothing answers on " + address + "; connections go direct";
+  }
+  if (proxy_.empty()) {
+    return "Gate open: no proxy that serves all users on " + address;
+  }
+  return "Gate open: the local proxy is " + proxy_;
+}
+
+}  // namespace ostravel::linuxplatform

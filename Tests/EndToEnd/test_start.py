@@ -1,0 +1,315 @@
+"""What the extension says and refuses when it starts, and what it would do."""
+
+import os
+import re
+import socket
+
+import pytest
+
+from laboratory import PEER_PORT, THERE4, log_lines
+from program import GENEROUS_SECONDS
+
+READS_PROCESSES = "+sys_ptrace,+dac_read_search"
+
+
+def with_capabilities(capabilities):
+    """The prefix of a command line that keeps only these."""
+    return ("setpriv", f"--inh-caps=-all,{capabilities}", f"--bounding-set=-all,{capabilities}")
+
+
+def as_service_user(capabilities):
+    """The prefix of a command line that runs as an ordinary user with these."""
+    return ("setpriv", "--reuid", "990", "--regid", "990", "--clear-groups",
+            f"--inh-caps=-all,{capabilities}", f"--ambient-caps=-all,{capabilities}",
+            f"--bounding-set=-all,{capabilities}")  # fmt: skip
+
+
+@pytest.fixture
+def laboratory(laboratory):
+    """With programs that every user may run."""
+    laboratory.copy_of(laboratory.program_path("ostravel-extension"), "ostravel-extension")
+    laboratory.copy_of(laboratory.program_path("ostravel-sidecar"), "ostravel-sidecar")
+    laboratory.copy_of(laboratory.program_path("ostravel-monitor"), "ostravel-monitor")
+    laboratory.programs_folder = laboratory.folder
+    return laboratory
+
+
+def last_line(program):
+    assert program.wait() == 2
+    lines = program.errors.since()
+    assert [line for line in lines if line.startswith("ostravel-extension: ")] == lines[-1:]
+    return lines[-1]
+
+
+def errors_of(program):
+    return [text for level, text in log_lines(program) if level == "error"]
+
+
+# Permissions
+
+
+@pytest.mark.parametrize(
+    "capabilities, missing",
+    [
+        ("+net_admin", "CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH"),
+        ("+net_admin,+sys_ptrace", "CAP_DAC_READ_SEARCH"),
+        ("+net_admin,+dac_read_search", "CAP_SYS_PTRACE"),
+    ],
+)
+def test_it_refuses_to_run_where_it_could_do_nothing(laboratory, capabilities, missing):
+    extension = laboratory.run_extension(prefix=as_service_user(capabilities))
+    assert last_line(extension) == (
+        f"ostravel-extension: the permission to look at other processes ({missing}) is missing, "
+        "without which no local proxy can be recognised and every connection would go direct: run "
+        "as root"
+    )
+    assert not laboratory.has_rules()
+
+
+def test_the_capabilities_of_the_service_suffice(laboratory):
+    laboratory.start_monitor()
+    os.chmod(laboratory.socket_path, 0o666)
+    laboratory.start_sidecar(user=989)
+    extension = laboratory.start_extension(
+        prefix=as_service_user(f"+net_admin,{READS_PROCESSES},+bpf,+perfmon")
+    )
+    laboratory.wait_until_proxied()
+    assert [line for line in errors_of(extension) if "is missing" in line] == [
+        "OstravelProxy: CAP_SYS_NICE is missing: on a very busy machine the guardian may notice a "
+        "hang late"
+    ]
+    assert extension.stop() == 0
+
+
+def test_it_names_what_is_missing_and_what_that_costs(laboratory):
+    extension = laboratory.start_extension(
+        prefix=with_capabilities(f"+net_admin,{READS_PROCESSES}")
+    )
+    missing = [line for line in errors_of(extension) if "is missing" in line]
+    assert [line.partition(" is missing: ")[0] for line in missing] == [
+        "OstravelProxy: CAP_BPF or CAP_PERFMON",
+        "OstravelProxy: CAP_SYS_NICE",
+    ]
+    assert extension.stop() == 0
+
+
+# The service manager
+
+
+class ServiceManager:
+    """Takes its place: receives what is reported to it."""
+
+    def __init__(self, laboratory):
+        self.path = laboratory.path("notify")
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket.bind(self.path)
+        self.socket.settimeout(GENEROUS_SECONDS)
+        self.received = []
+
+    def wait(self, wanted):
+        """The first assignment from now on that begins with this."""
+        while True:
+            assignments = self.socket.recv(4096).decode().split("\n")
+            self.received += assignments
+            for assignment in assignments:
+                if assignment.startswith(wanted):
+                    return assignment
+
+    def prefix(self):
+        return ("env", f"NOTIFY_SOCKET={self.path}")
+
+
+def test_it_reports_readiness_and_the_gate(laboratory):
+    manager = ServiceManager(laboratory)
+    extension = laboratory.start_extension(prefix=manager.prefix())
+    manager.wait("READY=1")
+    closed = "STATUS=Gate closed: nothing answers on 127.0.0.1:8080; connections go direct"
+    if closed not in manager.received:
+        manager.wait(closed)
+    manager.wait("WATCHDOG=1")
+    sidecar = laboratory.start_sidecar()
+    assert manager.wait("STATUS=Gate open: the local proxy is ") == (
+        "STATUS=Gate open: the local proxy is "
+        f"{laboratory.program_path('ostravel-sidecar')} (process {sidecar.pid}, user root)"
+    )
+    sidecar.stop()
+    manager.wait(closed)
+    assert manager.received.count("READY=1") == 1
+    assert extension.stop() == 0
+    manager.wait("STOPPING=1")
+
+
+@pytest.mark.parametrize("program", ["ostravel-sidecar", "ostravel-monitor"])
+def test_the_companions_report_readiness(laboratory, program):
+    manager = ServiceManager(laboratory)
+    options = ["--socket", laboratory.socket_path] if program == "ostravel-monitor" else []
+    where = laboratory.socket_path if options else "127.0.0.1:8080"
+    started = laboratory.start(
+        [*manager.prefix(), "WATCHDOG_USEC=100000", laboratory.program_path(program), *options]
+    )
+    manager.wait("READY=1")
+    assert f"STATUS=Listening on {where}" in manager.received
+    for _ in range(3):
+        manager.wait("WATCHDOG=1")
+    assert started.stop() == 0
+    manager.wait("STOPPING=1")
+
+
+def test_without_a_journal_the_log_goes_to_standard_error(laboratory):
+    extension = laboratory.start_extension(
+        "--log", "journal", prefix=("sh", "-c", 'mount -t tmpfs tmpfs /run; exec "$@"', "sh")
+    )
+    line = "OstravelProxy: There is no journal: the log goes to standard error"
+    assert line in errors_of(extension)
+    assert extension.stop() == 0
+
+
+# Files
+
+
+def test_it_warns_of_keys_and_values_that_have_no_effect(laboratory):
+    path = laboratory.write_configuration(
+        '{\n  "monitoringSocketPath": 5,\n    "monitoringSocket": "/m"\n}\n'
+    )
+    extension = laboratory.run_extension("--configuration", path)
+    extension.expect(extension.errors, "Rules set successfully")
+    assert [line for line in errors_of(extension) if path in line] == [
+        f'OstravelProxy: {path}:3:5: "monitoringSocket" is unknown and has no effect; the only key '
+        'is "monitoringSocketPath"',
+        f'OstravelProxy: {path}:2:3: "monitoringSocketPath" must be a text, such as '
+        '"/run/ostravel/monitoring.sock"; no event is sent',
+    ]
+    assert extension.stop() == 0
+
+
+def test_it_counts_registrations_and_warns_of_useless_ones(laboratory):
+    link = laboratory.path("link")
+    os.symlink("/usr/bin/curl", link)
+    laboratory.register({link: "a", "/nowhere/program": "b", "/usr/bin/curl": "c"})
+    extension = laboratory.start_extension()
+    texts = [text for _, text in log_lines(extension)]
+    assert "OstravelProxy: Registrations in force count=3" in texts
+    place = r"OstravelProxy: /etc/ostravel/applications\.d/test\.json:1:\d+: "
+    warnings = [text for text in texts if re.match(place, text)]
+    assert len(warnings) == 2
+    assert '"/nowhere/program" does not exist' in warnings[0]
+    assert warnings[1].endswith('register "/usr/bin/curl"')
+    assert extension.stop() == 0
+
+
+# What is in the way
+
+
+def test_a_table_of_the_same_name_is_reported(laboratory):
+    laboratory.here.run("nft", "add", "table", "inet", "ostravel")
+    extension = laboratory.run_extension()
+    assert last_line(extension) == (
+        "ostravel-extension: there is already an nftables table inet ostravel, which another "
+        "program has made: if it is not needed, delete it with: nft delete table inet ostravel"
+    )
+    assert laboratory.here.run("nft", "list", "tables") == "table inet ostravel\n"
+
+
+def test_a_low_limit_of_open_files_is_reported(laboratory):
+    extension = laboratory.run_extension(prefix=("prlimit", "--nofile=20:20"))
+    line = last_line(extension)
+    assert line.startswith(
+        "ostravel-extension: the limit of 20 open files is too low: raise it with ulimit -n, or "
+        "with LimitNOFILE= of the unit ("
+    )
+    assert line.endswith(": Too many open files)")
+
+
+# The check
+
+
+def check(laboratory, *prefix):
+    """The status of --check, and its lines as triples of level, subject and finding."""
+    done = laboratory.run_application(
+        *prefix, laboratory.program_path("ostravel-extension"), "--check"
+    )
+    assert done.stderr == b""
+    text = done.stdout.decode()
+    return done.returncode, [re.split(r"  +", line, maxsplit=2) for line in text.splitlines()[:-2]]
+
+
+def findings(lines, subject):
+    return [(line[0], line[2]) for line in lines if line[1] == subject]
+
+
+def test_the_check_recognises_the_proxy(laboratory):
+    sidecar = laboratory.start_sidecar()
+    status, lines = check(laboratory)
+    assert status in (0, 1), lines
+    ((level, finding),) = findings(lines, "local proxy")
+    assert level == "ok"
+    assert f"(process {sidecar.pid}, user root) answers CONNECT" in finding
+    assert findings(lines, "rules") == [("ok", "the kernel accepts all that would be installed")]
+    assert not laboratory.has_rules()
+
+
+def test_the_check_says_what_is_wrong_with_the_listener(laboratory):
+    status, lines = check(laboratory)
+    ((level, finding),) = findings(lines, "local proxy")
+    assert (status, level) == (1, "warning")
+    assert finding.startswith("nothing answers on 127.0.0.1:8080")
+    laboratory.start_sidecar(user=12345)
+    status, lines = check(laboratory)
+    ((level, finding),) = findings(lines, "local proxy")
+    assert (status, level) == (1, "warning")
+    assert "for an ordinary user" in finding
+
+
+def test_the_check_sees_a_running_instance(laboratory):
+    laboratory.start_system()
+    _, lines = check(laboratory)
+    assert findings(lines, "rules") == [
+        ("ok", "an instance is running: it owns the nftables table inet ostravel")
+    ]
+    assert findings(lines, "local proxy")[0][0] == "ok"
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+
+
+def test_the_check_finds_problems(laboratory):
+    laboratory.here.run("nft", "add", "table", "inet", "ostravel")
+    status, lines = check(laboratory)
+    ((level, finding),) = findings(lines, "rules")
+    assert (status, level) == (2, "problem")
+    assert "nft delete table inet ostravel" in finding
+    status, lines = check(laboratory, *with_capabilities("+sys_ptrace"))
+    ((level, finding),) = findings(lines, "permissions")
+    assert (status, level) == (2, "problem")
+    assert "CAP_NET_ADMIN" in finding
+
+
+# The rules
+
+
+def rules_of(listing):
+    """The rules of each chain, as nft(8) lists them, without what differs at each start."""
+    chains = {}
+    for line in map(str.strip, listing.splitlines()):
+        if found := re.match(r"chain (\w+) {", line):
+            chain = chains.setdefault(found.group(1), [])
+        elif chains and line not in ("", "}"):
+            chain.append(re.sub(r"redirect to :\d+", "redirect to :PORT", line))
+    # Some kernels lack the expression that queues.
+    del chains["hold"]
+    return chains
+
+
+def test_the_dry_run_prints_the_rules_of_a_real_run(laboratory):
+    program = laboratory.program_path("ostravel-extension")
+    done = laboratory.run_application("setpriv", "--bounding-set=-all", program, "--dry-run")
+    assert (done.returncode, done.stderr) == (0, b"")
+    lines = done.stdout.decode().splitlines()
+    queued = "add rule inet ostravel hold queue flags bypass to 43100"
+    assert queued in lines
+    # nft(8) would take a table that it owns with it.
+    script = "\n".join(line for line in lines if line != queued).replace("{ flags owner; }", "")
+    laboratory.there.run("nft", "-f", "-", given=script + "\n")
+    planned = rules_of(laboratory.there.run("nft", "list", "table", "inet", "ostravel"))
+    extension = laboratory.start_extension()
+    real = rules_of(laboratory.here.run("nft", "list", "table", "inet", "ostravel"))
+    assert planned == real
+    assert extension.stop() == 0

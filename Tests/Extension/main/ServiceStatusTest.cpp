@@ -1,0 +1,63 @@
+#include "Extension/main/ServiceStatus.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ServiceStatusTest : public ::testing::Test {
+ protected:
+  // The assignments of the beat.
+  std::string beat(std::optional<bool> isGateOpen, std::chrono::milliseconds after = 0ms) {
+    status_.beat(isGateOpen, begin_ + after);
+    return sent_;
+  }
+
+  const ServiceStatus::Clock::time_point begin_;
+  std::string sent_;
+  ServiceStatus status_{[this](const std::string& assignments) { sent_ = assignments; }};
+};
+
+TEST_F(ServiceStatusTest, TheFirstAnswerMakesItReady) {
+  EXPECT_EQ(
+      beat(std::nullopt),
+      "WATCHDOG=1\nSTATUS=Gate closed: 127.0.0.1:8080 has not been probed yet; connections go "
+      "direct");
+  EXPECT_EQ(beat(false, 250ms),
+            "WATCHDOG=1\nREADY=1\nSTATUS=Gate closed: nothing answers on 127.0.0.1:8080; "
+            "connections go direct");
+  EXPECT_EQ(beat(false, 500ms), "WATCHDOG=1");
+}
+
+TEST_F(ServiceStatusTest, TwoSecondsWithoutAnAnswerMakeItReady) {
+  beat(std::nullopt);
+  EXPECT_EQ(beat(std::nullopt, 1999ms), "WATCHDOG=1");
+  EXPECT_EQ(beat(std::nullopt, 2000ms), "WATCHDOG=1\nREADY=1");
+  EXPECT_EQ(beat(std::nullopt, 2250ms), "WATCHDOG=1");
+}
+
+TEST_F(ServiceStatusTest, NamesTheProxyWhileTheGateIsOpen) {
+  EXPECT_EQ(beat(true),
+            "WATCHDOG=1\nREADY=1\nSTATUS=Gate open: no proxy that serves all users on "
+            "127.0.0.1:8080");
+  status_.setProxy("/usr/bin/tinyproxy (process 812, user tinyproxy)");
+  EXPECT_EQ(
+      beat(true),
+      "WATCHDOG=1\nSTATUS=Gate open: the local proxy is /usr/bin/tinyproxy (process 812, user "
+      "tinyproxy)");
+  EXPECT_EQ(beat(true), "WATCHDOG=1");
+  EXPECT_EQ(beat(false),
+            "WATCHDOG=1\nSTATUS=Gate closed: nothing answers on 127.0.0.1:8080; connections go "
+            "direct");
+  status_.setProxy("");
+  EXPECT_EQ(beat(true),
+            "WATCHDOG=1\nSTATUS=Gate open: no proxy that serves all users on 127.0.0.1:8080");
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform
