@@ -15,8 +15,21 @@ demonstration_packages=(
 # Wanted by the tests besides.
 test_packages=(
   clang-format clang-tidy libclang-rt-14-dev
-  nginx-light procps python3-pytest python3-pytest-xdist tinyproxy-bin
+  nginx-light procps python3-pytest python3-pytest-xdist scdoc systemd tinyproxy-bin
   gobjc++ libgnustep-base-dev libblocksruntime-dev libc++-dev libc++abi-dev lld llvm
+)
+# Wanted by ./package.
+package_packages=(
+  debhelper fakeroot lintian scdoc
+)
+# What the programs link, for a cross build.
+package_libraries=(
+  libasio-dev libbpf-dev libc-ares-dev libcli11-dev libicu-dev libjansson-dev libmnl-dev
+  libnetfilter-queue-dev libnftnl-dev libsystemd-dev
+)
+# Wanted by ./package --test.
+package_test_packages=(
+  debootstrap iproute2 python3 systemd-container util-linux
 )
 
 say() {
@@ -74,6 +87,8 @@ build() {
   local preset=$1
   shift
   say "building $preset"
+  mkdir -p "build/$preset" 2>/dev/null && [ -w "build/$preset" ] ||
+    fail "the folder $PWD/build/$preset cannot be written to: change its owner or its permissions"
   local log
   log=$(mktemp)
   if ! { cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}; } 2>&1 |
@@ -98,6 +113,7 @@ require_network_administration() {
 
 # The same for the namespace that we are in; changes nothing in it.
 require_network_administration_here() {
+  command -v nft >/dev/null || fail "the program nft is missing: install the package nftables"
   if ! nft list tables >/dev/null 2>&1; then
     fail "this network namespace cannot be administered (CAP_NET_ADMIN): run as root, outside a container that takes that away"
   fi

@@ -284,3 +284,52 @@ def test_live_reports_a_missing_permission(laboratory):
     assert program.wait() == 2
     (line,) = program.errors.since()
     assert "CAP_NET_ADMIN" in line
+
+
+# The commands at the root
+
+
+ROOT = JOBS.parents[1]
+
+
+def run_command(*arguments, **options):
+    return subprocess.run(
+        arguments, capture_output=True, text=True, timeout=60, check=False, **options
+    )
+
+
+@pytest.mark.parametrize(
+    "arguments", [["--help"], ["live", "--help"], ["shell", "-h"], ["live", "x", "--help"]]
+)
+def test_the_command_shows_its_usage(arguments):
+    done = run_command(str(ROOT / "run"), *arguments)
+    assert done.returncode == 0
+    assert done.stdout.startswith("usage: ./run ")
+    assert done.stderr == ""
+
+
+def test_live_reports_that_nft_is_missing(laboratory, tmp_path):
+    for name in ("ss", "ip"):
+        (tmp_path / name).symlink_to(f"/usr/bin/{name}")
+    program = laboratory.start(
+        ["env", f"PATH={tmp_path}", PYTHON, "-B", str(JOBS / "live.py"),
+         laboratory.programs_folder],
+        name="live",
+    )  # fmt: skip
+    assert program.wait() == 2
+    assert program.errors.since() == [
+        "run: the program nft is missing: install the package nftables"
+    ]
+
+
+def test_a_build_folder_that_cannot_be_written_to_is_reported(tmp_path):
+    # A file, because root may write to every folder.
+    (tmp_path / "build").write_text("")
+    done = run_command(
+        "bash", "-c", f'. "{ROOT}/Tools/setup.sh"; build release', cwd=tmp_path
+    )
+    assert done.returncode == 2
+    assert done.stderr.splitlines()[-1] == (
+        f"bash: the folder {tmp_path}/build/release cannot be written to: change its owner or its "
+        "permissions"
+    )

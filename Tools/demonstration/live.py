@@ -31,7 +31,12 @@ LAST_EVENT_SECONDS = 2
 
 
 def tables():
-    done = subprocess.run(["nft", "list", "tables"], capture_output=True, text=True, check=False)
+    try:
+        done = subprocess.run(
+            ["nft", "list", "tables"], capture_output=True, text=True, check=False
+        )
+    except FileNotFoundError:
+        raise Problem("the program nft is missing: install the package nftables", 2) from None
     if done.returncode != 0:
         raise Problem(
             "the network of this namespace cannot be administered (CAP_NET_ADMIN is missing): run "
