@@ -1,0 +1,347 @@
+#!/usr/bin/env python3
+"""Installs, upgrades, removes and purges the package in a fresh Debian.
+
+The Debian is made with debootstrap the first time and kept in build/package/debian for the next. Its
+systemd runs as the first process of private namespaces; what the applications in it connect to is
+an origin in a network namespace beside it. The machine's own network, processes and files are not
+touched.
+"""
+
+import contextlib
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[3]
+BASE = ROOT / "build/package/debian"
+MIRROR = "http://deb.debian.org/debian"
+PACKAGES = "systemd,systemd-sysv,dbus,nftables,curl,iproute2"
+GENEROUS_SECONDS = 90
+HERE, THERE = "198.51.100.1", "198.51.100.10"
+UNITS = ("ostravel", "ostravel-sidecar", "ostravel-monitor")
+
+# What systemd finds when it starts. Its control groups are those of a namespace of their own.
+START = r"""
+set -e
+root=$1
+mount --make-rprivate /
+mount --bind "$root" "$root"
+cd "$root"
+mount -t proc proc proc
+mount -t sysfs sysfs sys
+# The other versions of control groups are not for it.
+mount -t cgroup2 cgroup2 sys/fs/cgroup
+mount -t tmpfs -o mode=755 tmpfs dev
+mkdir dev/pts dev/shm
+for name in null zero full random urandom tty; do
+  touch "dev/$name"
+  mount --bind "/dev/$name" "dev/$name"
+done
+mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts
+mount -t tmpfs -o mode=755 tmpfs run
+ip link set lo up
+pivot_root . mnt
+umount -l /mnt
+exec env -i container=ostravel-test PATH=/usr/sbin:/usr/bin:/sbin:/bin \
+  /lib/systemd/systemd --log-target=console --show-status=no
+"""
+
+# Reports its peer, as the origin of each connection.
+ORIGIN = """
+import socketserver
+class Handler(socketserver.BaseRequestHandler):
+    def handle(self):
+        self.request.recv(4096)
+        body = f"{self.client_address[1]}\\n".encode()
+        self.request.sendall(b"HTTP/1.0 200 OK\\r\\n\\r\\n" + body)
+class Server(socketserver.ThreadingTCPServer):
+    allow_reuse_address = True
+Server(("0.0.0.0", 80), Handler).serve_forever()
+"""
+
+
+def run(*command, **options):
+    done = subprocess.run(command, capture_output=True, text=True, check=False, **options)
+    if done.returncode != 0:
+        sys.exit(f"{' '.join(map(str, command))}: {done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def eventually(what, condition, seconds=GENEROUS_SECONDS):
+    deadline = time.monotonic() + seconds
+    while not (found := condition()):
+        if time.monotonic() > deadline:
+            raise AssertionError(f"timed out waiting for: {what}")
+        time.sleep(0.1)
+    return found
+
+
+def say(text):
+    print(f"ok  {text}", flush=True)
+
+
+def make_base(package):
+    """A Debian with everything that the package depends on, but without it."""
+    if not BASE.exists():
+        unfinished = BASE.with_name("debian.unfinished")
+        shutil.rmtree(unfinished, ignore_errors=True)
+        run("debootstrap", "--variant=minbase", f"--include={PACKAGES}", "bookworm",
+            str(unfinished), MIRROR)
+        unfinished.rename(BASE)
+    depends = run("dpkg-deb", "-f", package, "Depends")
+    names = [re.split(r"[ |(]", part.strip())[0] for part in depends.split(",")]
+    shutil.copy("/etc/resolv.conf", BASE / "etc/resolv.conf")
+    run("chroot", BASE, "env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "install", "-qq",
+        "--no-install-recommends", *names)
+
+
+def make_older(package, folder):
+    """The package as its predecessor: another version, and another default configuration."""
+    content = folder / "older"
+    run("dpkg-deb", "-R", package, content)
+    control = content / "DEBIAN/control"
+    control.write_text(re.sub(r"^Version: .*$", "Version: 0.0.1", control.read_text(),
+                              flags=re.MULTILINE))
+    (content / "usr/share/doc/ostravel/older").write_text("Gone after the upgrade.\n")
+    older = folder / "older.deb"
+    run("dpkg-deb", "--root-owner-group", "-b", content, older)
+    return older
+
+
+class Machine:
+    """A running Debian."""
+
+    def __init__(self, root):
+        self.root = root
+        self.process = subprocess.Popen(
+            ["unshare", "--mount", "--pid", "--net", "--ipc", "--uts", "--cgroup", "--fork",
+             "--kill-child", "sh", "-c", START, "sh", str(root)],
+            stdin=subprocess.DEVNULL, stdout=open(root.parent / "console", "w"),
+            stderr=subprocess.STDOUT, preexec_fn=self._enter_control_group)
+        self.first = eventually("the first process", self._find_first)
+
+    @staticmethod
+    def control_group():
+        mounts = pathlib.Path("/proc/self/mounts").read_text()
+        mount = re.search(r"^\S+ (\S+) cgroup2 ", mounts, re.MULTILINE).group(1)
+        return pathlib.Path(mount) / f"ostravel-test-{os.getpid()}"
+
+    def _enter_control_group(self):
+        # Runs in the child, whose parent made the group.
+        group = pathlib.Path(GROUP)
+        group.joinpath("cgroup.procs").write_text(str(os.getpid()))
+
+    def _find_first(self):
+        found = subprocess.run(["pgrep", "-P", str(self.process.pid)], capture_output=True,
+                               text=True, check=False).stdout.split()
+        if self.process.poll() is not None:
+            raise AssertionError(f"systemd did not start: {self.console()}")
+        return int(found[0]) if found else None
+
+    def console(self):
+        return (self.root.parent / "console").read_text(errors="replace")[-3000:]
+
+    def try_run(self, *command):
+        return subprocess.run(
+            ["nsenter", "-t", str(self.first), "-a", "env", "-i",
+             "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND=noninteractive", "LC_ALL=C.UTF-8",
+             *command],
+            capture_output=True, text=True, timeout=300, check=False)
+
+    def run(self, *command):
+        done = self.try_run(*command)
+        if done.returncode != 0:
+            raise AssertionError(f"{' '.join(command)}: {done.stdout}{done.stderr}")
+        return done.stdout
+
+    def show(self, unit, name):
+        return self.run("systemctl", "show", "-P", name, unit).strip()
+
+    def is_active(self, unit):
+        return self.show(unit, "ActiveState") == "active"
+
+    def journal(self, unit):
+        return self.run("journalctl", "-q", "-o", "cat", "-u", unit)
+
+    def fetch(self):
+        """How a connection went: "direct" or "proxied"."""
+        done = self.try_run("curl", "-sS", "-m", "20", f"http://{THERE}/", "-w", "%{local_port}\n")
+        assert done.returncode == 0, done.stderr
+        seen, own = done.stdout.split()
+        return "direct" if seen == own else "proxied"
+
+    def close(self):
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(self.first, signal.SIGKILL)
+        self.process.wait()
+
+
+@contextlib.contextmanager
+def origin_beside(machine):
+    origin = subprocess.Popen(["unshare", "--net", "--kill-child", "sh", "-c",
+                               "ip link set lo up; read line; exec python3 -c \"$1\"", "sh", ORIGIN],
+                              stdin=subprocess.PIPE, text=True)
+    try:
+        inside = ["nsenter", "-t", str(machine.first), "-n", "ip"]
+        # The namespace is there as soon as it differs from ours.
+        own = os.readlink("/proc/self/ns/net")
+        eventually("the origin's network",
+                   lambda: os.readlink(f"/proc/{origin.pid}/ns/net") != own)
+        run(*inside, "link", "add", "here", "type", "veth", "peer", "name", "there", "netns",
+            str(origin.pid))
+        run(*inside, "addr", "add", f"{HERE}/24", "dev", "here")
+        run(*inside, "link", "set", "here", "up")
+        beside = ["nsenter", "-t", str(origin.pid), "-n", "ip"]
+        run(*beside, "addr", "add", f"{THERE}/24", "dev", "there")
+        run(*beside, "link", "set", "there", "up")
+        origin.stdin.write("\n")
+        origin.stdin.flush()
+        eventually("the origin", lambda: machine.try_run(
+            "curl", "-s", "-m", "2", f"http://{THERE}/").returncode == 0)
+        yield
+    finally:
+        origin.kill()
+        origin.wait()
+
+
+def files_of(machine):
+    """Every file of the Debian but those that keep a record of what happens to it."""
+    listed = machine.run("find", "/", "-xdev", "(", "-path", "/var/log", "-o", "-path",
+                         "/var/lib/dpkg", "-o", "-path", "/var/lib/systemd", "-o", "-path",
+                         "/var/cache", "-o", "-path", "/tmp", "-o", "-path", "/var/tmp", ")",
+                         "-prune", "-o", "-print")
+    # User databases and their copies keep the users of the package on purpose.
+    return {line for line in listed.splitlines()
+            if not re.match(r"/etc/(passwd|group|shadow|gshadow|subuid|subgid)-?$", line)}
+
+
+def check(machine, package, older):
+    eventually("the system runs", lambda: machine.try_run(
+        "systemctl", "is-system-running").stdout.strip() in ("running", "degraded"))
+    say("systemd runs as the first process")
+    before = files_of(machine)
+
+    machine.run("dpkg", "-i", f"/packages/{older.name}")
+    eventually("the service", lambda: machine.is_active("ostravel"))
+    assert machine.run("systemctl", "is-enabled", "ostravel").strip() == "enabled"
+    for unit in UNITS[1:]:
+        assert not machine.is_active(unit)
+    assert machine.fetch() == "direct"
+    say("installed: the service is enabled and runs; without a proxy connections go direct")
+
+    machine.run("systemctl", "enable", "--now", "ostravel-sidecar")
+    eventually("the proxy is found", lambda: machine.show("ostravel", "StatusText").startswith(
+        "Gate open: the local proxy is /usr/bin/ostravel-sidecar (process "))
+    assert machine.fetch() == "proxied"
+    for unit in UNITS[:2]:
+        user = machine.run("stat", "-c", "%U", "/proc/" + machine.show(unit, "MainPID")).strip()
+        assert user == unit, user
+    say("connections go through ostravel-sidecar; each service has a user of its own")
+
+    configuration = '{ "monitoringSocketPath": "/run/ostravel/monitoring.sock" }\n'
+    (machine.root / "etc/ostravel/provider-configuration.json").write_text(configuration)
+    machine.run("systemctl", "enable", "--now", "ostravel-monitor")
+    machine.run("systemctl", "restart", "ostravel")
+    eventually("connections are proxied again", lambda: machine.fetch() == "proxied")
+    eventually("events", lambda: "connect_handshake_succeeded" in machine.journal(
+        "ostravel-monitor"))
+    assert "/usr/bin/curl" in machine.journal("ostravel-monitor")
+    say("events arrive at ostravel-monitor, with the application's name")
+
+    main = machine.show("ostravel", "MainPID")
+    machine.run("systemctl", "kill", "--signal=KILL", "--kill-whom=main", "ostravel")
+    assert machine.fetch() in ("direct", "proxied")
+    eventually("it is started again", lambda: machine.is_active("ostravel") and machine.show(
+        "ostravel", "MainPID") not in ("0", main))
+    say("killed, it is started again")
+
+    (machine.root / "etc/ostravel/applications.d/curl.json").write_text(
+        '{ "/usr/bin/curl": "org.example.curl" }\n')
+    machine.run("systemctl", "reload", "ostravel")
+    eventually("the registration", lambda: "Registrations replaced count=1" in machine.journal(
+        "ostravel"))
+    checked = machine.try_run("ostravel-extension", "--check")
+    assert checked.returncode in (0, 1), checked.stdout
+    assert "an instance is running" in checked.stdout
+    say("the registrations are reloaded, and --check finds no problem")
+
+    main = machine.show("ostravel", "MainPID")
+    machine.run("dpkg", "-i", f"/packages/{package.name}")
+    eventually("the service after the upgrade", lambda: machine.is_active("ostravel"))
+    assert machine.show("ostravel", "MainPID") != main
+    assert (machine.root / "etc/ostravel/provider-configuration.json").read_text() == configuration
+    assert not (machine.root / "usr/share/doc/ostravel/older").exists()
+    for unit in UNITS[1:]:
+        eventually(unit, lambda unit=unit: machine.is_active(unit))
+    eventually("connections are proxied", lambda: machine.fetch() == "proxied")
+    say("upgraded: all services run, the changed configuration is kept")
+
+    for page in ("8 ostravel-extension", "1 ostravel-sidecar", "1 ostravel-monitor"):
+        section, name = page.split()
+        assert (machine.root / f"usr/share/man/man{section}/{name}.{section}.gz").exists()
+
+    machine.run("dpkg", "-r", "ostravel")
+    for unit in UNITS:
+        assert not machine.is_active(unit)
+    assert machine.run("nft", "list", "tables") == ""
+    assert machine.fetch() == "direct"
+    assert (machine.root / "etc/ostravel/provider-configuration.json").exists()
+    say("removed: nothing runs, no rule stays, connections go direct, the configuration stays")
+
+    machine.run("dpkg", "-P", "ostravel")
+    machine.run("systemctl", "daemon-reload")
+    left = files_of(machine) - before
+    assert not left, sorted(left)
+    assert machine.run("systemctl", "list-unit-files", "--no-legend", "ostravel*") == ""
+    say("purged: no file is left")
+
+
+def main():
+    if os.geteuid() != 0 or len(sys.argv) != 2:
+        sys.exit(f"usage, as root: {sys.argv[0]} PACKAGE")
+    global GROUP
+    package = pathlib.Path(sys.argv[1]).resolve()
+    make_base(package)
+    with tempfile.TemporaryDirectory(prefix="ostravel-package-", dir="/var/tmp") as name:
+        folder = pathlib.Path(name)
+        root = folder / "root"
+        run("cp", "-a", BASE, root)
+        (root / "packages").mkdir()
+        older = make_older(package, folder)
+        for each in (package, older):
+            shutil.copy(each, root / "packages")
+        GROUP = Machine.control_group()
+        GROUP.mkdir()
+        machine = None
+        try:
+            machine = Machine(root)
+            with origin_beside(machine):
+                check(machine, package, older)
+        except AssertionError as failure:
+            if machine:
+                print(machine.console(), file=sys.stderr)
+                for unit in UNITS:
+                    print(f"--- {unit}\n{machine.journal(unit)[-3000:]}", file=sys.stderr)
+            sys.exit(f"FAILED: {failure}")
+        finally:
+            if machine:
+                machine.close()
+            eventually("the control groups are empty", lambda: remove_groups(GROUP))
+    print("All as expected.")
+
+
+def remove_groups(group):
+    for folder, _, _ in os.walk(group, topdown=False):
+        with contextlib.suppress(OSError):
+            os.rmdir(folder)
+    return not group.exists()
+
+
+if __name__ == "__main__":
+    main()
