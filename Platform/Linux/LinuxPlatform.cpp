@@ -66,9 +66,7 @@ std::shared_ptr<platform::Log> LinuxPlatform::makeLog(std::string subsystem, std
   if (options_.logSink == LogSink::journal) {
     return std::make_shared<JournalLog>(logWriter_, subsystem, category);
   }
-  return std::make_shared<StderrLog>(logWriter_, options_.writesDebugLines
-                                                     ? StderrLog::Debug::isWritten
-                                                     : StderrLog::Debug::isDropped);
+  return std::make_shared<StderrLog>(logWriter_);
 }
 
 void LinuxPlatform::systemLog(std::string_view line) {

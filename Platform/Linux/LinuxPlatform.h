@@ -22,11 +22,10 @@ namespace ostravel::linuxplatform {
 // log report a closed peer as an error.
 class LinuxPlatform final : public platform::Platform {
  public:
+  // Only the journal receives debug lines.
   enum class LogSink { standardError, journal };
   struct Options {
     LogSink logSink = LogSink::standardError;
-    // Whether debug lines are written to standard error. The journal always receives them.
-    bool writesDebugLines = false;
     // How sockets are marked as our own.
     PacketMarks marks = {};
   };

@@ -68,12 +68,11 @@ std::size_t StderrLog::Output::writeInCrash(std::string_view lines) noexcept {
   return output_.writePiece(lines, 0ms).size;
 }
 
-StderrLog::StderrLog(std::shared_ptr<BackgroundWriter> writer, Debug debug)
-    : writer_(std::move(writer)), debug_(debug) {}
+StderrLog::StderrLog(std::shared_ptr<BackgroundWriter> writer) : writer_(std::move(writer)) {}
 
 void StderrLog::write(LogLevel level, std::string_view format,
                       std::span<const platform::LogArgument> arguments) {
-  if (level == LogLevel::debug && debug_ == Debug::isDropped) {
+  if (level == LogLevel::debug) {
     return;
   }
   const int errorOfCaller = errno;

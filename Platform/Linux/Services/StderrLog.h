@@ -14,11 +14,10 @@ namespace ostravel::linuxplatform {
 //
 //   2026-11-21T11:05:01.123Z info    OstravelProxy: Provider started
 //
-// The time at which the line was logged, in UTC, then the level. Usable from any thread.
+// The time at which the line was logged, in UTC, then the level. Drops debug lines. Usable from any
+// thread.
 class StderrLog final : public platform::Log {
  public:
-  enum class Debug { isDropped, isWritten };
-
   // Writes the lines to a descriptor. A line that cannot be written is silently lost, except that a
   // closed pipe raises SIGPIPE, which the process ignores.
   class Output final : public BackgroundWriter::Output {
@@ -36,7 +35,7 @@ class StderrLog final : public platform::Log {
   };
 
   // The writer has an Output of this class.
-  StderrLog(std::shared_ptr<BackgroundWriter> writer, Debug debug);
+  explicit StderrLog(std::shared_ptr<BackgroundWriter> writer);
 
  protected:
   void write(platform::LogLevel level, std::string_view format,
@@ -44,7 +43,6 @@ class StderrLog final : public platform::Log {
 
  private:
   const std::shared_ptr<BackgroundWriter> writer_;
-  const Debug debug_;
 };
 
 }  // namespace ostravel::linuxplatform

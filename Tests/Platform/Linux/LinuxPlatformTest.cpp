@@ -73,21 +73,10 @@ TEST(LinuxPlatformTest, FlushingWritesTheLog) {
   EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with("Z info    OstravelProxy: last\n"));
 }
 
-TEST(LinuxPlatformTest, WritesDebugLinesOnRequest) {
-  testing::internal::CaptureStderr();
-  {
-    LinuxPlatform platform(
-        {.logSink = LinuxPlatform::LogSink::standardError, .writesDebugLines = true});
-    platform.makeLog("s", "c")->debug("OstravelProxy: shown");
-  }
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("Z debug   OstravelProxy: shown\n"),
-            std::string::npos);
-}
-
 TEST(LinuxPlatformTest, TheJournalSinkWritesNothingToStandardError) {
   testing::internal::CaptureStderr();
   {
-    LinuxPlatform platform({.logSink = LinuxPlatform::LogSink::journal, .writesDebugLines = true});
+    LinuxPlatform platform({.logSink = LinuxPlatform::LogSink::journal});
     platform.makeLog("s", "c")->error("OstravelProxy: elsewhere");
     platform.defaultLog().error("OstravelProxy: elsewhere");
     platform.systemLog("elsewhere");

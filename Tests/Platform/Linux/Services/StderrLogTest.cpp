@@ -79,22 +79,20 @@ class StderrLogTest : public testing::Test {
 };
 
 TEST_F(StderrLogTest, WritesTimeLevelAndText) {
-  StderrLog log(writer_, StderrLog::Debug::isWritten);
-  log.debug("OstravelProxy: a %{public}s", {"b"});
-  log.info("OstravelProxy: c");
+  StderrLog log(writer_);
+  log.info("OstravelProxy: a %{public}s", {"b"});
   log.standard("OstravelProxy: d");
   log.error("OstravelProxy: e %{public}d", {std::int64_t{7}});
   const std::string time = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )";
   EXPECT_TRUE(std::regex_match(
-      written(),
-      std::regex(time + "debug   OstravelProxy: a b\n" + time + "info    OstravelProxy: c\n" +
-                 time + "default OstravelProxy: d\n" + time + "error   OstravelProxy: e 7\n")));
+      written(), std::regex(time + "info    OstravelProxy: a b\n" + time +
+                            "default OstravelProxy: d\n" + time + "error   OstravelProxy: e 7\n")));
 }
 
 TEST_F(StderrLogTest, TheTimeIsUTCAndThatOfTheCall) {
   ASSERT_EQ(::setenv("TZ", "Asia/Tokyo", 1), 0);
   ::tzset();
-  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  StderrLog log(writer_);
   timespec before{};
   timespec after{};
   ::clock_gettime(CLOCK_REALTIME, &before);
@@ -112,8 +110,8 @@ TEST_F(StderrLogTest, TheTimeIsUTCAndThatOfTheCall) {
   EXPECT_LE(logged, after.tv_sec);
 }
 
-TEST_F(StderrLogTest, DropsDebugLinesByDefault) {
-  StderrLog log(writer_, StderrLog::Debug::isDropped);
+TEST_F(StderrLogTest, DropsDebugLines) {
+  StderrLog log(writer_);
   log.debug("hidden");
   EXPECT_EQ(written(), "");
   log.info("shown");
@@ -121,7 +119,7 @@ TEST_F(StderrLogTest, DropsDebugLinesByDefault) {
 }
 
 TEST_F(StderrLogTest, ALineBreakInAnArgumentDoesNotMakeALine) {
-  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  StderrLog log(writer_);
   log.error("OstravelProxy: %{public}s", {"one\ntwo"});
   const std::string line = written();
   EXPECT_NE(line.find("one\\ntwo\n"), std::string::npos);
@@ -130,7 +128,7 @@ TEST_F(StderrLogTest, ALineBreakInAnArgumentDoesNotMakeALine) {
 
 TEST_F(StderrLogTest, SilentlyLosesALineThatCannotBeWritten) {
   writer_ = writerOn(-1);
-  StderrLog toNowhere(writer_, StderrLog::Debug::isDropped);
+  StderrLog toNowhere(writer_);
   errno = EDOM;
   toNowhere.error("lost");
   EXPECT_EQ(errno, EDOM);
@@ -141,14 +139,14 @@ TEST_F(StderrLogTest, AClosedPipeIsNotFatalInAProcessThatIgnoresSIGPIPE) {
   const std::array<int, 2> ends = makePipe();
   ::close(ends[0]);
   writer_ = writerOn(ends[1]);
-  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  StderrLog log(writer_);
   log.info("lost");
   flush();
   ::close(ends[1]);
 }
 
 TEST_F(StderrLogTest, AnUnreadPipeDoesNotBlockTheCaller) {
-  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  StderrLog log(writer_);
   errno = EDOM;
   // Far more than the pipe and the writer hold: a blocking write would never return.
   stall(log, 100'000);
@@ -156,7 +154,7 @@ TEST_F(StderrLogTest, AnUnreadPipeDoesNotBlockTheCaller) {
 }
 
 TEST_F(StderrLogTest, CountsDroppedLines) {
-  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  StderrLog log(writer_);
   constexpr int kLines = 100'000;
   stall(log, kLines);
   std::string text;
@@ -180,7 +178,7 @@ TEST_F(StderrLogTest, CountsDroppedLines) {
 }
 
 TEST_F(StderrLogTest, LinesFromManyThreadsStayWhole) {
-  StderrLog log(writer_, StderrLog::Debug::isDropped);
+  StderrLog log(writer_);
   constexpr int kThreads = 4;
   // All of them fit into the pipe in any order.
   constexpr int kLines = 40;
