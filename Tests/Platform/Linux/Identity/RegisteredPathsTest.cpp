@@ -7,7 +7,7 @@
 
 #include "Tests/Platform/Linux/Support/HangingFileSystem.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
-#include "Tests/Platform/Linux/Support/TemporaryFolder.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {

@@ -288,7 +288,7 @@ TEST_F(InterceptionTableTest, ANewConnectionFromAUsedPortIsOffered) {
     for (const auto& packet : packets) {
       queue_->accept(packet.id);
     }
-    EXPECT_EQ(application->result(kGenerous), 0);
+    EXPECT_EQ(application->connectResult(kGenerous), 0);
     return application;
   };
   // The origin closes first, so that its side is in TIME-WAIT.

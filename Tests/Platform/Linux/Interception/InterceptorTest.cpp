@@ -168,7 +168,7 @@ TEST_F(InterceptorTest, AUsersExcessGoesDirectAndIsLogged) {
     applications.push_back(std::make_unique<Connecting>("127.0.0.1", kPort));
   }
   for (std::size_t count = 0; count < kExcess; ++count) {
-    EXPECT_EQ(applications[applications.size() - 1 - count]->result(kGenerous), 0);
+    EXPECT_EQ(applications[applications.size() - 1 - count]->connectResult(kGenerous), 0);
   }
   EXPECT_EQ(offered(), FlowAdmission::kHeldFlowsPerUser);
   EXPECT_NE(log_->wait("reason=handshake_share"), "");

@@ -107,8 +107,8 @@ TEST(PacketQueueTest, PassesPacketsWhenItIsFull) {
   for (int count = 0; count < kConnections; ++count) {
     applications.push_back(std::make_unique<Connecting>("127.0.0.1", 8000));
   }
-  EXPECT_EQ(applications.back()->result(kGenerous), 0);
-  EXPECT_EQ(applications.front()->result(0ms), EINPROGRESS);
+  EXPECT_EQ(applications.back()->connectResult(kGenerous), 0);
+  EXPECT_EQ(applications.front()->connectResult(0ms), EINPROGRESS);
 }
 
 TEST(PacketQueueTest, RetriesARejectedVerdictAtOnce) {
