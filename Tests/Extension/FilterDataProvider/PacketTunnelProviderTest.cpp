@@ -89,6 +89,14 @@ TEST_F(ProviderConstruction, IsUndoneWithALogLine) {
 
 class ProviderStart : public ProviderTest {
  protected:
+  // The network settings are pending when it goes.
+  void loseProviderDuringStart(Completions& completions) {
+    simulation_.holdNetworkSettings();
+    provider_->startProxy(std::nullopt, completions.next());
+    simulation_.run();
+    provider_.reset();
+  }
+
   // To which monitoring sockets it has connected.
   Lines monitoringSocketPaths() {
     Lines paths;
@@ -299,11 +307,8 @@ TEST_F(ProviderStart, LogsBeforeItCompletes) {
 }
 
 TEST_F(ProviderStart, IsCompletedSilentlyWhenTheProviderIsGone) {
-  simulation_.holdNetworkSettings();
   Completions completions;
-  provider_->startProxy(std::nullopt, completions.next());
-  simulation_.run();
-  provider_.reset();
+  loseProviderDuringStart(completions);
   const auto logged = simulation_.logLines();
 
   simulation_.completeNetworkSettings(std::nullopt);
@@ -314,11 +319,8 @@ TEST_F(ProviderStart, IsCompletedSilentlyWhenTheProviderIsGone) {
 }
 
 TEST_F(ProviderStart, IsFailedSilentlyWhenTheProviderIsGone) {
-  simulation_.holdNetworkSettings();
   Completions completions;
-  provider_->startProxy(std::nullopt, completions.next());
-  simulation_.run();
-  provider_.reset();
+  loseProviderDuringStart(completions);
   const auto logged = simulation_.logLines();
   const Error rejection{"NEDomain", 9, "No"};
 
