@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "Platform/Interface/AppProxyTCPFlow.h"
-#include "Tests/Contract/ContractOutcome.h"
 #include "Tests/Contract/ContractTest.h"
 #include "Tests/Contract/StreamContractTest.h"
+#include "Tests/Support/Outcome.h"
 
 namespace ostravel::contract {
 namespace {
@@ -101,14 +101,14 @@ TEST_P(AppProxyTCPFlowContractTest, TheEndComesAfterTheBytes) {
   application_->send("last words");
   application_->endSending();
   EXPECT_EQ(readAll(10), "last words");
-  EXPECT_TRUE(read().sawEnd());
+  EXPECT_TRUE(read().isEnd());
 }
 
 TEST_P(AppProxyTCPFlowContractTest, TheEndIsReportedAgain) {
   open();
   application_->endSending();
   for (int i = 0; i < 3; ++i) {
-    EXPECT_TRUE(read().sawEnd());
+    EXPECT_TRUE(read().isEnd());
   }
 }
 
@@ -149,7 +149,7 @@ TEST_P(AppProxyTCPFlowContractTest, ManyBytesAreReadExactly) {
   application_->send(sent);
   application_->endSending();
   EXPECT_TRUE(readAll(sent.size()) == sent);
-  EXPECT_TRUE(read().sawEnd());
+  EXPECT_TRUE(read().isEnd());
 }
 
 TEST_P(AppProxyTCPFlowContractTest, AReadAndAWriteMayBeOutstandingTogether) {
@@ -418,6 +418,6 @@ TEST_P(AppProxyTCPFlowContractTest, WhatACompletionHoldsIsReleased) {
 }  // namespace
 
 INSTANTIATE_TEST_SUITE_P(Contract, AppProxyTCPFlowContractTest,
-                         testing::ValuesIn(contractPlatforms()), platformName);
+                         ::testing::ValuesIn(contractPlatforms()), platformName);
 
 }  // namespace ostravel::contract

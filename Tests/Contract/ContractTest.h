@@ -12,7 +12,7 @@ namespace ostravel::contract {
 
 // Base of all contract tests. The environment goes after everything that a test has made with it,
 // so a test keeps what it makes in local variables or in the members of a derived fixture.
-class ContractTest : public testing::TestWithParam<ContractPlatform> {
+class ContractTest : public ::testing::TestWithParam<ContractPlatform> {
  protected:
   platform::Platform& platform() { return environment_->platform(); }
   bool waitUntil(const ContractEnvironment::Condition& condition) {
@@ -22,7 +22,7 @@ class ContractTest : public testing::TestWithParam<ContractPlatform> {
   const std::unique_ptr<ContractEnvironment> environment_ = GetParam().makeEnvironment();
 };
 
-inline std::string platformName(const testing::TestParamInfo<ContractPlatform>& info) {
+inline std::string platformName(const ::testing::TestParamInfo<ContractPlatform>& info) {
   return info.param.name;
 }
 

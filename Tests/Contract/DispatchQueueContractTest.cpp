@@ -263,6 +263,6 @@ TEST_P(DispatchQueueContractTest, ASlowItemHoldsUpItsOwnQueueOnly) {
 }  // namespace
 
 INSTANTIATE_TEST_SUITE_P(Contract, DispatchQueueContractTest,
-                         testing::ValuesIn(contractPlatforms()), platformName);
+                         ::testing::ValuesIn(contractPlatforms()), platformName);
 
 }  // namespace ostravel::contract

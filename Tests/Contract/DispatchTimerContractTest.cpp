@@ -323,6 +323,6 @@ TEST_P(DispatchTimerContractTest, TheLongestDelayIsNeverOver) {
 }  // namespace
 
 INSTANTIATE_TEST_SUITE_P(Contract, DispatchTimerContractTest,
-                         testing::ValuesIn(contractPlatforms()), platformName);
+                         ::testing::ValuesIn(contractPlatforms()), platformName);
 
 }  // namespace ostravel::contract

@@ -107,7 +107,7 @@ TEST_P(PlatformContractTest, ALogHandleWorksInItems) {
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Contract, PlatformContractTest, testing::ValuesIn(contractPlatforms()),
+INSTANTIATE_TEST_SUITE_P(Contract, PlatformContractTest, ::testing::ValuesIn(contractPlatforms()),
                          platformName);
 
 }  // namespace ostravel::contract

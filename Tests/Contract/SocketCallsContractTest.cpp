@@ -147,7 +147,7 @@ TEST_P(SocketCallsContractTest, AClosedDescriptorIsOfNoUse) {
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Contract, SocketCallsContractTest, testing::ValuesIn(contractPlatforms()),
-                         platformName);
+INSTANTIATE_TEST_SUITE_P(Contract, SocketCallsContractTest,
+                         ::testing::ValuesIn(contractPlatforms()), platformName);
 
 }  // namespace ostravel::contract

@@ -6,11 +6,14 @@
 #include <string>
 
 #include "Platform/Interface/Completion.h"
-#include "Tests/Contract/ContractOutcome.h"
 #include "Tests/Contract/ContractPeer.h"
 #include "Tests/Contract/ContractTest.h"
+#include "Tests/Support/Outcome.h"
 
 namespace ostravel::contract {
+
+using testing::CallInProgress;
+using testing::Outcome;
 
 // Larger than what a socket buffers.
 inline constexpr std::size_t kLarge = 8 * 1024 * 1024;

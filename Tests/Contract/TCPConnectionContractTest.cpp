@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "Platform/Interface/TCPConnection.h"
-#include "Tests/Contract/ContractOutcome.h"
 #include "Tests/Contract/ContractTest.h"
 #include "Tests/Contract/StateObserver.h"
 #include "Tests/Contract/StreamContractTest.h"
+#include "Tests/Support/Outcome.h"
 
 namespace ostravel::contract {
 namespace {
@@ -175,7 +175,7 @@ TEST_P(TCPConnectionContractTest, TheEndComesAfterTheBytes) {
   peer_->send("last words");
   peer_->endSending();
   EXPECT_EQ(readAll(10), "last words");
-  EXPECT_TRUE(read().sawEnd());
+  EXPECT_TRUE(read().isEnd());
 }
 
 TEST_P(TCPConnectionContractTest, TheEndDeliversLessThanAMinimum) {
@@ -187,13 +187,13 @@ TEST_P(TCPConnectionContractTest, TheEndDeliversLessThanAMinimum) {
   ASSERT_TRUE(waitUntil([&] { return reading.isDone(); }));
   EXPECT_EQ(reading.text(), "abc");
   EXPECT_FALSE(reading.error());
-  EXPECT_TRUE(read().sawEnd());
+  EXPECT_TRUE(read().isEnd());
 }
 
 TEST_P(TCPConnectionContractTest, IsDisconnectedWithoutErrorOnceTheEndWasRead) {
   establish();
   peer_->endSending();
-  EXPECT_TRUE(read().sawEnd());
+  EXPECT_TRUE(read().isEnd());
   ASSERT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::disconnected); }));
   EXPECT_EQ(connection_->state(), TCPConnectionState::disconnected);
   EXPECT_FALSE(connection_->error());
@@ -227,7 +227,7 @@ TEST_P(TCPConnectionContractTest, ManyBytesAreReadExactly) {
   peer_->send(sent);
   peer_->endSending();
   EXPECT_TRUE(readAll(sent.size()) == sent);
-  EXPECT_TRUE(read().sawEnd());
+  EXPECT_TRUE(read().isEnd());
 }
 
 TEST_P(TCPConnectionContractTest, CancelIsAnOrderlyEndForThePeer) {
@@ -391,6 +391,6 @@ TEST_P(TCPConnectionContractTest, WhatACompletionHoldsIsReleased) {
 }  // namespace
 
 INSTANTIATE_TEST_SUITE_P(Contract, TCPConnectionContractTest,
-                         testing::ValuesIn(contractPlatforms()), platformName);
+                         ::testing::ValuesIn(contractPlatforms()), platformName);
 
 }  // namespace ostravel::contract

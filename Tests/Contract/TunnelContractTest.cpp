@@ -205,7 +205,7 @@ TEST_P(TunnelContractTest, ATunnelIsReleasedWhenItHasEnded) {
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(Contract, TunnelContractTest, testing::ValuesIn(contractPlatforms()),
+INSTANTIATE_TEST_SUITE_P(Contract, TunnelContractTest, ::testing::ValuesIn(contractPlatforms()),
                          platformName);
 
 }  // namespace ostravel::contract

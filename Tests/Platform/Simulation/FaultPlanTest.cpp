@@ -11,14 +11,16 @@
 #include <string>
 
 #include "Platform/Simulation/Simulation.h"
-#include "Tests/Platform/Simulation/Outcomes.h"
+#include "Tests/Support/Outcome.h"
 
 namespace ostravel::simulation {
 namespace {
 
+using testing::Outcome;
+
 using namespace std::chrono_literals;
 
-class FaultPlanTest : public testing::Test {
+class FaultPlanTest : public ::testing::Test {
  protected:
   void SetUp() override {
     flow_->open(std::nullopt, opened_.completion());
@@ -30,22 +32,22 @@ class FaultPlanTest : public testing::Test {
   const std::shared_ptr<SimulatedTCPFlow> flow_ = simulation_.makeTCPFlow("app", std::nullopt);
   std::shared_ptr<platform::TCPConnection> connection_;
   Outcome opened_;
-  ReadOutcome read_;
+  Outcome read_;
   Outcome written_;
 };
 
 TEST_F(FaultPlanTest, NothingGoesWrongByDefault) {
   simulation_.connection(0)->accept();
   simulation_.run();
-  EXPECT_FALSE(opened_.error);
+  EXPECT_FALSE(opened_.error());
   EXPECT_EQ(connection_->state(), platform::TCPConnectionState::connected);
   for (int i = 0; i < 1000; ++i) {
     flow_->application()->send("abc");
-    flow_->read(read_.completion());
+    flow_->read(read_.readCompletion());
     flow_->write(platform::Data::copyOf("x"), written_.completion());
     simulation_.run();
-    ASSERT_EQ(read_.text, "abc");
-    ASSERT_FALSE(written_.error);
+    ASSERT_EQ(read_.lastText(), "abc");
+    ASSERT_FALSE(written_.error());
   }
   EXPECT_EQ(simulation_.now(), 0ns);
 }
@@ -57,10 +59,10 @@ TEST_F(FaultPlanTest, LatencyDelaysCompletionsUpToItsMaximum) {
   for (int i = 0; i < 100; ++i) {
     const auto start = simulation_.now();
     flow_->application()->send("x");
-    flow_->read(read_.completion());
+    flow_->read(read_.readCompletion());
     simulation_.run();
-    ASSERT_EQ(read_.count, i);
-    ASSERT_TRUE(simulation_.runUntil([&] { return read_.count == i + 1; }, 10ms));
+    ASSERT_EQ(read_.count(), i);
+    ASSERT_TRUE(simulation_.runUntil([&] { return read_.count() == i + 1; }, 10ms));
     latencies.insert(simulation_.now() - start);
   }
   EXPECT_GT(latencies.size(), 50U);
@@ -73,10 +75,10 @@ TEST_F(FaultPlanTest, LatencyDelaysAcceptanceAndNetworkSettings) {
                                        applied.completion());
   simulation_.connection(0)->accept();
   simulation_.run();
-  EXPECT_EQ(applied.count, 0);
+  EXPECT_EQ(applied.count(), 0);
   EXPECT_EQ(connection_->state(), platform::TCPConnectionState::connecting);
   simulation_.advance(10ms);
-  EXPECT_EQ(applied.count, 1);
+  EXPECT_EQ(applied.count(), 1);
   EXPECT_EQ(connection_->state(), platform::TCPConnectionState::connected);
 }
 
@@ -90,12 +92,12 @@ TEST_F(FaultPlanTest, ShortReadsDeliverAtLeastTheirMinimumAndLoseNothing) {
   simulation_.peer(0)->send(sent);
   while (total < sent.size()) {
     const auto minimum = std::min<std::size_t>(3, sent.size() - total);
-    connection_->read(minimum, 20, read_.completion());
+    connection_->read(minimum, 20, read_.readCompletion());
     simulation_.run();
-    ASSERT_GE(read_.text.size(), minimum);
-    ASSERT_LE(read_.text.size(), 20U);
-    sizes.insert(read_.text.size());
-    total += read_.text.size();
+    ASSERT_GE(read_.lastText().size(), minimum);
+    ASSERT_LE(read_.lastText().size(), 20U);
+    sizes.insert(read_.lastText().size());
+    total += read_.lastText().size();
   }
   EXPECT_EQ(total, sent.size());
   EXPECT_GT(sizes.size(), 3U);
@@ -105,13 +107,13 @@ TEST_F(FaultPlanTest, ReadErrorsStay) {
   simulation_.run();
   simulation_.setFaults({.readError = 1.0});
   flow_->application()->send("x");
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   simulation_.run();
-  EXPECT_EQ(read_.error->code, ECONNRESET);
+  EXPECT_EQ(read_.error()->code, ECONNRESET);
   simulation_.setFaults({});
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   simulation_.run();
-  EXPECT_EQ(read_.error->code, ECONNRESET);
+  EXPECT_EQ(read_.error()->code, ECONNRESET);
 }
 
 TEST_F(FaultPlanTest, WriteErrorsStay) {
@@ -119,19 +121,19 @@ TEST_F(FaultPlanTest, WriteErrorsStay) {
   simulation_.setFaults({.writeError = 1.0});
   flow_->write(platform::Data::copyOf("x"), written_.completion());
   simulation_.run();
-  EXPECT_EQ(written_.error->code, ECONNRESET);
+  EXPECT_EQ(written_.error()->code, ECONNRESET);
   EXPECT_EQ(flow_->application()->received(), "");
   simulation_.setFaults({});
   flow_->write(platform::Data::copyOf("x"), written_.completion());
   simulation_.run();
-  EXPECT_EQ(written_.error->code, ECONNRESET);
+  EXPECT_EQ(written_.error()->code, ECONNRESET);
 }
 
 TEST_F(FaultPlanTest, OpeningFails) {
   simulation_.setFaults({.openError = 1.0});
   simulation_.run();
-  EXPECT_EQ(opened_.count, 1);
-  EXPECT_TRUE(opened_.error);
+  EXPECT_EQ(opened_.count(), 1);
+  EXPECT_TRUE(opened_.error());
 }
 
 TEST_F(FaultPlanTest, AnAcceptanceBecomesARefusal) {
@@ -161,7 +163,7 @@ TEST_F(FaultPlanTest, FaultsOccurWithTheirProbability) {
     Outcome opened;
     flow->open(std::nullopt, opened.completion());
     simulation.run();
-    failures += opened.error ? 1 : 0;
+    failures += opened.error() ? 1 : 0;
   }
   EXPECT_NEAR(failures, 300, 60);
 }

@@ -8,15 +8,17 @@
 #include <vector>
 
 #include "Platform/Simulation/Simulation.h"
-#include "Tests/Platform/Simulation/Outcomes.h"
+#include "Tests/Support/Outcome.h"
 
 namespace ostravel::simulation {
 namespace {
 
+using testing::Outcome;
+
 const platform::Error kError{"Domain", 7, "reason"};
 
 // The far end of a connection, which has every operation that a flow has.
-class SimulatedPeerTest : public testing::Test {
+class SimulatedPeerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     connection_ =
@@ -27,7 +29,7 @@ class SimulatedPeerTest : public testing::Test {
   }
 
   void read(std::size_t minimum = 1, std::size_t maximum = 4096) {
-    connection_->read(minimum, maximum, read_.completion());
+    connection_->read(minimum, maximum, read_.readCompletion());
   }
   void write(std::string_view text) {
     connection_->write(platform::Data::copyOf(text), written_.completion());
@@ -36,7 +38,7 @@ class SimulatedPeerTest : public testing::Test {
   Simulation simulation_;
   std::shared_ptr<platform::TCPConnection> connection_;
   std::shared_ptr<SimulatedPeer> peer_;
-  ReadOutcome read_;
+  Outcome read_;
   Outcome written_;
 };
 
@@ -44,24 +46,24 @@ TEST_F(SimulatedPeerTest, AReadWaitsForItsMinimum) {
   read(4);
   peer_->send("abc");
   simulation_.run();
-  EXPECT_EQ(read_.count, 0);
+  EXPECT_EQ(read_.count(), 0);
   peer_->send("de");
   simulation_.run();
-  EXPECT_EQ(read_.text, "abcde");
+  EXPECT_EQ(read_.lastText(), "abcde");
 }
 
 TEST_F(SimulatedPeerTest, AReadDeliversAtMostItsMaximum) {
   peer_->send("abcde");
   read(1, 2);
   simulation_.run();
-  EXPECT_EQ(read_.text, "ab");
+  EXPECT_EQ(read_.lastText(), "ab");
   EXPECT_EQ(peer_->unreadBytes(), 3U);
   read(1, 2);
   simulation_.run();
-  EXPECT_EQ(read_.text, "cd");
+  EXPECT_EQ(read_.lastText(), "cd");
   read(1, 2);
   simulation_.run();
-  EXPECT_EQ(read_.text, "e");
+  EXPECT_EQ(read_.lastText(), "e");
   EXPECT_EQ(peer_->unreadBytes(), 0U);
 }
 
@@ -70,12 +72,12 @@ TEST_F(SimulatedPeerTest, TheEndComesAfterWhatWasSent) {
   peer_->endSending();
   read();
   simulation_.run();
-  EXPECT_EQ(read_.text, "last");
+  EXPECT_EQ(read_.lastText(), "last");
   read();
   simulation_.run();
-  EXPECT_EQ(read_.count, 2);
-  EXPECT_TRUE(read_.isEnd);
-  EXPECT_FALSE(read_.isEmptyData);
+  EXPECT_EQ(read_.count(), 2);
+  EXPECT_TRUE(read_.isEnd());
+  EXPECT_FALSE(read_.isEmptyData());
 }
 
 TEST_F(SimulatedPeerTest, TheEndDeliversLessThanAMinimum) {
@@ -83,15 +85,15 @@ TEST_F(SimulatedPeerTest, TheEndDeliversLessThanAMinimum) {
   peer_->send("abc");
   peer_->endSending();
   simulation_.run();
-  EXPECT_EQ(read_.text, "abc");
+  EXPECT_EQ(read_.lastText(), "abc");
 }
 
 TEST_F(SimulatedPeerTest, TheEndMayBeEmptyData) {
   peer_->endSending(EndOfStream::emptyData);
   read();
   simulation_.run();
-  EXPECT_TRUE(read_.isEnd);
-  EXPECT_TRUE(read_.isEmptyData);
+  EXPECT_TRUE(read_.isEnd());
+  EXPECT_TRUE(read_.isEmptyData());
 }
 
 TEST_F(SimulatedPeerTest, TheEndIsReportedAgainAndAgain) {
@@ -99,8 +101,8 @@ TEST_F(SimulatedPeerTest, TheEndIsReportedAgainAndAgain) {
   for (int i = 1; i <= 3; ++i) {
     read();
     simulation_.run();
-    EXPECT_EQ(read_.count, i);
-    EXPECT_TRUE(read_.isEnd);
+    EXPECT_EQ(read_.count(), i);
+    EXPECT_TRUE(read_.isEnd());
   }
 }
 
@@ -129,8 +131,8 @@ TEST_F(SimulatedPeerTest, AReadAndAWriteMayBeOutstandingTogether) {
   write("a");
   peer_->send("b");
   simulation_.run();
-  EXPECT_EQ(read_.text, "b");
-  EXPECT_EQ(written_.count, 1);
+  EXPECT_EQ(read_.lastText(), "b");
+  EXPECT_EQ(written_.count(), 1);
 }
 
 TEST_F(SimulatedPeerTest, ACompletionMayStartTheNextOperation) {
@@ -154,17 +156,17 @@ TEST_F(SimulatedPeerTest, WriteCompletionsAreHeldBackAndReleasedOneByOne) {
   peer_->holdWrites();
   write("a");
   simulation_.run();
-  EXPECT_EQ(written_.count, 0);
+  EXPECT_EQ(written_.count(), 0);
   EXPECT_TRUE(peer_->writeOutstanding());
   EXPECT_EQ(peer_->received(), "");
   peer_->releaseWrite();
-  EXPECT_EQ(written_.count, 0);
+  EXPECT_EQ(written_.count(), 0);
   simulation_.run();
-  EXPECT_EQ(written_.count, 1);
+  EXPECT_EQ(written_.count(), 1);
   EXPECT_EQ(peer_->received(), "a");
   write("b");
   simulation_.run();
-  EXPECT_EQ(written_.count, 1);
+  EXPECT_EQ(written_.count(), 1);
 }
 
 TEST_F(SimulatedPeerTest, WritesThatAreNotHeldAnyMoreComplete) {
@@ -173,10 +175,10 @@ TEST_F(SimulatedPeerTest, WritesThatAreNotHeldAnyMoreComplete) {
   simulation_.run();
   peer_->releaseWrites();
   simulation_.run();
-  EXPECT_EQ(written_.count, 1);
+  EXPECT_EQ(written_.count(), 1);
   write("b");
   simulation_.run();
-  EXPECT_EQ(written_.count, 2);
+  EXPECT_EQ(written_.count(), 2);
 }
 
 TEST_F(SimulatedPeerTest, ReleasingNothingIsAnError) {
@@ -192,16 +194,16 @@ TEST_F(SimulatedPeerTest, ReadsFailFromNowOn) {
   read();
   peer_->failReads(kError);
   simulation_.run();
-  EXPECT_EQ(read_.count, 1);
-  EXPECT_EQ(read_.error, kError);
-  EXPECT_EQ(read_.text, "");
+  EXPECT_EQ(read_.count(), 1);
+  EXPECT_EQ(read_.error(), kError);
+  EXPECT_EQ(read_.lastText(), "");
   read();
   simulation_.run();
-  EXPECT_EQ(read_.count, 2);
-  EXPECT_EQ(read_.error, kError);
+  EXPECT_EQ(read_.count(), 2);
+  EXPECT_EQ(read_.error(), kError);
   write("still works");
   simulation_.run();
-  EXPECT_FALSE(written_.error);
+  EXPECT_FALSE(written_.error());
 }
 
 TEST_F(SimulatedPeerTest, WritesFailFromNowOnAlsoAHeldOne) {
@@ -210,14 +212,14 @@ TEST_F(SimulatedPeerTest, WritesFailFromNowOnAlsoAHeldOne) {
   simulation_.run();
   peer_->failWrites(kError);
   simulation_.run();
-  EXPECT_EQ(written_.count, 1);
-  EXPECT_EQ(written_.error, kError);
+  EXPECT_EQ(written_.count(), 1);
+  EXPECT_EQ(written_.error(), kError);
   EXPECT_EQ(peer_->received(), "");
   EXPECT_EQ(peer_->writes(), (std::vector<std::string>{"lost"}));
   peer_->send("still works");
   read();
   simulation_.run();
-  EXPECT_EQ(read_.text, "still works");
+  EXPECT_EQ(read_.lastText(), "still works");
 }
 
 TEST_F(SimulatedPeerTest, AResetFailsBothDirections) {
@@ -226,8 +228,8 @@ TEST_F(SimulatedPeerTest, AResetFailsBothDirections) {
   write("x");
   peer_->reset();
   simulation_.run();
-  EXPECT_EQ(read_.error->code, ECONNRESET);
-  EXPECT_EQ(written_.error->code, ECONNRESET);
+  EXPECT_EQ(read_.error()->code, ECONNRESET);
+  EXPECT_EQ(written_.error()->code, ECONNRESET);
 }
 
 TEST_F(SimulatedPeerTest, LargeTransfersArriveWhole) {
@@ -240,12 +242,12 @@ TEST_F(SimulatedPeerTest, LargeTransfersArriveWhole) {
     peer_->send(std::string_view(sent).substr(at, 1000));
     read(1, 700);
     simulation_.run();
-    text += read_.text;
+    text += read_.lastText();
   }
   while (peer_->unreadBytes() > 0) {
     read(1, 700);
     simulation_.run();
-    text += read_.text;
+    text += read_.lastText();
   }
   EXPECT_EQ(text, sent);
 }
@@ -257,12 +259,12 @@ TEST(SeededSimulatedPeerTest, BothFormsOfTheEndOccur) {
     const auto flow = simulation.makeTCPFlow("app", std::nullopt);
     flow->open(std::nullopt, [](const auto&) {});
     simulation.run();
-    ReadOutcome read;
+    Outcome read;
     flow->application()->endSending();
-    flow->read(read.completion());
+    flow->read(read.readCompletion());
     simulation.run();
-    EXPECT_TRUE(read.isEnd);
-    empty += read.isEmptyData ? 1 : 0;
+    EXPECT_TRUE(read.isEnd());
+    empty += read.isEmptyData() ? 1 : 0;
   }
   EXPECT_GT(empty, 20);
   EXPECT_LT(empty, 80);

@@ -12,10 +12,12 @@
 
 #include "Platform/Simulation/SimulatedError.h"
 #include "Platform/Simulation/Simulation.h"
-#include "Tests/Platform/Simulation/Outcomes.h"
+#include "Tests/Support/Outcome.h"
 
 namespace ostravel::simulation {
 namespace {
+
+using testing::Outcome;
 
 using platform::TCPConnectionState;
 using States = std::vector<TCPConnectionState>;
@@ -37,13 +39,13 @@ class StateObserver : public platform::KeyValueObserver {
   std::function<void()> onChange;
 };
 
-class SimulatedTCPConnectionTest : public testing::Test {
+class SimulatedTCPConnectionTest : public ::testing::Test {
  protected:
   Simulation simulation_;
   std::shared_ptr<SimulatedTCPConnection> connection_ = make();
   const std::shared_ptr<SimulatedPeer> peer_ = connection_->peer();
   std::shared_ptr<StateObserver> observer_ = std::make_shared<StateObserver>();
-  ReadOutcome read_;
+  Outcome read_;
   Outcome written_;
 
  private:
@@ -96,36 +98,36 @@ TEST_F(SimulatedTCPConnectionTest, AStateThatDoesNotChangeIsNotObserved) {
 }
 
 TEST_F(SimulatedTCPConnectionTest, TransfersWaitForTheConnection) {
-  connection_->read(1, 100, read_.completion());
+  connection_->read(1, 100, read_.readCompletion());
   connection_->write(platform::Data::copyOf("request"), written_.completion());
   peer_->send("early");
   simulation_.run();
-  EXPECT_EQ(read_.count + written_.count, 0);
+  EXPECT_EQ(read_.count() + written_.count(), 0);
   connection_->accept();
   simulation_.run();
-  EXPECT_EQ(read_.text, "early");
+  EXPECT_EQ(read_.lastText(), "early");
   EXPECT_EQ(peer_->received(), "request");
 }
 
 TEST_F(SimulatedTCPConnectionTest, ARefusalFailsWhatIsOutstanding) {
-  connection_->read(1, 100, read_.completion());
+  connection_->read(1, 100, read_.readCompletion());
   connection_->write(platform::Data::copyOf("request"), written_.completion());
   connection_->refuse(kError);
   simulation_.run();
-  EXPECT_EQ(read_.error, kError);
-  EXPECT_EQ(written_.error, kError);
+  EXPECT_EQ(read_.error(), kError);
+  EXPECT_EQ(written_.error(), kError);
 }
 
 TEST_F(SimulatedTCPConnectionTest, IsDisconnectedOnceTheEndWasRead) {
   connection_->accept();
   peer_->send("x");
   peer_->endSending();
-  connection_->read(1, 100, read_.completion());
+  connection_->read(1, 100, read_.readCompletion());
   simulation_.run();
   EXPECT_EQ(connection_->state(), TCPConnectionState::connected);
-  connection_->read(1, 100, read_.completion());
+  connection_->read(1, 100, read_.readCompletion());
   simulation_.run();
-  EXPECT_TRUE(read_.isEnd);
+  EXPECT_TRUE(read_.isEnd());
   EXPECT_EQ(connection_->state(), TCPConnectionState::disconnected);
   EXPECT_FALSE(connection_->error());
 }
@@ -146,12 +148,12 @@ TEST_F(SimulatedTCPConnectionTest, CancelEndsInOrderAndFailsWhatIsOutstanding) {
   connection_->accept();
   connection_->write(platform::Data::copyOf("acknowledged"), written_.completion());
   simulation_.run();
-  connection_->read(1, 100, read_.completion());
+  connection_->read(1, 100, read_.readCompletion());
   connection_->cancel();
-  EXPECT_EQ(read_.count, 0);
+  EXPECT_EQ(read_.count(), 0);
   simulation_.run();
-  EXPECT_EQ(read_.count, 1);
-  EXPECT_EQ(read_.error->code, ECANCELED);
+  EXPECT_EQ(read_.count(), 1);
+  EXPECT_EQ(read_.error()->code, ECANCELED);
   EXPECT_EQ(connection_->state(), TCPConnectionState::cancelled);
   EXPECT_EQ(observer_->seen.back(), TCPConnectionState::cancelled);
   EXPECT_TRUE(connection_->wasCancelled());
@@ -235,18 +237,18 @@ TEST_F(SimulatedTCPConnectionTest, AnObserverMayBeRemovedByItsDestructor) {
 
 TEST_F(SimulatedTCPConnectionTest, DestructionCancelsWhatIsOutstanding) {
   connection_->addObserver(observer_, "state");
-  connection_->read(1, 100, read_.completion());
+  connection_->read(1, 100, read_.readCompletion());
   connection_->write(platform::Data::copyOf("x"), written_.completion());
   connection_->accept();
   peer_->send("y");
   connection_.reset();
-  EXPECT_EQ(read_.count + written_.count, 0);
+  EXPECT_EQ(read_.count() + written_.count(), 0);
   simulation_.run();
   EXPECT_TRUE(observer_->seen.empty());
-  EXPECT_EQ(read_.count, 1);
-  EXPECT_EQ(read_.error, operationCancelled());
-  EXPECT_EQ(written_.count, 1);
-  EXPECT_EQ(written_.error, operationCancelled());
+  EXPECT_EQ(read_.count(), 1);
+  EXPECT_EQ(read_.error(), operationCancelled());
+  EXPECT_EQ(written_.count(), 1);
+  EXPECT_EQ(written_.error(), operationCancelled());
 }
 
 TEST_F(SimulatedTCPConnectionTest, DestroyedWithoutCancelItIsResetForThePeer) {

@@ -10,14 +10,16 @@
 
 #include "Platform/Simulation/SimulatedError.h"
 #include "Platform/Simulation/Simulation.h"
-#include "Tests/Platform/Simulation/Outcomes.h"
+#include "Tests/Support/Outcome.h"
 
 namespace ostravel::simulation {
 namespace {
 
+using testing::Outcome;
+
 using Lines = std::vector<std::string>;
 
-class SimulatedTCPFlowTest : public testing::Test {
+class SimulatedTCPFlowTest : public ::testing::Test {
  protected:
   void open() {
     flow_->open(std::nullopt, opened_.completion());
@@ -29,7 +31,7 @@ class SimulatedTCPFlowTest : public testing::Test {
       simulation_.makeTCPFlow("com.example.app", {{"example.com", "443"}});
   const std::shared_ptr<SimulatedPeer> application_ = flow_->application();
   Outcome opened_;
-  ReadOutcome read_;
+  Outcome read_;
   Outcome written_;
 };
 
@@ -49,10 +51,10 @@ TEST_F(SimulatedTCPFlowTest, FlowsAreNumbered) {
 TEST_F(SimulatedTCPFlowTest, OpensThroughTheRunQueue) {
   EXPECT_FALSE(flow_->openWasRequested());
   flow_->open({{"192.0.2.1", "1"}}, opened_.completion());
-  EXPECT_EQ(opened_.count, 0);
+  EXPECT_EQ(opened_.count(), 0);
   simulation_.run();
-  EXPECT_EQ(opened_.count, 1);
-  EXPECT_FALSE(opened_.error);
+  EXPECT_EQ(opened_.count(), 1);
+  EXPECT_FALSE(opened_.error());
   EXPECT_TRUE(flow_->openWasRequested());
   EXPECT_EQ(flow_->requestedLocalEndpoint(), (platform::HostEndpoint{"192.0.2.1", "1"}));
 }
@@ -60,19 +62,19 @@ TEST_F(SimulatedTCPFlowTest, OpensThroughTheRunQueue) {
 TEST_F(SimulatedTCPFlowTest, OpeningFailsOnRequest) {
   flow_->failOpen(kError);
   open();
-  EXPECT_EQ(opened_.count, 1);
-  EXPECT_EQ(opened_.error, kError);
-  EXPECT_THROW(flow_->read(read_.completion()), std::logic_error);
+  EXPECT_EQ(opened_.count(), 1);
+  EXPECT_EQ(opened_.error(), kError);
+  EXPECT_THROW(flow_->read(read_.readCompletion()), std::logic_error);
 }
 
 TEST_F(SimulatedTCPFlowTest, OpeningMayBeDelayed) {
   flow_->holdOpen();
   open();
-  EXPECT_EQ(opened_.count, 0);
+  EXPECT_EQ(opened_.count(), 0);
   flow_->releaseOpen();
-  EXPECT_EQ(opened_.count, 0);
+  EXPECT_EQ(opened_.count(), 0);
   simulation_.run();
-  EXPECT_EQ(opened_.count, 1);
+  EXPECT_EQ(opened_.count(), 1);
 }
 
 TEST_F(SimulatedTCPFlowTest, ADelayedOpeningMayFail) {
@@ -80,11 +82,11 @@ TEST_F(SimulatedTCPFlowTest, ADelayedOpeningMayFail) {
   open();
   flow_->failOpen(kError);
   simulation_.run();
-  EXPECT_EQ(opened_.count, 0);
+  EXPECT_EQ(opened_.count(), 0);
   flow_->releaseOpen();
   simulation_.run();
-  EXPECT_EQ(opened_.count, 1);
-  EXPECT_EQ(opened_.error, kError);
+  EXPECT_EQ(opened_.count(), 1);
+  EXPECT_EQ(opened_.error(), kError);
 }
 
 TEST_F(SimulatedTCPFlowTest, OpeningTwiceIsAnError) {
@@ -93,7 +95,7 @@ TEST_F(SimulatedTCPFlowTest, OpeningTwiceIsAnError) {
 }
 
 TEST_F(SimulatedTCPFlowTest, ReadingOrWritingBeforeItIsOpenIsAnError) {
-  EXPECT_THROW(flow_->read(read_.completion()), std::logic_error);
+  EXPECT_THROW(flow_->read(read_.readCompletion()), std::logic_error);
   flow_->open(std::nullopt, opened_.completion());
   EXPECT_THROW(flow_->write(platform::Data::copyOf("x"), written_.completion()), std::logic_error);
 }
@@ -102,23 +104,23 @@ TEST_F(SimulatedTCPFlowTest, ReadsEverythingThatTheApplicationHasSent) {
   application_->send("before open, ");
   open();
   application_->send("after it");
-  flow_->read(read_.completion());
-  EXPECT_EQ(read_.count, 0);
+  flow_->read(read_.readCompletion());
+  EXPECT_EQ(read_.count(), 0);
   simulation_.run();
-  EXPECT_EQ(read_.count, 1);
-  EXPECT_EQ(read_.text, "before open, after it");
+  EXPECT_EQ(read_.count(), 1);
+  EXPECT_EQ(read_.lastText(), "before open, after it");
   EXPECT_EQ(application_->unreadBytes(), 0U);
 }
 
 TEST_F(SimulatedTCPFlowTest, AReadWaitsForBytes) {
   open();
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   simulation_.run();
-  EXPECT_EQ(read_.count, 0);
+  EXPECT_EQ(read_.count(), 0);
   EXPECT_TRUE(application_->readOutstanding());
   application_->send("x");
   simulation_.run();
-  EXPECT_EQ(read_.text, "x");
+  EXPECT_EQ(read_.lastText(), "x");
   EXPECT_FALSE(application_->readOutstanding());
 }
 
@@ -127,10 +129,10 @@ TEST_F(SimulatedTCPFlowTest, WritesReachTheApplication) {
   flow_->write(platform::Data::copyOf("hello"), written_.completion());
   EXPECT_EQ(application_->writes(), (Lines{"hello"}));
   EXPECT_EQ(application_->received(), "");
-  EXPECT_EQ(written_.count, 0);
+  EXPECT_EQ(written_.count(), 0);
   simulation_.run();
-  EXPECT_EQ(written_.count, 1);
-  EXPECT_FALSE(written_.error);
+  EXPECT_EQ(written_.count(), 1);
+  EXPECT_FALSE(written_.error());
   EXPECT_EQ(application_->received(), "hello");
 }
 
@@ -168,7 +170,7 @@ TEST_F(SimulatedTCPFlowTest, ACloseWithAnErrorBeforeAnythingWasAskedForGivesTheF
 
 TEST_F(SimulatedTCPFlowTest, ACloseWithAnErrorIsAResetForTheApplication) {
   open();
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   flow_->closeRead(kError);
   EXPECT_TRUE(application_->sawReset());
   EXPECT_FALSE(application_->sawEnd());
@@ -178,16 +180,16 @@ TEST_F(SimulatedTCPFlowTest, ACloseWithAnErrorIsAResetForTheApplication) {
 TEST_F(SimulatedTCPFlowTest, ClosingEndsWhatIsOutstandingWithAnError) {
   open();
   application_->holdWrites();
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   flow_->write(platform::Data::copyOf("lost"), written_.completion());
   flow_->closeRead(std::nullopt);
   flow_->closeWrite(std::nullopt);
-  EXPECT_EQ(read_.count + written_.count, 0);
+  EXPECT_EQ(read_.count() + written_.count(), 0);
   simulation_.run();
-  EXPECT_EQ(read_.count, 1);
-  EXPECT_TRUE(read_.error);
-  EXPECT_EQ(written_.count, 1);
-  EXPECT_TRUE(written_.error);
+  EXPECT_EQ(read_.count(), 1);
+  EXPECT_TRUE(read_.error());
+  EXPECT_EQ(written_.count(), 1);
+  EXPECT_TRUE(written_.error());
   EXPECT_EQ(application_->received(), "");
 }
 
@@ -196,11 +198,11 @@ TEST_F(SimulatedTCPFlowTest, NothingIsTransferredAfterClosing) {
   flow_->closeRead(std::nullopt);
   flow_->closeWrite(std::nullopt);
   application_->send("unheard");
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   flow_->write(platform::Data::copyOf("x"), written_.completion());
   simulation_.run();
-  EXPECT_TRUE(read_.error);
-  EXPECT_TRUE(written_.error);
+  EXPECT_TRUE(read_.error());
+  EXPECT_TRUE(written_.error());
   EXPECT_EQ(application_->received(), "");
 }
 
@@ -222,7 +224,7 @@ TEST_F(SimulatedTCPFlowTest, DestroyedBeforeItCarriedAnythingItIsLeftToTheSystem
 TEST_F(SimulatedTCPFlowTest, DestroyedAfterATransferItIsReset) {
   open();
   application_->send("x");
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   simulation_.run();
   flow_.reset();
   EXPECT_FALSE(application_->wasLeftToSystem());
@@ -232,7 +234,7 @@ TEST_F(SimulatedTCPFlowTest, DestroyedAfterATransferItIsReset) {
 TEST_F(SimulatedTCPFlowTest, DestroyedAfterAnOrderlyCloseItIsNotReset) {
   open();
   application_->send("x");
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   simulation_.run();
   flow_->closeRead(std::nullopt);
   flow_->closeWrite(std::nullopt);
@@ -246,21 +248,21 @@ TEST_F(SimulatedTCPFlowTest, DestructionCancelsWhatIsOutstanding) {
   open();
   opened_ = {};
   application_->send("x");
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   flow_->write(platform::Data::copyOf("y"), written_.completion());
   const auto other = simulation_.makeTCPFlow("other", std::nullopt);
   auto unopened = simulation_.makeTCPFlow("unopened", std::nullopt);
   unopened->open(std::nullopt, opened_.completion());
   unopened.reset();
   flow_.reset();
-  EXPECT_EQ(opened_.count + read_.count + written_.count, 0);
+  EXPECT_EQ(opened_.count() + read_.count() + written_.count(), 0);
   simulation_.run();
-  EXPECT_EQ(opened_.count, 1);
-  EXPECT_EQ(opened_.error, operationCancelled());
-  EXPECT_EQ(read_.count, 1);
-  EXPECT_EQ(read_.error, operationCancelled());
-  EXPECT_EQ(written_.count, 1);
-  EXPECT_EQ(written_.error, operationCancelled());
+  EXPECT_EQ(opened_.count(), 1);
+  EXPECT_EQ(opened_.error(), operationCancelled());
+  EXPECT_EQ(read_.count(), 1);
+  EXPECT_EQ(read_.error(), operationCancelled());
+  EXPECT_EQ(written_.count(), 1);
+  EXPECT_EQ(written_.error(), operationCancelled());
   EXPECT_EQ(application_->received(), "");
 }
 
@@ -291,12 +293,12 @@ TEST_F(SimulatedTCPFlowTest, WhatACompletionHoldsDiesWithTheRun) {
 TEST_F(SimulatedTCPFlowTest, ItsLifeIsInTheJournal) {
   open();
   application_->send("hello");
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   simulation_.run();
   flow_->write(platform::Data::copyOf("a"), written_.completion());
   simulation_.run();
   application_->endSending();
-  flow_->read(read_.completion());
+  flow_->read(read_.readCompletion());
   simulation_.run();
   flow_->closeRead(std::nullopt);
   flow_->closeWrite(std::nullopt);

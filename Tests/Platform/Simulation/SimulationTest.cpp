@@ -12,10 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "Tests/Platform/Simulation/Outcomes.h"
+#include "Tests/Support/Outcome.h"
 
 namespace ostravel::simulation {
 namespace {
+
+using testing::Outcome;
 
 using namespace std::chrono_literals;
 
@@ -43,10 +45,10 @@ TEST(SimulationTest, NetworkSettingsAreRecordedAndAnsweredWithSuccess) {
   auto asked = settings("127.0.0.1");
   asked.includedNetworkRules.push_back({{"0.0.0.0", "443"}, 0, platform::NetworkRuleProtocol::udp});
   simulation.setTunnelNetworkSettings(asked, outcome.completion());
-  EXPECT_EQ(outcome.count, 0);
+  EXPECT_EQ(outcome.count(), 0);
   simulation.run();
-  EXPECT_EQ(outcome.count, 1);
-  EXPECT_FALSE(outcome.error);
+  EXPECT_EQ(outcome.count(), 1);
+  EXPECT_FALSE(outcome.error());
   ASSERT_EQ(simulation.networkSettings().size(), 1U);
   EXPECT_EQ(simulation.networkSettings()[0].tunnelRemoteAddress, "127.0.0.1");
   EXPECT_EQ(simulation.networkSettings()[0].includedNetworkRules, asked.includedNetworkRules);
@@ -58,7 +60,7 @@ TEST(SimulationTest, NetworkSettingsMayFail) {
   simulation.answerNetworkSettings(kError);
   simulation.setTunnelNetworkSettings(settings("127.0.0.1"), outcome.completion());
   simulation.run();
-  EXPECT_EQ(outcome.error, kError);
+  EXPECT_EQ(outcome.error(), kError);
 }
 
 TEST(SimulationTest, NetworkSettingsMayBeAnsweredLater) {
@@ -69,14 +71,14 @@ TEST(SimulationTest, NetworkSettingsMayBeAnsweredLater) {
   simulation.setTunnelNetworkSettings(settings("a"), first.completion());
   simulation.setTunnelNetworkSettings(settings("b"), second.completion());
   simulation.advance(1h);
-  EXPECT_EQ(first.count + second.count, 0);
+  EXPECT_EQ(first.count() + second.count(), 0);
   simulation.completeNetworkSettings(kError);
   simulation.run();
-  EXPECT_EQ(first.error, kError);
-  EXPECT_EQ(second.count, 0);
+  EXPECT_EQ(first.error(), kError);
+  EXPECT_EQ(second.count(), 0);
   simulation.completeNetworkSettings(std::nullopt);
   simulation.run();
-  EXPECT_EQ(second.count, 1);
+  EXPECT_EQ(second.count(), 1);
   EXPECT_THROW(simulation.completeNetworkSettings(std::nullopt), std::logic_error);
 }
 

@@ -1,15 +1,15 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "Platform/Interface/Completion.h"
 
-namespace ostravel::contract {
+namespace ostravel::testing {
 
 // Starts an operation. A completion of an Outcome that runs inside the call is noticed by it.
 class CallInProgress {
@@ -44,12 +44,14 @@ class Outcome {
       ++state->count;
       state->ranInsideCall |= CallInProgress::isRunning();
       state->error = std::move(error);
-      state->lastSize = data ? data->size() : 0;
+      state->lastText.clear();
       if (data) {
         const auto bytes = data->bytes();
-        state->text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        state->lastText.assign(reinterpret_cast<const char*>(bytes.data()), bytes.size());
       }
-      state->sawEnd |= state->lastSize == 0 && !state->error;
+      state->text += state->lastText;
+      state->isEmptyData = data && data->empty();
+      state->isEnd = state->lastText.empty() && !state->error;
     };
   }
 
@@ -57,11 +59,14 @@ class Outcome {
   bool isDone() const { return count() > 0; }
   // Of the last one that completed.
   platform::OptionalError error() const { return locked(&State::error); }
-  std::size_t lastSize() const { return locked(&State::lastSize); }
+  // What the last read delivered.
+  std::string lastText() const { return locked(&State::lastText); }
+  std::size_t lastSize() const { return lastText().size(); }
   // Everything that was read.
   std::string text() const { return locked(&State::text); }
-  // A read reported the end of the stream.
-  bool sawEnd() const { return locked(&State::sawEnd); }
+  // The last read reported the end of the stream, and whether it did so with data of no bytes.
+  bool isEnd() const { return locked(&State::isEnd); }
+  bool isEmptyData() const { return locked(&State::isEmptyData); }
   bool ranInsideCall() const { return locked(&State::ranInsideCall); }
 
  private:
@@ -69,9 +74,10 @@ class Outcome {
     std::mutex lock;
     int count = 0;
     platform::OptionalError error;
-    std::size_t lastSize = 0;
+    std::string lastText;
     std::string text;
-    bool sawEnd = false;
+    bool isEnd = false;
+    bool isEmptyData = false;
     bool ranInsideCall = false;
   };
 
@@ -81,7 +87,7 @@ class Outcome {
     return (*state_).*member;
   }
 
-  const std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
-}  // namespace ostravel::contract
+}  // namespace ostravel::testing
