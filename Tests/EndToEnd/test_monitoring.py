@@ -95,6 +95,7 @@ def test_the_log_of_a_run_is_exactly_this(laboratory):
         ("info", "OstravelProxy: init()"),
         ("info", "OstravelProxy: Starting Proxy provider..."),
         ("info", "OstravelProxy: Rules summary included=32 excluded=2 httpsOnly=false"),
+        ("info", "OstravelProxy: Registrations in force count=0"),
         ("info", "OstravelProxy: Rules set successfully"),
         ("info", f"OstravelProxy: {found}"),
         *[

@@ -289,7 +289,7 @@ def test_live_reports_a_missing_permission(laboratory):
 # The commands at the root
 
 
-ROOT = JOBS.parents[1]
+ROOT = pathlib.Path(JOBS).parents[1]
 
 
 def run_command(*arguments, **options):
@@ -312,7 +312,7 @@ def test_live_reports_that_nft_is_missing(laboratory, tmp_path):
     for name in ("ss", "ip"):
         (tmp_path / name).symlink_to(f"/usr/bin/{name}")
     program = laboratory.start(
-        ["env", f"PATH={tmp_path}", PYTHON, "-B", str(JOBS / "live.py"),
+        ["env", f"PATH={tmp_path}", PYTHON, "-B", JOBS, "live",
          laboratory.programs_folder],
         name="live",
     )  # fmt: skip

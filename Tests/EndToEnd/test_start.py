@@ -6,8 +6,9 @@ import socket
 
 import pytest
 
-from laboratory import PEER_PORT, THERE4, log_lines
-from program import GENEROUS_SECONDS
+from Laboratory.lines import GENEROUS_SECONDS
+from Laboratory.network import THERE4
+from laboratory import PEER_PORT, log_lines
 
 READS_PROCESSES = "+sys_ptrace,+dac_read_search"
 

@@ -65,21 +65,20 @@ int openSocket(int family, int flags = 0) {
   return descriptor;
 }
 
-// get is getsockname or getpeername.
-std::uint16_t portOf(int descriptor, int (*get)(int, sockaddr*, socklen_t*)) {
-  Address address;
-  address.size = sizeof(address.storage);
-  if (get(descriptor, address.get(), &address.size) != 0) {
-    fail("address of a socket");
-  }
-  // The port has the same place in the address of either family.
-  sockaddr_in bound{};
-  std::memcpy(&bound, &address.storage, sizeof(bound));
-  return ntohs(bound.sin_port);
+// The port has the same place in the address of either family.
+std::uint16_t portIn(const Address& address) {
+  sockaddr_in internet{};
+  std::memcpy(&internet, &address.storage, sizeof(internet));
+  return ntohs(internet.sin_port);
 }
 
 std::uint16_t localPortOf(int descriptor) {
-  return portOf(descriptor, &::getsockname);
+  Address address;
+  address.size = sizeof(address.storage);
+  if (::getsockname(descriptor, address.get(), &address.size) != 0) {
+    fail("address of a socket");
+  }
+  return portIn(address);
 }
 
 void bindSocket(int descriptor, const Address& address) {
@@ -321,12 +320,12 @@ TestSocket TestListener::accept() const {
   if (!accepted) {
     fail("nobody connected");
   }
-  return *std::move(accepted);
+  return std::move(accepted->socket);
 }
 
 std::uint16_t TestListener::acceptOne(std::chrono::milliseconds time) const {
   const auto accepted = acceptWithin(time);
-  return accepted ? portOf(accepted->descriptor(), &::getpeername) : 0;
+  return accepted ? accepted->sourcePort : 0;
 }
 
 std::uint16_t TestListener::acceptAndResetOne(std::chrono::milliseconds time) const {
@@ -334,20 +333,23 @@ std::uint16_t TestListener::acceptAndResetOne(std::chrono::milliseconds time) co
   if (!accepted) {
     return 0;
   }
-  const std::uint16_t port = portOf(accepted->descriptor(), &::getpeername);
-  accepted->reset();
-  return port;
+  accepted->socket.reset();
+  return accepted->sourcePort;
 }
 
-std::optional<TestSocket> TestListener::acceptWithin(std::chrono::milliseconds time) const {
+std::optional<TestListener::Accepted> TestListener::acceptWithin(
+    std::chrono::milliseconds time) const {
   if (!waitFor(descriptor_, POLLIN, time)) {
     return std::nullopt;
   }
-  const int descriptor = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
+  // A connection that has been reset meanwhile has no peer to ask for any more.
+  Address peer;
+  peer.size = sizeof(peer.storage);
+  const int descriptor = ::accept4(descriptor_, peer.get(), &peer.size, SOCK_CLOEXEC);
   if (descriptor < 0) {
     fail("accept");
   }
-  return TestSocket(descriptor);
+  return Accepted{TestSocket(descriptor), portIn(peer)};
 }
 
 std::uint16_t closedPort() {

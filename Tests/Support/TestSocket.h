@@ -78,7 +78,12 @@ class TestListener {
   std::uint16_t acceptAndResetOne(std::chrono::milliseconds time) const;
 
  private:
-  std::optional<TestSocket> acceptWithin(std::chrono::milliseconds time) const;
+  struct Accepted {
+    TestSocket socket;
+    std::uint16_t sourcePort = 0;
+  };
+
+  std::optional<Accepted> acceptWithin(std::chrono::milliseconds time) const;
 
   int descriptor_;
   std::string address_;
