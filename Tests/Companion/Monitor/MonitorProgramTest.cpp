@@ -137,6 +137,14 @@ TEST_F(MonitorProgramTest, RemovesItsSocketWhenSignalledToEnd) {
   }
 }
 
+TEST_F(MonitorProgramTest, EndsOnASignalThatComesJustBeforeItWaits) {
+  ChildProcess::Options signalled = options();
+  signalled.environment.push_back("LD_PRELOAD=" OSTRAVEL_SIGNAL_BEFORE_WAIT);
+  ChildProcess monitor(command(), signalled);
+  EXPECT_EQ(monitor.waitForExit(), 0);
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
 TEST_F(MonitorProgramTest, StartsAgainAfterACrash) {
   {
     ChildProcess monitor(command(), options());
