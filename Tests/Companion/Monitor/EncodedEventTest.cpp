@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Companion/Monitor/ReceivedEvent.h"
+#include "Extension/ProxyTunnelCore/MonitoringEventKind.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringEvent.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringFrameEncoder.h"
 #include "Tests/Companion/Monitor/EventSamples.h"
@@ -45,6 +46,19 @@ TEST(EncodedEventTest, IsTheSampleOfTheOtherTests) {
   EXPECT_EQ(event.appId, sample.appId);
   EXPECT_EQ(event.details, sample.details);
   EXPECT_EQ(event.timestamp, sample.timestamp);
+}
+
+TEST(EncodedEventTest, SamplesAreOfKindsThatTheExtensionSends) {
+  const auto expectKind = [](const std::string& sample, const MonitoringEventKind& kind) {
+    const ReceivedEvent event = std::get<ReceivedEvent>(parseReceivedEvent(sample));
+    EXPECT_EQ(event.signal, kind.signal);
+    EXPECT_EQ(event.message, kind.message);
+    EXPECT_EQ(event.level, rawValue(kind.level));
+    EXPECT_NE(sample.find("\"code\":\"" + std::string(kind.code) + "\""), std::string::npos);
+  };
+  expectKind(test::kEvent, monitoring_events::kHandshakeSucceeded);
+  expectKind(test::kTunnelClosed, monitoring_events::kTunnelClosedWithError);
+  expectKind(test::kProviderStarted, monitoring_events::kProviderStarted);
 }
 
 TEST(EncodedEventTest, KeepsEveryCharacterOfItsTexts) {
