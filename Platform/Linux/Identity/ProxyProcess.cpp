@@ -22,11 +22,17 @@ constexpr std::chrono::seconds kExecutablePatience{1};
 ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes,
                            std::uint16_t port, std::function<void(const std::string&)> warn,
                            std::optional<ListenerWatch> watch)
+    : ProxyProcess(diagnostics, processes, port, std::move(warn), SearchLimits(), watch) {}
+
+ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes,
+                           std::uint16_t port, std::function<void(const std::string&)> warn,
+                           const SearchLimits& limits, std::optional<ListenerWatch> watch)
     : diagnostics_(diagnostics),
       processes_(processes),
       address_{AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, port},
       warn_(std::move(warn)),
-      watch_(watch) {}
+      watch_(watch),
+      limits_(limits) {}
 
 ProxyProcess::State ProxyProcess::refresh(std::optional<pid_t> sender) {
   if (!watch_) {
@@ -106,7 +112,7 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
     return State::unknown;
   }
   const SearchAllowance::Charge charge(allowance, std::nullopt, SearchAllowance::Counted::work);
-  const auto result = search_->proceed(SearchBudget(kSearchBudget, kLongestSearch));
+  const auto result = search_->proceed(SearchBudget(limits_.work, limits_.longest));
   if (result == SocketHolderSearch::Result::unfinished) {
     return State::unknown;
   }

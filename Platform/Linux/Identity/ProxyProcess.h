@@ -22,7 +22,7 @@ namespace ostravel::linuxplatform {
 //
 // Queried for every flow: one exact look-up tells whether the socket is still the same. With a
 // watch, even this look-up is made only after something has changed. After a change its owner is
-// searched for within kSearchBudget per flow, and is unknown until found. Used by one thread at a
+// searched for within the limits per flow, and is unknown until found. Used by one thread at a
 // time.
 class ProxyProcess {
  public:
@@ -34,16 +34,22 @@ class ProxyProcess {
     known,
   };
 
-  // Search time per held first packet, nearly always enough to finish; spent once per start of the
-  // proxy.
-  static constexpr std::chrono::milliseconds kSearchBudget{20};
-  // The longest wait of that packet. It accommodates the budget on a machine that gives us a fifth
-  // of a core, and is well below the second after which TCP retransmits.
-  static constexpr std::chrono::milliseconds kLongestSearch{100};
+  struct SearchLimits {
+    // Search time per held first packet, nearly always enough to finish; spent once per start of
+    // the proxy.
+    std::chrono::milliseconds work{20};
+    // The longest wait of that packet. It accommodates the search time on a machine that gives us a
+    // fifth of a core, and is well below the second after which TCP retransmits.
+    std::chrono::milliseconds longest{100};
+  };
 
   // diagnostics and processes outlive this object. warn takes a sentence for people.
   ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
                std::function<void(const std::string&)> warn,
+               std::optional<ListenerWatch> watch = std::nullopt);
+  // Only tests have other limits.
+  ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
+               std::function<void(const std::string&)> warn, const SearchLimits& limits,
                std::optional<ListenerWatch> watch = std::nullopt);
 
   // Checks who listens now. If the owner has to be found, sender is the first candidate.
@@ -90,6 +96,7 @@ class ProxyProcess {
   std::optional<pid_t> watched_;
   // Present while nothing has changed since the last examination.
   std::optional<Settled> settled_;
+  const SearchLimits limits_;
   SocketInformation listener_;
   std::optional<Process> owner_;
   std::vector<Process> others_;
