@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "Tests/Platform/Linux/Support/ReceivingJournal.h"
+
 namespace ostravel::linuxplatform {
 namespace {
 
@@ -45,7 +47,7 @@ TEST(LinuxPlatformTest, MakesQueuesOfBothKinds) {
 }
 
 TEST(LinuxPlatformTest, LogsToStandardError) {
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   {
     LinuxPlatform platform({});
     platform.makeLog("OstravelNetworkExtension", "OstravelProxy")->info("OstravelProxy: one");
@@ -53,7 +55,7 @@ TEST(LinuxPlatformTest, LogsToStandardError) {
     platform.defaultLog().standard("OstravelProxy: two");
     platform.systemLog("OstravelProxy monitoring send failed: %{public}s\n");
   }
-  const std::string text = testing::internal::GetCapturedStderr();
+  const std::string text = ::testing::internal::GetCapturedStderr();
   EXPECT_NE(text.find("Z info    OstravelProxy: one\n"), std::string::npos) << text;
   EXPECT_NE(text.find("Z default OstravelProxy: two\n"), std::string::npos) << text;
   EXPECT_NE(text.find("Z error   OstravelProxy monitoring send failed: %{public}s\\n\n"),
@@ -63,25 +65,42 @@ TEST(LinuxPlatformTest, LogsToStandardError) {
 }
 
 TEST(LinuxPlatformTest, FlushingWritesTheLog) {
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   LinuxPlatform platform({});
   for (int line = 0; line < 1000; ++line) {
     platform.defaultLog().info("OstravelProxy: line");
   }
   platform.defaultLog().info("OstravelProxy: last");
   EXPECT_TRUE(platform.flushLog(steady_clock::now() + 60s));
-  EXPECT_TRUE(testing::internal::GetCapturedStderr().ends_with("Z info    OstravelProxy: last\n"));
+  EXPECT_TRUE(
+      ::testing::internal::GetCapturedStderr().ends_with("Z info    OstravelProxy: last\n"));
 }
 
 TEST(LinuxPlatformTest, TheJournalSinkWritesNothingToStandardError) {
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   {
     LinuxPlatform platform({.logSink = LinuxPlatform::LogSink::journal});
     platform.makeLog("s", "c")->error("OstravelProxy: elsewhere");
     platform.defaultLog().error("OstravelProxy: elsewhere");
     platform.systemLog("elsewhere");
   }
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(LinuxPlatformTest, LinesOfNoObjectHaveTheSystemsSubsystemAndCategory) {
+  ostravel::testing::withPrivateRun([] {
+    const ostravel::testing::ReceivingJournal journal;
+    LinuxPlatform platform({.logSink = LinuxPlatform::LogSink::journal});
+    platform.defaultLog().error("of no object");
+    platform.systemLog("of the system");
+    ASSERT_TRUE(platform.flushLog(steady_clock::now() + 60s));
+    for (const char* const line : {"of no object", "of the system"}) {
+      const auto fields = journal.nextEntry();
+      EXPECT_TRUE(fields.contains(std::string("MESSAGE=") + line));
+      EXPECT_TRUE(fields.contains("OSTRAVEL_SUBSYSTEM=OstravelNetworkExtension"));
+      EXPECT_TRUE(fields.contains("OSTRAVEL_CATEGORY=OstravelProxy"));
+    }
+  });
 }
 
 TEST(LinuxPlatformTest, HasNoBundle) {
