@@ -520,6 +520,8 @@ class HeldLookup : public PendingLookup {
 class ConnectProxyLookupTest : public ConnectProxyTest {
  protected:
   ConnectProxyLookupTest() {
+    // A lookup that takes too long is cancelled as well, and is not to pass for one of these.
+    limits_.lookup = 1h;
     lookUp_ = [control = control_](const HostPort&, LookupDone done) {
       control->started.set_value(std::move(done));
       return std::make_shared<HeldLookup>(control);
