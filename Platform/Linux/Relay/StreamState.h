@@ -1,0 +1,80 @@
+#pragma once
+
+#include <memory>
+#include <utility>
+
+#include "Platform/Interface/Error.h"
+#include "Platform/Linux/Relay/EventLoop.h"
+#include "Platform/Linux/Relay/LoopSocket.h"
+
+namespace ostravel::linuxplatform {
+
+class StreamSocket;
+
+// What the two directions of a stream share: its socket, how it failed, and how to run more work
+// for it on the loop. Owned by the StreamSocket. For the loop's thread.
+struct StreamState {
+  // The flow or connection that owns the stream, and outlives it.
+  class Owner {
+   public:
+    Owner() = default;
+    Owner(const Owner&) = delete;
+    Owner& operator=(const Owner&) = delete;
+    virtual ~Owner() = default;
+
+    // The stream, sharing ownership with its owner.
+    virtual std::shared_ptr<StreamSocket> sharedStream() = 0;
+    // The socket failed, or the peer has ended its direction. Called before the completion that
+    // reports it, possibly inside the call that detected it.
+    virtual void streamFailed(int error) = 0;
+    virtual void streamEnded() = 0;
+  };
+
+  // A handler for the loop that runs step(part), a part of the stream, unless the stream is gone by
+  // then.
+  template <typename Part, typename Step>
+  auto later(Part& part, Step step) {
+    return [weakPart = std::weak_ptr<Part>(std::shared_ptr<Part>(owner.sharedStream(), &part)),
+            step = std::move(step)]() mutable {
+      if (const auto found = weakPart.lock()) {
+        step(*found);
+      }
+    };
+  }
+
+  // The same for a wait, whose handler does nothing if the wait was cancelled.
+  template <typename Part, typename Step>
+  auto afterWait(Part& part, Step step) {
+    return [run = later(part, std::move(step))](asio::error_code error) mutable {
+      if (!error) {
+        run();
+      }
+    };
+  }
+
+  // Runs step(part) when it is the user's turn.
+  template <typename Part, typename Step>
+  void inTurn(Part& part, Step step) {
+    loop.turns().run(user.get(), later(part, std::move(step)));
+  }
+  void spendOfTurn(std::size_t bytes) { loop.turns().spend(user.get(), bytes); }
+
+  // Keeps the first error of the socket; later calls on it would report an end of stream instead.
+  void noteFailure(int error) {
+    if (socketError == 0) {
+      socketError = error;
+      owner.streamFailed(error);
+    }
+  }
+
+  EventLoop& loop;
+  Owner& owner;
+  // Charged for the stream's resources; null if unknown.
+  const std::shared_ptr<UserShare> user;
+  LoopSocket socket;
+  // The error that ended the stream as a whole.
+  std::unique_ptr<platform::Error> failure;
+  int socketError = 0;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,153 @@
+#include "Platform/Linux/Relay/StreamWriter.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <optional>
+#include <utility>
+
+#include "Platform/Linux/Relay/PipeChunk.h"
+#include "Platform/Linux/Relay/ProgrammingError.h"
+#include "Platform/Linux/Relay/SocketError.h"
+
+namespace ostravel::linuxplatform {
+
+using platform::Data;
+using platform::OptionalError;
+
+void StreamWriter::write(Data data, platform::ErrorCompletion completion) {
+  if (progress_ != Progress::none) {
+    programmingError("a write to a stream that is being written to");
+  }
+  progress_ = Progress::waiting;
+  completion_ = std::move(completion);
+  if (stream_.failure) {
+    finishLater(*stream_.failure);
+  } else if (isClosed_) {
+    finishLater(socketError(ECANCELED));
+  } else {
+    chunk_ = std::move(data);
+    sent_ = 0;
+    if (stream_.socket.isOpen()) {
+      begin();
+    }
+  }
+}
+
+void StreamWriter::socketIsOpen() {
+  if (progress_ == Progress::waiting) {
+    begin();
+  }
+}
+
+void StreamWriter::begin() {
+  const int result = sendChunk();
+  if (result == EAGAIN) {
+    waitForRoom();
+  } else {
+    finishLater(describeResult(result));
+  }
+}
+
+void StreamWriter::waitForRoom() {
+  stream_.socket.waitUntilWritable(stream_.afterWait(*this, [](StreamWriter& self) {
+    ++self.stream_.loop.counters().wakeups;
+    self.stream_.inTurn(self, [](StreamWriter& writer) { writer.send(); });
+  }));
+}
+
+void StreamWriter::send() {
+  // Closed or failed since this was started.
+  if (progress_ != Progress::waiting || !stream_.socket.isOpen()) {
+    return;
+  }
+  const int result = sendChunk();
+  if (result == EAGAIN) {
+    waitForRoom();
+  } else {
+    finish(describeResult(result));
+  }
+}
+
+int StreamWriter::sendChunk() {
+  auto* const inPipe = dynamic_cast<PipeChunk*>(chunk_.storage());
+  const std::size_t size = chunk_.size();
+  while (sent_ < size) {
+    long count = 0;
+    if (inPipe != nullptr && inPipe->isInPipe()) {
+      count = inPipe->moveTo(stream_.socket.descriptor());
+    } else {
+      const auto rest = chunk_.bytes().subspan(sent_);
+      count = ::send(stream_.socket.descriptor(), rest.data(), rest.size(),
+                     MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+    if (count > 0) {
+      sent_ += static_cast<std::size_t>(count);
+      stream_.spendOfTurn(static_cast<std::size_t>(count));
+    } else if (count == 0) {
+      // Neither call returns 0 for data that is there. Retrying could continue forever.
+      return EIO;
+    } else if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+OptionalError StreamWriter::describeResult(int error) {
+  // Returns the buffer or pipe to its pool before the completion asks for more.
+  chunk_ = Data();
+  if (error == 0) {
+    return std::nullopt;
+  }
+  stream_.noteFailure(error);
+  return socketError(error);
+}
+
+void StreamWriter::finishLater(OptionalError error) {
+  progress_ = Progress::finishing;
+  stream_.loop.post(stream_.later(*this, [error = std::move(error)](StreamWriter& self) mutable {
+    self.finish(std::move(error));
+  }));
+}
+
+void StreamWriter::finish(OptionalError error) {
+  progress_ = Progress::none;
+  // The completion may start the next write or close the stream.
+  const auto completion = std::exchange(completion_, nullptr);
+  completion(std::move(error));
+}
+
+// Ending
+
+void StreamWriter::close() {
+  isClosed_ = true;
+  chunk_ = Data();
+  if (progress_ == Progress::waiting) {
+    finishLater(socketError(ECANCELED));
+  }
+  if (stream_.socket.isOpen()) {
+    ::shutdown(stream_.socket.descriptor(), SHUT_WR);
+  }
+}
+
+void StreamWriter::fail() {
+  chunk_ = Data();
+  if (progress_ == Progress::waiting) {
+    finishLater(*stream_.failure);
+  }
+}
+
+void StreamWriter::abandon() {
+  if (completion_) {
+    stream_.loop.post(
+        [completion = std::move(completion_)] { completion(socketError(ECANCELED)); });
+  }
+}
+
+void StreamWriter::dropCompletion() {
+  chunk_ = Data();
+  completion_ = nullptr;
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Platform/Interface/Completion.h"
+#include "Platform/Interface/Data.h"
+#include "Platform/Interface/Error.h"
+#include "Platform/Linux/Relay/StreamState.h"
+
+namespace ostravel::linuxplatform {
+
+// The sending direction of a StreamSocket, which owns it and passes every call on.
+class StreamWriter {
+ public:
+  explicit StreamWriter(StreamState& stream) : stream_(stream) {}
+  StreamWriter(const StreamWriter&) = delete;
+  StreamWriter& operator=(const StreamWriter&) = delete;
+
+  void write(platform::Data data, platform::ErrorCompletion completion);
+
+  // The stream has its socket now.
+  void socketIsOpen();
+  // The outstanding write completes with ECANCELED, and the peer sees the end of the stream.
+  void close();
+  bool isClosed() const { return isClosed_; }
+
+  // The stream has failed as a whole: the outstanding write completes with its failure.
+  void fail();
+  // The stream is being destroyed: completes the outstanding write with ECANCELED, on the loop.
+  void abandon();
+  // Also destroys the outstanding chunk.
+  void dropCompletion();
+
+ private:
+  enum class Progress : std::uint8_t {
+    none,
+    // Started, not done.
+    waiting,
+    // Done; the completion is pending.
+    finishing,
+  };
+
+  void begin();
+  void waitForRoom();
+  void send();
+  // Returns 0 if the whole chunk is in the kernel, EAGAIN if part of it has to wait, or an error.
+  int sendChunk();
+  platform::OptionalError describeResult(int error);
+  void finishLater(platform::OptionalError error);
+  void finish(platform::OptionalError error);
+
+  StreamState& stream_;
+  platform::ErrorCompletion completion_;
+  platform::Data chunk_;
+  std::size_t sent_ = 0;
+  Progress progress_ = Progress::none;
+  bool isClosed_ = false;
+};
+
+}  // namespace ostravel::linuxplatform
