@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 // Tolerates one late beat.
 static_assert(Heartbeat::kInterval * 4 <= InterceptionTable::kAliveTimeout);
 // Packets read before the next ping is answered.
-constexpr int kMaximumBurst = 64;
+constexpr std::size_t kMaximumBurst = 64;
 constexpr auto kLongestBurst = 100ms;
 // The flows of a busy desktop within the longest lifetime of an entry.
 constexpr std::size_t kRememberedFlows = 8192;
@@ -182,7 +182,7 @@ void Interceptor::run() {
 
 void Interceptor::receive() {
   const auto begin = std::chrono::steady_clock::now();
-  for (int count = 0; count < kMaximumBurst; ++count) {
+  for (std::size_t count = 0; count < kMaximumBurst; count += PacketQueue::kPacketsPerReceive) {
     // A series of slow searches must not make the thread appear hung.
     if (std::chrono::steady_clock::now() - begin > kLongestBurst) {
       return;

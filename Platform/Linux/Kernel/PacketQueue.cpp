@@ -7,6 +7,7 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_queue.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <array>
 #include <cerrno>
@@ -127,27 +128,47 @@ platform::Result<std::unique_ptr<PacketQueue>> PacketQueue::open(Send send) {
   return explain(error);
 }
 
+// Where messages are received, one for each packet.
+struct PacketQueue::Inbox {
+  Inbox() {
+    for (std::size_t index = 0; index < kPacketsPerReceive; ++index) {
+      vectors[index] = {.iov_base = buffers[index].data(), .iov_len = buffers[index].size()};
+      messages[index].msg_hdr.msg_iov = &vectors[index];
+      messages[index].msg_hdr.msg_iovlen = 1;
+    }
+  }
+
+  // Room for the copied bytes of a packet and all attributes.
+  struct alignas(nlmsghdr) Buffer : std::array<char, 2048> {};
+  std::array<Buffer, kPacketsPerReceive> buffers;
+  std::array<iovec, kPacketsPerReceive> vectors{};
+  std::array<mmsghdr, kPacketsPerReceive> messages{};
+};
+
 PacketQueue::PacketQueue(NetlinkSocket socket, std::uint16_t number, Send send)
     : socket_(std::move(socket)),
       number_(number),
       send_(std::move(send)),
-      buffer_(kMessageBuffer) {}
+      inbox_(std::make_unique<Inbox>()) {}
+
+PacketQueue::~PacketQueue() = default;
 
 int PacketQueue::descriptor() const {
   return ::mnl_socket_get_fd(socket_.get());
 }
 
 bool PacketQueue::receive(const std::function<void(const Packet&)>& handler) {
-  const auto received = ::recv(descriptor(), buffer_.data(), buffer_.size(), MSG_DONTWAIT);
-  if (received <= 0) {
-    return false;
+  const int count =
+      ::recvmmsg(descriptor(), inbox_->messages.data(), kPacketsPerReceive, MSG_DONTWAIT, nullptr);
+  for (int index = 0; index < count; ++index) {
+    const auto position = static_cast<std::size_t>(index);
+    int left = static_cast<int>(inbox_->messages[position].msg_len);
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(inbox_->buffers[position].data());
+         ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
+      deliver(header, handler);
+    }
   }
-  int left = static_cast<int>(received);
-  for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
-       ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
-    deliver(header, handler);
-  }
-  return true;
+  return count == static_cast<int>(kPacketsPerReceive);
 }
 
 void PacketQueue::deliver(const nlmsghdr* message,

@@ -46,13 +46,17 @@ class PacketQueue {
 
   // Takes the first free queue number from a fixed range.
   static platform::Result<std::unique_ptr<PacketQueue>> open(Send send = &sendNow);
+  PacketQueue(const PacketQueue&) = delete;
+  PacketQueue& operator=(const PacketQueue&) = delete;
+  ~PacketQueue();
 
   std::uint16_t number() const { return number_; }
   int descriptor() const;
 
-  // Passes the packets of one message to the handler; returns false, without blocking, if there is
-  // none.
+  // Passes waiting packets to the handler, kPacketsPerReceive at most, without blocking. Returns
+  // false if there were no more.
   bool receive(const std::function<void(const Packet&)>& handler);
+  static constexpr std::size_t kPacketsPerReceive = 8;
 
   // The two verdicts: accept the packet unchanged, or with a new mark. Only the first verdict on a
   // packet counts; true if this is the one. A verdict that the kernel rejects for lack of memory is
@@ -86,7 +90,8 @@ class PacketQueue {
   NetlinkSocket socket_;
   std::uint16_t number_;
   const Send send_;
-  std::vector<char> buffer_;
+  struct Inbox;
+  const std::unique_ptr<Inbox> inbox_;
   std::atomic<bool> hasUnsent_ = false;
   mutable std::mutex lock_;
   // Both guarded by lock_.

@@ -4,6 +4,7 @@
 #include <net/if.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <vector>
@@ -42,6 +43,23 @@ TEST(PacketQueueTest, TakesAFreeNumber) {
 TEST(PacketQueueTest, ReturnsAtOnceWhenThereIsNoPacket) {
   const auto queue = openQueue();
   EXPECT_FALSE(queue->receive([](const PacketQueue::Packet&) { FAIL(); }));
+}
+
+TEST(PacketQueueTest, DeliversSeveralPacketsInOneCall) {
+  const auto queue = openQueue();
+  const auto table = installTable(*queue);
+  std::vector<std::unique_ptr<Connecting>> applications;
+  for (std::size_t count = 0; count < PacketQueue::kPacketsPerReceive + 2; ++count) {
+    applications.push_back(std::make_unique<Connecting>("127.0.0.1", 8000));
+  }
+  std::vector<std::uint32_t> packets;
+  const auto keep = [&packets](const PacketQueue::Packet& packet) { packets.push_back(packet.id); };
+  EXPECT_TRUE(queue->receive(keep));
+  EXPECT_EQ(packets.size(), PacketQueue::kPacketsPerReceive);
+  EXPECT_FALSE(queue->receive(keep));
+  EXPECT_EQ(packets.size(), PacketQueue::kPacketsPerReceive + 2);
+  // In the order of their arrival, in which the kernel numbers them.
+  EXPECT_TRUE(std::is_sorted(packets.begin(), packets.end()));
 }
 
 TEST(PacketQueueTest, DeliversThePacketFromItsNetworkHeader) {
