@@ -107,32 +107,50 @@ void FlowListener::pauseAccepting(Socket& listener) {
 }
 
 void FlowListener::acceptSome(Socket& listener) {
-  if (acceptArrived(listener) == Backlog::stuck) {
-    // The connection stays in the backlog, so waiting for another would return at once.
+  if (acceptArrived(listener) == Accepted::stuck) {
+    // Waiting for another connection would return at once.
     pauseAccepting(listener);
   } else {
     waitForConnections(listener);
   }
 }
 
-FlowListener::Backlog FlowListener::acceptArrived(Socket& listener) {
-  for (int count = 0; count < limits::kAcceptsPerEvent; ++count) {
-    KernelAddress peer;
-    const int descriptor = ::accept4(listener.socket.descriptor(), peer.get(), &peer.size,
-                                     SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (descriptor >= 0) {
-      handOver(descriptor, *peer.endpoint());
-      continue;
-    }
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      return Backlog::stuck;
-    }
-    if (errno == EAGAIN) {
-      break;
-    }
-    // Any other error concerns one connection that is already gone (accept(2)).
+void FlowListener::acceptReleased(AddressFamily family) {
+  Socket& listener = family == AddressFamily::ipv4 ? ipv4_ : ipv6_;
+  if (listener.socket.isOpen()) {
+    // Whatever the result, the pending wait finds what is left in the backlog.
+    acceptOne(listener);
   }
-  return Backlog::taken;
+}
+
+FlowListener::Accepted FlowListener::acceptArrived(Socket& listener) {
+  auto last = Accepted::one;
+  for (int count = 0; last == Accepted::one && count < limits::kAcceptsPerEvent; ++count) {
+    last = acceptOne(listener);
+  }
+  return last;
+}
+
+FlowListener::Accepted FlowListener::acceptOne(Socket& listener) {
+  KernelAddress peer;
+  const int descriptor =
+      ::accept4(listener.socket.descriptor(), peer.get(), &peer.size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (descriptor >= 0) {
+    handOver(descriptor, *peer.endpoint());
+    return Accepted::one;
+  }
+  switch (errno) {
+    case EAGAIN:
+      return Accepted::none;
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+      return Accepted::stuck;
+    default:
+      // Concerns one connection that is already gone (accept(2)).
+      return Accepted::one;
+  }
 }
 
 void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {

@@ -51,6 +51,9 @@ class FlowListener {
 
   // Call it before releasing the packet. Destroying a waiter cancels its wait.
   void expect(const std::shared_ptr<Waiter>& waiter);
+  // Accepts one connection if one has arrived, without waiting. Call it right after a release: over
+  // the loopback interface the connection has nearly always arrived by then.
+  void acceptReleased(AddressFamily family);
   // Keeps an expected waiter alive until it has been called.
   void keep(const std::shared_ptr<Waiter>& waiter);
 
@@ -64,10 +67,11 @@ class FlowListener {
     std::uint16_t port = 0;
     EventLoop::Timer pause;
   };
-  enum class Backlog : std::uint8_t {
-    // Accepted as many as one turn allows.
-    taken,
-    // Out of descriptors or memory.
+  enum class Accepted : std::uint8_t {
+    // A connection, or one that is already gone (accept(2)).
+    one,
+    none,
+    // Out of descriptors or memory: the connection stays in the backlog.
     stuck,
   };
   struct Expectation {
@@ -88,7 +92,9 @@ class FlowListener {
   void waitForConnections(Socket& listener);
   void pauseAccepting(Socket& listener);
   void acceptSome(Socket& listener);
-  Backlog acceptArrived(Socket& listener);
+  Accepted acceptOne(Socket& listener);
+  // As many as one turn allows. Returns the last result.
+  Accepted acceptArrived(Socket& listener);
   void handOver(int descriptor, const SocketEndpoint& peer);
   std::shared_ptr<Waiter> take(int descriptor, const SocketEndpoint& peer);
   Expected::iterator find(const SocketEndpoint& peer, const SocketEndpoint& destination);

@@ -84,6 +84,7 @@ void LinuxTCPFlow::releasePacket() {
   loop.listener().expect(std::shared_ptr<FlowListener::Waiter>(self, this));
   packet_->redirect(loop.index());
   packet_.reset();
+  loop.listener().acceptReleased(tuple_.source.family);
 }
 
 void LinuxTCPFlow::endHeld(const OptionalError& error) {

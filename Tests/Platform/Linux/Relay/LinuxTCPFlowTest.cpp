@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -402,6 +403,36 @@ TEST_F(LinuxTCPFlowTest, ReturnsItsDescriptors) {
   drain();
   carried.flow.reset();
   EXPECT_EQ(budget_.inUse(), before);
+}
+
+// The SYN of an application that connects as soon as its packet is released, as over loopback.
+class ConnectingPacket final : public HeldPacket {
+ public:
+  explicit ConnectingPacket(std::function<void()> connect) : connect_(std::move(connect)) {}
+
+  void accept() override {}
+  void redirect(unsigned /*loopIndex*/) override { connect_(); }
+  void refuse() override {}
+
+ private:
+  const std::function<void()> connect_;
+};
+
+TEST_F(LinuxTCPFlowTest, AcceptsItsConnectionDirectlyAfterTheRelease) {
+  for (const char* const source : {kApplicationIPv4, kApplicationIPv6}) {
+    ApplicationSocket application(source);
+    const auto flow = std::make_shared<LinuxTCPFlow>(
+        loop(), tupleOf(application.local()), "org.example.browser",
+        platform::HostEndpoint{"192.0.2.1", "443"},
+        std::make_unique<ConnectingPacket>([&] { EXPECT_EQ(arrive(application), 0); }));
+    auto [onRead, read] = readCompletion();
+    onLoop([&, completion = std::move(onRead)] {
+      flow->read(completion);
+      EXPECT_EQ(loop().listener().expectedCount(), 0U);
+    });
+    application.send("x");
+    EXPECT_EQ(waitFor(std::move(read)).bytes, "x");
+  }
 }
 
 using LinuxTCPFlowDeathTest = LinuxTCPFlowTest;
