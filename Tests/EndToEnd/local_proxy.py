@@ -6,6 +6,7 @@ Commands come on standard input, one JSON object per line:
   then        what it does next: relay, hold, end or reset
   joined      true: waits for the origin's first bytes and sends them in one piece with the answer
   through     port of another local proxy, which makes the tunnels; its answer is passed on
+  closes      true: no longer listens from the moment when it is asked for a flow
   pieces      size of the pieces in which the answer is sent, each in a packet of its own
 
 A line with null only asks for a report.
@@ -25,6 +26,7 @@ import time
 ESTABLISHED = "HTTP/1.1 200 Connection established\r\n\r\n"
 
 behaviour = {}
+listener = None
 output_lock = threading.Lock()
 
 
@@ -100,6 +102,10 @@ def serve(connection, current, accepted_at):
         # A flow has a number; the extension's trial of the proxy has none.
         what = "asked" if b"X-Ostravel-Flow-Id" in request else "tried"
         report(what, request=request.decode("latin-1"), accepted_at=accepted_at)
+        if current.get("closes") and what == "asked":
+            # While accept() is waiting, closing alone has no effect.
+            listener.shutdown(socket.SHUT_RDWR)
+            listener.close()
         answer = current.get("answer", ESTABLISHED).encode("latin-1")
         then = current.get("then", "relay")
         origin = None
@@ -121,21 +127,24 @@ def serve(connection, current, accepted_at):
             reset(connection)
 
 
-def accept(listener):
+def accept():
     while True:
-        connection, _ = listener.accept()
+        try:
+            connection, _ = listener.accept()
+        except OSError:
+            return
         threading.Thread(
             target=serve, args=(connection, behaviour, time.monotonic()), daemon=True
         ).start()
 
 
 def main():
-    global behaviour
+    global behaviour, listener
     # The behaviour from the first connection on.
     if len(sys.argv) > 1:
         behaviour = json.loads(sys.argv[1])
     listener = socket.create_server(("127.0.0.1", 8080), backlog=1024)
-    threading.Thread(target=accept, args=(listener,), daemon=True).start()
+    threading.Thread(target=accept, daemon=True).start()
     report("listening")
     for line in sys.stdin:
         command = json.loads(line)

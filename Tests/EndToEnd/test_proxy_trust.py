@@ -6,6 +6,7 @@ import pytest
 
 from Laboratory.network import THERE4
 from laboratory import PEER_PORT, PYTHON, eventually, log_lines
+from origins import tell_peer
 
 # Ordinary users: one with a name, one without.
 NAME, PERSON = "nobody", 65534
@@ -119,6 +120,17 @@ def test_an_ordinary_users_proxy_gets_only_that_users_connections(laboratory):
     assert f"(process {proxy.program.pid}, user {NAME})" in warning
     assert f"name its user with --proxy-user {NAME}" in warning
     assert way_of(laboratory, PERSON) == "proxied"
+    assert len(proxy.requests(mark)) == 1
+
+
+@pytest.mark.parametrize("answer", ["HTTP/1.1 200 OK\r\n\r\n", "HTTP/1.1 403 No\r\n\r\n"], ids=["accepts", "refuses"])
+def test_an_answer_counts_only_while_the_proxy_listens(laboratory, answer):
+    """Otherwise it could come from a program that has taken over the port since the offer."""
+    proxy, _ = laboratory.start_system(laboratory.start_local_proxy)
+    laboratory.serve(80, tell_peer)
+    proxy.behave(answer=answer, closes=True, then="hold")
+    mark = proxy.mark()
+    assert laboratory.fetch(THERE4, 80).way == "direct"
     assert len(proxy.requests(mark)) == 1
 
 

@@ -30,7 +30,14 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
     warn_(diagnostics.error().localizedDescription + "; every flow is left to the system");
     return;
   }
+  auto othersDiagnostics = SocketDiagnostics::open();
+  if (!othersDiagnostics) {
+    warn_(othersDiagnostics.error().localizedDescription + "; every flow is left to the system");
+    return;
+  }
   diagnostics_ = *std::move(diagnostics);
+  proxyPort_ = std::make_shared<ProxyInstance::Port>(*std::move(othersDiagnostics),
+                                                     ProxyProcess::addressOf(proxyPort));
   startTracing(proxyPort, traced);
   proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_,
                  publisher_ ? std::optional(publisher_->listener()) : std::nullopt);
@@ -75,6 +82,9 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
     result.process = sender.process->process.pid;
   }
   const auto proxyState = proxy_->refresh(result.process);
+  if (proxyState == ProxyProcess::State::absent) {
+    result.proxy.emplace(proxyPort_);
+  }
   if (proxyState == ProxyProcess::State::unknown) {
     return leave(LeaveReason::proxyUnknown);
   }
@@ -91,7 +101,8 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
       return leave(LeaveReason::proxyUnknown);
     }
     const Process& owner = proxy_->owner();
-    result.proxy.emplace(owner.pid, owner.stamp.startTime);
+    result.proxy.emplace(ProcessLife(owner.pid, owner.stamp.startTime), proxy_->listenerCookie(),
+                         proxyPort_);
     result.mayBelongToProxy = mayDialForProxy(sender.process);
   }
   if (sender.process != nullptr) {

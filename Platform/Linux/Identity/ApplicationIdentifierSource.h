@@ -15,6 +15,7 @@
 
 #include "Platform/Linux/Identity/ApplicationRegistrations.h"
 #include "Platform/Linux/Identity/Identification.h"
+#include "Platform/Linux/Identity/ProxyInstance.h"
 #include "Platform/Linux/Identity/ProxyProcess.h"
 #include "Platform/Linux/Identity/ProxyTrust.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
@@ -128,8 +129,9 @@ class ApplicationIdentifierSource {
   std::unique_ptr<ConnectPublisher> publisher_;
   ProcessTable processes_;
   std::optional<ProxyProcess> proxy_;
-  // Present if there are diagnostics, as is proxy_.
+  // Present if there are diagnostics, as are proxy_ and proxyPort_.
   std::optional<ProxyTrust> trust_;
+  std::shared_ptr<ProxyInstance::Port> proxyPort_;
   std::chrono::steady_clock::time_point nextWatch_;
   std::chrono::milliseconds watchPause_{};
   std::string servingProxy_;

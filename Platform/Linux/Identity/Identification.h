@@ -6,7 +6,7 @@
 #include <string>
 
 #include "Platform/Linux/Identity/LeaveReason.h"
-#include "Platform/Linux/Processes/ProcessLife.h"
+#include "Platform/Linux/Identity/ProxyInstance.h"
 
 namespace ostravel::linuxplatform {
 
@@ -23,8 +23,8 @@ struct Identification {
   std::optional<uid_t> user;
   // Empty if it was not found.
   std::optional<pid_t> process;
-  // The local proxy that would carry the flow; empty if there is none.
-  std::optional<ProcessLife> proxy;
+  // The local proxy that would carry the flow; empty if the flow must be left to the system.
+  std::optional<ProxyInstance> proxy;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -29,10 +29,14 @@ ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& p
                            const SearchLimits& limits, std::optional<ListenerWatch> watch)
     : diagnostics_(diagnostics),
       processes_(processes),
-      address_{AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, port},
+      address_(addressOf(port)),
       warn_(std::move(warn)),
       watch_(watch),
       limits_(limits) {}
+
+SocketEndpoint ProxyProcess::addressOf(std::uint16_t port) {
+  return {AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, port};
+}
 
 ProxyProcess::State ProxyProcess::refresh(std::optional<pid_t> sender) {
   if (!watch_) {

@@ -43,6 +43,9 @@ class ProxyProcess {
     std::chrono::milliseconds longest{100};
   };
 
+  // Where a local proxy listens.
+  static SocketEndpoint addressOf(std::uint16_t port);
+
   // diagnostics and processes outlive this object. warn takes a sentence for people.
   ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
                std::function<void(const std::string&)> warn,

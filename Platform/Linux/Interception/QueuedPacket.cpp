@@ -6,13 +6,13 @@ namespace ostravel::linuxplatform {
 
 QueuedPacket::QueuedPacket(std::shared_ptr<PacketQueue> queue, const PacketMarks& marks,
                            const PacketQueue::Packet& packet, std::shared_ptr<UserShare> user,
-                           std::optional<ProcessLife> proxy)
+                           std::optional<ProxyInstance> proxy)
     : queue_(std::move(queue)),
       marks_(marks),
       id_(packet.id),
       mark_(packet.mark),
       user_(std::move(user)),
-      proxy_(proxy) {
+      proxy_(std::move(proxy)) {
   user_->holdBegan();
 }
 
@@ -27,7 +27,11 @@ void QueuedPacket::accept() {
 }
 
 void QueuedPacket::redirect(unsigned loopIndex) {
-  acceptMarked(marks_.redirect(loopIndex));
+  if (proxy_ && !proxy_->isListening()) {
+    accept();
+  } else {
+    acceptMarked(marks_.redirect(loopIndex));
+  }
 }
 
 void QueuedPacket::refuse() {

@@ -4,9 +4,9 @@
 #include <memory>
 #include <optional>
 
+#include "Platform/Linux/Identity/ProxyInstance.h"
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
-#include "Platform/Linux/Processes/ProcessLife.h"
 #include "Platform/Linux/Relay/HeldPacket.h"
 #include "Platform/Linux/Services/UserShare.h"
 
@@ -16,11 +16,12 @@ namespace ostravel::linuxplatform {
 class QueuedPacket final : public HeldPacket {
  public:
   // user: charged with one held packet until the verdict. proxy: the local proxy at the time of the
-  // offer. If it has ended since, an apparent refusal is a consequence of that, and the flow is
-  // left to the system instead.
+  // offer. If it has ended since, an apparent refusal is a consequence of that; if another socket
+  // listens, the flow's tunnel may lead to a stranger. The flow is left to the system in both
+  // cases.
   QueuedPacket(std::shared_ptr<PacketQueue> queue, const PacketMarks& marks,
                const PacketQueue::Packet& packet, std::shared_ptr<UserShare> user,
-               std::optional<ProcessLife> proxy = std::nullopt);
+               std::optional<ProxyInstance> proxy = std::nullopt);
   ~QueuedPacket() override;
 
   void accept() override;
@@ -36,7 +37,7 @@ class QueuedPacket final : public HeldPacket {
   const std::uint32_t id_;
   const std::uint32_t mark_;
   const std::shared_ptr<UserShare> user_;
-  const std::optional<ProcessLife> proxy_;
+  const std::optional<ProxyInstance> proxy_;
 };
 
 }  // namespace ostravel::linuxplatform

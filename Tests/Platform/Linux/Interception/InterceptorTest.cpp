@@ -138,7 +138,8 @@ TEST_F(InterceptorTest, AFlowClosedWithAnErrorGoesDirect) {
   EXPECT_EQ(offered(), 1U);
 }
 
-TEST_F(InterceptorTest, AFlowClosedWithoutAnErrorIsRefused) {
+// No local proxy listens here, so what seemed to be its answer came from elsewhere.
+TEST_F(InterceptorTest, ARefusalThatIsNotTheProxysLeavesTheFlowToTheSystem) {
   start(true);
   TestListener origin("127.0.0.1", kPort);
   const Connecting application("127.0.0.1", kPort);
@@ -146,7 +147,19 @@ TEST_F(InterceptorTest, AFlowClosedWithoutAnErrorIsRefused) {
   ASSERT_TRUE(flow);
   flow->closeRead(std::nullopt);
   flow->closeWrite(std::nullopt);
-  EXPECT_EQ(application.connectResult(kGenerous), ECONNREFUSED);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
+  EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort());
+}
+
+TEST_F(InterceptorTest, ATunnelThatIsNotTheProxysLeavesTheFlowToTheSystem) {
+  start(true);
+  TestListener origin("127.0.0.1", kPort);
+  const Connecting application("127.0.0.1", kPort);
+  const auto flow = takenFlow();
+  ASSERT_TRUE(flow);
+  flow->read([](std::optional<platform::Data> /*data*/, platform::OptionalError /*error*/) {});
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
+  EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort());
 }
 
 TEST_F(InterceptorTest, ItsEndLetsHeldFlowsGoAndRemovesTheRules) {

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Kernel/SocketDiagnostics.h"
+#include "Platform/Linux/Processes/ProcessLife.h"
+
+namespace ostravel::linuxplatform {
+
+// The local proxy to which a flow was offered: a process and its listening socket. Tells whether
+// that is still so when the proxy has answered. In between, another program could have taken over
+// the port, and the flow's connection with it. A value; usable from any thread.
+class ProxyInstance {
+ public:
+  // The address on which the proxy listens. Usable from any thread.
+  class Port {
+   public:
+    Port(std::unique_ptr<SocketDiagnostics> diagnostics, const SocketEndpoint& address)
+        : diagnostics_(std::move(diagnostics)), address_(address) {}
+
+    // True if this is the socket that receives its connections; false in doubt.
+    bool isHeldBy(std::uint64_t listener);
+
+   private:
+    std::mutex lock_;
+    // Guarded by lock_.
+    const std::unique_ptr<SocketDiagnostics> diagnostics_;
+    const SocketEndpoint address_;
+  };
+
+  // listener: the socket's cookie, which is never reused.
+  ProxyInstance(const ProcessLife& process, std::uint64_t listener, std::shared_ptr<Port> port)
+      : process_(process), listener_(listener), port_(std::move(port)) {}
+
+  // Nothing listened.
+  explicit ProxyInstance(std::shared_ptr<Port> port)
+      : ProxyInstance(ProcessLife(0, 0), 0, std::move(port)) {}
+
+  // True if every connection to the port since the offer was made to this listening socket.
+  bool isListening() const { return port_->isHeldBy(listener_); }
+  // True also if only its process is about to end.
+  bool hasEnded() const { return process_.hasEnded() || !isListening(); }
+
+ private:
+  ProcessLife process_;
+  std::uint64_t listener_;
+  std::shared_ptr<Port> port_;
+};
+
+}  // namespace ostravel::linuxplatform
