@@ -9,11 +9,13 @@
 namespace ostravel::linuxplatform {
 
 AliveKeeper::AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,
-                         std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed)
+                         std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed,
+                         HasRoom hasRoom)
     : table_(std::move(table)),
       install_(std::move(install)),
       log_(std::move(log)),
       onRefreshed_(std::move(onRefreshed)),
+      hasRoom_(std::move(hasRoom)),
       thread_([this] { run(); }) {}
 
 AliveKeeper::~AliveKeeper() {
@@ -47,6 +49,13 @@ void AliveKeeper::run() {
 }
 
 bool AliveKeeper::keepAlive() {
+  if (!hasRoom_()) {
+    table_.reset();
+    logFailure(
+        "The kernel's table of tracked connections is nearly full; the rules are removed and "
+        "everything goes direct until there is room (nf_conntrack_max)");
+    return true;
+  }
   if (table_) {
     const auto error = table_->refreshAlive();
     if (!error) {

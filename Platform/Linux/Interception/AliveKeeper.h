@@ -7,6 +7,7 @@
 
 #include "Platform/Interface/Log.h"
 #include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Kernel/ConntrackRoom.h"
 #include "Platform/Linux/Kernel/EventDescriptor.h"
 
 namespace ostravel::linuxplatform {
@@ -17,15 +18,22 @@ namespace ostravel::linuxplatform {
 // and the heartbeat must not block.
 //
 // If the table cannot be refreshed, it is removed and reinstalled; this is retried on every beat,
-// and nothing is offered until it succeeds.
+// and nothing is offered until it succeeds. It is also removed while connection tracking is nearly
+// full: the kernel drops the packets of new connections when it is full, and on many machines the
+// table is the only reason why it tracks any.
 class AliveKeeper {
  public:
   // Reinstalls the table with its original arguments. Runs on the keeper's thread.
   using Install = std::function<platform::Result<std::unique_ptr<InterceptionTable>>()>;
 
-  // Takes ownership of the table; onRefreshed, which may be empty, runs on the keeper's thread.
+  // True if connections can be tracked. Runs on the keeper's thread.
+  using HasRoom = std::function<bool()>;
+
+  // Takes ownership of the table; onRefreshed, which may be empty, runs on the keeper's thread
+  // after every beat unless the table cannot be refreshed.
   AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,
-              std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed);
+              std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed,
+              HasRoom hasRoom = ConntrackRoom());
   AliveKeeper(const AliveKeeper&) = delete;
   AliveKeeper& operator=(const AliveKeeper&) = delete;
   // Removes the table unless removeTable() already has.
@@ -40,7 +48,7 @@ class AliveKeeper {
 
  private:
   void run();
-  // False if packets are no longer offered.
+  // False if the table cannot be refreshed or reinstalled.
   bool keepAlive();
   bool reinstall();
   // Logs a failure unless it repeats the previous one.
@@ -50,6 +58,7 @@ class AliveKeeper {
   const Install install_;
   const std::shared_ptr<platform::Log> log_;
   const std::function<void()> onRefreshed_;
+  const HasRoom hasRoom_;
   // Empty while the table is installed.
   std::string lastFailure_;
   EventDescriptor beats_;

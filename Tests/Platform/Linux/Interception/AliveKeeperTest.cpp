@@ -104,6 +104,28 @@ TEST_F(AliveKeeperTest, DoesNotRefreshWithoutABeat) {
   EXPECT_FALSE(refreshed_.try_acquire());
 }
 
+TEST_F(AliveKeeperTest, RemovesTheTableWhileConnectionTrackingIsFull) {
+  std::atomic<bool> hasRoom = true;
+  AliveKeeper keeper(installTable(), installer(), log_, onRefreshed(),
+                     [&hasRoom] { return hasRoom.load(); });
+  keeper.beat();
+  EXPECT_TRUE(isRefreshed());
+  hasRoom = false;
+  for (int beat = 0; beat < 2; ++beat) {
+    keeper.beat();
+    // The process is alive.
+    EXPECT_TRUE(isRefreshed());
+    EXPECT_EQ(outputOf("nft list ruleset"), "");
+  }
+  ASSERT_EQ(log_->lines().size(), 1U);
+  EXPECT_NE(log_->lines()[0].find("nearly full"), std::string::npos);
+  hasRoom = true;
+  keeper.beat();
+  EXPECT_TRUE(isRefreshed());
+  EXPECT_NE(outputOf("nft list ruleset"), "");
+  EXPECT_EQ(log_->lines().size(), 2U);
+}
+
 TEST_F(AliveKeeperTest, RemovesTheTableAtTheEnd) {
   { const AliveKeeper keeper(installTable(), installer(), log_, nullptr); }
   EXPECT_EQ(outputOf("nft list ruleset"), "");
