@@ -72,6 +72,7 @@ void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   keepAlive(descriptor.get());
   LoopSocket::resetUnlessClosed(descriptor.get());
+  LoopSocket::sendWithoutDelay(descriptor.get());
   KernelAddress bound;
   if (::bind(descriptor.get(), wanted.get(), wanted.size) != 0 ||
       ::listen(descriptor.get(), limits::kListenBacklog) != 0 ||

@@ -61,7 +61,12 @@ platform::OptionalError LinuxTCPConnection::error() const {
 void LinuxTCPConnection::start(const platform::HostEndpoint& endpoint) {
   const int error = startConnecting(endpoint);
   if (error == 0) {
-    waitUntilConnected();
+    // Over the loopback interface the connection has nearly always been established by now.
+    if (isEstablished()) {
+      finishConnectingLater();
+    } else {
+      waitUntilConnected();
+    }
     return;
   }
   // Deferred, because the caller cannot have added an observer yet.
@@ -87,6 +92,7 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
   const std::uint32_t mark = stream_.loop().marks().own();
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   LoopSocket::resetUnlessClosed(descriptor.get());
+  LoopSocket::sendWithoutDelay(descriptor.get());
   if (::connect(descriptor.get(), address.get(), address.size) != 0 && errno != EINPROGRESS &&
       errno != EINTR) {
     return errno;
@@ -94,6 +100,21 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
   connecting_ = LoopSocket(stream_.loop(), descriptor.release());
   connecting_.chargeTo(stream_.user());
   return connecting_.isOpen() ? 0 : ENOMEM;
+}
+
+bool LinuxTCPConnection::isEstablished() {
+  KernelAddress peer;
+  return ::getpeername(connecting_.descriptor(), peer.get(), &peer.size) == 0;
+}
+
+// Deferred, because the caller cannot have added an observer yet.
+void LinuxTCPConnection::finishConnectingLater() {
+  stream_.loop().post([weakSelf = weak_from_this()] {
+    const auto self = weakSelf.lock();
+    if (self && self->connecting_.isOpen()) {
+      self->becomeConnected();
+    }
+  });
 }
 
 void LinuxTCPConnection::waitUntilConnected() {
@@ -119,12 +140,15 @@ void LinuxTCPConnection::finishConnecting() {
     failToConnect(error);
     return;
   }
-  KernelAddress peer;
-  if (::getpeername(connecting_.descriptor(), peer.get(), &peer.size) != 0) {
+  if (!isEstablished()) {
     // A spurious wake-up.
     waitUntilConnected();
     return;
   }
+  becomeConnected();
+}
+
+void LinuxTCPConnection::becomeConnected() {
   stream_.attach(std::move(connecting_));
   changeState(TCPConnectionState::connected, 0);
   observers_.notify(*this);

@@ -58,8 +58,11 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   void start(const platform::HostEndpoint& endpoint);
   // Returns an errno, or 0 if the connection is in progress.
   int startConnecting(const platform::HostEndpoint& endpoint);
+  bool isEstablished();
+  void finishConnectingLater();
   void waitUntilConnected();
   void finishConnecting();
+  void becomeConnected();
   void failToConnect(int error);
   void cancelOnLoop();
 

@@ -1,5 +1,7 @@
 #include "Platform/Linux/Relay/LoopSocket.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <asio/error_code.hpp>
@@ -66,6 +68,11 @@ LoopSocket::Discarded LoopSocket::discardArrived(std::uint64_t& total) {
 void LoopSocket::resetUnlessClosed(int descriptor) {
   const linger immediately{.l_onoff = 1, .l_linger = 0};
   ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &immediately, sizeof immediately);
+}
+
+void LoopSocket::sendWithoutDelay(int descriptor) {
+  const int on = 1;
+  ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
 void LoopSocket::reset() {

@@ -55,9 +55,11 @@ class LoopSocket {
   Discarded discardArrived(std::uint64_t& total);
 
   // Makes the socket end with a reset unless it is closed in order, even when the process is
-  // killed: a truncated stream must not look complete. Accepted sockets inherit this from their
-  // listener.
+  // killed: a truncated stream must not look complete. Accepted sockets inherit this, and the
+  // next, from their listener.
   static void resetUnlessClosed(int descriptor);
+  // Small writes are sent at once (TCP_NODELAY).
+  static void sendWithoutDelay(int descriptor);
 
   // From now on the kernel ends the connection in order if the process is killed.
   void letEndInOrder();

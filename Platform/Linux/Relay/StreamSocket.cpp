@@ -1,7 +1,5 @@
 #include "Platform/Linux/Relay/StreamSocket.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <utility>
@@ -28,8 +26,6 @@ StreamSocket::~StreamSocket() {
 void StreamSocket::attach(LoopSocket socket) {
   state_.socket = std::move(socket);
   state_.socket.chargeTo(state_.user);
-  const int on = 1;
-  ::setsockopt(state_.socket.descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   if (writer_.isClosed()) {
     ::shutdown(state_.socket.descriptor(), SHUT_WR);
   }

@@ -1,6 +1,8 @@
 #include "Platform/Linux/Relay/FlowListener.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 
 #include <cerrno>
@@ -81,6 +83,38 @@ TEST_F(FlowListenerTest, ResetsAConnectionThatNobodyExpects) {
   EXPECT_EQ(errorOfConnection(ipv4, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
   ApplicationSocket ipv6(kApplicationIPv6);
   EXPECT_EQ(errorOfConnection(ipv6, "::1", loop().listener().ipv6Port()), ECONNRESET);
+}
+
+// Keeps what it gets.
+class KeepingWaiter final : public FlowListener::Waiter {
+ public:
+  explicit KeepingWaiter(const FlowTuple& tuple) : tuple_(tuple) {}
+
+  const FlowTuple& tuple() const override { return tuple_; }
+  const std::string& application() const override { return application_; }
+  void accepted(LoopSocket socket) override { socket_ = std::move(socket); }
+  void gaveUp() override {}
+
+  LoopSocket socket_;
+
+ private:
+  const FlowTuple tuple_;
+  const std::string application_;
+};
+
+TEST_F(FlowListenerTest, AcceptedSocketsSendWithoutDelay) {
+  ApplicationSocket application(kApplicationIPv4);
+  const auto waiter = std::make_shared<KeepingWaiter>(tupleOf(application.local()));
+  onLoop([&] { loop().listener().expect(waiter); });
+  ASSERT_EQ(arrive(application), 0);
+  ASSERT_TRUE(eventually([&] { return waiter->socket_.isOpen(); }));
+  int isWithoutDelay = 0;
+  onLoop([&] {
+    socklen_t size = sizeof isWithoutDelay;
+    ::getsockopt(waiter->socket_.descriptor(), IPPROTO_TCP, TCP_NODELAY, &isWithoutDelay, &size);
+    waiter->socket_.reset();
+  });
+  EXPECT_NE(isWithoutDelay, 0);
 }
 
 TEST_F(FlowListenerTest, MatchesEveryFlowWithItsOwnConnection) {

@@ -75,6 +75,21 @@ TEST_F(LinuxTCPConnectionTest, ConnectsAndNotifiesItsObserverOnTheLoop) {
   }
 }
 
+TEST_F(LinuxTCPConnectionTest, IsEstablishedWithoutWaitingForALocalListener) {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  const auto observer = std::make_shared<StateObserver>();
+  const auto before = onLoop([this] { return loop().counters().wakeups; });
+  const auto connection = onLoop([&] {
+    auto made = EventLoopGroup::connect(endpointOf(listener));
+    made->addObserver(observer, "state");
+    return made;
+  });
+  drain();
+  EXPECT_EQ(statesSeenBy(*observer), std::vector{TCPConnectionState::connected});
+  EXPECT_EQ(onLoop([this] { return loop().counters().wakeups; }), before);
+}
+
 TEST_F(LinuxTCPConnectionTest, UsesTheCallersLoop) {
   DescriptorBudget budget(100'000);
   EventLoopGroup loops(budget, 3);
