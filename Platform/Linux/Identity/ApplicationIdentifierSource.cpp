@@ -22,7 +22,8 @@ constexpr std::chrono::milliseconds kLongestWatchPause{10'000};
 ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort, Warn warn,
                                                          const std::string& registrationsFolder,
                                                          const std::vector<uid_t>& proxyUsers,
-                                                         ConnectTracer::Detail traced)
+                                                         ConnectTracer::Detail traced,
+                                                         std::optional<PacketMarks> marks)
     : warn_(std::move(warn)), registrations_(registrationsFolder, warn_) {
   registrations_.warnOfUselessPaths();
   auto diagnostics = SocketDiagnostics::open();
@@ -38,7 +39,7 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
   diagnostics_ = *std::move(diagnostics);
   proxyPort_ = std::make_shared<ProxyInstance::Port>(*std::move(othersDiagnostics),
                                                      ProxyProcess::addressOf(proxyPort));
-  startTracing(proxyPort, traced);
+  startTracing(proxyPort, traced, marks);
   proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_,
                  publisher_ ? std::optional(publisher_->listener()) : std::nullopt);
   trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
@@ -47,7 +48,8 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
 ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
 
 void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,
-                                               ConnectTracer::Detail wanted) {
+                                               ConnectTracer::Detail wanted,
+                                               std::optional<PacketMarks> marks) {
   auto tracer = ConnectTracer::start(wanted);
   if (!tracer) {
     warn_("connects cannot be traced (" + tracer.error().localizedDescription +
@@ -55,7 +57,7 @@ void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,
     return;
   }
   tracer_ = *std::move(tracer);
-  if (auto publisher = ConnectPublisher::start(*tracer_, proxyPort)) {
+  if (auto publisher = ConnectPublisher::start(*tracer_, proxyPort, marks)) {
     publisher_ = *std::move(publisher);
   }
 }
@@ -93,6 +95,7 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
       return leave(LeaveReason::proxyNotTrusted);
     }
     if (sender.process != nullptr && isProxy(*sender.process)) {
+      markFurtherSockets(*sender.process, sender.cookie);
       result.identifier = kProxyIdentifier;
       return result;
     }
@@ -119,7 +122,9 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::publishedSender
   if (!connect || connect->boundInterface != 0) {
     return {};
   }
-  return {.process = tracedSender(connect->record, connect->place), .user = connect->socketUser};
+  return {.process = tracedSender(connect->record, connect->place),
+          .user = connect->socketUser,
+          .cookie = connect->cookie};
 }
 
 ApplicationIdentifierSource::Sender ApplicationIdentifierSource::lookUpSender(
@@ -135,6 +140,7 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::lookUpSender(
   }
   if (answer.socket) {
     sender.user = answer.socket->uid;
+    sender.cookie = answer.socket->cookie;
     sender.hasNoHolder = answer.socket->inode == 0;
   }
   if (mustBeLeft) {
@@ -260,6 +266,25 @@ bool ApplicationIdentifierSource::isProxy(KnownProcess& sender) const {
     sender.isProxy = proxy_->includes(sender.process);
   }
   return sender.isProxy;
+}
+
+void ApplicationIdentifierSource::markFurtherSockets(KnownProcess& sender,
+                                                     std::uint64_t cookie) const {
+  const auto changes = proxy_->settledChanges();
+  const Process& process = sender.process;
+  if (!publisher_ || !changes || sender.marked == changes || !process.executableFile) {
+    return;
+  }
+  // If it fails, it is not repeated before something changes.
+  sender.marked = changes;
+  publisher_->marker().mark(cookie,
+                            {.process = process.pid,
+                             .realUser = process.stamp.realUser,
+                             .user = process.stamp.uid,
+                             .startTime = process.stamp.startTime,
+                             .stackStart = process.stamp.stackStart,
+                             .executable = *process.executableFile},
+                            *changes);
 }
 
 bool ApplicationIdentifierSource::mayDialForProxy(const KnownProcess* sender) const {

@@ -19,6 +19,7 @@
 #include "Platform/Linux/Identity/ProxyProcess.h"
 #include "Platform/Linux/Identity/ProxyTrust.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Platform/Linux/Processes/ConnectPublisher.h"
@@ -56,12 +57,14 @@ class ApplicationIdentifierSource {
 
   // warn takes one sentence for people about anything that limits identification, on the thread
   // that uses this object. proxyUsers: users, besides root and system users, whose local proxy may
-  // carry everybody's flows.
+  // carry everybody's flows. marks: if present, sockets that the proxy connects are marked as own()
+  // once its process is known.
   ApplicationIdentifierSource(
       std::uint16_t proxyPort, Warn warn,
       const std::string& registrationsFolder = ApplicationRegistrations::kDefaultFolder,
       const std::vector<uid_t>& proxyUsers = {},
-      ConnectTracer::Detail traced = ConnectTracer::Detail::programs);
+      ConnectTracer::Detail traced = ConnectTracer::Detail::programs,
+      std::optional<PacketMarks> marks = std::nullopt);
   ApplicationIdentifierSource(const ApplicationIdentifierSource&) = delete;
   ApplicationIdentifierSource& operator=(const ApplicationIdentifierSource&) = delete;
   ~ApplicationIdentifierSource();
@@ -82,6 +85,9 @@ class ApplicationIdentifierSource {
   // How many registrations are in force.
   std::size_t registrationCount() const { return registrations_.size(); }
 
+  // See ConnectPublisher.
+  bool presetsOwnSockets() const { return publisher_ && publisher_->presetsOwnSockets(); }
+
   // For later identifications, including those of processes that are already known.
   void replaceRegistrations(ApplicationRegistrations registrations);
 
@@ -91,13 +97,16 @@ class ApplicationIdentifierSource {
     KnownProcess* process = nullptr;
     // The owner of the socket; empty if there is no such socket.
     std::optional<uid_t> user = std::nullopt;
+    // The socket's; 0 if there is none.
+    std::uint64_t cookie = 0;
     // No process holds the socket any more.
     bool hasNoHolder = false;
     // Present if the flow must be left to the system, whoever sent it.
     std::optional<LeaveReason> leaveReason = std::nullopt;
   };
 
-  void startTracing(std::uint16_t proxyPort, ConnectTracer::Detail wanted);
+  void startTracing(std::uint16_t proxyPort, ConnectTracer::Detail wanted,
+                    std::optional<PacketMarks> marks);
   // True if the flow's socket is bound to an interface. A relay's connection would not be bound,
   // and would ignore the route that the application insists on.
   bool isBound(const FlowTuple& flow, const SocketDiagnostics::Answer& answer);
@@ -113,6 +122,8 @@ class ApplicationIdentifierSource {
   // Updates what is known about the process's executable, which is at this place.
   void refresh(KnownProcess& known, std::optional<FileIdentity> executable, std::uint64_t place);
   bool isProxy(KnownProcess& sender) const;
+  // For a process of the local proxy that has connected this socket.
+  void markFurtherSockets(KnownProcess& sender, std::uint64_t cookie) const;
   // True if the sender, or an unknown sender (null), could be what dials out for the proxy.
   bool mayDialForProxy(const KnownProcess* sender) const;
   // For a socket whose process was not found.

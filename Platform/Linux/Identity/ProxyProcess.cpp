@@ -48,14 +48,29 @@ ProxyProcess::State ProxyProcess::refresh(std::optional<pid_t> sender) {
   }
   settled_.reset();
   const State state = examine(sender);
-  if (state == State::known && watched_ != owner_->pid) {
-    // It may have ended just before, so this is not settled yet.
-    watched_ = owner_->pid;
-    watch_->watch(owner_->pid);
-  } else if (state != State::unknown) {
+  if (state != State::unknown && !hasWatchMoved(state)) {
     settled_ = {state, changes};
   }
   return state;
+}
+
+bool ProxyProcess::hasWatchMoved(State state) {
+  const std::uint64_t listener = state == State::known ? listener_.cookie : 0;
+  const bool isOther = std::exchange(watchedListener_, listener) != listener;
+  if (isOther) {
+    watch_->noteChange();
+  }
+  if (state == State::known && watched_ != owner_->pid) {
+    // It may have ended just before.
+    watched_ = owner_->pid;
+    watch_->watch(owner_->pid);
+    return true;
+  }
+  return isOther;
+}
+
+std::optional<std::uint64_t> ProxyProcess::settledChanges() const {
+  return settled_ ? std::optional(settled_->changes) : std::nullopt;
 }
 
 ProxyProcess::State ProxyProcess::recheck() {

@@ -62,6 +62,9 @@ class ProxyProcess {
   // continues. Call it periodically.
   State recheck();
 
+  // The watch's count, if what the last refresh returned holds until it changes.
+  std::optional<std::uint64_t> settledChanges() const;
+
   // The following are valid if the last refresh returned State::known.
 
   // Identifies this instance of the proxy; changes with every restart.
@@ -84,6 +87,8 @@ class ProxyProcess {
   };
 
   State examine(std::optional<pid_t> sender);
+  // Makes the watch one for this state; true if it was another one until now.
+  bool hasWatchMoved(State state);
   State findOwner(std::optional<pid_t> sender);
   // True once everything about the owner is known that can be found out within the time limits.
   bool isOwnerDescribed();
@@ -95,7 +100,8 @@ class ProxyProcess {
   const SocketEndpoint address_;
   const std::function<void(const std::string&)> warn_;
   const std::optional<ListenerWatch> watch_;
-  // The process whose end the watch notices.
+  // The listener that the watch is about, 0 if there is none, and the process whose end it notices.
+  std::uint64_t watchedListener_ = 0;
   std::optional<pid_t> watched_;
   // Present while nothing has changed since the last examination.
   std::optional<Settled> settled_;

@@ -63,7 +63,8 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   auto identifiers = std::make_unique<ApplicationIdentifierSource>(
       platform::limits::kProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
-      ApplicationRegistrations::kDefaultFolder, environment.proxyUsers);
+      ApplicationRegistrations::kDefaultFolder, environment.proxyUsers,
+      ConnectTracer::Detail::programs, loops.marks());
   log->info("OstravelProxy: Registrations in force count=%{public}d",
             {static_cast<std::int64_t>(identifiers->registrationCount())});
   auto queue = PacketQueue::open();

@@ -3,6 +3,7 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/socket.h>
@@ -40,6 +41,15 @@ std::optional<std::uint64_t> cookieOf(const FileDescriptor& socket, int kind) {
   return cookie;
 }
 
+std::optional<int> optionOf(const FileDescriptor& socket, int level, int option) {
+  int value = 0;
+  socklen_t size = sizeof value;
+  if (::getsockopt(socket.get(), level, option, &value, &size) != 0) {
+    return std::nullopt;
+  }
+  return value;
+}
+
 // A socket that has sent a SYN, to a listener that is already closed again.
 FileDescriptor connectToOurselves() {
   const FileDescriptor listener = makeSocket();
@@ -67,8 +77,8 @@ void ConnectPublisher::LinkRelease::operator()(bpf_link* link) const {
   ::bpf_link__destroy(link);
 }
 
-Result<std::unique_ptr<ConnectPublisher>> ConnectPublisher::start(const ConnectTracer& tracer,
-                                                                  std::uint16_t proxyPort) {
+Result<std::unique_ptr<ConnectPublisher>> ConnectPublisher::start(
+    const ConnectTracer& tracer, std::uint16_t proxyPort, std::optional<PacketMarks> marks) {
   if (tracer.detail() != ConnectTracer::Detail::programs) {
     return platform::posixError(ENOTSUP, "the kernel does not show which program a process runs");
   }
@@ -81,16 +91,16 @@ Result<std::unique_ptr<ConnectPublisher>> ConnectPublisher::start(const ConnectT
       ::bpf_object__load(object.get()) != 0) {
     return platform::systemCallError(errno, "the program cannot be loaded");
   }
-  std::unique_ptr<ConnectPublisher> publisher(new ConnectPublisher(std::move(object)));
+  std::unique_ptr<ConnectPublisher> publisher(new ConnectPublisher(std::move(object), tracer));
   auto error = publisher->mapMemory();
   if (!error) {
-    error = publisher->fillState(proxyPort);
+    error = publisher->fillState(proxyPort, marks);
   }
   if (!error) {
     error = publisher->attach();
   }
   if (!error) {
-    error = publisher->examineOwnConnect(tracer);
+    error = publisher->examineOwnConnect();
   }
   if (error) {
     return *std::move(error);
@@ -99,6 +109,10 @@ Result<std::unique_ptr<ConnectPublisher>> ConnectPublisher::start(const ConnectT
 }
 
 ConnectPublisher::~ConnectPublisher() = default;
+
+SocketMarker ConnectPublisher::marker() const {
+  return {tracer_.recordsDescriptor(), ::bpf_object__find_map_fd_by_name(object_.get(), "marked")};
+}
 
 std::uint64_t ConnectPublisher::lostConnects() const {
   return std::atomic_ref(state()->lost).load();
@@ -117,7 +131,8 @@ OptionalError ConnectPublisher::mapMemory() {
   return std::nullopt;
 }
 
-OptionalError ConnectPublisher::fillState(std::uint16_t proxyPort) {
+OptionalError ConnectPublisher::fillState(std::uint16_t proxyPort,
+                                          std::optional<PacketMarks> marks) {
   const auto network = cookieOf(makeSocket(), kNetworkCookie);
   if (!network) {
     return platform::systemCallError(errno, "network namespaces cannot be distinguished");
@@ -128,6 +143,10 @@ OptionalError ConnectPublisher::fillState(std::uint16_t proxyPort) {
   state()->network = *network;
   state()->extension = static_cast<std::uint32_t>(::getpid());
   state()->proxyPort = proxyPort;
+  if (marks) {
+    state()->markMask = marks->mask();
+    state()->mark = marks->own();
+  }
   return std::nullopt;
 }
 
@@ -138,7 +157,7 @@ OptionalError ConnectPublisher::attach() {
   }
   bpf_program* program = nullptr;
   bpf_object__for_each_program(program, object_.get()) {
-    const bool isOfGroup = ::bpf_program__type(program) == BPF_PROG_TYPE_SOCK_OPS;
+    const bool isOfGroup = ::bpf_program__type(program) != BPF_PROG_TYPE_TRACING;
     std::unique_ptr<bpf_link, LinkRelease> link(
         isOfGroup ? ::bpf_program__attach_cgroup(program, cgroupRoot->get())
                   : ::bpf_program__attach(program));
@@ -150,14 +169,18 @@ OptionalError ConnectPublisher::attach() {
   return std::nullopt;
 }
 
-OptionalError ConnectPublisher::examineOwnConnect(const ConnectTracer& tracer) const {
+OptionalError ConnectPublisher::examineOwnConnect() {
   const FileDescriptor socket = connectToOurselves();
   const auto cookie = cookieOf(socket, SO_COOKIE);
   const auto published = cookie ? table().findSocket(*cookie) : std::nullopt;
-  if (!published || published->record != tracer.recordOf(*cookie) ||
+  if (!published || published->record != tracer_.recordOf(*cookie) ||
       published->socketUser != ::geteuid()) {
     return platform::posixError(ENOTSUP, "a connect is not published");
   }
+  // Some kernels cannot set the second option this way (before 6.1).
+  presetsOwnSockets_ = state()->markMask != 0 &&
+                       optionOf(socket, SOL_SOCKET, SO_MARK) == static_cast<int>(state()->mark) &&
+                       optionOf(socket, IPPROTO_TCP, TCP_NODELAY) == 1;
   return std::nullopt;
 }
 

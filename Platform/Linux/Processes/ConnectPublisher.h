@@ -2,15 +2,18 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "Platform/Interface/Error.h"
 #include "Platform/Interface/Result.h"
 #include "Platform/Linux/Kernel/MemoryMapping.h"
+#include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Processes/ConnectTable.h"
 #include "Platform/Linux/Processes/ConnectTracer.h"
 #include "Platform/Linux/Processes/ListenerWatch.h"
+#include "Platform/Linux/Processes/SocketMarker.h"
 
 struct bpf_link;
 struct bpf_object;
@@ -18,26 +21,36 @@ struct bpf_object;
 namespace ostravel::linuxplatform {
 
 // Runs the programs in the kernel that publish who sends a SYN, so that finding out takes no system
-// call. They observe only: sockets of our own network namespace, programs that are executed, and
-// the end of the local proxy.
+// call. They observe sockets of our own network namespace, programs that are executed, and the end
+// of processes. On request they also mark the sockets that this process and the local proxy
+// connect; nothing else is changed.
 //
 // Like the tracer's, they are detached with this object or this process. Starting and stopping is
 // done by one thread; the table and the watch are usable from any.
 class ConnectPublisher {
  public:
   // For sockets of this thread's network namespace that the tracer knows; it must record programs
-  // and outlives this object. On failure the error's description is a clause with the reason: no
-  // permission, a kernel before 5.15, one without tracing, or no loopback interface to try it on.
-  static platform::Result<std::unique_ptr<ConnectPublisher>> start(const ConnectTracer& tracer,
-                                                                   std::uint16_t proxyPort);
+  // and outlives this object. marks: if present, sockets are marked as own(). On failure the
+  // error's description is a clause with the reason: no permission, a kernel before 5.14, one
+  // without tracepoints, or no loopback interface to try it on.
+  static platform::Result<std::unique_ptr<ConnectPublisher>> start(
+      const ConnectTracer& tracer, std::uint16_t proxyPort,
+      std::optional<PacketMarks> marks = std::nullopt);
 
   ConnectPublisher(const ConnectPublisher&) = delete;
   ConnectPublisher& operator=(const ConnectPublisher&) = delete;
   ~ConnectPublisher();
 
-  // Both are valid as long as this object.
+  // All are valid as long as this object.
   ConnectTable table() const { return {sets_.as<const ConnectTable::Set>(), state()}; }
   ListenerWatch listener() const { return ListenerWatch(state()); }
+
+  // For the processes of the local proxy; has no effect unless marks were given.
+  SocketMarker marker() const;
+
+  // True if the sockets of this process are marked as own() when they connect, and those of TCP
+  // send without delay (TCP_NODELAY), so that nobody has to set this.
+  bool presetsOwnSockets() const { return presetsOwnSockets_; }
 
   // Connects that were not published because others were being published in the same place.
   std::uint64_t lostConnects() const;
@@ -51,21 +64,24 @@ class ConnectPublisher {
   };
   using Object = std::unique_ptr<bpf_object, ObjectRelease>;
 
-  explicit ConnectPublisher(Object object) : object_(std::move(object)) {}
+  ConnectPublisher(Object object, const ConnectTracer& tracer)
+      : tracer_(tracer), object_(std::move(object)) {}
 
   ConnectTable::State* state() const { return state_.as<ConnectTable::State>(); }
 
   platform::OptionalError mapMemory();
-  platform::OptionalError fillState(std::uint16_t proxyPort);
+  platform::OptionalError fillState(std::uint16_t proxyPort, std::optional<PacketMarks> marks);
   platform::OptionalError attach();
   // Compares a connect of this process with what the tracer recorded.
-  platform::OptionalError examineOwnConnect(const ConnectTracer& tracer) const;
+  platform::OptionalError examineOwnConnect();
 
+  const ConnectTracer& tracer_;
   const Object object_;
   // Read-only.
   MemoryMapping sets_;
   MemoryMapping state_;
   std::vector<std::unique_ptr<bpf_link, LinkRelease>> links_;
+  bool presetsOwnSockets_ = false;
 };
 
 }  // namespace ostravel::linuxplatform

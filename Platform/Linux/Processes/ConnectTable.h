@@ -80,7 +80,12 @@ class ConnectTable {
     std::uint64_t mountNamespace;
     // See ListenerWatch.
     std::uint32_t proxyOwner;
+    // The bits of the packet mark that may be changed, and what they are set to for our own sockets
+    // and the proxy's. 0 if nothing is to be marked.
+    std::uint32_t markMask;
+    std::uint32_t mark;
     std::uint32_t unused;
+    // See ListenerWatch.
     std::uint64_t listenerChanges;
     // Connects that were not published because all slots of their set were being written.
     std::uint64_t lost;

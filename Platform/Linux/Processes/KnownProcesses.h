@@ -24,6 +24,8 @@ struct KnownProcess {
   // The last listener of the proxy that this process was compared with, and the result.
   std::uint64_t comparedListener = 0;
   bool isProxy = false;
+  // The count of the listener's changes for which its sockets are marked; empty if they are not.
+  std::optional<std::uint64_t> marked;
 };
 
 // Cache of the processes that have sent recently. When it is full, the least recently used entry is

@@ -23,6 +23,9 @@ class ListenerWatch {
     return std::atomic_ref(state_->listenerChanges).load(std::memory_order_acquire);
   }
 
+  // For a change that only a look-up has revealed.
+  void noteChange() const { std::atomic_ref(state_->listenerChanges).fetch_add(1); }
+
   // Replaces the process that was watched before.
   void watch(pid_t process) const {
     std::atomic_ref(state_->proxyOwner).store(static_cast<std::uint32_t>(process));

@@ -1,5 +1,6 @@
 // Publishes, in a table that is mapped into the extension's memory, which process sends each SYN of
-// one network namespace, before the SYN leaves. Observes only.
+// one network namespace, before the SYN leaves. Marks the sockets that the extension and the local
+// proxy connect, so that they are not intercepted. Changes nothing else.
 //
 // All that is needed of the kernel's interface is declared here (bpf(2), bpf-helpers(7)), so that
 // no kernel headers have to be installed. Reading the kernel's own structures requires type
@@ -16,6 +17,7 @@ typedef unsigned long long u64;
 #define SECTION(name) __attribute__((section(name), used))
 
 enum {
+  kMapTypeHash = 1,
   kMapTypeArray = 2,
   kMapTypeLRUHash = 9,
   kMappable = 1 << 10,
@@ -24,8 +26,16 @@ enum {
   kTCPListen = 11,
   kIPv4 = 2,
   kIPv6 = 10,
+  kStream = 1,
   // What these programs return so that others on the same control group still decide.
   kNoDecision = 1,
+  kAllow = 1,
+
+  // As for setsockopt(2).
+  kSocketLevel = 1,
+  kMark = 36,
+  kTCPLevel = 6,
+  kNoDelay = 1,
 };
 
 // Must match ConnectTable.h.
@@ -33,14 +43,19 @@ enum {
   kWays = 4,
   kSets = 1024,
   kProgramCounters = 4096,
+  kMaximumMarked = 1024,
 };
 
 // Must match ConnectTracer.bpf.c.
 enum { kMaximumSockets = 16384 };
 
 static void* (*const lookupElement)(void* map, const void* key) = (void*)1;
+static long (*const deleteElement)(void* map, const void* key) = (void*)3;
 static u64 (*const socketCookie)(void* context) = (void*)46;
+static long (*const setOption)(void* context, int level, int option, void* value,
+                               int size) = (void*)49;
 static long (*const readKernel)(void* into, u32 size, const void* from) = (void*)113;
+static u64 (*const networkCookie)(void* context) = (void*)122;
 static void* (*const toTCPSocket)(void* socket) = (void*)137;
 static void* (*const currentTask)(void) = (void*)158;
 
@@ -82,6 +97,13 @@ struct Set {
   struct Slot ways[kWays];
 };
 
+// A process of the local proxy. Must match SocketMarker.cpp.
+struct Marked {
+  struct Record record;
+  // Void once the counter of the state differs.
+  u64 listenerChanges;
+};
+
 // Must match ConnectTable.h.
 struct State {
   // Set once by the extension, before the programs are attached.
@@ -93,6 +115,10 @@ struct State {
   u64 mountNamespace;
   // The process that owns the listener of the local proxy, set by the extension; 0 if unknown.
   u32 proxyOwner;
+  // The bits of the packet mark that may be changed; 0 if nothing is to be marked.
+  u32 markMask;
+  // What they are set to.
+  u32 mark;
   u32 unused;
   // Counts what may change which process listens on the proxy's port.
   u64 listenerChanges;
@@ -127,6 +153,28 @@ struct {
   int (*max_entries)[1];
   int (*map_flags)[kMappable];
 } states SECTION(".maps");
+
+// By process number.
+struct {
+  int (*type)[kMapTypeHash];
+  u32* key;
+  struct Marked* value;
+  int (*max_entries)[kMaximumMarked];
+} marked SECTION(".maps");
+
+struct Socket {
+  u32 boundInterface;
+  u32 family;
+  u32 type;
+  u32 protocol;
+  u32 mark;
+};
+
+// The beginning of the context of a program for a connect, and the offset of its socket.
+struct Connect {
+  u32 others[16];
+  struct Socket* socket;
+};
 
 // The beginning of the context of a program for socket operations, and the offset of its socket.
 struct SocketOperation {
@@ -463,6 +511,59 @@ SECTION("sockops") int operate(struct SocketOperation* context) {
   return kNoDecision;
 }
 
+INLINE int areEqual(const struct Record* one, const struct Record* other) {
+  return one->process == other->process && one->user == other->user &&
+         one->effectiveUser == other->effectiveUser &&
+         one->executableDevice == other->executableDevice &&
+         one->executableInode == other->executableInode && one->startTime == other->startTime &&
+         one->stackStart == other->stackStart;
+}
+
+// True if the extension has decided that this very process belongs to the local proxy. A child, or
+// the same process with another program or user, has to be decided about anew.
+INLINE int isOfProxy(void* context, const struct State* state, struct task_struct* task) {
+  const u32 process = (u32)task->tgid;
+  const struct Marked* const decided = lookupElement(&marked, &process);
+  if (decided == 0 || decided->listenerChanges != state->listenerChanges) {
+    return 0;
+  }
+  // The tracer, which was attached first, has just recorded this connect.
+  const u64 cookie = socketCookie(context);
+  const struct Record* const record = lookupElement(&processes, &cookie);
+  return record != 0 && isConnector(record, task) && areEqual(record, &decided->record);
+}
+
+INLINE int prepare(struct Connect* context) {
+  struct State* const state = findState();
+  if (state == 0 || state->markMask == 0) {
+    return kAllow;
+  }
+  struct task_struct* const task = currentTask();
+  const int isOwn = task->tgid == (int)state->extension;
+  if ((!isOwn && !isOfProxy(context, state, task)) || networkCookie(context) != state->network) {
+    return kAllow;
+  }
+  u32 mark = context->socket->mark;
+  // Somebody has chosen these bits.
+  if ((mark & state->markMask) == 0) {
+    mark |= state->mark;
+    setOption(context, kSocketLevel, kMark, &mark, sizeof mark);
+  }
+  if (isOwn && context->socket->type == kStream) {
+    int on = 1;
+    setOption(context, kTCPLevel, kNoDelay, &on, sizeof on);
+  }
+  return kAllow;
+}
+
+SECTION("cgroup/connect4") int connect4(struct Connect* context) {
+  return prepare(context);
+}
+
+SECTION("cgroup/connect6") int connect6(struct Connect* context) {
+  return prepare(context);
+}
+
 SECTION("tp_btf/sched_process_exec") int executed(u64* arguments) {
   const struct task_struct* const task = (const void*)arguments[0];
   struct State* const state = findState();
@@ -474,8 +575,14 @@ SECTION("tp_btf/sched_process_exec") int executed(u64* arguments) {
 
 SECTION("tp_btf/sched_process_exit") int ended(u64* arguments) {
   const struct task_struct* const task = (const void*)arguments[0];
+  const u32 process = (u32)task->tgid;
   struct State* const state = findState();
-  if (state != 0 && state->proxyOwner == (u32)task->tgid && task->signal->live.counter == 0) {
+  // A thread of a process that continues.
+  if (state == 0 || task->signal->live.counter != 0) {
+    return 0;
+  }
+  deleteElement(&marked, &process);
+  if (state->proxyOwner == process) {
     __sync_fetch_and_add(&state->listenerChanges, 1);
   }
   return 0;

@@ -41,7 +41,7 @@ class ApplicationIdentifierSourceTest : public SenderSourceTest {
   void start() {
     source_.emplace(
         kProxyPort, [this](const std::string& warning) { warnings_.push_back(warning); },
-        registrations_.path(), proxyUsers_);
+        registrations_.path(), proxyUsers_, ConnectTracer::Detail::programs, PacketMarks());
   }
 
   FlowTuple connectFrom(Helper& helper) {
@@ -167,6 +167,44 @@ TEST_P(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
     EXPECT_EQ(identifierOf(connectFrom(bystander)), isFirst ? kProxy : first);
     proxy.kill();
     EXPECT_EQ(identifierOf(connectFrom(bystander)), first);
+  }
+}
+
+TEST_P(ApplicationIdentifierSourceTest, TheSocketsOfAKnownProxyAreMarked) {
+  start();
+  const std::string program = programs_.copyHelper("proxy");
+  const std::string own = std::to_string(PacketMarks().own());
+  Helper sibling(program);
+  for (int i = 0; i < 3; ++i) {
+    Helper proxy(program);
+    proxy.makeSocket("proxy", kProxyPort);
+    // The first one finds it, and a later one is certain that it has not changed since.
+    for (Helper* const helper : {&proxy, &sibling, &proxy, &sibling}) {
+      EXPECT_EQ(identifierOf(connectFrom(*helper)), kProxy);
+    }
+    for (Helper* const helper : {&proxy, &sibling}) {
+      connectFrom(*helper);
+      EXPECT_EQ(helper->ask("mark"), own);
+    }
+    // Each process is decided about by itself.
+    Helper later(program);
+    connectFrom(later);
+    EXPECT_EQ(later.ask("mark"), "0");
+    proxy.kill();
+    EXPECT_EQ(identifierOf(connectFrom(sibling)), program);
+    EXPECT_EQ(sibling.ask("mark"), "0");
+  }
+}
+
+TEST_P(ApplicationIdentifierSourceTest, OnlyTheSocketsOfTheProxyAreMarked) {
+  start();
+  Helper proxy(programs_.copyHelper("proxy"));
+  proxy.makeSocket("proxy", kProxyPort);
+  Helper application;
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+    EXPECT_EQ(identifierOf(connectFrom(application)), OSTRAVEL_HELPER);
+    EXPECT_EQ(application.ask("mark"), "0");
   }
 }
 

@@ -12,6 +12,7 @@
 //   tunnel          makes tunnels, as initially
 //   reconnect FD    connects this datagram socket to port 443 of 127.0.0.1
 //   port FD         prints the port of this socket
+//   mark            prints the mark of the last socket created
 //   close           closes the last socket created
 //   hold COUNT      opens that many descriptors
 //   user NUMBER     becomes another user
@@ -98,6 +99,12 @@ std::string obey(const std::string& line, int& last) {
     // Wakes the accepting thread.
     ::shutdown(last, SHUT_RDWR);
     return ::close(last) == 0 ? "done" : "failed";
+  }
+  if (command == "mark") {
+    int mark = 0;
+    socklen_t size = sizeof mark;
+    return ::getsockopt(last, SOL_SOCKET, SO_MARK, &mark, &size) == 0 ? std::to_string(mark)
+                                                                      : "failed";
   }
   if (command == "reconnect") {
     const auto storage = loopback(AF_INET, 443);
