@@ -172,7 +172,7 @@ TEST_P(ApplicationIdentifierSourceTest, ARestartedProxyIsRecognisedAtOnce) {
 
 TEST_P(ApplicationIdentifierSourceTest, TheSocketsOfAKnownProxyAreMarked) {
   start();
-  const std::string program = programs_.copyHelper("proxy");
+  const std::string program = copyHelper(programs_, "proxy");
   const std::string own = std::to_string(PacketMarks().own());
   Helper sibling(program);
   for (int i = 0; i < 3; ++i) {
@@ -198,7 +198,7 @@ TEST_P(ApplicationIdentifierSourceTest, TheSocketsOfAKnownProxyAreMarked) {
 
 TEST_P(ApplicationIdentifierSourceTest, OnlyTheSocketsOfTheProxyAreMarked) {
   start();
-  Helper proxy(programs_.copyHelper("proxy"));
+  Helper proxy(copyHelper(programs_, "proxy"));
   proxy.makeSocket("proxy", kProxyPort);
   Helper application;
   for (int i = 0; i < 4; ++i) {

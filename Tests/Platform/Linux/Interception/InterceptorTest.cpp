@@ -148,7 +148,7 @@ TEST_F(InterceptorTest, ARefusalThatIsNotTheProxysLeavesTheFlowToTheSystem) {
   flow->closeRead(std::nullopt);
   flow->closeWrite(std::nullopt);
   EXPECT_EQ(application.connectResult(kGenerous), 0);
-  EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort());
+  EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
 }
 
 TEST_F(InterceptorTest, ATunnelThatIsNotTheProxysLeavesTheFlowToTheSystem) {
@@ -159,7 +159,7 @@ TEST_F(InterceptorTest, ATunnelThatIsNotTheProxysLeavesTheFlowToTheSystem) {
   ASSERT_TRUE(flow);
   flow->read([](std::optional<platform::Data> /*data*/, platform::OptionalError /*error*/) {});
   EXPECT_EQ(application.connectResult(kGenerous), 0);
-  EXPECT_EQ(origin.acceptOne(kGenerous), application.sourcePort());
+  EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
 }
 
 TEST_F(InterceptorTest, ItsEndLetsHeldFlowsGoAndRemovesTheRules) {

@@ -1,13 +1,14 @@
 #include "Platform/Linux/Interception/QueuedPacket.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
 #include <optional>
 #include <utility>
 
+#include "Platform/Linux/Identity/ProxyProcess.h"
+#include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 
 namespace ostravel::linuxplatform {
@@ -26,9 +27,15 @@ class QueuedPacketTest : public ::testing::Test {
     received_.id = packets[0].id;
     received_.mark = packets[0].mark;
   }
-  std::unique_ptr<QueuedPacket> hold(std::optional<ProcessLife> proxy = std::nullopt) {
+  std::unique_ptr<QueuedPacket> hold(std::optional<ProxyInstance> proxy = std::nullopt) {
     return std::make_unique<QueuedPacket>(queue_, PacketMarks(), received_, user_,
                                           std::move(proxy));
+  }
+  // Nothing listens on its port any more.
+  static ProxyInstance endedProxy() {
+    auto diagnostics = SocketDiagnostics::open();
+    return ProxyInstance(std::make_shared<ProxyInstance::Port>(
+        *std::move(diagnostics), ProxyProcess::addressOf(testing::closedPort())));
   }
 
   const std::shared_ptr<PacketQueue> queue_ = *PacketQueue::open();
@@ -63,10 +70,14 @@ TEST_F(QueuedPacketTest, ARefusalIsAReset) {
 }
 
 TEST_F(QueuedPacketTest, IsNotRefusedAfterTheProxysEnd) {
-  // Its number belongs to another process by now.
-  const ProcessLife ended(::getpid(), 0);
-  hold(ended)->refuse();
+  hold(endedProxy())->refuse();
   EXPECT_EQ(application_.connectResult(kGenerous), 0);
+}
+
+TEST_F(QueuedPacketTest, IsNotRedirectedAfterTheProxysEnd) {
+  hold(endedProxy())->redirect(0);
+  EXPECT_EQ(application_.connectResult(kGenerous), 0);
+  EXPECT_EQ(origin_.acceptOne(kGenerous), application_.localPort());
 }
 
 TEST_F(QueuedPacketTest, DoesNothingWhenTheQueueHasReleasedIt) {
