@@ -37,9 +37,9 @@ namespace ostravel::linuxplatform {
 // the network settings select, identifies its application, and offers the flow. A flow that is not
 // taken is accepted unchanged: the kernel carries it, and none of its data enters this process.
 //
-// The verdict thread does bounded work only and shares no lock with the event loops. On any failure
-// flows are left to the system, and so are those of a user with more pending flows than its share.
-// Started and stopped by the provider's context.
+// The verdict thread does bounded work only; the locks that it shares with the event loops are held
+// only to copy a few words. On any failure flows are left to the system, and so are those of a user
+// with more pending flows than its share. Started and stopped by the provider's context.
 class Interceptor {
  public:
   // Returns true if the flow was taken. Called on the verdict thread.
