@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "Companion/Monitor/SocketLock.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"
 
@@ -108,6 +109,15 @@ TEST(EventSocketTest, RefusesASocketThatIsNotListeningYet) {
     EXPECT_EQ(problemAt(path), "another program listens there");
     EXPECT_TRUE(std::filesystem::exists(path));
   }
+}
+
+TEST(EventSocketTest, TouchesNothingWhileAnotherMonitorIsBeingStarted) {
+  const TemporaryFolder folder;
+  leaveStaleSocket(folder.file("s"));
+  const ino_t stale = statusOf(folder.file("s")).st_ino;
+  const SocketLock lock(folder.file("s"));
+  EXPECT_EQ(problemAt(folder.file("s")), "another monitor is being started there");
+  EXPECT_EQ(statusOf(folder.file("s")).st_ino, stale);
 }
 
 TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {
