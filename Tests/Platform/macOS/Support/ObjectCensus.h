@@ -10,8 +10,8 @@ namespace ostravel::macos::test {
 using ObjectCensus = std::map<std::string, int>;
 ObjectCensus takeCensus();
 
-// Classes of which there are at least that many more in the later census, with the differences;
-// empty for none.
-std::string growth(const ObjectCensus& earlier, const ObjectCensus& later, int least);
+// Classes of which there are more in the later census, with the differences; empty when no object
+// was left behind.
+std::string growth(const ObjectCensus& earlier, const ObjectCensus& later);
 
 }  // namespace ostravel::macos::test

@@ -16,7 +16,7 @@ ObjectCensus takeCensus() {
   return census;
 }
 
-std::string growth(const ObjectCensus& earlier, const ObjectCensus& later, int least) {
+std::string growth(const ObjectCensus& earlier, const ObjectCensus& later) {
   std::string text;
   for (const auto& [name, count] : later) {
     // Each thread keeps its empty pools for the next time.
@@ -25,7 +25,7 @@ std::string growth(const ObjectCensus& earlier, const ObjectCensus& later, int l
     }
     const auto found = earlier.find(name);
     const int before = found != earlier.end() ? found->second : 0;
-    if (count - before >= least) {
+    if (count > before) {
       text += name + " +" + std::to_string(count - before) + "\n";
     }
   }
