@@ -51,6 +51,8 @@ int main(int argc, char** argv) {
   }
 
   std::signal(SIGPIPE, SIG_IGN);
+  // A log that has reached its largest size must not end the tunnels (RLIMIT_FSIZE).
+  std::signal(SIGXFSZ, SIG_IGN);
   ostravel::raiseDescriptorLimit();
 
   asio::io_context ioContext(1);

@@ -73,10 +73,12 @@ int fail(const platform::Error& error) {
                  : fail(error.localizedDescription);
 }
 
-// Only the main thread takes signals; every other thread inherits the mask. A peer that goes away
-// while it is being written to must not end the process.
+// Only the main thread takes signals; every other thread inherits the mask. Neither a peer that
+// goes away while it is being written to nor a log that has reached its largest size (RLIMIT_FSIZE)
+// must end the process.
 sigset_t takeOverSignals() {
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   // The parent may have left it ignored.
   std::signal(SIGCHLD, SIG_DFL);
   sigset_t taken;

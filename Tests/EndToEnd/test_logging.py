@@ -1,5 +1,6 @@
-"""An unread log stops nothing."""
+"""A log that is not read, or cannot be written, stops nothing."""
 
+import os
 import signal
 
 from Laboratory.network import THERE4
@@ -23,6 +24,35 @@ def start_unread(laboratory):
 def connect(laboratory, count):
     ways = [laboratory.fetch(THERE4, PEER_PORT).way for _ in range(count)]
     assert ways.count("proxied") == count, set(ways)
+
+
+LARGEST_LOG = 4096
+
+
+def with_largest_log(path):
+    """The prefix of a command line whose output goes to a file that may not grow further."""
+    return ("prlimit", f"--fsize={LARGEST_LOG}", "sh", "-c", 'exec "$@" >"$0" 2>&1', path)
+
+
+def test_a_log_of_the_largest_size_ends_nothing(laboratory):
+    laboratory.start_monitor()
+    logs = [laboratory.path(name) for name in ("sidecar.log", "extension.log")]
+    sidecar = laboratory.start(
+        [*with_largest_log(logs[0]), laboratory.program_path("ostravel-sidecar")]
+    )
+    extension = laboratory.run_extension(
+        "--configuration", laboratory.write_configuration(), prefix=with_largest_log(logs[1])
+    )
+    laboratory.wait_until_proxied()
+    for log in logs:
+        eventually(
+            lambda log=log: laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+            and os.path.getsize(log) == LARGEST_LOG,
+            f"{log} is full",
+        )
+    connect(laboratory, 20)
+    assert sidecar.process.poll() is None
+    assert extension.stop() == 0
 
 
 def test_connections_continue_while_the_log_is_unread(laboratory):
