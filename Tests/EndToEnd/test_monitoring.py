@@ -1,5 +1,6 @@
 """What is reported about a run, and that reporting never blocks anything."""
 
+import contextlib
 import json
 import os
 import re
@@ -290,6 +291,30 @@ def test_a_monitor_that_closes_at_once_blocks_nothing(laboratory):
     assert extension.stop() == 0
     for failure in failures_in(extension):
         assert re.search(r'Code=\d+ "Failed to (write monitoring frame|connect to )', failure)
+
+
+def test_what_a_monitor_sends_is_ignored(laboratory):
+    laboratory.serve(80, tell_peer)
+    laboratory.start_sidecar()
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(laboratory.socket_path)
+        listener.listen(1024)
+        extension = laboratory.start_extension()
+        eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "flows are proxied")
+        listener.settimeout(30)
+        talking = []
+        for _ in range(20):
+            assert laboratory.fetch(THERE4, 80).way == "proxied"
+            monitor = listener.accept()[0]
+            monitor.setblocking(False)
+            with contextlib.suppress(BlockingIOError, BrokenPipeError, ConnectionResetError):
+                while monitor.send(bytes(65536)):
+                    pass
+            talking.append(monitor)
+        assert laboratory.fetch(THERE4, 80).way == "proxied"
+        for monitor in talking:
+            monitor.close()
+    assert extension.stop() == 0
 
 
 def test_a_flow_without_a_proxy_is_reported(laboratory):
