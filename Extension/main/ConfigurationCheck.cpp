@@ -6,7 +6,6 @@
 #include <variant>
 
 #include "Base/JSONKeyPlaces.h"
-#include "Base/PrintableText.h"
 
 namespace ostravel::linuxplatform {
 
@@ -44,7 +43,7 @@ std::vector<std::string> configurationWarnings(const platform::ProviderConfigura
   std::vector<std::string> warnings;
   for (const auto& [key, value] : configuration) {
     if (const auto problem = problemWith(key, value)) {
-      warnings.push_back(path + places.of(key) + ": \"" + printableText(key) + "\" " + *problem);
+      warnings.push_back(path + places.of(key) + ": \"" + key + "\" " + *problem);
     }
   }
   return warnings;

@@ -2,6 +2,8 @@
 
 #include <dirent.h>
 #include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -25,7 +27,48 @@ bool canLookAtFirstProcess() {
   return sockets && ::readlink("/proc/1/exe", target.data(), target.size()) > 0;
 }
 
+// The guardian has been started by then.
+constexpr std::array kUsed{CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_NET_ADMIN, CAP_SYS_PTRACE,
+                           CAP_SYS_RESOURCE, CAP_PERFMON,         CAP_BPF};
+
+std::uint64_t usedCapabilities() {
+  std::uint64_t used = 0;
+  for (const unsigned capability : kUsed) {
+    used |= std::uint64_t{1} << capability;
+  }
+  // An older kernel does not know them, and asks for this one instead.
+  if (::prctl(PR_CAPBSET_READ, CAP_BPF) < 0) {
+    used |= std::uint64_t{1} << CAP_SYS_ADMIN;
+  }
+  return used;
+}
+
 }  // namespace
+
+platform::OptionalError Privileges::giveUpUnused() {
+  const std::uint64_t used = usedCapabilities();
+  // Without CAP_SETPCAP the bounding set stays, but no_new_privs keeps it from being of use.
+  for (unsigned capability = 0; ::prctl(PR_CAPBSET_READ, capability) >= 0; ++capability) {
+    if ((used >> capability & 1U) == 0) {
+      ::prctl(PR_CAPBSET_DROP, capability);
+    }
+  }
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> data{};
+  bool isDone = ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+                ::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) == 0 &&
+                ::syscall(SYS_capget, &header, data.data()) == 0;
+  for (unsigned word = 0; word < data.size(); ++word) {
+    const auto kept = static_cast<std::uint32_t>(used >> (word * kBitsPerWord));
+    data[word].effective &= kept;
+    data[word].permitted &= kept;
+    data[word].inheritable = 0;
+  }
+  isDone = isDone && ::syscall(SYS_capset, &header, data.data()) == 0;
+  return isDone ? std::nullopt
+                : platform::OptionalError(
+                      platform::systemCallError(errno, "permissions cannot be given up"));
+}
 
 Privileges Privileges::ofThisProcess() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
@@ -35,7 +78,7 @@ Privileges Privileges::ofThisProcess() {
   }
   const std::uint64_t capabilities = data[0].effective | std::uint64_t{data[1].effective}
                                                              << kBitsPerWord;
-  return {capabilities, canLookAtFirstProcess()};
+  return {capabilities, canLookAtFirstProcess(), ::getpriority(PRIO_PROCESS, 0) < 0};
 }
 
 bool Privileges::has(unsigned capability) const {
@@ -85,7 +128,7 @@ std::vector<std::string> Privileges::losses() const {
         "CAP_BPF or CAP_PERFMON is missing: processes are looked up in /proc, which costs time for "
         "each connection and misses those that end at once");
   }
-  if (!has(CAP_SYS_NICE)) {
+  if (!has(CAP_SYS_NICE) && !isPreferred_) {
     sentences.emplace_back(
         "CAP_SYS_NICE is missing: on a very busy machine the guardian may notice a hang late");
   }

@@ -16,15 +16,23 @@ namespace ostravel::linuxplatform {
 //   CAP_BPF, CAP_PERFMON             the recording of connects
 //   CAP_SYS_NICE                     the guardian's real-time priority
 //
+// Of use if they are there: CAP_DAC_OVERRIDE for a monitoring socket of another user,
+// CAP_SYS_RESOURCE for larger pipes than users may have.
+//
 // A snapshot.
 class Privileges {
  public:
   static Privileges ofThisProcess();
 
+  // Gives up every capability of this process that the extension has no use for, and the ability to
+  // gain any by running a program. Called before other threads exist, which inherit what is left.
+  static platform::OptionalError giveUpUnused();
+
   // capabilities: a bit for each. seesProcesses: whether the programs and sockets of other
   // processes are visible all the same, as in a container in which all belong to one user.
-  Privileges(std::uint64_t capabilities, bool seesProcesses)
-      : capabilities_(capabilities), seesProcesses_(seesProcesses) {}
+  // isPreferred: whether the process has a higher priority than usual (nice(1)).
+  Privileges(std::uint64_t capabilities, bool seesProcesses, bool isPreferred = false)
+      : capabilities_(capabilities), seesProcesses_(seesProcesses), isPreferred_(isPreferred) {}
 
   // Absent when this process can do its work, perhaps with losses. The error's sentence names
   // everything that is missing, and says what to do.
@@ -40,6 +48,7 @@ class Privileges {
 
   std::uint64_t capabilities_;
   bool seesProcesses_;
+  bool isPreferred_;
 };
 
 }  // namespace ostravel::linuxplatform

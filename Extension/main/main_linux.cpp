@@ -175,6 +175,9 @@ int run(int argc, char** argv) {
   if (const auto obstacle = privileges.obstacle()) {
     return fail(*obstacle);
   }
+  if (const auto error = linuxplatform::Privileges::giveUpUnused()) {
+    return fail(*error);
+  }
   const sigset_t takenSignals = takeOverSignals();
   const bool endsOnHangUp = hasTerminal();
 

@@ -1,6 +1,7 @@
 #include "Platform/Linux/LinuxProviderContext.h"
 
 #include <exception>
+#include <system_error>
 #include <utility>
 
 #include "Platform/Interface/ProviderError.h"
@@ -50,6 +51,8 @@ OptionalError LinuxProviderContext::tryToStartInterception(
     const platform::TransparentProxyNetworkSettings& settings) {
   try {
     return startInterception(settings);
+  } catch (const std::system_error& failure) {
+    return platform::posixError(failure.code().value(), failure.what());
   } catch (const std::exception& failure) {
     return platform::providerError(platform::kInterceptionFailedCode, failure.what());
   }

@@ -289,7 +289,7 @@ def test_live_reports_a_missing_permission(laboratory):
 # The commands at the root
 
 
-ROOT = pathlib.Path(JOBS).parents[1]
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
 def run_command(*arguments, **options):

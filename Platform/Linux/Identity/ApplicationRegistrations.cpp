@@ -17,7 +17,6 @@
 #include "Base/FileDescriptor.h"
 #include "Base/JSONHandle.h"
 #include "Base/JSONKeyPlaces.h"
-#include "Base/PrintableText.h"
 #include "Platform/Interface/ProviderError.h"
 #include "Platform/Linux/Identity/RegisteredPaths.h"
 
@@ -129,7 +128,7 @@ void ApplicationRegistrations::warnOfUselessPaths() const {
   const auto problems = RegisteredPaths::problemsWith(paths);
   for (std::size_t index = 0; index < paths.size(); ++index) {
     if (problems[index]) {
-      warn_(registrations_.at(paths[index]).place + ": \"" + printableText(paths[index]) + "\" " +
+      warn_(registrations_.at(paths[index]).place + ": \"" + paths[index] + "\" " +
             *problems[index]);
     }
   }

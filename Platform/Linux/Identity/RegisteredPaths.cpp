@@ -10,8 +10,6 @@
 #include <system_error>
 #include <thread>
 
-#include "Base/PrintableText.h"
-
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -35,7 +33,7 @@ Problem problemWith(const std::string& path) {
   }
   if (target.get() != path) {
     return "is not the path of the file itself, so the registration has no effect: register \"" +
-           printableText(target.get()) + "\"";
+           std::string(target.get()) + "\"";
   }
   return std::nullopt;
 }

@@ -185,7 +185,7 @@ NetfilterRule& NetfilterRule::notNewConnection() {
   loadConntrack(NFT_CT_STATE);
   mask(bytesOf(kNew));
   compare(NFT_CMP_EQ, bytesOf(kNone));
-  return say("ct state != new");
+  return say("ct state ! new");
 }
 
 NetfilterRule& NetfilterRule::trackedWithoutReply() {

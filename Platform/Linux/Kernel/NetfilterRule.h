@@ -37,7 +37,7 @@ class NetfilterRule {
   NetfilterRule& family(AddressFamily family);
   // tcp flags & (fin|syn|rst|ack) != syn
   NetfilterRule& notFirstOfTCP();
-  // ct state != new
+  // ct state ! new
   NetfilterRule& notNewConnection();
   // ct status & (confirmed|seen-reply) == confirmed
   NetfilterRule& trackedWithoutReply();

@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 #include <initializer_list>
 #include <string>
 
 #include "Tests/Support/InChildProcess.h"
+#include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -36,12 +39,34 @@ TEST(Privileges, AnOrdinaryUserLacksThem) {
   });
 }
 
+TEST(Privileges, UnusedOnesAreGivenUpForGood) {
+  testing::inChildProcess([] {
+    ASSERT_FALSE(Privileges::giveUpUnused());
+    const auto privileges = Privileges::ofThisProcess();
+    EXPECT_FALSE(privileges.obstacle());
+    for (const int capability : {CAP_SYS_MODULE, CAP_SETUID, CAP_SYS_RAWIO, CAP_NET_RAW}) {
+      EXPECT_EQ(::prctl(PR_CAPBSET_READ, capability), 0) << capability;
+    }
+    EXPECT_EQ(::prctl(PR_GET_NO_NEW_PRIVS, 0, 0, 0, 0), 1);
+    // It needs CAP_CHOWN.
+    const testing::TemporaryFolder folder;
+    EXPECT_EQ(::chown(folder.write("file", "").c_str(), 1, 1), -1);
+  });
+}
+
 TEST(Privileges, NothingIsMissingWithTheSixThatAreUsed) {
   const Privileges privileges(maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_BPF,
                                       CAP_PERFMON, CAP_SYS_NICE}),
                               false);
   EXPECT_FALSE(privileges.obstacle());
   EXPECT_TRUE(privileges.losses().empty());
+}
+
+TEST(Privileges, APreferredProcessNeedsNoRealTimePriority) {
+  const std::uint64_t capabilities =
+      maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_BPF, CAP_PERFMON});
+  EXPECT_EQ(Privileges(capabilities, false, false).losses().size(), 1U);
+  EXPECT_TRUE(Privileges(capabilities, false, true).losses().empty());
 }
 
 TEST(Privileges, StrongerCapabilitiesReplaceWeakerOnes) {
