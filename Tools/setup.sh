@@ -22,11 +22,6 @@ test_packages=(
 package_packages=(
   debhelper fakeroot lintian scdoc
 )
-# What the programs link, for a cross build.
-package_libraries=(
-  libasio-dev libbpf-dev libc-ares-dev libcli11-dev libicu-dev libjansson-dev libmnl-dev
-  libnetfilter-queue-dev libnftnl-dev libsystemd-dev
-)
 # Wanted by ./package --test.
 package_test_packages=(
   debootstrap iproute2 python3 systemd-container util-linux
