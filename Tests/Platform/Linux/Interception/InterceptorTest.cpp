@@ -101,7 +101,7 @@ class InterceptorTest : public ::testing::Test {
 TEST_F(InterceptorTest, OffersAFlowWithApplicationAndDestination) {
   start(false);
   TestListener origin("127.0.0.1", kPort);
-  const Connecting application("127.0.0.1", kPort);
+  const ConnectingApplication application("127.0.0.1", kPort);
   EXPECT_EQ(application.connectResult(kGenerous), 0);
   const std::lock_guard guard(lock_);
   ASSERT_EQ(identifiers_.size(), 1U);
@@ -112,7 +112,7 @@ TEST_F(InterceptorTest, OffersAFlowWithApplicationAndDestination) {
 TEST_F(InterceptorTest, ADeclinedFlowReachesItsDestinationUnchanged) {
   start(false);
   TestListener origin("127.0.0.1", kPort);
-  const Connecting application("127.0.0.1", kPort);
+  const ConnectingApplication application("127.0.0.1", kPort);
   EXPECT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
 }
@@ -120,7 +120,7 @@ TEST_F(InterceptorTest, ADeclinedFlowReachesItsDestinationUnchanged) {
 TEST_F(InterceptorTest, ATakenFlowIsHeldUntilItIsDecided) {
   start(true);
   TestListener origin("127.0.0.1", kPort);
-  const Connecting application("127.0.0.1", kPort);
+  const ConnectingApplication application("127.0.0.1", kPort);
   ASSERT_TRUE(takenFlow());
   EXPECT_EQ(application.connectResult(kSoon), EINPROGRESS);
 }
@@ -128,7 +128,7 @@ TEST_F(InterceptorTest, ATakenFlowIsHeldUntilItIsDecided) {
 TEST_F(InterceptorTest, AFlowClosedWithAnErrorGoesDirect) {
   start(true);
   TestListener origin("127.0.0.1", kPort);
-  const Connecting application("127.0.0.1", kPort);
+  const ConnectingApplication application("127.0.0.1", kPort);
   const auto flow = takenFlow();
   ASSERT_TRUE(flow);
   const platform::Error error{"test", 1, "the proxy is gone"};
@@ -142,7 +142,7 @@ TEST_F(InterceptorTest, AFlowClosedWithAnErrorGoesDirect) {
 TEST_F(InterceptorTest, ARefusalThatIsNotTheProxysLeavesTheFlowToTheSystem) {
   start(true);
   TestListener origin("127.0.0.1", kPort);
-  const Connecting application("127.0.0.1", kPort);
+  const ConnectingApplication application("127.0.0.1", kPort);
   const auto flow = takenFlow();
   ASSERT_TRUE(flow);
   flow->closeRead(std::nullopt);
@@ -154,7 +154,7 @@ TEST_F(InterceptorTest, ARefusalThatIsNotTheProxysLeavesTheFlowToTheSystem) {
 TEST_F(InterceptorTest, ATunnelThatIsNotTheProxysLeavesTheFlowToTheSystem) {
   start(true);
   TestListener origin("127.0.0.1", kPort);
-  const Connecting application("127.0.0.1", kPort);
+  const ConnectingApplication application("127.0.0.1", kPort);
   const auto flow = takenFlow();
   ASSERT_TRUE(flow);
   flow->read([](std::optional<platform::Data> /*data*/, platform::OptionalError /*error*/) {});
@@ -165,7 +165,7 @@ TEST_F(InterceptorTest, ATunnelThatIsNotTheProxysLeavesTheFlowToTheSystem) {
 TEST_F(InterceptorTest, ItsEndLetsHeldFlowsGoAndRemovesTheRules) {
   start(true);
   TestListener origin("127.0.0.1", kPort);
-  const Connecting application("127.0.0.1", kPort);
+  const ConnectingApplication application("127.0.0.1", kPort);
   ASSERT_TRUE(takenFlow());
   interceptor_.reset();
   EXPECT_EQ(application.connectResult(kGenerous), 0);
@@ -176,9 +176,9 @@ TEST_F(InterceptorTest, AUsersExcessGoesDirectAndIsLogged) {
   constexpr std::size_t kExcess = 6;
   start(true);
   TestListener origin("127.0.0.1", kPort);
-  std::vector<std::unique_ptr<Connecting>> applications;
+  std::vector<std::unique_ptr<ConnectingApplication>> applications;
   for (std::size_t count = 0; count < FlowAdmission::kHeldFlowsPerUser + kExcess; ++count) {
-    applications.push_back(std::make_unique<Connecting>("127.0.0.1", kPort));
+    applications.push_back(std::make_unique<ConnectingApplication>("127.0.0.1", kPort));
   }
   for (std::size_t count = 0; count < kExcess; ++count) {
     EXPECT_EQ(applications[applications.size() - 1 - count]->connectResult(kGenerous), 0);

@@ -1,8 +1,13 @@
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <stdexcept>
 #include <utility>
 
 namespace ostravel::testing {
@@ -61,5 +66,25 @@ std::vector<OfferedPacket> waitForPackets(linuxplatform::PacketQueue& queue,
 Connecting::Connecting(const std::string& address, std::uint16_t port,
                        const SocketSettings& settings)
     : TestSocket(beginConnect(address, port, settings)) {}
+
+ConnectingApplication::ConnectingApplication(const std::string& address, std::uint16_t port)
+    : TestSocket(TestSocket::makeTcp(address, SOCK_NONBLOCK)), process_(::fork()) {
+  if (process_ == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    connectTo(address, port);
+    ::raise(SIGSTOP);
+    ::_exit(0);
+  }
+  // Until it has stopped itself.
+  int status = 0;
+  if (::waitpid(process_, &status, WUNTRACED) != process_ || !WIFSTOPPED(status)) {
+    throw std::runtime_error("the application did not connect");
+  }
+}
+
+ConnectingApplication::~ConnectingApplication() {
+  ::kill(process_, SIGKILL);
+  ::waitpid(process_, nullptr, 0);
+}
 
 }  // namespace ostravel::testing

@@ -50,4 +50,17 @@ class Connecting : public TestSocket {
   Connecting(const std::string& address, std::uint16_t port, const SocketSettings& settings = {});
 };
 
+// The same, connected by another process, as the socket of an application is: this process plays
+// the extension, whose own connections are not offered. The process remains until the end.
+class ConnectingApplication : public TestSocket {
+ public:
+  ConnectingApplication(const std::string& address, std::uint16_t port);
+  ConnectingApplication(const ConnectingApplication&) = delete;
+  ConnectingApplication& operator=(const ConnectingApplication&) = delete;
+  ~ConnectingApplication();
+
+ private:
+  pid_t process_;
+};
+
 }  // namespace ostravel::testing
