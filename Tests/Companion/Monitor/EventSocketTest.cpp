@@ -113,11 +113,11 @@ TEST(EventSocketTest, RefusesASocketThatIsNotListeningYet) {
 
 TEST(EventSocketTest, TouchesNothingWhileAnotherMonitorIsBeingStarted) {
   const TemporaryFolder folder;
-  leaveStaleSocket(folder.file("s"));
-  const ino_t stale = statusOf(folder.file("s")).st_ino;
-  const SocketLock lock(folder.file("s"));
-  EXPECT_EQ(problemAt(folder.file("s")), "another monitor is being started there");
-  EXPECT_EQ(statusOf(folder.file("s")).st_ino, stale);
+  leaveStaleSocket(folder.path("s"));
+  const ino_t stale = statusOf(folder.path("s")).st_ino;
+  const SocketLock lock(folder.path("s"));
+  EXPECT_EQ(problemAt(folder.path("s")), "another monitor is being started there");
+  EXPECT_EQ(statusOf(folder.path("s")).st_ino, stale);
 }
 
 TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {

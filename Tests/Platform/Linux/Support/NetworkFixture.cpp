@@ -71,6 +71,10 @@ ConnectingApplication::ConnectingApplication(const std::string& address, std::ui
     : TestSocket(TestSocket::makeTcp(address, SOCK_NONBLOCK)), process_(::fork()) {
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // What is inherited would live on in it, such as the rules, which end with a socket.
+    const auto own = static_cast<unsigned>(descriptor());
+    ::close_range(0, own - 1, 0);
+    ::close_range(own + 1, ~0U, 0);
     connectTo(address, port);
     ::raise(SIGSTOP);
     ::_exit(0);
