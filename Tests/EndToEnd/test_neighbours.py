@@ -87,6 +87,7 @@ def test_programs_on_a_hung_file_system_disturb_nobody_else(neighbourhood):
         "end_processes",
         "share_a_port",
         "send_datagrams",
+        "send_datagrams_from_a_shared_port",
         "connect_to_listeners",
     ],
 )

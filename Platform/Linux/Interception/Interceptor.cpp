@@ -271,12 +271,14 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
       return LeaveReason::kernelSocket;
     }
     // Refusing QUIC makes sense only where TCP is proxied.
-    return share.isOnTrial() ? std::optional(LeaveReason::onTrial) : std::nullopt;
-  }
-  if (const auto reason = FlowAdmission::reasonAgainst(share, descriptors_, now)) {
+    if (share.isOnTrial()) {
+      return LeaveReason::onTrial;
+    }
+  } else if (const auto reason = FlowAdmission::reasonAgainst(share, descriptors_, now)) {
     return reason;
   }
-  // One user's flood would delay the others; a user that is alone may have everything.
+  // One user's flood would delay the others; a user that is alone may have everything. A datagram
+  // can cost even more than a SYN: finding its socket takes long if many share its port.
   if (share.exceedsRate(now) && shares_.isOtherActive(share, now)) {
     return LeaveReason::offerShare;
   }

@@ -7,6 +7,7 @@ HOST answers, and so do the hosts of 198.18.0.0/16. MODE is a function below.
 
 import os
 import random
+import resource
 import socket
 import struct
 import sys
@@ -87,6 +88,24 @@ def send_datagrams(*_):
                     pass
 
 
+def send_datagrams_from_a_shared_port(*_):
+    """As many sockets as possible have the same address and port, which makes finding one slow."""
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+    sockets = []
+    for _ in range(min(most - 100, 9000)):
+        made = socket.socket(type=socket.SOCK_DGRAM)
+        made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+        made.bind(("0.0.0.0", 9999))
+        sockets.append(made)
+    while True:
+        for made in sockets:
+            try:
+                made.sendto(bytes(100), (some_host(), 443))
+            except OSError:
+                pass
+
+
 def connect_to_listeners(*_):
     """To every listener on this machine."""
     while True:
@@ -105,7 +124,7 @@ MODES = {
     mode.__name__: mode
     for mode in (
         give_up, give_up_hosts, reset_connections, end_processes, share_a_port, send_datagrams,
-        connect_to_listeners,
+        send_datagrams_from_a_shared_port, connect_to_listeners,
     )
 }  # fmt: skip
 
