@@ -299,7 +299,7 @@ def check(machine, package, older):
     machine.run("systemctl", "daemon-reload")
     left = files_of(machine) - before
     assert not left, sorted(left)
-    assert machine.run("systemctl", "list-unit-files", "--no-legend", "ostravel*") == ""
+    assert machine.try_run("systemctl", "list-unit-files", "--no-legend", "ostravel*").stdout == ""
     say("purged: no file is left")
 
 
