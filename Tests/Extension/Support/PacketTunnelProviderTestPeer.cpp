@@ -1,6 +1,7 @@
 #include "Tests/Extension/Support/PacketTunnelProviderTestPeer.h"
 
 #include <limits>
+#include <string>
 
 namespace ostravel {
 
@@ -12,6 +13,16 @@ const ProxyTunnelAdmissionController& PacketTunnelProviderTestPeer::admission() 
 
 std::size_t PacketTunnelProviderTestPeer::activeTunnelCount() const {
   return provider_.activeTunnels_.size();
+}
+
+void PacketTunnelProviderTestPeer::occupyHandshakeSlots(std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    provider_.tunnelAdmissionController_.tryAcquireHandshakeSlot("occupied " + std::to_string(i));
+  }
+}
+
+void PacketTunnelProviderTestPeer::probe() {
+  provider_.probeProxyHealth();
 }
 
 std::size_t PacketTunnelProviderTestPeer::cacheSize() const {

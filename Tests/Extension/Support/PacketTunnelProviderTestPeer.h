@@ -16,6 +16,10 @@ class PacketTunnelProviderTestPeer {
 
   const ProxyTunnelAdmissionController& admission() const;
   std::size_t activeTunnelCount() const;
+  // Takes this many handshake slots for flows that never end, so that few are left.
+  void occupyHandshakeSlots(std::size_t count);
+  // A probe of the local proxy between those of the health loop.
+  void probe();
 
   std::size_t cacheSize() const;
   void addCacheEntry(const std::string& key, PacketTunnelProvider::FlowAction action,

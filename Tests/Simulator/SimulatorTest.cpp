@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "Tests/Simulator/Shrinker.h"
+#include "Tests/Simulator/SimulatorRun.h"
+
+namespace ostravel::simulator {
+namespace {
+
+std::string describe(const RunResult& result, std::uint64_t seed) {
+  return "seed " + std::to_string(seed) + ", flow " + std::to_string(result.violation->flow) +
+         ": " + result.violation->invariant;
+}
+
+// Everything that has to come up, so that the other numbers mean something.
+struct Totals {
+  std::size_t tunnels = 0;
+  std::size_t successes = 0;
+  std::size_t timeouts = 0;
+  std::size_t rejections = 0;
+  std::size_t mostPending = 0;
+};
+
+TEST(SimulatorTest, NoSeedBreaksAPromise) {
+  constexpr std::uint64_t kSeeds = 1500;
+  Totals totals;
+  for (std::uint64_t seed = 1; seed <= kSeeds; ++seed) {
+    const auto result = play({.seed = seed, .flows = 40});
+    ASSERT_FALSE(result.violation) << describe(result, seed);
+    totals.tunnels += result.tunnels;
+    totals.successes += result.successes;
+    totals.timeouts += result.timeouts;
+  }
+  EXPECT_GT(totals.tunnels, 10'000U);
+  EXPECT_GT(totals.successes, 5'000U);
+  EXPECT_GT(totals.timeouts, 100U);
+}
+
+TEST(SimulatorTest, NoSeedBreaksAPromiseWhenFlowsComeInBursts) {
+  const auto faults = FaultMenu::parse("bursts,silent-proxy,preemption,late-completions");
+  Totals totals;
+  for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+    const auto result = play({.seed = seed, .flows = 300, .faults = faults});
+    ASSERT_FALSE(result.violation) << describe(result, seed);
+    totals.rejections += result.rejections;
+    totals.mostPending = std::max(totals.mostPending, result.mostPending);
+  }
+  EXPECT_EQ(totals.mostPending, HistoryChecker::kMaxPending);
+  EXPECT_GT(totals.rejections, 0U);
+}
+
+TEST(SimulatorTest, EveryFaultAloneBreaksNoPromise) {
+  for (const Fault fault : FaultMenu::all().faults()) {
+    SCOPED_TRACE(nameOf(fault));
+    for (std::uint64_t seed = 1; seed <= 10; ++seed) {
+      const auto result =
+          play({.seed = seed, .flows = 60, .faults = FaultMenu::none().with(fault)});
+      ASSERT_FALSE(result.violation) << describe(result, seed);
+    }
+  }
+}
+
+TEST(SimulatorTest, TheSameSeedGivesTheSameRun) {
+  for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    EXPECT_EQ(play({.seed = seed}).digest, play({.seed = seed}).digest);
+  }
+}
+
+// With every compiler and with every option. Record them anew, after a look at why, when the core
+// calls its platform in another order.
+TEST(SimulatorTest, RecordedSeedsGiveTheRecordedRuns) {
+  struct Recorded {
+    std::uint64_t seed;
+    std::uint64_t digest;
+  };
+  for (const auto& [seed, digest] :
+       {Recorded{1, 0xc4cd699779cf5c1d}, Recorded{7, 0xfe0e734291e020ad},
+        Recorded{42, 0x5a75c32b56df9ba8}, Recorded{4711, 0x9a69972edb180f3e},
+        Recorded{20261, 0x39cb3daae6eb35e2}}) {
+    EXPECT_EQ(play({.seed = seed}).digest, digest) << "seed " << seed;
+  }
+}
+
+TEST(SimulatorTest, ATraceDoesNotChangeTheRun) {
+  const auto traced = play({.seed = 5, .trace = History::Trace::kept});
+
+  EXPECT_EQ(traced.digest, play({.seed = 5}).digest);
+  EXPECT_FALSE(traced.trace.empty());
+}
+
+TEST(SimulatorTest, OnlySomeOfTheFlowsCanBePlayed) {
+  const auto result = play({.seed = 3, .faults = FaultMenu::none(), .only = {{4, 9}}});
+
+  EXPECT_FALSE(result.violation);
+  EXPECT_EQ(result.flows, 2U);
+}
+
+class CanaryTest : public testing::TestWithParam<Canary> {};
+
+// A simulator that does not find these finds nothing.
+TEST_P(CanaryTest, IsFound) {
+  for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+    if (play({.seed = seed, .canary = GetParam()}).violation) {
+      return;
+    }
+  }
+  FAIL() << "no seed finds it";
+}
+
+std::string canaryName(const testing::TestParamInfo<Canary>& defect) {
+  constexpr std::array kNames = {"None", "CompletesTwice", "LosesRemoval", "AlteredByte",
+                                 "SilentWatchdog"};
+  return kNames[static_cast<std::size_t>(defect.param)];
+}
+
+INSTANTIATE_TEST_SUITE_P(Defects, CanaryTest,
+                         testing::Values(Canary::completesTwice, Canary::losesRemoval,
+                                         Canary::alteredByte, Canary::silentWatchdog),
+                         canaryName);
+
+TEST(ShrinkerTest, LeavesWhatTheFailureNeeds) {
+  RunOptions options{.seed = 1, .flows = 40, .canary = Canary::alteredByte};
+  while (!play(options).violation) {
+    ++options.seed;
+  }
+  const auto smallest = shrink(options);
+
+  EXPECT_TRUE(play(smallest).violation);
+  EXPECT_LE(smallest.only->size(), 20U);
+  EXPECT_TRUE(smallest.faults->faults().size() <= FaultMenu::drawn(options.seed).faults().size());
+}
+
+TEST(FaultMenuTest, IsReadAsItIsWritten) {
+  for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+    const auto menu = FaultMenu::drawn(seed);
+    EXPECT_EQ(FaultMenu::parse(menu.text()), menu);
+  }
+}
+
+TEST(FaultMenuTest, RefusesAnUnknownName) {
+  EXPECT_FALSE(FaultMenu::parse("preemption,nonsense"));
+  EXPECT_FALSE(FaultMenu::parse(""));
+}
+
+TEST(FaultMenuTest, ManyFaultsAreOffInEachRun) {
+  std::size_t on = 0;
+  for (std::uint64_t seed = 1; seed <= 100; ++seed) {
+    on += FaultMenu::drawn(seed).faults().size();
+  }
+  EXPECT_NEAR(static_cast<double>(on), 100.0 * kFaultCount / 3, 200.0);
+}
+
+}  // namespace
+}  // namespace ostravel::simulator
