@@ -99,6 +99,16 @@ def test_a_user_who_misuses_sockets_disturbs_nobody_else(neighbourhood, mode):
     check_others_are_served(attacked, proxied_share=0)
 
 
+def test_datagrams_count_against_their_users_offers(neighbourhood):
+    _, extension = neighbours.start_quiet_system(neighbourhood)
+    torture.attack(
+        neighbourhood,
+        lambda: neighbours.misuse_sockets(neighbourhood, "send_datagrams_from_a_shared_port"),
+        seconds=1.5,
+    )
+    extension.expect(extension.errors, "reason=offer_share")
+
+
 def test_with_a_silent_proxy_every_connection_succeeds(neighbourhood):
     connections = torture.connect_to_silent_proxy(neighbourhood, 200, rate=2000)
     assert connections.count == 200
