@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <string>
-#include <variant>
 
 #include "Extension/main/ConfigurationFile.h"
 #include "Tests/Fuzz/FuzzInput.h"
@@ -17,8 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(ftruncate(file, 0) == 0 && pwrite(file, data, size, 0) == static_cast<ssize_t>(size),
           "the file can be written");
   const auto read = ostravel::linuxplatform::readConfigurationFile(path);
-  if (const auto* const error = std::get_if<ostravel::platform::Error>(&read)) {
-    require(error->localizedDescription.find(path) != std::string::npos, "an error names the file");
-  }
+  require(read || read.error().localizedDescription.find(path) != std::string::npos,
+          "an error names the file");
   return 0;
 }

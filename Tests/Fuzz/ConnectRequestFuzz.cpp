@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   require(cut.header() == whole.header(), "the header depends on the pieces");
-  require(whole.behind().starts_with(cut.behind()), "what follows depends on the pieces");
+  require(whole.remainder().starts_with(cut.remainder()), "what follows depends on the pieces");
 
   const auto parsed = ostravel::companion::parseConnectRequest(whole.header());
   if (const auto* const request = std::get_if<ConnectRequest>(&parsed)) {
