@@ -1,0 +1,118 @@
+"""Concurrency defects, each as (source, a text in it, what replaces the text)."""
+
+TUNNEL = "Extension/FilterDataProvider/OVTunnelConnection.cpp"
+DISPATCH = "Extension/FilterDataProvider/PacketTunnelProviderDispatch.cpp"
+HEALTH = "Extension/FilterDataProvider/PacketTunnelProviderHealth.cpp"
+DECISION = "Extension/FilterDataProvider/PacketTunnelProviderDecision.cpp"
+PROVIDER = "Extension/FilterDataProvider/PacketTunnelProvider.cpp"
+WATCHDOG = "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.cpp"
+ADMISSION = "Extension/ProxyTunnelCore/ProxyTunnelAdmissionController.cpp"
+GATE = "Extension/ProxyTunnelCore/ProxySafetyGate.cpp"
+MONITOR = "Extension/ProxyTunnelCore/ProxyHealthMonitor.cpp"
+CLIENT = "Extension/ProxyTunnelCore/ProxyTunnelMonitoringClient.cpp"
+
+DEFECTS = [
+    # Closing
+    (TUNNEL, "if (isClosed_.exchange(true)) {", "if (isClosed_.load()) {"),
+    (TUNNEL, "  stopObserving();\n  handshakeWatchdog().finishWithoutCallback();",
+     "  handshakeWatchdog().finishWithoutCallback();"),
+    (TUNNEL, "  stopObserving();\n  handshakeWatchdog().finishWithoutCallback();",
+     "  stopObserving();"),
+    (TUNNEL, "error && !didEstablishHandshake_ && onProxyUnavailable_",
+     "error && onProxyUnavailable_"),
+    (TUNNEL, "    onProxyUnavailable_();\n", ""),
+    (TUNNEL, "  flow_->closeRead(error);\n  flow_->closeWrite(error);\n  connection_->cancel();",
+     "  flow_->closeWrite(error);\n  flow_->closeRead(error);\n  connection_->cancel();"),
+    (TUNNEL, "  flow_->closeWrite(error);\n  connection_->cancel();", "  connection_->cancel();"),
+    (TUNNEL, "  flow_->closeWrite(error);\n  connection_->cancel();",
+     "  flow_->closeWrite(std::nullopt);\n  connection_->cancel();"),
+    (TUNNEL, "  connection_->cancel();\n", ""),
+    (TUNNEL, "    onClose_(flowId_);\n", ""),
+    (TUNNEL, "  connection_->cancel();\n  if (onClose_) {\n    onClose_(flowId_);\n  }",
+     "  if (onClose_) {\n    onClose_(flowId_);\n    onClose_(\"\");\n  }\n"
+     "  flow_->closeRead(error);\n  connection_->cancel();"),
+    # Starting
+    (TUNNEL, "  if (isClosed_ || didStartHandshake_) {", "  if (false) {"),
+    (TUNNEL, "  const bool isFirst = !didStartHandshake_.exchange(true);",
+     "  const bool isFirst = !didStartHandshake_.load();"),
+    (TUNNEL, "  if (isObserving_.exchange(false)) {", "  if (isObserving_) {"),
+    (TUNNEL, "  stopObserving();\n  if (!isFirst) {", "  if (!isFirst) {"),
+    (TUNNEL, "  isObserving_ = true;\n", ""),
+    (TUNNEL, "  handshakeWatchdog().start();\n", ""),
+    # The handshake
+    (TUNNEL, "  if (!didEstablishHandshake_.exchange(true)) {\n"
+     "    handshakeWatchdog().finishWithoutCallback();",
+     "  if (!didEstablishHandshake_.exchange(true)) {"),
+    (TUNNEL, "  if (!didEstablishHandshake_.exchange(true)) {",
+     "  if (!didEstablishHandshake_.load()) {"),
+    (TUNNEL, "      onHandshakeEstablished_(flowId_);\n", ""),
+    (TUNNEL, "  pipeLocalToRemote();\n  if (leftoverData.empty()) {\n    pipeRemoteToLocal();\n"
+     "    return;\n  }", "  pipeLocalToRemote();\n  pipeRemoteToLocal();\n"
+     "  if (leftoverData.empty()) {\n    return;\n  }"),
+    (TUNNEL, "    if (!error) {\n      self->pipeRemoteToLocal();\n      return;\n    }",
+     "    if (!error) {\n      return;\n    }"),
+    (TUNNEL, "void OVTunnelConnection::handle(connect_response::NeedMoreData /*outcome*/) {\n"
+     "  readConnectResponse();",
+     "void OVTunnelConnection::handle(connect_response::NeedMoreData /*outcome*/) {"),
+    (TUNNEL, "  if (isEndOfStream(data)) {\n    close(std::nullopt);\n    return;\n  }\n  std::visit",
+     "  if (isEndOfStream(data)) {\n    return;\n  }\n  std::visit"),
+    (TUNNEL, "    case TCPConnectionState::disconnected:\n      close(connection->error());",
+     "    case TCPConnectionState::disconnected:"),
+    (TUNNEL, "      close(connection->error());", "      close(std::nullopt);"),
+    (TUNNEL, "Metrics{{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::move(error));",
+     "Metrics{{\"timeout_seconds\", handshakeTimeout_}});"),
+    (TUNNEL, "Metrics{{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::move(error));",
+     "Metrics{{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::nullopt);"),
+    # The relay
+    (TUNNEL, "void OVTunnelConnection::pipeLocalToRemote() {\n  if (isClosed_) {",
+     "void OVTunnelConnection::pipeLocalToRemote() {\n  if (false) {"),
+    (TUNNEL, "void OVTunnelConnection::pipeRemoteToLocal() {\n  if (isClosed_) {",
+     "void OVTunnelConnection::pipeRemoteToLocal() {\n  if (false) {"),
+    (TUNNEL, "        self->close(std::move(writeError));\n        return;\n      }\n"
+     "      self->pipeLocalToRemote();",
+     "        return;\n      }\n      self->pipeLocalToRemote();"),
+    (TUNNEL, "      self->pipeLocalToRemote();\n", ""),
+    (TUNNEL, "            self->close(std::move(writeError));\n            return;\n          }\n"
+     "          self->pipeRemoteToLocal();",
+     "            return;\n          }\n          self->pipeRemoteToLocal();"),
+    # The watchdog
+    (WATCHDOG, "  state_ = State::running;\n", ""),
+    (WATCHDOG, "    disarm(*timer);\n  }\n}\n\nProxyTunnelHandshakeWatchdog::TimeoutHandler",
+     "    timer->resume();\n  }\n}\n\nProxyTunnelHandshakeWatchdog::TimeoutHandler"),
+    (WATCHDOG, "    timer->resume();\n", ""),
+    (WATCHDOG, "  finish();\n  return onTimeout_;", "  return onTimeout_;"),
+    (WATCHDOG, "delayFor(timeout_)", "delayFor(timeout_ / 2)"),
+    # Admission
+    (ADMISSION, "pendingHandshakeIDs_.size() >= maxPendingHandshakes",
+     "pendingHandshakeIDs_.size() > maxPendingHandshakes"),
+    (ADMISSION, "  pendingHandshakeIDs_.erase(flowId);\n  establishedTunnelIDs_.insert(flowId);",
+     "  establishedTunnelIDs_.insert(flowId);"),
+    (ADMISSION, "  pendingHandshakeIDs_.erase(flowId);\n  establishedTunnelIDs_.erase(flowId);",
+     "  establishedTunnelIDs_.erase(flowId);"),
+    (ADMISSION, "  pendingHandshakeIDs_.erase(flowId);\n  establishedTunnelIDs_.erase(flowId);",
+     "  pendingHandshakeIDs_.erase(flowId);"),
+    # The gate and its writers
+    (MONITOR, "  gate_->setProxyUnavailable(result == ProxyHealthProbeResult::unreachable);",
+     "  if (previous != result) {\n    gate_->setProxyUnavailable("
+     "result == ProxyHealthProbeResult::unreachable);\n  }"),
+    (MONITOR, "const auto previous = std::exchange(lastResult_, result);",
+     "const auto previous = lastResult_;"),
+    (GATE, "  proxyUnavailable_ = unavailable;", "  proxyUnavailable_ = proxyUnavailable_ && unavailable;"),
+    (HEALTH, "    proxyHealthTimer_->setEventHandler([] {});\n    proxyHealthTimer_->cancel();\n  }\n"
+     "  proxyHealthTimer_ = nullptr;", "  }"),
+    (DISPATCH, "provider->proxySafetyGate_->setProxyUnavailable(true);",
+     "provider->proxySafetyGate_->setProxyUnavailable(false);"),
+    # The table of tunnels
+    (DISPATCH, "      provider->activeTunnels_.erase(flowId);\n", ""),
+    (DISPATCH, "  tunnelAdmissionController_.release(flowId);\n", ""),
+    (DISPATCH, "  activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {\n"
+     "    provider->activeTunnels_.insert_or_assign(tunnel->flowId(), tunnel);\n  });\n"
+     "  tunnel->start();",
+     "  tunnel->start();\n  activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {\n"
+     "    provider->activeTunnels_.insert_or_assign(tunnel->flowId(), tunnel);\n  });"),
+    (DISPATCH, "  flow.closeRead(error);\n  flow.closeWrite(error);\n}\n\nvoid PacketTunnelProvider::tunnel",
+     "  flow.closeRead(error);\n}\n\nvoid PacketTunnelProvider::tunnel"),
+    (DECISION, "now + kBypassCacheLifetimeSeconds, now", "now + 2 * kBypassCacheLifetimeSeconds, now"),
+    # Monitoring
+    (CLIENT, "    waitingBytes_ -= bytes;\n", ""),
+]
