@@ -28,8 +28,9 @@ bool canLookAtFirstProcess() {
 }
 
 // The guardian has been started by then.
-constexpr std::array kUsed{CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_NET_ADMIN, CAP_SYS_PTRACE,
-                           CAP_SYS_RESOURCE, CAP_PERFMON,         CAP_BPF};
+constexpr std::array<unsigned, 7> kUsed{CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_NET_ADMIN,
+                                        CAP_SYS_PTRACE,   CAP_SYS_RESOURCE,    CAP_PERFMON,
+                                        CAP_BPF};
 
 std::uint64_t usedCapabilities() {
   std::uint64_t used = 0;

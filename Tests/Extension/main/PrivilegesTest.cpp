@@ -101,7 +101,7 @@ TEST(Privileges, WhereAllProcessesAreVisibleItWorksWithLosses) {
 }
 
 TEST(Privileges, TracingNeedsBothOfItsCapabilities) {
-  for (const unsigned one : {CAP_BPF, CAP_PERFMON}) {
+  for (const unsigned one : std::initializer_list<unsigned>{CAP_BPF, CAP_PERFMON}) {
     const auto losses =
         Privileges(maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_SYS_NICE, one}),
                    true)
