@@ -404,9 +404,9 @@ bool forbidSystemCalls() {
                                        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)}};
   };
   std::vector<sock_filter> filter{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-  for (const std::uint32_t number : {SYS_brk, SYS_mmap, SYS_munmap, SYS_madvise, SYS_futex,
-                                     SYS_sched_yield, SYS_clock_gettime, SYS_exit_group}) {
-    const auto statements = allow(number);
+  for (const int number : {SYS_brk, SYS_mmap, SYS_munmap, SYS_madvise, SYS_futex, SYS_sched_yield,
+                           SYS_clock_gettime, SYS_exit_group}) {
+    const auto statements = allow(static_cast<std::uint32_t>(number));
     filter.insert(filter.end(), statements.begin(), statements.end());
   }
   filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS));

@@ -72,7 +72,7 @@ class SocketMarkerTest : public ::testing::Test {
     return socket;
   }
 
-  const PacketMarks marks_;
+  const PacketMarks marks_{};
   const FileDescriptor listener_ = makeListener();
   std::unique_ptr<ConnectTracer> tracer_;
   std::unique_ptr<ConnectPublisher> publisher_;
