@@ -288,9 +288,9 @@ void RedirectSupervisor::connectionIsMissing(unsigned loopIndex, const FlowTuple
   home().post([self = shared_from_this(), loopIndex, tuple] { self->examine(loopIndex, tuple); });
 }
 
-void RedirectSupervisor::connectionWasReset(const FlowTuple& tuple) {
+void RedirectSupervisor::connectionWillBeReset(const FlowTuple& tuple) {
   const std::lock_guard guard(resetsLock_);
-  resets_.remove(tuple);
+  resets_.allowReopening(tuple);
 }
 
 void RedirectSupervisor::examine(unsigned loopIndex, const FlowTuple& tuple) {

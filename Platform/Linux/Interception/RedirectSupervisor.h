@@ -42,7 +42,7 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   void connectionIsMissing(unsigned loopIndex, const FlowTuple& tuple) override;
   // Deletes the conntrack entry on the calling thread: later, a new connection could have the same
   // ports.
-  void connectionWasReset(const FlowTuple& tuple) override;
+  void connectionWillBeReset(const FlowTuple& tuple) override;
 
   // Only for start().
   RedirectSupervisor(EventLoopGroup& loops,

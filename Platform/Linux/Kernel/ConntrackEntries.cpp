@@ -118,17 +118,34 @@ std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
 }
 
 int ConntrackEntries::remove(const FlowTuple& original) {
+  return request(IPCTNL_MSG_CT_DELETE, original, [](nlmsghdr* /*request*/) {});
+}
+
+// A connection that has ended in order may be reopened. This flag says that its end has begun.
+int ConntrackEntries::allowReopening(const FlowTuple& original) {
+  return request(IPCTNL_MSG_CT_NEW, original, [](nlmsghdr* request) {
+    constexpr nf_ct_tcp_flags kEnding{IP_CT_TCP_FLAG_CLOSE_INIT, IP_CT_TCP_FLAG_CLOSE_INIT};
+    nlattr* const protocol = ::mnl_attr_nest_start(request, CTA_PROTOINFO);
+    nlattr* const tcp = ::mnl_attr_nest_start(request, CTA_PROTOINFO_TCP);
+    ::mnl_attr_put(request, CTA_PROTOINFO_TCP_FLAGS_REPLY, sizeof kEnding, &kEnding);
+    ::mnl_attr_nest_end(request, tcp);
+    ::mnl_attr_nest_end(request, protocol);
+  });
+}
+
+int ConntrackEntries::request(std::uint16_t type, const FlowTuple& original, Complete complete) {
   if (!socket_) {
     return ENOTCONN;
   }
   alignas(nlmsghdr) std::array<char, 512> request{};
   nlmsghdr* const header = ::mnl_nlmsg_put_header(request.data());
-  header->nlmsg_type = NFNL_SUBSYS_CTNETLINK << 8U | IPCTNL_MSG_CT_DELETE;
+  header->nlmsg_type = static_cast<std::uint16_t>(NFNL_SUBSYS_CTNETLINK << 8U | type);
   header->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
   auto& message = *static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
   message.nfgen_family = original.source.family == AddressFamily::ipv4 ? AF_INET : AF_INET6;
   message.version = NFNETLINK_V0;
   putTuple(header, original);
+  complete(header);
   if (::mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) < 0) {
     return errno;
   }

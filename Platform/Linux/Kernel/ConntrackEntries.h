@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <vector>
@@ -23,6 +24,11 @@ class ConntrackEntries {
   // errno.
   int remove(const FlowTuple& original);
 
+  // Called before a connection is reset from its far end. The kernel keeps the entry for ten
+  // seconds after such a reset, and redirects a new connection with the same addresses and ports
+  // as before; after this call it treats the new one as new. Returns as remove does.
+  int allowReopening(const FlowTuple& original);
+
   // Deletes the entries of all TCP connections that were redirected to a loopback address without a
   // listener: a new connection with the same addresses and ports would be refused there. Returns
   // how many there were. isListened returns true if the address has a listener.
@@ -36,6 +42,10 @@ class ConntrackEntries {
     SocketEndpoint arrived;
   };
 
+  // Adds the attributes that follow the tuple to a request.
+  using Complete = void (*)(nlmsghdr* request);
+
+  int request(std::uint16_t type, const FlowTuple& original, Complete complete);
   static std::optional<Redirection> redirectionOf(const nlmsghdr* entry);
   // As far as the table can be read.
   std::vector<Redirection> redirections();

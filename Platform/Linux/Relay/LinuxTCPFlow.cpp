@@ -108,12 +108,12 @@ void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
     endHeld(error);
   }
   if (isHeld || error) {
-    const bool isCarried = stage_ == Stage::carried;
+    if (RedirectPath* const path = stream_.loop().redirectPath();
+        stage_ == Stage::carried && path != nullptr) {
+      path->prepareReset(tuple_);
+    }
     stage_ = Stage::ended;
     stream_.fail(socketError(ECANCELED));
-    if (RedirectPath* const path = stream_.loop().redirectPath(); isCarried && path != nullptr) {
-      path->reportReset(tuple_);
-    }
     return;
   }
   stream_.closeInOrder(direction);

@@ -20,9 +20,9 @@ void RedirectPath::reportMissing(unsigned loopIndex, const FlowTuple& tuple) {
   }
 }
 
-void RedirectPath::reportReset(const FlowTuple& tuple) {
+void RedirectPath::prepareReset(const FlowTuple& tuple) {
   if (const auto found = watcher()) {
-    found->connectionWasReset(tuple);
+    found->connectionWillBeReset(tuple);
   }
 }
 

@@ -24,7 +24,7 @@ class RedirectPath {
     virtual ~Watcher() = default;
 
     virtual void connectionIsMissing(unsigned loopIndex, const FlowTuple& tuple) = 0;
-    virtual void connectionWasReset(const FlowTuple& tuple) = 0;
+    virtual void connectionWillBeReset(const FlowTuple& tuple) = 0;
   };
 
   // False until a test has succeeded.
@@ -35,10 +35,10 @@ class RedirectPath {
   void setWatcher(std::weak_ptr<Watcher> watcher);
   // A connection released for this loop has not arrived.
   void reportMissing(unsigned loopIndex, const FlowTuple& tuple);
-  // We have reset a connection that had arrived. For some seconds the kernel would redirect a new
-  // connection with the same addresses and ports like this one; this call prevents that before it
-  // returns.
-  void reportReset(const FlowTuple& tuple);
+  // We are about to reset a connection that has arrived. For some seconds the kernel would redirect
+  // a new connection with the same addresses and ports like this one. This call prevents that
+  // before it returns; later would be too late, as the application may be faster than we are.
+  void prepareReset(const FlowTuple& tuple);
 
  private:
   std::shared_ptr<Watcher> watcher();

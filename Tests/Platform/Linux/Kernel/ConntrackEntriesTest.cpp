@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <memory>
 #include <string>
 
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
@@ -54,6 +56,7 @@ TEST(ConntrackEntriesTest, RemovesAConnection) {
 
 TEST(ConntrackEntriesTest, ReportsAMissingEntry) {
   trackConnections();
+  EXPECT_EQ(ConntrackEntries().allowReopening(FlowTuple()), ENOENT);
   EXPECT_EQ(ConntrackEntries().remove(FlowTuple()), ENOENT);
 }
 
@@ -102,6 +105,30 @@ TEST_P(ConntrackEntriesOfRedirectionsTest, KeepsConnectionsThatWereNotRedirected
   const Connecting application(GetParam(), 8000);
   ASSERT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_EQ(entries_.removeDeadRedirections(isNotListened), 0U);
+}
+
+TEST_P(ConntrackEntriesOfRedirectionsTest, AReusedPortIsRedirectedAnewAfterAnAllowedReset) {
+  constexpr std::uint16_t kSourcePort = 5000;
+  const auto connect = [] {
+    return std::make_unique<Connecting>(GetParam(), 8001,
+                                        testing::SocketSettings{.sourcePort = kSourcePort});
+  };
+  auto application = connect();
+  ASSERT_EQ(application->connectResult(kGenerous), 0);
+  auto accepted = listener_.accept();
+  const bool isIPv4 = std::string(GetParam()) == "127.0.0.1";
+  FlowTuple tuple = tupleOf(*application, isIPv4 ? AddressFamily::ipv4 : AddressFamily::ipv6);
+  tuple.destination.port = 8001;
+  EXPECT_EQ(entries_.allowReopening(tuple), 0);
+  accepted.reset();
+  application.reset();
+  outputOf(
+      "nft 'flush chain inet redirections out; add rule inet redirections out "
+      "tcp dport 8001 redirect to :8002'");
+  const TestListener other(GetParam(), 8002);
+  application = connect();
+  EXPECT_EQ(application->connectResult(kGenerous), 0);
+  EXPECT_EQ(other.acceptOne(kGenerous), kSourcePort);
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, ConntrackEntriesOfRedirectionsTest,
