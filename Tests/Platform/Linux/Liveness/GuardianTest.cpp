@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -147,7 +148,8 @@ TEST(GuardianTest, SparesAProcessThatGetsNoProcessorTime) {
       ::_exit(EXIT_SUCCESS);
     }
     record.enter(Phase::running);
-    while (true) {
+    // Hangs, busily, once it runs. A loop without any effect could be removed by the compiler.
+    for (std::atomic<unsigned> turns = 0;; ++turns) {
     }
   });
   EXPECT_TRUE(isKilled(guarded.wait()));
