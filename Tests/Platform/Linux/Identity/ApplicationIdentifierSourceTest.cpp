@@ -397,7 +397,8 @@ TEST_P(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWithoutAKnownDi
   EXPECT_TRUE(source_->identify(packetOf(flowOfNobody), 0).leaveReason);
 }
 
-// Ends the process on the next system call, except those for memory, locks and its exit.
+// Ends the process on the next system call, except those for memory, locks and its exit, before
+// which AddressSanitizer asks for the signal stack.
 bool forbidSystemCalls() {
   constexpr auto allow = [](std::uint32_t number) {
     return std::array<sock_filter, 2>{{BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
@@ -405,7 +406,7 @@ bool forbidSystemCalls() {
   };
   std::vector<sock_filter> filter{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
   for (const int number : {SYS_brk, SYS_mmap, SYS_munmap, SYS_madvise, SYS_futex, SYS_sched_yield,
-                           SYS_clock_gettime, SYS_exit_group}) {
+                           SYS_clock_gettime, SYS_sigaltstack, SYS_exit_group}) {
     const auto statements = allow(static_cast<std::uint32_t>(number));
     filter.insert(filter.end(), statements.begin(), statements.end());
   }
