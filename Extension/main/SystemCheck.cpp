@@ -162,8 +162,7 @@ class SystemCheck {
             (limit.rlim_max < kFewDescriptors ? ": raise it with ulimit -n or LimitNOFILE=" : ""));
   }
 
-  // Events carry the time of day, and processes are told apart by the time since boot at which
-  // they started.
+  // Events contain the time of day. Processes are distinguished by their start time since boot.
   void checkClocks() {
     timex state{};
     struct stat program {};

@@ -255,15 +255,22 @@ def test_a_monitor_that_accepts_late_blocks_and_misses_nothing(laboratory):
         assert shapes(own) == flow_events(CURL, target)
 
 
-def test_a_monitor_that_does_not_read_blocks_nothing(laboratory):
+@contextlib.contextmanager
+def monitored_by_hand(laboratory, backlog):
+    """The socket at which the test plays the monitor, and the extension; flows are proxied."""
     laboratory.serve(80, tell_peer)
     laboratory.start_sidecar()
     with socket.socket(socket.AF_UNIX) as listener:
         listener.bind(laboratory.socket_path)
-        listener.listen(1024)
+        listener.listen(backlog)
+        listener.settimeout(30)
         extension = laboratory.start_extension()
         eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "flows are proxied")
-        listener.settimeout(30)
+        yield listener, extension
+
+
+def test_a_monitor_that_does_not_read_blocks_nothing(laboratory):
+    with monitored_by_hand(laboratory, 1024) as (listener, extension):
         held = [listener.accept()[0]]
         for _ in range(20):
             assert laboratory.fetch(THERE4, 80).way == "proxied"
@@ -275,14 +282,7 @@ def test_a_monitor_that_does_not_read_blocks_nothing(laboratory):
 
 def test_a_monitor_that_closes_at_once_blocks_nothing(laboratory):
     """Writing to it fails, and does not end the process."""
-    laboratory.serve(80, tell_peer)
-    laboratory.start_sidecar()
-    with socket.socket(socket.AF_UNIX) as listener:
-        listener.bind(laboratory.socket_path)
-        listener.listen(0)
-        listener.settimeout(30)
-        extension = laboratory.start_extension()
-        eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "flows are proxied")
+    with monitored_by_hand(laboratory, 0) as (listener, extension):
         for _ in range(20):
             listener.accept()[0].close()
             assert laboratory.fetch(THERE4, 80).way == "proxied"
@@ -294,14 +294,7 @@ def test_a_monitor_that_closes_at_once_blocks_nothing(laboratory):
 
 
 def test_what_a_monitor_sends_is_ignored(laboratory):
-    laboratory.serve(80, tell_peer)
-    laboratory.start_sidecar()
-    with socket.socket(socket.AF_UNIX) as listener:
-        listener.bind(laboratory.socket_path)
-        listener.listen(1024)
-        extension = laboratory.start_extension()
-        eventually(lambda: laboratory.fetch(THERE4, 80).way == "proxied", "flows are proxied")
-        listener.settimeout(30)
+    with monitored_by_hand(laboratory, 1024) as (listener, extension):
         talking = []
         for _ in range(20):
             assert laboratory.fetch(THERE4, 80).way == "proxied"

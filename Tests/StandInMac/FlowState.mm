@@ -67,7 +67,7 @@ NEFlowMetaData* FlowState::metaData() const {
 
 void FlowState::open(NWEndpoint* localEndpoint, ErrorBlock completion) {
   const std::lock_guard guard(lock_);
-  // Whoever opens a flow has taken it, or is about to say so.
+  // A provider that opens a flow has taken it, even if it has not returned that yet.
   wasTaken_ = true;
   openedLocalEndpoint_ = macos::Reference<NWEndpoint*>::retaining(localEndpoint);
   if (holdsOpening_) {

@@ -101,7 +101,7 @@ class ApplicationIdentifierSource {
     std::uint64_t cookie = 0;
     // No process holds the socket any more.
     bool hasNoHolder = false;
-    // Present if the flow must be left to the system, whoever sent it.
+    // Present if the flow must be left to the system, regardless of its sender.
     std::optional<LeaveReason> leaveReason = std::nullopt;
   };
 

@@ -27,7 +27,7 @@ static long (*const updateElement)(void* map, const void* key, const void* value
 static u64 (*const currentProcessAndThread)(void) = (void*)14;
 static u64 (*const socketCookie)(void* context) = (void*)46;
 
-// Must match ConnectTracer.cpp.
+// Must match ConnectRecord.h.
 struct Record {
   u32 process;
   // The following are 0 unless programs are traced.
