@@ -31,6 +31,7 @@ LINUX = "Platform/Linux"
 KERNEL = f"{LINUX}/Kernel"
 SERVICES = f"{LINUX}/Services"
 PROCESSES = f"{LINUX}/Processes"
+TRACING = f"{LINUX}/Tracing"
 IDENTITY = f"{LINUX}/Identity"
 RELAY = f"{LINUX}/Relay"
 LIVENESS = f"{LINUX}/Liveness"
@@ -57,10 +58,12 @@ ALLOWED_ROOMS = {
     KERNEL: GROUND,
     SERVICES: GROUND | {SHARED, KERNEL},
     PROCESSES: GROUND | {KERNEL},
-    IDENTITY: GROUND | {KERNEL, PROCESSES},
+    TRACING: GROUND | {KERNEL, PROCESSES},
+    IDENTITY: GROUND | {KERNEL, PROCESSES, TRACING},
     RELAY: GROUND | {SHARED, KERNEL, SERVICES},
     LIVENESS: GROUND | {KERNEL, SERVICES, RELAY},
-    INTERCEPTION: GROUND | {KERNEL, SERVICES, PROCESSES, IDENTITY, RELAY, LIVENESS},
+    INTERCEPTION: GROUND | {KERNEL, SERVICES, PROCESSES, TRACING, IDENTITY, RELAY,
+                            LIVENESS},
     LINUX: GROUND | {SHARED, SERVICES, RELAY, LIVENESS, INTERCEPTION},
 
     MAC_FOUNDATION: {INTERFACE},
@@ -111,7 +114,7 @@ ALLOWED_HEADERS = {
 
 # Room -> headers that its build makes, which have no path from the root.
 GENERATED_HEADERS = {
-    PROCESSES: {"ConnectTableProgram.h", "ConnectTracerProgram.h", "ConnectTracerPlainProgram.h"},
+    TRACING: {"ConnectTableProgram.h", "ConnectTracerProgram.h", "ConnectTracerPlainProgram.h"},
 }
 
 # <chrono> is welcome for its durations, its clocks are not.

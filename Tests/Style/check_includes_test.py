@@ -123,7 +123,7 @@ class IncludeCheck(unittest.TestCase):
     def test_the_rooms_of_linux_build_on_each_other(self):
         event_loop = '#include "Platform/Linux/Relay/EventLoop.h"'
         self.assert_accepted("Platform/Linux/Interception/New.cpp", event_loop)
-        for room in ("Kernel", "Services", "Processes", "Identity"):
+        for room in ("Kernel", "Services", "Processes", "Tracing", "Identity"):
             self.assert_rejected(f"Platform/Linux/{room}/New.cpp", event_loop)
             (self.root / f"Platform/Linux/{room}/New.cpp").unlink()
 
@@ -142,7 +142,7 @@ class IncludeCheck(unittest.TestCase):
 
     def test_a_generated_header_belongs_to_the_room_that_makes_it(self):
         include = '#include "ConnectTracerProgram.h"'
-        self.assert_accepted("Platform/Linux/Processes/New.cpp", include)
+        self.assert_accepted("Platform/Linux/Tracing/New.cpp", include)
         self.assert_rejected("Platform/Linux/Kernel/New.cpp", include)
 
     def test_the_core_may_not_have_threads_clocks_or_randomness(self):

@@ -22,10 +22,10 @@
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
-#include "Platform/Linux/Processes/ConnectPublisher.h"
-#include "Platform/Linux/Processes/ConnectTracer.h"
 #include "Platform/Linux/Processes/KnownProcesses.h"
 #include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Tracing/ConnectPublisher.h"
+#include "Platform/Linux/Tracing/ConnectTracer.h"
 
 namespace ostravel::linuxplatform {
 

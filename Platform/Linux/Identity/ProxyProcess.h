@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
-#include "Platform/Linux/Processes/ListenerWatch.h"
 #include "Platform/Linux/Processes/ProcessTable.h"
 #include "Platform/Linux/Processes/SocketHolderSearch.h"
+#include "Platform/Linux/Tracing/ListenerWatch.h"
 
 namespace ostravel::linuxplatform {
 

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/CgroupRoot.h"
-#include "Platform/Linux/Processes/ConnectPublisher.h"
-#include "Platform/Linux/Processes/ConnectTracer.h"
+#include "Platform/Linux/Tracing/ConnectPublisher.h"
+#include "Platform/Linux/Tracing/ConnectTracer.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/InChildProcess.h"

@@ -1,4 +1,4 @@
-#include "Platform/Linux/Processes/SocketMarker.h"
+#include "Platform/Linux/Tracing/SocketMarker.h"
 
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@
 #include <optional>
 #include <string_view>
 
-#include "Platform/Linux/Processes/ConnectPublisher.h"
+#include "Platform/Linux/Tracing/ConnectPublisher.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 
 namespace ostravel::linuxplatform {

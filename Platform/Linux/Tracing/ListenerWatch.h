@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "Platform/Linux/Processes/ConnectTable.h"
+#include "Platform/Linux/Tracing/ConnectTable.h"
 
 namespace ostravel::linuxplatform {
 

@@ -1,4 +1,4 @@
-#include "Platform/Linux/Processes/ConnectPublisher.h"
+#include "Platform/Linux/Tracing/ConnectPublisher.h"
 
 #include <bpf/bpf.h>
 #include <fcntl.h>

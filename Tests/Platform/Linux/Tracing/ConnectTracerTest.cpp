@@ -1,4 +1,4 @@
-#include "Platform/Linux/Processes/ConnectTracer.h"
+#include "Platform/Linux/Tracing/ConnectTracer.h"
 
 #include <bpf/bpf.h>
 #include <fcntl.h>

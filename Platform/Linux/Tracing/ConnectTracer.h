@@ -7,7 +7,7 @@
 
 #include "Platform/Interface/Error.h"
 #include "Platform/Interface/Result.h"
-#include "Platform/Linux/Processes/ConnectRecord.h"
+#include "Platform/Linux/Tracing/ConnectRecord.h"
 
 struct bpf_link;
 struct bpf_map;

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "Platform/Linux/Processes/ConnectRecord.h"
+#include "Platform/Linux/Tracing/ConnectRecord.h"
 
 namespace ostravel::linuxplatform {
 

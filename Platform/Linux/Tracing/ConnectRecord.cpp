@@ -1,4 +1,4 @@
-#include "Platform/Linux/Processes/ConnectRecord.h"
+#include "Platform/Linux/Tracing/ConnectRecord.h"
 
 #include <sys/sysmacros.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "Platform/Linux/Processes/SocketMarker.h"
+#include "Platform/Linux/Tracing/SocketMarker.h"
 
 #include <bpf/bpf.h>
 

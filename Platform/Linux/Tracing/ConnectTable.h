@@ -8,7 +8,7 @@
 #include <optional>
 
 #include "Platform/Linux/Kernel/FlowTuple.h"
-#include "Platform/Linux/Processes/ConnectRecord.h"
+#include "Platform/Linux/Tracing/ConnectRecord.h"
 
 namespace ostravel::linuxplatform {
 

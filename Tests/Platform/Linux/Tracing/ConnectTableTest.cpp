@@ -1,4 +1,4 @@
-#include "Platform/Linux/Processes/ConnectTable.h"
+#include "Platform/Linux/Tracing/ConnectTable.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>

@@ -10,10 +10,10 @@
 #include "Platform/Interface/Result.h"
 #include "Platform/Linux/Kernel/MemoryMapping.h"
 #include "Platform/Linux/Kernel/PacketMarks.h"
-#include "Platform/Linux/Processes/ConnectTable.h"
-#include "Platform/Linux/Processes/ConnectTracer.h"
-#include "Platform/Linux/Processes/ListenerWatch.h"
-#include "Platform/Linux/Processes/SocketMarker.h"
+#include "Platform/Linux/Tracing/ConnectTable.h"
+#include "Platform/Linux/Tracing/ConnectTracer.h"
+#include "Platform/Linux/Tracing/ListenerWatch.h"
+#include "Platform/Linux/Tracing/SocketMarker.h"
 
 struct bpf_link;
 struct bpf_object;
