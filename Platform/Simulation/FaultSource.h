@@ -4,7 +4,7 @@
 #include <cstddef>
 
 #include "Platform/Simulation/FaultPlan.h"
-#include "Platform/Simulation/SeededRandom.h"
+#include "Platform/Simulation/Schedule/SeededRandom.h"
 
 namespace ostravel::simulation {
 

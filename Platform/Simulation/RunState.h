@@ -6,7 +6,7 @@
 
 #include "Platform/Simulation/FaultSource.h"
 #include "Platform/Simulation/Journal.h"
-#include "Platform/Simulation/RunQueue.h"
+#include "Platform/Simulation/Schedule/RunQueue.h"
 
 namespace ostravel::simulation {
 

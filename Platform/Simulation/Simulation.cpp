@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Platform/Simulation/SimulatedQueue.h"
-#include "Platform/Simulation/SimulatedTimer.h"
+#include "Platform/Simulation/Schedule/SimulatedQueue.h"
+#include "Platform/Simulation/Schedule/SimulatedTimer.h"
 
 namespace ostravel::simulation {
 

@@ -15,13 +15,13 @@
 #include "Platform/Shared/ICUTextServices.h"
 #include "Platform/Simulation/FaultPlan.h"
 #include "Platform/Simulation/RunState.h"
-#include "Platform/Simulation/SimulatedClock.h"
-#include "Platform/Simulation/SimulatedLog.h"
+#include "Platform/Simulation/Schedule/SimulatedClock.h"
+#include "Platform/Simulation/Schedule/SimulatedLog.h"
+#include "Platform/Simulation/Schedule/SimulatedUUIDSource.h"
 #include "Platform/Simulation/SimulatedSockets.h"
 #include "Platform/Simulation/SimulatedTCPConnection.h"
 #include "Platform/Simulation/SimulatedTCPFlow.h"
 #include "Platform/Simulation/SimulatedUDPFlow.h"
-#include "Platform/Simulation/SimulatedUUIDSource.h"
 
 namespace ostravel::simulation {
 

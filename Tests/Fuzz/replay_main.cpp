@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Simulation/SeededRandom.h"
+#include "Platform/Simulation/Schedule/SeededRandom.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "Platform/Simulation/SeededRandom.h"
+#include "Platform/Simulation/Schedule/SeededRandom.h"
 #include "Tests/Simulator/RandomStreams.h"
 
 namespace ostravel::simulator {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Simulation/SeededRandom.h"
+#include "Platform/Simulation/Schedule/SeededRandom.h"
 #include "Platform/Simulation/SimulatedTCPConnection.h"
 #include "Platform/Simulation/SimulatedTCPFlow.h"
 #include "Tests/Simulator/HistoryEvent.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Simulation/RunQueue.h"
+#include "Platform/Simulation/Schedule/RunQueue.h"
 #include "Tests/Simulator/Digest.h"
 #include "Tests/Simulator/HistoryChecker.h"
 #include "Tests/Simulator/HistoryEvent.h"

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Platform/Interface/DispatchQueue.h"
-#include "Platform/Simulation/SimulatedQueue.h"
+#include "Platform/Simulation/Schedule/SimulatedQueue.h"
 #include "Tests/Simulator/World.h"
 
 namespace ostravel::simulator {

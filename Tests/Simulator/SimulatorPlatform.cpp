@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Platform/Simulation/SimulatedClock.h"
-#include "Platform/Simulation/SimulatedTimer.h"
+#include "Platform/Simulation/Schedule/SimulatedClock.h"
+#include "Platform/Simulation/Schedule/SimulatedTimer.h"
 #include "Tests/Simulator/ObservedConnection.h"
 #include "Tests/Simulator/RandomStreams.h"
 

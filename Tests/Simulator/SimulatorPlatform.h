@@ -10,7 +10,7 @@
 #include "Platform/Interface/Platform.h"
 #include "Platform/Interface/TransparentProxyProvider.h"
 #include "Platform/Shared/ICUTextServices.h"
-#include "Platform/Simulation/SimulatedUUIDSource.h"
+#include "Platform/Simulation/Schedule/SimulatedUUIDSource.h"
 #include "Tests/Simulator/FlowScript.h"
 #include "Tests/Simulator/ObservedQueue.h"
 #include "Tests/Simulator/SimulatorSockets.h"

@@ -165,10 +165,11 @@ class IncludeCheck(unittest.TestCase):
                              "auto now = std::chrono::steady_clock::now();")
 
     def test_the_simulation_has_neither_threads_nor_clocks(self):
-        self.assert_rejected("Platform/Simulation/New.cpp", "#include <thread>")
-        self.assert_rejected("Platform/Simulation/New.cpp",
-                             "auto now = std::chrono::system_clock::now();")
-        self.assert_accepted("Platform/Simulation/New.cpp", "#include <random>")
+        for room in ("Platform/Simulation", "Platform/Simulation/Schedule"):
+            self.assert_rejected(f"{room}/New.cpp", "#include <thread>")
+            self.assert_rejected(f"{room}/New.cpp",
+                                 "auto now = std::chrono::system_clock::now();")
+            self.assert_accepted(f"{room}/New.cpp", "#include <random>")
 
     def test_objective_c_includes_count(self):
         self.assert_rejected("Platform/macOS/New.mm", '#import "Platform/Linux/Relay/EventLoop.h"')

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
-#include "Platform/Simulation/SeededRandom.h"
+#include "Platform/Simulation/Schedule/SeededRandom.h"
 #include "Tests/Extension/Support/ProviderHarness.h"
 
 namespace ostravel {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "Platform/Interface/DispatchQueue.h"
-#include "Platform/Simulation/RunQueue.h"
+#include "Platform/Simulation/Schedule/RunQueue.h"
 
 namespace ostravel::simulation {
 

@@ -1,4 +1,4 @@
-#include "Platform/Simulation/SeededRandom.h"
+#include "Platform/Simulation/Schedule/SeededRandom.h"
 
 namespace ostravel::simulation {
 

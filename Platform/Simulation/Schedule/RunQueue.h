@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "Platform/Simulation/SeededRandom.h"
-#include "Platform/Simulation/WorkLane.h"
+#include "Platform/Simulation/Schedule/SeededRandom.h"
+#include "Platform/Simulation/Schedule/WorkLane.h"
 
 namespace ostravel::simulation {
 

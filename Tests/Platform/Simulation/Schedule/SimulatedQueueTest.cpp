@@ -1,4 +1,4 @@
-#include "Platform/Simulation/SimulatedQueue.h"
+#include "Platform/Simulation/Schedule/SimulatedQueue.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "Platform/Simulation/WorkLane.h"
+#include "Platform/Simulation/Schedule/WorkLane.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "Platform/Simulation/SimulatedLog.h"
+#include "Platform/Simulation/Schedule/SimulatedLog.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "Platform/Simulation/SimulatedTimer.h"
+#include "Platform/Simulation/Schedule/SimulatedTimer.h"
 
 #include <algorithm>
 #include <stdexcept>

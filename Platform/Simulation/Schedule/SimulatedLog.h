@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Platform/Interface/Log.h"
-#include "Platform/Simulation/RunQueue.h"
+#include "Platform/Simulation/Schedule/RunQueue.h"
 
 namespace ostravel::simulation {
 

@@ -1,4 +1,4 @@
-#include "Platform/Simulation/SimulatedUUIDSource.h"
+#include "Platform/Simulation/Schedule/SimulatedUUIDSource.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -6,7 +6,7 @@
 
 #include "Platform/Interface/DispatchQueue.h"
 #include "Platform/Interface/DispatchTimer.h"
-#include "Platform/Simulation/RunQueue.h"
+#include "Platform/Simulation/Schedule/RunQueue.h"
 
 namespace ostravel::simulation {
 

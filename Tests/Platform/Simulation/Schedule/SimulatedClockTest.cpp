@@ -1,4 +1,4 @@
-#include "Platform/Simulation/SimulatedClock.h"
+#include "Platform/Simulation/Schedule/SimulatedClock.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Platform/Interface/Clock.h"
-#include "Platform/Simulation/RunQueue.h"
+#include "Platform/Simulation/Schedule/RunQueue.h"
 
 namespace ostravel::simulation {
 

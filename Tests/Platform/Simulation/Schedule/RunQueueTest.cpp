@@ -1,4 +1,4 @@
-#include "Platform/Simulation/RunQueue.h"
+#include "Platform/Simulation/Schedule/RunQueue.h"
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "Platform/Interface/UUIDSource.h"
-#include "Platform/Simulation/SeededRandom.h"
+#include "Platform/Simulation/Schedule/SeededRandom.h"
 
 namespace ostravel::simulation {
 
