@@ -15,8 +15,8 @@
 
 namespace ostravel::linuxplatform {
 
-// First packets awaiting a verdict, oldest first. Used by the verdict thread only; the verdicts are
-// given elsewhere.
+// First packets awaiting a verdict, oldest first. Not thread-safe, but the verdicts may be given on
+// any thread.
 class HeldFlows {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;

@@ -45,7 +45,7 @@ class InterceptionTable {
   static constexpr std::chrono::milliseconds kAliveTimeout{1000};
 
   // Limit on a user's queued first packets: above any real rate of new connections, and low enough
-  // to leave the verdict thread time for other users.
+  // to leave time for other users.
   static constexpr std::uint32_t kPacketsPerSecond = 10'000;
 
   // The ports of an event loop's listeners; 0 if it has none for that family.

@@ -1,10 +1,9 @@
 #include "Platform/Linux/Interception/Interceptor.h"
 
-#include <poll.h>
-#include <pthread.h>
+#include <fcntl.h>
 
-#include <algorithm>
-#include <array>
+#include <cerrno>
+#include <future>
 #include <string>
 #include <utility>
 
@@ -16,6 +15,7 @@
 #include "Platform/Linux/Kernel/RoutingRules.h"
 #include "Platform/Linux/Relay/LinuxTCPFlow.h"
 #include "Platform/Linux/Relay/LinuxUDPFlow.h"
+#include "Platform/Linux/Relay/SocketError.h"
 
 namespace ostravel::linuxplatform {
 
@@ -25,8 +25,9 @@ using namespace std::chrono_literals;
 
 // Tolerates one late beat.
 static_assert(Heartbeat::kInterval * 4 <= InterceptionTable::kAliveTimeout);
-// Packets read before the next ping is answered.
+// Packets read before other work of the loop gets its turn.
 constexpr std::size_t kMaximumBurst = 64;
+// The same if they need slow searches, which must not make the loop appear hung.
 constexpr auto kLongestBurst = 100ms;
 // The flows of a busy desktop within the longest lifetime of an entry.
 constexpr std::size_t kRememberedFlows = 8192;
@@ -50,6 +51,7 @@ struct Interceptor::Parts {
   std::function<void(const std::string&)> onProxyWatched;
   std::unique_ptr<ApplicationIdentifierSource> identifiers;
   std::shared_ptr<PacketQueue> queue;
+  LoopSocket arrivals;
   std::shared_ptr<RedirectSupervisor> redirects;
   std::unique_ptr<AliveKeeper> aliveKeeper;
   Heartbeat& heartbeat;
@@ -59,7 +61,7 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
     const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
     const Environment& environment, FlowHandler handler) {
   EventLoopGroup& loops = environment.loops;
-  // The table comes last: nothing may be offered before there is a thread to decide.
+  // The table comes last: nothing may be offered before there is a queue.
   auto identifiers = std::make_unique<ApplicationIdentifierSource>(
       platform::limits::kProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
@@ -72,6 +74,10 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
     return std::move(queue).error();
   }
   std::shared_ptr<PacketQueue> openQueue = *std::move(queue);
+  LoopSocket arrivals(loops.loop(0), ::fcntl(openQueue->descriptor(), F_DUPFD_CLOEXEC, 0));
+  if (!arrivals.isOpen()) {
+    return socketError(EMFILE);
+  }
   const auto install = [settings, marks = loops.marks(), number = openQueue->number(),
                         ports = listenerPorts(loops)] {
     return InterceptionTable::install(settings, marks, number, ports);
@@ -86,38 +92,51 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   auto redirects = RedirectSupervisor::start(loops, settings, log);
   auto aliveKeeper =
       std::make_unique<AliveKeeper>(*std::move(table), install, log, environment.onAlive);
-  return std::unique_ptr<Interceptor>(
-      new Interceptor({std::move(log), loops, environment.descriptors, std::move(handler),
-                       environment.onProxyWatched, std::move(identifiers), std::move(openQueue),
-                       std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
+  return std::unique_ptr<Interceptor>(new Interceptor(
+      {std::move(log), loops, environment.descriptors, std::move(handler),
+       environment.onProxyWatched, std::move(identifiers), std::move(openQueue),
+       std::move(arrivals), std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
 }
 
 Interceptor::Interceptor(Parts parts)
     : log_(std::move(parts.log)),
       loops_(parts.loops),
+      loop_(loops_.loop(0)),
       descriptors_(parts.descriptors),
       handler_(std::move(parts.handler)),
       onProxyWatched_(std::move(parts.onProxyWatched)),
       identifiers_(std::move(parts.identifiers)),
       queue_(std::move(parts.queue)),
+      arrivals_(std::move(parts.arrivals)),
       recentFlows_(kRememberedFlows),
       heldFlows_(*queue_),
       leftFlows_(log_),
       redirects_(std::move(parts.redirects)),
-      aliveKeeper_(std::move(parts.aliveKeeper)),
-      membership_(parts.heartbeat.join(
-          kVerdictThreadParticipant,
-          // The thread answers through the membership.
-          [this](const Heartbeat::Answer& /*answer*/) { ping_.signal(); },
-          [this] { aliveKeeper_->beat(); })),
-      thread_([this] { run(); }) {}
+      aliveKeeper_(std::move(parts.aliveKeeper)) {
+  loop_.post([this] { waitForPackets(); });
+  membership_.emplace(parts.heartbeat.join(
+      eventLoopParticipant(loop_.index()),
+      [this](Heartbeat::Answer answer) {
+        loop_.post([this, answer = std::move(answer)] {
+          maintain();
+          answer();
+        });
+      },
+      [this] { aliveKeeper_->beat(); }));
+}
 
 Interceptor::~Interceptor() {
   redirects_->stop();
   // Rules first, so that no new packet enters a queue that is no longer read.
   aliveKeeper_->removeTable();
-  stop_.signal();
-  thread_.join();
+  // Nothing is posted to the loop after this, and what was posted before runs first.
+  membership_.reset();
+  std::promise<void> stopped;
+  loop_.post([this, &stopped] {
+    stopReceiving();
+    stopped.set_value();
+  });
+  stopped.get_future().wait();
 }
 
 void Interceptor::reloadRegistrations() {
@@ -130,77 +149,53 @@ void Interceptor::reloadRegistrations() {
   }
   registrations.warnOfUselessPaths();
   const auto count = static_cast<std::int64_t>(registrations.size());
-  {
-    const std::lock_guard guard(registrationsLock_);
-    newRegistrations_ = std::move(registrations);
-  }
-  registrationsChanged_.signal();
+  std::promise<void> replaced;
+  loop_.post([this, &registrations, &replaced] {
+    identifiers_->replaceRegistrations(std::move(registrations));
+    replaced.set_value();
+  });
+  replaced.get_future().wait();
   log_->info("OstravelProxy: Registrations replaced count=%{public}d", {count});
 }
 
-void Interceptor::takeRegistrations() {
-  registrationsChanged_.consume();
-  const std::lock_guard guard(registrationsLock_);
-  if (newRegistrations_) {
-    identifiers_->replaceRegistrations(*std::exchange(newRegistrations_, std::nullopt));
-  }
-}
-
-void Interceptor::run() {
-  ::pthread_setname_np(::pthread_self(), "verdict");
-  while (true) {
-    std::array<pollfd, 4> waited{{{stop_.descriptor(), POLLIN, 0},
-                                  {registrationsChanged_.descriptor(), POLLIN, 0},
-                                  {queue_->descriptor(), POLLIN, 0},
-                                  {ping_.descriptor(), POLLIN, 0}}};
-    if (::poll(waited.data(), waited.size(), -1) < 0) {
-      continue;
-    }
-    if (waited[0].revents != 0) {
-      break;
-    }
-    // Before the packets, so that every flow that starts after the change sees it.
-    if (waited[1].revents != 0) {
-      takeRegistrations();
-    }
-    if (waited[2].revents != 0) {
+void Interceptor::waitForPackets() {
+  arrivals_.waitUntilReadable([this](asio::error_code error) {
+    // Nothing may be touched after the wait was cancelled: this object may be gone.
+    if (!error) {
       receive();
     }
-    queue_->retryUnsent();
-    if (ping_.consume()) {
-      maintainHeldFlows();
-      if (const auto news = identifiers_->watchProxy()) {
-        log_->info("OstravelProxy: %{public}s", {*news});
-      }
-      if (onProxyWatched_) {
-        onProxyWatched_(identifiers_->servingProxy());
-      }
-      membership_.answer();
-    }
-  }
-  acceptEverything();
+  });
 }
 
 void Interceptor::receive() {
   const auto begin = std::chrono::steady_clock::now();
-  for (std::size_t count = 0; count < kMaximumBurst; count += PacketQueue::kPacketsPerReceive) {
-    // A series of slow searches must not make the thread appear hung.
+  bool isMore = true;
+  for (std::size_t count = 0; isMore && count < kMaximumBurst;
+       count += PacketQueue::kPacketsPerReceive) {
     if (std::chrono::steady_clock::now() - begin > kLongestBurst) {
-      return;
+      break;
     }
-    if (!queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); })) {
-      return;
-    }
+    isMore = queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); });
   }
+  queue_->retryUnsent();
+  // Reports packets that are left, as well.
+  waitForPackets();
 }
 
-void Interceptor::maintainHeldFlows() {
+void Interceptor::maintain() {
   const auto now = std::chrono::steady_clock::now();
   if (const auto count = heldFlows_.releaseOld(now); count > 0) {
     log_->error("OstravelProxy: Packets held for too long were let go count=%{public}d",
                 {static_cast<std::int64_t>(count)});
   }
+  queue_->retryUnsent();
   leftFlows_.report(now);
+  if (const auto news = identifiers_->watchProxy()) {
+    log_->info("OstravelProxy: %{public}s", {*news});
+  }
+  if (onProxyWatched_) {
+    onProxyWatched_(identifiers_->servingProxy());
+  }
 }
 
 void Interceptor::decide(const PacketQueue::Packet& packet) {
@@ -324,7 +319,8 @@ bool Interceptor::hasListenerFor(AddressFamily family) const {
   return (family == AddressFamily::ipv4 ? listener.ipv4Port() : listener.ipv6Port()) != 0;
 }
 
-void Interceptor::acceptEverything() {
+void Interceptor::stopReceiving() {
+  arrivals_ = LoopSocket();
   while (queue_->receive([](const PacketQueue::Packet& /*packet*/) {})) {
   }
   queue_->acceptAll();

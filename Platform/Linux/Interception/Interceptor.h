@@ -6,9 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <thread>
 #include <vector>
 
 #include "Platform/Interface/AppProxyFlow.h"
@@ -22,12 +20,12 @@
 #include "Platform/Linux/Interception/LeftFlows.h"
 #include "Platform/Linux/Interception/RecentFlows.h"
 #include "Platform/Linux/Interception/RedirectSupervisor.h"
-#include "Platform/Linux/Kernel/EventDescriptor.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Platform/Linux/Liveness/Heartbeat.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Relay/HeldPacket.h"
+#include "Platform/Linux/Relay/LoopSocket.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Platform/Linux/Services/UserShares.h"
 
@@ -37,25 +35,27 @@ namespace ostravel::linuxplatform {
 // the network settings select, identifies its application, and offers the flow. A flow that is not
 // taken is accepted unchanged: the kernel carries it, and none of its data enters this process.
 //
-// The verdict thread does bounded work only; the locks that it shares with the event loops are held
-// only to copy a few words. On any failure flows are left to the system, and so are those of a user
-// with more pending flows than its share. Started and stopped by the provider's context.
+// Everything happens on the group's first event loop, so that the packets and bytes of a flow
+// of this loop never pass to another thread. A packet costs bounded work, and between two
+// bursts of packets the loop's other work gets its turn. On any failure flows are left to the
+// system, and so are those of a user with more pending flows than its share. Started and stopped by
+// the provider's context, on other threads; the loop outlives it.
 class Interceptor {
  public:
-  // Returns true if the flow was taken. Called on the verdict thread.
+  // Returns true if the flow was taken. Called on the loop.
   using FlowHandler = std::function<bool(std::shared_ptr<platform::AppProxyFlow>)>;
 
   // What interception uses from its process; all of it outlives the interceptor.
   struct Environment {
     EventLoopGroup& loops;
     DescriptorBudget& descriptors;
-    // The verdict thread joins it, and its beats keep the rules alive.
+    // Its beats keep the rules alive, and packets are not held for longer than it allows.
     Heartbeat& heartbeat;
     // Called about four times a second while the rules are in effect; may be empty.
     std::function<void()> onAlive;
     // Users, besides root and system users, whose local proxy may carry everybody's flows.
     std::vector<uid_t> proxyUsers;
-    // Called several times a second, on the verdict thread, with the proxy that everybody's flows
+    // Called several times a second, on the first event loop, with the proxy that everybody's flows
     // may be sent to, as people call it; empty for none. May be absent.
     std::function<void(const std::string&)> onProxyWatched = {};
   };
@@ -72,18 +72,18 @@ class Interceptor {
   ~Interceptor();
 
   // Reads the applications' registrations again and logs the result; if any of them is invalid, the
-  // current ones stay in use. Called from any other thread, because the verdict thread does no disk
-  // access.
+  // current ones stay in use. Called from any thread but the loop's, which does no disk access.
   void reloadRegistrations();
 
  private:
   struct Parts;
   explicit Interceptor(Parts parts);
 
-  void run();
-  void takeRegistrations();
+  // On the loop.
+  void waitForPackets();
   void receive();
-  void maintainHeldFlows();
+  void maintain();
+  void stopReceiving();
 
   void decide(const PacketQueue::Packet& packet);
   // Accepts the packet and its retransmissions by TCP.
@@ -104,27 +104,24 @@ class Interceptor {
 
   const std::shared_ptr<platform::Log> log_;
   EventLoopGroup& loops_;
+  // The one on which everything below is used, except where it says otherwise.
+  EventLoop& loop_;
   DescriptorBudget& descriptors_;
   const FlowHandler handler_;
   const std::function<void(const std::string&)> onProxyWatched_;
   const std::unique_ptr<ApplicationIdentifierSource> identifiers_;
   const std::shared_ptr<PacketQueue> queue_;
+  // A duplicate of the queue's socket, for waiting.
+  LoopSocket arrivals_;
   RecentFlows recentFlows_;
   HeldFlows heldFlows_;
   UserShares shares_;
   LeftFlows leftFlows_;
   const std::shared_ptr<RedirectSupervisor> redirects_;
   unsigned nextLoop_ = 0;
-  EventDescriptor stop_;
-  EventDescriptor registrationsChanged_;
-  std::mutex registrationsLock_;
-  // Replaces the verdict thread's registrations on its next turn. Guarded by registrationsLock_.
-  std::optional<ApplicationRegistrations> newRegistrations_;
+  // Used by the threads that start and stop the interception.
   std::unique_ptr<AliveKeeper> aliveKeeper_;
-  EventDescriptor ping_;
-  // Ends only when the thread has ended: a thread that does not end counts as hung.
-  const Heartbeat::Membership membership_;
-  std::thread thread_;
+  std::optional<Heartbeat::Membership> membership_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -15,7 +15,7 @@
 namespace ostravel::linuxplatform {
 
 // Counts the flows that are left to the system and logs them: soon after the first one, then at
-// most once a minute per reason. Used by the verdict thread only.
+// most once a minute per reason. Not thread-safe.
 class LeftFlows {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;

@@ -11,7 +11,7 @@ namespace ostravel::linuxplatform {
 
 // Flows that have already been decided, so that another packet of the same attempt (a retransmitted
 // SYN, a second datagram before the reply) is not taken for a new flow. Bounded: the oldest entries
-// are dropped first. Used by the verdict thread only.
+// are dropped first. Not thread-safe.
 class RecentFlows {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;

@@ -10,7 +10,6 @@ std::string participantNames(HeartbeatParticipants participants) {
       names += (names.empty() ? "" : ", ") + name;
     }
   };
-  add(kVerdictThreadParticipant, "the verdict thread");
   for (unsigned index = 0; index < kMaximumEventLoops; ++index) {
     add(eventLoopParticipant(index), "event loop " + std::to_string(index));
   }

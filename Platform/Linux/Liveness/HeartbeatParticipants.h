@@ -13,11 +13,10 @@ using HeartbeatParticipants = std::uint32_t;
 constexpr HeartbeatParticipants eventLoopParticipant(unsigned index) {
   return HeartbeatParticipants{1} << index;
 }
-inline constexpr HeartbeatParticipants kVerdictThreadParticipant = HeartbeatParticipants{1} << 30U;
 inline constexpr HeartbeatParticipants kWorkThreadsParticipant = HeartbeatParticipants{1} << 31U;
-static_assert(kMaximumEventLoops <= 30);
+static_assert(kMaximumEventLoops < 31);
 
-// For example "the verdict thread, event loop 1"; empty for none.
+// For example "event loop 1, the work threads"; empty for none.
 std::string participantNames(HeartbeatParticipants participants);
 
 }  // namespace ostravel::linuxplatform

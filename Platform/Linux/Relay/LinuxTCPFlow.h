@@ -15,9 +15,8 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// An application's TCP connection whose SYN is held. Made with std::make_shared on the verdict
-// thread; afterwards everything happens on its event loop, and calls from other threads are posted
-// there.
+// An application's TCP connection whose SYN is held. Made with std::make_shared on any thread;
+// afterwards everything happens on its event loop, and calls from other threads are posted there.
 //
 //   held --read or write--> released --the connection arrives--> carried
 //

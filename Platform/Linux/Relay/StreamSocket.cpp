@@ -37,8 +37,7 @@ void StreamSocket::attach(LoopSocket socket) {
   writer_.socketIsOpen();
 }
 
-// Done on the first operation: a stream without operations has nothing to drop, and it may have
-// been created on the verdict thread, which need not share one more lock with the loop.
+// Done on the first operation: a stream without operations has nothing to drop.
 void StreamSocket::takePlace() {
   if (!place_.isTaken()) {
     state_.loop.streams().add(place_, state_.owner.sharedStream());

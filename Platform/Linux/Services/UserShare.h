@@ -7,8 +7,8 @@
 namespace ostravel::linuxplatform {
 
 // The resources that the flows of one user are using, and whether the local proxy answers them.
-// Created by UserShares for the verdict thread; shared with everything that uses part of it, which
-// returns that part on any thread. Usable from any thread, except exceedsRate().
+// Created by UserShares; shared with everything that uses part of it, which returns that part on
+// any thread. Usable from any thread, except exceedsRate().
 class UserShare {
  public:
   using Clock = std::chrono::steady_clock;
@@ -41,7 +41,7 @@ class UserShare {
   }
 
   // Counts an offer; true if it exceeds what the user may have while other users are active. Only
-  // on the verdict thread.
+  // on the thread that offers.
   bool exceedsRate(Clock::time_point now);
 
   // Descriptors of sockets and pipes, and bytes of memory that wait for a reader.

@@ -13,8 +13,8 @@
 
 namespace ostravel::linuxplatform {
 
-// The shares of all users who have flows. Used by the verdict thread only. When there are many,
-// those of users who use nothing are dropped, so that made-up identities cost no memory.
+// The shares of all users who have flows. Not thread-safe. When there are many, those of users who
+// use nothing are dropped, so that made-up identities cost no memory.
 class UserShares {
  public:
   // Never null. Flows without a known user share one.

@@ -34,6 +34,7 @@ constexpr std::uint16_t kPort = 8000;
 
 class InterceptorTest : public ::testing::Test {
  protected:
+  InterceptorTest() { heartbeat_.start(); }
   ~InterceptorTest() override {
     interceptor_.reset();
     heartbeat_.stop();
@@ -51,6 +52,7 @@ class InterceptorTest : public ::testing::Test {
          .proxyUsers = {}},
         [this, doesTake](std::shared_ptr<platform::AppProxyFlow> flow) {
           const std::lock_guard guard(lock_);
+          offeredOn_ = EventLoop::current();
           identifiers_.push_back(flow->sourceAppSigningIdentifier());
           const auto* tcp = dynamic_cast<platform::AppProxyTCPFlow*>(flow.get());
           endpoints_.push_back(tcp != nullptr ? tcp->remoteEndpoint() : std::nullopt);
@@ -61,7 +63,6 @@ class InterceptorTest : public ::testing::Test {
         });
     ASSERT_TRUE(started) << started.error().localizedDescription;
     interceptor_ = *std::move(started);
-    heartbeat_.start();
     ASSERT_TRUE(eventually([this] { return loops_.redirectPath().isUsable(AddressFamily::ipv4); }));
   }
 
@@ -95,6 +96,7 @@ class InterceptorTest : public ::testing::Test {
   std::vector<std::string> identifiers_;
   std::vector<std::optional<platform::HostEndpoint>> endpoints_;
   std::vector<std::shared_ptr<platform::AppProxyFlow>> flows_;
+  EventLoop* offeredOn_ = nullptr;
   std::unique_ptr<Interceptor> interceptor_;
 };
 
@@ -107,6 +109,38 @@ TEST_F(InterceptorTest, OffersAFlowWithApplicationAndDestination) {
   ASSERT_EQ(identifiers_.size(), 1U);
   EXPECT_EQ(identifiers_[0], std::filesystem::read_symlink("/proc/self/exe").string());
   EXPECT_EQ(endpoints_[0], (platform::HostEndpoint{"127.0.0.1", "8000"}));
+}
+
+TEST_F(InterceptorTest, OffersFlowsOnTheFirstLoop) {
+  start(true);
+  const ConnectingApplication application("127.0.0.1", kPort);
+  ASSERT_TRUE(takenFlow());
+  const std::lock_guard guard(lock_);
+  EXPECT_EQ(offeredOn_, &loops_.loop(0));
+}
+
+TEST_F(InterceptorTest, DecidesMorePacketsThanOneBurst) {
+  constexpr int kConnections = 200;
+  start(false);
+  TestListener origin("127.0.0.1", kPort);
+  std::vector<std::unique_ptr<ConnectingApplication>> applications;
+  for (int count = 0; count < kConnections; ++count) {
+    applications.push_back(std::make_unique<ConnectingApplication>("127.0.0.1", kPort));
+  }
+  for (const auto& application : applications) {
+    EXPECT_EQ(application->connectResult(kGenerous), 0);
+  }
+}
+
+TEST_F(InterceptorTest, CanBeStartedAgain) {
+  for (int round = 0; round < 2; ++round) {
+    start(true);
+    const ConnectingApplication application("127.0.0.1", kPort);
+    EXPECT_TRUE(takenFlow());
+    interceptor_.reset();
+    flows_.clear();
+    identifiers_.clear();
+  }
 }
 
 TEST_F(InterceptorTest, ADeclinedFlowReachesItsDestinationUnchanged) {

@@ -27,13 +27,13 @@ TEST(HeartbeatRecordTest, IsSharedWithChildProcesses) {
   const pid_t child = ::fork();
   if (child == 0) {
     record.beat();
-    record.noteCheck(kVerdictThreadParticipant);
+    record.noteCheck(eventLoopParticipant(0));
     ::_exit(0);
   }
   ASSERT_EQ(::waitpid(child, nullptr, 0), child);
   EXPECT_EQ(record.beats(), 1U);
   EXPECT_EQ(record.checks(), 1U);
-  EXPECT_EQ(record.laggards(), kVerdictThreadParticipant);
+  EXPECT_EQ(record.laggards(), eventLoopParticipant(0));
 }
 
 }  // namespace

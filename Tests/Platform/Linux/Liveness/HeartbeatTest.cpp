@@ -92,9 +92,9 @@ TEST_F(HeartbeatTest, AtMostOnePingIsUnanswered) {
 TEST_F(HeartbeatTest, WaitsForAllParticipants) {
   const Participant loop(heartbeat_, kLoop);
   const Participant otherLoop(heartbeat_, kOtherLoop);
-  const Participant verdictThread(heartbeat_, kVerdictThreadParticipant);
+  const Participant workers(heartbeat_, kWorkThreadsParticipant);
   loop.answer();
-  verdictThread.answer();
+  workers.answer();
   EXPECT_FALSE(heartbeat_.check());
   EXPECT_EQ(record_.laggards(), kOtherLoop);
   EXPECT_EQ(loop.beats, 0);
@@ -182,10 +182,10 @@ TEST_F(HeartbeatTest, ParticipantsComeAndGoWhileItRuns) {
 TEST(HeartbeatParticipantsTest, ParticipantsHaveNames) {
   EXPECT_EQ(participantNames(0), "");
   EXPECT_EQ(participantNames(eventLoopParticipant(1)), "event loop 1");
-  EXPECT_EQ(participantNames(kWorkThreadsParticipant | kVerdictThreadParticipant | kLoop |
-                             eventLoopParticipant(kMaximumEventLoops - 1)),
-            "the verdict thread, event loop 0, event loop " +
-                std::to_string(kMaximumEventLoops - 1) + ", the work threads");
+  EXPECT_EQ(
+      participantNames(kWorkThreadsParticipant | kLoop |
+                       eventLoopParticipant(kMaximumEventLoops - 1)),
+      "event loop 0, event loop " + std::to_string(kMaximumEventLoops - 1) + ", the work threads");
 }
 
 }  // namespace
