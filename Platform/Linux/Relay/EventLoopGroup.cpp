@@ -19,10 +19,15 @@ unsigned usableCores() {
   return static_cast<unsigned>(CPU_COUNT(&cores));
 }
 
+// One for every two cores: the applications, the local proxy and the kernel need the others.
+unsigned usualCount() {
+  return std::max(usableCores() / 2, 1U);
+}
+
 }  // namespace
 
 EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, const PacketMarks& marks)
-    : EventLoopGroup(descriptors, usableCores(), marks) {}
+    : EventLoopGroup(descriptors, usualCount(), marks) {}
 
 EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, unsigned count,
                                const PacketMarks& marks)
