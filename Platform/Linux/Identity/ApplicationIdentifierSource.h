@@ -46,7 +46,7 @@ namespace ostravel::linuxplatform {
 // For nearly every TCP flow, the kernel has published the sender in memory, and no system call is
 // needed; see ConnectTable. All other flows are looked up with system calls, with the same result.
 //
-// Created by the verdict thread's owner, then used by that thread alone, in the network namespace
+// Created by the interceptor, then used on its event loop alone, in the network namespace
 // in which it was created. Does bounded work only: tens of microseconds for nearly every flow, and
 // searches and waits within SearchAllowance.
 class ApplicationIdentifierSource {

@@ -26,8 +26,8 @@ namespace ostravel::linuxplatform {
 // which only the proxy receives, belongs to the tunnel, and the process at its other end is part of
 // the proxy, however many programs are in between.
 //
-// Created for one trial and used by one thread, which may block up to the deadlines; never by the
-// verdict thread.
+// Created for one trial and used by one thread, which may block up to the deadlines; never on an
+// event loop.
 class ProxyTrial {
  public:
   // A proxy needs about a millisecond for a local tunnel, but may have to be started first.

@@ -28,7 +28,7 @@ namespace ostravel::linuxplatform {
 // it. Conversely, a root process that was handed a user's socket is not trusted either, since the
 // user may have kept it.
 //
-// Used by the verdict thread alone. Never blocks, except for a lock held to copy a few words.
+// Used on the first event loop alone. Never blocks, except for a lock held to copy a few words.
 class ProxyTrust {
  public:
   using Warn = std::function<void(const std::string&)>;

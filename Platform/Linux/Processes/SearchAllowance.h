@@ -11,7 +11,7 @@
 
 namespace ostravel::linuxplatform {
 
-// Limits the verdict thread's total time for finding out about processes: scanning their
+// Limits the first event loop's total time for finding out about processes: scanning their
 // descriptors and waiting for file systems. An operation that has begun is completed, at the
 // expense of later ones. Used by one thread.
 class SearchAllowance {

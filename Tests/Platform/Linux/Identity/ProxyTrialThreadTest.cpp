@@ -40,7 +40,7 @@ class ProxyTrialThreadTest : public ::testing::Test {
     return result ? std::optional(result->outcome.judgement) : std::nullopt;
   }
 
-  // Polls, because the thread gives no signal: the verdict thread asks flow by flow.
+  // Polls, because the thread gives no signal: the first event loop asks flow by flow.
   bool isJudgedEventually(Judgement judgement) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (judgementNow() != judgement) {

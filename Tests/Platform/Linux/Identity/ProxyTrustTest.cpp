@@ -43,7 +43,7 @@ class ProxyTrustTest : public ::testing::Test {
     return proxy_->refresh(std::nullopt) == ProxyProcess::State::known && trust_->holdsFor(user);
   }
 
-  // Asks flow by flow of this user, as the verdict thread does.
+  // Asks flow by flow of this user, as the first event loop does.
   bool holdsEventually(std::optional<uid_t> user) {
     return eventually([this, user] { return holdsNow(user); });
   }
