@@ -7,6 +7,7 @@
 #include <map>
 #include <utility>
 
+#include "Extension/ProxyTunnelCore/MonitoringLossReport.h"
 #include "Extension/ProxyTunnelCore/SocketAddress.h"
 #include "Platform/Interface/ProviderError.h"
 
@@ -84,10 +85,13 @@ class ProxyTunnelMonitoringClient::Delivery {
                std::size_t bytes) {
     const auto error = attempt(event, path);
     waitingBytes_ -= bytes;
+    const double now = platform_.clock().secondsSince1970();
     if (error) {
       platform_.systemLog("OstravelProxy monitoring send failed: " + platform::describe(*error));
+      explain(lossReport_.lost(path, *error, now));
     } else {
       reportDroppedEvents();
+      explain(lossReport_.delivered(path, now));
     }
   }
 
@@ -99,6 +103,12 @@ class ProxyTunnelMonitoringClient::Delivery {
     }
     return sender_ ? sender_(path, *encoded)
                    : sendFrameToSocket(platform_.sockets(), path, *encoded);
+  }
+
+  void explain(const std::optional<std::string>& line) const {
+    if (line) {
+      platform_.systemLog(*line);
+    }
   }
 
   // Not before half of the room is free: a companion that is merely slow would cause a line for
@@ -117,6 +127,7 @@ class ProxyTunnelMonitoringClient::Delivery {
   const Sender sender_;
   std::atomic<std::size_t> waitingBytes_ = 0;
   std::atomic<std::uint64_t> droppedEvents_ = 0;
+  MonitoringLossReport lossReport_;
 };
 
 namespace {

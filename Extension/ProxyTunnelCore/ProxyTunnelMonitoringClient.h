@@ -18,8 +18,8 @@ namespace ostravel {
 
 // Delivers events to the companion that listens on the monitoring socket. Fire and forget: callers
 // never wait and never learn of a failure; an event that cannot be delivered is lost after one line
-// in the system log. Owned by the provider for its whole life and shared with every tunnel; usable
-// from any thread.
+// in the system log, which a MonitoringLossReport explains. Owned by the provider for its whole
+// life and shared with every tunnel; usable from any thread.
 //
 // A companion that stops reading stalls the queue, never a caller, and costs at most
 // kMaxWaitingBytes: an event that no longer fits is dropped. Once events are delivered again and

@@ -28,6 +28,7 @@ from laboratory import CURL, PEER_PORT, PYTHON, eventually, log_lines, remote
 from origins import tell_peer
 
 SEND_FAILED = "OstravelProxy monitoring send failed: "
+LOST = "OstravelProxy monitoring events lost: "
 
 
 def flow_events(application, target):
@@ -113,7 +114,7 @@ def failures_in(extension):
     return [text for _, text in log_lines(extension) if SEND_FAILED in text]
 
 
-def test_without_a_monitor_each_event_costs_one_line_and_nothing_else(laboratory):
+def test_without_a_monitor_each_event_costs_one_line_of_its_own(laboratory):
     laboratory.serve(80, tell_peer)
     extension = laboratory.start_extension()
     # Optional, in any order: the start and the unreachable proxy.
@@ -131,6 +132,9 @@ def test_without_a_monitor_each_event_costs_one_line_and_nothing_else(laboratory
     }
     assert extension.stop() == 0
     assert len(failures_in(extension)) == 16
+    # Explained once a minute, whichever event was the first.
+    explanations = [text for _, text in log_lines(extension) if LOST in text]
+    assert explanations[0] == f"{LOST}1 for {laboratory.socket_path}: there is no socket"
 
 
 def test_a_missing_monitor_counts_as_a_refusal(laboratory):
