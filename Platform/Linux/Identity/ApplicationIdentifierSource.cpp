@@ -130,18 +130,19 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::publishedSender
 ApplicationIdentifierSource::Sender ApplicationIdentifierSource::lookUpSender(
     const FlowTuple& flow, std::uint32_t outputInterface) {
   const auto answer = diagnostics_->find(flow, outputInterface);
-  if (answer.hasFailed) {
+  if (!answer) {
     return {.leaveReason = LeaveReason::diagnosticsFailed};
   }
+  const auto& socket = *answer;
   Sender sender;
-  const bool mustBeLeft = isBound(flow, answer);
-  if (answer.socket && !mustBeLeft) {
-    sender = senderOf(*answer.socket);
+  const bool mustBeLeft = isBound(flow, socket);
+  if (socket && !mustBeLeft) {
+    sender = senderOf(*socket);
   }
-  if (answer.socket) {
-    sender.user = answer.socket->uid;
-    sender.cookie = answer.socket->cookie;
-    sender.hasNoHolder = answer.socket->inode == 0;
+  if (socket) {
+    sender.user = socket->uid;
+    sender.cookie = socket->cookie;
+    sender.hasNoHolder = socket->inode == 0;
   }
   if (mustBeLeft) {
     sender.leaveReason = LeaveReason::notCarried;
@@ -150,13 +151,13 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::lookUpSender(
 }
 
 bool ApplicationIdentifierSource::isBound(const FlowTuple& flow,
-                                          const SocketDiagnostics::Answer& answer) {
-  if (!answer.socket) {
+                                          const std::optional<SocketInformation>& socket) {
+  if (!socket) {
     // Each packet of a socket that is bound to a VRF is queued twice: first for the interface of
     // the VRF, then for the outgoing one, which does not lead to the socket.
     return std::find(boundFlows_.begin(), boundFlows_.end(), flow) != boundFlows_.end();
   }
-  if (answer.socket->boundInterface == 0) {
+  if (socket->boundInterface == 0) {
     return false;
   }
   boundFlows_.push_back(flow);

@@ -109,7 +109,7 @@ class ApplicationIdentifierSource {
                     std::optional<PacketMarks> marks);
   // True if the flow's socket is bound to an interface. A relay's connection would not be bound,
   // and would ignore the route that the application insists on.
-  bool isBound(const FlowTuple& flow, const SocketDiagnostics::Answer& answer);
+  bool isBound(const FlowTuple& flow, const std::optional<SocketInformation>& socket);
   // The sender that the kernel has published; makes no system call if its process is known.
   Sender publishedSender(const FirstPacket& first);
   Sender lookUpSender(const FlowTuple& flow, std::uint32_t outputInterface);

@@ -5,7 +5,7 @@ namespace ostravel::linuxplatform {
 bool ProxyInstance::Port::isHeldBy(std::uint64_t listener) {
   const std::lock_guard guard(lock_);
   const auto answer = diagnostics_->findListener(address_);
-  return answer.socket && answer.socket->cookie == listener;
+  return answer && *answer && (*answer)->cookie == listener;
 }
 
 }  // namespace ostravel::linuxplatform

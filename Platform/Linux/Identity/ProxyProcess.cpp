@@ -80,14 +80,15 @@ ProxyProcess::State ProxyProcess::recheck() {
 
 ProxyProcess::State ProxyProcess::examine(std::optional<pid_t> sender) {
   const auto answer = diagnostics_.findListener(address_);
-  if (answer.hasFailed) {
+  if (!answer) {
     return State::unknown;
   }
-  if (!answer.socket) {
+  const auto& listener = *answer;
+  if (!listener) {
     return State::absent;
   }
-  if (answer.socket->cookie != listener_.cookie) {
-    beginSearch(*answer.socket);
+  if (listener->cookie != listener_.cookie) {
+    beginSearch(*listener);
   }
   if (!owner_ && findOwner(sender) != State::known) {
     return State::unknown;

@@ -272,10 +272,10 @@ std::optional<Process> ProxyTrial::peerOf(const FileDescriptor& connection) {
     return std::nullopt;
   }
   const auto answer = diagnostics_.find({TransportProtocol::tcp, *other, *own}, 0);
-  if (!answer.socket || answer.socket->inode == 0) {
+  if (!answer || !*answer || (*answer)->inode == 0) {
     return std::nullopt;
   }
-  SocketHolderSearch search(answer.socket->inode, {}, answer.socket->uid);
+  SocketHolderSearch search((*answer)->inode, {}, (*answer)->uid);
   if (search.proceed(SearchBudget(kHolderBudget, kLongestHolderSearch)) !=
       SocketHolderSearch::Result::found) {
     return std::nullopt;
@@ -285,7 +285,7 @@ std::optional<Process> ProxyTrial::peerOf(const FileDescriptor& connection) {
 
 bool ProxyTrial::isStillListening() {
   const auto answer = diagnostics_.findListener(address_);
-  return answer.socket && answer.socket->cookie == listener_;
+  return answer && *answer && (*answer)->cookie == listener_;
 }
 
 bool ProxyTrial::waitFor(int descriptor, short events) {

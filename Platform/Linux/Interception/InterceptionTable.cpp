@@ -397,6 +397,11 @@ Error explain(const NetfilterBatch::Failure& failure) {
                "nft_reject_inet, or use a kernel that has them");
 }
 
+// Netfilter could not be reached at all.
+Error explain(const Error& unreachable) {
+  return explain(NetfilterBatch::Failure{"", static_cast<int>(unreachable.code)});
+}
+
 // Everything that the table depends on. Used only during the call that received it.
 struct Plan {
   const TransparentProxyNetworkSettings& settings;
@@ -469,10 +474,11 @@ Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
     const TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
     std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners,
     std::uint32_t packetsPerSecond) {
-  auto socket = openNetfilterSocket();
-  if (!socket) {
-    return explain({"", errno});
+  auto opened = openNetfilterSocket();
+  if (!opened) {
+    return explain(opened.error());
   }
+  NetlinkSocket socket = *std::move(opened);
   auto error =
       applyToKernel({settings, marks, queueNumber, listeners, packetsPerSecond},
                     [&socket](NetfilterBatch& batch) { return batch.commit(socket.get()); });
@@ -487,10 +493,10 @@ OptionalError InterceptionTable::examine(const TransparentProxyNetworkSettings& 
                                          const std::vector<ListenerPorts>& listeners) {
   const auto socket = openNetfilterSocket();
   if (!socket) {
-    return explain({"", errno});
+    return explain(socket.error());
   }
   return applyToKernel({settings, marks, queueNumber, listeners, kPacketsPerSecond},
-                       [&socket](NetfilterBatch& batch) { return batch.examine(socket.get()); });
+                       [&socket](NetfilterBatch& batch) { return batch.examine(socket->get()); });
 }
 
 Result<std::string> InterceptionTable::script(const TransparentProxyNetworkSettings& settings,

@@ -171,7 +171,7 @@ RedirectSupervisor::RedirectSupervisor(EventLoopGroup& loops,
     // before the connections ended, so the kernel may keep the entries for days.
     ConntrackEntries().removeDeadRedirections([this](const SocketEndpoint& endpoint) {
       const auto answer = diagnostics_->findListener(endpoint);
-      return answer.hasFailed || answer.socket.has_value();
+      return !answer || answer->has_value();
     });
   }
 }
@@ -277,7 +277,7 @@ SocketEndpoint RedirectSupervisor::destinationFor(const Family& family) {
                                      return true;
                                    }
                                    const auto answer = diagnostics_->findListener(destination);
-                                   return !answer.hasFailed && !answer.socket;
+                                   return answer && !*answer;
                                  });
   return free == family.destinations.end() ? family.destinations.front() : *free;
 }
@@ -298,7 +298,7 @@ void RedirectSupervisor::examine(unsigned loopIndex, const FlowTuple& tuple) {
     return;
   }
   const auto answer = diagnostics_->find(tuple, 0);
-  if (!answer.socket || answer.socket->state != TCP_SYN_SENT) {
+  if (!answer || !*answer || (*answer)->state != TCP_SYN_SENT) {
     // The application has given up.
     return;
   }

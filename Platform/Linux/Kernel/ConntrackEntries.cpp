@@ -17,6 +17,8 @@
 
 namespace ostravel::linuxplatform {
 
+using platform::OptionalError;
+
 namespace {
 
 // The size of the kernel's dump messages.
@@ -80,6 +82,10 @@ std::optional<SocketEndpoint> endpointOf(const nlattr* tuple, AddressFamily fami
   return endpoint;
 }
 
+platform::Error requestFailed(int code) {
+  return platform::systemCallError(code, "the kernel does not change a tracked connection");
+}
+
 bool isLoopback(const SocketEndpoint& endpoint) {
   if (endpoint.family == AddressFamily::ipv4) {
     constexpr std::uint8_t kLoopbackNetwork = 127;
@@ -117,12 +123,12 @@ std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
   return Redirection{{TransportProtocol::tcp, *from, *to}, *arrived};
 }
 
-int ConntrackEntries::remove(const FlowTuple& original) {
+OptionalError ConntrackEntries::remove(const FlowTuple& original) {
   return request(IPCTNL_MSG_CT_DELETE, original, [](nlmsghdr* /*request*/) {});
 }
 
 // A connection that has ended in order may be reopened. This flag says that its end has begun.
-int ConntrackEntries::allowReopening(const FlowTuple& original) {
+OptionalError ConntrackEntries::allowReopening(const FlowTuple& original) {
   return request(IPCTNL_MSG_CT_NEW, original, [](nlmsghdr* request) {
     constexpr nf_ct_tcp_flags kEnding{IP_CT_TCP_FLAG_CLOSE_INIT, IP_CT_TCP_FLAG_CLOSE_INIT};
     nlattr* const protocol = ::mnl_attr_nest_start(request, CTA_PROTOINFO);
@@ -133,9 +139,10 @@ int ConntrackEntries::allowReopening(const FlowTuple& original) {
   });
 }
 
-int ConntrackEntries::request(std::uint16_t type, const FlowTuple& original, Complete complete) {
+OptionalError ConntrackEntries::request(std::uint16_t type, const FlowTuple& original,
+                                        Complete complete) {
   if (!socket_) {
-    return ENOTCONN;
+    return socket_.error();
   }
   alignas(nlmsghdr) std::array<char, 512> request{};
   nlmsghdr* const header = ::mnl_nlmsg_put_header(request.data());
@@ -146,19 +153,20 @@ int ConntrackEntries::request(std::uint16_t type, const FlowTuple& original, Com
   message.version = NFNETLINK_V0;
   putTuple(header, original);
   complete(header);
-  if (::mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) < 0) {
-    return errno;
+  if (::mnl_socket_sendto(socket_->get(), header, header->nlmsg_len) < 0) {
+    return requestFailed(errno);
   }
   alignas(nlmsghdr) std::array<char, 1024> answer;
-  const auto received = ::mnl_socket_recvfrom(socket_.get(), answer.data(), answer.size());
+  const auto received = ::mnl_socket_recvfrom(socket_->get(), answer.data(), answer.size());
   if (received < 0) {
-    return errno;
+    return requestFailed(errno);
   }
   const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
   if (!::mnl_nlmsg_ok(reply, static_cast<int>(received)) || reply->nlmsg_type != NLMSG_ERROR) {
-    return EPROTO;
+    return requestFailed(EPROTO);
   }
-  return -static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error;
+  const int error = static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error;
+  return error == 0 ? std::nullopt : OptionalError(requestFailed(-error));
 }
 
 std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListened) {
@@ -170,7 +178,7 @@ std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListene
     if (found == known.end()) {
       found = known.emplace(arrived, isListened(arrived)).first;
     }
-    if (!found->second && remove(original) == 0) {
+    if (!found->second && !remove(original)) {
       ++count;
     }
   }
@@ -189,7 +197,7 @@ std::vector<ConntrackEntries::Redirection> ConntrackEntries::redirections() {
   auto& message = *static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
   message.nfgen_family = AF_UNSPEC;
   message.version = NFNETLINK_V0;
-  if (::mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) < 0) {
+  if (::mnl_socket_sendto(socket_->get(), header, header->nlmsg_len) < 0) {
     return found;
   }
   const auto note = [](const nlmsghdr* entry, void* data) {
@@ -201,7 +209,7 @@ std::vector<ConntrackEntries::Redirection> ConntrackEntries::redirections() {
   alignas(nlmsghdr) std::array<char, kDumpSize> answer;
   int result = MNL_CB_OK;
   while (result == MNL_CB_OK) {
-    const auto received = ::mnl_socket_recvfrom(socket_.get(), answer.data(), answer.size());
+    const auto received = ::mnl_socket_recvfrom(socket_->get(), answer.data(), answer.size());
     if (received < 0) {
       return found;
     }

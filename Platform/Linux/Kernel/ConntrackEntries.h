@@ -6,6 +6,8 @@
 #include <optional>
 #include <vector>
 
+#include "Platform/Interface/Error.h"
+#include "Platform/Interface/Result.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Kernel/NetfilterBatch.h"
 
@@ -20,14 +22,14 @@ class ConntrackEntries {
   ConntrackEntries() : socket_(openNetfilterSocket()) {}
 
   // Deletes the entry of the connection that started with this tuple, including its redirection:
-  // its next packet counts as a first one again. Returns 0, ENOENT if there is no entry, or another
-  // errno.
-  int remove(const FlowTuple& original);
+  // its next packet counts as a first one again. Errors are of kPOSIXErrorDomain: ENOENT if there
+  // is no entry.
+  platform::OptionalError remove(const FlowTuple& original);
 
   // Called before a connection is reset from its far end. The kernel keeps the entry for ten
   // seconds after such a reset, and redirects a new connection with the same addresses and ports
-  // as before; after this call it treats the new one as new. Returns as remove does.
-  int allowReopening(const FlowTuple& original);
+  // as before; after this call it treats the new one as new. Errors as for remove.
+  platform::OptionalError allowReopening(const FlowTuple& original);
 
   // Deletes the entries of all TCP connections that were redirected to a loopback address without a
   // listener: a new connection with the same addresses and ports would be refused there. Returns
@@ -45,12 +47,13 @@ class ConntrackEntries {
   // Adds the attributes that follow the tuple to a request.
   using Complete = void (*)(nlmsghdr* request);
 
-  int request(std::uint16_t type, const FlowTuple& original, Complete complete);
+  platform::OptionalError request(std::uint16_t type, const FlowTuple& original, Complete complete);
   static std::optional<Redirection> redirectionOf(const nlmsghdr* entry);
   // As far as the table can be read.
   std::vector<Redirection> redirections();
 
-  const NetlinkSocket socket_;
+  // Without it nothing is tracked that could be removed; every request fails with its error.
+  const platform::Result<NetlinkSocket> socket_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -2,13 +2,20 @@
 
 #include <sys/mman.h>
 
+#include <cerrno>
 #include <utility>
+
+#include "Platform/Interface/Error.h"
 
 namespace ostravel::linuxplatform {
 
-MemoryMapping MemoryMapping::ofFile(int descriptor, std::size_t size, int protection) {
+platform::Result<MemoryMapping> MemoryMapping::ofFile(int descriptor, std::size_t size,
+                                                      int protection) {
   void* const memory = ::mmap(nullptr, size, protection, MAP_SHARED, descriptor, 0);
-  return memory == MAP_FAILED ? MemoryMapping() : MemoryMapping(memory, size);
+  if (memory == MAP_FAILED) {
+    return platform::systemCallError(errno, "memory cannot be mapped");
+  }
+  return MemoryMapping(memory, size);
 }
 
 MemoryMapping::MemoryMapping(MemoryMapping&& other) noexcept

@@ -2,20 +2,21 @@
 
 #include <cstddef>
 
+#include "Platform/Interface/Result.h"
+
 namespace ostravel::linuxplatform {
 
 // Memory shared with a file or the kernel (mmap(2)), unmapped on destruction.
 class MemoryMapping {
  public:
-  // protection as for mmap(2). On failure the result is not mapped, with errno set.
-  static MemoryMapping ofFile(int descriptor, std::size_t size, int protection);
+  // protection as for mmap(2), whose errno an error has (kPOSIXErrorDomain).
+  static platform::Result<MemoryMapping> ofFile(int descriptor, std::size_t size, int protection);
 
+  // Nothing is mapped.
   MemoryMapping() = default;
   MemoryMapping(MemoryMapping&& other) noexcept;
   MemoryMapping& operator=(MemoryMapping&& other) noexcept;
   ~MemoryMapping();
-
-  bool isMapped() const { return memory_ != nullptr; }
 
   template <typename Content>
   Content* as() const {

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "Platform/Interface/Error.h"
+
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -32,13 +34,10 @@ void NetlinkSocketRelease::operator()(mnl_socket* socket) const {
   ::mnl_socket_close(socket);
 }
 
-NetlinkSocket openNetfilterSocket() {
+platform::Result<NetlinkSocket> openNetfilterSocket() {
   NetlinkSocket socket(::mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
-  if (!socket) {
-    return nullptr;
-  }
-  if (::mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
-    return nullptr;
+  if (!socket || ::mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
+    return platform::systemCallError(errno, "netfilter cannot be reached");
   }
   ::setsockopt(::mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVTIMEO, &kAnswerTimeout,
                sizeof kAnswerTimeout);

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Interface/Result.h"
+
 struct mnl_socket;
 struct nlmsghdr;
 
@@ -18,9 +20,9 @@ struct NetlinkSocketRelease {
 };
 using NetlinkSocket = std::unique_ptr<mnl_socket, NetlinkSocketRelease>;
 
-// Opens a netlink socket to netfilter; null, with errno set, if the kernel has no support.
-// Receiving on it blocks for at most two seconds.
-NetlinkSocket openNetfilterSocket();
+// Opens a netlink socket to netfilter. Fails, with an error of kPOSIXErrorDomain, if the kernel has
+// no support. Receiving on it blocks for at most two seconds.
+platform::Result<NetlinkSocket> openNetfilterSocket();
 
 // Changes to nf_tables that the kernel applies atomically (nfnetlink batch).
 class NetfilterBatch {

@@ -104,10 +104,11 @@ Error explain(int error) {
 }  // namespace
 
 platform::Result<std::unique_ptr<PacketQueue>> PacketQueue::open(Send send) {
-  auto socket = openNetfilterSocket();
-  if (!socket) {
-    return explain(errno);
+  auto opened = openNetfilterSocket();
+  if (!opened) {
+    return explain(static_cast<int>(opened.error().code));
   }
+  NetlinkSocket socket = *std::move(opened);
   int error = EBUSY;
   for (std::uint16_t number = kFirstQueueNumber; number <= kLastQueueNumber; ++number) {
     error = bindQueue(socket.get(), number);

@@ -38,6 +38,10 @@ void setEndpoint(const SocketEndpoint& endpoint, __be32 (&address)[4], __be16& p
   port = htons(endpoint.port);
 }
 
+platform::Error queryFailed(int code) {
+  return platform::systemCallError(code, "a socket cannot be looked up");
+}
+
 bool isLoopback(const SocketEndpoint& endpoint) {
   constexpr std::array<std::uint8_t, 16> kIPv6Loopback{0, 0, 0, 0, 0, 0, 0, 0,
                                                        0, 0, 0, 0, 0, 0, 0, 1};
@@ -67,7 +71,11 @@ bool findsOwnListener(SocketDiagnostics& diagnostics) {
   const FileDescriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const auto port = portOfNewListener(listener.get());
   const SocketEndpoint local{AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, port.value_or(0)};
-  return port && diagnostics.findListener(local).socket;
+  if (!port) {
+    return false;
+  }
+  const auto answer = diagnostics.findListener(local);
+  return answer && *answer;
 }
 
 int readAttribute(const nlattr* attribute, void* socket) {
@@ -119,8 +127,8 @@ platform::Result<std::unique_ptr<SocketDiagnostics>> SocketDiagnostics::open() {
         "(CONFIG_INET_DIAG)");
   }
   // The first query about UDP would otherwise have to wait for a module to be loaded.
-  opened->ask(TransportProtocol::udp, wildcard(AddressFamily::ipv4), wildcard(AddressFamily::ipv4),
-              0);
+  static_cast<void>(opened->ask(TransportProtocol::udp, wildcard(AddressFamily::ipv4),
+                                wildcard(AddressFamily::ipv4), 0));
   return opened;
 }
 
@@ -163,7 +171,7 @@ SocketDiagnostics::Answer SocketDiagnostics::ask(TransportProtocol protocol,
   request.id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
   request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
   if (::mnl_socket_sendto(diagnostics_.get(), header, header->nlmsg_len) < 0) {
-    return {.hasFailed = true, .socket = {}};
+    return queryFailed(errno);
   }
   return receive(remote.port);
 }
@@ -173,26 +181,32 @@ SocketDiagnostics::Answer SocketDiagnostics::receive(std::uint16_t remotePort) {
   for (int count = 0; count < kMaximumStaleAnswers; ++count) {
     const auto received = ::mnl_socket_recvfrom(diagnostics_.get(), buffer.data(), buffer.size());
     const auto* const header = reinterpret_cast<const nlmsghdr*>(buffer.data());
-    if (received < 0 || !::mnl_nlmsg_ok(header, static_cast<int>(received))) {
-      break;
+    if (received < 0) {
+      return queryFailed(errno);
+    }
+    if (!::mnl_nlmsg_ok(header, static_cast<int>(received))) {
+      return queryFailed(EPROTO);
     }
     if (header->nlmsg_seq != sequence_) {
       continue;
     }
     if (header->nlmsg_type == NLMSG_ERROR) {
       const auto& error = *static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(header));
-      return {.hasFailed = error.error != -ENOENT, .socket = {}};
+      if (error.error != -ENOENT) {
+        return queryFailed(-error.error);
+      }
+      return Answer(std::nullopt);
     }
     const auto& message = *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(header));
     // If no connection matches, the kernel returns a listener on the same port. The remains of an
     // ended connection send nothing.
     const bool isListener = message.idiag_state == TCP_LISTEN;
     if (isListener != (remotePort == 0) || message.idiag_state == TCP_TIME_WAIT) {
-      return {};
+      return Answer(std::nullopt);
     }
-    return {.hasFailed = false, .socket = informationFrom(header, message)};
+    return Answer(informationFrom(header, message));
   }
-  return {.hasFailed = true, .socket = {}};
+  return queryFailed(ETIMEDOUT);
 }
 
 }  // namespace ostravel::linuxplatform

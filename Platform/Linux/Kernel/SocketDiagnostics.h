@@ -36,11 +36,8 @@ struct SocketInformation {
 // query is being sent. Used by one thread at a time.
 class SocketDiagnostics {
  public:
-  struct Answer {
-    // The query failed; the socket may exist nevertheless.
-    bool hasFailed = false;
-    std::optional<SocketInformation> socket;
-  };
+  // Empty if there is no such socket. After an error, of kPOSIXErrorDomain, it may exist.
+  using Answer = platform::Result<std::optional<SocketInformation>>;
 
   // Fails if the kernel does not answer such queries.
   static platform::Result<std::unique_ptr<SocketDiagnostics>> open();

@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <optional>
 #include <string>
@@ -114,20 +113,18 @@ SocketMarker ConnectPublisher::marker() const {
   return {tracer_.recordsDescriptor(), ::bpf_object__find_map_fd_by_name(object_.get(), "marked")};
 }
 
-std::uint64_t ConnectPublisher::lostConnects() const {
-  return std::atomic_ref(state()->lost).load();
-}
-
 OptionalError ConnectPublisher::mapMemory() {
   const auto map = [this](const char* name, std::size_t size, int protection) {
     return MemoryMapping::ofFile(::bpf_object__find_map_fd_by_name(object_.get(), name), size,
                                  protection);
   };
-  sets_ = map("connects", ConnectTable::kSets * sizeof(ConnectTable::Set), PROT_READ);
-  state_ = map("states", sizeof(ConnectTable::State), PROT_READ | PROT_WRITE);
-  if (!sets_.isMapped() || !state_.isMapped()) {
-    return platform::systemCallError(errno, "the table cannot be mapped");
+  auto sets = map("connects", ConnectTable::kSets * sizeof(ConnectTable::Set), PROT_READ);
+  auto state = map("states", sizeof(ConnectTable::State), PROT_READ | PROT_WRITE);
+  if (!sets || !state) {
+    return (sets ? state : sets).error();
   }
+  sets_ = *std::move(sets);
+  state_ = *std::move(state);
   return std::nullopt;
 }
 

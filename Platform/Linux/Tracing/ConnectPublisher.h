@@ -52,9 +52,6 @@ class ConnectPublisher {
   // send without delay (TCP_NODELAY), so that nobody has to set this.
   bool presetsOwnSockets() const { return presetsOwnSockets_; }
 
-  // Connects that were not published because others were being published in the same place.
-  std::uint64_t lostConnects() const;
-
  private:
   struct ObjectRelease {
     void operator()(bpf_object* object) const;

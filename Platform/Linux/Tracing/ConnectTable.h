@@ -87,8 +87,6 @@ class ConnectTable {
     std::uint32_t unused;
     // See ListenerWatch.
     std::uint64_t listenerChanges;
-    // Connects that were not published because all slots of their set were being written.
-    std::uint64_t lost;
     // Counts the programs executed, by process number; several processes share a counter.
     std::array<std::uint32_t, kProgramCounters> programChanges;
   };

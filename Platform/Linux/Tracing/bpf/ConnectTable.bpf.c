@@ -122,8 +122,6 @@ struct State {
   u32 unused;
   // Counts what may change which process listens on the proxy's port.
   u64 listenerChanges;
-  // Connects that were not published because all slots in question were being written.
-  u64 lost;
   // Counts the programs executed, by process number; several processes share a counter.
   u32 programChanges[kProgramCounters];
 };
@@ -480,7 +478,6 @@ INLINE void publish(void* context, struct State* state, struct tcp_sock* connect
   }
   struct Slot* const slot = claim(set);
   if (slot == 0) {
-    __sync_fetch_and_add(&state->lost, 1);
     return;
   }
   own.sequence = slot->sequence;

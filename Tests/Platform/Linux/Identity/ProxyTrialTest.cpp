@@ -37,8 +37,8 @@ class ProxyTrialTest : public ::testing::Test {
 
   std::uint64_t listener() {
     const auto answer = diagnostics_->findListener(loopbackIPv4(kPort));
-    EXPECT_TRUE(answer.socket);
-    return answer.socket ? answer.socket->cookie : 0;
+    EXPECT_TRUE(answer && *answer);
+    return answer && *answer ? (*answer)->cookie : 0;
   }
 
   std::optional<ProxyTrial::Outcome> tryOnce(std::uint64_t listener) {

@@ -31,8 +31,8 @@ class ProxyTrialThreadTest : public ::testing::Test {
 
   SocketInformation listener() {
     const auto answer = diagnostics_->findListener(loopbackIPv4(kPort));
-    EXPECT_TRUE(answer.socket);
-    return answer.socket.value_or(SocketInformation{});
+    EXPECT_TRUE(answer && *answer);
+    return answer ? answer->value_or(SocketInformation{}) : SocketInformation{};
   }
 
   std::optional<Judgement> judgementNow() {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
@@ -41,6 +42,10 @@ FlowTuple tupleOf(const Connecting& application, AddressFamily family) {
   return tuple;
 }
 
+std::int64_t codeOf(const platform::OptionalError& error) {
+  return error ? error->code : 0;
+}
+
 TEST(ConntrackEntriesTest, RemovesAConnection) {
   trackConnections();
   ConntrackEntries entries;
@@ -49,15 +54,15 @@ TEST(ConntrackEntriesTest, RemovesAConnection) {
     TestListener origin(address, 8000);
     const Connecting application(address, 8000);
     ASSERT_EQ(application.connectResult(kGenerous), 0);
-    EXPECT_EQ(entries.remove(tupleOf(application, family)), 0);
-    EXPECT_EQ(entries.remove(tupleOf(application, family)), ENOENT);
+    EXPECT_EQ(entries.remove(tupleOf(application, family)), std::nullopt);
+    EXPECT_EQ(codeOf(entries.remove(tupleOf(application, family))), ENOENT);
   }
 }
 
 TEST(ConntrackEntriesTest, ReportsAMissingEntry) {
   trackConnections();
-  EXPECT_EQ(ConntrackEntries().allowReopening(FlowTuple()), ENOENT);
-  EXPECT_EQ(ConntrackEntries().remove(FlowTuple()), ENOENT);
+  EXPECT_EQ(codeOf(ConntrackEntries().allowReopening(FlowTuple())), ENOENT);
+  EXPECT_EQ(codeOf(ConntrackEntries().remove(FlowTuple())), ENOENT);
 }
 
 class ConntrackEntriesOfRedirectionsTest : public ::testing::TestWithParam<const char*> {
@@ -119,7 +124,7 @@ TEST_P(ConntrackEntriesOfRedirectionsTest, AReusedPortIsRedirectedAnewAfterAnAll
   const bool isIPv4 = std::string(GetParam()) == "127.0.0.1";
   FlowTuple tuple = tupleOf(*application, isIPv4 ? AddressFamily::ipv4 : AddressFamily::ipv6);
   tuple.destination.port = 8001;
-  EXPECT_EQ(entries_.allowReopening(tuple), 0);
+  EXPECT_EQ(entries_.allowReopening(tuple), std::nullopt);
   accepted.reset();
   application.reset();
   outputOf(

@@ -25,27 +25,28 @@ TEST(MemoryMappingTest, SharesTheContentOfAFile) {
   const FileDescriptor file = makeFile();
   const auto written = MemoryMapping::ofFile(file.get(), kSize, PROT_READ | PROT_WRITE);
   const auto read = MemoryMapping::ofFile(file.get(), kSize, PROT_READ);
-  ASSERT_TRUE(written.isMapped());
-  ASSERT_TRUE(read.isMapped());
-  *written.as<std::uint32_t>() = 7;
-  EXPECT_EQ(*read.as<const std::uint32_t>(), 7U);
+  ASSERT_TRUE(written);
+  ASSERT_TRUE(read);
+  *written->as<std::uint32_t>() = 7;
+  EXPECT_EQ(*read->as<const std::uint32_t>(), 7U);
 }
 
 TEST(MemoryMappingTest, MovesWithItsContent) {
   const FileDescriptor file = makeFile();
-  auto first = MemoryMapping::ofFile(file.get(), kSize, PROT_READ | PROT_WRITE);
+  MemoryMapping first = *MemoryMapping::ofFile(file.get(), kSize, PROT_READ | PROT_WRITE);
   *first.as<std::uint32_t>() = 7;
   MemoryMapping second(std::move(first));
   MemoryMapping third;
   third = std::move(second);
-  ASSERT_TRUE(third.isMapped());
+  ASSERT_NE(third.as<std::uint32_t>(), nullptr);
   EXPECT_EQ(*third.as<std::uint32_t>(), 7U);
 }
 
-TEST(MemoryMappingTest, ReportsTheErrnoOfAFailure) {
-  EXPECT_FALSE(MemoryMapping::ofFile(-1, kSize, PROT_READ).isMapped());
-  EXPECT_EQ(errno, EBADF);
-  EXPECT_FALSE(MemoryMapping().isMapped());
+TEST(MemoryMappingTest, ReportsAFailure) {
+  const auto mapping = MemoryMapping::ofFile(-1, kSize, PROT_READ);
+  ASSERT_FALSE(mapping);
+  EXPECT_EQ(mapping.error().domain, platform::kPOSIXErrorDomain);
+  EXPECT_EQ(mapping.error().code, EBADF);
 }
 
 }  // namespace

@@ -39,26 +39,26 @@ class SocketDiagnosticsTest : public ::testing::Test {
   void expectFound(const FlowTuple& flow, const FileDescriptor& socket,
                    std::uint32_t outputInterface = kAnyInterface, std::uint32_t bound = 0) {
     const auto answer = diagnostics_->find(flow, outputInterface);
-    EXPECT_FALSE(answer.hasFailed);
-    ASSERT_TRUE(answer.socket);
-    EXPECT_EQ(answer.socket->inode, inodeOf(socket));
-    EXPECT_EQ(answer.socket->cookie, cookieOf(socket));
-    EXPECT_EQ(answer.socket->uid, ::getuid());
-    EXPECT_EQ(answer.socket->boundInterface, bound);
+    ASSERT_TRUE(answer);
+    ASSERT_TRUE(*answer);
+    EXPECT_EQ((*answer)->inode, inodeOf(socket));
+    EXPECT_EQ((*answer)->cookie, cookieOf(socket));
+    EXPECT_EQ((*answer)->uid, ::getuid());
+    EXPECT_EQ((*answer)->boundInterface, bound);
   }
 
   void expectNothing(const SocketDiagnostics::Answer& answer) {
-    EXPECT_FALSE(answer.hasFailed);
-    EXPECT_FALSE(answer.socket);
+    ASSERT_TRUE(answer);
+    EXPECT_FALSE(*answer);
   }
 
   void expectListener(const SocketEndpoint& local, const FileDescriptor& socket) {
     const auto answer = diagnostics_->findListener(local);
-    EXPECT_FALSE(answer.hasFailed);
-    ASSERT_TRUE(answer.socket);
-    EXPECT_EQ(answer.socket->inode, inodeOf(socket));
-    EXPECT_EQ(answer.socket->cookie, cookieOf(socket));
-    EXPECT_EQ(answer.socket->state, TCP_LISTEN);
+    ASSERT_TRUE(answer);
+    ASSERT_TRUE(*answer);
+    EXPECT_EQ((*answer)->inode, inodeOf(socket));
+    EXPECT_EQ((*answer)->cookie, cookieOf(socket));
+    EXPECT_EQ((*answer)->state, TCP_LISTEN);
   }
 
   std::unique_ptr<SocketDiagnostics> diagnostics_;
@@ -96,7 +96,7 @@ TEST_F(SocketDiagnosticsTest, FindsASocketThatHasOnlySentItsFirstPacket) {
   connectTo(socket, AF_INET, loopbackIPv4(portOf(full)));
   const auto flow = flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(full));
   expectFound(flow, socket);
-  EXPECT_EQ(diagnostics_->find(flow, kAnyInterface).socket->state, TCP_SYN_SENT);
+  EXPECT_EQ(diagnostics_->find(flow, kAnyInterface)->value().state, TCP_SYN_SENT);
 }
 
 TEST_F(SocketDiagnosticsTest, FindsConnectedUDPSockets) {
@@ -180,8 +180,9 @@ TEST_F(SocketDiagnosticsTest, ReportsTheUserWhoCreatedTheSocket) {
   const auto port = helper.makeSocket("connect", portOf(listener_));
   const auto answer = diagnostics_->find(
       flowOverIPv4(TransportProtocol::tcp, port, portOf(listener_)), kAnyInterface);
-  ASSERT_TRUE(answer.socket);
-  EXPECT_EQ(answer.socket->uid, 65534U);
+  ASSERT_TRUE(answer);
+  ASSERT_TRUE(*answer);
+  EXPECT_EQ((*answer)->uid, 65534U);
 }
 
 TEST_F(SocketDiagnosticsTest, ReportsTheControlGroup) {
@@ -197,8 +198,9 @@ TEST_F(SocketDiagnosticsTest, ReportsTheControlGroup) {
   ASSERT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener_))));
   const auto answer = diagnostics_->find(
       flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(listener_)), kAnyInterface);
-  ASSERT_TRUE(answer.socket);
-  EXPECT_EQ(answer.socket->cgroup, status.st_ino);
+  ASSERT_TRUE(answer);
+  ASSERT_TRUE(*answer);
+  EXPECT_EQ((*answer)->cgroup, status.st_ino);
 }
 
 TEST_F(SocketDiagnosticsTest, FindsNothingWhereThereIsNoSocket) {
