@@ -122,6 +122,9 @@ void OVTunnelConnection::startHandshake() {
     close(std::nullopt);
     return;
   }
+  if (flow_->observer() != nullptr) {
+    flow_->observer()->handshakeStarted();
+  }
   log_->standard("OstravelProxy: Sending CONNECT handshake (details private)");
   emit(monitoring_events::kHandshakeStarted, {{"app_id", appId_}, {"remote", target}});
   connection_->write(Data::copyOf(request), [weakSelf = weak_from_this(),
@@ -138,6 +141,7 @@ void OVTunnelConnection::startHandshake() {
       self->readConnectResponse();
       return;
     }
+    self->noteEnd(platform::FlowEnd::connectionFailed, error->localizedDescription);
     self->emit(monitoring_events::kHandshakeWriteFailed, {{"detail", error->localizedDescription}});
     self->close(error);
   });
@@ -178,6 +182,7 @@ void OVTunnelConnection::handleConnectResponse(std::optional<Data> data, Optiona
     return;
   }
   if (isEndOfStream(data)) {
+    noteEnd(platform::FlowEnd::noAnswer, "");
     close(std::nullopt);
     return;
   }
@@ -192,6 +197,7 @@ void OVTunnelConnection::handle(connect_response::Established outcome) {
 
 void OVTunnelConnection::handle(connect_response::Rejected outcome) {
   log_->error("OstravelProxy: Handshake failed (response status not 200)");
+  noteEnd(platform::FlowEnd::rejected, outcome.statusLine.value_or(""));
   emit(monitoring_events::kHandshakeRejected,
        {{"app_id", appId_}, {"status_line", std::move(outcome.statusLine).value_or("<missing>")}});
   close(std::nullopt);
@@ -199,6 +205,7 @@ void OVTunnelConnection::handle(connect_response::Rejected outcome) {
 
 void OVTunnelConnection::handle(connect_response::Invalid outcome) {
   log_->error("OstravelProxy: Handshake failed (invalid response)");
+  noteEnd(platform::FlowEnd::invalid, outcome.reason);
   emit(monitoring_events::kHandshakeInvalid,
        {{"app_id", appId_}, {"reason", std::move(outcome.reason)}});
   close(std::nullopt);
@@ -215,6 +222,9 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
     handshakeWatchdog().finishWithoutCallback();
     if (onHandshakeEstablished_) {
       onHandshakeEstablished_(flowId_);
+    }
+    if (flow_->observer() != nullptr) {
+      flow_->observer()->handshakeSucceeded();
     }
   }
   emit(monitoring_events::kHandshakeSucceeded, {{"app_id", appId_}},
@@ -261,6 +271,7 @@ void OVTunnelConnection::handleHandshakeTimeout() {
   Error error = platform::providerError(platform::kHandshakeTimedOutCode,
                                         "Proxy CONNECT handshake timed out");
   log_->error("OstravelProxy: CONNECT handshake timed out");
+  noteEnd(platform::FlowEnd::timedOut, error.localizedDescription);
   emit(monitoring_events::kHandshakeTimedOut, {{"app_id", appId_}},
        Metrics{{"timeout_seconds", handshakeTimeout_}});
   close(std::move(error));
@@ -336,6 +347,7 @@ void OVTunnelConnection::close(OptionalError error) {
   if (error && !didEstablishHandshake_ && onProxyUnavailable_) {
     onProxyUnavailable_();
   }
+  noteClose(error);
   emit(error ? monitoring_events::kTunnelClosedWithError : monitoring_events::kTunnelClosed,
        {{"app_id", appId_}, {"detail", error ? error->localizedDescription : "eof"}});
   flow_->closeRead(error);
@@ -343,6 +355,24 @@ void OVTunnelConnection::close(OptionalError error) {
   connection_->cancel();
   if (onClose_) {
     onClose_(flowId_);
+  }
+}
+
+// What failed before the close has been noted already, and counts.
+void OVTunnelConnection::noteClose(const OptionalError& error) {
+  using platform::FlowEnd;
+  if (didEstablishHandshake_) {
+    noteEnd(error ? FlowEnd::failed : FlowEnd::closed,
+            error ? error->localizedDescription : std::string("eof"));
+  } else {
+    noteEnd(error ? FlowEnd::connectionFailed : FlowEnd::abandoned,
+            error ? error->localizedDescription : std::string());
+  }
+}
+
+void OVTunnelConnection::noteEnd(platform::FlowEnd end, std::string_view detail) const {
+  if (flow_->observer() != nullptr) {
+    flow_->observer()->ended(end, detail);
   }
 }
 

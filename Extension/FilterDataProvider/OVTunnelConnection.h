@@ -86,6 +86,9 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
               std::string_view logFormat);
   bool goesOn(platform::OptionalError error, std::string_view logFormat);
 
+  void noteClose(const platform::OptionalError& error);
+  void noteEnd(platform::FlowEnd end, std::string_view detail) const;
+
   void emit(const MonitoringEventKind& kind, Context context,
             std::optional<Metrics> metrics = std::nullopt) const;
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,6 +61,26 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   // Usable from any thread.
   std::optional<bool> isGateOpen() const;
 
+  // What the health loop has found. Times are seconds since 1970. Usable from any thread, as are
+  // the counts below.
+  struct Health {
+    // Absent until the first probe has been answered.
+    std::optional<bool> isGateOpen;
+    double gateSince = 0;
+    struct Probe {
+      double time = 0;
+      bool isReachable = false;
+    };
+    std::optional<Probe> lastProbe;
+  };
+  Health health() const;
+  std::size_t pendingHandshakes() const { return tunnelAdmissionController_.pendingCount(); }
+  ProxyTunnelMonitoringClient::Counts eventCounts() const { return monitoringClient_->counts(); }
+
+  // The rule that would decide about a new flow now. Remembers nothing. remote: as in a flow.
+  platform::FlowRule explain(std::string_view appId, const platform::HostEndpoint& remote,
+                             bool isUDP) const;
+
   // The decision by the built-in lists alone. Depends on nothing but its arguments.
   FlowAction determineNormalFlowAction(std::string_view appId, std::string_view host,
                                        bool isUDP) const;
@@ -85,10 +106,17 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   ProxyHealthMonitor& proxyHealthMonitor();
   ProxyTCPReachabilityProbe& proxyReachabilityProbe();
   void emitProxyHealthEvent(ProxyHealthEvent event);
+  // Records the gate's state after it may have changed.
+  void noteGate();
 
   std::optional<FlowAction> cachedFlowAction(const std::string& key, double now);
   void storeFlowAction(std::string key, FlowAction action, double now);
   FlowAction applyProxySafetyGate(FlowAction action, bool isUDP) const;
+  // By the built-in lists alone.
+  platform::FlowRule normalRule(std::string_view appId, std::string_view host, bool isUDP) const;
+  // Of a flow that is left to the system.
+  platform::FlowRule bypassRule(std::string_view appId, std::string_view host, bool isUDP) const;
+  static void noteDecision(platform::AppProxyFlow& flow, platform::FlowRule rule);
 
   bool isLocalProxy(const platform::HostEndpoint& endpoint) const;
   void openFlow(const std::shared_ptr<platform::AppProxyTCPFlow>& flow, const std::string& appId);
@@ -123,6 +151,9 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   // Starts closed: nothing is proxied before the first successful probe.
   const std::shared_ptr<ProxySafetyGate> proxySafetyGate_;
   std::atomic<bool> hasProbed_ = false;
+  mutable std::mutex healthLock_;
+  // Guarded by healthLock_.
+  Health health_;
   // Made on first use, on the health queue.
   std::optional<ProxyHealthMonitor> proxyHealthMonitor_;
   std::optional<ProxyTCPReachabilityProbe> proxyReachabilityProbe_;

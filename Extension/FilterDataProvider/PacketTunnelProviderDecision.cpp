@@ -6,6 +6,8 @@
 
 namespace ostravel {
 
+using platform::FlowRule;
+
 namespace {
 
 constexpr double kBypassCacheLifetimeSeconds = 30.0;
@@ -14,18 +16,48 @@ constexpr double kBypassCacheLifetimeSeconds = 30.0;
 
 PacketTunnelProvider::FlowAction PacketTunnelProvider::determineNormalFlowAction(
     std::string_view appId, std::string_view host, bool isUDP) const {
+  switch (normalRule(appId, host, isUDP)) {
+    case FlowRule::proxied:
+      return FlowAction::proxyTCP;
+    case FlowRule::refusedUDP:
+      return FlowAction::dropUDP;
+    default:
+      return FlowAction::bypass;
+  }
+}
+
+FlowRule PacketTunnelProvider::normalRule(std::string_view appId, std::string_view host,
+                                          bool isUDP) const {
   const platform::TextServices& text = platform_.text();
   if (bypassAppIds_.contains(text.lowercased(appId))) {
-    return FlowAction::bypass;
+    return FlowRule::exemptApplication;
   }
   const std::string normalised = normalisedHost(host, text);
   if (hardBypassDomains_.matches(normalised)) {
-    return FlowAction::bypass;
+    return FlowRule::exemptHost;
   }
   if (!isUDP) {
-    return FlowAction::proxyTCP;
+    return FlowRule::proxied;
   }
-  return udpQuicPolicyDomains_.matches(normalised) ? FlowAction::bypass : FlowAction::dropUDP;
+  return udpQuicPolicyDomains_.matches(normalised) ? FlowRule::realtimeMedia : FlowRule::refusedUDP;
+}
+
+FlowRule PacketTunnelProvider::bypassRule(std::string_view appId, std::string_view host,
+                                          bool isUDP) const {
+  const FlowRule rule = normalRule(appId, host, isUDP);
+  // The lists would not have left it alone.
+  const bool isOverridden = rule == FlowRule::proxied || rule == FlowRule::refusedUDP;
+  return isOverridden ? FlowRule::gateClosed : rule;
+}
+
+FlowRule PacketTunnelProvider::explain(std::string_view appId, const platform::HostEndpoint& remote,
+                                       bool isUDP) const {
+  const std::string_view trimmed = platform_.text().trimmed(appId);
+  if (proxySafetyGate_->shouldBypassNewFlows()) {
+    return bypassRule(trimmed, remote.hostname, isUDP);
+  }
+  const FlowRule rule = normalRule(trimmed, remote.hostname, isUDP);
+  return rule == FlowRule::proxied && isLocalProxy(remote) ? FlowRule::localProxy : rule;
 }
 
 PacketTunnelProvider::FlowAction PacketTunnelProvider::decideFlowAction(std::string_view appId,

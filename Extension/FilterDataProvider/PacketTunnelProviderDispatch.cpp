@@ -4,6 +4,7 @@
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Platform/Interface/AppProxyTCPFlow.h"
@@ -16,6 +17,7 @@ using platform::AppProxyFlow;
 using platform::AppProxyTCPFlow;
 using platform::AppProxyUDPFlow;
 using platform::Error;
+using platform::FlowRule;
 using platform::HostEndpoint;
 using platform::OptionalError;
 
@@ -33,10 +35,15 @@ bool PacketTunnelProvider::handleNewFlow(std::shared_ptr<AppProxyFlow> flow) {
   }
   const HostEndpoint endpoint = std::move(known).value_or(HostEndpoint{"unknown", "0"});
 
-  switch (decideFlowAction(platform_.text().trimmed(appId), endpoint.hostname, isUDP)) {
+  const std::string_view trimmedAppId = platform_.text().trimmed(appId);
+  switch (decideFlowAction(trimmedAppId, endpoint.hostname, isUDP)) {
     case FlowAction::bypass:
+      if (flow->observer() != nullptr) {
+        flow->observer()->decided(bypassRule(trimmedAppId, endpoint.hostname, isUDP));
+      }
       return false;
     case FlowAction::dropUDP:
+      noteDecision(*flow, FlowRule::refusedUDP);
       if (udpFlow) {
         udpFlow->closeRead(std::nullopt);
         udpFlow->closeWrite(std::nullopt);
@@ -44,12 +51,20 @@ bool PacketTunnelProvider::handleNewFlow(std::shared_ptr<AppProxyFlow> flow) {
       return true;
     case FlowAction::proxyTCP:
       if (!tcpFlow || isLocalProxy(endpoint)) {
+        noteDecision(*flow, FlowRule::localProxy);
         return false;
       }
+      noteDecision(*flow, FlowRule::proxied);
       openFlow(tcpFlow, appId);
       return true;
   }
   return false;
+}
+
+void PacketTunnelProvider::noteDecision(AppProxyFlow& flow, FlowRule rule) {
+  if (flow.observer() != nullptr) {
+    flow.observer()->decided(rule);
+  }
 }
 
 // A connection to the local proxy itself must not go through it.
@@ -67,6 +82,9 @@ void PacketTunnelProvider::openFlow(const std::shared_ptr<AppProxyTCPFlow>& flow
     if (error) {
       platform::Log& log = provider ? *provider->log_ : platform.defaultLog();
       log.error("OstravelProxy: Failed to open flow: %{public}s", {error->localizedDescription});
+      if (flow->observer() != nullptr) {
+        flow->observer()->ended(platform::FlowEnd::abandoned, error->localizedDescription);
+      }
       flow->closeRead(error);
       flow->closeWrite(error);
       return;
@@ -80,6 +98,9 @@ void PacketTunnelProvider::openFlow(const std::shared_ptr<AppProxyTCPFlow>& flow
 void PacketTunnelProvider::startTunnel(const std::shared_ptr<AppProxyTCPFlow>& flow,
                                        const std::string& appId) {
   const std::string flowId = platform_.uuidSource().randomUUID();
+  if (flow->observer() != nullptr) {
+    flow->observer()->identified(flowId);
+  }
   if (!tunnelAdmissionController_.tryAcquireHandshakeSlot(flowId)) {
     rejectFlow(*flow, flowId, appId);
     return;
@@ -105,6 +126,7 @@ std::shared_ptr<OVTunnelConnection> PacketTunnelProvider::makeTunnel(
   const auto onProxyUnavailable = [weakProvider = weakSelf()] {
     if (const auto provider = weakProvider.lock()) {
       provider->proxySafetyGate_->setProxyUnavailable(true);
+      provider->noteGate();
     }
   };
   const auto onClose = [weakProvider = weakSelf()](const std::string& id) {
@@ -122,6 +144,9 @@ void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& 
   const Error error = platform::providerError(platform::kHandshakeBacklogExceededCode,
                                               "Proxy handshake backlog exceeded");
   log_->error("OstravelProxy: Rejecting flow due to handshake backlog");
+  if (flow.observer() != nullptr) {
+    flow.observer()->ended(platform::FlowEnd::backlog, error.localizedDescription);
+  }
   const auto pending = static_cast<double>(tunnelAdmissionController_.pendingCount());
   emit(monitoring_events::kHandshakeBacklogExceeded, Context{{"app_id", appId}},
        Metrics{{"pending_handshakes", pending}}, flowId);

@@ -45,6 +45,28 @@ void PacketTunnelProvider::probeProxyHealth() {
   const auto result = proxyReachabilityProbe().check();
   proxyHealthMonitor().recordProbeResult(result);
   hasProbed_ = true;
+  {
+    const std::lock_guard guard(healthLock_);
+    health_.lastProbe = {platform_.clock().secondsSince1970(),
+                         result == ProxyHealthProbeResult::reachable};
+  }
+  noteGate();
+}
+
+// Two writers at once can only make the time of the change a moment too late.
+void PacketTunnelProvider::noteGate() {
+  const auto isOpen = isGateOpen();
+  const double now = platform_.clock().secondsSince1970();
+  const std::lock_guard guard(healthLock_);
+  if (health_.isGateOpen != isOpen) {
+    health_.isGateOpen = isOpen;
+    health_.gateSince = now;
+  }
+}
+
+PacketTunnelProvider::Health PacketTunnelProvider::health() const {
+  const std::lock_guard guard(healthLock_);
+  return health_;
 }
 
 std::optional<bool> PacketTunnelProvider::isGateOpen() const {

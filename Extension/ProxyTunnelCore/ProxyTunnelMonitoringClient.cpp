@@ -74,9 +74,11 @@ class ProxyTunnelMonitoringClient::Delivery {
     do {
       if (bytes > kMaxWaitingBytes || waiting > kMaxWaitingBytes - bytes) {
         ++droppedEvents_;
+        ++totals_.dropped;
         return false;
       }
     } while (!waitingBytes_.compare_exchange_weak(waiting, waiting + bytes));
+    ++totals_.emitted;
     return true;
   }
 
@@ -87,12 +89,20 @@ class ProxyTunnelMonitoringClient::Delivery {
     waitingBytes_ -= bytes;
     const double now = platform_.clock().secondsSince1970();
     if (error) {
+      ++totals_.failed;
       platform_.systemLog("OstravelProxy monitoring send failed: " + platform::describe(*error));
       explain(lossReport_.lost(path, *error, now));
     } else {
       reportDroppedEvents();
       explain(lossReport_.delivered(path, now));
     }
+  }
+
+  Counts counts() const {
+    return {.emitted = totals_.emitted + totals_.dropped,
+            .failed = totals_.failed,
+            .dropped = totals_.dropped,
+            .waitingBytes = waitingBytes_};
   }
 
  private:
@@ -126,8 +136,15 @@ class ProxyTunnelMonitoringClient::Delivery {
   const ProxyTunnelMonitoringFrameEncoder encoder_;
   const Sender sender_;
   std::atomic<std::size_t> waitingBytes_ = 0;
+  // Not reported yet.
   std::atomic<std::uint64_t> droppedEvents_ = 0;
   MonitoringLossReport lossReport_;
+  struct Totals {
+    std::atomic<std::uint64_t> emitted = 0;
+    std::atomic<std::uint64_t> failed = 0;
+    std::atomic<std::uint64_t> dropped = 0;
+  };
+  Totals totals_;
 };
 
 namespace {
@@ -200,6 +217,13 @@ void ProxyTunnelMonitoringClient::emit(ProxyTunnelMonitoringEvent event) {
   queue_->async([delivery = delivery_, path = std::move(path), event = std::move(event), bytes] {
     delivery->deliver(event, *path, bytes);
   });
+}
+
+ProxyTunnelMonitoringClient::Counts ProxyTunnelMonitoringClient::counts() const {
+  Counts counts = delivery_->counts();
+  const std::lock_guard guard(lock_);
+  counts.hasPath = socketPath_ && !socketPath_->empty();
+  return counts;
 }
 
 OptionalError ProxyTunnelMonitoringClient::sendFrameToSocket(platform::SocketCalls& sockets,

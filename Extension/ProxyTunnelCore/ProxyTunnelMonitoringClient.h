@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -44,6 +45,16 @@ class ProxyTunnelMonitoringClient {
 
   void emit(ProxyTunnelMonitoringEvent event);
 
+  // Since the client was made. Events without a path are not counted.
+  struct Counts {
+    bool hasPath = false;
+    std::uint64_t emitted = 0;
+    std::uint64_t failed = 0;
+    std::uint64_t dropped = 0;
+    std::size_t waitingBytes = 0;
+  };
+  Counts counts() const;
+
   // Delivers one frame over a new connection; blocks until the kernel has taken all of it.
   // Errors: 1101 "OstravelProxy" for a path of more than 103 bytes, else errno.
   static platform::OptionalError sendFrameToSocket(platform::SocketCalls& sockets,
@@ -57,7 +68,7 @@ class ProxyTunnelMonitoringClient {
   platform::Platform& platform_;
   const std::shared_ptr<platform::DispatchQueue> queue_;
   const std::shared_ptr<Delivery> delivery_;
-  std::mutex lock_;
+  mutable std::mutex lock_;
   std::shared_ptr<const std::string> socketPath_;
 };
 

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Platform/Interface/Error.h"
+#include "Platform/Interface/FlowObserver.h"
 
 namespace ostravel::platform {
 
@@ -21,6 +22,10 @@ class AppProxyFlow {
 
   // The application's identifier as the platform reports it, valid UTF-8; empty when unknown.
   virtual std::string sourceAppSigningIdentifier() const = 0;
+
+  // To be notified of what is done with the flow; lives as long as the flow. Null on platforms that
+  // keep no statistics.
+  virtual FlowObserver* observer() { return nullptr; }
 
   // Ends one direction, as seen from the provider: nothing more is read from, or written to, the
   // application. Without an error everything that a write has acknowledged still arrives and the

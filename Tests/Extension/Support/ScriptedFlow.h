@@ -13,10 +13,14 @@ namespace ostravel::test {
 // "closeWrite".
 class ScriptedFlow final : public platform::AppProxyTCPFlow, public ScriptedTransfers {
  public:
-  std::string sourceAppSigningIdentifier() const override { return "com.example.app"; }
-  std::optional<platform::HostEndpoint> remoteEndpoint() const override {
-    return platform::HostEndpoint{"192.0.2.10", "443"};
-  }
+  ScriptedFlow() = default;
+  explicit ScriptedFlow(std::string appId, platform::HostEndpoint remote,
+                        platform::FlowObserver* observer)
+      : appId_(std::move(appId)), remote_(std::move(remote)), observer_(observer) {}
+
+  std::string sourceAppSigningIdentifier() const override { return appId_; }
+  std::optional<platform::HostEndpoint> remoteEndpoint() const override { return remote_; }
+  platform::FlowObserver* observer() override { return observer_; }
   void open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
             platform::ErrorCompletion completion) override {
     completion(std::nullopt);
@@ -29,6 +33,11 @@ class ScriptedFlow final : public platform::AppProxyTCPFlow, public ScriptedTran
   }
   void closeRead(platform::OptionalError /*error*/) override { note("closeRead"); }
   void closeWrite(platform::OptionalError /*error*/) override { note("closeWrite"); }
+
+ private:
+  const std::string appId_ = "com.example.app";
+  const platform::HostEndpoint remote_{"192.0.2.10", "443"};
+  platform::FlowObserver* const observer_ = nullptr;
 };
 
 }  // namespace ostravel::test

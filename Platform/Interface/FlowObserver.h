@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace ostravel::platform {
+
+// The rule by which a new flow is handled as it is.
+enum class FlowRule : std::uint8_t {
+  // Carried: nothing speaks against it.
+  proxied,
+  // Left to the system: the application, or the host, is on a built-in list; it is UDP to a host of
+  // real-time media; the proxy is considered down; it leads to the local proxy itself.
+  exemptApplication,
+  exemptHost,
+  realtimeMedia,
+  gateClosed,
+  localProxy,
+  // UDP, refused so that the application falls back to TCP.
+  refusedUDP,
+};
+
+// How a flow that was to be carried has ended.
+enum class FlowEnd : std::uint8_t {
+  // After its tunnel was established: in order, or with an error.
+  closed,
+  failed,
+  // Before: the proxy's status was not 200; its answer was not HTTP; it did not answer in time; too
+  // many handshakes were pending; it closed without an answer; the connection to it failed.
+  rejected,
+  invalid,
+  timedOut,
+  backlog,
+  noAnswer,
+  connectionFailed,
+  // Given up for another reason.
+  abandoned,
+};
+
+// Learns what the core does with one flow, for statistics: nothing depends on it. Made by a
+// platform that keeps statistics and owned by the flow. Called from any thread; must not block.
+class FlowObserver {
+ public:
+  FlowObserver() = default;
+  FlowObserver(const FlowObserver&) = delete;
+  FlowObserver& operator=(const FlowObserver&) = delete;
+  virtual ~FlowObserver() = default;
+
+  // Inside handleNewFlow.
+  virtual void decided(FlowRule rule) = 0;
+  // The flow gets a tunnel, or is turned away for lack of room, under this identifier.
+  virtual void identified(const std::string& flowID) = 0;
+  // The proxy is connected and the request is sent.
+  virtual void handshakeStarted() = 0;
+  virtual void handshakeSucceeded() = 0;
+  // May be called again as a flow is torn down; only the first call counts. detail: for people.
+  virtual void ended(FlowEnd end, std::string_view detail) = 0;
+};
+
+}  // namespace ostravel::platform
