@@ -1,34 +1,90 @@
 #include "Companion/Monitor/EventLine.h"
 
+#include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include "Base/PrintableText.h"
 #include "Base/UTF8.h"
-#include "Companion/Shared/TimeText.h"
 
 namespace ostravel::companion {
 namespace {
 
-// Wide enough to keep the columns aligned for frequent signals and usual applications.
+// Wide enough to keep the columns aligned for usual applications and destinations.
 constexpr std::size_t kLevelWidth = 5;
-constexpr std::size_t kSignalWidth = 29;
+constexpr std::size_t kIdWidth = 8;
+constexpr std::size_t kWhatWidth = 18;
 constexpr std::size_t kAppWidth = 26;
+constexpr std::size_t kDestinationWidth = 22;
+
+// Below this, applications are shown by their last path component, and times without the
+// thousandths.
+constexpr std::size_t kWideTerminal = 120;
+constexpr std::size_t kShortTimeWidth = 8;
+constexpr std::size_t kShortestApp = 8;
 
 // ECMA-48, section 8.3.117.
 constexpr std::string_view kRed = "\x1b[31m";
 constexpr std::string_view kGreen = "\x1b[32m";
 constexpr std::string_view kYellow = "\x1b[33m";
 constexpr std::string_view kPlain = "\x1b[0m";
+constexpr std::string_view kEllipsis = "…";
 
-std::string padded(std::string text, std::size_t width) {
+std::size_t columnsOf(std::string_view text) {
   std::size_t characters = 0;
-  for (std::string_view rest = text; !rest.empty(); rest.remove_prefix(firstCodePoint(rest).size)) {
+  for (; !text.empty(); text.remove_prefix(firstCodePoint(text).size)) {
     ++characters;
   }
-  if (characters < width) {
-    text.append(width - characters, ' ');
+  return characters;
+}
+
+std::string padded(std::string text, std::size_t width) {
+  const std::size_t columns = columnsOf(text);
+  if (columns < width) {
+    text.append(width - columns, ' ');
   }
   return text;
+}
+
+std::string_view firstColumns(std::string_view text, std::size_t columns) {
+  std::string_view rest = text;
+  for (; columns > 0 && !rest.empty(); --columns) {
+    rest.remove_prefix(firstCodePoint(rest).size);
+  }
+  return text.substr(0, text.size() - rest.size());
+}
+
+std::string_view lastColumns(std::string_view text, std::size_t columns) {
+  std::string_view rest = text;
+  for (; columns > 0 && !rest.empty(); --columns) {
+    rest.remove_suffix(lastCodePoint(rest).size);
+  }
+  return text.substr(rest.size());
+}
+
+std::string cutAtEnd(std::string_view text, std::size_t width) {
+  if (columnsOf(text) <= width) {
+    return std::string(text);
+  }
+  return width == 0 ? "" : std::string(firstColumns(text, width - 1)) + std::string(kEllipsis);
+}
+
+// Keeps the end, where a destination has its port and its domain.
+std::string cutAtBeginning(std::string_view text, std::size_t width) {
+  if (columnsOf(text) <= width) {
+    return std::string(text);
+  }
+  return width == 0 ? "" : std::string(kEllipsis) + std::string(lastColumns(text, width - 1));
+}
+
+std::string_view lastPathComponent(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string_view::npos || slash + 1 == path.size() ? path
+                                                                     : path.substr(slash + 1);
+}
+
+std::string orDash(std::string text) {
+  return text.empty() ? "-" : std::move(text);
 }
 
 std::string_view colourOf(std::string_view level) {
@@ -48,18 +104,190 @@ std::string levelColumn(const ReceivedEvent& event, Colour colour) {
   return column;
 }
 
+// " 1.25 ms", or nothing when the beginning of the flow is unknown.
+std::string sinceBeginning(const ReceivedEvent& event, const FlowRecord& flow) {
+  return flow.startedAt ? " " + durationText(event.timestamp - *flow.startedAt) : "";
+}
+
+std::string endOfFlow(const ReceivedEvent& event, const FlowRecord& flow) {
+  switch (flow.outcome) {
+    case FlowOutcome::closed:
+    case FlowOutcome::reset:
+      return std::string(outcomeText(flow.outcome)) + sinceBeginning(event, flow);
+    case FlowOutcome::failed:
+      return event.level == "error" ? "failed" + sinceBeginning(event, flow) : "closed unanswered";
+    default:
+      // What is known already, instead of the way in which the connection to the proxy ended.
+      return "ended: " + std::string(outcomeText(flow.outcome));
+  }
+}
+
+std::string whatHappened(const ReceivedEvent& event, const FlowRecord* flow) {
+  if (event.signal == "provider_started") {
+    return "started";
+  }
+  if (event.signal == "provider_stopped") {
+    return "stopped";
+  }
+  if (event.signal == "proxy_unreachable") {
+    return "proxy unreachable";
+  }
+  if (event.signal == "proxy_recovered") {
+    return "proxy recovered";
+  }
+  if (flow == nullptr) {
+    return printableText(event.signal);
+  }
+  if (event.signal == "connect_handshake_started") {
+    return "connecting";
+  }
+  if (event.signal == "connect_handshake_succeeded") {
+    return "connected" +
+           (flow->handshakeSeconds ? " " + durationText(*flow->handshakeSeconds) : "");
+  }
+  if (event.signal == "connect_handshake_rejected") {
+    return flow->outcome == FlowOutcome::backlog ? "direct: backlog"
+                                                 : "refused" + sinceBeginning(event, *flow);
+  }
+  if (event.signal == "connect_handshake_invalid") {
+    return "invalid answer";
+  }
+  if (event.signal == "connect_handshake_timed_out") {
+    return "timed out" + sinceBeginning(event, *flow);
+  }
+  if (event.signal == "tunnel_closed") {
+    return endOfFlow(event, *flow);
+  }
+  if (event.signal == "connect_handshake_write_failed") {
+    return "write failed";
+  }
+  if (event.signal == "connect_handshake_read_failed") {
+    return "read failed";
+  }
+  return event.signal == "connect_handshake_leftover_write_failed" ? "forwarding failed"
+                                                                   : printableText(event.signal);
+}
+
+bool isSaidElsewhere(const std::string& key, const ReceivedEvent& event, const FlowRecord* flow) {
+  if (flow != nullptr && (key == "remote" || key == "elapsed_ms" || key == "timeout_seconds")) {
+    return true;
+  }
+  if (key == "leftover_bytes" || (key == "detail" && event.level == "info")) {
+    return true;
+  }
+  // The line before has given the reason.
+  return key == "detail" && flow != nullptr && event.signal == "tunnel_closed" &&
+         flow->outcome != FlowOutcome::reset && flow->outcome != FlowOutcome::failed;
+}
+
+// The reason alone; with their names, the values of other keys.
+std::string explanation(const ReceivedEvent& event, const FlowRecord* flow) {
+  if (event.signal == "proxy_unreachable") {
+    return "new connections go direct";
+  }
+  if (event.signal == "proxy_recovered") {
+    return "new connections are proxied";
+  }
+  std::string text;
+  for (const auto& [key, value] : event.details) {
+    if (isSaidElsewhere(key, event, flow)) {
+      continue;
+    }
+    const bool isReason =
+        flow != nullptr && (key == "detail" || key == "reason" || key == "status_line");
+    text += text.empty() ? "" : " ";
+    text += isReason ? printableText(value) : printableText(key) + "=" + printableValue(value);
+  }
+  return text;
+}
+
+// A sentence where the columns do not say it already.
+std::string sentence(const ReceivedEvent& event) {
+  const bool isKnown = event.signal.starts_with("connect_handshake_") ||
+                       event.signal == "tunnel_closed" || event.signal.starts_with("proxy_");
+  return isKnown ? "" : printableText(event.message);
+}
+
+std::string destinationOf(const ReceivedEvent& event, const FlowRecord* flow) {
+  if (flow != nullptr) {
+    return orDash(printableText(flow->destination));
+  }
+  const std::string* proxy = event.detail("proxy");
+  return proxy == nullptr ? "-" : printableText(*proxy);
+}
+
+std::string applicationOf(const ReceivedEvent& event, const FlowRecord* flow) {
+  return orDash(printableText(flow == nullptr ? event.appId : flow->application));
+}
+
+struct Columns {
+  std::string time;
+  std::string id;
+  std::string what;
+  std::string application;
+  std::string destination;
+  std::string rest;
+};
+
+Columns columnsOf(const ReceivedEvent& event, const FlowRecord* flow, TimeStyle time) {
+  Columns columns;
+  columns.time = timeText(event.timestamp, time);
+  columns.id = flow == nullptr ? "-" : printableText(firstColumns(flow->id, kIdWidth));
+  columns.what = whatHappened(event, flow);
+  columns.application = applicationOf(event, flow);
+  columns.destination = destinationOf(event, flow);
+  columns.rest = explanation(event, flow);
+  if (const std::string text = sentence(event); !text.empty()) {
+    columns.rest += (columns.rest.empty() ? "" : "  ") + text;
+  }
+  return columns;
+}
+
+std::string withoutTrailingBlanks(std::string line) {
+  line.erase(line.find_last_not_of(' ') + 1);
+  return line;
+}
+
+// Without the level, which the caller puts into its place.
+std::string afterLevel(const Columns& columns, std::size_t appWidth) {
+  return " " + padded(columns.id, kIdWidth) + " " + padded(columns.what, kWhatWidth) + "  " +
+         padded(columns.application, appWidth) + " " +
+         padded(columns.destination, kDestinationWidth) + "  " + columns.rest;
+}
+
+// Application and destination share what the columns before them leave.
+void narrow(Columns& columns, std::size_t& appWidth, std::size_t room) {
+  constexpr std::size_t kFixed = 1 + kIdWidth + 1 + kWhatWidth + 2 + 1;
+  const std::size_t both = room > kFixed ? room - kFixed : 0;
+  appWidth = both > kDestinationWidth ? both - kDestinationWidth : 0;
+  appWidth = std::clamp(appWidth, kShortestApp, kAppWidth);
+  columns.what = cutAtEnd(columns.what, kWhatWidth);
+  columns.application = cutAtEnd(lastPathComponent(columns.application), appWidth);
+  columns.destination = cutAtBeginning(
+      columns.destination, std::max(kDestinationWidth, both > appWidth ? both - appWidth : 0));
+}
+
 }  // namespace
 
-std::string eventLine(const ReceivedEvent& event, Colour colour) {
-  const std::string app = event.appId.empty() ? "-" : printableText(event.appId);
-  std::string line = timeOfDay(event.timestamp) + " " + levelColumn(event, colour) + " " +
-                     padded(printableText(event.signal), kSignalWidth) + " " +
-                     padded(app, kAppWidth) + " ";
-  // Last, because it repeats what the signal says: a narrow screen cuts it off first.
-  for (const auto& [key, value] : event.details) {
-    line += printableText(key) + "=" + printableValue(value) + " ";
+std::string eventLine(const ReceivedEvent& event, const FlowRecord* flow,
+                      const EventLineStyle& style) {
+  Columns columns = columnsOf(event, flow, style.time);
+  std::size_t appWidth = kAppWidth;
+  if (style.width != 0) {
+    if (style.width < kWideTerminal && style.time == TimeStyle::timeOfDay) {
+      columns.time = std::string(firstColumns(columns.time, kShortTimeWidth));
+    }
+    const std::size_t before = columnsOf(columns.time) + 1 + kLevelWidth;
+    const std::size_t room = style.width > before ? style.width - before : 0;
+    if (style.width < kWideTerminal) {
+      narrow(columns, appWidth, room);
+    }
+    return columns.time + " " + levelColumn(event, style.colour) +
+           withoutTrailingBlanks(
+               cutAtEnd(withoutTrailingBlanks(afterLevel(columns, appWidth)), room));
   }
-  return line + (event.details.empty() ? "" : " ") + printableText(event.message);
+  return columns.time + " " + levelColumn(event, style.colour) +
+         withoutTrailingBlanks(afterLevel(columns, appWidth));
 }
 
 }  // namespace ostravel::companion

@@ -112,6 +112,15 @@ std::string numberText(const json_t* number) {
 
 }  // namespace
 
+const std::string* ReceivedEvent::detail(std::string_view key) const {
+  for (const auto& [name, value] : details) {
+    if (name == key) {
+      return &value;
+    }
+  }
+  return nullptr;
+}
+
 std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body) {
   json_error_t error{};
   constexpr std::size_t kFlags = JSON_REJECT_DUPLICATES | JSON_ALLOW_NUL;
@@ -137,6 +146,10 @@ std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view bod
   result.timestamp = json_number_value(json_object_get(event.get(), "timestamp"));
   result.level = textOf(event.get(), "level");
   result.signal = textOf(event.get(), "current_signal");
+  result.code = textOf(event.get(), "code");
+  if (const json_t* flowId = json_object_get(event.get(), "flow_id")) {
+    result.flowId = text(flowId);
+  }
   result.message = textOf(event.get(), "message");
   const char* key = nullptr;
   json_t* value = nullptr;

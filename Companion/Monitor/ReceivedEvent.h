@@ -13,11 +13,16 @@ struct ReceivedEvent {
   double timestamp = 0;  // seconds since 1970
   std::string level;
   std::string signal;
+  std::string code;
   std::string message;
-  std::string appId;  // empty when the event belongs to no application
+  std::string flowId;  // empty when the event belongs to no flow
+  std::string appId;   // empty when the event names no application
   // What else `context` and `metrics` say, in this order.
   std::vector<std::pair<std::string, std::string>> details;
   std::string json;  // the whole event, compact and safe to print
+
+  // The value of this key in `details`, or null.
+  const std::string* detail(std::string_view key) const;
 };
 
 // Reads the body of a frame: one JSON object with nothing after it and no duplicate key, with all

@@ -1,3 +1,4 @@
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -9,11 +10,13 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "Base/DescriptorLimit.h"
 #include "Base/PrintableText.h"
-#include "Companion/Monitor/EventLine.h"
+#include "Companion/Monitor/EventPrinter.h"
 #include "Companion/Monitor/EventReceiver.h"
 #include "Companion/Monitor/EventSocket.h"
 #include "Companion/Shared/CommandLine.h"
@@ -24,10 +27,16 @@ namespace {
 
 using namespace ostravel::companion;
 
-// See https://no-color.org: what the variable says does not matter, only that it is there.
-Colour colourOfOutput() {
-  const bool wanted = ::isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
-  return wanted ? Colour::terminal : Colour::none;
+// See https://no-color.org: what the variable says does not matter, only that it says something.
+bool isColourWanted() {
+  const char* const noColour = std::getenv("NO_COLOR");
+  return ::isatty(STDOUT_FILENO) == 1 && (noColour == nullptr || *noColour == '\0');
+}
+
+// Of the terminal now, in columns; 0 if the output is none.
+std::size_t widthOfOutput() {
+  winsize size{};
+  return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 // Of each of two buffers. A line can be longer than the largest frame, 1 MiB, because control
@@ -51,13 +60,27 @@ int main(int argc, char** argv) {
   std::string path;
   std::string group;
   std::string mode;
-  bool asJSON = false;
+  std::string timeName = "time";
+  bool withSummary = false;
+  EventPrinter::Options show;
   app.add_option("--socket", path, "Listen on this UNIX socket")->option_text("PATH")->required();
   app.add_option("--group", group, "Let the members of this group connect as well")
       ->option_text("GROUP");
   app.add_option("--mode", mode, "The mode of the socket, in octal")
       ->option_text("MODE [0660 with a group, else 0600]");
-  app.add_flag("--json", asJSON, "Print each event as one line of JSON");
+  app.add_flag("--json", show.asJSON, "Print each event as one line of JSON");
+  app.add_option("--application", show.filter.applications,
+                 "Show only the flows of applications with this text in their identifier")
+      ->option_text("TEXT ...")
+      ->expected(1);
+  app.add_option("--host", show.filter.hosts,
+                 "Show only the flows to destinations with this text in them")
+      ->option_text("TEXT ...")
+      ->expected(1);
+  app.add_flag("--failed", show.filter.onlyFailures, "Show only what failed, once for each flow");
+  app.add_flag("--summary", withSummary,
+               "Sum up at the end on standard error, as always on a terminal");
+  addTimeOption(app, timeName);
   if (const std::optional<int> status = readCommandLine(app, argc, argv)) {
     return *status;
   }
@@ -65,6 +88,10 @@ int main(int argc, char** argv) {
   const std::optional<SocketAccess> access = socketAccess(group, mode);
   if (!access) {
     return failUsage(app, "--mode: not an octal number up to 777: " + mode);
+  }
+  const std::optional<TimeStyle> time = timeStyleNamed(timeName);
+  if (!time) {
+    return failTimeStyle(app, timeName);
   }
 
   std::signal(SIGPIPE, SIG_IGN);
@@ -86,14 +113,16 @@ int main(int argc, char** argv) {
                                             return std::string();
                                           },
                                       .failed = [&ioContext] { ioContext.stop(); }});
-  const Colour colour = colourOfOutput();
+  const Colour colour = isColourWanted() ? Colour::terminal : Colour::none;
+  show.style = [colour, time = *time] { return EventLineStyle{colour, time, widthOfOutput()}; };
+  withSummary = withSummary || (::isatty(STDOUT_FILENO) == 1 && !show.asJSON);
+  EventPrinter printer(std::move(show),
+                       [&output](std::string_view line) { output.writeLine(line); });
   try {
     const EventSocket socket(path, *access);
     const EventReceiver receiver(
         ioContext, socket.descriptor(),
-        [&output, asJSON, colour](const ReceivedEvent& event) {
-          output.writeLine(asJSON ? event.json : eventLine(event, colour));
-        },
+        [&printer](const ReceivedEvent& event) { printer.print(event); },
         [&complaints](std::string_view problem) {
           complaints.writeLine("ostravel-monitor: malformed frame: " +
                                ostravel::printableText(problem));
@@ -115,6 +144,9 @@ int main(int argc, char** argv) {
   if (!isOrderlyEnd(output.error())) {
     complaints.writeLine("ostravel-monitor: cannot write: " + output.error().message());
     status = EXIT_FAILURE;
+  }
+  if (withSummary) {
+    complaints.writeLine("ostravel-monitor: " + printer.summary().text());
   }
   complaints.flush();
   // Not a return: that would wait for readers that have stalled.

@@ -24,6 +24,15 @@ std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* a
   return std::nullopt;
 }
 
+void addTimeOption(CLI::App& app, std::string& name) {
+  app.add_option("--time", name, "Write the time of day, or date and zone: time, local or utc")
+      ->option_text("STYLE [time]");
+}
+
+int failTimeStyle(const CLI::App& app, std::string_view name) {
+  return failUsage(app, "--time: not time, local or utc: " + std::string(name));
+}
+
 int failUsage(const CLI::App& app, std::string_view problem) {
   // Printable: the problem quotes what was typed, or pasted.
   const std::string line = app.get_name() + ": " + printableText(problem) + '\n';

@@ -15,6 +15,11 @@ constexpr int kExitUsage =
 // what is wrong.
 std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* argv);
 
+// Adds --time, the same in all programs: how times are written. The value is a name of
+// timeStyleNamed; failTimeStyle reports any other.
+void addTimeOption(CLI::App& app, std::string& name);
+int failTimeStyle(const CLI::App& app, std::string_view name);
+
 // Prints "<program>: <problem>" as one line on standard error; returns kExitUsage.
 int failUsage(const CLI::App& app, std::string_view problem);
 

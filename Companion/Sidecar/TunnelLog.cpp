@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "Base/PrintableText.h"
-#include "Companion/Shared/TimeText.h"
 
 namespace ostravel::companion {
 namespace {
@@ -15,8 +14,8 @@ std::string identifier(std::string_view value) {
 
 }  // namespace
 
-TunnelLog::TunnelLog(Verbosity verbosity, Sink sink)
-    : verbosity_(verbosity), sink_(std::move(sink)) {}
+TunnelLog::TunnelLog(Verbosity verbosity, Sink sink, TimeStyle time)
+    : verbosity_(verbosity), sink_(std::move(sink)), time_(time) {}
 
 void TunnelLog::established(const ConnectRequest& request,
                             const asio::ip::tcp::endpoint& origin) const {
@@ -48,7 +47,7 @@ void TunnelLog::ended(const ConnectRequest& request, const TunnelRelay::Summary&
 }
 
 void TunnelLog::write(const ConnectRequest& request, std::string_view result) const {
-  std::string line = timeOfDay(std::chrono::system_clock::now());
+  std::string line = timeText(std::chrono::system_clock::now(), time_);
   line += " " + (request.target.host.empty() ? "-" : printableValue(toString(request.target)));
   line += " app=" + identifier(request.appId);
   line += " flow=" + identifier(request.flowId);

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "Companion/Shared/TimeText.h"
 #include "Companion/Sidecar/ConnectRequest.h"
 #include "Companion/Sidecar/HTTPStatus.h"
 #include "Companion/Sidecar/TunnelRelay.h"
@@ -25,7 +26,7 @@ class TunnelLog {
   enum class Verbosity { beginnings, beginningsAndEnds };
   using Sink = std::function<void(std::string_view line)>;
 
-  TunnelLog(Verbosity verbosity, Sink sink);
+  TunnelLog(Verbosity verbosity, Sink sink, TimeStyle time = TimeStyle::timeOfDay);
 
   void established(const ConnectRequest& request, const asio::ip::tcp::endpoint& origin) const;
   // `request` is default-constructed when none could be read.
@@ -38,6 +39,7 @@ class TunnelLog {
 
   Verbosity verbosity_;
   Sink sink_;
+  TimeStyle time_;
 };
 
 }  // namespace ostravel::companion

@@ -28,8 +28,8 @@ std::optional<tcp::endpoint> parseListenAddress(const std::string& text) {
   return hostPort ? literalEndpoint(*hostPort) : std::nullopt;
 }
 
-std::string droppedLine(std::size_t count) {
-  return timeOfDay(std::chrono::system_clock::now()) +
+std::string droppedLine(std::size_t count, TimeStyle time) {
+  return timeText(std::chrono::system_clock::now(), time) +
          " log lines dropped: " + std::to_string(count);
 }
 
@@ -39,15 +39,21 @@ int main(int argc, char** argv) {
   CLI::App app("A local HTTP proxy that carries CONNECT tunnels.", "ostravel-sidecar");
   std::string listenText = "127.0.0.1:8080";
   bool verbose = false;
+  std::string timeName = "time";
   app.add_option("--listen", listenText, "Listen here; port 0 lets the system choose")
       ->option_text("ADDRESS:PORT [" + listenText + "]");
   app.add_flag("--verbose", verbose, "Also log the end of each tunnel, with its byte counts");
+  addTimeOption(app, timeName);
   if (const std::optional<int> status = readCommandLine(app, argc, argv)) {
     return *status;
   }
   const std::optional<tcp::endpoint> listenAddress = parseListenAddress(listenText);
   if (!listenAddress) {
     return failUsage(app, "--listen: not of the form 127.0.0.1:8080 or [::1]:8080: " + listenText);
+  }
+  const std::optional<TimeStyle> time = timeStyleNamed(timeName);
+  if (!time) {
+    return failTimeStyle(app, timeName);
   }
 
   std::signal(SIGPIPE, SIG_IGN);
@@ -60,7 +66,9 @@ int main(int argc, char** argv) {
   endSignals.async_wait([&ioContext](asio::error_code, int) { ioContext.stop(); });
 
   // Tunnels go on when the log's reader has stalled or gone away.
-  QueuedOutput output(STDOUT_FILENO, {.droppedLine = droppedLine});
+  QueuedOutput output(STDOUT_FILENO, {.droppedLine = [time](std::size_t count) {
+                        return droppedLine(count, *time);
+                      }});
   NameLookup names(ioContext.get_executor());
   try {
     ConnectProxy proxy(
@@ -70,7 +78,7 @@ int main(int argc, char** argv) {
         },
         TunnelLog(
             verbose ? TunnelLog::Verbosity::beginningsAndEnds : TunnelLog::Verbosity::beginnings,
-            [&output](std::string_view line) { output.writeLine(line); }));
+            [&output](std::string_view line) { output.writeLine(line); }, *time));
     const std::string where = toString(proxy.address());
     output.writeLine("ostravel-sidecar listening on " + where);
     ServiceNotifier service(ioContext);

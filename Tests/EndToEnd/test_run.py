@@ -179,7 +179,7 @@ class Live:
         )
 
     def wait_until_started(self):
-        self.program.expect(self.program.output, "provider_started")
+        self.program.expect(self.program.output, " started ")
 
     def wait_until_proxied(self):
         eventually(
@@ -214,8 +214,8 @@ def test_live_serves_until_it_is_ended(live, number):
     assert live.program.stop(number) == 0
     output = live.program.output.since()
     assert any("ostravel-sidecar, started for it" in line for line in output)
-    assert any(" connect_handshake_succeeded " in line for line in output)
-    assert " provider_stopped " in output[-2]
+    assert any(" connected " in line for line in output)
+    assert " stopped " in output[-2]
     assert output[-1] == "Ended: no rule, socket, file or process is left."
     assert live.program.errors.since() == []
     live.assert_nothing_is_left()

@@ -141,12 +141,12 @@ class Demonstration:
 
     # What has happened
 
-    def wait_for_event(self, signal_name, application=None, mark=0):
+    def wait_for_event(self, what, application=None, mark=0):
         def matches(line):
             event = parse_event(line)
             return (
                 event is not None
-                and event.signal == signal_name
+                and event.what.startswith(what)
                 and application in (None, event.application)
             )
 
@@ -207,7 +207,7 @@ class Demonstration:
         has_tunnel = self.sidecar.output.wait(
             self.is_tunnel_of(identifier), tunnels_mark, WRITTEN_SECONDS
         )
-        has_event = has_tunnel and self.wait_for_event("tunnel_closed", identifier, events_mark)
+        has_event = has_tunnel and self.wait_for_event("closed", identifier, events_mark)
         self.say(answer.group() + (f" (own port {own.group(1)})" if own else ""))
         if not has_tunnel:
             return "not by the proxy"
@@ -256,10 +256,10 @@ class Demonstration:
         self.start_monitor()
         self.command("ostravel-extension --configuration provider-configuration.json")
         self.start_extension()
-        is_missed = self.wait_for_event("proxy_unreachable")
+        is_missed = self.wait_for_event("proxy unreachable")
         self.command("ostravel-sidecar")
         self.start_sidecar()
-        is_found = self.wait_for_event("proxy_recovered")
+        is_found = self.wait_for_event("proxy recovered")
         self.extension.expect(self.extension.errors, PROXY_IS_USED)
         is_ready = is_missed and is_found and self.has_rules()
         self.conclude("ready", "ready" if is_ready else "not ready")
@@ -295,7 +295,7 @@ class Demonstration:
         mark = self.monitor.output.mark()
         self.command("kill -9 $(pidof ostravel-sidecar)")
         self.sidecar.kill()
-        is_noticed = self.wait_for_event("proxy_unreachable", mark=mark)
+        is_noticed = self.wait_for_event("proxy unreachable", mark=mark)
         seen = self.curl(f"http://{NAME}/")
         self.conclude("direct", seen if is_noticed else f"{seen}, no event")
 
@@ -306,7 +306,7 @@ class Demonstration:
         mark, errors_mark = self.monitor.output.mark(), self.extension.errors.mark()
         self.command("ostravel-sidecar")
         self.start_sidecar()
-        is_noticed = self.wait_for_event("proxy_recovered", mark=mark)
+        is_noticed = self.wait_for_event("proxy recovered", mark=mark)
         self.extension.expect(self.extension.errors, PROXY_IS_USED, errors_mark)
         seen = self.curl(f"http://{NAME}/")
         self.conclude("proxied", seen if is_noticed else f"{seen}, no event")

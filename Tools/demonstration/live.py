@@ -206,7 +206,7 @@ class Live:
         if self.extension and self.extension.stop(seconds=END_SECONDS) == 0:
             self.monitor.output.wait(
                 lambda line: (event := parse_event(line)) is not None
-                and event.signal == "provider_stopped",
+                and event.what == "stopped",
                 seconds=LAST_EVENT_SECONDS,
             )
         for program in (self.sidecar, self.monitor):

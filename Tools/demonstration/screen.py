@@ -14,8 +14,10 @@ WIDEST = 100
 ESCAPES = {"red": "31", "green": "32", "yellow": "33", "cyan": "36", "bold": "1", "dim": "2"}
 LEVELS = {"error": "red", "info": "green"}
 
-# Time, level, signal, application, and the rest, as ostravel-monitor writes them.
-EVENT_LINE = re.compile(r"(\d\d:\d\d:\d\d\.\d+) (\S+) +(\S+) +(\S+) +(.*)")
+# Time, level, flow, what has happened, application, and the rest, as ostravel-monitor writes them.
+EVENT_LINE = re.compile(
+    r"(\d\d:\d\d:\d\d\.\d+) (\S+) +(\S+) +(\S.*?)  +(\S+) +(\S.*)"
+)
 
 
 class Event(NamedTuple):
@@ -23,8 +25,10 @@ class Event(NamedTuple):
 
     time: str
     level: str
-    signal: str
+    flow: str
+    what: str
     application: str
+    # Destination and reason.
     detail: str
 
 
@@ -64,7 +68,7 @@ class Screen:
             self.line(indent + (self.paint(colour, line) if colour else line))
 
     def fit(self, text, width):
-        """As much of an event's text as there is room for; its sentence only as a whole."""
+        """As much of an event's text as there is room for; its reason only as a whole."""
         if len(text) > width:
             text = text.rpartition("  ")[0] or text
         return text if len(text) <= width else text[: width - 1] + "…"
@@ -76,9 +80,11 @@ class Screen:
             self.line(indent + line)
             return
         moment = event.time.partition(".")[0] if is_short else event.time
-        application = "" if event.application == "-" else event.application + " "
-        what = f"{event.signal:<27} "
-        text = application + event.detail
+        application = "" if event.application == "-" else event.application + "  "
+        what = f"{event.what:<18}  "
+        # Without the dash of a destination that there is not.
+        text = application + re.sub("^- +|^-$", "", event.detail)
+        text = re.sub("   +", "  ", text)
         if is_short:
             text = self.fit(text, self.width - len(f"{indent}{moment} error {what}"))
         level = self.paint(LEVELS.get(event.level, "yellow"), f"{event.level:<5}")

@@ -54,9 +54,9 @@ class Shell:
             self.programs_folder, self.stage.socket, on_output=self.keep("events")
         )
         extension = start_extension(self.programs_folder, self.stage.configuration)
-        monitor.output.wait(self.is_event("proxy_unreachable"))
+        monitor.output.wait(self.is_event("proxy unreachable"))
         sidecar = start_sidecar(self.programs_folder, on_output=self.keep("tunnels"))
-        if monitor.output.wait(self.is_event("proxy_recovered")) is None:
+        if monitor.output.wait(self.is_event("proxy recovered")) is None:
             raise Problem("the extension did not notice the local proxy")
         # From now on flows are proxied.
         extension.expect(extension.errors, PROXY_IS_USED)
@@ -65,10 +65,10 @@ class Shell:
         }  # fmt: skip
 
     @staticmethod
-    def is_event(signal_name):
+    def is_event(what):
         def matches(line):
             event = parse_event(line)
-            return event is not None and event.signal == signal_name
+            return event is not None and event.what == what
 
         return matches
 

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,8 +27,7 @@ using testing::TestSocket;
 namespace {
 
 const std::string kEventLine =
-    "05:43:35.123 info  connect_handshake_succeeded   /usr/bin/curl              "
-    "elapsed_ms=1.25 leftover_bytes=17  CONNECT handshake completed";
+    "05:43:35.123 info  D7A6D6B1 connected 1.25 ms   /usr/bin/curl              -";
 
 class MonitorProgramTest : public ::testing::Test {
  protected:
@@ -95,7 +95,8 @@ TEST_F(MonitorProgramTest, ReportsMalformedFramesAndContinues) {
 TEST_F(MonitorProgramTest, KeepsControlCharactersFromTheTerminal) {
   ChildProcess monitor(command(), options());
   waitUntilReady(monitor);
-  send(frame(replaced(kEvent, "CONNECT handshake completed", R"(\u001b]0;x\u0007\r\n\u009b)")));
+  send(frame(replaced(kProviderStarted, "Transparent proxy provider started",
+                      R"(\u001b]0;x\u0007\r\n\u009b)")));
   const std::string line = monitor.readOutputLine();
   EXPECT_NE(line.find(R"( \x1b]0;x\x07\r\n\u009b)"), std::string::npos) << line;
 }
@@ -277,6 +278,29 @@ TEST_F(MonitorProgramTest, ReportsOutputThatCannotBeWritten) {
   ::close(full);
 }
 
+TEST_F(MonitorProgramTest, ShowsOnlyWhatIsAskedFor) {
+  ChildProcess monitor(command({"--failed", "--application", "CURL", "--time", "utc"}), options());
+  waitUntilReady(monitor);
+  send(frame(kEvent));
+  send(frame(kTunnelClosed));
+  EXPECT_EQ(monitor.readOutputLine(),
+            "2025-11-16T05:43:36.500Z error D7A6D6B1 reset               "
+            "/usr/bin/curl              -                       Connection reset by peer");
+}
+
+TEST_F(MonitorProgramTest, SumsUpAtItsEnd) {
+  ChildProcess monitor(command({"--summary", "--json"}), options());
+  waitUntilReady(monitor);
+  send(frame(kEvent));
+  monitor.readOutputLine();
+  monitor.sendSignal(SIGTERM);
+  EXPECT_EQ(monitor.waitForExit(), 0);
+  EXPECT_EQ(monitor.readError(),
+            "ostravel-monitor: 1 flow, none failed, slowest answer 1.25 ms: /usr/bin/curl to -\n");
+  // Apart from the events, which a program may read.
+  EXPECT_EQ(monitor.readOutput(), "");
+}
+
 class TerminalTest : public MonitorProgramTest {
  protected:
   TerminalTest() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
@@ -309,6 +333,12 @@ TEST_F(TerminalTest, ShowsTheLevelInColour) {
   EXPECT_NE(lineOnTerminal("NO_COLOR").find("\x1b[32minfo \x1b[0m"), std::string::npos);
 }
 
+TEST_F(TerminalTest, FitsItsLinesIntoTheTerminal) {
+  const winsize size{.ws_row = 24, .ws_col = 40, .ws_xpixel = 0, .ws_ypixel = 0};
+  ASSERT_EQ(::ioctl(slave_, TIOCSWINSZ, &size), 0);
+  EXPECT_EQ(lineOnTerminal("NO_COLOR=1"), "05:43:35 info  D7A6D6B1 connected 1.25 …\r\n");
+}
+
 TEST_F(TerminalTest, ShowsNoColourWhenItIsTurnedOff) {
   EXPECT_EQ(lineOnTerminal("NO_COLOR=1").find('\x1b'), std::string::npos);
 }
@@ -328,6 +358,7 @@ TEST_F(MonitorProgramTest, RefusesWhatItDoesNotKnow) {
                                                     {"--socket"},
                                                     {"--socket", path_, "extra"},
                                                     {"--socket", path_, "--mode", "668"},
+                                                    {"--socket", path_, "--time", "zulu"},
                                                     {"--socket", path_, "--json=maybe"}}) {
     std::vector<std::string> whole{OSTRAVEL_MONITOR_PROGRAM};
     whole.insert(whole.end(), arguments.begin(), arguments.end());
