@@ -19,6 +19,7 @@
 #include "Base/FileDescriptor.h"
 #include "Base/LineOutput.h"
 #include "Base/PrintableText.h"
+#include "Extension/FilterDataProvider/BuiltInLists.h"
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 #include "Extension/main/CommandLine.h"
 #include "Extension/main/ConfigurationCheck.h"
@@ -205,6 +206,7 @@ int run(int argc, char** argv) {
   linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
+  const auto exempt = built_in::bypassAppIds();
   linuxplatform::LinuxProviderContext context(
       platform,
       {.loops = loops,
@@ -217,6 +219,8 @@ int run(int argc, char** argv) {
                          std::chrono::steady_clock::now());
            },
        .proxyUsers = commandLine.options->proxyUsers,
+       // An application must not be able to name itself out of the proxy.
+       .reservedIdentifiers = {exempt.begin(), exempt.end()},
        .onProxyWatched = [&status](const std::string& proxy) { status.setProxy(proxy); }},
       *configuration);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);

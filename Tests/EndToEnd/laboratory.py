@@ -330,7 +330,8 @@ class Laboratory:
     def run_extension(self, *arguments, prefix=(), **options):
         """Starts the extension without waiting for anything."""
         return self.start(
-            ["unshare", "--mount", "--propagation", "private",
+            # The tests may run in a service or a container; their applications are not of it.
+            ["unshare", "--mount", "--propagation", "private", "--cgroup",
              *self._etc.command(
                  *prefix, self.program_path("ostravel-extension"), *arguments
              )],

@@ -23,8 +23,12 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
                                                          const std::string& registrationsFolder,
                                                          const std::vector<uid_t>& proxyUsers,
                                                          ConnectTracer::Detail traced,
-                                                         std::optional<PacketMarks> marks)
-    : warn_(std::move(warn)), registrations_(registrationsFolder, warn_) {
+                                                         std::optional<PacketMarks> marks,
+                                                         std::vector<std::string> reserved)
+    : warn_(std::move(warn)),
+      reserved_(std::move(reserved)),
+      registrations_(registrationsFolder, warn_),
+      names_(makeNames()) {
   registrations_.warnOfUselessPaths();
   auto diagnostics = SocketDiagnostics::open();
   if (!diagnostics) {
@@ -109,6 +113,7 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
     result.mayBelongToProxy = mayDialForProxy(sender.process);
   }
   if (sender.process != nullptr) {
+    noteGroup(*sender.process, sender.group);
     result.identifier = identifierOf(*sender.process, *sender.user);
   }
   return result;
@@ -124,7 +129,8 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::publishedSender
   }
   return {.process = tracedSender(connect->record, connect->place),
           .user = connect->socketUser,
-          .cookie = connect->cookie};
+          .cookie = connect->cookie,
+          .group = connect->cgroup};
 }
 
 ApplicationIdentifierSource::Sender ApplicationIdentifierSource::lookUpSender(
@@ -142,6 +148,7 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::lookUpSender(
   if (socket) {
     sender.user = socket->uid;
     sender.cookie = socket->cookie;
+    sender.group = socket->cgroup;
     sender.hasNoHolder = socket->inode == 0;
   }
   if (mustBeLeft) {
@@ -188,7 +195,26 @@ std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
 
 void ApplicationIdentifierSource::replaceRegistrations(ApplicationRegistrations registrations) {
   registrations_ = std::move(registrations);
+  names_ = makeNames();
   known_.forgetIdentifiers();
+}
+
+ApplicationNames ApplicationIdentifierSource::makeNames() const {
+  std::vector<std::string> names = registrations_.identifiers();
+  names.insert(names.end(), reserved_.begin(), reserved_.end());
+  names.emplace_back(kProxyIdentifier);
+  return ApplicationNames(names, systemUsers_);
+}
+
+void ApplicationIdentifierSource::noteGroup(KnownProcess& sender, std::uint64_t group) const {
+  if (group == 0 || sender.socketGroup == group) {
+    return;
+  }
+  // A process that has just been examined is in its current group.
+  const bool isNew = std::exchange(sender.socketGroup, group) == 0;
+  if (!isNew && processes_.refreshControlGroup(sender.process)) {
+    sender.identifier.reset();
+  }
 }
 
 ApplicationIdentifierSource::Sender ApplicationIdentifierSource::senderOf(
@@ -309,14 +335,17 @@ const std::string& ApplicationIdentifierSource::identifierOf(KnownProcess& sende
 
 std::string ApplicationIdentifierSource::findIdentifier(const Process& process,
                                                         uid_t socketUser) const {
-  if (!process.isExecutableGenuine) {
-    return {};
+  if (process.isExecutableGenuine) {
+    const auto registered = registrations_.identifierOf(
+        process.executable, {socketUser, process.stamp.uid, process.stamp.realUser});
+    if (registered) {
+      return printableIdentifier(*registered);
+    }
   }
-  const auto registered = registrations_.identifierOf(
-      process.executable, {socketUser, process.stamp.uid, process.stamp.realUser});
-  // Other ways to name an application belong here. They may return what the application chooses,
-  // which must never equal an identifier that the core exempts.
-  return printableIdentifier(registered.value_or(process.executable));
+  if (const auto name = names_.nameOf(process, socketUser)) {
+    return printableIdentifier(*name);
+  }
+  return process.isExecutableGenuine ? printableIdentifier(process.executable) : std::string();
 }
 
 }  // namespace ostravel::linuxplatform

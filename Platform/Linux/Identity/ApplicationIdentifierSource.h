@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Linux/Identity/ApplicationNames.h"
 #include "Platform/Linux/Identity/ApplicationRegistrations.h"
 #include "Platform/Linux/Identity/Identification.h"
 #include "Platform/Linux/Identity/ProxyInstance.h"
@@ -34,14 +35,16 @@ namespace ostravel::linuxplatform {
 //
 //   1. kProxyIdentifier for the local proxy, whatever its program;
 //   2. the administrator's registrations;
-//   3. the absolute path of the executable.
+//   3. the name of its desktop application, sandbox, service or container; see ApplicationNames;
+//   4. the absolute path of the executable.
 //
 // The core exempts flows by identifier. No process can give itself an exempt one: 1 and 2 do not
-// depend on anything that a process claims, and 3 always begins with "/". Nor can it acquire
-// another process's identifier: 2 and 3 use the file that the process was running when it
-// connected, and only if everybody finds that file at that path; 2 also requires that the
-// registration applies to the users of both the process and the socket, which may have been handed
-// over. In doubt there is no identifier.
+// depend on anything that a process claims, 3 is never an exempt or a registered one, and 4 always
+// begins with "/". Nor can it acquire another user's identifier: 2 and 4 use the file that the
+// process was running when it connected, and only if everybody finds that file at that path; 2 also
+// requires that the registration applies to the users of both the process and the socket, which may
+// have been handed over; 3 believes a user about this user's own processes only. In doubt there is
+// no identifier.
 //
 // For nearly every TCP flow, the kernel has published the sender in memory, and no system call is
 // needed; see ConnectTable. All other flows are looked up with system calls, with the same result.
@@ -58,13 +61,13 @@ class ApplicationIdentifierSource {
   // warn takes one sentence for people about anything that limits identification, on the thread
   // that uses this object. proxyUsers: users, besides root and system users, whose local proxy may
   // carry everybody's flows. marks: if present, sockets that the proxy connects are marked as own()
-  // once its process is known.
+  // once its process is known. reserved: identifiers that applications get from registrations only.
   ApplicationIdentifierSource(
       std::uint16_t proxyPort, Warn warn,
       const std::string& registrationsFolder = ApplicationRegistrations::kDefaultFolder,
       const std::vector<uid_t>& proxyUsers = {},
       ConnectTracer::Detail traced = ConnectTracer::Detail::programs,
-      std::optional<PacketMarks> marks = std::nullopt);
+      std::optional<PacketMarks> marks = std::nullopt, std::vector<std::string> reserved = {});
   ApplicationIdentifierSource(const ApplicationIdentifierSource&) = delete;
   ApplicationIdentifierSource& operator=(const ApplicationIdentifierSource&) = delete;
   ~ApplicationIdentifierSource();
@@ -99,6 +102,7 @@ class ApplicationIdentifierSource {
     std::optional<uid_t> user = std::nullopt;
     // The socket's; 0 if there is none.
     std::uint64_t cookie = 0;
+    std::uint64_t group = 0;
     // No process holds the socket any more.
     bool hasNoHolder = false;
     // Present if the flow must be left to the system, regardless of its sender.
@@ -122,6 +126,10 @@ class ApplicationIdentifierSource {
   // Updates what is known about the process's executable, which is at this place.
   void refresh(KnownProcess& known, std::optional<FileIdentity> executable, std::uint64_t place);
   bool isProxy(KnownProcess& sender) const;
+  // The process has sent on a socket that was created in this control group.
+  void noteGroup(KnownProcess& sender, std::uint64_t group) const;
+  // Without the identifiers that only registrations assign.
+  ApplicationNames makeNames() const;
   // For a process of the local proxy that has connected this socket.
   void markFurtherSockets(KnownProcess& sender, std::uint64_t cookie) const;
   // True if the sender, or an unknown sender (null), could be what dials out for the proxy.
@@ -132,6 +140,8 @@ class ApplicationIdentifierSource {
   std::string findIdentifier(const Process& process, uid_t socketUser) const;
 
   const Warn warn_;
+  const std::vector<std::string> reserved_;
+  const SystemUsers systemUsers_ = SystemUsers::read();
   // Null if the kernel does not support it; then every flow is left to the system.
   std::unique_ptr<SocketDiagnostics> diagnostics_;
   // Null if connects cannot be traced; then processes are looked up in /proc.
@@ -147,6 +157,7 @@ class ApplicationIdentifierSource {
   std::chrono::milliseconds watchPause_{};
   std::string servingProxy_;
   ApplicationRegistrations registrations_;
+  ApplicationNames names_;
   KnownProcesses known_;
   // The latest flows of bound sockets.
   std::deque<FlowTuple> boundFlows_;

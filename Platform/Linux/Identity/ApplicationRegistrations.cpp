@@ -104,6 +104,14 @@ ApplicationRegistrations::ApplicationRegistrations(std::string folder,
   readFolder();
 }
 
+std::vector<std::string> ApplicationRegistrations::identifiers() const {
+  std::vector<std::string> result;
+  for (const auto& [executable, registration] : registrations_) {
+    result.push_back(registration.identifier);
+  }
+  return result;
+}
+
 std::optional<std::string> ApplicationRegistrations::identifierOf(
     std::string_view executable, std::initializer_list<uid_t> users) const {
   const auto found = registrations_.find(std::string(executable));

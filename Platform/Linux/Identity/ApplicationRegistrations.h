@@ -49,6 +49,9 @@ class ApplicationRegistrations {
   bool isComplete() const { return isComplete_; }
   std::size_t size() const { return registrations_.size(); }
 
+  // All that are assigned to any program.
+  std::vector<std::string> identifiers() const;
+
   // The identifier of this executable, if it applies to all of these users.
   std::optional<std::string> identifierOf(std::string_view executable,
                                           std::initializer_list<uid_t> users) const;

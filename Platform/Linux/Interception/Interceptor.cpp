@@ -66,7 +66,7 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
       platform::limits::kProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
       ApplicationRegistrations::kDefaultFolder, environment.proxyUsers,
-      ConnectTracer::Detail::programs, loops.marks());
+      ConnectTracer::Detail::programs, loops.marks(), environment.reservedIdentifiers);
   log->info("OstravelProxy: Registrations in force count=%{public}d",
             {static_cast<std::int64_t>(identifiers->registrationCount())});
   auto queue = PacketQueue::open();

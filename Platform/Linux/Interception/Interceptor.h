@@ -55,6 +55,8 @@ class Interceptor {
     std::function<void()> onAlive;
     // Users, besides root and system users, whose local proxy may carry everybody's flows.
     std::vector<uid_t> proxyUsers;
+    // Identifiers that applications get from registrations only.
+    std::vector<std::string> reservedIdentifiers = {};
     // Called several times a second, on the first event loop, with the proxy that everybody's flows
     // may be sent to, as people call it; empty for none. May be absent.
     std::function<void(const std::string&)> onProxyWatched = {};

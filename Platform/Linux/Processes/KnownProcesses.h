@@ -18,6 +18,8 @@ struct KnownProcess {
   Process process;
   // Where the executable was before it was last examined, as in PublishedConnect; 0 if unknown.
   std::uint64_t place = 0;
+  // The control group in which its last socket was created, as the kernel numbers it; 0 if unknown.
+  std::uint64_t socketGroup = 0;
   // The identifier if the owner of the socket is identifiedUser; empty if not yet determined.
   std::optional<std::string> identifier;
   uid_t identifiedUser = 0;

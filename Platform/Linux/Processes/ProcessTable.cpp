@@ -102,6 +102,13 @@ std::optional<ProcessStamp> programStampOf(pid_t pid) {
   return stamp;
 }
 
+// Written by the kernel, which permits no line break in a name.
+std::string controlGroupOf(pid_t pid) {
+  const auto groups = contentOf(pathOf(pid, "cgroup"));
+  // The unified hierarchy is number 0 and has no controllers (cgroups(7)).
+  return std::string(lineAfter(groups.value_or(""), "0::"));
+}
+
 }  // namespace
 
 ProcessTable::ProcessTable(std::shared_ptr<SearchAllowance> allowance)
@@ -130,15 +137,29 @@ std::optional<Process> ProcessTable::find(pid_t pid, std::optional<FileIdentity>
   process.pid = pid;
   process.stamp = *stamp;
   readExecutable(process, executable);
-  // The unified hierarchy is number 0 and has no controllers (cgroups(7)).
-  const auto groups = contentOf(pathOf(pid, "cgroup"));
-  process.serviceGroup = serviceGroupOf(lineAfter(groups.value_or(""), "0::"));
+  setControlGroup(process, controlGroupOf(pid));
   // Unless all of it is about the same program, it is worthless.
   const auto after = programStampOf(pid);
   if (!after || after->startTime != stamp->startTime || after->stackStart != stamp->stackStart) {
     return std::nullopt;
   }
   return process;
+}
+
+bool ProcessTable::refreshControlGroup(Process& process) const {
+  std::string group = controlGroupOf(process.pid);
+  const auto stamp = programStampOf(process.pid);
+  // It may have ended, and another process may have its number.
+  if (group == process.controlGroup || !stamp || stamp->startTime != process.stamp.startTime) {
+    return false;
+  }
+  setControlGroup(process, std::move(group));
+  return true;
+}
+
+void ProcessTable::setControlGroup(Process& process, std::string group) {
+  process.controlGroup = std::move(group);
+  process.serviceGroup = serviceGroupOf(process.controlGroup);
 }
 
 bool ProcessTable::refreshExecutable(Process& process,

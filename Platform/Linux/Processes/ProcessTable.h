@@ -46,7 +46,9 @@ struct Process {
   bool isExecutableDeleted = false;
   // False while a file system has not answered; the members above are incomplete then.
   bool isExecutableSettled = false;
-  // The control group of the process's systemd service; empty outside of services.
+  // Its control group in the unified hierarchy (cgroups(7)); empty if there is none.
+  std::string controlGroup;
+  // The control group of its systemd service; empty outside of services.
   std::string serviceGroup;
 
   // The basis of the members above: /proc/PID/exe and the mounts at that time.
@@ -73,6 +75,10 @@ class ProcessTable {
   bool refreshExecutable(Process& process,
                          std::optional<FileIdentity> executable = std::nullopt) const;
 
+  // Rereads the control groups, which change if the process is moved; returns true if they have
+  // changed.
+  bool refreshControlGroup(Process& process) const;
+
   // A process that holds the socket with this inode; candidate is checked first, then user's
   // processes. Empty also if none was found within kHolderBudget. Charges the allowance without
   // asking it.
@@ -92,6 +98,7 @@ class ProcessTable {
 
  private:
   void rememberHolder(pid_t pid);
+  static void setControlGroup(Process& process, std::string group);
   void readExecutable(Process& process, std::optional<FileIdentity> executable) const;
 
   const std::shared_ptr<SearchAllowance> allowance_;

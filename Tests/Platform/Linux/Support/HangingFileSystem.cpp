@@ -128,15 +128,18 @@ class Server {
 
 }  // namespace
 
-HangingFileSystem::HangingFileSystem(std::string folder, const std::string& program)
+HangingFileSystem::HangingFileSystem(std::string folder, const std::string& program,
+                                     const Mount& mount)
     : folder_(std::move(folder)) {
   std::ifstream file(program, std::ios::binary);
   std::string content{std::istreambuf_iterator<char>(file), {}};
   const int device = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
   EXPECT_GE(device, 0) << "/dev/fuse: " << std::strerror(errno);
-  const std::string options =
-      "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
-  EXPECT_EQ(::mount("ostravel-test", folder_.c_str(), "fuse", 0, options.c_str()), 0)
+  const std::string options = "fd=" + std::to_string(device) + ",rootmode=40000,group_id=" +
+                              std::to_string(mount.onlyFor.value_or(0)) +
+                              ",user_id=" + std::to_string(mount.onlyFor.value_or(0)) +
+                              (mount.onlyFor ? "" : ",allow_other");
+  EXPECT_EQ(::mount(mount.source.c_str(), folder_.c_str(), "fuse", 0, options.c_str()), 0)
       << std::strerror(errno);
   server_ = ::fork();
   EXPECT_GE(server_, 0);

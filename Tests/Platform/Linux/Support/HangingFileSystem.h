@@ -2,7 +2,9 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace ostravel::testing {
 
@@ -12,8 +14,17 @@ namespace ostravel::testing {
 // unmounted on destruction.
 class HangingFileSystem {
  public:
+  struct Mount {
+    // As the kernel shows it.
+    std::string source = "ostravel-test";
+    // If present, not even root can open its files.
+    std::optional<uid_t> onlyFor = std::nullopt;
+  };
+
   // folder must be empty.
-  HangingFileSystem(std::string folder, const std::string& program);
+  HangingFileSystem(std::string folder, const std::string& program)
+      : HangingFileSystem(std::move(folder), program, Mount()) {}
+  HangingFileSystem(std::string folder, const std::string& program, const Mount& mount);
   HangingFileSystem(const HangingFileSystem&) = delete;
   HangingFileSystem& operator=(const HangingFileSystem&) = delete;
   ~HangingFileSystem();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <string>
 
@@ -16,6 +17,9 @@ enum class SenderSource { table, systemCalls };
 // The base of tests that have the same result either way.
 class SenderSourceTest : public ::testing::TestWithParam<SenderSource> {
  protected:
+  // The tests may run in a service or a container, which is not what is tested.
+  SenderSourceTest() { EXPECT_EQ(::unshare(CLONE_NEWCGROUP), 0) << "run as root"; }
+
   // The first packet of a flow that has been sent since the test began.
   linuxplatform::FirstPacket packetOf(const linuxplatform::FlowTuple& flow) {
     const bool isInTable =

@@ -1,0 +1,100 @@
+#include "Platform/Linux/Identity/AppImage.h"
+
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstddef>
+#include <sstream>
+#include <string_view>
+
+#include "Base/FileDescriptor.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// Some thousand mounts, read in less than a millisecond.
+constexpr std::size_t kMaximumSize = 256 * 1024;
+constexpr std::size_t kMaximumNameSize = 255;
+constexpr std::string_view kSuffix = ".appimage";
+
+std::string beginningOf(const std::string& path) {
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string content(kMaximumSize, '\0');
+  std::size_t size = 0;
+  while (file.isOpen() && size < content.size()) {
+    const auto length = ::read(file.get(), content.data() + size, content.size() - size);
+    if (length <= 0) {
+      break;
+    }
+    size += static_cast<std::size_t>(length);
+  }
+  content.resize(size);
+  return content;
+}
+
+// Plain names only, so that the kernel's escapes of other characters need not be undone.
+bool isAppImageName(std::string_view name) {
+  const auto isPermitted = [](unsigned char character) {
+    return std::isalnum(character) != 0 ||
+           std::string_view("._-+").find(static_cast<char>(character)) != std::string_view::npos;
+  };
+  const auto isEqual = [](unsigned char one, char other) { return std::tolower(one) == other; };
+  return name.size() > kSuffix.size() && name.size() <= kMaximumNameSize &&
+         std::ranges::all_of(name, isPermitted) &&
+         std::ranges::equal(name.substr(name.size() - kSuffix.size()), kSuffix, isEqual);
+}
+
+bool hasOption(std::string_view options, std::string_view wanted) {
+  while (!options.empty()) {
+    const auto end = options.find(',');
+    if (options.substr(0, end) == wanted) {
+      return true;
+    }
+    options.remove_prefix(end == std::string_view::npos ? options.size() : end + 1);
+  }
+  return false;
+}
+
+}  // namespace
+
+std::optional<std::string> appImageOf(const Process& process) {
+  // Where the runtime of an AppImage mounts it.
+  if (!process.executableFile || process.executable.find("/.mount_") == std::string::npos) {
+    return std::nullopt;
+  }
+  return appImageIn("/proc/" + std::to_string(process.pid) + "/mountinfo",
+                    process.executableFile->device, process.stamp.realUser);
+}
+
+std::optional<std::string> appImageIn(const std::string& mountsFile, dev_t device, uid_t user) {
+  std::istringstream lines(beginningOf(mountsFile));
+  const std::string number = std::to_string(major(device)) + ":" + std::to_string(minor(device));
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string mount;
+    std::string parent;
+    std::string deviceNumber;
+    words >> mount >> parent >> deviceNumber;
+    const auto separator = line.find(" - ");
+    if (deviceNumber != number || separator == std::string::npos) {
+      continue;
+    }
+    std::istringstream rest(line.substr(separator + 3));
+    std::string type;
+    std::string source;
+    std::string options;
+    rest >> type >> source >> options;
+    const std::string name = source.substr(source.rfind('/') + 1);
+    if (type.starts_with("fuse") && isAppImageName(name) &&
+        hasOption(options, "user_id=" + std::to_string(user))) {
+      return name;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "Platform/Linux/Identity/ApplicationGroup.h"
+#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Processes/SystemUsers.h"
+
+namespace ostravel::linuxplatform {
+
+// Names applications that are more than an executable: those of desktop sessions, Flatpak and Snap,
+// AppImages, services, and programs in containers. In this order:
+//
+//   org.example.Editor, snap.chat      by the control group; see ApplicationGroup
+//   cups.service                       the same
+//   /usr/bin/curl//container/0123abcd  the executable's path in its container; one that a user runs
+//                                      has the user's number before its ID. No path has "//"
+//   Editor-2.1.AppImage                by the mounted file system; see AppImage
+//
+// What a user claims is only believed of this user's own processes, and what a service is called
+// only of root's, system users' and dynamic users' processes. Reserved names are never given. A
+// snapshot of the system's users; used by one thread.
+class ApplicationNames {
+ public:
+  // reserved: in any case.
+  ApplicationNames(const std::vector<std::string>& reserved, SystemUsers systemUsers);
+
+  // Empty if the application is its executable. socketUser: the owner of its socket.
+  std::optional<std::string> nameOf(const Process& process, uid_t socketUser) const;
+
+ private:
+  std::optional<std::string> groupNameOf(const Process& process, uid_t socketUser) const;
+  bool isBelieved(const ApplicationGroup& group, const Process& process, uid_t socketUser) const;
+  bool mayRunServices(uid_t user) const;
+
+  // Lower-cased.
+  std::unordered_set<std::string> reserved_;
+  SystemUsers systemUsers_;
+};
+
+}  // namespace ostravel::linuxplatform
