@@ -1,8 +1,9 @@
-"""Origin servers that speak first, for thousands of connections.
+"""Origin servers for thousands of connections.
 
     plain_origin.py peer PORT      sends the address and port that it sees, and closes
     plain_origin.py stream PORT    sends endlessly, as fast as the other end reads
     plain_origin.py hold PORT      sends nothing and holds the connection
+    plain_origin.py echo PORT      sends back what it receives, at most a few bytes at a time
 """
 
 import resource
@@ -21,7 +22,7 @@ def main():
         ("::", port), family=socket.AF_INET6, dualstack_ipv6=True, backlog=4096
     )
     print("listening", flush=True)
-    {"peer": tell_peers, "stream": stream, "hold": hold}[mode](listener)
+    {"peer": tell_peers, "stream": stream, "hold": hold, "echo": echo}[mode](listener)
 
 
 def tell_peers(listener):
@@ -62,6 +63,28 @@ def hold(listener):
     held = []
     while True:
         held.append(listener.accept()[0])
+
+
+def echo(listener):
+    selector = selectors.EpollSelector()
+    listener.setblocking(False)
+    selector.register(listener, selectors.EVENT_READ)
+    while True:
+        for key, _ in selector.select():
+            if key.fileobj is listener:
+                connection, _ = listener.accept()
+                connection.setblocking(False)
+                selector.register(connection, selectors.EVENT_READ)
+                continue
+            try:
+                received = key.fileobj.recv(4096)
+                # Its reader waits for it, so it fits.
+                if received and key.fileobj.send(received) == len(received):
+                    continue
+            except OSError:
+                pass
+            selector.unregister(key.fileobj)
+            key.fileobj.close()
 
 
 if __name__ == "__main__":

@@ -8,6 +8,7 @@ import pytest
 
 from Laboratory.namespace import Namespace
 from Laboratory.network import HERE4, THERE4
+import call_faults
 import neighbours
 import torture
 from laboratory import PEER_PORT, eventually, reset
@@ -142,3 +143,32 @@ def test_containers_are_reached_and_reach_others_as_before(laboratory):
         assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
     finally:
         container.close()
+
+
+def test_tunnels_stay_while_others_come_and_go(neighbourhood):
+    held = torture.hold_tunnels(neighbourhood, 300, seconds=3, churn=3000)
+    assert held.held == 300 and not held.failed, held
+    # Those that were opened first, and a good part of those replaced since.
+    assert held.exchanged > 350, held
+
+
+def test_no_connection_fails_while_everything_is_disturbed(neighbourhood):
+    connections, done, tables = torture.disturb(neighbourhood, 8)
+    check_none_failed(connections)
+    assert done and connections.proxied > 0
+    assert not any("ostravel" in table for table in tables)
+
+
+@pytest.mark.parametrize(
+    "fault",
+    [
+        call_faults.Fault("connect", "EADDRNOTAVAIL", "10+"),
+        call_faults.Fault("recvmmsg", "ENOBUFS", "4"),
+        call_faults.Fault("socket", "EMFILE", "40+"),
+    ],
+    ids=str,
+)
+def test_no_connection_fails_when_a_system_call_fails(neighbourhood, fault):
+    suffered = call_faults.suffer(neighbourhood, fault)
+    broken = [text for text, is_kept in suffered.promises() if not is_kept]
+    assert not broken, suffered

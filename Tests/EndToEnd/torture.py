@@ -3,19 +3,25 @@
 The tests run each of these for a few seconds, Benchmarks/torture for as long as requested.
 """
 
+import collections
 import contextlib
+import json
 import os
 import random
 import select
 import signal
+import time
 from typing import NamedTuple
 
 import conntrack
 import neighbours
+from laboratory import eventually
 from neighbours import Application, Connections
 
 # So many new connections a second.
 RATE = 300
+# Of work that has nothing to do with tunnels.
+FEW_DESCRIPTORS = 8
 
 
 def pause(seconds):
@@ -301,3 +307,104 @@ def rule(laboratory, foreign, seconds, rate=RATE):
         foreign.end(laboratory)
         pause(seconds)
         return Ruled(before, during, load.end())
+
+
+# Long runs
+
+
+class Held(NamedTuple):
+    """Thousands of tunnels over a long time: a report of holder.py, and the extension's growth."""
+
+    held: int
+    exchanged: int
+    failed: dict
+    # From the moment when all tunnels were open, in bytes; the second half counts.
+    growth: int
+    descriptors_before: int
+    descriptors_after: int
+    bytes_per_tunnel: float
+
+
+def descriptors(program):
+    return len(os.listdir(f"/proc/{program.pid}/fd"))
+
+
+def hold_tunnels(laboratory, count, seconds, churn, seed=0):
+    """Keeps tunnels open; churn of them a minute are used and replaced."""
+    origin = neighbours.start_origin(laboratory, "echo", neighbours.STREAM_PORT)
+    _, extension = neighbours.start_quiet_system(laboratory)
+    # Grows to its usual size.
+    neighbours.wait_until_proxied(laboratory)
+    empty = resident_bytes(extension)
+    before = descriptors(extension)
+    holder = neighbours.start_as(
+        laboratory, neighbours.VICTIM, "holder.py", neighbours.THERE4, neighbours.STREAM_PORT,
+        "--count", count, "--churn", churn, "--seed", seed, has_input=True,
+    )  # fmt: skip
+    full = holder.output.wait(lambda line: line == "full", 0, neighbours.END_SECONDS)
+    assert full is not None, f"the tunnels were not opened: {holder.errors.since()}"
+    opened = resident_bytes(extension)
+    pause(seconds / 2)
+    middle = resident_bytes(extension)
+    pause(seconds / 2)
+    growth = resident_bytes(extension) - middle
+    mark = holder.output.mark()
+    holder.tell("end")
+    line = holder.output.wait(lambda line: line.startswith("{"), mark, neighbours.END_SECONDS)
+    told = json.loads(line)
+    laboratory.forget(holder)
+    laboratory.forget(origin)
+    eventually(lambda: descriptors(extension) <= before + FEW_DESCRIPTORS, "descriptors are closed")
+    return Held(
+        **told, growth=growth, descriptors_before=before,
+        descriptors_after=descriptors(extension), bytes_per_tunnel=(opened - empty) / count,
+    )  # fmt: skip
+
+
+def disturb(laboratory, seconds, rate=RATE, seed=None):
+    """Kills, freezes, deaths of the proxy and rules of others, at random, for long."""
+    moments = random.Random(seed)
+    proxy, extension = neighbours.start_quiet_system(laboratory)
+    done = collections.Counter()
+    end = time.monotonic() + seconds
+
+    def restart_extension():
+        nonlocal extension
+        laboratory.forget(extension)
+        extension = neighbours.start_quiet_extension(laboratory)
+
+    def kill():
+        restart_extension()
+
+    def freeze():
+        extension.send_signal(signal.SIGSTOP)
+        extension.wait()
+        restart_extension()
+
+    def end_proxy():
+        nonlocal proxy
+        laboratory.forget(proxy)
+        pause(moments.uniform(0, 3))
+        proxy = laboratory.start_sidecar()
+
+    def freeze_proxy():
+        proxy.send_signal(signal.SIGSTOP)
+        pause(moments.uniform(0, 3))
+        proxy.send_signal(signal.SIGCONT)
+
+    def change_rules():
+        foreign = moments.choice(list(FOREIGN_RULES.values()))
+        foreign.begin(laboratory)
+        pause(moments.uniform(0, 3))
+        foreign.end(laboratory)
+
+    with application(laboratory, rate) as load:
+        while time.monotonic() < end:
+            pause(moments.uniform(0, 5))
+            disturbance = moments.choice((kill, freeze, end_proxy, freeze_proxy, change_rules))
+            disturbance()
+            done[disturbance.__name__] += 1
+        neighbours.wait_until_proxied(laboratory)
+        connections = load.end()
+    laboratory.forget(extension)
+    return connections, done, laboratory.here.run("nft", "list", "tables").splitlines()

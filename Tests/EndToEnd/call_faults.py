@@ -1,0 +1,155 @@
+"""System calls of the extension that fail, by strace(1), while applications connect.
+
+What a call can fail with is in its manual page; the ones that could only follow from a mistake of ours (EBADF,
+EFAULT) are left out.
+"""
+
+import signal
+import subprocess
+from typing import NamedTuple
+
+import neighbours
+import torture
+from Laboratory.ostravel import RULES_ARE_SET
+from neighbours import Connections
+
+# Which call of each thread fails: a single one, or all from one on.
+OCCASIONS = ("1", "2", "4", "10+", "40+")
+
+ERRORS = {
+    "accept4": ("EMFILE", "ECONNABORTED", "ENOBUFS"),
+    "bind": ("EADDRINUSE",),
+    "bpf": ("EPERM", "ENOMEM"),
+    "capget": ("EPERM",),
+    "clone": ("EAGAIN",),
+    "clone3": ("EAGAIN",),
+    "close": ("EIO",),
+    "connect": ("EADDRNOTAVAIL", "ECONNREFUSED", "EAGAIN", "EPERM"),
+    "epoll_ctl": ("ENOMEM", "ENOSPC"),
+    "epoll_wait": ("EINTR",),
+    "eventfd2": ("EMFILE",),
+    "fcntl": ("EPERM",),
+    "getpeername": ("ENOTCONN",),
+    "getrandom": ("EAGAIN",),
+    "getsockname": ("ENOBUFS",),
+    "getsockopt": ("ENOBUFS",),
+    "ioctl": ("ENOTTY",),
+    "listen": ("EADDRINUSE",),
+    "mmap": ("ENOMEM",),
+    "newfstatat": ("EACCES",),
+    "openat": ("EMFILE", "EACCES", "ENOENT"),
+    "pidfd_open": ("EMFILE",),
+    "pipe2": ("EMFILE", "ENFILE"),
+    "poll": ("EINTR",),
+    "ppoll": ("EINTR",),
+    "prctl": ("EPERM",),
+    "read": ("EIO", "EINTR"),
+    "readlink": ("EACCES",),
+    "recvfrom": ("ENOBUFS", "ECONNRESET", "EAGAIN"),
+    "recvmmsg": ("ENOBUFS", "EAGAIN", "ENOMEM"),
+    "recvmsg": ("ENOBUFS", "EAGAIN", "ECONNRESET"),
+    "sendmsg": ("ENOBUFS", "EPIPE", "EAGAIN"),
+    "sendto": ("ENOBUFS", "EPERM", "EAGAIN"),
+    "setsockopt": ("ENOPROTOOPT", "ENOMEM"),
+    "shutdown": ("ENOTCONN",),
+    "socket": ("EMFILE", "ENOBUFS", "EACCES"),
+    "splice": ("EINVAL", "ENOMEM"),
+    "statx": ("EACCES",),
+    "timerfd_create": ("EMFILE",),
+    "timerfd_settime": ("EINVAL",),
+    "write": ("ENOSPC", "EPIPE", "EINTR"),
+}
+
+# So that none of them waits for another.
+RATE = 60
+START_SECONDS = 10
+END_SECONDS = 8
+
+
+class Fault(NamedTuple):
+    call: str
+    error: str
+    occasion: str
+
+    def __str__(self):
+        return f"{self.call} {self.error} {self.occasion}"
+
+    @property
+    def prefix(self):
+        """Prefix of the extension's command. The tracer is a grandchild, so the command is our child."""
+        return (
+            "strace", "-D", "-f", "-qqq", "--seccomp-bpf", "-o", "/dev/null",
+            "-e", f"trace={self.call}",
+            "-e", f"inject={self.call}:error={self.error}:when={self.occasion}",
+        )  # fmt: skip
+
+
+# A signal does not interrupt every call, and a descriptor that was reported as ready does not stay unready.
+PASSING = ("EINTR", "EAGAIN")
+
+FAULTS = tuple(
+    Fault(call, error, occasion)
+    for call, errors in ERRORS.items()
+    for error in errors
+    for occasion in OCCASIONS
+    if error not in PASSING or not occasion.endswith("+")
+)
+
+
+class Suffered(NamedTuple):
+    """What a fault has led to."""
+
+    is_refused: bool
+    connections: Connections
+    # Of the extension: negative if a signal has ended it, None if it did not end when requested.
+    status: int | None
+    # It ended before it was asked to.
+    has_died: bool
+    has_left_rules: bool
+    last_words: list
+
+    @property
+    def is_explained(self):
+        return self.last_words[-1:] and self.last_words[-1].startswith("ostravel-extension: ")
+
+    def promises(self):
+        """Pairs of a text and True if it is kept."""
+        connections = self.connections
+        return [
+            ("no connect fails", connections.failed == 0 and connections.count > 0),
+            ("every connect within 3.2 s", connections.slowest <= 3.2),
+            ("at most one connection is reset", connections.reset <= 1),
+            ("it ends when it is asked to", self.status is not None),
+            ("it does not crash", self.status is None or self.status >= 0),
+            ("it says why it does not start", not self.is_refused or self.is_explained),
+            ("no rules are left", not self.has_left_rules),
+        ]  # fmt: skip
+
+
+def suffer(laboratory, fault, seconds=1.2):
+    """Runs the system with a fault. The laboratory is prepared by neighbours.prepare()."""
+    laboratory.start_sidecar()
+    configuration = laboratory.write_configuration("{}", "quiet.json")
+    extension = laboratory.run_extension(
+        "--log", "stderr", "--configuration", configuration, prefix=fault.prefix
+    )
+    has_started = bool(extension.errors.wait(lambda line: RULES_ARE_SET in line, 0, START_SECONDS))
+    if has_started:
+        # The first probe, and the test of the proxy.
+        torture.pause(1)
+    with torture.application(laboratory, RATE) as load:
+        torture.pause(seconds)
+        connections = load.end()
+    has_died = extension.process.poll() is not None
+    if not has_died:
+        extension.send_signal(signal.SIGTERM)
+    try:
+        status = extension.wait(END_SECONDS)
+    except subprocess.TimeoutExpired:
+        status = None
+        extension.kill()
+    has_left_rules = "ostravel" in laboratory.here.run("nft", "list", "tables")
+    return Suffered(
+        not has_started, connections, status, has_died, has_left_rules,
+        extension.errors.since()[-3:],
+    )  # fmt: skip
