@@ -68,20 +68,13 @@ FileDescriptor connectToOurselves() {
 
 }  // namespace
 
-void ConnectPublisher::ObjectRelease::operator()(bpf_object* object) const {
-  ::bpf_object__close(object);
-}
-
-void ConnectPublisher::LinkRelease::operator()(bpf_link* link) const {
-  ::bpf_link__destroy(link);
-}
-
 Result<std::unique_ptr<ConnectPublisher>> ConnectPublisher::start(
     const ConnectTracer& tracer, std::uint16_t proxyPort, std::optional<PacketMarks> marks) {
   if (tracer.detail() != ConnectTracer::Detail::programs) {
     return platform::posixError(ENOTSUP, "the kernel does not show which program a process runs");
   }
-  Object object(::bpf_object__open_mem(kConnectTableProgram, sizeof kConnectTableProgram, nullptr));
+  KernelProgram object(
+      ::bpf_object__open_mem(kConnectTableProgram, sizeof kConnectTableProgram, nullptr));
   if (!object) {
     return platform::systemCallError(errno, "the program is not understood");
   }
@@ -152,18 +145,7 @@ OptionalError ConnectPublisher::attach() {
   if (!cgroupRoot) {
     return cgroupRoot.error();
   }
-  bpf_program* program = nullptr;
-  bpf_object__for_each_program(program, object_.get()) {
-    const bool isOfGroup = ::bpf_program__type(program) != BPF_PROG_TYPE_TRACING;
-    std::unique_ptr<bpf_link, LinkRelease> link(
-        isOfGroup ? ::bpf_program__attach_cgroup(program, cgroupRoot->get())
-                  : ::bpf_program__attach(program));
-    if (!link) {
-      return platform::systemCallError(errno, "the program cannot be attached");
-    }
-    links_.push_back(std::move(link));
-  }
-  return std::nullopt;
+  return attachPrograms(object_.get(), cgroupRoot->get(), links_);
 }
 
 OptionalError ConnectPublisher::examineOwnConnect() {

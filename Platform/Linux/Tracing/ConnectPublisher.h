@@ -12,11 +12,9 @@
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Tracing/ConnectTable.h"
 #include "Platform/Linux/Tracing/ConnectTracer.h"
+#include "Platform/Linux/Tracing/KernelProgram.h"
 #include "Platform/Linux/Tracing/ListenerWatch.h"
 #include "Platform/Linux/Tracing/SocketMarker.h"
-
-struct bpf_link;
-struct bpf_object;
 
 namespace ostravel::linuxplatform {
 
@@ -53,15 +51,7 @@ class ConnectPublisher {
   bool presetsOwnSockets() const { return presetsOwnSockets_; }
 
  private:
-  struct ObjectRelease {
-    void operator()(bpf_object* object) const;
-  };
-  struct LinkRelease {
-    void operator()(bpf_link* link) const;
-  };
-  using Object = std::unique_ptr<bpf_object, ObjectRelease>;
-
-  ConnectPublisher(Object object, const ConnectTracer& tracer)
+  ConnectPublisher(KernelProgram object, const ConnectTracer& tracer)
       : tracer_(tracer), object_(std::move(object)) {}
 
   ConnectTable::State* state() const { return state_.as<ConnectTable::State>(); }
@@ -73,11 +63,11 @@ class ConnectPublisher {
   platform::OptionalError examineOwnConnect();
 
   const ConnectTracer& tracer_;
-  const Object object_;
+  const KernelProgram object_;
   // Read-only.
   MemoryMapping sets_;
   MemoryMapping state_;
-  std::vector<std::unique_ptr<bpf_link, LinkRelease>> links_;
+  std::vector<KernelProgramLink> links_;
   bool presetsOwnSockets_ = false;
 };
 

@@ -24,7 +24,7 @@ struct ConnectRecord {
 };
 
 // The same as the programs in the kernel write it, in the kernel's units. Must match
-// ConnectTracer.bpf.c and ConnectTable.bpf.c.
+// ConnectRecord.bpf.h.
 struct KernelConnectRecord {
   std::uint32_t process;
   std::uint32_t user;

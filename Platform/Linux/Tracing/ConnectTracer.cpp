@@ -20,14 +20,6 @@ namespace ostravel::linuxplatform {
 using platform::OptionalError;
 using platform::Result;
 
-void ConnectTracer::ObjectRelease::operator()(bpf_object* object) const {
-  ::bpf_object__close(object);
-}
-
-void ConnectTracer::LinkRelease::operator()(bpf_link* link) const {
-  ::bpf_link__destroy(link);
-}
-
 Result<std::unique_ptr<ConnectTracer>> ConnectTracer::start(Detail wanted) {
   // Failures are reported by the caller, in one line.
   ::libbpf_set_print(nullptr);
@@ -45,7 +37,7 @@ Result<std::unique_ptr<ConnectTracer>> ConnectTracer::startWith(Detail detail) {
   if (!cgroupRoot) {
     return cgroupRoot.error();
   }
-  std::unique_ptr<bpf_object, ObjectRelease> object(
+  KernelProgram object(
       detail == Detail::programs
           ? ::bpf_object__open_mem(kConnectTracerProgram, sizeof kConnectTracerProgram, nullptr)
           : ::bpf_object__open_mem(kConnectTracerPlainProgram, sizeof kConnectTracerPlainProgram,
@@ -57,7 +49,7 @@ Result<std::unique_ptr<ConnectTracer>> ConnectTracer::startWith(Detail detail) {
     return platform::systemCallError(errno, "the program cannot be loaded");
   }
   std::unique_ptr<ConnectTracer> tracer(new ConnectTracer(std::move(object), detail));
-  if (auto error = tracer->attach(cgroupRoot->get())) {
+  if (auto error = attachPrograms(tracer->object_.get(), cgroupRoot->get(), tracer->links_)) {
     return *std::move(error);
   }
   if (auto error = tracer->examineOwnRecord()) {
@@ -66,24 +58,12 @@ Result<std::unique_ptr<ConnectTracer>> ConnectTracer::startWith(Detail detail) {
   return tracer;
 }
 
-ConnectTracer::ConnectTracer(std::unique_ptr<bpf_object, ObjectRelease> object, Detail detail)
+ConnectTracer::ConnectTracer(KernelProgram object, Detail detail)
     : object_(std::move(object)),
       detail_(detail),
       processes_(::bpf_object__find_map_by_name(object_.get(), "processes")) {}
 
 ConnectTracer::~ConnectTracer() = default;
-
-OptionalError ConnectTracer::attach(int cgroupRoot) {
-  bpf_program* program = nullptr;
-  bpf_object__for_each_program(program, object_.get()) {
-    std::unique_ptr<bpf_link, LinkRelease> link(::bpf_program__attach_cgroup(program, cgroupRoot));
-    if (!link) {
-      return platform::systemCallError(errno, "the program cannot be attached");
-    }
-    links_.push_back(std::move(link));
-  }
-  return std::nullopt;
-}
 
 OptionalError ConnectTracer::examineOwnRecord() const {
   const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));

@@ -8,10 +8,9 @@
 #include "Platform/Interface/Error.h"
 #include "Platform/Interface/Result.h"
 #include "Platform/Linux/Tracing/ConnectRecord.h"
+#include "Platform/Linux/Tracing/KernelProgram.h"
 
-struct bpf_link;
 struct bpf_map;
-struct bpf_object;
 
 namespace ostravel::linuxplatform {
 
@@ -49,23 +48,15 @@ class ConnectTracer {
   int recordsDescriptor() const;
 
  private:
-  struct ObjectRelease {
-    void operator()(bpf_object* object) const;
-  };
-  struct LinkRelease {
-    void operator()(bpf_link* link) const;
-  };
-
-  ConnectTracer(std::unique_ptr<bpf_object, ObjectRelease> object, Detail detail);
+  ConnectTracer(KernelProgram object, Detail detail);
 
   static platform::Result<std::unique_ptr<ConnectTracer>> startWith(Detail detail);
-  platform::OptionalError attach(int cgroupRoot);
   // Compares this process's record with what /proc shows.
   platform::OptionalError examineOwnRecord() const;
 
-  const std::unique_ptr<bpf_object, ObjectRelease> object_;
+  const KernelProgram object_;
   const Detail detail_;
-  std::vector<std::unique_ptr<bpf_link, LinkRelease>> links_;
+  std::vector<KernelProgramLink> links_;
   const bpf_map* processes_ = nullptr;
 };
 

@@ -2,24 +2,18 @@
 // one network namespace, before the SYN leaves. Marks the sockets that the extension and the local
 // proxy connect, so that they are not intercepted. Changes nothing else.
 //
-// All that is needed of the kernel's interface is declared here (bpf(2), bpf-helpers(7)), so that
-// no kernel headers have to be installed. Reading the kernel's own structures requires type
-// information (/sys/kernel/btf/vmlinux) and two helpers that are reserved for programs under a
-// GPL-compatible licence (bpf_get_current_task_btf, bpf_probe_read_kernel): hence the licence
-// below, which applies to this file.
+// Reading the kernel's own structures requires type information (/sys/kernel/btf/vmlinux) and two
+// helpers that are reserved for programs under a GPL-compatible licence (bpf_get_current_task_btf,
+// bpf_probe_read_kernel): hence the licence in ConnectRecord.bpf.h, which applies to this file too.
+
+#include "ConnectRecord.bpf.h"
 
 typedef unsigned char u8;
 typedef unsigned short u16;
-typedef unsigned int u32;
-typedef unsigned long long u64;
-
-#define INLINE static inline __attribute__((always_inline))
-#define SECTION(name) __attribute__((section(name), used))
 
 enum {
   kMapTypeHash = 1,
   kMapTypeArray = 2,
-  kMapTypeLRUHash = 9,
   kMappable = 1 << 10,
 
   kTCPConnect = 3,
@@ -29,7 +23,6 @@ enum {
   kStream = 1,
   // What these programs return so that others on the same control group still decide.
   kNoDecision = 1,
-  kAllow = 1,
 
   // As for setsockopt(2).
   kSocketLevel = 1,
@@ -46,31 +39,13 @@ enum {
   kMaximumMarked = 1024,
 };
 
-// Must match ConnectTracer.bpf.c.
-enum { kMaximumSockets = 16384 };
-
-static void* (*const lookupElement)(void* map, const void* key) = (void*)1;
 static long (*const deleteElement)(void* map, const void* key) = (void*)3;
-static u64 (*const socketCookie)(void* context) = (void*)46;
 static long (*const setOption)(void* context, int level, int option, void* value,
                                int size) = (void*)49;
 static long (*const readKernel)(void* into, u32 size, const void* from) = (void*)113;
 static u64 (*const networkCookie)(void* context) = (void*)122;
 static void* (*const toTCPSocket)(void* socket) = (void*)137;
 static void* (*const currentTask)(void) = (void*)158;
-
-char licence[] SECTION("license") = "Dual MIT/GPL";
-
-// Must match ConnectTracer.bpf.c.
-struct Record {
-  u32 process;
-  u32 user;
-  u32 effectiveUser;
-  u32 executableDevice;
-  u64 executableInode;
-  u64 startTime;
-  u64 stackStart;
-};
 
 // One published connect, 128 bytes. Must match ConnectTable.h.
 struct Slot {
@@ -125,16 +100,6 @@ struct State {
   // Counts the programs executed, by process number; several processes share a counter.
   u32 programChanges[kProgramCounters];
 };
-
-// libbpf's form of a map description: each number as the size of an array.
-
-// That of ConnectTracer.bpf.c.
-struct {
-  int (*type)[kMapTypeLRUHash];
-  u64* key;
-  struct Record* value;
-  int (*max_entries)[kMaximumSockets];
-} processes SECTION(".maps");
 
 struct {
   int (*type)[kMapTypeArray];
@@ -506,14 +471,6 @@ SECTION("sockops") int operate(struct SocketOperation* context) {
     __sync_fetch_and_add(&state->listenerChanges, 1);
   }
   return kNoDecision;
-}
-
-INLINE int areEqual(const struct Record* one, const struct Record* other) {
-  return one->process == other->process && one->user == other->user &&
-         one->effectiveUser == other->effectiveUser &&
-         one->executableDevice == other->executableDevice &&
-         one->executableInode == other->executableInode && one->startTime == other->startTime &&
-         one->stackStart == other->stackStart;
 }
 
 // True if the extension has decided that this very process belongs to the local proxy. A child, or

@@ -1,53 +1,19 @@
 // Records which process connected a socket, or sent on it without connecting. Attached to the root
 // control group, so it sees every process; it permits everything.
 //
-// All that is needed of the kernel's interface is declared here (bpf(2), bpf-helpers(7)), so that
-// no kernel headers have to be installed.
-//
 // Compiled twice. With TRACE_PROGRAMS it also records which program the process was running at that
 // moment. For that it reads the kernel's own structures, which requires a kernel with type
 // information (/sys/kernel/btf/vmlinux, Linux 5.11) and a helper that is reserved for programs
-// under a GPL-compatible licence: hence the licence below, which applies to this file. Without
-// TRACE_PROGRAMS it runs on older kernels, and no helper requires a licence.
+// under a GPL-compatible licence: hence the licence in ConnectRecord.bpf.h, which applies to this
+// file too. Without TRACE_PROGRAMS it runs on older kernels, and no helper requires a licence.
 
-typedef unsigned int u32;
-typedef unsigned long long u64;
+#include "ConnectRecord.bpf.h"
 
-enum {
-  kMapTypeLRUHash = 9,
-  // Few sockets await the examination of their first packet; the map drops the least recently used.
-  kMaximumSockets = 16384,
-  kUpdateAny = 0,
-  kAllow = 1,
-};
+enum { kUpdateAny = 0 };
 
-static void* (*const lookupElement)(void* map, const void* key) = (void*)1;
 static long (*const updateElement)(void* map, const void* key, const void* value,
                                    u64 flags) = (void*)2;
 static u64 (*const currentProcessAndThread)(void) = (void*)14;
-static u64 (*const socketCookie)(void* context) = (void*)46;
-
-// Must match ConnectRecord.h.
-struct Record {
-  u32 process;
-  // The following are 0 unless programs are traced.
-  u32 user;
-  u32 effectiveUser;
-  // The kernel's encoding: 12 bits of major, 20 bits of minor number.
-  u32 executableDevice;
-  u64 executableInode;
-  // Of the first thread, in nanoseconds since boot.
-  u64 startTime;
-  u64 stackStart;
-};
-
-// libbpf's form of a map description: each number as the size of an array.
-struct {
-  int (*type)[kMapTypeLRUHash];
-  u64* key;
-  struct Record* value;
-  int (*max_entries)[kMaximumSockets];
-} processes __attribute__((section(".maps"), used));
 
 #ifdef TRACE_PROGRAMS
 
@@ -90,9 +56,7 @@ struct task_struct {
 
 static struct task_struct* (*const currentTask)(void) = (void*)158;
 
-char licence[] __attribute__((section("license"), used)) = "Dual MIT/GPL";
-
-static inline __attribute__((always_inline)) void describeProgram(struct Record* record) {
+INLINE void describeProgram(struct Record* record) {
   const struct task_struct* const task = currentTask();
   record->user = task->cred->uid.val;
   record->effectiveUser = task->cred->euid.val;
@@ -113,22 +77,13 @@ static inline __attribute__((always_inline)) void describeProgram(struct Record*
 
 #else
 
-static inline __attribute__((always_inline)) void describeProgram(struct Record* record) {
+INLINE void describeProgram(struct Record* record) {
   (void)record;
 }
 
 #endif
 
-static inline __attribute__((always_inline)) int areEqual(const struct Record* one,
-                                                          const struct Record* other) {
-  return one->process == other->process && one->user == other->user &&
-         one->effectiveUser == other->effectiveUser &&
-         one->executableDevice == other->executableDevice &&
-         one->executableInode == other->executableInode && one->startTime == other->startTime &&
-         one->stackStart == other->stackStart;
-}
-
-static inline __attribute__((always_inline)) int remember(void* context) {
+INLINE int remember(void* context) {
   const u64 cookie = socketCookie(context);
   struct Record record = {};
   record.process = (u32)(currentProcessAndThread() >> 32);
@@ -142,18 +97,18 @@ static inline __attribute__((always_inline)) int remember(void* context) {
   return kAllow;
 }
 
-__attribute__((section("cgroup/connect4"), used)) int connect4(void* context) {
+SECTION("cgroup/connect4") int connect4(void* context) {
   return remember(context);
 }
 
-__attribute__((section("cgroup/connect6"), used)) int connect6(void* context) {
+SECTION("cgroup/connect6") int connect6(void* context) {
   return remember(context);
 }
 
-__attribute__((section("cgroup/sendmsg4"), used)) int sendmsg4(void* context) {
+SECTION("cgroup/sendmsg4") int sendmsg4(void* context) {
   return remember(context);
 }
 
-__attribute__((section("cgroup/sendmsg6"), used)) int sendmsg6(void* context) {
+SECTION("cgroup/sendmsg6") int sendmsg6(void* context) {
   return remember(context);
 }

@@ -1,0 +1,52 @@
+// What the programs in the kernel record about a process that connects a socket, and the kernel's
+// interface that they share (bpf(2), bpf-helpers(7)), declared here so that no kernel headers have
+// to be installed.
+
+typedef unsigned int u32;
+typedef unsigned long long u64;
+
+#define INLINE static inline __attribute__((always_inline))
+#define SECTION(name) __attribute__((section(name), used))
+
+enum {
+  kMapTypeLRUHash = 9,
+  // Few sockets await the examination of their first packet; the map drops the least recently used.
+  kMaximumSockets = 16384,
+  kAllow = 1,
+};
+
+static void* (*const lookupElement)(void* map, const void* key) = (void*)1;
+static u64 (*const socketCookie)(void* context) = (void*)46;
+
+char licence[] SECTION("license") = "Dual MIT/GPL";
+
+// Must match ConnectRecord.h.
+struct Record {
+  u32 process;
+  // The following are 0 unless programs are traced.
+  u32 user;
+  u32 effectiveUser;
+  // The kernel's encoding: 12 bits of major, 20 bits of minor number.
+  u32 executableDevice;
+  u64 executableInode;
+  // Of the first thread, in nanoseconds since boot.
+  u64 startTime;
+  u64 stackStart;
+};
+
+INLINE int areEqual(const struct Record* one, const struct Record* other) {
+  return one->process == other->process && one->user == other->user &&
+         one->effectiveUser == other->effectiveUser &&
+         one->executableDevice == other->executableDevice &&
+         one->executableInode == other->executableInode && one->startTime == other->startTime &&
+         one->stackStart == other->stackStart;
+}
+
+// By the cookie of the socket. libbpf's form of a map description: each number as the size of an
+// array.
+struct {
+  int (*type)[kMapTypeLRUHash];
+  u64* key;
+  struct Record* value;
+  int (*max_entries)[kMaximumSockets];
+} processes SECTION(".maps");
