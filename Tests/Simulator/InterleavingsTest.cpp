@@ -22,6 +22,7 @@
 #include "Tests/Simulator/ObservedFlow.h"
 #include "Tests/Simulator/ScheduleExplorer.h"
 #include "Tests/Simulator/SimulatorPlatform.h"
+#include "Tests/Simulator/TearDown.h"
 
 namespace ostravel::simulator {
 namespace {
@@ -155,14 +156,7 @@ class SmallRun {
     platform_.setMonitored(false);
   }
 
-  ~SmallRun() {
-    world_.queue().clear();
-    provider_.reset();
-    for (const auto& [number, script] : scripts_) {
-      script->dropCompletions();
-    }
-    world_.queue().clear();
-  }
+  ~SmallRun() { tearDown(world_, provider_, scripts_); }
   SmallRun(const SmallRun&) = delete;
   SmallRun& operator=(const SmallRun&) = delete;
 

@@ -15,6 +15,7 @@
 #include "Tests/Simulator/ObservedFlow.h"
 #include "Tests/Simulator/RandomStreams.h"
 #include "Tests/Simulator/SimulatorPlatform.h"
+#include "Tests/Simulator/TearDown.h"
 
 namespace ostravel::simulator {
 
@@ -68,12 +69,12 @@ class Run {
     result.digest = world_.history().digest();
     result.violation = checker_.violation();
     result.trace = world_.history().trace();
-    result.flows = offered_;
-    result.tunnels = checker_.tunnels();
-    result.successes = checker_.successes();
-    result.timeouts = checker_.timeouts();
-    result.rejections = checker_.rejections();
-    result.mostPending = checker_.mostPending();
+    result.counts = {.flows = offered_,
+                     .tunnels = checker_.tunnels(),
+                     .successes = checker_.successes(),
+                     .timeouts = checker_.timeouts(),
+                     .rejections = checker_.rejections(),
+                     .mostPending = checker_.mostPending()};
     return result;
   }
 
@@ -302,14 +303,7 @@ class Run {
   }
 
   // What a run that was cut short leaves behind holds itself.
-  void tearDown() {
-    world_.queue().clear();
-    provider_.reset();
-    for (const auto& [number, script] : scripts_) {
-      script->dropCompletions();
-    }
-    world_.queue().clear();
-  }
+  void tearDown() { simulator::tearDown(world_, provider_, scripts_); }
 
   const RunOptions& options_;
   HistoryChecker checker_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -23,18 +24,33 @@ struct RunOptions {
   History::Trace trace = History::Trace::none;
 };
 
-struct RunResult {
-  FaultMenu faults = FaultMenu::none();
-  std::uint64_t digest = 0;
-  std::optional<Violation> violation;
-  std::vector<History::Line> trace;
-
+// What happened in one run, or in several.
+struct RunCounts {
   std::size_t flows = 0;
   std::size_t tunnels = 0;
   std::size_t successes = 0;
   std::size_t timeouts = 0;
   std::size_t rejections = 0;
+  // At any one moment.
   std::size_t mostPending = 0;
+
+  RunCounts& operator+=(const RunCounts& other) {
+    flows += other.flows;
+    tunnels += other.tunnels;
+    successes += other.successes;
+    timeouts += other.timeouts;
+    rejections += other.rejections;
+    mostPending = std::max(mostPending, other.mostPending);
+    return *this;
+  }
+};
+
+struct RunResult {
+  FaultMenu faults = FaultMenu::none();
+  std::uint64_t digest = 0;
+  std::optional<Violation> violation;
+  std::vector<History::Line> trace;
+  RunCounts counts;
 };
 
 // Plays one run from its start to the end, when nothing is left of it.

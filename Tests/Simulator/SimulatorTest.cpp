@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string>
@@ -16,25 +15,15 @@ std::string describe(const RunResult& result, std::uint64_t seed) {
          ": " + result.violation->invariant;
 }
 
-// Everything that has to come up, so that the other numbers mean something.
-struct Totals {
-  std::size_t tunnels = 0;
-  std::size_t successes = 0;
-  std::size_t timeouts = 0;
-  std::size_t rejections = 0;
-  std::size_t mostPending = 0;
-};
-
 TEST(SimulatorTest, NoSeedBreaksAPromise) {
   constexpr std::uint64_t kSeeds = 1500;
-  Totals totals;
+  RunCounts totals;
   for (std::uint64_t seed = 1; seed <= kSeeds; ++seed) {
     const auto result = play({.seed = seed, .flows = 40});
     ASSERT_FALSE(result.violation) << describe(result, seed);
-    totals.tunnels += result.tunnels;
-    totals.successes += result.successes;
-    totals.timeouts += result.timeouts;
+    totals += result.counts;
   }
+  // All of it has to come up, so that the other numbers mean something.
   EXPECT_GT(totals.tunnels, 10'000U);
   EXPECT_GT(totals.successes, 5'000U);
   EXPECT_GT(totals.timeouts, 100U);
@@ -42,12 +31,11 @@ TEST(SimulatorTest, NoSeedBreaksAPromise) {
 
 TEST(SimulatorTest, NoSeedBreaksAPromiseWhenFlowsComeInBursts) {
   const auto faults = FaultMenu::parse("bursts,silent-proxy,preemption,late-completions");
-  Totals totals;
+  RunCounts totals;
   for (std::uint64_t seed = 1; seed <= 40; ++seed) {
     const auto result = play({.seed = seed, .flows = 300, .faults = faults});
     ASSERT_FALSE(result.violation) << describe(result, seed);
-    totals.rejections += result.rejections;
-    totals.mostPending = std::max(totals.mostPending, result.mostPending);
+    totals += result.counts;
   }
   EXPECT_EQ(totals.mostPending, HistoryChecker::kMaxPending);
   EXPECT_GT(totals.rejections, 0U);
@@ -96,7 +84,7 @@ TEST(SimulatorTest, OnlySomeOfTheFlowsCanBePlayed) {
   const auto result = play({.seed = 3, .faults = FaultMenu::none(), .only = {{4, 9}}});
 
   EXPECT_FALSE(result.violation);
-  EXPECT_EQ(result.flows, 2U);
+  EXPECT_EQ(result.counts.flows, 2U);
 }
 
 class CanaryTest : public testing::TestWithParam<Canary> {};

@@ -20,6 +20,7 @@ using ostravel::simulator::Canary;
 using ostravel::simulator::FaultMenu;
 using ostravel::simulator::History;
 using ostravel::simulator::play;
+using ostravel::simulator::RunCounts;
 using ostravel::simulator::RunOptions;
 using ostravel::simulator::RunResult;
 
@@ -28,11 +29,7 @@ constexpr int kUsage = 2;
 
 struct Totals {
   std::uint64_t runs = 0;
-  std::uint64_t flows = 0;
-  std::uint64_t tunnels = 0;
-  std::uint64_t successes = 0;
-  std::uint64_t timeouts = 0;
-  std::uint64_t rejections = 0;
+  RunCounts counts;
   std::uint64_t digest = 0;
 };
 
@@ -165,19 +162,15 @@ int main(int argc, char** argv) {
       return kFailed;
     }
     ++totals.runs;
-    totals.flows += result.flows;
-    totals.tunnels += result.tunnels;
-    totals.successes += result.successes;
-    totals.timeouts += result.timeouts;
-    totals.rejections += result.rejections;
+    totals.counts += result.counts;
     totals.digest = totals.digest * 31 + result.digest;
     if (hasTrace) {
       std::cout << "faults: " << result.faults.text() << "\n";
     }
   }
-  std::cout << totals.runs << " runs, " << totals.flows << " flows, " << totals.tunnels
-            << " tunnels, " << totals.successes << " established, " << totals.timeouts
-            << " timed out, " << totals.rejections << " over the limit, hash "
-            << hexadecimal(totals.digest) << "\n";
+  std::cout << totals.runs << " runs, " << totals.counts.flows << " flows, "
+            << totals.counts.tunnels << " tunnels, " << totals.counts.successes << " established, "
+            << totals.counts.timeouts << " timed out, " << totals.counts.rejections
+            << " over the limit, hash " << hexadecimal(totals.digest) << "\n";
   return 0;
 }
