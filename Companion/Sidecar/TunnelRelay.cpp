@@ -127,23 +127,21 @@ bool TunnelRelay::send(Direction& direction) {
 void TunnelRelay::waitForBytes(Direction& direction) {
   direction.state = State::waitingForBytes;
   releaseBuffer(direction);
-  direction.from.async_wait(Socket::wait_read,
-                            [self = shared_from_this(), &direction](asio::error_code error) {
-                              if (!error && !self->hasEnded_) {
-                                self->pump(direction);
-                              }
-                            });
+  pumpAfter(direction.from, Socket::wait_read, direction);
 }
 
 void TunnelRelay::waitForRoom(Direction& direction) {
   direction.state = State::waitingForRoom;
   watchForReset(direction);
-  direction.to.async_wait(Socket::wait_write,
-                          [self = shared_from_this(), &direction](asio::error_code error) {
-                            if (!error && !self->hasEnded_) {
-                              self->pump(direction);
-                            }
-                          });
+  pumpAfter(direction.to, Socket::wait_write, direction);
+}
+
+void TunnelRelay::pumpAfter(Socket& socket, Socket::wait_type event, Direction& direction) {
+  socket.async_wait(event, [self = shared_from_this(), &direction](asio::error_code error) {
+    if (!error && !self->hasEnded_) {
+      self->pump(direction);
+    }
+  });
 }
 
 // A direction that does not read would miss a reset of its sender: a tunnel whose other side is

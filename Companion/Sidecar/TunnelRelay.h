@@ -75,6 +75,7 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
   bool send(Direction& direction);
   void waitForBytes(Direction& direction);
   void waitForRoom(Direction& direction);
+  void pumpAfter(Socket& socket, Socket::wait_type event, Direction& direction);
   void watchForReset(Direction& direction);
   void finish(Direction& direction);
   void releaseBuffer(Direction& direction);

@@ -50,6 +50,21 @@ std::string pattern(std::size_t size) {
 }
 
 // A proxy on its own thread.
+// Its queue of connections is full, so that further ones are not answered.
+class FullListener {
+ public:
+  FullListener() {
+    for (int index = 0; index < 3; ++index) {
+      queued_.push_back(TestSocket::beginConnectTcp(listener_.port(), "127.0.0.1"));
+    }
+  }
+  std::string target() const { return listener_.target(); }
+
+ private:
+  const TestListener listener_{"127.0.0.1", 0, 0};
+  std::vector<TestSocket> queued_;
+};
+
 class ConnectProxyTest : public ::testing::Test {
  protected:
   ~ConnectProxyTest() override {
@@ -150,11 +165,7 @@ TEST_F(ConnectProxyTest, AnswersOnceTheOriginIsConnected) {
 }
 
 TEST_F(ConnectProxyTest, DoesNotAnswerWhileTheOriginIsBeingConnected) {
-  const TestListener full("127.0.0.1", 0, 0);
-  std::vector<TestSocket> queued;
-  for (int index = 0; index < 3; ++index) {
-    queued.push_back(TestSocket::beginConnectTcp(full.port(), "127.0.0.1"));
-  }
+  const FullListener full;
   start();
   const TestSocket client = connectClient();
   client.send(connectTo(full.target()));
@@ -446,11 +457,7 @@ TEST_F(ConnectProxyTest, TriesTheNextAddressWhenOneDoesNotAnswer) {
 }
 
 TEST_F(ConnectProxyTest, AnswersGatewayTimeoutWhenTheOriginDoesNotAnswer) {
-  const TestListener full("127.0.0.1", 0, 0);
-  std::vector<TestSocket> queued;
-  for (int index = 0; index < 3; ++index) {
-    queued.push_back(TestSocket::beginConnectTcp(full.port(), "127.0.0.1"));
-  }
+  const FullListener full;
   limits_.connect = 100ms;
   start();
   EXPECT_TRUE(answerTo(connectTo(full.target())).starts_with("HTTP/1.1 504 Gateway Timeout\r\n"));
@@ -596,11 +603,7 @@ TEST_F(ConnectProxyLookupTest, ContinuesWhenAClientWithEarlyBytesEndsSending) {
 }
 
 TEST_F(ConnectProxyTest, GivesUpConnectingWhenTheClientLeaves) {
-  const TestListener full("127.0.0.1", 0, 0);
-  std::vector<TestSocket> queued;
-  for (int index = 0; index < 3; ++index) {
-    queued.push_back(TestSocket::beginConnectTcp(full.port(), "127.0.0.1"));
-  }
+  const FullListener full;
   start();
   TestSocket client = connectClient();
   client.send(connectTo(full.target()));
