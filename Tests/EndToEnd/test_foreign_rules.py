@@ -51,7 +51,7 @@ def complaints(extension, text="do not arrive"):
 
 
 @pytest.mark.parametrize("rules", [DROPPING, REJECTING, UNTRACKING])
-def test_rules_that_stop_redirected_connections_are_found_at_start(laboratory, rules):
+def test_rules_that_stop_redirection_are_found_at_start(laboratory, rules):
     laboratory.start_monitor()
     laboratory.start_sidecar()
     add_rules(laboratory, rules)

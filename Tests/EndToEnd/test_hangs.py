@@ -244,7 +244,7 @@ def test_the_guardian_ends_with_the_extension(laboratory, number):
     assert not any("killed" in line for line in extension.errors.since())
 
 
-def test_the_extension_survives_and_reports_the_loss_of_its_guardian(laboratory):
+def test_the_loss_of_the_guardian_is_survived_and_reported(laboratory):
     _, extension = laboratory.start_system()
     os.kill(*children_of(extension), signal.SIGKILL)
     extension.expect(extension.errors, "The guardian has ended: hangs are no longer detected")

@@ -165,7 +165,7 @@ def test_connections_of_the_local_proxy_are_left_alone(laboratory, proxy):
     check()
 
 
-def test_another_program_that_becomes_the_local_proxy_is_recognised(laboratory):
+def test_another_program_as_the_local_proxy_is_recognised(laboratory):
     laboratory.serve(80, tell_peer)
     sidecar, _ = laboratory.start_system()
     mark = laboratory.events.mark()
@@ -181,7 +181,7 @@ def test_another_program_that_becomes_the_local_proxy_is_recognised(laboratory):
     assert [event["context"]["app_id"] for event in laboratory.events.since(mark)] == [CURL] * 9
 
 
-def test_applications_are_known_without_a_control_group_file_system(laboratory):
+def test_applications_are_known_without_a_cgroup_file_system(laboratory):
     """If no BPF program can be attached, the process is searched for."""
     laboratory.serve(80, tell_peer)
     vpn_client = laboratory.copy_of(CURL, "vpn-client")
@@ -212,7 +212,7 @@ def send_datagram(laboratory, host, port):
 
 
 @pytest.mark.parametrize("host", [THERE4, THERE6])
-def test_quic_is_refused_at_once_and_passes_while_the_proxy_is_down(laboratory, host):
+def test_quic_is_refused_and_passes_while_the_proxy_is_down(laboratory, host):
     origins = [DatagramEcho(laboratory.there, port) for port in (443, 80, 4433)]
     sidecar, _ = laboratory.start_system()
     for port in (443, 80):

@@ -54,7 +54,7 @@ def test_a_user_who_floods_hosts_disturbs_nobody_else(neighbourhood):
     check_others_are_served(attacked, proxied_share=0)
 
 
-def test_a_user_with_stalled_readers_leaves_descriptors_to_others(neighbourhood):
+def test_stalled_readers_of_one_user_leave_descriptors_to_others(neighbourhood):
     """The user wants more tunnels than there are descriptors for."""
     descriptors, readers = 1500, 1500
     _, extension = neighbours.start_quiet_system(

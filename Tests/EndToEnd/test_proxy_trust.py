@@ -107,7 +107,7 @@ def test_a_web_server_and_a_proxy_may_replace_each_other(laboratory):
     )
 
 
-def test_an_ordinary_users_proxy_gets_only_that_users_connections(laboratory):
+def test_an_ordinary_users_proxy_gets_only_its_connections(laboratory):
     proxy, extension = start_extension(
         laboratory, lambda laboratory: laboratory.start_local_proxy(PERSON)
     )

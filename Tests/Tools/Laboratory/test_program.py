@@ -151,7 +151,7 @@ def test_a_system_program_returns_its_output():
     assert run("cat", given="text\n") == "text\n"
 
 
-def test_a_failing_system_program_is_a_problem_with_its_last_line():
+def test_a_failing_program_is_a_problem_with_its_last_line():
     with pytest.raises(Problem, match=r"^sh: second \(sh -c "):
         run("sh", "-c", "echo first >&2; echo second >&2; exit 1")
 
