@@ -161,7 +161,7 @@ TEST_F(BackgroundWriterTest, KeepsTheOrderOfEachThread) {
   constexpr int kThreads = 4;
   constexpr int kLines = 5000;
   BackgroundWriter writer(std::make_unique<LineOutputDouble>(reader_), 10'000'000, "writer");
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&writer, thread] {
       for (int line = 0; line < kLines; ++line) {
@@ -169,9 +169,7 @@ TEST_F(BackgroundWriterTest, KeepsTheOrderOfEachThread) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   ASSERT_TRUE(writer.flush(steady_clock::now() + 60s));
   std::vector<int> next(kThreads, 0);
   std::istringstream text(reader_->text());

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -12,18 +11,15 @@
 #include <string>
 #include <thread>
 
+#include "Tests/Support/TestPipe.h"
+
 namespace ostravel {
 namespace {
 
 using namespace std::chrono_literals;
 
-class LineOutputTest : public testing::Test {
+class LineOutputTest : public ::testing::Test {
  protected:
-  ~LineOutputTest() override {
-    ::close(ends_[0]);
-    ::close(ends_[1]);
-  }
-
   void fill() const {
     while (output_.writePiece(std::string(PIPE_BUF, 'x'), 0ms).size > 0) {
     }
@@ -31,19 +27,13 @@ class LineOutputTest : public testing::Test {
 
   std::string read(std::size_t most = 1'000'000) const {
     std::string bytes(most, '\0');
-    const auto size = ::read(ends_[0], bytes.data(), bytes.size());
+    const auto size = ::read(pipe_.output(), bytes.data(), bytes.size());
     bytes.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
     return bytes;
   }
 
-  static std::array<int, 2> makePipe() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    return ends;
-  }
-
-  std::array<int, 2> ends_ = makePipe();
-  const LineOutput output_{ends_[1]};
+  testing::TestPipe pipe_;
+  const LineOutput output_{pipe_.input()};
 };
 
 TEST_F(LineOutputTest, WritesWhatFits) {
@@ -80,17 +70,16 @@ TEST_F(LineOutputTest, WaitsForRoom) {
 
 TEST_F(LineOutputTest, LeavesTheDescriptorBlocking) {
   fill();
-  EXPECT_EQ(::fcntl(ends_[1], F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(::fcntl(pipe_.input(), F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(LineOutputTest, ReportsTheErrorOfTheSystem) {
   const auto old = std::signal(SIGPIPE, SIG_IGN);
-  ::close(ends_[0]);
+  pipe_.closeOutput();
   const auto piece = output_.writePiece("line\n", 0ms);
   EXPECT_EQ(piece.size, 5U);
   EXPECT_EQ(piece.error, EPIPE);
   EXPECT_EQ(output_.writeAll("line\n", 0ms), std::errc::broken_pipe);
-  ends_[0] = -1;
   std::signal(SIGPIPE, old);
 }
 

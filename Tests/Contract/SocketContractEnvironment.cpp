@@ -2,16 +2,13 @@
 
 #include <thread>
 
+#include "Tests/Support/WaitUntil.h"
+
 namespace ostravel::contract {
 
 namespace {
 
 using namespace std::chrono_literals;
-
-// Far longer than anything takes, also on a busy machine and with a sanitizer.
-constexpr auto kLimit = 60s;
-// How often a condition is asked for while it is waited for.
-constexpr auto kPause = 200us;
 
 platform::HostEndpoint endpointOf(const SocketPeers::Address& address) {
   return {"127.0.0.1", std::to_string(SocketPeers::portOf(address))};
@@ -20,14 +17,7 @@ platform::HostEndpoint endpointOf(const SocketPeers::Address& address) {
 }  // namespace
 
 bool SocketContractEnvironment::waitUntil(const Condition& condition) {
-  const auto end = std::chrono::steady_clock::now() + kLimit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(kPause);
-  }
-  return true;
+  return testing::waitUntil(condition);
 }
 
 std::chrono::nanoseconds SocketContractEnvironment::now() const {

@@ -1,47 +1,24 @@
 // A file of application registrations with any content, and any executable looked for in it.
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "Platform/Linux/Identity/ApplicationRegistrations.h"
 #include "Tests/Fuzz/FuzzInput.h"
-
-namespace {
-
-// Removed at the end of the process. Registrations are believed only in a folder of root's.
-class Folder {
- public:
-  Folder() {
-    char name[] = "/tmp/registrations-XXXXXX";
-    ostravel::fuzz::require(mkdtemp(name) != nullptr, "a folder can be made");
-    path_ = name;
-  }
-  ~Folder() {
-    unlink(file().c_str());
-    rmdir(path_.c_str());
-  }
-
-  const std::string& path() const { return path_; }
-  std::string file() const { return path_ + "/registrations.json"; }
-
- private:
-  std::string path_;
-};
-
-}  // namespace
+#include "Tests/Support/TemporaryFolder.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using ostravel::fuzz::require;
   using ostravel::linuxplatform::ApplicationRegistrations;
   using ostravel::linuxplatform::SystemUsers;
 
-  static const Folder folder;
+  // Registrations are believed only in a folder of root's.
+  static const ostravel::testing::TemporaryFolder folder;
   static const SystemUsers users = SystemUsers::read();
-  static const int file = open(folder.file().c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  static const int file =
+      open(folder.path("registrations.json").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
   require(file >= 0 && ftruncate(file, 0) == 0 &&
               pwrite(file, data, size, 0) == static_cast<ssize_t>(size),
           "the file can be written");

@@ -127,7 +127,7 @@ TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {
   for (int round = 0; round < kRounds; ++round) {
     leaveStaleSocket(path);
     std::vector<std::unique_ptr<EventSocket>> sockets(4);
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (std::unique_ptr<EventSocket>& socket : sockets) {
       threads.emplace_back([&socket, &path] {
         try {
@@ -137,9 +137,7 @@ TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {
         }
       });
     }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    threads.clear();
     ASSERT_EQ(std::count(sockets.begin(), sockets.end(), nullptr), 3);
     ASSERT_NO_THROW(testing::TestSocket::connectUnix(path));
   }

@@ -6,11 +6,11 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <variant>
 
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -19,7 +19,6 @@ using namespace ostravel::testing;
 using Judgement = ProxyTrial::Judgement;
 
 constexpr std::uint16_t kPort = 8080;
-constexpr auto kPatience = std::chrono::seconds(60);
 
 class ProxyTrialThreadTest : public ::testing::Test {
  protected:
@@ -42,14 +41,7 @@ class ProxyTrialThreadTest : public ::testing::Test {
 
   // Polls, because the thread gives no signal: the first event loop asks flow by flow.
   bool isJudgedEventually(Judgement judgement) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (judgementNow() != judgement) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        return false;
-      }
-      std::this_thread::yield();
-    }
-    return true;
+    return waitUntil([this, judgement] { return judgementNow() == judgement; });
   }
 
   std::unique_ptr<SocketDiagnostics> diagnostics_;

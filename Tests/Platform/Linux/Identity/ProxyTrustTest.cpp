@@ -4,11 +4,9 @@
 #include <sys/fsuid.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -16,6 +14,7 @@
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/TemporaryFolder.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -23,7 +22,6 @@ namespace {
 using namespace ostravel::testing;
 
 constexpr std::uint16_t kPort = 8080;
-constexpr auto kPatience = std::chrono::seconds(60);
 constexpr uid_t kRoot = 0;
 constexpr uid_t kSystemUser = 13;
 constexpr uid_t kPerson = 54321;
@@ -45,23 +43,12 @@ class ProxyTrustTest : public ::testing::Test {
 
   // Asks flow by flow of this user, as the first event loop does.
   bool holdsEventually(std::optional<uid_t> user) {
-    return eventually([this, user] { return holdsNow(user); });
+    return waitUntil([this, user] { return holdsNow(user); });
   }
 
   // Asks until a warning appears.
   bool isRefused(std::optional<uid_t> user) {
-    return eventually([this, user] { return !holdsNow(user) && !warnings_.empty(); });
-  }
-
-  static bool eventually(const auto& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        return false;
-      }
-      std::this_thread::yield();
-    }
-    return true;
+    return waitUntil([this, user] { return !holdsNow(user) && !warnings_.empty(); });
   }
 
   static std::unique_ptr<Helper> proxyOf(uid_t user, const std::string& program) {
@@ -222,7 +209,7 @@ TEST_F(ProxyTrustTest, WarnsOnceAboutEveryListener) {
   start();
   for (std::size_t count = 1; count <= 3; ++count) {
     const auto proxy = proxyOf(kPerson, OSTRAVEL_HELPER);
-    EXPECT_TRUE(eventually([&] { return !holdsNow(kRoot) && warnings_.size() == count; }));
+    EXPECT_TRUE(waitUntil([&] { return !holdsNow(kRoot) && warnings_.size() == count; }));
     for (int i = 0; i < 3; ++i) {
       EXPECT_FALSE(holdsNow(kRoot));
     }
@@ -235,7 +222,7 @@ TEST_F(ProxyTrustTest, ANewListenerIsTestedBeforeItIsTrusted) {
   for (int i = 0; i < 3; ++i) {
     const auto proxy = proxyOf(kRoot, OSTRAVEL_HELPER);
     EXPECT_TRUE(
-        eventually([this] { return proxy_->refresh(std::nullopt) == ProxyProcess::State::known; }));
+        waitUntil([this] { return proxy_->refresh(std::nullopt) == ProxyProcess::State::known; }));
     EXPECT_FALSE(trust_->holdsFor(kRoot));
     EXPECT_TRUE(holdsEventually(kRoot));
   }

@@ -1,21 +1,19 @@
 #include "Platform/Linux/Liveness/CrashHandler.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include "Base/LineOutput.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Tests/Support/TestPipe.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -23,21 +21,14 @@ namespace {
 constexpr int kLines = 1000;
 
 // A child process that logs to a pipe and crashes.
-class CrashHandlerTest : public testing::Test {
+class CrashHandlerTest : public ::testing::Test {
  protected:
-  ~CrashHandlerTest() override {
-    ::close(ends_[0]);
-    if (ends_[1] >= 0) {
-      ::close(ends_[1]);
-    }
-  }
-
   template <typename Crash>
   void start(Crash crash) {
     child_ = ::fork();
     if (child_ == 0) {
-      ::dup2(ends_[1], STDERR_FILENO);
-      ::close(ends_[0]);
+      ::dup2(pipe_.input(), STDERR_FILENO);
+      pipe_.closeOutput();
       // A sanitizer's handlers would report the crash and exit.
       for (const int signal : {SIGSEGV, SIGBUS, SIGABRT}) {
         std::signal(signal, SIG_DFL);
@@ -53,14 +44,8 @@ class CrashHandlerTest : public testing::Test {
   }
 
   std::string readToEnd() {
-    ::close(std::exchange(ends_[1], -1));
-    std::string text;
-    std::array<char, 4096> bytes{};
-    for (auto size = ::read(ends_[0], bytes.data(), bytes.size()); size > 0;
-         size = ::read(ends_[0], bytes.data(), bytes.size())) {
-      text.append(bytes.data(), static_cast<std::size_t>(size));
-    }
-    return text;
+    pipe_.closeInput();
+    return pipe_.read();
   }
 
   // The signal that ended the child.
@@ -80,11 +65,7 @@ class CrashHandlerTest : public testing::Test {
     }
   }
 
-  std::array<int, 2> ends_ = [] {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    return ends;
-  }();
+  testing::TestPipe pipe_;
   pid_t child_ = -1;
 };
 
@@ -128,7 +109,7 @@ TEST_F(CrashHandlerTest, AnUncaughtExceptionIsLogged) {
 }
 
 TEST_F(CrashHandlerTest, AStalledReaderDoesNotPreventTheEnd) {
-  const LineOutput output(ends_[1]);
+  const LineOutput output(pipe_.input());
   while (output.writePiece("filling\n", std::chrono::milliseconds(0)).size > 0) {
   }
   start([] { std::abort(); });

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "Base/FileDescriptor.h"
+#include "Tests/Support/TestPipe.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -32,14 +33,10 @@ class Guarded {
  public:
   // Runs work in the guarded process, which then exits with status 0.
   explicit Guarded(std::function<void(HeartbeatRecord&, Guardian&)> work) {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    errors_ = FileDescriptor(ends[0]);
-    FileDescriptor writer(ends[1]);
     process_ = ::fork();
     if (process_ == 0) {
-      ::dup2(writer.get(), STDERR_FILENO);
-      writer = FileDescriptor();
+      ::dup2(errors_.input(), STDERR_FILENO);
+      errors_.closeInput();
       HeartbeatRecord record;
       if (auto guardian = Guardian::start(record)) {
         work(record, *guardian);
@@ -47,6 +44,7 @@ class Guarded {
       }
       ::_exit(EXIT_FAILURE);
     }
+    errors_.closeInput();
   }
   Guarded(const Guarded&) = delete;
   Guarded& operator=(const Guarded&) = delete;
@@ -67,18 +65,10 @@ class Guarded {
   }
 
   // Reads standard error until the last process has closed it.
-  std::string readErrors() const {
-    std::string read;
-    std::array<char, 256> part{};
-    ssize_t size = 0;
-    while ((size = ::read(errors_.get(), part.data(), part.size())) > 0) {
-      read.append(part.data(), static_cast<std::size_t>(size));
-    }
-    return read;
-  }
+  std::string readErrors() const { return errors_.read(); }
 
  private:
-  FileDescriptor errors_;
+  testing::TestPipe errors_;
   pid_t process_ = -1;
 };
 

@@ -164,7 +164,7 @@ TEST_F(HeartbeatTest, StopsOnce) {
 
 TEST_F(HeartbeatTest, ParticipantsComeAndGoWhileItRuns) {
   heartbeat_.start();
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (unsigned index = 0; index < 4; ++index) {
     threads.emplace_back([this, index] {
       for (int i = 0; i < 1000; ++i) {
@@ -174,9 +174,7 @@ TEST_F(HeartbeatTest, ParticipantsComeAndGoWhileItRuns) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
 }
 
 TEST(HeartbeatParticipantsTest, ParticipantsHaveNames) {

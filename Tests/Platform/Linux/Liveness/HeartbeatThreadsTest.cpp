@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Platform/Linux/Services/DescriptorBudget.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform::test {
 namespace {
@@ -58,14 +59,7 @@ class HeartbeatThreadsTest : public ::testing::Test {
 
   // Whether everybody answers, after a while at most.
   bool beatsWithin(std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!heartbeat_.check()) {
-      if (std::chrono::steady_clock::now() >= deadline) {
-        return false;
-      }
-      std::this_thread::yield();
-    }
-    return true;
+    return testing::waitUntil([this] { return heartbeat_.check(); }, limit);
   }
 
   // Every answer that comes has come once those who are not blocked have had a turn.

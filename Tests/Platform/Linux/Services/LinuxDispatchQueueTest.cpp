@@ -29,7 +29,7 @@ using namespace std::chrono_literals;
 using platform::DispatchQueue;
 using platform::DispatchQueueKind;
 
-class LinuxDispatchQueueTest : public testing::Test {
+class LinuxDispatchQueueTest : public ::testing::Test {
  protected:
   std::shared_ptr<DispatchQueue> make(DispatchQueueKind kind) {
     return std::make_shared<LinuxDispatchQueue>(pool_, "com.ostravel.test", kind);
@@ -468,7 +468,7 @@ TEST_F(LinuxDispatchQueueTest, ReadersAndWritersFromManyThreadsExcludeEachOther)
     --shared.writers;
     ++shared.ran;
   };
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (unsigned thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       std::minstd_rand random(thread + 1);
@@ -498,9 +498,7 @@ TEST_F(LinuxDispatchQueueTest, ReadersAndWritersFromManyThreadsExcludeEachOther)
       own->sync([] {});
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   drain();
   EXPECT_EQ(shared.ran, kThreads * kItems);
   EXPECT_EQ(shared.violations, 0);
@@ -512,7 +510,7 @@ TEST_F(LinuxDispatchQueueTest, SerialItemsFromManyThreadsKeepEachSendersOrder) {
   constexpr int kItems = 3000;
   std::array<int, kThreads> next{};
   int violations = 0;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (std::size_t thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (int i = 0; i < kItems; ++i) {
@@ -525,9 +523,7 @@ TEST_F(LinuxDispatchQueueTest, SerialItemsFromManyThreadsKeepEachSendersOrder) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   drain();
   EXPECT_EQ(violations, 0);
   for (const int count : next) {

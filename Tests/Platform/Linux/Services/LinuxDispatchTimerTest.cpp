@@ -43,7 +43,7 @@ class BusyQueue {
   std::latch released_{1};
 };
 
-class LinuxDispatchTimerTest : public testing::Test {
+class LinuxDispatchTimerTest : public ::testing::Test {
  protected:
   // The timer is ended while its handler is waiting for the queue.
   void endWithAWaitingHandler(std::function<void()> end) {
@@ -406,7 +406,7 @@ TEST_F(LinuxDispatchTimerTest, OperationsFromManyThreads) {
   constexpr int kRounds = 300;
   for (int i = 0; i < 10; ++i) {
     auto timer = make();
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int thread = 0; thread < kThreads; ++thread) {
       threads.emplace_back([this, timer, thread] {
         for (int round = 0; round < kRounds; ++round) {
@@ -418,9 +418,7 @@ TEST_F(LinuxDispatchTimerTest, OperationsFromManyThreads) {
       });
     }
     timer.reset();
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    threads.clear();
   }
   queue_->sync([] {});
   const int atEnd = fired_;

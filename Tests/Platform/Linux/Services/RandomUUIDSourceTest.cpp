@@ -41,7 +41,7 @@ TEST(RandomUUIDSourceTest, ManyThreadsGetDifferentOnes) {
   constexpr std::size_t kThreads = 4;
   constexpr int kEach = 5000;
   std::array<std::vector<std::string>, kThreads> made;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (auto& own : made) {
     threads.emplace_back([&source, &own] {
       for (int i = 0; i < kEach; ++i) {
@@ -49,9 +49,7 @@ TEST(RandomUUIDSourceTest, ManyThreadsGetDifferentOnes) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   std::set<std::string> all;
   for (const auto& own : made) {
     all.insert(own.begin(), own.end());

@@ -11,7 +11,7 @@
 namespace ostravel::linuxplatform::test {
 namespace {
 
-class SharedBudgetTest : public testing::Test {
+class SharedBudgetTest : public ::testing::Test {
  protected:
   // Takes one at a time while permitted; returns how many.
   std::size_t takeAll(const std::shared_ptr<UserShare>& share) {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -17,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "Tests/Support/TestPipe.h"
+
 namespace ostravel::linuxplatform {
 namespace {
 
@@ -28,39 +29,28 @@ std::shared_ptr<BackgroundWriter> writerOn(int descriptor) {
                                             BackgroundWriter::kUsualCapacity, "stderr");
 }
 
-class StderrLogTest : public testing::Test {
+class StderrLogTest : public ::testing::Test {
  protected:
   StderrLogTest() {
     std::signal(SIGPIPE, SIG_IGN);
-    EXPECT_EQ(::fcntl(ends_[0], F_SETFL, O_NONBLOCK), 0);
+    EXPECT_EQ(::fcntl(pipe_.output(), F_SETFL, O_NONBLOCK), 0);
   }
   // Remaining lines then meet a closed pipe.
   ~StderrLogTest() override {
-    ::close(ends_[0]);
-    ::close(ends_[1]);
+    pipe_.closeOutput();
+    pipe_.closeInput();
   }
 
   void flush() { ASSERT_TRUE(writer_->flush(steady_clock::now() + 60s)); }
 
-  // Everything written so far.
-  std::string read() {
-    std::string text;
-    std::array<char, 65536> bytes{};
-    for (auto size = ::read(ends_[0], bytes.data(), bytes.size()); size > 0;
-         size = ::read(ends_[0], bytes.data(), bytes.size())) {
-      text.append(bytes.data(), static_cast<std::size_t>(size));
-    }
-    return text;
-  }
-
   std::string written() {
     flush();
-    return read();
+    return pipe_.read();
   }
 
   // Fills the pipe, and then logs count lines.
   void stall(platform::Log& log, int count) {
-    const LineOutput output(ends_[1]);
+    const LineOutput output(pipe_.input());
     while (output.writePiece("filling\n", 0ms).size > 0) {
     }
     for (int line = 0; line < count; ++line) {
@@ -68,14 +58,8 @@ class StderrLogTest : public testing::Test {
     }
   }
 
-  static std::array<int, 2> makePipe() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    return ends;
-  }
-
-  std::array<int, 2> ends_ = makePipe();
-  std::shared_ptr<BackgroundWriter> writer_ = writerOn(ends_[1]);
+  testing::TestPipe pipe_;
+  std::shared_ptr<BackgroundWriter> writer_ = writerOn(pipe_.input());
 };
 
 TEST_F(StderrLogTest, WritesTimeLevelAndText) {
@@ -136,13 +120,12 @@ TEST_F(StderrLogTest, SilentlyLosesALineThatCannotBeWritten) {
 }
 
 TEST_F(StderrLogTest, AClosedPipeIsNotFatalInAProcessThatIgnoresSIGPIPE) {
-  const std::array<int, 2> ends = makePipe();
-  ::close(ends[0]);
-  writer_ = writerOn(ends[1]);
+  testing::TestPipe closed;
+  closed.closeOutput();
+  writer_ = writerOn(closed.input());
   StderrLog log(writer_);
   log.info("lost");
   flush();
-  ::close(ends[1]);
 }
 
 TEST_F(StderrLogTest, AnUnreadPipeDoesNotBlockTheCaller) {
@@ -159,9 +142,9 @@ TEST_F(StderrLogTest, CountsDroppedLines) {
   stall(log, kLines);
   std::string text;
   while (!writer_->flush(steady_clock::now() + 1ms)) {
-    text += read();
+    text += pipe_.read();
   }
-  text += read();
+  text += pipe_.read();
   const auto find = [&text](const std::string& pattern) {
     const std::regex line(pattern);
     return std::vector<std::smatch>(std::sregex_iterator(text.begin(), text.end(), line),
@@ -182,7 +165,7 @@ TEST_F(StderrLogTest, LinesFromManyThreadsStayWhole) {
   constexpr int kThreads = 4;
   // All of them fit into the pipe in any order.
   constexpr int kLines = 40;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&log] {
       for (int line = 0; line < kLines; ++line) {
@@ -190,9 +173,7 @@ TEST_F(StderrLogTest, LinesFromManyThreadsStayWhole) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   const std::string text = written();
   const std::string rest =
       std::regex_replace(text, std::regex(R"([^\n]{24} info    OstravelProxy: x{100}\n)"), "l");

@@ -32,7 +32,7 @@ TEST(UserSharesTest, ForgetsIdleUsersWhenThereAreMany) {
   EXPECT_TRUE(shares.of(3)->isOnTrial());
 }
 
-class OfferRateTest : public testing::Test {
+class OfferRateTest : public ::testing::Test {
  protected:
   // How many of count offers within a second exceed the rate.
   int excess(UserShare& share, int count) {

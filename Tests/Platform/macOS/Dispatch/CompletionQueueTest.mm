@@ -7,10 +7,12 @@
 #include <vector>
 
 #import "Tests/Platform/macOS/Support/ObjectCensus.h"
-#include "Tests/Platform/macOS/Support/Waiting.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::macos::test {
 namespace {
+
+using testing::waitUntil;
 
 TEST(CompletionQueueTest, CompletionsRunOneAfterTheOther) {
   constexpr int kCompletions = 1000;

@@ -10,14 +10,16 @@
 #include <thread>
 #include <vector>
 
-#include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/ErrorWithoutText.h"
 #import "Tests/StandInMac/StandInNetworkExtension.h"
 #include "Tests/StandInMac/SystemBehaviour.h"
 #include "Tests/StandInMac/WorkerPool.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::macos::test {
 namespace {
+
+using testing::waitUntil;
 
 using platform::TCPConnectionState;
 

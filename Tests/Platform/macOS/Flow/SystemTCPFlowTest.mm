@@ -8,12 +8,14 @@
 #include <optional>
 
 #import "Platform/macOS/Foundation/FoundationError.h"
-#include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/StandInNetworkExtension.h"
 #include "Tests/StandInMac/StreamSocket.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::macos::test {
 namespace {
+
+using testing::waitUntil;
 
 // A TCP flow whose application does nothing.
 class SystemTCPFlowTest : public ::testing::Test {

@@ -10,19 +10,20 @@
 #import "Platform/macOS/Foundation/FoundationError.h"
 #import "Platform/macOS/Foundation/FoundationText.h"
 #import "Tests/Platform/macOS/Provider/PrincipalObject.h"
-#include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/ErrorWithoutText.h"
 #import "Tests/StandInMac/LogRecord.h"
 #include "Tests/StandInMac/SystemBehaviour.h"
 #include "Tests/StandInMac/WorkerPool.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/TemporaryFolder.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::macos::test {
 namespace {
 
 using testing::ChildProcess;
 using testing::TemporaryFolder;
+using testing::waitUntil;
 
 std::vector<std::string> loggedTexts() {
   std::vector<std::string> texts;

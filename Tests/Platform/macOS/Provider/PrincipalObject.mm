@@ -5,9 +5,11 @@
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 #import "Platform/macOS/MacPlatform.h"
 #import "Platform/macOS/Provider/OVPacketTunnelProvider.h"
-#include "Tests/Platform/macOS/Support/Waiting.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::macos::test {
+
+using testing::waitUntil;
 
 PrincipalObject::PrincipalObject() {
   // For the life of the process, as in the process entry.

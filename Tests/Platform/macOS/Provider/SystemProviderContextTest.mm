@@ -7,12 +7,14 @@
 #include <thread>
 
 #import "Platform/macOS/Foundation/FoundationError.h"
-#include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/StandInNetworkExtension.h"
 #include "Tests/StandInMac/SystemBehaviour.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::macos::test {
 namespace {
+
+using testing::waitUntil;
 
 // The context of a provider object that only the test holds.
 class SystemProviderContextTest : public ::testing::Test {

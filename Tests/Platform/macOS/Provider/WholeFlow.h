@@ -17,12 +17,12 @@
 #import "Platform/macOS/Foundation/FoundationError.h"
 #import "Platform/macOS/Foundation/FoundationText.h"
 #import "Tests/Platform/macOS/Provider/PrincipalObject.h"
-#include "Tests/Platform/macOS/Support/Waiting.h"
 #import "Tests/StandInMac/LogRecord.h"
 #include "Tests/StandInMac/StreamSocket.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::macos::test {
 
@@ -30,6 +30,7 @@ using testing::ChildProcess;
 using testing::TemporaryFolder;
 using testing::TestListener;
 using testing::TestSocket;
+using testing::waitUntil;
 
 inline constexpr std::uint16_t kProxyPort = 8080;
 

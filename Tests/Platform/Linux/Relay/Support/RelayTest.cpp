@@ -66,14 +66,7 @@ RelayTest::RelayTest() : destinationPort_(nextDestinationPort()) {
 }
 
 bool RelayTest::eventually(const std::function<bool()>& condition) {
-  const auto limit = std::chrono::steady_clock::now() + kPatience;
-  while (!onLoop(condition)) {
-    if (std::chrono::steady_clock::now() > limit) {
-      return false;
-    }
-    std::this_thread::yield();
-  }
-  return true;
+  return testing::waitUntil([this, &condition] { return onLoop(condition); });
 }
 
 FlowTuple RelayTest::tupleOf(const SocketEndpoint& source) const {

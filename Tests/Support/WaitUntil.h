@@ -4,14 +4,12 @@
 #include <functional>
 #include <thread>
 
-namespace ostravel::macos::test {
+namespace ostravel::testing {
 
-// Far longer than anything takes, also on a busy machine and with a sanitizer.
-constexpr std::chrono::seconds kWaitingLimit(60);
-
-// False when the condition still does not hold at the limit.
+// For what gives no signal: asks again and again. False if the condition does not hold within the
+// limit, which is far longer than anything takes, also on a busy machine and with a sanitizer.
 inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::seconds limit = kWaitingLimit) {
+                      std::chrono::milliseconds limit = std::chrono::seconds(60)) {
   constexpr std::chrono::microseconds kPause(200);
   const auto end = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
@@ -23,4 +21,4 @@ inline bool waitUntil(const std::function<bool()>& condition,
   return true;
 }
 
-}  // namespace ostravel::macos::test
+}  // namespace ostravel::testing
