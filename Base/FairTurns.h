@@ -52,6 +52,9 @@ class FairTurns {
   // Charges the party for bytes, also for work that did not come through run().
   void spend(Party party, std::size_t bytes);
 
+  // Whether work waits for a later turn. Otherwise a turn only begins a new account.
+  bool isAnyoneWaiting() const { return !order_.empty(); }
+
   // Destroys the waiting work without running it. Called once the loop has stopped.
   void clear();
 

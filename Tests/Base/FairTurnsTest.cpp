@@ -150,6 +150,17 @@ TEST_F(FairTurnsTest, ATurnBeginsWithNothingSpent) {
   EXPECT_EQ(served_, "aaaa");
 }
 
+TEST_F(FairTurnsTest, SaysWhetherAnyoneWaits) {
+  run('a', 4);
+  EXPECT_FALSE(turns_.isAnyoneWaiting());
+  run('a', 5);
+  EXPECT_TRUE(turns_.isAnyoneWaiting());
+  takeTurn();
+  EXPECT_TRUE(turns_.isAnyoneWaiting());
+  takeTurn();
+  EXPECT_FALSE(turns_.isAnyoneWaiting());
+}
+
 TEST_F(FairTurnsTest, ClearDestroysWhatWaitsWithoutRunningIt) {
   run('a', 4);
   const auto owned = std::make_shared<int>();
