@@ -41,6 +41,20 @@ std::vector<InterceptionTable::ListenerPorts> listenerPorts(EventLoopGroup& loop
   return ports;
 }
 
+// The loop's sockets are made on its thread.
+LoopSocket watchArrivals(EventLoop& loop, const PacketQueue& queue) {
+  std::promise<LoopSocket> made;
+  loop.post([&loop, &queue, &made] {
+    LoopSocket arrivals(loop, ::fcntl(queue.descriptor(), F_DUPFD_CLOEXEC, 0));
+    if (arrivals.isOpen()) {
+      // New connections before the bytes of others.
+      arrivals.goFirst();
+    }
+    made.set_value(std::move(arrivals));
+  });
+  return made.get_future().get();
+}
+
 }  // namespace
 
 struct Interceptor::Parts {
@@ -74,7 +88,7 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
     return std::move(queue).error();
   }
   std::shared_ptr<PacketQueue> openQueue = *std::move(queue);
-  LoopSocket arrivals(loops.loop(0), ::fcntl(openQueue->descriptor(), F_DUPFD_CLOEXEC, 0));
+  LoopSocket arrivals = watchArrivals(loops.loop(0), *openQueue);
   if (!arrivals.isOpen()) {
     return socketError(EMFILE);
   }
@@ -159,12 +173,7 @@ void Interceptor::reloadRegistrations() {
 }
 
 void Interceptor::waitForPackets() {
-  arrivals_.waitUntilReadable([this](asio::error_code error) {
-    // Nothing may be touched after the wait was cancelled: this object may be gone.
-    if (!error) {
-      receive();
-    }
-  });
+  arrivals_.waitUntilReadable([this] { receive(); });
 }
 
 void Interceptor::receive() {
@@ -177,8 +186,10 @@ void Interceptor::receive() {
     }
     isMore = queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); });
   }
+  if (!isMore) {
+    arrivals_.nothingToRead();
+  }
   queue_->retryUnsent();
-  // Reports packets that are left, as well.
   waitForPackets();
 }
 

@@ -261,12 +261,8 @@ void RedirectSupervisor::conclude(Family& family, unsigned loopIndex, const std:
   if (failure.empty()) {
     return;
   }
-  family.retry.expires_after(pause_);
-  family.retry.async_wait([self = shared_from_this(), &family, loopIndex](asio::error_code error) {
-    if (!error) {
-      self->test(family, loopIndex);
-    }
-  });
+  family.retry.start(
+      pause_, [self = shared_from_this(), &family, loopIndex] { self->test(family, loopIndex); });
 }
 
 // A port without a listener, so that a trial that is not redirected disturbs nobody.

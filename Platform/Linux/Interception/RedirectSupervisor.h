@@ -15,6 +15,7 @@
 #include "Platform/Linux/Kernel/ConntrackEntries.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Relay/LoopTimer.h"
 #include "Platform/Linux/Relay/RedirectPath.h"
 
 namespace ostravel::linuxplatform {
@@ -52,7 +53,7 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
  private:
   // The state of one address family.
   struct Family {
-    explicit Family(EventLoop& loop) : retry(loop.context()) {}
+    explicit Family(EventLoop& loop) : retry(loop.timers()) {}
 
     AddressFamily family = AddressFamily::ipv4;
     // Loopback destinations that the settings select.
@@ -60,7 +61,7 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
     bool isTesting = false;
     std::string lastFailure;
     std::chrono::steady_clock::time_point lastSuccess;
-    EventLoop::Timer retry;
+    LoopTimer retry;
   };
 
   EventLoop& home() { return loops_.loop(0); }

@@ -57,8 +57,8 @@ RedirectTrial::Outcome RedirectTrial::connect(const SocketEndpoint& source,
 }
 
 void RedirectTrial::waitUntilConnected() {
-  socket_.waitUntilWritable([self = shared_from_this()](asio::error_code error) {
-    if (error || !self->completion_) {
+  socket_.waitUntilWritable([self = shared_from_this()] {
+    if (!self->completion_) {
       return;
     }
     int result = 0;

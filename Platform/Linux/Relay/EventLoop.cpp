@@ -36,15 +36,13 @@ EventLoop::EventLoop(unsigned index, DescriptorBudget& descriptors, MemoryBudget
       buffers_(*this),
       pipes_(*this, descriptors, memory),
       turns_({.share = limits::kBytesPerTurn, .total = limits::kBytesPerTurnOfAll},
-             [this](FairTurns::Work turn) { post(std::move(turn)); }),
-      // Run by one thread; any thread may post to it.
-      context_(1),
-      work_(context_.get_executor()),
+             [this](FairTurns::Work turn) { transfers_ = std::move(turn); }),
       listener_(std::make_unique<FlowListener>(*this)),
       thread_([this] { run(); }) {}
 
 EventLoop::~EventLoop() {
   stop();
+  destroyPending();
 }
 
 EventLoop* EventLoop::current() {
@@ -55,15 +53,107 @@ void EventLoop::run() {
   currentLoop = this;
   blockBrokenPipeSignal();
   ::pthread_setname_np(::pthread_self(), ("loop-" + std::to_string(index_)).c_str());
-  context_.run();
+  while (!isStopping_) {
+    runTasks();
+    waitForEvents();
+    timers_.runDue(LoopTimers::Clock::now());
+  }
   currentLoop = nullptr;
 }
 
+void EventLoop::post(Task work) {
+  if (isCurrent()) {
+    tasks_.push_back(std::move(work));
+    return;
+  }
+  bool isWakeUpNeeded = false;
+  {
+    const std::lock_guard guard(lock_);
+    arrivals_.push_back(std::move(work));
+    isWakeUpNeeded = std::exchange(isWaiting_, false);
+  }
+  if (isWakeUpNeeded) {
+    poller_.wake();
+  }
+}
+
+void EventLoop::runTasks() {
+  for (std::size_t count = 0; count < kTasksPerTurn && nextTask_ < tasks_.size(); ++count) {
+    // The task may post others, which moves the rest.
+    Task task = std::move(tasks_[nextTask_++]);
+    task();
+    if (isStopping_) {
+      return;
+    }
+  }
+  if (nextTask_ >= tasks_.size() - nextTask_) {
+    tasks_.erase(tasks_.begin(), tasks_.begin() + static_cast<std::ptrdiff_t>(nextTask_));
+    nextTask_ = 0;
+  }
+}
+
+void EventLoop::waitForEvents() {
+  if (isStopping_) {
+    return;
+  }
+  const bool mayWait = prepareToWait(tasks_.empty() && !turns_.isAnyoneWaiting());
+  poller_.wait(mayWait ? timers_.untilNext(LoopTimers::Clock::now())
+                       : std::optional(std::chrono::milliseconds::zero()));
+  if (mayWait) {
+    static_cast<void>(prepareToWait(false));
+  }
+  // A turn in which nobody had to wait ends here; the others first let go ahead what is ready.
+  const bool isAnyoneWaiting = turns_.isAnyoneWaiting();
+  if (!isAnyoneWaiting) {
+    takeTurnOfTransfers();
+  }
+  poller_.dispatch();
+  if (isAnyoneWaiting) {
+    takeTurnOfTransfers();
+  }
+}
+
+bool EventLoop::prepareToWait(bool mayWait) {
+  const std::lock_guard guard(lock_);
+  isWaiting_ = mayWait && arrivals_.empty() && !isStopping_;
+  for (Task& task : arrivals_) {
+    tasks_.push_back(std::move(task));
+  }
+  arrivals_.clear();
+  return isWaiting_;
+}
+
+void EventLoop::takeTurnOfTransfers() {
+  if (const auto turn = std::exchange(transfers_, nullptr)) {
+    turn();
+  }
+}
+
 void EventLoop::stop() {
-  context_.stop();
+  {
+    const std::lock_guard guard(lock_);
+    isStopping_ = true;
+    isWaiting_ = false;
+  }
+  poller_.wake();
   if (thread_.joinable()) {
     thread_.join();
     streams_.dropCompletions();
+  }
+}
+
+// Pending work may own streams, and their end may post more.
+void EventLoop::destroyPending() {
+  listener_.reset();
+  timers_.drop();
+  poller_.dropWaits();
+  turns_.clear();
+  std::exchange(kept_, {}).clear();
+  for (bool isMore = true; isMore;) {
+    std::vector<Task> pending = std::exchange(tasks_, {});
+    const std::lock_guard guard(lock_);
+    isMore = !arrivals_.empty();
+    tasks_.swap(arrivals_);
   }
 }
 

@@ -1,21 +1,25 @@
 #pragma once
 
-#include <asio/basic_waitable_timer.hpp>
-#include <asio/executor_work_guard.hpp>
-#include <asio/io_context.hpp>
-#include <asio/post.hpp>
-#include <asio/wait_traits.hpp>
+#include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <thread>
+#include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "Base/FairTurns.h"
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Relay/BufferPool.h"
+#include "Platform/Linux/Relay/LoopTimers.h"
 #include "Platform/Linux/Relay/PipePool.h"
+#include "Platform/Linux/Relay/Poller.h"
 #include "Platform/Linux/Relay/StreamRegistry.h"
+#include "Platform/Linux/Relay/Task.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Platform/Linux/Services/MemoryBudget.h"
 
@@ -27,12 +31,12 @@ class RedirectPath;
 // One thread that waits for the sockets of its flows and connections and runs all their work, and
 // what that work shares: buffers, pipes, and the listener that accepts released flows. Owned by an
 // EventLoopGroup; outlives everything created on it.
+//
+// A turn of the loop: what was posted, a bounded number of items; then what the sockets report;
+// then transfers that had to wait (FairTurns) and timers. Nothing is polled while there is nothing
+// to do.
 class EventLoop {
  public:
-  using Timer = asio::basic_waitable_timer<std::chrono::steady_clock,
-                                           asio::wait_traits<std::chrono::steady_clock>,
-                                           asio::io_context::executor_type>;
-
   // Statistics since the loop started. Written and read on the loop only.
   struct Counters {
     // Bytes that streams have received into memory and into pipes.
@@ -68,15 +72,14 @@ class EventLoop {
 
   // Runs work on the loop's thread, in order, never inside this call. From any thread; does not
   // block.
-  template <typename Work>
-  void post(Work&& work) {
-    asio::post(context_, std::forward<Work>(work));
-  }
+  void post(Task work);
 
   // Ends the thread after the item that is running, and joins it. Nothing completes on this loop
   // afterwards: the pending completions of its streams are destroyed without running, and so are
   // the tunnels that only they keep alive. Idempotent; not from the loop itself.
   void stop();
+  // From any thread.
+  bool isStopping() const { return isStopping_; }
 
   // The listener's ports may be read from any thread.
   FlowListener& listener() { return *listener_; }
@@ -90,7 +93,12 @@ class EventLoop {
   Counters& counters() { return counters_; }
   // Users' turns at moving bytes.
   FairTurns& turns() { return turns_; }
-  asio::io_context& context() { return context_; }
+  Poller& poller() { return poller_; }
+  LoopTimers& timers() { return timers_; }
+
+  // Keeps an object alive that nothing else owns, until letGo() or the end of the loop.
+  void keep(std::shared_ptr<void> object) { kept_.insert(std::move(object)); }
+  void letGo(const std::shared_ptr<void>& object) { kept_.erase(object); }
 
   // The user whose flow is being served; connections created now are charged to it. Null between
   // flows.
@@ -110,7 +118,17 @@ class EventLoop {
   };
 
  private:
+  // Items that run before sockets are looked at again.
+  static constexpr std::size_t kTasksPerTurn = 64;
+
   void run();
+  void runTasks();
+  void waitForEvents();
+  // Takes over what other threads have posted. True if the loop may wait: nothing was posted, and
+  // whoever posts from now on wakes it.
+  bool prepareToWait(bool mayWait);
+  void takeTurnOfTransfers();
+  void destroyPending();
 
   const unsigned index_;
   const PacketMarks marks_;
@@ -119,15 +137,27 @@ class EventLoop {
   MemoryBudget& memory_;
   std::shared_ptr<UserShare> servedUser_;
   Counters counters_;
+  Poller poller_;
+  LoopTimers timers_;
   BufferPool buffers_;
   PipePool pipes_;
   StreamRegistry streams_;
   FairTurns turns_;
-  // Declared after the pools: destroying it destroys pending handlers, which return buffers to
-  // them.
-  asio::io_context context_;
-  asio::executor_work_guard<asio::io_context::executor_type> work_;
+  // The next turn of transfers, if one was requested.
+  FairTurns::Work transfers_;
+  std::unordered_set<std::shared_ptr<void>> kept_;
   std::unique_ptr<FlowListener> listener_;
+
+  // What the loop has posted to itself, from nextTask_ on.
+  std::vector<Task> tasks_;
+  std::size_t nextTask_ = 0;
+
+  std::atomic<bool> isStopping_ = false;
+  std::mutex lock_;
+  // Both guarded by lock_: what other threads have posted, and whether they have to wake the loop.
+  std::vector<Task> arrivals_;
+  bool isWaiting_ = false;
+
   std::thread thread_;
 };
 

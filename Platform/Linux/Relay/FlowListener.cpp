@@ -1,7 +1,9 @@
 #include "Platform/Linux/Relay/FlowListener.h"
 
-#include <linux/netfilter_ipv4.h>
+// Before the kernel's own headers, which then leave these definitions out.
 #include <netinet/in.h>
+
+#include <linux/netfilter_ipv4.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
@@ -50,7 +52,7 @@ void keepAlive(int listener) {
 }  // namespace
 
 FlowListener::FlowListener(EventLoop& loop)
-    : loop_(loop), ipv4_(loop), ipv6_(loop), deadlineTimer_(loop.context()) {
+    : loop_(loop), ipv4_(loop), ipv6_(loop), deadlineTimer_(loop.timers()) {
   open(ipv4_, kIPv4Loopback);
   if (!ipv4_.socket.isOpen()) {
     throw std::system_error(errno, std::generic_category(), "a listener on 127.0.0.1");
@@ -89,21 +91,16 @@ void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
 // Accepting
 
 void FlowListener::waitForConnections(Socket& listener) {
-  listener.socket.waitUntilReadable([this, &listener](asio::error_code error) {
-    if (!error) {
-      ++loop_.counters().wakeups;
-      acceptSome(listener);
-    }
+  listener.socket.waitUntilReadable([this, &listener] {
+    ++loop_.counters().wakeups;
+    acceptSome(listener);
   });
 }
 
 void FlowListener::pauseAccepting(Socket& listener) {
-  listener.pause.expires_after(limits::kAcceptPause);
-  listener.pause.async_wait([this, &listener](asio::error_code error) {
-    if (!error) {
-      ++loop_.counters().wakeups;
-      acceptSome(listener);
-    }
+  listener.pause.start(limits::kAcceptPause, [this, &listener] {
+    ++loop_.counters().wakeups;
+    acceptSome(listener);
   });
 }
 
@@ -142,6 +139,7 @@ FlowListener::Accepted FlowListener::acceptOne(Socket& listener) {
   }
   switch (errno) {
     case EAGAIN:
+      listener.socket.nothingToRead();
       return Accepted::none;
     case EMFILE:
     case ENFILE:
@@ -262,12 +260,9 @@ void FlowListener::waitForDeadline() {
   if (!isWaitingForDeadline_) {
     return;
   }
-  deadlineTimer_.expires_at(deadlines_.front().time);
-  deadlineTimer_.async_wait([this](asio::error_code error) {
-    if (!error) {
-      ++loop_.counters().wakeups;
-      expire();
-    }
+  deadlineTimer_.start(deadlines_.front().time, [this] {
+    ++loop_.counters().wakeups;
+    expire();
   });
 }
 

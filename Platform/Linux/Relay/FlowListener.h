@@ -10,6 +10,7 @@
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Relay/EventLoop.h"
 #include "Platform/Linux/Relay/LoopSocket.h"
+#include "Platform/Linux/Relay/LoopTimer.h"
 
 namespace ostravel::linuxplatform {
 
@@ -61,11 +62,11 @@ class FlowListener {
 
  private:
   struct Socket {
-    explicit Socket(EventLoop& loop) : pause(loop.context()) {}
+    explicit Socket(EventLoop& loop) : pause(loop.timers()) {}
 
     LoopSocket socket;
     std::uint16_t port = 0;
-    EventLoop::Timer pause;
+    LoopTimer pause;
   };
   enum class Accepted : std::uint8_t {
     // A connection, or one that is already gone (accept(2)).
@@ -109,7 +110,7 @@ class FlowListener {
   Expected expected_;
   std::deque<Deadline> deadlines_;
   std::uint64_t lastNumber_ = 0;
-  EventLoop::Timer deadlineTimer_;
+  LoopTimer deadlineTimer_;
   bool isWaitingForDeadline_ = false;
 };
 

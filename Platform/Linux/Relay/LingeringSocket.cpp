@@ -14,11 +14,16 @@ void LingeringSocket::start(EventLoop& loop, LoopSocket socket) {
   // The previous owner may still have been waiting for it.
   socket.cancelWaits();
   socket.letEndInOrder();
-  std::make_shared<LingeringSocket>(Private(), loop, std::move(socket))->discard();
+  const auto lingering = std::make_shared<LingeringSocket>(Private(), loop, std::move(socket));
+  loop.keep(lingering);
+  lingering->discard();
 }
 
 LingeringSocket::LingeringSocket(Private /*unused*/, EventLoop& loop, LoopSocket socket)
-    : loop_(loop), socket_(std::move(socket)), interval_(limits::kLingerInterval) {}
+    : loop_(loop),
+      socket_(std::move(socket)),
+      timer_(loop.timers()),
+      interval_(limits::kLingerInterval) {}
 
 void LingeringSocket::discard() {
   if (!socket_.isOpen()) {
@@ -35,27 +40,25 @@ void LingeringSocket::discard() {
       finish();
       return;
   }
-  if (!timer_) {
-    timer_.emplace(loop_.context());
+  if (!std::exchange(isTimed_, true)) {
     startTimer();
   }
 }
 
 void LingeringSocket::waitForMore() {
-  socket_.waitUntilReadable([self = shared_from_this()](asio::error_code error) {
-    if (!error) {
-      ++self->loop_.counters().wakeups;
-      self->discard();
+  socket_.waitUntilReadable([self = weak_from_this()] {
+    if (const auto found = self.lock()) {
+      ++found->loop_.counters().wakeups;
+      found->discard();
     }
   });
 }
 
 void LingeringSocket::startTimer() {
-  timer_->expires_after(interval_);
-  timer_->async_wait([self = shared_from_this()](asio::error_code error) {
-    if (!error) {
-      ++self->loop_.counters().wakeups;
-      self->decide();
+  timer_.start(interval_, [self = weak_from_this()] {
+    if (const auto found = self.lock()) {
+      ++found->loop_.counters().wakeups;
+      found->decide();
     }
   });
 }
@@ -81,9 +84,9 @@ bool LingeringSocket::isEverythingAcknowledged() {
 }
 
 void LingeringSocket::finish() {
-  // Cancels both waits, which destroys this object.
   socket_.close();
-  timer_.reset();
+  timer_.cancel();
+  loop_.letGo(shared_from_this());
 }
 
 }  // namespace ostravel::linuxplatform

@@ -118,9 +118,8 @@ void LinuxTCPConnection::finishConnectingLater() {
 }
 
 void LinuxTCPConnection::waitUntilConnected() {
-  connecting_.waitUntilWritable([weakSelf = weak_from_this()](asio::error_code error) {
-    const auto self = error ? nullptr : weakSelf.lock();
-    if (self) {
+  connecting_.waitUntilWritable([weakSelf = weak_from_this()] {
+    if (const auto self = weakSelf.lock()) {
       ++self->stream_.loop().counters().wakeups;
       self->finishConnecting();
     }
@@ -142,6 +141,7 @@ void LinuxTCPConnection::finishConnecting() {
   }
   if (!isEstablished()) {
     // A spurious wake-up.
+    connecting_.noRoomToWrite();
     waitUntilConnected();
     return;
   }

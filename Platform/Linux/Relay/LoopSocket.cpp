@@ -1,30 +1,25 @@
 #include "Platform/Linux/Relay/LoopSocket.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include <asio/error_code.hpp>
 #include <cerrno>
 #include <utility>
 
-#include "Base/FileDescriptor.h"
 #include "Platform/Linux/Relay/EventLoop.h"
 #include "Platform/Linux/Services/RelayLimits.h"
 
 namespace ostravel::linuxplatform {
 
-LoopSocket::LoopSocket(EventLoop& loop, int descriptor) {
-  FileDescriptor owned(descriptor);
-  lease_ = loop.descriptors().lease(1);
-  reactor_.emplace(loop.context().get_executor());
-  asio::error_code error;
-  reactor_->assign(owned.get(), error);
-  if (error) {
-    giveUp();
+LoopSocket::LoopSocket(EventLoop& loop, int descriptor) : loop_(&loop), descriptor_(descriptor) {
+  watch_ = loop.poller().add(descriptor);
+  if (watch_ == nullptr) {
+    descriptor_ = FileDescriptor();
     return;
   }
-  owned.release();
+  lease_ = loop.descriptors().lease(1);
 }
 
 LoopSocket::LoopSocket(LoopSocket&& other) noexcept {
@@ -32,33 +27,89 @@ LoopSocket::LoopSocket(LoopSocket&& other) noexcept {
 }
 
 LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
-  lease_ = std::move(other.lease_);
-  endsInOrder_ = other.endsInOrder_;
-  reactor_ = std::move(other.reactor_);
-  other.reactor_.reset();
+  if (this != &other) {
+    giveUp();
+    lease_ = std::move(other.lease_);
+    loop_ = other.loop_;
+    watch_ = std::exchange(other.watch_, nullptr);
+    descriptor_ = std::move(other.descriptor_);
+    endsInOrder_ = other.endsInOrder_;
+  }
   return *this;
 }
 
-int LoopSocket::descriptor() {
-  return isOpen() ? reactor_->native_handle() : -1;
+void LoopSocket::goFirst() {
+  loop_->poller().prefer(*watch_);
+}
+
+// Waiting
+
+void LoopSocket::waitUntilReadable(Task task) {
+  Poller& poller = loop_->poller();
+  poller.waitUntilReadable(*watch_, std::move(task));
+  if (poller.isReadingDue(*watch_)) {
+    loop_->post([&poller, key = Poller::keyOf(*watch_)] { poller.runDue(key); });
+  }
+}
+
+void LoopSocket::waitUntilWritable(Task task) {
+  Poller& poller = loop_->poller();
+  poller.waitUntilWritable(*watch_, descriptor(), std::move(task));
+  if (poller.isWritingDue(*watch_)) {
+    loop_->post([&poller, key = Poller::keyOf(*watch_)] { poller.runDue(key); });
+  }
 }
 
 void LoopSocket::cancelWaits() {
-  asio::error_code error;
-  reactor_->cancel(error);
+  loop_->poller().cancelWaits(*watch_);
+}
+
+// Transfer
+
+ssize_t LoopSocket::receive(void* buffer, std::size_t size) {
+  const auto received = ::recv(descriptor(), buffer, size, MSG_DONTWAIT);
+  if (received > 0 && static_cast<std::size_t>(received) < size) {
+    watch_->readLess();
+  } else if (received < 0 && errno == EAGAIN) {
+    watch_->nothingToRead();
+  }
+  return received;
+}
+
+ssize_t LoopSocket::send(const void* bytes, std::size_t size) {
+  const auto sent = ::send(descriptor(), bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (sent < 0 && errno == EAGAIN) {
+    watch_->noRoomToWrite();
+  }
+  return sent;
+}
+
+ssize_t LoopSocket::moveInto(int pipe, std::size_t size) {
+  const auto moved =
+      ::splice(descriptor(), nullptr, pipe, nullptr, size, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+  // Less than a pipe holds may also be what has filled its pages, so only this shows that there is
+  // no more.
+  if (moved < 0 && errno == EAGAIN) {
+    watch_->nothingToRead();
+  }
+  return moved;
 }
 
 LoopSocket::Discarded LoopSocket::discardArrived(std::uint64_t& total) {
   for (int count = 0; count < limits::kDiscardsPerEvent; ++count) {
+    if (!watch_->isReadable()) {
+      return Discarded::allSoFar;
+    }
     const auto received =
         ::recv(descriptor(), nullptr, limits::kDiscardSize, MSG_TRUNC | MSG_DONTWAIT);
     if (received > 0) {
       total += static_cast<std::uint64_t>(received);
-    } else if (received == 0) {
-      return Discarded::everything;
-    } else if (errno == EAGAIN) {
-      return Discarded::allSoFar;
-    } else if (errno != EINTR) {
+      if (static_cast<std::size_t>(received) < limits::kDiscardSize) {
+        watch_->readLess();
+      }
+    } else if (received < 0 && errno == EAGAIN) {
+      watch_->nothingToRead();
+    } else if (received == 0 || errno != EINTR) {
       return Discarded::everything;
     }
   }
@@ -95,7 +146,18 @@ void LoopSocket::close() {
 }
 
 void LoopSocket::giveUp() {
-  reactor_.reset();
+  if (!isOpen()) {
+    return;
+  }
+  Poller::Watch& watch = *std::exchange(watch_, nullptr);
+  // Closing a socket ends its registration.
+  if (loop_->isCurrent()) {
+    descriptor_ = FileDescriptor();
+    loop_->poller().remove(watch);
+  } else {
+    loop_->poller().removeFromOutside(watch);
+    descriptor_ = FileDescriptor();
+  }
   lease_ = DescriptorBudget::Lease();
 }
 

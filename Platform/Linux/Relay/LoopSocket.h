@@ -1,20 +1,23 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/posix/basic_stream_descriptor.hpp>
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <utility>
 
+#include "Base/FileDescriptor.h"
+#include "Platform/Linux/Relay/Poller.h"
+#include "Platform/Linux/Relay/Task.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 
 namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// A nonblocking TCP socket of an event loop, with its lease of the descriptor budget. For the
-// loop's thread; may be destroyed on any thread once nothing on the loop uses it.
+// A nonblocking socket of an event loop, with its lease of the descriptor budget. For the loop's
+// thread; may be destroyed on any thread once nothing on the loop uses it.
 class LoopSocket {
  public:
   enum class Discarded : std::uint8_t {
@@ -30,26 +33,30 @@ class LoopSocket {
   LoopSocket(EventLoop& loop, int descriptor);
   LoopSocket(LoopSocket&& other) noexcept;
   LoopSocket& operator=(LoopSocket&& other) noexcept;
-  ~LoopSocket() = default;
+  ~LoopSocket() { giveUp(); }
 
   // Charges its descriptor to this user from now on.
   void chargeTo(std::shared_ptr<UserShare> user) { lease_.chargeTo(std::move(user)); }
+  // Its events are handled before those of the loop's other sockets.
+  void goFirst();
 
-  bool isOpen() const { return reactor_.has_value(); }
+  bool isOpen() const { return watch_ != nullptr; }
   // -1 if it is not open.
-  int descriptor();
+  int descriptor() const { return descriptor_.get(); }
 
-  // Calls handler(asio::error_code) once, on the loop; with an error, to be ignored, if the wait
-  // was cancelled. It may be called early: try, and wait again.
-  template <typename Handler>
-  void waitUntilReadable(Handler&& handler) {
-    reactor_->async_wait(Descriptor::wait_read, std::forward<Handler>(handler));
-  }
-  template <typename Handler>
-  void waitUntilWritable(Handler&& handler) {
-    reactor_->async_wait(Descriptor::wait_write, std::forward<Handler>(handler));
-  }
+  // Runs the task once, on the loop, unless the wait is cancelled or the socket closed. It may run
+  // early: try, and wait again. Who receives, sends or accepts without the operations below reports
+  // when that would have blocked: no wait ends before the kernel reports a change.
+  void waitUntilReadable(Task task);
+  void waitUntilWritable(Task task);
   void cancelWaits();
+  void nothingToRead() { watch_->nothingToRead(); }
+  void noRoomToWrite() { watch_->noRoomToWrite(); }
+
+  // As recv(2), send(2), and splice(2) from the socket into a pipe. None of them blocks.
+  ssize_t receive(void* buffer, std::size_t size);
+  ssize_t send(const void* bytes, std::size_t size);
+  ssize_t moveInto(int pipe, std::size_t size);
 
   // Discards what has arrived, without copying it, and adds its size to total.
   Discarded discardArrived(std::uint64_t& total);
@@ -71,13 +78,13 @@ class LoopSocket {
   void close();
 
  private:
-  using Descriptor = asio::posix::basic_stream_descriptor<asio::io_context::executor_type>;
-
   void giveUp();
 
   DescriptorBudget::Lease lease_;
+  EventLoop* loop_ = nullptr;
+  Poller::Watch* watch_ = nullptr;
+  FileDescriptor descriptor_;
   bool endsInOrder_ = false;
-  std::optional<Descriptor> reactor_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -1,8 +1,5 @@
 #include "Platform/Linux/Relay/StreamReader.h"
 
-#include <fcntl.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <memory>
@@ -36,7 +33,7 @@ void StreamReader::read(std::size_t minimum, std::size_t maximum,
   } else if (hasEnded_) {
     finishLater(std::nullopt);
   } else if (stream_.socket.isOpen()) {
-    begin();
+    waitForData();
   }
 }
 
@@ -46,20 +43,12 @@ void StreamReader::socketIsOpen() {
   }
 }
 
-void StreamReader::begin() {
-  if (isMoreLikely_) {
-    stream_.loop.post(stream_.later(*this, [](StreamReader& self) { self.continueInTurn(); }));
-  } else {
-    waitForData();
-  }
-}
-
 void StreamReader::waitForData() {
   if (std::exchange(isWaitingForData_, true)) {
     return;
   }
   stream_.socket.waitUntilReadable(
-      stream_.afterWait(*this, [](StreamReader& self) { self.dataArrived(); }));
+      stream_.later(*this, [](StreamReader& self) { self.dataArrived(); }));
 }
 
 void StreamReader::dataArrived() {
@@ -94,7 +83,7 @@ void StreamReader::receiveIntoMemory() {
   const std::size_t most = mayPinBuffer ? limits::kBufferSize : limits::kSmallRead;
   const std::size_t size = std::min(most, maximum_ - gathered_.size());
   BufferPool::Buffer buffer = loop.buffers().take();
-  const auto received = ::recv(stream_.socket.descriptor(), buffer.get(), size, MSG_DONTWAIT);
+  const auto received = stream_.socket.receive(buffer.get(), size);
   if (received <= 0) {
     const int error = received < 0 ? errno : 0;
     loop.buffers().release(std::move(buffer));
@@ -102,7 +91,6 @@ void StreamReader::receiveIntoMemory() {
     return;
   }
   const auto count = static_cast<std::size_t>(received);
-  isMoreLikely_ = count == size;
   countMemoryChunk(count);
   if (count < minimum_ || !gathered_.empty()) {
     gather(buffer.get(), count);
@@ -141,8 +129,7 @@ bool StreamReader::receiveIntoPipe() {
     return false;
   }
   const auto received =
-      ::splice(stream_.socket.descriptor(), nullptr, pipe->writeEnd.get(), nullptr,
-               std::min(maximum_, pipe->capacity), SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+      stream_.socket.moveInto(pipe->writeEnd.get(), std::min(maximum_, pipe->capacity));
   if (received <= 0) {
     const int error = received < 0 ? errno : 0;
     pipes.release(*std::move(pipe));
@@ -152,8 +139,7 @@ bool StreamReader::receiveIntoPipe() {
   const auto count = static_cast<std::size_t>(received);
   stream_.loop.counters().splicedBytes += count;
   stream_.spendOfTurn(count);
-  isMoreLikely_ = count > limits::kSmallChunk;
-  if (isMoreLikely_) {
+  if (count > limits::kSmallChunk) {
     smallChunks_ = 0;
   } else if (++smallChunks_ == limits::kSmallChunksBeforeCopy) {
     isBulk_ = false;
@@ -167,7 +153,7 @@ void StreamReader::gather(const std::byte* bytes, std::size_t size) {
   if (gathered_.size() >= minimum_) {
     finish(Data(std::exchange(gathered_, {})), std::nullopt);
   } else {
-    begin();
+    waitForData();
   }
 }
 
@@ -178,7 +164,6 @@ void StreamReader::handleNothingReceived(int error) {
     return;
   }
   if (error == EAGAIN || error == EINTR) {
-    isMoreLikely_ = false;
     waitForData();
     return;
   }

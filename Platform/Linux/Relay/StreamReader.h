@@ -46,7 +46,6 @@ class StreamReader {
     finishing,
   };
 
-  void begin();
   void waitForData();
   void dataArrived();
   void continueInTurn();
@@ -73,8 +72,6 @@ class StreamReader {
   bool isClosed_ = false;
   bool hasEnded_ = false;
   bool isWaitingForData_ = false;
-  // The last receive suggests that more data is waiting.
-  bool isMoreLikely_ = false;
   bool isBulk_ = false;
   std::uint8_t fullReads_ = 0;
   std::uint8_t smallChunks_ = 0;

@@ -26,12 +26,12 @@ StreamSocket::~StreamSocket() {
 void StreamSocket::attach(LoopSocket socket) {
   state_.socket = std::move(socket);
   state_.socket.chargeTo(state_.user);
-  if (writer_.isClosed()) {
-    ::shutdown(state_.socket.descriptor(), SHUT_WR);
-  }
   if (areBothClosed()) {
     leaveToLinger();
     return;
+  }
+  if (writer_.isClosed()) {
+    sendEnd();
   }
   reader_.socketIsOpen();
   writer_.socketIsOpen();
@@ -71,14 +71,24 @@ void StreamSocket::closeInOrder(Direction direction) {
     leaveToLinger();
   } else if (direction == Direction::read) {
     reader_.discard();
+  } else {
+    sendEnd();
+  }
+}
+
+void StreamSocket::sendEnd() {
+  if (!std::exchange(isEndSent_, true)) {
+    ::shutdown(state_.socket.descriptor(), SHUT_WR);
   }
 }
 
 void StreamSocket::leaveToLinger() {
   if (reader_.hasEnded() || state_.socketError != 0) {
-    // Nothing more can arrive, so nothing can turn our end of stream into a reset.
+    // Nothing more can arrive, so nothing can turn our end of stream, which this sends, into a
+    // reset.
     state_.socket.close();
   } else {
+    sendEnd();
     LingeringSocket::start(state_.loop, std::move(state_.socket));
   }
 }

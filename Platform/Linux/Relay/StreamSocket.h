@@ -70,6 +70,7 @@ class StreamSocket {
  private:
   bool areBothClosed() const { return reader_.isClosed() && writer_.isClosed(); }
   void takePlace();
+  void sendEnd();
   void leaveToLinger();
 
   StreamState state_;
@@ -77,6 +78,7 @@ class StreamSocket {
   StreamRegistry::Place place_;
   StreamReader reader_{state_};
   StreamWriter writer_{state_};
+  bool isEndSent_ = false;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -42,16 +42,6 @@ struct StreamState {
     };
   }
 
-  // The same for a wait, whose handler does nothing if the wait was cancelled.
-  template <typename Part, typename Step>
-  auto afterWait(Part& part, Step step) {
-    return [run = later(part, std::move(step))](asio::error_code error) mutable {
-      if (!error) {
-        run();
-      }
-    };
-  }
-
   // Runs step(part) when it is the user's turn.
   template <typename Part, typename Step>
   void inTurn(Part& part, Step step) {

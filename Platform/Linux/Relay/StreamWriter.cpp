@@ -1,7 +1,5 @@
 #include "Platform/Linux/Relay/StreamWriter.h"
 
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <optional>
 #include <utility>
@@ -50,7 +48,7 @@ void StreamWriter::begin() {
 }
 
 void StreamWriter::waitForRoom() {
-  stream_.socket.waitUntilWritable(stream_.afterWait(*this, [](StreamWriter& self) {
+  stream_.socket.waitUntilWritable(stream_.later(*this, [](StreamWriter& self) {
     ++self.stream_.loop.counters().wakeups;
     self.stream_.inTurn(self, [](StreamWriter& writer) { writer.send(); });
   }));
@@ -76,10 +74,12 @@ int StreamWriter::sendChunk() {
     long count = 0;
     if (inPipe != nullptr && inPipe->isInPipe()) {
       count = inPipe->moveTo(stream_.socket.descriptor());
+      if (count < 0 && errno == EAGAIN) {
+        stream_.socket.noRoomToWrite();
+      }
     } else {
       const auto rest = chunk_.bytes().subspan(sent_);
-      count = ::send(stream_.socket.descriptor(), rest.data(), rest.size(),
-                     MSG_NOSIGNAL | MSG_DONTWAIT);
+      count = stream_.socket.send(rest.data(), rest.size());
     }
     if (count > 0) {
       sent_ += static_cast<std::size_t>(count);
@@ -125,9 +125,6 @@ void StreamWriter::close() {
   chunk_ = Data();
   if (progress_ == Progress::waiting) {
     finishLater(socketError(ECANCELED));
-  }
-  if (stream_.socket.isOpen()) {
-    ::shutdown(stream_.socket.descriptor(), SHUT_WR);
   }
 }
 

@@ -21,7 +21,7 @@ class StreamWriter {
 
   // The stream has its socket now.
   void socketIsOpen();
-  // The outstanding write completes with ECANCELED, and the peer sees the end of the stream.
+  // The outstanding write completes with ECANCELED. The end of the stream is for the owner to send.
   void close();
   bool isClosed() const { return isClosed_; }
 

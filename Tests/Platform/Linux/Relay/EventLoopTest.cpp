@@ -111,7 +111,7 @@ class StoppedLoopTest : public RelayTest {
     loop().post([this, &hasRun, &work] {
       work();
       hasRun.set_value();
-      while (!loop().context().stopped()) {
+      while (!loop().isStopping()) {
         std::this_thread::yield();
       }
     });

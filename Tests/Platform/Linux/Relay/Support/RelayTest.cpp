@@ -177,10 +177,8 @@ RelayTest::Activity RelayTest::activityWithin(std::chrono::milliseconds time) {
   };
   const Activity before = onLoop(look);
   std::promise<void> elapsed;
-  EventLoop::Timer timer(loop().context(), time);
-  onLoop([&timer, &elapsed] {
-    timer.async_wait([&elapsed](asio::error_code /*error*/) { elapsed.set_value(); });
-  });
+  LoopTimer timer(loop().timers());
+  onLoop([&timer, &elapsed, time] { timer.start(time, [&elapsed] { elapsed.set_value(); }); });
   elapsed.get_future().wait();
   const Activity after = onLoop(look);
   return {after.wakeups - before.wakeups, after.cpuTime - before.cpuTime};

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <optional>
+#include <utility>
+
+#include "Platform/Linux/Relay/LoopTimers.h"
+#include "Platform/Linux/Relay/Task.h"
+
+namespace ostravel::linuxplatform {
+
+// Runs a task on its loop at some time. Owned by whoever waits; ends with its owner. For the loop's
+// thread, except that it may be made and, if it is not running, destroyed on another.
+class LoopTimer {
+ public:
+  explicit LoopTimer(LoopTimers& timers) : timers_(timers) {}
+  LoopTimer(const LoopTimer&) = delete;
+  LoopTimer& operator=(const LoopTimer&) = delete;
+  ~LoopTimer() { cancel(); }
+
+  // Replaces what it was set to before. The task may destroy the timer.
+  void start(LoopTimers::Clock::time_point time, Task task);
+  void start(LoopTimers::Clock::duration delay, Task task) {
+    start(LoopTimers::Clock::now() + delay, std::move(task));
+  }
+  // Destroys the task, if it has not run.
+  void cancel();
+
+ private:
+  friend class LoopTimers;
+
+  // No longer running afterwards.
+  Task take();
+
+  LoopTimers& timers_;
+  std::optional<LoopTimers::Entries::iterator> position_;
+  Task task_;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,192 @@
+#include "Platform/Linux/Relay/Poller.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <system_error>
+#include <utility>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// The event of wake(), of which there is nothing to handle.
+constexpr Poller::Key kWakeUp = ~Poller::Key{0};
+
+constexpr std::uint32_t kReading = EPOLLIN | EPOLLRDHUP | EPOLLPRI | EPOLLET;
+constexpr std::uint32_t kReadingAndWriting = kReading | EPOLLOUT;
+
+// Reported once, together with data or without, although a receive that returns less than it could
+// does not consume it.
+constexpr std::uint32_t kMoreIsCertain = EPOLLRDHUP | EPOLLHUP | EPOLLPRI;
+constexpr std::uint32_t kWritable = EPOLLOUT | EPOLLHUP | EPOLLERR;
+
+epoll_event eventOf(std::uint32_t events, Poller::Key key) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = key;
+  return event;
+}
+
+}  // namespace
+
+Poller::Poller() : epoll_(::epoll_create1(EPOLL_CLOEXEC)), preferred_(kWakeUp) {
+  if (!epoll_.isOpen()) {
+    throw std::system_error(errno, std::generic_category(), "epoll_create1");
+  }
+  // Edge-triggered, so that it need not be read.
+  epoll_event event = eventOf(EPOLLIN | EPOLLET, kWakeUp);
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeUps_.descriptor(), &event) != 0) {
+    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+  }
+}
+
+Poller::~Poller() = default;
+
+// Watches
+
+Poller::Watch* Poller::add(int descriptor) {
+  reclaimRemoved();
+  if (free_.empty()) {
+    const auto place = static_cast<std::uint32_t>(watches_.size());
+    watches_.emplace_back().place_ = place;
+    free_.push_back(place);
+  }
+  Watch& watch = watches_[free_.back()];
+  epoll_event event = eventOf(kReading, watch.key());
+  if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
+    return nullptr;
+  }
+  free_.pop_back();
+  return &watch;
+}
+
+void Poller::remove(Watch& watch) {
+  reclaim(watch);
+}
+
+void Poller::removeFromOutside(Watch& watch) {
+  watch.isRemoved_ = true;
+  const std::lock_guard guard(lock_);
+  removed_.push_back(&watch);
+  hasRemoved_ = true;
+}
+
+void Poller::reclaim(Watch& watch) {
+  // Destroyed last: what they own may use this poller.
+  const Task reading = std::move(watch.reading_);
+  const Task writing = std::move(watch.writing_);
+  ++watch.generation_;
+  watch.isReadable_ = false;
+  watch.isWritable_ = false;
+  watch.isMoreCertain_ = false;
+  watch.isWrittenTo_ = false;
+  watch.isRemoved_ = false;
+  free_.push_back(watch.place_);
+}
+
+void Poller::reclaimRemoved() {
+  if (!hasRemoved_) {
+    return;
+  }
+  std::vector<Watch*> removed;
+  {
+    const std::lock_guard guard(lock_);
+    removed.swap(removed_);
+    hasRemoved_ = false;
+  }
+  for (Watch* const watch : removed) {
+    reclaim(*watch);
+  }
+}
+
+// Waiting for one
+
+void Poller::waitUntilReadable(Watch& watch, Task task) {
+  watch.reading_ = std::move(task);
+}
+
+void Poller::waitUntilWritable(Watch& watch, int descriptor, Task task) {
+  watch.writing_ = std::move(task);
+  if (!std::exchange(watch.isWrittenTo_, true)) {
+    // Reports what is true already, so nothing can be missed. Cannot fail: nothing is allocated.
+    epoll_event event = eventOf(kReadingAndWriting, watch.key());
+    ::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, descriptor, &event);
+  }
+}
+
+void Poller::cancelWaits(Watch& watch) {
+  const Task reading = std::move(watch.reading_);
+  const Task writing = std::move(watch.writing_);
+}
+
+void Poller::dropWaits() {
+  // What a task owns may add or remove watches when it is destroyed.
+  for (std::size_t place = 0; place < watches_.size(); ++place) {
+    cancelWaits(watches_[place]);
+  }
+}
+
+Poller::Watch* Poller::find(Key key) {
+  const auto place = static_cast<std::uint32_t>(key);
+  if (place >= watches_.size()) {
+    return nullptr;
+  }
+  Watch& watch = watches_[place];
+  return watch.key() == key && !watch.isRemoved_ ? &watch : nullptr;
+}
+
+void Poller::runDue(Key key) {
+  if (Watch* const watch = find(key); watch != nullptr && isReadingDue(*watch)) {
+    Task task = std::move(watch->reading_);
+    task();
+  }
+  // The task may have removed it.
+  if (Watch* const watch = find(key); watch != nullptr && isWritingDue(*watch)) {
+    Task task = std::move(watch->writing_);
+    task();
+  }
+}
+
+// Events
+
+void Poller::wait(std::optional<std::chrono::milliseconds> limit) {
+  reclaimRemoved();
+  const int timeout =
+      limit ? static_cast<int>(std::min<std::chrono::milliseconds::rep>(limit->count(), INT_MAX))
+            : -1;
+  const int count = ::epoll_wait(epoll_.get(), events_.data(), kEventsPerWait, timeout);
+  eventCount_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+  const auto end = events_.begin() + static_cast<std::ptrdiff_t>(eventCount_);
+  const auto preferred = std::find_if(events_.begin(), end, [this](const epoll_event& event) {
+    return event.data.u64 == preferred_;
+  });
+  if (preferred != end) {
+    std::swap(*events_.begin(), *preferred);
+  }
+}
+
+void Poller::dispatch() {
+  const std::size_t count = std::exchange(eventCount_, 0);
+  for (std::size_t index = 0; index < count; ++index) {
+    handle(events_[index]);
+  }
+}
+
+void Poller::handle(const epoll_event& event) {
+  const Key key = event.data.u64;
+  Watch* const watch = key == kWakeUp ? nullptr : find(key);
+  // It may have been removed by the task of an earlier event, and used again.
+  if (watch == nullptr) {
+    return;
+  }
+  const std::uint32_t events = event.events;
+  watch->isReadable_ = watch->isReadable_ || (events & ~std::uint32_t{EPOLLOUT}) != 0;
+  watch->isMoreCertain_ = watch->isMoreCertain_ || (events & kMoreIsCertain) != 0;
+  watch->isWritable_ = watch->isWritable_ || (events & kWritable) != 0;
+  runDue(key);
+}
+
+}  // namespace ostravel::linuxplatform

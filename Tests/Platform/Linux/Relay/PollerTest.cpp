@@ -1,0 +1,181 @@
+#include "Platform/Linux/Relay/Poller.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "Base/FileDescriptor.h"
+
+namespace ostravel::linuxplatform::test {
+namespace {
+
+// The poller by itself, on the test's own thread.
+class PollerTest : public ::testing::Test {
+ protected:
+  PollerTest() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()), 0);
+    near_ = FileDescriptor(ends[0]);
+    far_ = FileDescriptor(ends[1]);
+    watch_ = poller_.add(near_.get());
+  }
+
+  void turn() {
+    poller_.wait(std::chrono::milliseconds::zero());
+    poller_.dispatch();
+  }
+  Task counting() {
+    return [this] { ++runs_; };
+  }
+  void send(const std::string& bytes) const {
+    ASSERT_EQ(::send(far_.get(), bytes.data(), bytes.size(), 0),
+              static_cast<ssize_t>(bytes.size()));
+  }
+
+  Poller poller_;
+  FileDescriptor near_;
+  FileDescriptor far_;
+  Poller::Watch* watch_ = nullptr;
+  int runs_ = 0;
+};
+
+TEST_F(PollerTest, RunsATaskOnceWhenDataArrives) {
+  ASSERT_NE(watch_, nullptr);
+  poller_.waitUntilReadable(*watch_, counting());
+  turn();
+  EXPECT_EQ(runs_, 0);
+  send("x");
+  turn();
+  turn();
+  EXPECT_EQ(runs_, 1);
+}
+
+// The kernel reports a change once, even if nobody waits for it yet.
+TEST_F(PollerTest, RemembersWhatNobodyHasWaitedFor) {
+  send("x");
+  turn();
+  poller_.waitUntilReadable(*watch_, counting());
+  EXPECT_TRUE(poller_.isReadingDue(*watch_));
+  poller_.runDue(Poller::keyOf(*watch_));
+  EXPECT_EQ(runs_, 1);
+}
+
+TEST_F(PollerTest, ForgetsWhatACallHasFoundConsumed) {
+  send("x");
+  turn();
+  watch_->readLess();
+  poller_.waitUntilReadable(*watch_, counting());
+  EXPECT_FALSE(poller_.isReadingDue(*watch_));
+  send("y");
+  turn();
+  EXPECT_EQ(runs_, 1);
+}
+
+// Bytes and the end of the stream are one event. The receive of the bytes does not show that there
+// is an end, and no other event follows.
+TEST_F(PollerTest, AnEndReportedWithDataIsNotForgotten) {
+  send("x");
+  ASSERT_EQ(::shutdown(far_.get(), SHUT_WR), 0);
+  turn();
+  watch_->readLess();
+  poller_.waitUntilReadable(*watch_, counting());
+  turn();
+  EXPECT_TRUE(poller_.isReadingDue(*watch_));
+}
+
+TEST_F(PollerTest, ReportsRoomOnlyToThoseWhoWaitForIt) {
+  send("x");
+  turn();
+  EXPECT_FALSE(poller_.isWritingDue(*watch_));
+  poller_.waitUntilWritable(*watch_, near_.get(), counting());
+  turn();
+  EXPECT_EQ(runs_, 1);
+  watch_->noRoomToWrite();
+  poller_.waitUntilWritable(*watch_, near_.get(), counting());
+  EXPECT_FALSE(poller_.isWritingDue(*watch_));
+}
+
+TEST_F(PollerTest, ACancelledWaitIsDestroyedWithoutRunning) {
+  const auto held = std::make_shared<int>(0);
+  poller_.waitUntilReadable(*watch_, [held, this] { ++runs_; });
+  EXPECT_EQ(held.use_count(), 2);
+  poller_.cancelWaits(*watch_);
+  EXPECT_EQ(held.use_count(), 1);
+  send("x");
+  turn();
+  EXPECT_EQ(runs_, 0);
+}
+
+TEST_F(PollerTest, ATaskMayRemoveItsSocketAndTheNextOne) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends.data()), 0);
+  const FileDescriptor near(ends[0]);
+  const FileDescriptor far(ends[1]);
+  Poller::Watch* const other = poller_.add(near.get());
+  const auto removeBoth = [this, other] {
+    ++runs_;
+    poller_.remove(*watch_);
+    poller_.remove(*other);
+  };
+  poller_.waitUntilReadable(*watch_, removeBoth);
+  poller_.waitUntilReadable(*other, removeBoth);
+  send("x");
+  ASSERT_EQ(::send(far.get(), "x", 1, 0), 1);
+  turn();
+  EXPECT_EQ(runs_, 1);
+}
+
+// A descriptor that is shared with another process stays registered when it is closed here.
+TEST_F(PollerTest, EventsOfARemovedSocketReachNobody) {
+  poller_.remove(*watch_);
+  const FileDescriptor duplicate(::dup(far_.get()));
+  Poller::Watch* const next = poller_.add(duplicate.get());
+  ASSERT_EQ(next, watch_);
+  poller_.waitUntilReadable(*next, counting());
+  send("x");
+  turn();
+  EXPECT_EQ(runs_, 0);
+}
+
+TEST_F(PollerTest, ASocketRemovedFromOutsideIsSilent) {
+  const auto held = std::make_shared<int>(0);
+  poller_.waitUntilReadable(*watch_, [held, this] { ++runs_; });
+  send("x");
+  std::thread([this] { poller_.removeFromOutside(*watch_); }).join();
+  turn();
+  EXPECT_EQ(runs_, 0);
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST_F(PollerTest, ThePreferredSocketGoesFirst) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends.data()), 0);
+  const FileDescriptor near(ends[0]);
+  const FileDescriptor far(ends[1]);
+  Poller::Watch* const preferred = poller_.add(near.get());
+  poller_.prefer(*preferred);
+  std::string order;
+  poller_.waitUntilReadable(*watch_, [&order] { order += "o"; });
+  poller_.waitUntilReadable(*preferred, [&order] { order += "p"; });
+  send("x");
+  ASSERT_EQ(::send(far.get(), "x", 1, 0), 1);
+  turn();
+  EXPECT_EQ(order, "po");
+}
+
+TEST_F(PollerTest, AWakeUpEndsTheWait) {
+  for (int round = 0; round < 3; ++round) {
+    std::thread waking([this] { poller_.wake(); });
+    poller_.wait(std::nullopt);
+    waking.join();
+  }
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform::test
