@@ -7,6 +7,7 @@
 #include <variant>
 
 #include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform::test {
 

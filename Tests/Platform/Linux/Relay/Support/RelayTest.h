@@ -42,7 +42,8 @@ struct ReadOutcome {
   bool isEnd() const { return !bytes && !error; }
 };
 
-// A completion and the future of its arguments. Reads the chunk's bytes.
+// A completion and the future of its arguments. Reads the chunk's bytes. Not an Outcome, which is
+// polled: these tests wait for one completion at a time, and sleep until it runs.
 std::pair<platform::ReadCompletion, std::future<ReadOutcome>> readCompletion();
 std::pair<platform::ErrorCompletion, std::future<platform::OptionalError>> errorCompletion();
 
