@@ -29,7 +29,7 @@ SocketLock::SocketLock(const std::string& socketPath) : path_(socketPath + ".loc
 }
 
 SocketLock::~SocketLock() {
-  // Before it is unlocked: a monitor that has opened it meanwhile then finds that it is gone.
+  // Before it is unlocked: a monitor that has opened it in the meantime then sees its removal.
   ::unlink(path_.c_str());
 }
 

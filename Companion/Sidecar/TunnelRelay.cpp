@@ -81,7 +81,7 @@ void TunnelRelay::move(Direction& direction) {
   });
 }
 
-// True when there are bytes in hand; otherwise the direction waits, has finished or has failed.
+// True if the direction holds bytes; otherwise it waits, has finished or has failed.
 bool TunnelRelay::receive(Direction& direction) {
   if (!direction.buffer) {
     direction.buffer = environment_->buffers.acquire();
@@ -102,7 +102,7 @@ bool TunnelRelay::receive(Direction& direction) {
   return false;
 }
 
-// True when nothing is left in hand; otherwise the direction waits or has failed.
+// True if nothing is left to send; otherwise the direction waits or has failed.
 bool TunnelRelay::send(Direction& direction) {
   while (direction.begin < direction.end) {
     asio::error_code error;

@@ -26,7 +26,7 @@ struct RelayEnvironment {
 //
 // Kept alive by its own outstanding waits; runs on the thread of the sockets' io_context. Each
 // direction is either waiting for bytes, waiting for room, or finished, and holds one buffer only
-// while it has bytes in hand. It never reads while bytes wait to be written, so a slow reader
+// while it holds bytes. It never reads while bytes wait to be written, so a slow reader
 // slows its writer and nothing else grows.
 //
 // An orderly end is passed on as an orderly end of that direction alone; an error on one side is
@@ -62,7 +62,7 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
     Socket& to;
     State state = State::moving;
     RelayBufferPool::Buffer buffer = nullptr;
-    std::size_t begin = 0;  // of the bytes in hand
+    std::size_t begin = 0;  // of the bytes it holds
     std::size_t end = 0;
     std::uint64_t moved = 0;
     bool watched = false;  // a wait for an error of `from` is outstanding

@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
   asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
   endSignals.async_wait([&ioContext](asio::error_code, int) { ioContext.stop(); });
 
-  // Tunnels go on when the log's reader has stalled or gone away.
+  // Tunnels continue when the log's reader has stalled or exited.
   QueuedOutput output(STDOUT_FILENO, {.droppedLine = [time](std::size_t count) {
                         return droppedLine(count, *time);
                       }});

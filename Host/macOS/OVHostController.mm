@@ -161,7 +161,7 @@ std::string stateOf(OSSystemExtensionProperties* found) {
       std::printf(needsRestart ? "restart this Mac to finish\n" : "extension deactivated\n");
       std::exit(_exitStatus);
     case HostAction::status:
-      // Goes on when the properties come.
+      // Continues when the properties arrive.
       break;
   }
 }
@@ -262,7 +262,7 @@ std::string stateOf(OSSystemExtensionProperties* found) {
     if (error != nil) {
       fail("load the configuration", error);
     }
-    // For good: nothing says that a connection outlives its manager.
+    // Kept forever: nothing says that a connection outlives its manager.
     [manager retain];
     [[[OVProxyStart alloc] initWithConnection:[manager connection]] runRestarting:restarts];
   }];

@@ -32,8 +32,8 @@ class AppProxyFlow {
   // application sees an orderly end; an error reaches it as a reset. Later calls have no effect.
   //
   // A platform that still holds the flow's first packet, because nothing was read or written yet,
-  // gives a flow that is closed with an error back to the system instead: the connection goes on
-  // as if it had never been taken. Closed without an error, such a flow is refused.
+  // gives a flow that is closed with an error back to the system instead: the connection
+  // continues as if it had never been taken. Closed without an error, such a flow is refused.
   virtual void closeRead(OptionalError error) = 0;
   virtual void closeWrite(OptionalError error) = 0;
 };

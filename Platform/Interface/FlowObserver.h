@@ -8,7 +8,7 @@ namespace ostravel::platform {
 
 // The rule by which a new flow is handled as it is.
 enum class FlowRule : std::uint8_t {
-  // Carried: nothing speaks against it.
+  // Carried: no other rule applies.
   proxied,
   // Left to the system: the application, or the host, is on a built-in list; it is UDP to a host of
   // real-time media; the proxy is considered down; it leads to the local proxy itself.
@@ -21,7 +21,7 @@ enum class FlowRule : std::uint8_t {
   refusedUDP,
 };
 
-// How a flow that was to be carried has ended.
+// How a flow that the core decided to carry ended.
 enum class FlowEnd : std::uint8_t {
   // After its tunnel was established: in order, or with an error.
   closed,

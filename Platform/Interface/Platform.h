@@ -15,8 +15,8 @@
 
 namespace ostravel::platform {
 
-// What the core asks of its surroundings besides flows and connections. One object per process (or
-// per simulated run); it outlives everything that was made with it. Usable from any thread.
+// What the core needs from its environment besides flows and connections. One object per process
+// (or per simulated run); it outlives everything that was made with it. Usable from any thread.
 class Platform {
  public:
   Platform() = default;
@@ -28,7 +28,7 @@ class Platform {
   virtual std::shared_ptr<DispatchTimer> makeTimer(std::shared_ptr<DispatchQueue> queue) = 0;
 
   virtual std::shared_ptr<Log> makeLog(std::string subsystem, std::string category) = 0;
-  // The process's default log, for lines whose object is gone.
+  // The process's default log, for lines whose object no longer exists.
   virtual Log& defaultLog() = 0;
   // One line to the plain system log.
   virtual void systemLog(std::string_view line) = 0;

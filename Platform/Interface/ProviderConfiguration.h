@@ -9,7 +9,7 @@
 
 namespace ostravel::platform {
 
-// A configuration value of a type that the system has no use for: null, a list, a nested object.
+// A configuration value of a type that the system does not use: null, a list, a nested object.
 struct OtherConfigurationValue {
   friend bool operator==(const OtherConfigurationValue&, const OtherConfigurationValue&) = default;
 };

@@ -37,7 +37,7 @@ class TCPConnection : public Observable {
   virtual void addObserver(std::weak_ptr<KeyValueObserver> observer, std::string_view keyPath) = 0;
   virtual void removeObserver(KeyValueObserver& observer, std::string_view keyPath) = 0;
 
-  // Completes as soon as minimum bytes are there, with at most maximum bytes.
+  // Completes as soon as minimum bytes have arrived, with at most maximum bytes.
   virtual void read(std::size_t minimum, std::size_t maximum, ReadCompletion completion) = 0;
 
   // Completes when all of data has been accepted for delivery to the peer.

@@ -17,7 +17,7 @@ struct RunState {
   Journal journal;
 
   // Runs the action on the object from the run queue, late if the faults say so, unless the object
-  // is gone by then.
+  // has been destroyed by then.
   template <typename Object>
   void deliver(const std::shared_ptr<Object>& object, void (Object::*action)()) {
     queue.postAfter(faults.latency(), [weakObject = std::weak_ptr<Object>(object), action] {

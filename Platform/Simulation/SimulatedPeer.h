@@ -20,8 +20,8 @@ enum class EndOfStream { absentData, emptyData };
 
 // The far end of a flow or of a connection, the application or the proxy, played by the test.
 //
-// Owned by its near end, and by the test if that looks at it after the near end is gone. What it
-// does takes effect through the run queue: nothing completes before the run goes on.
+// Owned by its near end, and by the test if it looks at it after the near end is destroyed. What it
+// does takes effect through the run queue: nothing completes before the run continues.
 class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
  public:
   // name: of the near end, for the journal.
@@ -109,7 +109,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   void closeWriting(const platform::OptionalError& error);
   // Neither direction was closed yet.
   bool isUntouched() const { return !readingClosed_ && !writingClosed_; }
-  // Both directions end with the error for the near end only; the far end goes on without it.
+  // Both directions end with the error for the near end only; the far end is unaffected.
   // call: what the near end did, for the journal.
   void leaveToSystem(std::string_view call, const platform::Error& error);
   // Nothing more is transferred: reads report the error, or the end without one; writes fail.
@@ -118,7 +118,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   void abandon(const platform::Error& error);
   // A reset, because a stream that was cut off must not look complete.
   void cutOff() { sawReset_ = true; }
-  // The near end is gone: what is outstanding is cancelled.
+  // The near end is destroyed: what is outstanding is cancelled.
   void detach();
   // A flow went away: what the application makes of it if it was not closed.
   void detachUnclosed();

@@ -75,7 +75,7 @@ class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
   bool holdingOpen_ = false;
   bool openWasRequested_ = false;
   bool opened_ = false;
-  // The first read or write lets the application's first packet go on.
+  // The first read or write releases the application's first packet.
   bool isPacketHeld_ = true;
   std::optional<platform::HostEndpoint> requestedLocalEndpoint_;
   platform::ErrorCompletion openCompletion_;

@@ -47,7 +47,8 @@ struct SimulationOptions {
 //
 // Nothing runs unless run(), advance() or runUntil() is called, or something waits for it in a sync
 // call. One thread for everything: neither the simulation nor anything that it made may be used
-// from a second one. Outlives everything that it made; when it goes, what has not run is dropped.
+// from a second one. Outlives everything that it made; what has not run when it is destroyed is
+// dropped.
 //
 // Misuse of the seam, such as a second outstanding read, throws std::logic_error out of the
 // offending call, and with it out of run().
@@ -66,7 +67,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
   void run() { run_.queue.run(); }
   // Runs, and lets this much virtual time pass, moment by moment.
   void advance(std::chrono::nanoseconds duration) { run_.queue.advance(duration); }
-  // For an item that is slow: time passes and nothing else happens meanwhile.
+  // For an item that is slow: time passes and nothing else happens.
   void spend(std::chrono::nanoseconds duration) { run_.queue.spend(duration); }
   // Runs, and lets time pass when nothing else can happen, until the predicate holds; false when it
   // does not within the limit.
@@ -112,7 +113,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
   void setProtocolConfiguration(std::optional<platform::TunnelProviderProtocol> configuration);
 
   // The requested connections, by number from zero. The connection itself is the provider's, and
-  // null when it is gone; its peer stays.
+  // null when it is destroyed; its peer stays.
   std::size_t connectionCount() const { return connections_.size(); }
   std::shared_ptr<SimulatedTCPConnection> connection(std::size_t number) const;
   std::shared_ptr<SimulatedPeer> peer(std::size_t number) const;

@@ -22,7 +22,7 @@ struct FlowEnds {
 };
 
 // What the contract tests need of a platform: one object per test, which makes a platform, plays
-// the rest of the world, and takes everything down when it is destroyed. Used by the test's
+// the rest of the world, and removes everything when it is destroyed. Used by the test's
 // thread unless something else is said.
 class ContractEnvironment {
  public:
@@ -40,7 +40,7 @@ class ContractEnvironment {
   // Lets the platform work until the condition holds; false when it still does not after a time
   // that is far longer than anything takes.
   virtual bool waitUntil(const Condition& condition) = 0;
-  // Lets what was under way before the call arrive, as far as it does without time passing.
+  // Lets operations that were under way before the call complete, as far as that takes no time.
   virtual void settle() = 0;
   // The time that timers go by. From any thread.
   virtual std::chrono::nanoseconds now() const = 0;

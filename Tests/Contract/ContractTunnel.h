@@ -43,7 +43,7 @@ class ContractTunnel : public std::enable_shared_from_this<ContractTunnel> {
   void down();
   void writeUp(platform::Data data, platform::ErrorCompletion completion);
   void writeDown(platform::Data data, platform::ErrorCompletion completion);
-  // Writes what was read, and goes on with the next read.
+  // Writes what was read, and continues with the next read.
   platform::ReadCompletion thenWrite(Write write, Step next);
   platform::ErrorCompletion thenContinue(Step next);
   std::shared_ptr<platform::TCPConnection> connection() const;

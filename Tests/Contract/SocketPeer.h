@@ -13,7 +13,8 @@
 namespace ostravel::contract {
 
 // A peer with a real socket. What it can do at once it does inside the call; the rest is done by
-// the thread of the SocketPeers that it belongs to.
+// the thread of the SocketPeers that it belongs to. Never blocks, unlike TestSocket: many peers
+// share that thread.
 class SocketPeer final : public ContractPeer {
  public:
   enum class Stage { idle, connecting, connected };
@@ -32,7 +33,7 @@ class SocketPeer final : public ContractPeer {
   // What to poll for; 0 for nothing.
   short awaitedEvents() const;
   int descriptor() const;
-  // Goes on where it had stopped.
+  // Continues where it stopped.
   void proceed();
 
   void send(std::string bytes) override;

@@ -84,7 +84,7 @@ def eventually(condition, what, seconds=GENEROUS_SECONDS):
     deadline = time.monotonic() + seconds
     while not (found := condition()):
         assert time.monotonic() < deadline, f"timed out waiting for: {what}"
-        # Yields the processor to those who make it true.
+        # Yields the processor to what makes it true.
         select.select([], [], [], 0.01)
     return found
 

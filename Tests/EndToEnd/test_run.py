@@ -270,7 +270,7 @@ def test_a_second_live_job_reports_the_first(live, laboratory):
     assert second.program.wait() == 2
     (line,) = second.program.errors.since()
     assert "another instance is running in this network namespace" in line
-    # Which goes on.
+    # Which continues.
     live.wait_until_proxied()
     assert live.program.stop() == 0
 

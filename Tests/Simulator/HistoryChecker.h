@@ -31,7 +31,7 @@ struct Violation {
 //
 //  - A success that arrives after the close still counts: it is reported, its leftover is written
 //    to the closed flow, and its identifier stays among the established ones for ever.
-//  - After the close the handshake goes on asking: the answer is read after a request that was
+//  - After the close the handshake keeps reading: the answer is read after a request that was
 //    written meanwhile. And a chunk that was being read is still written.
 //  - A timeout that has begun when the answer arrives is reported after the success.
 //  - Stopping forgets the tunnels without closing them. Their identifiers are never released.
@@ -63,7 +63,7 @@ class HistoryChecker {
 
   // Between two steps: what the provider counts.
   void compareCounts(const Counts& counts);
-  // Before time goes on to this moment, at which nothing is left to be done earlier.
+  // Before time advances to this moment: nothing earlier is pending.
   void passTime(std::chrono::nanoseconds now);
   // Time has jumped to this moment while nothing could run: what is overdue is not late yet.
   void excuseDelay(std::chrono::nanoseconds now);

@@ -10,7 +10,7 @@ namespace ostravel::simulator {
 using platform::KeyValueObserver;
 using platform::OptionalError;
 
-// Stands between the simulated connection and the system's observer.
+// Between the simulated connection and the system's observer.
 class ObservedConnection::Notification final : public KeyValueObserver,
                                                public std::enable_shared_from_this<Notification> {
  public:

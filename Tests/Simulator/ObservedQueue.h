@@ -15,7 +15,7 @@ class ObservedQueue final : public platform::DispatchQueue {
  public:
   ObservedQueue(World& world, std::string label, platform::DispatchQueueKind kind);
 
-  // What is submitted waits from now on; or what waits, goes on.
+  // Stalled: items wait from now on. Otherwise: waiting items run.
   void setStalled(bool stalled);
 
   const std::string& label() const override { return queue_.label(); }

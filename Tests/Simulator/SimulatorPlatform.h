@@ -18,13 +18,14 @@
 
 namespace ostravel::simulator {
 
-// The surroundings of the provider in a run, made of the simulation's parts: all that the system
-// asks of them is recorded, and is a point at which it can be preempted.
+// The environment of the provider in a run, made of the simulation's parts. Every call of the core
+// is recorded, and is a point at which the core can be preempted. Implements the seam itself rather
+// than deriving from Simulation, whose parts are not made to be observed.
 class SimulatorPlatform final : public platform::Platform, public platform::ProviderContext {
  public:
   static constexpr std::string_view kMonitoringPath = "/run/monitor";
 
-  // Gives the script of a flow, null when there is none any more.
+  // Returns the script of a flow, null if it no longer exists.
   using ScriptSource = std::function<FlowScript*(std::uint32_t flow)>;
 
   SimulatorPlatform(World& world, std::uint64_t seed, ScriptSource scriptOf);
@@ -33,7 +34,7 @@ class SimulatorPlatform final : public platform::Platform, public platform::Prov
   // The clock of the day is set by this much.
   void jumpClock(double seconds);
   void setMonitored(bool monitored) { isMonitored_ = monitored; }
-  // Events wait until they are let through again.
+  // While stalled, events wait.
   void stallMonitor(bool stalled);
 
   std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,

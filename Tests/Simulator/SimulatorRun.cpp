@@ -106,7 +106,7 @@ class Run {
                              : kPauses[random_.below(kPauses.size())];
   }
 
-  // Runs items, and looks after each of them whether all is well.
+  // Runs items, and checks the invariants after each.
   void advanceUntil(const std::function<bool()>& predicate, std::chrono::nanoseconds limit) {
     world_.queue().runUntil(
         [this, &predicate] {

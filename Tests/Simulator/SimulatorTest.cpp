@@ -58,7 +58,7 @@ TEST(SimulatorTest, TheSameSeedGivesTheSameRun) {
   }
 }
 
-// With every compiler and with every option. Record them anew, after a look at why, when the core
+// With every compiler and with every option. Find out why, then record new ones, when the core
 // calls its platform in another order.
 TEST(SimulatorTest, RecordedSeedsGiveTheRecordedRuns) {
   struct Recorded {

@@ -10,7 +10,8 @@
 namespace ostravel::simulator {
 
 // Keeps the completions of one flow and of its connection from running inside one another, also
-// when one of them is preempted: what comes meanwhile runs later, in order. Shared by the two.
+// when one of them is preempted: what arrives in the meantime runs later, in order. Shared by the
+// two.
 class Strand : public std::enable_shared_from_this<Strand> {
  public:
   explicit Strand(World& world) : world_(world) {}

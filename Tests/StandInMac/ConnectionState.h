@@ -48,7 +48,7 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   std::unique_lock<std::recursive_mutex> holdChanges() { return std::unique_lock(changing_); }
 
  private:
-  // Null when the object is gone or on its way.
+  // Null if the object is destroyed or being destroyed.
   macos::Reference<NWTCPConnection*> object();
   void finishConnecting(int error);
   // Starts the operation, now or once it is connected, or has it fail. Expects the lock to be held.

@@ -14,8 +14,8 @@
 namespace ostravel::standin {
 
 // The state of a flow object, which it outlives as a record. A flow that is released
-// unclosed goes on without the provider until it was taken or carried something; SystemBehaviour
-// says what happens to it after that.
+// unclosed before it was taken, or before it carried anything, continues without the provider;
+// SystemBehaviour says what happens to it after that.
 class FlowState final : public FlowRecord, public std::enable_shared_from_this<FlowState> {
  public:
   using ErrorBlock = macos::Reference<macos::ErrorBlock>;

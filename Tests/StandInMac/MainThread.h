@@ -9,7 +9,7 @@ namespace ostravel::standin {
 // Runs the work on it, after all earlier work, inside an autorelease pool.
 void runOnMainThread(std::function<void()> work);
 
-// For that thread itself: hands it over. Work that came earlier has waited.
+// Called by that thread: hands it over. Earlier work has waited for this.
 [[noreturn]] void handOverMainThread();
 
 }  // namespace ostravel::standin

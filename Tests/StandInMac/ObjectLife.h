@@ -12,7 +12,7 @@ class ObjectLife {
   void retain() { ++references_; }
   // True for the last reference.
   bool release() { return --references_ == 0; }
-  // False when the object is gone or on its way.
+  // False if the object is destroyed or being destroyed.
   bool tryRetain() {
     auto count = references_.load();
     while (count > 0) {

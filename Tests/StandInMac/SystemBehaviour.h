@@ -6,7 +6,7 @@ namespace ostravel::standin {
 enum class RefusedConnection { disconnects, waits };
 
 // What happens to a flow that the provider has taken and then releases without closing it. Flows
-// that were not taken always go on without the provider.
+// that were not taken always continue without the provider.
 enum class ReleasedFlow {
   // The application's stream is reset.
   resets,

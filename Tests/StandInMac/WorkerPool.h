@@ -20,7 +20,7 @@ void runOnWorker(std::function<void()> work);
 bool pollOnWorker(std::span<pollfd> entries,
                   std::optional<std::chrono::milliseconds> timeout = std::nullopt);
 
-// Returns when all work there was has been done, but for what waits for descriptors that are not
+// Returns when all work submitted so far is done, except what waits for descriptors that are not
 // ready.
 void settleWorkers();
 

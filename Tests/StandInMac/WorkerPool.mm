@@ -17,7 +17,7 @@ namespace {
 
 class WorkerPool {
  public:
-  // Returns when the threads have ended. What comes later is not done.
+  // Returns when the threads have ended. Later work is not run.
   void end() {
     {
       const std::lock_guard guard(lock_);

@@ -30,7 +30,7 @@ class ChildProcess {
   // The next line of standard output or error, without its line feed; "" at the end.
   std::string readOutputLine() { return readLine(output_); }
   std::string readErrorLine() { return readLine(error_); }
-  // All that is left, to the end.
+  // Everything else, to the end.
   std::string readOutput() { return readToEnd(output_); }
   std::string readError() { return readToEnd(error_); }
   // Waits until there is some, and leaves it unread.

@@ -26,7 +26,7 @@ class CallInProgress {
   static inline thread_local bool isRunning_ = false;
 };
 
-// What has become of operations: its completions may be given to any number of them. Usable from
+// The outcome of operations: its completions may be given to any number of them. Usable from
 // any thread; the completions may outlive it.
 class Outcome {
  public:

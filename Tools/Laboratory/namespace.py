@@ -27,7 +27,7 @@ def _open_current():
 
 
 def make_mounts_private():
-    """Gives the calling thread mounts of its own, and with it all that it starts from now on."""
+    """Gives the calling thread mounts of its own, inherited by all that it starts from now on."""
     _check(_libc.unshare(CLONE_NEWNS), "no mount namespace can be made")
     run("mount", "--make-rprivate", "/")
 
@@ -115,7 +115,7 @@ class Namespace:
         os.close(outside)
 
     def enter(self):
-        """Moves the calling thread inside for good, and with it all that it starts from now on."""
+        """Moves the calling thread inside permanently, with all that it starts from now on."""
         _check(_libc.setns(self._descriptor, CLONE_NEWNET), "setns")
 
     def run(self, *arguments, given=None):

@@ -24,20 +24,20 @@ enum class RunOrder {
   seeded,
 };
 
-// Everything that is going to happen in a run: items that may run now, and alarms at moments of
-// virtual time. Time does not pass while anything can run. Single-threaded.
+// Everything that will happen in a run: items that may run now, and alarms at moments of virtual
+// time. Time does not pass while anything can run. Single-threaded.
 class RunQueue {
  public:
   using Work = std::function<void()>;
   using AlarmNumber = std::uint64_t;
-  // Decides in the place of a seed: gives a number below bound, which is above one.
+  // Decides instead of a seed: gives a number below bound, which is above one.
   using Chooser = std::function<std::uint64_t(std::uint64_t bound)>;
 
   // With more items at one moment of virtual time, items submit one another endlessly.
   static constexpr std::size_t kMaximumItemsPerMoment = 2'000'000;
 
   RunQueue(RunOrder order, SeededRandom random);
-  // A seeded order whose numbers the chooser gives, so that a test can go through all of them.
+  // A seeded order whose numbers come from the chooser, so that a test can try all of them.
   explicit RunQueue(Chooser chooser);
   RunQueue(const RunQueue&) = delete;
   RunQueue& operator=(const RunQueue&) = delete;
@@ -69,14 +69,14 @@ class RunQueue {
   bool runAnother();
   bool canRunAnother() const { return !running_.empty() && !runnable_.empty(); }
   // Runs items until none can run; virtual time does not pass. Like the two below it throws
-  // std::logic_error when it is called from an item, and when it does not come to an end.
+  // std::logic_error when it is called from an item, and when it does not end.
   void run();
   // Lets virtual time pass, running what becomes due at its moment and in its order.
   void advance(std::chrono::nanoseconds duration);
   // An item takes this long: time passes and nothing else happens meanwhile.
   void spend(std::chrono::nanoseconds duration);
   // Runs items, and lets time pass whenever none can run, until the predicate holds or the limit of
-  // virtual time is over; says whether it holds. The predicate is asked after every item.
+  // virtual time is reached; returns whether it holds. The predicate is tested after every item.
   bool runUntil(const std::function<bool()>& predicate, std::chrono::nanoseconds limit);
 
   // Drops all items and alarms without running them.

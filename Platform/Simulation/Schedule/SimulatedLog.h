@@ -21,7 +21,7 @@ struct LogRecord {
   std::chrono::nanoseconds moment{0};
 };
 
-// A log handle whose lines are kept in the simulation, also after the handle is gone.
+// A log handle whose lines the simulation keeps, even after the handle is destroyed.
 class SimulatedLog final : public platform::Log {
  public:
   SimulatedLog(const RunQueue& run, std::vector<LogRecord>& records, std::string subsystem,

@@ -8,7 +8,7 @@
 
 namespace ostravel::simulation {
 
-// A queue whose items run in the one run queue. Items that are run side by side elsewhere are run
+// A queue whose items run in the one run queue. Items that would run side by side elsewhere run
 // one after the other here, in any order that the rules allow. A sync item runs in the caller,
 // after what must precede it; where it would wait forever it throws std::logic_error.
 class SimulatedQueue final : public platform::DispatchQueue {

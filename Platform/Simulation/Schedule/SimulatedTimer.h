@@ -26,7 +26,7 @@ class SimulatedTimer final : public platform::DispatchTimer {
   void cancel() override;
 
  private:
-  // What alarms and submitted items still need when the timer is gone.
+  // What alarms and submitted items still need after the timer is destroyed.
   struct State {
     explicit State(RunQueue& queueOfRun) : run(queueOfRun) {}
 

@@ -14,7 +14,8 @@ using ErrorBlock = void (^)(NSError* error);
 using ReadBlock = void (^)(NSData* data, NSError* error);
 
 // The system's completion handlers around the core's, which run on the queue. owner is the object
-// that was asked: it stays while the completion runs, which it also does once that object is gone.
+// that was asked: it is kept while the completion runs. The completion runs even if the object no
+// longer exists.
 Reference<ErrorBlock> errorBlock(std::shared_ptr<CompletionQueue> queue,
                                  std::weak_ptr<const void> owner,
                                  platform::ErrorCompletion completion);

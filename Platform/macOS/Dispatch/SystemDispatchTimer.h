@@ -7,8 +7,8 @@
 
 namespace ostravel::macos {
 
-// A timer source of Dispatch. The source keeps the handler, so that an expiration under way is safe
-// from the end of this object.
+// A timer source of Dispatch. The source keeps the handler, so that an expiration under way
+// outlives this object safely.
 class SystemDispatchTimer final : public platform::DispatchTimer {
  public:
   explicit SystemDispatchTimer(dispatch_queue_t queue);

@@ -11,7 +11,7 @@ class SystemDispatchTimer::HandlerSlot {
   void set(Handler handler) {
     auto replacement = std::make_shared<const Handler>(std::move(handler));
     const std::lock_guard guard(lock_);
-    // The old handler ends with replacement, after the lock: it may hold what comes back here.
+    // The old handler is destroyed with replacement, after the lock: its destructor may call us.
     handler_.swap(replacement);
   }
 

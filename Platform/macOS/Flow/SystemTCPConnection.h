@@ -15,7 +15,7 @@ namespace ostravel::macos {
 
 // A connection that the system has made for the provider, which shares the queue of the completion
 // that it is made in. Over nil, which the system gives for an endpoint that it cannot use, it stays
-// invalid for ever, and its transfers fail.
+// invalid forever, and its transfers fail.
 class SystemTCPConnection final : public platform::TCPConnection,
                                   public std::enable_shared_from_this<SystemTCPConnection> {
  public:

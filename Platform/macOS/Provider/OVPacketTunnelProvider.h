@@ -17,7 +17,7 @@ using ProviderFactory =
     std::function<std::unique_ptr<platform::TransparentProxyProvider>(platform::ProviderContext&)>;
 
 // The system makes the principal object by the name of its class and passes it nothing, so what it
-// needs is left here, before the process enters system-extension mode. Calling this is also what
+// needs is stored here, before the process enters system-extension mode. Calling this is also what
 // makes a linker take the class in.
 void setProviderFactory(ProviderFactory factory);
 

@@ -13,7 +13,7 @@ namespace ostravel::macos {
 // settings again crashes. Owned by the principal object. Usable from any thread; calls completions
 // without a lock.
 //
-// A failed start, too, is the result of all starts until the next stop.
+// A failed start is also the result of all starts until the next stop.
 class StartCoalescer {
  public:
   // The completion with which to start the provider, when this is the first start since the last
@@ -21,7 +21,7 @@ class StartCoalescer {
   // known already.
   std::optional<platform::ErrorCompletion> admit(platform::ErrorCompletion completion);
 
-  // The next start is a first one again. Starts that still wait get the result of theirs.
+  // The next start is a first one again. Pending starts get the result of theirs.
   void noteStop();
 
  private:

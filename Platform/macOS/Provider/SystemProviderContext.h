@@ -10,9 +10,9 @@
 
 namespace ostravel::macos {
 
-// What the system does for its provider, asked of the principal object, which makes this one and
-// is held weakly. Work of the core that is still under way when that object has gone finds a
-// context that fails everything. Usable from any thread.
+// What the system does for its provider, requested from the principal object, which makes this one
+// and is held weakly. If the core still works when that object has been destroyed, every request
+// fails. Usable from any thread.
 //
 // An operation may release the last reference to the principal object, which then ends, and lets go
 // of the core's provider, before the operation returns.

@@ -33,7 +33,7 @@ std::string_view nameOf(FlowEnd end) {
   return kNames[static_cast<std::size_t>(end)];
 }
 
-// Notes what it is told; of several ends the first.
+// Records what it is notified of; of several ends, the first.
 class NotingObserver final : public platform::FlowObserver {
  public:
   void decided(FlowRule rule) override { rules.push_back(rule); }

@@ -1,5 +1,5 @@
 // Breaks one rule of the frameworks that the host application uses, named by the argument, and
-// prints what comes of it. So the stand-in is known to notice what the host application must not
+// prints the result. So the stand-in is known to notice what the host application must not
 // do.
 
 #import <NetworkExtension/NetworkExtension.h>

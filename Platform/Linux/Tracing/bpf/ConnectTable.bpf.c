@@ -298,7 +298,7 @@ INLINE u64 mountChanges(struct State* state, struct task_struct* task) {
   return mounts != 0 ? read64(&mounts->event) : 0;
 }
 
-// Stands for where the running file is: changes whenever the file's path does, because it or a
+// Identifies where the running file is: changes whenever the file's path does, because it or a
 // folder above it was renamed, removed or mounted elsewhere, and with every change of the mounts in
 // the extension's mount namespace. 0 if unknown.
 //
@@ -474,7 +474,7 @@ SECTION("sockops") int operate(struct SocketOperation* context) {
 }
 
 // True if the extension has decided that this very process belongs to the local proxy. A child, or
-// the same process with another program or user, has to be decided about anew.
+// the same process with another program or user, needs a new decision.
 INLINE int isOfProxy(void* context, const struct State* state, struct task_struct* task) {
   const u32 process = (u32)task->tgid;
   const struct Marked* const decided = lookupElement(&marked, &process);

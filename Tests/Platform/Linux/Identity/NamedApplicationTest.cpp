@@ -92,7 +92,7 @@ TEST_P(NamedApplicationTest, AFlatpakApplication) {
   };
   EXPECT_EQ(identifierIn(kAlices + "app-flatpak-org.example.Editor-4711.scope", cover),
             "org.example.Editor");
-  // Without the group, nothing is known of such a program.
+  // Without the group, nothing is known about such a program.
   EXPECT_EQ(identifierIn(kAlices + "x.scope", cover), "");
 }
 

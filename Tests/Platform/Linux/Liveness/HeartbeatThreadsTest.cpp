@@ -62,7 +62,7 @@ class HeartbeatThreadsTest : public ::testing::Test {
     return testing::waitUntil([this] { return heartbeat_.check(); }, limit);
   }
 
-  // Every answer that comes has come once those who are not blocked have had a turn.
+  // Once everything that is not blocked has had a turn, no further answer can arrive.
   HeartbeatParticipants laggardsOnce(HeartbeatParticipants expected) {
     const auto deadline = std::chrono::steady_clock::now() + 20s;
     do {

@@ -14,6 +14,10 @@ namespace ostravel::testing {
 linuxplatform::SocketEndpoint loopbackIPv4(std::uint16_t port);
 linuxplatform::SocketEndpoint loopbackIPv6(std::uint16_t port);
 
+// Sockets and endpoints in the types of the platform, of every protocol and family, for tests of
+// what the kernel knows about a socket. TestSocket, which depends on nothing under test, is for
+// moving bytes.
+
 // A flow over the loopback interface.
 linuxplatform::FlowTuple flowOverIPv4(linuxplatform::TransportProtocol protocol,
                                       std::uint16_t source, std::uint16_t destination);
