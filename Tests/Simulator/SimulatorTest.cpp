@@ -67,7 +67,7 @@ TEST(SimulatorTest, RecordedSeedsGiveTheRecordedRuns) {
   };
   for (const auto& [seed, digest] :
        {Recorded{1, 0xc4cd699779cf5c1d}, Recorded{7, 0xfe0e734291e020ad},
-        Recorded{42, 0x5a75c32b56df9ba8}, Recorded{4711, 0x9a69972edb180f3e},
+        Recorded{42, 0x77eb64e53aea9d3b}, Recorded{4711, 0x163acacdd58a9b88},
         Recorded{20261, 0x39cb3daae6eb35e2}}) {
     EXPECT_EQ(play({.seed = seed}).digest, digest) << "seed " << seed;
   }
