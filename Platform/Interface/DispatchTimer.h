@@ -22,8 +22,9 @@ class DispatchTimer {
   // Replaces the handler; an expiration that has not yet started runs the new one.
   virtual void setEventHandler(Handler handler) = 0;
 
-  // First expiration delay from now, then every interval if there is one. The platform may be late
-  // by up to leeway to save wake-ups, except for an expiration that is due at once.
+  // First expiration delay from now, then every interval, which is positive, if there is one. The
+  // platform may be late by up to leeway to save wake-ups, except for an expiration that is due at
+  // once.
   virtual void schedule(std::chrono::nanoseconds delay,
                         std::optional<std::chrono::nanoseconds> interval,
                         std::chrono::nanoseconds leeway) = 0;

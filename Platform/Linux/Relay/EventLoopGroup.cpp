@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "Platform/Linux/Relay/ProgrammingError.h"
+#include "Platform/Linux/Services/ProgrammingError.h"
 
 namespace ostravel::linuxplatform {
 

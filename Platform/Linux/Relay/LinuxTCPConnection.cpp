@@ -9,8 +9,8 @@
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Relay/EventLoop.h"
-#include "Platform/Linux/Relay/ProgrammingError.h"
 #include "Platform/Linux/Relay/SocketError.h"
+#include "Platform/Linux/Services/ProgrammingError.h"
 
 namespace ostravel::linuxplatform {
 

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "Platform/Linux/Relay/PipeChunk.h"
-#include "Platform/Linux/Relay/ProgrammingError.h"
 #include "Platform/Linux/Relay/SocketError.h"
+#include "Platform/Linux/Services/ProgrammingError.h"
 
 namespace ostravel::linuxplatform {
 

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <mutex>
-#include <stdexcept>
 #include <utility>
+
+#include "Platform/Linux/Services/ProgrammingError.h"
 
 namespace ostravel::linuxplatform {
 
@@ -76,7 +77,7 @@ void LinuxDispatchTimer::setEventHandler(Handler handler) {
 void LinuxDispatchTimer::schedule(nanoseconds delay, std::optional<nanoseconds> interval,
                                   nanoseconds leeway) {
   if (interval && *interval <= kZero) {
-    throw std::logic_error("the interval of a repeating timer is not positive");
+    programmingError("the interval of a repeating timer is not positive");
   }
   const std::lock_guard lock(state_->mutex);
   state_->nextExpiration = later(Clock::now(), std::max(delay, kZero));

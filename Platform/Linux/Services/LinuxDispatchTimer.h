@@ -20,7 +20,8 @@ class LinuxDispatchTimer final : public platform::DispatchTimer {
   ~LinuxDispatchTimer() override;
 
   void setEventHandler(Handler handler) override;
-  // Replaces an earlier schedule. Throws std::logic_error if the interval is not positive.
+  // Replaces an earlier schedule. An interval that is not positive is a programming
+  // error.
   void schedule(std::chrono::nanoseconds delay, std::optional<std::chrono::nanoseconds> interval,
                 std::chrono::nanoseconds leeway) override;
   void resume() override;

@@ -5,7 +5,7 @@
 
 namespace ostravel::linuxplatform {
 
-// Ends the process with a message: a caller broke a rule that protects bytes from loss or mix-up.
+// Ends the process with a message: a caller has broken a rule of the seam.
 [[noreturn]] inline void programmingError(const char* message) {
   std::fprintf(stderr, "ostravel: programming error: %s\n", message);
   std::abort();
