@@ -49,7 +49,12 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
   trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
 }
 
-ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
+ApplicationIdentifierSource::~ApplicationIdentifierSource() {
+  // Flows that were offered refer to it for longer than the watch is valid.
+  if (proxyPort_) {
+    proxyPort_->watch(std::nullopt);
+  }
+}
 
 void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,
                                                ConnectTracer::Detail wanted,
@@ -63,6 +68,7 @@ void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,
   tracer_ = *std::move(tracer);
   if (auto publisher = ConnectPublisher::start(*tracer_, proxyPort, marks)) {
     publisher_ = *std::move(publisher);
+    proxyPort_->watch(publisher_->listener());
   }
 }
 
@@ -109,7 +115,7 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
     }
     const Process& owner = proxy_->owner();
     result.proxy.emplace(ProcessLife(owner.pid, owner.stamp.startTime), proxy_->listenerCookie(),
-                         proxyPort_);
+                         proxyPort_, proxy_->settledChanges());
     result.mayBelongToProxy = mayDialForProxy(sender.process);
   }
   if (sender.process != nullptr) {
