@@ -49,6 +49,9 @@ PacketTunnelProvider::PacketTunnelProvider(platform::Platform& platform,
       proxyHealthQueue_(platform.makeQueue("com.ostravel.proxyHealth", DispatchQueueKind::serial)),
       bypassCacheQueue_(
           platform.makeQueue("com.ostravel.bypassCache", DispatchQueueKind::concurrent)) {
+  // Both only guard a table.
+  activeTunnelsQueue_->itemsNeverBlock();
+  bypassCacheQueue_->itemsNeverBlock();
   log_->info("OstravelProxy: init()");
 }
 

@@ -26,6 +26,10 @@ class DispatchQueue {
 
   virtual const std::string& label() const = 0;
 
+  // A promise about all items: each is short and never blocks. A platform may then run them on a
+  // thread that must not wait, and keeps every order all the same. Called before the first item.
+  virtual void itemsNeverBlock() {}
+
   // Returns at once; the item runs later on a thread of the platform.
   virtual void async(Work work) = 0;
   virtual void asyncBarrier(Work work) = 0;

@@ -51,6 +51,7 @@ EventLoop* EventLoop::current() {
 
 void EventLoop::run() {
   currentLoop = this;
+  setCurrent(this);
   blockBrokenPipeSignal();
   ::pthread_setname_np(::pthread_self(), ("loop-" + std::to_string(index_)).c_str());
   while (!isStopping_) {
@@ -58,6 +59,7 @@ void EventLoop::run() {
     waitForEvents();
     timers_.runDue(LoopTimers::Clock::now());
   }
+  setCurrent(nullptr);
   currentLoop = nullptr;
 }
 
@@ -139,6 +141,24 @@ void EventLoop::stop() {
   if (thread_.joinable()) {
     thread_.join();
     streams_.dropCompletions();
+    for (WaitingQueue& waiting : std::exchange(waitingQueues_, {})) {
+      waiting.pool->submit(std::move(waiting.client));
+    }
+  }
+}
+
+// Queues
+
+void EventLoop::giveTurn(WorkerPool& pool, std::shared_ptr<WorkerPool::Client> client) {
+  waitingQueues_.push_back({&pool, std::move(client)});
+  if (waitingQueues_.size() == 1) {
+    post([this] { giveTurns(); });
+  }
+}
+
+void EventLoop::giveTurns() {
+  for (const WaitingQueue& waiting : std::exchange(waitingQueues_, {})) {
+    waiting.client->takeTurn();
   }
 }
 

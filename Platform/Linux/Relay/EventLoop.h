@@ -21,6 +21,7 @@
 #include "Platform/Linux/Relay/StreamRegistry.h"
 #include "Platform/Linux/Relay/Task.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
+#include "Platform/Linux/Services/LocalTurns.h"
 #include "Platform/Linux/Services/MemoryBudget.h"
 
 namespace ostravel::linuxplatform {
@@ -35,7 +36,7 @@ class RedirectPath;
 // A turn of the loop: what was posted, a bounded number of items; then what the sockets report;
 // then transfers that had to wait (FairTurns) and timers. Nothing is polled while there is nothing
 // to do.
-class EventLoop {
+class EventLoop : private LocalTurns {
  public:
   // Statistics since the loop started. Written and read on the loop only.
   struct Counters {
@@ -55,7 +56,7 @@ class EventLoop {
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
   // Stops the loop. Pending work is destroyed without running.
-  ~EventLoop();
+  ~EventLoop() override;
 
   // The loop that the calling thread runs; null on every other thread.
   static EventLoop* current();
@@ -66,6 +67,11 @@ class EventLoop {
 
   // How this process marks its sockets and packets. From any thread.
   const PacketMarks& marks() const { return marks_; }
+
+  // Whether the sockets that this process connects have their mark and TCP_NODELAY without asking
+  // for it. From any thread.
+  bool presetsSockets() const { return presetsSockets_; }
+  void setPresetsSockets(bool presets) { presetsSockets_ = presets; }
 
   // May be null. From any thread.
   RedirectPath* redirectPath() const { return redirectPath_.get(); }
@@ -130,6 +136,9 @@ class EventLoop {
   void takeTurnOfTransfers();
   void destroyPending();
 
+  void giveTurn(WorkerPool& pool, std::shared_ptr<WorkerPool::Client> client) override;
+  void giveTurns();
+
   const unsigned index_;
   const PacketMarks marks_;
   const std::shared_ptr<RedirectPath> redirectPath_;
@@ -148,10 +157,18 @@ class EventLoop {
   std::unordered_set<std::shared_ptr<void>> kept_;
   std::unique_ptr<FlowListener> listener_;
 
+  // A queue that wants a turn here, and the pool that gives it one if this loop cannot.
+  struct WaitingQueue {
+    WorkerPool* pool = nullptr;
+    std::shared_ptr<WorkerPool::Client> client;
+  };
+  std::vector<WaitingQueue> waitingQueues_;
+
   // What the loop has posted to itself, from nextTask_ on.
   std::vector<Task> tasks_;
   std::size_t nextTask_ = 0;
 
+  std::atomic<bool> presetsSockets_ = false;
   std::atomic<bool> isStopping_ = false;
   std::mutex lock_;
   // Both guarded by lock_: what other threads have posted, and whether they have to wake the loop.

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <utility>
 
+#include "Platform/Linux/Services/LocalTurns.h"
+
 namespace ostravel::linuxplatform {
 
 using platform::DispatchQueueKind;
@@ -76,13 +78,15 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
  public:
   explicit State(WorkerPool& pool) : pool_(pool) {}
 
+  void itemsNeverBlock() { mayRunLocally_ = true; }
+
   void submit(Access access, Work work) {
     auto entry = std::make_unique<Entry>(access, std::move(work));
     pool_.itemSubmitted();
     const std::lock_guard lock(mutex_);
     if (access == Access::shared && tryEnter(Access::shared)) {
       ready_.append(entry.release());
-      pool_.submit(shared_from_this());
+      requestTurn();
       return;
     }
     joinLine(entry.release());
@@ -183,7 +187,7 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
       } else {
         front->next = nullptr;
         ready_.append(front);
-        pool_.submit(shared_from_this());
+        requestTurn();
         wakeFirstWaiter();
       }
     }
@@ -220,9 +224,18 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
     }
   }
 
+  void requestTurn() {
+    LocalTurns* const here = mayRunLocally_ ? LocalTurns::current() : nullptr;
+    if (here != nullptr) {
+      here->giveTurn(pool_, shared_from_this());
+    } else {
+      pool_.submit(shared_from_this());
+    }
+  }
+
   void callPool() {
     if (!std::exchange(isPoolCalled_, true)) {
-      pool_.submit(shared_from_this());
+      requestTurn();
     }
   }
 
@@ -253,6 +266,8 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
   }
 
   WorkerPool& pool_;
+  // Set before the first item.
+  bool mayRunLocally_ = false;
   std::atomic<std::uint32_t> word_ = 0;
   // The pool was asked to run the exclusive item at the front and has not started.
   bool isPoolCalled_ = false;
@@ -271,6 +286,10 @@ LinuxDispatchQueue::LinuxDispatchQueue(WorkerPool& pool, std::string label, Disp
       state_(std::make_shared<State>(pool)) {}
 
 LinuxDispatchQueue::~LinuxDispatchQueue() = default;
+
+void LinuxDispatchQueue::itemsNeverBlock() {
+  state_->itemsNeverBlock();
+}
 
 void LinuxDispatchQueue::async(Work work) {
   state_->submit(usualAccess_, std::move(work));

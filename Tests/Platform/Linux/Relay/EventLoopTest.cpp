@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <future>
 #include <memory>
 #include <optional>
@@ -12,6 +13,8 @@
 
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Services/LinuxDispatchQueue.h"
+#include "Platform/Linux/Services/WorkerPool.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTunnel.h"
 
@@ -35,6 +38,104 @@ TEST_F(EventLoopTest, RunsWorkInOrderAndNeverInsideTheCall) {
   });
   drain();
   EXPECT_EQ(onLoop([&order] { return order; }), (std::vector{1, 2, 3}));
+}
+
+// Queues whose items never block.
+class LocalQueueTest : public EventLoopTest {
+ protected:
+  LocalQueueTest() { queue_.itemsNeverBlock(); }
+
+  WorkerPool pool_;
+  LinuxDispatchQueue queue_{pool_, "local", platform::DispatchQueueKind::concurrent};
+};
+
+TEST_F(LocalQueueTest, RunsItsItemsOnTheLoopThatSubmitsThem) {
+  std::vector<EventLoop*> ranOn;
+  onLoop([&] {
+    queue_.async([&ranOn] { ranOn.push_back(EventLoop::current()); });
+    queue_.asyncBarrier([&ranOn] { ranOn.push_back(EventLoop::current()); });
+    EXPECT_TRUE(ranOn.empty()) << "not inside the call";
+  });
+  drain();
+  EXPECT_EQ(onLoop([&ranOn] { return ranOn; }), (std::vector{&loop(), &loop()}));
+}
+
+TEST_F(LocalQueueTest, KeepsTheOrderOfItems) {
+  std::string order;
+  onLoop([&] {
+    queue_.asyncBarrier([&order] { order += "1"; });
+    loop().post([this, &order] { queue_.asyncBarrier([&order] { order += "3"; }); });
+    queue_.asyncBarrier([&order] { order += "2"; });
+  });
+  drain();
+  // Waits for all of them.
+  queue_.syncBarrier([&order] { order += "4"; });
+  EXPECT_EQ(order, "1234");
+}
+
+// The loop is busy, and another thread needs what its items do.
+TEST_F(LocalQueueTest, AWaitingThreadRunsTheItemsItself) {
+  std::promise<void> isSubmitted;
+  std::promise<void> isDone;
+  std::vector<int> order;
+  loop().post([&] {
+    queue_.asyncBarrier([&order] { order.push_back(1); });
+    isSubmitted.set_value();
+    isDone.get_future().wait();
+  });
+  isSubmitted.get_future().wait();
+  queue_.sync([&order] { order.push_back(2); });
+  isDone.set_value();
+  EXPECT_EQ(order, (std::vector{1, 2}));
+  drain();
+}
+
+TEST_F(LocalQueueTest, ASyncItemOnTheLoopRunsTheOnesAheadOfIt) {
+  std::vector<int> order;
+  onLoop([&] {
+    queue_.asyncBarrier([&order] { order.push_back(1); });
+    queue_.sync([&order] { order.push_back(2); });
+    order.push_back(3);
+  });
+  EXPECT_EQ(order, (std::vector{1, 2, 3}));
+}
+
+TEST_F(LocalQueueTest, RunsOnThePoolWhatAStoppedLoopHasNot) {
+  std::promise<EventLoop*> ranOn;
+  std::promise<void> isSubmitted;
+  loop().post([&] {
+    queue_.async([&ranOn] { ranOn.set_value(EventLoop::current()); });
+    isSubmitted.set_value();
+    while (!loop().isStopping()) {
+      std::this_thread::yield();
+    }
+  });
+  isSubmitted.get_future().wait();
+  loop().stop();
+  EXPECT_EQ(ranOn.get_future().get(), nullptr);
+  EXPECT_TRUE(pool_.drain(std::chrono::steady_clock::now() + kPatience));
+}
+
+TEST_F(LocalQueueTest, ItemsOfSeveralThreadsExcludeEachOther) {
+  constexpr int kItems = 2000;
+  int count = 0;
+  std::vector<std::thread> threads;
+  for (int number = 0; number < 2; ++number) {
+    threads.emplace_back([this, &count] {
+      for (int item = 0; item < kItems; ++item) {
+        queue_.asyncBarrier([&count] { ++count; });
+      }
+    });
+  }
+  for (int item = 0; item < kItems; ++item) {
+    loop().post([this, &count] { queue_.asyncBarrier([&count] { ++count; }); });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  drain();
+  EXPECT_TRUE(pool_.drain(std::chrono::steady_clock::now() + kPatience));
+  EXPECT_EQ(count, 3 * kItems);
 }
 
 TEST_F(EventLoopTest, StopsAndDestroysPendingWork) {
