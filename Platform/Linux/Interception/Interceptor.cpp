@@ -127,6 +127,7 @@ Interceptor::Interceptor(Parts parts)
       leftFlows_(log_),
       redirects_(std::move(parts.redirects)),
       aliveKeeper_(std::move(parts.aliveKeeper)) {
+  loops_.setPresetsSockets(identifiers_->presetsOwnSockets());
   loop_.post([this] { waitForPackets(); });
   membership_.emplace(parts.heartbeat.join(
       eventLoopParticipant(loop_.index()),
@@ -140,6 +141,7 @@ Interceptor::Interceptor(Parts parts)
 }
 
 Interceptor::~Interceptor() {
+  loops_.setPresetsSockets(false);
   redirects_->stop();
   // Rules first, so that no new packet enters a queue that is no longer read.
   aliveKeeper_->removeTable();

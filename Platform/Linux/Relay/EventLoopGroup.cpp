@@ -43,6 +43,12 @@ EventLoopGroup::~EventLoopGroup() {
   stop();
 }
 
+void EventLoopGroup::setPresetsSockets(bool presets) {
+  for (const auto& loop : loops_) {
+    loop->setPresetsSockets(presets);
+  }
+}
+
 std::shared_ptr<LinuxTCPConnection> EventLoopGroup::connect(
     const platform::HostEndpoint& endpoint) {
   EventLoop* const current = EventLoop::current();

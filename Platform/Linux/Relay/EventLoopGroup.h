@@ -31,6 +31,9 @@ class EventLoopGroup {
   unsigned size() const { return static_cast<unsigned>(loops_.size()); }
   EventLoop& loop(unsigned index) { return *loops_[index]; }
 
+  // See EventLoop. From any thread.
+  void setPresetsSockets(bool presets);
+
   // Starts a connection to an address literal and a decimal port on the calling loop, so that a
   // flow and its connection share one. Only on a loop.
   static std::shared_ptr<LinuxTCPConnection> connect(const platform::HostEndpoint& endpoint);

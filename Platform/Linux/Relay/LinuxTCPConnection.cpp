@@ -88,11 +88,14 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
   if (!descriptor.isOpen()) {
     return errno;
   }
-  // Without the permission to set it nothing is intercepted, so it cannot be confused with a flow.
-  const std::uint32_t mark = stream_.loop().marks().own();
-  ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   LoopSocket::resetUnlessClosed(descriptor.get());
-  LoopSocket::sendWithoutDelay(descriptor.get());
+  if (!stream_.loop().presetsSockets()) {
+    // Without the permission to set it nothing is intercepted, so it cannot be confused with a
+    // flow.
+    const std::uint32_t mark = stream_.loop().marks().own();
+    ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
+    LoopSocket::sendWithoutDelay(descriptor.get());
+  }
   if (::connect(descriptor.get(), address.get(), address.size) != 0 && errno != EINPROGRESS &&
       errno != EINTR) {
     return errno;
