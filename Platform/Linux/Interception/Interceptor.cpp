@@ -25,10 +25,11 @@ using namespace std::chrono_literals;
 
 // Tolerates one late beat.
 static_assert(Heartbeat::kInterval * 4 <= InterceptionTable::kAliveTimeout);
-// Packets read before other work of the loop gets its turn.
-constexpr std::size_t kMaximumBurst = 64;
-// The same if they need slow searches, which must not make the loop appear hung.
-constexpr auto kLongestBurst = 100ms;
+// Packets read before other work of the loop gets its turn: each may take a tenth of a millisecond,
+// and a new tunnel needs a few turns.
+constexpr std::size_t kMaximumBurst = 16;
+// The same if they need slow searches.
+constexpr auto kLongestBurst = 10ms;
 // The flows of a busy desktop within the longest lifetime of an entry.
 constexpr std::size_t kRememberedFlows = 8192;
 
