@@ -24,6 +24,7 @@ FOREIGN_PROGRAMS = {
     "openssl": "openssl",
     "prlimit": "util-linux",
     "setpriv": "util-linux",
+    "strace": "strace",
     "tinyproxy": "tinyproxy-bin",
     "unshare": "util-linux",
 }
