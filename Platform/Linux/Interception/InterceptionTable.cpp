@@ -2,10 +2,7 @@
 
 #include <arpa/inet.h>  // must precede <linux/in.h> (linux/libc-compat.h)
 #include <libmnl/libmnl.h>
-#include <libnftnl/chain.h>
-#include <libnftnl/rule.h>
 #include <libnftnl/set.h>
-#include <libnftnl/table.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter_ipv4.h>
@@ -18,6 +15,7 @@
 #include "Platform/Interface/ProviderError.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Kernel/NetfilterRule.h"
+#include "Platform/Linux/Kernel/TableChanges.h"
 
 namespace ostravel::linuxplatform {
 
@@ -39,8 +37,6 @@ constexpr const char* kRefuseChain = "refuse";
 constexpr const char* kDivertChain = "divert";
 constexpr const char* kRedirectChain = "deliver";
 
-constexpr std::uint32_t kTableOwnerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than some headers
-
 // The refuse chain tests the mark that the verdict has just set, so it must follow the offer chain;
 // a mark set before the nat hook is visible there.
 constexpr std::int32_t kOfferPriority = NF_IP_PRI_MANGLE;
@@ -56,65 +52,12 @@ constexpr const char* kRateSetChange = "set of rates";
 constexpr const char* kRateRuleChange = "rate rule";
 constexpr const char* kQueueRuleChange = "queue rule";
 
-using TableHandle = std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)>;
-using ChainHandle = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
 using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
 
-// Collects the changes that make up the table, for the kernel and in the words of nft(8).
-struct TableChanges {
-  NetfilterBatch batch;
-  std::string script;
-};
-
-// One command of the script: what is added, where, and its definition.
-void say(TableChanges& changes, const std::string& what, const std::string& definition = "") {
-  const auto space = what.find(' ');
-  changes.script += "add " + what.substr(0, space) + " inet " + kTable + what.substr(space) +
-                    (definition.empty() ? "" : " " + definition) + "\n";
-}
-
-void addTable(TableChanges& changes) {
-  const TableHandle table(::nftnl_table_alloc(), &::nftnl_table_free);
-  ::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, kTable);
-  ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_INET);
-  ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, kTableOwnerFlag);
-  changes.script += std::string("add table inet ") + kTable + " { flags owner; }\n";
-  changes.batch.add(
-      "table", NFT_MSG_NEWTABLE, NFPROTO_INET, NLM_F_CREATE | NLM_F_EXCL,
-      [&table](nlmsghdr* header) { ::nftnl_table_nlmsg_build_payload(header, table.get()); });
-}
-
-void addChain(TableChanges& changes, const char* name, const char* type, std::int32_t priority) {
-  say(changes, std::string("chain ") + name,
-      std::string("{ type ") + type + " hook output priority " + std::to_string(priority) +
-          "; policy accept; }");
-  const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
-  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
-  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
-  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, type);
-  ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, NF_INET_LOCAL_OUT);
-  ::nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, priority);
-  ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
-  changes.batch.add(
-      std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
-      [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
-}
-
-// A chain without a hook, reached only by a jump.
-void addChain(TableChanges& changes, const char* name) {
-  say(changes, std::string("chain ") + name);
-  const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
-  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
-  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
-  changes.batch.add(
-      std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
-      [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
-}
-
 void addAliveSet(TableChanges& changes) {
-  say(changes, std::string("set ") + kAliveSet,
-      "{ type inet_proto; flags timeout; timeout " +
-          std::to_string(InterceptionTable::kAliveTimeout.count()) + "ms; }");
+  changes.say(std::string("set ") + kAliveSet,
+              "{ type inet_proto; flags timeout; timeout " +
+                  std::to_string(InterceptionTable::kAliveTimeout.count()) + "ms; }");
   constexpr std::uint32_t kSetId = 1;
   const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
@@ -126,7 +69,7 @@ void addAliveSet(TableChanges& changes) {
   ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT);
   ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT,
                       static_cast<std::uint64_t>(InterceptionTable::kAliveTimeout.count()));
-  changes.batch.add(
+  changes.batch().add(
       "set with time-outs", NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
       [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
@@ -136,9 +79,9 @@ void addRatesSet(TableChanges& changes) {
   constexpr std::uint32_t kSetId = 2;
   constexpr std::uint32_t kUsers = 65'535;
   constexpr std::uint64_t kTimeoutMilliseconds = 5000;
-  say(changes, std::string("set ") + kRatesSet,
-      "{ type uid; flags timeout, dynamic; size " + std::to_string(kUsers) + "; timeout " +
-          std::to_string(kTimeoutMilliseconds) + "ms; }");
+  changes.say(std::string("set ") + kRatesSet, "{ type uid; flags timeout, dynamic; size " +
+                                                   std::to_string(kUsers) + "; timeout " +
+                                                   std::to_string(kTimeoutMilliseconds) + "ms; }");
   const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kRatesSet);
@@ -149,7 +92,7 @@ void addRatesSet(TableChanges& changes) {
   ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT | NFT_SET_EVAL);
   ::nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, kUsers);
   ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT, kTimeoutMilliseconds);
-  changes.batch.add(
+  changes.batch().add(
       kRateSetChange, NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
       [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
 }
@@ -177,14 +120,6 @@ void removeAliveElements(NetfilterBatch& batch) {
   const SetHandle set = makeAliveReference();
   batch.add("set flush", NFT_MSG_DELSETELEM, NFPROTO_INET, 0,
             [&set](nlmsghdr* header) { ::nftnl_set_elems_nlmsg_build_payload(header, set.get()); });
-}
-
-void addRule(TableChanges& changes, std::string change, const NetfilterRule& rule) {
-  say(changes, std::string("rule ") + ::nftnl_rule_get_str(rule.get(), NFTNL_RULE_CHAIN),
-      rule.text());
-  changes.batch.add(
-      std::move(change), NFT_MSG_NEWRULE, NFPROTO_INET, NLM_F_CREATE | NLM_F_APPEND,
-      [&rule](nlmsghdr* header) { ::nftnl_rule_nlmsg_build_payload(header, rule.get()); });
 }
 
 struct TranslatedRule {
@@ -259,9 +194,9 @@ Result<Selection> translate(const TransparentProxyNetworkSettings& settings) {
 
 // Most packets do not start a flow; test for those first.
 void addRulesForLaterPackets(TableChanges& changes, const char* chain) {
-  addRule(changes, "tcp rule", NetfilterRule(kTable, chain).notFirstOfTCP().accept());
-  addRule(
-      changes, "conntrack rule",
+  changes.add("tcp rule", NetfilterRule(kTable, chain).notFirstOfTCP().accept());
+  changes.add(
+      "conntrack rule",
       NetfilterRule(kTable, chain).protocol(TransportProtocol::udp).notNewConnection().accept());
 }
 
@@ -280,8 +215,8 @@ void addRulesForDestinationsWithoutRoute(TableChanges& changes, const char* chai
       {{AddressFamily::ipv6, {0xff}, 0}, 8},                 // multicast (RFC 4291)
   }};
   for (const Network& network : kNetworks) {
-    addRule(changes, "rule",
-            NetfilterRule(kTable, chain).destination(network.address, network.prefix).accept());
+    changes.add("rule",
+                NetfilterRule(kTable, chain).destination(network.address, network.prefix).accept());
   }
 }
 
@@ -292,42 +227,41 @@ void addSelection(TableChanges& changes, const char* chain, const std::string& c
                   const Selection& selection, Finish finish) {
   addRulesForDestinationsWithoutRoute(changes, chain);
   for (const TranslatedRule& excluded : selection.excluded) {
-    addRule(changes, "rule", matchingRule(chain, excluded).accept());
+    changes.add("rule", matchingRule(chain, excluded).accept());
   }
   for (const TranslatedRule& included : selection.included) {
     NetfilterRule rule = matchingRule(chain, included);
     finish(rule, included.protocol);
-    addRule(changes, change, rule);
+    changes.add(change, rule);
   }
 }
 
 void addOfferRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks) {
   addRulesForLaterPackets(changes, kOfferChain);
   // Our own packets, and those of programs that use our mark bits for something else.
-  addRule(changes, "mark rule",
-          NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
-  addRule(changes, "set rule",
-          NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
+  changes.add("mark rule",
+              NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
+  changes.add("set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
   // A retransmitted SYN, which already had its verdict. After a reply, which then belongs to an
   // earlier connection with the same addresses and ports, a SYN starts a new connection.
-  addRule(changes, "conntrack rule",
-          NetfilterRule(kTable, kOfferChain)
-              .protocol(TransportProtocol::tcp)
-              .trackedWithoutReply()
-              .accept());
+  changes.add("conntrack rule", NetfilterRule(kTable, kOfferChain)
+                                    .protocol(TransportProtocol::tcp)
+                                    .trackedWithoutReply()
+                                    .accept());
   addSelection(changes, kOfferChain, "jump rule", selection,
                [](NetfilterRule& rule, TransportProtocol /*protocol*/) { rule.jump(kQueueChain); });
 }
 
 void addRateRule(TableChanges& changes, std::uint32_t perSecond) {
-  addRule(
-      changes, kRateRuleChange,
+  changes.add(
+      kRateRuleChange,
       NetfilterRule(kTable, kQueueChain).userExceedsRate(kRatesSet, perSecond, perSecond).accept());
 }
 
 void addRefuseRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks) {
-  addRule(changes, "mark rule",
-          NetfilterRule(kTable, kRefuseChain).markOtherThan(marks.mask(), marks.refuse()).accept());
+  changes.add(
+      "mark rule",
+      NetfilterRule(kTable, kRefuseChain).markOtherThan(marks.mask(), marks.refuse()).accept());
   addRulesForLaterPackets(changes, kRefuseChain);
   addSelection(changes, kRefuseChain, "reject rule", selection,
                [](NetfilterRule& rule, TransportProtocol protocol) {
@@ -341,7 +275,7 @@ void addRefuseRules(TableChanges& changes, const Selection& selection, const Pac
 
 void addDivertRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks,
                     const std::vector<InterceptionTable::ListenerPorts>& listeners) {
-  addRule(changes, "mark rule", NetfilterRule(kTable, kDivertChain).mark(marks.mask(), 0).accept());
+  changes.add("mark rule", NetfilterRule(kTable, kDivertChain).mark(marks.mask(), 0).accept());
   addRulesForLaterPackets(changes, kDivertChain);
   addSelection(
       changes, kDivertChain, "jump rule", selection,
@@ -349,12 +283,11 @@ void addDivertRules(TableChanges& changes, const Selection& selection, const Pac
   const auto addRedirect = [&changes, &marks](unsigned loop, AddressFamily family,
                                               std::uint16_t port) {
     if (port != 0) {
-      addRule(changes, "redirect rule",
-              NetfilterRule(kTable, kRedirectChain)
-                  .mark(marks.mask(), marks.redirect(loop))
-                  .family(family)
-                  .protocol(TransportProtocol::tcp)
-                  .redirect(port));
+      changes.add("redirect rule", NetfilterRule(kTable, kRedirectChain)
+                                       .mark(marks.mask(), marks.redirect(loop))
+                                       .family(family)
+                                       .protocol(TransportProtocol::tcp)
+                                       .redirect(port));
     }
   };
   for (unsigned loop = 0; loop < listeners.size(); ++loop) {
@@ -419,27 +352,27 @@ struct KernelFeatures {
 
 TableChanges makeChanges(const Plan& plan, const Selection& selection,
                          const KernelFeatures& features) {
-  TableChanges changes;
-  addTable(changes);
+  TableChanges changes(kTable);
   addAliveSet(changes);
-  addChain(changes, kQueueChain);
+  changes.addChain(kQueueChain);
   if (features.canLimitRates) {
     addRatesSet(changes);
     addRateRule(changes, plan.packetsPerSecond);
   }
-  addRule(changes, kQueueRuleChange,
-          NetfilterRule(kTable, kQueueChain)
-              .queue(plan.queueNumber, features.hasQueueExpression
-                                           ? NetfilterRule::QueueStatement::native
-                                           : NetfilterRule::QueueStatement::compatibilityTarget));
-  addChain(changes, kOfferChain, "filter", kOfferPriority);
-  addChain(changes, kRefuseChain, "filter", kRefusePriority);
-  addChain(changes, kDivertChain, "nat", kDivertPriority);
-  addChain(changes, kRedirectChain);
+  changes.add(
+      kQueueRuleChange,
+      NetfilterRule(kTable, kQueueChain)
+          .queue(plan.queueNumber, features.hasQueueExpression
+                                       ? NetfilterRule::QueueStatement::native
+                                       : NetfilterRule::QueueStatement::compatibilityTarget));
+  changes.addChain(kOfferChain, {"filter", TableChanges::Hook::output, kOfferPriority});
+  changes.addChain(kRefuseChain, {"filter", TableChanges::Hook::output, kRefusePriority});
+  changes.addChain(kDivertChain, {"nat", TableChanges::Hook::output, kDivertPriority});
+  changes.addChain(kRedirectChain);
   addOfferRules(changes, selection, plan.marks);
   addRefuseRules(changes, selection, plan.marks);
   addDivertRules(changes, selection, plan.marks, plan.listeners);
-  addAliveElements(changes.batch);
+  addAliveElements(changes.batch());
   return changes;
 }
 
@@ -453,7 +386,7 @@ OptionalError applyToKernel(const Plan& plan, Apply apply) {
   KernelFeatures features;
   while (true) {
     TableChanges changes = makeChanges(plan, *selection, features);
-    const std::optional<NetfilterBatch::Failure> failure = apply(changes.batch);
+    const std::optional<NetfilterBatch::Failure> failure = apply(changes.batch());
     if (!failure) {
       return std::nullopt;
     }
@@ -507,7 +440,7 @@ Result<std::string> InterceptionTable::script(const TransparentProxyNetworkSetti
     return selection.error();
   }
   return makeChanges({settings, marks, queueNumber, listeners, kPacketsPerSecond}, *selection, {})
-      .script;
+      .script();
 }
 
 OptionalError InterceptionTable::refreshAlive() {

@@ -24,6 +24,7 @@ constexpr std::uint32_t kRegister = NFT_REG_1;
 // Offsets in the fixed headers (RFC 791, RFC 8200, RFC 9293, RFC 768).
 constexpr std::uint32_t kIPv4DestinationOffset = 16;
 constexpr std::uint32_t kIPv6DestinationOffset = 24;
+constexpr std::uint32_t kSourcePortOffset = 0;
 constexpr std::uint32_t kDestinationPortOffset = 2;
 constexpr std::uint32_t kTCPFlagsOffset = 13;
 
@@ -57,6 +58,17 @@ nftnl_expr* makeExpression(const char* name) {
     throw std::bad_alloc();
   }
   return expression;
+}
+
+nftnl_expr* makeLimit(std::uint32_t perSecond, std::uint32_t burst, std::uint32_t flags) {
+  constexpr std::uint64_t kSecond = 1;
+  nftnl_expr* const limit = makeExpression("limit");
+  ::nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, perSecond);
+  ::nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_UNIT, kSecond);
+  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_BURST, burst);
+  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKTS);
+  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_FLAGS, flags);
+  return limit;
 }
 
 }  // namespace
@@ -242,31 +254,47 @@ NetfilterRule& NetfilterRule::destinationNotLoopback(AddressFamily destinationFa
   return *this;
 }
 
-NetfilterRule& NetfilterRule::destinationPort(std::uint16_t port) {
+void NetfilterRule::comparePort(std::uint32_t offset, std::uint16_t port) {
   const std::uint16_t inNetworkOrder = htons(port);
-  loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kDestinationPortOffset, sizeof inNetworkOrder);
+  loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, offset, sizeof inNetworkOrder);
   compare(NFT_CMP_EQ, bytesOf(inNetworkOrder));
+}
+
+NetfilterRule& NetfilterRule::destinationPort(std::uint16_t port) {
+  comparePort(kDestinationPortOffset, port);
   return say("th dport " + std::to_string(port));
+}
+
+NetfilterRule& NetfilterRule::sourcePort(std::uint16_t port) {
+  comparePort(kSourcePortOffset, port);
+  return say("th sport " + std::to_string(port));
+}
+
+NetfilterRule& NetfilterRule::withinRate(std::uint32_t perSecond, std::uint32_t burst) {
+  ::nftnl_rule_add_expr(get(), makeLimit(perSecond, burst, 0));
+  return say("limit rate " + std::to_string(perSecond) + "/second burst " + std::to_string(burst) +
+             " packets");
 }
 
 NetfilterRule& NetfilterRule::userExceedsRate(const char* set, std::uint32_t perSecond,
                                               std::uint32_t burst) {
-  constexpr std::uint64_t kSecond = 1;
   loadMeta(NFT_META_SKUID);
-  nftnl_expr* const limit = makeExpression("limit");
-  ::nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_RATE, perSecond);
-  ::nftnl_expr_set_u64(limit, NFTNL_EXPR_LIMIT_UNIT, kSecond);
-  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_BURST, burst);
-  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_TYPE, NFT_LIMIT_PKTS);
-  ::nftnl_expr_set_u32(limit, NFTNL_EXPR_LIMIT_FLAGS, NFT_LIMIT_F_INV);
   nftnl_expr* const expression = makeExpression("dynset");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_SREG_KEY, kRegister);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_OP, NFT_DYNSET_OP_UPDATE);
   ::nftnl_expr_set_str(expression, NFTNL_EXPR_DYNSET_SET_NAME, set);
-  ::nftnl_expr_add_expr(expression, NFTNL_EXPR_DYNSET_EXPRESSIONS, limit);
+  ::nftnl_expr_add_expr(expression, NFTNL_EXPR_DYNSET_EXPRESSIONS,
+                        makeLimit(perSecond, burst, NFT_LIMIT_F_INV));
   ::nftnl_rule_add_expr(get(), expression);
   return say("update @" + std::string(set) + " { meta skuid limit rate over " +
              std::to_string(perSecond) + "/second burst " + std::to_string(burst) + " packets }");
+}
+
+NetfilterRule& NetfilterRule::log(std::uint16_t group) {
+  nftnl_expr* const expression = makeExpression("log");
+  ::nftnl_expr_set_u16(expression, NFTNL_EXPR_LOG_GROUP, group);
+  ::nftnl_rule_add_expr(get(), expression);
+  return say("log group " + std::to_string(group));
 }
 
 NetfilterRule& NetfilterRule::accept() {

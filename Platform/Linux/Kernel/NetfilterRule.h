@@ -49,11 +49,17 @@ class NetfilterRule {
   NetfilterRule& destinationNotLoopback(AddressFamily family);
   // th dport port
   NetfilterRule& destinationPort(std::uint16_t port);
+  // th sport port
+  NetfilterRule& sourcePort(std::uint16_t port);
+  // limit rate perSecond/second burst burst packets: matches no packet above the rate
+  NetfilterRule& withinRate(std::uint32_t perSecond, std::uint32_t burst);
 
   // update @set { meta skuid limit rate over perSecond/second burst burst packets }: matches the
   // packets that exceed the user's rate; the set must support expressions.
   NetfilterRule& userExceedsRate(const char* set, std::uint32_t perSecond, std::uint32_t burst);
 
+  // log group number: copies the packet and goes on
+  NetfilterRule& log(std::uint16_t group);
   NetfilterRule& accept();
   // jump chain
   NetfilterRule& jump(const char* chain);
@@ -81,6 +87,7 @@ class NetfilterRule {
   void testProtocol(TransportProtocol protocol);
   void testFamily(AddressFamily family);
   void compare(std::uint32_t operation, std::span<const std::byte> value);
+  void comparePort(std::uint32_t offset, std::uint16_t port);
   void immediate(std::span<const std::byte> value);
 
   std::unique_ptr<nftnl_rule, NetfilterRuleRelease> rule_;

@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::size_t kIPv4MinimumHeader = 20;
 constexpr std::size_t kIPv6Header = 40;
+constexpr std::size_t kTCPFlags = 13;
 constexpr unsigned kMaximumExtensionHeaders = 8;
 
 // Bounds-checked big-endian reads; a read past the end makes the whole packet unreadable.
@@ -17,6 +18,7 @@ class Reader {
  public:
   explicit Reader(std::span<const std::byte> bytes) : bytes_(bytes) {}
 
+  std::size_t size() const { return bytes_.size(); }
   bool has(std::size_t size) const { return bytes_.size() >= size; }
   void skip(std::size_t size) { bytes_ = bytes_.subspan(std::min(size, bytes_.size())); }
 
@@ -80,30 +82,86 @@ std::optional<std::uint8_t> readIPv6(Reader& reader, FlowTuple& tuple) {
   return std::nullopt;
 }
 
-}  // namespace
+struct Transport {
+  FlowTuple tuple;
+  // From the transport header on.
+  Reader reader;
+};
 
-std::optional<FirstPacket> parseFirstPacket(std::span<const std::byte> packet) {
-  Reader reader(packet);
+std::optional<Transport> readNetworkHeader(std::span<const std::byte> packet) {
+  Transport transport{{}, Reader(packet)};
+  Reader& reader = transport.reader;
   if (!reader.has(1)) {
     return std::nullopt;
   }
-  FirstPacket parsed;
   std::optional<std::uint8_t> protocol;
   const unsigned version = reader.byte(0) >> 4U;
   if (version == 4) {
-    protocol = readIPv4(reader, parsed.tuple);
+    protocol = readIPv4(reader, transport.tuple);
   } else if (version == 6) {
-    protocol = readIPv6(reader, parsed.tuple);
+    protocol = readIPv6(reader, transport.tuple);
   }
   constexpr std::size_t kPortsAndSequence = 8;
   if ((protocol != IPPROTO_TCP && protocol != IPPROTO_UDP) || !reader.has(kPortsAndSequence)) {
     return std::nullopt;
   }
-  const bool isTCP = protocol == IPPROTO_TCP;
-  parsed.tuple.protocol = isTCP ? TransportProtocol::tcp : TransportProtocol::udp;
-  parsed.tuple.source.port = reader.word(0);
-  parsed.tuple.destination.port = reader.word(2);
-  parsed.initialSequence = isTCP ? reader.longWord(4) : 0;
+  transport.tuple.protocol =
+      protocol == IPPROTO_TCP ? TransportProtocol::tcp : TransportProtocol::udp;
+  transport.tuple.source.port = reader.word(0);
+  transport.tuple.destination.port = reader.word(2);
+  return transport;
+}
+
+// What the network header says is there from itself on; more than its own size for a packet that
+// the kernel has not split up yet, whose header may say 0.
+std::size_t sizeInHeader(std::span<const std::byte> packet) {
+  const Reader reader(packet);
+  const bool isIPv4 = reader.byte(0) >> 4U == 4;
+  const std::size_t size = isIPv4 ? reader.word(2) : reader.word(4) + kIPv6Header;
+  return size > (isIPv4 ? 0 : kIPv6Header) ? size : packet.size();
+}
+
+}  // namespace
+
+std::optional<FirstPacket> parseFirstPacket(std::span<const std::byte> packet) {
+  const auto transport = readNetworkHeader(packet);
+  if (!transport) {
+    return std::nullopt;
+  }
+  const bool isTCP = transport->tuple.protocol == TransportProtocol::tcp;
+  return FirstPacket{transport->tuple, isTCP ? transport->reader.longWord(4) : 0};
+}
+
+std::optional<TransportPacket> parseTransportPacket(std::span<const std::byte> packet) {
+  const auto transport = readNetworkHeader(packet);
+  if (!transport) {
+    return std::nullopt;
+  }
+  const Reader& reader = transport->reader;
+  TransportPacket parsed;
+  parsed.tuple = transport->tuple;
+  constexpr std::size_t kUDPHeader = 8;
+  constexpr std::size_t kTCPMinimumHeader = 20;
+  std::size_t headerSize = kUDPHeader;
+  if (parsed.tuple.protocol == TransportProtocol::tcp) {
+    if (!reader.has(kTCPMinimumHeader)) {
+      return std::nullopt;
+    }
+    parsed.sequence = reader.longWord(4);
+    parsed.flags = reader.byte(kTCPFlags);
+    headerSize = (reader.byte(12) >> 4U) * std::size_t{4};
+    if (headerSize < kTCPMinimumHeader) {
+      return std::nullopt;
+    }
+  }
+  const std::size_t before = packet.size() - reader.size() + headerSize;
+  const std::size_t whole = sizeInHeader(packet);
+  if (before > packet.size() || before > whole) {
+    return std::nullopt;
+  }
+  parsed.payloadSize = whole - before;
+  parsed.payload = packet.subspan(before);
+  parsed.payload = parsed.payload.first(std::min(parsed.payload.size(), parsed.payloadSize));
   return parsed;
 }
 

@@ -1,0 +1,174 @@
+#include "Platform/Linux/Kernel/PacketLog.h"
+
+#include <arpa/inet.h>
+#include <libmnl/libmnl.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_log.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// Any free number will do; logging daemons use small ones.
+constexpr std::uint16_t kFirstGroup = 43100;
+constexpr std::uint16_t kLastGroup = 43131;
+
+// A copy, its attributes, and what the kernel adds to reach a page.
+constexpr std::size_t kMessageSize = PacketLog::kCopiedBytes + 4096;
+// A burst of a few hundred usual packets.
+constexpr int kReceiveBuffer = 1024 * 1024;
+
+struct alignas(nlmsghdr) Request : std::array<char, 256> {};
+
+nlmsghdr* putHeader(Request& request, std::uint16_t group) {
+  nlmsghdr* const header = ::mnl_nlmsg_put_header(request.data());
+  header->nlmsg_type = NFNL_SUBSYS_ULOG << 8U | NFULNL_MSG_CONFIG;
+  header->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  header->nlmsg_seq = 1;
+  auto* const extra =
+      static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
+  extra->nfgen_family = AF_UNSPEC;
+  extra->version = NFNETLINK_V0;
+  extra->res_id = htons(group);
+  return header;
+}
+
+// Waits for the acknowledgement; returns errno or 0.
+int send(mnl_socket* socket, const nlmsghdr* request) {
+  if (::mnl_socket_sendto(socket, request, request->nlmsg_len) < 0) {
+    return errno;
+  }
+  alignas(nlmsghdr) std::array<char, kMessageSize> answer;
+  while (true) {
+    const auto received = ::mnl_socket_recvfrom(socket, answer.data(), answer.size());
+    if (received < 0) {
+      return errno;
+    }
+    const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
+    // The group's first packets may come before the answer.
+    if (reply->nlmsg_type == NLMSG_ERROR) {
+      return -static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error;
+    }
+  }
+}
+
+int bindGroup(mnl_socket* socket, std::uint16_t group) {
+  Request request{};
+  nlmsghdr* const header = putHeader(request, group);
+  const nfulnl_msg_config_cmd command{.command = NFULNL_CFG_CMD_BIND};
+  ::mnl_attr_put(header, NFULA_CFG_CMD, sizeof command, &command);
+  return send(socket, header);
+}
+
+int setMode(mnl_socket* socket, std::uint16_t group) {
+  Request request{};
+  nlmsghdr* const header = putHeader(request, group);
+  nfulnl_msg_config_mode mode{};
+  mode.copy_range = htonl(PacketLog::kCopiedBytes);
+  mode.copy_mode = NFULNL_COPY_PACKET;
+  ::mnl_attr_put(header, NFULA_CFG_MODE, sizeof mode, &mode);
+  // Each packet is sent at once, before the application receives it.
+  ::mnl_attr_put_u32(header, NFULA_CFG_QTHRESH, htonl(1));
+  return send(socket, header);
+}
+
+void setSocketOptions(int descriptor) {
+  const int on = 1;
+  // Lost copies are no error.
+  ::setsockopt(descriptor, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
+  ::setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
+}
+
+int readAttribute(const nlattr* attribute, void* into) {
+  auto& attributes = *static_cast<std::array<const nlattr*, NFULA_MAX + 1>*>(into);
+  if (::mnl_attr_type_valid(attribute, NFULA_MAX) >= 0) {
+    attributes[::mnl_attr_get_type(attribute)] = attribute;
+  }
+  return MNL_CB_OK;
+}
+
+platform::Error explain(int error) {
+  return platform::systemCallError(error,
+                                   "the kernel gives no copies of packets (module nfnetlink_log)");
+}
+
+}  // namespace
+
+platform::Result<std::unique_ptr<PacketLog>> PacketLog::open() {
+  auto opened = openNetfilterSocket();
+  if (!opened) {
+    return std::move(opened).error();
+  }
+  NetlinkSocket socket = *std::move(opened);
+  int error = EBUSY;
+  for (std::uint16_t group = kFirstGroup; group <= kLastGroup; ++group) {
+    error = bindGroup(socket.get(), group);
+    // Another process has it.
+    if (error == EBUSY || (error == EPERM && group != kLastGroup)) {
+      continue;
+    }
+    error = error == 0 ? setMode(socket.get(), group) : error;
+    if (error == 0) {
+      setSocketOptions(::mnl_socket_get_fd(socket.get()));
+      return std::unique_ptr<PacketLog>(new PacketLog(std::move(socket), group));
+    }
+    break;
+  }
+  return explain(error);
+}
+
+PacketLog::PacketLog(NetlinkSocket socket, std::uint16_t group)
+    : socket_(std::move(socket)), group_(group), buffer_(kMessageSize) {}
+
+PacketLog::~PacketLog() = default;
+
+int PacketLog::descriptor() const {
+  return ::mnl_socket_get_fd(socket_.get());
+}
+
+bool PacketLog::receive(const std::function<void(const Packet&)>& handler) {
+  const auto received = ::recv(descriptor(), buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+  if (received <= 0) {
+    return false;
+  }
+  int left = static_cast<int>(received);
+  for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
+       ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
+    deliver(header, handler);
+  }
+  return true;
+}
+
+void PacketLog::deliver(const nlmsghdr* message,
+                        const std::function<void(const Packet&)>& handler) {
+  if (message->nlmsg_type != (NFNL_SUBSYS_ULOG << 8U | NFULNL_MSG_PACKET)) {
+    return;
+  }
+  std::array<const nlattr*, NFULA_MAX + 1> attributes{};
+  if (::mnl_attr_parse(message, sizeof(nfgenmsg), &readAttribute, &attributes) < 0 ||
+      attributes[NFULA_PACKET_HDR] == nullptr || attributes[NFULA_PAYLOAD] == nullptr) {
+    return;
+  }
+  const auto* const packetHeader = static_cast<const nfulnl_msg_packet_hdr*>(
+      ::mnl_attr_get_payload(attributes[NFULA_PACKET_HDR]));
+  Packet packet;
+  packet.isOutgoing = packetHeader->hook == NF_INET_LOCAL_OUT;
+  if (packet.isOutgoing && attributes[NFULA_UID] != nullptr) {
+    packet.uid = ntohl(::mnl_attr_get_u32(attributes[NFULA_UID]));
+  }
+  if (attributes[NFULA_IFINDEX_OUTDEV] != nullptr) {
+    packet.outputInterface = ntohl(::mnl_attr_get_u32(attributes[NFULA_IFINDEX_OUTDEV]));
+  }
+  packet.bytes = {static_cast<const std::byte*>(::mnl_attr_get_payload(attributes[NFULA_PAYLOAD])),
+                  ::mnl_attr_get_payload_len(attributes[NFULA_PAYLOAD])};
+  handler(packet);
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,68 @@
+#include "Platform/Linux/Kernel/TableChanges.h"
+
+#include <libmnl/libmnl.h>
+#include <libnftnl/chain.h>
+#include <libnftnl/rule.h>
+#include <libnftnl/table.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+
+#include <memory>
+#include <utility>
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+constexpr std::uint32_t kTableOwnerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than some headers
+
+using TableHandle = std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)>;
+using ChainHandle = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
+
+}  // namespace
+
+TableChanges::TableChanges(const char* name) : table_(name) {
+  const TableHandle table(::nftnl_table_alloc(), &::nftnl_table_free);
+  ::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, table_);
+  ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_INET);
+  ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, kTableOwnerFlag);
+  script_ = std::string("add table inet ") + table_ + " { flags owner; }\n";
+  batch_.add(
+      "table", NFT_MSG_NEWTABLE, NFPROTO_INET, NLM_F_CREATE | NLM_F_EXCL,
+      [&table](nlmsghdr* header) { ::nftnl_table_nlmsg_build_payload(header, table.get()); });
+}
+
+void TableChanges::addChain(const char* name, const Base* base) {
+  const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, table_);
+  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
+  std::string definition;
+  if (base != nullptr) {
+    const bool isOutput = base->hook == Hook::output;
+    ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, base->type);
+    ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM,
+                          isOutput ? NF_INET_LOCAL_OUT : NF_INET_LOCAL_IN);
+    ::nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, base->priority);
+    ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
+    definition = std::string("{ type ") + base->type + " hook " + (isOutput ? "output" : "input") +
+                 " priority " + std::to_string(base->priority) + "; policy accept; }";
+  }
+  say(std::string("chain ") + name, definition);
+  batch_.add(
+      std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
+      [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
+}
+
+void TableChanges::add(std::string change, const NetfilterRule& rule) {
+  say(std::string("rule ") + ::nftnl_rule_get_str(rule.get(), NFTNL_RULE_CHAIN), rule.text());
+  batch_.add(std::move(change), NFT_MSG_NEWRULE, NFPROTO_INET, NLM_F_CREATE | NLM_F_APPEND,
+             [&rule](nlmsghdr* header) { ::nftnl_rule_nlmsg_build_payload(header, rule.get()); });
+}
+
+void TableChanges::say(const std::string& what, const std::string& definition) {
+  const auto space = what.find(' ');
+  script_ += "add " + what.substr(0, space) + " inet " + table_ + what.substr(space) +
+             (definition.empty() ? "" : " " + definition) + "\n";
+}
+
+}  // namespace ostravel::linuxplatform

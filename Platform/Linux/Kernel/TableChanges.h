@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Platform/Linux/Kernel/NetfilterBatch.h"
+#include "Platform/Linux/Kernel/NetfilterRule.h"
+
+namespace ostravel::linuxplatform {
+
+// The changes that make a new inet table of nf_tables, for the kernel and in the words of nft(8).
+// The table is owned by the netlink socket on which the batch is committed: it disappears with that
+// socket, and no other process can change it.
+class TableChanges {
+ public:
+  enum class Hook { input, output };
+  // Where the packets of a chain come from.
+  struct Base {
+    // "filter" or "nat"
+    const char* type;
+    Hook hook;
+    std::int32_t priority;
+  };
+
+  // name: valid as long as this object.
+  explicit TableChanges(const char* name);
+
+  // A chain that a jump leads to.
+  void addChain(const char* name) { addChain(name, nullptr); }
+  // A chain of a hook, which accepts what its rules do not decide about.
+  void addChain(const char* name, const Base& base) { addChain(name, &base); }
+  // change: what a failure of the batch calls it.
+  void add(std::string change, const NetfilterRule& rule);
+
+  // One command of the script: what is added, where, and its definition.
+  void say(const std::string& what, const std::string& definition = "");
+
+  NetfilterBatch& batch() { return batch_; }
+  const std::string& script() const { return script_; }
+
+ private:
+  void addChain(const char* name, const Base* base);
+
+  const char* const table_;
+  NetfilterBatch batch_;
+  std::string script_;
+};
+
+}  // namespace ostravel::linuxplatform
