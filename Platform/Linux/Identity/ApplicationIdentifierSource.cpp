@@ -49,11 +49,33 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
   trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
 }
 
+ApplicationIdentifierSource::ApplicationIdentifierSource(std::shared_ptr<ConnectTracer> tracer,
+                                                         ApplicationRegistrations registrations)
+    : tracer_(std::move(tracer)), registrations_(std::move(registrations)) {
+  if (auto diagnostics = SocketDiagnostics::open()) {
+    diagnostics_ = *std::move(diagnostics);
+  }
+}
+
 ApplicationIdentifierSource::~ApplicationIdentifierSource() {
   // Flows that were offered refer to it for longer than the watch is valid.
   if (proxyPort_) {
     proxyPort_->watch(std::nullopt);
   }
+}
+
+std::unique_ptr<ApplicationIdentifierSource> ApplicationIdentifierSource::forAnotherThread() const {
+  return std::unique_ptr<ApplicationIdentifierSource>(
+      new ApplicationIdentifierSource(tracer_, registrations_));
+}
+
+std::string ApplicationIdentifierSource::applicationOf(const FlowTuple& sent,
+                                                       std::uint32_t outputInterface) {
+  if (!diagnostics_) {
+    return {};
+  }
+  const Sender sender = lookUpSender(sent, outputInterface);
+  return sender.process != nullptr ? identifierOf(*sender.process, *sender.user) : std::string();
 }
 
 void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,

@@ -76,6 +76,14 @@ class ApplicationIdentifierSource {
   // unknown.
   Identification identify(const FirstPacket& first, std::uint32_t outputInterface);
 
+  // A second object for the use of another thread. It shares the records of connects with this one
+  // and knows applications by the same identifiers, but no proxy: it only answers applicationOf.
+  std::unique_ptr<ApplicationIdentifierSource> forAnotherThread() const;
+
+  // The identifier of the application whose socket sends such packets; empty unless it is known for
+  // certain. Does not know the local proxy. Costs system calls.
+  std::string applicationOf(const FlowTuple& sent, std::uint32_t outputInterface);
+
   // Checks who listens on the proxy's port even while nothing is sent, so that a new proxy has
   // passed its trial before the first flow. Call it periodically; returns a sentence for people
   // when everybody's flows may be sent to a new proxy.
@@ -108,6 +116,9 @@ class ApplicationIdentifierSource {
     // Present if the flow must be left to the system, regardless of its sender.
     std::optional<LeaveReason> leaveReason = std::nullopt;
   };
+
+  ApplicationIdentifierSource(std::shared_ptr<ConnectTracer> tracer,
+                              ApplicationRegistrations registrations);
 
   void startTracing(std::uint16_t proxyPort, ConnectTracer::Detail wanted,
                     std::optional<PacketMarks> marks);
@@ -145,7 +156,7 @@ class ApplicationIdentifierSource {
   // Null if the kernel does not support it; then every flow is left to the system.
   std::unique_ptr<SocketDiagnostics> diagnostics_;
   // Null if connects cannot be traced; then processes are looked up in /proc.
-  std::unique_ptr<ConnectTracer> tracer_;
+  std::shared_ptr<ConnectTracer> tracer_;
   // Null if senders cannot be published; then each is looked up.
   std::unique_ptr<ConnectPublisher> publisher_;
   ProcessTable processes_;

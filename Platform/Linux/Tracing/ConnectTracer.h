@@ -41,7 +41,8 @@ class ConnectTracer {
   Detail detail() const { return detail_; }
 
   // The process that last connected the socket, or sent on it unconnected; empty if that was before
-  // the tracer started or many thousand sockets ago. The process may have ended since.
+  // the tracer started or many thousand sockets ago. The process may have ended since. From any
+  // thread.
   std::optional<ConnectRecord> recordOf(std::uint64_t cookie) const;
 
   // The map of records, for further programs in the kernel. Valid as long as this object.
