@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "Platform/Interface/Result.h"
+#include "Platform/Linux/Kernel/NetfilterBatch.h"
+
+namespace ostravel::linuxplatform {
+
+// A second nf_tables table, which copies the DNS messages of this machine's sockets to a PacketLog.
+// It decides about no packet. Like that of interception it is owned by its netlink socket, and so
+// it ends with this object or the process.
+//
+//   table inet ostravel-names
+//     chain queries  output: to port 53, as the application sends them
+//     chain answers  input, after all filters: from port 53, to sockets that have sent something
+//                    there before
+//
+// The kernel copies a limited number a second: whoever sends more costs names, not time.
+class DNSCopies {
+ public:
+  static constexpr const char* kTableName = "ostravel-names";
+  // Of each direction: a browser that starts with all its tabs.
+  static constexpr std::uint32_t kPacketsPerSecond = 2000;
+
+  // group: of the PacketLog. The error's sentence says what failed.
+  static platform::Result<std::unique_ptr<DNSCopies>> install(std::uint16_t group);
+
+  // Such a table as a script for nft(8), one command a line.
+  static std::string script(std::uint16_t group);
+
+ private:
+  explicit DNSCopies(NetlinkSocket socket) : socket_(std::move(socket)) {}
+
+  const NetlinkSocket socket_;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <span>
+#include <vector>
+
+#include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Kernel/PacketParser.h"
+#include "Platform/Linux/Names/DNSMessage.h"
+
+namespace ostravel::linuxplatform {
+
+// Puts the DNS messages together that TCP carries (RFC 1035, section 4.2.2), each direction of a
+// connection separately. What arrives out of order, is too long or was not seen from its beginning
+// is given up: it costs a name and nothing else. Used by one thread at a time.
+class DNSMessageStreams {
+ public:
+  // Least recently used ones are forgotten. Half a megabyte at most.
+  static constexpr std::size_t kCapacity = 128;
+
+  // Passes every message that the packet completes.
+  void receive(const TransportPacket& packet,
+               const std::function<void(std::span<const std::byte>)>& handler);
+
+  std::size_t size() const { return streams_.size(); }
+
+ private:
+  struct Stream {
+    FlowTuple tuple;
+    // The sequence number of the next byte.
+    std::uint32_t next = 0;
+    std::vector<std::byte> bytes;
+  };
+  using Position = std::list<Stream>::iterator;
+
+  void begin(const TransportPacket& packet);
+  void end(const FlowTuple& tuple);
+  // False if the stream has to be given up.
+  static bool append(Stream& stream, const TransportPacket& packet);
+  static bool takeMessages(Stream& stream,
+                           const std::function<void(std::span<const std::byte>)>& handler);
+
+  // Most recently used first.
+  std::list<Stream> streams_;
+  std::map<FlowTuple, Position> positions_;
+};
+
+}  // namespace ostravel::linuxplatform
