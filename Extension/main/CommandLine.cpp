@@ -22,6 +22,7 @@ namespace ostravel {
 namespace {
 
 using LogSink = linuxplatform::LinuxPlatform::LogSink;
+using linuxplatform::NameUse;
 
 constexpr int kExitUsage = 2;
 
@@ -98,6 +99,16 @@ CommandLine CommandLine::parse(int argc, char** argv) {
       ->type_name("NAME")
       ->allow_extra_args(false);
 
+  const std::map<std::string, NameUse> uses = {
+      {"off", NameUse::off}, {"decide", NameUse::decide}, {"connect", NameUse::connect}};
+  std::string names = "connect";
+  app.add_option("--names", names,
+                 "what the host names that applications have looked up are used for: off, decide "
+                 "(the lists of domains) or connect (the proxy is asked for them, too); without it "
+                 "connect")
+      ->type_name("USE")
+      ->check(CLI::IsMember(uses));
+
   linuxplatform::PacketMarks marks;
   app.add_option_function<std::string>(
          "--mark-mask",
@@ -124,6 +135,7 @@ CommandLine CommandLine::parse(int argc, char** argv) {
   }
   const Job job = isCheck ? Job::check : isDryRun ? Job::dryRun : Job::run;
   Options options{job, configurationPath, sinks.at(sink), !isGuardianUnwanted, {}, marks};
+  options.names = uses.at(names);
   for (const std::string& name : proxyUsers) {
     const auto user = userWithName(name);
     if (!user) {

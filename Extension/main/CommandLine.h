@@ -8,6 +8,7 @@
 
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Platform/Linux/Names/NameUse.h"
 
 namespace ostravel {
 
@@ -32,6 +33,7 @@ struct CommandLine {
     // Whose local proxy may carry everybody's flows, besides root's and system users'.
     std::vector<uid_t> proxyUsers;
     linuxplatform::PacketMarks marks;
+    linuxplatform::NameUse names = linuxplatform::NameUse::connect;
   };
 
   // Absent when the process is to end with exitStatus, because it has shown its help or version, or

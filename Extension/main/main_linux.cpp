@@ -221,7 +221,8 @@ int run(int argc, char** argv) {
        .proxyUsers = commandLine.options->proxyUsers,
        // An application must not be able to name itself out of the proxy.
        .reservedIdentifiers = {exempt.begin(), exempt.end()},
-       .onProxyWatched = [&status](const std::string& proxy) { status.setProxy(proxy); }},
+       .onProxyWatched = [&status](const std::string& proxy) { status.setProxy(proxy); },
+       .names = commandLine.options->names},
       *configuration);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);

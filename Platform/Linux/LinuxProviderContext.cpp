@@ -5,6 +5,9 @@
 #include <utility>
 
 #include "Platform/Interface/ProviderError.h"
+#include "Platform/Linux/Relay/ConnectByName.h"
+#include "Platform/Linux/Relay/EventLoop.h"
+#include "Platform/Linux/Relay/FallbackConnection.h"
 
 namespace ostravel::linuxplatform {
 
@@ -81,7 +84,15 @@ OptionalError LinuxProviderContext::startInterception(
 std::shared_ptr<platform::TCPConnection> LinuxProviderContext::createTCPConnection(
     const platform::HostEndpoint& endpoint, platform::TLSPolicy /*tls*/) {
   // The local proxy speaks plain HTTP; nothing asks for TLS.
-  return environment_.loops.connect(endpoint);
+  const ConnectByName* const byName = ConnectByName::current();
+  EventLoop* const loop = EventLoop::current();
+  if (byName == nullptr || loop == nullptr) {
+    return environment_.loops.connect(endpoint);
+  }
+  return FallbackConnection::connect(*loop, *byName, [loop, user = loop->servedUser(), endpoint] {
+    const EventLoop::Service service(*loop, user);
+    return EventLoopGroup::connect(endpoint);
+  });
 }
 
 std::optional<platform::TunnelProviderProtocol> LinuxProviderContext::protocolConfiguration()

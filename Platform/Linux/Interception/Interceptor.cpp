@@ -56,6 +56,22 @@ LoopSocket watchArrivals(EventLoop& loop, const PacketQueue& queue) {
   return made.get_future().get();
 }
 
+// Null if they are not wanted or the kernel lacks what is needed.
+std::shared_ptr<HostNameObserver> observeNames(NameUse use,
+                                               const ApplicationIdentifierSource& identifiers,
+                                               platform::Log& log) {
+  if (use == NameUse::off) {
+    return nullptr;
+  }
+  auto observer = HostNameObserver::start(identifiers.forAnotherThread());
+  if (!observer) {
+    log.error("OstravelProxy: Host names are not observed: %{public}s",
+              {observer.error().localizedDescription});
+    return nullptr;
+  }
+  return *std::move(observer);
+}
+
 }  // namespace
 
 struct Interceptor::Parts {
@@ -65,6 +81,8 @@ struct Interceptor::Parts {
   FlowHandler handler;
   std::function<void(const std::string&)> onProxyWatched;
   std::unique_ptr<ApplicationIdentifierSource> identifiers;
+  NameUse nameUse;
+  std::shared_ptr<HostNameObserver> names;
   std::shared_ptr<PacketQueue> queue;
   LoopSocket arrivals;
   std::shared_ptr<RedirectSupervisor> redirects;
@@ -105,12 +123,14 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
     log->error("OstravelProxy: Packet marks clash: %{public}s", {clash});
   }
   auto redirects = RedirectSupervisor::start(loops, settings, log);
+  auto names = observeNames(environment.names, *identifiers, *log);
   auto aliveKeeper =
       std::make_unique<AliveKeeper>(*std::move(table), install, log, environment.onAlive);
-  return std::unique_ptr<Interceptor>(new Interceptor(
-      {std::move(log), loops, environment.descriptors, std::move(handler),
-       environment.onProxyWatched, std::move(identifiers), std::move(openQueue),
-       std::move(arrivals), std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
+  return std::unique_ptr<Interceptor>(
+      new Interceptor({std::move(log), loops, environment.descriptors, std::move(handler),
+                       environment.onProxyWatched, std::move(identifiers), environment.names,
+                       std::move(names), std::move(openQueue), std::move(arrivals),
+                       std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
 }
 
 Interceptor::Interceptor(Parts parts)
@@ -121,6 +141,8 @@ Interceptor::Interceptor(Parts parts)
       handler_(std::move(parts.handler)),
       onProxyWatched_(std::move(parts.onProxyWatched)),
       identifiers_(std::move(parts.identifiers)),
+      nameUse_(parts.nameUse),
+      names_(std::move(parts.names)),
       queue_(std::move(parts.queue)),
       arrivals_(std::move(parts.arrivals)),
       recentFlows_(kRememberedFlows),
@@ -166,6 +188,9 @@ void Interceptor::reloadRegistrations() {
   }
   registrations.warnOfUselessPaths();
   const auto count = static_cast<std::int64_t>(registrations.size());
+  if (names_) {
+    names_->replaceRegistrations(registrations);
+  }
   std::promise<void> replaced;
   loop_.post([this, &registrations, &replaced] {
     identifiers_->replaceRegistrations(std::move(registrations));
@@ -319,12 +344,30 @@ std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(const FlowTuple& t
     return std::make_shared<LinuxUDPFlow>(tuple, std::move(identification.identifier),
                                           std::move(packet));
   }
-  // Host names of the address belong here once DNS answers are observed.
+  auto name = nameOf(identification, tuple.destination);
   platform::HostEndpoint remote{tuple.destination.addressText(),
                                 std::to_string(tuple.destination.port)};
   EventLoop& loop = loops_.loop(nextLoop_++ % loops_.size());
   return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(identification.identifier),
-                                        std::move(remote), std::move(packet), std::move(share));
+                                        std::move(remote), std::move(packet), std::move(share),
+                                        std::move(name));
+}
+
+std::optional<FlowName> Interceptor::nameOf(const Identification& sender,
+                                            const SocketEndpoint& destination) {
+  const auto found =
+      names_ ? names_->find(sender.user, sender.identifier, destination) : std::nullopt;
+  if (!found) {
+    return std::nullopt;
+  }
+  return FlowName{
+      found->name, nameUse_ == NameUse::connect && found->isResolvable,
+      [names = std::weak_ptr(names_), log = log_, name = *found] {
+        log->info("OstravelProxy: The proxy cannot resolve a name, asking for its address");
+        if (const auto observer = names.lock()) {
+          observer->setUnresolvable(name.owner, name.name);
+        }
+      }};
 }
 
 bool Interceptor::hasListenerFor(AddressFamily family) const {

@@ -23,7 +23,10 @@
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Platform/Linux/Liveness/Heartbeat.h"
+#include "Platform/Linux/Names/HostNameObserver.h"
+#include "Platform/Linux/Names/NameUse.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Relay/FlowName.h"
 #include "Platform/Linux/Relay/HeldPacket.h"
 #include "Platform/Linux/Relay/LoopSocket.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
@@ -60,6 +63,7 @@ class Interceptor {
     // Called several times a second, on the first event loop, with the proxy that everybody's flows
     // may be sent to, as people call it; empty for none. May be absent.
     std::function<void(const std::string&)> onProxyWatched = {};
+    NameUse names = NameUse::off;
   };
 
   // On failure nothing stays installed, and the error's sentence says what is missing and what to
@@ -101,6 +105,7 @@ class Interceptor {
                                                    Identification identification,
                                                    std::unique_ptr<HeldPacket> packet,
                                                    std::shared_ptr<UserShare> share);
+  std::optional<FlowName> nameOf(const Identification& sender, const SocketEndpoint& destination);
   bool hasListenerFor(AddressFamily family) const;
   void acceptEverything();
 
@@ -112,6 +117,9 @@ class Interceptor {
   const FlowHandler handler_;
   const std::function<void(const std::string&)> onProxyWatched_;
   const std::unique_ptr<ApplicationIdentifierSource> identifiers_;
+  const NameUse nameUse_;
+  // Null if names are not used or cannot be observed.
+  const std::shared_ptr<HostNameObserver> names_;
   const std::shared_ptr<PacketQueue> queue_;
   // A duplicate of the queue's socket, for waiting.
   LoopSocket arrivals_;

@@ -16,10 +16,11 @@ using Direction = StreamSocket::Direction;
 
 LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
                            platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
-                           std::shared_ptr<UserShare> user)
+                           std::shared_ptr<UserShare> user, std::optional<FlowName> name)
     : tuple_(tuple),
       identifier_(std::move(identifier)),
       remote_(std::move(remote)),
+      name_(std::move(name)),
       packet_(std::move(packet)),
       stream_(loop, *this, std::move(user)) {}
 
@@ -34,8 +35,25 @@ void LinuxTCPFlow::runOnLoop(Work work) {
   loop.post([self = shared_from_this(), work = std::move(work)]() mutable { work(*self); });
 }
 
+std::optional<platform::HostEndpoint> LinuxTCPFlow::remoteEndpoint() const {
+  return name_ ? platform::HostEndpoint{name_->host, remote_.port} : remote_;
+}
+
+std::optional<ConnectByName> LinuxTCPFlow::connectByName() const {
+  if (!name_) {
+    return std::nullopt;
+  }
+  const bool isIPv6 = tuple_.destination.family == AddressFamily::ipv6;
+  const std::string literal = isIPv6 ? "[" + remote_.hostname + "]" : remote_.hostname;
+  return ConnectByName{name_->host + ":" + remote_.port, literal + ":" + remote_.port,
+                       name_->onUnresolvable};
+}
+
 void LinuxTCPFlow::open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
                         platform::ErrorCompletion completion) {
+  if (name_ && !name_->isForConnect) {
+    name_.reset();
+  }
   stream_.loop().post([weakSelf = weak_from_this(), completion = std::move(completion)]() mutable {
     const auto self = weakSelf.lock();
     if (!self || self->stage_ == Stage::ended) {
@@ -43,6 +61,8 @@ void LinuxTCPFlow::open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
       return;
     }
     const EventLoop::Service service(self->stream_.loop(), self->stream_.user());
+    const auto byName = self->connectByName();
+    const ConnectByName::Scope scope(byName ? &*byName : nullptr);
     completion(std::nullopt);
   });
 }

@@ -7,7 +7,9 @@
 
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
+#include "Platform/Linux/Relay/ConnectByName.h"
 #include "Platform/Linux/Relay/FlowListener.h"
+#include "Platform/Linux/Relay/FlowName.h"
 #include "Platform/Linux/Relay/HeldPacket.h"
 #include "Platform/Linux/Relay/StreamSocket.h"
 
@@ -30,14 +32,16 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
                            private FlowListener::Waiter,
                            private StreamSocket::Owner {
  public:
-  // identifier: valid UTF-8, empty if unknown. remote: as reported to the core; the host may be a
-  // name. user is charged for the tunnel's resources; null if unknown.
+  // identifier: valid UTF-8, empty if unknown. remote: the destination as a literal. user is
+  // charged for the tunnel's resources; null if unknown. name: of the destination, if it has one.
   LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
                platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
-               std::shared_ptr<UserShare> user = nullptr);
+               std::shared_ptr<UserShare> user = nullptr,
+               std::optional<FlowName> name = std::nullopt);
 
   std::string sourceAppSigningIdentifier() const override { return identifier_; }
-  std::optional<platform::HostEndpoint> remoteEndpoint() const override { return remote_; }
+  // By name, if it has one; from open() on only if the proxy is to be asked for it.
+  std::optional<platform::HostEndpoint> remoteEndpoint() const override;
 
   // Succeeds without touching the packet; ECANCELED if the flow is closed or destroyed before.
   void open(std::optional<platform::HostEndpoint> localEndpoint,
@@ -54,6 +58,7 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
 
   template <typename Work>
   void runOnLoop(Work work);
+  std::optional<ConnectByName> connectByName() const;
   void releasePacket();
   void close(StreamSocket::Direction direction, const platform::OptionalError& error);
   void endHeld(const platform::OptionalError& error);
@@ -71,6 +76,8 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   Stage stage_ = Stage::held;
   const std::string identifier_;
   const platform::HostEndpoint remote_;
+  // Changed by open() only.
+  std::optional<FlowName> name_;
   std::unique_ptr<HeldPacket> packet_;
   StreamSocket stream_;
 };
