@@ -53,6 +53,23 @@ std::vector<SocketEndpoint> loopbackDestinations(const TransparentProxyNetworkSe
   return destinations;
 }
 
+// A documentation address, which no host has (RFC 5737, RFC 3849).
+const char* distantText(AddressFamily family) {
+  return family == AddressFamily::ipv4 ? "192.0.2.1" : "2001:db8::1";
+}
+
+std::optional<SocketEndpoint> distantDestination(const TransparentProxyNetworkSettings& settings,
+                                                 AddressFamily family) {
+  for (const NetworkRule& rule : settings.includedNetworkRules) {
+    const auto network = parseAddressLiteral(rule.destinationNetwork);
+    if (rule.protocol == platform::NetworkRuleProtocol::tcp && rule.destinationPrefix == 0 &&
+        network && network->family == family) {
+      return parseAddressLiteral({distantText(family), rule.destinationNetwork.port});
+    }
+  }
+  return std::nullopt;
+}
+
 std::optional<SocketEndpoint> withoutPort(const KernelAddress& address) {
   auto endpoint = address.endpoint();
   if (endpoint) {
@@ -63,9 +80,7 @@ std::optional<SocketEndpoint> withoutPort(const KernelAddress& address) {
 
 // The source address of the default route; nothing is sent.
 std::optional<SocketEndpoint> sourceOfDefaultRoute(AddressFamily family) {
-  // Documentation addresses, which no host has (RFC 5737, RFC 3849).
-  const char* const distant = family == AddressFamily::ipv4 ? "192.0.2.1" : "2001:db8::1";
-  const KernelAddress to(*parseAddressLiteral({distant, "9"}));
+  const KernelAddress to(*parseAddressLiteral({distantText(family), "9"}));
   const FileDescriptor descriptor(::socket(to.storage.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   KernelAddress local;
   if (::connect(descriptor.get(), to.get(), to.size) != 0 ||
@@ -105,20 +120,6 @@ std::optional<SocketEndpoint> sourceOfSomeInterface(AddressFamily family) {
   }
   ::freeifaddrs(list);
   return found;
-}
-
-// A redirected connection keeps its application's source address, and filter rules for incoming
-// packets often test for loopback addresses.
-std::vector<SocketEndpoint> sourcesToTry(AddressFamily family) {
-  std::vector<SocketEndpoint> sources{loopback(family)};
-  auto usual = sourceOfDefaultRoute(family);
-  if (!usual) {
-    usual = sourceOfSomeInterface(family);
-  }
-  if (usual && *usual != sources.front()) {
-    sources.push_back(*usual);
-  }
-  return sources;
 }
 
 const char* describe(RedirectTrial::Outcome outcome) {
@@ -164,6 +165,7 @@ RedirectSupervisor::RedirectSupervisor(EventLoopGroup& loops,
   for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
     known(family).family = family;
     known(family).destinations = loopbackDestinations(settings, family);
+    known(family).distantDestination = distantDestination(settings, family);
   }
   if (auto opened = SocketDiagnostics::open()) {
     diagnostics_ = *std::move(opened);
@@ -206,32 +208,45 @@ void RedirectSupervisor::test(Family& family, unsigned loopIndex) {
     return;
   }
   family.isTesting = true;
-  tryNext(family, loopIndex, sourcesToTry(family.family));
+  tryNext(family, loopIndex, waysToTry(family));
 }
 
-void RedirectSupervisor::tryNext(Family& family, unsigned loopIndex,
-                                 std::vector<SocketEndpoint> sources) {
-  if (sources.empty()) {
+// A redirected connection keeps its application's source address, and filter rules for incoming
+// packets often test for loopback addresses. The answer seems to come from the application's
+// destination, and rules against forged addresses test for that.
+std::vector<RedirectSupervisor::Way> RedirectSupervisor::waysToTry(const Family& family) {
+  const SocketEndpoint nearby = destinationFor(family);
+  std::vector<Way> ways{{loopback(family.family), nearby}};
+  if (const auto usual = sourceOfDefaultRoute(family.family)) {
+    ways.push_back({*usual, family.distantDestination.value_or(nearby)});
+  } else if (const auto some = sourceOfSomeInterface(family.family)) {
+    ways.push_back({*some, nearby});
+  }
+  return ways;
+}
+
+void RedirectSupervisor::tryNext(Family& family, unsigned loopIndex, std::vector<Way> ways) {
+  if (ways.empty()) {
     conclude(family, loopIndex, "");
     return;
   }
-  const SocketEndpoint source = sources.front();
-  sources.erase(sources.begin());
+  const Way way = ways.front();
+  ways.erase(ways.begin());
   EventLoop& loop = loops_.loop(loopIndex);
-  loop.post([self = shared_from_this(), &family, loopIndex, &loop, source,
-             destination = destinationFor(family), sources = std::move(sources)]() mutable {
+  loop.post([self = shared_from_this(), &family, loopIndex, &loop, way,
+             ways = std::move(ways)]() mutable {
     RedirectTrial::start(
-        loop, source, destination,
-        [self, &family, loopIndex, source,
-         sources = std::move(sources)](RedirectTrial::Outcome outcome) mutable {
+        loop, way.source, way.destination,
+        [self, &family, loopIndex, way,
+         ways = std::move(ways)](RedirectTrial::Outcome outcome) mutable {
           self->home().post(
-              [self, &family, loopIndex, source, outcome, sources = std::move(sources)]() mutable {
+              [self, &family, loopIndex, way, outcome, ways = std::move(ways)]() mutable {
                 if (outcome == RedirectTrial::Outcome::arrived ||
                     outcome == RedirectTrial::Outcome::noSource) {
-                  self->tryNext(family, loopIndex, std::move(sources));
+                  self->tryNext(family, loopIndex, std::move(ways));
                 } else {
                   self->conclude(family, loopIndex,
-                                 "from " + source.addressText() + ": " + describe(outcome));
+                                 "from " + way.source.addressText() + ": " + describe(outcome));
                 }
               });
         });

@@ -51,6 +51,12 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
                      std::shared_ptr<platform::Log> log, std::chrono::milliseconds pause);
 
  private:
+  // Between which addresses a connection is tried.
+  struct Way {
+    SocketEndpoint source;
+    SocketEndpoint destination;
+  };
+
   // The state of one address family.
   struct Family {
     explicit Family(EventLoop& loop) : retry(loop.timers()) {}
@@ -58,6 +64,8 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
     AddressFamily family = AddressFamily::ipv4;
     // Loopback destinations that the settings select.
     std::vector<SocketEndpoint> destinations;
+    // One that no host has, if the settings select it.
+    std::optional<SocketEndpoint> distantDestination;
     bool isTesting = false;
     std::string lastFailure;
     std::chrono::steady_clock::time_point lastSuccess;
@@ -67,7 +75,8 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   EventLoop& home() { return loops_.loop(0); }
   Family& known(AddressFamily family) { return families_[static_cast<std::size_t>(family)]; }
   void test(Family& family, unsigned loopIndex);
-  void tryNext(Family& family, unsigned loopIndex, std::vector<SocketEndpoint> sources);
+  std::vector<Way> waysToTry(const Family& family);
+  void tryNext(Family& family, unsigned loopIndex, std::vector<Way> ways);
   void conclude(Family& family, unsigned loopIndex, const std::string& failure);
   SocketEndpoint destinationFor(const Family& family);
   void examine(unsigned loopIndex, const FlowTuple& tuple);

@@ -31,13 +31,7 @@ class RedirectSupervisorTest : public ::testing::Test {
  protected:
   RedirectSupervisorTest() {
     outputOf("ip address add 192.0.2.7/32 dev lo");
-    std::vector<InterceptionTable::ListenerPorts> ports;
-    for (unsigned index = 0; index < loops_.size(); ++index) {
-      const FlowListener& listener = loops_.loop(index).listener();
-      ports.push_back({listener.ipv4Port(), listener.ipv6Port()});
-    }
-    // Nothing reads the queue.
-    table_ = *InterceptionTable::install(loopbackSettings(), loops_.marks(), 0, ports);
+    install();
   }
   ~RedirectSupervisorTest() override {
     if (supervisor_) {
@@ -46,8 +40,19 @@ class RedirectSupervisorTest : public ::testing::Test {
     loops_.stop();
   }
 
+  void install() {
+    std::vector<InterceptionTable::ListenerPorts> ports;
+    for (unsigned index = 0; index < loops_.size(); ++index) {
+      const FlowListener& listener = loops_.loop(index).listener();
+      ports.push_back({listener.ipv4Port(), listener.ipv6Port()});
+    }
+    // Nothing reads the queue.
+    table_.reset();
+    table_ = *InterceptionTable::install(settings_, loops_.marks(), 0, ports);
+  }
+
   void start(std::chrono::milliseconds pause = RedirectSupervisor::kPause) {
-    supervisor_ = RedirectSupervisor::start(loops_, loopbackSettings(), log_, pause);
+    supervisor_ = RedirectSupervisor::start(loops_, settings_, log_, pause);
   }
 
   bool isUsable(AddressFamily family) { return loops_.redirectPath().isUsable(family); }
@@ -66,6 +71,7 @@ class RedirectSupervisorTest : public ::testing::Test {
   }
   static void removeRules() { outputOf("nft delete table inet foreign"); }
 
+  platform::TransparentProxyNetworkSettings settings_ = loopbackSettings();
   DescriptorBudget budget_{10'000};
   EventLoopGroup loops_{budget_, 2};
   const std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
@@ -105,6 +111,22 @@ TEST_F(RedirectSupervisorTest, TestsTheMachinesUsualAddressToo) {
       "ip link add ours type veth peer name theirs && ip link set ours up && "
       "ip address add 198.51.100.1/24 dev ours && ip route add default dev ours");
   addRule("input", "iifname lo ip saddr 198.51.100.1 drop");
+  start();
+  EXPECT_NE(log_->wait("over IPv4").find("from 198.51.100.1: not answered"), std::string::npos);
+}
+
+// As wg-quick(8) does for its tunnel.
+TEST_F(RedirectSupervisorTest, FindsRulesAgainstAnswersFromElsewhere) {
+  settings_.includedNetworkRules.push_back(
+      {{"0.0.0.0", "8000"}, 0, platform::NetworkRuleProtocol::tcp});
+  install();
+  outputOf(
+      "ip link add ours type veth peer name theirs && ip link set ours up && "
+      "ip address add 198.51.100.1/24 dev ours && ip route add default dev ours");
+  start();
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+  supervisor_->stop();
+  addRule("prerouting", "iifname lo ip daddr 198.51.100.1 fib saddr type != local drop");
   start();
   EXPECT_NE(log_->wait("over IPv4").find("from 198.51.100.1: not answered"), std::string::npos);
 }
