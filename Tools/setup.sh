@@ -14,7 +14,7 @@ demonstration_packages=(
 )
 # Wanted by the tests besides.
 test_packages=(
-  clang-format clang-tidy libclang-rt-14-dev
+  clang-format clang-tidy iptables libclang-rt-14-dev
   nginx-light procps python3-pytest python3-pytest-xdist scdoc strace systemd tinyproxy-bin
   gobjc++ libgnustep-base-dev libblocksruntime-dev libc++-dev libc++abi-dev lld llvm
 )

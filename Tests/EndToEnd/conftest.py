@@ -18,6 +18,7 @@ from laboratory import PYTHON, Laboratory  # noqa: E402
 FOREIGN_PROGRAMS = {
     "curl": "curl",
     "ip": "iproute2",
+    "iptables-legacy-restore": "iptables",
     "mount": "mount",
     "nft": "nftables",
     "nginx": "nginx-light",

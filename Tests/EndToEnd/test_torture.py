@@ -114,10 +114,12 @@ def test_no_connection_fails_while_other_rules_come_and_go(neighbourhood, name):
 def test_containers_are_reached_and_reach_others_as_before(laboratory):
     container = Namespace()
     try:
+        laboratory.here.run("ip", "link", "add", "docked", "type", "bridge")
         laboratory.here.run(
-            "ip", "link", "add", "docked", "type", "veth", "peer", "name", "eth0",
+            "ip", "link", "add", "cable", "type", "veth", "peer", "name", "eth0",
             "netns", container.path,
         )  # fmt: skip
+        laboratory.here.run("ip", "link", "set", "cable", "master", "docked", "up")
         for namespace, name, address in (
             (laboratory.here, "docked", "172.17.0.1"),
             (container, "eth0", torture.CONTAINER4),

@@ -1,0 +1,267 @@
+"""Other networking of the machine works beside the system, and flows are proxied nevertheless."""
+
+import errno
+import socket
+import time
+
+import pytest
+
+from Laboratory.lines import GENEROUS_SECONDS
+from Laboratory.network import HERE4, THERE4, THERE6
+from laboratory import PEER_PORT, Fetched, receive_all
+from origins import tell_peer
+
+# linux/in.h, asm-generic/socket.h, linux/tcp.h
+IPPROTO_MPTCP = 262
+SO_MARK = 36
+TCP_FASTOPEN_CONNECT = 30
+
+# A lost SYN is retransmitted after a second.
+WITHOUT_REPETITION_SECONDS = 0.9
+
+REQUEST = b"GET / HTTP/1.0\r\n\r\n"
+
+
+def ask(application, address=None):
+    """An application that is this process: what it has seen of one request.
+
+    Without an address the socket is connected.
+    """
+    with application:
+        application.settimeout(GENEROUS_SECONDS)
+        if address is not None:
+            application.connect(address)
+        # With TCP Fast Open this is what sends the first packet.
+        application.sendall(REQUEST)
+        own_port = application.getsockname()[1]
+        return Fetched(0, receive_all(application).partition(b"\r\n\r\n")[2].decode(), own_port, "")
+
+
+# Firewalls of iptables-legacy(8)
+
+LEGACY_RULES = """
+*filter
+:INPUT DROP
+:FORWARD DROP
+:OUTPUT ACCEPT
+-A INPUT -i lo -j ACCEPT
+-A INPUT -m conntrack --ctstate ESTABLISHED,RELATED -j ACCEPT
+-A OUTPUT -p tcp --dport 81 -j REJECT
+COMMIT
+*nat
+:DOCKED -
+-A PREROUTING -m addrtype --dst-type LOCAL -j DOCKED
+-A OUTPUT ! -d 127.0.0.0/8 -m addrtype --dst-type LOCAL -j DOCKED
+-A POSTROUTING -s 172.17.0.0/16 ! -o docked -j MASQUERADE
+-A DOCKED -p tcp --dport 5000 -j DNAT --to-destination 172.17.0.2:5000
+COMMIT
+*mangle
+-A OUTPUT -p tcp -j MARK --set-xmark 0x10/0xff
+-A OUTPUT -j CONNMARK --save-mark
+COMMIT
+"""
+
+# Nor does it let anything out that it does not know, such as connections to our listeners.
+LEGACY_RULES_FOR_OUTPUT = LEGACY_RULES.replace(
+    ":OUTPUT ACCEPT",
+    ":OUTPUT DROP\n"
+    "-A OUTPUT -m conntrack --ctstate ESTABLISHED,RELATED -j ACCEPT\n"
+    "-A OUTPUT -o lo -j ACCEPT\n"
+    "-A OUTPUT -p tcp --dport 7860 -j ACCEPT",
+    1,
+)
+
+
+@pytest.mark.parametrize(
+    "rules, way",
+    [(LEGACY_RULES, "proxied"), (LEGACY_RULES_FOR_OUTPUT, "direct")],
+    ids=["input", "input and output"],
+)
+def test_legacy_rules_keep_their_effect(laboratory, rules, way):
+    """A firewall that drops what it does not know, with the translations of a container engine."""
+    laboratory.serve(81, tell_peer)
+    laboratory.start_system()
+    laboratory.here.run("iptables-legacy-restore", given=rules)
+    for _ in range(3):
+        assert laboratory.fetch(THERE4, PEER_PORT).way == way
+    assert laboratory.fetch(THERE4, 81).status == errno.ECONNREFUSED
+
+
+# A WireGuard tunnel as wg-quick(8) sets it up
+
+TUNNEL_MARK = "0xca6c"
+TUNNEL_HERE4, TUNNEL_THERE4 = "10.66.0.2", "10.66.0.1"
+BEYOND4 = "203.0.113.7"
+
+TUNNEL_RULES = f"""
+table ip wg-quick-tunnel {{
+  chain preraw {{
+    type filter hook prerouting priority raw; policy accept;
+    iifname != "tunnel" ip daddr {TUNNEL_HERE4} fib saddr type != local drop
+  }}
+  chain premangle {{
+    type filter hook prerouting priority mangle; policy accept;
+    meta l4proto udp meta mark set ct mark
+  }}
+  chain postmangle {{
+    type filter hook postrouting priority mangle; policy accept;
+    meta l4proto udp meta mark {TUNNEL_MARK} ct mark set meta mark
+  }}
+}}
+"""
+
+
+def set_up_tunnel(laboratory, rules=""):
+    """Everything goes into the tunnel, except what carries the mark or has a route of its own.
+
+    A virtual cable takes the place of the encryption.
+    """
+    laboratory.here.run(
+        "ip", "link", "add", "tunnel", "type", "veth", "peer", "name", "tunnel",
+        "netns", laboratory.there.path,
+    )  # fmt: skip
+    for namespace, address in (
+        (laboratory.here, TUNNEL_HERE4),
+        (laboratory.there, TUNNEL_THERE4),
+    ):
+        namespace.run("ip", "address", "add", f"{address}/24", "dev", "tunnel")
+        namespace.run("ip", "link", "set", "tunnel", "up")
+    laboratory.there.run("ip", "address", "add", f"{BEYOND4}/32", "dev", "lo")
+    # Without the tunnel, everything goes to the other end of the cable.
+    laboratory.here.run("ip", "route", "add", "default", "via", THERE4)
+    for arguments in (
+        ["route", "add", "default", "via", TUNNEL_THERE4, "dev", "tunnel", "table", "51820"],
+        ["rule", "add", "not", "fwmark", TUNNEL_MARK, "table", "51820"],
+        ["rule", "add", "table", "main", "suppress_prefixlength", "0"],
+    ):
+        laboratory.here.run("ip", "-4", *arguments)
+    with laboratory.here, open("/proc/sys/net/ipv4/conf/all/src_valid_mark", "w") as setting:
+        setting.write("1")
+    if rules:
+        laboratory.here.run("nft", "-f", "-", given=rules)
+
+
+def seen_address(fetched):
+    return fetched.body.split()[0]
+
+
+@pytest.mark.parametrize("rules", ["", TUNNEL_RULES], ids=["routes only", "with its rules"])
+def test_a_tunnel_with_policy_routing_keeps_working(laboratory, rules):
+    set_up_tunnel(laboratory, rules)
+    laboratory.serve(81, tell_peer)
+    if not rules:
+        laboratory.start_system()
+    else:
+        # They drop what seems to come through the tunnel, and so redirected connections too.
+        laboratory.start_sidecar()
+        extension = laboratory.start_extension()
+        extension.expect(
+            extension.errors, f"do not arrive over IPv4 (from {TUNNEL_HERE4}: not answered)"
+        )
+    for host, own_address in ((BEYOND4, TUNNEL_HERE4), (THERE4, HERE4)):
+        for port, way in ((81, "direct"), (PEER_PORT, "direct" if rules else "proxied")):
+            start = time.monotonic()
+            fetched = laboratory.fetch(host, port)
+            assert fetched.way == way
+            # The local proxy takes the route that the application would have taken.
+            assert seen_address(fetched) == own_address
+            assert time.monotonic() - start < WITHOUT_REPETITION_SECONDS
+
+
+def test_a_tunnels_own_packets_avoid_it(laboratory):
+    """Packets with the tunnel's mark do not enter it, on ports that are offered and on others."""
+    set_up_tunnel(laboratory)
+    laboratory.serve(81, tell_peer)
+    laboratory.start_system()
+    for port, way in ((81, "direct"), (PEER_PORT, "proxied")):
+        application = laboratory.socket(BEYOND4)
+        application.setsockopt(socket.SOL_SOCKET, SO_MARK, int(TUNNEL_MARK, 16))
+        application.connect((BEYOND4, port))
+        assert application.getsockname()[0] == HERE4
+        fetched = ask(application)
+        assert fetched.way == way
+
+
+# Kinds of sockets
+
+
+def test_a_multipath_connection_is_proxied(laboratory):
+    laboratory.start_system()
+    with laboratory.here:
+        application = socket.socket(socket.AF_INET, socket.SOCK_STREAM, IPPROTO_MPTCP)
+    assert ask(application, (THERE4, PEER_PORT)).way == "proxied"
+
+
+def test_a_multipath_connection_that_is_left_alone_stays_one(laboratory):
+    with laboratory.there:
+        listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM, IPPROTO_MPTCP)
+        listener.bind((THERE4, 81))
+        listener.listen()
+    with listener:
+        laboratory.start_system()
+        with laboratory.here:
+            application = socket.socket(socket.AF_INET, socket.SOCK_STREAM, IPPROTO_MPTCP)
+        with application:
+            application.connect((THERE4, 81))
+            with listener.accept()[0]:
+                assert "tcp-ulp-mptcp" in laboratory.here.run("ss", "-Htni", "dport = :81")
+
+
+def allow_fast_open(laboratory):
+    for namespace in (laboratory.here, laboratory.there):
+        with namespace, open("/proc/sys/net/ipv4/tcp_fastopen", "w") as setting:
+            # Client, server, and every listener.
+            setting.write("1027")
+
+
+def open_fast(laboratory, address):
+    application = laboratory.socket(THERE4)
+    application.setsockopt(socket.IPPROTO_TCP, TCP_FASTOPEN_CONNECT, 1)
+    return ask(application, address)
+
+
+def syns_with_data(laboratory):
+    """What this machine has sent and the other end has accepted (TCPFastOpenActive)."""
+    with laboratory.here, open("/proc/net/netstat") as file:
+        names, values = [line.split()[1:] for line in file if line.startswith("TcpExt:")]
+    return int(dict(zip(names, values))["TCPFastOpenActive"])
+
+
+def test_tcp_fast_open_works(laboratory):
+    allow_fast_open(laboratory)
+    # The port's listener is one of this test, because those before had no fast open.
+    laboratory.serve(80, tell_peer)
+    laboratory.serve(81, tell_peer)
+    # Learns the cookie, and then uses it.
+    for _ in range(2):
+        assert open_fast(laboratory, (THERE4, 80)).way == "direct"
+    assert syns_with_data(laboratory) == 1
+    laboratory.start_system()
+    # Data in the first packet of a proxied connection is sent once more.
+    for _ in range(3):
+        assert open_fast(laboratory, (THERE4, 80)).way == "proxied"
+    before = syns_with_data(laboratory)
+    assert open_fast(laboratory, (THERE4, 81)).way == "direct"
+    assert syns_with_data(laboratory) >= before
+
+
+def test_a_mapped_address_is_that_of_ipv4(laboratory):
+    laboratory.start_monitor()
+    proxy = laboratory.start_local_proxy()
+    laboratory.start_extension()
+    laboratory.wait_until_proxied()
+    mark = proxy.mark()
+    with laboratory.here:
+        application = socket.socket(socket.AF_INET6, socket.SOCK_STREAM)
+    application.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 0)
+    assert ask(application, (f"::ffff:{THERE4}", PEER_PORT)).way == "proxied"
+    (request,) = proxy.requests(mark)
+    assert request.startswith(f"CONNECT {THERE4}:{PEER_PORT} HTTP/1.1\r\n")
+
+
+def test_a_socket_for_ipv6_only_is_proxied(laboratory):
+    laboratory.start_system()
+    with laboratory.here:
+        application = socket.socket(socket.AF_INET6, socket.SOCK_STREAM)
+    application.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
+    assert ask(application, (THERE6, PEER_PORT)).way == "proxied"
