@@ -76,7 +76,8 @@ ALLOWED_ROOMS = {
 
     COMPANION: {BASE},
     "Companion/Sidecar": {BASE, COMPANION},
-    "Companion/Monitor": {BASE, COMPANION},
+    "Companion/Fleet": {BASE, COMPANION},
+    "Companion/Monitor": {BASE, COMPANION, "Companion/Fleet"},
     HOST: {CORE},
 }
 # Puts everything together, and may therefore include everything but tests.

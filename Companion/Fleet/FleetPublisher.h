@@ -1,0 +1,119 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "Companion/Fleet/FleetConnection.h"
+#include "Companion/Fleet/FleetMessage.h"
+#include "Companion/Fleet/FleetServer.h"
+#include "Companion/Fleet/Spool.h"
+
+namespace ostravel::companion {
+
+// Sends the messages of this machine to the stream of the fleet, each at least once and in order,
+// from a thread of its own. Owned by main.
+//
+// Every message goes to the spool first, and leaves it when the server has acknowledged that it is
+// stored. A window of them is under way at a time; one whose acknowledgement does not come is sent
+// again, and so are all of them after a new connection. The server knows by the header Nats-Msg-Id
+// what it has already.
+//
+// Records are on the disk, past a power failure, a second after they were received, unless they
+// have been acknowledged by then.
+class FleetPublisher {
+ public:
+  struct Options {
+    FleetServer server;
+    std::string folder;  // of the spool
+    Spool::Limits limits = {};
+    // Lines for people, at most one for each change of state; runs on the publisher's thread.
+    std::function<void(const std::string&)> report = [](const std::string&) {};
+    // After that, a message is sent again; doubles with each attempt. Tests shorten it.
+    std::chrono::milliseconds patience = std::chrono::seconds(5);
+  };
+
+  // Throws std::runtime_error with a readable reason: a wrong option, or a folder that cannot be
+  // used. A server that cannot be reached is no error.
+  explicit FleetPublisher(Options options);
+  // Waits half a second for acknowledgements; the rest stays in the spool.
+  ~FleetPublisher();
+  FleetPublisher(const FleetPublisher&) = delete;
+  FleetPublisher& operator=(const FleetPublisher&) = delete;
+
+  // Takes the message, or drops and counts it when the disk has been stuck for long. Never waits
+  // for the disk or the network. Usable from any thread.
+  void publish(FleetMessage message);
+
+  struct Counts {
+    std::uint64_t waiting = 0;  // for an acknowledgement
+    std::uint64_t dropped = 0;  // in the life of the spool
+  };
+  Counts counts() const;
+
+ private:
+  using Time = std::chrono::steady_clock::time_point;
+
+  struct Sent {
+    NumberedMessage message;
+    Time sendAgain;
+    int attempts = 1;
+  };
+
+  void run();
+  void step();
+  bool takeReceived();
+  void maintainConnection();
+  void subscribeToAnswers();
+  void sendAll();
+  void sendExpired(Time now);
+  void fillWindow(Time now);
+  bool send(Sent& sent, Time now);
+  void forget(std::uint64_t sequence);
+  void receiveAnswers();
+  void handleAnswer(natsMsg* answer);
+  void handleRefusal(std::uint64_t sequence, std::string_view body);
+  void handleMissingStream();
+  void saveSpool(Time now);
+  void waitForWork();
+  enum class State { starting, connected, unreachable, refused, withoutStream };
+  void reportState(State state, const std::string& text);
+  void reportDropped(Time now);
+
+  const Options options_;
+  Spool spool_;
+  FleetConnection connection_;
+
+  // Of the publisher's thread.
+  NATSSubscription answers_;
+  std::string inbox_;
+  std::uint64_t object_ = 0;
+  std::uint64_t generation_ = 0;
+  std::map<std::uint64_t, Sent> sent_;
+  std::size_t sentSize_ = 0;
+  Time nextSync_;
+  Time nextStreamCheck_;
+  Time nextDropReport_;
+  std::uint64_t reportedDropped_;
+  State reportedState_ = State::starting;
+
+  mutable std::mutex mutex_;
+  std::condition_variable wakeUp_;
+  std::deque<FleetMessage> received_;
+  std::size_t receivedSize_ = 0;
+  std::uint64_t overflow_ = 0;
+  bool isEnding_ = false;
+  Counts counts_;
+
+  std::thread thread_;  // the last one: it uses all of them
+};
+
+}  // namespace ostravel::companion

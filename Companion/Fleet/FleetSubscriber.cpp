@@ -1,0 +1,242 @@
+#include "Companion/Fleet/FleetSubscriber.h"
+
+#include <pthread.h>
+
+#include <asio/post.hpp>
+#include <chrono>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "Base/ParseNumber.h"
+
+namespace ostravel::companion {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Some 30 MB. An event that comes twice comes within the outage of one machine or server, and the
+// server itself notices those of the last minutes.
+constexpr std::size_t kRecentIds = 200'000;
+
+// A fleet's worth; more means that somebody makes names up, and then the counts start again.
+constexpr std::size_t kMostMachines = 500'000;
+
+constexpr int kBatch = 512;
+constexpr std::int64_t kFetchMilliseconds = 500;
+constexpr auto kPause = 500ms;
+
+std::string headerOf(natsMsg* message, const char* name) {
+  const char* value = nullptr;
+  return natsMsgHeader_Get(message, name, &value) == NATS_OK && value != nullptr ? value : "";
+}
+
+// Of the fetched messages; destroys those that are left.
+struct MessageList {
+  natsMsgList list{};
+  ~MessageList() { natsMsgList_Destroy(&list); }
+};
+
+}  // namespace
+
+FleetSubscriber::FleetSubscriber(asio::io_context& ioContext, Options options)
+    : ioContext_(ioContext),
+      options_(std::move(options)),
+      connection_(options_.server, "ostravel-monitor on " + nameOfThisHost()),
+      recent_(kRecentIds),
+      thread_([this] { run(); }) {
+  ::pthread_setname_np(thread_.native_handle(), "fleet");
+}
+
+FleetSubscriber::~FleetSubscriber() {
+  {
+    const std::lock_guard lock(mutex_);
+    isEnding_ = true;
+  }
+  wakeUp_.notify_one();
+  thread_.join();
+}
+
+void FleetSubscriber::run() {
+  while (!isEnding()) {
+    step();
+  }
+}
+
+void FleetSubscriber::step() {
+  connection_.maintain();
+  if (!connection_.isConnected()) {
+    report("cannot reach " + options_.server.url);
+    pause();
+    return;
+  }
+  if (!hasConsumer() && !makeConsumer()) {
+    pause();
+    return;
+  }
+  fetch();
+}
+
+bool FleetSubscriber::hasConsumer() {
+  if (connection_.generation() != generation_) {
+    subscription_.reset();
+    jetStream_.reset();
+  }
+  return subscription_ != nullptr;
+}
+
+bool FleetSubscriber::makeConsumer() {
+  generation_ = connection_.generation();
+  if (const std::string problem = ensureFleetStream(connection_.get()); !problem.empty()) {
+    report(options_.server.url + " has no stream of events: " + problem);
+    return false;
+  }
+  jsCtx* jetStream = nullptr;
+  jsStreamInfo* stream = nullptr;
+  jsErrCode code{};
+  if (natsConnection_JetStream(&jetStream, connection_.get(), nullptr) != NATS_OK) {
+    return false;
+  }
+  jetStream_.reset(jetStream);
+  if (js_GetStreamInfo(&stream, jetStream, kFleetStream, nullptr, &code) != NATS_OK) {
+    return false;
+  }
+  const JetStreamInfo owned(stream);
+  next_ = positionIn(*stream);
+
+  jsSubOptions options;
+  jsSubOptions_Init(&options);
+  options.Stream = kFleetStream;
+  // What arrives here counts as received. When the connection breaks, a new consumer starts after
+  // the last message that was taken.
+  options.Config.AckPolicy = js_AckNone;
+  options.Config.DeliverPolicy = js_DeliverByStartSequence;
+  options.Config.OptStartSeq = *next_;
+  options.Config.MemoryStorage = true;
+  natsSubscription* subscription = nullptr;
+  const natsStatus status = js_PullSubscribe(&subscription, jetStream, kFleetSubjects.data(),
+                                             nullptr, nullptr, &options, &code);
+  if (status != NATS_OK) {
+    report(options_.server.url + " permits no subscription: " + natsStatus_GetText(status));
+    return false;
+  }
+  subscription_.reset(subscription);
+  report("connected to " + options_.server.url);
+  return true;
+}
+
+// Where to go on in the stream, which may be another one than before.
+std::optional<std::uint64_t> FleetSubscriber::positionIn(const jsStreamInfo& stream) {
+  if (!next_) {
+    return options_.fromBeginning ? 1 : stream.State.LastSeq + 1;
+  }
+  return *next_ > stream.State.LastSeq + 1 ? 1 : *next_;
+}
+
+void FleetSubscriber::fetch() {
+  MessageList received;
+  jsErrCode code{};
+  const natsStatus status = natsSubscription_Fetch(&received.list, subscription_.get(), kBatch,
+                                                   kFetchMilliseconds, &code);
+  std::vector<FleetMessage> batch;
+  for (int index = 0; index < received.list.Count; ++index) {
+    take(received.list.Msgs[index], batch);
+  }
+  if (!batch.empty()) {
+    deliver(std::move(batch));
+  }
+  if (status != NATS_OK && status != NATS_TIMEOUT) {
+    // The server does not know the consumer any more, or hangs.
+    subscription_.reset();
+    pause();
+  }
+}
+
+void FleetSubscriber::take(natsMsg* received, std::vector<FleetMessage>& batch) {
+  jsMsgMetaData* data = nullptr;
+  if (natsMsg_GetMetaData(&data, received) != NATS_OK) {
+    return;
+  }
+  const std::uint64_t sequence = JetStreamMetaData(data)->Sequence.Stream;
+  if (sequence < *next_) {
+    return;
+  }
+  if (sequence > *next_ && *next_ > 1) {
+    options_.report("no longer in the stream: " + std::to_string(sequence - *next_) + " events");
+  }
+  next_ = sequence + 1;
+
+  FleetMessage message{
+      .host = headerOf(received, "Ostravel-Host"),
+      .bootId = headerOf(received, "Ostravel-Boot"),
+      .id = headerOf(received, "Nats-Msg-Id"),
+      .json = std::string(natsMsg_GetData(received),
+                          static_cast<std::size_t>(natsMsg_GetDataLength(received)))};
+  const std::string_view subject = natsMsg_GetSubject(received);
+  if (!isFleetSubject(subject, message) || !isPlainName(message.id)) {
+    options_.report("a message is not from where it claims to be, and is ignored");
+    return;
+  }
+  noteDropped(message, headerOf(received, "Ostravel-Dropped"));
+  if (recent_.add(message.id)) {
+    batch.push_back(std::move(message));
+  }
+}
+
+void FleetSubscriber::noteDropped(const FleetMessage& message, const std::string& count) {
+  const std::optional<std::uint64_t> dropped = parseNumber<std::uint64_t>(count);
+  if (!dropped) {
+    return;
+  }
+  if (dropped_.size() >= kMostMachines) {
+    dropped_.clear();
+  }
+  const auto [known, isNew] = dropped_.try_emplace(message.host, *dropped);
+  if (*dropped > known->second) {
+    options_.report(message.host + " dropped " + std::to_string(*dropped - known->second) +
+                    " events");
+  }
+  known->second = *dropped;
+}
+
+void FleetSubscriber::deliver(std::vector<FleetMessage> batch) {
+  struct Delivery {
+    std::vector<FleetMessage> batch;
+    bool isDone = false;
+  };
+  const auto delivery = std::make_shared<Delivery>(Delivery{.batch = std::move(batch)});
+  asio::post(ioContext_, [this, delivery] {
+    {
+      const std::lock_guard lock(mutex_);
+      if (isEnding_) {
+        return;
+      }
+    }
+    for (const FleetMessage& message : delivery->batch) {
+      options_.event(message);
+    }
+    const std::lock_guard lock(mutex_);
+    delivery->isDone = true;
+    wakeUp_.notify_one();
+  });
+  std::unique_lock lock(mutex_);
+  wakeUp_.wait(lock, [this, &delivery] { return delivery->isDone || isEnding_; });
+}
+
+void FleetSubscriber::report(const std::string& text) {
+  if (std::exchange(reported_, text) != text) {
+    options_.report(text);
+  }
+}
+
+void FleetSubscriber::pause() {
+  std::unique_lock lock(mutex_);
+  wakeUp_.wait_for(lock, kPause, [this] { return isEnding_; });
+}
+
+bool FleetSubscriber::isEnding() const {
+  const std::lock_guard lock(mutex_);
+  return isEnding_;
+}
+
+}  // namespace ostravel::companion
