@@ -419,6 +419,7 @@ void HistoryChecker::notify(Flow& flow, const HistoryEvent& event) {
 
 // A request that is not UTF-8 cannot be sent; then the tunnel ends without an error.
 void HistoryChecker::beginHandshake(Flow& flow) {
+  flow.isBeginning = true;
   if (isUTF8(flow.facts.host) && isUTF8(flow.facts.port)) {
     flow.mustBeginHandshake = true;
   } else {
@@ -445,6 +446,7 @@ void HistoryChecker::writeToConnection(Flow& flow, const HistoryEvent& event,
 void HistoryChecker::sendRequest(Flow& flow, const HistoryEvent& event) {
   flow.requestSent = true;
   flow.mustBeginHandshake = false;
+  flow.isBeginning = false;
   flow.expectedEvents |= kStarted;
   if (event.bytes != expectedRequest(flow.facts, flow.flowId) || event.number < kStateConnected) {
     fail("the request is not the one for this flow", event.flow);
@@ -550,7 +552,9 @@ void HistoryChecker::cancel(Flow& flow, const HistoryEvent& event) {
   if (!flow.writeClosed || std::exchange(flow.cancelled, true)) {
     fail("the connection is cancelled out of turn", event.flow);
   }
-  if (flow.observing) {
+  if (flow.isBeginning) {
+    flow.closedWhileBeginning = true;
+  } else if (flow.observing) {
     fail("a closed tunnel still observes its connection", event.flow);
   }
   if (!isCurrent(flow)) {
@@ -620,7 +624,7 @@ void HistoryChecker::receiveForFlow(std::uint16_t bit, std::uint32_t number,
     fail("an event is reported twice", number);
   }
   const bool isAfterClose = (flow.receivedEvents & kClosed) != 0;
-  if (isAfterClose && bit == kStarted) {
+  if (isAfterClose && bit == kStarted && !flow.closedWhileBeginning) {
     fail("a handshake starts after the close", number);
   }
   if (bit == kSucceeded && (flow.receivedEvents & kStarted) == 0) {
@@ -664,6 +668,9 @@ void HistoryChecker::judgeTouched(std::uint32_t number) {
   }
   if (flow.writeClosed && !flow.cancelled) {
     fail("a closed tunnel has not cancelled its connection", number);
+  }
+  if (flow.cancelled && flow.observing) {
+    fail("a closed tunnel still observes its connection", number);
   }
   if (flow.mustBeginHandshake && !flow.writeClosed) {
     fail("the connection is established and no request is sent", number);

@@ -33,6 +33,10 @@ struct Violation {
 //    to the closed flow, and its identifier stays among the established ones for ever.
 //  - After the close the handshake keeps reading: the answer is read after a request that was
 //    written meanwhile. And a chunk that was being read is still written.
+//  - A close that comes while the handshake is being started does not stop that: the start is
+//  reported
+//    after the close, the request is written to the cancelled connection, and the observer may be
+//    removed by the start.
 //  - A timeout that has begun when the answer arrives is reported after the success.
 //  - Stopping forgets the tunnels without closing them. Their identifiers are never released.
 class HistoryChecker {
@@ -117,6 +121,9 @@ class HistoryChecker {
     std::chrono::nanoseconds startedAt{0};
     bool observing = false;
     bool mustBeginHandshake = false;
+    // From the notification that the connection is established until the request is sent.
+    bool isBeginning = false;
+    bool closedWhileBeginning = false;
     bool requestSent = false;
     std::string flowId;
     std::string answer;

@@ -77,6 +77,14 @@ class HistoryCheckerTest : public testing::Test {
     happen({.kind = HistoryKind::connectionCancel, .flow = 1});
   }
 
+  void timeOut() {
+    const platform::Error error{"OstravelProxy", 1002, "Proxy CONNECT handshake timed out"};
+    happen({.kind = HistoryKind::timeoutFired, .flow = 1});
+    happen({.kind = HistoryKind::flowCloseRead, .flow = 1, .error = &error});
+    happen({.kind = HistoryKind::flowCloseWrite, .flow = 1, .error = &error});
+    happen({.kind = HistoryKind::connectionCancel, .flow = 1});
+  }
+
   std::string invariant() const {
     return checker_.violation() ? checker_.violation()->invariant : "none";
   }
@@ -203,6 +211,31 @@ TEST_F(HistoryCheckerTest, FindsATimeoutThatIsEarly) {
   happen({.kind = HistoryKind::timeoutFired, .flow = 1});
 
   EXPECT_EQ(invariant(), "the handshake times out early");
+}
+
+TEST_F(HistoryCheckerTest, ForgivesACloseInTheMiddleOfAStart) {
+  startTunnel();
+  now_ = 5s;
+  happen({.kind = HistoryKind::stateNotified, .flow = 1, .number = kConnected});
+  timeOut();
+  happen({.kind = HistoryKind::observerRemoved, .flow = 1});
+  happen(
+      {.kind = HistoryKind::connectionWrite, .flow = 1, .number = kConnected, .bytes = kRequest});
+  finishStep();
+
+  EXPECT_EQ(invariant(), "none");
+}
+
+TEST_F(HistoryCheckerTest, FindsAnObserverThatACloseLeaves) {
+  startTunnel();
+  now_ = 5s;
+  happen({.kind = HistoryKind::stateNotified, .flow = 1, .number = kConnected});
+  timeOut();
+  happen(
+      {.kind = HistoryKind::connectionWrite, .flow = 1, .number = kConnected, .bytes = kRequest});
+  finishStep();
+
+  EXPECT_EQ(invariant(), "a closed tunnel still observes its connection");
 }
 
 TEST_F(HistoryCheckerTest, FindsWhatIsLeftOver) {
