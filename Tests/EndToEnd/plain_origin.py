@@ -37,9 +37,8 @@ def tell_peers(listener):
                 pass
 
 
-def stream(listener):
-    # Only little unread data may wait in the kernel.
-    listener.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1 << 14)
+def ready(listener, event):
+    """Yields each connection when it is ready for the event, and the selector that it is in."""
     selector = selectors.EpollSelector()
     listener.setblocking(False)
     selector.register(listener, selectors.EVENT_READ)
@@ -48,15 +47,22 @@ def stream(listener):
             if key.fileobj is listener:
                 connection, _ = listener.accept()
                 connection.setblocking(False)
-                selector.register(connection, selectors.EVENT_WRITE)
-                continue
-            try:
-                key.fileobj.send(ZEROES)
-            except BlockingIOError:
-                pass
-            except OSError:
-                selector.unregister(key.fileobj)
-                key.fileobj.close()
+                selector.register(connection, event)
+            else:
+                yield selector, key.fileobj
+
+
+def stream(listener):
+    # Only little unread data may wait in the kernel.
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1 << 14)
+    for selector, connection in ready(listener, selectors.EVENT_WRITE):
+        try:
+            connection.send(ZEROES)
+        except BlockingIOError:
+            pass
+        except OSError:
+            selector.unregister(connection)
+            connection.close()
 
 
 def hold(listener):
@@ -66,25 +72,16 @@ def hold(listener):
 
 
 def echo(listener):
-    selector = selectors.EpollSelector()
-    listener.setblocking(False)
-    selector.register(listener, selectors.EVENT_READ)
-    while True:
-        for key, _ in selector.select():
-            if key.fileobj is listener:
-                connection, _ = listener.accept()
-                connection.setblocking(False)
-                selector.register(connection, selectors.EVENT_READ)
+    for selector, connection in ready(listener, selectors.EVENT_READ):
+        try:
+            received = connection.recv(4096)
+            # Its reader waits for it, so it fits.
+            if received and connection.send(received) == len(received):
                 continue
-            try:
-                received = key.fileobj.recv(4096)
-                # Its reader waits for it, so it fits.
-                if received and key.fileobj.send(received) == len(received):
-                    continue
-            except OSError:
-                pass
-            selector.unregister(key.fileobj)
-            key.fileobj.close()
+        except OSError:
+            pass
+        selector.unregister(connection)
+        connection.close()
 
 
 if __name__ == "__main__":

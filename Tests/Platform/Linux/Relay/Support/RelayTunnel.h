@@ -12,7 +12,8 @@
 namespace ostravel::linuxplatform::test {
 
 // Carries bytes between a flow and a connection like the core: read on one side, write to the
-// other, repeat; the end of either ends both.
+// other, repeat; the end of either ends both. Written again, because a platform's tests do not
+// depend on the core.
 class RelayTunnel : public std::enable_shared_from_this<RelayTunnel> {
  public:
   RelayTunnel(std::shared_ptr<platform::AppProxyTCPFlow> flow,
