@@ -10,7 +10,8 @@
 namespace ostravel::platform {
 
 // The observers of one connection's state, which owns this object, as TCPConnection::addObserver
-// defines them. Any thread may call it. Does not decide on which thread observers are notified.
+// defines them. Any thread may call it. Does not decide on which thread observers are notified, so
+// each platform has the few lines that post a missed change to its own.
 class StateObservers {
  public:
   // The only property of a connection that can be observed.
