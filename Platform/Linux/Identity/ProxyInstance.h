@@ -8,8 +8,8 @@
 
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
-#include "Platform/Linux/Processes/ListenerWatch.h"
 #include "Platform/Linux/Processes/ProcessLife.h"
+#include "Platform/Linux/Tracing/ListenerWatch.h"
 
 namespace ostravel::linuxplatform {
 
