@@ -27,7 +27,7 @@ bool canLookAtFirstProcess() {
   return sockets && ::readlink("/proc/1/exe", target.data(), target.size()) > 0;
 }
 
-// The guardian has been started by then.
+// The guardian has been started by then, and the socket that takes CAP_NET_RAW is open.
 constexpr std::array<unsigned, 7> kUsed{CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_NET_ADMIN,
                                         CAP_SYS_PTRACE,   CAP_SYS_RESOURCE,    CAP_PERFMON,
                                         CAP_BPF};
@@ -128,6 +128,11 @@ std::vector<std::string> Privileges::losses() const {
     sentences.emplace_back(
         "CAP_BPF or CAP_PERFMON is missing: processes are looked up in /proc, which costs time for "
         "each connection and misses those that end at once");
+  }
+  if (!has(CAP_NET_RAW)) {
+    sentences.emplace_back(
+        "CAP_NET_RAW is missing: rules of firewalls for users, groups and control groups do not "
+        "apply to connections that are proxied");
   }
   if (!has(CAP_SYS_NICE) && !isPreferred_) {
     sentences.emplace_back(

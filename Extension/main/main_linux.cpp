@@ -27,6 +27,7 @@
 #include "Extension/main/Privileges.h"
 #include "Extension/main/ServiceStatus.h"
 #include "Extension/main/SystemCheck.h"
+#include "Platform/Linux/Kernel/PacketResender.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
 #include "Platform/Linux/Liveness/Guardian.h"
@@ -176,6 +177,7 @@ int run(int argc, char** argv) {
   if (const auto obstacle = privileges.obstacle()) {
     return fail(*obstacle);
   }
+  const auto resender = linuxplatform::PacketResender::open();
   if (const auto error = linuxplatform::Privileges::giveUpUnused()) {
     return fail(*error);
   }
@@ -219,6 +221,7 @@ int run(int argc, char** argv) {
                          std::chrono::steady_clock::now());
            },
        .proxyUsers = commandLine.options->proxyUsers,
+       .resender = resender ? *resender : nullptr,
        // An application must not be able to name itself out of the proxy.
        .reservedIdentifiers = {exempt.begin(), exempt.end()},
        .onProxyWatched = [&status](const std::string& proxy) { status.setProxy(proxy); },

@@ -265,3 +265,26 @@ def test_a_socket_for_ipv6_only_is_proxied(laboratory):
         application = socket.socket(socket.AF_INET6, socket.SOCK_STREAM)
     application.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
     assert ask(application, (THERE6, PEER_PORT)).way == "proxied"
+
+
+# Rules by user
+
+BY_USER = """
+table inet firewall {
+  chain output {
+    type filter hook output priority filter + 10; policy accept;
+    meta skuid 4002 tcp dport 7860 reject with tcp reset
+    meta skuid 4002 udp dport 443 reject
+  }
+}
+"""
+
+
+def test_rules_by_user_apply_to_proxied_connections(laboratory):
+    laboratory.start_system()
+    laboratory.here.run("nft", "-f", "-", given=BY_USER)
+    url = f"http://{THERE4}:{PEER_PORT}/"
+    assert laboratory.curl(url, user=4001).way == "proxied"
+    refused = laboratory.curl(url, user=4002)
+    # That it was refused (curl(1)).
+    assert refused.status == 7, str(refused)

@@ -72,7 +72,7 @@ def test_the_capabilities_of_the_service_suffice(laboratory):
     os.chmod(laboratory.socket_path, 0o666)
     laboratory.start_sidecar(user=989)
     extension = laboratory.start_extension(
-        prefix=as_service_user(f"+net_admin,{READS_PROCESSES},+bpf,+perfmon")
+        prefix=as_service_user(f"+net_admin,+net_raw,{READS_PROCESSES},+bpf,+perfmon")
     )
     laboratory.wait_until_proxied()
     # Everything that is published and recorded as root is so here.
@@ -90,6 +90,7 @@ def test_it_names_what_is_missing_and_what_that_costs(laboratory):
     missing = [line for line in errors_of(extension) if "is missing" in line]
     assert [line.partition(" is missing: ")[0] for line in missing] == [
         "OstravelProxy: CAP_BPF or CAP_PERFMON",
+        "OstravelProxy: CAP_NET_RAW",
         "OstravelProxy: CAP_SYS_NICE",
     ]
     assert extension.stop() == 0

@@ -40,7 +40,8 @@ constexpr const char* kRedirectChain = "deliver";
 // The refuse chain tests the mark that the verdict has just set, so it must follow the offer chain;
 // a mark set before the nat hook is visible there.
 constexpr std::int32_t kOfferPriority = NF_IP_PRI_MANGLE;
-constexpr std::int32_t kRefusePriority = NF_IP_PRI_MANGLE + 1;
+// firewalld(1) filters at 10, iptables at 0 and, in its table "security", at 50.
+constexpr std::int32_t kLateOfferPriority = NF_IP_PRI_SECURITY + 10;
 constexpr std::int32_t kDivertPriority = NF_IP_PRI_NAT_DST;
 
 // nft(8) calls these types inet_proto and uid.
@@ -236,11 +237,23 @@ void addSelection(TableChanges& changes, const char* chain, const std::string& c
   }
 }
 
-void addOfferRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks) {
+// Everything that the table depends on. Used only during the call that received it.
+struct Plan {
+  const TransparentProxyNetworkSettings& settings;
+  const PacketMarks& marks;
+  std::uint16_t queueNumber;
+  const std::vector<InterceptionTable::ListenerPorts>& listeners;
+  InterceptionTable::OfferPoint offerPoint = InterceptionTable::OfferPoint::afterFilters;
+  std::uint32_t packetsPerSecond = InterceptionTable::kPacketsPerSecond;
+
+  bool isOfferLate() const { return offerPoint == InterceptionTable::OfferPoint::afterFilters; }
+};
+
+void addOfferRules(TableChanges& changes, const Selection& selection, const Plan& plan) {
   addRulesForLaterPackets(changes, kOfferChain);
   // Our own packets, and those of programs that use our mark bits for something else.
   changes.add("mark rule",
-              NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
+              NetfilterRule(kTable, kOfferChain).markOtherThan(plan.marks.mask(), 0).accept());
   changes.add("set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
   // A retransmitted SYN, which already had its verdict. After a reply, which then belongs to an
   // earlier connection with the same addresses and ports, a SYN starts a new connection.
@@ -248,6 +261,11 @@ void addOfferRules(TableChanges& changes, const Selection& selection, const Pack
                                     .protocol(TransportProtocol::tcp)
                                     .trackedWithoutReply()
                                     .accept());
+  if (plan.isOfferLate()) {
+    // The entry with the translation goes with the packet; a new one would not have it.
+    changes.add("conntrack rule",
+                NetfilterRule(kTable, kOfferChain).destinationTranslated().accept());
+  }
   addSelection(changes, kOfferChain, "jump rule", selection,
                [](NetfilterRule& rule, TransportProtocol /*protocol*/) { rule.jump(kQueueChain); });
 }
@@ -335,15 +353,6 @@ Error explain(const Error& unreachable) {
   return explain(NetfilterBatch::Failure{"", static_cast<int>(unreachable.code)});
 }
 
-// Everything that the table depends on. Used only during the call that received it.
-struct Plan {
-  const TransparentProxyNetworkSettings& settings;
-  const PacketMarks& marks;
-  std::uint16_t queueNumber;
-  const std::vector<InterceptionTable::ListenerPorts>& listeners;
-  std::uint32_t packetsPerSecond;
-};
-
 // What some kernels lack.
 struct KernelFeatures {
   bool hasQueueExpression = true;
@@ -365,11 +374,12 @@ TableChanges makeChanges(const Plan& plan, const Selection& selection,
           .queue(plan.queueNumber, features.hasQueueExpression
                                        ? NetfilterRule::QueueStatement::native
                                        : NetfilterRule::QueueStatement::compatibilityTarget));
-  changes.addChain(kOfferChain, {"filter", TableChanges::Hook::output, kOfferPriority});
-  changes.addChain(kRefuseChain, {"filter", TableChanges::Hook::output, kRefusePriority});
+  const std::int32_t priority = plan.isOfferLate() ? kLateOfferPriority : kOfferPriority;
+  changes.addChain(kOfferChain, {"filter", TableChanges::Hook::output, priority});
+  changes.addChain(kRefuseChain, {"filter", TableChanges::Hook::output, priority + 1});
   changes.addChain(kDivertChain, {"nat", TableChanges::Hook::output, kDivertPriority});
   changes.addChain(kRedirectChain);
-  addOfferRules(changes, selection, plan.marks);
+  addOfferRules(changes, selection, plan);
   addRefuseRules(changes, selection, plan.marks);
   addDivertRules(changes, selection, plan.marks, plan.listeners);
   addAliveElements(changes.batch());
@@ -405,7 +415,7 @@ OptionalError applyToKernel(const Plan& plan, Apply apply) {
 
 Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
     const TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
-    std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners,
+    std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners, OfferPoint offerPoint,
     std::uint32_t packetsPerSecond) {
   auto opened = openNetfilterSocket();
   if (!opened) {
@@ -413,7 +423,7 @@ Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
   }
   NetlinkSocket socket = *std::move(opened);
   auto error =
-      applyToKernel({settings, marks, queueNumber, listeners, packetsPerSecond},
+      applyToKernel({settings, marks, queueNumber, listeners, offerPoint, packetsPerSecond},
                     [&socket](NetfilterBatch& batch) { return batch.commit(socket.get()); });
   if (error) {
     return *std::move(error);
@@ -428,7 +438,7 @@ OptionalError InterceptionTable::examine(const TransparentProxyNetworkSettings& 
   if (!socket) {
     return explain(socket.error());
   }
-  return applyToKernel({settings, marks, queueNumber, listeners, kPacketsPerSecond},
+  return applyToKernel({settings, marks, queueNumber, listeners},
                        [&socket](NetfilterBatch& batch) { return batch.examine(socket->get()); });
 }
 
@@ -439,8 +449,7 @@ Result<std::string> InterceptionTable::script(const TransparentProxyNetworkSetti
   if (!selection) {
     return selection.error();
   }
-  return makeChanges({settings, marks, queueNumber, listeners, kPacketsPerSecond}, *selection, {})
-      .script();
+  return makeChanges({settings, marks, queueNumber, listeners}, *selection, {}).script();
 }
 
 OptionalError InterceptionTable::refreshAlive() {

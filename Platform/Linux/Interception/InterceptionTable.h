@@ -23,8 +23,8 @@ namespace ostravel::linuxplatform {
 //   table inet ostravel
 //     set alive      {tcp, udp} with a time-out: without its elements no packet is offered
 //     set rates      users, with the rate of their queued packets
-//     chain offer    output, before all filter chains: first packets that the settings select
-//                    jump to the next chain
+//     chain offer    output, before or after the filters of other programs: first packets that
+//                    the settings select jump to the next chain
 //     chain hold     queues packets; they pass when nobody reads the queue or their user
 //                    exceeds kPacketsPerSecond
 //     chain refuse   output, directly after offer: packets marked as refused get a reset or port
@@ -34,8 +34,8 @@ namespace ostravel::linuxplatform {
 //
 // Every chain acts only on first packets that the settings select, so a mark that another program
 // sets for its own purposes has no effect on other packets. Never offered: packets that already
-// have any of our mark bits set, retransmissions of a SYN that has left, and link-local or
-// multicast destinations.
+// have any of our mark bits set, retransmissions of a SYN that has left, link-local or multicast
+// destinations, and, after the filters, packets whose destination another program has translated.
 //
 // Used by one thread at a time.
 class InterceptionTable {
@@ -48,6 +48,16 @@ class InterceptionTable {
   // to leave time for other users.
   static constexpr std::uint32_t kPacketsPerSecond = 10'000;
 
+  // Where packets are offered.
+  enum class OfferPoint {
+    // Accepting a packet with a mark redirects it. Rules for the application that a filter has, by
+    // user for example, see it on its way to our listener.
+    beforeFilters,
+    // Nothing is offered that a filter has dropped or rejected. Too late for redirecting, so the
+    // packet must be sent anew; see PacketResender.
+    afterFilters,
+  };
+
   // The ports of an event loop's listeners; 0 if it has none for that family.
   struct ListenerPorts {
     std::uint16_t ipv4 = 0;
@@ -59,6 +69,7 @@ class InterceptionTable {
   static platform::Result<std::unique_ptr<InterceptionTable>> install(
       const platform::TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
       std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners,
+      OfferPoint offerPoint = OfferPoint::beforeFilters,
       std::uint32_t packetsPerSecond = kPacketsPerSecond);
 
   // Whether the kernel would install such a table; it changes nothing. Errors as above.
@@ -66,7 +77,8 @@ class InterceptionTable {
                                          const PacketMarks& marks, std::uint16_t queueNumber,
                                          const std::vector<ListenerPorts>& listeners);
 
-  // Such a table as a script for nft(8), one command a line. Needs no permission.
+  // Such a table as a script for nft(8), one command a line, with packets offered after the
+  // filters. Needs no permission.
   static platform::Result<std::string> script(
       const platform::TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
       std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners);

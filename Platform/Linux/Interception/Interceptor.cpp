@@ -84,6 +84,7 @@ struct Interceptor::Parts {
   NameUse nameUse;
   std::shared_ptr<HostNameObserver> names;
   std::shared_ptr<PacketQueue> queue;
+  std::shared_ptr<const PacketResender> resender;
   LoopSocket arrivals;
   std::shared_ptr<RedirectSupervisor> redirects;
   std::unique_ptr<AliveKeeper> aliveKeeper;
@@ -111,10 +112,12 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   if (!arrivals.isOpen()) {
     return socketError(EMFILE);
   }
-  const auto install = [settings, marks = loops.marks(), number = openQueue->number(),
-                        ports = listenerPorts(loops)] {
-    return InterceptionTable::install(settings, marks, number, ports);
-  };
+  const auto install =
+      [settings, marks = loops.marks(), number = openQueue->number(), ports = listenerPorts(loops),
+       offerPoint = environment.resender ? InterceptionTable::OfferPoint::afterFilters
+                                         : InterceptionTable::OfferPoint::beforeFilters] {
+        return InterceptionTable::install(settings, marks, number, ports, offerPoint);
+      };
   auto table = install();
   if (!table) {
     return std::move(table).error();
@@ -126,11 +129,11 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   auto names = observeNames(environment.names, *identifiers, *log);
   auto aliveKeeper =
       std::make_unique<AliveKeeper>(*std::move(table), install, log, environment.onAlive);
-  return std::unique_ptr<Interceptor>(
-      new Interceptor({std::move(log), loops, environment.descriptors, std::move(handler),
-                       environment.onProxyWatched, std::move(identifiers), environment.names,
-                       std::move(names), std::move(openQueue), std::move(arrivals),
-                       std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
+  return std::unique_ptr<Interceptor>(new Interceptor(
+      {std::move(log), loops, environment.descriptors, std::move(handler),
+       environment.onProxyWatched, std::move(identifiers), environment.names, std::move(names),
+       std::move(openQueue), environment.resender, std::move(arrivals), std::move(redirects),
+       std::move(aliveKeeper), environment.heartbeat}));
 }
 
 Interceptor::Interceptor(Parts parts)
@@ -144,6 +147,7 @@ Interceptor::Interceptor(Parts parts)
       nameUse_(parts.nameUse),
       names_(std::move(parts.names)),
       queue_(std::move(parts.queue)),
+      resender_(std::move(parts.resender)),
       arrivals_(std::move(parts.arrivals)),
       recentFlows_(kRememberedFlows),
       heldFlows_(*queue_),
@@ -264,7 +268,8 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   const bool isTCP = tuple.protocol == TransportProtocol::tcp;
   // The proxy decides about TCP flows only; UDP is refused locally.
   auto heldPacket = std::make_unique<QueuedPacket>(queue_, loops_.marks(), packet, share,
-                                                   isTCP ? identification.proxy : std::nullopt);
+                                                   isTCP ? identification.proxy : std::nullopt,
+                                                   isTCP ? resender_ : nullptr);
   const auto flow =
       makeFlow(tuple, std::move(identification), std::move(heldPacket), std::move(share));
   const bool isTaken = handler_(flow);

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "Platform/Interface/AppProxyFlow.h"
@@ -22,6 +23,7 @@
 #include "Platform/Linux/Interception/RedirectSupervisor.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
+#include "Platform/Linux/Kernel/PacketResender.h"
 #include "Platform/Linux/Liveness/Heartbeat.h"
 #include "Platform/Linux/Names/HostNameObserver.h"
 #include "Platform/Linux/Names/NameUse.h"
@@ -58,6 +60,8 @@ class Interceptor {
     std::function<void()> onAlive;
     // Users, besides root and system users, whose local proxy may carry everybody's flows.
     std::vector<uid_t> proxyUsers;
+    // If absent, packets are offered before the filters of other programs.
+    std::shared_ptr<const PacketResender> resender = nullptr;
     // Identifiers that applications get from registrations only.
     std::vector<std::string> reservedIdentifiers = {};
     // Called several times a second, on the first event loop, with the proxy that everybody's flows
@@ -121,6 +125,7 @@ class Interceptor {
   // Null if names are not used or cannot be observed.
   const std::shared_ptr<HostNameObserver> names_;
   const std::shared_ptr<PacketQueue> queue_;
+  const std::shared_ptr<const PacketResender> resender_;
   // A duplicate of the queue's socket, for waiting.
   LoopSocket arrivals_;
   RecentFlows recentFlows_;

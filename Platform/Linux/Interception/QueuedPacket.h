@@ -1,12 +1,15 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "Platform/Linux/Identity/ProxyInstance.h"
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
+#include "Platform/Linux/Kernel/PacketResender.h"
 #include "Platform/Linux/Relay/HeldPacket.h"
 #include "Platform/Linux/Services/UserShare.h"
 
@@ -18,10 +21,12 @@ class QueuedPacket final : public HeldPacket {
   // user: charged with one held packet until the verdict. proxy: the local proxy at the time of the
   // offer. If it has ended since, an apparent refusal is a consequence of that; if another socket
   // listens, the flow's tunnel may lead to a stranger. The flow is left to the system in both
-  // cases.
+  // cases. resender: if present, a redirected packet is replaced by a copy that passes all rules
+  // anew.
   QueuedPacket(std::shared_ptr<PacketQueue> queue, const PacketMarks& marks,
                const PacketQueue::Packet& packet, std::shared_ptr<UserShare> user,
-               std::optional<ProxyInstance> proxy = std::nullopt);
+               std::optional<ProxyInstance> proxy = std::nullopt,
+               std::shared_ptr<const PacketResender> resender = nullptr);
   ~QueuedPacket() override;
 
   void accept() override;
@@ -29,8 +34,10 @@ class QueuedPacket final : public HeldPacket {
   void refuse() override;
 
  private:
-  // Replaces our bits of the packet's mark.
   void acceptMarked(std::uint32_t mark);
+  void resendMarked(std::uint32_t mark);
+  // The packet's mark with our bits replaced.
+  std::uint32_t markWith(std::uint32_t bits) const { return (mark_ & ~marks_.mask()) | bits; }
 
   const std::shared_ptr<PacketQueue> queue_;
   const PacketMarks marks_;
@@ -38,6 +45,9 @@ class QueuedPacket final : public HeldPacket {
   const std::uint32_t mark_;
   const std::shared_ptr<UserShare> user_;
   const std::optional<ProxyInstance> proxy_;
+  const std::shared_ptr<const PacketResender> resender_;
+  // Empty unless there is a resender.
+  const std::vector<std::byte> bytes_;
 };
 
 }  // namespace ostravel::linuxplatform

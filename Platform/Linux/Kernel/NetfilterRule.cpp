@@ -209,6 +209,15 @@ NetfilterRule& NetfilterRule::trackedWithoutReply() {
   return say("ct status & (confirmed | seen-reply) == confirmed");
 }
 
+NetfilterRule& NetfilterRule::destinationTranslated() {
+  constexpr std::uint32_t kTranslated = IPS_DST_NAT;
+  constexpr std::uint32_t kNone = 0;
+  loadConntrack(NFT_CT_STATUS);
+  mask(bytesOf(kTranslated));
+  compare(NFT_CMP_NEQ, bytesOf(kNone));
+  return say("ct status dnat");
+}
+
 NetfilterRule& NetfilterRule::protocolNotIn(const char* set) {
   loadMeta(NFT_META_L4PROTO);
   nftnl_expr* const expression = makeExpression("lookup");

@@ -41,6 +41,8 @@ class NetfilterRule {
   NetfilterRule& notNewConnection();
   // ct status & (confirmed|seen-reply) == confirmed
   NetfilterRule& trackedWithoutReply();
+  // ct status dnat
+  NetfilterRule& destinationTranslated();
   // meta l4proto != @set
   NetfilterRule& protocolNotIn(const char* set);
   // ip|ip6 daddr in network/prefix; family is tested too

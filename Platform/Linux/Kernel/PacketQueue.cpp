@@ -214,14 +214,24 @@ bool PacketQueue::isHeld(std::uint32_t id) const {
   return held_.contains(id);
 }
 
+bool PacketQueue::claim(std::uint32_t id) {
+  const std::lock_guard guard(lock_);
+  return held_.erase(id) != 0;
+}
+
 bool PacketQueue::give(const Verdict& verdict) {
-  {
-    const std::lock_guard guard(lock_);
-    if (held_.erase(verdict.id) == 0) {
-      return false;
-    }
+  if (!claim(verdict.id)) {
+    return false;
   }
   send(verdict);
+  return true;
+}
+
+bool PacketQueue::replace(std::uint32_t id, const std::function<bool()>& resend) {
+  if (!claim(id)) {
+    return false;
+  }
+  send({.id = id, .mark = std::nullopt, .isDropped = resend()});
   return true;
 }
 
@@ -232,7 +242,7 @@ void PacketQueue::acceptAll() {
     held.swap(held_);
   }
   for (const std::uint32_t id : held) {
-    send({id, std::nullopt});
+    send({.id = id, .mark = std::nullopt});
   }
 }
 
@@ -250,7 +260,8 @@ void PacketQueue::send(const Verdict& verdict) {
 bool PacketQueue::trySend(const Verdict& verdict) const {
   alignas(nlmsghdr) MessageBuffer buffer{};
   nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
-  ::nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id), NF_ACCEPT);
+  ::nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id),
+                          verdict.isDropped ? NF_DROP : NF_ACCEPT);
   if (verdict.mark) {
     ::nfq_nlmsg_verdict_put_mark(header, *verdict.mark);
   }

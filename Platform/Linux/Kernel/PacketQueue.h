@@ -58,11 +58,14 @@ class PacketQueue {
   bool receive(const std::function<void(const Packet&)>& handler);
   static constexpr std::size_t kPacketsPerReceive = 8;
 
-  // The two verdicts: accept the packet unchanged, or with a new mark. Only the first verdict on a
+  // Two verdicts: accept the packet unchanged, or with a new mark. Only the first verdict on a
   // packet counts; true if this is the one. A verdict that the kernel rejects for lack of memory is
   // kept until retryUnsent().
-  bool accept(std::uint32_t id) { return give({id, std::nullopt}); }
-  bool acceptMarked(std::uint32_t id, std::uint32_t mark) { return give({id, mark}); }
+  bool accept(std::uint32_t id) { return give({.id = id, .mark = std::nullopt}); }
+  bool acceptMarked(std::uint32_t id, std::uint32_t mark) { return give({.id = id, .mark = mark}); }
+  // The third: drops the packet if resend() has sent another one in its place and returns true;
+  // else accepts it unchanged. resend() is not called unless this is the first verdict.
+  bool replace(std::uint32_t id, const std::function<bool()>& resend);
   // Accepts every packet that is held.
   void acceptAll();
 
@@ -76,6 +79,7 @@ class PacketQueue {
   struct Verdict {
     std::uint32_t id = 0;
     std::optional<std::uint32_t> mark;
+    bool isDropped = false;
   };
 
   PacketQueue(NetlinkSocket socket, std::uint16_t number, Send send);
@@ -83,6 +87,8 @@ class PacketQueue {
   // Passes the packet to the handler if the message contains one.
   void deliver(const nlmsghdr* message, const std::function<void(const Packet&)>& handler);
   bool give(const Verdict& verdict);
+  // True if the packet has had no verdict yet; the caller gives one.
+  bool claim(std::uint32_t id);
   void send(const Verdict& verdict);
   // False if the kernel may accept it later.
   bool trySend(const Verdict& verdict) const;

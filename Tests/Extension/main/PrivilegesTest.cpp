@@ -54,25 +54,25 @@ TEST(Privileges, UnusedOnesAreGivenUpForGood) {
   });
 }
 
-TEST(Privileges, NothingIsMissingWithTheSixThatAreUsed) {
-  const Privileges privileges(maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_BPF,
-                                      CAP_PERFMON, CAP_SYS_NICE}),
+TEST(Privileges, NothingIsMissingWithTheSevenThatAreUsed) {
+  const Privileges privileges(maskOf({CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_PTRACE,
+                                      CAP_DAC_READ_SEARCH, CAP_BPF, CAP_PERFMON, CAP_SYS_NICE}),
                               false);
   EXPECT_FALSE(privileges.obstacle());
   EXPECT_TRUE(privileges.losses().empty());
 }
 
 TEST(Privileges, APreferredProcessNeedsNoRealTimePriority) {
-  const std::uint64_t capabilities =
-      maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_BPF, CAP_PERFMON});
+  const std::uint64_t capabilities = maskOf(
+      {CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_BPF, CAP_PERFMON});
   EXPECT_EQ(Privileges(capabilities, false, false).losses().size(), 1U);
   EXPECT_TRUE(Privileges(capabilities, false, true).losses().empty());
 }
 
 TEST(Privileges, StrongerCapabilitiesReplaceWeakerOnes) {
-  const Privileges privileges(
-      maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_OVERRIDE, CAP_SYS_ADMIN, CAP_SYS_NICE}),
-      false);
+  const Privileges privileges(maskOf({CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_PTRACE, CAP_DAC_OVERRIDE,
+                                      CAP_SYS_ADMIN, CAP_SYS_NICE}),
+                              false);
   EXPECT_FALSE(privileges.obstacle());
   EXPECT_TRUE(privileges.losses().empty());
 }
@@ -97,15 +97,15 @@ TEST(Privileges, WithoutASightOfProcessesEverythingWouldGoDirect) {
 
 TEST(Privileges, WhereAllProcessesAreVisibleItWorksWithLosses) {
   EXPECT_EQ(obstacleWith({CAP_NET_ADMIN}, true), "");
-  EXPECT_EQ(Privileges(maskOf({CAP_NET_ADMIN}), true).losses().size(), 4U);
+  EXPECT_EQ(Privileges(maskOf({CAP_NET_ADMIN}), true).losses().size(), 5U);
 }
 
 TEST(Privileges, TracingNeedsBothOfItsCapabilities) {
   for (const unsigned one : std::initializer_list<unsigned>{CAP_BPF, CAP_PERFMON}) {
-    const auto losses =
-        Privileges(maskOf({CAP_NET_ADMIN, CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_SYS_NICE, one}),
-                   true)
-            .losses();
+    const auto losses = Privileges(maskOf({CAP_NET_ADMIN, CAP_NET_RAW, CAP_SYS_PTRACE,
+                                           CAP_DAC_READ_SEARCH, CAP_SYS_NICE, one}),
+                                   true)
+                            .losses();
     ASSERT_EQ(losses.size(), 1U);
     EXPECT_TRUE(losses[0].starts_with("CAP_BPF or CAP_PERFMON is missing: ")) << losses[0];
   }

@@ -8,7 +8,7 @@ import subprocess
 import sys
 
 # What systemd-analyze(1) calls the exposure: 0 is none, 10 is everything.
-MOST_EXPOSURE = {"ostravel": 2.3, "ostravel-sidecar": 1.5, "ostravel-monitor": 1.5}
+MOST_EXPOSURE = {"ostravel": 2.4, "ostravel-sidecar": 1.5, "ostravel-monitor": 1.5}
 PAGES = {"ostravel-extension": 8, "ostravel-sidecar": 1, "ostravel-monitor": 1}
 FAILURES = []
 

@@ -352,7 +352,8 @@ TEST_F(InterceptionTableTest, AFloodOfOneUserLeavesTheQueueToOthers) {
   constexpr uid_t kOther = 4711;
   auto settings = loopbackSettings();
   settings.includedNetworkRules.push_back(testing::udpRule("127.0.0.1", "8001", 32));
-  const auto installed = InterceptionTable::install(settings, kMarks, queue_->number(), {}, kRate);
+  const auto installed = InterceptionTable::install(
+      settings, kMarks, queue_->number(), {}, InterceptionTable::OfferPoint::beforeFilters, kRate);
   ASSERT_TRUE(installed);
   const auto& table = *installed;
   const auto takeQueued = [this] {
