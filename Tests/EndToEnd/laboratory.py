@@ -176,6 +176,9 @@ class Laboratory:
                 if written:
                     yield f"{title} of {program.name} ({program.pid})", written
 
+    def close_later(self, close):
+        self._closing.append(close)
+
     # Programs
 
     def start(self, arguments, name=None, namespace=None, **options):
@@ -310,6 +313,14 @@ class Laboratory:
         os.makedirs(folder, exist_ok=True)
         pathlib.Path(folder, "test.json").write_text(text)
 
+    def replace_in_etc(self, name, text):
+        """For extensions, and for applications that are run with_etc."""
+        pathlib.Path(self._etc.replacement(name)).write_text(text)
+
+    def with_etc(self, *arguments):
+        """A command that runs arguments with the files of replace_in_etc."""
+        return ["unshare", "--mount", "--propagation", "private", *self._etc.command(*arguments)]
+
     def write_configuration(self, text=None, name="provider-configuration.json"):
         """A provider configuration, with the monitoring socket if not said otherwise; its path."""
         path = self.path(name)
@@ -331,10 +342,8 @@ class Laboratory:
         """Starts the extension without waiting for anything."""
         return self.start(
             # The tests may run in a service or a container; their applications are not of it.
-            ["unshare", "--mount", "--propagation", "private", "--cgroup",
-             *self._etc.command(
-                 *prefix, self.program_path("ostravel-extension"), *arguments
-             )],
+            ["unshare", "--cgroup",
+             *self.with_etc(*prefix, self.program_path("ostravel-extension"), *arguments)],
             name="ostravel-extension",
             **options,
         )  # fmt: skip

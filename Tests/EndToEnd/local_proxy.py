@@ -8,6 +8,8 @@ Commands come on standard input, one JSON object per line:
   through     port of another local proxy, which makes the tunnels; its answer is passed on
   closes      true: no longer listens from the moment when it is asked for a flow
   pieces      size of the pieces in which the answer is sent, each in a packet of its own
+  hosts       names that it can resolve, with their addresses
+  unresolved  what it answers to a request for any other name, before it ends the connection
 
 A line with null only asks for a report.
 
@@ -51,10 +53,20 @@ def receive_request(connection):
     return request
 
 
-def connect_to_origin(request):
-    target = request.split(b" ")[1].decode()
-    host, _, port = target.rpartition(":")
-    return socket.create_connection((host.strip("[]"), int(port)), timeout=30)
+def target_of(request):
+    host, _, port = request.split(b" ")[1].decode().rpartition(":")
+    return host.strip("[]"), int(port)
+
+
+def is_unresolved(request, current):
+    host = target_of(request)[0]
+    is_name = host[-1:].isalpha() and ":" not in host
+    return is_name and "unresolved" in current and host not in current.get("hosts", {})
+
+
+def connect_to_origin(request, current):
+    host, port = target_of(request)
+    return socket.create_connection((current.get("hosts", {}).get(host, host), port), timeout=30)
 
 
 def copy(source, sink):
@@ -109,12 +121,14 @@ def serve(connection, current, accepted_at):
         answer = current.get("answer", ESTABLISHED).encode("latin-1")
         then = current.get("then", "relay")
         origin = None
+        if is_unresolved(request, current):
+            answer, then = current["unresolved"].encode("latin-1"), "end"
         if "through" in current:
             origin = socket.create_connection(("127.0.0.1", current["through"]))
             origin.sendall(request)
             answer = b""
         elif then == "relay":
-            origin = connect_to_origin(request)
+            origin = connect_to_origin(request, current)
         if current.get("joined"):
             answer += origin.recv(65536)
         send_in_pieces(connection, answer, current.get("pieces", len(answer) or 1))

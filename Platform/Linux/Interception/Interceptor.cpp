@@ -370,7 +370,7 @@ std::optional<FlowName> Interceptor::nameOf(const Identification& sender,
       [names = std::weak_ptr(names_), log = log_, name = *found] {
         log->info("OstravelProxy: The proxy cannot resolve a name, asking for its address");
         if (const auto observer = names.lock()) {
-          observer->setUnresolvable(name.owner, name.name);
+          observer->setUnresolvable(name);
         }
       }};
 }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint16_t kPort = 53;
 
-// Messages that a flow reads itself, and those that the thread reads before it looks for an asker.
+// Messages that a flow reads itself.
 constexpr unsigned kMaximumBurst = 16;
 
 // The monitor has no other sign that it is back.
@@ -93,12 +93,8 @@ void HostNameObserver::takeRegistrations() {
 void HostNameObserver::run() {
   ::pthread_setname_np(::pthread_self(), "names");
   while (!stop_.consume()) {
-    bool hasMore = true;
-    for (unsigned count = 0; hasMore && count < kMaximumBurst; ++count) {
-      hasMore = receiveOne();
-    }
-    hasMore = findAsker() || hasMore;
-    if (!hasMore) {
+    // An asking socket may be closed as soon as it has its answer; copies can wait.
+    if (!findAsker() && !receiveOne()) {
       wait();
     }
   }
@@ -155,9 +151,9 @@ bool HostNameObserver::findAsker() {
 
 OpenQuestions::Asker HostNameObserver::askerOf(const OpenQuestions::Asked& asked) {
   takeRegistrations();
-  resolvers_.refresh(HostNames::Clock::now());
   OpenQuestions::Asker asker;
   asker.application = applications_->applicationOf(asked.tuple, asked.outputInterface);
+  resolvers_.refresh(HostNames::Clock::now());
   const bool isUnknownService = asker.application.empty() && systemUsers_.includes(asked.user) &&
                                 resolvers_.includes(asked.tuple.destination);
   asker.isForMachine = isUnknownService || resolvers_.isResolver(asked.user);
@@ -235,11 +231,8 @@ void HostNameObserver::learn(const OpenQuestions::Asked& asked,
   const auto now = HostNames::Clock::now();
   const std::string application = asked.asker ? asked.asker->application : std::string();
   const bool isForMachine = asked.asker && asked.asker->isForMachine;
-  // A service that cannot be told from others names everybody's flows, its own among them.
-  if (!isForMachine || !application.empty()) {
-    names_.learn(HostNames::Owner::application(asked.user, application), asked.question.name,
-                 addresses, now);
-  }
+  names_.learn(HostNames::Owner::application(asked.user, application), asked.question.name,
+               addresses, now);
   if (isForMachine) {
     names_.learn(HostNames::Owner::machine(), asked.question.name, addresses, now);
   }

@@ -39,10 +39,10 @@ namespace ostravel::linuxplatform {
 // Whom a name belongs to:
 //
 //   the application whose socket has asked;
-//   its user, if the application is not known;
-//   the machine, if a service has asked one of the configured resolvers and it is not known which,
-//   or if the configured resolver itself has asked, which it does for applications that reach it
-//   by other ways than port 53.
+//   its user, if the application is not known, as when it has closed the socket at once;
+//   the machine as well, if that user is root or a system user who has asked one of the configured
+//   resolvers, or if the configured resolver itself has asked, which it does for applications that
+//   reach it by other ways than port 53.
 //
 // Its thread does everything that may take a while. Nothing waits for it: a flow whose name is not
 // known yet reads the copies that have arrived by then itself. The kernel makes the copy of an
@@ -72,8 +72,8 @@ class HostNameObserver {
   static constexpr std::chrono::microseconds kCatchUpTime{250};
 
   // See HostNames::setUnresolvable. From any thread.
-  void setUnresolvable(const HostNames::Owner& owner, const std::string& name) {
-    names_.setUnresolvable(owner, name);
+  void setUnresolvable(const HostNames::Found& found) {
+    names_.setUnresolvable(found, HostNames::Clock::now());
   }
 
   // As those of interception, for later queries. From any thread.

@@ -77,7 +77,7 @@ void HostNames::learn(const Owner& owner, const std::string& name,
       add(position, withoutPort(resolved.address), now + life, now);
     }
   }
-  markIfRebinding(*position, now);
+  position->isRebinding = position->isRebinding || isRebinding(name, {&owner}, now);
   evict();
 }
 
@@ -93,35 +93,54 @@ std::optional<HostNames::Found> HostNames::find(std::optional<uid_t> user,
                                                 std::string_view identifier,
                                                 const SocketEndpoint& address,
                                                 Clock::time_point now) {
-  std::vector<Owner> owners;
-  if (user && !identifier.empty()) {
-    owners.push_back(Owner::application(*user, identifier));
-  }
-  if (user) {
-    owners.push_back(Owner::user(*user));
-  }
-  owners.push_back(Owner::machine());
+  const Owner machine = Owner::machine();
+  const Owner application = user ? Owner::application(*user, identifier) : machine;
+  const Owner shared = user ? Owner::user(*user) : machine;
   const std::lock_guard guard(lock_);
-  for (const Owner& owner : owners) {
-    const Candidates found = candidates(owner, withoutPort(address), now);
-    if (found.count == Count::none) {
-      continue;
-    }
-    if (found.count == Count::several || found.position->isRebinding) {
-      return std::nullopt;
-    }
-    Entries& entries = users_[owner.user_];
-    entries.splice(entries.begin(), entries, found.position);
-    return Found{found.position->name, owner, found.position->isResolvable};
+  Candidates found = ownCandidates(application, shared, withoutPort(address), now);
+  if (found.count == Count::none) {
+    found = candidates(machine, withoutPort(address), now);
   }
-  return std::nullopt;
+  if (found.count != Count::one || found.position->isRebinding ||
+      isRebinding(found.position->name, {&application, &shared}, now)) {
+    return std::nullopt;
+  }
+  const Entry& entry = *found.position;
+  Entries& entries = users_[entry.owner.user_];
+  entries.splice(entries.begin(), entries, found.position);
+  const auto unresolvable = unresolvable_.find({entry.owner.user_, entry.name});
+  const auto last = std::max_element(
+      entry.addresses.begin(), entry.addresses.end(),
+      [](const Entry::Address& a, const Entry::Address& b) { return a.expiry < b.expiry; });
+  return Found{entry.name, entry.owner,
+               unresolvable == unresolvable_.end() || unresolvable->second <= now, last->expiry};
 }
 
-void HostNames::setUnresolvable(const Owner& owner, const std::string& name) {
+HostNames::Candidates HostNames::ownCandidates(const Owner& application, const Owner& user,
+                                               const SocketEndpoint& address,
+                                               Clock::time_point now) {
+  Candidates own = candidates(application, address, now);
+  if (application == user) {
+    return own;
+  }
+  const Candidates shared = candidates(user, address, now);
+  if (own.count == Count::none) {
+    return shared;
+  }
+  if (shared.count == Count::several || (own.count == Count::one && shared.count == Count::one &&
+                                         own.position->name != shared.position->name)) {
+    own.count = Count::several;
+  }
+  return own;
+}
+
+void HostNames::setUnresolvable(const Found& found, Clock::time_point now) {
   const std::lock_guard guard(lock_);
-  const auto found = byName_.find(keyOf(owner.key_, name));
-  if (found != byName_.end()) {
-    found->second->isResolvable = false;
+  if (unresolvable_.size() >= capacity_) {
+    std::erase_if(unresolvable_, [now](const auto& each) { return each.second <= now; });
+  }
+  if (unresolvable_.size() < capacity_) {
+    unresolvable_.insert_or_assign({found.owner.user_, found.name}, found.expiry);
   }
 }
 
@@ -174,7 +193,6 @@ HostNames::Position HostNames::entry(const Owner& owner, const std::string& name
         std::any_of(known.addresses.begin(), known.addresses.end(),
                     [now](const Entry::Address& each) { return each.expiry > now; });
     // What was found out about it ends with it.
-    known.isResolvable = known.isResolvable || !isAlive;
     known.isRebinding = known.isRebinding && isAlive;
     entries.splice(entries.begin(), entries, found->second);
     return found->second;
@@ -219,17 +237,32 @@ void HostNames::add(Position position, const SocketEndpoint& address, Clock::tim
   }
 }
 
-void HostNames::markIfRebinding(Entry& entry, Clock::time_point now) {
+const HostNames::Entry* HostNames::known(const Owner& owner, const std::string& name) const {
+  const auto found = byName_.find(keyOf(owner.key_, name));
+  return found != byName_.end() ? &*found->second : nullptr;
+}
+
+bool HostNames::isRebinding(const std::string& name, std::initializer_list<const Owner*> owners,
+                            Clock::time_point now) const {
   for (const AddressFamily family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
     bool hasPrivate = false;
     bool hasPublic = false;
-    for (const Entry::Address& each : entry.addresses) {
-      if (each.endpoint.family == family && each.expiry > now) {
-        (isPrivate(each.endpoint) ? hasPrivate : hasPublic) = true;
+    for (const Owner* const owner : owners) {
+      const Entry* const entry = known(*owner, name);
+      if (entry == nullptr) {
+        continue;
+      }
+      for (const Entry::Address& address : entry->addresses) {
+        if (address.endpoint.family == family && address.expiry > now) {
+          (isPrivate(address.endpoint) ? hasPrivate : hasPublic) = true;
+        }
       }
     }
-    entry.isRebinding = entry.isRebinding || (hasPrivate && hasPublic);
+    if (hasPrivate && hasPublic) {
+      return true;
+    }
   }
+  return false;
 }
 
 void HostNames::unlink(Position position, const SocketEndpoint& address) {

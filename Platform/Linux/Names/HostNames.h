@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <initializer_list>
 #include <list>
 #include <map>
 #include <mutex>
@@ -12,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Platform/Linux/Kernel/FlowTuple.h"
@@ -23,9 +25,10 @@ namespace ostravel::linuxplatform {
 // The host names that addresses were looked up under, and whose flows each may name.
 //
 // A name belongs to the application that looked it up, else to that application's user, else to the
-// machine. A flow is named by the first of these that has names for its address, and only if that
-// is exactly one: of several names nobody knows which one is meant, and a wrong one is worse than
-// none. Names expire with the answers that they came from.
+// machine. What belongs to a user may be any of its applications': it counts as the flow's own. If
+// neither has a name for the address, the machine's count. In each case there must be exactly one:
+// of several names nobody knows which one is meant, and a wrong one is worse than none. Names
+// expire with the answers that they came from.
 //
 // Not learned: loopback, link-local, multicast and unspecified addresses, which no proxy can reach.
 // A name that has led both to public and to private addresses of one family names nothing: that is
@@ -69,6 +72,8 @@ class HostNames {
     Owner owner;
     // False once the proxy has not been able to resolve it.
     bool isResolvable = true;
+    // Of its last address.
+    Clock::time_point expiry = {};
   };
 
   explicit HostNames(std::size_t capacity = kDefaultCapacity) : capacity_(capacity) {}
@@ -83,8 +88,8 @@ class HostNames {
   std::optional<Found> find(std::optional<uid_t> user, std::string_view identifier,
                             const SocketEndpoint& address, Clock::time_point now);
 
-  // For the rest of its life, the owner's name is found as not resolvable.
-  void setUnresolvable(const Owner& owner, const std::string& name);
+  // For the rest of its life, the name is found as not resolvable for this user.
+  void setUnresolvable(const Found& found, Clock::time_point now);
 
   // Names that have not been removed yet.
   std::size_t size() const;
@@ -98,7 +103,6 @@ class HostNames {
       Clock::time_point expiry;
     };
     std::vector<Address> addresses;
-    bool isResolvable = true;
     bool isRebinding = false;
   };
   // Of one user, or of the machine; the most recently used first.
@@ -119,10 +123,17 @@ class HostNames {
   };
 
   Candidates candidates(const Owner& owner, const SocketEndpoint& address, Clock::time_point now);
+  // Those of an application and of its user.
+  Candidates ownCandidates(const Owner& application, const Owner& user,
+                           const SocketEndpoint& address, Clock::time_point now);
+  // True if the addresses that the owners know of the name belong to networks that no honest name
+  // joins.
+  bool isRebinding(const std::string& name, std::initializer_list<const Owner*> owners,
+                   Clock::time_point now) const;
   Position entry(const Owner& owner, const std::string& name, Clock::time_point now);
+  const Entry* known(const Owner& owner, const std::string& name) const;
   void add(Position position, const SocketEndpoint& address, Clock::time_point expiry,
            Clock::time_point now);
-  void markIfRebinding(Entry& entry, Clock::time_point now);
   // From the list of the address.
   void unlink(Position position, const SocketEndpoint& address);
   void remove(Position position);
@@ -134,6 +145,8 @@ class HostNames {
   std::map<std::optional<uid_t>, Entries> users_;
   std::unordered_map<std::string, Position> byName_;
   std::unordered_map<std::string, Names> byAddress_;
+  // Names that the proxy cannot resolve, and until when.
+  std::map<std::pair<std::optional<uid_t>, std::string>, Clock::time_point> unresolvable_;
 };
 
 }  // namespace ostravel::linuxplatform
