@@ -5,7 +5,7 @@
 build_packages=(
   build-essential cmake ninja-build pkg-config clang
   libasio-dev libbpf-dev libc-ares-dev libcli11-dev libicu-dev libjansson-dev libmnl-dev
-  libnetfilter-queue-dev libnftnl-dev libsystemd-dev
+  libnats-dev libnetfilter-queue-dev libnftnl-dev libsystemd-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 # Wanted by the demonstration.
@@ -15,7 +15,7 @@ demonstration_packages=(
 # Wanted by the tests besides.
 test_packages=(
   clang-format clang-tidy iptables libclang-rt-14-dev
-  nginx-light procps python3-pytest python3-pytest-xdist scdoc strace systemd tinyproxy-bin
+  nats-server nginx-light procps python3-pytest python3-pytest-xdist scdoc strace systemd tinyproxy-bin
   gobjc++ libgnustep-base-dev libblocksruntime-dev libc++-dev libc++abi-dev lld llvm
 )
 # Wanted by ./package.
