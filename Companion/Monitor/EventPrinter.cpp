@@ -1,5 +1,6 @@
 #include "Companion/Monitor/EventPrinter.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ostravel::companion {
@@ -15,8 +16,23 @@ void EventPrinter::print(const ReceivedEvent& event) {
     summary_.add(*flow);
   }
   if (options_.filter.passes(event, flow)) {
-    writeLine_(options_.asJSON ? event.json : eventLine(event, flow, options_.style()));
+    writeLine_(options_.asJSON ? event.json : line(event, flow));
   }
+}
+
+std::string EventPrinter::line(const ReceivedEvent& event, const FlowRecord* flow) const {
+  EventLineStyle style = options_.style();
+  if (event.host.empty()) {
+    return eventLine(event, flow, style);
+  }
+  std::string host = event.host;
+  // Wide enough for usual names; a plain name has one column for each byte.
+  constexpr std::size_t kHostWidth = 16;
+  host.resize(std::max(host.size(), kHostWidth), ' ');
+  host += ' ';
+  // The narrowest line that eventLine makes is not 0, which means any width.
+  style.width = style.width == 0 ? 0 : std::max(style.width, host.size() + 1) - host.size();
+  return host + eventLine(event, flow, style);
 }
 
 }  // namespace ostravel::companion

@@ -13,7 +13,8 @@
 namespace ostravel::companion {
 
 // Turns events into the lines of the monitor's output: those that the filter lets through, for
-// people or as JSON. Owned by main; used on its event loop.
+// people or as JSON, with the machine in front if the event is of another one. Owned by main; used
+// on its event loop.
 class EventPrinter {
  public:
   struct Options {
@@ -31,6 +32,8 @@ class EventPrinter {
   const EventSummary& summary() const { return summary_; }
 
  private:
+  std::string line(const ReceivedEvent& event, const FlowRecord* flow) const;
+
   Options options_;
   std::function<void(std::string_view line)> writeLine_;
   FlowHistory flows_;

@@ -143,6 +143,7 @@ std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view bod
   }
 
   ReceivedEvent result;
+  result.messageId = textOf(event.get(), "message_id");
   result.timestamp = json_number_value(json_object_get(event.get(), "timestamp"));
   result.level = textOf(event.get(), "level");
   result.signal = textOf(event.get(), "current_signal");

@@ -10,6 +10,8 @@ namespace ostravel::companion {
 
 // One event of the extension, checked. Its texts are as received, not yet printable.
 struct ReceivedEvent {
+  std::string host;  // whose event it is; empty for this machine
+  std::string messageId;
   double timestamp = 0;  // seconds since 1970
   std::string level;
   std::string signal;

@@ -8,17 +8,23 @@
 #include <cstddef>
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <variant>
 
 #include "Base/DescriptorLimit.h"
 #include "Base/PrintableText.h"
+#include "Companion/Fleet/FleetCommandLine.h"
+#include "Companion/Fleet/FleetPublisher.h"
+#include "Companion/Fleet/FleetSubscriber.h"
 #include "Companion/Monitor/EventPrinter.h"
 #include "Companion/Monitor/EventReceiver.h"
 #include "Companion/Monitor/EventSocket.h"
+#include "Companion/Monitor/FleetEvent.h"
 #include "Companion/Shared/CommandLine.h"
 #include "Companion/Shared/QueuedOutput.h"
 #include "Companion/Shared/ServiceNotifier.h"
@@ -53,6 +59,34 @@ bool isOrderlyEnd(std::error_code error) {
   return !error || error == std::errc::broken_pipe;
 }
 
+using Report = std::function<void(const std::string&)>;
+
+FleetPublisher::Options publishedFleet(const FleetOptions& options, const Report& report) {
+  constexpr std::size_t kMegabyte = std::size_t{1024} * 1024;
+  return {.server = options.serverAt(options.publish),
+          .folder = options.spool,
+          .limits = {.folder = options.spoolMegabytes * kMegabyte},
+          .report = report};
+}
+
+FleetSubscriber::Options watchedFleet(const FleetOptions& options,
+                                      const std::function<void(const ReceivedEvent&)>& show,
+                                      const Report& report) {
+  return {
+      .server = options.serverAt(options.subscribe),
+      .fromBeginning = options.fromBeginning,
+      .event =
+          [show, report](const FleetMessage& message) {
+            const std::variant<ReceivedEvent, std::string> event = fleetEvent(message);
+            if (const auto* const known = std::get_if<ReceivedEvent>(&event)) {
+              show(*known);
+            } else {
+              report("malformed event of " + message.host + ": " + std::get<std::string>(event));
+            }
+          },
+      .report = report};
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -62,27 +96,35 @@ int main(int argc, char** argv) {
   std::string mode;
   std::string timeName = "time";
   bool withSummary = false;
-  EventPrinter::Options show;
-  app.add_option("--socket", path, "Listen on this UNIX socket")->option_text("PATH")->required();
+  EventPrinter::Options printing;
+  FleetOptions fleet;
+  CLI::Option* const socketOption =
+      app.add_option("--socket", path, "Listen on this UNIX socket")->option_text("PATH");
   app.add_option("--group", group, "Let the members of this group connect as well")
       ->option_text("GROUP");
   app.add_option("--mode", mode, "The mode of the socket, in octal")
       ->option_text("MODE [0660 with a group, else 0600]");
-  app.add_flag("--json", show.asJSON, "Print each event as one line of JSON");
-  app.add_option("--application", show.filter.applications,
+  app.add_flag("--json", printing.asJSON, "Print each event as one line of JSON");
+  app.add_option("--application", printing.filter.applications,
                  "Show only the flows of applications with this text in their identifier")
       ->option_text("TEXT ...")
       ->expected(1);
-  app.add_option("--host", show.filter.hosts,
+  app.add_option("--host", printing.filter.hosts,
                  "Show only the flows to destinations with this text in them")
       ->option_text("TEXT ...")
       ->expected(1);
-  app.add_flag("--failed", show.filter.onlyFailures, "Show only what failed, once for each flow");
+  app.add_flag("--failed", printing.filter.onlyFailures,
+               "Show only what failed, once for each flow");
   app.add_flag("--summary", withSummary,
                "Sum up at the end on standard error, as always on a terminal");
   addTimeOption(app, timeName);
+  addFleetOptions(app, fleet);
   if (const std::optional<int> status = readCommandLine(app, argc, argv)) {
     return *status;
+  }
+  const bool isOfFleet = !fleet.subscribe.empty();
+  if (socketOption->empty() != isOfFleet) {
+    return failUsage(app, isOfFleet ? "--subscribe excludes --socket" : "--socket is required");
   }
 
   const std::optional<SocketAccess> access = socketAccess(group, mode);
@@ -114,31 +156,58 @@ int main(int argc, char** argv) {
                                           },
                                       .failed = [&ioContext] { ioContext.stop(); }});
   const Colour colour = isColourWanted() ? Colour::terminal : Colour::none;
-  show.style = [colour, time = *time] { return EventLineStyle{colour, time, widthOfOutput()}; };
-  withSummary = withSummary || (::isatty(STDOUT_FILENO) == 1 && !show.asJSON);
-  EventPrinter printer(std::move(show),
+  printing.style = [colour, time = *time] { return EventLineStyle{colour, time, widthOfOutput()}; };
+  withSummary = withSummary || (::isatty(STDOUT_FILENO) == 1 && !printing.asJSON);
+  EventPrinter printer(std::move(printing),
                        [&output](std::string_view line) { output.writeLine(line); });
+  const auto show = [&printer](const ReceivedEvent& event) { printer.print(event); };
+  const auto report = [&complaints](const std::string& text) {
+    complaints.writeLine("ostravel-monitor: " + ostravel::printableText(text));
+  };
+  std::optional<FleetPublisher> publisher;
+  std::optional<FleetSubscriber> subscriber;
   try {
-    const EventSocket socket(path, *access);
-    const EventReceiver receiver(
-        ioContext, socket.descriptor(),
-        [&printer](const ReceivedEvent& event) { printer.print(event); },
-        [&complaints](std::string_view problem) {
-          complaints.writeLine("ostravel-monitor: malformed frame: " +
-                               ostravel::printableText(problem));
-        });
-    complaints.writeLine("ostravel-monitor listening on " + ostravel::printableText(path));
+    if (isOfFleet) {
+      subscriber.emplace(ioContext, watchedFleet(fleet, show, report));
+    } else if (!fleet.publish.empty()) {
+      publisher.emplace(publishedFleet(fleet, report));
+    }
+  } catch (const std::exception& error) {
+    return failUsage(app, error.what());
+  }
+  try {
+    std::optional<EventSocket> socket;
+    std::optional<EventReceiver> receiver;
+    if (!isOfFleet) {
+      socket.emplace(path, *access);
+      receiver.emplace(
+          ioContext, socket->descriptor(),
+          [&show, &publisher, host = nameOfThisHost(),
+           boot = thisBoot()](const ReceivedEvent& event) {
+            show(event);
+            if (publisher) {
+              publisher->publish(fleetMessage(event, host, boot));
+            }
+          },
+          [&report](std::string_view problem) {
+            report("malformed frame: " + std::string(problem));
+          });
+      complaints.writeLine("ostravel-monitor listening on " + ostravel::printableText(path));
+    }
     if (!group.empty() && !access->group) {
       complaints.writeLine("ostravel-monitor: there is no group " + ostravel::printableText(group) +
                            ", so its members cannot connect");
     }
     ServiceNotifier service(ioContext);
-    service.ready("Listening on " + path);
+    service.ready(isOfFleet ? "Watching " + fleet.subscribe : "Listening on " + path);
     ioContext.run();
     service.stopping();
   } catch (const std::exception& error) {
     return failUsage(app, "cannot listen on " + path + ": " + error.what());
   }
+  // What is not sent is in the spool then.
+  publisher.reset();
+  subscriber.reset();
   output.flush();
   int status = EXIT_SUCCESS;
   if (!isOrderlyEnd(output.error())) {

@@ -20,6 +20,7 @@ FOREIGN_PROGRAMS = {
     "ip": "iproute2",
     "iptables-legacy-restore": "iptables",
     "mount": "mount",
+    "nats-server": "nats-server",
     "nft": "nftables",
     "nginx": "nginx-light",
     "openssl": "openssl",
