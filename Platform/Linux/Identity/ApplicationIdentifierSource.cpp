@@ -50,8 +50,12 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
 }
 
 ApplicationIdentifierSource::ApplicationIdentifierSource(std::shared_ptr<ConnectTracer> tracer,
-                                                         ApplicationRegistrations registrations)
-    : tracer_(std::move(tracer)), registrations_(std::move(registrations)) {
+                                                         ApplicationRegistrations registrations,
+                                                         std::vector<std::string> reserved)
+    : reserved_(std::move(reserved)),
+      tracer_(std::move(tracer)),
+      registrations_(std::move(registrations)),
+      names_(makeNames()) {
   if (auto diagnostics = SocketDiagnostics::open()) {
     diagnostics_ = *std::move(diagnostics);
   }
@@ -66,7 +70,7 @@ ApplicationIdentifierSource::~ApplicationIdentifierSource() {
 
 std::unique_ptr<ApplicationIdentifierSource> ApplicationIdentifierSource::forAnotherThread() const {
   return std::unique_ptr<ApplicationIdentifierSource>(
-      new ApplicationIdentifierSource(tracer_, registrations_));
+      new ApplicationIdentifierSource(tracer_, registrations_, reserved_));
 }
 
 std::string ApplicationIdentifierSource::applicationOf(const FlowTuple& sent,

@@ -118,7 +118,8 @@ class ApplicationIdentifierSource {
   };
 
   ApplicationIdentifierSource(std::shared_ptr<ConnectTracer> tracer,
-                              ApplicationRegistrations registrations);
+                              ApplicationRegistrations registrations,
+                              std::vector<std::string> reserved);
 
   void startTracing(std::uint16_t proxyPort, ConnectTracer::Detail wanted,
                     std::optional<PacketMarks> marks);
