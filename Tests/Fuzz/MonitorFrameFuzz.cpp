@@ -6,14 +6,15 @@
 
 #include "Companion/Monitor/EventFrameReader.h"
 #include "Companion/Monitor/EventLine.h"
+#include "Companion/Monitor/FlowHistory.h"
 #include "Companion/Monitor/ReceivedEvent.h"
 #include "Tests/Fuzz/FuzzInput.h"
 #include "Tests/Simulator/ProtocolModel.h"
 
 namespace {
 
-using ostravel::companion::Colour;
 using ostravel::companion::EventFrameReader;
+using ostravel::companion::FlowHistory;
 using ostravel::companion::ReceivedEvent;
 using ostravel::fuzz::FuzzInput;
 using ostravel::fuzz::require;
@@ -59,7 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(cut.body() == whole.body(), "the body depends on the pieces");
   const auto received = ostravel::companion::parseReceivedEvent(whole.body());
   if (const auto* const event = std::get_if<ReceivedEvent>(&received)) {
-    requireSafe(ostravel::companion::eventLine(*event, Colour::none));
+    FlowHistory flows;
+    requireSafe(ostravel::companion::eventLine(*event, flows.apply(*event), {}));
     requireSafe(event->json);
   } else {
     require(!std::get<std::string>(received).empty(), "what is wrong has a name");
