@@ -254,7 +254,9 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
 // Watchdog
 
 ProxyTunnelHandshakeWatchdog& OVTunnelConnection::handshakeWatchdog() {
-  std::call_once(handshakeWatchdogOnce_, [this] {
+  // Not std::call_once, which makes a system call although nobody waits.
+  const std::lock_guard guard(handshakeWatchdogLock_);
+  if (!handshakeWatchdog_) {
     handshakeWatchdog_ = std::make_shared<ProxyTunnelHandshakeWatchdog>(
         platform_, handshakeTimeout_,
         platform_.makeQueue("com.ostravel.handshakeWatchdog", platform::DispatchQueueKind::serial),
@@ -263,7 +265,7 @@ ProxyTunnelHandshakeWatchdog& OVTunnelConnection::handshakeWatchdog() {
             self->handleHandshakeTimeout();
           }
         });
-  });
+  }
   return *handshakeWatchdog_;
 }
 

@@ -114,7 +114,8 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   // was passed in decides where the tunnel leads.
   [[maybe_unused]] const std::string proxyHost_{platform::limits::kProxyHost};
   [[maybe_unused]] const std::uint16_t proxyPort_ = platform::limits::kProxyPort;
-  std::once_flag handshakeWatchdogOnce_;
+  std::mutex handshakeWatchdogLock_;
+  // Guarded by handshakeWatchdogLock_; not replaced once it is made.
   std::shared_ptr<ProxyTunnelHandshakeWatchdog> handshakeWatchdog_;
 };
 
