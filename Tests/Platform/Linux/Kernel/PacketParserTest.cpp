@@ -110,5 +110,75 @@ TEST(PacketParser, RefusesAHeaderLengthBelowTheMinimumAndUnknownVersions) {
   EXPECT_FALSE(parse(unknownVersion));
 }
 
+std::optional<TransportPacket> parseTransport(const Bytes& bytes) {
+  return parseTransportPacket(std::as_bytes(std::span(bytes)));
+}
+
+// A datagram "abc" with the total length in its header.
+Bytes ipv4Datagram() {
+  Bytes packet = ipv4Packet(kUDP);
+  packet.resize(20 + 8);
+  packet.insert(packet.end(), {'a', 'b', 'c'});
+  packet[3] = static_cast<std::uint8_t>(packet.size());
+  return packet;
+}
+
+TEST(PacketParser, FindsThePayloadOfADatagram) {
+  const Bytes bytes = ipv4Datagram();
+  const auto packet = parseTransport(bytes);
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->tuple, parse(bytes)->tuple);
+  EXPECT_EQ(packet->payload.size(), 3U);
+  EXPECT_EQ(packet->payload[0], std::byte{'a'});
+  EXPECT_EQ(packet->payloadSize, 3U);
+  EXPECT_EQ(packet->flags, 0);
+}
+
+TEST(PacketParser, IgnoresWhatFollowsAPacketAndReportsWhatIsMissing) {
+  Bytes bytes = ipv4Datagram();
+  bytes.push_back('x');
+  EXPECT_EQ(parseTransport(bytes)->payload.size(), 3U);
+  bytes.resize(bytes.size() - 2);
+  EXPECT_EQ(parseTransport(bytes)->payload.size(), 2U);
+  EXPECT_EQ(parseTransport(bytes)->payloadSize, 3U);
+}
+
+TEST(PacketParser, ReadsFlagsSequenceAndPayloadOfATCPSegment) {
+  Bytes bytes = ipv6Header(kTCP);
+  bytes.insert(bytes.end(), kPorts.begin(), kPorts.end());
+  // Acknowledgement, a header of 24 bytes with SYN and ACK, window, checksum, urgent, an option.
+  bytes.insert(bytes.end(), {0, 0, 0, 0, 0x60, 0x12, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 'h', 'i'});
+  bytes[5] = static_cast<std::uint8_t>(bytes.size() - 40);
+  const auto packet = parseTransport(bytes);
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->sequence, 0x01020304U);
+  EXPECT_EQ(packet->flags, 0x12);
+  EXPECT_EQ(packet->payload.size(), 2U);
+  EXPECT_EQ(packet->payload[1], std::byte{'i'});
+}
+
+TEST(PacketParser, APacketThatHasNotBeenSplitUpIsAsLongAsItIs) {
+  Bytes bytes = ipv4Datagram();
+  bytes[3] = 0;
+  EXPECT_EQ(parseTransport(bytes)->payloadSize, 3U);
+}
+
+TEST(PacketParser, RejectsTransportHeadersThatAreTruncatedOrTooShort) {
+  EXPECT_FALSE(parseTransport(ipv4Packet(kTCP)));
+  Bytes bytes = ipv4Packet(kTCP);
+  bytes.resize(20 + 20);
+  bytes[3] = 40;
+  bytes[20 + 12] = 0x40;
+  EXPECT_FALSE(parseTransport(bytes));
+  bytes[20 + 12] = 0x50;
+  EXPECT_TRUE(parseTransport(bytes));
+  bytes[20 + 12] = 0x60;
+  EXPECT_FALSE(parseTransport(bytes));
+  // The network header leaves no room for the transport header.
+  Bytes datagram = ipv4Datagram();
+  datagram[3] = 27;
+  EXPECT_FALSE(parseTransport(datagram));
+}
+
 }  // namespace
 }  // namespace ostravel::linuxplatform

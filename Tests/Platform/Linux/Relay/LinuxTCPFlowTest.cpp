@@ -46,6 +46,44 @@ TEST_F(LinuxTCPFlowTest, NamesItsApplicationAndItsDestination) {
   EXPECT_EQ(made.flow->remoteEndpoint(), (platform::HostEndpoint{"192.0.2.1", "443"}));
 }
 
+class NamedFlowTest : public LinuxTCPFlowTest {
+ protected:
+  // A flow to 192.0.2.1 with this name.
+  std::shared_ptr<LinuxTCPFlow> makeNamedFlow(FlowName name) {
+    return std::make_shared<LinuxTCPFlow>(
+        loop(), tupleOf(anySource()), "org.example.browser",
+        platform::HostEndpoint{"192.0.2.1", "443"},
+        std::make_unique<RecordedPacket>(std::make_shared<Verdict>()), nullptr, std::move(name));
+  }
+
+  // What a connection that is created when the flow has been opened would ask for; empty if that
+  // is not by name.
+  std::string openedFor(LinuxTCPFlow& flow) {
+    std::promise<std::string> target;
+    flow.open(std::nullopt, [&target](const OptionalError& /*error*/) {
+      const ConnectByName* const current = ConnectByName::current();
+      target.set_value(current != nullptr ? current->named + " " + current->literal : "");
+    });
+    return waitFor(target.get_future());
+  }
+};
+
+TEST_F(NamedFlowTest, GoesByItsName) {
+  const auto flow = makeNamedFlow({.host = "www.example"});
+  const platform::HostEndpoint named{"www.example", "443"};
+  EXPECT_EQ(flow->remoteEndpoint(), named);
+  EXPECT_EQ(openedFor(*flow), "www.example:443 192.0.2.1:443");
+  EXPECT_EQ(flow->remoteEndpoint(), named);
+  EXPECT_EQ(onLoop([] { return ConnectByName::current(); }), nullptr);
+}
+
+TEST_F(NamedFlowTest, IsOnlyDecidedOnByItsName) {
+  const auto flow = makeNamedFlow({.host = "www.example", .isForConnect = false});
+  EXPECT_EQ(flow->remoteEndpoint(), (platform::HostEndpoint{"www.example", "443"}));
+  EXPECT_EQ(openedFor(*flow), "");
+  EXPECT_EQ(flow->remoteEndpoint(), (platform::HostEndpoint{"192.0.2.1", "443"}));
+}
+
 TEST_F(LinuxTCPFlowTest, OpenSucceedsWithoutTouchingThePacket) {
   const Flow made = makeFlow(anySource());
   auto [completion, future] = errorCompletion();

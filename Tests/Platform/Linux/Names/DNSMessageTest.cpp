@@ -1,0 +1,185 @@
+#include "Platform/Linux/Names/DNSMessage.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Tests/Platform/Linux/Names/Support/MessageBuilder.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace ostravel::testing;
+
+using Bytes = std::vector<std::byte>;
+using Addresses = std::vector<ResolvedAddress>;
+
+const DNSQuestion kQuestion{7, "www.example", AddressFamily::ipv4};
+
+ResolvedAddress resolved(const std::string& literal, std::chrono::seconds timeToLive) {
+  return {addressOf(literal), timeToLive};
+}
+
+TEST(DNSMessageTest, ReadsTheQuestionOfAQuery) {
+  EXPECT_EQ(parseDNSQuestion(query(7, "WWW.Example")), kQuestion);
+  EXPECT_EQ(parseDNSQuestion(query(8, "a.b", kTypeAAAA)),
+            (DNSQuestion{8, "a.b", AddressFamily::ipv6}));
+}
+
+TEST(DNSMessageTest, IgnoresQueriesThatAskForNoAddressOfAHost) {
+  EXPECT_FALSE(parseDNSQuestion(query(7, "www.example", 16)));
+  EXPECT_FALSE(parseDNSQuestion(query(7, "")));
+  EXPECT_FALSE(parseDNSQuestion(query(7, "10.0.0.1")));
+  constexpr std::uint16_t kChaos = 3;
+  EXPECT_FALSE(parseDNSQuestion(MessageBuilder(7, 0).question("www.example", 1, kChaos).bytes()));
+  EXPECT_FALSE(parseDNSQuestion(
+      MessageBuilder(7, 0).question("www.example", 1).question("b.example", 1).bytes()));
+  // An answer, and an update (RFC 2136).
+  EXPECT_FALSE(parseDNSQuestion(MessageBuilder(7, 0x8000).question("www.example", 1).bytes()));
+  EXPECT_FALSE(parseDNSQuestion(MessageBuilder(7, 0x2800).question("www.example", 1).bytes()));
+}
+
+TEST(DNSMessageTest, ReadsTheAddressesOfAnAnswer) {
+  const Bytes message = answerTo(7, "www.example")
+                            .address("www.example", "192.0.2.1", 60)
+                            .address("WWW.EXAMPLE", "192.0.2.2", 90)
+                            .bytes();
+  EXPECT_EQ(idOfDNSAnswer(message), 7);
+  EXPECT_EQ(parseDNSAnswer(message, kQuestion),
+            (Addresses{resolved("192.0.2.1", 60s), resolved("192.0.2.2", 90s)}));
+}
+
+TEST(DNSMessageTest, FollowsAliasesInAnyOrderWithTheShortestLife) {
+  const Bytes message = answerTo(7, "www.example")
+                            .address("c.example", "192.0.2.1", 300)
+                            .alias("b.example", "c.example", 20)
+                            .alias("www.example", "b.example", 100)
+                            .bytes();
+  EXPECT_EQ(parseDNSAnswer(message, kQuestion), Addresses{resolved("192.0.2.1", 20s)});
+}
+
+TEST(DNSMessageTest, IgnoresAddressesOfOtherNames) {
+  const Bytes message = answerTo(7, "www.example")
+                            .address("bank.example", "192.0.2.1", 60)
+                            .address("www.example", "192.0.2.2", 60)
+                            .address("www.example", "2001:db8::1", 60)
+                            .bytes();
+  EXPECT_EQ(parseDNSAnswer(message, kQuestion), Addresses{resolved("192.0.2.2", 60s)});
+}
+
+TEST(DNSMessageTest, AnAliasOfItselfLeadsNowhere) {
+  const Bytes message = answerTo(7, "www.example")
+                            .alias("www.example", "b.example", 60)
+                            .alias("b.example", "www.example", 60)
+                            .bytes();
+  EXPECT_TRUE(parseDNSAnswer(message, kQuestion).empty());
+}
+
+TEST(DNSMessageTest, IgnoresAnswersToOtherQuestions) {
+  const Bytes message = answerTo(7, "www.example").address("www.example", "192.0.2.1", 60).bytes();
+  for (const DNSQuestion& other : {DNSQuestion{8, "www.example", AddressFamily::ipv4},
+                                   DNSQuestion{7, "ww.example", AddressFamily::ipv4},
+                                   DNSQuestion{7, "www.example", AddressFamily::ipv6}}) {
+    EXPECT_TRUE(parseDNSAnswer(message, other).empty());
+  }
+}
+
+TEST(DNSMessageTest, IgnoresNegativeAndTruncatedAnswersAndQueries) {
+  constexpr std::uint16_t kNoSuchName = 0x8183;
+  constexpr std::uint16_t kTruncated = 0x8380;
+  constexpr std::uint16_t kQuery = 0x0100;
+  for (const std::uint16_t flags : {kNoSuchName, kTruncated, kQuery}) {
+    const Bytes message = MessageBuilder(7, flags)
+                              .question("www.example", kTypeA)
+                              .address("www.example", "192.0.2.1", 60)
+                              .bytes();
+    EXPECT_FALSE(idOfDNSAnswer(message));
+    EXPECT_TRUE(parseDNSAnswer(message, kQuestion).empty());
+  }
+}
+
+TEST(DNSMessageTest, ADamagedRecordMakesTheAnswerUseless) {
+  const Bytes message = answerTo(7, "www.example")
+                            .address("www.example", "192.0.2.1", 60)
+                            .address("www.example", "192.0.2.2", 60)
+                            .bytes();
+  for (std::size_t size = 0; size < message.size(); ++size) {
+    EXPECT_TRUE(parseDNSAnswer(std::span(message).first(size), kQuestion).empty()) << size;
+  }
+}
+
+TEST(DNSMessageTest, ALoopOfCompressionPointersIsDamage) {
+  Bytes message = answerTo(7, "www.example").bytes();
+  const auto here = static_cast<std::byte>(message.size());
+  message[7] = std::byte{1};
+  // The owner is a pointer to itself (RFC 1035, section 4.1.4).
+  message.insert(message.end(), {std::byte{0xC0}, here});
+  message.insert(message.end(), 14, std::byte{0});
+  EXPECT_EQ(idOfDNSAnswer(message), 7);
+  EXPECT_TRUE(parseDNSAnswer(message, kQuestion).empty());
+}
+
+TEST(DNSMessageTest, ExpandsCompressedNames) {
+  Bytes message = answerTo(7, "www.example").address("", "192.0.2.1", 60).bytes();
+  // Replaces the record's owner, the root, by a pointer to the question.
+  const std::size_t owner = answerTo(7, "www.example").bytes().size();
+  message[owner] = std::byte{12};
+  message.insert(message.begin() + static_cast<std::ptrdiff_t>(owner), std::byte{0xC0});
+  EXPECT_EQ(parseDNSAnswer(message, kQuestion), Addresses{resolved("192.0.2.1", 60s)});
+}
+
+TEST(DNSMessageTest, TheUppermostBitOfATimeToLiveMakesItZero) {
+  const Bytes message =
+      answerTo(7, "www.example").address("www.example", "192.0.2.1", 0x80000001).bytes();
+  EXPECT_EQ(parseDNSAnswer(message, kQuestion), Addresses{resolved("192.0.2.1", 0s)});
+}
+
+TEST(DNSMessageTest, AnAddressOfTheWrongSizeIsIgnored) {
+  const Bytes message = answerTo(7, "www.example")
+                            .record("www.example", kTypeA, 60, Bytes(5))
+                            .address("www.example", "192.0.2.2", 60)
+                            .bytes();
+  EXPECT_EQ(parseDNSAnswer(message, kQuestion), Addresses{resolved("192.0.2.2", 60s)});
+}
+
+TEST(DNSMessageTest, LongMessagesAreNotRead) {
+  Bytes message = answerTo(7, "www.example").address("www.example", "192.0.2.1", 60).bytes();
+  message.resize(kLongestDNSMessage);
+  EXPECT_EQ(idOfDNSAnswer(message), 7);
+  message.resize(kLongestDNSMessage + 1);
+  EXPECT_FALSE(idOfDNSAnswer(message));
+}
+
+TEST(DNSMessageTest, ReadsASingleRecord) {
+  const Bytes header = MessageBuilder(0, 0).bytes();
+  Bytes record = MessageBuilder(0, 0).address("www.example", "192.0.2.1", 60).bytes();
+  record.erase(record.begin(), record.begin() + static_cast<std::ptrdiff_t>(header.size()));
+  EXPECT_EQ(parseDNSRecord(record), resolved("192.0.2.1", 60s));
+  record.pop_back();
+  EXPECT_FALSE(parseDNSRecord(record));
+}
+
+TEST(DNSMessageTest, OnlyNamesOfOtherHostsAreUsable) {
+  for (const std::string name :
+       {"www.example", "a-b.c_d.example", "xn--bcher-kva.example", "nas"}) {
+    EXPECT_TRUE(isUsableHostName(name)) << name;
+  }
+  for (const std::string name :
+       {"", ".", "a..b", ".a", "a.", "a b", "a\r\nb", "a:80", "[::1]", "192.0.2.1", "1.2.3.0x7f",
+        "localhost", "x.localhost", "caf\xC3\xA9.example"}) {
+    EXPECT_FALSE(isUsableHostName(name)) << name;
+  }
+  EXPECT_TRUE(isUsableHostName(std::string(63, 'a')));
+  EXPECT_FALSE(isUsableHostName(std::string(64, 'a')));
+  std::string longest;
+  while (longest.size() < 252) {
+    longest += "a.";
+  }
+  EXPECT_TRUE(isUsableHostName(longest + "b"));
+  EXPECT_FALSE(isUsableHostName(longest + "bb"));
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform
