@@ -5,6 +5,7 @@ complete -c ostravel-extension -l check -d 'Report what would keep it from runni
 complete -c ostravel-extension -l dry-run -d 'Print the rules that would be installed'
 complete -c ostravel-extension -l configuration -rF -d 'Read the provider configuration from this file'
 complete -c ostravel-extension -l log -xa 'journal stderr' -d 'Where log lines go'
+complete -c ostravel-extension -l names -xa 'off decide connect' -d 'What observed host names are used for'
 complete -c ostravel-extension -l no-guardian -d 'Do not kill this process when it hangs'
 complete -c ostravel-extension -l proxy-user -xa '(__fish_complete_users)' -d 'User whose proxy may serve everybody'
 complete -c ostravel-extension -l mark-mask -x -d 'Bits of the packet mark to use'
