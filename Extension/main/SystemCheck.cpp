@@ -32,6 +32,8 @@
 #include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Platform/Linux/Kernel/RoutingRules.h"
+#include "Platform/Linux/Names/DNSCopies.h"
+#include "Platform/Linux/Names/NameUse.h"
 #include "Platform/Linux/Services/LinuxSocketCalls.h"
 #include "Platform/Linux/Services/RelayLimits.h"
 
@@ -318,7 +320,8 @@ platform::Result<std::string> plannedRules(const CommandLine::Options& options) 
   return "# The extension chooses the number of the queue and the ports of the redirections when "
          "it\n"
          "# starts. It puts tcp and udp into the set alive and renews them four times a second.\n" +
-         *std::move(script);
+         *std::move(script) +
+         (options.names == NameUse::off ? "" : DNSCopies::script(kExampleQueue));
 }
 
 }  // namespace ostravel

@@ -48,9 +48,9 @@ class Names:
         self.laboratory.wait_until_proxied()
         return extension
 
-    def command(self, program, server, way, name, address, *more):
+    def command(self, program, server, way, name, address, *more, script=dns.APPLICATION):
         return [
-            self.laboratory.copy_of(PYTHON, program), "-I", "-c", dns.APPLICATION,
+            self.laboratory.copy_of(PYTHON, program), "-I", "-c", script,
             server, way, name, address, str(PORT), *more,
         ]  # fmt: skip
 
@@ -166,6 +166,28 @@ def test_a_resolver_of_an_applications_own_choice_names_its_flows_only(make_name
     assert names.targets(OTHERS[6], "www.apple.com", server=OTHERS[5], user=USER) == []
     assert names.targets(OTHERS[6], user=OTHER_USER) == with_port(OTHERS[6])
     assert names.targets(OTHERS[6], program="other") == with_port(OTHERS[6])
+
+
+def test_what_an_unknown_service_looks_up_names_everybodys_flows(make_names, laboratory):
+    """But only what it has asked the configured resolver."""
+    names = make_names({"service.example": [OTHERS[0]]})
+    names.resolve(OTHERS[5], {"own.example": [OTHERS[1]]})
+    names.start(hosts={"service.example": OTHERS[0], "own.example": OTHERS[1]})
+    # A program without a file has no identifier.
+    script = "import os, sys\nos.unlink(sys.executable)\n" + dns.APPLICATION
+    for server, name, address in (
+        (OTHERS[5], "own.example", OTHERS[1]),
+        (THERE4, "service.example", OTHERS[0]),
+    ):
+        done = laboratory.run_application(
+            *names.command("service", server, "udp", name, address, script=script)
+        )
+        assert done.returncode == 0, done.stderr.decode()
+    eventually(
+        lambda: names.targets(OTHERS[0], user=USER) == with_port("service.example"),
+        "the name is the machine's",
+    )
+    assert names.targets(OTHERS[1], user=USER) == with_port(OTHERS[1])
 
 
 def test_a_name_that_moves_to_the_local_network_names_nothing(make_names):

@@ -71,6 +71,15 @@ nftnl_expr* makeLimit(std::uint32_t perSecond, std::uint32_t burst, std::uint32_
   return limit;
 }
 
+// The element is in the register.
+nftnl_expr* makeUpdate(const char* set) {
+  nftnl_expr* const expression = makeExpression("dynset");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_SREG_KEY, kRegister);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_OP, NFT_DYNSET_OP_UPDATE);
+  ::nftnl_expr_set_str(expression, NFTNL_EXPR_DYNSET_SET_NAME, set);
+  return expression;
+}
+
 }  // namespace
 
 void NetfilterRuleRelease::operator()(nftnl_rule* rule) const {
@@ -218,13 +227,17 @@ NetfilterRule& NetfilterRule::destinationTranslated() {
   return say("ct status dnat");
 }
 
-NetfilterRule& NetfilterRule::protocolNotIn(const char* set) {
-  loadMeta(NFT_META_L4PROTO);
+void NetfilterRule::lookUp(const char* set, std::uint32_t flags) {
   nftnl_expr* const expression = makeExpression("lookup");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_LOOKUP_SREG, kRegister);
   ::nftnl_expr_set_str(expression, NFTNL_EXPR_LOOKUP_SET, set);
-  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_LOOKUP_FLAGS, NFT_LOOKUP_F_INV);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_LOOKUP_FLAGS, flags);
   ::nftnl_rule_add_expr(get(), expression);
+}
+
+NetfilterRule& NetfilterRule::protocolNotIn(const char* set) {
+  loadMeta(NFT_META_L4PROTO);
+  lookUp(set, NFT_LOOKUP_F_INV);
   return say("meta l4proto != @" + std::string(set));
 }
 
@@ -279,6 +292,18 @@ NetfilterRule& NetfilterRule::sourcePort(std::uint16_t port) {
   return say("th sport " + std::to_string(port));
 }
 
+NetfilterRule& NetfilterRule::destinationPortIn(const char* set) {
+  loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kDestinationPortOffset, sizeof(std::uint16_t));
+  lookUp(set, 0);
+  return say("th dport @" + std::string(set));
+}
+
+NetfilterRule& NetfilterRule::addSourcePort(const char* set) {
+  loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kSourcePortOffset, sizeof(std::uint16_t));
+  ::nftnl_rule_add_expr(get(), makeUpdate(set));
+  return say("update @" + std::string(set) + " { th sport }");
+}
+
 NetfilterRule& NetfilterRule::withinRate(std::uint32_t perSecond, std::uint32_t burst) {
   ::nftnl_rule_add_expr(get(), makeLimit(perSecond, burst, 0));
   return say("limit rate " + std::to_string(perSecond) + "/second burst " + std::to_string(burst) +
@@ -288,10 +313,7 @@ NetfilterRule& NetfilterRule::withinRate(std::uint32_t perSecond, std::uint32_t 
 NetfilterRule& NetfilterRule::userExceedsRate(const char* set, std::uint32_t perSecond,
                                               std::uint32_t burst) {
   loadMeta(NFT_META_SKUID);
-  nftnl_expr* const expression = makeExpression("dynset");
-  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_SREG_KEY, kRegister);
-  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_OP, NFT_DYNSET_OP_UPDATE);
-  ::nftnl_expr_set_str(expression, NFTNL_EXPR_DYNSET_SET_NAME, set);
+  nftnl_expr* const expression = makeUpdate(set);
   ::nftnl_expr_add_expr(expression, NFTNL_EXPR_DYNSET_EXPRESSIONS,
                         makeLimit(perSecond, burst, NFT_LIMIT_F_INV));
   ::nftnl_rule_add_expr(get(), expression);

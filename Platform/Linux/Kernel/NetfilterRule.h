@@ -53,6 +53,10 @@ class NetfilterRule {
   NetfilterRule& destinationPort(std::uint16_t port);
   // th sport port
   NetfilterRule& sourcePort(std::uint16_t port);
+  // th dport @set
+  NetfilterRule& destinationPortIn(const char* set);
+  // update @set { th sport }: matches unless the set is full
+  NetfilterRule& addSourcePort(const char* set);
   // limit rate perSecond/second burst burst packets: matches no packet above the rate
   NetfilterRule& withinRate(std::uint32_t perSecond, std::uint32_t burst);
 
@@ -89,6 +93,7 @@ class NetfilterRule {
   void testProtocol(TransportProtocol protocol);
   void testFamily(AddressFamily family);
   void compare(std::uint32_t operation, std::span<const std::byte> value);
+  void lookUp(const char* set, std::uint32_t flags);
   void comparePort(std::uint32_t offset, std::uint16_t port);
   void immediate(std::span<const std::byte> value);
 

@@ -15,11 +15,12 @@ namespace ostravel::linuxplatform {
 // it ends with this object or the process.
 //
 //   table inet ostravel-names
+//     set asking     the ports that queries were sent from within the last seconds
 //     chain queries  output: to port 53, as the application sends them
-//     chain answers  input, after all filters: from port 53, to sockets that have sent something
-//                    there before
+//     chain answers  input, after all filters: from port 53, to the ports in the set
 //
-// The kernel copies a limited number a second: whoever sends more costs names, not time.
+// The kernel copies a limited number a second: sending more costs names, not time. It need not
+// track connections for these rules.
 class DNSCopies {
  public:
   static constexpr const char* kTableName = "ostravel-names";

@@ -1,13 +1,13 @@
 #include "Platform/Linux/Names/ConfiguredResolvers.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
 #include "Tests/Platform/Linux/Names/Support/MessageBuilder.h"
-#include "Tests/Support/InChildProcess.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"
 
