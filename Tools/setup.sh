@@ -4,7 +4,8 @@
 # Wanted to build and run.
 build_packages=(
   build-essential cmake ninja-build pkg-config clang
-  libasio-dev libbpf-dev libc-ares-dev libcli11-dev libicu-dev libjansson-dev libmnl-dev
+  libasio-dev libbpf-dev libc-ares-dev libcli11-dev libcpp-httplib-dev libicu-dev
+  libjansson-dev libmnl-dev
   libnats-dev libnetfilter-queue-dev libnftnl-dev libsystemd-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
@@ -14,8 +15,9 @@ demonstration_packages=(
 )
 # Wanted by the tests besides.
 test_packages=(
-  clang-format clang-tidy iptables libclang-rt-14-dev
-  nats-server nginx-light procps python3-pytest python3-pytest-xdist scdoc strace systemd tinyproxy-bin
+  chromium-headless-shell clang-format clang-tidy iptables libclang-rt-14-dev
+  nats-server nginx-light procps prometheus
+  python3-pytest python3-pytest-xdist scdoc strace systemd tinyproxy-bin
   gobjc++ libgnustep-base-dev libblocksruntime-dev libc++-dev libc++abi-dev lld llvm
 )
 # Wanted by ./package.

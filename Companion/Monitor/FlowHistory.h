@@ -85,6 +85,7 @@ class FlowHistory {
   // The flows that have changed after this revision, at most so many, the oldest change first.
   std::vector<const FlowRecord*> changedSince(std::uint64_t revision, std::size_t most) const;
 
+  std::size_t size() const { return places_.size(); }
   std::size_t liveCount() const { return live_.size(); }
   std::size_t openCount() const { return open_; }
   std::uint64_t revision() const { return revision_; }

@@ -25,6 +25,7 @@
 #include "Companion/Monitor/EventReceiver.h"
 #include "Companion/Monitor/EventSocket.h"
 #include "Companion/Monitor/FleetEvent.h"
+#include "Companion/Monitor/Web/WebView.h"
 #include "Companion/Shared/CommandLine.h"
 #include "Companion/Shared/QueuedOutput.h"
 #include "Companion/Shared/ServiceNotifier.h"
@@ -119,6 +120,19 @@ int main(int argc, char** argv) {
                "Sum up at the end on standard error, as always on a terminal");
   addTimeOption(app, timeName);
   addFleetOptions(app, fleet);
+  WebView::Options page;
+  std::string listen;
+  const CLI::Option* const web =
+      app.add_option("--web", listen, "Show a live page, and metrics for Prometheus, here")
+          ->option_text("[ADDRESS:PORT [" + page.listen + "]]")
+          ->expected(0, 1);
+  app.add_option("--web-token", page.tokenFile,
+                 "Take the page's token from the first line of this file")
+      ->option_text("FILE");
+  app.add_flag("--application-metrics", page.hasApplicationMetrics,
+               "Count flows by application in the metrics as well");
+  app.add_option("--control", page.controlPath, "Ask the extension on this socket for the page")
+      ->option_text("PATH [" + page.controlPath + "]");
   if (const std::optional<int> status = readCommandLine(app, argc, argv)) {
     return *status;
   }
@@ -160,7 +174,24 @@ int main(int argc, char** argv) {
   withSummary = withSummary || (::isatty(STDOUT_FILENO) == 1 && !printing.asJSON);
   EventPrinter printer(std::move(printing),
                        [&output](std::string_view line) { output.writeLine(line); });
-  const auto show = [&printer](const ReceivedEvent& event) { printer.print(event); };
+  // Outside the blocks below: its threads are not waited for at the end.
+  std::optional<WebView> view;
+  try {
+    if (web->count() > 0) {
+      page.listen = listen.empty() ? page.listen : listen;
+      // A fleet has many extensions.
+      page.controlPath = isOfFleet ? "" : page.controlPath;
+      view.emplace(ioContext, page);
+    }
+  } catch (const std::exception& error) {
+    return failUsage(app, std::string("--web: ") + error.what());
+  }
+  const auto show = [&printer, &view](const ReceivedEvent& event) {
+    printer.print(event);
+    if (view) {
+      view->receive(event);
+    }
+  };
   const auto report = [&complaints](const std::string& text) {
     complaints.writeLine("ostravel-monitor: " + ostravel::printableText(text));
   };
@@ -189,7 +220,10 @@ int main(int argc, char** argv) {
               publisher->publish(fleetMessage(event, host, boot));
             }
           },
-          [&report](std::string_view problem) {
+          [&report, &view](std::string_view problem) {
+            if (view) {
+              view->countMalformedFrame();
+            }
             report("malformed frame: " + std::string(problem));
           });
       complaints.writeLine("ostravel-monitor listening on " + ostravel::printableText(path));
@@ -197,6 +231,9 @@ int main(int argc, char** argv) {
     if (!group.empty() && !access->group) {
       complaints.writeLine("ostravel-monitor: there is no group " + ostravel::printableText(group) +
                            ", so its members cannot connect");
+    }
+    if (view) {
+      complaints.writeLine("ostravel-monitor: the live page is " + view->url());
     }
     ServiceNotifier service(ioContext);
     service.ready(isOfFleet ? "Watching " + fleet.subscribe : "Listening on " + path);

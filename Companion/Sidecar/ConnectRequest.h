@@ -4,8 +4,8 @@
 #include <string_view>
 #include <variant>
 
+#include "Companion/Shared/HostPort.h"
 #include "Companion/Sidecar/HTTPStatus.h"
-#include "Companion/Sidecar/HostPort.h"
 
 namespace ostravel::companion {
 

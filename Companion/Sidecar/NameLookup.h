@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "Companion/Sidecar/HostPort.h"
+#include "Companion/Shared/HostPort.h"
 
 namespace ostravel::companion {
 

@@ -211,9 +211,9 @@ class Laboratory:
     def socket_path(self):
         return self.path("monitoring.sock")
 
-    def start_monitor(self):
+    def start_monitor(self, *options):
         monitor = ostravel.start_monitor(
-            self.programs_folder, self.socket_path, "--json", start=self.start
+            self.programs_folder, self.socket_path, "--json", *options, start=self.start
         )
         self.events = EventStream(monitor.output)
         return monitor

@@ -1,4 +1,4 @@
-#include "Companion/Sidecar/HostPort.h"
+#include "Companion/Shared/HostPort.h"
 
 #include <algorithm>
 #include <asio/ip/address.hpp>

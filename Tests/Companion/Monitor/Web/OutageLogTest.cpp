@@ -1,0 +1,130 @@
+#include "Companion/Monitor/Web/OutageLog.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+#include "Companion/Monitor/FlowHistory.h"
+#include "Tests/Companion/Monitor/EventMaker.h"
+
+namespace ostravel::companion::test {
+namespace {
+
+class OutageLogTest : public ::testing::Test {
+ protected:
+  void apply(const ReceivedEvent& event) { outages_.add(*flows_.apply(event)); }
+
+  void timeOut(const std::string& id, double begin, const std::string& application) {
+    ReceivedEvent start = started(id, begin);
+    start.appId = application;
+    apply(start);
+    ReceivedEvent end = timedOut(id, begin + 5.0);
+    end.appId = application;
+    apply(end);
+    apply(closedWithError(id, begin + 5.0));
+  }
+
+  const Outage& last() const { return outages_.outages().back(); }
+
+  FlowHistory flows_;
+  OutageLog outages_;
+};
+
+TEST_F(OutageLogTest, SumsUpAProxyThatHung) {
+  timeOut("a", 0.0, "curl");
+  timeOut("b", 1.0, "curl");
+  timeOut("c", 2.0, "wget");
+
+  ASSERT_EQ(outages_.outages().size(), 1U);
+  EXPECT_EQ(last().begin, kNoon);
+  EXPECT_EQ(last().applications, (std::map<std::string, std::uint64_t>{{"curl", 2}, {"wget", 1}}));
+  EXPECT_EQ(outageKind(last()), "hung");
+  EXPECT_EQ(outageText(last()),
+            "The proxy accepted connections but did not answer. 3 connections waited for it and "
+            "then went direct. No connection was lost.");
+}
+
+TEST_F(OutageLogTest, BeginsWithTheFirstFlowThatGotNoAnswer) {
+  apply(started("early", 0.0));
+  timeOut("late", 2.0, "curl");
+  apply(timedOut("early", 8.0));
+  EXPECT_EQ(last().begin, kNoon);
+}
+
+TEST_F(OutageLogTest, EndsOnceNothingHasFailedForAWhile) {
+  timeOut("a", 0.0, "curl");
+  outages_.tick(kNoon + 5.0 + OutageLog::kQuietSeconds - 0.1);
+  EXPECT_FALSE(last().end);
+  outages_.tick(kNoon + 5.0 + OutageLog::kQuietSeconds);
+  EXPECT_EQ(last().end, kNoon + 5.0);
+  timeOut("b", 100.0, "curl");
+  EXPECT_EQ(outages_.outages().size(), 2U);
+  EXPECT_EQ(outages_.total(), 2U);
+}
+
+TEST_F(OutageLogTest, LastsWhileTheProxyCannotBeReached) {
+  outages_.setReachable(false, kNoon);
+  outages_.tick(kNoon + 3600.0);
+  EXPECT_FALSE(last().end);
+  outages_.setReachable(true, kNoon + 3601.0);
+  outages_.tick(kNoon + 3601.0 + OutageLog::kQuietSeconds);
+  EXPECT_EQ(last().end, kNoon + 3601.0);
+  EXPECT_EQ(outageKind(last()), "unreachable");
+  EXPECT_EQ(outageText(last()),
+            "The proxy did not accept connections. New connections went direct at once. No "
+            "connection was lost.");
+}
+
+TEST_F(OutageLogTest, CallsAProxyThatHangsAndThenEndsBoth) {
+  timeOut("a", 0.0, "curl");
+  outages_.setReachable(false, kNoon + 6.0);
+  ASSERT_EQ(outages_.outages().size(), 1U);
+  EXPECT_EQ(outageKind(last()), "hung, then unreachable");
+}
+
+TEST_F(OutageLogTest, CountsTunnelsThatItCost) {
+  apply(started("open", 0.0));
+  apply(succeeded("open", 1.0));
+  outages_.setReachable(false, kNoon + 2.0);
+  apply(closedWithError("open", 3.0));
+  EXPECT_EQ(last().reset, 1U);
+  EXPECT_EQ(outageText(last()),
+            "The proxy did not accept connections. New connections went direct at once. Lost: 1 "
+            "open tunnel ended with an error.");
+}
+
+TEST_F(OutageLogTest, TakesNeitherRefusalsNorResetsForAnOutage) {
+  apply(started("a", 0.0));
+  apply(refused("a", 1.0));
+  apply(started("b", 0.0));
+  apply(succeeded("b", 1.0));
+  apply(closedWithError("b", 2.0));
+  EXPECT_TRUE(outages_.outages().empty());
+}
+
+TEST_F(OutageLogTest, NamesAProxyThatAnswersNonsenseFaulty) {
+  apply(started("a", 0.0));
+  apply(flowEvent("a", "connect_handshake_invalid", 1.0, {{"reason", "x"}}, "error"));
+  EXPECT_EQ(outageKind(last()), "faulty");
+  EXPECT_NE(outageText(last()).find("Lost: 1 connection got an invalid answer."),
+            std::string::npos);
+}
+
+TEST_F(OutageLogTest, IsBounded) {
+  for (int number = 0; number < 200; ++number) {
+    timeOut(std::to_string(number), 0.0, "application " + std::to_string(number));
+  }
+  EXPECT_LE(last().applications.size(), OutageLog::kMostApplications + 1);
+  EXPECT_EQ(last().applications.at("others"), 200U - OutageLog::kMostApplications);
+  for (int number = 1; number < 200; ++number) {
+    const double begin = 1000.0 * number;
+    outages_.tick(kNoon + begin);
+    timeOut("later" + std::to_string(number), begin, "curl");
+  }
+  EXPECT_EQ(outages_.outages().size(), OutageLog::kMostOutages);
+  EXPECT_EQ(outages_.total(), 200U);
+}
+
+}  // namespace
+}  // namespace ostravel::companion::test
