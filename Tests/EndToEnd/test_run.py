@@ -172,10 +172,10 @@ def test_killing_the_extension_in_the_shell_spares_applications(programs_folder)
 class Live:
     """The live job in a laboratory's namespace here, as on a machine of its own."""
 
-    def __init__(self, laboratory):
+    def __init__(self, laboratory, *options):
         self.laboratory = laboratory
         self.program = laboratory.start(
-            [PYTHON, "-B", JOBS, "live", laboratory.programs_folder], name="live"
+            [PYTHON, "-B", JOBS, "live", laboratory.programs_folder, *options], name="live"
         )
 
     def wait_until_started(self):
@@ -205,6 +205,15 @@ class Live:
 @pytest.fixture
 def live(laboratory):
     return Live(laboratory)
+
+
+def test_live_names_its_page_if_asked(laboratory):
+    live = Live(laboratory, "--web")
+    live.wait_until_started()
+    output = live.program.output.since()
+    assert any("http://127.0.0.1:8090/?token=" in line for line in output)
+    assert live.program.stop() == 0
+    live.assert_nothing_is_left()
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])

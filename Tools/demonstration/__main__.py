@@ -1,4 +1,4 @@
-"""The jobs of ./run: python3 Tools/demonstration JOB FOLDER_OF_THE_PROGRAMS"""
+"""The jobs of ./run: python3 Tools/demonstration JOB FOLDER_OF_THE_PROGRAMS [OPTION ...]"""
 
 import pathlib
 import sys
@@ -14,9 +14,9 @@ JOBS = {"demonstrate": demonstrate.run, "live": live.run, "shell": shell.run}
 
 
 def main():
-    job, programs_folder = sys.argv[1:]
+    job, programs_folder, *options = sys.argv[1:]
     try:
-        return JOBS[job](programs_folder)
+        return JOBS[job](programs_folder, *options)
     except Problem as problem:
         print(f"run: {problem}", file=sys.stderr)
         return problem.status

@@ -120,8 +120,9 @@ class Demonstration:
         else:
             show.line(f"All {len(self.outcomes)} steps as expected, in {seconds:.1f} s.")
         show.line()
-        show.line("  ./run live    the same for this machine, until Ctrl-C")
-        show.line("  ./run shell   a shell inside this demonstration, to try things by hand")
+        show.line("  ./run live         the same for this machine, until Ctrl-C")
+        show.line("  ./run live --web   with a live page for the browser")
+        show.line("  ./run shell        a shell inside this demonstration, to try things by hand")
         show.line("  README.md, Documentation/life-of-a-flow.md   how it works")
         return 1 if differing else 0
 

@@ -23,6 +23,8 @@ PROXY = ("127.0.0.1", 8080)
 PROXY_ANSWER_SECONDS = 5
 # A tunnel, or what a proxy says that does not want this one or cannot reach it.
 PROXY_ANSWER = re.compile(r"HTTP/1\.[01] (2\d\d|403|407|429|50[0234])\b")
+# Before the address, as ostravel-monitor says it.
+PAGE_IS = "the live page is"
 LOGIN_SETTINGS = "/etc/login.defs"
 # The programs promise to end within two seconds.
 END_SECONDS = 5
@@ -117,11 +119,12 @@ def answer_to_connect():
 class Live:
     """Starts the three programs, shows their events and ends them in order."""
 
-    def __init__(self, screen, programs_folder, reasons):
+    def __init__(self, screen, programs_folder, reasons, has_page):
         self.screen = screen
         self.programs_folder = programs_folder
         # What ends the job: the number of a signal, or the program that has ended by itself.
         self.reasons = reasons
+        self.has_page = has_page
         self.monitor = self.sidecar = self.extension = None
         # Events wait until the introduction is there, or until it is known that none comes.
         self.introduction = threading.Event()
@@ -154,8 +157,9 @@ class Live:
                     2,
                 )
         self.monitor = start_monitor(
-            self.programs_folder, self.socket_path, on_output=self.show_event, **watch
-        )
+            self.programs_folder, self.socket_path, *(["--web"] if self.has_page else []),
+            on_output=self.show_event, **watch
+        )  # fmt: skip
         options = []
         for user in other.ordinary_users if other else ():
             options += ["--proxy-user", user]
@@ -197,6 +201,9 @@ class Live:
             )
         show.line()
         show.line("  try it, in another terminal   curl http://example.com/")
+        if self.has_page:
+            page = self.monitor.expect(self.monitor.errors, PAGE_IS).partition(PAGE_IS)[2]
+            show.line(f"  watch it, in a browser        {page.strip()}")
         show.line("  end it                        Ctrl-C")
         show.line()
 
@@ -224,13 +231,13 @@ class Live:
         return None
 
 
-def run(programs_folder):
+def run(programs_folder, *options):
     reasons = queue.SimpleQueue()
     for each in ENDING_SIGNALS:
         signal.signal(each, lambda number, _: reasons.put(number))
     screen = Screen(on_lost=lambda: reasons.put(signal.SIGPIPE))
     tables()
-    live = Live(screen, programs_folder, reasons)
+    live = Live(screen, programs_folder, reasons, "--web" in options)
     try:
         reason = live.run()
     finally:

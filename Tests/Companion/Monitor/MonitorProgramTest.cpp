@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -299,6 +300,43 @@ TEST_F(MonitorProgramTest, SumsUpAtItsEnd) {
             "ostravel-monitor: 1 flow, none failed, slowest answer 1.25 ms: /usr/bin/curl to -\n");
   // Apart from the events, which a program may read.
   EXPECT_EQ(monitor.readOutput(), "");
+}
+
+TEST_F(MonitorProgramTest, ServesALivePage) {
+  const std::string token = folder_.path("token");
+  std::ofstream(token) << "a-token-for-the-tests\n";
+  ChildProcess monitor(command({"--web", "127.0.0.1:0", "--web-token", token}), options());
+  waitUntilReady(monitor);
+  const std::string line = monitor.readErrorLine();
+  const std::string begin = "ostravel-monitor: the live page is http://127.0.0.1:";
+  ASSERT_TRUE(line.starts_with(begin)) << line;
+  ASSERT_TRUE(line.ends_with("/?token=a-token-for-the-tests")) << line;
+  send(frame(kEvent));
+  monitor.readOutputLine();
+  const TestSocket page =
+      TestSocket::connectTcp(static_cast<std::uint16_t>(std::stoi(line.substr(begin.size()))));
+  page.send(
+      "GET /metrics?token=a-token-for-the-tests HTTP/1.1\r\nHost: localhost\r\n"
+      "Connection: close\r\n\r\n");
+  EXPECT_NE(page.receiveToEnd().find("\nostravel_flows_total 1\n"), std::string::npos);
+  monitor.sendSignal(SIGTERM);
+  EXPECT_EQ(monitor.waitForExit(), 0);
+}
+
+TEST_F(MonitorProgramTest, RefusesAPageThatCannotBe) {
+  const std::string token = folder_.path("token");
+  std::ofstream(token) << "short\n";
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"--web", "localhost:0"},
+        {"--web", "127.0.0.1"},
+        {"--web", "127.0.0.1:0", "--web-token", token},
+        {"--web", "192.0.2.1:8090"}}) {
+    ChildProcess monitor(command(arguments), options());
+    EXPECT_EQ(monitor.waitForExit(), 2);
+    const std::string error = monitor.readError();
+    EXPECT_TRUE(error.starts_with("ostravel-monitor: --web: ")) << error;
+    EXPECT_FALSE(std::filesystem::exists(path_));
+  }
 }
 
 class TerminalTest : public MonitorProgramTest {

@@ -236,6 +236,7 @@
       // Events do not tell it; without the extension's own answers there is nothing to draw.
       box.hidden = Boolean(chart.isOptional) && !latest.status
         && visible.every((sample) => sample[chart.columns[0]] === null);
+      if (chart.isOptional) $('charts').classList.toggle('three', box.hidden);
       plot.setData(dataOf(chart, visible));
       if (plot.cursor.idx === null || plot.cursor.left < 0) say(plot, null);
     }
