@@ -36,8 +36,8 @@ std::size_t sizeOf(const FleetMessage& message) {
 
 FleetPublisher::FleetPublisher(Options options)
     : options_(std::move(options)),
-      spool_(options_.folder, options_.limits),
       connection_(options_.server, "ostravel-monitor on " + nameOfThisHost()),
+      spool_(options_.folder, options_.limits),
       reportedDropped_(spool_.dropped()),
       counts_{.waiting = spool_.waiting(), .dropped = spool_.dropped()},
       thread_([this] { run(); }) {

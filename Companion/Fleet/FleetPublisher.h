@@ -89,8 +89,9 @@ class FleetPublisher {
   void reportDropped(Time now);
 
   const Options options_;
-  Spool spool_;
+  // The first one: what is wrong with its options is said before a folder is made.
   FleetConnection connection_;
+  Spool spool_;
 
   // Of the publisher's thread.
   NATSSubscription answers_;

@@ -6,13 +6,16 @@ import re
 import signal
 import socket
 import struct
+import time
 import uuid
 
 import pytest
 
 from Laboratory.lines import GENEROUS_SECONDS
 from Laboratory.network import THERE4, key_of, run
+from events import EventStream
 from laboratory import CURL, eventually
+from origins import tell_peer
 
 EVENT = {
     "timestamp": 1763271815.5,
@@ -67,9 +70,9 @@ class Fleet:
             name="subscriber",
         )  # fmt: skip
 
-    def send(self, number):
+    def send(self, number, size=0):
         body = json.dumps(EVENT | {"message_id": str(uuid.uuid4()).upper(),
-                                   "context": {"number": str(number)}}).encode()
+                                   "context": {"number": str(number), "filling": "x" * size}}).encode()
         with socket.socket(socket.AF_UNIX) as sender:
             sender.settimeout(GENEROUS_SECONDS)
             sender.connect(self.laboratory.socket_path)
@@ -82,6 +85,10 @@ class Fleet:
 @pytest.fixture
 def fleet(laboratory):
     return Fleet(laboratory)
+
+
+def seen(subscriber):
+    return [int(json.loads(line)["context"]["number"]) for line in subscriber.output.since()]
 
 
 def numbers(subscriber, count):
@@ -98,11 +105,11 @@ def numbers(subscriber, count):
 
 def test_flows_are_seen_elsewhere(laboratory, fleet):
     fleet.start_server()
-    fleet.start_publisher()
+    laboratory.events = EventStream(fleet.start_publisher().output)
     laboratory.start_sidecar()
     laboratory.start_extension()
     laboratory.wait_until_proxied()
-    laboratory.serve(80)
+    laboratory.serve(80, tell_peer)
     laboratory.curl(f"http://{THERE4}/")
     subscriber = fleet.start_subscriber()
 
@@ -142,27 +149,27 @@ def test_a_full_disk_costs_a_known_number(fleet):
     try:
         monitor = fleet.start_publisher()
         # 64 KiB on the disk and 4 MiB in memory.
-        sent = 9000
+        sent = 500
         for number in range(sent):
-            fleet.send(number)
+            fleet.send(number, size=10_000)
         dropped = monitor.errors.wait(lambda line: "events dropped" in line)
         assert "No space left on device" in dropped
         fleet.start_server()
-        fleet.send(sent)
         subscriber = fleet.start_subscriber()
-        found = []
-
-        def is_last(line):
-            found.append(int(json.loads(line)["context"]["number"]))
-            return found[-1] == sent
-
-        assert subscriber.output.wait(is_last)
+        # The first one that has room again.
+        last = sent - 1
+        while not (found := [number for number in seen(subscriber) if number >= sent]):
+            last += 1
+            fleet.send(last)
+            time.sleep(0.1)
+        first = found[0]
+        numbers(subscriber, len(seen(subscriber)) + last - max(seen(subscriber)))
         # Those that came first, then a gap of the size that is reported.
-        missing = sent + 1 - len(found)
-        assert found == [*range(sent - missing), sent]
-        assert missing > 0
+        kept = len([number for number in seen(subscriber) if number < first])
+        assert seen(subscriber) == [*range(kept), *range(first, last + 1)]
+        assert first > kept
         report = subscriber.errors.wait(lambda line: " dropped " in line)
-        assert f" dropped {missing} events" in report
+        assert f" dropped {first - kept} events" in report
         monitor.process.send_signal(signal.SIGTERM)
         assert monitor.process.wait(GENEROUS_SECONDS) == 0
     finally:
