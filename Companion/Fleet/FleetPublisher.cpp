@@ -38,49 +38,54 @@ FleetPublisher::FleetPublisher(Options options)
     : options_(std::move(options)),
       connection_(options_.server, "ostravel-monitor on " + nameOfThisHost()),
       spool_(options_.folder, options_.limits),
-      reportedDropped_(spool_.dropped()),
-      counts_{.waiting = spool_.waiting(), .dropped = spool_.dropped()},
-      thread_([this] { run(); }) {
+      reportedDropped_(spool_.dropped()) {
+  mailbox_->counts = {.waiting = spool_.waiting(), .dropped = spool_.dropped()};
+  thread_ = std::thread([this] { run(); });
   ::pthread_setname_np(thread_.native_handle(), "fleet");
 }
 
 FleetPublisher::~FleetPublisher() {
   {
-    const std::lock_guard lock(mutex_);
-    isEnding_ = true;
+    const std::lock_guard lock(mailbox_->mutex);
+    mailbox_->isEnding = true;
   }
-  wakeUp_.notify_one();
+  mailbox_->wakeUp.notify_one();
   thread_.join();
 }
 
 void FleetPublisher::publish(FleetMessage message) {
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mailbox_->mutex);
     const std::size_t size = sizeOf(message);
-    if (overflow_ > 0 || receivedSize_ + size > kReceivedSize) {
-      ++overflow_;
+    if (mailbox_->overflow > 0 || mailbox_->receivedSize + size > kReceivedSize) {
+      ++mailbox_->overflow;
       return;
     }
-    receivedSize_ += size;
-    received_.push_back(std::move(message));
+    mailbox_->receivedSize += size;
+    mailbox_->received.push_back(std::move(message));
   }
-  wakeUp_.notify_one();
+  mailbox_->wakeUp.notify_one();
 }
 
 FleetPublisher::Counts FleetPublisher::counts() const {
-  const std::lock_guard lock(mutex_);
-  return {.waiting = counts_.waiting + received_.size(), .dropped = counts_.dropped + overflow_};
+  const std::lock_guard lock(mailbox_->mutex);
+  return {.waiting = mailbox_->counts.waiting + mailbox_->received.size(),
+          .dropped = mailbox_->counts.dropped + mailbox_->overflow};
 }
 
 void FleetPublisher::run() {
   Time end = Time::max();
   while (std::chrono::steady_clock::now() < end) {
     step();
-    const std::lock_guard lock(mutex_);
-    if (isEnding_ && end == Time::max()) {
+    const std::lock_guard lock(mailbox_->mutex);
+    if (!mailbox_->isEnding) {
+      continue;
+    }
+    if (end == Time::max()) {
       end = std::chrono::steady_clock::now() + kFarewell;
     }
-    if (isEnding_ && received_.empty() && (counts_.waiting == 0 || !connection_.isConnected())) {
+    if (mailbox_->received.empty() &&
+        (mailbox_->counts.waiting == 0 || !connection_.isConnected())) {
       break;
     }
   }
@@ -88,41 +93,39 @@ void FleetPublisher::run() {
 }
 
 void FleetPublisher::step() {
-  const bool hasReceived = takeReceived();
+  takeReceived();
   maintainConnection();
+  handleAnswers();
   const Time now = std::chrono::steady_clock::now();
   if (connection_.isConnected()) {
     sendExpired(now);
     fillWindow(now);
   }
-  if (!sent_.empty() && connection_.isConnected()) {
-    receiveAnswers();
-  } else if (!hasReceived) {
-    waitForWork();
-  }
   saveSpool(now);
   reportDropped(now);
-  const std::lock_guard lock(mutex_);
-  counts_ = {.waiting = spool_.waiting(), .dropped = spool_.dropped()};
+  {
+    const std::lock_guard lock(mailbox_->mutex);
+    mailbox_->counts = {.waiting = spool_.waiting(), .dropped = spool_.dropped()};
+  }
+  waitForWork();
 }
 
-bool FleetPublisher::takeReceived() {
+void FleetPublisher::takeReceived() {
   std::deque<FleetMessage> received;
   std::uint64_t overflow = 0;
   {
-    const std::lock_guard lock(mutex_);
-    received.swap(received_);
-    receivedSize_ = 0;
-    overflow = std::exchange(overflow_, 0);
+    const std::lock_guard lock(mailbox_->mutex);
+    received.swap(mailbox_->received);
+    mailbox_->receivedSize = 0;
+    overflow = std::exchange(mailbox_->overflow, 0);
     // Counted without interruption: they are with the spool in a moment.
-    counts_.waiting += received.size();
-    counts_.dropped += overflow;
+    mailbox_->counts.waiting += received.size();
+    mailbox_->counts.dropped += overflow;
   }
   for (FleetMessage& message : received) {
     static_cast<void>(spool_.append(std::move(message)));
   }
   spool_.countDropped(overflow);
-  return !received.empty();
 }
 
 void FleetPublisher::maintainConnection() {
@@ -152,11 +155,35 @@ void FleetPublisher::subscribeToAnswers() {
   }
   const NATSInbox owned(inbox);
   inbox_ = std::string(inbox) + ".";
-  if (natsConnection_SubscribeSync(&subscription, connection_.get(), (inbox_ + "*").c_str()) ==
-      NATS_OK) {
-    answers_.reset(subscription);
-    object_ = connection_.object();
+  // The library keeps this one until it says that it has delivered the last message.
+  auto* const mailbox = new std::shared_ptr<Mailbox>(mailbox_);
+  const auto release = [](void* closure) {
+    delete static_cast<std::shared_ptr<Mailbox>*>(closure);
+  };
+  if (natsConnection_Subscribe(&subscription, connection_.get(), (inbox_ + "*").c_str(),
+                               receiveAnswer, mailbox) != NATS_OK) {
+    release(mailbox);
+    return;
   }
+  answers_.reset(subscription);
+  natsSubscription_SetOnCompleteCB(subscription, release, mailbox);
+  object_ = connection_.object();
+}
+
+void FleetPublisher::receiveAnswer(natsConnection* /*connection*/,
+                                   natsSubscription* /*subscription*/, natsMsg* message,
+                                   void* mailbox) {
+  const NATSMessage owned(message);
+  Mailbox& box = **static_cast<std::shared_ptr<Mailbox>*>(mailbox);
+  {
+    const std::lock_guard lock(box.mutex);
+    box.answers.push_back(
+        {.subject = natsMsg_GetSubject(message),
+         .body = std::string(natsMsg_GetData(message),
+                             static_cast<std::size_t>(natsMsg_GetDataLength(message))),
+         .hasNoStream = natsMsg_IsNoResponders(message)});
+  }
+  box.wakeUp.notify_one();
 }
 
 void FleetPublisher::sendAll() {
@@ -225,60 +252,47 @@ void FleetPublisher::forget(std::uint64_t sequence) {
   sent_.erase(place);
 }
 
-void FleetPublisher::receiveAnswers() {
-  // Also how long a new message can wait while others are under way.
-  constexpr std::int64_t kWaitMilliseconds = 10;
-  std::uint64_t waiting = 1;
-  while (waiting > 0) {
-    natsMsg* answer = nullptr;
-    const natsStatus status = natsSubscription_NextMsg(&answer, answers_.get(), kWaitMilliseconds);
-    const NATSMessage owned(answer);
-    if (status == NATS_OK) {
-      handleAnswer(answer);
-    } else if (status == NATS_NO_RESPONDERS) {
-      handleMissingStream();
-    } else {
-      if (status != NATS_TIMEOUT) {
-        waitForWork();
-      }
-      return;
-    }
-    if (natsSubscription_QueuedMsgs(answers_.get(), &waiting) != NATS_OK) {
-      return;
-    }
+void FleetPublisher::handleAnswers() {
+  std::deque<Answer> answers;
+  {
+    const std::lock_guard lock(mailbox_->mutex);
+    answers.swap(mailbox_->answers);
+  }
+  for (const Answer& answer : answers) {
+    handleAnswer(answer);
   }
 }
 
-void FleetPublisher::handleAnswer(natsMsg* answer) {
-  const std::string_view subject = natsMsg_GetSubject(answer);
-  const std::optional<std::uint64_t> sequence =
-      parseNumber<std::uint64_t>(subject.substr(std::min(inbox_.size(), subject.size())));
-  if (!sequence || !sent_.contains(*sequence)) {
+void FleetPublisher::handleAnswer(const Answer& answer) {
+  if (!answer.subject.starts_with(inbox_)) {
+    return;  // of a connection before this one
+  }
+  const auto sequence = parseNumber<std::uint64_t>(answer.subject.substr(inbox_.size()));
+  const auto sent = sent_.find(sequence.value_or(0));
+  if (sent == sent_.end()) {
     return;
   }
-  const std::string_view body(natsMsg_GetData(answer),
-                              static_cast<std::size_t>(natsMsg_GetDataLength(answer)));
-  const JSONHandle json(json_loadb(body.data(), body.size(), 0, nullptr));
-  if (json_is_string(json_object_get(json.get(), "stream")) &&
-      json_object_get(json.get(), "error") == nullptr) {
+  if (answer.hasNoStream) {
+    // Soon: another machine may be making the stream.
+    sent->second.sendAgain = std::chrono::steady_clock::now() + kMissingStreamPause;
+    handleMissingStream();
+    return;
+  }
+  const JSONHandle json(json_loadb(answer.body.data(), answer.body.size(), 0, nullptr));
+  const json_t* const error = json_object_get(json.get(), "error");
+  if (error == nullptr && json_is_string(json_object_get(json.get(), "stream"))) {
     spool_.acknowledge(*sequence);
     forget(*sequence);
     return;
   }
-  handleRefusal(*sequence, body);
-}
-
-void FleetPublisher::handleRefusal(std::uint64_t sequence, std::string_view body) {
-  const JSONHandle json(json_loadb(body.data(), body.size(), 0, nullptr));
-  const json_t* error = json_object_get(json.get(), "error");
   // Larger than the stream takes.
   constexpr json_int_t kMessageTooLarge = 10054;
   if (json_integer_value(json_object_get(error, "err_code")) == kMessageTooLarge) {
-    spool_.discard(sequence);
-    forget(sequence);
+    spool_.discard(*sequence);
+    forget(*sequence);
     return;
   }
-  const char* text = json_string_value(json_object_get(error, "description"));
+  const char* const text = json_string_value(json_object_get(error, "description"));
   // It stays where it is and is sent again later.
   reportState(State::refused, options_.server.url + " refuses events: " +
                                   (text == nullptr ? "without a reason" : text) +
@@ -288,10 +302,6 @@ void FleetPublisher::handleRefusal(std::uint64_t sequence, std::string_view body
 void FleetPublisher::handleMissingStream() {
   const Time now = std::chrono::steady_clock::now();
   if (now < nextStreamCheck_) {
-    // The library does not say which message it was.
-    for (auto& [sequence, sent] : sent_) {
-      sent.sendAgain = std::min(sent.sendAgain, now + kMissingStreamPause);
-    }
     return;
   }
   nextStreamCheck_ = now + kStreamCheckInterval;
@@ -315,9 +325,24 @@ void FleetPublisher::saveSpool(Time now) {
 }
 
 void FleetPublisher::waitForWork() {
-  const auto limit = connection_.isConnected() ? 5s : 500ms;
-  std::unique_lock lock(mutex_);
-  wakeUp_.wait_for(lock, limit, [this] { return !received_.empty() || isEnding_; });
+  Time end = std::chrono::steady_clock::now() + (connection_.isConnected() ? 5s : 500ms);
+  if (connection_.isConnected()) {
+    for (const auto& [sequence, sent] : sent_) {
+      end = std::min(end, sent.sendAgain);
+    }
+  }
+  if (spool_.waiting() > 0) {
+    end = std::min(end, nextSync_);
+  }
+  std::unique_lock lock(mailbox_->mutex);
+  const bool wasEnding = mailbox_->isEnding;
+  if (wasEnding) {
+    end = std::min(end, std::chrono::steady_clock::now() + kFarewell);
+  }
+  mailbox_->wakeUp.wait_until(lock, end, [this, wasEnding] {
+    return !mailbox_->received.empty() || !mailbox_->answers.empty() ||
+           mailbox_->isEnding != wasEnding;
+  });
 }
 
 void FleetPublisher::reportState(State state, const std::string& text) {

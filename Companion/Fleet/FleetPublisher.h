@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -62,6 +63,29 @@ class FleetPublisher {
  private:
   using Time = std::chrono::steady_clock::time_point;
 
+  // Of the server to one message.
+  struct Answer {
+    std::string subject;
+    std::string body;
+    bool hasNoStream = false;
+  };
+
+  // What comes to the publisher's thread from others. The library may still use it when the
+  // publisher is gone.
+  struct Mailbox {
+    std::mutex mutex;
+    std::condition_variable wakeUp;
+    std::deque<FleetMessage> received;
+    std::size_t receivedSize = 0;
+    std::uint64_t overflow = 0;
+    std::deque<Answer> answers;
+    bool isEnding = false;
+    Counts counts;
+  };
+
+  static void receiveAnswer(natsConnection* connection, natsSubscription* subscription,
+                            natsMsg* message, void* mailbox);
+
   struct Sent {
     NumberedMessage message;
     Time sendAgain;
@@ -70,7 +94,7 @@ class FleetPublisher {
 
   void run();
   void step();
-  bool takeReceived();
+  void takeReceived();
   void maintainConnection();
   void subscribeToAnswers();
   void sendAll();
@@ -78,9 +102,8 @@ class FleetPublisher {
   void fillWindow(Time now);
   bool send(Sent& sent, Time now);
   void forget(std::uint64_t sequence);
-  void receiveAnswers();
-  void handleAnswer(natsMsg* answer);
-  void handleRefusal(std::uint64_t sequence, std::string_view body);
+  void handleAnswers();
+  void handleAnswer(const Answer& answer);
   void handleMissingStream();
   void saveSpool(Time now);
   void waitForWork();
@@ -89,6 +112,7 @@ class FleetPublisher {
   void reportDropped(Time now);
 
   const Options options_;
+  const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>();
   // The first one: what is wrong with its options is said before a folder is made.
   FleetConnection connection_;
   Spool spool_;
@@ -106,15 +130,7 @@ class FleetPublisher {
   std::uint64_t reportedDropped_;
   State reportedState_ = State::starting;
 
-  mutable std::mutex mutex_;
-  std::condition_variable wakeUp_;
-  std::deque<FleetMessage> received_;
-  std::size_t receivedSize_ = 0;
-  std::uint64_t overflow_ = 0;
-  bool isEnding_ = false;
-  Counts counts_;
-
-  std::thread thread_;  // the last one: it uses all of them
+  std::thread thread_;
 };
 
 }  // namespace ostravel::companion
