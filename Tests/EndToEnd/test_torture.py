@@ -165,7 +165,12 @@ def test_no_connection_fails_while_everything_is_disturbed(neighbourhood):
     "fault",
     [
         call_faults.Fault("connect", "EADDRNOTAVAIL", "10+"),
-        call_faults.Fault("recvmmsg", "ENOBUFS", "4"),
+        # The queue cannot be read, once and from then on.
+        call_faults.Fault("recvmmsg", "ENOMEM", "4"),
+        call_faults.Fault("recvmmsg", "ENOMEM", "10+"),
+        # Verdicts cannot be given.
+        call_faults.Fault("sendto", "ENOBUFS", "40+"),
+        call_faults.Fault("accept4", "ENFILE", "10+"),
         call_faults.Fault("socket", "EMFILE", "40+"),
     ],
     ids=str,

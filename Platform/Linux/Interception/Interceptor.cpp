@@ -161,7 +161,9 @@ Interceptor::Interceptor(Parts parts)
       [this](Heartbeat::Answer answer) {
         loop_.post([this, answer = std::move(answer)] {
           maintain();
-          answer();
+          if (canQueueBeUsed()) {
+            answer();
+          }
         });
       },
       [this] { aliveKeeper_->beat(); }));
@@ -209,20 +211,39 @@ void Interceptor::waitForPackets() {
 }
 
 void Interceptor::receive() {
+  using Received = PacketQueue::Received;
   const auto begin = std::chrono::steady_clock::now();
-  bool isMore = true;
-  for (std::size_t count = 0; isMore && count < kMaximumBurst;
+  auto received = Received::some;
+  for (std::size_t count = 0; received == Received::some && count < kMaximumBurst;
        count += PacketQueue::kPacketsPerReceive) {
     if (std::chrono::steady_clock::now() - begin > kLongestBurst) {
       break;
     }
-    isMore = queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); });
-  }
-  if (!isMore) {
-    arrivals_.nothingToRead();
+    received = queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); });
   }
   queue_->retryUnsent();
+  // After a failure maintain() tries again: packets may wait, and waiting for them would return at
+  // once.
+  isReceivingPaused_ = received == Received::failed;
+  if (isReceivingPaused_) {
+    return;
+  }
+  if (received == Received::all) {
+    arrivals_.nothingToRead();
+  }
   waitForPackets();
+}
+
+// Held packets are let go only by a verdict or by the end of the process. So a queue that fails
+// must end it: this loop gives no heartbeat then, and the guardian sees to the rest.
+bool Interceptor::canQueueBeUsed() {
+  const auto failure = queue_->failure();
+  if (failure && !hasQueueFailed_) {
+    log_->error("OstravelProxy: The queue of packets fails: %{public}s",
+                {failure->localizedDescription});
+  }
+  hasQueueFailed_ = failure.has_value();
+  return !hasQueueFailed_;
 }
 
 void Interceptor::maintain() {
@@ -232,6 +253,9 @@ void Interceptor::maintain() {
                 {static_cast<std::int64_t>(count)});
   }
   queue_->retryUnsent();
+  if (isReceivingPaused_) {
+    receive();
+  }
   leftFlows_.report(now);
   if (const auto news = identifiers_->watchProxy()) {
     log_->info("OstravelProxy: %{public}s", {*news});
@@ -383,7 +407,8 @@ bool Interceptor::hasListenerFor(AddressFamily family) const {
 
 void Interceptor::stopReceiving() {
   arrivals_ = LoopSocket();
-  while (queue_->receive([](const PacketQueue::Packet& /*packet*/) {})) {
+  while (queue_->receive([](const PacketQueue::Packet& /*packet*/) {}) ==
+         PacketQueue::Received::some) {
   }
   queue_->acceptAll();
 }

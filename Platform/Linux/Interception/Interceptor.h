@@ -92,6 +92,7 @@ class Interceptor {
   // On the loop.
   void waitForPackets();
   void receive();
+  bool canQueueBeUsed();
   void maintain();
   void stopReceiving();
 
@@ -128,6 +129,8 @@ class Interceptor {
   const std::shared_ptr<const PacketResender> resender_;
   // A duplicate of the queue's socket, for waiting.
   LoopSocket arrivals_;
+  bool isReceivingPaused_ = false;
+  bool hasQueueFailed_ = false;
   RecentFlows recentFlows_;
   HeldFlows heldFlows_;
   UserShares shares_;

@@ -30,6 +30,10 @@ const char* loopbackText(AddressFamily family) {
   return family == AddressFamily::ipv4 ? "127.0.0.1" : "::1";
 }
 
+const char* nameOf(AddressFamily family) {
+  return family == AddressFamily::ipv4 ? "IPv4" : "IPv6";
+}
+
 SocketEndpoint loopback(AddressFamily family) {
   return *SocketEndpoint::atAddress(loopbackText(family));
 }
@@ -258,13 +262,14 @@ void RedirectSupervisor::conclude(Family& family, unsigned loopIndex, const std:
   if (isStopped_) {
     return;
   }
-  const std::string name = family.family == AddressFamily::ipv4 ? "IPv4" : "IPv6";
+  const std::string name = nameOf(family.family);
   if (failure.empty()) {
     family.lastSuccess = std::chrono::steady_clock::now();
-    if (!family.lastFailure.empty()) {
+    if (!family.lastFailure.empty() || family.isStuck) {
       log_->info("OstravelProxy: Redirected connections arrive again over %{public}s", {name});
     }
-  } else if (failure != family.lastFailure) {
+    family.isStuck = false;
+  } else if (failure != family.lastFailure && !family.isStuck) {
     log_->error(
         "OstravelProxy: Redirected connections do not arrive over %{public}s (%{public}s): a rule "
         "of another program drops them, or keeps them from being tracked, on the loopback "
@@ -276,8 +281,13 @@ void RedirectSupervisor::conclude(Family& family, unsigned loopIndex, const std:
   if (failure.empty()) {
     return;
   }
+  testAfter(family.isStuck ? std::min(kStuckPause, pause_) : pause_, family, loopIndex);
+}
+
+void RedirectSupervisor::testAfter(std::chrono::milliseconds pause, Family& family,
+                                   unsigned loopIndex) {
   family.retry.start(
-      pause_, [self = shared_from_this(), &family, loopIndex] { self->test(family, loopIndex); });
+      pause, [self = shared_from_this(), &family, loopIndex] { self->test(family, loopIndex); });
 }
 
 // A port without a listener, so that a trial that is not redirected disturbs nobody.
@@ -302,6 +312,31 @@ void RedirectSupervisor::connectionIsMissing(unsigned loopIndex, const FlowTuple
 void RedirectSupervisor::connectionWillBeReset(const FlowTuple& tuple) {
   const std::lock_guard guard(resetsLock_);
   resets_.allowReopening(tuple);
+}
+
+void RedirectSupervisor::connectionsCannotBeAccepted(unsigned loopIndex, AddressFamily family,
+                                                     int error) {
+  home().post([self = shared_from_this(), loopIndex, family, error] {
+    self->noteStuck(loopIndex, family, error);
+  });
+}
+
+void RedirectSupervisor::noteStuck(unsigned loopIndex, AddressFamily addressFamily, int error) {
+  Family& family = known(addressFamily);
+  if (isStopped_ || family.isStuck) {
+    return;
+  }
+  family.isStuck = true;
+  // A test that succeeded in the meantime has made it usable again.
+  loops_.redirectPath().setUsable(addressFamily, false);
+  log_->error(
+      "OstravelProxy: Connections cannot be accepted over %{public}s (%{public}s): flows are left "
+      "to "
+      "the system, and this is tried again every second",
+      {nameOf(addressFamily), std::generic_category().message(error)});
+  if (!family.isTesting) {
+    testAfter(std::min(kStuckPause, pause_), family, loopIndex);
+  }
 }
 
 void RedirectSupervisor::examine(unsigned loopIndex, const FlowTuple& tuple) {

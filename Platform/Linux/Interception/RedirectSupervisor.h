@@ -45,6 +45,10 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   // ports.
   void connectionWillBeReset(const FlowTuple& tuple) override;
 
+  // The path is tested again after kStuckPause, or after the pause if that is shorter.
+  void connectionsCannotBeAccepted(unsigned loopIndex, AddressFamily family, int error) override;
+  static constexpr std::chrono::milliseconds kStuckPause = std::chrono::seconds(1);
+
   // Only for start().
   RedirectSupervisor(EventLoopGroup& loops,
                      const platform::TransparentProxyNetworkSettings& settings,
@@ -67,6 +71,8 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
     // One that no host has, if the settings select it.
     std::optional<SocketEndpoint> distantDestination;
     bool isTesting = false;
+    // Since the last success, connections could not be accepted.
+    bool isStuck = false;
     std::string lastFailure;
     std::chrono::steady_clock::time_point lastSuccess;
     LoopTimer retry;
@@ -79,6 +85,8 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   void tryNext(Family& family, unsigned loopIndex, std::vector<Way> ways);
   void conclude(Family& family, unsigned loopIndex, const std::string& failure);
   SocketEndpoint destinationFor(const Family& family);
+  void testAfter(std::chrono::milliseconds pause, Family& family, unsigned loopIndex);
+  void noteStuck(unsigned loopIndex, AddressFamily family, int error);
   void examine(unsigned loopIndex, const FlowTuple& tuple);
 
   EventLoopGroup& loops_;

@@ -158,9 +158,13 @@ int PacketQueue::descriptor() const {
   return ::mnl_socket_get_fd(socket_.get());
 }
 
-bool PacketQueue::receive(const std::function<void(const Packet&)>& handler) {
+PacketQueue::Received PacketQueue::receive(const std::function<void(const Packet&)>& handler) {
   const int count =
       ::recvmmsg(descriptor(), inbox_->messages.data(), kPacketsPerReceive, MSG_DONTWAIT, nullptr);
+  receiveError_ = count < 0 && errno != EAGAIN ? errno : 0;
+  if (receiveError_ != 0) {
+    return Received::failed;
+  }
   for (int index = 0; index < count; ++index) {
     const auto position = static_cast<std::size_t>(index);
     int left = static_cast<int>(inbox_->messages[position].msg_len);
@@ -169,7 +173,7 @@ bool PacketQueue::receive(const std::function<void(const Packet&)>& handler) {
       deliver(header, handler);
     }
   }
-  return count == static_cast<int>(kPacketsPerReceive);
+  return count == static_cast<int>(kPacketsPerReceive) ? Received::some : Received::all;
 }
 
 void PacketQueue::deliver(const nlmsghdr* message,
@@ -257,7 +261,7 @@ void PacketQueue::send(const Verdict& verdict) {
   hasUnsent_ = true;
 }
 
-bool PacketQueue::trySend(const Verdict& verdict) const {
+bool PacketQueue::trySend(const Verdict& verdict) {
   alignas(nlmsghdr) MessageBuffer buffer{};
   nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
   ::nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id),
@@ -267,7 +271,22 @@ bool PacketQueue::trySend(const Verdict& verdict) const {
   }
   const int error = send_(socket_.get(), header);
   // Any other error means that the packet is gone and needs no verdict.
-  return error != ENOBUFS && error != ENOMEM && error != EAGAIN && error != EINTR;
+  const bool isKept =
+      error == ENOBUFS || error == ENOMEM || error == EAGAIN || error == EINTR || error == EPERM;
+  if (isKept) {
+    sendError_ = error;
+  }
+  return !isKept;
+}
+
+platform::OptionalError PacketQueue::failure() const {
+  if (receiveError_ != 0) {
+    return platform::systemCallError(receiveError_, "receiving packets");
+  }
+  if (hasUnsent_) {
+    return platform::systemCallError(sendError_, "giving verdicts");
+  }
+  return std::nullopt;
 }
 
 void PacketQueue::retryUnsent() {

@@ -53,9 +53,15 @@ class PacketQueue {
   std::uint16_t number() const { return number_; }
   int descriptor() const;
 
-  // Passes waiting packets to the handler, kPacketsPerReceive at most, without blocking. Returns
-  // false if there were no more.
-  bool receive(const std::function<void(const Packet&)>& handler);
+  enum class Received : std::uint8_t {
+    all,
+    // There may be more.
+    some,
+    // Nothing can be received now, although packets may wait.
+    failed,
+  };
+  // Passes waiting packets to the handler, kPacketsPerReceive at most, without blocking.
+  Received receive(const std::function<void(const Packet&)>& handler);
   static constexpr std::size_t kPacketsPerReceive = 8;
 
   // Two verdicts: accept the packet unchanged, or with a new mark. Only the first verdict on a
@@ -70,6 +76,10 @@ class PacketQueue {
   void acceptAll();
 
   bool isHeld(std::uint32_t id) const;
+
+  // Why the last receive() failed, or why the kernel still lacks a verdict. While there is an
+  // error, packets are held that nobody lets go. For the receiving thread.
+  platform::OptionalError failure() const;
 
   // Retries the verdicts that the kernel rejected. Call it periodically; cheap if there are none.
   void retryUnsent();
@@ -91,13 +101,15 @@ class PacketQueue {
   bool claim(std::uint32_t id);
   void send(const Verdict& verdict);
   // False if the kernel may accept it later.
-  bool trySend(const Verdict& verdict) const;
+  bool trySend(const Verdict& verdict);
 
   NetlinkSocket socket_;
   std::uint16_t number_;
   const Send send_;
   struct Inbox;
   const std::unique_ptr<Inbox> inbox_;
+  int receiveError_ = 0;
+  std::atomic<int> sendError_ = 0;
   std::atomic<bool> hasUnsent_ = false;
   mutable std::mutex lock_;
   // Both guarded by lock_.

@@ -15,6 +15,7 @@
 
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Relay/RedirectPath.h"
 #include "Platform/Linux/Services/RelayLimits.h"
 
 namespace ostravel::linuxplatform {
@@ -36,6 +37,26 @@ std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily 
     return std::nullopt;
   }
   return address.endpoint();
+}
+
+// Errors of a connection that is already gone (accept(2)); the next one is another's.
+bool concernsOneConnection(int error) {
+  switch (error) {
+    case ECONNABORTED:
+    case EINTR:
+    case ENETDOWN:
+    case EPROTO:
+    case ENOPROTOOPT:
+    case EHOSTDOWN:
+    case ENONET:
+    case EHOSTUNREACH:
+    case EOPNOTSUPP:
+    case ENETUNREACH:
+    case ETIMEDOUT:
+      return true;
+    default:
+      return false;
+  }
 }
 
 // Accepted sockets inherit these options.
@@ -137,19 +158,19 @@ FlowListener::Accepted FlowListener::acceptOne(Socket& listener) {
     handOver(descriptor, *peer.endpoint());
     return Accepted::one;
   }
-  switch (errno) {
-    case EAGAIN:
-      listener.socket.nothingToRead();
-      return Accepted::none;
-    case EMFILE:
-    case ENFILE:
-    case ENOBUFS:
-    case ENOMEM:
-      return Accepted::stuck;
-    default:
-      // Concerns one connection that is already gone (accept(2)).
-      return Accepted::one;
+  const int error = errno;
+  if (error == EAGAIN) {
+    return Accepted::none;
   }
+  if (concernsOneConnection(error)) {
+    return Accepted::one;
+  }
+  // Flows offered from now on would be reset when their time is over.
+  if (RedirectPath* const path = loop_.redirectPath()) {
+    path->reportStuck(loop_.index(),
+                      &listener == &ipv4_ ? AddressFamily::ipv4 : AddressFamily::ipv6, error);
+  }
+  return Accepted::stuck;
 }
 
 void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {

@@ -20,6 +20,14 @@ void RedirectPath::reportMissing(unsigned loopIndex, const FlowTuple& tuple) {
   }
 }
 
+void RedirectPath::reportStuck(unsigned loopIndex, AddressFamily family, int error) {
+  // Without a watcher nobody would notice the end of it.
+  if (const auto found = watcher()) {
+    setUsable(family, false);
+    found->connectionsCannotBeAccepted(loopIndex, family, error);
+  }
+}
+
 void RedirectPath::prepareReset(const FlowTuple& tuple) {
   if (const auto found = watcher()) {
     found->connectionWillBeReset(tuple);

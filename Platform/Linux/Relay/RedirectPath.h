@@ -25,6 +25,8 @@ class RedirectPath {
 
     virtual void connectionIsMissing(unsigned loopIndex, const FlowTuple& tuple) = 0;
     virtual void connectionWillBeReset(const FlowTuple& tuple) = 0;
+    virtual void connectionsCannotBeAccepted(unsigned loopIndex, AddressFamily family,
+                                             int error) = 0;
   };
 
   // False until a test has succeeded.
@@ -35,6 +37,9 @@ class RedirectPath {
   void setWatcher(std::weak_ptr<Watcher> watcher);
   // A connection released for this loop has not arrived.
   void reportMissing(unsigned loopIndex, const FlowTuple& tuple);
+  // A loop's listener cannot accept anything for now, for lack of descriptors or memory. The path
+  // is unusable when this returns.
+  void reportStuck(unsigned loopIndex, AddressFamily family, int error);
   // We are about to reset a connection that has arrived. For some seconds the kernel would redirect
   // a new connection with the same addresses and ports like this one. This call prevents that
   // before it returns; later would be too late, as the application may be faster than we are.

@@ -198,5 +198,13 @@ TEST_F(RedirectSupervisorTest, AnAbandonedConnectionDoesNotAffectThePath) {
   EXPECT_TRUE(isUsable(AddressFamily::ipv4));
 }
 
+TEST_F(RedirectSupervisorTest, LeavesFlowsAloneWhileNothingCanBeAccepted) {
+  start(kShortPause);
+  ASSERT_TRUE(becomes(AddressFamily::ipv4, true));
+  loops_.redirectPath().reportStuck(0, AddressFamily::ipv4, EMFILE);
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+}
+
 }  // namespace
 }  // namespace ostravel::linuxplatform

@@ -42,7 +42,7 @@ TEST(PacketQueueTest, TakesAFreeNumber) {
 
 TEST(PacketQueueTest, ReturnsAtOnceWhenThereIsNoPacket) {
   const auto queue = openQueue();
-  EXPECT_FALSE(queue->receive([](const PacketQueue::Packet&) { FAIL(); }));
+  EXPECT_EQ(queue->receive([](const PacketQueue::Packet&) { FAIL(); }), PacketQueue::Received::all);
 }
 
 TEST(PacketQueueTest, DeliversSeveralPacketsInOneCall) {
@@ -54,9 +54,9 @@ TEST(PacketQueueTest, DeliversSeveralPacketsInOneCall) {
   }
   std::vector<std::uint32_t> packets;
   const auto keep = [&packets](const PacketQueue::Packet& packet) { packets.push_back(packet.id); };
-  EXPECT_TRUE(queue->receive(keep));
+  EXPECT_EQ(queue->receive(keep), PacketQueue::Received::some);
   EXPECT_EQ(packets.size(), PacketQueue::kPacketsPerReceive);
-  EXPECT_FALSE(queue->receive(keep));
+  EXPECT_EQ(queue->receive(keep), PacketQueue::Received::all);
   EXPECT_EQ(packets.size(), PacketQueue::kPacketsPerReceive + 2);
   // In the order of their arrival, in which the kernel numbers them.
   EXPECT_TRUE(std::is_sorted(packets.begin(), packets.end()));
@@ -168,8 +168,11 @@ TEST(PacketQueueTest, DefersAVerdictThatIsRejectedRepeatedly) {
   queue->retryUnsent();
   EXPECT_EQ(first.connectResult(0ms), EINPROGRESS);
   EXPECT_EQ(second.connectResult(0ms), EINPROGRESS);
+  ASSERT_TRUE(queue->failure());
+  EXPECT_EQ(queue->failure()->code, ENOBUFS);
   isOutOfMemory = false;
   queue->retryUnsent();
+  EXPECT_FALSE(queue->failure());
   EXPECT_EQ(first.connectResult(kGenerous), 0);
   EXPECT_EQ(second.connectResult(kGenerous), ECONNREFUSED);
 }

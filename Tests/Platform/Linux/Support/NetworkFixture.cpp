@@ -51,13 +51,14 @@ std::vector<OfferedPacket> waitForPackets(linuxplatform::PacketQueue& queue,
   std::vector<OfferedPacket> packets;
   pollfd waited{queue.descriptor(), POLLIN, 0};
   if (::poll(&waited, 1, static_cast<int>(limit.count())) == 1) {
-    while (queue.receive([&packets](const linuxplatform::PacketQueue::Packet& packet) {
+    const auto keep = [&packets](const linuxplatform::PacketQueue::Packet& packet) {
       packets.push_back({packet.id,
                          packet.mark,
                          packet.uid,
                          packet.outputInterface,
                          {packet.bytes.begin(), packet.bytes.end()}});
-    })) {
+    };
+    while (queue.receive(keep) == linuxplatform::PacketQueue::Received::some) {
     }
   }
   return packets;
