@@ -51,11 +51,13 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
 
 ApplicationIdentifierSource::ApplicationIdentifierSource(std::shared_ptr<ConnectTracer> tracer,
                                                          ApplicationRegistrations registrations,
-                                                         std::vector<std::string> reserved)
+                                                         std::vector<std::string> reserved,
+                                                         std::shared_ptr<const ScriptNames> scripts)
     : reserved_(std::move(reserved)),
       tracer_(std::move(tracer)),
       registrations_(std::move(registrations)),
-      names_(makeNames()) {
+      names_(makeNames()),
+      scripts_(std::move(scripts)) {
   if (auto diagnostics = SocketDiagnostics::open()) {
     diagnostics_ = *std::move(diagnostics);
   }
@@ -70,7 +72,7 @@ ApplicationIdentifierSource::~ApplicationIdentifierSource() {
 
 std::unique_ptr<ApplicationIdentifierSource> ApplicationIdentifierSource::forAnotherThread() const {
   return std::unique_ptr<ApplicationIdentifierSource>(
-      new ApplicationIdentifierSource(tracer_, registrations_, reserved_));
+      new ApplicationIdentifierSource(tracer_, registrations_, reserved_, scripts_));
 }
 
 std::string ApplicationIdentifierSource::applicationOf(const FlowTuple& sent,
@@ -79,7 +81,11 @@ std::string ApplicationIdentifierSource::applicationOf(const FlowTuple& sent,
     return {};
   }
   const Sender sender = lookUpSender(sent, outputInterface);
-  return sender.process != nullptr ? identifierOf(*sender.process, *sender.user) : std::string();
+  if (sender.process == nullptr) {
+    return {};
+  }
+  noteGroup(*sender.process, sender.group);
+  return identifierOf(*sender.process, *sender.user);
 }
 
 void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,
@@ -92,6 +98,11 @@ void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,
     return;
   }
   tracer_ = *std::move(tracer);
+  if (tracer_->detail() == ConnectTracer::Detail::programs) {
+    if (auto scripts = ScriptTracer::start()) {
+      scripts_ = std::make_shared<const ScriptNames>(*std::move(scripts));
+    }
+  }
   if (auto publisher = ConnectPublisher::start(*tracer_, proxyPort, marks)) {
     publisher_ = *std::move(publisher);
     proxyPort_->watch(publisher_->listener());
@@ -376,6 +387,9 @@ std::string ApplicationIdentifierSource::findIdentifier(const Process& process,
   }
   if (const auto name = names_.nameOf(process, socketUser)) {
     return printableIdentifier(*name);
+  }
+  if (const auto script = scripts_ ? scripts_->nameOf(process) : std::nullopt) {
+    return printableIdentifier(*script);
   }
   return process.isExecutableGenuine ? printableIdentifier(process.executable) : std::string();
 }

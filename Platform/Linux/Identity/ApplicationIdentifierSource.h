@@ -19,6 +19,7 @@
 #include "Platform/Linux/Identity/ProxyInstance.h"
 #include "Platform/Linux/Identity/ProxyProcess.h"
 #include "Platform/Linux/Identity/ProxyTrust.h"
+#include "Platform/Linux/Identity/ScriptNames.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
@@ -36,15 +37,16 @@ namespace ostravel::linuxplatform {
 //   1. kProxyIdentifier for the local proxy, whatever its program;
 //   2. the administrator's registrations;
 //   3. the name of its desktop application, sandbox, service or container; see ApplicationNames;
-//   4. the absolute path of the executable.
+//   4. the path of its script; see ScriptNames;
+//   5. the absolute path of the executable.
 //
 // The core exempts flows by identifier. No process can give itself an exempt one: 1 and 2 do not
-// depend on anything that a process claims, 3 is never an exempt or a registered one, and 4 always
-// begins with "/". Nor can it acquire another user's identifier: 2 and 4 use the file that the
-// process was running when it connected, and only if everybody finds that file at that path; 2 also
-// requires that the registration applies to the users of both the process and the socket, which may
-// have been handed over; 3 believes a user about this user's own processes only. In doubt there is
-// no identifier.
+// depend on anything that a process claims, 3 is never an exempt or a registered one, and 4 and 5
+// always begin with "/". Nor can it acquire another user's identifier: 2 and 5 use the file that
+// the process was running when it connected, and only if everybody finds that file at that path; 2
+// also requires that the registration applies to the users of both the process and the socket,
+// which may have been handed over; 3 believes a user about this user's own processes only. In doubt
+// there is no identifier.
 //
 // For nearly every TCP flow, the kernel has published the sender in memory, and no system call is
 // needed; see ConnectTable. All other flows are looked up with system calls, with the same result.
@@ -119,7 +121,8 @@ class ApplicationIdentifierSource {
 
   ApplicationIdentifierSource(std::shared_ptr<ConnectTracer> tracer,
                               ApplicationRegistrations registrations,
-                              std::vector<std::string> reserved);
+                              std::vector<std::string> reserved,
+                              std::shared_ptr<const ScriptNames> scripts);
 
   void startTracing(std::uint16_t proxyPort, ConnectTracer::Detail wanted,
                     std::optional<PacketMarks> marks);
@@ -170,6 +173,8 @@ class ApplicationIdentifierSource {
   std::string servingProxy_;
   ApplicationRegistrations registrations_;
   ApplicationNames names_;
+  // Null if scripts are not traced.
+  std::shared_ptr<const ScriptNames> scripts_;
   KnownProcesses known_;
   // The latest flows of bound sockets.
   std::deque<FlowTuple> boundFlows_;

@@ -1,0 +1,83 @@
+#include "Platform/Linux/Identity/ScriptNames.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <filesystem>
+#include <string_view>
+#include <utility>
+
+#include "Platform/Linux/Processes/FileLookup.h"
+#include "Platform/Linux/Processes/SearchAllowance.h"
+
+namespace ostravel::linuxplatform {
+
+namespace {
+
+// Where everybody may create files, or where a path means something else for every process.
+constexpr std::array<std::string_view, 5> kSharedFolders{"/tmp/", "/var/tmp/", "/run/", "/dev/",
+                                                         "/proc/"};
+
+constexpr std::array<std::string_view, 3> kSystemFolders{"/usr/bin/", "/bin/", "/usr/local/bin/"};
+
+// Without version numbers.
+constexpr std::array<std::string_view, 16> kInterpreters{
+    "bash", "bun",  "dash",   "deno", "fish", "guile", "ksh",   "lua",
+    "node", "perl", "python", "php",  "ruby", "sh",    "tclsh", "zsh"};
+
+bool startsWithAny(std::string_view path, const auto& folders) {
+  return std::ranges::any_of(folders,
+                             [path](std::string_view folder) { return path.starts_with(folder); });
+}
+
+bool isUsualInterpreter(std::string_view path) {
+  std::string_view name = path.substr(path.rfind('/') + 1);
+  const auto isOfVersion = [](unsigned char character) {
+    return std::isdigit(character) != 0 || character == '.';
+  };
+  while (!name.empty() && isOfVersion(static_cast<unsigned char>(name.back()))) {
+    name.remove_suffix(1);
+  }
+  return startsWithAny(path, kSystemFolders) &&
+         std::ranges::find(kInterpreters, name) != kInterpreters.end();
+}
+
+bool isPlainPath(const std::string& path) {
+  // As text: paths that differ in doubled slashes compare as equal.
+  return path.starts_with('/') && !path.ends_with('/') && path.find("//") == std::string::npos &&
+         path == std::filesystem::path(path).lexically_normal().native();
+}
+
+}  // namespace
+
+ScriptNames::ScriptNames(std::unique_ptr<ScriptTracer> tracer) : tracer_(std::move(tracer)) {
+  struct stat view {};
+  // In some sandboxes nobody may look at the first process.
+  if (tracer_ &&
+      (::stat("/proc/1/ns/mnt", &view) == 0 || ::stat("/proc/self/ns/mnt", &view) == 0)) {
+    mountNamespace_ = view.st_ino;
+    SearchAllowance allowance;
+    // The extension may have mounts of its own, but not another root.
+    root_ = FileLookup(allowance).at("/", 0).file;
+  }
+}
+
+std::optional<std::string> ScriptNames::nameOf(const Process& process) const {
+  const auto record = tracer_ ? tracer_->recordOf(process.pid) : std::nullopt;
+  if (!record || !process.isExecutableGenuine || !isSeenByEverybody(*record) ||
+      record->startTime != process.stamp.startTime ||
+      record->stackStart != process.stamp.stackStart ||
+      (record->isByEnv && !isUsualInterpreter(process.executable))) {
+    return std::nullopt;
+  }
+  return record->path;
+}
+
+bool ScriptNames::isSeenByEverybody(const ScriptRecord& record) const {
+  return root_ && record.root == *root_ && record.mountNamespace == mountNamespace_ &&
+         isPlainPath(record.path) && !startsWithAny(record.path, kSharedFolders);
+}
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Platform/Linux/Processes/FileIdentity.h"
+#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Tracing/ScriptTracer.h"
+
+namespace ostravel::linuxplatform {
+
+// Names programs that are scripts by the path of the script, where the kernel has recorded it. The
+// path has to mean the same for everybody: absolute, without "." and "..", as seen in the mount
+// namespace and the root folder of the first process (of this one where that is hidden), and not in
+// a folder in which all users may create files. If env(1) has chosen the interpreter, it has to be
+// a usual one of the system, since a user chooses where env looks for it. Usable from any thread.
+class ScriptNames {
+ public:
+  // tracer: null if scripts are not traced; then there are no names.
+  explicit ScriptNames(std::unique_ptr<ScriptTracer> tracer);
+
+  // Empty if the process does not run a script, or its path is not known for certain.
+  std::optional<std::string> nameOf(const Process& process) const;
+
+ private:
+  bool isSeenByEverybody(const ScriptRecord& record) const;
+
+  const std::unique_ptr<ScriptTracer> tracer_;
+  std::optional<FileIdentity> root_;
+  ino_t mountNamespace_ = 0;
+};
+
+}  // namespace ostravel::linuxplatform
