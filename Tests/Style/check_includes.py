@@ -120,7 +120,12 @@ ALLOWED_HEADERS = {
 
 # Room -> headers that its build makes, which have no path from the root.
 GENERATED_HEADERS = {
-    TRACING: {"ConnectTableProgram.h", "ConnectTracerProgram.h", "ConnectTracerPlainProgram.h"},
+    TRACING: {
+        "ConnectTableProgram.h",
+        "ConnectTracerProgram.h",
+        "ConnectTracerPlainProgram.h",
+        "ScriptTracerProgram.h",
+    },
 }
 
 # <chrono> is welcome for its durations, its clocks are not.
