@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/EventFrameReader.h"
-#include "Companion/Monitor/ReceivedEvent.h"
 
 namespace ostravel::companion {
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "Companion/Monitor/FlowHistory.h"
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/FlowHistory.h"
+#include "Companion/Events/ReceivedEvent.h"
 
 namespace ostravel::companion {
 

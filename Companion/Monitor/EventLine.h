@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <string>
 
-#include "Companion/Monitor/FlowHistory.h"
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/FlowHistory.h"
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Shared/TimeText.h"
 
 namespace ostravel::companion {

@@ -4,11 +4,11 @@
 #include <string>
 #include <string_view>
 
+#include "Companion/Events/FlowHistory.h"
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/EventFilter.h"
 #include "Companion/Monitor/EventLine.h"
 #include "Companion/Monitor/EventSummary.h"
-#include "Companion/Monitor/FlowHistory.h"
-#include "Companion/Monitor/ReceivedEvent.h"
 
 namespace ostravel::companion {
 

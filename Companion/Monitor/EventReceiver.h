@@ -5,8 +5,8 @@
 #include <functional>
 #include <string_view>
 
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/EventConnection.h"
-#include "Companion/Monitor/ReceivedEvent.h"
 #include "Companion/Shared/AcceptLoop.h"
 
 namespace ostravel::companion {

@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "Companion/Monitor/FlowHistory.h"
+#include "Companion/Events/FlowHistory.h"
 
 namespace ostravel::companion {
 

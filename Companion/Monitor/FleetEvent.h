@@ -3,8 +3,8 @@
 #include <string>
 #include <variant>
 
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Fleet/FleetMessage.h"
-#include "Companion/Monitor/ReceivedEvent.h"
 
 namespace ostravel::companion {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <variant>
 
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/EventFrameReader.h"
-#include "Companion/Monitor/ReceivedEvent.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringEvent.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringFrameEncoder.h"
 #include "Tests/Fuzz/FuzzInput.h"

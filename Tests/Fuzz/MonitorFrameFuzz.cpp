@@ -4,10 +4,10 @@
 #include <string>
 #include <variant>
 
+#include "Companion/Events/FlowHistory.h"
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/EventFrameReader.h"
 #include "Companion/Monitor/EventLine.h"
-#include "Companion/Monitor/FlowHistory.h"
-#include "Companion/Monitor/ReceivedEvent.h"
 #include "Tests/Fuzz/FuzzInput.h"
 #include "Tests/Simulator/ProtocolModel.h"
 

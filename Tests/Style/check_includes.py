@@ -45,6 +45,8 @@ MAC_FLOW = f"{MAC}/Flow"
 MAC_PROVIDER = f"{MAC}/Provider"
 
 COMPANION = "Companion/Shared"
+EVENTS = "Companion/Events"
+WEB = "Companion/Monitor/Web"
 HOST = "Host/macOS"
 
 # Room -> the other rooms whose headers it may include, all of them further up in this table.
@@ -77,7 +79,9 @@ ALLOWED_ROOMS = {
     COMPANION: {BASE},
     "Companion/Sidecar": {BASE, COMPANION},
     "Companion/Fleet": {BASE, COMPANION},
-    "Companion/Monitor": {BASE, COMPANION, "Companion/Fleet"},
+    EVENTS: {BASE, COMPANION},
+    WEB: {BASE, COMPANION, EVENTS},
+    "Companion/Monitor": {BASE, COMPANION, EVENTS, WEB, "Companion/Fleet"},
     HOST: {CORE},
 }
 # Puts everything together, and may therefore include everything but tests.

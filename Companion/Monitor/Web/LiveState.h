@@ -12,8 +12,8 @@
 #include <string>
 
 #include "Base/JSONHandle.h"
-#include "Companion/Monitor/FlowHistory.h"
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/FlowHistory.h"
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/Web/FlowCounters.h"
 #include "Companion/Monitor/Web/OutageLog.h"
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "Companion/Monitor/FlowHistory.h"
+#include "Companion/Events/FlowHistory.h"
 
 namespace ostravel::companion {
 

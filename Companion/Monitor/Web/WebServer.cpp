@@ -123,7 +123,7 @@ class WebServer::Server {
     addData();
     bind();
     thread_ = std::thread([this] { http_.listen_after_bind(); });
-    // Stopping has no effect before the thread listens.
+    // Before that, stopping it has no effect.
     while (!http_.is_running()) {
       std::this_thread::sleep_for(1ms);
     }

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/Web/ControlPoller.h"
 #include "Companion/Monitor/Web/LiveState.h"
 #include "Companion/Monitor/Web/WebServer.h"

@@ -5,11 +5,11 @@
 #include <variant>
 #include <vector>
 
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/ReceivedEvent.h"
 #include "Extension/ProxyTunnelCore/MonitoringEventKind.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringEvent.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelMonitoringFrameEncoder.h"
-#include "Tests/Companion/Monitor/EventSamples.h"
+#include "Tests/Companion/Events/EventSamples.h"
 
 namespace ostravel::companion {
 namespace {

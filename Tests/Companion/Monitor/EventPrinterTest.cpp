@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "Tests/Companion/Monitor/EventMaker.h"
+#include "Tests/Companion/Events/EventMaker.h"
 
 namespace ostravel::companion::test {
 namespace {

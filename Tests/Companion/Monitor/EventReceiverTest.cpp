@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Companion/Monitor/EventSocket.h"
-#include "Tests/Companion/Monitor/EventSamples.h"
+#include "Tests/Companion/Events/EventSamples.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"
 

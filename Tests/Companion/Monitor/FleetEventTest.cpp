@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Tests/Companion/Monitor/EventSamples.h"
+#include "Tests/Companion/Events/EventSamples.h"
 
 namespace ostravel::companion::test {
 namespace {

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Tests/Companion/Monitor/EventSamples.h"
+#include "Tests/Companion/Events/EventSamples.h"
 #include "Tests/Support/ChildProcess.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"

@@ -380,7 +380,7 @@
     facts($('flow-facts'), [
       ['Application', flow.application], ['Result', flow.outcome], ['Reason', flow.reason],
       ['Decision', flow.why], ['Detail', flow.detail], ['User', flow.user], ['Process', flow.pid],
-      ['Began', exact(flow.time)], ['Answer after', duration(flow.answer)],
+      ['Began', exact(flow.time)], ['Waited for the proxy', duration(flow.answer)],
       ['Lasted', flow.end ? duration(flow.end - flow.time) : ''],
       ['Sent', bytes(flow.sent)], ['Received', bytes(flow.received)],
       ['Flow', flow.id.startsWith('#') ? '' : flow.id],

@@ -5,7 +5,7 @@
 
 #include "Base/JSONHandle.h"
 #include "Companion/Monitor/Web/LiveState.h"
-#include "Tests/Companion/Monitor/EventMaker.h"
+#include "Tests/Companion/Events/EventMaker.h"
 
 namespace ostravel::companion::test {
 namespace {

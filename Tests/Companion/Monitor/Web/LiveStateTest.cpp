@@ -8,7 +8,7 @@
 #include <string>
 
 #include "Base/JSONHandle.h"
-#include "Tests/Companion/Monitor/EventMaker.h"
+#include "Tests/Companion/Events/EventMaker.h"
 
 namespace ostravel::companion::test {
 namespace {

@@ -5,8 +5,8 @@
 #include <map>
 #include <string>
 
-#include "Companion/Monitor/FlowHistory.h"
-#include "Tests/Companion/Monitor/EventMaker.h"
+#include "Companion/Events/FlowHistory.h"
+#include "Tests/Companion/Events/EventMaker.h"
 
 namespace ostravel::companion::test {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Tests/Companion/Monitor/EventMaker.h"
+#include "Tests/Companion/Events/EventMaker.h"
 #include "Tests/Support/TestSocket.h"
 
 namespace ostravel::companion::test {

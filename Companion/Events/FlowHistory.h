@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/ReceivedEvent.h"
 
 namespace ostravel::companion {
 

@@ -1,4 +1,4 @@
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/ReceivedEvent.h"
 
 #include <jansson.h>
 

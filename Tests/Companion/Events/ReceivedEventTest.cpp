@@ -1,8 +1,8 @@
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/ReceivedEvent.h"
 
 #include <gtest/gtest.h>
 
-#include "Tests/Companion/Monitor/EventSamples.h"
+#include "Tests/Companion/Events/EventSamples.h"
 
 namespace ostravel::companion {
 namespace {

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "Companion/Monitor/ReceivedEvent.h"
+#include "Companion/Events/ReceivedEvent.h"
 
 namespace ostravel::companion::test {
 

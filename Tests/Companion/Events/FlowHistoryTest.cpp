@@ -1,4 +1,4 @@
-#include "Companion/Monitor/FlowHistory.h"
+#include "Companion/Events/FlowHistory.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "Base/UTF8.h"
-#include "Tests/Companion/Monitor/EventMaker.h"
+#include "Tests/Companion/Events/EventMaker.h"
 
 namespace ostravel::companion::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "Companion/Monitor/FlowHistory.h"
+#include "Companion/Events/FlowHistory.h"
 
 #include <algorithm>
 #include <cstdlib>
