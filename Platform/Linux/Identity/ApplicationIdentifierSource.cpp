@@ -63,12 +63,7 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::shared_ptr<Connect
   }
 }
 
-ApplicationIdentifierSource::~ApplicationIdentifierSource() {
-  // Flows that were offered refer to it for longer than the watch is valid.
-  if (proxyPort_) {
-    proxyPort_->watch(std::nullopt);
-  }
-}
+ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
 
 std::unique_ptr<ApplicationIdentifierSource> ApplicationIdentifierSource::forAnotherThread() const {
   return std::unique_ptr<ApplicationIdentifierSource>(
@@ -105,7 +100,6 @@ void ApplicationIdentifierSource::startTracing(std::uint16_t proxyPort,
   }
   if (auto publisher = ConnectPublisher::start(*tracer_, proxyPort, marks)) {
     publisher_ = *std::move(publisher);
-    proxyPort_->watch(publisher_->listener());
   }
 }
 
@@ -152,7 +146,7 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
     }
     const Process& owner = proxy_->owner();
     result.proxy.emplace(ProcessLife(owner.pid, owner.stamp.startTime), proxy_->listenerCookie(),
-                         proxyPort_, proxy_->settledChanges());
+                         proxyPort_);
     result.mayBelongToProxy = mayDialForProxy(sender.process);
   }
   if (sender.process != nullptr) {

@@ -3,13 +3,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <utility>
 
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Platform/Linux/Processes/ProcessLife.h"
-#include "Platform/Linux/Tracing/ListenerWatch.h"
 
 namespace ostravel::linuxplatform {
 
@@ -24,46 +22,33 @@ class ProxyInstance {
     Port(std::unique_ptr<SocketDiagnostics> diagnostics, const SocketEndpoint& address)
         : diagnostics_(std::move(diagnostics)), address_(address) {}
 
-    // From now on isUnchanged() asks this watch; to be withdrawn before it becomes invalid.
-    void watch(std::optional<ListenerWatch> watch);
-
-    // True if no other socket has begun to listen, and the listener's process has not ended, since
-    // the watch had this count; false in doubt. Makes no system call.
-    bool isUnchanged(std::uint64_t count);
-
     // True if this is the socket that receives its connections; false in doubt.
     bool isHeldBy(std::uint64_t listener);
 
    private:
     std::mutex lock_;
-    // Both guarded by lock_.
-    std::optional<ListenerWatch> watch_;
+    // Guarded by lock_.
     const std::unique_ptr<SocketDiagnostics> diagnostics_;
     const SocketEndpoint address_;
   };
 
-  // listener: the socket's cookie, which is never reused. changes: the port's watch had this count
-  // when it was found; empty if there is none.
-  ProxyInstance(const ProcessLife& process, std::uint64_t listener, std::shared_ptr<Port> port,
-                std::optional<std::uint64_t> changes = std::nullopt)
-      : process_(process), listener_(listener), port_(std::move(port)), changes_(changes) {}
+  // listener: the socket's cookie, which is never reused.
+  ProxyInstance(const ProcessLife& process, std::uint64_t listener, std::shared_ptr<Port> port)
+      : process_(process), listener_(listener), port_(std::move(port)) {}
 
   // Nothing listened.
   explicit ProxyInstance(std::shared_ptr<Port> port)
       : ProxyInstance(ProcessLife(0, 0), 0, std::move(port)) {}
 
   // True if every connection to the port since the offer was made to this listening socket.
-  bool isListening() const {
-    return (changes_ && port_->isUnchanged(*changes_)) || port_->isHeldBy(listener_);
-  }
-  // True also if only its process is about to end, or has closed the socket.
-  bool hasEnded() const { return process_.hasEnded() || !port_->isHeldBy(listener_); }
+  bool isListening() const { return port_->isHeldBy(listener_); }
+  // True also if only its process is about to end.
+  bool hasEnded() const { return process_.hasEnded() || !isListening(); }
 
  private:
   ProcessLife process_;
   std::uint64_t listener_;
   std::shared_ptr<Port> port_;
-  std::optional<std::uint64_t> changes_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 
 #include "Platform/Linux/Processes/ProcessTable.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
@@ -58,37 +57,6 @@ TEST_F(ProxyInstanceTest, WhatListensLaterIsNotTheProxy) {
   const ProxyInstance nobody(port_);
   EXPECT_FALSE(nobody.isListening());
   EXPECT_TRUE(nobody.hasEnded());
-}
-
-// The only way to a stranger is another socket that listens, which the watch would have counted.
-TEST_F(ProxyInstanceTest, IsListeningWhileTheWatchCountsNothing) {
-  ConnectTable::State state{};
-  const ListenerWatch watch(&state);
-  port_->watch(watch);
-  const ProxyInstance proxy(ProcessLife(::getpid(), 0), 0, port_, watch.changes());
-  EXPECT_TRUE(proxy.isListening());
-  watch.noteChange();
-  EXPECT_FALSE(proxy.isListening());
-}
-
-TEST_F(ProxyInstanceTest, LooksForItsSocketOnceTheWatchIsGone) {
-  ConnectTable::State state{};
-  port_->watch(ListenerWatch(&state));
-  const ProxyInstance proxy(ProcessLife(::getpid(), 0), 0, port_, 0);
-  EXPECT_TRUE(proxy.isListening());
-  port_->watch(std::nullopt);
-  EXPECT_FALSE(proxy.isListening());
-}
-
-// The watch does not notice that a socket was closed.
-TEST_F(ProxyInstanceTest, HasEndedWithItsSocketAlthoughTheWatchIsQuiet) {
-  ConnectTable::State state{};
-  port_->watch(ListenerWatch(&state));
-  const ProxyInstance proxy(ProcessLife(::getpid(), ProcessTable().stampOf(::getpid())->startTime),
-                            cookieOf(listener_), port_, 0);
-  EXPECT_FALSE(proxy.hasEnded());
-  listener_ = FileDescriptor();
-  EXPECT_TRUE(proxy.hasEnded());
 }
 
 TEST_F(ProxyInstanceTest, HasEndedWithItsProcess) {
