@@ -38,14 +38,13 @@ class StateObserver : public platform::KeyValueObserver {
 
 class FallbackConnectionTest : public RelayTest {
  protected:
-  FallbackConnectionTest() { proxy_.listen(); }
+  FallbackConnectionTest() : port_(std::to_string(proxy_.local().port)) { proxy_.listen(); }
 
   void connect() {
     connection_ = onLoop([this] {
       const ConnectByName byName{"www.example:443", "192.0.2.1:443",
                                  [this] { ++unresolvableCount_; }};
-      const std::string port = std::to_string(proxy_.local().port);
-      return FallbackConnection::connect(loop(), byName, [port] {
+      return FallbackConnection::connect(loop(), byName, [port = port_] {
         return EventLoopGroup::connect({"127.0.0.1", port});
       });
     });
@@ -69,6 +68,7 @@ class FallbackConnectionTest : public RelayTest {
   }
 
   ApplicationSocket proxy_{"127.0.0.1"};
+  const std::string port_;
   std::atomic<int> unresolvableCount_ = 0;
   std::shared_ptr<FallbackConnection> connection_;
 };
@@ -143,6 +143,7 @@ TEST_F(FallbackConnectionTest, PassesOnAnAnswerThatEndsEarly) {
   connect();
   ApplicationSocket server = proxy_.accept();
   EXPECT_FALSE(write(request("www.example:443")));
+  server.receiveThrough(kHeaderEnd);
   server.send("HTTP/1.1");
   server.close();
   EXPECT_EQ(read().bytes, "HTTP/1.1");
@@ -217,6 +218,7 @@ TEST_F(FallbackConnectionTest, ItsObserverSeesOneConnection) {
   auto answer = beginRead();
   first.send(kBadGateway);
   ApplicationSocket second = proxy_.accept();
+  second.receiveThrough(kHeaderEnd);
   second.send(kEstablished);
   EXPECT_EQ(waitFor(std::move(answer)).bytes, kEstablished);
   second.close();
