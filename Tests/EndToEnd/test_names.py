@@ -159,7 +159,7 @@ def test_names_of_one_application_or_user_are_not_for_others(make_names):
     assert names.targets(THERE4, user=OTHER_USER) == with_port(THERE4)
 
 
-def test_a_resolver_of_an_applications_own_choice_names_its_flows_only(make_names):
+def test_an_applications_own_resolver_names_its_flows_only(make_names):
     names = make_names({})
     names.resolve(OTHERS[5], {"www.apple.com": [OTHERS[6]]})
     names.start()
