@@ -11,7 +11,6 @@ namespace ostravel::linuxplatform {
 namespace {
 
 // RFC 1035, section 4.1.1.
-constexpr std::size_t kHeaderSize = 12;
 constexpr std::uint16_t kIsAnswer = 0x8000;
 constexpr std::uint16_t kOpcodeTruncatedAndResult = 0x7A0F;
 constexpr std::uint16_t kOpcode = 0x7800;
