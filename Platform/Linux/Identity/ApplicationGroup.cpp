@@ -207,7 +207,7 @@ ApplicationGroup ApplicationGroup::of(std::string_view controlGroup) {
   auto group = groups.begin();
   const auto skipSlices = [&group, &groups] {
     group = std::find_if_not(group, groups.end(),
-                             [](std::string_view name) { return name.ends_with(kSlice); });
+                             [](std::string_view each) { return each.ends_with(kSlice); });
   };
   skipSlices();
   if (group != groups.end() && group->starts_with("user@")) {
@@ -222,8 +222,8 @@ ApplicationGroup ApplicationGroup::of(std::string_view controlGroup) {
     return {};
   }
   // Container engines without systemd nest the container's group in groups with plain names.
-  const auto isPlain = [](std::string_view name) {
-    return name.find('.') == std::string_view::npos && containerIn(name).empty();
+  const auto isPlain = [](std::string_view each) {
+    return each.find('.') == std::string_view::npos && containerIn(each).empty();
   };
   if (!user) {
     const auto nested = std::find_if_not(group, groups.end(), isPlain);
