@@ -37,6 +37,7 @@
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Platform/Linux/Services/JournalLog.h"
+#include "Platform/Linux/Statistics/FlowJournal.h"
 
 namespace {
 
@@ -205,6 +206,7 @@ int run(int argc, char** argv) {
   // Made when the context that it is given to exists.
   std::weak_ptr<PacketTunnelProvider> watchedProvider;
   linuxplatform::DescriptorBudget descriptors;
+  linuxplatform::FlowJournal journal(platform.clock(), linuxplatform::kMaximumEventLoops);
   linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
@@ -214,6 +216,7 @@ int run(int argc, char** argv) {
       {.loops = loops,
        .descriptors = descriptors,
        .heartbeat = heartbeat,
+       .journal = journal,
        .onAlive =
            [&status, &watchedProvider] {
              const auto provider = watchedProvider.lock();

@@ -72,12 +72,29 @@ std::shared_ptr<HostNameObserver> observeNames(NameUse use,
   return *std::move(observer);
 }
 
+std::string textOf(const SocketEndpoint& endpoint) {
+  const std::string address = endpoint.addressText();
+  const std::string port = ":" + std::to_string(endpoint.port);
+  return endpoint.family == AddressFamily::ipv6 ? "[" + address + "]" + port : address + port;
+}
+
+FlowRecord::Origin originOf(const FlowTuple& tuple, const Identification& identification,
+                            FlowRecord::Clock::time_point begin) {
+  return {.isUDP = tuple.protocol == TransportProtocol::udp,
+          .application = identification.identifier,
+          .destination = textOf(tuple.destination),
+          .user = identification.user,
+          .process = identification.process,
+          .begin = begin};
+}
+
 }  // namespace
 
 struct Interceptor::Parts {
   std::shared_ptr<platform::Log> log;
   EventLoopGroup& loops;
   DescriptorBudget& descriptors;
+  FlowJournal& journal;
   FlowHandler handler;
   std::function<void(const std::string&)> onProxyWatched;
   std::unique_ptr<ApplicationIdentifierSource> identifiers;
@@ -130,7 +147,7 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   auto aliveKeeper =
       std::make_unique<AliveKeeper>(*std::move(table), install, log, environment.onAlive);
   return std::unique_ptr<Interceptor>(new Interceptor(
-      {std::move(log), loops, environment.descriptors, std::move(handler),
+      {std::move(log), loops, environment.descriptors, environment.journal, std::move(handler),
        environment.onProxyWatched, std::move(identifiers), environment.names, std::move(names),
        std::move(openQueue), environment.resender, std::move(arrivals), std::move(redirects),
        std::move(aliveKeeper), environment.heartbeat}));
@@ -141,6 +158,7 @@ Interceptor::Interceptor(Parts parts)
       loops_(parts.loops),
       loop_(loops_.loop(0)),
       descriptors_(parts.descriptors),
+      journal_(parts.journal),
       handler_(std::move(parts.handler)),
       onProxyWatched_(std::move(parts.onProxyWatched)),
       identifiers_(std::move(parts.identifiers)),
@@ -257,6 +275,7 @@ void Interceptor::maintain() {
     receive();
   }
   leftFlows_.report(now);
+  journal_.maintain();
   if (const auto news = identifiers_->watchProxy()) {
     log_->info("OstravelProxy: %{public}s", {*news});
   }
@@ -276,12 +295,12 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   // Cheap tests first, so that a flood is not identified packet by packet.
   auto share = shares_.of(packet.uid);
   if (const auto reason = reasonToLeave(tuple, packet, *share, now)) {
-    leaveToSystem(packet, *first, *reason);
+    leaveToSystem(packet, *first, *reason, now);
     return;
   }
   auto identification = identifiers_->identify(*first, packet.outputInterface);
   if (const auto reason = reasonToLeave(tuple, identification)) {
-    leaveToSystem(packet, *first, *reason);
+    leaveToSystem(packet, *first, *reason, now);
     return;
   }
   heldFlows_.add({packet.id, tuple.destination, identification.process, share}, now);
@@ -294,9 +313,12 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   auto heldPacket = std::make_unique<QueuedPacket>(queue_, loops_.marks(), packet, share,
                                                    isTCP ? identification.proxy : std::nullopt,
                                                    isTCP ? resender_ : nullptr);
-  const auto flow =
-      makeFlow(tuple, std::move(identification), std::move(heldPacket), std::move(share));
+  EventLoop& loop = isTCP ? loops_.loop(nextLoop_++ % loops_.size()) : loop_;
+  auto record = journal_.open(originOf(tuple, identification, now), loop.index());
+  const auto flow = makeFlow(tuple, std::move(identification), std::move(heldPacket),
+                             std::move(share), record, loop);
   const bool isTaken = handler_(flow);
+  journal_.publish(std::move(record));
   // A flow that the handler does not take releases its packet when destroyed at the end of this
   // scope. A UDP flow is taken in order to be refused, and so is each further datagram of it. A TCP
   // flow that was not taken must not be offered again.
@@ -306,9 +328,14 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
 }
 
 void Interceptor::leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
-                                LeaveReason reason) {
+                                LeaveReason reason, FlowRecord::Clock::time_point begin) {
   queue_->accept(packet.id);
   leftFlows_.add(reason, packet.uid);
+  if (journal_.countLeft(linuxplatform::nameOf(reason), begin)) {
+    Identification sender;
+    sender.user = packet.uid;
+    journal_.publishLeft(originOf(first.tuple, sender, begin), linuxplatform::nameOf(reason));
+  }
   // A datagram is not part of a connection, so the next one may be judged differently.
   if (first.tuple.protocol == TransportProtocol::tcp) {
     recentFlows_.remember(first, std::chrono::steady_clock::now());
@@ -365,21 +392,19 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   return std::nullopt;
 }
 
-std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(const FlowTuple& tuple,
-                                                              Identification identification,
-                                                              std::unique_ptr<HeldPacket> packet,
-                                                              std::shared_ptr<UserShare> share) {
+std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(
+    const FlowTuple& tuple, Identification identification, std::unique_ptr<HeldPacket> packet,
+    std::shared_ptr<UserShare> share, std::shared_ptr<FlowRecord> record, EventLoop& loop) {
   if (tuple.protocol == TransportProtocol::udp) {
     return std::make_shared<LinuxUDPFlow>(tuple, std::move(identification.identifier),
-                                          std::move(packet));
+                                          std::move(packet), std::move(record));
   }
   auto name = nameOf(identification, tuple.destination);
   platform::HostEndpoint remote{tuple.destination.addressText(),
                                 std::to_string(tuple.destination.port)};
-  EventLoop& loop = loops_.loop(nextLoop_++ % loops_.size());
   return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(identification.identifier),
                                         std::move(remote), std::move(packet), std::move(share),
-                                        std::move(name));
+                                        std::move(name), std::move(record));
 }
 
 std::optional<FlowName> Interceptor::nameOf(const Identification& sender,

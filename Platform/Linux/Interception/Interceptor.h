@@ -33,6 +33,7 @@
 #include "Platform/Linux/Relay/LoopSocket.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Platform/Linux/Services/UserShares.h"
+#include "Platform/Linux/Statistics/FlowJournal.h"
 
 namespace ostravel::linuxplatform {
 
@@ -56,6 +57,8 @@ class Interceptor {
     DescriptorBudget& descriptors;
     // Its beats keep the rules alive, and packets are not held for longer than it allows.
     Heartbeat& heartbeat;
+    // Records what is decided, on the first event loop.
+    FlowJournal& journal;
     // Called about four times a second while the rules are in effect; may be empty.
     std::function<void()> onAlive;
     // Users, besides root and system users, whose local proxy may carry everybody's flows.
@@ -99,17 +102,16 @@ class Interceptor {
   void decide(const PacketQueue::Packet& packet);
   // Accepts the packet and its retransmissions by TCP.
   void leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
-                     LeaveReason reason);
+                     LeaveReason reason, FlowRecord::Clock::time_point begin);
   // Empty if the flow may be offered, judging only by what is known before identification.
   std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
                                            const PacketQueue::Packet& packet, UserShare& share,
                                            UserShare::Clock::time_point now) const;
   std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
                                            const Identification& identification) const;
-  std::shared_ptr<platform::AppProxyFlow> makeFlow(const FlowTuple& tuple,
-                                                   Identification identification,
-                                                   std::unique_ptr<HeldPacket> packet,
-                                                   std::shared_ptr<UserShare> share);
+  std::shared_ptr<platform::AppProxyFlow> makeFlow(
+      const FlowTuple& tuple, Identification identification, std::unique_ptr<HeldPacket> packet,
+      std::shared_ptr<UserShare> share, std::shared_ptr<FlowRecord> record, EventLoop& loop);
   std::optional<FlowName> nameOf(const Identification& sender, const SocketEndpoint& destination);
   bool hasListenerFor(AddressFamily family) const;
   void acceptEverything();
@@ -119,6 +121,7 @@ class Interceptor {
   // The one on which everything below is used, except where it says otherwise.
   EventLoop& loop_;
   DescriptorBudget& descriptors_;
+  FlowJournal& journal_;
   const FlowHandler handler_;
   const std::function<void(const std::string&)> onProxyWatched_;
   const std::unique_ptr<ApplicationIdentifierSource> identifiers_;

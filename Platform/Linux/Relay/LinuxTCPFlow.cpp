@@ -16,13 +16,22 @@ using Direction = StreamSocket::Direction;
 
 LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
                            platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
-                           std::shared_ptr<UserShare> user, std::optional<FlowName> name)
+                           std::shared_ptr<UserShare> user, std::optional<FlowName> name,
+                           std::shared_ptr<FlowRecord> record)
     : tuple_(tuple),
       identifier_(std::move(identifier)),
       remote_(std::move(remote)),
       name_(std::move(name)),
       packet_(std::move(packet)),
-      stream_(loop, *this, std::move(user)) {}
+      record_(std::move(record)),
+      stream_(loop, *this, std::move(user), record_.get()) {}
+
+LinuxTCPFlow::~LinuxTCPFlow() {
+  if (record_) {
+    // Unless its end has been reported.
+    record_->ended(platform::FlowEnd::abandoned, "");
+  }
+}
 
 // Runs work(*this) at once when called on the loop, and posts it there from any other thread.
 template <typename Work>

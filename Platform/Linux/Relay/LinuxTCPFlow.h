@@ -12,6 +12,7 @@
 #include "Platform/Linux/Relay/FlowName.h"
 #include "Platform/Linux/Relay/HeldPacket.h"
 #include "Platform/Linux/Relay/StreamSocket.h"
+#include "Platform/Linux/Statistics/FlowRecord.h"
 
 namespace ostravel::linuxplatform {
 
@@ -34,12 +35,16 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
  public:
   // identifier: valid UTF-8, empty if unknown. remote: the destination as a literal. user is
   // charged for the tunnel's resources; null if unknown. name: of the destination, if it has one.
+  // record: null if none is kept.
   LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
                platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
                std::shared_ptr<UserShare> user = nullptr,
-               std::optional<FlowName> name = std::nullopt);
+               std::optional<FlowName> name = std::nullopt,
+               std::shared_ptr<FlowRecord> record = nullptr);
+  ~LinuxTCPFlow() override;
 
   std::string sourceAppSigningIdentifier() const override { return identifier_; }
+  platform::FlowObserver* observer() override { return record_.get(); }
   // By name, if it has one; from open() on only if the proxy is to be asked for it.
   std::optional<platform::HostEndpoint> remoteEndpoint() const override;
 
@@ -79,6 +84,7 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   // Changed by open() only.
   std::optional<FlowName> name_;
   std::unique_ptr<HeldPacket> packet_;
+  const std::shared_ptr<FlowRecord> record_;
   StreamSocket stream_;
 };
 

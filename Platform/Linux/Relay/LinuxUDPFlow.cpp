@@ -13,8 +13,11 @@ constexpr std::uint8_t kBothDirections = kReadDirection | kWriteDirection;
 }  // namespace
 
 LinuxUDPFlow::LinuxUDPFlow(const FlowTuple& tuple, std::string identifier,
-                           std::unique_ptr<HeldPacket> packet)
-    : source_(tuple.source), identifier_(std::move(identifier)), packet_(std::move(packet)) {}
+                           std::unique_ptr<HeldPacket> packet, std::shared_ptr<FlowRecord> record)
+    : source_(tuple.source),
+      identifier_(std::move(identifier)),
+      packet_(std::move(packet)),
+      record_(std::move(record)) {}
 
 std::optional<platform::HostEndpoint> LinuxUDPFlow::localEndpoint() const {
   return platform::HostEndpoint{source_.addressText(), std::to_string(source_.port)};

@@ -9,6 +9,7 @@
 #include "Platform/Interface/AppProxyUDPFlow.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Relay/HeldPacket.h"
+#include "Platform/Linux/Statistics/FlowRecord.h"
 
 namespace ostravel::linuxplatform {
 
@@ -17,11 +18,13 @@ namespace ostravel::linuxplatform {
 // thread.
 class LinuxUDPFlow final : public platform::AppProxyUDPFlow {
  public:
-  // identifier: valid UTF-8, empty if unknown.
-  LinuxUDPFlow(const FlowTuple& tuple, std::string identifier, std::unique_ptr<HeldPacket> packet);
+  // identifier: valid UTF-8, empty if unknown. record: null if none is kept.
+  LinuxUDPFlow(const FlowTuple& tuple, std::string identifier, std::unique_ptr<HeldPacket> packet,
+               std::shared_ptr<FlowRecord> record = nullptr);
 
   std::string sourceAppSigningIdentifier() const override { return identifier_; }
   std::optional<platform::HostEndpoint> localEndpoint() const override;
+  platform::FlowObserver* observer() override { return record_.get(); }
 
   void closeRead(platform::OptionalError error) override;
   void closeWrite(platform::OptionalError error) override;
@@ -32,6 +35,7 @@ class LinuxUDPFlow final : public platform::AppProxyUDPFlow {
   const SocketEndpoint source_;
   const std::string identifier_;
   const std::unique_ptr<HeldPacket> packet_;
+  const std::shared_ptr<FlowRecord> record_;
   std::atomic<std::uint8_t> closed_ = 0;
 };
 

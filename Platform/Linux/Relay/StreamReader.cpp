@@ -112,6 +112,7 @@ void StreamReader::receiveIntoMemory() {
 
 void StreamReader::countMemoryChunk(std::size_t count) {
   stream_.loop.counters().copiedBytes += count;
+  stream_.countRead(count);
   stream_.spendOfTurn(count);
   if (count < limits::kBufferSize) {
     fullReads_ = 0;
@@ -138,6 +139,7 @@ bool StreamReader::receiveIntoPipe() {
   }
   const auto count = static_cast<std::size_t>(received);
   stream_.loop.counters().splicedBytes += count;
+  stream_.countRead(count);
   stream_.spendOfTurn(count);
   if (count > limits::kSmallChunk) {
     smallChunks_ = 0;

@@ -9,10 +9,12 @@
 
 namespace ostravel::linuxplatform {
 
-StreamSocket::StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserShare> user)
+StreamSocket::StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserShare> user,
+                           FlowRecord* record)
     : state_{.loop = loop,
              .owner = owner,
              .user = std::move(user),
+             .record = record,
              .socket = {},
              .failure = nullptr,
              .socketError = 0} {}

@@ -34,8 +34,10 @@ class StreamSocket {
 
   using Owner = StreamState::Owner;
 
-  // user: charged for the stream's resources; null if unknown.
-  StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserShare> user);
+  // user: charged for the stream's resources; null if unknown. record: counts the stream's bytes;
+  // outlives it; may be null.
+  StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserShare> user,
+               FlowRecord* record = nullptr);
   StreamSocket(const StreamSocket&) = delete;
   StreamSocket& operator=(const StreamSocket&) = delete;
   ~StreamSocket();

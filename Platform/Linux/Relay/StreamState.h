@@ -6,6 +6,7 @@
 #include "Platform/Interface/Error.h"
 #include "Platform/Linux/Relay/EventLoop.h"
 #include "Platform/Linux/Relay/LoopSocket.h"
+#include "Platform/Linux/Statistics/FlowRecord.h"
 
 namespace ostravel::linuxplatform {
 
@@ -49,6 +50,18 @@ struct StreamState {
   }
   void spendOfTurn(std::size_t bytes) { loop.turns().spend(user.get(), bytes); }
 
+  // Counts bytes of an application, in the order of its data.
+  void countRead(std::size_t bytes) const {
+    if (record != nullptr) {
+      record->sent(bytes);
+    }
+  }
+  void countWritten(std::size_t bytes) const {
+    if (record != nullptr) {
+      record->received(bytes);
+    }
+  }
+
   // Keeps the first error of the socket; later calls on it would report an end of stream instead.
   void noteFailure(int error) {
     if (socketError == 0) {
@@ -61,6 +74,8 @@ struct StreamState {
   Owner& owner;
   // Charged for the stream's resources; null if unknown.
   const std::shared_ptr<UserShare> user;
+  // The flow's, if the socket is an application's and the flow is recorded; owned by the flow.
+  FlowRecord* const record;
   LoopSocket socket;
   // The error that ended the stream as a whole.
   std::unique_ptr<platform::Error> failure;

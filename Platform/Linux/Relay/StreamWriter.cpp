@@ -84,6 +84,7 @@ int StreamWriter::sendChunk() {
     if (count > 0) {
       sent_ += static_cast<std::size_t>(count);
       stream_.spendOfTurn(static_cast<std::size_t>(count));
+      stream_.countWritten(static_cast<std::size_t>(count));
     } else if (count == 0) {
       // Neither call returns 0 for data that is there. Retrying could continue forever.
       return EIO;

@@ -39,12 +39,14 @@ class LinuxProviderContextTest : public ::testing::Test {
   LinuxPlatform platform_{{}};
   DescriptorBudget descriptors_{10'000};
   EventLoopGroup loops_{descriptors_, 1};
+  FlowJournal journal_{platform_.clock(), loops_.size()};
   HeartbeatRecord record_;
   Heartbeat heartbeat_{record_};
   LinuxProviderContext context_{platform_,
                                 {.loops = loops_,
                                  .descriptors = descriptors_,
                                  .heartbeat = heartbeat_,
+                                 .journal = journal_,
                                  .onAlive = nullptr,
                                  .proxyUsers = {}},
                                 platform::ProviderConfiguration{{"key", std::string("value")}}};

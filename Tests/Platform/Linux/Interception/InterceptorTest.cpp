@@ -17,6 +17,8 @@
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Interception/FlowAdmission.h"
+#include "Platform/Linux/Statistics/FlowJournal.h"
+#include "Platform/Shared/POSIXClock.h"
 #include "Tests/Platform/Linux/Support/KeptLog.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 #include "Tests/Support/CommandOutput.h"
@@ -48,6 +50,7 @@ class InterceptorTest : public ::testing::Test {
         {.loops = loops_,
          .descriptors = descriptors_,
          .heartbeat = heartbeat_,
+         .journal = journal_,
          .onAlive = [this] { ++beats_; },
          .proxyUsers = {}},
         [this, doesTake](std::shared_ptr<platform::AppProxyFlow> flow) {
@@ -87,6 +90,8 @@ class InterceptorTest : public ::testing::Test {
 
   const std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
   DescriptorBudget descriptors_{10'000};
+  platform::POSIXClock clock_;
+  FlowJournal journal_{clock_, 1};
   EventLoopGroup loops_{descriptors_, 1};
   HeartbeatRecord record_;
   Heartbeat heartbeat_{record_};
@@ -149,6 +154,27 @@ TEST_F(InterceptorTest, ADeclinedFlowReachesItsDestinationUnchanged) {
   const ConnectingApplication application("127.0.0.1", kPort);
   EXPECT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
+}
+
+TEST_F(InterceptorTest, RecordsWhatItOffersAndWhatItLeaves) {
+  start(false);
+  TestListener origin("127.0.0.1", kPort);
+  const ConnectingApplication application("127.0.0.1", kPort);
+  EXPECT_EQ(application.connectResult(kGenerous), 0);
+  ASSERT_TRUE(eventually([this] { return journal_.totals().examined > 0; }));
+  const auto flow = journal_.decisions(std::nullopt, std::nullopt, 1).flows.at(0);
+  EXPECT_EQ(flow.destination, "127.0.0.1:" + std::to_string(kPort));
+  EXPECT_EQ(flow.application, std::filesystem::read_symlink("/proc/self/exe").string());
+  EXPECT_EQ(flow.process, ::getpid());
+  EXPECT_EQ(flow.user, ::getuid());
+  EXPECT_EQ(journal_.totals().verdicts.count(), 1U);
+
+  loops_.redirectPath().setUsable(AddressFamily::ipv4, false);
+  const ConnectingApplication second("127.0.0.1", kPort);
+  EXPECT_EQ(second.connectResult(kGenerous), 0);
+  ASSERT_TRUE(eventually([this] { return journal_.totals().examined > 1; }));
+  const auto left = journal_.decisions(std::nullopt, std::nullopt, 1).flows.at(0);
+  EXPECT_EQ(left.reason, "redirect_path");
 }
 
 TEST_F(InterceptorTest, ATakenFlowIsHeldUntilItIsDecided) {

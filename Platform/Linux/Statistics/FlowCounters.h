@@ -1,0 +1,31 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "Platform/Interface/FlowObserver.h"
+#include "Platform/Linux/Statistics/DurationHistogram.h"
+
+namespace ostravel::linuxplatform {
+
+inline constexpr std::size_t kFlowEnds = static_cast<std::size_t>(platform::FlowEnd::abandoned) + 1;
+
+// What became of the flows of one event loop. Nearly always changed by that loop's thread alone, so
+// that no cache line is shared; readable from any thread.
+struct alignas(64) FlowCounters {
+  // Handshakes in progress, and tunnels that are open.
+  std::atomic<std::int64_t> pending = 0;
+  std::atomic<std::int64_t> open = 0;
+  // Successful handshakes, and the ends of all taken flows.
+  std::atomic<std::uint64_t> established = 0;
+  std::array<std::atomic<std::uint64_t>, kFlowEnds> ends{};
+  // Bytes that applications have sent, and that they have received.
+  std::atomic<std::uint64_t> bytesSent = 0;
+  std::atomic<std::uint64_t> bytesReceived = 0;
+  // From the request to the complete answer.
+  DurationHistogram handshakes;
+};
+
+}  // namespace ostravel::linuxplatform

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Platform/Linux/Statistics/FlowRecord.h"
+
+namespace ostravel::linuxplatform {
+
+// The flows that were taken and have not ended. Part of the journal, which says who may call what:
+// one thread adds and sweeps, another one reads, without a lock.
+class LiveFlows {
+ public:
+  // As many tunnels as the largest reasonable descriptor limit permits; further ones are counted
+  // but not listed.
+  static constexpr std::size_t kSlotsPerChunk = 256;
+  static constexpr std::size_t kMaximumChunks = 1024;
+
+  LiveFlows() = default;
+  LiveFlows(const LiveFlows&) = delete;
+  LiveFlows& operator=(const LiveFlows&) = delete;
+  ~LiveFlows();
+
+  // By the writer.
+  void add(std::shared_ptr<FlowRecord> record);
+  // Looks at this many places, going round, and returns the flows that have ended, which the reader
+  // may still see.
+  void sweep(std::size_t places, std::vector<std::shared_ptr<FlowRecord>>& ended);
+
+  // By the reader: all of them, in no order.
+  std::vector<const FlowRecord*> all() const;
+
+ private:
+  struct Chunk {
+    std::array<std::atomic<FlowRecord*>, kSlotsPerChunk> visible{};
+    // The writer's.
+    std::array<std::shared_ptr<FlowRecord>, kSlotsPerChunk> owned;
+  };
+
+  std::array<std::atomic<Chunk*>, kMaximumChunks> chunks_{};
+  std::atomic<std::size_t> chunkCount_ = 0;
+  // The writer's.
+  std::vector<std::size_t> free_;
+  std::size_t next_ = 0;
+};
+
+}  // namespace ostravel::linuxplatform

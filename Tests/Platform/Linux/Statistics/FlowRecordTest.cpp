@@ -1,0 +1,142 @@
+#include "Platform/Linux/Statistics/FlowRecord.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using platform::FlowEnd;
+using platform::FlowRule;
+using Action = FlowRecord::Action;
+
+const std::string kIdentifier = "D7A6D6B1-53C9-4E54-8E4C-7D0D53E0F2F4";
+
+class FlowRecordTest : public ::testing::Test {
+ protected:
+  std::uint64_t endsOf(FlowEnd end) const {
+    return counters_.ends[static_cast<std::size_t>(end)].load();
+  }
+
+  FlowCounters counters_;
+  FlowRecord record_{{.application = "/usr/bin/curl",
+                      .destination = "192.0.2.1:443",
+                      .user = 1000,
+                      .process = 4711,
+                      .begin = FlowRecord::Clock::now()},
+                     1763271815.5,
+                     counters_};
+};
+
+TEST_F(FlowRecordTest, HasWhatItWasMadeWith) {
+  record_.publish(17);
+  const auto view = record_.view();
+  EXPECT_EQ(view.sequence, 17U);
+  EXPECT_EQ(view.time, 1763271815.5);
+  EXPECT_EQ(view.application, "/usr/bin/curl");
+  EXPECT_EQ(view.destination, "192.0.2.1:443");
+  EXPECT_EQ(view.user, 1000U);
+  EXPECT_EQ(view.process, 4711);
+  EXPECT_EQ(view.flowID, "");
+}
+
+TEST_F(FlowRecordTest, IsDirectWithoutADecision) {
+  const auto view = record_.view();
+  EXPECT_EQ(view.action, Action::direct);
+  EXPECT_EQ(view.reason, "no_handler");
+  EXPECT_EQ(view.outcome, "direct");
+  EXPECT_FALSE(view.isOpen);
+}
+
+TEST_F(FlowRecordTest, CountsATunnelThroughItsLife) {
+  record_.decided(FlowRule::proxied);
+  EXPECT_EQ(record_.view().outcome, "pending");
+  EXPECT_EQ(counters_.pending, 1);
+
+  record_.identified(kIdentifier);
+  record_.handshakeStarted();
+  record_.handshakeSucceeded();
+  EXPECT_EQ(record_.view().outcome, "established");
+  EXPECT_EQ(record_.view().flowID, kIdentifier);
+  EXPECT_EQ(counters_.pending, 0);
+  EXPECT_EQ(counters_.open, 1);
+  EXPECT_EQ(counters_.handshakes.snapshot().count(), 1U);
+
+  record_.sent(10);
+  record_.received(20);
+  record_.received(1);
+  record_.ended(FlowEnd::closed, "eof");
+  const auto view = record_.view();
+  EXPECT_EQ(view.outcome, "closed");
+  EXPECT_EQ(view.detail, "eof");
+  EXPECT_EQ(view.bytesSent, 10U);
+  EXPECT_EQ(view.bytesReceived, 21U);
+  EXPECT_LE(*view.connected, *view.established);
+  EXPECT_LE(*view.established, *view.ended);
+  EXPECT_FALSE(view.isOpen);
+  EXPECT_EQ(counters_.open, 0);
+  EXPECT_EQ(endsOf(FlowEnd::closed), 1U);
+}
+
+TEST_F(FlowRecordTest, OnlyTheFirstEndCounts) {
+  record_.decided(FlowRule::proxied);
+  record_.ended(FlowEnd::timedOut, "too late");
+  record_.ended(FlowEnd::connectionFailed, "closed");
+  record_.handshakeSucceeded();
+  EXPECT_EQ(record_.view().outcome, "timed_out");
+  EXPECT_EQ(record_.view().detail, "too late");
+  EXPECT_EQ(counters_.pending, 0);
+  EXPECT_EQ(counters_.open, 0);
+  EXPECT_EQ(endsOf(FlowEnd::connectionFailed), 0U);
+}
+
+TEST_F(FlowRecordTest, TheEndOfAFlowThatWasNotTakenIsNotCounted) {
+  record_.decided(FlowRule::gateClosed);
+  record_.ended(FlowEnd::abandoned, "");
+  EXPECT_EQ(record_.view().outcome, "direct");
+  EXPECT_EQ(record_.view().reason, "gate_closed");
+  EXPECT_EQ(counters_.pending, 0);
+  EXPECT_EQ(endsOf(FlowEnd::abandoned), 0U);
+}
+
+TEST_F(FlowRecordTest, EveryRuleHasAnActionAndAWord) {
+  EXPECT_EQ(actionOf(FlowRule::proxied), Action::proxied);
+  EXPECT_EQ(actionOf(FlowRule::refusedUDP), Action::refused);
+  for (const auto rule : {FlowRule::exemptApplication, FlowRule::exemptHost,
+                          FlowRule::realtimeMedia, FlowRule::gateClosed, FlowRule::localProxy}) {
+    EXPECT_EQ(actionOf(rule), Action::direct);
+    EXPECT_NE(nameOf(rule), "unknown");
+  }
+}
+
+TEST_F(FlowRecordTest, CutsLongTexts) {
+  FlowRecord record({.application = std::string(5000, 'a'), .destination = std::string(5000, 'd')},
+                    0, counters_);
+  record.decided(FlowRule::proxied);
+  record.ended(FlowEnd::rejected, std::string(5000, 's'));
+  const auto view = record.view();
+  EXPECT_EQ(view.application.size(), FlowRecord::kLongestText);
+  EXPECT_EQ(view.destination.size(), FlowRecord::kLongestText);
+  EXPECT_EQ(view.detail.size(), FlowRecord::kLongestDetail);
+}
+
+TEST_F(FlowRecordTest, TakesNoIdentifierOfAnotherForm) {
+  record_.identified("FLOW");
+  EXPECT_EQ(record_.view().flowID, "");
+}
+
+TEST_F(FlowRecordTest, TakesTheLastStepForItsLastChange) {
+  record_.decided(FlowRule::proxied);
+  record_.publish(1);
+  const double before = record_.lastChange();
+  record_.handshakeStarted();
+  record_.handshakeSucceeded();
+  record_.ended(FlowEnd::closed, "eof");
+  EXPECT_GE(record_.lastChange(), before);
+  EXPECT_GE(before, 1763271815.5);
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform
