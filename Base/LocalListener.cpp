@@ -1,4 +1,4 @@
-#include "Companion/Monitor/EventSocket.h"
+#include "Base/LocalListener.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -13,9 +13,9 @@
 #include <system_error>
 #include <utility>
 
-#include "Companion/Monitor/SocketLock.h"
+#include "Base/SocketLock.h"
 
-namespace ostravel::companion {
+namespace ostravel {
 namespace {
 
 [[noreturn]] void fail(const std::string& reason) {
@@ -78,7 +78,7 @@ std::optional<struct stat> statusOf(const std::string& path) {
 
 }  // namespace
 
-EventSocket::EventSocket(std::string path, SocketAccess access) : path_(std::move(path)) {
+LocalListener::LocalListener(std::string path, SocketAccess access) : path_(std::move(path)) {
   if (path_.empty()) {
     fail("the path is empty");
   }
@@ -94,11 +94,11 @@ EventSocket::EventSocket(std::string path, SocketAccess access) : path_(std::mov
   bindAndListen(access);
 }
 
-EventSocket::~EventSocket() {
+LocalListener::~LocalListener() {
   removeName();
 }
 
-void EventSocket::removeStaleSocket() const {
+void LocalListener::removeStaleSocket() const {
   const std::optional<struct stat> found = statusOf(path_);
   if (!found) {
     return;
@@ -115,7 +115,7 @@ void EventSocket::removeStaleSocket() const {
   ::unlink(path_.c_str());
 }
 
-void EventSocket::bindAndListen(const SocketAccess& access) {
+void LocalListener::bindAndListen(const SocketAccess& access) {
   const sockaddr_un address = addressOf(path_);
   descriptor_ = openSocket(SOCK_STREAM);
   // The name inherits the mode of its socket, so no other user has access at any time.
@@ -141,14 +141,15 @@ void EventSocket::bindAndListen(const SocketAccess& access) {
   }
 }
 
-void EventSocket::setAccess(const SocketAccess& access) const {
+void LocalListener::setAccess(const SocketAccess& access) const {
   // Through a descriptor: the path could lead elsewhere by now, and chmod would follow it.
   const FileDescriptor name(::open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (!name.isOpen() || ::fstat(name.get(), &status) != 0 || !isOurName(status)) {
     fail("it was replaced");
   }
-  if (access.group &&
+  // Changing it to what it is takes a permission too.
+  if (access.group && *access.group != status.st_gid &&
       ::fchownat(name.get(), "", static_cast<uid_t>(-1), *access.group, AT_EMPTY_PATH) != 0) {
     fail("its group cannot be set: " + errorText(errno));
   }
@@ -159,11 +160,11 @@ void EventSocket::setAccess(const SocketAccess& access) const {
   }
 }
 
-bool EventSocket::isOurName(const struct stat& status) const {
+bool LocalListener::isOurName(const struct stat& status) const {
   return status.st_dev == device_ && status.st_ino == inode_;
 }
 
-void EventSocket::removeName() const {
+void LocalListener::removeName() const {
   // Compared while the socket is open: it keeps its inode from being given to another file.
   struct stat status {};
   if (::lstat(path_.c_str(), &status) == 0 && isOurName(status)) {
@@ -171,4 +172,4 @@ void EventSocket::removeName() const {
   }
 }
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

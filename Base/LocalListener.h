@@ -7,24 +7,24 @@
 #include <string>
 
 #include "Base/FileDescriptor.h"
-#include "Companion/Monitor/SocketAccess.h"
+#include "Base/SocketAccess.h"
 
-namespace ostravel::companion {
+namespace ostravel {
 
-// The listening socket of the monitor and its name in the file system. Owned by main. Its
+// A listening local socket and its name in the file system. Owned by the process entry. Its
 // destructor removes the name if it is still this socket's.
-class EventSocket {
+class LocalListener {
  public:
   // What `sun_path` holds on every system, without its terminating zero (unix(7)).
   static constexpr std::size_t kLongestPath = 103;
 
   // Listens on `path`. Replaces only a socket of ours that no process has open any more, which it
   // finds out without connecting to it. Throws std::runtime_error with a readable reason.
-  explicit EventSocket(std::string path, SocketAccess access = {});
-  ~EventSocket();
+  explicit LocalListener(std::string path, SocketAccess access = {});
+  ~LocalListener();
 
-  EventSocket(const EventSocket&) = delete;
-  EventSocket& operator=(const EventSocket&) = delete;
+  LocalListener(const LocalListener&) = delete;
+  LocalListener& operator=(const LocalListener&) = delete;
 
   int descriptor() const { return descriptor_.get(); }
 
@@ -41,4 +41,4 @@ class EventSocket {
   ino_t inode_ = 0;
 };
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

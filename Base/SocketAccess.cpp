@@ -1,11 +1,11 @@
-#include "Companion/Monitor/SocketAccess.h"
+#include "Base/SocketAccess.h"
 
 #include <grp.h>
 #include <sys/stat.h>
 
 #include "Base/ParseNumber.h"
 
-namespace ostravel::companion {
+namespace ostravel {
 std::optional<gid_t> groupNamed(const std::string& name) {
   if (const group* const found = ::getgrnam(name.c_str())) {
     return found->gr_gid;
@@ -41,4 +41,4 @@ std::optional<SocketAccess> socketAccess(const std::string& group, const std::st
   return access;
 }
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
-namespace ostravel::companion {
+namespace ostravel {
 
-// Who may connect to the monitor's socket: those whom the mode permits to write (unix(7)).
+// Who may connect to a local socket: those whom the mode permits to write (unix(7)).
 struct SocketAccess {
   std::optional<gid_t> group;  // none: the group of the process
   mode_t mode = 0600;
@@ -24,4 +24,4 @@ std::optional<mode_t> parseMode(const std::string& text);
 // `mode` is none.
 std::optional<SocketAccess> socketAccess(const std::string& group, const std::string& mode);
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -1,4 +1,4 @@
-#include "Companion/Monitor/SocketLock.h"
+#include "Base/SocketLock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace ostravel::companion {
+namespace ostravel {
 namespace {
 
 [[noreturn]] void fail(const std::string& reason) {
@@ -29,11 +29,11 @@ SocketLock::SocketLock(const std::string& socketPath) : path_(socketPath + ".loc
 }
 
 SocketLock::~SocketLock() {
-  // Before it is unlocked: a monitor that has opened it in the meantime then sees its removal.
+  // Before it is unlocked: a program that has opened it in the meantime then sees its removal.
   ::unlink(path_.c_str());
 }
 
-// False when another monitor has removed the file before it was locked here.
+// False when another program has removed the file before it was locked here.
 bool SocketLock::tryToLock() {
   constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   descriptor_ = FileDescriptor(::open(path_.c_str(), kFlags, 0600));
@@ -45,11 +45,11 @@ bool SocketLock::tryToLock() {
     fail("there is something else at " + path_);
   }
   if (::flock(descriptor_.get(), LOCK_EX | LOCK_NB) != 0) {
-    fail("another monitor is being started there");
+    fail("another program is being started there");
   }
   struct stat named {};
   return ::lstat(path_.c_str(), &named) == 0 && named.st_dev == opened.st_dev &&
          named.st_ino == opened.st_ino;
 }
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -4,11 +4,11 @@
 
 #include "Base/FileDescriptor.h"
 
-namespace ostravel::companion {
+namespace ostravel {
 
-// Keeps other monitors of the same user from setting up a socket at the same path at the same time:
+// Keeps other programs of the same user from setting up a socket at the same path at the same time:
 // a file beside the socket, locked with flock(2) and removed with this object. A file left by a
-// monitor that was killed is no longer locked, and is taken over.
+// program that was killed is no longer locked, and is taken over.
 class SocketLock {
  public:
   // Does not wait. Throws std::runtime_error with a readable reason.
@@ -24,4 +24,4 @@ class SocketLock {
   FileDescriptor descriptor_;
 };
 
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -17,13 +17,13 @@
 #include <variant>
 
 #include "Base/DescriptorLimit.h"
+#include "Base/LocalListener.h"
 #include "Base/PrintableText.h"
 #include "Companion/Fleet/FleetCommandLine.h"
 #include "Companion/Fleet/FleetPublisher.h"
 #include "Companion/Fleet/FleetSubscriber.h"
 #include "Companion/Monitor/EventPrinter.h"
 #include "Companion/Monitor/EventReceiver.h"
-#include "Companion/Monitor/EventSocket.h"
 #include "Companion/Monitor/FleetEvent.h"
 #include "Companion/Monitor/Web/WebView.h"
 #include "Companion/Shared/CommandLine.h"
@@ -141,7 +141,7 @@ int main(int argc, char** argv) {
     return failUsage(app, isOfFleet ? "--subscribe excludes --socket" : "--socket is required");
   }
 
-  const std::optional<SocketAccess> access = socketAccess(group, mode);
+  const std::optional<ostravel::SocketAccess> access = ostravel::socketAccess(group, mode);
   if (!access) {
     return failUsage(app, "--mode: not an octal number up to 777: " + mode);
   }
@@ -207,7 +207,7 @@ int main(int argc, char** argv) {
     return failUsage(app, error.what());
   }
   try {
-    std::optional<EventSocket> socket;
+    std::optional<ostravel::LocalListener> socket;
     std::optional<EventReceiver> receiver;
     if (!isOfFleet) {
       socket.emplace(path, *access);

@@ -1,4 +1,4 @@
-#include "Companion/Monitor/EventSocket.h"
+#include "Base/LocalListener.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -16,18 +16,18 @@
 #include <thread>
 #include <vector>
 
-#include "Companion/Monitor/SocketLock.h"
+#include "Base/SocketLock.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"
 
-namespace ostravel::companion {
+namespace ostravel {
 namespace {
 
 using testing::TemporaryFolder;
 
 std::string problemAt(const std::string& path) {
   try {
-    const EventSocket socket(path);
+    const LocalListener socket(path);
     return "";
   } catch (const std::runtime_error& error) {
     return error.what();
@@ -54,54 +54,54 @@ struct stat statusOf(const std::string& path) {
   return status;
 }
 
-TEST(EventSocketTest, ListensForItsOwnerAlone) {
+TEST(LocalListenerTest, ListensForItsOwnerAlone) {
   const TemporaryFolder folder;
   const mode_t before = ::umask(0);
-  const EventSocket socket(folder.path("s"));
+  const LocalListener socket(folder.path("s"));
   EXPECT_EQ(::umask(before), 0U);
   EXPECT_EQ(statusOf(folder.path("s")).st_mode & 07777U, 0600U);
   EXPECT_NO_THROW(testing::TestSocket::connectUnix(folder.path("s")));
 }
 
-TEST(EventSocketTest, RemovesItsNameAtTheEnd) {
+TEST(LocalListenerTest, RemovesItsNameAtTheEnd) {
   const TemporaryFolder folder;
-  { const EventSocket socket(folder.path("s")); }
+  { const LocalListener socket(folder.path("s")); }
   EXPECT_FALSE(std::filesystem::exists(folder.path("s")));
 }
 
-TEST(EventSocketTest, LeavesANameThatIsNoLongerItsOwn) {
+TEST(LocalListenerTest, LeavesANameThatIsNoLongerItsOwn) {
   const TemporaryFolder folder;
   {
-    const EventSocket socket(folder.path("s"));
+    const LocalListener socket(folder.path("s"));
     std::filesystem::remove(folder.path("s"));
     leaveStaleSocket(folder.path("s"));
   }
   EXPECT_TRUE(std::filesystem::is_socket(folder.path("s")));
 }
 
-TEST(EventSocketTest, ReplacesASocketOnWhichNobodyListens) {
+TEST(LocalListenerTest, ReplacesASocketOnWhichNobodyListens) {
   const TemporaryFolder folder;
   leaveStaleSocket(folder.path("s"));
-  const EventSocket socket(folder.path("s"));
+  const LocalListener socket(folder.path("s"));
   EXPECT_NO_THROW(testing::TestSocket::connectUnix(folder.path("s")));
 }
 
-TEST(EventSocketTest, RefusesASocketOnWhichSomeoneListens) {
+TEST(LocalListenerTest, RefusesASocketOnWhichSomeoneListens) {
   const TemporaryFolder folder;
-  const EventSocket socket(folder.path("s"));
+  const LocalListener socket(folder.path("s"));
   EXPECT_EQ(problemAt(folder.path("s")), "another program listens there");
   EXPECT_NO_THROW(testing::TestSocket::connectUnix(folder.path("s")));
 }
 
-TEST(EventSocketTest, DoesNotConnectToASocketOnWhichSomeoneListens) {
+TEST(LocalListenerTest, DoesNotConnectToASocketOnWhichSomeoneListens) {
   const TemporaryFolder folder;
-  const EventSocket socket(folder.path("s"));
+  const LocalListener socket(folder.path("s"));
   EXPECT_EQ(problemAt(folder.path("s")), "another program listens there");
   pollfd connection{.fd = socket.descriptor(), .events = POLLIN, .revents = 0};
   EXPECT_EQ(::poll(&connection, 1, 0), 0);
 }
 
-TEST(EventSocketTest, RefusesASocketThatIsNotListeningYet) {
+TEST(LocalListenerTest, RefusesASocketThatIsNotListeningYet) {
   const TemporaryFolder folder;
   for (const int type : {SOCK_STREAM, SOCK_DGRAM, SOCK_SEQPACKET}) {
     const std::string path = folder.path(std::to_string(type));
@@ -111,27 +111,27 @@ TEST(EventSocketTest, RefusesASocketThatIsNotListeningYet) {
   }
 }
 
-TEST(EventSocketTest, TouchesNothingWhileAnotherMonitorIsBeingStarted) {
+TEST(LocalListenerTest, TouchesNothingWhileAnotherMonitorIsBeingStarted) {
   const TemporaryFolder folder;
   leaveStaleSocket(folder.path("s"));
   const ino_t stale = statusOf(folder.path("s")).st_ino;
   const SocketLock lock(folder.path("s"));
-  EXPECT_EQ(problemAt(folder.path("s")), "another monitor is being started there");
+  EXPECT_EQ(problemAt(folder.path("s")), "another program is being started there");
   EXPECT_EQ(statusOf(folder.path("s")).st_ino, stale);
 }
 
-TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {
+TEST(LocalListenerTest, ExactlyOneOfManyGetsThePath) {
   constexpr int kRounds = 50;
   const TemporaryFolder folder;
   const std::string path = folder.path("s");
   for (int round = 0; round < kRounds; ++round) {
     leaveStaleSocket(path);
-    std::vector<std::unique_ptr<EventSocket>> sockets(4);
+    std::vector<std::unique_ptr<LocalListener>> sockets(4);
     std::vector<std::jthread> threads;
-    for (std::unique_ptr<EventSocket>& socket : sockets) {
+    for (std::unique_ptr<LocalListener>& socket : sockets) {
       threads.emplace_back([&socket, &path] {
         try {
-          socket = std::make_unique<EventSocket>(path);
+          socket = std::make_unique<LocalListener>(path);
         } catch (const std::runtime_error&) {
           socket = nullptr;
         }
@@ -143,21 +143,21 @@ TEST(EventSocketTest, ExactlyOneOfManyGetsThePath) {
   }
 }
 
-TEST(EventSocketTest, LeavesNoLockBehind) {
+TEST(LocalListenerTest, LeavesNoLockBehind) {
   const TemporaryFolder folder;
-  const EventSocket socket(folder.path("s"));
+  const LocalListener socket(folder.path("s"));
   EXPECT_EQ(problemAt(folder.path("missing/s")), "No such file or directory");
   EXPECT_FALSE(std::filesystem::exists(folder.path("s.lock")));
 }
 
-TEST(EventSocketTest, TakesTheGroupAndModeItIsGiven) {
+TEST(LocalListenerTest, TakesTheGroupAndModeItIsGiven) {
   const TemporaryFolder folder;
-  const EventSocket socket(folder.path("s"), {.group = 65534, .mode = 0666});
+  const LocalListener socket(folder.path("s"), {.group = 65534, .mode = 0666});
   EXPECT_EQ(statusOf(folder.path("s")).st_gid, 65534U);
   EXPECT_EQ(statusOf(folder.path("s")).st_mode & 07777U, 0666U);
 }
 
-TEST(EventSocketTest, RefusesWhatIsNotASocket) {
+TEST(LocalListenerTest, RefusesWhatIsNotASocket) {
   const TemporaryFolder folder;
   std::ofstream(folder.path("file")) << "precious";
   leaveStaleSocket(folder.path("stale"));
@@ -168,7 +168,7 @@ TEST(EventSocketTest, RefusesWhatIsNotASocket) {
   }
 }
 
-TEST(EventSocketTest, RefusesASocketOfAnotherUser) {
+TEST(LocalListenerTest, RefusesASocketOfAnotherUser) {
   if (::geteuid() != 0) {
     FAIL() << "only root can make one";
   }
@@ -179,19 +179,19 @@ TEST(EventSocketTest, RefusesASocketOfAnotherUser) {
   EXPECT_TRUE(std::filesystem::exists(folder.path("s")));
 }
 
-TEST(EventSocketTest, RefusesAPathThatDoesNotFit) {
+TEST(LocalListenerTest, RefusesAPathThatDoesNotFit) {
   const TemporaryFolder folder;
   const std::string start = folder.path("");
-  const EventSocket socket(start + std::string(EventSocket::kLongestPath - start.size(), 'x'));
-  EXPECT_EQ(problemAt(start + std::string(EventSocket::kLongestPath + 1 - start.size(), 'x')),
+  const LocalListener socket(start + std::string(LocalListener::kLongestPath - start.size(), 'x'));
+  EXPECT_EQ(problemAt(start + std::string(LocalListener::kLongestPath + 1 - start.size(), 'x')),
             "the path is 104 bytes long, more than 103");
   EXPECT_EQ(problemAt(""), "the path is empty");
 }
 
-TEST(EventSocketTest, ReportsWhyItCannotListen) {
+TEST(LocalListenerTest, ReportsWhyItCannotListen) {
   const TemporaryFolder folder;
   EXPECT_EQ(problemAt(folder.path("missing/s")), "No such file or directory");
 }
 
 }  // namespace
-}  // namespace ostravel::companion
+}  // namespace ostravel

@@ -1,9 +1,9 @@
-#include "Companion/Monitor/SocketAccess.h"
+#include "Base/SocketAccess.h"
 
 #include <grp.h>
 #include <gtest/gtest.h>
 
-namespace ostravel::companion {
+namespace ostravel {
 namespace {
 
 TEST(SocketAccessTest, IsForTheOwnerAloneByDefault) {
@@ -39,4 +39,4 @@ TEST(SocketAccessTest, TakesAModeInOctal) {
 }
 
 }  // namespace
-}  // namespace ostravel::companion
+}  // namespace ostravel

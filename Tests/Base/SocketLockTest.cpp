@@ -1,4 +1,4 @@
-#include "Companion/Monitor/SocketLock.h"
+#include "Base/SocketLock.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 
 #include "Tests/Support/TemporaryFolder.h"
 
-namespace ostravel::companion {
+namespace ostravel {
 namespace {
 
 class SocketLockTest : public ::testing::Test {
@@ -31,7 +31,7 @@ class SocketLockTest : public ::testing::Test {
 TEST_F(SocketLockTest, KeepsOthersOutUntilItEnds) {
   {
     const SocketLock lock(socket_);
-    EXPECT_EQ(problem(), "another monitor is being started there");
+    EXPECT_EQ(problem(), "another program is being started there");
   }
   EXPECT_EQ(problem(), "");
 }
@@ -60,4 +60,4 @@ TEST_F(SocketLockTest, FollowsNoSymbolicLink) {
 }
 
 }  // namespace
-}  // namespace ostravel::companion
+}  // namespace ostravel

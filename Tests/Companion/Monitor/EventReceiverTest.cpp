@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "Companion/Monitor/EventSocket.h"
+#include "Base/LocalListener.h"
 #include "Tests/Companion/Events/EventSamples.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"
@@ -56,7 +56,7 @@ class EventReceiverTest : public ::testing::Test {
 
   const testing::TemporaryFolder folder_;
   const std::string path_ = folder_.path("s");
-  const EventSocket socket_{path_};
+  const LocalListener socket_{path_};
   asio::io_context ioContext_;
   std::unique_ptr<EventReceiver> receiver_;
   std::thread thread_;
