@@ -157,6 +157,7 @@ struct BackgroundWriter::State {
   std::condition_variable progress;
   // Since the buffers changed places.
   std::size_t dropped = 0;
+  std::size_t droppedInAll = 0;
   std::size_t records = 0;
   bool hasUrgentRecord = false;
   std::size_t exchanges = 0;
@@ -208,6 +209,7 @@ void BackgroundWriter::push(std::string_view record, Urgency urgency) {
     Buffer& buffer = state_->filled();
     if (state_->dropped > 0 || record.size() > state_->capacity - buffer.size) {
       ++state_->dropped;
+      ++state_->droppedInAll;
     } else {
       buffer.append(record);
     }
@@ -216,6 +218,11 @@ void BackgroundWriter::push(std::string_view record, Urgency urgency) {
   if (isCallNeeded) {
     state_->wakeUp.notify_one();
   }
+}
+
+std::size_t BackgroundWriter::droppedCount() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->droppedInAll;
 }
 
 bool BackgroundWriter::flush(std::chrono::steady_clock::time_point deadline) {

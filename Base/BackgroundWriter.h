@@ -66,6 +66,9 @@ class BackgroundWriter {
   // Takes a record, or drops and counts it. Never waits for anything but a memory copy.
   void push(std::string_view record, Urgency urgency = Urgency::canWait);
 
+  // How many records were dropped since the start.
+  std::size_t droppedCount() const;
+
   // Waits until everything is written that was pushed before; false when it is not by the deadline.
   [[nodiscard]] bool flush(std::chrono::steady_clock::time_point deadline);
 

@@ -15,6 +15,7 @@
 #include "Base/ParseNumber.h"
 #include "Base/PrintableText.h"
 #include "Extension/main/ConfigurationFile.h"
+#include "Extension/main/ControlSocket.h"
 #include "Platform/Linux/Processes/SystemUsers.h"
 
 namespace ostravel {
@@ -92,6 +93,13 @@ CommandLine CommandLine::parse(int argc, char** argv) {
   app.add_flag("--no-guardian", isGuardianUnwanted,
                "do not kill this process when it hangs: for debuggers, which stop it");
 
+  std::optional<std::string> controlPath;
+  app.add_option("--control", controlPath,
+                 std::string("where ostravelctl finds this program: the path of a socket, or off; "
+                             "without it ") +
+                     linuxplatform::ControlSocket::kDefaultPath)
+      ->type_name("PATH");
+
   std::vector<std::string> proxyUsers;
   app.add_option("--proxy-user", proxyUsers,
                  "user whose local proxy may carry the connections of all users, like that of root "
@@ -134,8 +142,16 @@ CommandLine CommandLine::parse(int argc, char** argv) {
     return {std::nullopt, kExitUsage};
   }
   const Job job = isCheck ? Job::check : isDryRun ? Job::dryRun : Job::run;
-  Options options{job, configurationPath, sinks.at(sink), !isGuardianUnwanted, {}, marks};
-  options.names = uses.at(names);
+  const bool hasControl = controlPath != "off";
+  Options options{.job = job,
+                  .configurationPath = configurationPath,
+                  .logSink = sinks.at(sink),
+                  .controlPath = hasControl ? controlPath : std::nullopt,
+                  .hasControl = hasControl,
+                  .hasGuardian = !isGuardianUnwanted,
+                  .proxyUsers = {},
+                  .marks = marks,
+                  .names = uses.at(names)};
   for (const std::string& name : proxyUsers) {
     const auto user = userWithName(name);
     if (!user) {

@@ -28,6 +28,9 @@ struct CommandLine {
     // Absent: the default file, if there is one.
     std::optional<std::string> configurationPath;
     linuxplatform::LinuxPlatform::LogSink logSink;
+    // Where the control socket is. Absent: the default.
+    std::optional<std::string> controlPath;
+    bool hasControl = true;
     // False for debuggers, which stop the process for longer than a guardian waits.
     bool hasGuardian = true;
     // Whose local proxy may carry everybody's flows, besides root's and system users'.

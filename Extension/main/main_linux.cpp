@@ -3,6 +3,7 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -24,9 +25,13 @@
 #include "Extension/main/CommandLine.h"
 #include "Extension/main/ConfigurationCheck.h"
 #include "Extension/main/ConfigurationFile.h"
+#include "Extension/main/ControlAnswers.h"
+#include "Extension/main/ControlSocket.h"
 #include "Extension/main/Privileges.h"
+#include "Extension/main/ProxyingState.h"
 #include "Extension/main/ServiceStatus.h"
 #include "Extension/main/SystemCheck.h"
+#include "Platform/Linux/Control/ControlServer.h"
 #include "Platform/Linux/Kernel/PacketResender.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
@@ -174,11 +179,15 @@ int run(int argc, char** argv) {
   if (!configuration) {
     return fail(configuration.error());
   }
+  std::optional<linuxplatform::ControlSocket> controlSocket;
   const auto privileges = linuxplatform::Privileges::ofThisProcess();
   if (const auto obstacle = privileges.obstacle()) {
     return fail(*obstacle);
   }
   const auto resender = linuxplatform::PacketResender::open();
+  if (commandLine.options->hasControl) {
+    controlSocket.emplace(commandLine.options->controlPath);
+  }
   if (const auto error = linuxplatform::Privileges::giveUpUnused()) {
     return fail(*error);
   }
@@ -201,10 +210,15 @@ int run(int argc, char** argv) {
                                                 commandLine.options->configurationPath.value_or(
                                                     linuxplatform::kDefaultConfigurationPath)));
   }
+  if (controlSocket && controlSocket->problem()) {
+    platform.defaultLog().info("OstravelProxy: There is %{public}s", {*controlSocket->problem()});
+  }
   linuxplatform::ServiceStatus status(
       [](const std::string& assignments) { ::sd_notify(0, assignments.c_str()); });
   // Made when the context that it is given to exists.
   std::weak_ptr<PacketTunnelProvider> watchedProvider;
+  const ControlAnswers* observedAnswers = nullptr;
+  linuxplatform::ProxyingState proxying;
   linuxplatform::DescriptorBudget descriptors;
   linuxplatform::FlowJournal journal(platform.clock(), linuxplatform::kMaximumEventLoops);
   linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
@@ -218,7 +232,8 @@ int run(int argc, char** argv) {
        .heartbeat = heartbeat,
        .journal = journal,
        .onAlive =
-           [&status, &watchedProvider] {
+           [&status, &watchedProvider, &observedAnswers] {
+             observedAnswers->observe();
              const auto provider = watchedProvider.lock();
              status.beat(provider ? provider->isGateOpen() : std::nullopt,
                          std::chrono::steady_clock::now());
@@ -227,14 +242,42 @@ int run(int argc, char** argv) {
        .resender = resender ? *resender : nullptr,
        // An application must not be able to name itself out of the proxy.
        .reservedIdentifiers = {exempt.begin(), exempt.end()},
-       .onProxyWatched = [&status](const std::string& proxy) { status.setProxy(proxy); },
+       .onProxyWatched =
+           [&status, &proxying, &platform](const std::string& proxy) {
+             status.setProxy(proxy);
+             proxying.setProxy(proxy, platform.clock().secondsSince1970());
+           },
        .names = commandLine.options->names},
       *configuration);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);
   watchedProvider = provider;
 
-  reportMissingGuardian(guardian, platform.defaultLog());
+  std::atomic<const char*> guardianState = "off";
+  const auto lookAfterGuardian = [&guardian, &guardianState, &platform, &commandLine] {
+    reportMissingGuardian(guardian, platform.defaultLog());
+    const bool isWanted = commandLine.options->hasGuardian;
+    guardianState = guardian ? "running" : isWanted ? "ended" : "off";
+  };
+  lookAfterGuardian();
+  const ControlAnswers answers({.platform = platform,
+                                .context = context,
+                                .journal = journal,
+                                .loops = loops,
+                                .descriptors = descriptors,
+                                .proxying = proxying,
+                                .provider = provider,
+                                .guardian = [&guardianState] { return guardianState.load(); },
+                                .configuration = *configuration,
+                                .configurationPath = commandLine.options->configurationPath});
+  observedAnswers = &answers;
+  std::optional<linuxplatform::ControlServer> control;
+  if (controlSocket && !controlSocket->problem()) {
+    control.emplace(
+        controlSocket->descriptor(), controlSocket->group(),
+        [&answers](const linuxplatform::ControlRequest& request,
+                   const linuxplatform::PeerAccess& /*peer*/) { return answers.answer(request); });
+  }
   heartbeat.start();
 
   std::promise<platform::OptionalError> started;
@@ -247,7 +290,7 @@ int run(int argc, char** argv) {
     for (int signal = SIGCHLD; signal == SIGCHLD || (signal == SIGHUP && !endsOnHangUp);
          signal = waitForSignal(takenSignals)) {
       if (signal == SIGCHLD) {
-        reportMissingGuardian(guardian, platform.defaultLog());
+        lookAfterGuardian();
       } else {
         context.reloadRegistrations();
       }
@@ -255,6 +298,8 @@ int run(int argc, char** argv) {
     ::sd_notify(0, "STOPPING=1\nSTATUS=Ending");
   }
 
+  control.reset();
+  controlSocket.reset();
   // From now on each finished step is a beat.
   heartbeat.stop();
   std::promise<void> stopped;

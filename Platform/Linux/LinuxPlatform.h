@@ -45,6 +45,9 @@ class LinuxPlatform final : public platform::Platform {
   // Waits until the log is written; false if its reader has not read it by the deadline.
   [[nodiscard]] bool flushLog(std::chrono::steady_clock::time_point deadline);
 
+  // Lines of the log that nobody has read in time, since the start.
+  std::size_t droppedLogLines() const { return logWriter_->droppedCount(); }
+
   // From now on, pending lines are written before the process ends in a crash, and an uncaught
   // exception is logged. For the process entry; see CrashHandler.
   void writeLogOnCrash();

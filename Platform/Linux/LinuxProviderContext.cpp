@@ -29,16 +29,31 @@ void LinuxProviderContext::setProvider(std::weak_ptr<platform::TransparentProxyP
   provider_ = std::move(provider);
 }
 
-void LinuxProviderContext::reloadRegistrations() {
+bool LinuxProviderContext::reloadRegistrations() {
   const std::lock_guard guard(lock_);
-  if (interceptor_) {
-    interceptor_->reloadRegistrations();
+  return interceptor_ && interceptor_->reloadRegistrations();
+}
+
+std::optional<Interceptor::Inspection> LinuxProviderContext::inspect(
+    std::optional<pid_t> process, std::optional<std::string> executable) {
+  std::future<Interceptor::Inspection> inspection;
+  {
+    const std::lock_guard guard(lock_);
+    if (!interceptor_) {
+      return std::nullopt;
+    }
+    inspection = interceptor_->inspect(process, std::move(executable));
   }
+  if (inspection.wait_for(kInspectionTimeout) != std::future_status::ready) {
+    return std::nullopt;
+  }
+  return inspection.get();
 }
 
 void LinuxProviderContext::stopInterception() {
   const std::lock_guard guard(lock_);
   isStopped_ = true;
+  isIntercepting_ = false;
   interceptor_.reset();
 }
 
@@ -78,6 +93,7 @@ OptionalError LinuxProviderContext::startInterception(
     return std::move(started).error();
   }
   interceptor_ = *std::move(started);
+  isIntercepting_ = true;
   return std::nullopt;
 }
 

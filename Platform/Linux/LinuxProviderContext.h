@@ -1,8 +1,13 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 
 #include "Platform/Interface/Platform.h"
 #include "Platform/Interface/TransparentProxyProvider.h"
@@ -25,8 +30,17 @@ class LinuxProviderContext final : public platform::ProviderContext {
   void setProvider(std::weak_ptr<platform::TransparentProxyProvider> provider);
 
   // Reads the applications' registrations again, for later flows. Does nothing while nothing is
-  // intercepted, because interception reads them when it starts.
-  void reloadRegistrations();
+  // intercepted, because interception reads them when it starts. False if the current ones are
+  // still in force.
+  bool reloadRegistrations();
+
+  // What interception knows, and how it would identify a process or an executable. Called from any
+  // thread but an event loop's; empty if nothing is intercepted, or if there is no answer within
+  // kInspectionTimeout.
+  static constexpr std::chrono::seconds kInspectionTimeout{1};
+  std::optional<Interceptor::Inspection> inspect(
+      std::optional<pid_t> process, std::optional<std::string> executable = std::nullopt);
+  bool isIntercepting() const { return isIntercepting_; }
 
   // Removes every rule and releases every held packet. Nothing is offered after it returns.
   void stopInterception();
@@ -53,6 +67,7 @@ class LinuxProviderContext final : public platform::ProviderContext {
   std::mutex lock_;
   std::unique_ptr<Interceptor> interceptor_;
   bool isStopped_ = false;
+  std::atomic<bool> isIntercepting_ = false;
 };
 
 }  // namespace ostravel::linuxplatform

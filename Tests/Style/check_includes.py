@@ -32,6 +32,7 @@ LINUX = "Platform/Linux"
 KERNEL = f"{LINUX}/Kernel"
 SERVICES = f"{LINUX}/Services"
 STATISTICS = f"{LINUX}/Statistics"
+CONTROL = f"{LINUX}/Control"
 PROCESSES = f"{LINUX}/Processes"
 TRACING = f"{LINUX}/Tracing"
 IDENTITY = f"{LINUX}/Identity"
@@ -64,6 +65,7 @@ ALLOWED_ROOMS = {
     KERNEL: GROUND,
     SERVICES: GROUND | {SHARED, KERNEL},
     STATISTICS: GROUND,
+    CONTROL: GROUND | {KERNEL, STATISTICS},
     PROCESSES: GROUND | {KERNEL},
     TRACING: GROUND | {KERNEL, PROCESSES},
     IDENTITY: GROUND | {KERNEL, PROCESSES, TRACING},
@@ -86,6 +88,7 @@ ALLOWED_ROOMS = {
     EVENTS: {BASE, COMPANION},
     WEB: {BASE, COMPANION, EVENTS},
     "Companion/Monitor": {BASE, COMPANION, EVENTS, WEB, "Companion/Fleet"},
+    "Companion/Control": {BASE, COMPANION},
     HOST: {CORE},
 }
 # Puts everything together, and may therefore include everything but tests.

@@ -230,6 +230,35 @@ std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
   return trust_->takeNews();
 }
 
+std::optional<ApplicationDescription> ApplicationIdentifierSource::describe(pid_t process) {
+  KnownProcess* const known = holder(process);
+  if (known == nullptr) {
+    return std::nullopt;
+  }
+  if (proxy_ && proxy_->listenerCookie() != 0 && isProxy(*known)) {
+    return ApplicationDescription{std::string(kProxyIdentifier), "proxy"};
+  }
+  const uid_t user = known->process.stamp.uid;
+  const std::string& identifier = identifierOf(*known, user);
+  const bool isRegistered =
+      registrations_.identifierOf(known->process.executable, {user, known->process.stamp.realUser})
+          .has_value();
+  std::string_view source = isRegistered ? "registration" : "name";
+  if (identifier.empty()) {
+    source = "nothing";
+  } else if (identifier.starts_with('/')) {
+    source = "path";
+  }
+  return ApplicationDescription{identifier, source};
+}
+
+ApplicationDescription ApplicationIdentifierSource::describe(const std::string& executable) const {
+  if (auto registered = registrations_.identifierOf(executable, {0})) {
+    return {printableIdentifier(*registered), "registration"};
+  }
+  return {printableIdentifier(executable), "path"};
+}
+
 void ApplicationIdentifierSource::replaceRegistrations(ApplicationRegistrations registrations) {
   registrations_ = std::move(registrations);
   names_ = makeNames();

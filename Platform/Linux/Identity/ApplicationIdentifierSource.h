@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Linux/Identity/ApplicationDescription.h"
 #include "Platform/Linux/Identity/ApplicationNames.h"
 #include "Platform/Linux/Identity/ApplicationRegistrations.h"
 #include "Platform/Linux/Identity/Identification.h"
@@ -97,6 +98,12 @@ class ApplicationIdentifierSource {
 
   // How many registrations are in force.
   std::size_t registrationCount() const { return registrations_.size(); }
+
+  // How a flow that this process sent now would be identified. Empty if there is no such process.
+  // May search /proc for it.
+  std::optional<ApplicationDescription> describe(pid_t process);
+  // The same for any process of root that runs this executable.
+  ApplicationDescription describe(const std::string& executable) const;
 
   // See ConnectPublisher.
   bool presetsOwnSockets() const { return publisher_ && publisher_->presetsOwnSockets(); }

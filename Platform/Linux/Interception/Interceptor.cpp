@@ -202,13 +202,13 @@ Interceptor::~Interceptor() {
   stopped.get_future().wait();
 }
 
-void Interceptor::reloadRegistrations() {
+bool Interceptor::reloadRegistrations() {
   ApplicationRegistrations registrations(
       ApplicationRegistrations::kDefaultFolder,
       [this](const std::string& warning) { log_->error("OstravelProxy: %{public}s", {warning}); });
   if (!registrations.isComplete()) {
     log_->error("OstravelProxy: Registrations not replaced, those that were in force still are");
-    return;
+    return false;
   }
   registrations.warnOfUselessPaths();
   const auto count = static_cast<std::int64_t>(registrations.size());
@@ -222,6 +222,26 @@ void Interceptor::reloadRegistrations() {
   });
   replaced.get_future().wait();
   log_->info("OstravelProxy: Registrations replaced count=%{public}d", {count});
+  return true;
+}
+
+std::future<Interceptor::Inspection> Interceptor::inspect(std::optional<pid_t> process,
+                                                          std::optional<std::string> executable) {
+  const auto promised = std::make_shared<std::promise<Inspection>>();
+  auto result = promised->get_future();
+  // Everything that was posted runs before the end of the interception.
+  loop_.post([this, promised, process, executable = std::move(executable)] {
+    Inspection inspection{.queue = queue_->number(),
+                          .held = queue_->heldCount(),
+                          .registrations = identifiers_->registrationCount()};
+    if (process) {
+      inspection.application = identifiers_->describe(*process);
+    } else if (executable) {
+      inspection.application = identifiers_->describe(*executable);
+    }
+    promised->set_value(std::move(inspection));
+  });
+  return result;
 }
 
 void Interceptor::waitForPackets() {

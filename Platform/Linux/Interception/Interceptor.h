@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -85,8 +86,23 @@ class Interceptor {
   ~Interceptor();
 
   // Reads the applications' registrations again and logs the result; if any of them is invalid, the
-  // current ones stay in use. Called from any thread but the loop's, which does no disk access.
-  void reloadRegistrations();
+  // current ones stay in use, and false is returned. Called from any thread but the loop's, which
+  // does no disk access.
+  bool reloadRegistrations();
+
+  // What only the loop knows, for people who ask.
+  struct Inspection {
+    // The netfilter queue, and the packets in it whose flows are not decided.
+    std::uint16_t queue = 0;
+    std::size_t held = 0;
+    std::size_t registrations = 0;
+    // Of what was asked about; empty if there is no such process, or nothing was asked.
+    std::optional<ApplicationDescription> application = std::nullopt;
+  };
+  // About a process, or an executable, or neither. The result comes from the loop. Called while the
+  // interceptor exists; it may be destroyed before the result is there.
+  std::future<Inspection> inspect(std::optional<pid_t> process,
+                                  std::optional<std::string> executable);
 
  private:
   struct Parts;

@@ -223,6 +223,11 @@ bool PacketQueue::claim(std::uint32_t id) {
   return held_.erase(id) != 0;
 }
 
+std::size_t PacketQueue::heldCount() const {
+  const std::lock_guard guard(lock_);
+  return held_.size();
+}
+
 bool PacketQueue::give(const Verdict& verdict) {
   if (!claim(verdict.id)) {
     return false;

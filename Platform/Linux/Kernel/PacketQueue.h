@@ -76,6 +76,7 @@ class PacketQueue {
   void acceptAll();
 
   bool isHeld(std::uint32_t id) const;
+  std::size_t heldCount() const;
 
   // Why the last receive() failed, or why the kernel still lacks a verdict. While there is an
   // error, packets are held that nobody lets go. For the receiving thread.

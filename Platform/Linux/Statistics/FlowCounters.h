@@ -24,6 +24,9 @@ struct alignas(64) FlowCounters {
   // Bytes that applications have sent, and that they have received.
   std::atomic<std::uint64_t> bytesSent = 0;
   std::atomic<std::uint64_t> bytesReceived = 0;
+  // When a handshake last succeeded, and last reached its deadline, in seconds since 1970.
+  std::atomic<double> lastSuccess = 0;
+  std::atomic<double> lastTimeout = 0;
   // From the request to the complete answer.
   DurationHistogram handshakes;
 };

@@ -182,4 +182,13 @@ FlowJournal::Totals FlowJournal::totals() const {
   return totals;
 }
 
+FlowJournal::Handshakes FlowJournal::lastHandshakes() const {
+  Handshakes last;
+  for (const FlowCounters& loop : counters_) {
+    last.success = std::max(last.success, loop.lastSuccess.load(std::memory_order_relaxed));
+    last.timeout = std::max(last.timeout, loop.lastTimeout.load(std::memory_order_relaxed));
+  }
+  return last;
+}
+
 }  // namespace ostravel::linuxplatform

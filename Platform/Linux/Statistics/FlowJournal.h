@@ -91,6 +91,14 @@ class FlowJournal {
   };
   Totals totals() const;
 
+  // When a handshake last succeeded, and last reached its deadline; seconds since 1970, 0 for
+  // never.
+  struct Handshakes {
+    double success = 0;
+    double timeout = 0;
+  };
+  Handshakes lastHandshakes() const;
+
  private:
   // More than there are reasons.
   static constexpr std::size_t kMaximumReasons = 40;

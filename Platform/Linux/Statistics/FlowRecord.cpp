@@ -81,6 +81,7 @@ void FlowRecord::handshakeSucceeded() {
   const std::int64_t now = elapsed();
   established_.store(now, std::memory_order_relaxed);
   counters_.handshakes.record(Elapsed(now - connected_.load(std::memory_order_relaxed)));
+  counters_.lastSuccess.store(timeAfter(now), std::memory_order_relaxed);
   change<std::uint64_t>(counters_.established, 1);
   change<std::int64_t>(counters_.pending, -1);
   change<std::int64_t>(counters_.open, 1);
@@ -95,7 +96,11 @@ void FlowRecord::ended(FlowEnd end, std::string_view detail) {
     return;
   }
   detail_ = detail.substr(0, kLongestDetail);
-  ended_.store(elapsed(), std::memory_order_relaxed);
+  const std::int64_t now = elapsed();
+  ended_.store(now, std::memory_order_relaxed);
+  if (end == FlowEnd::timedOut) {
+    counters_.lastTimeout.store(timeAfter(now), std::memory_order_relaxed);
+  }
   change<std::uint64_t>(counters_.ends[static_cast<std::size_t>(end)], 1);
   change<std::int64_t>(phase == Phase::established ? counters_.open : counters_.pending, -1);
   end_.store(static_cast<std::uint8_t>(end), std::memory_order_release);
@@ -159,7 +164,11 @@ double FlowRecord::lastChange() const {
   const std::int64_t last = std::max({decided_, connected_.load(std::memory_order_relaxed),
                                       established_.load(std::memory_order_relaxed),
                                       ended_.load(std::memory_order_relaxed)});
-  return time_ + static_cast<double>(last) / kMicrosecondsPerSecond;
+  return timeAfter(last);
+}
+
+double FlowRecord::timeAfter(std::int64_t microseconds) const {
+  return time_ + static_cast<double>(microseconds) / kMicrosecondsPerSecond;
 }
 
 std::string_view nameOf(FlowRule rule) {

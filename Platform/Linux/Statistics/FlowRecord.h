@@ -110,6 +110,8 @@ class FlowRecord final : public platform::FlowObserver {
   enum class Phase : std::uint8_t { pending, established, over };
 
   std::int64_t elapsed() const;
+  // In seconds since 1970.
+  double timeAfter(std::int64_t microseconds) const;
   std::string_view outcome(std::uint8_t end) const;
 
   const Origin origin_;

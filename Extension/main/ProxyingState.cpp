@@ -1,0 +1,104 @@
+#include "Extension/main/ProxyingState.h"
+
+#include <algorithm>
+
+#include "Platform/Interface/SystemLimits.h"
+
+namespace ostravel::linuxplatform {
+
+void ProxyingState::setProxy(const std::string& proxy, double now) {
+  const std::lock_guard guard(lock_);
+  if (state_.proxy != proxy) {
+    state_.proxy = proxy;
+    proxySince_ = now;
+  }
+}
+
+void ProxyingState::update(const Facts& facts, double now) {
+  const std::lock_guard guard(lock_);
+  const Reason reason = reasonFor(facts);
+  if (state_.reason != reason || state_.since == 0) {
+    state_.reason = reason;
+    state_.since = now;
+  }
+}
+
+ProxyingState::State ProxyingState::state() const {
+  const std::lock_guard guard(lock_);
+  return state_;
+}
+
+ProxyingState::Reason ProxyingState::reasonFor(const Facts& facts) const {
+  if (facts.isStopping) {
+    return Reason::stopping;
+  }
+  if (!facts.isIntercepting || !facts.isGateOpen) {
+    return Reason::starting;
+  }
+  if (!*facts.isGateOpen) {
+    return Reason::proxyUnreachable;
+  }
+  if (facts.isNearDescriptorLimit) {
+    return Reason::descriptors;
+  }
+  if (!facts.isRedirectUsable) {
+    return Reason::redirectBlocked;
+  }
+  if (state_.proxy.empty()) {
+    return Reason::proxyNotTrusted;
+  }
+  // What another proxy did before this one does not count.
+  return facts.lastTimeout > std::max(facts.lastSuccess, proxySince_) ? Reason::proxyNotAnswering
+                                                                      : Reason::proxied;
+}
+
+std::string ProxyingState::State::message() const {
+  const std::string address = std::string(platform::limits::kProxyHost) + ":" +
+                              std::to_string(platform::limits::kProxyPort);
+  switch (reason) {
+    case Reason::proxied:
+      return "New connections are proxied by " + proxy + ".";
+    case Reason::starting:
+      return "New connections go direct: the extension is starting.";
+    case Reason::proxyUnreachable:
+      return "New connections go direct: nothing answers on " + address + ".";
+    case Reason::proxyNotAnswering:
+      return "New connections go direct, but for one at a time as a test: " + proxy +
+             " accepts connections and does not answer in time.";
+    case Reason::proxyNotTrusted:
+      return "New connections go direct: no proxy that may serve all users is known on " + address +
+             "; the log says more.";
+    case Reason::redirectBlocked:
+      return "New connections go direct: rules of another program block redirected connections.";
+    case Reason::descriptors:
+      return "New connections go direct: too few descriptors are left.";
+    case Reason::stopping:
+      return "New connections go direct: the extension is ending.";
+  }
+  return "";
+}
+
+std::string_view nameOf(ProxyingState::Reason reason) {
+  using Reason = ProxyingState::Reason;
+  switch (reason) {
+    case Reason::proxied:
+      return "proxied";
+    case Reason::starting:
+      return "starting";
+    case Reason::proxyUnreachable:
+      return "proxy_unreachable";
+    case Reason::proxyNotAnswering:
+      return "proxy_not_answering";
+    case Reason::proxyNotTrusted:
+      return "proxy_not_trusted";
+    case Reason::redirectBlocked:
+      return "redirect_blocked";
+    case Reason::descriptors:
+      return "descriptors";
+    case Reason::stopping:
+      return "stopping";
+  }
+  return "unknown";
+}
+
+}  // namespace ostravel::linuxplatform

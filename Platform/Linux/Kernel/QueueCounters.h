@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace ostravel::linuxplatform {
+
+// What the kernel has counted about one netfilter queue of this network namespace
+// (/proc/net/netfilter/nfnetlink_queue; nfnetlink_queue.c of Linux prints it).
+struct QueueCounters {
+  // Packets in the queue, those that found it full, and those that its reader could not be sent.
+  std::uint64_t waiting = 0;
+  std::uint64_t dropped = 0;
+  std::uint64_t userDropped = 0;
+
+  // Empty if there is no such queue.
+  static std::optional<QueueCounters> read(std::uint16_t queue);
+  // text: the file's content.
+  static std::optional<QueueCounters> parse(std::string_view text, std::uint16_t queue);
+};
+
+}  // namespace ostravel::linuxplatform
