@@ -211,6 +211,20 @@ class Laboratory:
     def socket_path(self):
         return self.path("monitoring.sock")
 
+    @property
+    def control_path(self):
+        return self.path("control.sock")
+
+    def control(self, *arguments):
+        """Runs ostravelctl to its end."""
+        return self.run_application(
+            self.program_path("ostravelctl"), "--socket", self.control_path, *arguments
+        )
+
+    def asked(self, *arguments):
+        """The answer of the extension, from ostravelctl --json."""
+        return json.loads(self.control("--json", *arguments).stdout)
+
     def start_monitor(self, *options):
         monitor = ostravel.start_monitor(
             self.programs_folder, self.socket_path, "--json", *options, start=self.start
@@ -340,6 +354,8 @@ class Laboratory:
 
     def run_extension(self, *arguments, prefix=(), **options):
         """Starts the extension without waiting for anything."""
+        if "--control" not in arguments:
+            arguments = (*arguments, "--control", self.control_path)
         return self.start(
             # The tests may run in a service or a container; their applications are not of it.
             ["unshare", "--cgroup",

@@ -10,6 +10,9 @@ from .program import Program
 
 PROGRAMS = ("ostravel-extension", "ostravel-monitor", "ostravel-sidecar")
 
+# Where ostravelctl looks for the extension.
+CONTROL_PATH = "/run/ostravel/control.sock"
+
 # The extension has installed its rules.
 RULES_ARE_SET = "Rules set successfully"
 # The extension has tested a new proxy and begins to send flows to it.
@@ -30,6 +33,10 @@ def start_sidecar(folder, *options, start=Program, **how):
 
 
 def start_extension(folder, configuration_path, *options, start=Program, **how):
+    if "--control" not in options:
+        # Beside the configuration: another instance may run in another network of this machine.
+        control = os.path.join(os.path.dirname(configuration_path), "control.sock")
+        options = ("--control", control, *options)
     extension = start(
         [os.path.join(folder, "ostravel-extension"), "--log", "stderr",
          "--configuration", configuration_path, *options],

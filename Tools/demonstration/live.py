@@ -13,7 +13,7 @@ import tempfile
 import threading
 from typing import NamedTuple
 
-from Laboratory.ostravel import start_extension, start_monitor, start_sidecar
+from Laboratory.ostravel import CONTROL_PATH, start_extension, start_monitor, start_sidecar
 from Laboratory.problem import Problem
 from Laboratory.program import Program
 from screen import Screen, parse_event
@@ -160,7 +160,8 @@ class Live:
             self.programs_folder, self.socket_path, *(["--web"] if self.has_page else []),
             on_output=self.show_event, **watch
         )  # fmt: skip
-        options = []
+        # Where ostravelctl looks for it.
+        options = ["--control", CONTROL_PATH]
         for user in other.ordinary_users if other else ():
             options += ["--proxy-user", user]
         self.extension = start_extension(
@@ -201,6 +202,7 @@ class Live:
             )
         show.line()
         show.line("  try it, in another terminal   curl http://example.com/")
+        show.line("  ask it, the same              build/release/bin/ostravelctl status")
         if self.has_page:
             page = self.monitor.expect(self.monitor.errors, PAGE_IS).partition(PAGE_IS)[2]
             show.line(f"  watch it, in a browser        {page.strip()}")

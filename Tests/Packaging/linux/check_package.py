@@ -9,7 +9,7 @@ import sys
 
 # What systemd-analyze(1) calls the exposure: 0 is none, 10 is everything.
 MOST_EXPOSURE = {"ostravel": 2.4, "ostravel-sidecar": 1.5, "ostravel-monitor": 1.5}
-PAGES = {"ostravel-extension": 8, "ostravel-sidecar": 1, "ostravel-monitor": 1}
+PAGES = {"ostravel-extension": 8, "ostravel-sidecar": 1, "ostravel-monitor": 1, "ostravelctl": 1}
 FAILURES = []
 
 
@@ -44,7 +44,10 @@ def check_units(folder):
 def check_options(program, root):
     """Every option is in the manual page and in each completion, and nothing else is."""
     name = program.name
-    options = set(re.findall(r"(--[a-z][a-z-]*)", run(str(program), "--help")))
+    text = run(str(program), "--help")
+    for command in re.findall(r"^  ([a-z]+) ", text.partition("Subcommands:")[2], re.MULTILINE):
+        text += run(str(program), command, "--help")
+    options = set(re.findall(r"(--[a-z][a-z-]*)", text))
     # Other programs' options that the help text mentions.
     options -= {"--user"}
     page = (root / f"Documentation/man/{name}.{PAGES[name]}.scd").read_text()

@@ -283,7 +283,7 @@ def check(machine, package, older):
     eventually("connections are proxied", lambda: machine.fetch() == "proxied")
     say("upgraded: all services run, the changed configuration is kept")
 
-    for page in ("8 ostravel-extension", "1 ostravel-sidecar", "1 ostravel-monitor"):
+    for page in ("8 ostravel-extension", "1 ostravel-sidecar", "1 ostravel-monitor", "1 ostravelctl"):
         section, name = page.split()
         assert (machine.root / f"usr/share/man/man{section}/{name}.{section}.gz").exists()
 

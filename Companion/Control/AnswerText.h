@@ -1,0 +1,39 @@
+#pragma once
+
+#include <jansson.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ostravel::companion {
+
+// Answers of the extension (Documentation/control.md) as text for people. Everything that an
+// application or a proxy could have chosen is printable.
+
+// Fits on one screen of 80 columns; the first line says whether new connections are proxied, and if
+// not why.
+std::string statusText(const json_t* status);
+
+// One line, without its end.
+std::string flowText(const json_t* flow);
+
+// The rules, then what would happen.
+std::string explanationText(const json_t* explanation);
+
+// A member of the object or of one in it: "gate.last_probe.at". Null if there is none.
+const json_t* memberOf(const json_t* object, std::string_view path);
+std::int64_t integerOf(const json_t* object, std::string_view path);
+std::optional<double> numberOf(const json_t* object, std::string_view path);
+// As it is, and printable.
+std::string textOf(const json_t* object, std::string_view path);
+
+// 0 B, 12.3 KiB
+std::string bytesText(double bytes);
+// 90 µs, 3.2 ms, 4.5 s
+std::string microsecondsText(double microseconds);
+// 12 s, 4 min, 3 h, 2 d
+std::string spanText(double seconds);
+
+}  // namespace ostravel::companion

@@ -1,0 +1,90 @@
+#include "Companion/Control/TopHistory.h"
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include "Companion/Control/AnswerText.h"
+
+namespace ostravel::companion {
+namespace {
+
+bool isFailure(const std::string& outcome) {
+  constexpr std::array<std::string_view, 8> kFailures{
+      "failed",  "rejected",  "invalid",           "timed_out",
+      "backlog", "no_answer", "connection_failed", "abandoned"};
+  return std::ranges::find(kFailures, outcome) != kFailures.end();
+}
+
+}  // namespace
+
+void TopHistory::add(const json_t* status, const json_t* tunnels, const json_t* decisions) {
+  addSample(status);
+  std::map<std::string, Application> byName;
+  std::map<std::string, std::size_t> handshakes;
+  std::size_t index = 0;
+  json_t* flow = nullptr;
+  json_array_foreach(memberOf(tunnels, "tunnels"), index, flow) {
+    Application& application = byName[textOf(flow, "application")];
+    ++(textOf(flow, "outcome") == "pending" ? application.pending : application.tunnels);
+    application.sent += numberOf(flow, "bytes_sent").value_or(0);
+    application.received += numberOf(flow, "bytes_received").value_or(0);
+  }
+  json_array_foreach(memberOf(decisions, "decisions"), index, flow) {
+    const std::string name = textOf(flow, "application");
+    Application& application = byName[name];
+    ++application.flows;
+    application.failures += isFailure(textOf(flow, "outcome")) ? 1 : 0;
+    if (const auto handshake = numberOf(flow, "handshake_ms")) {
+      application.handshakeMilliseconds += *handshake;
+      ++handshakes[name];
+    }
+  }
+  applications_.clear();
+  for (auto& [name, application] : byName) {
+    application.name = name.empty() ? "(unknown)" : name;
+    if (const std::size_t count = handshakes[name]; count > 0) {
+      application.handshakeMilliseconds /= static_cast<double>(count);
+    }
+    applications_.push_back(std::move(application));
+  }
+  std::ranges::sort(applications_, [](const Application& left, const Application& right) {
+    return std::tuple(right.tunnels + right.pending, right.flows, left.name) <
+           std::tuple(left.tunnels + left.pending, left.flows, right.name);
+  });
+}
+
+void TopHistory::addSample(const json_t* status) {
+  message_ = textOf(status, "proxying.message");
+  isProxying_ = json_is_true(memberOf(status, "proxying.active"));
+  const double time = numberOf(status, "program.now").value_or(0);
+  const double bytes = numberOf(status, "tunnels.bytes_sent").value_or(0) +
+                       numberOf(status, "tunnels.bytes_received").value_or(0);
+  const double handshakes = numberOf(status, "handshakes.time.count").value_or(0);
+  const double handshakeTime = numberOf(status, "handshakes.time.sum_us").value_or(0);
+  Sample sample{.gate = textOf(status, "gate.state") == "open" ? 1.0 : 0.0,
+                .pending = numberOf(status, "handshakes.pending_now").value_or(0),
+                .tunnels = numberOf(status, "tunnels.now").value_or(0)};
+  // Smaller than before: another process answers, whose counts begin at 0.
+  const bool isContinued = lastTime_ > 0 && time > lastTime_ && bytes >= lastBytes_;
+  if (isContinued) {
+    sample.bytesPerSecond = (bytes - lastBytes_) / (time - lastTime_);
+  }
+  if (isContinued && handshakes > lastHandshakes_) {
+    sample.handshakeMicroseconds =
+        (handshakeTime - lastHandshakeTime_) / (handshakes - lastHandshakes_);
+  }
+  lastTime_ = time;
+  lastBytes_ = bytes;
+  lastHandshakes_ = handshakes;
+  lastHandshakeTime_ = handshakeTime;
+  samples_.push_back(sample);
+  if (samples_.size() > kKeptSamples) {
+    samples_.pop_front();
+  }
+}
+
+}  // namespace ostravel::companion

@@ -1,0 +1,187 @@
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <climits>
+#include <csignal>
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "Base/ParseNumber.h"
+#include "Companion/Control/AnswerText.h"
+#include "Companion/Control/ControlOutput.h"
+#include "Companion/Control/FlowList.h"
+#include "Companion/Control/TopScreen.h"
+#include "Companion/Shared/CommandLine.h"
+#include "Companion/Shared/ControlClient.h"
+
+namespace {
+
+using namespace ostravel;
+using namespace ostravel::companion;
+
+// Asks one request and prints the answer; text makes it readable.
+template <typename Text>
+std::variant<JSONHandle, int> askAndPrint(const ControlClient& client, JSONHandle request,
+                                          bool asJSON, Text text) {
+  auto answer = client.ask(std::move(request), answerDeadline());
+  if (const auto* const failure = std::get_if<ControlClient::Failure>(&answer)) {
+    return report(*failure);
+  }
+  JSONHandle result = std::get<JSONHandle>(std::move(answer));
+  printText(asJSON ? jsonLine(result.get()) + '\n' : text(result.get()));
+  return result;
+}
+
+JSONHandle makeRequest(const char* name) {
+  JSONHandle request(json_object());
+  json_object_set_new(request.get(), "request", json_string(name));
+  return request;
+}
+
+int showStatus(const ControlClient& client, bool asJSON) {
+  const auto answer = askAndPrint(client, makeRequest("status"), asJSON, &statusText);
+  if (const auto* const status = std::get_if<int>(&answer)) {
+    return *status;
+  }
+  const bool isActive =
+      json_is_true(memberOf(std::get<JSONHandle>(answer).get(), "proxying.active"));
+  return isActive ? kExitDone : kExitNo;
+}
+
+int reload(const ControlClient& client, bool asJSON) {
+  const auto answer = askAndPrint(client, makeRequest("reload"), asJSON, [](const json_t* result) {
+    return textOf(result, "message") +
+           "\nregistrations in force: " + std::to_string(integerOf(result, "registrations")) + "\n";
+  });
+  if (const auto* const status = std::get_if<int>(&answer)) {
+    return *status;
+  }
+  return json_is_true(memberOf(std::get<JSONHandle>(answer).get(), "replaced")) ? kExitDone
+                                                                                : kExitNo;
+}
+
+// HOST, HOST:PORT, [IPv6], [IPv6]:PORT, or an IPv6 address without brackets.
+void addDestination(json_t* request, std::string_view subject) {
+  std::string_view host = subject;
+  std::optional<unsigned> port;
+  const auto colon = subject.rfind(':');
+  const bool isBracketed = subject.starts_with('[');
+  const bool hasPort = colon != std::string_view::npos &&
+                       (isBracketed ? subject[colon - 1] == ']' : subject.find(':') == colon);
+  if (hasPort) {
+    port = parseNumber<unsigned>(subject.substr(colon + 1));
+    host = subject.substr(0, colon);
+  }
+  if (host.starts_with('[') && host.ends_with(']')) {
+    host = host.substr(1, host.size() - 2);
+  }
+  json_object_set_new(request, "host", json_stringn(host.data(), host.size()));
+  if (hasPort) {
+    // What is no port is refused with a reason.
+    json_object_set_new(request, "port", json_integer(port.value_or(0)));
+  }
+}
+
+void addSubject(json_t* request, const std::string& subject) {
+  if (const auto pid = parseNumber<int>(subject)) {
+    json_object_set_new(request, "pid", json_integer(*pid));
+  } else if (subject.find('/') != std::string::npos) {
+    const std::string path = std::filesystem::absolute(subject).lexically_normal();
+    json_object_set_new(request, "path", json_stringn(path.data(), path.size()));
+  } else {
+    addDestination(request, subject);
+  }
+}
+
+int explain(const ControlClient& client, const std::vector<std::string>& subjects, bool isUDP,
+            bool asJSON) {
+  const JSONHandle request = makeRequest("explain");
+  for (const std::string& subject : subjects) {
+    addSubject(request.get(), subject);
+  }
+  if (isUDP) {
+    json_object_set_new(request.get(), "protocol", json_string("udp"));
+  }
+  const auto answer =
+      askAndPrint(client, JSONHandle(json_incref(request.get())), asJSON, &explanationText);
+  const auto* const status = std::get_if<int>(&answer);
+  return status == nullptr ? kExitDone : *status;
+}
+
+// The extension examines the machine itself; it need not be running.
+int check() {
+  char own[PATH_MAX] = {};
+  const auto size = ::readlink("/proc/self/exe", own, sizeof own - 1);
+  const auto beside =
+      std::filesystem::path(size > 0 ? own : "").parent_path() / "ostravel-extension";
+  ::execl(beside.c_str(), "ostravel-extension", "--check", nullptr);
+  ::execlp("ostravel-extension", "ostravel-extension", "--check", nullptr);
+  return report({"not_running", "ostravel-extension is not installed"});
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Asks the running extension what it does, and why.", "ostravelctl");
+  std::string path(ControlClient::kDefaultPath);
+  bool asJSON = false;
+  bool doesFollow = false;
+  bool isUDP = false;
+  std::vector<std::string> subjects;
+  app.add_option("--socket", path, "The control socket")->option_text("PATH [" + path + "]");
+  app.add_flag("--json", asJSON, "Print JSON, on one line");
+  app.require_subcommand(1);
+  app.fallthrough();
+  const auto* const status =
+      app.add_subcommand("status", "Say whether new connections are proxied, and if not why");
+  auto* const flows = app.add_subcommand("flows", "List the last decisions");
+  flows->add_flag("--follow,-f", doesFollow, "Go on as flows are decided and end");
+  const auto* const top = app.add_subcommand("top", "Show a live screen; q ends it");
+  auto* const explained =
+      app.add_subcommand("explain", "Say what would happen to a flow, and by which rule");
+  explained
+      ->add_option("SUBJECT", subjects,
+                   "The number of a process, the path of a program, or a destination")
+      ->option_text("PID|PATH|HOST[:PORT] ...")
+      ->required();
+  explained->add_flag("--udp", isUDP, "A flow of UDP");
+  const auto* const reloaded =
+      app.add_subcommand("reload", "Read the registrations of applications again");
+  const auto* const checked =
+      app.add_subcommand("check", "Examine whether the extension would run well here");
+  if (const auto exitStatus = readCommandLine(app, argc, argv)) {
+    return *exitStatus;
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+  const ControlClient client(path);
+  if (status->parsed()) {
+    return showStatus(client, asJSON);
+  }
+  if (flows->parsed()) {
+    const FlowList list(client, asJSON);
+    return doesFollow ? list.follow() : list.print();
+  }
+  if (top->parsed()) {
+    return TopScreen(client).run();
+  }
+  if (explained->parsed()) {
+    return explain(client, subjects, isUDP, asJSON);
+  }
+  if (reloaded->parsed()) {
+    return reload(client, asJSON);
+  }
+  return checked->parsed() ? check() : kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& failure) {
+    return report({"unavailable", failure.what()});
+  }
+}

@@ -1,0 +1,119 @@
+#include "Companion/Control/AnswerText.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+
+#include "Base/JSONHandle.h"
+
+namespace ostravel::companion {
+namespace {
+
+JSONHandle parsed(const std::string& text) {
+  return JSONHandle(json_loads(text.c_str(), 0, nullptr));
+}
+
+const std::string kStatus = R"({
+  "program": {"version": "0.1.0", "pid": 7, "started_at": 1763271000.0, "now": 1763271815.0},
+  "proxying": {"active": false, "reason": "proxy_unreachable", "since": 1763271805.0,
+               "message": "New connections go direct: nothing answers on 127.0.0.1:8080."},
+  "proxy": {"address": "127.0.0.1:8080", "serves": false, "reason": "no listener there has answered as a proxy that may serve all users"},
+  "gate": {"state": "closed", "since": 1763271805.0, "last_probe": {"at": 1763271814.5, "reachable": false}},
+  "flows": {"offered": 123456, "direct": 100000, "refused": 456, "proxied": 23000, "held_now": 3,
+            "direct_by_reason": {"gate_closed": 70000, "exempt_application": 20000, "exempt_host": 9000,
+                                 "handshake_share": 900, "on_trial": 90, "proxy_not_trusted": 10}},
+  "handshakes": {"pending_now": 2, "limit": 48,
+                 "outcomes": {"established": 22000, "timed_out": 5, "rejected": 0},
+                 "time": {"count": 22000, "sum_us": 1, "p50_us": 3327, "p90_us": 4095, "p99_us": 1310719}},
+  "tunnels": {"now": 4, "total": 22000, "bytes_sent": 1048576, "bytes_received": 5368709120},
+  "verdicts": {"time": {"count": 1, "sum_us": 1, "p50_us": 80, "p90_us": 95, "p99_us": 319}},
+  "queue": {"waiting": 0, "dropped": 0, "user_dropped": 0},
+  "identifiers": {"registrations": 2}, "guardian": "running",
+  "log": {"dropped_lines": 0}, "descriptors": {"open": 40, "limit": 524288},
+  "events": {"configured": true, "emitted": 88000, "failed": 1, "dropped": 2, "waiting_bytes": 0}
+})";
+
+TEST(AnswerTextTest, SaysFirstWhetherConnectionsAreProxied) {
+  const auto text = statusText(parsed(kStatus).get());
+  EXPECT_EQ(text.substr(0, text.find('\n')),
+            "New connections go direct: nothing answers on 127.0.0.1:8080.");
+}
+
+TEST(AnswerTextTest, FitsOnAScreen) {
+  std::istringstream lines(statusText(parsed(kStatus).get()));
+  std::size_t count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    EXPECT_LE(line.size(), 80U) << line;
+  }
+  EXPECT_LE(count, 24U);
+}
+
+TEST(AnswerTextTest, ShowsWhatIsKnown) {
+  const auto text = statusText(parsed(kStatus).get());
+  for (const auto* part :
+       {"70000 gate_closed, 20000 exempt_application", "5 timed_out", "half within 3.3 ms",
+        "received 5.0 GiB", "1 not delivered, 2 dropped"}) {
+    EXPECT_NE(text.find(part), std::string::npos) << part;
+  }
+  EXPECT_EQ(text.find("rejected"), std::string::npos);
+}
+
+TEST(AnswerTextTest, ManagesWithoutAnyMember) {
+  EXPECT_FALSE(statusText(parsed("{}").get()).empty());
+  EXPECT_FALSE(flowText(parsed("{}").get()).empty());
+  EXPECT_FALSE(explanationText(parsed("{}").get()).empty());
+}
+
+TEST(AnswerTextTest, ShowsAFlowOnOneLine) {
+  const auto line =
+      flowText(parsed(R"({"time":1763271815.5,"protocol":"tcp","application":"/usr/bin/curl",
+                 "destination":"192.0.2.1:443","reason":"proxied","outcome":"rejected",
+                 "detail":"HTTP/1.1 403 Forbidden","bytes_sent":0,"bytes_received":0})")
+                   .get());
+  EXPECT_EQ(line.substr(line.find(' ')),
+            " rejected    /usr/bin/curl 192.0.2.1:443 (HTTP/1.1 403 Forbidden)");
+}
+
+TEST(AnswerTextTest, NamesTheReasonOfADirectFlow) {
+  const auto line = flowText(parsed(R"({"protocol":"udp","application":"","outcome":"direct",
+      "destination":"[2001:db8::1]:443","reason":"gate_closed"})")
+                                 .get());
+  EXPECT_NE(line.find("(unknown) [2001:db8::1]:443 udp gate_closed"), std::string::npos);
+}
+
+TEST(AnswerTextTest, LetsNothingDisturbTheTerminal) {
+  const auto line = flowText(parsed(R"({"application":"a\u001b[2Jb","detail":"x\ny"})").get());
+  EXPECT_EQ(line.find('\x1b'), std::string::npos);
+  EXPECT_EQ(line.find('\n'), std::string::npos);
+}
+
+TEST(AnswerTextTest, ExplainsRuleByRule) {
+  EXPECT_EQ(explanationText(parsed(R"({"action":"direct","reason":"gate_closed","application":"/a",
+                           "application_from":"path","rules":[
+                             {"rule":"port","decides":false,"message":"It is intercepted."},
+                             {"rule":"gate","decides":true,"message":"It is closed."}]})")
+                                .get()),
+            "application  /a, from its path\n"
+            "port           It is intercepted.\n"
+            "gate        => It is closed.\n"
+            "direct (gate_closed)\n");
+}
+
+TEST(AnswerTextTest, WritesQuantitiesForPeople) {
+  EXPECT_EQ(bytesText(0), "0 B");
+  EXPECT_EQ(bytesText(1023), "1023 B");
+  EXPECT_EQ(bytesText(1536), "1.5 KiB");
+  EXPECT_EQ(microsecondsText(90), "90 µs");
+  EXPECT_EQ(microsecondsText(3250), "3.2 ms");
+  EXPECT_EQ(microsecondsText(2'500'000), "2.5 s");
+  EXPECT_EQ(spanText(-1), "0.0 s");
+  EXPECT_EQ(spanText(61), "61 s");
+  EXPECT_EQ(spanText(600), "10 min");
+  EXPECT_EQ(spanText(86400), "24 h");
+  EXPECT_EQ(spanText(864000), "10 d");
+}
+
+}  // namespace
+}  // namespace ostravel::companion

@@ -1,0 +1,268 @@
+"""What ostravelctl says about the system is what was done."""
+
+import fcntl
+import json
+import os
+import pty
+import select
+import signal
+import socket
+import stat
+import struct
+import termios
+import time
+
+import pytest
+
+from Laboratory.network import THERE4
+from laboratory import CURL, PEER_PORT, eventually, remote
+from origins import tell_peer
+
+PROXIED, DIRECT, UNREACHABLE = 0, 1, 3
+# No user of this machine.
+ORDINARY_USER = 43434
+
+
+def latest(laboratory):
+    """The last decision about a flow of ours."""
+    return decisions(laboratory)[-1]
+
+
+def decisions(laboratory):
+    return [json.loads(line) for line in laboratory.control("--json", "flows").stdout.splitlines()]
+
+
+def wait_for_reason(laboratory, reason):
+    eventually(
+        lambda: laboratory.asked("status")["proxying"]["reason"] == reason,
+        f"the status says {reason}",
+    )
+
+
+def test_what_is_counted_equals_what_was_done(laboratory):
+    laboratory.serve(80, tell_peer)
+    laboratory.start_system()
+    before = laboratory.asked("status")
+    assert before["proxying"]["active"] and before["gate"]["state"] == "open"
+    mark = laboratory.events.mark()
+    for _ in range(3):
+        assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+        flow = laboratory.events.flow_to(remote(THERE4, 80), mark)
+        mark = laboratory.events.mark()
+    eventually(lambda: not latest(laboratory)["open"], "the last tunnel is closed")
+
+    status = laboratory.asked("status")
+    assert status["flows"]["proxied"] == before["flows"]["proxied"] + 3
+    handshakes = [each["handshakes"]["outcomes"]["established"] for each in (before, status)]
+    assert handshakes[1] == handshakes[0] + 3
+    assert status["handshakes"]["pending_now"] == status["tunnels"]["now"] == 0
+    assert status["verdicts"]["time"]["count"] >= 3
+    assert status["guardian"] == "running" and status["queue"]["dropped"] == 0
+
+    last = latest(laboratory)
+    assert last["application"] == CURL and last["destination"] == remote(THERE4, 80)
+    assert (last["action"], last["reason"], last["outcome"]) == ("proxied", "proxied", "closed")
+    assert last["flow_id"] == flow[0]["flow_id"]
+    assert last["bytes_sent"] > 50 and last["bytes_received"] > 50
+    steps = last["steps_us"]
+    assert 0 < steps["decided"] <= steps["established"] <= steps["ended"]
+    assert 0 <= steps["connected"] <= steps["established"] and last["handshake_ms"] > 0
+
+    shown = laboratory.control("status")
+    assert shown.returncode == PROXIED
+    lines = shown.stdout.splitlines()
+    assert lines[0].startswith("New connections are proxied by ")
+    assert len(lines) <= 24 and max(map(len, lines)) <= 80
+
+
+def test_a_tunnel_is_listed_while_it_is_open(laboratory):
+    laboratory.start_pattern_origin(80)
+    laboratory.start_system()
+    with laboratory.connect(THERE4, 80):
+        eventually(
+            lambda: [flow for flow in json.loads(ask(laboratory, "tunnels"))["result"]["tunnels"]
+                     if flow["outcome"] == "established"],
+            "the tunnel is listed",
+        )
+    eventually(
+        lambda: json.loads(ask(laboratory, "tunnels"))["result"]["count"] == 0, "no tunnel is listed"
+    )
+
+
+def ask(laboratory, request):
+    """One request as any program can send it."""
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect(laboratory.control_path)
+        client.sendall(json.dumps({"version": 1, "request": request}).encode() + b"\n")
+        return b"".join(iter(lambda: client.recv(65536), b"")).decode()
+
+
+def test_a_dead_proxy_is_named_and_its_return_too(laboratory):
+    laboratory.serve(80, tell_peer)
+    proxy, _ = laboratory.start_system()
+    proxy.kill()
+    wait_for_reason(laboratory, "proxy_unreachable")
+    shown = laboratory.control("status")
+    assert shown.returncode == DIRECT
+    assert shown.stdout.startswith("New connections go direct: nothing answers on 127.0.0.1:8080.\n")
+    assert laboratory.curl(f"http://{THERE4}/").way == "direct"
+    assert latest(laboratory)["reason"] in ("gate_closed", "no_handler", "proxy_unknown")
+    laboratory.start_sidecar()
+    wait_for_reason(laboratory, "proxied")
+
+
+def test_a_hung_proxy_is_named_with_what_it_hit(laboratory):
+    laboratory.serve(80, tell_peer)
+    proxy, _ = laboratory.start_system(laboratory.start_local_proxy)
+    proxy.behave(answer="", then="hold")
+    begin = time.time()
+    assert laboratory.curl(f"http://{THERE4}/").way == "direct"
+    wait_for_reason(laboratory, "proxy_not_answering")
+    hit = [flow for flow in decisions(laboratory) if flow["outcome"] == "timed_out"]
+    assert [flow["application"] for flow in hit] == [CURL]
+    assert hit[0]["steps_us"]["ended"] > 4_000_000
+    assert laboratory.asked("status")["proxying"]["since"] > begin
+    proxy.behave()
+    eventually(
+        lambda: laboratory.curl(f"http://{THERE4}/").way == "proxied", "the proxy is used again"
+    )
+    wait_for_reason(laboratory, "proxied")
+
+
+def test_a_refusal_is_shown_with_the_proxys_words(laboratory):
+    laboratory.serve(80, tell_peer)
+    proxy, _ = laboratory.start_system(laboratory.start_local_proxy)
+    proxy.behave(answer="HTTP/1.1 403 Forbidden\r\n\r\n", then="end")
+    laboratory.curl(f"http://{THERE4}/")
+    last = latest(laboratory)
+    assert (last["outcome"], last["detail"]) == ("rejected", "HTTP/1.1 403 Forbidden")
+
+
+def test_explains_a_flow_without_one(laboratory):
+    laboratory.register({CURL: "com.mullvad.vpn"})
+    _, extension = laboratory.start_system()
+    examined = laboratory.asked("status")["flows"]["offered"]
+
+    def reason(*subjects):
+        return laboratory.asked("explain", *subjects)["reason"]
+
+    assert reason("example.org") == "proxied"
+    assert reason("example.org", "--udp") == "quic_refused"
+    assert reason("zoom.us", "--udp") == "realtime_media"
+    assert reason("www.digicert.com:443") == "exempt_host"
+    assert reason("example.org:22") == "port_not_selected"
+    assert reason("127.0.0.1:8080") == "to_the_proxy"
+    assert reason(CURL, "example.org") == "exempt_application"
+    assert reason(str(os.getpid())) == "proxied"
+    answer = laboratory.asked("explain", CURL)
+    assert (answer["application"], answer["application_from"]) == ("com.mullvad.vpn", "registration")
+    assert laboratory.control("explain", "4194304").returncode == 1
+    shown = laboratory.control("explain", CURL, "example.org").stdout
+    assert shown.endswith("direct (exempt_application)\n")
+    assert laboratory.asked("status")["flows"]["offered"] == examined
+
+    laboratory.register({}, extension)
+    reloaded = laboratory.asked("reload")
+    assert (reloaded["registrations"], reloaded["replaced"]) == (0, True)
+    assert reason(CURL, "example.org") == "proxied"
+    laboratory.register("no JSON", extension)
+    assert laboratory.control("reload").returncode == 1
+
+
+def test_follows_flows_as_they_are_decided(laboratory):
+    laboratory.serve(80, tell_peer)
+    laboratory.start_system()
+    following = laboratory.start(
+        [laboratory.program_path("ostravelctl"), "--socket", laboratory.control_path, "flows",
+         "--follow"],
+        name="ostravelctl",
+    )
+    mark = following.output.mark()
+    assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+    line = following.output.wait(
+        lambda line: remote(THERE4, 80) in line and " closed " in line, mark
+    )
+    assert line is not None and CURL in line
+
+
+def test_only_root_and_the_group_may_ask(laboratory):
+    laboratory.start_system()
+    mode = stat.S_IMODE(os.stat(laboratory.control_path).st_mode)
+    assert mode in (0o600, 0o660)
+    program = laboratory.copy_of(laboratory.program_path("ostravelctl"), "ostravelctl")
+    done = laboratory.run_application(
+        "setpriv", "--reuid", str(ORDINARY_USER), "--regid", str(ORDINARY_USER), "--clear-groups",
+        program, "--socket", laboratory.control_path, "status",
+    )
+    assert done.returncode == UNREACHABLE
+    assert "only root and members of the group ostravel" in done.stderr
+
+
+def test_the_socket_of_a_killed_extension_is_replaced(laboratory):
+    _, extension = laboratory.start_system()
+    extension.kill()
+    assert os.path.exists(laboratory.control_path)
+    done = laboratory.control("status")
+    assert done.returncode == UNREACHABLE and "is not running" in done.stderr
+    extension = laboratory.start_extension()
+    assert laboratory.asked("status")["program"]["pid"] == extension.pid
+    # Another instance leaves it alone, wherever it runs.
+    other = laboratory.run_extension(namespace=laboratory.there)
+    other.expect(other.errors, "another program listens there")
+    other.close()
+    assert laboratory.asked("status")["program"]["pid"] == extension.pid
+    extension.process.send_signal(signal.SIGTERM)
+    extension.process.wait(timeout=20)
+    assert not os.path.exists(laboratory.control_path)
+
+
+class Screen:
+    """A terminal in which a program runs."""
+
+    def __init__(self, *arguments, rows=24, columns=80):
+        environment = {**os.environ, "TERM": "xterm-256color", "LC_ALL": "C.UTF-8"}
+        self.pid, self.terminal = pty.fork()
+        if self.pid == 0:
+            os.execve(arguments[0], arguments, environment)
+        self.written = b""
+        self.resize(rows, columns)
+
+    def resize(self, rows, columns):
+        fcntl.ioctl(self.terminal, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def wait_for(self, text, seconds=20):
+        end = time.monotonic() + seconds
+        while text.encode() not in self.written and time.monotonic() < end:
+            if select.select([self.terminal], [], [], 0.1)[0]:
+                try:
+                    self.written += os.read(self.terminal, 65536)
+                except OSError:
+                    break
+        assert text.encode() in self.written, self.written[-2000:]
+
+    def type(self, keys):
+        os.write(self.terminal, keys.encode())
+
+    def exit_status(self):
+        try:
+            while os.read(self.terminal, 65536):
+                pass
+        except OSError:
+            pass
+        os.close(self.terminal)
+        return os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
+
+
+@pytest.mark.parametrize("size", [(24, 80), (10, 40)])
+def test_top_shows_a_screen_of_any_size(laboratory, size):
+    laboratory.serve(PEER_PORT + 1, tell_peer)
+    laboratory.start_system()
+    screen = Screen(
+        laboratory.program_path("ostravelctl"), "--socket", laboratory.control_path,
+        "top", rows=size[0], columns=size[1],
+    )
+    screen.wait_for("New connections are proxied by"[: size[1]])
+    screen.resize(30, 100)
+    screen.wait_for("APPLICATION")
+    screen.type("q")
+    assert screen.exit_status() == 0
