@@ -160,6 +160,7 @@ FlowListener::Accepted FlowListener::acceptOne(Socket& listener) {
   }
   const int error = errno;
   if (error == EAGAIN) {
+    listener.socket.nothingToRead();
     return Accepted::none;
   }
   if (concernsOneConnection(error)) {
