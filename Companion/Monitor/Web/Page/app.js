@@ -200,7 +200,7 @@
         box.setAttribute('aria-label', `${chart.title}: ${keys.map((key) => key.textContent).join(', ')}`);
       };
       const plot = new uPlot({
-        width: Math.max(place.clientWidth, 100), height: 120, padding: [6, 8, 0, 0],
+        width: Math.max(place.clientWidth, 100), height: 120, padding: [6, 26, 0, 0],
         legend: {show: false},
         cursor: {sync: {key: 'time'}, drag: {x: false, y: false}, points: {size: 5}, y: false},
         scales: {
