@@ -10,6 +10,12 @@ void ServiceStatus::setProxy(const std::string& proxy) {
 }
 
 void ServiceStatus::beat(std::optional<bool> isGateOpen, Clock::time_point now) {
+  // Outside the lock: a service manager that has stopped reading must not stop an event loop in
+  // setProxy.
+  notify_(nextAssignments(isGateOpen, now));
+}
+
+std::string ServiceStatus::nextAssignments(std::optional<bool> isGateOpen, Clock::time_point now) {
   const std::lock_guard guard(lock_);
   if (!firstBeat_) {
     firstBeat_ = now;
@@ -23,7 +29,7 @@ void ServiceStatus::beat(std::optional<bool> isGateOpen, Clock::time_point now) 
     assignments += "\nSTATUS=" + current;
     lastText_ = std::move(current);
   }
-  notify_(assignments);
+  return assignments;
 }
 
 std::string ServiceStatus::text(std::optional<bool> isGateOpen) const {

@@ -30,6 +30,7 @@ class ServiceStatus {
   void beat(std::optional<bool> isGateOpen, Clock::time_point now);
 
  private:
+  std::string nextAssignments(std::optional<bool> isGateOpen, Clock::time_point now);
   std::string text(std::optional<bool> isGateOpen) const;
 
   const Notify notify_;

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ostravel::linuxplatform {
@@ -57,6 +59,23 @@ TEST_F(ServiceStatusTest, NamesTheProxyWhileTheGateIsOpen) {
   status_.setProxy("");
   EXPECT_EQ(beat(true),
             "WATCHDOG=1\nSTATUS=Gate open: no proxy that serves all users on 127.0.0.1:8080");
+}
+
+// The service manager does not read, and an event loop reports the proxy.
+TEST(ServiceStatusStallTest, AStalledNotificationDelaysNobodyElse) {
+  std::string sent;
+  bool isInside = false;
+  std::optional<ServiceStatus> status;
+  status.emplace([&](const std::string& assignments) {
+    sent = assignments;
+    if (!std::exchange(isInside, true)) {
+      status->setProxy("sidecar (process 7, user 0)");
+    }
+  });
+  const ServiceStatus::Clock::time_point begin;
+  status->beat(true, begin);
+  status->beat(true, begin);
+  EXPECT_EQ(sent, "WATCHDOG=1\nSTATUS=Gate open: the local proxy is sidecar (process 7, user 0)");
 }
 
 }  // namespace
