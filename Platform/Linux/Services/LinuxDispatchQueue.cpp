@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include "Platform/Linux/Services/LocalTurns.h"
@@ -16,6 +17,15 @@ namespace {
 
 // After this many items the thread is passed to other queues.
 constexpr int kItemsPerTurn = 64;
+
+// The one copy of this text.
+const std::string& keptLabel(std::string label) {
+  static std::mutex lock;
+  // Never destroyed, because queues may outlive what is.
+  static auto& labels = *new std::set<std::string>;
+  const std::lock_guard guard(lock);
+  return *labels.insert(std::move(label)).first;
+}
 
 }  // namespace
 
@@ -76,9 +86,7 @@ class LinuxDispatchQueue::EntryList {
 class LinuxDispatchQueue::State final : public WorkerPool::Client,
                                         public std::enable_shared_from_this<State> {
  public:
-  explicit State(WorkerPool& pool) : pool_(pool) {}
-
-  void itemsNeverBlock() { mayRunLocally_ = true; }
+  State(WorkerPool& pool, bool mayRunLocally) : pool_(pool), mayRunLocally_(mayRunLocally) {}
 
   void submit(Access access, Work work) {
     auto entry = std::make_unique<Entry>(access, std::move(work));
@@ -266,8 +274,7 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
   }
 
   WorkerPool& pool_;
-  // Set before the first item.
-  bool mayRunLocally_ = false;
+  const bool mayRunLocally_;
   std::atomic<std::uint32_t> word_ = 0;
   // The pool was asked to run the exclusive item at the front and has not started.
   bool isPoolCalled_ = false;
@@ -281,30 +288,43 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
 };
 
 LinuxDispatchQueue::LinuxDispatchQueue(WorkerPool& pool, std::string label, DispatchQueueKind kind)
-    : label_(std::move(label)),
-      usualAccess_(kind == DispatchQueueKind::serial ? Access::exclusive : Access::shared),
-      state_(std::make_shared<State>(pool)) {}
+    : pool_(pool),
+      label_(keptLabel(std::move(label))),
+      usualAccess_(kind == DispatchQueueKind::serial ? Access::exclusive : Access::shared) {}
 
 LinuxDispatchQueue::~LinuxDispatchQueue() = default;
 
 void LinuxDispatchQueue::itemsNeverBlock() {
-  state_->itemsNeverBlock();
+  neverBlocks_ = true;
+}
+
+LinuxDispatchQueue::State& LinuxDispatchQueue::state() {
+  if (!hasState_.load(std::memory_order_acquire)) {
+    // One for all queues, which need it once each.
+    static std::mutex lock;
+    const std::lock_guard guard(lock);
+    if (!state_) {
+      state_ = std::make_shared<State>(pool_, neverBlocks_);
+      hasState_.store(true, std::memory_order_release);
+    }
+  }
+  return *state_;
 }
 
 void LinuxDispatchQueue::async(Work work) {
-  state_->submit(usualAccess_, std::move(work));
+  state().submit(usualAccess_, std::move(work));
 }
 
 void LinuxDispatchQueue::asyncBarrier(Work work) {
-  state_->submit(Access::exclusive, std::move(work));
+  state().submit(Access::exclusive, std::move(work));
 }
 
 void LinuxDispatchQueue::runSync(const Work& work) {
-  state_->runAndWait(usualAccess_, work);
+  state().runAndWait(usualAccess_, work);
 }
 
 void LinuxDispatchQueue::runSyncBarrier(const Work& work) {
-  state_->runAndWait(Access::exclusive, work);
+  state().runAndWait(Access::exclusive, work);
 }
 
 }  // namespace ostravel::linuxplatform

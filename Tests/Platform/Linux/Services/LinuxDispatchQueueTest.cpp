@@ -46,6 +46,20 @@ TEST_F(LinuxDispatchQueueTest, HasItsLabel) {
   EXPECT_EQ(serial_->label(), "com.ostravel.test");
 }
 
+// What a queue needs for items is made for the first one.
+TEST_F(LinuxDispatchQueueTest, SeveralThreadsMaySubmitTheFirstItem) {
+  for (int round = 0; round < 100; ++round) {
+    const auto queue = make(DispatchQueueKind::serial);
+    int count = 0;
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < 3; ++number) {
+      threads.emplace_back([&queue, &count] { queue->sync([&count] { ++count; }); });
+    }
+    threads.clear();
+    EXPECT_EQ(count, 3);
+  }
+}
+
 TEST_F(LinuxDispatchQueueTest, SerialItemsRunInOrder) {
   std::vector<int> order;
   for (int i = 0; i < 10000; ++i) {
