@@ -20,8 +20,9 @@
 
 namespace ostravel::companion {
 
-// Sends the messages of this machine to the stream of the fleet, each at least once and in order,
-// from a thread of its own. Owned by main.
+// Sends the messages of this machine to the stream of the fleet, each at least once, from a thread
+// of its own. They are in order there, except that one that has to be sent again can come later.
+// Owned by main.
 //
 // Every message goes to the spool first, and leaves it when the server has acknowledged that it is
 // stored. A window of them is under way at a time; one whose acknowledgement does not come is sent
