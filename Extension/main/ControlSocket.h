@@ -19,7 +19,8 @@ class ControlSocket {
   static constexpr const char* kGroup = "ostravel";
 
   // Listens at the path, without one at kDefaultPath. The folder of the latter is made if it is
-  // missing, and removed in the end if nothing else is in it. A failure is a problem() and no exception.
+  // missing, and removed in the end if nothing else is in it. A failure is a problem() and no
+  // exception.
   explicit ControlSocket(const std::optional<std::string>& path);
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;

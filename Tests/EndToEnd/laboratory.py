@@ -217,9 +217,11 @@ class Laboratory:
 
     def control(self, *arguments):
         """Runs ostravelctl to its end."""
-        return self.run_application(
+        done = self.run_application(
             self.program_path("ostravelctl"), "--socket", self.control_path, *arguments
         )
+        done.stdout, done.stderr = done.stdout.decode(), done.stderr.decode()
+        return done
 
     def asked(self, *arguments):
         """The answer of the extension, from ostravelctl --json."""

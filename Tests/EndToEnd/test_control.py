@@ -42,6 +42,7 @@ def wait_for_reason(laboratory, reason):
 def test_what_is_counted_equals_what_was_done(laboratory):
     laboratory.serve(80, tell_peer)
     laboratory.start_system()
+    wait_for_reason(laboratory, "proxied")
     before = laboratory.asked("status")
     assert before["proxying"]["active"] and before["gate"]["state"] == "open"
     mark = laboratory.events.mark()
@@ -141,6 +142,7 @@ def test_a_refusal_is_shown_with_the_proxys_words(laboratory):
 def test_explains_a_flow_without_one(laboratory):
     laboratory.register({CURL: "com.mullvad.vpn"})
     _, extension = laboratory.start_system()
+    wait_for_reason(laboratory, "proxied")
     examined = laboratory.asked("status")["flows"]["offered"]
 
     def reason(*subjects):
@@ -195,7 +197,7 @@ def test_only_root_and_the_group_may_ask(laboratory):
         program, "--socket", laboratory.control_path, "status",
     )
     assert done.returncode == UNREACHABLE
-    assert "only root and members of the group ostravel" in done.stderr
+    assert "only root and members of the group ostravel" in done.stderr.decode()
 
 
 def test_the_socket_of_a_killed_extension_is_replaced(laboratory):
