@@ -6,7 +6,7 @@ build_packages=(
   build-essential cmake ninja-build pkg-config clang
   libasio-dev libbpf-dev libc-ares-dev libcli11-dev libcpp-httplib-dev libicu-dev
   libjansson-dev libmnl-dev
-  libnats-dev libncurses-dev libnetfilter-queue-dev libnftnl-dev libsystemd-dev zlib1g-dev
+  libnats-dev libncurses-dev libnetfilter-queue-dev libnftnl-dev libseccomp-dev libsystemd-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 # Wanted by the demonstration.

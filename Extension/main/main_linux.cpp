@@ -30,6 +30,7 @@
 #include "Extension/main/Privileges.h"
 #include "Extension/main/ProxyingState.h"
 #include "Extension/main/ServiceStatus.h"
+#include "Extension/main/SystemCallFilter.h"
 #include "Extension/main/SystemCheck.h"
 #include "Platform/Linux/Control/ControlServer.h"
 #include "Platform/Linux/Kernel/PacketResender.h"
@@ -157,6 +158,15 @@ int printRules(const CommandLine::Options& options) {
   return rules ? print(*rules) : fail(rules.error());
 }
 
+// A sanitizer runs programs and looks at its own threads at the end.
+platform::OptionalError restrictSystemCalls() {
+#ifdef OSTRAVEL_SANITIZED
+  return std::nullopt;
+#else
+  return linuxplatform::SystemCallFilter::install();
+#endif
+}
+
 int run(int argc, char** argv) {
   const auto commandLine = CommandLine::parse(argc, argv);
   if (!commandLine.options) {
@@ -191,6 +201,7 @@ int run(int argc, char** argv) {
   if (const auto error = linuxplatform::Privileges::giveUpUnused()) {
     return fail(*error);
   }
+  const auto unrestricted = restrictSystemCalls();
   const sigset_t takenSignals = takeOverSignals();
   const bool endsOnHangUp = hasTerminal();
 
@@ -204,6 +215,9 @@ int run(int argc, char** argv) {
     report(platform.defaultLog(), {"There is no journal: the log goes to standard error"});
   }
   report(platform.defaultLog(), privileges.losses());
+  if (unrestricted) {
+    report(platform.defaultLog(), {unrestricted->localizedDescription});
+  }
   if (*configuration) {
     report(platform.defaultLog(),
            linuxplatform::configurationWarnings(**configuration,

@@ -1,0 +1,144 @@
+#include "Extension/main/SystemCallFilter.h"
+
+#include <sched.h>
+#include <seccomp.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <type_traits>
+
+namespace ostravel::linuxplatform {
+namespace {
+
+// Those that an architecture does not have are left out.
+constexpr std::array kPermitted{
+    // Memory
+    "brk", "madvise", "membarrier", "mmap", "mprotect", "mremap", "munmap",
+    // Threads
+    "arch_prctl", "exit", "exit_group", "futex", "futex_waitv", "get_robust_list", "gettid",
+    "prctl", "restart_syscall", "rseq", "sched_get_priority_max", "sched_get_priority_min",
+    "sched_getaffinity", "sched_getparam", "sched_getscheduler", "sched_setscheduler",
+    "sched_yield", "set_robust_list", "set_tid_address", "setpriority",
+    // Time
+    "clock_getres", "clock_gettime", "clock_nanosleep", "gettimeofday", "nanosleep", "time",
+    "timerfd_create", "timerfd_gettime", "timerfd_settime",
+    // Signals and the guardian
+    "kill", "pause", "pidfd_open", "pidfd_send_signal", "rt_sigaction", "rt_sigpending",
+    "rt_sigprocmask", "rt_sigreturn", "rt_sigsuspend", "rt_sigtimedwait", "rt_tgsigqueueinfo",
+    "sigaltstack", "tgkill", "wait4", "waitid",
+    // What the process is
+    "capget", "capset", "getcpu", "getegid", "geteuid", "getgid", "getgroups", "getpgid", "getpgrp",
+    "getpid", "getppid", "getpriority", "getrandom", "getresgid", "getresuid", "getrlimit",
+    "getrusage", "getsid", "getuid", "prlimit64", "setrlimit", "sysinfo", "umask", "uname",
+    // Files; those that change them are for the control socket, the journal and the log
+    "access", "chdir", "chmod", "chown", "close", "close_range", "dup", "dup2", "dup3", "faccessat",
+    "faccessat2", "fadvise64", "fchmod", "fchmodat", "fchown", "fchownat", "fcntl", "fdatasync",
+    "fgetxattr", "flock", "fstat", "fstatfs", "fsync", "ftruncate", "getcwd", "getdents",
+    "getdents64", "getxattr", "inotify_add_watch", "inotify_init1", "inotify_rm_watch", "ioctl",
+    "lgetxattr", "lseek", "lstat", "memfd_create", "mkdir", "mkdirat", "name_to_handle_at",
+    "newfstatat", "open", "openat", "openat2", "pread64", "preadv", "preadv2", "pwrite64",
+    "pwritev", "pwritev2", "read", "readlink", "readlinkat", "readv", "rename", "renameat",
+    "renameat2", "rmdir", "stat", "statfs", "statx", "unlink", "unlinkat", "write", "writev",
+    // Waiting, pipes
+    "epoll_create", "epoll_create1", "epoll_ctl", "epoll_pwait", "epoll_pwait2", "epoll_wait",
+    "eventfd", "eventfd2", "pipe", "pipe2", "poll", "ppoll", "pselect6", "select", "signalfd4",
+    "splice", "tee",
+    // Sockets
+    "accept", "accept4", "bind", "connect", "getpeername", "getsockname", "getsockopt", "listen",
+    "recvfrom", "recvmmsg", "recvmsg", "sendmmsg", "sendmsg", "sendto", "setsockopt", "shutdown",
+    "socket", "socketpair",
+    // The recording of connects, with a view of the control groups that is mounted nowhere
+    "bpf", "fsconfig", "fsmount", "fsopen"};
+
+constexpr std::array kDeadly{"execve",
+                             "execveat",
+                             "ptrace",
+                             "process_vm_readv",
+                             "process_vm_writev",
+                             "mount",
+                             "umount2",
+                             "pivot_root",
+                             "chroot",
+                             "open_tree",
+                             "move_mount",
+                             "mount_setattr",
+                             "setns",
+                             "unshare",
+                             "init_module",
+                             "finit_module",
+                             "delete_module",
+                             "kexec_load",
+                             "kexec_file_load",
+                             "reboot",
+                             "swapon",
+                             "swapoff",
+                             "open_by_handle_at",
+                             "keyctl",
+                             "add_key",
+                             "request_key",
+                             "io_uring_setup",
+                             "userfaultfd",
+                             "settimeofday",
+                             "clock_settime"};
+
+struct Release {
+  void operator()(void* filter) const { ::seccomp_release(filter); }
+};
+using Filter = std::unique_ptr<std::remove_pointer_t<scmp_filter_ctx>, Release>;
+
+// False with errno when the rules cannot be made.
+template <typename Names>
+bool add(void* filter, std::uint32_t action, const Names& names) {
+  return std::all_of(names.begin(), names.end(), [filter, action](const char* name) {
+    const int number = ::seccomp_syscall_resolve_name(name);
+    if (number < 0) {
+      return true;
+    }
+    const int result = ::seccomp_rule_add_array(filter, action, number, 0, nullptr);
+    errno = -result;
+    return result == 0;
+  });
+}
+
+// The thread of a process, but no other process. clone3(2) fails with ENOSYS, because its flags
+// cannot be looked at.
+bool permitThreads(void* filter) {
+  const scmp_arg_cmp isThread{
+      .arg = 0, .op = SCMP_CMP_MASKED_EQ, .datum_a = CLONE_THREAD, .datum_b = CLONE_THREAD};
+  const int result =
+      ::seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(clone), 1, &isThread);
+  errno = -result;
+  return result == 0;
+}
+
+bool set(void* filter, scmp_filter_attr attribute, std::uint32_t value) {
+  const int result = ::seccomp_attr_set(filter, attribute, value);
+  errno = -result;
+  return result == 0;
+}
+
+bool load(void* filter) {
+  const int result = ::seccomp_load(filter);
+  errno = -result;
+  return result == 0;
+}
+
+}  // namespace
+
+platform::OptionalError SystemCallFilter::install() {
+  const Filter filter(::seccomp_init(SCMP_ACT_ERRNO(ENOSYS)));
+  // A tree instead of a list; the kernel remembers the answers that depend on no argument.
+  constexpr std::uint32_t kBinaryTree = 2;
+  const bool isDone = filter && set(filter.get(), SCMP_FLTATR_CTL_OPTIMIZE, kBinaryTree) &&
+                      set(filter.get(), SCMP_FLTATR_CTL_TSYNC, 1) &&
+                      add(filter.get(), SCMP_ACT_ALLOW, kPermitted) &&
+                      add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadly) &&
+                      permitThreads(filter.get()) && load(filter.get());
+  return isDone ? std::nullopt
+                : platform::OptionalError(platform::systemCallError(
+                      errno, "system calls cannot be restricted (seccomp)"));
+}
+
+}  // namespace ostravel::linuxplatform
