@@ -22,15 +22,13 @@ class ControlPollerTest : public ::testing::Test {
       const std::string name = json_string_value(json_object_get(request.get(), "request"));
       if (name == "status") {
         ++rounds_;
-        if (rounds_ > script_.size()) {
+        if (rounds_ == script_.size() + 1) {
           done_.set_value();
-          rounds_ = 0;
-          script_.clear();
         }
         return JSONHandle(
             json_pack("{s:{s:b,s:s}}", "proxying", "active", 1, "message", "Proxied."));
       }
-      if (script_.empty()) {
+      if (rounds_ > script_.size()) {
         return ControlClient::Failure{"not_running", "the extension is not running"};
       }
       after_.push_back(json_integer_value(json_object_get(request.get(), "after")));
