@@ -45,10 +45,10 @@ void PacketTunnelProvider::probeProxyHealth() {
   const auto result = proxyReachabilityProbe().check();
   proxyHealthMonitor().recordProbeResult(result);
   hasProbed_ = true;
+  const double now = platform_.clock().secondsSince1970();
   {
     const std::lock_guard guard(healthLock_);
-    health_.lastProbe = {platform_.clock().secondsSince1970(),
-                         result == ProxyHealthProbeResult::reachable};
+    health_.lastProbe = {now, result == ProxyHealthProbeResult::reachable};
   }
   noteGate();
 }

@@ -28,6 +28,7 @@ struct SocketEndpoint {
   // The address as such a literal.
   std::string addressText() const;
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): means the zero that comparisons are rewritten with
   friend auto operator<=>(const SocketEndpoint&, const SocketEndpoint&) = default;
 };
 
@@ -38,6 +39,7 @@ struct FlowTuple {
   SocketEndpoint source;
   SocketEndpoint destination;
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): means the zero that comparisons are rewritten with
   friend auto operator<=>(const FlowTuple&, const FlowTuple&) = default;
 };
 

@@ -18,10 +18,11 @@ std::uint64_t OpenQuestions::add(Asked asked, Clock::time_point now) {
     return 0;
   }
   ++counts_[asked.user];
-  asked.number = ++last_;
-  byKey_.emplace(key, asked.number);
-  byNumber_.emplace(asked.number, Open{std::move(asked), now + kLifetime});
-  return last_;
+  const std::uint64_t number = ++last_;
+  asked.number = number;
+  byKey_.emplace(key, number);
+  byNumber_.emplace(number, Open{std::move(asked), now + kLifetime});
+  return number;
 }
 
 const OpenQuestions::Asked* OpenQuestions::find(std::uint16_t id, const FlowTuple& answer,
