@@ -34,6 +34,7 @@
 #include "Platform/Linux/Kernel/RoutingRules.h"
 #include "Platform/Linux/Names/DNSCopies.h"
 #include "Platform/Linux/Names/NameUse.h"
+#include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Services/LinuxSocketCalls.h"
 #include "Platform/Linux/Services/RelayLimits.h"
 
@@ -59,8 +60,7 @@ constexpr std::chrono::duration<double> kProbeTimeout = 350ms;
 constexpr rlim_t kFewDescriptors = 4096;
 
 std::vector<InterceptionTable::ListenerPorts> examplePorts(const PacketMarks& marks) {
-  const unsigned loops =
-      std::min(std::max(std::thread::hardware_concurrency(), 1U), marks.maximumEventLoops());
+  const unsigned loops = EventLoopGroup::usualCount(marks);
   std::vector<InterceptionTable::ListenerPorts> ports;
   for (unsigned loop = 0; loop < loops; ++loop) {
     const auto first = static_cast<std::uint16_t>(kFirstExamplePort + 2 * loop);

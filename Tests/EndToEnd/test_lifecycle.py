@@ -331,7 +331,7 @@ def test_2000_idle_tunnels_do_not_disturb(laboratory):
     eventually(lambda: len(os.listdir(f"/proc/{extension.pid}/fd")) < 100, "descriptors are free")
 
 
-@pytest.mark.parametrize("descriptors", [8, 16, 24])
+@pytest.mark.parametrize("descriptors", [8, 16, 20])
 def test_a_start_without_enough_descriptors_fails_in_one_line(laboratory, descriptors):
     done = laboratory.run_application(
         "prlimit", f"--nofile={descriptors}:{descriptors}",

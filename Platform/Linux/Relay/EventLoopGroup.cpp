@@ -19,15 +19,14 @@ unsigned usableCores() {
   return static_cast<unsigned>(CPU_COUNT(&cores));
 }
 
-// One for every two cores: the applications, the local proxy and the kernel need the others.
-unsigned usualCount() {
-  return std::max(usableCores() / 2, 1U);
-}
-
 }  // namespace
 
+unsigned EventLoopGroup::usualCount(const PacketMarks& marks) {
+  return std::clamp(usableCores() / 2, 1U, marks.maximumEventLoops());
+}
+
 EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, const PacketMarks& marks)
-    : EventLoopGroup(descriptors, usualCount(), marks) {}
+    : EventLoopGroup(descriptors, usualCount(marks), marks) {}
 
 EventLoopGroup::EventLoopGroup(DescriptorBudget& descriptors, unsigned count,
                                const PacketMarks& marks)
