@@ -56,46 +56,24 @@ constexpr const char* kQueueRuleChange = "queue rule";
 using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
 
 void addAliveSet(TableChanges& changes) {
-  changes.say(std::string("set ") + kAliveSet,
-              "{ type inet_proto; flags timeout; timeout " +
-                  std::to_string(InterceptionTable::kAliveTimeout.count()) + "ms; }");
-  constexpr std::uint32_t kSetId = 1;
-  const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
-  ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
-  ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kAliveSet);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_ID, kSetId);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, kTypeInetProtocol);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, 1);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT);
-  ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT,
-                      static_cast<std::uint64_t>(InterceptionTable::kAliveTimeout.count()));
-  changes.batch().add(
-      "set with time-outs", NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
-      [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
+  changes.add("set with time-outs", {.name = kAliveSet,
+                                     .id = 1,
+                                     .type = kTypeInetProtocol,
+                                     .typeName = "inet_proto",
+                                     .elementSize = 1,
+                                     .timeoutMilliseconds = static_cast<std::uint64_t>(
+                                         InterceptionTable::kAliveTimeout.count())});
 }
 
 // Users expire from it a few seconds after their last packet.
 void addRatesSet(TableChanges& changes) {
-  constexpr std::uint32_t kSetId = 2;
-  constexpr std::uint32_t kUsers = 65'535;
-  constexpr std::uint64_t kTimeoutMilliseconds = 5000;
-  changes.say(std::string("set ") + kRatesSet, "{ type uid; flags timeout, dynamic; size " +
-                                                   std::to_string(kUsers) + "; timeout " +
-                                                   std::to_string(kTimeoutMilliseconds) + "ms; }");
-  const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
-  ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
-  ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kRatesSet);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_ID, kSetId);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, kTypeUser);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(uid_t));
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT | NFT_SET_EVAL);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, kUsers);
-  ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT, kTimeoutMilliseconds);
-  changes.batch().add(
-      kRateSetChange, NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
-      [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
+  changes.add(kRateSetChange, {.name = kRatesSet,
+                               .id = 2,
+                               .type = kTypeUser,
+                               .typeName = "uid",
+                               .elementSize = sizeof(uid_t),
+                               .timeoutMilliseconds = 5000,
+                               .maximumCount = 65'535});
 }
 
 // A set without elements, named like the alive set, is enough to delete from and add to that set.

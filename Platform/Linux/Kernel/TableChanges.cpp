@@ -3,6 +3,7 @@
 #include <libmnl/libmnl.h>
 #include <libnftnl/chain.h>
 #include <libnftnl/rule.h>
+#include <libnftnl/set.h>
 #include <libnftnl/table.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
@@ -18,6 +19,7 @@ constexpr std::uint32_t kTableOwnerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than
 
 using TableHandle = std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)>;
 using ChainHandle = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
+using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
 
 }  // namespace
 
@@ -51,6 +53,30 @@ void TableChanges::addChain(const char* name, const Base* base) {
   batch_.add(
       std::string("chain ") + name, NFT_MSG_NEWCHAIN, NFPROTO_INET, NLM_F_CREATE,
       [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
+}
+
+void TableChanges::add(std::string change, const ExpiringSet& set) {
+  const bool isDynamic = set.maximumCount != 0;
+  say(std::string("set ") + set.name,
+      std::string("{ type ") + set.typeName + "; flags timeout" +
+          (isDynamic ? ", dynamic; size " + std::to_string(set.maximumCount) : "") + "; timeout " +
+          std::to_string(set.timeoutMilliseconds) + "ms; }");
+  const SetHandle handle(::nftnl_set_alloc(), &::nftnl_set_free);
+  ::nftnl_set_set_str(handle.get(), NFTNL_SET_TABLE, table_);
+  ::nftnl_set_set_str(handle.get(), NFTNL_SET_NAME, set.name);
+  ::nftnl_set_set_u32(handle.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
+  ::nftnl_set_set_u32(handle.get(), NFTNL_SET_ID, set.id);
+  ::nftnl_set_set_u32(handle.get(), NFTNL_SET_KEY_TYPE, set.type);
+  ::nftnl_set_set_u32(handle.get(), NFTNL_SET_KEY_LEN, set.elementSize);
+  ::nftnl_set_set_u32(handle.get(), NFTNL_SET_FLAGS,
+                      isDynamic ? NFT_SET_TIMEOUT | NFT_SET_EVAL : NFT_SET_TIMEOUT);
+  if (isDynamic) {
+    ::nftnl_set_set_u32(handle.get(), NFTNL_SET_DESC_SIZE, set.maximumCount);
+  }
+  ::nftnl_set_set_u64(handle.get(), NFTNL_SET_TIMEOUT, set.timeoutMilliseconds);
+  batch_.add(
+      std::move(change), NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
+      [&handle](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, handle.get()); });
 }
 
 void TableChanges::add(std::string change, const NetfilterRule& rule) {

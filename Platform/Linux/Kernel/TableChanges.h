@@ -22,6 +22,20 @@ class TableChanges {
     std::int32_t priority;
   };
 
+  // A set whose elements expire.
+  struct ExpiringSet {
+    const char* name;
+    // Distinguishes the sets of one table.
+    std::uint32_t id;
+    // Of the elements: for the kernel, in the words of nft(8), and in bytes.
+    std::uint32_t type;
+    const char* typeName;
+    std::uint32_t elementSize;
+    std::uint64_t timeoutMilliseconds;
+    // Of the elements that rules may add; 0 if rules add none.
+    std::uint32_t maximumCount = 0;
+  };
+
   // name: valid as long as this object.
   explicit TableChanges(const char* name);
 
@@ -30,6 +44,7 @@ class TableChanges {
   // A chain of a hook, which accepts what its rules do not decide about.
   void addChain(const char* name, const Base& base) { addChain(name, &base); }
   // change: what a failure of the batch calls it.
+  void add(std::string change, const ExpiringSet& set);
   void add(std::string change, const NetfilterRule& rule);
 
   // One command of the script: what is added, where, and its definition.

@@ -1,13 +1,8 @@
 #include "Platform/Linux/Names/DNSCopies.h"
 
 #include <arpa/inet.h>  // must precede <linux/in.h> (linux/libc-compat.h)
-#include <libmnl/libmnl.h>
-#include <libnftnl/set.h>
 #include <linux/netfilter.h>
-#include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter_ipv4.h>
-
-#include <memory>
 
 #include "Platform/Linux/Kernel/NetfilterRule.h"
 #include "Platform/Linux/Kernel/TableChanges.h"
@@ -34,24 +29,13 @@ constexpr std::uint32_t kAllPorts = 65'536;
 constexpr std::uint64_t kTimeoutMilliseconds = 10'000;
 
 void addAskingSet(TableChanges& changes) {
-  constexpr std::uint32_t kSetId = 1;
-  using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
-  changes.say(std::string("set ") + kAsking, "{ type inet_service; flags timeout, dynamic; size " +
-                                                 std::to_string(kAllPorts) + "; timeout " +
-                                                 std::to_string(kTimeoutMilliseconds) + "ms; }");
-  const SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
-  ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
-  ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kAsking);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_ID, kSetId);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_TYPE, kTypePort);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_KEY_LEN, sizeof(std::uint16_t));
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_FLAGS, NFT_SET_TIMEOUT | NFT_SET_EVAL);
-  ::nftnl_set_set_u32(set.get(), NFTNL_SET_DESC_SIZE, kAllPorts);
-  ::nftnl_set_set_u64(set.get(), NFTNL_SET_TIMEOUT, kTimeoutMilliseconds);
-  changes.batch().add(
-      "set of ports", NFT_MSG_NEWSET, NFPROTO_INET, NLM_F_CREATE,
-      [&set](nlmsghdr* header) { ::nftnl_set_nlmsg_build_payload(header, set.get()); });
+  changes.add("set of ports", {.name = kAsking,
+                               .id = 1,
+                               .type = kTypePort,
+                               .typeName = "inet_service",
+                               .elementSize = sizeof(std::uint16_t),
+                               .timeoutMilliseconds = kTimeoutMilliseconds,
+                               .maximumCount = kAllPorts});
 }
 
 TableChanges makeChanges(std::uint16_t group) {
