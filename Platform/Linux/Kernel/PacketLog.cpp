@@ -8,30 +8,26 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <string>
 
+#include "Platform/Linux/Kernel/PacketSubscription.h"
+
 namespace ostravel::linuxplatform {
+
+using platform::OptionalError;
 
 namespace {
 
-// Any free number will do; logging daemons use small ones.
-constexpr std::uint16_t kFirstGroup = 43100;
-constexpr std::uint16_t kLastGroup = 43131;
-
 // A copy, its attributes, and what the kernel adds to reach a page.
 constexpr std::size_t kMessageSize = PacketLog::kCopiedBytes + 4096;
-// A burst of a few hundred usual packets.
-constexpr int kReceiveBuffer = 1024 * 1024;
 
 struct alignas(nlmsghdr) Request : std::array<char, 256> {};
 
 nlmsghdr* putHeader(Request& request, std::uint16_t group) {
   nlmsghdr* const header = ::mnl_nlmsg_put_header(request.data());
   header->nlmsg_type = NFNL_SUBSYS_ULOG << 8U | NFULNL_MSG_CONFIG;
-  header->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-  header->nlmsg_seq = 1;
+  header->nlmsg_flags = NLM_F_REQUEST;
   auto* const extra =
       static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
   extra->nfgen_family = AF_UNSPEC;
@@ -40,34 +36,15 @@ nlmsghdr* putHeader(Request& request, std::uint16_t group) {
   return header;
 }
 
-// Waits for the acknowledgement; returns errno or 0.
-int send(mnl_socket* socket, const nlmsghdr* request) {
-  if (::mnl_socket_sendto(socket, request, request->nlmsg_len) < 0) {
-    return errno;
-  }
-  alignas(nlmsghdr) std::array<char, kMessageSize> answer;
-  while (true) {
-    const auto received = ::mnl_socket_recvfrom(socket, answer.data(), answer.size());
-    if (received < 0) {
-      return errno;
-    }
-    const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
-    // The group's first packets may come before the answer.
-    if (reply->nlmsg_type == NLMSG_ERROR) {
-      return -static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error;
-    }
-  }
-}
-
-int bindGroup(mnl_socket* socket, std::uint16_t group) {
+OptionalError bindGroup(mnl_socket* socket, std::uint16_t group) {
   Request request{};
   nlmsghdr* const header = putHeader(request, group);
   const nfulnl_msg_config_cmd command{.command = NFULNL_CFG_CMD_BIND};
   ::mnl_attr_put(header, NFULA_CFG_CMD, sizeof command, &command);
-  return send(socket, header);
+  return configure(socket, header);
 }
 
-int setMode(mnl_socket* socket, std::uint16_t group) {
+OptionalError setMode(mnl_socket* socket, std::uint16_t group) {
   Request request{};
   nlmsghdr* const header = putHeader(request, group);
   nfulnl_msg_config_mode mode{};
@@ -76,14 +53,7 @@ int setMode(mnl_socket* socket, std::uint16_t group) {
   ::mnl_attr_put(header, NFULA_CFG_MODE, sizeof mode, &mode);
   // Each packet is sent at once, before the application receives it.
   ::mnl_attr_put_u32(header, NFULA_CFG_QTHRESH, htonl(1));
-  return send(socket, header);
-}
-
-void setSocketOptions(int descriptor) {
-  const int on = 1;
-  // Lost copies are no error.
-  ::setsockopt(descriptor, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
-  ::setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
+  return configure(socket, header);
 }
 
 int readAttribute(const nlattr* attribute, void* into) {
@@ -94,8 +64,8 @@ int readAttribute(const nlattr* attribute, void* into) {
   return MNL_CB_OK;
 }
 
-platform::Error explain(int error) {
-  return platform::systemCallError(error,
+platform::Error explain(const platform::Error& error) {
+  return platform::systemCallError(static_cast<int>(error.code),
                                    "the kernel gives no copies of packets (module nfnetlink_log)");
 }
 
@@ -107,21 +77,16 @@ platform::Result<std::unique_ptr<PacketLog>> PacketLog::open() {
     return std::move(opened).error();
   }
   NetlinkSocket socket = *std::move(opened);
-  int error = EBUSY;
-  for (std::uint16_t group = kFirstGroup; group <= kLastGroup; ++group) {
-    error = bindGroup(socket.get(), group);
-    // Another process has it.
-    if (error == EBUSY || (error == EPERM && group != kLastGroup)) {
-      continue;
-    }
-    error = error == 0 ? setMode(socket.get(), group) : error;
-    if (error == 0) {
-      setSocketOptions(::mnl_socket_get_fd(socket.get()));
-      return std::unique_ptr<PacketLog>(new PacketLog(std::move(socket), group));
-    }
-    break;
+  const auto group =
+      takeFreeNumber([&](std::uint16_t number) { return bindGroup(socket.get(), number); });
+  if (!group) {
+    return explain(group.error());
   }
-  return explain(error);
+  if (const OptionalError error = setMode(socket.get(), *group)) {
+    return explain(*error);
+  }
+  makeRoomForPackets(socket.get());
+  return std::unique_ptr<PacketLog>(new PacketLog(std::move(socket), *group));
 }
 
 PacketLog::PacketLog(NetlinkSocket socket, std::uint16_t group)

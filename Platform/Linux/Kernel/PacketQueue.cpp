@@ -17,16 +17,14 @@
 #include <utility>
 
 #include "Platform/Interface/SystemLimits.h"
+#include "Platform/Linux/Kernel/PacketSubscription.h"
 
 namespace ostravel::linuxplatform {
 
 using platform::Error;
+using platform::OptionalError;
 
 namespace {
-
-// Any free number will do; the range must only be larger than the number of other users of it.
-constexpr std::uint16_t kFirstQueueNumber = 43100;
-constexpr std::uint16_t kLastQueueNumber = 43131;
 
 // The longest headers that the parser reads: IPv6, its extension headers, the ports.
 constexpr std::uint32_t kCopiedBytes = 256;
@@ -39,39 +37,16 @@ static_assert(kMaximumHeldPackets >= 4 * platform::limits::kMaxPendingHandshakes
 // A verdict that the kernel has no memory for is retried this often before it is deferred.
 constexpr int kAttemptsAtOnce = 4;
 
-constexpr std::size_t kMessageBuffer = 8192;
-// Room for every packet that may be held, with the kernel's own overhead.
-constexpr int kReceiveBuffer = 1024 * 1024;
-
 using MessageBuffer = std::array<char, 512>;
 
-// Sends one configuration request and waits for its acknowledgement; returns errno or 0.
-int configure(mnl_socket* socket, nlmsghdr* header) {
-  header->nlmsg_flags |= NLM_F_ACK;
-  header->nlmsg_seq = 1;
-  if (::mnl_socket_sendto(socket, header, header->nlmsg_len) < 0) {
-    return errno;
-  }
-  alignas(nlmsghdr) std::array<char, kMessageBuffer> answer;
-  const auto received = ::mnl_socket_recvfrom(socket, answer.data(), answer.size());
-  if (received < 0) {
-    return errno;
-  }
-  const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
-  if (reply->nlmsg_type != NLMSG_ERROR) {
-    return EPROTO;
-  }
-  return -static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error;
-}
-
-int bindQueue(mnl_socket* socket, std::uint16_t number) {
+OptionalError bindQueue(mnl_socket* socket, std::uint16_t number) {
   alignas(nlmsghdr) MessageBuffer buffer{};
   nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
   ::nfq_nlmsg_cfg_put_cmd(header, AF_UNSPEC, NFQNL_CFG_CMD_BIND);
   return configure(socket, header);
 }
 
-int setLimits(mnl_socket* socket, std::uint16_t number) {
+OptionalError setLimits(mnl_socket* socket, std::uint16_t number) {
   alignas(nlmsghdr) MessageBuffer buffer{};
   nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
   ::nfq_nlmsg_cfg_put_params(header, NFQNL_COPY_PACKET, kCopiedBytes);
@@ -82,14 +57,8 @@ int setLimits(mnl_socket* socket, std::uint16_t number) {
   return configure(socket, header);
 }
 
-void setSocketOptions(int descriptor) {
-  const int on = 1;
-  // A full buffer must not cause receive errors; the kernel accepts packets that do not fit.
-  ::setsockopt(descriptor, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
-  ::setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
-}
-
-Error explain(int error) {
+Error explain(const Error& reason) {
+  const int error = static_cast<int>(reason.code);
   const auto make = [error](std::string description) {
     return Error{std::string(platform::kPOSIXErrorDomain), error, std::move(description)};
   };
@@ -106,27 +75,19 @@ Error explain(int error) {
 platform::Result<std::unique_ptr<PacketQueue>> PacketQueue::open(Send send) {
   auto opened = openNetfilterSocket();
   if (!opened) {
-    return explain(static_cast<int>(opened.error().code));
+    return explain(opened.error());
   }
   NetlinkSocket socket = *std::move(opened);
-  int error = EBUSY;
-  for (std::uint16_t number = kFirstQueueNumber; number <= kLastQueueNumber; ++number) {
-    error = bindQueue(socket.get(), number);
-    // The queue of another process: the kernel answers that we may not change it.
-    if (error == EBUSY || (error == EPERM && number != kLastQueueNumber)) {
-      continue;
-    }
-    if (error == 0) {
-      error = setLimits(socket.get(), number);
-    }
-    if (error == 0) {
-      setSocketOptions(::mnl_socket_get_fd(socket.get()));
-      return std::unique_ptr<PacketQueue>(
-          new PacketQueue(std::move(socket), number, std::move(send)));
-    }
-    break;
+  const auto number =
+      takeFreeNumber([&](std::uint16_t candidate) { return bindQueue(socket.get(), candidate); });
+  if (!number) {
+    return explain(number.error());
   }
-  return explain(error);
+  if (const OptionalError error = setLimits(socket.get(), *number)) {
+    return explain(*error);
+  }
+  makeRoomForPackets(socket.get());
+  return std::unique_ptr<PacketQueue>(new PacketQueue(std::move(socket), *number, std::move(send)));
 }
 
 // Where messages are received, one for each packet.
@@ -284,7 +245,7 @@ bool PacketQueue::trySend(const Verdict& verdict) {
   return !isKept;
 }
 
-platform::OptionalError PacketQueue::failure() const {
+OptionalError PacketQueue::failure() const {
   if (receiveError_ != 0) {
     return platform::systemCallError(receiveError_, "receiving packets");
   }
