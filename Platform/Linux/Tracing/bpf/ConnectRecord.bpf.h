@@ -1,24 +1,14 @@
-// What the programs in the kernel record about a process that connects a socket, and the kernel's
-// interface that they share (bpf(2), bpf-helpers(7)), declared here so that no kernel headers have
-// to be installed.
+// What the programs in the kernel record about a process that connects a socket.
 
-typedef unsigned int u32;
-typedef unsigned long long u64;
-
-#define INLINE static inline __attribute__((always_inline))
-#define SECTION(name) __attribute__((section(name), used))
+#include "KernelInterface.bpf.h"
 
 enum {
-  kMapTypeLRUHash = 9,
   // Few sockets await the examination of their first packet; the map drops the least recently used.
   kMaximumSockets = 16384,
   kAllow = 1,
 };
 
-static void* (*const lookupElement)(void* map, const void* key) = (void*)1;
 static u64 (*const socketCookie)(void* context) = (void*)46;
-
-char licence[] SECTION("license") = "Dual MIT/GPL";
 
 // Must match ConnectRecord.h.
 struct Record {

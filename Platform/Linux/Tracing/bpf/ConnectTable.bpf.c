@@ -4,7 +4,8 @@
 //
 // Reading the kernel's own structures requires type information (/sys/kernel/btf/vmlinux) and two
 // helpers that are reserved for programs under a GPL-compatible licence (bpf_get_current_task_btf,
-// bpf_probe_read_kernel): hence the licence in ConnectRecord.bpf.h, which applies to this file too.
+// bpf_probe_read_kernel): hence the licence in KernelInterface.bpf.h, which applies to this file
+// too.
 
 #include "ConnectRecord.bpf.h"
 
@@ -39,7 +40,6 @@ enum {
   kMaximumMarked = 1024,
 };
 
-static long (*const deleteElement)(void* map, const void* key) = (void*)3;
 static long (*const setOption)(void* context, int level, int option, void* value,
                                int size) = (void*)49;
 static long (*const readKernel)(void* into, u32 size, const void* from) = (void*)113;
@@ -145,9 +145,6 @@ struct SocketOperation {
   u32 others[45];
   void* socket;
 };
-
-// The fields that are read. The loader finds their offsets in the running kernel.
-#define KERNEL_TYPE __attribute__((preserve_access_index))
 
 struct net {
   u64 net_cookie;

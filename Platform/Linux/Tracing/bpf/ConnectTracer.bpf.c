@@ -4,21 +4,14 @@
 // Compiled twice. With TRACE_PROGRAMS it also records which program the process was running at that
 // moment. For that it reads the kernel's own structures, which requires a kernel with type
 // information (/sys/kernel/btf/vmlinux, Linux 5.11) and a helper that is reserved for programs
-// under a GPL-compatible licence: hence the licence in ConnectRecord.bpf.h, which applies to this
+// under a GPL-compatible licence: hence the licence in KernelInterface.bpf.h, which applies to this
 // file too. Without TRACE_PROGRAMS it runs on older kernels, and no helper requires a licence.
 
 #include "ConnectRecord.bpf.h"
 
-enum { kUpdateAny = 0 };
-
-static long (*const updateElement)(void* map, const void* key, const void* value,
-                                   u64 flags) = (void*)2;
 static u64 (*const currentProcessAndThread)(void) = (void*)14;
 
 #ifdef TRACE_PROGRAMS
-
-// The fields that are read. The loader finds their offsets in the running kernel.
-#define KERNEL_TYPE __attribute__((preserve_access_index))
 
 typedef struct {
   u32 val;

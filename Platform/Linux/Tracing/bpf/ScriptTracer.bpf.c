@@ -3,30 +3,18 @@
 // everything that it has been passed. Changes nothing.
 //
 // The helpers that read the kernel's memory are reserved for programs under a GPL-compatible
-// licence: hence the licence below, which applies to this file.
+// licence: hence the licence in KernelInterface.bpf.h.
 
-typedef unsigned int u32;
-typedef unsigned long long u64;
-
-#define INLINE static inline __attribute__((always_inline))
-#define SECTION(name) __attribute__((section(name), used))
+#include "KernelInterface.bpf.h"
 
 enum {
-  kMapTypeLRUHash = 9,
-  kUpdateAny = 0,
   // Must match ScriptTracer.cpp.
   kPathSize = 256,
   // Scripts that have been started, and their children; the map drops the least recently used.
   kMaximumScripts = 4096,
 };
 
-static void* (*const lookupElement)(void* map, const void* key) = (void*)1;
-static long (*const updateElement)(void* map, const void* key, const void* value,
-                                   u64 flags) = (void*)2;
-static long (*const deleteElement)(void* map, const void* key) = (void*)3;
 static long (*const readText)(void* into, u32 size, const void* from) = (void*)115;
-
-char licence[] SECTION("license") = "Dual MIT/GPL";
 
 // Must match ScriptTracer.cpp.
 struct Script {
@@ -50,9 +38,6 @@ struct {
   struct Script* value;
   int (*max_entries)[kMaximumScripts];
 } scripts SECTION(".maps");
-
-// The fields that are read. The loader finds their offsets in the running kernel.
-#define KERNEL_TYPE __attribute__((preserve_access_index))
 
 struct super_block {
   u32 s_dev;
