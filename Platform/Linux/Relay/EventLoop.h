@@ -80,6 +80,17 @@ class EventLoop : private LocalTurns {
   // block.
   void post(Task work);
 
+  // Runs work with an object of this loop: now on the loop's thread, otherwise as posted work that
+  // keeps the object alive. From any thread.
+  template <typename Object, typename Work>
+  void runWith(Object& object, Work work) {
+    if (isCurrent()) {
+      work(object);
+      return;
+    }
+    post([shared = object.shared_from_this(), work = std::move(work)]() mutable { work(*shared); });
+  }
+
   // Ends the thread after the item that is running, and joins it. Nothing completes on this loop
   // afterwards: the pending completions of its streams are destroyed without running, and so are
   // the tunnels that only they keep alive. Idempotent; not from the loop itself.

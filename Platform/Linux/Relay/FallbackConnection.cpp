@@ -53,16 +53,6 @@ FallbackConnection::~FallbackConnection() {
   finishRead(std::nullopt, socketError(ECANCELED));
 }
 
-// Runs work(*this) at once when called on the loop, and posts it there from any other thread.
-template <typename Work>
-void FallbackConnection::runOnLoop(Work work) {
-  if (loop_.isCurrent()) {
-    work(*this);
-    return;
-  }
-  loop_.post([self = shared_from_this(), work = std::move(work)]() mutable { work(*self); });
-}
-
 std::shared_ptr<platform::TCPConnection> FallbackConnection::connection() const {
   const std::lock_guard guard(lock_);
   return connection_;
@@ -115,8 +105,8 @@ void FallbackConnection::observeValue(std::optional<std::string_view> /*keyPath*
 // Transfer
 
 void FallbackConnection::write(Data data, platform::ErrorCompletion completion) {
-  runOnLoop([data = std::move(data),
-             completion = std::move(completion)](FallbackConnection& self) mutable {
+  loop_.runWith(*this, [data = std::move(data),
+                        completion = std::move(completion)](FallbackConnection& self) mutable {
     if (self.stage_ == Stage::fresh) {
       self.noteRequest(data);
     }
@@ -138,16 +128,16 @@ void FallbackConnection::noteRequest(const Data& data) {
 
 void FallbackConnection::read(std::size_t minimum, std::size_t maximum,
                               platform::ReadCompletion completion) {
-  runOnLoop(
-      [minimum, maximum, completion = std::move(completion)](FallbackConnection& self) mutable {
-        if (self.stage_ != Stage::asked) {
-          self.connection_->read(minimum, maximum, std::move(completion));
-          return;
-        }
-        self.maximum_ = maximum;
-        self.completion_ = std::move(completion);
-        self.readAnswer();
-      });
+  loop_.runWith(*this, [minimum, maximum,
+                        completion = std::move(completion)](FallbackConnection& self) mutable {
+    if (self.stage_ != Stage::asked) {
+      self.connection_->read(minimum, maximum, std::move(completion));
+      return;
+    }
+    self.maximum_ = maximum;
+    self.completion_ = std::move(completion);
+    self.readAnswer();
+  });
 }
 
 void FallbackConnection::finishRead(std::optional<Data> data, OptionalError error) {

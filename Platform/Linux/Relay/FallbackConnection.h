@@ -61,8 +61,6 @@ class FallbackConnection final : public platform::TCPConnection,
  private:
   enum class Stage : std::uint8_t { fresh, asked, retrying, passing };
 
-  template <typename Work>
-  void runOnLoop(Work work);
   std::shared_ptr<platform::TCPConnection> connection() const;
   void observeConnection();
   void noteRequest(const platform::Data& data);

@@ -40,17 +40,6 @@ std::shared_ptr<LinuxTCPConnection> LinuxTCPConnection::connect(
 LinuxTCPConnection::LinuxTCPConnection(Private /*unused*/, EventLoop& loop)
     : stream_(loop, *this, loop.servedUser()) {}
 
-// Runs work(*this) at once when called on the loop, and posts it there from any other thread.
-template <typename Work>
-void LinuxTCPConnection::runOnLoop(Work work) {
-  EventLoop& loop = stream_.loop();
-  if (loop.isCurrent()) {
-    work(*this);
-    return;
-  }
-  loop.post([self = shared_from_this(), work = std::move(work)]() mutable { work(*self); });
-}
-
 platform::OptionalError LinuxTCPConnection::error() const {
   const int error = error_;
   return error == 0 ? std::nullopt : platform::OptionalError(socketError(error));
@@ -171,21 +160,21 @@ void LinuxTCPConnection::failToConnect(int error) {
 
 void LinuxTCPConnection::read(std::size_t minimum, std::size_t maximum,
                               platform::ReadCompletion completion) {
-  runOnLoop(
-      [minimum, maximum, completion = std::move(completion)](LinuxTCPConnection& self) mutable {
-        self.stream_.read(minimum, maximum, std::move(completion));
-      });
+  stream_.loop().runWith(*this, [minimum, maximum, completion = std::move(completion)](
+                                    LinuxTCPConnection& self) mutable {
+    self.stream_.read(minimum, maximum, std::move(completion));
+  });
 }
 
 void LinuxTCPConnection::write(platform::Data data, platform::ErrorCompletion completion) {
-  runOnLoop([data = std::move(data),
-             completion = std::move(completion)](LinuxTCPConnection& self) mutable {
+  stream_.loop().runWith(*this, [data = std::move(data), completion = std::move(completion)](
+                                    LinuxTCPConnection& self) mutable {
     self.stream_.write(std::move(data), std::move(completion));
   });
 }
 
 void LinuxTCPConnection::cancel() {
-  runOnLoop([](LinuxTCPConnection& self) { self.cancelOnLoop(); });
+  stream_.loop().runWith(*this, [](LinuxTCPConnection& self) { self.cancelOnLoop(); });
 }
 
 void LinuxTCPConnection::cancelOnLoop() {

@@ -53,8 +53,6 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   void cancel() override;
 
  private:
-  template <typename Work>
-  void runOnLoop(Work work);
   void start(const platform::HostEndpoint& endpoint);
   // Returns an errno, or 0 if the connection is in progress.
   int startConnecting(const platform::HostEndpoint& endpoint);

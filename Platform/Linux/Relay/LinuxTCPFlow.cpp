@@ -33,17 +33,6 @@ LinuxTCPFlow::~LinuxTCPFlow() {
   }
 }
 
-// Runs work(*this) at once when called on the loop, and posts it there from any other thread.
-template <typename Work>
-void LinuxTCPFlow::runOnLoop(Work work) {
-  EventLoop& loop = stream_.loop();
-  if (loop.isCurrent()) {
-    work(*this);
-    return;
-  }
-  loop.post([self = shared_from_this(), work = std::move(work)]() mutable { work(*self); });
-}
-
 std::optional<platform::HostEndpoint> LinuxTCPFlow::remoteEndpoint() const {
   return name_ ? platform::HostEndpoint{name_->host, remote_.port} : remote_;
 }
@@ -77,27 +66,30 @@ void LinuxTCPFlow::open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
 }
 
 void LinuxTCPFlow::read(platform::ReadCompletion completion) {
-  runOnLoop([completion = std::move(completion)](LinuxTCPFlow& self) mutable {
+  stream_.loop().runWith(*this, [completion = std::move(completion)](LinuxTCPFlow& self) mutable {
     self.releasePacket();
     self.stream_.read(1, limits::kMaximumChunk, std::move(completion));
   });
 }
 
 void LinuxTCPFlow::write(platform::Data data, platform::ErrorCompletion completion) {
-  runOnLoop(
-      [data = std::move(data), completion = std::move(completion)](LinuxTCPFlow& self) mutable {
-        self.releasePacket();
-        self.stream_.write(std::move(data), std::move(completion));
-      });
+  stream_.loop().runWith(*this, [data = std::move(data),
+                                 completion = std::move(completion)](LinuxTCPFlow& self) mutable {
+    self.releasePacket();
+    self.stream_.write(std::move(data), std::move(completion));
+  });
 }
 
 void LinuxTCPFlow::closeRead(OptionalError error) {
-  runOnLoop([error = std::move(error)](LinuxTCPFlow& self) { self.close(Direction::read, error); });
+  stream_.loop().runWith(*this, [error = std::move(error)](LinuxTCPFlow& self) {
+    self.close(Direction::read, error);
+  });
 }
 
 void LinuxTCPFlow::closeWrite(OptionalError error) {
-  runOnLoop(
-      [error = std::move(error)](LinuxTCPFlow& self) { self.close(Direction::write, error); });
+  stream_.loop().runWith(*this, [error = std::move(error)](LinuxTCPFlow& self) {
+    self.close(Direction::write, error);
+  });
 }
 
 void LinuxTCPFlow::releasePacket() {

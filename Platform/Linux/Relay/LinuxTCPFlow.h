@@ -61,8 +61,6 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
  private:
   enum class Stage : std::uint8_t { held, released, carried, ended };
 
-  template <typename Work>
-  void runOnLoop(Work work);
   std::optional<ConnectByName> connectByName() const;
   void releasePacket();
   void close(StreamSocket::Direction direction, const platform::OptionalError& error);
