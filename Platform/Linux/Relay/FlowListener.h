@@ -58,8 +58,6 @@ class FlowListener {
   // Keeps an expected waiter alive until it has been called.
   void keep(const std::shared_ptr<Waiter>& waiter);
 
-  std::size_t expectedCount() const { return expected_.size(); }
-
  private:
   struct Socket {
     explicit Socket(EventLoop& loop) : pause(loop.timers()) {}
