@@ -44,10 +44,7 @@ class ApplicationIdentifierSourceTest : public SenderSourceTest {
         registrations_.path(), proxyUsers_, ConnectTracer::Detail::programs, PacketMarks());
   }
 
-  FlowTuple connectFrom(Helper& helper) {
-    return flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", portOf(listener_)),
-                        portOf(listener_));
-  }
+  FlowTuple connectFrom(Helper& helper) { return testing::connectFrom(helper, listener_); }
 
   // On a busy machine one step of the search for the proxy may not be enough.
   std::string identifierOf(const FlowTuple& flow) {

@@ -105,10 +105,7 @@ class BorrowedIdentityTest : public SenderSourceTest {
         registrations_.path(), std::vector<uid_t>{}, detail);
   }
 
-  FlowTuple connectFrom(Helper& helper) {
-    return flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", portOf(listener_)),
-                        portOf(listener_));
-  }
+  FlowTuple connectFrom(Helper& helper) { return testing::connectFrom(helper, listener_); }
 
   std::string identifierOf(const FlowTuple& flow) {
     const auto identification = source_->identify(packetOf(flow), 0);

@@ -46,10 +46,7 @@ class NamedApplicationTest : public SenderSourceTest {
         std::vector<std::string>{kExempt});
   }
 
-  FlowTuple connectFrom(Helper& helper) {
-    return flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", portOf(listener_)),
-                        portOf(listener_));
-  }
+  FlowTuple connectFrom(Helper& helper) { return testing::connectFrom(helper, listener_); }
 
   std::string identifierOf(Helper& helper) {
     const auto flow = connectFrom(helper);

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "Tests/Platform/Linux/Support/Helper.h"
+
 namespace ostravel::testing {
 
 using linuxplatform::AddressFamily;
@@ -29,6 +31,11 @@ FlowTuple flowOverIPv4(TransportProtocol protocol, std::uint16_t source,
 FlowTuple flowOverIPv6(TransportProtocol protocol, std::uint16_t source,
                        std::uint16_t destination) {
   return {protocol, loopbackIPv6(source), loopbackIPv6(destination)};
+}
+
+FlowTuple connectFrom(Helper& helper, const FileDescriptor& listener) {
+  const std::uint16_t port = portOf(listener);
+  return flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", port), port);
 }
 
 KernelAddress kernelAddress(int socketFamily, const SocketEndpoint& endpoint) {

@@ -11,6 +11,8 @@
 
 namespace ostravel::testing {
 
+class Helper;
+
 linuxplatform::SocketEndpoint loopbackIPv4(std::uint16_t port);
 linuxplatform::SocketEndpoint loopbackIPv6(std::uint16_t port);
 
@@ -23,6 +25,9 @@ linuxplatform::FlowTuple flowOverIPv4(linuxplatform::TransportProtocol protocol,
                                       std::uint16_t source, std::uint16_t destination);
 linuxplatform::FlowTuple flowOverIPv6(linuxplatform::TransportProtocol protocol,
                                       std::uint16_t source, std::uint16_t destination);
+
+// The flow of a new connection of the helper program to the listener, over IPv4.
+linuxplatform::FlowTuple connectFrom(Helper& helper, const FileDescriptor& listener);
 
 // The endpoint for a socket of this family, mapped to IPv6 if necessary.
 linuxplatform::KernelAddress kernelAddress(int socketFamily,

@@ -90,10 +90,7 @@ class ConnectPublisherTest : public ::testing::Test {
     return publisher_->table().find(flow, capture_.sequenceOf(flow));
   }
 
-  FlowTuple connectFrom(Helper& helper) {
-    return flowOverIPv4(TransportProtocol::tcp, helper.makeSocket("connect", portOf(listener_)),
-                        portOf(listener_));
-  }
+  FlowTuple connectFrom(Helper& helper) { return testing::connectFrom(helper, listener_); }
 
   FlowTuple flowOf(const FileDescriptor& socket) const {
     return flowOverIPv4(TransportProtocol::tcp, portOf(socket), portOf(listener_));
