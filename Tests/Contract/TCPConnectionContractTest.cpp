@@ -213,6 +213,7 @@ TEST_P(TCPConnectionContractTest, APeersResetFailsTheReadAndDisconnects) {
   EXPECT_EQ(reading.count(), 1);
 }
 
+// This test and the next are also written for flows: each contract is complete on its own.
 TEST_P(TCPConnectionContractTest, AWriteLargerThanAnyBufferArrivesWhole) {
   establish();
   const auto sent = patternBytes(kLarge);
