@@ -34,10 +34,12 @@
 
 #include "Base/DescriptorLimit.h"
 #include "Base/FileDescriptor.h"
+#include "Benchmarks/EpollTurn.h"
 
 namespace {
 
 using ostravel::FileDescriptor;
+using ostravel::benchmarks::takeTurn;
 
 constexpr std::uint16_t kQueue = 7;
 constexpr std::uint32_t kReleaseMark = 0x1;
@@ -194,13 +196,8 @@ class Relay {
   }
 
   [[noreturn]] void run() {
-    std::array<epoll_event, 64> happened{};
     while (true) {
-      const int count =
-          ::epoll_wait(events_.get(), happened.data(), static_cast<int>(happened.size()), -1);
-      for (int index = 0; index < count; ++index) {
-        serve(happened[static_cast<std::size_t>(index)]);
-      }
+      takeTurn(events_, [this](const epoll_event& event) { serve(event); });
       // Events of this turn may still name them.
       ended_.clear();
     }

@@ -39,6 +39,7 @@
 
 #include "Base/DescriptorLimit.h"
 #include "Base/FileDescriptor.h"
+#include "Benchmarks/EpollTurn.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 
 namespace {
@@ -46,6 +47,7 @@ namespace {
 using namespace std::chrono_literals;
 using ostravel::FileDescriptor;
 using ostravel::raiseDescriptorLimit;
+using ostravel::benchmarks::takeTurn;
 using ostravel::linuxplatform::KernelAddress;
 using ostravel::linuxplatform::parseAddressLiteral;
 using Clock = std::chrono::steady_clock;
@@ -114,18 +116,15 @@ class Origin {
   }
 
   [[noreturn]] void run() {
-    std::array<epoll_event, 64> happened{};
     while (true) {
-      const int count =
-          ::epoll_wait(events_.get(), happened.data(), static_cast<int>(happened.size()), -1);
-      for (int index = 0; index < count; ++index) {
-        const int descriptor = happened[static_cast<std::size_t>(index)].data.fd;
+      takeTurn(events_, [this](const epoll_event& event) {
+        const int descriptor = event.data.fd;
         if (descriptor == listener_.get()) {
           acceptSome();
         } else {
           serve(connections_[static_cast<std::size_t>(descriptor)]);
         }
-      }
+      });
     }
   }
 
