@@ -91,7 +91,7 @@ class PacketResenderTest : public ::testing::Test {
  protected:
   const std::shared_ptr<const PacketResender> resender_ = *PacketResender::open();
   const std::unique_ptr<PacketQueue> queue_ = *PacketQueue::open();
-  const PacketMarks marks_;
+  const PacketMarks marks_{};
   TestListener loop_{"127.0.0.1"};
   TestListener loop6_{"::1"};
   const std::unique_ptr<InterceptionTable> table_ = *InterceptionTable::install(
