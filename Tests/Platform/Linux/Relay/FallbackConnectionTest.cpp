@@ -67,6 +67,18 @@ class FallbackConnectionTest : public RelayTest {
     return std::move(future);
   }
 
+  // A request by name: where the proxy received it, and the read that waits for the answer.
+  struct Asked {
+    ApplicationSocket proxy;
+    std::future<ReadOutcome> answer;
+  };
+  Asked ask() {
+    connect();
+    ApplicationSocket proxy = proxy_.accept();
+    EXPECT_FALSE(write(request("www.example:443")));
+    return {std::move(proxy), beginRead()};
+  }
+
   ApplicationSocket proxy_{"127.0.0.1"};
   const std::string port_;
   std::atomic<int> unresolvableCount_ = 0;
@@ -94,10 +106,7 @@ TEST_F(FallbackConnectionTest, PassesOnWhatTheProxyAnswers) {
 TEST_F(FallbackConnectionTest, AsksForTheAddressWhenTheNameCannotBeResolved) {
   for (const std::string status : {"502", "503", "504"}) {
     unresolvableCount_ = 0;
-    connect();
-    ApplicationSocket first = proxy_.accept();
-    EXPECT_FALSE(write(request("www.example:443")));
-    auto answer = beginRead();
+    auto [first, answer] = ask();
     first.receiveThrough(kHeaderEnd);
     first.send("HTTP/1.0 " + status + " Sorry\r\n\r\n");
     const ApplicationSocket second = proxy_.accept();
@@ -113,10 +122,7 @@ TEST_F(FallbackConnectionTest, AsksForTheAddressWhenTheNameCannotBeResolved) {
 }
 
 TEST_F(FallbackConnectionTest, TheSecondAnswerIsFinal) {
-  connect();
-  const ApplicationSocket first = proxy_.accept();
-  EXPECT_FALSE(write(request("www.example:443")));
-  auto answer = beginRead();
+  auto [first, answer] = ask();
   first.send(kBadGateway);
   const ApplicationSocket second = proxy_.accept();
   second.send(kBadGateway);
@@ -125,10 +131,7 @@ TEST_F(FallbackConnectionTest, TheSecondAnswerIsFinal) {
 }
 
 TEST_F(FallbackConnectionTest, ReadsAStatusLineThatComesInPieces) {
-  connect();
-  ApplicationSocket first = proxy_.accept();
-  EXPECT_FALSE(write(request("www.example:443")));
-  auto answer = beginRead();
+  auto [first, answer] = ask();
   for (const char character : kBadGateway.substr(0, 12)) {
     first.send(std::string(1, character));
     first.waitUntilAcknowledged();
@@ -169,10 +172,7 @@ TEST_F(FallbackConnectionTest, AnotherRequestIsNeverRepeated) {
 }
 
 TEST_F(FallbackConnectionTest, AProxyThatIsGoneFailsTheRead) {
-  connect();
-  const ApplicationSocket first = proxy_.accept();
-  EXPECT_FALSE(write(request("www.example:443")));
-  auto answer = beginRead();
+  auto [first, answer] = ask();
   proxy_.close();
   first.send(kBadGateway);
   const auto outcome = waitFor(std::move(answer));
@@ -182,10 +182,7 @@ TEST_F(FallbackConnectionTest, AProxyThatIsGoneFailsTheRead) {
 }
 
 TEST_F(FallbackConnectionTest, CancellingEndsTheSecondConnection) {
-  connect();
-  const ApplicationSocket first = proxy_.accept();
-  EXPECT_FALSE(write(request("www.example:443")));
-  auto answer = beginRead();
+  auto [first, answer] = ask();
   first.send(kBadGateway);
   ApplicationSocket second = proxy_.accept();
   second.receiveThrough(kHeaderEnd);
@@ -198,10 +195,7 @@ TEST_F(FallbackConnectionTest, CancellingEndsTheSecondConnection) {
 }
 
 TEST_F(FallbackConnectionTest, DestroyedWhileItRetriesItCompletesTheRead) {
-  connect();
-  const ApplicationSocket first = proxy_.accept();
-  EXPECT_FALSE(write(request("www.example:443")));
-  auto answer = beginRead();
+  auto [first, answer] = ask();
   first.send(kBadGateway);
   const ApplicationSocket second = proxy_.accept();
   second.receiveThrough(kHeaderEnd);
