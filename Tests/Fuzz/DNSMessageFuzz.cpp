@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // The query to which it would be an answer: without the flags and the number of answers.
   std::vector<std::byte> asked = message;
-  for (const std::size_t position : {2, 3, 6, 7}) {
+  for (const std::size_t position : {2U, 3U, 6U, 7U}) {
     if (position < asked.size()) {
       asked[position] = std::byte{0};
     }

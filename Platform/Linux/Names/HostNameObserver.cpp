@@ -57,10 +57,6 @@ std::optional<HostNames::Found> HostNameObserver::find(std::optional<uid_t> user
                                                        std::string_view identifier,
                                                        const SocketEndpoint& address) {
   const auto now = HostNames::Clock::now();
-  auto found = names_.find(user, identifier, address, now);
-  if (found && user && found->owner == HostNames::Owner::application(*user, identifier)) {
-    return found;
-  }
   const auto deadline = now + kCatchUpTime;
   for (unsigned count = 0; count < kMaximumBurst; ++count) {
     if (!receiveOne()) {

@@ -44,9 +44,10 @@ namespace ostravel::linuxplatform {
 //   resolvers, or if the configured resolver itself has asked, which it does for applications that
 //   reach it by other ways than port 53.
 //
-// Its thread does everything that may take a while. Nothing waits for it: a flow whose name is not
-// known yet reads the copies that have arrived by then itself. The kernel makes the copy of an
-// answer before the application receives it, so a name is known before its first flow starts.
+// Its thread does everything that may take a while. Nothing waits for it: a flow first reads the
+// copies that have arrived by then itself. The kernel makes the copy of an answer before the
+// application receives it, so a name is known before its first flow starts, and a second name of an
+// address before a flow could be called by the first one.
 class HostNameObserver {
  public:
   struct Paths {
