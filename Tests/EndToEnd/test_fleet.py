@@ -242,7 +242,7 @@ def test_what_is_wrong_is_said_at_once(fleet, options, problem):
         [fleet.laboratory.program_path("ostravel-monitor"),
          "--socket", fleet.laboratory.socket_path, *options],
     )  # fmt: skip
-    assert monitor.process.wait(GENEROUS_SECONDS) == 2
+    assert monitor.wait(GENEROUS_SECONDS) == 2
     lines = monitor.errors.since()
     assert len(lines) == 1
     assert problem in lines[0]
