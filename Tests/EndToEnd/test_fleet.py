@@ -172,7 +172,7 @@ def test_a_full_disk_costs_a_known_number(fleet):
         assert missing == list(range(missing[0], missing[0] + dropped))
         assert missing[0] > 0 and dropped > 0
         monitor.process.send_signal(signal.SIGTERM)
-        assert monitor.process.wait(GENEROUS_SECONDS) == 0
+        assert monitor.wait(GENEROUS_SECONDS) == 0
     finally:
         run("umount", "--lazy", folder)
 

@@ -212,7 +212,8 @@ TEST_F(RelayTransferTest, ASingleStreamDoesNotWaitForManyOfAnotherUser) {
   const auto place = std::find(order.begin(), order.end(), std::size_t{kManyStreams});
   const auto before = static_cast<std::size_t>(place - order.begin());
   EXPECT_GE(before, 1U);
-  EXPECT_LE(before * limits::kBufferSize / 2, limits::kBytesPerTurn);
+  // Its event may be fetched with the second turn.
+  EXPECT_LE(before * limits::kBufferSize / 2, 2 * limits::kBytesPerTurn);
 }
 
 TEST_F(RelayTransferTest, AStalledReaderUsesNoCPUAndBoundedMemory) {
