@@ -12,8 +12,10 @@ namespace {
 
 constexpr std::uint16_t kPort = 53;
 
-// Messages that a flow reads itself.
+// Messages that a flow reads itself, at most and however long it takes: an application asks for the
+// addresses of both families, and is answered. A thread can be interrupted for longer than all that.
 constexpr unsigned kMaximumBurst = 16;
+constexpr unsigned kMinimumBurst = 4;
 
 // The monitor has no other sign that it is back.
 constexpr int kLongestWaitMilliseconds = 2000;
@@ -63,7 +65,7 @@ std::optional<HostNames::Found> HostNameObserver::find(std::optional<uid_t> user
       // Another thread may have read what is wanted, too.
       return names_.find(user, identifier, address, now);
     }
-    if (HostNames::Clock::now() > deadline) {
+    if (count + 1 >= kMinimumBurst && HostNames::Clock::now() > deadline) {
       break;
     }
   }

@@ -67,7 +67,7 @@ class HostNameObserver {
   ~HostNameObserver();
 
   // What a flow of the application to this address is called; see HostNames::find. From any thread;
-  // bounded work, at most kCatchUpTime more than one message.
+  // bounded work, at most kCatchUpTime more than four messages.
   std::optional<HostNames::Found> find(std::optional<uid_t> user, std::string_view identifier,
                                        const SocketEndpoint& address);
   static constexpr std::chrono::microseconds kCatchUpTime{250};
