@@ -13,7 +13,8 @@ namespace {
 constexpr std::uint16_t kPort = 53;
 
 // Messages that a flow reads itself, at most and however long it takes: an application asks for the
-// addresses of both families, and is answered. A thread can be interrupted for longer than all that.
+// addresses of both families, and is answered. A thread can be interrupted for longer than all
+// that.
 constexpr unsigned kMaximumBurst = 16;
 constexpr unsigned kMinimumBurst = 4;
 
