@@ -417,20 +417,25 @@
   // ---- Drawing, at most once a frame
 
   let wanted = null;
+  const paint = () => {
+    if (wanted === null) return;
+    const parts = wanted;
+    wanted = null;
+    if (!latest) return;
+    drawState();
+    drawOutages();
+    drawExtension();
+    drawCharts();
+    if (parts.table) drawTable();
+  };
+
   const draw = (what = {}) => {
     const isScheduled = wanted !== null;
     wanted = {...wanted, ...Object.fromEntries(Object.entries(what).filter(([, on]) => on))};
     if (isScheduled) return;
-    requestAnimationFrame(() => {
-      const parts = wanted;
-      wanted = null;
-      if (!latest) return;
-      drawState();
-      drawOutages();
-      drawExtension();
-      drawCharts();
-      if (parts.table) drawTable();
-    });
+    requestAnimationFrame(paint);
+    // A page in the background gets no frames, but its title has to tell of an outage.
+    setTimeout(paint, 1000);
   };
 
   // ---- Input
