@@ -20,8 +20,8 @@
 
 namespace ostravel::companion {
 
-// Sends the messages of this machine to the stream of the fleet, each at least once, from a thread
-// of its own. They are in order there, except that one that has to be sent again can come later.
+// Sends the messages of this machine to the stream of the fleet, each at least once, on a
+// separate thread. They arrive in order, except that one that is sent again can arrive later.
 // Owned by main.
 //
 // Every message goes to the spool first, and leaves it when the server has acknowledged that it is

@@ -188,7 +188,7 @@ class SystemCheck {
       if (clock == "boottime" && (seconds != 0 || nanoseconds != 0)) {
         add(Level::warning, "clocks",
             "this time namespace has another time since boot than the kernel, so the recorded "
-            "processes cannot be told apart: run outside of it");
+            "processes cannot be distinguished: run outside of it");
       }
     }
   }

@@ -142,7 +142,7 @@ class EventLoop : private LocalTurns {
   void runTasks();
   void waitForEvents();
   // Takes over what other threads have posted. True if the loop may wait: nothing was posted, and
-  // whoever posts from now on wakes it.
+  // the next post wakes it.
   bool prepareToWait(bool mayWait);
   void takeTurnOfTransfers();
   void destroyPending();

@@ -20,7 +20,7 @@ class EventLoop;
 // A connection to the local proxy that asks for a host by its name, and for the address instead if
 // the proxy answers that it cannot resolve or reach the name (502, 503 or 504; RFC 9110, section
 // 15.6). The answer is held back, a second connection replaces the first, and the same request goes
-// out with the address: whoever uses this object only notices that the answer takes longer.
+// out with the address: the owner only notices that the answer takes longer.
 //
 //   new --the request is written--> asked --the answer is another--> passing
 //                                     |                                 ^

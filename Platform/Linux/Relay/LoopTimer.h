@@ -8,7 +8,7 @@
 
 namespace ostravel::linuxplatform {
 
-// Runs a task on its loop at some time. Owned by whoever waits; ends with its owner. For the loop's
+// Runs a task on its loop at some time. Cancelled when it is destroyed. For the loop's
 // thread, except that it may be made and, if it is not running, destroyed on another.
 class LoopTimer {
  public:

@@ -46,7 +46,7 @@ class FlowJournal {
   // After the offer. Counts the decision, and keeps it.
   void publish(std::shared_ptr<FlowRecord> record);
   // Counts a flow that is left to the system without an offer. reason: of static storage. True if
-  // it is to be kept as well, with publishLeft().
+  // the caller should also record it, with publishLeft().
   bool countLeft(std::string_view reason, TimePoint now);
   void publishLeft(FlowRecord::Origin origin, std::string_view reason);
   // Releases what is over. Call it periodically.

@@ -52,7 +52,8 @@ TEST_F(TimeTextTest, WritesTheDateAndTheZoneOnRequest) {
 }
 
 TEST_F(TimeTextTest, WritesAZoneWestOfGreenwichWithAMinus) {
-  ::setenv("TZ", "XXX3:30", 1);
+  // Newfoundland's standard time.
+  ::setenv("TZ", "NST3:30", 1);
   ::tzset();
   EXPECT_EQ(timeText(1763271815.123, TimeStyle::local), "2025-11-16T02:13:35.123-03:30");
 }

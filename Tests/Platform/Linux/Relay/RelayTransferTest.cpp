@@ -212,7 +212,8 @@ TEST_F(RelayTransferTest, ASingleStreamDoesNotWaitForManyOfAnotherUser) {
   const auto place = std::find(order.begin(), order.end(), std::size_t{kManyStreams});
   const auto before = static_cast<std::size_t>(place - order.begin());
   EXPECT_GE(before, 1U);
-  // Its event may be fetched with the second turn.
+  // Two turns at most: ten streams were seen ahead of it under ThreadSanitizer, where eight fit
+  // into one.
   EXPECT_LE(before * limits::kBufferSize / 2, 2 * limits::kBytesPerTurn);
 }
 
