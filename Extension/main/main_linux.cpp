@@ -33,6 +33,7 @@
 #include "Extension/main/SystemCallFilter.h"
 #include "Extension/main/SystemCheck.h"
 #include "Platform/Linux/Control/ControlServer.h"
+#include "Platform/Linux/Kernel/NetfilterBatch.h"
 #include "Platform/Linux/Kernel/PacketResender.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
@@ -181,8 +182,14 @@ int run(int argc, char** argv) {
   // As early as possible: the guardian keeps a copy of the memory in use.
   linuxplatform::HeartbeatRecord record;
   MaybeGuardian guardian;
+  std::shared_ptr<mnl_socket> guardedSocket;
   if (commandLine.options->hasGuardian) {
-    guardian = linuxplatform::Guardian::start(record);
+    // Without netfilter, the interception fails later and says what is missing.
+    if (auto socket = linuxplatform::openNetfilterSocket()) {
+      guardedSocket = *std::move(socket);
+    }
+    guardian = linuxplatform::Guardian::start(
+        record, guardedSocket ? linuxplatform::descriptorOf(*guardedSocket) : -1);
   }
   const auto configuration =
       linuxplatform::readProviderConfiguration(commandLine.options->configurationPath);
@@ -261,7 +268,8 @@ int run(int argc, char** argv) {
              status.setProxy(proxy);
              proxying.setProxy(proxy, platform.clock().secondsSince1970());
            },
-       .names = commandLine.options->names},
+       .names = commandLine.options->names,
+       .guardedSocket = guardedSocket},
       *configuration);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);

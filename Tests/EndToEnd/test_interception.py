@@ -189,7 +189,10 @@ def test_applications_are_known_without_a_cgroup_file_system(laboratory):
     hide = 'umount -l -a -t cgroup2 && exec "$@"'
     laboratory.start_system(prefix=("sh", "-c", hide, "sh"))
     for _ in range(3):
-        assert laboratory.curl(f"http://{THERE4}/").way == "proxied"
+        # A flow goes direct if the search takes too long, as it may on a busy machine.
+        eventually(
+            lambda: laboratory.curl(f"http://{THERE4}/").way == "proxied", "curl is proxied"
+        )
         assert laboratory.curl(f"http://{THERE4}/", program=vpn_client).way == "direct"
     identifiers = {
         event["context"]["app_id"] for event in laboratory.events.since() if "flow_id" in event

@@ -77,6 +77,19 @@ def test_a_source_port_is_reusable_after_a_kill(neighbourhood, is_idle):
     connect().close()
 
 
+def test_every_tunnel_of_a_killed_extension_is_reset(neighbourhood):
+    """Nobody else tracks connections here, so nobody else translates the resets."""
+    _, extension = neighbours.start_quiet_system(neighbourhood)
+    neighbours.start_origin(neighbourhood, "hold", neighbours.STREAM_PORT)
+    applications = [
+        neighbourhood.connect(THERE4, neighbours.STREAM_PORT, DEADLINE_SECONDS) for _ in range(40)
+    ]
+    extension.kill()
+    for application in applications:
+        with application, pytest.raises(ConnectionResetError):
+            application.recv(1)
+
+
 def test_no_connection_fails_while_the_proxy_is_killed(neighbourhood):
     proxy, _ = neighbours.start_quiet_system(neighbourhood)
     connections = torture.kill_proxy(neighbourhood, proxy, 8)

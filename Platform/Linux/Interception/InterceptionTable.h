@@ -10,6 +10,7 @@
 #include "Platform/Interface/Error.h"
 #include "Platform/Interface/NetworkSettings.h"
 #include "Platform/Interface/Result.h"
+#include "Platform/Linux/Interception/TranslationTable.h"
 #include "Platform/Linux/Kernel/NetfilterBatch.h"
 #include "Platform/Linux/Kernel/PacketMarks.h"
 
@@ -86,9 +87,15 @@ class InterceptionTable {
   // Packets are offered for another kAliveTimeout.
   platform::OptionalError refreshAlive();
 
+  // Removed after the rules of this table.
+  void keep(std::unique_ptr<TranslationTable> translation) {
+    translation_ = std::move(translation);
+  }
+
  private:
   explicit InterceptionTable(NetlinkSocket socket) : socket_(std::move(socket)) {}
 
+  std::unique_ptr<TranslationTable> translation_;
   NetlinkSocket socket_;
 };
 

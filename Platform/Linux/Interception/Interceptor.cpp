@@ -72,6 +72,17 @@ std::shared_ptr<HostNameObserver> observeNames(NameUse use,
   return *std::move(observer);
 }
 
+void keepTranslation(InterceptionTable& table, const std::shared_ptr<mnl_socket>& guardedSocket,
+                     platform::Log& log) {
+  auto translation = TranslationTable::install(guardedSocket);
+  if (translation) {
+    table.keep(*std::move(translation));
+  } else {
+    log.error("OstravelProxy: If this process is killed, open tunnels may hang: %{public}s",
+              {translation.error().localizedDescription});
+  }
+}
+
 std::string textOf(const SocketEndpoint& endpoint) {
   const std::string address = endpoint.addressText();
   const std::string port = ":" + std::to_string(endpoint.port);
@@ -132,8 +143,13 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   const auto install =
       [settings, marks = loops.marks(), number = openQueue->number(), ports = listenerPorts(loops),
        offerPoint = environment.resender ? InterceptionTable::OfferPoint::afterFilters
-                                         : InterceptionTable::OfferPoint::beforeFilters] {
-        return InterceptionTable::install(settings, marks, number, ports, offerPoint);
+                                         : InterceptionTable::OfferPoint::beforeFilters,
+       guardedSocket = environment.guardedSocket, log] {
+        auto installed = InterceptionTable::install(settings, marks, number, ports, offerPoint);
+        if (installed && guardedSocket) {
+          keepTranslation(**installed, guardedSocket, *log);
+        }
+        return installed;
       };
   auto table = install();
   if (!table) {

@@ -72,6 +72,8 @@ class Interceptor {
     // may be sent to, as people call it; empty for none. May be absent.
     std::function<void(const std::string&)> onProxyWatched = {};
     NameUse names = NameUse::off;
+    // Shared with the guardian, see TranslationTable; null if there is none.
+    std::shared_ptr<mnl_socket> guardedSocket = nullptr;
   };
 
   // On failure nothing stays installed, and the error's sentence says what is missing and what to

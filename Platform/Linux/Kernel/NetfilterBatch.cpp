@@ -44,6 +44,10 @@ platform::Result<NetlinkSocket> openNetfilterSocket() {
   return socket;
 }
 
+int descriptorOf(const mnl_socket& socket) {
+  return ::mnl_socket_get_fd(&socket);
+}
+
 NetfilterBatch::NetfilterBatch() : buffer_(kBufferSize), nextSequence_(nextSequenceBlock()) {
   pending_[nextSequence_] = "";
   used_ += ::nftnl_batch_begin(end(), nextSequence_++)->nlmsg_len;

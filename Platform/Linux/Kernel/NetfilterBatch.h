@@ -23,6 +23,7 @@ using NetlinkSocket = std::unique_ptr<mnl_socket, NetlinkSocketRelease>;
 // Opens a netlink socket to netfilter. Fails, with an error of kPOSIXErrorDomain, if the kernel has
 // no support. Receiving on it blocks for at most two seconds.
 platform::Result<NetlinkSocket> openNetfilterSocket();
+int descriptorOf(const mnl_socket& socket);
 
 // Changes to nf_tables that the kernel applies atomically (nfnetlink batch).
 class NetfilterBatch {

@@ -31,10 +31,13 @@ namespace {
 using Clock = HangDetector::Clock;
 using Phase = HeartbeatRecord::Phase;
 
+using namespace std::chrono_literals;
+
 // At most 15 characters.
 constexpr const char* kProcessName = "ostravel-guard";
 
 constexpr int kExtension = STDERR_FILENO + 1;
+constexpr int kLastFile = kExtension + 1;
 
 // The heartbeat checks at least every quarter of a second. If it has not checked for this long, the
 // cause is not a lagging participant.
@@ -63,11 +66,14 @@ void takeName() {
   std::strncpy(program_invocation_name, kProcessName, std::strlen(program_invocation_name));
 }
 
-void keepOnlyStandardErrorAnd(int extension) {
+void keepOnlyStandardErrorAnd(int extension, int lastFile) {
+  // Beyond both targets, so that neither overwrites the other.
+  const int source = ::fcntl(lastFile, F_DUPFD, kLastFile + 1);
   ::dup2(extension, kExtension);
+  const bool hasLastFile = source >= 0 && ::dup2(source, kLastFile) >= 0;
   ::close(STDIN_FILENO);
   ::close(STDOUT_FILENO);
-  ::close_range(kExtension + 1, ~0U, 0);
+  ::close_range(hasLastFile ? kLastFile + 1 : kLastFile, ~0U, 0);
 }
 
 void ignoreRequestsToEnd() {
@@ -134,6 +140,9 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
     writeLine("ostravel-extension: killed: no heartbeat for " + std::to_string(limit.count()) +
               " s: " + culprit + " made no progress\n");
   }
+  // The last file stays open until then.
+  constexpr auto kForever = -1ms;
+  waitForEnd(kForever);
   ::_exit(EXIT_SUCCESS);
 }
 
@@ -163,8 +172,8 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
   ::_exit(EXIT_SUCCESS);
 }
 
-[[noreturn]] void guard(pid_t process, int extension, const HeartbeatRecord& record) {
-  keepOnlyStandardErrorAnd(extension);
+[[noreturn]] void guard(pid_t process, int extension, int lastFile, const HeartbeatRecord& record) {
+  keepOnlyStandardErrorAnd(extension, lastFile);
   ignoreRequestsToEnd();
   takeName();
   ::setsid();
@@ -177,7 +186,7 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
 
 }  // namespace
 
-platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record) {
+platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record, int lastFile) {
   // Opened before the fork, it cannot refer to another process with the same number.
   const pid_t self = ::getpid();
   const FileDescriptor extension(::pidfd_open(self, 0));
@@ -189,7 +198,7 @@ platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record) {
     return platform::systemCallError(errno, "fork");
   }
   if (process == 0) {
-    guard(self, extension.get(), record);
+    guard(self, extension.get(), lastFile, record);
   }
   return Guardian(process);
 }

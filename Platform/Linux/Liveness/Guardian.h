@@ -22,7 +22,8 @@ namespace ostravel::linuxplatform {
 // after the thaw. If permitted, it runs with real-time priority, to react in time on a busy
 // machine.
 //
-// It holds standard error, the extension's pidfd(2) and the record; no sockets, no other files.
+// It holds standard error, the extension's pidfd(2), the record and one file of the extension,
+// which stays open until the extension has closed all of its own; no other files.
 class Guardian {
  public:
   // How long the extension may go without a heartbeat. Nothing is held while it starts, and every
@@ -37,8 +38,9 @@ class Guardian {
   static constexpr std::chrono::seconds kStarvedLimit{10};
 
   // Forks. Called once, by the process to be guarded, before it has a second thread and before it
-  // allocates much memory, which the guardian would copy. The record outlives both.
-  static platform::Result<Guardian> start(const HeartbeatRecord& record);
+  // allocates much memory, which the guardian would copy. The record outlives both. lastFile: a
+  // descriptor that stays the caller's; -1 for none.
+  static platform::Result<Guardian> start(const HeartbeatRecord& record, int lastFile = -1);
 
   // True, once, if the guardian has ended, which it never does on its own. Cheap; call it after
   // SIGCHLD.

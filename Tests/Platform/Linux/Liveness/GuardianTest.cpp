@@ -32,13 +32,13 @@ constexpr auto kLateness = 5s;
 class Guarded {
  public:
   // Runs work in the guarded process, which then exits with status 0.
-  explicit Guarded(std::function<void(HeartbeatRecord&, Guardian&)> work) {
+  explicit Guarded(std::function<void(HeartbeatRecord&, Guardian&)> work, int lastFile = -1) {
     process_ = ::fork();
     if (process_ == 0) {
       ::dup2(errors_.input(), STDERR_FILENO);
       errors_.closeInput();
       HeartbeatRecord record;
-      if (auto guardian = Guardian::start(record)) {
+      if (auto guardian = Guardian::start(record, lastFile)) {
         work(record, *guardian);
         ::_exit(EXIT_SUCCESS);
       }
@@ -181,6 +181,26 @@ TEST(GuardianTest, EndsWithTheProcess) {
   // Reading ends only when the guardian has closed it too.
   EXPECT_EQ(guarded.readErrors(), "");
   EXPECT_LT(Clock::now() - begin, kLateness);
+}
+
+TEST(GuardianTest, KeepsTheLastFileUntilItsProcessHasEnded) {
+  testing::TestPipe last;
+  Guarded guarded(
+      [&last](HeartbeatRecord& /*record*/, Guardian& guardian) {
+        while (::getsid(guardian.process()) != guardian.process()) {
+        }
+        [[maybe_unused]] const auto written = ::write(last.input(), "-", 1);
+        last.closeInput();
+        hang();
+      },
+      last.input());
+  last.closeInput();
+  char byte = 0;
+  ASSERT_EQ(::read(last.output(), &byte, 1), 1);
+  pollfd end{last.output(), POLLIN, 0};
+  EXPECT_EQ(::poll(&end, 1, 100), 0);
+  ::kill(guarded.process(), SIGKILL);
+  EXPECT_EQ(::read(last.output(), &byte, 1), 0);
 }
 
 TEST(GuardianTest, ItsEndIsReportedOnce) {

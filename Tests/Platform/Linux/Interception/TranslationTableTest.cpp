@@ -1,0 +1,80 @@
+#include "Platform/Linux/Interception/TranslationTable.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Kernel/NetfilterBatch.h"
+#include "Tests/Platform/Linux/Support/NetworkFixture.h"
+#include "Tests/Support/CommandOutput.h"
+
+namespace ostravel::linuxplatform {
+namespace {
+
+using testing::outputOf;
+
+constexpr const char* kItsLine = "table inet ostravel-translation\n";
+
+std::shared_ptr<mnl_socket> openSocket() {
+  return *openNetfilterSocket();
+}
+
+TEST(TranslationTableTest, IsThereUntilItIsDestroyed) {
+  auto installed = TranslationTable::install(openSocket());
+  ASSERT_TRUE(installed);
+  EXPECT_EQ(outputOf("nft list tables"), kItsLine);
+  installed->reset();
+  EXPECT_EQ(outputOf("nft list tables"), "");
+}
+
+TEST(TranslationTableTest, CanBeInstalledAgainWithTheSameSocket) {
+  const auto socket = openSocket();
+  ASSERT_TRUE(TranslationTable::install(socket));
+  const auto installed = TranslationTable::install(socket);
+  ASSERT_TRUE(installed);
+  EXPECT_EQ(outputOf("nft list tables"), kItsLine);
+}
+
+TEST(TranslationTableTest, OutlivesAProcessThatDidNotRemoveIt) {
+  auto socket = openSocket();
+  const pid_t process = ::fork();
+  if (process == 0) {
+    const auto installed = TranslationTable::install(socket);
+    ::_exit(installed ? EXIT_SUCCESS : EXIT_FAILURE);
+  }
+  int status = -1;
+  ::waitpid(process, &status, 0);
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(outputOf("nft list tables"), kItsLine);
+  socket.reset();
+  EXPECT_EQ(outputOf("nft list tables"), "");
+}
+
+TEST(TranslationTableTest, LeavesATableOfAnotherProgramAlone) {
+  outputOf("nft add table inet ostravel-translation");
+  const auto installed = TranslationTable::install(openSocket());
+  ASSERT_FALSE(installed);
+  EXPECT_NE(installed.error().localizedDescription.find("inet ostravel-translation"),
+            std::string::npos)
+      << installed.error().localizedDescription;
+  EXPECT_EQ(outputOf("nft list tables"), kItsLine);
+}
+
+TEST(TranslationTableTest, IsRemovedWithTheTableThatKeepsIt) {
+  auto interception = InterceptionTable::install(testing::loopbackSettings(), PacketMarks(), 1, {});
+  ASSERT_TRUE(interception);
+  auto translation = TranslationTable::install(openSocket());
+  ASSERT_TRUE(translation);
+  (*interception)->keep(*std::move(translation));
+  EXPECT_EQ(outputOf("nft list tables"), std::string("table inet ostravel\n") + kItsLine);
+  interception->reset();
+  EXPECT_EQ(outputOf("nft list tables"), "");
+}
+
+}  // namespace
+}  // namespace ostravel::linuxplatform
