@@ -5,17 +5,17 @@
 
 namespace ostravel::linuxplatform {
 
-// What the proxy will be asked for a flow that goes by its name, and what to ask for instead if the
-// proxy cannot resolve it. Both are host and port.
+// The CONNECT targets of a flow whose host name is known: by name, and by address if the proxy
+// cannot resolve the name. Both are host and port.
 struct ConnectByName {
   std::string named;
   std::string literal;
   std::function<void()> onUnresolvable;
 
-  // For the flow that this thread is serving; null if there is none or if it has no name.
+  // That of the flow that this thread is serving; null if it serves none, or one without a name.
   static const ConnectByName* current();
 
-  // Makes it the current one, if any, for the lifetime of the object.
+  // Sets current() for the lifetime of the object.
   class Scope {
    public:
     // connect: null for none.

@@ -81,7 +81,7 @@ void EventLoop::post(Task work) {
 
 void EventLoop::runTasks() {
   for (std::size_t count = 0; count < kTasksPerTurn && nextTask_ < tasks_.size(); ++count) {
-    // The task may post others, which moves the rest.
+    // Moved out first: the task may post others, and tasks_ may then reallocate.
     Task task = std::move(tasks_[nextTask_++]);
     task();
     if (isStopping_) {
@@ -104,7 +104,8 @@ void EventLoop::waitForEvents() {
   if (mayWait) {
     static_cast<void>(prepareToWait(false));
   }
-  // A turn in which nobody had to wait ends here; the others first let go ahead what is ready.
+  // If transfers are waiting, the sockets that are ready go first. Otherwise this only starts the
+  // accounts of a new turn.
   const bool isAnyoneWaiting = turns_.isAnyoneWaiting();
   if (!isAnyoneWaiting) {
     takeTurnOfTransfers();
@@ -162,7 +163,7 @@ void EventLoop::giveTurns() {
   }
 }
 
-// Pending work may own streams, and their end may post more.
+// Pending work may own streams, whose destruction may post more.
 void EventLoop::destroyPending() {
   listener_.reset();
   timers_.drop();

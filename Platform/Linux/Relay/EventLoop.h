@@ -29,13 +29,12 @@ namespace ostravel::linuxplatform {
 class FlowListener;
 class RedirectPath;
 
-// One thread that waits for the sockets of its flows and connections and runs all their work, and
+// One thread that waits for the sockets of its flows and connections and runs all their work. Owns
 // what that work shares: buffers, pipes, and the listener that accepts released flows. Owned by an
 // EventLoopGroup; outlives everything created on it.
 //
-// A turn of the loop: what was posted, a bounded number of items; then what the sockets report;
-// then transfers that had to wait (FairTurns) and timers. Nothing is polled while there is nothing
-// to do.
+// A turn of the loop runs a bounded number of posted items, then handles the sockets' events, then
+// the transfers that had to wait (FairTurns), then the timers. An idle loop does not wake up.
 class EventLoop : private LocalTurns {
  public:
   // Statistics since the loop started. Written and read on the loop only.
@@ -68,8 +67,8 @@ class EventLoop : private LocalTurns {
   // How this process marks its sockets and packets. From any thread.
   const PacketMarks& marks() const { return marks_; }
 
-  // Whether the sockets that this process connects have their mark and TCP_NODELAY without asking
-  // for it. From any thread.
+  // True if a BPF program sets the mark and TCP_NODELAY on the sockets that this process connects,
+  // so that it need not. From any thread.
   bool presetsSockets() const { return presetsSockets_; }
   void setPresetsSockets(bool presets) { presetsSockets_ = presets; }
 
@@ -108,12 +107,12 @@ class EventLoop : private LocalTurns {
   PipePool& pipes() { return pipes_; }
   StreamRegistry& streams() { return streams_; }
   Counters& counters() { return counters_; }
-  // Users' turns at moving bytes.
+  // Divides the transfers among users.
   FairTurns& turns() { return turns_; }
   Poller& poller() { return poller_; }
   LoopTimers& timers() { return timers_; }
 
-  // Keeps an object alive that nothing else owns, until letGo() or the end of the loop.
+  // Owns an object until letGo() or the end of the loop.
   void keep(std::shared_ptr<void> object) { kept_.insert(std::move(object)); }
   void letGo(const std::shared_ptr<void>& object) { kept_.erase(object); }
 
@@ -135,14 +134,14 @@ class EventLoop : private LocalTurns {
   };
 
  private:
-  // Items that run before sockets are looked at again.
+  // Limit on the posted items that run before the sockets are polled again.
   static constexpr std::size_t kTasksPerTurn = 64;
 
   void run();
   void runTasks();
   void waitForEvents();
-  // Takes over what other threads have posted. True if the loop may wait: nothing was posted, and
-  // the next post wakes it.
+  // Moves what other threads have posted to tasks_. True if the loop may wait: nothing was posted,
+  // and the next post wakes it.
   bool prepareToWait(bool mayWait);
   void takeTurnOfTransfers();
   void destroyPending();
@@ -168,7 +167,7 @@ class EventLoop : private LocalTurns {
   std::unordered_set<std::shared_ptr<void>> kept_;
   std::unique_ptr<FlowListener> listener_;
 
-  // A queue that wants a turn here, and the pool that gives it one if this loop cannot.
+  // A queue to be given a turn here, or by the pool if the loop ends first.
   struct WaitingQueue {
     WorkerPool* pool = nullptr;
     std::shared_ptr<WorkerPool::Client> client;
@@ -182,7 +181,8 @@ class EventLoop : private LocalTurns {
   std::atomic<bool> presetsSockets_ = false;
   std::atomic<bool> isStopping_ = false;
   std::mutex lock_;
-  // Both guarded by lock_: what other threads have posted, and whether they have to wake the loop.
+  // Both guarded by lock_: the work posted by other threads, and whether posting must wake the
+  // loop.
   std::vector<Task> arrivals_;
   bool isWaiting_ = false;
 

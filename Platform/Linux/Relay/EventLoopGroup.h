@@ -16,8 +16,9 @@ namespace ostravel::linuxplatform {
 // The event loops of the process. Owned by the process entry; outlives every flow and connection.
 class EventLoopGroup {
  public:
-  // One loop for every two cores that this process may use, as the applications, the local proxy
-  // and the kernel need the others; at least one and at most as many as there are marks for.
+  // One loop for every two cores that this process may use, which leaves the others to the
+  // applications, the local proxy and the kernel; at least one, and at most as many as there are
+  // marks for.
   static unsigned usualCount(const PacketMarks& marks);
 
   // Creates the usual count of loops. Throws std::system_error if a thread or listener cannot be

@@ -157,7 +157,7 @@ void FallbackConnection::readAnswer() {
 
 void FallbackConnection::receiveAnswer(std::optional<Data> data, OptionalError error) {
   if (error || !data || data->empty()) {
-    // What ends here will be seen again by the next read.
+    // The next read reports the end or the error again.
     stage_ = Stage::passing;
     if (answer_.empty()) {
       finishRead(std::move(data), std::move(error));

@@ -17,18 +17,18 @@ namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// A connection to the local proxy that asks for a host by its name, and for the address instead if
+// A connection to the local proxy that requests a host by name, and falls back to its address if
 // the proxy answers that it cannot resolve or reach the name (502, 503 or 504; RFC 9110, section
-// 15.6). The answer is held back, a second connection replaces the first, and the same request goes
-// out with the address: the owner only notices that the answer takes longer.
+// 15.6). That answer is withheld, a second connection replaces the first, and the same request is
+// sent with the address. The owner notices only that the answer takes longer.
 //
 //   new --the request is written--> asked --the answer is another--> passing
 //                                     |                                 ^
 //                                     +--502, 503, 504--> retrying -----+
 //
-// Passing on, it only forwards. A request that is not the expected one is forwarded as it is, and
-// so is the second answer, whatever it is. A refusal for any other reason is the proxy's decision,
-// which the address must not circumvent.
+// In the state passing it only forwards. An unexpected request is forwarded unchanged, and so is
+// any second answer. A refusal for any other reason is the proxy's decision, which a request for
+// the address must not circumvent.
 //
 // Like the connections that it wraps: created on their event loop, where everything happens.
 class FallbackConnection final : public platform::TCPConnection,
@@ -77,11 +77,11 @@ class FallbackConnection final : public platform::TCPConnection,
   const Dial dial_;
   platform::StateObservers observers_;
   std::atomic<Stage> stage_ = Stage::fresh;
-  // What is written instead on the second connection.
+  // The request for the second connection.
   std::string retryRequest_;
-  // What has arrived of the answer.
+  // The part of the answer that has arrived.
   std::string answer_;
-  // The read that waits for the answer.
+  // The owner's outstanding read of the answer.
   std::size_t maximum_ = 0;
   platform::ReadCompletion completion_;
 

@@ -39,7 +39,8 @@ std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily 
   return address.endpoint();
 }
 
-// Errors of a connection that is already gone (accept(2)); the next one is another's.
+// True for the errors of a connection that has already failed (accept(2)); the next call returns
+// another connection.
 bool concernsOneConnection(int error) {
   switch (error) {
     case ECONNABORTED:
@@ -137,7 +138,7 @@ void FlowListener::acceptSome(Socket& listener) {
 void FlowListener::acceptReleased(AddressFamily family) {
   Socket& listener = family == AddressFamily::ipv4 ? ipv4_ : ipv6_;
   if (listener.socket.isOpen()) {
-    // Whatever the result, the pending wait finds what is left in the backlog.
+    // The result does not matter: the pending wait reports what is left in the backlog.
     acceptOne(listener);
   }
 }
@@ -166,7 +167,7 @@ FlowListener::Accepted FlowListener::acceptOne(Socket& listener) {
   if (concernsOneConnection(error)) {
     return Accepted::one;
   }
-  // Flows offered from now on would be reset when their time is over.
+  // Flows offered from now on could not be accepted and would be reset at their deadline.
   if (RedirectPath* const path = loop_.redirectPath()) {
     path->reportStuck(loop_.index(),
                       &listener == &ipv4_ ? AddressFamily::ipv4 : AddressFamily::ipv6, error);
@@ -274,7 +275,7 @@ FlowListener::Expected::iterator FlowListener::find(const Deadline& deadline) {
 }
 
 void FlowListener::waitForDeadline() {
-  // Nearly all of these connections have arrived long before.
+  // Drop the deadlines of connections that have arrived, which are nearly all.
   while (!deadlines_.empty() && find(deadlines_.front()) == expected_.end()) {
     deadlines_.pop_front();
   }
@@ -289,7 +290,7 @@ void FlowListener::waitForDeadline() {
 }
 
 void FlowListener::expire() {
-  // If this loop was busy for long, the expected connections may be in the backlog already.
+  // If this loop was busy for a long time, the expected connections may already be in the backlog.
   for (Socket* const listener : {&ipv4_, &ipv6_}) {
     if (listener->socket.isOpen()) {
       acceptArrived(*listener);

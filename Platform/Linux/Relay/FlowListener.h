@@ -34,7 +34,7 @@ class FlowListener {
     // Waiters with the same application and destination may receive each other's connections.
     virtual const std::string& application() const = 0;
 
-    // Exactly one of the two is called, once, on the loop.
+    // Exactly one of the following is called, once, on the loop.
     virtual void accepted(LoopSocket socket) = 0;
     // The connection did not arrive within limits::kAcceptTimeout.
     virtual void gaveUp() = 0;
@@ -67,7 +67,7 @@ class FlowListener {
     LoopTimer pause;
   };
   enum class Accepted : std::uint8_t {
-    // A connection, or one that is already gone (accept(2)).
+    // One connection was taken from the backlog; it may already have failed (accept(2)).
     one,
     none,
     // Out of descriptors or memory: the connection stays in the backlog.

@@ -8,7 +8,7 @@ namespace ostravel::linuxplatform {
 // The host name under which an application has looked up a flow's address.
 struct FlowName {
   std::string host;
-  // If false, the flow is decided on by its name, and the proxy is asked for its address.
+  // If false, the name decides whether the flow is taken, but the proxy is asked for the address.
   bool isForConnect = true;
   // Called once, on the flow's loop, if the proxy cannot resolve the name; may be empty.
   std::function<void()> onUnresolvable = {};

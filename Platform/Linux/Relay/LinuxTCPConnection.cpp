@@ -79,8 +79,7 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
   }
   LoopSocket::resetUnlessClosed(descriptor.get());
   if (!stream_.loop().presetsSockets()) {
-    // Without the permission to set it nothing is intercepted, so it cannot be confused with a
-    // flow.
+    // A process without permission to set the mark intercepts nothing, so a failure does no harm.
     const std::uint32_t mark = stream_.loop().marks().own();
     ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
     LoopSocket::sendWithoutDelay(descriptor.get());

@@ -28,7 +28,7 @@ LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string 
 
 LinuxTCPFlow::~LinuxTCPFlow() {
   if (record_) {
-    // Unless its end has been reported.
+    // Ignored if the end has already been reported.
     record_->ended(platform::FlowEnd::abandoned, "");
   }
 }

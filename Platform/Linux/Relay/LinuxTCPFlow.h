@@ -45,7 +45,7 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
 
   std::string sourceAppSigningIdentifier() const override { return identifier_; }
   platform::FlowObserver* observer() override { return record_.get(); }
-  // By name, if it has one; from open() on only if the proxy is to be asked for it.
+  // By name, if it has one; after open() only if the proxy is asked for the name.
   std::optional<platform::HostEndpoint> remoteEndpoint() const override;
 
   // Succeeds without touching the packet; ECANCELED if the flow is closed or destroyed before.

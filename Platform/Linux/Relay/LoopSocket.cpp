@@ -87,8 +87,8 @@ ssize_t LoopSocket::send(const void* bytes, std::size_t size) {
 ssize_t LoopSocket::moveInto(int pipe, std::size_t size) {
   const auto moved =
       ::splice(descriptor(), nullptr, pipe, nullptr, size, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
-  // Less than a pipe holds may also be what has filled its pages, so only this shows that there is
-  // no more.
+  // Only EAGAIN shows that the socket is empty: a short count may also mean that small segments
+  // have filled the pages of the pipe.
   if (moved < 0 && errno == EAGAIN) {
     watch_->nothingToRead();
   }

@@ -45,8 +45,9 @@ class LoopSocket {
   int descriptor() const { return descriptor_.get(); }
 
   // Runs the task once, on the loop, unless the wait is cancelled or the socket closed. It may run
-  // early: try, and wait again. Who receives, sends or accepts without the operations below reports
-  // when that would have blocked: no wait ends before the kernel reports a change.
+  // early: try, and wait again. A caller that receives, sends or accepts without the operations
+  // below must report EAGAIN with nothingToRead() or noRoomToWrite(); otherwise the next wait ends
+  // at once.
   void waitUntilReadable(Task task);
   void waitUntilWritable(Task task);
   void cancelWaits();

@@ -8,8 +8,8 @@
 
 namespace ostravel::linuxplatform {
 
-// Runs a task on its loop at some time. Cancelled when it is destroyed. For the loop's
-// thread, except that it may be made and, if it is not running, destroyed on another.
+// Runs a task on its loop at a given time. Cancelled when it is destroyed. For the loop's thread,
+// except that it may be made and, if it is not running, destroyed on another.
 class LoopTimer {
  public:
   explicit LoopTimer(LoopTimers& timers) : timers_(timers) {}
@@ -17,7 +17,7 @@ class LoopTimer {
   LoopTimer& operator=(const LoopTimer&) = delete;
   ~LoopTimer() { cancel(); }
 
-  // Replaces what it was set to before. The task may destroy the timer.
+  // Replaces a pending time and task. The task may destroy the timer.
   void start(LoopTimers::Clock::time_point time, Task task);
   void start(LoopTimers::Clock::duration delay, Task task) {
     start(LoopTimers::Clock::now() + delay, std::move(task));
@@ -28,7 +28,7 @@ class LoopTimer {
  private:
   friend class LoopTimers;
 
-  // No longer running afterwards.
+  // Stops the timer and returns its task.
   Task take();
 
   LoopTimers& timers_;

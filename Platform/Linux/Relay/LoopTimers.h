@@ -8,7 +8,7 @@ namespace ostravel::linuxplatform {
 
 class LoopTimer;
 
-// The running timers of an event loop, the next one first. Setting one costs no system call: the
+// The running timers of an event loop, ordered by time. Starting one costs no system call: the
 // loop's wait ends when it is due. For the loop's thread.
 class LoopTimers {
  public:
@@ -20,7 +20,7 @@ class LoopTimers {
 
   // Empty if no timer is running; rounded up, so that a wait of this length is not too short.
   std::optional<std::chrono::milliseconds> untilNext(Clock::time_point now) const;
-  // Runs those that are due.
+  // Runs the timers that are due.
   void runDue(Clock::time_point now);
   // Destroys the tasks of all timers without running them. Once the loop has stopped.
   void drop();

@@ -21,7 +21,7 @@ std::span<const std::byte> PipeChunk::bytes() {
       if (count > 0) {
         left_ -= static_cast<std::size_t>(count);
       } else if (count == 0 || errno != EINTR) {
-        // Unreachable: nobody else reads the pipe.
+        // Unreachable: nothing else reads the pipe.
         break;
       }
     }

@@ -12,14 +12,14 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// The event of wake(), of which there is nothing to handle.
+// Identifies the event of wake(), which needs no handling.
 constexpr Poller::Key kWakeUp = ~Poller::Key{0};
 
 constexpr std::uint32_t kReading = EPOLLIN | EPOLLRDHUP | EPOLLPRI | EPOLLET;
 constexpr std::uint32_t kReadingAndWriting = kReading | EPOLLOUT;
 
-// Reported once, together with data or without, although a receive that returns less than it could
-// does not consume it.
+// Reported once, with data or without. A short receive does not consume them, so there is more to
+// receive.
 constexpr std::uint32_t kMoreIsCertain = EPOLLRDHUP | EPOLLHUP | EPOLLPRI;
 constexpr std::uint32_t kWritable = EPOLLOUT | EPOLLHUP | EPOLLERR;
 
@@ -36,7 +36,7 @@ Poller::Poller() : epoll_(::epoll_create1(EPOLL_CLOEXEC)), preferred_(kWakeUp) {
   if (!epoll_.isOpen()) {
     throw std::system_error(errno, std::generic_category(), "epoll_create1");
   }
-  // Edge-triggered, so that it need not be read.
+  // Edge-triggered, so that the signal need not be read.
   epoll_event event = eventOf(EPOLLIN | EPOLLET, kWakeUp);
   if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wakeUps_.descriptor(), &event) != 0) {
     throw std::system_error(errno, std::generic_category(), "epoll_ctl");
@@ -75,7 +75,7 @@ void Poller::removeFromOutside(Watch& watch) {
 }
 
 void Poller::reclaim(Watch& watch) {
-  // Destroyed last: what they own may use this poller.
+  // Destroyed at the end of the function, because their captures may use this poller.
   const Task reading = std::move(watch.reading_);
   const Task writing = std::move(watch.writing_);
   ++watch.generation_;
@@ -111,7 +111,8 @@ void Poller::waitUntilReadable(Watch& watch, Task task) {
 void Poller::waitUntilWritable(Watch& watch, int descriptor, Task task) {
   watch.writing_ = std::move(task);
   if (!std::exchange(watch.isWrittenTo_, true)) {
-    // Reports what is true already, so nothing can be missed. Cannot fail: nothing is allocated.
+    // If the socket is writable already, this reports it, so no event is missed. It cannot fail,
+    // because it allocates nothing.
     epoll_event event = eventOf(kReadingAndWriting, watch.key());
     ::epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, descriptor, &event);
   }
@@ -123,7 +124,7 @@ void Poller::cancelWaits(Watch& watch) {
 }
 
 void Poller::dropWaits() {
-  // What a task owns may add or remove watches when it is destroyed.
+  // By index: destroying a task may add or remove watches.
   for (std::size_t place = 0; place < watches_.size(); ++place) {
     cancelWaits(watches_[place]);
   }
@@ -143,7 +144,7 @@ void Poller::runDue(Key key) {
     Task task = std::move(watch->reading_);
     task();
   }
-  // The task may have removed it.
+  // The task may have removed the watch.
   if (Watch* const watch = find(key); watch != nullptr && isWritingDue(*watch)) {
     Task task = std::move(watch->writing_);
     task();
@@ -178,7 +179,7 @@ void Poller::dispatch() {
 void Poller::handle(const epoll_event& event) {
   const Key key = event.data.u64;
   Watch* const watch = key == kWakeUp ? nullptr : find(key);
-  // It may have been removed by the task of an earlier event, and used again.
+  // The task of an earlier event may have removed the watch, and its memory may be in use again.
   if (watch == nullptr) {
     return;
   }

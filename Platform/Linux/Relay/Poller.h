@@ -19,18 +19,17 @@
 namespace ostravel::linuxplatform {
 
 // Tells an event loop which of its sockets have become ready (epoll(7), edge-triggered). A socket
-// is registered once, until it is closed, and costs no further system call, except that one which
-// cannot be written to is registered for that as well.
+// is registered once, until it is closed, and costs no further system call, except one when it
+// first waits to be writable.
 //
 // The kernel reports a change once, so a watch remembers it until a system call has shown that the
-// socket is no longer ready. See Watch about the trap in that.
+// socket is no longer ready. Watch describes the trap in that.
 //
-// Owned by its event loop. For that loop's thread, or before the loop has one, except where it says
-// otherwise.
+// Owned by its event loop. For the loop's thread, or before that starts, unless stated otherwise.
 class Poller {
  public:
-  // What is known about one socket, and who waits for it. Stays in place until it is removed; its
-  // memory is used again.
+  // The known readiness of one socket, and the tasks that wait for it. Keeps its address until it
+  // is removed; its memory is then reused.
   class Watch {
    public:
     // A call may succeed, as far as is known.
@@ -39,9 +38,9 @@ class Poller {
     // A call had to wait (EAGAIN).
     void nothingToRead() { isReadable_ = false; }
     void noRoomToWrite() { isWritable_ = false; }
-    // A receive returned less than it could have. That was everything, unless the end of the stream
-    // or urgent data (which a receive stops at) was reported together with it: that is not reported
-    // again.
+    // A receive returned less than was requested, so the socket is empty, unless the end of the
+    // stream or urgent data (where a receive stops) has been reported: the kernel does not report
+    // those again.
     void readLess() {
       if (!isMoreCertain_) {
         isReadable_ = false;
@@ -70,35 +69,35 @@ class Poller {
   Poller& operator=(const Poller&) = delete;
   ~Poller();
 
-  // Null if the kernel has no memory or no watches left (epoll_ctl(2)).
+  // Null if the kernel is out of memory or of watches (epoll_ctl(2)).
   Watch* add(int descriptor);
-  // Forgets a socket that is about to be closed. What waits for it is destroyed.
+  // Forgets a socket that is about to be closed. Its waiting tasks are destroyed.
   void remove(Watch& watch);
-  // The same from any other thread; what waits is destroyed on the loop. After that the loop's
-  // thread calls nothing for this watch.
+  // The same from any other thread; the waiting tasks are destroyed on the loop. The loop's thread
+  // must not use this watch afterwards.
   void removeFromOutside(Watch& watch);
 
-  // Runs the task once, when the socket may be ready; see isDue() about a socket that is now. At
-  // most one task for each.
+  // Runs the task once, when the socket may be ready. If it is ready now, no event may follow, and
+  // the caller posts runDue(). At most one task each.
   void waitUntilReadable(Watch& watch, Task task);
   void waitUntilWritable(Watch& watch, int descriptor, Task task);
   void cancelWaits(Watch& watch);
   // Destroys the tasks of all watches. Once the loop has stopped.
   void dropWaits();
 
-  // Identifies a watch, and never another one in its place.
+  // Identifies a watch; never refers to a later one that reuses its memory.
   using Key = std::uint64_t;
   static Key keyOf(const Watch& watch) { return watch.key(); }
-  // True if the task that waits may run now: no event may come for it.
+  // True if the waiting task may run now; no event may follow.
   bool isReadingDue(const Watch& watch) const { return watch.isReadable_ && watch.reading_; }
   bool isWritingDue(const Watch& watch) const { return watch.isWritable_ && watch.writing_; }
-  // Runs the tasks that wait for what is ready. Nothing happens if the watch is gone.
+  // Runs the waiting tasks whose socket is ready. Does nothing if the watch is gone.
   void runDue(Key key);
 
-  // Its events are handled before those of others.
+  // Handles its events before those of others.
   void prefer(const Watch& watch) { preferred_ = watch.key(); }
 
-  // Waits for events, at most this long, or until wake(); without a limit if it is empty.
+  // Waits for events until wake(), or until the limit, if there is one, has passed.
   void wait(std::optional<std::chrono::milliseconds> limit);
   // Runs the tasks for the events of the last wait().
   void dispatch();
@@ -106,7 +105,7 @@ class Poller {
   void wake() { wakeUps_.signal(); }
 
  private:
-  // More are reported by the next wait.
+  // Further events are reported by the next wait.
   static constexpr std::size_t kEventsPerWait = 128;
 
   Watch* find(Key key);
@@ -116,7 +115,7 @@ class Poller {
 
   FileDescriptor epoll_;
   EventDescriptor wakeUps_;
-  // Keeps its elements in place when it grows.
+  // A deque, because its elements keep their addresses when it grows.
   std::deque<Watch> watches_;
   std::vector<std::uint32_t> free_;
   std::array<epoll_event, kEventsPerWait> events_{};

@@ -21,7 +21,7 @@ void RedirectPath::reportMissing(unsigned loopIndex, const FlowTuple& tuple) {
 }
 
 void RedirectPath::reportStuck(unsigned loopIndex, AddressFamily family, int error) {
-  // Without a watcher nobody would notice the end of it.
+  // Without a watcher nothing would make the path usable again.
   if (const auto found = watcher()) {
     setUsable(family, false);
     found->connectionsCannotBeAccepted(loopIndex, family, error);

@@ -11,7 +11,7 @@
 namespace ostravel::linuxplatform {
 
 // Whether redirected connections arrive at our listeners, per address family. Rules of other
-// programs may prevent it; nothing must be offered then. The watcher tests the path and reports the
+// programs may prevent it; no flow may be offered then. The watcher tests the path and reports the
 // result here. Owned by the event loop group; usable from any thread.
 class RedirectPath {
  public:
@@ -35,14 +35,15 @@ class RedirectPath {
 
   // Replaces any previous watcher; held weakly.
   void setWatcher(std::weak_ptr<Watcher> watcher);
-  // A connection released for this loop has not arrived.
+  // A connection released for this loop has not arrived in time.
   void reportMissing(unsigned loopIndex, const FlowTuple& tuple);
   // A loop's listener cannot accept anything for now, for lack of descriptors or memory. The path
   // is unusable when this returns.
   void reportStuck(unsigned loopIndex, AddressFamily family, int error);
   // We are about to reset a connection that has arrived. For some seconds the kernel would redirect
-  // a new connection with the same addresses and ports like this one. This call prevents that
-  // before it returns; later would be too late, as the application may be faster than we are.
+  // a new connection with the same addresses and ports like this one. This has been prevented when
+  // the call returns; an asynchronous call could lose the race against the application's next
+  // connection.
   void prepareReset(const FlowTuple& tuple);
 
  private:

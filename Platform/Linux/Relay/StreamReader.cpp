@@ -66,7 +66,7 @@ void StreamReader::continueInTurn() {
 }
 
 void StreamReader::receive() {
-  // Closed or failed since this was started.
+  // Closed or failed in the meantime.
   if (progress_ != Progress::waiting || !stream_.socket.isOpen()) {
     return;
   }

@@ -21,7 +21,7 @@ class StreamReader {
 
   void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion);
 
-  // The stream has its socket now.
+  // The stream's socket is attached.
   void socketIsOpen();
   // The outstanding read completes with ECANCELED.
   void close();
@@ -31,7 +31,7 @@ class StreamReader {
   // The peer has ended its direction.
   bool hasEnded() const { return hasEnded_; }
 
-  // The stream has failed as a whole: the outstanding read completes with its failure.
+  // The whole stream has failed: the outstanding read completes with its failure.
   void fail();
   // The stream is being destroyed: completes the outstanding read with ECANCELED, on the loop.
   void abandon();

@@ -22,7 +22,7 @@ void StreamRegistry::add(Place& place, std::weak_ptr<StreamSocket> stream) {
 
 void StreamRegistry::dropCompletions() {
   // Without the lock: destroying a completion may release the last reference to a stream, here or
-  // on a thread that was about to, and the stream then removes itself from the registry.
+  // on another thread, and the stream then removes itself from the registry.
   std::vector<std::shared_ptr<StreamSocket>> streams;
   {
     const std::lock_guard guard(lock_);

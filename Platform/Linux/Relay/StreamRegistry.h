@@ -9,12 +9,11 @@ namespace ostravel::linuxplatform {
 class StreamSocket;
 
 // The streams of an event loop that may have pending completions. A completion keeps its receiver
-// alive, often the very tunnel that owns the stream, and running it breaks that cycle. Once the
-// loop has stopped no completion runs, so the loop has to find and destroy them. Owned by the event
-// loop.
+// alive, often the tunnel that owns the stream, and running it breaks that cycle. Once the loop has
+// stopped no completion runs, so the loop has to find and destroy them. Owned by the event loop.
 class StreamRegistry {
  public:
-  // A stream's entry, which its destruction removes.
+  // A stream's entry, removed on destruction.
   class Place {
    public:
     Place() = default;
@@ -35,8 +34,8 @@ class StreamRegistry {
   StreamRegistry(const StreamRegistry&) = delete;
   StreamRegistry& operator=(const StreamRegistry&) = delete;
 
-  // Adds an entry for a place that has none. For the loop's thread; the place may be destroyed on
-  // any.
+  // Adds an entry for a place that has none. On the loop's thread; the place may be destroyed on
+  // any thread.
   void add(Place& place, std::weak_ptr<StreamSocket> stream);
 
   // Destroys the pending completions of all streams. Only after the loop's thread has ended.

@@ -86,7 +86,7 @@ void StreamSocket::sendEnd() {
 
 void StreamSocket::leaveToLinger() {
   if (reader_.hasEnded() || state_.socketError != 0) {
-    // Nothing more can arrive, so nothing can turn our end of stream, which this sends, into a
+    // Nothing more can arrive, so nothing can turn the end of stream that closing sends into a
     // reset.
     state_.socket.close();
   } else {

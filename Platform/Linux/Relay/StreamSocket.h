@@ -21,7 +21,7 @@ class EventLoop;
 // connection that owns the socket; that owner is held by std::shared_ptr, and completions keep it
 // alive while they run. Everything is for the loop's thread, except destruction, which resets a
 // socket that was not closed: a truncated stream must not look complete. Outstanding operations
-// then complete with ECANCELED, on the loop.
+// then complete with ECANCELED on the loop.
 //
 // A read first waits and takes a buffer only when data has arrived, so that an idle stream owns
 // none. A direction that keeps filling its buffer reads into pipes instead (splice(2)), and its
@@ -45,11 +45,11 @@ class StreamSocket {
   EventLoop& loop() const { return state_.loop; }
   const std::shared_ptr<UserShare>& user() const { return state_.user; }
 
-  // The socket is connected. Starts the operations that were waiting, and ends the directions that
-  // have already been closed in order.
+  // socket is connected. Starts the waiting operations, and ends the directions that have already
+  // been closed in order.
   void attach(LoopSocket socket);
 
-  // Both as described by the platform interface.
+  // As described by the platform interface.
   void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion);
   void write(platform::Data data, platform::ErrorCompletion completion);
 

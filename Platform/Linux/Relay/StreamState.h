@@ -31,8 +31,8 @@ struct StreamState {
     virtual void streamEnded() = 0;
   };
 
-  // A handler for the loop that runs step(part), a part of the stream, unless the stream is gone by
-  // then.
+  // A handler for the loop that runs step(part) unless the stream is gone by then. part belongs to
+  // the stream.
   template <typename Part, typename Step>
   auto later(Part& part, Step step) {
     return [weakPart = std::weak_ptr<Part>(std::shared_ptr<Part>(owner.sharedStream(), &part)),
@@ -43,14 +43,14 @@ struct StreamState {
     };
   }
 
-  // Runs step(part) when it is the user's turn.
+  // Runs step(part) in the user's next turn.
   template <typename Part, typename Step>
   void inTurn(Part& part, Step step) {
     loop.turns().run(user.get(), later(part, std::move(step)));
   }
   void spendOfTurn(std::size_t bytes) { loop.turns().spend(user.get(), bytes); }
 
-  // Counts bytes of an application, in the order of its data.
+  // Count the application's bytes, in stream order.
   void countRead(std::size_t bytes) const {
     if (record != nullptr) {
       record->sent(bytes);
@@ -62,7 +62,7 @@ struct StreamState {
     }
   }
 
-  // Keeps the first error of the socket; later calls on it would report an end of stream instead.
+  // Keeps the socket's first error: the kernel reports it once, and an end of stream afterwards.
   void noteFailure(int error) {
     if (socketError == 0) {
       socketError = error;
@@ -74,7 +74,7 @@ struct StreamState {
   Owner& owner;
   // Charged for the stream's resources; null if unknown.
   const std::shared_ptr<UserShare> user;
-  // The flow's, if the socket is an application's and the flow is recorded; owned by the flow.
+  // The flow's record, owned by the flow; null for a connection to the proxy or without recording.
   FlowRecord* const record;
   LoopSocket socket;
   // The error that ended the stream as a whole.

@@ -55,7 +55,7 @@ void StreamWriter::waitForRoom() {
 }
 
 void StreamWriter::send() {
-  // Closed or failed since this was started.
+  // Closed or failed in the meantime.
   if (progress_ != Progress::waiting || !stream_.socket.isOpen()) {
     return;
   }
@@ -86,7 +86,7 @@ int StreamWriter::sendChunk() {
       stream_.spendOfTurn(static_cast<std::size_t>(count));
       stream_.countWritten(static_cast<std::size_t>(count));
     } else if (count == 0) {
-      // Neither call returns 0 for data that is there. Retrying could continue forever.
+      // Neither call returns 0 when there is data to send; retrying could loop forever.
       return EIO;
     } else if (errno != EINTR) {
       return errno;

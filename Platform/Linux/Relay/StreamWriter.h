@@ -19,13 +19,13 @@ class StreamWriter {
 
   void write(platform::Data data, platform::ErrorCompletion completion);
 
-  // The stream has its socket now.
+  // The stream's socket is attached.
   void socketIsOpen();
-  // The outstanding write completes with ECANCELED. The end of the stream is for the owner to send.
+  // The outstanding write completes with ECANCELED. The owner sends the end of the stream.
   void close();
   bool isClosed() const { return isClosed_; }
 
-  // The stream has failed as a whole: the outstanding write completes with its failure.
+  // The whole stream has failed: the outstanding write completes with its failure.
   void fail();
   // The stream is being destroyed: completes the outstanding write with ECANCELED, on the loop.
   void abandon();

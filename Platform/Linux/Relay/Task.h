@@ -7,8 +7,8 @@
 
 namespace ostravel::linuxplatform {
 
-// Work of an event loop that runs once at most. Unlike std::function it takes what can only be
-// moved, and what usually waits for a socket (a weak pointer and a pointer) needs no allocation.
+// Work of an event loop that runs at most once. Unlike std::function it accepts move-only
+// callables, and the usual ones (a weak pointer and a pointer) need no allocation.
 class Task {
  public:
   Task() = default;
@@ -27,7 +27,7 @@ class Task {
   Task(Task&& other) noexcept { take(other); }
   Task& operator=(Task&& other) noexcept {
     if (this != &other) {
-      // The old work is destroyed last: that may assign to this task again.
+      // The old work is destroyed last, because its destruction may assign to this task again.
       Task old(std::move(*this));
       take(other);
     }
@@ -49,7 +49,7 @@ class Task {
 
   struct Operations {
     void (*run)(void* storage);
-    // Leaves nothing to be destroyed at the source.
+    // Destroys the source.
     void (*move)(void* source, void* target) noexcept;
     void (*destroy)(void* storage) noexcept;
   };
