@@ -62,7 +62,7 @@ bool AliveKeeper::keepAlive() {
       return true;
     }
     logFailure(error->localizedDescription);
-    // Remove the remains first: the kernel rejects a second table of the same name.
+    // Remove the old table first: the kernel rejects a second one of the same name.
     table_.reset();
   }
   return reinstall();

@@ -19,8 +19,8 @@ namespace ostravel::linuxplatform {
 //
 // If the table cannot be refreshed, it is removed and reinstalled; this is retried on every beat,
 // and nothing is offered until it succeeds. It is also removed while connection tracking is nearly
-// full: the kernel drops the packets of new connections when it is full, and on many machines the
-// table is the only reason why it tracks any.
+// full: the kernel then drops the packets of new connections, and on many machines this table is
+// the only reason for tracking connections at all.
 class AliveKeeper {
  public:
   // Reinstalls the table with its original arguments. Runs on the keeper's thread.

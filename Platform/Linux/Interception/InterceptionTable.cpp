@@ -65,7 +65,7 @@ void addAliveSet(TableChanges& changes) {
                                          InterceptionTable::kAliveTimeout.count())});
 }
 
-// Users expire from it a few seconds after their last packet.
+// A user's element expires a few seconds after the user's last packet.
 void addRatesSet(TableChanges& changes) {
   changes.add(kRateSetChange, {.name = kRatesSet,
                                .id = 2,
@@ -76,7 +76,7 @@ void addRatesSet(TableChanges& changes) {
                                .maximumCount = 65'535});
 }
 
-// A set without elements, named like the alive set, is enough to delete from and add to that set.
+// A set object with the name of the alive set is enough to delete from and add to that set.
 SetHandle makeAliveReference() {
   SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
@@ -129,7 +129,7 @@ Result<TranslatedRule> translate(const NetworkRule& rule) {
       rule.protocol == NetworkRuleProtocol::tcp ? TransportProtocol::tcp : TransportProtocol::udp};
 }
 
-// Starts a rule of this chain with the tests for such a destination.
+// Starts a rule of this chain with the tests for the translated destination.
 NetfilterRule matchingRule(const char* chain, const TranslatedRule& translated) {
   NetfilterRule rule(kTable, chain);
   rule.protocol(translated.protocol);
@@ -142,7 +142,7 @@ NetfilterRule matchingRule(const char* chain, const TranslatedRule& translated) 
   return rule;
 }
 
-// The settings in the terms of the packet filter.
+// The settings, translated to the terms of the packet filter.
 struct Selection {
   std::vector<TranslatedRule> included;
   std::vector<TranslatedRule> excluded;
@@ -179,8 +179,8 @@ void addRulesForLaterPackets(TableChanges& changes, const char* chain) {
       NetfilterRule(kTable, chain).protocol(TransportProtocol::udp).notNewConnection().accept());
 }
 
-// A relay is not bound to an interface, so it cannot reach link-local destinations, and nobody
-// connects to a multicast group.
+// A relay is not bound to an interface, so it cannot reach link-local destinations. TCP cannot
+// connect to a multicast group.
 void addRulesForDestinationsWithoutRoute(TableChanges& changes, const char* chain) {
   struct Network {
     SocketEndpoint address;
@@ -229,18 +229,19 @@ struct Plan {
 
 void addOfferRules(TableChanges& changes, const Selection& selection, const Plan& plan) {
   addRulesForLaterPackets(changes, kOfferChain);
-  // Our own packets, and those of programs that use our mark bits for something else.
+  // Our own packets, and those of programs that use our mark bits for other purposes.
   changes.add("mark rule",
               NetfilterRule(kTable, kOfferChain).markOtherThan(plan.marks.mask(), 0).accept());
   changes.add("set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
-  // A retransmitted SYN, which already had its verdict. After a reply, which then belongs to an
-  // earlier connection with the same addresses and ports, a SYN starts a new connection.
+  // A retransmitted SYN, which has had its verdict. If its entry has seen a reply, that belongs to
+  // an earlier connection with the same addresses and ports, and the SYN starts a new one.
   changes.add("conntrack rule", NetfilterRule(kTable, kOfferChain)
                                     .protocol(TransportProtocol::tcp)
                                     .trackedWithoutReply()
                                     .accept());
   if (plan.isOfferLate()) {
-    // The entry with the translation goes with the packet; a new one would not have it.
+    // The translation belongs to the conntrack entry of this packet; a copy would get a new entry
+    // without it.
     changes.add("conntrack rule",
                 NetfilterRule(kTable, kOfferChain).destinationTranslated().accept());
   }
@@ -307,7 +308,7 @@ Error explain(const NetfilterBatch::Failure& failure) {
         "there is already an nftables table inet ostravel, which another program has made: if it "
         "is not needed, delete it with: nft delete table inet ostravel");
   }
-  // The kernel lets nobody else touch a table that has an owner.
+  // The kernel lets no other process touch a table that has an owner.
   if (failure.change == "table" && (failure.error == EPERM || failure.error == EBUSY)) {
     return error(
         "another instance is running in this network namespace (it owns the nftables table inet "

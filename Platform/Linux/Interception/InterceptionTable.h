@@ -45,17 +45,17 @@ class InterceptionTable {
   // How long packets continue to be offered without a refresh.
   static constexpr std::chrono::milliseconds kAliveTimeout{1000};
 
-  // Limit on a user's queued first packets: above any real rate of new connections, and low enough
-  // to leave time for other users.
+  // Limit on a user's queued first packets per second: above any real rate of new connections, and
+  // low enough to leave time for other users.
   static constexpr std::uint32_t kPacketsPerSecond = 10'000;
 
   // Where packets are offered.
   enum class OfferPoint {
-    // Accepting a packet with a mark redirects it. Rules for the application that a filter has, by
-    // user for example, see it on its way to our listener.
+    // Accepting a packet with a mark redirects it. Other programs' filter rules about the
+    // application, for example about its user, then see the packet on its way to our listener.
     beforeFilters,
-    // Nothing is offered that a filter has dropped or rejected. Too late for redirecting, so the
-    // packet must be sent anew; see PacketResender.
+    // Packets that a filter has dropped or rejected are not offered. It is too late to redirect the
+    // packet, so a copy must be sent; see PacketResender.
     afterFilters,
   };
 
@@ -73,18 +73,19 @@ class InterceptionTable {
       OfferPoint offerPoint = OfferPoint::beforeFilters,
       std::uint32_t packetsPerSecond = kPacketsPerSecond);
 
-  // Whether the kernel would install such a table; it changes nothing. Errors as above.
+  // Asks the kernel whether it would install such a table, without changing anything. Errors as
+  // above.
   static platform::OptionalError examine(const platform::TransparentProxyNetworkSettings& settings,
                                          const PacketMarks& marks, std::uint16_t queueNumber,
                                          const std::vector<ListenerPorts>& listeners);
 
-  // Such a table as a script for nft(8), one command a line, with packets offered after the
+  // Such a table as a script for nft(8), one command per line, with packets offered after the
   // filters. Needs no permission.
   static platform::Result<std::string> script(
       const platform::TransparentProxyNetworkSettings& settings, const PacketMarks& marks,
       std::uint16_t queueNumber, const std::vector<ListenerPorts>& listeners);
 
-  // Packets are offered for another kAliveTimeout.
+  // Lets packets be offered for another kAliveTimeout.
   platform::OptionalError refreshAlive();
 
   // Removed after the rules of this table.

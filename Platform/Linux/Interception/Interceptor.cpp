@@ -25,10 +25,10 @@ using namespace std::chrono_literals;
 
 // Tolerates one late beat.
 static_assert(Heartbeat::kInterval * 4 <= InterceptionTable::kAliveTimeout);
-// Packets read before other work of the loop gets its turn: each may take a tenth of a millisecond,
-// and a new tunnel needs a few turns.
+// Limit on the packets that are read before the loop's other work gets its turn: each may take a
+// tenth of a millisecond, and a new tunnel needs a few turns.
 constexpr std::size_t kMaximumBurst = 16;
-// The same if they need slow searches.
+// The same as a time, for packets that need slow searches.
 constexpr auto kLongestBurst = 10ms;
 // The flows of a busy desktop within the longest lifetime of an entry.
 constexpr std::size_t kRememberedFlows = 8192;
@@ -56,7 +56,7 @@ LoopSocket watchArrivals(EventLoop& loop, const PacketQueue& queue) {
   return made.get_future().get();
 }
 
-// Null if they are not wanted or the kernel lacks what is needed.
+// Null if host names are not used, or if the kernel lacks a feature that observing them needs.
 std::shared_ptr<HostNameObserver> observeNames(NameUse use,
                                                const ApplicationIdentifierSource& identifiers,
                                                platform::Log& log) {
@@ -123,7 +123,7 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
     const platform::TransparentProxyNetworkSettings& settings, std::shared_ptr<platform::Log> log,
     const Environment& environment, FlowHandler handler) {
   EventLoopGroup& loops = environment.loops;
-  // The table comes last: nothing may be offered before there is a queue.
+  // The table is installed last: no packet may be offered before there is a queue.
   auto identifiers = std::make_unique<ApplicationIdentifierSource>(
       platform::limits::kProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
@@ -276,8 +276,8 @@ void Interceptor::receive() {
     received = queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); });
   }
   queue_->retryUnsent();
-  // After a failure maintain() tries again: packets may wait, and waiting for them would return at
-  // once.
+  // After a failure maintain() tries again. Packets may still be waiting, so that waiting for more
+  // would return at once.
   isReceivingPaused_ = received == Received::failed;
   if (isReceivingPaused_) {
     return;
@@ -288,8 +288,8 @@ void Interceptor::receive() {
   waitForPackets();
 }
 
-// Held packets are let go only by a verdict or by the end of the process. So a queue that fails
-// must end it: this loop gives no heartbeat then, and the guardian sees to the rest.
+// Only a verdict or the end of the process releases held packets, so a failed queue must end the
+// process: this loop stops its heartbeat, and the guardian kills the process.
 bool Interceptor::canQueueBeUsed() {
   const auto failure = queue_->failure();
   if (failure && !hasQueueFailed_) {
@@ -340,7 +340,7 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
     return;
   }
   heldFlows_.add({packet.id, tuple.destination, identification.process, share}, now);
-  // The proxy's own flows are caused by those of applications.
+  // Flows of the proxy itself do not count: applications cause them.
   if (identification.identifier != ApplicationIdentifierSource::kProxyIdentifier) {
     shares_.noteActivity(*share, now);
   }
@@ -392,7 +392,7 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
     return LeaveReason::redirectPath;
   }
   if (tuple.protocol == TransportProtocol::udp) {
-    // Tunnels of the kernel itself, which TCP could not replace.
+    // Tunnels of the kernel, which cannot fall back to TCP.
     if (!packet.uid) {
       return LeaveReason::kernelSocket;
     }
@@ -403,8 +403,9 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   } else if (const auto reason = FlowAdmission::reasonAgainst(share, descriptors_, now)) {
     return reason;
   }
-  // One user's flood would delay the others; a user that is alone may have everything. A datagram
-  // can cost even more than a SYN: finding its socket takes long if many share its port.
+  // One user's flood would delay the others; without other active users there is no limit. A
+  // datagram can cost even more than a SYN: finding its socket is slow if many sockets share its
+  // port.
   if (share.exceedsRate(now) && shares_.isOtherActive(share, now)) {
     return LeaveReason::offerShare;
   }
@@ -416,7 +417,8 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
   if (identification.leaveReason) {
     return identification.leaveReason;
   }
-  // A tunnel's packet may carry the socket of its inner packet, and has no socket itself.
+  // A packet of a kernel tunnel may carry the user of its inner packet's socket, but has no socket
+  // itself.
   if (tuple.protocol == TransportProtocol::udp && !identification.user) {
     return LeaveReason::kernelSocket;
   }

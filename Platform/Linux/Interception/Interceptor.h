@@ -42,34 +42,34 @@ namespace ostravel::linuxplatform {
 // the network settings select, identifies its application, and offers the flow. A flow that is not
 // taken is accepted unchanged: the kernel carries it, and none of its data enters this process.
 //
-// Everything happens on the group's first event loop, so that the packets and bytes of a flow
-// of this loop never pass to another thread. A packet costs bounded work, and between two
-// bursts of packets the loop's other work gets its turn. On any failure flows are left to the
-// system, and so are those of a user with more pending flows than its share. Started and stopped by
-// the provider's context, on other threads; the loop outlives it.
+// Everything happens on the group's first event loop, so that the packets and bytes of this loop's
+// flows stay on one thread. A packet costs bounded work, and the loop's other work runs between two
+// bursts of packets. On any failure flows are left to the system, and so are the flows of a user
+// who exceeds the share of pending flows. Started and stopped by the provider's context, on other
+// threads; the loop outlives it.
 class Interceptor {
  public:
   // Returns true if the flow was taken. Called on the loop.
   using FlowHandler = std::function<bool(std::shared_ptr<platform::AppProxyFlow>)>;
 
-  // What interception uses from its process; all of it outlives the interceptor.
+  // What interception uses of its process; all of it outlives the interceptor.
   struct Environment {
     EventLoopGroup& loops;
     DescriptorBudget& descriptors;
     // Its beats keep the rules alive, and packets are not held for longer than it allows.
     Heartbeat& heartbeat;
-    // Records what is decided, on the first event loop.
+    // Records the decisions, on the first event loop.
     FlowJournal& journal;
     // Called about four times a second while the rules are in effect; may be empty.
     std::function<void()> onAlive;
-    // Users, besides root and system users, whose local proxy may carry everybody's flows.
+    // Users, besides root and system users, whose local proxy may carry the flows of all users.
     std::vector<uid_t> proxyUsers;
     // If absent, packets are offered before the filters of other programs.
     std::shared_ptr<const PacketResender> resender = nullptr;
     // Identifiers that applications get from registrations only.
     std::vector<std::string> reservedIdentifiers = {};
-    // Called several times a second, on the first event loop, with the proxy that everybody's flows
-    // may be sent to, as people call it; empty for none. May be absent.
+    // Called several times a second, on the first event loop, with the display name of the proxy
+    // that all users' flows may be sent to; empty for none. May be absent.
     std::function<void(const std::string&)> onProxyWatched = {};
     NameUse names = NameUse::off;
     // Shared with the guardian, see TranslationTable; null if there is none.
@@ -92,17 +92,17 @@ class Interceptor {
   // does no disk access.
   bool reloadRegistrations();
 
-  // What only the loop knows, for people who ask.
+  // State that only the loop can read, for status requests.
   struct Inspection {
-    // The netfilter queue, and the packets in it whose flows are not decided.
+    // The number of the netfilter queue, and of the packets held in it.
     std::uint16_t queue = 0;
     std::size_t held = 0;
     std::size_t registrations = 0;
-    // Of what was asked about; empty if there is no such process, or nothing was asked.
+    // The requested application; empty if there is no such process, or none was requested.
     std::optional<ApplicationDescription> application = std::nullopt;
   };
-  // About a process, or an executable, or neither. The result comes from the loop. Called while the
-  // interceptor exists; it may be destroyed before the result is there.
+  // Describes the application of a process or an executable, if either is given. The loop provides
+  // the result, even if the interceptor is destroyed before.
   std::future<Inspection> inspect(std::optional<pid_t> process,
                                   std::optional<std::string> executable);
 
@@ -136,7 +136,7 @@ class Interceptor {
 
   const std::shared_ptr<platform::Log> log_;
   EventLoopGroup& loops_;
-  // The one on which everything below is used, except where it says otherwise.
+  // Everything below is used on this loop unless stated otherwise.
   EventLoop& loop_;
   DescriptorBudget& descriptors_;
   FlowJournal& journal_;

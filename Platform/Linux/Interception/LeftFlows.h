@@ -27,7 +27,7 @@ class LeftFlows {
   // user: the flow's user, if known.
   void add(LeaveReason reason, std::optional<uid_t> user);
 
-  // Called periodically; logs what is due.
+  // Called periodically; logs the reasons that are due.
   void report(TimePoint now);
 
   std::uint64_t count(LeaveReason reason) const { return entryOf(reason).count; }

@@ -20,9 +20,8 @@ class QueuedPacket final : public HeldPacket {
  public:
   // user: charged with one held packet until the verdict. proxy: the local proxy at the time of the
   // offer. If it has ended since, an apparent refusal is a consequence of that; if another socket
-  // listens, the flow's tunnel may lead to a stranger. The flow is left to the system in both
-  // cases. resender: if present, a redirected packet is replaced by a copy that passes all rules
-  // anew.
+  // listens now, the tunnel may lead to a stranger. In both cases the flow is left to the system.
+  // resender: if present, a redirected packet is replaced by a copy that passes all rules again.
   QueuedPacket(std::shared_ptr<PacketQueue> queue, const PacketMarks& marks,
                const PacketQueue::Packet& packet, std::shared_ptr<UserShare> user,
                std::optional<ProxyInstance> proxy = std::nullopt,

@@ -27,7 +27,7 @@ void RecentFlows::remember(const FirstPacket& packet, TimePoint now) {
   while (inOrder_.size() > capacity_ || inOrder_.front().expiry <= now) {
     const Entry& oldest = inOrder_.front();
     const auto found = expiries_.find(oldest.packet);
-    // Keep a flow that was remembered again since.
+    // Keep a flow that has been remembered again in the meantime.
     if (found != expiries_.end() && found->second == oldest.expiry) {
       expiries_.erase(found);
     }

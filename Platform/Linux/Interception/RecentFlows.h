@@ -10,8 +10,8 @@
 namespace ostravel::linuxplatform {
 
 // Flows that have already been decided, so that another packet of the same attempt (a retransmitted
-// SYN, a second datagram before the reply) is not taken for a new flow. Bounded: the oldest entries
-// are dropped first. Not thread-safe.
+// SYN, a second datagram before the reply) is not mistaken for a new flow. Bounded: the oldest
+// entries are dropped first. Not thread-safe.
 class RecentFlows {
  public:
   using TimePoint = std::chrono::steady_clock::time_point;

@@ -22,8 +22,8 @@ using namespace std::chrono_literals;
 using platform::NetworkRule;
 using platform::TransparentProxyNetworkSettings;
 
-// After a path was found to work, another lost connection within this time is not tested again: its
-// cause is elsewhere.
+// A connection that is lost within this time after a successful test does not cause another test:
+// its loss has another cause.
 constexpr auto kFreshSuccess = 100ms;
 
 const char* loopbackText(AddressFamily family) {
@@ -57,7 +57,7 @@ std::vector<SocketEndpoint> loopbackDestinations(const TransparentProxyNetworkSe
   return destinations;
 }
 
-// A documentation address, which no host has (RFC 5737, RFC 3849).
+// An address for documentation, which no host has (RFC 5737, RFC 3849).
 const char* distantText(AddressFamily family) {
   return family == AddressFamily::ipv4 ? "192.0.2.1" : "2001:db8::1";
 }
@@ -173,8 +173,8 @@ RedirectSupervisor::RedirectSupervisor(EventLoopGroup& loops,
   }
   if (auto opened = SocketDiagnostics::open()) {
     diagnostics_ = *std::move(opened);
-    // Entries left by a killed predecessor. Its rules, and with them connection tracking, went
-    // before the connections ended, so the kernel may keep the entries for days.
+    // Entries left by a killed predecessor. Its rules, and with them connection tracking,
+    // disappeared before the connections ended, so the kernel may keep the entries for days.
     ConntrackEntries().removeDeadRedirections([this](const SocketEndpoint& endpoint) {
       const auto answer = diagnostics_->findListener(endpoint);
       return !answer || answer->has_value();
@@ -216,8 +216,8 @@ void RedirectSupervisor::test(Family& family, unsigned loopIndex) {
 }
 
 // A redirected connection keeps its application's source address, and filter rules for incoming
-// packets often test for loopback addresses. The answer seems to come from the application's
-// destination, and rules against forged addresses test for that.
+// packets often test for loopback addresses. The answers appear to come from the application's
+// destination, and rules against forged addresses may reject that.
 std::vector<RedirectSupervisor::Way> RedirectSupervisor::waysToTry(const Family& family) {
   const SocketEndpoint nearby = destinationFor(family);
   std::vector<Way> ways{{loopback(family.family), nearby}};

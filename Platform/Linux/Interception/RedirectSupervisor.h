@@ -25,8 +25,8 @@ namespace ostravel::linuxplatform {
 // is retested after a pause. A connection that was lost this way is recovered: its conntrack entry
 // is deleted, and the next retransmission of the SYN goes direct.
 //
-// Works on the group's first event loop, with trials on the loop concerned. Created after the rules
-// are in place and stopped before they are removed; it does nothing once stopped.
+// Runs on the group's first event loop, its trials on the loop that they test. Created after the
+// rules are installed and stopped before they are removed; inactive once stopped.
 class RedirectSupervisor final : public RedirectPath::Watcher,
                                  public std::enable_shared_from_this<RedirectSupervisor> {
  public:
@@ -55,7 +55,7 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
                      std::shared_ptr<platform::Log> log, std::chrono::milliseconds pause);
 
  private:
-  // Between which addresses a connection is tried.
+  // The addresses of a trial connection.
   struct Way {
     SocketEndpoint source;
     SocketEndpoint destination;
@@ -68,7 +68,7 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
     AddressFamily family = AddressFamily::ipv4;
     // Loopback destinations that the settings select.
     std::vector<SocketEndpoint> destinations;
-    // One that no host has, if the settings select it.
+    // An address that no host has, if the settings select it.
     std::optional<SocketEndpoint> distantDestination;
     bool isTesting = false;
     // Since the last success, connections could not be accepted.
@@ -95,7 +95,7 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
   std::mutex resetsLock_;
   // Guarded by resetsLock_.
   ConntrackEntries resets_;
-  // The members below are used on the home loop only.
+  // The members below are for the first event loop only.
   std::array<Family, 2> families_;
   std::unique_ptr<SocketDiagnostics> diagnostics_;
   ConntrackEntries conntrack_;

@@ -67,13 +67,13 @@ void RedirectTrial::waitUntilConnected() {
     if (result != 0) {
       self->finish(Outcome::refused);
     }
-    // The listener reports whose connection it is.
+    // Wait for the listener, which reports whose connection it is.
     self->isConnected_ = true;
   });
 }
 
 void RedirectTrial::accepted(LoopSocket socket) {
-  // Reset our side first: conntrack lets the connecting side reuse a connection that it has reset.
+  // Reset the connecting side first: conntrack then lets it reuse the addresses and ports.
   finish(Outcome::arrived);
   socket.reset();
 }
