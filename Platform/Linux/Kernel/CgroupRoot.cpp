@@ -15,8 +15,8 @@ namespace ostravel::linuxplatform {
 namespace {
 
 // Mounts the unified hierarchy without a path, for mount namespaces that hide it: those of
-// ip-netns(8) replace /sys, where it is usually mounted. No other process sees this mount, and it
-// is unmounted with its last descriptor.
+// ip-netns(8) replace /sys, where it is usually mounted. No other process sees this mount; closing
+// its last descriptor unmounts it.
 FileDescriptor openDetachedCgroupRoot() {
   const FileDescriptor context(::fsopen("cgroup2", FSOPEN_CLOEXEC));
   if (!context.isOpen() ||

@@ -12,8 +12,8 @@ namespace ostravel::linuxplatform {
 // format of /proc/self/mounts; empty if they are not mounted.
 std::optional<std::string> findCgroupRoot(const std::string& mountsFile);
 
-// Opens the folder of the root control group, which is mounted privately if there is no mount.
-// Fails if there are no unified control groups or they cannot be accessed.
+// Opens the folder of the root control group, mounting it privately if it is not mounted. Fails if
+// the kernel has no unified control groups or denies access to them.
 platform::Result<FileDescriptor> openCgroupRoot();
 
 }  // namespace ostravel::linuxplatform

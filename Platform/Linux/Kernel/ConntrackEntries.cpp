@@ -96,8 +96,8 @@ bool isLoopback(const SocketEndpoint& endpoint) {
 
 }  // namespace
 
-// The connection of an entry, if it was redirected to a loopback address. One that has ended in
-// order does not count: the kernel treats the next connection with its ports as new.
+// The connection of an entry, if it was redirected to a loopback address. Connections that have
+// ended in order are skipped: the kernel treats the next one with the same ports as new.
 std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
     const nlmsghdr* header) {
   const auto* const message = static_cast<const nfgenmsg*>(::mnl_nlmsg_get_payload(header));
@@ -127,7 +127,8 @@ OptionalError ConntrackEntries::remove(const FlowTuple& original) {
   return request(IPCTNL_MSG_CT_DELETE, original, [](nlmsghdr* /*request*/) {});
 }
 
-// A connection that has ended in order may be reopened. This flag says that its end has begun.
+// The kernel allows a connection that has ended in order to be reopened. This flag means that its
+// end has begun.
 OptionalError ConntrackEntries::allowReopening(const FlowTuple& original) {
   return request(IPCTNL_MSG_CT_NEW, original, [](nlmsghdr* request) {
     constexpr nf_ct_tcp_flags kEnding{IP_CT_TCP_FLAG_CLOSE_INIT, IP_CT_TCP_FLAG_CLOSE_INIT};
@@ -170,7 +171,7 @@ OptionalError ConntrackEntries::request(std::uint16_t type, const FlowTuple& ori
 }
 
 std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListened) {
-  // Many connections share few listeners.
+  // Caches the answers: many connections share few listeners.
   std::unordered_map<SocketEndpoint, bool, SocketEndpointHash> known;
   std::size_t count = 0;
   for (const auto& [original, arrived] : redirections()) {

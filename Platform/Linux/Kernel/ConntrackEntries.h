@@ -22,13 +22,13 @@ class ConntrackEntries {
   ConntrackEntries() : socket_(openNetfilterSocket()) {}
 
   // Deletes the entry of the connection that started with this tuple, including its redirection:
-  // its next packet counts as a first one again. Errors are of kPOSIXErrorDomain: ENOENT if there
+  // its next packet then starts a new connection. Errors are of kPOSIXErrorDomain: ENOENT if there
   // is no entry.
   platform::OptionalError remove(const FlowTuple& original);
 
-  // Called before a connection is reset from its far end. The kernel keeps the entry for ten
-  // seconds after such a reset, and redirects a new connection with the same addresses and ports
-  // as before; after this call it treats the new one as new. Errors as for remove.
+  // Called before a connection is reset by its far end. The kernel keeps the entry for ten seconds
+  // after such a reset, and would redirect a new connection with the same addresses and ports as
+  // before; this call prevents that. Errors as for remove().
   platform::OptionalError allowReopening(const FlowTuple& original);
 
   // Deletes the entries of all TCP connections that were redirected to a loopback address without a
@@ -49,10 +49,10 @@ class ConntrackEntries {
 
   platform::OptionalError request(std::uint16_t type, const FlowTuple& original, Complete complete);
   static std::optional<Redirection> redirectionOf(const nlmsghdr* entry);
-  // As far as the table can be read.
+  // Incomplete if reading the table fails.
   std::vector<Redirection> redirections();
 
-  // Without it nothing is tracked that could be removed; every request fails with its error.
+  // If it cannot be opened there are no entries to remove; every request then fails with its error.
   const platform::Result<NetlinkSocket> socket_;
 };
 

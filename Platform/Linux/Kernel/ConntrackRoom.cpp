@@ -7,7 +7,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// 0 if there is none.
+// 0 if the file contains no number.
 std::uint64_t numberIn(const std::string& path) {
   std::uint64_t number = 0;
   std::ifstream(path) >> number;

@@ -21,11 +21,11 @@ struct SocketEndpoint {
   std::array<std::uint8_t, 16> address{};
   std::uint16_t port = 0;
 
-  // Port 0 at the address that this literal is, which has neither brackets nor zone; empty if it is
-  // no such literal.
+  // Port 0 at the address of a literal without brackets and zone; empty if the text is no such
+  // literal.
   static std::optional<SocketEndpoint> atAddress(const std::string& literal);
 
-  // The address as such a literal.
+  // The address as a literal without brackets and zone.
   std::string addressText() const;
 
   // NOLINTNEXTLINE(modernize-use-nullptr): means the zero that comparisons are rewritten with

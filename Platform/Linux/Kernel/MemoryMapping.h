@@ -9,10 +9,10 @@ namespace ostravel::linuxplatform {
 // Memory shared with a file or the kernel (mmap(2)), unmapped on destruction.
 class MemoryMapping {
  public:
-  // protection as for mmap(2), whose errno an error has (kPOSIXErrorDomain).
+  // protection as for mmap(2). Errors are of kPOSIXErrorDomain.
   static platform::Result<MemoryMapping> ofFile(int descriptor, std::size_t size, int protection);
 
-  // Nothing is mapped.
+  // An empty mapping.
   MemoryMapping() = default;
   MemoryMapping(MemoryMapping&& other) noexcept;
   MemoryMapping& operator=(MemoryMapping&& other) noexcept;

@@ -68,7 +68,7 @@ std::optional<NetfilterBatch::Failure> NetfilterBatch::commit(mnl_socket* socket
   return send(socket);
 }
 
-// A batch without an end is undone when the kernel has examined all of it.
+// The kernel examines a batch without an end message, and then rolls it back.
 std::optional<NetfilterBatch::Failure> NetfilterBatch::examine(mnl_socket* socket) {
   return send(socket);
 }

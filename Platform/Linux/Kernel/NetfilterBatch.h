@@ -20,8 +20,8 @@ struct NetlinkSocketRelease {
 };
 using NetlinkSocket = std::unique_ptr<mnl_socket, NetlinkSocketRelease>;
 
-// Opens a netlink socket to netfilter. Fails, with an error of kPOSIXErrorDomain, if the kernel has
-// no support. Receiving on it blocks for at most two seconds.
+// Opens a netlink socket to netfilter. Fails with an error of kPOSIXErrorDomain if the kernel does
+// not support netfilter. Receiving on it blocks for at most two seconds.
 platform::Result<NetlinkSocket> openNetfilterSocket();
 int descriptorOf(const mnl_socket& socket);
 

@@ -71,7 +71,7 @@ nftnl_expr* makeLimit(std::uint32_t perSecond, std::uint32_t burst, std::uint32_
   return limit;
 }
 
-// The element is in the register.
+// The register contains the element.
 nftnl_expr* makeUpdate(const char* set) {
   nftnl_expr* const expression = makeExpression("dynset");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_SREG_KEY, kRegister);

@@ -64,7 +64,7 @@ class NetfilterRule {
   // packets that exceed the user's rate; the set must support expressions.
   NetfilterRule& userExceedsRate(const char* set, std::uint32_t perSecond, std::uint32_t burst);
 
-  // log group number: copies the packet and goes on
+  // log group number: copies the packet and continues with the next rule
   NetfilterRule& log(std::uint16_t group);
   NetfilterRule& accept();
   // jump chain
@@ -79,7 +79,7 @@ class NetfilterRule {
   NetfilterRule& redirect(std::uint16_t port);
 
   nftnl_rule* get() const { return rule_.get(); }
-  // The tests and the action in the words of nft(8).
+  // The tests and the action in the syntax of nft(8).
   const std::string& text() const { return text_; }
 
  private:

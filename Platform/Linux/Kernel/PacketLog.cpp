@@ -19,7 +19,7 @@ using platform::OptionalError;
 
 namespace {
 
-// A copy, its attributes, and what the kernel adds to reach a page.
+// A copy with its attributes, and the kernel's padding to a page.
 constexpr std::size_t kMessageSize = PacketLog::kCopiedBytes + 4096;
 
 struct alignas(nlmsghdr) Request : std::array<char, 256> {};

@@ -18,15 +18,15 @@ struct nlmsghdr;
 
 namespace ostravel::linuxplatform {
 
-// Copies of the packets that rules with NetfilterRule::log send to a group (nfnetlink_log). The
-// packets themselves go on and wait for nothing; copies that are not read in time are lost. Used by
-// one thread at a time.
+// Receives copies of the packets that rules with NetfilterRule::log send to a group
+// (nfnetlink_log). The packets themselves are not delayed; copies that are not read in time are
+// lost. Used by one thread at a time.
 class PacketLog {
  public:
   struct Packet {
-    // Leaves this machine's sockets; otherwise it has arrived for one of them.
+    // True if a socket of this machine sent it; otherwise it has arrived for one.
     bool isOutgoing = false;
-    // The user who created the sending socket; empty if it is not known, and for arriving packets.
+    // The user who created the sending socket; empty if unknown, and for arriving packets.
     std::optional<uid_t> uid;
     // The interface through which an outgoing packet leaves; 0 if unknown.
     std::uint32_t outputInterface = 0;

@@ -10,13 +10,13 @@ namespace ostravel::linuxplatform {
 inline constexpr unsigned kMaximumEventLoops = 29;
 
 // The bits of the packet mark that this system uses, and the meaning of their values. All other
-// bits belong to the programs that set them and are preserved. A value, passed to everything that
-// marks sockets or packets.
+// bits belong to other programs and are preserved. A value type, passed to all code that marks
+// sockets or packets.
 class PacketMarks {
  public:
   // Five bits that few programs use.
   static constexpr std::uint32_t kDefaultMask = 0x3e000000;
-  // Room for own traffic, refusals and the redirections of a few event loops.
+  // Enough for our own traffic, refusals and the redirections of a few event loops.
   static constexpr unsigned kFewestBits = 3;
 
   constexpr PacketMarks() = default;

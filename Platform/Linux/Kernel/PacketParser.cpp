@@ -41,7 +41,7 @@ class Reader {
   std::span<const std::byte> bytes_;
 };
 
-// Each leaves the reader at the transport header and returns its protocol number.
+// Both leave the reader at the transport header and return its protocol number.
 
 std::optional<std::uint8_t> readIPv4(Reader& reader, FlowTuple& tuple) {
   if (!reader.has(kIPv4MinimumHeader)) {
@@ -112,8 +112,8 @@ std::optional<Transport> readNetworkHeader(std::span<const std::byte> packet) {
   return transport;
 }
 
-// What the network header says is there from itself on; more than its own size for a packet that
-// the kernel has not split up yet, whose header may say 0.
+// The packet's size according to its network header. A packet that the kernel has yet to split into
+// segments may say 0; then the size of the given bytes.
 std::size_t sizeInHeader(std::span<const std::byte> packet) {
   const Reader reader(packet);
   const bool isIPv4 = reader.byte(0) >> 4U == 4;

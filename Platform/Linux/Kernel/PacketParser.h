@@ -27,7 +27,8 @@ struct TransportPacket {
   std::uint8_t flags = 0;
   // Within the bytes that were parsed.
   std::span<const std::byte> payload;
-  // The payload as the packet's headers give it; larger where the packet was truncated.
+  // The payload's size according to the packet's headers; larger than payload if the packet was
+  // truncated.
   std::size_t payloadSize = 0;
 };
 

@@ -29,12 +29,12 @@ namespace {
 // The longest headers that the parser reads: IPv6, its extension headers, the ports.
 constexpr std::uint32_t kCopiedBytes = 256;
 
-// The flows with a pending handshake plus a burst of a few pages opened at once. Further packets
-// pass without being offered.
+// The flows with a pending handshake, and a burst of connections as from a few pages opened at
+// once. Further packets pass without being offered.
 constexpr std::uint32_t kMaximumHeldPackets = 256;
 static_assert(kMaximumHeldPackets >= 4 * platform::limits::kMaxPendingHandshakes);
 
-// A verdict that the kernel has no memory for is retried this often before it is deferred.
+// How often a verdict is tried while the kernel is out of memory, before it is deferred.
 constexpr int kAttemptsAtOnce = 4;
 
 using MessageBuffer = std::array<char, 512>;
@@ -236,7 +236,7 @@ bool PacketQueue::trySend(const Verdict& verdict) {
     ::nfq_nlmsg_verdict_put_mark(header, *verdict.mark);
   }
   const int error = send_(socket_.get(), header);
-  // Any other error means that the packet is gone and needs no verdict.
+  // Any other error means that the kernel no longer holds the packet, which then needs no verdict.
   const bool isKept =
       error == ENOBUFS || error == ENOMEM || error == EAGAIN || error == EINTR || error == EPERM;
   if (isKept) {

@@ -64,13 +64,13 @@ class PacketQueue {
   Received receive(const std::function<void(const Packet&)>& handler);
   static constexpr std::size_t kPacketsPerReceive = 8;
 
-  // Two verdicts: accept the packet unchanged, or with a new mark. Only the first verdict on a
-  // packet counts; true if this is the one. A verdict that the kernel rejects for lack of memory is
-  // kept until retryUnsent().
+  // Accepts the packet, unchanged or with a new mark. Only the first verdict on a packet counts;
+  // true if this is the first. A verdict that the kernel rejects for lack of memory is kept until
+  // retryUnsent().
   bool accept(std::uint32_t id) { return give({.id = id, .mark = std::nullopt}); }
   bool acceptMarked(std::uint32_t id, std::uint32_t mark) { return give({.id = id, .mark = mark}); }
-  // The third: drops the packet if resend() has sent another one in its place and returns true;
-  // else accepts it unchanged. resend() is not called unless this is the first verdict.
+  // Drops the packet if resend() has sent another one in its place and returns true; otherwise
+  // accepts it unchanged. resend() is called only if this is the first verdict.
   bool replace(std::uint32_t id, const std::function<bool()>& resend);
   // Accepts every packet that is held.
   void acceptAll();
@@ -78,15 +78,15 @@ class PacketQueue {
   bool isHeld(std::uint32_t id) const;
   std::size_t heldCount() const;
 
-  // Why the last receive() failed, or why the kernel still lacks a verdict. While there is an
-  // error, packets are held that nobody lets go. For the receiving thread.
+  // Why the last receive() failed, or why a verdict could not be sent. While there is an error, the
+  // kernel holds packets that nothing will release. For the receiving thread.
   platform::OptionalError failure() const;
 
   // Retries the verdicts that the kernel rejected. Call it periodically; cheap if there are none.
   void retryUnsent();
 
  private:
-  // At most one per held packet.
+  // There is at most one per held packet.
   struct Verdict {
     std::uint32_t id = 0;
     std::optional<std::uint32_t> mark;
@@ -98,10 +98,10 @@ class PacketQueue {
   // Passes the packet to the handler if the message contains one.
   void deliver(const nlmsghdr* message, const std::function<void(const Packet&)>& handler);
   bool give(const Verdict& verdict);
-  // True if the packet has had no verdict yet; the caller gives one.
+  // True if the packet has had no verdict yet; the caller must then give one.
   bool claim(std::uint32_t id);
   void send(const Verdict& verdict);
-  // False if the kernel may accept it later.
+  // False if it must be retried later.
   bool trySend(const Verdict& verdict);
 
   NetlinkSocket socket_;

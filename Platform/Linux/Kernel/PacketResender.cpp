@@ -51,7 +51,7 @@ bool isIPv4(Bytes packet) {
   return byteAt(packet, 0) >> 4U == 4;
 }
 
-// Where the headers end, and where the packet does.
+// Where the headers end, and where the packet ends.
 struct Layout {
   std::size_t tcp = 0;
   std::size_t total = 0;
@@ -78,7 +78,7 @@ std::optional<Layout> layoutOf(Bytes packet) {
   return std::nullopt;
 }
 
-// The sum of 16-bit numbers (RFC 1071); bytes are an even number of them, as headers are.
+// The sum of the bytes as 16-bit numbers (RFC 1071). Their number is even, as in every header.
 std::uint64_t sumOf(Bytes bytes) {
   std::uint64_t sum = 0;
   for (std::size_t offset = 0; offset + 1 < bytes.size(); offset += 2) {
@@ -94,7 +94,7 @@ std::size_t foldedComplement(std::uint64_t sum) {
   return ~sum & 0xFFFF;
 }
 
-// The protocol of what follows the first header.
+// The protocol of the header that follows the first one.
 unsigned protocolOf(Bytes packet) {
   return byteAt(packet, isIPv4(packet) ? kIPv4Protocol : kIPv6NextHeader);
 }
@@ -113,7 +113,7 @@ cmsghdr* put(cmsghdr* header, int level, int type, const Value& value) {
 
 platform::Result<std::shared_ptr<const PacketResender>> PacketResender::open() {
   constexpr int kType = SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK;
-  // With this protocol the header is part of what is sent, and nothing is received.
+  // With this protocol the sender provides the header, and the socket receives nothing.
   FileDescriptor ipv4(::socket(AF_INET, kType, IPPROTO_RAW));
   if (!ipv4.isOpen()) {
     return platform::systemCallError(errno, "packets cannot be sent");

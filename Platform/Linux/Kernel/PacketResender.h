@@ -14,20 +14,20 @@
 namespace ostravel::linuxplatform {
 
 // Sends a copy of a queued SYN with another mark, so that it passes all rules for outgoing packets
-// anew (raw(7)). A packet that is merely accepted continues after the rules that it has passed, and
-// it is redirected only before them. Usable from any thread.
+// again (raw(7)). A packet that is merely accepted continues after the rules that it has already
+// passed, which is too late to redirect it. Usable from any thread.
 class PacketResender {
  public:
   // For the network namespace of this thread. Needs CAP_NET_RAW, but only here.
   static platform::Result<std::shared_ptr<const PacketResender>> open();
 
-  // packet: from the network header on; what follows its headers may be missing. Without blocking;
+  // packet: starts with the network header; may be truncated after the headers. Does not block;
   // false if it was not sent.
   bool resend(std::span<const std::byte> packet, std::uint32_t mark) const;
 
-  // The packet without the data that follow the headers of IP and TCP, which are optional in a SYN
-  // (RFC 9293, section 3.4): nobody acknowledges them, so they are sent again. Empty if the packet
-  // has incomplete headers, or data after IPv6 extension headers.
+  // The packet without its payload. A SYN need not carry data (RFC 9293, section 3.4): data that is
+  // not acknowledged is sent again. Empty if the packet has incomplete headers, or data after IPv6
+  // extension headers.
   static std::optional<std::vector<std::byte>> withoutData(std::span<const std::byte> packet);
 
  private:
@@ -35,7 +35,7 @@ class PacketResender {
       : ipv4_(std::move(ipv4)), ipv6_(std::move(ipv6)) {}
 
   const FileDescriptor ipv4_;
-  // Not open without IPv6.
+  // Not open if the network namespace has no IPv6.
   const FileDescriptor ipv6_;
 };
 

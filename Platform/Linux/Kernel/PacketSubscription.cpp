@@ -14,15 +14,15 @@ using platform::OptionalError;
 
 namespace {
 
-// Any free number will do; logging daemons use small ones. The range must only be larger than the
-// number of other users of it.
+// Any free number will do; logging daemons use small ones. The range only has to exceed the number
+// of programs that use it.
 constexpr std::uint16_t kFirstNumber = 43100;
 constexpr std::uint16_t kLastNumber = 43131;
 
-// Ample room for an acknowledgement, and for any packet that comes before it.
+// Ample room for an acknowledgement, and for any packet that arrives before it.
 constexpr std::size_t kMessageSize = std::size_t{16} * 1024;
-// Every packet that a queue may hold with the kernel's own overhead, or the copies of a few hundred
-// usual packets.
+// Room for every packet that a queue may hold, including the kernel's overhead, or for the copies
+// of a few hundred typical packets.
 constexpr int kReceiveBuffer = 1024 * 1024;
 
 OptionalError failure(int error) {
@@ -40,7 +40,7 @@ platform::Result<std::uint16_t> takeFreeNumber(
     if (!error) {
       return number;
     }
-    // Another process has it: the kernel answers that we may not change it.
+    // Another process uses the number, and the kernel denies changing its subscription.
     const bool isTaken = error->code == EBUSY || error->code == EPERM;
     if (!isTaken || number == kLastNumber) {
       return *error;

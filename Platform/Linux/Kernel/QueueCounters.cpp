@@ -7,7 +7,7 @@
 namespace ostravel::linuxplatform {
 
 std::optional<QueueCounters> QueueCounters::read(std::uint16_t queue) {
-  // Below the process: a service may see nothing else of /proc.
+  // Under /proc/self: a sandboxed service may see nothing else of /proc.
   std::ifstream file("/proc/self/net/netfilter/nfnetlink_queue");
   std::ostringstream text;
   text << file.rdbuf();

@@ -6,10 +6,11 @@
 
 namespace ostravel::linuxplatform {
 
-// What the kernel has counted about one netfilter queue of this network namespace
-// (/proc/net/netfilter/nfnetlink_queue; nfnetlink_queue.c of Linux prints it).
+// The kernel's counters of one netfilter queue of this network namespace
+// (/proc/net/netfilter/nfnetlink_queue; format as printed by nfnetlink_queue.c of Linux).
 struct QueueCounters {
-  // Packets in the queue, those that found it full, and those that its reader could not be sent.
+  // Packets in the queue; packets that found the queue full; packets that could not be sent to its
+  // reader.
   std::uint64_t waiting = 0;
   std::uint64_t dropped = 0;
   std::uint64_t userDropped = 0;

@@ -98,7 +98,7 @@ RoutingRules RoutingRules::read() {
 }
 
 // A rule that compares all bits with a value outside our mask does not clash: our marks alone never
-// equal it. A rule that requires our bits to be absent does.
+// equal that value. A rule that requires our bits to be absent clashes.
 bool RoutingRules::clashesWith(std::uint32_t mask) const {
   return std::any_of(rules_.begin(), rules_.end(), [mask](const Rule& rule) {
     const bool testsOurs = (rule.mask & mask) != 0;

@@ -28,8 +28,7 @@ class RoutingRules {
 
   const std::vector<Rule>& rules() const { return rules_; }
 
-  // One sentence per rule that gives a meaning to our bits: packets of one would be taken for those
-  // of the other.
+  // One sentence per rule that uses our bits: its packets and ours would be confused.
   std::vector<std::string> clashesWith(const PacketMarks& marks) const;
 
  private:

@@ -25,7 +25,7 @@ namespace {
 
 // Reached only if the kernel does not answer at all.
 constexpr timeval kAnswerTimeout{0, 20'000};
-// Limit on late answers to earlier queries; there is hardly ever one.
+// Limit on the late answers to earlier queries that are skipped; there is hardly ever one.
 constexpr int kMaximumStaleAnswers = 8;
 // The kernel gives the loopback interface this index in every namespace.
 constexpr std::uint32_t kLoopbackInterface = 1;
@@ -136,9 +136,9 @@ SocketDiagnostics::SocketDiagnostics(Socket diagnostics) : diagnostics_(std::mov
 
 SocketDiagnostics::Answer SocketDiagnostics::find(const FlowTuple& flow,
                                                   std::uint32_t outputInterface) {
-  // With an interface, the query finds sockets bound to it as well as unbound ones. A packet of a
-  // socket that is bound to a VRF leaves through the VRF's own interface when it is queued for the
-  // first time.
+  // A query with an interface finds sockets that are bound to it as well as unbound ones. When a
+  // packet of a socket that is bound to a VRF is queued for the first time, its interface is the
+  // VRF's own.
   return ask(flow.protocol, flow.source, flow.destination, outputInterface);
 }
 
@@ -162,7 +162,7 @@ SocketDiagnostics::Answer SocketDiagnostics::ask(TransportProtocol protocol,
   request.sdiag_family = local.family == AddressFamily::ipv4 ? AF_INET : AF_INET6;
   request.sdiag_protocol = isTCP ? IPPROTO_TCP : IPPROTO_UDP;
   request.idiag_states = ~0U;
-  // A query about UDP has the perspective of an arriving datagram.
+  // A query about UDP takes the perspective of an arriving datagram.
   const SocketEndpoint& source = isTCP ? local : remote;
   const SocketEndpoint& destination = isTCP ? remote : local;
   setEndpoint(source, request.id.idiag_src, request.id.idiag_sport);

@@ -32,8 +32,8 @@ struct SocketInformation {
 };
 
 // Finds sockets of the network namespace in which it was created (sock_diag(7)). Every query is one
-// exact look-up in the kernel's tables, never a walk through them, and the kernel answers while the
-// query is being sent. Used by one thread at a time.
+// exact look-up in the kernel's tables, never a scan, and the kernel answers while the query is
+// being sent. Used by one thread at a time.
 class SocketDiagnostics {
  public:
   // Empty if there is no such socket. After an error, of kPOSIXErrorDomain, it may exist.
@@ -42,9 +42,8 @@ class SocketDiagnostics {
   // Fails if the kernel does not answer such queries.
   static platform::Result<std::unique_ptr<SocketDiagnostics>> open();
 
-  // The socket that sends the flow's packets, whatever its own family, connected or not (UDP). A
-  // socket bound to an interface is found only if its packets leave through that one,
-  // outputInterface.
+  // The socket that sends the flow's packets, of either family, connected or not (UDP). A socket
+  // that is bound to an interface is found only if this is outputInterface.
   Answer find(const FlowTuple& flow, std::uint32_t outputInterface);
 
   // The socket that a TCP connection to this address would reach. If local is a loopback address,

@@ -8,7 +8,7 @@
 
 namespace ostravel::linuxplatform {
 
-// The changes that make a new inet table of nf_tables, for the kernel and in the words of nft(8).
+// The changes that make a new inet table of nf_tables, for the kernel and as a script for nft(8).
 // The table is owned by the netlink socket on which the batch is committed: it disappears with that
 // socket, and no other process can change it.
 class TableChanges {
@@ -27,12 +27,13 @@ class TableChanges {
     const char* name;
     // Distinguishes the sets of one table.
     std::uint32_t id;
-    // Of the elements: for the kernel, in the words of nft(8), and in bytes.
+    // The type of the elements: its number in the kernel, its name in nft(8), and its size in
+    // bytes.
     std::uint32_t type;
     const char* typeName;
     std::uint32_t elementSize;
     std::uint64_t timeoutMilliseconds;
-    // Of the elements that rules may add; 0 if rules add none.
+    // The limit on the elements that rules add; 0 if rules add none.
     std::uint32_t maximumCount = 0;
   };
 
@@ -41,13 +42,13 @@ class TableChanges {
 
   // A chain that a jump leads to.
   void addChain(const char* name) { addChain(name, nullptr); }
-  // A chain of a hook, which accepts what its rules do not decide about.
+  // A chain of a hook, which accepts packets that its rules do not decide.
   void addChain(const char* name, const Base& base) { addChain(name, &base); }
   // change: what a failure of the batch calls it.
   void add(std::string change, const ExpiringSet& set);
   void add(std::string change, const NetfilterRule& rule);
 
-  // One command of the script: what is added, where, and its definition.
+  // Appends one command to the script: what is added, where, and its definition.
   void say(const std::string& what, const std::string& definition = "");
 
   NetfilterBatch& batch() { return batch_; }
