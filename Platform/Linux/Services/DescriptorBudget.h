@@ -7,14 +7,14 @@
 
 namespace ostravel::linuxplatform {
 
-// Counts the process's descriptors that sockets and pipes of tunnels use, so that new flows can be
-// declined before the limit is reached. Owned by the process entry; outlives every event loop.
-// Usable from any thread. It counts and does not enforce.
+// Counts the descriptors of the tunnels' sockets and pipes, so that new flows can be declined
+// before the process reaches its limit. Owned by the process entry; outlives every event loop.
+// Usable from any thread. It does not enforce the limit.
 class DescriptorBudget : public SharedBudget {
  public:
   // Raises the soft limit of open files to the hard one and uses that.
   DescriptorBudget();
-  // Uses the given limit and leaves the process's own alone.
+  // Uses the given limit without changing that of the process.
   explicit DescriptorBudget(std::size_t limit) : SharedBudget(limit, &UserShare::descriptors) {}
 
   // True if only the reserve is left; no new flow should be taken.

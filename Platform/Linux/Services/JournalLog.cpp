@@ -1,6 +1,6 @@
 #include "Platform/Linux/Services/JournalLog.h"
 
-// The position in our source files is useless in the journal.
+// Positions in our source files are useless in the journal.
 #define SD_JOURNAL_SUPPRESS_LOCATION
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -79,7 +79,7 @@ std::size_t JournalLog::Output::write(std::string_view records) {
   std::size_t count = 0;
   for (std::string_view rest = fields; !rest.empty() && count < parts.size(); ++count) {
     const std::size_t end = rest.find('\n');
-    // Only read from, although the type does not say so.
+    // sendmsg(2) only reads from it, although the type is not const.
     parts[count] = {const_cast<char*>(rest.data()), end};
     rest.remove_prefix(end + 1);
   }

@@ -12,7 +12,7 @@ namespace ostravel::linuxplatform {
 // category as fields (OSTRAVEL_SUBSYSTEM, OSTRAVEL_CATEGORY). Usable from any thread.
 class JournalLog final : public platform::Log {
  public:
-  // True if a journal takes records at the moment.
+  // True if a journal accepts records at the moment.
   static bool isThere();
 
   // Sends records to the journal. A record consists of its fields, each NAME=value and a line feed,

@@ -18,10 +18,10 @@ namespace {
 // After this many items the thread is passed to other queues.
 constexpr int kItemsPerTurn = 64;
 
-// The one copy of this text.
+// The only copy of this label.
 const std::string& keptLabel(std::string label) {
   static std::mutex lock;
-  // Never destroyed, because queues may outlive what is.
+  // Never destroyed, because queues may outlive objects of static storage.
   static auto& labels = *new std::set<std::string>;
   const std::lock_guard guard(lock);
   return *labels.insert(std::move(label)).first;
@@ -76,13 +76,13 @@ class LinuxDispatchQueue::EntryList {
 
 // A reader-writer lock whose queue contains items as well as threads.
 //
-// word_ records who is inside and whether anybody waits. While nobody waits, sync items enter and
-// leave by changing it alone. Everything else needs the mutex; kWaiting changes only under it, and
-// while kWaiting is set, items enter only from the front of the line.
+// word_ records which items are running and whether any are waiting. While none is waiting, sync
+// items enter and leave by changing it alone. Everything else needs the mutex; kWaiting changes
+// only under it, and while kWaiting is set, items enter only from the front of the line.
 //
-// An item that leaves and makes the front of the line runnable admits it: threads are woken, shared
+// An item that makes the front of the line runnable by leaving admits it: threads are woken, shared
 // items are submitted to the pool. An exclusive item at the front is run by the first thread in the
-// line, which waits for exactly that, or else by the pool.
+// line, which is waiting anyway, or by the pool if there is none.
 class LinuxDispatchQueue::State final : public WorkerPool::Client,
                                         public std::enable_shared_from_this<State> {
  public:
@@ -170,7 +170,7 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
     (firstWaiter_ == nullptr ? firstWaiter_ : lastWaiter_->next) = &self;
     lastWaiter_ = &self;
     joinLine(&self.entry);
-    // Everything runnable is in front of this thread's item; otherwise it would have been admitted.
+    // Every runnable item is ahead of this thread's, which would have been admitted otherwise.
     while (!self.isAdmitted) {
       if (!runNext(lock)) {
         self.wakeUp.wait(lock);
@@ -178,8 +178,8 @@ class LinuxDispatchQueue::State final : public WorkerPool::Client,
     }
   }
 
-  // Admits from the front of the line all that may enter now, except exclusive items, for which a
-  // thread has to be called.
+  // Admits all items from the front of the line that may enter now, except an exclusive one, which
+  // needs a thread to run it.
   void admit() {
     while (Entry* const front = line_.first()) {
       const auto inside = word_ & ~kWaiting;
@@ -300,7 +300,7 @@ void LinuxDispatchQueue::itemsNeverBlock() {
 
 LinuxDispatchQueue::State& LinuxDispatchQueue::state() {
   if (!hasState_.load(std::memory_order_acquire)) {
-    // One for all queues, which need it once each.
+    // Shared by all queues, because each locks it only once.
     static std::mutex lock;
     const std::lock_guard guard(lock);
     if (!state_) {

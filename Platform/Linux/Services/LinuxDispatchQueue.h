@@ -24,7 +24,7 @@ class LinuxDispatchQueue final : public platform::DispatchQueue {
   ~LinuxDispatchQueue() override;
 
   const std::string& label() const override { return label_; }
-  // Items submitted on an event loop then run there, after what the loop is doing; see LocalTurns.
+  // Items submitted on an event loop then run there, after the loop's current task; see LocalTurns.
   void itemsNeverBlock() override;
   void async(Work work) override;
   void asyncBarrier(Work work) override;

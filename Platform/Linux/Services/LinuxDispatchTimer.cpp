@@ -14,7 +14,7 @@ using Clock = TimerService::Clock;
 using std::chrono::nanoseconds;
 
 constexpr auto kZero = nanoseconds::zero();
-// The latest representable time, with room for adding a wait.
+// The latest time to which a wait can still be added without overflow.
 constexpr auto kEndOfTime = Clock::time_point::max() - std::chrono::hours(24);
 
 Clock::time_point later(Clock::time_point time, nanoseconds wait) {
@@ -99,7 +99,7 @@ void LinuxDispatchTimer::cancel() {
   arm(state_);
 }
 
-// Sets the alarm that the state calls for. Called with the mutex held.
+// Sets the alarm for the state's next expiration. Called with the mutex held.
 void LinuxDispatchTimer::arm(const std::shared_ptr<State>& state) {
   ++state->arming;
   if (const auto alarm = std::exchange(state->alarm, std::nullopt)) {

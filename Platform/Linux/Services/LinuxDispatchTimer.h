@@ -12,7 +12,7 @@ namespace ostravel::linuxplatform {
 
 // A timer on the monotonic clock, which stops while the machine sleeps. The delay starts at
 // schedule(); expirations missed before resume() are merged into one that happens at once. Timers
-// with the same leeway expire together where it permits. A repeating timer does not drift.
+// with the same leeway expire together where the leeway permits. A repeating timer does not drift.
 class LinuxDispatchTimer final : public platform::DispatchTimer {
  public:
   // The service outlives the timer.
@@ -28,7 +28,7 @@ class LinuxDispatchTimer final : public platform::DispatchTimer {
   void cancel() override;
 
  private:
-  // What expirations and submitted handlers still need after the timer is destroyed.
+  // Shared with expirations and submitted handlers, which may outlive the timer.
   struct State;
 
   static void arm(const std::shared_ptr<State>& state);

@@ -6,8 +6,8 @@
 
 namespace ostravel::linuxplatform {
 
-// A thread that gives the queues whose items never block their turns itself, after what it is doing
-// now, instead of waking a thread of the pool for each of them. Implemented by event loops.
+// A thread that runs the queues whose items never block after its current task, instead of waking a
+// thread of the pool for each of them. Implemented by event loops.
 class LocalTurns {
  public:
   LocalTurns() = default;
@@ -15,15 +15,15 @@ class LocalTurns {
   LocalTurns& operator=(const LocalTurns&) = delete;
   virtual ~LocalTurns() = default;
 
-  // That of the calling thread; null if it has none.
+  // The calling thread's; null if it has none.
   static LocalTurns* current() { return current_; }
 
-  // Gives the client a turn later on this thread, in the order of the calls, or on the pool's if
-  // this thread ends before. Called on this thread.
+  // Gives the client a turn later on this thread, in the order of the calls, or on the pool if this
+  // thread ends before. Called on this thread.
   virtual void giveTurn(WorkerPool& pool, std::shared_ptr<WorkerPool::Client> client) = 0;
 
  protected:
-  // For the thread that runs it, at its begin, and with null at its end.
+  // Called by the thread that implements it when it begins, and with null when it ends.
   static void setCurrent(LocalTurns* turns) { current_ = turns; }
 
  private:

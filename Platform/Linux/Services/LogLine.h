@@ -10,8 +10,8 @@
 
 namespace ostravel::linuxplatform {
 
-// The finished line, printable as a whole, so that a foreign value can neither forge a log line nor
-// control a terminal.
+// The formatted line. All of it is printable, so that a foreign value can neither forge a log line
+// nor control a terminal.
 std::string printableLogLine(std::string_view format,
                              std::span<const platform::LogArgument> arguments);
 
@@ -21,7 +21,8 @@ constexpr BackgroundWriter::Urgency urgencyOf(platform::LogLevel level) {
                                             : BackgroundWriter::Urgency::canWait;
 }
 
-// Replaces lines in the log that were dropped because they were not read fast enough. An error.
+// The line, of level error, that replaces lines in the log that were dropped because they were not
+// read fast enough.
 std::string droppedLinesText(std::size_t count);
 
 }  // namespace ostravel::linuxplatform

@@ -15,7 +15,7 @@ namespace ostravel::linuxplatform {
 namespace {
 
 constexpr std::size_t kUUIDSize = 16;
-// The most that getrandom(2) always delivers completely.
+// The largest request that getrandom(2) always fulfils completely.
 constexpr std::size_t kBatchSize = 256;
 
 struct RandomBytes {

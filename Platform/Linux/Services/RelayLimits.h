@@ -16,10 +16,10 @@ inline constexpr std::size_t kSmallRead = 4096;
 // Buffers that a loop keeps for reuse, as many as streams that move data at the same time.
 inline constexpr std::size_t kKeptBuffers = 16;
 
-// The most that one read of a flow delivers: the same as for a connection.
+// The largest chunk that one read of a flow delivers, the same as for a connection.
 inline constexpr std::size_t kMaximumChunk = platform::limits::kMaxRelayRead;
 
-// Room for one chunk of the largest size even if the kernel's segments fill their pages badly.
+// Room for a chunk of the largest size even if small segments waste most of their pages.
 inline constexpr int kPipeSize = 1024 * 1024;
 static_assert(std::size_t{kPipeSize} >= 2 * kMaximumChunk);
 // A smaller pipe moves less per system call than a buffer does. The kernel gives pipes of one or
@@ -33,14 +33,14 @@ inline constexpr std::size_t kKeptPipes = 8;
 // the total has to be bounded.
 inline constexpr std::size_t kMemoryForChunks = 128 * 1024 * 1024;
 
-// What the streams of one user, and those of all users together, may move before other ready work
-// of the loop gets its turn: moving a chunk of the largest size in and out takes a quarter of a
-// millisecond.
+// The bytes that the streams of one user, and of all users together, may move before the loop's
+// other ready work gets its turn: moving a chunk of the largest size in and out takes a quarter of
+// a millisecond.
 inline constexpr std::size_t kBytesPerTurn = 2 * kMaximumChunk;
 inline constexpr std::size_t kBytesPerTurnOfAll = 2 * kBytesPerTurn;
 
-// A direction becomes bulk when this many consecutive receives fill their buffer: a shorter
-// transfer would be over before a pipe pays off.
+// A direction becomes bulk when this many consecutive receives fill their buffer: shorter transfers
+// end before a pipe pays off.
 inline constexpr unsigned kFullReadsBeforeSplice = 4;
 // A direction stops being bulk after this many consecutive small chunks.
 inline constexpr unsigned kSmallChunksBeforeCopy = 8;
@@ -51,7 +51,7 @@ inline constexpr std::size_t kSmallChunk = 16 * 1024;
 // after which TCP retransmits a SYN (RFC 6298), so that a lost connection goes direct with the
 // first retransmission.
 inline constexpr auto kAcceptTimeout = 500ms;
-// Connections accepted before other work of the loop gets its turn.
+// Limit on the connections accepted before the loop's other work gets its turn.
 inline constexpr int kAcceptsPerEvent = 64;
 // Backlog of connections to accept; the kernel caps it (net.core.somaxconn).
 inline constexpr int kListenBacklog = 4096;
@@ -60,9 +60,9 @@ inline constexpr int kListenBacklog = 4096;
 inline constexpr auto kAcceptPause = 100ms;
 
 // Probes keep an idle tunnel's conntrack entry alive, which some systems drop after a few minutes
-// (nf_conntrack_tcp_timeout_established): without it a connection is no longer redirected, and
-// dies. The peer is this machine, which answers as long as the socket is open; no answer for ten
-// minutes means that it has become unreachable.
+// (nf_conntrack_tcp_timeout_established): without it the connection is no longer redirected, and
+// breaks. The peer is on this machine, which answers as long as the socket is open; no answer for
+// ten minutes means that it has become unreachable.
 inline constexpr auto kKeepAliveIdle = 90s;
 inline constexpr auto kKeepAliveInterval = 30s;
 inline constexpr int kKeepAliveProbes = 20;
@@ -72,7 +72,7 @@ inline constexpr int kKeepAliveProbes = 20;
 // longer than the bound.
 inline constexpr auto kLingerInterval = 2s;
 inline constexpr auto kLingerBound = 30s;
-// One discarding receive; nothing is copied, so only fairness bounds it.
+// Size of one discarding receive. It copies nothing, so only fairness bounds it.
 inline constexpr std::size_t kDiscardSize = 1024 * 1024;
 inline constexpr int kDiscardsPerEvent = 16;
 

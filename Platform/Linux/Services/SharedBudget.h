@@ -9,15 +9,15 @@
 
 namespace ostravel::linuxplatform {
 
-// A limited resource of the process, and each user's share of it. Counts and does not enforce:
-// callers check before they take some. Usable from any thread; outlives its leases.
+// A limited resource of the process, divided among users. It does not enforce the limits: callers
+// check before they use some of it. Usable from any thread; outlives its leases.
 //
-// A user may take more while its share is smaller than what is still free. A single user gets half,
-// two get a third each, n get 1/(n+1) each: the users need not be known in advance, and there is
-// always some left for one more.
+// A user may take more while its share is smaller than the amount that is still free. A single user
+// gets half, two get a third each, n get 1/(n+1) each: the users need not be known in advance, and
+// there is always some left for one more.
 class SharedBudget {
  public:
-  // The per-user counter that this budget is divided by.
+  // The counter of a user's share that belongs to this budget.
   using Counter = std::atomic<std::size_t>& (UserShare::*)();
 
   // An amount in use, returned on destruction.

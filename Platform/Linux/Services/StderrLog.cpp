@@ -56,7 +56,7 @@ StderrLog::Output::Output(int descriptor)
     : descriptor_(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0)), output_(descriptor_.get()) {}
 
 std::size_t StderrLog::Output::write(std::string_view lines) {
-  // poll(2) ignores a descriptor that is not open, and would only wait.
+  // Do not wait if it is not open: poll(2) would ignore it.
   return descriptor_.isOpen() ? output_.writePiece(lines, kPatience).size : lines.size();
 }
 

@@ -69,7 +69,7 @@ void TimerService::waitForNext(std::unique_lock<std::mutex>& lock) {
     sleepsUntil_ = alarms_.begin()->first.first;
     wakeUp_.wait_until(lock, sleepsUntil_);
   }
-  // Awake, and about to check.
+  // The thread is awake and about to check the alarms.
   sleepsUntil_ = Clock::time_point::min();
 }
 

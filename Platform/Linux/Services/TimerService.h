@@ -15,7 +15,7 @@ namespace ostravel::linuxplatform {
 // a handler cannot delay another timer. Owned by the platform; outlives every timer. Usable from
 // any thread.
 //
-// Nearly all alarms are cancelled long before they are due: every tunnel sets one and few need it.
+// Nearly all alarms are cancelled long before they are due: every tunnel sets one, and few expire.
 // So cancelling an alarm wakes no thread, and setting one does only if it is the next to expire.
 class TimerService {
  public:
@@ -29,12 +29,12 @@ class TimerService {
   TimerService& operator=(const TimerService&) = delete;
   ~TimerService();
 
-  // Nothing expires after this returns.
+  // No alarm expires after this returns.
   void stop();
 
   // Calls expire at that time, on the thread of the service, unless the alarm is cancelled.
   Alarm set(Clock::time_point time, std::function<void()> expire);
-  // The alarm may be expiring at this moment.
+  // The alarm may already be expiring on the service's thread.
   void cancel(const Alarm& alarm);
 
  private:

@@ -5,8 +5,7 @@
 namespace ostravel::linuxplatform {
 
 void UserShare::handshakeTimedOut(Clock::time_point now) {
-  // Flows of one user may end on several event loops at once; counting one more or less does not
-  // matter.
+  // Flows of one user may end on several event loops at once; an inexact count does no harm.
   if (isOnTrial() && !isTrialDue(now)) {
     return;
   }

@@ -7,8 +7,8 @@
 namespace ostravel::linuxplatform {
 
 // The resources that the flows of one user are using, and whether the local proxy answers them.
-// Created by UserShares; shared with everything that uses part of it, which returns that part on
-// any thread. Usable from any thread, except exceedsRate().
+// Created by UserShares; shared with all objects that use part of it and return that part on any
+// thread. Usable from any thread, except exceedsRate().
 class UserShare {
  public:
   using Clock = std::chrono::steady_clock;
@@ -17,7 +17,8 @@ class UserShare {
   // active: more than a busy machine's services need, less than what saturates a processor.
   static constexpr double kOfferBurst = 400;
   static constexpr double kOffersPerSecond = 400;
-  // Pauses between trials of a proxy that keeps not answering: the first, doubled each time.
+  // Pauses between trials of a proxy that does not answer: the first one, doubled each time, and
+  // the longest.
   static constexpr std::chrono::seconds kShortestTrialPause{1};
   static constexpr std::chrono::seconds kLongestTrialPause{15};
 
@@ -40,15 +41,15 @@ class UserShare {
     return now.time_since_epoch() >= nextTrial_.load(std::memory_order_relaxed);
   }
 
-  // Counts an offer; true if it exceeds what the user may have while other users are active. Only
-  // on the thread that offers.
+  // Counts an offer; true if it exceeds the user's limit while other users are active. Only on the
+  // thread that offers flows.
   bool exceedsRate(Clock::time_point now);
 
-  // Descriptors of sockets and pipes, and bytes of memory that wait for a reader.
+  // The user's descriptors of sockets and pipes, and bytes of chunks that wait for a reader.
   std::atomic<std::size_t>& descriptors() { return descriptors_; }
   std::atomic<std::size_t>& memory() { return memory_; }
 
-  // True if nothing would be lost by forgetting it.
+  // True if it equals a new one.
   bool isIdle() const { return held() == 0 && !isOnTrial() && descriptors_ == 0 && memory_ == 0; }
 
  private:

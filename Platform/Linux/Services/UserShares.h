@@ -13,8 +13,8 @@
 
 namespace ostravel::linuxplatform {
 
-// The shares of all users who have flows. Not thread-safe. When there are many, those of users who
-// use nothing are dropped, so that made-up identities cost no memory.
+// The shares of all users who have flows. Not thread-safe. When there are many, idle ones are
+// dropped, so that invented user IDs cost no memory.
 class UserShares {
  public:
   // Never null. Flows without a known user share one.
@@ -23,14 +23,14 @@ class UserShares {
   // An application of this user is being proxied. The user counts as active for kActivity after
   // that.
   void noteActivity(const UserShare& share, UserShare::Clock::time_point now);
-  // True if another user is active, who would have to wait while this one is served.
+  // True if another user is active, and would have to wait while this one is served.
   bool isOtherActive(const UserShare& share, UserShare::Clock::time_point now) const;
 
   std::size_t size() const { return shares_.size(); }
 
   static constexpr std::chrono::seconds kActivity{2};
 
-  // From this many on, users who use nothing are dropped.
+  // At this many, idle shares are dropped.
   static constexpr std::size_t kManyUsers = 1024;
 
  private:
@@ -45,8 +45,8 @@ class UserShares {
     const UserShare* share = nullptr;
     UserShare::Clock::time_point time;
   };
-  // The two users who were active last, latest first. At least one of them is not the user in
-  // question.
+  // The two users who were active last, latest first, so that at least one of them differs from any
+  // given user.
   std::array<Activity, 2> active_;
 };
 

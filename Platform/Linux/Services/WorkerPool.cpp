@@ -65,7 +65,8 @@ void WorkerPool::run() {
     }
     std::shared_ptr<Client> client = std::move(clients_.front());
     clients_.pop_front();
-    // For clients that were submitted while this thread was waking up: its turn may be long.
+    // Calls another thread for clients that were submitted while this one was waking up: its turn
+    // may be long.
     const bool isCallNeeded = !clients_.empty() && callOne();
     lock.unlock();
     if (isCallNeeded) {
@@ -78,7 +79,8 @@ void WorkerPool::run() {
 }
 
 void WorkerPool::itemFinished() {
-  // Either the last item sees the drain, or the drain sees it.
+  // Sequentially consistent: either the last item sees that a drain is waiting, or the drain sees
+  // that no item is left.
   if (--unfinishedItems_ == 0 && isDraining_) {
     const std::lock_guard lock(mutex_);
     drained_.notify_all();

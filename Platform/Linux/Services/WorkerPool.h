@@ -16,14 +16,14 @@ namespace ostravel::linuxplatform {
 // queue's use of it. Usable from any thread.
 //
 // Only two queues ever block for long: the health queue in its probe, and the monitoring queue in a
-// write that its receiver does not read. Two more threads run everything else, one while the other
-// is in a short item. A thread that waits for a queue runs the items that it waits for itself, so
-// waiting never blocks a thread that others need.
+// write that its receiver does not read. Two more threads run everything else, so that a short item
+// does not delay all others. A thread that waits for a queue runs the items ahead of its own
+// itself, so waiting never blocks a thread that others need.
 class WorkerPool {
  public:
   static constexpr std::size_t kThreads = 4;
 
-  // Has work to do, a bounded part of it per turn.
+  // Has work to do, and does a bounded part of it per turn.
   class Client {
    public:
     Client() = default;
@@ -38,14 +38,14 @@ class WorkerPool {
   WorkerPool();
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
-  // Runs all remaining items before it returns. Call drain() first to limit the wait.
+  // Runs all remaining items first. Call drain() before it to limit the wait.
   ~WorkerPool();
 
   // Gives the client a turn on one of the threads, in the order of the calls.
   void submit(std::shared_ptr<Client> client);
 
-  // Items count from the time a queue accepts them until they have run, so that drain() includes
-  // those that wait in a queue for something that runs elsewhere.
+  // An item counts from the time its queue accepts it until it has run, so that drain() includes
+  // the items that wait in a queue for another item.
   void itemSubmitted() { ++unfinishedItems_; }
   void itemFinished();
 
@@ -62,8 +62,8 @@ class WorkerPool {
   std::condition_variable wakeUp_;
   std::deque<std::shared_ptr<Client>> clients_;
   std::size_t sleepingThreads_ = 0;
-  // A thread was woken and has not checked yet. It wakes the next one if it finds more than it can
-  // take, so that clients in quick succession do not wake one thread each.
+  // A thread was woken and has not looked at the clients yet. If it finds more than one, it wakes
+  // the next thread, so that clients in quick succession do not wake one thread each.
   bool isThreadCalled_ = false;
   bool isEnding_ = false;
 
