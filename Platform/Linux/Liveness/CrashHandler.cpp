@@ -23,7 +23,7 @@ struct Installation {
   std::array<struct sigaction, kSignals.size()> earlier{};
 };
 
-// Never freed: a crash can occur at the very end.
+// Never freed: the process may crash while it exits.
 std::atomic<Installation*> installation = nullptr;
 std::atomic<bool> isWritten = false;
 std::atomic<bool> isBeingWritten = false;
@@ -54,12 +54,14 @@ void handleSignal(int signal) {
     isWritten = true;
   }
   restoreEarlierHandlers(current);
-  // Blocked until this handler returns; then it ends the process as it would have.
+  // The signal is blocked until this handler returns, and then ends the process as it would have
+  // without the handler.
   ::raise(signal);
   errno = errorOfCaller;
 }
 
-// Replaces the library's handler, which writes to standard error and would wait for its reader.
+// Replaces the standard library's handler, which writes to standard error and would wait for its
+// reader.
 [[noreturn]] void handleTerminate() {
   platform::Log& log = *installation.load()->log;
   try {

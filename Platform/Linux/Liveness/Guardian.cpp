@@ -62,7 +62,7 @@ std::chrono::seconds limitOf(Phase phase) {
 // as SIGSTOP, is not sent to its guardian as well.
 void takeName() {
   ::prctl(PR_SET_NAME, kProcessName);
-  // The memory of argv[0], which cannot grow. The remainder is cleared.
+  // This is the memory of argv[0], which cannot grow. strncpy clears the rest.
   std::strncpy(program_invocation_name, kProcessName, std::strlen(program_invocation_name));
 }
 
@@ -117,10 +117,10 @@ void writeLine(const std::string& line) {
   }
 }
 
-// wholeProcess: nothing in it ran, not even the heartbeat.
+// wholeProcess: not even the heartbeat ran.
 enum class Extent { wholeProcess, participants };
 
-// What made no progress.
+// Names what made no progress.
 std::string describe(const HeartbeatRecord& record, Extent extent) {
   switch (record.phase()) {
     case Phase::starting:
@@ -177,7 +177,7 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
   ignoreRequestsToEnd();
   takeName();
   ::setsid();
-  // So that no file system is kept in use.
+  // Keeps no file system in use.
   [[maybe_unused]] const int changed = ::chdir("/");
   leaveControlGroup();
   raisePriority();
@@ -187,7 +187,7 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
 }  // namespace
 
 platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record, int lastFile) {
-  // Opened before the fork, it cannot refer to another process with the same number.
+  // Opened before the fork, so that it cannot refer to a later process with the same number.
   const pid_t self = ::getpid();
   const FileDescriptor extension(::pidfd_open(self, 0));
   if (!extension.isOpen()) {

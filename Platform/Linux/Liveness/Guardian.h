@@ -26,15 +26,15 @@ namespace ostravel::linuxplatform {
 // which stays open until the extension has closed all of its own; no other files.
 class Guardian {
  public:
-  // How long the extension may go without a heartbeat. Nothing is held while it starts, and every
-  // step of an orderly end has two seconds, of which waiting for the last events may take a
-  // quarter.
+  // How long the extension may go without a heartbeat. No packet is held while it starts, and every
+  // step of an orderly shutdown may take two seconds, a quarter of which may be spent waiting for
+  // the last events.
   static constexpr std::chrono::seconds kStartLimit{30};
   static constexpr std::chrono::seconds kRunLimit{1};
   static constexpr std::chrono::seconds kStopLimit{2};
   // The same for an extension that gets no processor time. New flows are no longer offered then, so
-  // only those that are held wait for it; killing it would reset every tunnel, which any user could
-  // bring about with enough busy processes.
+  // only held ones wait; killing it would reset every tunnel, and any user could cause that with
+  // enough busy processes.
   static constexpr std::chrono::seconds kStarvedLimit{10};
 
   // Forks. Called once, by the process to be guarded, before it has a second thread and before it
@@ -42,8 +42,8 @@ class Guardian {
   // descriptor that stays the caller's; -1 for none.
   static platform::Result<Guardian> start(const HeartbeatRecord& record, int lastFile = -1);
 
-  // True, once, if the guardian has ended, which it never does on its own. Cheap; call it after
-  // SIGCHLD.
+  // True, once, if the guardian has ended, which it never does while the extension runs. Cheap;
+  // call it after SIGCHLD.
   bool hasEnded();
 
   pid_t process() const { return process_; }

@@ -10,7 +10,7 @@ namespace ostravel::linuxplatform {
 //
 // Only time during which the observer was running counts: a suspended machine, a paused virtual
 // machine or a starved observer says nothing about the other process. Times are of the monotonic
-// clock, which cannot be set.
+// clock.
 class HangDetector {
  public:
   using Clock = std::chrono::steady_clock;

@@ -8,8 +8,8 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// How soon it checks again while an answer is missing, so that a beat that is late on a busy
-// machine is not late by a whole interval.
+// The interval while an answer is missing, so that a late answer on a busy machine does not delay
+// the beat by a whole interval.
 constexpr std::chrono::milliseconds kRetryInterval{25};
 
 }  // namespace

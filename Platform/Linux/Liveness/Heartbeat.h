@@ -15,16 +15,16 @@
 namespace ostravel::linuxplatform {
 
 // Beats as long as all participants make progress. Each participant is pinged once per beat, and
-// the next beat comes only after all have answered. Has its own thread, so that it depends on none
-// of those that it monitors. Owned by the process entry; outlives the memberships.
+// the next beat comes only after all have answered. Has its own thread, so that it does not depend
+// on the threads that it monitors. Owned by the process entry; outlives the memberships.
 //
 // The beat does not cover the main thread, which only waits for signals, nor the alive keeper,
 // which the kernel may block behind other users of nf_tables. While the alive keeper is blocked,
 // packets stop being offered, so it delays no flow.
 class Heartbeat {
  public:
-  // A quarter of the time-outs after which packets stop being offered and the guardian kills, so
-  // that one late beat does not matter.
+  // A quarter of the time-outs after which packets are no longer offered and the guardian kills the
+  // process, so that one late beat does no harm.
   static constexpr std::chrono::milliseconds kInterval{250};
 
   // Reports that a participant has made progress. Callable from any thread, at any time, even after
@@ -44,7 +44,7 @@ class Heartbeat {
   // thread or in join(); must not block. Not called again before the answer.
   using Ping = std::function<void(Answer answer)>;
 
-  // Ends on destruction; neither function of the participant runs afterwards.
+  // Ends on destruction; neither of the participant's functions runs afterwards.
   class Membership {
    public:
     Membership(Membership&& other) noexcept;
@@ -79,7 +79,7 @@ class Heartbeat {
   // beats. Idempotent.
   void stop();
 
-  // Beats if all participants have answered, and returns whether it did. Called by the thread.
+  // Beats if all participants have answered; true if it did. Called by the thread.
   bool check();
 
  private:

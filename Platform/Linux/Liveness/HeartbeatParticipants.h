@@ -7,7 +7,7 @@
 
 namespace ostravel::linuxplatform {
 
-// The set of those that have to make progress, one bit each: event loop i is bit i.
+// The set of threads that have to make progress, one bit each: event loop i is bit i.
 using HeartbeatParticipants = std::uint32_t;
 
 constexpr HeartbeatParticipants eventLoopParticipant(unsigned index) {

@@ -7,9 +7,9 @@
 
 namespace ostravel::linuxplatform {
 
-// Memory that the extension shares with its guardian: the extension records that it is alive, and
-// the guardian reads it. Created by the process entry before the guardian is forked; exists as long
-// as either process. Usable from any thread; no call blocks.
+// Memory that the extension shares with its guardian: the extension records its progress, and the
+// guardian reads it. Created by the process entry before the guardian is forked; exists as long as
+// either process. Usable from any thread; no call blocks.
 class HeartbeatRecord {
  public:
   enum class Phase : std::uint32_t {

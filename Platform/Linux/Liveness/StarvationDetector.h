@@ -7,8 +7,8 @@
 namespace ostravel::linuxplatform {
 
 // Detects that another process gets no processor time: one of its threads is ready to run, and does
-// not run from one observation to the next. Such a process does not hang, however late it is. A
-// stopped, frozen or blocked thread is not ready to run, and a spinning one does run.
+// not run from one observation to the next. Such a process is starved, not hung. A stopped, frozen
+// or blocked thread is not ready to run, and a spinning one does run.
 //
 // Owned and used by the guardian's one thread.
 class StarvationDetector {
@@ -20,13 +20,12 @@ class StarvationDetector {
   // Without that information from the kernel (CONFIG_SCHED_INFO), always false.
   bool observe();
 
-  // The next observation is a first one.
+  // Forgets all observations.
   void forget() { ready_.clear(); }
 
  private:
   const std::string tasks_;
-  // The threads that were ready to run, with the processor time that they had had by then, in
-  // nanoseconds.
+  // The threads that were ready to run, with their processor time so far, in nanoseconds.
   std::map<std::string, std::uint64_t> ready_;
 };
 
