@@ -33,7 +33,7 @@ struct OpenFile {
 
 FileDescriptor openPath(const std::string& path, std::uint64_t resolve) {
   open_how how{};
-  // O_PATH does not open the file itself, so the file system is not asked for it.
+  // O_PATH does not open the file itself, so the kernel does not ask the file system.
   how.flags = O_PATH | O_CLOEXEC | O_NOFOLLOW;
   how.resolve = resolve | RESOLVE_NO_MAGICLINKS;
   return FileDescriptor(
@@ -52,7 +52,7 @@ std::optional<std::uint64_t> numberAfter(std::string_view text, std::string_view
 }
 
 // The kernel answers this itself (proc_pid_fdinfo(5), Linux 5.14), whereas stat(2) asks the file
-// system, which may block whatever fields are requested.
+// system, which may block.
 std::optional<OpenFile> describe(const FileDescriptor& file) {
   const FileDescriptor description(
       ::open(("/proc/self/fdinfo/" + std::to_string(file.get())).c_str(), O_RDONLY | O_CLOEXEC));
@@ -120,7 +120,7 @@ FileLookup::Answer FileLookup::at(const std::string& path, uid_t user) {
     const auto device = description ? mounts_.deviceOf(description->mount) : std::nullopt;
     return {true, device ? std::optional(FileIdentity{*device, description->inode}) : std::nullopt};
   }
-  // The last two come from kernels that cannot restrict a look-up to their cache.
+  // EINVAL and ENOSYS come from kernels that cannot restrict a look-up to their cache.
   if (errno != EAGAIN && errno != EINVAL && errno != ENOSYS) {
     return {true, std::nullopt};
   }

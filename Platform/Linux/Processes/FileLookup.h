@@ -33,7 +33,7 @@ class FileLookup {
     std::optional<FileIdentity> file;
   };
 
-  // Enough for a local disk or a nearby server, and a delay that few people notice once.
+  // Enough for a local disk or a nearby server, and a delay that few users notice once.
   static constexpr std::chrono::milliseconds kPatience{10};
   // A late answer is kept for the next question, which follows soon if an application retries.
   static constexpr std::chrono::seconds kLateAnswerLife{1};
@@ -44,7 +44,7 @@ class FileLookup {
   explicit FileLookup(SearchAllowance& allowance);
 
   // The file at this absolute path in our own mount namespace; a symbolic link in the last
-  // component is not followed. user: the one who chose the path.
+  // component is not followed. user: chose the path, and is charged.
   Answer at(const std::string& path, uid_t user);
 
   // The file that the process is running, wherever it is.
@@ -63,7 +63,7 @@ class FileLookup {
 
   SearchAllowance& allowance_;
   MountTable mounts_;
-  // Each user's question that was not answered in time.
+  // Each user's question that has not been answered in time.
   std::unordered_map<uid_t, std::shared_ptr<Question>> questions_;
 };
 

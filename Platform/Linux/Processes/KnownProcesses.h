@@ -13,10 +13,10 @@
 
 namespace ostravel::linuxplatform {
 
-// A process that has sent before, and what is known about it.
+// A process that has sent packets before, and the cached knowledge about it.
 struct KnownProcess {
   Process process;
-  // Where the executable was before it was last examined, as in PublishedConnect; 0 if unknown.
+  // The executable's place before its last examination, as in PublishedConnect; 0 if unknown.
   std::uint64_t place = 0;
   // The control group in which its last socket was created, as the kernel numbers it; 0 if unknown.
   std::uint64_t socketGroup = 0;
@@ -26,7 +26,8 @@ struct KnownProcess {
   // The last listener of the proxy that this process was compared with, and the result.
   std::uint64_t comparedListener = 0;
   bool isProxy = false;
-  // The count of the listener's changes for which its sockets are marked; empty if they are not.
+  // The count of the listener's changes for which its sockets are marked; empty if they are not
+  // marked.
   std::optional<std::uint64_t> marked;
 };
 

@@ -6,7 +6,8 @@
 
 namespace ostravel::linuxplatform {
 
-// Names a process, to find out later whether it is still alive. A value; usable from any thread.
+// Refers to a process, to find out later whether it is still alive. A value type; usable from any
+// thread.
 class ProcessLife {
  public:
   // startTime: in clock ticks since boot; distinguishes it from a later process with the same

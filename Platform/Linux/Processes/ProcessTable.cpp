@@ -138,7 +138,7 @@ std::optional<Process> ProcessTable::find(pid_t pid, std::optional<FileIdentity>
   process.stamp = *stamp;
   readExecutable(process, executable);
   setControlGroup(process, controlGroupOf(pid));
-  // Unless all of it is about the same program, it is worthless.
+  // Discard the result unless all of it describes the same program.
   const auto after = programStampOf(pid);
   if (!after || after->startTime != stamp->startTime || after->stackStart != stamp->stackStart) {
     return std::nullopt;
@@ -164,7 +164,7 @@ void ProcessTable::setControlGroup(Process& process, std::string group) {
 
 bool ProcessTable::refreshExecutable(Process& process,
                                      std::optional<FileIdentity> executable) const {
-  // Here the kernel shows that a file was removed or renamed.
+  // Only the link of /proc/PID/exe shows that a file was removed or renamed.
   const auto link = linkTarget(pathOf(process.pid, "exe"));
   if (!link || (process.isExecutableSettled && *link == process.executableLink &&
                 process.mountGeneration == files_->generation())) {
@@ -182,7 +182,7 @@ void ProcessTable::readExecutable(Process& process, std::optional<FileIdentity> 
   process.executableLink = linkTarget(pathOf(process.pid, "exe")).value_or("");
   process.executable.clear();
   process.executableFile = executable;
-  // Text that is not a path could be taken for another kind of identifier.
+  // Text that is not a path could be mistaken for another kind of identifier.
   if (!process.executableLink.starts_with('/')) {
     return;
   }

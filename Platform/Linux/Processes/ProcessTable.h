@@ -60,18 +60,18 @@ struct Process {
 // file system or on the process: not cmdline, environ or maps. Used by one thread.
 class ProcessTable {
  public:
-  // Work done at the expense of other flows is charged to the allowance.
+  // allowance: charged with work that delays other flows.
   explicit ProcessTable(
       std::shared_ptr<SearchAllowance> allowance = std::make_shared<SearchAllowance>());
 
   // Both are empty if there is no such process or it has just ended.
   std::optional<ProcessStamp> stampOf(pid_t pid) const;
-  // executable: what the process runs, or ran at the time in question, as the kernel recorded it;
-  // if empty, it is looked up.
+  // executable: the file that the process runs, or ran at the time in question, as the kernel
+  // recorded it; looked up if empty.
   std::optional<Process> find(pid_t pid,
                               std::optional<FileIdentity> executable = std::nullopt) const;
-  // Rechecks what may change while the stamp stays the same: whether the executable is still the
-  // file at its path. Cheap if nothing has changed; returns true if something has.
+  // Rechecks whether the executable is still the file at its path, which may change while the stamp
+  // stays the same. Cheap if nothing has changed; returns true if something has.
   bool refreshExecutable(Process& process,
                          std::optional<FileIdentity> executable = std::nullopt) const;
 
@@ -81,7 +81,7 @@ class ProcessTable {
 
   // A process that holds the socket with this inode; candidate is checked first, then user's
   // processes. Empty also if none was found within kHolderBudget. Charges the allowance without
-  // asking it.
+  // checking it.
   std::optional<pid_t> holderOf(std::uint32_t inode, uid_t user,
                                 std::optional<pid_t> candidate = std::nullopt);
 
@@ -91,8 +91,8 @@ class ProcessTable {
   // True if the process holds the socket among its first descriptors, where inherited ones are.
   bool hasInherited(pid_t pid, std::uint32_t inode) const;
 
-  // A third of the delay of a held first packet that goes unnoticed, and the corresponding time on
-  // a machine that gives us a fifth of a core.
+  // A third of the delay of a held first packet that users do not notice, and the corresponding
+  // time on a machine that gives us a fifth of a core.
   static constexpr std::chrono::milliseconds kHolderBudget{5};
   static constexpr std::chrono::milliseconds kLongestHolderSearch{25};
 

@@ -11,9 +11,9 @@
 
 namespace ostravel::linuxplatform {
 
-// Limits the first event loop's total time for finding out about processes: scanning their
-// descriptors and waiting for file systems. An operation that has begun is completed, at the
-// expense of later ones. Used by one thread.
+// Limits the first event loop's total time for examining processes: scanning their descriptors and
+// waiting for file systems. An operation that has begun is completed, at the expense of later ones.
+// Used by one thread.
 class SearchAllowance {
  public:
   using Clock = std::chrono::steady_clock;
@@ -27,7 +27,7 @@ class SearchAllowance {
   // Not available to users. All flows are left to the system until the search for the local proxy
   // has ended.
   static constexpr Duration kReserve = kBurst / 2;
-  // No user gets more than half of the total, which leaves the rest to all others.
+  // No user gets more than half of the total.
   static constexpr int kUserDivisor = 2 * kDivisor;
   // Two of the longest searches for a socket's holder.
   static constexpr Duration kUserBurst = std::chrono::milliseconds(50);

@@ -15,8 +15,8 @@ namespace ostravel::linuxplatform {
 
 // Scans the descriptors of all processes for the one that holds a socket, newest processes first,
 // in as many steps as the caller's budget requires. Processes may come and go in between; new ones
-// are not scanned. Without permission to inspect foreign processes (CAP_SYS_PTRACE), only our own
-// are found. Used by one thread at a time.
+// are not scanned. Without permission to inspect other users' processes (CAP_SYS_PTRACE), only our
+// own are found. Used by one thread at a time.
 class SocketHolderSearch {
  public:
   enum class Result { found, absent, unfinished };

@@ -41,7 +41,7 @@ SystemUsers SystemUsers::read(const std::string& path) {
     std::string name;
     std::string value;
     words >> name >> value;
-    // A comment matches neither. Of several lines the last one counts.
+    // A comment matches neither. The last of several lines counts.
     if (name == "SYS_UID_MAX") {
       systemMaximum = number(value);
     } else if (name == "UID_MIN") {

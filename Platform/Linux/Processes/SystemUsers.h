@@ -8,7 +8,7 @@
 namespace ostravel::linuxplatform {
 
 // Distinguishes root and service users from users who log in, by the range of user IDs that
-// login.defs(5) reserves for system users. A value; safe to use from any thread.
+// login.defs(5) reserves for system users. A value type; usable from any thread.
 class SystemUsers {
  public:
   static constexpr const char* kDefaultPath = "/etc/login.defs";
@@ -16,7 +16,7 @@ class SystemUsers {
   // The highest ID of a system user. 999 unless the file says otherwise.
   explicit SystemUsers(uid_t last = kDefaultLast) : last_(last) {}
 
-  // SYS_UID_MAX from the file, else UID_MIN - 1, else the default, also if there is no such file.
+  // SYS_UID_MAX from the file, else UID_MIN - 1, else the default.
   static SystemUsers read(const std::string& path = kDefaultPath);
 
   // True for root and system users. The user "nobody" is neither.

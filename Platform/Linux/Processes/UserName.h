@@ -6,7 +6,7 @@
 
 namespace ostravel::linuxplatform {
 
-// A user's name for people, from /etc/passwd only, so as never to block on a directory service; the
+// A user's display name, from /etc/passwd only, so as never to block on a directory service; the
 // number if there is no name. Reads a file.
 std::string nameOfUser(uid_t user);
 
