@@ -18,7 +18,7 @@ namespace ostravel::linuxplatform {
 std::string answerLine(ControlRequest::Kind kind, JSONHandle result);
 std::string errorLine(const ControlError& error, std::optional<ControlRequest::Kind> kind);
 
-// A string; what is not UTF-8 in it is written as an escape.
+// A string; bytes that are not UTF-8 are written as escapes.
 JSONHandle jsonText(std::string_view text);
 JSONHandle jsonOf(const FlowRecord::View& flow);
 JSONHandle jsonOf(const std::vector<FlowRecord::View>& flows);

@@ -16,7 +16,7 @@ constexpr std::array kKinds{Kind::status, Kind::decisions, Kind::tunnels, Kind::
 constexpr std::size_t kUsualDecisions = 100;
 constexpr std::size_t kUsualTunnels = 1000;
 
-// Reads members of the request, and keeps the first problem.
+// Reads the members of a request, and keeps the first problem.
 class Members {
  public:
   explicit Members(const json_t* object) : object_(object) {}

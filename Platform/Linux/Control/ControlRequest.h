@@ -11,7 +11,7 @@
 
 namespace ostravel::linuxplatform {
 
-// Why a request is not carried out: a code of Documentation/control.md, and a sentence.
+// Why a request was rejected: a code of Documentation/control.md, and a sentence.
 struct ControlError {
   std::string code;
   std::string message;
@@ -36,11 +36,11 @@ struct ControlRequest {
   std::uint16_t port = 443;
   bool isUDP = false;
 
-  // line: without its end.
+  // line: without its line feed.
   static std::variant<ControlRequest, ControlError> parse(std::string_view line);
 };
 
-// The word for it in a request.
+// Its name in a request.
 std::string_view nameOf(ControlRequest::Kind kind);
 
 }  // namespace ostravel::linuxplatform

@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Other programs free descriptors too, without notice.
+// Nothing reports when another program closes descriptors, so accepting is retried after a pause.
 constexpr auto kPause = 100ms;
 
 }  // namespace
@@ -104,7 +104,7 @@ void ControlServer::accept(FileDescriptor socket) {
   if (connection.answer.empty()) {
     connections_.push_back(std::move(connection));
   } else {
-    // It fits into the socket's buffer; a peer that has none gets no answer.
+    // The answer fits into the socket's buffer; a peer whose buffer is full gets none.
     static_cast<void>(send(connection));
   }
 }

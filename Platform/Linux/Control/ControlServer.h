@@ -19,10 +19,10 @@
 
 namespace ostravel::linuxplatform {
 
-// Serves the control socket on a thread of its own: reads one line from each connection, has it
-// answered, writes the answer and closes. Connections, the size of a request and the time of both
-// directions are bounded, and no client waits for another one that stalls. Owned by the process
-// entry.
+// Serves the control socket on a separate thread: reads one line from each connection, calls the
+// handler, writes its answer and closes. The number of connections, the size of a request and the
+// time for both directions are limited, and a client that stalls delays no other. Owned by the
+// process entry.
 class ControlServer {
  public:
   // Returns the answer's line. Called on the server's thread.
@@ -30,20 +30,20 @@ class ControlServer {
 
   struct Limits {
     std::size_t connections = 16;
-    // Of one user other than root.
+    // Limit for each user other than root.
     std::size_t connectionsPerUser = 8;
     std::chrono::milliseconds requestTime{2000};
     std::chrono::milliseconds answerTime{5000};
   };
 
-  // listener: a listening socket that does not block, and outlives this object. group: whose
-  // members may ask. Throws std::system_error if there can be no thread.
+  // listener: a nonblocking listening socket; outlives this object. group: its members may read.
+  // Throws std::system_error if the thread cannot be created.
   ControlServer(int listener, std::optional<gid_t> group, Handler handler)
       : ControlServer(listener, group, std::move(handler), Limits()) {}
   ControlServer(int listener, std::optional<gid_t> group, Handler handler, const Limits& limits);
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
-  // Closes all connections, after the answer that is being made.
+  // Closes all connections once a running handler has returned.
   ~ControlServer();
 
  private:
@@ -64,7 +64,7 @@ class ControlServer {
   void acceptAll();
   void accept(FileDescriptor socket);
   bool hasRoomFor(const PeerAccess& peer) const;
-  // True while the connection goes on.
+  // False once the connection is done.
   bool proceed(Connection& connection);
   bool receive(Connection& connection);
   bool send(Connection& connection);
@@ -75,7 +75,7 @@ class ControlServer {
   const Handler handler_;
   const Limits limits_;
   std::list<Connection> connections_;
-  // After accepting failed for lack of descriptors.
+  // Set after accepting has failed for lack of descriptors.
   std::optional<Clock::time_point> pausedUntil_;
   EventDescriptor stop_;
   std::thread thread_;

@@ -10,7 +10,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// More groups than a login has; a member of even more has to ask as another user.
+// More groups than any login has; a user with even more cannot be recognised as a member.
 constexpr std::size_t kMostGroups = 1024;
 
 bool isAmongGroups(int socket, gid_t group) {
