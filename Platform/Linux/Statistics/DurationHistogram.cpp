@@ -9,7 +9,7 @@ namespace ostravel::linuxplatform {
 namespace {
 
 constexpr std::uint64_t kNanosecondsPerMicrosecond = 1000;
-// Of a power of two.
+// Buckets for each power of two.
 constexpr std::uint64_t kParts = 4;
 constexpr unsigned kPartBits = 2;
 

@@ -10,28 +10,29 @@
 
 namespace ostravel::linuxplatform {
 
-// How often durations of each size occurred: fixed buckets, four for each power of two of
-// microseconds up to about a minute, so a percentile is at most a quarter too high. 840 bytes.
-// Recording costs two relaxed additions; usable from any thread.
+// Counts durations by size, in fixed buckets: four for each power of two of microseconds up to
+// about a minute, so a percentile is at most a quarter too high. 840 bytes. Recording costs two
+// relaxed additions; usable from any thread.
 class DurationHistogram {
  public:
   using Duration = std::chrono::nanoseconds;
 
-  // A copy that nobody changes.
+  // An immutable copy.
   class Snapshot {
    public:
     struct Bucket {
-      // Counts durations up to this, and above that of the bucket before.
+      // The longest duration in this bucket. The shortest one exceeds the upper boundary of the
+      // bucket before.
       std::chrono::microseconds upper;
       std::uint64_t count;
     };
 
     std::uint64_t count() const { return count_; }
     std::chrono::microseconds sum() const { return sum_; }
-    // Those that are not empty, in ascending order.
+    // The buckets that are not empty, in ascending order.
     const std::vector<Bucket>& buckets() const { return buckets_; }
-    // The upper boundary of the bucket below which this part of the durations lies; empty if there
-    // are none. part: above 0, at most 1.
+    // The upper boundary of the bucket that contains this percentile; empty if there are no
+    // durations. part: a fraction above 0, at most 1.
     std::optional<std::chrono::microseconds> percentile(double part) const;
 
    private:
@@ -42,10 +43,10 @@ class DurationHistogram {
     std::vector<Bucket> buckets_;
   };
 
-  // Longer durations are counted in the last bucket, negative ones in the first.
+  // Too long durations count in the last bucket, negative ones in the first.
   void record(Duration duration);
   Snapshot snapshot() const;
-  // The sum of both, bucket by bucket.
+  // The sum of all, bucket by bucket.
   static Snapshot sumOf(const std::vector<const DurationHistogram*>& histograms);
 
  private:

@@ -12,22 +12,22 @@ namespace ostravel::linuxplatform {
 
 inline constexpr std::size_t kFlowEnds = static_cast<std::size_t>(platform::FlowEnd::abandoned) + 1;
 
-// What became of the flows of one event loop. Nearly always changed by that loop's thread alone, so
-// that no cache line is shared; readable from any thread.
+// Counts the outcomes of one event loop's flows. Nearly always changed by that loop's thread alone,
+// so that threads share no cache line; readable from any thread.
 struct alignas(64) FlowCounters {
-  // Handshakes in progress, and tunnels that are open.
+  // Handshakes in progress, and open tunnels.
   std::atomic<std::int64_t> pending = 0;
   std::atomic<std::int64_t> open = 0;
   // Successful handshakes, and the ends of all taken flows.
   std::atomic<std::uint64_t> established = 0;
   std::array<std::atomic<std::uint64_t>, kFlowEnds> ends{};
-  // Bytes that applications have sent, and that they have received.
+  // Bytes sent and received by applications.
   std::atomic<std::uint64_t> bytesSent = 0;
   std::atomic<std::uint64_t> bytesReceived = 0;
-  // When a handshake last succeeded, and last reached its deadline, in seconds since 1970.
+  // When a handshake last succeeded, and when one last reached its deadline, in seconds since 1970.
   std::atomic<double> lastSuccess = 0;
   std::atomic<double> lastTimeout = 0;
-  // From the request to the complete answer.
+  // From sending the request to the complete answer.
   DurationHistogram handshakes;
 };
 

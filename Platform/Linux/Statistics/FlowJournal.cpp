@@ -9,16 +9,16 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Only the writer changes these.
+// Not one atomic addition: only the writer changes these counts.
 void increment(std::atomic<std::uint64_t>& count) {
   count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 }  // namespace
 
-// The writer first makes a record invisible and then looks whether somebody reads; the reader first
-// says that it reads and then looks at records. All four accesses have one order, so either the
-// writer keeps the record or the reader does not see it.
+// The writer removes a record from view and then checks for a reader; the reader announces itself
+// and then looks at records. All four accesses are sequentially consistent, so either the writer
+// keeps the record or the reader does not see it.
 class FlowJournal::Reading {
  public:
   explicit Reading(const FlowJournal& journal) : journal_(journal), lock_(journal.readerLock_) {
@@ -128,7 +128,7 @@ FlowJournal::Decisions FlowJournal::decisions(std::optional<std::uint64_t> after
       after ? *after + 1 : (last - oldest + 1 > limit ? last - limit + 1 : oldest);
   for (std::uint64_t number = oldest; number <= last && result.flows.size() < limit; ++number) {
     const FlowRecord* const record = decisions_[number % kKeptDecisions].load();
-    // Replaced while this was read.
+    // Replaced in the meantime.
     if (record == nullptr || record->sequence() != number) {
       continue;
     }

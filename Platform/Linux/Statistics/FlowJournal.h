@@ -20,18 +20,18 @@
 
 namespace ostravel::linuxplatform {
 
-// What was decided about flows: counts since the start, the last decisions, and the flows that were
-// taken and are not over. Owned by the process entry; outlives every flow.
+// Records the decisions about flows: counts since the start, the latest decisions, and the open
+// flows that were taken. Owned by the process entry; outlives every flow.
 //
-// One thread writes, the one that decides about flows; it takes no lock and never waits. Any thread
-// may read. While one reads, the writer keeps records that it would otherwise release.
+// One thread writes, the one that decides; it takes no lock and never waits. Any thread may read.
+// While one reads, the writer keeps the records that it would otherwise release.
 class FlowJournal {
  public:
   using TimePoint = FlowRecord::Clock::time_point;
 
   static constexpr std::size_t kKeptDecisions = 1000;
-  // Of flows that are left to the system unexamined, so that a flood neither costs much nor pushes
-  // everything else out.
+  // Limit on the records of flows that are left to the system before identification, so that a
+  // flood neither costs much nor displaces all other records.
   static constexpr std::size_t kKeptPerSecond = 20;
 
   // loops: how many event loops carry flows.
@@ -39,30 +39,30 @@ class FlowJournal {
   FlowJournal(const FlowJournal&) = delete;
   FlowJournal& operator=(const FlowJournal&) = delete;
 
-  // --- By the thread that decides.
+  // For the thread that decides:
 
-  // A record for a flow that is about to be offered, on this loop if it is taken.
+  // Returns the record of a flow that is about to be offered. loop: carries it if it is taken.
   std::shared_ptr<FlowRecord> open(FlowRecord::Origin origin, unsigned loop);
-  // After the offer. Counts the decision, and keeps it.
+  // Called after the offer. Counts and keeps the decision.
   void publish(std::shared_ptr<FlowRecord> record);
   // Counts a flow that is left to the system without an offer. reason: of static storage. True if
   // the caller should also record it, with publishLeft().
   bool countLeft(std::string_view reason, TimePoint now);
   void publishLeft(FlowRecord::Origin origin, std::string_view reason);
-  // Releases what is over. Call it periodically.
+  // Releases the flows that have ended. Call it periodically.
   void maintain();
 
-  // --- By any thread.
+  // For any thread:
 
   struct Decisions {
-    // The largest number so far.
+    // The sequence number of the latest decision.
     std::uint64_t last = 0;
-    // Newer than asked for, but no longer kept.
+    // How many of the requested decisions are no longer kept.
     std::uint64_t missed = 0;
     std::vector<FlowRecord::View> flows;
   };
-  // The oldest after the number `after`, or without it the newest; oldest first. With
-  // updatedAfter (seconds since 1970) also older ones to which something has happened since.
+  // Without `after` the latest decisions, otherwise those that follow this number; oldest first.
+  // With updatedAfter (seconds since 1970) also earlier ones that have changed since then.
   Decisions decisions(std::optional<std::uint64_t> after, std::optional<double> updatedAfter,
                       std::size_t limit) const;
 
@@ -70,7 +70,7 @@ class FlowJournal {
     std::size_t count = 0;
     std::vector<FlowRecord::View> flows;
   };
-  // Flows that were taken and are not over, newest first.
+  // The open flows that were taken, newest first.
   Tunnels tunnels(std::size_t limit) const;
 
   struct Totals {
@@ -91,8 +91,8 @@ class FlowJournal {
   };
   Totals totals() const;
 
-  // When a handshake last succeeded, and last reached its deadline; seconds since 1970, 0 for
-  // never.
+  // When a handshake last succeeded, and when one last reached its deadline; seconds since 1970, 0
+  // for never.
   struct Handshakes {
     double success = 0;
     double timeout = 0;
@@ -100,9 +100,10 @@ class FlowJournal {
   Handshakes lastHandshakes() const;
 
  private:
-  // More than there are reasons.
+  // Exceeds the number of reasons.
   static constexpr std::size_t kMaximumReasons = 40;
-  // A quarter of a second's work at a thousand flows a second, in both places.
+  // Bounds one call's work in both places to that of a quarter of a second at a thousand flows a
+  // second.
   static constexpr std::size_t kSweptPerFlow = 2;
   static constexpr std::size_t kSweptPerTurn = 4096;
 
@@ -111,7 +112,7 @@ class FlowJournal {
     std::atomic<std::uint64_t> count = 0;
   };
 
-  // While it exists, records that were seen stay.
+  // Marks a reader: while it exists, the records that it sees are kept.
   class Reading;
 
   void countDirect(std::string_view reason);
@@ -131,7 +132,7 @@ class FlowJournal {
   mutable std::mutex readerLock_;
   mutable std::atomic<bool> isRead_ = false;
 
-  // The writer's.
+  // For the writer only.
   std::array<std::shared_ptr<FlowRecord>, kKeptDecisions> owned_;
   std::vector<std::shared_ptr<FlowRecord>> retired_;
   TimePoint keptSince_;

@@ -12,14 +12,14 @@ namespace {
 
 constexpr double kMicrosecondsPerSecond = 1'000'000;
 
-// Identifiers and destinations are ASCII; a cut in the middle of anything else is repaired where
-// the text is printed.
+// Identifiers and destinations are ASCII. If anything else is cut within a character, printing
+// replaces the rest of it.
 std::string cut(std::string text) {
   text.resize(std::min(text.size(), FlowRecord::kLongestText));
   return text;
 }
 
-// Written by one thread, so it need not be one instruction.
+// Not one atomic addition: only one thread writes it.
 void add(std::atomic<std::uint64_t>& sum, std::size_t count) {
   sum.store(sum.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
 }
@@ -74,7 +74,7 @@ void FlowRecord::handshakeStarted() {
 
 void FlowRecord::handshakeSucceeded() {
   auto phase = Phase::pending;
-  // Its deadline may have passed on another thread.
+  // Another thread may have reported that the deadline has passed.
   if (!phase_.compare_exchange_strong(phase, Phase::established)) {
     return;
   }
@@ -133,7 +133,7 @@ std::string_view FlowRecord::outcome(std::uint8_t end) const {
 }
 
 FlowRecord::View FlowRecord::view() const {
-  // First, so that everything that was written before the end is seen with it.
+  // Loaded first: everything written before the end is then visible.
   const std::uint8_t end = end_.load(std::memory_order_acquire);
   View view{.sequence = sequence_,
             .time = time_,

@@ -16,10 +16,10 @@
 
 namespace ostravel::linuxplatform {
 
-// The life of one flow, from its first packet on: what was decided and why, and when each step
-// was. Made by the journal and shared with the flow, which reports to it. Written by the thread
-// that decides until it is published, and by the flow's event loop after that; may be read from any
-// thread at any time. Its counters outlive it.
+// The history of one flow from its first packet on: the decision, its reason, and the time of each
+// step. Made by the journal and shared with the flow, which reports to it. Written by the thread
+// that decides until it is published, then by the flow's event loop; readable from any thread at
+// any time. Its counters outlive it.
 class FlowRecord final : public platform::FlowObserver {
  public:
   using Clock = std::chrono::steady_clock;
@@ -31,7 +31,7 @@ class FlowRecord final : public platform::FlowObserver {
     bool isUDP = false;
     // Empty if unknown.
     std::string application = {};
-    // host:port, an IPv6 literal in brackets.
+    // host:port, with an IPv6 literal in brackets.
     std::string destination = {};
     std::optional<uid_t> user = std::nullopt;
     std::optional<pid_t> process = std::nullopt;
@@ -39,7 +39,7 @@ class FlowRecord final : public platform::FlowObserver {
     Clock::time_point begin = {};
   };
 
-  // Longer identifiers, destinations and details are cut to this.
+  // Longer identifiers, destinations and details are truncated to these sizes.
   static constexpr std::size_t kLongestText = 255;
   static constexpr std::size_t kLongestDetail = 120;
 
@@ -53,21 +53,21 @@ class FlowRecord final : public platform::FlowObserver {
   void handshakeSucceeded() override;
   void ended(platform::FlowEnd end, std::string_view detail) override;
 
-  // Left to the system before it could be offered. reason: of static storage.
+  // The flow was left to the system before it could be offered. reason: of static storage.
   void left(std::string_view reason);
-  // Bytes of the application that were read from it, and that were written to it.
+  // Count bytes read from and written to the application.
   void sent(std::size_t bytes);
   void received(std::size_t bytes);
 
   Action action() const { return action_; }
   // Of static storage.
   std::string_view reason() const { return reason_; }
-  // Nothing more will happen.
+  // True if the record will not change any more.
   bool hasEnded() const {
     return action_ != Action::proxied || end_.load(std::memory_order_acquire) != kNoEnd;
   }
 
-  // A copy of all of it.
+  // A copy of the record.
   struct View {
     std::uint64_t sequence = 0;
     double time = 0;
@@ -92,10 +92,10 @@ class FlowRecord final : public platform::FlowObserver {
   };
   View view() const;
   std::uint64_t sequence() const { return sequence_; }
-  // When something last happened to it, in seconds since 1970.
+  // The time of its last step, in seconds since 1970.
   double lastChange() const;
 
-  // For the journal, before anybody else can see the record: its number, and the time that the
+  // For the journal, before the record is shared: sets its number, and returns the time that the
   // decision took.
   Elapsed publish(std::uint64_t sequence);
 
@@ -106,7 +106,7 @@ class FlowRecord final : public platform::FlowObserver {
   static constexpr std::size_t kIdentifierSize = 36;
 
   using Step = std::atomic<std::int64_t>;
-  // Of a flow that was taken.
+  // The phase of a flow that was taken.
   enum class Phase : std::uint8_t { pending, established, over };
 
   std::int64_t elapsed() const;
@@ -122,14 +122,14 @@ class FlowRecord final : public platform::FlowObserver {
   std::string_view reason_ = "no_handler";
   std::uint64_t sequence_ = 0;
   std::int64_t decided_ = 0;
-  // Microseconds after the beginning.
+  // Microseconds after origin_.begin.
   Step connected_ = kNotYet;
   Step established_ = kNotYet;
   Step ended_ = kNotYet;
   // Written once, before hasIdentifier_.
   std::array<char, kIdentifierSize> identifier_{};
   std::atomic<bool> hasIdentifier_ = false;
-  // Of several threads that report an end the first one is right.
+  // If several threads report an end, the first one counts.
   std::atomic<Phase> phase_ = Phase::pending;
   // A FlowEnd, or kNoEnd. Written after detail_.
   std::atomic<std::uint8_t> end_ = kNoEnd;
@@ -138,12 +138,12 @@ class FlowRecord final : public platform::FlowObserver {
   std::atomic<std::uint64_t> bytesReceived_ = 0;
 };
 
-// The words of the control protocol.
+// Its name in the control protocol.
 std::string_view nameOf(platform::FlowRule rule);
 std::string_view nameOf(platform::FlowEnd end);
 std::string_view nameOf(FlowRecord::Action action);
 
-// What the core does with a flow by this rule.
+// What the core does with a flow to which this rule applies.
 FlowRecord::Action actionOf(platform::FlowRule rule);
 
 }  // namespace ostravel::linuxplatform

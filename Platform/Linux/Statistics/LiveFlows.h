@@ -11,12 +11,12 @@
 
 namespace ostravel::linuxplatform {
 
-// The flows that were taken and have not ended. Part of the journal, which says who may call what:
-// one thread adds and sweeps, another one reads, without a lock.
+// The flows that were taken and have not ended. Part of the journal, whose rules apply: one thread
+// adds and sweeps, another one may read at the same time, without a lock.
 class LiveFlows {
  public:
-  // As many tunnels as the largest reasonable descriptor limit permits; further ones are counted
-  // but not listed.
+  // Room for as many tunnels as the largest reasonable descriptor limit permits; further ones are
+  // counted but not listed.
   static constexpr std::size_t kSlotsPerChunk = 256;
   static constexpr std::size_t kMaximumChunks = 1024;
 
@@ -25,13 +25,13 @@ class LiveFlows {
   LiveFlows& operator=(const LiveFlows&) = delete;
   ~LiveFlows();
 
-  // By the writer.
+  // For the writer.
   void add(std::shared_ptr<FlowRecord> record);
-  // Looks at this many places, going round, and returns the flows that have ended, which the reader
+  // Examines this many slots, round robin, and appends the flows that have ended, which a reader
   // may still see.
   void sweep(std::size_t places, std::vector<std::shared_ptr<FlowRecord>>& ended);
 
-  // By the reader: all of them, in no order.
+  // For the reader: all of them, unordered.
   std::vector<const FlowRecord*> all() const;
 
  private:
