@@ -5,8 +5,8 @@
 
 namespace ostravel::linuxplatform {
 
-// Time since boot, including the time for which the machine was suspended (clock_gettime(2)): names
-// expire while a laptop sleeps.
+// Time since boot, including the time for which the machine was suspended (clock_gettime(2)): so
+// that names also expire while a laptop sleeps.
 struct BootClock {
   using duration = std::chrono::nanoseconds;
   using rep = duration::rep;

@@ -18,7 +18,7 @@ namespace ostravel::linuxplatform {
 namespace {
 
 constexpr std::chrono::seconds kPause{1};
-// Resolvers use three of them (MAXNS of resolv.h).
+// The C library uses three of them (MAXNS of resolv.h).
 constexpr std::size_t kMaximumServers = 8;
 constexpr std::size_t kLargestFile = 65536;
 constexpr std::uint16_t kPort = 53;
@@ -51,12 +51,12 @@ void ConfiguredResolvers::refresh(BootClock::time_point now) {
   }
   lastLook_ = now;
   read();
-  // The resolver may be started, or started again, at any time.
+  // The resolver may be started or restarted at any time.
   findUsers();
 }
 
 void ConfiguredResolvers::read() {
-  // Not a pipe that somebody has put there.
+  // Does not block if the path is a pipe.
   const FileDescriptor file(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (!file.isOpen() || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
@@ -72,7 +72,7 @@ void ConfiguredResolvers::read() {
   }
   version_ = std::move(version);
   servers_.clear();
-  // Written by root, or by the service that root has put in charge of it.
+  // Trusted only if root or a system service owns it and no one else can write to it.
   if (!systemUsers_.includes(status.st_uid) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     return;
   }

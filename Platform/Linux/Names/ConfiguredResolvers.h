@@ -14,23 +14,22 @@
 
 namespace ostravel::linuxplatform {
 
-// The resolvers that root has configured for this machine, as resolv.conf(5) lists them, and the
-// users as which those run that listen on a loopback address: what they ask others, they ask for
-// everybody. Read again when the file has changed. Used by one thread at a time, which may wait for
-// the disk.
+// The resolvers that root has configured for this machine in resolv.conf(5), and the users of those
+// that listen on a loopback address: they send queries on behalf of all applications. Reread when
+// the file has changed. Used by one thread at a time, which may wait for the disk.
 class ConfiguredResolvers {
  public:
   static constexpr const char* kDefaultPath = "/etc/resolv.conf";
 
   explicit ConfiguredResolvers(std::string path = kDefaultPath);
 
-  // Looks whether anything has changed, at most once a second.
+  // Checks for changes, at most once a second.
   void refresh(BootClock::time_point now);
 
   // True for the address of a resolver, whatever its port.
   bool includes(const SocketEndpoint& server) const;
-  // True for a system user that a resolver on this machine runs as. Root and nobody never count:
-  // they run much else.
+  // True for a system user who runs a resolver on this machine. Never true for root and nobody, who
+  // also run other programs.
   bool isResolver(uid_t user) const;
 
  private:
@@ -40,7 +39,7 @@ class ConfiguredResolvers {
   const std::string path_;
   const SystemUsers systemUsers_;
   std::optional<BootClock::time_point> lastLook_;
-  // Of the file that was read: device, inode and time of its last change.
+  // Device, inode and time of last change of the file that was read.
   std::vector<std::int64_t> version_;
   std::vector<SocketEndpoint> servers_;
   std::vector<uid_t> users_;

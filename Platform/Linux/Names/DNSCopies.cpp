@@ -16,16 +16,16 @@ constexpr const char* kQueries = "queries";
 constexpr const char* kAnswers = "answers";
 constexpr std::uint16_t kPort = 53;
 
-// Before addresses are translated for the query, after they have been translated back for the
-// answer, and after every filter that might keep the answer from the application.
+// Queries: before address translation. Answers: after translation has been undone, and after every
+// filter that might drop the answer.
 constexpr std::int32_t kQueriesPriority = NF_IP_PRI_MANGLE;
 constexpr std::int32_t kAnswersPriority = NF_IP_PRI_SECURITY + 150;
 
 constexpr const char* kAsking = "asking";
-// What nft(8) calls inet_service.
+// nft(8) calls this type inet_service.
 constexpr std::uint32_t kTypePort = 13;
 constexpr std::uint32_t kAllPorts = 65'536;
-// As long as an answer is waited for.
+// How long an answer is awaited.
 constexpr std::uint64_t kTimeoutMilliseconds = 10'000;
 
 void addAskingSet(TableChanges& changes) {

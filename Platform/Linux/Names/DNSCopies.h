@@ -11,26 +11,26 @@
 namespace ostravel::linuxplatform {
 
 // A second nf_tables table, which copies the DNS messages of this machine's sockets to a PacketLog.
-// It decides about no packet. Like that of interception it is owned by its netlink socket, and so
-// it ends with this object or the process.
+// It decides about no packet. Like the interception table it is owned by its netlink socket, so it
+// is removed with this object or the process.
 //
 //   table inet ostravel-names
 //     set asking     the ports that queries were sent from within the last seconds
 //     chain queries  output: to port 53, as the application sends them
 //     chain answers  input, after all filters: from port 53, to the ports in the set
 //
-// The kernel copies a limited number a second: sending more costs names, not time. It need not
-// track connections for these rules.
+// The kernel copies a limited number per second: a flood costs names, not time. These rules need no
+// connection tracking.
 class DNSCopies {
  public:
   static constexpr const char* kTableName = "ostravel-names";
-  // Of each direction: a browser that starts with all its tabs.
+  // For each direction; enough for a browser that restores all its tabs.
   static constexpr std::uint32_t kPacketsPerSecond = 2000;
 
-  // group: of the PacketLog. The error's sentence says what failed.
+  // group: the PacketLog's. The error's sentence says what failed.
   static platform::Result<std::unique_ptr<DNSCopies>> install(std::uint16_t group);
 
-  // Such a table as a script for nft(8), one command a line.
+  // Such a table as a script for nft(8), one command per line.
   static std::string script(std::uint16_t group);
 
  private:

@@ -31,11 +31,11 @@ char lowerCase(char character) {
                                               : character;
 }
 
-// Reads a message from front to back. What is missing or damaged makes every later read fail.
+// Reads a message from front to back. Missing or damaged data makes every later read fail.
 //
-// Names are expanded by c-ares, which bounds their compression pointers. Its functions that parse
-// whole answers do not say which name an address belongs to, and libraries that parse every type of
-// record do more than is needed with what strangers send.
+// Names are expanded by c-ares, which bounds their compression pointers. Its parsers of whole
+// answers do not report which name an address belongs to, and libraries that parse every type of
+// record expose more code than necessary to untrusted input.
 class Reader {
  public:
   explicit Reader(std::span<const std::byte> message) : message_(message) {}
@@ -55,7 +55,7 @@ class Reader {
     return high << 16U | word();
   }
 
-  // Empty if there are not so many bytes left, or if size is 0.
+  // Empty if fewer bytes are left, or if size is 0.
   std::span<const std::byte> take(std::size_t size) {
     if (hasFailed_ || message_.size() - position_ < size) {
       hasFailed_ = true;
@@ -101,7 +101,7 @@ struct Header {
 
 std::optional<Header> readHeader(Reader& reader) {
   Header header{reader.word(), reader.word(), reader.word(), reader.word()};
-  // The numbers of further records.
+  // Skip the numbers of further records.
   reader.longWord();
   return reader.hasFailed() ? std::nullopt : std::optional(header);
 }
@@ -127,7 +127,7 @@ std::optional<DNSQuestion> readQuestion(Reader& reader, std::uint16_t id) {
 struct Record {
   std::string owner;
   std::chrono::seconds timeToLive{};
-  // One of the two, unless it is a record of another type.
+  // One of the two; neither for a record of another type.
   std::string alias;
   std::optional<SocketEndpoint> address;
 };
@@ -160,7 +160,7 @@ Record readRecord(Reader& reader) {
     std::string alias = reader.name();
     record.alias = reader.position() == begin + size ? std::move(alias) : std::string();
     if (record.alias.empty()) {
-      // What follows cannot be found.
+      // The following record cannot be located.
       reader.take(kLongestDNSMessage + 1);
     }
   } else {
@@ -272,7 +272,7 @@ bool isUsableHostName(std::string_view name) {
   const std::size_t lastDot = name.rfind('.');
   const std::string_view lastLabel =
       lastDot == std::string_view::npos ? name : name.substr(lastDot + 1);
-  // RFC 6761, section 6.3.
+  // "localhost" and the names below it (RFC 6761, section 6.3).
   if (lastLabel == kThisMachine) {
     return false;
   }

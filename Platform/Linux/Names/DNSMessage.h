@@ -18,7 +18,7 @@ struct DNSQuestion {
   std::uint16_t id = 0;
   // In lower case, without a final dot.
   std::string name;
-  // Of the addresses asked for.
+  // Of the requested addresses.
   AddressFamily family = AddressFamily::ipv4;
 
   friend bool operator==(const DNSQuestion&, const DNSQuestion&) = default;
@@ -32,28 +32,29 @@ struct ResolvedAddress {
   friend bool operator==(const ResolvedAddress&, const ResolvedAddress&) = default;
 };
 
-// Longer messages are not read; few that carry addresses are.
+// Longer messages are not read; few messages with addresses are longer.
 inline constexpr std::size_t kLongestDNSMessage = 4096;
 
 // Empty unless the message is one query for IPv4 or IPv6 addresses of a name for which
 // isUsableHostName.
 std::optional<DNSQuestion> parseDNSQuestion(std::span<const std::byte> message);
 
-// The number by which an answer refers to its query; empty if the message is no complete, positive
+// The ID by which an answer refers to its query; empty if the message is not a complete, positive
 // answer. Reads only the header.
 std::optional<std::uint16_t> idOfDNSAnswer(std::span<const std::byte> message);
 
 // The addresses that the message gives for this question, directly or through aliases. The time to
-// live is the shortest on that way. Empty if the message is damaged or answers something else.
+// live is the shortest one along the aliases. Empty if the message is damaged or answers another
+// question.
 std::vector<ResolvedAddress> parseDNSAnswer(std::span<const std::byte> message,
                                             const DNSQuestion& question);
 
-// The addresses in one resource record in wire format, not compressed; for answers that are
-// delivered record by record.
+// The address in one resource record in wire format, uncompressed; for answers that are delivered
+// record by record.
 std::optional<ResolvedAddress> parseDNSRecord(std::span<const std::byte> record);
 
-// True if the name, in lower case, can be a host's and cannot be confused with anything else: not
-// with an address literal, and not with this machine.
+// True if the name, in lower case, is a valid host name and neither resembles an address literal
+// nor refers to this machine.
 bool isUsableHostName(std::string_view name);
 
 }  // namespace ostravel::linuxplatform

@@ -51,9 +51,9 @@ void DNSMessageStreams::end(const FlowTuple& tuple) {
 }
 
 bool DNSMessageStreams::append(Stream& stream, const TransportPacket& packet) {
-  // A SYN takes a sequence number before its payload (RFC 7413).
+  // A SYN occupies one sequence number before its payload (RFC 7413).
   const std::uint32_t first = packet.sequence + ((packet.flags & kSyn) != 0 ? 1 : 0);
-  // Modulo 2^32; what was received before is skipped.
+  // Modulo 2^32; bytes that have been received before are skipped.
   const std::uint32_t known = stream.next - first;
   constexpr std::uint32_t kHalf = 0x80000000;
   if (known >= kHalf || packet.payload.size() != packet.payloadSize) {

@@ -14,12 +14,12 @@
 
 namespace ostravel::linuxplatform {
 
-// Puts the DNS messages together that TCP carries (RFC 1035, section 4.2.2), each direction of a
-// connection separately. What arrives out of order, is too long or was not seen from its beginning
-// is given up: it costs a name and nothing else. Used by one thread at a time.
+// Reassembles DNS messages carried by TCP (RFC 1035, section 4.2.2), each direction of a connection
+// separately. A stream that is out of order, has too long a message, or was not seen from its
+// beginning is dropped; this only costs a name. Used by one thread at a time.
 class DNSMessageStreams {
  public:
-  // Least recently used ones are forgotten. Half a megabyte at most.
+  // When it is full, the least recently used stream is dropped. Half a megabyte at most.
   static constexpr std::size_t kCapacity = 128;
 
   // Passes every message that the packet completes.
@@ -39,7 +39,7 @@ class DNSMessageStreams {
 
   void begin(const TransportPacket& packet);
   void end(const FlowTuple& tuple);
-  // False if the stream has to be given up.
+  // False if the stream must be dropped.
   static bool append(Stream& stream, const TransportPacket& packet);
   static bool takeMessages(Stream& stream,
                            const std::function<void(std::span<const std::byte>)>& handler);

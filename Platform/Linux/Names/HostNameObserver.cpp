@@ -12,16 +12,16 @@ namespace {
 
 constexpr std::uint16_t kPort = 53;
 
-// Messages that a flow reads itself, at most and however long it takes: an application asks for the
-// addresses of both families, and is answered. A thread can be interrupted for longer than all
-// that.
+// How many messages a flow reads itself: at most, and in any case, even if the time is up. The
+// latter suffices for an application's queries for both families and their answers; a preempted
+// thread may lose all its time before reading any.
 constexpr unsigned kMaximumBurst = 16;
 constexpr unsigned kMinimumBurst = 4;
 
-// The monitor has no other sign that it is back.
+// Nothing else reports that resolved has been restarted.
 constexpr int kLongestWaitMilliseconds = 2000;
 
-// The oldest ones are of processes that have ended.
+// The oldest ones are likely to belong to processes that have ended.
 constexpr std::size_t kMaximumAnonymous = 256;
 
 }  // namespace
@@ -63,7 +63,7 @@ std::optional<HostNames::Found> HostNameObserver::find(std::optional<uid_t> user
   const auto deadline = now + kCatchUpTime;
   for (unsigned count = 0; count < kMaximumBurst; ++count) {
     if (!receiveOne()) {
-      // Another thread may have read what is wanted, too.
+      // Another thread may also have read the messages needed.
       return names_.find(user, identifier, address, now);
     }
     if (count + 1 >= kMinimumBurst && HostNames::Clock::now() > deadline) {
@@ -92,7 +92,7 @@ void HostNameObserver::takeRegistrations() {
 void HostNameObserver::run() {
   ::pthread_setname_np(::pthread_self(), "names");
   while (!stop_.consume()) {
-    // An asking socket may be closed as soon as it has its answer; copies can wait.
+    // Askers first: a socket may be closed as soon as it has its answer, whereas copies can wait.
     if (!findAsker() && !receiveOne()) {
       wait();
     }
@@ -140,7 +140,7 @@ bool HostNameObserver::findAsker() {
   if (OpenQuestions::Asked* const open = questions_.find(asked.number)) {
     open->asker = asked.asker;
   } else if (const auto early = earlyAnswers_.find(asked.number); early != earlyAnswers_.end()) {
-    // It was the user's so far.
+    // Until now the name belonged to the user.
     names_.forget(HostNames::Owner::user(asked.user), asked.question.name);
     learn(asked, early->second.addresses);
     earlyAnswers_.erase(early);
@@ -180,7 +180,7 @@ void HostNameObserver::handle(const PacketLog::Packet& copy) {
 
 void HostNameObserver::handleQuery(std::span<const std::byte> message,
                                    const TransportPacket& packet, const PacketLog::Packet& copy) {
-  // Without a user no program has sent it.
+  // A packet without a user was not sent by a program.
   auto question = copy.uid ? parseDNSQuestion(message) : std::nullopt;
   if (!question) {
     return;
@@ -212,7 +212,7 @@ void HostNameObserver::handleAnswer(std::span<const std::byte> message,
     return;
   }
   auto addresses = parseDNSAnswer(message, open->question);
-  // What is damaged may be a forgery before the true answer.
+  // A damaged answer may be a forgery that arrives before the true one.
   if (addresses.empty()) {
     return;
   }

@@ -33,21 +33,22 @@ namespace ostravel::linuxplatform {
 
 // Learns host names from copies of the DNS messages that this machine's applications send and
 // receive: queries and answers on port 53, on the network as well as between an application and a
-// resolver on this machine, and the monitor of systemd-resolved. Only an answer to a query that was
-// seen here teaches anything: with its number, from its server, to its socket, for its name.
+// resolver on this machine, and the monitor of systemd-resolved. Names are learned only from
+// answers to queries that were seen here: with the query's ID, from its server, to its socket, for
+// its name.
 //
-// Whom a name belongs to:
+// The owners of a name:
 //
 //   the application whose socket has asked;
-//   its user, if the application is not known, as when it has closed the socket at once;
+//   its user, if the application is unknown, for example because it closed the socket at once;
 //   the machine as well, if that user is root or a system user who has asked one of the configured
-//   resolvers, or if the configured resolver itself has asked, which it does for applications that
-//   reach it by other ways than port 53.
+//   resolvers, or if the configured resolver itself has asked, on behalf of applications that do
+//   not reach it through port 53.
 //
-// Its thread does everything that may take a while. Nothing waits for it: a flow first reads the
-// copies that have arrived by then itself. The kernel makes the copy of an answer before the
-// application receives it, so a name is known before its first flow starts, and a second name of an
-// address before a flow could be called by the first one.
+// Its thread does all slow work. No flow waits for it: the flow first reads the copies that have
+// arrived itself. The kernel copies an answer before the application receives it, so a name is
+// known before its first flow starts, and a second name of an address before a flow could be given
+// the first one by mistake.
 class HostNameObserver {
  public:
   struct Paths {
@@ -58,16 +59,16 @@ class HostNameObserver {
     return {ConfiguredResolvers::kDefaultPath, ResolvedMonitor::kDefaultPath};
   }
 
-  // applications: who has asked; for this object's thread alone. The error's sentence says what the
-  // kernel lacks.
+  // applications: identifies the askers; used by this object's thread only. The error's sentence
+  // says what the kernel lacks.
   static platform::Result<std::unique_ptr<HostNameObserver>> start(
       std::unique_ptr<ApplicationIdentifierSource> applications, Paths paths = defaultPaths());
   HostNameObserver(const HostNameObserver&) = delete;
   HostNameObserver& operator=(const HostNameObserver&) = delete;
   ~HostNameObserver();
 
-  // What a flow of the application to this address is called; see HostNames::find. From any thread;
-  // bounded work, at most kCatchUpTime more than four messages.
+  // The name of the application's flow to this address; see HostNames::find. From any thread; reads
+  // the copies that have arrived, at least four and for at most kCatchUpTime.
   std::optional<HostNames::Found> find(std::optional<uid_t> user, std::string_view identifier,
                                        const SocketEndpoint& address);
   static constexpr std::chrono::microseconds kCatchUpTime{250};
@@ -77,11 +78,11 @@ class HostNameObserver {
     names_.setUnresolvable(found, HostNames::Clock::now());
   }
 
-  // As those of interception, for later queries. From any thread.
+  // Replaces the registrations for later queries. From any thread.
   void replaceRegistrations(ApplicationRegistrations registrations);
 
  private:
-  // An answer that was there before it was known who had asked.
+  // An answer that arrived before its asker was found.
   struct EarlyAnswer {
     OpenQuestions::Asked asked;
     std::vector<ResolvedAddress> addresses;
@@ -95,11 +96,11 @@ class HostNameObserver {
   void takeRegistrations();
   // False if there was no message.
   bool receiveOne();
-  // False if nobody has to be found.
+  // False if no asker has to be found.
   bool findAsker();
   OpenQuestions::Asker askerOf(const OpenQuestions::Asked& asked);
 
-  // These need the lock.
+  // Called with the lock held.
   void handle(const PacketLog::Packet& packet);
   void handleQuery(std::span<const std::byte> message, const TransportPacket& packet,
                    const PacketLog::Packet& copy);
@@ -110,17 +111,17 @@ class HostNameObserver {
   const SystemUsers systemUsers_;
   EventDescriptor stop_;
 
-  // Guards what follows, up to the next comment. Held for one message at a time.
+  // Guards the members up to earlyAnswers_. Held for one message at a time.
   std::mutex lock_;
   const std::unique_ptr<PacketLog> log_;
   DNSMessageStreams streams_;
   OpenQuestions questions_;
-  // The numbers of questions whose asker has to be found.
+  // The questions whose askers have to be found, by number.
   std::deque<std::uint64_t> anonymous_;
   std::map<std::uint64_t, EarlyAnswer> earlyAnswers_;
   std::optional<ApplicationRegistrations> newRegistrations_;
 
-  // For the thread alone.
+  // Used by the thread only.
   const std::unique_ptr<ApplicationIdentifierSource> applications_;
   ConfiguredResolvers resolvers_;
   ResolvedMonitor monitor_;

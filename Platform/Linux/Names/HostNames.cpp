@@ -7,12 +7,12 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// A name that has more addresses is served by a content network, which gives a few at a time.
+// Names with more addresses belong to content networks, whose answers contain a few at a time.
 constexpr std::size_t kAddressesPerName = 32;
-// Two are already too many to choose from; the others are kept because they expire separately.
+// Two names are already ambiguous; further ones are kept because each expires separately.
 constexpr std::size_t kNamesPerAddress = 8;
 
-// No name and no address contains it in this place.
+// Occurs in no name or address.
 constexpr char kSeparator = '\0';
 
 std::string keyOf(const std::string& owner, std::string_view name) {
@@ -192,7 +192,7 @@ HostNames::Position HostNames::entry(const Owner& owner, const std::string& name
     const bool isAlive =
         std::any_of(known.addresses.begin(), known.addresses.end(),
                     [now](const Entry::Address& each) { return each.expiry > now; });
-    // What was found out about it ends with it.
+    // The finding expires with the name.
     known.isRebinding = known.isRebinding && isAlive;
     entries.splice(entries.begin(), entries, found->second);
     return found->second;
@@ -228,7 +228,7 @@ void HostNames::add(Position position, const SocketEndpoint& address, Clock::tim
   if (names.positions.size() == kNamesPerAddress) {
     static_cast<void>(candidates(position->owner, address, now));
   }
-  // What has expired is gone; the list itself may be as well.
+  // Expired names have been removed; the list itself may have been removed as well.
   Names& left = byAddress_[keyOf(position->owner.key_, address)];
   if (left.positions.size() < kNamesPerAddress) {
     left.positions.push_back(position);

@@ -6,11 +6,11 @@ namespace ostravel::linuxplatform {
 
 // What observed host names are used for.
 enum class NameUse : std::uint8_t {
-  // Nothing is observed; every flow goes by its address.
+  // Nothing is observed; flows are decided on by address.
   off,
-  // The lists of domains; the proxy is asked for the address.
+  // For the lists of domains; the proxy is asked for the address.
   decide,
-  // The lists, and the proxy is asked for the name.
+  // For the lists of domains; the proxy is asked for the name.
   connect,
 };
 

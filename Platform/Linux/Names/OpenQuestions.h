@@ -18,23 +18,22 @@
 
 namespace ostravel::linuxplatform {
 
-// The queries that have left this machine and have not been answered: only their answers teach
-// anything. A user with many of them does not displace those of others. Used by one thread at a
-// time.
+// The queries that have left this machine and have not been answered. Only their answers are used.
+// A user with many queries does not displace those of others. Used by one thread at a time.
 class OpenQuestions {
  public:
   using Clock = BootClock;
 
-  // Resolvers repeat a query within that time.
+  // Resolvers repeat an unanswered query within this time.
   static constexpr std::chrono::seconds kLifetime{10};
   static constexpr std::size_t kPerUser = 1024;
   static constexpr std::size_t kInAll = 8192;
 
-  // Whom the answer is for.
+  // The application that asked.
   struct Asker {
-    // Empty if it is unknown.
+    // Empty if unknown.
     std::string application;
-    // A service asks for the whole machine.
+    // True if a resolver asks on behalf of the whole machine.
     bool isForMachine = false;
   };
 
@@ -43,16 +42,16 @@ class OpenQuestions {
     uid_t user = 0;
     // From the asking socket to the server.
     FlowTuple tuple;
-    // Through which the query left; 0 if unknown.
+    // The interface through which the query left; 0 if unknown.
     std::uint32_t outputInterface = 0;
     // Counts from 1.
     std::uint64_t number = 0;
-    // Empty until it has been found out.
+    // Empty until it has been found.
     std::optional<Asker> asker;
   };
 
-  // Returns the number under which it was added; 0 if there is no room for it or if it repeats an
-  // open one. asked: without number and asker.
+  // Returns the question's number; 0 if there is no room for it or if it repeats an open one.
+  // asked: without number and asker.
   std::uint64_t add(Asked asked, Clock::time_point now);
 
   // The open question that an answer with this number and from this server refers to, without
@@ -60,7 +59,7 @@ class OpenQuestions {
   const Asked* find(std::uint16_t id, const FlowTuple& answer, Clock::time_point now);
   void close(std::uint64_t number);
 
-  // Null if it has been closed or has expired.
+  // Null if the question has been closed or has expired.
   Asked* find(std::uint64_t number);
 
   std::size_t size() const { return byNumber_.size(); }

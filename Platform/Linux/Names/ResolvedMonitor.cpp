@@ -21,7 +21,7 @@ constexpr std::chrono::seconds kPause{5};
 constexpr std::size_t kLongestMessage = 65536;
 constexpr std::size_t kMaximumRecords = 64;
 
-// varlink.org: a JSON object and a NUL, which is the literal's own.
+// A JSON object and a NUL (varlink.org), which is the literal's terminator.
 constexpr char kSubscribe[] =
     R"({"method":"io.systemd.Resolve.Monitor.SubscribeQueryResults","more":true})";
 
@@ -32,7 +32,7 @@ int valueOf(char digit) {
   return position == std::string_view::npos ? -1 : static_cast<int>(position);
 }
 
-// RFC 4648, section 4; what follows a damaged character is ignored.
+// RFC 4648, section 4. Stops at an invalid character.
 std::vector<std::byte> decodeBase64(std::string_view text) {
   std::vector<std::byte> bytes;
   unsigned bits = 0;
@@ -115,7 +115,8 @@ void ResolvedMonitor::receive(const std::function<void(const Answer&)>& handler)
 std::optional<ResolvedMonitor::Answer> ResolvedMonitor::parse(std::string_view message) {
   const JSONHandle root(::json_loadb(message.data(), message.size(), 0, nullptr));
   const json_t* const parameters = ::json_object_get(root.get(), "parameters");
-  // After an alias, the question is for its target; those before it are listed separately.
+  // After an alias, "question" is for the alias's target; the earlier questions are listed in
+  // "collectedQuestions".
   const char* name = firstName(::json_object_get(parameters, "collectedQuestions"));
   if (name == nullptr) {
     name = firstName(::json_object_get(parameters, "question"));

@@ -12,11 +12,10 @@
 
 namespace ostravel::linuxplatform {
 
-// The answers that systemd-resolved gives to applications which ask it through its own socket or
-// the bus instead of port 53, as its monitor reports them (varlink interface
-// io.systemd.Resolve.Monitor, the source of "resolvectl monitor"; since systemd 252). It does not
-// say who has asked. Never waits; connects again when resolved has been restarted. Used by one
-// thread at a time.
+// The answers that systemd-resolved gives to applications that ask it through its socket or the bus
+// instead of port 53, as reported by its monitor (varlink interface io.systemd.Resolve.Monitor,
+// which "resolvectl monitor" uses; since systemd 252). It does not report who asked. Never waits;
+// reconnects when resolved has been restarted. Used by one thread at a time.
 class ResolvedMonitor {
  public:
   static constexpr const char* kDefaultPath = "/run/systemd/resolve/io.systemd.Resolve.Monitor";
@@ -31,7 +30,7 @@ class ResolvedMonitor {
   // Tries to connect if there is no connection, every few seconds.
   void refresh(BootClock::time_point now);
 
-  // To be polled for reading; -1 while there is no connection.
+  // For polling; -1 while there is no connection.
   int descriptor() const { return socket_.isOpen() ? socket_.get() : -1; }
 
   // Passes the answers that have arrived, a bounded number of them.
