@@ -16,7 +16,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Some thousand mounts, read in less than a millisecond.
+// A few thousand mounts, read in less than a millisecond.
 constexpr std::size_t kMaximumSize = 256 * 1024;
 constexpr std::size_t kMaximumNameSize = 255;
 constexpr std::string_view kSuffix = ".appimage";
@@ -62,7 +62,7 @@ bool hasOption(std::string_view options, std::string_view wanted) {
 }  // namespace
 
 std::optional<std::string> appImageOf(const Process& process) {
-  // Where the runtime of an AppImage mounts it.
+  // The runtime of an AppImage mounts it in such a folder.
   if (!process.executableFile || process.executable.find("/.mount_") == std::string::npos) {
     return std::nullopt;
   }

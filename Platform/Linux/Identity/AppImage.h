@@ -11,9 +11,9 @@ namespace ostravel::linuxplatform {
 
 // The name of the AppImage that the process runs from, such as "Editor-2.1.AppImage"; empty if it
 // runs from none. An AppImage is a file system in user space that its user has mounted, and not
-// even root can open its files. So the kernel is asked for the name that the file system was
-// mounted under, which its user has chosen. Never asks a file system. Bounded: fails in mount
-// namespaces with thousands of mounts.
+// even root can open its files. The name is therefore the source of the mount, which its user has
+// chosen. Never accesses a file system. Bounded: finds nothing in mount namespaces with thousands
+// of mounts.
 std::optional<std::string> appImageOf(const Process& process);
 
 // The same, given a file in the format of proc_pid_mountinfo(5).

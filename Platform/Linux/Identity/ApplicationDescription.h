@@ -5,12 +5,12 @@
 
 namespace ostravel::linuxplatform {
 
-// How an application is identified, for people who ask.
+// How an application is identified, for status requests.
 struct ApplicationDescription {
   // Empty if it has no identifier.
   std::string identifier;
-  // One word, of static storage: "proxy", "registration", "path", "name" for a name that the system
-  // has for it, or "nothing".
+  // One word, of static storage: "proxy", "registration", "path", "name" (see ApplicationNames), or
+  // "nothing".
   std::string_view source;
 };
 

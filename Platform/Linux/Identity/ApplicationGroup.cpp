@@ -18,9 +18,9 @@ constexpr std::string_view kSlice = ".slice";
 constexpr std::string_view kSnap = "snap.";
 
 constexpr std::size_t kContainerIdSize = 64;
-// As container engines show it.
+// As container engines display it.
 constexpr std::size_t kShortContainerIdSize = 12;
-// Longer names do not exist: systemd limits unit names, and with them file names, to this.
+// systemd limits unit names, which are file names as well, to this size.
 constexpr std::size_t kMaximumNameSize = 255;
 
 std::vector<std::string_view> split(std::string_view text, char separator) {
@@ -35,7 +35,7 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
   }
 }
 
-// What is between prefix and suffix; empty if the text does not have both.
+// The text between prefix and suffix; empty if it does not have both.
 std::string_view between(std::string_view text, std::string_view prefix, std::string_view suffix) {
   if (text.size() < prefix.size() + suffix.size() || !text.starts_with(prefix) ||
       !text.ends_with(suffix)) {
@@ -85,8 +85,8 @@ std::string unescaped(std::string_view text) {
   return result;
 }
 
-// True for what desktop files, Flatpak and D-Bus permit as an ID, except what only a service or a
-// Snap package is called. Above all it has no "/": an ID never looks like a path.
+// True for the IDs that desktop files, Flatpak and D-Bus permit, except names of services and Snap
+// packages. They contain no "/", so an ID never looks like a path.
 bool isApplicationId(std::string_view name) {
   const auto isPermitted = [](char character) {
     return isLetter(character) || isDigit(character) ||
@@ -97,8 +97,8 @@ bool isApplicationId(std::string_view name) {
          !name.ends_with(kService) && !name.starts_with(kSnap);
 }
 
-// The part of "app-[LAUNCHER-]ID-RANDOM.scope" or "app-[LAUNCHER-]ID[@RANDOM].service" that is the
-// ID. Some launchers omit the random part of a scope, or separate that of a service with "-".
+// The ID in "app-[LAUNCHER-]ID-RANDOM.scope" or "app-[LAUNCHER-]ID[@RANDOM].service". Some
+// launchers omit the random part of a scope, or separate that of a service with "-".
 std::string_view idIn(std::string_view unit) {
   const bool isScope = unit.ends_with(kScope);
   std::string_view name = between(unit, "app-", isScope ? kScope : kService);
@@ -166,7 +166,7 @@ std::string containerIn(std::string_view group) {
   if (!id.empty()) {
     return id;
   }
-  // Those of systemd-machined(8) and of LXC have names.
+  // Containers of systemd-machined(8) and of LXC have names.
   const auto machine = between(group, "machine-", kScope);
   std::string name =
       machine.empty() ? std::string(between(group, "lxc.payload.", "")) : unescaped(machine);
@@ -189,7 +189,7 @@ ApplicationGroup describe(std::string_view unit, std::optional<uid_t> claimedBy)
   if (auto id = unescaped(idIn(unit)); isApplicationId(id)) {
     return {Kind::application, std::move(id), claimedBy};
   }
-  // A user's services could have the names of the system's.
+  // A user's services may be named like the system's.
   if (unit.ends_with(kService) && !claimedBy) {
     return {Kind::service, std::string(unit), std::nullopt};
   }

@@ -8,8 +8,8 @@
 
 namespace ostravel::linuxplatform {
 
-// What the path of a control group reveals about the application that it was made for. systemd puts
-// every application and service into a group of its own, and so do the usual container engines:
+// The application for which a control group was created, according to its path. systemd creates a
+// group for every application and service, and so do the usual container engines:
 //
 //   /system.slice/cups.service                                          service
 //   /user.slice/user-1000.slice/user@1000.service/app.slice/
@@ -19,15 +19,15 @@ namespace ostravel::linuxplatform {
 //     snap.chat.chat-0d7e6c1a.scope                                     Snap package
 //   /system.slice/docker-<64 hexadecimal digits>.scope                  container
 //
-// The first group below the slices decides, since a service may make any groups within its own. A
-// user names the groups below user@UID.service at will, so what these say is no more than that
-// user's claim. All others are made by root's programs. A value.
+// The first group below the slices decides, since a service may create any groups within its own.
+// Groups below user@UID.service are named by that user, so their names are only the user's claim.
+// Programs of root create all others. A value type.
 struct ApplicationGroup {
   enum class Kind {
     // None of these; a login session, for example.
     other,
-    // name: the ID of an application, or "snap." and a package, without anything that occurs in
-    // paths, services or containers only.
+    // name: the ID of an application, or "snap." and a package; never like the name of a path, a
+    // service or a container.
     application,
     // name: a service's unit, such as "cups.service".
     service,
@@ -37,7 +37,7 @@ struct ApplicationGroup {
 
   Kind kind = Kind::other;
   std::string name;
-  // The user whose claim it is; empty for root's.
+  // The user who claims it; empty if root's programs created the group.
   std::optional<uid_t> claimedBy;
 
   // controlGroup: an absolute path in the unified hierarchy (cgroups(7)).

@@ -9,8 +9,8 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// A packet is queued for the second time right after its first verdict, behind those that arrived
-// in between.
+// A packet is queued for the second time right after its first verdict, after those that arrived in
+// the meantime.
 constexpr std::size_t kMaximumBoundFlows = 64;
 
 // Between two searches for the listener's owner while nothing is sent.
@@ -160,7 +160,7 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::publishedSender
     const FirstPacket& first) {
   const auto connect =
       publisher_ ? publisher_->table().find(first.tuple, first.initialSequence) : std::nullopt;
-  // Packets of a bound socket may be queued twice, so they have to be remembered.
+  // Packets of a bound socket may be queued twice, so isBound() has to see them.
   if (!connect || connect->boundInterface != 0) {
     return {};
   }
@@ -217,7 +217,8 @@ std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
     return std::nullopt;
   }
   const auto state = proxy_->recheck();
-  // An owner that is not found must not be searched for continuously while nothing is sent.
+  // Grows, so that an owner that cannot be found is not searched for continuously while nothing is
+  // sent.
   watchPause_ = state == ProxyProcess::State::unknown
                     ? std::clamp(2 * watchPause_, kShortestWatchPause, kLongestWatchPause)
                     : std::chrono::milliseconds::zero();
@@ -276,7 +277,7 @@ void ApplicationIdentifierSource::noteGroup(KnownProcess& sender, std::uint64_t 
   if (group == 0 || sender.socketGroup == group) {
     return;
   }
-  // A process that has just been examined is in its current group.
+  // The group of a process that has just been examined is up to date.
   const bool isNew = std::exchange(sender.socketGroup, group) == 0;
   if (!isNew && processes_.refreshControlGroup(sender.process)) {
     sender.identifier.reset();
@@ -292,13 +293,13 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::senderOf(
   if (socket.inode == 0) {
     return {};
   }
-  // Connected before the tracer started, or there is no tracer that records enough.
+  // The socket was connected before the tracer started, or there is no tracer with enough detail.
   if (!processes_.allowance().permits(socket.uid)) {
     return {.leaveReason = LeaveReason::searchBudget};
   }
   const auto connector = record ? std::optional(record->process) : std::nullopt;
   const auto found = processes_.holderOf(socket.inode, socket.uid, connector);
-  // Handed over by the process that connected it.
+  // Another process has received the socket from the one that connected it.
   if (!found || (connector && found != connector)) {
     return {};
   }
@@ -322,7 +323,7 @@ KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& rec
       process->stamp.stackStart != stamp.stackStart) {
     return nullptr;
   }
-  // Its users may have changed since.
+  // Its users may have changed in the meantime.
   process->stamp = stamp;
   KnownProcess& inserted = known_.insert(std::move(*process));
   inserted.place = place;
@@ -368,7 +369,7 @@ void ApplicationIdentifierSource::markFurtherSockets(KnownProcess& sender,
   if (!publisher_ || !changes || sender.marked == changes || !process.executableFile) {
     return;
   }
-  // If it fails, it is not repeated before something changes.
+  // Set even if marking fails: it is not repeated before the listener changes.
   sender.marked = changes;
   publisher_->marker().mark(cookie,
                             {.process = process.pid,

@@ -44,27 +44,27 @@ namespace ostravel::linuxplatform {
 // The core exempts flows by identifier. No process can give itself an exempt one: 1 and 2 do not
 // depend on anything that a process claims, 3 is never an exempt or a registered one, and 4 and 5
 // always begin with "/". Nor can it acquire another user's identifier: 2 and 5 use the file that
-// the process was running when it connected, and only if everybody finds that file at that path; 2
-// also requires that the registration applies to the users of both the process and the socket,
-// which may have been handed over; 3 believes a user about this user's own processes only. In doubt
-// there is no identifier.
+// the process was running when it connected, and only if every process finds that file at that
+// path; 2 also requires that the registration applies to the users of both the process and the
+// socket, which may have been handed over; 3 believes a user only about this user's own processes.
+// In doubt there is no identifier.
 //
 // For nearly every TCP flow, the kernel has published the sender in memory, and no system call is
 // needed; see ConnectTable. All other flows are looked up with system calls, with the same result.
 //
-// Created by the interceptor, then used on its event loop alone, in the network namespace
-// in which it was created. Does bounded work only: tens of microseconds for nearly every flow, and
-// searches and waits within SearchAllowance.
+// Created by the interceptor, then used on its event loop only, in the network namespace in which
+// it was created. Does bounded work: tens of microseconds for nearly every flow, and searches and
+// waits within SearchAllowance.
 class ApplicationIdentifierSource {
  public:
   using Warn = std::function<void(const std::string&)>;
 
   static constexpr std::string_view kProxyIdentifier = "com.ostravel.proxy-sidecar";
 
-  // warn takes one sentence for people about anything that limits identification, on the thread
-  // that uses this object. proxyUsers: users, besides root and system users, whose local proxy may
-  // carry everybody's flows. marks: if present, sockets that the proxy connects are marked as own()
-  // once its process is known. reserved: identifiers that applications get from registrations only.
+  // warn receives one sentence about anything that limits identification, on the thread that uses
+  // this object. proxyUsers: users, besides root and system users, whose local proxy may carry the
+  // flows of all users. marks: if present, sockets that the proxy connects are marked as own() once
+  // its process is known. reserved: identifiers that only registrations assign.
   ApplicationIdentifierSource(
       std::uint16_t proxyPort, Warn warn,
       const std::string& registrationsFolder = ApplicationRegistrations::kDefaultFolder,
@@ -79,36 +79,37 @@ class ApplicationIdentifierSource {
   // unknown.
   Identification identify(const FirstPacket& first, std::uint32_t outputInterface);
 
-  // A second object for the use of another thread. It shares the records of connects with this one
-  // and knows applications by the same identifiers, but no proxy: it only answers applicationOf.
+  // A second object for another thread. It shares the records of connects and assigns the same
+  // identifiers, but does not know the proxy: only applicationOf() and replaceRegistrations() may
+  // be called.
   std::unique_ptr<ApplicationIdentifierSource> forAnotherThread() const;
 
   // The identifier of the application whose socket sends such packets; empty unless it is known for
   // certain. Does not know the local proxy. Costs system calls.
   std::string applicationOf(const FlowTuple& sent, std::uint32_t outputInterface);
 
-  // Checks who listens on the proxy's port even while nothing is sent, so that a new proxy has
-  // passed its trial before the first flow. Call it periodically; returns a sentence for people
-  // when everybody's flows may be sent to a new proxy.
+  // Checks which process listens on the proxy's port even while nothing is sent, so that a new
+  // proxy has passed its trial before the first flow. Call it periodically; returns a sentence when
+  // the flows of all users may be sent to a new proxy.
   std::optional<std::string> watchProxy();
 
-  // The proxy that everybody's flows may be sent to, for people; empty for none. As of the last
-  // call of watchProxy.
+  // The display name of the proxy that all users' flows may be sent to; empty for none. As of the
+  // last call of watchProxy().
   const std::string& servingProxy() const { return servingProxy_; }
 
-  // How many registrations are in force.
+  // The number of registrations in effect.
   std::size_t registrationCount() const { return registrations_.size(); }
 
-  // How a flow that this process sent now would be identified. Empty if there is no such process.
+  // How a flow would be identified that this process sends now. Empty if there is no such process.
   // May search /proc for it.
   std::optional<ApplicationDescription> describe(pid_t process);
-  // The same for any process of root that runs this executable.
+  // The same for a process of root that runs this executable.
   ApplicationDescription describe(const std::string& executable) const;
 
   // See ConnectPublisher.
   bool presetsOwnSockets() const { return publisher_ && publisher_->presetsOwnSockets(); }
 
-  // For later identifications, including those of processes that are already known.
+  // Applies to later identifications, also of processes that are already known.
   void replaceRegistrations(ApplicationRegistrations registrations);
 
  private:
@@ -117,7 +118,7 @@ class ApplicationIdentifierSource {
     KnownProcess* process = nullptr;
     // The owner of the socket; empty if there is no such socket.
     std::optional<uid_t> user = std::nullopt;
-    // The socket's; 0 if there is none.
+    // The cookie of the socket; 0 if there is none.
     std::uint64_t cookie = 0;
     std::uint64_t group = 0;
     // No process holds the socket any more.
@@ -148,13 +149,14 @@ class ApplicationIdentifierSource {
   // Updates what is known about the process's executable, which is at this place.
   void refresh(KnownProcess& known, std::optional<FileIdentity> executable, std::uint64_t place);
   bool isProxy(KnownProcess& sender) const;
-  // The process has sent on a socket that was created in this control group.
+  // Records that the process has sent on a socket that was created in this control group.
   void noteGroup(KnownProcess& sender, std::uint64_t group) const;
-  // Without the identifiers that only registrations assign.
+  // These names never equal an identifier that only registrations assign.
   ApplicationNames makeNames() const;
   // For a process of the local proxy that has connected this socket.
   void markFurtherSockets(KnownProcess& sender, std::uint64_t cookie) const;
-  // True if the sender, or an unknown sender (null), could be what dials out for the proxy.
+  // True if the sender, or an unknown sender (null), could be the process that dials out for the
+  // proxy.
   bool mayDialForProxy(const KnownProcess* sender) const;
   // For a socket whose process was not found.
   bool mayBelongToProxy(const Sender& sender) const;
@@ -168,7 +170,7 @@ class ApplicationIdentifierSource {
   std::unique_ptr<SocketDiagnostics> diagnostics_;
   // Null if connects cannot be traced; then processes are looked up in /proc.
   std::shared_ptr<ConnectTracer> tracer_;
-  // Null if senders cannot be published; then each is looked up.
+  // Null if senders cannot be published; then they are looked up.
   std::unique_ptr<ConnectPublisher> publisher_;
   ProcessTable processes_;
   std::optional<ProxyProcess> proxy_;

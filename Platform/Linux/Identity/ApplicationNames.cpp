@@ -9,7 +9,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// The users that systemd makes for services with DynamicUser=yes (systemd.exec(5)).
+// The users that systemd allocates to services with DynamicUser=yes (systemd.exec(5)).
 constexpr uid_t kFirstDynamicUser = 61184;
 constexpr uid_t kLastDynamicUser = 65519;
 
@@ -65,7 +65,7 @@ std::optional<std::string> ApplicationNames::groupNameOf(const Process& process,
 bool ApplicationNames::isBelieved(const ApplicationGroup& group, const Process& process,
                                   uid_t socketUser) const {
   if (group.kind == ApplicationGroup::Kind::container) {
-    // Runs as any user; its name includes the one who claims it.
+    // Its processes may have any user; its name includes the user who claims it.
     return true;
   }
   const auto isRight = [this, &group](uid_t user) {

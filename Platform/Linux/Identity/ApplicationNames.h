@@ -23,15 +23,16 @@ namespace ostravel::linuxplatform {
 //                                      has the user's number before its ID. No path has "//"
 //   Editor-2.1.AppImage                by the mounted file system; see AppImage
 //
-// What a user claims is only believed of this user's own processes, and what a service is called
-// only of root's, system users' and dynamic users' processes. Reserved names are never given. A
+// A user's claim is believed only about this user's own processes, and the name of a service only
+// for processes of root, system users and dynamic users. Reserved names are never given. Contains a
 // snapshot of the system's users; used by one thread.
 class ApplicationNames {
  public:
-  // reserved: in any case.
+  // reserved: in upper or lower case.
   ApplicationNames(const std::vector<std::string>& reserved, SystemUsers systemUsers);
 
-  // Empty if the application is its executable. socketUser: the owner of its socket.
+  // Empty if the application has no name besides its executable. socketUser: the owner of its
+  // socket.
   std::optional<std::string> nameOf(const Process& process, uid_t socketUser) const;
 
  private:
@@ -39,7 +40,7 @@ class ApplicationNames {
   bool isBelieved(const ApplicationGroup& group, const Process& process, uid_t socketUser) const;
   bool mayRunServices(uid_t user) const;
 
-  // Lower-cased.
+  // In lower case.
   std::unordered_set<std::string> reserved_;
   SystemUsers systemUsers_;
 };

@@ -27,7 +27,7 @@ using platform::Result;
 
 namespace {
 
-// Far more than the programs of any machine need.
+// Far more than any machine needs.
 constexpr off_t kMaximumFileSize = 1024 * 1024;
 
 // Why a file or folder is not trusted; empty if it is.

@@ -26,8 +26,8 @@ namespace ostravel::linuxplatform {
 //     "/opt/vpn/bin/client": {"identifier": "com.example.vpn", "users": ["alice"]}
 //   }
 //
-// An identifier applies to root and system users, whose programs contain nobody else's code, and to
-// the users listed: any user can load any code into a program that they start. If two files name
+// An identifier applies to root and system users, whose programs contain no other user's code, and
+// to the users listed: users can load any code into a program that they start. If two files name
 // the same path, the later one in name order wins. The folder and the files are trusted only if
 // they belong to root and nobody else can write to them. A file that is not trusted or not valid is
 // ignored as a whole, with one warning. A snapshot from when the files were read; used by one
@@ -36,20 +36,20 @@ class ApplicationRegistrations {
  public:
   static constexpr const char* kDefaultFolder = "/etc/ostravel/applications.d";
 
-  // Reads the folder; a missing folder counts as empty. warn takes a sentence for people that names
-  // the file and, for what is wrong in it, line and column.
+  // Reads the folder; a missing folder counts as empty. warn receives a sentence with the file and,
+  // for a problem in its content, the line and column.
   ApplicationRegistrations(std::string folder, std::function<void(const std::string&)> warn,
                            SystemUsers systemUsers = SystemUsers::read());
 
-  // Warns of registrations that have no effect because no process runs under their path. Asks the
-  // file system, and waits for it briefly.
+  // Warns of registrations that have no effect because no process can run under their path. Waits
+  // briefly for the file system.
   void warnOfUselessPaths() const;
 
   // False if anything was ignored.
   bool isComplete() const { return isComplete_; }
   std::size_t size() const { return registrations_.size(); }
 
-  // All that are assigned to any program.
+  // All identifiers that are assigned to a program.
   std::vector<std::string> identifiers() const;
 
   // The identifier of this executable, if it applies to all of these users.
@@ -58,7 +58,7 @@ class ApplicationRegistrations {
 
  private:
   struct Registration {
-    // Of its executable's path: the file, line and column.
+    // The file, line and column of its executable's path.
     std::string place;
     std::string identifier;
     // Besides root and system users.

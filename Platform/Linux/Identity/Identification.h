@@ -21,7 +21,7 @@ struct Identification {
   bool mayBelongToProxy = false;
   // The owner of the socket; empty if there is no such socket.
   std::optional<uid_t> user;
-  // Empty if it was not found.
+  // Empty if the process was not found.
   std::optional<pid_t> process;
   // The local proxy that would carry the flow; empty if the flow must be left to the system.
   std::optional<ProxyInstance> proxy;

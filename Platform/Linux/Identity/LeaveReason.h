@@ -17,7 +17,7 @@ enum class LeaveReason : std::uint8_t {
   offerShare,
   // A handshake of the user has timed out, and another one is testing whether the proxy answers.
   onTrial,
-  // A relay could not carry it as the application intends: a packet of the kernel itself, a socket
+  // A relay could not carry it as the application intends: a packet of the kernel, a socket that is
   // bound to an interface, an address family without a listener.
   kernelSocket,
   notCarried,
@@ -29,7 +29,7 @@ enum class LeaveReason : std::uint8_t {
   // The program on the local proxy's port is not a proxy, not trusted with this user's flows, or
   // not yet tested.
   proxyNotTrusted,
-  // It may be the proxy's own: a flow of another process to the same destination is held.
+  // It may be the proxy's: a flow of another process to the same destination is held.
   mayBelongToProxy,
   // Its process would have to be searched for, and the time for such searches is used up.
   searchBudget,
@@ -39,7 +39,7 @@ enum class LeaveReason : std::uint8_t {
 inline constexpr std::size_t kLeaveReasons =
     static_cast<std::size_t>(LeaveReason::diagnosticsFailed) + 1;
 
-// For logs and counters: words joined by underscores.
+// A name for logs and counters: words joined by underscores.
 std::string_view nameOf(LeaveReason reason);
 
 }  // namespace ostravel::linuxplatform

@@ -6,7 +6,7 @@
 
 namespace ostravel::linuxplatform {
 
-// Longer identifiers do not exist: proxies reject requests with longer header lines.
+// Proxies reject requests with longer header lines.
 inline constexpr std::size_t kMaximumIdentifierSize = 2048;
 
 // Converts an application's name, any bytes, to text that every proxy accepts in a header line:

@@ -4,8 +4,8 @@
 
 namespace ostravel::linuxplatform {
 
-// What the first line of a response to CONNECT (RFC 9110, section 9.3.6) reveals about the program
-// that sent it.
+// The kind of program that sent a response to CONNECT (RFC 9110, section 9.3.6), judged by its
+// first line.
 enum class ProxyAnswer {
   // The tunnel is established.
   tunnel,

@@ -12,8 +12,8 @@
 namespace ostravel::linuxplatform {
 
 // The local proxy to which a flow was offered: a process and its listening socket. Tells whether
-// that is still so when the proxy has answered. In between, another program could have taken over
-// the port, and the flow's connection with it. A value; usable from any thread.
+// both are unchanged when the proxy has answered: another program could have taken over the port in
+// the meantime, and the flow's connection with it. A value type; usable from any thread.
 class ProxyInstance {
  public:
   // The address on which the proxy listens. Usable from any thread.
@@ -22,7 +22,7 @@ class ProxyInstance {
     Port(std::unique_ptr<SocketDiagnostics> diagnostics, const SocketEndpoint& address)
         : diagnostics_(std::move(diagnostics)), address_(address) {}
 
-    // True if this is the socket that receives its connections; false in doubt.
+    // True if this is the socket that accepts its connections; false in doubt.
     bool isHeldBy(std::uint64_t listener);
 
    private:
@@ -36,7 +36,7 @@ class ProxyInstance {
   ProxyInstance(const ProcessLife& process, std::uint64_t listener, std::shared_ptr<Port> port)
       : process_(process), listener_(listener), port_(std::move(port)) {}
 
-  // Nothing listened.
+  // For a port without a listener.
   explicit ProxyInstance(std::shared_ptr<Port> port)
       : ProxyInstance(ProcessLife(0, 0), 0, std::move(port)) {}
 

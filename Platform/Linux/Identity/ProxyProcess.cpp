@@ -11,10 +11,10 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Between two searches through all processes that found nothing.
+// The pause between two searches through all processes that found nothing.
 constexpr std::chrono::milliseconds kSearchInterval{250};
-// For the file system of the proxy's executable. Without its answer, a second process of the proxy
-// may not be recognised.
+// How long the file system of the proxy's executable may take to answer. Without its answer, a
+// second process of the proxy may not be recognised.
 constexpr std::chrono::seconds kExecutablePatience{1};
 
 }  // namespace
@@ -61,7 +61,7 @@ bool ProxyProcess::hasWatchMoved(State state) {
     watch_->noteChange();
   }
   if (state == State::known && watched_ != owner_->pid) {
-    // It may have ended just before.
+    // It may have ended just before it was watched.
     watched_ = owner_->pid;
     watch_->watch(owner_->pid);
     return true;

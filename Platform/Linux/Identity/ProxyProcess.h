@@ -17,13 +17,12 @@ namespace ostravel::linuxplatform {
 // Identifies the local proxy: the process that owns the socket listening for 127.0.0.1 on the
 // proxy's port, whatever its program and however often it restarts. It includes all processes of
 // its service unit, all with its executable and user, and those that inherited the socket from a
-// service manager; the same holds for every process that is added, because a proxy may consist of
-// several programs. Whether the listener is a proxy, and for whom, is decided elsewhere.
+// service manager; the same applies to every process that is added, because a proxy may consist of
+// several programs. ProxyTrust decides whether the listener is a proxy, and for whom.
 //
-// Queried for every flow: one exact look-up tells whether the socket is still the same. With a
-// watch, even this look-up is made only after something has changed. After a change its owner is
-// searched for within the limits per flow, and is unknown until found. Used by one thread at a
-// time.
+// Queried for every flow: one exact look-up shows whether the socket is still the same. With a
+// watch, even this look-up is made only after a change. After a change its owner is searched for
+// within the limits per flow, and is unknown until found. Used by one thread at a time.
 class ProxyProcess {
  public:
   enum class State {
@@ -38,31 +37,31 @@ class ProxyProcess {
     // Search time per held first packet, nearly always enough to finish; spent once per start of
     // the proxy.
     std::chrono::milliseconds work{20};
-    // The longest wait of that packet. It accommodates the search time on a machine that gives us a
-    // fifth of a core, and is well below the second after which TCP retransmits.
+    // The longest wait of that packet: enough for the search on a machine that gives us a fifth of
+    // a core, and well below the second after which TCP retransmits.
     std::chrono::milliseconds longest{100};
   };
 
   // Where a local proxy listens.
   static SocketEndpoint addressOf(std::uint16_t port);
 
-  // diagnostics and processes outlive this object. warn takes a sentence for people.
+  // diagnostics and processes outlive this object. warn receives a sentence for the log.
   ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
                std::function<void(const std::string&)> warn,
                std::optional<ListenerWatch> watch = std::nullopt);
-  // Only tests have other limits.
+  // For tests, with other limits.
   ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
                std::function<void(const std::string&)> warn, const SearchLimits& limits,
                std::optional<ListenerWatch> watch = std::nullopt);
 
-  // Checks who listens now. If the owner has to be found, sender is the first candidate.
+  // Checks which process listens now. If the owner has to be found, sender is the first candidate.
   State refresh(std::optional<pid_t> sender);
 
-  // The same, including what a watch does not notice: that a process has closed its listener and
-  // continues. Call it periodically.
+  // The same, but also detects that a process has closed its listener and continues, which a watch
+  // does not notice. Call it periodically.
   State recheck();
 
-  // The watch's count, if what the last refresh returned holds until it changes.
+  // The watch's count, if the result of the last refresh is valid until the count changes.
   std::optional<std::uint64_t> settledChanges() const;
 
   // The following are valid if the last refresh returned State::known.
@@ -80,17 +79,17 @@ class ProxyProcess {
   void add(Process process);
 
  private:
-  // What a watch has nothing to add to.
+  // A result that is valid until the watch reports a change.
   struct Settled {
     State state;
     std::uint64_t changes;
   };
 
   State examine(std::optional<pid_t> sender);
-  // Makes the watch one for this state; true if it was another one until now.
+  // Adapts the watch to this state; true if it was for another one until now.
   bool hasWatchMoved(State state);
   State findOwner(std::optional<pid_t> sender);
-  // True once everything about the owner is known that can be found out within the time limits.
+  // True once the owner has been described as far as the time limits permit.
   bool isOwnerDescribed();
   void beginSearch(const SocketInformation& listener);
   static bool belongTogether(const Process& process, const Process& member);
@@ -100,7 +99,7 @@ class ProxyProcess {
   const SocketEndpoint address_;
   const std::function<void(const std::string&)> warn_;
   const std::optional<ListenerWatch> watch_;
-  // The listener that the watch is about, 0 if there is none, and the process whose end it notices.
+  // The listener that is watched, 0 if there is none, and the process whose end is watched.
   std::uint64_t watchedListener_ = 0;
   std::optional<pid_t> watched_;
   // Present while nothing has changed since the last examination.

@@ -20,11 +20,12 @@ namespace {
 
 // The header of the response to CONNECT; the core does not accept a longer one either.
 constexpr std::size_t kMaximumAnswer = 16384;
-// The part of a response that is shown to people.
+// Limit on the part of a response that appears in the log.
 constexpr std::size_t kMaximumShownAnswer = 100;
-// Enough not to be guessed.
+// Too many to be guessed.
 constexpr std::size_t kSecretBytes = 16;
-// For finding the process of a socket; not in any flow's path, and once per start of the proxy.
+// Search time for the process of a socket. No flow waits for it, and it is spent once per start of
+// the proxy.
 constexpr std::chrono::milliseconds kHolderBudget{500};
 constexpr std::chrono::seconds kLongestHolderSearch{2};
 
@@ -103,7 +104,8 @@ bool hasWholeHeader(std::string_view answer) {
          answer.find("\n\n") != std::string_view::npos;
 }
 
-// A truncated response may still become a proxy's, unless it already begins like something else.
+// A response that has not arrived completely may still be a proxy's, unless it already begins
+// differently.
 bool isUnfinished(std::string_view answer) {
   constexpr std::string_view kProtocol = "HTTP/1.";
   return !hasFirstLine(answer) && answer.size() < kMaximumAnswer &&

@@ -41,9 +41,9 @@ class ProxyTrial {
 
   struct Outcome {
     Judgement judgement = Judgement::unanswered;
-    // The response as shown to people: its first line, or why there is none.
+    // The response in readable form: its first line, or why there is none.
     std::string answer;
-    // The process that accepted the trial, unless it is already gone.
+    // The process that accepted the trial, unless it has ended.
     std::optional<Process> acceptor;
     // The process that connected to P.
     std::optional<Process> dialler;
@@ -71,7 +71,7 @@ class ProxyTrial {
   // Returns what has arrived once the header is complete, the first line rules out a tunnel, the
   // deadline has passed, or the connection has ended.
   std::string receiveAnswer(int connection);
-  // The connection to the target that delivers the secret first.
+  // The first connection to the target that delivers the secret.
   FileDescriptor awaitSecret(const FileDescriptor& target, std::string_view secret);
   std::vector<Caller>::iterator receiveSecret(std::vector<Caller>& callers,
                                               std::string_view secret);

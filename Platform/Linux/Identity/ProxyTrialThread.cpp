@@ -36,7 +36,7 @@ std::optional<ProxyTrialThread::Result> ProxyTrialThread::resultOf(
 
 void ProxyTrialThread::run() {
   ::pthread_setname_np(::pthread_self(), "proxy-trial");
-  // The listening socket that the variables below are about; 0 is never a cookie.
+  // The listening socket to which the variables below refer; 0 is never a cookie.
   std::uint64_t tried = 0;
   std::optional<Clock::time_point> next;
   Clock::duration pause{};
@@ -101,7 +101,7 @@ void ProxyTrialThread::publish(std::uint64_t listener, std::optional<Result> res
     return;
   }
   if (!result) {
-    // The socket no longer listens. If it still does, it will be requested again.
+    // The socket no longer listens; otherwise it will be requested again.
     request_.reset();
   }
   result_ = std::move(result);

@@ -17,8 +17,8 @@
 namespace ostravel::linuxplatform {
 
 // Tests the program that listens on the proxy's port on a separate thread, once per listening
-// socket; a program that does not answer is tested again, with growing pauses. Owned by the verdict
-// thread's owner, in whose network namespace it works.
+// socket; a program that does not answer is tested again, with growing pauses. Owned by ProxyTrust;
+// works in the network namespace of the thread that creates it.
 class ProxyTrialThread {
  public:
   static constexpr std::chrono::milliseconds kFirstPause{500};
@@ -26,7 +26,7 @@ class ProxyTrialThread {
 
   struct Result {
     ProxyTrial::Outcome outcome;
-    // The names, for people, of all users who control the listening socket.
+    // The display names of all users who control the listening socket.
     std::map<uid_t, std::string> userNames;
   };
 

@@ -18,23 +18,24 @@
 namespace ostravel::linuxplatform {
 
 // Decides whose flows the local proxy may carry. The listener counts as a proxy once it has
-// answered one CONNECT like a proxy. It may carry everybody's flows if all users who control its
-// listening socket are root, system users or named by the administrator; otherwise only the flows
-// of its own user.
+// answered one CONNECT like a proxy. It may carry the flows of all users if all users who control
+// its listening socket are root, system users or named by the administrator; otherwise only the
+// flows of its own user.
 //
-// These users control the socket: the one who created it, that of the process found to hold it, and
-// that of the process that accepted the trial. A socket that root created and a service manager
-// handed to an unprivileged service therefore counts as the service's, which reads what is sent to
-// it. Conversely, a root process that was handed a user's socket is not trusted either, since the
-// user may have kept it.
+// These users control the socket: its creator, the user of the process that holds it, and the user
+// of the process that accepted the trial. A socket that root created and a service manager handed
+// to an unprivileged service therefore counts as the service's, which reads what is sent to it.
+// Conversely, a process of root that was handed a user's socket is not trusted either, since the
+// user may have kept a copy.
 //
-// Used on the first event loop alone. Never blocks, except for a lock held to copy a few words.
+// Used on the first event loop only. Never blocks, except on a lock that is held to copy a few
+// words.
 class ProxyTrust {
  public:
   using Warn = std::function<void(const std::string&)>;
 
-  // named: users whose proxy may carry everybody's flows. proxy outlives this object. warn takes a
-  // sentence for people, at most one per listening socket and problem.
+  // named: users whose proxy may carry the flows of all users. proxy outlives this object. warn
+  // receives a sentence for the log, at most one per listening socket and problem.
   ProxyTrust(ProxyProcess& proxy, std::uint16_t port, const std::vector<uid_t>& named, Warn warn);
 
   // True if the proxy may carry flows of this user; empty if the flow's user is unknown. Valid
@@ -42,12 +43,12 @@ class ProxyTrust {
   // listening socket, the proxy has all its parts.
   bool holdsFor(std::optional<uid_t> user);
 
-  // One sentence for people about a proxy that has passed its trial; returned once.
+  // One sentence about a proxy that has passed its trial; returned once.
   std::optional<std::string> takeNews() { return std::exchange(news_, std::nullopt); }
 
   // The following are valid if holdsFor() returned true for the same refresh.
 
-  // The proxy's program, process and user, for people.
+  // The proxy's program, process and user, in readable form.
   const std::string& description() const { return description_; }
 
   // True if the process that dials out for the proxy has been found.
@@ -69,7 +70,7 @@ class ProxyTrust {
   const SystemUsers systemUsers_;
   const std::set<uid_t> named_;
   const Warn warn_;
-  // The listening socket that the members below are about.
+  // The listening socket to which the members below refer.
   std::uint64_t listener_ = 0;
   bool isNotProxy_ = false;
   bool hasPassed_ = false;

@@ -60,7 +60,7 @@ std::vector<Problem> RegisteredPaths::problemsWith(const std::vector<std::string
       }
     }).detach();
   } catch (const std::system_error&) {
-    // No thread can be made. Nothing is known, and more important things fail.
+    // No thread can be created. Report no problems: more important operations fail as well.
     return std::vector<Problem>(paths.size());
   }
   std::unique_lock guard(answers->lock);

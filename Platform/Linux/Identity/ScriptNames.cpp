@@ -16,7 +16,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// Where everybody may create files, or where a path means something else for every process.
+// Folders in which every user may create files, or in which a path differs between processes.
 constexpr std::array<std::string_view, 5> kSharedFolders{"/tmp/", "/var/tmp/", "/run/", "/dev/",
                                                          "/proc/"};
 
@@ -45,7 +45,7 @@ bool isUsualInterpreter(std::string_view path) {
 }
 
 bool isPlainPath(const std::string& path) {
-  // As text: paths that differ in doubled slashes compare as equal.
+  // Compared as text, because std::filesystem::path treats doubled slashes as single ones.
   return path.starts_with('/') && !path.ends_with('/') && path.find("//") == std::string::npos &&
          path == std::filesystem::path(path).lexically_normal().native();
 }
@@ -54,12 +54,12 @@ bool isPlainPath(const std::string& path) {
 
 ScriptNames::ScriptNames(std::unique_ptr<ScriptTracer> tracer) : tracer_(std::move(tracer)) {
   struct stat view {};
-  // In some sandboxes nobody may look at the first process.
+  // In some sandboxes the first process is hidden.
   if (tracer_ &&
       (::stat("/proc/1/ns/mnt", &view) == 0 || ::stat("/proc/self/ns/mnt", &view) == 0)) {
     mountNamespace_ = view.st_ino;
     SearchAllowance allowance;
-    // The extension may have mounts of its own, but not another root.
+    // The extension may have a mount namespace of its own, but has no other root folder.
     root_ = FileLookup(allowance).at("/", 0).file;
   }
 }
