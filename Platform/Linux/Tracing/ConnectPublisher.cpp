@@ -49,7 +49,7 @@ std::optional<int> optionOf(const FileDescriptor& socket, int level, int option)
   return value;
 }
 
-// A socket that has sent a SYN, to a listener that is already closed again.
+// A socket that has sent a SYN, to a listener that has been closed again.
 FileDescriptor connectToOurselves() {
   const FileDescriptor listener = makeSocket();
   sockaddr_in address{};

@@ -18,13 +18,13 @@
 
 namespace ostravel::linuxplatform {
 
-// Runs the programs in the kernel that publish who sends a SYN, so that finding out takes no system
-// call. They observe sockets of our own network namespace, programs that are executed, and the end
-// of processes. On request they also mark the sockets that this process and the local proxy
-// connect; nothing else is changed.
+// Runs the programs in the kernel that publish the sender of each SYN, so that finding it takes no
+// system call. They observe sockets of our own network namespace, programs that are executed, and
+// the end of processes. On request they also mark the sockets that this process and the local proxy
+// connect. They change nothing else.
 //
-// Like the tracer's, they are detached with this object or this process. Starting and stopping is
-// done by one thread; the table and the watch are usable from any.
+// Like the tracer's, they are detached with this object or this process. Started and stopped by one
+// thread; the table and the watch are usable from any thread.
 class ConnectPublisher {
  public:
   // For sockets of this thread's network namespace that the tracer knows; it must record programs
@@ -43,11 +43,11 @@ class ConnectPublisher {
   ConnectTable table() const { return {sets_.as<const ConnectTable::Set>(), state()}; }
   ListenerWatch listener() const { return ListenerWatch(state()); }
 
-  // For the processes of the local proxy; has no effect unless marks were given.
+  // Marks the processes of the local proxy; has no effect unless marks were given.
   SocketMarker marker() const;
 
-  // True if the sockets of this process are marked as own() when they connect, and those of TCP
-  // send without delay (TCP_NODELAY), so that nobody has to set this.
+  // True if the programs mark this process's sockets as own() when they connect, and set
+  // TCP_NODELAY on those of TCP, so that this process need not.
   bool presetsOwnSockets() const { return presetsOwnSockets_; }
 
  private:
@@ -59,7 +59,7 @@ class ConnectPublisher {
   platform::OptionalError mapMemory();
   platform::OptionalError fillState(std::uint16_t proxyPort, std::optional<PacketMarks> marks);
   platform::OptionalError attach();
-  // Compares a connect of this process with what the tracer recorded.
+  // Compares a connect of this process with the tracer's record.
   platform::OptionalError examineOwnConnect();
 
   const ConnectTracer& tracer_;

@@ -23,7 +23,7 @@ struct ConnectRecord {
   friend bool operator==(const ConnectRecord&, const ConnectRecord&) = default;
 };
 
-// The same as the programs in the kernel write it, in the kernel's units. Must match
+// The same record as written by the programs in the kernel, in the kernel's units. Must match
 // ConnectRecord.bpf.h.
 struct KernelConnectRecord {
   std::uint32_t process;

@@ -19,10 +19,10 @@ std::uint64_t mix(std::uint64_t hash, std::uint64_t value) {
   return hash ^ (hash >> 32U);
 }
 
-// The kernel writes at any time, so every access is atomic and in order.
+// The kernel may write at any time, so every access is atomic and ordered.
 template <typename Number>
 Number load(const Number& shared) {
-  // An atomic reference to a constant does not exist yet in this version of the language.
+  // This version of the language has no std::atomic_ref of a constant.
   return std::atomic_ref<Number>(const_cast<Number&>(shared)).load(std::memory_order_acquire);
 }
 
@@ -73,7 +73,7 @@ std::optional<PublishedConnect> ConnectTable::find(const FlowTuple& flow,
     return std::nullopt;
   }
   for (const Slot& shared : sets_[setOf(flow)]) {
-    // Most slots are about other packets, which costs one access to find out.
+    // Test this first: most slots belong to other packets, and one access shows it.
     if (load(shared.initialSequence) != initialSequence) {
       continue;
     }

@@ -12,7 +12,7 @@
 
 namespace ostravel::linuxplatform {
 
-// What the kernel has published about a socket that sends a SYN.
+// The published sender of a SYN.
 struct PublishedConnect {
   ConnectRecord record;
   // As in SocketInformation.
@@ -33,11 +33,11 @@ struct PublishedConnect {
 //
 // A writer claims a slot by making its sequence odd, atomically, and makes it even again when it
 // has finished. A reader that finds the same even sequence before and after copying has a
-// consistent copy. It never waits and makes no system call: the slot of a packet was complete
-// before the packet left, so one that is being written belongs to another packet by now.
+// consistent copy. It never waits and makes no system call: a packet's slot was complete before the
+// packet left, so a slot that is being written belongs to another packet.
 //
-// An entry is only about the packet with its addresses, ports and initial sequence number. The last
-// distinguishes connections that reuse addresses and ports.
+// An entry applies only to the packet with its addresses, ports and initial sequence number. The
+// last distinguishes connections that reuse addresses and ports.
 //
 // Reads memory that the kernel writes; does not own it. Usable from any thread.
 class ConnectTable {
@@ -70,18 +70,18 @@ class ConnectTable {
   using Set = std::array<Slot, kWays>;
 
   struct State {
-    // Which network namespace is observed (SO_NETNS_COOKIE).
+    // The observed network namespace (SO_NETNS_COOKIE).
     std::uint64_t network;
     // Makes the set of a connection unpredictable.
     std::uint64_t seed;
-    // This process, and where its mount namespace is in the kernel.
+    // This process, and the address of its mount namespace in the kernel.
     std::uint32_t extension;
     std::uint32_t proxyPort;
     std::uint64_t mountNamespace;
     // See ListenerWatch.
     std::uint32_t proxyOwner;
-    // The bits of the packet mark that may be changed, and what they are set to for our own sockets
-    // and the proxy's. 0 if nothing is to be marked.
+    // The bits of the packet mark that may be changed, and their value for our own sockets and the
+    // proxy's. 0 if no socket is marked.
     std::uint32_t markMask;
     std::uint32_t mark;
     std::uint32_t unused;
@@ -98,7 +98,7 @@ class ConnectTable {
   // another program since.
   std::optional<PublishedConnect> find(const FlowTuple& flow, std::uint32_t initialSequence) const;
 
-  // The same for a socket, whatever it has sent; searches the whole table.
+  // The same for a socket and any packet; searches the whole table.
   std::optional<PublishedConnect> findSocket(std::uint64_t cookie) const;
 
   // The set for a TCP connection.

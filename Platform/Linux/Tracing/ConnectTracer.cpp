@@ -91,7 +91,7 @@ OptionalError ConnectTracer::examineOwnRecord() const {
                               .stackStart = record->stackStart,
                               .uid = record->user,
                               .realUser = record->realUser};
-  // Also where the kernel does not report the inode of an open file, before 5.14.
+  // Fails before Linux 5.14, which does not report the inode of an open file.
   if (!self || self->stamp != recorded || !self->isExecutableGenuine) {
     return platform::posixError(ENOTSUP, "programs are not seen as /proc shows them");
   }

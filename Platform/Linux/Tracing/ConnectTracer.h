@@ -15,7 +15,7 @@ struct bpf_map;
 namespace ostravel::linuxplatform {
 
 // Knows which process connected a socket, as recorded by a small program in the kernel, and which
-// executable the process was running then; by the time of a look-up it may be running another one.
+// executable it was running at that moment; by the time of a look-up it may be running another one.
 //
 // The program is attached to the root control group, next to any others there. The kernel detaches
 // it with the last descriptor of the link: when the object is destroyed or the process ends for any
@@ -29,7 +29,7 @@ class ConnectTracer {
     processes,
   };
 
-  // Starts with the most detail that is possible and wanted. If nothing is possible, the error's
+  // Starts with as much of the wanted detail as possible. If tracing is impossible, the error's
   // description is a clause with the reason: no permission, no control groups of version 2, a
   // kernel before 5.7, a separate process namespace.
   static platform::Result<std::unique_ptr<ConnectTracer>> start(Detail wanted = Detail::programs);
@@ -52,7 +52,7 @@ class ConnectTracer {
   ConnectTracer(KernelProgram object, Detail detail);
 
   static platform::Result<std::unique_ptr<ConnectTracer>> startWith(Detail detail);
-  // Compares this process's record with what /proc shows.
+  // Compares this process's record with /proc.
   platform::OptionalError examineOwnRecord() const;
 
   const KernelProgram object_;

@@ -20,8 +20,9 @@ using KernelProgram = std::unique_ptr<bpf_object, KernelProgramRelease>;
 // An attached program; the kernel detaches it with this handle.
 using KernelProgramLink = std::unique_ptr<bpf_link, KernelProgramRelease>;
 
-// Attaches all programs of the object, which is loaded: those for a control group to this one, the
-// others to what they name. After an error, those in links are attached.
+// Attaches all programs of the loaded object: those for control groups to this one, the others to
+// the attachment points that they name. After an error, links contains the programs that were
+// attached.
 platform::OptionalError attachPrograms(bpf_object* object, int cgroup,
                                        std::vector<KernelProgramLink>& links);
 

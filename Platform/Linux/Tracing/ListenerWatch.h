@@ -9,9 +9,9 @@
 
 namespace ostravel::linuxplatform {
 
-// Whether another process may have become the one that listens on the proxy's port, as noted by a
-// program in the kernel: a socket has begun to listen there, or the process that is being watched
-// has ended. It does not notice that a socket was closed while its process continues.
+// Detects that another process may have become the listener on the proxy's port. A program in the
+// kernel counts the events: a socket has begun to listen there, or the watched process has ended.
+// It does not notice a socket that is closed while its process continues.
 //
 // Refers to memory that it does not own. Usable from any thread.
 class ListenerWatch {
@@ -23,10 +23,10 @@ class ListenerWatch {
     return std::atomic_ref(state_->listenerChanges).load(std::memory_order_acquire);
   }
 
-  // For a change that only a look-up has revealed.
+  // Counts a change that only a look-up has revealed.
   void noteChange() const { std::atomic_ref(state_->listenerChanges).fetch_add(1); }
 
-  // Replaces the process that was watched before.
+  // Watches this process instead of the previous one.
   void watch(pid_t process) const {
     std::atomic_ref(state_->proxyOwner).store(static_cast<std::uint32_t>(process));
   }

@@ -23,18 +23,18 @@ struct ScriptRecord {
   // As in ProcessStamp.
   std::uint64_t startTime = 0;
   std::uint64_t stackStart = 0;
-  // What the path is relative to.
+  // The root folder to which the path refers.
   FileIdentity root;
   ino_t mountNamespace = 0;
   // As passed to execve(2); may be relative. Empty if it is too long.
   std::string path;
-  // Its interpreter was chosen by env(1).
+  // True if env(1) chose its interpreter.
   bool isByEnv = false;
 };
 
 // Knows which processes run a script: those that have executed one since this object was created,
-// also by way of env(1), and their children. Like those of ConnectTracer, its programs are detached
-// with this object or this process. Usable from any thread.
+// directly or through env(1), and their children. Like those of ConnectTracer, its programs are
+// detached with this object or this process. Usable from any thread.
 class ScriptTracer {
  public:
   // Requires Linux 5.14 with type information, and the initial process namespace. On failure the

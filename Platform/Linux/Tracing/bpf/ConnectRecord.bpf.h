@@ -1,4 +1,4 @@
-// What the programs in the kernel record about a process that connects a socket.
+// The record that the programs in the kernel make of a process that connects a socket.
 
 #include "KernelInterface.bpf.h"
 
@@ -19,7 +19,7 @@ struct Record {
   // The kernel's encoding: 12 bits of major, 20 bits of minor number.
   u32 executableDevice;
   u64 executableInode;
-  // Of the first thread, in nanoseconds since boot.
+  // When the first thread started, in nanoseconds since boot.
   u64 startTime;
   u64 stackStart;
 };
@@ -32,8 +32,8 @@ INLINE int areEqual(const struct Record* one, const struct Record* other) {
          one->stackStart == other->stackStart;
 }
 
-// By the cookie of the socket. libbpf's form of a map description: each number as the size of an
-// array.
+// The key is the socket's cookie. In libbpf's form of a map description, each number is the size of
+// an array.
 struct {
   int (*type)[kMapTypeLRUHash];
   u64* key;

@@ -22,7 +22,7 @@ enum {
   kIPv4 = 2,
   kIPv6 = 10,
   kStream = 1,
-  // What these programs return so that others on the same control group still decide.
+  // Returned so that other programs on the same control group still decide.
   kNoDecision = 1,
 
   // As for setsockopt(2).
@@ -75,7 +75,7 @@ struct Set {
 // A process of the local proxy. Must match SocketMarker.cpp.
 struct Marked {
   struct Record record;
-  // Void once the counter of the state differs.
+  // Invalid once the counter of the state differs.
   u64 listenerChanges;
 };
 
@@ -90,12 +90,12 @@ struct State {
   u64 mountNamespace;
   // The process that owns the listener of the local proxy, set by the extension; 0 if unknown.
   u32 proxyOwner;
-  // The bits of the packet mark that may be changed; 0 if nothing is to be marked.
+  // The bits of the packet mark that may be changed; 0 if no socket is marked.
   u32 markMask;
-  // What they are set to.
+  // The value of these bits.
   u32 mark;
   u32 unused;
-  // Counts what may change which process listens on the proxy's port.
+  // Counts the events that may change which process listens on the proxy's port.
   u64 listenerChanges;
   // Counts the programs executed, by process number; several processes share a counter.
   u32 programChanges[kProgramCounters];
@@ -117,7 +117,7 @@ struct {
   int (*map_flags)[kMappable];
 } states SECTION(".maps");
 
-// By process number.
+// The key is the process number.
 struct {
   int (*type)[kMapTypeHash];
   u32* key;
@@ -295,13 +295,13 @@ INLINE u64 mountChanges(struct State* state, struct task_struct* task) {
   return mounts != 0 ? read64(&mounts->event) : 0;
 }
 
-// Identifies where the running file is: changes whenever the file's path does, because it or a
-// folder above it was renamed, removed or mounted elsewhere, and with every change of the mounts in
-// the extension's mount namespace. 0 if unknown.
+// Identifies the location of the running file. Changes whenever the file's path does, because it or
+// a folder above it was renamed, removed or mounted elsewhere, and with every change of the mounts
+// in the extension's mount namespace. 0 if unknown.
 //
 // Walks upwards as the kernel does for the link /proc/PID/exe.
 INLINE u64 placeOf(struct State* state, struct task_struct* task) {
-  // Deeper paths are so rare that they may cost a few system calls.
+  // Deeper paths are rare, and cost a few system calls.
   enum { kMaximumSteps = 40 };
   const u64 changes = mountChanges(state, task);
   if (changes == 0) {
@@ -331,7 +331,7 @@ INLINE u64 placeOf(struct State* state, struct task_struct* task) {
     }
     hash = mix(hash, read64(&entry->d_name.hash_len));
     const struct dentry* const parent = (const void*)read64(&entry->d_parent);
-    // In no mount: a file in memory.
+    // A file in memory, which is in no mount.
     if (parent == entry) {
       return 0;
     }
@@ -340,7 +340,8 @@ INLINE u64 placeOf(struct State* state, struct task_struct* task) {
   return 0;
 }
 
-// True if the task is of the process that connected the socket and runs the same program as then.
+// True if the task belongs to the process that connected the socket and still runs the same
+// program.
 INLINE int isConnector(const struct Record* record, struct task_struct* task) {
   const struct mm_struct* const memory = task->mm;
   return memory != 0 && record->process == (u32)task->tgid &&
@@ -422,8 +423,8 @@ INLINE void publish(void* context, struct State* state, struct tcp_sock* connect
   const u64 cookie = socketCookie(context);
   struct task_struct* const task = currentTask();
   const struct Record* const record = lookupElement(&processes, &cookie);
-  // A socket that another process connected, or the kernel itself, as for a further path of an
-  // MPTCP connection.
+  // Another process connected the socket, or the kernel did, for a further path of an MPTCP
+  // connection.
   if (record == 0 || !isConnector(record, task)) {
     return;
   }
@@ -495,7 +496,7 @@ INLINE int prepare(struct Connect* context) {
     return kAllow;
   }
   u32 mark = context->socket->mark;
-  // Somebody has chosen these bits.
+  // Do not replace bits that the program itself has set.
   if ((mark & state->markMask) == 0) {
     mark |= state->mark;
     setOption(context, kSocketLevel, kMark, &mark, sizeof mark);
@@ -528,7 +529,7 @@ SECTION("tp_btf/sched_process_exit") int ended(u64* arguments) {
   const struct task_struct* const task = (const void*)arguments[0];
   const u32 process = (u32)task->tgid;
   struct State* const state = findState();
-  // A thread of a process that continues.
+  // Only a thread has ended, not the process.
   if (state == 0 || task->signal->live.counter != 0) {
     return 0;
   }

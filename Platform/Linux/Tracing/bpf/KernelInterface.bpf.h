@@ -1,5 +1,5 @@
-// The kernel's interface (bpf(2), bpf-helpers(7)) as far as several programs use it, declared here
-// so that no kernel headers have to be installed. The licence applies to all of them.
+// The parts of the kernel's interface (bpf(2), bpf-helpers(7)) that several programs use, declared
+// here so that no kernel headers have to be installed. The licence applies to all of them.
 
 typedef unsigned int u32;
 typedef unsigned long long u64;

@@ -1,6 +1,6 @@
 // Records which script a process runs: the path with which execve(2) was called, if the kernel has
-// started an interpreter for it. Only the kernel knows it for certain; a process can change
-// everything that it has been passed. Changes nothing.
+// started an interpreter for it. Only the kernel knows it for certain; a process can overwrite its
+// arguments. Changes nothing.
 //
 // The helpers that read the kernel's memory are reserved for programs under a GPL-compatible
 // licence: hence the licence in KernelInterface.bpf.h.
@@ -10,7 +10,7 @@
 enum {
   // Must match ScriptTracer.cpp.
   kPathSize = 256,
-  // Scripts that have been started, and their children; the map drops the least recently used.
+  // Limit on processes that run scripts; the map drops the least recently used.
   kMaximumScripts = 4096,
 };
 
@@ -18,7 +18,7 @@ static long (*const readText)(void* into, u32 size, const void* from) = (void*)1
 
 // Must match ScriptTracer.cpp.
 struct Script {
-  // Of the process and of the program, as in ConnectRecord.bpf.h.
+  // Identify the process and its program, as in ConnectRecord.bpf.h.
   u64 startTime;
   u64 stackStart;
   u64 rootInode;
@@ -31,7 +31,8 @@ struct Script {
   char path[kPathSize];
 };
 
-// By process number. libbpf's form of a map description: each number as the size of an array.
+// The key is the process number. In libbpf's form of a map description, each number is the size of
+// an array.
 struct {
   int (*type)[kMapTypeLRUHash];
   u32* key;
@@ -145,7 +146,7 @@ SECTION("tp_btf/sched_process_fork") int forked(u64* arguments) {
   const struct task_struct* const child = (const void*)arguments[1];
   const u32 from = (u32)parent->tgid;
   const u32 to = (u32)child->tgid;
-  // Another thread of the same process.
+  // The new task is a thread of the same process.
   if (from == to) {
     return 0;
   }
