@@ -8,7 +8,7 @@
 
 namespace ostravel::companion {
 
-// What the command line says about a fleet. At most one of the two addresses is given.
+// The options of the command line that concern a fleet. At most one of the two addresses is given.
 struct FleetOptions {
   std::string publish;
   std::string subscribe;
@@ -23,8 +23,8 @@ struct FleetOptions {
 // Adds the options to the program's, for readCommandLine.
 void addFleetOptions(CLI::App& app, FleetOptions& options);
 
-// The folder of the spool when none is given: the one that the service manager has made
-// (StateDirectory= of systemd.exec(5)), else the usual one.
+// The default folder of the spool: the one that the service manager has created (StateDirectory= of
+// systemd.exec(5)), otherwise the usual one.
 std::string usualSpoolFolder();
 
 }  // namespace ostravel::companion

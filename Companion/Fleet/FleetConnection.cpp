@@ -94,8 +94,8 @@ std::string ensureFleetStream(natsConnection* connection) {
   constexpr std::int64_t kNanoseconds = 1'000'000'000;
   constexpr std::int64_t kWeek = std::int64_t{7} * 24 * 3600;
   config.MaxAge = kWeek * kNanoseconds;
-  // What a machine sends again because it did not receive the acknowledgement, it sends within this
-  // time of coming back.
+  // A machine that has missed an acknowledgement sends the message again within this time after it
+  // reconnects.
   constexpr std::int64_t kTenMinutes = 600;
   config.Duplicates = kTenMinutes * kNanoseconds;
   const natsStatus status = js_AddStream(nullptr, made, &config, nullptr, &code);

@@ -10,24 +10,24 @@
 namespace ostravel::companion {
 
 // The connection to the server of the fleet, which the library restores whenever it breaks. Owned
-// by a publisher or a subscriber and used by its thread; nothing here waits for the network.
+// by a publisher or a subscriber and used by its thread; no operation waits for the network.
 class FleetConnection {
  public:
-  // Throws std::runtime_error with a readable reason when the options are wrong.
+  // Throws std::runtime_error with a readable reason if the options are wrong.
   FleetConnection(const FleetServer& server, const std::string& name);
 
-  // To be called now and then: starts to connect, again when the library has given up, which it
-  // does when it is refused.
+  // Call it periodically: starts to connect, and does so again if the library has given up, as it
+  // does after a refusal.
   void maintain();
 
   bool isConnected() const;
-  // Grows with each new connection: what the server was asked before has to be asked again.
+  // Incremented with each new connection: earlier requests to the server must then be repeated.
   std::uint64_t generation() const;
-  // Grows when the object of the library is replaced: what refers to it is of no use any more.
+  // Incremented when the library's object is replaced: objects that refer to it are then invalid.
   std::uint64_t object() const { return objects_; }
-  // None before the first call of maintain().
+  // Null before the first call of maintain().
   natsConnection* get() const { return connection_.get(); }
-  // Why it is not connected, for people.
+  // Why it is not connected, as readable text.
   std::string problem() const;
 
  private:
@@ -43,8 +43,8 @@ class FleetConnection {
 // The stream that keeps the events of the fleet on the server.
 constexpr const char* kFleetStream = "OSTRAVEL";
 
-// Makes the stream when there is none. Waits for the server, two seconds at most. Returns what is
-// wrong; nothing if it is there.
+// Creates the stream if there is none. Waits for the server for at most two seconds. Returns the
+// problem; empty if the stream exists.
 std::string ensureFleetStream(natsConnection* connection);
 
 }  // namespace ostravel::companion

@@ -23,7 +23,7 @@ std::string subjectToken(std::string name) {
   return name;
 }
 
-// Takes the text up to the next space out of the line.
+// Removes the text up to the next space from the line, and returns it.
 std::string_view takeWord(std::string_view& line) {
   const std::size_t end = std::min(line.find(' '), line.size());
   const std::string_view word = line.substr(0, end);
@@ -47,7 +47,7 @@ std::string plainName(std::string_view text) {
 
 std::string nameOfThisHost() {
   std::array<char, 256> name{};
-  // One byte stays zero, because a longer name is cut without one.
+  // One byte stays zero, because a longer name is truncated without a terminator.
   ::gethostname(name.data(), name.size() - 1);
   return plainName(name.data());
 }

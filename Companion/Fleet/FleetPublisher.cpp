@@ -14,12 +14,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What is under way at a time: a millisecond's worth of a fast network, and little enough for the
-// buffers of a socket, so that sending does not wait.
+// Limit on unacknowledged messages: a millisecond's worth of a fast network, and small enough for
+// the buffers of a socket, so that sending does not block.
 constexpr std::size_t kWindowMessages = 1024;
 constexpr std::size_t kWindowSize = std::size_t{1024} * 1024;
 
-// Waits for the thread while a disk is stuck: tens of thousands of events.
+// Limit on the messages that wait for the thread while the disk is stuck: tens of thousands of
+// events.
 constexpr std::size_t kReceivedSize = std::size_t{16} * 1024 * 1024;
 
 constexpr auto kSyncInterval = 1s;
@@ -118,7 +119,7 @@ void FleetPublisher::takeReceived() {
     received.swap(mailbox_->received);
     mailbox_->receivedSize = 0;
     overflow = std::exchange(mailbox_->overflow, 0);
-    // Counted without interruption: they are with the spool in a moment.
+    // Keeps the count continuous: the spool will count them in a moment.
     mailbox_->counts.waiting += received.size();
     mailbox_->counts.dropped += overflow;
   }
@@ -155,7 +156,7 @@ void FleetPublisher::subscribeToAnswers() {
   }
   const NATSInbox owned(inbox);
   inbox_ = std::string(inbox) + ".";
-  // The library keeps this one until it says that it has delivered the last message.
+  // The library keeps this reference until it has delivered the last message.
   auto* const mailbox = new std::shared_ptr<Mailbox>(mailbox_);
   const auto release = [](void* closure) {
     delete static_cast<std::shared_ptr<Mailbox>*>(closure);
@@ -273,7 +274,7 @@ void FleetPublisher::handleAnswer(const Answer& answer) {
     return;
   }
   if (answer.hasNoStream) {
-    // Soon: another machine may be making the stream.
+    // Retry soon: another machine may be creating the stream.
     sent->second.sendAgain = std::chrono::steady_clock::now() + kMissingStreamPause;
     handleMissingStream();
     return;
@@ -285,7 +286,7 @@ void FleetPublisher::handleAnswer(const Answer& answer) {
     forget(*sequence);
     return;
   }
-  // Larger than the stream takes.
+  // The message is larger than the stream permits.
   constexpr json_int_t kMessageTooLarge = 10054;
   if (json_integer_value(json_object_get(error, "err_code")) == kMessageTooLarge) {
     spool_.discard(*sequence);
@@ -293,7 +294,7 @@ void FleetPublisher::handleAnswer(const Answer& answer) {
     return;
   }
   const char* const text = json_string_value(json_object_get(error, "description"));
-  // It stays where it is and is sent again later.
+  // The message stays in the spool and is sent again later.
   reportState(State::refused, options_.server.url + " refuses events: " +
                                   (text == nullptr ? "without a reason" : text) +
                                   "; they wait in " + options_.folder);

@@ -20,59 +20,60 @@
 
 namespace ostravel::companion {
 
-// Sends the messages of this machine to the stream of the fleet, each at least once, on a
-// separate thread. They arrive in order, except that one that is sent again can arrive later.
-// Owned by main.
+// Sends the messages of this machine to the stream of the fleet, each at least once, on a separate
+// thread. They arrive in order, except that a message that is sent again may arrive later. Owned by
+// main.
 //
 // Every message goes to the spool first, and leaves it when the server has acknowledged that it is
-// stored. A window of them is under way at a time; one whose acknowledgement does not come is sent
-// again, and so are all of them after a new connection. The server knows by the header Nats-Msg-Id
-// what it has already.
+// stored. A window of them is unacknowledged at a time; a message without a timely acknowledgement
+// is sent again, and so is the whole window after a new connection. The server recognises
+// duplicates by the header Nats-Msg-Id.
 //
-// Records are on the disk, past a power failure, a second after they were received, unless they
-// have been acknowledged by then.
+// Records that have not been acknowledged within a second are then on the disk, safe from a power
+// failure.
 class FleetPublisher {
  public:
   struct Options {
     FleetServer server;
     std::string folder;  // of the spool
     Spool::Limits limits = {};
-    // Lines for people, at most one for each change of state; runs on the publisher's thread.
+    // Receives lines for the log, at most one for each change of state; runs on the publisher's
+    // thread.
     std::function<void(const std::string&)> report = [](const std::string&) {};
-    // After that, a message is sent again; doubles with each attempt. Tests shorten it.
+    // The time after which a message is sent again; doubles with each attempt. Tests shorten it.
     std::chrono::milliseconds patience = std::chrono::seconds(5);
   };
 
   // Throws std::runtime_error with a readable reason: a wrong option, or a folder that cannot be
-  // used. A server that cannot be reached is no error.
+  // used. An unreachable server is no error.
   explicit FleetPublisher(Options options);
-  // Waits half a second for acknowledgements; the rest stays in the spool.
+  // Waits half a second for acknowledgements; unacknowledged messages stay in the spool.
   ~FleetPublisher();
   FleetPublisher(const FleetPublisher&) = delete;
   FleetPublisher& operator=(const FleetPublisher&) = delete;
 
-  // Takes the message, or drops and counts it when the disk has been stuck for long. Never waits
-  // for the disk or the network. Usable from any thread.
+  // Accepts the message, or drops and counts it if the disk has been stuck for a long time. Never
+  // waits for the disk or the network. Usable from any thread.
   void publish(FleetMessage message);
 
   struct Counts {
     std::uint64_t waiting = 0;  // for an acknowledgement
-    std::uint64_t dropped = 0;  // in the life of the spool
+    std::uint64_t dropped = 0;  // since the spool was created
   };
   Counts counts() const;
 
  private:
   using Time = std::chrono::steady_clock::time_point;
 
-  // Of the server to one message.
+  // The server's answer to one message.
   struct Answer {
     std::string subject;
     std::string body;
     bool hasNoStream = false;
   };
 
-  // What comes to the publisher's thread from others. The library may still use it when the
-  // publisher is gone.
+  // Input of the publisher's thread from other threads. The library may still use it after the
+  // publisher has been destroyed.
   struct Mailbox {
     std::mutex mutex;
     std::condition_variable wakeUp;
@@ -114,11 +115,11 @@ class FleetPublisher {
 
   const Options options_;
   const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>();
-  // The first one: what is wrong with its options is said before a folder is made.
+  // The first member, so that wrong options are reported before a folder is created.
   FleetConnection connection_;
   Spool spool_;
 
-  // Of the publisher's thread.
+  // For the publisher's thread only.
   NATSSubscription answers_;
   std::string inbox_;
   std::uint64_t object_ = 0;

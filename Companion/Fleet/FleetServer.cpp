@@ -23,7 +23,7 @@ void checkURL(const std::string& url) {
     throw std::runtime_error("not nats://HOST[:PORT] or tls://HOST[:PORT]: " + url);
   }
   if (url.find('@') != std::string::npos) {
-    // Not quoted: it would be in the log as well.
+    // Not quoted, so that the secret does not appear in the log.
     throw std::runtime_error(
         "the address has a password, which other users can read: put it in a file");
   }
@@ -41,7 +41,7 @@ void require(natsStatus status, const std::string& what) {
   }
 }
 
-// The connection's state is asked for, so there is nothing to do.
+// Nothing to do: the connection's state is polled.
 void ignoreConnection(natsConnection* /*connection*/, void* /*closure*/) {}
 
 void ignoreError(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
@@ -90,7 +90,7 @@ NATSOptions connectionOptions(const FleetServer& server, const std::string& name
   NATSOptions options(made);
   require(natsOptions_SetURL(made, server.url.c_str()), server.url);
   setSecurity(made, server);
-  // A server that hangs is noticed within a minute.
+  // A hung server is detected within a minute.
   constexpr std::chrono::milliseconds kPingInterval{20'000};
   constexpr int kMostPings = 2;
   constexpr std::chrono::milliseconds kConnectTimeout{5'000};
@@ -101,9 +101,9 @@ NATSOptions connectionOptions(const FleetServer& server, const std::string& name
         natsOptions_SetPingInterval(made, kPingInterval.count()),
         natsOptions_SetMaxPingsOut(made, kMostPings), natsOptions_SetMaxReconnect(made, kForEver),
         natsOptions_SetCustomReconnectDelay(made, delayBefore, nullptr),
-        // The default one writes to standard error.
+        // The library's default handler writes to standard error.
         natsOptions_SetErrorHandler(made, ignoreError, nullptr),
-        // With a function here it does not wait for the first connection.
+        // With a function, the library does not wait for the first connection.
         natsOptions_SetRetryOnFailedConnect(made, true, ignoreConnection, nullptr)}) {
     require(status, server.url);
   }

@@ -6,7 +6,7 @@
 
 namespace ostravel::companion {
 
-// Where the server of a fleet is, and how a machine shows who it is. Secrets are in files, because
+// The address of a fleet's server, and how a machine authenticates. Secrets are in files, because
 // other users can read a command line.
 struct FleetServer {
   std::string url = {};          // nats://HOST[:PORT] or tls://HOST[:PORT]
@@ -16,7 +16,7 @@ struct FleetServer {
   std::string key = {};
 };
 
-// What the library needs to connect, and to connect again for as long as it takes. Throws
+// The library's options for a connection that it restores for as long as it takes. Throws
 // std::runtime_error with a readable reason.
 NATSOptions connectionOptions(const FleetServer& server, const std::string& name);
 

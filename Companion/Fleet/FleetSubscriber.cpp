@@ -15,11 +15,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Some 30 MB. An event that comes twice comes within the outage of one machine or server, and the
-// server itself notices those of the last minutes.
+// About 30 MB. Duplicates are at most an outage of one machine or server apart, and the server
+// itself detects those of the last minutes.
 constexpr std::size_t kRecentIds = 200'000;
 
-// A fleet's worth; more means that somebody makes names up, and then the counts start again.
+// Exceeds any fleet. More mean that a machine invents names; the counts then start again.
 constexpr std::size_t kMostMachines = 500'000;
 
 constexpr int kBatch = 512;
@@ -31,7 +31,7 @@ std::string headerOf(natsMsg* message, const char* name) {
   return natsMsgHeader_Get(message, name, &value) == NATS_OK && value != nullptr ? value : "";
 }
 
-// Of the fetched messages; destroys those that are left.
+// Owns the fetched messages.
 struct MessageList {
   natsMsgList list{};
   ~MessageList() { natsMsgList_Destroy(&list); }
@@ -107,8 +107,8 @@ bool FleetSubscriber::makeConsumer() {
   jsSubOptions options;
   jsSubOptions_Init(&options);
   options.Stream = kFleetStream;
-  // What arrives here counts as received. When the connection breaks, a new consumer starts after
-  // the last message that was taken.
+  // Messages need no acknowledgement: when the connection breaks, a new consumer starts after the
+  // last message that was processed.
   options.Config.AckPolicy = js_AckNone;
   options.Config.DeliverPolicy = js_DeliverByStartSequence;
   options.Config.OptStartSeq = *next_;
@@ -125,7 +125,7 @@ bool FleetSubscriber::makeConsumer() {
   return true;
 }
 
-// Where to go on in the stream, which may be another one than before.
+// The position at which to continue in the stream, which may have been replaced.
 std::optional<std::uint64_t> FleetSubscriber::positionIn(const jsStreamInfo& stream) {
   if (!next_) {
     return options_.fromBeginning ? 1 : stream.State.LastSeq + 1;
@@ -146,7 +146,7 @@ void FleetSubscriber::fetch() {
     deliver(std::move(batch));
   }
   if (status != NATS_OK && status != NATS_TIMEOUT) {
-    // The server does not know the consumer any more, or hangs.
+    // The server no longer knows the consumer, or hangs.
     subscription_.reset();
     pause();
   }

@@ -19,24 +19,24 @@
 namespace ostravel::companion {
 
 // Receives the messages of all machines from the stream of the fleet, each once and in the order of
-// the stream, from a thread of its own. Owned by main.
+// the stream, on a separate thread. Owned by main.
 //
-// It remembers how far it has come, and goes on there after every interruption. The server keeps
-// what the receiver has not taken yet, so a slow one loses nothing within the time that the stream
-// keeps messages; what is missing all the same is counted and reported.
+// It remembers its position, and continues there after every interruption. The server keeps
+// messages that have not been received, so a slow receiver loses nothing within the stream's
+// retention; messages that are missing nevertheless are counted and reported.
 class FleetSubscriber {
  public:
   struct Options {
     FleetServer server;
-    bool fromBeginning = false;  // of the stream; else what comes from now on
+    bool fromBeginning = false;  // of the stream; otherwise only new messages
     // Runs on the io_context's thread.
     std::function<void(const FleetMessage&)> event;
-    // Lines for people. Runs on the subscriber's thread.
+    // Receives lines for the log. Runs on the subscriber's thread.
     std::function<void(const std::string&)> report = [](const std::string&) {};
   };
 
-  // Throws std::runtime_error with a readable reason when an option is wrong. The io_context must
-  // outlive this object.
+  // Throws std::runtime_error with a readable reason if an option is wrong. The io_context outlives
+  // this object.
   FleetSubscriber(asio::io_context& ioContext, Options options);
   ~FleetSubscriber();
   FleetSubscriber(const FleetSubscriber&) = delete;
@@ -60,14 +60,14 @@ class FleetSubscriber {
   const Options options_;
   FleetConnection connection_;
 
-  // Of the subscriber's thread.
+  // For the subscriber's thread only.
   JetStream jetStream_;
   NATSSubscription subscription_;
   std::uint64_t generation_ = 0;
-  // In the stream; none before its first message is known.
+  // The position in the stream; none before its first message is known.
   std::optional<std::uint64_t> next_;
   RecentIds recent_;
-  // By machine.
+  // Dropped messages by machine.
   std::map<std::string, std::uint64_t> dropped_;
   std::string reported_;
 
@@ -75,7 +75,7 @@ class FleetSubscriber {
   std::condition_variable wakeUp_;
   bool isEnding_ = false;
 
-  std::thread thread_;  // the last one: it uses all of them
+  std::thread thread_;  // last, because it uses all of them
 };
 
 }  // namespace ostravel::companion

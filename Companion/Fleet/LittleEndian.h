@@ -10,8 +10,8 @@
 
 namespace ostravel::companion {
 
-// Numbers and checksums as the files of a spool have them, independent of the machine, so that a
-// spool can be moved to another one.
+// Numbers and checksums in the format of a spool's files, which is independent of the machine, so
+// that a spool can be moved to another one.
 
 template <std::unsigned_integral Number>
 void appendLittleEndian(std::string& bytes, Number number) {
@@ -20,7 +20,7 @@ void appendLittleEndian(std::string& bytes, Number number) {
   }
 }
 
-// Of the first bytes, which must be there.
+// Decodes the first bytes; there must be enough.
 template <std::unsigned_integral Number>
 Number littleEndian(std::string_view bytes) {
   Number number = 0;
@@ -31,11 +31,11 @@ Number littleEndian(std::string_view bytes) {
   return number;
 }
 
-// CRC-32 of the two after each other.
+// CRC-32 of both, concatenated.
 inline std::uint32_t checksum(std::string_view first, std::string_view second = {}) {
   uLong sum = ::crc32_z(0, nullptr, 0);
   for (const std::string_view part : {first, second}) {
-    // Without bytes, zlib takes a null pointer for a request to start again.
+    // Skip empty parts: zlib takes a null pointer for a request to start again.
     sum = part.empty() ? sum
                        : ::crc32_z(sum, reinterpret_cast<const Bytef*>(part.data()), part.size());
   }

@@ -7,7 +7,7 @@ bool RecentIds::add(const std::string& id) {
   if (!isNew) {
     return false;
   }
-  // A node of the set stays where it is.
+  // The set's nodes keep their addresses.
   order_.push_back(&*place);
   if (order_.size() > capacity_) {
     ids_.erase(*order_.front());

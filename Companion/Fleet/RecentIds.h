@@ -7,13 +7,12 @@
 
 namespace ostravel::companion {
 
-// The last identifiers that were seen, so that what comes twice is noticed. Owned by the
-// subscriber.
+// The latest identifiers, to detect duplicates. Owned by the subscriber.
 class RecentIds {
  public:
   explicit RecentIds(std::size_t capacity) : capacity_(capacity) {}
 
-  // False if it was among the last ones.
+  // False if it is among the latest ones already.
   bool add(const std::string& id);
 
  private:

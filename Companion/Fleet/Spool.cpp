@@ -36,7 +36,7 @@ std::string errorText(int error) {
 
 std::string segmentName(std::uint64_t first) {
   std::array<char, 32> name{};
-  // As wide as the largest number, so that the names sort by it.
+  // Padded to the width of the largest number, so that the names sort numerically.
   std::snprintf(name.data(), name.size(), "%020llu", static_cast<unsigned long long>(first));
   return std::string(name.data()) + std::string(kSuffix);
 }
@@ -68,7 +68,7 @@ void Spool::openFolder() {
   if (!folderDescriptor_.isOpen() || ::fstat(folderDescriptor_.get(), &status) != 0) {
     fail(folder_, errorText(errno));
   }
-  // The events say where applications connect.
+  // Events reveal where applications connect, so no other user may read or replace them.
   if (status.st_uid != ::geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     fail(folder_, "the folder must belong to this user, and nobody else may write to it");
   }
@@ -84,8 +84,8 @@ void Spool::openState() {
     fail(folder_, "another monitor uses the folder");
   }
   std::string bytes(kStateSize, '\0');
-  // One that is damaged is not used: everything in the folder is then sent again, which the server
-  // notices.
+  // A damaged state is ignored: everything in the folder is then sent again, and the server detects
+  // the duplicates.
   if (::pread(state_.get(), bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(kStateSize) ||
       littleEndian<std::uint32_t>(std::string_view(bytes).substr(kStateNumbers)) !=
           checksum(std::string_view(bytes).substr(0, kStateNumbers))) {
@@ -115,7 +115,7 @@ void Spool::openSegments() {
     nextAppended_ = std::max(nextAppended_, segment.end());
     segments_.push_back(std::move(segment));
   }
-  // What is acknowledged already.
+  // Delete the segments that have been acknowledged completely.
   while (!segments_.empty()) {
     std::size_t offset = readOffset_;
     const std::optional<SpoolSegment::Record> record = segments_.front().read(offset);
@@ -167,7 +167,7 @@ std::error_code Spool::prepareSegment(std::size_t recordSize) {
   }
   const bool isFull = !segments_.empty() && segments_.back().size() > 0 &&
                       segments_.back().size() + recordSize > limits_.segment;
-  // One that turned out to be damaged is not read any more.
+  // A segment that has turned out to be damaged is not read any more.
   const bool isLeft = readSegment_ == segments_.size();
   if (!isFull && !isLeft) {
     return {};
@@ -199,7 +199,7 @@ std::optional<NumberedMessage> Spool::nextOnDisk() {
     std::optional<SpoolSegment::Record> record = segments_[readSegment_].read(readOffset_);
     if (record) {
       ++readRecords_;
-      // Sequences ascend, and what the checksum covers is what was written.
+      // The checksum is correct, and sequences ascend.
       if (std::optional<FleetMessage> message = decodeRecord(record->bytes)) {
         return numbered(record->sequence, std::move(*message));
       }
@@ -208,7 +208,7 @@ std::optional<NumberedMessage> Spool::nextOnDisk() {
     if (readSegment_ + 1 == segments_.size() && readRecords_ == segments_[readSegment_].records()) {
       return std::nullopt;
     }
-    // The end of this one, or its disk does not return what was written.
+    // The end of the segment, or a record that the disk has damaged.
     ++readSegment_;
     readOffset_ = 0;
     readRecords_ = 0;
@@ -252,7 +252,7 @@ void Spool::saveState() {
   appendLittleEndian(bytes, nextAppended_);
   appendLittleEndian(bytes, returned_.empty() ? droppedBefore_ : returned_.begin()->second);
   appendLittleEndian(bytes, checksum(bytes));
-  // When it fails, more is sent again after a restart.
+  // If it fails, more messages are sent again after a restart.
   isStateSaved_ =
       ::pwrite(state_.get(), bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
   isStateSynced_ = false;
@@ -292,7 +292,7 @@ std::uint64_t Spool::acknowledged() const {
 void Spool::removeAcknowledgedSegments() {
   while (!segments_.empty() && segments_.front().end() <= acknowledged()) {
     const bool isBeingRead = readSegment_ == 0;
-    // It is cheaper to go on with one that has room.
+    // It is cheaper to continue a segment that has room.
     if (segments_.size() == 1 && segments_.front().size() < limits_.segment / 2) {
       return;
     }

@@ -18,7 +18,7 @@ std::error_code lastError() {
   return {errno, std::generic_category()};
 }
 
-// Empty when there are not so many bytes.
+// Empty if there are fewer bytes.
 std::string readBytes(int descriptor, std::size_t offset, std::size_t size) {
   std::string bytes(size, '\0');
   const ssize_t got = ::pread(descriptor, bytes.data(), size, static_cast<off_t>(offset));
@@ -69,7 +69,7 @@ std::error_code SpoolSegment::append(std::uint64_t sequence, std::string_view by
   if (written != static_cast<ssize_t>(record.size())) {
     const std::error_code error =
         written < 0 ? lastError() : std::make_error_code(std::errc::no_space_on_device);
-    // Only frees the space: half a record is none, and the next one is written over it.
+    // Only frees the space: an incomplete record is ignored, and the next one overwrites it.
     static_cast<void>(::ftruncate(descriptor_.get(), static_cast<off_t>(size_)));
     return error;
   }

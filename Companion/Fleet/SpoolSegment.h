@@ -16,11 +16,11 @@ namespace ostravel::companion {
 //
 //   | length: 4 bytes | checksum: 4 bytes | sequence: 8 bytes | `length` bytes | next record …
 //
-// Numbers are little-endian; the checksum is the CRC-32 of all that follows it. What comes after
-// the last whole record was being written when the program or the machine stopped.
+// Numbers are little-endian; the checksum is the CRC-32 of the rest of the record. Bytes after the
+// last complete record were being written when the program or the machine stopped.
 class SpoolSegment {
  public:
-  // An event has 1 MiB at most, and can grow when it is made safe to print.
+  // An event has at most 1 MiB, and can grow when it is made safe to print.
   static constexpr std::size_t kLargestRecord = std::size_t{8} * 1024 * 1024;
   static constexpr std::size_t kRecordHeader = 16;
 
@@ -29,28 +29,28 @@ class SpoolSegment {
     std::string bytes;
   };
 
-  // Makes the file, which must not exist. Throws std::system_error.
+  // Creates the file, which must not exist. Throws std::system_error.
   static SpoolSegment create(std::string path);
-  // Counts the whole records and cuts off what follows them. Throws std::system_error.
+  // Counts the complete records and truncates the file after them. Throws std::system_error.
   static SpoolSegment open(std::string path);
 
-  // One more than the sequence of the last record; 0 without any.
+  // One more than the sequence of the last record; 0 if there is none.
   std::uint64_t end() const { return end_; }
   std::size_t records() const { return records_; }
-  // Of the file, in bytes.
+  // The size of the file, in bytes.
   std::size_t size() const { return size_; }
 
-  // Writes the whole record, or nothing.
+  // Writes the complete record, or nothing.
   std::error_code append(std::uint64_t sequence, std::string_view bytes);
 
-  // The record at an offset, which moves to the next one; none at the end, or when the file no
-  // longer has what was written.
+  // The record at an offset, which is advanced to the next one; none at the end or if the record is
+  // damaged.
   std::optional<Record> read(std::size_t& offset) const;
 
-  // Returns when everything is on the disk (fdatasync(2)).
+  // Waits until everything is on the disk (fdatasync(2)).
   std::error_code sync();
 
-  // Deletes the file, whose space is free once this object is gone.
+  // Deletes the file; its space is freed when this object is destroyed.
   void remove() const;
 
  private:
