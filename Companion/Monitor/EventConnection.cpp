@@ -49,7 +49,7 @@ void EventConnection::received(std::string_view bytes) {
 void EventConnection::limit(std::chrono::milliseconds time) {
   deadline_.expires_after(time);
   deadline_.async_wait([self = shared_from_this(), expiry = deadline_.expiry()](asio::error_code) {
-    // Tests the expiry, not the error: a timer that has already fired cannot be cancelled.
+    // Tests the expiry instead of the error: a timer that has already fired cannot be cancelled.
     if (self->socket_.is_open() && expiry == self->deadline_.expiry()) {
       self->expired();
     }

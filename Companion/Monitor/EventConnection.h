@@ -16,14 +16,14 @@ namespace ostravel::companion {
 
 // How long a connection may take. Tests shorten them.
 struct EventLimits {
-  // For the whole frame, which a sender writes at once.
+  // For the complete frame, which a sender writes at once.
   std::chrono::milliseconds frame = std::chrono::seconds(10);
-  // For the end of the stream after a whole frame. The event of a sender that does not end is still
-  // shown soon, and one that adds bytes is still detected.
+  // For the end of the stream after a complete frame. The event of a sender that does not close is
+  // still shown soon, and a sender that adds bytes is still detected.
   std::chrono::milliseconds end = std::chrono::milliseconds(250);
 };
 
-// Where the events and the reports of malformed frames go. Outlives the io_context's run.
+// Receives the events and the reports of malformed frames. Outlives the io_context's run.
 struct EventSinks {
   std::function<void(const ReceivedEvent&)> event;
   std::function<void(std::string_view problem)> malformed;
@@ -31,7 +31,7 @@ struct EventSinks {
 };
 
 // Reads the one event of one connection. Kept alive by its own outstanding read; runs on the
-// io_context's thread. Reports exactly once: the event or what is wrong with it.
+// io_context's thread. Reports exactly once: the event or its problem.
 class EventConnection : public std::enable_shared_from_this<EventConnection> {
  public:
   using Socket = asio::local::stream_protocol::socket;

@@ -8,16 +8,16 @@
 
 namespace ostravel::companion {
 
-// Which events are shown. By default all of them.
+// Selects the events that are shown. By default all of them.
 struct EventFilter {
-  // Any of these texts is a part of the application's identifier, whatever the case of its letters.
+  // The application's identifier contains one of these texts, in upper or lower case.
   std::vector<std::string> applications = {};
-  // The same of the destination.
+  // The same for the destination.
   std::vector<std::string> hosts = {};
-  // One event of each flow that fails, and the errors of the provider.
+  // Only one event of each flow that fails, and the errors of the provider.
   bool onlyFailures = false;
 
-  // Events of no flow concern every application and destination.
+  // Events without a flow match every application and destination.
   bool passes(const ReceivedEvent& event, const FlowRecord* flow) const;
 };
 

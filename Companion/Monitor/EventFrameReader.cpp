@@ -22,7 +22,7 @@ EventFrameReader::State EventFrameReader::consume(std::string_view bytes) {
                   std::to_string(kLargestBody));
     }
   }
-  // The body grows with the received bytes, not with the announced length, which costs the sender
+  // The body grows with the received bytes: memory for the announced length would cost the sender
   // nothing.
   const std::size_t taken = std::min(bytes.size(), length_ - body_.size());
   body_ += bytes.substr(0, taken);

@@ -7,26 +7,26 @@
 
 namespace ostravel::companion {
 
-// Takes the one frame out of a connection's bytes, which may arrive in pieces of any size.
+// Extracts the one frame from a connection's bytes, which may arrive in pieces of any size.
 //
 //   | length: 4 bytes, big-endian | body: `length` bytes | end of the stream
 //
-// Owned by the connection. Not responsible for what the body says: that is ReceivedEvent.
+// Owned by the connection. Not responsible for the content of the body: that is ReceivedEvent.
 class EventFrameReader {
  public:
-  // Far more than any event has; bounds the memory that one connection can claim.
+  // Far larger than any event; bounds the memory that one connection can claim.
   static constexpr std::uint32_t kLargestBody = 1024 * 1024;
 
   enum class State {
     incomplete,
-    complete,   // the body is there; only the end of the stream may follow
-    malformed,  // `problem` says why; nothing more is taken
+    complete,   // only the end of the stream may follow
+    malformed,  // `problem` says why; no more bytes are consumed
   };
 
   // Takes the next bytes of the stream.
   State consume(std::string_view bytes);
 
-  // The stream has ended: what is not complete is malformed now.
+  // The stream has ended: an incomplete frame is now malformed.
   State finish();
 
   State state() const { return state_; }

@@ -17,7 +17,7 @@ constexpr std::size_t kWhatWidth = 18;
 constexpr std::size_t kAppWidth = 26;
 constexpr std::size_t kDestinationWidth = 22;
 
-// Below this, applications are shown by their last path component, and times without the
+// On narrower terminals applications are shown by their last path component, and times without the
 // thousandths.
 constexpr std::size_t kWideTerminal = 120;
 constexpr std::size_t kShortTimeWidth = 8;
@@ -69,7 +69,7 @@ std::string cutAtEnd(std::string_view text, std::size_t width) {
   return width == 0 ? "" : std::string(firstColumns(text, width - 1)) + std::string(kEllipsis);
 }
 
-// Keeps the end, where a destination has its port and its domain.
+// Keeps the end, which contains a destination's port and domain.
 std::string cutAtBeginning(std::string_view text, std::size_t width) {
   if (columnsOf(text) <= width) {
     return std::string(text);
@@ -95,7 +95,7 @@ std::string_view colourOf(std::string_view level) {
 }
 
 std::string levelColumn(const ReceivedEvent& event, Colour colour) {
-  // Padded first: the escapes take no room on the screen.
+  // Padded before the escapes are added, which take no room on the screen.
   std::string column = padded(printableText(event.level), kLevelWidth);
   if (colour == Colour::terminal) {
     column.insert(0, colourOf(event.level));
@@ -117,7 +117,7 @@ std::string endOfFlow(const ReceivedEvent& event, const FlowRecord& flow) {
     case FlowOutcome::failed:
       return event.level == "error" ? "failed" + sinceBeginning(event, flow) : "closed unanswered";
     default:
-      // What is known already, instead of the way in which the connection to the proxy ended.
+      // The known outcome is more useful than how the connection to the proxy ended.
       return "ended: " + std::string(outcomeText(flow.outcome));
   }
 }
@@ -175,12 +175,12 @@ bool isSaidElsewhere(const std::string& key, const ReceivedEvent& event, const F
   if (key == "leftover_bytes" || (key == "detail" && event.level == "info")) {
     return true;
   }
-  // The line before has given the reason.
+  // The previous line has given the reason.
   return key == "detail" && flow != nullptr && event.signal == "tunnel_closed" &&
          flow->outcome != FlowOutcome::reset && flow->outcome != FlowOutcome::failed;
 }
 
-// The reason alone; with their names, the values of other keys.
+// The reason without its name; the values of other keys with their names.
 std::string explanation(const ReceivedEvent& event, const FlowRecord* flow) {
   if (event.signal == "proxy_unreachable") {
     return "new connections go direct";
@@ -201,7 +201,7 @@ std::string explanation(const ReceivedEvent& event, const FlowRecord* flow) {
   return text;
 }
 
-// A sentence where the columns do not say it already.
+// A sentence, unless the columns say the same.
 std::string sentence(const ReceivedEvent& event) {
   const bool isKnown = event.signal.starts_with("connect_handshake_") ||
                        event.signal == "tunnel_closed" || event.signal.starts_with("proxy_");
@@ -248,14 +248,14 @@ std::string withoutTrailingBlanks(std::string line) {
   return line;
 }
 
-// Without the level, which the caller puts into its place.
+// Without the level, which the caller adds.
 std::string afterLevel(const Columns& columns, std::size_t appWidth) {
   return " " + padded(columns.id, kIdWidth) + " " + padded(columns.what, kWhatWidth) + "  " +
          padded(columns.application, appWidth) + " " +
          padded(columns.destination, kDestinationWidth) + "  " + columns.rest;
 }
 
-// Application and destination share what the columns before them leave.
+// Application and destination share the room that the other columns leave.
 void narrow(Columns& columns, std::size_t& appWidth, std::size_t room) {
   constexpr std::size_t kFixed = 1 + kIdWidth + 1 + kWhatWidth + 2 + 1;
   const std::size_t both = room > kFixed ? room - kFixed : 0;

@@ -14,19 +14,19 @@ enum class Colour { none, terminal };
 struct EventLineStyle {
   Colour colour = Colour::none;
   TimeStyle time = TimeStyle::timeOfDay;
-  // Of the terminal, in columns: a line is fitted into it. 0: as long as it is.
+  // The terminal's width in columns, to which lines are fitted; 0 for no limit.
   std::size_t width = 0;
 };
 
-// One line for a person, without its line feed:
+// One readable line, without its line feed:
 //
 //   05:43:35.123 info  D7A6D6B1 connecting          /usr/bin/curl              192.0.2.1:443
 //   05:43:38.223 error D7A6D6B1 refused 3.1 s       /usr/bin/curl              192.0.2.1:443 HTTP/…
 //
-// What has happened and how long it took, counted from the flow's beginning; for whom, and where
-// to; the reason at the end, so that a narrow screen cuts it off first. `flow` is the event's flow,
-// this event included, and null for an event of the provider. The columns stay aligned unless a
-// value is longer than its column; within a width, it is cut. Safe to print.
+// What happened and the time since the flow's beginning; the application and the destination; the
+// reason last, so that a narrow screen truncates it first. `flow` is the event's flow, including
+// this event; null for an event of the provider. The columns stay aligned unless a value is longer
+// than its column; if there is a width, such a value is truncated. Safe to print.
 std::string eventLine(const ReceivedEvent& event, const FlowRecord* flow,
                       const EventLineStyle& style);
 

@@ -26,11 +26,11 @@ std::string EventPrinter::line(const ReceivedEvent& event, const FlowRecord* flo
     return eventLine(event, flow, style);
   }
   std::string host = event.host;
-  // Wide enough for usual names; a plain name has one column for each byte.
+  // Wide enough for usual names. Plain names occupy one column per byte.
   constexpr std::size_t kHostWidth = 16;
   host.resize(std::max(host.size(), kHostWidth), ' ');
   host += ' ';
-  // The narrowest line that eventLine makes is not 0, which means any width.
+  // Never reduced to 0, which means any width.
   style.width = style.width == 0 ? 0 : std::max(style.width, host.size() + 1) - host.size();
   return host + eventLine(event, flow, style);
 }

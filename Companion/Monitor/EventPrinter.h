@@ -12,15 +12,14 @@
 
 namespace ostravel::companion {
 
-// Turns events into the lines of the monitor's output: those that the filter lets through, for
-// people or as JSON, with the machine in front if the event is of another one. Owned by main; used
-// on its event loop.
+// Formats the monitor's output: the events that pass the filter, as readable lines or as JSON,
+// preceded by the machine if it is another one. Owned by main; used on its event loop.
 class EventPrinter {
  public:
   struct Options {
     bool asJSON = false;
     EventFilter filter = {};
-    // Asked for each line, because a terminal can be resized.
+    // Called for each line, because a terminal can be resized.
     std::function<EventLineStyle()> style = [] { return EventLineStyle(); };
   };
 
@@ -28,7 +27,7 @@ class EventPrinter {
 
   void print(const ReceivedEvent& event);
 
-  // Of the flows that the filter lets through.
+  // Sums up the flows that pass the filter.
   const EventSummary& summary() const { return summary_; }
 
  private:

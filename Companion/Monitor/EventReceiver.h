@@ -11,15 +11,15 @@
 
 namespace ostravel::companion {
 
-// Receives events, each over its own connection and any number of them at once, so that a slow
-// sender delays only its own event. Must outlive the run of its io_context.
+// Receives events, each over its own connection and any number at once, so that a slow sender
+// delays only its own event. Outlives the run of its io_context.
 class EventReceiver {
  public:
   using EventSink = std::function<void(const ReceivedEvent&)>;
   using ProblemSink = std::function<void(std::string_view problem)>;
 
-  // `listeningDescriptor` stays the caller's; this works on a duplicate of it. Throws
-  // std::system_error when it cannot be duplicated.
+  // Uses a duplicate of `listeningDescriptor`, which remains the caller's. Throws std::system_error
+  // if it cannot be duplicated.
   EventReceiver(asio::io_context& ioContext, int listeningDescriptor, EventSink event,
                 ProblemSink malformed, EventLimits limits = {});
 

@@ -11,7 +11,7 @@ namespace ostravel::companion {
 // Sums up the flows of a run of the monitor for its last line. Owned by the printer.
 class EventSummary {
  public:
-  // A flow after one of its events.
+  // Call it with the flow after each of its events.
   void add(const FlowRecord& flow);
 
   // "152 flows, 3 failed (2 refused, 1 timed out), slowest answer 318 ms: APPLICATION to

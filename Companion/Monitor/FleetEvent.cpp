@@ -11,7 +11,7 @@ std::variant<ReceivedEvent, std::string> fleetEvent(const FleetMessage& message)
   std::variant<ReceivedEvent, std::string> parsed = parseReceivedEvent(message.json);
   if (ReceivedEvent* const event = std::get_if<ReceivedEvent>(&parsed)) {
     event->host = message.host;
-    // Both are plain names, which need no escapes; and an event has other members after them.
+    // Both are plain names, which need no escapes, and other members always follow.
     event->json.insert(
         1, R"("host":")" + message.host + R"(","boot_id":")" + message.bootId + R"(",)");
   }

@@ -8,13 +8,12 @@
 
 namespace ostravel::companion {
 
-// An event of this machine, as the fleet receives it. An id that would be no plain name is changed
-// into one.
+// The message for an event of this machine. An id that is not a plain name is converted to one.
 FleetMessage fleetMessage(const ReceivedEvent& event, const std::string& host,
                           const std::string& bootId);
 
-// An event of a machine of the fleet, whose JSON has "host" and "boot_id" besides. The string says
-// what is wrong with it.
+// The event in a message of the fleet; its JSON additionally has "host" and "boot_id". On failure,
+// the string describes the problem.
 std::variant<ReceivedEvent, std::string> fleetEvent(const FleetMessage& message);
 
 }  // namespace ostravel::companion

@@ -34,28 +34,28 @@ namespace {
 
 using namespace ostravel::companion;
 
-// See https://no-color.org: what the variable says does not matter, only that it says something.
+// See https://no-color.org: any value except an empty one disables colours.
 bool isColourWanted() {
   const char* const noColour = std::getenv("NO_COLOR");
   return ::isatty(STDOUT_FILENO) == 1 && (noColour == nullptr || *noColour == '\0');
 }
 
-// Of the terminal now, in columns; 0 if the output is none.
+// The terminal's current width in columns; 0 if the output is no terminal.
 std::size_t widthOfOutput() {
   winsize size{};
   return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
-// Of each of two buffers. A line can be longer than the largest frame, 1 MiB, because control
-// characters are written as escapes; and this holds thousands of usual events, a few seconds of a
-// flood.
+// Capacity of each of two buffers. A line can be longer than the largest frame, 1 MiB, because
+// control characters are written as escapes. This holds thousands of usual events, a few seconds of
+// a flood.
 constexpr std::size_t kOutputCapacity = std::size_t{4} * 1024 * 1024;
 
 std::string droppedLine(std::size_t count) {
   return "ostravel-monitor: events dropped: " + std::to_string(count);
 }
 
-// The reader has gone away: usually somebody has ended it, and so this program.
+// The reader has closed the output, which usually means that this program should end as well.
 bool isOrderlyEnd(std::error_code error) {
   return !error || error == std::errc::broken_pipe;
 }
@@ -160,9 +160,10 @@ int main(int argc, char** argv) {
   QueuedOutput complaints(STDERR_FILENO, {.droppedLine = [](std::size_t count) {
                             return "ostravel-monitor: lines dropped: " + std::to_string(count);
                           }});
-  // Events are received even when the reader has stalled, so that none waits in the sender.
+  // Events are received even while the reader is stalled, so that no sender has to wait.
   QueuedOutput output(STDOUT_FILENO, {.capacity = kOutputCapacity,
-                                      // Kept apart from the events, which a program may read.
+                                      // Written to standard error, because a program may read the
+                                      // events.
                                       .droppedLine =
                                           [&complaints](std::size_t count) {
                                             complaints.writeLine(droppedLine(count));
@@ -174,7 +175,7 @@ int main(int argc, char** argv) {
   withSummary = withSummary || (::isatty(STDOUT_FILENO) == 1 && !printing.asJSON);
   EventPrinter printer(std::move(printing),
                        [&output](std::string_view line) { output.writeLine(line); });
-  // Outside the blocks below: its threads are not waited for at the end.
+  // Declared here, so that the process ends without waiting for its threads.
   std::optional<WebView> view;
   try {
     if (web->count() > 0) {
@@ -242,7 +243,7 @@ int main(int argc, char** argv) {
   } catch (const std::exception& error) {
     return failUsage(app, "cannot listen on " + path + ": " + error.what());
   }
-  // What is not sent is in the spool then.
+  // Destroyed now: unsent events are then in the spool.
   publisher.reset();
   subscriber.reset();
   output.flush();
@@ -255,6 +256,6 @@ int main(int argc, char** argv) {
     complaints.writeLine("ostravel-monitor: " + printer.summary().text());
   }
   complaints.flush();
-  // Not a return: that would wait for readers that have stalled.
+  // Returning would wait for stalled readers.
   std::_Exit(status);
 }

@@ -51,7 +51,7 @@ void ControlPoller::askDecisions() {
     return;
   }
   const json_int_t last = json_integer_value(json_object_get(result->get(), "last"));
-  // Another process has begun to count anew.
+  // A new process counts from the beginning.
   if (last < after_) {
     after_ = 0;
     updatedAfter_ = 0;
@@ -64,7 +64,7 @@ void ControlPoller::askDecisions() {
   json_array_foreach(decisions, index, decision) {
     after_ = std::max(after_, json_integer_value(json_object_get(decision, "sequence")));
   }
-  // A second less, so that none is missed that was in progress.
+  // A second earlier, so that no step is missed that happened while the answer was being made.
   updatedAfter_ = json_number_value(json_object_get(result->get(), "now")) - 1.0;
 }
 

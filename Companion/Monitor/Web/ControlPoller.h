@@ -12,14 +12,13 @@
 
 namespace ostravel::companion {
 
-// Asks the extension once a second for its status and its new decisions, and passes the answers to
-// the live state. On a thread of its own, because an extension that has stalled makes it wait.
-// Owned by main.
+// Queries the extension once a second for its status and its new decisions, and passes the answers
+// to the live state. Has its own thread, because a stalled extension makes it wait. Owned by main.
 class ControlPoller {
  public:
   using Ask = std::function<ControlClient::Answer(JSONHandle request)>;
 
-  // Throws std::system_error when there can be no thread. `state` must outlive this.
+  // Throws std::system_error if the thread cannot be created. `state` outlives this object.
   ControlPoller(LiveState& state, Ask ask,
                 std::chrono::milliseconds pause = std::chrono::seconds(1));
   ~ControlPoller();
@@ -34,7 +33,7 @@ class ControlPoller {
   LiveState& state_;
   const Ask ask_;
   const std::chrono::milliseconds pause_;
-  // Of the last answer about decisions; used by the thread.
+  // From the last answer about decisions; for the thread only.
   json_int_t after_ = 0;
   double updatedAfter_ = 0;
 

@@ -9,13 +9,14 @@
 
 namespace ostravel::companion {
 
-// What the events have said so far, in numbers that only grow: for Prometheus. Owned by LiveState,
-// which serialises the calls.
+// Counters over all events since the start, for Prometheus. Owned by LiveState, which serialises
+// the calls.
 struct FlowCounters {
-  // Upper bounds in seconds; the last bucket has none. Up to the time that the extension waits.
+  // Upper bounds in seconds; the last bucket has none. The largest bound is the extension's
+  // time-out.
   static constexpr std::array kBounds = {0.001, 0.0025, 0.005, 0.01, 0.025, 0.05,
                                          0.1,   0.25,   0.5,   1.0,  2.5,   5.0};
-  // Beyond this, applications are counted together: labels must stay few.
+  // Further applications are counted together, to limit the number of labels.
   static constexpr std::size_t kMostApplications = 100;
 
   struct Application {
@@ -30,7 +31,7 @@ struct FlowCounters {
   std::uint64_t answers = 0;
   std::map<std::string, Application> applications;
 
-  // A flow after one of its events.
+  // Call it with the flow after each of its events.
   void add(const FlowRecord& flow);
 };
 

@@ -84,7 +84,7 @@ JSONHandle rowOf(const FlowRecord& flow) {
   return row;
 }
 
-// The words of the control socket in those of FlowOutcome.
+// Translates an outcome of the control socket to one of FlowOutcome.
 std::string_view outcomeOfDecision(std::string_view outcome, std::string_view action) {
   constexpr std::array<std::pair<std::string_view, std::string_view>, 8> kWords = {{
       {"pending", "connecting"},
@@ -114,7 +114,7 @@ JSONHandle rowOfDecision(const json_t* decision) {
   JSONHandle row = object();
   const std::string flowId = textOf(json_object_get(decision, "flow_id"));
   const std::uint64_t sequence = countOf(json_object_get(decision, "sequence"));
-  // The events of the same flow add to the same row.
+  // Events of the same flow extend the same row.
   set(row, "id", flowId.empty() ? "#" + std::to_string(sequence) : flowId);
   for (const char* const key : {"application", "destination", "time", "user", "pid", "protocol"}) {
     copy(row, key, decision, key);
@@ -157,7 +157,7 @@ void LiveState::receive(const ReceivedEvent& event) {
   if (event.signal == "provider_started" || event.signal == "provider_stopped") {
     isRunning_ = event.signal == "provider_started";
     reachableSince_ = event.timestamp;
-    // Until the first probe of the new start.
+    // Unknown until the first probe after the start.
     isReachable_.reset();
   }
   if (event.signal == "proxy_unreachable" || event.signal == "proxy_recovered") {
@@ -174,7 +174,7 @@ void LiveState::receive(const ReceivedEvent& event) {
   resets_ += flow->hasJustFailed && flow->outcome == FlowOutcome::reset ? 1 : 0;
   if (event.signal == "connect_handshake_succeeded") {
     slowestAnswer_ = std::max(slowestAnswer_, flow->handshakeSeconds.value_or(-1.0));
-    // A tunnel through it is the best probe; a proxy that is there from the start has no event.
+    // A successful tunnel proves it; a proxy that is reachable from the start causes no event.
     if (!isReachable_) {
       isReachable_ = true;
       reachableSince_ = event.timestamp;
@@ -245,7 +245,7 @@ void LiveState::measureThroughput(Sample& sample) {
   const auto received =
       static_cast<double>(countOf(member(status_.get(), {"tunnels", "bytes_received"})));
   const double seconds = at - measuredAt_;
-  // Another process counts from the beginning.
+  // A new process counts from the beginning.
   const bool isComparable =
       sentBefore_ >= 0.0 && sent >= sentBefore_ && received >= receivedBefore_ && seconds > 0.0;
   if (isComparable) {
@@ -334,7 +334,7 @@ JSONHandle LiveState::common() const {
 
 JSONHandle LiveState::changedFlows(Cursor& cursor) const {
   JSONHandle rows(json_array());
-  // In the order of their change, so that the rest of a bounded update comes with the next one.
+  // In the order of change, so that the rest of a bounded update follows with the next one.
   std::vector<std::pair<std::uint64_t, const Decision*>> decisions;
   for (const auto& [sequence, decision] : decisions_) {
     if (decision.revision > cursor.decisions) {
@@ -346,7 +346,7 @@ JSONHandle LiveState::changedFlows(Cursor& cursor) const {
     json_array_append(rows.get(), decision->row.get());
     cursor.decisions = revision;
   }
-  // Later than the decisions, because events know more of a proxied flow.
+  // After the decisions, because events contain more about a proxied flow.
   return rows;
 }
 
@@ -401,7 +401,7 @@ LiveState::Update LiveState::whole() const {
 std::optional<LiveState::Update> LiveState::changesSince(const Cursor& seen,
                                                          std::chrono::milliseconds patience) const {
   std::unique_lock lock(mutex_);
-  // A cursor of a monitor that ran before is ahead.
+  // A cursor from an earlier run of the monitor may be ahead.
   const auto isNew = [this, &seen] { return ticks_ != seen.tick; };
   if (!changed_.wait_for(lock, patience, isNew)) {
     return std::nullopt;

@@ -19,18 +19,18 @@
 
 namespace ostravel::companion {
 
-// Everything that the page and the metrics show: what the events said, and what the extension
-// answered on its control socket, which events do not tell. Owned by main. Usable from any thread;
-// bounded by the limits of FlowHistory and those below.
+// The data of the page and the metrics: from the events, and from the extension's answers on its
+// control socket. Owned by main. Usable from any thread; bounded by the limits of FlowHistory and
+// those below.
 class LiveState {
  public:
-  // An hour, a second each.
+  // An hour of one sample per second.
   static constexpr std::size_t kMostSamples = 3600;
   static constexpr std::size_t kMostDecisions = 2000;
-  // Of flows in one update; the others follow in the next.
+  // Limit on the flows in one update; the others follow in the next one.
   static constexpr std::size_t kMostChanges = 1000;
 
-  // Which changes a page has seen.
+  // The changes that a page has seen.
   struct Cursor {
     std::uint64_t tick = 0;
     std::uint64_t flows = 0;
@@ -45,21 +45,21 @@ class LiveState {
   void receive(const ReceivedEvent& event);
   void countMalformedFrame();
 
-  // The answers to "status" and "decisions"; null for no answer, and `problem` says why.
+  // The answers to "status" and "decisions"; null if there is none, for the reason in `problem`.
   void setStatus(const json_t* status, const std::string& problem);
   void addDecisions(const json_t* decisions);
 
-  // Takes a sample of the time lines. Called once a second.
+  // Adds a sample to the time series. Called once a second.
   void tick(double now);
 
-  // All that a page shows when it is opened.
+  // The complete data, for a page that has been opened.
   Update whole() const;
 
-  // What has changed since then; waits for the next sample. Empty when none comes in that time.
+  // The changes since the cursor; waits for the next sample. Empty if none follows in time.
   std::optional<Update> changesSince(const Cursor& cursor,
                                      std::chrono::milliseconds patience) const;
 
-  // The life of one flow; empty if it is not known.
+  // The history of one flow; empty if the flow is unknown.
   std::string flow(const std::string& id) const;
 
   // In the text format of Prometheus, version 0.0.4.

@@ -35,7 +35,8 @@ void OutageLog::add(const FlowRecord& flow) {
   }
   const bool lasts = !outages_.empty() && !outages_.back().end;
   if (flow.outcome == FlowOutcome::reset) {
-    // Origins reset connections all the time; only during an outage it can be its consequence.
+    // Counted only during an outage, of which it may be a consequence: origins reset connections at
+    // any time.
     if (lasts) {
       ++outages_.back().reset;
       countApplication(outages_.back(), flow.application);

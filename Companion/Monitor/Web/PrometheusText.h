@@ -13,13 +13,13 @@ class PrometheusText {
  public:
   using Labels = std::initializer_list<std::pair<std::string_view, std::string_view>>;
 
-  // Begins a metric; its samples follow. type: "counter", "gauge", "histogram" or "summary".
+  // Begins a metric, whose samples follow. type: "counter", "gauge", "histogram" or "summary".
   void begin(std::string_view name, std::string_view type, std::string_view help);
 
-  // suffix: of the metric's name, such as "_sum". A value of a label may hold any text.
+  // suffix: of the metric's name, such as "_sum". The value of a label may be any text.
   void sample(double value, const Labels& labels = {}, std::string_view suffix = "");
 
-  // Begins a metric of one sample.
+  // Adds a metric with one sample.
   void single(std::string_view name, std::string_view type, std::string_view help, double value);
 
   const std::string& text() const { return text_; }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::string_view kBearer = "Bearer ";
 
-// In a time that depends on the lengths only.
+// Takes a time that depends only on the lengths.
 bool isSame(std::string_view left, std::string_view right) {
   if (left.size() != right.size()) {
     return false;
@@ -34,7 +34,7 @@ std::string_view bearerToken(std::string_view authorization) {
                                             : std::string_view();
 }
 
-// A browser leaves the port out when it is 80.
+// Browsers omit port 80.
 std::optional<HostPort> hostOf(std::string_view header) {
   const std::optional<HostPort> whole = parseHostPort(header);
   return whole ? whole : parseHostPort(std::string(header) + ":80");
@@ -68,7 +68,7 @@ bool RequestGuard::isOurHost(std::string_view header) const {
   if (!host) {
     return false;
   }
-  // A name can be made to lead anywhere; an address and localhost cannot.
+  // A name can be made to resolve to any address; an address literal and localhost cannot.
   return literalEndpoint(*host) || lowercasedASCII(host->host) == "localhost" ||
          host->host == address_;
 }

@@ -5,7 +5,7 @@
 
 namespace ostravel::companion {
 
-// What a request shows of itself.
+// The credentials and headers of a request.
 struct RequestClaims {
   std::string method;
   std::string host;           // the header; empty if there is none
@@ -14,16 +14,16 @@ struct RequestClaims {
   std::string token;          // of the query
 };
 
-// Decides who may see the page. A token keeps other users of the machine out; the names in Host and
-// Origin keep out a web page that has made its own name lead to this address (DNS rebinding) or
-// that reads across origins. Immutable; usable from any thread.
+// Decides which requests are served. A token keeps out other users of the machine; the names in
+// Host and Origin keep out web pages whose own name resolves to this address (DNS rebinding) or
+// that read across origins. Immutable; usable from any thread.
 class RequestGuard {
  public:
-  // address: where the server listens, without the port.
+  // address: on which the server listens, without the port.
   RequestGuard(std::string address, std::string token);
 
-  // The status to refuse the request with: 400, 401, 403, or 405; 0 to serve it. `needsToken` is
-  // false for the page's own files, which are the same for everybody.
+  // The status with which to refuse the request: 400, 401, 403, or 405; 0 to serve it. `needsToken`
+  // is false for the page's own files, which contain no data.
   int refusal(const RequestClaims& claims, bool needsToken) const;
 
   const std::string& token() const { return token_; }

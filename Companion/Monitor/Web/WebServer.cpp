@@ -27,13 +27,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Only what this server sends; no inline script, and nothing from or to elsewhere.
+// Permits resources of this server only: no inline script, and no connection to another server.
 constexpr const char* kContentSecurityPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
     "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
-// Unlike the library's own pool, it accepts a connection only when a thread is free for it, so that
-// the others wait in the kernel and cost nothing.
+// Unlike the library's own pool, it accepts a connection only if a thread is free for it, so that
+// the others wait in the kernel's backlog and cost nothing.
 class BoundedTasks final : public httplib::TaskQueue {
  public:
   explicit BoundedTasks(std::size_t threads) {
@@ -123,7 +123,7 @@ class WebServer::Server {
     addData();
     bind();
     thread_ = std::thread([this] { http_.listen_after_bind(); });
-    // Before that, stopping it has no effect.
+    // Stopping it earlier would have no effect.
     while (!http_.is_running()) {
       std::this_thread::sleep_for(1ms);
     }
@@ -147,7 +147,7 @@ class WebServer::Server {
 
   void configure() {
     http_.new_task_queue = [] { return new BoundedTasks(kMostConnections); };
-    // Another program must not be able to share the port, as the library would permit.
+    // Replaces the library's options, which would permit another program to share the port.
     http_.set_socket_options([](int socket) {
       const int yes = 1;
       ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
@@ -207,7 +207,7 @@ class WebServer::Server {
   }
 
   void follow(const Request& request, Response& response) {
-    // A browser that reconnects says where it was.
+    // A browser that reconnects sends the last id that it has received.
     const std::string last = request.get_header_value("Last-Event-ID");
     std::optional<LiveState::Cursor> cursor =
         cursorOf(last.empty() ? request.get_param_value("after") : last);

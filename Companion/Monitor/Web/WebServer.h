@@ -9,10 +9,10 @@
 
 namespace ostravel::companion {
 
-// Serves the live page, its data and the metrics over HTTP, read only. Bounded: kMostConnections
-// are served at a time, the next ones wait in the kernel's backlog, and kMostPages of them can
-// follow the updates; what a client leaves unread for some seconds ends its connection. On threads
-// of its own. Owned by main.
+// Serves the live page, its data and the metrics over HTTP, read-only. Bounded: kMostConnections
+// are served at a time, further ones wait in the kernel's backlog, and kMostPages of them can
+// follow the updates; a client that does not read for a few seconds is disconnected. Has its own
+// threads. Owned by main.
 //
 //   /            the page; its files beside it
 //   /api/state   all that the page shows
@@ -25,21 +25,21 @@ class WebServer {
   static constexpr std::size_t kMostPages = 16;
 
   struct Options {
-    // An address, not a name. Port 0: the system chooses.
+    // An address literal. Port 0 lets the system choose.
     HostPort listen;
     std::string token;
     bool hasApplicationMetrics = false;
   };
 
-  // Listens from now on. Throws std::runtime_error with a readable reason when it cannot. `state`
-  // must outlive this.
+  // Starts to listen. Throws std::runtime_error with a readable reason if it cannot. `state`
+  // outlives this object.
   WebServer(const LiveState& state, Options options);
-  // Waits for the connections that are open, some seconds at most.
+  // Waits for open connections for at most a few seconds.
   ~WebServer();
   WebServer(const WebServer&) = delete;
   WebServer& operator=(const WebServer&) = delete;
 
-  // Where the page is, with the token.
+  // The address of the page, with the token.
   std::string url() const;
 
  private:

@@ -25,7 +25,7 @@ std::string tokenOf(const std::string& file) {
   if (file.empty()) {
     return randomToken();
   }
-  // Shorter ones can be guessed.
+  // Shorter tokens can be guessed.
   constexpr std::size_t kShortest = 16;
   std::ifstream stream(file);
   std::string token;

@@ -13,7 +13,7 @@
 
 namespace ostravel::companion {
 
-// Shows events on a live page: owns the state, the server and what asks the extension. Owned by
+// Shows events on a live page: owns the state, the server and the poller of the extension. Owned by
 // main, which ends the process without destroying it; used on its event loop.
 class WebView {
  public:
@@ -21,9 +21,9 @@ class WebView {
 
   struct Options {
     std::string listen = kDefaultListen;
-    // Its first line is the token; empty for a token that is made now.
+    // A file whose first line is the token; empty for a random token.
     std::string tokenFile;
-    // Empty: the extension is not asked.
+    // Empty if the extension is not queried.
     std::string controlPath = std::string(ControlClient::kDefaultPath);
     bool hasApplicationMetrics = false;
   };
