@@ -27,7 +27,7 @@ FlowOutcome outcomeOfRejection(const ReceivedEvent& event) {
                                                                       : FlowOutcome::refused;
 }
 
-// Before the proxy's answer nothing but an error of the connection to it ends a flow.
+// Before the proxy's answer only an error of the connection to it ends a flow.
 FlowOutcome outcomeOfEnd(FlowOutcome before, const ReceivedEvent& event) {
   if (before == FlowOutcome::connecting) {
     return FlowOutcome::failed;
@@ -54,7 +54,7 @@ FlowOutcome outcomeAfter(FlowOutcome before, const ReceivedEvent& event) {
   if (event.signal == "tunnel_closed") {
     return outcomeOfEnd(before, event);
   }
-  // A write or a read that failed. The cancelled read after another failure adds nothing to it.
+  // A failed write or read. The cancelled read that follows another failure adds nothing.
   if (event.level == "error" && before == FlowOutcome::connecting) {
     return FlowOutcome::failed;
   }
@@ -74,7 +74,7 @@ std::string reasonOf(const ReceivedEvent& event) {
 }
 
 bool isLast(const ReceivedEvent& event, FlowOutcome outcome) {
-  // A flow that was given back for the backlog has only this event.
+  // A flow that was left to the system because of the backlog has only this event.
   return event.signal == "tunnel_closed" || outcome == FlowOutcome::backlog;
 }
 

@@ -14,29 +14,29 @@
 
 namespace ostravel::companion {
 
-// What has come of a flow so far.
+// The state of a flow according to its events so far.
 enum class FlowOutcome {
   connecting,     // the proxy has not answered yet
   open,           // a tunnel is established
-  closed,         // it was, and has ended in order
-  reset,          // it was, and has ended with an error
-  refused,        // the proxy answered, and not with a tunnel
-  invalidAnswer,  // the proxy answered something that is no HTTP
+  closed,         // the tunnel has ended in order
+  reset,          // the tunnel has ended with an error
+  refused,        // the proxy refused the tunnel
+  invalidAnswer,  // the proxy's answer was not HTTP
   timedOut,       // the proxy did not answer in time; the flow went direct
   backlog,        // too many handshakes were pending; the flow went direct
   failed,         // the connection to the proxy failed; the flow went direct
 };
 
-// One word or two, such as "timed out".
+// For display: one or two words, such as "timed out".
 std::string_view outcomeText(FlowOutcome outcome);
 
 // For programs, such as "timed_out".
 std::string_view outcomeName(FlowOutcome outcome);
 
-// The flow did not become a tunnel, or its tunnel ended with an error.
+// True if the flow did not become a tunnel, or its tunnel ended with an error.
 bool isFailure(FlowOutcome outcome);
 
-// What the events of one flow have said. Its texts are as received, cut at a limit.
+// The information from the events of one flow. Texts are as received, truncated at a limit.
 struct FlowRecord {
   struct Step {
     double timestamp = 0;
@@ -44,7 +44,7 @@ struct FlowRecord {
     std::string detail;
   };
 
-  // More are not kept; a flow has four events at most.
+  // Limit on the steps that are kept; a flow has at most four events.
   static constexpr std::size_t kMostSteps = 8;
   static constexpr std::size_t kLongestText = 512;
 
@@ -54,7 +54,7 @@ struct FlowRecord {
   FlowOutcome outcome = FlowOutcome::connecting;
   std::string reason;          // of a failure
   bool hasJustFailed = false;  // by the last event
-  // Absent if the event that tells it was not received.
+  // Absent if the event that reports it was not received.
   std::optional<double> startedAt;
   std::optional<double> handshakeSeconds;
   std::optional<double> endedAt;
@@ -63,26 +63,27 @@ struct FlowRecord {
   std::uint64_t revision = 0;  // grows with each change of any flow
 };
 
-// Remembers flows by their identifiers, so that what is said of one event can name the application
-// and the destination of its flow. Bounded: the flow that has not changed for the longest time is
-// forgotten first, one that has ended before one that has not. Used by one thread.
+// Remembers flows by their identifiers, so that the display of one event can name the application
+// and the destination of its flow. Bounded: ended flows are dropped first, and among them those
+// that have not changed for the longest time. Used by one thread.
 class FlowHistory {
  public:
   struct Limits {
     std::size_t ended = 10'000;
-    // More tunnels at once than a machine has.
+    // Exceeds the number of concurrent tunnels on any machine.
     std::size_t live = 50'000;
   };
 
   FlowHistory() = default;
   explicit FlowHistory(Limits limits) : limits_(limits) {}
 
-  // Applies an event. Its flow, until the next call; null for an event of no flow.
+  // Applies an event. Returns its flow, which is valid until the next call; null for an event
+  // without a flow.
   const FlowRecord* apply(const ReceivedEvent& event);
 
   const FlowRecord* find(std::string_view id) const;
 
-  // The flows that have changed after this revision, at most so many, the oldest change first.
+  // The flows that have changed after this revision, at most `most` of them, oldest change first.
   std::vector<const FlowRecord*> changedSince(std::uint64_t revision, std::size_t most) const;
 
   std::size_t size() const { return places_.size(); }
@@ -103,7 +104,7 @@ class FlowHistory {
   void forgetBeyond(Records& records, std::size_t most);
 
   Limits limits_;
-  // Each in the order of the last change.
+  // Both in the order of the last change.
   Records live_;
   Records ended_;
   std::unordered_map<std::string, Place> places_;

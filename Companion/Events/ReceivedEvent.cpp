@@ -93,10 +93,10 @@ std::string textOf(const json_t* event, const char* key) {
   return text(json_object_get(event, key));
 }
 
-// Numbers are measurements; digits beyond a thousandth mean nothing.
+// Numbers are measurements; digits beyond a thousandth are noise.
 double rounded(double number) {
   constexpr double kThousand = 1000.0;
-  // From here on a double has no digits beyond a thousandth.
+  // Larger doubles have no digits beyond a thousandth.
   constexpr double kLargest = 1e13;
   return std::abs(number) < kLargest ? std::round(number * kThousand) / kThousand : number;
 }
