@@ -22,7 +22,7 @@ std::string formatted(const char* format, double number) {
   return text.data();
 }
 
-// The words of the text, wrapped at the width of a screen. Further lines begin with the indent.
+// The text, wrapped at the width of a screen. Further lines begin with the indent.
 std::string wrapped(std::string_view text, std::size_t used, std::size_t indent) {
   std::string lines;
   while (!text.empty()) {
@@ -39,7 +39,7 @@ std::string wrapped(std::string_view text, std::size_t used, std::size_t indent)
   return lines + '\n';
 }
 
-// A line of the status: what it is about, and what is known.
+// A line of the status: a name and its value.
 std::string row(const std::string& name, const std::string& text) {
   constexpr std::size_t kIndent = 13;
   return name + std::string(kIndent - name.size(), ' ') + wrapped(text, kIndent, kIndent);
@@ -49,7 +49,7 @@ std::string countText(const json_t* status, std::string_view path) {
   return std::to_string(integerOf(status, path));
 }
 
-// "3 timed_out, 2 rejected": the largest first.
+// "3 timed_out, 2 rejected", largest count first.
 std::string listOf(const json_t* counts) {
   std::vector<std::pair<json_int_t, std::string>> parts;
   const char* key = nullptr;

@@ -9,24 +9,24 @@
 
 namespace ostravel::companion {
 
-// Answers of the extension (Documentation/control.md) as text for people. Everything that an
-// application or a proxy could have chosen is printable.
+// Formats the extension's answers (Documentation/control.md) as text. Values that an application or
+// a proxy could have chosen are made printable.
 
-// Fits on one screen of 80 columns; the first line says whether new connections are proxied, and if
-// not why.
+// Fits on one screen of 80 columns. The first line says whether new connections are proxied, and
+// why not.
 std::string statusText(const json_t* status);
 
-// One line, without its end.
+// One line, without its line feed.
 std::string flowText(const json_t* flow);
 
-// The rules, then what would happen.
+// The rules, then their result.
 std::string explanationText(const json_t* explanation);
 
-// A member of the object or of one in it: "gate.last_probe.at". Null if there is none.
+// A member at a path of member names, such as "gate.last_probe.at". Null if there is none.
 const json_t* memberOf(const json_t* object, std::string_view path);
 std::int64_t integerOf(const json_t* object, std::string_view path);
 std::optional<double> numberOf(const json_t* object, std::string_view path);
-// As it is, and printable.
+// The string at a path, made printable.
 std::string textOf(const json_t* object, std::string_view path);
 
 // 0 B, 12.3 KiB

@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Longer than the extension waits for its own parts.
+// Longer than the extension waits for its own threads.
 constexpr auto kAnswerTime = 5s;
 constexpr auto kOutputTime = 60s;
 

@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kPause = 500ms;
 constexpr json_int_t kMostFlows = 1000;
-// Steps that happen while an answer is made are seen in the next one.
+// Steps that happen while an answer is being made appear in the next one.
 constexpr double kOverlapSeconds = 1;
 // More than the extension keeps.
 constexpr std::size_t kRememberedOutcomes = 4000;

@@ -6,15 +6,15 @@
 
 namespace ostravel::companion {
 
-// Prints the latest decisions, or follows them: each flow when it is decided, and once more
-// whenever its outcome changes.
+// Prints the latest decisions, or follows them: each flow when it is decided, and again whenever
+// its outcome changes.
 class FlowList {
  public:
   explicit FlowList(const ControlClient& client, bool asJSON) : client_(client), asJSON_(asJSON) {}
 
   // Both return the program's exit status.
   int print() const;
-  // Until the output or the extension is gone.
+  // Runs until the output is closed or the extension ends.
   int follow() const;
 
  private:

@@ -68,7 +68,7 @@ void TopHistory::addSample(const json_t* status) {
   Sample sample{.gate = textOf(status, "gate.state") == "open" ? 1.0 : 0.0,
                 .pending = numberOf(status, "handshakes.pending_now").value_or(0),
                 .tunnels = numberOf(status, "tunnels.now").value_or(0)};
-  // Smaller than before: another process answers, whose counts begin at 0.
+  // Smaller counts than before come from a new process, whose counts begin at 0.
   const bool isContinued = lastTime_ > 0 && time > lastTime_ && bytes >= lastBytes_;
   if (isContinued) {
     sample.bytesPerSecond = (bytes - lastBytes_) / (time - lastTime_);

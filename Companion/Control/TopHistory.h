@@ -10,21 +10,21 @@
 
 namespace ostravel::companion {
 
-// What the live screen shows, gathered from one answer after the other: the recent past of a few
-// numbers, and a table of applications. Pure; knows no screen.
+// The data of the live screen, collected from successive answers: the history of a few numbers, and
+// a table of applications. Does no input or output.
 class TopHistory {
  public:
-  // More than a screen is wide.
+  // Exceeds the width of any screen.
   static constexpr std::size_t kKeptSamples = 400;
 
   struct Sample {
-    // Gate: 1 when it is open.
+    // 1 while the gate is open.
     double gate = 0;
     double pending = 0;
     double tunnels = 0;
-    // Per second, both directions.
+    // In both directions.
     double bytesPerSecond = 0;
-    // Mean of the handshakes since the sample before; 0 without any.
+    // Mean of the handshakes since the previous sample; 0 if there were none.
     double handshakeMicroseconds = 0;
   };
 
@@ -34,7 +34,7 @@ class TopHistory {
     std::size_t pending = 0;
     double sent = 0;
     double received = 0;
-    // Among the decisions that are kept: mean handshake, flows, and those that failed.
+    // Among the kept decisions: mean handshake, flows, and failed flows.
     double handshakeMilliseconds = 0;
     std::size_t flows = 0;
     std::size_t failures = 0;
@@ -44,7 +44,7 @@ class TopHistory {
   void add(const json_t* status, const json_t* tunnels, const json_t* decisions);
 
   const std::deque<Sample>& samples() const { return samples_; }
-  // Those with most tunnels first, then those with most flows.
+  // Ordered by the number of tunnels, then of flows, largest first.
   const std::vector<Application>& applications() const { return applications_; }
   const std::string& message() const { return message_; }
   bool isProxying() const { return isProxying_; }

@@ -17,7 +17,7 @@
 #include "Companion/Control/TopHistory.h"
 #include "Companion/Control/TopText.h"
 
-// Last, and without its macros, which have ordinary names.
+// Included last, and without its macros, whose names are ordinary words.
 #define NCURSES_NOMACROS
 #include <curses.h>
 
@@ -30,7 +30,7 @@ using Failure = ControlClient::Failure;
 constexpr auto kRefresh = 1s;
 constexpr int kEscape = 27;
 
-// The terminal is a screen for as long as this exists.
+// Puts the terminal into screen mode for the lifetime of the object.
 class Curses {
  public:
   Curses() : screen_(::newterm(nullptr, stdout, stdin)) {
@@ -56,10 +56,10 @@ class Curses {
   SCREEN* screen_;
 };
 
-// Asks everything that one refresh needs.
+// Makes all requests that one refresh needs.
 std::optional<Failure> askAll(const ControlClient& client, TopHistory& history) {
   constexpr std::array kNames{"status", "tunnels", "decisions"};
-  // 0: has none.
+  // 0: the request has no limit.
   constexpr std::array<json_int_t, kNames.size()> kLimits{0, 10'000, 1000};
   std::array<JSONHandle, kNames.size()> results;
   for (std::size_t index = 0; index < kNames.size(); ++index) {
@@ -102,7 +102,7 @@ bool isUTF8Terminal() {
 
 int TopScreen::run() const {
   TopHistory history;
-  // Before the screen is taken over: a failure is shown as a line.
+  // Before the terminal enters screen mode, so that a failure is shown as a line.
   if (const auto failure = askAll(client_, history)) {
     return report(*failure);
   }

@@ -29,7 +29,7 @@ std::string cut(std::string_view text, std::size_t columns) {
   return result;
 }
 
-// The end of a path says more than its beginning.
+// Drops the beginning, because the end of a path is more telling.
 std::string cutFront(const std::string& text, std::size_t columns) {
   return text.size() <= columns ? text : "<" + text.substr(text.size() - columns + 1);
 }

@@ -11,7 +11,7 @@ namespace ostravel::companion {
 // The live screen as lines of text, for any size of at least 20 columns.
 class TopText {
  public:
-  // hasBlocks: the terminal shows UTF-8, so that a graph can use the block elements of Unicode.
+  // hasBlocks: the terminal displays UTF-8, so that graphs can use the block elements of Unicode.
   explicit TopText(bool hasBlocks) : hasBlocks_(hasBlocks) {}
 
   // At most `height` lines, each at most `width` columns wide.

@@ -24,7 +24,7 @@ namespace {
 using namespace ostravel;
 using namespace ostravel::companion;
 
-// Asks one request and prints the answer; text makes it readable.
+// Sends one request and prints the answer, as text or as JSON. text: formats it.
 template <typename Text>
 std::variant<JSONHandle, int> askAndPrint(const ControlClient& client, JSONHandle request,
                                           bool asJSON, Text text) {
@@ -82,7 +82,7 @@ void addDestination(json_t* request, std::string_view subject) {
   }
   json_object_set_new(request, "host", json_stringn(host.data(), host.size()));
   if (hasPort) {
-    // What is no port is refused with a reason.
+    // The extension rejects an invalid port with a reason.
     json_object_set_new(request, "port", json_integer(port.value_or(0)));
   }
 }
@@ -113,7 +113,7 @@ int explain(const ControlClient& client, const std::vector<std::string>& subject
   return status == nullptr ? kExitDone : *status;
 }
 
-// The extension examines the machine itself; it need not be running.
+// The extension's program examines the machine; no extension need be running.
 int check() {
   char own[PATH_MAX] = {};
   const auto size = ::readlink("/proc/self/exe", own, sizeof own - 1);
