@@ -7,12 +7,12 @@
 
 namespace ostravel::companion {
 
-// Accepts connections from a listening socket, one after the other, for as long as the io_context
-// runs. Owned by the server it accepts for; must outlive the run.
+// Accepts connections from a listening socket, one after the other, while the io_context runs.
+// Owned by the server that it accepts for; outlives the run.
 //
-// When descriptors run out, accepting fails at once, and would fail again and again while the
-// connection stays in the backlog. The loop then pauses until a descriptor is freed or
-// kLongestPause has passed.
+// When descriptors run out, accepting fails at once, and would keep failing while the connection
+// stays in the backlog. The loop then pauses until a descriptor is freed or kLongestPause has
+// passed.
 template <typename Protocol>
 class AcceptLoop {
  public:
@@ -32,7 +32,7 @@ class AcceptLoop {
       if (!error) {
         accepted_(std::move(socket));
       }
-      // A connection that its client has already given up says nothing about the next one.
+      // A connection that its client has aborted does not affect the next one.
       if (!error || error == asio::error::connection_aborted) {
         start();
         return;
@@ -41,13 +41,14 @@ class AcceptLoop {
     });
   }
 
-  // To be called after closing a connection: ends a pause.
+  // Call it after closing a connection: ends a pause.
   void descriptorFreed() { pause_.cancel(); }
 
   Acceptor& acceptor() { return acceptor_; }
 
  private:
-  // Other programs free descriptors too when the system's table is full, without notice.
+  // Limits the pause, because nothing reports when another program frees descriptors of a full
+  // system table.
   static constexpr std::chrono::milliseconds kLongestPause{100};
 
   void pause() {

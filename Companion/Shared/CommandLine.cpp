@@ -34,7 +34,7 @@ int failTimeStyle(const CLI::App& app, std::string_view name) {
 }
 
 int failUsage(const CLI::App& app, std::string_view problem) {
-  // Printable: the problem quotes what was typed, or pasted.
+  // Made printable, because the problem quotes the arguments.
   const std::string line = app.get_name() + ": " + printableText(problem) + '\n';
   static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, std::chrono::seconds(1)));
   return kExitUsage;

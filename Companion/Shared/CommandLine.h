@@ -10,13 +10,13 @@ namespace ostravel::companion {
 constexpr int kExitUsage =
     2;  // Also the status if the program cannot listen where it was asked to.
 
-// Adds --version and parses the arguments. Returns the status to exit with if there is nothing else
-// to do: 0 after help or version were printed, kExitUsage after one line on standard error said
-// what is wrong.
+// Adds --version and parses the arguments. Returns an exit status if the program has to end: 0
+// after printing help or version, kExitUsage after printing the problem as one line on standard
+// error.
 std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* argv);
 
-// Adds --time, the same in all programs: how times are written. The value is a name of
-// timeStyleNamed; failTimeStyle reports any other.
+// Adds --time, the style of times, which is the same option in all programs. The value is a name
+// for timeStyleNamed(); failTimeStyle() reports any other.
 void addTimeOption(CLI::App& app, std::string& name);
 int failTimeStyle(const CLI::App& app, std::string_view name);
 

@@ -25,7 +25,7 @@ using Deadline = ControlClient::Deadline;
 
 constexpr int kVersion = 1;
 
-// Waits for one of the events; empty when they came before the deadline.
+// Waits for one of the events; empty if one occurred before the deadline.
 std::optional<Failure> waitFor(int descriptor, short events, Deadline deadline) {
   while (true) {
     const auto left =
@@ -88,14 +88,14 @@ std::optional<Failure> send(int descriptor, std::string_view text, Deadline dead
         return failure;
       }
     } else if (errno != EINTR) {
-      // Refused before it was read; the reason may have been sent.
+      // The request was refused before it was read; the answer may contain the reason.
       return std::nullopt;
     }
   }
   return std::nullopt;
 }
 
-// One line, without its end.
+// One line, without its line feed.
 std::variant<std::string, Failure> receiveLine(int descriptor, Deadline deadline) {
   std::string line;
   std::array<char, 65536> piece{};

@@ -9,23 +9,24 @@
 
 namespace ostravel::companion {
 
-// Asks the extension over its control socket (Documentation/control.md). One connection per
-// request, so nothing is kept between them; usable from any thread. Blocks its caller, until the
+// Sends requests to the extension's control socket (Documentation/control.md). One connection per
+// request, so it has no state between them; usable from any thread. Blocks its caller until the
 // deadline at most.
 class ControlClient {
  public:
   static constexpr std::string_view kDefaultPath = "/run/ostravel/control.sock";
 
-  // Longer answers are refused. A thousand times what status takes; ten thousand tunnels fit.
+  // Longer answers are refused. A thousand times the size of a status, and enough for ten thousand
+  // tunnels.
   static constexpr std::size_t kLongestAnswer = std::size_t{16} * 1024 * 1024;
 
   // Why there is no result.
   struct Failure {
-    // Of the answer's error; or one of this class: "not_running" (no socket, or nobody listens),
-    // "not_permitted" (the socket's mode), "timeout", "no_answer" (closed without one) and
-    // "bad_answer".
+    // The code in the answer's error, or one of this class: "not_running" (no socket, or no
+    // listener), "not_permitted" (the socket's mode), "timeout", "no_answer" (closed without one)
+    // and "bad_answer".
     std::string code;
-    // For people, without the name of the program.
+    // A readable sentence, without the name of the program.
     std::string message;
   };
 

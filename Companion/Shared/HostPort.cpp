@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t kLongestName = 255;
 
 bool isNameCharacter(char character) {
-  // Not std::isalnum: what a name may hold does not depend on a locale.
+  // Not std::isalnum: the characters of a name do not depend on a locale.
   return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
          (character >= '0' && character <= '9') || character == '-' || character == '.' ||
          character == '_';

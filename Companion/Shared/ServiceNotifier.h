@@ -7,17 +7,16 @@
 
 namespace ostravel::companion {
 
-// Reports a program to the service manager that started it, if one did (sd_notify(3)): that it is
-// ready, what it is doing, and, while its event loop runs, that it is alive. Used on that loop's
-// thread.
+// Notifies the service manager that started the program, if any (sd_notify(3)): that it is ready,
+// its status, and, while its event loop runs, that it is alive. Used on that loop's thread.
 class ServiceNotifier {
  public:
   explicit ServiceNotifier(asio::io_context& ioContext) : timer_(ioContext) {}
 
-  // status: one line for people. From now on the watchdog is fed, if there is one.
+  // status: one readable line. From now on the watchdog, if any, is notified.
   void ready(const std::string& status);
 
-  // The program begins to end.
+  // The program begins to shut down.
   void stopping();
 
  private:

@@ -12,7 +12,7 @@ namespace {
 constexpr const char* kNoTime = "--:--:--.---";
 constexpr const char* kNoDate = "----------T";
 
-// Beyond this the milliseconds of a clock no longer fit its 64 bits; it is some 290,000 years.
+// About 290,000 years. Milliseconds beyond this do not fit into the clock's 64 bits.
 constexpr double kFarthestSeconds = 9.0e12;
 
 std::string textOfMilliseconds(long long milliseconds, TimeStyle style) {
@@ -49,7 +49,7 @@ std::string textOfMilliseconds(long long milliseconds, TimeStyle style) {
   return whole + text.data();
 }
 
-// Three digits, whatever their size.
+// Three significant digits.
 std::string threeDigits(double number, const char* unit) {
   const int decimals = number < 9.995 ? 2 : number < 99.95 ? 1 : 0;
   std::array<char, 48> text{};
@@ -81,8 +81,8 @@ std::string timeText(double secondsSince1970, TimeStyle style) {
   if (!(std::fabs(secondsSince1970) < kFarthestSeconds)) {
     return style == TimeStyle::timeOfDay ? kNoTime : std::string(kNoDate) + kNoTime;
   }
-  // A decimal fraction such as .123 has no exact double, and the nearest one may be just below it.
-  // A microsecond, far less than the precision of a sender's clock, corrects that.
+  // A decimal fraction such as .123 has no exact double, and the nearest one may be slightly
+  // smaller. A microsecond, far less than the precision of a sender's clock, corrects that.
   constexpr double kMicrosecondInMilliseconds = 1e-3;
   const double milliseconds = std::floor(secondsSince1970 * 1000.0 + kMicrosecondInMilliseconds);
   return textOfMilliseconds(static_cast<long long>(milliseconds), style);
@@ -94,7 +94,7 @@ std::string timeText(std::chrono::system_clock::time_point time, TimeStyle style
 }
 
 std::string durationText(double seconds) {
-  // A clock that was set between two events can give any difference.
+  // If a clock was set between two events, the difference can be anything.
   if (!(seconds >= 0.0 && seconds < kFarthestSeconds)) {
     return "?";
   }
