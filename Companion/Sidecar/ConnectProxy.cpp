@@ -20,7 +20,7 @@ ConnectProxy::ConnectProxy(asio::io_context& ioContext, const asio::ip::tcp::end
 }
 
 ConnectProxy::~ConnectProxy() {
-  // A relay that waits for its turn is owned by the queue, which it owns in turn.
+  // Breaks a cycle: a relay that waits for its turn is owned by the queue, which it owns as well.
   environment_.relays->turns.clear();
 }
 

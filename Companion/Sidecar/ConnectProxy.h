@@ -11,21 +11,21 @@
 
 namespace ostravel::companion {
 
-// A local HTTP proxy that knows one method, CONNECT (RFC 9110, section 9.3.6), and carries any
-// number of tunnels on one thread. Must outlive the run of its io_context.
+// A local HTTP proxy with one method, CONNECT (RFC 9110, section 9.3.6), which carries any number
+// of tunnels on one thread. Outlives the run of its io_context.
 class ConnectProxy {
  public:
   using Lookup = std::function<std::shared_ptr<PendingLookup>(const HostPort&, LookupDone)>;
 
-  // Listens from here on; accepts once the io_context runs. Throws std::system_error if it cannot
-  // listen there. Port 0 lets the system choose.
+  // Starts to listen; accepts once the io_context runs. Throws std::system_error if it cannot
+  // listen on the address. Port 0 lets the system choose.
   ConnectProxy(asio::io_context& ioContext, const asio::ip::tcp::endpoint& address, Lookup lookUp,
                TunnelLog log, SessionLimits limits = {});
   ConnectProxy(const ConnectProxy&) = delete;
   ConnectProxy& operator=(const ConnectProxy&) = delete;
   ~ConnectProxy();
 
-  // The address it listens on, with the actual port.
+  // The address on which it listens, with the actual port.
   asio::ip::tcp::endpoint address();
 
  private:

@@ -9,17 +9,17 @@
 
 namespace ostravel::companion {
 
-// What the sidecar takes from a CONNECT request. The two identifiers are as the client sent them,
-// empty when absent: they are for the log alone and may hold any byte but CR, LF and NUL.
+// The parts of a CONNECT request that the sidecar uses. The two identifiers are as the client sent
+// them, empty if absent; they only appear in the log and may contain any byte but CR, LF and NUL.
 struct ConnectRequest {
   HostPort target;
   std::string appId;
   std::string flowId;
 };
 
-// Reads a request header that ends in an empty line (RFC 9112, sections 3 and 5). Refuses with
-// badRequest what is no well-formed request or names no target of the form host:port, and with
-// methodNotAllowed every method but CONNECT.
+// Parses a request header that ends in an empty line (RFC 9112, sections 3 and 5). Refuses
+// malformed requests and targets other than host:port with badRequest, and every method but CONNECT
+// with methodNotAllowed.
 std::variant<ConnectRequest, HTTPStatus> parseConnectRequest(std::string_view header);
 
 }  // namespace ostravel::companion

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view kEstablished = "HTTP/1.1 200 Connection established\r\n\r\n";
 
-// The two ends have grouped the bytes; holding back small pieces would only add a delay.
+// The two ends have already grouped the bytes; holding back small pieces would only add a delay.
 void sendWithoutDelay(asio::ip::tcp::socket& socket) {
   asio::error_code ignored;
   socket.set_option(asio::ip::tcp::no_delay(true), ignored);
@@ -169,12 +169,12 @@ void ConnectSession::judgeClient() {
       watchClient();
       break;
     case ReadState::bytes:
-      // They stay unread until the tunnel is established, and hide an end that follows them.
+      // The bytes stay unread until the tunnel is established, and hide an end that follows them.
       watchClientForReset();
       break;
     case ReadState::ended:
       // A client that has sent bytes for the origin may have closed only its sending side and still
-      // read; one that has sent nothing does not need the tunnel any more.
+      // read; one that has sent nothing no longer needs the tunnel.
       if (header_.remainder().empty()) {
         abandon();
       } else {
@@ -224,7 +224,7 @@ void ConnectSession::refuse(HTTPStatus status, std::string_view reason) {
   client_.cancel(ignored);
   environment_.log.refused(request_, status, reason);
   answer_ = refusalAnswer(status);
-  // Limits the writing too: the client might not read.
+  // Limits the writing as well: the client might not read.
   limitStep(environment_.limits.linger, &ConnectSession::close);
   asio::async_write(client_, asio::buffer(answer_),
                     [self = shared_from_this()](asio::error_code error, std::size_t) {
@@ -236,8 +236,8 @@ void ConnectSession::refuse(HTTPStatus status, std::string_view reason) {
                     });
 }
 
-// Closing while the client still sends would answer its bytes with a reset, and that reset can
-// overtake the answer in the client's own receive queue (RFC 9112, section 9.6).
+// Closing while the client still sends would answer its bytes with a reset, which can discard the
+// answer from the client's receive queue (RFC 9112, section 9.6).
 void ConnectSession::linger() {
   asio::error_code ignored;
   client_.shutdown(Socket::shutdown_send, ignored);
@@ -273,7 +273,7 @@ void ConnectSession::limitStep(std::chrono::milliseconds limit, void (ConnectSes
   lookup_ = nullptr;
   deadline_.expires_after(limit);
   deadline_.async_wait([self = shared_from_this(), step = ++step_, expired](asio::error_code) {
-    // Tests the step, not the error: a timer that has already fired cannot be cancelled.
+    // Tests the step instead of the error: a timer that has already fired cannot be cancelled.
     if (step == self->step_) {
       (*self.*expired)();
     }

@@ -17,19 +17,19 @@
 
 namespace ostravel::companion {
 
-// How long the parts of establishing a tunnel may take. Tests shorten them.
+// How long each step of establishing a tunnel may take. Tests shorten them.
 struct SessionLimits {
   // Clients send their request as soon as they have connected; others are broken or hostile.
   std::chrono::milliseconds header = std::chrono::seconds(10);
   // Long enough to ask several name servers that do not answer, see ResolverSettings.
   std::chrono::milliseconds lookup = std::chrono::seconds(10);
-  // For each address: several may have to be tried while the client waits.
+  // For each address: several may be tried while the client waits.
   std::chrono::milliseconds connect = std::chrono::seconds(10);
   // For a refused client to read its answer and end.
   std::chrono::milliseconds linger = std::chrono::seconds(5);
 };
 
-// What all sessions share. Outlives the io_context's run.
+// Shared by all sessions. Outlives the io_context's run.
 struct SessionEnvironment {
   std::function<std::shared_ptr<PendingLookup>(const HostPort&, LookupDone)> lookUp;
   TunnelLog log;
@@ -38,14 +38,14 @@ struct SessionEnvironment {
   std::function<void()> ended;  // called after each session or tunnel has closed its sockets
 };
 
-// Takes one client from its first byte to a tunnel, which a TunnelRelay then carries, or to a
+// Serves one client from its first byte to a tunnel, which a TunnelRelay then carries, or to a
 // refusal. Kept alive by its own outstanding operations; runs on the io_context's thread.
 //
 //   reading header -> looking up -> connecting -> answering -> (TunnelRelay)
 //         \---------------\-------------\-> refusing -> lingering -> closed
 //
-// A client that leaves before it has its answer is closed at once, and with it the lookup or the
-// connection attempt that was made for it.
+// When a client leaves before it has its answer, its socket is closed at once, and its lookup or
+// connection attempt is cancelled.
 class ConnectSession : public std::enable_shared_from_this<ConnectSession> {
  public:
   ConnectSession(asio::ip::tcp::socket client, const SessionEnvironment& environment);
@@ -84,7 +84,7 @@ class ConnectSession : public std::enable_shared_from_this<ConnectSession> {
   unsigned step_ = 0;
   RequestHeader header_;
   ConnectRequest request_;
-  // Looking up or connecting: the client is watched but not read.
+  // While looking up or connecting, the client is watched but not read.
   bool isEstablishing_ = false;
   std::shared_ptr<PendingLookup> lookup_;
   LookupResult endpoints_;

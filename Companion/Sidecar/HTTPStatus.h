@@ -5,7 +5,8 @@
 
 namespace ostravel::companion {
 
-// The answers with which the sidecar refuses a tunnel (RFC 9110, section 15; RFC 6585 for 431).
+// The status codes with which the sidecar refuses a tunnel (RFC 9110, section 15; RFC 6585 for
+// 431).
 enum class HTTPStatus {
   badRequest = 400,
   methodNotAllowed = 405,
@@ -17,7 +18,7 @@ enum class HTTPStatus {
 
 std::string_view reasonPhrase(HTTPStatus status);
 
-// The whole answer that refuses a request and announces that the connection ends after it.
+// The complete answer that refuses a request and announces the end of the connection.
 std::string refusalAnswer(HTTPStatus status);
 
 }  // namespace ostravel::companion

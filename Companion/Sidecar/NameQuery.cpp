@@ -45,7 +45,7 @@ LookupResult endpointsOf(const ares_addrinfo* result, std::uint16_t port) {
   return endpoints;
 }
 
-// Once for the process, before its first channel (ares_library_init(3)).
+// Initialises the library once per process, before the first channel (ares_library_init(3)).
 int statusOfLibrary() {
   static const int status = ::ares_library_init(ARES_LIB_INIT_ALL);
   return status;

@@ -18,8 +18,8 @@ namespace ostravel::companion {
 // cancels no other lookup, and a change of the system's resolver configuration applies to the next
 // name.
 //
-// Owned by the caller of NameLookup through its PendingLookup. One thread; handlers on the executor
-// hold it weakly.
+// Owned by the caller of NameLookup through its PendingLookup. Used by one thread; handlers on the
+// executor hold it weakly.
 class NameQuery : public PendingLookup, public std::enable_shared_from_this<NameQuery> {
  public:
   NameQuery(asio::any_io_executor executor, std::uint16_t port, LookupDone done);
@@ -27,7 +27,7 @@ class NameQuery : public PendingLookup, public std::enable_shared_from_this<Name
 
   void start(const std::string& name, const ResolverSettings& settings);
 
-  // Has the executor call the completion, unless this object is destroyed first.
+  // Posts the completion to the executor; it does not run if this object is destroyed first.
   void finish(asio::error_code error, LookupResult endpoints);
 
  private:

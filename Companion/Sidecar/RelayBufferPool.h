@@ -11,8 +11,8 @@ namespace ostravel::companion {
 // bytes. Shared by all relays of one thread; a buffer that is not returned is merely freed.
 class RelayBufferPool {
  public:
-  // What one read may take: large enough that system calls do not dominate, small enough that
-  // thousands of stalled tunnels fit in memory.
+  // Size of one read: large enough that system calls do not dominate, small enough that thousands
+  // of stalled tunnels fit in memory.
   static constexpr std::size_t kBufferSize = 64 * 1024;
 
   using Bytes = std::array<char, kBufferSize>;
@@ -22,7 +22,7 @@ class RelayBufferPool {
   void release(Buffer buffer);
 
  private:
-  // Enough for the tunnels that move bytes in the same instant; the rest goes back to the heap.
+  // Enough for the tunnels that move bytes at the same instant; further buffers are freed.
   static constexpr std::size_t kMostKept = 32;
 
   std::vector<Buffer> kept_;

@@ -8,17 +8,17 @@
 
 namespace ostravel::companion {
 
-// Collects the bytes of one HTTP request header as they arrive, in pieces of any size, and finds
-// its end. Owned by the session that reads it.
+// Collects the bytes of one HTTP request header, which arrive in pieces of any size, and finds its
+// end. Owned by the session that reads it.
 //
 //   [ empty lines ][ request line CRLF  field lines CRLF ... CRLF ][ bytes for the origin ]
 //                  ^ header()                                      ^ remainder()
 //
-// Not responsible for what the lines say: that is parseConnectRequest.
+// Not responsible for the content of the lines: that is parseConnectRequest().
 class RequestHeader {
  public:
-  // For the header and the bytes read together with it. Real requests need far less; this bounds
-  // the memory of a client that never ends its header.
+  // Room for the header and the bytes read together with it. Real requests need far less; this
+  // bounds the memory for a client that never ends its header.
   static constexpr std::size_t kCapacity = 16 * 1024;
 
   enum class State {
@@ -30,16 +30,16 @@ class RequestHeader {
 
   RequestHeader();
 
-  // Where the next bytes go; not empty while the state is incomplete.
+  // Room for the next bytes; not empty while the state is incomplete.
   std::span<char> space();
 
-  // Takes over the first `size` bytes of `space()`. Looks at each byte once.
+  // Adds the first `size` bytes of `space()`. Examines each byte once.
   State commit(std::size_t size);
 
-  // True until a byte other than those of empty lines has come.
+  // True until a byte other than those of empty lines has been added.
   bool empty() const { return used_ == headerBegin_; }
 
-  // Both only once the state is complete; valid as long as this object.
+  // Both require the state complete; valid as long as this object.
   std::string_view header() const;
   std::string_view remainder() const;
 

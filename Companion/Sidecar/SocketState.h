@@ -4,7 +4,7 @@
 
 namespace ostravel::companion {
 
-// What can be learnt about a socket without reading its bytes. No operation here blocks.
+// The state of a socket, queried without reading its bytes. No operation blocks.
 
 enum class ReadState {
   nothing,
@@ -13,7 +13,7 @@ enum class ReadState {
   failed,  // such as by a reset
 };
 
-// What the next read would meet.
+// The result that the next read would have.
 ReadState stateOfReading(asio::ip::tcp::socket& socket);
 
 enum class Disturbance {
@@ -22,8 +22,8 @@ enum class Disturbance {
   reset,  // or another error of the connection
 };
 
-// Why wait_error of the socket has fired. Clears the reason, so that the next wait does not fire
-// for it again: the error, or the urgent byte, which is not part of the stream (tcp(7)).
+// The reason for which wait_error of the socket has fired. Clears it, so that the next wait does
+// not fire for it again: the error, or the urgent byte, which is not part of the stream (tcp(7)).
 Disturbance takeDisturbance(asio::ip::tcp::socket& socket);
 
 }  // namespace ostravel::companion

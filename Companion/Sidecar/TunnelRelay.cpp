@@ -9,8 +9,8 @@
 namespace ostravel::companion {
 namespace {
 
-// How many buffers one direction may move before another one, and how many bytes all of them before
-// requests, connections and new clients get their turn.
+// How many buffers one direction may move before the next one gets its turn, and how many bytes all
+// of them before requests, connections and new clients get theirs.
 constexpr int kBuffersPerTurn = 4;
 constexpr std::size_t kBytesPerTurn = 512 * 1024;
 
@@ -64,7 +64,7 @@ void TunnelRelay::move(Direction& direction) {
     if (direction.begin == direction.end && !receive(direction)) {
       return;
     }
-    // A read that did not fill the buffer has emptied the socket: another one would block.
+    // A read that did not fill the buffer has emptied the socket; another one would block.
     const bool emptied = direction.end < RelayBufferPool::kBufferSize;
     if (!send(direction)) {
       return;
@@ -144,7 +144,7 @@ void TunnelRelay::pumpAfter(Socket& socket, Socket::wait_type event, Direction& 
   });
 }
 
-// A direction that does not read would miss a reset of its sender: a tunnel whose other side is
+// A direction that does not read would miss a reset by its sender, and a tunnel whose other side is
 // silent would never end.
 void TunnelRelay::watchForReset(Direction& direction) {
   if (direction.watched) {
@@ -154,8 +154,8 @@ void TunnelRelay::watchForReset(Direction& direction) {
   direction.from.async_wait(
       Socket::wait_error, [self = shared_from_this(), &direction](asio::error_code error) {
         direction.watched = false;
-        // A direction that reads again gets the error after the last bytes, where it belongs. Do
-        // not query it here: that would clear it.
+        // A direction that reads again receives the error after the last bytes, where it belongs.
+        // Querying the error here would clear it.
         if (error || self->hasEnded_ || direction.state == State::waitingForBytes) {
           return;
         }
@@ -167,7 +167,7 @@ void TunnelRelay::watchForReset(Direction& direction) {
             self->watchForReset(direction);
             break;
           case Disturbance::none:
-            // The hang-up that follows two orderly ends. It lasts, so a new wait would spin.
+            // The hang-up that follows two orderly ends. It persists, so another wait would spin.
             break;
         }
       });

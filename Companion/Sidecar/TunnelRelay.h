@@ -13,7 +13,7 @@
 
 namespace ostravel::companion {
 
-// What the relays of one thread share.
+// Shared by the relays of one thread.
 struct RelayEnvironment {
   explicit RelayEnvironment(asio::io_context& ioContext);
 
@@ -22,14 +22,14 @@ struct RelayEnvironment {
   FairTurns turns;
 };
 
-// Moves bytes both ways between a client and an origin until both have ended, or one has failed.
+// Moves bytes both ways between a client and an origin until both have ended or one has failed.
 //
 // Kept alive by its own outstanding waits; runs on the thread of the sockets' io_context. Each
 // direction is either waiting for bytes, waiting for room, or finished, and holds one buffer only
 // while it holds bytes. It never reads while bytes wait to be written, so a slow reader
 // slows its writer and nothing else grows.
 //
-// An orderly end is passed on as an orderly end of that direction alone; an error on one side is
+// An orderly end is passed on as an orderly end of that direction only; an error on one side is
 // passed on as a reset of the other.
 class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
  public:
@@ -46,12 +46,12 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
   using Ended = std::function<void(const Summary&)>;
 
   // Both sockets are connected. `ended` is called once, from the io_context, with both sockets
-  // closed; not at all when the io_context is destroyed first.
+  // closed, unless the io_context is destroyed first.
   TunnelRelay(Socket client, Socket origin, std::shared_ptr<RelayEnvironment> environment,
               Ended ended);
 
-  // Relays from now on, `bytesForOrigin` first: what the client sent ahead of its answer, at most
-  // one buffer full.
+  // Starts relaying. `bytesForOrigin` goes first: the bytes that the client sent before its answer,
+  // at most one buffer full.
   void start(std::string_view bytesForOrigin);
 
  private:
@@ -68,7 +68,7 @@ class TunnelRelay : public std::enable_shared_from_this<TunnelRelay> {
     bool watched = false;  // a wait for an error of `from` is outstanding
   };
 
-  // Moves bytes when it is the relay's turn.
+  // Moves bytes in the relay's turn.
   void pump(Direction& direction);
   void move(Direction& direction);
   bool receive(Direction& direction);

@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
   asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
   endSignals.async_wait([&ioContext](asio::error_code, int) { ioContext.stop(); });
 
-  // Tunnels continue when the log's reader has stalled or exited.
+  // Tunnels continue when the log's reader stalls or exits.
   QueuedOutput output(STDOUT_FILENO, {.droppedLine = [time](std::size_t count) {
                         return droppedLine(count, *time);
                       }});
@@ -89,6 +89,6 @@ int main(int argc, char** argv) {
     return failUsage(app, "cannot listen on " + listenText + ": " + error.code().message());
   }
   output.flush();
-  // Not a return: the thread that writes the log may be stuck in a stalled reader.
+  // Returning would wait for the log's thread, which a stalled reader may block.
   std::_Exit(EXIT_SUCCESS);
 }
