@@ -14,7 +14,7 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// For lines that belong to no object.
+// For lines without an object's log.
 constexpr std::string_view kDefaultSubsystem = platform::kFallbackLogSubsystem;
 constexpr std::string_view kDefaultCategory = platform::kLogCategory;
 

@@ -32,7 +32,7 @@ class LinuxPlatform final : public platform::Platform {
 
   // Throws std::system_error if the threads cannot be created.
   explicit LinuxPlatform(Options options);
-  // Stops the timers and waits until every item has run, then briefly for the reader of the log.
+  // Stops the timers, waits until every item has run, and then briefly for the log's reader.
   ~LinuxPlatform() override;
 
   // Stops the timers, then waits until no item is waiting or running. Returns false if there still
@@ -45,10 +45,10 @@ class LinuxPlatform final : public platform::Platform {
   // Waits until the log is written; false if its reader has not read it by the deadline.
   [[nodiscard]] bool flushLog(std::chrono::steady_clock::time_point deadline);
 
-  // Lines of the log that nobody has read in time, since the start.
+  // Log lines that were dropped because they were not read in time, since the start.
   std::size_t droppedLogLines() const { return logWriter_->droppedCount(); }
 
-  // From now on, pending lines are written before the process ends in a crash, and an uncaught
+  // From now on, a crash writes the pending lines before it ends the process, and an uncaught
   // exception is logged. For the process entry; see CrashHandler.
   void writeLogOnCrash();
 

@@ -99,7 +99,7 @@ OptionalError LinuxProviderContext::startInterception(
 
 std::shared_ptr<platform::TCPConnection> LinuxProviderContext::createTCPConnection(
     const platform::HostEndpoint& endpoint, platform::TLSPolicy /*tls*/) {
-  // The local proxy speaks plain HTTP; nothing asks for TLS.
+  // The local proxy speaks plain HTTP, so TLS is never requested.
   const ConnectByName* const byName = ConnectByName::current();
   EventLoop* const loop = EventLoop::current();
   if (byName == nullptr || loop == nullptr) {

@@ -20,7 +20,7 @@ namespace ostravel::linuxplatform {
 // provider.
 class LinuxProviderContext final : public platform::ProviderContext {
  public:
-  // configuration: returned to the provider as its own. environment outlives this object.
+  // configuration: the provider's. environment outlives this object.
   LinuxProviderContext(platform::Platform& platform, Interceptor::Environment environment,
                        std::optional<platform::ProviderConfiguration> configuration);
   ~LinuxProviderContext() override;
@@ -29,13 +29,13 @@ class LinuxProviderContext final : public platform::ProviderContext {
   // network settings.
   void setProvider(std::weak_ptr<platform::TransparentProxyProvider> provider);
 
-  // Reads the applications' registrations again, for later flows. Does nothing while nothing is
-  // intercepted, because interception reads them when it starts. False if the current ones are
-  // still in force.
+  // Reads the applications' registrations again, for later flows. Without interception it does
+  // nothing, because interception reads them when it starts. False if the current ones remain in
+  // effect.
   bool reloadRegistrations();
 
-  // What interception knows, and how it would identify a process or an executable. Called from any
-  // thread but an event loop's; empty if nothing is intercepted, or if there is no answer within
+  // The state of interception, and the identification of a process or an executable. Called on any
+  // thread but an event loop's; empty without interception, or if there is no answer within
   // kInspectionTimeout.
   static constexpr std::chrono::seconds kInspectionTimeout{1};
   std::optional<Interceptor::Inspection> inspect(
