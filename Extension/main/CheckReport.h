@@ -5,19 +5,19 @@
 
 namespace ostravel::linuxplatform {
 
-// The findings of a check of the machine, for people: one line each in a table, and a summary.
+// The findings of a check of the machine as text: one line each in a table, and a summary.
 class CheckReport {
  public:
   enum class Level {
     ok,
-    // It runs, but not everything works as it could.
+    // The extension runs, but with losses.
     warning,
-    // It does not run, or does nothing.
+    // The extension does not run, or has no effect.
     problem,
   };
 
-  // subject: what was examined, a few words. finding: one sentence, which also says what to do. May
-  // be called several times for a subject.
+  // subject: a few words. finding: one sentence, including what to do. May be called several times
+  // for a subject.
   void add(Level level, std::string subject, std::string finding);
 
   std::string text() const;

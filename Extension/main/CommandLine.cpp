@@ -27,8 +27,8 @@ using linuxplatform::NameUse;
 
 constexpr int kExitUsage = 2;
 
-// systemd names the journal's end of standard error in JOURNAL_STREAM, as device:inode
-// (systemd.exec(5)). If standard error was redirected since, it is another file.
+// JOURNAL_STREAM contains device:inode of the journal's stream (systemd.exec(5)). If standard error
+// has been redirected in the meantime, it is another file.
 bool isStartedByServiceManager() {
   const char* const stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};
@@ -38,7 +38,7 @@ bool isStartedByServiceManager() {
   return stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-// Falls back to a number, for a user without a name on this machine.
+// Falls back to a number, for a user without a name.
 std::optional<uid_t> userWithName(const std::string& name) {
   if (const auto user = linuxplatform::SystemUsers::numberOf(name)) {
     return user;

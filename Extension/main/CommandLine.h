@@ -17,7 +17,7 @@ struct CommandLine {
   enum class Job {
     // Intercept until a signal ends it.
     run,
-    // Report what would keep it from running well.
+    // Report problems of the machine.
     check,
     // Print the rules.
     dryRun,
@@ -28,19 +28,19 @@ struct CommandLine {
     // Absent: the default file, if there is one.
     std::optional<std::string> configurationPath;
     linuxplatform::LinuxPlatform::LogSink logSink;
-    // Where the control socket is. Absent: the default.
+    // The path of the control socket. Absent: the default.
     std::optional<std::string> controlPath;
     bool hasControl = true;
     // False for debuggers, which stop the process for longer than a guardian waits.
     bool hasGuardian = true;
-    // Whose local proxy may carry everybody's flows, besides root's and system users'.
+    // Users, besides root and system users, whose local proxy may carry the flows of all users.
     std::vector<uid_t> proxyUsers;
     linuxplatform::PacketMarks marks;
     linuxplatform::NameUse names = linuxplatform::NameUse::connect;
   };
 
-  // Absent when the process is to end with exitStatus, because it has shown its help or version, or
-  // has said what is wrong with the arguments.
+  // Absent if the process has to end with exitStatus, because it has printed its help, its version
+  // or a problem with the arguments.
   std::optional<Options> options;
   int exitStatus = 0;
 

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::string_view kSocketPathKey = "monitoringSocketPath";
 
-// What is wrong with the member, as a sentence without its subject.
+// The problem with the member, as a sentence without its subject.
 std::optional<std::string> problemWith(std::string_view key,
                                        const platform::ConfigurationValue& value) {
   if (key != kSocketPathKey) {

@@ -8,9 +8,9 @@
 
 namespace ostravel::linuxplatform {
 
-// One sentence for each key of a configuration that is unknown, or whose value cannot mean what its
-// author wanted, with the file, the line and the column. Such a configuration is used nevertheless.
-// text is that of the file at path, from which the configuration was read.
+// One sentence for each unknown key of a configuration, and for each value that is unlikely to be
+// intended, with the file, the line and the column. Such a configuration is used nevertheless.
+// text: the content of the file at path, from which the configuration was read.
 std::vector<std::string> configurationWarnings(const platform::ProviderConfiguration& configuration,
                                                const std::string& path, std::string_view text);
 

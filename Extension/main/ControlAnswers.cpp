@@ -48,7 +48,7 @@ std::string proxyAddress() {
          std::to_string(platform::limits::kProxyPort);
 }
 
-// Stopping changes the journal's gauges in another order than they are read.
+// While flows end, the journal's gauges change in another order than they are read.
 std::int64_t notNegative(std::int64_t count) {
   return std::max<std::int64_t>(count, 0);
 }

@@ -19,11 +19,10 @@
 namespace ostravel {
 
 // Answers the requests of the control socket from the parts of the process. Owned by the process
-// entry; used on the socket's thread, except where it says otherwise. Waits for an event loop for a
-// moment at most.
+// entry; used on the socket's thread unless stated otherwise. Waits briefly for an event loop.
 class ControlAnswers {
  public:
-  // All of it outlives this object.
+  // All parts outlive this object.
   struct Parts {
     linuxplatform::LinuxPlatform& platform;
     linuxplatform::LinuxProviderContext& context;
@@ -34,17 +33,17 @@ class ControlAnswers {
     std::weak_ptr<PacketTunnelProvider> provider;
     // "running", "off" or "ended".
     std::function<const char*()> guardian;
-    // As it was read at the start, and how to read it again.
+    // The configuration as read at the start, and a function that reads it again.
     std::optional<platform::ProviderConfiguration> configuration;
     std::optional<std::string> configurationPath;
   };
 
   explicit ControlAnswers(Parts parts);
 
-  // The answer's line.
+  // Returns the answer's line.
   std::string answer(const linuxplatform::ControlRequest& request) const;
 
-  // Notes the state of proxying, so that the time of a change is known. Called several times a
+  // Records the state of proxying, so that the time of a change is known. Called several times a
   // second, on any thread; cheap.
   void observe() const;
 

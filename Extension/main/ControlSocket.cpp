@@ -14,7 +14,8 @@ ControlSocket::ControlSocket(const std::optional<std::string>& path) {
   const std::string place = path.value_or(kDefaultPath);
   if (place == kDefaultPath) {
     const std::string folder = place.substr(0, place.rfind('/'));
-    // For everybody to pass: the socket has a mode, and the events' socket may be beside it.
+    // Accessible to all users: the socket has its own mode, and the monitoring socket may be in the
+    // same folder.
     if (::mkdir(folder.c_str(), 0755) == 0) {
       madeFolder_ = folder;
     }
@@ -40,7 +41,7 @@ void ControlSocket::listen(const std::string& path) {
       listener_ = std::make_unique<LocalListener>(path, SocketAccess{group_, 0660});
       return;
     } catch (const std::runtime_error&) {
-      // It may be the group that is not permitted: then without.
+      // We may not be permitted to set the group; continue without one.
       group_.reset();
     }
   }

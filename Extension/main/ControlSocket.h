@@ -10,26 +10,25 @@
 
 namespace ostravel::linuxplatform {
 
-// The name of the control socket in the file system, for as long as the process runs. Made before
-// the process gives up permissions, which making it may take; served later.
+// The control socket's file, for the lifetime of the process. Created before the process drops
+// permissions that this may need; served later.
 class ControlSocket {
  public:
   static constexpr const char* kDefaultPath = "/run/ostravel/control.sock";
-  // Whose members may ask.
+  // Its members may send requests that read.
   static constexpr const char* kGroup = "ostravel";
 
-  // Listens at the path, without one at kDefaultPath. The folder of the latter is made if it is
-  // missing, and removed in the end if nothing else is in it. A failure is a problem() and no
-  // exception.
+  // Listens at the path, by default at kDefaultPath, whose folder is created if it is missing, and
+  // removed at the end if it is empty. A failure is reported by problem(), not by an exception.
   explicit ControlSocket(const std::optional<std::string>& path);
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;
   ~ControlSocket();
 
-  // A sentence; absent while it listens.
+  // A sentence; absent if it listens.
   const std::optional<std::string>& problem() const { return problem_; }
   int descriptor() const { return listener_->descriptor(); }
-  // Absent if there is no such group, or its members could not be given access.
+  // Absent if there is no such group, or it could not be given access.
   std::optional<gid_t> group() const { return group_; }
 
  private:

@@ -11,7 +11,7 @@
 
 namespace ostravel {
 
-// What would happen to a flow that does not exist, and by which rule, in the words of
+// Explains what would happen to a hypothetical flow, and by which rule, in the terms of
 // Documentation/control.md.
 struct FlowExplanation {
   struct Question {
@@ -33,7 +33,7 @@ struct FlowExplanation {
   std::string_view action;
   std::string_view reason;
   std::string message;
-  // In the order in which they are looked at here, up to the one that decides.
+  // In the order of evaluation, up to the one that decides.
   std::vector<Rule> rules;
 
   static FlowExplanation of(const Question& question, const PacketTunnelProvider& provider,

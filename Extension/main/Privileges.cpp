@@ -17,7 +17,7 @@ namespace {
 
 constexpr unsigned kBitsPerWord = 32;
 
-// Of the first process, which belongs to root and in most places has every capability.
+// Tests the first process, which belongs to root and usually has every capability.
 bool canLookAtFirstProcess() {
   struct Close {
     void operator()(DIR* folder) const { ::closedir(folder); }
@@ -27,7 +27,7 @@ bool canLookAtFirstProcess() {
   return sockets && ::readlink("/proc/1/exe", target.data(), target.size()) > 0;
 }
 
-// The guardian has been started by then, and the socket that takes CAP_NET_RAW is open.
+// The guardian has been started before, and the socket that needs CAP_NET_RAW is open.
 constexpr std::array<unsigned, 7> kUsed{CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_NET_ADMIN,
                                         CAP_SYS_PTRACE,   CAP_SYS_RESOURCE,    CAP_PERFMON,
                                         CAP_BPF};
@@ -37,7 +37,7 @@ std::uint64_t usedCapabilities() {
   for (const unsigned capability : kUsed) {
     used |= std::uint64_t{1} << capability;
   }
-  // An older kernel does not know them, and asks for this one instead.
+  // Older kernels do not know the last two and require CAP_SYS_ADMIN instead.
   if (::prctl(PR_CAPBSET_READ, CAP_BPF) < 0) {
     used |= std::uint64_t{1} << CAP_SYS_ADMIN;
   }
@@ -48,7 +48,7 @@ std::uint64_t usedCapabilities() {
 
 platform::OptionalError Privileges::giveUpUnused() {
   const std::uint64_t used = usedCapabilities();
-  // Without CAP_SETPCAP the bounding set stays, but no_new_privs keeps it from being of use.
+  // Without CAP_SETPCAP the bounding set remains, but no_new_privs makes it useless.
   for (unsigned capability = 0; ::prctl(PR_CAPBSET_READ, capability) >= 0; ++capability) {
     if ((used >> capability & 1U) == 0) {
       ::prctl(PR_CAPBSET_DROP, capability);
@@ -90,7 +90,7 @@ bool Privileges::canReadEverything() const {
   return has(CAP_DAC_READ_SEARCH) || has(CAP_DAC_OVERRIDE);
 }
 
-// Before Linux 5.8, CAP_SYS_ADMIN was needed for what two capabilities permit now.
+// Before Linux 5.8, CAP_SYS_ADMIN was needed instead of CAP_BPF and CAP_PERFMON.
 bool Privileges::canTrace() const {
   return has(CAP_SYS_ADMIN) || (has(CAP_BPF) && has(CAP_PERFMON));
 }

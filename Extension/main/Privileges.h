@@ -8,7 +8,7 @@
 
 namespace ostravel::linuxplatform {
 
-// What this process may do, as far as its functions depend on it (capabilities(7)):
+// The permissions of this process on which its functions depend (capabilities(7)):
 //
 //   CAP_NET_ADMIN                    rules, the queue, packet marks; the recording of connects
 //   CAP_SYS_PTRACE                   the programs of other users' processes
@@ -16,29 +16,29 @@ namespace ostravel::linuxplatform {
 //   CAP_BPF, CAP_PERFMON             the recording of connects
 //   CAP_SYS_NICE                     the guardian's real-time priority
 //
-// Of use if they are there: CAP_DAC_OVERRIDE for a monitoring socket of another user,
-// CAP_SYS_RESOURCE for larger pipes than users may have.
+// Optional: CAP_DAC_OVERRIDE for a monitoring socket of another user, CAP_SYS_RESOURCE for pipes
+// that exceed the limit of users.
 //
 // A snapshot.
 class Privileges {
  public:
   static Privileges ofThisProcess();
 
-  // Gives up every capability of this process that the extension has no use for, and the ability to
-  // gain any by running a program. Called before other threads exist, which inherit what is left.
+  // Drops every capability that the extension does not use, and the ability to gain any by
+  // executing a program. Called before other threads exist, which inherit the remaining ones.
   static platform::OptionalError giveUpUnused();
 
-  // capabilities: a bit for each. seesProcesses: whether the programs and sockets of other
-  // processes are visible all the same, as in a container in which all belong to one user.
-  // isPreferred: whether the process has a higher priority than usual (nice(1)).
+  // capabilities: a bit for each. seesProcesses: true if the programs and sockets of other
+  // processes are visible without them, as in a container in which all belong to one user.
+  // isPreferred: true if the process has a higher priority than usual (nice(1)).
   Privileges(std::uint64_t capabilities, bool seesProcesses, bool isPreferred = false)
       : capabilities_(capabilities), seesProcesses_(seesProcesses), isPreferred_(isPreferred) {}
 
-  // Absent when this process can do its work, perhaps with losses. The error's sentence names
-  // everything that is missing, and says what to do.
+  // Absent if this process can do its work, perhaps with losses. The error's sentence names
+  // everything that is missing and says what to do.
   platform::OptionalError obstacle() const;
 
-  // One sentence for each permission that is missing, with what that costs.
+  // One sentence for each missing permission, with its consequence.
   std::vector<std::string> losses() const;
 
  private:

@@ -47,7 +47,7 @@ ProxyingState::Reason ProxyingState::reasonFor(const Facts& facts) const {
   if (state_.proxy.empty()) {
     return Reason::proxyNotTrusted;
   }
-  // What another proxy did before this one does not count.
+  // Time-outs of an earlier proxy do not count.
   return facts.lastTimeout > std::max(facts.lastSuccess, proxySince_) ? Reason::proxyNotAnswering
                                                                       : Reason::proxied;
 }

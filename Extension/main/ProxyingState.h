@@ -8,8 +8,8 @@
 
 namespace ostravel::linuxplatform {
 
-// Whether a new connection of an ordinary application is proxied, if not why, and since when. Fed
-// several times a second with what the parts of the process know; usable from any thread.
+// Tells whether a new connection of an ordinary application is proxied, why not, and since when.
+// Updated several times a second by the parts of the process; usable from any thread.
 class ProxyingState {
  public:
   enum class Reason : std::uint8_t {
@@ -31,7 +31,7 @@ class ProxyingState {
     std::optional<bool> isGateOpen = std::nullopt;
     bool isRedirectUsable = true;
     bool isNearDescriptorLimit = false;
-    // Of any handshake.
+    // When a handshake last succeeded.
     double lastSuccess = 0;
     double lastTimeout = 0;
   };
@@ -39,10 +39,10 @@ class ProxyingState {
   struct State {
     Reason reason = Reason::starting;
     double since = 0;
-    // What serves all users as the proxy, for people; empty for nothing.
+    // The display name of the proxy that serves all users; empty for none.
     std::string proxy;
 
-    // A sentence for people.
+    // A readable sentence.
     std::string message() const;
   };
 
@@ -59,7 +59,7 @@ class ProxyingState {
   double proxySince_ = 0;
 };
 
-// The words of the control protocol.
+// Its name in the control protocol.
 std::string_view nameOf(ProxyingState::Reason reason);
 
 }  // namespace ostravel::linuxplatform

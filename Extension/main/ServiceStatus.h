@@ -8,13 +8,12 @@
 
 namespace ostravel::linuxplatform {
 
-// What the service manager and its users see of the extension (sd_notify(3)): that it is ready,
-// that it is alive, and in one line the state of the gate and which program the proxy is. Usable
-// from any thread.
+// Notifies the service manager (sd_notify(3)) that the extension is ready and alive, and of its
+// status in one line: the state of the gate and the program of the proxy. Usable from any thread.
 class ServiceStatus {
  public:
   using Clock = std::chrono::steady_clock;
-  // Takes the assignments of one notification, a line each.
+  // Receives the assignments of one notification, one per line.
   using Notify = std::function<void(const std::string&)>;
 
   // How long the first probe may delay readiness.
@@ -22,7 +21,7 @@ class ServiceStatus {
 
   explicit ServiceStatus(Notify notify) : notify_(std::move(notify)) {}
 
-  // The program that serves every user as the proxy, with its process and user; empty for none.
+  // The program of the proxy that serves all users, with its process and user; empty for none.
   void setProxy(const std::string& proxy);
 
   // Call it periodically while flows are offered. isGateOpen: absent before the first probe has

@@ -12,7 +12,7 @@
 namespace ostravel::linuxplatform {
 namespace {
 
-// Those that an architecture does not have are left out.
+// Names that an architecture does not have are skipped.
 constexpr std::array kPermitted{
     // Memory
     "brk", "madvise", "membarrier", "mmap", "mprotect", "mremap", "munmap",
@@ -28,11 +28,11 @@ constexpr std::array kPermitted{
     "kill", "pause", "pidfd_open", "pidfd_send_signal", "rt_sigaction", "rt_sigpending",
     "rt_sigprocmask", "rt_sigreturn", "rt_sigsuspend", "rt_sigtimedwait", "rt_tgsigqueueinfo",
     "sigaltstack", "tgkill", "wait4", "waitid",
-    // What the process is
+    // Attributes of the process
     "capget", "capset", "getcpu", "getegid", "geteuid", "getgid", "getgroups", "getpgid", "getpgrp",
     "getpid", "getppid", "getpriority", "getrandom", "getresgid", "getresuid", "getrlimit",
     "getrusage", "getsid", "getuid", "prlimit64", "setrlimit", "sysinfo", "umask", "uname",
-    // Files; those that change them are for the control socket, the journal and the log
+    // Files; changing them is for the control socket, the journal and the log
     "access", "chdir", "chmod", "chown", "close", "close_range", "dup", "dup2", "dup3", "faccessat",
     "faccessat2", "fadvise64", "fchmod", "fchmodat", "fchown", "fchownat", "fcntl", "fdatasync",
     "fgetxattr", "flock", "fstat", "fstatfs", "fsync", "ftruncate", "getcwd", "getdents",
@@ -49,7 +49,7 @@ constexpr std::array kPermitted{
     "accept", "accept4", "bind", "connect", "getpeername", "getsockname", "getsockopt", "listen",
     "recvfrom", "recvmmsg", "recvmsg", "sendmmsg", "sendmsg", "sendto", "setsockopt", "shutdown",
     "socket", "socketpair",
-    // The recording of connects, with a view of the control groups that is mounted nowhere
+    // The recording of connects, with a detached mount of the control groups
     "bpf", "fsconfig", "fsmount", "fsopen"};
 
 constexpr std::array kDeadly{"execve",
@@ -88,7 +88,7 @@ struct Release {
 };
 using Filter = std::unique_ptr<std::remove_pointer_t<scmp_filter_ctx>, Release>;
 
-// False with errno when the rules cannot be made.
+// False with errno if a rule cannot be added.
 template <typename Names>
 bool add(void* filter, std::uint32_t action, const Names& names) {
   return std::all_of(names.begin(), names.end(), [filter, action](const char* name) {
@@ -102,8 +102,8 @@ bool add(void* filter, std::uint32_t action, const Names& names) {
   });
 }
 
-// The thread of a process, but no other process. clone3(2) fails with ENOSYS, because its flags
-// cannot be looked at.
+// Permits new threads, but no new processes. clone3(2) fails with ENOSYS, because a filter cannot
+// read its flags.
 bool permitThreads(void* filter) {
   const scmp_arg_cmp isThread{
       .arg = 0, .op = SCMP_CMP_MASKED_EQ, .datum_a = CLONE_THREAD, .datum_b = CLONE_THREAD};
@@ -129,7 +129,7 @@ bool load(void* filter) {
 
 platform::OptionalError SystemCallFilter::install() {
   const Filter filter(::seccomp_init(SCMP_ACT_ERRNO(ENOSYS)));
-  // A tree instead of a list; the kernel remembers the answers that depend on no argument.
+  // A tree instead of a list; the kernel caches the answers that do not depend on arguments.
   constexpr std::uint32_t kBinaryTree = 2;
   const bool isDone = filter && set(filter.get(), SCMP_FLTATR_CTL_OPTIMIZE, kBinaryTree) &&
                       set(filter.get(), SCMP_FLTATR_CTL_TSYNC, 1) &&

@@ -4,8 +4,8 @@
 
 namespace ostravel::linuxplatform {
 
-// The system calls that this process may make from now on, in all of its threads (seccomp(2)): a
-// list of those that the extension and its libraries use. It cannot be undone.
+// Restricts the system calls of this process, in all of its threads (seccomp(2)), to a list of
+// those that the extension and its libraries use. It cannot be undone.
 //
 //   on the list              permitted; a new process is not, only a new thread
 //   what no part of it does  ends the process (SIGSYS), because somebody else is in control:
@@ -14,7 +14,7 @@ namespace ostravel::linuxplatform {
 //   anything else            fails with ENOSYS, as on a kernel without it, so that a library falls
 //                            back to an older call
 //
-// The end of the process is safe: its rules go with it, and connections go direct.
+// Ending the process is safe: the kernel removes its rules, and connections go direct.
 class SystemCallFilter {
  public:
   static platform::OptionalError install();

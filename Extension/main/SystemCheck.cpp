@@ -46,17 +46,17 @@ using namespace linuxplatform;
 using namespace std::chrono_literals;
 using Level = CheckReport::Level;
 
-// What the extension would use, in place of what the kernel chooses at the start.
+// Examples of the values that the kernel chooses at the start.
 constexpr std::uint16_t kExampleQueue = 43100;
 constexpr std::uint16_t kFirstExamplePort = 50000;
 
-// A listener that does not answer is tested again after this.
+// Longer than the trial of a listener takes.
 constexpr auto kProxyPatience = 4s;
 constexpr auto kProxyPause = 50ms;
-// The provider's probe has this timeout too.
+// The same as the provider's probe has.
 constexpr std::chrono::duration<double> kProbeTimeout = 350ms;
 
-// Fewer are used up by a browser or two.
+// One or two browsers use up fewer.
 constexpr rlim_t kFewDescriptors = 4096;
 
 std::vector<InterceptionTable::ListenerPorts> examplePorts(const PacketMarks& marks) {

@@ -6,10 +6,10 @@
 
 namespace ostravel {
 
-// Examines whether the extension could run well on this machine with these options, as the
-// extension itself would find it: its permissions, the kernel, other programs' rules, the local
-// proxy, its files, and the clocks. Changes nothing; records connects for a moment. Takes up to a
-// few seconds, when a listener on the proxy's port does not answer.
+// Examines whether the extension could run well on this machine with these options: its
+// permissions, the kernel, other programs' rules, the local proxy, its files, and the clocks.
+// Changes nothing; records connects for a moment. Takes up to a few seconds if a listener on the
+// proxy's port does not answer.
 linuxplatform::CheckReport checkSystem(const CommandLine::Options& options);
 
 // The rules that the extension would install, for nft(8). Needs no permission.

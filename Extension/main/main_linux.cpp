@@ -54,13 +54,13 @@ using namespace std::chrono_literals;
 constexpr int kExitCannotRun = 2;
 
 // How long the last events may take to reach the monitoring socket: a companion that has stopped
-// reading must not keep us from ending.
+// reading must not keep the process from ending.
 constexpr auto kDrainTimeout = 500ms;
 
 // The same for the last log lines.
 constexpr auto kLogTimeout = 500ms;
 
-// The one line that says why the process ends, and its exit status.
+// Prints the one line that says why the process ends; returns its exit status.
 int fail(std::string_view reason) {
   const std::string line = "ostravel-extension: " + printableText(reason) + '\n';
   static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, kLogTimeout));
@@ -83,13 +83,13 @@ int fail(const platform::Error& error) {
                  : fail(error.localizedDescription);
 }
 
-// Only the main thread takes signals; every other thread inherits the mask. Neither a peer that
-// goes away while it is being written to nor a log that has reached its largest size (RLIMIT_FSIZE)
-// must end the process.
+// Only the main thread receives signals; every other thread inherits the mask. Neither a peer that
+// closes while we write to it nor a log that has reached its largest size (RLIMIT_FSIZE) may end
+// the process.
 sigset_t takeOverSignals() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  // The parent may have left it ignored.
+  // It may be ignored, which is inherited from the parent.
   std::signal(SIGCHLD, SIG_DFL);
   sigset_t taken;
   sigemptyset(&taken);
@@ -107,14 +107,14 @@ int waitForSignal(const sigset_t& taken) {
   return signal;
 }
 
-// A terminal that is closed sends SIGHUP to end what was started in it. A service has no terminal
-// (tty(4)); it receives SIGHUP to reload its configuration.
+// A terminal that is closed sends SIGHUP to end the programs started in it. A service has no
+// terminal (tty(4)); it receives SIGHUP to reload its configuration.
 bool hasTerminal() {
   const FileDescriptor terminal(::open("/dev/tty", O_RDONLY | O_NOCTTY | O_CLOEXEC));
   return terminal.isOpen();
 }
 
-// Absent when none is wanted. An error is reported once there is a log.
+// Absent if no guardian is wanted. An error is reported once there is a log.
 using MaybeGuardian = std::optional<platform::Result<linuxplatform::Guardian>>;
 
 void reportMissingGuardian(MaybeGuardian& guardian, platform::Log& log) {
@@ -143,7 +143,7 @@ bool isJournalMissing(const CommandLine::Options& options) {
   return options.logSink == LogSink::journal && !linuxplatform::JournalLog::isThere();
 }
 
-// For what is asked for, however slowly it is read.
+// Prints requested output, however slowly it is read.
 int print(const std::string& text) {
   return LineOutput(STDOUT_FILENO).writeAll(text, 60s) ? EXIT_FAILURE : EXIT_SUCCESS;
 }
@@ -159,7 +159,7 @@ int printRules(const CommandLine::Options& options) {
   return rules ? print(*rules) : fail(rules.error());
 }
 
-// A sanitizer runs programs and looks at its own threads at the end.
+// Not with a sanitizer, which runs programs and inspects its threads at the end.
 platform::OptionalError restrictSystemCalls() {
 #ifdef OSTRAVEL_SANITIZED
   return std::nullopt;
@@ -236,7 +236,7 @@ int run(int argc, char** argv) {
   }
   linuxplatform::ServiceStatus status(
       [](const std::string& assignments) { ::sd_notify(0, assignments.c_str()); });
-  // Made when the context that it is given to exists.
+  // Set once the provider exists, which needs the context first.
   std::weak_ptr<PacketTunnelProvider> watchedProvider;
   const ControlAnswers* observedAnswers = nullptr;
   linuxplatform::ProxyingState proxying;
@@ -261,7 +261,7 @@ int run(int argc, char** argv) {
            },
        .proxyUsers = commandLine.options->proxyUsers,
        .resender = resender ? *resender : nullptr,
-       // An application must not be able to name itself out of the proxy.
+       // An application must not be able to exempt itself by its name.
        .reservedIdentifiers = {exempt.begin(), exempt.end()},
        .onProxyWatched =
            [&status, &proxying, &platform](const std::string& proxy) {
@@ -334,12 +334,12 @@ int run(int argc, char** argv) {
   provider.reset();
   loops.stop();
   record.beat();
-  // Whatever is left after that is stuck in a write.
+  // Items that still run are stuck in a write.
   static_cast<void>(platform.drain(std::chrono::steady_clock::now() + kDrainTimeout));
   static_cast<void>(platform.flushLog(std::chrono::steady_clock::now() + kLogTimeout));
   const int exitStatus = startError ? fail(*startError) : EXIT_SUCCESS;
-  // Not by return: that would wait for a work item that is stuck in a write to the monitoring
-  // socket. The kernel frees everything else.
+  // Returning would wait for a work item that is stuck in a write to the monitoring socket. The
+  // kernel frees everything else.
   ::_exit(exitStatus);
 }
 
@@ -352,7 +352,7 @@ int main(int argc, char** argv) {
     return failure.code() == std::errc::too_many_files_open ? failForDescriptors(failure.what())
                                                             : fail(failure.what());
   } catch (const std::exception& failure) {
-    // What the libraries and the making of threads, loops and queues report.
+    // Thrown by libraries, and by creating threads, loops and queues.
     return fail(failure.what());
   }
 }

@@ -11,17 +11,17 @@
 using namespace ostravel;
 
 int main() {
-  // A peer that goes away while it is written to must not end the process.
+  // A peer that closes while we write to it must not end the process.
   std::signal(SIGPIPE, SIG_IGN);
 
-  // Never destroyed: work of the core may be under way until the very end of the process.
+  // Never destroyed: the core may still be working when the process ends.
   static macos::MacPlatform& platform = *new macos::MacPlatform();
   macos::setProviderFactory([](platform::ProviderContext& context) {
     return std::make_unique<PacketTunnelProvider>(platform, context);
   });
 
   @autoreleasepool {
-    // From here on the system makes the principal object and calls it.
+    // The system creates the principal object and calls it from now on.
     [NEProvider startSystemExtensionMode];
   }
   dispatch_main();
