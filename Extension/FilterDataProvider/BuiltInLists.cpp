@@ -4,7 +4,7 @@ namespace ostravel::built_in {
 
 std::unordered_set<std::string> bypassAppIds() {
   return {
-      // Ourselves.
+      // This system.
       "com.ostravel.proxy-sidecar",
       "com.ostravel.helper",
       "com.ostravel.desktop",
@@ -17,7 +17,7 @@ std::unordered_set<std::string> bypassAppIds() {
       "com.apple.geod",
       "com.apple.cloudd",
       "com.apple.WebCore",
-      // VPN clients: their tunnels have to reach the network by themselves.
+      // VPN clients: their tunnels must reach the network directly.
       "com.cisco.anyconnect",
       "com.mullvad.vpn",
       "com.nordvpn.osx",
@@ -113,7 +113,7 @@ std::vector<std::string> realtimeMediaDomains() {
 }
 
 std::vector<std::string> interceptedPorts() {
-  // The web, and the usual ports of local model servers and development servers.
+  // The web, and the usual ports of model servers and development servers.
   return {"80", "443", "11434", "1234", "8000", "5000", "7860"};
 }
 

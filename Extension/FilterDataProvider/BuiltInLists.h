@@ -6,9 +6,9 @@
 
 namespace ostravel::built_in {
 
-// Applications whose flows are never proxied, by identifier. Flows are looked up by their
-// lower-cased identifier, but the entries are not lower-cased: one with capitals matches nothing
-// and only documents the vendor's spelling.
+// The identifiers of applications whose flows are never proxied. Flows are looked up by their
+// lower-cased identifier, but the entries are not lower-cased: an entry with capitals matches
+// nothing and only documents the vendor's spelling.
 std::unordered_set<std::string> bypassAppIds();
 
 // Hosts that are never proxied. An entry with a leading "." matches subdomains only, an entry

@@ -24,11 +24,11 @@ class DomainList {
 
  private:
   std::vector<std::string> entries_;
-  // Made once, since the decision walks the list for every new kind of flow.
+  // Computed once, because the decision scans the list for every new kind of flow.
   std::vector<std::string> lowercasedEntries_;
 };
 
-// Lower-cased, and without any "." at its beginning and end.
+// The host in lower case, without leading and trailing dots.
 std::string normalisedHost(std::string_view host, const platform::TextServices& text);
 
 }  // namespace ostravel

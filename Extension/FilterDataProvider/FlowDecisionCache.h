@@ -7,39 +7,38 @@
 
 namespace ostravel {
 
-// The decisions that are remembered, each until its expiry. A template of the decision, so that it
-// can be used, and tested, without the provider. Owned by the provider; not safe for use by several
-// threads while one of them changes it.
+// Remembers decisions, each until its expiry. A template, so that it can be used and tested without
+// the provider. Owned by the provider; several threads may read it only while none changes it.
 //
-// There is no limit: expired entries are removed only by a store that finds more than the
-// threshold, and entries that are still valid always stay. Beside the table, all entries are in the
-// order of their expiry, so a sweep looks at the entries that it removes and at one more. However
-// many entries stay, a store costs the same, averaged over all stores.
+// It has no size limit: expired entries are removed only by a store that finds more than the
+// threshold, and valid entries always stay. A second index keeps the entries in the order of their
+// expiry, so a sweep visits only the entries that it removes and one more. The amortised cost of a
+// store does not depend on the number of entries.
 template <typename Decision>
 class FlowDecisionCache {
  public:
-  // A sweep needs more than this many entries.
+  // Expired entries are removed only if there are more entries than this.
   static constexpr std::size_t kPruningThreshold = 2000;
 
   struct Entry {
     Decision decision;
-    // Seconds since 1970 from which on the entry does not count.
+    // Seconds since 1970 from which on the entry is ignored.
     double expiry;
   };
 
   FlowDecisionCache() = default;
-  // The order points into the table.
+  // Not copyable: order_ points into the table.
   FlowDecisionCache(const FlowDecisionCache&) = delete;
   FlowDecisionCache& operator=(const FlowDecisionCache&) = delete;
 
-  // Also finds an entry that has expired; null when there is none. Valid until the next change.
+  // Also finds an expired entry; null if there is none. Valid until the next change.
   const Entry* find(const std::string& key) const {
     const auto found = slots_.find(key);
     return found == slots_.end() ? nullptr : &found->second.entry;
   }
 
-  // Removes what has expired at now, if there are more than kPruningThreshold entries. Then adds
-  // the entry, or replaces the one of this key.
+  // If there are more than kPruningThreshold entries, removes those that have expired at now. Then
+  // adds the entry, or replaces the one with this key.
   void store(const std::string& key, Decision decision, double expiry, double now) {
     if (size() > kPruningThreshold) {
       sweep(now);
@@ -48,7 +47,7 @@ class FlowDecisionCache {
     if (!isNew) {
       order_.erase(slot->second.place);
     }
-    // Time usually goes forward, so the end is usually the place.
+    // New entries usually expire last.
     const auto place = order_.emplace_hint(order_.end(), expiry, &slot->first);
     slot->second = {{decision, expiry}, place};
   }
@@ -56,7 +55,7 @@ class FlowDecisionCache {
   std::size_t size() const { return slots_.size(); }
 
  private:
-  // By expiry; the keys are those of the table.
+  // Ordered by expiry; points to the keys of the table.
   using Order = std::multimap<double, const std::string*>;
 
   struct Slot {

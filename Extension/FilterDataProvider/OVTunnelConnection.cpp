@@ -20,9 +20,9 @@ namespace {
 
 constexpr std::string_view kStateKeyPath = "state";
 
-// What the answer may hold before its end is seen; far above what any proxy sends.
+// Limit on an answer without an end; far larger than any proxy's answer.
 constexpr std::int64_t kMaxHeaderBytes = 16384;
-// Any normal answer to CONNECT fits in one read.
+// Any normal answer to CONNECT fits into one read.
 constexpr std::size_t kHandshakeReadMaximum = 4096;
 
 constexpr double kMillisecondsPerSecond = 1000.0;
@@ -63,8 +63,8 @@ void OVTunnelConnection::start() {
   handshakeWatchdog().start();
   connection_->addObserver(weak_from_this(), kStateKeyPath);
   isObserving_ = true;
-  // On another thread the watchdog may have closed the tunnel, or a notification may have closed it
-  // or begun the handshake, before there was an observer on record that it could remove.
+  // In the meantime another thread may have closed the tunnel or begun the handshake, for the
+  // watchdog or a notification, before there was a registered observer to remove.
   if (isClosed_ || didStartHandshake_) {
     stopObserving();
     return;
@@ -110,7 +110,7 @@ void OVTunnelConnection::observeValue(std::optional<std::string_view> keyPath,
 
 void OVTunnelConnection::startHandshake() {
   const bool isFirst = !didStartHandshake_.exchange(true);
-  // Also for the second caller, who may be the one that put the observer on record.
+  // The second caller as well: it may be the one that registered the observer.
   stopObserving();
   if (!isFirst) {
     return;
@@ -147,7 +147,7 @@ void OVTunnelConnection::startHandshake() {
   });
 }
 
-// The host as the endpoint gives it, bracketed if it is an IPv6 literal (RFC 9112, section 3.2.3).
+// The endpoint's host, in brackets if it is an IPv6 literal (RFC 9112, section 3.2.3).
 std::string OVTunnelConnection::connectionTarget() const {
   const auto endpoint = flow_->remoteEndpoint();
   if (!endpoint) {
@@ -235,7 +235,8 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
     pipeRemoteToLocal();
     return;
   }
-  // The other direction starts only after the leftover, so that nothing overtakes it.
+  // The other direction starts after the leftover has been written, so that no later bytes overtake
+  // it.
   flow_->write(std::move(leftoverData), [weakSelf = weak_from_this()](const OptionalError& error) {
     const auto self = weakSelf.lock();
     if (!self) {
@@ -254,7 +255,7 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
 // Watchdog
 
 ProxyTunnelHandshakeWatchdog& OVTunnelConnection::handshakeWatchdog() {
-  // Not std::call_once, which makes a system call although nobody waits.
+  // Not std::call_once, which makes a system call even without contention.
   const std::lock_guard guard(handshakeWatchdogLock_);
   if (!handshakeWatchdog_) {
     handshakeWatchdog_ = std::make_shared<ProxyTunnelHandshakeWatchdog>(
@@ -360,7 +361,7 @@ void OVTunnelConnection::close(OptionalError error) {
   }
 }
 
-// What failed before the close has been noted already, and counts.
+// A failure before the close has already been recorded, and takes precedence.
 void OVTunnelConnection::noteClose(const OptionalError& error) {
   using platform::FlowEnd;
   if (didEstablishHandshake_) {

@@ -26,11 +26,11 @@ namespace ostravel {
 //
 // Owned by the provider's table until it reports its close. Completions hold it weakly, except the
 // relay's writes. Runs on the platform's completion threads, where completions of one tunnel never
-// overlap; what the watchdog's timer and the provider's stop can also reach is atomic.
+// overlap; state that the watchdog's timer and the provider's stop also use is atomic.
 //
 // States: created; waiting for the connection; sending the request; reading the answer;
 // established; closed. There is no half-close: an end of stream either way ends both ways.
-// Destroying a tunnel only releases what it holds, so its owner closes it first.
+// Destroying a tunnel does not close it, so its owner closes it first.
 class OVTunnelConnection final : public platform::KeyValueObserver,
                                  public std::enable_shared_from_this<OVTunnelConnection> {
  public:
@@ -57,7 +57,7 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
 
   void observeValue(std::optional<std::string_view> keyPath, platform::Observable* object) override;
 
-  // The watchdog, made on first use.
+  // The watchdog, created on first use.
   ProxyTunnelHandshakeWatchdog& handshakeWatchdog();
 
  private:
@@ -80,8 +80,8 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
 
   void pipeLocalToRemote();
   void pipeRemoteToLocal();
-  // Whether the relay goes on after a read or a write. Otherwise the tunnel has been closed, with
-  // the error, which was logged in this format, or in order at the end of the stream.
+  // True if the relay continues after a read or a write. Otherwise the tunnel has been closed: with
+  // the error, which has been logged in this format, or in order at the end of the stream.
   bool goesOn(const std::optional<platform::Data>& data, platform::OptionalError error,
               std::string_view logFormat);
   bool goesOn(platform::OptionalError error, std::string_view logFormat);
@@ -110,12 +110,12 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   std::atomic<bool> didEstablishHandshake_ = false;
   ProxyConnectResponseParser connectResponseParser_;
   double handshakeStartedAt_;
-  // For reference only, in a debugger or a crash report: nothing reads them, the connection that
-  // was passed in decides where the tunnel leads.
+  // For a debugger or a crash report only: the connection that was passed in decides where the
+  // tunnel leads.
   [[maybe_unused]] const std::string proxyHost_{platform::limits::kProxyHost};
   [[maybe_unused]] const std::uint16_t proxyPort_ = platform::limits::kProxyPort;
   std::mutex handshakeWatchdogLock_;
-  // Guarded by handshakeWatchdogLock_; not replaced once it is made.
+  // Guarded by handshakeWatchdogLock_; never replaced once it has been created.
   std::shared_ptr<ProxyTunnelHandshakeWatchdog> handshakeWatchdog_;
 };
 

@@ -1,5 +1,5 @@
-// The life of the provider: what it is made of, its start and its stop. What it does meanwhile is
-// in the sources of its health loop, its decision and its dispatch.
+// The provider's construction, start and stop. Its health loop, its decision and its dispatch have
+// sources of their own.
 
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 
@@ -49,7 +49,7 @@ PacketTunnelProvider::PacketTunnelProvider(platform::Platform& platform,
       proxyHealthQueue_(platform.makeQueue("com.ostravel.proxyHealth", DispatchQueueKind::serial)),
       bypassCacheQueue_(
           platform.makeQueue("com.ostravel.bypassCache", DispatchQueueKind::concurrent)) {
-  // Both only guard a table.
+  // Both queues only guard a table.
   activeTunnelsQueue_->itemsNeverBlock();
   bypassCacheQueue_->itemsNeverBlock();
   log_->info("OstravelProxy: init()");
@@ -134,7 +134,7 @@ platform::TransparentProxyNetworkSettings PacketTunnelProvider::networkSettings(
       included.push_back(rule("::", port, 0, NetworkRuleProtocol::udp));
     }
   }
-  // Our own connections to the local proxy stay outside.
+  // Our own connections to the local proxy are excluded.
   const std::string proxyPort = std::to_string(platform::limits::kProxyPort);
   settings.excludedNetworkRules = {rule("127.0.0.1", proxyPort, 32, NetworkRuleProtocol::tcp),
                                    rule("::1", proxyPort, 128, NetworkRuleProtocol::tcp)};

@@ -27,13 +27,13 @@
 
 namespace ostravel {
 
-// The principal object: decides for every new flow whether it goes straight to its destination, is
-// refused, or is carried through the local proxy, and keeps the system's connectivity safe while
-// the proxy is down.
+// The principal object: decides for every new flow whether it goes directly to its destination, is
+// refused, or is carried through the local proxy, and preserves the system's connectivity while the
+// proxy is down.
 //
-// One per process, made and held by the platform; started and stopped once each. Owns its settings,
-// its queues and every live tunnel. handleNewFlow may be called from any thread and never waits.
-// All settings are built in, but for the monitoring socket path.
+// One per process, created and owned by the platform; started and stopped once each. Owns its
+// settings, its queues and every live tunnel. handleNewFlow may be called on any thread and never
+// waits. All settings are built in, except the monitoring socket path.
 class PacketTunnelProvider final : public platform::TransparentProxyProvider {
  public:
   enum class FlowAction {
@@ -50,18 +50,18 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
 
   void startProxy(std::optional<platform::ProviderConfiguration> options,
                   platform::ErrorCompletion completion) override;
-  // Forgets the tunnels without closing them; they end by themselves or with the process.
+  // Forgets the tunnels without closing them; they end on their own or with the process.
   void stopProxy(platform::ProviderStopReason reason, std::function<void()> completion) override;
   bool handleNewFlow(std::shared_ptr<platform::AppProxyFlow> flow) override;
 
-  // Which flows it asks the platform for.
+  // Selects the flows that the platform offers.
   static platform::TransparentProxyNetworkSettings networkSettings();
 
   // Whether new flows may go to the local proxy; absent until the first probe has been answered.
   // Usable from any thread.
   std::optional<bool> isGateOpen() const;
 
-  // What the health loop has found. Times are seconds since 1970. Usable from any thread, as are
+  // The results of the health loop. Times are seconds since 1970. Usable from any thread, as are
   // the counts below.
   struct Health {
     // Absent until the first probe has been answered.
@@ -77,16 +77,17 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   std::size_t pendingHandshakes() const { return tunnelAdmissionController_.pendingCount(); }
   ProxyTunnelMonitoringClient::Counts eventCounts() const { return monitoringClient_->counts(); }
 
-  // The rule that would decide about a new flow now. Remembers nothing. remote: as in a flow.
+  // The rule that would decide about a new flow now. Does not change the cache. remote: as in a
+  // flow.
   platform::FlowRule explain(std::string_view appId, const platform::HostEndpoint& remote,
                              bool isUDP) const;
 
-  // The decision by the built-in lists alone. Depends on nothing but its arguments.
+  // The decision by the built-in lists only. Depends only on its arguments.
   FlowAction determineNormalFlowAction(std::string_view appId, std::string_view host,
                                        bool isUDP) const;
 
-  // The decision as it counts now: remembered for 30 seconds, and overridden by the safety gate.
-  // appId is trimmed; host is as the flow gives it.
+  // The effective decision: cached for 30 seconds, and overridden by the safety gate. appId is
+  // trimmed; host is as the flow reports it.
   FlowAction decideFlowAction(std::string_view appId, std::string_view host, bool isUDP);
 
  private:
@@ -106,15 +107,15 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   ProxyHealthMonitor& proxyHealthMonitor();
   ProxyTCPReachabilityProbe& proxyReachabilityProbe();
   void emitProxyHealthEvent(ProxyHealthEvent event);
-  // Records the gate's state after it may have changed.
+  // Records the gate's state; called after it may have changed.
   void noteGate();
 
   std::optional<FlowAction> cachedFlowAction(const std::string& key, double now);
   void storeFlowAction(std::string key, FlowAction action, double now);
   FlowAction applyProxySafetyGate(FlowAction action, bool isUDP) const;
-  // By the built-in lists alone.
+  // The rule of the built-in lists.
   platform::FlowRule normalRule(std::string_view appId, std::string_view host, bool isUDP) const;
-  // Of a flow that is left to the system.
+  // The rule for a flow that is left to the system.
   platform::FlowRule bypassRule(std::string_view appId, std::string_view host, bool isUDP) const;
   static void noteDecision(platform::AppProxyFlow& flow, platform::FlowRule rule);
 
@@ -154,14 +155,14 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   mutable std::mutex healthLock_;
   // Guarded by healthLock_.
   Health health_;
-  // Made on first use, on the health queue.
+  // Created on first use, on the health queue.
   std::optional<ProxyHealthMonitor> proxyHealthMonitor_;
   std::optional<ProxyTCPReachabilityProbe> proxyReachabilityProbe_;
   const std::shared_ptr<platform::DispatchQueue> proxyHealthQueue_;
   std::shared_ptr<platform::DispatchTimer> proxyHealthTimer_;
   const std::shared_ptr<platform::DispatchQueue> bypassCacheQueue_;
-  // Changed only by barrier items of its queue. Results of every kind are kept, as they were before
-  // the safety gate, whose state is never remembered.
+  // Changed only by barrier items of its queue. Contains every kind of decision, before the safety
+  // gate is applied, whose state is never cached.
   FlowDecisionCache<FlowAction> bypassCache_;
 };
 

@@ -1,4 +1,4 @@
-// The provider's decision about a flow, and its memory of decisions.
+// The provider's decision about a flow, and its cache of decisions.
 
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 
@@ -45,7 +45,7 @@ FlowRule PacketTunnelProvider::normalRule(std::string_view appId, std::string_vi
 FlowRule PacketTunnelProvider::bypassRule(std::string_view appId, std::string_view host,
                                           bool isUDP) const {
   const FlowRule rule = normalRule(appId, host, isUDP);
-  // The lists would not have left it alone.
+  // The flow goes direct although the lists say otherwise: only the gate can be the reason.
   const bool isOverridden = rule == FlowRule::proxied || rule == FlowRule::refusedUDP;
   return isOverridden ? FlowRule::gateClosed : rule;
 }

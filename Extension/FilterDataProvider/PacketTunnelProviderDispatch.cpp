@@ -1,5 +1,5 @@
-// What the provider does with a new flow: it leaves it to the system, closes it, or opens it and
-// makes a tunnel for it.
+// The provider's handling of a new flow: it leaves it to the system, closes it, or opens it and
+// creates a tunnel for it.
 
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 

@@ -1,4 +1,4 @@
-// The provider's health loop: one probe of the local proxy a second, and what follows from it.
+// The provider's health loop: one probe of the local proxy per second, and its consequences.
 
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
 
@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kProbeInterval = 1s;
 constexpr auto kProbeLeeway = 150ms;
-// Short enough that a tick is over before the next one is due.
+// Short enough that a tick ends before the next one is due.
 constexpr std::chrono::duration<double> kProbeTimeout = 350ms;
 
 }  // namespace
@@ -53,7 +53,7 @@ void PacketTunnelProvider::probeProxyHealth() {
   noteGate();
 }
 
-// Two writers at once can only make the time of the change a moment too late.
+// Two concurrent writers can only make the time of the change slightly late.
 void PacketTunnelProvider::noteGate() {
   const auto isOpen = isGateOpen();
   const double now = platform_.clock().secondsSince1970();

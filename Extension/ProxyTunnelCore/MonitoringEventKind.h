@@ -11,10 +11,10 @@ namespace ostravel {
 
 enum class MonitoringLevel { info, error };
 
-// The word for a level in an event.
+// The name of a level in an event.
 std::string_view rawValue(MonitoringLevel level);
 
-// What all events of one kind have in common.
+// The values that all events of one kind share.
 struct MonitoringEventKind {
   std::string_view signal;
   std::string_view code;
@@ -28,8 +28,8 @@ ProxyTunnelMonitoringEvent makeMonitoringEvent(
     std::optional<std::string> flowID, std::optional<ProxyTunnelMonitoringEvent::Context> context,
     std::optional<ProxyTunnelMonitoringEvent::Metrics> metrics);
 
-// Every kind of event that the system emits. Receivers know the signals and codes: they stay as
-// they are, also where the two differ.
+// Every kind of event that the system emits. Receivers depend on the signals and codes, so they
+// never change, even where the two differ.
 namespace monitoring_events {
 
 // The provider.

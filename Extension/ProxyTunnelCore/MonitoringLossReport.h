@@ -10,19 +10,19 @@
 
 namespace ostravel {
 
-// Words the line that explains lost monitoring events to the person who reads the log: which
-// path, why, and how many since the line before. The line for each event gives only a code. Owned
-// by the delivery of the events and used on its queue.
+// Composes the log line that explains lost monitoring events: the path, the reason, and the number
+// since the previous line. The line for each event contains only a code. Owned by the delivery of
+// the events and used on its queue.
 class MonitoringLossReport {
  public:
-  // Between two lines. They explain; the failures themselves are all in the log.
+  // Between two lines: they only explain the failures, each of which is logged.
   static constexpr double kSecondsBetweenLines = 60.0;
 
-  // An event could not be delivered. The line to write now, if it is time for one.
+  // An event could not be delivered. Returns the line to write now, if one is due.
   std::optional<std::string> lost(std::string_view path, const platform::Error& error,
                                   double secondsSince1970);
 
-  // An event was delivered. A line if some were lost since the last one and it is time for one.
+  // An event was delivered. Returns a line if some were lost since the last one and one is due.
   std::optional<std::string> delivered(std::string_view path, double secondsSince1970);
 
  private:

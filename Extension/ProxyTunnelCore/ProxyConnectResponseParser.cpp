@@ -13,7 +13,7 @@ using connect_response::Rejected;
 
 constexpr std::string_view kLineEnd = "\r\n";
 
-// Only a prefix: the reason phrase and the rest of the line are up to the proxy.
+// Compares only a prefix: the proxy is free to choose the rest of the line.
 bool reportsSuccess(std::string_view statusLine) {
   return statusLine.starts_with("HTTP/1.1 200") || statusLine.starts_with("HTTP/1.0 200");
 }

@@ -13,10 +13,10 @@
 
 namespace ostravel {
 
-// What one more chunk of the proxy's answer makes of it.
+// The outcome of adding a chunk of the proxy's answer.
 namespace connect_response {
 
-// The tunnel is open; leftover is what followed the header and belongs to the application.
+// The tunnel is open. leftover: the bytes after the header, which belong to the application.
 struct Established {
   std::vector<std::byte> leftover;
 };
@@ -37,15 +37,15 @@ using ProxyConnectResponseOutcome =
     std::variant<connect_response::Established, connect_response::Rejected,
                  connect_response::Invalid, connect_response::NeedMoreData>;
 
-// Accumulates the proxy's answer to CONNECT and decides as soon as it can whether the tunnel is
-// open. Looks at the status line only. Owned by one tunnel and used by one thread at a time; keeps
-// every byte it was given, which the limit bounds to maxHeaderBytes and one read.
+// Accumulates the proxy's answer to CONNECT and decides as soon as possible whether the tunnel is
+// open. Examines only the status line. Owned by one tunnel and used by one thread at a time. Keeps
+// every byte that it receives, which the limit bounds to maxHeaderBytes and one read.
 class ProxyConnectResponseParser {
  public:
-  // maxHeaderBytes: how many bytes are tolerated while the end of the header has not been seen.
+  // maxHeaderBytes: how many bytes are tolerated without the end of the header.
   ProxyConnectResponseParser(std::int64_t maxHeaderBytes, const platform::TextServices& text);
 
-  // Adds a chunk and judges everything received so far, afresh.
+  // Adds a chunk and judges everything received so far.
   ProxyConnectResponseOutcome append(std::span<const std::byte> data);
 
  private:
@@ -54,8 +54,7 @@ class ProxyConnectResponseParser {
   const std::int64_t maxHeaderBytes_;
   const platform::TextServices& text_;
   std::string buffer_;
-  // A field and not a constant of the source, so that a debugger shows with the buffer what was
-  // looked for in it.
+  // A member, so that a debugger shows it beside the buffer in which it is searched for.
   const std::string headerTerminator_ = "\r\n\r\n";
 };
 

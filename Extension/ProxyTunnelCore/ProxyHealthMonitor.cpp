@@ -6,7 +6,7 @@ namespace ostravel {
 
 namespace {
 
-// A first result that is reachable opens the gate silently: no outage was reported before it.
+// If the first result is reachable, the gate opens without an event: no outage was reported before.
 std::optional<ProxyHealthEvent> eventFor(std::optional<ProxyHealthProbeResult> previous,
                                          ProxyHealthProbeResult result) {
   if (previous == result) {

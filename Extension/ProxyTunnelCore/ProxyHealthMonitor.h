@@ -12,10 +12,10 @@ enum class ProxyHealthProbeResult { reachable, unreachable };
 
 enum class ProxyHealthEvent { proxyUnavailable, proxyRecovered };
 
-// Turns probe results into the state of the safety gate and into at most one event per change of
-// the probe's view. The gate also has another writer, a tunnel that fails, which raises no event;
-// so the gate follows the latest probe while events follow the changes between probes.
-// Used only on the provider's health queue, and has no lock for that reason.
+// Turns probe results into the state of the safety gate, and into at most one event per change of
+// the results. A failing tunnel also sets the gate, without an event; so the gate follows the
+// latest probe, whereas events follow the changes between probes. Used only on the provider's
+// health queue, so it needs no lock.
 class ProxyHealthMonitor {
  public:
   using EventHandler = std::function<void(ProxyHealthEvent)>;

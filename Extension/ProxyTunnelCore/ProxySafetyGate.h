@@ -18,7 +18,7 @@ class ProxySafetyGate {
  private:
   mutable std::mutex lock_;
   bool proxyUnavailable_;
-  // The hook for a source of network state; nothing sets it yet.
+  // Reserved for a source of network state; not set yet.
   bool networkUnavailable_;
 };
 

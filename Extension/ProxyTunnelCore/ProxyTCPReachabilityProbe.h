@@ -9,11 +9,11 @@
 
 namespace ostravel {
 
-// Answers one question: does a TCP connection to the local proxy succeed right now? Opens a
-// connection, sends nothing, and closes it at once. Has no mutable state; usable from any thread.
+// Tests whether a TCP connection to the local proxy succeeds: opens one, sends nothing, and closes
+// it at once. Has no mutable state; usable from any thread.
 class ProxyTCPReachabilityProbe {
  public:
-  // host is an IPv4 dotted quad: names are never resolved, anything else is unreachable.
+  // host is an IPv4 dotted quad; anything else is unreachable, because names are never resolved.
   ProxyTCPReachabilityProbe(platform::SocketCalls& sockets, std::string host, std::uint16_t port,
                             std::chrono::duration<double> timeout);
 

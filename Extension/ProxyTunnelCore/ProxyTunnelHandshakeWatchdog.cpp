@@ -9,14 +9,14 @@ namespace ostravel {
 namespace {
 
 void disarm(platform::DispatchTimer& timer) {
-  // The empty handler lets go of what the old one holds, and keeps an expiration that is already
-  // due from doing anything.
+  // The empty handler releases the old one's captures, and makes an expiration that is already due
+  // harmless.
   timer.setEventHandler([] {});
   timer.cancel();
 }
 
 std::chrono::nanoseconds delayFor(double seconds) {
-  // Longer time-outs are cut to ten years, so that the count of nanoseconds cannot overflow.
+  // Longer time-outs are limited to ten years, so that the count of nanoseconds cannot overflow.
   constexpr double kLongest = 10.0 * 365.0 * 24.0 * 3600.0;
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
       std::chrono::duration<double>(std::min(seconds, kLongest)));
@@ -33,7 +33,7 @@ ProxyTunnelHandshakeWatchdog::ProxyTunnelHandshakeWatchdog(
       onTimeout_(std::move(onTimeout)) {}
 
 void ProxyTunnelHandshakeWatchdog::start() {
-  // Written so that not-a-number counts as not greater.
+  // Negated, so that not-a-number counts as not greater.
   if (!(timeout_ > 0.0)) {
     onTimeout_();
     return;

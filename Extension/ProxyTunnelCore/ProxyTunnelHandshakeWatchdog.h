@@ -10,9 +10,9 @@
 
 namespace ostravel {
 
-// A one-shot timer with a three-state life, idle, running, finished: started once, then either
-// finished without effect or firing once. Exactly one of the two wins. Owned by a tunnel; held by
-// std::shared_ptr because its timer holds it weakly. Usable from any thread.
+// A one-shot timer with three states: idle, running, finished. Once started, it is either finished
+// without effect or fires, never both. Owned by a tunnel; held by std::shared_ptr because its timer
+// holds it weakly. Usable from any thread.
 class ProxyTunnelHandshakeWatchdog
     : public std::enable_shared_from_this<ProxyTunnelHandshakeWatchdog> {
  public:
@@ -25,11 +25,11 @@ class ProxyTunnelHandshakeWatchdog
                                std::shared_ptr<platform::DispatchQueue> queue,
                                TimeoutHandler onTimeout);
 
-  // Arms an idle watchdog; has no effect on one that is running or finished. With a timeout that is
-  // not greater than zero it calls onTimeout at once, here, and leaves the state as it is.
+  // Starts an idle watchdog; has no effect on one that is running or finished. With a timeout that
+  // is not greater than zero it calls onTimeout synchronously and does not change the state.
   void start();
 
-  // The timer's work: the timeout, if the watchdog is still running.
+  // Called by the timer: calls onTimeout if the watchdog is still running.
   void handleTimeout();
 
   // Ends a running watchdog; one that was never started stays idle.
@@ -38,10 +38,10 @@ class ProxyTunnelHandshakeWatchdog
   State state() const;
 
  private:
-  // Makes the timer that of a running watchdog, if this one is idle.
+  // If the watchdog is idle, makes it run with this timer.
   bool adopt(const std::shared_ptr<platform::DispatchTimer>& timer);
 
-  // Both expect the lock to be held.
+  // Called with the lock held.
   void finish();
   TimeoutHandler takeTimeout();
 

@@ -18,14 +18,14 @@ using platform::OptionalError;
 
 namespace {
 
-// What an allocation costs beside the bytes that were asked for: its header and rounding.
+// The overhead of an allocation: its header and rounding.
 constexpr std::size_t kAllocationBytes = 32;
-// The work item without its event: two shared pointers and the queue's own entry.
+// A work item without its event: two shared pointers and the queue's entry.
 constexpr std::size_t kWorkItemBytes = 256;
 // The links and the colour of a node of a map.
 constexpr std::size_t kMapNodeBytes = 4 * sizeof(void*);
 
-// Counted as if every string were too long for the small-string optimisation.
+// Assumes that no string is short enough to be stored inline.
 std::size_t heapBytes(const std::string& text) {
   return text.capacity() + 1 + kAllocationBytes;
 }
@@ -49,7 +49,7 @@ std::size_t heapBytes(const std::optional<Value>& value) {
   return value ? heapBytes(*value) : 0;
 }
 
-// An upper bound on the memory that an event takes while its work item waits.
+// An upper bound on the memory of an event while its work item waits.
 std::size_t waitingBytes(const ProxyTunnelMonitoringEvent& event) {
   std::size_t bytes = kWorkItemBytes + sizeof(event) + 2 * kAllocationBytes;
   for (const std::string* text :
@@ -68,7 +68,7 @@ class ProxyTunnelMonitoringClient::Delivery {
   Delivery(platform::Platform& platform, ProxyTunnelMonitoringFrameEncoder encoder, Sender sender)
       : platform_(platform), encoder_(encoder), sender_(std::move(sender)) {}
 
-  // Whether an event of this size may wait; if not, it is counted as dropped.
+  // True if an event of this size may wait; otherwise counts it as dropped.
   bool admit(std::size_t bytes) {
     std::size_t waiting = waitingBytes_;
     do {
@@ -82,7 +82,7 @@ class ProxyTunnelMonitoringClient::Delivery {
     return true;
   }
 
-  // bytes are those that were admitted.
+  // bytes: as admitted.
   void deliver(const ProxyTunnelMonitoringEvent& event, const std::string& path,
                std::size_t bytes) {
     const auto error = attempt(event, path);
@@ -121,8 +121,8 @@ class ProxyTunnelMonitoringClient::Delivery {
     }
   }
 
-  // Not before half of the room is free: a companion that is merely slow would cause a line for
-  // each event that it takes.
+  // Only once half of the room is free: a slow companion would otherwise cause a line for each
+  // event that it receives.
   void reportDroppedEvents() {
     if (waitingBytes_ > kMaxWaitingBytes / 2) {
       return;
@@ -136,7 +136,7 @@ class ProxyTunnelMonitoringClient::Delivery {
   const ProxyTunnelMonitoringFrameEncoder encoder_;
   const Sender sender_;
   std::atomic<std::size_t> waitingBytes_ = 0;
-  // Not reported yet.
+  // Dropped events that have not been reported yet.
   std::atomic<std::uint64_t> droppedEvents_ = 0;
   MonitoringLossReport lossReport_;
   struct Totals {
@@ -213,7 +213,7 @@ void ProxyTunnelMonitoringClient::emit(ProxyTunnelMonitoringEvent event) {
   if (!delivery_->admit(bytes)) {
     return;
   }
-  // The path in effect now is used even if it changes before the item runs.
+  // The current path applies even if it changes before the item runs.
   queue_->async([delivery = delivery_, path = std::move(path), event = std::move(event), bytes] {
     delivery->deliver(event, *path, bytes);
   });

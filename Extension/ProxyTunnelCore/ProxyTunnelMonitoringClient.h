@@ -17,10 +17,10 @@
 
 namespace ostravel {
 
-// Delivers events to the companion that listens on the monitoring socket. Fire and forget: callers
-// never wait and never learn of a failure; an event that cannot be delivered is lost after one line
-// in the system log, which a MonitoringLossReport explains. Owned by the provider for its whole
-// life and shared with every tunnel; usable from any thread.
+// Delivers events to the companion that listens on the monitoring socket. Callers never wait and
+// are not informed of failures; an event that cannot be delivered is lost after one line in the
+// system log, which a MonitoringLossReport explains. Owned by the provider for its whole lifetime
+// and shared with every tunnel; usable from any thread.
 //
 // A companion that stops reading stalls the queue, never a caller, and costs at most
 // kMaxWaitingBytes: an event that no longer fits is dropped. Once events are delivered again and
@@ -30,12 +30,12 @@ class ProxyTunnelMonitoringClient {
   using Sender = std::function<platform::OptionalError(const std::string& path,
                                                        std::span<const std::byte> frame)>;
 
-  // Bound on the waiting events with their work items, some two thousand. Enough to survive a
-  // restart of the companion; small enough to be harmless if it hangs forever.
+  // Limit on the memory of waiting events and their work items, about two thousand. Enough to
+  // bridge a restart of the companion; small enough to be harmless if it hangs forever.
   static constexpr std::size_t kMaxWaitingBytes = std::size_t{4} * 1024 * 1024;
 
   // Without a sender, sendFrameToSocket is used. All encoding and sending runs on queue, which is
-  // serial, so frames arrive in the order of emit.
+  // serial, so frames arrive in the order of the calls.
   ProxyTunnelMonitoringClient(platform::Platform& platform, std::optional<std::string> socketPath,
                               std::shared_ptr<platform::DispatchQueue> queue,
                               ProxyTunnelMonitoringFrameEncoder encoder, Sender sender = nullptr);
@@ -45,7 +45,7 @@ class ProxyTunnelMonitoringClient {
 
   void emit(ProxyTunnelMonitoringEvent event);
 
-  // Since the client was made. Events without a path are not counted.
+  // Since the client was created. Events without a path are not counted.
   struct Counts {
     bool hasPath = false;
     std::uint64_t emitted = 0;
@@ -55,14 +55,14 @@ class ProxyTunnelMonitoringClient {
   };
   Counts counts() const;
 
-  // Delivers one frame over a new connection; blocks until the kernel has taken all of it.
-  // Errors: 1101 "OstravelProxy" for a path of more than 103 bytes, else errno.
+  // Delivers one frame over a new connection; blocks until the kernel has accepted all of it.
+  // Errors: 1101 "OstravelProxy" for a path of more than 103 bytes, otherwise errno.
   static platform::OptionalError sendFrameToSocket(platform::SocketCalls& sockets,
                                                    std::string_view path,
                                                    std::span<const std::byte> frame);
 
  private:
-  // What a work item needs; outlives the client as long as items are waiting.
+  // Shared with the work items; outlives the client while items are waiting.
   class Delivery;
 
   platform::Platform& platform_;

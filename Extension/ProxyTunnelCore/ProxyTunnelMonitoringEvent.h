@@ -10,7 +10,7 @@
 
 namespace ostravel {
 
-// One notable occurrence, as it is reported to the monitoring socket. An immutable record.
+// One event, as reported to the monitoring socket. Immutable.
 class ProxyTunnelMonitoringEvent {
  public:
   using Metrics = std::map<std::string, double>;
@@ -34,11 +34,11 @@ class ProxyTunnelMonitoringEvent {
   static constexpr std::size_t kCodingKeyCount = 12;
 
   static std::string_view rawValue(CodingKey key);
-  // Absent for every string that is not one of the twelve keys.
+  // Absent if the string is not one of the twelve keys.
   static std::optional<CodingKey> codingKey(std::string_view rawValue);
 
-  // timestamp is in seconds since 1970; loggedAt is the same moment as an internet date-time.
-  // The message id, the type and the component are filled in here.
+  // timestamp is in seconds since 1970; loggedAt is the same time as an internet date-time. The
+  // constructor sets the message id, the type and the component.
   ProxyTunnelMonitoringEvent(platform::UUIDSource& uuidSource, std::string currentSignal,
                              std::optional<std::string> flowID, std::string level, std::string code,
                              std::string message, std::optional<Metrics> metrics,

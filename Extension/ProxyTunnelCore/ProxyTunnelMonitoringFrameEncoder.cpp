@@ -28,7 +28,7 @@ JSONHandle makeValue(double number) {
   return JSONHandle(json_real(number));
 }
 
-// Collects the members of one object until a value or a key cannot be written.
+// Adds members to one object until a value or a key cannot be encoded.
 class ObjectWriter {
  public:
   template <typename Value>
@@ -52,12 +52,12 @@ class ObjectWriter {
   json_t* object() const { return object_.get(); }
 
  private:
-  // The first failure ends the writing: what would follow it is never read.
+  // Later values are ignored after the first failure.
   void set(std::string_view key, JSONHandle value) {
     if (failedKey_) {
       return;
     }
-    // Takes the value over, also when it fails; a null value makes it fail.
+    // Takes ownership of the value even if it fails; a null value makes it fail.
     if (json_object_setn_new(object_.get(), key.data(), key.size(), value.release()) != 0) {
       failedKey_ = std::string(key);
     }
@@ -124,7 +124,7 @@ ProxyTunnelMonitoringFrameEncoder::encode(const ProxyTunnelMonitoringEvent& even
   if (json_dump_callback(writer.object(), append, &body, kFlags) != 0) {
     return encodingError("The event cannot be written as JSON");
   }
-  // A longer body cannot be described by the prefix; events never come near it.
+  // The prefix cannot express a longer body; events are far smaller.
   if (body.size() > std::numeric_limits<std::uint32_t>::max()) {
     std::abort();
   }

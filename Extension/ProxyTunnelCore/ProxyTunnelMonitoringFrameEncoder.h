@@ -8,7 +8,7 @@
 
 namespace ostravel {
 
-// Builds the frame in which one event travels:
+// Builds the frame that carries one event:
 //
 //   | offset 0: body length, 4 bytes, unsigned, big-endian | offset 4: body, one JSON object |
 //
@@ -17,9 +17,8 @@ class ProxyTunnelMonitoringFrameEncoder {
  public:
   using Frame = std::vector<std::byte>;
 
-  // Fails when a number is not finite or a text is not UTF-8. The domain is then "JSONEncoding",
-  // not the system's own: it is the JSON encoder that refuses the value, which the log line then
-  // says.
+  // Fails if a number is not finite or a text is not UTF-8. The error's domain is then
+  // "JSONEncoding", because the JSON encoder refuses the value.
   platform::Result<Frame> encode(const ProxyTunnelMonitoringEvent& event) const;
 };
 
