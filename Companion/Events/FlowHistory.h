@@ -64,8 +64,8 @@ struct FlowRecord {
 };
 
 // Remembers flows by their identifiers, so that the display of one event can name the application
-// and the destination of its flow. Bounded: ended flows are dropped first, and among them those
-// that have not changed for the longest time. Used by one thread.
+// and the destination of its flow. Open and ended flows have separate limits; beyond these, the
+// flow that has not changed for the longest time is dropped. Used by one thread.
 class FlowHistory {
  public:
   struct Limits {
