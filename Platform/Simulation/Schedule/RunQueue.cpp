@@ -81,19 +81,15 @@ void RunQueue::runInCaller(const std::shared_ptr<WorkLane>& lane, ItemKind kind,
   work();
 }
 
-RunQueue::AlarmNumber RunQueue::setAlarm(std::chrono::nanoseconds moment, Work work) {
-  const AlarmNumber number = nextAlarm_++;
-  alarms_.emplace(AlarmKey{moment, number}, std::move(work));
-  alarmMoments_.emplace(number, moment);
-  return number;
+RunQueue::AlarmKey RunQueue::setAlarm(std::chrono::nanoseconds moment, Work work) {
+  const AlarmKey key{moment, nextAlarm_++};
+  alarms_.emplace(key, std::move(work));
+  return key;
 }
 
-void RunQueue::cancelAlarm(AlarmNumber alarm) {
-  const auto at = alarmMoments_.find(alarm);
-  if (at != alarmMoments_.end()) {
-    alarms_.erase(AlarmKey{at->second, alarm});
-    alarmMoments_.erase(at);
-  }
+void RunQueue::cancelAlarm(const AlarmKey& alarm) {
+  // What the work holds may set or cancel other alarms when it is destroyed.
+  const auto cancelled = alarms_.extract(alarm);
 }
 
 bool RunQueue::runOne() {
@@ -157,7 +153,6 @@ void RunQueue::clear() {
   // Destroying what an item holds may submit further items.
   while (!items_.empty() || !alarms_.empty()) {
     runnable_.clear();
-    alarmMoments_.clear();
     const auto items = std::exchange(items_, {});
     const auto alarms = std::exchange(alarms_, {});
   }
@@ -203,7 +198,6 @@ void RunQueue::soundDueAlarms() {
   while (!alarms_.empty() && alarms_.begin()->first.first <= now_) {
     const auto first = alarms_.begin();
     const Work work = std::move(first->second);
-    alarmMoments_.erase(first->first.second);
     alarms_.erase(first);
     work();
   }

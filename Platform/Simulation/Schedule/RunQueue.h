@@ -29,7 +29,8 @@ enum class RunOrder {
 class RunQueue {
  public:
   using Work = std::function<void()>;
-  using AlarmNumber = std::uint64_t;
+  // By moment, then by the order in which they were set.
+  using AlarmKey = std::pair<std::chrono::nanoseconds, std::uint64_t>;
   // Decides instead of a seed: gives a number below bound, which is above one.
   using Chooser = std::function<std::uint64_t(std::uint64_t bound)>;
 
@@ -59,8 +60,8 @@ class RunQueue {
   void runInCaller(const std::shared_ptr<WorkLane>& lane, ItemKind kind, const Work& work);
 
   // Calls the work once when virtual time reaches the moment; it may only post.
-  AlarmNumber setAlarm(std::chrono::nanoseconds moment, Work work);
-  void cancelAlarm(AlarmNumber alarm);
+  AlarmKey setAlarm(std::chrono::nanoseconds moment, Work work);
+  void cancelAlarm(const AlarmKey& alarm);
 
   // Runs one item; false when none can run at this moment of virtual time.
   bool runOne();
@@ -87,8 +88,6 @@ class RunQueue {
     Work work;
     std::shared_ptr<WorkLane> lane;
   };
-  // By moment, then by the order in which they were set.
-  using AlarmKey = std::pair<std::chrono::nanoseconds, AlarmNumber>;
 
   void makeRunnable(ItemNumber item);
   void publish(WorkLane& lane);
@@ -103,13 +102,12 @@ class RunQueue {
   const Chooser chooser_;
   std::chrono::nanoseconds now_{0};
   ItemNumber nextItem_ = 1;
-  AlarmNumber nextAlarm_ = 1;
+  std::uint64_t nextAlarm_ = 1;
   std::size_t itemsAtThisMoment_ = 0;
   std::unordered_map<ItemNumber, Item> items_;
   // Ascending.
   std::vector<ItemNumber> runnable_;
   std::map<AlarmKey, Work> alarms_;
-  std::unordered_map<AlarmNumber, std::chrono::nanoseconds> alarmMoments_;
   // Lanes of the items that are running, innermost last; null for an item on its own.
   std::vector<const WorkLane*> running_;
 };

@@ -36,7 +36,7 @@ class SimulatedTimer final : public platform::DispatchTimer {
     std::chrono::nanoseconds nextExpiration{0};
     std::optional<std::chrono::nanoseconds> interval;
     std::chrono::nanoseconds leeway{0};
-    std::optional<RunQueue::AlarmNumber> alarm;
+    std::optional<RunQueue::AlarmKey> alarm;
     bool isScheduled = false;
     bool isResumed = false;
     bool isCancelled = false;
