@@ -1,11 +1,14 @@
 // Plays runs of the system, decided by their seeds, until one breaks a promise.
 
+#include <jansson.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <iostream>
 #include <map>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -148,6 +151,9 @@ int main(int argc, char** argv) {
   }
   options.trace = hasTrace ? History::Trace::kept : History::Trace::none;
 
+  // Events are encoded with the same memory as everything else.
+  json_set_alloc_funcs([](std::size_t size) { return ::operator new(size, std::nothrow); },
+                       [](void* block) { ::operator delete(block); });
   Totals totals;
   for (options.seed = range.first; options.seed <= range.second; ++options.seed) {
     const auto result = play(options);
