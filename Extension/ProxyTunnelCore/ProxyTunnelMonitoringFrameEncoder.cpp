@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -93,9 +94,10 @@ Error encodingError(const std::string& description) {
   return Error{"JSONEncoding", 1, description};
 }
 
-void appendBigEndian(ProxyTunnelMonitoringFrameEncoder::Frame& frame, std::uint32_t number) {
-  for (const unsigned shift : {24U, 16U, 8U, 0U}) {
-    frame.push_back(static_cast<std::byte>((number >> shift) & 0xFFU));
+void putBigEndian(std::span<std::byte, 4> bytes, std::uint32_t number) {
+  for (std::size_t i = bytes.size(); i > 0; --i) {
+    bytes[i - 1] = static_cast<std::byte>(number & 0xFFU);
+    number >>= 8U;
   }
 }
 
@@ -111,26 +113,27 @@ ProxyTunnelMonitoringFrameEncoder::encode(const ProxyTunnelMonitoringEvent& even
   }
 
   constexpr std::size_t kFlags = JSON_COMPACT | JSON_ESCAPE_SLASH;
-  Frame frame;
-  const auto append = [](const char* bytes, std::size_t size, void* target) {
-    auto& body = *static_cast<Frame*>(target);
-    const auto* const first = reinterpret_cast<const std::byte*>(bytes);
-    body.insert(body.end(), first, first + size);
-    return 0;
-  };
   constexpr std::size_t kPrefixSize = 4;
-  Frame body;
-  body.reserve(512);
-  if (json_dump_callback(writer.object(), append, &body, kFlags) != 0) {
+  // Most events fit into it; for one that does not, the size is known after the first attempt.
+  Frame frame(1024);
+  const auto write = [&frame, &writer] {
+    return json_dumpb(writer.object(), reinterpret_cast<char*>(frame.data() + kPrefixSize),
+                      frame.size() - kPrefixSize, kFlags);
+  };
+  const std::size_t room = frame.size() - kPrefixSize;
+  const std::size_t size = write();
+  if (size == 0) {
     return encodingError("The event cannot be written as JSON");
   }
   // The prefix cannot express a longer body; events are far smaller.
-  if (body.size() > std::numeric_limits<std::uint32_t>::max()) {
+  if (size > std::numeric_limits<std::uint32_t>::max()) {
     std::abort();
   }
-  frame.reserve(kPrefixSize + body.size());
-  appendBigEndian(frame, static_cast<std::uint32_t>(body.size()));
-  frame.insert(frame.end(), body.begin(), body.end());
+  frame.resize(kPrefixSize + size);
+  if (size > room) {
+    write();
+  }
+  putBigEndian(std::span(frame).first<kPrefixSize>(), static_cast<std::uint32_t>(size));
   return frame;
 }
 

@@ -174,6 +174,15 @@ TEST(ProxyTunnelMonitoringFrameEncoder, PutsALongBodysLengthInFront) {
   EXPECT_EQ(Frame(frame.begin(), frame.begin() + 4), bytesOf({0x00, 0x01, 0x02, 0x03}));
 }
 
+TEST(ProxyTunnelMonitoringFrameEncoder, WritesABodyOfAnyLength) {
+  const std::size_t shortest = bodyOf({.message = ""}).size();
+  for (std::size_t length = 1; length < 1500; ++length) {
+    const std::string body = bodyOf({.message = std::string(length, 'x')});
+    ASSERT_EQ(body.size(), shortest + length);
+    ASSERT_EQ(body.substr(body.size() - length - 2), std::string(length, 'x') + "\"}");
+  }
+}
+
 class NonFiniteNumber : public testing::TestWithParam<double> {};
 
 TEST_P(NonFiniteNumber, FailsAsTimestamp) {
