@@ -20,12 +20,12 @@ using namespace std::chrono_literals;
 // An output without room returns at least this often; otherwise it is stuck.
 constexpr auto kLeaving = 200ms;
 
-// In a crash, in steps of a millisecond. A live thread makes progress within the first time even on
-// a busy machine; the second keeps a merely slow reader from delaying the end.
+// Limits in a crash, in steps of a millisecond. A live thread makes progress within the first one
+// even on a busy machine; the second one keeps a slow reader from delaying the end.
 constexpr int kLongestStandstill = 200;
 constexpr int kLongestCrash = 1000;
 
-// Filled by one thread at a time. The size is the last to change, so what it covers is complete.
+// Filled by one thread at a time. The size changes last, so that the bytes it covers are complete.
 struct Buffer {
   explicit Buffer(std::size_t capacity) : bytes(std::make_unique_for_overwrite<char[]>(capacity)) {}
 
@@ -50,10 +50,11 @@ struct BackgroundWriter::State {
   Buffer& filled() { return buffers[filledIndex]; }
   Buffer& written() { return buffers[1 - filledIndex]; }
 
-  // Whether the thread has something to do. With the lock held.
+  // True if the thread has work to do. Called with the lock held.
   bool hasWork() { return filled().size > 0 || dropped > 0; }
 
-  // Counted as buffersWritten counts them, the one that is filled now included. With the lock held.
+  // In the counting of buffersWritten, including the buffer that is being filled. Called with the
+  // lock held.
   std::size_t lastBufferInUse() {
     // The number of dropped records goes into the buffer after it.
     return exchanges + (hasWork() ? 1 : 0) + (dropped > 0 ? 1 : 0);
@@ -85,7 +86,7 @@ struct BackgroundWriter::State {
     return isEnding || flushers > 0 || hasUrgentRecord || records >= kManyRecords || dropped > 0;
   }
 
-  // Notes a record and returns true if the thread has to be woken for it. With the lock held.
+  // Counts a record; true if the thread has to be woken for it. Called with the lock held.
   bool noteRecord(Urgency urgency) {
     ++records;
     hasUrgentRecord = hasUrgentRecord || urgency == Urgency::urgent;
@@ -94,7 +95,7 @@ struct BackgroundWriter::State {
     return std::exchange(isCallNeeded, false) || endsGathering;
   }
 
-  // False once there is no work left and none to come.
+  // False once no work is left and none can follow.
   bool waitForWork(std::unique_lock<std::mutex>& lock) {
     while (!hasWork() && !isEnding) {
       isCallNeeded = true;
@@ -152,7 +153,7 @@ struct BackgroundWriter::State {
   const std::size_t capacity;
 
   std::mutex mutex;
-  // For the thread, and for those that wait for it.
+  // For the thread, and for the threads that wait for it.
   std::condition_variable wakeUp;
   std::condition_variable progress;
   // Since the buffers changed places.
@@ -171,10 +172,10 @@ struct BackgroundWriter::State {
   bool hasEnded = false;
   std::atomic<bool> isAbandoned = false;
 
-  // Changed with the lock held; the signal handler of a crash looks at them without.
+  // Changed with the lock held; the signal handler of a crash reads them without it.
   std::array<Buffer, 2> buffers{Buffer(capacity), Buffer(capacity)};
   std::atomic<unsigned> filledIndex = 0;
-  // How much of the buffer that is being written is dealt with.
+  // The bytes of the buffer being written that have been written or lost.
   std::atomic<std::size_t> done = 0;
   std::atomic<pid_t> threadID = 0;
 };

@@ -10,7 +10,7 @@ namespace ostravel {
 namespace {
 
 void appendUnicodeEscape(std::string& result, char32_t codePoint) {
-  // Four digits are enough: all that disturbs a terminal is below U+10000.
+  // Four digits are enough: every code point that disturbs a terminal is below U+10000.
   std::array<char, 8> escape{};
   std::snprintf(escape.data(), escape.size(), "\\u%04x",
                 static_cast<unsigned>(codePoint) & 0xFFFFU);

@@ -5,7 +5,7 @@
 namespace ostravel {
 
 std::size_t raiseDescriptorLimit() {
-  // What every system grants; the fallback if the kernel reports no limit.
+  // The fallback if the kernel reports no limit; every system permits as many.
   constexpr std::size_t kUsualLimit = 1024;
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -13,7 +13,7 @@ std::size_t raiseDescriptorLimit() {
   }
   const rlim_t soft = limit.rlim_cur;
   limit.rlim_cur = limit.rlim_max;
-  // If this is refused, the program keeps the limit it was given.
+  // If this is refused, the program keeps its limit.
   const bool isRaised = ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
   return static_cast<std::size_t>(isRaised ? limit.rlim_max : soft);
 }

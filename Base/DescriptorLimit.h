@@ -4,8 +4,8 @@
 
 namespace ostravel {
 
-// Raises the limit of open descriptors to the hard limit (getrlimit(2)); the usual soft limit is
-// used up by some five hundred tunnels. Returns the new limit.
+// Raises the limit of open descriptors to the hard limit (getrlimit(2)); five hundred tunnels use
+// up the usual soft limit. Returns the new limit.
 std::size_t raiseDescriptorLimit();
 
 }  // namespace ostravel

@@ -61,7 +61,7 @@ void FairTurns::beginTurn() {
 }
 
 void FairTurns::serve(Party party) {
-  // Does not move when the work adds lines.
+  // Keeps its address when the work adds lines.
   Line& line = lines_[party];
   served_ = &line;
   while (!line.waiting.empty() && line.spent < limits_.share && spent_ < limits_.total) {
@@ -75,7 +75,7 @@ void FairTurns::serve(Party party) {
     return;
   }
   if (line.spent < limits_.share) {
-    // Cut short by the total, so it is the first next time.
+    // Interrupted by the total, so it is the first in the next turn.
     order_.push_front(party);
   } else {
     order_.push_back(party);

@@ -8,25 +8,25 @@
 
 namespace ostravel {
 
-// Divides the time of an event loop between parties that move bytes, and keeps it free for
-// everything else: between two turns, whatever has become ready in the meantime is handled. Without
-// it, a thousand streams of one user that become ready together are served before a new connection
-// of another user.
+// Divides the time of an event loop between parties that move bytes, and leaves time for other
+// work: between two turns the loop handles everything that has become ready in the meantime.
+// Without it, a thousand streams of one user that become ready together are served before a new
+// connection of another user.
 //
-// In each turn a party may spend a share, and all parties together a total. What is beyond that
-// waits in line: by party, and in each line in order. One thread only.
+// In each turn a party may spend a share, and all parties together a total. Work beyond that waits
+// in one line per party. Used by one thread.
 class FairTurns {
  public:
   // Identifies a party; never dereferenced. Null is a party as well.
   using Party = const void*;
   using Work = std::function<void()>;
 
-  // What an operation costs in addition to its bytes, so that a party cannot fill the loop with
-  // small ones: about as much time as it takes to move this many bytes.
+  // The cost of an operation in addition to its bytes, so that a party cannot fill the loop with
+  // small ones: about the time for moving this many bytes.
   static constexpr std::size_t kCostOfOperation = 16 * 1024;
 
   struct Limits {
-    // In one turn, in bytes: of a party, and of all together.
+    // Per turn, in bytes: of each party, and of all together.
     std::size_t share;
     std::size_t total;
   };
@@ -37,7 +37,7 @@ class FairTurns {
   FairTurns(const FairTurns&) = delete;
   FairTurns& operator=(const FairTurns&) = delete;
 
-  // Runs the work now, or, when the party has spent its share or already waits, in a later turn.
+  // Runs the work now, or in a later turn if the party has spent its share or is already waiting.
   // Work that is destroyed with this object never runs.
   template <typename Callable>
   void run(Party party, Callable&& work) {
@@ -49,10 +49,10 @@ class FairTurns {
     }
   }
 
-  // Charges the party for bytes, also for work that did not come through run().
+  // Charges the party for bytes, whether or not run() was used.
   void spend(Party party, std::size_t bytes);
 
-  // Whether work waits for a later turn. Otherwise a turn only begins a new account.
+  // True if work waits for a later turn. Otherwise the next turn only resets the accounts.
   bool isAnyoneWaiting() const { return !order_.empty(); }
 
   // Destroys the waiting work without running it. Called once the loop has stopped.
@@ -73,9 +73,9 @@ class FairTurns {
 
   const Limits limits_;
   const std::function<void(Work)> later_;
-  // Parties that have spent something in this turn or wait.
+  // Parties that have spent something in this turn or are waiting.
   std::unordered_map<Party, Line> lines_;
-  // Each party that waits once, the next one first; without the one that is being served.
+  // Each waiting party once, the next one first; excludes the one that is being served.
   std::deque<Party> order_;
   const Line* served_ = nullptr;
   std::size_t spent_ = 0;

@@ -8,7 +8,7 @@ namespace ostravel {
 
 namespace {
 
-// The length of the string that the text begins with, including its quotes.
+// The length of the string at the beginning of the text, including its quotes.
 std::size_t lengthOfString(std::string_view text) {
   std::size_t length = 1;
   while (length < text.size() && text[length] != '"') {

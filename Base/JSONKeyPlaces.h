@@ -7,8 +7,8 @@
 
 namespace ostravel {
 
-// Where the members of a JSON object begin in its text, for messages to the people who wrote it: a
-// parsed value no longer has a position.
+// The positions of the members of a JSON object in its text, for error messages: a parsed value has
+// no position.
 class JSONKeyPlaces {
  public:
   // text: an object (RFC 8259) that Jansson accepts. Members of nested objects are not recorded.

@@ -10,7 +10,7 @@ namespace ostravel {
 
 namespace {
 
-// Ends after a line where that is possible.
+// Ends at the end of a line if possible.
 std::string_view firstPiece(std::string_view lines) {
   std::string_view piece = lines.substr(0, PIPE_BUF);
   const auto end = piece.rfind('\n');

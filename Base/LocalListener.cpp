@@ -47,9 +47,9 @@ int connectSocket(int descriptor, const std::string& path) {
   return ::connect(descriptor, generic, sizeof(address)) == 0 ? 0 : errno;
 }
 
-// True if a process has the socket open, whether or not it listens yet. A stream socket refuses a
-// datagram socket because of its type, without noticing the attempt (unix_find_other in
-// net/unix/af_unix.c of Linux).
+// True if a process has the socket open, even if it does not listen yet. The kernel refuses to
+// connect a datagram socket to a stream socket because of the type, so the listener does not notice
+// the attempt (unix_find_other in net/unix/af_unix.c of Linux).
 bool isInUse(const std::string& path) {
   const int error = connectSocket(openSocket(SOCK_DGRAM).get(), path);
   switch (error) {
@@ -66,7 +66,7 @@ bool isInUse(const std::string& path) {
 
 std::optional<struct stat> statusOf(const std::string& path) {
   struct stat status {};
-  // Not stat: what a symbolic link points to is not ours to replace.
+  // Not stat(2): we must not replace the target of a symbolic link.
   if (::lstat(path.c_str(), &status) == 0) {
     return status;
   }
@@ -142,13 +142,14 @@ void LocalListener::bindAndListen(const SocketAccess& access) {
 }
 
 void LocalListener::setAccess(const SocketAccess& access) const {
-  // Through a descriptor: the path could lead elsewhere by now, and chmod would follow it.
+  // Through a descriptor: the path may refer to another file by now, and chmod(2) would follow a
+  // link.
   const FileDescriptor name(::open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
   if (!name.isOpen() || ::fstat(name.get(), &status) != 0 || !isOurName(status)) {
     fail("it was replaced");
   }
-  // Changing it to what it is takes a permission too.
+  // Skipped if it is right: even setting the same group needs permission.
   if (access.group && *access.group != status.st_gid &&
       ::fchownat(name.get(), "", static_cast<uid_t>(-1), *access.group, AT_EMPTY_PATH) != 0) {
     fail("its group cannot be set: " + errorText(errno));

@@ -11,15 +11,15 @@
 
 namespace ostravel {
 
-// A listening local socket and its name in the file system. Owned by the process entry. Its
-// destructor removes the name if it is still this socket's.
+// A listening local socket and its file. Owned by the process entry. The destructor removes the
+// file if it still belongs to this socket.
 class LocalListener {
  public:
-  // What `sun_path` holds on every system, without its terminating zero (unix(7)).
+  // The capacity of `sun_path` on every system, without the terminating zero (unix(7)).
   static constexpr std::size_t kLongestPath = 103;
 
-  // Listens on `path`. Replaces only a socket of ours that no process has open any more, which it
-  // finds out without connecting to it. Throws std::runtime_error with a readable reason.
+  // Listens on `path`. Replaces only a socket of this user that no process has open, which it tests
+  // without connecting to it. Throws std::runtime_error with a readable reason.
   explicit LocalListener(std::string path, SocketAccess access = {});
   ~LocalListener();
 

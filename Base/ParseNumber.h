@@ -7,8 +7,8 @@
 
 namespace ostravel {
 
-// The whole text as a number, in digits of that base. Empty for anything else, such as spaces, a
-// plus sign, or a number that the type cannot hold.
+// The text as a number in that base. Empty if it contains anything else, such as spaces or a plus
+// sign, or if the type cannot represent the number.
 template <typename Number>
 std::optional<Number> parseNumber(std::string_view text, int base = 10) {
   Number number = 0;

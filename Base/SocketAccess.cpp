@@ -11,7 +11,7 @@ std::optional<gid_t> groupNamed(const std::string& name) {
     return found->gr_gid;
   }
   const std::optional<gid_t> number = parseNumber<gid_t>(name);
-  // The largest one means "leave it as it is" (chown(2)).
+  // The largest number means "unchanged" to chown(2).
   return number == static_cast<gid_t>(-1) ? std::nullopt : number;
 }
 
@@ -34,7 +34,7 @@ std::optional<SocketAccess> socketAccess(const std::string& group, const std::st
     if (!chosen) {
       return std::nullopt;
     }
-    // The mode was meant for another group than the socket's.
+    // The mode is meant for a group that does not exist, and must not apply to the socket's own.
     const bool isGroupMissing = !group.empty() && !access.group;
     access.mode = isGroupMissing ? *chosen & ~static_cast<mode_t>(S_IRWXG) : *chosen;
   }

@@ -7,21 +7,20 @@
 
 namespace ostravel {
 
-// Who may connect to a local socket: those whom the mode permits to write (unix(7)).
+// The users who may connect to a local socket: those whom the mode permits to write (unix(7)).
 struct SocketAccess {
   std::optional<gid_t> group;  // none: the group of the process
   mode_t mode = 0600;
 };
 
-// A group of group(5), or its number.
+// The ID of a group of group(5), or of the number that the text is.
 std::optional<gid_t> groupNamed(const std::string& name);
 
-// Octal digits, as chmod(1) takes them, up to 777.
+// Octal digits as for chmod(1), up to 777.
 std::optional<mode_t> parseMode(const std::string& text);
 
-// From the options; the text of one that was not given is empty. For a group that exists the mode
-// is 0660 unless said otherwise; one that does not exist gives no group any access. Empty when
-// `mode` is none.
+// Converts the options; a missing option is an empty text. For an existing group the default mode
+// is 0660; a missing group has no access. Empty if `mode` is invalid.
 std::optional<SocketAccess> socketAccess(const std::string& group, const std::string& mode);
 
 }  // namespace ostravel

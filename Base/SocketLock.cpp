@@ -16,7 +16,7 @@ namespace {
   throw std::runtime_error(reason);
 }
 
-// Must not be a file of somebody else, because it will be removed.
+// The file will be removed, so it must not belong to another user.
 bool canBeOurs(const struct stat& status) {
   return S_ISREG(status.st_mode) && status.st_size == 0 && status.st_uid == ::geteuid();
 }
@@ -29,11 +29,11 @@ SocketLock::SocketLock(const std::string& socketPath) : path_(socketPath + ".loc
 }
 
 SocketLock::~SocketLock() {
-  // Before it is unlocked: a program that has opened it in the meantime then sees its removal.
+  // Before unlocking it, so that a program that has opened it in the meantime notices the removal.
   ::unlink(path_.c_str());
 }
 
-// False when another program has removed the file before it was locked here.
+// False if another program has removed the file before it was locked.
 bool SocketLock::tryToLock() {
   constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   descriptor_ = FileDescriptor(::open(path_.c_str(), kFlags, 0600));

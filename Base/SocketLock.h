@@ -6,9 +6,9 @@
 
 namespace ostravel {
 
-// Keeps other programs of the same user from setting up a socket at the same path at the same time:
-// a file beside the socket, locked with flock(2) and removed with this object. A file left by a
-// program that was killed is no longer locked, and is taken over.
+// Prevents other programs of the same user from creating a socket at the same path at the same
+// time: a file beside the socket, locked with flock(2) and removed with this object. The file of a
+// killed program is no longer locked, and is reused.
 class SocketLock {
  public:
   // Does not wait. Throws std::runtime_error with a readable reason.

@@ -30,7 +30,7 @@ CodePoint firstCodePoint(std::string_view text) {
     }
     value = (value << 6U) | (byteAt(text, index) & 0x3FU);
   }
-  // An overlong form could smuggle a control character past the checks.
+  // Overlong forms could hide control characters from checks.
   const bool overlong = (size == 3 && value < 0x800) || (size == 4 && value < 0x10000);
   const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
   if (overlong || surrogate || value > 0x10FFFF) {

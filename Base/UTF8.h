@@ -23,7 +23,7 @@ CodePoint lastCodePoint(std::string_view text);
 // True if text consists of valid code points only.
 bool isWellFormedUTF8(std::string_view text);
 
-// The text with its ASCII letters in lower case; all other bytes, valid or not, stay as they are.
+// The text with its ASCII letters in lower case; all other bytes, valid or not, are unchanged.
 std::string lowercasedASCII(std::string_view text);
 
 }  // namespace ostravel
