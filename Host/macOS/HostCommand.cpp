@@ -22,7 +22,7 @@ std::string quoted(std::string_view text) {
   return "\"" + printableText(text) + "\"";
 }
 
-// Empty when there is nothing wrong with it.
+// Empty if the path is valid.
 std::string problemOfSocketPath(std::string_view path) {
   if (!path.starts_with('/')) {
     return "is not an absolute path";

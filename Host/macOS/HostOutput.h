@@ -4,12 +4,12 @@
 
 namespace ostravel::host {
 
-// For printf: a text of the system, which may be missing. Valid in the current autorelease pool.
+// A text of the system, which may be nil, for printf. Valid in the current autorelease pool.
 const char* printable(NSString* text);
 
 const char* printable(NEVPNStatus status);
 
-// Prints on standard error what failed, and why: with the system's text, domain and code.
+// Prints the failure on standard error, with the system's text, domain and code.
 void printFailure(const char* what, NSError* error);
 
 // Does the same, then ends the process.

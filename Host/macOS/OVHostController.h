@@ -5,17 +5,17 @@
 
 #include "Host/macOS/HostCommand.h"
 
-// Carries out one command and ends the process: 0 when it was done or a restart of the Mac will do
-// it, 1 when something failed. Lives as long as the process; runs on the main queue. Prints what
-// happens.
+// Executes one command and ends the process: 0 if it succeeded or will take effect when the Mac
+// restarts, 1 if it failed. Lives as long as the process; runs on the main queue. Prints its
+// progress.
 @interface OVHostController : NSObject <OSSystemExtensionRequestDelegate> {
  @private
   ostravel::host::HostCommand _command;
-  // Of the extension.
+  // The extension's bundle identifier.
   NSString* _identifier;
-  // The extension that was active until now is not the one that is active now.
+  // Another version of the extension was active before.
   BOOL _wasReplaced;
-  // The exit status when everything that follows succeeds.
+  // The exit status if all further steps succeed.
   int _exitStatus;
 }
 - (instancetype)initWithCommand:(const ostravel::host::HostCommand&)command;

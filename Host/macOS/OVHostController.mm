@@ -21,7 +21,7 @@ namespace {
 // How long the system may take to report the state; it needs less than a second.
 constexpr std::chrono::seconds kStatusPatience{10};
 
-// The system shows it among its network services.
+// The system displays it among its network services.
 NSString* const kConfigurationName = @"Ostravel";
 NSString* const kMonitoringSocketPath = @"monitoringSocketPath";
 
@@ -38,7 +38,7 @@ NSString* monitoringSocketOf(NETransparentProxyManager* manager) {
   return [path isKindOfClass:[NSString class]] ? static_cast<NSString*>(path) : nil;
 }
 
-// To be added to the version.
+// Text that follows the version.
 std::string stateOf(OSSystemExtensionProperties* found) {
   std::string state;
   if (@available(macOS 12.0, *)) {
@@ -95,7 +95,7 @@ std::string stateOf(OSSystemExtensionProperties* found) {
   }
 }
 
-// Ends the process when its questions are not answered, whatever the system calls back meanwhile.
+// Ends the process if the system does not answer in time.
 - (void)expectStatus {
   dispatch_after_f(
       dispatch_time(DISPATCH_TIME_NOW, std::chrono::nanoseconds(kStatusPatience).count()),
@@ -108,7 +108,7 @@ std::string stateOf(OSSystemExtensionProperties* found) {
 
 - (void)requestProperties {
   if (@available(macOS 12.0, *)) {
-    // The class answers for the system, also where nothing else knows its version.
+    // Tests the method instead of the system's version.
     if ([OSSystemExtensionRequest respondsToSelector:@selector(propertiesRequestForExtension:
                                                                                        queue:)]) {
       [self submit:[OSSystemExtensionRequest
@@ -193,14 +193,14 @@ std::string stateOf(OSSystemExtensionProperties* found) {
 
 // The configuration
 
-// Calls back with what this application has saved, in the order of the system.
+// Calls back with this application's saved configurations, in the system's order.
 - (void)loadConfigurations:(void (^)(NSArray<NETransparentProxyManager*>* managers,
                                      NSError* error))completion {
   [NETransparentProxyManager loadAllFromPreferencesWithCompletionHandler:completion];
 }
 
-// The one of this extension; nil when nothing is saved. One that was saved for something else is
-// reused, so that there are never two.
+// The configuration of this extension; nil if none is saved. One for another extension is reused,
+// so that there are never two.
 - (NETransparentProxyManager*)ownOf:(NSArray<NETransparentProxyManager*>*)managers {
   for (NETransparentProxyManager* manager in managers) {
     NSString* const provider = [protocolOf(manager) providerBundleIdentifier];
@@ -232,7 +232,7 @@ std::string stateOf(OSSystemExtensionProperties* found) {
 
   NETunnelProviderProtocol* const protocol = [[[NETunnelProviderProtocol alloc] init] autorelease];
   [protocol setProviderBundleIdentifier:_identifier];
-  // Shown in the settings, and not allowed to be empty.
+  // Displayed in the settings; must not be empty.
   [protocol setServerAddress:@"127.0.0.1"];
   if (socket != nil) {
     [protocol setProviderConfiguration:[NSDictionary dictionaryWithObject:socket
@@ -257,12 +257,12 @@ std::string stateOf(OSSystemExtensionProperties* found) {
 }
 
 - (void)start:(NETransparentProxyManager*)manager restarting:(BOOL)restarts {
-  // What was just saved counts as out of date until it is loaded again.
+  // A saved configuration is out of date until it is loaded again.
   [manager loadFromPreferencesWithCompletionHandler:^(NSError* error) {
     if (error != nil) {
       fail("load the configuration", error);
     }
-    // Kept forever: nothing says that a connection outlives its manager.
+    // Never released: a connection is not documented to outlive its manager.
     [manager retain];
     [[[OVProxyStart alloc] initWithConnection:[manager connection]] runRestarting:restarts];
   }];
@@ -278,7 +278,7 @@ std::string stateOf(OSSystemExtensionProperties* found) {
   }];
 }
 
-// All that there are, one after the other; then the extension, which is to go whatever fails here.
+// Removes all configurations, one after the other; then the extension, even if this fails.
 - (void)removeConfigurations:(NSArray<NETransparentProxyManager*>*)managers from:(NSUInteger)index {
   if (index >= [managers count]) {
     [self submit:[OSSystemExtensionRequest

@@ -13,7 +13,7 @@ using ostravel::host::printable;
 
 namespace {
 
-// The extension starts within a second. More than that passes when the system is busy, or asks.
+// The extension starts within a second, unless the system is busy or asks the user.
 constexpr std::chrono::seconds kPatience{30};
 
 [[noreturn]] void finishRunning() {
@@ -64,8 +64,8 @@ constexpr std::chrono::seconds kPatience{30};
                                                      queue:nil
                                                 usingBlock:^(NSNotification* notification) {
                                                   (void)notification;
-                                                  // Read now: until the main queue gets to it, the
-                                                  // next change may have come.
+                                                  // Read now: the status may change again before
+                                                  // the main queue runs.
                                                   const NEVPNStatus status = [_connection status];
                                                   dispatch_async(dispatch_get_main_queue(), ^{
                                                     [self statusBecame:status];

@@ -38,13 +38,13 @@ int main(int argc, const char* const* argv) {
     std::fputs(kUsage, stdout);
     return 0;
   }
-  // Some steps wait for the user, who is to see what came before also through a pipe.
+  // Some steps wait for the user, who must see the preceding lines even through a pipe.
   std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
   @autoreleasepool {
     [[[OVHostController alloc] initWithCommand:std::get<HostCommand>(parsed)] run];
   }
-  // Answers come on the main queue, which the run loop of the main thread serves like everything
-  // else that frameworks send there; the last one ends the process.
+  // Answers arrive on the main queue, which the main thread's run loop serves; the last one ends
+  // the process.
   while (true) {
     CFRunLoopRun();
   }
