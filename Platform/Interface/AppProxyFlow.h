@@ -7,9 +7,9 @@
 
 namespace ostravel::platform {
 
-// The application's side of one intercepted flow, whatever its protocol, owned by the provider that
-// takes it. Destroyed unclosed, it is left to the system if it was not opened, or if the platform
-// still holds its first packet; otherwise it is reset, as far as that is up to the platform.
+// The application's side of one intercepted flow of any protocol, owned by the provider that takes
+// it. A flow that is destroyed unclosed is left to the system if it was not opened or if the
+// platform still holds its first packet; otherwise it is reset, if the platform is able to.
 //
 // All operations may be called from any thread. Completions of one flow and of the connection that
 // was made for it never run at the same time as one another.
@@ -23,8 +23,8 @@ class AppProxyFlow {
   // The application's identifier as the platform reports it, valid UTF-8; empty when unknown.
   virtual std::string sourceAppSigningIdentifier() const = 0;
 
-  // To be notified of what is done with the flow; lives as long as the flow. Null on platforms that
-  // keep no statistics.
+  // Receives the decisions about the flow; lives as long as the flow. Null on platforms that keep
+  // no statistics.
   virtual FlowObserver* observer() { return nullptr; }
 
   // Ends one direction, as seen from the provider: nothing more is read from, or written to, the

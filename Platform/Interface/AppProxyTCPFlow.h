@@ -12,7 +12,8 @@ namespace ostravel::platform {
 // A TCP stream of an application. At most one read and one write may be outstanding.
 class AppProxyTCPFlow : public AppProxyFlow {
  public:
-  // Where the application wanted to connect to; absent when that is not a host and a port.
+  // The destination that the application wants to connect to; absent if it is not a host and a
+  // port.
   virtual std::optional<HostEndpoint> remoteEndpoint() const = 0;
 
   // Takes the flow over. Must succeed before the first read or write.

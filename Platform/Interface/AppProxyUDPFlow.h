@@ -10,7 +10,7 @@ namespace ostravel::platform {
 // The datagrams of one UDP socket of an application. Closing both directions refuses it.
 class AppProxyUDPFlow : public AppProxyFlow {
  public:
-  // The application's side, the only one that is fixed for UDP; absent when not known.
+  // The application's side, the only fixed one for UDP; absent if unknown.
   virtual std::optional<HostEndpoint> localEndpoint() const = 0;
 };
 

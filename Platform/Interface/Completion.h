@@ -8,10 +8,10 @@
 
 namespace ostravel::platform {
 
-// What an operation calls when it is done: exactly once, and never inside the call that started the
-// operation. Destroying the object that was asked cancels the operation: its completion still runs,
-// with an error, or with the result of an operation that was done by then. So a completion holds
-// weakly what it may outlive. Only a platform that has been shut down runs none.
+// Called when an operation is done: exactly once, and never inside the call that started the
+// operation. Destroying the object cancels its operations: their completions still run, with an
+// error, or with the result if the operation was already done. A completion therefore holds weakly
+// everything that it may outlive. Only a platform that has been shut down runs none.
 
 // Absent error: success.
 using ErrorCompletion = std::function<void(OptionalError)>;

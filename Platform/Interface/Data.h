@@ -14,7 +14,7 @@ namespace ostravel::platform {
 // is called; the relay never calls it.
 class Data {
  public:
-  // Where a platform keeps a chunk. Destroying it gives the place back.
+  // A platform's storage of a chunk, released on destruction.
   class Storage {
    public:
     Storage() = default;
@@ -45,7 +45,7 @@ class Data {
     return storage_ ? storage_->bytes() : std::span<const std::byte>(owned_);
   }
 
-  // For the platform that made the chunk and can do better than bytes(); null for plain memory.
+  // For the platform that made the chunk and has a faster way than bytes(); null for plain memory.
   Storage* storage() const noexcept { return storage_.get(); }
 
  private:

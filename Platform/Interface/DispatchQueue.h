@@ -26,8 +26,8 @@ class DispatchQueue {
 
   virtual const std::string& label() const = 0;
 
-  // A promise about all items: each is short and never blocks. A platform may then run them on a
-  // thread that must not wait, and keeps every order all the same. Called before the first item.
+  // Promises that every item is short and never blocks. A platform may then run them on a thread
+  // that must not wait; the order is kept. Called before the first item.
   virtual void itemsNeverBlock() {}
 
   // Returns at once; the item runs later on a thread of the platform.

@@ -6,9 +6,9 @@
 
 namespace ostravel::platform {
 
-// Runs a handler on a queue after a delay, once or again and again. Made suspended; resume() arms
-// it. Expirations that find the handler still waiting to run are merged with it.
-// All operations may be called from any thread, also from the handler itself.
+// Runs a handler on a queue after a delay, once or repeatedly. Created suspended; resume() starts
+// it. Expirations while the handler is waiting to run are merged with it. All operations may be
+// called from any thread, including from the handler.
 class DispatchTimer {
  public:
   using Handler = std::function<void()>;

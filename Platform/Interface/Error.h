@@ -13,10 +13,10 @@ namespace ostravel::platform {
 // Domain of failures whose code is an errno value.
 inline constexpr std::string_view kPOSIXErrorDomain = "NSPOSIXErrorDomain";
 
-// A failure as a value: who defines the code, the code, and a sentence for people.
-// Errors cross the seam only like this; no exception does.
+// A failure as a value: a domain, which defines the code, the code, and a readable sentence.
+// Failures cross the seam only in this form; no exception does.
 struct Error {
-  // The platform's own error object. Opaque to the core, which only hands it on.
+  // The platform's own error object. Opaque to the core, which only passes it on.
   class PlatformObject {
    public:
     PlatformObject() = default;
@@ -28,11 +28,11 @@ struct Error {
   std::string domain;
   std::int64_t code = 0;
   std::string localizedDescription;
-  // What the platform made this value from, so that it gets the same object back, with details
-  // that the value has no field for. Null for errors that are made as values.
+  // The object from which the platform made this value, so that it receives the same object back,
+  // with details that the value does not contain. Null for errors that were made as values.
   std::shared_ptr<const PlatformObject> platformObject = nullptr;
 
-  // The object adds nothing to what an error means.
+  // The platform's object does not count.
   friend bool operator==(const Error& left, const Error& right) {
     return left.domain == right.domain && left.code == right.code &&
            left.localizedDescription == right.localizedDescription;

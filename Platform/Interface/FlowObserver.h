@@ -6,7 +6,7 @@
 
 namespace ostravel::platform {
 
-// The rule by which a new flow is handled as it is.
+// The rule that decides about a new flow.
 enum class FlowRule : std::uint8_t {
   // Carried: no other rule applies.
   proxied,
@@ -26,20 +26,21 @@ enum class FlowEnd : std::uint8_t {
   // After its tunnel was established: in order, or with an error.
   closed,
   failed,
-  // Before: the proxy's status was not 200; its answer was not HTTP; it did not answer in time; too
-  // many handshakes were pending; it closed without an answer; the connection to it failed.
+  // Before its tunnel was established: the proxy's status was not 200; its answer was not HTTP; it
+  // did not answer in time; too many handshakes were pending; it closed without an answer; the
+  // connection to it failed.
   rejected,
   invalid,
   timedOut,
   backlog,
   noAnswer,
   connectionFailed,
-  // Given up for another reason.
+  // Ended for another reason.
   abandoned,
 };
 
-// Learns what the core does with one flow, for statistics: nothing depends on it. Made by a
-// platform that keeps statistics and owned by the flow. Called from any thread; must not block.
+// Receives the core's decisions about one flow, for statistics only. Created by a platform that
+// keeps statistics and owned by the flow. Called on any thread; must not block.
 class FlowObserver {
  public:
   FlowObserver() = default;
@@ -49,12 +50,13 @@ class FlowObserver {
 
   // Inside handleNewFlow.
   virtual void decided(FlowRule rule) = 0;
-  // The flow gets a tunnel, or is turned away for lack of room, under this identifier.
+  // The identifier of the flow's tunnel, or of its rejection because of the backlog.
   virtual void identified(const std::string& flowID) = 0;
   // The proxy is connected and the request is sent.
   virtual void handshakeStarted() = 0;
   virtual void handshakeSucceeded() = 0;
-  // May be called again as a flow is torn down; only the first call counts. detail: for people.
+  // May be called again while a flow is torn down; only the first call counts. detail: readable
+  // text.
   virtual void ended(FlowEnd end, std::string_view detail) = 0;
 };
 

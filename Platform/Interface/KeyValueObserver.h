@@ -5,7 +5,7 @@
 
 namespace ostravel::platform {
 
-// Something whose properties can be observed by name.
+// An object whose properties can be observed by name.
 class Observable {
  public:
   Observable() = default;

@@ -10,8 +10,7 @@
 
 namespace ostravel::platform {
 
-// Category of every line of the system, and its subsystem where there is no bundle to name it
-// after.
+// Category of every log line of the system, and its subsystem if there is no bundle identifier.
 inline constexpr std::string_view kLogCategory = "OstravelProxy";
 inline constexpr std::string_view kFallbackLogSubsystem = "OstravelNetworkExtension";
 
@@ -20,8 +19,8 @@ enum class LogLevel { debug, info, standard, error };
 // The value of one placeholder: text for %{public}s, an integer for %{public}d.
 using LogArgument = std::variant<std::string_view, std::int64_t>;
 
-// One handle of the system log, made for a subsystem and a category. Usable from any thread;
-// writing a line never waits and never fails.
+// One handle of the system log, for a subsystem and a category. Usable from any thread; writing a
+// line never waits and never fails.
 class Log {
  public:
   using Arguments = std::initializer_list<LogArgument>;
@@ -49,7 +48,7 @@ class Log {
                      std::span<const LogArgument> arguments) = 0;
 };
 
-// The finished line: each %{public}s and %{public}d of format replaced by the next argument.
+// The line, with each %{public}s and %{public}d of format replaced by the next argument.
 inline std::string formatLogLine(std::string_view format, std::span<const LogArgument> arguments) {
   constexpr std::string_view kPlaceholder = "%{public}";
   std::string line;

@@ -21,7 +21,8 @@ struct NetworkRule {
   friend bool operator==(const NetworkRule&, const NetworkRule&) = default;
 };
 
-// Which flows the provider is offered: those that an included rule selects and no excluded one.
+// Selects the flows that the provider is offered: those that match an included rule and no excluded
+// one.
 struct TransparentProxyNetworkSettings {
   explicit TransparentProxyNetworkSettings(std::string remoteAddress)
       : tunnelRemoteAddress(std::move(remoteAddress)) {}

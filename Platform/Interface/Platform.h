@@ -15,8 +15,8 @@
 
 namespace ostravel::platform {
 
-// What the core needs from its environment besides flows and connections. One object per process
-// (or per simulated run); it outlives everything that was made with it. Usable from any thread.
+// The core's environment, apart from flows and connections. One object per process (or per
+// simulated run); it outlives everything that was made with it. Usable from any thread.
 class Platform {
  public:
   Platform() = default;

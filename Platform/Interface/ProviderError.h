@@ -14,8 +14,8 @@ inline constexpr std::string_view kProviderErrorDomain = "OstravelProxy";
 
 // All codes of that domain.
 
-// With these two a provider closes a flow: more handshakes are pending than it permits, or the
-// local proxy did not complete the handshake in time.
+// The provider closes a flow with these: too many handshakes are pending, or the local proxy did
+// not complete the handshake in time.
 inline constexpr std::int64_t kHandshakeBacklogExceededCode = 1001;
 inline constexpr std::int64_t kHandshakeTimedOutCode = 1002;
 // The path of the monitoring socket does not fit into a socket address.
@@ -24,7 +24,7 @@ inline constexpr std::int64_t kMonitoringPathTooLongCode = 1101;
 inline constexpr std::int64_t kInvalidConfigurationCode = 1201;
 // The network settings hold a rule that cannot be translated.
 inline constexpr std::int64_t kInvalidNetworkRuleCode = 1202;
-// The provider asks for something while the process is ending.
+// The provider made a request while the process is ending.
 inline constexpr std::int64_t kStoppingCode = 1203;
 // The kernel does not report who owns a socket.
 inline constexpr std::int64_t kNoSocketDiagnosticsCode = 1204;

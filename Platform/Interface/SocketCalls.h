@@ -14,15 +14,15 @@ enum class SocketAddressLayout {
   darwinABI,
 };
 
-// The outcome of one call: its result, and errno when the result is negative, for a write also when
-// it is 0, which is no success either.
+// The outcome of one call: its result, and errno if the result is negative; for a write also if it
+// is 0, which is a failure as well.
 struct SocketCallResult {
   long value = 0;
   int error = 0;
 };
 
-// The few blocking socket calls that the system makes by itself, one to one, so that they can be
-// scripted and so that a platform can mark the sockets as its own. Usable from any thread.
+// The few blocking socket calls that the core makes, one to one, so that tests can script them and
+// a platform can mark the sockets as its own. Usable from any thread.
 class SocketCalls {
  public:
   SocketCalls() = default;

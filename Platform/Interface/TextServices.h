@@ -5,8 +5,8 @@
 
 namespace ostravel::platform {
 
-// The text operations that need Unicode tables, which the platform has. Text is UTF-8; nothing here
-// depends on a locale. Usable from any thread.
+// Text operations that need the platform's Unicode tables. Text is UTF-8; nothing depends on a
+// locale. Usable from any thread.
 class TextServices {
  public:
   TextServices() = default;

@@ -23,7 +23,7 @@ enum class ProviderStopReason : std::int64_t {
 
 enum class TLSPolicy { disabled, enabled };
 
-// What the system does for its provider. Outlives the provider.
+// The system's services to its provider. Outlives the provider.
 class ProviderContext {
  public:
   ProviderContext() = default;

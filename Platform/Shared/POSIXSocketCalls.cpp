@@ -54,7 +54,7 @@ SocketCallResult POSIXSocketCalls::connect(int descriptor, std::span<const std::
   if (address.size() > sizeof storage) {
     return {-1, EINVAL};
   }
-  // The kernel takes the address at any alignment, but the language does not.
+  // Copied, because the bytes may not be aligned as the type requires.
   std::memcpy(&storage, address.data(), address.size());
   return outcome(::connect(descriptor, reinterpret_cast<const sockaddr*>(&storage),
                            static_cast<socklen_t>(address.size())));

@@ -9,9 +9,9 @@
 
 namespace ostravel::platform {
 
-// The observers of one connection's state, which owns this object, as TCPConnection::addObserver
-// defines them. Any thread may call it. Does not decide on which thread observers are notified, so
-// each platform has the few lines that post a missed change to its own.
+// The observers of one connection's state, as defined by TCPConnection::addObserver. Owned by the
+// connection; usable from any thread. Does not decide on which thread observers are notified: each
+// platform posts missed changes to its own.
 class StateObservers {
  public:
   // The only property of a connection that can be observed.
@@ -26,10 +26,10 @@ class StateObservers {
   bool remove(const KeyValueObserver& observer);
 
   // Called after each change of the state. An observer may remove itself or another one. The caller
-  // keeps the connection alive: an observer may let go of it.
+  // keeps the connection alive: an observer may release it.
   void notify(TCPConnection& connection);
 
-  // Does nothing if another change has been notified meanwhile.
+  // Does nothing if another change has been notified in the meantime.
   void notifyOfMissedChange(TCPConnection& connection);
 
   std::size_t count() const;
