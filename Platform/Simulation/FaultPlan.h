@@ -7,7 +7,7 @@ namespace ostravel::simulation {
 // The probability of each fault in a run, from 0 to 1; by default there are none. What is drawn
 // depends only on the seed.
 struct FaultPlan {
-  // A completion, an acceptance or a refusal comes later, by up to maximumLatency.
+  // A completion, an acceptance or a refusal is delayed by up to maximumLatency.
   double latency = 0.0;
   std::chrono::nanoseconds maximumLatency = std::chrono::milliseconds(50);
 
@@ -19,7 +19,7 @@ struct FaultPlan {
 
   // Opening a flow fails.
   double openError = 0.0;
-  // A connection that was going to be accepted is refused.
+  // A connection is refused instead of accepted.
   double connectRefusal = 0.0;
   // A socket call to a listening peer is refused.
   double socketRefusal = 0.0;

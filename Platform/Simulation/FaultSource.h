@@ -13,10 +13,10 @@ class FaultSource {
  public:
   FaultSource(const FaultPlan& plan, SeededRandom random);
 
-  // From now on.
+  // Applies from now on.
   void setPlan(const FaultPlan& plan) { plan_ = plan; }
 
-  // Zero, or by how much something is delayed.
+  // The delay of an operation, or zero.
   std::chrono::nanoseconds latency();
   // How many of the available bytes a read delivers; minimum is not above available.
   std::size_t chunk(std::size_t minimum, std::size_t available);

@@ -6,8 +6,8 @@
 
 namespace ostravel::simulation {
 
-// What happened in a run, in order, one line each: every operation and completion of flows and
-// connections, and what the test adds.
+// Records a run, one line per step: every operation and completion of flows and connections, and
+// lines that the test adds.
 //
 //   NAME: open | opened | open failed: DESCRIPTION
 //   NAME: read | read N bytes | read end | read failed: DESCRIPTION

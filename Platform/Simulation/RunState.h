@@ -10,14 +10,14 @@
 
 namespace ostravel::simulation {
 
-// What all objects of one run share. Owned by the simulation, which outlives them.
+// Shared by all objects of one run. Owned by the simulation, which outlives them.
 struct RunState {
   RunQueue queue;
   FaultSource faults;
   Journal journal;
 
-  // Runs the action on the object from the run queue, late if the faults say so, unless the object
-  // has been destroyed by then.
+  // Runs the action on the object from the run queue, delayed if a fault is drawn, unless the
+  // object has been destroyed by then.
   template <typename Object>
   void deliver(const std::shared_ptr<Object>& object, void (Object::*action)()) {
     queue.postAfter(faults.latency(), [weakObject = std::weak_ptr<Object>(object), action] {

@@ -195,7 +195,7 @@ void SimulatedPeer::cancelOutstanding() {
 }
 
 void SimulatedPeer::dropCompletions() {
-  // Letting go of a completion may let go of the near end, which asks for the same once more.
+  // Releasing a completion may destroy the near end, which calls this again.
   const auto read = std::exchange(read_, std::nullopt);
   const auto write = std::exchange(write_, std::nullopt);
 }
@@ -247,7 +247,7 @@ platform::Data SimulatedPeer::takeChunk() {
   const std::size_t size = run_.faults.chunk(std::min(read_->minimum, most), most);
   auto chunk = platform::Data::copyOf(std::string_view(inbound_).substr(inboundStart_, size));
   inboundStart_ += size;
-  // Half of the memory may be bytes that were read; then it is worth moving the others.
+  // Moves the unread bytes once at least half of the memory contains bytes that have been read.
   if (inboundStart_ * 2 >= inbound_.size()) {
     inbound_.erase(0, inboundStart_);
     inboundStart_ = 0;

@@ -18,10 +18,10 @@ namespace ostravel::simulation {
 // How the end of a stream reaches a reader; the seam allows both.
 enum class EndOfStream { absentData, emptyData };
 
-// The far end of a flow or of a connection, the application or the proxy, played by the test.
+// The far end of a flow or of a connection, the application or the proxy, controlled by the test.
 //
-// Owned by its near end, and by the test if it looks at it after the near end is destroyed. What it
-// does takes effect through the run queue: nothing completes before the run continues.
+// Owned by its near end, and by a test that examines it after the near end is destroyed. Its
+// operations take effect through the run queue: nothing completes before the run continues.
 class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
  public:
   // name: of the near end, for the journal.
@@ -31,7 +31,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
 
   const std::string& name() const { return name_; }
 
-  // --- What the far end does.
+  // --- Operations of the far end.
 
   // Makes bytes available to be read, after those that are unread.
   void send(std::string_view bytes);
@@ -51,7 +51,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   void releaseWrite();
   void releaseWrites();
 
-  // --- What it sees.
+  // --- Observations of the far end.
 
   // Every byte whose write was acknowledged.
   const std::string& received() const { return received_; }
@@ -62,18 +62,18 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   bool sawReset() const { return sawReset_; }
   // Why, if the near end said so.
   const platform::OptionalError& resetReason() const { return resetReason_; }
-  // The near end gave the flow back before it carried anything: it closed with an error before it
-  // asked for anything, or went away without having closed.
+  // The near end left the flow to the system before it carried anything: it closed with an error
+  // before the first operation, or was destroyed unclosed.
   bool wasLeftToSystem() const { return leftToSystem_; }
 
-  // --- What the near end waits for.
+  // --- Pending operations of the near end.
 
   bool readOutstanding() const { return read_.has_value(); }
   bool writeOutstanding() const { return write_.has_value(); }
   std::size_t unreadBytes() const { return inbound_.size() - inboundStart_; }
 
-  // At the end of a run: lets go of the completions that are outstanding, which may be all that
-  // keeps the near end alive, without calling them.
+  // At the end of a run: destroys the outstanding completions, which may be the only owners of the
+  // near end, without calling them.
   void dropCompletions();
 
  private:
@@ -97,7 +97,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   using ResetHandler = std::function<void(const platform::Error&)>;
   using EndHandler = std::function<void()>;
 
-  // --- What the near end does.
+  // --- Operations of the near end.
 
   void observe(ResetHandler onReset, EndHandler onEnd);
   // Until then reads and writes wait.
@@ -120,7 +120,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   void cutOff() { sawReset_ = true; }
   // The near end is destroyed: what is outstanding is cancelled.
   void detach();
-  // A flow went away: what the application makes of it if it was not closed.
+  // A flow was destroyed: the effect on the application if it was not closed.
   void detachUnclosed();
   void cancelOutstanding();
 
@@ -131,7 +131,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
   void finishRead(std::optional<platform::Data> data, platform::OptionalError error);
   void scheduleWrite();
   void completeWrite();
-  // A run without a journal does not even make the lines.
+  // Without a journal the lines are not even composed.
   void note(std::string_view what, const platform::OptionalError& error = std::nullopt);
   void noteBytes(std::string_view what, std::size_t count);
 

@@ -133,7 +133,7 @@ SocketCallResult SimulatedSockets::pollWritable(int descriptor, std::chrono::mil
   const auto scripted = scriptedAnswer(SocketCallKind::pollWritable);
   const auto* const socket = find(descriptor);
   const bool isWaiting = socket != nullptr && socket->isConnecting;
-  // poll itself succeeds for a closed descriptor and says so in the events.
+  // For a closed descriptor poll(2) succeeds and reports it in the events.
   return record({.kind = SocketCallKind::pollWritable,
                  .descriptor = descriptor,
                  .bytes = {},

@@ -24,7 +24,7 @@ enum class SocketCallKind {
   close,
 };
 
-// One call with its arguments, and its answer. What a call does not have is as below.
+// One call with its arguments and its answer. Members that a call does not have keep these values.
 struct SocketCall {
   SocketCallKind kind = SocketCallKind::socket;
   // The argument, or what socket() returned.
@@ -50,7 +50,7 @@ class SimulatedSockets final : public platform::SocketCalls {
  public:
   explicit SimulatedSockets(FaultSource& faults);
 
-  // --- What the test sets up.
+  // --- Set-up by the test.
 
   // Which layout the core is to use; linuxABI at first, so that a run is the same everywhere.
   void setAddressLayout(platform::SocketAddressLayout layout) { layout_ = layout; }
@@ -65,12 +65,12 @@ class SimulatedSockets final : public platform::SocketCalls {
   // All calls of this kind answer this, until it is replaced, or absent for the usual answer.
   void answerAlways(SocketCallKind kind, std::optional<platform::SocketCallResult> result);
 
-  // --- What the test looks at.
+  // --- Observations by the test.
 
   const std::vector<SocketCall>& calls() const { return calls_; }
   std::vector<SocketCall> calls(SocketCallKind kind) const;
   std::size_t openDescriptors() const { return open_.size(); }
-  // What every connection to the local peer has delivered, in the order in which they were
+  // The bytes that each connection to the local peer has delivered, in the order in which they were
   // established.
   const std::vector<std::string>& localDeliveries() const { return localDeliveries_; }
   void clearCalls() { calls_.clear(); }
@@ -97,7 +97,7 @@ class SimulatedSockets final : public platform::SocketCalls {
     bool isConnected = false;
     bool isConnecting = false;
     int pendingError = 0;
-    // Where its bytes go, when it is connected to the local peer.
+    // The index of its delivery, if it is connected to the local peer.
     std::optional<std::size_t> delivery;
   };
 

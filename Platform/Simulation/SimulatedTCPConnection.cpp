@@ -153,7 +153,7 @@ void SimulatedTCPConnection::applyState(TCPConnectionState state, platform::Opti
     error_ = error;
     peer_->disconnect(error);
   }
-  // An observer may let go of this connection.
+  // An observer may release this connection.
   const auto self = shared_from_this();
   observers_.notify(*self);
 }

@@ -13,14 +13,14 @@
 
 namespace ostravel::simulation {
 
-// A connection whose peer, the proxy, is played by the test. Made by the simulation when the
-// provider asks for one, owned by the provider. It is connecting until the test says otherwise;
-// reads and writes wait for that. Destroyed without having been cancelled it is cut off: the peer
-// sees a reset.
+// A connection whose peer, the proxy, is controlled by the test. Created by the simulation at the
+// provider's request, owned by the provider. It is connecting until the test changes its state;
+// reads and writes wait for that. If it is destroyed without having been cancelled, the peer sees a
+// reset.
 //
 // States: connecting and waiting -> connected -> disconnected; cancelled from everywhere. It is
-// disconnected by the peer's reset, and after a read has reported the end of the stream. What
-// changes the state through the run queue does so in the order in which it was asked for.
+// disconnected by the peer's reset, and after a read has reported the end of the stream. Changes of
+// state through the run queue keep their order.
 class SimulatedTCPConnection final : public platform::TCPConnection,
                                      public std::enable_shared_from_this<SimulatedTCPConnection> {
  public:

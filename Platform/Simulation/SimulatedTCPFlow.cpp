@@ -98,7 +98,7 @@ bool SimulatedTCPFlow::giveBack(const char* call, const platform::OptionalError&
 }
 
 void SimulatedTCPFlow::dropCompletions() {
-  // The completion of an open that is held back may be all that holds this flow.
+  // The held completion of open() may be the only owner of this flow.
   const auto completion = std::exchange(openCompletion_, nullptr);
   application_->dropCompletions();
 }

@@ -9,7 +9,7 @@
 
 namespace ostravel::simulation {
 
-// A TCP flow whose application is played by the test:
+// A TCP flow whose application is controlled by the test:
 //
 //   const auto flow = simulation.makeTCPFlow("com.example.app", {{"example.com", "443"}});
 //   flow->application()->send("hello");
@@ -28,18 +28,18 @@ class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
   const std::shared_ptr<SimulatedPeer>& application() const { return application_; }
   const std::string& name() const { return application_->name(); }
 
-  // Opening fails, now or when it is asked for.
+  // Makes a pending or later open() fail.
   void failOpen(platform::Error error);
   // Opening does not complete until it is released.
   void holdOpen();
   void releaseOpen();
   bool openWasRequested() const { return openWasRequested_; }
-  // With which local endpoint, if any.
+  // The local endpoint that open() received, if any.
   const std::optional<platform::HostEndpoint>& requestedLocalEndpoint() const {
     return requestedLocalEndpoint_;
   }
 
-  // What was closed, by the first call of each; the error is the one that it was closed with.
+  // The closed directions, with the error of the first call for each.
   bool readWasClosed() const { return readClosed_; }
   bool writeWasClosed() const { return writeClosed_; }
   const platform::OptionalError& readCloseError() const { return readCloseError_; }
@@ -63,7 +63,7 @@ class SimulatedTCPFlow final : public platform::AppProxyTCPFlow,
   void scheduleOpen();
   void completeOpen();
   void requireOpened(const char* operation) const;
-  // True, and done, when the error ends a flow of which nothing has been asked.
+  // Leaves the flow to the system if this error ends it before its first operation; true if so.
   bool giveBack(const char* call, const platform::OptionalError& error);
 
   RunState& run_;

@@ -16,7 +16,7 @@ class SimulatedUDPFlow final : public platform::AppProxyUDPFlow {
 
   const std::string& name() const { return name_; }
 
-  // What was closed, by the first call of each; the error is the one that it was closed with.
+  // The closed directions, with the error of the first call for each.
   bool readWasClosed() const { return readClosed_; }
   bool writeWasClosed() const { return writeClosed_; }
   const platform::OptionalError& readCloseError() const { return readCloseError_; }

@@ -28,7 +28,7 @@ Simulation::Simulation(const SimulationOptions& options)
 }
 
 Simulation::~Simulation() {
-  // Completions and items may be all that keeps an object alive, which in turn holds them.
+  // Breaks cycles: completions and items may own objects that own them.
   run_.queue.clear();
   for (const auto& weakFlow : flows_) {
     if (const auto flow = weakFlow.lock()) {

@@ -35,9 +35,9 @@ struct SimulationOptions {
   bool keepsJournal = true;
 };
 
-// A whole platform and a provider's surroundings in one object: virtual time, one run queue, and
-// applications, peers and socket calls that are played by the test. The same options and the same
-// calls give the same run, down to the order of every completion.
+// A complete platform and a provider's context in one object: virtual time, one run queue, and
+// applications, peers and socket calls that the test controls. The same options and the same calls
+// give the same run, down to the order of every completion.
 //
 //   Simulation simulation;
 //   const auto provider = std::make_shared<PacketTunnelProvider>(simulation, simulation);
@@ -67,7 +67,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
   void run() { run_.queue.run(); }
   // Runs, and lets this much virtual time pass, moment by moment.
   void advance(std::chrono::nanoseconds duration) { run_.queue.advance(duration); }
-  // For an item that is slow: time passes and nothing else happens.
+  // Simulates a slow item: time passes and nothing else happens.
   void spend(std::chrono::nanoseconds duration) { run_.queue.spend(duration); }
   // Runs, and lets time pass when nothing else can happen, until the predicate holds; false when it
   // does not within the limit.
@@ -79,7 +79,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
   // An item outside all queues, for a step of the test among the others.
   void post(std::function<void()> work) { run_.queue.post(std::move(work)); }
 
-  // --- What happened.
+  // --- Records.
 
   Journal& journal() { return run_.journal; }
   // Every line of every log handle and of the default log, in order.
@@ -97,7 +97,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
   std::shared_ptr<SimulatedUDPFlow> makeUDPFlow(
       std::string signingIdentifier, std::optional<platform::HostEndpoint> localEndpoint);
 
-  // --- The provider's surroundings.
+  // --- The provider's context.
 
   // All requests so far. A request succeeds unless the test says otherwise.
   const std::vector<platform::TransparentProxyNetworkSettings>& networkSettings() const {
@@ -169,7 +169,7 @@ class Simulation final : public platform::Platform, public platform::ProviderCon
   std::vector<std::string> systemLogLines_;
 
   std::size_t flowCount_ = 0;
-  // To drop what is outstanding at the end of the run.
+  // For dropping outstanding completions at the end of the run.
   std::vector<std::weak_ptr<SimulatedTCPFlow>> flows_;
 
   std::vector<platform::TransparentProxyNetworkSettings> networkSettings_;

@@ -16,7 +16,7 @@
 
 namespace ostravel::simulation {
 
-// Which of the items that may run is run next.
+// Selects the next item among those that may run.
 enum class RunOrder {
   // The one that was submitted first.
   fixed,
@@ -24,17 +24,17 @@ enum class RunOrder {
   seeded,
 };
 
-// Everything that will happen in a run: items that may run now, and alarms at moments of virtual
-// time. Time does not pass while anything can run. Single-threaded.
+// The pending work of a run: items that may run now, and alarms in virtual time. Time does not pass
+// while any item can run. Single-threaded.
 class RunQueue {
  public:
   using Work = std::function<void()>;
   // By moment, then by the order in which they were set.
   using AlarmKey = std::pair<std::chrono::nanoseconds, std::uint64_t>;
-  // Decides instead of a seed: gives a number below bound, which is above one.
+  // Replaces the seed: returns a number below bound, which is above one.
   using Chooser = std::function<std::uint64_t(std::uint64_t bound)>;
 
-  // With more items at one moment of virtual time, items submit one another endlessly.
+  // If more items run at one moment of virtual time, they submit one another endlessly.
   static constexpr std::size_t kMaximumItemsPerMoment = 2'000'000;
 
   RunQueue(RunOrder order, SeededRandom random);
@@ -55,8 +55,8 @@ class RunQueue {
   // An item on its own that may not run before the delay is over.
   void postAfter(std::chrono::nanoseconds delay, Work work);
 
-  // Runs the work here, after what must precede it in the lane was run here as well. Throws
-  // std::logic_error where it would wait for an item that waits for it.
+  // Runs the work in the caller, after the items that must precede it in the lane. Throws
+  // std::logic_error if it would wait for an item that waits for it.
   void runInCaller(const std::shared_ptr<WorkLane>& lane, ItemKind kind, const Work& work);
 
   // Calls the work once when virtual time reaches the moment; it may only post.
@@ -74,7 +74,7 @@ class RunQueue {
   void run();
   // Lets virtual time pass, running what becomes due at its moment and in its order.
   void advance(std::chrono::nanoseconds duration);
-  // An item takes this long: time passes and nothing else happens meanwhile.
+  // Simulates an item that takes this long: time passes and nothing else happens.
   void spend(std::chrono::nanoseconds duration);
   // Runs items, and lets time pass whenever none can run, until the predicate holds or the limit of
   // virtual time is reached; returns whether it holds. The predicate is tested after every item.
