@@ -9,7 +9,7 @@
 
 namespace ostravel::macos {
 
-// What a process on macOS offers to the core. One per process, made by the process entry and never
+// The core's environment on macOS. One per process, created by the process entry and never
 // destroyed there.
 class MacPlatform final : public platform::Platform {
  public:

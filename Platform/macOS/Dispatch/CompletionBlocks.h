@@ -13,8 +13,8 @@ namespace ostravel::macos {
 using ErrorBlock = void (^)(NSError* error);
 using ReadBlock = void (^)(NSData* data, NSError* error);
 
-// The system's completion handlers around the core's, which run on the queue. owner is the object
-// that was asked: it is kept while the completion runs. The completion runs even if the object no
+// Completion handlers for the system that run the core's on the queue. owner: the object whose
+// operation it is, kept alive while the completion runs. The completion runs even if the object no
 // longer exists.
 Reference<ErrorBlock> errorBlock(std::shared_ptr<CompletionQueue> queue,
                                  std::weak_ptr<const void> owner,

@@ -9,7 +9,7 @@
 
 namespace ostravel::macos {
 
-// A queue of Dispatch, which keeps a queue alive by itself while items are waiting.
+// A queue of Dispatch, which keeps queues alive while items are waiting.
 class SystemDispatchQueue final : public platform::DispatchQueue {
  public:
   SystemDispatchQueue(std::string label, platform::DispatchQueueKind kind);

@@ -9,7 +9,7 @@ namespace {
 
 using Work = platform::DispatchQueue::Work;
 
-// Each item runs inside an autorelease pool: what it autoreleases must not wait until the thread of
+// Each item runs inside an autorelease pool: autoreleased objects must not wait until the thread of
 // Dispatch is idle.
 void runOwned(void* context) {
   const std::unique_ptr<Work> work(static_cast<Work*>(context));

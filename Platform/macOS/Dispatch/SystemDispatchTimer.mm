@@ -15,7 +15,7 @@ class SystemDispatchTimer::HandlerSlot {
     handler_.swap(replacement);
   }
 
-  // The contexts of Dispatch are plain pointers.
+  // Dispatch passes its context as a plain pointer.
   static void run(void* context) {
     @autoreleasepool {
       if (const auto handler = static_cast<HandlerSlot*>(context)->current()) {

@@ -13,8 +13,8 @@ class SystemTCPConnection;
 //
 // The system does not retain an observer, not even during a notification, which may be under way on
 // another thread when the observation ends. Therefore one object that lives as long as the process
-// observes all connections, and a notification names its connection by a number that is never used
-// again.
+// observes all connections, and a notification identifies its connection by a number that is never
+// reused.
 
 // Notifies the adapter of every change from now on, on the thread that makes it. Returns the number
 // of the observation, which must be stopped exactly once, before the connection is released. Does

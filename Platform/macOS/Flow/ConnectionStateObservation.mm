@@ -34,7 +34,7 @@ class ObservationTable {
   std::unordered_map<std::uintptr_t, std::weak_ptr<SystemTCPConnection>> adapters_;
 };
 
-// Never destroyed: notifications may come until the very end of the process.
+// Never destroyed: notifications may arrive until the process ends.
 ObservationTable& observationTable() {
   static ObservationTable& table = *new ObservationTable();
   return table;
@@ -55,8 +55,8 @@ ObservationTable& observationTable() {
                        context:(void*)context {
   (void)keyPath;
   (void)change;
-  // The adapter may go below, and with it the last known reference to the connection, which is in
-  // the middle of its notification.
+  // The adapter may be destroyed below, and with it the last known reference to the connection,
+  // which is in the middle of its notification.
   [[object retain] autorelease];
   const auto number = reinterpret_cast<std::uintptr_t>(context);
   if (const auto adapter = ostravel::macos::observationTable().find(number)) {

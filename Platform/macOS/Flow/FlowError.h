@@ -6,9 +6,9 @@
 
 namespace ostravel::macos {
 
-// The error to close a flow with. Apple asks for one of NEAppProxyErrorDomain, which it translates
-// for the application. An error of that domain stays as it is; any other becomes the nearest one
-// of it, with the same description and the original underneath (NSUnderlyingErrorKey).
+// The error with which to close a flow. The system requires one of NEAppProxyErrorDomain, which it
+// translates for the application. An error of that domain is unchanged; any other becomes the
+// nearest one of that domain, with the same description and the original as NSUnderlyingErrorKey.
 // Autoreleased; nil for no error.
 NSError* makeFlowError(const platform::OptionalError& error);
 

@@ -10,7 +10,7 @@ namespace ostravel::macos {
 
 namespace {
 
-// What neither the network nor the peer caused was the provider's decision.
+// A failure that neither the network nor the peer caused was the provider's decision.
 NEAppProxyFlowError flowErrorOf(NSError* error) {
   if (![[error domain] isEqualToString:NSPOSIXErrorDomain]) {
     return NEAppProxyFlowErrorAborted;

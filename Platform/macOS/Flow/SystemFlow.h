@@ -12,8 +12,8 @@
 
 namespace ostravel::macos {
 
-// What all kinds of flow share. Interface is the seam's class for the kind, Flow the
-// system's. Releasing the last reference to a flow leaves it to the system.
+// Shared by all kinds of flow. Interface is the seam's class for the kind, Flow the system's.
+// Releasing the last reference to a flow leaves it to the system.
 template <typename Interface, typename Flow>
 class SystemFlow : public Interface {
  public:

@@ -13,8 +13,8 @@
 
 namespace ostravel::macos {
 
-// A connection that the system has made for the provider, which shares the queue of the completion
-// that it is made in. Over nil, which the system gives for an endpoint that it cannot use, it stays
+// A connection that the system has created for the provider. It shares the queue of the completion
+// that creates it. For nil, which the system returns for an endpoint that it cannot use, it stays
 // invalid forever, and its transfers fail.
 class SystemTCPConnection final : public platform::TCPConnection,
                                   public std::enable_shared_from_this<SystemTCPConnection> {
@@ -31,7 +31,8 @@ class SystemTCPConnection final : public platform::TCPConnection,
   void write(platform::Data data, platform::ErrorCompletion completion) override;
   void cancel() override;
 
-  // For the one object that observes the system's connections: passes a change of the state on.
+  // For the one object that observes the system's connections: notifies the observers of a change
+  // of state.
   void stateDidChange();
 
  private:
@@ -39,7 +40,7 @@ class SystemTCPConnection final : public platform::TCPConnection,
 
   const Reference<NWTCPConnection*> connection_;
   const std::shared_ptr<CompletionQueue> queue_;
-  // Under which the system's notifications find this object.
+  // The number by which the system's notifications find this object.
   std::uintptr_t observation_ = 0;
   platform::StateObservers observers_;
 };

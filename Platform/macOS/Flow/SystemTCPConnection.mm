@@ -36,7 +36,7 @@ SystemTCPConnection::SystemTCPConnection(NWTCPConnection* connection)
 
 SystemTCPConnection::~SystemTCPConnection() {
   stopObservingState(connection_.get(), observation_);
-  // Apple does not say that releasing a connection ends it.
+  // Releasing a connection is not documented to end it.
   cancel();
 }
 
@@ -55,7 +55,7 @@ TCPConnectionState SystemTCPConnection::state() const {
     case NWTCPConnectionStateCancelled:
       return TCPConnectionState::cancelled;
   }
-  // The system may define more states; none of those known today is meant.
+  // The system may define further states, which correspond to none of these.
   return TCPConnectionState::invalid;
 }
 

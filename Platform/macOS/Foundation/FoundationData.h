@@ -11,7 +11,7 @@ namespace ostravel::macos {
 // Keeps the object itself; the bytes are not copied. Absent for nil.
 std::optional<platform::Data> dataFrom(NSData* data);
 
-// Autoreleased. A chunk that dataFrom made gives its object back; any other is copied.
+// Autoreleased. A chunk that dataFrom made returns its object; any other is copied.
 NSData* makeNSData(const platform::Data& data);
 
 }  // namespace ostravel::macos

@@ -35,7 +35,7 @@ std::optional<platform::Data> dataFrom(NSData* data) {
 
 NSData* makeNSData(const platform::Data& data) {
   if (const auto* storage = dynamic_cast<const FoundationDataStorage*>(data.storage())) {
-    // The chunk may be gone before the caller's pool is drained.
+    // The chunk may be destroyed before the caller's pool is drained.
     return [[storage->object() retain] autorelease];
   }
   const auto bytes = data.bytes();

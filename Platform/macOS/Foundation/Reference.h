@@ -6,9 +6,9 @@
 
 namespace ostravel::macos {
 
-// How one reference to an object is taken and given back: by message for Objective-C objects,
-// Dispatch objects and log handles among them, and by the block functions for blocks, whose first
-// reference has to move them off the stack.
+// Takes and releases references: by message for Objective-C objects, which include Dispatch objects
+// and log handles, and by the block functions for blocks, whose first reference has to move them
+// off the stack.
 template <typename Pointer>
 struct Ownership {
   static Pointer retain(Pointer object) { return [object retain]; }

@@ -7,8 +7,8 @@
 
 namespace ostravel::macos {
 
-// One handle of the unified log. The line is finished here, because the system's own call takes
-// nothing but a literal as its format, and passed on as public text. Usable from any thread.
+// One handle of the unified log. The line is formatted here, because the system's call accepts only
+// a literal as its format, and passed on as public text. Usable from any thread.
 class UnifiedLog final : public platform::Log {
  public:
   explicit UnifiedLog(Reference<os_log_t> handle);

@@ -28,7 +28,7 @@ UnifiedLog::UnifiedLog(Reference<os_log_t> handle) : handle_(std::move(handle)) 
 void UnifiedLog::write(platform::LogLevel level, std::string_view format,
                        std::span<const platform::LogArgument> arguments) {
   const os_log_type_t type = typeOf(level);
-  // Debug lines are usually off, and then not worth putting together.
+  // Debug lines are usually disabled; do not format them then.
   if (os_log_type_enabled(handle_.get(), type)) {
     const std::string line = platform::formatLogLine(format, arguments);
     os_log_with_type(handle_.get(), type, "%{public}s", line.c_str());

@@ -16,9 +16,9 @@ class SystemProviderContext;
 using ProviderFactory =
     std::function<std::unique_ptr<platform::TransparentProxyProvider>(platform::ProviderContext&)>;
 
-// The system makes the principal object by the name of its class and passes it nothing, so what it
-// needs is stored here, before the process enters system-extension mode. Calling this is also what
-// makes a linker take the class in.
+// The system creates the principal object by the name of its class, without arguments, so the
+// factory is stored here before the process enters system-extension mode. Calling this also makes
+// the linker include the class.
 void setProviderFactory(ProviderFactory factory);
 
 }  // namespace ostravel::macos

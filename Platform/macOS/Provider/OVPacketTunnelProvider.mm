@@ -20,8 +20,8 @@ ProviderFactory& providerFactory() {
   return factory;
 }
 
-// Held by the context too, which the last work of the provider may need after the principal object
-// has gone.
+// The context is held as well: the provider's last work may need it after the principal object has
+// been destroyed.
 std::shared_ptr<platform::TransparentProxyProvider> makeProvider(
     const std::shared_ptr<SystemProviderContext>& context) {
   auto provider = providerFactory()(*context);
@@ -75,7 +75,7 @@ void setProviderFactory(ProviderFactory factory) {
       }
     });
     if (completion) {
-      // Held, here and below: the call may release the last reference to this object.
+      // Held here and below, because the call may release the last reference to this object.
       const auto provider = _provider;
       provider->startProxy(ostravel::macos::configurationFrom(options), *std::move(completion));
     }
@@ -94,7 +94,7 @@ void setProviderFactory(ProviderFactory factory) {
   }
 }
 
-// Also called for UDP flows: the system's own handling of those asks here.
+// Also called for UDP flows, by the system's default handling of those.
 - (BOOL)handleNewFlow:(NEAppProxyFlow*)flow {
   @autoreleasepool {
     const auto provider = _provider;

@@ -16,12 +16,12 @@ namespace ostravel::macos {
 // A failed start is also the result of all starts until the next stop.
 class StartCoalescer {
  public:
-  // The completion with which to start the provider, when this is the first start since the last
-  // stop. Absent: the result of the first start answers the given completion, at once if it is
-  // known already.
+  // Returns the completion with which to start the provider if this is the first start since the
+  // last stop. Otherwise absent: the given completion receives the result of the first start, at
+  // once if it is known.
   std::optional<platform::ErrorCompletion> admit(platform::ErrorCompletion completion);
 
-  // The next start is a first one again. Pending starts get the result of theirs.
+  // The next start is again a first one. Pending starts receive the result of their first start.
   void noteStop();
 
  private:

@@ -15,7 +15,7 @@ class StartCoalescer::Run {
         return;
       }
     }
-    // Set once, and not changed any more.
+    // Set once and never changed.
     completion(*result_);
   }
 

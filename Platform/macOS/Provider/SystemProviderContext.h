@@ -10,12 +10,12 @@
 
 namespace ostravel::macos {
 
-// What the system does for its provider, requested from the principal object, which makes this one
-// and is held weakly. If the core still works when that object has been destroyed, every request
-// fails. Usable from any thread.
+// The system's services to its provider, requested from the principal object, which creates this
+// one and is held weakly. Once that object has been destroyed, every request fails. Usable from any
+// thread.
 //
-// An operation may release the last reference to the principal object, which then ends, and lets go
-// of the core's provider, before the operation returns.
+// An operation may release the last reference to the principal object, which then releases the
+// core's provider and is destroyed before the operation returns.
 class SystemProviderContext final : public platform::ProviderContext {
  public:
   explicit SystemProviderContext(NETransparentProxyProvider* provider);

@@ -25,8 +25,8 @@ void SystemProviderContext::setTunnelNetworkSettings(
       return;
     }
     const auto queue = queue_;
-    // Not tied to the life of anything: the system's own start waits for this completion. By way of
-    // the queue, because the system may answer inside the call.
+    // Not tied to the lifetime of an object, because the system's start waits for this completion.
+    // Through the queue, because the system may answer inside the call.
     [provider.get()
         setTunnelNetworkSettings:makeProxyNetworkSettings(settings)
                completionHandler:^(NSError* error) {
