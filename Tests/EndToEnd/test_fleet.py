@@ -15,7 +15,10 @@ from Laboratory.lines import GENEROUS_SECONDS
 from Laboratory.network import THERE4, key_of, run
 from events import EventStream
 from laboratory import CURL, eventually
+from nats_accounts import ACCOUNT, Accounts, Key
 from origins import tell_peer
+
+HOST = os.uname().nodename.replace(" ", "_").replace(".", "_")
 
 EVENT = {
     "timestamp": 1763271815.5,
@@ -229,6 +232,37 @@ def test_a_server_of_another_name_gets_nothing(fleet):
     fleet.send(1)
     monitor.expect(monitor.errors, "cannot reach")
     eventually(lambda: any("TLS handshake error" in line for line in fleet.server.errors.since()),
+               "the refusal")
+
+
+def test_a_file_of_credentials_admits_a_machine(fleet):
+    accounts = Accounts(fleet.laboratory.folder)
+    fleet.start_server(accounts.configuration)
+    # As the documentation has it.
+    watching = accounts.credentials("watching", ["$JS.API.>"], ["_INBOX.>"])
+    machine = accounts.credentials("machine", [f"ostravel.events.{HOST}.>"], ["_INBOX.>"])
+    subscriber = fleet.start_subscriber("--credentials", watching)
+    subscriber.expect(subscriber.errors, "connected to")
+    fleet.start_publisher("--credentials", machine)
+    fleet.send(1)
+    assert numbers(subscriber, 1) == [1]
+    fleet.server.close()
+    fleet.send(2)
+    fleet.start_server(accounts.configuration)
+    assert numbers(subscriber, 2) == [1, 2]
+
+
+def test_credentials_that_the_server_does_not_know_get_nothing(fleet):
+    folder = fleet.laboratory.folder
+    accounts = Accounts(folder)
+    fleet.start_server(accounts.configuration)
+    stranger = Key(folder, "stranger", ACCOUNT)
+    unknown = accounts.credentials("unknown", [">"], [">"], signer=stranger)
+    for options in (["--credentials", unknown], []):
+        refused = fleet.start_subscriber(*options)
+        refused.expect(refused.errors, "cannot reach")
+        assert refused.output.since() == []
+    eventually(lambda: any("authentication error" in line for line in fleet.server.errors.since()),
                "the refusal")
 
 
