@@ -1,5 +1,6 @@
 #include "Base/PrintableText.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -8,6 +9,16 @@
 
 namespace ostravel {
 namespace {
+
+// How many characters from the beginning on are written as they are, apart from those beyond ASCII:
+// in most texts all of them.
+std::size_t plainSize(std::string_view text) {
+  const auto isPlain = [](char character) {
+    return character >= ' ' && character < '\x7F' && character != '\\';
+  };
+  return static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isPlain) -
+                                  text.begin());
+}
 
 void appendEscape(std::string& result, const char* format, unsigned value) {
   std::array<char, 16> escape{};
@@ -46,7 +57,13 @@ bool disturbsTerminal(char32_t codePoint) {
 std::string printableText(std::string_view text) {
   std::string result;
   result.reserve(text.size());
-  while (!text.empty()) {
+  while (true) {
+    const std::size_t plain = plainSize(text);
+    result.append(text.substr(0, plain));
+    text.remove_prefix(plain);
+    if (text.empty()) {
+      return result;
+    }
     const CodePoint next = firstCodePoint(text);
     if (!next.valid) {
       appendEscape(result, "\\x%02x", static_cast<std::uint8_t>(text.front()));
@@ -59,7 +76,6 @@ std::string printableText(std::string_view text) {
     }
     text.remove_prefix(next.size);
   }
-  return result;
 }
 
 std::string printableValue(std::string_view value) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 namespace ostravel {
 namespace {
@@ -10,6 +11,19 @@ constexpr CodePoint kInvalid{0, 1, false};
 
 std::uint8_t byteAt(std::string_view text, std::size_t index) {
   return static_cast<std::uint8_t>(text[index]);
+}
+
+// How many bytes from the beginning on are ASCII for certain: whole words of them.
+std::size_t plainSize(std::string_view text) {
+  constexpr std::uint64_t kHighBits = 0x8080808080808080;
+  std::size_t size = 0;
+  for (std::uint64_t word = 0; size + sizeof word <= text.size(); size += sizeof word) {
+    std::memcpy(&word, text.data() + size, sizeof word);
+    if ((word & kHighBits) != 0) {
+      break;
+    }
+  }
+  return size;
 }
 
 }  // namespace
@@ -51,14 +65,17 @@ CodePoint lastCodePoint(std::string_view text) {
 }
 
 bool isWellFormedUTF8(std::string_view text) {
-  while (!text.empty()) {
+  while (true) {
+    text.remove_prefix(plainSize(text));
+    if (text.empty()) {
+      return true;
+    }
     const CodePoint next = firstCodePoint(text);
     if (!next.valid) {
       return false;
     }
     text.remove_prefix(next.size);
   }
-  return true;
 }
 
 std::string lowercasedASCII(std::string_view text) {

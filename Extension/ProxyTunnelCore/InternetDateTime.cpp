@@ -1,10 +1,10 @@
 #include "Extension/ProxyTunnelCore/InternetDateTime.h"
 
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
+
+#include "Base/CalendarText.h"
 
 namespace ostravel {
 
@@ -14,16 +14,10 @@ std::string internetDateTime(double secondsSince1970) {
   const double whole = std::floor(secondsSince1970);
   const double bounded = whole >= 0.0 ? std::fmin(whole, kLatest) : 0.0;
   const std::chrono::sys_seconds moment{std::chrono::seconds{static_cast<std::int64_t>(bounded)}};
-  const auto midnight = std::chrono::floor<std::chrono::days>(moment);
-  const std::chrono::year_month_day date{midnight};
-  const std::chrono::hh_mm_ss time{moment - midnight};
-
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02dZ", int{date.year()},
-                unsigned{date.month()}, unsigned{date.day()},
-                static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                static_cast<int>(time.seconds().count()));
-  return text.data();
+  std::string text;
+  appendCalendarText(text, moment);
+  text += 'Z';
+  return text;
 }
 
 }  // namespace ostravel

@@ -2,13 +2,11 @@
 
 #include <fcntl.h>
 
-#include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <ctime>
 #include <utility>
 
+#include "Base/CalendarText.h"
 #include "Platform/Linux/Services/LogLine.h"
 
 namespace ostravel::linuxplatform {
@@ -22,32 +20,35 @@ using namespace std::chrono_literals;
 // How soon the writer notices that it must end.
 constexpr auto kPatience = 100ms;
 
-const char* levelName(LogLevel level) {
+// Usual lines fit, so that they are written in one piece of memory.
+constexpr std::size_t kLineRoom = 160;
+
+// All of the same width.
+std::string_view levelName(LogLevel level) {
   switch (level) {
     case LogLevel::debug:
-      return "debug";
+      return "debug  ";
     case LogLevel::info:
-      return "info";
+      return "info   ";
     case LogLevel::standard:
       return "default";
     case LogLevel::error:
       break;
   }
-  return "error";
+  return "error  ";
 }
 
 std::string linePrefix(LogLevel level) {
-  timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
-  std::tm time{};
-  ::gmtime_r(&now.tv_sec, &time);
-  constexpr long kNanosecondsPerMillisecond = 1'000'000;
-  std::array<char, 64> text{};
-  std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ %-7s ",
-                time.tm_year + 1900, time.tm_mon + 1, time.tm_mday, time.tm_hour, time.tm_min,
-                time.tm_sec, static_cast<int>(now.tv_nsec / kNanosecondsPerMillisecond),
-                levelName(level));
-  return text.data();
+  constexpr unsigned kMillisecondDigits = 3;
+  const auto now = std::chrono::system_clock::now();
+  const auto second = std::chrono::floor<std::chrono::seconds>(now);
+  const auto fraction = std::chrono::floor<std::chrono::milliseconds>(now - second);
+  std::string text;
+  text.reserve(kLineRoom);
+  appendCalendarText(text, second);
+  text += '.';
+  appendPadded(text, static_cast<unsigned>(fraction.count()), kMillisecondDigits);
+  return text.append("Z ").append(levelName(level)).append(" ");
 }
 
 }  // namespace
@@ -76,7 +77,8 @@ void StderrLog::write(LogLevel level, std::string_view format,
     return;
   }
   const int errorOfCaller = errno;
-  writer_->push(linePrefix(level) + printableLogLine(format, arguments) + '\n', urgencyOf(level));
+  const std::string line = linePrefix(level) + printableLogLine(format, arguments) + '\n';
+  writer_->push(line, urgencyOf(level));
   errno = errorOfCaller;
 }
 
