@@ -228,8 +228,8 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
     }
   }
   emit(monitoring_events::kHandshakeSucceeded, {{"app_id", appId_}},
-       Metrics{{"elapsed_ms", elapsedMilliseconds},
-               {"leftover_bytes", static_cast<double>(leftoverData.size())}});
+       {{"elapsed_ms", elapsedMilliseconds},
+        {"leftover_bytes", static_cast<double>(leftoverData.size())}});
   pipeLocalToRemote();
   if (leftoverData.empty()) {
     pipeRemoteToLocal();
@@ -276,7 +276,7 @@ void OVTunnelConnection::handleHandshakeTimeout() {
   log_->error("OstravelProxy: CONNECT handshake timed out");
   noteEnd(platform::FlowEnd::timedOut, error.localizedDescription);
   emit(monitoring_events::kHandshakeTimedOut, {{"app_id", appId_}},
-       Metrics{{"timeout_seconds", handshakeTimeout_}});
+       {{"timeout_seconds", handshakeTimeout_}});
   close(std::move(error));
 }
 
@@ -380,9 +380,17 @@ void OVTunnelConnection::noteEnd(platform::FlowEnd end, std::string_view detail)
 }
 
 void OVTunnelConnection::emit(const MonitoringEventKind& kind, Context context,
-                              std::optional<Metrics> metrics) const {
-  monitoringClient_->emit(
-      makeMonitoringEvent(platform_, kind, flowId_, std::move(context), std::move(metrics)));
+                              Metrics metrics) const {
+  using Event = ProxyTunnelMonitoringEvent;
+  if (!monitoringClient_->hasSocketPath()) {
+    return;
+  }
+  auto measured = metrics.size() == 0
+                      ? std::nullopt
+                      : std::optional(Event::Metrics(metrics.begin(), metrics.end()));
+  monitoringClient_->emit(makeMonitoringEvent(platform_, kind, flowId_,
+                                              Event::Context(context.begin(), context.end()),
+                                              std::move(measured)));
 }
 
 }  // namespace ostravel

@@ -3,11 +3,13 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Extension/ProxyTunnelCore/MonitoringEventKind.h"
 #include "Extension/ProxyTunnelCore/ProxyConnectResponseParser.h"
@@ -61,8 +63,9 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   ProxyTunnelHandshakeWatchdog& handshakeWatchdog();
 
  private:
-  using Metrics = ProxyTunnelMonitoringEvent::Metrics;
-  using Context = ProxyTunnelMonitoringEvent::Context;
+  // Those of an event, which are copied only if there is somewhere to send it.
+  using Metrics = std::initializer_list<std::pair<std::string_view, double>>;
+  using Context = std::initializer_list<std::pair<std::string_view, std::string_view>>;
 
   void stopObserving();
 
@@ -89,8 +92,7 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   void noteClose(const platform::OptionalError& error);
   void noteEnd(platform::FlowEnd end, std::string_view detail) const;
 
-  void emit(const MonitoringEventKind& kind, Context context,
-            std::optional<Metrics> metrics = std::nullopt) const;
+  void emit(const MonitoringEventKind& kind, Context context, Metrics metrics = {}) const;
 
   platform::Platform& platform_;
   const std::shared_ptr<platform::Log> log_;

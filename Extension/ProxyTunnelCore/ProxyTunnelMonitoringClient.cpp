@@ -200,6 +200,11 @@ void ProxyTunnelMonitoringClient::updateSocketPath(std::optional<std::string_vie
   socketPath_ = std::move(trimmed);
 }
 
+bool ProxyTunnelMonitoringClient::hasSocketPath() const {
+  const std::lock_guard guard(lock_);
+  return socketPath_ && !socketPath_->empty();
+}
+
 void ProxyTunnelMonitoringClient::emit(ProxyTunnelMonitoringEvent event) {
   std::shared_ptr<const std::string> path;
   {
@@ -221,8 +226,7 @@ void ProxyTunnelMonitoringClient::emit(ProxyTunnelMonitoringEvent event) {
 
 ProxyTunnelMonitoringClient::Counts ProxyTunnelMonitoringClient::counts() const {
   Counts counts = delivery_->counts();
-  const std::lock_guard guard(lock_);
-  counts.hasPath = socketPath_ && !socketPath_->empty();
+  counts.hasPath = hasSocketPath();
   return counts;
 }
 

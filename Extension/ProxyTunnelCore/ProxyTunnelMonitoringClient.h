@@ -43,6 +43,9 @@ class ProxyTunnelMonitoringClient {
   // Trims the path. Absent or empty: events are dropped silently.
   void updateSocketPath(std::optional<std::string_view> path);
 
+  // Without one, an event need not be made.
+  bool hasSocketPath() const;
+
   void emit(ProxyTunnelMonitoringEvent event);
 
   // Since the client was created. Events without a path are not counted.

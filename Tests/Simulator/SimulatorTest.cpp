@@ -66,9 +66,9 @@ TEST(SimulatorTest, RecordedSeedsGiveTheRecordedRuns) {
     std::uint64_t digest;
   };
   for (const auto& [seed, digest] :
-       {Recorded{1, 0xc4cd699779cf5c1d}, Recorded{7, 0xfe0e734291e020ad},
+       {Recorded{1, 0xc9b6cf536ead4551}, Recorded{7, 0x8d7a6288b21600e2},
         Recorded{42, 0x77eb64e53aea9d3b}, Recorded{4711, 0x163acacdd58a9b88},
-        Recorded{20261, 0x39cb3daae6eb35e2}}) {
+        Recorded{20261, 0x6a9ac5deceab00e6}}) {
     EXPECT_EQ(play({.seed = seed}).digest, digest) << "seed " << seed;
   }
 }

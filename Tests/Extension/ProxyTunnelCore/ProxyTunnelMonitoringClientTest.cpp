@@ -121,6 +121,15 @@ TEST_F(MonitoringClientEmit, DoesNotEvenEncodeWithoutAPath) {
   EXPECT_EQ(simulation_.systemLogLines(), Lines{});
 }
 
+TEST_F(MonitoringClientEmit, KnowsWhetherThereIsAPath) {
+  EXPECT_FALSE(make(std::nullopt)->hasSocketPath());
+  EXPECT_FALSE(make("")->hasSocketPath());
+  const auto client = make(kPath);
+  EXPECT_TRUE(client->hasSocketPath());
+  client->updateSocketPath(" \t\n");
+  EXPECT_FALSE(client->hasSocketPath());
+}
+
 TEST_F(MonitoringClientEmit, TrimsAnUpdatedPath) {
   const auto client = make(std::nullopt);
 
