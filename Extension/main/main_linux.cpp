@@ -11,6 +11,7 @@
 #include <exception>
 #include <future>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -64,6 +65,13 @@ constexpr auto kLogTimeout = 500ms;
 int fail(std::string_view reason) {
   const std::string line = "ostravel-extension: " + printableText(reason) + '\n';
   static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, kLogTimeout));
+  return kExitCannotRun;
+}
+
+// Without an allocation, because there is no memory left.
+int failForMemory() {
+  constexpr std::string_view kLine = "ostravel-extension: there is not enough memory\n";
+  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, kLine.data(), kLine.size());
   return kExitCannotRun;
 }
 
@@ -351,6 +359,8 @@ int main(int argc, char** argv) {
   } catch (const std::system_error& failure) {
     return failure.code() == std::errc::too_many_files_open ? failForDescriptors(failure.what())
                                                             : fail(failure.what());
+  } catch (const std::bad_alloc&) {
+    return failForMemory();
   } catch (const std::exception& failure) {
     // Thrown by libraries, and by creating threads, loops and queues.
     return fail(failure.what());

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Platform/Interface/ProviderError.h"
+#include "Platform/Linux/Kernel/Allocated.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Kernel/NetfilterRule.h"
 #include "Platform/Linux/Kernel/TableChanges.h"
@@ -78,7 +79,7 @@ void addRatesSet(TableChanges& changes) {
 
 // A set object with the name of the alive set is enough to delete from and add to that set.
 SetHandle makeAliveReference() {
-  SetHandle set(::nftnl_set_alloc(), &::nftnl_set_free);
+  SetHandle set(allocated(::nftnl_set_alloc()), &::nftnl_set_free);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
   ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kAliveSet);
   return set;
@@ -87,7 +88,7 @@ SetHandle makeAliveReference() {
 void addAliveElements(NetfilterBatch& batch) {
   const SetHandle set = makeAliveReference();
   for (const auto protocol : std::array<std::uint8_t, 2>{IPPROTO_TCP, IPPROTO_UDP}) {
-    nftnl_set_elem* const element = ::nftnl_set_elem_alloc();
+    nftnl_set_elem* const element = allocated(::nftnl_set_elem_alloc());
     ::nftnl_set_elem_set(element, NFTNL_SET_ELEM_KEY, &protocol, sizeof protocol);
     ::nftnl_set_elem_add(set.get(), element);
   }

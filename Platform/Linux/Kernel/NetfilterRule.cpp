@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "Platform/Linux/Kernel/Allocated.h"
+
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -53,11 +55,7 @@ std::span<const std::byte> bytesOf(const Value& value) {
 }
 
 nftnl_expr* makeExpression(const char* name) {
-  nftnl_expr* const expression = ::nftnl_expr_alloc(name);
-  if (expression == nullptr) {
-    throw std::bad_alloc();
-  }
-  return expression;
+  return allocated(::nftnl_expr_alloc(name));
 }
 
 nftnl_expr* makeLimit(std::uint32_t perSecond, std::uint32_t burst, std::uint32_t flags) {
@@ -86,10 +84,8 @@ void NetfilterRuleRelease::operator()(nftnl_rule* rule) const {
   ::nftnl_rule_free(rule);
 }
 
-NetfilterRule::NetfilterRule(const char* table, const char* chain) : rule_(::nftnl_rule_alloc()) {
-  if (!rule_) {
-    throw std::bad_alloc();
-  }
+NetfilterRule::NetfilterRule(const char* table, const char* chain)
+    : rule_(allocated(::nftnl_rule_alloc())) {
   ::nftnl_rule_set_str(get(), NFTNL_RULE_TABLE, table);
   ::nftnl_rule_set_str(get(), NFTNL_RULE_CHAIN, chain);
   ::nftnl_rule_set_u32(get(), NFTNL_RULE_FAMILY, NFPROTO_INET);
@@ -364,10 +360,7 @@ NetfilterRule& NetfilterRule::queue(std::uint16_t number, QueueStatement stateme
   constexpr std::uint32_t kRevision = 3;
   constexpr std::uint16_t kBypass = 1;
   // The expression takes ownership of the memory and frees it.
-  void* const memory = std::calloc(1, sizeof(TargetInfo));
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
+  void* const memory = allocated(std::calloc(1, sizeof(TargetInfo)));
   new (memory) TargetInfo{number, 1, kBypass};
   nftnl_expr* const expression = makeExpression("target");
   ::nftnl_expr_set_str(expression, NFTNL_EXPR_TG_NAME, "NFQUEUE");

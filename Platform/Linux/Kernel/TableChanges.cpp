@@ -11,6 +11,8 @@
 #include <memory>
 #include <utility>
 
+#include "Platform/Linux/Kernel/Allocated.h"
+
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -24,7 +26,7 @@ using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
 }  // namespace
 
 TableChanges::TableChanges(const char* name) : table_(name) {
-  const TableHandle table(::nftnl_table_alloc(), &::nftnl_table_free);
+  const TableHandle table(allocated(::nftnl_table_alloc()), &::nftnl_table_free);
   ::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, table_);
   ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_INET);
   ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, kTableOwnerFlag);
@@ -35,7 +37,7 @@ TableChanges::TableChanges(const char* name) : table_(name) {
 }
 
 void TableChanges::addChain(const char* name, const Base* base) {
-  const ChainHandle chain(::nftnl_chain_alloc(), &::nftnl_chain_free);
+  const ChainHandle chain(allocated(::nftnl_chain_alloc()), &::nftnl_chain_free);
   ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, table_);
   ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
   std::string definition;
@@ -61,7 +63,7 @@ void TableChanges::add(std::string change, const ExpiringSet& set) {
       std::string("{ type ") + set.typeName + "; flags timeout" +
           (isDynamic ? ", dynamic; size " + std::to_string(set.maximumCount) : "") + "; timeout " +
           std::to_string(set.timeoutMilliseconds) + "ms; }");
-  const SetHandle handle(::nftnl_set_alloc(), &::nftnl_set_free);
+  const SetHandle handle(allocated(::nftnl_set_alloc()), &::nftnl_set_free);
   ::nftnl_set_set_str(handle.get(), NFTNL_SET_TABLE, table_);
   ::nftnl_set_set_str(handle.get(), NFTNL_SET_NAME, set.name);
   ::nftnl_set_set_u32(handle.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
