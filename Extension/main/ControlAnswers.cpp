@@ -106,6 +106,7 @@ JSONHandle ControlAnswers::status() const {
     addHealth(status, *provider);
   }
   addFlows(status, parts_.journal.totals());
+  addRelay(status);
   addServices(status);
   return result;
 }
@@ -226,6 +227,23 @@ void ControlAnswers::addFlows(json_t* status, const FlowJournal::Totals& totals)
       set(status, "queue", std::move(queue));
     }
   }
+}
+
+void ControlAnswers::addRelay(json_t* status) const {
+  linuxplatform::EventLoop::Counters sums;
+  for (unsigned index = 0; index < parts_.loops.size(); ++index) {
+    const linuxplatform::EventLoop& loop = parts_.loops.loop(index);
+    sums.copiedBytes += loop.counters().copiedBytes;
+    sums.splicedBytes += loop.counters().splicedBytes;
+    sums.discardedBytes += loop.counters().discardedBytes;
+    sums.wakeups += loop.counters().wakeups;
+  }
+  JSONHandle relay(json_object());
+  set(relay.get(), "copied_bytes", std::uint64_t{sums.copiedBytes});
+  set(relay.get(), "spliced_bytes", std::uint64_t{sums.splicedBytes});
+  set(relay.get(), "discarded_bytes", std::uint64_t{sums.discardedBytes});
+  set(relay.get(), "wakeups", std::uint64_t{sums.wakeups});
+  set(status, "relay", std::move(relay));
 }
 
 void ControlAnswers::addServices(json_t* status) const {

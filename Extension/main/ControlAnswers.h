@@ -59,6 +59,7 @@ class ControlAnswers {
   void addProxying(json_t* status) const;
   void addHealth(json_t* status, PacketTunnelProvider& provider) const;
   void addFlows(json_t* status, const linuxplatform::FlowJournal::Totals& totals) const;
+  void addRelay(json_t* status) const;
   void addServices(json_t* status) const;
   double now() const;
 

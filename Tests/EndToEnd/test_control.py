@@ -59,6 +59,8 @@ def test_what_is_counted_equals_what_was_done(laboratory):
     assert status["handshakes"]["pending_now"] == status["tunnels"]["now"] == 0
     assert status["verdicts"]["time"]["count"] >= 3
     assert status["guardian"] == "running" and status["queue"]["dropped"] == 0
+    assert status["relay"]["copied_bytes"] > before["relay"]["copied_bytes"]
+    assert status["relay"]["wakeups"] > before["relay"]["wakeups"]
 
     last = latest(laboratory)
     assert last["application"] == CURL and last["destination"] == remote(THERE4, 80)

@@ -23,6 +23,7 @@
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Platform/Linux/Services/LocalTurns.h"
 #include "Platform/Linux/Services/MemoryBudget.h"
+#include "Platform/Linux/Statistics/SingleWriterCount.h"
 
 namespace ostravel::linuxplatform {
 
@@ -37,15 +38,15 @@ class RedirectPath;
 // the transfers that had to wait (FairTurns), then the timers. An idle loop does not wake up.
 class EventLoop : private LocalTurns {
  public:
-  // Statistics since the loop started. Written and read on the loop only.
+  // Statistics since the loop started. Increased on the loop only, readable from any thread.
   struct Counters {
     // Bytes that streams have received into memory and into pipes.
-    std::uint64_t copiedBytes = 0;
-    std::uint64_t splicedBytes = 0;
+    SingleWriterCount copiedBytes;
+    SingleWriterCount splicedBytes;
     // Unread bytes of closed streams.
-    std::uint64_t discardedBytes = 0;
+    SingleWriterCount discardedBytes;
     // Completed waits for sockets and timers of the loop.
-    std::uint64_t wakeups = 0;
+    SingleWriterCount wakeups;
   };
 
   // Starts the thread. Throws std::system_error if no listener can be created. redirectPath:
@@ -97,6 +98,9 @@ class EventLoop : private LocalTurns {
   // From any thread.
   bool isStopping() const { return isStopping_; }
 
+  // For reading, from any thread.
+  const Counters& counters() const { return counters_; }
+
   // The listener's ports may be read from any thread.
   FlowListener& listener() { return *listener_; }
   DescriptorBudget& descriptors() { return descriptors_; }
@@ -112,9 +116,9 @@ class EventLoop : private LocalTurns {
   Poller& poller() { return poller_; }
   LoopTimers& timers() { return timers_; }
 
-  // Owns an object until letGo() or the end of the loop.
+  // Owns an object until release() or the end of the loop.
   void keep(std::shared_ptr<void> object) { kept_.insert(std::move(object)); }
-  void letGo(const std::shared_ptr<void>& object) { kept_.erase(object); }
+  void release(const std::shared_ptr<void>& object) { kept_.erase(object); }
 
   // The user whose flow is being served; connections created now are charged to it. Null between
   // flows.

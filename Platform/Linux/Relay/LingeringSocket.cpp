@@ -86,7 +86,7 @@ bool LingeringSocket::isEverythingAcknowledged() {
 void LingeringSocket::finish() {
   socket_.close();
   timer_.cancel();
-  loop_.letGo(shared_from_this());
+  loop_.release(shared_from_this());
 }
 
 }  // namespace ostravel::linuxplatform

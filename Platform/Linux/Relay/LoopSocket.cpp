@@ -95,7 +95,7 @@ ssize_t LoopSocket::moveInto(int pipe, std::size_t size) {
   return moved;
 }
 
-LoopSocket::Discarded LoopSocket::discardArrived(std::uint64_t& total) {
+LoopSocket::Discarded LoopSocket::discardArrived(SingleWriterCount& total) {
   for (int count = 0; count < limits::kDiscardsPerEvent; ++count) {
     if (!watch_->isReadable()) {
       return Discarded::allSoFar;

@@ -11,6 +11,7 @@
 #include "Platform/Linux/Relay/Poller.h"
 #include "Platform/Linux/Relay/Task.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
+#include "Platform/Linux/Statistics/SingleWriterCount.h"
 
 namespace ostravel::linuxplatform {
 
@@ -60,7 +61,7 @@ class LoopSocket {
   ssize_t moveInto(int pipe, std::size_t size);
 
   // Discards what has arrived, without copying it, and adds its size to total.
-  Discarded discardArrived(std::uint64_t& total);
+  Discarded discardArrived(SingleWriterCount& total);
 
   // Makes the socket end with a reset unless it is closed in order, even when the process is
   // killed: a truncated stream must not look complete. Accepted sockets inherit this, and the

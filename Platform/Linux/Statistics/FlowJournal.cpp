@@ -5,16 +5,7 @@
 
 namespace ostravel::linuxplatform {
 
-namespace {
-
 using namespace std::chrono_literals;
-
-// Not one atomic addition: only the writer changes these counts.
-void increment(std::atomic<std::uint64_t>& count) {
-  count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-}
-
-}  // namespace
 
 // The writer removes a record from view and then checks for a reader; the reader announces itself
 // and then looks at records. All four accesses are sequentially consistent, so either the writer
@@ -52,10 +43,10 @@ void FlowJournal::publish(std::shared_ptr<FlowRecord> record) {
       countDirect(record->reason());
       break;
     case FlowRecord::Action::refused:
-      increment(refused_);
+      ++refused_;
       break;
     case FlowRecord::Action::proxied:
-      increment(proxied_);
+      ++proxied_;
       live_.add(record);
       break;
   }
@@ -93,7 +84,7 @@ void FlowJournal::countDirect(std::string_view reason) {
       each.name.store(reason.data(), std::memory_order_release);
     }
     if (name == nullptr || std::string_view(name) == reason) {
-      increment(each.count);
+      ++each.count;
       return;
     }
   }
@@ -155,11 +146,11 @@ FlowJournal::Tunnels FlowJournal::tunnels(std::size_t limit) const {
 
 FlowJournal::Totals FlowJournal::totals() const {
   Totals totals;
-  totals.refused = refused_.load(std::memory_order_relaxed);
-  totals.proxied = proxied_.load(std::memory_order_relaxed);
+  totals.refused = refused_;
+  totals.proxied = proxied_;
   for (const Reason& reason : reasons_) {
     if (const char* const name = reason.name.load(std::memory_order_acquire); name != nullptr) {
-      const auto count = reason.count.load(std::memory_order_relaxed);
+      const std::uint64_t count = reason.count;
       totals.directByReason[name] = count;
       totals.direct += count;
     }

@@ -17,6 +17,7 @@
 #include "Platform/Linux/Statistics/FlowCounters.h"
 #include "Platform/Linux/Statistics/FlowRecord.h"
 #include "Platform/Linux/Statistics/LiveFlows.h"
+#include "Platform/Linux/Statistics/SingleWriterCount.h"
 
 namespace ostravel::linuxplatform {
 
@@ -109,7 +110,7 @@ class FlowJournal {
 
   struct Reason {
     std::atomic<const char*> name = nullptr;
-    std::atomic<std::uint64_t> count = 0;
+    SingleWriterCount count;
   };
 
   // Marks a reader: while it exists, the records that it sees are kept.
@@ -122,8 +123,8 @@ class FlowJournal {
   const platform::Clock& clock_;
   std::deque<FlowCounters> counters_;
   DurationHistogram verdicts_;
-  std::atomic<std::uint64_t> refused_ = 0;
-  std::atomic<std::uint64_t> proxied_ = 0;
+  SingleWriterCount refused_;
+  SingleWriterCount proxied_;
   std::array<Reason, kMaximumReasons> reasons_;
 
   std::atomic<std::uint64_t> last_ = 0;

@@ -19,11 +19,6 @@ std::string cut(std::string text) {
   return text;
 }
 
-// Not one atomic addition: only one thread writes it.
-void add(std::atomic<std::uint64_t>& sum, std::size_t count) {
-  sum.store(sum.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
-}
-
 template <typename Count>
 void change(std::atomic<Count>& count, Count difference) {
   count.fetch_add(difference, std::memory_order_relaxed);
@@ -107,12 +102,12 @@ void FlowRecord::ended(FlowEnd end, std::string_view detail) {
 }
 
 void FlowRecord::sent(std::size_t bytes) {
-  add(bytesSent_, bytes);
+  bytesSent_ += bytes;
   change<std::uint64_t>(counters_.bytesSent, bytes);
 }
 
 void FlowRecord::received(std::size_t bytes) {
-  add(bytesReceived_, bytes);
+  bytesReceived_ += bytes;
   change<std::uint64_t>(counters_.bytesReceived, bytes);
 }
 
@@ -151,8 +146,8 @@ FlowRecord::View FlowRecord::view() const {
             .connected = stepOf(connected_.load(std::memory_order_relaxed)),
             .established = stepOf(established_.load(std::memory_order_relaxed)),
             .ended = end == kNoEnd ? std::nullopt : stepOf(ended_.load(std::memory_order_relaxed)),
-            .bytesSent = bytesSent_.load(std::memory_order_relaxed),
-            .bytesReceived = bytesReceived_.load(std::memory_order_relaxed),
+            .bytesSent = bytesSent_,
+            .bytesReceived = bytesReceived_,
             .isOpen = action_ == Action::proxied && end == kNoEnd};
   if (hasIdentifier_.load(std::memory_order_acquire)) {
     view.flowID.assign(identifier_.data(), identifier_.size());

@@ -13,6 +13,7 @@
 
 #include "Platform/Interface/FlowObserver.h"
 #include "Platform/Linux/Statistics/FlowCounters.h"
+#include "Platform/Linux/Statistics/SingleWriterCount.h"
 
 namespace ostravel::linuxplatform {
 
@@ -134,8 +135,8 @@ class FlowRecord final : public platform::FlowObserver {
   // A FlowEnd, or kNoEnd. Written after detail_.
   std::atomic<std::uint8_t> end_ = kNoEnd;
   std::string detail_;
-  std::atomic<std::uint64_t> bytesSent_ = 0;
-  std::atomic<std::uint64_t> bytesReceived_ = 0;
+  SingleWriterCount bytesSent_;
+  SingleWriterCount bytesReceived_;
 };
 
 // Its name in the control protocol.
