@@ -13,9 +13,9 @@
 
 #include "Base/JSONHandle.h"
 #include "Companion/Events/FlowHistory.h"
+#include "Companion/Events/OutageLog.h"
 #include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/Web/FlowCounters.h"
-#include "Companion/Monitor/Web/OutageLog.h"
 
 namespace ostravel::companion {
 

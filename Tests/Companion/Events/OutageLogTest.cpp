@@ -1,4 +1,4 @@
-#include "Companion/Monitor/Web/OutageLog.h"
+#include "Companion/Events/OutageLog.h"
 
 #include <gtest/gtest.h>
 
