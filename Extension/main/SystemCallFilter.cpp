@@ -1,5 +1,6 @@
 #include "Extension/main/SystemCallFilter.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <seccomp.h>
 
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -31,16 +33,16 @@ constexpr std::array kPermitted{
     // Attributes of the process
     "capget", "capset", "getcpu", "getegid", "geteuid", "getgid", "getgroups", "getpgid", "getpgrp",
     "getpid", "getppid", "getpriority", "getrandom", "getresgid", "getresuid", "getrlimit",
-    "getrusage", "getsid", "getuid", "prlimit64", "setrlimit", "sysinfo", "umask", "uname",
-    // Files; changing them is for the control socket, the journal and the log
-    "access", "chdir", "chmod", "chown", "close", "close_range", "dup", "dup2", "dup3", "faccessat",
-    "faccessat2", "fadvise64", "fchmod", "fchmodat", "fchown", "fchownat", "fcntl", "fdatasync",
-    "fgetxattr", "flock", "fstat", "fstatfs", "fsync", "ftruncate", "getcwd", "getdents",
-    "getdents64", "getxattr", "inotify_add_watch", "inotify_init1", "inotify_rm_watch", "ioctl",
-    "lgetxattr", "lseek", "lstat", "memfd_create", "mkdir", "mkdirat", "name_to_handle_at",
-    "newfstatat", "open", "openat", "openat2", "pread64", "preadv", "preadv2", "pwrite64",
-    "pwritev", "pwritev2", "read", "readlink", "readlinkat", "readv", "rename", "renameat",
-    "renameat2", "rmdir", "stat", "statfs", "statx", "unlink", "unlinkat", "write", "writev",
+    "getrusage", "getsid", "getuid", "prlimit64", "seccomp", "setrlimit", "sysinfo", "umask",
+    "uname",
+    // Files; see also kOpening. Names are removed when the control socket is closed.
+    "access", "chdir", "close", "close_range", "dup", "dup2", "dup3", "faccessat", "faccessat2",
+    "fadvise64", "fcntl", "fdatasync", "fgetxattr", "flock", "fstat", "fstatfs", "fsync", "getcwd",
+    "getdents", "getdents64", "getxattr", "inotify_add_watch", "inotify_init1", "inotify_rm_watch",
+    "ioctl", "lgetxattr", "lseek", "lstat", "memfd_create", "name_to_handle_at", "newfstatat",
+    "openat2", "pread64", "preadv", "preadv2", "pwrite64", "pwritev", "pwritev2", "read",
+    "readlink", "readlinkat", "readv", "rmdir", "stat", "statfs", "statx", "unlink", "unlinkat",
+    "write", "writev",
     // Waiting, pipes
     "epoll_create", "epoll_create1", "epoll_ctl", "epoll_pwait", "epoll_pwait2", "epoll_wait",
     "eventfd", "eventfd2", "pipe", "pipe2", "poll", "ppoll", "pselect6", "select", "signalfd4",
@@ -83,6 +85,28 @@ constexpr std::array kDeadly{"execve",
                              "settimeofday",
                              "clock_settime"};
 
+// With the index of their flags.
+struct Opening {
+  const char* name;
+  unsigned flags;
+};
+constexpr std::array<Opening, 2> kOpening{{{"open", 1}, {"openat", 2}}};
+
+// What no event loop does once it runs.
+constexpr std::array kDeadlyForRelays{"listen"};
+constexpr std::array kNotForRelays{"rmdir", "unlink", "unlinkat"};
+
+// It reads how long the extension's threads have run, and writes one line.
+constexpr std::array kPermittedForGuardian{
+    "brk",          "clock_gettime",  "close",        "exit",
+    "exit_group",   "fcntl",          "fstat",        "futex",
+    "getdents64",   "getpid",         "gettid",       "gettimeofday",
+    "lseek",        "madvise",        "mmap",         "mprotect",
+    "mremap",       "munmap",         "newfstatat",   "pidfd_send_signal",
+    "poll",         "ppoll",          "read",         "restart_syscall",
+    "rt_sigaction", "rt_sigprocmask", "rt_sigreturn", "sched_yield",
+    "tgkill",       "write"};
+
 struct Release {
   void operator()(void* filter) const { ::seccomp_release(filter); }
 };
@@ -119,26 +143,61 @@ bool set(void* filter, scmp_filter_attr attribute, std::uint32_t value) {
   return result == 0;
 }
 
+// For reading, or as a place (O_PATH).
+bool permitReading(void* filter) {
+  constexpr scmp_datum_t kWriting = O_ACCMODE | O_CREAT | O_TRUNC | O_APPEND;
+  return std::all_of(kOpening.begin(), kOpening.end(), [filter](const Opening& opening) {
+    const int number = ::seccomp_syscall_resolve_name(opening.name);
+    const scmp_arg_cmp isForReading{
+        .arg = opening.flags, .op = SCMP_CMP_MASKED_EQ, .datum_a = kWriting, .datum_b = O_RDONLY};
+    const int result =
+        number < 0 ? 0 : ::seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, number, 1, &isForReading);
+    errno = -result;
+    return result == 0;
+  });
+}
+
 bool load(void* filter) {
   const int result = ::seccomp_load(filter);
   errno = -result;
   return result == 0;
 }
 
-}  // namespace
-
-platform::OptionalError SystemCallFilter::install() {
-  const Filter filter(::seccomp_init(SCMP_ACT_ERRNO(ENOSYS)));
+Filter makeFilter(std::uint32_t otherwise) {
+  Filter filter(::seccomp_init(otherwise));
   // A tree instead of a list; the kernel caches the answers that do not depend on arguments.
   constexpr std::uint32_t kBinaryTree = 2;
-  const bool isDone = filter && set(filter.get(), SCMP_FLTATR_CTL_OPTIMIZE, kBinaryTree) &&
-                      set(filter.get(), SCMP_FLTATR_CTL_TSYNC, 1) &&
-                      add(filter.get(), SCMP_ACT_ALLOW, kPermitted) &&
-                      add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadly) &&
-                      permitThreads(filter.get()) && load(filter.get());
+  const bool isMade = filter && set(filter.get(), SCMP_FLTATR_CTL_OPTIMIZE, kBinaryTree);
+  return isMade ? std::move(filter) : nullptr;
+}
+
+platform::OptionalError outcome(bool isDone) {
   return isDone ? std::nullopt
                 : platform::OptionalError(platform::systemCallError(
                       errno, "system calls cannot be restricted (seccomp)"));
+}
+
+}  // namespace
+
+platform::OptionalError SystemCallFilter::install() {
+  const Filter filter = makeFilter(SCMP_ACT_ERRNO(ENOSYS));
+  return outcome(filter && set(filter.get(), SCMP_FLTATR_CTL_TSYNC, 1) &&
+                 add(filter.get(), SCMP_ACT_ALLOW, kPermitted) &&
+                 add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadly) && permitThreads(filter.get()) &&
+                 permitReading(filter.get()) && load(filter.get()));
+}
+
+platform::OptionalError SystemCallFilter::restrictRelay() {
+  const Filter filter = makeFilter(SCMP_ACT_ALLOW);
+  return outcome(filter && add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadlyForRelays) &&
+                 add(filter.get(), SCMP_ACT_ERRNO(ENOSYS), kNotForRelays) && load(filter.get()));
+}
+
+platform::OptionalError SystemCallFilter::restrictGuardian() {
+  const Filter filter = makeFilter(SCMP_ACT_ERRNO(ENOSYS));
+  return outcome(filter && add(filter.get(), SCMP_ACT_ALLOW, kPermittedForGuardian) &&
+                 add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadly) && permitReading(filter.get()) &&
+                 load(filter.get()));
 }
 
 }  // namespace ostravel::linuxplatform

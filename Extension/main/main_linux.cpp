@@ -168,12 +168,28 @@ int printRules(const CommandLine::Options& options) {
 }
 
 // Not with a sanitizer, which runs programs and inspects its threads at the end.
-platform::OptionalError restrictSystemCalls() {
+platform::OptionalError restrictSystemCalls(platform::OptionalError (*restrict)()) {
 #ifdef OSTRAVEL_SANITIZED
+  static_cast<void>(restrict);
   return std::nullopt;
 #else
-  return linuxplatform::SystemCallFilter::install();
+  return restrict();
 #endif
+}
+
+// Whatever cannot be given up: it watches all the same.
+void restrictGuardian() {
+  static_cast<void>(linuxplatform::Privileges::giveUpUnused());
+  static_cast<void>(restrictSystemCalls(linuxplatform::SystemCallFilter::restrictGuardian));
+}
+
+// The filter of the process is in effect, so these of its threads can be installed too.
+void restrictRelays(linuxplatform::EventLoopGroup& loops) {
+  for (unsigned index = 0; index < loops.size(); ++index) {
+    loops.loop(index).post([] {
+      static_cast<void>(restrictSystemCalls(linuxplatform::SystemCallFilter::restrictRelay));
+    });
+  }
 }
 
 int run(int argc, char** argv) {
@@ -197,7 +213,7 @@ int run(int argc, char** argv) {
       guardedSocket = *std::move(socket);
     }
     guardian = linuxplatform::Guardian::start(
-        record, guardedSocket ? linuxplatform::descriptorOf(*guardedSocket) : -1);
+        record, guardedSocket ? linuxplatform::descriptorOf(*guardedSocket) : -1, restrictGuardian);
   }
   const auto configuration =
       linuxplatform::readProviderConfiguration(commandLine.options->configurationPath);
@@ -216,7 +232,7 @@ int run(int argc, char** argv) {
   if (const auto error = linuxplatform::Privileges::giveUpUnused()) {
     return fail(*error);
   }
-  const auto unrestricted = restrictSystemCalls();
+  const auto unrestricted = restrictSystemCalls(linuxplatform::SystemCallFilter::install);
   const sigset_t takenSignals = takeOverSignals();
   const bool endsOnHangUp = hasTerminal();
 
@@ -251,6 +267,7 @@ int run(int argc, char** argv) {
   linuxplatform::DescriptorBudget descriptors;
   linuxplatform::FlowJournal journal(platform.clock(), linuxplatform::kMaximumEventLoops);
   linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
+  restrictRelays(loops);
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
   const auto exempt = built_in::bypassAppIds();

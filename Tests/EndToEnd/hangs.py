@@ -19,6 +19,12 @@ def stop(extension):
     extension.send_signal(signal.SIGSTOP)
 
 
+def children_of(extension):
+    """Its guardian, if it has one."""
+    file = pathlib.Path(f"/proc/{extension.pid}/task/{extension.pid}/children")
+    return [int(child) for child in file.read_text().split()]
+
+
 def thread_of(extension, name):
     """The thread of that name."""
     (found,) = [

@@ -15,7 +15,7 @@ import time
 import pytest
 
 from Laboratory.network import THERE4, THERE6
-from hangs import control_group, spin, start_in, stop
+from hangs import children_of, control_group, spin, start_in, stop
 from laboratory import PEER_PORT, eventually
 
 # From the beginning of a connection: a hang is noticed after a second, and TCP retransmits the
@@ -180,12 +180,6 @@ def test_a_busy_machine_is_not_a_hang(laboratory):
 
 
 # The guardian
-
-
-def children_of(extension):
-    return list(
-        map(int, pathlib.Path(f"/proc/{extension.pid}/task/{extension.pid}/children").read_text().split())
-    )  # fmt: skip
 
 
 def is_running(process):

@@ -8,6 +8,7 @@ import pytest
 
 from Laboratory.lines import GENEROUS_SECONDS
 from Laboratory.network import THERE4
+from hangs import children_of
 from laboratory import PEER_PORT, log_lines
 
 READS_PROCESSES = "+sys_ptrace,+dac_read_search"
@@ -108,15 +109,33 @@ CAPABILITIES_KEPT = {
 }
 
 
+def threads_of(processes):
+    """The status of each of their threads (proc_pid_status(5))."""
+    for process in processes:
+        for thread in os.listdir(f"/proc/{process}/task"):
+            with open(f"/proc/{process}/task/{thread}/status") as file:
+                yield dict(line.rstrip("\n").split(":\t", 1) for line in file)
+
+
 def test_it_gives_up_what_it_does_not_use(laboratory):
     _, extension = laboratory.start_system()
     kept = sum(1 << number for number in CAPABILITIES_KEPT.values())
-    for thread in os.listdir(f"/proc/{extension.pid}/task"):
-        with open(f"/proc/{extension.pid}/task/{thread}/status") as file:
-            status = dict(line.rstrip("\n").split(":\t", 1) for line in file)
-        for name in ("CapEff", "CapPrm", "CapBnd", "CapAmb"):
-            assert int(status[name], 16) & ~kept == 0, (thread, name)
-        assert status["NoNewPrivs"] == "1"
+    for status in threads_of([extension.pid, *children_of(extension)]):
+        for kind in ("CapEff", "CapPrm", "CapBnd", "CapAmb"):
+            assert int(status[kind], 16) & ~kept == 0, (status["Name"], kind)
+        assert status["NoNewPrivs"] == "1", status["Name"]
+
+
+def test_its_system_calls_are_restricted(laboratory):
+    _, extension = laboratory.start_system()
+    names = set()
+    for status in threads_of([extension.pid, *children_of(extension)]):
+        name = status["Name"]
+        names.add(name)
+        # Another filter for those that carry connections.
+        filters = "2" if name.startswith("loop-") else "1"
+        assert (status["Seccomp"], status["Seccomp_filters"]) == ("2", filters), name
+    assert {"ostravel-extens", "ostravel-guard", "loop-0", "names"} <= names
 
 
 # The service manager

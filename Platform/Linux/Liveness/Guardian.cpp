@@ -172,7 +172,8 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
   ::_exit(EXIT_SUCCESS);
 }
 
-[[noreturn]] void guard(pid_t process, int extension, int lastFile, const HeartbeatRecord& record) {
+[[noreturn]] void guard(pid_t process, int extension, int lastFile, const HeartbeatRecord& record,
+                        const std::function<void()>& giveUp) {
   keepOnlyStandardErrorAnd(extension, lastFile);
   ignoreRequestsToEnd();
   takeName();
@@ -181,12 +182,14 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
   [[maybe_unused]] const int changed = ::chdir("/");
   leaveControlGroup();
   raisePriority();
+  giveUp();
   watch(process, record);
 }
 
 }  // namespace
 
-platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record, int lastFile) {
+platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record, int lastFile,
+                                           const std::function<void()>& giveUp) {
   // Opened before the fork, so that it cannot refer to a later process with the same number.
   const pid_t self = ::getpid();
   const FileDescriptor extension(::pidfd_open(self, 0));
@@ -198,7 +201,7 @@ platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record, int la
     return platform::systemCallError(errno, "fork");
   }
   if (process == 0) {
-    guard(self, extension.get(), lastFile, record);
+    guard(self, extension.get(), lastFile, record, giveUp);
   }
   return Guardian(process);
 }

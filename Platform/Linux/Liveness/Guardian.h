@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "Platform/Interface/Error.h"
@@ -40,7 +41,11 @@ class Guardian {
   // Forks. Called once, by the process to be guarded, before it has a second thread and before it
   // allocates much memory, which the guardian would copy. The record outlives both. lastFile: a
   // descriptor that stays the caller's; -1 for none.
-  static platform::Result<Guardian> start(const HeartbeatRecord& record, int lastFile = -1);
+  //
+  // giveUp runs in the guardian, when it needs no more permissions than to watch and to kill.
+  static platform::Result<Guardian> start(
+      const HeartbeatRecord& record, int lastFile = -1,
+      const std::function<void()>& giveUp = [] {});
 
   // True, once, if the guardian has ended, which it never does while the extension runs. Cheap;
   // call it after SIGCHLD.

@@ -6,10 +6,12 @@
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -20,15 +22,42 @@
 namespace ostravel::linuxplatform {
 namespace {
 
+using Install = platform::OptionalError (*)();
+
 // How a child that has installed the filter ends: the status of _exit(2), or 128 and the signal.
-int endOf(const std::function<int()>& body) {
+int endOf(const std::function<int()>& body, Install install = SystemCallFilter::install) {
   const pid_t child = ::fork();
   if (child == 0) {
-    ::_exit(SystemCallFilter::install() ? 99 : body());
+    ::_exit(install() ? 99 : body());
   }
   int status = 0;
   ::waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// The same for a thread that carries connections.
+int endOfRelay(const std::function<int()>& body) {
+  return endOf([&body] {
+    int result = 0;
+    std::thread([&result, &body] {
+      result = SystemCallFilter::restrictRelay() ? 99 : body();
+    }).join();
+    return result;
+  });
+}
+
+// The error of a call that has failed; 0 if it has not.
+int errorOf(long result) {
+  return result == -1 ? errno : 0;
+}
+
+int listenSomewhere() {
+  return ::listen(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), 1) == 0 ? 0 : 1;
+}
+
+int runProgram() {
+  ::execl("/bin/true", "true", nullptr);
+  return 1;
 }
 
 TEST(SystemCallFilter, PermitsThreadsFilesAndSockets) {
@@ -44,15 +73,11 @@ TEST(SystemCallFilter, PermitsThreadsFilesAndSockets) {
 }
 
 TEST(SystemCallFilter, PermitsNoOtherProcess) {
-  EXPECT_EQ(endOf([] { return ::fork() < 0 ? errno : 0; }), ENOSYS);
+  EXPECT_EQ(endOf([] { return errorOf(::fork()); }), ENOSYS);
 }
 
 TEST(SystemCallFilter, EndsWhatRunsAProgram) {
-  EXPECT_EQ(endOf([] {
-              ::execl("/bin/true", "true", nullptr);
-              return 1;
-            }),
-            128 + SIGSYS);
+  EXPECT_EQ(endOf(runProgram), 128 + SIGSYS);
 }
 
 TEST(SystemCallFilter, EndsWhatReachesForOthers) {
@@ -72,10 +97,85 @@ TEST(SystemCallFilter, EndsWhatReachesForOthers) {
 TEST(SystemCallFilter, AnswersTheUnknownAsAnOldKernelDoes) {
   EXPECT_EQ(endOf([] {
               constexpr long kNoSuchCall = 0x7ff0;
-              return ::syscall(kNoSuchCall) == -1 ? errno : 0;
+              return errorOf(::syscall(kNoSuchCall));
             }),
             ENOSYS);
-  EXPECT_EQ(endOf([] { return ::setuid(1) == -1 ? errno : 0; }), ENOSYS);
+  EXPECT_EQ(endOf([] { return errorOf(::setuid(1)); }), ENOSYS);
+}
+
+TEST(SystemCallFilter, OpensFilesForReadingOnly) {
+  for (const int flags : {O_WRONLY, O_RDWR, O_RDONLY | O_CREAT, O_RDONLY | O_TRUNC}) {
+    EXPECT_EQ(endOf([flags] { return errorOf(::open("/dev/null", flags, 0600)); }), ENOSYS);
+    EXPECT_EQ(endOf([flags] {
+                return errorOf(::syscall(SYS_openat, AT_FDCWD, "/dev/null", flags, 0600));
+              }),
+              ENOSYS);
+  }
+  for (const int flags : {O_RDONLY | O_CLOEXEC | O_NONBLOCK, O_PATH | O_NOFOLLOW}) {
+    EXPECT_EQ(endOf([flags] { return errorOf(::open("/dev/null", flags)); }), 0);
+  }
+}
+
+TEST(SystemCallFilter, ChangesNoFile) {
+  EXPECT_EQ(endOf([] { return errorOf(::chmod("/nowhere", 0)); }), ENOSYS);
+  EXPECT_EQ(endOf([] { return errorOf(::rename("/nowhere", "/elsewhere")); }), ENOSYS);
+  EXPECT_EQ(endOf([] { return errorOf(::mkdir("/nowhere/here", 0)); }), ENOSYS);
+}
+
+TEST(SystemCallFilter, EndsARelayThatListensOrRunsAProgram) {
+  EXPECT_EQ(endOfRelay(listenSomewhere), 128 + SIGSYS);
+  EXPECT_EQ(endOfRelay(runProgram), 128 + SIGSYS);
+}
+
+TEST(SystemCallFilter, ARelayRemovesNoNameAndWritesNoFile) {
+  EXPECT_EQ(endOfRelay([] { return errorOf(::unlink("/nowhere")); }), ENOSYS);
+  EXPECT_EQ(endOfRelay([] { return errorOf(::open("/dev/null", O_WRONLY)); }), ENOSYS);
+}
+
+TEST(SystemCallFilter, PermitsWhatARelayDoes) {
+  EXPECT_EQ(endOfRelay([] {
+              std::array<int, 2> sockets{};
+              std::array<int, 2> pipe{};
+              constexpr int kType = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
+              const bool isReady = ::socketpair(AF_UNIX, kType, 0, sockets.data()) == 0 &&
+                                   ::pipe2(pipe.data(), O_CLOEXEC | O_NONBLOCK) == 0 &&
+                                   ::send(sockets[0], "x", 1, MSG_NOSIGNAL) == 1;
+              const auto moved = ::splice(sockets[1], nullptr, pipe[1], nullptr, 1, 0);
+              const bool canLook = ::open("/proc/self/stat", O_RDONLY | O_CLOEXEC) >= 0;
+              return isReady && moved == 1 && canLook ? 0 : 1;
+            }),
+            0);
+}
+
+TEST(SystemCallFilter, OtherThreadsListenAfterARelayIsRestricted) {
+  EXPECT_EQ(endOf([] {
+              std::thread([] { static_cast<void>(SystemCallFilter::restrictRelay()); }).join();
+              return listenSomewhere();
+            }),
+            0);
+}
+
+TEST(SystemCallFilter, TheGuardianWatchesAndKills) {
+  EXPECT_EQ(endOf(
+                [] {
+                  const bool canLook = ::open("/proc/self/stat", O_RDONLY | O_CLOEXEC) >= 0;
+                  // There is no such descriptor, which is for the kernel to say.
+                  const auto kill = ::syscall(SYS_pidfd_send_signal, -1, SIGKILL, nullptr, 0);
+                  return canLook && errorOf(kill) == EBADF ? 0 : 1;
+                },
+                SystemCallFilter::restrictGuardian),
+            0);
+}
+
+TEST(SystemCallFilter, TheGuardianDoesNothingElse) {
+  const auto attempt = [](const std::function<int()>& body) {
+    return endOf(body, SystemCallFilter::restrictGuardian);
+  };
+  EXPECT_EQ(attempt([] { return errorOf(::socket(AF_INET, SOCK_STREAM, 0)); }), ENOSYS);
+  EXPECT_EQ(attempt([] { return errorOf(::open("/dev/null", O_WRONLY)); }), ENOSYS);
+  EXPECT_EQ(attempt([] { return errorOf(::kill(::getpid(), 0)); }), ENOSYS);
+  EXPECT_EQ(attempt([] { return errorOf(::fork()); }), ENOSYS);
+  EXPECT_EQ(attempt(runProgram), 128 + SIGSYS);
 }
 
 TEST(SystemCallFilter, HoldsInThreadsThatExistAlready) {
