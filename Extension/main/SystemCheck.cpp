@@ -30,10 +30,14 @@
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
 #include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Kernel/PacketLog.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Platform/Linux/Kernel/RoutingRules.h"
+#include "Platform/Linux/Names/BootClock.h"
+#include "Platform/Linux/Names/ConfiguredResolvers.h"
 #include "Platform/Linux/Names/DNSCopies.h"
 #include "Platform/Linux/Names/NameUse.h"
+#include "Platform/Linux/Names/ResolvedMonitor.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Services/LinuxSocketCalls.h"
 #include "Platform/Linux/Services/RelayLimits.h"
@@ -82,6 +86,7 @@ class SystemCheck {
     if (mayAdminister_) {
       checkKernel();
       checkRoutingRules();
+      checkNames();
       checkApplicationsAndProxy();
     }
     return std::move(report_);
@@ -138,18 +143,23 @@ class SystemCheck {
     if (path == nullptr || path->empty()) {
       return;
     }
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path->copy(address.sun_path, sizeof address.sun_path - 1);
-    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
-        errno == EAGAIN) {
+    if (const int failure = connectTo(*path); failure == 0 || failure == EAGAIN) {
       add(Level::ok, "monitor", "listens on " + *path);
     } else {
       add(Level::warning, "monitor",
-          "nobody listens on " + *path + " (" + std::strerror(errno) +
+          "nobody listens on " + *path + " (" + std::strerror(failure) +
               "), so events are lost: start ostravel-monitor --socket " + *path);
     }
+  }
+
+  // What connect(2) to the local socket says; 0 if somebody listens.
+  static int connectTo(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    return ::connect(socket.get(), generic, sizeof address) == 0 ? 0 : errno;
   }
 
   void checkDescriptors() {
@@ -247,6 +257,58 @@ class SystemCheck {
       std::ostringstream mask;
       mask << std::hex << options_.marks.mask();
       add(Level::ok, "packet marks", "no routing rule uses bits of 0x" + mask.str());
+    }
+  }
+
+  // Names are a gain: without them connections go by their addresses.
+  void checkNames() {
+    if (options_.names == NameUse::off) {
+      add(Level::ok, "names", "not observed (--names off)");
+      return;
+    }
+    const auto log = PacketLog::open();
+    if (!log) {
+      add(Level::warning, "names",
+          log.error().localizedDescription +
+              ": connections go by their addresses, and the lists of domains have no effect");
+      return;
+    }
+    checkResolvers();
+    checkResolvedMonitor();
+  }
+
+  void checkResolvers() {
+    ConfiguredResolvers resolvers;
+    resolvers.refresh(BootClock::now());
+    const std::string path = ConfiguredResolvers::kDefaultPath;
+    if (resolvers.servers().empty()) {
+      add(Level::warning, "names",
+          path +
+              " names no resolver, so no name holds for the whole machine: list there, as root, "
+              "those that applications ask");
+      return;
+    }
+    std::string addresses;
+    for (const SocketEndpoint& server : resolvers.servers()) {
+      addresses += (addresses.empty() ? "" : ", ") + server.addressText();
+    }
+    add(Level::ok, "names",
+        "from DNS answers; those of the resolvers in " + path + " (" + addresses +
+            ") hold for the whole machine");
+  }
+
+  void checkResolvedMonitor() {
+    const std::string path = ResolvedMonitor::kDefaultPath;
+    struct stat folder {};
+    if (::stat(path.substr(0, path.rfind('/')).c_str(), &folder) != 0) {
+      return;
+    }
+    if (const int failure = connectTo(path); failure != 0) {
+      add(Level::warning, "names",
+          "what applications ask systemd-resolved by its own protocol is not seen (" + path + ": " +
+              std::strerror(failure) + "): systemd 252 or later shows it to root");
+    } else {
+      add(Level::ok, "names", "also from systemd-resolved's monitor");
     }
   }
 

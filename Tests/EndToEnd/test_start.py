@@ -268,10 +268,10 @@ def test_a_low_limit_of_open_files_is_reported(laboratory):
 # The check
 
 
-def check(laboratory, *prefix):
+def check(laboratory, *prefix, options=()):
     """The status of --check, and its lines as triples of level, subject and finding."""
     done = laboratory.run_application(
-        *prefix, laboratory.program_path("ostravel-extension"), "--check"
+        *prefix, laboratory.program_path("ostravel-extension"), "--check", *options
     )
     assert done.stderr == b""
     text = done.stdout.decode()
@@ -325,6 +325,23 @@ def test_the_check_finds_problems(laboratory):
     ((level, finding),) = findings(lines, "permissions")
     assert (status, level) == (2, "problem")
     assert "CAP_NET_ADMIN" in finding
+
+
+def test_the_check_says_where_names_come_from(laboratory):
+    laboratory.replace_in_etc("resolv.conf", "nameserver 192.0.2.53\nnameserver ::1\n")
+    _, lines = check(laboratory, *laboratory.with_etc())
+    assert findings(lines, "names")[0] == (
+        "ok",
+        "from DNS answers; those of the resolvers in /etc/resolv.conf (192.0.2.53, ::1) hold for "
+        "the whole machine",
+    )
+    _, lines = check(laboratory, *laboratory.with_etc(), options=("--names", "off"))
+    assert findings(lines, "names") == [("ok", "not observed (--names off)")]
+    laboratory.replace_in_etc("resolv.conf", "# none\n")
+    status, lines = check(laboratory, *laboratory.with_etc())
+    level, finding = findings(lines, "names")[0]
+    assert (status, level) == (1, "warning")
+    assert finding.startswith("/etc/resolv.conf names no resolver")
 
 
 # The rules

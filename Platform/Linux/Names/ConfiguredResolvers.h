@@ -26,6 +26,8 @@ class ConfiguredResolvers {
   // Checks for changes, at most once a second.
   void refresh(BootClock::time_point now);
 
+  // As last read.
+  const std::vector<SocketEndpoint>& servers() const { return servers_; }
   // True for the address of a resolver, whatever its port.
   bool includes(const SocketEndpoint& server) const;
   // True for a system user who runs a resolver on this machine. Never true for root and nobody, who
