@@ -24,6 +24,8 @@ namespace {
 using namespace ostravel;
 using namespace ostravel::companion;
 
+constexpr std::string_view kAfterScheme = "://";
+
 // Sends one request and prints the answer, as text or as JSON. text: formats it.
 template <typename Text>
 std::variant<JSONHandle, int> askAndPrint(const ControlClient& client, JSONHandle request,
@@ -87,8 +89,22 @@ void addDestination(json_t* request, std::string_view subject) {
   }
 }
 
+// The destination of a URL (RFC 3986), as people copy it from a browser.
+void addDestinationOfURL(json_t* request, std::string_view url, std::size_t schemeSize) {
+  const std::string_view scheme = url.substr(0, schemeSize);
+  std::string_view authority = url.substr(schemeSize + kAfterScheme.size());
+  authority = authority.substr(0, authority.find_first_of("/?#"));
+  // Without a user this begins at npos + 1, which is 0.
+  authority = authority.substr(authority.rfind('@') + 1);
+  // What the URL itself names replaces it.
+  json_object_set_new(request, "port", json_integer(scheme == "http" ? 80 : 443));
+  addDestination(request, authority);
+}
+
 void addSubject(json_t* request, const std::string& subject) {
-  if (const auto pid = parseNumber<int>(subject)) {
+  if (const auto schemeSize = subject.find(kAfterScheme); schemeSize != std::string::npos) {
+    addDestinationOfURL(request, subject, schemeSize);
+  } else if (const auto pid = parseNumber<int>(subject)) {
     json_object_set_new(request, "pid", json_integer(*pid));
   } else if (subject.find('/') != std::string::npos) {
     const std::string path = std::filesystem::absolute(subject).lexically_normal();
@@ -145,7 +161,7 @@ int run(int argc, char** argv) {
   explained
       ->add_option("SUBJECT", subjects,
                    "The number of a process, the path of a program, or a destination")
-      ->option_text("PID|PATH|HOST[:PORT] ...")
+      ->option_text("PID|PATH|HOST[:PORT]|URL ...")
       ->required();
   explained->add_flag("--udp", isUDP, "A flow of UDP");
   const auto* const reloaded =

@@ -156,6 +156,9 @@ def test_explains_a_flow_without_one(laboratory):
     assert reason("www.digicert.com:443") == "exempt_host"
     assert reason("example.org:22") == "port_not_selected"
     assert reason("127.0.0.1:8080") == "to_the_proxy"
+    assert reason("https://user@www.digicert.com/a?b@c") == "exempt_host"
+    assert reason("http://example.org:22/") == "port_not_selected"
+    assert "TCP to port 80 " in laboratory.control("explain", "http://example.org").stdout
     assert reason(CURL, "example.org") == "exempt_application"
     assert reason(str(os.getpid())) == "proxied"
     answer = laboratory.asked("explain", CURL)
