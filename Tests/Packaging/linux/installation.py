@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Installs, upgrades, removes and purges the package in a fresh Debian.
+"""Installs, upgrades, removes, installs again and purges the package in a fresh Debian.
 
 The Debian is made with debootstrap the first time and kept in build/package/debian for the next. Its
 systemd runs as the first process of private namespaces; what the applications in it connect to is
@@ -25,6 +25,9 @@ PACKAGES = "systemd,systemd-sysv,dbus,nftables,curl,iproute2"
 GENEROUS_SECONDS = 90
 HERE, THERE = "198.51.100.1", "198.51.100.10"
 UNITS = ("ostravel", "ostravel-sidecar", "ostravel-monitor")
+PROGRAMS = ("ostravel-extension", "ostravel-sidecar", "ostravel-monitor", "ostravelctl")
+# The only complaint of the service: here /proc shows other process numbers than the kernel records.
+COMPLAINT = "processes are not seen under the numbers that /proc shows"
 
 # What systemd finds when it starts. Its control groups are those of a namespace of their own.
 START = r"""
@@ -167,8 +170,13 @@ class Machine:
     def is_active(self, unit):
         return self.show(unit, "ActiveState") == "active"
 
-    def journal(self, unit):
-        return self.run("journalctl", "-q", "-o", "cat", "-u", unit)
+    def journal(self, unit, *options):
+        return self.run("journalctl", "-q", "-o", "cat", "-u", unit, *options)
+
+    def status_of(self, process):
+        """proc_pid_status(5), by name."""
+        lines = self.run("cat", f"/proc/{process}/status").splitlines()
+        return dict(line.split(":\t", 1) for line in lines)
 
     def fetch(self):
         """How a connection went: "direct" or "proxied"."""
@@ -187,7 +195,7 @@ class Machine:
 def origin_beside(machine):
     origin = subprocess.Popen(["unshare", "--net", "--kill-child", "sh", "-c",
                                "ip link set lo up; read line; exec python3 -c \"$1\"", "sh", ORIGIN],
-                              stdin=subprocess.PIPE, text=True)
+                              stdin=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     try:
         inside = ["nsenter", "-t", str(machine.first), "-n", "ip"]
         # The namespace is there as soon as it differs from ours.
@@ -222,19 +230,70 @@ def files_of(machine):
             if not re.match(r"/etc/(passwd|group|shadow|gshadow|subuid|subgid)-?$", line)}
 
 
-def check(machine, package, older):
+def check_restrictions(machine):
+    """The unit's filters of system calls, and those of the extension and its guardian besides."""
+    main = machine.show("ostravel", "MainPID")
+    (guardian,) = machine.run("cat", f"/proc/{main}/task/{main}/children").split()
+    filters = [int(machine.status_of(process)["Seccomp_filters"]) for process in (main, guardian)]
+    (relay,) = machine.run("sh", "-c", f"grep -l ^loop-0$ /proc/{main}/task/*/comm").split()
+    relays = machine.status_of(relay.removeprefix("/proc/").removesuffix("/comm"))
+    assert filters[0] == filters[1] > 1 and int(relays["Seccomp_filters"]) == filters[0] + 1
+    written = machine.try_run("nsenter", "-t", main, "-m", "touch", "/etc/ostravel/file", "/tmp/file")
+    assert written.stderr.count("Read-only file system") == 1, written.stderr
+    assert not (machine.root / "tmp/file").exists()
+    say("the service restricts itself, and has a private view of the file system")
+
+
+def check_files(machine):
+    usr = machine.root / "usr/share"
+    for name in PROGRAMS:
+        section = 8 if name == "ostravel-extension" else 1
+        assert (usr / f"man/man{section}/{name}.{section}.gz").exists(), name
+        assert (usr / f"bash-completion/completions/{name}").exists(), name
+        assert (usr / f"fish/vendor_completions.d/{name}.fish").exists(), name
+        assert (usr / f"zsh/vendor-completions/_{name}").exists(), name
+    assert (usr / "doc/ostravel/linux.md").exists()
+    say("manual pages, completions and the documentation are there")
+
+
+@contextlib.contextmanager
+def tunnel(machine):
+    """A connection through the proxy that stays open, as the process that has it."""
+    script = f"exec 3<>/dev/tcp/{THERE}/80; echo open; cat <&3"
+    process = subprocess.Popen(
+        ["nsenter", "-t", str(machine.first), "-a", "bash", "-c", script],
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        assert process.stdout.readline() == "open\n"
+        yield process
+    finally:
+        process.kill()
+        process.wait()
+
+
+def check_start(machine):
+    """The files of the Debian before anything is installed."""
     eventually("the system runs", lambda: machine.try_run(
         "systemctl", "is-system-running").stdout.strip() in ("running", "degraded"))
     say("systemd runs as the first process")
-    before = files_of(machine)
+    return files_of(machine)
 
+
+def check(machine, package, older):
     machine.run("dpkg", "-i", f"/packages/{older.name}")
     eventually("the service", lambda: machine.is_active("ostravel"))
     assert machine.run("systemctl", "is-enabled", "ostravel").strip() == "enabled"
     for unit in UNITS[1:]:
         assert not machine.is_active(unit)
     assert machine.fetch() == "direct"
+    told = machine.try_run("ostravelctl", "status")
+    assert told.returncode == 1
+    assert told.stdout.startswith("New connections go direct: nothing answers on 127.0.0.1:8080.")
+    complaints = machine.journal("ostravel", "-p", "err").splitlines()
+    assert [line for line in complaints if COMPLAINT not in line] == [], complaints
     say("installed: the service is enabled and runs; without a proxy connections go direct")
+    check_restrictions(machine)
+    check_files(machine)
 
     machine.run("systemctl", "enable", "--now", "ostravel-sidecar")
     eventually("the proxy is found", lambda: machine.show("ostravel", "StatusText").startswith(
@@ -252,7 +311,7 @@ def check(machine, package, older):
     eventually("connections are proxied again", lambda: machine.fetch() == "proxied")
     # In a process namespace the executable is looked up in /proc, which a busy machine may give up.
     eventually("an event with the application's name", lambda: machine.fetch() and re.search(
-        "connect_handshake_succeeded +/usr/bin/curl", machine.journal("ostravel-monitor")))
+        r"connected [\d.]+ ms +/usr/bin/curl", machine.journal("ostravel-monitor")))
     say("events arrive at ostravel-monitor, with the application's name")
 
     main = machine.show("ostravel", "MainPID")
@@ -273,7 +332,11 @@ def check(machine, package, older):
     say("the registrations are reloaded, and --check finds no problem")
 
     main = machine.show("ostravel", "MainPID")
-    machine.run("dpkg", "-i", f"/packages/{package.name}")
+    eventually("connections are proxied", lambda: machine.fetch() == "proxied")
+    with tunnel(machine) as open_connection:
+        machine.run("dpkg", "-i", f"/packages/{package.name}")
+        _, errors = open_connection.communicate(timeout=GENEROUS_SECONDS)
+    assert "Connection reset by peer" in errors, errors
     eventually("the service after the upgrade", lambda: machine.is_active("ostravel"))
     assert machine.show("ostravel", "MainPID") != main
     assert (machine.root / "etc/ostravel/provider-configuration.json").read_text() == configuration
@@ -281,12 +344,17 @@ def check(machine, package, older):
     for unit in UNITS[1:]:
         eventually(unit, lambda unit=unit: machine.is_active(unit))
     eventually("connections are proxied", lambda: machine.fetch() == "proxied")
-    say("upgraded: all services run, the changed configuration is kept")
+    say("upgraded: all services run, tunnels are reset, the changed configuration is kept")
 
-    for page in ("8 ostravel-extension", "1 ostravel-sidecar", "1 ostravel-monitor", "1 ostravelctl"):
-        section, name = page.split()
-        assert (machine.root / f"usr/share/man/man{section}/{name}.{section}.gz").exists()
 
+def check_restart(machine):
+    eventually("the services after a restart", lambda: all(map(machine.is_active, UNITS)))
+    eventually("connections are proxied", lambda: machine.fetch() == "proxied")
+    assert machine.try_run("ostravelctl", "status").returncode == 0
+    say("restarted: all services run, connections are proxied")
+
+
+def check_removal(machine, package, before):
     machine.run("dpkg", "-r", "ostravel")
     for unit in UNITS:
         assert not machine.is_active(unit)
@@ -295,7 +363,13 @@ def check(machine, package, older):
     assert (machine.root / "etc/ostravel/provider-configuration.json").exists()
     say("removed: nothing runs, no rule stays, connections go direct, the configuration stays")
 
+    machine.run("dpkg", "-i", f"/packages/{package.name}")
+    eventually("all services run again", lambda: all(map(machine.is_active, UNITS)))
+    eventually("connections are proxied", lambda: machine.fetch() == "proxied")
+    say("installed again: what was enabled runs, with the configuration of before")
+
     machine.run("dpkg", "-P", "ostravel")
+    assert machine.run("nft", "list", "tables") == ""
     machine.run("systemctl", "daemon-reload")
     left = files_of(machine) - before
     assert not left, sorted(left)
@@ -323,7 +397,15 @@ def main():
         try:
             machine = Machine(root)
             with origin_beside(machine):
+                before = check_start(machine)
                 check(machine, package, older)
+            machine.close()
+            eventually("the control groups are empty", lambda: remove_groups(GROUP))
+            GROUP.mkdir()
+            machine = Machine(root)
+            with origin_beside(machine):
+                check_restart(machine)
+                check_removal(machine, package, before)
         except AssertionError as failure:
             if machine:
                 print(machine.console(), file=sys.stderr)
