@@ -412,7 +412,7 @@ std::string ApplicationIdentifierSource::findIdentifier(const Process& process,
   if (const auto name = names_.nameOf(process, socketUser)) {
     return printableIdentifier(*name);
   }
-  if (const auto script = scripts_ ? scripts_->nameOf(process) : std::nullopt) {
+  if (const auto script = scripts_ ? scripts_->nameOf(process, processes_) : std::nullopt) {
     return printableIdentifier(*script);
   }
   return process.isExecutableGenuine ? printableIdentifier(process.executable) : std::string();

@@ -64,7 +64,8 @@ ScriptNames::ScriptNames(std::unique_ptr<ScriptTracer> tracer) : tracer_(std::mo
   }
 }
 
-std::optional<std::string> ScriptNames::nameOf(const Process& process) const {
+std::optional<std::string> ScriptNames::nameOf(const Process& process,
+                                               const ProcessTable& processes) const {
   const auto record = tracer_ ? tracer_->recordOf(process.pid) : std::nullopt;
   if (!record || !process.isExecutableGenuine || !isSeenByEverybody(*record) ||
       record->startTime != process.stamp.startTime ||
@@ -72,12 +73,31 @@ std::optional<std::string> ScriptNames::nameOf(const Process& process) const {
       (record->isByEnv && !isUsualInterpreter(process.executable))) {
     return std::nullopt;
   }
-  return record->path;
+  std::string path = pathOf(*record, process, processes);
+  if (!isPlainPath(path) || startsWithAny(path, kSharedFolders)) {
+    return std::nullopt;
+  }
+  return path;
 }
 
 bool ScriptNames::isSeenByEverybody(const ScriptRecord& record) const {
-  return root_ && record.root == *root_ && record.mountNamespace == mountNamespace_ &&
-         isPlainPath(record.path) && !startsWithAny(record.path, kSharedFolders);
+  return root_ && record.root == *root_ && record.mountNamespace == mountNamespace_;
+}
+
+std::string ScriptNames::pathOf(const ScriptRecord& record, const Process& process,
+                                const ProcessTable& processes) {
+  constexpr std::string_view kHere = "./";
+  if (record.path.empty() || record.path.front() == '/') {
+    return record.path;
+  }
+  auto folder = processes.workingFolderOf(process, record.folder);
+  if (!folder) {
+    return {};
+  }
+  if (!folder->ends_with('/')) {
+    *folder += '/';
+  }
+  return *folder + record.path.substr(record.path.starts_with(kHere) ? kHere.size() : 0);
 }
 
 }  // namespace ostravel::linuxplatform

@@ -205,6 +205,17 @@ void ProcessTable::readExecutable(Process& process, std::optional<FileIdentity> 
   }
 }
 
+std::optional<std::string> ProcessTable::workingFolderOf(const Process& process,
+                                                         const FileIdentity& expected) const {
+  auto path = linkTarget(pathOf(process.pid, "cwd"));
+  // The kernel writes "(unreachable)" before a folder outside of our root.
+  if (!path || !path->starts_with('/') ||
+      files_->at(*path, process.stamp.realUser).file != expected) {
+    return std::nullopt;
+  }
+  return path;
+}
+
 std::optional<pid_t> ProcessTable::holderOf(std::uint32_t inode, uid_t user,
                                             std::optional<pid_t> candidate) {
   if (inode == 0) {

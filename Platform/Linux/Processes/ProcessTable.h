@@ -79,6 +79,11 @@ class ProcessTable {
   // changed.
   bool refreshControlGroup(Process& process) const;
 
+  // The path of the process's working folder, if that is this one in our mount namespace; empty
+  // also if the file system does not answer in time.
+  std::optional<std::string> workingFolderOf(const Process& process,
+                                             const FileIdentity& expected) const;
+
   // A process that holds the socket with this inode; candidate is checked first, then user's
   // processes. Empty also if none was found within kHolderBudget. Charges the allowance without
   // checking it.

@@ -19,10 +19,13 @@ struct Script {
   std::uint64_t startTimeNanoseconds;
   std::uint64_t stackStart;
   std::uint64_t rootInode;
+  std::uint64_t folderInode;
   std::uint32_t rootDevice;
+  std::uint32_t folderDevice;
   std::uint32_t mountNamespace;
   std::uint32_t isLaunching;
   std::uint32_t isByEnv;
+  std::uint32_t unused;
   std::array<char, 256> path;
 };
 
@@ -63,6 +66,7 @@ std::optional<ScriptRecord> ScriptTracer::recordOf(pid_t process) const {
       .startTime = clockTicks(script.startTimeNanoseconds),
       .stackStart = script.stackStart,
       .root = {userDevice(script.rootDevice), script.rootInode},
+      .folder = {userDevice(script.folderDevice), script.folderInode},
       .mountNamespace = script.mountNamespace,
       .path = std::string(script.path.data(), ::strnlen(script.path.data(), script.path.size())),
       .isByEnv = script.isByEnv != 0};

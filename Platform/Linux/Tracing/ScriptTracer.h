@@ -25,6 +25,8 @@ struct ScriptRecord {
   std::uint64_t stackStart = 0;
   // The root folder to which the path refers.
   FileIdentity root;
+  // The working folder at that time.
+  FileIdentity folder;
   ino_t mountNamespace = 0;
   // As passed to execve(2); may be relative. Empty if it is too long.
   std::string path;

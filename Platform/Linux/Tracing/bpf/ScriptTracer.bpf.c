@@ -22,12 +22,16 @@ struct Script {
   u64 startTime;
   u64 stackStart;
   u64 rootInode;
+  // Of the working folder.
+  u64 folderInode;
   // The kernel's encoding.
   u32 rootDevice;
+  u32 folderDevice;
   u32 mountNamespace;
   // The interpreter is env(1), which executes the real one next.
   u32 isLaunching;
   u32 isByEnv;
+  u32 unused;
   char path[kPathSize];
 };
 
@@ -59,6 +63,7 @@ struct path {
 
 struct fs_struct {
   struct path root;
+  struct path pwd;
 } KERNEL_TYPE;
 
 struct ns_common {
@@ -131,6 +136,9 @@ SECTION("tp_btf/sched_process_exec") int executed(u64* arguments) {
   const struct inode* const root = task->fs->root.dentry->d_inode;
   script.rootInode = root->i_ino;
   script.rootDevice = root->i_sb->s_dev;
+  const struct inode* const folder = task->fs->pwd.dentry->d_inode;
+  script.folderInode = folder->i_ino;
+  script.folderDevice = folder->i_sb->s_dev;
   script.isByEnv = (u32)isEnv(interpreter);
   script.isLaunching = script.isByEnv;
   // A longer path is recorded as an empty one.

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "Base/FileDescriptor.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
@@ -60,7 +61,11 @@ class ScriptNamesTest : public ::testing::Test {
            std::chrono::steady_clock::now() < deadline) {
       process = processes_.find(pid);
     }
-    return process ? names_->nameOf(*process) : std::nullopt;
+    return process ? names_->nameOf(*process, processes_) : std::nullopt;
+  }
+
+  bool enterFolder() const {
+    return ::chdir(std::filesystem::path(script_).parent_path().c_str()) == 0;
   }
 
   const SystemFolder folder_;
@@ -90,7 +95,7 @@ TEST_F(ScriptNamesTest, AScriptThatWasStartedBeforeHasNone) {
   ScriptNames names(*ScriptTracer::start());
   const auto process = processes_.find(helper.pid());
   ASSERT_TRUE(process);
-  EXPECT_EQ(names.nameOf(*process), std::nullopt);
+  EXPECT_EQ(names.nameOf(*process, processes_), std::nullopt);
 }
 
 TEST_F(ScriptNamesTest, AChildIsTheSameScript) {
@@ -137,19 +142,59 @@ TEST_F(ScriptNamesTest, APathThatOthersSeeDifferentlyHasNone) {
   const TemporaryFolder shared;
   const std::string elsewhere = shared.write("script", "#!" OSTRAVEL_HELPER "\n");
   ASSERT_EQ(::chmod(elsewhere.c_str(), 0755), 0);
-  const std::string name = std::filesystem::path(script_).filename();
   for (const std::string& path :
        {elsewhere, "/proc/self/root" + script_, "/opt/.." + script_, "/" + script_,
         "/opt/." + script_.substr(4), "/opt/" + script_.substr(4)}) {
     const Helper helper(path);
     EXPECT_EQ(nameOf(helper.pid()), std::nullopt) << path;
   }
-  const Helper relative("./" + name, [this] {
-    return ::chdir(std::filesystem::path(script_).parent_path().c_str()) == 0;
-  });
-  EXPECT_EQ(nameOf(relative.pid()), std::nullopt);
   const Helper mounted(script_, &enterPrivateMounts);
   EXPECT_EQ(nameOf(mounted.pid()), std::nullopt);
+}
+
+TEST_F(ScriptNamesTest, ARelativePathIsCompleted) {
+  std::filesystem::create_directory(folder_.path("tools"));
+  const std::string nested = folder_.write("tools/script", "#!" OSTRAVEL_HELPER "\n");
+  for (const auto& [path, name] : {std::pair("./script", script_), std::pair("script", script_),
+                                   std::pair("./tools/script", nested)}) {
+    const Helper helper(path, [this] { return enterFolder(); });
+    EXPECT_EQ(nameOf(helper.pid()), name) << path;
+  }
+}
+
+TEST_F(ScriptNamesTest, ARelativePathThatMustBeInterpretedHasNone) {
+  std::filesystem::create_directory(folder_.path("tools"));
+  for (const char* const path :
+       {"././script", ".//script", "tools/../script", "tools/./../script"}) {
+    const Helper helper(path, [this] { return enterFolder(); });
+    EXPECT_EQ(nameOf(helper.pid()), std::nullopt) << path;
+  }
+}
+
+TEST_F(ScriptNamesTest, AFolderForAllUsersGivesNoRelativePath) {
+  const TemporaryFolder shared;
+  const std::string script = shared.write("script", "#!" OSTRAVEL_HELPER "\n");
+  ASSERT_EQ(::chmod(script.c_str(), 0755), 0);
+  const std::string folder = std::filesystem::path(script).parent_path();
+  const Helper helper("./script", [&folder] { return ::chdir(folder.c_str()) == 0; });
+  EXPECT_EQ(nameOf(helper.pid()), std::nullopt);
+}
+
+TEST_F(ScriptNamesTest, ARelativePathIsUnknownInAnotherFolder) {
+  folder_.write("leaving", "#!/bin/sh\ncd /\necho ready\nread -r line\n");
+  const Helper helper("./leaving", [this] { return enterFolder(); });
+  EXPECT_EQ(nameOf(helper.pid()), std::nullopt);
+}
+
+TEST_F(ScriptNamesTest, AFolderThatReplacesTheOriginalIsAnother) {
+  const std::string original = folder_.path("tools");
+  std::filesystem::create_directory(original);
+  folder_.write("tools/script", "#!" OSTRAVEL_HELPER "\n");
+  const Helper helper("./script", [&original] { return ::chdir(original.c_str()) == 0; });
+  std::filesystem::rename(original, folder_.path("elsewhere"));
+  std::filesystem::create_directory(original);
+  folder_.write("tools/script", "#!" OSTRAVEL_HELPER "\n");
+  EXPECT_EQ(nameOf(helper.pid()), folder_.path("elsewhere/script"));
 }
 
 TEST_F(ScriptNamesTest, AScriptInAnotherRootHasNone) {
@@ -180,7 +225,7 @@ TEST_F(ScriptNamesTest, WithoutATracerThereAreNone) {
   const Helper helper(script_);
   const auto process = processes_.find(helper.pid());
   ASSERT_TRUE(process);
-  EXPECT_EQ(ScriptNames(nullptr).nameOf(*process), std::nullopt);
+  EXPECT_EQ(ScriptNames(nullptr).nameOf(*process, processes_), std::nullopt);
 }
 
 }  // namespace
