@@ -28,6 +28,8 @@ FOREIGN_PROGRAMS = {
     "setpriv": "util-linux",
     "strace": "strace",
     "tinyproxy": "tinyproxy-bin",
+    "dnsmasq": "dnsmasq-base",
+    "unbound": "unbound",
     "unshare": "util-linux",
 }
 

@@ -6,11 +6,13 @@ import dns
 from Laboratory.network import THERE4, THERE6
 from Laboratory.program import as_user
 from laboratory import CURL, PYTHON, eventually
+from local_resolvers import ADDRESS, start_dnsmasq, start_unbound
 from origins import tell_peer
 
 PORT = 80
 USER = 5000
 OTHER_USER = 5001
+THIRD_USER = 5002
 # Of the origin, besides THERE4.
 OTHERS = [f"198.51.100.{last}" for last in range(20, 30)]
 OTHER6 = "2001:db8::20"
@@ -118,21 +120,35 @@ def test_names_are_seen_in_every_kind_of_answer(make_names):
         assert targets == with_port(name), program
 
 
-def test_curl_goes_by_the_name_that_libc_has_looked_up(make_names, laboratory):
-    """Through a resolver on the machine itself."""
-    hosts = {"www.example": [OTHERS[0], OTHER6]}
-    names = make_names(hosts)
-    names.configure("127.0.0.1")
-    names.resolve("127.0.0.1", hosts, laboratory.here)
-    names.start(hosts={"www.example": OTHERS[0]})
-    mark = names.proxy.mark()
-    done = laboratory.run_application(
-        *laboratory.with_etc(CURL, "-q", "-sS", "--max-time", "30", f"http://www.example:{PORT}/")
+@pytest.mark.parametrize("start_resolver", [start_dnsmasq, start_unbound])
+def test_curl_goes_by_the_name_that_libc_has_looked_up(make_names, laboratory, start_resolver):
+    """Through a resolver on the machine itself, which asks the one at THERE4."""
+    names = make_names(
+        {"www.example": [OTHERS[0], OTHER6], "a.example": [OTHERS[1]], "b.example": [OTHERS[1]]}
     )
-    assert done.returncode == 0, done.stderr.decode()
-    assert [request.split()[1] for request in names.proxy.requests(mark)] == with_port("www.example")
+    names.configure(ADDRESS)
+    start_resolver(laboratory, THERE4)
+    names.start(
+        hosts={"www.example": OTHERS[0], "a.example": OTHERS[1], "b.example": OTHERS[1]}
+    )
+
+    def targets(name, user):
+        mark = names.proxy.mark()
+        command = [*as_user(user), CURL, "-q", "-sS", "--max-time", "30", f"http://{name}:{PORT}/"]
+        done = laboratory.run_application(*laboratory.with_etc(*command))
+        assert done.returncode == 0, done.stderr.decode()
+        return [request.split()[1] for request in names.proxy.requests(mark)]
+
+    assert targets("www.example", USER) == with_port("www.example")
     event = laboratory.events.flow_to(f"www.example:{PORT}")[0]
     assert event["context"] == {"app_id": CURL, "remote": f"www.example:{PORT}"}
+    # From the resolver's cache.
+    assert targets("www.example", OTHER_USER) == with_port("www.example")
+    assert targets("a.example", USER) == with_port("a.example")
+    assert targets("b.example", OTHER_USER) == with_port("b.example")
+    # The resolver has asked for all of them, but these users have not.
+    assert names.targets(OTHERS[0], user=THIRD_USER) == with_port(OTHERS[0])
+    assert names.targets(OTHERS[1], user=THIRD_USER) == with_port(OTHERS[1])
 
 
 def test_an_address_with_several_names_is_called_by_none(make_names):
