@@ -122,7 +122,7 @@ ALLOWED_FOREIGN_HEADERS = {
 # Room -> headers of other rooms that it may include although not the rooms as a whole: of the ground
 # floor what it has for text, but none of its threads and descriptors.
 ALLOWED_HEADERS = {
-    CORE: {"Base/JSONHandle.h", "Base/UTF8.h"},
+    CORE: {"Base/CalendarText.h", "Base/JSONHandle.h", "Base/UTF8.h"},
     PROVIDER: {"Base/UTF8.h"},
     HOST: {"Base/PrintableText.h", "Base/UTF8.h"},
     SHARED: {"Base/UTF8.h"},
