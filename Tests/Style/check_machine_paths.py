@@ -33,9 +33,7 @@ def main() -> int:
     found = []
     for place in {root.absolute(), root.resolve()}:
         found += mentions(root, place)
-    for mention in found:
-        print(mention)
-    return 1 if found else 0
+    return repository.report(found)
 
 
 if __name__ == "__main__":

@@ -28,10 +28,7 @@ def findings(root: pathlib.Path) -> list[str]:
 
 
 def main() -> int:
-    found = findings(pathlib.Path(sys.argv[1]))
-    for finding in found:
-        print(finding)
-    return 1 if found else 0
+    return repository.report(findings(pathlib.Path(sys.argv[1])))
 
 
 if __name__ == "__main__":

@@ -73,10 +73,7 @@ def check(root: pathlib.Path) -> list[str]:
 
 
 def main() -> int:
-    findings = check(pathlib.Path(sys.argv[1]))
-    for finding in findings:
-        print(finding)
-    return 1 if findings else 0
+    return repository.report(check(pathlib.Path(sys.argv[1])))
 
 
 if __name__ == "__main__":

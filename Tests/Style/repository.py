@@ -23,6 +23,13 @@ def files(root: pathlib.Path) -> list[pathlib.Path]:
     return [pathlib.Path(path) for path in paths if (root / path).is_file()]
 
 
+def report(findings: list) -> int:
+    """Prints the findings of a check, and returns its exit status."""
+    for finding in findings:
+        print(finding)
+    return 1 if findings else 0
+
+
 def sources(root: pathlib.Path) -> list[pathlib.Path]:
     """The C++ and Objective-C++ files among them."""
     return [path for path in files(root) if path.suffix in SOURCE_SUFFIXES]
