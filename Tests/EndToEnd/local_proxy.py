@@ -44,6 +44,7 @@ def reset(connection):
 
 
 def receive_request(connection):
+    # As in origins.py, which this program cannot import: it is copied alone to where it runs.
     request = b""
     while b"\r\n\r\n" not in request:
         received = connection.recv(4096)

@@ -241,7 +241,8 @@ void FlowState::holdOpening() {
 }
 
 void FlowState::letOpeningGo() {
-  // Let go of without the lock: a completion may hold the flow.
+  // The steps of ProviderState::letGo(), which holds and answers something else. Destroyed without
+  // the lock: a completion may hold the flow.
   std::vector<ErrorBlock> completions;
   const std::lock_guard guard(lock_);
   holdsOpening_ = false;

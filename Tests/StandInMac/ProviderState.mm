@@ -116,7 +116,7 @@ void ProviderState::hold() {
 }
 
 void ProviderState::letGo() {
-  // Let go of without the lock: a completion may hold the provider.
+  // Destroyed without the lock: a completion may hold the provider.
   std::vector<Answer> answers;
   const std::lock_guard guard(lock_);
   isHeld_ = false;

@@ -9,8 +9,7 @@
 
 namespace ostravel::linuxplatform {
 
-// A socket address in the kernel's format (ip(7), ipv6(7)). Not the type of the event library,
-// which only the rooms with event loops link.
+// A socket address in the kernel's format (ip(7), ipv6(7)).
 struct KernelAddress {
   sockaddr_storage storage{};
   socklen_t size = sizeof(sockaddr_storage);

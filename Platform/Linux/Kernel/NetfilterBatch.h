@@ -28,7 +28,9 @@ int descriptorOf(const mnl_socket& socket);
 // Changes to nf_tables that the kernel applies atomically (nfnetlink batch).
 class NetfilterBatch {
  public:
-  // The failed change, under the name its caller gave it; empty for the batch as a whole.
+  // The failed change, under the name its caller gave it; empty for the batch as a whole. Not an
+  // Error: the caller decides by the change and the errno whether to do without it, and what to
+  // tell the administrator.
   struct Failure {
     std::string change;
     int error = 0;

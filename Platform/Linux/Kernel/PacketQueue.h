@@ -40,7 +40,8 @@ class PacketQueue {
     std::span<const std::byte> bytes;
   };
 
-  // Sends a message to the kernel; returns 0 or an errno.
+  // Sends a message to the kernel; returns 0 or an errno, not an Error: it is called for every
+  // packet, and the number only decides whether to retry.
   using Send = std::function<int(mnl_socket*, const nlmsghdr*)>;
   static int sendNow(mnl_socket* socket, const nlmsghdr* message);
 

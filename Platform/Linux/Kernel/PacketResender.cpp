@@ -174,7 +174,8 @@ bool PacketResender::resend(Bytes packet, std::uint32_t mark) const {
   message.msg_control = control.data();
   message.msg_controllen = control.size();
   cmsghdr* const first = put(CMSG_FIRSTHDR(&message), SOL_SOCKET, SO_MARK, mark);
-  // Routing rules may test the source address.
+  // Routing rules may test the source address. The two families below do the same with types that
+  // have no member in common.
   cmsghdr* const second = CMSG_NXTHDR(&message, first);
   if (isIPv4(*bytes)) {
     auto& address = reinterpret_cast<sockaddr_in&>(to);

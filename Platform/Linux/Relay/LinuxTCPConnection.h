@@ -54,7 +54,8 @@ class LinuxTCPConnection final : public platform::TCPConnection,
 
  private:
   void start(const platform::HostEndpoint& endpoint);
-  // Returns an errno, or 0 if the connection is in progress.
+  // Returns 0 if the connection is in progress, otherwise an errno for error_, which is atomic and
+  // can therefore hold no Error.
   int startConnecting(const platform::HostEndpoint& endpoint);
   bool isEstablished();
   void finishConnectingLater();

@@ -44,7 +44,8 @@ class StreamWriter {
   void begin();
   void waitForRoom();
   void send();
-  // Returns 0 if the whole chunk is in the kernel, EAGAIN if part of it has to wait, or an error.
+  // Returns 0 if the whole chunk is in the kernel, EAGAIN if part of it has to wait, or another
+  // errno: an Error would be made for every wait.
   int sendChunk();
   platform::OptionalError describeResult(int error);
   void finishLater(platform::OptionalError error);
