@@ -192,9 +192,14 @@ void FleetSubscriber::noteDropped(const FleetMessage& message, const std::string
     dropped_.clear();
   }
   const auto [known, isNew] = dropped_.try_emplace(message.host, *dropped);
-  if (*dropped > known->second) {
+  if (isNew && *dropped > 0) {
+    // Before the first message that is shown; from the beginning on, all of it would have been.
+    options_.report(message.host + " had dropped " + std::to_string(*dropped) + " events before");
+    options_.dropped(options_.fromBeginning ? *dropped : 0);
+  } else if (*dropped > known->second) {
     options_.report(message.host + " dropped " + std::to_string(*dropped - known->second) +
                     " events");
+    options_.dropped(*dropped - known->second);
   }
   known->second = *dropped;
 }

@@ -108,6 +108,11 @@ TEST_F(FleetSubscriberTest, ReportsWhatAMachineHadToDrop) {
     receiver.waitFor(101 - dropped);
   }
   receiver.reports.waitFor("host-1 dropped " + std::to_string(dropped) + " events");
+  // One that comes later learns of it with its first message.
+  FleetReceiver later(server_.url(), false);
+  later.reports.waitFor("connected");
+  publisher(limits)->publish(messageNumber(102));
+  later.reports.waitFor("host-1 had dropped " + std::to_string(dropped) + " events before");
 }
 
 TEST_F(FleetSubscriberTest, IgnoresAMessageOfAMachineThatIsAnother) {
