@@ -20,8 +20,8 @@ from laboratory import CURL, PYTHON, eventually, remote
 from origins import tell_peer
 
 PAGE = ("127.0.0.1", 8090)
-# What a person notices as not smooth.
-SLOW_FRAME_MS = 200
+# Of the processor; a person notices frames that take longer as not smooth.
+SLOW_FRAME_SECONDS = 0.05
 
 ROWS = """[...document.querySelectorAll('#table .row')]
   .filter((row) => !row.hidden)
@@ -175,26 +175,25 @@ def test_ten_thousand_flows_do_not_slow_the_page(laboratory, page):
         browser.open(page)
         browser.wait(f"{SHOWN} === '10,000 flows'")
         assert browser.run("document.querySelectorAll('#table .row').length") < 100
-        # Scrolls from end to end and searches, and measures every frame meanwhile.
-        frames = browser.run("""(async () => {
+        # Scrolls from end to end and searches.
+        frames = 120
+        before = browser.seconds_used()
+        browser.run("""(async () => {
             const table = document.getElementById('table');
             const search = document.getElementById('search');
-            const times = [];
             const frame = () => new Promise((done) => requestAnimationFrame(done));
-            let before = await frame();
-            for (let count = 0; count < 120; ++count) {
-              table.scrollTop = (count % 60) / 60 * table.scrollHeight;
-              if (count % 20 === 0) {
-                search.value = count % 40 ? 'program-7' : '';
+            for (let count = 0; count < %d; ++count) {
+              table.scrollTop = (count %% 60) / 60 * table.scrollHeight;
+              if (count %% 20 === 0) {
+                search.value = count %% 40 ? 'program-7' : '';
                 search.dispatchEvent(new Event('input'));
               }
-              const now = await frame();
-              times.push(now - before);
-              before = now;
+              await frame();
             }
-            return times.sort((a, b) => a - b);
-        })()""")
-        assert frames[len(frames) * 95 // 100] < SLOW_FRAME_MS, frames[-10:]
+        })()""" % frames)
+        used = browser.seconds_used() - before
+        print(f"{used / frames * 1000:.1f} ms of the processor for each frame")
+        assert used / frames < SLOW_FRAME_SECONDS
         browser.run("document.getElementById('search').value = 'host-4242.'")
         browser.run("document.getElementById('search').dispatchEvent(new Event('input'))")
         browser.wait(f"{SHOWN} === '1 of 10,000 flows'")
