@@ -178,6 +178,7 @@ FlowRecord& FlowHistory::recordOf(const std::string& id) {
 }
 
 void FlowHistory::update(FlowRecord& record, const ReceivedEvent& event) {
+  record.host = event.host;
   if (!event.appId.empty()) {
     record.application = cut(event.appId);
   }

@@ -48,6 +48,7 @@ struct FlowRecord {
   static constexpr std::size_t kMostSteps = 8;
   static constexpr std::size_t kLongestText = 512;
 
+  std::string host;  // whose flow it is; empty for this machine
   std::string id;
   std::string application;
   std::string destination;

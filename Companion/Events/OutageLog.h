@@ -1,17 +1,23 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "Companion/Events/FlowHistory.h"
+#include "Companion/Shared/TimeText.h"
 
 namespace ostravel::companion {
 
 // A period in which the proxy failed.
 struct Outage {
+  std::string host;             // whose proxy it is; empty for this machine's
   double begin = 0;             // seconds since 1970
   std::optional<double> end;    // absent while it lasts
   bool wasUnreachable = false;  // it did not accept connections
@@ -20,43 +26,86 @@ struct Outage {
   std::uint64_t brokeOff = 0;   // flows whose connection to it failed
   std::uint64_t invalid = 0;    // flows with an invalid answer
   std::uint64_t reset = 0;      // tunnels that ended with an error meanwhile
-  // The flows above by application. Bounded: further ones are counted under "others".
+  std::uint64_t atOnce = 0;     // flows that went direct without waiting for it, as far as known
+  // The flows above, except those that went direct at once, by application. Bounded: the rest is
+  // counted under "others".
   std::map<std::string, std::uint64_t> applications;
 
-  // Flows that went direct instead.
-  std::uint64_t direct() const { return timedOut + backlog + brokeOff; }
+  // That waited for it and went direct then.
+  std::uint64_t waited() const { return timedOut + backlog + brokeOff; }
+  std::uint64_t lost() const { return reset + invalid; }
 };
 
-// Groups the proxy's failures, so that the page shows one outage instead of a thousand failed
-// flows. An outage begins with the start of the first flow that receives no answer, or when the
-// proxy becomes unreachable, and ends once the proxy is reachable and nothing has failed for
-// kQuietSeconds. A refusal is the proxy's decision and not a failure. Owned by LiveState, which
-// serialises the calls.
+// Sums up what went wrong with the proxy, so that a person sees one outage instead of a thousand
+// failed flows. An outage begins when the first flow that gets no answer is begun, or when the
+// proxy becomes unreachable. It ends with the first answer of the proxy after the last failure, or
+// when the proxy is reachable again, and that is known once nothing has failed for kQuietSeconds. A
+// proxy that hung is tried seldom, so silence alone says nothing. A refusal is a decision of the
+// proxy and no outage. Each machine of a fleet has its own. Used by one thread at a time.
 class OutageLog {
  public:
   static constexpr double kQuietSeconds = 10.0;
+  // The extension finds out by its next probe that the proxy has gone, after the tunnels did.
+  static constexpr double kNoticeSeconds = 2.0;
   static constexpr std::size_t kMostOutages = 50;
+  static constexpr std::size_t kMostLasting = 10'000;
   static constexpr std::size_t kMostApplications = 20;
 
-  // Call it with the flow after each of its events.
+  // Called when an outage begins, and when it is over.
+  using Changed = std::function<void(const Outage&)>;
+  explicit OutageLog(Changed changed = nullptr) : changed_(std::move(changed)) {}
+
+  // A flow after one of its events.
   void add(const FlowRecord& flow);
 
-  void setReachable(bool isReachable, double now);
+  void setReachable(const std::string& host, bool isReachable, double now);
+
+  // Flows of this machine that were left to the system because of the proxy.
+  void countDirect(std::uint64_t flows);
 
   // Ends an outage when its quiet time is over. Call it periodically.
   void tick(double now);
 
-  // Oldest first.
-  const std::deque<Outage>& outages() const { return outages_; }
+  // The newest, the oldest of them first. Valid until the next call of another function.
+  std::vector<const Outage*> outages(std::size_t most = kMostOutages) const;
+  // Of this machine; null if there is none.
+  const Outage* lasting() const;
+  std::size_t lastingCount() const { return lasting_.size(); }
+
+  // Since the beginning.
   std::uint64_t total() const { return total_; }
+  std::uint64_t totalWaited() const { return totalWaited_; }
+  std::uint64_t totalLost() const { return totalLost_; }
 
  private:
-  Outage& current(double begin);
+  struct Lasting {
+    Outage outage;
+    bool isReachable = true;
+    double lastTrouble = 0;
+    // The first sign of the proxy since then.
+    std::optional<double> answeredAt;
+  };
 
-  std::deque<Outage> outages_;
+  struct Reset {
+    std::string host;
+    std::string application;
+    double time;
+  };
+
+  Lasting* find(const std::string& host);
+  Lasting* current(const std::string& host, double begin, double now);
+  void addTrouble(const FlowRecord& flow);
+  void addReset(const FlowRecord& flow);
+  void takeEarlierResets(Lasting& lasting, double now);
+
+  Changed changed_;
+  std::map<std::string, Lasting> lasting_;  // by host
+  std::deque<Outage> ended_;
+  // The last ones, of which an outage may be the cause that is noticed only now.
+  std::deque<Reset> resets_;
   std::uint64_t total_ = 0;
-  bool isReachable_ = true;
-  double lastTrouble_ = 0;
+  std::uint64_t totalWaited_ = 0;
+  std::uint64_t totalLost_ = 0;
 };
 
 // "hung", "unreachable", "hung, then unreachable" or "faulty".
@@ -64,5 +113,12 @@ std::string outageKind(const Outage& outage);
 
 // A few short sentences: what happened, where the connections went, and whether any was lost.
 std::string outageText(const Outage& outage);
+
+// One line for a person, safe to print:
+//
+//   The proxy hung from 14:03:05.112 to 14:03:27.410 (22.3 s). It accepted connections but did not
+//   answer. 4 connections waited for it and then went direct: /usr/bin/curl (3), /usr/bin/wget (1).
+//   No connection was lost.
+std::string outageLine(const Outage& outage, TimeStyle time);
 
 }  // namespace ostravel::companion

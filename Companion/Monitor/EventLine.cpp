@@ -94,11 +94,11 @@ std::string_view colourOf(std::string_view level) {
   return level == "info" ? kGreen : kYellow;
 }
 
-std::string levelColumn(const ReceivedEvent& event, Colour colour) {
-  // Padded before the escapes are added, which take no room on the screen.
-  std::string column = padded(printableText(event.level), kLevelWidth);
+std::string levelColumn(const std::string& level, Colour colour) {
+  // Padded first: the escapes take no room on the screen.
+  std::string column = padded(printableText(level), kLevelWidth);
   if (colour == Colour::terminal) {
-    column.insert(0, colourOf(event.level));
+    column.insert(0, colourOf(level));
     column += kPlain;
   }
   return column;
@@ -282,12 +282,18 @@ std::string eventLine(const ReceivedEvent& event, const FlowRecord* flow,
     if (style.width < kWideTerminal) {
       narrow(columns, appWidth, room);
     }
-    return columns.time + " " + levelColumn(event, style.colour) +
+    return columns.time + " " + levelColumn(event.level, style.colour) +
            withoutTrailingBlanks(
                cutAtEnd(withoutTrailingBlanks(afterLevel(columns, appWidth)), room));
   }
-  return columns.time + " " + levelColumn(event, style.colour) +
+  return columns.time + " " + levelColumn(event.level, style.colour) +
          withoutTrailingBlanks(afterLevel(columns, appWidth));
+}
+
+std::string outageLine(const Outage& outage, double now, const EventLineStyle& style) {
+  return timeText(now, style.time) + " " +
+         levelColumn(outage.end ? "info" : "error", style.colour) + " " +
+         outageLine(outage, style.time);
 }
 
 }  // namespace ostravel::companion

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Companion/Events/FlowHistory.h"
+#include "Companion/Events/OutageLog.h"
 #include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Shared/TimeText.h"
 
@@ -29,5 +30,11 @@ struct EventLineStyle {
 // than its column; if there is a width, such a value is truncated. Safe to print.
 std::string eventLine(const ReceivedEvent& event, const FlowRecord* flow,
                       const EventLineStyle& style);
+
+// The same for an outage of the proxy that has just begun, or is over: a sentence or a few, which
+// are not cut.
+//
+//   14:03:10.112 error The proxy hangs, since 14:03:05.112: new connections go direct.
+std::string outageLine(const Outage& outage, double now, const EventLineStyle& style);
 
 }  // namespace ostravel::companion

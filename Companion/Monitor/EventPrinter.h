@@ -3,8 +3,10 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Companion/Events/FlowHistory.h"
+#include "Companion/Events/OutageLog.h"
 #include "Companion/Events/ReceivedEvent.h"
 #include "Companion/Monitor/EventFilter.h"
 #include "Companion/Monitor/EventLine.h"
@@ -12,8 +14,10 @@
 
 namespace ostravel::companion {
 
-// Formats the monitor's output: the events that pass the filter, as readable lines or as JSON,
-// preceded by the machine if it is another one. Owned by main; used on its event loop.
+// Turns events into the lines of the monitor's output: those that the filter lets through, for
+// people or as JSON, with the machine in front if the event is of another one. For people, the
+// outages of the proxy have lines as well, whichever flows the filter lets through. Owned by main;
+// used on its event loop.
 class EventPrinter {
  public:
   struct Options {
@@ -27,15 +31,26 @@ class EventPrinter {
 
   void print(const ReceivedEvent& event);
 
-  // Sums up the flows that pass the filter.
+  // Time has passed, which ends outages. Called once a second.
+  void tick(double now);
+
+  // Of the flows that the filter lets through.
   const EventSummary& summary() const { return summary_; }
+
+  // A sentence for each outage of the proxy, of the last ones. Safe to print.
+  std::vector<std::string> outages() const;
 
  private:
   std::string line(const ReceivedEvent& event, const FlowRecord* flow) const;
+  void printOutage(const Outage& outage);
+  std::string onMachine(const std::string& host,
+                        const std::function<std::string(const EventLineStyle&)>& line) const;
 
   Options options_;
   std::function<void(std::string_view line)> writeLine_;
   FlowHistory flows_;
+  OutageLog outages_;
+  double now_ = 0;
   EventSummary summary_;
 };
 

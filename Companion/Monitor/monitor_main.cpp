@@ -4,8 +4,11 @@
 #include <CLI/CLI.hpp>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <functional>
@@ -60,6 +63,30 @@ bool isOrderlyEnd(std::error_code error) {
   return !error || error == std::errc::broken_pipe;
 }
 
+// Runs the function now and then once a second, as long as the loop runs.
+class EachSecond {
+ public:
+  EachSecond(asio::io_context& ioContext, std::function<void(double now)> function)
+      : timer_(ioContext), function_(std::move(function)) {
+    run();
+  }
+
+ private:
+  void run() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    function_(std::chrono::duration<double>(now).count());
+    timer_.expires_after(std::chrono::seconds(1));
+    timer_.async_wait([this](asio::error_code error) {
+      if (!error) {
+        run();
+      }
+    });
+  }
+
+  asio::steady_timer timer_;
+  std::function<void(double)> function_;
+};
+
 using Report = std::function<void(const std::string&)>;
 
 FleetPublisher::Options publishedFleet(const FleetOptions& options, const Report& report) {
@@ -72,6 +99,7 @@ FleetPublisher::Options publishedFleet(const FleetOptions& options, const Report
 
 FleetSubscriber::Options watchedFleet(const FleetOptions& options,
                                       const std::function<void(const ReceivedEvent&)>& show,
+                                      const std::function<void(std::uint64_t)>& dropped,
                                       const Report& report) {
   return {
       .server = options.serverAt(options.subscribe),
@@ -85,6 +113,7 @@ FleetSubscriber::Options watchedFleet(const FleetOptions& options,
               report("malformed event of " + message.host + ": " + std::get<std::string>(event));
             }
           },
+      .dropped = dropped,
       .report = report};
 }
 
@@ -182,7 +211,7 @@ int main(int argc, char** argv) {
       page.listen = listen.empty() ? page.listen : listen;
       // A fleet has many extensions.
       page.controlPath = isOfFleet ? "" : page.controlPath;
-      view.emplace(ioContext, page);
+      view.emplace(page);
     }
   } catch (const std::exception& error) {
     return failUsage(app, std::string("--web: ") + error.what());
@@ -196,11 +225,16 @@ int main(int argc, char** argv) {
   const auto report = [&complaints](const std::string& text) {
     complaints.writeLine("ostravel-monitor: " + ostravel::printableText(text));
   };
+  const auto countDropped = [&view](std::uint64_t events) {
+    if (view) {
+      view->countDropped(events);
+    }
+  };
   std::optional<FleetPublisher> publisher;
   std::optional<FleetSubscriber> subscriber;
   try {
     if (isOfFleet) {
-      subscriber.emplace(ioContext, watchedFleet(fleet, show, report));
+      subscriber.emplace(ioContext, watchedFleet(fleet, show, countDropped, report));
     } else if (!fleet.publish.empty()) {
       publisher.emplace(publishedFleet(fleet, report));
     }
@@ -236,6 +270,16 @@ int main(int argc, char** argv) {
     if (view) {
       complaints.writeLine("ostravel-monitor: the live page is " + view->url());
     }
+    const EachSecond clock(ioContext, [&printer, &view, &publisher](double now) {
+      printer.tick(now);
+      if (view) {
+        if (publisher) {
+          const FleetPublisher::Counts counts = publisher->counts();
+          view->setPublished(counts.waiting, counts.dropped);
+        }
+        view->tick(now);
+      }
+    });
     ServiceNotifier service(ioContext);
     service.ready(isOfFleet ? "Watching " + fleet.subscribe : "Listening on " + path);
     ioContext.run();
@@ -254,6 +298,9 @@ int main(int argc, char** argv) {
   }
   if (withSummary) {
     complaints.writeLine("ostravel-monitor: " + printer.summary().text());
+    for (const std::string& outage : printer.outages()) {
+      complaints.writeLine("ostravel-monitor: " + outage);
+    }
   }
   complaints.flush();
   // Returning would wait for stalled readers.

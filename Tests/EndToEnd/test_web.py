@@ -29,16 +29,20 @@ ROWS = """[...document.querySelectorAll('#table .row')]
 SHOWN = "document.getElementById('count').textContent"
 
 
-@pytest.fixture
-def page(laboratory):
-    """The address of the page of a monitor that runs."""
+def page_of(laboratory, *options):
+    """Starts a monitor; the address of its page."""
     token = laboratory.path("token")
     pathlib.Path(token).write_text("a-token-for-the-tests\n")
-    control = laboratory.path("control.sock")
     laboratory.start_monitor(
-        "--web", f"{PAGE[0]}:{PAGE[1]}", "--web-token", token, "--control", control
-    )
+        "--web", f"{PAGE[0]}:{PAGE[1]}", "--web-token", token,
+        "--control", laboratory.control_path, *options,
+    )  # fmt: skip
     return f"http://{PAGE[0]}:{PAGE[1]}/?token=a-token-for-the-tests"
+
+
+@pytest.fixture
+def page(laboratory):
+    return page_of(laboratory)
 
 
 def get(laboratory, url):
@@ -52,6 +56,45 @@ def get(laboratory, url):
 
 def metrics(laboratory, page):
     return get(laboratory, page.replace("/?", "/metrics?"))
+
+
+def api(laboratory, page, name):
+    return json.loads(get(laboratory, page.replace("/?", f"/api/{name}?")))
+
+
+class Prometheus:
+    """With the packaged configuration, but for its pace. Scrapes the monitor of page_of."""
+
+    def __init__(self, laboratory):
+        self._laboratory = laboratory
+        packaging = pathlib.Path(__file__).resolve().parents[2] / "Packaging/prometheus"
+        self.folder = pathlib.Path(laboratory.path("prometheus"))
+        shutil.copytree(packaging, self.folder)
+        configuration = (self.folder / "scrape.yml").read_text()
+        for packaged, own in (
+            ("/etc/prometheus/ostravel-token", laboratory.path("token")),
+            ("scrape_interval: 15s", "scrape_interval: 1s"),
+        ):
+            assert packaged in configuration
+            configuration = configuration.replace(packaged, own)
+        (self.folder / "scrape.yml").write_text(configuration)
+        program = laboratory.start(
+            ["prometheus", f"--config.file={self.folder}/scrape.yml",
+             f"--storage.tsdb.path={self.folder}/data", "--web.listen-address=127.0.0.1:9090"],
+            name="prometheus",
+        )  # fmt: skip
+        program.expect(program.errors, "Server is ready")
+
+    def ask(self, what):
+        answer = json.loads(get(self._laboratory, f"http://127.0.0.1:9090/api/v1/{what}"))
+        assert answer["status"] == "success", (what, answer)
+        return answer["data"]
+
+    def query(self, text):
+        return self.ask("query?query=" + urllib.parse.quote(text))["result"]
+
+    def values(self, text):
+        return [float(each["value"][1]) for each in self.query(text)]
 
 
 def send_events(path, events):
@@ -98,19 +141,19 @@ def test_the_page_tells_that_the_proxy_hung(laboratory, page):
         hung_at = time.time()
         assert laboratory.curl(f"http://{THERE4}/").way == "direct"
         laboratory.events.wait("connect_handshake_timed_out")
-        browser.wait("document.getElementById('state').dataset.state === 'warning'")
+        browser.wait("document.getElementById('state').dataset.state === 'direct'")
         browser.wait("document.querySelector('#outages .who') !== null")
 
         outage = browser.run("document.getElementById('outages').innerText")
-        assert "Proxy hung" in outage
+        assert "Proxy hangs" in outage
         assert "Applications hit: curl (1)" in outage
         assert "No connection was lost." in outage
         begin = time.strftime("%H:%M", time.gmtime(hung_at))
         assert re.search(r"since " + begin, outage) or time.gmtime().tm_sec < 10
         # What the page shows is what was done.
-        of_curl = f"{ROWS}.filter((row) => row[1] === 'curl')"
+        of_curl = f"{ROWS}.filter((row) => row[2] === 'curl')"
         browser.wait(f"{of_curl}.length >= 3")
-        assert [row[1:4] for row in browser.run(of_curl)] == [
+        assert [row[2:5] for row in browser.run(of_curl)] == [
             ["curl", remote(THERE4, 80), "timed out"],
             ["curl", remote(THERE6, 80), "closed"],
             ["curl", remote(THERE4, 80), "closed"],
@@ -209,29 +252,11 @@ def test_prometheus_finds_what_was_counted(laboratory, page):
         "promtool", "check", "metrics", given=metrics(laboratory, page).encode()
     )
     assert (checked.returncode, checked.stdout, checked.stderr) == (0, b"", b"")
-    packaging = pathlib.Path(__file__).resolve().parents[2] / "Packaging/prometheus"
-    folder = pathlib.Path(laboratory.path("prometheus"))
-    shutil.copytree(packaging, folder)
-    checked = laboratory.run_application("promtool", "test", "rules", str(folder / "alerts-test.yml"))
+    prometheus = Prometheus(laboratory)
+    checked = laboratory.run_application(
+        "promtool", "test", "rules", str(prometheus.folder / "alerts-test.yml")
+    )
     assert checked.returncode == 0, checked.stdout + checked.stderr
-    configuration = (folder / "scrape.yml").read_text()
-    configuration = configuration.replace("/etc/prometheus/ostravel-token",
-                                          laboratory.path("token"))
-    configuration = configuration.replace("scrape_interval: 15s", "scrape_interval: 1s")
-    (folder / "scrape.yml").write_text(configuration)
-    prometheus = laboratory.start(
-        ["prometheus", f"--config.file={folder}/scrape.yml", f"--storage.tsdb.path={folder}/data",
-         "--web.listen-address=127.0.0.1:9090"],
-        name="prometheus",
-    )  # fmt: skip
-    prometheus.expect(prometheus.errors, "Server is ready")
-
-    def query(text):
-        url = "http://127.0.0.1:9090/api/v1/query?query=" + urllib.parse.quote(text)
-        result = json.loads(get(laboratory, url))["data"]["result"]
-        return [float(each["value"][1]) for each in result]
-
-    eventually(lambda: query("ostravel_flows_total") == [5.0], "a scrape")
-    assert query("ostravel_handshake_duration_seconds_count") == [5.0]
-    assert query("sum(ostravel_flow_failures_total)") == [0.0]
-    prometheus.stop()
+    eventually(lambda: prometheus.values("ostravel_flows_total") == [5.0], "a scrape")
+    assert prometheus.values("ostravel_handshake_duration_seconds_count") == [5.0]
+    assert prometheus.values("sum(ostravel_flow_failures_total)") == [0.0]

@@ -21,10 +21,11 @@ def test_the_page_shows_decisions_and_bytes(laboratory, page):
     with Browser(laboratory.here) as browser:
         browser.open(page)
         target = remote(THERE4, 80)
-        browser.wait(f"{ROWS}.some((row) => row[1] === '{VPN}' && row[3] === 'direct')")
+        browser.wait(f"""{ROWS}.some((row) => row[2] === '{VPN}'
+            && row[4] === 'direct exempt application')""")
         # The bytes of a flow that events told of as well: one row.
-        browser.wait(f"""{ROWS}.filter((row) => row[1] === 'curl' && row[2] === '{target}'
-            && row[3] === 'closed' && row[6] !== '').length === 1""")
+        browser.wait(f"""{ROWS}.filter((row) => row[2] === 'curl' && row[3] === '{target}'
+            && row[4] === 'closed' && row[7] !== '').length === 1""")
         browser.wait("document.getElementById('sentence').textContent.includes('proxied')")
         browser.wait("!document.getElementById('extension-section').hidden")
         assert browser.complaints == []

@@ -72,6 +72,9 @@ std::uint64_t countOf(const json_t* value) {
 JSONHandle rowOf(const FlowRecord& flow) {
   JSONHandle row = object();
   set(row, "id", flow.id);
+  if (!flow.host.empty()) {
+    set(row, "host", flow.host);
+  }
   set(row, "application", flow.application);
   set(row, "destination", flow.destination);
   set(row, "outcome", outcomeText(flow.outcome));
@@ -135,12 +138,15 @@ JSONHandle rowOfDecision(const json_t* decision) {
 
 JSONHandle objectOf(const Outage& outage) {
   JSONHandle result = object();
+  if (!outage.host.empty()) {
+    set(result, "host", outage.host);
+  }
   set(result, "begin", outage.begin);
   set(result, "end", outage.end);
   set(result, "kind", outageKind(outage));
   set(result, "text", outageText(outage));
-  set(result, "direct", outage.direct());
-  set(result, "lost", outage.reset + outage.invalid);
+  set(result, "waited", outage.waited());
+  set(result, "lost", outage.lost());
   JSONHandle applications = object();
   for (const auto& [name, count] : outage.applications) {
     set(applications, name.c_str(), count);
@@ -154,16 +160,13 @@ JSONHandle objectOf(const Outage& outage) {
 void LiveState::receive(const ReceivedEvent& event) {
   const std::lock_guard lock(mutex_);
   ++events_;
-  if (event.signal == "provider_started" || event.signal == "provider_stopped") {
-    isRunning_ = event.signal == "provider_started";
-    reachableSince_ = event.timestamp;
-    // Unknown until the first probe after the start.
-    isReachable_.reset();
-  }
   if (event.signal == "proxy_unreachable" || event.signal == "proxy_recovered") {
-    isReachable_ = event.signal == "proxy_recovered";
-    reachableSince_ = event.timestamp;
-    outages_.setReachable(*isReachable_, event.timestamp);
+    outages_.setReachable(event.host, event.signal == "proxy_recovered", event.timestamp);
+  }
+  if (event.host.empty()) {
+    receiveState(event);
+  } else {
+    receiveStateOfMachine(event);
   }
   const FlowRecord* const flow = flows_.apply(event);
   if (flow == nullptr) {
@@ -171,15 +174,47 @@ void LiveState::receive(const ReceivedEvent& event) {
   }
   counters_.add(*flow);
   outages_.add(*flow);
-  resets_ += flow->hasJustFailed && flow->outcome == FlowOutcome::reset ? 1 : 0;
   if (event.signal == "connect_handshake_succeeded") {
     slowestAnswer_ = std::max(slowestAnswer_, flow->handshakeSeconds.value_or(-1.0));
-    // A successful tunnel proves it; a proxy that is reachable from the start causes no event.
-    if (!isReachable_) {
-      isReachable_ = true;
-      reachableSince_ = event.timestamp;
-    }
   }
+}
+
+void LiveState::receiveState(const ReceivedEvent& event) {
+  if (event.signal == "provider_started" || event.signal == "provider_stopped") {
+    isRunning_ = event.signal == "provider_started";
+    reachableSince_ = event.timestamp;
+    // Until the first probe of the new start.
+    isReachable_.reset();
+  } else if (event.signal == "proxy_unreachable" || event.signal == "proxy_recovered") {
+    isReachable_ = event.signal == "proxy_recovered";
+    reachableSince_ = event.timestamp;
+  } else if (event.signal == "connect_handshake_succeeded" && !isReachable_) {
+    // A tunnel through it is the best probe; a proxy that is there from the start has no event.
+    isReachable_ = true;
+    reachableSince_ = event.timestamp;
+  }
+}
+
+void LiveState::receiveStateOfMachine(const ReceivedEvent& event) {
+  if (machines_.size() >= kMostMachines && !machines_.contains(event.host)) {
+    return;
+  }
+  machines_.insert(event.host);
+  if (event.signal == "proxy_unreachable" || event.signal == "provider_stopped") {
+    directMachines_.insert(event.host);
+  } else if (event.signal == "proxy_recovered" || event.signal == "connect_handshake_succeeded") {
+    directMachines_.erase(event.host);
+  }
+}
+
+void LiveState::countDropped(std::uint64_t events) {
+  const std::lock_guard lock(mutex_);
+  droppedByMachines_ += events;
+}
+
+void LiveState::setPublished(std::uint64_t waiting, std::uint64_t dropped) {
+  const std::lock_guard lock(mutex_);
+  published_ = {waiting, dropped};
 }
 
 void LiveState::countMalformedFrame() {
@@ -191,6 +226,23 @@ void LiveState::setStatus(const json_t* status, const std::string& problem) {
   const std::lock_guard lock(mutex_);
   status_.reset(status == nullptr ? nullptr : json_deep_copy(status));
   statusProblem_ = status == nullptr ? problem : "";
+  countDirect();
+}
+
+// Of flows that do not reach the proxy there are no events.
+void LiveState::countDirect() {
+  if (!status_) {
+    return;
+  }
+  std::uint64_t direct = 0;
+  for (const char* const reason : {"gate_closed", "on_trial", "handshake_share"}) {
+    direct += countOf(member(status_.get(), {"flows", "direct_by_reason", reason}));
+  }
+  // Another process counts from the beginning.
+  if (directBefore_ && direct > *directBefore_) {
+    outages_.countDirect(direct - *directBefore_);
+  }
+  directBefore_ = direct;
 }
 
 void LiveState::addDecisions(const json_t* decisions) {
@@ -252,6 +304,11 @@ void LiveState::measureThroughput(Sample& sample) {
     sample.sentPerSecond = (sent - sentBefore_) / seconds;
     sample.receivedPerSecond = (received - receivedBefore_) / seconds;
   }
+  // The same answer as before.
+  if (seconds == 0.0 && !samples_.empty()) {
+    sample.sentPerSecond = samples_.back().sentPerSecond;
+    sample.receivedPerSecond = samples_.back().receivedPerSecond;
+  }
   if (seconds > 0.0 || seconds < -1.0) {
     sentBefore_ = sent;
     receivedBefore_ = received;
@@ -260,13 +317,22 @@ void LiveState::measureThroughput(Sample& sample) {
 }
 
 LiveState::Sentence LiveState::sentence() const {
+  if (!machines_.empty()) {
+    return sentenceOfFleet();
+  }
   Sentence sentence = status_ ? sentenceOfStatus() : sentenceOfEvents();
-  const auto& outages = outages_.outages();
-  if (sentence.state == "proxied" && !outages.empty() && !outages.back().end) {
-    sentence.state = "warning";
-    sentence.text =
-        "The proxy accepts connections, but does not serve all of them; those go direct.";
-    sentence.since = outages.back().begin;
+  const Outage* const outage = outages_.lasting();
+  if (outage == nullptr) {
+    return sentence;
+  }
+  if (sentence.state == "proxied") {
+    return {"warning",
+            "The proxy accepts connections, but does not serve all of them; those go direct.",
+            outage->begin};
+  }
+  // A proxy that hangs is given a rest now and then, which says less.
+  if (outageKind(*outage) == "hung") {
+    return {"direct", "The proxy hangs: new connections go direct.", outage->begin};
   }
   return sentence;
 }
@@ -293,9 +359,30 @@ LiveState::Sentence LiveState::sentenceOfEvents() const {
           std::nullopt};
 }
 
+LiveState::Sentence LiveState::sentenceOfFleet() const {
+  const auto count = [](std::size_t machines) {
+    return std::to_string(machines) + (machines == 1 ? " machine" : " machines");
+  };
+  const std::string all = count(machines_.size());
+  const std::size_t troubled = outages_.lastingCount();
+  if (directMachines_.empty() && troubled == 0) {
+    return {"proxied", all + ", with no proxy out of service.", std::nullopt};
+  }
+  if (directMachines_.empty()) {
+    return {"warning",
+            all + ", " + std::to_string(troubled) +
+                " of them with a proxy that does not serve all connections.",
+            std::nullopt};
+  }
+  return {"direct",
+          all + ", " + std::to_string(directMachines_.size()) +
+              " of them without a proxy: connections go direct there.",
+          std::nullopt};
+}
+
 std::uint64_t LiveState::lostEvents() const {
   return countOf(member(status_.get(), {"events", "failed"})) +
-         countOf(member(status_.get(), {"events", "dropped"}));
+         countOf(member(status_.get(), {"events", "dropped"})) + droppedByMachines_;
 }
 
 JSONHandle LiveState::common() const {
@@ -309,21 +396,24 @@ JSONHandle LiveState::common() const {
   set(result, "sentence", std::move(state));
   JSONHandle counts = object();
   set(counts, "flows", counters_.flows);
-  std::uint64_t failures = 0;
+  JSONHandle failures = object();
   for (const auto& [outcome, count] : counters_.failures) {
-    failures += count;
+    set(failures, std::string(outcomeName(outcome)).c_str(), count);
   }
-  set(counts, "failures", failures);
-  set(counts, "reset", resets_);
+  set(counts, "failures", std::move(failures));
+  set(counts, "lost", outages_.totalLost());
   set(counts, "events", events_);
   set(counts, "lost_events", lostEvents());
   set(counts, "malformed", malformed_);
   set(result, "counts", std::move(counts));
   JSONHandle outages(json_array());
-  for (const Outage& outage : outages_.outages()) {
-    append(outages, objectOf(outage));
+  for (const Outage* const outage : outages_.outages()) {
+    append(outages, objectOf(*outage));
   }
   set(result, "outages", std::move(outages));
+  if (!machines_.empty()) {
+    set(result, "machines", std::uint64_t{machines_.size()});
+  }
   if (status_) {
     json_object_set(result.get(), "status", status_.get());
   } else {

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "Base/JSONHandle.h"
@@ -19,15 +20,18 @@
 
 namespace ostravel::companion {
 
-// The data of the page and the metrics: from the events, and from the extension's answers on its
-// control socket. Owned by main. Usable from any thread; bounded by the limits of FlowHistory and
-// those below.
+// Everything that the page and the metrics show: what the events said, and what the extension
+// answered on its control socket, which events do not tell. Or the same of a fleet, without the
+// answers. Owned by main. Usable from any thread; bounded by the limits of FlowHistory and those
+// below.
 class LiveState {
  public:
   // An hour of one sample per second.
   static constexpr std::size_t kMostSamples = 3600;
   static constexpr std::size_t kMostDecisions = 2000;
-  // Limit on the flows in one update; the others follow in the next one.
+  // Of a fleet. Others are not counted.
+  static constexpr std::size_t kMostMachines = 200'000;
+  // Of flows in one update; the others follow in the next.
   static constexpr std::size_t kMostChanges = 1000;
 
   // The changes that a page has seen.
@@ -45,7 +49,13 @@ class LiveState {
   void receive(const ReceivedEvent& event);
   void countMalformedFrame();
 
-  // The answers to "status" and "decisions"; null if there is none, for the reason in `problem`.
+  // Events that machines of the fleet had to drop.
+  void countDropped(std::uint64_t events);
+
+  // Of this machine's events for the fleet: how many wait for the server, how many were dropped.
+  void setPublished(std::uint64_t waiting, std::uint64_t dropped);
+
+  // The answers to "status" and "decisions"; null for no answer, and `problem` says why.
   void setStatus(const json_t* status, const std::string& problem);
   void addDecisions(const json_t* decisions);
 
@@ -91,6 +101,10 @@ class LiveState {
   Sentence sentence() const;
   Sentence sentenceOfStatus() const;
   Sentence sentenceOfEvents() const;
+  Sentence sentenceOfFleet() const;
+  void receiveState(const ReceivedEvent& event);
+  void receiveStateOfMachine(const ReceivedEvent& event);
+  void countDirect();
   std::uint64_t lostEvents() const;
   JSONHandle common() const;
   JSONHandle changedFlows(Cursor& cursor) const;
@@ -106,7 +120,7 @@ class LiveState {
   OutageLog outages_;
   std::uint64_t events_ = 0;
   std::uint64_t malformed_ = 0;
-  std::uint64_t resets_ = 0;
+  std::uint64_t droppedByMachines_ = 0;
   std::optional<bool> isRunning_;
   std::optional<bool> isReachable_;
   double reachableSince_ = 0;
@@ -120,6 +134,17 @@ class LiveState {
   double sentBefore_ = -1;
   double receivedBefore_ = -1;
   double measuredAt_ = 0;
+  std::optional<std::uint64_t> directBefore_;
+
+  struct Published {
+    std::uint64_t waiting = 0;
+    std::uint64_t dropped = 0;
+  };
+  std::optional<Published> published_;
+
+  // Of a fleet, with those whose new connections are known to go direct.
+  std::set<std::string> machines_;
+  std::set<std::string> directMachines_;
 
   std::map<std::uint64_t, Decision> decisions_;
   std::uint64_t decisionRevision_ = 0;

@@ -6,6 +6,7 @@
 #include <limits>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Companion/Monitor/Web/LiveState.h"
 #include "Companion/Monitor/Web/PrometheusText.h"
@@ -56,6 +57,37 @@ void applications(PrometheusText& text, const FlowCounters& counters) {
              "Flows that failed, by application.");
   for (const auto& [name, count] : counters.applications) {
     text.sample(static_cast<double>(count.failures), {{"application", name}});
+  }
+}
+
+void outages(PrometheusText& text, const OutageLog& log, bool byApplication) {
+  text.single("ostravel_proxy_outages_total", "counter",
+              "Times in which the proxy hung or could not be reached.",
+              static_cast<double>(log.total()));
+  text.single("ostravel_proxy_outage", "gauge", "Proxies that are out of service now.",
+              static_cast<double>(log.lastingCount()));
+  text.single("ostravel_proxy_outage_direct_flows_total", "counter",
+              "Flows that waited for a proxy that was out of service and then went direct.",
+              static_cast<double>(log.totalWaited()));
+  text.single("ostravel_proxy_outage_lost_flows_total", "counter",
+              "Flows that an outage of the proxy has ended with an error.",
+              static_cast<double>(log.totalLost()));
+  const std::vector<const Outage*> newest = log.outages(1);
+  if (newest.empty()) {
+    return;
+  }
+  const Outage& last = *newest.front();
+  text.single("ostravel_last_proxy_outage_begin_timestamp_seconds", "gauge",
+              "When the last outage of the proxy began, since 1970.", last.begin);
+  if (last.end) {
+    text.single("ostravel_last_proxy_outage_end_timestamp_seconds", "gauge",
+                "When it ended; missing while it lasts.", *last.end);
+  }
+  if (byApplication) {
+    text.begin("ostravel_last_proxy_outage_flows", "gauge", "Flows that it hit, by application.");
+    for (const auto& [name, count] : last.applications) {
+      text.sample(static_cast<double>(count), {{"application", name}});
+    }
   }
 }
 
@@ -142,20 +174,33 @@ std::string LiveState::metrics(bool byApplication) const {
     text.single("ostravel_proxy_reachable", "gauge", "Whether the proxy accepts connections.",
                 *isReachable_ ? 1.0 : 0.0);
   }
-  text.single("ostravel_proxy_outages_total", "counter",
-              "Times in which the proxy hung or could not be reached.",
-              static_cast<double>(outages_.total()));
-  const bool isOut = !outages_.outages().empty() && !outages_.outages().back().end;
-  text.single("ostravel_proxy_outage", "gauge", "Whether the proxy is out of service now.",
-              isOut ? 1.0 : 0.0);
+  outages(text, outages_, byApplication);
   if (byApplication) {
     applications(text, counters_);
   }
+  if (!machines_.empty()) {
+    text.single("ostravel_fleet_machines", "gauge", "Machines that have sent an event.",
+                static_cast<double>(machines_.size()));
+    text.single("ostravel_fleet_machines_direct", "gauge",
+                "Machines whose new connections are known to go direct.",
+                static_cast<double>(directMachines_.size()));
+  }
+  if (published_) {
+    text.single("ostravel_publish_waiting_events", "gauge",
+                "Events that the fleet's server has not acknowledged.",
+                static_cast<double>(published_->waiting));
+    text.single("ostravel_publish_dropped_events_total", "counter",
+                "Events that had to be dropped, in the life of the spool.",
+                static_cast<double>(published_->dropped));
+  }
   text.single("ostravel_extension_up", "gauge",
               "Whether the extension answers on its control socket.", status_ ? 1.0 : 0.0);
-  if (status_) {
+  if (status_ || !machines_.empty()) {
     text.single("ostravel_events_lost_total", "counter",
-                "Events that the extension could not deliver.", static_cast<double>(lostEvents()));
+                "Events that could not be delivered to the monitor.",
+                static_cast<double>(lostEvents()));
+  }
+  if (status_) {
     extension(text, status_.get());
   }
   return text.text();

@@ -43,28 +43,15 @@ std::string tokenOf(const std::string& file) {
 
 }  // namespace
 
-WebView::WebView(asio::io_context& ioContext, const Options& options)
+WebView::WebView(const Options& options)
     : server_(state_, {.listen = listenAddress(options.listen),
                        .token = tokenOf(options.tokenFile),
-                       .hasApplicationMetrics = options.hasApplicationMetrics}),
-      timer_(ioContext) {
+                       .hasApplicationMetrics = options.hasApplicationMetrics}) {
   if (!options.controlPath.empty()) {
     poller_.emplace(state_, [client = ControlClient(options.controlPath)](JSONHandle request) {
       return client.ask(std::move(request), std::chrono::steady_clock::now() + 2s);
     });
   }
-  tick();
-}
-
-void WebView::tick() {
-  state_.tick(
-      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count());
-  timer_.expires_after(1s);
-  timer_.async_wait([this](asio::error_code error) {
-    if (!error) {
-      tick();
-    }
-  });
 }
 
 }  // namespace ostravel::companion

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -13,8 +12,8 @@
 
 namespace ostravel::companion {
 
-// Shows events on a live page: owns the state, the server and the poller of the extension. Owned by
-// main, which ends the process without destroying it; used on its event loop.
+// Shows events on a live page: owns the state, the server and what asks the extension. Owned by
+// main, which ends the process without destroying it; used by one thread.
 class WebView {
  public:
   static constexpr const char* kDefaultListen = "127.0.0.1:8090";
@@ -29,20 +28,24 @@ class WebView {
   };
 
   // Throws std::runtime_error with a readable reason.
-  WebView(asio::io_context& ioContext, const Options& options);
+  explicit WebView(const Options& options);
 
   void receive(const ReceivedEvent& event) { state_.receive(event); }
   void countMalformedFrame() { state_.countMalformedFrame(); }
+  void countDropped(std::uint64_t events) { state_.countDropped(events); }
+  void setPublished(std::uint64_t waiting, std::uint64_t dropped) {
+    state_.setPublished(waiting, dropped);
+  }
+
+  // Called once a second.
+  void tick(double now) { state_.tick(now); }
 
   std::string url() const { return server_.url(); }
 
  private:
-  void tick();
-
   LiveState state_;
   WebServer server_;
   std::optional<ControlPoller> poller_;
-  asio::steady_timer timer_;
 };
 
 }  // namespace ostravel::companion

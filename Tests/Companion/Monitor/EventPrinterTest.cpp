@@ -80,6 +80,57 @@ TEST(EventPrinter, SumsUpNothing) {
   EXPECT_EQ(printer.summary().text(), "0 flows, none failed");
 }
 
+TEST(EventPrinter, SaysWhenTheProxyHungAndWhomItHit) {
+  std::vector<std::string> lines;
+  EventPrinter printer({.filter = {.onlyFailures = true},
+                        .style = [] { return EventLineStyle{.time = TimeStyle::utc}; }},
+                       [&lines](std::string_view line) { lines.emplace_back(line); });
+  printer.print(started("a"));
+  printer.print(timedOut("a", 5.0));
+  printer.print(closedWithError("a", 5.0));
+  printer.print(started("b", 6.0));
+  printer.print(succeeded("b", 7.0));
+  printer.tick(kNoon + 15.0);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_TRUE(lines[0].find(" timed out ") != std::string::npos) << lines[0];
+  EXPECT_EQ(lines[1],
+            "2025-11-16T12:00:05.000Z error The proxy hangs, since 2025-11-16T12:00:00.000Z: new "
+            "connections go direct.");
+  const std::string told =
+      "The proxy hung from 2025-11-16T12:00:00.000Z to 2025-11-16T12:00:07.000Z (7.00 s). It "
+      "accepted connections but did not answer. 1 connection waited for it and then went direct: "
+      "/usr/bin/curl (1). No connection was lost.";
+  EXPECT_EQ(lines[2], "2025-11-16T12:00:15.000Z info  " + told);
+  EXPECT_EQ(printer.outages(), std::vector<std::string>{told});
+}
+
+TEST(EventPrinter, NamesTheMachineOfAnOutage) {
+  std::vector<std::string> lines;
+  EventPrinter printer({}, [&lines](std::string_view line) { lines.emplace_back(line); });
+  ReceivedEvent unreachable = proxyEvent("proxy_unreachable", 0.0);
+  unreachable.host = "host-1";
+  printer.print(unreachable);
+  ReceivedEvent recovered = proxyEvent("proxy_recovered", 1.0);
+  recovered.host = "host-1";
+  printer.print(recovered);
+  printer.tick(kNoon + 20.0);
+  // The events themselves, and the end of the outage.
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_TRUE(lines[2].starts_with("host-1           ")) << lines[2];
+  EXPECT_NE(lines[2].find("The proxy could not be reached from "), std::string::npos);
+  EXPECT_TRUE(printer.outages().front().starts_with("host-1: The proxy "));
+}
+
+TEST(EventPrinter, AddsNothingToJSON) {
+  int lines = 0;
+  EventPrinter printer({.asJSON = true}, [&lines](std::string_view) { ++lines; });
+  printer.print(started("a"));
+  printer.print(timedOut("a", 5.0));
+  printer.tick(kNoon + 60.0);
+  EXPECT_EQ(lines, 2);
+  EXPECT_EQ(printer.outages().size(), 1U);
+}
+
 TEST(EventPrinter, WritesLinesForPeople) {
   std::string line;
   EventPrinter printer({.style = [] { return EventLineStyle{.time = TimeStyle::utc}; }},

@@ -24,8 +24,13 @@
     return day(seconds) === day(now()) ? clock(seconds)
       : `${new Date(seconds * 1000).toLocaleDateString('en-GB', {day: 'numeric', month: 'short'})} ${clock(seconds)}`;
   };
-  const exact = (seconds) =>
-    `${clock(seconds)}.${String(Math.floor((seconds * 1000) % 1000)).padStart(3, '0')}`;
+  // With date and zone, as the programs write it with --time local.
+  const exact = (seconds) => {
+    const date = new Date(seconds * 1000);
+    const minutes = -date.getTimezoneOffset();
+    const zone = `${minutes < 0 ? '-' : '+'}${pad(Math.floor(Math.abs(minutes) / 60))}:${pad(Math.abs(minutes) % 60)}`;
+    return `${date.getFullYear()}-${pad(date.getMonth() + 1)}-${pad(date.getDate())}T${clock(seconds)}.${String(date.getMilliseconds()).padStart(3, '0')}${zone}`;
+  };
   const digits = (number) => number.toFixed(number < 9.995 ? 2 : number < 99.95 ? 1 : 0);
   const duration = (seconds) => {
     if (!(seconds >= 0)) return '';
@@ -58,6 +63,7 @@
   let samples = [];
   let latest = null;
   let seconds = 600;
+  let isRangeChosen = false;
   let shown = [];
   let chosen = null;
   let cursor = '';
@@ -71,16 +77,9 @@
     for (const row of update.flows) {
       const known = flows.get(row.id);
       // Decisions and events of one flow complete each other.
-      if (known) {
-        Object.assign(known, row);
-      } else {
-        row.text = `${row.application}\n${row.destination}`.toLowerCase();
-        flows.set(row.id, row);
-      }
-      const flow = known || row;
-      if (row.destination || row.application) {
-        flow.text = `${flow.application}\n${flow.destination}`.toLowerCase();
-      }
+      const flow = known ? Object.assign(known, row) : row;
+      flow.text = `${flow.application}\n${flow.destination}\n${flow.host || ''}`.toLowerCase();
+      if (!known) flows.set(row.id, row);
     }
     if (flows.size > MOST_FLOWS) {
       const kept = [...flows.values()].sort((a, b) => a.time - b.time).slice(-MOST_FLOWS * 0.9);
@@ -95,19 +94,30 @@
 
   const drawState = () => {
     const {sentence, counts, outages} = latest;
+    document.body.classList.toggle('fleet', Boolean(latest.machines));
     $('state').dataset.state = sentence.state;
     $('sentence').textContent = sentence.text;
     $('since').textContent = sentence.since ? `since ${moment(sentence.since)}` : '';
     document.title = `${sentence.state === 'proxied' ? '' : '⚠ '}Ostravel: ${sentence.state}`;
-    const lost = outages.reduce((sum, outage) => sum + outage.lost, 0);
-    const parts = [`${counted(counts.flows, 'flow')}, ${counts.failures ? counted(counts.failures, 'failure') : 'none failed'}.`];
-    parts.push(lost ? `Outages cost ${counted(lost, 'connection')}.` : 'No outage cost a connection.');
+    const {refused = 0, timed_out = 0, backlog = 0, failed = 0, invalid_answer = 0, reset = 0} = counts.failures;
+    const direct = timed_out + backlog + failed;
+    const what = [
+      direct && `${direct.toLocaleString('en')} went direct because the proxy did not serve ${direct === 1 ? 'it' : 'them'}`,
+      refused && `${refused.toLocaleString('en')} refused by the proxy`,
+      (invalid_answer + reset) && `${(invalid_answer + reset).toLocaleString('en')} ended with an error`,
+    ].filter(Boolean);
+    const parts = [`${counted(counts.flows, 'flow')}${what.length ? `: ${what.join(', ')}` : ', none failed'}.`];
+    if (outages.length) parts.push(counts.lost ? `Outages cost ${counted(counts.lost, 'connection')}.` : 'No connection was lost by an outage.');
     const events = counts.lost_events + counts.malformed;
     parts.push(events ? `${counted(events, 'event')} lost: not everything is shown.`
       : latest.status ? 'No event was lost.' : 'No event is known to be lost.');
     $('loss').textContent = parts.join(' ');
   };
 
+  const KINDS = {hung: 'hangs', unreachable: 'is unreachable', faulty: 'is faulty',
+    'hung, then unreachable': 'hung, and is unreachable now'};
+  const PAST = {unreachable: 'was unreachable', faulty: 'was faulty',
+    'hung, then unreachable': 'hung, and was unreachable then'};
   let outagesDrawn = '';
   const drawOutages = () => {
     const key = JSON.stringify(latest.outages);
@@ -121,7 +131,8 @@
         : `since ${moment(outage.begin)}`;
       const who = Object.entries(outage.applications).sort((a, b) => b[1] - a[1])
         .map(([name, count]) => `${shortName(name)} (${count})`).join(', ');
-      item.append(element('time', when), element('span', `Proxy ${outage.kind}`, 'kind'),
+      item.append(element('time', when),
+        element('span', `Proxy ${(outage.end ? PAST : KINDS)[outage.kind] || outage.kind}${outage.host ? ` on ${outage.host}` : ''}`, 'kind'),
         element('span', outage.text, 'text'));
       if (who) item.append(element('span', `Applications hit: ${who}`, 'who'));
       return item;
@@ -156,7 +167,7 @@
 
   const colour = (name) => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
   const CHARTS = [
-    {title: 'Gate', columns: [1], names: [''], text: (value) => (value === null || value === undefined ? 'unknown' : value ? 'open' : 'closed'), steps: true},
+    {title: 'Gate', columns: [1], names: [''], text: (value) => (value === null || value === undefined ? 'unknown' : value ? 'open' : 'closed'), steps: true, isOptional: true},
     {title: 'Tunnels', columns: [2, 3], names: ['open', 'pending'], text: (value) => (value ?? 0)},
     {title: 'Throughput', columns: [6, 7], names: ['sent', 'received'], text: (value) => (value === null || value === undefined ? '–' : `${bytes(value)}/s`), axis: (value) => bytes(value), least: 1000, isOptional: true},
     {title: 'Slowest answer of the proxy', columns: [5], names: [''], text: (value) => (value === null || value === undefined ? '–' : duration(value / 1000)), axis: (value) => (value < 1000 ? `${value} ms` : `${value / 1000} s`), points: true},
@@ -208,7 +219,7 @@
           y: {range: chart.steps ? [-0.1, 1.1] : (_, least, most) => [0, Math.max(most || 0, chart.least || 1) * 1.1]},
         },
         axes: [
-          {...axis, size: 24, values: (_, ticks) => ticks.map((tick) => clock(tick).slice(0, seconds > 300 ? 5 : 8))},
+          {...axis, size: 24, space: 72, values: (_, ticks) => ticks.map((tick) => clock(tick).slice(0, seconds > 300 ? 5 : 8))},
           {...axis, size: 56, splits: chart.steps ? () => [0, 1] : undefined,
             values: (_, ticks) => ticks.map((tick) => (chart.steps ? (tick ? 'open' : 'closed') : chart.axis ? chart.axis(tick) : Number.isInteger(tick) ? tick : ''))},
         ],
@@ -236,10 +247,10 @@
       // Events do not tell it; without the extension's own answers there is nothing to draw.
       box.hidden = Boolean(chart.isOptional) && !latest.status
         && visible.every((sample) => sample[chart.columns[0]] === null);
-      if (chart.isOptional) $('charts').classList.toggle('three', box.hidden);
       plot.setData(dataOf(chart, visible));
       if (plot.cursor.idx === null || plot.cursor.left < 0) say(plot, null);
     }
+    $('charts').classList.toggle('three', plots.filter(({box}) => !box.hidden).length === 3);
   };
 
   // ---- Flows
@@ -262,12 +273,18 @@
   };
 
   const pool = [];
+  const REASONS = {on_trial: 'the proxy hung', gate_closed: 'the proxy is down',
+    proxy_not_trusted: 'the proxy is not trusted', to_the_proxy: 'to the proxy itself',
+    handshake_share: 'too many wait', proxied: 'to be proxied'};
+  const reasonText = (word) => REASONS[word] || word.replaceAll('_', ' ');
+
   const makeRow = () => {
     const row = element('div', undefined, 'row');
     row.setAttribute('role', 'option');
-    for (const name of ['time', '', '', 'result', 'number', 'number', 'number']) {
+    for (const name of ['time', 'machine', '', '', 'result', 'number', 'number', 'number']) {
       row.append(element('span', '', name));
     }
+    row.children[4].append(element('span'), element('span', '', 'why'));
     row.addEventListener('click', () => { if (row.flow) open(row.flow); });
     $('table').append(row);
     pool.push(row);
@@ -278,13 +295,16 @@
 
   const fill = (row, flow) => {
     row.flow = flow;
-    const [time, application, destination, result, answer, lasted, size] = row.children;
+    const [time, machine, application, destination, result, answer, lasted, size] = row.children;
     setText(time, clock(flow.time));
+    setText(machine, flow.host || '');
+    machine.title = flow.host || '';
     setText(application, shortName(flow.application));
     application.title = flow.application;
     setText(destination, flow.destination || '–');
     destination.title = flow.destination;
-    setText(result, flow.outcome);
+    setText(result.firstChild, flow.outcome);
+    setText(result.lastChild, flow.outcome === 'direct' && flow.why ? ` ${reasonText(flow.why)}` : '');
     result.className = `result ${TONES[flow.outcome] || (BAD.has(flow.outcome) ? 'bad' : 'soft')}`;
     result.title = flow.reason || flow.why || '';
     setText(answer, duration(flow.answer));
@@ -373,13 +393,17 @@
     established: 'The tunnel is open', ended: 'The end',
   };
 
+  // What the facts above and the steps do not say already.
+  const detailText = (detail) => (/^(remote|elapsed_ms|timeout_seconds) |^detail eof$/.test(detail) ? ''
+    : detail.replace(/^(detail|reason|status_line) /, '').replaceAll('_', ' '));
+
   const open = async (flow) => {
     chosen = flow.id;
     drawRows();
     $('flow-title').textContent = `${shortName(flow.application)} → ${flow.destination || 'unknown'}`;
     facts($('flow-facts'), [
-      ['Application', flow.application], ['Result', flow.outcome], ['Reason', flow.reason],
-      ['Decision', flow.why], ['Detail', flow.detail], ['User', flow.user], ['Process', flow.pid],
+      ['Machine', flow.host], ['Application', flow.application], ['Result', flow.outcome], ['Reason', flow.reason],
+      ['Decision', flow.why && reasonText(flow.why)], ['Detail', flow.detail], ['User', flow.user], ['Process', flow.pid],
       ['Began', exact(flow.time)], ['Waited for the proxy', duration(flow.answer)],
       ['Lasted', flow.end ? duration(flow.end - flow.time) : ''],
       ['Sent', bytes(flow.sent)], ['Received', bytes(flow.received)],
@@ -394,7 +418,7 @@
           const whole = await answer.json();
           for (const event of whole.events) {
             steps.push({after: event.time - begin, text: SIGNALS[event.signal] || event.signal,
-              detail: event.detail});
+              detail: detailText(event.detail)});
           }
         }
       }
@@ -403,9 +427,11 @@
     const decided = Object.entries(flow.steps || {})
       .filter(([name]) => name === 'decided' || !steps.length)
       .map(([name, micros]) => ({after: micros / 1e6, text: STEPS[name] || name,
-        detail: name === 'decided' ? flow.why : ''}));
-    steps = decided.concat(steps);
-    $('flow-steps').replaceChildren(...steps.sort((a, b) => a.after - b.after).map((step) => {
+        detail: name === 'decided' && flow.why ? reasonText(flow.why) : ''}));
+    steps.sort((a, b) => a.after - b.after);
+    // First, although the clocks of the two may say otherwise.
+    steps = decided.sort((a, b) => a.after - b.after).concat(steps);
+    $('flow-steps').replaceChildren(...steps.map((step) => {
         const item = element('li');
         item.append(element('time', `+${duration(Math.max(step.after, 0))}`), element('span', step.text));
         if (step.detail) item.append(element('small', step.detail));
@@ -474,8 +500,16 @@
     seconds = Number(button.dataset.seconds);
     draw();
   };
+  // Of what there is, most.
+  const chooseRange = () => {
+    if (isRangeChosen || !samples.length) return;
+    const known = samples[samples.length - 1][0] - samples[0][0];
+    const button = [...$('ranges').children].find((each) => Number(each.dataset.seconds) >= Math.min(known, 600));
+    if (Number(button.dataset.seconds) !== seconds) setRange(button);
+  };
   $('ranges').addEventListener('click', (event) => {
     const button = event.target.closest('button');
+    isRangeChosen = isRangeChosen || Boolean(button);
     if (button) setRange(button);
   });
   $('ranges').addEventListener('keydown', (event) => {
@@ -483,6 +517,7 @@
     if (!step) return;
     const all = [...$('ranges').children];
     const next = all[(all.indexOf(event.target) + step + all.length) % all.length];
+    isRangeChosen = true;
     setRange(next);
     next.focus();
     event.preventDefault();
@@ -510,6 +545,7 @@
       flows = new Map();
       samples = [];
       take(await answer.json());
+      chooseRange();
       complain('');
       follow();
     } catch {

@@ -52,6 +52,42 @@ TEST_F(LiveStateMetricsTest, CountsWhatEventsTell) {
   EXPECT_EQ(value("ostravel_events_lost_total"), "");
 }
 
+TEST_F(LiveStateMetricsTest, TellsWhenTheProxyHungAndWhomItHit) {
+  const std::string curl = "ostravel_last_proxy_outage_flows{application=\"/usr/bin/curl\"}";
+  const std::string begin = "ostravel_last_proxy_outage_begin_timestamp_seconds";
+  EXPECT_EQ(value(begin), "");
+  for (const ReceivedEvent& event :
+       {started("a"), succeeded("a", 1.0), started("b", 2.0), timedOut("b", 7.0),
+        closedWithError("a", 8.0), started("c", 8.0), succeeded("c", 9.0)}) {
+    state_.receive(event);
+  }
+  EXPECT_EQ(value("ostravel_proxy_outage"), "1");
+  EXPECT_EQ(value("ostravel_last_proxy_outage_end_timestamp_seconds"), "");
+  state_.tick(kNoon + 60.0);
+  EXPECT_EQ(value("ostravel_proxy_outage"), "0");
+  EXPECT_EQ(std::stod(value(begin)), kNoon + 2.0);
+  EXPECT_EQ(std::stod(value("ostravel_last_proxy_outage_end_timestamp_seconds")), kNoon + 9.0);
+  EXPECT_EQ(value("ostravel_proxy_outage_direct_flows_total"), "1");
+  EXPECT_EQ(value("ostravel_proxy_outage_lost_flows_total"), "1");
+  EXPECT_EQ(value(curl), "");
+  EXPECT_EQ(value(curl, true), "2");
+}
+
+TEST_F(LiveStateMetricsTest, CountsTheFleet) {
+  EXPECT_EQ(value("ostravel_fleet_machines"), "");
+  EXPECT_EQ(value("ostravel_publish_waiting_events"), "");
+  ReceivedEvent event = proxyEvent("proxy_unreachable", 0.0);
+  event.host = "host-1";
+  state_.receive(event);
+  state_.setPublished(3, 4);
+  state_.countDropped(5);
+  EXPECT_EQ(value("ostravel_fleet_machines"), "1");
+  EXPECT_EQ(value("ostravel_fleet_machines_direct"), "1");
+  EXPECT_EQ(value("ostravel_events_lost_total"), "5");
+  EXPECT_EQ(value("ostravel_publish_waiting_events"), "3");
+  EXPECT_EQ(value("ostravel_publish_dropped_events_total"), "4");
+}
+
 TEST_F(LiveStateMetricsTest, AddsWhatTheExtensionAnswers) {
   const JSONHandle status(json_loads(
       R"({"proxying":{"active":true},"flows":{"offered":9,"proxied":3,"refused":1,)"

@@ -60,8 +60,55 @@ TEST_F(LiveStateTest, WarnsOfAProxyThatHangs) {
   state_.receive(timedOut("b", 7.0));
   state_.tick(kNoon + 8.0);
   EXPECT_EQ(word(), "warning");
+  state_.receive(started("c", 9.0));
+  state_.receive(succeeded("c", 10.0));
   state_.tick(kNoon + 30.0);
   EXPECT_EQ(word(), "proxied");
+}
+
+TEST_F(LiveStateTest, SaysThatTheProxyHangsWhileItRests) {
+  state_.receive(started("a", 2.0));
+  state_.receive(timedOut("a", 7.0));
+  const JSONHandle status =
+      parse(R"({"proxying":{"active":false,"message":"Nothing answers.","since":5},)"
+            R"("flows":{"direct_by_reason":{"on_trial":3,"exempt_host":9}}})");
+  state_.setStatus(status.get(), "");
+  EXPECT_EQ(sentence(), "The proxy hangs: new connections go direct.");
+  const JSONHandle later =
+      parse(R"({"proxying":{"active":false,"message":"Nothing answers.","since":5},)"
+            R"("flows":{"direct_by_reason":{"on_trial":5,"gate_closed":1,"exempt_host":20}}})");
+  state_.setStatus(later.get(), "");
+  const JSONHandle whole = parse(state_.whole().json);
+  const json_t* const outage = json_array_get(json_object_get(whole.get(), "outages"), 0);
+  const std::string text = json_string_value(json_object_get(outage, "text"));
+  EXPECT_NE(text.find(" 3 others went direct at once. No connection was lost."), std::string::npos)
+      << text;
+}
+
+TEST_F(LiveStateTest, KeepsTheMachinesOfAFleetApart) {
+  const auto of = [](const std::string& host, ReceivedEvent event) {
+    event.host = host;
+    return event;
+  };
+  state_.receive(of("host-1", started("a")));
+  state_.receive(of("host-1", succeeded("a", 1.0)));
+  EXPECT_EQ(sentence(), "1 machine, with no proxy out of service.");
+  EXPECT_EQ(word(), "proxied");
+  state_.receive(of("host-2", proxyEvent("proxy_unreachable", 2.0)));
+  EXPECT_EQ(sentence(), "2 machines, 1 of them without a proxy: connections go direct there.");
+  state_.receive(of("host-2", proxyEvent("proxy_recovered", 3.0)));
+  EXPECT_EQ(word(), "warning");
+  state_.tick(kNoon + 60.0);
+  EXPECT_EQ(sentence(), "2 machines, with no proxy out of service.");
+  state_.countDropped(7);
+  const JSONHandle whole = parse(state_.whole().json);
+  EXPECT_EQ(json_integer_value(json_object_get(whole.get(), "machines")), 2);
+  const json_t* const flow = json_array_get(json_object_get(whole.get(), "flows"), 0);
+  EXPECT_STREQ(json_string_value(json_object_get(flow, "host")), "host-1");
+  const json_t* const outage = json_array_get(json_object_get(whole.get(), "outages"), 0);
+  EXPECT_STREQ(json_string_value(json_object_get(outage, "host")), "host-2");
+  const json_t* const counts = json_object_get(whole.get(), "counts");
+  EXPECT_EQ(json_integer_value(json_object_get(counts, "lost_events")), 7);
 }
 
 TEST_F(LiveStateTest, PrefersWhatTheExtensionAnswers) {
