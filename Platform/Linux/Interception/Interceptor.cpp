@@ -273,6 +273,7 @@ void Interceptor::receive() {
     if (std::chrono::steady_clock::now() - begin > kLongestBurst) {
       break;
     }
+    areNamesRead_ = false;
     received = queue_->receive([this](const PacketQueue::Packet& packet) { decide(packet); });
   }
   queue_->retryUnsent();
@@ -447,8 +448,11 @@ std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(
 
 std::optional<FlowName> Interceptor::nameOf(const Identification& sender,
                                             const SocketEndpoint& destination) {
-  const auto found =
-      names_ ? names_->find(sender.user, sender.identifier, destination) : std::nullopt;
+  if (!names_) {
+    return std::nullopt;
+  }
+  areNamesRead_ = areNamesRead_ || names_->catchUp();
+  const auto found = names_->find(sender.user, sender.identifier, destination);
   if (!found) {
     return std::nullopt;
   }

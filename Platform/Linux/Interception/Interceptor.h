@@ -151,6 +151,9 @@ class Interceptor {
   // A duplicate of the queue's socket, for waiting.
   LoopSocket arrivals_;
   bool isReceivingPaused_ = false;
+  // For the packets that were received together: the answer to an application's query was copied
+  // before the application could send its first packet.
+  bool areNamesRead_ = false;
   bool hasQueueFailed_ = false;
   RecentFlows recentFlows_;
   HeldFlows heldFlows_;

@@ -56,21 +56,18 @@ HostNameObserver::~HostNameObserver() {
   thread_.join();
 }
 
-std::optional<HostNames::Found> HostNameObserver::find(std::optional<uid_t> user,
-                                                       std::string_view identifier,
-                                                       const SocketEndpoint& address) {
-  const auto now = HostNames::Clock::now();
-  const auto deadline = now + kCatchUpTime;
+bool HostNameObserver::catchUp() {
+  const auto deadline = HostNames::Clock::now() + kCatchUpTime;
   for (unsigned count = 0; count < kMaximumBurst; ++count) {
     if (!receiveOne()) {
       // Another thread may also have read the messages needed.
-      return names_.find(user, identifier, address, now);
+      return true;
     }
     if (count + 1 >= kMinimumBurst && HostNames::Clock::now() > deadline) {
       break;
     }
   }
-  return names_.find(user, identifier, address, now);
+  return false;
 }
 
 void HostNameObserver::replaceRegistrations(ApplicationRegistrations registrations) {

@@ -67,11 +67,17 @@ class HostNameObserver {
   HostNameObserver& operator=(const HostNameObserver&) = delete;
   ~HostNameObserver();
 
-  // The name of the application's flow to this address; see HostNames::find. From any thread; reads
-  // the copies that have arrived, at least four and for at most kCatchUpTime.
-  std::optional<HostNames::Found> find(std::optional<uid_t> user, std::string_view identifier,
-                                       const SocketEndpoint& address);
+  // Reads the copies that have arrived, at least four and for at most kCatchUpTime; true if none is
+  // left. To be called before find(), but not for a flow that began before an earlier call that
+  // returned true. From any thread.
+  bool catchUp();
   static constexpr std::chrono::microseconds kCatchUpTime{250};
+
+  // The name of the application's flow to this address; see HostNames::find. From any thread.
+  std::optional<HostNames::Found> find(std::optional<uid_t> user, std::string_view identifier,
+                                       const SocketEndpoint& address) {
+    return names_.find(user, identifier, address, HostNames::Clock::now());
+  }
 
   // See HostNames::setUnresolvable. From any thread.
   void setUnresolvable(const HostNames::Found& found) {

@@ -74,6 +74,7 @@ class HostNameObserverTest : public ::testing::Test {
 
   std::string find(const std::string& address, const std::string& program = kProgram,
                    std::optional<uid_t> user = 0) const {
+    observer_->catchUp();
     const auto found = observer_->find(user, program, addressOf(address, 443));
     return found ? found->name : "";
   }
