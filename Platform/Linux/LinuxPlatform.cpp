@@ -63,10 +63,16 @@ std::shared_ptr<platform::DispatchTimer> LinuxPlatform::makeTimer(
 }
 
 std::shared_ptr<platform::Log> LinuxPlatform::makeLog(std::string subsystem, std::string category) {
-  if (options_.logSink == LogSink::journal) {
-    return std::make_shared<JournalLog>(logWriter_, subsystem, category);
+  const std::lock_guard guard(logsLock_);
+  std::shared_ptr<platform::Log>& log = logs_[{subsystem, category}];
+  if (!log) {
+    if (options_.logSink == LogSink::journal) {
+      log = std::make_shared<JournalLog>(logWriter_, subsystem, category);
+    } else {
+      log = std::make_shared<StderrLog>(logWriter_);
+    }
   }
-  return std::make_shared<StderrLog>(logWriter_);
+  return log;
 }
 
 void LinuxPlatform::systemLog(std::string_view line) {

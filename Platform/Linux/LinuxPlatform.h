@@ -1,10 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Base/BackgroundWriter.h"
 #include "Platform/Interface/Platform.h"
@@ -72,6 +75,9 @@ class LinuxPlatform final : public platform::Platform {
  private:
   const Options options_;
   const std::shared_ptr<BackgroundWriter> logWriter_;
+  std::mutex logsLock_;
+  // By subsystem and category: handles have no state, and every tunnel asks for one.
+  std::map<std::pair<std::string, std::string>, std::shared_ptr<platform::Log>> logs_;
   const std::shared_ptr<platform::Log> defaultLog_;
   platform::POSIXClock clock_;
   RandomUUIDSource uuids_;
