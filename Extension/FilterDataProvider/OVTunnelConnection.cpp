@@ -56,7 +56,7 @@ OVTunnelConnection::OVTunnelConnection(
       onHandshakeEstablished_(std::move(onHandshakeEstablished)),
       onProxyUnavailable_(std::move(onProxyUnavailable)),
       onClose_(std::move(onClose)),
-      connectResponseParser_(kMaxHeaderBytes, platform.text()),
+      connectResponseParser_(std::in_place, kMaxHeaderBytes, platform.text()),
       handshakeStartedAt_(platform.clock().secondsSince1970()) {}
 
 void OVTunnelConnection::start() {
@@ -187,10 +187,11 @@ void OVTunnelConnection::handleConnectResponse(std::optional<Data> data, Optiona
     return;
   }
   std::visit([this](auto&& outcome) { handle(std::forward<decltype(outcome)>(outcome)); },
-             connectResponseParser_.append(data->bytes()));
+             connectResponseParser_->append(data->bytes()));
 }
 
 void OVTunnelConnection::handle(connect_response::Established outcome) {
+  connectResponseParser_.reset();
   log_->info("OstravelProxy: Handshake successful.");
   finishSuccessfulHandshake(Data(std::move(outcome.leftover)));
 }

@@ -110,7 +110,8 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   // The connection may be seen connected both by start() and by an observation on another thread.
   std::atomic<bool> didStartHandshake_ = false;
   std::atomic<bool> didEstablishHandshake_ = false;
-  ProxyConnectResponseParser connectResponseParser_;
+  // Until the handshake has succeeded.
+  std::optional<ProxyConnectResponseParser> connectResponseParser_;
   double handshakeStartedAt_;
   // For a debugger or a crash report only: the connection that was passed in decides where the
   // tunnel leads.

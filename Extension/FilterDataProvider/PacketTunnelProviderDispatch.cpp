@@ -108,7 +108,8 @@ void PacketTunnelProvider::startTunnel(const std::shared_ptr<AppProxyTCPFlow>& f
   const auto tunnel = makeTunnel(flow, flowId, appId);
   // Submitted before the start, so that a tunnel that ends early is removed after it was added.
   activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {
-    provider->activeTunnels_.insert_or_assign(tunnel->flowId(), tunnel);
+    provider->activeTunnels_.erase(tunnel->flowId());
+    provider->activeTunnels_.emplace(tunnel->flowId(), tunnel);
   });
   tunnel->start();
 }

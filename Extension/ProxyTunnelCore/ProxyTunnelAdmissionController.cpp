@@ -1,5 +1,7 @@
 #include "Extension/ProxyTunnelCore/ProxyTunnelAdmissionController.h"
 
+#include <utility>
+
 namespace ostravel {
 
 bool ProxyTunnelAdmissionController::tryAcquireHandshakeSlot(const std::string& flowId) {
@@ -16,8 +18,11 @@ bool ProxyTunnelAdmissionController::tryAcquireHandshakeSlot(const std::string& 
 
 void ProxyTunnelAdmissionController::markEstablished(const std::string& flowId) {
   const std::lock_guard guard(lock_);
-  pendingHandshakeIDs_.erase(flowId);
-  establishedTunnelIDs_.insert(flowId);
+  if (auto pending = pendingHandshakeIDs_.extract(flowId)) {
+    establishedTunnelIDs_.insert(std::move(pending));
+  } else {
+    establishedTunnelIDs_.insert(flowId);
+  }
 }
 
 void ProxyTunnelAdmissionController::release(const std::string& flowId) {

@@ -38,7 +38,11 @@ void ProxyTunnelHandshakeWatchdog::start() {
     onTimeout_();
     return;
   }
-  const auto timer = platform_.makeTimer(queue_);
+  const auto queue = queueUnlessFinished();
+  if (!queue) {
+    return;
+  }
+  const auto timer = platform_.makeTimer(queue);
   timer->schedule(delayFor(timeout_), std::nullopt, std::chrono::nanoseconds::zero());
   timer->setEventHandler([weakSelf = weak_from_this()] {
     if (const auto self = weakSelf.lock()) {
@@ -50,6 +54,11 @@ void ProxyTunnelHandshakeWatchdog::start() {
   } else {
     disarm(*timer);
   }
+}
+
+std::shared_ptr<platform::DispatchQueue> ProxyTunnelHandshakeWatchdog::queueUnlessFinished() const {
+  const std::lock_guard guard(lock_);
+  return queue_;
 }
 
 bool ProxyTunnelHandshakeWatchdog::adopt(const std::shared_ptr<platform::DispatchTimer>& timer) {
@@ -91,14 +100,17 @@ void ProxyTunnelHandshakeWatchdog::finish() {
   if (const auto timer = std::exchange(timer_, nullptr)) {
     disarm(*timer);
   }
+  queue_ = nullptr;
+  onTimeout_ = nullptr;
 }
 
 ProxyTunnelHandshakeWatchdog::TimeoutHandler ProxyTunnelHandshakeWatchdog::takeTimeout() {
   if (state_ != State::running) {
     return nullptr;
   }
+  TimeoutHandler callback = std::move(onTimeout_);
   finish();
-  return onTimeout_;
+  return callback;
 }
 
 }  // namespace ostravel

@@ -38,6 +38,7 @@ class ProxyTunnelHandshakeWatchdog
   State state() const;
 
  private:
+  std::shared_ptr<platform::DispatchQueue> queueUnlessFinished() const;
   // If the watchdog is idle, makes it run with this timer.
   bool adopt(const std::shared_ptr<platform::DispatchTimer>& timer);
 
@@ -47,8 +48,9 @@ class ProxyTunnelHandshakeWatchdog
 
   platform::Platform& platform_;
   const double timeout_;
-  const std::shared_ptr<platform::DispatchQueue> queue_;
-  const TimeoutHandler onTimeout_;
+  // Released once it is finished: the tunnel that owns it may live for a long time.
+  std::shared_ptr<platform::DispatchQueue> queue_;
+  TimeoutHandler onTimeout_;
   mutable std::mutex lock_;
   State state_ = State::idle;
   std::shared_ptr<platform::DispatchTimer> timer_;
