@@ -64,13 +64,15 @@ std::shared_ptr<platform::DispatchTimer> LinuxPlatform::makeTimer(
 
 std::shared_ptr<platform::Log> LinuxPlatform::makeLog(std::string subsystem, std::string category) {
   const std::lock_guard guard(logsLock_);
-  std::shared_ptr<platform::Log>& log = logs_[{subsystem, category}];
+  std::weak_ptr<platform::Log>& known = logs_[{subsystem, category}];
+  std::shared_ptr<platform::Log> log = known.lock();
   if (!log) {
     if (options_.logSink == LogSink::journal) {
       log = std::make_shared<JournalLog>(logWriter_, subsystem, category);
     } else {
       log = std::make_shared<StderrLog>(logWriter_);
     }
+    known = log;
   }
   return log;
 }

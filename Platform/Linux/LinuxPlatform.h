@@ -77,7 +77,7 @@ class LinuxPlatform final : public platform::Platform {
   const std::shared_ptr<BackgroundWriter> logWriter_;
   std::mutex logsLock_;
   // By subsystem and category: handles have no state, and every tunnel asks for one.
-  std::map<std::pair<std::string, std::string>, std::shared_ptr<platform::Log>> logs_;
+  std::map<std::pair<std::string, std::string>, std::weak_ptr<platform::Log>> logs_;
   const std::shared_ptr<platform::Log> defaultLog_;
   platform::POSIXClock clock_;
   RandomUUIDSource uuids_;
