@@ -1,9 +1,10 @@
-"""System calls of the extension that fail, by strace(1), while applications connect.
+"""System calls of the extension that fail, by strace(1), and memory that runs out, while applications connect.
 
 What a call can fail with is in its manual page; the ones that could only follow from a mistake of ours (EBADF,
 EFAULT) are left out.
 """
 
+import random
 import signal
 import subprocess
 from typing import NamedTuple
@@ -70,6 +71,9 @@ class Fault(NamedTuple):
     call: str
     error: str
     occasion: str
+    # The guardian kills the extension when it cannot serve its queue; it says so.
+    deaths = (signal.SIGKILL,)
+    silent_deaths = ()
 
     def __str__(self):
         return f"{self.call} {self.error} {self.occasion}"
@@ -82,6 +86,42 @@ class Fault(NamedTuple):
             "-e", f"trace={self.call}",
             "-e", f"inject={self.call}:error={self.error}:when={self.occasion}",
         )  # fmt: skip
+
+
+# What a program of several threads may allocate before it carries its first flow, and until it ends here.
+MOST_ALLOCATIONS = 40_000
+# How many allocations fail in a row: one, a thread's worth of them, and all that follow.
+SHORTAGES = (0, 20, 10**9)
+
+
+class MemoryFault(NamedTuple):
+    """Memory runs out at an allocation, and at so many that follow it."""
+
+    number: int
+    more: int
+    library: str
+    # A program that cannot go on without memory ends at once, and the kernel takes its rules away. Even its
+    # last words may need memory. libseccomp 2.5 uses what it is given, at the start.
+    deaths = (signal.SIGKILL, signal.SIGABRT, signal.SIGSEGV)
+    silent_deaths = (signal.SIGABRT, signal.SIGSEGV)
+
+    def __str__(self):
+        return f"allocation {self.number}+{self.more}"
+
+    @property
+    def prefix(self):
+        return (
+            "env", f"LD_PRELOAD={self.library}",
+            f"OSTRAVEL_FAILING_ALLOCATION={self.number}+{self.more}",
+        )  # fmt: skip
+
+
+def draw_memory_faults(count, seed, library):
+    """Early allocations as often as late ones, of which there are more."""
+    moments = random.Random(seed)
+    for _ in range(count):
+        number = round(MOST_ALLOCATIONS ** moments.random())
+        yield MemoryFault(number, moments.choice(SHORTAGES), library)
 
 
 # A signal does not interrupt every call, and a descriptor that was reported as ready does not stay unready.
@@ -99,6 +139,7 @@ FAULTS = tuple(
 class Suffered(NamedTuple):
     """What a fault has led to."""
 
+    fault: Fault | MemoryFault
     is_refused: bool
     connections: Connections
     # Of the extension: negative if a signal has ended it, None if it did not end when requested.
@@ -115,14 +156,20 @@ class Suffered(NamedTuple):
     def promises(self):
         """Pairs of a text and True if it is kept."""
         connections = self.connections
+        signal_number = -self.status if self.status is not None and self.status < 0 else 0
+        # Before there are rules it takes nothing along.
+        is_crash = signal_number not in (0, *self.fault.deaths) or (
+            signal_number == signal.SIGSEGV and not self.is_refused
+        )
+        is_explained = self.is_explained or signal_number in self.fault.silent_deaths
         return [
             ("no connect fails", connections.failed == 0 and connections.count > 0),
             ("every connect within 3.2 s", connections.slowest <= 3.2),
-            ("at most one connection is reset", connections.reset <= 1),
+            # Those in flight go with it.
+            ("at most one connection is reset", connections.reset <= 1 or signal_number == signal.SIGABRT),
             ("it ends when it is asked to", self.status is not None),
-            # The guardian kills it when it cannot serve its queue; it says so.
-            ("it does not crash", self.status in (None, -signal.SIGKILL) or self.status >= 0),
-            ("it says why it does not start", not self.is_refused or self.is_explained),
+            ("it does not crash", not is_crash),
+            ("it says why it does not start", not self.is_refused or is_explained),
             ("no rules are left", not self.has_left_rules),
         ]  # fmt: skip
 
@@ -151,6 +198,6 @@ def suffer(laboratory, fault, seconds=1.2):
         extension.kill()
     has_left_rules = "ostravel" in laboratory.here.run("nft", "list", "tables")
     return Suffered(
-        not has_started, connections, status, has_died, has_left_rules,
+        fault, not has_started, connections, status, has_died, has_left_rules,
         extension.errors.since()[-3:],
     )  # fmt: skip

@@ -80,8 +80,8 @@ void addRatesSet(TableChanges& changes) {
 // A set object with the name of the alive set is enough to delete from and add to that set.
 SetHandle makeAliveReference() {
   SetHandle set(allocated(::nftnl_set_alloc()), &::nftnl_set_free);
-  ::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable);
-  ::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kAliveSet);
+  requireCopied(::nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, kTable));
+  requireCopied(::nftnl_set_set_str(set.get(), NFTNL_SET_NAME, kAliveSet));
   return set;
 }
 

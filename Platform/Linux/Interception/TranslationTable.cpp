@@ -6,8 +6,10 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter_ipv4.h>
 
+#include <new>
 #include <utility>
 
+#include "Platform/Linux/Kernel/Allocated.h"
 #include "Platform/Linux/Kernel/NetfilterRule.h"
 #include "Platform/Linux/Kernel/TableChanges.h"
 
@@ -35,13 +37,20 @@ TranslationTable::TranslationTable(std::shared_ptr<mnl_socket> socket)
     : socket_(std::move(socket)) {}
 
 TranslationTable::~TranslationTable() {
-  const std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)> table(::nftnl_table_alloc(),
-                                                                          &::nftnl_table_free);
-  ::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, kName);
+  // What is not removed here disappears with the socket.
+  try {
+    remove();
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+void TranslationTable::remove() {
+  const std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)> table(
+      allocated(::nftnl_table_alloc()), &::nftnl_table_free);
+  requireCopied(::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, kName));
   NetfilterBatch batch;
   batch.add("table", NFT_MSG_DELTABLE, NFPROTO_INET, 0,
             [&table](nlmsghdr* header) { ::nftnl_table_nlmsg_build_payload(header, table.get()); });
-  // Otherwise it disappears with the socket.
   [[maybe_unused]] const auto failure = batch.commit(socket_.get());
 }
 

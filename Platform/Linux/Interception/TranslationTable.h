@@ -34,6 +34,8 @@ class TranslationTable {
  private:
   explicit TranslationTable(std::shared_ptr<mnl_socket> socket);
 
+  void remove();
+
   const std::shared_ptr<mnl_socket> socket_;
 };
 

@@ -14,4 +14,11 @@ Object* allocated(Object* object) {
   return object;
 }
 
+// The same for a function that keeps a copy and returns a negative number when it has no memory.
+inline void requireCopied(int result) {
+  if (result < 0) {
+    throw std::bad_alloc();
+  }
+}
+
 }  // namespace ostravel::linuxplatform

@@ -58,6 +58,13 @@ nftnl_expr* makeExpression(const char* name) {
   return allocated(::nftnl_expr_alloc(name));
 }
 
+void setText(nftnl_expr* expression, std::uint16_t attribute, const char* text) {
+  if (::nftnl_expr_set_str(expression, attribute, text) < 0) {
+    ::nftnl_expr_free(expression);
+    throw std::bad_alloc();
+  }
+}
+
 nftnl_expr* makeLimit(std::uint32_t perSecond, std::uint32_t burst, std::uint32_t flags) {
   constexpr std::uint64_t kSecond = 1;
   nftnl_expr* const limit = makeExpression("limit");
@@ -74,7 +81,7 @@ nftnl_expr* makeUpdate(const char* set) {
   nftnl_expr* const expression = makeExpression("dynset");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_SREG_KEY, kRegister);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_DYNSET_OP, NFT_DYNSET_OP_UPDATE);
-  ::nftnl_expr_set_str(expression, NFTNL_EXPR_DYNSET_SET_NAME, set);
+  setText(expression, NFTNL_EXPR_DYNSET_SET_NAME, set);
   return expression;
 }
 
@@ -86,8 +93,8 @@ void NetfilterRuleRelease::operator()(nftnl_rule* rule) const {
 
 NetfilterRule::NetfilterRule(const char* table, const char* chain)
     : rule_(allocated(::nftnl_rule_alloc())) {
-  ::nftnl_rule_set_str(get(), NFTNL_RULE_TABLE, table);
-  ::nftnl_rule_set_str(get(), NFTNL_RULE_CHAIN, chain);
+  requireCopied(::nftnl_rule_set_str(get(), NFTNL_RULE_TABLE, table));
+  requireCopied(::nftnl_rule_set_str(get(), NFTNL_RULE_CHAIN, chain));
   ::nftnl_rule_set_u32(get(), NFTNL_RULE_FAMILY, NFPROTO_INET);
 }
 
@@ -226,7 +233,7 @@ NetfilterRule& NetfilterRule::destinationTranslated() {
 void NetfilterRule::lookUp(const char* set, std::uint32_t flags) {
   nftnl_expr* const expression = makeExpression("lookup");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_LOOKUP_SREG, kRegister);
-  ::nftnl_expr_set_str(expression, NFTNL_EXPR_LOOKUP_SET, set);
+  setText(expression, NFTNL_EXPR_LOOKUP_SET, set);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_LOOKUP_FLAGS, flags);
   ::nftnl_rule_add_expr(get(), expression);
 }
@@ -336,7 +343,7 @@ NetfilterRule& NetfilterRule::jump(const char* chain) {
   nftnl_expr* const expression = makeExpression("immediate");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(NFT_JUMP));
-  ::nftnl_expr_set_str(expression, NFTNL_EXPR_IMM_CHAIN, chain);
+  setText(expression, NFTNL_EXPR_IMM_CHAIN, chain);
   ::nftnl_rule_add_expr(get(), expression);
   return say("jump " + std::string(chain));
 }
@@ -363,7 +370,7 @@ NetfilterRule& NetfilterRule::queue(std::uint16_t number, QueueStatement stateme
   void* const memory = allocated(std::calloc(1, sizeof(TargetInfo)));
   new (memory) TargetInfo{number, 1, kBypass};
   nftnl_expr* const expression = makeExpression("target");
-  ::nftnl_expr_set_str(expression, NFTNL_EXPR_TG_NAME, "NFQUEUE");
+  setText(expression, NFTNL_EXPR_TG_NAME, "NFQUEUE");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_TG_REV, kRevision);
   ::nftnl_expr_set(expression, NFTNL_EXPR_TG_INFO, memory, sizeof(TargetInfo));
   ::nftnl_rule_add_expr(get(), expression);

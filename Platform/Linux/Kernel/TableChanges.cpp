@@ -27,7 +27,7 @@ using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
 
 TableChanges::TableChanges(const char* name) : table_(name) {
   const TableHandle table(allocated(::nftnl_table_alloc()), &::nftnl_table_free);
-  ::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, table_);
+  requireCopied(::nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, table_));
   ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_INET);
   ::nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, kTableOwnerFlag);
   script_ = std::string("add table inet ") + table_ + " { flags owner; }\n";
@@ -38,12 +38,12 @@ TableChanges::TableChanges(const char* name) : table_(name) {
 
 void TableChanges::addChain(const char* name, const Base* base) {
   const ChainHandle chain(allocated(::nftnl_chain_alloc()), &::nftnl_chain_free);
-  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, table_);
-  ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name);
+  requireCopied(::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, table_));
+  requireCopied(::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name));
   std::string definition;
   if (base != nullptr) {
     const bool isOutput = base->hook == Hook::output;
-    ::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, base->type);
+    requireCopied(::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, base->type));
     ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM,
                           isOutput ? NF_INET_LOCAL_OUT : NF_INET_LOCAL_IN);
     ::nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, base->priority);
@@ -64,8 +64,8 @@ void TableChanges::add(std::string change, const ExpiringSet& set) {
           (isDynamic ? ", dynamic; size " + std::to_string(set.maximumCount) : "") + "; timeout " +
           std::to_string(set.timeoutMilliseconds) + "ms; }");
   const SetHandle handle(allocated(::nftnl_set_alloc()), &::nftnl_set_free);
-  ::nftnl_set_set_str(handle.get(), NFTNL_SET_TABLE, table_);
-  ::nftnl_set_set_str(handle.get(), NFTNL_SET_NAME, set.name);
+  requireCopied(::nftnl_set_set_str(handle.get(), NFTNL_SET_TABLE, table_));
+  requireCopied(::nftnl_set_set_str(handle.get(), NFTNL_SET_NAME, set.name));
   ::nftnl_set_set_u32(handle.get(), NFTNL_SET_FAMILY, NFPROTO_INET);
   ::nftnl_set_set_u32(handle.get(), NFTNL_SET_ID, set.id);
   ::nftnl_set_set_u32(handle.get(), NFTNL_SET_KEY_TYPE, set.type);
