@@ -96,6 +96,7 @@ void HistoryChecker::consumeProvider(const HistoryEvent& event) {
       break;
     case HistoryKind::providerStopped:
       isRunning_ = false;
+      isBeingStopped_ = true;
       expectedStops_ += event.number;
       break;
     default:
@@ -336,7 +337,10 @@ void HistoryChecker::consumeConnection(const HistoryEvent& event, std::uint64_t 
       if (std::exchange(flow.observing, true)) {
         fail("a second observer is added", event.flow);
       }
-      if (event.number == kStateConnected) {
+      flow.beganToObserve = true;
+      break;
+    case HistoryKind::observerReady:
+      if (event.number == kStateConnected && !flow.readClosed) {
         beginHandshake(flow);
       }
       break;
@@ -390,6 +394,8 @@ void HistoryChecker::consumeConnection(const HistoryEvent& event, std::uint64_t 
 void HistoryChecker::makeConnection(Flow& flow) {
   flow.tunnel = true;
   flow.startedAt = now_;
+  // The stop that it preempts may forget it as well.
+  flow.mayVanish = flow.mayVanish || isBeingStopped_;
   ++tunnels_;
   if (!isIdentifier(flow.flowId) || flowsById_.contains(flow.flowId)) {
     fail("a flow identifier is malformed or used twice");
@@ -419,6 +425,10 @@ void HistoryChecker::notify(Flow& flow, const HistoryEvent& event) {
 
 // A request that is not UTF-8 cannot be sent; then the tunnel ends without an error.
 void HistoryChecker::beginHandshake(Flow& flow) {
+  if (flow.requestSent) {
+    // Notified once more before the observer was removed.
+    return;
+  }
   flow.isBeginning = true;
   if (isUTF8(flow.facts.host) && isUTF8(flow.facts.port)) {
     flow.mustBeginHandshake = true;
@@ -554,7 +564,7 @@ void HistoryChecker::cancel(Flow& flow, const HistoryEvent& event) {
   }
   if (flow.isBeginning) {
     flow.closedWhileBeginning = true;
-  } else if (flow.observing) {
+  } else if (flow.observing && !flow.beganToObserve) {
     fail("a closed tunnel still observes its connection", event.flow);
   }
   if (!isCurrent(flow)) {
@@ -645,10 +655,12 @@ void HistoryChecker::receiveForFlow(std::uint16_t bit, std::uint32_t number,
 
 void HistoryChecker::finishStep() {
   for (const std::uint32_t number : touched_) {
+    flows_[number - 1].beganToObserve = false;
     judgeTouched(number);
   }
   touched_.clear();
   wasPreempted_ = false;
+  isBeingStopped_ = false;
   ++step_;
 }
 

@@ -120,6 +120,9 @@ class HistoryChecker {
     bool tunnel = false;
     std::chrono::nanoseconds startedAt{0};
     bool observing = false;
+    // The observer was added in this step: a notification may have come before the system knows
+    // that there is something to be removed.
+    bool beganToObserve = false;
     bool mustBeginHandshake = false;
     // From the notification that the connection is established until the request is sent.
     bool isBeginning = false;
@@ -204,6 +207,8 @@ class HistoryChecker {
   std::uint32_t provider_ = 0;
   bool hasProvider_ = false;
   bool isRunning_ = false;
+  // In this step.
+  bool isBeingStopped_ = false;
   Gate gate_ = Gate::closed;
   std::uint64_t gateChanges_ = 0;
   std::uint64_t gateChangesAtOffer_ = 0;

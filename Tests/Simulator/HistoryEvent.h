@@ -50,6 +50,7 @@ enum class HistoryKind : std::uint8_t {
   // Its connection.
   connectionMade,
   observerAdded,
+  observerReady,  // number: the state, when the system knows that it observes
   observerRemoved,
   stateNotified,        // number: the state; error: the connection's
   connectionRead,       // number: the maximum

@@ -19,6 +19,12 @@ class ObservedConnection::Notification final : public KeyValueObserver,
 
   void observeValue(std::optional<std::string_view> keyPath,
                     platform::Observable* /*object*/) override {
+    // Only completions are kept apart: a change of state is reported by the thread that makes it.
+    if (connection_.strand_->isBusy() && connection_.world_.strikes(Fault::preemption, 2)) {
+      const ActorScope actor(connection_.world_, connection_.flow_);
+      notify(*keyPath);
+      return;
+    }
     connection_.strand_->run(connection_.flow_,
                              [weakSelf = weak_from_this(), keyPath = std::string(*keyPath)] {
                                if (const auto self = weakSelf.lock()) {
@@ -75,6 +81,11 @@ void ObservedConnection::addObserver(std::weak_ptr<KeyValueObserver> observer,
                  .number = static_cast<std::uint64_t>(connection_->state())});
   notification_ = std::make_shared<Notification>(*this, std::move(observer));
   connection_->addObserver(notification_, keyPath);
+  // The state may change before the system knows that it observes.
+  world_.preemptionPoint();
+  world_.record({.kind = HistoryKind::observerReady,
+                 .flow = flow_,
+                 .number = static_cast<std::uint64_t>(connection_->state())});
 }
 
 void ObservedConnection::removeObserver(KeyValueObserver& /*observer*/, std::string_view keyPath) {

@@ -32,6 +32,9 @@ class Strand : public std::enable_shared_from_this<Strand> {
     postNext();
   }
 
+  // Also while the item that runs on it is preempted.
+  bool isBusy() const { return isBusy_; }
+
   // At the end of a run.
   void dropWaiting() { waiting_.clear(); }
 
