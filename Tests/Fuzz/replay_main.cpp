@@ -1,9 +1,15 @@
 // Runs a fuzz target over every file of its corpus, and then for some seconds over files that it
 // makes of them, where the compiler has no fuzzer. Without coverage this finds less than a fuzzer.
 //
+// An input that breaks something is printed in hexadecimal, as xxd -r -p reads it.
+//
 // Usage: PROGRAM FOLDER SECONDS
 
+#include <unistd.h>
+
+#include <array>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -12,6 +18,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Platform/Simulation/Schedule/SeededRandom.h"
@@ -22,7 +29,23 @@ namespace {
 
 using ostravel::simulation::SeededRandom;
 
+// What is running, for the handler.
+std::string_view current;
+
+extern "C" void printCurrent(int signal) {
+  std::signal(signal, SIG_DFL);
+  constexpr char kDigits[] = "0123456789abcdef";
+  for (const char byte : current) {
+    const auto value = static_cast<unsigned char>(byte);
+    const std::array<char, 2> digits{kDigits[value >> 4U], kDigits[value & 15U]};
+    static_cast<void>(::write(STDERR_FILENO, digits.data(), digits.size()));
+  }
+  static_cast<void>(::write(STDERR_FILENO, "\n", 1));
+  ::raise(signal);
+}
+
 void run(const std::string& input) {
+  current = input;
   LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
 }
 
@@ -58,6 +81,9 @@ int main(int argc, char** argv) {
   if (argc != 3) {
     std::fprintf(stderr, "usage: %s FOLDER SECONDS\n", argv[0]);
     return 2;
+  }
+  for (const int signal : {SIGABRT, SIGSEGV}) {
+    std::signal(signal, printCurrent);
   }
   std::vector<std::string> corpus;
   for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
