@@ -54,8 +54,8 @@ DEFECTS = [
     (TUNNEL, "void OVTunnelConnection::handle(connect_response::NeedMoreData /*outcome*/) {\n"
      "  readConnectResponse();",
      "void OVTunnelConnection::handle(connect_response::NeedMoreData /*outcome*/) {"),
-    (TUNNEL, "  if (isEndOfStream(data)) {\n    close(std::nullopt);\n    return;\n  }\n  std::visit",
-     "  if (isEndOfStream(data)) {\n    return;\n  }\n  std::visit"),
+    (TUNNEL, "    noteEnd(platform::FlowEnd::noAnswer, \"\");\n    close(std::nullopt);\n",
+     "    noteEnd(platform::FlowEnd::noAnswer, \"\");\n"),
     (TUNNEL, "    case TCPConnectionState::disconnected:\n      close(connection->error());",
      "    case TCPConnectionState::disconnected:"),
     (TUNNEL, "      close(connection->error());", "      close(std::nullopt);"),
@@ -68,13 +68,24 @@ DEFECTS = [
      "void OVTunnelConnection::pipeLocalToRemote() {\n  if (false) {"),
     (TUNNEL, "void OVTunnelConnection::pipeRemoteToLocal() {\n  if (isClosed_) {",
      "void OVTunnelConnection::pipeRemoteToLocal() {\n  if (false) {"),
-    (TUNNEL, "        self->close(std::move(writeError));\n        return;\n      }\n"
-     "      self->pipeLocalToRemote();",
-     "        return;\n      }\n      self->pipeLocalToRemote();"),
+    (TUNNEL, "  log_->debug(logFormat, {error->localizedDescription});\n  close(std::move(error));\n",
+     "  log_->debug(logFormat, {error->localizedDescription});\n"),
     (TUNNEL, "      self->pipeLocalToRemote();\n", ""),
-    (TUNNEL, "            self->close(std::move(writeError));\n            return;\n          }\n"
-     "          self->pipeRemoteToLocal();",
-     "            return;\n          }\n          self->pipeRemoteToLocal();"),
+    (TUNNEL, "              self->pipeRemoteToLocal();\n", ""),
+    # Ends are not noticed: the direction just stops.
+    (TUNNEL, "  if (isEndOfStream(data)) {\n    close(std::nullopt);\n    return false;\n  }",
+     "  if (isEndOfStream(data)) {\n    return false;\n  }"),
+    # The tunnel keeps itself alive, or nothing keeps it alive.
+    (TUNNEL, "  connection_->read(1, kHandshakeReadMaximum,\n"
+     "                    [weakSelf = weak_from_this()](std::optional<Data> data, OptionalError error) {\n"
+     "                      if (const auto self = weakSelf.lock()) {",
+     "  connection_->read(1, kHandshakeReadMaximum,\n"
+     "                    [weakSelf = weak_from_this(), this](std::optional<Data> data, OptionalError error) {\n"
+     "                      if (const auto self = this) {"),
+    (TUNNEL, "        [weakSelf = weak_from_this()] {\n          if (const auto self = weakSelf.lock()) {\n"
+     "            self->handleHandshakeTimeout();",
+     "        [self = shared_from_this()] {\n          if (self) {\n"
+     "            self->handleHandshakeTimeout();"),
     # The watchdog
     (WATCHDOG, "  state_ = State::running;\n", ""),
     (WATCHDOG, "    disarm(*timer);\n  }\n}\n\nProxyTunnelHandshakeWatchdog::TimeoutHandler",
@@ -82,6 +93,8 @@ DEFECTS = [
     (WATCHDOG, "    timer->resume();\n", ""),
     (WATCHDOG, "  finish();\n  return onTimeout_;", "  return onTimeout_;"),
     (WATCHDOG, "delayFor(timeout_)", "delayFor(timeout_ / 2)"),
+    (WATCHDOG, "  if (state_ != State::idle) {", "  if (state_ == State::running) {"),
+    (WATCHDOG, "  if (state_ != State::running) {\n    return nullptr;\n  }\n", ""),
     # Admission
     (ADMISSION, "pendingHandshakeIDs_.size() >= maxPendingHandshakes",
      "pendingHandshakeIDs_.size() > maxPendingHandshakes"),
@@ -102,6 +115,10 @@ DEFECTS = [
      "  proxyHealthTimer_ = nullptr;", "  }"),
     (DISPATCH, "provider->proxySafetyGate_->setProxyUnavailable(true);",
      "provider->proxySafetyGate_->setProxyUnavailable(false);"),
+    # The probe goes on after the stop.
+    (HEALTH, "    proxyHealthTimer_->setEventHandler([] {});\n    proxyHealthTimer_->cancel();\n  }\n"
+     "  proxyHealthTimer_ = nullptr;", "  }\n  static const auto kept = proxyHealthTimer_;"),
+    (DISPATCH, "      provider->tunnelAdmissionController_.markEstablished(id);\n", ""),
     # The table of tunnels
     (DISPATCH, "      provider->activeTunnels_.erase(flowId);\n", ""),
     (DISPATCH, "  tunnelAdmissionController_.release(flowId);\n", ""),
@@ -116,3 +133,6 @@ DEFECTS = [
     # Monitoring
     (CLIENT, "    waitingBytes_ -= bytes;\n", ""),
 ]
+
+# One that every test run puts in, and that must be noticed.
+CANARY = (GATE, "  proxyUnavailable_ = unavailable;", "  proxyUnavailable_ = proxyUnavailable_ && unavailable;")
