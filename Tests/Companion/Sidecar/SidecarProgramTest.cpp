@@ -261,16 +261,28 @@ TEST(SidecarProgramTest, CarriesAThousandTunnelsBeyondItsSoftDescriptorLimit) {
   const TestListener listener;
   std::vector<TestSocket> clients;
   std::vector<TestSocket> origins;
-  for (int index = 0; index < 1000; ++index) {
-    clients.push_back(TestSocket::connectTcp(sidecar.port()));
-    clients.back().send(connectTo(listener));
-    origins.push_back(listener.accept());
-    ASSERT_EQ(clients.back().receive(kEstablished.size()), kEstablished);
-    ASSERT_NE(sidecar.readOutputLine(), "");
+  // Some at once, so that the two processes do not wait for one another a thousand times.
+  constexpr std::size_t kAtOnce = 50;
+  while (clients.size() < 1000) {
+    for (std::size_t count = 0; count < kAtOnce; ++count) {
+      clients.push_back(TestSocket::connectTcp(sidecar.port()));
+      clients.back().send(connectTo(listener));
+    }
+    for (std::size_t index = clients.size() - kAtOnce; index < clients.size(); ++index) {
+      origins.push_back(listener.accept());
+      ASSERT_EQ(clients[index].receive(kEstablished.size()), kEstablished);
+      ASSERT_NE(sidecar.readOutputLine(), "");
+    }
   }
+  // The origins may have been reached in another order.
   for (std::size_t index = 0; index < clients.size(); ++index) {
     clients[index].send(std::to_string(index) + "\n");
-    ASSERT_EQ(origins[index].receiveThrough("\n"), std::to_string(index) + "\n");
+  }
+  for (const TestSocket& origin : origins) {
+    origin.send(origin.receiveThrough("\n"));
+  }
+  for (std::size_t index = 0; index < clients.size(); ++index) {
+    ASSERT_EQ(clients[index].receiveThrough("\n"), std::to_string(index) + "\n");
   }
 }
 
