@@ -248,7 +248,7 @@ TEST_P(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSyst
   Helper proxy;
   proxy.makeSocket("proxy", kProxyPort);
   std::vector<std::unique_ptr<Helper>> crowd;
-  for (int i = 0; i < 8; ++i) {
+  for (int i = 0; i < 4; ++i) {
     crowd.push_back(std::make_unique<Helper>());
     ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
   }

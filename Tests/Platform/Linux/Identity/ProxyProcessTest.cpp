@@ -116,7 +116,7 @@ TEST_F(ProxyProcessTest, IsUnknownUntilTheSearchHasFoundIt) {
   helper.makeSocket("listen", kPort);
   // More descriptors of newer processes than can be scanned for one flow.
   std::vector<std::unique_ptr<Helper>> crowd;
-  for (int i = 0; i < 8; ++i) {
+  for (int i = 0; i < 4; ++i) {
     crowd.push_back(std::make_unique<Helper>());
     ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
   }
