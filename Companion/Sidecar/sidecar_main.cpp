@@ -17,6 +17,7 @@
 #include "Companion/Shared/TimeText.h"
 #include "Companion/Sidecar/ConnectProxy.h"
 #include "Companion/Sidecar/NameLookup.h"
+#include "Platform/Interface/SystemLimits.h"
 
 namespace {
 
@@ -37,7 +38,8 @@ std::string droppedLine(std::size_t count, TimeStyle time) {
 
 int main(int argc, char** argv) {
   CLI::App app("A local HTTP proxy that carries CONNECT tunnels.", "ostravel-sidecar");
-  std::string listenText = "127.0.0.1:8080";
+  std::string listenText = toString(HostPort{std::string(ostravel::platform::limits::kProxyHost),
+                                             ostravel::platform::limits::kProxyPort});
   bool verbose = false;
   std::string timeName = "time";
   app.add_option("--listen", listenText, "Listen here; port 0 lets the system choose")

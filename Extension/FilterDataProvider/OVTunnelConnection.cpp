@@ -20,8 +20,6 @@ namespace {
 
 constexpr std::string_view kStateKeyPath = "state";
 
-// Limit on an answer without an end; far larger than any proxy's answer.
-constexpr std::int64_t kMaxHeaderBytes = 16384;
 // Any normal answer to CONNECT fits into one read.
 constexpr std::size_t kHandshakeReadMaximum = 4096;
 
@@ -56,7 +54,8 @@ OVTunnelConnection::OVTunnelConnection(
       onHandshakeEstablished_(std::move(onHandshakeEstablished)),
       onProxyUnavailable_(std::move(onProxyUnavailable)),
       onClose_(std::move(onClose)),
-      connectResponseParser_(std::in_place, kMaxHeaderBytes, platform.text()),
+      connectResponseParser_(std::in_place, std::int64_t{platform::limits::kMaxProxyAnswer},
+                             platform.text()),
       handshakeStartedAt_(platform.clock().secondsSince1970()) {}
 
 void OVTunnelConnection::start() {

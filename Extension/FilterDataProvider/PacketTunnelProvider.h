@@ -143,7 +143,8 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   const DomainList udpQuicPolicyDomains_;
   const std::string proxyHost_{platform::limits::kProxyHost};
   const std::uint16_t proxyPort_ = platform::limits::kProxyPort;
-  const double connectHandshakeTimeoutSeconds_ = 5.0;
+  const double connectHandshakeTimeoutSeconds_ =
+      std::chrono::duration<double>(platform::limits::kHandshakeTimeout).count();
   // Changed only by barrier items of its queue. The keys are the identifiers in the tunnels.
   std::unordered_map<std::string_view, std::shared_ptr<OVTunnelConnection>> activeTunnels_;
   const std::shared_ptr<platform::DispatchQueue> activeTunnelsQueue_;

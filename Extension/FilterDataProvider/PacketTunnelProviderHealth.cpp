@@ -13,8 +13,8 @@ using namespace std::chrono_literals;
 
 constexpr auto kProbeInterval = 1s;
 constexpr auto kProbeLeeway = 150ms;
-// Short enough that a tick ends before the next one is due.
-constexpr std::chrono::duration<double> kProbeTimeout = 350ms;
+// A tick ends before the next one is due.
+static_assert(platform::limits::kProbeTimeout + kProbeLeeway < kProbeInterval);
 
 }  // namespace
 
@@ -87,7 +87,8 @@ ProxyHealthMonitor& PacketTunnelProvider::proxyHealthMonitor() {
 
 ProxyTCPReachabilityProbe& PacketTunnelProvider::proxyReachabilityProbe() {
   if (!proxyReachabilityProbe_) {
-    proxyReachabilityProbe_.emplace(platform_.sockets(), proxyHost_, proxyPort_, kProbeTimeout);
+    proxyReachabilityProbe_.emplace(platform_.sockets(), proxyHost_, proxyPort_,
+                                    platform::limits::kProbeTimeout);
   }
   return *proxyReachabilityProbe_;
 }

@@ -29,6 +29,7 @@
 #include "Extension/main/Privileges.h"
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
+#include "Platform/Linux/Identity/ProxyTrial.h"
 #include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/Kernel/PacketLog.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
@@ -56,9 +57,9 @@ constexpr std::uint16_t kFirstExamplePort = 50000;
 
 // Longer than the trial of a listener takes.
 constexpr auto kProxyPatience = 4s;
+static_assert(kProxyPatience > linuxplatform::ProxyTrial::kAnswerDeadline +
+                                   linuxplatform::ProxyTrial::kArrivalDeadline);
 constexpr auto kProxyPause = 50ms;
-// The same as the provider's probe has.
-constexpr std::chrono::duration<double> kProbeTimeout = 350ms;
 
 // One or two browsers use up fewer.
 constexpr rlim_t kFewDescriptors = 4096;
@@ -333,7 +334,7 @@ class SystemCheck {
                                 std::to_string(platform::limits::kProxyPort);
     LinuxSocketCalls sockets(options_.marks);
     ProxyTCPReachabilityProbe probe(sockets, std::string(platform::limits::kProxyHost),
-                                    platform::limits::kProxyPort, kProbeTimeout);
+                                    platform::limits::kProxyPort, platform::limits::kProbeTimeout);
     if (probe.check() == ProxyHealthProbeResult::unreachable) {
       add(Level::warning, "local proxy",
           "nothing answers on " + address +

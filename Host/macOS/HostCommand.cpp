@@ -6,6 +6,7 @@
 
 #include "Base/PrintableText.h"
 #include "Base/UTF8.h"
+#include "Extension/ProxyTunnelCore/SocketAddress.h"
 
 namespace ostravel::host {
 
@@ -13,8 +14,8 @@ namespace {
 
 using ParsedCommand = std::variant<HostCommand, HelpRequest, CommandLineError>;
 
-// sun_path of a socket address has 104 bytes on macOS, of which the last one is the terminator.
-constexpr std::size_t kLongestSocketPath = 103;
+// Without the terminator.
+constexpr std::size_t kLongestSocketPath = kLocalSocketPathCapacity - 1;
 
 constexpr std::string_view kMonitoringSocketOption = "--monitoring-socket";
 

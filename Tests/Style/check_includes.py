@@ -125,6 +125,8 @@ ALLOWED_HEADERS = {
     CORE: {"Base/CalendarText.h", "Base/JSONHandle.h", "Base/UTF8.h"},
     PROVIDER: {"Base/UTF8.h"},
     HOST: {"Base/PrintableText.h", "Base/UTF8.h"},
+    # It listens where the extension expects a proxy.
+    "Companion/Sidecar": {"Platform/Interface/SystemLimits.h"},
     SHARED: {"Base/UTF8.h"},
     MAC_FOUNDATION: {"Base/UTF8.h"},
 }

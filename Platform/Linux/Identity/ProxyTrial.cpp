@@ -11,6 +11,7 @@
 #include <cstring>
 #include <utility>
 
+#include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Identity/ProxyAnswer.h"
 #include "Platform/Linux/Processes/SocketHolderSearch.h"
 
@@ -18,8 +19,8 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-// The header of the response to CONNECT; the core does not accept a longer one either.
-constexpr std::size_t kMaximumAnswer = 16384;
+using platform::limits::kMaxProxyAnswer;
+
 // Limit on the part of a response that appears in the log.
 constexpr std::size_t kMaximumShownAnswer = 100;
 // Too many to be guessed.
@@ -108,7 +109,7 @@ bool hasWholeHeader(std::string_view answer) {
 // differently.
 bool isUnfinished(std::string_view answer) {
   constexpr std::string_view kProtocol = "HTTP/1.";
-  return !hasFirstLine(answer) && answer.size() < kMaximumAnswer &&
+  return !hasFirstLine(answer) && answer.size() < kMaxProxyAnswer &&
          answer.substr(0, kProtocol.size()) == kProtocol.substr(0, answer.size());
 }
 
@@ -199,7 +200,7 @@ FileDescriptor ProxyTrial::connectToListener() {
 std::string ProxyTrial::receiveAnswer(int connection) {
   std::string answer;
   std::array<char, 4096> part;
-  while (answer.size() < kMaximumAnswer && waitFor(connection, POLLIN)) {
+  while (answer.size() < kMaxProxyAnswer && waitFor(connection, POLLIN)) {
     const auto received = ::recv(connection, part.data(), part.size(), 0);
     if (received <= 0) {
       break;

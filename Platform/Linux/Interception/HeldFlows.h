@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 
+#include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Platform/Linux/Services/UserShare.h"
@@ -22,7 +23,8 @@ class HeldFlows {
   using TimePoint = std::chrono::steady_clock::time_point;
 
   // One second longer than a handshake may take: a verdict that is later than that never comes.
-  static constexpr std::chrono::seconds kLongestHold{6};
+  static constexpr auto kLongestHold =
+      platform::limits::kHandshakeTimeout + std::chrono::seconds(1);
 
   // queue: holds the packets; outlives this object.
   explicit HeldFlows(PacketQueue& queue) : queue_(queue) {}

@@ -51,6 +51,7 @@ inline constexpr std::size_t kSmallChunk = 16 * 1024;
 // after which TCP retransmits a SYN (RFC 6298), so that a lost connection goes direct with the
 // first retransmission.
 inline constexpr auto kAcceptTimeout = 500ms;
+static_assert(kAcceptTimeout < 1s);
 // Limit on the connections accepted before the loop's other work gets its turn.
 inline constexpr int kAcceptsPerEvent = 64;
 // Backlog of connections to accept; the kernel caps it (net.core.somaxconn).
