@@ -59,10 +59,10 @@ DEFECTS = [
     (TUNNEL, "    case TCPConnectionState::disconnected:\n      close(connection->error());",
      "    case TCPConnectionState::disconnected:"),
     (TUNNEL, "      close(connection->error());", "      close(std::nullopt);"),
-    (TUNNEL, "Metrics{{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::move(error));",
-     "Metrics{{\"timeout_seconds\", handshakeTimeout_}});"),
-    (TUNNEL, "Metrics{{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::move(error));",
-     "Metrics{{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::nullopt);"),
+    (TUNNEL, "       {{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::move(error));",
+     "       {{\"timeout_seconds\", handshakeTimeout_}});"),
+    (TUNNEL, "       {{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::move(error));",
+     "       {{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::nullopt);"),
     # The relay
     (TUNNEL, "void OVTunnelConnection::pipeLocalToRemote() {\n  if (isClosed_) {",
      "void OVTunnelConnection::pipeLocalToRemote() {\n  if (false) {"),
@@ -88,18 +88,19 @@ DEFECTS = [
      "            self->handleHandshakeTimeout();"),
     # The watchdog
     (WATCHDOG, "  state_ = State::running;\n", ""),
-    (WATCHDOG, "    disarm(*timer);\n  }\n}\n\nProxyTunnelHandshakeWatchdog::TimeoutHandler",
-     "    timer->resume();\n  }\n}\n\nProxyTunnelHandshakeWatchdog::TimeoutHandler"),
+    (WATCHDOG, "    disarm(*timer);\n  }\n  queue_ = nullptr;", "    timer->resume();\n  }\n  queue_ = nullptr;"),
     (WATCHDOG, "    timer->resume();\n", ""),
-    (WATCHDOG, "  finish();\n  return onTimeout_;", "  return onTimeout_;"),
+    (WATCHDOG, "  TimeoutHandler callback = std::move(onTimeout_);\n  finish();\n  return callback;",
+     "  return onTimeout_;"),
     (WATCHDOG, "delayFor(timeout_)", "delayFor(timeout_ / 2)"),
     (WATCHDOG, "  if (state_ != State::idle) {", "  if (state_ == State::running) {"),
     (WATCHDOG, "  if (state_ != State::running) {\n    return nullptr;\n  }\n", ""),
     # Admission
     (ADMISSION, "pendingHandshakeIDs_.size() >= maxPendingHandshakes",
      "pendingHandshakeIDs_.size() > maxPendingHandshakes"),
-    (ADMISSION, "  pendingHandshakeIDs_.erase(flowId);\n  establishedTunnelIDs_.insert(flowId);",
-     "  establishedTunnelIDs_.insert(flowId);"),
+    (ADMISSION, "  if (auto pending = pendingHandshakeIDs_.extract(flowId)) {",
+     "  if (pendingHandshakeIDs_.contains(flowId)) {\n    establishedTunnelIDs_.insert(flowId);\n"
+     "  } else if (auto pending = pendingHandshakeIDs_.extract(flowId)) {"),
     (ADMISSION, "  pendingHandshakeIDs_.erase(flowId);\n  establishedTunnelIDs_.erase(flowId);",
      "  establishedTunnelIDs_.erase(flowId);"),
     (ADMISSION, "  pendingHandshakeIDs_.erase(flowId);\n  establishedTunnelIDs_.erase(flowId);",
@@ -123,10 +124,15 @@ DEFECTS = [
     (DISPATCH, "      provider->activeTunnels_.erase(flowId);\n", ""),
     (DISPATCH, "  tunnelAdmissionController_.release(flowId);\n", ""),
     (DISPATCH, "  activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {\n"
-     "    provider->activeTunnels_.insert_or_assign(tunnel->flowId(), tunnel);\n  });\n"
+     "    provider->activeTunnels_.erase(tunnel->flowId());\n"
+     "    provider->activeTunnels_.emplace(tunnel->flowId(), tunnel);\n"
+     "  });\n"
      "  tunnel->start();",
-     "  tunnel->start();\n  activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {\n"
-     "    provider->activeTunnels_.insert_or_assign(tunnel->flowId(), tunnel);\n  });"),
+     "  tunnel->start();\n"
+     "  activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {\n"
+     "    provider->activeTunnels_.erase(tunnel->flowId());\n"
+     "    provider->activeTunnels_.emplace(tunnel->flowId(), tunnel);\n"
+     "  });"),
     (DISPATCH, "  flow.closeRead(error);\n  flow.closeWrite(error);\n}\n\nvoid PacketTunnelProvider::tunnel",
      "  flow.closeRead(error);\n}\n\nvoid PacketTunnelProvider::tunnel"),
     (DECISION, "now + kBypassCacheLifetimeSeconds, now", "now + 2 * kBypassCacheLifetimeSeconds, now"),
