@@ -13,10 +13,12 @@ import pytest
 
 from Laboratory.lines import GENEROUS_SECONDS
 from Laboratory.network import THERE4, key_of, run
+from browser import Browser
 from events import EventStream
 from laboratory import CURL, eventually
 from nats_accounts import ACCOUNT, Accounts, Key
 from origins import tell_peer
+from test_web import PAGE, ROWS, SHOWN
 
 HOST = os.uname().nodename.replace(" ", "_").replace(".", "_")
 
@@ -74,11 +76,13 @@ class Fleet:
         )  # fmt: skip
 
     def send(self, number, size=0):
-        body = json.dumps(EVENT | {"message_id": str(uuid.uuid4()).upper(),
-                                   "context": {"number": str(number), "filling": "x" * size}}).encode()
+        self.send_event({"context": {"number": str(number), "filling": "x" * size}})
+
+    def send_event(self, members, path=None):
+        body = json.dumps(EVENT | {"message_id": str(uuid.uuid4()).upper()} | members).encode()
         with socket.socket(socket.AF_UNIX) as sender:
             sender.settimeout(GENEROUS_SECONDS)
-            sender.connect(self.laboratory.socket_path)
+            sender.connect(path or self.laboratory.socket_path)
             sender.sendall(struct.pack(">I", len(body)) + body)
             sender.shutdown(socket.SHUT_WR)
             # The monitor has it when it has closed its end.
@@ -125,6 +129,50 @@ def test_flows_are_seen_elsewhere(laboratory, fleet):
     assert event["host"] == os.uname().nodename.replace(" ", "_")
     with open("/proc/sys/kernel/random/boot_id", encoding="ascii") as file:
         assert event["boot_id"] == file.read().strip()
+
+
+def test_two_machines_are_seen_in_the_terminal_and_on_a_page(laboratory, fleet):
+    fleet.start_server()
+    sockets = {}
+    for host in ("host-1", "host-2"):
+        sockets[host] = laboratory.path(f"{host}.sock")
+        publisher = laboratory.start(
+            # A machine of that name.
+            ["unshare", "--uts", "sh", "-c", f'hostname {host} && exec "$@"', "sh",
+             laboratory.program_path("ostravel-monitor"), "--socket", sockets[host],
+             "--publish", fleet.url(), "--spool", laboratory.path(f"spool-{host}")],
+            name=host,
+        )  # fmt: skip
+        publisher.expect(publisher.errors, "listening on")
+    page = f"127.0.0.1:{PAGE[1]}"
+    watching = laboratory.start(
+        [laboratory.program_path("ostravel-monitor"), "--subscribe", fleet.url(),
+         "--from-beginning", "--web", page],
+        name="watching",
+    )  # fmt: skip
+    address = watching.errors.wait(lambda line: "the live page is" in line).split()[-1]
+    now = time.time()
+    flow = {"flow_id": "F", "timestamp": now, "level": "info",
+            "current_signal": "connect_handshake_started",
+            "context": {"app_id": CURL, "remote": "example.org:443"}}  # fmt: skip
+    fleet.send_event(flow, sockets["host-1"])
+    fleet.send_event({"timestamp": now, "context": {"proxy": "127.0.0.1:8080"}}, sockets["host-2"])
+    assert watching.output.wait(
+        lambda line: re.match(r"host-1 .* connecting .* example\.org:443$", line)
+    )
+    assert watching.output.wait(lambda line: re.match(r"host-2 .* proxy unreachable ", line))
+    with Browser(laboratory.here) as browser:
+        browser.open(address)
+        browser.wait("document.getElementById('sentence').textContent.startsWith('2 machines, 1 ')")
+        browser.wait(f"{ROWS}.length === 1")
+        assert browser.run(ROWS)[0][1:4] == ["host-1", "curl", "example.org:443"]
+        outages = browser.run("document.getElementById('outages').innerText")
+        assert "Proxy is unreachable on host-2" in outages
+        # A machine is searched for like a host.
+        browser.press("/")
+        browser.type("host-2")
+        browser.wait(f"{SHOWN} === '0 of 1 flow'")
+        assert browser.complaints == []
 
 
 def test_a_killed_monitor_sends_what_it_kept(fleet):
