@@ -30,6 +30,7 @@
 #include "Companion/Monitor/FleetEvent.h"
 #include "Companion/Monitor/Web/WebView.h"
 #include "Companion/Shared/CommandLine.h"
+#include "Companion/Shared/InheritedListener.h"
 #include "Companion/Shared/QueuedOutput.h"
 #include "Companion/Shared/ServiceNotifier.h"
 
@@ -207,7 +208,8 @@ int main(int argc, char** argv) {
   // Declared here, so that the process ends without waiting for its threads.
   std::optional<WebView> view;
   try {
-    if (web->count() > 0) {
+    page.listener = inheritedListener();
+    if (web->count() > 0 || page.listener) {
       page.listen = listen.empty() ? page.listen : listen;
       // A fleet has many extensions.
       page.controlPath = isOfFleet ? "" : page.controlPath;

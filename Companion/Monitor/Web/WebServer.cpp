@@ -108,6 +108,12 @@ std::string textOf(const LiveState::Cursor& cursor) {
          std::to_string(cursor.decisions);
 }
 
+// The library has no function for this, but leaves its socket to classes that are derived.
+class AdoptingServer final : public httplib::Server {
+ public:
+  void adopt(int listener) { svr_sock_ = listener; }
+};
+
 bool needsToken(std::string_view path) {
   return path == "/" || path == "/metrics" || path.starts_with("/api/");
 }
@@ -242,6 +248,11 @@ class WebServer::Server {
   }
 
   void bind() {
+    if (options_.listener) {
+      http_.adopt(*options_.listener);
+      port_ = options_.listen.port;
+      return;
+    }
     const std::string where = toString(options_.listen);
     errno = 0;
     const int port =
@@ -260,7 +271,7 @@ class WebServer::Server {
   const LiveState& state_;
   const Options options_;
   const RequestGuard guard_;
-  httplib::Server http_;
+  AdoptingServer http_;
   std::uint16_t port_ = 0;
   std::atomic<std::size_t> pages_ = 0;
   std::atomic<bool> isEnding_ = false;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Companion/Monitor/Web/LiveState.h"
@@ -27,6 +28,8 @@ class WebServer {
   struct Options {
     // An address literal. Port 0 lets the system choose.
     HostPort listen;
+    // A socket that listens there already, and now belongs to the server; or none.
+    std::optional<int> listener = std::nullopt;
     std::string token;
     bool hasApplicationMetrics = false;
   };

@@ -9,6 +9,7 @@
 #include "Companion/Monitor/Web/LiveState.h"
 #include "Companion/Monitor/Web/WebServer.h"
 #include "Companion/Shared/ControlClient.h"
+#include "Companion/Shared/InheritedListener.h"
 
 namespace ostravel::companion {
 
@@ -20,7 +21,10 @@ class WebView {
 
   struct Options {
     std::string listen = kDefaultListen;
-    // A file whose first line is the token; empty for a random token.
+    // Used instead of `listen` if present.
+    std::optional<InheritedListener> listener = std::nullopt;
+    // A file whose first line is the token. Empty: web-token in $STATE_DIRECTORY, which is made at
+    // the first start; without that variable, a random token.
     std::string tokenFile;
     // Empty if the extension is not queried.
     std::string controlPath = std::string(ControlClient::kDefaultPath);

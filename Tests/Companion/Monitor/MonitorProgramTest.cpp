@@ -1,7 +1,9 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -321,6 +323,46 @@ TEST_F(MonitorProgramTest, ServesALivePage) {
   EXPECT_NE(page.receiveToEnd().find("\nostravel_flows_total 1\n"), std::string::npos);
   monitor.sendSignal(SIGTERM);
   EXPECT_EQ(monitor.waitForExit(), 0);
+}
+
+TEST_F(MonitorProgramTest, ServesItsPageOnASocketThatItIsGiven) {
+  // Not closed when the shell is started, which closes its own copy of it.
+  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 8), 0);
+  std::vector<std::string> manager{
+      "/bin/bash", "-c",
+      "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$@\" 3<&" + std::to_string(listener) + "-", "bash"};
+  for (const std::string& argument : command()) {
+    manager.push_back(argument);
+  }
+  ChildProcess::Options service = options();
+  service.environment.push_back("STATE_DIRECTORY=" + folder_.path("."));
+  std::string url;
+  for (int start = 0; start < 2; ++start) {
+    ChildProcess monitor(manager, service);
+    waitUntilReady(monitor);
+    const std::string line = monitor.readErrorLine();
+    const std::string begin = "ostravel-monitor: the live page is http://127.0.0.1:";
+    ASSERT_TRUE(line.starts_with(begin)) << line;
+    // The address stays, with its token.
+    EXPECT_TRUE(url.empty() || url == line) << line;
+    url = line;
+    const TestSocket page =
+        TestSocket::connectTcp(static_cast<std::uint16_t>(std::stoi(line.substr(begin.size()))));
+    page.send("GET /metrics" + line.substr(line.find("?token=")) +
+              " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+    EXPECT_TRUE(page.receiveToEnd().starts_with("HTTP/1.1 200 "));
+    monitor.sendSignal(SIGTERM);
+    EXPECT_EQ(monitor.waitForExit(), 0);
+  }
+  ::close(listener);
+  struct stat status {};
+  ASSERT_EQ(::stat(folder_.path("web-token").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
 TEST_F(MonitorProgramTest, RefusesAPageThatCannotBe) {

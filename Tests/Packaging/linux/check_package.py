@@ -70,6 +70,15 @@ def check_units(folder):
         expect(f"u {name} " in users, f"{unit.name}: its user is not made")
 
 
+def check_page_socket(folder):
+    """The service has no network; what is reached from outside is this socket alone."""
+    text = (folder / "ostravel-page.socket").read_text()
+    expect(re.findall(r"^ListenStream=(.*)$", text, re.MULTILINE) == ["127.0.0.1:8090"],
+           "ostravel-page.socket: listens elsewhere than on 127.0.0.1:8090")
+    service = re.search(r"^Service=(.*)$", text, re.MULTILINE).group(1)
+    expect("PrivateNetwork=yes" in (folder / service).read_text(), f"{service}: has a network")
+
+
 def check_options(program, root):
     """Every option is in the manual page and in each completion, and nothing else is."""
     name = program.name
@@ -109,6 +118,7 @@ def main():
     parser.add_argument("programs", type=pathlib.Path, nargs="+")
     arguments = parser.parse_args()
     check_units(arguments.root / "Packaging/debian")
+    check_page_socket(arguments.root / "Packaging/debian")
     for program in arguments.programs:
         check_options(program, arguments.root)
     check_versions(arguments.root)

@@ -314,6 +314,21 @@ def check(machine, package, older):
         r"connected [\d.]+ ms +/usr/bin/curl", machine.journal("ostravel-monitor")))
     say("events arrive at ostravel-monitor, with the application's name")
 
+    machine.run("systemctl", "enable", "ostravel-page.socket")
+    addresses = set()
+    for _ in range(2):
+        machine.run("systemctl", "restart", "ostravel-monitor")
+        address = eventually("the address of the page", lambda: re.findall(
+            r"live page is (http://127\.0\.0\.1:8090/\?token=\w+)$",
+            machine.journal("ostravel-monitor"), re.MULTILINE))[-1]
+        addresses.add(address)
+        metrics = address.replace("/?", "/metrics?")
+        eventually("the extension's answer", lambda metrics=metrics:
+                   "\nostravel_extension_up 1\n" in machine.run("curl", "-sS", metrics))
+    assert len(addresses) == 1, addresses
+    assert machine.show("ostravel-monitor", "PrivateNetwork") == "yes"
+    say("the page is switched on, and keeps its address; the monitor has no network")
+
     main = machine.show("ostravel", "MainPID")
     machine.run("systemctl", "kill", "--signal=KILL", "--kill-whom=main", "ostravel")
     assert machine.fetch() in ("direct", "proxied")
