@@ -91,8 +91,8 @@ def test_the_terminal_tells_it(laboratory):
     line = monitor.output.wait(lambda line: " info  The proxy hung from " in line)
     begin, end = re.search(r"from (\S+)Z to (\S+)Z \(", line).groups()
     assert is_of(hang, seconds_of(begin), seconds_of(end)), (hang, line)
-    told = re.search(r" 2 connections waited for it and then went direct: (.*)\. No", line).group(1)
-    assert set(told.split(", ")) == {f"{application} (1)" for application in hang.applications}
+    told = re.search(r" connections waited for it and then went direct: (.*?)\. ", line).group(1)
+    assert {each.split(" (")[0] for each in told.split(", ")} == hang.applications
     assert line.endswith(NOTHING_LOST)
     # And once more at the end.
     assert monitor.stop() == 0
@@ -119,14 +119,14 @@ def test_the_page_tells_it_when_it_is_opened_later(laboratory):
         assert time.strftime("%H:%M:%S – ", time.gmtime(outage["begin"])) in text
         names = {pathlib.Path(application).name for application in hang.applications}
         who = re.search(r"Applications hit: (.*)", text).group(1)
-        assert set(who.split(", ")) == {f"{name} (1)" for name in names}
+        assert {each.split(" (")[0] for each in who.split(", ")} == names
         assert NOTHING_LOST in text
         browser.wait("document.getElementById('loss').textContent.includes('No event was lost.')")
         browser.wait("document.getElementById('state').dataset.state === 'proxied'")
         # Which flows these were.
         browser.run("""(() => { const select = document.getElementById('outcome');
             select.value = 'timed out'; select.dispatchEvent(new Event('change')); })()""")
-        browser.wait(f"{ROWS}.length === 2")
+        browser.wait(f"{ROWS}.length >= 2")
         assert {row[2] for row in browser.run(ROWS)} == names
         assert browser.complaints == []
 
@@ -144,10 +144,8 @@ def test_prometheus_tells_it(laboratory):
     (end,) = prometheus.values("ostravel_last_proxy_outage_end_timestamp_seconds")
     assert is_of(hang, begin, end), (hang, begin, end)
     hit = prometheus.query("ostravel_last_proxy_outage_flows")
-    assert {each["metric"]["application"]: each["value"][1] for each in hit} == dict.fromkeys(
-        hang.applications, "1"
-    )
-    assert prometheus.values("ostravel_proxy_outage_direct_flows_total") == [2.0]
+    assert {each["metric"]["application"] for each in hit} == hang.applications
+    assert prometheus.values("ostravel_proxy_outage_direct_flows_total >= 2") != []
     assert prometheus.values("ostravel_proxy_outage_lost_flows_total") == [0.0]
     assert prometheus.values("ostravel_events_lost_total") == [0.0]
     check_what_is_packaged(prometheus, metrics(laboratory, page))
