@@ -19,6 +19,7 @@ FOREIGN_PROGRAMS = {
     "curl": "curl",
     "ip": "iproute2",
     "iptables-legacy-restore": "iptables",
+    "jq": "jq",
     "mount": "mount",
     "nats-server": "nats-server",
     "nft": "nftables",

@@ -26,6 +26,7 @@ from events import (
 )
 from laboratory import CURL, PEER_PORT, PYTHON, eventually, log_lines, remote
 from origins import tell_peer
+from test_web import flow_that_ended, send_events
 
 SEND_FAILED = "OstravelProxy monitoring send failed: "
 LOST = "OstravelProxy monitoring events lost: "
@@ -112,6 +113,21 @@ def test_the_log_of_a_run_is_exactly_this(laboratory):
 
 def failures_in(extension):
     return [text for _, text in log_lines(extension) if SEND_FAILED in text]
+
+
+def test_events_can_be_piped_into_jq(laboratory):
+    jq = laboratory.start(
+        ["sh", "-c", '"$0" --json --summary --socket "$1" | jq --unbuffered -r "$2"',
+         laboratory.program_path("ostravel-monitor"), laboratory.socket_path,
+         'select(.context.remote) | .context.app_id + " to " + .context.remote'],
+        name="jq",
+    )  # fmt: skip
+    jq.expect(jq.errors, "listening on")
+    # A name with everything that a terminal or a shell could take for something else.
+    application = "/opt/a \"name\"\t\x1b[31m/größe"
+    send_events(laboratory.socket_path, flow_that_ended(application, "example.org:443", 0))
+    assert jq.output.wait(lambda line: line.endswith(" to example.org:443"))
+    assert jq.output.since() == [f"{application} to example.org:443"]
 
 
 def test_without_a_monitor_each_event_costs_one_line_of_its_own(laboratory):
