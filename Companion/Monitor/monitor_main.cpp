@@ -118,9 +118,7 @@ FleetSubscriber::Options watchedFleet(const FleetOptions& options,
       .report = report};
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app("Shows the events of the extension as they happen.", "ostravel-monitor");
   std::string path;
   std::string group;
@@ -307,4 +305,10 @@ int main(int argc, char** argv) {
   complaints.flush();
   // Returning would wait for stalled readers.
   std::_Exit(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return runProgram("ostravel-monitor", run, argc, argv);
 }

@@ -5,11 +5,24 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <chrono>
+#include <exception>
+#include <string>
 
 #include "Base/LineOutput.h"
 #include "Base/PrintableText.h"
 
 namespace ostravel::companion {
+
+namespace {
+
+int fail(const std::string& name, std::string_view problem) {
+  // Made printable, because the problem quotes the arguments.
+  const std::string line = name + ": " + printableText(problem) + '\n';
+  static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, std::chrono::seconds(1)));
+  return kExitUsage;
+}
+
+}  // namespace
 
 std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* argv) {
   app.set_version_flag("--version", app.get_name() + " " OSTRAVEL_VERSION);
@@ -33,11 +46,16 @@ int failTimeStyle(const CLI::App& app, std::string_view name) {
   return failUsage(app, "--time: not time, local or utc: " + std::string(name));
 }
 
+int runProgram(const char* name, int (*run)(int, char**), int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& failure) {
+    return fail(name, failure.what());
+  }
+}
+
 int failUsage(const CLI::App& app, std::string_view problem) {
-  // Made printable, because the problem quotes the arguments.
-  const std::string line = app.get_name() + ": " + printableText(problem) + '\n';
-  static_cast<void>(LineOutput(STDERR_FILENO).writeAll(line, std::chrono::seconds(1)));
-  return kExitUsage;
+  return fail(app.get_name(), problem);
 }
 
 }  // namespace ostravel::companion

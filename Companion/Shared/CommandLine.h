@@ -20,6 +20,10 @@ std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* a
 void addTimeOption(CLI::App& app, std::string& name);
 int failTimeStyle(const CLI::App& app, std::string_view name);
 
+// Runs a program and returns its exit status. What it throws is printed as one line on standard
+// error, and the status is kExitUsage.
+int runProgram(const char* name, int (*run)(int, char**), int argc, char** argv);
+
 // Prints "<program>: <problem>" as one line on standard error; returns kExitUsage.
 int failUsage(const CLI::App& app, std::string_view problem);
 

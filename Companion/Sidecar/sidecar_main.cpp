@@ -34,9 +34,7 @@ std::string droppedLine(std::size_t count, TimeStyle time) {
          " log lines dropped: " + std::to_string(count);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   CLI::App app("A local HTTP proxy that carries CONNECT tunnels.", "ostravel-sidecar");
   std::string listenText = toString(HostPort{std::string(ostravel::platform::limits::kProxyHost),
                                              ostravel::platform::limits::kProxyPort});
@@ -93,4 +91,10 @@ int main(int argc, char** argv) {
   output.flush();
   // Returning would wait for the log's thread, which a stalled reader may block.
   std::_Exit(EXIT_SUCCESS);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return runProgram("ostravel-sidecar", run, argc, argv);
 }
