@@ -166,9 +166,11 @@ class SystemCheck {
   void checkDescriptors() {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
-    const rlim_t tunnels =
-        limit.rlim_max / 2 -
-        std::min<rlim_t>(limit.rlim_max / 2, linuxplatform::limits::kDescriptorReserve / 2);
+    if (const auto obstacle = descriptorObstacle()) {
+      add(Level::problem, "open files", *obstacle);
+      return;
+    }
+    const rlim_t tunnels = (limit.rlim_max - linuxplatform::limits::kDescriptorReserve) / 2;
     add(limit.rlim_max < kFewDescriptors ? Level::warning : Level::ok, "open files",
         "the hard limit of " + std::to_string(limit.rlim_max) + " is enough for about " +
             std::to_string(tunnels) + " connections at a time, further ones go direct" +
@@ -268,10 +270,14 @@ class SystemCheck {
       return;
     }
     const auto log = PacketLog::open();
-    if (!log) {
+    const auto error = log ? DNSCopies::examine((*log)->group()) : log.error();
+    // An instance is running.
+    const bool isInUse = error && (error->code == EPERM || error->code == EBUSY);
+    if (error && !isInUse) {
       add(Level::warning, "names",
-          log.error().localizedDescription +
-              ": connections go by their addresses, and the lists of domains have no effect");
+          error->localizedDescription +
+              "; until then connections go by their addresses, and the lists of domains have no "
+              "effect");
       return;
     }
     checkResolvers();
@@ -372,6 +378,17 @@ class SystemCheck {
 
 CheckReport checkSystem(const CommandLine::Options& options) {
   return SystemCheck(options).run();
+}
+
+std::optional<std::string> descriptorObstacle() {
+  constexpr rlim_t kFewest = linuxplatform::limits::kFewestDescriptors;
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max >= kFewest) {
+    return std::nullopt;
+  }
+  return "the limit of " + std::to_string(limit.rlim_max) + " open files is too low: at least " +
+         std::to_string(kFewest) +
+         " are needed; raise it with ulimit -n, or with LimitNOFILE= of the unit";
 }
 
 platform::Result<std::string> plannedRules(const CommandLine::Options& options) {

@@ -203,6 +203,9 @@ int run(int argc, char** argv) {
   if (commandLine.options->job == CommandLine::Job::dryRun) {
     return printRules(*commandLine.options);
   }
+  if (const auto obstacle = descriptorObstacle()) {
+    return fail(*obstacle);
+  }
   // As early as possible: the guardian keeps a copy of the memory in use.
   linuxplatform::HeartbeatRecord record;
   MaybeGuardian guardian;

@@ -255,14 +255,53 @@ def test_a_table_of_the_same_name_is_reported(laboratory):
     assert laboratory.here.run("nft", "list", "tables") == "table inet ostravel\n"
 
 
-def test_a_low_limit_of_open_files_is_reported(laboratory):
-    extension = laboratory.run_extension(prefix=("prlimit", "--nofile=20:20"))
-    line = last_line(extension)
-    assert line.startswith(
-        "ostravel-extension: the limit of 20 open files is too low: raise it with ulimit -n, or "
-        "with LimitNOFILE= of the unit ("
+def test_a_foreign_table_for_names_is_reported(laboratory):
+    laboratory.here.run("nft", "add", "table", "inet", "ostravel-names")
+    remedy = (
+        "there is already an nftables table inet ostravel-names, which another program has made: "
+        "if it is not needed, delete it with: nft delete table inet ostravel-names"
     )
-    assert line.endswith(": Too many open files)")
+    status, lines = check(laboratory)
+    ((level, finding),) = findings(lines, "names")
+    assert (status, level) == (1, "warning")
+    assert finding.startswith(remedy)
+    extension = laboratory.start_extension()
+    assert f"OstravelProxy: Host names are not observed: {remedy}" in errors_of(extension)
+    assert extension.stop() == 0
+
+
+@pytest.mark.parametrize("limit", [20, 60, 256])
+def test_a_low_limit_of_open_files_is_reported(laboratory, limit):
+    prefix = ("prlimit", f"--nofile={limit}:{limit}")
+    extension = laboratory.run_extension(prefix=prefix)
+    assert extension.wait() == 2
+    obstacle = (
+        f"the limit of {limit} open files is too low: at least 288 are needed; raise it with ulimit "
+        "-n, or with LimitNOFILE= of the unit"
+    )
+    assert extension.errors.since() == [f"ostravel-extension: {obstacle}"]
+    status, lines = check(laboratory, *prefix)
+    assert status == 2
+    assert findings(lines, "open files") == [("problem", obstacle)]
+
+
+def test_it_runs_with_the_fewest_open_files(laboratory):
+    laboratory.start_monitor()
+    laboratory.start_sidecar()
+    extension = laboratory.start_extension(prefix=("prlimit", "--nofile=288:288"))
+    laboratory.wait_until_proxied()
+    assert extension.stop() == 0
+
+
+@pytest.mark.parametrize("program", ["ostravel-sidecar", "ostravel-monitor"])
+def test_the_companions_report_a_low_limit_of_open_files(laboratory, program):
+    options = ["--socket", laboratory.socket_path] if program == "ostravel-monitor" else []
+    started = laboratory.start(
+        ["prlimit", "--nofile=6:6", laboratory.program_path(program), *options]
+    )
+    assert started.wait() == 2
+    (line,) = started.errors.since()
+    assert re.fullmatch(f"{program}: .*: Too many open files", line)
 
 
 # The check

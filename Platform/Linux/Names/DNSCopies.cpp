@@ -4,6 +4,9 @@
 #include <linux/netfilter.h>
 #include <linux/netfilter_ipv4.h>
 
+#include <cerrno>
+#include <string>
+
 #include "Platform/Linux/Kernel/NetfilterRule.h"
 #include "Platform/Linux/Kernel/TableChanges.h"
 
@@ -55,6 +58,18 @@ TableChanges makeChanges(std::uint16_t group) {
   return changes;
 }
 
+platform::Error explain(const NetfilterBatch::Failure& failure) {
+  const std::string table = "nftables table inet " + std::string(kTable);
+  if (failure.change == "table" && failure.error == EEXIST) {
+    return platform::posixError(EEXIST, "there is already an " + table +
+                                            ", which another program has made: if it is not "
+                                            "needed, delete it with: nft delete table inet " +
+                                            kTable);
+  }
+  return platform::systemCallError(
+      failure.error, "the " + table + " cannot be installed (" + failure.change + ")");
+}
+
 }  // namespace
 
 platform::Result<std::unique_ptr<DNSCopies>> DNSCopies::install(std::uint16_t group) {
@@ -63,11 +78,18 @@ platform::Result<std::unique_ptr<DNSCopies>> DNSCopies::install(std::uint16_t gr
     return std::move(socket).error();
   }
   if (const auto failure = makeChanges(group).batch().commit(socket->get())) {
-    return platform::systemCallError(failure->error,
-                                     "the nftables table inet " + std::string(kTable) +
-                                         " cannot be installed (" + failure->change + ")");
+    return explain(*failure);
   }
   return std::unique_ptr<DNSCopies>(new DNSCopies(*std::move(socket)));
+}
+
+platform::OptionalError DNSCopies::examine(std::uint16_t group) {
+  const auto socket = openNetfilterSocket();
+  if (!socket) {
+    return socket.error();
+  }
+  const auto failure = makeChanges(group).batch().examine(socket->get());
+  return failure ? platform::OptionalError(explain(*failure)) : std::nullopt;
 }
 
 std::string DNSCopies::script(std::uint16_t group) {

@@ -30,6 +30,10 @@ class DNSCopies {
   // group: the PacketLog's. The error's sentence says what failed.
   static platform::Result<std::unique_ptr<DNSCopies>> install(std::uint16_t group);
 
+  // Whether the kernel would take such a table; changes nothing. The error's code is EPERM or EBUSY
+  // if another process has it.
+  static platform::OptionalError examine(std::uint16_t group);
+
   // Such a table as a script for nft(8), one command per line.
   static std::string script(std::uint16_t group);
 

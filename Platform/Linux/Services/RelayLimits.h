@@ -81,4 +81,7 @@ inline constexpr int kDiscardsPerEvent = 16;
 // health probe, and tunnels whose sockets are being created.
 inline constexpr std::size_t kDescriptorReserve = 256;
 
+// With a lower limit of open files there would be so few tunnels that the extension does not start.
+inline constexpr std::size_t kFewestDescriptors = kDescriptorReserve + 32;
+
 }  // namespace ostravel::linuxplatform::limits
