@@ -7,7 +7,7 @@ import time
 import pytest
 
 from Laboratory.lines import GENEROUS_SECONDS
-from Laboratory.network import HERE4, THERE4, THERE6
+from Laboratory.network import HERE4, HERE6, THERE4, THERE6
 from laboratory import PEER_PORT, Fetched, receive_all
 from origins import tell_peer
 
@@ -93,11 +93,15 @@ TUNNEL_MARK = "0xca6c"
 TUNNEL_HERE4, TUNNEL_THERE4 = "10.66.0.2", "10.66.0.1"
 BEYOND4 = "203.0.113.7"
 
-TUNNEL_RULES = f"""
-table ip wg-quick-tunnel {{
+TUNNEL_HERE6, TUNNEL_THERE6 = "fd66::2", "fd66::1"
+BEYOND6 = "2001:db8:7::7"
+
+TUNNEL_RULES = "".join(
+    f"""
+table {family} wg-quick-tunnel {{
   chain preraw {{
     type filter hook prerouting priority raw; policy accept;
-    iifname != "tunnel" ip daddr {TUNNEL_HERE4} fib saddr type != local drop
+    iifname != "tunnel" {family} daddr {address} fib saddr type != local drop
   }}
   chain premangle {{
     type filter hook prerouting priority mangle; policy accept;
@@ -109,9 +113,11 @@ table ip wg-quick-tunnel {{
   }}
 }}
 """
+    for family, address in (("ip", TUNNEL_HERE4), ("ip6", TUNNEL_HERE6))
+)
 
 
-def set_up_tunnel(laboratory, rules=""):
+def set_up_tunnel(laboratory):
     """Everything goes into the tunnel, except what carries the mark or has a route of its own.
 
     A virtual cable takes the place of the encryption.
@@ -120,52 +126,76 @@ def set_up_tunnel(laboratory, rules=""):
         "ip", "link", "add", "tunnel", "type", "veth", "peer", "name", "tunnel",
         "netns", laboratory.there.path,
     )  # fmt: skip
-    for namespace, address in (
-        (laboratory.here, TUNNEL_HERE4),
-        (laboratory.there, TUNNEL_THERE4),
+    for namespace, address4, address6 in (
+        (laboratory.here, TUNNEL_HERE4, TUNNEL_HERE6),
+        (laboratory.there, TUNNEL_THERE4, TUNNEL_THERE6),
     ):
-        namespace.run("ip", "address", "add", f"{address}/24", "dev", "tunnel")
+        namespace.run("ip", "address", "add", f"{address4}/24", "dev", "tunnel")
+        namespace.run("ip", "address", "add", f"{address6}/64", "dev", "tunnel", "nodad")
         namespace.run("ip", "link", "set", "tunnel", "up")
     laboratory.there.run("ip", "address", "add", f"{BEYOND4}/32", "dev", "lo")
-    # Without the tunnel, everything goes to the other end of the cable.
-    laboratory.here.run("ip", "route", "add", "default", "via", THERE4)
-    for arguments in (
-        ["route", "add", "default", "via", TUNNEL_THERE4, "dev", "tunnel", "table", "51820"],
-        ["rule", "add", "not", "fwmark", TUNNEL_MARK, "table", "51820"],
-        ["rule", "add", "table", "main", "suppress_prefixlength", "0"],
+    laboratory.there.run("ip", "address", "add", f"{BEYOND6}/128", "dev", "lo")
+    for version, cable, gateway in (
+        ("-4", THERE4, TUNNEL_THERE4),
+        ("-6", THERE6, TUNNEL_THERE6),
     ):
-        laboratory.here.run("ip", "-4", *arguments)
+        for arguments in (
+            # Without the tunnel, everything goes to the other end of the cable.
+            ["route", "add", "default", "via", cable],
+            ["route", "add", "default", "via", gateway, "dev", "tunnel", "table", "51820"],
+            ["rule", "add", "not", "fwmark", TUNNEL_MARK, "table", "51820"],
+            ["rule", "add", "table", "main", "suppress_prefixlength", "0"],
+        ):
+            laboratory.here.run("ip", version, *arguments)
     with laboratory.here, open("/proc/sys/net/ipv4/conf/all/src_valid_mark", "w") as setting:
         setting.write("1")
-    if rules:
-        laboratory.here.run("nft", "-f", "-", given=rules)
+    laboratory.here.run("nft", "-f", "-", given=TUNNEL_RULES)
 
 
 def seen_address(fetched):
     return fetched.body.split()[0]
 
 
-@pytest.mark.parametrize("rules", ["", TUNNEL_RULES], ids=["routes only", "with its rules"])
-def test_a_tunnel_with_policy_routing_keeps_working(laboratory, rules):
-    set_up_tunnel(laboratory, rules)
+def test_a_tunnel_with_policy_routing_keeps_working(laboratory):
+    """Also with its rules, which drop what seems to come through the tunnel and does not."""
+    set_up_tunnel(laboratory)
     laboratory.serve(81, tell_peer)
-    if not rules:
-        laboratory.start_system()
-    else:
-        # They drop what seems to come through the tunnel, and so redirected connections too.
-        laboratory.start_sidecar()
-        extension = laboratory.start_extension()
-        extension.expect(
-            extension.errors, f"do not arrive over IPv4 (from {TUNNEL_HERE4}: not answered)"
-        )
-    for host, own_address in ((BEYOND4, TUNNEL_HERE4), (THERE4, HERE4)):
-        for port, way in ((81, "direct"), (PEER_PORT, "direct" if rules else "proxied")):
+    laboratory.start_system()
+    for host, own_address in (
+        (BEYOND4, TUNNEL_HERE4),
+        (BEYOND6, TUNNEL_HERE6),
+        (THERE4, HERE4),
+        (THERE6, HERE6),
+    ):
+        for port, way in ((81, "direct"), (PEER_PORT, "proxied")):
             start = time.monotonic()
             fetched = laboratory.fetch(host, port)
             assert fetched.way == way
             # The local proxy takes the route that the application would have taken.
             assert seen_address(fetched) == own_address
             assert time.monotonic() - start < WITHOUT_REPETITION_SECONDS
+
+
+@pytest.mark.parametrize("host", [BEYOND4, BEYOND6])
+def test_resets_pass_the_rules_of_a_tunnel(laboratory, host):
+    """Of a refused connection, and of a tunnel when the extension is killed."""
+    set_up_tunnel(laboratory)
+    laboratory.serve(80, None)
+    laboratory.start_monitor()
+    proxy = laboratory.start_local_proxy()
+    extension = laboratory.start_extension()
+    laboratory.wait_until_proxied()
+    mark = proxy.mark()
+    with laboratory.connect(host, 80) as application:
+        proxy.wait("asked", mark)
+        extension.kill()
+        with pytest.raises(ConnectionResetError):
+            application.recv(1)
+    laboratory.forget(extension)
+    extension = laboratory.start_extension()
+    laboratory.wait_until_proxied()
+    proxy.behave(answer="HTTP/1.1 403 Forbidden\r\n\r\n", then="end")
+    assert laboratory.fetch(host, PEER_PORT).status == errno.ECONNREFUSED
 
 
 def test_a_tunnels_own_packets_avoid_it(laboratory):

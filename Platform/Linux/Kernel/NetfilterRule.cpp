@@ -128,13 +128,18 @@ void NetfilterRule::loadConntrack(std::uint32_t key) {
 
 void NetfilterRule::mask(std::span<const std::byte> mask) {
   constexpr std::array<std::byte, 16> kZero{};
+  combine(mask, std::span(kZero).first(mask.size()));
+}
+
+void NetfilterRule::combine(std::span<const std::byte> mask,
+                            std::span<const std::byte> exclusiveOr) {
   const auto length = static_cast<std::uint32_t>(mask.size());
   nftnl_expr* const expression = makeExpression("bitwise");
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_BITWISE_SREG, kRegister);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_BITWISE_DREG, kRegister);
   ::nftnl_expr_set_u32(expression, NFTNL_EXPR_BITWISE_LEN, length);
   ::nftnl_expr_set(expression, NFTNL_EXPR_BITWISE_MASK, mask.data(), length);
-  ::nftnl_expr_set(expression, NFTNL_EXPR_BITWISE_XOR, kZero.data(), length);
+  ::nftnl_expr_set(expression, NFTNL_EXPR_BITWISE_XOR, exclusiveOr.data(), length);
   ::nftnl_rule_add_expr(get(), expression);
 }
 
@@ -158,6 +163,14 @@ void NetfilterRule::immediate(std::span<const std::byte> value) {
 void NetfilterRule::loadMaskedMark(std::uint32_t mask) {
   loadMeta(NFT_META_MARK);
   this->mask(bytesOf(mask));
+}
+
+NetfilterRule& NetfilterRule::throughLoopback() {
+  // The same in every network namespace (LOOPBACK_IFINDEX of net/flow.h).
+  constexpr std::uint32_t kLoopback = 1;
+  loadMeta(NFT_META_IIF);
+  compare(NFT_CMP_EQ, bytesOf(kLoopback));
+  return say("iif lo");
 }
 
 NetfilterRule& NetfilterRule::mark(std::uint32_t mask, std::uint32_t value) {
@@ -201,6 +214,14 @@ NetfilterRule& NetfilterRule::notFirstOfTCP() {
   mask(bytesOf(kFlagsOfInterest));
   compare(NFT_CMP_NEQ, bytesOf(kSyn));
   return say("tcp flags & (fin | syn | rst | ack) != syn");
+}
+
+NetfilterRule& NetfilterRule::resetOfTCP() {
+  testProtocol(TransportProtocol::tcp);
+  loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kTCPFlagsOffset, 1);
+  mask(bytesOf(kRst));
+  compare(NFT_CMP_EQ, bytesOf(kRst));
+  return say("tcp flags & rst == rst");
 }
 
 NetfilterRule& NetfilterRule::notNewConnection() {
@@ -322,6 +343,30 @@ NetfilterRule& NetfilterRule::userExceedsRate(const char* set, std::uint32_t per
   ::nftnl_rule_add_expr(get(), expression);
   return say("update @" + std::string(set) + " { meta skuid limit rate over " +
              std::to_string(perSecond) + "/second burst " + std::to_string(burst) + " packets }");
+}
+
+NetfilterRule& NetfilterRule::flipDestination(AddressFamily family) {
+  constexpr std::uint32_t kIPv4ChecksumOffset = 10;
+  constexpr std::array<std::byte, 16> kUppermostBit{std::byte{0x80}};
+  std::array<std::byte, 16> all{};
+  all.fill(std::byte{0xFF});
+  const std::size_t size = addressSize(family);
+  const auto length = static_cast<std::uint32_t>(size);
+  loadPayload(NFT_PAYLOAD_NETWORK_HEADER, destinationOffset(family), length);
+  combine(std::span(all).first(size), std::span(kUppermostBit).first(size));
+  nftnl_expr* const expression = makeExpression("payload");
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_BASE, NFT_PAYLOAD_NETWORK_HEADER);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_OFFSET, destinationOffset(family));
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_LEN, length);
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_SREG, kRegister);
+  if (family == AddressFamily::ipv4) {
+    ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_CSUM_TYPE, NFT_PAYLOAD_CSUM_INET);
+    ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_CSUM_OFFSET, kIPv4ChecksumOffset);
+  }
+  ::nftnl_expr_set_u32(expression, NFTNL_EXPR_PAYLOAD_FLAGS, NFT_PAYLOAD_L4CSUM_PSEUDOHDR);
+  ::nftnl_rule_add_expr(get(), expression);
+  return say(family == AddressFamily::ipv4 ? "ip daddr set ip daddr ^ 128.0.0.0"
+                                           : "ip6 daddr set ip6 daddr ^ 8000::");
 }
 
 NetfilterRule& NetfilterRule::log(std::uint16_t group) {

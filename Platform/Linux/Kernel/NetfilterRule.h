@@ -27,6 +27,8 @@ class NetfilterRule {
 
   NetfilterRule(const char* table, const char* chain);
 
+  // iif lo
+  NetfilterRule& throughLoopback();
   // meta mark & mask == value
   NetfilterRule& mark(std::uint32_t mask, std::uint32_t value);
   // meta mark & mask != value
@@ -37,6 +39,8 @@ class NetfilterRule {
   NetfilterRule& family(AddressFamily family);
   // tcp flags & (fin|syn|rst|ack) != syn
   NetfilterRule& notFirstOfTCP();
+  // tcp flags & rst == rst
+  NetfilterRule& resetOfTCP();
   // ct state ! new
   NetfilterRule& notNewConnection();
   // ct status & (confirmed|seen-reply) == confirmed
@@ -64,6 +68,8 @@ class NetfilterRule {
   // packets that exceed the user's rate; the set must support expressions.
   NetfilterRule& userExceedsRate(const char* set, std::uint32_t perSecond, std::uint32_t burst);
 
+  // ip|ip6 daddr set ip|ip6 daddr ^ 128.0.0.0|8000::; the family must have been tested
+  NetfilterRule& flipDestination(AddressFamily family);
   // log group number: copies the packet and continues with the next rule
   NetfilterRule& log(std::uint16_t group);
   NetfilterRule& accept();
@@ -88,6 +94,7 @@ class NetfilterRule {
   void loadMeta(std::uint32_t key);
   void loadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t length);
   void mask(std::span<const std::byte> mask);
+  void combine(std::span<const std::byte> mask, std::span<const std::byte> exclusiveOr);
   void loadConntrack(std::uint32_t key);
   void loadMaskedMark(std::uint32_t mask);
   void testProtocol(TransportProtocol protocol);

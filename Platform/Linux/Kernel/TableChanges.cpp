@@ -23,6 +23,23 @@ using TableHandle = std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)>;
 using ChainHandle = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
 using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
 
+struct KernelHook {
+  std::uint32_t number;
+  const char* name;
+};
+
+KernelHook kernelHook(TableChanges::Hook hook) {
+  switch (hook) {
+    case TableChanges::Hook::prerouting:
+      return {NF_INET_PRE_ROUTING, "prerouting"};
+    case TableChanges::Hook::input:
+      return {NF_INET_LOCAL_IN, "input"};
+    case TableChanges::Hook::output:
+      break;
+  }
+  return {NF_INET_LOCAL_OUT, "output"};
+}
+
 }  // namespace
 
 TableChanges::TableChanges(const char* name) : table_(name) {
@@ -42,14 +59,13 @@ void TableChanges::addChain(const char* name, const Base* base) {
   requireCopied(::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name));
   std::string definition;
   if (base != nullptr) {
-    const bool isOutput = base->hook == Hook::output;
+    const KernelHook hook = kernelHook(base->hook);
     requireCopied(::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TYPE, base->type));
-    ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM,
-                          isOutput ? NF_INET_LOCAL_OUT : NF_INET_LOCAL_IN);
+    ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_HOOKNUM, hook.number);
     ::nftnl_chain_set_s32(chain.get(), NFTNL_CHAIN_PRIO, base->priority);
     ::nftnl_chain_set_u32(chain.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
-    definition = std::string("{ type ") + base->type + " hook " + (isOutput ? "output" : "input") +
-                 " priority " + std::to_string(base->priority) + "; policy accept; }";
+    definition = std::string("{ type ") + base->type + " hook " + hook.name + " priority " +
+                 std::to_string(base->priority) + "; policy accept; }";
   }
   say(std::string("chain ") + name, definition);
   batch_.add(

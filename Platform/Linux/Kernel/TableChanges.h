@@ -13,7 +13,7 @@ namespace ostravel::linuxplatform {
 // socket, and no other process can change it.
 class TableChanges {
  public:
-  enum class Hook { input, output };
+  enum class Hook { prerouting, input, output };
   // Where the packets of a chain come from.
   struct Base {
     // "filter" or "nat"

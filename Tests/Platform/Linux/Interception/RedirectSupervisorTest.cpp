@@ -64,10 +64,11 @@ class RedirectSupervisorTest : public ::testing::Test {
     return isUsable(family) == isUsableThen;
   }
 
-  static void addRule(const std::string& chain, const std::string& rule) {
+  static void addRule(const std::string& chain, const std::string& rule,
+                      const std::string& priority = "raw") {
     outputOf("nft 'add table inet foreign; add chain inet foreign " + chain +
-             " { type filter hook " + chain + " priority raw; }; add rule inet foreign " + chain +
-             " " + rule + "'");
+             " { type filter hook " + chain + " priority " + priority +
+             "; }; add rule inet foreign " + chain + " " + rule + "'");
   }
   static void removeRules() { outputOf("nft delete table inet foreign"); }
 
@@ -115,20 +116,36 @@ TEST_F(RedirectSupervisorTest, TestsTheMachinesUsualAddressToo) {
   EXPECT_NE(log_->wait("over IPv4").find("from 198.51.100.1: not answered"), std::string::npos);
 }
 
-// As wg-quick(8) does for its tunnel.
-TEST_F(RedirectSupervisorTest, FindsRulesAgainstAnswersFromElsewhere) {
-  settings_.includedNetworkRules.push_back(
-      {{"0.0.0.0", "8000"}, 0, platform::NetworkRuleProtocol::tcp});
-  install();
-  outputOf(
-      "ip link add ours type veth peer name theirs && ip link set ours up && "
-      "ip address add 198.51.100.1/24 dev ours && ip route add default dev ours");
+class DistantRedirectSupervisorTest : public RedirectSupervisorTest {
+ protected:
+  DistantRedirectSupervisorTest() {
+    settings_.includedNetworkRules.push_back(
+        {{"0.0.0.0", "8000"}, 0, platform::NetworkRuleProtocol::tcp});
+    install();
+    outputOf(
+        "ip link add ours type veth peer name theirs && ip link set ours up && "
+        "ip address add 198.51.100.1/24 dev ours && ip route add default dev ours");
+  }
+
+  // Drops what comes from elsewhere to our address and not through the interface for it.
+  static constexpr const char* kRule =
+      "iifname lo ip daddr 198.51.100.1 fib saddr type != local drop";
+};
+
+TEST_F(DistantRedirectSupervisorTest, FindsRulesAgainstAnswersFromElsewhere) {
   start();
   EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
   supervisor_->stop();
-  addRule("prerouting", "iifname lo ip daddr 198.51.100.1 fib saddr type != local drop");
+  addRule("prerouting", kRule, "mangle");
   start();
   EXPECT_NE(log_->wait("over IPv4").find("from 198.51.100.1: not answered"), std::string::npos);
+}
+
+// As wg-quick(8) does for its tunnel.
+TEST_F(DistantRedirectSupervisorTest, AnswersPassSuchRulesBeforeTracking) {
+  addRule("prerouting", kRule);
+  start();
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
 }
 
 TEST_F(RedirectSupervisorTest, ReportsMissingRedirectionWithoutTracking) {
