@@ -22,6 +22,9 @@ constexpr std::chrono::seconds kPause{1};
 constexpr std::size_t kMaximumServers = 8;
 constexpr std::size_t kLargestFile = 65536;
 constexpr std::uint16_t kPort = 53;
+// Of systemd-resolved (systemd-resolved.service(8)), which applications ask by way of
+// nsswitch.conf(5), too, and then resolv.conf may name the servers that it asks itself.
+constexpr SocketEndpoint kResolved{AddressFamily::ipv4, {127, 0, 0, 53}, kPort};
 
 bool isLoopback(const SocketEndpoint& endpoint) {
   SocketEndpoint loopback6{AddressFamily::ipv6, {}, 0};
@@ -98,7 +101,9 @@ void ConfiguredResolvers::findUsers() {
   if (!diagnostics) {
     return;
   }
-  for (SocketEndpoint server : servers_) {
+  std::vector<SocketEndpoint> local = servers_;
+  local.push_back(kResolved);
+  for (SocketEndpoint server : local) {
     if (!isLoopback(server)) {
       continue;
     }

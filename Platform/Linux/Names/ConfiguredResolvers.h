@@ -15,8 +15,9 @@
 namespace ostravel::linuxplatform {
 
 // The resolvers that root has configured for this machine in resolv.conf(5), and the users of those
-// that listen on a loopback address: they send queries on behalf of all applications. Reread when
-// the file has changed. Used by one thread at a time, which may wait for the disk.
+// that listen on a loopback address, and of systemd-resolved: they send queries on behalf of all
+// applications. Reread when the file has changed. Used by one thread at a time, which may wait for
+// the disk.
 class ConfiguredResolvers {
  public:
   static constexpr const char* kDefaultPath = "/etc/resolv.conf";

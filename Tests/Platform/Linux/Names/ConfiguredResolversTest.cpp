@@ -17,6 +17,8 @@ namespace {
 using namespace std::chrono_literals;
 using testing::addressOf;
 
+constexpr uid_t kSystemUser = 990;
+
 class ConfiguredResolversTest : public ::testing::Test {
  protected:
   void configure(const std::string& text) { folder_.write("resolv.conf", text); }
@@ -81,15 +83,25 @@ TEST_F(ConfiguredResolversTest, APipeIsNotWaitedFor) {
   EXPECT_FALSE(includes("192.0.2.1"));
 }
 
-TEST_F(ConfiguredResolversTest, KnowsTheSystemUserOfAResolverOnThisMachine) {
-  constexpr uid_t kSystemUser = 990;
-  configure("nameserver 127.0.0.53\n");
-  refresh();
-  EXPECT_FALSE(resolvers_.isResolver(kSystemUser));
+TEST_F(ConfiguredResolversTest, KnowsResolvedEvenIfTheFileNamesItsServers) {
+  configure("nameserver 192.0.2.1\n");
   auto listener = testing::TestSocket::makeTcp("127.0.0.53");
-  // The user of a socket is the owner of its inode.
   ASSERT_EQ(::fchown(listener.descriptor(), kSystemUser, kSystemUser), 0);
   listener.bindTo("127.0.0.53", 53);
+  ASSERT_EQ(::listen(listener.descriptor(), 1), 0);
+  refresh();
+  EXPECT_TRUE(resolvers_.isResolver(kSystemUser));
+  EXPECT_FALSE(includes("127.0.0.53"));
+}
+
+TEST_F(ConfiguredResolversTest, KnowsTheSystemUserOfAResolverOnThisMachine) {
+  configure("nameserver 127.0.0.1\n");
+  refresh();
+  EXPECT_FALSE(resolvers_.isResolver(kSystemUser));
+  auto listener = testing::TestSocket::makeTcp("127.0.0.1");
+  // The user of a socket is the owner of its inode.
+  ASSERT_EQ(::fchown(listener.descriptor(), kSystemUser, kSystemUser), 0);
+  listener.bindTo("127.0.0.1", 53);
   ASSERT_EQ(::listen(listener.descriptor(), 1), 0);
   refresh();
   EXPECT_TRUE(resolvers_.isResolver(kSystemUser));

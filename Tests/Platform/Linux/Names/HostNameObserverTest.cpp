@@ -175,6 +175,18 @@ TEST_F(HostNameObserverTest, ALookUpReadsABoundedNumberOfCopies) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 }
 
+TEST_F(HostNameObserverTest, CopiesThatNobodyReadsDelayNothing) {
+  const auto log = *PacketLog::open();
+  const auto copies = *DNSCopies::install(log->group());
+  const FileDescriptor application = makeApplication();
+  // More than are copied or fit into the log.
+  for (unsigned count = 0; count < 10'000; ++count) {
+    const auto id = static_cast<std::uint16_t>(count);
+    ask(application, id, "www.example");
+    answer(application, answerTo(id, "www.example").bytes());
+  }
+}
+
 TEST(DNSCopiesTest, TheScriptIsWhatNftAccepts) {
   const TemporaryFolder folder;
   const std::string path = folder.write("script", DNSCopies::script(43'100));

@@ -221,6 +221,27 @@ TEST_F(HostNamesTest, TheLeastRecentlyUsedNameOfTheUserWithMostIsDropped) {
   EXPECT_EQ(find(kOther, kBrowser, "198.51.100.1")->name, "kept.example");
 }
 
+TEST_F(HostNamesTest, ByDefaultTwentyThousandNamesFit) {
+  HostNames names;
+  constexpr int kCount = 20'000;
+  const auto hostName = [](int index) { return "host" + std::to_string(index) + ".example"; };
+  const auto addressOfHost = [](int index) {
+    return addressOf("192." + std::to_string(index / 65536) + "." +
+                     std::to_string(index / 256 % 256) + "." + std::to_string(index % 256));
+  };
+  for (int index = 0; index <= kCount; ++index) {
+    const std::vector<ResolvedAddress> resolved{{addressOfHost(index), 60s}};
+    names.learn(browser_, hostName(index), resolved, now_);
+  }
+  EXPECT_EQ(names.size(), static_cast<std::size_t>(kCount));
+  EXPECT_FALSE(names.find(kUser, kBrowser, addressOfHost(0), now_));
+  for (int index = 1; index <= kCount; ++index) {
+    const auto found = names.find(kUser, kBrowser, addressOfHost(index), now_);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->name, hostName(index));
+  }
+}
+
 TEST_F(HostNamesTest, ANameKeepsItsLatestAddresses) {
   learn(browser_, "a.example", {"203.0.113.1"}, 30s);
   for (int index = 0; index < 32; ++index) {

@@ -38,6 +38,24 @@ TEST(ResolvedMonitorTest, ReadsAnAnswer) {
             (std::vector<ResolvedAddress>{{addressOf("192.0.2.1"), std::chrono::seconds(300)}}));
 }
 
+// As systemd-resolved 252 has reported the look-up of an alias of www.example.
+TEST(ResolvedMonitorTest, ReadsWhatResolvedReports) {
+  const auto answer = ResolvedMonitor::parse(
+      R"({"parameters":{"state":"success","question":[{"class":1,"type":1,"name":"al.example"},)"
+      R"({"class":1,"type":28,"name":"al.example"}],"answer":[{"rr":{"key":{"class":1,"type":5,)"
+      R"("name":"al.example"},"name":"www.example"},"raw":)"
+      R"("AmFsB2V4YW1wbGUAAAUAAQAAASwADQN3d3cHZXhhbXBsZQA=","ifindex":2},{"rr":{"key":{"class":1,)"
+      R"("type":28,"name":"www.example"},"address":[32,1,13,184,0,0,0,0,0,0,0,0,0,0,0,32]},"raw":)"
+      R"("A3d3dwdleGFtcGxlAAAcAAEAAAEsABAgAQ24AAAAAAAAAAAAAAAg","ifindex":2},{"rr":{"key":)"
+      R"({"class":1,"type":1,"name":"www.example"},"address":[198,51,100,20]},"raw":)"
+      R"("A3d3dwdleGFtcGxlAAABAAEAAAEsAATGM2QU","ifindex":2}]},"continues":true})");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->name, "al.example");
+  EXPECT_EQ(answer->addresses, (std::vector<ResolvedAddress>{
+                                   {addressOf("2001:db8::20"), std::chrono::seconds(300)},
+                                   {addressOf("198.51.100.20"), std::chrono::seconds(300)}}));
+}
+
 TEST(ResolvedMonitorTest, TheNameIsTheOneBeforeAllAliases) {
   const auto answer = ResolvedMonitor::parse(
       message(R"("collectedQuestions":[{"class":1,"type":1,"name":"first.example"}],)"));
