@@ -13,10 +13,10 @@
 namespace ostravel::linuxplatform {
 
 // Names programs that are scripts by the path of the script, where the kernel has recorded it. The
-// path must mean the same to every process: without "." and "..", as seen in the mount namespace and
-// the root folder of the first process (of this one if that is hidden), and not in a folder in which
-// all users may create files. A relative path is completed while the process is in the folder in
-// which it was started. If env(1) has chosen the interpreter, it must be a standard one of the
+// path must mean the same to every process: without "." and "..", as seen in the mount namespace
+// and the root folder of the first process (of this one if that is hidden), and not in a folder in
+// which all users may create files. A relative path is completed while the process is in the folder
+// in which it was started. If env(1) has chosen the interpreter, it must be a standard one of the
 // system, since a user controls where env looks for it. Usable from any thread.
 class ScriptNames {
  public:
