@@ -44,9 +44,8 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
   proxyPort_ = std::make_shared<ProxyInstance::Port>(*std::move(othersDiagnostics),
                                                      ProxyProcess::addressOf(proxyPort));
   startTracing(proxyPort, traced, marks);
-  const auto watch = publisher_ ? std::optional(publisher_->listener()) : std::nullopt;
-  proxyPort_->setWatch(watch);
-  proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_, watch);
+  proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_,
+                 publisher_ ? std::optional(publisher_->listener()) : std::nullopt);
   trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
 }
 
@@ -64,12 +63,7 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::shared_ptr<Connect
   }
 }
 
-ApplicationIdentifierSource::~ApplicationIdentifierSource() {
-  if (proxyPort_) {
-    // Flows may outlive the publisher, which owns the memory of the watch.
-    proxyPort_->setWatch(std::nullopt);
-  }
-}
+ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
 
 std::unique_ptr<ApplicationIdentifierSource> ApplicationIdentifierSource::forAnotherThread() const {
   return std::unique_ptr<ApplicationIdentifierSource>(
@@ -152,7 +146,7 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
     }
     const Process& owner = proxy_->owner();
     result.proxy.emplace(ProcessLife(owner.pid, owner.stamp.startTime), proxy_->listenerCookie(),
-                         proxyPort_, proxy_->settledChanges());
+                         proxyPort_);
     result.mayBelongToProxy = mayDialForProxy(sender.process);
   }
   if (sender.process != nullptr) {

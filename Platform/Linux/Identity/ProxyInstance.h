@@ -3,13 +3,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <utility>
 
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Platform/Linux/Processes/ProcessLife.h"
-#include "Platform/Linux/Tracing/ListenerWatch.h"
 
 namespace ostravel::linuxplatform {
 
@@ -27,43 +25,30 @@ class ProxyInstance {
     // True if this is the socket that accepts its connections; false in doubt.
     bool isHeldBy(std::uint64_t listener);
 
-    // With a watch, most questions are answered without a system call. Without a value it is no
-    // longer used: to be called before its memory goes.
-    void setWatch(std::optional<ListenerWatch> watch);
-    // True if no other socket has begun to listen since the watch counted this many changes; false
-    // in doubt.
-    bool hasNotChangedSince(std::uint64_t changes);
-
    private:
     std::mutex lock_;
-    // Both guarded by lock_.
+    // Guarded by lock_.
     const std::unique_ptr<SocketDiagnostics> diagnostics_;
-    std::optional<ListenerWatch> watch_;
     const SocketEndpoint address_;
   };
 
-  // listener: the socket's cookie, which is never reused. changes: the count of the port's watch
-  // before that socket was found to be the listener, if there is a watch.
-  ProxyInstance(const ProcessLife& process, std::uint64_t listener, std::shared_ptr<Port> port,
-                std::optional<std::uint64_t> changes = std::nullopt)
-      : process_(process), listener_(listener), port_(std::move(port)), changes_(changes) {}
+  // listener: the socket's cookie, which is never reused.
+  ProxyInstance(const ProcessLife& process, std::uint64_t listener, std::shared_ptr<Port> port)
+      : process_(process), listener_(listener), port_(std::move(port)) {}
 
   // For a port without a listener.
   explicit ProxyInstance(std::shared_ptr<Port> port)
       : ProxyInstance(ProcessLife(0, 0), 0, std::move(port)) {}
 
   // True if every connection to the port since the offer was made to this listening socket.
-  bool isListening() const {
-    return (changes_ && port_->hasNotChangedSince(*changes_)) || port_->isHeldBy(listener_);
-  }
-  // True if the listening socket has been closed, or the process is about to end.
-  bool hasEnded() const { return process_.hasEnded() || !port_->isHeldBy(listener_); }
+  bool isListening() const { return port_->isHeldBy(listener_); }
+  // True also if only its process is about to end.
+  bool hasEnded() const { return process_.hasEnded() || !isListening(); }
 
  private:
   ProcessLife process_;
   std::uint64_t listener_;
   std::shared_ptr<Port> port_;
-  std::optional<std::uint64_t> changes_;
 };
 
 }  // namespace ostravel::linuxplatform

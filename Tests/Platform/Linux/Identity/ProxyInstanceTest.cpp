@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 
 #include "Platform/Linux/Processes/ProcessTable.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
@@ -58,53 +57,6 @@ TEST_F(ProxyInstanceTest, WhatListensLaterIsNotTheProxy) {
   const ProxyInstance nobody(port_);
   EXPECT_FALSE(nobody.isListening());
   EXPECT_TRUE(nobody.hasEnded());
-}
-
-class WatchedProxyInstanceTest : public ProxyInstanceTest {
- protected:
-  WatchedProxyInstanceTest() { port_->setWatch(watch_); }
-
-  ProxyInstance watched() const {
-    return {ProcessLife(::getpid(), ProcessTable().stampOf(::getpid())->startTime),
-            cookieOf(listener_), port_, watch_.changes()};
-  }
-
-  ConnectTable::State state_{};
-  const ListenerWatch watch_{&state_};
-};
-
-TEST_F(WatchedProxyInstanceTest, IsListeningUntilTheWatchSeesAnother) {
-  const ProxyInstance proxy = watched();
-  EXPECT_TRUE(proxy.isListening());
-
-  listener_ = makeSocket(AF_INET, SOCK_STREAM);
-  ASSERT_TRUE(bindTo(listener_, AF_INET, loopbackIPv4(number_)));
-  ASSERT_EQ(::listen(listener_.get(), 1), 0);
-  watch_.noteChange();
-
-  EXPECT_FALSE(proxy.isListening());
-  EXPECT_TRUE(watched().isListening());
-}
-
-TEST_F(WatchedProxyInstanceTest, ItsConnectionsStayItsOwnWhenItsSocketCloses) {
-  const ProxyInstance proxy = watched();
-  listener_ = FileDescriptor();
-  EXPECT_TRUE(proxy.isListening());
-  EXPECT_TRUE(proxy.hasEnded());
-}
-
-TEST_F(WatchedProxyInstanceTest, AChangeThatWasNoneMakesItLookForItself) {
-  const ProxyInstance proxy = watched();
-  watch_.noteChange();
-  EXPECT_TRUE(proxy.isListening());
-}
-
-TEST_F(WatchedProxyInstanceTest, DoesNotTouchAWatchThatIsGone) {
-  const ProxyInstance proxy = watched();
-  port_->setWatch(std::nullopt);
-  EXPECT_TRUE(proxy.isListening());
-  listener_ = FileDescriptor();
-  EXPECT_FALSE(proxy.isListening());
 }
 
 TEST_F(ProxyInstanceTest, HasEndedWithItsProcess) {
