@@ -66,9 +66,9 @@ TEST(SimulatorTest, RecordedSeedsGiveTheRecordedRuns) {
     std::uint64_t digest;
   };
   for (const auto& [seed, digest] :
-       {Recorded{1, 0x42a15fcd49341d45}, Recorded{7, 0x485521b25b75b314},
+       {Recorded{1, 0x48d51264d75292c8}, Recorded{7, 0xca62c287c37625e2},
         Recorded{42, 0x6aebe72f5636aac7}, Recorded{4711, 0xfc77e5d7b088c6eb},
-        Recorded{20261, 0x6e79c54809fc2e95}}) {
+        Recorded{20261, 0x315f0fbafff8e3ea}}) {
     EXPECT_EQ(play({.seed = seed}).digest, digest) << "seed " << seed;
   }
 }
