@@ -78,7 +78,7 @@ void RedirectTrial::accepted(LoopSocket socket) {
   socket.reset();
 }
 
-void RedirectTrial::gaveUp() {
+void RedirectTrial::timedOut() {
   finish(isConnected_ ? Outcome::arrivedElsewhere : Outcome::unanswered);
 }
 

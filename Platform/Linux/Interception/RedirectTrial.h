@@ -49,7 +49,7 @@ class RedirectTrial final : public std::enable_shared_from_this<RedirectTrial>,
   const FlowTuple& tuple() const override { return tuple_; }
   const std::string& application() const override { return application_; }
   void accepted(LoopSocket socket) override;
-  void gaveUp() override;
+  void timedOut() override;
 
   EventLoop& loop_;
   Completion completion_;

@@ -186,7 +186,7 @@ void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
   if (socket.isOpen()) {
     waiter->accepted(std::move(socket));
   } else {
-    waiter->gaveUp();
+    waiter->timedOut();
   }
 }
 
@@ -307,7 +307,7 @@ void FlowListener::expire() {
     }
     deadlines_.pop_front();
     if (waiter) {
-      waiter->gaveUp();
+      waiter->timedOut();
     }
   }
   waitForDeadline();

@@ -37,7 +37,7 @@ class FlowListener {
     // Exactly one of the following is called, once, on the loop.
     virtual void accepted(LoopSocket socket) = 0;
     // The connection did not arrive within limits::kAcceptTimeout.
-    virtual void gaveUp() = 0;
+    virtual void timedOut() = 0;
   };
 
   // Throws std::system_error if there is no listener for IPv4.

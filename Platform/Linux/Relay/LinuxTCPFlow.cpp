@@ -155,7 +155,7 @@ void LinuxTCPFlow::accepted(LoopSocket socket) {
   stream_.attach(std::move(socket));
 }
 
-void LinuxTCPFlow::gaveUp() {
+void LinuxTCPFlow::timedOut() {
   if (stage_ != Stage::released) {
     return;
   }

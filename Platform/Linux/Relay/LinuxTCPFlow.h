@@ -69,7 +69,7 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   const FlowTuple& tuple() const override { return tuple_; }
   const std::string& application() const override { return identifier_; }
   void accepted(LoopSocket socket) override;
-  void gaveUp() override;
+  void timedOut() override;
 
   std::shared_ptr<StreamSocket> sharedStream() override;
   void streamFailed(int /*error*/) override {}

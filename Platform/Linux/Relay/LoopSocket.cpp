@@ -28,7 +28,7 @@ LoopSocket::LoopSocket(LoopSocket&& other) noexcept {
 
 LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
   if (this != &other) {
-    giveUp();
+    release();
     lease_ = std::move(other.lease_);
     loop_ = other.loop_;
     watch_ = std::exchange(other.watch_, nullptr);
@@ -129,7 +129,7 @@ void LoopSocket::sendWithoutDelay(int descriptor) {
 void LoopSocket::reset() {
   if (isOpen()) {
     resetUnlessClosed(descriptor());
-    giveUp();
+    release();
   }
 }
 
@@ -142,10 +142,10 @@ void LoopSocket::letEndInOrder() {
 
 void LoopSocket::close() {
   letEndInOrder();
-  giveUp();
+  release();
 }
 
-void LoopSocket::giveUp() {
+void LoopSocket::release() {
   if (!isOpen()) {
     return;
   }

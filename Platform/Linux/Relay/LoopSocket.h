@@ -34,7 +34,7 @@ class LoopSocket {
   LoopSocket(EventLoop& loop, int descriptor);
   LoopSocket(LoopSocket&& other) noexcept;
   LoopSocket& operator=(LoopSocket&& other) noexcept;
-  ~LoopSocket() { giveUp(); }
+  ~LoopSocket() { release(); }
 
   // Charges its descriptor to this user from now on.
   void chargeTo(std::shared_ptr<UserShare> user) { lease_.chargeTo(std::move(user)); }
@@ -80,7 +80,7 @@ class LoopSocket {
   void close();
 
  private:
-  void giveUp();
+  void release();
 
   DescriptorBudget::Lease lease_;
   EventLoop* loop_ = nullptr;

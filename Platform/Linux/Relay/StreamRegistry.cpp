@@ -7,17 +7,17 @@
 
 namespace ostravel::linuxplatform {
 
-StreamRegistry::Place::~Place() {
+StreamRegistry::Entry::~Entry() {
   if (registry_ != nullptr) {
     const std::lock_guard guard(registry_->lock_);
     registry_->streams_.erase(position_);
   }
 }
 
-void StreamRegistry::add(Place& place, std::weak_ptr<StreamSocket> stream) {
+void StreamRegistry::add(Entry& entry, std::weak_ptr<StreamSocket> stream) {
   const std::lock_guard guard(lock_);
-  place.position_ = streams_.insert(streams_.end(), std::move(stream));
-  place.registry_ = this;
+  entry.position_ = streams_.insert(streams_.end(), std::move(stream));
+  entry.registry_ = this;
 }
 
 void StreamRegistry::dropCompletions() {

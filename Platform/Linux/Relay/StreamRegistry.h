@@ -14,14 +14,14 @@ class StreamSocket;
 class StreamRegistry {
  public:
   // A stream's entry, removed on destruction.
-  class Place {
+  class Entry {
    public:
-    Place() = default;
-    Place(const Place&) = delete;
-    Place& operator=(const Place&) = delete;
-    ~Place();
+    Entry() = default;
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+    ~Entry();
 
-    bool isTaken() const { return registry_ != nullptr; }
+    bool isRegistered() const { return registry_ != nullptr; }
 
    private:
     friend class StreamRegistry;
@@ -34,9 +34,9 @@ class StreamRegistry {
   StreamRegistry(const StreamRegistry&) = delete;
   StreamRegistry& operator=(const StreamRegistry&) = delete;
 
-  // Adds an entry for a place that has none. On the loop's thread; the place may be destroyed on
+  // Registers a stream under an unused entry. On the loop's thread; the entry may be destroyed on
   // any thread.
-  void add(Place& place, std::weak_ptr<StreamSocket> stream);
+  void add(Entry& entry, std::weak_ptr<StreamSocket> stream);
 
   // Destroys the pending completions of all streams. Only after the loop's thread has ended.
   void dropCompletions();

@@ -40,20 +40,20 @@ void StreamSocket::attach(LoopSocket socket) {
 }
 
 // Done on the first operation: a stream without operations has nothing to drop.
-void StreamSocket::takePlace() {
-  if (!place_.isTaken()) {
-    state_.loop.streams().add(place_, state_.owner.sharedStream());
+void StreamSocket::registerOnce() {
+  if (!entry_.isRegistered()) {
+    state_.loop.streams().add(entry_, state_.owner.sharedStream());
   }
 }
 
 void StreamSocket::read(std::size_t minimum, std::size_t maximum,
                         platform::ReadCompletion completion) {
-  takePlace();
+  registerOnce();
   reader_.read(minimum, maximum, std::move(completion));
 }
 
 void StreamSocket::write(platform::Data data, platform::ErrorCompletion completion) {
-  takePlace();
+  registerOnce();
   writer_.write(std::move(data), std::move(completion));
 }
 

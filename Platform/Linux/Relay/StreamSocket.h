@@ -71,13 +71,13 @@ class StreamSocket {
 
  private:
   bool areBothClosed() const { return reader_.isClosed() && writer_.isClosed(); }
-  void takePlace();
+  void registerOnce();
   void sendEnd();
   void leaveToLinger();
 
   StreamState state_;
-  // Taken by the first operation.
-  StreamRegistry::Place place_;
+  // Registered by the first operation.
+  StreamRegistry::Entry entry_;
   StreamReader reader_{state_};
   StreamWriter writer_{state_};
   bool isEndSent_ = false;

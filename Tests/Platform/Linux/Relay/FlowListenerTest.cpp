@@ -93,7 +93,7 @@ class KeepingWaiter final : public FlowListener::Waiter {
   const FlowTuple& tuple() const override { return tuple_; }
   const std::string& application() const override { return application_; }
   void accepted(LoopSocket socket) override { socket_ = std::move(socket); }
-  void gaveUp() override {}
+  void timedOut() override {}
 
   LoopSocket socket_;
 
