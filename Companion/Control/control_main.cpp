@@ -96,7 +96,7 @@ void addDestinationOfURL(json_t* request, std::string_view url, std::size_t sche
   authority = authority.substr(0, authority.find_first_of("/?#"));
   // Without a user this begins at npos + 1, which is 0.
   authority = authority.substr(authority.rfind('@') + 1);
-  // What the URL itself names replaces it.
+  // Replaced by the port in the URL, if there is one.
   json_object_set_new(request, "port", json_integer(scheme == "http" ? 80 : 443));
   addDestination(request, authority);
 }

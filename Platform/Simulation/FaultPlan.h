@@ -4,8 +4,8 @@
 
 namespace ostravel::simulation {
 
-// The probability of each fault in a run, from 0 to 1; by default there are none. What is drawn
-// depends only on the seed.
+// The probability of each fault in a run, from 0 to 1; by default there are none. The draws depend
+// only on the seed.
 struct FaultPlan {
   // A completion, an acceptance or a refusal is delayed by up to maximumLatency.
   double latency = 0.0;

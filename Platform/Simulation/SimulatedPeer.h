@@ -55,7 +55,7 @@ class SimulatedPeer : public std::enable_shared_from_this<SimulatedPeer> {
 
   // Every byte whose write was acknowledged.
   const std::string& received() const { return received_; }
-  // What every write was asked to deliver, acknowledged or not.
+  // The data of every write, acknowledged or not.
   const std::vector<std::string>& writes() const { return writes_; }
   // The orderly end of what is written to it.
   bool sawEnd() const { return sawEnd_ && !sawReset_; }

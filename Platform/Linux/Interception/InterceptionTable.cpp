@@ -358,7 +358,7 @@ Error explain(const Error& unreachable) {
   return explain(NetfilterBatch::Failure{"", static_cast<int>(unreachable.code)});
 }
 
-// What some kernels lack.
+// Features that some kernels lack.
 struct KernelFeatures {
   bool hasQueueExpression = true;
   bool canLimitRates = true;

@@ -37,7 +37,7 @@ TranslationTable::TranslationTable(std::shared_ptr<mnl_socket> socket)
     : socket_(std::move(socket)) {}
 
 TranslationTable::~TranslationTable() {
-  // What is not removed here disappears with the socket.
+  // If memory runs out, the kernel removes the table when the socket is closed.
   try {
     remove();
   } catch (const std::bad_alloc&) {

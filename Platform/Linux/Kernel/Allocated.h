@@ -4,8 +4,8 @@
 
 namespace ostravel::linuxplatform {
 
-// What a C library has allocated; throws std::bad_alloc for null. libnftnl uses what it is given
-// without a look at it.
+// Checks an allocation by a C library; throws std::bad_alloc for null. libnftnl does not check its
+// arguments.
 template <typename Object>
 Object* allocated(Object* object) {
   if (object == nullptr) {

@@ -9,7 +9,7 @@
 
 namespace ostravel::linuxplatform {
 
-// What the first packet of a flow contains.
+// The contents of a flow's first packet.
 struct FirstPacket {
   FlowTuple tuple;
   // TCP's initial sequence number, equal in retransmitted SYNs. 0 for UDP.

@@ -178,7 +178,7 @@ class EventLoop : private LocalTurns {
   };
   std::vector<WaitingQueue> waitingQueues_;
 
-  // What the loop has posted to itself, from nextTask_ on.
+  // The loop's own work, from nextTask_ on.
   std::vector<Task> tasks_;
   std::size_t nextTask_ = 0;
 

@@ -23,7 +23,7 @@ void LoopTimers::runDue(Clock::time_point now) {
 
 void LoopTimers::drop() {
   while (!entries_.empty()) {
-    // What it owns may include other timers.
+    // Its captures may include other timers.
     const Task task = entries_.begin()->second->take();
   }
 }

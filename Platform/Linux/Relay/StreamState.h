@@ -12,8 +12,8 @@ namespace ostravel::linuxplatform {
 
 class StreamSocket;
 
-// What the two directions of a stream share: its socket, how it failed, and how to run more work
-// for it on the loop. Owned by the StreamSocket. For the loop's thread.
+// State shared by the two directions of a stream: its socket, its failure, and access to the loop.
+// Owned by the StreamSocket. For the loop's thread.
 struct StreamState {
   // The flow or connection that owns the stream, and outlives it.
   class Owner {

@@ -88,7 +88,7 @@ RunQueue::AlarmKey RunQueue::setAlarm(std::chrono::nanoseconds moment, Work work
 }
 
 void RunQueue::cancelAlarm(const AlarmKey& alarm) {
-  // What the work holds may set or cancel other alarms when it is destroyed.
+  // Destroying the work may set or cancel other alarms.
   const auto cancelled = alarms_.extract(alarm);
 }
 
@@ -183,7 +183,7 @@ void RunQueue::execute(ItemNumber number) {
   }
   running_.push_back(item.lane.get());
   const AtEnd finish([this, &item] {
-    // What the item holds is destroyed as part of the item.
+    // The item's captures are destroyed as part of the item.
     item.work = nullptr;
     running_.pop_back();
     if (item.lane) {
