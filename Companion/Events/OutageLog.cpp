@@ -34,7 +34,7 @@ std::string causeText(const Outage& outage) {
                          : "It broke connections off or answered nonsense.";
 }
 
-// Those that were hit most come first.
+// Most affected applications first.
 std::string applicationsText(const Outage& outage) {
   std::vector<std::pair<std::string, std::uint64_t>> sorted(outage.applications.begin(),
                                                             outage.applications.end());
@@ -91,7 +91,8 @@ void OutageLog::add(const FlowRecord& flow) {
   }
 }
 
-// Origins reset connections all the time; only during an outage it can be its consequence.
+// Counted only during an outage, of which it may be a consequence: origins reset connections at any
+// time.
 void OutageLog::addReset(const FlowRecord& flow) {
   if (Lasting* const lasting = find(flow.host)) {
     ++lasting->outage.reset;
@@ -211,8 +212,7 @@ OutageLog::Lasting* OutageLog::find(const std::string& host) {
   return found == lasting_.end() ? nullptr : &found->second;
 }
 
-// The lasting outage, which a new trouble begins or prolongs. Null if there are too many of other
-// machines.
+// The current outage, which a new failure begins or prolongs. Null if other machines have too many.
 OutageLog::Lasting* OutageLog::current(const std::string& host, double begin, double now) {
   Lasting* lasting = find(host);
   if (lasting == nullptr) {
@@ -233,7 +233,7 @@ OutageLog::Lasting* OutageLog::current(const std::string& host, double begin, do
   return lasting;
 }
 
-// The tunnels of a proxy that is killed end before a probe finds that out.
+// When a proxy is killed, its tunnels end before a probe detects it.
 void OutageLog::takeEarlierResets(Lasting& lasting, double now) {
   Outage& outage = lasting.outage;
   std::erase_if(resets_, [&](const Reset& reset) {

@@ -27,35 +27,35 @@ struct Outage {
   std::uint64_t invalid = 0;    // flows with an invalid answer
   std::uint64_t reset = 0;      // tunnels that ended with an error meanwhile
   std::uint64_t atOnce = 0;     // flows that went direct without waiting for it, as far as known
-  // The flows above, except those that went direct at once, by application. Bounded: the rest is
-  // counted under "others".
+  // The flows above by application, except those that went direct at once. Bounded: further ones
+  // are counted under "others".
   std::map<std::string, std::uint64_t> applications;
 
-  // That waited for it and went direct then.
+  // Flows that waited for the proxy and then went direct.
   std::uint64_t waited() const { return timedOut + backlog + brokeOff; }
   std::uint64_t lost() const { return reset + invalid; }
 };
 
-// Sums up what went wrong with the proxy, so that a person sees one outage instead of a thousand
-// failed flows. An outage begins when the first flow that gets no answer is begun, or when the
-// proxy becomes unreachable. It ends with the first answer of the proxy after the last failure, or
-// when the proxy is reachable again, and that is known once nothing has failed for kQuietSeconds. A
-// proxy that hung is tried seldom, so silence alone says nothing. A refusal is a decision of the
-// proxy and no outage. Each machine of a fleet has its own. Used by one thread at a time.
+// Groups the proxy's failures, so that users see one outage instead of a thousand failed flows. An
+// outage begins with the start of the first flow that receives no answer, or when the proxy becomes
+// unreachable. It ends with the proxy's first answer after the last failure, or when the proxy is
+// reachable again, which is certain once nothing has failed for kQuietSeconds. A hung proxy is
+// rarely tried, so silence proves nothing. A refusal is the proxy's decision and not a failure.
+// Each machine of a fleet has its own outages. Used by one thread at a time.
 class OutageLog {
  public:
   static constexpr double kQuietSeconds = 10.0;
-  // The extension finds out by its next probe that the proxy has gone, after the tunnels did.
+  // The extension's next probe detects that the proxy has ended, after its tunnels have.
   static constexpr double kNoticeSeconds = 2.0;
   static constexpr std::size_t kMostOutages = 50;
   static constexpr std::size_t kMostLasting = 10'000;
   static constexpr std::size_t kMostApplications = 20;
 
-  // Called when an outage begins, and when it is over.
+  // Called when an outage begins and when it has ended.
   using Changed = std::function<void(const Outage&)>;
   explicit OutageLog(Changed changed = nullptr) : changed_(std::move(changed)) {}
 
-  // A flow after one of its events.
+  // Call it with the flow after each of its events.
   void add(const FlowRecord& flow);
 
   void setReachable(const std::string& host, bool isReachable, double now);
@@ -66,9 +66,9 @@ class OutageLog {
   // Ends an outage when its quiet time is over. Call it periodically.
   void tick(double now);
 
-  // The newest, the oldest of them first. Valid until the next call of another function.
+  // The latest outages, oldest first. Valid until the next call of another function.
   std::vector<const Outage*> outages(std::size_t most = kMostOutages) const;
-  // Of this machine; null if there is none.
+  // The current outage of this machine; null if there is none.
   const Outage* lasting() const;
   std::size_t lastingCount() const { return lasting_.size(); }
 
@@ -82,7 +82,7 @@ class OutageLog {
     Outage outage;
     bool isReachable = true;
     double lastTrouble = 0;
-    // The first sign of the proxy since then.
+    // The proxy's first answer since then.
     std::optional<double> answeredAt;
   };
 
@@ -101,7 +101,7 @@ class OutageLog {
   Changed changed_;
   std::map<std::string, Lasting> lasting_;  // by host
   std::deque<Outage> ended_;
-  // The last ones, of which an outage may be the cause that is noticed only now.
+  // The latest failures, whose cause may be an outage that is detected later.
   std::deque<Reset> resets_;
   std::uint64_t total_ = 0;
   std::uint64_t totalWaited_ = 0;

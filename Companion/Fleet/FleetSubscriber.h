@@ -31,7 +31,7 @@ class FleetSubscriber {
     bool fromBeginning = false;  // of the stream; otherwise only new messages
     // Runs on the io_context's thread.
     std::function<void(const FleetMessage&)> event;
-    // A machine had to drop so many events of what is shown. Runs on the subscriber's thread.
+    // Called with the number of events that a machine had to drop. Runs on the subscriber's thread.
     std::function<void(std::uint64_t events)> dropped = [](std::uint64_t) {};
     // Receives lines for the log. Runs on the subscriber's thread.
     std::function<void(const std::string&)> report = [](const std::string&) {};

@@ -31,8 +31,8 @@ struct EventLineStyle {
 std::string eventLine(const ReceivedEvent& event, const FlowRecord* flow,
                       const EventLineStyle& style);
 
-// The same for an outage of the proxy that has just begun, or is over: a sentence or a few, which
-// are not cut.
+// The same for an outage of the proxy that has just begun or ended: one or more sentences, which
+// are not truncated.
 //
 //   14:03:10.112 error The proxy hangs, since 14:03:05.112: new connections go direct.
 std::string outageLine(const Outage& outage, double now, const EventLineStyle& style);

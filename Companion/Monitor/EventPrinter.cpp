@@ -44,7 +44,7 @@ std::vector<std::string> EventPrinter::outages() const {
 }
 
 void EventPrinter::printOutage(const Outage& outage) {
-  // An event has said it already, and nothing more is known yet.
+  // An event has reported it already, and no more is known yet.
   const bool isKnown = !outage.end && outage.wasUnreachable;
   if (options_.asJSON || isKnown) {
     return;
@@ -68,11 +68,11 @@ std::string EventPrinter::onMachine(
     return line(style);
   }
   std::string column = host;
-  // Wide enough for usual names; a plain name has one column for each byte.
+  // Wide enough for usual names. Plain names occupy one column per byte.
   constexpr std::size_t kHostWidth = 16;
   column.resize(std::max(column.size(), kHostWidth), ' ');
   column += ' ';
-  // The narrowest line that eventLine makes is not 0, which means any width.
+  // Never reduced to 0, which means any width.
   style.width = style.width == 0 ? 0 : std::max(style.width, column.size() + 1) - column.size();
   return column + line(style);
 }

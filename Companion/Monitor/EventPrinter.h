@@ -14,10 +14,9 @@
 
 namespace ostravel::companion {
 
-// Turns events into the lines of the monitor's output: those that the filter lets through, for
-// people or as JSON, with the machine in front if the event is of another one. For people, the
-// outages of the proxy have lines as well, whichever flows the filter lets through. Owned by main;
-// used on its event loop.
+// Formats the monitor's output: the events that pass the filter, as readable lines or as JSON,
+// preceded by the machine if it is another one. Readable output also has lines for the proxy's
+// outages, independent of the filter. Owned by main; used on its event loop.
 class EventPrinter {
  public:
   struct Options {
@@ -31,13 +30,13 @@ class EventPrinter {
 
   void print(const ReceivedEvent& event);
 
-  // Time has passed, which ends outages. Called once a second.
+  // Ends outages whose quiet time is over. Called once a second.
   void tick(double now);
 
-  // Of the flows that the filter lets through.
+  // Sums up the flows that pass the filter.
   const EventSummary& summary() const { return summary_; }
 
-  // A sentence for each outage of the proxy, of the last ones. Safe to print.
+  // A sentence for each of the proxy's latest outages. Safe to print.
   std::vector<std::string> outages() const;
 
  private:

@@ -64,7 +64,7 @@ bool isOrderlyEnd(std::error_code error) {
   return !error || error == std::errc::broken_pipe;
 }
 
-// Runs the function now and then once a second, as long as the loop runs.
+// Runs the function at once and then once a second while the loop runs.
 class EachSecond {
  public:
   EachSecond(asio::io_context& ioContext, std::function<void(double now)> function)

@@ -85,14 +85,14 @@ constexpr std::array kDeadly{"execve",
                              "settimeofday",
                              "clock_settime"};
 
-// With the index of their flags.
+// Calls with the index of their flags.
 struct Opening {
   const char* name;
   unsigned flags;
 };
 constexpr std::array<Opening, 2> kOpening{{{"open", 1}, {"openat", 2}}};
 
-// What no event loop does once it runs.
+// Calls that no running event loop makes.
 constexpr std::array kDeadlyForRelays{"listen"};
 constexpr std::array kNotForRelays{"rmdir", "unlink", "unlinkat"};
 

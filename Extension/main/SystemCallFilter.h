@@ -5,7 +5,7 @@
 namespace ostravel::linuxplatform {
 
 // Restricts the system calls that threads of this process may make from now on (seccomp(2)). None
-// of this can be undone. What is not permitted has one of two ends:
+// of this can be undone. A call that is not permitted has one of two results:
 //
 //   what no part of it does  ends the process (SIGSYS), because somebody else is in control
 //   anything else            fails with ENOSYS, as on a kernel without it, so that a library falls
@@ -14,19 +14,19 @@ namespace ostravel::linuxplatform {
 // Ending the process is safe: the kernel removes its rules, and connections go direct.
 class SystemCallFilter {
  public:
-  // All threads of the process: what the extension and its libraries use. Files can only be opened
-  // for reading, and of all names only sockets are made and removed. There are new threads, but no
-  // new processes. Running a program, tracing a process, mounts, namespaces, modules and keys are
-  // deadly.
+  // For all threads of the process: permits the calls that the extension and its libraries use.
+  // Files can only be opened for reading, and only sockets can be created and removed. New threads
+  // are permitted, new processes are not. Executing a program, tracing a process, mounts,
+  // namespaces, modules and keys end the process.
   //
-  // The flags of openat2(2) cannot be looked at; it is for looking up programs.
+  // A filter cannot read the flags of openat2(2), which is used for looking up programs.
   static platform::OptionalError install();
 
-  // The calling thread, besides: it carries connections, and neither listens, which is deadly, nor
-  // removes a name.
+  // In addition for the calling thread, which carries connections: listening ends the process, and
+  // removing a name is not permitted.
   static platform::OptionalError restrictRelay();
 
-  // The calling process, which has one thread: it watches the extension, and may end it.
+  // For the calling process, which has one thread: it watches the extension, and may end it.
   static platform::OptionalError restrictGuardian();
 };
 

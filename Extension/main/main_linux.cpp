@@ -177,7 +177,7 @@ platform::OptionalError restrictSystemCalls(platform::OptionalError (*restrict)(
 #endif
 }
 
-// Whatever cannot be given up: it watches all the same.
+// Failures are ignored: the guardian watches with more permissions as well.
 void restrictGuardian() {
   static_cast<void>(linuxplatform::Privileges::giveUpUnused());
   static_cast<void>(restrictSystemCalls(linuxplatform::SystemCallFilter::restrictGuardian));

@@ -183,13 +183,13 @@ void LiveState::receiveState(const ReceivedEvent& event) {
   if (event.signal == "provider_started" || event.signal == "provider_stopped") {
     isRunning_ = event.signal == "provider_started";
     reachableSince_ = event.timestamp;
-    // Until the first probe of the new start.
+    // Unknown until the first probe after the start.
     isReachable_.reset();
   } else if (event.signal == "proxy_unreachable" || event.signal == "proxy_recovered") {
     isReachable_ = event.signal == "proxy_recovered";
     reachableSince_ = event.timestamp;
   } else if (event.signal == "connect_handshake_succeeded" && !isReachable_) {
-    // A tunnel through it is the best probe; a proxy that is there from the start has no event.
+    // A successful tunnel proves it; a proxy that is reachable from the start causes no event.
     isReachable_ = true;
     reachableSince_ = event.timestamp;
   }
@@ -229,7 +229,7 @@ void LiveState::setStatus(const json_t* status, const std::string& problem) {
   countDirect();
 }
 
-// Of flows that do not reach the proxy there are no events.
+// Flows that do not reach the proxy cause no events.
 void LiveState::countDirect() {
   if (!status_) {
     return;
@@ -238,7 +238,7 @@ void LiveState::countDirect() {
   for (const char* const reason : {"gate_closed", "on_trial", "handshake_share"}) {
     direct += countOf(member(status_.get(), {"flows", "direct_by_reason", reason}));
   }
-  // Another process counts from the beginning.
+  // A new process counts from the beginning.
   if (directBefore_ && direct > *directBefore_) {
     outages_.countDirect(direct - *directBefore_);
   }
@@ -330,7 +330,7 @@ LiveState::Sentence LiveState::sentence() const {
             "The proxy accepts connections, but does not serve all of them; those go direct.",
             outage->begin};
   }
-  // A proxy that hangs is given a rest now and then, which says less.
+  // While the proxy hangs, its trials pause, which is less telling.
   if (outageKind(*outage) == "hung") {
     return {"direct", "The proxy hangs: new connections go direct.", outage->begin};
   }

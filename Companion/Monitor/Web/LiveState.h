@@ -20,18 +20,17 @@
 
 namespace ostravel::companion {
 
-// Everything that the page and the metrics show: what the events said, and what the extension
-// answered on its control socket, which events do not tell. Or the same of a fleet, without the
-// answers. Owned by main. Usable from any thread; bounded by the limits of FlowHistory and those
-// below.
+// The data of the page and the metrics: from the events, and from the extension's answers on its
+// control socket; of a fleet, from the events only. Owned by main. Usable from any thread; bounded
+// by the limits of FlowHistory and those below.
 class LiveState {
  public:
   // An hour of one sample per second.
   static constexpr std::size_t kMostSamples = 3600;
   static constexpr std::size_t kMostDecisions = 2000;
-  // Of a fleet. Others are not counted.
+  // Limit on the machines of a fleet. Further ones are not counted.
   static constexpr std::size_t kMostMachines = 200'000;
-  // Of flows in one update; the others follow in the next.
+  // Limit on the flows in one update; the others follow in the next one.
   static constexpr std::size_t kMostChanges = 1000;
 
   // The changes that a page has seen.
@@ -49,13 +48,13 @@ class LiveState {
   void receive(const ReceivedEvent& event);
   void countMalformedFrame();
 
-  // Events that machines of the fleet had to drop.
+  // The number of events that machines of the fleet had to drop.
   void countDropped(std::uint64_t events);
 
-  // Of this machine's events for the fleet: how many wait for the server, how many were dropped.
+  // This machine's events for the fleet: how many wait for the server, and how many were dropped.
   void setPublished(std::uint64_t waiting, std::uint64_t dropped);
 
-  // The answers to "status" and "decisions"; null for no answer, and `problem` says why.
+  // The answers to "status" and "decisions"; null if there is none, for the reason in `problem`.
   void setStatus(const json_t* status, const std::string& problem);
   void addDecisions(const json_t* decisions);
 
@@ -142,7 +141,7 @@ class LiveState {
   };
   std::optional<Published> published_;
 
-  // Of a fleet, with those whose new connections are known to go direct.
+  // The machines of a fleet, and those whose new connections are known to go direct.
   std::set<std::string> machines_;
   std::set<std::string> directMachines_;
 

@@ -13,7 +13,7 @@
 
 namespace ostravel::companion {
 
-// Shows events on a live page: owns the state, the server and what asks the extension. Owned by
+// Shows events on a live page: owns the state, the server and the poller of the extension. Owned by
 // main, which ends the process without destroying it; used by one thread.
 class WebView {
  public:

@@ -9,8 +9,8 @@ struct mnl_socket;
 namespace ostravel::linuxplatform {
 
 // Lets the tunnels of a killed extension be reset. While a process ends, the kernel closes its
-// files one after the other: if the interception table goes before a tunnel's socket, and no other
-// rules need connection tracking, the reset is no longer translated and the application never
+// files one after the other: if the interception table disappears before a tunnel's socket, and no
+// other rules need connection tracking, the reset is no longer translated and the application never
 // receives it. This table makes the kernel track and translate connections without affecting any
 // packet. Its netlink socket is shared with the guardian, which closes it when the extension has
 // closed everything.

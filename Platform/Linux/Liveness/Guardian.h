@@ -42,7 +42,7 @@ class Guardian {
   // allocates much memory, which the guardian would copy. The record outlives both. lastFile: a
   // descriptor that stays the caller's; -1 for none.
   //
-  // giveUp runs in the guardian, when it needs no more permissions than to watch and to kill.
+  // giveUp runs in the guardian once it only needs the permissions to watch and to kill.
   static platform::Result<Guardian> start(
       const HeartbeatRecord& record, int lastFile = -1,
       const std::function<void()>& giveUp = [] {});

@@ -68,8 +68,8 @@ class HostNameObserver {
   ~HostNameObserver();
 
   // Reads the copies that have arrived, at least four and for at most kCatchUpTime; true if none is
-  // left. To be called before find(), but not for a flow that began before an earlier call that
-  // returned true. From any thread.
+  // left. Call it before find(), except for a flow that began before an earlier call that returned
+  // true. From any thread.
   bool catchUp();
   static constexpr std::chrono::microseconds kCatchUpTime{250};
 
