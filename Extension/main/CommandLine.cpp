@@ -16,7 +16,7 @@
 #include "Base/PrintableText.h"
 #include "Extension/main/ConfigurationFile.h"
 #include "Extension/main/ControlSocket.h"
-#include "Platform/Interface/SystemLimits.h"
+#include "Extension/main/ProxyAddress.h"
 #include "Platform/Linux/Processes/SystemUsers.h"
 
 namespace ostravel {
@@ -62,8 +62,7 @@ std::optional<linuxplatform::PacketMarks> parseMarkMask(std::string_view text) {
 CommandLine CommandLine::parse(int argc, char** argv) {
   CLI::App app(
       "Carries the connections of this machine's applications through the HTTP proxy on\n" +
-          std::string(platform::limits::kProxyHost) + ":" +
-          std::to_string(platform::limits::kProxyPort) +
+          proxyAddress() +
           ", and leaves them alone while that proxy does not answer.\n"
           "Needs root, or CAP_NET_ADMIN, CAP_SYS_PTRACE and CAP_DAC_READ_SEARCH, and for speed "
           "CAP_BPF\n"

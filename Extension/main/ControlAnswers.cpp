@@ -10,6 +10,7 @@
 
 #include "Extension/main/ConfigurationFile.h"
 #include "Extension/main/FlowExplanation.h"
+#include "Extension/main/ProxyAddress.h"
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Kernel/QueueCounters.h"
 
@@ -41,11 +42,6 @@ void set(json_t* object, const char* key, bool value) {
 }
 void set(json_t* object, const char* key, double number) {
   json_object_set_new(object, key, json_real(number));
-}
-
-std::string proxyAddress() {
-  return std::string(platform::limits::kProxyHost) + ":" +
-         std::to_string(platform::limits::kProxyPort);
 }
 
 // While flows end, the journal's gauges change in another order than they are read.

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "Platform/Interface/SystemLimits.h"
+#include "Extension/main/ProxyAddress.h"
 
 namespace ostravel::linuxplatform {
 
@@ -53,8 +53,7 @@ ProxyingState::Reason ProxyingState::reasonFor(const Facts& facts) const {
 }
 
 std::string ProxyingState::State::message() const {
-  const std::string address = std::string(platform::limits::kProxyHost) + ":" +
-                              std::to_string(platform::limits::kProxyPort);
+  const std::string address = proxyAddress();
   switch (reason) {
     case Reason::proxied:
       return "New connections are proxied by " + proxy + ".";

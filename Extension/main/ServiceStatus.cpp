@@ -1,6 +1,6 @@
 #include "Extension/main/ServiceStatus.h"
 
-#include "Platform/Interface/SystemLimits.h"
+#include "Extension/main/ProxyAddress.h"
 
 namespace ostravel::linuxplatform {
 
@@ -33,8 +33,7 @@ std::string ServiceStatus::nextAssignments(std::optional<bool> isGateOpen, Clock
 }
 
 std::string ServiceStatus::text(std::optional<bool> isGateOpen) const {
-  const std::string address = std::string(platform::limits::kProxyHost) + ":" +
-                              std::to_string(platform::limits::kProxyPort);
+  const std::string address = proxyAddress();
   if (!isGateOpen) {
     return "Gate closed: " + address + " has not been probed yet; connections go direct";
   }

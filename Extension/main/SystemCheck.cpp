@@ -27,6 +27,7 @@
 #include "Extension/main/ConfigurationCheck.h"
 #include "Extension/main/ConfigurationFile.h"
 #include "Extension/main/Privileges.h"
+#include "Extension/main/ProxyAddress.h"
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
 #include "Platform/Linux/Identity/ProxyTrial.h"
@@ -336,8 +337,7 @@ class SystemCheck {
 
   void checkProxy(ApplicationIdentifierSource& identifiers,
                   const std::vector<std::string>& warnings) {
-    const std::string address = std::string(platform::limits::kProxyHost) + ":" +
-                                std::to_string(platform::limits::kProxyPort);
+    const std::string address = proxyAddress();
     LinuxSocketCalls sockets(options_.marks);
     ProxyTCPReachabilityProbe probe(sockets, std::string(platform::limits::kProxyHost),
                                     platform::limits::kProxyPort, platform::limits::kProbeTimeout);
