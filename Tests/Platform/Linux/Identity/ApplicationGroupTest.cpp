@@ -48,6 +48,10 @@ TEST(ApplicationGroupTest, ReadsTheIdsOfDesktops) {
   EXPECT_EQ(ApplicationGroup::of(kUser + "app-firefox-4711.scope"), claimed("firefox"));
   EXPECT_EQ(ApplicationGroup::of(kUser + "app-org.example.Tool.slice/app-org.example.Tool-1.scope"),
             claimed("org.example.Tool"));
+  // The slice that systemd chooses for a service of this name.
+  EXPECT_EQ(ApplicationGroup::of(
+                kUser + "app-app\\x2dorg.example.Tool.slice/app-org.example.Tool@1.service"),
+            claimed("org.example.Tool"));
 }
 
 TEST(ApplicationGroupTest, ReadsSnapPackages) {
