@@ -180,6 +180,7 @@ int run(int argc, char** argv) {
 
   std::signal(SIGPIPE, SIG_IGN);
   ostravel::raiseDescriptorLimit();
+  page.listener = inheritedListener();
 
   asio::io_context ioContext(1);
   asio::signal_set endSignals(ioContext, SIGINT, SIGTERM);
@@ -206,7 +207,6 @@ int run(int argc, char** argv) {
   // Declared here, so that the process ends without waiting for its threads.
   std::optional<WebView> view;
   try {
-    page.listener = inheritedListener();
     if (web->count() > 0 || page.listener) {
       page.listen = listen.empty() ? page.listen : listen;
       // A fleet has many extensions.
