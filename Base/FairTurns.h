@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <list>
 #include <unordered_map>
 #include <utility>
 
@@ -61,7 +62,8 @@ class FairTurns {
  private:
   struct Line {
     std::size_t spent = 0;
-    std::deque<Work> waiting;
+    // Unlike a deque, it allocates nothing while it is empty, which it usually is.
+    std::list<Work> waiting;
   };
 
   bool mayRunNow(Party party) const;

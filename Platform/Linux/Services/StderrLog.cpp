@@ -48,7 +48,8 @@ std::string linePrefix(LogLevel level) {
   appendCalendarText(text, second);
   text += '.';
   appendPadded(text, static_cast<unsigned>(fraction.count()), kMillisecondDigits);
-  return text.append("Z ").append(levelName(level)).append(" ");
+  text.append("Z ").append(levelName(level)).append(" ");
+  return text;
 }
 
 }  // namespace
