@@ -24,6 +24,10 @@ test_packages=(
 package_packages=(
   debhelper fakeroot lintian scdoc
 )
+# Wanted by ./package --arm64.
+cross_packages=(
+  debootstrap util-linux
+)
 # Wanted by ./package --test.
 package_test_packages=(
   debootstrap iproute2 python3 systemd-container util-linux
