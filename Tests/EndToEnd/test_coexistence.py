@@ -173,7 +173,8 @@ def test_a_tunnel_with_policy_routing_keeps_working(laboratory):
             assert fetched.way == way
             # The local proxy takes the route that the application would have taken.
             assert seen_address(fetched) == own_address
-            assert time.monotonic() - start < WITHOUT_REPETITION_SECONDS
+            # The first packet to a host, which goes direct, may wait for its neighbour's address.
+            assert way == "direct" or time.monotonic() - start < WITHOUT_REPETITION_SECONDS
 
 
 @pytest.mark.parametrize("host", [BEYOND4, BEYOND6])
