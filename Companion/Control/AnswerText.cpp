@@ -106,7 +106,7 @@ std::string handshakeText(const json_t* status) {
   const json_t* const outcomes = memberOf(status, "handshakes.outcomes");
   std::string failed;
   for (const auto* name : {"timed_out", "rejected", "invalid", "backlog", "no_answer",
-                           "connection_failed", "abandoned"}) {
+                           "request_failed", "connection_failed", "abandoned"}) {
     if (const auto count = integerOf(outcomes, name); count > 0) {
       failed += ", " + std::to_string(count) + " " + name;
     }

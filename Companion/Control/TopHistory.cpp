@@ -13,9 +13,9 @@ namespace ostravel::companion {
 namespace {
 
 bool isFailure(const std::string& outcome) {
-  constexpr std::array<std::string_view, 8> kFailures{
-      "failed",  "rejected",  "invalid",           "timed_out",
-      "backlog", "no_answer", "connection_failed", "abandoned"};
+  constexpr std::array<std::string_view, 9> kFailures{
+      "failed",    "rejected",       "invalid",           "timed_out", "backlog",
+      "no_answer", "request_failed", "connection_failed", "abandoned"};
   return std::ranges::find(kFailures, outcome) != kFailures.end();
 }
 

@@ -13,6 +13,7 @@ namespace ostravel {
 
 using platform::Data;
 using platform::Error;
+using platform::LogFields;
 using platform::OptionalError;
 using platform::TCPConnectionState;
 
@@ -124,14 +125,16 @@ void OVTunnelConnection::startHandshake() {
   if (flow_->observer() != nullptr) {
     flow_->observer()->handshakeStarted();
   }
-  log_->standard("OstravelProxy: Sending CONNECT handshake (details private)");
+  log_->standard("OstravelProxy: Sending CONNECT handshake (details private)", {},
+                 routine(monitoring_events::kHandshakeStarted));
   emit(monitoring_events::kHandshakeStarted, {{"app_id", appId_}, {"remote", target}});
   connection_->write(Data::copyOf(request), [weakSelf = weak_from_this(),
                                              &platform = platform_](const OptionalError& error) {
     const auto self = weakSelf.lock();
     if (error) {
       platform::Log& log = self ? *self->log_ : platform.defaultLog();
-      log.error("OstravelProxy: Error writing CONNECT: %{public}s", {error->localizedDescription});
+      log.error("OstravelProxy: Error writing CONNECT: %{public}s", {error->localizedDescription},
+                self ? self->failure(monitoring_events::kHandshakeWriteFailed) : LogFields{});
     }
     if (!self) {
       return;
@@ -140,7 +143,7 @@ void OVTunnelConnection::startHandshake() {
       self->readConnectResponse();
       return;
     }
-    self->noteEnd(platform::FlowEnd::connectionFailed, error->localizedDescription);
+    self->noteEnd(platform::FlowEnd::requestFailed, error->localizedDescription);
     self->emit(monitoring_events::kHandshakeWriteFailed, {{"detail", error->localizedDescription}});
     self->close(error);
   });
@@ -191,12 +194,14 @@ void OVTunnelConnection::handleConnectResponse(std::optional<Data> data, Optiona
 
 void OVTunnelConnection::handle(connect_response::Established outcome) {
   connectResponseParser_.reset();
-  log_->info("OstravelProxy: Handshake successful.");
+  log_->info("OstravelProxy: Handshake successful.", {},
+             routine(monitoring_events::kHandshakeSucceeded));
   finishSuccessfulHandshake(Data(std::move(outcome.leftover)));
 }
 
 void OVTunnelConnection::handle(connect_response::Rejected outcome) {
-  log_->error("OstravelProxy: Handshake failed (response status not 200)");
+  log_->error("OstravelProxy: Handshake failed (response status not 200)", {},
+              failure(monitoring_events::kHandshakeRejected));
   noteEnd(platform::FlowEnd::rejected, outcome.statusLine.value_or(""));
   emit(monitoring_events::kHandshakeRejected,
        {{"app_id", appId_}, {"status_line", std::move(outcome.statusLine).value_or("<missing>")}});
@@ -204,7 +209,8 @@ void OVTunnelConnection::handle(connect_response::Rejected outcome) {
 }
 
 void OVTunnelConnection::handle(connect_response::Invalid outcome) {
-  log_->error("OstravelProxy: Handshake failed (invalid response)");
+  log_->error("OstravelProxy: Handshake failed (invalid response)", {},
+              failure(monitoring_events::kHandshakeInvalid));
   noteEnd(platform::FlowEnd::invalid, outcome.reason);
   emit(monitoring_events::kHandshakeInvalid,
        {{"app_id", appId_}, {"reason", std::move(outcome.reason)}});
@@ -246,7 +252,8 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
       self->pipeRemoteToLocal();
       return;
     }
-    self->log_->debug("OstravelProxy: App write error: %{public}s", {error->localizedDescription});
+    self->log_->debug("OstravelProxy: App write error: %{public}s", {error->localizedDescription},
+                      self->failure(monitoring_events::kLeftoverWriteFailed));
     self->emit(monitoring_events::kLeftoverWriteFailed, {{"detail", error->localizedDescription}});
     self->close(error);
   });
@@ -273,7 +280,8 @@ ProxyTunnelHandshakeWatchdog& OVTunnelConnection::handshakeWatchdog() {
 void OVTunnelConnection::handleHandshakeTimeout() {
   Error error = platform::providerError(platform::kHandshakeTimedOutCode,
                                         "Proxy CONNECT handshake timed out");
-  log_->error("OstravelProxy: CONNECT handshake timed out");
+  log_->error("OstravelProxy: CONNECT handshake timed out", {},
+              failure(monitoring_events::kHandshakeTimedOut));
   noteEnd(platform::FlowEnd::timedOut, error.localizedDescription);
   emit(monitoring_events::kHandshakeTimedOut, {{"app_id", appId_}},
        {{"timeout_seconds", handshakeTimeout_}});
@@ -334,7 +342,8 @@ bool OVTunnelConnection::goesOn(OptionalError error, std::string_view logFormat)
   if (!error) {
     return true;
   }
-  log_->debug(logFormat, {error->localizedDescription});
+  log_->debug(logFormat, {error->localizedDescription},
+              routine(monitoring_events::kTunnelClosedWithError));
   close(std::move(error));
   return false;
 }
@@ -377,6 +386,14 @@ void OVTunnelConnection::noteEnd(platform::FlowEnd end, std::string_view detail)
   if (flow_->observer() != nullptr) {
     flow_->observer()->ended(end, detail);
   }
+}
+
+LogFields OVTunnelConnection::routine(const MonitoringEventKind& kind) const {
+  return {.flowID = flowId_, .application = {}, .code = kind.code};
+}
+
+LogFields OVTunnelConnection::failure(const MonitoringEventKind& kind) const {
+  return {.flowID = flowId_, .application = appId_, .code = kind.code};
 }
 
 void OVTunnelConnection::emit(const MonitoringEventKind& kind, Context context,

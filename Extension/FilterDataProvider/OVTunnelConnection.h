@@ -92,6 +92,11 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   void noteClose(const platform::OptionalError& error);
   void noteEnd(platform::FlowEnd end, std::string_view detail) const;
 
+  // What a line that goes with an event is about. Routine lines, and
+  // those that most tunnels end with, do not name the application.
+  platform::LogFields routine(const MonitoringEventKind& kind) const;
+  platform::LogFields failure(const MonitoringEventKind& kind) const;
+
   void emit(const MonitoringEventKind& kind, Context context, Metrics metrics = {}) const;
 
   platform::Platform& platform_;

@@ -81,7 +81,8 @@ void PacketTunnelProvider::openFlow(const std::shared_ptr<AppProxyTCPFlow>& flow
     const auto provider = weakProvider.lock();
     if (error) {
       platform::Log& log = provider ? *provider->log_ : platform.defaultLog();
-      log.error("OstravelProxy: Failed to open flow: %{public}s", {error->localizedDescription});
+      log.error("OstravelProxy: Failed to open flow: %{public}s", {error->localizedDescription},
+                {.application = appId});
       if (flow->observer() != nullptr) {
         flow->observer()->ended(platform::FlowEnd::abandoned, error->localizedDescription);
       }
@@ -144,7 +145,10 @@ void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& 
                                       const std::string& appId) {
   const Error error = platform::providerError(platform::kHandshakeBacklogExceededCode,
                                               "Proxy handshake backlog exceeded");
-  log_->error("OstravelProxy: Rejecting flow due to handshake backlog");
+  log_->error("OstravelProxy: Rejecting flow due to handshake backlog", {},
+              {.flowID = flowId,
+               .application = appId,
+               .code = monitoring_events::kHandshakeBacklogExceeded.code});
   if (flow.observer() != nullptr) {
     flow.observer()->ended(platform::FlowEnd::backlog, error.localizedDescription);
   }

@@ -25,6 +25,7 @@ namespace {
 
 using LogSink = linuxplatform::LinuxPlatform::LogSink;
 using linuxplatform::NameUse;
+using platform::LogLevel;
 
 constexpr int kExitUsage = 2;
 
@@ -83,6 +84,16 @@ CommandLine CommandLine::parse(int argc, char** argv) {
                  "systemd, else standard error")
       ->type_name("SINK")
       ->check(CLI::IsMember(sinks));
+  const std::map<std::string, LogLevel> levels = {{"debug", LogLevel::debug},
+                                                  {"info", LogLevel::info},
+                                                  {"default", LogLevel::standard},
+                                                  {"error", LogLevel::error}};
+  std::optional<std::string> level;
+  app.add_option("--log-level", level,
+                 "least important lines that are written: debug, info, default or error; without "
+                 "it the configuration's, else all, but no debug lines to standard error")
+      ->type_name("LEVEL")
+      ->check(CLI::IsMember(levels));
   bool isCheck = false;
   bool isDryRun = false;
   auto* const check = app.add_flag(
@@ -148,6 +159,7 @@ CommandLine CommandLine::parse(int argc, char** argv) {
   Options options{.job = job,
                   .configurationPath = configurationPath,
                   .logSink = sinks.at(sink),
+                  .logLevel = level ? std::optional(levels.at(*level)) : std::nullopt,
                   .controlPath = hasControl ? controlPath : std::nullopt,
                   .hasControl = hasControl,
                   .hasGuardian = !isGuardianUnwanted,

@@ -28,6 +28,8 @@ struct CommandLine {
     // Absent: the default file, if there is one.
     std::optional<std::string> configurationPath;
     linuxplatform::LinuxPlatform::LogSink logSink;
+    // Absent: that of the configuration.
+    std::optional<platform::LogLevel> logLevel;
     // The path of the control socket. Absent: the default.
     std::optional<std::string> controlPath;
     bool hasControl = true;

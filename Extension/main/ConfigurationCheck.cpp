@@ -6,6 +6,7 @@
 #include <variant>
 
 #include "Base/JSONKeyPlaces.h"
+#include "Extension/main/ConfigurationFile.h"
 
 namespace ostravel::linuxplatform {
 
@@ -13,12 +14,15 @@ namespace {
 
 constexpr std::string_view kSocketPathKey = "monitoringSocketPath";
 
-// The problem with the member, as a sentence without its subject.
-std::optional<std::string> problemWith(std::string_view key,
-                                       const platform::ConfigurationValue& value) {
-  if (key != kSocketPathKey) {
-    return "is unknown and has no effect; the only key is \"" + std::string(kSocketPathKey) + "\"";
+std::optional<std::string> problemWithLogLevel(const platform::ConfigurationValue& value) {
+  const auto* const name = std::get_if<std::string>(&value);
+  if (name == nullptr || !platform::logLevelNamed(*name)) {
+    return "must be \"debug\", \"info\", \"default\" or \"error\"; it has no effect";
   }
+  return std::nullopt;
+}
+
+std::optional<std::string> problemWithSocketPath(const platform::ConfigurationValue& value) {
   const auto* const path = std::get_if<std::string>(&value);
   if (path == nullptr) {
     return "must be a text, such as \"/run/ostravel/monitoring.sock\"; no event is sent";
@@ -33,6 +37,19 @@ std::optional<std::string> problemWith(std::string_view key,
            "started; write an absolute one";
   }
   return std::nullopt;
+}
+
+// What is wrong with the member, as a sentence without its subject.
+std::optional<std::string> problemWith(std::string_view key,
+                                       const platform::ConfigurationValue& value) {
+  if (key == kSocketPathKey) {
+    return problemWithSocketPath(value);
+  }
+  if (key == kLogLevelKey) {
+    return problemWithLogLevel(value);
+  }
+  return "is unknown and has no effect; the keys are \"" + std::string(kSocketPathKey) +
+         "\" and \"" + kLogLevelKey + "\"";
 }
 
 }  // namespace

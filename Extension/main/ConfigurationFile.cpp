@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <memory>
 #include <utility>
+#include <variant>
 
 #include "Base/JSONHandle.h"
 #include "Platform/Interface/ProviderError.h"
@@ -92,6 +93,15 @@ Result<std::optional<ProviderConfiguration>> readProviderConfiguration(
     return std::move(read).error();
   }
   return std::optional(*std::move(read));
+}
+
+std::optional<platform::LogLevel> logLevelOf(
+    const std::optional<ProviderConfiguration>& configuration) {
+  if (!configuration || !configuration->contains(kLogLevelKey)) {
+    return std::nullopt;
+  }
+  const auto* const name = std::get_if<std::string>(&configuration->at(kLogLevelKey));
+  return name == nullptr ? std::nullopt : platform::logLevelNamed(*name);
 }
 
 }  // namespace ostravel::linuxplatform

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "Platform/Interface/Log.h"
 #include "Platform/Interface/ProviderConfiguration.h"
 #include "Platform/Interface/Result.h"
 
@@ -17,6 +18,13 @@ platform::Result<platform::ProviderConfiguration> readConfigurationFile(const st
 // not exist.
 platform::Result<std::optional<platform::ProviderConfiguration>> readProviderConfiguration(
     const std::optional<std::string>& path);
+
+// The level of the key "logLevel"; absent without the key, or if its value is not one.
+std::optional<platform::LogLevel> logLevelOf(
+    const std::optional<platform::ProviderConfiguration>& configuration);
+
+// Read by the process entry; the provider ignores it.
+inline constexpr const char* kLogLevelKey = "logLevel";
 
 inline constexpr const char* kDefaultConfigurationPath =
     "/etc/ostravel/provider-configuration.json";

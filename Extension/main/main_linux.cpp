@@ -243,6 +243,8 @@ int run(int argc, char** argv) {
   const bool isJournalReplaced = isJournalMissing(*commandLine.options);
   linuxplatform::LinuxPlatform platform(
       {.logSink = isJournalReplaced ? LogSink::standardError : commandLine.options->logSink,
+       .logLevel = commandLine.options->logLevel ? commandLine.options->logLevel
+                                                 : linuxplatform::logLevelOf(*configuration),
        .marks = commandLine.options->marks});
   platform.writeLogOnCrash();
   if (isJournalReplaced) {
@@ -268,7 +270,8 @@ int run(int argc, char** argv) {
   const ControlAnswers* observedAnswers = nullptr;
   linuxplatform::ProxyingState proxying;
   linuxplatform::DescriptorBudget descriptors;
-  linuxplatform::FlowJournal journal(platform.clock(), linuxplatform::kMaximumEventLoops);
+  linuxplatform::FlowJournal journal(platform.clock(), linuxplatform::kMaximumEventLoops,
+                                     &platform.defaultLog());
   linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
   restrictRelays(loops);
   linuxplatform::Heartbeat heartbeat(record);

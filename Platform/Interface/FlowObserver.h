@@ -28,12 +28,13 @@ enum class FlowEnd : std::uint8_t {
   failed,
   // Before its tunnel was established: the proxy's status was not 200; its answer was not HTTP; it
   // did not answer in time; too many handshakes were pending; it closed without an answer; the
-  // connection to it failed.
+  // request could not be sent to it; the connection to it failed otherwise.
   rejected,
   invalid,
   timedOut,
   backlog,
   noAnswer,
+  requestFailed,
   connectionFailed,
   // Ended for another reason.
   abandoned,

@@ -68,9 +68,11 @@ std::shared_ptr<platform::Log> LinuxPlatform::makeLog(std::string subsystem, std
   std::shared_ptr<platform::Log> log = known.lock();
   if (!log) {
     if (options_.logSink == LogSink::journal) {
-      log = std::make_shared<JournalLog>(logWriter_, subsystem, category);
+      log = std::make_shared<JournalLog>(logWriter_, subsystem, category,
+                                         options_.logLevel.value_or(platform::LogLevel::debug));
     } else {
-      log = std::make_shared<StderrLog>(logWriter_);
+      log = std::make_shared<StderrLog>(logWriter_,
+                                        options_.logLevel.value_or(platform::LogLevel::info));
     }
     known = log;
   }

@@ -25,10 +25,12 @@ namespace ostravel::linuxplatform {
 // log report a closed peer as an error.
 class LinuxPlatform final : public platform::Platform {
  public:
-  // Only the journal receives debug lines.
   enum class LogSink { standardError, journal };
   struct Options {
     LogSink logSink = LogSink::standardError;
+    // The least important lines that are written. Absent: all of them to the journal, and all but
+    // debug lines to standard error.
+    std::optional<platform::LogLevel> logLevel = std::nullopt;
     // How sockets are marked as our own.
     PacketMarks marks = {};
   };

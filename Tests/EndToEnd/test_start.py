@@ -219,8 +219,8 @@ def test_it_warns_of_keys_and_values_that_have_no_effect(laboratory):
     extension = laboratory.run_extension("--configuration", path)
     extension.expect(extension.errors, "Rules set successfully")
     assert [line for line in errors_of(extension) if path in line] == [
-        f'OstravelProxy: {path}:3:5: "monitoringSocket" is unknown and has no effect; the only key '
-        'is "monitoringSocketPath"',
+        f'OstravelProxy: {path}:3:5: "monitoringSocket" is unknown and has no effect; the keys '
+        'are "monitoringSocketPath" and "logLevel"',
         f'OstravelProxy: {path}:2:3: "monitoringSocketPath" must be a text, such as '
         '"/run/ostravel/monitoring.sock"; no event is sent',
     ]

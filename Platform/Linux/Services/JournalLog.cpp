@@ -14,13 +14,18 @@
 
 #include "Base/FileDescriptor.h"
 #include "Base/PrintableText.h"
+#include "Platform/Linux/Services/LogCatalogue.h"
 #include "Platform/Linux/Services/LogLine.h"
 
 namespace ostravel::linuxplatform {
 
+using platform::LogFields;
 using platform::LogLevel;
 
 namespace {
+
+// More than any record has.
+constexpr std::size_t kMostFields = 16;
 
 // syslog(3) levels.
 std::string_view priorityField(LogLevel level) {
@@ -42,10 +47,21 @@ std::string originFields(const std::string& subsystem, const std::string& catego
          "\nOSTRAVEL_CATEGORY=" + printableText(category) + '\n';
 }
 
-// text is printable, so it contains no line feed that would end a field.
-std::string record(LogLevel level, std::string_view text, std::string_view origin) {
+void append(std::string& fields, std::string_view name, std::string_view value) {
+  if (!value.empty()) {
+    fields.append(name).append("=").append(printableText(value)).append("\n");
+  }
+}
+
+// text is printable, so it contains no line feed that would end a field. format: that of text.
+std::string record(LogLevel level, std::string_view text, std::string_view format,
+                   const LogFields& about, std::string_view origin) {
   std::string fields = "MESSAGE=";
   fields.append(text).append("\n").append(priorityField(level)).append("\n");
+  append(fields, "MESSAGE_ID", messageIDOf(format));
+  append(fields, "OSTRAVEL_FLOW_ID", about.flowID);
+  append(fields, "OSTRAVEL_CODE", about.code);
+  append(fields, "APPLICATION", about.application);
   return fields.append(origin).append("\n");
 }
 
@@ -75,7 +91,7 @@ JournalLog::Output::Output(const std::string& subsystem, const std::string& cate
 
 std::size_t JournalLog::Output::write(std::string_view records) {
   const std::string_view fields = firstRecord(records);
-  std::array<iovec, 8> parts{};
+  std::array<iovec, kMostFields> parts{};
   std::size_t count = 0;
   for (std::string_view rest = fields; !rest.empty() && count < parts.size(); ++count) {
     const std::size_t end = rest.find('\n');
@@ -88,7 +104,7 @@ std::size_t JournalLog::Output::write(std::string_view records) {
 }
 
 std::string JournalLog::Output::dropped(std::size_t count) {
-  return record(LogLevel::error, droppedLinesText(count), originFields_);
+  return record(LogLevel::error, droppedLinesText(count), kDroppedLinesFormat, {}, originFields_);
 }
 
 // Without the library, which may allocate. The fields already have the journal's format (systemd's
@@ -104,13 +120,21 @@ std::size_t JournalLog::Output::writeInCrash(std::string_view records) noexcept 
 }
 
 JournalLog::JournalLog(std::shared_ptr<BackgroundWriter> writer, const std::string& subsystem,
-                       const std::string& category)
-    : writer_(std::move(writer)), originFields_(originFields(subsystem, category)) {}
+                       const std::string& category, LogLevel least)
+    : writer_(std::move(writer)), originFields_(originFields(subsystem, category)), least_(least) {}
 
 void JournalLog::write(LogLevel level, std::string_view format,
                        std::span<const platform::LogArgument> arguments) {
+  writeAbout({}, level, format, arguments);
+}
+
+void JournalLog::writeAbout(const LogFields& fields, LogLevel level, std::string_view format,
+                            std::span<const platform::LogArgument> arguments) {
+  if (level < least_) {
+    return;
+  }
   const int errorOfCaller = errno;
-  writer_->push(record(level, printableLogLine(format, arguments), originFields_),
+  writer_->push(record(level, printableLogLine(format, arguments), format, fields, originFields_),
                 urgencyOf(level));
   errno = errorOfCaller;
 }

@@ -8,8 +8,15 @@
 
 namespace ostravel::linuxplatform {
 
-// Passes lines of all levels for the systemd journal to a background writer, with subsystem and
-// category as fields (OSTRAVEL_SUBSYSTEM, OSTRAVEL_CATEGORY). Usable from any thread.
+// Passes lines for the systemd journal to a background writer, with these fields besides the usual
+// ones:
+//
+//   OSTRAVEL_SUBSYSTEM, OSTRAVEL_CATEGORY    of the handle
+//   MESSAGE_ID                               what kind of line it is; see LogCatalogue
+//   OSTRAVEL_FLOW_ID, OSTRAVEL_CODE          the flow that it is about, and the event's code
+//   APPLICATION                              the flow's application
+//
+// A field that does not apply is absent. Usable from any thread.
 class JournalLog final : public platform::Log {
  public:
   // True if a journal accepts records at the moment.
@@ -30,18 +37,22 @@ class JournalLog final : public platform::Log {
     const std::string originFields_;
   };
 
-  // The writer has an Output of this class.
+  // The writer has an Output of this class. Lines below the least level are not written.
   JournalLog(std::shared_ptr<BackgroundWriter> writer, const std::string& subsystem,
-             const std::string& category);
+             const std::string& category, platform::LogLevel least = platform::LogLevel::debug);
 
  protected:
   void write(platform::LogLevel level, std::string_view format,
              std::span<const platform::LogArgument> arguments) override;
+  void writeAbout(const platform::LogFields& fields, platform::LogLevel level,
+                  std::string_view format,
+                  std::span<const platform::LogArgument> arguments) override;
 
  private:
   const std::shared_ptr<BackgroundWriter> writer_;
   // Complete fields, as in a record.
   const std::string originFields_;
+  const platform::LogLevel least_;
 };
 
 }  // namespace ostravel::linuxplatform

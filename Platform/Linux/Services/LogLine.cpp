@@ -10,7 +10,8 @@ std::string printableLogLine(std::string_view format,
 }
 
 std::string droppedLinesText(std::size_t count) {
-  return "OstravelProxy: Log lines dropped count=" + std::to_string(count);
+  const platform::LogArgument argument = static_cast<std::int64_t>(count);
+  return platform::formatLogLine(kDroppedLinesFormat, {&argument, 1});
 }
 
 }  // namespace ostravel::linuxplatform

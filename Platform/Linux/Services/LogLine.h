@@ -23,6 +23,8 @@ constexpr BackgroundWriter::Urgency urgencyOf(platform::LogLevel level) {
 
 // The line, of level error, that replaces lines in the log that were dropped because they were not
 // read fast enough.
+inline constexpr std::string_view kDroppedLinesFormat =
+    "OstravelProxy: Log lines dropped count=%{public}d";
 std::string droppedLinesText(std::size_t count);
 
 }  // namespace ostravel::linuxplatform

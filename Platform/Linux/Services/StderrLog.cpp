@@ -23,20 +23,8 @@ constexpr auto kPatience = 100ms;
 // Usual lines fit, so that they are written in one piece of memory.
 constexpr std::size_t kLineRoom = 160;
 
-// All of the same width.
-std::string_view levelName(LogLevel level) {
-  switch (level) {
-    case LogLevel::debug:
-      return "debug  ";
-    case LogLevel::info:
-      return "info   ";
-    case LogLevel::standard:
-      return "default";
-    case LogLevel::error:
-      break;
-  }
-  return "error  ";
-}
+// That of the longest name.
+constexpr std::size_t kLevelWidth = 7;
 
 std::string linePrefix(LogLevel level) {
   constexpr unsigned kMillisecondDigits = 3;
@@ -48,8 +36,8 @@ std::string linePrefix(LogLevel level) {
   appendCalendarText(text, second);
   text += '.';
   appendPadded(text, static_cast<unsigned>(fraction.count()), kMillisecondDigits);
-  text.append("Z ").append(levelName(level)).append(" ");
-  return text;
+  const std::string_view name = nameOf(level);
+  return text.append("Z ").append(name).append(kLevelWidth + 1 - name.size(), ' ');
 }
 
 }  // namespace
@@ -70,11 +58,12 @@ std::size_t StderrLog::Output::writeInCrash(std::string_view lines) noexcept {
   return output_.writePiece(lines, 0ms).size;
 }
 
-StderrLog::StderrLog(std::shared_ptr<BackgroundWriter> writer) : writer_(std::move(writer)) {}
+StderrLog::StderrLog(std::shared_ptr<BackgroundWriter> writer, LogLevel least)
+    : writer_(std::move(writer)), least_(least) {}
 
 void StderrLog::write(LogLevel level, std::string_view format,
                       std::span<const platform::LogArgument> arguments) {
-  if (level == LogLevel::debug) {
+  if (level < least_) {
     return;
   }
   const int errorOfCaller = errno;

@@ -14,8 +14,7 @@ namespace ostravel::linuxplatform {
 //
 //   2026-11-21T11:05:01.123Z info    OstravelProxy: Provider started
 //
-// The time at which the line was logged, in UTC, then the level. Drops debug lines. Usable from any
-// thread.
+// The time at which the line was logged, in UTC, then the level. Usable from any thread.
 class StderrLog final : public platform::Log {
  public:
   // Writes the lines to a descriptor. A line that cannot be written is silently lost, except that a
@@ -34,8 +33,9 @@ class StderrLog final : public platform::Log {
     const LineOutput output_;
   };
 
-  // The writer has an Output of this class.
-  explicit StderrLog(std::shared_ptr<BackgroundWriter> writer);
+  // The writer has an Output of this class. Lines below the least level are not written.
+  explicit StderrLog(std::shared_ptr<BackgroundWriter> writer,
+                     platform::LogLevel least = platform::LogLevel::info);
 
  protected:
   void write(platform::LogLevel level, std::string_view format,
@@ -43,6 +43,7 @@ class StderrLog final : public platform::Log {
 
  private:
   const std::shared_ptr<BackgroundWriter> writer_;
+  const platform::LogLevel least_;
 };
 
 }  // namespace ostravel::linuxplatform

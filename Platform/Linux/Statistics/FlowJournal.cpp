@@ -24,15 +24,16 @@ class FlowJournal::Reading {
   const std::lock_guard<std::mutex> lock_;
 };
 
-FlowJournal::FlowJournal(const platform::Clock& clock, unsigned loops) : clock_(clock) {
+FlowJournal::FlowJournal(const platform::Clock& clock, unsigned loops, platform::Log* log)
+    : clock_(clock), log_(log) {
   for (unsigned index = 0; index < loops; ++index) {
     counters_.emplace_back();
   }
 }
 
 std::shared_ptr<FlowRecord> FlowJournal::open(FlowRecord::Origin origin, unsigned loop) {
-  return std::make_shared<FlowRecord>(std::move(origin), clock_.secondsSince1970(),
-                                      counters_[loop]);
+  return std::make_shared<FlowRecord>(std::move(origin), clock_.secondsSince1970(), counters_[loop],
+                                      log_);
 }
 
 void FlowJournal::publish(std::shared_ptr<FlowRecord> record) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Platform/Interface/Clock.h"
+#include "Platform/Interface/Log.h"
 #include "Platform/Linux/Statistics/DurationHistogram.h"
 #include "Platform/Linux/Statistics/FlowCounters.h"
 #include "Platform/Linux/Statistics/FlowRecord.h"
@@ -35,8 +36,8 @@ class FlowJournal {
   // flood neither costs much nor displaces all other records.
   static constexpr std::size_t kKeptPerSecond = 20;
 
-  // loops: how many event loops carry flows.
-  FlowJournal(const platform::Clock& clock, unsigned loops);
+  // loops: how many event loops carry flows. log: as for FlowRecord.
+  FlowJournal(const platform::Clock& clock, unsigned loops, platform::Log* log = nullptr);
   FlowJournal(const FlowJournal&) = delete;
   FlowJournal& operator=(const FlowJournal&) = delete;
 
@@ -121,6 +122,7 @@ class FlowJournal {
   void release();
 
   const platform::Clock& clock_;
+  platform::Log* const log_;
   std::deque<FlowCounters> counters_;
   DurationHistogram verdicts_;
   SingleWriterCount refused_;

@@ -30,7 +30,7 @@ std::optional<FlowRecord::Elapsed> stepOf(std::int64_t microseconds) {
 
 }  // namespace
 
-FlowRecord::FlowRecord(Origin origin, double time, FlowCounters& counters)
+FlowRecord::FlowRecord(Origin origin, double time, FlowCounters& counters, platform::Log* log)
     : origin_{origin.isUDP,
               cut(std::move(origin.application)),
               cut(std::move(origin.destination)),
@@ -38,7 +38,8 @@ FlowRecord::FlowRecord(Origin origin, double time, FlowCounters& counters)
               origin.process,
               origin.begin},
       time_(time),
-      counters_(counters) {}
+      counters_(counters),
+      log_(log) {}
 
 std::int64_t FlowRecord::elapsed() const {
   return std::chrono::duration_cast<Elapsed>(Clock::now() - origin_.begin).count();
@@ -98,7 +99,26 @@ void FlowRecord::ended(FlowEnd end, std::string_view detail) {
   }
   change<std::uint64_t>(counters_.ends[static_cast<std::size_t>(end)], 1);
   change<std::int64_t>(phase == Phase::established ? counters_.open : counters_.pending, -1);
+  logFailure(end);
   end_.store(static_cast<std::uint8_t>(end), std::memory_order_release);
+}
+
+void FlowRecord::logFailure(FlowEnd end) const {
+  if (log_ == nullptr) {
+    return;
+  }
+  const bool isIdentified = hasIdentifier_.load(std::memory_order_acquire);
+  const platform::LogFields fields{
+      .flowID = isIdentified ? std::string_view(identifier_.data(), identifier_.size())
+                             : std::string_view(),
+      .application = origin_.application,
+      // The only event of such an end.
+      .code = "extension.tunnel_closed"};
+  if (end == FlowEnd::connectionFailed) {
+    log_->error("OstravelProxy: The connection to the proxy failed: %{public}s", {detail_}, fields);
+  } else if (end == FlowEnd::noAnswer) {
+    log_->error("OstravelProxy: The proxy closed the connection without an answer", {}, fields);
+  }
 }
 
 void FlowRecord::sent(std::size_t bytes) {
@@ -202,6 +222,8 @@ std::string_view nameOf(FlowEnd end) {
       return "backlog";
     case FlowEnd::noAnswer:
       return "no_answer";
+    case FlowEnd::requestFailed:
+      return "request_failed";
     case FlowEnd::connectionFailed:
       return "connection_failed";
     case FlowEnd::abandoned:

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "Platform/Interface/FlowObserver.h"
+#include "Platform/Interface/Log.h"
 #include "Platform/Linux/Statistics/FlowCounters.h"
 #include "Platform/Linux/Statistics/SingleWriterCount.h"
 
@@ -20,7 +21,7 @@ namespace ostravel::linuxplatform {
 // The history of one flow from its first packet on: the decision, its reason, and the time of each
 // step. Made by the journal and shared with the flow, which reports to it. Written by the thread
 // that decides until it is published, then by the flow's event loop; readable from any thread at
-// any time. Its counters outlive it.
+// any time. Its counters and its log outlive it.
 class FlowRecord final : public platform::FlowObserver {
  public:
   using Clock = std::chrono::steady_clock;
@@ -44,8 +45,9 @@ class FlowRecord final : public platform::FlowObserver {
   static constexpr std::size_t kLongestText = 255;
   static constexpr std::size_t kLongestDetail = 120;
 
-  // time: of origin.begin, in seconds since 1970.
-  FlowRecord(Origin origin, double time, FlowCounters& counters);
+  // time: of origin.begin, in seconds since 1970. log: null, or for failures that the core does not
+  // log, so that each flow that fails has a line.
+  FlowRecord(Origin origin, double time, FlowCounters& counters, platform::Log* log = nullptr);
 
   // platform::FlowObserver
   void decided(platform::FlowRule rule) override;
@@ -111,6 +113,7 @@ class FlowRecord final : public platform::FlowObserver {
   enum class Phase : std::uint8_t { pending, established, over };
 
   std::int64_t elapsed() const;
+  void logFailure(platform::FlowEnd end) const;
   // In seconds since 1970.
   double timeAfter(std::int64_t microseconds) const;
   std::string_view outcome(std::uint8_t end) const;
@@ -118,6 +121,7 @@ class FlowRecord final : public platform::FlowObserver {
   const Origin origin_;
   const double time_;
   FlowCounters& counters_;
+  platform::Log* const log_;
   // Not changed after the flow was offered.
   Action action_ = Action::direct;
   std::string_view reason_ = "no_handler";

@@ -13,8 +13,15 @@ SimulatedLog::SimulatedLog(const RunQueue& run, std::vector<LogRecord>& records,
 
 void SimulatedLog::write(platform::LogLevel level, std::string_view format,
                          std::span<const platform::LogArgument> arguments) {
-  records_.push_back(
-      {level, subsystem_, category_, platform::formatLogLine(format, arguments), run_.now()});
+  writeAbout({}, level, format, arguments);
+}
+
+void SimulatedLog::writeAbout(const platform::LogFields& fields, platform::LogLevel level,
+                              std::string_view format,
+                              std::span<const platform::LogArgument> arguments) {
+  records_.push_back({level, subsystem_, category_, platform::formatLogLine(format, arguments),
+                      run_.now(), std::string(fields.flowID), std::string(fields.application),
+                      std::string(fields.code)});
 }
 
 }  // namespace ostravel::simulation

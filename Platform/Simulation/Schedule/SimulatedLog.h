@@ -19,6 +19,10 @@ struct LogRecord {
   std::string line;
   // Virtual time.
   std::chrono::nanoseconds moment{0};
+  // As in platform::LogFields.
+  std::string flowID = {};
+  std::string application = {};
+  std::string code = {};
 };
 
 // A log handle whose lines the simulation keeps, even after the handle is destroyed.
@@ -30,6 +34,9 @@ class SimulatedLog final : public platform::Log {
  protected:
   void write(platform::LogLevel level, std::string_view format,
              std::span<const platform::LogArgument> arguments) override;
+  void writeAbout(const platform::LogFields& fields, platform::LogLevel level,
+                  std::string_view format,
+                  std::span<const platform::LogArgument> arguments) override;
 
  private:
   const RunQueue& run_;

@@ -27,9 +27,9 @@ using Lines = std::vector<std::string>;
 using namespace std::chrono_literals;
 
 std::string_view nameOf(FlowEnd end) {
-  constexpr std::string_view kNames[] = {"closed",    "failed",  "rejected",  "invalid",
-                                         "timed out", "backlog", "no answer", "connection failed",
-                                         "abandoned"};
+  constexpr std::string_view kNames[] = {
+      "closed",  "failed",    "rejected",       "invalid",           "timed out",
+      "backlog", "no answer", "request failed", "connection failed", "abandoned"};
   return kNames[static_cast<std::size_t>(end)];
 }
 

@@ -19,8 +19,22 @@ TEST(ConfigurationCheck, AnAbsolutePathIsFine) {
 TEST(ConfigurationCheck, NamesTheUnknownKeyAndItsPlace) {
   EXPECT_EQ(configurationWarnings({{"monitoringSocket", std::string("/m")}}, "c.json",
                                   "{\n  \"monitoringSocket\": \"/m\"\n}"),
-            (Warnings{"c.json:2:3: \"monitoringSocket\" is unknown and has no effect; the only key "
-                      "is \"monitoringSocketPath\""}));
+            (Warnings{"c.json:2:3: \"monitoringSocket\" is unknown and has no effect; the keys are "
+                      "\"monitoringSocketPath\" and \"logLevel\""}));
+}
+
+TEST(ConfigurationCheck, ALogLevelIsOneOfFour) {
+  const auto warningsOf = [](const platform::ConfigurationValue& value) {
+    return configurationWarnings({{"logLevel", value}}, "c.json", "{\n \"logLevel\": 0}");
+  };
+  for (const auto* const level : {"debug", "info", "default", "error"}) {
+    EXPECT_EQ(warningsOf(std::string(level)), Warnings()) << level;
+  }
+  const Warnings expected{
+      "c.json:2:2: \"logLevel\" must be \"debug\", \"info\", \"default\" or \"error\"; it has no "
+      "effect"};
+  EXPECT_EQ(warningsOf(std::string("warning")), expected);
+  EXPECT_EQ(warningsOf(std::int64_t{3}), expected);
 }
 
 TEST(ConfigurationCheck, NamesTheWrongType) {

@@ -94,5 +94,17 @@ TEST_F(ConfigurationFile, ReadsTheNamedFile) {
   EXPECT_EQ(std::get<std::string>((*result)->at("monitoringSocketPath")), "/run/m.sock");
 }
 
+TEST(ConfiguredLogLevel, IsThatOfTheKey) {
+  const auto levelOf = [](const platform::ConfigurationValue& value) {
+    return logLevelOf(ProviderConfiguration{{"logLevel", value}});
+  };
+  EXPECT_EQ(levelOf(std::string("error")), platform::LogLevel::error);
+  EXPECT_EQ(levelOf(std::string("default")), platform::LogLevel::standard);
+  EXPECT_EQ(levelOf(std::string("loud")), std::nullopt);
+  EXPECT_EQ(levelOf(true), std::nullopt);
+  EXPECT_EQ(logLevelOf(ProviderConfiguration{}), std::nullopt);
+  EXPECT_EQ(logLevelOf(std::nullopt), std::nullopt);
+}
+
 }  // namespace
 }  // namespace ostravel::linuxplatform

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Linux/Services/LogCatalogue.h"
+#include "Platform/Linux/Services/LogLine.h"
 #include "Tests/Platform/Linux/Support/ReceivingJournal.h"
 
 namespace ostravel::linuxplatform {
@@ -67,6 +69,40 @@ TEST(JournalLogTest, SendsEveryLevelWithItsFields) {
     log.error("e %{public}d", {std::int64_t{1}});
     ASSERT_TRUE(flush(*writer));
     EXPECT_EQ(journal.nextEntry(), expected("e 1", "3"));
+  });
+}
+
+TEST(JournalLogTest, SendsWhatALineIsAbout) {
+  withPrivateRun([] {
+    const ReceivingJournal journal;
+    const auto writer = makeWriter();
+    JournalLog log(writer, "sub", "cat");
+    constexpr std::string_view kFormat = "OstravelProxy: CONNECT handshake timed out";
+    log.error(kFormat, {},
+              {.flowID = "FLOW", .application = "/usr/bin/a\nb", .code = "extension.timed_out"});
+    ASSERT_TRUE(flush(*writer));
+    EXPECT_EQ(journal.nextEntry(),
+              (std::set<std::string>{"MESSAGE=" + std::string(kFormat), "PRIORITY=3",
+                                     "MESSAGE_ID=" + std::string(messageIDOf(kFormat)),
+                                     "OSTRAVEL_FLOW_ID=FLOW", "OSTRAVEL_CODE=extension.timed_out",
+                                     "APPLICATION=/usr/bin/a\\nb", "SYSLOG_IDENTIFIER=ostravel",
+                                     "OSTRAVEL_SUBSYSTEM=sub", "OSTRAVEL_CATEGORY=cat"}));
+  });
+}
+
+TEST(JournalLogTest, LeavesOutLessImportantLines) {
+  withPrivateRun([] {
+    const ReceivingJournal journal;
+    const auto writer = makeWriter();
+    JournalLog log(writer, "sub", "cat", platform::LogLevel::standard);
+    log.debug("a");
+    log.info("b");
+    log.standard("c");
+    log.error("d");
+    ASSERT_TRUE(flush(*writer));
+    EXPECT_EQ(messageOf(journal.nextEntry()), "c");
+    EXPECT_EQ(messageOf(journal.nextEntry()), "d");
+    EXPECT_TRUE(journal.nextEntry().empty());
   });
 }
 
@@ -153,9 +189,11 @@ TEST(JournalLogTest, ACrashSendsARecordWithoutTheLibrary) {
     const std::string record = output.dropped(7);
     EXPECT_EQ(output.writeInCrash(record + record), record.size());
     const auto fields = journal.nextEntry();
-    EXPECT_EQ(fields, (std::set<std::string>{"MESSAGE=OstravelProxy: Log lines dropped count=7",
-                                             "PRIORITY=3", "SYSLOG_IDENTIFIER=ostravel",
-                                             "OSTRAVEL_SUBSYSTEM=sub", "OSTRAVEL_CATEGORY=cat"}));
+    EXPECT_EQ(fields, (std::set<std::string>{
+                          "MESSAGE=OstravelProxy: Log lines dropped count=7", "PRIORITY=3",
+                          "MESSAGE_ID=" + std::string(messageIDOf(kDroppedLinesFormat)),
+                          "SYSLOG_IDENTIFIER=ostravel", "OSTRAVEL_SUBSYSTEM=sub",
+                          "OSTRAVEL_CATEGORY=cat"}));
     EXPECT_TRUE(journal.nextEntry().empty());
   });
 }

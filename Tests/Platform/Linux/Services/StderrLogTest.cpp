@@ -160,6 +160,17 @@ TEST_F(StderrLogTest, CountsDroppedLines) {
   EXPECT_EQ(accounted, kLines);
 }
 
+TEST_F(StderrLogTest, LeavesOutLessImportantLines) {
+  StderrLog log(writer_, platform::LogLevel::error);
+  log.info("b");
+  log.standard("c");
+  log.error("d");
+  StderrLog(writer_, platform::LogLevel::debug).debug("a");
+  const std::string text = written();
+  EXPECT_TRUE(std::regex_match(text, std::regex(R"([^\n]{24} error   d\n[^\n]{24} debug   a\n)")))
+      << text;
+}
+
 TEST_F(StderrLogTest, LinesFromManyThreadsStayWhole) {
   StderrLog log(writer_);
   constexpr int kThreads = 4;

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <span>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -109,6 +112,50 @@ TEST_F(FlowRecordTest, EveryRuleHasAnActionAndAWord) {
     EXPECT_EQ(actionOf(rule), Action::direct);
     EXPECT_NE(nameOf(rule), "unknown");
   }
+}
+
+// Keeps each line with what it is about.
+class NotingLog final : public platform::Log {
+ public:
+  std::vector<std::string> lines;
+
+ private:
+  void write(platform::LogLevel level, std::string_view format,
+             std::span<const platform::LogArgument> arguments) override {
+    writeAbout({}, level, format, arguments);
+  }
+  void writeAbout(const platform::LogFields& fields, platform::LogLevel level,
+                  std::string_view format,
+                  std::span<const platform::LogArgument> arguments) override {
+    lines.push_back(std::string(nameOf(level)) + "|" + platform::formatLogLine(format, arguments) +
+                    "|" + std::string(fields.flowID) + "|" + std::string(fields.application) + "|" +
+                    std::string(fields.code));
+  }
+};
+
+TEST_F(FlowRecordTest, LogsAFailureThatTheCoreDoesNotLog) {
+  NotingLog log;
+  const auto endWith = [&log, this](FlowEnd end, std::string_view detail) {
+    FlowRecord record({.application = "/usr/bin/curl"}, 0, counters_, &log);
+    record.decided(FlowRule::proxied);
+    record.identified(kIdentifier);
+    record.ended(end, detail);
+    record.ended(FlowEnd::connectionFailed, "again");
+  };
+  for (const auto end :
+       {FlowEnd::closed, FlowEnd::failed, FlowEnd::rejected, FlowEnd::invalid, FlowEnd::timedOut,
+        FlowEnd::backlog, FlowEnd::requestFailed, FlowEnd::abandoned}) {
+    endWith(end, "logged by the core, or no failure");
+  }
+  EXPECT_EQ(log.lines, std::vector<std::string>());
+  endWith(FlowEnd::connectionFailed, "Connection refused");
+  endWith(FlowEnd::noAnswer, "");
+  const std::string about = "|" + kIdentifier + "|/usr/bin/curl|extension.tunnel_closed";
+  EXPECT_EQ(
+      log.lines,
+      (std::vector<std::string>{
+          "error|OstravelProxy: The connection to the proxy failed: Connection refused" + about,
+          "error|OstravelProxy: The proxy closed the connection without an answer" + about}));
 }
 
 TEST_F(FlowRecordTest, CutsLongTexts) {

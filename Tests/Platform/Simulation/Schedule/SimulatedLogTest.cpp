@@ -42,6 +42,16 @@ TEST(SimulatedLogTest, KeepsEveryLevelApart) {
   EXPECT_EQ(simulation.logLines(LogLevel::error), (std::vector<std::string>{"e"}));
 }
 
+TEST(SimulatedLogTest, KeepsWhatALineIsAbout) {
+  Simulation simulation;
+  simulation.makeLog("s", "c")->error("e", {}, {.flowID = "f", .application = "a", .code = "c"});
+  const auto& record = simulation.logRecords().front();
+  EXPECT_EQ(record.line, "e");
+  EXPECT_EQ(record.flowID, "f");
+  EXPECT_EQ(record.application, "a");
+  EXPECT_EQ(record.code, "c");
+}
+
 TEST(SimulatedLogTest, LinesOutliveTheirHandle) {
   Simulation simulation;
   simulation.makeLog("s", "c")->info("gone");
