@@ -114,6 +114,15 @@ std::string handshakeText(const json_t* status) {
   return text + failed;
 }
 
+std::string namesText(const json_t* status) {
+  const std::string use = textOf(status, "names.use");
+  if (memberOf(status, "names.known") == nullptr) {
+    return use == "off" ? "not observed (--names off)" : "cannot be observed; the log says why";
+  }
+  return countText(status, "names.known") + " known, used to " +
+         (use == "connect" ? "decide and to ask the proxy" : "decide");
+}
+
 }  // namespace
 
 const json_t* memberOf(const json_t* object, std::string_view path) {
@@ -217,10 +226,12 @@ std::string statusText(const json_t* status) {
                              countText(status, "queue.dropped"));
   }
   if (memberOf(status, "names") != nullptr) {
-    text +=
-        row("names", countText(status, "names.known") + " known, " + textOf(status, "names.mode"));
+    text += row("names", namesText(status));
   }
-  text += row("identifiers", countText(status, "identifiers.registrations") + " registrations");
+  text +=
+      row("identifiers", countText(status, "identifiers.registrations") + " registrations; of " +
+                             countText(status, "identifiers.processes") +
+                             " processes that have sent recently");
   text += row("events", json_is_true(memberOf(status, "events.configured"))
                             ? countText(status, "events.emitted") + " made; " +
                                   countText(status, "events.failed") + " not delivered, " +
@@ -241,6 +252,9 @@ std::string flowText(const json_t* flow) {
   std::string text = timeText(numberOf(flow, "time").value_or(0), TimeStyle::timeOfDay) + " " +
                      outcome + " " + (application.empty() ? "(unknown)" : application) + " " +
                      textOf(flow, "destination");
+  if (const std::string host = textOf(flow, "host"); !host.empty()) {
+    text += " (" + host + ")";
+  }
   if (textOf(flow, "protocol") == "udp") {
     text += " udp";
   }

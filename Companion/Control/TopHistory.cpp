@@ -57,6 +57,40 @@ void TopHistory::add(const json_t* status, const json_t* tunnels, const json_t* 
   });
 }
 
+JSONHandle TopHistory::latest() const {
+  const Sample sample = samples_.empty() ? Sample() : samples_.back();
+  JSONHandle result(json_object());
+  const auto set = [](json_t* object, const char* name, double number) {
+    json_object_set_new(object, name, json_real(number));
+  };
+  const auto setCount = [](json_t* object, const char* name, double count) {
+    json_object_set_new(object, name, json_integer(static_cast<json_int_t>(count)));
+  };
+  set(result.get(), "time", lastTime_);
+  json_object_set_new(result.get(), "active", json_boolean(isProxying_));
+  json_object_set_new(result.get(), "message", json_string(message_.c_str()));
+  json_object_set_new(result.get(), "gate", json_string(sample.gate > 0 ? "open" : "closed"));
+  setCount(result.get(), "pending", sample.pending);
+  setCount(result.get(), "tunnels", sample.tunnels);
+  set(result.get(), "bytes_per_second", sample.bytesPerSecond);
+  set(result.get(), "handshake_ms", sample.handshakeMicroseconds / 1000);
+  json_t* const applications = json_array();
+  json_object_set_new(result.get(), "applications", applications);
+  for (const Application& each : applications_) {
+    json_t* const application = json_object();
+    json_object_set_new(application, "application", json_string(each.name.c_str()));
+    setCount(application, "tunnels", static_cast<double>(each.tunnels));
+    setCount(application, "pending", static_cast<double>(each.pending));
+    setCount(application, "bytes_sent", each.sent);
+    setCount(application, "bytes_received", each.received);
+    set(application, "handshake_ms", each.handshakeMilliseconds);
+    setCount(application, "flows", static_cast<double>(each.flows));
+    setCount(application, "failures", static_cast<double>(each.failures));
+    json_array_append_new(applications, application);
+  }
+  return result;
+}
+
 void TopHistory::addSample(const json_t* status) {
   message_ = textOf(status, "proxying.message");
   isProxying_ = json_is_true(memberOf(status, "proxying.active"));

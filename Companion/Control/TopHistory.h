@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Base/JSONHandle.h"
+
 namespace ostravel::companion {
 
 // The data of the live screen, collected from successive answers: the history of a few numbers, and
@@ -48,6 +50,8 @@ class TopHistory {
   const std::vector<Application>& applications() const { return applications_; }
   const std::string& message() const { return message_; }
   bool isProxying() const { return isProxying_; }
+  // The last sample and the applications, for programs.
+  JSONHandle latest() const;
 
  private:
   void addSample(const json_t* status);

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <variant>
 
@@ -99,6 +100,19 @@ bool isUTF8Terminal() {
 }
 
 }  // namespace
+
+int TopScreen::print() const {
+  TopHistory history;
+  while (true) {
+    if (const auto failure = askAll(client_, history)) {
+      return report(*failure);
+    }
+    if (!printLine(jsonLine(history.latest().get()))) {
+      return kExitDone;
+    }
+    std::this_thread::sleep_for(kRefresh);
+  }
+}
 
 int TopScreen::run() const {
   TopHistory history;

@@ -10,8 +10,10 @@ class TopScreen {
  public:
   explicit TopScreen(const ControlClient& client) : client_(client) {}
 
-  // Returns the program's exit status.
+  // Both return the program's exit status.
   int run() const;
+  // The same as JSON, a line a second, until the output or the extension is gone.
+  int print() const;
 
  private:
   const ControlClient& client_;

@@ -130,13 +130,14 @@ int explain(const ControlClient& client, const std::vector<std::string>& subject
 }
 
 // The extension's program examines the machine; no extension need be running.
-int check() {
+int check(bool asJSON) {
   char own[PATH_MAX] = {};
   const auto size = ::readlink("/proc/self/exe", own, sizeof own - 1);
   const auto beside =
       std::filesystem::path(size > 0 ? own : "").parent_path() / "ostravel-extension";
-  ::execl(beside.c_str(), "ostravel-extension", "--check", nullptr);
-  ::execlp("ostravel-extension", "ostravel-extension", "--check", nullptr);
+  const char* const format = asJSON ? "--json" : nullptr;
+  ::execl(beside.c_str(), "ostravel-extension", "--check", format, nullptr);
+  ::execlp("ostravel-extension", "ostravel-extension", "--check", format, nullptr);
   return report({"not_running", "ostravel-extension is not installed"});
 }
 
@@ -181,7 +182,8 @@ int run(int argc, char** argv) {
     return doesFollow ? list.follow() : list.print();
   }
   if (top->parsed()) {
-    return TopScreen(client).run();
+    const TopScreen screen(client);
+    return asJSON ? screen.print() : screen.run();
   }
   if (explained->parsed()) {
     return explain(client, subjects, isUDP, asJSON);
@@ -189,7 +191,7 @@ int run(int argc, char** argv) {
   if (reloaded->parsed()) {
     return reload(client, asJSON);
   }
-  return checked->parsed() ? check() : kExitUsage;
+  return checked->parsed() ? check(asJSON) : kExitUsage;
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #include "Extension/main/CheckReport.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
 #include <utility>
 
+#include "Base/JSONHandle.h"
 #include "Base/PrintableText.h"
 
 namespace ostravel::linuxplatform {
@@ -55,6 +58,27 @@ std::string CheckReport::text() const {
   }
   return text + "\n" + counted(countOf(Level::problem), "problem") + ", " +
          counted(countOf(Level::warning), "warning") + "\n";
+}
+
+std::string CheckReport::json() const {
+  const JSONHandle report(json_object());
+  json_t* const findings = json_array();
+  json_object_set_new(report.get(), "findings", findings);
+  for (const Line& line : lines_) {
+    json_t* const finding = json_object();
+    json_object_set_new(finding, "level", json_string(nameOf(line.level)));
+    json_object_set_new(finding, "subject", json_string(line.subject.c_str()));
+    json_object_set_new(finding, "finding", json_string(printableText(line.finding).c_str()));
+    json_array_append_new(findings, finding);
+  }
+  const auto setCount = [&report, this](const char* name, Level level) {
+    json_object_set_new(report.get(), name, json_integer(static_cast<json_int_t>(countOf(level))));
+  };
+  setCount("problems", Level::problem);
+  setCount("warnings", Level::warning);
+  const std::unique_ptr<char, decltype(&std::free)> text(
+      json_dumps(report.get(), JSON_COMPACT | JSON_PRESERVE_ORDER), &std::free);
+  return text ? std::string(text.get()) + "\n" : std::string();
 }
 
 int CheckReport::exitStatus() const {

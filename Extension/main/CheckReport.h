@@ -21,6 +21,9 @@ class CheckReport {
   void add(Level level, std::string subject, std::string finding);
 
   std::string text() const;
+  // One line: an object with the array "findings", each with "level", "subject" and "finding", and
+  // the numbers "problems" and "warnings".
+  std::string json() const;
 
   // 0 if all is well, 1 after a warning, 2 after a problem.
   int exitStatus() const;

@@ -102,6 +102,8 @@ CommandLine CommandLine::parse(int argc, char** argv) {
       "with 1 after a warning, with 2 after a problem");
   app.add_flag("--dry-run", isDryRun, "print the rules that would be installed, for nft -f")
       ->excludes(check);
+  bool asJSON = false;
+  app.add_flag("--json", asJSON, "with --check: report as JSON, on one line")->needs(check);
   bool isGuardianUnwanted = false;
   app.add_flag("--no-guardian", isGuardianUnwanted,
                "do not kill this process when it hangs: for debuggers, which stop it");
@@ -162,6 +164,7 @@ CommandLine CommandLine::parse(int argc, char** argv) {
                   .logLevel = level ? std::optional(levels.at(*level)) : std::nullopt,
                   .controlPath = hasControl ? controlPath : std::nullopt,
                   .hasControl = hasControl,
+                  .asJSON = asJSON,
                   .hasGuardian = !isGuardianUnwanted,
                   .proxyUsers = {},
                   .marks = marks,

@@ -33,6 +33,8 @@ struct CommandLine {
     // The path of the control socket. Absent: the default.
     std::optional<std::string> controlPath;
     bool hasControl = true;
+    // What is reported.
+    bool asJSON = false;
     // False for debuggers, which stop the process for longer than a guardian waits.
     bool hasGuardian = true;
     // Users, besides root and system users, whose local proxy may carry the flows of all users.

@@ -44,6 +44,18 @@ void set(json_t* object, const char* key, double number) {
   json_object_set_new(object, key, json_real(number));
 }
 
+std::string_view nameOf(linuxplatform::NameUse use) {
+  switch (use) {
+    case linuxplatform::NameUse::off:
+      return "off";
+    case linuxplatform::NameUse::decide:
+      return "decide";
+    case linuxplatform::NameUse::connect:
+      break;
+  }
+  return "connect";
+}
+
 // While flows end, the journal's gauges change in another order than they are read.
 std::int64_t notNegative(std::int64_t count) {
   return std::max<std::int64_t>(count, 0);
@@ -135,10 +147,8 @@ void ControlAnswers::addProxying(json_t* status) const {
     set(proxy.get(), "process", state.proxy);
   }
   set(proxy.get(), "reason",
-      state.proxy.empty()
-          ? std::string("no listener there has answered as a proxy that may serve all users")
-          : std::string("it has answered CONNECT as a proxy does, and belongs to root, a system "
-                        "user or a named user"));
+      state.proxyReason.empty() ? std::string("it has not been looked for yet")
+                                : state.proxyReason);
   set(status, "proxy", std::move(proxy));
 }
 
@@ -214,7 +224,14 @@ void ControlAnswers::addFlows(json_t* status, const FlowJournal::Totals& totals)
   if (inspection) {
     JSONHandle identifiers(json_object());
     set(identifiers.get(), "registrations", inspection->registrations);
+    set(identifiers.get(), "processes", inspection->processes);
     set(status, "identifiers", std::move(identifiers));
+    JSONHandle names(json_object());
+    set(names.get(), "use", nameOf(parts_.names));
+    if (inspection->names) {
+      set(names.get(), "known", *inspection->names);
+    }
+    set(status, "names", std::move(names));
     if (const auto counters = linuxplatform::QueueCounters::read(inspection->queue)) {
       JSONHandle queue(json_object());
       set(queue.get(), "waiting", counters->waiting);

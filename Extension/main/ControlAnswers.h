@@ -12,6 +12,7 @@
 #include "Platform/Linux/Control/ControlRequest.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
+#include "Platform/Linux/Names/NameUse.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Platform/Linux/Statistics/FlowJournal.h"
@@ -30,6 +31,7 @@ class ControlAnswers {
     linuxplatform::EventLoopGroup& loops;
     linuxplatform::DescriptorBudget& descriptors;
     linuxplatform::ProxyingState& proxying;
+    linuxplatform::NameUse names;
     std::weak_ptr<PacketTunnelProvider> provider;
     // "running", "off" or "ended".
     std::function<const char*()> guardian;

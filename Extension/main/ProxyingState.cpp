@@ -6,8 +6,9 @@
 
 namespace ostravel::linuxplatform {
 
-void ProxyingState::setProxy(const std::string& proxy, double now) {
+void ProxyingState::setProxy(const std::string& proxy, const std::string& reason, double now) {
   const std::lock_guard guard(lock_);
+  state_.proxyReason = reason;
   if (state_.proxy != proxy) {
     state_.proxy = proxy;
     proxySince_ = now;
@@ -65,8 +66,8 @@ std::string ProxyingState::State::message() const {
       return "New connections go direct, but for one at a time as a test: " + proxy +
              " accepts connections and does not answer in time.";
     case Reason::proxyNotTrusted:
-      return "New connections go direct: no proxy that may serve all users is known on " + address +
-             "; the log says more.";
+      return "New connections go direct: " +
+             (proxyReason.empty() ? "no proxy is known on " + address : proxyReason) + ".";
     case Reason::redirectBlocked:
       return "New connections go direct: rules of another program block redirected connections.";
     case Reason::descriptors:

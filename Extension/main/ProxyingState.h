@@ -41,13 +41,15 @@ class ProxyingState {
     double since = 0;
     // The display name of the proxy that serves all users; empty for none.
     std::string proxy;
+    // Why that is so: a part of a sentence. Empty until something is known.
+    std::string proxyReason;
 
     // A readable sentence.
     std::string message() const;
   };
 
-  // proxy: as in State. now: seconds since 1970.
-  void setProxy(const std::string& proxy, double now);
+  // proxy, reason: as in State. now: seconds since 1970.
+  void setProxy(const std::string& proxy, const std::string& reason, double now);
   void update(const Facts& facts, double now);
   State state() const;
 

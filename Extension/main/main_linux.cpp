@@ -158,7 +158,7 @@ int print(const std::string& text) {
 
 int check(const CommandLine::Options& options) {
   const auto report = checkSystem(options);
-  static_cast<void>(print(report.text()));
+  static_cast<void>(print(options.asJSON ? report.json() : report.text()));
   return report.exitStatus();
 }
 
@@ -295,9 +295,9 @@ int run(int argc, char** argv) {
        // An application must not be able to exempt itself by its name.
        .reservedIdentifiers = {exempt.begin(), exempt.end()},
        .onProxyWatched =
-           [&status, &proxying, &platform](const std::string& proxy) {
+           [&status, &proxying, &platform](const std::string& proxy, const std::string& reason) {
              status.setProxy(proxy);
-             proxying.setProxy(proxy, platform.clock().secondsSince1970());
+             proxying.setProxy(proxy, reason, platform.clock().secondsSince1970());
            },
        .names = commandLine.options->names,
        .guardedSocket = guardedSocket},
@@ -319,6 +319,7 @@ int run(int argc, char** argv) {
                                 .loops = loops,
                                 .descriptors = descriptors,
                                 .proxying = proxying,
+                                .names = commandLine.options->names,
                                 .provider = provider,
                                 .guardian = [&guardianState] { return guardianState.load(); },
                                 .configuration = *configuration,

@@ -14,9 +14,10 @@ import time
 
 import pytest
 
+from Laboratory.lines import GENEROUS_SECONDS
 from Laboratory.network import THERE4
-from laboratory import CURL, PEER_PORT, eventually, remote
-from origins import tell_peer
+from laboratory import CURL, PEER_PORT, PYTHON, eventually, remote
+from origins import receive_header, tell_peer
 
 PROXIED, DIRECT, UNREACHABLE = 0, 1, 3
 # No user of this machine.
@@ -130,6 +131,125 @@ def test_a_hung_proxy_is_named_with_what_it_hit(laboratory):
         lambda: laboratory.curl(f"http://{THERE4}/").way == "proxied", "the proxy is used again"
     )
     wait_for_reason(laboratory, "proxied")
+
+
+def test_what_is_held_and_pending_is_shown(laboratory):
+    laboratory.serve(80, tell_peer)
+    proxy, _ = laboratory.start_system(laboratory.start_local_proxy)
+    proxy.behave(answer="", then="hold")
+    laboratory.start([CURL, "-q", "-sS", f"http://{THERE4}/"])
+    status = eventually(
+        lambda: (now := laboratory.asked("status"))["handshakes"]["pending_now"] == 1 and now,
+        "a handshake is pending",
+    )
+    assert status["flows"]["held_now"] == 1 and status["tunnels"]["now"] == 0
+    assert "1 pending of 48" in laboratory.control("status").stdout
+    proxy.program.kill()
+    eventually(lambda: laboratory.asked("status")["flows"]["held_now"] == 0, "nothing is held")
+
+
+def test_counts_what_did_not_succeed_and_why(laboratory):
+    laboratory.register({CURL: "com.mullvad.vpn"})
+    laboratory.serve(80, tell_peer)
+    proxy, _ = laboratory.start_system(laboratory.start_local_proxy)
+    wait_for_reason(laboratory, "proxied")
+    before = laboratory.asked("status")
+
+    def more(*path):
+        counts = []
+        for status in (before, laboratory.asked("status")):
+            for member in path:
+                status = status.get(member, 0) if status else 0
+            counts.append(status)
+        return counts[1] - counts[0]
+
+    assert laboratory.curl(f"http://{THERE4}/").way == "direct"
+    assert more("flows", "direct_by_reason", "exempt_application") == 1
+    # Datagrams of one socket are one flow.
+    for _ in range(2):
+        with laboratory.socket(THERE4, socket.SOCK_DGRAM) as application:
+            application.connect((THERE4, 443))
+            application.settimeout(GENEROUS_SECONDS)
+            for _ in range(3):
+                application.send(b"initial")
+                with pytest.raises(ConnectionRefusedError):
+                    application.recv(2048)
+    assert more("flows", "refused") == 2
+    assert [flow["reason"] for flow in decisions(laboratory)[-2:]] == ["quic_refused"] * 2
+    for answer, outcome in (("HTTP/1.1 403 No\r\n\r\n", "rejected"), ("\xff\r\n\r\n", "invalid"),
+                            ("", "no_answer")):
+        proxy.behave(answer=answer, then="end")
+        laboratory.fetch(THERE4, 80)
+        assert more("handshakes", "outcomes", outcome) == 1
+    assert more("handshakes", "time", "count") == more("tunnels", "total") == 0
+    proxy.program.kill()
+    wait_for_reason(laboratory, "proxy_unreachable")
+    eventually(
+        lambda: laboratory.fetch(THERE4, 80).way == "direct"
+        and more("flows", "direct_by_reason", "gate_closed") > 0,
+        "the closed gate is counted",
+    )
+    status = laboratory.asked("status")
+    assert not status["gate"]["last_probe"]["reachable"]
+    assert status["gate"]["since"] > before["gate"]["since"]
+    flows = status["flows"]
+    assert flows["offered"] == flows["direct"] + flows["refused"] + flows["proxied"]
+    assert flows["direct"] == sum(flows["direct_by_reason"].values())
+
+
+def test_lost_events_are_counted(laboratory):
+    laboratory.start_extension()
+    events = eventually(
+        lambda: (now := laboratory.asked("status")["events"])["failed"] > 0 and now, "one is lost"
+    )
+    assert events["configured"] and events["emitted"] >= events["failed"]
+
+
+def test_says_why_a_listener_is_the_proxy_or_not(laboratory):
+    def refuse(connection, peer):
+        receive_header(connection)
+        connection.sendall(b"HTTP/1.1 405 Not Allowed\r\n\r\n")
+
+    laboratory.serve(8080, refuse, namespace=laboratory.here, address="127.0.0.1")
+    extension = laboratory.start_extension()
+    eventually(
+        lambda: "does not answer CONNECT" in laboratory.asked("status")["proxying"]["message"],
+        "the listener is named",
+    )
+    shown = laboratory.control("status")
+    assert shown.returncode == DIRECT
+    assert f"New connections go direct: {PYTHON} (process {os.getpid()}" in shown.stdout
+    proxy = laboratory.asked("status")["proxy"]
+    assert not proxy["serves"] and proxy["reason"].endswith(": HTTP/1.1 405 Not Allowed")
+    assert extension.stop() == 0
+
+
+def test_names_the_user_to_whom_the_proxy_belongs(laboratory):
+    laboratory.start_system()
+    wait_for_reason(laboratory, "proxied")
+    proxy = laboratory.asked("status")["proxy"]
+    assert proxy["serves"] and "ostravel-sidecar" in proxy["process"]
+    assert proxy["reason"] == (
+        'it answered a CONNECT with "HTTP/1.1 200 Connection established" and belongs to root'
+    )
+
+
+def test_every_command_speaks_json(laboratory):
+    laboratory.start_system()
+    wait_for_reason(laboratory, "proxied")
+    for command in (("status",), ("explain", "example.org"), ("reload",), ("check",)):
+        done = laboratory.control("--json", *command)
+        assert isinstance(json.loads(done.stdout), dict) and done.stdout.count("\n") == 1, command
+    assert json.loads(laboratory.control("check", "--json").stdout)["findings"]
+    assert decisions(laboratory)
+    top = laboratory.start(
+        [laboratory.program_path("ostravelctl"), "--socket", laboratory.control_path, "--json",
+         "top"]
+    )
+    lines = [top.output.wait(lambda line: True, mark) for mark in range(2)]
+    samples = [json.loads(line) for line in lines]
+    assert samples[0]["active"] and samples[0]["gate"] == "open" and samples[0]["applications"]
+    assert samples[1]["time"] > samples[0]["time"]
 
 
 def test_a_refusal_is_shown_with_the_proxys_words(laboratory):

@@ -1,5 +1,7 @@
 """Which flows have host names, and what the names are used for."""
 
+import json
+
 import pytest
 
 import dns
@@ -250,3 +252,19 @@ def test_names_can_be_left_unobserved(make_names, laboratory):
     names.start("--names", "off")
     assert names.targets(OTHERS[0], "www.apple.com") == with_port(OTHERS[0])
     assert "ostravel-names" not in laboratory.here.run("nft", "list", "ruleset")
+
+
+def test_decisions_show_the_address_and_the_name(make_names, laboratory):
+    names = make_names({"host.example": [OTHERS[0]]})
+    names.start(hosts={"host.example": OTHERS[0]})
+    assert names.targets(OTHERS[0], "host.example") == with_port("host.example")
+    shown = laboratory.control("flows").stdout
+    assert f" {OTHERS[0]}:{PORT} (host.example)" in shown, shown
+    assert names.targets(OTHERS[1]) == with_port(OTHERS[1])
+    lines = laboratory.control("--json", "flows").stdout.splitlines()
+    flows = {flow["destination"]: flow.get("host") for flow in map(json.loads, lines)}
+    assert flows[f"{OTHERS[0]}:{PORT}"] == "host.example"
+    assert flows[f"{OTHERS[1]}:{PORT}"] is None
+    status = laboratory.asked("status")
+    assert status["names"]["use"] == "connect" and status["names"]["known"] >= 1
+    assert status["identifiers"]["processes"] >= 1

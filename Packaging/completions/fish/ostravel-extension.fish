@@ -2,6 +2,7 @@ complete -c ostravel-extension -f
 complete -c ostravel-extension -l help -d 'Show the options'
 complete -c ostravel-extension -l version -d 'Show the version'
 complete -c ostravel-extension -l check -d 'Report what would keep it from running well'
+complete -c ostravel-extension -l json -d 'With --check: report as JSON'
 complete -c ostravel-extension -l dry-run -d 'Print the rules that would be installed'
 complete -c ostravel-extension -l configuration -rF -d 'Read the provider configuration from this file'
 complete -c ostravel-extension -l control -rF -d 'Control socket, or off'

@@ -79,6 +79,9 @@ JSONHandle jsonOf(const FlowRecord::View& flow) {
   json_object_set_new(result, "protocol", json_string(flow.isUDP ? "udp" : "tcp"));
   json_object_set_new(result, "application", jsonText(flow.application).release());
   json_object_set_new(result, "destination", jsonText(flow.destination).release());
+  if (!flow.host.empty()) {
+    json_object_set_new(result, "host", jsonText(flow.host).release());
+  }
   if (flow.user) {
     json_object_set_new(result, "user", json_integer(*flow.user));
   }

@@ -223,12 +223,21 @@ std::optional<std::string> ApplicationIdentifierSource::watchProxy() {
                     ? std::clamp(2 * watchPause_, kShortestWatchPause, kLongestWatchPause)
                     : std::chrono::milliseconds::zero();
   nextWatch_ = now + watchPause_;
-  if (state != ProxyProcess::State::known || !trust_->holdsFor(std::nullopt)) {
-    servingProxy_.clear();
-    return std::nullopt;
+  const bool isServing = state == ProxyProcess::State::known && trust_->holdsFor(std::nullopt);
+  switch (state) {
+    case ProxyProcess::State::absent:
+      proxyReason_ = "nothing listens on port " + std::to_string(proxy_->port());
+      break;
+    case ProxyProcess::State::unknown:
+      proxyReason_ = "the process that listens on port " + std::to_string(proxy_->port()) +
+                     " has not been found";
+      break;
+    case ProxyProcess::State::known:
+      proxyReason_ = trust_->reason();
+      break;
   }
-  servingProxy_ = trust_->description();
-  return trust_->takeNews();
+  servingProxy_ = isServing ? trust_->description() : std::string();
+  return isServing ? trust_->takeNews() : std::nullopt;
 }
 
 std::optional<ApplicationDescription> ApplicationIdentifierSource::describe(pid_t process) {

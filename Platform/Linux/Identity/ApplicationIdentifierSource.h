@@ -96,9 +96,13 @@ class ApplicationIdentifierSource {
   // The display name of the proxy that all users' flows may be sent to; empty for none. As of the
   // last call of watchProxy().
   const std::string& servingProxy() const { return servingProxy_; }
+  // Why that is the proxy, or why there is none: a part of a sentence for people.
+  const std::string& proxyReason() const { return proxyReason_; }
 
   // The number of registrations in effect.
   std::size_t registrationCount() const { return registrations_.size(); }
+  // How many processes are known that have sent recently.
+  std::size_t knownProcessCount() const { return known_.size(); }
 
   // How a flow would be identified that this process sends now. Empty if there is no such process.
   // May search /proc for it.
@@ -180,6 +184,7 @@ class ApplicationIdentifierSource {
   std::chrono::steady_clock::time_point nextWatch_;
   std::chrono::milliseconds watchPause_{};
   std::string servingProxy_;
+  std::string proxyReason_ = "sockets cannot be examined, so no proxy can be recognised";
   ApplicationRegistrations registrations_;
   ApplicationNames names_;
   // Null if scripts are not traced.

@@ -54,6 +54,8 @@ class ProxyProcess {
                std::function<void(const std::string&)> warn, const SearchLimits& limits,
                std::optional<ListenerWatch> watch = std::nullopt);
 
+  std::uint16_t port() const { return address_.port; }
+
   // Checks which process listens now. If the owner has to be found, sender is the first candidate.
   State refresh(std::optional<pid_t> sender);
 

@@ -41,6 +41,8 @@ void ProxyTrust::forget() {
   hasPassed_ = false;
   knowsDialler_ = false;
   owners_.clear();
+  userName_.clear();
+  answer_.clear();
   hasWarnedAboutAnswer_ = false;
   hasWarnedAboutOwners_ = false;
   description_.clear();
@@ -55,6 +57,9 @@ bool ProxyTrust::hasPassedTrial() {
   if (!result) {
     return false;
   }
+  answer_ = result->outcome.answer;
+  const auto name = result->userNames.find(proxy_.uid());
+  userName_ = name == result->userNames.end() ? std::to_string(proxy_.uid()) : name->second;
   isNotProxy_ = result->outcome.judgement == ProxyTrial::Judgement::notAProxy;
   hasPassed_ = result->outcome.judgement == ProxyTrial::Judgement::proxy;
   if (hasPassed_) {
@@ -67,7 +72,8 @@ bool ProxyTrust::hasPassedTrial() {
 
 void ProxyTrust::takeParts(ProxyTrialThread::Result result) {
   owners_ = std::move(result.userNames);
-  description_ = ownerText(owners_[proxy_.uid()]);
+  owners_.try_emplace(proxy_.uid(), userName_);
+  description_ = ownerText(userName_);
   news_ = "the local proxy is " + description_;
   // Without the dialler, part of the proxy is still unknown.
   knowsDialler_ = result.outcome.dialler.has_value();
@@ -86,10 +92,7 @@ void ProxyTrust::warnAboutAnswer(const ProxyTrialThread::Result& result) {
   if (std::exchange(hasWarnedAboutAnswer_, true)) {
     return;
   }
-  const auto name = result.userNames.find(proxy_.uid());
-  const std::string user =
-      name == result.userNames.end() ? std::to_string(proxy_.uid()) : name->second;
-  warn_(ownerText(user) + " listens on port " + std::to_string(port_) +
+  warn_(ownerText(userName_) + " listens on port " + std::to_string(port_) +
         " and does not answer CONNECT as a proxy does: " + result.outcome.answer +
         "; every flow is left to the system until a proxy listens there");
 }
@@ -105,6 +108,33 @@ void ProxyTrust::warnAboutOwners() {
         " for an ordinary user, and is not used for the flows of others: run the proxy as root or "
         "a system user, or name its user with --proxy-user " +
         user);
+}
+
+std::string ProxyTrust::reason() const {
+  const std::string user = userName_.empty() ? std::to_string(proxy_.uid()) : userName_;
+  const std::string listener = ownerText(user) + " listens on port " + std::to_string(port_);
+  if (!hasPassed_) {
+    return listener + (answer_.empty()
+                           ? std::string(" and is being tested")
+                           : " and does not answer CONNECT as a proxy does: " + answer_);
+  }
+  std::string trust;
+  for (const auto& [owner, name] : owners_) {
+    if (!mayServe(owner, std::nullopt)) {
+      return listener + " for an ordinary user, so only connections of user " + name +
+             " are proxied";
+    }
+    trust += (trust.empty() ? "" : " and ") + trustText(owner, name);
+  }
+  return "it answered a CONNECT with \"" + answer_ + "\" and belongs to " + trust;
+}
+
+std::string ProxyTrust::trustText(uid_t owner, const std::string& name) const {
+  if (owner == 0) {
+    return "root";
+  }
+  return systemUsers_.includes(owner) ? "the system user " + name
+                                      : "user " + name + ", named with --proxy-user";
 }
 
 std::string ProxyTrust::ownerText(const std::string& user) const {

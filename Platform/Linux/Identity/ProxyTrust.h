@@ -46,6 +46,10 @@ class ProxyTrust {
   // One sentence about a proxy that has passed its trial; returned once.
   std::optional<std::string> takeNews() { return std::exchange(news_, std::nullopt); }
 
+  // Why it may carry everybody's flows, or why not: a part of a sentence for people. Valid after
+  // holdsFor() for the same refresh.
+  std::string reason() const;
+
   // The following are valid if holdsFor() returned true for the same refresh.
 
   // The proxy's program, process and user, in readable form.
@@ -64,6 +68,7 @@ class ProxyTrust {
   void warnAboutAnswer(const ProxyTrialThread::Result& result);
   void warnAboutOwners();
   std::string ownerText(const std::string& user) const;
+  std::string trustText(uid_t owner, const std::string& name) const;
 
   ProxyProcess& proxy_;
   const std::uint16_t port_;
@@ -77,6 +82,9 @@ class ProxyTrust {
   bool knowsDialler_ = false;
   // All users who control the socket, with their names.
   std::map<uid_t, std::string> owners_;
+  // The name of the user whose process holds it, once there was a trial, and what was answered.
+  std::string userName_;
+  std::string answer_;
   bool hasWarnedAboutAnswer_ = false;
   bool hasWarnedAboutOwners_ = false;
   std::string description_;

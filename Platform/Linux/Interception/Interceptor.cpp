@@ -107,7 +107,7 @@ struct Interceptor::Parts {
   DescriptorBudget& descriptors;
   FlowJournal& journal;
   FlowHandler handler;
-  std::function<void(const std::string&)> onProxyWatched;
+  ProxyWatcher onProxyWatched;
   std::unique_ptr<ApplicationIdentifierSource> identifiers;
   NameUse nameUse;
   std::shared_ptr<HostNameObserver> names;
@@ -184,6 +184,7 @@ Interceptor::Interceptor(Parts parts)
       resender_(std::move(parts.resender)),
       arrivals_(std::move(parts.arrivals)),
       recentFlows_(kRememberedFlows),
+      countedDatagrams_(kRememberedFlows),
       heldFlows_(*queue_),
       leftFlows_(log_),
       redirects_(std::move(parts.redirects)),
@@ -249,7 +250,11 @@ std::future<Interceptor::Inspection> Interceptor::inspect(std::optional<pid_t> p
   loop_.post([this, promised, process, executable = std::move(executable)] {
     Inspection inspection{.queue = queue_->number(),
                           .held = queue_->heldCount(),
-                          .registrations = identifiers_->registrationCount()};
+                          .registrations = identifiers_->registrationCount(),
+                          .processes = identifiers_->knownProcessCount()};
+    if (names_) {
+      inspection.names = names_->nameCount();
+    }
     if (process) {
       inspection.application = identifiers_->describe(*process);
     } else if (executable) {
@@ -317,7 +322,7 @@ void Interceptor::maintain() {
     log_->info("OstravelProxy: %{public}s", {*news});
   }
   if (onProxyWatched_) {
-    onProxyWatched_(identifiers_->servingProxy());
+    onProxyWatched_(identifiers_->servingProxy(), identifiers_->proxyReason());
   }
 }
 
@@ -352,10 +357,16 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
                                                    isTCP ? resender_ : nullptr);
   EventLoop& loop = isTCP ? loops_.loop(nextLoop_++ % loops_.size()) : loop_;
   auto record = journal_.open(originOf(tuple, identification, now), loop.index());
+  const auto user = identification.user;
   const auto flow = makeFlow(tuple, std::move(identification), std::move(heldPacket),
                              std::move(share), record, loop);
   const bool isTaken = handler_(flow);
-  journal_.publish(std::move(record));
+  if (isTCP) {
+    journal_.publish(std::move(record));
+  } else if (countedDatagrams_.isNew(tuple, record->reason(), now)) {
+    record->named(hostOf(user, flow->sourceAppSigningIdentifier(), tuple.destination));
+    journal_.publish(std::move(record));
+  }
   // A flow that the handler does not take releases its packet when destroyed at the end of this
   // scope. A UDP flow is taken in order to be refused, and so is each further datagram of it. A TCP
   // flow that was not taken must not be offered again.
@@ -367,15 +378,18 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
 void Interceptor::leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
                                 LeaveReason reason, FlowRecord::Clock::time_point begin) {
   queue_->accept(packet.id);
+  // A datagram is not part of a connection, so the next one may be judged differently.
+  if (first.tuple.protocol == TransportProtocol::tcp) {
+    recentFlows_.remember(first, std::chrono::steady_clock::now());
+  } else if (!countedDatagrams_.isNew(first.tuple, linuxplatform::nameOf(reason), begin)) {
+    return;
+  }
   leftFlows_.add(reason, packet.uid);
   if (journal_.countLeft(linuxplatform::nameOf(reason), begin)) {
     Identification sender;
     sender.user = packet.uid;
-    journal_.publishLeft(originOf(first.tuple, sender, begin), linuxplatform::nameOf(reason));
-  }
-  // A datagram is not part of a connection, so the next one may be judged differently.
-  if (first.tuple.protocol == TransportProtocol::tcp) {
-    recentFlows_.remember(first, std::chrono::steady_clock::now());
+    journal_.publishLeft(originOf(first.tuple, sender, begin), linuxplatform::nameOf(reason),
+                         hostOf(packet.uid, {}, first.tuple.destination));
   }
 }
 
@@ -439,6 +453,9 @@ std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(
                                           std::move(packet), std::move(record));
   }
   auto name = nameOf(identification, tuple.destination);
+  if (name) {
+    record->named(name->host);
+  }
   platform::HostEndpoint remote{tuple.destination.addressText(),
                                 std::to_string(tuple.destination.port)};
   return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(identification.identifier),
@@ -464,6 +481,12 @@ std::optional<FlowName> Interceptor::nameOf(const Identification& sender,
           observer->setUnresolvable(name);
         }
       }};
+}
+
+std::string Interceptor::hostOf(std::optional<uid_t> user, std::string_view application,
+                                const SocketEndpoint& destination) const {
+  const auto found = names_ ? names_->find(user, application, destination) : std::nullopt;
+  return found ? found->name : std::string();
 }
 
 bool Interceptor::hasListenerFor(AddressFamily family) const {

@@ -18,6 +18,7 @@
 #include "Platform/Interface/Result.h"
 #include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
 #include "Platform/Linux/Interception/AliveKeeper.h"
+#include "Platform/Linux/Interception/CountedDatagrams.h"
 #include "Platform/Linux/Interception/HeldFlows.h"
 #include "Platform/Linux/Interception/LeftFlows.h"
 #include "Platform/Linux/Interception/RecentFlows.h"
@@ -52,6 +53,8 @@ class Interceptor {
   // Returns true if the flow was taken. Called on the loop.
   using FlowHandler = std::function<bool(std::shared_ptr<platform::AppProxyFlow>)>;
 
+  using ProxyWatcher = std::function<void(const std::string& proxy, const std::string& reason)>;
+
   // What interception uses of its process; all of it outlives the interceptor.
   struct Environment {
     EventLoopGroup& loops;
@@ -69,8 +72,8 @@ class Interceptor {
     // Identifiers that applications get from registrations only.
     std::vector<std::string> reservedIdentifiers = {};
     // Called several times a second, on the first event loop, with the display name of the proxy
-    // that all users' flows may be sent to; empty for none. May be absent.
-    std::function<void(const std::string&)> onProxyWatched = {};
+    // that all users' flows may be sent to, empty for none, and the reason. May be absent.
+    ProxyWatcher onProxyWatched = {};
     NameUse names = NameUse::off;
     // Shared with the guardian, see TranslationTable; null if there is none.
     std::shared_ptr<mnl_socket> guardedSocket = nullptr;
@@ -98,6 +101,9 @@ class Interceptor {
     std::uint16_t queue = 0;
     std::size_t held = 0;
     std::size_t registrations = 0;
+    // Processes whose identifier is known, and names; the latter empty if they are not observed.
+    std::size_t processes = 0;
+    std::optional<std::size_t> names = std::nullopt;
     // The requested application; empty if there is no such process, or none was requested.
     std::optional<ApplicationDescription> application = std::nullopt;
   };
@@ -131,6 +137,9 @@ class Interceptor {
       const FlowTuple& tuple, Identification identification, std::unique_ptr<HeldPacket> packet,
       std::shared_ptr<UserShare> share, std::shared_ptr<FlowRecord> record, EventLoop& loop);
   std::optional<FlowName> nameOf(const Identification& sender, const SocketEndpoint& destination);
+  // For people; empty if unknown.
+  std::string hostOf(std::optional<uid_t> user, std::string_view application,
+                     const SocketEndpoint& destination) const;
   bool hasListenerFor(AddressFamily family) const;
   void acceptEverything();
 
@@ -141,7 +150,7 @@ class Interceptor {
   DescriptorBudget& descriptors_;
   FlowJournal& journal_;
   const FlowHandler handler_;
-  const std::function<void(const std::string&)> onProxyWatched_;
+  const ProxyWatcher onProxyWatched_;
   const std::unique_ptr<ApplicationIdentifierSource> identifiers_;
   const NameUse nameUse_;
   // Null if names are not used or cannot be observed.
@@ -156,6 +165,7 @@ class Interceptor {
   bool areNamesRead_ = false;
   bool hasQueueFailed_ = false;
   RecentFlows recentFlows_;
+  CountedDatagrams countedDatagrams_;
   HeldFlows heldFlows_;
   UserShares shares_;
   LeftFlows leftFlows_;

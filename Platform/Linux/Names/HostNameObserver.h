@@ -79,6 +79,9 @@ class HostNameObserver {
     return names_.find(user, identifier, address, HostNames::Clock::now());
   }
 
+  // See HostNames::size. From any thread.
+  std::size_t nameCount() const { return names_.size(); }
+
   // See HostNames::setUnresolvable. From any thread.
   void setUnresolvable(const HostNames::Found& found) {
     names_.setUnresolvable(found, HostNames::Clock::now());

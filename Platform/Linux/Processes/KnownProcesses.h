@@ -46,6 +46,7 @@ class KnownProcesses {
   // Replaces any entry with the same process number.
   KnownProcess& insert(Process process);
   void erase(pid_t pid);
+  std::size_t size() const { return processes_.size(); }
   // Clears all identifiers, so that they are determined again.
   void forgetIdentifiers();
 

@@ -65,8 +65,10 @@ bool FlowJournal::countLeft(std::string_view reason, TimePoint now) {
   return ++keptCount_ <= kKeptPerSecond;
 }
 
-void FlowJournal::publishLeft(FlowRecord::Origin origin, std::string_view reason) {
+void FlowJournal::publishLeft(FlowRecord::Origin origin, std::string_view reason,
+                              const std::string& host) {
   auto record = open(std::move(origin), 0);
+  record->named(host);
   record->left(reason);
   record->publish(last_.load(std::memory_order_relaxed) + 1);
   keep(std::move(record));

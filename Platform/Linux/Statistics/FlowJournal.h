@@ -50,7 +50,9 @@ class FlowJournal {
   // Counts a flow that is left to the system without an offer. reason: of static storage. True if
   // the caller should also record it, with publishLeft().
   bool countLeft(std::string_view reason, TimePoint now);
-  void publishLeft(FlowRecord::Origin origin, std::string_view reason);
+  // host: as in FlowRecord::named; empty if unknown.
+  void publishLeft(FlowRecord::Origin origin, std::string_view reason,
+                   const std::string& host = {});
   // Releases the flows that have ended. Call it periodically.
   void maintain();
 

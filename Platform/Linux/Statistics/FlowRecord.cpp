@@ -53,6 +53,10 @@ void FlowRecord::decided(FlowRule rule) {
   }
 }
 
+void FlowRecord::named(const std::string& host) {
+  host_ = cut(host);
+}
+
 void FlowRecord::left(std::string_view reason) {
   reason_ = reason;
 }
@@ -155,6 +159,7 @@ FlowRecord::View FlowRecord::view() const {
             .isUDP = origin_.isUDP,
             .application = origin_.application,
             .destination = origin_.destination,
+            .host = host_,
             .user = origin_.user,
             .process = origin_.process,
             .action = action_,

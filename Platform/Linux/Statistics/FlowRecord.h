@@ -56,6 +56,8 @@ class FlowRecord final : public platform::FlowObserver {
   void handshakeSucceeded() override;
   void ended(platform::FlowEnd end, std::string_view detail) override;
 
+  // Before it is published: the name under which the application has looked the address up.
+  void named(const std::string& host);
   // The flow was left to the system before it could be offered. reason: of static storage.
   void left(std::string_view reason);
   // Count bytes read from and written to the application.
@@ -77,6 +79,8 @@ class FlowRecord final : public platform::FlowObserver {
     bool isUDP = false;
     std::string application;
     std::string destination;
+    // Empty if unknown.
+    std::string host;
     std::optional<uid_t> user;
     std::optional<pid_t> process;
     Action action = Action::direct;
@@ -122,6 +126,8 @@ class FlowRecord final : public platform::FlowObserver {
   const double time_;
   FlowCounters& counters_;
   platform::Log* const log_;
+  // Not changed after it was published.
+  std::string host_;
   // Not changed after the flow was offered.
   Action action_ = Action::direct;
   std::string_view reason_ = "no_handler";

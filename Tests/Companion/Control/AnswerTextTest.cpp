@@ -19,7 +19,7 @@ const std::string kStatus = R"({
   "program": {"version": "0.1.0", "pid": 7, "started_at": 1763271000.0, "now": 1763271815.0},
   "proxying": {"active": false, "reason": "proxy_unreachable", "since": 1763271805.0,
                "message": "New connections go direct: nothing answers on 127.0.0.1:8080."},
-  "proxy": {"address": "127.0.0.1:8080", "serves": false, "reason": "no listener there has answered as a proxy that may serve all users"},
+  "proxy": {"address": "127.0.0.1:8080", "serves": false, "reason": "/usr/sbin/nginx (process 4711, user www-data) listens on port 8080 and does not answer CONNECT as a proxy does: HTTP/1.1 405 Not Allowed"},
   "gate": {"state": "closed", "since": 1763271805.0, "last_probe": {"at": 1763271814.5, "reachable": false}},
   "flows": {"offered": 123456, "direct": 100000, "refused": 456, "proxied": 23000, "held_now": 3,
             "direct_by_reason": {"gate_closed": 70000, "exempt_application": 20000, "exempt_host": 9000,
@@ -30,7 +30,7 @@ const std::string kStatus = R"({
   "tunnels": {"now": 4, "total": 22000, "bytes_sent": 1048576, "bytes_received": 5368709120},
   "verdicts": {"time": {"count": 1, "sum_us": 1, "p50_us": 80, "p90_us": 95, "p99_us": 319}},
   "queue": {"waiting": 0, "dropped": 0, "user_dropped": 0},
-  "identifiers": {"registrations": 2}, "guardian": "running",
+  "identifiers": {"registrations": 2, "processes": 31}, "names": {"use": "connect", "known": 17}, "guardian": "running",
   "log": {"dropped_lines": 0}, "descriptors": {"open": 40, "limit": 524288},
   "events": {"configured": true, "emitted": 88000, "failed": 1, "dropped": 2, "waiting_bytes": 0}
 })";
@@ -54,10 +54,22 @@ TEST(AnswerTextTest, ShowsWhatIsKnown) {
   const auto text = statusText(parsed(kStatus).get());
   for (const auto* part :
        {"70000 gate_closed, 20000 exempt_application", "5 timed_out", "half within 3.3 ms",
-        "received 5.0 GiB", "1 not delivered, 2 dropped"}) {
+        "received 5.0 GiB", "1 not delivered, 2 dropped", "none on 127.0.0.1:8080: /usr/sbin/nginx",
+        "17 known, used to decide and to ask the proxy",
+        "2 registrations; of 31 processes that have sent recently"}) {
     EXPECT_NE(text.find(part), std::string::npos) << part;
   }
   EXPECT_EQ(text.find("rejected"), std::string::npos);
+}
+
+TEST(AnswerTextTest, SaysWhyThereAreNoNames) {
+  EXPECT_NE(statusText(parsed(R"({"names":{"use":"off"}})").get()).find("(--names off)"),
+            std::string::npos);
+  EXPECT_NE(statusText(parsed(R"({"names":{"use":"decide"}})").get()).find("cannot be observed"),
+            std::string::npos);
+  EXPECT_NE(statusText(parsed(R"({"names":{"use":"decide","known":3}})").get())
+                .find("3 known, used to decide\n"),
+            std::string::npos);
 }
 
 TEST(AnswerTextTest, ManagesWithoutAnyMember) {
@@ -74,6 +86,13 @@ TEST(AnswerTextTest, ShowsAFlowOnOneLine) {
                    .get());
   EXPECT_EQ(line.substr(line.find(' ')),
             " rejected    /usr/bin/curl 192.0.2.1:443 (HTTP/1.1 403 Forbidden)");
+}
+
+TEST(AnswerTextTest, ShowsAddressAndName) {
+  const auto line = flowText(parsed(R"({"application":"/a","destination":"192.0.2.1:443",
+      "host":"www.example.org","reason":"proxied","outcome":"established"})")
+                                 .get());
+  EXPECT_NE(line.find(" /a 192.0.2.1:443 (www.example.org)"), std::string::npos) << line;
 }
 
 TEST(AnswerTextTest, NamesTheReasonOfADirectFlow) {

@@ -78,5 +78,16 @@ TEST_F(TopHistoryTest, AddsUpApplications) {
   EXPECT_EQ(applications[2].name, "(unknown)");
 }
 
+TEST_F(TopHistoryTest, GivesProgramsTheLatestSample) {
+  add(statusAt(100, 1000, 10, 5000));
+  add(statusAt(102, 5000, 12, 9000),
+      R"({"tunnels":[{"application":"/b","outcome":"established","bytes_sent":5}]})");
+  const JSONHandle expected = parsed(R"({"time":102.0,"active":true,"message":"Fine.",
+      "gate":"open","pending":3,"tunnels":2,"bytes_per_second":2000.0,"handshake_ms":2.0,
+      "applications":[{"application":"/b","tunnels":1,"pending":0,"bytes_sent":5,
+        "bytes_received":0,"handshake_ms":0.0,"flows":0,"failures":0}]})");
+  EXPECT_TRUE(json_equal(history_.latest().get(), expected.get()));
+}
+
 }  // namespace
 }  // namespace ostravel::companion

@@ -177,6 +177,12 @@ TEST_F(TunnelObservationOfFlow, NotesAConnectionThatFails) {
   EXPECT_EQ(observer_.lines, Lines{"connection failed \"Something broke\""});
 }
 
+TEST_F(TunnelObservationOfFlow, NotesARequestThatCannotBeSent) {
+  proxy().failWrites(someError());
+  startAndConnect();
+  EXPECT_EQ(observer_.lines, (Lines{"started", "request failed \"Something broke\""}));
+}
+
 TEST_F(TunnelObservationOfFlow, NotesATimeout) {
   startAndConnect();
   simulation_.advance(6s);

@@ -45,5 +45,14 @@ TEST(CheckReport, WritesForeignTextAsPrintable) {
   EXPECT_EQ(report.text(), "ok       proxy  a\\x1b[31mb\\nc\n\n0 problems, 0 warnings\n");
 }
 
+TEST(CheckReport, IsOneLineOfJSONForPrograms) {
+  CheckReport report;
+  report.add(Level::ok, "permissions", "all");
+  report.add(Level::problem, "kernel", "old \x1b");
+  EXPECT_EQ(report.json(), R"({"findings":[{"level":"ok","subject":"permissions","finding":"all"},)"
+                           R"({"level":"problem","subject":"kernel","finding":"old \\x1b"}],)"
+                           "\"problems\":1,\"warnings\":0}\n");
+}
+
 }  // namespace
 }  // namespace ostravel::linuxplatform

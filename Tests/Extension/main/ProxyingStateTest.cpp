@@ -12,7 +12,7 @@ const Facts kFine{.isIntercepting = true, .isGateOpen = true};
 
 Reason reasonWith(const Facts& facts, const char* proxy = "tinyproxy (process 1, user root)") {
   ProxyingState state;
-  state.setProxy(proxy, 50);
+  state.setProxy(proxy, "it is tested", 50);
   state.update(facts, 100);
   EXPECT_FALSE(state.state().message().empty());
   EXPECT_NE(nameOf(state.state().reason), "unknown");
@@ -56,7 +56,7 @@ TEST(ProxyingStateTest, ForgetsTheTimeoutsOfAnotherProxy) {
 
 TEST(ProxyingStateTest, KeepsTheTimeOfTheLastChange) {
   ProxyingState state;
-  state.setProxy("proxy", 1);
+  state.setProxy("proxy", "", 1);
   state.update(kFine, 100);
   state.update(kFine, 200);
   EXPECT_EQ(state.state().since, 100);
@@ -66,10 +66,23 @@ TEST(ProxyingStateTest, KeepsTheTimeOfTheLastChange) {
 
 TEST(ProxyingStateTest, NamesTheProxy) {
   ProxyingState state;
-  state.setProxy("tinyproxy (process 7, user proxy)", 1);
+  state.setProxy("tinyproxy (process 7, user proxy)", "", 1);
   state.update(kFine, 2);
   EXPECT_EQ(state.state().message(),
             "New connections are proxied by tinyproxy (process 7, user proxy).");
+}
+
+TEST(ProxyingStateTest, SaysWhyAListenerIsNotTheProxy) {
+  ProxyingState state;
+  state.update(kFine, 1);
+  EXPECT_EQ(state.state().message(),
+            "New connections go direct: no proxy is known on 127.0.0.1:8080.");
+  state.setProxy("", "nc (process 7, user root) listens on port 8080 and is being tested", 2);
+  state.update(kFine, 3);
+  EXPECT_EQ(
+      state.state().message(),
+      "New connections go direct: nc (process 7, user root) listens on port 8080 and is being "
+      "tested.");
 }
 
 }  // namespace

@@ -58,13 +58,15 @@ TEST(ControlAnswerTest, DescribesATunnel) {
   flow.outcome = "closed";
   flow.flowID = "ID";
   flow.detail = "eof";
+  flow.host = "www.example.org";
   flow.connected = 100us;
   flow.established = 1600us;
   flow.ended = 5000us;
   flow.bytesSent = 7;
   EXPECT_EQ(textOf(jsonOf(flow)),
             R"({"sequence":0,"time":0.0,"protocol":"tcp","application":"/usr/bin/curl",)"
-            R"("destination":"192.0.2.1:443","user":1000,"pid":4711,"action":"proxied",)"
+            R"("destination":"192.0.2.1:443","host":"www.example.org","user":1000,"pid":4711,)"
+            R"("action":"proxied",)"
             R"("reason":"proxied","outcome":"closed","flow_id":"ID","detail":"eof",)"
             R"("steps_us":{"decided":0,"connected":100,"established":1600,"ended":5000},)"
             R"("handshake_ms":1.5,"bytes_sent":7,"bytes_received":0,"open":false})");

@@ -88,6 +88,9 @@ TEST_F(ProxyTrustTest, RootsProxyMayCarryEverybodysFlows) {
   EXPECT_TRUE(holdsNow(kPerson));
   EXPECT_TRUE(holdsNow(std::nullopt));
   EXPECT_TRUE(warnings_.empty());
+  EXPECT_EQ(
+      trust_->reason(),
+      "it answered a CONNECT with \"HTTP/1.1 200 Connection established\" and belongs to root");
 }
 
 TEST_F(ProxyTrustTest, EveryProxyIsAnnouncedOnce) {
@@ -111,6 +114,8 @@ TEST_F(ProxyTrustTest, ASystemUsersProxyMayCarryEverybodysFlows) {
   EXPECT_TRUE(holdsNow(kPerson));
   EXPECT_TRUE(holdsNow(std::nullopt));
   EXPECT_TRUE(warnings_.empty());
+  EXPECT_NE(trust_->reason().find(" and belongs to the system user proxy"), std::string::npos)
+      << trust_->reason();
 }
 
 TEST_F(ProxyTrustTest, APersonsProxyMayCarryOnlyThatPersonsFlows) {
@@ -130,6 +135,10 @@ TEST_F(ProxyTrustTest, APersonsProxyMayCarryOnlyThatPersonsFlows) {
                 ", user 54321) listens on port 8080 for an ordinary user, and is not used for the "
                 "flows of others: run the proxy as root or a system user, or name its user with "
                 "--proxy-user 54321");
+  EXPECT_EQ(trust_->reason(),
+            program + " (process " + std::to_string(proxy->pid()) +
+                ", user 54321) listens on port 8080 for an ordinary user, so only connections of "
+                "user 54321 are proxied");
 }
 
 TEST_F(ProxyTrustTest, ANamedUsersProxyMayCarryEverybodysFlows) {
@@ -138,6 +147,9 @@ TEST_F(ProxyTrustTest, ANamedUsersProxyMayCarryEverybodysFlows) {
   EXPECT_TRUE(holdsEventually(kRoot));
   EXPECT_TRUE(holdsNow(std::nullopt));
   EXPECT_TRUE(warnings_.empty());
+  EXPECT_NE(trust_->reason().find(" and belongs to user 54321, named with --proxy-user"),
+            std::string::npos)
+      << trust_->reason();
 }
 
 TEST_F(ProxyTrustTest, ASocketCreatedByRootBelongsToItsServer) {
@@ -193,6 +205,10 @@ TEST_F(ProxyTrustTest, AWebServerMayCarryNoFlows) {
                 ", user root) listens on port 8080 and does not answer CONNECT as a proxy does: "
                 "HTTP/1.1 405 Not Allowed; every flow is left to the system until a proxy listens "
                 "there");
+  EXPECT_EQ(trust_->reason(),
+            program + " (process " + std::to_string(server->pid()) +
+                ", user root) listens on port 8080 and does not answer CONNECT as a proxy does: "
+                "HTTP/1.1 405 Not Allowed");
 }
 
 TEST_F(ProxyTrustTest, ALateAnswerMakesItAProxyFromThenOn) {

@@ -45,6 +45,15 @@ TEST_F(FlowRecordTest, HasWhatItWasMadeWith) {
   EXPECT_EQ(view.flowID, "");
 }
 
+TEST_F(FlowRecordTest, HasAddressAndName) {
+  EXPECT_EQ(record_.view().host, "");
+  record_.named("www.example.org");
+  EXPECT_EQ(record_.view().host, "www.example.org");
+  EXPECT_EQ(record_.view().destination, "192.0.2.1:443");
+  record_.named(std::string(5000, 'n'));
+  EXPECT_EQ(record_.view().host.size(), FlowRecord::kLongestText);
+}
+
 TEST_F(FlowRecordTest, IsDirectWithoutADecision) {
   const auto view = record_.view();
   EXPECT_EQ(view.action, Action::direct);

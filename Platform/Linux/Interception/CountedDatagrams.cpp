@@ -1,0 +1,30 @@
+#include "Platform/Linux/Interception/CountedDatagrams.h"
+
+namespace ostravel::linuxplatform {
+
+std::size_t CountedDatagrams::Hash::operator()(const FlowTuple& flow) const noexcept {
+  constexpr std::size_t kMix = 0x9E3779B97F4A7C15U;
+  const SocketEndpointHash hash;
+  return hash(flow.source) * kMix + hash(flow.destination);
+}
+
+bool CountedDatagrams::isNew(const FlowTuple& flow, std::string_view result, TimePoint now) {
+  const auto known = positions_.find(flow);
+  if (known != positions_.end()) {
+    entries_.splice(entries_.begin(), entries_, known->second);
+    Entry& entry = entries_.front();
+    const bool isNew = entry.result != result || now - entry.last >= kLifetime;
+    entry.result = result;
+    entry.last = now;
+    return isNew;
+  }
+  if (entries_.size() >= capacity_) {
+    positions_.erase(entries_.back().flow);
+    entries_.pop_back();
+  }
+  entries_.push_front({flow, result, now});
+  positions_.emplace(flow, entries_.begin());
+  return true;
+}
+
+}  // namespace ostravel::linuxplatform
