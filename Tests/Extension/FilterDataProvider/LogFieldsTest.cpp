@@ -20,7 +20,8 @@ class TunnelLogFields : public test::TunnelTest {
   // What the line is about: flow, application and code.
   std::string factsOf(std::string_view line) {
     const auto& records = simulation_.logRecords();
-    const auto found = std::ranges::find(records, line, &simulation::LogRecord::line);
+    const auto found = std::find_if(records.begin(), records.end(),
+                                    [line](const auto& record) { return record.line == line; });
     return found == records.end() ? "(no such line)"
                                   : found->flowID + "|" + found->application + "|" + found->code;
   }
