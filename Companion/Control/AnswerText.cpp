@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "Base/PrintableText.h"
-#include "Companion/Shared/TimeText.h"
 
 namespace ostravel::companion {
 namespace {
@@ -244,13 +243,13 @@ std::string statusText(const json_t* status) {
   return text;
 }
 
-std::string flowText(const json_t* flow) {
+std::string flowText(const json_t* flow, TimeStyle time) {
   constexpr int kOutcomeWidth = 11;
   std::string outcome = textOf(flow, "outcome");
   outcome.resize(std::max<std::size_t>(outcome.size(), kOutcomeWidth), ' ');
   const std::string application = textOf(flow, "application");
-  std::string text = timeText(numberOf(flow, "time").value_or(0), TimeStyle::timeOfDay) + " " +
-                     outcome + " " + (application.empty() ? "(unknown)" : application) + " " +
+  std::string text = timeText(numberOf(flow, "time").value_or(0), time) + " " + outcome + " " +
+                     (application.empty() ? "(unknown)" : application) + " " +
                      textOf(flow, "destination");
   if (const std::string host = textOf(flow, "host"); !host.empty()) {
     text += " (" + host + ")";

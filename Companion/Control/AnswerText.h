@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "Companion/Shared/TimeText.h"
+
 namespace ostravel::companion {
 
 // Formats the extension's answers (Documentation/control.md) as text. Values that an application or
@@ -17,7 +19,7 @@ namespace ostravel::companion {
 std::string statusText(const json_t* status);
 
 // One line, without its line feed.
-std::string flowText(const json_t* flow);
+std::string flowText(const json_t* flow, TimeStyle time = TimeStyle::timeOfDay);
 
 // The rules, then their result.
 std::string explanationText(const json_t* explanation);

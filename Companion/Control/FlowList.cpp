@@ -40,7 +40,7 @@ JSONHandle makeRequest(std::optional<json_int_t> after, std::optional<double> up
 }  // namespace
 
 bool FlowList::printFlow(const json_t* flow) const {
-  return printLine(asJSON_ ? jsonLine(flow) : flowText(flow));
+  return printLine(asJSON_ ? jsonLine(flow) : flowText(flow, time_));
 }
 
 int FlowList::print() const {

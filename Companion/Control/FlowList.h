@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "Companion/Shared/ControlClient.h"
+#include "Companion/Shared/TimeText.h"
 
 namespace ostravel::companion {
 
@@ -10,7 +11,9 @@ namespace ostravel::companion {
 // its outcome changes.
 class FlowList {
  public:
-  explicit FlowList(const ControlClient& client, bool asJSON) : client_(client), asJSON_(asJSON) {}
+  // time: used in text; JSON has seconds since 1970.
+  FlowList(const ControlClient& client, bool asJSON, TimeStyle time)
+      : client_(client), asJSON_(asJSON), time_(time) {}
 
   // Both return the program's exit status.
   int print() const;
@@ -22,6 +25,7 @@ class FlowList {
 
   const ControlClient& client_;
   const bool asJSON_;
+  const TimeStyle time_;
 };
 
 }  // namespace ostravel::companion

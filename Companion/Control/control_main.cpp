@@ -18,6 +18,7 @@
 #include "Companion/Control/TopScreen.h"
 #include "Companion/Shared/CommandLine.h"
 #include "Companion/Shared/ControlClient.h"
+#include "Companion/Shared/TimeText.h"
 
 namespace {
 
@@ -146,6 +147,7 @@ int run(int argc, char** argv) {
   std::string path(ControlClient::kDefaultPath);
   bool asJSON = false;
   bool doesFollow = false;
+  std::string timeStyle = "time";
   bool isUDP = false;
   std::vector<std::string> subjects;
   app.add_option("--socket", path, "The control socket")->option_text("PATH [" + path + "]");
@@ -156,6 +158,7 @@ int run(int argc, char** argv) {
       app.add_subcommand("status", "Say whether new connections are proxied, and if not why");
   auto* const flows = app.add_subcommand("flows", "List the last decisions");
   flows->add_flag("--follow,-f", doesFollow, "Go on as flows are decided and end");
+  addTimeOption(*flows, timeStyle);
   const auto* const top = app.add_subcommand("top", "Show a live screen; q ends it");
   auto* const explained =
       app.add_subcommand("explain", "Say what would happen to a flow, and by which rule");
@@ -178,7 +181,11 @@ int run(int argc, char** argv) {
     return showStatus(client, asJSON);
   }
   if (flows->parsed()) {
-    const FlowList list(client, asJSON);
+    const auto time = timeStyleNamed(timeStyle);
+    if (!time) {
+      return failTimeStyle(app, timeStyle);
+    }
+    const FlowList list(client, asJSON, *time);
     return doesFollow ? list.follow() : list.print();
   }
   if (top->parsed()) {

@@ -4,6 +4,7 @@ import fcntl
 import json
 import os
 import pty
+import re
 import select
 import signal
 import socket
@@ -301,7 +302,7 @@ def test_follows_flows_as_they_are_decided(laboratory):
     laboratory.start_system()
     following = laboratory.start(
         [laboratory.program_path("ostravelctl"), "--socket", laboratory.control_path, "flows",
-         "--follow"],
+         "--follow", "--time", "utc"],
         name="ostravelctl",
     )
     mark = following.output.mark()
@@ -310,6 +311,13 @@ def test_follows_flows_as_they_are_decided(laboratory):
         lambda line: remote(THERE4, 80) in line and " closed " in line, mark
     )
     assert line is not None and CURL in line
+    assert re.match(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z ", line)
+
+
+def test_an_unknown_style_of_times_is_refused(laboratory):
+    done = laboratory.control("flows", "--time", "date")
+    assert done.returncode == 2
+    assert "--time: not time, local or utc: date" in done.stderr
 
 
 def test_only_root_and_the_group_may_ask(laboratory):

@@ -89,7 +89,7 @@ JSONHandle rowOf(const FlowRecord& flow) {
 
 // Translates an outcome of the control socket to one of FlowOutcome.
 std::string_view outcomeOfDecision(std::string_view outcome, std::string_view action) {
-  constexpr std::array<std::pair<std::string_view, std::string_view>, 8> kWords = {{
+  constexpr std::array<std::pair<std::string_view, std::string_view>, 9> kWords = {{
       {"pending", "connecting"},
       {"established", "open"},
       {"failed", "reset"},
@@ -97,6 +97,7 @@ std::string_view outcomeOfDecision(std::string_view outcome, std::string_view ac
       {"invalid", "invalid answer"},
       {"timed_out", "timed out"},
       {"no_answer", "failed"},
+      {"request_failed", "failed"},
       {"connection_failed", "failed"},
   }};
   if (action == "refused") {

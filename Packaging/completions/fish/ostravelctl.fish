@@ -10,5 +10,6 @@ complete -c ostravelctl -n __fish_use_subcommand -a explain -d 'What would happe
 complete -c ostravelctl -n __fish_use_subcommand -a reload -d 'Read the registrations again'
 complete -c ostravelctl -n __fish_use_subcommand -a check -d 'Examine this machine'
 complete -c ostravelctl -n '__fish_seen_subcommand_from flows' -l follow -d 'Go on'
+complete -c ostravelctl -n '__fish_seen_subcommand_from flows' -l time -xa 'time local utc' -d 'How times are written'
 complete -c ostravelctl -n '__fish_seen_subcommand_from explain' -l udp -d 'A flow of UDP'
 complete -c ostravelctl -n '__fish_seen_subcommand_from explain' -F

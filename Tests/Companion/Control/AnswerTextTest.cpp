@@ -88,6 +88,11 @@ TEST(AnswerTextTest, ShowsAFlowOnOneLine) {
             " rejected    /usr/bin/curl 192.0.2.1:443 (HTTP/1.1 403 Forbidden)");
 }
 
+TEST(AnswerTextTest, ShowsDateAndZoneOnRequest) {
+  const auto line = flowText(parsed(R"({"time":1763271815.5})").get(), TimeStyle::utc);
+  EXPECT_EQ(line.substr(0, line.find(' ')), "2025-11-16T05:43:35.500Z");
+}
+
 TEST(AnswerTextTest, ShowsAddressAndName) {
   const auto line = flowText(parsed(R"({"application":"/a","destination":"192.0.2.1:443",
       "host":"www.example.org","reason":"proxied","outcome":"established"})")
