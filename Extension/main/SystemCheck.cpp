@@ -32,6 +32,7 @@
 #include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
 #include "Platform/Linux/Identity/ProxyTrial.h"
 #include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Interception/TranslationTable.h"
 #include "Platform/Linux/Kernel/PacketLog.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Platform/Linux/Kernel/RoutingRules.h"
@@ -400,7 +401,7 @@ platform::Result<std::string> plannedRules(const CommandLine::Options& options) 
   return "# The extension chooses the number of the queue and the ports of the redirections when "
          "it\n"
          "# starts. It puts tcp and udp into the set alive and renews them four times a second.\n" +
-         *std::move(script) +
+         *std::move(script) + TranslationTable::script(options.marks) +
          (options.names == NameUse::off ? "" : DNSCopies::script(kExampleQueue));
 }
 

@@ -37,8 +37,6 @@ constexpr const char* kQueueChain = "hold";
 constexpr const char* kRefuseChain = "refuse";
 constexpr const char* kDivertChain = "divert";
 constexpr const char* kRedirectChain = "deliver";
-constexpr const char* kHideChain = "hide";
-constexpr const char* kShowChain = "show";
 
 // The refuse chain tests the mark that the verdict has just set, so it must follow the offer chain;
 // a mark set before the nat hook is visible there.
@@ -46,9 +44,6 @@ constexpr std::int32_t kOfferPriority = NF_IP_PRI_MANGLE;
 // firewalld(1) filters at 10, iptables at 0 and, in its table "security", at 50.
 constexpr std::int32_t kLateOfferPriority = NF_IP_PRI_SECURITY + 10;
 constexpr std::int32_t kDivertPriority = NF_IP_PRI_NAT_DST;
-// Fragments have been put together, and connections are not tracked yet.
-constexpr std::int32_t kHidePriority = NF_IP_PRI_RAW - 10;
-constexpr std::int32_t kShowPriority = NF_IP_PRI_RAW + 10;
 
 // nft(8) calls these types inet_proto and uid.
 constexpr std::uint32_t kTypeInetProtocol = 12;
@@ -299,26 +294,6 @@ void addDivertRules(TableChanges& changes, const Selection& selection, const Pac
   }
 }
 
-// Undoes itself when it is applied again.
-void addHidingRules(TableChanges& changes, const char* chain, const PacketMarks& marks) {
-  for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
-    // What the listeners' sockets send, and resets, which the kernel may send without a socket.
-    changes.add("hiding rule", NetfilterRule(kTable, chain)
-                                   .throughLoopback()
-                                   .markOtherThan(marks.mask(), 0)
-                                   .protocol(TransportProtocol::tcp)
-                                   .destinationNotLoopback(family)
-                                   .flipDestination(family)
-                                   .accept());
-    changes.add("hiding rule", NetfilterRule(kTable, chain)
-                                   .throughLoopback()
-                                   .resetOfTCP()
-                                   .destinationNotLoopback(family)
-                                   .flipDestination(family)
-                                   .accept());
-  }
-}
-
 // Says what is missing and what to do.
 Error explain(const NetfilterBatch::Failure& failure) {
   const auto error = [&failure](std::string description) {
@@ -384,13 +359,9 @@ TableChanges makeChanges(const Plan& plan, const Selection& selection,
   changes.addChain(kRefuseChain, {"filter", TableChanges::Hook::output, priority + 1});
   changes.addChain(kDivertChain, {"nat", TableChanges::Hook::output, kDivertPriority});
   changes.addChain(kRedirectChain);
-  changes.addChain(kHideChain, {"filter", TableChanges::Hook::prerouting, kHidePriority});
-  changes.addChain(kShowChain, {"filter", TableChanges::Hook::prerouting, kShowPriority});
   addOfferRules(changes, selection, plan);
   addRefuseRules(changes, selection, plan.marks);
   addDivertRules(changes, selection, plan.marks, plan.listeners);
-  addHidingRules(changes, kHideChain, plan.marks);
-  addHidingRules(changes, kShowChain, plan.marks);
   addAliveElements(changes.batch());
   return changes;
 }

@@ -32,18 +32,11 @@ namespace ostravel::linuxplatform {
 //                    unreachable
 //     chain divert   nat output: SYNs that carry one of our marks jump to the next chain
 //     chain deliver  sends packets marked for event loop i to that loop's listener
-//     chains hide    prerouting, before and after the rules of other programs at the priority raw:
-//       and show     these see answers to diverted connections with another destination address
 //
 // Every chain acts only on first packets that the settings select, so a mark that another program
 // sets for its own purposes has no effect on other packets. Never offered: packets that already
 // have any of our mark bits set, retransmissions of a SYN that has left, link-local or multicast
 // destinations, and, after the filters, packets whose destination another program has translated.
-//
-// An answer to a diverted connection comes from this machine with a distant source address. Rules
-// against forged answers to the address of a VPN's tunnel, such as those of wg-quick(8), would drop
-// it. They are at the priority raw, before connections are tracked, so the address can be changed
-// while the packet passes them. Through loopback comes only what this machine has sent itself.
 //
 // Used by one thread at a time.
 class InterceptionTable {
@@ -95,7 +88,7 @@ class InterceptionTable {
   // Lets packets be offered for another kAliveTimeout.
   platform::OptionalError refreshAlive();
 
-  // Removed after the rules of this table.
+  // To be removed after the rules of this table.
   void keep(std::unique_ptr<TranslationTable> translation) {
     translation_ = std::move(translation);
   }

@@ -73,13 +73,15 @@ std::shared_ptr<HostNameObserver> observeNames(NameUse use,
 }
 
 void keepTranslation(InterceptionTable& table, const std::shared_ptr<mnl_socket>& guardedSocket,
-                     platform::Log& log) {
-  auto translation = TranslationTable::install(guardedSocket);
+                     const PacketMarks& marks, platform::Log& log) {
+  auto translation = TranslationTable::install(guardedSocket, marks);
   if (translation) {
     table.keep(*std::move(translation));
   } else {
-    log.error("OstravelProxy: If this process is killed, open tunnels may hang: %{public}s",
-              {translation.error().localizedDescription});
+    log.error(
+        "OstravelProxy: A VPN may drop answers, and open tunnels may hang if this process is "
+        "killed: %{public}s",
+        {translation.error().localizedDescription});
   }
 }
 
@@ -146,8 +148,8 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
                                          : InterceptionTable::OfferPoint::beforeFilters,
        guardedSocket = environment.guardedSocket, log] {
         auto installed = InterceptionTable::install(settings, marks, number, ports, offerPoint);
-        if (installed && guardedSocket) {
-          keepTranslation(**installed, guardedSocket, *log);
+        if (installed) {
+          keepTranslation(**installed, guardedSocket, marks, *log);
         }
         return installed;
       };

@@ -75,7 +75,7 @@ class Interceptor {
     // that all users' flows may be sent to, empty for none, and the reason. May be absent.
     ProxyWatcher onProxyWatched = {};
     NameUse names = NameUse::off;
-    // Shared with the guardian, see TranslationTable; null if there is none.
+    // Shared with the guardian, see TranslationTable; null if there is no guardian.
     std::shared_ptr<mnl_socket> guardedSocket = nullptr;
   };
 

@@ -6,6 +6,7 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter_ipv4.h>
 
+#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -17,20 +18,66 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
+constexpr const char* kTable = TranslationTable::kName;
 constexpr const char* kIdleChain = "idle";
+constexpr const char* kHideChain = "hide";
+constexpr const char* kShowChain = "show";
+
+// Fragments have been put together, and connections are not tracked yet.
+constexpr std::int32_t kHidePriority = NF_IP_PRI_RAW - 10;
+constexpr std::int32_t kShowPriority = NF_IP_PRI_RAW + 10;
+
+// Undoes itself when it is applied again.
+void addHidingRules(TableChanges& changes, const char* chain, const PacketMarks& marks) {
+  for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
+    // What the listeners' sockets send, and resets, which the kernel may send without a socket.
+    changes.add("hiding rule", NetfilterRule(kTable, chain)
+                                   .throughLoopback()
+                                   .markOtherThan(marks.mask(), 0)
+                                   .protocol(TransportProtocol::tcp)
+                                   .destinationNotLoopback(family)
+                                   .flipDestination(family)
+                                   .accept());
+    changes.add("hiding rule", NetfilterRule(kTable, chain)
+                                   .throughLoopback()
+                                   .resetOfTCP()
+                                   .destinationNotLoopback(family)
+                                   .flipDestination(family)
+                                   .accept());
+  }
+}
+
+TableChanges makeChanges(const PacketMarks& marks) {
+  TableChanges changes(kTable);
+  // The chain makes the kernel translate; the rule makes it track.
+  changes.addChain(kIdleChain, {"nat", TableChanges::Hook::output, NF_IP_PRI_NAT_DST});
+  changes.add("conntrack rule", NetfilterRule(kTable, kIdleChain).notNewConnection().accept());
+  changes.addChain(kHideChain, {"filter", TableChanges::Hook::prerouting, kHidePriority});
+  changes.addChain(kShowChain, {"filter", TableChanges::Hook::prerouting, kShowPriority});
+  addHidingRules(changes, kHideChain, marks);
+  addHidingRules(changes, kShowChain, marks);
+  return changes;
+}
 
 }  // namespace
 
 platform::Result<std::unique_ptr<TranslationTable>> TranslationTable::install(
-    std::shared_ptr<mnl_socket> socket) {
-  TableChanges changes(kName);
-  // The chain makes the kernel translate; the rule makes it track.
-  changes.addChain(kIdleChain, {"nat", TableChanges::Hook::output, NF_IP_PRI_NAT_DST});
-  changes.add("conntrack rule", NetfilterRule(kName, kIdleChain).notNewConnection().accept());
-  if (const auto failure = changes.batch().commit(socket.get())) {
+    std::shared_ptr<mnl_socket> socket, const PacketMarks& marks) {
+  if (!socket) {
+    auto opened = openNetfilterSocket();
+    if (!opened) {
+      return std::move(opened).error();
+    }
+    socket = *std::move(opened);
+  }
+  if (const auto failure = makeChanges(marks).batch().commit(socket.get())) {
     return platform::systemCallError(failure->error, std::string("nftables table inet ") + kName);
   }
   return std::unique_ptr<TranslationTable>(new TranslationTable(std::move(socket)));
+}
+
+std::string TranslationTable::script(const PacketMarks& marks) {
+  return makeChanges(marks).script();
 }
 
 TranslationTable::TranslationTable(std::shared_ptr<mnl_socket> socket)

@@ -54,7 +54,7 @@ class LinuxProviderContextTest : public ::testing::Test {
 
 TEST_F(LinuxProviderContextTest, SettingsInstallTheRules) {
   EXPECT_EQ(apply(loopbackSettings()), std::nullopt);
-  EXPECT_EQ(outputOf("nft list tables"), "table inet ostravel\n");
+  EXPECT_EQ(outputOf("nft list tables"), "table inet ostravel\ntable inet ostravel-translation\n");
 }
 
 TEST_F(LinuxProviderContextTest, LaterSettingsReplaceEarlierOnes) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Platform/Linux/Interception/InterceptionTable.h"
+#include "Platform/Linux/Interception/TranslationTable.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Tests/Platform/Linux/Support/KeptLog.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
@@ -49,6 +50,7 @@ class RedirectSupervisorTest : public ::testing::Test {
     // Nothing reads the queue.
     table_.reset();
     table_ = *InterceptionTable::install(settings_, loops_.marks(), 0, ports);
+    table_->keep(*TranslationTable::install(nullptr, loops_.marks()));
   }
 
   void start(std::chrono::milliseconds pause = RedirectSupervisor::kPause) {

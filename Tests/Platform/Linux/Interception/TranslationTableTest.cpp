@@ -25,7 +25,7 @@ std::shared_ptr<mnl_socket> openSocket() {
 }
 
 TEST(TranslationTableTest, IsThereUntilItIsDestroyed) {
-  auto installed = TranslationTable::install(openSocket());
+  auto installed = TranslationTable::install(openSocket(), PacketMarks());
   ASSERT_TRUE(installed);
   EXPECT_EQ(outputOf("nft list tables"), kItsLine);
   installed->reset();
@@ -34,17 +34,25 @@ TEST(TranslationTableTest, IsThereUntilItIsDestroyed) {
 
 TEST(TranslationTableTest, CanBeInstalledAgainWithTheSameSocket) {
   const auto socket = openSocket();
-  ASSERT_TRUE(TranslationTable::install(socket));
-  const auto installed = TranslationTable::install(socket);
+  ASSERT_TRUE(TranslationTable::install(socket, PacketMarks()));
+  const auto installed = TranslationTable::install(socket, PacketMarks());
   ASSERT_TRUE(installed);
   EXPECT_EQ(outputOf("nft list tables"), kItsLine);
+}
+
+TEST(TranslationTableTest, NeedsNoSharedSocket) {
+  auto installed = TranslationTable::install(nullptr, PacketMarks());
+  ASSERT_TRUE(installed);
+  EXPECT_EQ(outputOf("nft list tables"), kItsLine);
+  installed->reset();
+  EXPECT_EQ(outputOf("nft list tables"), "");
 }
 
 TEST(TranslationTableTest, OutlivesAProcessThatDidNotRemoveIt) {
   auto socket = openSocket();
   const pid_t process = ::fork();
   if (process == 0) {
-    const auto installed = TranslationTable::install(socket);
+    const auto installed = TranslationTable::install(socket, PacketMarks());
     ::_exit(installed ? EXIT_SUCCESS : EXIT_FAILURE);
   }
   int status = -1;
@@ -57,7 +65,7 @@ TEST(TranslationTableTest, OutlivesAProcessThatDidNotRemoveIt) {
 
 TEST(TranslationTableTest, LeavesATableOfAnotherProgramAlone) {
   outputOf("nft add table inet ostravel-translation");
-  const auto installed = TranslationTable::install(openSocket());
+  const auto installed = TranslationTable::install(openSocket(), PacketMarks());
   ASSERT_FALSE(installed);
   EXPECT_NE(installed.error().localizedDescription.find("inet ostravel-translation"),
             std::string::npos)
@@ -68,7 +76,7 @@ TEST(TranslationTableTest, LeavesATableOfAnotherProgramAlone) {
 TEST(TranslationTableTest, IsRemovedWithTheTableThatKeepsIt) {
   auto interception = InterceptionTable::install(testing::loopbackSettings(), PacketMarks(), 1, {});
   ASSERT_TRUE(interception);
-  auto translation = TranslationTable::install(openSocket());
+  auto translation = TranslationTable::install(openSocket(), PacketMarks());
   ASSERT_TRUE(translation);
   (*interception)->keep(*std::move(translation));
   EXPECT_EQ(outputOf("nft list tables"), std::string("table inet ostravel\n") + kItsLine);
