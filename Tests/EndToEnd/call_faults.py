@@ -196,7 +196,7 @@ def suffer(laboratory, fault, seconds=1.2):
     except subprocess.TimeoutExpired:
         status = None
         extension.kill()
-    has_left_rules = "ostravel" in laboratory.here.run("nft", "list", "tables")
+    has_left_rules = laboratory.has_rules()
     return Suffered(
         fault, not has_started, connections, status, has_died, has_left_rules,
         extension.errors.since()[-3:],

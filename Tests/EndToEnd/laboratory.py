@@ -393,7 +393,7 @@ class Laboratory:
         self.events.flow_to(remote(THERE4, PEER_PORT), mark)
 
     def has_rules(self):
-        return "ostravel" in self.here.run("nft", "list", "ruleset")
+        return "table inet ostravel" in self.here.run("nft", "list", "tables").splitlines()
 
     # Origins
 

@@ -248,7 +248,7 @@ class Demonstration:
         return "refused at once" if result == "refused" and float(milliseconds) < 1000 else result
 
     def has_rules(self):
-        return "table inet ostravel" in Laboratory.program.run("nft", "list", "tables")
+        return "table inet ostravel" in Laboratory.program.run("nft", "list", "tables").splitlines()
 
     # The steps
 

@@ -228,7 +228,7 @@ class Live:
         if os.listdir(self.folder):
             return f"{self.folder} is not empty"
         os.rmdir(self.folder)
-        if self.extension and "table inet ostravel" in tables():
+        if self.extension and "table inet ostravel" in tables().splitlines():
             return "the nftables table inet ostravel is still there"
         return None
 
