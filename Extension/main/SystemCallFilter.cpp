@@ -105,7 +105,7 @@ constexpr std::array kPermittedForGuardian{
     "mremap",       "munmap",         "newfstatat",   "pidfd_send_signal",
     "poll",         "ppoll",          "read",         "restart_syscall",
     "rt_sigaction", "rt_sigprocmask", "rt_sigreturn", "sched_yield",
-    "tgkill",       "write"};
+    "sigaltstack",  "tgkill",         "write"};
 
 struct Release {
   void operator()(void* filter) const { ::seccomp_release(filter); }
