@@ -1,8 +1,10 @@
 #include "Tests/Simulator/HistoryChecker.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
+#include "Base/ParseNumber.h"
 #include "Tests/Simulator/Digest.h"
 
 namespace ostravel::simulator {
@@ -70,6 +72,8 @@ void HistoryChecker::consume(const HistoryEvent& event, std::uint64_t content,
     probe(event.number == 1);
   } else if (event.kind == HistoryKind::eventReceived) {
     receive(event.bytes);
+  } else if (event.kind == HistoryKind::logLine) {
+    readLog(event.bytes);
   } else if (event.kind == HistoryKind::preempted) {
     wasPreempted_ = true;
   } else if (event.kind == HistoryKind::stepDone) {
@@ -627,6 +631,13 @@ void HistoryChecker::receive(std::string_view json) {
   }
 }
 
+void HistoryChecker::readLog(std::string_view line) {
+  constexpr std::string_view kDropped = "OstravelProxy monitoring events dropped: ";
+  if (line.starts_with(kDropped)) {
+    droppedEvents_ += parseNumber<std::size_t>(line.substr(kDropped.size())).value_or(0);
+  }
+}
+
 void HistoryChecker::receiveForFlow(std::uint16_t bit, std::uint32_t number,
                                     std::string_view json) {
   Flow& flow = flows_[number - 1];
@@ -768,7 +779,18 @@ void HistoryChecker::judgeEnd(const Flow& flow, std::uint32_t number) {
   if (flow.tunnel && !flow.connectionGone) {
     fail("a connection is never destroyed", number);
   }
-  if (!hasReliableMonitor_ || !flow.tunnel || flow.expectedEvents == flow.receivedEvents) {
+  if (hasReliableMonitor_ && flow.tunnel) {
+    judgeEvents(flow, number);
+  }
+}
+
+// The room for waiting events is limited: thousands of tunnels that end in one moment may fill it.
+void HistoryChecker::judgeEvents(const Flow& flow, std::uint32_t number) {
+  const unsigned expected = flow.expectedEvents;
+  const unsigned received = flow.receivedEvents;
+  const auto missing = static_cast<std::size_t>(std::popcount(expected & ~received));
+  if ((received & ~expected) == 0 && missing <= droppedEvents_) {
+    droppedEvents_ -= missing;
     return;
   }
   fail("the reported events are not those that happened: " + std::to_string(flow.receivedEvents) +

@@ -193,6 +193,9 @@ class HistoryChecker {
   void judgeTouched(std::uint32_t number);
   void judgeRelay(const Flow& flow, std::uint32_t number);
   void judgeEnd(const Flow& flow, std::uint32_t number);
+  void judgeEvents(const Flow& flow, std::uint32_t number);
+  // A line of the system log.
+  void readLog(std::string_view line);
 
   const bool hasReliableMonitor_;
   const std::size_t occupiedSlots_;
@@ -219,6 +222,8 @@ class HistoryChecker {
   std::deque<std::string_view> expectedHealth_;
   std::size_t expectedStarts_ = 0;
   std::size_t expectedStops_ = 0;
+  // Events that the core has reported as dropped and that are not yet found missing.
+  std::size_t droppedEvents_ = 0;
 
   // By number; a deque, because what refers to a flow survives the next one.
   std::deque<Flow> flows_;

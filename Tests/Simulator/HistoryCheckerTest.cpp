@@ -23,7 +23,8 @@ constexpr std::uint64_t kConnected = 3;
 // Histories of one flow, written by hand.
 class HistoryCheckerTest : public testing::Test {
  protected:
-  HistoryCheckerTest() {
+  explicit HistoryCheckerTest(HistoryChecker::Monitor monitor = HistoryChecker::Monitor::unreliable)
+      : checker_(monitor) {
     happen({.kind = HistoryKind::providerMade});
     happen({.kind = HistoryKind::providerStarted});
     happen({.kind = HistoryKind::probeDone, .number = 1});
@@ -89,7 +90,7 @@ class HistoryCheckerTest : public testing::Test {
     return checker_.violation() ? checker_.violation()->invariant : "none";
   }
 
-  HistoryChecker checker_{HistoryChecker::Monitor::unreliable};
+  HistoryChecker checker_;
   OfferedFlow facts_{"com.example.app", true, "example.org", "443", Expectation::carry};
   std::chrono::nanoseconds now_{0};
 };
@@ -260,6 +261,40 @@ TEST_F(HistoryCheckerTest, ForgivesAStoppedProviderThatForgetsItsTunnels) {
   happen({.kind = HistoryKind::flowDestroyed, .flow = 1});
   finishStep();
 
+  EXPECT_EQ(invariant(), "none");
+}
+
+class MonitoredHistoryTest : public HistoryCheckerTest {
+ protected:
+  MonitoredHistoryTest() : HistoryCheckerTest(HistoryChecker::Monitor::reliable) {}
+
+  // Three events are expected: the start, the success and the end.
+  void endUnreported() {
+    establish();
+    happen({.kind = HistoryKind::flowReadDone, .flow = 1});
+    close();
+    finishStep();
+    happen({.kind = HistoryKind::connectionDestroyed, .flow = 1});
+    happen({.kind = HistoryKind::flowDestroyed, .flow = 1});
+  }
+
+  void finishWithLine(std::string_view line) {
+    happen({.kind = HistoryKind::logLine, .bytes = line});
+    checker_.finish();
+  }
+};
+
+TEST_F(MonitoredHistoryTest, FindsAnEventThatIsMissing) {
+  endUnreported();
+  finishWithLine("OstravelProxy monitoring events dropped: 2");
+  EXPECT_EQ(invariant().rfind("the reported events are not those that happened: 0 instead of", 0),
+            0U)
+      << invariant();
+}
+
+TEST_F(MonitoredHistoryTest, ForgivesEventsThatWereReportedAsDropped) {
+  endUnreported();
+  finishWithLine("OstravelProxy monitoring events dropped: 3");
   EXPECT_EQ(invariant(), "none");
 }
 
