@@ -398,9 +398,9 @@ platform::Result<std::string> plannedRules(const CommandLine::Options& options) 
   if (!script) {
     return std::move(script).error();
   }
-  return "# The extension chooses the number of the queue and the ports of the redirections when "
-         "it\n"
-         "# starts. It puts tcp and udp into the set alive and renews them four times a second.\n" +
+  return "# The extension chooses the queue's number and the redirections' ports at its start. It\n"
+         "# puts tcp and udp into the set alive and renews them four times a second. The chains\n"
+         "# hide and show exist only if other programs have rules at the priority raw.\n" +
          *std::move(script) + TranslationTable::script(options.marks) +
          (options.names == NameUse::off ? "" : DNSCopies::script(kExampleQueue));
 }

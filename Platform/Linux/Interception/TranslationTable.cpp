@@ -1,14 +1,18 @@
 #include "Platform/Linux/Interception/TranslationTable.h"
 
 #include <libmnl/libmnl.h>
+#include <libnftnl/chain.h>
 #include <libnftnl/table.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter_ipv4.h>
 
 #include <cstdint>
+#include <fstream>
 #include <new>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "Platform/Linux/Kernel/Allocated.h"
 #include "Platform/Linux/Kernel/NetfilterRule.h"
@@ -47,11 +51,57 @@ void addHidingRules(TableChanges& changes, const char* chain, const PacketMarks&
   }
 }
 
-TableChanges makeChanges(const PacketMarks& marks) {
+int noteFilter(const nlmsghdr* header, void* isThere) {
+  const std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)> chain(
+      allocated(::nftnl_chain_alloc()), &::nftnl_chain_free);
+  if (::nftnl_chain_nlmsg_parse(header, chain.get()) == 0 &&
+      ::nftnl_chain_is_set(chain.get(), NFTNL_CHAIN_PRIO) &&
+      ::nftnl_chain_get_u32(chain.get(), NFTNL_CHAIN_HOOKNUM) == NF_INET_PRE_ROUTING) {
+    const std::int32_t priority = ::nftnl_chain_get_s32(chain.get(), NFTNL_CHAIN_PRIO);
+    *static_cast<bool*>(isThere) |= kHidePriority < priority && priority < kShowPriority;
+  }
+  return MNL_CB_OK;
+}
+
+// True if another program has rules at the priority raw, and in doubt.
+bool areThereFilters() {
+  std::ifstream legacyTables("/proc/net/ip_tables_names");
+  for (std::string name; std::getline(legacyTables, name);) {
+    if (name == "raw") {
+      return true;
+    }
+  }
+  const auto socket = openNetfilterSocket();
+  if (!socket) {
+    return true;
+  }
+  std::vector<char> buffer(std::size_t{32} * 1024);
+  const nlmsghdr* const request =
+      ::nftnl_chain_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETCHAIN, NFPROTO_UNSPEC, NLM_F_DUMP, 1);
+  if (::mnl_socket_sendto(socket->get(), request, request->nlmsg_len) < 0) {
+    return true;
+  }
+  bool isThere = false;
+  while (true) {
+    const auto size = ::mnl_socket_recvfrom(socket->get(), buffer.data(), buffer.size());
+    const int result =
+        size <= 0 ? MNL_CB_ERROR
+                  : ::mnl_cb_run(buffer.data(), static_cast<std::size_t>(size), 1,
+                                 ::mnl_socket_get_portid(socket->get()), noteFilter, &isThere);
+    if (result <= MNL_CB_STOP) {
+      return isThere || result == MNL_CB_ERROR;
+    }
+  }
+}
+
+TableChanges makeChanges(const PacketMarks& marks, bool doesHide) {
   TableChanges changes(kTable);
   // The chain makes the kernel translate; the rule makes it track.
   changes.addChain(kIdleChain, {"nat", TableChanges::Hook::output, NF_IP_PRI_NAT_DST});
   changes.add("conntrack rule", NetfilterRule(kTable, kIdleChain).notNewConnection().accept());
+  if (!doesHide) {
+    return changes;
+  }
   changes.addChain(kHideChain, {"filter", TableChanges::Hook::prerouting, kHidePriority});
   changes.addChain(kShowChain, {"filter", TableChanges::Hook::prerouting, kShowPriority});
   addHidingRules(changes, kHideChain, marks);
@@ -70,14 +120,14 @@ platform::Result<std::unique_ptr<TranslationTable>> TranslationTable::install(
     }
     socket = *std::move(opened);
   }
-  if (const auto failure = makeChanges(marks).batch().commit(socket.get())) {
+  if (const auto failure = makeChanges(marks, areThereFilters()).batch().commit(socket.get())) {
     return platform::systemCallError(failure->error, std::string("nftables table inet ") + kName);
   }
   return std::unique_ptr<TranslationTable>(new TranslationTable(std::move(socket)));
 }
 
 std::string TranslationTable::script(const PacketMarks& marks) {
-  return makeChanges(marks).script();
+  return makeChanges(marks, true).script();
 }
 
 TranslationTable::TranslationTable(std::shared_ptr<mnl_socket> socket)

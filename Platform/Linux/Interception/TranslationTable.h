@@ -20,7 +20,8 @@ namespace ostravel::linuxplatform {
 //     chain idle     nat output: accepts; makes the kernel track and translate connections if no
 //                    other rules do
 //     chains hide    prerouting, before and after the rules of other programs at the priority raw:
-//       and show     these see answers to diverted connections with another destination address
+//       and show     these see answers to diverted connections with another destination address;
+//                    only if there are such rules, because every packet on loopback pays for it
 //
 // An answer to a diverted connection comes from this machine with a distant source address. Rules
 // against forged answers to the address of a VPN's tunnel, such as those of wg-quick(8), would drop
@@ -35,7 +36,7 @@ class TranslationTable {
   static platform::Result<std::unique_ptr<TranslationTable>> install(
       std::shared_ptr<mnl_socket> socket, const PacketMarks& marks);
 
-  // The table as a script for nft(8), one command a line.
+  // The table with all of its chains as a script for nft(8), one command a line.
   static std::string script(const PacketMarks& marks);
 
   TranslationTable(const TranslationTable&) = delete;

@@ -146,6 +146,7 @@ TEST_F(DistantRedirectSupervisorTest, FindsRulesAgainstAnswersFromElsewhere) {
 // As wg-quick(8) does for its tunnel.
 TEST_F(DistantRedirectSupervisorTest, AnswersPassSuchRulesBeforeTracking) {
   addRule("prerouting", kRule);
+  install();
   start();
   EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
 }

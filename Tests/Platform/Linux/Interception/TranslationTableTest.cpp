@@ -40,6 +40,18 @@ TEST(TranslationTableTest, CanBeInstalledAgainWithTheSameSocket) {
   EXPECT_EQ(outputOf("nft list tables"), kItsLine);
 }
 
+TEST(TranslationTableTest, HidesAnswersOnlyFromRulesThatAreThere) {
+  const auto isHiding = [] {
+    const auto installed = TranslationTable::install(openSocket(), PacketMarks());
+    return outputOf("nft list ruleset").find("chain hide") != std::string::npos;
+  };
+  outputOf(
+      "nft 'add table ip other; add chain ip other c { type filter hook prerouting priority 0; }'");
+  EXPECT_FALSE(isHiding());
+  outputOf("nft 'add chain ip other raw { type filter hook prerouting priority raw; }'");
+  EXPECT_TRUE(isHiding());
+}
+
 TEST(TranslationTableTest, NeedsNoSharedSocket) {
   auto installed = TranslationTable::install(nullptr, PacketMarks());
   ASSERT_TRUE(installed);
