@@ -122,8 +122,9 @@ if name:
     asking.connect((server, 53))
     if way == "tcp":
         asking.sendall(struct.pack("!H", len(query)) + query)
-        size = struct.unpack("!H", asking.recv(2, socket.MSG_WAITALL))[0]
-        asking.recv(size, socket.MSG_WAITALL)
+        # Not MSG_WAITALL, which does not wait on a socket with a timeout.
+        answer = asking.makefile("rb")
+        answer.read(struct.unpack("!H", answer.read(2))[0])
     else:
         asking.send(query)
         asking.recv(4096)
