@@ -1,15 +1,19 @@
 #include "Base/CalendarText.h"
 
+#include <algorithm>
+#include <array>
+#include <charconv>
 #include <cstddef>
+#include <limits>
 
 namespace ostravel {
 
 void appendPadded(std::string& text, unsigned number, unsigned digits) {
-  constexpr unsigned kBase = 10;
-  text.append(digits, '0');
-  for (std::size_t place = text.size(); number != 0; number /= kBase) {
-    text[--place] = static_cast<char>('0' + number % kBase);
-  }
+  std::array<char, std::numeric_limits<unsigned>::digits10 + 1> significant{};
+  char* const begin = significant.data();
+  const auto* const end = std::to_chars(begin, begin + significant.size(), number).ptr;
+  const auto size = static_cast<std::size_t>(end - begin);
+  text.append(digits - std::min<std::size_t>(digits, size), '0').append(begin, size);
 }
 
 void appendCalendarText(std::string& text, std::chrono::sys_seconds moment) {

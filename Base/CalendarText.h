@@ -9,7 +9,7 @@ namespace ostravel {
 // internet date-time (RFC 3339). For the years 0 to 9999.
 void appendCalendarText(std::string& text, std::chrono::sys_seconds moment);
 
-// Appends a number with leading zeros, in this many digits; the number must fit.
+// Appends a number with leading zeros, in at least this many digits.
 void appendPadded(std::string& text, unsigned number, unsigned digits);
 
 }  // namespace ostravel

@@ -92,8 +92,8 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   void noteClose(const platform::OptionalError& error);
   void noteEnd(platform::FlowEnd end, std::string_view detail) const;
 
-  // What a line that goes with an event is about. Routine lines, and
-  // those that most tunnels end with, do not name the application.
+  // The fields of a log line that goes with an event of this kind. Routine lines, which include the
+  // last one of most tunnels, do not name the application.
   platform::LogFields routine(const MonitoringEventKind& kind) const;
   platform::LogFields failure(const MonitoringEventKind& kind) const;
 

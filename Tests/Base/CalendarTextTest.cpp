@@ -40,7 +40,8 @@ TEST(CalendarTextTest, PadsNumbers) {
   appendPadded(text, 0, 3);
   appendPadded(text, 45, 3);
   appendPadded(text, 678, 3);
-  EXPECT_EQ(text, "000045678");
+  appendPadded(text, 90123, 3);
+  EXPECT_EQ(text, "00004567890123");
 }
 
 }  // namespace
