@@ -2,12 +2,6 @@
 
 namespace ostravel::linuxplatform {
 
-std::size_t CountedDatagrams::Hash::operator()(const FlowTuple& flow) const noexcept {
-  constexpr std::size_t kMix = 0x9E3779B97F4A7C15U;
-  const SocketEndpointHash hash;
-  return hash(flow.source) * kMix + hash(flow.destination);
-}
-
 bool CountedDatagrams::isNew(const FlowTuple& flow, std::string_view result, TimePoint now) {
   const auto known = positions_.find(flow);
   if (known != positions_.end()) {

@@ -27,9 +27,6 @@ class CountedDatagrams {
   bool isNew(const FlowTuple& flow, std::string_view result, TimePoint now);
 
  private:
-  struct Hash {
-    std::size_t operator()(const FlowTuple& flow) const noexcept;
-  };
   struct Entry {
     FlowTuple flow;
     std::string_view result;
@@ -39,7 +36,7 @@ class CountedDatagrams {
   const std::size_t capacity_;
   // The flow with the latest datagram first.
   std::list<Entry> entries_;
-  std::unordered_map<FlowTuple, std::list<Entry>::iterator, Hash> positions_;
+  std::unordered_map<FlowTuple, std::list<Entry>::iterator, FlowTupleHash> positions_;
 };
 
 }  // namespace ostravel::linuxplatform

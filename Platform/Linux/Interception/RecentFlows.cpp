@@ -14,9 +14,7 @@ constexpr auto kUDPLifetime = 30s;
 }  // namespace
 
 std::size_t RecentFlows::Hash::operator()(const FirstPacket& packet) const noexcept {
-  constexpr std::size_t kMix = 0x9E3779B97F4A7C15U;
-  const SocketEndpointHash hash;
-  return hash(packet.tuple.source) * kMix + hash(packet.tuple.destination) + packet.initialSequence;
+  return FlowTupleHash()(packet.tuple) + packet.initialSequence;
 }
 
 void RecentFlows::remember(const FirstPacket& packet, TimePoint now) {

@@ -52,4 +52,13 @@ struct SocketEndpointHash {
   }
 };
 
+struct FlowTupleHash {
+  std::size_t operator()(const FlowTuple& tuple) const noexcept {
+    // Keeps the two directions of a connection apart.
+    constexpr std::size_t kMix = 0x9E3779B97F4A7C15U;
+    const SocketEndpointHash hash;
+    return hash(tuple.source) * kMix + hash(tuple.destination);
+  }
+};
+
 }  // namespace ostravel::linuxplatform
