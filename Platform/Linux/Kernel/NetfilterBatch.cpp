@@ -28,6 +28,8 @@ std::uint32_t nextSequenceBlock() {
   return next.fetch_add(kBlock);
 }
 
+std::atomic<std::uint32_t> commits{0};
+
 }  // namespace
 
 void NetlinkSocketRelease::operator()(mnl_socket* socket) const {
@@ -65,7 +67,15 @@ void NetfilterBatch::add(std::string change, std::uint16_t type, std::uint16_t f
 
 std::optional<NetfilterBatch::Failure> NetfilterBatch::commit(mnl_socket* socket) {
   used_ += ::nftnl_batch_end(end(), nextSequence_)->nlmsg_len;
-  return send(socket);
+  auto failure = send(socket);
+  if (!failure) {
+    ++commits;
+  }
+  return failure;
+}
+
+std::uint32_t NetfilterBatch::commitCount() {
+  return commits;
 }
 
 // The kernel examines a batch without an end message, and then rolls it back.

@@ -46,7 +46,11 @@ class NetfilterBatch {
   // Sends the batch and waits for the kernel's answer to every change. Called once per batch.
   std::optional<Failure> commit(mnl_socket* socket);
 
-  // The same, but the kernel only examines the changes and makes none. Called instead of commit.
+  // The number of successful commits of this process, modulo 2^32. From any thread.
+  static std::uint32_t commitCount();
+
+  // The same as commit, but the kernel only examines the changes and makes none. Called instead of
+  // it.
   std::optional<Failure> examine(mnl_socket* socket);
 
  private:
