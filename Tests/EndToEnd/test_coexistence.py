@@ -37,6 +37,9 @@ def ask(application, address=None):
         return Fetched(0, receive_all(application).partition(b"\r\n\r\n")[2].decode(), own_port, "")
 
 
+# Logged when the extension has noticed such rules of other programs.
+RULES_FOR_OUTPUT_LINE = "flows are now offered after them"
+
 # Firewalls of iptables-legacy(8)
 
 LEGACY_RULES = """
@@ -80,8 +83,9 @@ LEGACY_RULES_FOR_OUTPUT = LEGACY_RULES.replace(
 def test_legacy_rules_keep_their_effect(laboratory, rules, way):
     """A firewall that drops what it does not know, with the translations of a container engine."""
     laboratory.serve(81, tell_peer)
-    laboratory.start_system()
+    _, extension = laboratory.start_system()
     laboratory.here.run("iptables-legacy-restore", given=rules)
+    extension.expect(extension.errors, RULES_FOR_OUTPUT_LINE)
     for _ in range(3):
         assert laboratory.fetch(THERE4, PEER_PORT).way == way
     assert laboratory.fetch(THERE4, 81).status == errno.ECONNREFUSED
@@ -175,6 +179,18 @@ def test_a_tunnel_with_policy_routing_keeps_working(laboratory):
             assert seen_address(fetched) == own_address
             # The first packet to a host, which goes direct, may wait for its neighbour's address.
             assert way == "direct" or time.monotonic() - start < WITHOUT_REPETITION_SECONDS
+
+
+def test_a_tunnel_that_is_brought_up_later_is_used(laboratory):
+    laboratory.serve(81, tell_peer)
+    _, extension = laboratory.start_system()
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    set_up_tunnel(laboratory)
+    extension.expect(extension.errors, "Answers are now hidden from other programs' rules")
+    for host, own_address in ((BEYOND4, TUNNEL_HERE4), (BEYOND6, TUNNEL_HERE6)):
+        fetched = laboratory.fetch(host, PEER_PORT)
+        assert fetched.way == "proxied"
+        assert seen_address(fetched) == own_address
 
 
 @pytest.mark.parametrize("host", [BEYOND4, BEYOND6])
@@ -311,10 +327,17 @@ table inet firewall {
 """
 
 
-def test_rules_by_user_apply_to_proxied_connections(laboratory):
-    laboratory.start_system()
-    laboratory.here.run("nft", "-f", "-", given=BY_USER)
+@pytest.mark.parametrize("beginning", ["before the start", "after the start"])
+def test_rules_by_user_apply_to_proxied_connections(laboratory, beginning):
     url = f"http://{THERE4}:{PEER_PORT}/"
+    if beginning == "before the start":
+        laboratory.here.run("nft", "-f", "-", given=BY_USER)
+        laboratory.start_system()
+    else:
+        _, extension = laboratory.start_system()
+        assert laboratory.curl(url, user=4002).way == "proxied"
+        laboratory.here.run("nft", "-f", "-", given=BY_USER)
+        extension.expect(extension.errors, RULES_FOR_OUTPUT_LINE)
     assert laboratory.curl(url, user=4001).way == "proxied"
     refused = laboratory.curl(url, user=4002)
     # That it was refused (curl(1)).

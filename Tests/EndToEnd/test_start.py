@@ -415,9 +415,11 @@ def test_the_dry_run_prints_the_rules_of_a_real_run(laboratory):
         return [rules_of(namespace.run("nft", "list", "table", "inet", name)) for name in tables]
 
     planned = rules(laboratory.there)
-    # Such a chain of another program makes the answers to connections be hidden from it.
-    raw = "add table ip other; add chain ip other raw { type filter hook prerouting priority raw; }"
-    laboratory.here.run("nft", raw)
+    # Printed is what is installed beside such rules of another program.
+    for hook, priority in (("output", "filter"), ("prerouting", "raw")):
+        chain = f"ip other {hook}"
+        commands = f"add table ip other; add chain {chain} {{ type filter hook {hook} priority {priority}; }}"
+        laboratory.here.run("nft", f"{commands}; add rule {chain} ip daddr 192.0.2.1 drop")
     extension = laboratory.start_extension()
     assert planned == rules(laboratory.here)
     assert extension.stop() == 0

@@ -10,12 +10,13 @@ namespace ostravel::linuxplatform {
 
 AliveKeeper::AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,
                          std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed,
-                         HasRoom hasRoom)
+                         HasRoom hasRoom, Adjust adjust)
     : table_(std::move(table)),
       install_(std::move(install)),
       log_(std::move(log)),
       onRefreshed_(std::move(onRefreshed)),
       hasRoom_(std::move(hasRoom)),
+      adjust_(std::move(adjust)),
       thread_([this] { run(); }) {}
 
 AliveKeeper::~AliveKeeper() {
@@ -57,7 +58,10 @@ bool AliveKeeper::keepAlive() {
     return true;
   }
   if (table_) {
-    const auto error = table_->refreshAlive();
+    auto error = table_->refreshAlive();
+    if (!error && adjust_) {
+      error = adjust_(*table_);
+    }
     if (!error) {
       return true;
     }

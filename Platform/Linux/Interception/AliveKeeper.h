@@ -26,14 +26,18 @@ class AliveKeeper {
   // Reinstalls the table with its original arguments. Runs on the keeper's thread.
   using Install = std::function<platform::Result<std::unique_ptr<InterceptionTable>>()>;
 
+  // Called on every beat, after the refresh; if it fails, the table is reinstalled. Runs on the
+  // keeper's thread.
+  using Adjust = std::function<platform::OptionalError(InterceptionTable&)>;
+
   // True if connections can be tracked. Runs on the keeper's thread.
   using HasRoom = std::function<bool()>;
 
-  // Takes ownership of the table; onRefreshed, which may be empty, runs on the keeper's thread
-  // after every beat unless the table cannot be refreshed.
+  // Takes ownership of the table; adjust may be empty; onRefreshed, which may be empty, runs on the
+  // keeper's thread after every beat unless the table cannot be refreshed.
   AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,
               std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed,
-              HasRoom hasRoom = ConntrackRoom());
+              HasRoom hasRoom = ConntrackRoom(), Adjust adjust = {});
   AliveKeeper(const AliveKeeper&) = delete;
   AliveKeeper& operator=(const AliveKeeper&) = delete;
   // Removes the table unless removeTable() already has.
@@ -59,6 +63,7 @@ class AliveKeeper {
   const std::shared_ptr<platform::Log> log_;
   const std::function<void()> onRefreshed_;
   const HasRoom hasRoom_;
+  const Adjust adjust_;
   // Empty while the table is installed.
   std::string lastFailure_;
   EventDescriptor beats_;

@@ -228,11 +228,12 @@ struct Plan {
   bool isOfferLate() const { return offerPoint == InterceptionTable::OfferPoint::afterFilters; }
 };
 
-void addOfferRules(TableChanges& changes, const Selection& selection, const Plan& plan) {
+void addOfferRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks,
+                   bool isLate) {
   addRulesForLaterPackets(changes, kOfferChain);
   // Our own packets, and those of programs that use our mark bits for other purposes.
   changes.add("mark rule",
-              NetfilterRule(kTable, kOfferChain).markOtherThan(plan.marks.mask(), 0).accept());
+              NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
   changes.add("set rule", NetfilterRule(kTable, kOfferChain).protocolNotIn(kAliveSet).accept());
   // A retransmitted SYN, which has had its verdict. If its entry has seen a reply, that belongs to
   // an earlier connection with the same addresses and ports, and the SYN starts a new one.
@@ -240,7 +241,7 @@ void addOfferRules(TableChanges& changes, const Selection& selection, const Plan
                                     .protocol(TransportProtocol::tcp)
                                     .trackedWithoutReply()
                                     .accept());
-  if (plan.isOfferLate()) {
+  if (isLate) {
     // The translation belongs to the conntrack entry of this packet; a copy would get a new entry
     // without it.
     changes.add("conntrack rule",
@@ -269,6 +270,16 @@ void addRefuseRules(TableChanges& changes, const Selection& selection, const Pac
                    rule.rejectWithPortUnreachable();
                  }
                });
+}
+
+// The chains by which packets leave the path of outgoing packets.
+void addOfferChains(TableChanges& changes, const Selection& selection, const PacketMarks& marks,
+                    bool isLate) {
+  const std::int32_t priority = isLate ? kLateOfferPriority : kOfferPriority;
+  changes.addChain(kOfferChain, {"filter", TableChanges::Hook::output, priority});
+  changes.addChain(kRefuseChain, {"filter", TableChanges::Hook::output, priority + 1});
+  addOfferRules(changes, selection, marks, isLate);
+  addRefuseRules(changes, selection, marks);
 }
 
 void addDivertRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks,
@@ -354,13 +365,9 @@ TableChanges makeChanges(const Plan& plan, const Selection& selection,
           .queue(plan.queueNumber, features.hasQueueExpression
                                        ? NetfilterRule::QueueStatement::native
                                        : NetfilterRule::QueueStatement::compatibilityTarget));
-  const std::int32_t priority = plan.isOfferLate() ? kLateOfferPriority : kOfferPriority;
-  changes.addChain(kOfferChain, {"filter", TableChanges::Hook::output, priority});
-  changes.addChain(kRefuseChain, {"filter", TableChanges::Hook::output, priority + 1});
+  addOfferChains(changes, selection, plan.marks, plan.isOfferLate());
   changes.addChain(kDivertChain, {"nat", TableChanges::Hook::output, kDivertPriority});
   changes.addChain(kRedirectChain);
-  addOfferRules(changes, selection, plan);
-  addRefuseRules(changes, selection, plan.marks);
   addDivertRules(changes, selection, plan.marks, plan.listeners);
   addAliveElements(changes.batch());
   return changes;
@@ -408,7 +415,8 @@ Result<std::unique_ptr<InterceptionTable>> InterceptionTable::install(
   if (error) {
     return *std::move(error);
   }
-  return std::unique_ptr<InterceptionTable>(new InterceptionTable(std::move(socket)));
+  return std::unique_ptr<InterceptionTable>(
+      new InterceptionTable(std::move(socket), settings, marks));
 }
 
 OptionalError InterceptionTable::examine(const TransparentProxyNetworkSettings& settings,
@@ -430,6 +438,22 @@ Result<std::string> InterceptionTable::script(const TransparentProxyNetworkSetti
     return selection.error();
   }
   return makeChanges({settings, marks, queueNumber, listeners}, *selection, {}).script();
+}
+
+OptionalError InterceptionTable::offerAfterFilters() {
+  const auto selection = translate(settings_);
+  if (!selection) {
+    return selection.error();
+  }
+  TableChanges changes = TableChanges::ofExisting(kTable);
+  changes.removeChain(kOfferChain);
+  changes.removeChain(kRefuseChain);
+  addOfferChains(changes, *selection, marks_, true);
+  if (const auto failure = changes.batch().commit(socket_.get())) {
+    return platform::systemCallError(failure->error,
+                                     "the rules could not be moved: " + failure->change);
+  }
+  return std::nullopt;
 }
 
 OptionalError InterceptionTable::refreshAlive() {

@@ -88,14 +88,23 @@ class InterceptionTable {
   // Lets packets be offered for another kAliveTimeout.
   platform::OptionalError refreshAlive();
 
+  // Moves the offer there from before the filters, at once for all packets.
+  platform::OptionalError offerAfterFilters();
+
   // To be removed after the rules of this table.
   void keep(std::unique_ptr<TranslationTable> translation) {
     translation_ = std::move(translation);
   }
+  // Null if none is kept.
+  TranslationTable* translation() { return translation_.get(); }
 
  private:
-  explicit InterceptionTable(NetlinkSocket socket) : socket_(std::move(socket)) {}
+  InterceptionTable(NetlinkSocket socket, const platform::TransparentProxyNetworkSettings& settings,
+                    const PacketMarks& marks)
+      : settings_(settings), marks_(marks), socket_(std::move(socket)) {}
 
+  const platform::TransparentProxyNetworkSettings settings_;
+  const PacketMarks marks_;
   std::unique_ptr<TranslationTable> translation_;
   NetlinkSocket socket_;
 };

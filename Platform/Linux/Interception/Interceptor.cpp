@@ -72,19 +72,6 @@ std::shared_ptr<HostNameObserver> observeNames(NameUse use,
   return *std::move(observer);
 }
 
-void keepTranslation(InterceptionTable& table, const std::shared_ptr<mnl_socket>& guardedSocket,
-                     const PacketMarks& marks, platform::Log& log) {
-  auto translation = TranslationTable::install(guardedSocket, marks);
-  if (translation) {
-    table.keep(*std::move(translation));
-  } else {
-    log.error(
-        "OstravelProxy: A VPN may drop answers, and open tunnels may hang if this process is "
-        "killed: %{public}s",
-        {translation.error().localizedDescription});
-  }
-}
-
 std::string textOf(const SocketEndpoint& endpoint) {
   const std::string address = endpoint.addressText();
   const std::string port = ":" + std::to_string(endpoint.port);
@@ -115,6 +102,7 @@ struct Interceptor::Parts {
   std::shared_ptr<HostNameObserver> names;
   std::shared_ptr<PacketQueue> queue;
   std::shared_ptr<const PacketResender> resender;
+  std::shared_ptr<RuleInstaller> rules;
   LoopSocket arrivals;
   std::shared_ptr<RedirectSupervisor> redirects;
   std::unique_ptr<AliveKeeper> aliveKeeper;
@@ -142,18 +130,15 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   if (!arrivals.isOpen()) {
     return socketError(EMFILE);
   }
-  const auto install =
-      [settings, marks = loops.marks(), number = openQueue->number(), ports = listenerPorts(loops),
-       offerPoint = environment.resender ? InterceptionTable::OfferPoint::afterFilters
-                                         : InterceptionTable::OfferPoint::beforeFilters,
-       guardedSocket = environment.guardedSocket, log] {
-        auto installed = InterceptionTable::install(settings, marks, number, ports, offerPoint);
-        if (installed) {
-          keepTranslation(**installed, guardedSocket, marks, *log);
-        }
-        return installed;
-      };
-  auto table = install();
+  const auto rules = std::make_shared<RuleInstaller>(
+      RuleInstaller::Plan{.settings = settings,
+                          .marks = loops.marks(),
+                          .queueNumber = openQueue->number(),
+                          .listeners = listenerPorts(loops),
+                          .canResend = environment.resender != nullptr,
+                          .guardedSocket = environment.guardedSocket},
+      log);
+  auto table = rules->install();
   if (!table) {
     return std::move(table).error();
   }
@@ -162,12 +147,13 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   }
   auto redirects = RedirectSupervisor::start(loops, settings, log);
   auto names = observeNames(environment.names, *identifiers, *log);
-  auto aliveKeeper =
-      std::make_unique<AliveKeeper>(*std::move(table), install, log, environment.onAlive);
+  auto aliveKeeper = std::make_unique<AliveKeeper>(
+      *std::move(table), [rules] { return rules->install(); }, log, environment.onAlive,
+      ConntrackRoom(), [rules](InterceptionTable& installed) { return rules->adjust(installed); });
   return std::unique_ptr<Interceptor>(new Interceptor(
       {std::move(log), loops, environment.descriptors, environment.journal, std::move(handler),
        environment.onProxyWatched, std::move(identifiers), environment.names, std::move(names),
-       std::move(openQueue), environment.resender, std::move(arrivals), std::move(redirects),
+       std::move(openQueue), environment.resender, rules, std::move(arrivals), std::move(redirects),
        std::move(aliveKeeper), environment.heartbeat}));
 }
 
@@ -184,6 +170,7 @@ Interceptor::Interceptor(Parts parts)
       names_(std::move(parts.names)),
       queue_(std::move(parts.queue)),
       resender_(std::move(parts.resender)),
+      rules_(std::move(parts.rules)),
       arrivals_(std::move(parts.arrivals)),
       recentFlows_(kRememberedFlows),
       countedDatagrams_(kRememberedFlows),
@@ -354,9 +341,9 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   }
   const bool isTCP = tuple.protocol == TransportProtocol::tcp;
   // The proxy decides about TCP flows only; UDP is refused locally.
-  auto heldPacket = std::make_unique<QueuedPacket>(queue_, loops_.marks(), packet, share,
-                                                   isTCP ? identification.proxy : std::nullopt,
-                                                   isTCP ? resender_ : nullptr);
+  auto heldPacket = std::make_unique<QueuedPacket>(
+      queue_, loops_.marks(), packet, share, isTCP ? identification.proxy : std::nullopt,
+      isTCP && rules_->mustResend() ? resender_ : nullptr);
   EventLoop& loop = isTCP ? loops_.loop(nextLoop_++ % loops_.size()) : loop_;
   auto record = journal_.open(originOf(tuple, identification, now), loop.index());
   const auto user = identification.user;

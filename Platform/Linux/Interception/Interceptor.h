@@ -23,6 +23,7 @@
 #include "Platform/Linux/Interception/LeftFlows.h"
 #include "Platform/Linux/Interception/RecentFlows.h"
 #include "Platform/Linux/Interception/RedirectSupervisor.h"
+#include "Platform/Linux/Interception/RuleInstaller.h"
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
 #include "Platform/Linux/Kernel/PacketResender.h"
@@ -67,7 +68,7 @@ class Interceptor {
     std::function<void()> onAlive;
     // Users, besides root and system users, whose local proxy may carry the flows of all users.
     std::vector<uid_t> proxyUsers;
-    // If absent, packets are offered before the filters of other programs.
+    // If absent, packets are always offered before the filters of other programs.
     std::shared_ptr<const PacketResender> resender = nullptr;
     // Identifiers that applications get from registrations only.
     std::vector<std::string> reservedIdentifiers = {};
@@ -157,6 +158,7 @@ class Interceptor {
   const std::shared_ptr<HostNameObserver> names_;
   const std::shared_ptr<PacketQueue> queue_;
   const std::shared_ptr<const PacketResender> resender_;
+  const std::shared_ptr<RuleInstaller> rules_;
   // A duplicate of the queue's socket, for waiting.
   LoopSocket arrivals_;
   bool isReceivingPaused_ = false;

@@ -1,24 +1,23 @@
 #include "Platform/Linux/Interception/TranslationTable.h"
 
 #include <libmnl/libmnl.h>
-#include <libnftnl/chain.h>
 #include <libnftnl/table.h>
-#include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter_ipv4.h>
 
 #include <cstdint>
-#include <fstream>
 #include <new>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "Platform/Linux/Kernel/Allocated.h"
 #include "Platform/Linux/Kernel/NetfilterRule.h"
+#include "Platform/Linux/Kernel/OtherRules.h"
 #include "Platform/Linux/Kernel/TableChanges.h"
 
 namespace ostravel::linuxplatform {
+
+using platform::OptionalError;
 
 namespace {
 
@@ -28,8 +27,8 @@ constexpr const char* kHideChain = "hide";
 constexpr const char* kShowChain = "show";
 
 // Fragments have been put together, and connections are not tracked yet.
-constexpr std::int32_t kHidePriority = NF_IP_PRI_RAW - 10;
-constexpr std::int32_t kShowPriority = NF_IP_PRI_RAW + 10;
+constexpr std::int32_t kHidePriority = NF_IP_PRI_RAW - OtherRules::kRawMargin;
+constexpr std::int32_t kShowPriority = NF_IP_PRI_RAW + OtherRules::kRawMargin;
 
 // Undoes itself when it is applied again.
 void addHidingRules(TableChanges& changes, const char* chain, const PacketMarks& marks) {
@@ -51,68 +50,35 @@ void addHidingRules(TableChanges& changes, const char* chain, const PacketMarks&
   }
 }
 
-int noteFilter(const nlmsghdr* header, void* isThere) {
-  const std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)> chain(
-      allocated(::nftnl_chain_alloc()), &::nftnl_chain_free);
-  if (::nftnl_chain_nlmsg_parse(header, chain.get()) == 0 &&
-      ::nftnl_chain_is_set(chain.get(), NFTNL_CHAIN_PRIO) &&
-      ::nftnl_chain_get_u32(chain.get(), NFTNL_CHAIN_HOOKNUM) == NF_INET_PRE_ROUTING) {
-    const std::int32_t priority = ::nftnl_chain_get_s32(chain.get(), NFTNL_CHAIN_PRIO);
-    *static_cast<bool*>(isThere) |= kHidePriority < priority && priority < kShowPriority;
-  }
-  return MNL_CB_OK;
-}
-
-// True if another program has rules at the priority raw, and in doubt.
-bool areThereFilters() {
-  std::ifstream legacyTables("/proc/net/ip_tables_names");
-  for (std::string name; std::getline(legacyTables, name);) {
-    if (name == "raw") {
-      return true;
-    }
-  }
-  const auto socket = openNetfilterSocket();
-  if (!socket) {
-    return true;
-  }
-  std::vector<char> buffer(std::size_t{32} * 1024);
-  const nlmsghdr* const request =
-      ::nftnl_chain_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETCHAIN, NFPROTO_UNSPEC, NLM_F_DUMP, 1);
-  if (::mnl_socket_sendto(socket->get(), request, request->nlmsg_len) < 0) {
-    return true;
-  }
-  bool isThere = false;
-  while (true) {
-    const auto size = ::mnl_socket_recvfrom(socket->get(), buffer.data(), buffer.size());
-    const int result =
-        size <= 0 ? MNL_CB_ERROR
-                  : ::mnl_cb_run(buffer.data(), static_cast<std::size_t>(size), 1,
-                                 ::mnl_socket_get_portid(socket->get()), noteFilter, &isThere);
-    if (result <= MNL_CB_STOP) {
-      return isThere || result == MNL_CB_ERROR;
-    }
-  }
-}
-
-TableChanges makeChanges(const PacketMarks& marks, bool doesHide) {
-  TableChanges changes(kTable);
-  // The chain makes the kernel translate; the rule makes it track.
-  changes.addChain(kIdleChain, {"nat", TableChanges::Hook::output, NF_IP_PRI_NAT_DST});
-  changes.add("conntrack rule", NetfilterRule(kTable, kIdleChain).notNewConnection().accept());
-  if (!doesHide) {
-    return changes;
-  }
+void addHiding(TableChanges& changes, const PacketMarks& marks) {
   changes.addChain(kHideChain, {"filter", TableChanges::Hook::prerouting, kHidePriority});
   changes.addChain(kShowChain, {"filter", TableChanges::Hook::prerouting, kShowPriority});
   addHidingRules(changes, kHideChain, marks);
   addHidingRules(changes, kShowChain, marks);
+}
+
+TableChanges makeChanges(const PacketMarks& marks, bool hidesAnswers) {
+  TableChanges changes(kTable);
+  // The chain makes the kernel translate; the rule makes it track.
+  changes.addChain(kIdleChain, {"nat", TableChanges::Hook::output, NF_IP_PRI_NAT_DST});
+  changes.add("conntrack rule", NetfilterRule(kTable, kIdleChain).notNewConnection().accept());
+  if (hidesAnswers) {
+    addHiding(changes, marks);
+  }
   return changes;
+}
+
+OptionalError commit(TableChanges changes, mnl_socket* socket) {
+  if (const auto failure = changes.batch().commit(socket)) {
+    return platform::systemCallError(failure->error, std::string("nftables table inet ") + kTable);
+  }
+  return std::nullopt;
 }
 
 }  // namespace
 
 platform::Result<std::unique_ptr<TranslationTable>> TranslationTable::install(
-    std::shared_ptr<mnl_socket> socket, const PacketMarks& marks) {
+    std::shared_ptr<mnl_socket> socket, const PacketMarks& marks, bool hidesAnswers) {
   if (!socket) {
     auto opened = openNetfilterSocket();
     if (!opened) {
@@ -120,18 +86,28 @@ platform::Result<std::unique_ptr<TranslationTable>> TranslationTable::install(
     }
     socket = *std::move(opened);
   }
-  if (const auto failure = makeChanges(marks, areThereFilters()).batch().commit(socket.get())) {
-    return platform::systemCallError(failure->error, std::string("nftables table inet ") + kName);
+  if (auto error = commit(makeChanges(marks, hidesAnswers), socket.get())) {
+    return *std::move(error);
   }
-  return std::unique_ptr<TranslationTable>(new TranslationTable(std::move(socket)));
+  return std::unique_ptr<TranslationTable>(
+      new TranslationTable(std::move(socket), marks, hidesAnswers));
+}
+
+OptionalError TranslationTable::hideAnswers() {
+  TableChanges changes = TableChanges::ofExisting(kTable);
+  addHiding(changes, marks_);
+  auto error = commit(std::move(changes), socket_.get());
+  hidesAnswers_ = !error;
+  return error;
 }
 
 std::string TranslationTable::script(const PacketMarks& marks) {
   return makeChanges(marks, true).script();
 }
 
-TranslationTable::TranslationTable(std::shared_ptr<mnl_socket> socket)
-    : socket_(std::move(socket)) {}
+TranslationTable::TranslationTable(std::shared_ptr<mnl_socket> socket, const PacketMarks& marks,
+                                   bool hidesAnswers)
+    : socket_(std::move(socket)), marks_(marks), hidesAnswers_(hidesAnswers) {}
 
 TranslationTable::~TranslationTable() {
   // If memory runs out, the kernel removes the table when the socket is closed.

@@ -21,7 +21,7 @@ namespace ostravel::linuxplatform {
 //                    other rules do
 //     chains hide    prerouting, before and after the rules of other programs at the priority raw:
 //       and show     these see answers to diverted connections with another destination address;
-//                    only if there are such rules, because every packet on loopback pays for it
+//                    only if hidesAnswers(), because every packet on loopback pays for it
 //
 // An answer to a diverted connection comes from this machine with a distant source address. Rules
 // against forged answers to the address of a VPN's tunnel, such as those of wg-quick(8), would drop
@@ -32,9 +32,10 @@ class TranslationTable {
   static constexpr const char* kName = "ostravel-translation";
 
   // socket: to netfilter, opened before the guardian was started, which shares it; null if there is
-  // no guardian. On failure nothing stays installed.
+  // no guardian. hidesAnswers: true if other programs have rules at the priority raw. On failure
+  // nothing stays installed.
   static platform::Result<std::unique_ptr<TranslationTable>> install(
-      std::shared_ptr<mnl_socket> socket, const PacketMarks& marks);
+      std::shared_ptr<mnl_socket> socket, const PacketMarks& marks, bool hidesAnswers);
 
   // The table with all of its chains as a script for nft(8), one command a line.
   static std::string script(const PacketMarks& marks);
@@ -44,12 +45,18 @@ class TranslationTable {
   // Removes the table, unlike the end of the process.
   ~TranslationTable();
 
+  bool hidesAnswers() const { return hidesAnswers_; }
+  // Called if it does not.
+  platform::OptionalError hideAnswers();
+
  private:
-  explicit TranslationTable(std::shared_ptr<mnl_socket> socket);
+  TranslationTable(std::shared_ptr<mnl_socket> socket, const PacketMarks& marks, bool hidesAnswers);
 
   void remove();
 
   const std::shared_ptr<mnl_socket> socket_;
+  const PacketMarks marks_;
+  bool hidesAnswers_;
 };
 
 }  // namespace ostravel::linuxplatform

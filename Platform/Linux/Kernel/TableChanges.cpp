@@ -21,6 +21,7 @@ constexpr std::uint32_t kTableOwnerFlag = 0x2;  // NFT_TABLE_F_OWNER, newer than
 
 using TableHandle = std::unique_ptr<nftnl_table, decltype(&::nftnl_table_free)>;
 using ChainHandle = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
+using RuleHandle = std::unique_ptr<nftnl_rule, decltype(&::nftnl_rule_free)>;
 using SetHandle = std::unique_ptr<nftnl_set, decltype(&::nftnl_set_free)>;
 
 struct KernelHook {
@@ -51,6 +52,24 @@ TableChanges::TableChanges(const char* name) : table_(name) {
   batch_.add(
       "table", NFT_MSG_NEWTABLE, NFPROTO_INET, NLM_F_CREATE | NLM_F_EXCL,
       [&table](nlmsghdr* header) { ::nftnl_table_nlmsg_build_payload(header, table.get()); });
+}
+
+TableChanges TableChanges::ofExisting(const char* name) {
+  return {name, Existing()};
+}
+
+void TableChanges::removeChain(const char* name) {
+  const RuleHandle rules(allocated(::nftnl_rule_alloc()), &::nftnl_rule_free);
+  requireCopied(::nftnl_rule_set_str(rules.get(), NFTNL_RULE_TABLE, table_));
+  requireCopied(::nftnl_rule_set_str(rules.get(), NFTNL_RULE_CHAIN, name));
+  batch_.add(std::string("rules of chain ") + name, NFT_MSG_DELRULE, NFPROTO_INET, 0,
+             [&rules](nlmsghdr* header) { ::nftnl_rule_nlmsg_build_payload(header, rules.get()); });
+  const ChainHandle chain(allocated(::nftnl_chain_alloc()), &::nftnl_chain_free);
+  requireCopied(::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, table_));
+  requireCopied(::nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name));
+  batch_.add(
+      std::string("chain ") + name, NFT_MSG_DELCHAIN, NFPROTO_INET, 0,
+      [&chain](nlmsghdr* header) { ::nftnl_chain_nlmsg_build_payload(header, chain.get()); });
 }
 
 void TableChanges::addChain(const char* name, const Base* base) {

@@ -8,7 +8,8 @@
 
 namespace ostravel::linuxplatform {
 
-// The changes that make a new inet table of nf_tables, for the kernel and as a script for nft(8).
+// The changes that make or change an inet table of nf_tables, for the kernel and as a script for
+// nft(8).
 // The table is owned by the netlink socket on which the batch is committed: it disappears with that
 // socket, and no other process can change it.
 class TableChanges {
@@ -37,13 +38,17 @@ class TableChanges {
     std::uint32_t maximumCount = 0;
   };
 
-  // name: valid as long as this object.
+  // For a new table. name: valid as long as this object.
   explicit TableChanges(const char* name);
+  // For a table that the same netlink socket has made.
+  static TableChanges ofExisting(const char* name);
 
   // A chain that a jump leads to.
   void addChain(const char* name) { addChain(name, nullptr); }
   // A chain of a hook, which accepts packets that its rules do not decide.
   void addChain(const char* name, const Base& base) { addChain(name, &base); }
+  // With its rules. Another one of this name may be added afterwards.
+  void removeChain(const char* name);
   // change: what a failure of the batch calls it.
   void add(std::string change, const ExpiringSet& set);
   void add(std::string change, const NetfilterRule& rule);
@@ -55,6 +60,9 @@ class TableChanges {
   const std::string& script() const { return script_; }
 
  private:
+  struct Existing {};
+  TableChanges(const char* name, Existing) : table_(name) {}
+
   void addChain(const char* name, const Base* base);
 
   const char* const table_;

@@ -50,7 +50,7 @@ class RedirectSupervisorTest : public ::testing::Test {
     // Nothing reads the queue.
     table_.reset();
     table_ = *InterceptionTable::install(settings_, loops_.marks(), 0, ports);
-    table_->keep(*TranslationTable::install(nullptr, loops_.marks()));
+    table_->keep(*TranslationTable::install(nullptr, loops_.marks(), true));
   }
 
   void start(std::chrono::milliseconds pause = RedirectSupervisor::kPause) {

@@ -25,7 +25,7 @@ std::shared_ptr<mnl_socket> openSocket() {
 }
 
 TEST(TranslationTableTest, IsThereUntilItIsDestroyed) {
-  auto installed = TranslationTable::install(openSocket(), PacketMarks());
+  auto installed = TranslationTable::install(openSocket(), PacketMarks(), false);
   ASSERT_TRUE(installed);
   EXPECT_EQ(outputOf("nft list tables"), kItsLine);
   installed->reset();
@@ -34,26 +34,41 @@ TEST(TranslationTableTest, IsThereUntilItIsDestroyed) {
 
 TEST(TranslationTableTest, CanBeInstalledAgainWithTheSameSocket) {
   const auto socket = openSocket();
-  ASSERT_TRUE(TranslationTable::install(socket, PacketMarks()));
-  const auto installed = TranslationTable::install(socket, PacketMarks());
+  ASSERT_TRUE(TranslationTable::install(socket, PacketMarks(), false));
+  const auto installed = TranslationTable::install(socket, PacketMarks(), false);
   ASSERT_TRUE(installed);
   EXPECT_EQ(outputOf("nft list tables"), kItsLine);
 }
 
-TEST(TranslationTableTest, HidesAnswersOnlyFromRulesThatAreThere) {
-  const auto isHiding = [] {
-    const auto installed = TranslationTable::install(openSocket(), PacketMarks());
-    return outputOf("nft list ruleset").find("chain hide") != std::string::npos;
-  };
-  outputOf(
-      "nft 'add table ip other; add chain ip other c { type filter hook prerouting priority 0; }'");
-  EXPECT_FALSE(isHiding());
-  outputOf("nft 'add chain ip other raw { type filter hook prerouting priority raw; }'");
-  EXPECT_TRUE(isHiding());
+// Their names, one after the other.
+std::string chains() {
+  const std::string table = outputOf("nft list table inet ostravel-translation");
+  std::string result;
+  for (const std::string name : {"idle", "hide", "show"}) {
+    result += table.find("chain " + name) == std::string::npos ? "" : name;
+  }
+  return result;
+}
+
+TEST(TranslationTableTest, CanHideAnswersFromTheStart) {
+  const auto hiding = TranslationTable::install(openSocket(), PacketMarks(), true);
+  ASSERT_TRUE(hiding);
+  EXPECT_TRUE((*hiding)->hidesAnswers());
+  EXPECT_EQ(chains(), "idlehideshow");
+}
+
+TEST(TranslationTableTest, CanHideAnswersLater) {
+  const auto installed = TranslationTable::install(openSocket(), PacketMarks(), false);
+  ASSERT_TRUE(installed);
+  EXPECT_FALSE((*installed)->hidesAnswers());
+  EXPECT_EQ(chains(), "idle");
+  EXPECT_FALSE((*installed)->hideAnswers());
+  EXPECT_TRUE((*installed)->hidesAnswers());
+  EXPECT_EQ(chains(), "idlehideshow");
 }
 
 TEST(TranslationTableTest, NeedsNoSharedSocket) {
-  auto installed = TranslationTable::install(nullptr, PacketMarks());
+  auto installed = TranslationTable::install(nullptr, PacketMarks(), false);
   ASSERT_TRUE(installed);
   EXPECT_EQ(outputOf("nft list tables"), kItsLine);
   installed->reset();
@@ -64,7 +79,7 @@ TEST(TranslationTableTest, OutlivesAProcessThatDidNotRemoveIt) {
   auto socket = openSocket();
   const pid_t process = ::fork();
   if (process == 0) {
-    const auto installed = TranslationTable::install(socket, PacketMarks());
+    const auto installed = TranslationTable::install(socket, PacketMarks(), false);
     ::_exit(installed ? EXIT_SUCCESS : EXIT_FAILURE);
   }
   int status = -1;
@@ -77,7 +92,7 @@ TEST(TranslationTableTest, OutlivesAProcessThatDidNotRemoveIt) {
 
 TEST(TranslationTableTest, LeavesATableOfAnotherProgramAlone) {
   outputOf("nft add table inet ostravel-translation");
-  const auto installed = TranslationTable::install(openSocket(), PacketMarks());
+  const auto installed = TranslationTable::install(openSocket(), PacketMarks(), false);
   ASSERT_FALSE(installed);
   EXPECT_NE(installed.error().localizedDescription.find("inet ostravel-translation"),
             std::string::npos)
@@ -88,7 +103,7 @@ TEST(TranslationTableTest, LeavesATableOfAnotherProgramAlone) {
 TEST(TranslationTableTest, IsRemovedWithTheTableThatKeepsIt) {
   auto interception = InterceptionTable::install(testing::loopbackSettings(), PacketMarks(), 1, {});
   ASSERT_TRUE(interception);
-  auto translation = TranslationTable::install(openSocket(), PacketMarks());
+  auto translation = TranslationTable::install(openSocket(), PacketMarks(), false);
   ASSERT_TRUE(translation);
   (*interception)->keep(*std::move(translation));
   EXPECT_EQ(outputOf("nft list tables"), std::string("table inet ostravel\n") + kItsLine);
