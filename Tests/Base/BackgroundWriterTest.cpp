@@ -20,7 +20,8 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-// What an output has taken, and whether its reader reads. Shared by a test and its output.
+// The lines that an output has taken, and whether its reader reads. Shared by a test and its
+// output.
 struct Reader {
   void stall() {
     const std::lock_guard lock(mutex);
@@ -182,7 +183,7 @@ TEST_F(BackgroundWriterTest, KeepsTheOrderOfEachThread) {
 
 TEST_F(BackgroundWriterTest, DoesNotWaitForAReaderThatHasStalled) {
   stall();
-  // It would never come back from any of these.
+  // None of these would ever return.
   for (int line = 0; line < 1000; ++line) {
     writer_->push(lineOf(line));
   }
@@ -253,7 +254,7 @@ TEST_F(BackgroundWriterTest, DestructionDoesNotWaitForAStalledReader) {
   writer_->push("never\n");
   writer_.reset();
   EXPECT_EQ(reader_->text(), "");
-  // Comes back, and writes nothing more.
+  // It returns and writes nothing more.
   const std::weak_ptr<Reader> reader = reader_;
   reader_->go();
   while (reader.use_count() > 1) {

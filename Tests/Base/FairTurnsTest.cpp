@@ -94,7 +94,7 @@ TEST_F(FairTurnsTest, PartiesThatWaitAreServedByTurns) {
 TEST_F(FairTurnsTest, WorkDoesNotOvertakeEarlierWorkOfItsParty) {
   run('a', 5);
   takeTurn();
-  // There is room again, and nobody waits.
+  // There is room again, and nothing is waiting.
   turns_.run(idOf('a'), [this] { served_ += '1'; });
   EXPECT_EQ(served_, "a1");
   run('a', 3);
@@ -150,7 +150,7 @@ TEST_F(FairTurnsTest, ATurnBeginsWithNothingSpent) {
   EXPECT_EQ(served_, "aaaa");
 }
 
-TEST_F(FairTurnsTest, SaysWhetherAnyoneWaits) {
+TEST_F(FairTurnsTest, KnowsWhetherWorkIsWaiting) {
   run('a', 4);
   EXPECT_FALSE(turns_.isAnyoneWaiting());
   run('a', 5);
@@ -161,7 +161,7 @@ TEST_F(FairTurnsTest, SaysWhetherAnyoneWaits) {
   EXPECT_FALSE(turns_.isAnyoneWaiting());
 }
 
-TEST_F(FairTurnsTest, ClearDestroysWhatWaitsWithoutRunningIt) {
+TEST_F(FairTurnsTest, ClearDestroysWaitingWorkWithoutRunningIt) {
   run('a', 4);
   const auto owned = std::make_shared<int>();
   turns_.run(idOf('a'), [this, owned] { served_ += '!'; });

@@ -33,7 +33,7 @@ TEST(JSONKeyPlaces, DecodesEscapes) {
   EXPECT_EQ(places.of("d"), ":1:40");
 }
 
-TEST(JSONKeyPlaces, TheOutermostValueMayBeAnythingElse) {
+TEST(JSONKeyPlaces, AcceptsTextThatIsNotAnObjectWithMembers) {
   EXPECT_EQ(JSONKeyPlaces("").of("a"), "");
   EXPECT_EQ(JSONKeyPlaces("{}").of("a"), "");
   EXPECT_EQ(JSONKeyPlaces("\"a\"").of("a"), "");

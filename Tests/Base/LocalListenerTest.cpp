@@ -43,7 +43,7 @@ FileDescriptor boundSocket(const std::string& path, int type = SOCK_STREAM) {
   return descriptor;
 }
 
-// A socket file that no process has any more.
+// A socket file that no process listens on any more.
 void leaveStaleSocket(const std::string& path) {
   boundSocket(path);
 }
@@ -79,21 +79,21 @@ TEST(LocalListenerTest, LeavesANameThatIsNoLongerItsOwn) {
   EXPECT_TRUE(std::filesystem::is_socket(folder.path("s")));
 }
 
-TEST(LocalListenerTest, ReplacesASocketOnWhichNobodyListens) {
+TEST(LocalListenerTest, ReplacesASocketWithoutAListener) {
   const TemporaryFolder folder;
   leaveStaleSocket(folder.path("s"));
   const LocalListener socket(folder.path("s"));
   EXPECT_NO_THROW(testing::TestSocket::connectUnix(folder.path("s")));
 }
 
-TEST(LocalListenerTest, RefusesASocketOnWhichSomeoneListens) {
+TEST(LocalListenerTest, RefusesASocketWithAListener) {
   const TemporaryFolder folder;
   const LocalListener socket(folder.path("s"));
   EXPECT_EQ(problemAt(folder.path("s")), "another program listens there");
   EXPECT_NO_THROW(testing::TestSocket::connectUnix(folder.path("s")));
 }
 
-TEST(LocalListenerTest, DoesNotConnectToASocketOnWhichSomeoneListens) {
+TEST(LocalListenerTest, DoesNotConnectToASocketWithAListener) {
   const TemporaryFolder folder;
   const LocalListener socket(folder.path("s"));
   EXPECT_EQ(problemAt(folder.path("s")), "another program listens there");
@@ -111,7 +111,7 @@ TEST(LocalListenerTest, RefusesASocketThatIsNotListeningYet) {
   }
 }
 
-TEST(LocalListenerTest, TouchesNothingWhileAnotherMonitorIsBeingStarted) {
+TEST(LocalListenerTest, ChangesNothingWhileAnotherMonitorStarts) {
   const TemporaryFolder folder;
   leaveStaleSocket(folder.path("s"));
   const ino_t stale = statusOf(folder.path("s")).st_ino;
@@ -150,14 +150,14 @@ TEST(LocalListenerTest, LeavesNoLockBehind) {
   EXPECT_FALSE(std::filesystem::exists(folder.path("s.lock")));
 }
 
-TEST(LocalListenerTest, TakesTheGroupAndModeItIsGiven) {
+TEST(LocalListenerTest, UsesTheGivenGroupAndMode) {
   const TemporaryFolder folder;
   const LocalListener socket(folder.path("s"), {.group = 65534, .mode = 0666});
   EXPECT_EQ(statusOf(folder.path("s")).st_gid, 65534U);
   EXPECT_EQ(statusOf(folder.path("s")).st_mode & 07777U, 0666U);
 }
 
-TEST(LocalListenerTest, RefusesWhatIsNotASocket) {
+TEST(LocalListenerTest, RefusesAnythingButASocket) {
   const TemporaryFolder folder;
   std::ofstream(folder.path("file")) << "precious";
   leaveStaleSocket(folder.path("stale"));

@@ -12,7 +12,7 @@ TEST(PrintableTextTest, LeavesOrdinaryTextAlone) {
             "plain text, \xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80");
 }
 
-TEST(PrintableTextTest, ShowsControlCharacters) {
+TEST(PrintableTextTest, EscapesControlCharacters) {
   EXPECT_EQ(printableText("\x1b[31m\r\n\t\x7f" + std::string(1, '\0')),
             "\\x1b[31m\\r\\n\\t\\x7f\\x00");
   EXPECT_EQ(printableText("\xc2\x9b"), "\\u009b");
@@ -20,11 +20,11 @@ TEST(PrintableTextTest, ShowsControlCharacters) {
   EXPECT_EQ(printableText("\xc2\xa0"), "\xc2\xa0");
 }
 
-TEST(PrintableTextTest, ShowsWhatReversesOrBreaksTheLine) {
+TEST(PrintableTextTest, EscapesWhatReversesOrBreaksALine) {
   EXPECT_EQ(printableText("\xe2\x80\xae\xe2\x80\xa8\xe2\x81\xa6"), "\\u202e\\u2028\\u2066");
 }
 
-TEST(PrintableTextTest, ShowsBytesThatAreNotUTF8) {
+TEST(PrintableTextTest, EscapesBytesThatAreNotUTF8) {
   EXPECT_EQ(printableText("\xff"), "\\xff");
   EXPECT_EQ(printableText("\xc0\x9b"), "\\xc0\\x9b");           // a longer form of ESC
   EXPECT_EQ(printableText("\xe0\x80\x9b"), "\\xe0\\x80\\x9b");  // an even longer one

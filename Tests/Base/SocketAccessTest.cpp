@@ -6,7 +6,7 @@
 namespace ostravel {
 namespace {
 
-TEST(SocketAccessTest, IsForTheOwnerAloneByDefault) {
+TEST(SocketAccessTest, IsForTheOwnerOnlyByDefault) {
   const auto access = socketAccess("", "");
   EXPECT_EQ(access->mode, 0600U);
   EXPECT_FALSE(access->group);
@@ -18,7 +18,7 @@ TEST(SocketAccessTest, LetsTheMembersOfAGroupConnect) {
   EXPECT_EQ(access->group, ::getgrnam("daemon")->gr_gid);
 }
 
-TEST(SocketAccessTest, TakesTheNumberOfAGroup) {
+TEST(SocketAccessTest, AcceptsTheNumberOfAGroup) {
   EXPECT_EQ(socketAccess("12345", "")->group, 12345U);
 }
 
@@ -30,7 +30,7 @@ TEST(SocketAccessTest, GivesNoAccessToAGroupThatDoesNotExist) {
   }
 }
 
-TEST(SocketAccessTest, TakesAModeInOctal) {
+TEST(SocketAccessTest, AcceptsAnOctalMode) {
   EXPECT_EQ(socketAccess("", "0666")->mode, 0666U);
   EXPECT_EQ(socketAccess("daemon", "620")->mode, 0620U);
   for (const char* const mode : {"8", "1777", "-1", "0x1ff", "rw", "66 "}) {

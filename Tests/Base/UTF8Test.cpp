@@ -28,7 +28,7 @@ TEST(UTF8Test, AcceptsTheLimitsOfTheRanges) {
   }
 }
 
-TEST(UTF8Test, TakesOneByteOfWhatIsNotACharacter) {
+TEST(UTF8Test, TakesOneByteOfAnInvalidCharacter) {
   for (const std::string_view text : {"\x80",
                                       "\xbf",
                                       "\xc0\x80",
@@ -64,7 +64,7 @@ TEST(UTF8Test, TakesTheLastCodePoint) {
   EXPECT_EQ(lastCodePoint("\xf0\x9f\x98\x80").size, 4U);
 }
 
-TEST(UTF8Test, TakesOneByteAtAnEndThatIsNotACharacter) {
+TEST(UTF8Test, TakesOneByteOfAnInvalidCharacterAtTheEnd) {
   for (const std::string_view text :
        {"a\x80", "\xc3\xa9\x80", "a\xc3", "\xe2\x82", "\xc0\xa0", "\xe0\x80\xa0", "\xff",
         "\x80\x80\x80\x80\x80", "\xf0\x9f\x98\x80\x80"}) {
