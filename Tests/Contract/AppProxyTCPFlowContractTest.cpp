@@ -51,7 +51,7 @@ class AppProxyTCPFlowContractTest : public StreamContractTest {
   const std::shared_ptr<ContractPeer> application_ = std::move(ends_.application);
 };
 
-TEST_P(AppProxyTCPFlowContractTest, SaysWhoseItIsAndWhereItGoes) {
+TEST_P(AppProxyTCPFlowContractTest, HasItsIdentifierAndItsRemoteEndpoint) {
   EXPECT_EQ(flow_->sourceAppSigningIdentifier(), "com.example.app");
   EXPECT_EQ(flow_->remoteEndpoint(), kDestination);
 }
@@ -179,7 +179,7 @@ TEST_P(AppProxyTCPFlowContractTest, AResetOfTheApplicationFailsTheWrite) {
   application_->stopReceiving();
   application_->reset();
   environment_->settle();
-  // What is written before the reset has arrived is still taken, and a busy kernel takes its time.
+  // Writes before the arrival of the reset still succeed, and a busy kernel may take a while.
   constexpr int kPatience = 10'000;
   platform::OptionalError error;
   for (int attempt = 0; !error && attempt < kPatience; ++attempt) {
@@ -405,7 +405,7 @@ TEST_P(AppProxyTCPFlowContractTest, ACompletionMayHoldTheLastReference) {
   EXPECT_TRUE(waitUntil([&] { return application_->sawEnd(); }));
 }
 
-TEST_P(AppProxyTCPFlowContractTest, WhatACompletionHoldsIsReleased) {
+TEST_P(AppProxyTCPFlowContractTest, ACompletionReleasesWhatItHolds) {
   exchange();
   auto held = std::make_shared<int>(0);
   const std::weak_ptr<int> weakHeld = held;

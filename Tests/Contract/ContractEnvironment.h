@@ -21,9 +21,9 @@ struct FlowEnds {
   std::shared_ptr<ContractPeer> application;
 };
 
-// What the contract tests need of a platform: one object per test, which makes a platform, plays
-// the rest of the world, and removes everything when it is destroyed. Used by the test's
-// thread unless something else is said.
+// What the contract tests need from a platform. Each test has one: it makes a platform, plays the
+// rest of the world, and removes everything when it is destroyed. Used on the test's thread except
+// where noted.
 class ContractEnvironment {
  public:
   using Condition = std::function<bool()>;
@@ -37,19 +37,19 @@ class ContractEnvironment {
 
   // --- Time.
 
-  // Lets the platform work until the condition holds; false when it still does not after a time
-  // that is far longer than anything takes.
+  // Lets the platform work until the condition holds; false if it does not within a time that is
+  // far longer than anything takes.
   virtual bool waitUntil(const Condition& condition) = 0;
   // Lets operations that were under way before the call complete, as far as that takes no time.
   virtual void settle() = 0;
-  // The time that timers go by. From any thread.
+  // The time that timers use. Callable from any thread.
   virtual std::chrono::nanoseconds now() const = 0;
-  // For a work item, on its thread: it is busy this long.
+  // Called by a work item, on its thread: keeps it busy this long.
   virtual void spend(std::chrono::nanoseconds duration) = 0;
 
   // --- Flows.
 
-  // A new flow to kDestination that is not open yet. The environment keeps none of it alive.
+  // A new flow to kDestination that is not open yet. The environment does not keep it alive.
   virtual FlowEnds makeFlow(const std::string& signingIdentifier) = 0;
 
   // Whether the platform holds a flow's first packet until something is read or written, so that it
@@ -58,30 +58,31 @@ class ContractEnvironment {
 
   // --- Connections.
 
-  // What a provider gets for this endpoint, without TLS. From any thread.
+  // The connection that a provider gets for this endpoint, without TLS. Callable from any thread.
   virtual std::shared_ptr<platform::TCPConnection> connect(
       const platform::HostEndpoint& endpoint) = 0;
   // Where a peer listens that accepts every connection.
   virtual platform::HostEndpoint listeningEndpoint() = 0;
-  // The far end of the connection that was accepted first among those not asked for yet, which is
-  // waited for; null when none comes.
+  // Waits for the far end of the oldest accepted connection that was not returned before; null when
+  // none comes.
   virtual std::shared_ptr<ContractPeer> acceptPeer() = 0;
   virtual platform::HostEndpoint refusingEndpoint() = 0;
   // Where attempts to connect are not answered.
   virtual platform::HostEndpoint silentEndpoint() = 0;
 
-  // --- Socket calls. Addresses as the calls take them; good until the next one is asked for.
+  // --- Socket calls. Addresses as the calls take them, each valid until the next one is requested.
 
   virtual std::vector<std::byte> listeningAddress() = 0;
   virtual std::vector<std::byte> refusingAddress() = 0;
   virtual std::vector<std::byte> silentAddress() = 0;
   virtual std::vector<std::byte> listeningLocalAddress() = 0;
   virtual std::vector<std::byte> refusingLocalAddress() = 0;
-  // What the listener at listeningLocalAddress got, one text for each connection that has ended.
+  // What the listener at listeningLocalAddress received, one text for each connection that has
+  // ended.
   virtual std::vector<std::string> localDeliveries() = 0;
 };
 
-// What every flow of makeFlow reports as its remote endpoint.
+// The remote endpoint of every flow that makeFlow makes.
 inline const platform::HostEndpoint kDestination{"203.0.113.7", "443"};
 
 }  // namespace ostravel::contract

@@ -6,7 +6,7 @@
 namespace ostravel::contract {
 
 // The far end of a flow or of a connection: an application or a proxy, as the contract tests play
-// it on every platform. Works on its own once asked to; usable from any thread.
+// it on every platform. Carries out each request in the background; usable from any thread.
 class ContractPeer {
  public:
   ContractPeer() = default;
@@ -14,7 +14,7 @@ class ContractPeer {
   ContractPeer& operator=(const ContractPeer&) = delete;
   virtual ~ContractPeer() = default;
 
-  // Sends the bytes as fast as they are taken; returns at once.
+  // Sends the bytes as fast as they are accepted; returns at once.
   virtual void send(std::string bytes) = 0;
   // Ends its sending direction in order, after everything that it was asked to send.
   virtual void endSending() = 0;
@@ -27,11 +27,11 @@ class ContractPeer {
 
   virtual std::string received() const = 0;
   virtual std::size_t receivedCount() const = 0;
-  // The near end's orderly end, or its reset; at most one of the two. A connection that was refused
-  // counts as reset.
+  // Whether the near end has ended in order, or by a reset; at most one is true. A refused
+  // connection counts as reset.
   virtual bool sawEnd() const = 0;
   virtual bool sawReset() const = 0;
-  // Only an application: its flow was given back to the system before anything of it was carried.
+  // For applications only: the flow was given back to the system before any byte was carried.
   virtual bool wasLeftToSystem() const = 0;
 };
 

@@ -15,13 +15,13 @@ struct ContractPlatform {
   std::string name;
   std::function<std::unique_ptr<ContractEnvironment>()> makeEnvironment;
 
-  // What a failed test says of it.
+  // Its name in the message of a failed test.
   friend void PrintTo(const ContractPlatform& platform, std::ostream* stream) {
     *stream << platform.name;
   }
 };
 
-// All that were registered in this program.
+// All platforms that were registered in this program.
 std::vector<ContractPlatform>& contractPlatforms();
 
 // Registers a platform with one definition at namespace scope:

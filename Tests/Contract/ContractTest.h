@@ -10,8 +10,9 @@
 
 namespace ostravel::contract {
 
-// Base of all contract tests. The environment goes after everything that a test has made with it,
-// so a test keeps what it makes in local variables or in the members of a derived fixture.
+// Base of all contract tests. The environment must be destroyed after everything that a test has
+// made with it, so a test keeps what it makes in local variables or in members of a derived
+// fixture.
 class ContractTest : public ::testing::TestWithParam<ContractPlatform> {
  protected:
   platform::Platform& platform() { return environment_->platform(); }
@@ -26,7 +27,7 @@ inline std::string platformName(const ::testing::TestParamInfo<ContractPlatform>
   return info.param.name;
 }
 
-// Bytes of which no two places look alike, so that a lost, doubled or moved chunk shows.
+// Bytes that differ from place to place, so that a lost, duplicated or moved chunk is noticed.
 inline std::string patternBytes(std::size_t size, unsigned salt = 0) {
   std::string bytes;
   bytes.reserve(size + 8);

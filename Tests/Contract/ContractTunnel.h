@@ -34,7 +34,7 @@ class ContractTunnel : public std::enable_shared_from_this<ContractTunnel> {
   int completed() const { return completed_; }
 
  private:
-  // One direction: what the next step is after a read or a write.
+  // One direction, and its next step after a read or a write.
   using Step = void (ContractTunnel::*)();
   using Write = void (ContractTunnel::*)(platform::Data, platform::ErrorCompletion);
 

@@ -230,7 +230,7 @@ TEST_P(DispatchQueueContractTest, AnItemMayHoldTheLastReferenceToItsQueue) {
   EXPECT_EQ(happened.all(), (std::vector<std::string>{"item", "behind it"}));
 }
 
-TEST_P(DispatchQueueContractTest, WhatAnItemHoldsIsReleased) {
+TEST_P(DispatchQueueContractTest, AnItemReleasesWhatItHolds) {
   auto held = std::make_shared<int>(0);
   const std::weak_ptr<int> weakHeld = held;
   concurrent_->asyncBarrier([held = std::move(held)] { ++*held; });

@@ -22,7 +22,7 @@ using std::chrono::nanoseconds;
 
 class DispatchTimerContractTest : public ContractTest {
  protected:
-  // No handler runs any more when the test's variables go.
+  // No handler may run once the test's variables are destroyed.
   void TearDown() override {
     if (timer_) {
       timer_->cancel();
@@ -37,8 +37,8 @@ class DispatchTimerContractTest : public ContractTest {
     timer_->schedule(delay, interval, 0ns);
     timer_->resume();
   }
-  // Whether the timer fires before another one with this delay and no leeway does, which is armed
-  // later and on the same queue. However busy the machine is, both are late then, in their order.
+  // Whether the timer fires before another one on the same queue that is armed later, with this
+  // delay and no leeway. A busy machine delays both and keeps their order.
   bool firesBefore(nanoseconds delay) {
     std::atomic<bool> reached = false;
     std::atomic<bool> wasFirst = false;
@@ -114,7 +114,7 @@ TEST_P(DispatchTimerContractTest, FirstExpirationMayBeAtOnceAndOthersLater) {
   EXPECT_GE(fired_.all()[1] - start, 15ms);
 }
 
-TEST_P(DispatchTimerContractTest, IsMadeSuspended) {
+TEST_P(DispatchTimerContractTest, StartsSuspended) {
   timer_->setEventHandler(noting());
   timer_->schedule(1ms, std::nullopt, 0ns);
   waitWellBeyond(5ms);
@@ -140,7 +140,7 @@ TEST_P(DispatchTimerContractTest, LeewayDoesNotDelayWhatIsDueAtOnce) {
   EXPECT_TRUE(firesBefore(50ms));
 }
 
-TEST_P(DispatchTimerContractTest, AReplacedHandlerRunsInsteadOfTheOldOne) {
+TEST_P(DispatchTimerContractTest, TheNewHandlerRunsInsteadOfTheOldOne) {
   std::atomic<int> old = 0;
   timer_->setEventHandler([&old] { ++old; });
   start(20ms);

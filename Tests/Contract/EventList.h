@@ -6,7 +6,7 @@
 
 namespace ostravel::contract {
 
-// What happened, in the order in which it was written down. Usable from any thread.
+// What happened, in the order in which it was recorded. Usable from any thread.
 template <typename Event>
 class EventList {
  public:

@@ -28,7 +28,7 @@ const PlatformRegistration kRegistration("Linux", [] {
   return std::make_unique<LinuxContractEnvironment>();
 });
 
-// Where the applications are going as far as the kernel knows.
+// The applications' destination, as the kernel knows it.
 constexpr linuxplatform::SocketEndpoint kTracedDestination{
     linuxplatform::AddressFamily::ipv4, {127, 0, 113, 7}, 443};
 
@@ -104,8 +104,8 @@ LinuxContractEnvironment::~LinuxContractEnvironment() {
 }
 
 void LinuxContractEnvironment::settle() {
-  // Between two items a loop looks at its sockets, and what that starts runs before the
-  // item after that.
+  // Between two items a loop checks its sockets, and what that starts runs before the item after
+  // the next.
   constexpr int kRounds = 3;
   for (int round = 0; round < kRounds; ++round) {
     for (unsigned i = 0; i < loops_.size(); ++i) {

@@ -11,8 +11,8 @@
 namespace ostravel::contract {
 
 // The Linux platform with real threads, sockets and time, in the network namespace that the program
-// has made for itself. Only the packet queue is played: an application connects, with the mark that
-// its first packet would have been given, when that packet is released.
+// has made for itself. Only the packet queue is simulated: an application connects, with the mark
+// that its first packet would have been given, when that packet is released.
 class LinuxContractEnvironment final : public SocketContractEnvironment {
  public:
   LinuxContractEnvironment();

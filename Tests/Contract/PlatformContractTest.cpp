@@ -68,13 +68,13 @@ TEST_P(PlatformContractTest, TextIsTrimmedOfUnicodeWhiteSpace) {
   EXPECT_EQ(text.trimmed(" \n"), "");
 }
 
-TEST_P(PlatformContractTest, TextThatIsNotUTF8IsNoProblem) {
+TEST_P(PlatformContractTest, TextThatIsNotUTF8IsAccepted) {
   const auto& text = platform().text();
   EXPECT_EQ(text.trimmed(" \xff\xc3 "sv), "\xff\xc3"sv);
   EXPECT_EQ(text.lowercased("A\xffZ"sv).front(), 'a');
 }
 
-TEST_P(PlatformContractTest, LogHandlesTakeEveryLineAtEveryLevel) {
+TEST_P(PlatformContractTest, LogHandlesAcceptEveryLineAtEveryLevel) {
   const auto log = platform().makeLog("com.ostravel.contract", "Contract");
   const std::string longText(100000, 'x');
   const auto other = platform().makeLog("com.ostravel.contract", "Other");
@@ -91,7 +91,7 @@ TEST_P(PlatformContractTest, LogHandlesTakeEveryLineAtEveryLevel) {
   }
 }
 
-TEST_P(PlatformContractTest, ALogHandleWorksInItems) {
+TEST_P(PlatformContractTest, ALogHandleMayBeUsedInItems) {
   const auto queue = platform().makeQueue("log", platform::DispatchQueueKind::concurrent);
   std::weak_ptr<platform::Log> weakLog;
   {

@@ -21,7 +21,7 @@ class Peer final : public ContractPeer {
   void send(std::string bytes) override { peer_->send(bytes); }
   void endSending() override { peer_->endSending(); }
   void reset() override { peer_->reset(); }
-  // A write completes in the simulation when the far end has it.
+  // In the simulation, a write completes when the far end has received it.
   void stopReceiving() override {}
   void resumeReceiving() override {}
   std::string received() const override { return peer_->received(); }

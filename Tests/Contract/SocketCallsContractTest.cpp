@@ -91,7 +91,7 @@ TEST_P(SocketCallsContractTest, ANonBlockingConnectionIsRefused) {
   if (connected.error == EINPROGRESS) {
     EXPECT_EQ(sockets_.pollWritable(descriptor, 5s).value, 1);
     EXPECT_EQ(sockets_.pendingError(descriptor).value, ECONNREFUSED);
-    // Asking takes it away.
+    // Reading the error clears it.
     EXPECT_EQ(sockets_.pendingError(descriptor).value, 0);
   } else {
     EXPECT_EQ(connected.error, ECONNREFUSED);
@@ -134,7 +134,7 @@ TEST_P(SocketCallsContractTest, ALocalPeerThatIsNotThereRefuses) {
   EXPECT_TRUE(connected.error == ECONNREFUSED || connected.error == ENOENT) << connected.error;
 }
 
-TEST_P(SocketCallsContractTest, AClosedDescriptorIsOfNoUse) {
+TEST_P(SocketCallsContractTest, EveryCallFailsOnAClosedDescriptor) {
   const int descriptor = open(AF_INET);
   close(descriptor);
   const auto address = environment_->listeningAddress();

@@ -189,7 +189,7 @@ void SocketPeer::receiveSome() {
 }
 
 void SocketPeer::fail() {
-  // What follows an orderly end is caused by the peer itself.
+  // Whatever follows an orderly end is caused by the peer itself.
   if (!sawEnd_) {
     sawReset_ = true;
   }

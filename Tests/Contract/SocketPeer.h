@@ -24,7 +24,7 @@ class SocketPeer final : public ContractPeer {
   SocketPeer(int descriptor, Stage stage, std::function<void()> wakeUp);
   ~SocketPeer() override;
 
-  // Connects it. From then on, and not before, the outcome of the connection is seen.
+  // Connects it. The outcome of the connection is observed from then on only.
   void connectTo(const sockaddr* address, socklen_t size);
   // What an application whose flow was not carried sees.
   void noteRefused();

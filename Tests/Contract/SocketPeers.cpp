@@ -166,7 +166,7 @@ void SocketPeers::run() {
         peers[i - firstPeer]->proceed();
       }
     }
-    // Backwards, because one that has ended is removed.
+    // Backwards, because those that have ended are removed.
     for (std::size_t i = firstPeer; i-- > firstLocal;) {
       if (entries[i].revents != 0) {
         receiveLocal(i - firstLocal);

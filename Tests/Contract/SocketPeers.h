@@ -44,7 +44,7 @@ class SocketPeers {
   // A peer that is bound to a port of the kernel's choice on 127.0.0.1 and connects later; the
   // number is its port.
   std::pair<std::shared_ptr<SocketPeer>, std::uint16_t> makeUnconnected();
-  // What every local connection that has ended has delivered.
+  // What each local connection delivered, for those that have ended.
   std::vector<std::string> localDeliveries() const;
 
  private:
@@ -70,7 +70,7 @@ class SocketPeers {
   std::vector<std::shared_ptr<SocketPeer>> peers_;
   std::deque<std::shared_ptr<SocketPeer>> accepted_;
   std::vector<std::string> localDeliveries_;
-  // The thread's own.
+  // Used by the thread only.
   std::vector<std::pair<int, std::string>> localConnections_;
 
   std::thread thread_;

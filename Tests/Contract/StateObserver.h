@@ -11,7 +11,7 @@
 
 namespace ostravel::contract {
 
-// Records the states of a connection, as it finds them when it is notified.
+// Records the states of a connection as it reads them when it is notified.
 class StateObserver final : public platform::KeyValueObserver {
  public:
   void observeValue(std::optional<std::string_view> keyPath,

@@ -27,13 +27,13 @@ class StreamContractTest : public ContractTest {
   virtual void startWriting(platform::Data data, platform::ErrorCompletion completion) = 0;
 
   Outcome read();
-  // Reads until so many bytes are there, the end or an error.
+  // Reads until this many bytes have arrived, or the end or an error.
   std::string readAll(std::size_t size);
   platform::OptionalError write(const std::string& text);
   // Writes this many bytes in pieces, none of which may fail; returns them.
   std::string writeAcknowledged(std::size_t size);
 
-  // Starts both, the write with more than the peer takes as long as it does not receive.
+  // Starts both; the write has more bytes than fit while the peer does not receive.
   void startBoth(Outcome& reading, Outcome& writing);
   // Both have failed, once, and not inside the call that ended them.
   void expectBothToHaveFailed(const Outcome& reading, const Outcome& writing);

@@ -88,7 +88,7 @@ TEST_P(TCPConnectionContractTest, AChangeWithoutObserversIsReportedToTheNextOne)
   EXPECT_FALSE(other->saw(TCPConnectionState::disconnected));
 }
 
-TEST_P(TCPConnectionContractTest, ARefusalFailsWhatWasAskedBefore) {
+TEST_P(TCPConnectionContractTest, ARefusalFailsEarlierOperations) {
   connection_ = connect(environment_->refusingEndpoint());
   Outcome reading;
   Outcome writing;
@@ -96,7 +96,7 @@ TEST_P(TCPConnectionContractTest, ARefusalFailsWhatWasAskedBefore) {
   expectBothToHaveFailed(reading, writing);
 }
 
-TEST_P(TCPConnectionContractTest, TransfersMayBeAskedForBeforeItIsConnected) {
+TEST_P(TCPConnectionContractTest, TransfersMayBeRequestedBeforeItIsConnected) {
   connection_ = connect(environment_->listeningEndpoint());
   Outcome reading;
   Outcome writing;
@@ -380,7 +380,7 @@ TEST_P(TCPConnectionContractTest, NoObserverIsNotifiedAfterItsDestruction) {
   EXPECT_TRUE(observer_->states().empty());
 }
 
-TEST_P(TCPConnectionContractTest, WhatACompletionHoldsIsReleased) {
+TEST_P(TCPConnectionContractTest, ACompletionReleasesWhatItHolds) {
   establish();
   auto held = std::make_shared<int>(0);
   const std::weak_ptr<int> weakHeld = held;

@@ -16,10 +16,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Long enough for a platform to switch to whatever it uses for bulk.
+// Long enough for a platform to switch to its bulk transfer, if it has one.
 constexpr std::size_t kBulk = 24 * 1024 * 1024;
 
-// A flow and its connection together, which share what the seam says about completions.
+// A flow and its connection together: the seam's rules about completions apply across both.
 class TunnelContractTest : public ContractTest {
  protected:
   struct Ends {
