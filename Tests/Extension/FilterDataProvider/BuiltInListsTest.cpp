@@ -31,7 +31,7 @@ bool isHostName(std::string_view entry) {
          std::all_of(entry.begin(), entry.end(), isAllowed);
 }
 
-// Written a second time, so that a change of the list is always meant.
+// Repeated here, so that every change of the list is deliberate.
 TEST(BuiltInBypassAppIds, AreTheseTwentyThreeWithTheirCapitals) {
   EXPECT_EQ(built_in::bypassAppIds(), (std::unordered_set<std::string>{
                                           "com.ostravel.proxy-sidecar",

@@ -71,7 +71,7 @@ TEST_F(DomainListTest, MatchesNothingWhenEmpty) {
   EXPECT_FALSE(empty.matches("example.com"));
 }
 
-TEST_F(DomainListTest, TakesAddressLiteralsAndTheUnknownHostForPlainText) {
+TEST_F(DomainListTest, TreatsAddressLiteralsAndTheUnknownHostAsPlainText) {
   EXPECT_FALSE(matches("192.0.2.10"));
   EXPECT_FALSE(matches("2001:db8::1"));
   EXPECT_FALSE(matches("unknown"));

@@ -127,7 +127,7 @@ TEST_F(DecisionObservation, ExplainsAClosedGate) {
 class TunnelObservationOfFlow : public test::TunnelTest {
  protected:
   void SetUp() override { make({.flow = scripted_}); }
-  // The tunnel owns the flow, and an outstanding read the tunnel.
+  // The tunnel owns the flow, and an outstanding read owns the tunnel.
   void TearDown() override { scripted_->dropOutstanding(); }
 
   Lines linesAfterAnswer(std::string_view answer) {

@@ -42,13 +42,13 @@ TEST_F(TunnelLogFields, ARefusalNamesFlowAndApplication) {
             "FLOW|com.example.app|extension.connect_handshake_non_200");
 }
 
-TEST_F(TunnelLogFields, SoDoesAnAnswerThatIsNotHTTP) {
+TEST_F(TunnelLogFields, AnAnswerThatIsNotHTTPNamesFlowAndApplication) {
   answer("\xFF\xFE\r\n\r\n");
   EXPECT_EQ(factsOf("OstravelProxy: Handshake failed (invalid response)"),
             "FLOW|com.example.app|extension.connect_handshake_invalid");
 }
 
-TEST_F(TunnelLogFields, SoDoesARequestThatCannotBeSent) {
+TEST_F(TunnelLogFields, ARequestThatCannotBeSentNamesFlowAndApplication) {
   make();
   proxy().failWrites(test::someError());
   startAndConnect();
@@ -56,7 +56,7 @@ TEST_F(TunnelLogFields, SoDoesARequestThatCannotBeSent) {
             "FLOW|com.example.app|extension.connect_handshake_write_failed");
 }
 
-TEST_F(TunnelLogFields, SoDoesATimeout) {
+TEST_F(TunnelLogFields, ATimeoutNamesFlowAndApplication) {
   make({.handshakeTimeout = 0.0});
   tunnel_->start();
   simulation_.run();

@@ -204,7 +204,7 @@ TEST_F(TunnelClose, WithoutCallbacksTearsDownAsWell) {
                               "flow 1: closeWrite: Something broke", "connection 1: cancel"}));
 }
 
-TEST_F(TunnelClose, IsNotWhatDestructionDoes) {
+TEST_F(TunnelClose, IsNotPartOfDestruction) {
   make();
   start();
 
@@ -235,7 +235,7 @@ TEST_F(TunnelObservation, OfADisconnectionClosesWithTheConnectionsError) {
                               "closed FLOW", "connection 1: state cancelled"}));
 }
 
-TEST_F(TunnelObservation, OfADisconnectionHandsThePlatformsOwnErrorObjectOn) {
+TEST_F(TunnelObservation, OfADisconnectionPassesOnThePlatformsOwnErrorObject) {
   test::ScriptedConnection disconnected;
   disconnected.currentState = TCPConnectionState::disconnected;
   disconnected.currentError = someError();

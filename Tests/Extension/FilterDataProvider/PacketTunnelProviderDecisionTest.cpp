@@ -138,7 +138,7 @@ TEST_F(NormalFlowAction, NormalisesTheHostForTheUDPPolicyToo) {
             FlowAction::bypass);
 }
 
-TEST_F(NormalFlowAction, TakesLiteralsAndUnknownHostsForPlainText) {
+TEST_F(NormalFlowAction, TreatsLiteralsAndUnknownHostsAsPlainText) {
   for (const char* const host : {"192.0.2.10", "2001:db8::1", "127.0.0.1", "unknown", "", "."}) {
     EXPECT_EQ(determine(host, tcp), FlowAction::proxyTCP) << host;
     EXPECT_EQ(determine(host, udp), FlowAction::dropUDP) << host;

@@ -104,14 +104,14 @@ TEST_F(FlowDispatch, DecidesATCPFlowOnItsRemoteEndpoint) {
   EXPECT_TRUE(handle(makeFlow("com.example.app", {{"example.org", "443"}})));
 }
 
-TEST_F(FlowDispatch, TakesAnUnknownTCPEndpointForTheHostUnknown) {
+TEST_F(FlowDispatch, TreatsAnUnknownTCPEndpointAsTheHostUnknown) {
   EXPECT_TRUE(handle(makeFlow("com.example.app", std::nullopt)));
 
   EXPECT_EQ(peer().cachedAction("com.example.app:unknown:tcp"), FlowAction::proxyTCP);
   EXPECT_EQ(simulation_.connectionCount(), 1U);
 }
 
-TEST_F(FlowDispatch, TakesAnUnknownUDPEndpointForTheHostUnknown) {
+TEST_F(FlowDispatch, TreatsAnUnknownUDPEndpointAsTheHostUnknown) {
   EXPECT_TRUE(handle(simulation_.makeUDPFlow("com.example.app", std::nullopt)));
 
   EXPECT_EQ(peer().cachedAction("com.example.app:unknown:udp"), FlowAction::dropUDP);
@@ -253,7 +253,7 @@ TEST_F(FlowDispatch, ClosesAFlowThatCannotBeOpenedWithItsError) {
   EXPECT_EQ(simulation_.logRecords().back().category, "OstravelProxy");
 }
 
-TEST_F(FlowDispatch, HandsThePlatformsOwnErrorObjectOfAFailedOpenOn) {
+TEST_F(FlowDispatch, PassesOnThePlatformsOwnErrorObjectOfAFailedOpen) {
   const auto flow = makeFlow();
   Error error = kOpenError;
   error.platformObject = std::make_shared<Error::PlatformObject>();
@@ -469,7 +469,7 @@ TEST_F(FlowDispatch, DoesNothingForATunnelThatOutlivesTheProvider) {
 
 // --- Queues
 
-// What the provider asks of its queues.
+// The operations that the provider submits to its queues.
 class FlowDispatchQueues : public FlowDispatch {
  protected:
   void SetUp() override {
@@ -503,7 +503,7 @@ TEST_F(FlowDispatchQueues, ReadTheCacheSideBySideAndChangeItByABarrier) {
                    "com.ostravel.bypassCache sync"}));
 }
 
-TEST_F(FlowDispatchQueues, AreOneOfItsOwnForEachWatchdog) {
+TEST_F(FlowDispatchQueues, AreSeparateForEachWatchdog) {
   takeFlows(2);
 
   EXPECT_EQ(platform_.notesOf("queue com.ostravel.handshakeWatchdog"),

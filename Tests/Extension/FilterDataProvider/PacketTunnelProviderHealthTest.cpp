@@ -269,7 +269,7 @@ TEST_F(ProviderHealth, ReopensSilentlyAGateThatATunnelClosed) {
   EXPECT_EQ(signals(), (Lines{"provider_started", "tunnel_closed"}));
 }
 
-// What is asked of the timer.
+// The calls to the timer.
 class ProviderHealthTimer : public ProviderHealth {
  protected:
   NotingPlatform platform_{simulation_};

@@ -89,7 +89,7 @@ TEST_F(ProviderConstruction, IsUndoneWithALogLine) {
 
 class ProviderStart : public ProviderTest {
  protected:
-  // The network settings are pending when it goes.
+  // The network settings are pending when it is destroyed.
   void loseProviderDuringStart(Completions& completions) {
     simulation_.holdNetworkSettings();
     provider_->startProxy(std::nullopt, completions.next());
@@ -97,7 +97,7 @@ class ProviderStart : public ProviderTest {
     provider_.reset();
   }
 
-  // To which monitoring sockets it has connected.
+  // The monitoring sockets to which it has connected.
   Lines monitoringSocketPaths() {
     Lines paths;
     for (const auto& call : sockets().calls(simulation::SocketCallKind::connect)) {
@@ -155,7 +155,7 @@ TEST_F(ProviderStart, IsReported) {
   EXPECT_EQ(records()[0].loggedAt, "2020-09-13T12:26:40Z");
 }
 
-TEST_F(ProviderStart, HandsTheConfiguredPathToTheMonitoringClient) {
+TEST_F(ProviderStart, PassesTheConfiguredPathToTheMonitoringClient) {
   startProvider();
 
   EXPECT_EQ(monitoringSocketPaths(), Lines{kSocketPath});
@@ -258,7 +258,7 @@ TEST_F(ProviderStart, ExcludesTheLocalProxyInThisOrder) {
             (Lines{"tcp 127.0.0.1/32 8080", "tcp ::1/128 8080"}));
 }
 
-TEST_F(ProviderStart, HandsARejectionOfItsRulesOnUnchanged) {
+TEST_F(ProviderStart, PassesOnARejectionOfItsRulesUnchanged) {
   const Error rejection{"NEDomain", 9, "Rules are not allowed"};
   simulation_.answerNetworkSettings(rejection);
   Completions completions;
@@ -273,7 +273,7 @@ TEST_F(ProviderStart, HandsARejectionOfItsRulesOnUnchanged) {
             "OstravelProxy: Failed to set rules: Rules are not allowed");
 }
 
-TEST_F(ProviderStart, HandsThePlatformsOwnErrorObjectOn) {
+TEST_F(ProviderStart, PassesOnThePlatformsOwnErrorObject) {
   Error rejection{"NEDomain", 9, "Rules are not allowed"};
   rejection.platformObject = std::make_shared<Error::PlatformObject>();
   simulation_.answerNetworkSettings(rejection);

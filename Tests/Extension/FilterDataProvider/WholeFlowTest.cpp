@@ -102,7 +102,7 @@ class WholeFlowRun {
     }
   }
 
-  // What happened at all, so that a test can see that it tested something.
+  // Counts of what happened, so that a test can check that it tested something.
   std::size_t mostPending() const { return mostPending_; }
   std::size_t completeDirections() const { return completeDirections_; }
   std::map<std::string, std::size_t> eventCounts() {
@@ -127,7 +127,7 @@ class WholeFlowRun {
     return std::string(1 + random_.below(3000), static_cast<char>('a' + random_.below(26)));
   }
 
-  // The proxy and the watch on the limit act between the items of the run.
+  // The proxy and the check of the limit act between the items of the run.
   void letTimePass(std::chrono::nanoseconds duration) {
     const auto actAndGoOn = [this] {
       mostPending_ = std::max(mostPending_, harness_.peer().admission().pendingCount());
@@ -205,7 +205,7 @@ class WholeFlowRun {
     }
   }
 
-  // How often each thing is in the journal: "NAME: WHAT", without its reason.
+  // How often each entry is in the journal: "NAME: WHAT", without its reason.
   void countJournal() {
     for (const std::string& line : simulation().journal().lines()) {
       ++journal_[line.substr(0, line.find(": ", line.find(": ") + 1))];

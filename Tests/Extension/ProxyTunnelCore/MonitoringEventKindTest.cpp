@@ -14,12 +14,12 @@ using namespace std::chrono_literals;
 
 constexpr MonitoringEventKind kKind{"signal", "extension.code", MonitoringLevel::error, "Message"};
 
-TEST(MonitoringLevel, HasItsWord) {
+TEST(MonitoringLevel, HasItsText) {
   EXPECT_EQ(rawValue(MonitoringLevel::info), "info");
   EXPECT_EQ(rawValue(MonitoringLevel::error), "error");
 }
 
-TEST(MakeMonitoringEvent, TakesOverTheKindAndWhatIsGiven) {
+TEST(MakeMonitoringEvent, KeepsTheKindAndTheGivenValues) {
   simulation::Simulation simulation;
   const ProxyTunnelMonitoringEvent::Context context{{"key", "value"}};
   const ProxyTunnelMonitoringEvent::Metrics metrics{{"count", 2.0}};
@@ -35,7 +35,7 @@ TEST(MakeMonitoringEvent, TakesOverTheKindAndWhatIsGiven) {
   EXPECT_EQ(event.metrics(), metrics);
 }
 
-TEST(MakeMonitoringEvent, LeavesAbsentWhatIsNotGiven) {
+TEST(MakeMonitoringEvent, LeavesOmittedValuesAbsent) {
   simulation::Simulation simulation;
 
   const auto event =

@@ -47,11 +47,11 @@ TEST_F(ProxyConnectResponseParserTest, EstablishesOnASuccessLine) {
   EXPECT_EQ(append(kSuccess), "established: ");
 }
 
-TEST_F(ProxyConnectResponseParserTest, HandsBackWhatFollowsTheHeader) {
+TEST_F(ProxyConnectResponseParserTest, ReturnsWhatFollowsTheHeader) {
   EXPECT_EQ(append(std::string(kSuccess) + "abc"), "established: abc");
 }
 
-TEST_F(ProxyConnectResponseParserTest, HandsBackBytesThatAreNoText) {
+TEST_F(ProxyConnectResponseParserTest, ReturnsBytesThatAreNotText) {
   const std::string leftover("\xFF\x00\r\n\r\n\xC0", 7);
 
   EXPECT_EQ(append(std::string(kSuccess) + leftover), "established: " + leftover);
@@ -115,7 +115,7 @@ TEST_F(ProxyConnectResponseParserTest, RefusesAHeaderThatIsNotUTF8) {
   EXPECT_EQ(append("HTTP/1.1 200 OK\r\nVia: \xFF\r\n\r\n"), "invalid: connect_header_not_utf8");
 }
 
-TEST_F(ProxyConnectResponseParserTest, TakesAHeaderWithUTF8FieldValues) {
+TEST_F(ProxyConnectResponseParserTest, AcceptsAHeaderWithUTF8FieldValues) {
   EXPECT_EQ(append("HTTP/1.1 200 OK\r\nVia: \u00E4\u20AC\r\n\r\n"), "established: ");
 }
 
@@ -178,7 +178,7 @@ TEST_F(ProxyConnectResponseParserTest, RepeatsAnInvalidHeader) {
   EXPECT_EQ(append(kSuccess), "invalid: connect_status_line_missing");
 }
 
-TEST_F(ProxyConnectResponseParserTest, ForgetsThatItWasTooLargeOnceATerminatorIsThere) {
+TEST_F(ProxyConnectResponseParserTest, IsNoLongerTooLargeOnceTheTerminatorArrives) {
   std::string header = "HTTP/1.1 200 OK\r\nPadding: ";
   header.resize(16385, 'x');
   ASSERT_EQ(append(header), "invalid: connect_header_too_large");
@@ -187,7 +187,7 @@ TEST_F(ProxyConnectResponseParserTest, ForgetsThatItWasTooLargeOnceATerminatorIs
   EXPECT_EQ(append("\r\n\r\n"), "established: ");
 }
 
-TEST_F(ProxyConnectResponseParserTest, ObeysTheLimitThatItWasGiven) {
+TEST_F(ProxyConnectResponseParserTest, ObeysTheGivenLimit) {
   ProxyConnectResponseParser parser(4, text_);
 
   EXPECT_EQ(described(parser.append(bytesOf("HTTP"))), "more");

@@ -30,7 +30,7 @@ class ProxyTCPReachabilityProbeTest : public testing::Test {
  protected:
   void SetUp() override { sockets().proxyListening(true); }
 
-  // A socket that was opened is closed once, and nothing is asked of it afterwards.
+  // A socket that was opened is closed once and not used afterwards.
   void TearDown() override {
     const auto opened = sockets().calls(SocketCallKind::socket).at(0).result.value >= 0;
     EXPECT_EQ(sockets().openDescriptors(), 0U);
@@ -91,7 +91,7 @@ TEST_F(ProxyTCPReachabilityProbeTest, IsUnreachableWithoutASocketAndClosesNothin
   EXPECT_EQ(sockets().calls().size(), 1U);
 }
 
-TEST_F(ProxyTCPReachabilityProbeTest, TakesDescriptorZeroForASocket) {
+TEST_F(ProxyTCPReachabilityProbeTest, AcceptsDescriptorZero) {
   sockets().answerNext(SocketCallKind::socket, {0, 0});
 
   EXPECT_EQ(check(), reachable);

@@ -231,7 +231,7 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, TakesAVeryLongTimeout) {
   EXPECT_EQ(watchdog->state(), State::running);
 }
 
-// What is asked of the timers.
+// The calls to the timers.
 class WatchdogTimer : public ProxyTunnelHandshakeWatchdogTest {
  protected:
   void SetUp() override {

@@ -47,7 +47,7 @@ ProxyTunnelMonitoringEvent makeEvent(Simulation& simulation, const std::string& 
           "1970-01-01T00:00:01Z"};
 }
 
-// --- emit, with a sender that keeps what it is given
+// --- emit, with a sender that keeps what it receives
 
 class MonitoringClientEmit : public testing::Test {
  protected:
@@ -227,7 +227,7 @@ TEST_F(MonitoringClientEmit, LogsAnEventThatCannotBeEncodedAndSendsNothing) {
 
 class MonitoringClientBound : public MonitoringClientEmit {
  protected:
-  // Nothing runs meanwhile, as when the first delivery does not come back.
+  // Nothing runs meanwhile, as when the first delivery does not return.
   void emitAll(ProxyTunnelMonitoringClient& client, int count) {
     for (int number = 0; number < count; ++number) {
       client.emit(event("signal-" + std::to_string(number)));
@@ -545,7 +545,7 @@ TEST_F(MonitoringClientOverSockets, LogsEachEventThatFindsNoListener) {
   EXPECT_EQ(simulation_.logLines(), Lines{});
 }
 
-TEST_F(MonitoringClientOverSockets, TriesALaterEventAfresh) {
+TEST_F(MonitoringClientOverSockets, RetriesWithTheNextEvent) {
   emit("lost");
   simulation_.run();
   simulation_.sockets().localListening(true);

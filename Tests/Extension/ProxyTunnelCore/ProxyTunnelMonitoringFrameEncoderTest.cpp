@@ -27,7 +27,7 @@ class FixedUUID final : public platform::UUIDSource {
   std::string randomUUID() override { return "ID"; }
 };
 
-// An event about nothing in particular, which each test changes where it looks.
+// A generic event; each test changes the field that it checks.
 struct EventDraft {
   std::optional<std::string> flowID = std::nullopt;
   std::string message = "message";

@@ -153,7 +153,7 @@ TEST_P(MonitoringMemory, OfACompanionThatNeverReadsIsBounded) {
   const std::size_t used = bytesInUse - before;
 
   EXPECT_LE(used, ProxyTunnelMonitoringClient::kMaxWaitingBytes);
-  // The estimate is not so careful that the room is wasted.
+  // The estimate is not so cautious that room is wasted.
   EXPECT_GE(used, ProxyTunnelMonitoringClient::kMaxWaitingBytes / 4);
   companion.reset();
 }

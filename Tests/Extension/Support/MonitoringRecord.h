@@ -35,8 +35,8 @@ struct MonitoringRecord {
 // object whose members have the right types.
 MonitoringRecord parseFrame(std::span<const std::byte> frame);
 
-// What the occurrence is about, without what differs from run to run: the tests compare events by
-// it. The defaults are those of an event about nothing in particular.
+// What an event reports, without what differs from run to run: tests compare events by it. The
+// defaults are those of a generic event.
 struct EventFacts {
   std::string signal;
   std::string code;

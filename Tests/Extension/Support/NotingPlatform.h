@@ -10,8 +10,8 @@
 
 namespace ostravel::test {
 
-// A platform that hands everything to another one and writes down which queues and timers were made
-// of it, and what was asked of them:
+// A platform that forwards everything to another one and records which queues and timers it made,
+// and the calls to them:
 //
 //   queue LABEL serial | queue LABEL concurrent
 //   LABEL async | LABEL asyncBarrier | LABEL sync | LABEL syncBarrier
@@ -24,7 +24,7 @@ class NotingPlatform final : public platform::Platform {
   explicit NotingPlatform(platform::Platform& other) : other_(other) {}
 
   const std::vector<std::string>& notes() const { return *notes_; }
-  // Those that begin with this.
+  // The lines that begin with this.
   std::vector<std::string> notesOf(std::string_view beginning) const;
   void clearNotes() { notes_->clear(); }
   // Instead of those of the other platform; outlives this.

@@ -27,7 +27,7 @@ class ProviderHarness {
 
   // Starts the provider and runs what can run; the first probe opens the gate.
   void startProvider();
-  // Stops it with a completion that notes itself in the journal.
+  // Stops it with a completion that records itself in the journal.
   void stopProvider(platform::ProviderStopReason reason);
 
   std::shared_ptr<simulation::SimulatedTCPFlow> makeFlow(

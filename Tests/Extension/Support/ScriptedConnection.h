@@ -10,7 +10,7 @@
 
 namespace ostravel::test {
 
-// A connection whose completions and state are the test's. Its calls are "addObserver state",
+// A connection whose completions and state the test controls. Its calls are "addObserver state",
 // "removeObserver state", "read 1 4096", "write 12" and "cancel".
 class ScriptedConnection final : public platform::TCPConnection, public ScriptedTransfers {
  public:

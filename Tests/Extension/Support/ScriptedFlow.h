@@ -9,8 +9,8 @@
 
 namespace ostravel::test {
 
-// An open flow whose completions are the test's. Its calls are "read", "write 12", "closeRead" and
-// "closeWrite".
+// An open flow whose completions the test controls. Its calls are "read", "write 12", "closeRead"
+// and "closeWrite".
 class ScriptedFlow final : public platform::AppProxyTCPFlow, public ScriptedTransfers {
  public:
   ScriptedFlow() = default;

@@ -9,8 +9,9 @@
 
 namespace ostravel::test {
 
-// Reads and writes whose every completion is run by the test, at any moment and with anything, also
-// what no sound platform would deliver: late, after a close, data together with an error.
+// Reads and writes whose completions the test runs, at any moment and with any arguments, even
+// those that no correct platform would deliver: late, after a close, or data together with an
+// error.
 class ScriptedTransfers {
  public:
   // Runs the completion of the outstanding operation.
@@ -26,7 +27,7 @@ class ScriptedTransfers {
 
   bool readOutstanding() const { return read_ != nullptr; }
   bool writeOutstanding() const { return write_ != nullptr; }
-  // What was asked for, in order, and how often this was.
+  // The operations that were started, in order, and how often this one was.
   const std::vector<std::string>& calls() const { return calls_; }
   long callsOf(std::string_view call) const;
   const std::string& lastWritten() const { return lastWritten_; }

@@ -4,7 +4,7 @@ namespace ostravel::test {
 
 namespace {
 
-// Runs every item where it is submitted, so that the moment of an emit can be seen.
+// Runs every item where it is submitted, so that the moment of an emit can be observed.
 class ImmediateQueue final : public platform::DispatchQueue {
  public:
   const std::string& label() const override { return label_; }

@@ -15,8 +15,7 @@
 namespace ostravel::test {
 
 // A tunnel between a simulated flow, which is open, and a simulated connection, which is still
-// connecting. Beside what flow and connection write into the journal, it holds there, in their
-// order:
+// connecting. Besides the lines of flow and connection, it records in the journal, in order:
 //
 //   established ID | proxy unavailable | closed ID     the tunnel's callbacks
 //   event SIGNAL                                       when the event is emitted

@@ -39,7 +39,7 @@ TEST(Privileges, AnOrdinaryUserLacksThem) {
   });
 }
 
-TEST(Privileges, UnusedOnesAreGivenUpForGood) {
+TEST(Privileges, UnusedOnesAreDroppedForGood) {
   testing::inChildProcess([] {
     ASSERT_FALSE(Privileges::giveUpUnused());
     const auto privileges = Privileges::ofThisProcess();
@@ -82,7 +82,7 @@ TEST(Privileges, NothingWorksWithoutTheNetwork) {
             "the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
 }
 
-TEST(Privileges, WithoutASightOfProcessesEverythingWouldGoDirect) {
+TEST(Privileges, WithoutVisibleProcessesEverythingWouldGoDirect) {
   const std::string after =
       ") is missing, without which no local proxy can be recognised and every connection would go "
       "direct: run as root";

@@ -76,11 +76,11 @@ TEST(SystemCallFilter, PermitsNoOtherProcess) {
   EXPECT_EQ(endOf([] { return errorOf(::fork()); }), ENOSYS);
 }
 
-TEST(SystemCallFilter, EndsWhatRunsAProgram) {
+TEST(SystemCallFilter, KillsAProcessThatRunsAProgram) {
   EXPECT_EQ(endOf(runProgram), 128 + SIGSYS);
 }
 
-TEST(SystemCallFilter, EndsWhatReachesForOthers) {
+TEST(SystemCallFilter, KillsAProcessThatAccessesOthers) {
   for (const std::function<long()>& attempt :
        {std::function<long()>([] { return ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr); }),
         std::function<long()>([] { return ::mount("", "/", nullptr, MS_BIND, nullptr); }),
@@ -94,7 +94,7 @@ TEST(SystemCallFilter, EndsWhatReachesForOthers) {
   }
 }
 
-TEST(SystemCallFilter, AnswersTheUnknownAsAnOldKernelDoes) {
+TEST(SystemCallFilter, AnswersUnknownCallsAsAnOldKernelDoes) {
   EXPECT_EQ(endOf([] {
               constexpr long kNoSuchCall = 0x7ff0;
               return errorOf(::syscall(kNoSuchCall));
@@ -122,7 +122,7 @@ TEST(SystemCallFilter, ChangesNoFile) {
   EXPECT_EQ(endOf([] { return errorOf(::mkdir("/nowhere/here", 0)); }), ENOSYS);
 }
 
-TEST(SystemCallFilter, EndsARelayThatListensOrRunsAProgram) {
+TEST(SystemCallFilter, KillsARelayThatListensOrRunsAProgram) {
   EXPECT_EQ(endOfRelay(listenSomewhere), 128 + SIGSYS);
   EXPECT_EQ(endOfRelay(runProgram), 128 + SIGSYS);
 }
@@ -159,7 +159,7 @@ TEST(SystemCallFilter, TheGuardianWatchesAndKills) {
   EXPECT_EQ(endOf(
                 [] {
                   const bool canLook = ::open("/proc/self/stat", O_RDONLY | O_CLOEXEC) >= 0;
-                  // There is no such descriptor, which is for the kernel to say.
+                  // There is no such descriptor; the kernel says so, not the filter.
                   const auto kill = ::syscall(SYS_pidfd_send_signal, -1, SIGKILL, nullptr, 0);
                   return canLook && errorOf(kill) == EBADF ? 0 : 1;
                 },

@@ -12,7 +12,7 @@ import sys
 
 # Some hundred runs; the number of allocations is not the same everywhere.
 STEP = 19
-# So many in a row: the runs are over before the allocation that would fail.
+# This many in a row mean that runs end before the allocation that would fail.
 ENOUGH_SUCCESSES = 20
 CANNOT_RUN = 2
 

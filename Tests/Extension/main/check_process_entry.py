@@ -22,7 +22,7 @@ def main():
     parser.add_argument("--program", required=True)
     parser.add_argument("--information", required=True)
     arguments = parser.parse_args()
-    # The first probe connects: not to whatever listens on this machine.
+    # The first probe connects, which must not reach a program of this machine.
     ended = subprocess.run(["unshare", "--net", arguments.program], text=True, timeout=60,
                            capture_output=True,
                            env={**os.environ, "STANDIN_INFO_PLIST": arguments.information})
