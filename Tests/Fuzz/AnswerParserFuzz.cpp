@@ -1,5 +1,4 @@
-// The proxy's answer to CONNECT: the same outcome however it is cut, and the one that the model
-// has.
+// The proxy's answer to CONNECT: the outcome is the model's, however the answer is split.
 
 #include <span>
 #include <string>

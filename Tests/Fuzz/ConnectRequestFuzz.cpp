@@ -1,5 +1,5 @@
-// What a client may send to the sidecar: the same request however it is cut, and only well-formed
-// targets.
+// What a client may send to the sidecar: the request is the same however it is split, and only
+// well-formed targets are accepted.
 
 #include <algorithm>
 #include <cstring>
@@ -17,7 +17,7 @@ using ostravel::companion::RequestHeader;
 using ostravel::fuzz::FuzzInput;
 using ostravel::fuzz::require;
 
-// Feeds what there is room for.
+// Feeds as much as there is room for.
 RequestHeader::State feed(RequestHeader& header, std::string_view piece) {
   auto state = RequestHeader::State::incomplete;
   while (!piece.empty() && state == RequestHeader::State::incomplete) {

@@ -1,5 +1,5 @@
-// What anybody who may connect can send to the control socket: a request within its limits, or a
-// reason.
+// What any permitted client can send to the control socket: it is a request within its limits, or
+// refused with a reason.
 
 #include <string>
 #include <string_view>

@@ -1,5 +1,5 @@
-// A DNS message as any server or application sends it: whatever it contains, only what is there is
-// read, and it teaches addresses of the right family for a name that can be a host's.
+// A DNS message from any server or application: whatever it contains, nothing beyond its end is
+// read, and what is learned are addresses of the right family for a possible host name.
 
 #include <array>
 #include <cstddef>
@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   require(idOfDNSAnswer(message) == question->id, "an answer has the number of its question");
-  // Another place for each message; all of them would take most of a fuzzer's time.
+  // A different place for each message; trying all of them would take most of a fuzzer's time.
   const std::size_t kept = size - 1 - question->id % 16U % size;
   const std::vector<std::byte> shorter(bytes, bytes + kept);
   const auto left = parseDNSAnswer(shorter, *question);

@@ -9,7 +9,7 @@
 
 namespace ostravel::fuzz {
 
-// Takes an input apart from its front. When it is used up, numbers are zero and texts are empty.
+// Consumes an input from its front. When it is used up, numbers are zero and texts are empty.
 class FuzzInput {
  public:
   FuzzInput(const std::uint8_t* data, std::size_t size)
@@ -36,7 +36,7 @@ class FuzzInput {
   std::string_view left_;
 };
 
-// Ends the process, which is what a fuzzer takes for a finding.
+// Ends the process, which a fuzzer reports as a finding.
 inline void require(bool condition, const char* what) {
   if (!condition) {
     std::fprintf(stderr, "broken: %s\n", what);
@@ -44,7 +44,7 @@ inline void require(bool condition, const char* what) {
   }
 }
 
-// Gives the text to the consumer in pieces; the sizes are drawn from the number, which may be any.
+// Passes the text to the consumer in pieces; the sizes are derived from the number.
 template <typename Consumer>
 void inPieces(std::string_view text, std::uint64_t sizes, Consumer consume) {
   while (!text.empty()) {

@@ -1,5 +1,5 @@
-// What anybody may send to the monitor's socket: the same frame however it is cut, and a line that
-// is safe to print whatever it says.
+// What anyone may send to the monitor's socket: the frame is the same however it is split, and its
+// line is safe to print whatever it contains.
 
 #include <string>
 #include <variant>

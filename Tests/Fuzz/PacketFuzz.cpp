@@ -1,5 +1,5 @@
-// The first packet of a flow as the kernel hands it over: whatever it contains, only what is there
-// is read, and more bytes after the ports change nothing.
+// The first packet of a flow as the kernel hands it over: whatever it contains, nothing beyond its
+// end is read, and more bytes after the ports change nothing.
 
 #include <span>
 #include <vector>

@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using ostravel::linuxplatform::ApplicationRegistrations;
   using ostravel::linuxplatform::SystemUsers;
 
-  // Registrations are believed only in a folder of root's.
+  // Registrations are trusted only in a folder owned by root.
   static const ostravel::testing::TemporaryFolder folder;
   static const SystemUsers users = SystemUsers::read();
   static const int file =

@@ -1,5 +1,5 @@
 // Whole tunnels that a script of bytes drives: what applications and the proxy send and when, and
-// in which order everything happens. Judged by the history checker of the simulator.
+// in which order everything happens. The simulator's history checker judges the result.
 //
 //   | flows, slots | preemptions | surroundings | scripts of the flows | choices ... |
 //

@@ -1,5 +1,5 @@
-// Runs a fuzz target over every file of its corpus, and then for some seconds over files that it
-// makes of them, where the compiler has no fuzzer. Without coverage this finds less than a fuzzer.
+// Runs a fuzz target over every file of its corpus, and then for some seconds over variations of
+// them, where the compiler has no fuzzer. Without coverage this finds less than a fuzzer.
 //
 // An input that breaks something is printed in hexadecimal, as xxd -r -p reads it.
 //
@@ -29,7 +29,7 @@ namespace {
 
 using ostravel::simulation::SeededRandom;
 
-// What is running, for the handler.
+// The input under test, for the handler.
 std::string_view current;
 
 extern "C" void printCurrent(int signal) {
