@@ -39,7 +39,7 @@ TEST(HostCommandTest, OnlyActivatingTakesAMonitoringSocket) {
             "unexpected argument \"--monitoring-socket\"");
 }
 
-TEST(HostCommandTest, TheDefaultSocketIsInReachOfTheSandbox) {
+TEST(HostCommandTest, TheSandboxCanReachTheDefaultSocket) {
   const auto command = commandOf({"activate", "--monitoring-socket"});
   EXPECT_EQ(command.monitoringSocketPath, "/Library/Application Support/Ostravel/monitoring.sock");
   EXPECT_TRUE(command.isMonitoringSocketInReach());

@@ -1,6 +1,5 @@
 // Breaks one rule of the frameworks that the host application uses, named by the argument, and
-// prints the result. So the stand-in is known to notice what the host application must not
-// do.
+// prints the result. This shows that the stand-in notices what the host application must not do.
 
 #import <NetworkExtension/NetworkExtension.h>
 #import <SystemExtensions/SystemExtensions.h>

@@ -50,11 +50,11 @@ class HostCase(unittest.TestCase):
         self.given(extensions=[INSTALLED], configurations=[configuration()])
 
     def given(self, **state):
-        """The Mac is like this; nothing else is so but what is said."""
+        """The state of the Mac; whatever is not given is unset."""
         self.write({"carried": OUR_VERSION, **state})
 
     def write(self, state):
-        # At once, as the program may be reading.
+        # In one step, as the program may be reading.
         new = self.folder / "new.plist"
         new.write_bytes(plistlib.dumps(state))
         new.rename(self.state_path)
@@ -63,8 +63,8 @@ class HostCase(unittest.TestCase):
         return plistlib.loads(self.state_path.read_bytes())
 
     def environment(self):
-        # The program exits in the middle of what it does, with everything alive: under
-        # AddressSanitizer a leak search at that moment would say nothing.
+        # The program exits in the middle of its work, with everything alive: a leak search of
+        # AddressSanitizer would mean nothing at that moment.
         return {**os.environ, "STANDIN_MAC": str(self.state_path), "STANDIN_SPEED": str(self.speed),
                 "ASAN_OPTIONS": "detect_leaks=0"}
 
@@ -126,7 +126,7 @@ class ActivateTest(HostCase):
                 host.kill()
         self.assertEqual(self.state()["extensions"], [INSTALLED])
 
-    def test_a_refused_approval_is_told(self):
+    def test_a_refused_approval_is_reported(self):
         self.given(approval="given", failures={"activate": failure(
             "Request canceled by user", "OSSystemExtensionErrorDomain", 11)})
         self.expect("activate", status=1, errors="ostravel-host: cannot activate the extension: "
@@ -142,7 +142,7 @@ class ActivateTest(HostCase):
                          ["activate", "loadAll", "save", "load", "stop", "start"])
         self.assertEqual(self.only_configuration(), configuration(CONNECTED))
 
-    def test_replaces_the_same_version_in_the_mode_for_developers(self):
+    def test_replaces_the_same_version_in_developer_mode(self):
         self.given(extensions=[INSTALLED], replacementTold=True)
         self.expect("activate", output="replacing version 0.2.0 (2) with 0.2.0 (2)\n" + STARTED)
 
@@ -198,7 +198,7 @@ class ActivateTest(HostCase):
 
 
 class MonitoringSocketTest(HostCase):
-    def test_the_default_is_in_reach_of_the_sandbox(self):
+    def test_the_sandbox_can_reach_the_default(self):
         self.given()
         self.expect("activate --monitoring-socket", output=STARTED)
         self.assertEqual(self.socket(), "/Library/Application Support/Ostravel/monitoring.sock")
@@ -221,7 +221,7 @@ class MonitoringSocketTest(HostCase):
                 self.expect("activate --monitoring-socket /tmp/events", output=OUT_OF_REACH + RESTARTED)
                 self.assertEqual(self.socket(), "/tmp/events")
 
-    def test_what_is_not_a_text_counts_as_none(self):
+    def test_a_value_that_is_not_text_counts_as_none(self):
         odd = configuration(CONNECTED, providerConfiguration={"monitoringSocketPath": 7})
         self.given(extensions=[INSTALLED], configurations=[odd])
         self.expect("status", output="extension: version 0.2.0 (2), enabled\nproxy: running\n")
@@ -270,12 +270,12 @@ class StartTest(HostCase):
                     "it is starting\n")
         self.assertGreaterEqual(time.monotonic() - begin, 30 / HURRIED)
 
-    def test_a_proxy_that_runs_without_having_told_runs(self):
+    def test_a_proxy_may_start_without_a_notification(self):
         self.speed = HURRIED
         self.given(starting="runsUnnotified")
         self.expect("activate", output=STARTED)
 
-    def test_a_proxy_that_comes_up_already_is_waited_for(self):
+    def test_a_proxy_that_is_already_starting_is_awaited(self):
         self.speed = HURRIED
         for status, name in (CONNECTING, "starting"), (REASSERTING, "restarting"):
             with self.subTest(status=status):
@@ -285,7 +285,7 @@ class StartTest(HostCase):
                             f"it is {name}\n")
                 self.assertNotIn("start", self.state()["calls"])
 
-    def test_a_proxy_that_does_not_stop_is_not_waited_for_longer(self):
+    def test_waiting_for_a_proxy_to_stop_is_limited(self):
         self.speed = HURRIED
         self.given(extensions=[OLDER], stopping="hangs", configurations=[configuration(CONNECTED)])
         self.expect("activate", status=1,
@@ -347,7 +347,7 @@ class DeactivateTest(HostCase):
                     errors="ostravel-host: cannot deactivate the extension: Extension not found "
                     "(OSSystemExtensionErrorDomain 4)\n")
 
-    def test_a_failure_is_told_with_the_systems_reason(self):
+    def test_a_failure_is_reported_with_the_systems_reason(self):
         self.given(extensions=[INSTALLED], configurations=[configuration()],
                    failures={"deactivate": failure("Authorization required",
                                                    "OSSystemExtensionErrorDomain", 13)})
@@ -373,7 +373,7 @@ class StatusTest(HostCase):
         self.given()
         self.expect("status", output="extension: not activated\nproxy: not configured\n")
 
-    def test_tells_whether_the_proxy_runs(self):
+    def test_shows_whether_the_proxy_runs(self):
         for status, text in ((INVALID, "not configured"), (DISCONNECTED, "stopped"),
                              (CONNECTING, "starting"), (CONNECTED, "running"),
                              (REASSERTING, "restarting"), (DISCONNECTING, "stopping"),
@@ -385,7 +385,7 @@ class StatusTest(HostCase):
                             output=f"extension: version 0.2.0 (2), enabled\nproxy: {text}\n")
                 self.assertEqual(self.state(), {**before, "calls": ["properties", "loadAll"]})
 
-    def test_tells_of_every_version_of_the_extension(self):
+    def test_shows_every_version_of_the_extension(self):
         self.given(extensions=[{**OLDER, "enabled": False, "uninstalling": True},
                                {**OUR_VERSION, "awaitingApproval": True}, {}])
         self.expect("status", output="extension: version 0.1.0 (1), being removed\n"
@@ -393,14 +393,14 @@ class StatusTest(HostCase):
                     "extension: version ? (?)\n"
                     "proxy: not configured\n")
 
-    def test_tells_the_monitoring_socket_and_what_is_disabled(self):
+    def test_shows_the_monitoring_socket_and_what_is_disabled(self):
         self.given(configurations=[configuration(socket="/tmp/\u00e9v\u00e9nements",
                                                  enabled=False)])
         self.expect("status", output="extension: not activated\n"
                     "proxy: stopped, disabled in the settings\n"
                     "monitoring socket: /tmp/\u00e9v\u00e9nements\n")
 
-    def test_macos_11_does_not_tell_of_extensions(self):
+    def test_macos_11_does_not_list_extensions(self):
         self.given(systemVersion=11, extensions=[INSTALLED],
                    configurations=[configuration(CONNECTED)])
         self.expect("status", output="extension: see systemextensionsctl list\nproxy: running\n")
@@ -415,7 +415,7 @@ class StatusTest(HostCase):
                 self.expect("status", status=1, output=output,
                             errors="ostravel-host: the system has not answered after 10 seconds\n")
 
-    def test_failures_are_told_with_the_systems_reason(self):
+    def test_failures_are_reported_with_the_systems_reason(self):
         self.given(failures={"properties": failure("Not now", "OSSystemExtensionErrorDomain", 1)})
         self.expect("status", status=1, errors="ostravel-host: cannot ask for the extension's "
                     "state: Not now (OSSystemExtensionErrorDomain 1)\n")
@@ -431,7 +431,7 @@ class CommandLineTest(HostCase):
         self.assertTrue(self.output.startswith("usage: ostravel-host activate "), self.output)
         self.assertEqual(self.errors, "")
 
-    def test_what_makes_no_sense_is_told_with_the_usage(self):
+    def test_nonsense_is_reported_with_the_usage(self):
         for arguments, reason in (
                 ([], "a command is missing"),
                 (["install"], 'there is no command "install"'),
@@ -462,7 +462,7 @@ class CommandLineTest(HostCase):
 
 
 class StandInTest(HostCase):
-    """The rules that the host application keeps are really watched."""
+    """The rules that the host application follows are really checked."""
 
     def break_rule(self, name):
         result = self.run_program(PROGRAMS.rule_breaker, name)
