@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Builds the application and the extension in it for the Mac, and looks at what comes out.
+"""Builds the application and the extension in it for the Mac, and checks the result.
 
 Everything is built as on a Mac, from the same CMake files, universal and with warnings as errors.
 Apple's frameworks are declared in Tests/StandInMac, and their libraries are empty stubs; the C and C++
@@ -28,7 +28,7 @@ LIBRARIES = {
     "objc": "/usr/lib/libobjc.A.dylib",
     "jansson": "/usr/lib/libjansson.dylib",
 }
-# Sources that have to be refused, and a part of the complaint.
+# Sources that must be refused, and a part of the error message.
 MISTAKES = (
     ("void f(NEAppProxyTCPFlow* flow);\n"
      "void f(NEAppProxyTCPFlow* flow) { [flow readDataWithHandler:nil]; }\n",
@@ -78,7 +78,7 @@ def write_if_changed(path, text):
 
 
 def state_of_files(list_for_make):
-    """Of the files that a compilation has read: which, and how old they are."""
+    """The files that a compilation has read, with their modification times."""
     names = list_for_make.read_text().replace("\\\n", " ").split(":", 1)[1].split()
     paths = [pathlib.Path(name) for name in names]
     return "".join(f"{path} {path.stat().st_mtime_ns if path.exists() else 'gone'}\n"
@@ -118,7 +118,7 @@ class CrossBuild:
             "Name: jansson\nDescription: JSON\nVersion: 2.14\nLibs: -ljansson\n")
 
     def precompile_headers(self):
-        """Once for each architecture; again when a header, ours or the machine's, has changed."""
+        """Compiles once per architecture, and again when a header, ours or the system's, changed."""
         declarations = self.root / "Tests/StandInMac/DarwinDeclarations"
         header = self.folder / "StandardHeaders.h"
         precompiled = self.folder / "StandardHeaders.h.gch"
@@ -151,7 +151,7 @@ class CrossBuild:
             f"-DCMAKE_OSX_DEPLOYMENT_TARGET={DEPLOYMENT_TARGET}",
             f"-DCMAKE_OSX_SYSROOT={self.sysroot}",
             "-DOSTRAVEL_TEAM_IDENTIFIER=ABCDE12345", "-DOSTRAVEL_BUILD_NUMBER=7",
-            # What CMake cannot find out without a program that runs.
+            # What CMake cannot find out without running a program.
             "-DCMAKE_TRY_COMPILE_TARGET_TYPE=STATIC_LIBRARY", "-DCMAKE_HAVE_LIBC_PTHREAD=1",
             f"-DCMAKE_CXX_COMPILER={self.compiler}", f"-DCMAKE_CXX_COMPILER_TARGET={target}",
             f"-DCMAKE_OBJCXX_COMPILER={self.compiler}", f"-DCMAKE_OBJCXX_COMPILER_TARGET={target}",
@@ -169,7 +169,7 @@ class CrossBuild:
             env=self.environment)
 
     def check_that_mistakes_are_found(self):
-        """A source that is wrong has to be refused, or the build proves nothing."""
+        """Wrong sources must be refused, or the build proves nothing."""
         commands = (self.folder / "build/compile_commands.json").read_text()
         if "SystemTCPFlow.mm" not in commands:
             fail("the platform is not built")
@@ -222,7 +222,7 @@ class CrossBuild:
             fail(f"the extension calls itself {information}")
         for architecture, defined, loads in self.check_program(
                 contents / "MacOS" / information["CFBundleExecutable"]):
-            # Nothing in the program mentions it but the property list.
+            # Only the property list refers to it.
             if f"_OBJC_CLASS_$_{PRINCIPAL_CLASS}" not in defined:
                 fail(f"{architecture}: the principal class was not linked")
             if "NetworkExtension.framework" not in loads:

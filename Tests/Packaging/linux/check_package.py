@@ -13,7 +13,7 @@ import tempfile
 # What systemd-analyze(1) calls the exposure: 0 is none, 10 is everything.
 MOST_EXPOSURE = {"ostravel": 2.4, "ostravel-sidecar": 1.5, "ostravel-monitor": 1.5}
 PAGES = {"ostravel-extension": 8, "ostravel-sidecar": 1, "ostravel-monitor": 1, "ostravelctl": 1}
-# What is left of it by the extension's work; linux.md has the reasons.
+# The exposure that the extension's work requires; linux.md has the reasons.
 EXPOSURES = {
     "AmbientCapabilities",
     "CapabilityBoundingSet_CAP_BPF",
@@ -69,11 +69,11 @@ def check_units(folder):
         user = re.search(r"^User=(.*)$", text, re.MULTILINE)
         expect(user and user.group(1) == name, f"{unit.name}: has no user of its own")
         users = (folder / "ostravel.sysusers").read_text()
-        expect(f"u {name} " in users, f"{unit.name}: its user is not made")
+        expect(f"u {name} " in users, f"{unit.name}: its user is not created")
 
 
 def check_page_socket(folder):
-    """The service has no network; what is reached from outside is this socket alone."""
+    """The service has no network; only this socket can be reached from outside."""
     text = (folder / "ostravel-page.socket").read_text()
     expect(re.findall(r"^ListenStream=(.*)$", text, re.MULTILINE) == ["127.0.0.1:8090"],
            "ostravel-page.socket: listens elsewhere than on 127.0.0.1:8090")

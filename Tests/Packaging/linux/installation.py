@@ -2,9 +2,8 @@
 """Installs, upgrades, removes, installs again and purges the package in a fresh Debian.
 
 The Debian is made with debootstrap the first time and kept in build/package/debian for the next. Its
-systemd runs as the first process of private namespaces; what the applications in it connect to is
-an origin in a network namespace beside it. The machine's own network, processes and files are not
-touched.
+systemd runs as the first process of private namespaces; its applications connect to an origin in
+another network namespace. The machine's own network, processes and files are not touched.
 """
 
 import contextlib
@@ -38,7 +37,7 @@ mount --bind "$root" "$root"
 cd "$root"
 mount -t proc proc proc
 mount -t sysfs sysfs sys
-# The other versions of control groups are not for it.
+# It must not see the other versions of control groups.
 mount -t cgroup2 cgroup2 sys/fs/cgroup
 mount -t tmpfs -o mode=755 tmpfs dev
 mkdir dev/pts dev/shm
@@ -220,7 +219,7 @@ def origin_beside(machine):
 
 
 def files_of(machine):
-    """Every file of the Debian but those that keep a record of what happens to it."""
+    """Every file of the Debian except those that record what happens to it."""
     listed = machine.run("find", "/", "-xdev", "(", "-path", "/var/log", "-o", "-path",
                          "/var/lib/dpkg", "-o", "-path", "/var/lib/systemd", "-o", "-path",
                          "/var/cache", "-o", "-path", "/tmp", "-o", "-path", "/var/tmp", ")",

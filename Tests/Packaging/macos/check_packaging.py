@@ -51,7 +51,7 @@ def check_extension_information(folder, root):
         expect(plist.get(key) == value, f"extension: {key} is {plist.get(key)!r}")
     expect(plist.get("NSSystemExtensionUsageDescription"), "extension: no usage description")
     network = plist.get("NetworkExtension", {})
-    # The service has to be below a group that the extension belongs to.
+    # The service must be below a group that the extension belongs to.
     expect(network.get("NEMachServiceName", "").startswith(VALUES["OSTRAVEL_APP_GROUP"] + "."),
            "extension: service outside the group")
     classes = network.get("NEProviderClasses", {})
@@ -109,13 +109,13 @@ def check_entitlements(folder):
 
 
 def check_default_socket(root):
-    """The host application's default lies where the sandbox lets the extension go."""
+    """The host application's default is within the extension's sandbox."""
     source = (root / "Host/macOS/HostCommand.h").read_text()
-    expect(f'"{SOCKET_FOLDER}/"' in source, "host: the folder of sockets is another one")
+    expect(f'"{SOCKET_FOLDER}/"' in source, "host: the folder of sockets differs")
 
 
 def check_guide(root):
-    """Every test that the guide names exists."""
+    """Checks that every test that the guide names exists."""
     sys.path.insert(0, str(root / "Tests/Style"))
     import check_named_tests
     named = check_named_tests.named_tests((root / "Documentation/macos.md").read_text())

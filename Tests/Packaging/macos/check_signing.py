@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Runs the signing script with tools that write down how they are called.
+"""Runs the signing script with tools that record how they are called.
 
 What the tools print is composed from their manual pages and from published examples, not recorded:
-nothing here has run on a Mac. So these tests show that the script decides rightly about output of
-this form, and not that the output has it. "What only a Mac can answer" in Documentation/macos.md
-says how to record the real one.
+nothing here has run on a Mac. So these tests show that the script handles output of this form
+correctly, not that the real output has this form. "What only a Mac can answer" in
+Documentation/macos.md says how to record the real one.
 """
 
 import base64
@@ -25,7 +25,7 @@ TOOL = """#!/bin/bash
 echo "${0##*/} $*" >>"$TOOL_LOG"
 [[ ${0##*/} != "$FAILING_TOOL" ]]
 """
-# What Apple's archiver leaves is looked at by the script.
+# The script inspects what Apple's archiver leaves.
 ARCHIVER = TOOL + 'touch "${@: -1}"\n'
 # Prints the profile that is decoded, or the certificates of the identity.
 SECURITY = """#!/bin/bash
@@ -73,7 +73,7 @@ def pem(*certificates):
 
 
 def entitlements(part, kind):
-    """What the build leaves for a part, as far as a profile has a say in it."""
+    """What the build leaves for a bundle, as far as it concerns a profile."""
     identifier = "com.ostravel.desktop" + (".extension" if part == "Extension" else "")
     provider = "app-proxy-provider" + ("-systemextension" if kind == "DeveloperID" else "")
     values = {
@@ -261,7 +261,7 @@ done
         self.expect_refusal("no provisioning profile")
 
     def expect_mismatch(self, text, part="Extension", **changes):
-        """Of a profile with these entries, in which a None is missing."""
+        """The message about a profile with these entries; one that is None is missing from it."""
         decoded = copy.deepcopy(profile(part, "Development"))
         for name, value in changes.items():
             decoded[name] = value
@@ -283,7 +283,7 @@ done
         return granted
 
     def test_a_profile_of_another_team_is_refused(self):
-        # The characters in the name of the certificate.
+        # The characters from the name of the certificate.
         self.expect_mismatch("it belongs to team QWERTY9876, and the build to ABCDE12345",
                              TeamIdentifier=["QWERTY9876"])
 
@@ -347,7 +347,7 @@ done
         self.identity = "Somebody else"
         self.expect_refusal('the keychain has no certificate "Somebody else"')
 
-    def test_what_is_no_profile_is_refused(self):
+    def test_a_file_that_is_not_a_profile_is_refused(self):
         tool = self.folder / "tools/security"
         tool.write_text(SECURITY.replace("cat \"$4\"", "false"))
         self.expect_refusal("host.provisionprofile is not a provisioning profile")
