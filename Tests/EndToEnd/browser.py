@@ -14,7 +14,7 @@ ANSWER_SECONDS = 60
 
 
 class Browser:
-    """One page. To be used in a with statement."""
+    """One page. Use it in a with statement."""
 
     def __init__(self, namespace=None, width=1280, height=1000, dark=False):
         self._profile = tempfile.mkdtemp(prefix="ostravel-browser-", dir="/tmp")
@@ -118,7 +118,7 @@ class Browser:
         )  # fmt: skip
 
     def run(self, script):
-        """The value of an expression; of a promise, what it becomes."""
+        """The value of an expression; for a promise, its result."""
         answer = self._ask(
             "Runtime.evaluate", expression=script, returnByValue=True, awaitPromise=True
         )
@@ -126,7 +126,7 @@ class Browser:
         return answer["result"].get("value")
 
     def wait(self, script, seconds=ANSWER_SECONDS):
-        """Until the expression is true."""
+        """Waits until the expression is true."""
         end = time.monotonic() + seconds
         while not self.run(script):
             assert time.monotonic() < end, f"never true: {script}"

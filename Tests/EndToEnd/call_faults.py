@@ -95,7 +95,7 @@ SHORTAGES = (0, 20, 10**9)
 
 
 class MemoryFault(NamedTuple):
-    """Memory runs out at an allocation, and at so many that follow it."""
+    """Memory runs out at an allocation, and at a number of those that follow."""
 
     number: int
     more: int
@@ -137,14 +137,14 @@ FAULTS = tuple(
 
 
 class Suffered(NamedTuple):
-    """What a fault has led to."""
+    """The effects of a fault."""
 
     fault: Fault | MemoryFault
     is_refused: bool
     connections: Connections
     # Of the extension: negative if a signal has ended it, None if it did not end when requested.
     status: int | None
-    # It ended before it was asked to.
+    # It ended before that was requested.
     has_died: bool
     has_left_rules: bool
     last_words: list
@@ -157,7 +157,7 @@ class Suffered(NamedTuple):
         """Pairs of a text and True if it is kept."""
         connections = self.connections
         signal_number = -self.status if self.status is not None and self.status < 0 else 0
-        # Before there are rules it takes nothing along.
+        # Before there are rules, its end affects no connection.
         is_crash = signal_number not in (0, *self.fault.deaths) or (
             signal_number == signal.SIGSEGV and not self.is_refused
         )
@@ -165,9 +165,9 @@ class Suffered(NamedTuple):
         return [
             ("no connect fails", connections.failed == 0 and connections.count > 0),
             ("every connect within 3.2 s", connections.slowest <= 3.2),
-            # Those in flight go with it.
+            # The tunnels in flight end with it.
             ("at most one connection is reset", connections.reset <= 1 or signal_number == signal.SIGABRT),
-            ("it ends when it is asked to", self.status is not None),
+            ("it ends on request", self.status is not None),
             ("it does not crash", not is_crash),
             ("it says why it does not start", not self.is_refused or is_explained),
             ("no rules are left", not self.has_left_rules),

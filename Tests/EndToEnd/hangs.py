@@ -20,7 +20,7 @@ def stop(extension):
 
 
 def children_of(extension):
-    """Its guardian, if it has one."""
+    """The extension's guardian, if it has one."""
     file = pathlib.Path(f"/proc/{extension.pid}/task/{extension.pid}/children")
     return [int(child) for child in file.read_text().split()]
 

@@ -1,4 +1,4 @@
-"""An application with many connections that are open for long, and checks that their bytes come back.
+"""An application that keeps many connections open for long and checks that their bytes come back.
 
     holder.py HOST PORT --count 9500 --churn 950
 
@@ -21,7 +21,7 @@ import sys
 import time
 
 EXCHANGE_SECONDS = 15
-# So many are being established at a time, so that the backlog of nobody is full.
+# At most this many are being established at a time, so that no backlog is full.
 AT_ONCE = 32
 
 

@@ -93,7 +93,7 @@ class LocalProxy:
     """A local proxy that behaves as a test says; see local_proxy.py."""
 
     def __init__(self, laboratory, user=0, **behaviour):
-        # Copies: programs are distinguished by their files, and anybody may read these.
+        # Copies: programs are distinguished by their files, and everyone may read these.
         script = laboratory.copy_of(_beside("local_proxy.py"), "local_proxy.py")
         self.program = laboratory.start(
             [laboratory.copy_of(PYTHON, "local-proxy"), "-u", script, json.dumps(behaviour)],
@@ -237,7 +237,7 @@ class Laboratory:
     def start_sidecar(self, *options, user=0):
         folder = self.programs_folder
         if user != 0:
-            # A separate file, because anybody may read it.
+            # A separate file, because everyone may read it.
             copy = self.copy_of(self.program_path("ostravel-sidecar"), "ostravel-sidecar")
             folder = os.path.dirname(copy)
         return ostravel.start_sidecar(folder, *options, start=self.start, user=user)
@@ -359,7 +359,7 @@ class Laboratory:
         if "--control" not in arguments:
             arguments = (*arguments, "--control", self.control_path)
         return self.start(
-            # The tests may run in a service or a container; their applications are not of it.
+            # The tests may run in a service or a container; their applications do not belong to it.
             ["unshare", "--cgroup",
              *self.with_etc(*prefix, self.program_path("ostravel-extension"), *arguments)],
             name="ostravel-extension",

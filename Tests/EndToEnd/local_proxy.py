@@ -14,8 +14,8 @@ Commands come on standard input, one JSON object per line:
 A line with null only asks for a report.
 
 What happens is reported on standard output, one JSON object per line. A request is "asked" for a
-flow, or "tried" by the extension for itself. Of connections it is told when they were accepted,
-which happens in the order in which they were made.
+flow, or "tried" by the extension for itself. Connections are reported when they are accepted, which
+happens in the order in which they were made.
 """
 
 import json

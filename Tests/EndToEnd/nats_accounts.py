@@ -1,8 +1,8 @@
-"""Accounts of a NATS server whose users prove themselves with a key, made without its own tools.
+"""Accounts of a NATS server whose users authenticate with a key, made without its own tools.
 
 A key is written as letters and digits: a byte or two for its kind, the 32 bytes of Ed25519 (RFC
 8032), and a checksum, in base 32. A claim is a token (RFC 7519) that the key above it has signed:
-the operator's its own and those of the accounts, an account's those of its users.
+the operator signs its own and those of the accounts, an account those of its users.
 """
 
 import base64
@@ -41,7 +41,7 @@ def part(value):
 
 
 class Key:
-    """Of an operator, an account or a user."""
+    """The key of an operator, an account or a user."""
 
     def __init__(self, folder, name, kind):
         self._path = f"{folder}/{name}.pem"
@@ -53,7 +53,7 @@ class Key:
         self.seed = encoded(bytes([SEED | kind >> 5, (kind & 31) << 3]) + secret)
 
     def claim(self, about, name, content):
-        """What this key says of another one."""
+        """A claim of this key about another one."""
         claims = {
             "jti": name, "iat": int(time.time()), "iss": self.public, "name": name,
             "sub": about.public, "nats": content | {"version": 2},

@@ -56,5 +56,5 @@ class Checker:
 
     def verdict(self):
         if self.differs_at is not None:
-            return f"differs behind byte {self.differs_at}"
+            return f"differs after byte {self.differs_at}"
         return f"{self.count} exact bytes"

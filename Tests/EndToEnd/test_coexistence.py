@@ -23,7 +23,7 @@ REQUEST = b"GET / HTTP/1.0\r\n\r\n"
 
 
 def ask(application, address=None):
-    """An application that is this process: what it has seen of one request.
+    """This process as an application: what it has seen of one request.
 
     Without an address the socket is connected.
     """
@@ -64,7 +64,7 @@ COMMIT
 COMMIT
 """
 
-# Nor does it let anything out that it does not know, such as connections to our listeners.
+# Nor does it let out anything unknown, such as connections to our listeners.
 LEGACY_RULES_FOR_OUTPUT = LEGACY_RULES.replace(
     ":OUTPUT ACCEPT",
     ":OUTPUT DROP\n"
@@ -81,7 +81,7 @@ LEGACY_RULES_FOR_OUTPUT = LEGACY_RULES.replace(
     ids=["input", "input and output"],
 )
 def test_legacy_rules_keep_their_effect(laboratory, rules, way):
-    """A firewall that drops what it does not know, with the translations of a container engine."""
+    """A firewall that drops unknown packets, with the translations of a container engine."""
     laboratory.serve(81, tell_peer)
     _, extension = laboratory.start_system()
     laboratory.here.run("iptables-legacy-restore", given=rules)
@@ -124,7 +124,7 @@ table {family} wg-quick-tunnel {{
 def set_up_tunnel(laboratory):
     """Everything goes into the tunnel, except what carries the mark or has a route of its own.
 
-    A virtual cable takes the place of the encryption.
+    A virtual cable stands in for the encryption.
     """
     laboratory.here.run(
         "ip", "link", "add", "tunnel", "type", "veth", "peer", "name", "tunnel",
@@ -161,7 +161,7 @@ def seen_address(fetched):
 
 
 def test_a_tunnel_with_policy_routing_keeps_working(laboratory):
-    """Also with its rules, which drop what seems to come through the tunnel and does not."""
+    """Even with its rules, which drop packets that only seem to come through the tunnel."""
     set_up_tunnel(laboratory)
     laboratory.serve(81, tell_peer)
     laboratory.start_system()

@@ -1,4 +1,4 @@
-"""What ostravelctl says about the system is what was done."""
+"""ostravelctl reports exactly what was done."""
 
 import fcntl
 import json
@@ -102,7 +102,7 @@ def ask(laboratory, request):
         return b"".join(iter(lambda: client.recv(65536), b"")).decode()
 
 
-def test_a_dead_proxy_is_named_and_its_return_too(laboratory):
+def test_reports_a_dead_proxy_and_its_return(laboratory):
     laboratory.serve(80, tell_peer)
     proxy, _ = laboratory.start_system()
     proxy.kill()
@@ -116,7 +116,7 @@ def test_a_dead_proxy_is_named_and_its_return_too(laboratory):
     wait_for_reason(laboratory, "proxied")
 
 
-def test_a_hung_proxy_is_named_with_what_it_hit(laboratory):
+def test_reports_a_hung_proxy_and_what_it_hit(laboratory):
     laboratory.serve(80, tell_peer)
     proxy, _ = laboratory.start_system(laboratory.start_local_proxy)
     proxy.behave(answer="", then="hold")
@@ -149,7 +149,7 @@ def test_what_is_held_and_pending_is_shown(laboratory):
     eventually(lambda: laboratory.asked("status")["flows"]["held_now"] == 0, "nothing is held")
 
 
-def test_counts_what_did_not_succeed_and_why(laboratory):
+def test_counts_failures_by_their_reason(laboratory):
     laboratory.register({CURL: "com.mullvad.vpn"})
     laboratory.serve(80, tell_peer)
     proxy, _ = laboratory.start_system(laboratory.start_local_proxy)
@@ -225,7 +225,7 @@ def test_says_why_a_listener_is_the_proxy_or_not(laboratory):
     assert extension.stop() == 0
 
 
-def test_names_the_user_to_whom_the_proxy_belongs(laboratory):
+def test_names_the_user_who_owns_the_proxy(laboratory):
     laboratory.start_system()
     wait_for_reason(laboratory, "proxied")
     proxy = laboratory.asked("status")["proxy"]
@@ -262,7 +262,7 @@ def test_a_refusal_is_shown_with_the_proxys_words(laboratory):
     assert (last["outcome"], last["detail"]) == ("rejected", "HTTP/1.1 403 Forbidden")
 
 
-def test_explains_a_flow_without_one(laboratory):
+def test_explains_what_would_be_decided(laboratory):
     laboratory.register({CURL: "com.mullvad.vpn"})
     _, extension = laboratory.start_system()
     wait_for_reason(laboratory, "proxied")

@@ -85,7 +85,7 @@ class Fleet:
             sender.connect(path or self.laboratory.socket_path)
             sender.sendall(struct.pack(">I", len(body)) + body)
             sender.shutdown(socket.SHUT_WR)
-            # The monitor has it when it has closed its end.
+            # The monitor has received it once it has closed its end.
             sender.recv(1)
 
 
@@ -188,7 +188,7 @@ def test_a_killed_monitor_sends_what_it_kept(fleet):
     fleet.laboratory.forget(monitor)
     fleet.start_server()
     fleet.start_publisher()
-    # Those that came before there was a stream were sent again, after others.
+    # Those sent before there was a stream were sent again, after others.
     assert sorted(numbers(fleet.start_subscriber(), 300)) == list(range(300))
 
 
@@ -208,7 +208,7 @@ def test_a_full_disk_costs_a_known_number(fleet):
         assert "No space left on device" in first_report
         fleet.start_server()
         subscriber = fleet.start_subscriber()
-        # The first one that has room again.
+        # The first one for which there is room again.
         last = sent - 1
         while not any(number >= sent for number in seen(subscriber)):
             last += 1
@@ -220,7 +220,7 @@ def test_a_full_disk_costs_a_known_number(fleet):
             told = (re.search(r"events dropped: (\d+)", line) for line in monitor.errors.since())
             return sum(int(found.group(1)) for found in told if found)
 
-        # What was sent again comes behind later events.
+        # Events that were sent again come after later ones.
         eventually(
             lambda: len(set(seen(subscriber))) == last + 1 - count_dropped(), "all others came"
         )
@@ -286,7 +286,7 @@ def test_a_server_of_another_name_gets_nothing(fleet):
 def test_a_file_of_credentials_admits_a_machine(fleet):
     accounts = Accounts(fleet.laboratory.folder)
     fleet.start_server(accounts.configuration)
-    # As the documentation has it.
+    # As in the documentation.
     watching = accounts.credentials("watching", ["$JS.API.>"], ["_INBOX.>"])
     machine = accounts.credentials("machine", [f"ostravel.events.{HOST}.>"], ["_INBOX.>"])
     subscriber = fleet.start_subscriber("--credentials", watching)
@@ -325,7 +325,7 @@ def test_credentials_that_the_server_does_not_know_get_nothing(fleet):
         (["--publish", "nats://localhost", "--spool-size", "0"], "--spool-size"),
     ],
 )
-def test_what_is_wrong_is_said_at_once(fleet, options, problem):
+def test_wrong_options_are_reported_at_once(fleet, options, problem):
     monitor = fleet.laboratory.start(
         [fleet.laboratory.program_path("ostravel-monitor"),
          "--socket", fleet.laboratory.socket_path, *options],

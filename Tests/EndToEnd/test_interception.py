@@ -267,7 +267,7 @@ def test_an_existing_datagram_flow_continues(laboratory):
 
 @pytest.mark.parametrize("host", [THERE4, THERE6])
 def test_a_declined_flow_stays_with_the_application(laboratory, host):
-    """Seen from the origin: its address, its port, also when it has chosen the port itself."""
+    """Seen from the origin: its address and its port, even one that it has chosen itself."""
     laboratory.serve(80, tell_peer)
     laboratory.start_monitor()
     laboratory.start_extension()

@@ -18,7 +18,7 @@ SUCCESSFUL = "OstravelProxy: Handshake successful."
 
 
 class Journal:
-    """A journal of its own, in a folder that takes the place of /run."""
+    """A separate journal, in a folder that takes the place of /run."""
 
     def __init__(self, laboratory):
         self.folder = laboratory.path("run")
@@ -38,7 +38,7 @@ class Journal:
 
     @property
     def prefix(self):
-        """Of a command line whose program finds the journal; it has its own mount namespace."""
+        """The prefix of a command line whose program finds the journal, in a mount namespace."""
         return ("sh", "-c", 'mount --bind "$0" /run && exec "$@"', self.folder)
 
     def find(self, *matches):
@@ -132,7 +132,7 @@ def test_a_flow_that_succeeds_is_found_by_its_id(laboratory, journal):
     )
     assert [(each["MESSAGE"], each["PRIORITY"]) for each in lines] == [
         (SENDING, NOTICE), (SUCCESSFUL, INFO)]
-    # Nor do those lines of level debug that say how the tunnel has ended.
+    # Nor do the debug lines that say how the tunnel has ended.
     assert not any("APPLICATION" in each for each in journal.find(f"OSTRAVEL_FLOW_ID={flow}"))
 
 

@@ -130,7 +130,7 @@ def test_events_can_be_piped_into_jq(laboratory):
     assert jq.output.since() == [f"{application} to example.org:443"]
 
 
-def test_without_a_monitor_each_event_costs_one_line_of_its_own(laboratory):
+def test_without_a_monitor_each_event_costs_one_log_line(laboratory):
     laboratory.serve(80, tell_peer)
     extension = laboratory.start_extension()
     # Optional, in any order: the start and the unreachable proxy.

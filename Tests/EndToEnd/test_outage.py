@@ -60,7 +60,7 @@ def let_the_proxy_hang(laboratory):
     ended = time.time()
     sidecar.process.send_signal(signal.SIGCONT)
     eventually(lambda: fetch(CURL).way == "proxied", "flows are proxied again")
-    # The tunnel that was open has only been late.
+    # The open tunnel was only delayed.
     say(tunnel, b"after")
     tunnel.close()
     return Hang(began, ended, {CURL, browser})
@@ -79,7 +79,7 @@ def seconds_of(text):
     )
 
 
-def test_the_terminal_tells_it(laboratory):
+def test_the_terminal_reports_an_outage(laboratory):
     monitor = laboratory.start(
         [laboratory.program_path("ostravel-monitor"), "--socket", laboratory.socket_path,
          "--time", "utc", "--summary"],
@@ -99,7 +99,7 @@ def test_the_terminal_tells_it(laboratory):
     assert any("The proxy hung from " in line for line in monitor.errors.since())
 
 
-def test_the_page_tells_it_when_it_is_opened_later(laboratory):
+def test_a_page_that_is_opened_later_reports_an_outage(laboratory):
     page = page_of(laboratory)
     hang = let_the_proxy_hang(laboratory)
     eventually(
@@ -131,8 +131,8 @@ def test_the_page_tells_it_when_it_is_opened_later(laboratory):
         assert browser.complaints == []
 
 
-def test_prometheus_tells_it(laboratory):
-    # Nobody is there to publish to, but what is counted about that is there.
+def test_prometheus_reports_an_outage(laboratory):
+    # There is no server to publish to, but its metrics exist.
     page = page_of(laboratory, "--application-metrics", "--publish", "nats://127.0.0.1:1",
                    "--spool", laboratory.path("spool"))  # fmt: skip
     prometheus = Prometheus(laboratory)
@@ -152,7 +152,7 @@ def test_prometheus_tells_it(laboratory):
 
 
 def check_what_is_packaged(prometheus, scraped):
-    """Every query of the alert rules and of the dashboard works, on metrics that are there."""
+    """Every query of the alert rules and of the dashboard works, on metrics that exist."""
     rules = (prometheus.folder / "alerts.yml").read_text()
     dashboard = json.loads((prometheus.folder / "dashboard.json").read_text())
     queries = [target["expr"] for panel in dashboard["panels"] for target in panel["targets"]]
@@ -175,6 +175,6 @@ def check_what_is_packaged(prometheus, scraped):
 
 @pytest.fixture(autouse=True)
 def utc(monkeypatch):
-    """For the times that are read here."""
+    """The local time zone of the tests that compare times."""
     monkeypatch.setenv("TZ", "UTC")
     time.tzset()

@@ -1,4 +1,4 @@
-"""What the extension says and refuses when it starts, and what it would do."""
+"""What the extension reports, requires and refuses when it starts."""
 
 import os
 import re
@@ -76,7 +76,7 @@ def test_the_capabilities_of_the_service_suffice(laboratory):
         prefix=as_service_user(f"+net_admin,+net_raw,{READS_PROCESSES},+bpf,+perfmon")
     )
     laboratory.wait_until_proxied()
-    # Everything that is published and recorded as root is so here.
+    # Nothing else is missing: everything else works as it does for root.
     assert errors_of(extension) == [
         "OstravelProxy: CAP_SYS_NICE is missing: on a very busy machine the guardian may notice a "
         "hang late"
@@ -142,7 +142,7 @@ def test_its_system_calls_are_restricted(laboratory):
 
 
 class ServiceManager:
-    """Takes its place: receives what is reported to it."""
+    """Plays the service manager: receives its notifications."""
 
     def __init__(self, laboratory):
         self.path = laboratory.path("notify")

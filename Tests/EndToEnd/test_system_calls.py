@@ -1,6 +1,7 @@
 """How many system calls the extension makes for one connection, from its SYN to its end.
 
-The kernel does nearly all the work of a connection, so this is what a change makes dearer first.
+The kernel does nearly all the work of a connection, so this is the first cost that a change
+increases.
 """
 
 import re

@@ -30,7 +30,7 @@ SHOWN = "document.getElementById('count').textContent"
 
 
 def page_of(laboratory, *options):
-    """Starts a monitor; the address of its page."""
+    """Starts a monitor; returns the address of its page."""
     token = laboratory.path("token")
     pathlib.Path(token).write_text("a-token-for-the-tests\n")
     laboratory.start_monitor(
@@ -63,7 +63,7 @@ def api(laboratory, page, name):
 
 
 class Prometheus:
-    """With the packaged configuration, but for its pace. Scrapes the monitor of page_of."""
+    """With the packaged configuration, except for its pace. Scrapes the monitor of page_of."""
 
     def __init__(self, laboratory):
         self._laboratory = laboratory
@@ -126,7 +126,7 @@ def flow_that_ended(application, target, begin):
     ]  # fmt: skip
 
 
-def test_the_page_tells_that_the_proxy_hung(laboratory, page):
+def test_the_page_reports_that_the_proxy_hung(laboratory, page):
     laboratory.serve(80, tell_peer)
     proxy = laboratory.start_local_proxy()
     laboratory.start_extension()
@@ -192,7 +192,7 @@ def test_flows_are_searched_filtered_and_opened(laboratory, page):
         assert "no.example:80" in life
         browser.press("Escape")
         browser.wait("!document.getElementById('flow').open")
-        # No text of a flow is taken for a part of the page.
+        # No text of a flow becomes a part of the page.
         assert browser.run("document.images.length") == 0
         browser.run("""(() => { const select = document.getElementById('outcome');
             select.value = 'bad'; select.dispatchEvent(new Event('change')); })()""")

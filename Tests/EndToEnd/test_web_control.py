@@ -1,4 +1,4 @@
-"""What the live page knows from the extension itself."""
+"""What the live page learns from the extension itself."""
 
 from Laboratory.network import THERE4
 from browser import Browser
@@ -23,13 +23,13 @@ def test_the_page_shows_decisions_and_bytes(laboratory, page):
         target = remote(THERE4, 80)
         browser.wait(f"""{ROWS}.some((row) => row[2] === '{VPN}'
             && row[4] === 'direct exempt application')""")
-        # The bytes of a flow that events told of as well: one row.
+        # The bytes of a flow that events reported as well: one row.
         browser.wait(f"""{ROWS}.filter((row) => row[2] === 'curl' && row[3] === '{target}'
             && row[4] === 'closed' && row[7] !== '').length === 1""")
         browser.wait("document.getElementById('sentence').textContent.includes('proxied')")
         browser.wait("!document.getElementById('extension-section').hidden")
         assert browser.complaints == []
-    # How many is open: the local proxy's own connections are left alone as well.
+    # Their number varies: the local proxy's own connections are left alone as well.
     for sample in (
         "ostravel_extension_up 1",
         "ostravel_proxying 1",

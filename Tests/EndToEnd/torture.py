@@ -18,9 +18,9 @@ import neighbours
 from laboratory import eventually
 from neighbours import Application, Connections
 
-# So many new connections a second.
+# New connections per second.
 RATE = 300
-# Of work that has nothing to do with tunnels.
+# Descriptors that may be open for other work than tunnels.
 FEW_DESCRIPTORS = 8
 
 
@@ -116,7 +116,7 @@ def connect_to_silent_proxy(laboratory, count, rate, *options):
 
 
 class UnreadPipe:
-    """A full pipe that nobody reads."""
+    """A full, unread pipe."""
 
     def __init__(self, path):
         self.path = path

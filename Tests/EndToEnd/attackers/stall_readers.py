@@ -17,7 +17,7 @@ AT_ONCE = 20
 def dial(host, port):
     dialled = socket.socket()
     dialled.setblocking(False)
-    # As little as possible in the kernel: unread data should be buffered by the others.
+    # As little as possible in the kernel here: unread data should be buffered on the way.
     dialled.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
     dialled.connect_ex((host, port))
     return dialled
