@@ -25,7 +25,7 @@ SHARED = "Platform/Shared"
 
 SIMULATION = "Platform/Simulation"
 SCHEDULE = f"{SIMULATION}/Schedule"
-# What every room of a platform may include.
+# The rooms that every room of a platform may include.
 GROUND = {INTERFACE, BASE}
 
 LINUX = "Platform/Linux"
@@ -91,9 +91,9 @@ ALLOWED_ROOMS = {
     "Companion/Control": {BASE, COMPANION},
     HOST: {CORE},
 }
-# Puts everything together, and may therefore include everything but tests.
+# Puts everything together, and may therefore include everything except tests.
 PROGRAM = "Extension/main"
-# Of programs for the kernel, which include nothing of ours but these.
+# Of programs for the kernel, which include none of our headers except these.
 KERNEL_HEADER = ".bpf.h"
 # Every source below these is in a room.
 BUILDINGS = ("Base/", "Companion/", "Extension/", "Host/", "Platform/")
@@ -119,8 +119,8 @@ ALLOWED_FOREIGN_HEADERS = {
     PROVIDER: set(),
 }
 
-# Room -> headers of other rooms that it may include although not the rooms as a whole: of the ground
-# floor what it has for text, but none of its threads and descriptors.
+# Room -> headers of other rooms that it may include although not the rooms as a whole: the text
+# functions of the ground floor, but not its threads and descriptors.
 ALLOWED_HEADERS = {
     CORE: {"Base/CalendarText.h", "Base/JSONHandle.h", "Base/UTF8.h"},
     PROVIDER: {"Base/UTF8.h"},

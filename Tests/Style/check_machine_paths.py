@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""No file of the repository names the place where this checkout lies.
+"""No file of the repository names the folder of this checkout.
 
 Usage: check_machine_paths.py ROOT
 """

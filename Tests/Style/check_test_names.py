@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The name of a test can be taken in at a glance: it has at most 60 characters.
+"""The name of a test can be read at a glance: it has at most 60 characters.
 
 Usage: check_test_names.py ROOT
 """

@@ -9,7 +9,7 @@ sanitizers the build was made.
 
 Most of the time goes into the headers that sources share, so clang-tidy reads several sources as
 one. If it has anything to say, each half is read again, down to a single source, whose findings
-count: what is only wrong together, such as two helpers of one name, is no finding.
+count: what is wrong only when read together, such as two helpers of one name, is not a finding.
 """
 
 import concurrent.futures
@@ -66,7 +66,7 @@ def portable_arguments(command: str) -> tuple[str, ...]:
 
 
 def chosen_sources(root: pathlib.Path, build: pathlib.Path, folders: list[str]) -> dict:
-    """Source -> how it is read: its suffix, and the directory and arguments of the compiler."""
+    """Source -> how it is compiled: its suffix, and the directory and arguments of the compiler."""
     entries = json.loads((build / "compile_commands.json").read_text(encoding="utf-8"))
     chosen = {}
     for entry in entries:

@@ -9,7 +9,7 @@ SOURCE_SUFFIXES = {".h", ".cpp", ".mm"}
 def files(root: pathlib.Path) -> list[pathlib.Path]:
     """Every file that belongs to the repository, tracked or not yet, relative to its root.
 
-    An exported source tree has no git; there everything counts but the build folder.
+    In an exported source tree, which has no git, everything counts except the build folder.
     """
     if (root / ".git").exists():
         command = ["git", "-C", str(root), "ls-files", "-z", "--cached", "--others",

@@ -136,7 +136,7 @@ long ChildProcess::processorTicks() const {
   std::ifstream file("/proc/" + std::to_string(process_) + "/stat");
   std::string text;
   std::getline(file, text);
-  // Behind the name, which may hold anything, utime is the 12th field and stime the 13th.
+  // After the name, which may contain anything, utime is the 12th field and stime the 13th.
   std::istringstream fields(text.substr(text.rfind(')') + 1));
   std::string skipped;
   for (int field = 0; field < 11; ++field) {

@@ -33,14 +33,14 @@ class ChildProcess {
   // Everything else, to the end.
   std::string readOutput() { return readToEnd(output_); }
   std::string readError() { return readToEnd(error_); }
-  // Waits until there is some, and leaves it unread.
+  // Waits until there is some output, and leaves it unread.
   void waitForOutput() const;
   void closeOutput();
 
   void sendSignal(int number) const;
   // The exit status, or 128 and the number of the signal that ended it.
   int waitForExit();
-  // What it has used of the processor so far, in clock ticks.
+  // The processor time that it has used so far, in clock ticks.
   long processorTicks() const;
 
  private:

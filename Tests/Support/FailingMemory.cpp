@@ -1,17 +1,17 @@
 // A library for LD_PRELOAD: memory runs out at the n-th allocation of the program and, with a
-// second number, at so many that follow it.
+// second number, at that many of the following ones.
 //
 //   OSTRAVEL_FAILING_ALLOCATION=N[+COUNT]
 //
-// Only what glibc's malloc family gives out is counted; large buffers that are mapped directly are
-// the business of who maps them.
+// Only allocations through glibc's malloc family are counted, not buffers that a program maps
+// itself.
 
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
-// How glibc calls its own functions behind those that a program can replace.
+// The names of glibc's own functions, which a program cannot replace.
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);

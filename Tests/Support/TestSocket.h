@@ -8,11 +8,11 @@
 
 namespace ostravel::testing {
 
-// A blocking stream socket as a client or an origin has it, apart from the library under test.
-// Every operation that waits throws std::runtime_error when nothing happens for a long time.
+// A blocking stream socket of a client or an origin, independent of the library under test. Every
+// operation that waits throws std::runtime_error when nothing happens for a long time.
 class TestSocket {
  public:
-  // How the bytes of the other side came to an end.
+  // How the stream of the other side ended.
   enum class End { orderly, reset };
 
   static TestSocket connectTcp(std::uint16_t port, const std::string& address = "127.0.0.1");
@@ -28,14 +28,14 @@ class TestSocket {
   ~TestSocket();
 
   void send(std::string_view bytes) const;
-  // Sends until the other side takes nothing for `patience`; returns how many bytes went.
+  // Sends until the other side accepts nothing for `patience`; returns how many bytes were sent.
   std::size_t sendUntilStalled(std::string_view bytes, std::chrono::milliseconds patience) const;
   // A byte outside the stream (tcp(7)).
   void sendUrgent(char byte) const;
   std::string receive(std::size_t size) const;
   std::string receiveThrough(std::string_view end) const;
   std::string receiveToEnd() const;
-  // Discards what still comes.
+  // Discards what still arrives.
   End waitForEnd() const;
   // Waits for an error without reading.
   bool waitForReset() const;
@@ -90,7 +90,7 @@ class TestListener {
   std::uint16_t port_ = 0;
 };
 
-// A port at 127.0.0.1 where nobody listens.
+// A port at 127.0.0.1 without a listener.
 std::uint16_t closedPort();
 
 bool hasIPv6Loopback();

@@ -6,8 +6,8 @@
 
 namespace ostravel::testing {
 
-// For what gives no signal: asks again and again. False if the condition does not hold within the
-// limit, which is far longer than anything takes, also on a busy machine and with a sanitizer.
+// Polls, for conditions that give no signal. False if the condition does not hold within the limit,
+// which is far longer than anything takes, even on a busy machine and with a sanitizer.
 inline bool waitUntil(const std::function<bool()>& condition,
                       std::chrono::milliseconds limit = std::chrono::seconds(60)) {
   constexpr std::chrono::microseconds kPause(200);

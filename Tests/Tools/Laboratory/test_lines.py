@@ -64,7 +64,7 @@ def test_lines_before_the_mark_do_not_count(source):
     assert source.lines.since(mark) == ["same"]
 
 
-def test_nobody_waits_for_a_program_that_has_ended(source):
+def test_waiting_ends_with_the_program(source):
     source.append("last")
     source.end()
     assert source.lines.wait(lambda line: line == "last") == "last"

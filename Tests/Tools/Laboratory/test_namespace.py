@@ -61,7 +61,7 @@ def test_a_thread_comes_out_after_an_exception(namespace):
     assert current() == outside
 
 
-def test_other_threads_are_not_concerned(namespace):
+def test_other_threads_are_not_affected(namespace):
     outside = current()
     seen = []
     barrier = threading.Barrier(2)

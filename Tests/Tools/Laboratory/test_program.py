@@ -1,4 +1,4 @@
-"""Child processes: their output, how they end, and what is said when they do not do as expected."""
+"""Child processes: their output, how they end, and the messages when they fail."""
 
 import os
 import select
