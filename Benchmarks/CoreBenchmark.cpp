@@ -1,4 +1,4 @@
-// What the core costs per flow and per event, on the platform that people run it on.
+// The core's cost per flow and per event, on the platform that ships.
 
 #include <benchmark/benchmark.h>
 
@@ -149,7 +149,7 @@ void encodeEvent(benchmark::State& state) {
 }
 BENCHMARK(encodeEvent);
 
-// The time that a caller of emit waits; delivery happens elsewhere. In batches, so that the queue
+// The time that emit takes its caller; delivery happens elsewhere. In batches, so that the queue
 // stays as short as in real use. The CPU column is the caller's.
 void emitAsTheCallerSeesIt(benchmark::State& state) {
   constexpr std::size_t kPortion = 64;

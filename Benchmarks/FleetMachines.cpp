@@ -1,5 +1,5 @@
 // As many publishers as a fleet has machines, in one process, against a NATS server: how fast the
-// events are stored, and how long all take to come back when the server was away.
+// events are stored, and how long all machines take to reconnect after an outage of the server.
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -21,7 +21,7 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Of the size that an event usually has.
+// As large as an event usually is.
 std::string eventText(int number) {
   return "{\"number\":" + std::to_string(number) + ",\"filling\":\"" + std::string(430, 'x') +
          "\"}";

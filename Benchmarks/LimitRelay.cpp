@@ -1,9 +1,9 @@
-// The least that a relay can do that holds the first packet of a connection until its tunnel is
-// there: one thread, one queue, no identity, no limits, no events, no log. `compare` measures it as
-// the limit that the extension can approach.
+// The minimum that a relay does if it holds the first packet of a connection until its tunnel is
+// established: one thread, one queue, no identity, no limits, no events, no log. `compare` measures
+// it as the limit that the extension can approach.
 //
 // The rules are the caller's: first packets go to the queue, and those that get kReleaseMark with
-// their verdict are redirected to the listener. IPv4 only. A failure ends the program: it is a
+// their verdict are redirected to the listener. IPv4 only. Any failure ends the program: this is a
 // measuring instrument.
 
 #include <arpa/inet.h>
@@ -66,7 +66,7 @@ const sockaddr* generic(const sockaddr_in& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
-// What tells a connection of this machine from all others while it is held.
+// What distinguishes a held connection from all others of this machine.
 std::uint64_t sourceKey(in_addr_t address, in_port_t port) {
   return std::uint64_t{address} << 16U | port;
 }
@@ -157,7 +157,7 @@ class HeldPackets {
   std::array<mmsghdr, kPacketsAtOnce> messages_{};
 };
 
-// Bytes that one side has sent and the other did not take yet.
+// Bytes that one side has sent and the other has not accepted yet.
 struct Direction {
   std::vector<char> rest;
   std::size_t sent = 0;
@@ -234,7 +234,7 @@ class Relay {
         FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;
     ::setsockopt(tunnel->proxy.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    // Over the loopback interface the connection is there when this returns.
+    // Over the loopback interface the connection is established when this returns.
     if (::connect(tunnel->proxy.get(), generic(proxy_), sizeof proxy_) != 0 &&
         errno != EINPROGRESS) {
       packets_.release(packet, false);

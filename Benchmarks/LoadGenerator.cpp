@@ -1,6 +1,6 @@
-// The two ends of what `compare` measures: an origin server, and the applications that use it.
-// Built so that whatever is between them is the bottleneck: received bytes are discarded without
-// copying, and one buffer is sent repeatedly.
+// Both ends of the connections that `compare` measures: an origin server, and the applications that
+// use it. Built so that whatever is between them is the bottleneck: received bytes are discarded
+// without copying, and one buffer is sent repeatedly.
 //
 // The first byte of a connection selects its purpose:
 //

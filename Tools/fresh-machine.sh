@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs a command of the repository on a Debian 12 that has nothing but git: the commands at the root
-# have to install whatever they need. What is not committed is not there.
+# have to install whatever they need. Uncommitted changes are not included.
 #
 #   Tools/fresh-machine.sh FOLDER COMMAND...
 #

@@ -56,7 +56,7 @@ install_missing() {
   [ ${#missing[@]} -gt 0 ] || return 0
   [ "$(id -u)" = 0 ] || fail "these packages are missing, install them or run this as root: ${missing[*]}"
   say "installing ${missing[*]}"
-  # Services that a package brings are not to be started: only our own programs run.
+  # Services that a package brings must not be started: only our own programs run.
   local log
   log=$(mktemp)
   if ! {
@@ -70,7 +70,7 @@ install_missing() {
   rm -f "$log"
 }
 
-# Of what Ninja says, only how far it is, and that only on a terminal.
+# Shows only Ninja's progress, and that only on a terminal.
 show_progress() {
   local step
   if [ -t 2 ]; then
@@ -102,7 +102,7 @@ build() {
   rm -f "$log"
 }
 
-# Namespaces and rules need this; says what is missing.
+# Namespaces and rules need these permissions; reports what is missing.
 require_network_administration() {
   if ! unshare --net true 2>/dev/null; then
     fail "this machine does not permit making network namespaces (CAP_SYS_ADMIN): run as root, outside a container that takes that away"
@@ -112,7 +112,7 @@ require_network_administration() {
   fi
 }
 
-# The same for the namespace that we are in; changes nothing in it.
+# The same for the current namespace; changes nothing in it.
 require_network_administration_here() {
   command -v nft >/dev/null || fail "the program nft is missing: install the package nftables"
   if ! nft list tables >/dev/null 2>&1; then

@@ -6,7 +6,7 @@ import time
 
 # Far longer than anything here takes, even on a busy machine.
 GENEROUS_SECONDS = 30
-# For a file gives no signal when it grows.
+# A file gives no signal when it grows.
 POLL_SECONDS = 0.02
 
 
@@ -74,7 +74,7 @@ class FileLines:
         find = first_match(matches, mark)
         deadline = time.monotonic() + seconds
         while True:
-            # Asked before the lines are read: what it wrote last counts.
+            # Checked before the lines are read, so that its last words count.
             is_last = self._has_ended() or time.monotonic() > deadline
             line = find(self.since())
             if line is not None or is_last:

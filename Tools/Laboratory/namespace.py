@@ -62,7 +62,7 @@ def _make():
     outside = os.stat("/proc/thread-self/ns/net").st_ino
     _check(_libc.unshare(CLONE_NEWNET), "no network namespace can be made")
     descriptor = _open_current()
-    # What is done here later, ending processes above all, is meant for a new one only.
+    # Later steps, above all ending processes, must only affect a new one.
     if os.fstat(descriptor).st_ino == outside:
         raise Problem("the network namespace is not a new one")
     for part in ("all", "default"):
@@ -77,7 +77,7 @@ def _enable_ipv6(part):
         if setting.read_text().strip() != "0":
             setting.write_text("0\n")
     except OSError:
-        # Read-only in some containers, where IPv6 then is as it is.
+        # Read-only in some containers, which then keep their IPv6 setting.
         pass
 
 
@@ -85,8 +85,8 @@ class Namespace:
     """A new network namespace with a loopback interface.
 
     A thread is inside for the length of a with statement. The sockets that it makes there and the
-    processes that it starts there stay inside, even after the thread leaves. Other threads are
-    not concerned.
+    processes that it starts there stay inside, even after the thread leaves. Other threads are not
+    affected.
     """
 
     def __init__(self):

@@ -1,7 +1,7 @@
 """Starts the programs of the system and waits until they are ready.
 
 Each function takes the folder of the programs, further options of the program, and what Program
-takes. start replaces Program where the caller keeps account of what it starts.
+takes. start replaces Program where the caller tracks what it starts.
 """
 
 import os

@@ -15,7 +15,7 @@ from stage import EXEMPT_IDENTIFIER, Stage
 
 PYTHON = os.path.realpath("/usr/bin/python3")
 
-# For a line to reach us that was written before the application had its answer.
+# The time in which a line arrives that was written before the application had its answer.
 WRITTEN_SECONDS = 10
 
 # An application in Python: fetches a page and says which of its own ports it used.
@@ -28,7 +28,7 @@ print(connection.getresponse().read().decode().strip())
 print("local port", port)
 """
 
-# Another: sends one datagram and says what became of it.
+# Another one: sends one datagram and prints its fate.
 DATAGRAM = """
 import socket, sys, time
 with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
@@ -189,7 +189,7 @@ class Demonstration:
         """Runs an application and finds out which way its request went.
 
         There are three witnesses: the log of the local proxy, the port from which the origin saw
-        the connection come (the application's own, unless somebody else made it), and the events.
+        the connection come (the application's own, unless another program made it), and the events.
         """
         events_mark = self.monitor.output.mark()
         tunnels_mark = self.sidecar.output.mark()

@@ -21,7 +21,7 @@ from stage import ENDING_SIGNALS
 
 PROXY = ("127.0.0.1", 8080)
 PROXY_ANSWER_SECONDS = 5
-# A tunnel, or what a proxy says that does not want this one or cannot reach it.
+# A tunnel, or the answer of a proxy that refuses this one or cannot reach it.
 PROXY_ANSWER = re.compile(r"HTTP/1\.[01] (2\d\d|403|407|429|50[0234])\b")
 # Before the address, as ostravel-monitor says it.
 PAGE_IS = "the live page is"
@@ -49,7 +49,7 @@ def tables():
 
 
 class Listener(NamedTuple):
-    """Who listens where the local proxy is expected."""
+    """The program that listens where the local proxy is expected."""
 
     description: str
     # Those of its users who are neither root nor system users, in the words of --proxy-user.
@@ -98,7 +98,7 @@ def listener_on_proxy_port():
     try:
         users.add(os.stat(f"/proc/{pid}").st_uid)
     except OSError:
-        # It has just ended; the extension will see who comes next.
+        # It has just ended; the extension will test its successor.
         pass
     return Listener(f"{name} (process {pid})", ordinary_user_names(users))
 

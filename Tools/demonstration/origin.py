@@ -30,7 +30,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
 class Server(http.server.ThreadingHTTPServer):
     address_family = socket.AF_INET6
-    # Nobody waits for a thread whose client is still there.
+    # Do not wait for threads whose clients are still connected.
     daemon_threads = True
     block_on_close = False
     request_queue_size = 128
@@ -57,7 +57,7 @@ class Server(http.server.ThreadingHTTPServer):
     def shutdown_request(self, request):
         if self.context:
             try:
-                # Says that the end is the end (RFC 8446, section 6.1).
+                # Announces the end of the stream (RFC 8446, section 6.1).
                 request.unwrap()
             except (OSError, ValueError):
                 pass

@@ -1,4 +1,4 @@
-"""What a person sees: text within the width of the terminal, in colour only on a terminal."""
+"""The output for a person: text within the width of the terminal, in colour only on a terminal."""
 
 import os
 import re
@@ -57,7 +57,7 @@ class Screen:
             try:
                 print(text, file=self.stream, flush=True)
             except OSError:
-                # Whatever is written from now on, also by the interpreter at its end, is nothing.
+                # Discards whatever is written from now on, even by the interpreter at its end.
                 nothing = os.open(os.devnull, os.O_WRONLY)
                 os.dup2(nothing, self.stream.fileno())
                 os.close(nothing)
@@ -82,7 +82,7 @@ class Screen:
         moment = event.time.partition(".")[0] if is_short else event.time
         application = "" if event.application == "-" else event.application + "  "
         what = f"{event.what:<18}  "
-        # Without the dash of a destination that there is not.
+        # Without the dash that stands for a missing destination.
         text = application + re.sub("^- +|^-$", "", event.detail)
         text = re.sub("   +", "  ", text)
         if is_short:

@@ -1,7 +1,7 @@
 """Where the demonstration takes place: a private network, a private /etc, and origin servers.
 
-Nothing of it is visible outside, but for an empty folder that serves as a mount point and is
-removed at the end; the kernel takes everything else away together with the namespaces.
+Nothing of it is visible outside, except for an empty folder that serves as a mount point and is
+removed at the end; the kernel removes everything else together with the namespaces.
 """
 
 import json
@@ -21,7 +21,7 @@ from Laboratory.program import Program, run
 # One that the built-in list leaves alone.
 EXEMPT_IDENTIFIER = "com.mullvad.vpn"
 
-# A person who ends us, or whose terminal goes away.
+# The user interrupts the job, or closes its terminal.
 ENDING_SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 
