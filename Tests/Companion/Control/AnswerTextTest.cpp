@@ -72,7 +72,7 @@ TEST(AnswerTextTest, SaysWhyThereAreNoNames) {
             std::string::npos);
 }
 
-TEST(AnswerTextTest, ManagesWithoutAnyMember) {
+TEST(AnswerTextTest, WorksWithoutAnyMember) {
   EXPECT_FALSE(statusText(parsed("{}").get()).empty());
   EXPECT_FALSE(flowText(parsed("{}").get()).empty());
   EXPECT_FALSE(explanationText(parsed("{}").get()).empty());
@@ -125,7 +125,7 @@ TEST(AnswerTextTest, ExplainsRuleByRule) {
             "direct (gate_closed)\n");
 }
 
-TEST(AnswerTextTest, WritesQuantitiesForPeople) {
+TEST(AnswerTextTest, WritesReadableQuantities) {
   EXPECT_EQ(bytesText(0), "0 B");
   EXPECT_EQ(bytesText(1023), "1023 B");
   EXPECT_EQ(bytesText(1536), "1.5 KiB");

@@ -44,7 +44,7 @@ TEST_F(TopHistoryTest, TakesRatesFromTwoAnswers) {
   EXPECT_TRUE(history_.isProxying());
 }
 
-TEST_F(TopHistoryTest, BeginsAgainWithAnotherProcess) {
+TEST_F(TopHistoryTest, StartsOverWithAnotherProcess) {
   add(statusAt(100, 5000, 10, 5000));
   add(statusAt(101, 10, 0, 0));
   EXPECT_EQ(history_.samples().back().bytesPerSecond, 0);

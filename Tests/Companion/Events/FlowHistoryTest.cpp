@@ -28,7 +28,7 @@ TEST(FlowHistory, RemembersAFlowByItsIdentifier) {
   EXPECT_EQ(flows.find("three"), nullptr);
 }
 
-TEST(FlowHistory, KnowsNoFlowOfAnEventOfTheProvider) {
+TEST(FlowHistory, AnEventOfTheProviderBelongsToNoFlow) {
   FlowHistory flows;
   EXPECT_EQ(flows.apply(proxyEvent("proxy_unreachable", 0.0)), nullptr);
 }
@@ -39,7 +39,7 @@ struct Course {
   std::string reason;
 };
 
-TEST(FlowHistory, TellsWhatCameOfAFlow) {
+TEST(FlowHistory, ReportsTheOutcomeOfAFlow) {
   ReceivedEvent backlog =
       flowEvent("f", "connect_handshake_rejected", 0.0, {{"pending_handshakes", "48"}}, "error");
   backlog.code = "extension.connect_handshake_backlog_exceeded";
@@ -111,12 +111,12 @@ TEST(FlowHistory, ForgetsTheFlowThatChangedLongestAgo) {
   }
   EXPECT_EQ(flows.find("d"), nullptr);
   EXPECT_NE(flows.find("e"), nullptr);
-  // A flow that lives is not displaced by those that have ended.
+  // A flow that is still open is not displaced by those that have ended.
   EXPECT_NE(flows.find("b"), nullptr);
   EXPECT_EQ(flows.liveCount(), 2U);
 }
 
-TEST(FlowHistory, ListsWhatHasChangedSinceARevision) {
+TEST(FlowHistory, ListsChangesSinceARevision) {
   FlowHistory flows;
   flows.apply(started("a"));
   flows.apply(started("b"));

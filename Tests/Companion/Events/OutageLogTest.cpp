@@ -103,7 +103,7 @@ TEST_F(OutageLogTest, CallsAProxyThatHangsAndThenEndsBoth) {
   EXPECT_EQ(outageKind(last()), "hung, then unreachable");
 }
 
-TEST_F(OutageLogTest, CountsTunnelsThatItCost) {
+TEST_F(OutageLogTest, CountsTunnelsThatItEnded) {
   apply(started("open", 0.0));
   apply(succeeded("open", 1.0));
   outages_.setReachable("", false, kNoon + 2.0);
@@ -114,7 +114,7 @@ TEST_F(OutageLogTest, CountsTunnelsThatItCost) {
             "tunnel ended with an error.");
 }
 
-TEST_F(OutageLogTest, TakesNeitherRefusalsNorResetsForAnOutage) {
+TEST_F(OutageLogTest, RefusalsAndResetsAreNotAnOutage) {
   apply(started("a", 0.0));
   apply(refused("a", 1.0));
   apply(started("b", 0.0));
@@ -123,7 +123,7 @@ TEST_F(OutageLogTest, TakesNeitherRefusalsNorResetsForAnOutage) {
   EXPECT_TRUE(outages_.outages().empty());
 }
 
-TEST_F(OutageLogTest, NamesAProxyThatAnswersNonsenseFaulty) {
+TEST_F(OutageLogTest, CallsAProxyThatAnswersNonsenseFaulty) {
   apply(started("a", 0.0));
   apply(flowEvent("a", "connect_handshake_invalid", 1.0, {{"reason", "x"}}, "error"));
   EXPECT_EQ(outageKind(last()), "faulty");
@@ -154,7 +154,7 @@ TEST_F(OutageLogTest, CountsTunnelsThatEndedBeforeTheProbe) {
   EXPECT_EQ(outages_.totalLost(), 1U);
 }
 
-TEST_F(OutageLogTest, CountsWhatWentDirectAtOnce) {
+TEST_F(OutageLogTest, CountsFlowsThatWentDirectAtOnce) {
   outages_.countDirect(5);
   timeOut("a", 0.0, "curl");
   outages_.countDirect(2);

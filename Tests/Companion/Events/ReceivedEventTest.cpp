@@ -22,7 +22,7 @@ std::string problemOf(const std::string& body) {
   return std::get<std::string>(parseReceivedEvent(body));
 }
 
-TEST(ReceivedEventTest, TakesWhatIsShown) {
+TEST(ReceivedEventTest, ReadsTheFieldsThatAreShown) {
   const ReceivedEvent event = accepted(kEvent);
   EXPECT_DOUBLE_EQ(event.timestamp, 1763271815.123);
   EXPECT_EQ(event.level, "info");
@@ -37,7 +37,7 @@ TEST(ReceivedEventTest, ShowsTheRestOfTheContextAsDetails) {
   EXPECT_EQ(accepted(kTunnelClosed).details, (Details{{"detail", "Connection reset by peer"}}));
 }
 
-TEST(ReceivedEventTest, TakesANulInsideAString) {
+TEST(ReceivedEventTest, AcceptsANulInsideAString) {
   const ReceivedEvent event =
       accepted(replaced(kTunnelClosed, "Connection reset", R"(Connection\u0000reset)"));
   const std::string detail("Connection\0reset by peer", 24);
@@ -61,7 +61,7 @@ TEST(ReceivedEventTest, NeedsNoOptionalKey) {
   EXPECT_TRUE(accepted(kProviderStarted).details.empty());
 }
 
-TEST(ReceivedEventTest, TakesAWholeNumberForATime) {
+TEST(ReceivedEventTest, AcceptsAWholeNumberAsATime) {
   EXPECT_DOUBLE_EQ(accepted(replaced(kEvent, "1763271815.123", "17")).timestamp, 17);
 }
 

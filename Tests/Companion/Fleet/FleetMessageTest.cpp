@@ -36,7 +36,7 @@ TEST(FleetMessageTest, HasASubjectWithHostAndBoot) {
   EXPECT_TRUE(isFleetSubject("ostravel.events.a_example_org.boot-1", message));
 }
 
-TEST(FleetMessageTest, DoesNotBelieveAForeignHost) {
+TEST(FleetMessageTest, RejectsASubjectOfAnotherHost) {
   EXPECT_FALSE(isFleetSubject("ostravel.events.host-2.boot-1", messageNumber(1)));
   FleetMessage forged = messageNumber(1);
   forged.host = "host-1\x1b[2J";

@@ -74,7 +74,7 @@ TEST_F(FleetPublisherTest, StoresEachMessageOnce) {
   publish(1, kCount);
   FleetReceiver receiver(server_.url());
   receiver.waitFor(kCount);
-  // On a busy machine some are sent again, behind later ones.
+  // On a busy machine some are sent again, after later ones.
   std::map<std::string, FleetMessage> received;
   for (const FleetMessage& message : receiver.messages()) {
     received.emplace(message.id, message);
@@ -99,7 +99,7 @@ TEST_F(FleetPublisherTest, KeepsMessagesWhileThereIsNoServer) {
   expectStored(100);
 }
 
-TEST_F(FleetPublisherTest, SendsInTheNextRunWhatWaited) {
+TEST_F(FleetPublisherTest, SendsWaitingMessagesInTheNextRun) {
   server_.choosePort();
   startPublisher();
   publish(1, 100);
@@ -125,7 +125,7 @@ TEST_F(FleetPublisherTest, LosesNothingWhenTheServerIsKilledUnderLoad) {
         }
       }
     });
-    // In the middle: some are stored, some are under way.
+    // In the middle: some are stored, some are in flight.
     FleetReceiver(server_.url()).waitFor(static_cast<std::size_t>(round * kInRound + 500));
     server_.kill();
     load.join();
@@ -139,7 +139,7 @@ TEST_F(FleetPublisherTest, LosesNothingWhenTheServerIsKilledUnderLoad) {
   EXPECT_EQ(publisher_->counts().dropped, 0U);
 }
 
-TEST_F(FleetPublisherTest, SendsAgainWhatAHungServerDoesNotAcknowledge) {
+TEST_F(FleetPublisherTest, ResendsWhatAHungServerDoesNotAcknowledge) {
   server_.start();
   startPublisher();
   publish(1, 10);
@@ -154,11 +154,11 @@ TEST_F(FleetPublisherTest, SendsAgainWhatAHungServerDoesNotAcknowledge) {
   expectStored(3000);
 }
 
-TEST_F(FleetPublisherTest, DropsAndCountsWhatTheServerNeverTakes) {
+TEST_F(FleetPublisherTest, DropsAndCountsWhatTheServerNeverAccepts) {
   server_.start();
   startPublisher();
   FleetMessage large = messageNumber(1);
-  // More than the server takes in one message.
+  // More than the server accepts in one message.
   large.json = std::string(std::size_t{1100} * 1024, 'x');
   publisher_->publish(large);
   publisher_->publish(messageNumber(2));

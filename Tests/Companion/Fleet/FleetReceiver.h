@@ -23,7 +23,7 @@ class ReportList {
     changed_.notify_all();
   }
 
-  // Waits for one that begins with the text; the test's time limit ends it.
+  // Waits for a line that begins with the text, up to the test's time limit.
   void waitFor(const std::string& text) {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this, &text] {

@@ -18,13 +18,13 @@ std::string problemOf(const FleetServer& server) {
   return "";
 }
 
-TEST(FleetServerTest, TakesAnAddress) {
+TEST(FleetServerTest, AcceptsAnAddress) {
   EXPECT_EQ(problemOf({.url = "nats://127.0.0.1:4222"}), "");
   EXPECT_EQ(problemOf({.url = "nats://events.example"}), "");
   EXPECT_EQ(problemOf({.url = "tls://events.example:4222"}), "");
 }
 
-TEST(FleetServerTest, RefusesWhatIsNoAddress) {
+TEST(FleetServerTest, RefusesAnythingButAnAddress) {
   for (const char* url : {"", "events.example", "http://events.example", "nats://"}) {
     EXPECT_NE(problemOf({.url = url}), "") << url;
   }

@@ -23,7 +23,7 @@ class FleetSubscriberTest : public ::testing::Test {
         .server = {.url = server_.url()}, .folder = folder_.path("spool"), .limits = limits});
   }
 
-  // What anybody could send who may use the server.
+  // Messages that any user of the server could send.
   void sendForged(const std::string& subject, const std::string& host) const {
     natsConnection* connection = nullptr;
     ASSERT_EQ(natsConnection_ConnectTo(&connection, server_.url().c_str()), NATS_OK);
@@ -42,7 +42,7 @@ class FleetSubscriberTest : public ::testing::Test {
   const testing::TemporaryFolder folder_;
 };
 
-TEST_F(FleetSubscriberTest, ShowsWhatComesFromNowOn) {
+TEST_F(FleetSubscriberTest, ShowsEventsFromNowOn) {
   const std::unique_ptr<FleetPublisher> machine = publisher();
   machine->publish(messageNumber(1));
   FleetReceiver(server_.url()).waitFor(1);
@@ -53,7 +53,7 @@ TEST_F(FleetSubscriberTest, ShowsWhatComesFromNowOn) {
   EXPECT_EQ(receiver.messages().front(), messageNumber(2));
 }
 
-TEST_F(FleetSubscriberTest, GoesOnWhereItWasWhenTheServerIsBack) {
+TEST_F(FleetSubscriberTest, ContinuesWhereItWasWhenTheServerIsBack) {
   FleetReceiver receiver(server_.url(), false);
   receiver.reports.waitFor("connected");
   const std::unique_ptr<FleetPublisher> machine = publisher();
@@ -85,7 +85,7 @@ TEST_F(FleetSubscriberTest, ShowsAllMachines) {
   EXPECT_EQ(receiver.messages()[1].host, "host-2.example.org");
 }
 
-TEST_F(FleetSubscriberTest, ReportsWhatAMachineHadToDrop) {
+TEST_F(FleetSubscriberTest, ReportsWhatAMachineDropped) {
   const Spool::Limits limits{.folder = 500, .segment = 150, .memory = 0};
   FleetReceiver receiver(server_.url());
   server_.kill();
@@ -108,14 +108,14 @@ TEST_F(FleetSubscriberTest, ReportsWhatAMachineHadToDrop) {
     receiver.waitFor(101 - dropped);
   }
   receiver.reports.waitFor("host-1 dropped " + std::to_string(dropped) + " events");
-  // One that comes later learns of it with its first message.
+  // A later subscriber learns of it with its first message.
   FleetReceiver later(server_.url(), false);
   later.reports.waitFor("connected");
   publisher(limits)->publish(messageNumber(102));
   later.reports.waitFor("host-1 had dropped " + std::to_string(dropped) + " events before");
 }
 
-TEST_F(FleetSubscriberTest, IgnoresAMessageOfAMachineThatIsAnother) {
+TEST_F(FleetSubscriberTest, IgnoresAMessageThatNamesAnotherMachine) {
   FleetReceiver receiver(server_.url());
   receiver.reports.waitFor("connected");
   sendForged("ostravel.events.host-2.boot-1", "host-1");
@@ -125,7 +125,7 @@ TEST_F(FleetSubscriberTest, IgnoresAMessageOfAMachineThatIsAnother) {
   EXPECT_EQ(receiver.messages().front().host, "host-2");
 }
 
-TEST_F(FleetSubscriberTest, ReportsAServerThatIsNotThere) {
+TEST_F(FleetSubscriberTest, ReportsAMissingServer) {
   server_.kill();
   FleetReceiver receiver(server_.url());
   receiver.reports.waitFor("cannot reach " + server_.url());

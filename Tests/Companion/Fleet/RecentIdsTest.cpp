@@ -5,7 +5,7 @@
 namespace ostravel::companion::test {
 namespace {
 
-TEST(RecentIdsTest, NoticesWhatComesTwice) {
+TEST(RecentIdsTest, NoticesRepeatedIds) {
   RecentIds ids(10);
   EXPECT_TRUE(ids.add("a"));
   EXPECT_TRUE(ids.add("b"));

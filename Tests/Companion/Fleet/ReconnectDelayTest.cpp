@@ -22,12 +22,12 @@ TEST(ReconnectDelayTest, IsAnywhereBelowTheLimit) {
   EXPECT_EQ(reconnectDelay(7, 0.0), kShortestReconnectDelay);
 }
 
-TEST(ReconnectDelayTest, SurvivesNumbersThatMakeNoSense) {
+TEST(ReconnectDelayTest, AcceptsNonsensicalNumbers) {
   EXPECT_EQ(reconnectDelay(0, 1.0), 1s);
   EXPECT_EQ(reconnectDelay(-5, -1.0), kShortestReconnectDelay);
 }
 
-TEST(ReconnectDelayTest, DiffersFromOneTimeToTheNext) {
+TEST(ReconnectDelayTest, DiffersFromOneCallToTheNext) {
   bool differs = false;
   for (int round = 0; round < 100; ++round) {
     differs = differs || randomReconnectDelay(7) != randomReconnectDelay(7);

@@ -50,7 +50,7 @@ TEST_F(SpoolSegmentTest, CutsOffARecordTornAtAnyByte) {
     EXPECT_EQ(segment.records(), 2U);
     EXPECT_EQ(segment.end(), 7U);
     EXPECT_EQ(std::filesystem::file_size(path_), whole - lastRecord);
-    // What a file system leaves after a power failure.
+    // As a file system may leave it after a power failure.
     std::filesystem::resize_file(path_, whole);
     EXPECT_EQ(SpoolSegment::open(path_).records(), 2U);
     std::filesystem::remove(path_);
@@ -76,7 +76,7 @@ TEST_F(SpoolSegmentTest, NoticesEveryChangedByte) {
   }
 }
 
-TEST_F(SpoolSegmentTest, GoesOnAfterATornRecord) {
+TEST_F(SpoolSegmentTest, ContinuesAfterATornRecord) {
   writeThreeRecords();
   std::filesystem::resize_file(path_, std::filesystem::file_size(path_) - 1);
   SpoolSegment segment = SpoolSegment::open(path_);
@@ -92,7 +92,7 @@ TEST_F(SpoolSegmentTest, RefusesRecordsOfImpossibleSize) {
   EXPECT_EQ(segment.records(), 1U);
 }
 
-TEST_F(SpoolSegmentTest, IsNotMadeOverAnotherFile) {
+TEST_F(SpoolSegmentTest, IsNotCreatedOverAnotherFile) {
   writeThreeRecords();
   EXPECT_THROW(SpoolSegment::create(path_), std::system_error);
   std::filesystem::create_symlink(path_, folder_.path("link"));

@@ -17,7 +17,7 @@
 namespace ostravel::companion::test {
 namespace {
 
-// Of a record with a number of one digit.
+// Of a record whose number has one digit.
 const std::size_t kRecordSize = SpoolSegment::kRecordHeader + encodeRecord(messageNumber(1)).size();
 const Spool::Limits kNoMemory{.folder = 10 * kRecordSize, .segment = 3 * kRecordSize, .memory = 0};
 
@@ -82,7 +82,7 @@ TEST_F(SpoolTest, ReturnsMessagesInOrder) {
   EXPECT_EQ(spool_->waiting(), 101U);
 }
 
-TEST_F(SpoolTest, KeepsWhatIsNotAcknowledgedForTheNextStart) {
+TEST_F(SpoolTest, KeepsUnacknowledgedMessagesForTheNextStart) {
   open();
   append(1, 10);
   expectNext(1, 7);
@@ -92,13 +92,13 @@ TEST_F(SpoolTest, KeepsWhatIsNotAcknowledgedForTheNextStart) {
   spool_->saveState();
   open();
   EXPECT_EQ(spool_->waiting(), 7U);
-  // The fifth is sent again: only what lies before all others is known to be there.
+  // The fifth is sent again: the state only says up to where everything is acknowledged.
   expectNext(4, 10);
   expectEnd();
   EXPECT_EQ(spool_->dropped(), 0U);
 }
 
-TEST_F(SpoolTest, GoesOnWithItsNumbers) {
+TEST_F(SpoolTest, ContinuesItsNumbers) {
   open();
   append(1, 3);
   expectNext(1, 3);
@@ -143,7 +143,7 @@ TEST_F(SpoolTest, CountsExactlyWhatItHasNoRoomFor) {
   EXPECT_EQ(spool_->dropped(), static_cast<std::uint64_t>(dropped));
 }
 
-TEST_F(SpoolTest, RemembersOverAStartWhatWasDropped) {
+TEST_F(SpoolTest, RemembersDroppedMessagesAcrossAStart) {
   open(kNoMemory);
   const int dropped = append(1, 20);
   spool_->saveState();
@@ -158,7 +158,7 @@ TEST_F(SpoolTest, RemembersOverAStartWhatWasDropped) {
   EXPECT_EQ(last_->droppedBefore, static_cast<std::uint64_t>(dropped));
 }
 
-TEST_F(SpoolTest, CountsWhatWasDroppedBeforeItCame) {
+TEST_F(SpoolTest, CountsMessagesDroppedBeforeTheyReachIt) {
   open();
   append(1, 1);
   spool_->countDropped(5);
@@ -170,7 +170,7 @@ TEST_F(SpoolTest, CountsWhatWasDroppedBeforeItCame) {
   EXPECT_EQ(last_->droppedBefore, 5U);
 }
 
-TEST_F(SpoolTest, CountsWhatTheServerNeverTakes) {
+TEST_F(SpoolTest, CountsWhatTheServerNeverAccepts) {
   open();
   append(1, 3);
   expectNext(1, 3);
@@ -202,7 +202,7 @@ class FullDisk {
   rlimit before_{};
 };
 
-TEST_F(SpoolTest, GoesOnInMemoryWhileTheDiskIsFull) {
+TEST_F(SpoolTest, ContinuesInMemoryWhileTheDiskIsFull) {
   open();
   append(1, 3);
   {
@@ -290,7 +290,7 @@ TEST_F(SpoolTest, CountsWhatADamagedRecordCosts) {
   EXPECT_EQ(ids.size() + spool_->dropped(), 9U);
 }
 
-TEST_F(SpoolTest, SendsAllAgainWhenItsStateIsDamaged) {
+TEST_F(SpoolTest, ResendsEverythingWhenItsStateIsDamaged) {
   open();
   append(1, 5);
   expectNext(1, 2);
@@ -318,7 +318,7 @@ TEST_F(SpoolTest, RefusesAFolderThatIsNotSafe) {
   EXPECT_THROW(open(), std::runtime_error);
 }
 
-TEST_F(SpoolTest, SurvivesTheDiskWhenItIsSynced) {
+TEST_F(SpoolTest, KeepsItsMessagesOnceSynced) {
   open();
   append(1, 3);
   spool_->sync();

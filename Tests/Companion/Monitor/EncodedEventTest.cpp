@@ -19,7 +19,7 @@ class FixedUUID final : public platform::UUIDSource {
   std::string randomUUID() override { return "7A1C8E62-6C8B-4E86-A5B7-0F2D6C6B9E90"; }
 };
 
-// What the extension's own encoder makes of an event, received.
+// An event as the extension's own encoder writes it, received.
 ReceivedEvent received(std::string detail) {
   FixedUUID uuids;
   const ProxyTunnelMonitoringEvent event(
@@ -37,7 +37,7 @@ std::string detailOf(const ReceivedEvent& event) {
   return event.details.size() == 1 ? event.details[0].second : "not one";
 }
 
-TEST(EncodedEventTest, IsTheSampleOfTheOtherTests) {
+TEST(EncodedEventTest, EqualsTheSampleOfTheOtherTests) {
   const ReceivedEvent event = received("Connection reset by peer");
   const ReceivedEvent sample = std::get<ReceivedEvent>(parseReceivedEvent(test::kTunnelClosed));
   EXPECT_EQ(event.signal, sample.signal);
@@ -48,7 +48,7 @@ TEST(EncodedEventTest, IsTheSampleOfTheOtherTests) {
   EXPECT_EQ(event.timestamp, sample.timestamp);
 }
 
-TEST(EncodedEventTest, SamplesAreOfKindsThatTheExtensionSends) {
+TEST(EncodedEventTest, SamplesAreEventsThatTheExtensionSends) {
   const auto expectKind = [](const std::string& sample, const MonitoringEventKind& kind) {
     const ReceivedEvent event = std::get<ReceivedEvent>(parseReceivedEvent(sample));
     EXPECT_EQ(event.signal, kind.signal);

@@ -88,7 +88,7 @@ TEST_F(EventLineTest, RepeatsARefusalInsteadOfItsEndOfStream) {
             "198.51.100.10:443");
 }
 
-TEST_F(EventLineTest, SaysWhatCameOfAFlow) {
+TEST_F(EventLineTest, ReportsTheOutcomeOfAFlow) {
   const auto after = [this](const std::string& level, const std::string& signal, double seconds,
                             Details details) {
     flows_ = FlowHistory();

@@ -75,12 +75,12 @@ TEST(EventPrinter, SumsUpTheFlowsThatItShows) {
             "example.org:443");
 }
 
-TEST(EventPrinter, SumsUpNothing) {
+TEST(EventPrinter, SumsUpWithoutAnyFlow) {
   EventPrinter printer({}, [](std::string_view) {});
   EXPECT_EQ(printer.summary().text(), "0 flows, none failed");
 }
 
-TEST(EventPrinter, SaysWhenTheProxyHungAndWhomItHit) {
+TEST(EventPrinter, ReportsWhenTheProxyHungAndWhatItHit) {
   std::vector<std::string> lines;
   EventPrinter printer({.filter = {.onlyFailures = true},
                         .style = [] { return EventLineStyle{.time = TimeStyle::utc}; }},
@@ -131,7 +131,7 @@ TEST(EventPrinter, AddsNothingToJSON) {
   EXPECT_EQ(printer.outages().size(), 1U);
 }
 
-TEST(EventPrinter, WritesLinesForPeople) {
+TEST(EventPrinter, WritesReadableLines) {
   std::string line;
   EventPrinter printer({.style = [] { return EventLineStyle{.time = TimeStyle::utc}; }},
                        [&line](std::string_view text) { line = text; });

@@ -73,7 +73,7 @@ TEST_F(EventReceiverTest, DropsAndReportsAConnectionThatStalls) {
   EXPECT_NE(sender.waitForEnd(), TestSocket::End::reset);
 }
 
-TEST_F(EventReceiverTest, ShowsAnEventWhoseSenderDoesNotEnd) {
+TEST_F(EventReceiverTest, ShowsAnEventWhoseSenderStaysConnected) {
   start();
   const TestSocket sender = connect();
   sender.send(frame(kEvent));
@@ -100,7 +100,7 @@ TEST_F(EventReceiverTest, IsNotHeldUpByASlowSender) {
   EXPECT_EQ(waitForReport(1), "event connect_handshake_succeeded");
 }
 
-TEST_F(EventReceiverTest, TakesManyConnectionsAtOnce) {
+TEST_F(EventReceiverTest, ServesManyConnectionsAtOnce) {
   start();
   std::vector<TestSocket> senders;
   for (int index = 0; index < 200; ++index) {

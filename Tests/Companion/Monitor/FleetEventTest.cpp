@@ -11,7 +11,7 @@ ReceivedEvent received(const std::string& body) {
   return std::get<ReceivedEvent>(parseReceivedEvent(body));
 }
 
-TEST(FleetEventTest, ComesBackWithItsMachine) {
+TEST(FleetEventTest, IsReadBackWithItsMachine) {
   const ReceivedEvent event = received(kTunnelClosed);
   const FleetMessage message = fleetMessage(event, "host-1.example", "boot-1");
   EXPECT_EQ(message.id, "5B0F0C2C-3B58-4B0B-8E1D-9D2A9B3C7A11");
@@ -27,7 +27,7 @@ TEST(FleetEventTest, HasAPlainIdWhateverTheEventSays) {
             "x__Nats-Rollup__all-6F1C-4E64-9C9A-0A1B2C3D4E5F");
 }
 
-TEST(FleetEventTest, RefusesWhatIsNoEvent) {
+TEST(FleetEventTest, RefusesAnythingButAnEvent) {
   const FleetMessage message{.host = "host", .bootId = "boot", .id = "id", .json = "[]"};
   EXPECT_EQ(std::get<std::string>(fleetEvent(message)), "not a JSON object");
 }

@@ -190,7 +190,7 @@ TEST_F(MonitorProgramTest, RefusesAPathThatIsTooLong) {
   EXPECT_TRUE(monitor.readError().ends_with("the path is 104 bytes long, more than 103\n"));
 }
 
-TEST_F(MonitorProgramTest, EndsCleanlyWhenNobodyReadsIt) {
+TEST_F(MonitorProgramTest, EndsCleanlyWithoutAReader) {
   ChildProcess monitor(command(), options());
   waitUntilReady(monitor);
   monitor.closeOutput();
@@ -215,7 +215,7 @@ TEST_F(MonitorProgramTest, EndsOnASignalWhileItsReaderIsSlow) {
 TEST_F(MonitorProgramTest, ReceivesEventsWhileItsReaderHasStalled) {
   ChildProcess monitor(command({"--json"}), options());
   waitUntilReady(monitor);
-  // More than it holds, and it still takes each of them at once.
+  // More than it holds, and it still accepts each of them at once.
   constexpr int kEvents = 20;
   const std::string large =
       frame(replaced(kEvent, "CONNECT handshake completed", std::string(1'000'000, 'x')));
@@ -281,7 +281,7 @@ TEST_F(MonitorProgramTest, ReportsOutputThatCannotBeWritten) {
   ::close(full);
 }
 
-TEST_F(MonitorProgramTest, ShowsOnlyWhatIsAskedFor) {
+TEST_F(MonitorProgramTest, ShowsOnlyRequestedEvents) {
   ChildProcess monitor(command({"--failed", "--application", "CURL", "--time", "utc"}), options());
   waitUntilReady(monitor);
   send(frame(kEvent));
@@ -325,8 +325,8 @@ TEST_F(MonitorProgramTest, ServesALivePage) {
   EXPECT_EQ(monitor.waitForExit(), 0);
 }
 
-TEST_F(MonitorProgramTest, ServesItsPageOnASocketThatItIsGiven) {
-  // Not closed when the shell is started, which closes its own copy of it.
+TEST_F(MonitorProgramTest, ServesItsPageOnAnInheritedSocket) {
+  // Inherited by the shell, which closes its own copy.
   const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -365,7 +365,7 @@ TEST_F(MonitorProgramTest, ServesItsPageOnASocketThatItIsGiven) {
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-TEST_F(MonitorProgramTest, RefusesAPageThatCannotBe) {
+TEST_F(MonitorProgramTest, RefusesAPageThatItCannotServe) {
   const std::string token = folder_.path("token");
   std::ofstream(token) << "short\n";
   for (const std::vector<std::string>& arguments :
@@ -419,7 +419,7 @@ TEST_F(TerminalTest, FitsItsLinesIntoTheTerminal) {
   EXPECT_EQ(lineOnTerminal("NO_COLOR=1"), "05:43:35 info  D7A6D6B1 connected 1.25 …\r\n");
 }
 
-TEST_F(TerminalTest, ShowsNoColourWhenItIsTurnedOff) {
+TEST_F(TerminalTest, ShowsNoColourWhenDisabled) {
   EXPECT_EQ(lineOnTerminal("NO_COLOR=1").find('\x1b'), std::string::npos);
 }
 
@@ -432,7 +432,7 @@ TEST_F(MonitorProgramTest, PrintsItsVersionAndHelp) {
   EXPECT_NE(help.readOutput().find("--socket PATH"), std::string::npos);
 }
 
-TEST_F(MonitorProgramTest, RefusesWhatItDoesNotKnow) {
+TEST_F(MonitorProgramTest, RefusesUnknownArguments) {
   for (const std::vector<std::string>& arguments : {std::vector<std::string>{},
                                                     {"--unknown"},
                                                     {"--socket"},

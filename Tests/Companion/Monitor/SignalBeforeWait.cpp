@@ -11,7 +11,7 @@ extern "C" int epoll_wait(int epoll, epoll_event* events, int count, int timeout
   using Wait = int (*)(int, epoll_event*, int, int);
   static const auto wait = reinterpret_cast<Wait>(::dlsym(RTLD_NEXT, "epoll_wait"));
   static std::atomic<bool> isSent = false;
-  // Without a time-out of zero, which only looks. To this thread, so that the signal has been
+  // A call with a time-out of zero does not wait. Raised on this thread, so that the signal is
   // handled before the wait begins.
   if (timeout != 0 && !isSent.exchange(true)) {
     ::raise(SIGTERM);

@@ -35,7 +35,7 @@ class Server {
     }
   }
 
-  // The request, once it has come.
+  // The request, once it has arrived.
   std::future<std::string> answerOne(std::string answer) {
     return std::async(std::launch::async, [this, answer = std::move(answer)] {
       testing::TestSocket client(::accept(descriptor_.get(), nullptr, nullptr));
@@ -83,30 +83,30 @@ TEST_F(ControlClientTest, ReturnsTheErrorOfTheAnswer) {
             "busy");
 }
 
-TEST_F(ControlClientTest, SaysWhenNothingListens) {
+TEST_F(ControlClientTest, ReportsAMissingListener) {
   const auto answer = client_.ask("status", soon());
   EXPECT_EQ(std::get<ControlClient::Failure>(answer).code, "not_running");
 }
 
-TEST_F(ControlClientTest, SaysWhenNobodyAnswersInTime) {
+TEST_F(ControlClientTest, ReportsATimeout) {
   const Server server(path_);
   const auto answer = client_.ask("status", std::chrono::steady_clock::now() + 20ms);
   EXPECT_EQ(std::get<ControlClient::Failure>(answer).code, "timeout");
 }
 
-TEST_F(ControlClientTest, SaysWhenTheConnectionEndsWithoutAnAnswer) {
+TEST_F(ControlClientTest, ReportsAnEndWithoutAnAnswer) {
   EXPECT_EQ(failureFor(""), "no_answer");
 }
 
-TEST_F(ControlClientTest, RefusesHalfAnAnswer) {
+TEST_F(ControlClientTest, RefusesAnIncompleteAnswer) {
   EXPECT_EQ(failureFor(R"({"version":1,"ok":true,"result":{)"), "no_answer");
 }
 
-TEST_F(ControlClientTest, RefusesWhatIsNoAnswer) {
+TEST_F(ControlClientTest, RefusesAnythingButAnAnswer) {
   EXPECT_EQ(failureFor("HTTP/1.1 400 Bad Request\n"), "bad_answer");
 }
 
-TEST_F(ControlClientTest, RefusesAPathThatNoSocketCanHave) {
+TEST_F(ControlClientTest, RefusesAPathThatIsTooLong) {
   const auto answer = ControlClient(std::string(200, 'x')).ask("status", soon());
   EXPECT_EQ(std::get<ControlClient::Failure>(answer).code, "not_running");
 }

@@ -82,7 +82,7 @@ TEST(DurationText, HasThreeDigitsAndAUnit) {
   EXPECT_EQ(durationText(12'600.0), "3.50 h");
 }
 
-TEST(DurationText, HasNoneForADifferenceThatCannotBe) {
+TEST(DurationText, HasNoNumberForAnImpossibleDifference) {
   EXPECT_EQ(durationText(-0.5), "?");
   EXPECT_EQ(durationText(std::numeric_limits<double>::infinity()), "?");
   EXPECT_EQ(durationText(std::numeric_limits<double>::quiet_NaN()), "?");

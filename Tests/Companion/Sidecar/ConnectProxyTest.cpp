@@ -38,7 +38,7 @@ std::string connectTo(const std::string& target) {
   return "CONNECT " + target + " HTTP/1.1\r\nHost: " + target + "\r\n\r\n";
 }
 
-// Bytes in which a piece that is lost, doubled or out of place shows.
+// Bytes in which a lost, duplicated or misplaced piece is noticed.
 std::string pattern(std::size_t size) {
   std::string bytes(size, '\0');
   std::uint32_t state = 1;
@@ -106,7 +106,7 @@ class ConnectProxyTest : public ::testing::Test {
     return {std::move(client), std::move(origin)};
   }
 
-  // What the proxy has not read yet of that client's bytes, see /proc/net/tcp in proc(5).
+  // How many of that client's bytes the proxy has not read yet; see /proc/net/tcp in proc(5).
   unsigned long unreadBytesFrom(std::uint16_t clientPort) const {
     std::ifstream table("/proc/thread-self/net/tcp");
     const auto loopback = [](std::uint16_t port) {
@@ -241,7 +241,7 @@ TEST_F(ConnectProxyTest, ANewTunnelDoesNotWaitForManyBusyOnes) {
   for (int tunnel = 0; tunnel < kBusyTunnels; ++tunnel) {
     busy.push_back(openTunnel(listener));
   }
-  // All of it is there before the proxy sees any of it, the new client last.
+  // Everything has arrived before the proxy sees any of it, the new client last.
   std::promise<void> everythingArrived;
   asio::post(ioContext_, [&everythingArrived] { everythingArrived.get_future().wait(); });
   for (const Ends& tunnel : busy) {
@@ -250,8 +250,8 @@ TEST_F(ConnectProxyTest, ANewTunnelDoesNotWaitForManyBusyOnes) {
   const TestSocket client = connectClient();
   client.send(connectTo(listener.target()));
   everythingArrived.set_value();
-  // Two turns: until it is accepted, and until its request is read. Without turns it is several
-  // times as much.
+  // Two turns: one to accept it, one to read its request. Without turns it would be several times
+  // as much.
   EXPECT_LE(movedBeforeLookup.get_future().get(), 2'000'000U);
   EXPECT_EQ(client.receive(kEstablished.size()), kEstablished);
 }
@@ -268,7 +268,7 @@ TEST_F(ConnectProxyTest, TakesAHeaderByteByByte) {
   EXPECT_EQ(client.receive(kEstablished.size()), kEstablished);
 }
 
-TEST_F(ConnectProxyTest, CarriesMuchBothWaysAtOnceIntact) {
+TEST_F(ConnectProxyTest, CarriesLargeTransfersBothWaysAtOnce) {
   start();
   const TestListener listener;
   const Ends tunnel = openTunnel(listener);
@@ -488,7 +488,7 @@ TEST_F(ConnectProxyTest, AnswersGatewayTimeoutWhenALookupTakesTooLong) {
   limits_.lookup = 50ms;
   start();
   EXPECT_TRUE(answerTo(connectTo("slow.example:1")).starts_with("HTTP/1.1 504 "));
-  // A result that comes after all changes nothing.
+  // A result that arrives nevertheless changes nothing.
   std::promise<void> called;
   asio::post(ioContext_, [&] {
     late({}, {{asio::ip::make_address("127.0.0.1"), 1}});
@@ -527,7 +527,7 @@ class HeldLookup : public PendingLookup {
 class ConnectProxyLookupTest : public ConnectProxyTest {
  protected:
   ConnectProxyLookupTest() {
-    // A lookup that takes too long is cancelled as well, and is not to pass for one of these.
+    // A lookup that takes too long is cancelled as well, and must not be mistaken for one of these.
     limits_.lookup = 1h;
     lookUp_ = [control = control_](const HostPort&, LookupDone done) {
       control->started.set_value(std::move(done));
@@ -663,7 +663,7 @@ TEST_F(ConnectProxyTest, AnswersRequestTimeoutWhenTheHeaderDoesNotEnd) {
 TEST_F(ConnectProxyTest, LetsAClientThatStillSendsReadItsRefusal) {
   start();
   const TestSocket client = connectClient();
-  // Far more than all buffers hold: sending it needs a proxy that still reads.
+  // Far more than all buffers hold: the client can only send it if the proxy still reads.
   const std::string body = pattern(32'000'000);
   client.send("POST /upload HTTP/1.1\r\nHost: x\r\n\r\n");
   client.send(body);
@@ -676,7 +676,7 @@ TEST_F(ConnectProxyTest, StopsWaitingForARefusedClientThatDoesNotEnd) {
   const TestSocket client = connectClient();
   client.send("GET / HTTP/1.1\r\n\r\n");
   EXPECT_TRUE(client.receiveToEnd().starts_with("HTTP/1.1 405 "));
-  // Behind a real close the next bytes are answered with a reset.
+  // After a real close, the next bytes would be answered with a reset.
   try {
     while (true) {
       client.send("more");

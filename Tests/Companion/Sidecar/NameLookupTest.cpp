@@ -116,7 +116,7 @@ TEST_F(NameLookupTest, ANameThatNoneOfFourServersAnswersDelaysNoOther) {
   for (int index = 0; index < 100; ++index) {
     pending.push_back(names.lookUp(
         {"silent.example", 80},
-        [](asio::error_code, const LookupResult&) { ADD_FAILURE() << "nobody answers this"; }));
+        [](asio::error_code, const LookupResult&) { ADD_FAILURE() << "no server answers this"; }));
   }
   servers[0].waitForQuestions(100);
   EXPECT_EQ(lookUp(names, "four.example").endpoints, LookupResult{endpoint("127.0.0.7", 80)});
@@ -144,7 +144,7 @@ TEST_F(NameLookupTest, ACompletedLookupCanBeCancelledBeforeItIsDelivered) {
   ioContext_.run();
 }
 
-TEST_F(NameLookupTest, TheCompletionMayGiveUpTheLookup) {
+TEST_F(NameLookupTest, TheCompletionMayReleaseTheLookup) {
   std::shared_ptr<PendingLookup> pending;
   bool isDone = false;
   pending = names_.lookUp({"four.example", 80}, [&](asio::error_code, const LookupResult&) {

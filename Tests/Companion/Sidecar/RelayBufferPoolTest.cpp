@@ -21,7 +21,7 @@ TEST(RelayBufferPoolTest, LendsEachBufferOnce) {
   EXPECT_NE(first, second);
 }
 
-TEST(RelayBufferPoolTest, TakesNoBufferBack) {
+TEST(RelayBufferPoolTest, AcceptsTheReturnOfNoBuffer) {
   RelayBufferPool pool;
   pool.release(nullptr);
   EXPECT_NE(pool.acquire(), nullptr);

@@ -130,7 +130,7 @@ TEST(SidecarProgramTest, EndsAtOnceWhenSignalledToEnd) {
   }
 }
 
-TEST(SidecarProgramTest, ContinuesWhenNobodyReadsItsLog) {
+TEST(SidecarProgramTest, ContinuesWithoutAReaderOfItsLog) {
   Sidecar sidecar;
   sidecar.closeOutput();
   const TestListener listener;
@@ -158,7 +158,7 @@ TEST(SidecarProgramTest, CarriesTunnelsWhileTheReaderOfItsLogHasStalled) {
   Sidecar sidecar;
   ASSERT_NO_FATAL_FAILURE(makeUnreadTunnels(sidecar));
 
-  // What was dropped is counted where it is missing.
+  // Dropped lines are counted where they are missing.
   int accounted = 0;
   constexpr std::string_view kDropped = "log lines dropped: ";
   while (accounted < kUnreadTunnels) {
@@ -237,7 +237,7 @@ TEST(SidecarProgramTest, PrintsItsVersionAndHelp) {
   EXPECT_NE(help.readOutput().find("--listen ADDRESS:PORT [127.0.0.1:8080]"), std::string::npos);
 }
 
-TEST(SidecarProgramTest, RefusesWhatItDoesNotKnow) {
+TEST(SidecarProgramTest, RefusesUnknownArguments) {
   for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--unknown"},
                                                     {"extra"},
                                                     {"--listen"},
@@ -289,8 +289,8 @@ TEST(SidecarProgramTest, CarriesAThousandTunnelsBeyondItsSoftDescriptorLimit) {
 TEST(SidecarProgramTest, WaitsWithoutSpinningWhileItHasNoDescriptors) {
   Sidecar sidecar({}, {.hardDescriptorLimit = 24});
   const TestListener listener;
-  // A sanitizer needs a descriptor of its own when it first meets a class and takes the lack of
-  // one for an error: it meets those of a refusal and of a tunnel now, while there are some.
+  // A sanitizer needs a descriptor when it first sees an object of a class, and reports an error if
+  // there is none: it sees those of a refusal and of a tunnel now, while there are some.
   const TestSocket refused = TestSocket::connectTcp(sidecar.port());
   refused.send("CONNECT 127.0.0.1:" + std::to_string(closedPort()) + " HTTP/1.1\r\n\r\n");
   EXPECT_TRUE(refused.receiveToEnd().starts_with("HTTP/1.1 502 "));

@@ -27,7 +27,7 @@ class TestNameServer {
 
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
-  // Waits until that many questions have come.
+  // Waits until that many questions have arrived.
   void waitForQuestions(int count) const;
 
  private:

@@ -15,7 +15,7 @@ class TunnelLogTest : public ::testing::Test {
   TunnelLog log(TunnelLog::Verbosity verbosity = TunnelLog::Verbosity::beginnings) {
     return TunnelLog(verbosity, [this](std::string_view line) { lines_.emplace_back(line); });
   }
-  // What follows the time of day.
+  // The part after the time of day.
   std::string onlyLine() const { return lines_.size() == 1 ? lines_[0].substr(13) : "not one"; }
 
   const tcp::endpoint origin_{asio::ip::make_address("2001:db8::7"), 443};
@@ -44,7 +44,7 @@ TEST_F(TunnelLogTest, LogsThatAClientHasLeft) {
   EXPECT_EQ(onlyLine(), "a:1 app=browser flow=- abandoned by the client");
 }
 
-TEST_F(TunnelLogTest, MakesIdentifiersHarmless) {
+TEST_F(TunnelLogTest, EscapesIdentifiers) {
   log().established({{"a", 1}, "x\x1b[2J", "y flow=z"}, tcp::endpoint());
   EXPECT_EQ(onlyLine(), "a:1 app=x\\x1b[2J flow=\"y flow=z\" established to 0.0.0.0:0");
 }

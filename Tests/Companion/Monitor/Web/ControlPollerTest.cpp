@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Plays the extension: answers as scripted, and keeps what it was asked.
+// Plays the extension: answers as scripted, and keeps the requests.
 class ControlPollerTest : public ::testing::Test {
  protected:
   ControlPoller::Ask ask() {
@@ -72,7 +72,7 @@ TEST_F(ControlPollerTest, FollowsDecisions) {
   EXPECT_NE(whole.find("Proxied."), std::string::npos);
 }
 
-TEST_F(ControlPollerTest, BeginsAnewWithAnotherExtension) {
+TEST_F(ControlPollerTest, StartsOverWithAnotherExtension) {
   play({answer(500, 100.0, 500), answer(2, 101.0, 0), answer(2, 102.0, 2), answer(2, 103.0, 0)});
   EXPECT_EQ(after_, (std::vector<json_int_t>{0, 500, 0, 2}));
 }

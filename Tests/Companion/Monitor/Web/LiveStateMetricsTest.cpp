@@ -26,7 +26,7 @@ class LiveStateMetricsTest : public ::testing::Test {
   LiveState state_;
 };
 
-TEST_F(LiveStateMetricsTest, CountsWhatEventsTell) {
+TEST_F(LiveStateMetricsTest, CountsEvents) {
   for (const ReceivedEvent& event :
        {started("a"), succeeded("a", 1.0, "4"), closed("a", 2.0), started("b"), refused("b", 1.0),
         started("c"), timedOut("c", 5.0), closedWithError("c", 5.0), started("d"),
@@ -52,7 +52,7 @@ TEST_F(LiveStateMetricsTest, CountsWhatEventsTell) {
   EXPECT_EQ(value("ostravel_events_lost_total"), "");
 }
 
-TEST_F(LiveStateMetricsTest, TellsWhenTheProxyHungAndWhomItHit) {
+TEST_F(LiveStateMetricsTest, ReportsWhenTheProxyHungAndWhatItHit) {
   const std::string curl = "ostravel_last_proxy_outage_flows{application=\"/usr/bin/curl\"}";
   const std::string begin = "ostravel_last_proxy_outage_begin_timestamp_seconds";
   EXPECT_EQ(value(begin), "");
@@ -88,7 +88,7 @@ TEST_F(LiveStateMetricsTest, CountsTheFleet) {
   EXPECT_EQ(value("ostravel_publish_dropped_events_total"), "4");
 }
 
-TEST_F(LiveStateMetricsTest, AddsWhatTheExtensionAnswers) {
+TEST_F(LiveStateMetricsTest, AddsTheExtensionsAnswers) {
   const JSONHandle status(json_loads(
       R"({"proxying":{"active":true},"flows":{"offered":9,"proxied":3,"refused":1,)"
       R"("direct_by_reason":{"exempt_host":5}},"tunnels":{"bytes_sent":10,"bytes_received":20},)"

@@ -35,7 +35,7 @@ class LiveStateTest : public ::testing::Test {
   LiveState state_;
 };
 
-TEST_F(LiveStateTest, SaysInOneSentenceHowThingsAre) {
+TEST_F(LiveStateTest, DescribesTheStateInOneSentence) {
   EXPECT_EQ(sentence(), "No event has come from the extension yet.");
   ReceivedEvent start = proxyEvent("provider_started", 0.0);
   state_.receive(start);
@@ -66,7 +66,7 @@ TEST_F(LiveStateTest, WarnsOfAProxyThatHangs) {
   EXPECT_EQ(word(), "proxied");
 }
 
-TEST_F(LiveStateTest, SaysThatTheProxyHangsWhileItRests) {
+TEST_F(LiveStateTest, SaysThatTheProxyHangsDuringItsTrial) {
   state_.receive(started("a", 2.0));
   state_.receive(timedOut("a", 7.0));
   const JSONHandle status =
@@ -111,7 +111,7 @@ TEST_F(LiveStateTest, KeepsTheMachinesOfAFleetApart) {
   EXPECT_EQ(json_integer_value(json_object_get(counts, "lost_events")), 7);
 }
 
-TEST_F(LiveStateTest, PrefersWhatTheExtensionAnswers) {
+TEST_F(LiveStateTest, PrefersTheExtensionsAnswers) {
   const JSONHandle status = parse(
       R"({"proxying":{"active":false,"message":"New connections go direct: no proxy.","since":5},)"
       R"("events":{"failed":2,"dropped":3}})");
@@ -129,7 +129,7 @@ TEST_F(LiveStateTest, PrefersWhatTheExtensionAnswers) {
   EXPECT_STREQ(json_string_value(json_object_get(without.get(), "problem")), "not running");
 }
 
-TEST_F(LiveStateTest, GivesWhatHasChangedSince) {
+TEST_F(LiveStateTest, ReturnsChangesSinceARevision) {
   state_.receive(started("a"));
   const LiveState::Cursor before = state_.whole().cursor;
   EXPECT_FALSE(state_.changesSince(before, 0ms));
@@ -168,7 +168,7 @@ TEST_F(LiveStateTest, BoundsAnUpdateAndSendsTheRestWithTheNext) {
   EXPECT_EQ(seen.size(), 2500U);
 }
 
-TEST_F(LiveStateTest, TellsTheLifeOfAFlow) {
+TEST_F(LiveStateTest, ReturnsTheStepsOfAFlow) {
   state_.receive(started("a"));
   state_.receive(succeeded("a", 1.0));
   const JSONHandle flow = parse(state_.flow("a"));
@@ -219,12 +219,12 @@ TEST_F(LiveStateTest, MeasuresThroughputBetweenAnswers) {
   };
   EXPECT_EQ(answer(10.0, 100), -1.0);
   EXPECT_EQ(answer(12.0, 500), 200.0);
-  // An extension that was started anew.
+  // The extension was restarted.
   EXPECT_EQ(answer(13.0, 5), -1.0);
   EXPECT_EQ(answer(14.0, 10), 5.0);
 }
 
-TEST_F(LiveStateTest, KeepsAnHour) {
+TEST_F(LiveStateTest, KeepsOneHour) {
   for (std::size_t second = 0; second < LiveState::kMostSamples + 10; ++second) {
     state_.tick(kNoon + static_cast<double>(second));
   }

@@ -26,7 +26,7 @@ TEST(PrometheusText, EscapesLabels) {
   EXPECT_TRUE(text.text().ends_with("a{application=\"a\\\\b\\\"c\\nd\"} 0\n"));
 }
 
-TEST(PrometheusText, WritesWhatIsNoNumber) {
+TEST(PrometheusText, WritesNaN) {
   PrometheusText text;
   text.single("a", "gauge", "H.", std::numeric_limits<double>::quiet_NaN());
   EXPECT_TRUE(text.text().ends_with("\na nan\n")) << text.text();

@@ -26,7 +26,7 @@ class RequestGuardTest : public ::testing::Test {
   const RequestGuard guard_{"127.0.0.1", kToken};
 };
 
-TEST_F(RequestGuardTest, ServesWhoHasTheToken) {
+TEST_F(RequestGuardTest, AcceptsRequestsWithTheToken) {
   EXPECT_EQ(refusal(good()), 0);
   RequestClaims bearer = good();
   bearer.token = "";
@@ -34,7 +34,7 @@ TEST_F(RequestGuardTest, ServesWhoHasTheToken) {
   EXPECT_EQ(refusal(bearer), 0);
 }
 
-TEST_F(RequestGuardTest, RefusesWhoHasNot) {
+TEST_F(RequestGuardTest, RefusesRequestsWithoutTheToken) {
   for (const std::string& token : {std::string(), std::string("0123456789abcdee"), kToken + "0"}) {
     RequestClaims claims = good();
     claims.token = token;
@@ -54,7 +54,7 @@ TEST_F(RequestGuardTest, AcceptsAddressesAndLocalhost) {
   }
 }
 
-TEST_F(RequestGuardTest, RefusesNamesThatCouldLeadHere) {
+TEST_F(RequestGuardTest, RefusesNamesThatCouldResolveToUs) {
   for (const char* const host : {"rebound.example:8090", "localhost.example:8090", "example",
                                  "127.0.0.1.example:8090", "a b", "127.0.0.1:99999", "[::1"}) {
     RequestClaims claims = good();
@@ -79,7 +79,7 @@ TEST_F(RequestGuardTest, RefusesOtherOrigins) {
   }
 }
 
-TEST_F(RequestGuardTest, OnlyReads) {
+TEST_F(RequestGuardTest, AllowsOnlyReading) {
   for (const char* const method : {"POST", "PUT", "DELETE", "OPTIONS", "PATCH", "CONNECT"}) {
     RequestClaims claims = good();
     claims.method = method;

@@ -82,7 +82,7 @@ TEST_F(WebServerTest, KeepsItsDataFromOthers) {
   EXPECT_EQ(statusOf(get("/none" + query_)), "404");
 }
 
-TEST_F(WebServerTest, GivesStateFlowsAndMetrics) {
+TEST_F(WebServerTest, ServesStateFlowsAndMetrics) {
   state_.receive(started("f1"));
   EXPECT_NE(get("/api/state" + query_).find("\"id\":\"f1\""), std::string::npos);
   EXPECT_NE(get("/api/flow" + query_ + "&id=f1").find("connect_handshake_started"),
@@ -115,13 +115,13 @@ TEST_F(WebServerTest, SendsUpdatesAsTheyCome) {
   EXPECT_EQ(update.find("\"f1\""), std::string::npos);
 }
 
-TEST_F(WebServerTest, RefusesACursorThatIsNone) {
+TEST_F(WebServerTest, RefusesAnInvalidCursor) {
   for (const char* const cursor : {"", "1", "1,2", "1,2,x", "-1,0,0"}) {
     EXPECT_EQ(statusOf(get("/api/updates" + query_ + "&after=" + cursor)), "400") << cursor;
   }
 }
 
-TEST_F(WebServerTest, BoundsThePagesThatFollow) {
+TEST_F(WebServerTest, LimitsTheNumberOfOpenPages) {
   std::vector<TestSocket> pages;
   for (std::size_t count = 0; count < WebServer::kMostPages; ++count) {
     pages.push_back(request("/api/updates" + query_ + "&after=0,0,0"));
@@ -131,7 +131,7 @@ TEST_F(WebServerTest, BoundsThePagesThatFollow) {
   EXPECT_EQ(statusOf(get("/metrics" + query_)), "200");
 }
 
-TEST_F(WebServerTest, SharesItsPortWithNobody) {
+TEST_F(WebServerTest, DoesNotShareItsPort) {
   LiveState other;
   EXPECT_THROW(WebServer(other, options(port())), std::runtime_error);
   const TestListener taken;
