@@ -31,7 +31,7 @@ namespace {
 constexpr int kThreads = 4;
 constexpr int kOffersPerThread = 120;
 
-// Establishes every tunnel, and then says nothing more.
+// Establishes every tunnel, and then sends nothing more.
 class EstablishingProxy {
  public:
   EstablishingProxy() : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

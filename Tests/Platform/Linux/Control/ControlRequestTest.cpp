@@ -68,7 +68,7 @@ TEST(ControlRequestTest, ReadsTheMembersOfExplain) {
   EXPECT_TRUE(request.isUDP);
 }
 
-TEST(ControlRequestTest, RefusesWhatIsNoObject) {
+TEST(ControlRequestTest, RefusesAnythingButAnObject) {
   for (const auto* line : {"", "[]", "7", "status", "{", "{}x", "\xff",
                            R"({"version":1,"version":1,"request":"status"})"}) {
     EXPECT_EQ(codeOf(line), "bad_request") << line;

@@ -27,7 +27,7 @@ using namespace std::chrono_literals;
 const std::string kStatus = "{\"version\":1,\"request\":\"status\"}\n";
 const std::string kReload = "{\"version\":1,\"request\":\"reload\"}\n";
 
-// Of no user or group of this machine.
+// An ID that no user or group of this machine has.
 constexpr gid_t kGroup = 424242;
 constexpr uid_t kUser = 434343;
 
@@ -61,7 +61,7 @@ class ControlServerTest : public ::testing::Test {
 
   testing::TemporaryFolder folder_;
   const std::string path_ = folder_.path("s");
-  // What follows is decided by the peer's credentials, not by the mode.
+  // From here on the peer's credentials decide, not the mode.
   LocalListener listener_{path_, {.group = std::nullopt, .mode = 0666}};
   std::string text_ = "fine";
   std::unique_ptr<ControlServer> server_;
@@ -160,7 +160,7 @@ TEST_F(ControlServerTest, LetsAMemberOfTheGroupAskButNotReload) {
   EXPECT_TRUE(isAnswered(kReload));
 }
 
-TEST_F(ControlServerTest, LetsNobodyElseAsk) {
+TEST_F(ControlServerTest, RefusesEveryoneElse) {
   serve();
   testing::asOrdinaryUser(
       [this] { EXPECT_NE(connect().receiveToEnd().find("not_permitted"), std::string::npos); });

@@ -55,7 +55,7 @@ TEST(AppImageTest, AMisleadingNameIsNone) {
   EXPECT_EQ(nameIn(mountOf(std::string(250, 'a') + ".AppImage")), std::nullopt);
 }
 
-TEST(AppImageTest, ANameBehindThousandsOfMountsIsNotSearchedFor) {
+TEST(AppImageTest, ANameAfterThousandsOfMountsIsNotSearchedFor) {
   const std::string other(1000, 'x');
   std::string mounts;
   for (int i = 0; i < 1000; ++i) {

@@ -378,7 +378,7 @@ TEST_P(ApplicationIdentifierSourceTest, AProcessMayBelongToAProxyWithoutAKnownDi
   Helper service(copyHelper(programs_, "service"));
   ASSERT_EQ(service.ask("user 13"), "done");
   const auto flow = connectFrom(application);
-  // Nobody listens.
+  // There is no listener.
   EXPECT_FALSE(source_->identify(packetOf(flow), 0).mayBelongToProxy);
   EXPECT_FALSE(source_->identify(packetOf(flow), 0).leaveReason);
 
@@ -464,7 +464,7 @@ TEST_P(ApplicationIdentifierSourceTest, AnEndedSenderMayHaveBeenTheProxy) {
   start();
   Helper proxy(copyHelper(programs_, "proxy"));
   proxy.makeSocket("proxy", kProxyPort);
-  // The sender could be anybody: its user is not always known any more either.
+  // The sender could be any process: even its user is not always known any more.
   Helper helper;
   ASSERT_EQ(helper.ask("user 65534"), "done");
   const auto flow = connectFrom(helper);
@@ -474,7 +474,7 @@ TEST_P(ApplicationIdentifierSourceTest, AnEndedSenderMayHaveBeenTheProxy) {
 }
 
 TEST_P(ApplicationIdentifierSourceTest, AnUnknownSenderOfTheProxysUserMayBeTheProxy) {
-  // Not seen by the tracer, and behind more descriptors than can be scanned in time.
+  // Not seen by the tracer, and after more descriptors than can be scanned in time.
   Helper sameUser;
   Helper otherUser;
   ASSERT_EQ(otherUser.ask("user 65534"), "done");

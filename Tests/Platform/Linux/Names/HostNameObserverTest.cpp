@@ -106,7 +106,7 @@ TEST_F(HostNameObserverTest, KnowsANameAsSoonAsTheApplicationHasTheAnswer) {
   }
 }
 
-TEST_F(HostNameObserverTest, FindsOutWhoHasAsked) {
+TEST_F(HostNameObserverTest, FindsTheApplicationThatHasAsked) {
   start();
   const FileDescriptor application = makeApplication();
   ask(application, 1, "www.example");
@@ -175,7 +175,7 @@ TEST_F(HostNameObserverTest, ALookUpReadsABoundedNumberOfCopies) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 }
 
-TEST_F(HostNameObserverTest, CopiesThatNobodyReadsDelayNothing) {
+TEST_F(HostNameObserverTest, UnreadCopiesDelayNothing) {
   const auto log = *PacketLog::open();
   const auto copies = *DNSCopies::install(log->group());
   const FileDescriptor application = makeApplication();

@@ -175,7 +175,7 @@ TEST_F(HostNamesTest, RebindingIsNoticedAcrossTheNamesOfAUser) {
   EXPECT_EQ(name("192.0.2.1"), "");
 }
 
-TEST_F(HostNamesTest, APrivateAndAPublicFamilyBelongToManyHomes) {
+TEST_F(HostNamesTest, AHostMayHaveAPrivateAndAPublicFamily) {
   learn(browser_, "nas.example", {"192.168.0.2", "2001:db8::2"});
   EXPECT_EQ(name("192.168.0.2"), "nas.example");
   EXPECT_EQ(name("2001:db8::2"), "nas.example");
@@ -183,7 +183,7 @@ TEST_F(HostNamesTest, APrivateAndAPublicFamilyBelongToManyHomes) {
   EXPECT_EQ(name("fd00::1"), "");
 }
 
-TEST_F(HostNamesTest, WhatCannotBeResolvedIsRememberedForTheNamesLife) {
+TEST_F(HostNamesTest, AnUnresolvableNameIsRememberedForItsLife) {
   learn(browser_, "a.example", {kAddress}, 60s);
   const auto found = find(kUser, kBrowser);
   EXPECT_TRUE(found->isResolvable);

@@ -78,14 +78,14 @@ int errorOfConnection(ApplicationSocket& application, const char* address, std::
   return error != 0 ? error : application.receiveToEnd().error;
 }
 
-TEST_F(FlowListenerTest, ResetsAConnectionThatNobodyExpects) {
+TEST_F(FlowListenerTest, ResetsAnUnexpectedConnection) {
   ApplicationSocket ipv4(kApplicationIPv4);
   EXPECT_EQ(errorOfConnection(ipv4, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
   ApplicationSocket ipv6(kApplicationIPv6);
   EXPECT_EQ(errorOfConnection(ipv6, "::1", loop().listener().ipv6Port()), ECONNRESET);
 }
 
-// Keeps what it gets.
+// Keeps the connections that it receives.
 class KeepingWaiter final : public FlowListener::Waiter {
  public:
   explicit KeepingWaiter(const FlowTuple& tuple) : tuple_(tuple) {}

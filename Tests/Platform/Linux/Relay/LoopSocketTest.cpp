@@ -10,7 +10,7 @@
 namespace ostravel::linuxplatform::test {
 namespace {
 
-// What it does not lose, as seen by a connection that uses it.
+// Events that it must not lose, as seen by a connection that uses it.
 using LoopSocketTest = RelayTest;
 
 // A receive stops at urgent data, although there is more.
@@ -29,7 +29,7 @@ TEST_F(LoopSocketTest, UrgentDataDoesNotStopAStream) {
   EXPECT_EQ(received, "beforeafter");
 }
 
-// The end arrives with the last bytes while nobody reads.
+// The end arrives with the last bytes while there is no read.
 TEST_F(LoopSocketTest, TheEndIsSeenAfterAPausedRead) {
   Connected connected = connect();
   ASSERT_EQ(::send(connected.server.descriptor(), "bytes", 5, 0), 5);

@@ -56,8 +56,8 @@ TEST_F(PollerTest, RunsATaskOnceWhenDataArrives) {
   EXPECT_EQ(runs_, 1);
 }
 
-// The kernel reports a change once, even if nobody waits for it yet.
-TEST_F(PollerTest, RemembersWhatNobodyHasWaitedFor) {
+// The kernel reports a change once, even if there is no wait for it yet.
+TEST_F(PollerTest, RemembersEventsBeforeTheFirstWait) {
   send("x");
   turn();
   poller_.waitUntilReadable(*watch_, counting());
@@ -66,7 +66,7 @@ TEST_F(PollerTest, RemembersWhatNobodyHasWaitedFor) {
   EXPECT_EQ(runs_, 1);
 }
 
-TEST_F(PollerTest, ForgetsWhatACallHasFoundConsumed) {
+TEST_F(PollerTest, ForgetsEventsThatACallHasConsumed) {
   send("x");
   turn();
   watch_->readLess();
@@ -132,7 +132,7 @@ TEST_F(PollerTest, ATaskMayRemoveItsSocketAndTheNextOne) {
 }
 
 // A descriptor that is shared with another process stays registered when it is closed here.
-TEST_F(PollerTest, EventsOfARemovedSocketReachNobody) {
+TEST_F(PollerTest, EventsOfARemovedSocketAreDropped) {
   poller_.remove(*watch_);
   const FileDescriptor duplicate(::dup(far_.get()));
   Poller::Watch* const next = poller_.add(duplicate.get());

@@ -232,7 +232,7 @@ TEST_F(RelayTransferTest, AStalledReaderUsesNoCPUAndBoundedMemory) {
   const Activity activity = activityWithin(300ms);
   EXPECT_EQ(activity.wakeups, 0U);
   EXPECT_LT(activity.cpuTime, 20ms);
-  // Data that waits for the reader is counted while it waits.
+  // Data that waits for the reader is counted meanwhile.
   EXPECT_GT(memoryInUse(), 0U);
   EXPECT_LE(memoryInUse(), limits::kMaximumChunk);
   EXPECT_EQ(tunnel.application.receive(sent).bytes.size(), sent);

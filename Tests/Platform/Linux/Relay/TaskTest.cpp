@@ -9,7 +9,7 @@
 namespace ostravel::linuxplatform::test {
 namespace {
 
-TEST(TaskTest, RunsWhatItWasMadeOf) {
+TEST(TaskTest, RunsItsFunction) {
   int runs = 0;
   Task task([&runs] { ++runs; });
   ASSERT_TRUE(task);
@@ -18,7 +18,7 @@ TEST(TaskTest, RunsWhatItWasMadeOf) {
   EXPECT_FALSE(Task());
 }
 
-TEST(TaskTest, TakesWhatCanOnlyBeMoved) {
+TEST(TaskTest, HoldsAMoveOnlyFunction) {
   int seen = 0;
   Task task([number = std::make_unique<int>(7), &seen] { seen = *number; });
   Task moved(std::move(task));
@@ -27,7 +27,7 @@ TEST(TaskTest, TakesWhatCanOnlyBeMoved) {
   EXPECT_EQ(seen, 7);
 }
 
-TEST(TaskTest, TakesWhatNeedsMoreRoom) {
+TEST(TaskTest, HoldsAFunctionThatNeedsMoreRoom) {
   std::array<int, 64> numbers{};
   numbers.back() = 9;
   int seen = 0;
@@ -52,7 +52,7 @@ TEST(TaskTest, DestroysItsWorkOnce) {
   EXPECT_EQ(large.use_count(), 1);
 }
 
-// What waits for a socket owns an object that waits anew when it is destroyed.
+// A task that waits for a socket may own an object whose destructor waits again.
 TEST(TaskTest, MayBeAssignedToWhileItIsReplaced) {
   Task task;
   bool hasRun = false;

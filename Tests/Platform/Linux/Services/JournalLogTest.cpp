@@ -72,7 +72,7 @@ TEST(JournalLogTest, SendsEveryLevelWithItsFields) {
   });
 }
 
-TEST(JournalLogTest, SendsWhatALineIsAbout) {
+TEST(JournalLogTest, SendsTheFlowAndApplicationOfALine) {
   withPrivateRun([] {
     const ReceivingJournal journal;
     const auto writer = makeWriter();

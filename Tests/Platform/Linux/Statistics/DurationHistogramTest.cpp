@@ -44,7 +44,7 @@ TEST(DurationHistogramTest, IsAtMostAQuarterTooHigh) {
   }
 }
 
-TEST(DurationHistogramTest, CountsWhatIsTooLongInTheLastBucket) {
+TEST(DurationHistogramTest, CountsOverlongDurationsInTheLastBucket) {
   EXPECT_EQ(bucketOf(1h), bucketOf(2min));
   EXPECT_EQ(bucketOf(-5ms), 0us);
 }

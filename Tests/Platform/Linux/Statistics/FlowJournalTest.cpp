@@ -85,12 +85,12 @@ TEST_F(FlowJournalTest, AddsUpItsLoops) {
   EXPECT_EQ(totals.open, 0);
 }
 
-TEST_F(FlowJournalTest, GivesTheNewestInTheirOrder) {
+TEST_F(FlowJournalTest, ReturnsTheNewestInOrder) {
   decideOften(FlowRule::gateClosed, 5);
   EXPECT_EQ(numbers(std::nullopt, 3), (std::vector<std::uint64_t>{3, 4, 5}));
 }
 
-TEST_F(FlowJournalTest, GivesTheOldestAfterANumber) {
+TEST_F(FlowJournalTest, ReturnsTheOldestAfterANumber) {
   decideOften(FlowRule::gateClosed, 5);
   EXPECT_EQ(numbers(2, 2), (std::vector<std::uint64_t>{3, 4}));
   EXPECT_EQ(numbers(5, 2), std::vector<std::uint64_t>{});
@@ -106,7 +106,7 @@ TEST_F(FlowJournalTest, KeepsTheLastThousandAndCountsTheMissing) {
   EXPECT_EQ(decisions.flows.front().sequence, 11U);
 }
 
-TEST_F(FlowJournalTest, GivesOlderOnesThatHaveChanged) {
+TEST_F(FlowJournalTest, ReturnsOlderOnesThatHaveChanged) {
   const auto early = decide(FlowRule::proxied);
   decide(FlowRule::proxied);
   const double now = clock_.secondsSince1970();
@@ -154,7 +154,7 @@ TEST_F(FlowJournalTest, ListsATunnelThatIsOlderThanAllDecisions) {
   EXPECT_EQ(journal_.tunnels(10).flows.at(0).sequence, 1U);
 }
 
-TEST_F(FlowJournalTest, ReleasesWhatIsOver) {
+TEST_F(FlowJournalTest, ReleasesFlowsThatHaveEnded) {
   std::weak_ptr<FlowRecord> weak;
   {
     const auto record = decide(FlowRule::proxied);

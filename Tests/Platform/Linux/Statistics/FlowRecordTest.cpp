@@ -33,7 +33,7 @@ class FlowRecordTest : public ::testing::Test {
                      counters_};
 };
 
-TEST_F(FlowRecordTest, HasWhatItWasMadeWith) {
+TEST_F(FlowRecordTest, HasItsInitialValues) {
   record_.publish(17);
   const auto view = record_.view();
   EXPECT_EQ(view.sequence, 17U);
@@ -178,12 +178,12 @@ TEST_F(FlowRecordTest, CutsLongTexts) {
   EXPECT_EQ(view.detail.size(), FlowRecord::kLongestDetail);
 }
 
-TEST_F(FlowRecordTest, TakesNoIdentifierOfAnotherForm) {
+TEST_F(FlowRecordTest, IgnoresAnIdentifierOfAnotherForm) {
   record_.identified("FLOW");
   EXPECT_EQ(record_.view().flowID, "");
 }
 
-TEST_F(FlowRecordTest, TakesTheLastStepForItsLastChange) {
+TEST_F(FlowRecordTest, ItsLastStepIsItsLastChange) {
   record_.decided(FlowRule::proxied);
   record_.publish(1);
   const double before = record_.lastChange();

@@ -52,7 +52,7 @@ ControlGroups::~ControlGroups() {
     return;
   }
   EXPECT_TRUE(enter(outside_, ::getpid()));
-  // The files in the folders cannot be removed, nor need they be.
+  // The files in the folders cannot be removed and need not be.
   std::vector<std::filesystem::path> groups{root_};
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root_)) {
     if (entry.is_directory()) {

@@ -8,9 +8,9 @@
 namespace ostravel::testing {
 
 // Gives this process a new control group, in a control group namespace in which that is the root of
-// the hierarchy, and removes the group with all below it on destruction. So tests make groups such
-// as "/system.slice" that are not the machine's. Every process that is moved must have ended before
-// that. Fails the test if it is not permitted.
+// the hierarchy, and removes the group with all below it on destruction. So tests can make groups
+// such as "/system.slice" apart from the machine's. Every process that is moved must have ended
+// before that. Fails the test if it is not permitted.
 class ControlGroups {
  public:
   ControlGroups();

@@ -34,7 +34,7 @@ bool sendAll(int connection, std::string_view bytes) {
          static_cast<ssize_t>(bytes.size());
 }
 
-// False when one has ended.
+// False once either has ended.
 bool copySome(int one, int other) {
   std::array<char, 4096> part;
   const auto received = ::recv(one, part.data(), part.size(), 0);

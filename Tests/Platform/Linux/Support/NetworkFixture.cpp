@@ -72,7 +72,7 @@ ConnectingApplication::ConnectingApplication(const std::string& address, std::ui
     : TestSocket(TestSocket::makeTcp(address, SOCK_NONBLOCK)), process_(::fork()) {
   if (process_ == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    // What is inherited would live on in it, such as the rules, which end with a socket.
+    // It must not inherit what ends with a descriptor, such as the rules.
     const auto own = static_cast<unsigned>(descriptor());
     ::close_range(0, own - 1, 0);
     ::close_range(own + 1, ~0U, 0);
@@ -80,7 +80,7 @@ ConnectingApplication::ConnectingApplication(const std::string& address, std::ui
     ::raise(SIGSTOP);
     ::_exit(0);
   }
-  // Until it has stopped itself.
+  // Wait until it has stopped itself.
   int status = 0;
   if (::waitpid(process_, &status, WUNTRACED) != process_ || !WIFSTOPPED(status)) {
     throw std::runtime_error("the application did not connect");

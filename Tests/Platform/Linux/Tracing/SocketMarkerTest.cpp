@@ -84,12 +84,12 @@ TEST_F(SocketMarkerTest, MarksTheSocketsOfAProcess) {
     EXPECT_EQ(markOf(connect(AF_INET)), marks_.own());
     EXPECT_EQ(markOf(connect(AF_INET6)), marks_.own());
     EXPECT_EQ(markOf(connect(AF_INET, SOCK_DGRAM)), marks_.own());
-    // Only our own sockets are changed otherwise.
+    // Other options are changed only on our own sockets.
     EXPECT_EQ(optionOf(connect(AF_INET), IPPROTO_TCP, TCP_NODELAY), 0);
   });
 }
 
-TEST_F(SocketMarkerTest, KeepsMarksThatSomebodyHasChosen) {
+TEST_F(SocketMarkerTest, KeepsMarksThatTheProgramHasChosen) {
   start();
   inProxy([this] {
     EXPECT_EQ(markOf(connect(AF_INET, SOCK_STREAM, 0x5)), marks_.own() | 0x5);

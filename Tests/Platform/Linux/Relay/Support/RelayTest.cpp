@@ -13,7 +13,7 @@ namespace ostravel::linuxplatform::test {
 
 namespace {
 
-// Destinations that nobody listens on, in case the redirection fails.
+// Destinations without a listener, in case the redirection fails.
 constexpr const char* kDestinationIPv4 = "127.0.2.1";
 constexpr const char* kDestinationIPv6 = "::1";
 
