@@ -20,7 +20,7 @@ TEST_F(ICUTextServicesTest, LowercasesASCIILettersOnly) {
   EXPECT_EQ(text_.lowercased("API.Example.COM-09_@[`{"), "api.example.com-09_@[`{");
 }
 
-TEST_F(ICUTextServicesTest, LowercasesNothing) {
+TEST_F(ICUTextServicesTest, LowercasesAnEmptyText) {
   EXPECT_EQ(text_.lowercased(""), "");
 }
 
@@ -33,13 +33,13 @@ TEST_F(ICUTextServicesTest, LowercasingMayMakeTheTextLonger) {
   EXPECT_EQ(text_.lowercased("\u0130"), "i\u0307");
 }
 
-TEST_F(ICUTextServicesTest, LowercasingSeesTheWholeWord) {
+TEST_F(ICUTextServicesTest, LowercasingConsidersTheWholeWord) {
   // A capital sigma at the end of a word becomes the final form.
   EXPECT_EQ(text_.lowercased("\u039f\u03a3 \u03a3\u039f"), "\u03bf\u03c2 \u03c3\u03bf");
 }
 
 TEST_F(ICUTextServicesTest, LowercasingDoesNotDependOnALanguage) {
-  // Turkish would make a dotless i of it.
+  // Turkish would turn it into a dotless i.
   EXPECT_EQ(text_.lowercased("I\u00c4"), "i\u00e4");
 }
 
@@ -75,12 +75,12 @@ TEST_F(ICUTextServicesTest, DoesNotTrimWhatOnlyLooksEmpty) {
   }
 }
 
-TEST_F(ICUTextServicesTest, TrimsWhiteSpaceOnlyToNothing) {
+TEST_F(ICUTextServicesTest, TrimsTextOfWhiteSpaceOnlyToNothing) {
   EXPECT_TRUE(text_.trimmed(" \u2003\n\u3000").empty());
   EXPECT_TRUE(text_.trimmed("").empty());
 }
 
-TEST_F(ICUTextServicesTest, TrimmingGivesAPartOfItsArgument) {
+TEST_F(ICUTextServicesTest, TrimmingReturnsAPartOfItsArgument) {
   const std::string text = "  x ";
   EXPECT_EQ(text_.trimmed(text).data(), text.data() + 2);
 }

@@ -7,7 +7,7 @@
 namespace ostravel::platform {
 namespace {
 
-TEST(POSIXClockTest, TellsTheTimeOfDayWithAFraction) {
+TEST(POSIXClockTest, ReturnsTheTimeOfDayWithAFraction) {
   const POSIXClock clock;
   const auto before = std::time(nullptr);
   const double now = clock.secondsSince1970();

@@ -26,7 +26,7 @@ class POSIXSocketCallsTest : public testing::Test {
     }
   }
 
-  // Fills the one end until it would block.
+  // Fills one end until it would block.
   void fill() {
     const std::vector<std::byte> chunk(65536);
     while (sockets_.write(pair_[0], chunk).value > 0) {

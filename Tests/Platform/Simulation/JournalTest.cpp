@@ -24,7 +24,7 @@ TEST(JournalTest, FindsLinesByTheirText) {
             (std::vector<std::string>{"flow 1: closeRead", "flow 1: closeWrite"}));
 }
 
-TEST(JournalTest, TellsWhichLineCameFirst) {
+TEST(JournalTest, KnowsWhichLineCameFirst) {
   Journal journal;
   journal.add("a");
   journal.add("b");
@@ -32,7 +32,7 @@ TEST(JournalTest, TellsWhichLineCameFirst) {
   EXPECT_FALSE(journal.inOrder("b", "a"));
 }
 
-TEST(JournalTest, LinesThatAreMissingAreInNoOrder) {
+TEST(JournalTest, MissingLinesHaveNoOrder) {
   Journal journal;
   journal.add("a");
   EXPECT_FALSE(journal.inOrder("a", "b"));

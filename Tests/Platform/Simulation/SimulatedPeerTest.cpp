@@ -96,7 +96,7 @@ TEST_F(SimulatedPeerTest, TheEndMayBeEmptyData) {
   EXPECT_TRUE(read_.isEmptyData());
 }
 
-TEST_F(SimulatedPeerTest, TheEndIsReportedAgainAndAgain) {
+TEST_F(SimulatedPeerTest, TheEndIsReportedRepeatedly) {
   peer_->endSending();
   for (int i = 1; i <= 3; ++i) {
     read();
@@ -169,7 +169,7 @@ TEST_F(SimulatedPeerTest, WriteCompletionsAreHeldBackAndReleasedOneByOne) {
   EXPECT_EQ(written_.count(), 1);
 }
 
-TEST_F(SimulatedPeerTest, WritesThatAreNotHeldAnyMoreComplete) {
+TEST_F(SimulatedPeerTest, WritesCompleteWhenTheyAreNoLongerHeld) {
   peer_->holdWrites();
   write("a");
   simulation_.run();
@@ -189,7 +189,7 @@ TEST_F(SimulatedPeerTest, ReleasingNothingIsAnError) {
   EXPECT_THROW(peer_->releaseWrite(), std::logic_error);
 }
 
-TEST_F(SimulatedPeerTest, ReadsFailFromNowOn) {
+TEST_F(SimulatedPeerTest, ReadsFailOnRequest) {
   peer_->send("lost");
   read();
   peer_->failReads(kError);
@@ -206,7 +206,7 @@ TEST_F(SimulatedPeerTest, ReadsFailFromNowOn) {
   EXPECT_FALSE(written_.error());
 }
 
-TEST_F(SimulatedPeerTest, WritesFailFromNowOnAlsoAHeldOne) {
+TEST_F(SimulatedPeerTest, WritesFailOnRequestEvenAHeldOne) {
   peer_->holdWrites();
   write("lost");
   simulation_.run();

@@ -56,7 +56,7 @@ class SimulatedTCPConnectionTest : public ::testing::Test {
   }
 };
 
-TEST_F(SimulatedTCPConnectionTest, IsConnectingFromItsCreationOn) {
+TEST_F(SimulatedTCPConnectionTest, IsConnectingAtFirst) {
   EXPECT_EQ(connection_->state(), TCPConnectionState::connecting);
   simulation_.run();
   EXPECT_EQ(connection_->state(), TCPConnectionState::connecting);
@@ -162,7 +162,7 @@ TEST_F(SimulatedTCPConnectionTest, CancelEndsInOrderAndFailsWhatIsOutstanding) {
   EXPECT_FALSE(peer_->sawReset());
 }
 
-TEST_F(SimulatedTCPConnectionTest, CancelComesFromEveryStateAndIsFinal) {
+TEST_F(SimulatedTCPConnectionTest, CancelWorksInEveryStateAndIsFinal) {
   connection_->addObserver(observer_, "state");
   connection_->setState(TCPConnectionState::disconnected, kError);
   connection_->cancel();
@@ -251,14 +251,14 @@ TEST_F(SimulatedTCPConnectionTest, DestructionCancelsWhatIsOutstanding) {
   EXPECT_EQ(written_.error(), operationCancelled());
 }
 
-TEST_F(SimulatedTCPConnectionTest, DestroyedWithoutCancelItIsResetForThePeer) {
+TEST_F(SimulatedTCPConnectionTest, DestructionWithoutCancelIsAResetForThePeer) {
   connection_->accept();
   simulation_.run();
   connection_.reset();
   EXPECT_TRUE(peer_->sawReset());
 }
 
-TEST_F(SimulatedTCPConnectionTest, DestroyedAfterCancelItHasEndedForThePeer) {
+TEST_F(SimulatedTCPConnectionTest, DestructionAfterCancelIsAnEndForThePeer) {
   connection_->accept();
   simulation_.run();
   connection_->cancel();

@@ -159,7 +159,7 @@ TEST_F(SimulatedTCPFlowTest, AnOrderlyCloseIsAnEndForTheApplication) {
   EXPECT_FALSE(application_->sawReset());
 }
 
-TEST_F(SimulatedTCPFlowTest, ACloseWithAnErrorBeforeAnythingWasAskedForGivesTheFlowBack) {
+TEST_F(SimulatedTCPFlowTest, ACloseWithAnErrorBeforeAnyTransferGivesTheFlowBack) {
   open();
   flow_->closeRead(kError);
   flow_->closeWrite(kError);
@@ -278,7 +278,7 @@ TEST_F(SimulatedTCPFlowTest, ACompletionMayDestroyTheFlow) {
   EXPECT_TRUE(completed);
 }
 
-TEST_F(SimulatedTCPFlowTest, WhatACompletionHoldsDiesWithTheRun) {
+TEST_F(SimulatedTCPFlowTest, ACompletionReleasesWhatItHoldsAtTheEndOfTheRun) {
   std::weak_ptr<SimulatedTCPFlow> weakFlow;
   {
     Simulation simulation;
@@ -290,7 +290,7 @@ TEST_F(SimulatedTCPFlowTest, WhatACompletionHoldsDiesWithTheRun) {
   EXPECT_TRUE(weakFlow.expired());
 }
 
-TEST_F(SimulatedTCPFlowTest, ItsLifeIsInTheJournal) {
+TEST_F(SimulatedTCPFlowTest, ItsOperationsAreInTheJournal) {
   open();
   application_->send("hello");
   flow_->read(read_.readCompletion());

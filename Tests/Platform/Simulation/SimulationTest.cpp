@@ -82,7 +82,7 @@ TEST(SimulationTest, NetworkSettingsMayBeAnsweredLater) {
   EXPECT_THROW(simulation.completeNetworkSettings(std::nullopt), std::logic_error);
 }
 
-TEST(SimulationTest, ConnectionsAreRecordedWithWhatWasAsked) {
+TEST(SimulationTest, ConnectionsAreRecordedWithTheirArguments) {
   Simulation simulation;
   const auto first =
       simulation.createTCPConnection({"127.0.0.1", "8080"}, platform::TLSPolicy::disabled);
@@ -118,7 +118,7 @@ TEST(SimulationTest, TheProtocolConfigurationIsSettable) {
             platform::ConfigurationValue(std::string("/s")));
 }
 
-TEST(SimulationTest, WhatHasNotRunIsDroppedWithItsCycles) {
+TEST(SimulationTest, PendingWorkIsDroppedWithItsCycles) {
   struct Tunnel {
     std::shared_ptr<platform::TCPConnection> connection;
     std::shared_ptr<platform::DispatchQueue> queue;
@@ -144,8 +144,7 @@ TEST(SimulationTest, WhatHasNotRunIsDroppedWithItsCycles) {
   EXPECT_FALSE(ran);
 }
 
-// A small relay between a flow and a connection, which is enough to show everything that a seed
-// decides.
+// A small relay between a flow and a connection, enough to show everything that a seed decides.
 class Relay {
  public:
   explicit Relay(const SimulationOptions& options) : simulation_(options) {
@@ -242,7 +241,7 @@ TEST(SimulationTest, OrderAndLatencyAndShortReadsLoseNothing) {
   }
 }
 
-TEST(SimulationTest, AJournalThatIsNotKeptDoesNotChangeTheRun) {
+TEST(SimulationTest, DisablingTheJournalDoesNotChangeTheRun) {
   auto options = seeded(3, kEveryFault);
   Relay with(options);
   options.keepsJournal = false;

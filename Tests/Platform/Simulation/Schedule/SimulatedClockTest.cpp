@@ -11,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(SimulatedClockTest, BeginsAtItsFixedMoment) {
+TEST(SimulatedClockTest, StartsAtAFixedMoment) {
   const Simulation simulation;
   EXPECT_EQ(simulation.clock().secondsSince1970(), 1'600'000'000.0);
 }

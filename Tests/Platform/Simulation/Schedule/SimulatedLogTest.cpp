@@ -42,7 +42,7 @@ TEST(SimulatedLogTest, KeepsEveryLevelApart) {
   EXPECT_EQ(simulation.logLines(LogLevel::error), (std::vector<std::string>{"e"}));
 }
 
-TEST(SimulatedLogTest, KeepsWhatALineIsAbout) {
+TEST(SimulatedLogTest, KeepsTheFlowAndApplicationOfALine) {
   Simulation simulation;
   simulation.makeLog("s", "c")->error("e", {}, {.flowID = "f", .application = "a", .code = "c"});
   const auto& record = simulation.logRecords().front();

@@ -160,7 +160,7 @@ TEST_F(SimulatedQueueTest, AnItemMayHoldTheLastReferenceToItsQueue) {
   EXPECT_EQ(happened_, (Events{"item", "behind"}));
 }
 
-TEST_F(SimulatedQueueTest, WhatAnItemHoldsIsGoneBeforeTheNextItem) {
+TEST_F(SimulatedQueueTest, AnItemReleasesWhatItHoldsBeforeTheNextItem) {
   auto held = std::make_shared<int>(1);
   const std::weak_ptr<int> weakHeld = held;
   serial_->async([held = std::move(held)] {});
@@ -170,7 +170,7 @@ TEST_F(SimulatedQueueTest, WhatAnItemHoldsIsGoneBeforeTheNextItem) {
 }
 
 // Of items 0 to 5 with a barrier at 2: 0 and 1 in any order, 2, then 3 to 5 in any order.
-TEST(SeededSimulatedQueueTest, BarriersDivideWhatMayBeReordered) {
+TEST(SeededSimulatedQueueTest, BarriersLimitReordering) {
   std::set<std::string> orders;
   for (std::uint64_t seed = 0; seed < 300; ++seed) {
     Simulation simulation({.order = RunOrder::seeded, .seed = seed, .faults = {}});

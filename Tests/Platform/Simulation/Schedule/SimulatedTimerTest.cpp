@@ -68,7 +68,7 @@ TEST_F(SimulatedTimerTest, RepeatsWithItsInterval) {
   EXPECT_EQ(fired_, (Moments{0s, 1s, 2s, 3s}));
 }
 
-TEST_F(SimulatedTimerTest, IsMadeSuspended) {
+TEST_F(SimulatedTimerTest, StartsSuspended) {
   timer_->setEventHandler(noting());
   timer_->schedule(1s, std::nullopt, 0ns);
   simulation_.advance(10s);
@@ -107,7 +107,7 @@ TEST_F(SimulatedTimerTest, ExpirationsDuringASlowHandlerAreMerged) {
   EXPECT_EQ(fired_, (Moments{1s, 4500ms, 5s, 6s}));
 }
 
-TEST_F(SimulatedTimerTest, AReplacedHandlerRunsInsteadOfTheOld) {
+TEST_F(SimulatedTimerTest, TheNewHandlerRunsInsteadOfTheOldOne) {
   int old = 0;
   timer_->setEventHandler([&old] { ++old; });
   timer_->schedule(1s, std::nullopt, 0ns);
@@ -211,7 +211,7 @@ TEST_F(SimulatedTimerTest, ASecondScheduleReplacesTheFirst) {
   EXPECT_EQ(fired_, (Moments{3s}));
 }
 
-TEST_F(SimulatedTimerTest, TheLongestDelayIsNoOverflow) {
+TEST_F(SimulatedTimerTest, TheLongestDelayDoesNotOverflow) {
   simulation_.advance(1s);
   timer_->setEventHandler(noting());
   timer_->schedule(std::chrono::nanoseconds::max(), std::nullopt, std::chrono::nanoseconds::max());
@@ -220,7 +220,7 @@ TEST_F(SimulatedTimerTest, TheLongestDelayIsNoOverflow) {
   EXPECT_TRUE(fired_.empty());
 }
 
-TEST_F(SimulatedTimerTest, AnIntervalHasToBePositive) {
+TEST_F(SimulatedTimerTest, AnIntervalMustBePositive) {
   EXPECT_THROW(timer_->schedule(0s, 0s, 0ns), std::logic_error);
 }
 

@@ -29,7 +29,7 @@ TEST(SimulatedUUIDSourceTest, IdentifiersDiffer) {
   EXPECT_EQ(seen.size(), 1000U);
 }
 
-TEST(SimulatedUUIDSourceTest, TheSeedDecides) {
+TEST(SimulatedUUIDSourceTest, TheSeedDeterminesTheIdentifiers) {
   Simulation one({.seed = 5, .faults = {}});
   Simulation same({.seed = 5, .faults = {}});
   Simulation other({.seed = 6, .faults = {}});
