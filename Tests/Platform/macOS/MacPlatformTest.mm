@@ -21,7 +21,7 @@ class MacPlatformTest : public ::testing::Test {
   MacPlatform platform_;
 };
 
-TEST_F(MacPlatformTest, LogLinesAreFinishedAndPublicAndKeepTheirLevel) {
+TEST_F(MacPlatformTest, LogLinesAreFormattedPublicAndKeepTheirLevel) {
   const auto log = platform_.makeLog("com.example", "Category");
   log->debug("debug %{public}s", {"text"});
   log->info("info %{public}d", {std::int64_t{-3}});
@@ -36,7 +36,7 @@ TEST_F(MacPlatformTest, LogLinesAreFinishedAndPublicAndKeepTheirLevel) {
   EXPECT_EQ(standin::loggedLines(), expected);
 }
 
-TEST_F(MacPlatformTest, DebugLinesThatNobodyWantsAreNotMade) {
+TEST_F(MacPlatformTest, DisabledDebugLinesAreNotFormatted) {
   standin::setDebugLogging(false);
   const auto log = platform_.makeLog("com.example", "Category");
   log->debug("debug");
@@ -50,7 +50,7 @@ TEST_F(MacPlatformTest, TheDefaultLogIsTheSystems) {
   EXPECT_EQ(standin::loggedLines(), expected);
 }
 
-TEST_F(MacPlatformTest, TheSystemLogTakesALineAsItIs) {
+TEST_F(MacPlatformTest, TheSystemLogKeepsALineUnchanged) {
   platform_.systemLog("OstravelProxy monitoring send failed: 100% %@ \u00fc");
   const auto lines = standin::systemLogLines();
   ASSERT_EQ(lines.size(), 1U);
@@ -62,8 +62,8 @@ TEST_F(MacPlatformTest, AProcessWithoutABundleHasNoIdentifier) {
   EXPECT_EQ(platform_.mainBundleIdentifier(), std::nullopt);
 }
 
-TEST_F(MacPlatformTest, SocketsHaveTheLayoutOfTheSystemThatTheyAreMadeOn) {
-  // What Darwin's bytes look like is tested by value, without a socket.
+TEST_F(MacPlatformTest, SocketAddressesHaveTheLayoutOfTheirSystem) {
+  // Darwin's layout is tested by its bytes, without a socket.
   EXPECT_EQ(platform_.sockets().addressLayout(), platform::SocketAddressLayout::linuxABI);
 }
 

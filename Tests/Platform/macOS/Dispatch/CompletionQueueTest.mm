@@ -43,7 +43,7 @@ TEST(CompletionQueueTest, ACompletionFindsItsOwnQueue) {
   EXPECT_NE(CompletionQueue::current(), queue);
 }
 
-// Of the many flows that bypass the proxy none has a completion.
+// Flows that bypass the proxy, which are many, have no completions.
 TEST(CompletionQueueTest, ADispatchQueueIsMadeForTheFirstCompletion) {
   // Far more than the queues of other tests that may end meanwhile.
   constexpr int kQueues = 100;

@@ -18,8 +18,8 @@ class SystemDispatchTimerTest : public ::testing::Test {
   MacPlatform platform_;
 };
 
-// The stand-in ends the process, as Dispatch does, when a source is released that was never active.
-TEST_F(SystemDispatchTimerTest, ATimerThatWasNeverResumedMayGo) {
+// The stand-in ends the process, as Dispatch does, when a source that was never active is released.
+TEST_F(SystemDispatchTimerTest, ATimerThatWasNeverResumedMayBeDestroyed) {
   const auto queue = platform_.makeQueue("timer", platform::DispatchQueueKind::serial);
   bool fired = false;
   for (const bool isCancelled : {false, true}) {
@@ -45,7 +45,7 @@ TEST_F(SystemDispatchTimerTest, ResumingTwiceIsHarmless) {
   SUCCEED();
 }
 
-TEST_F(SystemDispatchTimerTest, ATimerLetsGoOfItsHandler) {
+TEST_F(SystemDispatchTimerTest, ATimerReleasesItsHandler) {
   const auto queue = platform_.makeQueue("timer", platform::DispatchQueueKind::serial);
   auto held = std::make_shared<int>();
   const std::weak_ptr<int> weakHeld = held;

@@ -20,7 +20,7 @@ TEST_F(FlowErrorTest, NoErrorIsNone) {
   EXPECT_EQ(makeFlowError(std::nullopt), nil);
 }
 
-TEST_F(FlowErrorTest, AnErrorOfTheFlowsDomainStaysAsItIs) {
+TEST_F(FlowErrorTest, AnErrorOfTheFlowDomainIsUnchanged) {
   const platform::Error error{textOf(NEAppProxyErrorDomain), NEAppProxyFlowErrorTimedOut, "late"};
   NSError* const made = makeFlowError(error);
   EXPECT_EQ(errorFrom(made), error);
@@ -49,7 +49,7 @@ TEST_F(FlowErrorTest, AnErrorNumberBecomesTheNearestFlowError) {
   }
 }
 
-TEST_F(FlowErrorTest, TheOriginalErrorIsUnderneath) {
+TEST_F(FlowErrorTest, TheOriginalErrorIsTheUnderlyingOne) {
   const platform::Error error{"OstravelProxy", 1002, "Proxy CONNECT handshake timed out"};
   NSError* const made = makeFlowError(error);
   EXPECT_EQ([made code], NEAppProxyFlowErrorAborted);
@@ -57,7 +57,7 @@ TEST_F(FlowErrorTest, TheOriginalErrorIsUnderneath) {
   EXPECT_EQ(errorFrom([[made userInfo] objectForKey:NSUnderlyingErrorKey]), error);
 }
 
-TEST_F(FlowErrorTest, AnErrorOfTheSystemIsTheSameObjectUnderneath) {
+TEST_F(FlowErrorTest, ASystemErrorIsTheUnderlyingObjectItself) {
   NSError* const original = [NSError errorWithDomain:NSPOSIXErrorDomain
                                                 code:ECONNREFUSED
                                             userInfo:nil];
@@ -65,7 +65,7 @@ TEST_F(FlowErrorTest, AnErrorOfTheSystemIsTheSameObjectUnderneath) {
   EXPECT_EQ([[made userInfo] objectForKey:NSUnderlyingErrorKey], original);
 }
 
-TEST_F(FlowErrorTest, AnErrorWithoutDescriptionIsNoProblem) {
+TEST_F(FlowErrorTest, AnErrorWithoutADescriptionIsAccepted) {
   NSError* const made = makeFlowError(platform::Error{"Domain", 7, ""});
   EXPECT_EQ([[[made userInfo] objectForKey:NSUnderlyingErrorKey] code], 7);
 }

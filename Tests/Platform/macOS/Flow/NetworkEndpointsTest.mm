@@ -15,7 +15,7 @@ TEST_F(NetworkEndpointsTest, AHostEndpointKeepsItsParts) {
   EXPECT_EQ(hostEndpointFrom(makeNWHostEndpoint(endpoint)), endpoint);
 }
 
-TEST_F(NetworkEndpointsTest, NoEndpointAndAnotherKindAreAbsent) {
+TEST_F(NetworkEndpointsTest, MissingAndForeignEndpointsAreAbsent) {
   EXPECT_FALSE(hostEndpointFrom(nil));
   EXPECT_FALSE(hostEndpointFrom(standin::makeOtherEndpoint()));
 }

@@ -77,7 +77,7 @@ TEST_F(SystemTCPConnectionTest, EveryStateHasItsCounterpart) {
   }
 }
 
-TEST_F(SystemTCPConnectionTest, AStateOfTheFutureIsNoneOfThoseKnown) {
+TEST_F(SystemTCPConnectionTest, AnUnknownStateIsNoneOfThoseKnown) {
   change(static_cast<NWTCPConnectionState>(6));
   EXPECT_EQ(connection_->state(), TCPConnectionState::invalid);
 }
@@ -90,7 +90,7 @@ TEST_F(SystemTCPConnectionTest, AnObserverIsNotifiedOfEveryChangeOnce) {
   EXPECT_EQ(observer_->count(), 2);
 }
 
-TEST_F(SystemTCPConnectionTest, AChangeBeforeTheFirstObserverIsDeliveredLater) {
+TEST_F(SystemTCPConnectionTest, AChangeBeforeTheFirstObserverIsReportedLater) {
   change(NWTCPConnectionStateDisconnected);
   connection_->addObserver(observer_, "state");
   EXPECT_TRUE(waitUntil([this] { return observer_->count() == 1; }));
@@ -101,7 +101,7 @@ TEST_F(SystemTCPConnectionTest, AChangeBeforeTheFirstObserverIsDeliveredLater) {
   EXPECT_EQ(other->count(), 0);
 }
 
-TEST_F(SystemTCPConnectionTest, AConnectionThatIsMadeConnectedIsDeliveredLater) {
+TEST_F(SystemTCPConnectionTest, AConnectionThatStartsConnectedIsReportedLater) {
   @autoreleasepool {
     object_ = Reference<NWTCPConnection*>::retaining(standin::makeScriptedConnection());
   }
@@ -119,7 +119,7 @@ TEST_F(SystemTCPConnectionTest, AnObserverMayRemoveItselfWhenNotified) {
   EXPECT_EQ(observer_->count(), 1);
 }
 
-TEST_F(SystemTCPConnectionTest, RemovingWhatWasNotAddedHasNoEffect) {
+TEST_F(SystemTCPConnectionTest, RemovingAnUnknownObserverHasNoEffect) {
   connection_->removeObserver(*observer_, "state");
   connection_->addObserver(observer_, "state");
   connection_->removeObserver(*observer_, "state");
@@ -152,7 +152,7 @@ TEST_F(SystemTCPConnectionTest, MayEndWhileItsStateChangesOnAnotherThread) {
   SUCCEED();
 }
 
-// The stand-in ends the process when the connection goes before its notification has ended.
+// The stand-in ends the process when the connection is destroyed before its notification ends.
 TEST_F(SystemTCPConnectionTest, MayEndInsideItsNotification) {
   observer_->onValue = [this] {
     connection_.reset();
@@ -183,12 +183,12 @@ TEST_F(SystemTCPConnectionTest, MayBeCancelledInsideItsNotification) {
 }
 
 // Releasing the system's object may not end it.
-TEST_F(SystemTCPConnectionTest, CancelsTheConnectionWhenItEnds) {
+TEST_F(SystemTCPConnectionTest, DestructionCancelsTheConnection) {
   connection_.reset();
   EXPECT_TRUE(waitUntil([this] { return [object_.get() state] == NWTCPConnectionStateCancelled; }));
 }
 
-TEST_F(SystemTCPConnectionTest, TheErrorIsTheConnections) {
+TEST_F(SystemTCPConnectionTest, ItReportsTheConnectionsError) {
   EXPECT_FALSE(connection_->error());
   @autoreleasepool {
     change(NWTCPConnectionStateDisconnected, [ErrorWithoutText errorWithDomain:NSPOSIXErrorDomain
@@ -222,7 +222,7 @@ class SystemTCPConnectionReadTest : public SystemTCPConnectionTest {
   ReadResult result_;
 };
 
-TEST_F(SystemTCPConnectionReadTest, NeitherDataNorErrorIsPassedOnAsSuch) {
+TEST_F(SystemTCPConnectionReadTest, AReadWithoutDataOrErrorIsPassedOnAsSuch) {
   const auto& result = readOf(nil, nil);
   EXPECT_EQ(result.size, std::nullopt);
   EXPECT_FALSE(result.error);
@@ -244,7 +244,7 @@ TEST_F(SystemTCPConnectionReadTest, AnErrorExcludesData) {
   }
 }
 
-TEST(SystemTCPConnectionNilTest, AConnectionThatWasNotMadeFailsItsTransfersOnce) {
+TEST(SystemTCPConnectionNilTest, AMissingConnectionFailsItsTransfersOnce) {
   auto connection = SystemTCPConnection::make(nil);
   std::atomic<int> failures = 0;
   std::atomic<bool> isInsideCall = true;
@@ -270,7 +270,7 @@ TEST(SystemTCPConnectionNilTest, AConnectionThatWasNotMadeFailsItsTransfersOnce)
   EXPECT_EQ(failures, 2);
 }
 
-TEST(SystemTCPConnectionNilTest, AConnectionThatWasNotMadeStaysInvalid) {
+TEST(SystemTCPConnectionNilTest, AMissingConnectionStaysInvalid) {
   const auto connection = SystemTCPConnection::make(nil);
   connection->addObserver(std::make_shared<CountingObserver>(), "state");
   connection->cancel();

@@ -39,11 +39,11 @@ class SystemTCPFlowTest : public ::testing::Test {
   NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
 };
 
-TEST_F(SystemTCPFlowTest, AnIdentifierThatIsMissingIsEmpty) {
+TEST_F(SystemTCPFlowTest, AMissingIdentifierIsEmpty) {
   EXPECT_EQ(makeTCPFlow({.signingIdentifier = nil})->sourceAppSigningIdentifier(), "");
 }
 
-TEST_F(SystemTCPFlowTest, MetadataThatIsMissingIsAnEmptyIdentifier) {
+TEST_F(SystemTCPFlowTest, MissingMetadataMeansAnEmptyIdentifier) {
   EXPECT_EQ(makeTCPFlow({.hasMetaData = false})->sourceAppSigningIdentifier(), "");
 }
 
@@ -86,7 +86,7 @@ TEST_F(SystemTCPFlowTest, EachSideIsClosedWithItsOwnError) {
             (platform::Error{"OstravelProxy", 1001, "backlog"}));
 }
 
-TEST(SystemOtherFlowTest, AFlowThatIsNilIsHarmless) {
+TEST(SystemOtherFlowTest, ANilFlowIsHarmless) {
   SystemOtherFlow flow(nil);
   EXPECT_EQ(flow.sourceAppSigningIdentifier(), "");
   flow.closeRead(std::nullopt);

@@ -25,7 +25,7 @@ TEST_F(FoundationDataTest, AChunkKeepsItsObject) {
   EXPECT_EQ(static_cast<char>(chunk->bytes().back()), 'o');
 }
 
-TEST_F(FoundationDataTest, AnObjectGivenBackOutlivesItsChunk) {
+TEST_F(FoundationDataTest, AReturnedObjectOutlivesItsChunk) {
   NSData* const data = [[NSData alloc] initWithBytes:"hello" length:5];
   auto chunk = dataFrom(data);
   [data release];

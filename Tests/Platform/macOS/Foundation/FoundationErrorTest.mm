@@ -23,7 +23,7 @@ TEST_F(FoundationErrorTest, AnErrorKeepsItsDomainCodeAndDescription) {
   EXPECT_EQ(errorFrom(makeNSError(expected)), expected);
 }
 
-TEST_F(FoundationErrorTest, AnErrorOfTheSystemComesBackAsTheSameObject) {
+TEST_F(FoundationErrorTest, ASystemErrorConvertsBackToTheSameObject) {
   NSError* const underlying = [NSError errorWithDomain:NSPOSIXErrorDomain code:61 userInfo:nil];
   NSError* const error = [[NSError alloc]
       initWithDomain:NETunnelProviderErrorDomain
@@ -35,14 +35,14 @@ TEST_F(FoundationErrorTest, AnErrorOfTheSystemComesBackAsTheSameObject) {
   EXPECT_EQ([[makeNSError(value) userInfo] objectForKey:NSUnderlyingErrorKey], underlying);
 }
 
-TEST_F(FoundationErrorTest, AnErrorObjectGivenBackOutlivesItsValue) {
+TEST_F(FoundationErrorTest, AReturnedErrorObjectOutlivesItsValue) {
   auto value = errorFrom([NSError errorWithDomain:@"Domain" code:7 userInfo:nil]);
   NSError* const given = makeNSError(value);
   value.reset();
   EXPECT_EQ([given code], 7);
 }
 
-TEST_F(FoundationErrorTest, NoErrorIsNoError) {
+TEST_F(FoundationErrorTest, NoErrorConvertsToNoError) {
   EXPECT_FALSE(errorFrom(nil));
   EXPECT_EQ(makeNSError(std::nullopt), nil);
 }
@@ -52,13 +52,13 @@ TEST_F(FoundationErrorTest, AnErrorWithoutDescriptionHasAnEmptyOne) {
   EXPECT_EQ(errorFrom(error), (platform::Error{"Domain", -1, ""}));
 }
 
-TEST_F(FoundationErrorTest, TheUserInformationHoldsTheDescriptionAndNothingElse) {
+TEST_F(FoundationErrorTest, TheUserInfoHoldsOnlyTheDescription) {
   NSError* const error = makeNSError(platform::Error{"OstravelProxy", 1002, "timed out"});
   EXPECT_EQ([[error userInfo] count], 1U);
   EXPECT_EQ(textOf([[error userInfo] objectForKey:NSLocalizedDescriptionKey]), "timed out");
 }
 
-TEST_F(FoundationErrorTest, WithoutADescriptionTheSystemWordsIt) {
+TEST_F(FoundationErrorTest, TheSystemDescribesAnErrorWithoutADescription) {
   NSError* const error = makeNSError(platform::Error{"NSPOSIXErrorDomain", 61, ""});
   EXPECT_EQ([[error userInfo] count], 0U);
   EXPECT_GT([[error localizedDescription] length], 0U);

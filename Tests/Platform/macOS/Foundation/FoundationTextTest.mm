@@ -18,7 +18,7 @@ TEST_F(FoundationTextTest, TextKeepsEveryCharacter) {
   }
 }
 
-TEST_F(FoundationTextTest, NoTextIsEmptyText) {
+TEST_F(FoundationTextTest, NilTextIsEmpty) {
   EXPECT_EQ(textOf(nil), "");
 }
 

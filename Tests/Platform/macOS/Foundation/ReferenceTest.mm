@@ -15,7 +15,7 @@ NSUInteger countOf(NSObject* object) {
   return [object retainCount];
 }
 
-TEST(ReferenceTest, AdoptingTakesTheCallersReferenceOver) {
+TEST(ReferenceTest, AdoptingTakesOverTheCallersReference) {
   NSObject* const object = [[NSObject alloc] init];
   [object retain];
   {
@@ -27,7 +27,7 @@ TEST(ReferenceTest, AdoptingTakesTheCallersReferenceOver) {
   [object release];
 }
 
-TEST(ReferenceTest, RetainingAndCopyingTakeOneMoreEach) {
+TEST(ReferenceTest, RetainingAndCopyingAddOneReferenceEach) {
   NSObject* const object = [[NSObject alloc] init];
   {
     const auto first = Reference<NSObject*>::retaining(object);
@@ -38,7 +38,7 @@ TEST(ReferenceTest, RetainingAndCopyingTakeOneMoreEach) {
   [object release];
 }
 
-TEST(ReferenceTest, MovingTakesNone) {
+TEST(ReferenceTest, MovingAddsNoReference) {
   NSObject* const object = [[NSObject alloc] init];
   auto first = Reference<NSObject*>::retaining(object);
   auto second = std::move(first);
@@ -67,7 +67,7 @@ TEST(ReferenceTest, NilMayBeHeld) {
   EXPECT_FALSE(noBlock.get());
 }
 
-TEST(ReferenceTest, ABlockOutlivesItsScopeWithWhatItCaptured) {
+TEST(ReferenceTest, ABlockAndItsCapturesOutliveTheirScope) {
   NSObject* const object = [[NSObject alloc] init];
   const auto shared = std::make_shared<int>(42);
   {

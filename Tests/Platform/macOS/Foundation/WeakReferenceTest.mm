@@ -22,7 +22,7 @@ TEST(WeakReferenceTest, ReturnsTheObjectWhileItExists) {
   EXPECT_EQ(weak.lock().get(), object.get());
 }
 
-TEST(WeakReferenceTest, IsNilWhenTheObjectHasGone) {
+TEST(WeakReferenceTest, IsNilOnceTheObjectIsDestroyed) {
   auto object = makeObject();
   const WeakReference<Provider> weak(object.get());
   object = {};
@@ -44,7 +44,7 @@ TEST(WeakReferenceTest, MayReferToNil) {
   EXPECT_EQ(weak.lock().get(), nil);
 }
 
-TEST(WeakReferenceTest, MayBeLockedWhileTheObjectGoes) {
+TEST(WeakReferenceTest, MayBeLockedWhileTheObjectIsDestroyed) {
   for (int i = 0; i < 200; ++i) {
     auto object = makeObject();
     const WeakReference<Provider> weak(object.get());

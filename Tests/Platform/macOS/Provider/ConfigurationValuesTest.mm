@@ -36,7 +36,7 @@ TEST_F(ConfigurationValuesTest, AConfigurationKeepsTextNumbersAndTruthValues) {
   EXPECT_EQ(configurationFrom(dictionary), expected);
 }
 
-TEST_F(ConfigurationValuesTest, OtherValuesAreThereWithoutTheirContents) {
+TEST_F(ConfigurationValuesTest, OtherValuesKeepTheirKeysOnly) {
   NSDictionary* const dictionary = @{
     @"null" : [NSNull null],
     @"list" : [NSArray array],

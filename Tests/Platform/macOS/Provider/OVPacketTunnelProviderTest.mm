@@ -52,7 +52,7 @@ class OVPacketTunnelProviderTest : public ::testing::Test {
   };
 
   NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
-  // The first line is written when the object is made.
+  // The first line is written when the object is created.
   const EmptyLog emptyLog_;
 
  protected:
@@ -122,7 +122,7 @@ TEST_F(OVPacketTunnelProviderTest, AnErrorWithoutDescriptionIsPassedOn) {
   EXPECT_TRUE(wasLogged("OstravelProxy: Failed to set rules: "));
 }
 
-TEST_F(OVPacketTunnelProviderTest, StartsThatOverlapReachTheCoreOnce) {
+TEST_F(OVPacketTunnelProviderTest, OverlappingStartsReachTheCoreOnce) {
   const standin::BehaviourScope behaviour({.crashesOnRepeatedSettings = true});
   const auto hold = standin::holdSettings(provider_.get());
   const auto first = provider_.start();
@@ -164,7 +164,7 @@ TEST_F(OVPacketTunnelProviderTest, AStartAfterAStopReachesTheCore) {
   EXPECT_EQ(standin::appliedSettings(provider_.get()).size(), 2U);
 }
 
-// What the stand-in is good for: it does end a process that applies its settings twice.
+// Tests the stand-in itself: it ends a process that applies its settings twice.
 TEST_F(OVPacketTunnelProviderTest, TheStandInCrashesOnRepeatedSettings) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
@@ -177,7 +177,7 @@ TEST_F(OVPacketTunnelProviderTest, TheStandInCrashesOnRepeatedSettings) {
       "Over-resume");
 }
 
-TEST_F(OVPacketTunnelProviderTest, TheStartIsAnsweredWhenTheProviderHasGone) {
+TEST_F(OVPacketTunnelProviderTest, TheStartIsAnsweredAfterTheProviderIsDestroyed) {
   const auto hold = standin::holdSettings(provider_.get());
   const auto answer = provider_.start();
   provider_.release();
@@ -191,7 +191,7 @@ TEST_F(OVPacketTunnelProviderTest, TheStartIsAnsweredWhenTheProviderHasGone) {
   EXPECT_FALSE(wasLogged("OstravelProxy: Rules set successfully"));
 }
 
-TEST_F(OVPacketTunnelProviderTest, AFailedStartIsAnsweredWhenTheProviderHasGone) {
+TEST_F(OVPacketTunnelProviderTest, AFailedStartIsAnsweredAfterTheProviderIsDestroyed) {
   standin::failSettings(provider_.get(), [NSError errorWithDomain:@"Domain" code:4 userInfo:nil]);
   const auto hold = standin::holdSettings(provider_.get());
   const auto answer = provider_.start();
@@ -233,14 +233,14 @@ TEST_F(OVPacketTunnelProviderTest, EveryStopIsAnswered) {
   EXPECT_EQ(provider_.stop(static_cast<NEProviderStopReason>(99))->count, 1);
 }
 
-TEST_F(OVPacketTunnelProviderTest, TheCoreGoesWithThePrincipalObject) {
+TEST_F(OVPacketTunnelProviderTest, TheCoreIsDestroyedWithThePrincipalObject) {
   provider_.startUp();
   provider_.stop();
   provider_.release();
   EXPECT_TRUE(waitUntil([] { return wasLogged("OstravelProxy: deinit"); }));
 }
 
-// Configurations that name no path: the start succeeds, and nothing is sent or complained about.
+// Configurations that name no path: the start succeeds, and nothing is sent or logged about it.
 class NoMonitoringPathTest : public OVPacketTunnelProviderTest {
  protected:
   void expectSilence() {
@@ -289,7 +289,7 @@ TEST_F(NoMonitoringPathTest, NothingButWhiteSpace) {
   expectSilence();
 }
 
-TEST_F(OVPacketTunnelProviderTest, APathWhereNobodyListensIsOneSystemLogLineForEachEvent) {
+TEST_F(OVPacketTunnelProviderTest, APathWithoutAListenerIsOneSystemLogLinePerEvent) {
   provider_.configure(@{@"monitoringSocketPath" : @"/nonexistent/events"});
   provider_.startUp();
   ASSERT_TRUE(waitUntil([] { return !standin::systemLogLines().empty(); }));

@@ -12,10 +12,10 @@
 
 namespace ostravel::macos::test {
 
-// How often a completion handler of the system was called, and with what.
+// How often a completion handler of the system was called, and its last argument.
 struct Answer {
   std::atomic<int> count = 0;
-  // Retained; of the last answer.
+  // Retained; the error of the last answer.
   Reference<NSError*> error() const {
     const std::lock_guard guard(lock);
     return lastError;
@@ -42,7 +42,7 @@ class PrincipalObject {
   std::shared_ptr<Answer> stop(NEProviderStopReason reason = NEProviderStopReasonUserInitiated);
   // As the system offers a flow of any kind; true when it was taken.
   bool offer(NEAppProxyFlow* flow);
-  // The system lets go of the object.
+  // The system releases the object.
   void release() { object_ = {}; }
 
   NETransparentProxyProvider* get() const { return object_.get(); }

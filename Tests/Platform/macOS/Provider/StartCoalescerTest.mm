@@ -10,7 +10,7 @@ namespace {
 
 class StartCoalescerTest : public ::testing::Test {
  protected:
-  // Notes the answer under the name of the start.
+  // Records the answer under the name of the start.
   platform::ErrorCompletion noting(const std::string& name) {
     return [this, name](const platform::OptionalError& error) {
       answers_.push_back(name + (error ? " failed with " + std::to_string(error->code) : " runs"));
@@ -73,7 +73,7 @@ TEST_F(StartCoalescerTest, ACompletionMayStartAgain) {
   EXPECT_EQ(answers_, Answers());
 }
 
-TEST_F(StartCoalescerTest, TheResultMayComeAfterTheCoalescerHasGone) {
+TEST_F(StartCoalescerTest, TheResultMayComeAfterTheCoalescerIsDestroyed) {
   std::optional<platform::ErrorCompletion> completion;
   {
     StartCoalescer starts;

@@ -28,7 +28,7 @@ std::ostream& operator<<(std::ostream& stream, const Mode& mode) {
   return stream << mode.name;
 }
 
-// A base, so that it is there before the provider and until after it.
+// A base class, so that it is constructed before the provider and destroyed after it.
 class ModeScope : public ::testing::WithParamInterface<Mode> {
  private:
   const BehaviourScope scope_{GetParam().behaviour};
@@ -90,15 +90,15 @@ TEST_P(SystemBehaviourTest, ASecondStartChangesNothing) {
   EXPECT_EQ(standin::appliedSettings(provider_.get()).size(), 1U);
 }
 
-TEST_P(SystemBehaviourTest, AFlowThatIsNotTakenGoesOnWithoutTheProvider) {
+TEST_P(SystemBehaviourTest, AFlowThatIsNotTakenContinuesWithoutTheProvider) {
   const auto flow = offerTCP({.signingIdentifier = @"com.apple.trustd",
                               .endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")});
   EXPECT_FALSE(flow.wasTaken);
   EXPECT_TRUE(waitUntil([&flow] { return flow.record->wasLeftToSystem(); }));
 }
 
-// A flow that was taken and lost its provider before it opened: nothing closes it.
-TEST_P(SystemBehaviourTest, ATakenFlowEndsAsTheSystemHasIt) {
+// A flow that was taken and whose provider is destroyed before it opens: nothing closes it.
+TEST_P(SystemBehaviourTest, ATakenFlowEndsAsTheSystemDecides) {
   const auto flow = outliveProvider();
   const auto& record = flow.record;
   switch (releasedFlow()) {
@@ -133,10 +133,10 @@ INSTANTIATE_TEST_SUITE_P(
               .releasedFlow = ReleasedFlow::stays}}),
     [](const auto& tested) { return tested.param.name; });
 
-// A proxy that goes between the last probe and the connection of a flow.
+// A proxy that ends between the last probe and the connection of a flow.
 class RefusedConnectionTest : public ScriptedProxyTest {};
 
-TEST_F(RefusedConnectionTest, OneThatDisconnectsEndsTheFlowAtOnce) {
+TEST_F(RefusedConnectionTest, ADisconnectionEndsTheFlowAtOnce) {
   const BehaviourScope behaviour({.refusesConnections = true});
   const auto flow = offerTCP("192.0.2.1", 443);
   ASSERT_TRUE(flow.wasTaken);
@@ -148,12 +148,12 @@ TEST_F(RefusedConnectionTest, OneThatDisconnectsEndsTheFlowAtOnce) {
   EXPECT_FALSE(offerTCP("192.0.2.1", 443).wasTaken);
 }
 
-TEST_F(RefusedConnectionTest, OneThatWaitsEndsAtTheHandshakeLimit) {
+TEST_F(RefusedConnectionTest, AWaitEndsAtTheHandshakeLimit) {
   for (const bool notifiesInside : {false, true}) {
     const BehaviourScope behaviour({.refusedConnection = RefusedConnection::waits,
                                     .refusesConnections = true,
                                     .notifiesInsideCancel = notifiesInside});
-    // The probe after the handshake limit of the round before opens the gate again.
+    // The probe after the previous round's handshake limit opens the gate again.
     std::optional<OfferedFlow> flow;
     ASSERT_TRUE(waitUntil([&] {
       flow.emplace(offerTCP("192.0.2.1", 443));

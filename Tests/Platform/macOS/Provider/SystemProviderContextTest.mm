@@ -62,7 +62,7 @@ TEST_F(SystemProviderContextTest, SettingsAreNeverAnsweredInsideTheCall) {
   EXPECT_NE(thread_, std::this_thread::get_id());
 }
 
-TEST_F(SystemProviderContextTest, SettingsMayBeAnsweredAfterTheProvider) {
+TEST_F(SystemProviderContextTest, SettingsMayBeAnsweredAfterTheProviderIsDestroyed) {
   const auto hold = standin::holdSettings(provider_.get());
   apply();
   provider_ = {};
@@ -71,7 +71,7 @@ TEST_F(SystemProviderContextTest, SettingsMayBeAnsweredAfterTheProvider) {
   EXPECT_TRUE(awaitAnswer());
 }
 
-TEST_F(SystemProviderContextTest, TheLastReferenceMayGoInsideTheCall) {
+TEST_F(SystemProviderContextTest, TheLastReferenceMayBeReleasedInsideTheCall) {
   for (const bool answersInside : {false, true}) {
     const standin::BehaviourScope behaviour({.answersSettingsInsideTheCall = answersInside});
     auto provider = Provider::adopting([[NETransparentProxyProvider alloc] init]);
@@ -85,8 +85,8 @@ TEST_F(SystemProviderContextTest, TheLastReferenceMayGoInsideTheCall) {
   }
 }
 
-// The system may call back into the core, which asks the context again.
-TEST_F(SystemProviderContextTest, AnOperationMayBeAskedForInsideAnother) {
+// The system may call back into the core, which calls the context again.
+TEST_F(SystemProviderContextTest, AnOperationMayBeCalledInsideAnother) {
   bool wasAsked = false;
   standin::onSettings(provider_.get(), [&] {
     EXPECT_FALSE(context_.protocolConfiguration());
@@ -110,7 +110,7 @@ TEST_F(SystemProviderContextTest, WithoutItsProviderItFailsEverything) {
   EXPECT_EQ(connection->state(), platform::TCPConnectionState::invalid);
 }
 
-TEST_F(SystemProviderContextTest, MayBeAskedWhileTheProviderGoes) {
+TEST_F(SystemProviderContextTest, MayBeCalledWhileTheProviderIsDestroyed) {
   for (int i = 0; i < 100; ++i) {
     auto provider = Provider::adopting([[NETransparentProxyProvider alloc] init]);
     standin::setProtocolConfiguration(provider.get(),

@@ -60,7 +60,7 @@ class WholeFlowTest : public ::testing::Test {
     [pool_ release];
   }
 
-  // What the fixture makes is gone before the test's own pool.
+  // Drains what the fixture makes before the test's own pool does.
   NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
 
   // prepare may say how the flow behaves; it is called before the provider gets it.
@@ -88,7 +88,8 @@ class WholeFlowTest : public ::testing::Test {
     return offerTCP("127.0.0.1", origin.port(), prepare);
   }
 
-  // A flow whose opening has not completed when its provider goes, and completes afterwards.
+  // A flow whose opening has not completed when its provider is destroyed, and completes
+  // afterwards.
   OfferedFlow outliveProvider() {
     auto flow = offerTCP({.endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")},
                          [](auto& record) { record.holdOpening(); });
@@ -104,7 +105,7 @@ class WholeFlowTest : public ::testing::Test {
     provider_.startUp();
     ASSERT_TRUE(waitUntil([this] {
       @autoreleasepool {
-        // Refused at once when it is taken, and so without a trace.
+        // Refused at once when it is taken, so it leaves no trace.
         return provider_.offer(standin::makeUDPFlow({.signingIdentifier = @"com.example.probe"}));
       }
     }));

@@ -18,7 +18,7 @@ namespace {
 
 // Without a proxy
 
-TEST_F(WholeFlowTest, WithoutAProxyEveryFlowIsTheSystems) {
+TEST_F(WholeFlowTest, WithoutAProxyEveryFlowIsLeftToTheSystem) {
   provider_.startUp();
   standin::settleWorkers();
   EXPECT_FALSE(offerTCP("192.0.2.1", 443).wasTaken);
@@ -63,7 +63,7 @@ TEST_F(CompanionFlowTest, ATCPFlowIsCarriedUntilTheOriginEnds) {
   sender.join();
 }
 
-TEST_F(CompanionFlowTest, TheEventsTellTheFlowsStory) {
+TEST_F(CompanionFlowTest, TheEventsDescribeTheFlow) {
   const TestListener origin;
   const auto flow = offerTCPTo(origin);
   EXPECT_FALSE(awaitEvent("provider_started").empty());
@@ -91,24 +91,24 @@ TEST_F(CompanionFlowTest, AUDPFlowWithoutALocalEndpointIsRefused) {
   EXPECT_TRUE(provider_.offer(standin::makeUDPFlow({.endpoint = standin::makeOtherEndpoint()})));
 }
 
-TEST_F(CompanionFlowTest, AFlowOfAnUnknownKindIsTheSystems) {
+TEST_F(CompanionFlowTest, AFlowOfAnUnknownKindIsLeftToTheSystem) {
   NEAppProxyFlow* const flow = standin::makeUnknownFlow({});
   EXPECT_FALSE(provider_.offer(flow));
   EXPECT_FALSE(standin::recordOf(flow)->isReadClosed());
 }
 
-TEST_F(CompanionFlowTest, NoFlowIsTheSystems) {
+TEST_F(CompanionFlowTest, ANilFlowIsLeftToTheSystem) {
   EXPECT_FALSE(provider_.offer(nil));
 }
 
-TEST_F(CompanionFlowTest, AnExemptApplicationsFlowIsTheSystems) {
+TEST_F(CompanionFlowTest, AnExemptApplicationsFlowIsLeftToTheSystem) {
   const auto flow = offerTCP({.signingIdentifier = @" com.apple.trustd\n",
                               .endpoint = standin::makeHostEndpoint(@"192.0.2.1", @"443")});
   EXPECT_FALSE(flow.wasTaken);
   EXPECT_FALSE(flow.record->isOpened());
 }
 
-TEST_F(CompanionFlowTest, AFlowToTheProxyItselfIsTheSystems) {
+TEST_F(CompanionFlowTest, AFlowToTheProxyItselfIsLeftToTheSystem) {
   EXPECT_FALSE(offerTCP("127.0.0.1", kProxyPort).wasTaken);
   EXPECT_FALSE(offerTCP("localhost", kProxyPort).wasTaken);
 }
@@ -129,7 +129,7 @@ TEST_F(CompanionFlowTest, AFlowIsCarriedWithoutAnIdentifier) {
   }
 }
 
-TEST_F(CompanionFlowTest, AFlowWithoutAHostEndpointIsAskedOfTheProxyWhichRefusesIt) {
+TEST_F(CompanionFlowTest, TheProxyRefusesAFlowWithoutAHostEndpoint) {
   for (NWEndpoint* endpoint : {static_cast<NWEndpoint*>(nil), standin::makeOtherEndpoint(),
                                static_cast<NWEndpoint*>(standin::makeHostEndpoint(nil, nil))}) {
     const auto flow = offerTCP({.endpoint = endpoint});
@@ -151,20 +151,20 @@ TEST_F(CompanionFlowTest, AFlowThatCannotBeOpenedIsClosedWithItsError) {
   ASSERT_TRUE(flow.wasTaken);
   const auto& record = flow.record;
   ASSERT_TRUE(waitUntil([&] { return record->isWriteClosed(); }));
-  // The object itself, not one like it.
+  // The object itself, not an equal one.
   EXPECT_EQ(record->closeReadError(), error);
   EXPECT_EQ(record->closeWriteError(), error);
   EXPECT_TRUE(wasLogged("OstravelProxy: Failed to open flow: aborted"));
 }
 
-TEST_F(CompanionFlowTest, AFlowThatOpensAfterTheProviderHasGoneIsReset) {
+TEST_F(CompanionFlowTest, AFlowThatOpensAfterTheProviderIsDestroyedIsReset) {
   const auto flow = outliveProvider();
   EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
   EXPECT_FALSE(flow.record->wasLeftToSystem());
   EXPECT_FALSE(flow.record->isReadClosed());
 }
 
-TEST_F(CompanionFlowTest, AReadOfNeitherDataNorErrorIsTheEnd) {
+TEST_F(CompanionFlowTest, AReadWithoutDataOrErrorIsTheEnd) {
   const TestListener origin;
   const auto flow = offerTCPTo(origin, [](auto& record) { record.setNextRead(nil, nil); });
   ASSERT_TRUE(flow.wasTaken);
@@ -184,7 +184,7 @@ TEST_F(CompanionFlowTest, AReadErrorClosesBothSidesWithIt) {
   EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
 }
 
-TEST_F(CompanionFlowTest, FlowsGoOnAfterASecondStart) {
+TEST_F(CompanionFlowTest, FlowsContinueAfterASecondStart) {
   provider_.startUp();
   const TestListener origin;
   const auto flow = offerTCPTo(origin);
@@ -193,7 +193,7 @@ TEST_F(CompanionFlowTest, FlowsGoOnAfterASecondStart) {
   EXPECT_EQ(origin.accept().receive(1), "x");
 }
 
-TEST_F(CompanionFlowTest, StoppingLetsGoOfTheTunnels) {
+TEST_F(CompanionFlowTest, StoppingReleasesTheTunnels) {
   const TestListener origin;
   const auto flow = offerTCPTo(origin);
   ASSERT_TRUE(flow.wasTaken);
@@ -201,7 +201,7 @@ TEST_F(CompanionFlowTest, StoppingLetsGoOfTheTunnels) {
   const auto connection = origin.accept();
   EXPECT_EQ(connection.receive(1), "x");
   EXPECT_EQ(provider_.stop()->count, 1);
-  // Nothing of it is held any more, so the system takes both ends down.
+  // Nothing holds it any more, so the system closes both ends.
   connection.receiveToEnd();
   flow.application.waitForEnd();
 }
@@ -232,8 +232,8 @@ TEST_F(CompanionFlowTest, ManyFlowsAtOnceDoNotMix) {
 }
 
 // What most of nine rounds of the same work leave behind: objects and, where the allocator knows,
-// more memory than the allowance. What the work itself leaves, every round leaves; another thread
-// for the work, or a table that grows, only some do. Empty, or what was left.
+// more memory than the allowance. Every round shows a leak of the work; only some show a new thread
+// or a growing table. Empty if nothing was left.
 std::string leftBehind(std::size_t allowance, const std::function<void()>& round) {
   constexpr int kRounds = 9;
   // Longer than sockets linger.
@@ -283,7 +283,7 @@ TEST_F(CompanionFlowTest, FlowsLeaveNothingBehind) {
 
 TEST_F(CompanionFlowTest, TheProviderLeavesNothingBehind) {
   constexpr std::size_t kProviders = 5;
-  // A provider has kilobytes of lists and queues.
+  // A provider takes kilobytes for its lists and queues.
   constexpr std::size_t kAllowance = kProviders * 512;
   const auto live = [this] {
     @autoreleasepool {
@@ -303,7 +303,7 @@ TEST_F(CompanionFlowTest, TheProviderLeavesNothingBehind) {
 
 // With a proxy that the test plays
 
-TEST_F(ScriptedProxyTest, TheProxyIsAskedWithBothIdentifiers) {
+TEST_F(ScriptedProxyTest, TheRequestCarriesBothIdentifiers) {
   const auto flow = offerTCP("2001:db8::1", 443);
   ASSERT_TRUE(flow.wasTaken);
   const auto tunnel = acceptTunnel();
@@ -331,7 +331,7 @@ TEST_F(ScriptedProxyTest, ARefusalIsAnOrderlyEnd) {
   EXPECT_FALSE(closeError(flow));
 }
 
-TEST_F(ScriptedProxyTest, AResetDuringTheHandshakeIsTheApplicationsToo) {
+TEST_F(ScriptedProxyTest, AResetDuringTheHandshakeReachesTheApplication) {
   const auto flow = offerTCP("192.0.2.1", 443);
   acceptTunnel().reset();
   EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
@@ -341,7 +341,7 @@ TEST_F(ScriptedProxyTest, AResetDuringTheHandshakeIsTheApplicationsToo) {
   EXPECT_EQ([flow.record->closeWriteError() code], NEAppProxyFlowErrorPeerReset);
 }
 
-TEST_F(ScriptedProxyTest, ASilentProxyIsGivenFiveSeconds) {
+TEST_F(ScriptedProxyTest, ASilentProxyHasFiveSeconds) {
   const auto flow = offerTCP("192.0.2.1", 443);
   const auto tunnel = acceptTunnel();
   EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);
@@ -350,7 +350,7 @@ TEST_F(ScriptedProxyTest, ASilentProxyIsGivenFiveSeconds) {
   tunnel.waitForEnd();
 }
 
-TEST_F(ScriptedProxyTest, AConnectionThatTheSystemDoesNotMakeTimesOut) {
+TEST_F(ScriptedProxyTest, AMissingConnectionTimesOut) {
   standin::setConnectionCreationFailure(true);
   const auto flow = offerTCP("192.0.2.1", 443);
   EXPECT_EQ(flow.application.waitForEnd(), TestSocket::End::reset);

@@ -12,8 +12,8 @@
 
 namespace ostravel::macos::test {
 
-// Bytes that the program has allocated and not yet freed. Only AddressSanitizer's allocator tells
-// exactly; others count what they keep for later as well, and are not asked.
+// Bytes that the program has allocated and not yet freed. Exact only with AddressSanitizer's
+// allocator; others include what they keep for later, and are not asked.
 inline std::optional<std::size_t> memoryInUse() {
 #ifdef OSTRAVEL_EXACT_ALLOCATOR
   return __sanitizer_get_current_allocated_bytes();
