@@ -1,12 +1,12 @@
 // Blocks retain the objects that they capture, as on a Mac. The block runtime of this machine only
-// copies the pointers; its functions give way to those of the program.
+// copies the pointers; the program's functions replace the runtime's.
 
 #import <Foundation/Foundation.h>
 #include <dlfcn.h>
 
 namespace {
 
-// What the compiler says of a captured object.
+// The compiler's flags for a captured object.
 constexpr int kIsObject = 3;
 
 using Assign = void (*)(void* destination, const void* object, int kind);

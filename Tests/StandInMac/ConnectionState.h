@@ -16,8 +16,8 @@
 
 namespace ostravel::standin {
 
-// The state of a connection object. Work under way holds this, not the object, and finds the object
-// while something else holds it.
+// The state of a connection object. Operations in flight hold this, not the object, and can find
+// the object while something else holds it.
 class ConnectionState final : public std::enable_shared_from_this<ConnectionState> {
  public:
   using ErrorBlock = macos::Reference<macos::ErrorBlock>;
@@ -36,7 +36,7 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   NWTCPConnectionState state() const;
   // Autoreleased; nil for none.
   NSError* error() const;
-  // Notifies the observers, on this thread. A cancelled connection stays what it is.
+  // Notifies the observers, on this thread. A cancelled connection keeps its state.
   void setState(NWTCPConnectionState state, NSError* error);
 
   void read(std::size_t minimum, std::size_t maximum, ReadBlock completion);
@@ -51,7 +51,8 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   // Null if the object is destroyed or being destroyed.
   macos::Reference<NWTCPConnection*> object();
   void finishConnecting(int error);
-  // Starts the operation, now or once it is connected, or has it fail. Expects the lock to be held.
+  // Starts the operation, now or once it is connected, or lets it fail. Expects the lock to be
+  // held.
   void startWhenConnected(std::function<void(int error)> operation);
   void endWaiting(int error);
   // A failure of an operation ends an established connection.
@@ -72,7 +73,7 @@ class ConnectionState final : public std::enable_shared_from_this<ConnectionStat
   std::shared_ptr<StreamSocket> socket_;
   NWTCPConnectionState state_ = NWTCPConnectionStateInvalid;
   macos::Reference<NSError*> error_;
-  // Operations that were asked for while it is being connected; each is given an errno value.
+  // Operations that were requested while it is connecting; each receives an errno value.
   std::vector<std::function<void(int error)>> waiting_;
   bool isReading_ = false;
   bool isWriting_ = false;

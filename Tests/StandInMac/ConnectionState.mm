@@ -51,7 +51,7 @@ macos::Reference<NWTCPConnection*> ConnectionState::object() {
 
 bool ConnectionState::releaseObject() {
   const bool isLast = life_.release();
-  // One reference is the notification's, which on a Mac nothing is known to hold.
+  // One reference belongs to the notification; it is unknown whether anything holds it on a Mac.
   if (life_.references() == 1 && notifyingThread_ == std::this_thread::get_id()) {
     std::fputs("BROKEN RULE: a connection was released inside its own notification\n", stderr);
     std::abort();

@@ -26,7 +26,7 @@ using ostravel::standin::WorkQueue;
 @implementation StandInQueue
 @end
 
-// The one object of this class is the main queue: not made, never released.
+// The only object of this class is the main queue: never created, never released.
 @interface StandInMainQueue : NSObject <OS_dispatch_queue>
 @end
 
@@ -38,7 +38,7 @@ using ostravel::standin::WorkQueue;
 
 namespace {
 
-// As the library does when it is used against its rules.
+// As the library does when its rules are broken.
 [[noreturn]] void crash(const char* reason) {
   std::fprintf(stderr, "BUG IN CLIENT OF DISPATCH: %s\n", reason);
   std::abort();
@@ -58,8 +58,8 @@ TimerState::Time timeOf(dispatch_time_t time) {
   return TimerState::Time(std::chrono::nanoseconds(time));
 }
 
-// How many times faster than real time delayed work comes, so that tests need not wait for what
-// takes long.
+// How many times faster than real time delayed work runs, so that tests need not wait for long
+// delays.
 std::int64_t speed() {
   const char* const text = std::getenv("STANDIN_SPEED");
   return text != nullptr ? std::atoll(text) : 1;
@@ -132,7 +132,7 @@ dispatch_queue_t dispatch_get_global_queue(std::intptr_t /*identifier*/, std::ui
   return queue;
 }
 
-// All queues share the workers here, whatever they target.
+// All queues share the workers here, whatever their target queue.
 dispatch_queue_t dispatch_queue_create_with_target(const char* label, dispatch_queue_attr_t attr,
                                                    dispatch_queue_t target) {
   if (target != nil && target != dispatch_get_global_queue(DISPATCH_QUEUE_PRIORITY_DEFAULT, 0)) {

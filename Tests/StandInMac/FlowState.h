@@ -13,9 +13,9 @@
 
 namespace ostravel::standin {
 
-// The state of a flow object, which it outlives as a record. A flow that is released
-// unclosed before it was taken, or before it carried anything, continues without the provider;
-// SystemBehaviour says what happens to it after that.
+// The state of a flow object, which it outlives as a record. A flow that is released unclosed
+// before it was taken, or before it carried anything, continues without the provider;
+// SystemBehaviour decides what happens to it later.
 class FlowState final : public FlowRecord, public std::enable_shared_from_this<FlowState> {
  public:
   using ErrorBlock = macos::Reference<macos::ErrorBlock>;
@@ -60,7 +60,7 @@ class FlowState final : public FlowRecord, public std::enable_shared_from_this<F
   void finishOpening(const ErrorBlock& completion);
   void finishRead(const ReadBlock& completion, const std::vector<std::byte>& bytes, int error);
   void finishWrite(const ErrorBlock& completion, int error);
-  // After a change of what is closed. Expects the lock to be held.
+  // After a direction was closed. Expects the lock to be held.
   void endWhatIsClosed(bool withError);
 
   const macos::Reference<NSString*> signingIdentifier_;

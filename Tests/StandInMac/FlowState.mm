@@ -67,7 +67,7 @@ NEFlowMetaData* FlowState::metaData() const {
 
 void FlowState::open(NWEndpoint* localEndpoint, ErrorBlock completion) {
   const std::lock_guard guard(lock_);
-  // A provider that opens a flow has taken it, even if it has not returned that yet.
+  // A provider that opens a flow has taken it, even if its answer is not there yet.
   wasTaken_ = true;
   openedLocalEndpoint_ = macos::Reference<NWEndpoint*>::retaining(localEndpoint);
   if (holdsOpening_) {
@@ -241,8 +241,8 @@ void FlowState::holdOpening() {
 }
 
 void FlowState::letOpeningGo() {
-  // The steps of ProviderState::letGo(), which holds and answers something else. Destroyed without
-  // the lock: a completion may hold the flow.
+  // The steps of ProviderState::letGo(), with another lock and another answer. Completions are
+  // destroyed without the lock: one may hold the flow.
   std::vector<ErrorBlock> completions;
   const std::lock_guard guard(lock_);
   holdsOpening_ = false;

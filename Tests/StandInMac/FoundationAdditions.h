@@ -2,7 +2,7 @@
 
 #import <Foundation/Foundation.h>
 
-// What the Mac's Foundation and runtime have and this machine's do not.
+// The part of the Mac's Foundation and runtime that this machine's lack.
 @interface NSString (StandIn)
 - (NSString*)lowercaseStringWithLocale:(NSLocale*)locale;
 @end

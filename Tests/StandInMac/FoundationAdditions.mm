@@ -31,7 +31,7 @@
 @interface NSUUID (StandIn)
 @end
 
-// Replacing the method is what is meant.
+// Replacing the method is intended.
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wobjc-protocol-method-implementation"
 @implementation NSUUID (StandIn)

@@ -1,9 +1,8 @@
 // Makes the leak search of AddressSanitizer cover everything that a test allocates.
 //
-// The Objective-C runtime and the Foundation set every class up once, and keep what they allocate
-// for that where the search does not look; it would be reported in every program. So the search
-// begins when all classes stand: what is allocated before is not looked at, what is allocated later
-// has to be freed.
+// The Objective-C runtime and the Foundation set up every class once, and keep what they allocate
+// for that out of the search's sight; it would be reported in every program. So the search begins
+// when all classes are set up: earlier allocations are ignored, later ones must be freed.
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)

@@ -9,7 +9,7 @@ namespace ostravel::standin {
 // Runs the work on it, after all earlier work, inside an autorelease pool.
 void runOnMainThread(std::function<void()> work);
 
-// Called by that thread: hands it over. Earlier work has waited for this.
+// Called by that thread: hands it over. Work that was added before has waited for this.
 [[noreturn]] void handOverMainThread();
 
 }  // namespace ostravel::standin

@@ -17,7 +17,7 @@ struct MainThreadWork {
   std::deque<std::function<void()>> waiting;
 };
 
-// Never destroyed: the process may be ended by work that runs here, while others add some.
+// Never destroyed: work that runs here may end the process while other threads add more.
 MainThreadWork& mainThreadWork() {
   static auto* const work = new MainThreadWork;
   return *work;

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-// Every declared class gets one place for what the stand-in keeps of an object. The runtime here
-// cannot add instance variables behind a declaration.
+// Every declared class has one place for the stand-in's state of an object. The runtime here cannot
+// add instance variables behind a declaration.
 #define OV_OBJECT_STORAGE                  \
   {                                        \
    @public                                 \

@@ -26,7 +26,7 @@ class ProviderState final : public SettingsHold {
   NEVPNProtocol* configuration() const;
   void setConfiguration(NEVPNProtocol* configuration);
 
-  // Applies the rules that the system has for rules.
+  // Applies the system's conditions for rules.
   void apply(NETunnelNetworkSettings* settings, ErrorBlock completion);
   std::vector<AppliedSettings> applied() const;
   void fail(NSError* error);

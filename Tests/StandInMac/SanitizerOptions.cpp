@@ -1,11 +1,11 @@
-// What ThreadSanitizer's runtime asks for before the program begins.
+// The options that ThreadSanitizer's runtime reads before the program starts.
 
 extern "C" {
 
 const char* __tsan_default_options();
 
-// The GNUstep Foundation is not instrumented: how it synchronises cannot be seen, and so the calls
-// that it makes are not looked at. Ours are.
+// The GNUstep Foundation is not instrumented: its synchronisation is invisible, so its calls are
+// ignored. Ours are checked.
 const char* __tsan_default_options() {
   return "ignore_noninstrumented_modules=1";
 }

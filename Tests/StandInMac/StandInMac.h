@@ -35,7 +35,7 @@
   dispatch_queue_t _queue;
 }
 + (StandInMac*)mac;
-// Where the system does what is asked of it.
+// The queue on which the system carries out requests.
 - (dispatch_queue_t)queue;
 - (NSString*)extensionIdentifier;
 // A copy.
@@ -54,7 +54,7 @@ namespace ostravel::standin {
 
 NSError* makeError(NSString* domain, NSInteger code, NSString* text);
 
-// Ends the process, as the frameworks do when they are used against their rules.
+// Ends the process, as the frameworks do when their rules are broken.
 [[noreturn]] void endForBrokenRule(std::string_view rule);
 
 }  // namespace ostravel::standin

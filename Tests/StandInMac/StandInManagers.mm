@@ -23,7 +23,7 @@ using ManagersHandler = void (^)(NSArray<NETransparentProxyManager*>* managers, 
 
 namespace {
 
-// What a manager and its connection know of the configuration they stand for.
+// What a manager and its connection know about their configuration.
 struct ConfigurationState {
   // nil: not saved yet.
   Reference<NSString*> identifier;
@@ -40,11 +40,11 @@ struct ManagerState {
   bool isOnDemandEnabled = false;
 };
 
-// Nothing may be saved by a process that has not loaded anything.
+// A process that has loaded nothing may save nothing.
 std::atomic<bool> somethingWasLoaded = false;
 
 void requireMainQueue() {
-  // Dispatch does not tell which queue it is; nothing but the main thread is it here.
+  // Dispatch does not report the current queue; here, only the main thread runs the main queue.
   if (![NSThread isMainThread]) {
     endForBrokenRule("managers are used on the main queue");
   }
@@ -114,7 +114,7 @@ void changeStatus(NEVPNConnection* connection, NEVPNStatus status, bool isTold =
   NSString* const identifier =
       stateOf<std::shared_ptr<ConfigurationState>>(connection)->get()->identifier.get();
   changeConfiguration(identifier, ^NSDictionary*(NSDictionary* earlier) {
-    // Removed meanwhile.
+    // It has been removed meanwhile.
     if (earlier == nil) {
       return nil;
     }
@@ -195,7 +195,7 @@ void answer(ErrorHandler handler, NSError* error) {
     changeStatus(self, NEVPNStatusConnected, false);
     return;
   }
-  // News of something earlier, such as having been saved, may come late.
+  // A notification of an earlier change, such as a save, may arrive late.
   tellStatus(self);
   changeStatus(self, NEVPNStatusConnecting);
   if ([mac says:@"starting" is:@"hangs"]) {

@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-// What the tests ask of the stand-in for the NetworkExtension framework besides the framework's own
-// interface: to play the system and the application. All from any thread. Objects are returned
-// autoreleased unless said otherwise.
+// The tests' interface to the stand-in for the NetworkExtension framework, besides the framework's
+// own: it plays the system and the application. All from any thread. Objects are returned
+// autoreleased unless noted otherwise.
 namespace ostravel::standin {
 
 // --- Flows.
 
-// What a flow says about where it comes from and where it goes.
+// The source and the destination that a flow reports.
 struct FlowDescription {
   // nil: the metadata has no identifier.
   NSString* signingIdentifier = @"com.example.application";
@@ -41,8 +41,8 @@ class FlowRecord {
   virtual NSError* closeWriteError() const = 0;
   // The provider has answered the offer with yes.
   virtual void noteTaken() = 0;
-  // Released unclosed before it was taken, or before anything of it was carried where a taken flow
-  // can be handed back: the system carries on with it. The function is called at that moment.
+  // Released unclosed before it was taken, or before it carried anything where a taken flow can be
+  // handed back: the system continues with it. The function is called at that moment.
   virtual bool wasLeftToSystem() const = 0;
   virtual void onLeftToSystem(std::function<void()> function) = 0;
   // The local endpoint that open was given; nil for none.
@@ -50,7 +50,7 @@ class FlowRecord {
 
   // Open fails with this error from now on.
   virtual void failOpening(NSError* error) = 0;
-  // Completions of open wait until they are let go.
+  // Completions of open wait until they are released.
   virtual void holdOpening() = 0;
   virtual void letOpeningGo() = 0;
   // The next read delivers exactly this.
@@ -88,7 +88,7 @@ struct AppliedSettings {
 std::vector<AppliedSettings> appliedSettings(NETunnelProvider* provider);
 // Settings are refused with this error from now on; nil accepts them again.
 void failSettings(NETunnelProvider* provider, NSError* error);
-// Completions of settings wait until they are let go; they do not need the provider any more.
+// Completions of settings wait until they are released; they do not need the provider any more.
 class SettingsHold {
  public:
   virtual ~SettingsHold() = default;
@@ -98,7 +98,7 @@ std::shared_ptr<SettingsHold> holdSettings(NETunnelProvider* provider);
 // The function is called inside each call that applies settings.
 void onSettings(NETunnelProvider* provider, std::function<void()> function);
 
-// What startSystemExtensionMode does, in StandInSystem: plays the system for the process entry,
+// Implements startSystemExtensionMode, in StandInSystem: plays the system for the process entry,
 // with the principal class of that name.
 void runSystemExtensionMode(const std::string& principalClass);
 

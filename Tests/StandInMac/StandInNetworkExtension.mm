@@ -255,7 +255,7 @@ std::optional<std::vector<std::byte>> addressOf(NWEndpoint* endpoint) {
 // Connections
 
 @implementation NWTCPConnection
-// Counted by its state, so that work under way can hold the object weakly.
+// Counted by its state, so that operations in flight can hold the object weakly.
 - (id)retain {
   stateOf<ConnectionState>(self)->retainObject();
   return self;

@@ -1,5 +1,5 @@
 // Plays the system for the process entry: makes the principal object, starts it, stops it, and ends
-// the process. What happens is printed, for the test that runs the program.
+// the process. Prints what happens, for the test that runs the program.
 
 #import "Tests/StandInMac/StandInNetworkExtension.h"
 

@@ -73,7 +73,7 @@ class GoneDelegates {
   std::mutex lock_;
   std::set<Class> watched_;
   std::set<const void*> gone_;
-  // Of the one class of delegates that a program here has.
+  // Of the only class of delegates in a program here.
   IMP originalDealloc_ = nullptr;
 };
 
@@ -96,7 +96,7 @@ void setFlag(NSMutableDictionary* extension, NSString* key, BOOL value) {
   [extension setObject:[NSNumber numberWithBool:value] forKey:key];
 }
 
-// The one that works; nil for none.
+// The enabled one; nil for none.
 NSDictionary* installedExtension() {
   for (NSDictionary* extension in [[StandInMac mac] valueOf:@"extensions"]) {
     if (!flagOf(extension, @"uninstalling")) {
@@ -213,7 +213,7 @@ OSSystemExtensionProperties* makeProperties(NSDictionary* extension) {
   }];
 }
 
-// On the queue of the system from here on.
+// Runs on the queue of the system from here on.
 
 - (void)carryOut {
   if (![[self identifier] isEqual:[[StandInMac mac] extensionIdentifier]]) {

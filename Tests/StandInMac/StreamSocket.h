@@ -12,9 +12,9 @@
 
 namespace ostravel::standin {
 
-// A connected stream socket, or one that is being connected, with operations that call back on a
-// worker. At most one read and one write at a time. Held by std::shared_ptr, also by operations
-// under way; the descriptor is closed with the last of them. Usable from any thread.
+// A connected or connecting stream socket, with operations that call back on a worker. At most one
+// read and one write at a time. Held by std::shared_ptr, also by operations in flight; the
+// descriptor is closed with the last of them. Usable from any thread.
 class StreamSocket : public std::enable_shared_from_this<StreamSocket> {
  public:
   // error is an errno value, 0 for none. Fewer bytes than the minimum without an error: the end.
@@ -39,7 +39,7 @@ class StreamSocket : public std::enable_shared_from_this<StreamSocket> {
   void close();
   // Abandons, and ends the stream with a reset.
   void reset();
-  // Abandons, and lets the stream exist until the process ends.
+  // Abandons, and leaves the stream open until the process ends.
   void leaveOpen();
 
  private:

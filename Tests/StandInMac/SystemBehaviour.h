@@ -12,12 +12,12 @@ enum class ReleasedFlow {
   resets,
   // Nothing ends it: the application hangs.
   stays,
-  // The system carries on with it. Apple's engineers say that it cannot.
+  // The system continues with it. Apple's engineers say that it cannot.
   isHandedBack,
 };
 
-// How the system behaves where Apple does not say, or where its versions differ. The values here
-// are the usual ones.
+// How the system behaves where Apple's documentation says nothing, or where its versions differ.
+// The values here are the usual ones.
 struct SystemBehaviour {
   // The completion of network settings runs inside the call that applies them.
   bool answersSettingsInsideTheCall = false;

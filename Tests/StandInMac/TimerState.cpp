@@ -9,11 +9,11 @@ namespace ostravel::standin {
 
 namespace {
 
-// One thread that waits for the next appointment of all timers.
+// One thread that waits for the next deadline of all timers.
 class AppointmentBook {
  public:
   AppointmentBook() : thread_([this] { run(); }) {}
-  // Returns when the thread has ended. No appointment is kept later.
+  // Returns when the thread has ended. No deadline is served later.
   void end() {
     {
       const std::lock_guard guard(lock_);
@@ -77,7 +77,7 @@ class AppointmentBook {
   std::thread thread_;
 };
 
-// Never destroyed: work that is being finished may still want it when its thread has ended.
+// Never destroyed: work that is still running may need it when its thread has ended.
 AppointmentBook& appointmentBook() {
   struct End {
     AppointmentBook& book;
@@ -170,7 +170,7 @@ void TimerState::expire(std::uint64_t appointment) {
   }
   appointment_ = 0;
   if (interval_) {
-    // Behind by more than one interval, it skips what it has missed.
+    // If it is late by more than one interval, it skips those that it has missed.
     const auto now = std::chrono::steady_clock::now();
     do {
       *start_ += *interval_;

@@ -11,7 +11,7 @@
 namespace ostravel::standin {
 
 // A timer source of Dispatch. Held by its source object and by an expiration that waits or runs;
-// the finalizer runs when the last of them has gone. Usable from any thread.
+// the finalizer runs when the last of them is gone. Usable from any thread.
 class TimerState : public std::enable_shared_from_this<TimerState> {
  public:
   using Function = void (*)(void* context);
@@ -23,7 +23,7 @@ class TimerState : public std::enable_shared_from_this<TimerState> {
   void setContext(void* context);
   void* context();
   void setFinalizer(Function finalizer);
-  // Remembers the context of this moment.
+  // Remembers the current context.
   void setHandler(Function handler);
   // Without a start: never.
   void setTimer(std::optional<Time> start, std::optional<std::chrono::nanoseconds> interval);
@@ -33,7 +33,7 @@ class TimerState : public std::enable_shared_from_this<TimerState> {
   void cancel();
   bool isCancelled();
 
-  // For the thread that watches the time: the appointment numbered so is due.
+  // For the timers' thread: the deadline with this number is due.
   void expire(std::uint64_t appointment);
 
  private:
@@ -52,7 +52,7 @@ class TimerState : public std::enable_shared_from_this<TimerState> {
   bool isCancelled_ = false;
   // An expiration waits on the queue; further ones are merged with it.
   bool isPending_ = false;
-  // The one appointment that counts; zero for none.
+  // The only valid deadline; zero for none.
   std::uint64_t appointment_ = 0;
 };
 

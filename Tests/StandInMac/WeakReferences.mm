@@ -30,7 +30,7 @@ std::unordered_map<id*, Target>& targets() {
 extern "C" {
 
 id objc_storeWeak(id* location, id object) {
-  // Let go of without the lock.
+  // Released without the lock.
   Target previous{};
   const std::lock_guard guard(lock);
   if (const auto found = targets().find(location); found != targets().end()) {

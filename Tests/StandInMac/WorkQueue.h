@@ -28,13 +28,13 @@ class WorkQueue : public std::enable_shared_from_this<WorkQueue> {
  private:
   struct Item {
     bool isAlone;
-    // Called when it is the item's turn; must not take long.
+    // Called when it is the item's turn; must return quickly.
     std::function<void()> begin;
   };
 
   void submit(Manner manner, std::function<void()> begin);
   void finish();
-  // Lets everything begin that may. Expects the lock to be held.
+  // Starts everything that may start. Expects the lock to be held.
   void advance();
 
   const Kind kind_;

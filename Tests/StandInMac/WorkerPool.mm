@@ -34,7 +34,7 @@ class WorkerPool {
       const std::lock_guard guard(lock_);
       waiting_.push_back(std::move(work));
       // Work may wait for other work, so no item may wait for a thread. At the end of the process
-      // nobody waits any more, and what there is is done by the threads that are left.
+      // there are no more such waits, and the remaining threads do the remaining work.
       if (waiting_.size() > idle_ && !isEnding_) {
         ++idle_;
         threads_.emplace_back([this] { runThread(); });
@@ -97,8 +97,8 @@ class WorkerPool {
     GSUnregisterCurrentThread();
   }
 
-  // Coming and going, threads send messages to classes for the first time, which the runtime here
-  // cannot take from two of them at once.
+  // Threads that start and end send first messages to classes, which the runtime here cannot handle
+  // on two threads at once.
   std::mutex registration_;
   std::mutex lock_;
   std::condition_variable changed_;
@@ -106,13 +106,13 @@ class WorkerPool {
   // Threads that are, or are about to be, waiting for work.
   std::size_t idle_ = 0;
   std::size_t busy_ = 0;
-  // What the busy ones wait for.
+  // The descriptors that the busy ones wait for.
   std::list<std::vector<pollfd>> polls_;
   bool isEnding_ = false;
   std::vector<std::thread> threads_;
 };
 
-// Never destroyed: timers and queues may still want it when its threads have ended.
+// Never destroyed: timers and queues may still need it when its threads have ended.
 WorkerPool& workerPool() {
   struct End {
     WorkerPool& pool;

@@ -3,11 +3,10 @@
 // Included before everything else when a source is compiled for the real target on this machine.
 //
 // The C and C++ headers are this machine's: its C library, and the standard library of the Mac,
-// libc++. They only agree with the target when they take it for Linux on x86-64, so they are
-// included here with that said, and the target's own names are given back afterwards. The 64-bit
-// integers are the target's (bits/stdint-intn.h). What this does not check: constants and other
-// types of the C library whose values or widths differ, and headers that only one of the two
-// systems has.
+// libc++. They only work for a target that they take for Linux on x86-64, so they are included with
+// those names defined, and the target's own names are restored afterwards. The 64-bit integers are
+// the target's (bits/stdint-intn.h). What this does not check: constants and other types of the C
+// library whose values or widths differ, and headers that only one of the two systems has.
 
 #include <arpa/inet.h>
 #include <fcntl.h>

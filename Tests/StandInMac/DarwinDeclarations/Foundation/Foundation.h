@@ -1,13 +1,13 @@
 #pragma once
 
 // The part of Foundation that this system uses, declared as the framework declares it; all of it is
-// older than any macOS that is supported, and not deprecated in any. Only for
-// compiling sources for the real target; what runs here uses another Foundation.
+// older than any macOS that is supported, and not deprecated in any. Only for compiling sources for
+// the real target; programs that run here use another Foundation.
 
 #include <cstddef>
 #include <cstdint>
 
-// The compiler says which of the two the target has.
+// A macro of the compiler says which of the two the target has.
 #if __OBJC_BOOL_IS_BOOL
 typedef bool BOOL;
 #else

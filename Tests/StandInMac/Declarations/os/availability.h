@@ -1,7 +1,8 @@
 #pragma once
 
-// Since which macOS something exists, and since which it is deprecated, in the words of the
-// compiler: a target below warns about what is used unguarded, as with the headers of a Mac.
+// The macOS version that introduced something, and the one that deprecated it, as compiler
+// attributes: for an older target the compiler warns about unguarded uses, as with the headers of a
+// Mac.
 
 #define OV_MACOS(version) __attribute__((availability(macos, introduced = version)))
 #define OV_MACOS_DEPRECATED(version, last, text) \
