@@ -26,7 +26,7 @@ inline std::string_view viewOf(const platform::Data& data) {
 platform::ErrorCompletion observed(World& world, const std::shared_ptr<Strand>& strand,
                                    HistoryKind kind, std::uint32_t flow,
                                    platform::ErrorCompletion completion);
-// With the fault of late results, what was read may arrive after whatever happened meanwhile.
+// With the fault of late results, data may arrive after later events.
 platform::ReadCompletion observed(World& world, const std::shared_ptr<Strand>& strand,
                                   HistoryKind kind, std::uint32_t flow,
                                   platform::ReadCompletion completion);

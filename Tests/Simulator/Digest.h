@@ -30,7 +30,7 @@ class Digest {
   static constexpr std::size_t kWordBytes = 8;
   static constexpr std::uint64_t kMultiplier = 0xff51afd7ed558ccdU;
 
-  // The first byte is the lowest one, also where memory has it the other way round.
+  // The first byte is the lowest one, even on a big-endian machine.
   static std::uint64_t wordOf(std::string_view bytes) {
     std::uint64_t word = 0;
     if constexpr (std::endian::native == std::endian::little) {

@@ -60,7 +60,7 @@ class FaultMenu {
  public:
   static FaultMenu none() { return FaultMenu(0); }
   static FaultMenu all();
-  // What the seed says: each fault is on in about a third of the seeds.
+  // The faults of a seed: each is on in about a third of the seeds.
   static FaultMenu drawn(std::uint64_t seed);
   // "all", "none", or names with commas between them; absent when one is not a name.
   static std::optional<FaultMenu> parse(std::string_view text);

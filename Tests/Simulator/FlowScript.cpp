@@ -27,7 +27,7 @@ constexpr std::array<Application, 16> kApplications = {{
     {"org.example.mail", false},
     {"com.example.Editor", false},
     {"com.apple.trustd", true},
-    // Only from here on strange ones.
+    // Only unusual ones from here on.
     {"", false},
     {" \t\n", false},
     {"  com.example.padded\r\n", false},
@@ -59,7 +59,7 @@ constexpr std::array<Host, 26> kHosts = {{
     {"2001:db8::1", "443", HostKind::plain},
     {"www.apple.com", "443", HostKind::exempt},
     {"meet.google.com", "443", HostKind::realTime},
-    // Only from here on strange ones.
+    // Only unusual ones from here on.
     {"", "", HostKind::plain},
     {"example.org", "0", HostKind::plain},
     {"apple.com", "443", HostKind::plain},

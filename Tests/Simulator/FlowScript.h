@@ -15,8 +15,8 @@
 
 namespace ostravel::simulator {
 
-// What one flow is and what its application and the proxy do with it. Draws from a source of its
-// own, so that a flow is the same whichever others there are. Owned by the run until the flow is
+// What one flow is and what its application and the proxy do with it. Draws from a separate source,
+// so that a flow does not depend on which others there are. Owned by the run until the flow is
 // destroyed, and by what it has planned.
 class FlowScript : public std::enable_shared_from_this<FlowScript> {
  public:
@@ -41,13 +41,13 @@ class FlowScript : public std::enable_shared_from_this<FlowScript> {
   virtual void connect(const std::shared_ptr<simulation::SimulatedTCPConnection>& connection);
   virtual void receiveRequest();
 
-  // Both sides come to their end, without anything strange.
+  // Both sides end, without anything unusual.
   void windUp();
   // At the end of a run.
   void dropCompletions();
 
  protected:
-  // For a test that decides itself what happens.
+  // For a test that decides what happens.
   FlowScript(World& world, std::uint32_t number, OfferedFlow facts);
 
   World& world() { return world_; }
@@ -98,7 +98,7 @@ class FlowScript : public std::enable_shared_from_this<FlowScript> {
   bool proxyEnded_ = false;
   bool answered_ = false;
   bool isSuccess_ = false;
-  // What is left of the answer.
+  // The rest of the answer.
   std::string answer_;
   bool isWindingUp_ = false;
 };

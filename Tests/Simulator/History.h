@@ -11,8 +11,8 @@
 
 namespace ostravel::simulator {
 
-// Everything that happens in a run, in order: checked at once, and kept as a digest, or as text as
-// well if somebody wants to read it.
+// Everything that happens in a run, in order: checked at once, and kept as a digest, or also as
+// text for a reader.
 class History {
  public:
   enum class Trace { none, kept };

@@ -120,7 +120,7 @@ void HistoryChecker::probe(bool isReachable) {
   if (!hasProvider_) {
     return;
   }
-  // A probe that was preempted by the stop still comes to its end.
+  // A probe that was preempted by the stop still completes.
   if (!isRunning_ && !wasPreempted_) {
     fail("the proxy is probed although the provider is stopped");
   }

@@ -16,16 +16,16 @@
 
 namespace ostravel::simulator {
 
-// A promise that was broken, and by which flow, if it was one.
+// A broken promise, and the flow that broke it, if one did.
 struct Violation {
   std::string invariant;
   std::uint32_t flow = 0;
 };
 
-// Reads what happens at the seam, one thing after the other, and compares it with what the system
-// promises. It keeps a small model of every flow and of the provider; it knows nothing of the
-// system's classes, of the run that makes the history, or of which faults it has. The first broken
-// promise is kept, what follows it is not judged.
+// Reads the events at the seam, one after the other, and compares them with the system's promises.
+// It keeps a small model of every flow and of the provider; it knows nothing about the system's
+// classes, the run that makes the history, or its faults. The first broken promise is kept; later
+// events are not judged.
 //
 // Some of what the system does on purpose looks wrong at first. The model expects it:
 //
@@ -77,7 +77,7 @@ class HistoryChecker {
   void fail(std::string invariant, std::uint32_t flow = 0);
   const std::optional<Violation>& violation() const { return violation_; }
 
-  // What happened at all, so that a test can see that it tested something.
+  // Counts of what happened, so that a test can check that it tested something.
   std::size_t tunnels() const { return tunnels_; }
   std::size_t successes() const { return successes_; }
   std::size_t timeouts() const { return timeouts_; }
@@ -113,15 +113,15 @@ class HistoryChecker {
     bool openRequested = false;
     bool opened = false;
     bool openFailed = false;
-    // Its provider was stopped or let go: it may be destroyed without having been closed.
+    // Its provider was stopped or released: it may be destroyed without having been closed.
     bool mayVanish = false;
     bool rejected = false;
 
     bool tunnel = false;
     std::chrono::nanoseconds startedAt{0};
     bool observing = false;
-    // The observer was added in this step: a notification may have come before the system knows
-    // that there is something to be removed.
+    // The observer was added in this step: a notification may have arrived before the system knows
+    // that there is something to remove.
     bool beganToObserve = false;
     bool mustBeginHandshake = false;
     // From the notification that the connection is established until the request is sent.
@@ -144,7 +144,7 @@ class HistoryChecker {
     bool leftoverIsNext = false;
     bool leftoverIsWritten = false;
 
-    // Every reason to close so far.
+    // Every reason to close it so far.
     bool mustEnd = false;
     std::vector<platform::Error> mustFail;
     platform::OptionalError closeError;

@@ -173,7 +173,7 @@ TEST_F(HistoryCheckerTest, FindsAnEndThatDoesNotClose) {
   EXPECT_EQ(invariant(), "a flow is not closed although it has ended");
 }
 
-TEST_F(HistoryCheckerTest, FindsADirectionThatStands) {
+TEST_F(HistoryCheckerTest, FindsADirectionThatHasStopped) {
   establish();
   happen({.kind = HistoryKind::flowReadDone, .flow = 1, .bytes = "abc"});
   finishStep();
@@ -239,7 +239,7 @@ TEST_F(HistoryCheckerTest, FindsAnObserverThatACloseLeaves) {
   EXPECT_EQ(invariant(), "a closed tunnel still observes its connection");
 }
 
-TEST_F(HistoryCheckerTest, FindsWhatIsLeftOver) {
+TEST_F(HistoryCheckerTest, FindsLeftovers) {
   establish();
   checker_.finish();
 

@@ -28,7 +28,7 @@ struct OfferedFlow {
   Expectation expectation = Expectation::carry;
 };
 
-// What can be seen at the seam, as it happens. "Done" is the completion of the operation before it.
+// The events that can be observed at the seam. "Done" is the completion of the operation before it.
 enum class HistoryKind : std::uint8_t {
   // The system and its provider.
   providerMade,

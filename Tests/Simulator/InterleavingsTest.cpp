@@ -1,5 +1,5 @@
-// Small scenarios in every order there is, or in every order that is close to the usual one: not
-// drawn, but gone through.
+// Small scenarios in every possible order, or in every order that is close to the usual one:
+// enumerated, not drawn.
 
 #include <gtest/gtest.h>
 
@@ -23,8 +23,8 @@ namespace {
 using namespace std::chrono_literals;
 using simulation::RunQueue;
 
-// Plays the scenario in every order that leaves the usual one at so many places; returns how many
-// there are.
+// Plays the scenario in every order that differs from the usual one in that many places; returns
+// how many there are.
 std::size_t playOrders(const Scenario& scenario, std::size_t mostDeviations) {
   ScheduleExplorer explorer(mostDeviations);
   std::size_t orders = 0;
@@ -42,7 +42,7 @@ std::size_t playOrders(const Scenario& scenario, std::size_t mostDeviations) {
   return orders;
 }
 
-TEST(ScheduleExplorerTest, GoesThroughEverySequence) {
+TEST(ScheduleExplorerTest, EnumeratesEverySequence) {
   ScheduleExplorer explorer;
   std::vector<std::uint64_t> sequences;
   const auto played = explorer.playAll([&] {
@@ -54,7 +54,7 @@ TEST(ScheduleExplorerTest, GoesThroughEverySequence) {
   EXPECT_EQ(sequences, (std::vector<std::uint64_t>{0, 1, 10, 11, 12}));
 }
 
-TEST(ScheduleExplorerTest, GoesThroughWhatIsCloseToTheUsualSequence) {
+TEST(ScheduleExplorerTest, EnumeratesSequencesCloseToTheUsualOne) {
   ScheduleExplorer explorer(1);
   std::vector<std::uint64_t> sequences;
   explorer.playAll([&] {
@@ -138,7 +138,7 @@ TEST(InterleavingsTest, AdmissionOfTwoFlowsInEveryOrder) {
       for (std::size_t i = 0; i < occupied; ++i) {
         controller.tryAcquireHandshakeSlot("occupied " + std::to_string(i));
       }
-      // Admitted, asked for again, established, asked for again, released, released again.
+      // Admitted, requested again, established, requested again, released, released again.
       constexpr int kSteps = 6;
       int done[2] = {0, 0};
       bool pending[2] = {false, false};
@@ -215,8 +215,8 @@ TEST(InterleavingsTest, TheWatchdogFiresOrIsFinishedAndNeverBoth) {
   EXPECT_LT(fired, orders);
 }
 
-// The gate alone: probes, and tunnels that fail, in every order; the latest word counts.
-TEST(InterleavingsTest, TheGateFollowsTheLatestWord) {
+// The gate alone: probes, and tunnels that fail, in every order; the latest result counts.
+TEST(InterleavingsTest, TheGateFollowsTheLatestResult) {
   ScheduleExplorer explorer;
   const auto orders = explorer.playAll([&explorer] {
     const auto gate = std::make_shared<ProxySafetyGate>(true, false);

@@ -19,7 +19,7 @@ class ObservedConnection::Notification final : public KeyValueObserver,
 
   void observeValue(std::optional<std::string_view> keyPath,
                     platform::Observable* /*object*/) override {
-    // Only completions are kept apart: a change of state is reported by the thread that makes it.
+    // Only completions are serialised: a change of state is reported by the thread that makes it.
     if (connection_.strand_->isBusy() && connection_.world_.strikes(Fault::preemption, 2)) {
       const ActorScope actor(connection_.world_, connection_.flow_);
       notify(*keyPath);

@@ -5,8 +5,8 @@
 
 #include "Tests/Simulator/HistoryEvent.h"
 
-// What the proxy and the system say to one another, written down a second time and without the
-// system's own classes, so that the two can be compared.
+// The protocol between the proxy and the system, implemented a second time without the system's own
+// classes, so that the two can be compared.
 namespace ostravel::simulator {
 
 // RFC 3629, strictly.
@@ -23,7 +23,7 @@ struct Judgement {
   std::string_view leftover = {};
 };
 
-// What is to be made of an answer of which this much has arrived.
+// The outcome of an answer of which this much has arrived.
 Judgement judgeAnswer(std::string_view received);
 
 // The text of a member of a monitoring event in compact JSON, as it is written there; empty for an

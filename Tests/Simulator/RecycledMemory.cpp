@@ -1,7 +1,7 @@
 // The memory of ostravel-simulator. A run allocates and frees some hundred small objects for each
 // of its flows, which costs the C library a quarter of the simulator's time; free lists cost far
-// less. For a program with one thread, and not for one under a sanitizer, which has its own idea of
-// what memory is in use.
+// less. For a program with one thread, and not for one under a sanitizer, which tracks memory
+// itself.
 
 #include <array>
 #include <cstddef>
@@ -10,8 +10,8 @@
 
 namespace {
 
-// A block: its size class, and then what the caller uses. A free block has the link to the next one
-// in the place of what the caller used.
+// A block: its size class, and then what the caller uses. A free block holds the link to the next
+// one where the caller's bytes were.
 //
 //   | size class, padded to the alignment | ... |
 constexpr std::size_t kAlignment = alignof(std::max_align_t);

@@ -7,11 +7,11 @@
 
 namespace ostravel::simulator {
 
-// Goes through the sequences of choices that a scenario can make: plays it again and again, each
-// time with the choices of the time before up to the last one that has an alternative left.
+// Enumerates the sequences of choices that a scenario can make: plays it repeatedly, each time with
+// the previous choices up to the last one that has an alternative left.
 //
 // The first alternative is the usual one. Where all sequences would be too many, only those are
-// played that take another one a limited number of times; races need few.
+// played that deviate from it a limited number of times; races need few deviations.
 class ScheduleExplorer {
  public:
   static constexpr std::size_t kUnlimited = std::numeric_limits<std::size_t>::max();
@@ -40,7 +40,7 @@ class ScheduleExplorer {
     return !choices_.empty();
   }
 
-  // Plays the scenario in every way there is; returns how many there were.
+  // Plays the scenario in every possible way; returns how many there were.
   template <typename Scenario>
   std::size_t playAll(Scenario scenario) {
     std::size_t played = 0;

@@ -9,7 +9,7 @@ namespace ostravel::simulator {
 
 namespace {
 
-// Shrinking is for a person who waits.
+// A person waits for the result.
 constexpr int kMostRuns = 2000;
 
 class Shrinking {
@@ -54,7 +54,7 @@ class Shrinking {
     return hasShrunk;
   }
 
-  // Tries to do without each stretch of so many flows.
+  // Tries to do without each group of that many flows.
   bool removeFlows(std::size_t size) {
     bool hasShrunk = false;
     for (std::size_t begin = 0; begin < options_.only->size();) {

@@ -15,8 +15,8 @@ namespace {
 constexpr std::string_view kWatchdogLabel = "com.ostravel.handshakeWatchdog";
 constexpr std::string_view kMonitorLabel = "com.ostravel.proxyTunnelMonitoring";
 
-// The watchdog's timer: its expiry is recorded. Arming and cancelling it are no points of
-// preemption, because the watchdog holds its lock meanwhile.
+// The watchdog's timer: its expiry is recorded. Arming and cancelling it are not preemption points,
+// because the watchdog holds its lock meanwhile.
 class WatchdogTimer final : public platform::DispatchTimer {
  public:
   WatchdogTimer(World& world, std::uint32_t flow, std::shared_ptr<platform::DispatchQueue> queue)

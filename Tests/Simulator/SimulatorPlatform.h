@@ -20,7 +20,7 @@ namespace ostravel::simulator {
 
 // The environment of the provider in a run, made of the simulation's parts. Every call of the core
 // is recorded, and is a point at which the core can be preempted. Implements the seam itself rather
-// than deriving from Simulation, whose parts are not made to be observed.
+// than deriving from Simulation, whose parts cannot be observed.
 class SimulatorPlatform final : public platform::Platform, public platform::ProviderContext {
  public:
   static constexpr std::string_view kMonitoringPath = "/run/monitor";

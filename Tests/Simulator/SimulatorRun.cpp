@@ -24,8 +24,8 @@ namespace {
 using namespace std::chrono_literals;
 using simulation::SeededRandom;
 
-// After the faults have stopped, what is late already may still be late by as much; then every
-// handshake is decided within its time-out.
+// After the faults have stopped, pending operations may still be this late; then every handshake is
+// decided within its time-out.
 constexpr auto kCalm = 13s;
 
 HistoryChecker::Monitor monitorOf(const FaultMenu& faults) {
@@ -203,7 +203,7 @@ class Run {
     judgeCache(*provider, *script);
   }
 
-  // What changes around all flows, now and then, as long as there are new ones.
+  // Occasional changes that affect all flows, while there are new ones.
 
   std::chrono::milliseconds weatherDelay() {
     return std::chrono::milliseconds(1 + random_.below(3000));
@@ -272,7 +272,7 @@ class Run {
     return world_.has(fault) && random_.below(odds) == 0;
   }
 
-  // Everything works from now on, and both sides of every flow come to their end.
+  // Everything works from now on, and both sides of every flow end.
   void calmDown() {
     world_.stopFaults();
     platform_.sockets().setProxyListening(true);
@@ -282,7 +282,7 @@ class Run {
     for (const auto& [number, script] : scripts_) {
       numbers.push_back(number);
     }
-    // The table has no order that means anything.
+    // The order of the table has no meaning.
     std::sort(numbers.begin(), numbers.end());
     for (const std::uint32_t number : numbers) {
       scripts_.at(number)->windUp();
@@ -302,7 +302,7 @@ class Run {
     checker_.finish();
   }
 
-  // What a run that was cut short leaves behind holds itself.
+  // What a run that was cut short leaves behind owns itself.
   void tearDown() { simulator::tearDown(world_, provider_, scripts_); }
 
   const RunOptions& options_;

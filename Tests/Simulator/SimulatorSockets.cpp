@@ -11,7 +11,7 @@ namespace {
 
 using platform::SocketCallResult;
 
-// One call in so many fails.
+// One call in this many fails.
 constexpr std::uint64_t kErrorOdds = 20;
 constexpr std::size_t kPrefixSize = 4;
 

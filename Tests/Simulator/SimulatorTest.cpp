@@ -23,7 +23,7 @@ TEST(SimulatorTest, NoSeedBreaksAPromise) {
     ASSERT_FALSE(result.violation) << describe(result, seed);
     totals += result.counts;
   }
-  // All of it has to come up, so that the other numbers mean something.
+  // All of it must occur, or the other numbers mean nothing.
   EXPECT_GT(totals.tunnels, 10'000U);
   EXPECT_GT(totals.successes, 5'000U);
   EXPECT_GT(totals.timeouts, 100U);
@@ -58,8 +58,8 @@ TEST(SimulatorTest, TheSameSeedGivesTheSameRun) {
   }
 }
 
-// With every compiler and with every option. Find out why, then record new ones, when the core
-// calls its platform in another order.
+// The same with every compiler and option. They change when the core calls its platform in another
+// order: find out why, then record new ones.
 TEST(SimulatorTest, RecordedSeedsGiveTheRecordedRuns) {
   struct Recorded {
     std::uint64_t seed;

@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What has more is how late a timer is, and no choice between items.
+// A choice among more is the lateness of a timer, not one between items.
 constexpr std::uint64_t kMostAlternatives = 100;
 
 class SmallScript final : public FlowScript {
@@ -126,7 +126,7 @@ SmallRun::SmallRun(const Scenario& scenario, const simulation::RunQueue::Chooser
               .mostPreemptions = scenario.mostPreemptions},
              checker_),
       platform_(world_, 1, [this](std::uint32_t flow) { return scriptOf(flow); }) {
-  // Its items would multiply the orders and have no part in them.
+  // Its items would multiply the orders without affecting them.
   platform_.setMonitored(false);
 }
 

@@ -47,9 +47,9 @@ struct Step {
 };
 
 struct SmallFlow {
-  // In every order, and mixed with whatever the system does meanwhile.
+  // In every order, interleaved with whatever the system does meanwhile.
   std::vector<Step> steps;
-  // Also accepting the connection is one of them; otherwise it is accepted when it is made.
+  // Accepting the connection is one of them; otherwise it is accepted when it is made.
   bool isAcceptedLate = false;
   // The steps come exactly when the time-out does.
   bool isAtDeadline = false;
@@ -62,7 +62,7 @@ struct Scenario {
   // Handshake slots that are left.
   std::size_t slots = HistoryChecker::kMaxPending;
   std::size_t mostPreemptions = 0;
-  // What happens besides, one item each.
+  // Further events, one item each.
   bool probeFails = false;
   bool probeSucceeds = false;
   bool stops = false;
@@ -82,7 +82,7 @@ class SmallRun {
 
   // Plays until nothing is left; returns the first broken promise.
   std::optional<Violation> play();
-  // The established tunnels, so that a test can see that it tested something.
+  // The established tunnels, so that a test can check that it tested something.
   std::size_t successes() const { return checker_.successes(); }
 
  private:

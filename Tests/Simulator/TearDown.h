@@ -7,8 +7,8 @@
 
 namespace ostravel::simulator {
 
-// Ends a run that may have been cut short: what that leaves behind owns itself. scripts: a map to
-// the scripts of its flows.
+// Ends a run that may have been cut short, and so leave objects that own themselves. scripts: a map
+// to the scripts of its flows.
 void tearDown(World& world, std::shared_ptr<PacketTunnelProvider>& provider, const auto& scripts) {
   world.queue().clear();
   provider.reset();

@@ -12,7 +12,7 @@ namespace {
 using simulation::RunOrder;
 using simulation::SeededRandom;
 
-// Deeper than two threads' worth of preemption nothing new is found, and time is lost.
+// More preemption than that of two threads finds nothing new and costs time.
 constexpr std::size_t kDeepestPreemption = 3;
 
 simulation::FaultPlan planOf(const FaultMenu& faults, SeededRandom random) {

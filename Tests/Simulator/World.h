@@ -13,8 +13,8 @@
 
 namespace ostravel::simulator {
 
-// A defect that is put into the platform on purpose: the simulator has to find it, or it finds
-// nothing. Each is applied to about one flow in sixteen.
+// A deliberate defect of the platform: a simulator that does not find it is worthless. Each is
+// applied to about one flow in sixteen.
 enum class Canary : std::uint8_t {
   none,
   // A write to the proxy completes twice.
@@ -32,7 +32,7 @@ struct WorldOptions {
   FaultMenu faults = FaultMenu::none();
   Canary canary = Canary::none;
   History::Trace trace = History::Trace::none;
-  // Decides the order and the preemption in the place of the seed.
+  // Decides the order and the preemption instead of the seed.
   simulation::RunQueue::Chooser chooser = nullptr;
   // How often the system is preempted in a run with a chooser.
   std::size_t mostPreemptions = 0;
@@ -61,7 +61,7 @@ class World {
   // Calls the work after the delay, at once if there is none.
   void after(std::chrono::nanoseconds delay, std::function<void()> work);
 
-  // Time passes and nothing else happens meanwhile: something blocks, or the machine sleeps.
+  // Time passes while nothing else happens: something blocks, or the machine sleeps.
   void spend(std::chrono::nanoseconds duration);
 
   // The flow on whose behalf the system is running, zero for none.
@@ -79,7 +79,7 @@ class World {
   void addObject() { ++objects_; }
   void removeObject() { --objects_; }
   std::size_t objects() const { return objects_; }
-  // A flow was destroyed: its script is over.
+  // A flow was destroyed: its script ends.
   void endFlow(std::uint32_t flow) { endedFlows_.push_back(flow); }
   std::vector<std::uint32_t> takeEndedFlows() { return std::exchange(endedFlows_, {}); }
 
@@ -95,7 +95,7 @@ class World {
   const Canary canary_;
   simulation::SeededRandom random_;
   simulation::SeededRandom preemption_;
-  // One point in so many; zero for none.
+  // One point in this many; zero for none.
   std::uint64_t preemptionOdds_ = 0;
   std::size_t depth_ = 0;
   simulation::RunQueue::Chooser chooser_;
