@@ -10,9 +10,9 @@ namespace ostravel::standin {
 namespace {
 
 // One thread that waits for the next deadline of all timers.
-class AppointmentBook {
+class Deadlines {
  public:
-  AppointmentBook() : thread_([this] { run(); }) {}
+  Deadlines() : thread_([this] { run(); }) {}
   // Returns when the thread has ended. No deadline is served later.
   void end() {
     {
@@ -28,7 +28,7 @@ class AppointmentBook {
     {
       const std::lock_guard guard(lock_);
       number = ++lastNumber_;
-      appointments_.emplace(due, Appointment{number, std::move(timer)});
+      deadlines_.emplace(due, Deadline{number, std::move(timer)});
     }
     changed_.notify_all();
     return number;
@@ -36,12 +36,11 @@ class AppointmentBook {
 
   void remove(std::uint64_t number) {
     const std::lock_guard guard(lock_);
-    std::erase_if(appointments_,
-                  [number](const auto& item) { return item.second.number == number; });
+    std::erase_if(deadlines_, [number](const auto& item) { return item.second.number == number; });
   }
 
  private:
-  struct Appointment {
+  struct Deadline {
     std::uint64_t number;
     std::weak_ptr<TimerState> timer;
   };
@@ -49,21 +48,21 @@ class AppointmentBook {
   void run() {
     std::unique_lock guard(lock_);
     while (!isEnding_) {
-      if (appointments_.empty()) {
+      if (deadlines_.empty()) {
         changed_.wait(guard);
         continue;
       }
-      const auto first = appointments_.begin();
+      const auto first = deadlines_.begin();
       const auto due = first->first;
       if (std::chrono::steady_clock::now() < due) {
         changed_.wait_until(guard, due);
         continue;
       }
-      const Appointment appointment = first->second;
-      appointments_.erase(first);
+      const Deadline deadline = first->second;
+      deadlines_.erase(first);
       guard.unlock();
-      if (const auto timer = appointment.timer.lock()) {
-        timer->expire(appointment.number);
+      if (const auto timer = deadline.timer.lock()) {
+        timer->expire(deadline.number);
       }
       guard.lock();
     }
@@ -71,21 +70,21 @@ class AppointmentBook {
 
   std::mutex lock_;
   std::condition_variable changed_;
-  std::multimap<TimerState::Time, Appointment> appointments_;
+  std::multimap<TimerState::Time, Deadline> deadlines_;
   std::uint64_t lastNumber_ = 0;
   bool isEnding_ = false;
   std::thread thread_;
 };
 
 // Never destroyed: work that is still running may need it when its thread has ended.
-AppointmentBook& appointmentBook() {
+Deadlines& allDeadlines() {
   struct End {
-    AppointmentBook& book;
-    ~End() { book.end(); }
+    Deadlines& deadlines;
+    ~End() { deadlines.end(); }
   };
-  static AppointmentBook& book = *new AppointmentBook();
-  static const End end{book};
-  return book;
+  static Deadlines& deadlines = *new Deadlines();
+  static const End end{deadlines};
+  return deadlines;
 }
 
 }  // namespace
@@ -125,9 +124,9 @@ void TimerState::setTimer(std::optional<Time> start,
   }
   start_ = start;
   interval_ = interval;
-  appointment_ = 0;
+  deadline_ = 0;
   if (isActive_ && start_) {
-    makeAppointment(*start_);
+    setDeadline(*start_);
   }
 }
 
@@ -138,7 +137,7 @@ bool TimerState::activate() {
   }
   isActive_ = true;
   if (start_ && !isCancelled_) {
-    makeAppointment(*start_);
+    setDeadline(*start_);
   }
   return true;
 }
@@ -151,7 +150,7 @@ bool TimerState::isActive() {
 void TimerState::cancel() {
   const std::lock_guard guard(lock_);
   isCancelled_ = true;
-  appointmentBook().remove(std::exchange(appointment_, 0));
+  allDeadlines().remove(std::exchange(deadline_, 0));
 }
 
 bool TimerState::isCancelled() {
@@ -159,23 +158,23 @@ bool TimerState::isCancelled() {
   return isCancelled_;
 }
 
-void TimerState::makeAppointment(Time due) {
-  appointment_ = appointmentBook().add(due, weak_from_this());
+void TimerState::setDeadline(Time due) {
+  deadline_ = allDeadlines().add(due, weak_from_this());
 }
 
-void TimerState::expire(std::uint64_t appointment) {
+void TimerState::expire(std::uint64_t deadline) {
   const std::lock_guard guard(lock_);
-  if (appointment != appointment_) {
+  if (deadline != deadline_) {
     return;
   }
-  appointment_ = 0;
+  deadline_ = 0;
   if (interval_) {
     // If it is late by more than one interval, it skips those that it has missed.
     const auto now = std::chrono::steady_clock::now();
     do {
       *start_ += *interval_;
     } while (*start_ < now);
-    makeAppointment(*start_);
+    setDeadline(*start_);
   }
   if (!std::exchange(isPending_, true)) {
     queue_->async(WorkQueue::Manner::plain, [self = shared_from_this()] { self->runHandler(); });

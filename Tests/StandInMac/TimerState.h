@@ -34,10 +34,10 @@ class TimerState : public std::enable_shared_from_this<TimerState> {
   bool isCancelled();
 
   // For the timers' thread: the deadline with this number is due.
-  void expire(std::uint64_t appointment);
+  void expire(std::uint64_t deadline);
 
  private:
-  void makeAppointment(Time due);
+  void setDeadline(Time due);
   void runHandler();
 
   const std::shared_ptr<WorkQueue> queue_;
@@ -53,7 +53,7 @@ class TimerState : public std::enable_shared_from_this<TimerState> {
   // An expiration waits on the queue; further ones are merged with it.
   bool isPending_ = false;
   // The only valid deadline; zero for none.
-  std::uint64_t appointment_ = 0;
+  std::uint64_t deadline_ = 0;
 };
 
 }  // namespace ostravel::standin
