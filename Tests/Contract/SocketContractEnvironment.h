@@ -9,7 +9,7 @@
 
 namespace ostravel::contract {
 
-// A platform with real sockets and real time. The program is in a network namespace of its own.
+// A platform with real sockets and real time. The program is in a private network namespace.
 class SocketContractEnvironment : public ContractEnvironment {
  public:
   bool waitUntil(const Condition& condition) override;

@@ -100,8 +100,8 @@ class MemoryFault(NamedTuple):
     number: int
     more: int
     library: str
-    # A program that cannot go on without memory ends at once, and the kernel takes its rules away. Even its
-    # last words may need memory. libseccomp 2.5 uses what it is given, at the start.
+    # A program that cannot go on without memory ends at once, and the kernel removes its rules.
+    # Even its last words may need memory. libseccomp 2.5 uses what it is given, at the start.
     deaths = (signal.SIGKILL, signal.SIGABRT, signal.SIGSEGV)
     silent_deaths = (signal.SIGABRT, signal.SIGSEGV)
 

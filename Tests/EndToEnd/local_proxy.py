@@ -7,7 +7,7 @@ Commands come on standard input, one JSON object per line:
   joined      true: waits for the origin's first bytes and sends them in one piece with the answer
   through     port of another local proxy, which makes the tunnels; its answer is passed on
   closes      true: no longer listens from the moment when it is asked for a flow
-  pieces      size of the pieces in which the answer is sent, each in a packet of its own
+  pieces      size of the pieces in which the answer is sent, each in a separate packet
   hosts       names that it can resolve, with their addresses
   unresolved  what it answers to a request for any other name, before it ends the connection
 

@@ -22,7 +22,7 @@ class Request(NamedTuple):
 
 
 class Load:
-    """Applications that send one request after the other, each in a process of its own."""
+    """Applications that send one request after the other, each in a separate process."""
 
     def __init__(self, laboratory):
         self._laboratory = laboratory

@@ -170,7 +170,7 @@ def test_killing_the_extension_in_the_shell_spares_applications(programs_folder)
 
 
 class Live:
-    """The live job in a laboratory's namespace here, as on a machine of its own."""
+    """The live job in a laboratory's namespace here, as on a separate machine."""
 
     def __init__(self, laboratory, *options):
         self.laboratory = laboratory

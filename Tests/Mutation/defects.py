@@ -116,7 +116,7 @@ DEFECTS = [
      "  proxyHealthTimer_ = nullptr;", "  }"),
     (DISPATCH, "provider->proxySafetyGate_->setProxyUnavailable(true);",
      "provider->proxySafetyGate_->setProxyUnavailable(false);"),
-    # The probe goes on after the stop.
+    # The probe continues after the stop.
     (HEALTH, "    proxyHealthTimer_->setEventHandler([] {});\n    proxyHealthTimer_->cancel();\n  }\n"
      "  proxyHealthTimer_ = nullptr;", "  }\n  static const auto kept = proxyHealthTimer_;"),
     (DISPATCH, "      provider->tunnelAdmissionController_.markEstablished(id);\n", ""),

@@ -4,9 +4,9 @@
 
 namespace ostravel::simulator {
 
-// The independent sources of random numbers of one seed (SeededRandom). Each flow has one of its
-// own, so that a run with fewer flows leaves the others as they are: this makes it possible to
-// shrink a run.
+// The independent sources of random numbers of one seed (SeededRandom). Each flow has its own, so
+// that a run with fewer flows leaves the others as they are: this makes it possible to shrink a
+// run.
 namespace streams {
 
 inline constexpr std::uint64_t kMenu = 1;

@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A choice among more is the lateness of a timer, not one between items.
+// A choice among more alternatives is how late a timer is, not which item runs.
 constexpr std::uint64_t kMostAlternatives = 100;
 
 class SmallScript final : public FlowScript {

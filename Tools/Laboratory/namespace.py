@@ -27,7 +27,7 @@ def _open_current():
 
 
 def make_mounts_private():
-    """Gives the calling thread mounts of its own, inherited by all that it starts from now on."""
+    """Gives the calling thread private mounts, inherited by all that it starts from now on."""
     _check(_libc.unshare(CLONE_NEWNS), "no mount namespace can be made")
     run("mount", "--make-rprivate", "/")
 

@@ -55,7 +55,7 @@ class Program:
     line.
 
     It is killed when we end for any reason. Started by the main thread only, because it is tied to
-    the thread that starts it (prctl(2), PR_SET_PDEATHSIG). It has a session of its own, so that a
+    the thread that starts it (prctl(2), PR_SET_PDEATHSIG). It runs in a separate session, so that a
     Ctrl-C that is meant for us does not reach it.
 
     namespace   the network namespace in which it runs; by default that of its caller

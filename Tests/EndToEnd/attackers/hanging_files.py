@@ -3,9 +3,9 @@
     hanging_files.py FOLDER USER HOST PORT [--rate 50]
 
 Mounts a file system with one file, "program", on FOLDER, so this must run in a mount namespace that
-nobody else needs. The file is a copy of this interpreter. Once it runs, as USER, and has all of
-itself in memory, no request to the file system is answered any more: looking at the program's file
-takes forever. The program then makes each connection from a process of its own.
+no other program needs. The file is a copy of this interpreter. Once it runs, as USER, and has all
+of itself in memory, no request to the file system is answered any more: looking at the program's
+file takes forever. The program then makes each connection from a separate process.
 
 The file system speaks the kernel's protocol (fuse(4), linux/fuse.h) and needs no library.
 """

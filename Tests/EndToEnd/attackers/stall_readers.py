@@ -2,7 +2,7 @@
 
     stall_readers.py HOST PORT COUNT
 
-Says how many there are when all of them are established, and goes on holding them.
+Prints their number once all of them are established, and keeps holding them.
 """
 
 import argparse

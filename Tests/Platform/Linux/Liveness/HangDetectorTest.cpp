@@ -22,7 +22,7 @@ class HangDetectorTest : public ::testing::Test {
     return detector_.observe(now_, counter_, kLimit);
   }
 
-  // Observes in time until that much has gone by; whether a hang was seen, and stops there.
+  // Observes in time until this much has passed or a hang is reported; returns whether one was.
   bool observeFor(HangDetector::Clock::duration time) {
     for (; time > kTick; time -= kTick) {
       if (observeAfter(kTick)) {

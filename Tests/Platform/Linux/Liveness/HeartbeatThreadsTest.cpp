@@ -57,7 +57,7 @@ class HeartbeatThreadsTest : public ::testing::Test {
     }
   }
 
-  // Whether everybody answers, after a while at most.
+  // Whether all participants answer within a generous time.
   bool beatsWithin(std::chrono::milliseconds limit) {
     return testing::waitUntil([this] { return heartbeat_.check(); }, limit);
   }

@@ -60,7 +60,7 @@ class WholeFlowTest : public ::testing::Test {
     [pool_ release];
   }
 
-  // Drains what the fixture makes before the test's own pool does.
+  // Holds what the fixture makes, and is drained before the test's own pool.
   NSAutoreleasePool* const pool_ = [[NSAutoreleasePool alloc] init];
 
   // prepare may say how the flow behaves; it is called before the provider gets it.
