@@ -217,10 +217,11 @@ int run(int argc, char** argv) {
     return failUsage(app, std::string("--web: ") + error.what());
   }
   const auto show = [&printer, &view](const ReceivedEvent& event) {
-    printer.print(event);
+    // First, so that the page and the metrics know every event whose line can be read.
     if (view) {
       view->receive(event);
     }
+    printer.print(event);
   };
   const auto report = [&complaints](const std::string& text) {
     complaints.writeLine("ostravel-monitor: " + ostravel::printableText(text));

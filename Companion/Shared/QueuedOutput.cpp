@@ -9,9 +9,19 @@ namespace ostravel::companion {
 
 using namespace std::chrono_literals;
 
+namespace {
+
+// How long the writing thread waits for room at a time.
+constexpr auto kTurn = 100ms;
+
+}  // namespace
+
 // Also used by a stuck writing thread that has been detached.
 struct QueuedOutput::Status {
   std::atomic<int> error = 0;
+  // How often in a row there was no room. Time alone does not show that the reader has stalled:
+  // this program may not have run.
+  std::atomic<int> turnsWithoutRoom = 0;
 };
 
 class QueuedOutput::Output final : public BackgroundWriter::Output {
@@ -23,8 +33,8 @@ class QueuedOutput::Output final : public BackgroundWriter::Output {
     if (status_->error != 0) {
       return lines.size();
     }
-    constexpr auto kPatience = 100ms;
-    const LineOutput::Piece piece = lines_.writePiece(lines, kPatience);
+    const LineOutput::Piece piece = lines_.writePiece(lines, kTurn);
+    status_->turnsWithoutRoom = piece.size == 0 ? status_->turnsWithoutRoom + 1 : 0;
     if (piece.error != 0) {
       status_->error = piece.error;
       options_.failed();
@@ -58,8 +68,14 @@ void QueuedOutput::writeLine(std::string_view line) {
 }
 
 void QueuedOutput::flush() {
-  constexpr auto kPatience = 500ms;
-  static_cast<void>(writer_.flush(std::chrono::steady_clock::now() + kPatience));
+  constexpr int kMostTurns = 5;
+  constexpr auto kLongest = 5s;
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point end = Clock::now() + kLongest;
+  status_->turnsWithoutRoom = 0;
+  while (!writer_.flush(Clock::now() + kTurn) && status_->turnsWithoutRoom < kMostTurns &&
+         Clock::now() < end) {
+  }
 }
 
 std::error_code QueuedOutput::error() const {

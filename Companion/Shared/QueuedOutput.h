@@ -31,7 +31,8 @@ class QueuedOutput {
 
   void writeLine(std::string_view line);
 
-  // Waits at most half a second for the reader to receive the remaining lines.
+  // Waits until the remaining lines are written, for as long as the reader keeps reading: until
+  // there has been no room for half a second, and five seconds at most.
   void flush();
 
   // Why lines cannot be written; empty while they can.
