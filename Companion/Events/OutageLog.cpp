@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Base/CountedText.h"
 #include "Base/PrintableText.h"
 
 namespace ostravel::companion {
@@ -17,18 +18,15 @@ void countApplication(Outage& outage, const std::string& application) {
   ++outage.applications[isFull && !outage.applications.contains(name) ? kOthers : name];
 }
 
-std::string counted(std::uint64_t count, const std::string& noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 bool hasHung(const Outage& outage) {
   return outage.timedOut + outage.backlog > 0;
 }
 
 std::string causeText(const Outage& outage) {
   if (outage.wasUnreachable) {
-    return hasHung(outage) ? "It did not answer, and then did not accept connections."
-                           : "It did not accept connections.";
+    return hasHung(outage)
+               ? "It accepted connections but did not answer, and at times accepted none."
+               : "It did not accept connections.";
   }
   return hasHung(outage) ? "It accepted connections but did not answer."
                          : "It broke connections off or answered nonsense.";
@@ -251,7 +249,7 @@ void OutageLog::takeEarlierResets(Lasting& lasting, double now) {
 
 std::string outageKind(const Outage& outage) {
   if (outage.wasUnreachable) {
-    return hasHung(outage) ? "hung, then unreachable" : "unreachable";
+    return hasHung(outage) ? "hung and unreachable" : "unreachable";
   }
   return hasHung(outage) ? "hung" : "faulty";
 }

@@ -108,7 +108,7 @@ class OutageLog {
   std::uint64_t totalLost_ = 0;
 };
 
-// "hung", "unreachable", "hung, then unreachable" or "faulty".
+// "hung", "unreachable", "hung and unreachable" or "faulty".
 std::string outageKind(const Outage& outage);
 
 // A few short sentences: what happened, where the connections went, and whether any was lost.

@@ -1,5 +1,6 @@
 #include "Companion/Monitor/EventSummary.h"
 
+#include "Base/CountedText.h"
 #include "Base/PrintableText.h"
 #include "Companion/Shared/TimeText.h"
 
@@ -19,7 +20,7 @@ void EventSummary::add(const FlowRecord& flow) {
 }
 
 std::string EventSummary::text() const {
-  std::string text = std::to_string(flows_) + (flows_ == 1 ? " flow, " : " flows, ") +
+  std::string text = counted(flows_, "flow") + ", " +
                      (failures_ == 0 ? "none" : std::to_string(failures_)) + " failed";
   std::string separator = " (";
   for (const auto& [outcome, count] : failuresByOutcome_) {
@@ -28,7 +29,7 @@ std::string EventSummary::text() const {
   }
   text += failures_ == 0 ? "" : ")";
   if (slowestSeconds_ >= 0.0) {
-    text += ", slowest answer " + durationText(slowestSeconds_) + ": " + slowestFlow_;
+    text += ", slowest " + durationText(slowestSeconds_) + ": " + slowestFlow_;
   }
   return text;
 }

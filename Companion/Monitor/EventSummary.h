@@ -14,7 +14,7 @@ class EventSummary {
   // Call it with the flow after each of its events.
   void add(const FlowRecord& flow);
 
-  // "152 flows, 3 failed (2 refused, 1 timed out), slowest answer 318 ms: APPLICATION to
+  // "152 flows, 3 failed (2 refused, 1 timed out), slowest 318 ms: APPLICATION to
   // DESTINATION". Safe to print.
   std::string text() const;
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <utility>
 
+#include "Base/CountedText.h"
 #include "Base/JSONHandle.h"
 #include "Base/PrintableText.h"
 
@@ -29,10 +30,6 @@ const char* nameOf(Level level) {
 std::string padded(std::string text, std::size_t width) {
   text.resize(std::max(width, text.size()), ' ');
   return text;
-}
-
-std::string counted(std::size_t count, const std::string& noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 }  // namespace

@@ -100,7 +100,7 @@ TEST_F(OutageLogTest, CallsAProxyThatHangsAndThenEndsBoth) {
   timeOut("a", 0.0, "curl");
   outages_.setReachable("", false, kNoon + 6.0);
   ASSERT_EQ(outages_.outages().size(), 1U);
-  EXPECT_EQ(outageKind(last()), "hung, then unreachable");
+  EXPECT_EQ(outageKind(last()), "hung and unreachable");
 }
 
 TEST_F(OutageLogTest, CountsTunnelsThatItEnded) {

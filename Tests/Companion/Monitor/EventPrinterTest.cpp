@@ -71,7 +71,7 @@ TEST(EventPrinter, SumsUpTheFlowsThatItShows) {
     printer.print(event);
   }
   EXPECT_EQ(printer.summary().text(),
-            "3 flows, 2 failed (1 refused, 1 timed out), slowest answer 5.00 s: /usr/bin/curl to "
+            "3 flows, 2 failed (1 refused, 1 timed out), slowest 5.00 s: /usr/bin/curl to "
             "example.org:443");
 }
 

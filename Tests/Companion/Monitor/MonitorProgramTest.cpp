@@ -298,7 +298,7 @@ TEST_F(MonitorProgramTest, SumsUpAtItsEnd) {
   monitor.sendSignal(SIGTERM);
   EXPECT_EQ(monitor.waitForExit(), 0);
   EXPECT_EQ(monitor.readError(),
-            "ostravel-monitor: 1 flow, none failed, slowest answer 1.25 ms: /usr/bin/curl to -\n");
+            "ostravel-monitor: 1 flow, none failed, slowest 1.25 ms: /usr/bin/curl to -\n");
   // Apart from the events, which a program may read.
   EXPECT_EQ(monitor.readOutput(), "");
 }

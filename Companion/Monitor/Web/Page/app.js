@@ -115,9 +115,9 @@
   };
 
   const KINDS = {hung: 'hangs', unreachable: 'is unreachable', faulty: 'is faulty',
-    'hung, then unreachable': 'hung, and is unreachable now'};
+    'hung and unreachable': 'hung or was unreachable, and still does not answer'};
   const PAST = {unreachable: 'was unreachable', faulty: 'was faulty',
-    'hung, then unreachable': 'hung, and was unreachable then'};
+    'hung and unreachable': 'hung, and was unreachable at times'};
   let outagesDrawn = '';
   const drawOutages = () => {
     const key = JSON.stringify(latest.outages);
