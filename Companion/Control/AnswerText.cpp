@@ -8,7 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "Base/CountedText.h"
 #include "Base/PrintableText.h"
+#include "Companion/Shared/ColumnText.h"
 
 namespace ostravel::companion {
 namespace {
@@ -28,14 +30,14 @@ std::string wrapped(std::string_view text, std::size_t used, std::size_t indent)
     const auto space = text.find(' ');
     const std::size_t size = space == std::string_view::npos ? text.size() : space + 1;
     if (used + size > kLongestLine + 1 && used > indent) {
-      lines += '\n' + std::string(indent, ' ');
+      lines = withoutTrailingBlanks(lines) + '\n' + std::string(indent, ' ');
       used = indent;
     }
     lines += text.substr(0, size);
     used += size;
     text.remove_prefix(size);
   }
-  return lines + '\n';
+  return withoutTrailingBlanks(lines) + '\n';
 }
 
 // A line of the status: a name and its value.
@@ -46,6 +48,10 @@ std::string row(const std::string& name, const std::string& text) {
 
 std::string countText(const json_t* status, std::string_view path) {
   return std::to_string(integerOf(status, path));
+}
+
+std::string countedText(const json_t* status, std::string_view path, const std::string& noun) {
+  return counted(static_cast<std::uint64_t>(integerOf(status, path)), noun);
 }
 
 // "3 timed_out, 2 rejected", largest count first.
@@ -71,8 +77,8 @@ std::string timesText(const json_t* histogram) {
   if (!p50) {
     return "";
   }
-  return "half within " + microsecondsText(*p50) + ", 90% " +
-         microsecondsText(*numberOf(histogram, "p90_us")) + ", 99% " +
+  return "half within " + microsecondsText(*p50) + ", 90% within " +
+         microsecondsText(*numberOf(histogram, "p90_us")) + ", 99% within " +
          microsecondsText(*numberOf(histogram, "p99_us"));
 }
 
@@ -120,6 +126,31 @@ std::string namesText(const json_t* status) {
   }
   return countText(status, "names.known") + " known, used to " +
          (use == "connect" ? "decide and to ask the proxy" : "decide");
+}
+
+std::string flowDetails(const json_t* flow) {
+  std::string text;
+  if (const std::string host = textOf(flow, "host"); !host.empty()) {
+    text += " (" + host + ")";
+  }
+  if (textOf(flow, "protocol") == "udp") {
+    text += " udp";
+  }
+  if (const std::string reason = textOf(flow, "reason"); reason != "proxied") {
+    text += " " + reason;
+  }
+  if (const auto handshake = numberOf(flow, "handshake_ms")) {
+    text += " handshake " + microsecondsText(*handshake * 1000);
+  }
+  const double sent = numberOf(flow, "bytes_sent").value_or(0);
+  const double received = numberOf(flow, "bytes_received").value_or(0);
+  if (sent + received > 0) {
+    text += " sent " + bytesText(sent) + " received " + bytesText(received);
+  }
+  if (const std::string detail = textOf(flow, "detail"); !detail.empty() && detail != "eof") {
+    text += " (" + detail + ")";
+  }
+  return text;
 }
 
 }  // namespace
@@ -188,7 +219,7 @@ std::string spanText(double seconds) {
 std::string statusText(const json_t* status) {
   std::string text = wrapped(textOf(status, "proxying.message"), 0, 0);
   if (const std::string since = sinceText(status, "proxying.since"); !since.empty()) {
-    text += "That is so " + since + ".\n";
+    text += "S" + since.substr(1) + ".\n";
   }
   text += "\n";
   text += row("extension", textOf(status, "program.version") + ", process " +
@@ -227,10 +258,9 @@ std::string statusText(const json_t* status) {
   if (memberOf(status, "names") != nullptr) {
     text += row("names", namesText(status));
   }
-  text +=
-      row("identifiers", countText(status, "identifiers.registrations") + " registrations; of " +
-                             countText(status, "identifiers.processes") +
-                             " processes that have sent recently");
+  text += row("identifiers",
+              countedText(status, "identifiers.registrations", "registration") + "; " +
+                  countedText(status, "identifiers.processes", "recent sender") + " identified");
   text += row("events", json_is_true(memberOf(status, "events.configured"))
                             ? countText(status, "events.emitted") + " made; " +
                                   countText(status, "events.failed") + " not delivered, " +
@@ -243,35 +273,27 @@ std::string statusText(const json_t* status) {
   return text;
 }
 
-std::string flowText(const json_t* flow, TimeStyle time) {
-  constexpr int kOutcomeWidth = 11;
-  std::string outcome = textOf(flow, "outcome");
-  outcome.resize(std::max<std::size_t>(outcome.size(), kOutcomeWidth), ' ');
-  const std::string application = textOf(flow, "application");
-  std::string text = timeText(numberOf(flow, "time").value_or(0), time) + " " + outcome + " " +
-                     (application.empty() ? "(unknown)" : application) + " " +
-                     textOf(flow, "destination");
-  if (const std::string host = textOf(flow, "host"); !host.empty()) {
-    text += " (" + host + ")";
+std::string flowText(const json_t* flow, FlowTextStyle style) {
+  constexpr std::size_t kOutcomeWidth = 11;
+  std::string time = timeText(numberOf(flow, "time").value_or(0), style.time);
+  std::string application = textOf(flow, "application");
+  application = application.empty() ? "(unknown)" : application;
+  std::string destination = textOf(flow, "destination");
+  std::size_t applicationWidth = kApplicationWidth;
+  if (style.width != 0 && style.width < kWideTerminal) {
+    if (style.time == TimeStyle::timeOfDay) {
+      time = firstColumns(time, kShortTimeWidth);
+    }
+    const std::size_t used = columnsOf(time) + 1 + kOutcomeWidth + 1;
+    const std::size_t room = style.width > used + 1 ? style.width - used - 1 : 0;
+    applicationWidth = applicationWidthIn(room);
+    application = cutAtEnd(lastPathComponent(application), applicationWidth);
+    destination = cutAtBeginning(destination, kDestinationWidth);
   }
-  if (textOf(flow, "protocol") == "udp") {
-    text += " udp";
-  }
-  if (const std::string reason = textOf(flow, "reason"); reason != "proxied") {
-    text += " " + reason;
-  }
-  if (const auto handshake = numberOf(flow, "handshake_ms")) {
-    text += " handshake " + microsecondsText(*handshake * 1000);
-  }
-  const double sent = numberOf(flow, "bytes_sent").value_or(0);
-  const double received = numberOf(flow, "bytes_received").value_or(0);
-  if (sent + received > 0) {
-    text += " sent " + bytesText(sent) + " received " + bytesText(received);
-  }
-  if (const std::string detail = textOf(flow, "detail"); !detail.empty() && detail != "eof") {
-    text += " (" + detail + ")";
-  }
-  return text;
+  const std::string line = time + " " + padded(textOf(flow, "outcome"), kOutcomeWidth) + " " +
+                           padded(application, applicationWidth) + " " +
+                           padded(destination, kDestinationWidth) + flowDetails(flow);
+  return withoutTrailingBlanks(style.width == 0 ? line : cutAtEnd(line, style.width));
 }
 
 std::string explanationText(const json_t* explanation) {
@@ -289,7 +311,9 @@ std::string explanationText(const json_t* explanation) {
     text += name + (json_is_true(memberOf(rule, "decides")) ? "=> " : "   ") +
             textOf(rule, "message") + "\n";
   }
-  return text + textOf(explanation, "action") + " (" + textOf(explanation, "reason") + ")\n";
+  const std::string action = textOf(explanation, "action");
+  const std::string reason = textOf(explanation, "reason");
+  return text + action + (reason == action ? "" : " (" + reason + ")") + "\n";
 }
 
 }  // namespace ostravel::companion

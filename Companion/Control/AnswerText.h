@@ -2,6 +2,7 @@
 
 #include <jansson.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -18,8 +19,14 @@ namespace ostravel::companion {
 // why not.
 std::string statusText(const json_t* status);
 
+struct FlowTextStyle {
+  TimeStyle time = TimeStyle::timeOfDay;
+  // The terminal's, in columns; 0: unlimited.
+  std::size_t width = 0;
+};
+
 // One line, without its line feed.
-std::string flowText(const json_t* flow, TimeStyle time = TimeStyle::timeOfDay);
+std::string flowText(const json_t* flow, FlowTextStyle style = {});
 
 // The rules, then their result.
 std::string explanationText(const json_t* explanation);

@@ -11,6 +11,7 @@
 
 #include "Companion/Control/AnswerText.h"
 #include "Companion/Control/ControlOutput.h"
+#include "Companion/Shared/ColumnText.h"
 
 namespace ostravel::companion {
 namespace {
@@ -40,7 +41,8 @@ JSONHandle makeRequest(std::optional<json_int_t> after, std::optional<double> up
 }  // namespace
 
 bool FlowList::printFlow(const json_t* flow) const {
-  return printLine(asJSON_ ? jsonLine(flow) : flowText(flow, time_));
+  return printLine(asJSON_ ? jsonLine(flow)
+                           : flowText(flow, {.time = time_, .width = widthOfOutput()}));
 }
 
 int FlowList::print() const {

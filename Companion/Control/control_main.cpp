@@ -151,13 +151,15 @@ int run(int argc, char** argv) {
   bool isUDP = false;
   std::vector<std::string> subjects;
   app.add_option("--socket", path, "The control socket")->option_text("PATH [" + path + "]");
-  app.add_flag("--json", asJSON, "Print JSON, on one line");
+  app.add_flag("--json", asJSON, "Print JSON on one line");
   app.require_subcommand(1);
   app.fallthrough();
   const auto* const status =
       app.add_subcommand("status", "Say whether new connections are proxied, and if not why");
-  auto* const flows = app.add_subcommand("flows", "List the last decisions");
-  flows->add_flag("--follow,-f", doesFollow, "Go on as flows are decided and end");
+  auto* const flows =
+      app.add_subcommand("flows", "List the latest flows and what was decided about them");
+  flows->add_flag("--follow,-f", doesFollow,
+                  "Keep listing flows as they are decided and as they end");
   addTimeOption(*flows, timeStyle);
   const auto* const top = app.add_subcommand("top", "Show a live screen; q ends it");
   auto* const explained =

@@ -5,83 +5,20 @@
 #include <utility>
 
 #include "Base/PrintableText.h"
-#include "Base/UTF8.h"
+#include "Companion/Shared/ColumnText.h"
 
 namespace ostravel::companion {
 namespace {
 
-// Wide enough to keep the columns aligned for usual applications and destinations.
 constexpr std::size_t kLevelWidth = 5;
 constexpr std::size_t kIdWidth = 8;
 constexpr std::size_t kWhatWidth = 18;
-constexpr std::size_t kAppWidth = 26;
-constexpr std::size_t kDestinationWidth = 22;
-
-// On narrower terminals applications are shown by their last path component, and times without the
-// thousandths.
-constexpr std::size_t kWideTerminal = 120;
-constexpr std::size_t kShortTimeWidth = 8;
-constexpr std::size_t kShortestApp = 8;
 
 // ECMA-48, section 8.3.117.
 constexpr std::string_view kRed = "\x1b[31m";
 constexpr std::string_view kGreen = "\x1b[32m";
 constexpr std::string_view kYellow = "\x1b[33m";
 constexpr std::string_view kPlain = "\x1b[0m";
-constexpr std::string_view kEllipsis = "…";
-
-std::size_t columnsOf(std::string_view text) {
-  std::size_t characters = 0;
-  for (; !text.empty(); text.remove_prefix(firstCodePoint(text).size)) {
-    ++characters;
-  }
-  return characters;
-}
-
-std::string padded(std::string text, std::size_t width) {
-  const std::size_t columns = columnsOf(text);
-  if (columns < width) {
-    text.append(width - columns, ' ');
-  }
-  return text;
-}
-
-std::string_view firstColumns(std::string_view text, std::size_t columns) {
-  std::string_view rest = text;
-  for (; columns > 0 && !rest.empty(); --columns) {
-    rest.remove_prefix(firstCodePoint(rest).size);
-  }
-  return text.substr(0, text.size() - rest.size());
-}
-
-std::string_view lastColumns(std::string_view text, std::size_t columns) {
-  std::string_view rest = text;
-  for (; columns > 0 && !rest.empty(); --columns) {
-    rest.remove_suffix(lastCodePoint(rest).size);
-  }
-  return text.substr(rest.size());
-}
-
-std::string cutAtEnd(std::string_view text, std::size_t width) {
-  if (columnsOf(text) <= width) {
-    return std::string(text);
-  }
-  return width == 0 ? "" : std::string(firstColumns(text, width - 1)) + std::string(kEllipsis);
-}
-
-// Keeps the end, which contains a destination's port and domain.
-std::string cutAtBeginning(std::string_view text, std::size_t width) {
-  if (columnsOf(text) <= width) {
-    return std::string(text);
-  }
-  return width == 0 ? "" : std::string(kEllipsis) + std::string(lastColumns(text, width - 1));
-}
-
-std::string_view lastPathComponent(std::string_view path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string_view::npos || slash + 1 == path.size() ? path
-                                                                     : path.substr(slash + 1);
-}
 
 std::string orDash(std::string text) {
   return text.empty() ? "-" : std::move(text);
@@ -243,11 +180,6 @@ Columns columnsOf(const ReceivedEvent& event, const FlowRecord* flow, TimeStyle 
   return columns;
 }
 
-std::string withoutTrailingBlanks(std::string line) {
-  line.erase(line.find_last_not_of(' ') + 1);
-  return line;
-}
-
 // Without the level, which the caller adds.
 std::string afterLevel(const Columns& columns, std::size_t appWidth) {
   return " " + padded(columns.id, kIdWidth) + " " + padded(columns.what, kWhatWidth) + "  " +
@@ -259,8 +191,7 @@ std::string afterLevel(const Columns& columns, std::size_t appWidth) {
 void narrow(Columns& columns, std::size_t& appWidth, std::size_t room) {
   constexpr std::size_t kFixed = 1 + kIdWidth + 1 + kWhatWidth + 2 + 1;
   const std::size_t both = room > kFixed ? room - kFixed : 0;
-  appWidth = both > kDestinationWidth ? both - kDestinationWidth : 0;
-  appWidth = std::clamp(appWidth, kShortestApp, kAppWidth);
+  appWidth = applicationWidthIn(both);
   columns.what = cutAtEnd(columns.what, kWhatWidth);
   columns.application = cutAtEnd(lastPathComponent(columns.application), appWidth);
   columns.destination = cutAtBeginning(
@@ -272,7 +203,7 @@ void narrow(Columns& columns, std::size_t& appWidth, std::size_t room) {
 std::string eventLine(const ReceivedEvent& event, const FlowRecord* flow,
                       const EventLineStyle& style) {
   Columns columns = columnsOf(event, flow, style.time);
-  std::size_t appWidth = kAppWidth;
+  std::size_t appWidth = kApplicationWidth;
   if (style.width != 0) {
     if (style.width < kWideTerminal && style.time == TimeStyle::timeOfDay) {
       columns.time = std::string(firstColumns(columns.time, kShortTimeWidth));

@@ -1,4 +1,3 @@
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -29,6 +28,7 @@
 #include "Companion/Monitor/EventReceiver.h"
 #include "Companion/Monitor/FleetEvent.h"
 #include "Companion/Monitor/Web/WebView.h"
+#include "Companion/Shared/ColumnText.h"
 #include "Companion/Shared/CommandLine.h"
 #include "Companion/Shared/InheritedListener.h"
 #include "Companion/Shared/QueuedOutput.h"
@@ -42,12 +42,6 @@ using namespace ostravel::companion;
 bool isColourWanted() {
   const char* const noColour = std::getenv("NO_COLOR");
   return ::isatty(STDOUT_FILENO) == 1 && (noColour == nullptr || *noColour == '\0');
-}
-
-// The terminal's current width in columns; 0 if the output is no terminal.
-std::size_t widthOfOutput() {
-  winsize size{};
-  return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 // Capacity of each of two buffers. A line can be longer than the largest frame, 1 MiB, because

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "Base/LineOutput.h"
 #include "Base/PrintableText.h"
@@ -31,6 +32,12 @@ std::optional<int> readCommandLine(CLI::App& app, int argc, const char* const* a
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) {
       return app.exit(error);
+    }
+    // Otherwise an unknown command would be reported as a missing one.
+    const std::vector<std::string> unknown = app.remaining();
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError) &&
+        !unknown.empty()) {
+      return failUsage(app, unknown.front() + ": unknown argument");
     }
     return failUsage(app, error.what());
   }

@@ -46,6 +46,7 @@ TEST(AnswerTextTest, FitsOnAScreen) {
   std::size_t count = 0;
   for (std::string line; std::getline(lines, line); ++count) {
     EXPECT_LE(line.size(), 80U) << line;
+    EXPECT_FALSE(line.ends_with(' ')) << line;
   }
   EXPECT_LE(count, 24U);
 }
@@ -56,7 +57,7 @@ TEST(AnswerTextTest, ShowsWhatIsKnown) {
        {"70000 gate_closed, 20000 exempt_application", "5 timed_out", "half within 3.3 ms",
         "received 5.0 GiB", "1 not delivered, 2 dropped", "none on 127.0.0.1:8080: /usr/sbin/nginx",
         "17 known, used to decide and to ask the proxy",
-        "2 registrations; of 31 processes that have sent recently"}) {
+        "2 registrations; 31 recent senders identified"}) {
     EXPECT_NE(text.find(part), std::string::npos) << part;
   }
   EXPECT_EQ(text.find("rejected"), std::string::npos);
@@ -84,12 +85,28 @@ TEST(AnswerTextTest, ShowsAFlowOnOneLine) {
                  "destination":"192.0.2.1:443","reason":"proxied","outcome":"rejected",
                  "detail":"HTTP/1.1 403 Forbidden","bytes_sent":0,"bytes_received":0})")
                    .get());
-  EXPECT_EQ(line.substr(line.find(' ')),
-            " rejected    /usr/bin/curl 192.0.2.1:443 (HTTP/1.1 403 Forbidden)");
+  EXPECT_EQ(
+      line.substr(line.find(' ')),
+      " rejected    /usr/bin/curl              192.0.2.1:443          (HTTP/1.1 403 Forbidden)");
+}
+
+TEST(AnswerTextTest, FitsAFlowIntoTheTerminal) {
+  const JSONHandle flow = parsed(R"({"time":1763271815.5,"protocol":"tcp",
+      "application":"/opt/browser/lib/browser-main","destination":"[2001:db8:1:2:3:4:5:6]:443",
+      "reason":"gate_closed","outcome":"direct"})");
+  const auto onTerminal = [&flow](std::size_t width) {
+    const std::string line = flowText(flow.get(), {.time = TimeStyle::timeOfDay, .width = width});
+    return line.substr(line.find(' '));
+  };
+  EXPECT_EQ(onTerminal(120),
+            " direct      /opt/browser/lib/browser-main [2001:db8:1:2:3:4:5:6]:443 gate_closed");
+  EXPECT_EQ(onTerminal(80),
+            " direct      browser-main               …:db8:1:2:3:4:5:6]:443 gate_clo…");
+  EXPECT_EQ(onTerminal(40), " direct      browser… …:db8:1:2…");
 }
 
 TEST(AnswerTextTest, ShowsDateAndZoneOnRequest) {
-  const auto line = flowText(parsed(R"({"time":1763271815.5})").get(), TimeStyle::utc);
+  const auto line = flowText(parsed(R"({"time":1763271815.5})").get(), {.time = TimeStyle::utc});
   EXPECT_EQ(line.substr(0, line.find(' ')), "2025-11-16T05:43:35.500Z");
 }
 
@@ -97,14 +114,17 @@ TEST(AnswerTextTest, ShowsAddressAndName) {
   const auto line = flowText(parsed(R"({"application":"/a","destination":"192.0.2.1:443",
       "host":"www.example.org","reason":"proxied","outcome":"established"})")
                                  .get());
-  EXPECT_NE(line.find(" /a 192.0.2.1:443 (www.example.org)"), std::string::npos) << line;
+  EXPECT_NE(line.find(" /a                         192.0.2.1:443          (www.example.org)"),
+            std::string::npos)
+      << line;
 }
 
 TEST(AnswerTextTest, NamesTheReasonOfADirectFlow) {
   const auto line = flowText(parsed(R"({"protocol":"udp","application":"","outcome":"direct",
       "destination":"[2001:db8::1]:443","reason":"gate_closed"})")
                                  .get());
-  EXPECT_NE(line.find("(unknown) [2001:db8::1]:443 udp gate_closed"), std::string::npos);
+  EXPECT_NE(line.find("(unknown)                  [2001:db8::1]:443      udp gate_closed"),
+            std::string::npos);
 }
 
 TEST(AnswerTextTest, LetsNothingDisturbTheTerminal) {
@@ -123,6 +143,11 @@ TEST(AnswerTextTest, ExplainsRuleByRule) {
             "port           It is intercepted.\n"
             "gate        => It is closed.\n"
             "direct (gate_closed)\n");
+}
+
+TEST(AnswerTextTest, SaysOnceThatAFlowIsProxied) {
+  EXPECT_EQ(explanationText(parsed(R"({"action":"proxied","reason":"proxied"})").get()),
+            "proxied\n");
 }
 
 TEST(AnswerTextTest, WritesReadableQuantities) {
