@@ -41,6 +41,14 @@ TEST(SimulatorTest, NoSeedBreaksAPromiseWhenFlowsComeInBursts) {
   EXPECT_GT(totals.rejections, 0U);
 }
 
+// So many tunnels end in one moment that the room for waiting events is full.
+TEST(SimulatorTest, NoSeedBreaksAPromiseWhenEventsAreDropped) {
+  for (const std::uint64_t seed : {1897U, 2630U}) {
+    const auto result = play({.seed = seed, .flows = 11'200});
+    EXPECT_FALSE(result.violation) << describe(result, seed);
+  }
+}
+
 TEST(SimulatorTest, EveryFaultAloneBreaksNoPromise) {
   for (const Fault fault : FaultMenu::all().faults()) {
     SCOPED_TRACE(nameOf(fault));
