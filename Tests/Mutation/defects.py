@@ -68,8 +68,8 @@ DEFECTS = [
      "void OVTunnelConnection::pipeLocalToRemote() {\n  if (false) {"),
     (TUNNEL, "void OVTunnelConnection::pipeRemoteToLocal() {\n  if (isClosed_) {",
      "void OVTunnelConnection::pipeRemoteToLocal() {\n  if (false) {"),
-    (TUNNEL, "  log_->debug(logFormat, {error->localizedDescription});\n  close(std::move(error));\n",
-     "  log_->debug(logFormat, {error->localizedDescription});\n"),
+    (TUNNEL, "              routine(monitoring_events::kTunnelClosedWithError));\n  close(std::move(error));\n",
+     "              routine(monitoring_events::kTunnelClosedWithError));\n"),
     (TUNNEL, "      self->pipeLocalToRemote();\n", ""),
     (TUNNEL, "              self->pipeRemoteToLocal();\n", ""),
     # Ends are not noticed: the direction just stops.

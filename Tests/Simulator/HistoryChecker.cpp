@@ -112,6 +112,9 @@ void HistoryChecker::consumeProvider(const HistoryEvent& event) {
   if (event.kind == HistoryKind::providerStopped || event.kind == HistoryKind::providerReleased) {
     for (Flow& flow : flows_) {
       flow.mayVanish = true;
+      if (flow.tunnel && flow.forgottenInStep == 0) {
+        flow.forgottenInStep = step_;
+      }
     }
   }
 }
@@ -557,6 +560,9 @@ void HistoryChecker::timeOut(Flow& flow, const HistoryEvent& event) {
   if (now_ < flow.startedAt + kHandshakeTimeout) {
     fail("the handshake times out early", event.flow);
   }
+  if (flow.forgottenInStep != 0 && flow.forgottenInStep != step_) {
+    fail("the handshake of a forgotten tunnel times out", event.flow);
+  }
   flow.expectedEvents |= kTimedOut;
   flow.mustFail.push_back(
       {std::string(kOwnDomain), kHandshakeTimedOut, "Proxy CONNECT handshake timed out"});
@@ -668,6 +674,7 @@ void HistoryChecker::finishStep() {
   for (const std::uint32_t number : touched_) {
     flows_[number - 1].beganToObserve = false;
     judgeTouched(number);
+    expectRelease(flows_[number - 1], number);
   }
   touched_.clear();
   wasPreempted_ = false;
@@ -695,6 +702,9 @@ void HistoryChecker::judgeTouched(std::uint32_t number) {
   if (flow.cancelled && flow.observing) {
     fail("a closed tunnel still observes its connection", number);
   }
+  if (flow.requestSent && flow.observing) {
+    fail("a tunnel observes its connection after its handshake has begun", number);
+  }
   if (flow.mustBeginHandshake && !flow.writeClosed) {
     fail("the connection is established and no request is sent", number);
   }
@@ -712,6 +722,29 @@ void HistoryChecker::judgeRelay(const Flow& flow, std::uint32_t number) {
     fail("a handshake waits for nothing, or for two things", number);
   } else if (!flow.requestSent && !flow.observing) {
     fail("a tunnel does not observe its connection", number);
+  }
+}
+
+bool HistoryChecker::isIdle(const Flow& flow) {
+  return !flow.flowReads && !flow.flowWrites && !flow.connectionReads && !flow.connectionWrites;
+}
+
+void HistoryChecker::expectRelease(Flow& flow, std::uint32_t number) {
+  const bool isLeft = flow.cancelled && !(flow.flowGone && flow.connectionGone);
+  if (isLeft && isIdle(flow) && !std::exchange(flow.mustBeReleased, true)) {
+    releases_.push_back({number, now_ + kReleaseTimeout});
+  }
+}
+
+void HistoryChecker::judgeReleases(std::chrono::nanoseconds now) {
+  while (!releases_.empty() && releases_.front().limit < now) {
+    const std::uint32_t number = releases_.front().flow;
+    releases_.pop_front();
+    Flow& flow = flows_[number - 1];
+    flow.mustBeReleased = false;
+    if (isIdle(flow) && !(flow.flowGone && flow.connectionGone)) {
+      fail("a closed tunnel is not released", number);
+    }
   }
 }
 
@@ -736,6 +769,7 @@ void HistoryChecker::compareCounts(const Counts& counts) {
 }
 
 void HistoryChecker::passTime(std::chrono::nanoseconds now) {
+  judgeReleases(now);
   while (!handshakes_.empty()) {
     const std::uint32_t number = handshakes_.front();
     const Flow& flow = flows_[number - 1];
@@ -754,6 +788,9 @@ void HistoryChecker::excuseDelay(std::chrono::nanoseconds now) {
   for (const std::uint32_t number : handshakes_) {
     Flow& flow = flows_[number - 1];
     flow.startedAt = std::max(flow.startedAt, now - kHandshakeTimeout);
+  }
+  for (Release& release : releases_) {
+    release.limit = std::max(release.limit, now);
   }
 }
 

@@ -49,6 +49,8 @@ class HistoryChecker {
 
   static constexpr std::size_t kMaxPending = 48;
   static constexpr std::chrono::nanoseconds kHandshakeTimeout = std::chrono::seconds(5);
+  // How long a closed tunnel may exist after its last operation.
+  static constexpr std::chrono::nanoseconds kReleaseTimeout = std::chrono::seconds(10);
 
   enum class Monitor {
     // Every monitoring event arrives.
@@ -115,6 +117,8 @@ class HistoryChecker {
     bool openFailed = false;
     // Its provider was stopped or released: it may be destroyed without having been closed.
     bool mayVanish = false;
+    // The step in which its tunnel was forgotten, or 0.
+    std::uint64_t forgottenInStep = 0;
     bool rejected = false;
 
     bool tunnel = false;
@@ -154,6 +158,7 @@ class HistoryChecker {
     std::uint64_t closedInStep = 0;
     bool flowGone = false;
     bool connectionGone = false;
+    bool mustBeReleased = false;
 
     std::uint16_t expectedEvents = 0;
     std::uint16_t receivedEvents = 0;
@@ -191,6 +196,9 @@ class HistoryChecker {
   void receiveForFlow(std::uint16_t bit, std::uint32_t number, std::string_view json);
   void finishStep();
   void judgeTouched(std::uint32_t number);
+  static bool isIdle(const Flow& flow);
+  void expectRelease(Flow& flow, std::uint32_t number);
+  void judgeReleases(std::chrono::nanoseconds now);
   void judgeRelay(const Flow& flow, std::uint32_t number);
   void judgeEnd(const Flow& flow, std::uint32_t number);
   void judgeEvents(const Flow& flow, std::uint32_t number);
@@ -231,6 +239,12 @@ class HistoryChecker {
   std::unordered_map<std::string, std::uint32_t> flowsById_;
   // Tunnels in the order of their start, as long as their handshake may be pending.
   std::deque<std::uint32_t> handshakes_;
+  // Closed tunnels without an operation, in the order of the time by which they must be released.
+  struct Release {
+    std::uint32_t flow = 0;
+    std::chrono::nanoseconds limit{0};
+  };
+  std::deque<Release> releases_;
 
   std::size_t tunnels_ = 0;
   std::size_t successes_ = 0;

@@ -239,11 +239,61 @@ TEST_F(HistoryCheckerTest, FindsAnObserverThatACloseLeaves) {
   EXPECT_EQ(invariant(), "a closed tunnel still observes its connection");
 }
 
+TEST_F(HistoryCheckerTest, FindsAnObserverThatAHandshakeLeaves) {
+  startTunnel();
+  happen({.kind = HistoryKind::stateNotified, .flow = 1, .number = kConnected});
+  happen(
+      {.kind = HistoryKind::connectionWrite, .flow = 1, .number = kConnected, .bytes = kRequest});
+  finishStep();
+
+  EXPECT_EQ(invariant(), "a tunnel observes its connection after its handshake has begun");
+}
+
 TEST_F(HistoryCheckerTest, FindsLeftovers) {
   establish();
   checker_.finish();
 
   EXPECT_EQ(invariant(), "a flow is never destroyed");
+}
+
+TEST_F(HistoryCheckerTest, FindsAClosedTunnelThatIsNotReleased) {
+  establish();
+  happen({.kind = HistoryKind::flowReadDone, .flow = 1});
+  close();
+  finishStep();
+  checker_.passTime(11s);
+  EXPECT_EQ(invariant(), "none") << "the proxy is still being read";
+  happen({.kind = HistoryKind::connectionReadDone, .flow = 1});
+  finishStep();
+  checker_.passTime(now_ + 10s);
+  EXPECT_EQ(invariant(), "none");
+  checker_.passTime(now_ + 10s + 1ns);
+
+  EXPECT_EQ(invariant(), "a closed tunnel is not released");
+}
+
+TEST_F(HistoryCheckerTest, ForgivesATunnelThatIsReleasedInTime) {
+  establish();
+  happen({.kind = HistoryKind::flowReadDone, .flow = 1});
+  close();
+  happen({.kind = HistoryKind::connectionReadDone, .flow = 1});
+  finishStep();
+  happen({.kind = HistoryKind::connectionDestroyed, .flow = 1});
+  happen({.kind = HistoryKind::flowDestroyed, .flow = 1});
+  finishStep();
+  checker_.passTime(now_ + 11s);
+
+  EXPECT_EQ(invariant(), "none");
+}
+
+TEST_F(HistoryCheckerTest, FindsATimeoutOfAForgottenTunnel) {
+  sendRequest();
+  happen({.kind = HistoryKind::providerStopped});
+  finishStep();
+  now_ = 5s;
+  timeOut();
+
+  EXPECT_EQ(invariant(), "the handshake of a forgotten tunnel times out");
 }
 
 TEST_F(HistoryCheckerTest, FindsAProbeAfterTheStop) {
