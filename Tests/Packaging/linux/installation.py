@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Installs, upgrades, removes, installs again and purges the package in a fresh Debian.
+"""Installs, upgrades, removes, installs again and purges the package in a fresh Debian, and starts
+applications there in the ways that give them identifiers.
 
 The Debian is made with debootstrap the first time and kept in build/package/debian for the next. Its
 systemd runs as the first process of private namespaces; its applications connect to an origin in
@@ -21,6 +22,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[3]
 BASE = ROOT / "build/package/debian"
 MIRROR = "http://deb.debian.org/debian"
 PACKAGES = "systemd,systemd-sysv,dbus,nftables,curl,iproute2"
+# With which applications are started.
+STARTERS = ("crun", "dbus-user-session", "flatpak", "libpam-systemd", "podman")
 GENEROUS_SECONDS = 90
 HERE, THERE = "198.51.100.1", "198.51.100.10"
 UNITS = ("ostravel", "ostravel-sidecar", "ostravel-monitor")
@@ -53,6 +56,38 @@ pivot_root . mnt
 umount -l /mnt
 exec env -i container=ostravel-test PATH=/usr/sbin:/usr/bin:/sbin:/bin \
   /lib/systemd/systemd --log-target=console --show-status=no
+"""
+
+# Makes /srv/files, a file system with nothing but curl, and of it a Flatpak application and its
+# runtime in the repository /srv/repository.
+MAKE_APPLICATIONS = r"""
+set -e
+mkdir -p /srv/files/{etc,dev,proc,run,sys,tmp} /srv/runtime/{files,usr} /srv/application/{export,files/bin}
+for file in /usr/bin/curl $(ldd /usr/bin/curl | grep -o '/[^ ]*'); do
+  cp -L --parents "$file" /srv/files
+done
+cp -a /srv/files/{lib,lib64} /srv/runtime/usr
+cp /usr/bin/curl /srv/application/files/bin
+runtime=org.example.Platform/$(flatpak --default-arch)/1
+cat >/srv/runtime/metadata <<END
+[Runtime]
+name=org.example.Platform
+runtime=$runtime
+sdk=$runtime
+END
+cat >/srv/application/metadata <<END
+[Application]
+name=org.example.Fetcher
+runtime=$runtime
+sdk=$runtime
+command=curl
+[Context]
+shared=network;
+END
+flatpak build-export --runtime /srv/repository /srv/runtime 1
+flatpak build-export /srv/repository /srv/application
+useradd --create-home --uid 1000 alice
+systemctl start user@1000
 """
 
 # Reports its peer, as the origin of each connection.
@@ -101,7 +136,7 @@ def make_base(package):
     names = [re.split(r"[ |(]", part.strip())[0] for part in depends.split(",")]
     shutil.copy("/etc/resolv.conf", BASE / "etc/resolv.conf")
     run("chroot", BASE, "env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "install", "-qq",
-        "--no-install-recommends", *names)
+        "--no-install-recommends", *names, *STARTERS)
 
 
 def make_older(package, folder):
@@ -391,6 +426,39 @@ def check_removal(machine, package, before):
     say("purged: no file is left")
 
 
+def check_applications(machine, package):
+    """The identifiers of applications that are started as on a desktop or a server."""
+    machine.run("dpkg", "-i", f"/packages/{package.name}")
+    machine.run("systemctl", "enable", "--now", "ostravel-sidecar")
+    eventually("connections are proxied", lambda: machine.fetch() == "proxied")
+    machine.run("bash", "-c", MAKE_APPLICATIONS)
+    run_user = "/run/user/1000"
+    alice = ("runuser", "-u", "alice", "--", "env", "-C", "/home/alice", "HOME=/home/alice",
+             f"XDG_RUNTIME_DIR={run_user}", f"DBUS_SESSION_BUS_ADDRESS=unix:path={run_user}/bus")
+    flatpak = (*alice, "flatpak", "--user")
+    machine.run(*flatpak, "remote-add", "--no-gpg-verify", "ours", "/srv/repository")
+    machine.run(*flatpak, "install", "--noninteractive", "ours", "org.example.Fetcher")
+    request = ("-sS", "-m", "20", f"http://{THERE}/")
+    curl = ("/usr/bin/curl", *request)
+    of_user = (*alice, "systemd-run", "--user", "--quiet")
+    # Without its limits, which not every machine that runs this test can set.
+    podman = ("podman", "run", "--rm", "--privileged", "--pids-limit=-1", "--network", "host")
+    for identifier, command in {
+        r"org\.example\.Viewer": (*of_user, "--scope", "--unit", "app-org.example.Viewer-1.scope",
+                                  *curl),
+        r"org\.example\.Editor": (*of_user, "--wait", "--unit", "app-org.example.Editor@1.service",
+                                  *curl),
+        r"fetcher\.service": ("systemd-run", "--quiet", "--wait", "--unit", "fetcher.service", *curl),
+        r"org\.example\.Fetcher": (*flatpak, "run", "org.example.Fetcher", *request),
+        r"/usr/bin/curl//container/\w{12}": (*podman, "--rootfs", "/srv/files", *curl),
+    }.items():
+        # A busy machine may give up looking for a process.
+        eventually(identifier, lambda identifier=identifier, command=command: machine.run(
+            *command) is not None and re.search(
+                rf"closed +{identifier} {THERE}", machine.run("ostravelctl", "flows")))
+    say("applications of systemd, Flatpak and Podman have their identifiers")
+
+
 def main():
     if os.geteuid() != 0 or len(sys.argv) != 2:
         sys.exit(f"usage, as root: {sys.argv[0]} PACKAGE")
@@ -420,6 +488,7 @@ def main():
             with origin_beside(machine):
                 check_restart(machine)
                 check_removal(machine, package, before)
+                check_applications(machine, package)
         except AssertionError as failure:
             if machine:
                 print(machine.console(), file=sys.stderr)
