@@ -30,7 +30,7 @@ cross_packages=(
 )
 # Wanted by ./package --test.
 package_test_packages=(
-  debootstrap iproute2 python3 systemd-container util-linux
+  debootstrap iproute2 nats-server python3 systemd-container util-linux
 )
 
 say() {

@@ -12,6 +12,7 @@ import tempfile
 
 # What systemd-analyze(1) calls the exposure: 0 is none, 10 is everything.
 MOST_EXPOSURE = {"ostravel": 2.4, "ostravel-sidecar": 1.5, "ostravel-monitor": 1.5}
+MOST_EXPOSURE_WITH_NETWORK = 2.5
 PAGES = {"ostravel-extension": 8, "ostravel-sidecar": 1, "ostravel-monitor": 1, "ostravelctl": 1}
 # The exposure that the extension's work requires; linux.md has the reasons.
 EXPOSURES = {
@@ -79,6 +80,61 @@ def check_page_socket(folder):
            "ostravel-page.socket: listens elsewhere than on 127.0.0.1:8090")
     service = re.search(r"^Service=(.*)$", text, re.MULTILINE).group(1)
     expect("PrivateNetwork=yes" in (folder / service).read_text(), f"{service}: has a network")
+
+
+def check_publishing(folder):
+    """The drop-in that gives the monitor a network leaves it its other restrictions."""
+    unit = (folder / "ostravel-monitor.service").read_text()
+    drop_in = (folder / "ostravel-monitor-publish.conf").read_text()
+    settings = dict(re.findall(r"^(\w+)=(.*)$", drop_in, re.MULTILINE))
+    expect(set(settings) == {"PrivateNetwork", "RestrictAddressFamilies", "ProcSubset"},
+           f"ostravel-monitor-publish.conf: sets {sorted(settings)}")
+    with tempfile.TemporaryDirectory() as name:
+        combined = pathlib.Path(name, "ostravel-monitor.service")
+        combined.write_text(unit.replace("[Install]", drop_in + "\n[Install]"))
+        output = run("systemd-analyze", "security", "--offline=true", str(combined))
+    found = re.search(r"Overall exposure level for .*: ([\d.]+)", output)
+    expect(found and float(found.group(1)) <= MOST_EXPOSURE_WITH_NETWORK,
+           f"ostravel-monitor with a network: {output[-200:]}")
+
+
+# Of Grafana 9.
+PANELS = {"stat", "state-timeline", "timeseries", "table"}
+UNITS = {"short", "s", "Bps", "cps", "dateTimeAsIsoNoDateIfToday"}
+
+
+def check_dashboard(root):
+    """What Grafana would refuse or show wrongly; that each query finds data is tested elsewhere."""
+    text = (root / "Packaging/prometheus/dashboard.json").read_text()
+    dashboard = json.loads(text)
+    variables = {each["name"] for each in dashboard["templating"]["list"]}
+    used = set(re.findall(r"\$\{?(\w+)", text))
+    expect({name for name in used if not name.startswith("__")} == variables,
+           f"dashboard.json: variables {sorted(used)}, defined {sorted(variables)}")
+    panels = dashboard["panels"]
+    expect(len({panel["id"] for panel in panels}) == len(panels),
+           "dashboard.json: two panels have the same number")
+    taken = set()
+    for panel in panels:
+        name = f"dashboard.json, {panel['title']}"
+        expect(panel["type"] in PANELS, f"{name}: unknown type {panel['type']}")
+        unit = panel["fieldConfig"]["defaults"]["unit"]
+        expect(unit in UNITS, f"{name}: unknown unit {unit}")
+        place = panel["gridPos"]
+        cells = {(place["x"] + column, place["y"] + row)
+                 for column in range(place["w"]) for row in range(place["h"])}
+        expect(place["x"] + place["w"] <= 24, f"{name}: is wider than the dashboard")
+        expect(not cells & taken, f"{name}: covers another panel")
+        taken |= cells
+        references = [target["refId"] for target in panel["targets"]]
+        expect(references and len(set(references)) == len(references),
+               f"{name}: its queries have the names {references}")
+        for target in panel["targets"]:
+            expect(target["datasource"] == panel["datasource"] ==
+                   {"type": "prometheus", "uid": "${datasource}"}, f"{name}: another data source")
+            selectors = re.findall(r"\bostravel_\w+(\{[^}]*\})?", target["expr"])
+            expect(all(selector == '{instance=~"$instance"}' for selector in selectors),
+                   f"{name}: {target['expr']} is about other machines as well")
 
 
 def check_options(program, root):
@@ -149,6 +205,8 @@ def main():
     arguments = parser.parse_args()
     check_units(arguments.root / "Packaging/debian")
     check_page_socket(arguments.root / "Packaging/debian")
+    check_publishing(arguments.root / "Packaging/debian")
+    check_dashboard(arguments.root)
     for program in arguments.programs:
         check_options(program, arguments.root)
     check_catalogue(arguments.root)

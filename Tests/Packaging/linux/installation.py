@@ -8,6 +8,7 @@ another network namespace. The machine's own network, processes and files are no
 """
 
 import contextlib
+import json
 import os
 import pathlib
 import re
@@ -247,7 +248,7 @@ def origin_beside(machine):
         origin.stdin.flush()
         eventually("the origin", lambda: machine.try_run(
             "curl", "-s", "-m", "2", f"http://{THERE}/").returncode == 0)
-        yield
+        yield origin.pid
     finally:
         origin.kill()
         origin.wait()
@@ -313,7 +314,56 @@ def check_start(machine):
     return files_of(machine)
 
 
-def check(machine, package, older):
+@contextlib.contextmanager
+def nats_server_beside(origin):
+    with tempfile.TemporaryDirectory() as folder:
+        server = subprocess.Popen(
+            ["nsenter", "-t", str(origin), "-n", "nats-server", "-a", THERE, "-js", "-sd", folder],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            yield f"nats://{THERE}:4222"
+        finally:
+            server.kill()
+            server.wait()
+
+
+def first_line(machine, *command):
+    """The first line that a program writes which would run for ever."""
+    process = subprocess.Popen(
+        ["nsenter", "-t", str(machine.first), "-a", "timeout", str(GENEROUS_SECONDS), *command],
+        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    try:
+        return process.stdout.readline()
+    finally:
+        process.kill()
+        process.wait()
+
+
+def check_publishing(machine, origin):
+    """As fleet.md says."""
+    options = machine.root / "etc/default/ostravel-monitor"
+    before = options.read_text()
+    drop_ins = "/etc/systemd/system/ostravel-monitor.service.d"
+    with nats_server_beside(origin) as url:
+        machine.run("mkdir", drop_ins)
+        machine.run("ln", "-s", "/usr/share/ostravel/ostravel-monitor-publish.conf", drop_ins)
+        options.write_text(f'OPTIONS="--publish {url}"\n')
+        machine.run("systemctl", "daemon-reload")
+        machine.run("systemctl", "restart", "ostravel-monitor")
+        eventually("the monitor reaches the server", lambda: f"connected to {url}" in
+                   machine.journal("ostravel-monitor"))
+        machine.fetch()
+        event = json.loads(first_line(machine, "ostravel-monitor", "--subscribe", url,
+                                      "--from-beginning", "--json"))
+        assert re.fullmatch(r"[0-9a-f-]{36}", event["boot_id"]), event
+    machine.run("rm", "-r", drop_ins)
+    options.write_text(before)
+    machine.run("systemctl", "daemon-reload")
+    machine.run("systemctl", "restart", "ostravel-monitor")
+    say("with the drop-in, the monitor publishes to the server of a fleet")
+
+
+def check(machine, package, older, origin):
     machine.run("dpkg", "-i", f"/packages/{older.name}")
     eventually("the service", lambda: machine.is_active("ostravel"))
     assert machine.run("systemctl", "is-enabled", "ostravel").strip() == "enabled"
@@ -362,6 +412,8 @@ def check(machine, package, older):
     assert len(addresses) == 1, addresses
     assert machine.show("ostravel-monitor", "PrivateNetwork") == "yes"
     say("the page is switched on, and keeps its address; the monitor has no network")
+
+    check_publishing(machine, origin)
 
     main = machine.show("ostravel", "MainPID")
     machine.run("systemctl", "kill", "--signal=KILL", "--kill-whom=main", "ostravel")
@@ -478,9 +530,9 @@ def main():
         machine = None
         try:
             machine = Machine(root)
-            with origin_beside(machine):
+            with origin_beside(machine) as origin:
                 before = check_start(machine)
-                check(machine, package, older)
+                check(machine, package, older, origin)
             machine.close()
             eventually("the control groups are empty", lambda: remove_groups(GROUP))
             GROUP.mkdir()
