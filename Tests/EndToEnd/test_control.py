@@ -76,7 +76,7 @@ def test_what_is_counted_equals_what_was_done(laboratory):
     shown = laboratory.control("status")
     assert shown.returncode == PROXIED
     lines = shown.stdout.splitlines()
-    assert lines[0].startswith("New connections are proxied by ")
+    assert lines[0].startswith("New connections are proxied by")
     assert len(lines) <= 24 and max(map(len, lines)) <= 80
 
 
