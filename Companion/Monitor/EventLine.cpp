@@ -14,6 +14,11 @@ constexpr std::size_t kLevelWidth = 5;
 constexpr std::size_t kIdWidth = 8;
 constexpr std::size_t kWhatWidth = 18;
 
+// Terminals that are narrower show no ids, and still narrower ones show the level by its colour
+// alone.
+constexpr std::size_t kWidthWithId = 72;
+constexpr std::size_t kWidthWithLevel = 56;
+
 // ECMA-48, section 8.3.117.
 constexpr std::string_view kRed = "\x1b[31m";
 constexpr std::string_view kGreen = "\x1b[32m";
@@ -31,14 +36,17 @@ std::string_view colourOf(std::string_view level) {
   return level == "info" ? kGreen : kYellow;
 }
 
-std::string levelColumn(const std::string& level, Colour colour) {
-  // Padded first: the escapes take no room on the screen.
-  std::string column = padded(printableText(level), kLevelWidth);
+std::string coloured(std::string column, std::string_view level, Colour colour) {
   if (colour == Colour::terminal) {
     column.insert(0, colourOf(level));
     column += kPlain;
   }
   return column;
+}
+
+std::string levelColumn(const std::string& level, Colour colour) {
+  // Padded first: the escapes take no room on the screen.
+  return " " + coloured(padded(printableText(level), kLevelWidth), level, colour);
 }
 
 // " 1.25 ms", or nothing when the beginning of the flow is unknown.
@@ -166,7 +174,7 @@ struct Columns {
   std::string rest;
 };
 
-Columns columnsOf(const ReceivedEvent& event, const FlowRecord* flow, TimeStyle time) {
+Columns describe(const ReceivedEvent& event, const FlowRecord* flow, TimeStyle time) {
   Columns columns;
   columns.time = timeText(event.timestamp, time);
   columns.id = flow == nullptr ? "-" : printableText(firstColumns(flow->id, kIdWidth));
@@ -180,51 +188,66 @@ Columns columnsOf(const ReceivedEvent& event, const FlowRecord* flow, TimeStyle 
   return columns;
 }
 
-// Without the level, which the caller adds.
-std::string afterLevel(const Columns& columns, std::size_t appWidth) {
-  return " " + padded(columns.id, kIdWidth) + " " + padded(columns.what, kWhatWidth) + "  " +
-         padded(columns.application, appWidth) + " " +
-         padded(columns.destination, kDestinationWidth) + "  " + columns.rest;
+// Which columns there are, and how wide.
+struct Layout {
+  bool hasLevel = true;
+  bool hasId = true;
+  std::size_t application = kApplicationWidth;
+  std::size_t room = 0;  // after the level
+
+  std::size_t beforeApplication() const { return (hasId ? 1 + kIdWidth : 0) + 1 + kWhatWidth + 2; }
+};
+
+// Without the time and the level, which the caller adds.
+std::string afterLevel(const Columns& columns, const Layout& layout) {
+  return (layout.hasId ? " " + padded(columns.id, kIdWidth) : "") + " " +
+         padded(columns.what, kWhatWidth) + "  " + padded(columns.application, layout.application) +
+         " " + padded(columns.destination, kDestinationWidth) + "  " + columns.rest;
 }
 
-// Application and destination share the room that the other columns leave.
-void narrow(Columns& columns, std::size_t& appWidth, std::size_t room) {
-  constexpr std::size_t kFixed = 1 + kIdWidth + 1 + kWhatWidth + 2 + 1;
-  const std::size_t both = room > kFixed ? room - kFixed : 0;
-  appWidth = applicationWidthIn(both);
+// The columns for a terminal that is not wide. Application and destination share the room that the
+// others leave.
+Layout narrowed(Columns& columns, const EventLineStyle& style) {
+  Layout layout;
+  if (style.time == TimeStyle::timeOfDay) {
+    columns.time = std::string(firstColumns(columns.time, kShortTimeWidth));
+  }
+  const std::size_t time = columnsOf(columns.time);
+  const std::size_t longer = time - kShortTimeWidth;
+  layout.hasId = style.width >= kWidthWithId + longer;
+  layout.hasLevel = style.width >= kWidthWithLevel + longer;
+  const std::size_t before = time + (layout.hasLevel ? 1 + kLevelWidth : 0);
+  layout.room = style.width > before ? style.width - before : 0;
+  const std::size_t fixed = layout.beforeApplication() + 1;
+  const std::size_t both = layout.room > fixed ? layout.room - fixed : 0;
+  layout.application = applicationWidthIn(both);
   columns.what = cutAtEnd(columns.what, kWhatWidth);
-  columns.application = cutAtEnd(lastPathComponent(columns.application), appWidth);
+  columns.application = cutAtEnd(lastPathComponent(columns.application), layout.application);
   columns.destination = cutAtBeginning(
-      columns.destination, std::max(kDestinationWidth, both > appWidth ? both - appWidth : 0));
+      columns.destination,
+      std::max(kDestinationWidth, both > layout.application ? both - layout.application : 0));
+  return layout;
 }
 
 }  // namespace
 
 std::string eventLine(const ReceivedEvent& event, const FlowRecord* flow,
                       const EventLineStyle& style) {
-  Columns columns = columnsOf(event, flow, style.time);
-  std::size_t appWidth = kApplicationWidth;
+  Columns columns = describe(event, flow, style.time);
+  const bool isNarrow = style.width != 0 && style.width < kWideTerminal;
+  const Layout layout = isNarrow ? narrowed(columns, style) : Layout();
+  std::string line = withoutTrailingBlanks(afterLevel(columns, layout));
   if (style.width != 0) {
-    if (style.width < kWideTerminal && style.time == TimeStyle::timeOfDay) {
-      columns.time = std::string(firstColumns(columns.time, kShortTimeWidth));
-    }
     const std::size_t before = columnsOf(columns.time) + 1 + kLevelWidth;
-    const std::size_t room = style.width > before ? style.width - before : 0;
-    if (style.width < kWideTerminal) {
-      narrow(columns, appWidth, room);
-    }
-    return columns.time + " " + levelColumn(event.level, style.colour) +
-           withoutTrailingBlanks(
-               cutAtEnd(withoutTrailingBlanks(afterLevel(columns, appWidth)), room));
+    line = withoutTrailingBlanks(cutAtEnd(line, isNarrow ? layout.room : style.width - before));
   }
-  return columns.time + " " + levelColumn(event.level, style.colour) +
-         withoutTrailingBlanks(afterLevel(columns, appWidth));
+  return layout.hasLevel ? columns.time + levelColumn(event.level, style.colour) + line
+                         : coloured(columns.time, event.level, style.colour) + line;
 }
 
 std::string outageLine(const Outage& outage, double now, const EventLineStyle& style) {
-  return timeText(now, style.time) + " " +
-         levelColumn(outage.end ? "info" : "error", style.colour) + " " +
-         outageLine(outage, style.time);
+  return timeText(now, style.time) + levelColumn(outage.end ? "info" : "error", style.colour) +
+         " " + outageLine(outage, style.time);
 }
 
 }  // namespace ostravel::companion

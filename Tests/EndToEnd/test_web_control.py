@@ -22,7 +22,7 @@ def test_the_page_shows_decisions_and_bytes(laboratory, page):
         browser.open(page)
         target = remote(THERE4, 80)
         browser.wait(f"""{ROWS}.some((row) => row[2] === '{VPN}'
-            && row[4] === 'direct exempt application')""")
+            && row[4] === 'direct: exempt application')""")
         # The bytes of a flow that events reported as well: one row.
         browser.wait(f"""{ROWS}.filter((row) => row[2] === 'curl' && row[3] === '{target}'
             && row[4] === 'closed' && row[7] !== '').length === 1""")

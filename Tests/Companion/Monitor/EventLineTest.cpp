@@ -168,6 +168,15 @@ TEST_F(EventLineTest, FitsIntoANarrowTerminal) {
             "…g.name.of.a.host.example:443");
 }
 
+TEST_F(EventLineTest, DropsIdAndLevelBeforeTheApplication) {
+  style_.width = 71;
+  EXPECT_EQ(begin(), "05:43:35 info  connecting          curl          198.51.100.10:443");
+  style_.width = 40;
+  EXPECT_EQ(begin(), "05:43:35 connecting          curl     1…");
+  style_.colour = Colour::terminal;
+  EXPECT_EQ(begin(), "\x1b[32m05:43:35\x1b[0m connecting          curl     1…");
+}
+
 TEST_F(EventLineTest, NeverExceedsTheWidth) {
   application_ = "/opt/größe/größenwahn";
   for (style_.width = 1; style_.width < 160; ++style_.width) {
@@ -180,8 +189,8 @@ TEST_F(EventLineTest, NeverExceedsTheWidth) {
          rest.remove_prefix(firstCodePoint(rest).size)) {
       ++columns;
     }
-    // Time and level are never cut.
-    EXPECT_LE(columns, std::max<std::size_t>(style_.width, 8 + 1 + 5)) << style_.width;
+    // The time is never cut.
+    EXPECT_LE(columns, std::max<std::size_t>(style_.width, 8)) << style_.width;
     EXPECT_TRUE(isWellFormedUTF8(line));
   }
 }

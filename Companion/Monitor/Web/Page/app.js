@@ -304,7 +304,7 @@
     setText(destination, flow.destination || '–');
     destination.title = flow.destination;
     setText(result.firstChild, flow.outcome);
-    setText(result.lastChild, flow.outcome === 'direct' && flow.why ? ` ${reasonText(flow.why)}` : '');
+    setText(result.lastChild, flow.outcome === 'direct' && flow.why ? `: ${reasonText(flow.why)}` : '');
     result.className = `result ${TONES[flow.outcome] || (BAD.has(flow.outcome) ? 'bad' : 'soft')}`;
     result.title = flow.reason || flow.why || '';
     setText(answer, duration(flow.answer));
@@ -410,6 +410,8 @@
       ['Flow', flow.id.startsWith('#') ? '' : flow.id],
     ]);
     const begin = flow.decided ?? flow.time;
+    // Nothing happens before the decision, whose clock is another one.
+    const decidedAfter = (flow.steps?.decided ?? 0) / 1e6;
     let steps = [];
     try {
       if (!flow.id.startsWith('#')) {
@@ -417,7 +419,7 @@
         if (answer.ok) {
           const whole = await answer.json();
           for (const event of whole.events) {
-            steps.push({after: event.time - begin, text: SIGNALS[event.signal] || event.signal,
+            steps.push({after: Math.max(event.time - begin, decidedAfter), text: SIGNALS[event.signal] || event.signal,
               detail: detailText(event.detail)});
           }
         }
@@ -429,7 +431,6 @@
       .map(([name, micros]) => ({after: micros / 1e6, text: STEPS[name] || name,
         detail: name === 'decided' && flow.why ? reasonText(flow.why) : ''}));
     steps.sort((a, b) => a.after - b.after);
-    // First, although the clocks of the two may say otherwise.
     steps = decided.sort((a, b) => a.after - b.after).concat(steps);
     $('flow-steps').replaceChildren(...steps.map((step) => {
         const item = element('li');
