@@ -14,10 +14,9 @@ bool entryMatches(std::string_view entry, std::string_view host) {
 }  // namespace
 
 DomainList::DomainList(std::vector<std::string> entries, const platform::TextServices& text)
-    : entries_(std::move(entries)) {
-  lowercasedEntries_.reserve(entries_.size());
-  for (const auto& entry : entries_) {
-    lowercasedEntries_.push_back(text.lowercased(entry));
+    : lowercasedEntries_(std::move(entries)) {
+  for (auto& entry : lowercasedEntries_) {
+    entry = text.lowercased(entry);
   }
 }
 

@@ -14,17 +14,13 @@ class DomainList {
  public:
   DomainList(std::vector<std::string> entries, const platform::TextServices& text);
 
-  // As they were given.
-  const std::vector<std::string>& entries() const { return entries_; }
-
   // normalisedHost is the result of normalisedHost(). An entry with a leading "." matches hosts
   // that end with it, so subdomains but never the bare domain; any other entry matches only the
   // equal host.
   bool matches(std::string_view normalisedHost) const;
 
  private:
-  std::vector<std::string> entries_;
-  // Computed once, because the decision scans the list for every new kind of flow.
+  // In lower case. Computed once, because the decision scans the list for every new kind of flow.
   std::vector<std::string> lowercasedEntries_;
 };
 

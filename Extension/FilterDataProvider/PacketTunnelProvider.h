@@ -74,7 +74,6 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
     std::optional<Probe> lastProbe;
   };
   Health health() const;
-  std::size_t pendingHandshakes() const { return tunnelAdmissionController_.pendingCount(); }
   ProxyTunnelMonitoringClient::Counts eventCounts() const { return monitoringClient_->counts(); }
 
   // The rule that would decide about a new flow now. Does not change the cache. remote: as in a

@@ -36,9 +36,4 @@ std::size_t ProxyTunnelAdmissionController::pendingCount() const {
   return pendingHandshakeIDs_.size();
 }
 
-std::size_t ProxyTunnelAdmissionController::establishedCount() const {
-  const std::lock_guard guard(lock_);
-  return establishedTunnelIDs_.size();
-}
-
 }  // namespace ostravel

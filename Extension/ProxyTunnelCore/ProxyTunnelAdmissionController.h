@@ -26,9 +26,10 @@ class ProxyTunnelAdmissionController {
   void release(const std::string& flowId);
 
   std::size_t pendingCount() const;
-  std::size_t establishedCount() const;
 
  private:
+  friend class PacketTunnelProviderTestPeer;
+
   mutable std::mutex lock_;
   std::unordered_set<std::string> pendingHandshakeIDs_;
   std::unordered_set<std::string> establishedTunnelIDs_;

@@ -14,6 +14,7 @@
 #include "Extension/ProxyTunnelCore/ProxyTunnelAdmissionController.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.h"
 #include "Platform/Simulation/Simulation.h"
+#include "Tests/Extension/Support/PacketTunnelProviderTestPeer.h"
 #include "Tests/Simulator/ScheduleExplorer.h"
 #include "Tests/Simulator/SmallRun.h"
 
@@ -166,7 +167,7 @@ TEST(InterleavingsTest, AdmissionOfTwoFlowsInEveryOrder) {
         }
         ASSERT_EQ(controller.pendingCount(),
                   occupied + std::size_t{pending[0]} + std::size_t{pending[1]});
-        ASSERT_EQ(controller.establishedCount(),
+        ASSERT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller),
                   std::size_t{established[0]} + std::size_t{established[1]});
       }
     });

@@ -127,8 +127,8 @@ class Run {
       checker_.passTime(now);
     }
     if (provider_) {
-      const auto& admission = PacketTunnelProviderTestPeer(*provider_).admission();
-      checker_.compareCounts({admission.pendingCount(), admission.establishedCount()});
+      const PacketTunnelProviderTestPeer peer(*provider_);
+      checker_.compareCounts({peer.admission().pendingCount(), peer.establishedCount()});
     }
   }
 

@@ -217,8 +217,8 @@ void SmallRun::advance(std::chrono::nanoseconds duration) {
         world_.record({.kind = HistoryKind::stepDone});
         checker_.passTime(world_.queue().now());
         if (provider_) {
-          const auto& admission = PacketTunnelProviderTestPeer(*provider_).admission();
-          checker_.compareCounts({admission.pendingCount(), admission.establishedCount()});
+          const PacketTunnelProviderTestPeer peer(*provider_);
+          checker_.compareCounts({peer.admission().pendingCount(), peer.establishedCount()});
         }
         return checker_.violation().has_value();
       },

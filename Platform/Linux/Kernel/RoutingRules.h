@@ -26,8 +26,6 @@ class RoutingRules {
   static RoutingRules read();
   explicit RoutingRules(std::vector<Rule> rules) : rules_(std::move(rules)) {}
 
-  const std::vector<Rule>& rules() const { return rules_; }
-
   // One sentence per rule that uses our bits: its packets and ours would be confused.
   std::vector<std::string> clashesWith(const PacketMarks& marks) const;
 

@@ -59,11 +59,6 @@ TEST_F(DomainListTest, LowerCasesItsEntries) {
   EXPECT_TRUE(matches("upper.example"));
 }
 
-TEST_F(DomainListTest, KeepsItsEntriesAsGiven) {
-  EXPECT_EQ(list_.entries(), (std::vector<std::string>{".example.com", "exact.example.org",
-                                                       ".Capital.Example", "UPPER.EXAMPLE"}));
-}
-
 TEST_F(DomainListTest, MatchesNothingWhenEmpty) {
   const DomainList empty({}, text_);
 

@@ -356,7 +356,7 @@ TEST_F(FlowDispatch, CountsATunnelAsPendingUntilItIsEstablished) {
   establish(0);
 
   EXPECT_EQ(peer().admission().pendingCount(), 0U);
-  EXPECT_EQ(peer().admission().establishedCount(), 1U);
+  EXPECT_EQ(peer().establishedCount(), 1U);
 }
 
 TEST_F(FlowDispatch, ForgetsATunnelThatHasClosed) {
@@ -368,7 +368,7 @@ TEST_F(FlowDispatch, ForgetsATunnelThatHasClosed) {
 
   EXPECT_EQ(peer().activeTunnelCount(), 0U);
   EXPECT_EQ(peer().admission().pendingCount(), 0U);
-  EXPECT_EQ(peer().admission().establishedCount(), 0U);
+  EXPECT_EQ(peer().establishedCount(), 0U);
   EXPECT_EQ(events("tunnel_closed").size(), 1U);
 }
 

@@ -50,7 +50,7 @@ TEST_F(ProviderConstruction, StartsEmptyWithTheGateClosed) {
   EXPECT_EQ(peer().activeTunnelCount(), 0U);
   EXPECT_EQ(peer().cacheSize(), 0U);
   EXPECT_EQ(peer().admission().pendingCount(), 0U);
-  EXPECT_EQ(peer().admission().establishedCount(), 0U);
+  EXPECT_EQ(peer().establishedCount(), 0U);
   EXPECT_TRUE(bypassesNewFlows());
 }
 

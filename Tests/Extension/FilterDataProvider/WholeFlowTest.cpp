@@ -91,7 +91,7 @@ class WholeFlowRun {
     countJournal();
     EXPECT_LE(mostPending_, 48U);
     EXPECT_EQ(harness_.peer().admission().pendingCount(), 0U);
-    EXPECT_EQ(harness_.peer().admission().establishedCount(), 0U);
+    EXPECT_EQ(harness_.peer().establishedCount(), 0U);
     EXPECT_EQ(harness_.peer().activeTunnelCount(), 0U);
     checkCloseEvents();
     for (const auto& flow : taken_) {

@@ -6,6 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "Tests/Extension/Support/PacketTunnelProviderTestPeer.h"
+
 namespace ostravel {
 namespace {
 
@@ -25,7 +27,7 @@ TEST(ProxyTunnelAdmissionController, StartsEmpty) {
   const ProxyTunnelAdmissionController controller;
 
   EXPECT_EQ(controller.pendingCount(), 0U);
-  EXPECT_EQ(controller.establishedCount(), 0U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 0U);
 }
 
 TEST(ProxyTunnelAdmissionController, AdmitsANewFlowWhileFortySevenArePending) {
@@ -50,7 +52,7 @@ TEST(ProxyTunnelAdmissionController, RemembersNothingOfARefusedFlow) {
   ASSERT_FALSE(controller.tryAcquireHandshakeSlot("new"));
 
   EXPECT_FALSE(controller.tryAcquireHandshakeSlot("new"));
-  EXPECT_EQ(controller.establishedCount(), 0U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 0U);
 }
 
 TEST(ProxyTunnelAdmissionController, AdmitsAPendingFlowAgainThoughFull) {
@@ -59,7 +61,7 @@ TEST(ProxyTunnelAdmissionController, AdmitsAPendingFlowAgainThoughFull) {
 
   EXPECT_TRUE(controller.tryAcquireHandshakeSlot(idOf(0)));
   EXPECT_EQ(controller.pendingCount(), kLimit);
-  EXPECT_EQ(controller.establishedCount(), 0U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 0U);
 }
 
 TEST(ProxyTunnelAdmissionController, AdmitsAnEstablishedFlowAgainThoughFull) {
@@ -69,7 +71,7 @@ TEST(ProxyTunnelAdmissionController, AdmitsAnEstablishedFlowAgainThoughFull) {
 
   EXPECT_TRUE(controller.tryAcquireHandshakeSlot("old"));
   EXPECT_EQ(controller.pendingCount(), kLimit);
-  EXPECT_EQ(controller.establishedCount(), 1U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 1U);
 }
 
 TEST(ProxyTunnelAdmissionController, DoesNotCountEstablishedTunnels) {
@@ -81,7 +83,7 @@ TEST(ProxyTunnelAdmissionController, DoesNotCountEstablishedTunnels) {
 
   EXPECT_TRUE(controller.tryAcquireHandshakeSlot("new"));
   EXPECT_EQ(controller.pendingCount(), 1U);
-  EXPECT_EQ(controller.establishedCount(), kLimit);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), kLimit);
 }
 
 TEST(ProxyTunnelAdmissionController, MovesAPendingFlowToTheEstablishedOnes) {
@@ -91,7 +93,7 @@ TEST(ProxyTunnelAdmissionController, MovesAPendingFlowToTheEstablishedOnes) {
   controller.markEstablished(idOf(0));
 
   EXPECT_EQ(controller.pendingCount(), 0U);
-  EXPECT_EQ(controller.establishedCount(), 1U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 1U);
 }
 
 TEST(ProxyTunnelAdmissionController, EstablishesAFlowThatWasNeverAdmitted) {
@@ -99,7 +101,7 @@ TEST(ProxyTunnelAdmissionController, EstablishesAFlowThatWasNeverAdmitted) {
 
   controller.markEstablished("unknown");
 
-  EXPECT_EQ(controller.establishedCount(), 1U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 1U);
 }
 
 TEST(ProxyTunnelAdmissionController, FreesASlotWhenAPendingFlowIsReleased) {
@@ -118,7 +120,7 @@ TEST(ProxyTunnelAdmissionController, ForgetsAReleasedEstablishedFlow) {
 
   controller.release("old");
 
-  EXPECT_EQ(controller.establishedCount(), 0U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 0U);
 }
 
 TEST(ProxyTunnelAdmissionController, IsNotChangedByReleasingAnUnknownFlow) {
@@ -129,7 +131,7 @@ TEST(ProxyTunnelAdmissionController, IsNotChangedByReleasingAnUnknownFlow) {
   controller.release("unknown");
 
   EXPECT_EQ(controller.pendingCount(), 2U);
-  EXPECT_EQ(controller.establishedCount(), 1U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 1U);
 }
 
 // The one test here with threads: the order does not matter, only that no update is lost.
@@ -158,7 +160,7 @@ TEST(ProxyTunnelAdmissionController, KeepsItsLimitUnderConcurrentUse) {
   }
 
   EXPECT_EQ(controller.pendingCount(), 0U);
-  EXPECT_EQ(controller.establishedCount(), 0U);
+  EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 0U);
 }
 
 }  // namespace

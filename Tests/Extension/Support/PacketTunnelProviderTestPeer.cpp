@@ -1,11 +1,18 @@
 #include "Tests/Extension/Support/PacketTunnelProviderTestPeer.h"
 
 #include <limits>
+#include <mutex>
 #include <string>
 
 namespace ostravel {
 
 using FlowAction = PacketTunnelProvider::FlowAction;
+
+std::size_t PacketTunnelProviderTestPeer::establishedCount(
+    const ProxyTunnelAdmissionController& controller) {
+  const std::lock_guard guard(controller.lock_);
+  return controller.establishedTunnelIDs_.size();
+}
 
 const ProxyTunnelAdmissionController& PacketTunnelProviderTestPeer::admission() const {
   return provider_.tunnelAdmissionController_;

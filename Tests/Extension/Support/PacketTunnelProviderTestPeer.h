@@ -8,13 +8,17 @@
 
 namespace ostravel {
 
-// What the tests of the provider cannot see from outside: what it keeps about its tunnels, and its
-// cache, which they also fill.
+// What the tests of the provider and of its admission controller cannot see from outside: what they
+// keep about tunnels, and the cache, which tests also fill.
 class PacketTunnelProviderTestPeer {
  public:
   explicit PacketTunnelProviderTestPeer(PacketTunnelProvider& provider) : provider_(provider) {}
 
+  // The established tunnels that a controller has not forgotten.
+  static std::size_t establishedCount(const ProxyTunnelAdmissionController& controller);
+
   const ProxyTunnelAdmissionController& admission() const;
+  std::size_t establishedCount() const { return establishedCount(admission()); }
   std::size_t activeTunnelCount() const;
   // Takes this many handshake slots for flows that never end, so that few are left.
   void occupyHandshakeSlots(std::size_t count);

@@ -24,17 +24,14 @@ TEST(RoutingRulesTest, ReadsTheMarkRulesOfBothFamilies) {
       "ip -4 rule add priority 100 fwmark 0x2000000/0xff000000 table main && "
       "ip -6 rule add priority 101 fwmark 0xca6c table main && "
       "ip -4 rule add priority 102 from 192.0.2.1 table main");
-  const auto read = RoutingRules::read();
-  const auto& rules = read.rules();
-  ASSERT_EQ(rules.size(), 2U);
-  EXPECT_EQ(rules[0].family, AddressFamily::ipv4);
-  EXPECT_EQ(rules[0].priority, 100U);
-  EXPECT_EQ(rules[0].value, 0x2000000U);
-  EXPECT_EQ(rules[0].mask, 0xff000000U);
-  EXPECT_EQ(rules[1].family, AddressFamily::ipv6);
-  EXPECT_EQ(rules[1].priority, 101U);
-  EXPECT_EQ(rules[1].value, 0xca6cU);
-  EXPECT_EQ(rules[1].mask, 0xffffffffU);
+  const auto clashes = RoutingRules::read().clashesWith(*PacketMarks::fromMask(0x7fffffff));
+  ASSERT_EQ(clashes.size(), 2U);
+  EXPECT_TRUE(clashes[0].starts_with(
+      "the routing rule of priority 100 (ip rule) for the mark 0x2000000/0xff000000 uses "))
+      << clashes[0];
+  EXPECT_TRUE(clashes[1].starts_with(
+      "the routing rule of priority 101 (ip -6 rule) for the mark 0xca6c/0xffffffff uses "))
+      << clashes[1];
 }
 
 TEST(RoutingRulesTest, NamesTheClashingRuleAndFreeBits) {
