@@ -259,7 +259,8 @@ def test_decisions_show_the_address_and_the_name(make_names, laboratory):
     names.start(hosts={"host.example": OTHERS[0]})
     assert names.targets(OTHERS[0], "host.example") == with_port("host.example")
     shown = laboratory.control("flows").stdout
-    assert f" {OTHERS[0]}:{PORT} (host.example)" in shown, shown
+    # In columns.
+    assert f" {OTHERS[0]}:{PORT} (host.example) " in " ".join(shown.split()), shown
     assert names.targets(OTHERS[1]) == with_port(OTHERS[1])
     lines = laboratory.control("--json", "flows").stdout.splitlines()
     flows = {flow["destination"]: flow.get("host") for flow in map(json.loads, lines)}
