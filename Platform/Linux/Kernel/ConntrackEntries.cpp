@@ -15,6 +15,8 @@
 #include <initializer_list>
 #include <unordered_map>
 
+#include "Platform/Linux/Kernel/NetlinkMessage.h"
+
 namespace ostravel::linuxplatform {
 
 using platform::OptionalError;
@@ -23,6 +25,8 @@ namespace {
 
 // The size of the kernel's dump messages.
 constexpr std::size_t kDumpSize = 32768;
+// Limit on the late answers to earlier requests that are skipped; there is hardly ever one.
+constexpr int kMaximumStaleAnswers = 8;
 
 void putTuple(nlmsghdr* header, const FlowTuple& flow) {
   nlattr* const tuple = ::mnl_attr_nest_start(header, CTA_TUPLE_ORIG);
@@ -70,15 +74,15 @@ const nlattr* nested(const nlattr* attribute, std::initializer_list<std::uint16_
 std::optional<SocketEndpoint> endpointOf(const nlattr* tuple, AddressFamily family,
                                          std::uint16_t addressType, std::uint16_t portType) {
   const nlattr* const address = nested(tuple, {CTA_TUPLE_IP, addressType});
-  const nlattr* const port = nested(tuple, {CTA_TUPLE_PROTO, portType});
+  const auto port = valueOf<std::uint16_t>(nested(tuple, {CTA_TUPLE_PROTO, portType}));
   const std::size_t size = family == AddressFamily::ipv4 ? sizeof(in_addr) : sizeof(in6_addr);
-  if (address == nullptr || port == nullptr || ::mnl_attr_get_payload_len(address) != size) {
+  if (address == nullptr || !port || ::mnl_attr_get_payload_len(address) != size) {
     return std::nullopt;
   }
   SocketEndpoint endpoint;
   endpoint.family = family;
   std::memcpy(endpoint.address.data(), ::mnl_attr_get_payload(address), size);
-  endpoint.port = ntohs(::mnl_attr_get_u16(port));
+  endpoint.port = ntohs(*port);
   return endpoint;
 }
 
@@ -100,7 +104,10 @@ bool isLoopback(const SocketEndpoint& endpoint) {
 // ended in order are skipped: the kernel treats the next one with the same ports as new.
 std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
     const nlmsghdr* header) {
-  const auto* const message = static_cast<const nfgenmsg*>(::mnl_nlmsg_get_payload(header));
+  const auto* const message = fixedPart<nfgenmsg>(*header);
+  if (message == nullptr) {
+    return std::nullopt;
+  }
   const bool isIPv4 = message->nfgen_family == AF_INET;
   const AddressFamily family = isIPv4 ? AddressFamily::ipv4 : AddressFamily::ipv6;
   const std::uint16_t source = isIPv4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC;
@@ -109,9 +116,9 @@ std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
   ::mnl_attr_parse(header, sizeof(nfgenmsg), &noteAttribute, &attributes);
   const nlattr* const original = attributes[CTA_TUPLE_ORIG];
   const nlattr* const reply = attributes[CTA_TUPLE_REPLY];
-  const nlattr* const state =
-      nested(attributes[CTA_PROTOINFO], {CTA_PROTOINFO_TCP, CTA_PROTOINFO_TCP_STATE});
-  if (state == nullptr || ::mnl_attr_get_u8(state) == TCP_CONNTRACK_TIME_WAIT) {
+  const auto state = valueOf<std::uint8_t>(
+      nested(attributes[CTA_PROTOINFO], {CTA_PROTOINFO_TCP, CTA_PROTOINFO_TCP_STATE}));
+  if (!state || state == TCP_CONNTRACK_TIME_WAIT) {
     return std::nullopt;
   }
   const auto from = endpointOf(original, family, source, CTA_PROTO_SRC_PORT);
@@ -149,6 +156,7 @@ OptionalError ConntrackEntries::request(std::uint16_t type, const FlowTuple& ori
   nlmsghdr* const header = ::mnl_nlmsg_put_header(request.data());
   header->nlmsg_type = static_cast<std::uint16_t>(NFNL_SUBSYS_CTNETLINK << 8U | type);
   header->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  header->nlmsg_seq = ++sequence_;
   auto& message = *static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
   message.nfgen_family = original.source.family == AddressFamily::ipv4 ? AF_INET : AF_INET6;
   message.version = NFNETLINK_V0;
@@ -157,17 +165,26 @@ OptionalError ConntrackEntries::request(std::uint16_t type, const FlowTuple& ori
   if (::mnl_socket_sendto(socket_->get(), header, header->nlmsg_len) < 0) {
     return requestFailed(errno);
   }
-  alignas(nlmsghdr) std::array<char, 1024> answer;
-  const auto received = ::mnl_socket_recvfrom(socket_->get(), answer.data(), answer.size());
-  if (received < 0) {
-    return requestFailed(errno);
+  const int error = receiveResult();
+  return error == 0 ? std::nullopt : OptionalError(requestFailed(error));
+}
+
+int ConntrackEntries::receiveResult() {
+  for (int count = 0; count < kMaximumStaleAnswers; ++count) {
+    alignas(nlmsghdr) std::array<char, 1024> answer;
+    const auto received = ::mnl_socket_recvfrom(socket_->get(), answer.data(), answer.size());
+    if (received < 0) {
+      return errno;
+    }
+    const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
+    if (completeSize(answer.data(), received) == 0) {
+      return EPROTO;
+    }
+    if (reply->nlmsg_seq == sequence_) {
+      return resultOf(*reply);
+    }
   }
-  const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
-  if (!::mnl_nlmsg_ok(reply, static_cast<int>(received)) || reply->nlmsg_type != NLMSG_ERROR) {
-    return requestFailed(EPROTO);
-  }
-  const int error = static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error;
-  return error == 0 ? std::nullopt : OptionalError(requestFailed(-error));
+  return ETIMEDOUT;
 }
 
 std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListened) {
@@ -186,9 +203,12 @@ std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListene
   return count;
 }
 
+// On a socket of its own: what is left of a table that cannot be read to its end would be taken for
+// the answer to a later request.
 std::vector<ConntrackEntries::Redirection> ConntrackEntries::redirections() {
   std::vector<Redirection> found;
-  if (!socket_) {
+  const auto socket = openNetfilterSocket();
+  if (!socket) {
     return found;
   }
   alignas(nlmsghdr) std::array<char, 64> request{};
@@ -198,7 +218,7 @@ std::vector<ConntrackEntries::Redirection> ConntrackEntries::redirections() {
   auto& message = *static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
   message.nfgen_family = AF_UNSPEC;
   message.version = NFNETLINK_V0;
-  if (::mnl_socket_sendto(socket_->get(), header, header->nlmsg_len) < 0) {
+  if (::mnl_socket_sendto(socket->get(), header, header->nlmsg_len) < 0) {
     return found;
   }
   const auto note = [](const nlmsghdr* entry, void* data) {
@@ -210,11 +230,11 @@ std::vector<ConntrackEntries::Redirection> ConntrackEntries::redirections() {
   alignas(nlmsghdr) std::array<char, kDumpSize> answer;
   int result = MNL_CB_OK;
   while (result == MNL_CB_OK) {
-    const auto received = ::mnl_socket_recvfrom(socket_->get(), answer.data(), answer.size());
+    const auto received = ::mnl_socket_recvfrom(socket->get(), answer.data(), answer.size());
     if (received < 0) {
       return found;
     }
-    result = ::mnl_cb_run(answer.data(), static_cast<std::size_t>(received), 0, 0, note, &found);
+    result = ::mnl_cb_run(answer.data(), completeSize(answer.data(), received), 0, 0, note, &found);
   }
   return found;
 }

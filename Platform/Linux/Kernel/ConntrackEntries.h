@@ -50,10 +50,14 @@ class ConntrackEntries {
   platform::OptionalError request(std::uint16_t type, const FlowTuple& original, Complete complete);
   static std::optional<Redirection> redirectionOf(const nlmsghdr* entry);
   // Incomplete if reading the table fails.
-  std::vector<Redirection> redirections();
+  static std::vector<Redirection> redirections();
+
+  // The result of the last request.
+  int receiveResult();
 
   // If it cannot be opened there are no entries to remove; every request then fails with its error.
   const platform::Result<NetlinkSocket> socket_;
+  std::uint32_t sequence_ = 0;
 };
 
 }  // namespace ostravel::linuxplatform

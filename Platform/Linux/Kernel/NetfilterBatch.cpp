@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "Platform/Interface/Error.h"
+#include "Platform/Linux/Kernel/NetlinkMessage.h"
 
 namespace ostravel::linuxplatform {
 
@@ -96,16 +97,16 @@ std::optional<NetfilterBatch::Failure> NetfilterBatch::send(mnl_socket* socket) 
     if (received < 0) {
       return Failure{"", errno};
     }
-    int left = static_cast<int>(received);
+    int left = static_cast<int>(completeSize(answer.data(), received));
     for (const auto* header = reinterpret_cast<const nlmsghdr*>(answer.data());
          ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
       const auto change = pending_.find(header->nlmsg_seq);
       if (header->nlmsg_type != NLMSG_ERROR || change == pending_.end()) {
         continue;
       }
-      const auto* const result = static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(header));
-      if (result->error != 0 && !failure) {
-        failure = Failure{change->second, -result->error};
+      const int error = resultOf(*header);
+      if (error != 0 && !failure) {
+        failure = Failure{change->second, error};
       }
       if (change->first == first) {
         return failure;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/Allocated.h"
+#include "Platform/Linux/Kernel/NetlinkMessage.h"
 
 namespace ostravel::linuxplatform {
 
@@ -120,7 +121,7 @@ class Request {
       const auto size = ::mnl_socket_recvfrom(socket, buffer_.data(), buffer_.size());
       const int result = size <= 0
                              ? MNL_CB_ERROR
-                             : ::mnl_cb_run(buffer_.data(), static_cast<std::size_t>(size),
+                             : ::mnl_cb_run(buffer_.data(), completeSize(buffer_.data(), size),
                                             sequence, ::mnl_socket_get_portid(socket), note, data);
       if (result <= MNL_CB_STOP) {
         return result == MNL_CB_STOP;

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <string>
 
+#include "Platform/Linux/Kernel/NetlinkMessage.h"
 #include "Platform/Linux/Kernel/PacketSubscription.h"
 
 namespace ostravel::linuxplatform {
@@ -103,7 +104,7 @@ bool PacketLog::receive(const std::function<void(const Packet&)>& handler) {
   if (received <= 0) {
     return false;
   }
-  int left = static_cast<int>(received);
+  int left = static_cast<int>(completeSize(buffer_.data(), received));
   for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
        ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
     deliver(header, handler);
@@ -117,20 +118,19 @@ void PacketLog::deliver(const nlmsghdr* message,
     return;
   }
   std::array<const nlattr*, NFULA_MAX + 1> attributes{};
-  if (::mnl_attr_parse(message, sizeof(nfgenmsg), &readAttribute, &attributes) < 0 ||
-      attributes[NFULA_PACKET_HDR] == nullptr || attributes[NFULA_PAYLOAD] == nullptr) {
+  ::mnl_attr_parse(message, sizeof(nfgenmsg), &readAttribute, &attributes);
+  const auto packetHeader = valueOf<nfulnl_msg_packet_hdr>(attributes[NFULA_PACKET_HDR]);
+  if (!packetHeader || attributes[NFULA_PAYLOAD] == nullptr) {
     return;
   }
-  const auto* const packetHeader = static_cast<const nfulnl_msg_packet_hdr*>(
-      ::mnl_attr_get_payload(attributes[NFULA_PACKET_HDR]));
   Packet packet;
   packet.isOutgoing = packetHeader->hook == NF_INET_LOCAL_OUT;
-  if (packet.isOutgoing && attributes[NFULA_UID] != nullptr) {
-    packet.uid = ntohl(::mnl_attr_get_u32(attributes[NFULA_UID]));
+  const auto uid = valueOf<std::uint32_t>(attributes[NFULA_UID]);
+  if (packet.isOutgoing && uid) {
+    packet.uid = ntohl(*uid);
   }
-  if (attributes[NFULA_IFINDEX_OUTDEV] != nullptr) {
-    packet.outputInterface = ntohl(::mnl_attr_get_u32(attributes[NFULA_IFINDEX_OUTDEV]));
-  }
+  packet.outputInterface =
+      ntohl(valueOf<std::uint32_t>(attributes[NFULA_IFINDEX_OUTDEV]).value_or(0));
   packet.bytes = {static_cast<const std::byte*>(::mnl_attr_get_payload(attributes[NFULA_PAYLOAD])),
                   ::mnl_attr_get_payload_len(attributes[NFULA_PAYLOAD])};
   handler(packet);

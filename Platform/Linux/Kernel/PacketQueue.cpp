@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "Platform/Interface/SystemLimits.h"
+#include "Platform/Linux/Kernel/NetlinkMessage.h"
 #include "Platform/Linux/Kernel/PacketSubscription.h"
 
 namespace ostravel::linuxplatform {
@@ -128,8 +129,9 @@ PacketQueue::Received PacketQueue::receive(const std::function<void(const Packet
   }
   for (int index = 0; index < count; ++index) {
     const auto position = static_cast<std::size_t>(index);
-    int left = static_cast<int>(inbox_->messages[position].msg_len);
-    for (const auto* header = reinterpret_cast<const nlmsghdr*>(inbox_->buffers[position].data());
+    const char* const bytes = inbox_->buffers[position].data();
+    int left = static_cast<int>(completeSize(bytes, inbox_->messages[position].msg_len));
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(bytes);
          ::mnl_nlmsg_ok(header, left); header = ::mnl_nlmsg_next(header, &left)) {
       deliver(header, handler);
     }
@@ -142,30 +144,30 @@ void PacketQueue::deliver(const nlmsghdr* message,
   if (message->nlmsg_type != (NFNL_SUBSYS_QUEUE << 8U | NFQNL_MSG_PACKET)) {
     return;
   }
+  // Every packet needs a verdict, so one with unusable attributes is delivered without them.
   std::array<nlattr*, NFQA_MAX + 1> attributes{};
-  if (::nfq_nlmsg_parse(message, attributes.data()) < 0 || attributes[NFQA_PACKET_HDR] == nullptr) {
+  static_cast<void>(::nfq_nlmsg_parse(message, attributes.data()));
+  const auto packetHeader = valueOf<nfqnl_msg_packet_hdr>(attributes[NFQA_PACKET_HDR]);
+  if (!packetHeader) {
     return;
   }
-  const auto* const packetHeader =
-      static_cast<const nfqnl_msg_packet_hdr*>(::mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]));
   Packet packet;
   packet.id = ntohl(packetHeader->packet_id);
-  if (attributes[NFQA_MARK] != nullptr) {
-    packet.mark = ntohl(::mnl_attr_get_u32(attributes[NFQA_MARK]));
+  packet.mark = ntohl(valueOf<std::uint32_t>(attributes[NFQA_MARK]).value_or(0));
+  if (const auto uid = valueOf<std::uint32_t>(attributes[NFQA_UID])) {
+    packet.uid = ntohl(*uid);
   }
-  if (attributes[NFQA_UID] != nullptr) {
-    packet.uid = ntohl(::mnl_attr_get_u32(attributes[NFQA_UID]));
-  }
-  if (attributes[NFQA_IFINDEX_OUTDEV] != nullptr) {
-    packet.outputInterface = ntohl(::mnl_attr_get_u32(attributes[NFQA_IFINDEX_OUTDEV]));
-  }
+  packet.outputInterface =
+      ntohl(valueOf<std::uint32_t>(attributes[NFQA_IFINDEX_OUTDEV]).value_or(0));
   if (attributes[NFQA_PAYLOAD] != nullptr) {
     packet.bytes = {static_cast<const std::byte*>(::mnl_attr_get_payload(attributes[NFQA_PAYLOAD])),
                     ::mnl_attr_get_payload_len(attributes[NFQA_PAYLOAD])};
   }
   {
     const std::lock_guard guard(lock_);
-    held_.insert(packet.id);
+    if (!held_.insert(packet.id).second) {
+      return;
+    }
   }
   handler(packet);
 }

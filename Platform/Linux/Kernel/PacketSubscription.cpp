@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "Platform/Linux/Kernel/NetlinkMessage.h"
+
 namespace ostravel::linuxplatform {
 
 using platform::OptionalError;
@@ -62,8 +64,11 @@ OptionalError configure(mnl_socket* socket, nlmsghdr* request) {
       return failure(errno);
     }
     const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
+    if (completeSize(answer.data(), received) == 0) {
+      return failure(EPROTO);
+    }
     if (reply->nlmsg_type == NLMSG_ERROR) {
-      return failure(-static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(reply))->error);
+      return failure(resultOf(*reply));
     }
   }
 }

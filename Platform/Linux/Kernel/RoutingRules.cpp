@@ -11,6 +11,8 @@
 #include <charconv>
 #include <memory>
 
+#include "Platform/Linux/Kernel/NetlinkMessage.h"
+
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -31,15 +33,16 @@ struct SocketRelease {
 
 int readAttribute(const nlattr* attribute, void* data) {
   auto& rule = *static_cast<RoutingRules::Rule*>(data);
+  const std::uint32_t value = valueOf<std::uint32_t>(attribute).value_or(0);
   switch (::mnl_attr_get_type(attribute)) {
     case FRA_PRIORITY:
-      rule.priority = ::mnl_attr_get_u32(attribute);
+      rule.priority = value;
       break;
     case FRA_FWMARK:
-      rule.value = ::mnl_attr_get_u32(attribute);
+      rule.value = value;
       break;
     case FRA_FWMASK:
-      rule.mask = ::mnl_attr_get_u32(attribute);
+      rule.mask = value;
       break;
     default:
       break;
@@ -49,10 +52,13 @@ int readAttribute(const nlattr* attribute, void* data) {
 
 int readRule(const nlmsghdr* header, void* data) {
   auto& rules = *static_cast<std::vector<RoutingRules::Rule>*>(data);
-  const auto& message = *static_cast<const fib_rule_hdr*>(::mnl_nlmsg_get_payload(header));
+  const auto* const message = fixedPart<fib_rule_hdr>(*header);
+  if (message == nullptr) {
+    return MNL_CB_OK;
+  }
   RoutingRules::Rule rule;
-  rule.family = message.family == AF_INET ? AddressFamily::ipv4 : AddressFamily::ipv6;
-  ::mnl_attr_parse(header, sizeof message, &readAttribute, &rule);
+  rule.family = message->family == AF_INET ? AddressFamily::ipv4 : AddressFamily::ipv6;
+  ::mnl_attr_parse(header, sizeof *message, &readAttribute, &rule);
   // Without a mask the rule ignores marks.
   if (header->nlmsg_type == RTM_NEWRULE && rule.mask != 0) {
     rules.push_back(rule);
@@ -75,7 +81,7 @@ void readFamily(mnl_socket* socket, std::uint8_t family, std::vector<RoutingRule
   while (true) {
     const auto received = ::mnl_socket_recvfrom(socket, buffer.data(), buffer.size());
     if (received <= 0 ||
-        ::mnl_cb_run(buffer.data(), static_cast<std::size_t>(received), family,
+        ::mnl_cb_run(buffer.data(), completeSize(buffer.data(), received), family,
                      ::mnl_socket_get_portid(socket), &readRule, &rules) <= MNL_CB_STOP) {
       return;
     }

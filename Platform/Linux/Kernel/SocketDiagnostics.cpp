@@ -18,6 +18,7 @@
 #include "Base/FileDescriptor.h"
 
 #include "Platform/Interface/ProviderError.h"
+#include "Platform/Linux/Kernel/NetlinkMessage.h"
 
 namespace ostravel::linuxplatform {
 
@@ -79,9 +80,8 @@ bool findsOwnListener(SocketDiagnostics& diagnostics) {
 }
 
 int readAttribute(const nlattr* attribute, void* socket) {
-  if (::mnl_attr_get_type(attribute) == INET_DIAG_CGROUP_ID &&
-      ::mnl_attr_get_payload_len(attribute) == sizeof(std::uint64_t)) {
-    static_cast<SocketInformation*>(socket)->cgroup = ::mnl_attr_get_u64(attribute);
+  if (::mnl_attr_get_type(attribute) == INET_DIAG_CGROUP_ID) {
+    static_cast<SocketInformation*>(socket)->cgroup = valueOf<std::uint64_t>(attribute).value_or(0);
   }
   return MNL_CB_OK;
 }
@@ -184,27 +184,27 @@ SocketDiagnostics::Answer SocketDiagnostics::receive(std::uint16_t remotePort) {
     if (received < 0) {
       return queryFailed(errno);
     }
-    if (!::mnl_nlmsg_ok(header, static_cast<int>(received))) {
+    if (completeSize(buffer.data(), received) == 0) {
       return queryFailed(EPROTO);
     }
     if (header->nlmsg_seq != sequence_) {
       continue;
     }
-    if (header->nlmsg_type == NLMSG_ERROR) {
-      const auto& error = *static_cast<const nlmsgerr*>(::mnl_nlmsg_get_payload(header));
-      if (error.error != -ENOENT) {
-        return queryFailed(-error.error);
-      }
-      return Answer(std::nullopt);
+    const auto* const message =
+        header->nlmsg_type == SOCK_DIAG_BY_FAMILY ? fixedPart<inet_diag_msg>(*header) : nullptr;
+    if (message == nullptr) {
+      // A plain acknowledgement does not answer the query.
+      const int error = resultOf(*header);
+      return error == ENOENT ? Answer(std::nullopt)
+                             : Answer(queryFailed(error == 0 ? EPROTO : error));
     }
-    const auto& message = *static_cast<const inet_diag_msg*>(::mnl_nlmsg_get_payload(header));
     // If no connection matches, the kernel returns a listener on the same port. The remains of an
     // ended connection send nothing.
-    const bool isListener = message.idiag_state == TCP_LISTEN;
-    if (isListener != (remotePort == 0) || message.idiag_state == TCP_TIME_WAIT) {
+    const bool isListener = message->idiag_state == TCP_LISTEN;
+    if (isListener != (remotePort == 0) || message->idiag_state == TCP_TIME_WAIT) {
       return Answer(std::nullopt);
     }
-    return Answer(informationFrom(header, message));
+    return Answer(informationFrom(header, *message));
   }
   return queryFailed(ETIMEDOUT);
 }
