@@ -31,9 +31,9 @@ class TCPConnection : public Observable {
   // The failure that ended the connection as a whole, if any.
   virtual OptionalError error() const = 0;
 
-  // The only observable key path is "state". The observer is held weakly; an observer that has been
-  // removed or destroyed is no longer notified. The platform starts connecting before there can be
-  // an observer: a change while there is none is reported to the next one, after this call.
+  // The only observable key path is "state". Observers are held weakly, and not notified once they
+  // are removed or destroyed; removing one that is not registered has no effect. A change while
+  // there is no observer, such as one before the first, is reported to the next, after this call.
   virtual void addObserver(std::weak_ptr<KeyValueObserver> observer, std::string_view keyPath) = 0;
   virtual void removeObserver(KeyValueObserver& observer, std::string_view keyPath) = 0;
 

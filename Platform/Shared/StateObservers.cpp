@@ -14,16 +14,14 @@ bool StateObservers::add(std::weak_ptr<KeyValueObserver> observer) {
   return hasMissedChange_;
 }
 
-bool StateObservers::remove(const KeyValueObserver& observer) {
+void StateObservers::remove(const KeyValueObserver& observer) {
   const std::lock_guard guard(lock_);
   const auto found = std::find_if(
       registrations_.begin(), registrations_.end(),
       [&observer](const Registration& registration) { return registration.identity == &observer; });
-  if (found == registrations_.end()) {
-    return false;
+  if (found != registrations_.end()) {
+    registrations_.erase(found);
   }
-  registrations_.erase(found);
-  return true;
 }
 
 void StateObservers::notify(TCPConnection& connection) {

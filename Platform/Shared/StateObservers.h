@@ -21,9 +21,9 @@ class StateObservers {
   // notifyOfMissedChange(), later: never inside the call that adds the observer.
   [[nodiscard]] bool add(std::weak_ptr<KeyValueObserver> observer);
 
-  // Returns false if it was not registered. Once removed, an observer is not notified again, even
-  // by a notification that is in progress; it may still be running on another thread.
-  bool remove(const KeyValueObserver& observer);
+  // No effect if it is not registered. Once removed, an observer is not notified again, even by a
+  // notification that is in progress; it may still be running on another thread.
+  void remove(const KeyValueObserver& observer);
 
   // Called after each change of the state. An observer may remove itself or another one. The caller
   // keeps the connection alive: an observer may release it.

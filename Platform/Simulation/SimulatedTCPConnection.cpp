@@ -97,9 +97,7 @@ void SimulatedTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserve
 void SimulatedTCPConnection::removeObserver(platform::KeyValueObserver& observer,
                                             std::string_view keyPath) {
   requireStateKeyPath(keyPath);
-  if (!observers_.remove(observer)) {
-    throw std::logic_error(name() + ": removes an observer that is not registered");
-  }
+  observers_.remove(observer);
 }
 
 void SimulatedTCPConnection::read(std::size_t minimum, std::size_t maximum,

@@ -54,7 +54,6 @@ class SimulatedTCPConnection final : public platform::TCPConnection,
   // Throws std::logic_error for a key path other than "state".
   void addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
                    std::string_view keyPath) override;
-  // Throws std::logic_error for an observer that is not registered.
   void removeObserver(platform::KeyValueObserver& observer, std::string_view keyPath) override;
   void read(std::size_t minimum, std::size_t maximum, platform::ReadCompletion completion) override;
   void write(platform::Data data, platform::ErrorCompletion completion) override;

@@ -163,6 +163,17 @@ TEST_P(AppProxyTCPFlowContractTest, AReadAndAWriteMayBeOutstandingTogether) {
   EXPECT_EQ(outcome.text().front(), 'n');
 }
 
+TEST_P(AppProxyTCPFlowContractTest, ASecondReadIsAProgrammingError) {
+  exchange();
+  expectSecondReadToBeRefused();
+}
+
+TEST_P(AppProxyTCPFlowContractTest, ASecondWriteIsAProgrammingError) {
+  exchange();
+  application_->stopReceiving();
+  expectSecondWriteToBeRefused();
+}
+
 TEST_P(AppProxyTCPFlowContractTest, AResetOfTheApplicationFailsTheRead) {
   exchange();
   Outcome outcome;

@@ -34,6 +34,8 @@ class ContractEnvironment {
   virtual ~ContractEnvironment() = default;
 
   virtual platform::Platform& platform() = 0;
+  // Whether a programming error is thrown as std::logic_error instead of ending the process.
+  virtual bool throwsProgrammingErrors() const { return false; }
 
   // --- Time.
 

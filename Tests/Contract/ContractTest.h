@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "Tests/Contract/ContractEnvironment.h"
@@ -18,6 +20,21 @@ class ContractTest : public ::testing::TestWithParam<ContractPlatform> {
   platform::Platform& platform() { return environment_->platform(); }
   bool waitUntil(const ContractEnvironment::Condition& condition) {
     return environment_->waitUntil(condition);
+  }
+  // The misuse of the seam is reported, however late and on whatever thread.
+  void expectProgrammingError(const std::function<void()>& misuse) {
+    if (environment_->throwsProgrammingErrors()) {
+      EXPECT_THROW(misuse(), std::logic_error);
+      return;
+    }
+    // In a process that is started anew, because a forked one would have a single thread.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+          misuse();
+          waitUntil([] { return false; });
+        },
+        "programming error");
   }
 
   const std::unique_ptr<ContractEnvironment> environment_ = GetParam().makeEnvironment();

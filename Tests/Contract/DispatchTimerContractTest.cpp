@@ -313,6 +313,10 @@ TEST_P(DispatchTimerContractTest, ManyTimersFireOnceEach) {
   EXPECT_EQ(fired, kTimers);
 }
 
+TEST_P(DispatchTimerContractTest, AnIntervalMustBePositive) {
+  expectProgrammingError([&] { timer_->schedule(0ms, 0ms, 0ms); });
+}
+
 TEST_P(DispatchTimerContractTest, TheLongestDelayIsNeverOver) {
   timer_->setEventHandler(noting());
   start(nanoseconds::max());

@@ -14,6 +14,7 @@ class SimulationContractEnvironment final : public ContractEnvironment {
   explicit SimulationContractEnvironment(const simulation::SimulationOptions& options);
 
   platform::Platform& platform() override { return simulation_; }
+  bool throwsProgrammingErrors() const override { return true; }
   bool waitUntil(const Condition& condition) override;
   void settle() override;
   std::chrono::nanoseconds now() const override;

@@ -42,6 +42,20 @@ void StreamContractTest::startBoth(Outcome& reading, Outcome& writing) {
   startWriting(platform::Data::copyOf(std::string(kLarge * 4, 'x')), writing.completion());
 }
 
+void StreamContractTest::expectSecondReadToBeRefused() {
+  Outcome first;
+  Outcome second;
+  startReading(first.readCompletion());
+  expectProgrammingError([&] { startReading(second.readCompletion()); });
+}
+
+void StreamContractTest::expectSecondWriteToBeRefused() {
+  Outcome first;
+  Outcome second;
+  startWriting(platform::Data::copyOf(std::string(kLarge * 4, 'x')), first.completion());
+  expectProgrammingError([&] { startWriting(platform::Data::copyOf("x"), second.completion()); });
+}
+
 void StreamContractTest::expectBothToHaveFailed(const Outcome& reading, const Outcome& writing) {
   ASSERT_TRUE(waitUntil([&] { return reading.isDone() && writing.isDone(); }));
   environment_->settle();

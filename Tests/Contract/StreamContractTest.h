@@ -35,6 +35,9 @@ class StreamContractTest : public ContractTest {
 
   // Starts both; the write has more bytes than fit while the peer does not receive.
   void startBoth(Outcome& reading, Outcome& writing);
+  // A second operation while the first one is outstanding.
+  void expectSecondReadToBeRefused();
+  void expectSecondWriteToBeRefused();
   // Both have failed, once, and not inside the call that ended them.
   void expectBothToHaveFailed(const Outcome& reading, const Outcome& writing);
 

@@ -340,6 +340,33 @@ TEST_P(TCPConnectionContractTest, ARemovedObserverIsNotNotified) {
   EXPECT_FALSE(removed->saw(TCPConnectionState::cancelled));
 }
 
+TEST_P(TCPConnectionContractTest, RemovingAnUnknownObserverHasNoEffect) {
+  establish();
+  const auto unknown = std::make_shared<StateObserver>();
+  connection_->removeObserver(*unknown, "state");
+  connection_->addObserver(unknown, "state");
+  connection_->removeObserver(*unknown, "state");
+  connection_->removeObserver(*unknown, "state");
+  connection_->cancel();
+  EXPECT_TRUE(waitUntil([&] { return observer_->saw(TCPConnectionState::cancelled); }));
+}
+
+TEST_P(TCPConnectionContractTest, ObservingAnythingElseIsAProgrammingError) {
+  establish();
+  expectProgrammingError([&] { connection_->addObserver(observer_, "error"); });
+}
+
+TEST_P(TCPConnectionContractTest, ASecondReadIsAProgrammingError) {
+  establish();
+  expectSecondReadToBeRefused();
+}
+
+TEST_P(TCPConnectionContractTest, ASecondWriteIsAProgrammingError) {
+  establish();
+  peer_->stopReceiving();
+  expectSecondWriteToBeRefused();
+}
+
 TEST_P(TCPConnectionContractTest, AnObserverIsHeldWeakly) {
   establish();
   auto gone = std::make_shared<StateObserver>();

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "Platform/Linux/Services/ProgrammingError.h"
+#include "Base/ProgrammingError.h"
 
 namespace ostravel::linuxplatform {
 

@@ -7,10 +7,10 @@
 #include <utility>
 
 #include "Base/FileDescriptor.h"
+#include "Base/ProgrammingError.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Relay/EventLoop.h"
 #include "Platform/Linux/Relay/SocketError.h"
-#include "Platform/Linux/Services/ProgrammingError.h"
 
 namespace ostravel::linuxplatform {
 

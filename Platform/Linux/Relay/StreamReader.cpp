@@ -6,10 +6,10 @@
 #include <span>
 #include <utility>
 
+#include "Base/ProgrammingError.h"
 #include "Platform/Linux/Relay/BufferChunk.h"
 #include "Platform/Linux/Relay/PipeChunk.h"
 #include "Platform/Linux/Relay/SocketError.h"
-#include "Platform/Linux/Services/ProgrammingError.h"
 #include "Platform/Linux/Services/RelayLimits.h"
 
 namespace ostravel::linuxplatform {

@@ -4,9 +4,9 @@
 #include <optional>
 #include <utility>
 
+#include "Base/ProgrammingError.h"
 #include "Platform/Linux/Relay/PipeChunk.h"
 #include "Platform/Linux/Relay/SocketError.h"
-#include "Platform/Linux/Services/ProgrammingError.h"
 
 namespace ostravel::linuxplatform {
 

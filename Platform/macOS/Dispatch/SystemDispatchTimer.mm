@@ -4,6 +4,8 @@
 #include <mutex>
 #include <utility>
 
+#include "Base/ProgrammingError.h"
+
 namespace ostravel::macos {
 
 class SystemDispatchTimer::HandlerSlot {
@@ -60,6 +62,9 @@ void SystemDispatchTimer::setEventHandler(Handler handler) {
 void SystemDispatchTimer::schedule(std::chrono::nanoseconds delay,
                                    std::optional<std::chrono::nanoseconds> interval,
                                    std::chrono::nanoseconds leeway) {
+  if (interval && *interval <= std::chrono::nanoseconds::zero()) {
+    programmingError("the interval of a repeating timer is not positive");
+  }
   dispatch_source_set_timer(
       source_.get(), dispatch_time(DISPATCH_TIME_NOW, delay.count()),
       interval ? static_cast<std::uint64_t>(interval->count()) : DISPATCH_TIME_FOREVER,

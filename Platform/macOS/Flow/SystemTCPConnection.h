@@ -9,6 +9,7 @@
 #include "Platform/Interface/TCPConnection.h"
 #include "Platform/Shared/StateObservers.h"
 #import "Platform/macOS/Dispatch/CompletionQueue.h"
+#include "Platform/macOS/Flow/OutstandingOperation.h"
 #import "Platform/macOS/Foundation/Reference.h"
 
 namespace ostravel::macos {
@@ -43,6 +44,8 @@ class SystemTCPConnection final : public platform::TCPConnection,
   // The number by which the system's notifications find this object.
   std::uintptr_t observation_ = 0;
   platform::StateObservers observers_;
+  OutstandingOperation reading_;
+  OutstandingOperation writing_;
 };
 
 }  // namespace ostravel::macos

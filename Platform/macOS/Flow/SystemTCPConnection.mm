@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Base/ProgrammingError.h"
 #import "Platform/macOS/Dispatch/CompletionBlocks.h"
 #import "Platform/macOS/Flow/ConnectionStateObservation.h"
 #import "Platform/macOS/Foundation/FoundationData.h"
@@ -17,6 +18,12 @@ namespace {
 // nil answers nothing.
 NSError* notConnected() {
   return [NSError errorWithDomain:NSPOSIXErrorDomain code:ENOTCONN userInfo:nil];
+}
+
+void requireStateKeyPath(std::string_view keyPath) {
+  if (keyPath != platform::StateObservers::kKeyPath) {
+    programmingError("a connection has no observable property but its state");
+  }
 }
 
 }  // namespace
@@ -67,7 +74,8 @@ platform::OptionalError SystemTCPConnection::error() const {
 
 void SystemTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
                                       std::string_view keyPath) {
-  if (keyPath == platform::StateObservers::kKeyPath && observers_.add(std::move(observer))) {
+  requireStateKeyPath(keyPath);
+  if (observers_.add(std::move(observer))) {
     queue_->run([weakSelf = weak_from_this()] {
       if (const auto self = weakSelf.lock()) {
         self->observers_.notifyOfMissedChange(*self);
@@ -78,9 +86,8 @@ void SystemTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> 
 
 void SystemTCPConnection::removeObserver(platform::KeyValueObserver& observer,
                                          std::string_view keyPath) {
-  if (keyPath == platform::StateObservers::kKeyPath) {
-    observers_.remove(observer);
-  }
+  requireStateKeyPath(keyPath);
+  observers_.remove(observer);
 }
 
 void SystemTCPConnection::stateDidChange() {
@@ -89,8 +96,11 @@ void SystemTCPConnection::stateDidChange() {
 
 void SystemTCPConnection::read(std::size_t minimum, std::size_t maximum,
                                platform::ReadCompletion completion) {
+  reading_.begin("a read of a stream that is being read");
   @autoreleasepool {
-    const auto handler = readBlock(queue_, weak_from_this(), std::move(completion));
+    const auto handler = readBlock(
+        queue_, weak_from_this(),
+        endingOperation(weak_from_this(), &SystemTCPConnection::reading_, std::move(completion)));
     if (connection_.get() == nil) {
       handler.get()(nil, notConnected());
       return;
@@ -102,8 +112,11 @@ void SystemTCPConnection::read(std::size_t minimum, std::size_t maximum,
 }
 
 void SystemTCPConnection::write(platform::Data data, platform::ErrorCompletion completion) {
+  writing_.begin("a write to a stream that is being written to");
   @autoreleasepool {
-    const auto handler = errorBlock(queue_, weak_from_this(), std::move(completion));
+    const auto handler = errorBlock(
+        queue_, weak_from_this(),
+        endingOperation(weak_from_this(), &SystemTCPConnection::writing_, std::move(completion)));
     if (connection_.get() == nil) {
       handler.get()(notConnected());
       return;

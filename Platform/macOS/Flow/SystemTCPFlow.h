@@ -4,6 +4,7 @@
 
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #import "Platform/macOS/Dispatch/CompletionQueue.h"
+#include "Platform/macOS/Flow/OutstandingOperation.h"
 #import "Platform/macOS/Flow/SystemFlow.h"
 
 namespace ostravel::macos {
@@ -22,6 +23,8 @@ class SystemTCPFlow final : public SystemFlow<platform::AppProxyTCPFlow, NEAppPr
 
  private:
   const std::shared_ptr<CompletionQueue> queue_ = std::make_shared<CompletionQueue>();
+  OutstandingOperation reading_;
+  OutstandingOperation writing_;
 };
 
 }  // namespace ostravel::macos

@@ -24,16 +24,24 @@ void SystemTCPFlow::open(std::optional<platform::HostEndpoint> localEndpoint,
 }
 
 void SystemTCPFlow::read(platform::ReadCompletion completion) {
+  reading_.begin("a read of a stream that is being read");
   @autoreleasepool {
-    [flow() readDataWithCompletionHandler:readBlock(queue_, weak_from_this(), std::move(completion))
+    [flow() readDataWithCompletionHandler:readBlock(queue_, weak_from_this(),
+                                                    endingOperation(weak_from_this(),
+                                                                    &SystemTCPFlow::reading_,
+                                                                    std::move(completion)))
                                               .get()];
   }
 }
 
 void SystemTCPFlow::write(platform::Data data, platform::ErrorCompletion completion) {
+  writing_.begin("a write to a stream that is being written to");
   @autoreleasepool {
     [flow() writeData:makeNSData(data)
-        withCompletionHandler:errorBlock(queue_, weak_from_this(), std::move(completion)).get()];
+        withCompletionHandler:errorBlock(queue_, weak_from_this(),
+                                         endingOperation(weak_from_this(), &SystemTCPFlow::writing_,
+                                                         std::move(completion)))
+                                  .get()];
   }
 }
 

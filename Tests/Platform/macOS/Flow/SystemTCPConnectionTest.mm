@@ -119,21 +119,6 @@ TEST_F(SystemTCPConnectionTest, AnObserverMayRemoveItselfWhenNotified) {
   EXPECT_EQ(observer_->count(), 1);
 }
 
-TEST_F(SystemTCPConnectionTest, RemovingAnUnknownObserverHasNoEffect) {
-  connection_->removeObserver(*observer_, "state");
-  connection_->addObserver(observer_, "state");
-  connection_->removeObserver(*observer_, "state");
-  connection_->removeObserver(*observer_, "state");
-  change(NWTCPConnectionStateConnected);
-  EXPECT_EQ(observer_->count(), 0);
-}
-
-TEST_F(SystemTCPConnectionTest, NoOtherKeyPathIsObserved) {
-  connection_->addObserver(observer_, "viable");
-  change(NWTCPConnectionStateConnected);
-  EXPECT_EQ(observer_->count(), 0);
-}
-
 TEST_F(SystemTCPConnectionTest, MayEndWhileItsStateChangesOnAnotherThread) {
   for (int i = 0; i < 50; ++i) {
     @autoreleasepool {
