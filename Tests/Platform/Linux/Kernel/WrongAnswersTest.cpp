@@ -186,16 +186,14 @@ class Routing final : public Interface {
   Routing() {
     outputOf(
         "ip -4 rule add priority 100 fwmark 0x2000000/0xff000000 table main && "
-        "ip -6 rule add priority 101 fwmark 0xca6c table main");
+        "ip -6 rule add priority 101 fwmark 0x4000000/0xff000000 table main");
   }
 
   Facts use() override {
     Facts facts;
-    const auto read = RoutingRules::read();
-    for (const auto& rule : read.rules()) {
-      facts.insert(std::to_string(static_cast<int>(rule.family)) + " " +
-                   std::to_string(rule.priority) + " " + std::to_string(rule.value) + " " +
-                   std::to_string(rule.mask));
+    for (const std::string& clash : RoutingRules::read().clashesWith(PacketMarks())) {
+      // Which bits are free depends on all rules.
+      facts.insert(clash.substr(0, clash.find(": ")));
     }
     return facts;
   }
