@@ -30,6 +30,7 @@ using platform::Error;
 using platform::TransparentProxyNetworkSettings;
 using testing::Connecting;
 using testing::loopbackSettings;
+using testing::OfferedPacket;
 using testing::outputOf;
 using testing::SocketSettings;
 using testing::tcpRule;
@@ -61,6 +62,13 @@ class InterceptionTableTest : public ::testing::Test {
     return installed ? "(no error)" : installed.error().localizedDescription;
   }
 
+  // The only packet at the queue, within a generous time; all zero if there is not exactly one.
+  OfferedPacket offeredPacket() {
+    const auto packets = waitForPackets(*queue_, kGenerous);
+    EXPECT_EQ(packets.size(), 1U);
+    return packets.size() == 1 ? packets[0] : OfferedPacket{};
+  }
+
   std::unique_ptr<PacketQueue> queue_;
 };
 
@@ -68,10 +76,9 @@ TEST_F(InterceptionTableTest, OffersTheFirstPacketOfASelectedFlowAndAcceptsIt) {
   const auto table = install(loopbackSettings());
   TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
+  const auto packet = offeredPacket();
   EXPECT_EQ(application.connectResult(kSoon), EINPROGRESS);
-  queue_->accept(packets[0].id);
+  queue_->accept(packet.id);
   EXPECT_EQ(application.connectResult(kGenerous), 0);
   EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
 }
@@ -80,9 +87,8 @@ TEST_F(InterceptionTableTest, OffersIPv6) {
   const auto table = install(loopbackSettings());
   TestListener origin("::1", 8000);
   const Connecting application("::1", 8000);
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
-  queue_->accept(packets[0].id);
+  const auto packet = offeredPacket();
+  queue_->accept(packet.id);
   EXPECT_EQ(application.connectResult(kGenerous), 0);
 }
 
@@ -148,9 +154,8 @@ TEST_F(InterceptionTableTest, AMarkedPacketArrivesAtTheLoopsListenerWithItsOwnSo
   TestListener second("127.0.0.1");
   const auto table = install(loopbackSettings(), {{first.port(), 0}, {second.port(), 0}});
   const Connecting application("127.0.0.1", 8000);
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
-  queue_->acceptMarked(packets[0].id, kMarks.redirect(1));
+  const auto packet = offeredPacket();
+  queue_->acceptMarked(packet.id, kMarks.redirect(1));
   EXPECT_EQ(second.acceptOne(kGenerous), application.localPort());
   EXPECT_EQ(application.connectResult(kGenerous), 0);
 }
@@ -159,9 +164,8 @@ TEST_F(InterceptionTableTest, RedirectsIPv6) {
   TestListener listener("::1");
   const auto table = install(loopbackSettings(), {{0, listener.port()}});
   const Connecting application("::1", 8000);
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
-  queue_->acceptMarked(packets[0].id, kMarks.redirect(0));
+  const auto packet = offeredPacket();
+  queue_->acceptMarked(packet.id, kMarks.redirect(0));
   EXPECT_EQ(listener.acceptOne(kGenerous), application.localPort());
 }
 
@@ -169,9 +173,8 @@ TEST_F(InterceptionTableTest, ARefusedConnectionIsResetAtOnce) {
   const auto table = install(loopbackSettings());
   TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
-  queue_->acceptMarked(packets[0].id, kMarks.refuse());
+  const auto packet = offeredPacket();
+  queue_->acceptMarked(packet.id, kMarks.refuse());
   EXPECT_EQ(application.connectResult(kSoon), ECONNREFUSED);
 }
 
@@ -218,9 +221,8 @@ TEST_F(InterceptionTableTest, AForeignMarkHasNoEffectOnAnEstablishedConnection) 
   const auto table = install(loopbackSettings());
   TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
-  queue_->accept(packets[0].id);
+  const auto packet = offeredPacket();
+  queue_->accept(packet.id);
   ASSERT_EQ(application.connectResult(kGenerous), 0);
   application.send("still there");
   EXPECT_EQ(application.connectResult(0ms), 0);
@@ -243,9 +245,8 @@ TEST_F(InterceptionTableTest, PacketsWithOurMarkBitsAreNotOffered) {
 TEST_F(InterceptionTableTest, PacketsWithOtherMarkBitsAreOffered) {
   const auto table = install(loopbackSettings());
   const Connecting application("127.0.0.1", 8000, {.mark = ~kMarks.mask()});
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
-  EXPECT_EQ(packets[0].mark, ~kMarks.mask());
+  const auto packet = offeredPacket();
+  EXPECT_EQ(packet.mark, ~kMarks.mask());
 }
 
 TEST_F(InterceptionTableTest, AnotherMaskCanBeUsed) {
@@ -254,9 +255,8 @@ TEST_F(InterceptionTableTest, AnotherMaskCanBeUsed) {
   const auto table =
       *InterceptionTable::install(loopbackSettings(), *marks, queue_->number(), {{loop.port(), 0}});
   const Connecting application("127.0.0.1", 8000, {.mark = kMarks.own()});
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
-  queue_->acceptMarked(packets[0].id, marks->redirect(0));
+  const auto packet = offeredPacket();
+  queue_->acceptMarked(packet.id, marks->redirect(0));
   EXPECT_EQ(loop.acceptOne(kGenerous), application.localPort());
 }
 
@@ -267,9 +267,8 @@ TEST_F(InterceptionTableTest, ARetransmittedSYNIsNotOfferedAgain) {
       "{ type filter hook input priority filter; }; add rule inet foreign in tcp dport 8000 drop'");
   const auto table = install(loopbackSettings());
   const Connecting application("127.0.0.1", 8000);
-  const auto packets = waitForPackets(*queue_, kGenerous);
-  ASSERT_EQ(packets.size(), 1U);
-  queue_->accept(packets[0].id);
+  const auto packet = offeredPacket();
+  queue_->accept(packet.id);
   // The first retransmission comes after a second.
   EXPECT_TRUE(waitForPackets(*queue_, 700ms).empty());
   EXPECT_FALSE(table->refreshAlive());

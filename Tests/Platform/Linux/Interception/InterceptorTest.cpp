@@ -88,6 +88,18 @@ class InterceptorTest : public ::testing::Test {
                           : std::dynamic_pointer_cast<platform::AppProxyTCPFlow>(flows_.front());
   }
 
+  // Takes a flow and does something with it, after which the system has to continue with the flow.
+  void expectLeftToTheSystem(const std::function<void(platform::AppProxyTCPFlow&)>& proceed) {
+    start(true);
+    TestListener origin("127.0.0.1", kPort);
+    const ConnectingApplication application("127.0.0.1", kPort);
+    const auto flow = takenFlow();
+    ASSERT_TRUE(flow);
+    proceed(*flow);
+    EXPECT_EQ(application.connectResult(kGenerous), 0);
+    EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
+  }
+
   const std::shared_ptr<KeptLog> log_ = std::make_shared<KeptLog>();
   DescriptorBudget descriptors_{10'000};
   platform::POSIXClock clock_;
@@ -186,40 +198,26 @@ TEST_F(InterceptorTest, ATakenFlowIsHeldUntilItIsDecided) {
 }
 
 TEST_F(InterceptorTest, AFlowClosedWithAnErrorGoesDirect) {
-  start(true);
-  TestListener origin("127.0.0.1", kPort);
-  const ConnectingApplication application("127.0.0.1", kPort);
-  const auto flow = takenFlow();
-  ASSERT_TRUE(flow);
-  const platform::Error error{"test", 1, "the proxy is gone"};
-  flow->closeRead(error);
-  flow->closeWrite(error);
-  EXPECT_EQ(application.connectResult(kGenerous), 0);
+  expectLeftToTheSystem([](platform::AppProxyTCPFlow& flow) {
+    const platform::Error error{"test", 1, "the proxy is gone"};
+    flow.closeRead(error);
+    flow.closeWrite(error);
+  });
   EXPECT_EQ(offered(), 1U);
 }
 
 // No local proxy listens here, so what seemed to be its answer came from elsewhere.
 TEST_F(InterceptorTest, ARefusalThatIsNotTheProxysLeavesTheFlowToTheSystem) {
-  start(true);
-  TestListener origin("127.0.0.1", kPort);
-  const ConnectingApplication application("127.0.0.1", kPort);
-  const auto flow = takenFlow();
-  ASSERT_TRUE(flow);
-  flow->closeRead(std::nullopt);
-  flow->closeWrite(std::nullopt);
-  EXPECT_EQ(application.connectResult(kGenerous), 0);
-  EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
+  expectLeftToTheSystem([](platform::AppProxyTCPFlow& flow) {
+    flow.closeRead(std::nullopt);
+    flow.closeWrite(std::nullopt);
+  });
 }
 
 TEST_F(InterceptorTest, ATunnelThatIsNotTheProxysLeavesTheFlowToTheSystem) {
-  start(true);
-  TestListener origin("127.0.0.1", kPort);
-  const ConnectingApplication application("127.0.0.1", kPort);
-  const auto flow = takenFlow();
-  ASSERT_TRUE(flow);
-  flow->read([](std::optional<platform::Data> /*data*/, platform::OptionalError /*error*/) {});
-  EXPECT_EQ(application.connectResult(kGenerous), 0);
-  EXPECT_EQ(origin.acceptOne(kGenerous), application.localPort());
+  expectLeftToTheSystem([](platform::AppProxyTCPFlow& flow) {
+    flow.read([](std::optional<platform::Data> /*data*/, platform::OptionalError /*error*/) {});
+  });
 }
 
 TEST_F(InterceptorTest, ItsEndLetsHeldFlowsGoAndRemovesTheRules) {

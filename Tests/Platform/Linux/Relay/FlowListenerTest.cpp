@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,6 +53,13 @@ class FlowListenerTest : public RelayTest {
     std::future<ReadOutcome> read;
   };
 
+  // Makes the kernel assign another source port to a connection to the second destination.
+  void occupySourcePort(std::uint16_t port) {
+    occupyingFlow_ = expectFlow(kFirstDestination, port);
+    occupyingSocket_.emplace(kApplicationIPv4, port);
+    ASSERT_EQ(occupyingSocket_->connectTo(kFirstDestination, kDestinationPort), 0);
+  }
+
   // A released flow.
   Waiting expectFlow(const char* destination, std::uint16_t sourcePort,
                      std::string application = "org.example.browser") {
@@ -70,6 +78,8 @@ class FlowListenerTest : public RelayTest {
 
  private:
   bool isRedirecting_ = false;
+  std::optional<Waiting> occupyingFlow_;
+  std::optional<ApplicationSocket> occupyingSocket_;
 };
 
 // The reset may arrive before connect() has reported the connection.
@@ -160,10 +170,7 @@ TEST_F(FlowListenerTest, MatchesRedirectedConnectionsThatShareASourcePort) {
 TEST_F(FlowListenerTest, ARenumberedConnectionStaysWithItsApplication) {
   constexpr std::uint16_t kSharedSourcePort = 5010;
   redirectDestinations();
-  Waiting blocking = expectFlow(kFirstDestination, kSharedSourcePort);
-  ApplicationSocket blocker(kApplicationIPv4, kSharedSourcePort);
-  ASSERT_EQ(blocker.connectTo(kFirstDestination, kDestinationPort), 0);
-
+  occupySourcePort(kSharedSourcePort);
   Waiting one = expectFlow(kSecondDestination, kSharedSourcePort, "org.example.one");
   Waiting other = expectFlow(kSecondDestination, kSharedSourcePort + 1, "org.example.other");
   ApplicationSocket renumbered(kApplicationIPv4, kSharedSourcePort);
@@ -176,10 +183,7 @@ TEST_F(FlowListenerTest, ARenumberedConnectionStaysWithItsApplication) {
 TEST_F(FlowListenerTest, RenumberedConnectionsOfOneApplicationAreInterchangeable) {
   constexpr std::uint16_t kSharedSourcePort = 5020;
   redirectDestinations();
-  Waiting blocking = expectFlow(kFirstDestination, kSharedSourcePort);
-  ApplicationSocket blocker(kApplicationIPv4, kSharedSourcePort);
-  ASSERT_EQ(blocker.connectTo(kFirstDestination, kDestinationPort), 0);
-
+  occupySourcePort(kSharedSourcePort);
   Waiting plain = expectFlow(kSecondDestination, kSharedSourcePort + 1);
   Waiting shared = expectFlow(kSecondDestination, kSharedSourcePort);
   ApplicationSocket renumbered(kApplicationIPv4, kSharedSourcePort);
