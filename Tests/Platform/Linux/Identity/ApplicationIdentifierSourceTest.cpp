@@ -247,11 +247,7 @@ TEST_P(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSyst
   start();
   Helper proxy;
   proxy.makeSocket("proxy", kProxyPort);
-  std::vector<std::unique_ptr<Helper>> crowd;
-  for (int i = 0; i < 4; ++i) {
-    crowd.push_back(std::make_unique<Helper>());
-    ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
-  }
+  const auto crowd = makeCrowd();
   const std::string program = copyHelper(programs_, "application");
   Helper application(program);
   const auto flow = connectFrom(application);

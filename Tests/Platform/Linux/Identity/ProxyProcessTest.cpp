@@ -90,11 +90,7 @@ TEST_F(ProxyProcessTest, IsTheProcessThatListens) {
 TEST_F(ProxyProcessTest, IsFoundBeforeAllOthersIfItIsTheSender) {
   Helper helper;
   helper.makeSocket("listen", kPort);
-  std::vector<std::unique_ptr<Helper>> crowd;
-  for (int i = 0; i < 4; ++i) {
-    crowd.push_back(std::make_unique<Helper>());
-    ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
-  }
+  const auto crowd = makeCrowd();
   // Each step examines one descriptor. In as many steps, a search without a sender does not get
   // through those of the crowd.
   constexpr ProxyProcess::SearchLimits kOneDescriptor{.work = 0ms, .longest = 0ms};
@@ -114,12 +110,7 @@ TEST_F(ProxyProcessTest, IsFoundBeforeAllOthersIfItIsTheSender) {
 TEST_F(ProxyProcessTest, IsUnknownUntilTheSearchHasFoundIt) {
   Helper helper;
   helper.makeSocket("listen", kPort);
-  // More descriptors of newer processes than can be scanned for one flow.
-  std::vector<std::unique_ptr<Helper>> crowd;
-  for (int i = 0; i < 4; ++i) {
-    crowd.push_back(std::make_unique<Helper>());
-    ASSERT_EQ(crowd.back()->ask("hold 19000"), "done");
-  }
+  const auto crowd = makeCrowd();
   EXPECT_EQ(proxy_->refresh(::getpid()), State::unknown);
   EXPECT_EQ(refresh(), State::known);
   EXPECT_TRUE(includes(helper.pid()));

@@ -64,6 +64,15 @@ std::string Helper::readLine() {
   return line;
 }
 
+std::vector<std::unique_ptr<Helper>> makeCrowd() {
+  std::vector<std::unique_ptr<Helper>> crowd;
+  for (int count = 0; count < 4; ++count) {
+    crowd.push_back(std::make_unique<Helper>());
+    EXPECT_EQ(crowd.back()->ask("hold 19000"), "done");
+  }
+  return crowd;
+}
+
 std::string copyHelper(const TemporaryFolder& folder, std::string_view name) {
   EXPECT_TRUE(std::filesystem::copy_file(OSTRAVEL_HELPER, folder.path(name)));
   return folder.path(name);

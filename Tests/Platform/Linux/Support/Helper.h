@@ -4,8 +4,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Tests/Support/TemporaryFolder.h"
 
@@ -40,6 +42,9 @@ class Helper {
   int toHelper_ = -1;
   int fromHelper_ = -1;
 };
+
+// New processes with more descriptors than can be scanned for one flow.
+std::vector<std::unique_ptr<Helper>> makeCrowd();
 
 // A copy of the helper program under another name; returns its path.
 std::string copyHelper(const TemporaryFolder& folder, std::string_view name);
