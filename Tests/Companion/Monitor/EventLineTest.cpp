@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Base/UTF8.h"
+#include "Tests/Companion/Events/EventMaker.h"
 
 namespace ostravel::companion {
 namespace {
@@ -32,13 +33,9 @@ class EventLineTest : public ::testing::Test {
 
   static ReceivedEvent event(const std::string& level, const std::string& signal, double seconds,
                              Details details) {
-    ReceivedEvent event;
+    ReceivedEvent event = test::flowEvent("", signal, 0.0, std::move(details), level);
     event.timestamp = kStart + seconds;
-    event.level = level;
-    event.signal = signal;
-    event.code = "extension." + signal;
-    event.message = "Sentence";
-    event.details = std::move(details);
+    event.appId = "";
     return event;
   }
 

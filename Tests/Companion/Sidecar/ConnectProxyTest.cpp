@@ -291,30 +291,29 @@ TEST_F(ConnectProxyTest, CarriesLargeTransfersBothWaysAtOnce) {
             listener.target() + " app=- flow=- ended orderly sent=20000000 received=15000000");
 }
 
+// One side ends its stream; the other one is still heard, and ends later.
+void expectTwoEnds(const TestSocket& first, const TestSocket& second) {
+  first.send("last");
+  first.endSending();
+  EXPECT_EQ(second.receiveToEnd(), "last");
+  second.send("still here");
+  EXPECT_EQ(first.receive(10), "still here");
+  second.endSending();
+  EXPECT_EQ(first.waitForEnd(), TestSocket::End::orderly);
+}
+
 TEST_F(ConnectProxyTest, PassesOnTheClientsEndAndKeepsTheOtherDirection) {
   start();
   const TestListener listener;
   const Ends tunnel = openTunnel(listener);
-  tunnel.client.send("last");
-  tunnel.client.endSending();
-  EXPECT_EQ(tunnel.origin.receiveToEnd(), "last");
-  tunnel.origin.send("still here");
-  EXPECT_EQ(tunnel.client.receive(10), "still here");
-  tunnel.origin.endSending();
-  EXPECT_EQ(tunnel.client.waitForEnd(), TestSocket::End::orderly);
+  expectTwoEnds(tunnel.client, tunnel.origin);
 }
 
 TEST_F(ConnectProxyTest, PassesOnTheOriginsEndAndKeepsTheOtherDirection) {
   start();
   const TestListener listener;
   const Ends tunnel = openTunnel(listener);
-  tunnel.origin.send("last");
-  tunnel.origin.endSending();
-  EXPECT_EQ(tunnel.client.receiveToEnd(), "last");
-  tunnel.client.send("still here");
-  EXPECT_EQ(tunnel.origin.receive(10), "still here");
-  tunnel.client.endSending();
-  EXPECT_EQ(tunnel.origin.waitForEnd(), TestSocket::End::orderly);
+  expectTwoEnds(tunnel.origin, tunnel.client);
 }
 
 TEST_F(ConnectProxyTest, LosesNothingWhenTheOriginSendsMuchAndCloses) {
