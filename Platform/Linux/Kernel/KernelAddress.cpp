@@ -28,6 +28,7 @@ KernelAddress::KernelAddress(const SocketEndpoint& endpoint) {
 }
 
 std::optional<SocketEndpoint> KernelAddress::endpoint() const {
+  // The two families do the same with types that have no member in common.
   SocketEndpoint endpoint;
   if (storage.ss_family == AF_INET) {
     sockaddr_in address{};
