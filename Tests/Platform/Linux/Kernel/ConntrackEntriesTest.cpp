@@ -8,7 +8,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "Tests/Platform/Linux/Support/AlteredAnswers.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 #include "Tests/Support/CommandOutput.h"
 
@@ -63,6 +65,25 @@ TEST(ConntrackEntriesTest, ReportsAMissingEntry) {
   trackConnections();
   EXPECT_EQ(codeOf(ConntrackEntries().allowReopening(FlowTuple())), ENOENT);
   EXPECT_EQ(codeOf(ConntrackEntries().remove(FlowTuple())), ENOENT);
+}
+
+TEST(ConntrackEntriesTest, ALateAnswerIsNotThatOfTheNextRequest) {
+  trackConnections();
+  TestListener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  ASSERT_EQ(application.connectResult(kGenerous), 0);
+  ConntrackEntries entries;
+  std::vector<char> late;
+  const testing::AlteredAnswers altered([&late](const std::vector<char>& sent) {
+    if (late.empty()) {
+      late = sent;
+      return std::vector<testing::NetlinkAnswer>();
+    }
+    return std::vector<testing::NetlinkAnswer>{{late, 0}, {sent, 0}};
+  });
+  const auto tuple = tupleOf(application, AddressFamily::ipv4);
+  EXPECT_EQ(codeOf(entries.remove(tuple)), EAGAIN);
+  EXPECT_EQ(codeOf(entries.remove(tuple)), ENOENT) << "the first request has removed it";
 }
 
 class ConntrackEntriesOfRedirectionsTest : public ::testing::TestWithParam<const char*> {

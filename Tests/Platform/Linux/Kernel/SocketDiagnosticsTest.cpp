@@ -1,18 +1,23 @@
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Tests/Platform/Linux/Support/AlteredAnswers.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 
@@ -215,6 +220,24 @@ TEST_F(SocketDiagnosticsTest, FindsNothingWhereThereIsNoSocket) {
       diagnostics_->find(flowOverIPv6(TransportProtocol::udp, portOf(socket), 443), kAnyInterface));
   socket = FileDescriptor();
   expectNothing(diagnostics_->find(flow, kAnyInterface));
+}
+
+TEST_F(SocketDiagnosticsTest, AnAcknowledgementDoesNotAnswerAQuery) {
+  const AlteredAnswers altered([](const std::vector<char>& sent) {
+    struct Acknowledgement {
+      nlmsghdr header;
+      nlmsgerr result;
+    } acknowledgement{};
+    std::memcpy(&acknowledgement.header, sent.data(), sizeof acknowledgement.header);
+    acknowledgement.header.nlmsg_len = sizeof acknowledgement;
+    acknowledgement.header.nlmsg_type = NLMSG_ERROR;
+    std::vector<char> bytes(sizeof acknowledgement);
+    std::memcpy(bytes.data(), &acknowledgement, sizeof acknowledgement);
+    return std::vector<NetlinkAnswer>{{std::move(bytes), 0}};
+  });
+  const auto answer = diagnostics_->findListener(loopbackIPv4(portOf(listener_)));
+  ASSERT_FALSE(answer);
+  EXPECT_EQ(answer.error().code, EPROTO);
 }
 
 TEST_F(SocketDiagnosticsTest, AListenerIsNotTheSenderOfAFlow) {
