@@ -24,12 +24,15 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
                                                          const std::vector<uid_t>& proxyUsers,
                                                          ConnectTracer::Detail traced,
                                                          std::optional<PacketMarks> marks,
-                                                         std::vector<std::string> reserved)
+                                                         std::vector<std::string> reserved,
+                                                         ProcessTableSource processes)
     : warn_(std::move(warn)),
       reserved_(std::move(reserved)),
+      makeProcesses_(std::move(processes)),
+      processes_(makeProcesses_()),
       registrations_(registrationsFolder, warn_),
       names_(makeNames()) {
-  registrations_.warnOfUselessPaths();
+  registrations_.warnOfUselessPaths(*processes_);
   auto diagnostics = SocketDiagnostics::open();
   if (!diagnostics) {
     warn_(diagnostics.error().localizedDescription + "; every flow is left to the system");
@@ -44,17 +47,20 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
   proxyPort_ = std::make_shared<ProxyInstance::Port>(*std::move(othersDiagnostics),
                                                      ProxyProcess::addressOf(proxyPort));
   startTracing(proxyPort, traced, marks);
-  proxy_.emplace(*diagnostics_, processes_, proxyPort, warn_,
+  proxy_.emplace(*diagnostics_, *processes_, proxyPort, warn_,
                  publisher_ ? std::optional(publisher_->listener()) : std::nullopt);
-  trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_);
+  trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_, makeProcesses_);
 }
 
 ApplicationIdentifierSource::ApplicationIdentifierSource(std::shared_ptr<ConnectTracer> tracer,
                                                          ApplicationRegistrations registrations,
                                                          std::vector<std::string> reserved,
-                                                         std::shared_ptr<const ScriptNames> scripts)
+                                                         std::shared_ptr<const ScriptNames> scripts,
+                                                         ProcessTableSource processes)
     : reserved_(std::move(reserved)),
       tracer_(std::move(tracer)),
+      makeProcesses_(std::move(processes)),
+      processes_(makeProcesses_()),
       registrations_(std::move(registrations)),
       names_(makeNames()),
       scripts_(std::move(scripts)) {
@@ -66,8 +72,8 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::shared_ptr<Connect
 ApplicationIdentifierSource::~ApplicationIdentifierSource() = default;
 
 std::unique_ptr<ApplicationIdentifierSource> ApplicationIdentifierSource::forAnotherThread() const {
-  return std::unique_ptr<ApplicationIdentifierSource>(
-      new ApplicationIdentifierSource(tracer_, registrations_, reserved_, scripts_));
+  return std::unique_ptr<ApplicationIdentifierSource>(new ApplicationIdentifierSource(
+      tracer_, registrations_, reserved_, scripts_, makeProcesses_));
 }
 
 std::string ApplicationIdentifierSource::applicationOf(const FlowTuple& sent,
@@ -135,7 +141,12 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
     if (!trust_->holdsFor(result.user)) {
       return leave(LeaveReason::proxyNotTrusted);
     }
-    if (sender.process != nullptr && isProxy(*sender.process)) {
+    const auto isOfProxy =
+        sender.process != nullptr ? isProxy(*sender.process) : std::optional(false);
+    if (!isOfProxy) {
+      return leave(LeaveReason::proxyUnknown);
+    }
+    if (*isOfProxy) {
       markFurtherSockets(*sender.process, sender.cookie);
       result.identifier = kProxyIdentifier;
       return result;
@@ -144,9 +155,7 @@ Identification ApplicationIdentifierSource::identify(const FirstPacket& first,
     if (!isKnown && mayBelongToProxy(sender)) {
       return leave(LeaveReason::proxyUnknown);
     }
-    const Process& owner = proxy_->owner();
-    result.proxy.emplace(ProcessLife(owner.pid, owner.stamp.startTime), proxy_->listenerCookie(),
-                         proxyPort_);
+    result.proxy.emplace(proxy_->ownerLife(), proxy_->listenerCookie(), proxyPort_);
     result.mayBelongToProxy = mayDialForProxy(sender.process);
   }
   if (sender.process != nullptr) {
@@ -245,11 +254,11 @@ std::optional<ApplicationDescription> ApplicationIdentifierSource::describe(pid_
   if (known == nullptr) {
     return std::nullopt;
   }
-  if (proxy_ && proxy_->listenerCookie() != 0 && isProxy(*known)) {
+  if (proxy_ && proxy_->listenerCookie() != 0 && isProxy(*known).value_or(false)) {
     return ApplicationDescription{std::string(kProxyIdentifier), "proxy"};
   }
   const uid_t user = known->process.stamp.uid;
-  const std::string& identifier = identifierOf(*known, user);
+  const std::string identifier = identifierOf(*known, user);
   const bool isRegistered =
       registrations_.identifierOf(known->process.executable, {user, known->process.stamp.realUser})
           .has_value();
@@ -288,7 +297,7 @@ void ApplicationIdentifierSource::noteGroup(KnownProcess& sender, std::uint64_t 
   }
   // The group of a process that has just been examined is up to date.
   const bool isNew = std::exchange(sender.socketGroup, group) == 0;
-  if (!isNew && processes_.refreshControlGroup(sender.process)) {
+  if (!isNew && processes_->refreshControlGroup(sender.process)) {
     sender.identifier.reset();
   }
 }
@@ -303,11 +312,11 @@ ApplicationIdentifierSource::Sender ApplicationIdentifierSource::senderOf(
     return {};
   }
   // The socket was connected before the tracer started, or there is no tracer with enough detail.
-  if (!processes_.allowance().permits(socket.uid)) {
+  if (!processes_->allowance().permits(socket.uid)) {
     return {.leaveReason = LeaveReason::searchBudget};
   }
   const auto connector = record ? std::optional(record->process) : std::nullopt;
-  const auto found = processes_.holderOf(socket.inode, socket.uid, connector);
+  const auto found = processes_->holderOf(socket.inode, socket.uid, connector);
   // Another process has received the socket from the one that connected it.
   if (!found || (connector && found != connector)) {
     return {};
@@ -327,7 +336,7 @@ KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& rec
     refresh(*known, record.executable, place);
     return known;
   }
-  auto process = processes_.find(record.process, record.executable);
+  auto process = processes_->find(record.process, record.executable);
   if (!process || process->stamp.startTime != stamp.startTime ||
       process->stamp.stackStart != stamp.stackStart) {
     return nullptr;
@@ -341,11 +350,11 @@ KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& rec
 
 KnownProcess* ApplicationIdentifierSource::holder(pid_t pid) {
   KnownProcess* const known = known_.find(pid);
-  if (known != nullptr && processes_.stampOf(pid) == known->process.stamp) {
+  if (known != nullptr && processes_->stampOf(pid) == known->process.stamp) {
     refresh(*known, std::nullopt, 0);
     return known;
   }
-  auto process = processes_.find(pid);
+  auto process = processes_->find(pid);
   return process ? &known_.insert(std::move(*process)) : nullptr;
 }
 
@@ -357,16 +366,20 @@ void ApplicationIdentifierSource::refresh(KnownProcess& known,
     return;
   }
   known.place = place;
-  if (processes_.refreshExecutable(known.process, executable)) {
+  if (processes_->refreshExecutable(known.process, executable)) {
     known.identifier.reset();
     known.comparedListener = 0;
   }
 }
 
-bool ApplicationIdentifierSource::isProxy(KnownProcess& sender) const {
+std::optional<bool> ApplicationIdentifierSource::isProxy(KnownProcess& sender) const {
   if (sender.comparedListener != proxy_->listenerCookie()) {
+    const auto isIncluded = proxy_->includes(sender.process);
+    if (!isIncluded) {
+      return std::nullopt;
+    }
     sender.comparedListener = proxy_->listenerCookie();
-    sender.isProxy = proxy_->includes(sender.process);
+    sender.isProxy = *isIncluded;
   }
   return sender.isProxy;
 }
@@ -400,13 +413,18 @@ bool ApplicationIdentifierSource::mayBelongToProxy(const Sender& sender) const {
   return sender.user && (sender.hasNoHolder || proxy_->mayRunAs(*sender.user));
 }
 
-const std::string& ApplicationIdentifierSource::identifierOf(KnownProcess& sender,
-                                                             uid_t socketUser) const {
-  if (!sender.identifier || sender.identifiedUser != socketUser) {
-    sender.identifier = findIdentifier(sender.process, socketUser);
+std::string ApplicationIdentifierSource::identifierOf(KnownProcess& sender,
+                                                      uid_t socketUser) const {
+  if (sender.identifier && sender.identifiedUser == socketUser) {
+    return *sender.identifier;
+  }
+  std::string identifier = findIdentifier(sender.process, socketUser);
+  // Otherwise it may lack the name of its script, for example.
+  if (processes_->isAnswering()) {
+    sender.identifier = identifier;
     sender.identifiedUser = socketUser;
   }
-  return *sender.identifier;
+  return identifier;
 }
 
 std::string ApplicationIdentifierSource::findIdentifier(const Process& process,
@@ -418,10 +436,10 @@ std::string ApplicationIdentifierSource::findIdentifier(const Process& process,
       return printableIdentifier(*registered);
     }
   }
-  if (const auto name = names_.nameOf(process, socketUser)) {
+  if (const auto name = names_.nameOf(process, socketUser, *processes_)) {
     return printableIdentifier(*name);
   }
-  if (const auto script = scripts_ ? scripts_->nameOf(process, processes_) : std::nullopt) {
+  if (const auto script = scripts_ ? scripts_->nameOf(process, *processes_) : std::nullopt) {
     return printableIdentifier(*script);
   }
   return process.isExecutableGenuine ? printableIdentifier(process.executable) : std::string();

@@ -26,6 +26,7 @@
 #include "Platform/Linux/Kernel/PacketParser.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Platform/Linux/Processes/KnownProcesses.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Platform/Linux/Processes/ProcessTable.h"
 #include "Platform/Linux/Tracing/ConnectPublisher.h"
 #include "Platform/Linux/Tracing/ConnectTracer.h"
@@ -64,13 +65,15 @@ class ApplicationIdentifierSource {
   // warn receives one sentence about anything that limits identification, on the thread that uses
   // this object. proxyUsers: users, besides root and system users, whose local proxy may carry the
   // flows of all users. marks: if present, sockets that the proxy connects are marked as own() once
-  // its process is known. reserved: identifiers that only registrations assign.
+  // its process is known. reserved: identifiers that only registrations assign. processes:
+  // how processes are inspected.
   ApplicationIdentifierSource(
       std::uint16_t proxyPort, Warn warn,
       const std::string& registrationsFolder = ApplicationRegistrations::kDefaultFolder,
       const std::vector<uid_t>& proxyUsers = {},
       ConnectTracer::Detail traced = ConnectTracer::Detail::programs,
-      std::optional<PacketMarks> marks = std::nullopt, std::vector<std::string> reserved = {});
+      std::optional<PacketMarks> marks = std::nullopt, std::vector<std::string> reserved = {},
+      ProcessTableSource processes = &LocalProcessTable::make);
   ApplicationIdentifierSource(const ApplicationIdentifierSource&) = delete;
   ApplicationIdentifierSource& operator=(const ApplicationIdentifierSource&) = delete;
   ~ApplicationIdentifierSource();
@@ -134,7 +137,8 @@ class ApplicationIdentifierSource {
   ApplicationIdentifierSource(std::shared_ptr<ConnectTracer> tracer,
                               ApplicationRegistrations registrations,
                               std::vector<std::string> reserved,
-                              std::shared_ptr<const ScriptNames> scripts);
+                              std::shared_ptr<const ScriptNames> scripts,
+                              ProcessTableSource processes);
 
   void startTracing(std::uint16_t proxyPort, ConnectTracer::Detail wanted,
                     std::optional<PacketMarks> marks);
@@ -152,7 +156,8 @@ class ApplicationIdentifierSource {
   KnownProcess* holder(pid_t pid);
   // Updates what is known about the process's executable, which is at this place.
   void refresh(KnownProcess& known, std::optional<FileIdentity> executable, std::uint64_t place);
-  bool isProxy(KnownProcess& sender) const;
+  // Empty if that is not known.
+  std::optional<bool> isProxy(KnownProcess& sender) const;
   // Records that the process has sent on a socket that was created in this control group.
   void noteGroup(KnownProcess& sender, std::uint64_t group) const;
   // These names never equal an identifier that only registrations assign.
@@ -164,7 +169,7 @@ class ApplicationIdentifierSource {
   bool mayDialForProxy(const KnownProcess* sender) const;
   // For a socket whose process was not found.
   bool mayBelongToProxy(const Sender& sender) const;
-  const std::string& identifierOf(KnownProcess& sender, uid_t socketUser) const;
+  std::string identifierOf(KnownProcess& sender, uid_t socketUser) const;
   std::string findIdentifier(const Process& process, uid_t socketUser) const;
 
   const Warn warn_;
@@ -176,7 +181,8 @@ class ApplicationIdentifierSource {
   std::shared_ptr<ConnectTracer> tracer_;
   // Null if senders cannot be published; then they are looked up.
   std::unique_ptr<ConnectPublisher> publisher_;
-  ProcessTable processes_;
+  const ProcessTableSource makeProcesses_;
+  const std::unique_ptr<ProcessTable> processes_;
   std::optional<ProxyProcess> proxy_;
   // Present if there are diagnostics, as are proxy_ and proxyPort_.
   std::optional<ProxyTrust> trust_;

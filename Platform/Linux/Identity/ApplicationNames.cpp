@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <initializer_list>
 
-#include "Platform/Linux/Identity/AppImage.h"
-
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -34,11 +32,11 @@ ApplicationNames::ApplicationNames(const std::vector<std::string>& reserved,
   }
 }
 
-std::optional<std::string> ApplicationNames::nameOf(const Process& process,
-                                                    uid_t socketUser) const {
+std::optional<std::string> ApplicationNames::nameOf(const Process& process, uid_t socketUser,
+                                                    const ProcessTable& processes) const {
   auto name = groupNameOf(process, socketUser);
   if (!name) {
-    name = appImageOf(process);
+    name = processes.appImageOf(process);
   }
   if (name && reserved_.contains(lowercased(*name))) {
     return std::nullopt;

@@ -32,8 +32,9 @@ class ApplicationNames {
   ApplicationNames(const std::vector<std::string>& reserved, SystemUsers systemUsers);
 
   // Empty if the application has no name besides its executable. socketUser: the owner of its
-  // socket.
-  std::optional<std::string> nameOf(const Process& process, uid_t socketUser) const;
+  // socket. processes: of the calling thread.
+  std::optional<std::string> nameOf(const Process& process, uid_t socketUser,
+                                    const ProcessTable& processes) const;
 
  private:
   std::optional<std::string> groupNameOf(const Process& process, uid_t socketUser) const;

@@ -18,7 +18,6 @@
 #include "Base/JSONHandle.h"
 #include "Base/JSONKeyPlaces.h"
 #include "Platform/Interface/ProviderError.h"
-#include "Platform/Linux/Identity/RegisteredPaths.h"
 
 namespace ostravel::linuxplatform {
 
@@ -127,13 +126,13 @@ std::optional<std::string> ApplicationRegistrations::identifierOf(
   return isForAll ? std::optional(registration.identifier) : std::nullopt;
 }
 
-void ApplicationRegistrations::warnOfUselessPaths() const {
+void ApplicationRegistrations::warnOfUselessPaths(const ProcessTable& processes) const {
   std::vector<std::string> paths;
   for (const auto& [executable, registration] : registrations_) {
     paths.push_back(executable);
   }
   std::sort(paths.begin(), paths.end());
-  const auto problems = RegisteredPaths::problemsWith(paths);
+  const auto problems = processes.problemsWith(paths);
   for (std::size_t index = 0; index < paths.size(); ++index) {
     if (problems[index]) {
       warn_(registrations_.at(paths[index]).place + ": \"" + paths[index] + "\" " +

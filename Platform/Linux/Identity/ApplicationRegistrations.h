@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Platform/Interface/Result.h"
+#include "Platform/Linux/Processes/ProcessTable.h"
 #include "Platform/Linux/Processes/SystemUsers.h"
 
 struct json_t;
@@ -42,8 +43,8 @@ class ApplicationRegistrations {
                            SystemUsers systemUsers = SystemUsers::read());
 
   // Warns of registrations that have no effect because no process can run under their path. Waits
-  // briefly for the file system.
-  void warnOfUselessPaths() const;
+  // briefly for the file system. processes: of the calling thread.
+  void warnOfUselessPaths(const ProcessTable& processes) const;
 
   // False if anything was ignored.
   bool isComplete() const { return isComplete_; }

@@ -19,12 +19,12 @@ constexpr std::chrono::seconds kExecutablePatience{1};
 
 }  // namespace
 
-ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes,
+ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, ProcessTable& processes,
                            std::uint16_t port, std::function<void(const std::string&)> warn,
                            std::optional<ListenerWatch> watch)
     : ProxyProcess(diagnostics, processes, port, std::move(warn), SearchLimits(), watch) {}
 
-ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes,
+ProxyProcess::ProxyProcess(SocketDiagnostics& diagnostics, ProcessTable& processes,
                            std::uint16_t port, std::function<void(const std::string&)> warn,
                            const SearchLimits& limits, std::optional<ListenerWatch> watch)
     : diagnostics_(diagnostics),
@@ -113,7 +113,10 @@ void ProxyProcess::beginSearch(const SocketInformation& listener) {
   listener_ = listener;
   owner_.reset();
   others_.clear();
-  search_.emplace(listener.inode, std::move(first), std::nullopt);
+  search_ = {.number = ++searches_,
+             .inode = listener.inode,
+             .first = std::move(first),
+             .preferredUser = std::nullopt};
 }
 
 ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
@@ -123,21 +126,17 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
     }
     beginSearch(listener_);
   }
-  if (sender) {
-    search_->prefer(*sender);
-  }
   // All flows wait for this search, so it may use the reserve.
   SearchAllowance& allowance = processes_.allowance();
   if (!allowance.permits(std::nullopt)) {
     return State::unknown;
   }
-  const SearchAllowance::Charge charge(allowance, std::nullopt, SearchAllowance::Counted::work);
-  const auto result = search_->proceed(SearchBudget(limits_.work, limits_.longest));
-  if (result == SocketHolderSearch::Result::unfinished) {
+  const auto step = processes_.proceed(*search_, sender, limits_.work, limits_.longest);
+  if (step.result == HolderSearchStep::Result::unfinished) {
     return State::unknown;
   }
-  if (result == SocketHolderSearch::Result::found) {
-    owner_ = processes_.find(search_->holder());
+  if (step.result == HolderSearchStep::Result::found) {
+    takeOwner(processes_.find(step.holder));
   }
   search_.reset();
   if (owner_) {
@@ -153,12 +152,21 @@ ProxyProcess::State ProxyProcess::findOwner(std::optional<pid_t> sender) {
   return State::unknown;
 }
 
-bool ProxyProcess::includes(const Process& process) const {
+void ProxyProcess::takeOwner(std::optional<Process> owner) {
+  ownerLife_ = owner ? processes_.lifeOf(*owner) : std::nullopt;
+  if (ownerLife_) {
+    owner_ = std::move(owner);
+  }
+}
+
+std::optional<bool> ProxyProcess::includes(const Process& process) const {
   const auto isRelated = [&process](const Process& member) {
     return belongTogether(process, member);
   };
-  return isRelated(*owner_) || std::ranges::any_of(others_, isRelated) ||
-         processes_.hasInherited(process.pid, listener_.inode);
+  if (isRelated(*owner_) || std::ranges::any_of(others_, isRelated)) {
+    return true;
+  }
+  return processes_.hasInherited(process.pid, listener_.inode);
 }
 
 bool ProxyProcess::mayRunAs(uid_t user) const {

@@ -9,7 +9,6 @@
 
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Platform/Linux/Processes/ProcessTable.h"
-#include "Platform/Linux/Processes/SocketHolderSearch.h"
 #include "Platform/Linux/Tracing/ListenerWatch.h"
 
 namespace ostravel::linuxplatform {
@@ -46,11 +45,11 @@ class ProxyProcess {
   static SocketEndpoint addressOf(std::uint16_t port);
 
   // diagnostics and processes outlive this object. warn receives a sentence for the log.
-  ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
+  ProxyProcess(SocketDiagnostics& diagnostics, ProcessTable& processes, std::uint16_t port,
                std::function<void(const std::string&)> warn,
                std::optional<ListenerWatch> watch = std::nullopt);
   // For tests, with other limits.
-  ProxyProcess(SocketDiagnostics& diagnostics, const ProcessTable& processes, std::uint16_t port,
+  ProxyProcess(SocketDiagnostics& diagnostics, ProcessTable& processes, std::uint16_t port,
                std::function<void(const std::string&)> warn, const SearchLimits& limits,
                std::optional<ListenerWatch> watch = std::nullopt);
 
@@ -72,8 +71,10 @@ class ProxyProcess {
   std::uint64_t listenerCookie() const { return listener_.cookie; }
   const SocketInformation& listener() const { return listener_; }
   const Process& owner() const { return *owner_; }
+  const ProcessLife& ownerLife() const { return *ownerLife_; }
   uid_t uid() const { return owner_->stamp.uid; }
-  bool includes(const Process& process) const;
+  // Empty if that is not known.
+  std::optional<bool> includes(const Process& process) const;
   // True if a process of this user could be part of the proxy.
   bool mayRunAs(uid_t user) const;
 
@@ -91,13 +92,14 @@ class ProxyProcess {
   // Adapts the watch to this state; true if it was for another one until now.
   bool hasWatchMoved(State state);
   State findOwner(std::optional<pid_t> sender);
+  void takeOwner(std::optional<Process> owner);
   // True once the owner has been described as far as the time limits permit.
   bool isOwnerDescribed();
   void beginSearch(const SocketInformation& listener);
   static bool belongTogether(const Process& process, const Process& member);
 
   SocketDiagnostics& diagnostics_;
-  const ProcessTable& processes_;
+  ProcessTable& processes_;
   const SocketEndpoint address_;
   const std::function<void(const std::string&)> warn_;
   const std::optional<ListenerWatch> watch_;
@@ -108,11 +110,14 @@ class ProxyProcess {
   std::optional<Settled> settled_;
   const SearchLimits limits_;
   SocketInformation listener_;
+  // Both or neither.
   std::optional<Process> owner_;
+  std::optional<ProcessLife> ownerLife_;
   std::vector<Process> others_;
   std::chrono::steady_clock::time_point ownerFound_;
   // Present while the owner of listener_ is being searched for.
-  std::optional<SocketHolderSearch> search_;
+  std::optional<HolderSearch> search_;
+  std::uint64_t searches_ = 0;
   std::chrono::steady_clock::time_point nextSearch_;
   bool hasWarned_ = false;
 };

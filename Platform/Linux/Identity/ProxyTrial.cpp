@@ -13,7 +13,6 @@
 
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Identity/ProxyAnswer.h"
-#include "Platform/Linux/Processes/SocketHolderSearch.h"
 
 namespace ostravel::linuxplatform {
 
@@ -121,9 +120,10 @@ ProxyTrial::Outcome unanswered(std::string why) {
 
 }  // namespace
 
-ProxyTrial::ProxyTrial(SocketDiagnostics& diagnostics, std::uint16_t port, std::uint64_t listener,
-                       int interrupt)
+ProxyTrial::ProxyTrial(SocketDiagnostics& diagnostics, const ProcessTableSource& processes,
+                       std::uint16_t port, std::uint64_t listener, int interrupt)
     : diagnostics_(diagnostics),
+      processes_(processes()),
       address_{AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, port},
       listener_(listener),
       interrupt_(interrupt) {}
@@ -278,12 +278,14 @@ std::optional<Process> ProxyTrial::peerOf(const FileDescriptor& connection) {
   if (!answer || !*answer || (*answer)->inode == 0) {
     return std::nullopt;
   }
-  SocketHolderSearch search((*answer)->inode, {}, (*answer)->uid);
-  if (search.proceed(SearchBudget(kHolderBudget, kLongestHolderSearch)) !=
-      SocketHolderSearch::Result::found) {
-    return std::nullopt;
-  }
-  return processes_.find(search.holder());
+  // Each search ends with its first step.
+  const HolderSearch search{.number = ++searches_,
+                            .inode = (*answer)->inode,
+                            .first = {},
+                            .preferredUser = (*answer)->uid};
+  const auto step = processes_->proceed(search, std::nullopt, kHolderBudget, kLongestHolderSearch);
+  return step.result == HolderSearchStep::Result::found ? processes_->find(step.holder)
+                                                        : std::nullopt;
 }
 
 bool ProxyTrial::isStillListening() {

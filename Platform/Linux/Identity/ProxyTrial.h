@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -51,8 +52,8 @@ class ProxyTrial {
 
   // interrupt: a descriptor that becomes readable when the trial must be abandoned. listener: the
   // cookie of the listening socket. The diagnostics outlive the trial.
-  ProxyTrial(SocketDiagnostics& diagnostics, std::uint16_t port, std::uint64_t listener,
-             int interrupt);
+  ProxyTrial(SocketDiagnostics& diagnostics, const ProcessTableSource& processes,
+             std::uint16_t port, std::uint64_t listener, int interrupt);
 
   // Empty if it was interrupted or another socket listens now.
   std::optional<Outcome> run();
@@ -83,10 +84,11 @@ class ProxyTrial {
   bool isInterrupted() const;
 
   SocketDiagnostics& diagnostics_;
-  const ProcessTable processes_;
+  const std::unique_ptr<ProcessTable> processes_;
   const SocketEndpoint address_;
   const std::uint64_t listener_;
   const int interrupt_;
+  std::uint64_t searches_ = 0;
   Clock::time_point deadline_;
 };
 

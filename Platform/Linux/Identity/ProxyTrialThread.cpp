@@ -12,7 +12,8 @@
 
 namespace ostravel::linuxplatform {
 
-ProxyTrialThread::ProxyTrialThread(std::uint16_t port) : port_(port), thread_([this] { run(); }) {}
+ProxyTrialThread::ProxyTrialThread(std::uint16_t port, ProcessTableSource processes)
+    : port_(port), processes_(std::move(processes)), thread_([this] { run(); }) {}
 
 ProxyTrialThread::~ProxyTrialThread() {
   {
@@ -80,7 +81,8 @@ std::optional<ProxyTrialThread::Result> ProxyTrialThread::tryOnce(const Request&
   }
   const auto diagnostics = *std::move(opened);
   auto outcome =
-      ProxyTrial(*diagnostics, port_, request.listener.cookie, changed_.descriptor()).run();
+      ProxyTrial(*diagnostics, processes_, port_, request.listener.cookie, changed_.descriptor())
+          .run();
   if (!outcome) {
     return std::nullopt;
   }

@@ -30,7 +30,7 @@ class ProxyTrialThread {
     std::map<uid_t, std::string> userNames;
   };
 
-  explicit ProxyTrialThread(std::uint16_t port);
+  ProxyTrialThread(std::uint16_t port, ProcessTableSource processes);
   ProxyTrialThread(const ProxyTrialThread&) = delete;
   ProxyTrialThread& operator=(const ProxyTrialThread&) = delete;
   ~ProxyTrialThread();
@@ -58,6 +58,7 @@ class ProxyTrialThread {
   void wait(std::optional<Clock::time_point> until);
 
   const std::uint16_t port_;
+  const ProcessTableSource processes_;
   // Readable when the state guarded by the lock has changed. Used only with the lock held, so that
   // a trial is not interrupted by the request that started it.
   EventDescriptor changed_;

@@ -8,13 +8,13 @@
 namespace ostravel::linuxplatform {
 
 ProxyTrust::ProxyTrust(ProxyProcess& proxy, std::uint16_t port, const std::vector<uid_t>& named,
-                       Warn warn)
+                       Warn warn, ProcessTableSource processes)
     : proxy_(proxy),
       port_(port),
       systemUsers_(SystemUsers::read()),
       named_(named.begin(), named.end()),
       warn_(std::move(warn)),
-      trial_(port) {}
+      trial_(port, std::move(processes)) {}
 
 bool ProxyTrust::holdsFor(std::optional<uid_t> user) {
   if (listener_ != proxy_.listenerCookie()) {

@@ -13,6 +13,7 @@
 
 #include "Platform/Linux/Identity/ProxyProcess.h"
 #include "Platform/Linux/Identity/ProxyTrialThread.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Platform/Linux/Processes/SystemUsers.h"
 
 namespace ostravel::linuxplatform {
@@ -36,7 +37,8 @@ class ProxyTrust {
 
   // named: users whose proxy may carry the flows of all users. proxy outlives this object. warn
   // receives a sentence for the log, at most one per listening socket and problem.
-  ProxyTrust(ProxyProcess& proxy, std::uint16_t port, const std::vector<uid_t>& named, Warn warn);
+  ProxyTrust(ProxyProcess& proxy, std::uint16_t port, const std::vector<uid_t>& named, Warn warn,
+             ProcessTableSource processes = &LocalProcessTable::make);
 
   // True if the proxy may carry flows of this user; empty if the flow's user is unknown. Valid
   // after a refresh of the proxy that returned State::known. When this is first true for a

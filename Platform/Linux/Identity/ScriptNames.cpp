@@ -1,16 +1,11 @@
 #include "Platform/Linux/Identity/ScriptNames.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <filesystem>
 #include <string_view>
 #include <utility>
-
-#include "Platform/Linux/Processes/FileLookup.h"
-#include "Platform/Linux/Processes/SearchAllowance.h"
 
 namespace ostravel::linuxplatform {
 
@@ -52,25 +47,15 @@ bool isPlainPath(const std::string& path) {
 
 }  // namespace
 
-ScriptNames::ScriptNames(std::unique_ptr<ScriptTracer> tracer) : tracer_(std::move(tracer)) {
-  struct stat view {};
-  // In some sandboxes the first process is hidden.
-  if (tracer_ &&
-      (::stat("/proc/1/ns/mnt", &view) == 0 || ::stat("/proc/self/ns/mnt", &view) == 0)) {
-    mountNamespace_ = view.st_ino;
-    SearchAllowance allowance;
-    // The extension may have a mount namespace of its own, but has no other root folder.
-    root_ = FileLookup(allowance).at("/", 0).file;
-  }
-}
+ScriptNames::ScriptNames(std::unique_ptr<ScriptTracer> tracer) : tracer_(std::move(tracer)) {}
 
 std::optional<std::string> ScriptNames::nameOf(const Process& process,
                                                const ProcessTable& processes) const {
   const auto record = tracer_ ? tracer_->recordOf(process.pid) : std::nullopt;
-  if (!record || !process.isExecutableGenuine || !isSeenByEverybody(*record) ||
-      record->startTime != process.stamp.startTime ||
+  if (!record || !process.isExecutableGenuine || record->startTime != process.stamp.startTime ||
       record->stackStart != process.stamp.stackStart ||
-      (record->isByEnv && !isUsualInterpreter(process.executable))) {
+      (record->isByEnv && !isUsualInterpreter(process.executable)) ||
+      !isSeenByEverybody(*record, processes)) {
     return std::nullopt;
   }
   std::string path = pathOf(*record, process, processes);
@@ -80,8 +65,9 @@ std::optional<std::string> ScriptNames::nameOf(const Process& process,
   return path;
 }
 
-bool ScriptNames::isSeenByEverybody(const ScriptRecord& record) const {
-  return root_ && record.root == *root_ && record.mountNamespace == mountNamespace_;
+bool ScriptNames::isSeenByEverybody(const ScriptRecord& record, const ProcessTable& processes) {
+  const auto view = processes.commonView();
+  return view && record.root == view->root && record.mountNamespace == view->mountNamespace;
 }
 
 std::string ScriptNames::pathOf(const ScriptRecord& record, const Process& process,

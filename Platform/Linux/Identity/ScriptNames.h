@@ -1,12 +1,9 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "Platform/Linux/Processes/FileIdentity.h"
 #include "Platform/Linux/Processes/ProcessTable.h"
 #include "Platform/Linux/Tracing/ScriptTracer.h"
 
@@ -28,14 +25,12 @@ class ScriptNames {
   std::optional<std::string> nameOf(const Process& process, const ProcessTable& processes) const;
 
  private:
-  bool isSeenByEverybody(const ScriptRecord& record) const;
+  static bool isSeenByEverybody(const ScriptRecord& record, const ProcessTable& processes);
   // The script's absolute path; empty if it is not known for certain.
   static std::string pathOf(const ScriptRecord& record, const Process& process,
                             const ProcessTable& processes);
 
   const std::unique_ptr<ScriptTracer> tracer_;
-  std::optional<FileIdentity> root_;
-  ino_t mountNamespace_ = 0;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -97,6 +97,7 @@ struct Interceptor::Parts {
   FlowJournal& journal;
   FlowHandler handler;
   ProxyWatcher onProxyWatched;
+  ProcessTableSource makeProcesses;
   std::unique_ptr<ApplicationIdentifierSource> identifiers;
   NameUse nameUse;
   std::shared_ptr<HostNameObserver> names;
@@ -118,7 +119,8 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
       platform::limits::kProxyPort,
       [log](const std::string& warning) { log->error("OstravelProxy: %{public}s", {warning}); },
       ApplicationRegistrations::kDefaultFolder, environment.proxyUsers,
-      ConnectTracer::Detail::programs, loops.marks(), environment.reservedIdentifiers);
+      ConnectTracer::Detail::programs, loops.marks(), environment.reservedIdentifiers,
+      environment.processes);
   log->info("OstravelProxy: Registrations in force count=%{public}d",
             {static_cast<std::int64_t>(identifiers->registrationCount())});
   auto queue = PacketQueue::open();
@@ -152,9 +154,9 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
       ConntrackRoom(), [rules](InterceptionTable& installed) { return rules->adjust(installed); });
   return std::unique_ptr<Interceptor>(new Interceptor(
       {std::move(log), loops, environment.descriptors, environment.journal, std::move(handler),
-       environment.onProxyWatched, std::move(identifiers), environment.names, std::move(names),
-       std::move(openQueue), environment.resender, rules, std::move(arrivals), std::move(redirects),
-       std::move(aliveKeeper), environment.heartbeat}));
+       environment.onProxyWatched, environment.processes, std::move(identifiers), environment.names,
+       std::move(names), std::move(openQueue), environment.resender, rules, std::move(arrivals),
+       std::move(redirects), std::move(aliveKeeper), environment.heartbeat}));
 }
 
 Interceptor::Interceptor(Parts parts)
@@ -165,6 +167,7 @@ Interceptor::Interceptor(Parts parts)
       journal_(parts.journal),
       handler_(std::move(parts.handler)),
       onProxyWatched_(std::move(parts.onProxyWatched)),
+      makeProcesses_(std::move(parts.makeProcesses)),
       identifiers_(std::move(parts.identifiers)),
       nameUse_(parts.nameUse),
       names_(std::move(parts.names)),
@@ -216,7 +219,7 @@ bool Interceptor::reloadRegistrations() {
     log_->error("OstravelProxy: Registrations not replaced, those that were in force still are");
     return false;
   }
-  registrations.warnOfUselessPaths();
+  registrations.warnOfUselessPaths(*makeProcesses_());
   const auto count = static_cast<std::int64_t>(registrations.size());
   if (names_) {
     names_->replaceRegistrations(registrations);

@@ -30,6 +30,7 @@
 #include "Platform/Linux/Liveness/Heartbeat.h"
 #include "Platform/Linux/Names/HostNameObserver.h"
 #include "Platform/Linux/Names/NameUse.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Relay/FlowName.h"
 #include "Platform/Linux/Relay/HeldPacket.h"
@@ -78,6 +79,8 @@ class Interceptor {
     NameUse names = NameUse::off;
     // Shared with the guardian, see TranslationTable; null if there is no guardian.
     std::shared_ptr<mnl_socket> guardedSocket = nullptr;
+    // How processes are inspected.
+    ProcessTableSource processes = &LocalProcessTable::make;
   };
 
   // On failure nothing stays installed, and the error's sentence says what is missing and what to
@@ -152,6 +155,7 @@ class Interceptor {
   FlowJournal& journal_;
   const FlowHandler handler_;
   const ProxyWatcher onProxyWatched_;
+  const ProcessTableSource makeProcesses_;
   const std::unique_ptr<ApplicationIdentifierSource> identifiers_;
   const NameUse nameUse_;
   // Null if names are not used or cannot be observed.

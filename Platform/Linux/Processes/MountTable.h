@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -31,7 +32,9 @@ class MountTable {
  private:
   // Becomes ready when the mounts change.
   const FileDescriptor changes_;
-  std::uint64_t generation_ = 1;
+  // Begins with a number that no earlier table of any process has reached.
+  std::uint64_t generation_ =
+      static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
   // The generation of devices_; 0 if it has not been read yet.
   std::uint64_t readGeneration_ = 0;
   Devices devices_;

@@ -20,11 +20,16 @@ constexpr std::size_t kFileSize = 1024;
 
 }  // namespace
 
+ProcessLife::ProcessLife(pid_t pid, std::uint64_t startTime)
+    : ProcessLife(FileDescriptor(::open(("/proc/" + std::to_string(pid) + "/stat").c_str(),
+                                        O_RDONLY | O_CLOEXEC)),
+                  startTime) {}
+
 bool ProcessLife::hasEnded() const {
-  const std::string path = "/proc/" + std::to_string(pid_) + "/stat";
-  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   std::array<char, kFileSize> text;
-  const auto length = file.isOpen() ? ::read(file.get(), text.data(), text.size() - 1) : -1;
+  // From the beginning, so the kernel writes it anew. Fails if there is no such process any more.
+  const auto length =
+      state_ && state_->isOpen() ? ::pread(state_->get(), text.data(), text.size(), 0) : -1;
   if (length <= 0) {
     return true;
   }

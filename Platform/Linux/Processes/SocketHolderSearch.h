@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "Platform/Linux/Processes/ProcessTable.h"
 #include "Platform/Linux/Processes/SearchBudget.h"
 
 namespace ostravel::linuxplatform {
@@ -19,7 +20,7 @@ namespace ostravel::linuxplatform {
 // own are found. Used by one thread at a time.
 class SocketHolderSearch {
  public:
-  enum class Result { found, absent, unfinished };
+  using Result = HolderSearchStep::Result;
 
   // The processes in first are scanned before all others, then those of preferredUser.
   SocketHolderSearch(std::uint32_t inode, std::vector<pid_t> first,

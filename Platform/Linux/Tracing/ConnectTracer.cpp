@@ -13,7 +13,7 @@
 #include "ConnectTracerPlainProgram.h"
 #include "ConnectTracerProgram.h"
 #include "Platform/Linux/Kernel/CgroupRoot.h"
-#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 
 namespace ostravel::linuxplatform {
 
@@ -86,7 +86,7 @@ OptionalError ConnectTracer::examineOwnRecord() const {
   if (detail_ == Detail::processes) {
     return std::nullopt;
   }
-  const auto self = ProcessTable().find(::getpid(), record->executable);
+  const auto self = LocalProcessTable().find(::getpid(), record->executable);
   const ProcessStamp recorded{.startTime = record->startTime,
                               .stackStart = record->stackStart,
                               .uid = record->user,

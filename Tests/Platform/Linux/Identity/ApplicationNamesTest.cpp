@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "Platform/Linux/Processes/LocalProcessTable.h"
+
 namespace ostravel::linuxplatform {
 namespace {
 
@@ -29,7 +31,8 @@ Process processIn(const std::string& group, uid_t user) {
 }
 
 std::optional<std::string> nameOf(const Process& process, uid_t socketUser) {
-  return ApplicationNames({"com.Example.VPN"}, SystemUsers(999)).nameOf(process, socketUser);
+  return ApplicationNames({"com.Example.VPN"}, SystemUsers(999))
+      .nameOf(process, socketUser, LocalProcessTable());
 }
 
 std::optional<std::string> nameIn(const std::string& group, uid_t user) {

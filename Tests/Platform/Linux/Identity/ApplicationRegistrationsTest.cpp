@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Support/TemporaryFolder.h"
 
 namespace ostravel::linuxplatform {
@@ -235,7 +236,7 @@ TEST_F(ApplicationRegistrationsTest, WarnsOfPathsUnderWhichNothingRuns) {
                               link + "\": \"c\"\n}");
   const auto registrations = load();
   EXPECT_TRUE(warnings_.empty());
-  registrations.warnOfUselessPaths();
+  registrations.warnOfUselessPaths(LocalProcessTable());
   const std::string file = folder_.path("a.json");
   EXPECT_EQ(warnings_,
             (std::vector<std::string>{

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "Platform/Linux/Identity/ApplicationIdentifierSource.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/HangingFileSystem.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
@@ -263,7 +264,7 @@ TEST_P(BorrowedIdentityTest, AConnectFollowedByExecWithAnIdenticalStack) {
   const std::string sameLength = copyHelper(programs_, "fakedOne00");
   start();
   Helper helper(sameLength, [] { return ::personality(ADDR_NO_RANDOMIZE) >= 0; });
-  const ProcessTable processes;
+  const LocalProcessTable processes;
   const auto before = processes.stampOf(helper.pid());
   const auto flow = connectFrom(helper);
   ASSERT_EQ(helper.ask("run " + registered_), "ready");

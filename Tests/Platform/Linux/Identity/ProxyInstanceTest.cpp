@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 
 namespace ostravel::linuxplatform {
@@ -17,7 +17,7 @@ using namespace ostravel::testing;
 class ProxyInstanceTest : public ::testing::Test {
  protected:
   ProxyInstance instance() const {
-    return {ProcessLife(::getpid(), ProcessTable().stampOf(::getpid())->startTime),
+    return {ProcessLife(::getpid(), LocalProcessTable().stampOf(::getpid())->startTime),
             cookieOf(listener_), port_};
   }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Platform/Linux/Tracing/ConnectPublisher.h"
 #include "Platform/Linux/Tracing/ConnectTracer.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
@@ -51,7 +52,7 @@ class ProxyProcessTest : public ::testing::Test {
       process = processes_.find(pid);
     }
     EXPECT_TRUE(process);
-    return process && proxy_->includes(*process);
+    return process && proxy_->includes(*process) == true;
   }
 
   // On a busy machine one step of the search may not be enough.
@@ -65,7 +66,7 @@ class ProxyProcessTest : public ::testing::Test {
   }
 
   std::unique_ptr<SocketDiagnostics> diagnostics_;
-  ProcessTable processes_;
+  LocalProcessTable processes_;
   std::vector<std::string> warnings_;
   std::optional<ProxyProcess> proxy_;
   const TemporaryFolder folder_;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/EventDescriptor.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 
@@ -42,7 +43,9 @@ class ProxyTrialTest : public ::testing::Test {
   }
 
   std::optional<ProxyTrial::Outcome> tryOnce(std::uint64_t listener) {
-    return ProxyTrial(*diagnostics_, kPort, listener, interrupt_.descriptor()).run();
+    return ProxyTrial(*diagnostics_, &LocalProcessTable::make, kPort, listener,
+                      interrupt_.descriptor())
+        .run();
   }
 
   ProxyTrial::Outcome outcome() {

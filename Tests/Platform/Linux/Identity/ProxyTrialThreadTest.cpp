@@ -8,6 +8,7 @@
 #include <string>
 #include <variant>
 
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/WaitUntil.h"
@@ -25,7 +26,7 @@ class ProxyTrialThreadTest : public ::testing::Test {
   ProxyTrialThreadTest() {
     auto opened = SocketDiagnostics::open();
     diagnostics_ = *std::move(opened);
-    trial_.emplace(kPort);
+    trial_.emplace(kPort, &LocalProcessTable::make);
   }
 
   SocketInformation listener() {

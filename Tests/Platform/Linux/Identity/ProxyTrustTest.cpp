@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/TemporaryFolder.h"
@@ -68,11 +69,11 @@ class ProxyTrustTest : public ::testing::Test {
   bool includes(pid_t pid) const {
     const auto process = processes_.find(pid);
     EXPECT_TRUE(process);
-    return process && proxy_->includes(*process);
+    return process && proxy_->includes(*process) == true;
   }
 
   std::unique_ptr<SocketDiagnostics> diagnostics_;
-  ProcessTable processes_;
+  LocalProcessTable processes_;
   std::vector<std::string> warnings_;
   std::optional<ProxyProcess> proxy_;
   std::optional<ProxyTrust> trust_;

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "Base/FileDescriptor.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
 #include "Tests/Support/TemporaryFolder.h"
@@ -70,7 +71,7 @@ class ScriptNamesTest : public ::testing::Test {
 
   const SystemFolder folder_;
   const std::string script_ = folder_.write("script", "#!" OSTRAVEL_HELPER "\n");
-  ProcessTable processes_;
+  LocalProcessTable processes_;
   std::optional<ScriptNames> names_;
 };
 

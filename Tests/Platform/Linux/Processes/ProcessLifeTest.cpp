@@ -5,14 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 
 namespace ostravel::linuxplatform {
 namespace {
 
 std::uint64_t startTimeOf(pid_t pid) {
-  return ProcessTable().stampOf(pid)->startTime;
+  return LocalProcessTable().stampOf(pid)->startTime;
 }
 
 TEST(ProcessLifeTest, ARunningProcessHasNotEnded) {

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/CgroupRoot.h"
-#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateProcesses.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
@@ -71,7 +71,7 @@ TEST(ConnectTracerTest, RecordsTheExecutable) {
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   const TemporaryFolder folder;
   const std::string program = copyHelper(folder, "program");
-  const ProcessTable processes;
+  const LocalProcessTable processes;
   Helper helper(program, [&socket] { return ::dup2(socket.get(), 5) == 5; });
   ASSERT_EQ(helper.ask("user 65534"), "done");
   ASSERT_EQ(helper.ask("reconnect 5"), "done");

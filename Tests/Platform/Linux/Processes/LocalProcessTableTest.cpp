@@ -1,4 +1,4 @@
-#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -29,7 +29,7 @@ namespace {
 
 using namespace ostravel::testing;
 
-class ProcessTableTest : public ::testing::Test {
+class LocalProcessTableTest : public ::testing::Test {
  protected:
   // On a busy machine the file system may answer late.
   std::optional<Process> findSettled(pid_t pid) {
@@ -42,11 +42,11 @@ class ProcessTableTest : public ::testing::Test {
     return process;
   }
 
-  ProcessTable processes_;
+  LocalProcessTable processes_;
   const TemporaryFolder folder_;
 };
 
-TEST_F(ProcessTableTest, DescribesThisProcess) {
+TEST_F(LocalProcessTableTest, DescribesThisProcess) {
   const auto process = findSettled(::getpid());
   ASSERT_TRUE(process);
   EXPECT_EQ(process->pid, ::getpid());
@@ -56,7 +56,7 @@ TEST_F(ProcessTableTest, DescribesThisProcess) {
   EXPECT_EQ(process->stamp, processes_.stampOf(::getpid()));
 }
 
-TEST_F(ProcessTableTest, ReportsTheUserAndTheExecutable) {
+TEST_F(LocalProcessTableTest, ReportsTheUserAndTheExecutable) {
   const std::string program = copyHelper(folder_, "program");
   Helper helper(program);
   ASSERT_EQ(helper.ask("user 65534"), "done");
@@ -66,7 +66,7 @@ TEST_F(ProcessTableTest, ReportsTheUserAndTheExecutable) {
   EXPECT_EQ(process->executable, program);
 }
 
-TEST_F(ProcessTableTest, ARemovedProgramKeepsItsPathButIsNotGenuine) {
+TEST_F(LocalProcessTableTest, ARemovedProgramKeepsItsPathButIsNotGenuine) {
   const std::string program = copyHelper(folder_, "program");
   Helper helper(program);
   auto process = findSettled(helper.pid());
@@ -85,7 +85,7 @@ TEST_F(ProcessTableTest, ARemovedProgramKeepsItsPathButIsNotGenuine) {
   EXPECT_FALSE(processes_.refreshExecutable(*process));
 }
 
-TEST_F(ProcessTableTest, APathMayEndInDeleted) {
+TEST_F(LocalProcessTableTest, APathMayEndInDeleted) {
   const std::string program = copyHelper(folder_, "program (deleted)");
   Helper helper(program);
   const auto process = findSettled(helper.pid());
@@ -95,7 +95,7 @@ TEST_F(ProcessTableTest, APathMayEndInDeleted) {
   EXPECT_FALSE(process->isExecutableDeleted);
 }
 
-TEST_F(ProcessTableTest, APathMayContainAnyBytes) {
+TEST_F(LocalProcessTableTest, APathMayContainAnyBytes) {
   Helper helper(copyHelper(folder_, "pro\xffgram"));
   const auto process = findSettled(helper.pid());
   ASSERT_TRUE(process);
@@ -103,7 +103,7 @@ TEST_F(ProcessTableTest, APathMayContainAnyBytes) {
   EXPECT_TRUE(process->isExecutableGenuine);
 }
 
-TEST_F(ProcessTableTest, ReportsWhoStartedAProgramOfAnotherUser) {
+TEST_F(LocalProcessTableTest, ReportsWhoStartedAProgramOfAnotherUser) {
   const std::string program = copyHelper(folder_, "program");
   ASSERT_EQ(::chmod(program.c_str(), 04755), 0);
   Helper helper(program, [] { return ::setgid(65534) == 0 && ::setuid(65534) == 0; });
@@ -113,7 +113,7 @@ TEST_F(ProcessTableTest, ReportsWhoStartedAProgramOfAnotherUser) {
   EXPECT_EQ(stamp->realUser, 65534U);
 }
 
-TEST_F(ProcessTableTest, ReportsNothingAboutAnEndedProcess) {
+TEST_F(LocalProcessTableTest, ReportsNothingAboutAnEndedProcess) {
   Helper helper;
   const pid_t pid = helper.pid();
   helper.kill();
@@ -121,7 +121,7 @@ TEST_F(ProcessTableTest, ReportsNothingAboutAnEndedProcess) {
   EXPECT_FALSE(processes_.stampOf(pid));
 }
 
-TEST_F(ProcessTableTest, AZombieHasNoExecutable) {
+TEST_F(LocalProcessTableTest, AZombieHasNoExecutable) {
   std::array<int, 2> pipe{};
   ASSERT_EQ(::pipe(pipe.data()), 0);
   const pid_t child = ::fork();
@@ -137,7 +137,7 @@ TEST_F(ProcessTableTest, AZombieHasNoExecutable) {
   EXPECT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
-TEST_F(ProcessTableTest, StampsDifferByProgramAndByProcess) {
+TEST_F(LocalProcessTableTest, StampsDifferByProgramAndByProcess) {
   Helper helper;
   const auto before = processes_.stampOf(helper.pid());
   ASSERT_TRUE(before);
@@ -155,7 +155,7 @@ TEST_F(ProcessTableTest, StampsDifferByProgramAndByProcess) {
   EXPECT_NE(processes_.stampOf(other.pid()), now);
 }
 
-TEST_F(ProcessTableTest, AMisleadingProgramNameIsParsedCorrectly) {
+TEST_F(LocalProcessTableTest, AMisleadingProgramNameIsParsedCorrectly) {
   Helper helper(copyHelper(folder_, "a) R 1 (b"));
   Helper plain;
   const auto odd = processes_.stampOf(helper.pid());
@@ -175,7 +175,7 @@ std::function<bool()> covering(const std::string& program, const std::string& co
   };
 }
 
-TEST_F(ProcessTableTest, AProgramMountedOverAnotherIsNotGenuine) {
+TEST_F(LocalProcessTableTest, AProgramMountedOverAnotherIsNotGenuine) {
   const std::string program = copyHelper(folder_, "program");
   const std::string cover = copyHelper(folder_, "cover");
   Helper helper(program, covering(program, cover));
@@ -185,7 +185,7 @@ TEST_F(ProcessTableTest, AProgramMountedOverAnotherIsNotGenuine) {
   EXPECT_FALSE(process->isExecutableGenuine);
 }
 
-TEST_F(ProcessTableTest, AProgramInAnotherMountNamespaceIsGenuine) {
+TEST_F(LocalProcessTableTest, AProgramInAnotherMountNamespaceIsGenuine) {
   const std::string program = copyHelper(folder_, "program");
   Helper helper(program, covering(program, ""));
   const auto process = findSettled(helper.pid());
@@ -194,7 +194,7 @@ TEST_F(ProcessTableTest, AProgramInAnotherMountNamespaceIsGenuine) {
   EXPECT_TRUE(process->isExecutableGenuine);
 }
 
-TEST_F(ProcessTableTest, ReportsTheServicesControlGroup) {
+TEST_F(LocalProcessTableTest, ReportsTheServicesControlGroup) {
   const auto root = findCgroupRoot("/proc/self/mounts");
   ASSERT_TRUE(root);
   const std::string name = "/ostravel-test-" + std::to_string(::getpid()) + ".service";
@@ -232,7 +232,8 @@ TEST(ServiceGroupTest, IsEmptyOutsideOfServices) {
 }
 
 // On a busy machine the time limit may expire before the holder is scanned.
-std::optional<pid_t> holderEventually(ProcessTable& processes, std::uint32_t inode, uid_t user) {
+std::optional<pid_t> holderEventually(LocalProcessTable& processes, std::uint32_t inode,
+                                      uid_t user) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   std::optional<pid_t> holder;
   while (!holder && std::chrono::steady_clock::now() < deadline) {
@@ -256,13 +257,13 @@ class Crowd {
   Helper three_;
 };
 
-TEST_F(ProcessTableTest, FindsTheHolderOfASocket) {
+TEST_F(LocalProcessTableTest, FindsTheHolderOfASocket) {
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   EXPECT_EQ(holderEventually(processes_, inodeOf(socket), ::getuid()), ::getpid());
   EXPECT_FALSE(processes_.holderOf(0, ::getuid()));
 }
 
-TEST_F(ProcessTableTest, LimitsTheSearchForAHolder) {
+TEST_F(LocalProcessTableTest, LimitsTheSearchForAHolder) {
   auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   const auto inode = inodeOf(socket);
   Helper holder(OSTRAVEL_HELPER, [&socket] { return ::dup(socket.get()) >= 0; });
@@ -274,7 +275,7 @@ TEST_F(ProcessTableTest, LimitsTheSearchForAHolder) {
   EXPECT_EQ(holderEventually(processes_, inode, ::getuid()), holder.pid());
 }
 
-TEST_F(ProcessTableTest, ChecksRecentHoldersFirst) {
+TEST_F(LocalProcessTableTest, ChecksRecentHoldersFirst) {
   const auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   ASSERT_EQ(holderEventually(processes_, inodeOf(socket), ::getuid()), ::getpid());
   const Crowd crowd;
@@ -282,17 +283,17 @@ TEST_F(ProcessTableTest, ChecksRecentHoldersFirst) {
   EXPECT_EQ(holderEventually(processes_, inodeOf(other), ::getuid()), ::getpid());
 }
 
-TEST_F(ProcessTableTest, RecognisesInheritedDescriptors) {
+TEST_F(LocalProcessTableTest, RecognisesInheritedDescriptors) {
   const auto socket = makeSocket(AF_INET, SOCK_STREAM);
   Helper with(OSTRAVEL_HELPER, [&socket] { return ::dup2(socket.get(), 3) == 3; });
   Helper without;
-  EXPECT_TRUE(processes_.hasInherited(with.pid(), inodeOf(socket)));
-  EXPECT_FALSE(processes_.hasInherited(without.pid(), inodeOf(socket)));
+  EXPECT_EQ(processes_.hasInherited(with.pid(), inodeOf(socket)), true);
+  EXPECT_EQ(processes_.hasInherited(without.pid(), inodeOf(socket)), false);
   with.kill();
-  EXPECT_FALSE(processes_.hasInherited(with.pid(), inodeOf(socket)));
+  EXPECT_EQ(processes_.hasInherited(with.pid(), inodeOf(socket)), false);
 }
 
-TEST_F(ProcessTableTest, CopesWithProcessesThatComeAndGo) {
+TEST_F(LocalProcessTableTest, CopesWithProcessesThatComeAndGo) {
   std::atomic<bool> ends = false;
   std::atomic<pid_t> latest = ::getpid();
   std::thread spawner([&] {

@@ -1,4 +1,4 @@
-#include "Platform/Linux/Identity/AppImage.h"
+#include "Platform/Linux/Processes/AppImage.h"
 
 #include <gtest/gtest.h>
 #include <sys/sysmacros.h>

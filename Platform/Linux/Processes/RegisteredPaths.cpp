@@ -1,4 +1,4 @@
-#include "Platform/Linux/Identity/RegisteredPaths.h"
+#include "Platform/Linux/Processes/RegisteredPaths.h"
 
 #include <cerrno>
 #include <condition_variable>

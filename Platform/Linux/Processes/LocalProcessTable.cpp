@@ -1,6 +1,7 @@
-#include "Platform/Linux/Processes/ProcessTable.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,7 +12,8 @@
 #include <vector>
 
 #include "Base/FileDescriptor.h"
-#include "Platform/Linux/Processes/SocketHolderSearch.h"
+#include "Platform/Linux/Processes/AppImage.h"
+#include "Platform/Linux/Processes/RegisteredPaths.h"
 
 namespace ostravel::linuxplatform {
 
@@ -111,10 +113,10 @@ std::string controlGroupOf(pid_t pid) {
 
 }  // namespace
 
-ProcessTable::ProcessTable(std::shared_ptr<SearchAllowance> allowance)
-    : allowance_(std::move(allowance)), files_(std::make_unique<FileLookup>(*allowance_)) {}
+LocalProcessTable::LocalProcessTable(std::shared_ptr<SearchAllowance> tableAllowance)
+    : ProcessTable(std::move(tableAllowance)), files_(std::make_unique<FileLookup>(allowance())) {}
 
-std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
+std::optional<ProcessStamp> LocalProcessTable::stampOf(pid_t pid) const {
   auto stamp = programStampOf(pid);
   const auto status = contentOf(pathOf(pid, "status"));
   if (!stamp || !status) {
@@ -128,7 +130,8 @@ std::optional<ProcessStamp> ProcessTable::stampOf(pid_t pid) const {
   return stamp;
 }
 
-std::optional<Process> ProcessTable::find(pid_t pid, std::optional<FileIdentity> executable) const {
+std::optional<Process> LocalProcessTable::find(pid_t pid,
+                                               std::optional<FileIdentity> executable) const {
   const auto stamp = stampOf(pid);
   if (!stamp) {
     return std::nullopt;
@@ -146,7 +149,7 @@ std::optional<Process> ProcessTable::find(pid_t pid, std::optional<FileIdentity>
   return process;
 }
 
-bool ProcessTable::refreshControlGroup(Process& process) const {
+bool LocalProcessTable::refreshControlGroup(Process& process) const {
   std::string group = controlGroupOf(process.pid);
   const auto stamp = programStampOf(process.pid);
   // It may have ended, and another process may have its number.
@@ -157,13 +160,13 @@ bool ProcessTable::refreshControlGroup(Process& process) const {
   return true;
 }
 
-void ProcessTable::setControlGroup(Process& process, std::string group) {
+void LocalProcessTable::setControlGroup(Process& process, std::string group) {
   process.controlGroup = std::move(group);
   process.serviceGroup = serviceGroupOf(process.controlGroup);
 }
 
-bool ProcessTable::refreshExecutable(Process& process,
-                                     std::optional<FileIdentity> executable) const {
+bool LocalProcessTable::refreshExecutable(Process& process,
+                                          std::optional<FileIdentity> executable) const {
   // Only the link of /proc/PID/exe shows that a file was removed or renamed.
   const auto link = linkTarget(pathOf(process.pid, "exe"));
   if (!link || (process.isExecutableSettled && *link == process.executableLink &&
@@ -174,7 +177,8 @@ bool ProcessTable::refreshExecutable(Process& process,
   return true;
 }
 
-void ProcessTable::readExecutable(Process& process, std::optional<FileIdentity> executable) const {
+void LocalProcessTable::readExecutable(Process& process,
+                                       std::optional<FileIdentity> executable) const {
   process.isExecutableGenuine = false;
   process.isExecutableDeleted = false;
   process.isExecutableSettled = true;
@@ -205,8 +209,8 @@ void ProcessTable::readExecutable(Process& process, std::optional<FileIdentity> 
   }
 }
 
-std::optional<std::string> ProcessTable::workingFolderOf(const Process& process,
-                                                         const FileIdentity& expected) const {
+std::optional<std::string> LocalProcessTable::workingFolderOf(const Process& process,
+                                                              const FileIdentity& expected) const {
   auto path = linkTarget(pathOf(process.pid, "cwd"));
   // The kernel writes "(unreachable)" before a folder outside of our root.
   if (!path || !path->starts_with('/') ||
@@ -216,8 +220,33 @@ std::optional<std::string> ProcessTable::workingFolderOf(const Process& process,
   return path;
 }
 
-std::optional<pid_t> ProcessTable::holderOf(std::uint32_t inode, uid_t user,
-                                            std::optional<pid_t> candidate) {
+std::optional<std::string> LocalProcessTable::appImageOf(const Process& process) const {
+  return linuxplatform::appImageOf(process);
+}
+
+std::optional<ProcessLife> LocalProcessTable::lifeOf(const Process& process) const {
+  ProcessLife life(process.pid, process.stamp.startTime);
+  return life.hasEnded() ? std::nullopt : std::optional(std::move(life));
+}
+
+std::optional<CommonView> LocalProcessTable::commonView() const {
+  struct stat view {};
+  // In some sandboxes the first process is hidden. Our own mount namespace may be another one, but
+  // its root folder is the same.
+  if (::stat("/proc/1/ns/mnt", &view) != 0 && ::stat("/proc/self/ns/mnt", &view) != 0) {
+    return std::nullopt;
+  }
+  const auto root = files_->at("/", 0).file;
+  return root ? std::optional(CommonView{*root, view.st_ino}) : std::nullopt;
+}
+
+std::vector<std::optional<std::string>> LocalProcessTable::problemsWith(
+    const std::vector<std::string>& paths) const {
+  return RegisteredPaths::problemsWith(paths);
+}
+
+std::optional<pid_t> LocalProcessTable::holderOf(std::uint32_t inode, uid_t user,
+                                                 std::optional<pid_t> candidate) {
   if (inode == 0) {
     return std::nullopt;
   }
@@ -225,17 +254,41 @@ std::optional<pid_t> ProcessTable::holderOf(std::uint32_t inode, uid_t user,
   if (candidate) {
     first.insert(first.begin(), *candidate);
   }
-  const SearchAllowance::Charge charge(*allowance_, user, SearchAllowance::Counted::work);
+  const SearchAllowance::Charge charge(allowance(), user, SearchAllowance::Counted::work);
   SocketHolderSearch search(inode, std::move(first), user);
   const SearchBudget budget(kHolderBudget, kLongestHolderSearch);
-  if (search.proceed(budget) != SocketHolderSearch::Result::found) {
+  if (search.proceed(budget) != HolderSearchStep::Result::found) {
     return std::nullopt;
   }
   rememberHolder(search.holder());
   return search.holder();
 }
 
-void ProcessTable::rememberHolder(pid_t pid) {
+HolderSearchStep LocalProcessTable::proceed(const HolderSearch& search,
+                                            std::optional<pid_t> preferred,
+                                            std::chrono::milliseconds work,
+                                            std::chrono::milliseconds longest) {
+  const SearchAllowance::Charge charge(allowance(), search.preferredUser,
+                                       SearchAllowance::Counted::work);
+  if (!openSearch_ || openSearch_->number != search.number) {
+    openSearch_.emplace(OpenSearch{
+        search.number, SocketHolderSearch(search.inode, search.first, search.preferredUser)});
+  }
+  if (preferred) {
+    openSearch_->search.prefer(*preferred);
+  }
+  HolderSearchStep step;
+  step.result = openSearch_->search.proceed(SearchBudget(work, longest));
+  if (step.result == HolderSearchStep::Result::found) {
+    step.holder = openSearch_->search.holder();
+  }
+  if (step.result != HolderSearchStep::Result::unfinished) {
+    openSearch_.reset();
+  }
+  return step;
+}
+
+void LocalProcessTable::rememberHolder(pid_t pid) {
   std::erase(recentHolders_, pid);
   recentHolders_.push_front(pid);
   if (recentHolders_.size() > kMaximumRecentHolders) {
@@ -243,7 +296,7 @@ void ProcessTable::rememberHolder(pid_t pid) {
   }
 }
 
-bool ProcessTable::hasInherited(pid_t pid, std::uint32_t inode) const {
+std::optional<bool> LocalProcessTable::hasInherited(pid_t pid, std::uint32_t inode) const {
   const std::string socket = "socket:[" + std::to_string(inode) + "]";
   for (int descriptor = 0; descriptor < kInheritedDescriptors; ++descriptor) {
     if (linkTarget(pathOf(pid, ("fd/" + std::to_string(descriptor)).c_str())) == socket) {

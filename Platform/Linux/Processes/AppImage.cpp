@@ -1,4 +1,4 @@
-#include "Platform/Linux/Identity/AppImage.h"
+#include "Platform/Linux/Processes/AppImage.h"
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>
@@ -62,12 +62,16 @@ bool hasOption(std::string_view options, std::string_view wanted) {
 }  // namespace
 
 std::optional<std::string> appImageOf(const Process& process) {
-  // The runtime of an AppImage mounts it in such a folder.
-  if (!process.executableFile || process.executable.find("/.mount_") == std::string::npos) {
+  if (!mayBeAppImage(process)) {
     return std::nullopt;
   }
   return appImageIn("/proc/" + std::to_string(process.pid) + "/mountinfo",
                     process.executableFile->device, process.stamp.realUser);
+}
+
+bool mayBeAppImage(const Process& process) {
+  // The runtime of an AppImage mounts it in such a folder.
+  return process.executableFile && process.executable.find("/.mount_") != std::string::npos;
 }
 
 std::optional<std::string> appImageIn(const std::string& mountsFile, dev_t device, uid_t user) {

@@ -16,6 +16,9 @@ namespace ostravel::linuxplatform {
 // of mounts.
 std::optional<std::string> appImageOf(const Process& process);
 
+// False if it certainly runs from none, by the path of its executable.
+bool mayBeAppImage(const Process& process);
+
 // The same, given a file in the format of proc_pid_mountinfo(5).
 std::optional<std::string> appImageIn(const std::string& mountsFile, dev_t device, uid_t user);
 
