@@ -17,6 +17,8 @@
 #include "Extension/main/ConfigurationFile.h"
 #include "Extension/main/ControlSocket.h"
 #include "Extension/main/ProxyAddress.h"
+#include "Platform/Linux/Inspection/RemoteProcessTable.h"
+#include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Platform/Linux/Processes/SystemUsers.h"
 
 namespace ostravel {
@@ -59,6 +61,17 @@ std::optional<linuxplatform::PacketMarks> parseMarkMask(std::string_view text) {
 }
 
 }  // namespace
+
+linuxplatform::Privileges::Inspection CommandLine::Options::inspection() const {
+  using Inspection = linuxplatform::Privileges::Inspection;
+  return inspectorPath ? Inspection::byInspector : Inspection::own;
+}
+
+linuxplatform::ProcessTableSource CommandLine::Options::processTables(
+    std::function<void(const std::string&)> warn) const {
+  return inspectorPath ? linuxplatform::RemoteProcessTable::source(*inspectorPath, std::move(warn))
+                       : &linuxplatform::LocalProcessTable::make;
+}
 
 CommandLine CommandLine::parse(int argc, char** argv) {
   CLI::App app(
@@ -115,6 +128,12 @@ CommandLine CommandLine::parse(int argc, char** argv) {
                      linuxplatform::ControlSocket::kDefaultPath)
       ->type_name("PATH");
 
+  std::optional<std::string> inspectorPath;
+  app.add_option("--inspector", inspectorPath,
+                 "socket of an ostravel-inspector, which looks at other users' processes for this "
+                 "program; without it this program needs the permissions for it")
+      ->type_name("PATH");
+
   std::vector<std::string> proxyUsers;
   app.add_option("--proxy-user", proxyUsers,
                  "user whose local proxy may carry the connections of all users, like that of root "
@@ -166,6 +185,7 @@ CommandLine CommandLine::parse(int argc, char** argv) {
                   .hasControl = hasControl,
                   .asJSON = asJSON,
                   .hasGuardian = !isGuardianUnwanted,
+                  .inspectorPath = inspectorPath,
                   .proxyUsers = {},
                   .marks = marks,
                   .names = uses.at(names)};

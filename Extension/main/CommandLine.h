@@ -2,13 +2,16 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "Extension/main/Privileges.h"
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/Names/NameUse.h"
+#include "Platform/Linux/Processes/ProcessTable.h"
 
 namespace ostravel {
 
@@ -37,10 +40,18 @@ struct CommandLine {
     bool asJSON = false;
     // False for debuggers, which stop the process for longer than a guardian waits.
     bool hasGuardian = true;
+    // Where an inspector listens that looks at other users' processes. Absent: this process does.
+    std::optional<std::string> inspectorPath;
     // Users, besides root and system users, whose local proxy may carry the flows of all users.
     std::vector<uid_t> proxyUsers;
     linuxplatform::PacketMarks marks;
     linuxplatform::NameUse names = linuxplatform::NameUse::connect;
+
+    linuxplatform::Privileges::Inspection inspection() const;
+    // Tables of the machine's processes, read here or by the inspector. warn receives a sentence
+    // about an inspector that does not answer, on any thread.
+    linuxplatform::ProcessTableSource processTables(
+        std::function<void(const std::string&)> warn) const;
   };
 
   // Absent if the process has to end with exitStatus, because it has printed its help, its version

@@ -10,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <memory>
+#include <span>
 
 namespace ostravel::linuxplatform {
 
@@ -28,14 +29,22 @@ bool canLookAtFirstProcess() {
 }
 
 // The guardian has been started before, and the socket that needs CAP_NET_RAW is open.
-constexpr std::array<unsigned, 7> kUsed{CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_NET_ADMIN,
-                                        CAP_SYS_PTRACE,   CAP_SYS_RESOURCE,    CAP_PERFMON,
-                                        CAP_BPF};
+constexpr std::array<unsigned, 5> kUsed{CAP_DAC_OVERRIDE, CAP_NET_ADMIN, CAP_SYS_RESOURCE,
+                                        CAP_PERFMON, CAP_BPF};
+constexpr std::array<unsigned, 2> kUsedForInspection{CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH};
 
-std::uint64_t usedCapabilities() {
-  std::uint64_t used = 0;
-  for (const unsigned capability : kUsed) {
-    used |= std::uint64_t{1} << capability;
+std::uint64_t maskOf(std::span<const unsigned> capabilities) {
+  std::uint64_t mask = 0;
+  for (const unsigned capability : capabilities) {
+    mask |= std::uint64_t{1} << capability;
+  }
+  return mask;
+}
+
+std::uint64_t usedCapabilities(Privileges::Inspection inspection) {
+  std::uint64_t used = maskOf(kUsed);
+  if (inspection == Privileges::Inspection::own) {
+    used |= maskOf(kUsedForInspection);
   }
   // Older kernels do not know the last two and require CAP_SYS_ADMIN instead.
   if (::prctl(PR_CAPBSET_READ, CAP_BPF) < 0) {
@@ -44,10 +53,7 @@ std::uint64_t usedCapabilities() {
   return used;
 }
 
-}  // namespace
-
-platform::OptionalError Privileges::giveUpUnused() {
-  const std::uint64_t used = usedCapabilities();
+platform::OptionalError giveUpAllBut(std::uint64_t used) {
   // Without CAP_SETPCAP the bounding set remains, but no_new_privs makes it useless.
   for (unsigned capability = 0; ::prctl(PR_CAPBSET_READ, capability) >= 0; ++capability) {
     if ((used >> capability & 1U) == 0) {
@@ -59,16 +65,29 @@ platform::OptionalError Privileges::giveUpUnused() {
   bool isDone = ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
                 ::prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0) == 0 &&
                 ::syscall(SYS_capget, &header, data.data()) == 0;
+  bool isMore = false;
   for (unsigned word = 0; word < data.size(); ++word) {
     const auto kept = static_cast<std::uint32_t>(used >> (word * kBitsPerWord));
+    isMore = isMore || (data[word].permitted & ~kept) != 0;
     data[word].effective &= kept;
     data[word].permitted &= kept;
     data[word].inheritable = 0;
   }
-  isDone = isDone && ::syscall(SYS_capset, &header, data.data()) == 0;
+  // A service that has no more than these may not be permitted to change them.
+  isDone = isDone && (!isMore || ::syscall(SYS_capset, &header, data.data()) == 0);
   return isDone ? std::nullopt
                 : platform::OptionalError(
                       platform::systemCallError(errno, "permissions cannot be given up"));
+}
+
+}  // namespace
+
+platform::OptionalError Privileges::giveUpUnused(Inspection inspection) {
+  return giveUpAllBut(usedCapabilities(inspection));
+}
+
+platform::OptionalError Privileges::giveUpAllButInspection() {
+  return giveUpAllBut(maskOf(kUsedForInspection));
 }
 
 Privileges Privileges::ofThisProcess() {
@@ -95,16 +114,32 @@ bool Privileges::canTrace() const {
   return has(CAP_SYS_ADMIN) || (has(CAP_BPF) && has(CAP_PERFMON));
 }
 
-platform::OptionalError Privileges::obstacle() const {
+std::string Privileges::missingForInspection() const {
+  if (seesProcesses_) {
+    return {};
+  }
+  std::string missing = has(CAP_SYS_PTRACE) ? "" : "CAP_SYS_PTRACE";
+  if (!canReadEverything()) {
+    missing += missing.empty() ? "CAP_DAC_READ_SEARCH" : ", CAP_DAC_READ_SEARCH";
+  }
+  return missing;
+}
+
+platform::OptionalError Privileges::inspectionObstacle() const {
+  const std::string missing = missingForInspection();
+  return missing.empty() ? std::nullopt
+                         : platform::OptionalError(platform::posixError(
+                               EPERM, "the permission to look at other processes (" + missing +
+                                          ") is missing: run as root"));
+}
+
+platform::OptionalError Privileges::obstacle(Inspection inspection) const {
   if (!has(CAP_NET_ADMIN)) {
     return platform::posixError(
         EPERM, "the permission to administer the network (CAP_NET_ADMIN) is missing: run as root");
   }
-  if (!seesProcesses_ && (!has(CAP_SYS_PTRACE) || !canReadEverything())) {
-    std::string missing = has(CAP_SYS_PTRACE) ? "" : "CAP_SYS_PTRACE";
-    if (!canReadEverything()) {
-      missing += missing.empty() ? "CAP_DAC_READ_SEARCH" : ", CAP_DAC_READ_SEARCH";
-    }
+  const std::string missing = inspection == Inspection::own ? missingForInspection() : "";
+  if (!missing.empty()) {
     return platform::posixError(
         EPERM, "the permission to look at other processes (" + missing +
                    ") is missing, without which no local proxy can be recognised and every "
@@ -113,14 +148,15 @@ platform::OptionalError Privileges::obstacle() const {
   return std::nullopt;
 }
 
-std::vector<std::string> Privileges::losses() const {
+std::vector<std::string> Privileges::losses(Inspection inspection) const {
   std::vector<std::string> sentences;
-  if (!has(CAP_SYS_PTRACE)) {
+  const bool isOwn = inspection == Inspection::own;
+  if (isOwn && !has(CAP_SYS_PTRACE)) {
     sentences.emplace_back(
         "CAP_SYS_PTRACE is missing: the programs of other users, and those with more permissions, "
         "have no identifier and cannot be the local proxy");
   }
-  if (!canReadEverything()) {
+  if (isOwn && !canReadEverything()) {
     sentences.emplace_back(
         "CAP_DAC_READ_SEARCH is missing: a program of another user cannot be the local proxy");
   }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <seccomp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -95,6 +96,69 @@ constexpr std::array<Opening, 2> kOpening{{{"open", 1}, {"openat", 2}}};
 // Calls that no running event loop makes.
 constexpr std::array kDeadlyForRelays{"listen"};
 constexpr std::array kNotForRelays{"rmdir", "unlink", "unlinkat"};
+constexpr std::array kNotWithInspector{
+    "access",     "chdir",         "faccessat",         "faccessat2",        "getdents",
+    "getdents64", "inotify_init1", "inotify_add_watch", "name_to_handle_at", "open",
+    "openat",     "openat2",       "readlink",          "readlinkat"};
+
+// It serves connections that it is given, and reports to the service manager (sd_notify(3)).
+constexpr std::array kPermittedForInspector{"accept4",
+                                            "brk",
+                                            "clock_gettime",
+                                            "clock_nanosleep",
+                                            "close",
+                                            "eventfd2",
+                                            "exit",
+                                            "exit_group",
+                                            "fcntl",
+                                            "fstat",
+                                            "futex",
+                                            "getcwd",
+                                            "getdents64",
+                                            "geteuid",
+                                            "getpid",
+                                            "getrandom",
+                                            "getsockopt",
+                                            "gettid",
+                                            "gettimeofday",
+                                            "getuid",
+                                            "lseek",
+                                            "lstat",
+                                            "madvise",
+                                            "mmap",
+                                            "mprotect",
+                                            "mremap",
+                                            "munmap",
+                                            "newfstatat",
+                                            "openat2",
+                                            "poll",
+                                            "ppoll",
+                                            "pread64",
+                                            "read",
+                                            "readlink",
+                                            "readlinkat",
+                                            "readv",
+                                            "recvfrom",
+                                            "recvmsg",
+                                            "restart_syscall",
+                                            "rseq",
+                                            "rt_sigaction",
+                                            "rt_sigprocmask",
+                                            "rt_sigreturn",
+                                            "sched_getaffinity",
+                                            "sched_yield",
+                                            "sendmsg",
+                                            "sendto",
+                                            "set_robust_list",
+                                            "setsockopt",
+                                            "shutdown",
+                                            "sigaltstack",
+                                            "stat",
+                                            "statx",
+                                            "sysinfo",
+                                            "tgkill",
+                                            "write",
+                                            "writev"};
 
 // It reads how long the extension's threads have run, and writes one line.
 constexpr std::array kPermittedForGuardian{
@@ -157,6 +221,16 @@ bool permitReading(void* filter) {
   });
 }
 
+// Local datagrams, for the service manager.
+bool permitNotifications(void* filter) {
+  const scmp_arg_cmp isLocal{
+      .arg = 0, .op = SCMP_CMP_EQ, .datum_a = static_cast<scmp_datum_t>(AF_UNIX), .datum_b = 0};
+  const int result =
+      ::seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(socket), 1, &isLocal);
+  errno = -result;
+  return result == 0;
+}
+
 bool load(void* filter) {
   const int result = ::seccomp_load(filter);
   errno = -result;
@@ -190,7 +264,23 @@ platform::OptionalError SystemCallFilter::install() {
 platform::OptionalError SystemCallFilter::restrictRelay() {
   const Filter filter = makeFilter(SCMP_ACT_ALLOW);
   return outcome(filter && add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadlyForRelays) &&
+                 add(filter.get(), SCMP_ACT_ERRNO(ENOSYS), kNotForRelays) &&
+                 add(filter.get(), SCMP_ACT_ERRNO(ENOSYS), kNotWithInspector) &&
+                 load(filter.get()));
+}
+
+platform::OptionalError SystemCallFilter::restrictInspectingRelay() {
+  const Filter filter = makeFilter(SCMP_ACT_ALLOW);
+  return outcome(filter && add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadlyForRelays) &&
                  add(filter.get(), SCMP_ACT_ERRNO(ENOSYS), kNotForRelays) && load(filter.get()));
+}
+
+platform::OptionalError SystemCallFilter::restrictInspector() {
+  const Filter filter = makeFilter(SCMP_ACT_ERRNO(ENOSYS));
+  return outcome(filter && add(filter.get(), SCMP_ACT_ALLOW, kPermittedForInspector) &&
+                 add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadly) && permitThreads(filter.get()) &&
+                 permitNotifications(filter.get()) && permitReading(filter.get()) &&
+                 load(filter.get()));
 }
 
 platform::OptionalError SystemCallFilter::restrictGuardian() {

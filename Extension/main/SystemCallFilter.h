@@ -23,8 +23,14 @@ class SystemCallFilter {
   static platform::OptionalError install();
 
   // In addition for the calling thread, which carries connections: listening ends the process, and
-  // removing a name is not permitted.
+  // no file can be opened or looked up, nor a name removed.
   static platform::OptionalError restrictRelay();
+  // The same for threads that inspect processes as well: they may open files.
+  static platform::OptionalError restrictInspectingRelay();
+
+  // For all threads of the inspector: files can only be opened for reading, and nothing can be
+  // connected or listened to. What ends the extension ends it too.
+  static platform::OptionalError restrictInspector();
 
   // For the calling process, which has one thread: it watches the extension, and may end it.
   static platform::OptionalError restrictGuardian();

@@ -90,6 +90,9 @@ class SystemCheck {
       checkKernel();
       checkRoutingRules();
       checkNames();
+      if (options_.inspectorPath) {
+        checkInspector();
+      }
       checkApplicationsAndProxy();
     }
     return std::move(report_);
@@ -102,8 +105,9 @@ class SystemCheck {
 
   void checkPermissions() {
     const Privileges privileges = Privileges::ofThisProcess();
-    const auto obstacle = privileges.obstacle();
-    const auto losses = privileges.losses();
+    const auto inspection = options_.inspection();
+    const auto obstacle = privileges.obstacle(inspection);
+    const auto losses = privileges.losses(inspection);
     mayAdminister_ = !obstacle;
     if (obstacle) {
       add(Level::problem, "permissions",
@@ -321,12 +325,27 @@ class SystemCheck {
     }
   }
 
+  void checkInspector() {
+    // This process exists, so only an answer can be missing.
+    const auto processes = options_.processTables([](const std::string& /*warning*/) {})();
+    if (processes->stampOf(::getpid())) {
+      add(Level::ok, "inspector", "answers on " + *options_.inspectorPath);
+    } else {
+      add(Level::warning, "inspector",
+          "does not answer on " + *options_.inspectorPath +
+              ", and processes that are not known yet have no identifier until it does: systemctl "
+              "restart ostravel-inspector.socket");
+    }
+  }
+
   void checkApplicationsAndProxy() {
     std::vector<std::string> warnings;
     ApplicationIdentifierSource identifiers(
         platform::limits::kProxyPort,
         [&warnings](const std::string& warning) { warnings.push_back(warning); },
-        ApplicationRegistrations::kDefaultFolder, options_.proxyUsers);
+        ApplicationRegistrations::kDefaultFolder, options_.proxyUsers,
+        ConnectTracer::Detail::programs, std::nullopt, {},
+        options_.processTables([](const std::string& /*warning*/) {}));
     for (const std::string& warning : std::exchange(warnings, {})) {
       add(Level::warning, "applications", warning);
     }

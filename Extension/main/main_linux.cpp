@@ -178,17 +178,19 @@ platform::OptionalError restrictSystemCalls(platform::OptionalError (*restrict)(
 }
 
 // Failures are ignored: the guardian watches with more permissions as well.
-void restrictGuardian() {
-  static_cast<void>(linuxplatform::Privileges::giveUpUnused());
+void restrictGuardian(linuxplatform::Privileges::Inspection inspection) {
+  static_cast<void>(linuxplatform::Privileges::giveUpUnused(inspection));
   static_cast<void>(restrictSystemCalls(linuxplatform::SystemCallFilter::restrictGuardian));
 }
 
 // The filter of the process is in effect, so these of its threads can be installed too.
-void restrictRelays(linuxplatform::EventLoopGroup& loops) {
+void restrictRelays(linuxplatform::EventLoopGroup& loops,
+                    linuxplatform::Privileges::Inspection inspection) {
+  auto* const restrict = inspection == linuxplatform::Privileges::Inspection::own
+                             ? linuxplatform::SystemCallFilter::restrictInspectingRelay
+                             : linuxplatform::SystemCallFilter::restrictRelay;
   for (unsigned index = 0; index < loops.size(); ++index) {
-    loops.loop(index).post([] {
-      static_cast<void>(restrictSystemCalls(linuxplatform::SystemCallFilter::restrictRelay));
-    });
+    loops.loop(index).post([restrict] { static_cast<void>(restrictSystemCalls(restrict)); });
   }
 }
 
@@ -206,6 +208,7 @@ int run(int argc, char** argv) {
   if (const auto obstacle = descriptorObstacle()) {
     return fail(*obstacle);
   }
+  const auto inspection = commandLine.options->inspection();
   // As early as possible: the guardian keeps a copy of the memory in use.
   linuxplatform::HeartbeatRecord record;
   MaybeGuardian guardian;
@@ -216,7 +219,8 @@ int run(int argc, char** argv) {
       guardedSocket = *std::move(socket);
     }
     guardian = linuxplatform::Guardian::start(
-        record, guardedSocket ? linuxplatform::descriptorOf(*guardedSocket) : -1, restrictGuardian);
+        record, guardedSocket ? linuxplatform::descriptorOf(*guardedSocket) : -1,
+        [inspection] { restrictGuardian(inspection); });
   }
   const auto configuration =
       linuxplatform::readProviderConfiguration(commandLine.options->configurationPath);
@@ -225,14 +229,14 @@ int run(int argc, char** argv) {
   }
   std::optional<linuxplatform::ControlSocket> controlSocket;
   const auto privileges = linuxplatform::Privileges::ofThisProcess();
-  if (const auto obstacle = privileges.obstacle()) {
+  if (const auto obstacle = privileges.obstacle(inspection)) {
     return fail(*obstacle);
   }
   const auto resender = linuxplatform::PacketResender::open();
   if (commandLine.options->hasControl) {
     controlSocket.emplace(commandLine.options->controlPath);
   }
-  if (const auto error = linuxplatform::Privileges::giveUpUnused()) {
+  if (const auto error = linuxplatform::Privileges::giveUpUnused(inspection)) {
     return fail(*error);
   }
   const auto unrestricted = restrictSystemCalls(linuxplatform::SystemCallFilter::install);
@@ -250,7 +254,7 @@ int run(int argc, char** argv) {
   if (isJournalReplaced) {
     report(platform.defaultLog(), {"There is no journal: the log goes to standard error"});
   }
-  report(platform.defaultLog(), privileges.losses());
+  report(platform.defaultLog(), privileges.losses(inspection));
   if (unrestricted) {
     report(platform.defaultLog(), {unrestricted->localizedDescription});
   }
@@ -273,7 +277,7 @@ int run(int argc, char** argv) {
   linuxplatform::FlowJournal journal(platform.clock(), linuxplatform::kMaximumEventLoops,
                                      &platform.defaultLog());
   linuxplatform::EventLoopGroup loops(descriptors, commandLine.options->marks);
-  restrictRelays(loops);
+  restrictRelays(loops, inspection);
   linuxplatform::Heartbeat heartbeat(record);
   const auto memberships = joinHeartbeat(heartbeat, loops, platform.workers());
   const auto exempt = built_in::bypassAppIds();
@@ -300,7 +304,10 @@ int run(int argc, char** argv) {
              proxying.setProxy(proxy, reason, platform.clock().secondsSince1970());
            },
        .names = commandLine.options->names,
-       .guardedSocket = guardedSocket},
+       .guardedSocket = guardedSocket,
+       .processes = commandLine.options->processTables([&platform](const std::string& warning) {
+         platform.defaultLog().error("OstravelProxy: %{public}s", {warning});
+       })},
       *configuration);
   auto provider = std::make_shared<PacketTunnelProvider>(platform, context);
   context.setProvider(provider);

@@ -2,6 +2,7 @@
 
 import os
 import re
+import signal
 import socket
 
 import pytest
@@ -9,7 +10,7 @@ import pytest
 from Laboratory.lines import GENEROUS_SECONDS
 from Laboratory.network import THERE4
 from hangs import children_of
-from laboratory import PEER_PORT, log_lines
+from laboratory import CURL, PEER_PORT, PYTHON, eventually, log_lines, remote
 
 READS_PROCESSES = "+sys_ptrace,+dac_read_search"
 
@@ -30,6 +31,7 @@ def as_service_user(capabilities):
 def laboratory(laboratory):
     """With programs that every user may run."""
     laboratory.copy_of(laboratory.program_path("ostravel-extension"), "ostravel-extension")
+    laboratory.copy_of(laboratory.program_path("ostravel-inspector"), "ostravel-inspector")
     laboratory.copy_of(laboratory.program_path("ostravel-sidecar"), "ostravel-sidecar")
     laboratory.copy_of(laboratory.program_path("ostravel-monitor"), "ostravel-monitor")
     laboratory.programs_folder = laboratory.folder
@@ -95,6 +97,125 @@ def test_it_names_what_is_missing_and_what_that_costs(laboratory):
         "OstravelProxy: CAP_SYS_NICE",
     ]
     assert extension.stop() == 0
+
+
+# Takes the place of the service manager: passes a socket on which every user may ask.
+PASS_SOCKET = """
+import os, socket, sys
+path = sys.argv[1]
+if os.path.exists(path):
+    os.unlink(path)
+listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+listener.bind(path)
+os.chmod(path, 0o777)
+listener.listen()
+os.dup2(listener.fileno(), 3)
+os.set_inheritable(3, True)
+os.environ.update(LISTEN_FDS="1", LISTEN_PID=str(os.getpid()))
+print("listening", flush=True)
+os.execvp(sys.argv[2], sys.argv[2:])
+"""
+
+
+def start_inspector(laboratory):
+    program = laboratory.program_path("ostravel-inspector")
+    path = laboratory.path("inspector.sock")
+    inspector = laboratory.start(
+        [PYTHON, "-c", PASS_SOCKET, path, program, "--client", "990"], name="ostravel-inspector"
+    )
+    inspector.expect(inspector.output, "listening")
+    return inspector, path
+
+
+def start_with_inspector(laboratory):
+    """A system whose extension may not look at the processes of other users."""
+    laboratory.start_monitor()
+    os.chmod(laboratory.socket_path, 0o666)
+    laboratory.start_sidecar(user=989)
+    inspector, path = start_inspector(laboratory)
+    extension = laboratory.start_extension(
+        "--inspector", path, prefix=as_service_user("+net_admin,+net_raw,+bpf,+perfmon")
+    )
+    laboratory.wait_until_proxied()
+    return inspector, extension
+
+
+def application_of_curl(laboratory, user):
+    """The identifier of a process that is new; None if its connection went direct."""
+    mark = laboratory.events.mark()
+    fetched = laboratory.curl(f"http://{THERE4}:{PEER_PORT}/", user=user)
+    assert fetched.status == 0, fetched.details
+    if fetched.way != "proxied":
+        return None
+    return laboratory.events.flow_to(remote(THERE4, PEER_PORT), mark)[0]["context"]["app_id"]
+
+
+def check_that_new_processes_connect(laboratory):
+    for _ in range(3):
+        fetched = laboratory.curl(f"http://{THERE4}:{PEER_PORT}/", user=988)
+        assert fetched.status == 0, fetched.details
+
+
+def test_an_extension_without_permissions_asks_the_inspector(laboratory):
+    _, extension = start_with_inspector(laboratory)
+    # On a busy machine one answer may be late.
+    for user in (0, 988):
+        eventually(
+            lambda user=user: application_of_curl(laboratory, user) == CURL, f"user {user} is named"
+        )
+    assert [line for line in errors_of(extension) if "CAP_" in line] == [
+        "OstravelProxy: CAP_SYS_NICE is missing: on a very busy machine the guardian may notice a "
+        "hang late"
+    ]
+    assert extension.stop() == 0
+
+
+def test_a_stopped_or_killed_inspector_costs_no_connection(laboratory):
+    inspector, extension = start_with_inspector(laboratory)
+    os.kill(inspector.pid, signal.SIGSTOP)
+    check_that_new_processes_connect(laboratory)
+    # One that is known already.
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    silent = "the inspector does not answer"
+    eventually(
+        lambda: check_that_new_processes_connect(laboratory)
+        or any(silent in line for line in errors_of(extension)),
+        "the log says so",
+    )
+    os.kill(inspector.pid, signal.SIGCONT)
+    eventually(lambda: application_of_curl(laboratory, 988) == CURL, "processes are named again")
+    extension.expect(extension.errors, "processes can be inspected again")
+
+    inspector.close()
+    check_that_new_processes_connect(laboratory)
+    assert laboratory.fetch(THERE4, PEER_PORT).way == "proxied"
+    start_inspector(laboratory)
+    eventually(lambda: application_of_curl(laboratory, 988) == CURL, "processes are named again")
+    assert extension.stop() == 0
+
+
+def test_the_inspector_names_what_it_lacks(laboratory):
+    program = laboratory.program_path("ostravel-inspector")
+    alone = laboratory.start([program], name="ostravel-inspector")
+    assert alone.wait() == 2
+    assert alone.errors.since() == [
+        "ostravel-inspector: no socket was passed: start it with systemctl start "
+        "ostravel-inspector.socket"
+    ]
+    path = laboratory.path("inspector.sock")
+    for capabilities, missing in (
+        ("+net_admin", "CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH"),
+        ("+sys_ptrace", "CAP_DAC_READ_SEARCH"),
+    ):
+        weak = laboratory.start(
+            [PYTHON, "-c", PASS_SOCKET, path, *as_service_user(capabilities), program],
+            name="ostravel-inspector",
+        )
+        assert weak.wait() == 2
+        assert weak.errors.since() == [
+            f"ostravel-inspector: the permission to look at other processes ({missing}) is "
+            "missing: run as root"
+        ]
 
 
 # capabilities(7)

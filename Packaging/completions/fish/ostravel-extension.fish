@@ -7,6 +7,7 @@ complete -c ostravel-extension -l dry-run -d 'Print the rules that would be inst
 complete -c ostravel-extension -l configuration -rF -d 'Read the provider configuration from this file'
 complete -c ostravel-extension -l control -rF -d 'Control socket, or off'
 complete -c ostravel-extension -l log -xa 'journal stderr' -d 'Where log lines go'
+complete -c ostravel-extension -l inspector -rF -d 'Socket of the process inspector'
 complete -c ostravel-extension -l log-level -xa 'debug info default error' -d 'Least important lines'
 complete -c ostravel-extension -l names -xa 'off decide connect' -d 'What observed host names are used for'
 complete -c ostravel-extension -l no-guardian -d 'Do not kill this process when it hangs'

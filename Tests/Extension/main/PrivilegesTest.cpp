@@ -41,7 +41,7 @@ TEST(Privileges, AnOrdinaryUserLacksThem) {
 
 TEST(Privileges, UnusedOnesAreDroppedForGood) {
   testing::inChildProcess([] {
-    ASSERT_FALSE(Privileges::giveUpUnused());
+    ASSERT_FALSE(Privileges::giveUpUnused(Privileges::Inspection::own));
     const auto privileges = Privileges::ofThisProcess();
     EXPECT_FALSE(privileges.obstacle());
     for (const int capability : {CAP_SYS_MODULE, CAP_SETUID, CAP_SYS_RAWIO, CAP_NET_RAW}) {

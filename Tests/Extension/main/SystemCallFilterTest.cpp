@@ -36,12 +36,11 @@ int endOf(const std::function<int()>& body, Install install = SystemCallFilter::
 }
 
 // The same for a thread that carries connections.
-int endOfRelay(const std::function<int()>& body) {
-  return endOf([&body] {
+int endOfRelay(const std::function<int()>& body,
+               Install restrict = SystemCallFilter::restrictRelay) {
+  return endOf([&body, restrict] {
     int result = 0;
-    std::thread([&result, &body] {
-      result = SystemCallFilter::restrictRelay() ? 99 : body();
-    }).join();
+    std::thread([&result, &body, restrict] { result = restrict() ? 99 : body(); }).join();
     return result;
   });
 }
@@ -141,10 +140,50 @@ TEST(SystemCallFilter, PermitsWhatARelayDoes) {
                                    ::pipe2(pipe.data(), O_CLOEXEC | O_NONBLOCK) == 0 &&
                                    ::send(sockets[0], "x", 1, MSG_NOSIGNAL) == 1;
               const auto moved = ::splice(sockets[1], nullptr, pipe[1], nullptr, 1, 0);
-              const bool canLook = ::open("/proc/self/stat", O_RDONLY | O_CLOEXEC) >= 0;
-              return isReady && moved == 1 && canLook ? 0 : 1;
+              return isReady && moved == 1 ? 0 : 1;
             }),
             0);
+}
+
+TEST(SystemCallFilter, ARelayOpensAFileOnlyIfItInspectsProcesses) {
+  const auto openFile = [] { return errorOf(::open("/proc/self/stat", O_RDONLY | O_CLOEXEC)); };
+  EXPECT_EQ(endOfRelay(openFile), ENOSYS);
+  EXPECT_EQ(endOfRelay(openFile, SystemCallFilter::restrictInspectingRelay), 0);
+  const auto readLink = [] {
+    std::array<char, 64> target{};
+    return errorOf(::readlink("/proc/self/exe", target.data(), target.size()));
+  };
+  EXPECT_EQ(endOfRelay(readLink), ENOSYS);
+}
+
+TEST(SystemCallFilter, AnInspectingRelayDoesNotListen) {
+  EXPECT_EQ(endOfRelay(listenSomewhere, SystemCallFilter::restrictInspectingRelay), 128 + SIGSYS);
+}
+
+TEST(SystemCallFilter, TheInspectorReadsFilesAndHasThreads) {
+  EXPECT_EQ(
+      endOf(
+          [] {
+            int file = -1;
+            std::thread([&file] { file = ::open("/proc/self/stat", O_RDONLY | O_CLOEXEC); }).join();
+            // To report to the service manager.
+            const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            return file >= 0 && socket >= 0 ? 0 : 1;
+          },
+          SystemCallFilter::restrictInspector),
+      0);
+}
+
+TEST(SystemCallFilter, TheInspectorHasNoNetworkAndChangesNothing) {
+  const auto attempt = [](const std::function<int()>& body) {
+    return endOf(body, SystemCallFilter::restrictInspector);
+  };
+  EXPECT_EQ(attempt([] { return errorOf(::socket(AF_INET, SOCK_STREAM, 0)); }), ENOSYS);
+  EXPECT_EQ(attempt([] { return errorOf(::open("/dev/null", O_WRONLY)); }), ENOSYS);
+  EXPECT_EQ(attempt([] { return errorOf(::kill(::getpid(), 0)); }), ENOSYS);
+  EXPECT_EQ(attempt([] { return errorOf(::unlink("/nowhere")); }), ENOSYS);
+  EXPECT_EQ(attempt(runProgram), 128 + SIGSYS);
+  EXPECT_EQ(attempt([] { return errorOf(::ptrace(PTRACE_TRACEME)); }), 128 + SIGSYS);
 }
 
 TEST(SystemCallFilter, OtherThreadsListenAfterARelayIsRestricted) {

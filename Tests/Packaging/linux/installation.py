@@ -28,7 +28,8 @@ STARTERS = ("crun", "dbus-user-session", "flatpak", "libpam-systemd", "podman")
 GENEROUS_SECONDS = 90
 HERE, THERE = "198.51.100.1", "198.51.100.10"
 UNITS = ("ostravel", "ostravel-sidecar", "ostravel-monitor")
-PROGRAMS = ("ostravel-extension", "ostravel-sidecar", "ostravel-monitor", "ostravelctl")
+INSPECTOR = "ostravel-inspector"
+PROGRAMS = ("ostravel-extension", "ostravel-inspector", "ostravel-sidecar", "ostravel-monitor", "ostravelctl")
 # The only complaint of the service: here /proc shows other process numbers than the kernel records.
 COMPLAINT = "processes are not seen under the numbers that /proc shows"
 
@@ -276,19 +277,53 @@ def check_restrictions(machine):
     written = machine.try_run("nsenter", "-t", main, "-m", "touch", "/etc/ostravel/file", "/tmp/file")
     assert written.stderr.count("Read-only file system") == 1, written.stderr
     assert not (machine.root / "tmp/file").exists()
+    for process in (main, guardian, relay.split("/")[2]):
+        # CAP_DAC_READ_SEARCH and CAP_SYS_PTRACE
+        assert int(machine.status_of(process)["CapPrm"], 16) & (1 << 2 | 1 << 19) == 0
     say("the service restricts itself, and has a private view of the file system")
 
 
 def check_files(machine):
     usr = machine.root / "usr/share"
     for name in PROGRAMS:
-        section = 8 if name == "ostravel-extension" else 1
+        section = 8 if name in ("ostravel-extension", INSPECTOR) else 1
         assert (usr / f"man/man{section}/{name}.{section}.gz").exists(), name
         assert (usr / f"bash-completion/completions/{name}").exists(), name
         assert (usr / f"fish/vendor_completions.d/{name}.fish").exists(), name
         assert (usr / f"zsh/vendor-completions/_{name}").exists(), name
     assert (usr / "doc/ostravel/linux.md").exists()
     say("manual pages, completions and the documentation are there")
+
+
+def inspector_of(machine):
+    assert machine.is_active(INSPECTOR), machine.show(INSPECTOR, "ActiveState")
+    return machine.show(INSPECTOR, "MainPID")
+
+
+def check_inspector(machine):
+    """It looks at other users' processes for the extension, and its absence costs no connection."""
+    inspector = inspector_of(machine)
+    status = machine.status_of(inspector)
+    # CAP_DAC_READ_SEARCH and CAP_SYS_PTRACE
+    assert int(status["CapBnd"], 16) == int(status["CapEff"], 16) == 1 << 2 | 1 << 19
+    assert int(status["Seccomp_filters"]) > 1 and status["NoNewPrivs"] == "1"
+    user = machine.run("stat", "-c", "%U", f"/proc/{inspector}").strip()
+    assert user == INSPECTOR, user
+    links = machine.run("nsenter", "-t", inspector, "-n", "ip", "-o", "link").splitlines()
+    assert len(links) == 1 and ": lo:" in links[0], links
+
+    machine.run("sh", "-c", f"kill -STOP {inspector}")
+    for _ in range(3):
+        assert machine.fetch() in ("direct", "proxied")
+    machine.run("sh", "-c", f"kill -CONT {inspector}")
+    eventually("connections are proxied again", lambda: machine.fetch() == "proxied")
+    machine.run("sh", "-c", f"kill -KILL {inspector}")
+    for _ in range(3):
+        assert machine.fetch() in ("direct", "proxied")
+    eventually("another inspector", lambda: machine.is_active(INSPECTOR)
+               and machine.show(INSPECTOR, "MainPID") != inspector)
+    eventually("connections are proxied again", lambda: machine.fetch() == "proxied")
+    say("an inspector that is stopped or killed costs no connection, and comes back")
 
 
 @contextlib.contextmanager
@@ -397,6 +432,7 @@ def check(machine, package, older, origin):
     eventually("an event with the application's name", lambda: machine.fetch() and re.search(
         r"connected [\d.]+ ms +/usr/bin/curl", machine.journal("ostravel-monitor")))
     say("events arrive at ostravel-monitor, with the application's name")
+    check_inspector(machine)
 
     machine.run("systemctl", "enable", "ostravel-page.socket")
     addresses = set()
@@ -457,7 +493,7 @@ def check_restart(machine):
 
 def check_removal(machine, package, before):
     machine.run("dpkg", "-r", "ostravel")
-    for unit in UNITS:
+    for unit in (*UNITS, INSPECTOR, f"{INSPECTOR}.socket"):
         assert not machine.is_active(unit)
     assert machine.run("nft", "list", "tables") == ""
     assert machine.fetch() == "direct"
