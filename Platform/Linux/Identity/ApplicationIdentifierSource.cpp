@@ -44,9 +44,9 @@ ApplicationIdentifierSource::ApplicationIdentifierSource(std::uint16_t proxyPort
     return;
   }
   diagnostics_ = *std::move(diagnostics);
-  proxyPort_ = std::make_shared<ProxyInstance::Port>(*std::move(othersDiagnostics),
-                                                     ProxyProcess::addressOf(proxyPort));
   startTracing(proxyPort, traced, marks);
+  proxyPort_ = std::make_shared<ProxyInstance::Port>(
+      *std::move(othersDiagnostics), ProxyProcess::addressOf(proxyPort), publisher_);
   proxy_.emplace(*diagnostics_, *processes_, proxyPort, warn_,
                  publisher_ ? std::optional(publisher_->listener()) : std::nullopt);
   trust_.emplace(*proxy_, proxyPort, proxyUsers, warn_, makeProcesses_);

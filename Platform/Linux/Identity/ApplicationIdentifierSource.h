@@ -180,7 +180,7 @@ class ApplicationIdentifierSource {
   // Null if connects cannot be traced; then processes are looked up in /proc.
   std::shared_ptr<ConnectTracer> tracer_;
   // Null if senders cannot be published; then they are looked up.
-  std::unique_ptr<ConnectPublisher> publisher_;
+  std::shared_ptr<const ConnectPublisher> publisher_;
   const ProcessTableSource makeProcesses_;
   const std::unique_ptr<ProcessTable> processes_;
   std::optional<ProxyProcess> proxy_;

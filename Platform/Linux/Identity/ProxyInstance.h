@@ -3,11 +3,13 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Platform/Linux/Processes/ProcessLife.h"
+#include "Platform/Linux/Tracing/ConnectPublisher.h"
 
 namespace ostravel::linuxplatform {
 
@@ -16,20 +18,37 @@ namespace ostravel::linuxplatform {
 // the meantime, and the flow's connection with it. A value type; usable from any thread.
 class ProxyInstance {
  public:
-  // The address on which the proxy listens. Usable from any thread.
+  // The address on which the proxy listens. Its listener is looked up; with a publisher, which
+  // watches the port, only after a change. Usable from any thread.
   class Port {
    public:
-    Port(std::unique_ptr<SocketDiagnostics> diagnostics, const SocketEndpoint& address)
-        : diagnostics_(std::move(diagnostics)), address_(address) {}
+    Port(std::unique_ptr<SocketDiagnostics> diagnostics, const SocketEndpoint& address,
+         std::shared_ptr<const ConnectPublisher> publisher = nullptr)
+        : diagnostics_(std::move(diagnostics)),
+          address_(address),
+          publisher_(std::move(publisher)) {}
 
     // True if this is the socket that accepts its connections; false in doubt.
     bool isHeldBy(std::uint64_t listener);
 
    private:
+    // The result of a look-up, which is valid until the watch's count changes.
+    struct Found {
+      std::uint64_t changes = 0;
+      // Empty if there is none.
+      std::optional<std::uint64_t> listener;
+    };
+
+    // Empty in doubt.
+    std::optional<Found> find() const;
+
     std::mutex lock_;
-    // Guarded by lock_.
+    // Both guarded by lock_.
     const std::unique_ptr<SocketDiagnostics> diagnostics_;
+    std::optional<Found> found_;
     const SocketEndpoint address_;
+    // Shared, because packets may be held for longer than flows are identified.
+    const std::shared_ptr<const ConnectPublisher> publisher_;
   };
 
   // listener: the socket's cookie, which is never reused.

@@ -58,8 +58,7 @@ class ProxyProcess {
   // Checks which process listens now. If the owner has to be found, sender is the first candidate.
   State refresh(std::optional<pid_t> sender);
 
-  // The same, but also detects that a process has closed its listener and continues, which a watch
-  // does not notice. Call it periodically.
+  // The same, without relying on the watch. Call it periodically.
   State recheck();
 
   // The watch's count, if the result of the last refresh is valid until the count changes.

@@ -9,9 +9,10 @@
 
 namespace ostravel::linuxplatform {
 
-// Detects that another process may have become the listener on the proxy's port. A program in the
-// kernel counts the events: a socket has begun to listen there, or the watched process has ended.
-// It does not notice a socket that is closed while its process continues.
+// Detects that another process may have become the listener on the proxy's port. Programs in the
+// kernel count the events: a socket begins or ceases to listen there, or the watched process has
+// ended. A socket that begins to listen is counted before it can be reached, so that while the
+// count is unchanged, every connection has reached the listener that a look-up has found.
 //
 // Refers to memory that it does not own. Usable from any thread.
 class ListenerWatch {

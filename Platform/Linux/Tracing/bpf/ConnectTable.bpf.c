@@ -22,6 +22,8 @@ enum {
   kIPv4 = 2,
   kIPv6 = 10,
   kStream = 1,
+  kStateClosed = 7,
+  kStateListening = 10,
   // Returned so that other programs on the same control group still decide.
   kNoDecision = 1,
 
@@ -514,6 +516,27 @@ SECTION("cgroup/connect4") int connect4(struct Connect* context) {
 
 SECTION("cgroup/connect6") int connect6(struct Connect* context) {
   return prepare(context);
+}
+
+// Precedes the effect of a new state: a new listener is counted before it can be reached. The states
+// of accepted connections also change from listening, but not to closed.
+SECTION("tp_btf/inet_sock_set_state") int changeState(u64* arguments) {
+  const int before = (int)arguments[1];
+  const int after = (int)arguments[2];
+  if (after != kStateListening && (before != kStateListening || after != kStateClosed)) {
+    return 0;
+  }
+  const struct sock* const socket = (const void*)arguments[0];
+  struct State* const state = findState();
+  if (state == 0 || socket->__sk_common.skc_net.net->net_cookie != state->network) {
+    return 0;
+  }
+  const u32 port = socket->__sk_common.skc_num;
+  // The kernel has yet to choose a port, or has already taken it back.
+  if (port == state->proxyPort || port == 0) {
+    __sync_fetch_and_add(&state->listenerChanges, 1);
+  }
+  return 0;
 }
 
 SECTION("tp_btf/sched_process_exec") int executed(u64* arguments) {

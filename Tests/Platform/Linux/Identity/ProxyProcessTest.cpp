@@ -293,13 +293,13 @@ TEST_F(WatchedProxyProcessTest, ANewListenerIsNoticedAtOnceEvenIfTheOldOneLives)
   }
 }
 
-TEST_F(WatchedProxyProcessTest, AListenerThatWasClosedIsNoticedByTheNextCheck) {
+TEST_F(WatchedProxyProcessTest, AListenerThatWasClosedIsNoticedAtOnce) {
   Helper helper;
   helper.makeSocket("listen", kPort);
   ASSERT_EQ(settle(), State::known);
   ASSERT_EQ(helper.ask("close"), "done");
-  EXPECT_EQ(proxy_->recheck(), State::absent);
   EXPECT_EQ(proxy_->refresh(std::nullopt), State::absent);
+  EXPECT_EQ(proxy_->recheck(), State::absent);
 }
 
 TEST_F(WatchedProxyProcessTest, ASocketThatOutlivesItsOwnerIsStillTheProxys) {

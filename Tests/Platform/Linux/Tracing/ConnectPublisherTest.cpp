@@ -414,6 +414,38 @@ TEST_F(ConnectPublisherTest, NoticesANewListenerOnTheProxysPort) {
   EXPECT_NE(watch.changes(), before);
 }
 
+TEST_F(ConnectPublisherTest, NoticesTheEndOfAListenerOnTheProxysPort) {
+  start();
+  const auto watch = publisher_->listener();
+  auto other = makeSocket(AF_INET, SOCK_STREAM);
+  ASSERT_TRUE(bindTo(other, AF_INET, loopbackIPv4(kProxyPort + 1)));
+  ASSERT_EQ(::listen(other.get(), 1), 0);
+  auto proxy = makeSocket(AF_INET, SOCK_STREAM);
+  ASSERT_TRUE(bindTo(proxy, AF_INET, loopbackIPv4(kProxyPort)));
+  ASSERT_EQ(::listen(proxy.get(), 1), 0);
+  const auto before = watch.changes();
+  const auto client = makeSocket(AF_INET, SOCK_STREAM);
+  ASSERT_TRUE(connectTo(client, AF_INET, loopbackIPv4(kProxyPort)));
+  FileDescriptor accepted(::accept(proxy.get(), nullptr, nullptr));
+  ASSERT_TRUE(accepted.isOpen());
+  accepted = FileDescriptor();
+  other = FileDescriptor();
+  EXPECT_EQ(watch.changes(), before);
+  proxy = FileDescriptor();
+  EXPECT_NE(watch.changes(), before);
+}
+
+TEST_F(ConnectPublisherTest, NoticesThatAListenerOnTheProxysPortIsShutDown) {
+  start();
+  const auto watch = publisher_->listener();
+  const auto proxy = makeSocket(AF_INET, SOCK_STREAM);
+  ASSERT_TRUE(bindTo(proxy, AF_INET, loopbackIPv4(kProxyPort)));
+  ASSERT_EQ(::listen(proxy.get(), 1), 0);
+  const auto before = watch.changes();
+  ASSERT_EQ(::shutdown(proxy.get(), SHUT_RD), 0);
+  EXPECT_NE(watch.changes(), before);
+}
+
 TEST_F(ConnectPublisherTest, NoticesTheEndOfTheWatchedProcess) {
   start();
   Helper watched;
