@@ -38,8 +38,7 @@ constexpr const char* kRefuseChain = "refuse";
 constexpr const char* kDivertChain = "divert";
 constexpr const char* kRedirectChain = "deliver";
 
-// The refuse chain tests the mark that the verdict has just set, so it must follow the offer chain;
-// a mark set before the nat hook is visible there.
+// A mark set before the nat hook is visible there.
 constexpr std::int32_t kOfferPriority = NF_IP_PRI_MANGLE;
 // firewalld(1) filters at 10, iptables at 0 and, in its table "security", at 50.
 constexpr std::int32_t kLateOfferPriority = NF_IP_PRI_SECURITY + 10;
@@ -231,6 +230,11 @@ struct Plan {
 void addOfferRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks,
                    bool isLate) {
   addRulesForLaterPackets(changes, kOfferChain);
+  // A packet that is refused passes this chain again (PacketQueue::repeatMarked). A base chain of
+  // its own would cost every packet of the machine another hook.
+  changes.add("jump rule", NetfilterRule(kTable, kOfferChain)
+                               .mark(marks.mask(), marks.refuse())
+                               .jump(kRefuseChain));
   // Our own packets, and those of programs that use our mark bits for other purposes.
   changes.add("mark rule",
               NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());
@@ -257,11 +261,7 @@ void addRateRule(TableChanges& changes, std::uint32_t perSecond) {
       NetfilterRule(kTable, kQueueChain).userExceedsRate(kRatesSet, perSecond, perSecond).accept());
 }
 
-void addRefuseRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks) {
-  changes.add(
-      "mark rule",
-      NetfilterRule(kTable, kRefuseChain).markOtherThan(marks.mask(), marks.refuse()).accept());
-  addRulesForLaterPackets(changes, kRefuseChain);
+void addRefuseRules(TableChanges& changes, const Selection& selection) {
   addSelection(changes, kRefuseChain, "reject rule", selection,
                [](NetfilterRule& rule, TransportProtocol protocol) {
                  if (protocol == TransportProtocol::tcp) {
@@ -277,9 +277,9 @@ void addOfferChains(TableChanges& changes, const Selection& selection, const Pac
                     bool isLate) {
   const std::int32_t priority = isLate ? kLateOfferPriority : kOfferPriority;
   changes.addChain(kOfferChain, {"filter", TableChanges::Hook::output, priority});
-  changes.addChain(kRefuseChain, {"filter", TableChanges::Hook::output, priority + 1});
+  changes.addChain(kRefuseChain);
   addOfferRules(changes, selection, marks, isLate);
-  addRefuseRules(changes, selection, marks);
+  addRefuseRules(changes, selection);
 }
 
 void addDivertRules(TableChanges& changes, const Selection& selection, const PacketMarks& marks,

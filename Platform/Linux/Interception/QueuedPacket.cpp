@@ -44,12 +44,18 @@ void QueuedPacket::refuse() {
   if (proxy_ && proxy_->hasEnded()) {
     accept();
   } else {
-    acceptMarked(markWith(marks_.refuse()));
+    repeatMarked(markWith(marks_.refuse()));
   }
 }
 
 void QueuedPacket::acceptMarked(std::uint32_t mark) {
   if (queue_->acceptMarked(id_, mark)) {
+    user_->holdEnded();
+  }
+}
+
+void QueuedPacket::repeatMarked(std::uint32_t mark) {
+  if (queue_->repeatMarked(id_, mark)) {
     user_->holdEnded();
   }
 }

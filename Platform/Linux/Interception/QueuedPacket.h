@@ -34,6 +34,7 @@ class QueuedPacket final : public HeldPacket {
 
  private:
   void acceptMarked(std::uint32_t mark);
+  void repeatMarked(std::uint32_t mark);
   void resendMarked(std::uint32_t mark);
   // The packet's mark with our bits replaced.
   std::uint32_t markWith(std::uint32_t bits) const { return (mark_ & ~marks_.mask()) | bits; }

@@ -172,6 +172,19 @@ void PacketQueue::deliver(const nlmsghdr* message,
   handler(packet);
 }
 
+// As in linux/netfilter.h.
+int PacketQueue::codeOf(Fate fate) {
+  switch (fate) {
+    case Fate::accepted:
+      return NF_ACCEPT;
+    case Fate::repeated:
+      return NF_REPEAT;
+    case Fate::dropped:
+      break;
+  }
+  return NF_DROP;
+}
+
 int PacketQueue::sendNow(mnl_socket* socket, const nlmsghdr* message) {
   return ::mnl_socket_sendto(socket, message, message->nlmsg_len) < 0 ? errno : 0;
 }
@@ -203,7 +216,7 @@ bool PacketQueue::replace(std::uint32_t id, const std::function<bool()>& resend)
   if (!claim(id)) {
     return false;
   }
-  send({.id = id, .mark = std::nullopt, .isDropped = resend()});
+  send({.id = id, .mark = std::nullopt, .fate = resend() ? Fate::dropped : Fate::accepted});
   return true;
 }
 
@@ -232,8 +245,7 @@ void PacketQueue::send(const Verdict& verdict) {
 bool PacketQueue::trySend(const Verdict& verdict) {
   alignas(nlmsghdr) MessageBuffer buffer{};
   nlmsghdr* const header = ::nfq_nlmsg_put(buffer.data(), NFQNL_MSG_VERDICT, number_);
-  ::nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id),
-                          verdict.isDropped ? NF_DROP : NF_ACCEPT);
+  ::nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id), codeOf(verdict.fate));
   if (verdict.mark) {
     ::nfq_nlmsg_verdict_put_mark(header, *verdict.mark);
   }

@@ -70,6 +70,10 @@ class PacketQueue {
   // retryUnsent().
   bool accept(std::uint32_t id) { return give({.id = id, .mark = std::nullopt}); }
   bool acceptMarked(std::uint32_t id, std::uint32_t mark) { return give({.id = id, .mark = mark}); }
+  // The same, but the packet passes the chain that has queued it again, with the new mark.
+  bool repeatMarked(std::uint32_t id, std::uint32_t mark) {
+    return give({.id = id, .mark = mark, .fate = Fate::repeated});
+  }
   // Drops the packet if resend() has sent another one in its place and returns true; otherwise
   // accepts it unchanged. resend() is called only if this is the first verdict.
   bool replace(std::uint32_t id, const std::function<bool()>& resend);
@@ -87,11 +91,12 @@ class PacketQueue {
   void retryUnsent();
 
  private:
+  enum class Fate : std::uint8_t { accepted, repeated, dropped };
   // There is at most one per held packet.
   struct Verdict {
     std::uint32_t id = 0;
     std::optional<std::uint32_t> mark;
-    bool isDropped = false;
+    Fate fate = Fate::accepted;
   };
 
   PacketQueue(NetlinkSocket socket, std::uint16_t number, Send send);
@@ -99,6 +104,7 @@ class PacketQueue {
   // Passes the packet to the handler if the message contains one.
   void deliver(const nlmsghdr* message, const std::function<void(const Packet&)>& handler);
   bool give(const Verdict& verdict);
+  static int codeOf(Fate fate);
   // True if the packet has had no verdict yet; the caller must then give one.
   bool claim(std::uint32_t id);
   void send(const Verdict& verdict);

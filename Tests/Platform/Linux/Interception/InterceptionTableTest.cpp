@@ -174,7 +174,7 @@ TEST_F(InterceptionTableTest, ARefusedConnectionIsResetAtOnce) {
   TestListener origin("127.0.0.1", 8000);
   const Connecting application("127.0.0.1", 8000);
   const auto packet = offeredPacket();
-  queue_->acceptMarked(packet.id, kMarks.refuse());
+  queue_->repeatMarked(packet.id, kMarks.refuse());
   EXPECT_EQ(application.connectResult(kSoon), ECONNREFUSED);
 }
 

@@ -164,7 +164,7 @@ TEST(PacketQueueTest, DefersAVerdictThatIsRejectedRepeatedly) {
   }
   queue->accept(packets[0].id);
   // Refused, to check that the mark is kept as well.
-  queue->acceptMarked(packets[1].id, PacketMarks().refuse());
+  queue->repeatMarked(packets[1].id, PacketMarks().refuse());
   queue->retryUnsent();
   EXPECT_EQ(first.connectResult(0ms), EINPROGRESS);
   EXPECT_EQ(second.connectResult(0ms), EINPROGRESS);
