@@ -55,8 +55,8 @@ OVTunnelConnection::OVTunnelConnection(
       onHandshakeEstablished_(std::move(onHandshakeEstablished)),
       onProxyUnavailable_(std::move(onProxyUnavailable)),
       onClose_(std::move(onClose)),
-      connectResponseParser_(std::in_place, std::int64_t{platform::limits::kMaxProxyAnswer},
-                             platform.text()),
+      connectResponseParser_(std::make_unique<ProxyConnectResponseParser>(
+          std::int64_t{platform::limits::kMaxProxyAnswer}, platform.text())),
       handshakeStartedAt_(platform.clock().secondsSince1970()) {}
 
 void OVTunnelConnection::start() {
@@ -162,10 +162,14 @@ std::string OVTunnelConnection::connectionTarget() const {
 }
 
 std::string OVTunnelConnection::connectRequest(const std::string& target) const {
-  return "CONNECT " + target + " HTTP/1.1\r\n" +                      //
-         "Host: " + target + "\r\n" +                                 //
-         "X-Ostravel-App-Id: " + cleanedForHeader(appId_) + "\r\n" +  //
-         "X-Ostravel-Flow-Id: " + cleanedForHeader(flowId_) + "\r\n\r\n";
+  std::string request;
+  // The words of all lines take less than a hundred.
+  request.reserve(2 * target.size() + appId_.size() + flowId_.size() + 100);
+  request.append("CONNECT ").append(target).append(" HTTP/1.1\r\n");
+  request.append("Host: ").append(target).append("\r\n");
+  request.append("X-Ostravel-App-Id: ").append(cleanedForHeader(appId_)).append("\r\n");
+  request.append("X-Ostravel-Flow-Id: ").append(cleanedForHeader(flowId_)).append("\r\n\r\n");
+  return request;
 }
 
 void OVTunnelConnection::readConnectResponse() {

@@ -116,7 +116,7 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   std::atomic<bool> didStartHandshake_ = false;
   std::atomic<bool> didEstablishHandshake_ = false;
   // Until the handshake has succeeded.
-  std::optional<ProxyConnectResponseParser> connectResponseParser_;
+  std::unique_ptr<ProxyConnectResponseParser> connectResponseParser_;
   double handshakeStartedAt_;
   // For a debugger or a crash report only: the connection that was passed in decides where the
   // tunnel leads.

@@ -22,6 +22,10 @@ void StateObservers::remove(const KeyValueObserver& observer) {
   if (found != registrations_.end()) {
     registrations_.erase(found);
   }
+  if (registrations_.empty()) {
+    // A connection lives much longer than its last observer.
+    registrations_ = {};
+  }
 }
 
 void StateObservers::notify(TCPConnection& connection) {

@@ -22,7 +22,12 @@ std::string keyOf(const std::string& owner, std::string_view name) {
 std::string keyOf(const std::string& owner, const SocketEndpoint& address) {
   const std::string_view bytes(reinterpret_cast<const char*>(address.address.data()),
                                address.address.size());
-  return (owner + kSeparator + (address.family == AddressFamily::ipv4 ? '4' : '6')).append(bytes);
+  std::string key;
+  key.reserve(owner.size() + 2 + bytes.size());
+  key.append(owner).push_back(kSeparator);
+  key.push_back(address.family == AddressFamily::ipv4 ? '4' : '6');
+  key.append(bytes);
+  return key;
 }
 
 bool isReachable(const SocketEndpoint& endpoint) {

@@ -21,7 +21,7 @@ LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string 
     : tuple_(tuple),
       identifier_(std::move(identifier)),
       remote_(std::move(remote)),
-      name_(std::move(name)),
+      name_(name ? std::make_unique<FlowName>(*std::move(name)) : nullptr),
       packet_(std::move(packet)),
       record_(std::move(record)),
       stream_(loop, *this, std::move(user), record_.get()) {}

@@ -79,8 +79,8 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   Stage stage_ = Stage::held;
   const std::string identifier_;
   const platform::HostEndpoint remote_;
-  // Changed by open() only.
-  std::optional<FlowName> name_;
+  // Null if there is none, as for most flows. Changed by open() only.
+  std::unique_ptr<FlowName> name_;
   std::unique_ptr<HeldPacket> packet_;
   const std::shared_ptr<FlowRecord> record_;
   StreamSocket stream_;

@@ -107,6 +107,11 @@ OptionalError StreamWriter::describeResult(int error) {
 
 void StreamWriter::finishLater(OptionalError error) {
   progress_ = Progress::finishing;
+  if (!error) {
+    // The usual case, without room for an error: needs no allocation.
+    stream_.loop.post(stream_.later(*this, [](StreamWriter& self) { self.finish(std::nullopt); }));
+    return;
+  }
   stream_.loop.post(stream_.later(*this, [error = std::move(error)](StreamWriter& self) mutable {
     self.finish(std::move(error));
   }));

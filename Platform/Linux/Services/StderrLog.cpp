@@ -37,7 +37,8 @@ std::string linePrefix(LogLevel level) {
   text += '.';
   appendPadded(text, static_cast<unsigned>(fraction.count()), kMillisecondDigits);
   const std::string_view name = nameOf(level);
-  return text.append("Z ").append(name).append(kLevelWidth + 1 - name.size(), ' ');
+  text.append("Z ").append(name).append(kLevelWidth + 1 - name.size(), ' ');
+  return text;
 }
 
 }  // namespace
