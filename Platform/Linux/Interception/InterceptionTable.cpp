@@ -232,9 +232,9 @@ void addOfferRules(TableChanges& changes, const Selection& selection, const Pack
   addRulesForLaterPackets(changes, kOfferChain);
   // A packet that is refused passes this chain again (PacketQueue::repeatMarked). A base chain of
   // its own would cost every packet of the machine another hook.
-  changes.add("jump rule", NetfilterRule(kTable, kOfferChain)
-                               .mark(marks.mask(), marks.refuse())
-                               .jump(kRefuseChain));
+  changes.add(
+      "jump rule",
+      NetfilterRule(kTable, kOfferChain).mark(marks.mask(), marks.refuse()).jump(kRefuseChain));
   // Our own packets, and those of programs that use our mark bits for other purposes.
   changes.add("mark rule",
               NetfilterRule(kTable, kOfferChain).markOtherThan(marks.mask(), 0).accept());

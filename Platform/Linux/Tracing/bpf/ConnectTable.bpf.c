@@ -518,8 +518,8 @@ SECTION("cgroup/connect6") int connect6(struct Connect* context) {
   return prepare(context);
 }
 
-// Precedes the effect of a new state: a new listener is counted before it can be reached. The states
-// of accepted connections also change from listening, but not to closed.
+// Precedes the effect of a new state: a new listener is counted before it can be reached. The
+// states of accepted connections also change from listening, but not to closed.
 SECTION("tp_btf/inet_sock_set_state") int changeState(u64* arguments) {
   const int before = (int)arguments[1];
   const int after = (int)arguments[2];
