@@ -210,8 +210,7 @@ def live(laboratory):
 def test_live_names_its_page_if_asked(laboratory):
     live = Live(laboratory, "--web")
     live.wait_until_started()
-    output = live.program.output.since()
-    assert any("http://127.0.0.1:8090/?token=" in line for line in output)
+    live.program.expect(live.program.output, "http://127.0.0.1:8090/?token=")
     assert live.program.stop() == 0
     live.assert_nothing_is_left()
 

@@ -1,5 +1,6 @@
 """The main job in the network namespace of its caller, in the foreground, until it is ended."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -28,6 +29,8 @@ PAGE_IS = "the live page is"
 LOGIN_SETTINGS = "/etc/login.defs"
 # The programs promise to end within two seconds.
 END_SECONDS = 5
+# A request to end may be noticed so late.
+NOTICE_SECONDS = 0.5
 # The last event is on its way when the extension has ended.
 LAST_EVENT_SECONDS = 2
 
@@ -170,7 +173,13 @@ class Live:
         self.introduce(other, answer)
         self.is_introduced = True
         self.introduction.set()
-        return self.reasons.get()
+        return self.wait_for_reason()
+
+    def wait_for_reason(self):
+        # A signal that arrives just before the wait begins does not interrupt it.
+        while True:
+            with contextlib.suppress(queue.Empty):
+                return self.reasons.get(timeout=NOTICE_SECONDS)
 
     def show_event(self, line):
         self.introduction.wait()
