@@ -50,10 +50,10 @@ FleetSubscriber::FleetSubscriber(asio::io_context& ioContext, Options options)
 
 FleetSubscriber::~FleetSubscriber() {
   {
-    const std::lock_guard lock(mutex_);
-    isEnding_ = true;
+    const std::lock_guard lock(ending_->mutex);
+    ending_->hasBegun = true;
   }
-  wakeUp_.notify_one();
+  ending_->wakeUp.notify_one();
   thread_.join();
 }
 
@@ -210,22 +210,23 @@ void FleetSubscriber::deliver(std::vector<FleetMessage> batch) {
     bool isDone = false;
   };
   const auto delivery = std::make_shared<Delivery>(Delivery{.batch = std::move(batch)});
-  asio::post(ioContext_, [this, delivery] {
+  asio::post(ioContext_, [this, ending = ending_, delivery] {
     {
-      const std::lock_guard lock(mutex_);
-      if (isEnding_) {
+      const std::lock_guard lock(ending->mutex);
+      if (ending->hasBegun) {
+        // This object may no longer be there.
         return;
       }
     }
     for (const FleetMessage& message : delivery->batch) {
       options_.event(message);
     }
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(ending->mutex);
     delivery->isDone = true;
-    wakeUp_.notify_one();
+    ending->wakeUp.notify_one();
   });
-  std::unique_lock lock(mutex_);
-  wakeUp_.wait(lock, [this, &delivery] { return delivery->isDone || isEnding_; });
+  std::unique_lock lock(ending_->mutex);
+  ending_->wakeUp.wait(lock, [this, &delivery] { return delivery->isDone || ending_->hasBegun; });
 }
 
 void FleetSubscriber::report(const std::string& text) {
@@ -235,13 +236,13 @@ void FleetSubscriber::report(const std::string& text) {
 }
 
 void FleetSubscriber::pause() {
-  std::unique_lock lock(mutex_);
-  wakeUp_.wait_for(lock, kPause, [this] { return isEnding_; });
+  std::unique_lock lock(ending_->mutex);
+  ending_->wakeUp.wait_for(lock, kPause, [this] { return ending_->hasBegun; });
 }
 
 bool FleetSubscriber::isEnding() const {
-  const std::lock_guard lock(mutex_);
-  return isEnding_;
+  const std::lock_guard lock(ending_->mutex);
+  return ending_->hasBegun;
 }
 
 }  // namespace ostravel::companion

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -38,7 +39,7 @@ class FleetSubscriber {
   };
 
   // Throws std::runtime_error with a readable reason if an option is wrong. The io_context outlives
-  // this object.
+  // this object, which is destroyed on its thread or while it does not run.
   FleetSubscriber(asio::io_context& ioContext, Options options);
   ~FleetSubscriber();
   FleetSubscriber(const FleetSubscriber&) = delete;
@@ -73,9 +74,13 @@ class FleetSubscriber {
   std::map<std::string, std::uint64_t> dropped_;
   std::string reported_;
 
-  mutable std::mutex mutex_;
-  std::condition_variable wakeUp_;
-  bool isEnding_ = false;
+  // Shared with what is still posted to the io_context at the end.
+  struct Ending {
+    std::mutex mutex;
+    std::condition_variable wakeUp;
+    bool hasBegun = false;
+  };
+  const std::shared_ptr<Ending> ending_ = std::make_shared<Ending>();
 
   std::thread thread_;  // last, because it uses all of them
 };

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <asio/io_context.hpp>
+#include <chrono>
 #include <memory>
 #include <thread>
 
@@ -13,6 +15,8 @@
 
 namespace ostravel::companion::test {
 namespace {
+
+using namespace std::chrono_literals;
 
 class FleetSubscriberTest : public ::testing::Test {
  protected:
@@ -51,6 +55,26 @@ TEST_F(FleetSubscriberTest, ShowsEventsFromNowOn) {
   machine->publish(messageNumber(2));
   receiver.waitFor(1);
   EXPECT_EQ(receiver.messages().front(), messageNumber(2));
+}
+
+TEST_F(FleetSubscriberTest, LeavesNothingToDoForAnIOContextThatGoesOn) {
+  const std::unique_ptr<FleetPublisher> machine = publisher();
+  machine->publish(messageNumber(1));
+  FleetReceiver(server_.url()).waitFor(1);
+  asio::io_context ioContext;
+  int shown = 0;
+  // Whether the message has been posted can be seen only afterwards.
+  for (auto pause = 1ms; ioContext.poll() == 0; pause *= 2) {
+    ioContext.restart();
+    {
+      const FleetSubscriber subscriber(
+          ioContext, {.server = {.url = server_.url()},
+                      .fromBeginning = true,
+                      .event = [&shown](const FleetMessage& /*message*/) { ++shown; }});
+      std::this_thread::sleep_for(pause);
+    }
+  }
+  EXPECT_EQ(shown, 0);
 }
 
 TEST_F(FleetSubscriberTest, ContinuesWhereItWasWhenTheServerIsBack) {
