@@ -112,7 +112,9 @@ void HistoryChecker::consumeProvider(const HistoryEvent& event) {
   if (event.kind == HistoryKind::providerStopped || event.kind == HistoryKind::providerReleased) {
     for (Flow& flow : flows_) {
       flow.mayVanish = true;
-      if (flow.tunnel && flow.forgottenInStep == 0) {
+      // A stop that preempts an offer comes before its tunnel is registered, and does not forget
+      // it.
+      if (flow.tunnel && flow.forgottenInStep == 0 && !wasPreempted_) {
         flow.forgottenInStep = step_;
       }
     }

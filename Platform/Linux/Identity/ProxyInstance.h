@@ -57,7 +57,7 @@ class ProxyInstance {
 
   // For a port without a listener.
   explicit ProxyInstance(std::shared_ptr<Port> port)
-      : ProxyInstance(ProcessLife(0, 0), 0, std::move(port)) {}
+      : ProxyInstance(ProcessLife(), 0, std::move(port)) {}
 
   // True if every connection to the port since the offer was made to this listening socket.
   bool isListening() const { return port_->isHeldBy(listener_); }

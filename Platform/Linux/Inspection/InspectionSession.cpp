@@ -41,10 +41,11 @@ bool sendMessage(int connection, std::string message, const ProcessLife& life) {
 
 template <typename Value>
 bool take(std::optional<Value> found, Value& place) {
-  if (found) {
+  const bool isFound = found.has_value();
+  if (isFound) {
     place = *std::move(found);
   }
-  return found.has_value();
+  return isFound;
 }
 
 }  // namespace
