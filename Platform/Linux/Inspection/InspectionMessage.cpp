@@ -83,7 +83,9 @@ class Reader {
   void read(Number auto& number) {
     const auto bytes = take(sizeof number);
     // Invalid messages are not used.
-    std::memcpy(&number, bytes.data(), bytes.size());
+    if (isValid_) {
+      std::memcpy(&number, bytes.data(), sizeof number);
+    }
   }
   void read(bool& value) {
     std::uint8_t number = 0;

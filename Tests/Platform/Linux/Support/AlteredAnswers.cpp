@@ -78,7 +78,7 @@ ssize_t AlteredAnswers::receive(int descriptor, char* buffer, std::size_t size) 
     return -1;
   }
   const std::size_t length = std::min(size, answer.bytes.size());
-  std::memcpy(buffer, answer.bytes.data(), length);
+  std::copy_n(answer.bytes.begin(), length, buffer);
   return static_cast<ssize_t>(length);
 }
 
