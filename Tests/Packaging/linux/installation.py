@@ -543,7 +543,7 @@ def check_applications(machine, package):
         # A busy machine may give up looking for a process.
         eventually(identifier, lambda identifier=identifier, command=command: machine.run(
             *command) is not None and re.search(
-                rf"closed +{identifier} {THERE}", machine.run("ostravelctl", "flows")))
+                rf"closed +{identifier} +{THERE}", machine.run("ostravelctl", "flows")))
     say("applications of systemd, Flatpak and Podman have their identifiers")
 
 
