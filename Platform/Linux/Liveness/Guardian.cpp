@@ -150,7 +150,7 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
   HangDetector heartbeat(Clock::now(), record.beats());
   HangDetector checks(Clock::now(), record.checks());
   StarvationDetector starvation("/proc/" + std::to_string(extension) + "/task");
-  bool isStarved = false;
+  auto starvedUntil = Clock::time_point::min();
   while (!waitForEnd(HangDetector::kInterval)) {
     const auto now = Clock::now();
     const auto limit = limitOf(record.phase());
@@ -159,11 +159,14 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
     // Observed only while the heartbeat is late.
     if (heartbeat.silence() < limit / 2) {
       starvation.forget();
-      isStarved = false;
+      starvedUntil = Clock::time_point::min();
       continue;
     }
-    isStarved = starvation.observe() || isStarved;
-    const auto longest = isStarved ? std::max(limit, Guardian::kStarvedLimit) : limit;
+    if (starvation.observe()) {
+      // Afterwards it has as long as any other process: it may have been stopped since.
+      starvedUntil = now + limit;
+    }
+    const auto longest = now < starvedUntil ? std::max(limit, Guardian::kStarvedLimit) : limit;
     if (isMissing && heartbeat.silence() >= longest) {
       const auto extent = isCheckMissing ? Extent::wholeProcess : Extent::participants;
       kill(describe(record, extent), longest);

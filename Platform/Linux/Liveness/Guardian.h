@@ -33,9 +33,9 @@ class Guardian {
   static constexpr std::chrono::seconds kStartLimit{30};
   static constexpr std::chrono::seconds kRunLimit{1};
   static constexpr std::chrono::seconds kStopLimit{2};
-  // The same for an extension that gets no processor time. New flows are no longer offered then, so
-  // only held ones wait; killing it would reset every tunnel, and any user could cause that with
-  // enough busy processes.
+  // The same for an extension that gets no processor time, at least within the last kRunLimit. New
+  // flows are no longer offered then, so only held ones wait; killing it would reset every tunnel,
+  // and any user could cause that with enough busy processes.
   static constexpr std::chrono::seconds kStarvedLimit{10};
 
   // Forks. Called once, by the process to be guarded, before it has a second thread and before it
