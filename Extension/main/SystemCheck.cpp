@@ -418,11 +418,9 @@ platform::Result<std::string> plannedRules(const CommandLine::Options& options) 
     return std::move(script).error();
   }
   return "# The extension chooses the queue's number and the redirections' ports at its start. It\n"
-         "# puts tcp and udp into the set alive and renews them four times a second. Without "
-         "rules\n"
-         "# of other programs for outgoing packets, the chains offer and refuse are at the "
-         "priority\n"
-         "# mangle; without such rules at the priority raw, there are no chains hide and show.\n" +
+         "# puts tcp and udp into the set alive and renews them four times a second. If no other\n"
+         "# program has rules for outgoing packets, the chain offer is at the priority mangle; if\n"
+         "# none has rules at the priority raw, there are no chains hide and show.\n" +
          *std::move(script) + TranslationTable::script(options.marks) +
          (options.names == NameUse::off ? "" : DNSCopies::script(kExampleQueue));
 }

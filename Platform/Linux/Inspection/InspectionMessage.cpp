@@ -4,6 +4,7 @@
 #include <concepts>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace ostravel::linuxplatform {

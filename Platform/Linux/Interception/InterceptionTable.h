@@ -25,11 +25,11 @@ namespace ostravel::linuxplatform {
 //     set alive      {tcp, udp} with a time-out: without its elements no packet is offered
 //     set rates      users, with the rate of their queued packets
 //     chain offer    output, before or after the filters of other programs: first packets that
-//                    the settings select jump to the next chain
+//                    the settings select jump to the next chain, packets marked as refused to
+//                    refuse
 //     chain hold     queues packets; they pass when nobody reads the queue or their user
 //                    exceeds kPacketsPerSecond
-//     chain refuse   output, directly after offer: packets marked as refused get a reset or port
-//                    unreachable
+//     chain refuse   first packets get a reset or port unreachable
 //     chain divert   nat output: SYNs that carry one of our marks jump to the next chain
 //     chain deliver  sends packets marked for event loop i to that loop's listener
 //
