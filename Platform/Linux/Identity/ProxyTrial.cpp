@@ -278,7 +278,7 @@ std::optional<Process> ProxyTrial::peerOf(const FileDescriptor& connection) {
   if (!answer || !*answer || (*answer)->inode == 0) {
     return std::nullopt;
   }
-  // Each search ends with its first step.
+  // A search is never continued: it gets its whole budget in one step.
   const HolderSearch search{.number = ++searches_,
                             .inode = (*answer)->inode,
                             .first = {},

@@ -28,6 +28,22 @@ constexpr std::size_t kDumpSize = 32768;
 // Limit on the late answers to earlier requests that are skipped; there is hardly ever one.
 constexpr int kMaximumStaleAnswers = 8;
 
+constexpr std::uint16_t typeOf(std::uint16_t message) {
+  return static_cast<std::uint16_t>(NFNL_SUBSYS_CTNETLINK << 8U | message);
+}
+
+// flags: in addition to those of every request.
+nlmsghdr* putRequest(char* buffer, std::uint16_t message, std::uint16_t flags,
+                     std::uint8_t family) {
+  nlmsghdr* const header = ::mnl_nlmsg_put_header(buffer);
+  header->nlmsg_type = typeOf(message);
+  header->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
+  auto& extra = *static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
+  extra.nfgen_family = family;
+  extra.version = NFNETLINK_V0;
+  return header;
+}
+
 void putTuple(nlmsghdr* header, const FlowTuple& flow) {
   nlattr* const tuple = ::mnl_attr_nest_start(header, CTA_TUPLE_ORIG);
   nlattr* const addresses = ::mnl_attr_nest_start(header, CTA_TUPLE_IP);
@@ -46,26 +62,10 @@ void putTuple(nlmsghdr* header, const FlowTuple& flow) {
   ::mnl_attr_nest_end(header, tuple);
 }
 
-// The attributes of interest in one level, by type.
-using Attributes = std::array<const nlattr*, CTA_PROTOINFO + 1>;
-
-int noteAttribute(const nlattr* attribute, void* data) {
-  auto& attributes = *static_cast<Attributes*>(data);
-  const std::uint16_t type = ::mnl_attr_get_type(attribute);
-  if (type < attributes.size()) {
-    attributes[type] = attribute;
-  }
-  return MNL_CB_OK;
-}
-
 // The attribute at a path of nested ones; null if there is none.
 const nlattr* nested(const nlattr* attribute, std::initializer_list<std::uint16_t> path) {
   for (const std::uint16_t type : path) {
-    Attributes inner{};
-    if (attribute != nullptr) {
-      ::mnl_attr_parse_nested(attribute, &noteAttribute, &inner);
-    }
-    attribute = inner.at(type);
+    attribute = attributeIn(attribute, type);
   }
   return attribute;
 }
@@ -112,12 +112,13 @@ std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
   const AddressFamily family = isIPv4 ? AddressFamily::ipv4 : AddressFamily::ipv6;
   const std::uint16_t source = isIPv4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC;
   const std::uint16_t destination = isIPv4 ? CTA_IP_V4_DST : CTA_IP_V6_DST;
-  Attributes attributes{};
-  ::mnl_attr_parse(header, sizeof(nfgenmsg), &noteAttribute, &attributes);
-  const nlattr* const original = attributes[CTA_TUPLE_ORIG];
-  const nlattr* const reply = attributes[CTA_TUPLE_REPLY];
+  const auto attribute = [header](std::uint16_t type) {
+    return attributeOf(*header, sizeof(nfgenmsg), type);
+  };
+  const nlattr* const original = attribute(CTA_TUPLE_ORIG);
+  const nlattr* const reply = attribute(CTA_TUPLE_REPLY);
   const auto state = valueOf<std::uint8_t>(
-      nested(attributes[CTA_PROTOINFO], {CTA_PROTOINFO_TCP, CTA_PROTOINFO_TCP_STATE}));
+      nested(attribute(CTA_PROTOINFO), {CTA_PROTOINFO_TCP, CTA_PROTOINFO_TCP_STATE}));
   if (!state || state == TCP_CONNTRACK_TIME_WAIT) {
     return std::nullopt;
   }
@@ -129,6 +130,8 @@ std::optional<ConntrackEntries::Redirection> ConntrackEntries::redirectionOf(
   }
   return Redirection{{TransportProtocol::tcp, *from, *to}, *arrived};
 }
+
+struct alignas(nlmsghdr) ConntrackEntries::Answer : std::array<char, 1024> {};
 
 OptionalError ConntrackEntries::remove(const FlowTuple& original) {
   return request(IPCTNL_MSG_CT_DELETE, original, [](nlmsghdr* /*request*/) {});
@@ -153,13 +156,9 @@ OptionalError ConntrackEntries::request(std::uint16_t type, const FlowTuple& ori
     return socket_.error();
   }
   alignas(nlmsghdr) std::array<char, 512> request{};
-  nlmsghdr* const header = ::mnl_nlmsg_put_header(request.data());
-  header->nlmsg_type = static_cast<std::uint16_t>(NFNL_SUBSYS_CTNETLINK << 8U | type);
-  header->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  const bool isIPv4 = original.source.family == AddressFamily::ipv4;
+  nlmsghdr* const header = putRequest(request.data(), type, NLM_F_ACK, isIPv4 ? AF_INET : AF_INET6);
   header->nlmsg_seq = ++sequence_;
-  auto& message = *static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
-  message.nfgen_family = original.source.family == AddressFamily::ipv4 ? AF_INET : AF_INET6;
-  message.version = NFNETLINK_V0;
   putTuple(header, original);
   complete(header);
   if (::mnl_socket_sendto(socket_->get(), header, header->nlmsg_len) < 0) {
@@ -169,22 +168,52 @@ OptionalError ConntrackEntries::request(std::uint16_t type, const FlowTuple& ori
   return error == 0 ? std::nullopt : OptionalError(requestFailed(error));
 }
 
-int ConntrackEntries::receiveResult() {
+const nlmsghdr* ConntrackEntries::receive(Answer& answer) {
   for (int count = 0; count < kMaximumStaleAnswers; ++count) {
-    alignas(nlmsghdr) std::array<char, 1024> answer;
     const auto received = ::mnl_socket_recvfrom(socket_->get(), answer.data(), answer.size());
     if (received < 0) {
-      return errno;
+      return nullptr;
+    }
+    if (completeSize(answer.data(), received) == 0) {
+      errno = EPROTO;
+      return nullptr;
     }
     const auto* const reply = reinterpret_cast<const nlmsghdr*>(answer.data());
-    if (completeSize(answer.data(), received) == 0) {
-      return EPROTO;
-    }
     if (reply->nlmsg_seq == sequence_) {
-      return resultOf(*reply);
+      return reply;
     }
   }
-  return ETIMEDOUT;
+  errno = ETIMEDOUT;
+  return nullptr;
+}
+
+int ConntrackEntries::receiveResult() {
+  Answer answer;
+  const nlmsghdr* const reply = receive(answer);
+  return reply == nullptr ? errno : resultOf(*reply);
+}
+
+std::optional<ConntrackEntries::Usage> ConntrackEntries::usage() {
+  if (!socket_) {
+    return std::nullopt;
+  }
+  alignas(nlmsghdr) std::array<char, 64> request{};
+  nlmsghdr* const header = putRequest(request.data(), IPCTNL_MSG_CT_GET_STATS, 0, AF_UNSPEC);
+  header->nlmsg_seq = ++sequence_;
+  if (::mnl_socket_sendto(socket_->get(), header, header->nlmsg_len) < 0) {
+    return std::nullopt;
+  }
+  Answer answer;
+  const nlmsghdr* const reply = receive(answer);
+  if (reply == nullptr || reply->nlmsg_type != typeOf(IPCTNL_MSG_CT_GET_STATS)) {
+    return std::nullopt;
+  }
+  const auto numberOf = [reply](std::uint16_t type) {
+    return networkNumberOf(attributeOf(*reply, sizeof(nfgenmsg), type));
+  };
+  const auto count = numberOf(CTA_STATS_GLOBAL_ENTRIES);
+  const auto limit = numberOf(CTA_STATS_GLOBAL_MAX_ENTRIES);
+  return count && limit ? std::optional(Usage{*count, *limit}) : std::nullopt;
 }
 
 std::size_t ConntrackEntries::removeDeadRedirections(const IsListened& isListened) {
@@ -212,12 +241,8 @@ std::vector<ConntrackEntries::Redirection> ConntrackEntries::redirections() {
     return found;
   }
   alignas(nlmsghdr) std::array<char, 64> request{};
-  nlmsghdr* const header = ::mnl_nlmsg_put_header(request.data());
-  header->nlmsg_type = NFNL_SUBSYS_CTNETLINK << 8U | IPCTNL_MSG_CT_GET;
-  header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  auto& message = *static_cast<nfgenmsg*>(::mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
-  message.nfgen_family = AF_UNSPEC;
-  message.version = NFNETLINK_V0;
+  const nlmsghdr* const header =
+      putRequest(request.data(), IPCTNL_MSG_CT_GET, NLM_F_DUMP, AF_UNSPEC);
   if (::mnl_socket_sendto(socket->get(), header, header->nlmsg_len) < 0) {
     return found;
   }

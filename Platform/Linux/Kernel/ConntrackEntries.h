@@ -31,6 +31,14 @@ class ConntrackEntries {
   // before; this call prevents that. Errors as for remove().
   platform::OptionalError allowReopening(const FlowTuple& original);
 
+  struct Usage {
+    std::uint32_t count = 0;
+    std::uint32_t limit = 0;
+  };
+  // How many entries there are in this network namespace, and the limit on them (Linux 4.18). Empty
+  // if the kernel does not say.
+  std::optional<Usage> usage();
+
   // Deletes the entries of all TCP connections that were redirected to a loopback address without a
   // listener: a new connection with the same addresses and ports would be refused there. Returns
   // how many there were. isListened returns true if the address has a listener.
@@ -47,11 +55,15 @@ class ConntrackEntries {
   // Adds the attributes that follow the tuple to a request.
   using Complete = void (*)(nlmsghdr* request);
 
+  struct Answer;
+
   platform::OptionalError request(std::uint16_t type, const FlowTuple& original, Complete complete);
   static std::optional<Redirection> redirectionOf(const nlmsghdr* entry);
   // Incomplete if reading the table fails.
   static std::vector<Redirection> redirections();
 
+  // The answer to the last request; null after an error, which errno then contains.
+  const nlmsghdr* receive(Answer& answer);
   // The result of the last request.
   int receiveResult();
 

@@ -1,7 +1,10 @@
 #pragma once
 
-#include <string>
+#include <functional>
+#include <optional>
 #include <utility>
+
+#include "Platform/Linux/Kernel/ConntrackEntries.h"
 
 namespace ostravel::linuxplatform {
 
@@ -9,16 +12,18 @@ namespace ostravel::linuxplatform {
 // one thread at a time.
 class ConntrackRoom {
  public:
-  // folder: contains nf_conntrack_count and nf_conntrack_max.
-  explicit ConntrackRoom(std::string folder = "/proc/sys/net/netfilter")
-      : folder_(std::move(folder)) {}
+  using Read = std::function<std::optional<ConntrackEntries::Usage>()>;
+
+  // Asks the kernel, whose files about it are hidden from a sandboxed service.
+  ConntrackRoom();
+  explicit ConntrackRoom(Read read) : read_(std::move(read)) {}
 
   // False from the moment when nine tenths of the entries are in use until less than three quarters
   // are. True if the kernel reports no limit.
   bool operator()();
 
  private:
-  std::string folder_;
+  Read read_;
   bool isThere_ = true;
 };
 

@@ -6,8 +6,10 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <optional>
+#include <string>
 
 namespace ostravel::linuxplatform {
 
@@ -26,6 +28,14 @@ const Part* fixedPart(const nlmsghdr& message) {
              : static_cast<const Part*>(::mnl_nlmsg_get_payload(&message));
 }
 
+// The first attribute of a type after the fixed part, or in a nest of attributes; null if there is
+// none, or no nest (null).
+const nlattr* attributeOf(const nlmsghdr& message, std::size_t fixedSize, std::uint16_t type);
+const nlattr* attributeIn(const nlattr* nest, std::uint16_t type);
+
+// The text of an attribute, up to a zero; empty if there is no attribute (null).
+std::optional<std::string> textOf(const nlattr* attribute);
+
 // The value of an attribute; empty if there is no attribute (null), or if it is too short.
 template <typename Value>
 std::optional<Value> valueOf(const nlattr* attribute) {
@@ -36,6 +46,9 @@ std::optional<Value> valueOf(const nlattr* attribute) {
   std::memcpy(&value, ::mnl_attr_get_payload(attribute), sizeof value);
   return value;
 }
+
+// The same for a number in network byte order.
+std::optional<std::uint32_t> networkNumberOf(const nlattr* attribute);
 
 // The result of a request: 0 or an errno. EPROTO if the message does not contain one.
 int resultOf(const nlmsghdr& message);

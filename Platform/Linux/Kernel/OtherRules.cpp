@@ -2,14 +2,14 @@
 
 #include <arpa/inet.h>  // must precede <linux/in.h> (linux/libc-compat.h)
 #include <libmnl/libmnl.h>
-#include <libnftnl/chain.h>
 #include <libnftnl/common.h>
-#include <libnftnl/gen.h>
 #include <libnftnl/rule.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter_ipv4.h>
 
+#include <cerrno>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -24,7 +24,6 @@ namespace ostravel::linuxplatform {
 
 namespace {
 
-using Chain = std::unique_ptr<nftnl_chain, decltype(&::nftnl_chain_free)>;
 using Rule = std::unique_ptr<nftnl_rule, decltype(&::nftnl_rule_free)>;
 
 constexpr std::size_t kBufferSize = std::size_t{32} * 1024;
@@ -38,15 +37,25 @@ bool isOurs(std::string_view table) {
   return table == kOurTables || (table.starts_with(kOurTables) && table[kOurTables.size()] == '-');
 }
 
+constexpr OtherRules::Findings kWorst{.onOutput = true, .atRaw = true};
+
 // The names of the loaded legacy tables. Whether they have rules is not known.
 OtherRules::Findings findLegacyTables() {
   OtherRules::Findings findings;
-  for (const char* const path : {"/proc/net/ip_tables_names", "/proc/net/ip6_tables_names"}) {
+  // Under /proc/self: a sandboxed service may see nothing else of /proc.
+  for (const char* const path :
+       {"/proc/self/net/ip_tables_names", "/proc/self/net/ip6_tables_names"}) {
     std::ifstream names(path);
+    if (!names.is_open() && errno != ENOENT) {
+      return kWorst;
+    }
     for (std::string name; std::getline(names, name);) {
       // Every one has a chain for outgoing packets.
       findings.onOutput = true;
       findings.atRaw |= name == "raw";
+    }
+    if (names.bad()) {
+      return kWorst;
     }
   }
   return findings;
@@ -54,8 +63,11 @@ OtherRules::Findings findLegacyTables() {
 
 // A chain that sees packets which matter to us.
 struct RelevantChain {
-  Chain chain;
+  std::string table;
+  std::string name;
+  std::uint8_t family;
   bool isOnOutput;
+  bool dropsByDefault;
 };
 
 bool isNearRaw(std::int32_t priority) {
@@ -67,20 +79,34 @@ bool isOfIP(std::uint32_t family) {
   return family == NFPROTO_INET || family == NFPROTO_IPV4 || family == NFPROTO_IPV6;
 }
 
+// libnftnl(3) would end the process if the kernel described a chain in an unexpected way.
 // relevant: std::vector<RelevantChain>
 int noteChain(const nlmsghdr* header, void* relevant) {
-  Chain chain(allocated(::nftnl_chain_alloc()), &::nftnl_chain_free);
-  if (::nftnl_chain_nlmsg_parse(header, chain.get()) != 0 ||
-      !::nftnl_chain_is_set(chain.get(), NFTNL_CHAIN_HOOKNUM) ||
-      !isOfIP(::nftnl_chain_get_u32(chain.get(), NFTNL_CHAIN_FAMILY)) ||
-      isOurs(::nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_TABLE))) {
+  const auto attribute = [header](std::uint16_t type) {
+    return attributeOf(*header, sizeof(nfgenmsg), type);
+  };
+  const auto* const message = fixedPart<nfgenmsg>(*header);
+  auto table = textOf(attribute(NFTA_CHAIN_TABLE));
+  auto name = textOf(attribute(NFTA_CHAIN_NAME));
+  if (message == nullptr || !table || !name) {
+    return MNL_CB_ERROR;
+  }
+  const nlattr* const hook = attribute(NFTA_CHAIN_HOOK);
+  // Packets reach a chain without a hook only through rules of others.
+  if (hook == nullptr || !isOfIP(message->nfgen_family) || isOurs(*table)) {
     return MNL_CB_OK;
   }
-  const std::uint32_t hook = ::nftnl_chain_get_u32(chain.get(), NFTNL_CHAIN_HOOKNUM);
-  const bool isOnOutput = hook == NF_INET_LOCAL_OUT;
-  if (isOnOutput || (hook == NF_INET_PRE_ROUTING &&
-                     isNearRaw(::nftnl_chain_get_s32(chain.get(), NFTNL_CHAIN_PRIO)))) {
-    static_cast<std::vector<RelevantChain>*>(relevant)->push_back({std::move(chain), isOnOutput});
+  const auto place = networkNumberOf(attributeIn(hook, NFTA_HOOK_HOOKNUM));
+  const auto priority = networkNumberOf(attributeIn(hook, NFTA_HOOK_PRIORITY));
+  if (!place || !priority) {
+    return MNL_CB_ERROR;
+  }
+  const bool isOnOutput = place == NF_INET_LOCAL_OUT;
+  if (isOnOutput ||
+      (place == NF_INET_PRE_ROUTING && isNearRaw(static_cast<std::int32_t>(*priority)))) {
+    static_cast<std::vector<RelevantChain>*>(relevant)->push_back(
+        {*std::move(table), *std::move(name), message->nfgen_family, isOnOutput,
+         networkNumberOf(attribute(NFTA_CHAIN_POLICY)) == NF_DROP});
   }
   return MNL_CB_OK;
 }
@@ -93,12 +119,8 @@ int noteRule(const nlmsghdr* /*header*/, void* isThere) {
 
 // number: std::optional<std::uint32_t>
 int noteGeneration(const nlmsghdr* header, void* number) {
-  const std::unique_ptr<nftnl_gen, decltype(&::nftnl_gen_free)> generation(
-      allocated(::nftnl_gen_alloc()), &::nftnl_gen_free);
-  if (::nftnl_gen_nlmsg_parse(header, generation.get()) == 0) {
-    *static_cast<std::optional<std::uint32_t>*>(number) =
-        ::nftnl_gen_get_u32(generation.get(), NFTNL_GEN_ID);
-  }
+  *static_cast<std::optional<std::uint32_t>*>(number) =
+      networkNumberOf(attributeOf(*header, sizeof(nfgenmsg), NFTA_GEN_ID));
   return MNL_CB_STOP;
 }
 
@@ -135,17 +157,15 @@ class Request {
 };
 
 // Empty if the kernel does not say.
-std::optional<bool> hasRules(mnl_socket* socket, const nftnl_chain& chain, std::uint32_t sequence) {
-  if (::nftnl_chain_get_u32(&chain, NFTNL_CHAIN_POLICY) == NF_DROP) {
+std::optional<bool> hasRules(mnl_socket* socket, const RelevantChain& chain,
+                             std::uint32_t sequence) {
+  if (chain.dropsByDefault) {
     return true;
   }
   const Rule rule(allocated(::nftnl_rule_alloc()), &::nftnl_rule_free);
-  requireCopied(::nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE,
-                                     ::nftnl_chain_get_str(&chain, NFTNL_CHAIN_TABLE)));
-  requireCopied(::nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN,
-                                     ::nftnl_chain_get_str(&chain, NFTNL_CHAIN_NAME)));
-  const auto family = static_cast<std::uint16_t>(::nftnl_chain_get_u32(&chain, NFTNL_CHAIN_FAMILY));
-  Request request(NFT_MSG_GETRULE, family, NLM_F_DUMP, sequence);
+  requireCopied(::nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE, chain.table.c_str()));
+  requireCopied(::nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN, chain.name.c_str()));
+  Request request(NFT_MSG_GETRULE, chain.family, NLM_F_DUMP, sequence);
   ::nftnl_rule_nlmsg_build_payload(request.header(), rule.get());
   bool isThere = false;
   if (!request.run(socket, noteRule, &isThere)) {
@@ -169,7 +189,7 @@ OtherRules::Findings OtherRules::find() {
       return *findings;
     }
   }
-  return {.onOutput = true, .atRaw = true};
+  return kWorst;
 }
 
 std::optional<OtherRules::Findings> OtherRules::findOnce() {
@@ -179,26 +199,24 @@ std::optional<OtherRules::Findings> OtherRules::findOnce() {
   if (!request.run(socket_.get(), noteChain, &relevant)) {
     return std::nullopt;
   }
-  for (const auto& [chain, isOnOutput] : relevant) {
-    const auto isThere = hasRules(socket_.get(), *chain, ++sequence_);
+  for (const RelevantChain& chain : relevant) {
+    const auto isThere = hasRules(socket_.get(), chain, ++sequence_);
     if (!isThere) {
       return std::nullopt;
     }
-    (isOnOutput ? findings.onOutput : findings.atRaw) |= *isThere;
+    (chain.isOnOutput ? findings.onOutput : findings.atRaw) |= *isThere;
   }
   return findings;
 }
 
 bool OtherRules::mayHaveChanged() {
   const auto legacy = findLegacyTables();
-  const bool hasLegacyTables = legacy.onOutput || legacy.atRaw;
   const auto all = generation();
   // Our own changes are counted when they are complete: while one is being made, the difference may
   // be wrong, but then it differs from the next one.
   const auto others = all ? std::optional(*all - NetfilterBatch::commitCount()) : std::nullopt;
-  const bool result = !others || others != otherChanges_ || hasLegacyTables || hadLegacyTables_;
+  const bool result = !others || others != otherChanges_ || legacy.onOutput || legacy.atRaw;
   otherChanges_ = others;
-  hadLegacyTables_ = hasLegacyTables;
   return result;
 }
 

@@ -28,8 +28,9 @@ class OtherRules {
   // Assumes the worst if the kernel does not say.
   Findings find();
 
-  // False if there is certainly no change since the previous call but those of this process. The
-  // first call returns true.
+  // False if other programs have certainly added nothing since the previous call. The first call
+  // returns true, and so does every call while there are legacy tables, whose changes are not
+  // counted.
   bool mayHaveChanged();
 
  private:
@@ -41,7 +42,6 @@ class OtherRules {
   const NetlinkSocket socket_;
   std::uint32_t sequence_ = 0;
   std::optional<std::uint32_t> otherChanges_;
-  bool hadLegacyTables_ = false;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -18,7 +18,8 @@ std::optional<QueueCounters> QueueCounters::read(std::uint16_t queue) {
 // identifier, 1.
 std::optional<QueueCounters> QueueCounters::parse(std::string_view text, std::uint16_t queue) {
   std::istringstream lines{std::string(text)};
-  for (std::string line; std::getline(lines, line);) {
+  // A line without an end is incomplete: its numbers may be as well.
+  for (std::string line; std::getline(lines, line) && !lines.eof();) {
     std::istringstream columns(line);
     std::uint64_t number = 0;
     std::uint64_t ignored = 0;

@@ -47,7 +47,7 @@ class TableChanges {
   void addChain(const char* name) { addChain(name, nullptr); }
   // A chain of a hook, which accepts packets that its rules do not decide.
   void addChain(const char* name, const Base& base) { addChain(name, &base); }
-  // With its rules. Another one of this name may be added afterwards.
+  // Also removes its rules. A chain of the same name may be added afterwards.
   void removeChain(const char* name);
   // change: what a failure of the batch calls it.
   void add(std::string change, const ExpiringSet& set);

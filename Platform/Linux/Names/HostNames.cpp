@@ -61,10 +61,11 @@ SocketEndpoint withoutPort(SocketEndpoint endpoint) {
 
 }  // namespace
 
-HostNames::Owner::Owner(std::optional<uid_t> user, std::string_view identifier)
-    : user_(user), key_(user ? std::to_string(*user) + kSeparator : std::string()) {
+HostNames::Owner::Owner(std::optional<uid_t> user, std::string_view identifier) : user_(user) {
   if (user) {
-    key_.append(identifier);
+    const std::string number = std::to_string(*user);
+    key_.reserve(number.size() + 1 + identifier.size());
+    key_.append(number).append(1, kSeparator).append(identifier);
   }
 }
 

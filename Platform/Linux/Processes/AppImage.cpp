@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstddef>
 #include <sstream>
@@ -21,18 +22,19 @@ constexpr std::size_t kMaximumSize = 256 * 1024;
 constexpr std::size_t kMaximumNameSize = 255;
 constexpr std::string_view kSuffix = ".appimage";
 
+// Complete lines: part of one could show another user.
 std::string beginningOf(const std::string& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  std::string content(kMaximumSize, '\0');
-  std::size_t size = 0;
-  while (file.isOpen() && size < content.size()) {
-    const auto length = ::read(file.get(), content.data() + size, content.size() - size);
+  std::string content;
+  std::array<char, 4096> block;
+  while (file.isOpen() && content.size() < kMaximumSize) {
+    const auto length = ::read(file.get(), block.data(), block.size());
     if (length <= 0) {
       break;
     }
-    size += static_cast<std::size_t>(length);
+    content.append(block.data(), static_cast<std::size_t>(length));
   }
-  content.resize(size);
+  content.resize(content.rfind('\n') + 1);
   return content;
 }
 

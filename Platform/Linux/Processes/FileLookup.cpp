@@ -47,8 +47,10 @@ std::optional<std::uint64_t> numberAfter(std::string_view text, std::string_view
   }
   text.remove_prefix(found + name.size());
   std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc() ? std::optional(number) : std::nullopt;
+  const char* const textEnd = text.data() + text.size();
+  const auto [end, error] = std::from_chars(text.data(), textEnd, number);
+  // At the end of the text, digits may be missing.
+  return error == std::errc() && end != textEnd ? std::optional(number) : std::nullopt;
 }
 
 // The kernel answers this itself (proc_pid_fdinfo(5), Linux 5.14), whereas stat(2) asks the file

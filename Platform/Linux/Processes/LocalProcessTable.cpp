@@ -8,6 +8,8 @@
 #include <array>
 #include <charconv>
 #include <climits>
+#include <cstddef>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -50,23 +52,22 @@ std::optional<std::string> linkTarget(const std::string& path) {
   return std::string(target.data(), static_cast<std::size_t>(length));
 }
 
-// The number at the beginning of text.
+// The number at the beginning of text; empty if there is none.
 template <typename Number>
-Number numberIn(std::string_view text) {
+std::optional<Number> numberIn(std::string_view text) {
   Number number{};
-  std::from_chars(text.data(), text.data() + text.size(), number);
-  return number;
+  const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
+  return parsed.ec == std::errc() ? std::optional(number) : std::nullopt;
 }
 
-// The remainder of the line that starts with prefix.
+// The remainder of the complete line that starts with prefix.
 std::string_view lineAfter(std::string_view text, std::string_view prefix) {
-  while (!text.empty()) {
-    const auto end = text.find('\n');
+  for (auto end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
     const std::string_view line = text.substr(0, end);
     if (line.starts_with(prefix)) {
       return line.substr(prefix.size());
     }
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    text.remove_prefix(end + 1);
   }
   return {};
 }
@@ -89,18 +90,24 @@ std::optional<ProcessStamp> programStampOf(pid_t pid) {
   if (!text) {
     return std::nullopt;
   }
-  // The name in parentheses may contain anything; field 3 follows it.
+  // The name in parentheses may contain anything, also line breaks; field 3 follows it. Without a
+  // line break at the end, it may be cut short.
   const auto nameEnd = text->rfind(')');
-  if (nameEnd == std::string::npos || nameEnd + 2 > text->size()) {
+  if (nameEnd == std::string::npos || text->find('\n', nameEnd) != text->size() - 1) {
     return std::nullopt;
   }
   constexpr int kFirstField = 3;
   constexpr int kStartTime = 22;
   constexpr int kStackStart = 28;
   const std::string_view fields = std::string_view(*text).substr(nameEnd + 2);
+  const auto startTime = numberIn<std::uint64_t>(word(fields, kStartTime - kFirstField));
+  const auto stackStart = numberIn<std::uint64_t>(word(fields, kStackStart - kFirstField));
+  if (!startTime || !stackStart) {
+    return std::nullopt;
+  }
   ProcessStamp stamp;
-  stamp.startTime = numberIn<std::uint64_t>(word(fields, kStartTime - kFirstField));
-  stamp.stackStart = numberIn<std::uint64_t>(word(fields, kStackStart - kFirstField));
+  stamp.startTime = *startTime;
+  stamp.stackStart = *stackStart;
   return stamp;
 }
 
@@ -124,9 +131,15 @@ std::optional<ProcessStamp> LocalProcessTable::stampOf(pid_t pid) const {
   }
   // The real, the effective and two more users, separated by tabs.
   std::string_view users = lineAfter(*status, "Uid:\t");
-  stamp->realUser = numberIn<uid_t>(users);
-  users.remove_prefix(std::min(users.size(), users.find('\t') + 1));
-  stamp->uid = numberIn<uid_t>(users);
+  const auto realUser = numberIn<uid_t>(users);
+  users.remove_prefix(std::min(users.size(), users.find('\t')));
+  const auto user = numberIn<uid_t>(users.substr(std::min<std::size_t>(users.size(), 1)));
+  // Never mistake a missing number for root's.
+  if (!realUser || !user) {
+    return std::nullopt;
+  }
+  stamp->realUser = *realUser;
+  stamp->uid = *user;
   return stamp;
 }
 

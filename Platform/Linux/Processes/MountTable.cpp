@@ -38,7 +38,8 @@ std::optional<dev_t> MountTable::deviceOf(std::uint64_t mount) {
 MountTable::Devices MountTable::read(const std::string& path) {
   Devices devices;
   std::ifstream file(path);
-  for (std::string line; std::getline(file, line);) {
+  // A line without an end is incomplete: its numbers may be as well.
+  for (std::string line; std::getline(file, line) && !file.eof();) {
     std::istringstream words(line);
     std::uint64_t mount = 0;
     std::uint64_t parent = 0;

@@ -16,7 +16,7 @@ namespace {
 // Flag of a process that is exiting, set before its descriptors are closed (PF_EXITING of
 // linux/sched.h; proc(5), field 9 of stat).
 constexpr unsigned kExiting = 0x4;
-constexpr std::size_t kFileSize = 1024;
+constexpr std::size_t kFileSize = 2048;
 
 }  // namespace
 
@@ -34,9 +34,10 @@ bool ProcessLife::hasEnded() const {
     return true;
   }
   const std::string content(text.data(), static_cast<std::size_t>(length));
-  // The name in parentheses may contain anything; field 3 follows it.
+  // The name in parentheses may contain anything, also line breaks; field 3 follows it. Without a
+  // line break at the end, it may be cut short.
   const auto nameEnd = content.rfind(')');
-  if (nameEnd == std::string::npos) {
+  if (nameEnd == std::string::npos || content.find('\n', nameEnd) != content.size() - 1) {
     return true;
   }
   char state = 0;

@@ -35,10 +35,26 @@ SocketHolderSearch::SocketHolderSearch(std::uint32_t inode, std::vector<pid_t> f
 void SocketHolderSearch::prefer(pid_t process) {
   const auto next = processes_.begin() + static_cast<std::ptrdiff_t>(next_);
   const auto seenEnd = next == processes_.end() ? next : next + 1;
-  if (std::find(processes_.begin(), seenEnd, process) == seenEnd) {
-    // The interrupted process is scanned again later.
+  if (std::find(processes_.begin(), seenEnd, process) != seenEnd) {
+    return;
+  }
+  if (!descriptors_) {
     processes_.insert(next, process);
-    descriptors_.reset();
+  } else if (interruptedDescriptors_) {
+    // One interruption at a time, so that only two folders are open.
+    processes_.insert(next + 1, process);
+  } else {
+    interrupted_ = *next;
+    interruptedDescriptors_ = std::move(descriptors_);
+    processes_.insert(next, process);
+  }
+}
+
+void SocketHolderSearch::openDescriptors() {
+  if (interruptedDescriptors_ && processes_[next_] == interrupted_) {
+    descriptors_ = std::move(interruptedDescriptors_);
+  } else {
+    descriptors_.reset(::opendir((processFolder(processes_[next_]) + "/fd").c_str()));
   }
 }
 
@@ -52,7 +68,7 @@ SocketHolderSearch::Result SocketHolderSearch::proceed(const SearchBudget& budge
       continue;
     }
     if (!descriptors_) {
-      descriptors_.reset(::opendir((processFolder(processes_[next_]) + "/fd").c_str()));
+      openDescriptors();
     }
     const dirent* const entry = descriptors_ ? ::readdir(descriptors_.get()) : nullptr;
     if (entry != nullptr && isHeldThroughCurrentDescriptor(*entry)) {

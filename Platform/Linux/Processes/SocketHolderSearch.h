@@ -26,7 +26,9 @@ class SocketHolderSearch {
   SocketHolderSearch(std::uint32_t inode, std::vector<pid_t> first,
                      std::optional<uid_t> preferredUser);
 
-  // Scans this process next, unless it was already scanned or preferred.
+  // Scans this process next, unless it was already scanned or preferred. What it interrupts is
+  // continued afterwards: a process with many descriptors is scanned to its end, however many
+  // others are preferred meanwhile.
   void prefer(pid_t process);
 
   // Continues until the end or until the budget is used up; examines at least one descriptor.
@@ -41,6 +43,7 @@ class SocketHolderSearch {
   };
 
   void listProcesses();
+  void openDescriptors();
   bool isHeldThroughCurrentDescriptor(const dirent& entry) const;
 
   const std::uint32_t inode_;
@@ -50,6 +53,9 @@ class SocketHolderSearch {
   std::size_t next_ = 0;
   // The descriptors of the next process, while they are being scanned.
   std::unique_ptr<DIR, DirectoryRelease> descriptors_;
+  // Those of the process that a preferred one has interrupted.
+  std::unique_ptr<DIR, DirectoryRelease> interruptedDescriptors_;
+  pid_t interrupted_ = 0;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -65,6 +66,21 @@ TEST(ConntrackEntriesTest, ReportsAMissingEntry) {
   trackConnections();
   EXPECT_EQ(codeOf(ConntrackEntries().allowReopening(FlowTuple())), ENOENT);
   EXPECT_EQ(codeOf(ConntrackEntries().remove(FlowTuple())), ENOENT);
+}
+
+TEST(ConntrackEntriesTest, CountsTheEntriesOfItsNamespace) {
+  trackConnections();
+  ConntrackEntries entries;
+  const auto before = entries.usage();
+  ASSERT_TRUE(before);
+  EXPECT_EQ(before->count, 0U);
+  std::uint32_t limit = 0;
+  std::ifstream("/proc/sys/net/netfilter/nf_conntrack_max") >> limit;
+  EXPECT_EQ(before->limit, limit);
+  TestListener origin("127.0.0.1", 8000);
+  const Connecting application("127.0.0.1", 8000);
+  ASSERT_EQ(application.connectResult(kGenerous), 0);
+  EXPECT_EQ(entries.usage()->count, 1U);
 }
 
 TEST(ConntrackEntriesTest, ALateAnswerIsNotThatOfTheNextRequest) {

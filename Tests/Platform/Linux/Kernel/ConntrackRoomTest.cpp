@@ -2,24 +2,23 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <string>
-
-#include "Tests/Support/TemporaryFolder.h"
+#include <cstdint>
+#include <optional>
 
 namespace ostravel::linuxplatform {
 namespace {
 
+using Usage = ConntrackEntries::Usage;
+
 class ConntrackRoomTest : public ::testing::Test {
  protected:
-  bool hasRoom(int count, int limit = 1000) {
-    std::ofstream(folder_.path("nf_conntrack_count")) << count << "\n";
-    std::ofstream(folder_.path("nf_conntrack_max")) << limit << "\n";
+  bool hasRoom(std::uint32_t count, std::uint32_t limit = 1000) {
+    usage_ = Usage{count, limit};
     return room_();
   }
 
-  const testing::TemporaryFolder folder_;
-  ConntrackRoom room_{folder_.path()};
+  std::optional<Usage> usage_;
+  ConntrackRoom room_{[this] { return usage_; }};
 };
 
 TEST_F(ConntrackRoomTest, EndsAtNineTenths) {
@@ -37,8 +36,14 @@ TEST_F(ConntrackRoomTest, ReturnsBelowThreeQuarters) {
 }
 
 TEST_F(ConntrackRoomTest, IsThereWithoutALimit) {
-  EXPECT_TRUE(ConntrackRoom(folder_.path("absent"))());
+  EXPECT_TRUE(room_());
   EXPECT_TRUE(hasRoom(5, 0));
+}
+
+TEST_F(ConntrackRoomTest, IsThereOnceTheKernelSaysNothing) {
+  EXPECT_FALSE(hasRoom(950));
+  usage_.reset();
+  EXPECT_TRUE(room_());
 }
 
 TEST_F(ConntrackRoomTest, ReadsWhatTheKernelReports) {

@@ -2,14 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <optional>
 #include <string>
 
 #include "Platform/Linux/Kernel/TableChanges.h"
+#include "Tests/Platform/Linux/Support/AlteredFiles.h"
 #include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform {
 namespace {
 
+using testing::AlteredFiles;
+using testing::FileAnswer;
 using testing::outputOf;
 
 class OtherRulesTest : public ::testing::Test {
@@ -92,6 +97,20 @@ TEST_F(OtherRulesTest, FindsLegacyTablesOfBothFamilies) {
   EXPECT_EQ(found(), "output raw");
 }
 
+TEST_F(OtherRulesTest, AssumesTheWorstOfLegacyTablesItCannotRead) {
+  const auto foundWith = [this](const FileAnswer& answer) {
+    const AlteredFiles files([&answer](const std::string& path) {
+      return path.ends_with("_tables_names") ? std::optional(answer) : std::nullopt;
+    });
+    return found();
+  };
+  EXPECT_EQ(foundWith({.openError = EMFILE}), "output raw");
+  EXPECT_EQ(foundWith({.openError = EACCES}), "output raw");
+  EXPECT_EQ(foundWith({.isUnreadable = true}), "output raw");
+  EXPECT_EQ(foundWith({.openError = ENOENT}), "");
+  EXPECT_EQ(foundWith({.bytes = "raw"}), "output raw");
+}
+
 TEST_F(OtherRulesTest, ManyRulesAreListedCompletely) {
   apply("add table inet other");
   std::string chains;
@@ -118,7 +137,10 @@ TEST_F(OtherRulesTest, NoticesChangesOfOtherProgramsOnly) {
 
 TEST_F(OtherRulesTest, NoticesLegacyTables) {
   EXPECT_TRUE(rules_.mayHaveChanged());
+  EXPECT_FALSE(rules_.mayHaveChanged());
   outputOf("iptables-legacy -t raw -S");
+  // Every time, since their changes are not counted.
+  EXPECT_TRUE(rules_.mayHaveChanged());
   EXPECT_TRUE(rules_.mayHaveChanged());
 }
 

@@ -115,6 +115,17 @@ class MissingEntry final : public Interface {
   ConntrackEntries entries_;
 };
 
+class ConntrackUsage final : public Interface {
+ public:
+  Facts use() override {
+    const auto usage = entries_.usage();
+    return usage ? Facts{"limit " + std::to_string(usage->limit)} : Facts();
+  }
+
+ private:
+  ConntrackEntries entries_;
+};
+
 class Redirections final : public Interface {
  public:
   Redirections() {
@@ -175,7 +186,8 @@ class Others final : public Interface {
     rules_.mayHaveChanged();
     return rules_.find().onOutput ? Facts{"there are rules for outgoing packets"} : Facts();
   }
-  std::size_t stride() const override { return 13; }
+  // Where attributes have their sizes.
+  std::size_t stride() const override { return 4; }
 
  private:
   OtherRules rules_;
@@ -326,6 +338,9 @@ std::unique_ptr<Interface> make(const std::string& name) {
   }
   if (name == "MissingEntry") {
     return std::make_unique<MissingEntry>();
+  }
+  if (name == "ConntrackUsage") {
+    return std::make_unique<ConntrackUsage>();
   }
   if (name == "Redirections") {
     return std::make_unique<Redirections>();
@@ -534,9 +549,9 @@ TEST_P(WrongAnswersTest, AStormOfLostAnswersPasses) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Interfaces, WrongAnswersTest,
-                         ::testing::Values("Sockets", "MissingEntry", "Redirections", "Tables",
-                                           "Translation", "Others", "Routing", "Queue", "Log",
-                                           "Subscriptions"),
+                         ::testing::Values("Sockets", "MissingEntry", "ConntrackUsage",
+                                           "Redirections", "Tables", "Translation", "Others",
+                                           "Routing", "Queue", "Log", "Subscriptions"),
                          [](const auto& instance) { return std::string(instance.param); });
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -76,6 +77,43 @@ TEST(ResolvedMonitorTest, IgnoresWhatContainsNoAddressOfAHost) {
   std::string local = message();
   local.replace(local.find("WWW.example"), 11, "localhost");
   EXPECT_FALSE(ResolvedMonitor::parse(local));
+}
+
+TEST(ResolvedMonitorTest, ATruncatedMessageIsNoAnswer) {
+  const std::string whole = message();
+  for (std::size_t size = 0; size < whole.size(); ++size) {
+    EXPECT_FALSE(ResolvedMonitor::parse(whole.substr(0, size))) << size;
+  }
+}
+
+TEST(ResolvedMonitorTest, AnAlteredMessageIsAnAnswerAboutAHostOrNone) {
+  const std::string whole = message();
+  for (std::size_t at = 0; at < whole.size(); ++at) {
+    for (const char value : {'\0', '"', '{', ']', '\\', '=', '9', '\xFF'}) {
+      std::string altered = whole;
+      altered[at] = value;
+      if (const auto answer = ResolvedMonitor::parse(altered)) {
+        EXPECT_TRUE(isUsableHostName(answer->name)) << altered;
+        EXPECT_EQ(answer->addresses.size(), 1U) << altered;
+      }
+    }
+  }
+}
+
+TEST(ResolvedMonitorTest, TakesALimitedNumberOfRecords) {
+  std::string records;
+  for (int count = 0; count < 1000; ++count) {
+    records += std::string(R"({"raw":")") + kRecord + R"("},)";
+  }
+  std::string many = message();
+  many.insert(many.find(R"({"rr")"), records);
+  const auto answer = ResolvedMonitor::parse(many);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->addresses.size(), 64U);
+}
+
+TEST(ResolvedMonitorTest, DeepNestingIsNoAnswer) {
+  EXPECT_FALSE(ResolvedMonitor::parse(std::string(60'000, '[')));
 }
 
 // A socket that plays the monitor.

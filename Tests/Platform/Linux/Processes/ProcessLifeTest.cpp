@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <array>
 
 #include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
@@ -24,6 +27,16 @@ TEST(ProcessLifeTest, AStoppedProcessHasNotEnded) {
   const ProcessLife life(helper.pid(), startTimeOf(helper.pid()));
   ::kill(helper.pid(), SIGSTOP);
   EXPECT_FALSE(life.hasEnded());
+}
+
+TEST(ProcessLifeTest, AProcessWithALineBreakInItsNameHasNotEnded) {
+  std::array<char, 16> name{};
+  ASSERT_EQ(::prctl(PR_GET_NAME, name.data()), 0);
+  ASSERT_EQ(::prctl(PR_SET_NAME, "a) Z\n1 (b"), 0);
+  const auto stamp = LocalProcessTable().stampOf(::getpid());
+  ASSERT_TRUE(stamp);
+  EXPECT_FALSE(ProcessLife(::getpid(), stamp->startTime).hasEnded());
+  ::prctl(PR_SET_NAME, name.data());
 }
 
 TEST(ProcessLifeTest, AReapedProcessHasEnded) {

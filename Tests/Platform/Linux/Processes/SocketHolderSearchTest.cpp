@@ -129,6 +129,42 @@ TEST(SocketHolderSearchTest, ScansAPreferredProcessNext) {
   });
 }
 
+TEST(SocketHolderSearchTest, PreferredProcessesDoNotRestartAScan) {
+  inPrivateProcesses([] {
+    const Holder holder;
+    const Bystander newer;
+    SocketHolderSearch search(holder.inode(), {}, std::nullopt);
+    constexpr pid_t kFirstSender = 1'000'000;
+    constexpr int kStepsBetween = 5;
+    int parts = 0;
+    do {
+      if (parts % kStepsBetween == 0) {
+        search.prefer(kFirstSender + parts);
+      }
+      ASSERT_LT(++parts, 10 * Bystander::kDescriptors);
+    } while (search.proceed(kNone) == Result::unfinished);
+    EXPECT_EQ(search.holder(), holder.pid());
+  });
+}
+
+TEST(SocketHolderSearchTest, AProcessIsPreferredDuringAnInterruption) {
+  inPrivateProcesses([] {
+    const Holder holder;
+    const Bystander interrupted;
+    const Bystander preferred;
+    SocketHolderSearch search(holder.inode(), {interrupted.pid()}, std::nullopt);
+    ASSERT_EQ(search.proceed(kNone), Result::unfinished);
+    search.prefer(preferred.pid());
+    ASSERT_EQ(search.proceed(kNone), Result::unfinished);
+    search.prefer(holder.pid());
+    // After the preferred one, and before the interrupted one.
+    const int parts = partsOf(search);
+    EXPECT_GT(parts, Bystander::kDescriptors);
+    EXPECT_LT(parts, 2 * Bystander::kDescriptors);
+    EXPECT_EQ(search.holder(), holder.pid());
+  });
+}
+
 TEST(SocketHolderSearchTest, PreferringAgainDoesNotDelayTheSearch) {
   inPrivateProcesses([] {
     const Holder holder;
