@@ -1,36 +1,57 @@
 #include "Extension/FilterDataProvider/DomainList.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace ostravel {
 
 namespace {
 
-bool entryMatches(std::string_view entry, std::string_view host) {
-  return entry.starts_with('.') ? host.ends_with(entry) : host == entry;
+// False for capitals and for everything beyond ASCII, about which only the platform knows.
+bool isLowercaseASCII(char character) {
+  const bool isASCII = static_cast<unsigned char>(character) < 0x80;
+  return isASCII && (character < 'A' || character > 'Z');
 }
 
 }  // namespace
 
-DomainList::DomainList(std::vector<std::string> entries, const platform::TextServices& text)
-    : lowercasedEntries_(std::move(entries)) {
-  for (auto& entry : lowercasedEntries_) {
-    entry = text.lowercased(entry);
+DomainList::DomainList(const std::vector<std::string>& entries,
+                       const platform::TextServices& text) {
+  for (const auto& entry : entries) {
+    const auto& added = *entries_.insert(text.lowercased(entry)).first;
+    lengths_.set(std::min(added.size(), kLongestLength));
   }
 }
 
-bool DomainList::matches(std::string_view normalisedHost) const {
-  return std::any_of(
-      lowercasedEntries_.begin(), lowercasedEntries_.end(),
-      [normalisedHost](const std::string& entry) { return entryMatches(entry, normalisedHost); });
+bool DomainList::contains(std::string_view entry) const {
+  return lengths_[std::min(entry.size(), kLongestLength)] && entries_.contains(entry);
 }
 
-std::string normalisedHost(std::string_view host, const platform::TextServices& text) {
-  std::string normalised = text.lowercased(host);
-  normalised.erase(std::min(normalised.size(), normalised.find_last_not_of('.') + 1));
-  normalised.erase(0, normalised.find_first_not_of('.'));
-  return normalised;
+bool DomainList::matches(std::string_view normalisedHost) const {
+  // A host that begins with a dot is only a suffix of itself, which is looked up below.
+  if (!normalisedHost.starts_with('.') && contains(normalisedHost)) {
+    return true;
+  }
+  for (auto dot = normalisedHost.find('.'); dot != std::string_view::npos;
+       dot = normalisedHost.find('.', dot + 1)) {
+    if (contains(normalisedHost.substr(dot))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+LowercasedText::LowercasedText(std::string_view text, const platform::TextServices& services)
+    : text_(text) {
+  if (!std::all_of(text.begin(), text.end(), isLowercaseASCII)) {
+    copy_ = services.lowercased(text);
+    text_ = copy_;
+  }
+}
+
+NormalisedHost::NormalisedHost(std::string_view host, const platform::TextServices& services)
+    : lowercased_(host, services), text_(lowercased_.text()) {
+  text_.remove_prefix(std::min(text_.size(), text_.find_first_not_of('.')));
+  text_.remove_suffix(text_.size() - std::min(text_.size(), text_.find_last_not_of('.') + 1));
 }
 
 }  // namespace ostravel

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace ostravel {
 
@@ -32,18 +35,18 @@ class FlowDecisionCache {
   FlowDecisionCache& operator=(const FlowDecisionCache&) = delete;
 
   // Also finds an expired entry; null if there is none. Valid until the next change.
-  const Entry* find(const std::string& key) const {
+  const Entry* find(std::string_view key) const {
     const auto found = slots_.find(key);
     return found == slots_.end() ? nullptr : &found->second.entry;
   }
 
   // If there are more than kPruningThreshold entries, removes those that have expired at now. Then
   // adds the entry, or replaces the one with this key.
-  void store(const std::string& key, Decision decision, double expiry, double now) {
+  void store(std::string key, Decision decision, double expiry, double now) {
     if (size() > kPruningThreshold) {
       sweep(now);
     }
-    const auto [slot, isNew] = slots_.try_emplace(key);
+    const auto [slot, isNew] = slots_.try_emplace(std::move(key));
     if (!isNew) {
       order_.erase(slot->second.place);
     }
@@ -63,6 +66,15 @@ class FlowDecisionCache {
     typename Order::iterator place;
   };
 
+  // Finds by a view, so that a look-up needs no string.
+  struct Hash {
+    using is_transparent = void;
+
+    std::size_t operator()(std::string_view key) const {
+      return std::hash<std::string_view>{}(key);
+    }
+  };
+
   void sweep(double now) {
     while (!order_.empty()) {
       const auto first = order_.begin();
@@ -74,7 +86,7 @@ class FlowDecisionCache {
     }
   }
 
-  std::unordered_map<std::string, Slot> slots_;
+  std::unordered_map<std::string, Slot, Hash, std::equal_to<>> slots_;
   Order order_;
 };
 

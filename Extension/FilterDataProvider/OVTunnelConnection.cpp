@@ -39,28 +39,43 @@ bool isEndOfStream(const std::optional<Data>& data) {
 
 }  // namespace
 
-OVTunnelConnection::OVTunnelConnection(
-    platform::Platform& platform, std::shared_ptr<platform::AppProxyTCPFlow> flow,
-    std::shared_ptr<platform::TCPConnection> connection, std::string flowId, std::string appId,
-    double handshakeTimeout, std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient,
-    FlowIdCallback onHandshakeEstablished, Callback onProxyUnavailable, FlowIdCallback onClose)
-    : platform_(platform),
-      log_(makeExtensionLog(platform)),
+struct OVTunnelConnection::Handshake {
+  explicit Handshake(platform::Platform& platform)
+      : parser(std::int64_t{platform::limits::kMaxProxyAnswer}, platform.text()),
+        startedAt(platform.clock().secondsSince1970()) {}
+
+  ProxyConnectResponseParser parser;
+  double startedAt;
+};
+
+OVTunnelConnection::Common::Common(platform::Platform& usedPlatform, double timeout,
+                                   std::shared_ptr<ProxyTunnelMonitoringClient> client,
+                                   FlowIdCallback establishedCallback, Callback unavailableCallback,
+                                   FlowIdCallback closeCallback)
+    : platform(usedPlatform),
+      log(makeExtensionLog(usedPlatform)),
+      handshakeTimeout(timeout),
+      monitoringClient(std::move(client)),
+      onHandshakeEstablished(std::move(establishedCallback)),
+      onProxyUnavailable(std::move(unavailableCallback)),
+      onClose(std::move(closeCallback)) {}
+
+OVTunnelConnection::OVTunnelConnection(std::shared_ptr<const Common> common,
+                                       std::shared_ptr<platform::AppProxyTCPFlow> flow,
+                                       std::shared_ptr<platform::TCPConnection> connection,
+                                       FlowIdentifier flowId,
+                                       std::shared_ptr<const std::string> appId)
+    : common_(std::move(common)),
       flow_(std::move(flow)),
       connection_(std::move(connection)),
       flowId_(std::move(flowId)),
       appId_(std::move(appId)),
-      handshakeTimeout_(handshakeTimeout),
-      monitoringClient_(std::move(monitoringClient)),
-      onHandshakeEstablished_(std::move(onHandshakeEstablished)),
-      onProxyUnavailable_(std::move(onProxyUnavailable)),
-      onClose_(std::move(onClose)),
-      connectResponseParser_(std::make_unique<ProxyConnectResponseParser>(
-          std::int64_t{platform::limits::kMaxProxyAnswer}, platform.text())),
-      handshakeStartedAt_(platform.clock().secondsSince1970()) {}
+      handshake_(std::make_unique<Handshake>(common_->platform)) {}
+
+OVTunnelConnection::~OVTunnelConnection() = default;
 
 void OVTunnelConnection::start() {
-  handshakeWatchdog().start();
+  handshakeWatchdog()->start();
   connection_->addObserver(weak_from_this(), kStateKeyPath);
   isObserving_ = true;
   // In the meantime another thread may have closed the tunnel or begun the handshake, for the
@@ -115,7 +130,7 @@ void OVTunnelConnection::startHandshake() {
   if (!isFirst) {
     return;
   }
-  handshakeStartedAt_ = platform_.clock().secondsSince1970();
+  handshake_->startedAt = now();
   const std::string target = connectionTarget();
   const std::string request = connectRequest(target);
   if (!isWellFormedUTF8(request)) {
@@ -125,16 +140,19 @@ void OVTunnelConnection::startHandshake() {
   if (flow_->observer() != nullptr) {
     flow_->observer()->handshakeStarted();
   }
-  log_->standard("OstravelProxy: Sending CONNECT handshake (details private)", {},
-                 routine(monitoring_events::kHandshakeStarted));
-  emit(monitoring_events::kHandshakeStarted, {{"app_id", appId_}, {"remote", target}});
+  log().standard("OstravelProxy: Sending CONNECT handshake (details private)", {},
+                 routine(monitoring_events::kHandshakeStarted, flowId_.text()));
+  emit(monitoring_events::kHandshakeStarted, {{"app_id", *appId_}, {"remote", target}});
   connection_->write(Data::copyOf(request), [weakSelf = weak_from_this(),
-                                             &platform = platform_](const OptionalError& error) {
+                                             &platform =
+                                                 common_->platform](const OptionalError& error) {
     const auto self = weakSelf.lock();
     if (error) {
-      platform::Log& log = self ? *self->log_ : platform.defaultLog();
-      log.error("OstravelProxy: Error writing CONNECT: %{public}s", {error->localizedDescription},
-                self ? self->failure(monitoring_events::kHandshakeWriteFailed) : LogFields{});
+      platform::Log& log = self ? self->log() : platform.defaultLog();
+      const std::string flowId = self ? self->flowId_.text() : std::string();
+      log.error(
+          "OstravelProxy: Error writing CONNECT: %{public}s", {error->localizedDescription},
+          self ? self->failure(monitoring_events::kHandshakeWriteFailed, flowId) : LogFields{});
     }
     if (!self) {
       return;
@@ -162,13 +180,14 @@ std::string OVTunnelConnection::connectionTarget() const {
 }
 
 std::string OVTunnelConnection::connectRequest(const std::string& target) const {
+  const std::string flowId = flowId_.text();
   std::string request;
   // The words of all lines take less than a hundred.
-  request.reserve(2 * target.size() + appId_.size() + flowId_.size() + 100);
+  request.reserve(2 * target.size() + appId_->size() + flowId.size() + 100);
   request.append("CONNECT ").append(target).append(" HTTP/1.1\r\n");
   request.append("Host: ").append(target).append("\r\n");
-  request.append("X-Ostravel-App-Id: ").append(cleanedForHeader(appId_)).append("\r\n");
-  request.append("X-Ostravel-Flow-Id: ").append(cleanedForHeader(flowId_)).append("\r\n\r\n");
+  request.append("X-Ostravel-App-Id: ").append(cleanedForHeader(*appId_)).append("\r\n");
+  request.append("X-Ostravel-Flow-Id: ").append(cleanedForHeader(flowId)).append("\r\n\r\n");
   return request;
 }
 
@@ -193,31 +212,30 @@ void OVTunnelConnection::handleConnectResponse(std::optional<Data> data, Optiona
     return;
   }
   std::visit([this](auto&& outcome) { handle(std::forward<decltype(outcome)>(outcome)); },
-             connectResponseParser_->append(data->bytes()));
+             handshake_->parser.append(data->bytes()));
 }
 
 void OVTunnelConnection::handle(connect_response::Established outcome) {
-  connectResponseParser_.reset();
-  log_->info("OstravelProxy: Handshake successful.", {},
-             routine(monitoring_events::kHandshakeSucceeded));
+  log().info("OstravelProxy: Handshake successful.", {},
+             routine(monitoring_events::kHandshakeSucceeded, flowId_.text()));
   finishSuccessfulHandshake(Data(std::move(outcome.leftover)));
 }
 
 void OVTunnelConnection::handle(connect_response::Rejected outcome) {
-  log_->error("OstravelProxy: Handshake failed (response status not 200)", {},
-              failure(monitoring_events::kHandshakeRejected));
+  log().error("OstravelProxy: Handshake failed (response status not 200)", {},
+              failure(monitoring_events::kHandshakeRejected, flowId_.text()));
   noteEnd(platform::FlowEnd::rejected, outcome.statusLine.value_or(""));
   emit(monitoring_events::kHandshakeRejected,
-       {{"app_id", appId_}, {"status_line", std::move(outcome.statusLine).value_or("<missing>")}});
+       {{"app_id", *appId_}, {"status_line", std::move(outcome.statusLine).value_or("<missing>")}});
   close(std::nullopt);
 }
 
 void OVTunnelConnection::handle(connect_response::Invalid outcome) {
-  log_->error("OstravelProxy: Handshake failed (invalid response)", {},
-              failure(monitoring_events::kHandshakeInvalid));
+  log().error("OstravelProxy: Handshake failed (invalid response)", {},
+              failure(monitoring_events::kHandshakeInvalid, flowId_.text()));
   noteEnd(platform::FlowEnd::invalid, outcome.reason);
   emit(monitoring_events::kHandshakeInvalid,
-       {{"app_id", appId_}, {"reason", std::move(outcome.reason)}});
+       {{"app_id", *appId_}, {"reason", std::move(outcome.reason)}});
   close(std::nullopt);
 }
 
@@ -226,18 +244,19 @@ void OVTunnelConnection::handle(connect_response::NeedMoreData /*outcome*/) {
 }
 
 void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
-  const double elapsedMilliseconds =
-      (platform_.clock().secondsSince1970() - handshakeStartedAt_) * kMillisecondsPerSecond;
+  const double elapsedMilliseconds = (now() - handshake_->startedAt) * kMillisecondsPerSecond;
+  handshake_.reset();
   if (!didEstablishHandshake_.exchange(true)) {
-    handshakeWatchdog().finishWithoutCallback();
-    if (onHandshakeEstablished_) {
-      onHandshakeEstablished_(flowId_);
+    handshakeWatchdog()->finishWithoutCallback();
+    if (common_->onHandshakeEstablished) {
+      common_->onHandshakeEstablished(flowId_);
     }
     if (flow_->observer() != nullptr) {
       flow_->observer()->handshakeSucceeded();
     }
+    releaseHandshakeWatchdog();
   }
-  emit(monitoring_events::kHandshakeSucceeded, {{"app_id", appId_}},
+  emit(monitoring_events::kHandshakeSucceeded, {{"app_id", *appId_}},
        {{"elapsed_ms", elapsedMilliseconds},
         {"leftover_bytes", static_cast<double>(leftoverData.size())}});
   pipeLocalToRemote();
@@ -256,8 +275,8 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
       self->pipeRemoteToLocal();
       return;
     }
-    self->log_->debug("OstravelProxy: App write error: %{public}s", {error->localizedDescription},
-                      self->failure(monitoring_events::kLeftoverWriteFailed));
+    self->log().debug("OstravelProxy: App write error: %{public}s", {error->localizedDescription},
+                      self->failure(monitoring_events::kLeftoverWriteFailed, self->flowId_.text()));
     self->emit(monitoring_events::kLeftoverWriteFailed, {{"detail", error->localizedDescription}});
     self->close(error);
   });
@@ -265,30 +284,37 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
 
 // Watchdog
 
-ProxyTunnelHandshakeWatchdog& OVTunnelConnection::handshakeWatchdog() {
-  // Not std::call_once, which makes a system call even without contention.
-  const std::lock_guard guard(handshakeWatchdogLock_);
+std::shared_ptr<ProxyTunnelHandshakeWatchdog> OVTunnelConnection::handshakeWatchdog() {
+  const std::lock_guard guard(common_->watchdogLock);
   if (!handshakeWatchdog_) {
+    platform::Platform& platform = common_->platform;
     handshakeWatchdog_ = std::make_shared<ProxyTunnelHandshakeWatchdog>(
-        platform_, handshakeTimeout_,
-        platform_.makeQueue("com.ostravel.handshakeWatchdog", platform::DispatchQueueKind::serial),
+        platform, common_->handshakeTimeout,
+        platform.makeQueue("com.ostravel.handshakeWatchdog", platform::DispatchQueueKind::serial),
         [weakSelf = weak_from_this()] {
           if (const auto self = weakSelf.lock()) {
             self->handleHandshakeTimeout();
           }
         });
   }
-  return *handshakeWatchdog_;
+  return handshakeWatchdog_;
+}
+
+void OVTunnelConnection::releaseHandshakeWatchdog() {
+  // Destroyed without the lock.
+  std::shared_ptr<ProxyTunnelHandshakeWatchdog> released;
+  const std::lock_guard guard(common_->watchdogLock);
+  released.swap(handshakeWatchdog_);
 }
 
 void OVTunnelConnection::handleHandshakeTimeout() {
   Error error = platform::providerError(platform::kHandshakeTimedOutCode,
                                         "Proxy CONNECT handshake timed out");
-  log_->error("OstravelProxy: CONNECT handshake timed out", {},
-              failure(monitoring_events::kHandshakeTimedOut));
+  log().error("OstravelProxy: CONNECT handshake timed out", {},
+              failure(monitoring_events::kHandshakeTimedOut, flowId_.text()));
   noteEnd(platform::FlowEnd::timedOut, error.localizedDescription);
-  emit(monitoring_events::kHandshakeTimedOut, {{"app_id", appId_}},
-       {{"timeout_seconds", handshakeTimeout_}});
+  emit(monitoring_events::kHandshakeTimedOut, {{"app_id", *appId_}},
+       {{"timeout_seconds", common_->handshakeTimeout}});
   close(std::move(error));
 }
 
@@ -346,8 +372,8 @@ bool OVTunnelConnection::goesOn(OptionalError error, std::string_view logFormat)
   if (!error) {
     return true;
   }
-  log_->debug(logFormat, {error->localizedDescription},
-              routine(monitoring_events::kTunnelClosedWithError));
+  log().debug(logFormat, {error->localizedDescription},
+              routine(monitoring_events::kTunnelClosedWithError, flowId_.text()));
   close(std::move(error));
   return false;
 }
@@ -359,18 +385,20 @@ void OVTunnelConnection::close(OptionalError error) {
     return;
   }
   stopObserving();
-  handshakeWatchdog().finishWithoutCallback();
-  if (error && !didEstablishHandshake_ && onProxyUnavailable_) {
-    onProxyUnavailable_();
+  if (!didEstablishHandshake_) {
+    handshakeWatchdog()->finishWithoutCallback();
+  }
+  if (error && !didEstablishHandshake_ && common_->onProxyUnavailable) {
+    common_->onProxyUnavailable();
   }
   noteClose(error);
   emit(error ? monitoring_events::kTunnelClosedWithError : monitoring_events::kTunnelClosed,
-       {{"app_id", appId_}, {"detail", error ? error->localizedDescription : "eof"}});
+       {{"app_id", *appId_}, {"detail", error ? error->localizedDescription : "eof"}});
   flow_->closeRead(error);
   flow_->closeWrite(error);
   connection_->cancel();
-  if (onClose_) {
-    onClose_(flowId_);
+  if (common_->onClose) {
+    common_->onClose(flowId_);
   }
 }
 
@@ -392,26 +420,28 @@ void OVTunnelConnection::noteEnd(platform::FlowEnd end, std::string_view detail)
   }
 }
 
-LogFields OVTunnelConnection::routine(const MonitoringEventKind& kind) const {
-  return {.flowID = flowId_, .application = {}, .code = kind.code};
+LogFields OVTunnelConnection::routine(const MonitoringEventKind& kind, const std::string& flowId) {
+  return {.flowID = flowId, .application = {}, .code = kind.code};
 }
 
-LogFields OVTunnelConnection::failure(const MonitoringEventKind& kind) const {
-  return {.flowID = flowId_, .application = appId_, .code = kind.code};
+LogFields OVTunnelConnection::failure(const MonitoringEventKind& kind,
+                                      const std::string& flowId) const {
+  return {.flowID = flowId, .application = *appId_, .code = kind.code};
 }
 
 void OVTunnelConnection::emit(const MonitoringEventKind& kind, Context context,
                               Metrics metrics) const {
   using Event = ProxyTunnelMonitoringEvent;
-  if (!monitoringClient_->hasSocketPath()) {
+  ProxyTunnelMonitoringClient& client = *common_->monitoringClient;
+  if (!client.hasSocketPath()) {
     return;
   }
   auto measured = metrics.size() == 0
                       ? std::nullopt
                       : std::optional(Event::Metrics(metrics.begin(), metrics.end()));
-  monitoringClient_->emit(makeMonitoringEvent(platform_, kind, flowId_,
-                                              Event::Context(context.begin(), context.end()),
-                                              std::move(measured)));
+  client.emit(makeMonitoringEvent(common_->platform, kind, flowId_.text(),
+                                  Event::Context(context.begin(), context.end()),
+                                  std::move(measured)));
 }
 
 }  // namespace ostravel

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <utility>
 
+#include "Base/FlowIdentifier.h"
 #include "Extension/ProxyTunnelCore/MonitoringEventKind.h"
 #include "Extension/ProxyTunnelCore/ProxyConnectResponseParser.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.h"
@@ -36,18 +37,41 @@ namespace ostravel {
 class OVTunnelConnection final : public platform::KeyValueObserver,
                                  public std::enable_shared_from_this<OVTunnelConnection> {
  public:
-  using FlowIdCallback = std::function<void(const std::string& flowId)>;
+  using FlowIdCallback = std::function<void(const FlowIdentifier& flowId)>;
   using Callback = std::function<void()>;
 
-  // handshakeTimeout in seconds. Any callback may be empty.
-  OVTunnelConnection(platform::Platform& platform, std::shared_ptr<platform::AppProxyTCPFlow> flow,
-                     std::shared_ptr<platform::TCPConnection> connection, std::string flowId,
-                     std::string appId, double handshakeTimeout,
-                     std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient,
-                     FlowIdCallback onHandshakeEstablished, Callback onProxyUnavailable,
-                     FlowIdCallback onClose);
+  // What is the same for every tunnel of a provider, which makes it. Shared with the tunnels: a
+  // machine may have thousands of idle ones.
+  struct Common {
+    // handshakeTimeout in seconds. Any callback may be empty.
+    Common(platform::Platform& platform, double handshakeTimeout,
+           std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient,
+           FlowIdCallback onHandshakeEstablished, Callback onProxyUnavailable,
+           FlowIdCallback onClose);
 
-  const std::string& flowId() const { return flowId_; }
+    platform::Platform& platform;
+    const std::shared_ptr<platform::Log> log;
+    const double handshakeTimeout;
+    const std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient;
+    const FlowIdCallback onHandshakeEstablished;
+    const Callback onProxyUnavailable;
+    const FlowIdCallback onClose;
+    // For a debugger or a crash report only: the connection that was passed in decides where the
+    // tunnel leads.
+    [[maybe_unused]] const std::string proxyHost{platform::limits::kProxyHost};
+    [[maybe_unused]] const std::uint16_t proxyPort = platform::limits::kProxyPort;
+    // Guards each tunnel's pointer to its watchdog, for an instant.
+    mutable std::mutex watchdogLock;
+  };
+
+  // appId: not null.
+  OVTunnelConnection(std::shared_ptr<const Common> common,
+                     std::shared_ptr<platform::AppProxyTCPFlow> flow,
+                     std::shared_ptr<platform::TCPConnection> connection, FlowIdentifier flowId,
+                     std::shared_ptr<const std::string> appId);
+  ~OVTunnelConnection() override;
+
+  const FlowIdentifier& flowId() const { return flowId_; }
 
   // Called once. Arms the watchdog, observes the connection, and begins the handshake as soon as
   // the connection is established. The timeout covers both.
@@ -59,8 +83,9 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
 
   void observeValue(std::optional<std::string_view> keyPath, platform::Observable* object) override;
 
-  // The watchdog, created on first use.
-  ProxyTunnelHandshakeWatchdog& handshakeWatchdog();
+  // The watchdog, created on first use. Released when the handshake has succeeded, because a tunnel
+  // may live for a long time after that.
+  std::shared_ptr<ProxyTunnelHandshakeWatchdog> handshakeWatchdog();
 
  private:
   // Those of an event, which are copied only if there is somewhere to send it.
@@ -80,6 +105,7 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   void handle(connect_response::NeedMoreData outcome);
   void finishSuccessfulHandshake(platform::Data leftoverData);
   void handleHandshakeTimeout();
+  void releaseHandshakeWatchdog();
 
   void pipeLocalToRemote();
   void pipeRemoteToLocal();
@@ -92,39 +118,33 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   void noteClose(const platform::OptionalError& error);
   void noteEnd(platform::FlowEnd end, std::string_view detail) const;
 
-  // The fields of a log line that goes with an event of this kind. Routine lines, which include the
-  // last one of most tunnels, do not name the application.
-  platform::LogFields routine(const MonitoringEventKind& kind) const;
-  platform::LogFields failure(const MonitoringEventKind& kind) const;
+  // The fields of a log line that goes with an event of this kind, as long as flowId exists.
+  // Routine lines, which include the last one of most tunnels, do not name the application.
+  static platform::LogFields routine(const MonitoringEventKind& kind, const std::string& flowId);
+  platform::LogFields failure(const MonitoringEventKind& kind, const std::string& flowId) const;
 
   void emit(const MonitoringEventKind& kind, Context context, Metrics metrics = {}) const;
 
-  platform::Platform& platform_;
-  const std::shared_ptr<platform::Log> log_;
+  // What only the handshake needs, except the watchdog. Used by the tunnel's completions.
+  struct Handshake;
+
+  platform::Log& log() const { return *common_->log; }
+  double now() const { return common_->platform.clock().secondsSince1970(); }
+
+  const std::shared_ptr<const Common> common_;
   const std::shared_ptr<platform::AppProxyTCPFlow> flow_;
   const std::shared_ptr<platform::TCPConnection> connection_;
-  const std::string flowId_;
-  const std::string appId_;
-  const double handshakeTimeout_;
-  const std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient_;
-  const FlowIdCallback onHandshakeEstablished_;
-  const Callback onProxyUnavailable_;
-  const FlowIdCallback onClose_;
+  const FlowIdentifier flowId_;
+  const std::shared_ptr<const std::string> appId_;
+  // Until the handshake has succeeded.
+  std::unique_ptr<Handshake> handshake_;
+  // Guarded by the lock in common_. Once created, it is not replaced, only released.
+  std::shared_ptr<ProxyTunnelHandshakeWatchdog> handshakeWatchdog_;
   std::atomic<bool> isClosed_ = false;
   std::atomic<bool> isObserving_ = false;
   // The connection may be seen connected both by start() and by an observation on another thread.
   std::atomic<bool> didStartHandshake_ = false;
   std::atomic<bool> didEstablishHandshake_ = false;
-  // Until the handshake has succeeded.
-  std::unique_ptr<ProxyConnectResponseParser> connectResponseParser_;
-  double handshakeStartedAt_;
-  // For a debugger or a crash report only: the connection that was passed in decides where the
-  // tunnel leads.
-  [[maybe_unused]] const std::string proxyHost_{platform::limits::kProxyHost};
-  [[maybe_unused]] const std::uint16_t proxyPort_ = platform::limits::kProxyPort;
-  std::mutex handshakeWatchdogLock_;
-  // Guarded by handshakeWatchdogLock_; never replaced once it has been created.
-  std::shared_ptr<ProxyTunnelHandshakeWatchdog> handshakeWatchdog_;
 };
 
 }  // namespace ostravel

@@ -22,6 +22,11 @@ namespace {
 
 constexpr std::string_view kMonitoringSocketPathKey = "monitoringSocketPath";
 
+template <typename Set>
+Set copyOf(const std::unordered_set<std::string>& texts) {
+  return Set(texts.begin(), texts.end());
+}
+
 NetworkRule rule(std::string_view address, std::string_view port, std::uint8_t prefix,
                  NetworkRuleProtocol protocol) {
   return {{std::string(address), std::string(port)}, prefix, protocol};
@@ -34,7 +39,7 @@ PacketTunnelProvider::PacketTunnelProvider(platform::Platform& platform,
     : TransparentProxyProvider(context),
       platform_(platform),
       log_(makeExtensionLog(platform)),
-      bypassAppIds_(built_in::bypassAppIds()),
+      bypassAppIds_(copyOf<TextSet>(built_in::bypassAppIds())),
       hardBypassDomains_(built_in::hardBypassDomains(), platform.text()),
       realtimeMediaDomains_(built_in::realtimeMediaDomains(), platform.text()),
       udpQuicPolicyDomains_(built_in::realtimeMediaDomains(), platform.text()),

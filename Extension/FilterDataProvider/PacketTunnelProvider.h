@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -8,10 +9,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "Base/FlowIdentifier.h"
+#include "Base/SharedTexts.h"
 #include "Extension/FilterDataProvider/DomainList.h"
 #include "Extension/FilterDataProvider/FlowDecisionCache.h"
 #include "Extension/FilterDataProvider/OVTunnelConnection.h"
@@ -85,15 +87,57 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   FlowAction determineNormalFlowAction(std::string_view appId, std::string_view host,
                                        bool isUDP) const;
 
+  struct FlowDecision {
+    FlowAction action;
+    // Why, for statistics.
+    platform::FlowRule rule;
+  };
   // The effective decision: cached for 30 seconds, and overridden by the safety gate. appId is
   // trimmed; host is as the flow reports it.
-  FlowAction decideFlowAction(std::string_view appId, std::string_view host, bool isUDP);
+  FlowDecision decideFlow(std::string_view appId, std::string_view host, bool isUDP);
+  FlowAction decideFlowAction(std::string_view appId, std::string_view host, bool isUDP) {
+    return decideFlow(appId, host, isUDP).action;
+  }
 
  private:
   friend class PacketTunnelProviderTestPeer;
 
   using Metrics = ProxyTunnelMonitoringEvent::Metrics;
   using Context = ProxyTunnelMonitoringEvent::Context;
+
+  // Texts that are found by a view.
+  struct TextHash {
+    using is_transparent = void;
+
+    std::size_t operator()(std::string_view text) const {
+      return std::hash<std::string_view>{}(text);
+    }
+  };
+  using TextSet = std::unordered_set<std::string, TextHash, std::equal_to<>>;
+
+  // A tunnel is identified, and found, by its flow.
+  struct TunnelHash {
+    using is_transparent = void;
+
+    std::size_t operator()(const FlowIdentifier& flowId) const noexcept {
+      return FlowIdentifier::Hash()(flowId);
+    }
+    std::size_t operator()(const std::shared_ptr<OVTunnelConnection>& tunnel) const noexcept {
+      return (*this)(tunnel->flowId());
+    }
+  };
+  struct TunnelEqual {
+    using is_transparent = void;
+
+    static const FlowIdentifier& idOf(const FlowIdentifier& flowId) { return flowId; }
+    static const FlowIdentifier& idOf(const std::shared_ptr<OVTunnelConnection>& tunnel) {
+      return tunnel->flowId();
+    }
+    template <typename Left, typename Right>
+    bool operator()(const Left& left, const Right& right) const {
+      return idOf(left) == idOf(right);
+    }
+  };
 
   std::shared_ptr<PacketTunnelProvider> self();
   std::weak_ptr<PacketTunnelProvider> weakSelf();
@@ -109,25 +153,24 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   // Records the gate's state; called after it may have changed.
   void noteGate();
 
-  std::optional<FlowAction> cachedFlowAction(const std::string& key, double now);
-  void storeFlowAction(std::string key, FlowAction action, double now);
+  std::optional<FlowDecision> cachedDecision(std::string_view key, double now);
+  void storeDecision(std::string key, FlowDecision decision, double now);
   FlowAction applyProxySafetyGate(FlowAction action, bool isUDP) const;
   // The rule of the built-in lists.
   platform::FlowRule normalRule(std::string_view appId, std::string_view host, bool isUDP) const;
-  // The rule for a flow that is left to the system.
-  platform::FlowRule bypassRule(std::string_view appId, std::string_view host, bool isUDP) const;
+  static FlowAction actionOf(platform::FlowRule rule);
   static void noteDecision(platform::AppProxyFlow& flow, platform::FlowRule rule);
 
   bool isLocalProxy(const platform::HostEndpoint& endpoint) const;
   void openFlow(const std::shared_ptr<platform::AppProxyTCPFlow>& flow, const std::string& appId);
   void startTunnel(const std::shared_ptr<platform::AppProxyTCPFlow>& flow,
                    const std::string& appId);
-  std::shared_ptr<OVTunnelConnection> makeTunnel(
-      const std::shared_ptr<platform::AppProxyTCPFlow>& flow, const std::string& flowId,
-      const std::string& appId);
+  std::shared_ptr<const OVTunnelConnection::Common> tunnelsCommon();
+  std::shared_ptr<const OVTunnelConnection::Common> makeTunnelsCommon();
+  void forgetTunnel(const FlowIdentifier& flowId);
   void rejectFlow(platform::AppProxyTCPFlow& flow, const std::string& flowId,
                   const std::string& appId);
-  void tunnelDidClose(const std::string& flowId);
+  void tunnelDidClose(const FlowIdentifier& flowId);
 
   void emit(const MonitoringEventKind& kind, std::optional<Context> context = std::nullopt,
             std::optional<Metrics> metrics = std::nullopt,
@@ -136,7 +179,7 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   platform::Platform& platform_;
   const std::shared_ptr<platform::Log> log_;
   const bool httpsOnlyMode_ = false;
-  const std::unordered_set<std::string> bypassAppIds_;
+  const TextSet bypassAppIds_;
   const DomainList hardBypassDomains_;
   const DomainList realtimeMediaDomains_;
   const DomainList udpQuicPolicyDomains_;
@@ -144,8 +187,12 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   const std::uint16_t proxyPort_ = platform::limits::kProxyPort;
   const double connectHandshakeTimeoutSeconds_ =
       std::chrono::duration<double>(platform::limits::kHandshakeTimeout).count();
-  // Changed only by barrier items of its queue. The keys are the identifiers in the tunnels.
-  std::unordered_map<std::string_view, std::shared_ptr<OVTunnelConnection>> activeTunnels_;
+  SharedTexts applications_;
+  std::mutex tunnelsCommonLock_;
+  // Guarded by tunnelsCommonLock_; made for the first tunnel, and holds the provider weakly.
+  std::shared_ptr<const OVTunnelConnection::Common> tunnelsCommon_;
+  // Changed only by barrier items of its queue.
+  std::unordered_set<std::shared_ptr<OVTunnelConnection>, TunnelHash, TunnelEqual> activeTunnels_;
   const std::shared_ptr<platform::DispatchQueue> activeTunnelsQueue_;
   ProxyTunnelAdmissionController tunnelAdmissionController_;
   const std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient_;
@@ -163,7 +210,7 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   const std::shared_ptr<platform::DispatchQueue> bypassCacheQueue_;
   // Changed only by barrier items of its queue. Contains every kind of decision, before the safety
   // gate is applied, whose state is never cached.
-  FlowDecisionCache<FlowAction> bypassCache_;
+  FlowDecisionCache<FlowDecision> bypassCache_;
 };
 
 }  // namespace ostravel

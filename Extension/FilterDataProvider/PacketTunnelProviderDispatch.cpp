@@ -24,7 +24,8 @@ using platform::OptionalError;
 bool PacketTunnelProvider::handleNewFlow(std::shared_ptr<AppProxyFlow> flow) {
   const std::string appId = flow->sourceAppSigningIdentifier();
   const auto tcpFlow = std::dynamic_pointer_cast<AppProxyTCPFlow>(flow);
-  const auto udpFlow = std::dynamic_pointer_cast<AppProxyUDPFlow>(flow);
+  // A cast that fails takes long.
+  const auto udpFlow = tcpFlow ? nullptr : std::dynamic_pointer_cast<AppProxyUDPFlow>(flow);
   const bool isUDP = udpFlow != nullptr;
 
   std::optional<HostEndpoint> known;
@@ -36,14 +37,13 @@ bool PacketTunnelProvider::handleNewFlow(std::shared_ptr<AppProxyFlow> flow) {
   const HostEndpoint endpoint = std::move(known).value_or(HostEndpoint{"unknown", "0"});
 
   const std::string_view trimmedAppId = platform_.text().trimmed(appId);
-  switch (decideFlowAction(trimmedAppId, endpoint.hostname, isUDP)) {
+  const FlowDecision decision = decideFlow(trimmedAppId, endpoint.hostname, isUDP);
+  switch (decision.action) {
     case FlowAction::bypass:
-      if (flow->observer() != nullptr) {
-        flow->observer()->decided(bypassRule(trimmedAppId, endpoint.hostname, isUDP));
-      }
+      noteDecision(*flow, decision.rule);
       return false;
     case FlowAction::dropUDP:
-      noteDecision(*flow, FlowRule::refusedUDP);
+      noteDecision(*flow, decision.rule);
       if (udpFlow) {
         udpFlow->closeRead(std::nullopt);
         udpFlow->closeWrite(std::nullopt);
@@ -54,7 +54,7 @@ bool PacketTunnelProvider::handleNewFlow(std::shared_ptr<AppProxyFlow> flow) {
         noteDecision(*flow, FlowRule::localProxy);
         return false;
       }
-      noteDecision(*flow, FlowRule::proxied);
+      noteDecision(*flow, decision.rule);
       openFlow(tcpFlow, appId);
       return true;
   }
@@ -102,25 +102,39 @@ void PacketTunnelProvider::startTunnel(const std::shared_ptr<AppProxyTCPFlow>& f
   if (flow->observer() != nullptr) {
     flow->observer()->identified(flowId);
   }
-  if (!tunnelAdmissionController_.tryAcquireHandshakeSlot(flowId)) {
+  FlowIdentifier identifier(flowId);
+  if (!tunnelAdmissionController_.tryAcquireHandshakeSlot(identifier)) {
     rejectFlow(*flow, flowId, appId);
     return;
   }
-  const auto tunnel = makeTunnel(flow, flowId, appId);
+  const auto connection =
+      createTCPConnection({proxyHost_, std::to_string(proxyPort_)}, platform::TLSPolicy::disabled);
+  const auto tunnel = std::make_shared<OVTunnelConnection>(
+      tunnelsCommon(), flow, connection, std::move(identifier), applications_.of(appId));
   // Submitted before the start, so that a tunnel that ends early is removed after it was added.
   activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {
-    provider->activeTunnels_.erase(tunnel->flowId());
-    provider->activeTunnels_.emplace(tunnel->flowId(), tunnel);
+    provider->forgetTunnel(tunnel->flowId());
+    provider->activeTunnels_.insert(tunnel);
   });
   tunnel->start();
 }
 
-std::shared_ptr<OVTunnelConnection> PacketTunnelProvider::makeTunnel(
-    const std::shared_ptr<AppProxyTCPFlow>& flow, const std::string& flowId,
-    const std::string& appId) {
-  const auto connection =
-      createTCPConnection({proxyHost_, std::to_string(proxyPort_)}, platform::TLSPolicy::disabled);
-  const auto onHandshakeEstablished = [weakProvider = weakSelf()](const std::string& id) {
+void PacketTunnelProvider::forgetTunnel(const FlowIdentifier& flowId) {
+  if (const auto found = activeTunnels_.find(flowId); found != activeTunnels_.end()) {
+    activeTunnels_.erase(found);
+  }
+}
+
+std::shared_ptr<const OVTunnelConnection::Common> PacketTunnelProvider::tunnelsCommon() {
+  const std::lock_guard guard(tunnelsCommonLock_);
+  if (!tunnelsCommon_) {
+    tunnelsCommon_ = makeTunnelsCommon();
+  }
+  return tunnelsCommon_;
+}
+
+std::shared_ptr<const OVTunnelConnection::Common> PacketTunnelProvider::makeTunnelsCommon() {
+  const auto onHandshakeEstablished = [weakProvider = weakSelf()](const FlowIdentifier& id) {
     if (const auto provider = weakProvider.lock()) {
       provider->tunnelAdmissionController_.markEstablished(id);
     }
@@ -131,14 +145,14 @@ std::shared_ptr<OVTunnelConnection> PacketTunnelProvider::makeTunnel(
       provider->noteGate();
     }
   };
-  const auto onClose = [weakProvider = weakSelf()](const std::string& id) {
+  const auto onClose = [weakProvider = weakSelf()](const FlowIdentifier& id) {
     if (const auto provider = weakProvider.lock()) {
       provider->tunnelDidClose(id);
     }
   };
-  return std::make_shared<OVTunnelConnection>(platform_, flow, connection, flowId, appId,
-                                              connectHandshakeTimeoutSeconds_, monitoringClient_,
-                                              onHandshakeEstablished, onProxyUnavailable, onClose);
+  return std::make_shared<const OVTunnelConnection::Common>(
+      platform_, connectHandshakeTimeoutSeconds_, monitoringClient_, onHandshakeEstablished,
+      onProxyUnavailable, onClose);
 }
 
 void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& flowId,
@@ -159,10 +173,10 @@ void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& 
   flow.closeWrite(error);
 }
 
-void PacketTunnelProvider::tunnelDidClose(const std::string& flowId) {
+void PacketTunnelProvider::tunnelDidClose(const FlowIdentifier& flowId) {
   activeTunnelsQueue_->asyncBarrier([weakProvider = weakSelf(), flowId] {
     if (const auto provider = weakProvider.lock()) {
-      provider->activeTunnels_.erase(flowId);
+      provider->forgetTunnel(flowId);
     }
   });
   tunnelAdmissionController_.release(flowId);

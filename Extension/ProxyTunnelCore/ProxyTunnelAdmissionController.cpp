@@ -4,7 +4,7 @@
 
 namespace ostravel {
 
-bool ProxyTunnelAdmissionController::tryAcquireHandshakeSlot(const std::string& flowId) {
+bool ProxyTunnelAdmissionController::tryAcquireHandshakeSlot(const FlowIdentifier& flowId) {
   const std::lock_guard guard(lock_);
   if (pendingHandshakeIDs_.contains(flowId) || establishedTunnelIDs_.contains(flowId)) {
     return true;
@@ -16,7 +16,7 @@ bool ProxyTunnelAdmissionController::tryAcquireHandshakeSlot(const std::string& 
   return true;
 }
 
-void ProxyTunnelAdmissionController::markEstablished(const std::string& flowId) {
+void ProxyTunnelAdmissionController::markEstablished(const FlowIdentifier& flowId) {
   const std::lock_guard guard(lock_);
   if (auto pending = pendingHandshakeIDs_.extract(flowId)) {
     establishedTunnelIDs_.insert(std::move(pending));
@@ -25,7 +25,7 @@ void ProxyTunnelAdmissionController::markEstablished(const std::string& flowId) 
   }
 }
 
-void ProxyTunnelAdmissionController::release(const std::string& flowId) {
+void ProxyTunnelAdmissionController::release(const FlowIdentifier& flowId) {
   const std::lock_guard guard(lock_);
   pendingHandshakeIDs_.erase(flowId);
   establishedTunnelIDs_.erase(flowId);

@@ -2,9 +2,9 @@
 
 #include <cstddef>
 #include <mutex>
-#include <string>
 #include <unordered_set>
 
+#include "Base/FlowIdentifier.h"
 #include "Platform/Interface/SystemLimits.h"
 
 namespace ostravel {
@@ -17,22 +17,24 @@ class ProxyTunnelAdmissionController {
   static constexpr std::size_t maxPendingHandshakes = platform::limits::kMaxPendingHandshakes;
 
   // True if the flow was admitted to the pending set, or is already known, even if the set is full.
-  bool tryAcquireHandshakeSlot(const std::string& flowId);
+  bool tryAcquireHandshakeSlot(const FlowIdentifier& flowId);
 
   // Moves the flow to the established set, whether or not it was pending.
-  void markEstablished(const std::string& flowId);
+  void markEstablished(const FlowIdentifier& flowId);
 
   // Forgets the flow; does nothing for an unknown one.
-  void release(const std::string& flowId);
+  void release(const FlowIdentifier& flowId);
 
   std::size_t pendingCount() const;
 
  private:
   friend class PacketTunnelProviderTestPeer;
 
+  using FlowIdentifiers = std::unordered_set<FlowIdentifier, FlowIdentifier::Hash>;
+
   mutable std::mutex lock_;
-  std::unordered_set<std::string> pendingHandshakeIDs_;
-  std::unordered_set<std::string> establishedTunnelIDs_;
+  FlowIdentifiers pendingHandshakeIDs_;
+  FlowIdentifiers establishedTunnelIDs_;
 };
 
 }  // namespace ostravel

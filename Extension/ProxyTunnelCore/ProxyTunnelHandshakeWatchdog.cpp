@@ -90,16 +90,10 @@ void ProxyTunnelHandshakeWatchdog::finishWithoutCallback() {
   }
 }
 
-ProxyTunnelHandshakeWatchdog::State ProxyTunnelHandshakeWatchdog::state() const {
-  const std::lock_guard guard(lock_);
-  return state_;
-}
-
 void ProxyTunnelHandshakeWatchdog::finish() {
   state_ = State::finished;
-  if (const auto timer = std::exchange(timer_, nullptr)) {
-    disarm(*timer);
-  }
+  const auto timer = std::exchange(timer_, nullptr);
+  disarm(*timer);
   queue_ = nullptr;
   onTimeout_ = nullptr;
 }

@@ -18,8 +18,6 @@ class ProxyTunnelHandshakeWatchdog
  public:
   using TimeoutHandler = std::function<void()>;
 
-  enum class State { idle, running, finished };
-
   // timeout in seconds. onTimeout runs on queue, with no lock held.
   ProxyTunnelHandshakeWatchdog(platform::Platform& platform, double timeout,
                                std::shared_ptr<platform::DispatchQueue> queue,
@@ -35,14 +33,16 @@ class ProxyTunnelHandshakeWatchdog
   // Ends a running watchdog; one that was never started stays idle.
   void finishWithoutCallback();
 
-  State state() const;
-
  private:
+  friend class PacketTunnelProviderTestPeer;
+
+  enum class State { idle, running, finished };
+
   std::shared_ptr<platform::DispatchQueue> queueUnlessFinished() const;
   // If the watchdog is idle, makes it run with this timer.
   bool adopt(const std::shared_ptr<platform::DispatchTimer>& timer);
 
-  // Called with the lock held.
+  // Called with the lock held; finish() only while running.
   void finish();
   TimeoutHandler takeTimeout();
 
@@ -53,6 +53,7 @@ class ProxyTunnelHandshakeWatchdog
   TimeoutHandler onTimeout_;
   mutable std::mutex lock_;
   State state_ = State::idle;
+  // Null unless it is running.
   std::shared_ptr<platform::DispatchTimer> timer_;
 };
 

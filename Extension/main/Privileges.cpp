@@ -73,7 +73,7 @@ platform::OptionalError giveUpAllBut(std::uint64_t used) {
     data[word].permitted &= kept;
     data[word].inheritable = 0;
   }
-  // A service that has no more than these may not be permitted to change them.
+  // A process that has only these already may run under a filter that forbids capset(2).
   isDone = isDone && (!isMore || ::syscall(SYS_capset, &header, data.data()) == 0);
   return isDone ? std::nullopt
                 : platform::OptionalError(

@@ -88,7 +88,7 @@ int run(int argc, char** argv) {
   }
   std::signal(SIGPIPE, SIG_IGN);
   if (const auto error = restrictSystemCalls()) {
-    // As for the extension, it is not worth doing without.
+    // Only a second line of defence: the inspector is more useful without it than not at all.
     std::fprintf(stderr, "ostravel-inspector: %s\n", error->localizedDescription.c_str());
   }
   linuxplatform::InspectionServer server(listener, client);

@@ -12,6 +12,9 @@ class Clock {
 
   // Seconds since 1970-01-01 00:00:00 UTC, with a fractional part.
   virtual double secondsSince1970() const = 0;
+
+  // The same, at most some milliseconds late, where the platform has a cheaper way to tell.
+  virtual double secondsSince1970Roughly() const { return secondsSince1970(); }
 };
 
 }  // namespace ostravel::platform

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <functional>
 #include <optional>
 
+#include "Platform/Interface/Callback.h"
 #include "Platform/Interface/Data.h"
 #include "Platform/Interface/Error.h"
 
@@ -14,9 +14,9 @@ namespace ostravel::platform {
 // everything that it may outlive. Only a platform that has been shut down runs none.
 
 // Absent error: success.
-using ErrorCompletion = std::function<void(OptionalError)>;
+using ErrorCompletion = Callback<void(OptionalError)>;
 
 // Absent or empty data without an error: the end of the stream. An error excludes data.
-using ReadCompletion = std::function<void(std::optional<Data>, OptionalError)>;
+using ReadCompletion = Callback<void(std::optional<Data>, OptionalError)>;
 
 }  // namespace ostravel::platform

@@ -1,30 +1,38 @@
 #include "Platform/Shared/StateObservers.h"
 
 #include <algorithm>
+#include <array>
+#include <functional>
 #include <utility>
 
 namespace ostravel::platform {
 
 bool StateObservers::add(std::weak_ptr<KeyValueObserver> observer) {
   const auto* const identity = observer.lock().get();
-  const std::lock_guard guard(lock_);
+  const std::lock_guard guard(lock());
   // The new observer could be at the address of a destroyed one.
-  std::erase_if(registrations_, isDestroyed);
-  registrations_.push_back({std::move(observer), identity});
+  if (!registrations_) {
+    registrations_ = std::make_unique<std::vector<Registration>>();
+  }
+  std::erase_if(*registrations_, isDestroyed);
+  registrations_->push_back({std::move(observer), identity});
   return hasMissedChange_;
 }
 
 void StateObservers::remove(const KeyValueObserver& observer) {
-  const std::lock_guard guard(lock_);
-  const auto found = std::find_if(
-      registrations_.begin(), registrations_.end(),
-      [&observer](const Registration& registration) { return registration.identity == &observer; });
-  if (found != registrations_.end()) {
-    registrations_.erase(found);
+  const std::lock_guard guard(lock());
+  if (!registrations_) {
+    return;
   }
-  if (registrations_.empty()) {
+  const auto found = std::find_if(
+      registrations_->begin(), registrations_->end(),
+      [&observer](const Registration& registration) { return registration.identity == &observer; });
+  if (found != registrations_->end()) {
+    registrations_->erase(found);
+  }
+  if (registrations_->empty()) {
     // A connection lives much longer than its last observer.
-    registrations_ = {};
+    registrations_ = nullptr;
   }
 }
 
@@ -39,11 +47,13 @@ void StateObservers::notifyOfMissedChange(TCPConnection& connection) {
 void StateObservers::notify(TCPConnection& connection, Change change) {
   std::vector<Registration> registrations;
   {
-    const std::lock_guard guard(lock_);
+    const std::lock_guard guard(lock());
     if (change == Change::missed && !hasMissedChange_) {
       return;
     }
-    registrations = registrations_;
+    if (registrations_) {
+      registrations = *registrations_;
+    }
     hasMissedChange_ = std::all_of(registrations.begin(), registrations.end(), isDestroyed);
   }
   // Without the lock: observers remove themselves from here.
@@ -56,8 +66,14 @@ void StateObservers::notify(TCPConnection& connection, Change change) {
 }
 
 std::size_t StateObservers::count() const {
-  const std::lock_guard guard(lock_);
-  return registrations_.size();
+  const std::lock_guard guard(lock());
+  return registrations_ ? registrations_->size() : 0;
+}
+
+std::mutex& StateObservers::lock() const {
+  // Never destroyed, because connections may outlive objects of static storage.
+  static auto& locks = *new std::array<std::mutex, 16>;
+  return locks[std::hash<const StateObservers*>{}(this) / sizeof(void*) % locks.size()];
 }
 
 bool StateObservers::isDestroyed(const Registration& registration) {
@@ -65,10 +81,11 @@ bool StateObservers::isDestroyed(const Registration& registration) {
 }
 
 bool StateObservers::isRegistered(const KeyValueObserver& observer) const {
-  const std::lock_guard guard(lock_);
-  return std::any_of(
-      registrations_.begin(), registrations_.end(),
-      [&observer](const Registration& registration) { return registration.identity == &observer; });
+  const std::lock_guard guard(lock());
+  return registrations_ && std::any_of(registrations_->begin(), registrations_->end(),
+                                       [&observer](const Registration& registration) {
+                                         return registration.identity == &observer;
+                                       });
 }
 
 }  // namespace ostravel::platform

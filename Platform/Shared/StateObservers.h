@@ -46,10 +46,12 @@ class StateObservers {
   static bool isDestroyed(const Registration& registration);
   bool isRegistered(const KeyValueObserver& observer) const;
 
-  mutable std::mutex lock_;
-  // Guarded by lock_.
-  std::vector<Registration> registrations_;
-  // The state changed while there were no observers.
+  // Shared with other connections, because a lock of its own would be most of an idle one: a
+  // connection is observed only until its handshake begins.
+  std::mutex& lock() const;
+
+  // Both guarded by lock(): null if there are none; the state changed while there were none.
+  std::unique_ptr<std::vector<Registration>> registrations_;
   bool hasMissedChange_ = false;
 };
 

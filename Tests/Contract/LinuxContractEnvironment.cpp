@@ -122,7 +122,8 @@ FlowEnds LinuxContractEnvironment::makeFlow(const std::string& signingIdentifier
                                        kTracedDestination};
   auto& loop = loops_.loop(nextLoop_++ % loops_.size());
   auto flow = std::make_shared<linuxplatform::LinuxTCPFlow>(
-      loop, tuple, signingIdentifier, kDestination,
+      loop, tuple, std::make_shared<const std::string>(signingIdentifier),
+      *linuxplatform::parseAddressLiteral(kDestination),
       std::make_unique<PlayedPacket>(loops_, application));
   return {std::move(flow), std::move(application)};
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Base/FlowIdentifier.h"
 #include "Extension/ProxyTunnelCore/ProxyHealthMonitor.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelAdmissionController.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.h"
@@ -137,7 +138,7 @@ TEST(InterleavingsTest, AdmissionOfTwoFlowsInEveryOrder) {
       ProxyTunnelAdmissionController controller;
       const std::size_t occupied = ProxyTunnelAdmissionController::maxPendingHandshakes - slots;
       for (std::size_t i = 0; i < occupied; ++i) {
-        controller.tryAcquireHandshakeSlot("occupied " + std::to_string(i));
+        controller.tryAcquireHandshakeSlot(FlowIdentifier("occupied " + std::to_string(i)));
       }
       // Admitted, requested again, established, requested again, released, released again.
       constexpr int kSteps = 6;
@@ -146,7 +147,7 @@ TEST(InterleavingsTest, AdmissionOfTwoFlowsInEveryOrder) {
       bool established[2] = {false, false};
       while (done[0] < kSteps || done[1] < kSteps) {
         const std::size_t flow = done[0] == kSteps ? 1 : done[1] == kSteps ? 0 : explorer.choose(2);
-        const std::string id = "flow " + std::to_string(flow);
+        const FlowIdentifier id("flow " + std::to_string(flow));
         const int step = done[flow]++;
         const bool isKnown = pending[flow] || established[flow];
         const bool hasRoom = std::size_t{pending[0]} + std::size_t{pending[1]} < slots;
@@ -195,7 +196,8 @@ TEST(InterleavingsTest, TheWatchdogFiresOrIsFinishedAndNeverBoth) {
     queue.post([&] { watchdog->start(); });
     for (int i = 0; i < 2; ++i) {
       queue.post([&] {
-        const bool isRunning = watchdog->state() == ProxyTunnelHandshakeWatchdog::State::running;
+        const bool isRunning = PacketTunnelProviderTestPeer::stateOf(*watchdog) ==
+                               PacketTunnelProviderTestPeer::WatchdogState::running;
         watchdog->finishWithoutCallback();
         wasFinished = wasFinished || isRunning;
       });
@@ -207,7 +209,8 @@ TEST(InterleavingsTest, TheWatchdogFiresOrIsFinishedAndNeverBoth) {
 
     ASSERT_LE(callbacks, 1);
     ASSERT_EQ(callbacks == 1, !wasFinished);
-    ASSERT_EQ(watchdog->state(), ProxyTunnelHandshakeWatchdog::State::finished);
+    ASSERT_EQ(PacketTunnelProviderTestPeer::stateOf(*watchdog),
+              PacketTunnelProviderTestPeer::WatchdogState::finished);
     fired += callbacks == 1 ? 1 : 0;
   });
 

@@ -124,12 +124,13 @@ ALLOWED_FOREIGN_HEADERS = {
 # Room -> headers of other rooms that it may include although not the rooms as a whole: of the
 # ground floor, neither threads nor descriptors.
 ALLOWED_HEADERS = {
-    CORE: {"Base/CalendarText.h", "Base/JSONHandle.h", "Base/UTF8.h"},
-    PROVIDER: {"Base/UTF8.h"},
+    CORE: {"Base/CalendarText.h", "Base/FlowIdentifier.h", "Base/JSONHandle.h", "Base/UTF8.h"},
+    PROVIDER: {"Base/FlowIdentifier.h", "Base/SharedTexts.h", "Base/UTF8.h"},
     HOST: {"Base/PrintableText.h", "Base/UTF8.h"},
     # It listens where the extension expects a proxy.
     "Companion/Sidecar": {"Platform/Interface/SystemLimits.h"},
     SHARED: {"Base/UTF8.h"},
+    STATISTICS: {"Platform/Linux/Kernel/FlowTuple.h"},
     MAC_FOUNDATION: {"Base/UTF8.h"},
     MAC_DISPATCH: {"Base/ProgrammingError.h"},
     MAC_FLOW: {"Base/ProgrammingError.h"},

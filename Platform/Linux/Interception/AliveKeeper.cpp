@@ -8,16 +8,8 @@
 
 namespace ostravel::linuxplatform {
 
-AliveKeeper::AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,
-                         std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed,
-                         HasRoom hasRoom, Adjust adjust)
-    : table_(std::move(table)),
-      install_(std::move(install)),
-      log_(std::move(log)),
-      onRefreshed_(std::move(onRefreshed)),
-      hasRoom_(std::move(hasRoom)),
-      adjust_(std::move(adjust)),
-      thread_([this] { run(); }) {}
+AliveKeeper::AliveKeeper(std::unique_ptr<InterceptionTable> table, Options options)
+    : table_(std::move(table)), options_(std::move(options)), thread_([this] { run(); }) {}
 
 AliveKeeper::~AliveKeeper() {
   removeTable();
@@ -43,14 +35,14 @@ void AliveKeeper::run() {
     if (waited[0].revents != 0) {
       return;
     }
-    if (beats_.consume() && keepAlive() && onRefreshed_) {
-      onRefreshed_();
+    if (beats_.consume() && keepAlive() && options_.onRefreshed) {
+      options_.onRefreshed();
     }
   }
 }
 
 bool AliveKeeper::keepAlive() {
-  if (!hasRoom_()) {
+  if (!options_.hasRoom()) {
     table_.reset();
     logFailure(
         "The kernel's table of tracked connections is nearly full; the rules are removed and "
@@ -59,8 +51,8 @@ bool AliveKeeper::keepAlive() {
   }
   if (table_) {
     auto error = table_->refreshAlive();
-    if (!error && adjust_) {
-      error = adjust_(*table_);
+    if (!error && options_.adjust) {
+      error = options_.adjust(*table_);
     }
     if (!error) {
       return true;
@@ -73,20 +65,20 @@ bool AliveKeeper::keepAlive() {
 }
 
 bool AliveKeeper::reinstall() {
-  auto installed = install_();
+  auto installed = options_.install();
   if (!installed) {
     logFailure(installed.error().localizedDescription);
     return false;
   }
   table_ = *std::move(installed);
   lastFailure_.clear();
-  log_->info("OstravelProxy: Rules installed again");
+  options_.log->info("OstravelProxy: Rules installed again");
   return true;
 }
 
 void AliveKeeper::logFailure(std::string description) {
   if (description != lastFailure_) {
-    log_->error("OstravelProxy: %{public}s", {description});
+    options_.log->error("OstravelProxy: %{public}s", {description});
     lastFailure_ = std::move(description);
   }
 }

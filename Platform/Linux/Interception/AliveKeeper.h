@@ -23,21 +23,20 @@ namespace ostravel::linuxplatform {
 // the only reason for tracking connections at all.
 class AliveKeeper {
  public:
-  // Reinstalls the table with its original arguments. Runs on the keeper's thread.
-  using Install = std::function<platform::Result<std::unique_ptr<InterceptionTable>>()>;
+  // Everything in here is called on the keeper's thread.
+  struct Options {
+    // Reinstalls the table with its original arguments.
+    std::function<platform::Result<std::unique_ptr<InterceptionTable>>()> install;
+    std::shared_ptr<platform::Log> log;
+    // Called after every beat unless the table cannot be refreshed; may be empty.
+    std::function<void()> onRefreshed = {};
+    // True if connections can be tracked.
+    std::function<bool()> hasRoom = ConntrackRoom();
+    // Called on every beat, after the refresh; if it fails, the table is reinstalled. May be empty.
+    std::function<platform::OptionalError(InterceptionTable&)> adjust = {};
+  };
 
-  // Called on every beat, after the refresh; if it fails, the table is reinstalled. Runs on the
-  // keeper's thread.
-  using Adjust = std::function<platform::OptionalError(InterceptionTable&)>;
-
-  // True if connections can be tracked. Runs on the keeper's thread.
-  using HasRoom = std::function<bool()>;
-
-  // Takes ownership of the table; adjust may be empty; onRefreshed, which may be empty, runs on the
-  // keeper's thread after every beat unless the table cannot be refreshed.
-  AliveKeeper(std::unique_ptr<InterceptionTable> table, Install install,
-              std::shared_ptr<platform::Log> log, std::function<void()> onRefreshed,
-              HasRoom hasRoom = ConntrackRoom(), Adjust adjust = {});
+  AliveKeeper(std::unique_ptr<InterceptionTable> table, Options options);
   AliveKeeper(const AliveKeeper&) = delete;
   AliveKeeper& operator=(const AliveKeeper&) = delete;
   // Removes the table unless removeTable() already has.
@@ -59,11 +58,7 @@ class AliveKeeper {
   void logFailure(std::string description);
 
   std::unique_ptr<InterceptionTable> table_;
-  const Install install_;
-  const std::shared_ptr<platform::Log> log_;
-  const std::function<void()> onRefreshed_;
-  const HasRoom hasRoom_;
-  const Adjust adjust_;
+  const Options options_;
   // Empty while the table is installed.
   std::string lastFailure_;
   EventDescriptor beats_;

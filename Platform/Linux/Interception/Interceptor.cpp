@@ -72,17 +72,12 @@ std::shared_ptr<HostNameObserver> observeNames(NameUse use,
   return *std::move(observer);
 }
 
-std::string textOf(const SocketEndpoint& endpoint) {
-  const std::string address = endpoint.addressText();
-  const std::string port = ":" + std::to_string(endpoint.port);
-  return endpoint.family == AddressFamily::ipv6 ? "[" + address + "]" + port : address + port;
-}
-
+// As long as the identification exists.
 FlowRecord::Origin originOf(const FlowTuple& tuple, const Identification& identification,
                             FlowRecord::Clock::time_point begin) {
   return {.isUDP = tuple.protocol == TransportProtocol::udp,
           .application = identification.identifier,
-          .destination = textOf(tuple.destination),
+          .destination = tuple.destination,
           .user = identification.user,
           .process = identification.process,
           .begin = begin};
@@ -150,8 +145,12 @@ platform::Result<std::unique_ptr<Interceptor>> Interceptor::start(
   auto redirects = RedirectSupervisor::start(loops, settings, log);
   auto names = observeNames(environment.names, *identifiers, *log);
   auto aliveKeeper = std::make_unique<AliveKeeper>(
-      *std::move(table), [rules] { return rules->install(); }, log, environment.onAlive,
-      ConntrackRoom(), [rules](InterceptionTable& installed) { return rules->adjust(installed); });
+      *std::move(table),
+      AliveKeeper::Options{
+          .install = [rules] { return rules->install(); },
+          .log = log,
+          .onRefreshed = environment.onAlive,
+          .adjust = [rules](InterceptionTable& installed) { return rules->adjust(installed); }});
   return std::unique_ptr<Interceptor>(new Interceptor(
       {std::move(log), loops, environment.descriptors, environment.journal, std::move(handler),
        environment.onProxyWatched, environment.processes, std::move(identifiers), environment.names,
@@ -329,15 +328,14 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   // Cheap tests first, so that a flood is not identified packet by packet.
   auto share = shares_.of(packet.uid);
   if (const auto reason = reasonToLeave(tuple, packet, *share, now)) {
-    leaveToSystem(packet, *first, *reason, now);
+    leaveToSystem(packet, *first, *reason, now, std::nullopt);
     return;
   }
   auto identification = identifiers_->identify(*first, packet.outputInterface);
   if (const auto reason = reasonToLeave(tuple, identification)) {
-    leaveToSystem(packet, *first, *reason, now);
+    leaveToSystem(packet, *first, *reason, now, std::move(identification));
     return;
   }
-  heldFlows_.add({packet.id, tuple.destination, identification.process, share}, now);
   // Flows of the proxy itself do not count: applications cause them.
   if (identification.identifier != ApplicationIdentifierSource::kProxyIdentifier) {
     shares_.noteActivity(*share, now);
@@ -350,8 +348,9 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
   EventLoop& loop = isTCP ? loops_.loop(nextLoop_++ % loops_.size()) : loop_;
   auto record = journal_.open(originOf(tuple, identification, now), loop.index());
   const auto user = identification.user;
-  const auto flow = makeFlow(tuple, std::move(identification), std::move(heldPacket),
-                             std::move(share), record, loop);
+  const auto process = identification.process;
+  auto flow =
+      makeFlow(tuple, std::move(identification), std::move(heldPacket), share, record, loop);
   const bool isTaken = handler_(flow);
   if (isTCP) {
     journal_.publish(std::move(record));
@@ -359,16 +358,22 @@ void Interceptor::decide(const PacketQueue::Packet& packet) {
     record->named(hostOf(user, flow->sourceAppSigningIdentifier(), tuple.destination));
     journal_.publish(std::move(record));
   }
-  // A flow that the handler does not take releases its packet when destroyed at the end of this
-  // scope. A UDP flow is taken in order to be refused, and so is each further datagram of it. A TCP
-  // flow that was not taken must not be offered again.
+  if (isTaken) {
+    heldFlows_.add({packet.id, tuple.destination, process, std::move(share)}, now);
+  }
+  // A flow that the handler does not take releases its packet when it is destroyed: after its
+  // record was published, so that the record exists when connect() returns, but before the rest.
+  flow.reset();
+  // A UDP flow is taken in order to be refused, and so is each further datagram of it. A TCP flow
+  // that was not taken must not be offered again.
   if (!isTaken || isTCP) {
     recentFlows_.remember(*first, now);
   }
 }
 
 void Interceptor::leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
-                                LeaveReason reason, FlowRecord::Clock::time_point begin) {
+                                LeaveReason reason, FlowRecord::Clock::time_point begin,
+                                std::optional<Identification> sender) {
   queue_->accept(packet.id);
   // A datagram is not part of a connection, so the next one may be judged differently.
   if (first.tuple.protocol == TransportProtocol::tcp) {
@@ -377,12 +382,23 @@ void Interceptor::leaveToSystem(const PacketQueue::Packet& packet, const FirstPa
     return;
   }
   leftFlows_.add(reason, packet.uid);
-  if (journal_.countLeft(linuxplatform::nameOf(reason), begin)) {
-    Identification sender;
-    sender.user = packet.uid;
-    journal_.publishLeft(originOf(first.tuple, sender, begin), linuxplatform::nameOf(reason),
-                         hostOf(packet.uid, {}, first.tuple.destination));
+  if (!journal_.countLeft(linuxplatform::nameOf(reason), begin)) {
+    return;
   }
+  // Few enough for all to be identified, although the flow no longer waits: people want to know
+  // which applications an outage of the proxy affects.
+  const bool isForProxy = reason == LeaveReason::onTrial || reason == LeaveReason::handshakeShare;
+  if (!sender && isForProxy) {
+    sender = identifiers_->identify(first, packet.outputInterface);
+  }
+  if (!sender || sender->leaveReason) {
+    sender = Identification();
+  }
+  if (!sender->user) {
+    sender->user = packet.uid;
+  }
+  journal_.publishLeft(originOf(first.tuple, *sender, begin), linuxplatform::nameOf(reason),
+                       hostOf(sender->user, sender->identifier, first.tuple.destination));
 }
 
 std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
@@ -448,11 +464,10 @@ std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(
   if (name) {
     record->named(name->host);
   }
-  platform::HostEndpoint remote{tuple.destination.addressText(),
-                                std::to_string(tuple.destination.port)};
-  return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(identification.identifier),
-                                        std::move(remote), std::move(packet), std::move(share),
-                                        std::move(name), std::move(record));
+  auto application = record->application();
+  return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(application), tuple.destination,
+                                        std::move(packet), std::move(share), std::move(name),
+                                        std::move(record));
 }
 
 std::optional<FlowName> Interceptor::nameOf(const Identification& sender,

@@ -128,9 +128,10 @@ class Interceptor {
   void stopReceiving();
 
   void decide(const PacketQueue::Packet& packet);
-  // Accepts the packet and its retransmissions by TCP.
+  // Accepts the packet and its retransmissions by TCP. sender: if it has been identified.
   void leaveToSystem(const PacketQueue::Packet& packet, const FirstPacket& first,
-                     LeaveReason reason, FlowRecord::Clock::time_point begin);
+                     LeaveReason reason, FlowRecord::Clock::time_point begin,
+                     std::optional<Identification> sender);
   // Empty if the flow may be offered, judging only by what is known before identification.
   std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
                                            const PacketQueue::Packet& packet, UserShare& share,

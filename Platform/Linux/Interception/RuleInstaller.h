@@ -25,7 +25,7 @@ class RuleInstaller {
     PacketMarks marks;
     std::uint16_t queueNumber = 0;
     std::vector<InterceptionTable::ListenerPorts> listeners;
-    // True if a copy of a packet can be sent, which offering packets after the filters takes.
+    // True if a copy of a packet can be sent: needed to offer packets after the filters.
     bool canResend = false;
     // Shared with the guardian, see TranslationTable; null if there is no guardian.
     std::shared_ptr<mnl_socket> guardedSocket;

@@ -21,9 +21,9 @@ class BufferPool {
   Buffer take();
   void release(Buffer buffer);
 
-  std::size_t keptCount() const { return kept_.size(); }
-
  private:
+  friend class EventLoopTestPeer;
+
   const EventLoop& loop_;
   std::vector<Buffer> kept_;
 };

@@ -95,8 +95,6 @@ class EventLoop : private LocalTurns {
   // afterwards: the pending completions of its streams are destroyed without running, and so are
   // the tunnels that only they keep alive. Idempotent; not from the loop itself.
   void stop();
-  // From any thread.
-  bool isStopping() const { return isStopping_; }
 
   // For reading, from any thread.
   const Counters& counters() const { return counters_; }
@@ -138,6 +136,8 @@ class EventLoop : private LocalTurns {
   };
 
  private:
+  friend class EventLoopTestPeer;
+
   // Limit on the posted items that run before the sockets are polled again.
   static constexpr std::size_t kTasksPerTurn = 64;
 

@@ -10,17 +10,20 @@
 
 namespace ostravel::linuxplatform {
 
-void LingeringSocket::start(EventLoop& loop, LoopSocket socket) {
+void LingeringSocket::start(EventLoop& loop, LoopSocket socket, std::shared_ptr<UserShare> user) {
   // The previous owner may still have been waiting for it.
   socket.cancelWaits();
   socket.letEndInOrder();
-  const auto lingering = std::make_shared<LingeringSocket>(Private(), loop, std::move(socket));
+  const auto lingering =
+      std::make_shared<LingeringSocket>(Private(), loop, std::move(socket), std::move(user));
   loop.keep(lingering);
   lingering->discard();
 }
 
-LingeringSocket::LingeringSocket(Private /*unused*/, EventLoop& loop, LoopSocket socket)
+LingeringSocket::LingeringSocket(Private /*unused*/, EventLoop& loop, LoopSocket socket,
+                                 std::shared_ptr<UserShare> user)
     : loop_(loop),
+      user_(std::move(user)),
       socket_(std::move(socket)),
       timer_(loop.timers()),
       interval_(limits::kLingerInterval) {}

@@ -88,28 +88,32 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
       errno != EINTR) {
     return errno;
   }
-  connecting_ = LoopSocket(stream_.loop(), descriptor.release());
-  connecting_.chargeTo(stream_.user());
-  return connecting_.isOpen() ? 0 : ENOMEM;
+  auto connecting = std::make_unique<LoopSocket>(stream_.loop(), descriptor.release());
+  if (!connecting->isOpen()) {
+    return ENOMEM;
+  }
+  connecting->chargeTo(stream_.user().get());
+  connecting_ = std::move(connecting);
+  return 0;
 }
 
 bool LinuxTCPConnection::isEstablished() {
   KernelAddress peer;
-  return ::getpeername(connecting_.descriptor(), peer.get(), &peer.size) == 0;
+  return ::getpeername(connecting_->descriptor(), peer.get(), &peer.size) == 0;
 }
 
 // Deferred, because the caller cannot have added an observer yet.
 void LinuxTCPConnection::finishConnectingLater() {
   stream_.loop().post([weakSelf = weak_from_this()] {
     const auto self = weakSelf.lock();
-    if (self && self->connecting_.isOpen()) {
+    if (self && self->connecting_) {
       self->becomeConnected();
     }
   });
 }
 
 void LinuxTCPConnection::waitUntilConnected() {
-  connecting_.waitUntilWritable([weakSelf = weak_from_this()] {
+  connecting_->waitUntilWritable([weakSelf = weak_from_this()] {
     if (const auto self = weakSelf.lock()) {
       ++self->stream_.loop().counters().wakeups;
       self->finishConnecting();
@@ -118,12 +122,12 @@ void LinuxTCPConnection::waitUntilConnected() {
 }
 
 void LinuxTCPConnection::finishConnecting() {
-  if (!connecting_.isOpen()) {
+  if (!connecting_) {
     return;
   }
   int error = 0;
   socklen_t size = sizeof error;
-  if (::getsockopt(connecting_.descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
+  if (::getsockopt(connecting_->descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
     error = errno;
   }
   if (error != 0) {
@@ -132,7 +136,7 @@ void LinuxTCPConnection::finishConnecting() {
   }
   if (!isEstablished()) {
     // A spurious wake-up.
-    connecting_.noRoomToWrite();
+    connecting_->noRoomToWrite();
     waitUntilConnected();
     return;
   }
@@ -140,16 +144,23 @@ void LinuxTCPConnection::finishConnecting() {
 }
 
 void LinuxTCPConnection::becomeConnected() {
-  stream_.attach(std::move(connecting_));
+  const auto connected = std::move(connecting_);
+  stream_.attach(std::move(*connected));
   changeState(TCPConnectionState::connected, 0);
   observers_.notify(*this);
+}
+
+void LinuxTCPConnection::closeConnecting() {
+  if (const auto socket = std::move(connecting_)) {
+    socket->close();
+  }
 }
 
 void LinuxTCPConnection::failToConnect(int error) {
   if (isCancelled_) {
     return;
   }
-  connecting_.close();
+  closeConnecting();
   changeState(TCPConnectionState::disconnected, error);
   stream_.fail(socketError(error));
   observers_.notify(*this);
@@ -181,7 +192,7 @@ void LinuxTCPConnection::cancelOnLoop() {
     return;
   }
   if (state_ == TCPConnectionState::connecting) {
-    connecting_.close();
+    closeConnecting();
     stream_.fail(socketError(ECANCELED));
   } else {
     stream_.closeInOrder(Direction::read);

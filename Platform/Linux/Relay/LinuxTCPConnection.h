@@ -62,6 +62,7 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   void waitUntilConnected();
   void finishConnecting();
   void becomeConnected();
+  void closeConnecting();
   void failToConnect(int error);
   void cancelOnLoop();
 
@@ -72,13 +73,13 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   void streamFailed(int error) override;
   void streamEnded() override;
 
+  platform::StateObservers observers_;
   std::atomic<platform::TCPConnectionState> state_ = platform::TCPConnectionState::connecting;
   std::atomic<int> error_ = 0;
   bool isCancelled_ = false;
-  platform::StateObservers observers_;
-  // The socket until it is connected.
-  LoopSocket connecting_;
   StreamSocket stream_;
+  // The socket until it is connected; null afterwards. Charged to the stream's user.
+  std::unique_ptr<LoopSocket> connecting_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -14,13 +14,14 @@ namespace ostravel::linuxplatform {
 using platform::OptionalError;
 using Direction = StreamSocket::Direction;
 
-LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
-                           platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
+LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple,
+                           std::shared_ptr<const std::string> identifier,
+                           const SocketEndpoint& remote, std::unique_ptr<HeldPacket> packet,
                            std::shared_ptr<UserShare> user, std::optional<FlowName> name,
                            std::shared_ptr<FlowRecord> record)
     : tuple_(tuple),
+      remote_(remote),
       identifier_(std::move(identifier)),
-      remote_(std::move(remote)),
       name_(name ? std::make_unique<FlowName>(*std::move(name)) : nullptr),
       packet_(std::move(packet)),
       record_(std::move(record)),
@@ -34,16 +35,22 @@ LinuxTCPFlow::~LinuxTCPFlow() {
 }
 
 std::optional<platform::HostEndpoint> LinuxTCPFlow::remoteEndpoint() const {
-  return name_ ? platform::HostEndpoint{name_->host, remote_.port} : remote_;
+  return name_ ? platform::HostEndpoint{name_->host, std::to_string(remote_.port)}
+               : remoteLiteral();
+}
+
+platform::HostEndpoint LinuxTCPFlow::remoteLiteral() const {
+  return {remote_.addressText(), std::to_string(remote_.port)};
 }
 
 std::optional<ConnectByName> LinuxTCPFlow::connectByName() const {
   if (!name_) {
     return std::nullopt;
   }
-  const bool isIPv6 = tuple_.destination.family == AddressFamily::ipv6;
-  const std::string literal = isIPv6 ? "[" + remote_.hostname + "]" : remote_.hostname;
-  return ConnectByName{name_->host + ":" + remote_.port, literal + ":" + remote_.port,
+  const bool isIPv6 = remote_.family == AddressFamily::ipv6;
+  const platform::HostEndpoint remote = remoteLiteral();
+  const std::string literal = isIPv6 ? "[" + remote.hostname + "]" : remote.hostname;
+  return ConnectByName{name_->host + ":" + remote.port, literal + ":" + remote.port,
                        name_->onUnresolvable};
 }
 

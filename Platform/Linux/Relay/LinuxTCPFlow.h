@@ -33,17 +33,17 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
                            private FlowListener::Waiter,
                            private StreamSocket::Owner {
  public:
-  // identifier: valid UTF-8, empty if unknown. remote: the destination as a literal. user is
+  // identifier: valid UTF-8, empty if unknown; not null. remote: the destination. user is
   // charged for the tunnel's resources; null if unknown. name: of the destination, if it has one.
   // record: null if none is kept.
-  LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple, std::string identifier,
-               platform::HostEndpoint remote, std::unique_ptr<HeldPacket> packet,
-               std::shared_ptr<UserShare> user = nullptr,
+  LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple,
+               std::shared_ptr<const std::string> identifier, const SocketEndpoint& remote,
+               std::unique_ptr<HeldPacket> packet, std::shared_ptr<UserShare> user = nullptr,
                std::optional<FlowName> name = std::nullopt,
                std::shared_ptr<FlowRecord> record = nullptr);
   ~LinuxTCPFlow() override;
 
-  std::string sourceAppSigningIdentifier() const override { return identifier_; }
+  std::string sourceAppSigningIdentifier() const override { return *identifier_; }
   platform::FlowObserver* observer() override { return record_.get(); }
   // By name, if it has one; after open() only if the proxy is asked for the name.
   std::optional<platform::HostEndpoint> remoteEndpoint() const override;
@@ -67,7 +67,7 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   void endHeld(const platform::OptionalError& error);
 
   const FlowTuple& tuple() const override { return tuple_; }
-  const std::string& application() const override { return identifier_; }
+  const std::string& application() const override { return *identifier_; }
   void accepted(LoopSocket socket) override;
   void timedOut() override;
 
@@ -75,10 +75,13 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   void streamFailed(int /*error*/) override {}
   void streamEnded() override {}
 
+  platform::HostEndpoint remoteLiteral() const;
+
   const FlowTuple tuple_;
+  const SocketEndpoint remote_;
   Stage stage_ = Stage::held;
-  const std::string identifier_;
-  const platform::HostEndpoint remote_;
+  // Shared with the other flows of the application.
+  const std::shared_ptr<const std::string> identifier_;
   // Null if there is none, as for most flows. Changed by open() only.
   std::unique_ptr<FlowName> name_;
   std::unique_ptr<HeldPacket> packet_;

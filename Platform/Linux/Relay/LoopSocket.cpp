@@ -19,7 +19,7 @@ LoopSocket::LoopSocket(EventLoop& loop, int descriptor) : loop_(&loop), descript
     descriptor_ = FileDescriptor();
     return;
   }
-  lease_ = loop.descriptors().lease(1);
+  loop.descriptors().take(1, nullptr);
 }
 
 LoopSocket::LoopSocket(LoopSocket&& other) noexcept {
@@ -29,13 +29,19 @@ LoopSocket::LoopSocket(LoopSocket&& other) noexcept {
 LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
   if (this != &other) {
     release();
-    lease_ = std::move(other.lease_);
     loop_ = other.loop_;
+    user_ = std::exchange(other.user_, nullptr);
     watch_ = std::exchange(other.watch_, nullptr);
     descriptor_ = std::move(other.descriptor_);
     endsInOrder_ = other.endsInOrder_;
   }
   return *this;
+}
+
+void LoopSocket::chargeTo(UserShare* user) {
+  if (isOpen()) {
+    loop_->descriptors().charge(1, std::exchange(user_, user), user);
+  }
 }
 
 void LoopSocket::goFirst() {
@@ -158,7 +164,7 @@ void LoopSocket::release() {
     loop_->poller().removeFromOutside(watch);
     descriptor_ = FileDescriptor();
   }
-  lease_ = DescriptorBudget::Lease();
+  loop_->descriptors().giveBack(1, std::exchange(user_, nullptr));
 }
 
 }  // namespace ostravel::linuxplatform

@@ -4,21 +4,20 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <utility>
 
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Relay/Poller.h"
 #include "Platform/Linux/Relay/Task.h"
-#include "Platform/Linux/Services/DescriptorBudget.h"
+#include "Platform/Linux/Services/UserShare.h"
 #include "Platform/Linux/Statistics/SingleWriterCount.h"
 
 namespace ostravel::linuxplatform {
 
 class EventLoop;
 
-// A nonblocking socket of an event loop, with its lease of the descriptor budget. For the loop's
-// thread; may be destroyed on any thread once nothing on the loop uses it.
+// A nonblocking socket of an event loop, counted in the descriptor budget. For the loop's thread;
+// may be destroyed on any thread once nothing on the loop uses it.
 class LoopSocket {
  public:
   enum class Discarded : std::uint8_t {
@@ -36,8 +35,8 @@ class LoopSocket {
   LoopSocket& operator=(LoopSocket&& other) noexcept;
   ~LoopSocket() { release(); }
 
-  // Charges its descriptor to this user from now on.
-  void chargeTo(std::shared_ptr<UserShare> user) { lease_.chargeTo(std::move(user)); }
+  // Charges its descriptor to this user from now on, who outlives it; null for nobody.
+  void chargeTo(UserShare* user);
   // Its events are handled before those of the loop's other sockets.
   void goFirst();
 
@@ -82,9 +81,9 @@ class LoopSocket {
  private:
   void release();
 
-  DescriptorBudget::Lease lease_;
   EventLoop* loop_ = nullptr;
   Poller::Watch* watch_ = nullptr;
+  UserShare* user_ = nullptr;
   FileDescriptor descriptor_;
   bool endsInOrder_ = false;
 };

@@ -38,9 +38,9 @@ class PipePool {
   // Only an empty pipe may be returned; destroy any other.
   void release(Pipe pipe);
 
-  std::size_t keptCount() const { return kept_.size(); }
-
  private:
+  friend class EventLoopTestPeer;
+
   std::optional<Pipe> open();
 
   const EventLoop& loop_;

@@ -77,7 +77,7 @@ void Poller::removeFromOutside(Watch& watch) {
 void Poller::reclaim(Watch& watch) {
   // Destroyed at the end of the function, because their captures may use this poller.
   const Task reading = std::move(watch.reading_);
-  const Task writing = std::move(watch.writing_);
+  const std::unique_ptr<Task> writing = std::move(watch.writing_);
   ++watch.generation_;
   watch.isReadable_ = false;
   watch.isWritable_ = false;
@@ -109,7 +109,8 @@ void Poller::waitUntilReadable(Watch& watch, Task task) {
 }
 
 void Poller::waitUntilWritable(Watch& watch, int descriptor, Task task) {
-  watch.writing_ = std::move(task);
+  const std::unique_ptr<Task> before =
+      std::exchange(watch.writing_, std::make_unique<Task>(std::move(task)));
   if (!std::exchange(watch.isWrittenTo_, true)) {
     // If the socket is writable already, this reports it, so no event is missed. It cannot fail,
     // because it allocates nothing.
@@ -120,7 +121,7 @@ void Poller::waitUntilWritable(Watch& watch, int descriptor, Task task) {
 
 void Poller::cancelWaits(Watch& watch) {
   const Task reading = std::move(watch.reading_);
-  const Task writing = std::move(watch.writing_);
+  const std::unique_ptr<Task> writing = std::move(watch.writing_);
 }
 
 void Poller::dropWaits() {
@@ -146,8 +147,8 @@ void Poller::runDue(Key key) {
   }
   // The task may have removed the watch.
   if (Watch* const watch = find(key); watch != nullptr && isWritingDue(*watch)) {
-    Task task = std::move(watch->writing_);
-    task();
+    const std::unique_ptr<Task> task = std::move(watch->writing_);
+    (*task)();
   }
 }
 

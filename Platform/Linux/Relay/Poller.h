@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -60,7 +61,8 @@ class Poller {
     bool isWrittenTo_ = false;
     std::atomic<bool> isRemoved_ = false;
     Task reading_;
-    Task writing_;
+    // Null if there is none: a socket that never fills up does not wait to be writable.
+    std::unique_ptr<Task> writing_;
   };
 
   // Throws std::system_error if the kernel has no descriptors left.

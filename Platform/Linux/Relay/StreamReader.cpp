@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <memory>
 #include <span>
 #include <utility>
@@ -24,8 +25,12 @@ void StreamReader::read(std::size_t minimum, std::size_t maximum,
   }
   progress_ = Progress::waiting;
   completion_ = std::move(completion);
-  maximum_ = std::max<std::size_t>(maximum, 1);
-  minimum_ = std::clamp<std::size_t>(minimum, 1, maximum_);
+  maximum_ = static_cast<std::uint32_t>(
+      std::clamp<std::size_t>(maximum, 1, std::numeric_limits<std::uint32_t>::max()));
+  minimum = std::min<std::size_t>(minimum, maximum_);
+  if (minimum > 1) {
+    gathering_ = std::make_unique<Gathering>(Gathering{minimum, {}});
+  }
   if (stream_.failure) {
     finishLater(*stream_.failure);
   } else if (isClosed_) {
@@ -70,7 +75,7 @@ void StreamReader::receive() {
   if (progress_ != Progress::waiting || !stream_.socket.isOpen()) {
     return;
   }
-  const bool mayUsePipe = isBulk_ && minimum_ == 1;
+  const bool mayUsePipe = isBulk_ && !gathering_;
   if (!mayUsePipe || !receiveIntoPipe()) {
     receiveIntoMemory();
   }
@@ -81,7 +86,7 @@ void StreamReader::receiveIntoMemory() {
   // A whole buffer may be pinned until the other side reads; a small piece is copied out of it.
   const bool mayPinBuffer = loop.memory().permits(stream_.user, limits::kBufferSize);
   const std::size_t most = mayPinBuffer ? limits::kBufferSize : limits::kSmallRead;
-  const std::size_t size = std::min(most, maximum_ - gathered_.size());
+  const std::size_t size = std::min(most, maximum_ - (gathering_ ? gathering_->bytes.size() : 0));
   BufferPool::Buffer buffer = loop.buffers().take();
   const auto received = stream_.socket.receive(buffer.get(), size);
   if (received <= 0) {
@@ -92,7 +97,7 @@ void StreamReader::receiveIntoMemory() {
   }
   const auto count = static_cast<std::size_t>(received);
   countMemoryChunk(count);
-  if (count < minimum_ || !gathered_.empty()) {
+  if (gathering_) {
     gather(buffer.get(), count);
     loop.buffers().release(std::move(buffer));
     return;
@@ -129,8 +134,8 @@ bool StreamReader::receiveIntoPipe() {
   if (!pipe) {
     return false;
   }
-  const auto received =
-      stream_.socket.moveInto(pipe->writeEnd.get(), std::min(maximum_, pipe->capacity));
+  const auto received = stream_.socket.moveInto(pipe->writeEnd.get(),
+                                                std::min<std::size_t>(maximum_, pipe->capacity));
   if (received <= 0) {
     const int error = received < 0 ? errno : 0;
     pipes.release(*std::move(pipe));
@@ -151,12 +156,16 @@ bool StreamReader::receiveIntoPipe() {
 }
 
 void StreamReader::gather(const std::byte* bytes, std::size_t size) {
-  gathered_.insert(gathered_.end(), bytes, bytes + size);
-  if (gathered_.size() >= minimum_) {
-    finish(Data(std::exchange(gathered_, {})), std::nullopt);
+  gathering_->bytes.insert(gathering_->bytes.end(), bytes, bytes + size);
+  if (gathering_->bytes.size() >= gathering_->minimum) {
+    finish(takeGathered(), std::nullopt);
   } else {
     waitForData();
   }
+}
+
+Data StreamReader::takeGathered() {
+  return Data(std::move(std::exchange(gathering_, nullptr)->bytes));
 }
 
 // error: 0 at the end of the stream.
@@ -180,8 +189,8 @@ void StreamReader::end() {
     return;
   }
   hasEnded_ = true;
-  if (!gathered_.empty()) {
-    finish(Data(std::exchange(gathered_, {})), std::nullopt);
+  if (gathering_ && !gathering_->bytes.empty()) {
+    finish(takeGathered(), std::nullopt);
     return;
   }
   stream_.owner.streamEnded();
@@ -197,6 +206,7 @@ void StreamReader::finishLater(OptionalError error) {
 
 void StreamReader::finish(std::optional<Data> data, OptionalError error) {
   progress_ = Progress::none;
+  gathering_ = nullptr;
   // The completion may start the next read or close the stream.
   const auto completion = std::exchange(completion_, nullptr);
   completion(std::move(data), std::move(error));
@@ -206,7 +216,7 @@ void StreamReader::finish(std::optional<Data> data, OptionalError error) {
 
 void StreamReader::close() {
   isClosed_ = true;
-  gathered_ = {};
+  gathering_ = nullptr;
   if (progress_ == Progress::waiting) {
     finishLater(socketError(ECANCELED));
   }
@@ -229,7 +239,7 @@ void StreamReader::discardArrived() {
 }
 
 void StreamReader::fail() {
-  gathered_ = {};
+  gathering_ = nullptr;
   if (progress_ == Progress::waiting) {
     finishLater(*stream_.failure);
   }

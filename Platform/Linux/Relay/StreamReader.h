@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -55,18 +56,24 @@ class StreamReader {
   bool receiveIntoPipe();
   void countMemoryChunk(std::size_t count);
   void gather(const std::byte* bytes, std::size_t size);
+  platform::Data takeGathered();
   void handleNothingReceived(int error);
   void end();
   void finishLater(platform::OptionalError error);
   void finish(std::optional<platform::Data> data, platform::OptionalError error);
   void discardArrived();
 
+  // A read that waits for more than one byte, and what it has received so far.
+  struct Gathering {
+    std::size_t minimum;
+    std::vector<std::byte> bytes;
+  };
+
   StreamState& stream_;
   platform::ReadCompletion completion_;
-  std::size_t minimum_ = 0;
-  std::size_t maximum_ = 0;
-  // Bytes of a read that has not reached its minimum.
-  std::vector<std::byte> gathered_;
+  // Null for the usual read, of one byte or more.
+  std::unique_ptr<Gathering> gathering_;
+  std::uint32_t maximum_ = 0;
 
   Progress progress_ = Progress::none;
   bool isClosed_ = false;

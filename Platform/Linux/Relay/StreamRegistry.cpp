@@ -7,17 +7,22 @@
 
 namespace ostravel::linuxplatform {
 
-StreamRegistry::Entry::~Entry() {
-  if (registry_ != nullptr) {
-    const std::lock_guard guard(registry_->lock_);
-    registry_->streams_.erase(position_);
+StreamRegistry::Place StreamRegistry::add(std::weak_ptr<StreamSocket> stream) {
+  const std::lock_guard guard(lock_);
+  if (free_.empty()) {
+    streams_.push_back(std::move(stream));
+    return static_cast<Place>(streams_.size() - 1);
   }
+  const Place place = free_.back();
+  free_.pop_back();
+  streams_[place] = std::move(stream);
+  return place;
 }
 
-void StreamRegistry::add(Entry& entry, std::weak_ptr<StreamSocket> stream) {
+void StreamRegistry::remove(Place place) {
   const std::lock_guard guard(lock_);
-  entry.position_ = streams_.insert(streams_.end(), std::move(stream));
-  entry.registry_ = this;
+  streams_[place].reset();
+  free_.push_back(place);
 }
 
 void StreamRegistry::dropCompletions() {

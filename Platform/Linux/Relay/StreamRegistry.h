@@ -1,8 +1,10 @@
 #pragma once
 
-#include <list>
+#include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace ostravel::linuxplatform {
 
@@ -13,38 +15,27 @@ class StreamSocket;
 // stopped no completion runs, so the loop has to find and destroy them. Owned by the event loop.
 class StreamRegistry {
  public:
-  // A stream's entry, removed on destruction.
-  class Entry {
-   public:
-    Entry() = default;
-    Entry(const Entry&) = delete;
-    Entry& operator=(const Entry&) = delete;
-    ~Entry();
-
-    bool isRegistered() const { return registry_ != nullptr; }
-
-   private:
-    friend class StreamRegistry;
-
-    StreamRegistry* registry_ = nullptr;
-    std::list<std::weak_ptr<StreamSocket>>::iterator position_;
-  };
+  // Of a registered stream, until it is removed.
+  using Place = std::uint32_t;
+  static constexpr Place kNone = ~Place{0};
 
   StreamRegistry() = default;
   StreamRegistry(const StreamRegistry&) = delete;
   StreamRegistry& operator=(const StreamRegistry&) = delete;
 
-  // Registers a stream under an unused entry. On the loop's thread; the entry may be destroyed on
-  // any thread.
-  void add(Entry& entry, std::weak_ptr<StreamSocket> stream);
+  // On the loop's thread.
+  Place add(std::weak_ptr<StreamSocket> stream);
+  // Called when the stream is destroyed, on any thread.
+  void remove(Place place);
 
   // Destroys the pending completions of all streams. Only after the loop's thread has ended.
   void dropCompletions();
 
  private:
   std::mutex lock_;
-  // Guarded by lock_.
-  std::list<std::weak_ptr<StreamSocket>> streams_;
+  // Both guarded by lock_: the streams, and the places that are free again.
+  std::deque<std::weak_ptr<StreamSocket>> streams_;
+  std::vector<Place> free_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -17,9 +17,13 @@ StreamSocket::StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserSh
              .record = record,
              .socket = {},
              .failure = nullptr,
-             .socketError = 0} {}
+             .socketError = 0,
+             .isEndSent = false} {}
 
 StreamSocket::~StreamSocket() {
+  if (entry_ != StreamRegistry::kNone) {
+    state_.loop.streams().remove(entry_);
+  }
   reader_.abandon();
   writer_.abandon();
   state_.socket.reset();
@@ -27,7 +31,7 @@ StreamSocket::~StreamSocket() {
 
 void StreamSocket::attach(LoopSocket socket) {
   state_.socket = std::move(socket);
-  state_.socket.chargeTo(state_.user);
+  state_.socket.chargeTo(state_.user.get());
   if (areBothClosed()) {
     leaveToLinger();
     return;
@@ -41,8 +45,8 @@ void StreamSocket::attach(LoopSocket socket) {
 
 // Done on the first operation: a stream without operations has nothing to drop.
 void StreamSocket::registerOnce() {
-  if (!entry_.isRegistered()) {
-    state_.loop.streams().add(entry_, state_.owner.sharedStream());
+  if (entry_ == StreamRegistry::kNone) {
+    entry_ = state_.loop.streams().add(state_.owner.sharedStream());
   }
 }
 
@@ -79,7 +83,7 @@ void StreamSocket::closeInOrder(Direction direction) {
 }
 
 void StreamSocket::sendEnd() {
-  if (!std::exchange(isEndSent_, true)) {
+  if (!std::exchange(state_.isEndSent, true)) {
     ::shutdown(state_.socket.descriptor(), SHUT_WR);
   }
 }
@@ -91,7 +95,7 @@ void StreamSocket::leaveToLinger() {
     state_.socket.close();
   } else {
     sendEnd();
-    LingeringSocket::start(state_.loop, std::move(state_.socket));
+    LingeringSocket::start(state_.loop, std::move(state_.socket), state_.user);
   }
 }
 

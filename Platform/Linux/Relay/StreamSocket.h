@@ -76,11 +76,10 @@ class StreamSocket {
   void leaveToLinger();
 
   StreamState state_;
-  // Registered by the first operation.
-  StreamRegistry::Entry entry_;
   StreamReader reader_{state_};
   StreamWriter writer_{state_};
-  bool isEndSent_ = false;
+  // Registered by the first operation.
+  StreamRegistry::Place entry_ = StreamRegistry::kNone;
 };
 
 }  // namespace ostravel::linuxplatform

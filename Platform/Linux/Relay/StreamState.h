@@ -35,12 +35,7 @@ struct StreamState {
   // the stream.
   template <typename Part, typename Step>
   auto later(Part& part, Step step) {
-    return [weakPart = std::weak_ptr<Part>(std::shared_ptr<Part>(owner.sharedStream(), &part)),
-            step = std::move(step)]() mutable {
-      if (const auto found = weakPart.lock()) {
-        step(*found);
-      }
-    };
+    return Later<Part, Step>{std::shared_ptr<Part>(owner.sharedStream(), &part), std::move(step)};
   }
 
   // Runs step(part) in the user's next turn.
@@ -70,6 +65,19 @@ struct StreamState {
     }
   }
 
+  // Not a lambda, whose captures take a word even if they are empty: an idle stream keeps one.
+  template <typename Part, typename Step>
+  struct Later {
+    std::weak_ptr<Part> part;
+    [[no_unique_address]] Step step;
+
+    void operator()() {
+      if (const auto found = part.lock()) {
+        step(*found);
+      }
+    }
+  };
+
   EventLoop& loop;
   Owner& owner;
   // Charged for the stream's resources; null if unknown.
@@ -80,6 +88,8 @@ struct StreamState {
   // The error that ended the stream as a whole.
   std::unique_ptr<platform::Error> failure;
   int socketError = 0;
+  // The end of the stream has been sent.
+  bool isEndSent = false;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -18,14 +18,14 @@ void StreamWriter::write(Data data, platform::ErrorCompletion completion) {
     programmingError("a write to a stream that is being written to");
   }
   progress_ = Progress::waiting;
-  completion_ = std::move(completion);
+  write_ = std::make_unique<Write>();
+  write_->completion = std::move(completion);
   if (stream_.failure) {
     finishLater(*stream_.failure);
   } else if (isClosed_) {
     finishLater(socketError(ECANCELED));
   } else {
-    chunk_ = std::move(data);
-    sent_ = 0;
+    write_->chunk = std::move(data);
     if (stream_.socket.isOpen()) {
       begin();
     }
@@ -68,9 +68,11 @@ void StreamWriter::send() {
 }
 
 int StreamWriter::sendChunk() {
-  auto* const inPipe = dynamic_cast<PipeChunk*>(chunk_.storage());
-  const std::size_t size = chunk_.size();
-  while (sent_ < size) {
+  const Data& chunk = write_->chunk;
+  std::size_t& sent = write_->sent;
+  auto* const inPipe = dynamic_cast<PipeChunk*>(chunk.storage());
+  const std::size_t size = chunk.size();
+  while (sent < size) {
     long count = 0;
     if (inPipe != nullptr && inPipe->isInPipe()) {
       count = inPipe->moveTo(stream_.socket.descriptor());
@@ -78,11 +80,11 @@ int StreamWriter::sendChunk() {
         stream_.socket.noRoomToWrite();
       }
     } else {
-      const auto rest = chunk_.bytes().subspan(sent_);
+      const auto rest = chunk.bytes().subspan(sent);
       count = stream_.socket.send(rest.data(), rest.size());
     }
     if (count > 0) {
-      sent_ += static_cast<std::size_t>(count);
+      sent += static_cast<std::size_t>(count);
       stream_.spendOfTurn(static_cast<std::size_t>(count));
       stream_.countWritten(static_cast<std::size_t>(count));
     } else if (count == 0) {
@@ -97,7 +99,7 @@ int StreamWriter::sendChunk() {
 
 OptionalError StreamWriter::describeResult(int error) {
   // Returns the buffer or pipe to its pool before the completion asks for more.
-  chunk_ = Data();
+  releaseChunk();
   if (error == 0) {
     return std::nullopt;
   }
@@ -120,37 +122,43 @@ void StreamWriter::finishLater(OptionalError error) {
 void StreamWriter::finish(OptionalError error) {
   progress_ = Progress::none;
   // The completion may start the next write or close the stream.
-  const auto completion = std::exchange(completion_, nullptr);
-  completion(std::move(error));
+  const auto write = std::exchange(write_, nullptr);
+  write->completion(std::move(error));
+}
+
+void StreamWriter::releaseChunk() {
+  if (write_) {
+    write_->chunk = Data();
+  }
 }
 
 // Ending
 
 void StreamWriter::close() {
   isClosed_ = true;
-  chunk_ = Data();
+  releaseChunk();
   if (progress_ == Progress::waiting) {
     finishLater(socketError(ECANCELED));
   }
 }
 
 void StreamWriter::fail() {
-  chunk_ = Data();
+  releaseChunk();
   if (progress_ == Progress::waiting) {
     finishLater(*stream_.failure);
   }
 }
 
 void StreamWriter::abandon() {
-  if (completion_) {
+  if (write_) {
     stream_.loop.post(
-        [completion = std::move(completion_)] { completion(socketError(ECANCELED)); });
+        [completion = std::move(write_->completion)] { completion(socketError(ECANCELED)); });
   }
 }
 
 void StreamWriter::dropCompletion() {
-  chunk_ = Data();
-  completion_ = nullptr;
+  // Destroyed last: it may own the stream.
+  const auto write = std::move(write_);
 }
 
 }  // namespace ostravel::linuxplatform

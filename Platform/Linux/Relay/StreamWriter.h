@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "Platform/Interface/Completion.h"
 #include "Platform/Interface/Data.h"
@@ -51,10 +52,17 @@ class StreamWriter {
   void finishLater(platform::OptionalError error);
   void finish(platform::OptionalError error);
 
+  // What only an outstanding write needs: most streams are idle most of the time.
+  struct Write {
+    platform::ErrorCompletion completion;
+    platform::Data chunk;
+    std::size_t sent = 0;
+  };
+
+  void releaseChunk();
+
   StreamState& stream_;
-  platform::ErrorCompletion completion_;
-  platform::Data chunk_;
-  std::size_t sent_ = 0;
+  std::unique_ptr<Write> write_;
   Progress progress_ = Progress::none;
   bool isClosed_ = false;
 };

@@ -8,7 +8,9 @@
 namespace ostravel::linuxplatform {
 
 // Work of an event loop that runs at most once. Unlike std::function it accepts move-only
-// callables, and the usual ones (a weak pointer and a pointer) need no allocation.
+// callables, and the usual ones (a weak pointer, or two pointers) need no allocation. A
+// platform::Callback stores its callable in the same way, but has to copy it and to pass arguments
+// on; a base for what they have in common would be longer than that.
 class Task {
  public:
   Task() = default;
@@ -45,7 +47,7 @@ class Task {
   void operator()() { operations_->run(storage_); }
 
  private:
-  static constexpr std::size_t kRoom = 24;
+  static constexpr std::size_t kRoom = 2 * sizeof(void*);
 
   struct Operations {
     void (*run)(void* storage);

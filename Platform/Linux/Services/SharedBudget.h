@@ -27,8 +27,7 @@ class SharedBudget {
     // Without a share it is not charged to any user.
     Lease(SharedBudget& budget, std::size_t amount, std::shared_ptr<UserShare> share = nullptr)
         : budget_(&budget), amount_(amount), share_(std::move(share)) {
-      budget_->inUse_.fetch_add(amount_, std::memory_order_relaxed);
-      addToShare();
+      budget_->take(amount_, share_.get());
     }
     Lease(Lease&& other) noexcept
         : budget_(std::exchange(other.budget_, nullptr)),
@@ -43,32 +42,19 @@ class SharedBudget {
     }
     ~Lease() {
       if (budget_ != nullptr) {
-        budget_->inUse_.fetch_sub(amount_, std::memory_order_relaxed);
-        takeFromShare();
+        budget_->giveBack(amount_, share_.get());
       }
     }
 
     // Charges the amount to this user from now on.
     void chargeTo(std::shared_ptr<UserShare> share) {
       if (budget_ != nullptr) {
-        takeFromShare();
+        budget_->charge(amount_, share_.get(), share.get());
         share_ = std::move(share);
-        addToShare();
       }
     }
 
    private:
-    void addToShare() const {
-      if (share_) {
-        (share_.get()->*budget_->counter_)().fetch_add(amount_, std::memory_order_relaxed);
-      }
-    }
-    void takeFromShare() const {
-      if (share_) {
-        (share_.get()->*budget_->counter_)().fetch_sub(amount_, std::memory_order_relaxed);
-      }
-    }
-
     SharedBudget* budget_ = nullptr;
     std::size_t amount_ = 0;
     std::shared_ptr<UserShare> share_;
@@ -80,6 +66,26 @@ class SharedBudget {
 
   Lease lease(std::size_t amount, std::shared_ptr<UserShare> share = nullptr) {
     return Lease(*this, amount, std::move(share));
+  }
+
+  // For owners that know the budget, the amount and the share anyway, and have no room for a lease.
+  // The share may be null, and outlives the use.
+  void take(std::size_t amount, UserShare* share) {
+    inUse_.fetch_add(amount, std::memory_order_relaxed);
+    charge(amount, nullptr, share);
+  }
+  void giveBack(std::size_t amount, UserShare* share) {
+    inUse_.fetch_sub(amount, std::memory_order_relaxed);
+    charge(amount, share, nullptr);
+  }
+  // Charges what is in use to another share.
+  void charge(std::size_t amount, UserShare* before, UserShare* now) const {
+    if (before != nullptr) {
+      (before->*counter_)().fetch_sub(amount, std::memory_order_relaxed);
+    }
+    if (now != nullptr) {
+      (now->*counter_)().fetch_add(amount, std::memory_order_relaxed);
+    }
   }
 
   std::size_t limit() const { return limit_; }

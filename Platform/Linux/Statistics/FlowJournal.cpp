@@ -31,9 +31,9 @@ FlowJournal::FlowJournal(const platform::Clock& clock, unsigned loops, platform:
   }
 }
 
-std::shared_ptr<FlowRecord> FlowJournal::open(FlowRecord::Origin origin, unsigned loop) {
-  return std::make_shared<FlowRecord>(std::move(origin), clock_.secondsSince1970(), counters_[loop],
-                                      log_);
+std::shared_ptr<FlowRecord> FlowJournal::open(const FlowRecord::Origin& origin, unsigned loop) {
+  return std::make_shared<FlowRecord>(origin, applications_, clock_.secondsSince1970(),
+                                      counters_[loop], log_);
 }
 
 void FlowJournal::publish(std::shared_ptr<FlowRecord> record) {
@@ -65,9 +65,9 @@ bool FlowJournal::countLeft(std::string_view reason, TimePoint now) {
   return ++keptCount_ <= kKeptPerSecond;
 }
 
-void FlowJournal::publishLeft(FlowRecord::Origin origin, std::string_view reason,
+void FlowJournal::publishLeft(const FlowRecord::Origin& origin, std::string_view reason,
                               const std::string& host) {
-  auto record = open(std::move(origin), 0);
+  auto record = open(origin, 0);
   record->named(host);
   record->left(reason);
   record->publish(last_.load(std::memory_order_relaxed) + 1);

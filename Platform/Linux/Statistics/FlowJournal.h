@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Base/SharedTexts.h"
 #include "Platform/Interface/Clock.h"
 #include "Platform/Interface/Log.h"
 #include "Platform/Linux/Statistics/DurationHistogram.h"
@@ -32,7 +33,7 @@ class FlowJournal {
   using TimePoint = FlowRecord::Clock::time_point;
 
   static constexpr std::size_t kKeptDecisions = 1000;
-  // Limit on the records of flows that are left to the system before identification, so that a
+  // Limit on the records of flows that are left to the system before they are offered, so that a
   // flood neither costs much nor displaces all other records.
   static constexpr std::size_t kKeptPerSecond = 20;
 
@@ -44,14 +45,14 @@ class FlowJournal {
   // For the thread that decides:
 
   // Returns the record of a flow that is about to be offered. loop: carries it if it is taken.
-  std::shared_ptr<FlowRecord> open(FlowRecord::Origin origin, unsigned loop);
+  std::shared_ptr<FlowRecord> open(const FlowRecord::Origin& origin, unsigned loop);
   // Called after the offer. Counts and keeps the decision.
   void publish(std::shared_ptr<FlowRecord> record);
   // Counts a flow that is left to the system without an offer. reason: of static storage. True if
   // the caller should also record it, with publishLeft().
   bool countLeft(std::string_view reason, TimePoint now);
   // host: as in FlowRecord::named; empty if unknown.
-  void publishLeft(FlowRecord::Origin origin, std::string_view reason,
+  void publishLeft(const FlowRecord::Origin& origin, std::string_view reason,
                    const std::string& host = {});
   // Releases the flows that have ended. Call it periodically.
   void maintain();
@@ -125,6 +126,7 @@ class FlowJournal {
 
   const platform::Clock& clock_;
   platform::Log* const log_;
+  SharedTexts applications_;
   std::deque<FlowCounters> counters_;
   DurationHistogram verdicts_;
   SingleWriterCount refused_;

@@ -1,6 +1,7 @@
 #include "Platform/Linux/Statistics/FlowRecord.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace ostravel::linuxplatform {
@@ -12,11 +13,27 @@ namespace {
 
 constexpr double kMicrosecondsPerSecond = 1'000'000;
 
-// Identifiers and destinations are ASCII. If anything else is cut within a character, printing
-// replaces the rest of it.
-std::string cut(std::string text) {
-  text.resize(std::min(text.size(), FlowRecord::kLongestText));
-  return text;
+// Identifiers and names are ASCII. If anything else is cut within a character, printing replaces
+// the rest of it.
+std::string cut(std::string_view text) {
+  return std::string(text.substr(0, FlowRecord::kLongestText));
+}
+
+std::string textOf(const SocketEndpoint& endpoint) {
+  const std::string address = endpoint.addressText();
+  const std::string port = ":" + std::to_string(endpoint.port);
+  return endpoint.family == AddressFamily::ipv6 ? "[" + address + "]" + port : address + port;
+}
+
+// Steps of a flow that end within seconds. The longest that fits takes more than an hour.
+std::uint32_t briefly(std::int64_t microseconds) {
+  constexpr std::int64_t kLongest = std::numeric_limits<std::uint32_t>::max() - 1;
+  return static_cast<std::uint32_t>(std::clamp<std::int64_t>(microseconds, 0, kLongest));
+}
+
+template <typename Value>
+Value valueOr(const std::unique_ptr<const Value>& value) {
+  return value ? *value : Value();
 }
 
 template <typename Count>
@@ -24,52 +41,59 @@ void change(std::atomic<Count>& count, Count difference) {
   count.fetch_add(difference, std::memory_order_relaxed);
 }
 
-std::optional<FlowRecord::Elapsed> stepOf(std::int64_t microseconds) {
-  return microseconds < 0 ? std::nullopt : std::optional(FlowRecord::Elapsed(microseconds));
+template <typename Step>
+std::optional<FlowRecord::Elapsed> stepOf(const std::atomic<Step>& step, Step notYet) {
+  const Step microseconds = step.load(std::memory_order_relaxed);
+  return microseconds == notYet ? std::nullopt : std::optional(FlowRecord::Elapsed(microseconds));
 }
 
 }  // namespace
 
-FlowRecord::FlowRecord(Origin origin, double time, FlowCounters& counters, platform::Log* log)
-    : origin_{origin.isUDP,
-              cut(std::move(origin.application)),
-              cut(std::move(origin.destination)),
-              origin.user,
-              origin.process,
-              origin.begin},
+FlowRecord::FlowRecord(const Origin& origin, SharedTexts& applications, double time,
+                       FlowCounters& counters, platform::Log* log)
+    : begin_(origin.begin),
       time_(time),
       counters_(counters),
-      log_(log) {}
+      log_(log),
+      application_(applications.of(origin.application)),
+      user_(origin.user.value_or(kNoUser)),
+      process_(origin.process.value_or(kNoProcess)),
+      destination_(origin.destination),
+      isUDP_(origin.isUDP) {}
 
 std::int64_t FlowRecord::elapsed() const {
-  return std::chrono::duration_cast<Elapsed>(Clock::now() - origin_.begin).count();
+  return std::chrono::duration_cast<Elapsed>(Clock::now() - begin_).count();
 }
 
 void FlowRecord::decided(FlowRule rule) {
   action_ = actionOf(rule);
-  reason_ = nameOf(rule);
+  reason_ = nameOf(rule).data();
   if (action_ == Action::proxied) {
     change<std::int64_t>(counters_.pending, 1);
   }
 }
 
 void FlowRecord::named(const std::string& host) {
-  host_ = cut(host);
+  host_ = host.empty() ? nullptr : std::make_unique<const std::string>(cut(host));
 }
 
 void FlowRecord::left(std::string_view reason) {
-  reason_ = reason;
+  reason_ = reason.data();
 }
 
 void FlowRecord::identified(const std::string& flowID) {
-  if (flowID.size() == kIdentifierSize && !hasIdentifier_.load(std::memory_order_relaxed)) {
-    std::ranges::copy(flowID, identifier_.begin());
+  if (hasIdentifier_.load(std::memory_order_relaxed)) {
+    return;
+  }
+  FlowIdentifier identifier(flowID);
+  if (identifier.isUUID()) {
+    identifier_ = std::move(identifier);
     hasIdentifier_.store(true, std::memory_order_release);
   }
 }
 
 void FlowRecord::handshakeStarted() {
-  connected_.store(elapsed(), std::memory_order_relaxed);
+  connected_.store(briefly(elapsed()), std::memory_order_relaxed);
 }
 
 void FlowRecord::handshakeSucceeded() {
@@ -79,8 +103,9 @@ void FlowRecord::handshakeSucceeded() {
     return;
   }
   const std::int64_t now = elapsed();
-  established_.store(now, std::memory_order_relaxed);
-  counters_.handshakes.record(Elapsed(now - connected_.load(std::memory_order_relaxed)));
+  established_.store(briefly(now), std::memory_order_relaxed);
+  counters_.handshakes.record(
+      Elapsed(now - std::int64_t{connected_.load(std::memory_order_relaxed)}));
   counters_.lastSuccess.store(timeAfter(now), std::memory_order_relaxed);
   change<std::uint64_t>(counters_.established, 1);
   change<std::int64_t>(counters_.pending, -1);
@@ -95,7 +120,9 @@ void FlowRecord::ended(FlowEnd end, std::string_view detail) {
   if (phase == Phase::over) {
     return;
   }
-  detail_ = detail.substr(0, kLongestDetail);
+  if (!detail.empty()) {
+    detail_ = std::make_unique<const std::string>(detail.substr(0, kLongestDetail));
+  }
   const std::int64_t now = elapsed();
   ended_.store(now, std::memory_order_relaxed);
   if (end == FlowEnd::timedOut) {
@@ -111,16 +138,19 @@ void FlowRecord::logFailure(FlowEnd end) const {
   if (log_ == nullptr) {
     return;
   }
-  const bool isIdentified = hasIdentifier_.load(std::memory_order_acquire);
-  const platform::LogFields fields{
-      .flowID = isIdentified ? std::string_view(identifier_.data(), identifier_.size())
-                             : std::string_view(),
-      .application = origin_.application,
-      // The only event of such an end.
-      .code = "extension.tunnel_closed"};
+  const bool isFailure = end == FlowEnd::connectionFailed || end == FlowEnd::noAnswer;
+  if (!isFailure) {
+    return;
+  }
+  const std::string flowID = identifier();
+  const platform::LogFields fields{.flowID = flowID,
+                                   .application = *application_,
+                                   // The only event of such an end.
+                                   .code = "extension.tunnel_closed"};
   if (end == FlowEnd::connectionFailed) {
-    log_->error("OstravelProxy: The connection to the proxy failed: %{public}s", {detail_}, fields);
-  } else if (end == FlowEnd::noAnswer) {
+    log_->error("OstravelProxy: The connection to the proxy failed: %{public}s", {valueOr(detail_)},
+                fields);
+  } else {
     log_->error("OstravelProxy: The proxy closed the connection without an answer", {}, fields);
   }
 }
@@ -137,7 +167,7 @@ void FlowRecord::received(std::size_t bytes) {
 
 FlowRecord::Elapsed FlowRecord::publish(std::uint64_t sequence) {
   sequence_ = sequence;
-  decided_ = elapsed();
+  decided_ = briefly(elapsed());
   return Elapsed(decided_);
 }
 
@@ -156,34 +186,39 @@ FlowRecord::View FlowRecord::view() const {
   const std::uint8_t end = end_.load(std::memory_order_acquire);
   View view{.sequence = sequence_,
             .time = time_,
-            .isUDP = origin_.isUDP,
-            .application = origin_.application,
-            .destination = origin_.destination,
-            .host = host_,
-            .user = origin_.user,
-            .process = origin_.process,
+            .isUDP = isUDP_,
+            .application = cut(*application_),
+            .destination = textOf(destination_),
+            .host = valueOr(host_),
+            .user = user_ == kNoUser ? std::nullopt : std::optional(user_),
+            .process = process_ == kNoProcess ? std::nullopt : std::optional(process_),
             .action = action_,
             .reason = reason_,
             .outcome = outcome(end),
-            .flowID = {},
-            .detail = end == kNoEnd ? std::string() : detail_,
+            .flowID = identifier(),
+            .detail = end == kNoEnd ? std::string() : valueOr(detail_),
             .decided = Elapsed(decided_),
-            .connected = stepOf(connected_.load(std::memory_order_relaxed)),
-            .established = stepOf(established_.load(std::memory_order_relaxed)),
-            .ended = end == kNoEnd ? std::nullopt : stepOf(ended_.load(std::memory_order_relaxed)),
+            .connected = stepOf(connected_, kNotYetBriefly),
+            .established = stepOf(established_, kNotYetBriefly),
+            .ended = end == kNoEnd ? std::nullopt : stepOf(ended_, kNotYet),
             .bytesSent = bytesSent_,
             .bytesReceived = bytesReceived_,
             .isOpen = action_ == Action::proxied && end == kNoEnd};
-  if (hasIdentifier_.load(std::memory_order_acquire)) {
-    view.flowID.assign(identifier_.data(), identifier_.size());
-  }
   return view;
 }
 
+std::string FlowRecord::identifier() const {
+  return hasIdentifier_.load(std::memory_order_acquire) ? identifier_.text() : std::string();
+}
+
 double FlowRecord::lastChange() const {
-  const std::int64_t last = std::max({decided_, connected_.load(std::memory_order_relaxed),
-                                      established_.load(std::memory_order_relaxed),
-                                      ended_.load(std::memory_order_relaxed)});
+  const auto microsecondsOf = [](const std::atomic<std::uint32_t>& step) {
+    const std::uint32_t microseconds = step.load(std::memory_order_relaxed);
+    return microseconds == kNotYetBriefly ? kNotYet : std::int64_t{microseconds};
+  };
+  const std::int64_t last =
+      std::max({std::int64_t{decided_}, microsecondsOf(connected_), microsecondsOf(established_),
+                ended_.load(std::memory_order_relaxed)});
   return timeAfter(last);
 }
 

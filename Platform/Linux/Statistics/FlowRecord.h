@@ -2,17 +2,20 @@
 
 #include <sys/types.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "Base/FlowIdentifier.h"
+#include "Base/SharedTexts.h"
 #include "Platform/Interface/FlowObserver.h"
 #include "Platform/Interface/Log.h"
+#include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Statistics/FlowCounters.h"
 #include "Platform/Linux/Statistics/SingleWriterCount.h"
 
@@ -32,22 +35,22 @@ class FlowRecord final : public platform::FlowObserver {
   struct Origin {
     bool isUDP = false;
     // Empty if unknown.
-    std::string application = {};
-    // host:port, with an IPv6 literal in brackets.
-    std::string destination = {};
+    std::string_view application = {};
+    SocketEndpoint destination = {};
     std::optional<uid_t> user = std::nullopt;
     std::optional<pid_t> process = std::nullopt;
     // When the first packet was read.
     Clock::time_point begin = {};
   };
 
-  // Longer identifiers, destinations and details are truncated to these sizes.
+  // Longer identifiers, names and details are truncated to these sizes.
   static constexpr std::size_t kLongestText = 255;
   static constexpr std::size_t kLongestDetail = 120;
 
-  // time: of origin.begin, in seconds since 1970. log: null, or for failures that the core does not
-  // log, so that each flow that fails has a line.
-  FlowRecord(Origin origin, double time, FlowCounters& counters, platform::Log* log = nullptr);
+  // applications: keeps the application's identifier. time: of origin.begin, in seconds since 1970.
+  // log: null, or for failures that the core does not log, so that each flow that fails has a line.
+  FlowRecord(const Origin& origin, SharedTexts& applications, double time, FlowCounters& counters,
+             platform::Log* log = nullptr);
 
   // platform::FlowObserver
   void decided(platform::FlowRule rule) override;
@@ -64,6 +67,8 @@ class FlowRecord final : public platform::FlowObserver {
   void sent(std::size_t bytes);
   void received(std::size_t bytes);
 
+  // The application's identifier, not truncated.
+  const std::shared_ptr<const std::string>& application() const { return application_; }
   Action action() const { return action_; }
   // Of static storage.
   std::string_view reason() const { return reason_; }
@@ -78,6 +83,7 @@ class FlowRecord final : public platform::FlowObserver {
     double time = 0;
     bool isUDP = false;
     std::string application;
+    // host:port, with an IPv6 literal in brackets.
     std::string destination;
     // Empty if unknown.
     std::string host;
@@ -109,10 +115,11 @@ class FlowRecord final : public platform::FlowObserver {
  private:
   static constexpr std::uint8_t kNoEnd = 0xFF;
   static constexpr std::int64_t kNotYet = -1;
-  // A UUID as text (RFC 9562).
-  static constexpr std::size_t kIdentifierSize = 36;
+  static constexpr std::uint32_t kNotYetBriefly = ~std::uint32_t{0};
+  // No user has this number (chown(2)), and no process the other one.
+  static constexpr uid_t kNoUser = ~uid_t{0};
+  static constexpr pid_t kNoProcess = 0;
 
-  using Step = std::atomic<std::int64_t>;
   // The phase of a flow that was taken.
   enum class Phase : std::uint8_t { pending, established, over };
 
@@ -122,31 +129,41 @@ class FlowRecord final : public platform::FlowObserver {
   double timeAfter(std::int64_t microseconds) const;
   std::string_view outcome(std::uint8_t end) const;
 
-  const Origin origin_;
+  std::string identifier() const;
+
+  // There is one for each tunnel as long as it lives, so every member is as small as it can be.
+  const Clock::time_point begin_;
   const double time_;
   FlowCounters& counters_;
   platform::Log* const log_;
-  // Not changed after it was published.
-  std::string host_;
+  const std::shared_ptr<const std::string> application_;
+  // Null if unknown. Not changed after it was published.
+  std::unique_ptr<const std::string> host_;
+  // Not changed after the flow was offered.
+  const char* reason_ = "no_handler";
+  std::uint64_t sequence_ = 0;
+  // Written once, before hasIdentifier_.
+  FlowIdentifier identifier_;
+  // Null if empty. Written before end_.
+  std::unique_ptr<const std::string> detail_;
+  SingleWriterCount bytesSent_;
+  SingleWriterCount bytesReceived_;
+  // Microseconds after begin_. The first three end within seconds.
+  std::atomic<std::int64_t> ended_ = kNotYet;
+  std::uint32_t decided_ = 0;
+  std::atomic<std::uint32_t> connected_ = kNotYetBriefly;
+  std::atomic<std::uint32_t> established_ = kNotYetBriefly;
+  const uid_t user_;
+  const pid_t process_;
+  const SocketEndpoint destination_;
+  const bool isUDP_;
   // Not changed after the flow was offered.
   Action action_ = Action::direct;
-  std::string_view reason_ = "no_handler";
-  std::uint64_t sequence_ = 0;
-  std::int64_t decided_ = 0;
-  // Microseconds after origin_.begin.
-  Step connected_ = kNotYet;
-  Step established_ = kNotYet;
-  Step ended_ = kNotYet;
-  // Written once, before hasIdentifier_.
-  std::array<char, kIdentifierSize> identifier_{};
   std::atomic<bool> hasIdentifier_ = false;
   // If several threads report an end, the first one counts.
   std::atomic<Phase> phase_ = Phase::pending;
   // A FlowEnd, or kNoEnd. Written after detail_.
   std::atomic<std::uint8_t> end_ = kNoEnd;
-  std::string detail_;
-  SingleWriterCount bytesSent_;
-  SingleWriterCount bytesReceived_;
 };
 
 // Its name in the control protocol.

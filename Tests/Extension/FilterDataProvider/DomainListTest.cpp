@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,9 @@ namespace {
 
 class DomainListTest : public testing::Test {
  protected:
-  bool matches(const std::string& host) const { return list_.matches(normalisedHost(host, text_)); }
+  bool matches(const std::string& host) const {
+    return list_.matches(ostravel::NormalisedHost(host, text_).text());
+  }
 
   platform::ICUTextServices text_;
   DomainList list_{{".example.com", "exact.example.org", ".Capital.Example", "UPPER.EXAMPLE"},
@@ -54,6 +57,38 @@ TEST_F(DomainListTest, IgnoresLeadingDots) {
   EXPECT_FALSE(matches("..example.com"));
 }
 
+TEST_F(DomainListTest, FindsEntriesOfAnyLength) {
+  const std::string label(70, 'a');
+  const DomainList list({"." + label + ".com", label, ".", ""}, text_);
+  EXPECT_TRUE(list.matches("www." + label + ".com"));
+  EXPECT_FALSE(list.matches(label + ".com"));
+  EXPECT_TRUE(list.matches(label));
+  EXPECT_FALSE(list.matches(label + "a"));
+  EXPECT_TRUE(list.matches(""));
+  EXPECT_TRUE(list.matches("www."));
+  EXPECT_FALSE(list.matches("www"));
+}
+
+// The rule as it is defined, for every entry in turn.
+TEST_F(DomainListTest, MatchesLikeAWalkOverItsEntries) {
+  const std::vector<std::string> entries{".b", "b", ".a.b", "a.b", "..a", ".", "a..b", ""};
+  const DomainList list(entries, text_);
+  std::vector<std::string> hosts{""};
+  // All texts of up to six of these characters.
+  for (std::size_t index = 0; index < hosts.size(); ++index) {
+    const std::string host = hosts[index];
+    if (host.size() < 6) {
+      for (const char next : {'a', 'b', '.'}) {
+        hosts.push_back(host + next);
+      }
+    }
+    const bool isListed = std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
+      return entry.starts_with('.') ? host.ends_with(entry) : host == entry;
+    });
+    EXPECT_EQ(list.matches(host), isListed) << host;
+  }
+}
+
 TEST_F(DomainListTest, LowerCasesItsEntries) {
   EXPECT_TRUE(matches("www.capital.example"));
   EXPECT_TRUE(matches("upper.example"));
@@ -83,7 +118,7 @@ class NormalisedHost : public testing::TestWithParam<HostCase> {};
 TEST_P(NormalisedHost, IsLowerCaseWithoutOuterDots) {
   const platform::ICUTextServices text;
 
-  EXPECT_EQ(normalisedHost(GetParam().host, text), GetParam().normalised);
+  EXPECT_EQ(ostravel::NormalisedHost(GetParam().host, text).text(), GetParam().normalised);
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, NormalisedHost,

@@ -98,6 +98,20 @@ TEST_F(DecisionObservation, NamesTheGateUnlessAListWouldHaveExempted) {
   EXPECT_EQ(rulesFor("com.mullvad.vpn", kOrdinary), std::vector{FlowRule::exemptApplication});
 }
 
+TEST_F(DecisionObservation, NamesTheSameRuleForARememberedDecision) {
+  peer().probe();
+  for (const bool isListening : {true, false, true}) {
+    sockets().proxyListening(isListening);
+    peer().probe();
+    observer_.rules.clear();
+    rulesFor("com.mullvad.vpn", kOrdinary);
+    EXPECT_EQ(rulesFor(kApplication, kOrdinary),
+              (std::vector{FlowRule::exemptApplication,
+                           isListening ? FlowRule::proxied : FlowRule::gateClosed}));
+  }
+  EXPECT_EQ(peer().cacheSize(), 2U);
+}
+
 TEST_F(DecisionObservation, NamesTheProxyAsTheDestination) {
   EXPECT_EQ(rulesFor(kApplication, {"127.0.0.1", "8080"}), std::vector{FlowRule::localProxy});
   EXPECT_EQ(observer_.lines, Lines{});

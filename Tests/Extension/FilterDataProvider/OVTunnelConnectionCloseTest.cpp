@@ -19,7 +19,7 @@ using test::TunnelTest;
 using namespace std::chrono_literals;
 
 using Lines = std::vector<std::string>;
-using WatchdogState = ProxyTunnelHandshakeWatchdog::State;
+using WatchdogState = PacketTunnelProviderTestPeer::WatchdogState;
 
 // --- close
 
@@ -180,7 +180,7 @@ TEST_F(TunnelClose, LeavesAnIdleWatchdogIdle) {
 
   tunnel_->close(std::nullopt);
 
-  EXPECT_EQ(tunnel_->handshakeWatchdog().state(), WatchdogState::idle);
+  EXPECT_EQ(watchdogState(), WatchdogState::idle);
 }
 
 TEST_F(TunnelClose, FinishesARunningWatchdogForGood) {
@@ -190,7 +190,7 @@ TEST_F(TunnelClose, FinishesARunningWatchdogForGood) {
   tunnel_->close(std::nullopt);
   simulation_.advance(10s);
 
-  EXPECT_EQ(tunnel_->handshakeWatchdog().state(), WatchdogState::finished);
+  EXPECT_EQ(watchdogState(), WatchdogState::finished);
   EXPECT_EQ(signals(), Lines{"tunnel_closed"});
 }
 

@@ -25,7 +25,7 @@ using test::TunnelTest;
 using namespace std::chrono_literals;
 
 using Lines = std::vector<std::string>;
-using WatchdogState = ProxyTunnelHandshakeWatchdog::State;
+using WatchdogState = PacketTunnelProviderTestPeer::WatchdogState;
 
 // --- Construction and start
 
@@ -44,7 +44,7 @@ TEST_F(TunnelStart, ArmsTheWatchdogAndObservesTheConnection) {
 
   start();
 
-  EXPECT_EQ(tunnel_->handshakeWatchdog().state(), WatchdogState::running);
+  EXPECT_EQ(watchdogState(), WatchdogState::running);
   EXPECT_EQ(connection_->observerCount(), 1U);
   EXPECT_EQ(journal(), Lines{});
 }
@@ -141,7 +141,7 @@ TEST_F(TunnelStart, WithATimeoutOfZeroIsClosedBeforeStartReturns) {
                    "flow 1: closeRead: Proxy CONNECT handshake timed out",
                    "flow 1: closeWrite: Proxy CONNECT handshake timed out", "connection 1: cancel",
                    "closed FLOW"}));
-  EXPECT_EQ(tunnel_->handshakeWatchdog().state(), WatchdogState::idle);
+  EXPECT_EQ(watchdogState(), WatchdogState::idle);
   EXPECT_EQ(connection_->observerCount(), 0U);
 }
 
@@ -841,7 +841,19 @@ TEST_F(TunnelTimeout, NeverComesOnceTheTunnelIsGone) {
 TEST_F(TunnelTimeout, BelongsToOneWatchdog) {
   make();
 
-  EXPECT_EQ(&tunnel_->handshakeWatchdog(), &tunnel_->handshakeWatchdog());
+  EXPECT_EQ(tunnel_->handshakeWatchdog(), tunnel_->handshakeWatchdog());
+}
+
+TEST_F(TunnelTimeout, HoldsNoWatchdogAfterTheHandshake) {
+  make();
+  startAndConnect();
+  const std::weak_ptr<ProxyTunnelHandshakeWatchdog> watchdog = tunnel_->handshakeWatchdog();
+  EXPECT_EQ(PacketTunnelProviderTestPeer::stateOf(*watchdog.lock()), WatchdogState::running);
+
+  proxy().send(kSuccess);
+  simulation_.run();
+
+  EXPECT_TRUE(watchdog.expired());
 }
 
 }  // namespace

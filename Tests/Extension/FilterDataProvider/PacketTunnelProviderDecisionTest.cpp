@@ -232,6 +232,15 @@ TEST_F(FlowDecisionCache, HasTheHostInItsKeyAsTheFlowGivesIt) {
   EXPECT_EQ(peer().cacheSize(), 1U);
 }
 
+TEST_F(FlowDecisionCache, DistinguishesKeysOfAnyLength) {
+  for (const std::size_t size : {239U, 240U, 241U, 1000U}) {
+    const std::string application(size, 'a');
+    decide("example.org", tcp, application);
+    EXPECT_EQ(peer().cachedAction(application + ":example.org:tcp"), FlowAction::proxyTCP);
+  }
+  EXPECT_EQ(peer().cacheSize(), 4U);
+}
+
 TEST_F(FlowDecisionCache, StoresOnlyAfterTheDecisionWasGiven) {
   provider_->decideFlowAction(kApp, "example.org", tcp);
   EXPECT_EQ(peer().cacheSize(), 0U);
@@ -357,6 +366,7 @@ class InterruptingText final : public platform::TextServices {
 };
 
 TEST_F(FlowDecisionCache, TakesTheLaterOfTwoStoresForOneKey) {
+  // Only a text with capitals is lower-cased.
   InterruptingText text(simulation_.text());
   test::NotingPlatform platform(simulation_);
   platform.useText(text);
@@ -364,16 +374,16 @@ TEST_F(FlowDecisionCache, TakesTheLaterOfTwoStoresForOneKey) {
   // Another thread decides a second later and stores its decision first.
   text.interruptOnce([this, &provider] {
     simulation_.spend(1s);
-    provider->decideFlowAction(kApp, "example.org", tcp);
+    provider->decideFlowAction(kApp, "Example.org", tcp);
   });
 
-  provider->decideFlowAction(kApp, "example.org", tcp);
+  provider->decideFlowAction(kApp, "Example.org", tcp);
   simulation_.run();
 
   const PacketTunnelProviderTestPeer peer(*provider);
   ASSERT_EQ(platform.notesOf("com.ostravel.bypassCache asyncBarrier").size(), 2U);
   EXPECT_EQ(peer.cacheSize(), 1U);
-  EXPECT_EQ(peer.cachedExpiry(kKey), kStart + 30.0);
+  EXPECT_EQ(peer.cachedExpiry(std::string(kApp) + ":Example.org:tcp"), kStart + 30.0);
 }
 
 TEST_F(FlowDecisionCache, DoesNotKeepTheProviderAliveWithAStore) {

@@ -13,8 +13,8 @@ namespace {
 
 constexpr std::size_t kLimit = 48;
 
-std::string idOf(std::size_t number) {
-  return "flow-" + std::to_string(number);
+FlowIdentifier idOf(std::size_t number) {
+  return FlowIdentifier("flow-" + std::to_string(number));
 }
 
 void admit(ProxyTunnelAdmissionController& controller, std::size_t count) {
@@ -34,7 +34,7 @@ TEST(ProxyTunnelAdmissionController, AdmitsANewFlowWhileFortySevenArePending) {
   ProxyTunnelAdmissionController controller;
   admit(controller, kLimit - 1);
 
-  EXPECT_TRUE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot(FlowIdentifier("new")));
   EXPECT_EQ(controller.pendingCount(), kLimit);
 }
 
@@ -42,16 +42,16 @@ TEST(ProxyTunnelAdmissionController, RefusesANewFlowWhileFortyEightArePending) {
   ProxyTunnelAdmissionController controller;
   admit(controller, kLimit);
 
-  EXPECT_FALSE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_FALSE(controller.tryAcquireHandshakeSlot(FlowIdentifier("new")));
   EXPECT_EQ(controller.pendingCount(), kLimit);
 }
 
 TEST(ProxyTunnelAdmissionController, RemembersNothingOfARefusedFlow) {
   ProxyTunnelAdmissionController controller;
   admit(controller, kLimit);
-  ASSERT_FALSE(controller.tryAcquireHandshakeSlot("new"));
+  ASSERT_FALSE(controller.tryAcquireHandshakeSlot(FlowIdentifier("new")));
 
-  EXPECT_FALSE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_FALSE(controller.tryAcquireHandshakeSlot(FlowIdentifier("new")));
   EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 0U);
 }
 
@@ -66,10 +66,10 @@ TEST(ProxyTunnelAdmissionController, AdmitsAPendingFlowAgainThoughFull) {
 
 TEST(ProxyTunnelAdmissionController, AdmitsAnEstablishedFlowAgainThoughFull) {
   ProxyTunnelAdmissionController controller;
-  controller.markEstablished("old");
+  controller.markEstablished(FlowIdentifier("old"));
   admit(controller, kLimit);
 
-  EXPECT_TRUE(controller.tryAcquireHandshakeSlot("old"));
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot(FlowIdentifier("old")));
   EXPECT_EQ(controller.pendingCount(), kLimit);
   EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 1U);
 }
@@ -81,7 +81,7 @@ TEST(ProxyTunnelAdmissionController, DoesNotCountEstablishedTunnels) {
     controller.markEstablished(idOf(number));
   }
 
-  EXPECT_TRUE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot(FlowIdentifier("new")));
   EXPECT_EQ(controller.pendingCount(), 1U);
   EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), kLimit);
 }
@@ -99,7 +99,7 @@ TEST(ProxyTunnelAdmissionController, MovesAPendingFlowToTheEstablishedOnes) {
 TEST(ProxyTunnelAdmissionController, EstablishesAFlowThatWasNeverAdmitted) {
   ProxyTunnelAdmissionController controller;
 
-  controller.markEstablished("unknown");
+  controller.markEstablished(FlowIdentifier("unknown"));
 
   EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 1U);
 }
@@ -111,14 +111,14 @@ TEST(ProxyTunnelAdmissionController, FreesASlotWhenAPendingFlowIsReleased) {
   controller.release(idOf(7));
 
   EXPECT_EQ(controller.pendingCount(), kLimit - 1);
-  EXPECT_TRUE(controller.tryAcquireHandshakeSlot("new"));
+  EXPECT_TRUE(controller.tryAcquireHandshakeSlot(FlowIdentifier("new")));
 }
 
 TEST(ProxyTunnelAdmissionController, ForgetsAReleasedEstablishedFlow) {
   ProxyTunnelAdmissionController controller;
-  controller.markEstablished("old");
+  controller.markEstablished(FlowIdentifier("old"));
 
-  controller.release("old");
+  controller.release(FlowIdentifier("old"));
 
   EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 0U);
 }
@@ -128,7 +128,7 @@ TEST(ProxyTunnelAdmissionController, IsNotChangedByReleasingAnUnknownFlow) {
   admit(controller, 3);
   controller.markEstablished(idOf(0));
 
-  controller.release("unknown");
+  controller.release(FlowIdentifier("unknown"));
 
   EXPECT_EQ(controller.pendingCount(), 2U);
   EXPECT_EQ(PacketTunnelProviderTestPeer::establishedCount(controller), 1U);
@@ -143,7 +143,7 @@ TEST(ProxyTunnelAdmissionController, KeepsItsLimitUnderConcurrentUse) {
   for (std::size_t thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&controller, thread] {
       for (std::size_t flow = 0; flow < kFlowsPerThread; ++flow) {
-        const std::string id = idOf(thread * kFlowsPerThread + flow);
+        const FlowIdentifier id = idOf(thread * kFlowsPerThread + flow);
         if (!controller.tryAcquireHandshakeSlot(id)) {
           continue;
         }

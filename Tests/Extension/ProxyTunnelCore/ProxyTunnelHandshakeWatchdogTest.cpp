@@ -17,7 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
-using State = ProxyTunnelHandshakeWatchdog::State;
 
 class ProxyTunnelHandshakeWatchdogTest : public testing::Test {
  protected:
@@ -36,23 +35,22 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, IsIdleUntilItIsStarted) {
   const auto watchdog = make(5.0);
 
   simulation_.advance(1h);
-
-  EXPECT_EQ(watchdog->state(), State::idle);
   EXPECT_EQ(timeouts_, 0);
+
+  watchdog->start();
+  simulation_.advance(5s);
+  EXPECT_EQ(timeouts_, 1);
 }
 
 TEST_F(ProxyTunnelHandshakeWatchdogTest, FiresOnceAtItsDeadline) {
   const auto watchdog = make(5.0);
   watchdog->start();
-  EXPECT_EQ(watchdog->state(), State::running);
 
   simulation_.advance(5s - 1ns);
   EXPECT_EQ(timeouts_, 0);
-  EXPECT_EQ(watchdog->state(), State::running);
 
   simulation_.advance(1ns);
   EXPECT_EQ(timeouts_, 1);
-  EXPECT_EQ(watchdog->state(), State::finished);
 
   simulation_.advance(1h);
   EXPECT_EQ(timeouts_, 1);
@@ -85,7 +83,6 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, NeverFiresOnceFinished) {
   watchdog->finishWithoutCallback();
   simulation_.advance(1h);
 
-  EXPECT_EQ(watchdog->state(), State::finished);
   EXPECT_EQ(timeouts_, 0);
 }
 
@@ -93,10 +90,10 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, StaysIdleWhenFinishedBeforeItsStart) {
   const auto watchdog = make(5.0);
 
   watchdog->finishWithoutCallback();
-  EXPECT_EQ(watchdog->state(), State::idle);
-
   watchdog->start();
-  EXPECT_EQ(watchdog->state(), State::running);
+  simulation_.advance(5s);
+
+  EXPECT_EQ(timeouts_, 1);
 }
 
 TEST_F(ProxyTunnelHandshakeWatchdogTest, MayBeFinishedTwice) {
@@ -105,8 +102,9 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, MayBeFinishedTwice) {
 
   watchdog->finishWithoutCallback();
   watchdog->finishWithoutCallback();
+  simulation_.advance(1h);
 
-  EXPECT_EQ(watchdog->state(), State::finished);
+  EXPECT_EQ(timeouts_, 0);
 }
 
 TEST_F(ProxyTunnelHandshakeWatchdogTest, MayBeFinishedAfterItFired) {
@@ -115,8 +113,8 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, MayBeFinishedAfterItFired) {
   simulation_.advance(5s);
 
   watchdog->finishWithoutCallback();
+  simulation_.advance(1h);
 
-  EXPECT_EQ(watchdog->state(), State::finished);
   EXPECT_EQ(timeouts_, 1);
 }
 
@@ -141,7 +139,6 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, CannotBeStartedAgainOnceFinished) {
   watchdog->start();
   simulation_.advance(1h);
 
-  EXPECT_EQ(watchdog->state(), State::finished);
   EXPECT_EQ(timeouts_, 0);
 }
 
@@ -160,9 +157,11 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, IgnoresATimeoutWhileIdle) {
   const auto watchdog = make(5.0);
 
   watchdog->handleTimeout();
-
-  EXPECT_EQ(watchdog->state(), State::idle);
   EXPECT_EQ(timeouts_, 0);
+
+  watchdog->start();
+  simulation_.advance(5s);
+  EXPECT_EQ(timeouts_, 1);
 }
 
 TEST_F(ProxyTunnelHandshakeWatchdogTest, IgnoresATimeoutOnceFinished) {
@@ -183,27 +182,38 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, TakesATimeoutOnceWhileRunning) {
   watchdog->handleTimeout();
   simulation_.advance(1h);
 
-  EXPECT_EQ(watchdog->state(), State::finished);
   EXPECT_EQ(timeouts_, 1);
 }
 
 TEST_F(ProxyTunnelHandshakeWatchdogTest, CallsBackWithoutItsLock) {
   std::shared_ptr<ProxyTunnelHandshakeWatchdog> watchdog;
-  State seen = State::idle;
   watchdog = std::make_shared<ProxyTunnelHandshakeWatchdog>(simulation_, 1.0, queue_, [&] {
-    // Both take the lock, as the close of a tunnel does.
+    // Takes the lock, as the close of a tunnel does.
     watchdog->finishWithoutCallback();
-    seen = watchdog->state();
+    ++timeouts_;
   });
   watchdog->start();
 
   simulation_.advance(1s);
 
-  EXPECT_EQ(seen, State::finished);
+  EXPECT_EQ(timeouts_, 1);
 }
 
 TEST_F(ProxyTunnelHandshakeWatchdogTest, DoesNothingOnceItIsGone) {
   auto watchdog = make(5.0);
+  watchdog->start();
+
+  watchdog.reset();
+  simulation_.advance(1h);
+
+  EXPECT_EQ(timeouts_, 0);
+}
+
+TEST_F(ProxyTunnelHandshakeWatchdogTest, DoesNothingInATimerThatOutlivesIt) {
+  test::NotingPlatform platform(simulation_);
+  platform.keepTimers();
+  auto watchdog = std::make_shared<ProxyTunnelHandshakeWatchdog>(platform, 5.0, queue_,
+                                                                 [this] { ++timeouts_; });
   watchdog->start();
 
   watchdog.reset();
@@ -227,8 +237,11 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, TakesAVeryLongTimeout) {
   watchdog->start();
 
   simulation_.advance(24h * 365);
+  EXPECT_EQ(timeouts_, 0);
 
-  EXPECT_EQ(watchdog->state(), State::running);
+  // It is running.
+  watchdog->handleTimeout();
+  EXPECT_EQ(timeouts_, 1);
 }
 
 // The calls to the timers.
@@ -302,9 +315,11 @@ TEST_P(WatchdogWithoutTime, TimesOutInsideStartAndStaysIdle) {
   const auto watchdog = make(GetParam());
 
   watchdog->start();
-
   EXPECT_EQ(timeouts_, 1);
-  EXPECT_EQ(watchdog->state(), State::idle);
+
+  // Only a running one takes a time-out.
+  watchdog->handleTimeout();
+  EXPECT_EQ(timeouts_, 1);
 }
 
 TEST_P(WatchdogWithoutTime, TimesOutInsideEveryStart) {

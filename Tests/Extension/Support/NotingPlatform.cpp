@@ -97,7 +97,11 @@ std::shared_ptr<platform::DispatchTimer> NotingPlatform::makeTimer(
     std::shared_ptr<platform::DispatchQueue> queue) {
   const std::string name = "timer " + std::to_string(++timerCount_);
   notes_->push_back(name + " on " + queue->label());
-  return std::make_shared<NotingTimer>(other_.makeTimer(std::move(queue)), notes_, name);
+  auto timer = std::make_shared<NotingTimer>(other_.makeTimer(std::move(queue)), notes_, name);
+  if (keepsTimers_) {
+    keptTimers_.push_back(timer);
+  }
+  return timer;
 }
 
 std::shared_ptr<platform::Log> NotingPlatform::makeLog(std::string subsystem,

@@ -24,6 +24,8 @@ class NotingPlatform final : public platform::Platform {
   explicit NotingPlatform(platform::Platform& other) : other_(other) {}
 
   const std::vector<std::string>& notes() const { return *notes_; }
+  // The timers that are made later exist as long as this.
+  void keepTimers() { keepsTimers_ = true; }
   // The lines that begin with this.
   std::vector<std::string> notesOf(std::string_view beginning) const;
   void clearNotes() { notes_->clear(); }
@@ -50,6 +52,8 @@ class NotingPlatform final : public platform::Platform {
   const std::shared_ptr<std::vector<std::string>> notes_ =
       std::make_shared<std::vector<std::string>>();
   int timerCount_ = 0;
+  bool keepsTimers_ = false;
+  std::vector<std::shared_ptr<platform::DispatchTimer>> keptTimers_;
 };
 
 }  // namespace ostravel::test

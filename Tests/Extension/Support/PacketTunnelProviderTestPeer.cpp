@@ -14,6 +14,12 @@ std::size_t PacketTunnelProviderTestPeer::establishedCount(
   return controller.establishedTunnelIDs_.size();
 }
 
+PacketTunnelProviderTestPeer::WatchdogState PacketTunnelProviderTestPeer::stateOf(
+    const ProxyTunnelHandshakeWatchdog& watchdog) {
+  const std::lock_guard guard(watchdog.lock_);
+  return watchdog.state_;
+}
+
 const ProxyTunnelAdmissionController& PacketTunnelProviderTestPeer::admission() const {
   return provider_.tunnelAdmissionController_;
 }
@@ -24,7 +30,8 @@ std::size_t PacketTunnelProviderTestPeer::activeTunnelCount() const {
 
 void PacketTunnelProviderTestPeer::occupyHandshakeSlots(std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
-    provider_.tunnelAdmissionController_.tryAcquireHandshakeSlot("occupied " + std::to_string(i));
+    provider_.tunnelAdmissionController_.tryAcquireHandshakeSlot(
+        FlowIdentifier("occupied " + std::to_string(i)));
   }
 }
 
@@ -38,13 +45,14 @@ std::size_t PacketTunnelProviderTestPeer::cacheSize() const {
 
 void PacketTunnelProviderTestPeer::addCacheEntry(const std::string& key, FlowAction action,
                                                  double expiry) {
-  // Before any expiry: nothing is swept.
-  provider_.bypassCache_.store(key, action, expiry, std::numeric_limits<double>::lowest());
+  // Before any expiry: nothing is swept. No test asks for the rule.
+  provider_.bypassCache_.store(key, {action, platform::FlowRule::exemptHost}, expiry,
+                               std::numeric_limits<double>::lowest());
 }
 
 std::optional<FlowAction> PacketTunnelProviderTestPeer::cachedAction(const std::string& key) const {
   const auto* const entry = provider_.bypassCache_.find(key);
-  return entry == nullptr ? std::nullopt : std::optional(entry->decision);
+  return entry == nullptr ? std::nullopt : std::optional(entry->decision.action);
 }
 
 std::optional<double> PacketTunnelProviderTestPeer::cachedExpiry(const std::string& key) const {

@@ -5,17 +5,21 @@
 #include <string>
 
 #include "Extension/FilterDataProvider/PacketTunnelProvider.h"
+#include "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.h"
 
 namespace ostravel {
 
-// What the tests of the provider and of its admission controller cannot see from outside: what they
-// keep about tunnels, and the cache, which tests also fill.
+// What the tests of the provider, its admission controller and its watchdogs cannot see from
+// outside: their states, what they keep about tunnels, and the cache, which tests also fill.
 class PacketTunnelProviderTestPeer {
  public:
   explicit PacketTunnelProviderTestPeer(PacketTunnelProvider& provider) : provider_(provider) {}
 
   // The established tunnels that a controller has not forgotten.
   static std::size_t establishedCount(const ProxyTunnelAdmissionController& controller);
+
+  using WatchdogState = ProxyTunnelHandshakeWatchdog::State;
+  static WatchdogState stateOf(const ProxyTunnelHandshakeWatchdog& watchdog);
 
   const ProxyTunnelAdmissionController& admission() const;
   std::size_t establishedCount() const { return establishedCount(admission()); }

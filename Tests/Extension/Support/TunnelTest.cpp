@@ -44,20 +44,24 @@ void TunnelTest::make(const Setup& setup) {
   OVTunnelConnection::Callback onProxyUnavailable;
   OVTunnelConnection::FlowIdCallback onClose;
   if (setup.withCallbacks) {
-    onEstablished = [this](const std::string& id) {
+    onEstablished = [this](const FlowIdentifier& id) {
       look();
-      simulation_.journal().add("established " + id);
+      simulation_.journal().add("established " + id.text());
     };
     onProxyUnavailable = [this] {
       look();
       simulation_.journal().add("proxy unavailable");
     };
-    onClose = [this](const std::string& id) { simulation_.journal().add("closed " + id); };
+    onClose = [this](const FlowIdentifier& id) {
+      simulation_.journal().add("closed " + id.text());
+    };
   }
   tunnel_ = std::make_shared<OVTunnelConnection>(
-      simulation_, setup.flow ? setup.flow : flow_,
-      setup.connection ? setup.connection : connection_, setup.flowId, setup.appId,
-      setup.handshakeTimeout, makeMonitoringClient(), onEstablished, onProxyUnavailable, onClose);
+      std::make_shared<const OVTunnelConnection::Common>(simulation_, setup.handshakeTimeout,
+                                                         makeMonitoringClient(), onEstablished,
+                                                         onProxyUnavailable, onClose),
+      setup.flow ? setup.flow : flow_, setup.connection ? setup.connection : connection_,
+      FlowIdentifier(setup.flowId), std::make_shared<const std::string>(setup.appId));
   clearJournal();
 }
 
@@ -123,7 +127,7 @@ std::shared_ptr<ProxyTunnelMonitoringClient> TunnelTest::makeMonitoringClient() 
 }
 
 void TunnelTest::look() {
-  watchdogSeen_ = tunnel_->handshakeWatchdog().state();
+  watchdogSeen_ = watchdogState();
   observedSeen_ = connection_->observerCount() > 0;
 }
 

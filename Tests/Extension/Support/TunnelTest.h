@@ -11,6 +11,7 @@
 #include "Extension/FilterDataProvider/OVTunnelConnection.h"
 #include "Platform/Simulation/Simulation.h"
 #include "Tests/Extension/Support/MonitoringRecord.h"
+#include "Tests/Extension/Support/PacketTunnelProviderTestPeer.h"
 
 namespace ostravel::test {
 
@@ -62,13 +63,16 @@ class TunnelTest : public testing::Test {
   std::vector<std::string> signals() const;
   // The last line that was logged before the event with this signal was emitted.
   std::string lineLoggedBefore(std::string_view signal) const;
+  PacketTunnelProviderTestPeer::WatchdogState watchdogState() const {
+    return PacketTunnelProviderTestPeer::stateOf(*tunnel_->handshakeWatchdog());
+  }
 
   simulation::Simulation simulation_;
   std::shared_ptr<simulation::SimulatedTCPFlow> flow_;
   std::shared_ptr<simulation::SimulatedTCPConnection> connection_;
   std::shared_ptr<OVTunnelConnection> tunnel_;
   // State of the watchdog, and whether the connection was observed, seen in the last callback.
-  std::optional<ProxyTunnelHandshakeWatchdog::State> watchdogSeen_;
+  std::optional<PacketTunnelProviderTestPeer::WatchdogState> watchdogSeen_;
   std::optional<bool> observedSeen_;
 
  private:

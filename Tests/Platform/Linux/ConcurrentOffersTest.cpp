@@ -113,9 +113,10 @@ class ConcurrentOffersTest : public ::testing::Test {
     offer.flow = std::make_shared<LinuxTCPFlow>(
         loops_.loop(static_cast<unsigned>(number) % loops_.size()),
         FlowTuple{TransportProtocol::tcp, source, destination},
-        offer.isExpectedToBeTaken ? "com.example." + std::to_string(number % 50)
-                                  : "com.mullvad.vpn",
-        platform::HostEndpoint{host, "443"}, std::move(packet));
+        std::make_shared<const std::string>(offer.isExpectedToBeTaken
+                                                ? "com.example." + std::to_string(number % 50)
+                                                : "com.mullvad.vpn"),
+        destination, std::move(packet));
     return offer;
   }
 

@@ -49,12 +49,12 @@ class KeptLog final : public platform::Log {
   std::vector<std::string> lines_;
 };
 
-AliveKeeper::Install installer() {
-  return [] { return InterceptionTable::install(loopbackSettings(), PacketMarks(), 1, {}); };
+platform::Result<std::unique_ptr<InterceptionTable>> install() {
+  return InterceptionTable::install(loopbackSettings(), PacketMarks(), 1, {});
 }
 
 std::unique_ptr<InterceptionTable> installTable() {
-  return *installer()();
+  return *install();
 }
 
 // Breaks the netfilter sockets of this process, so that the kernel removes what they own.
@@ -75,8 +75,8 @@ void breakNetfilterSockets() {
 
 class AliveKeeperTest : public ::testing::Test {
  protected:
-  std::function<void()> onRefreshed() {
-    return [this] { refreshed_.release(); };
+  AliveKeeper::Options options() {
+    return {.install = &install, .log = log_, .onRefreshed = [this] { refreshed_.release(); }};
   }
   bool isRefreshed() { return refreshed_.try_acquire_for(5s); }
 
@@ -85,7 +85,7 @@ class AliveKeeperTest : public ::testing::Test {
 };
 
 TEST_F(AliveKeeperTest, RefreshesOnABeat) {
-  AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
+  AliveKeeper keeper(installTable(), options());
   keeper.beat();
   EXPECT_TRUE(isRefreshed());
   EXPECT_TRUE(log_->lines().empty());
@@ -93,7 +93,7 @@ TEST_F(AliveKeeperTest, RefreshesOnABeat) {
 
 TEST_F(AliveKeeperTest, DoesNotRefreshWithoutABeat) {
   {
-    AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
+    AliveKeeper keeper(installTable(), options());
     // The elements expire, which they would not if they were refreshed.
     const auto deadline = std::chrono::steady_clock::now() + InterceptionTable::kAliveTimeout * 3;
     while (outputOf("nft list set inet ostravel alive").find("elements") != std::string::npos &&
@@ -106,8 +106,9 @@ TEST_F(AliveKeeperTest, DoesNotRefreshWithoutABeat) {
 
 TEST_F(AliveKeeperTest, RemovesTheTableWhileConnectionTrackingIsFull) {
   std::atomic<bool> hasRoom = true;
-  AliveKeeper keeper(installTable(), installer(), log_, onRefreshed(),
-                     [&hasRoom] { return hasRoom.load(); });
+  auto changed = options();
+  changed.hasRoom = [&hasRoom] { return hasRoom.load(); };
+  AliveKeeper keeper(installTable(), std::move(changed));
   keeper.beat();
   EXPECT_TRUE(isRefreshed());
   hasRoom = false;
@@ -127,18 +128,18 @@ TEST_F(AliveKeeperTest, RemovesTheTableWhileConnectionTrackingIsFull) {
 }
 
 TEST_F(AliveKeeperTest, RemovesTheTableAtTheEnd) {
-  { const AliveKeeper keeper(installTable(), installer(), log_, nullptr); }
+  { const AliveKeeper keeper(installTable(), {.install = &install, .log = log_}); }
   EXPECT_EQ(outputOf("nft list ruleset"), "");
 }
 
 TEST_F(AliveKeeperTest, RemovesTheTableWhenAsked) {
-  AliveKeeper keeper(installTable(), installer(), log_, nullptr);
+  AliveKeeper keeper(installTable(), {.install = &install, .log = log_});
   keeper.removeTable();
   EXPECT_EQ(outputOf("nft list ruleset"), "");
 }
 
 TEST_F(AliveKeeperTest, SurvivesAFlushByAnotherProcess) {
-  AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
+  AliveKeeper keeper(installTable(), options());
   const std::string before = outputOf("nft --stateless list chain inet ostravel refuse");
   outputOf("nft flush ruleset");
   EXPECT_EQ(outputOf("nft --stateless list chain inet ostravel refuse"), before);
@@ -148,7 +149,7 @@ TEST_F(AliveKeeperTest, SurvivesAFlushByAnotherProcess) {
 }
 
 TEST_F(AliveKeeperTest, ReinstallsALostTable) {
-  AliveKeeper keeper(installTable(), installer(), log_, onRefreshed());
+  AliveKeeper keeper(installTable(), options());
   const std::string before = outputOf("nft --stateless list chain inet ostravel refuse");
   breakNetfilterSockets();
   EXPECT_EQ(outputOf("nft list ruleset"), "");
@@ -167,15 +168,16 @@ TEST_F(AliveKeeperTest, ReinstallsALostTable) {
 TEST_F(AliveKeeperTest, KeepsTryingAndLogsEachFailureOnce) {
   std::atomic<int> attempts = 0;
   std::counting_semaphore<> attempted{0};
-  const auto install = [&]() -> platform::Result<std::unique_ptr<InterceptionTable>> {
+  auto changed = options();
+  changed.install = [&]() -> platform::Result<std::unique_ptr<InterceptionTable>> {
     const int attempt = ++attempts;
     attempted.release();
     if (attempt < 5) {
       return platform::Error{"test", 1, attempt < 3 ? "first reason" : "second reason"};
     }
-    return installer()();
+    return install();
   };
-  AliveKeeper keeper(installTable(), install, log_, onRefreshed());
+  AliveKeeper keeper(installTable(), std::move(changed));
   breakNetfilterSockets();
   for (int i = 0; i < 5; ++i) {
     keeper.beat();
@@ -196,10 +198,11 @@ TEST_F(AliveKeeperTest, KeepsTryingAndLogsEachFailureOnce) {
 }
 
 TEST_F(AliveKeeperTest, EndsWithoutATable) {
-  const auto install = []() -> platform::Result<std::unique_ptr<InterceptionTable>> {
+  auto changed = options();
+  changed.install = []() -> platform::Result<std::unique_ptr<InterceptionTable>> {
     return platform::Error{"test", 1, "never"};
   };
-  AliveKeeper keeper(installTable(), install, log_, onRefreshed());
+  AliveKeeper keeper(installTable(), std::move(changed));
   breakNetfilterSockets();
   keeper.beat();
   keeper.removeTable();

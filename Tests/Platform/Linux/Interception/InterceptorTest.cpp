@@ -189,6 +189,19 @@ TEST_F(InterceptorTest, RecordsWhatItOffersAndWhatItLeaves) {
   EXPECT_EQ(left.reason, "redirect_path");
 }
 
+// Nothing remembers for the core that it has declined this application and destination before.
+TEST_F(InterceptorTest, EveryDeclinedFlowIsOfferedAndThenRecorded) {
+  start(false);
+  TestListener origin("127.0.0.1", kPort);
+  for (std::size_t count = 1; count <= 20; ++count) {
+    const ConnectingApplication application("127.0.0.1", kPort);
+    ASSERT_EQ(application.connectResult(kGenerous), 0);
+    EXPECT_EQ(offered(), count);
+    EXPECT_EQ(journal_.totals().examined, count);
+    EXPECT_EQ(journal_.decisions(std::nullopt, std::nullopt, 1).flows.at(0).sequence, count);
+  }
+}
+
 TEST_F(InterceptorTest, ATakenFlowIsHeldUntilItIsDecided) {
   start(true);
   TestListener origin("127.0.0.1", kPort);

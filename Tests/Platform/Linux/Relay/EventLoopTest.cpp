@@ -15,6 +15,7 @@
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Services/LinuxDispatchQueue.h"
 #include "Platform/Linux/Services/WorkerPool.h"
+#include "Tests/Platform/Linux/Relay/Support/EventLoopTestPeer.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTunnel.h"
 
@@ -106,7 +107,7 @@ TEST_F(LocalQueueTest, RunsOnThePoolWhatAStoppedLoopHasNot) {
   loop().post([&] {
     queue_.async([&ranOn] { ranOn.set_value(EventLoop::current()); });
     isSubmitted.set_value();
-    while (!loop().isStopping()) {
+    while (!EventLoopTestPeer::isStopping(loop())) {
       std::this_thread::yield();
     }
   });
@@ -212,7 +213,7 @@ class StoppedLoopTest : public RelayTest {
     loop().post([this, &hasRun, &work] {
       work();
       hasRun.set_value();
-      while (!loop().isStopping()) {
+      while (!EventLoopTestPeer::isStopping(loop())) {
         std::this_thread::yield();
       }
     });

@@ -62,14 +62,14 @@ class FlowListenerTest : public RelayTest {
 
   // A released flow.
   Waiting expectFlow(const char* destination, std::uint16_t sourcePort,
-                     std::string application = "org.example.browser") {
+                     const std::string& application = "org.example.browser") {
     FlowTuple tuple;
     tuple.source = *parseAddressLiteral({kApplicationIPv4, std::to_string(sourcePort)});
     tuple.destination = *parseAddressLiteral({destination, std::to_string(kDestinationPort)});
     auto verdict = std::make_shared<Verdict>();
-    auto flow = std::make_shared<LinuxTCPFlow>(loop(), tuple, std::move(application),
-                                               platform::HostEndpoint{destination, "443"},
-                                               std::make_unique<RecordedPacket>(verdict));
+    auto flow = std::make_shared<LinuxTCPFlow>(
+        loop(), tuple, std::make_shared<const std::string>(application), tuple.destination,
+        std::make_unique<RecordedPacket>(verdict));
     auto [completion, future] = readCompletion();
     flow->read(std::move(completion));
     verdict->wait();

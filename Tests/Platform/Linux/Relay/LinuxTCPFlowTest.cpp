@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Relay/PipeChunk.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
 
@@ -51,8 +52,8 @@ class NamedFlowTest : public LinuxTCPFlowTest {
   // A flow to 192.0.2.1 with this name.
   std::shared_ptr<LinuxTCPFlow> makeNamedFlow(FlowName name) {
     return std::make_shared<LinuxTCPFlow>(
-        loop(), tupleOf(anySource()), "org.example.browser",
-        platform::HostEndpoint{"192.0.2.1", "443"},
+        loop(), tupleOf(anySource()), std::make_shared<const std::string>("org.example.browser"),
+        *parseAddressLiteral({"192.0.2.1", "443"}),
         std::make_unique<RecordedPacket>(std::make_shared<Verdict>()), nullptr, std::move(name));
   }
 
@@ -460,8 +461,9 @@ TEST_F(LinuxTCPFlowTest, AcceptsItsConnectionDirectlyAfterTheRelease) {
   for (const char* const source : {kApplicationIPv4, kApplicationIPv6}) {
     ApplicationSocket application(source);
     const auto flow = std::make_shared<LinuxTCPFlow>(
-        loop(), tupleOf(application.local()), "org.example.browser",
-        platform::HostEndpoint{"192.0.2.1", "443"},
+        loop(), tupleOf(application.local()),
+        std::make_shared<const std::string>("org.example.browser"),
+        *parseAddressLiteral({"192.0.2.1", "443"}),
         std::make_unique<ConnectingPacket>([&] { EXPECT_EQ(arrive(application), 0); }));
     auto [onRead, read] = readCompletion();
     onLoop([&, completion = std::move(onRead)] {

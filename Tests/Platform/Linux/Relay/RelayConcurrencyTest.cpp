@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "Tests/Platform/Linux/Relay/Support/EventLoopTestPeer.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTunnel.h"
 
@@ -45,7 +46,7 @@ TEST_F(RelayConcurrencyTest, TunnelsAreClosedByOtherThreadsWhileBytesMove) {
     sending.join();
   }
   EXPECT_TRUE(eventually([this] {
-    const std::size_t pipes = 2 * loop().pipes().keptCount();
+    const std::size_t pipes = 2 * EventLoopTestPeer::keptPipes(loop());
     return budget_.inUse() == idle_ + pipes;
   }));
 }

@@ -22,9 +22,10 @@ using namespace std::chrono_literals;
 class FlowJournalTest : public ::testing::Test {
  protected:
   std::shared_ptr<FlowRecord> decide(FlowRule rule, unsigned loop = 0) {
-    auto record = journal_.open(
-        {.application = "app", .destination = "192.0.2.1:443", .begin = FlowRecord::Clock::now()},
-        loop);
+    auto record = journal_.open({.application = "app",
+                                 .destination = {AddressFamily::ipv4, {192, 0, 2, 1}, 443},
+                                 .begin = FlowRecord::Clock::now()},
+                                loop);
     record->decided(rule);
     journal_.publish(record);
     return record;
@@ -131,7 +132,7 @@ TEST_F(FlowJournalTest, KeepsFewOfAFlood) {
 }
 
 TEST_F(FlowJournalTest, KeepsAFlowThatIsLeftWithItsReason) {
-  journal_.publishLeft({.destination = "192.0.2.1:80"}, "on_trial");
+  journal_.publishLeft({.destination = {AddressFamily::ipv4, {192, 0, 2, 1}, 80}}, "on_trial");
   const auto flows = journal_.decisions(std::nullopt, std::nullopt, 10).flows;
   ASSERT_EQ(flows.size(), 1U);
   EXPECT_EQ(flows[0].reason, "on_trial");

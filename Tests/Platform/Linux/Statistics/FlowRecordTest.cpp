@@ -23,12 +23,14 @@ class FlowRecordTest : public ::testing::Test {
     return counters_.ends[static_cast<std::size_t>(end)].load();
   }
 
+  SharedTexts applications_;
   FlowCounters counters_;
   FlowRecord record_{{.application = "/usr/bin/curl",
-                      .destination = "192.0.2.1:443",
+                      .destination = {AddressFamily::ipv4, {192, 0, 2, 1}, 443},
                       .user = 1000,
                       .process = 4711,
                       .begin = FlowRecord::Clock::now()},
+                     applications_,
                      1763271815.5,
                      counters_};
 };
@@ -145,7 +147,7 @@ class NotingLog final : public platform::Log {
 TEST_F(FlowRecordTest, LogsAFailureThatTheCoreDoesNotLog) {
   NotingLog log;
   const auto endWith = [&log, this](FlowEnd end, std::string_view detail) {
-    FlowRecord record({.application = "/usr/bin/curl"}, 0, counters_, &log);
+    FlowRecord record({.application = "/usr/bin/curl"}, applications_, 0, counters_, &log);
     record.decided(FlowRule::proxied);
     record.identified(kIdentifier);
     record.ended(end, detail);
@@ -168,14 +170,36 @@ TEST_F(FlowRecordTest, LogsAFailureThatTheCoreDoesNotLog) {
 }
 
 TEST_F(FlowRecordTest, CutsLongTexts) {
-  FlowRecord record({.application = std::string(5000, 'a'), .destination = std::string(5000, 'd')},
-                    0, counters_);
+  const std::string application(5000, 'a');
+  FlowRecord record({.application = application}, applications_, 0, counters_);
   record.decided(FlowRule::proxied);
   record.ended(FlowEnd::rejected, std::string(5000, 's'));
   const auto view = record.view();
   EXPECT_EQ(view.application.size(), FlowRecord::kLongestText);
-  EXPECT_EQ(view.destination.size(), FlowRecord::kLongestText);
   EXPECT_EQ(view.detail.size(), FlowRecord::kLongestDetail);
+}
+
+TEST_F(FlowRecordTest, WritesAnIPv6DestinationInBrackets) {
+  const FlowRecord record(
+      {.destination = {AddressFamily::ipv6,
+                       {0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1},
+                       80}},
+      applications_, 0, counters_);
+  EXPECT_EQ(record.view().destination, "[2001:db8::1]:80");
+}
+
+TEST_F(FlowRecordTest, IsWithoutUserAndProcessIfTheyAreUnknown) {
+  const FlowRecord record({}, applications_, 0, counters_);
+  EXPECT_EQ(record.view().user, std::nullopt);
+  EXPECT_EQ(record.view().process, std::nullopt);
+  EXPECT_EQ(record.view().application, "");
+  const FlowRecord ofRoot({.user = 0}, applications_, 0, counters_);
+  EXPECT_EQ(ofRoot.view().user, 0U);
+}
+
+// There is one for each tunnel.
+TEST_F(FlowRecordTest, IsSmall) {
+  EXPECT_LE(sizeof(FlowRecord), 184U);
 }
 
 TEST_F(FlowRecordTest, IgnoresAnIdentifierOfAnotherForm) {

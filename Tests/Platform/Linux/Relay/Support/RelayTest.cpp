@@ -87,9 +87,9 @@ int RelayTest::arrive(ApplicationSocket& application) {
 
 RelayTest::Flow RelayTest::makeFlow(const SocketEndpoint& source) {
   auto verdict = std::make_shared<Verdict>();
-  auto flow = std::make_shared<LinuxTCPFlow>(loop(), tupleOf(source), "org.example.browser",
-                                             platform::HostEndpoint{"192.0.2.1", "443"},
-                                             std::make_unique<RecordedPacket>(verdict));
+  auto flow = std::make_shared<LinuxTCPFlow>(
+      loop(), tupleOf(source), std::make_shared<const std::string>("org.example.browser"),
+      *parseAddressLiteral({"192.0.2.1", "443"}), std::make_unique<RecordedPacket>(verdict));
   return {std::move(flow), std::move(verdict)};
 }
 
