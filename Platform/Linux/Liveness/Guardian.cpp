@@ -13,15 +13,21 @@ extern "C" {
 #include <sys/pidfd.h>
 }
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
+#include <span>
+#include <sstream>
+#include <string>
+#include <string_view>
 
 #include "Base/FileDescriptor.h"
+#include "Base/ParseNumber.h"
 #include "Platform/Linux/Kernel/CgroupRoot.h"
 #include "Platform/Linux/Liveness/HangDetector.h"
+#include "Platform/Linux/Liveness/HangLimit.h"
 #include "Platform/Linux/Liveness/StarvationDetector.h"
 
 namespace ostravel::linuxplatform {
@@ -58,12 +64,41 @@ std::chrono::seconds limitOf(Phase phase) {
   return Guardian::kRunLimit;
 }
 
+// The memory of this process's arguments (arg_start and arg_end of proc_pid_stat(5)); empty if
+// unknown.
+std::span<char> argumentMemory() {
+  std::ifstream file("/proc/self/stat");
+  std::string text;
+  std::getline(file, text);
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  constexpr int kFirst = 3;
+  constexpr int kStart = 48;
+  std::string field;
+  for (int number = kFirst; number <= kStart; ++number) {
+    fields >> field;
+  }
+  const auto start = parseNumber<std::uintptr_t>(field);
+  fields >> field;
+  const auto end = parseNumber<std::uintptr_t>(field);
+  const auto name = reinterpret_cast<std::uintptr_t>(program_invocation_name);
+  const bool isThere = start && end && *start <= name && name < *end;
+  return isThere ? std::span(program_invocation_name, *end - name) : std::span<char>();
+}
+
 // Lets pidof(8) and ps(1) distinguish the two processes, so that a signal for the extension, such
 // as SIGSTOP, is not sent to its guardian as well.
 void takeName() {
   ::prctl(PR_SET_NAME, kProcessName);
-  // This is the memory of argv[0], which cannot grow. strncpy clears the rest.
-  std::strncpy(program_invocation_name, kProcessName, std::strlen(program_invocation_name));
+  const auto memory = argumentMemory();
+  const std::string_view name = kProcessName;
+  if (memory.size() < name.size() + 2) {
+    return;
+  }
+  std::ranges::fill(memory, '\0');
+  std::ranges::copy(name, memory.begin());
+  // Without NUL at the end, the kernel shows what is before the first one, instead of many empty
+  // arguments.
+  memory.back() = ' ';
 }
 
 void keepOnlyStandardErrorAnd(int extension, int lastFile) {
@@ -150,7 +185,7 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
   HangDetector heartbeat(Clock::now(), record.beats());
   HangDetector checks(Clock::now(), record.checks());
   StarvationDetector starvation("/proc/" + std::to_string(extension) + "/task");
-  auto starvedUntil = Clock::time_point::min();
+  HangLimit hangLimit(Guardian::kStarvedLimit);
   while (!waitForEnd(HangDetector::kInterval)) {
     const auto now = Clock::now();
     const auto limit = limitOf(record.phase());
@@ -159,14 +194,10 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
     // Observed only while the heartbeat is late.
     if (heartbeat.silence() < limit / 2) {
       starvation.forget();
-      starvedUntil = Clock::time_point::min();
+      hangLimit.forget();
       continue;
     }
-    if (starvation.observe()) {
-      // Afterwards it has as long as any other process: it may have been stopped since.
-      starvedUntil = now + limit;
-    }
-    const auto longest = now < starvedUntil ? std::max(limit, Guardian::kStarvedLimit) : limit;
+    const auto longest = hangLimit.observe(now, limit, starvation.observe());
     if (isMissing && heartbeat.silence() >= longest) {
       const auto extent = isCheckMissing ? Extent::wholeProcess : Extent::participants;
       kill(describe(record, extent), longest);
