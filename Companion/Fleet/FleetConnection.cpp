@@ -79,9 +79,13 @@ std::string ensureFleetStream(natsConnection* connection) {
   const JetStream jetStream(made);
   jsErrCode code{};
   jsStreamInfo* found = nullptr;
-  if (js_GetStreamInfo(&found, made, kFleetStream, nullptr, &code) == NATS_OK) {
+  const natsStatus lookup = js_GetStreamInfo(&found, made, kFleetStream, nullptr, &code);
+  if (lookup == NATS_OK) {
     jsStreamInfo_Destroy(found);
     return {};
+  }
+  if (lookup != NATS_NOT_FOUND) {
+    return natsStatus_GetText(lookup);
   }
   jsStreamConfig config;
   jsStreamConfig_Init(&config);

@@ -43,8 +43,8 @@ class FleetConnection {
 // The stream that keeps the events of the fleet on the server.
 constexpr const char* kFleetStream = "OSTRAVEL";
 
-// Creates the stream if there is none. Waits for the server for at most two seconds. Returns the
-// problem; empty if the stream exists.
+// Creates the stream if there is none. Waits for at most two seconds for each of the server's two
+// answers. Returns the problem; empty if the stream exists.
 std::string ensureFleetStream(natsConnection* connection);
 
 }  // namespace ostravel::companion

@@ -115,12 +115,13 @@ class FleetPublisher {
 
   const Options options_;
   const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>();
-  // The first member, so that wrong options are reported before a folder is created.
+  // Before the connection, see NATSSubscription. For the publisher's thread only.
+  NATSSubscription answers_;
+  // Before the spool, so that wrong options are reported before a folder is created.
   FleetConnection connection_;
   Spool spool_;
 
   // For the publisher's thread only.
-  NATSSubscription answers_;
   std::string inbox_;
   std::uint64_t object_ = 0;
   std::uint64_t generation_ = 0;

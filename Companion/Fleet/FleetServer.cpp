@@ -103,6 +103,8 @@ NATSOptions connectionOptions(const FleetServer& server, const std::string& name
         natsOptions_SetCustomReconnectDelay(made, delayBefore, nullptr),
         // The library's default handler writes to standard error.
         natsOptions_SetErrorHandler(made, ignoreError, nullptr),
+        // Nothing waits for the answer of a server that is gone.
+        natsOptions_SetFailRequestsOnDisconnect(made, true),
         // With a function, the library does not wait for the first connection.
         natsOptions_SetRetryOnFailedConnect(made, true, ignoreConnection, nullptr)}) {
     require(status, server.url);

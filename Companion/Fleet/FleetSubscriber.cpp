@@ -22,20 +22,14 @@ constexpr std::size_t kRecentIds = 200'000;
 // Exceeds any fleet. More mean that a machine invents names; the counts then start again.
 constexpr std::size_t kMostMachines = 500'000;
 
-constexpr int kBatch = 512;
-constexpr std::int64_t kFetchMilliseconds = 500;
+// How late the subscriber notices that it shall end.
+constexpr auto kLongestWait = 500ms;
 constexpr auto kPause = 500ms;
 
 std::string headerOf(natsMsg* message, const char* name) {
   const char* value = nullptr;
   return natsMsgHeader_Get(message, name, &value) == NATS_OK && value != nullptr ? value : "";
 }
-
-// Owns the fetched messages.
-struct MessageList {
-  natsMsgList list{};
-  ~MessageList() { natsMsgList_Destroy(&list); }
-};
 
 }  // namespace
 
@@ -79,10 +73,10 @@ void FleetSubscriber::step() {
 
 bool FleetSubscriber::hasConsumer() {
   if (connection_.generation() != generation_) {
-    subscription_.reset();
+    reader_.reset();
     jetStream_.reset();
   }
-  return subscription_ != nullptr;
+  return reader_ != nullptr;
 }
 
 bool FleetSubscriber::makeConsumer() {
@@ -104,24 +98,30 @@ bool FleetSubscriber::makeConsumer() {
   const JetStreamInfo owned(stream);
   next_ = positionIn(*stream);
 
-  jsSubOptions options;
-  jsSubOptions_Init(&options);
-  options.Stream = kFleetStream;
-  // Messages need no acknowledgement: when the connection breaks, a new consumer starts after the
-  // last message that was processed.
-  options.Config.AckPolicy = js_AckNone;
-  options.Config.DeliverPolicy = js_DeliverByStartSequence;
-  options.Config.OptStartSeq = *next_;
-  options.Config.MemoryStorage = true;
-  natsSubscription* subscription = nullptr;
-  const natsStatus status = js_PullSubscribe(&subscription, jetStream, kFleetSubjects.data(),
-                                             nullptr, nullptr, &options, &code);
-  if (status != NATS_OK) {
-    report(options_.server.url + " permits no subscription: " + natsStatus_GetText(status));
+  std::string problem;
+  if (!subscribeToAnswers(problem)) {
+    report(options_.server.url + " permits no subscription: " + problem);
     return false;
   }
-  subscription_.reset(subscription);
+  reader_ = StreamReader::make(connection_.get(), jetStream, answers_, *next_, problem);
+  if (!reader_) {
+    report(options_.server.url + " permits no subscription: " + problem);
+    return false;
+  }
   report("connected to " + options_.server.url);
+  return true;
+}
+
+// Once for each of the library's connections, which restores it.
+bool FleetSubscriber::subscribeToAnswers(std::string& problem) {
+  if (connection_.object() == object_) {
+    return true;
+  }
+  if (const natsStatus status = answers_.subscribe(connection_.get()); status != NATS_OK) {
+    problem = natsStatus_GetText(status);
+    return false;
+  }
+  object_ = connection_.object();
   return true;
 }
 
@@ -134,20 +134,14 @@ std::optional<std::uint64_t> FleetSubscriber::positionIn(const jsStreamInfo& str
 }
 
 void FleetSubscriber::fetch() {
-  MessageList received;
-  jsErrCode code{};
-  const natsStatus status = natsSubscription_Fetch(&received.list, subscription_.get(), kBatch,
-                                                   kFetchMilliseconds, &code);
   std::vector<FleetMessage> batch;
-  for (int index = 0; index < received.list.Count; ++index) {
-    take(received.list.Msgs[index], batch);
-  }
+  const bool isUsable =
+      reader_->read(kLongestWait, [this, &batch](natsMsg* received) { take(received, batch); });
   if (!batch.empty()) {
     deliver(std::move(batch));
   }
-  if (status != NATS_OK && status != NATS_TIMEOUT) {
-    // The server no longer knows the consumer, or hangs.
-    subscription_.reset();
+  if (!isUsable) {
+    reader_.reset();
     pause();
   }
 }

@@ -16,6 +16,7 @@
 #include "Companion/Fleet/FleetMessage.h"
 #include "Companion/Fleet/FleetServer.h"
 #include "Companion/Fleet/RecentIds.h"
+#include "Companion/Fleet/StreamReader.h"
 
 namespace ostravel::companion {
 
@@ -50,6 +51,7 @@ class FleetSubscriber {
   void step();
   bool hasConsumer();
   bool makeConsumer();
+  bool subscribeToAnswers(std::string& problem);
   std::optional<std::uint64_t> positionIn(const jsStreamInfo& stream);
   void fetch();
   void take(natsMsg* received, std::vector<FleetMessage>& batch);
@@ -61,11 +63,14 @@ class FleetSubscriber {
 
   asio::io_context& ioContext_;
   const Options options_;
+  // Before the connection, see StreamAnswers. For the subscriber's thread only.
+  StreamAnswers answers_;
   FleetConnection connection_;
 
   // For the subscriber's thread only.
+  std::uint64_t object_ = 0;
   JetStream jetStream_;
-  NATSSubscription subscription_;
+  std::unique_ptr<StreamReader> reader_;
   std::uint64_t generation_ = 0;
   // The position in the stream; none before its first message is known.
   std::optional<std::uint64_t> next_;

@@ -16,6 +16,8 @@ using NATSHandle = std::unique_ptr<Object, NATSRelease<Object, kDestroy>>;
 
 using NATSOptions = NATSHandle<natsOptions, natsOptions_Destroy>;
 using NATSConnection = NATSHandle<natsConnection, natsConnection_Destroy>;
+// Destroy it after its connection: libnats 3.4.1 uses subscriptions without holding on to them
+// while it handles a message that has just arrived.
 using NATSSubscription = NATSHandle<natsSubscription, natsSubscription_Destroy>;
 using NATSMessage = NATSHandle<natsMsg, natsMsg_Destroy>;
 using NATSInbox = NATSHandle<natsInbox, natsInbox_Destroy>;

@@ -104,6 +104,9 @@ ChildProcess::~ChildProcess() {
     ::waitpid(process_, nullptr, 0);
   }
   closeOutput();
+  if (discarding_.joinable()) {
+    discarding_.join();
+  }
   ::close(error_.descriptor);
 }
 
@@ -114,8 +117,24 @@ void ChildProcess::closeOutput() {
   }
 }
 
+void ChildProcess::discardError() {
+  discarding_ = std::thread([descriptor = error_.descriptor] {
+    std::array<char, 4096> bytes{};
+    while (::read(descriptor, bytes.data(), bytes.size()) > 0) {
+    }
+  });
+}
+
 void ChildProcess::sendSignal(int number) const {
   ::kill(process_, number);
+}
+
+void ChildProcess::suspend() const {
+  sendSignal(SIGSTOP);
+  siginfo_t state{};
+  if (::waitid(P_PID, static_cast<id_t>(process_), &state, WSTOPPED) != 0) {
+    throw std::runtime_error("a child process cannot be stopped");
+  }
 }
 
 void ChildProcess::waitForOutput() const {

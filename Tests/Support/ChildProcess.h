@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace ostravel::testing {
@@ -36,8 +37,13 @@ class ChildProcess {
   // Waits until there is some output, and leaves it unread.
   void waitForOutput() const;
   void closeOutput();
+  // Reads and discards the rest of standard error from now on, so that a program that writes much
+  // never waits for a reader.
+  void discardError();
 
   void sendSignal(int number) const;
+  // Stops it (SIGSTOP), and returns when all of its threads have stopped.
+  void suspend() const;
   // The exit status, or 128 and the number of the signal that ended it.
   int waitForExit();
   // The processor time that it has used so far, in clock ticks.
@@ -56,6 +62,7 @@ class ChildProcess {
   pid_t process_ = -1;
   Stream output_;
   Stream error_;
+  std::thread discarding_;
 };
 
 }  // namespace ostravel::testing

@@ -3,13 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <future>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "Tests/Companion/Fleet/FleetReceiver.h"
 #include "Tests/Companion/Fleet/FleetSamples.h"
@@ -139,17 +144,107 @@ TEST_F(FleetPublisherTest, LosesNothingWhenTheServerIsKilledUnderLoad) {
   EXPECT_EQ(publisher_->counts().dropped, 0U);
 }
 
+// The machines of a fleet. Each publisher has a connection, a thread and a spool, as a machine's
+// has, and sends the events of ten machines: three threads more for each of a thousand connections
+// would test the scheduler.
+class FleetOfMachines {
+ public:
+  static constexpr int kPublishers = 100;
+  static constexpr int kMachines = 1000;
+
+  explicit FleetOfMachines(std::function<FleetPublisher::Options(int number)> options)
+      : options_(std::move(options)), publishers_(kPublishers) {
+    for (int number = 0; number < kPublishers; ++number) {
+      restart(number);
+    }
+  }
+
+  // The monitor of its machines ends, and starts again with the same spool.
+  void restart(int number) {
+    auto& publisher = publishers_[static_cast<std::size_t>(number)];
+    publisher.reset();
+    publisher = std::make_unique<FleetPublisher>(options_(number));
+  }
+
+  // One event of each machine.
+  void publish(int number) {
+    for (int machine = 0; machine < kMachines; ++machine) {
+      const FleetMessage message = messageNumber(number, "machine-" + std::to_string(machine));
+      publishers_[static_cast<std::size_t>(machine % kPublishers)]->publish(message);
+      sent_.emplace(message.id, message);
+    }
+  }
+
+  // By identifier.
+  const std::map<std::string, FleetMessage>& sent() const { return sent_; }
+
+  FleetPublisher::Counts counts() const {
+    FleetPublisher::Counts sum;
+    for (const auto& publisher : publishers_) {
+      const FleetPublisher::Counts counts = publisher->counts();
+      sum.waiting += counts.waiting;
+      sum.dropped += counts.dropped;
+    }
+    return sum;
+  }
+
+ private:
+  const std::function<FleetPublisher::Options(int number)> options_;
+  std::vector<std::unique_ptr<FleetPublisher>> publishers_;
+  std::map<std::string, FleetMessage> sent_;
+};
+
+TEST_F(FleetPublisherTest, StoresOnceWhatAThousandMachinesSendDuringKills) {
+  server_.start();
+  FleetOfMachines fleet([this](int number) {
+    return FleetPublisher::Options{.server = {.url = server_.url()},
+                                   .folder = folder_.path("spool" + std::to_string(number))};
+  });
+  constexpr int kRounds = 2;
+  constexpr int kInRound = 4;
+  for (int round = 0; round < kRounds; ++round) {
+    std::thread load([&fleet, round] {
+      for (int number = 1; number <= kInRound; ++number) {
+        fleet.publish(round * kInRound + number);
+      }
+    });
+    // In the middle: some are stored, some are in flight.
+    const std::size_t before =
+        static_cast<std::size_t>(round) * kInRound * FleetOfMachines::kMachines;
+    FleetReceiver(server_.url()).waitFor(before + FleetOfMachines::kMachines / 2);
+    server_.kill();
+    load.join();
+    for (int number = round; number < FleetOfMachines::kPublishers; number += 10) {
+      fleet.restart(number);
+    }
+    server_.start();
+    while (fleet.counts().waiting > 0) {
+      std::this_thread::sleep_for(2ms);
+    }
+  }
+  EXPECT_EQ(fleet.counts().dropped, 0U);
+  // Each is there, and none twice, because there are no more.
+  FleetReceiver receiver(server_.url());
+  receiver.waitFor(fleet.sent().size());
+  std::map<std::string, FleetMessage> received;
+  for (const FleetMessage& message : receiver.messages()) {
+    received.emplace(message.id, message);
+  }
+  EXPECT_EQ(received, fleet.sent());
+  EXPECT_EQ(server_.storedMessages(), fleet.sent().size());
+}
+
 TEST_F(FleetPublisherTest, ResendsWhatAHungServerDoesNotAcknowledge) {
   server_.start();
   startPublisher();
   publish(1, 10);
   waitUntilAcknowledged();
-  server_.signal(SIGSTOP);
+  server_.suspend();
   publish(11, 3000);
   // More than once.
   std::this_thread::sleep_for(1s);
   EXPECT_GT(publisher_->counts().waiting, 0U);
-  server_.signal(SIGCONT);
+  server_.resume();
   waitUntilAcknowledged();
   expectStored(3000);
 }
@@ -166,6 +261,40 @@ TEST_F(FleetPublisherTest, DropsAndCountsWhatTheServerNeverAccepts) {
   EXPECT_EQ(publisher_->counts().dropped, 1U);
   EXPECT_EQ(server_.storedMessages(), 1U);
   reports_.waitFor("events dropped: 1");
+}
+
+// As while the disk hangs.
+TEST_F(FleetPublisherTest, DropsAndCountsWhatItsStuckThreadCannotTake) {
+  server_.choosePort();
+  std::promise<void> isStuck;
+  std::promise<void> mayContinue;
+  FleetPublisher::Options options = this->options();
+  options.report = [&, isFirst = true](const std::string& text) mutable {
+    reports_.add(text);
+    if (std::exchange(isFirst, false)) {
+      isStuck.set_value();
+      mayContinue.get_future().wait();
+    }
+  };
+  publisher_ = std::make_unique<FleetPublisher>(options);
+  isStuck.get_future().wait();
+  // 16 MiB, of which a message needs slightly more than its text.
+  constexpr std::size_t kTaken = 15;
+  constexpr std::size_t kFurther = 5;
+  for (std::size_t number = 0; number < kTaken + kFurther; ++number) {
+    FleetMessage message = messageNumber(static_cast<int>(number));
+    message.json = std::string(std::size_t{1024} * 1024, 'x');
+    publisher_->publish(message);
+  }
+  const auto expectCounts = [&] {
+    EXPECT_EQ(publisher_->counts().waiting, kTaken);
+    EXPECT_EQ(publisher_->counts().dropped, kFurther);
+  };
+  expectCounts();
+  mayContinue.set_value();
+  reports_.waitFor("events dropped: 5");
+  expectCounts();
+  publisher_.reset();
 }
 
 TEST_F(FleetPublisherTest, ReportsAServerWithoutJetStream) {

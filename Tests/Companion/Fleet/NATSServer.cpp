@@ -31,6 +31,7 @@ void NATSServer::startWith(const std::vector<std::string>& arguments) {
       port_ = line.substr(at + kAddress.size());
     }
   } while (line.find("Server is ready") == std::string::npos);
+  server_->discardError();
 }
 
 void NATSServer::kill() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,7 +20,9 @@ class NATSServer {
   void startWithoutJetStream();
   // As a crash would.
   void kill();
-  void signal(int number) const { server_->sendSignal(number); }
+  // It answers nothing until it goes on.
+  void suspend() const { server_->suspend(); }
+  void resume() const { server_->sendSignal(SIGCONT); }
 
   // Of the server that runs or ran last.
   std::string url() const { return "nats://127.0.0.1:" + port_; }
