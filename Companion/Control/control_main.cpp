@@ -11,9 +11,10 @@
 #include <variant>
 #include <vector>
 
-#include "Base/ParseNumber.h"
+#include "Base/PrintableText.h"
 #include "Companion/Control/AnswerText.h"
 #include "Companion/Control/ControlOutput.h"
+#include "Companion/Control/ExplainSubject.h"
 #include "Companion/Control/FlowList.h"
 #include "Companion/Control/TopScreen.h"
 #include "Companion/Shared/CommandLine.h"
@@ -24,8 +25,6 @@ namespace {
 
 using namespace ostravel;
 using namespace ostravel::companion;
-
-constexpr std::string_view kAfterScheme = "://";
 
 // Sends one request and prints the answer, as text or as JSON. text: formats it.
 template <typename Text>
@@ -68,58 +67,13 @@ int reload(const ControlClient& client, bool asJSON) {
                                                                                 : kExitNo;
 }
 
-// HOST, HOST:PORT, [IPv6], [IPv6]:PORT, or an IPv6 address without brackets.
-void addDestination(json_t* request, std::string_view subject) {
-  std::string_view host = subject;
-  std::optional<unsigned> port;
-  const auto colon = subject.rfind(':');
-  const bool isBracketed = subject.starts_with('[');
-  const bool hasPort = colon != std::string_view::npos &&
-                       (isBracketed ? subject[colon - 1] == ']' : subject.find(':') == colon);
-  if (hasPort) {
-    port = parseNumber<unsigned>(subject.substr(colon + 1));
-    host = subject.substr(0, colon);
-  }
-  if (host.starts_with('[') && host.ends_with(']')) {
-    host = host.substr(1, host.size() - 2);
-  }
-  json_object_set_new(request, "host", json_stringn(host.data(), host.size()));
-  if (hasPort) {
-    // The extension rejects an invalid port with a reason.
-    json_object_set_new(request, "port", json_integer(port.value_or(0)));
-  }
-}
-
-// The destination of a URL (RFC 3986), as people copy it from a browser.
-void addDestinationOfURL(json_t* request, std::string_view url, std::size_t schemeSize) {
-  const std::string_view scheme = url.substr(0, schemeSize);
-  std::string_view authority = url.substr(schemeSize + kAfterScheme.size());
-  authority = authority.substr(0, authority.find_first_of("/?#"));
-  // Without a user this begins at npos + 1, which is 0.
-  authority = authority.substr(authority.rfind('@') + 1);
-  // Replaced by the port in the URL, if there is one.
-  json_object_set_new(request, "port", json_integer(scheme == "http" ? 80 : 443));
-  addDestination(request, authority);
-}
-
-void addSubject(json_t* request, const std::string& subject) {
-  if (const auto schemeSize = subject.find(kAfterScheme); schemeSize != std::string::npos) {
-    addDestinationOfURL(request, subject, schemeSize);
-  } else if (const auto pid = parseNumber<int>(subject)) {
-    json_object_set_new(request, "pid", json_integer(*pid));
-  } else if (subject.find('/') != std::string::npos) {
-    const std::string path = std::filesystem::absolute(subject).lexically_normal();
-    json_object_set_new(request, "path", json_stringn(path.data(), path.size()));
-  } else {
-    addDestination(request, subject);
-  }
-}
-
-int explain(const ControlClient& client, const std::vector<std::string>& subjects, bool isUDP,
-            bool asJSON) {
+int explain(const CLI::App& app, const ControlClient& client,
+            const std::vector<std::string>& subjects, bool isUDP, bool asJSON) {
   const JSONHandle request = makeRequest("explain");
   for (const std::string& subject : subjects) {
-    addSubject(request.get(), subject);
+    if (!addExplainSubject(request.get(), subject)) {
+      return failUsage(app, "not a process number, a path or a host: " + printableText(subject));
+    }
   }
   if (isUDP) {
     json_object_set_new(request.get(), "protocol", json_string("udp"));
@@ -195,7 +149,7 @@ int run(int argc, char** argv) {
     return asJSON ? screen.print() : screen.run();
   }
   if (explained->parsed()) {
-    return explain(client, subjects, isUDP, asJSON);
+    return explain(app, client, subjects, isUDP, asJSON);
   }
   if (reloaded->parsed()) {
     return reload(client, asJSON);

@@ -32,6 +32,16 @@ std::string causeText(const Outage& outage) {
                          : "It broke connections off or answered nonsense.";
 }
 
+std::string recoveriesText(const Outage& outage) {
+  if (outage.recoveries == 0) {
+    return "";
+  }
+  const std::string length = durationText(outage.recoveredSeconds);
+  return outage.recoveries == 1 ? " In between it recovered for " + length + "."
+                                : " In between it recovered " + std::to_string(outage.recoveries) +
+                                      " times, for " + length + " in all.";
+}
+
 // Most affected applications first.
 std::string applicationsText(const Outage& outage) {
   std::vector<std::pair<std::string, std::uint64_t>> sorted(outage.applications.begin(),
@@ -164,6 +174,12 @@ void OutageLog::countDirect(std::uint64_t flows) {
   }
 }
 
+void OutageLog::addDirect(const std::string& application) {
+  if (Lasting* const lasting = find("")) {
+    countApplication(lasting->outage, application);
+  }
+}
+
 void OutageLog::tick(double now) {
   for (auto each = lasting_.begin(); each != lasting_.end();) {
     Lasting& lasting = each->second;
@@ -226,6 +242,11 @@ OutageLog::Lasting* OutageLog::current(const std::string& host, double begin, do
   lasting->outage.begin = std::min(lasting->outage.begin, begin);
   lasting->lastTrouble = std::max(lasting->lastTrouble, now);
   if (lasting->answeredAt && *lasting->answeredAt < now) {
+    // Otherwise it answered one flow while another one already waited.
+    if (begin > *lasting->answeredAt) {
+      ++lasting->outage.recoveries;
+      lasting->outage.recoveredSeconds += begin - *lasting->answeredAt;
+    }
     lasting->answeredAt.reset();
   }
   return lasting;
@@ -255,7 +276,7 @@ std::string outageKind(const Outage& outage) {
 }
 
 std::string outageText(const Outage& outage) {
-  return causeText(outage) + consequencesText(outage, "");
+  return causeText(outage) + recoveriesText(outage) + consequencesText(outage, "");
 }
 
 std::string outageLine(const Outage& outage, TimeStyle time) {
@@ -273,6 +294,7 @@ std::string outageLine(const Outage& outage, TimeStyle time) {
   const std::string applications = applicationsText(outage);
   return "The proxy " + what + " from " + begin + " to " + timeText(*outage.end, time) + " (" +
          durationText(*outage.end - outage.begin) + "). " + causeText(outage) +
+         recoveriesText(outage) +
          consequencesText(outage, applications.empty() ? "" : ": " + applications);
 }
 

@@ -27,8 +27,11 @@ struct Outage {
   std::uint64_t invalid = 0;    // flows with an invalid answer
   std::uint64_t reset = 0;      // tunnels that ended with an error meanwhile
   std::uint64_t atOnce = 0;     // flows that went direct without waiting for it, as far as known
-  // The flows above by application, except those that went direct at once. Bounded: further ones
-  // are counted under "others".
+  // Times that it answered in between, and for how long in all.
+  std::uint64_t recoveries = 0;
+  double recoveredSeconds = 0;
+  // The flows above by application; of those that went direct at once only the ones whose
+  // application is known. Bounded: further ones are counted under "others".
   std::map<std::string, std::uint64_t> applications;
 
   // Flows that waited for the proxy and then went direct.
@@ -40,8 +43,9 @@ struct Outage {
 // outage begins with the start of the first flow that receives no answer, or when the proxy becomes
 // unreachable. It ends with the proxy's first answer after the last failure, or when the proxy is
 // reachable again, which is certain once nothing has failed for kQuietSeconds. A hung proxy is
-// rarely tried, so silence proves nothing. A refusal is the proxy's decision and not a failure.
-// Each machine of a fleet has its own outages. Used by one thread at a time.
+// rarely tried, so silence proves nothing. Shorter recoveries are counted. A refusal is the proxy's
+// decision and not a failure. Each machine of a fleet has its own outages. Used by one thread at a
+// time.
 class OutageLog {
  public:
   static constexpr double kQuietSeconds = 10.0;
@@ -62,6 +66,8 @@ class OutageLog {
 
   // Flows of this machine that were left to the system because of the proxy.
   void countDirect(std::uint64_t flows);
+  // One of these flows, whose application is known.
+  void addDirect(const std::string& application);
 
   // Ends an outage when its quiet time is over. Call it periodically.
   void tick(double now);

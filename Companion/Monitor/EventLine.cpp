@@ -188,7 +188,7 @@ Columns describe(const ReceivedEvent& event, const FlowRecord* flow, TimeStyle t
   return columns;
 }
 
-// Which columns there are, and how wide.
+// The columns of a line, and their widths.
 struct Layout {
   bool hasLevel = true;
   bool hasId = true;

@@ -9,7 +9,7 @@ namespace ostravel::companion {
 // Lines of columns for a terminal. Every code point counts as one column, also invalid bytes:
 // identifiers and destinations are mostly ASCII.
 
-// Where columns end that keep usual applications and destinations aligned.
+// Wide enough for most applications and destinations, so that the columns stay aligned.
 inline constexpr std::size_t kApplicationWidth = 26;
 inline constexpr std::size_t kDestinationWidth = 22;
 // Narrower terminals show applications by their last path component, and times of day without the

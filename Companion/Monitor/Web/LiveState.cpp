@@ -156,6 +156,15 @@ JSONHandle objectOf(const Outage& outage) {
   return result;
 }
 
+// Why flows go direct although the proxy should carry them.
+constexpr std::array kReasonsOfProxy = {"gate_closed", "on_trial", "handshake_share"};
+
+bool isDirectForProxy(const json_t* decision) {
+  const std::string reason = textOf(json_object_get(decision, "reason"));
+  return textOf(json_object_get(decision, "action")) == "direct" &&
+         std::find(kReasonsOfProxy.begin(), kReasonsOfProxy.end(), reason) != kReasonsOfProxy.end();
+}
+
 }  // namespace
 
 void LiveState::receive(const ReceivedEvent& event) {
@@ -236,7 +245,7 @@ void LiveState::countDirect() {
     return;
   }
   std::uint64_t direct = 0;
-  for (const char* const reason : {"gate_closed", "on_trial", "handshake_share"}) {
+  for (const char* const reason : kReasonsOfProxy) {
     direct += countOf(member(status_.get(), {"flows", "direct_by_reason", reason}));
   }
   // A new process counts from the beginning.
@@ -251,9 +260,14 @@ void LiveState::addDecisions(const json_t* decisions) {
   std::size_t index = 0;
   const json_t* decision = nullptr;
   json_array_foreach(decisions, index, decision) {
-    Decision& known = decisions_[countOf(json_object_get(decision, "sequence"))];
-    known.row = rowOfDecision(decision);
-    known.revision = ++decisionRevision_;
+    const auto [known, isNew] =
+        decisions_.try_emplace(countOf(json_object_get(decision, "sequence")));
+    known->second.row = rowOfDecision(decision);
+    known->second.revision = ++decisionRevision_;
+    const std::string application = textOf(json_object_get(decision, "application"));
+    if (isNew && !application.empty() && isDirectForProxy(decision)) {
+      outages_.addDirect(application);
+    }
   }
   while (decisions_.size() > kMostDecisions) {
     decisions_.erase(decisions_.begin());

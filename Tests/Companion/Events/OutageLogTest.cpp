@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -141,6 +142,31 @@ TEST_F(OutageLogTest, EndsWithTheFirstAnswerAfterTheLastFailure) {
   EXPECT_EQ(last().end, kNoon + 12.0);
 }
 
+TEST_F(OutageLogTest, CountsRecoveriesThatDidNotLast) {
+  timeOut("a", 0.0, "curl");
+  answer("b", 6.0);
+  timeOut("c", 8.0, "curl");
+  timeOut("d", 8.5, "curl");
+  EXPECT_EQ(outages_.outages().size(), 1U);
+  EXPECT_EQ(outageText(last()),
+            "It accepted connections but did not answer. In between it recovered for 2.00 s. 3 "
+            "connections waited for it and then went direct. No connection was lost.");
+  outages_.setReachable("", false, kNoon + 14.0);
+  outages_.setReachable("", true, kNoon + 15.0);
+  outages_.setReachable("", false, kNoon + 16.5);
+  EXPECT_NE(outageText(last()).find("In between it recovered 2 times, for 3.50 s in all."),
+            std::string::npos);
+}
+
+TEST_F(OutageLogTest, DoesNotCallASingleAnswerARecovery) {
+  apply(started("waiting", 0.0));
+  answer("lucky", 2.0);
+  timeOut("a", 1.0, "curl");
+  answer("lucky too", 7.0);
+  apply(timedOut("waiting", 8.0));
+  EXPECT_EQ(last().recoveries, 0U);
+}
+
 TEST_F(OutageLogTest, CountsTunnelsThatEndedBeforeTheProbe) {
   for (const char* const id : {"long ago", "open"}) {
     apply(started(id, 0.0));
@@ -162,6 +188,15 @@ TEST_F(OutageLogTest, CountsFlowsThatWentDirectAtOnce) {
   EXPECT_EQ(outageText(last()),
             "It accepted connections but did not answer. 1 connection waited for it and then went "
             "direct. 2 others went direct at once. No connection was lost.");
+}
+
+TEST_F(OutageLogTest, NamesApplicationsThatWentDirectAtOnce) {
+  outages_.addDirect("before");
+  timeOut("a", 0.0, "curl");
+  outages_.addDirect("wget");
+  outages_.addDirect("curl");
+  EXPECT_EQ(last().applications,
+            (std::map<std::string, std::uint64_t>{{"curl", 2U}, {"wget", 1U}}));
 }
 
 TEST_F(OutageLogTest, KeepsTheMachinesOfAFleetApart) {
@@ -210,6 +245,26 @@ TEST_F(OutageLogTest, WritesALineForEachKindOfOutage) {
             "The proxy could not be reached from 2025-11-16T12:00:00.000Z to "
             "2025-11-16T12:01:00.000Z (60.0 s). It did not accept connections. New connections "
             "went direct at once. Lost: 2 open tunnels ended with an error: \\x1b[2J (2).");
+}
+
+TEST_F(OutageLogTest, BoundsTheMachinesWhoseProxyFails) {
+  constexpr std::size_t kFurther = 5;
+  for (std::size_t number = 0; number < OutageLog::kMostLasting + kFurther; ++number) {
+    outages_.setReachable("machine-" + std::to_string(number), false, kNoon);
+  }
+  EXPECT_EQ(outages_.lastingCount(), OutageLog::kMostLasting);
+  EXPECT_EQ(outages_.total(), OutageLog::kMostLasting + kFurther);
+}
+
+TEST_F(OutageLogTest, BoundsTheTunnelsThatMayBeItsConsequence) {
+  for (int number = 0; number < 1500; ++number) {
+    const std::string id = std::to_string(number);
+    apply(started(id, 0.0));
+    apply(succeeded(id, 0.1));
+    apply(closedWithError(id, 1.0));
+  }
+  outages_.setReachable("", false, kNoon + 1.5);
+  EXPECT_EQ(last().reset, 1000U);
 }
 
 TEST_F(OutageLogTest, IsBounded) {

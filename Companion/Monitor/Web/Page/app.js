@@ -106,7 +106,7 @@
       refused && `${refused.toLocaleString('en')} refused by the proxy`,
       (invalid_answer + reset) && `${(invalid_answer + reset).toLocaleString('en')} ended with an error`,
     ].filter(Boolean);
-    const parts = [`${counted(counts.flows, 'flow')}${what.length ? `: ${what.join(', ')}` : ', none failed'}.`];
+    const parts = [`${counted(counts.flows, 'flow')} to the proxy${what.length ? `: ${what.join(', ')}` : ', none failed'}.`];
     if (outages.length) parts.push(counts.lost ? `Outages cost ${counted(counts.lost, 'connection')}.` : 'No connection was lost by an outage.');
     const events = counts.lost_events + counts.malformed;
     parts.push(events ? `${counted(events, 'event')} lost: not everything is shown.`
@@ -530,6 +530,9 @@
 
   // ---- From the monitor
 
+  // In milliseconds. It sends something every second; a connection may be lost without a notice.
+  const LONGEST_SILENCE = 15000;
+
   const complain = (text) => {
     $('connection').textContent = text;
     $('connection').hidden = !text;
@@ -537,7 +540,7 @@
 
   const start = async () => {
     try {
-      const answer = await fetch(api('/api/state'));
+      const answer = await fetch(api('/api/state'), {signal: AbortSignal.timeout(LONGEST_SILENCE)});
       if (answer.status === 401) {
         complain('This address has no valid token. Open the one that ostravel-monitor has printed.');
         return;
@@ -557,12 +560,20 @@
 
   const follow = () => {
     const stream = new EventSource(api('/api/updates', `&after=${cursor}`));
-    stream.onmessage = (event) => { complain(''); take(JSON.parse(event.data)); };
-    stream.onerror = () => {
+    let silence;
+    const restart = () => {
+      clearTimeout(silence);
       stream.close();
       complain('The monitor has gone; trying again.');
       setTimeout(start, 2000);
     };
+    const heard = () => {
+      clearTimeout(silence);
+      silence = setTimeout(restart, LONGEST_SILENCE);
+    };
+    heard();
+    stream.onmessage = (event) => { heard(); complain(''); take(JSON.parse(event.data)); };
+    stream.onerror = restart;
   };
 
   buildCharts();

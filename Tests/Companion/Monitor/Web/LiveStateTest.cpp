@@ -203,6 +203,44 @@ TEST_F(LiveStateTest, ShowsDecisionsAsRows) {
   EXPECT_EQ(value(2, "outcome"), "UDP refused");
 }
 
+TEST_F(LiveStateTest, CountsWhatWentDirectBecauseOfTheProxyAsHit) {
+  state_.receive(started("a", 2.0));
+  state_.receive(timedOut("a", 7.0));
+  const std::string direct =
+      R"("time":5,"protocol":"tcp","destination":"h:1","action":"direct","outcome":"direct",)";
+  const JSONHandle decisions =
+      parse("[{" + direct + R"("sequence":1,"application":"wget","reason":"on_trial"},{)" + direct +
+            R"("sequence":2,"application":"vpn","reason":"exempt_application"},{)" + direct +
+            R"("sequence":3,"application":"","reason":"handshake_share"}])");
+  state_.addDecisions(decisions.get());
+  // What is reported again is the same flow.
+  state_.addDecisions(decisions.get());
+  const JSONHandle whole = parse(state_.whole().json);
+  const json_t* const outage = json_array_get(json_object_get(whole.get(), "outages"), 0);
+  const json_t* const hit = json_object_get(outage, "applications");
+  EXPECT_EQ(json_integer_value(json_object_get(hit, "wget")), 1);
+  EXPECT_EQ(json_object_get(hit, "vpn"), nullptr);
+}
+
+TEST_F(LiveStateTest, KeepsTheLastDecisions) {
+  std::uint64_t sequence = 0;
+  for (int answer = 0; answer < 3; ++answer) {
+    std::string json;
+    for (int decision = 0; decision < 1000; ++decision) {
+      json += std::string(json.empty() ? "[" : ",") +
+              "{\"sequence\":" + std::to_string(++sequence) +
+              R"(,"time":1,"protocol":"tcp","application":"a","destination":"h:1",)"
+              R"("action":"direct","reason":"exempt_application","outcome":"direct"})";
+    }
+    state_.addDecisions(parse(json + "]").get());
+  }
+  const std::string whole = state_.whole().json;
+  EXPECT_EQ(json_array_size(json_object_get(parse(whole).get(), "flows")),
+            LiveState::kMostDecisions);
+  EXPECT_EQ(whole.find("\"#1000\""), std::string::npos);
+  EXPECT_NE(whole.find("\"#1001\""), std::string::npos);
+}
+
 TEST_F(LiveStateTest, MeasuresThroughputBetweenAnswers) {
   const auto answer = [this](double now, int sent) {
     const JSONHandle status(json_pack("{s:{s:f}, s:{s:i, s:i, s:i}}", "program", "now", now,

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -128,6 +129,33 @@ TEST_F(WebServerTest, LimitsTheNumberOfOpenPages) {
     pages.back().receiveThrough("\r\n\r\n");
   }
   EXPECT_EQ(statusOf(get("/api/updates" + query_ + "&after=0,0,0")), "503");
+  EXPECT_EQ(statusOf(get("/metrics" + query_)), "200");
+}
+
+TEST_F(WebServerTest, GivesUpClientsThatSendNothing) {
+  std::vector<TestSocket> silent;
+  for (std::size_t count = 0; count < WebServer::kMostConnections; ++count) {
+    silent.push_back(TestSocket::connectTcp(port()));
+  }
+  // After a few seconds.
+  EXPECT_EQ(statusOf(get("/metrics" + query_)), "200");
+}
+
+TEST_F(WebServerTest, APageThatReadsNothingDelaysNoOther) {
+  const TestSocket stalled = request("/api/updates" + query_ + "&after=0,0,0");
+  const TestSocket page = request("/api/updates" + query_ + "&after=0,0,0");
+  // More than the kernel keeps for a reader.
+  for (int round = 0; round < 6; ++round) {
+    for (std::size_t flow = 0; flow < LiveState::kMostChanges; ++flow) {
+      state_.receive(started(std::to_string(round) + "-" + std::to_string(flow), 0.0,
+                             std::string(500, 'h') + ":443"));
+    }
+    state_.tick(kNoon + round);
+    const std::string last =
+        "\"" + std::to_string(round) + "-" + std::to_string(LiveState::kMostChanges - 1) + "\"";
+    while (page.receiveThrough("\n\n").find(last) == std::string::npos) {
+    }
+  }
   EXPECT_EQ(statusOf(get("/metrics" + query_)), "200");
 }
 
