@@ -44,6 +44,14 @@ EXPOSURES = {
     "RootDirectoryOrRootImage",
     "SystemCallFilter_privileged",
 }
+# The longest pause is a minute.
+RESTARTED_WITH_PAUSES = (
+    "Restart=on-failure\n", "RestartSec=100ms\n", "TimeoutStartSec=90s\n",
+    "RuntimeDirectory=%p-restarts\n", "RuntimeDirectoryPreserve=restart\n",
+    "ExecStartPre=-/usr/libexec/ostravel/restart-pause wait\n",
+    "ExecStopPost=-/usr/libexec/ostravel/restart-pause ended\n")
+# Pauses would delay the start of the extension, which waits for it.
+STARTED_BY_QUESTIONS = ("Restart=no\n", "Requires=ostravel-inspector.socket\n")
 FAILURES = []
 
 
@@ -75,9 +83,10 @@ def check_units(folder):
         exposure = float(found.group(1)) if found else 10.0
         expect(exposure <= most, f"{unit.name}: the exposure is {exposure}, not at most {most}")
         text = unit.read_text()
-        for setting in ("Type=notify", "WatchdogSec=", "Restart=on-failure", "RestartSec=",
-                        "NoNewPrivileges=yes", "SystemCallFilter=", "ExecStart=/usr/bin/"):
-            expect(setting in text, f"{unit.name}: {setting} is missing")
+        restart = STARTED_BY_QUESTIONS if name == "ostravel-inspector" else RESTARTED_WITH_PAUSES
+        for setting in ("Type=notify", "WatchdogSec=", "NoNewPrivileges=yes", "SystemCallFilter=",
+                        "ExecStart=/usr/bin/", "StartLimitIntervalSec=0\n", *restart):
+            expect(f"\n{setting}" in text, f"{unit.name}: {setting} is missing")
         user = re.search(r"^User=(.*)$", text, re.MULTILINE)
         expect(user and user.group(1) == name, f"{unit.name}: has no user of its own")
         users = (folder / "ostravel.sysusers").read_text()
@@ -97,7 +106,8 @@ def check_inspector(folder):
     """Who asks and who is asked agree on the socket, which is nobody else's."""
     socket = (folder / "ostravel-inspector.socket").read_text()
     path = re.search(r"^ListenSequentialPacket=(.*)$", socket, re.MULTILINE).group(1)
-    for setting in ("SocketUser=ostravel", "SocketMode=0600"):
+    for setting in ("SocketUser=ostravel", "SocketMode=0600", "FlushPending=yes",
+                    "TriggerLimitIntervalSec=0"):
         expect(f"\n{setting}\n" in socket, f"ostravel-inspector.socket: {setting} is missing")
     extension = (folder / "ostravel.service").read_text()
     expect(f"--inspector {path}\n" in extension, "ostravel.service: asks on another socket")

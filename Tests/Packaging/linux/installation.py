@@ -24,12 +24,15 @@ BASE = ROOT / "build/package/debian"
 MIRROR = "http://deb.debian.org/debian"
 PACKAGES = "systemd,systemd-sysv,dbus,nftables,curl,iproute2"
 # With which applications are started.
-STARTERS = ("crun", "dbus-user-session", "flatpak", "libpam-systemd", "podman")
+STARTERS = ("crun", "dbus-user-session", "flatpak", "fuse3", "libpam-systemd", "podman", "squashfs-tools",
+            "squashfuse")
 GENEROUS_SECONDS = 90
 HERE, THERE = "198.51.100.1", "198.51.100.10"
 UNITS = ("ostravel", "ostravel-sidecar", "ostravel-monitor")
 INSPECTOR = "ostravel-inspector"
 PROGRAMS = ("ostravel-extension", "ostravel-inspector", "ostravel-sidecar", "ostravel-monitor", "ostravelctl")
+# Follows on several failures in a row.
+LONGEST_PAUSE = 60
 # The only complaint of the service: here /proc shows other process numbers than the kernel records.
 COMPLAINT = "processes are not seen under the numbers that /proc shows"
 
@@ -51,6 +54,8 @@ for name in null zero full random urandom tty; do
   touch "dev/$name"
   mount --bind "/dev/$name" "dev/$name"
 done
+# Everybody may use it, as after a start with udev.
+mknod -m 666 dev/fuse c 10 229
 mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts
 mount -t tmpfs -o mode=755 tmpfs run
 ip link set lo up
@@ -89,7 +94,62 @@ END
 flatpak build-export --runtime /srv/repository /srv/runtime 1
 flatpak build-export /srv/repository /srv/application
 useradd --create-home --uid 1000 alice
+# An AppImage is a program that mounts the image after it, and runs what is in there.
+image=/home/alice/Painter-2.1.AppImage
+mkdir /srv/image
+cp /usr/bin/curl /srv/image/AppRun
+mksquashfs /srv/image /srv/painter.squashfs -quiet -no-progress
+cat >$image <<'END'
+#!/bin/sh
+name=${0##*/}
+folder=$(mktemp -d "/tmp/.mount_${name%%-*}XXXXXX")
+squashfuse -o "ro,nodev,nosuid,offset=4096,fsname=$name,subtype=$name" "$0" "$folder"
+APPIMAGE=$0 APPDIR=$folder "$folder/AppRun" "$@"
+status=$?
+fusermount3 -u "$folder"
+rmdir "$folder"
+exit $status
+END
+truncate -s 4096 $image
+cat /srv/painter.squashfs >>$image
+chmod 755 $image
 systemctl start user@1000
+"""
+
+# Installs snapd from the packages that make_base has fetched, and makes of curl a snap that uses no
+# other one from a server: of /srv/files a base, and of snapd's own files the snap that it requires.
+MAKE_SNAP = r"""
+set -e
+echo SNAP_REEXEC=0 >>/etc/environment
+apt-get install -qq --no-install-recommends --no-download snapd
+mkdir -p /srv/snaps/{base,snapd,chat}/meta /srv/snaps/chat/bin
+cp -a /srv/files/. /srv/snaps/base
+# Where the sandbox mounts what is the machine's.
+(cd /srv/snaps/base && mkdir -p bin home lib/firmware lib/modules media mnt opt root run/netns sbin snap srv   usr/lib/snapd usr/local/share usr/src var/lib/snapd var/log var/snap var/tmp etc/alternatives etc/ssl)
+touch /srv/snaps/base/etc/nsswitch.conf
+cp -a --parents /usr/lib/snapd /usr/bin/snap /lib/systemd/system/snapd.* /srv/snaps/snapd
+cp /usr/bin/curl /srv/snaps/chat/bin
+describe() {
+  printf '%s\n' "name: $1" "type: $2" "version: '1'" 'summary: A fixture' 'description: A fixture'
+}
+describe ours base >/srv/snaps/base/meta/snap.yaml
+describe snapd snapd >/srv/snaps/snapd/meta/snap.yaml
+cat >/srv/snaps/chat/meta/snap.yaml <<END
+$(describe chat app)
+base: ours
+confinement: strict
+apps:
+  chat:
+    command: bin/curl
+    plugs: [network]
+END
+cd /srv
+for each in base snapd chat; do
+  snap pack snaps/$each .
+done
+for each in ours snapd chat; do
+  snap install --dangerous ${each}_1_all.snap
+done
 """
 
 # Reports its peer, as the origin of each connection.
@@ -126,6 +186,20 @@ def say(text):
     print(f"ok  {text}", flush=True)
 
 
+def dependencies_of(package):
+    depends = run("dpkg-deb", "-f", package, "Depends")
+    return [re.split(r"[ |(]", part.strip())[0] for part in depends.split(",")]
+
+
+def check_readme(package):
+    """It lists the libraries that the package depends on, except those that every Debian has."""
+    text = (ROOT / "README.md").read_text()
+    (listed,) = re.findall(r"To run what has been built elsewhere: ([^;]*);", text)
+    needed = set(dependencies_of(package)) - {"libc6", "libgcc-s1", "libtinfo6", "systemd"}
+    assert set(re.split(r",\s+", listed)) == needed, needed
+    say("the README lists the libraries that are needed")
+
+
 def make_base(package):
     """A Debian with everything that the package depends on, but without it."""
     if not BASE.exists():
@@ -134,11 +208,13 @@ def make_base(package):
         run("debootstrap", "--variant=minbase", f"--include={PACKAGES}", "bookworm",
             str(unfinished), MIRROR)
         unfinished.rename(BASE)
-    depends = run("dpkg-deb", "-f", package, "Depends")
-    names = [re.split(r"[ |(]", part.strip())[0] for part in depends.split(",")]
+    names = dependencies_of(package)
     shutil.copy("/etc/resolv.conf", BASE / "etc/resolv.conf")
     run("chroot", BASE, "env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "install", "-qq",
         "--no-install-recommends", *names, *STARTERS)
+    # It changes files as long as it runs, so it is installed when they have been compared.
+    run("chroot", BASE, "env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "install", "-qq",
+        "--no-install-recommends", "--download-only", "snapd")
 
 
 def make_older(package, folder):
@@ -341,6 +417,80 @@ def tunnel(machine):
         process.wait()
 
 
+def pauses_of(machine, unit):
+    """The pauses before restarts in the journal: failures before it, its seconds, when it began."""
+    pauses = []
+    for line in machine.journal(unit, "-t", "restart-pause", "-o", "json").splitlines():
+        entry = json.loads(line)
+        failures, seconds = map(int, re.findall(r"\d+", entry["MESSAGE"]))
+        pauses.append((failures, seconds, int(entry["__MONOTONIC_TIMESTAMP"]) / 1e6))
+    return pauses
+
+
+def systemctl_promptly(machine, job, unit):
+    """Does it long before the longest pause is over."""
+    begin = time.monotonic()
+    machine.run("systemctl", job, unit)
+    assert time.monotonic() - begin < LONGEST_PAUSE / 2, f"{job} {unit}"
+
+
+@contextlib.contextmanager
+def failing(machine, *units):
+    """Units whose programs end at once."""
+    drop_ins = [f"/run/systemd/system/{unit}.service.d" for unit in units]
+    for drop_in in drop_ins:
+        machine.run("mkdir", "-p", drop_in)
+        machine.run("sh", "-c", f"printf '[Service]\nExecStart=\nExecStart=false\n' >{drop_in}/fail.conf")
+    machine.run("systemctl", "daemon-reload")
+    try:
+        yield
+    finally:
+        machine.run("rm", "-r", *drop_ins)
+        machine.run("systemctl", "daemon-reload")
+
+
+def check_pauses(machine):
+    """Services that keep failing are started again after growing pauses, in which people need not wait."""
+    verified = machine.try_run("sh", "-c", "systemd-analyze verify --man=no "
+                               "/lib/systemd/system/ostravel* 2>&1")
+    assert (verified.returncode, verified.stdout) == (0, ""), verified.stdout
+    before = {unit: len(pauses_of(machine, unit)) for unit in UNITS}
+    with failing(machine, *UNITS):
+        for unit in UNITS:
+            machine.try_run("systemctl", "restart", unit)
+        for unit in UNITS:
+            def new_pauses(unit=unit):
+                return pauses_of(machine, unit)[before[unit]:]
+            pauses = eventually(f"pauses of {unit}", lambda: len(new_pauses()) > 3 and new_pauses())
+            assert [pause[:2] for pause in pauses[:4]] == [(2, 1), (3, 2), (4, 4), (5, 8)], pauses
+            for (_, seconds, begin), (_, _, following) in zip(pauses, pauses[1:]):
+                assert following - begin >= seconds, pauses
+            # As if it had gone on like this.
+            machine.run("sh", "-c", f"echo 20 $(date +%s) >/run/{unit}-restarts/failures")
+            eventually(f"the longest pause of {unit}", lambda: new_pauses()[-1][1] == LONGEST_PAUSE)
+            assert machine.show(unit, "SubState") == "start-pre"
+    # Their programs run again from now on.
+    for unit in UNITS:
+        systemctl_promptly(machine, "restart", unit)
+        assert machine.is_active(unit)
+        assert not (machine.try_run("ls", f"/run/{unit}-restarts").stdout)
+    with failing(machine, "ostravel-sidecar", INSPECTOR):
+        machine.try_run("systemctl", "restart", "ostravel-sidecar")
+        machine.run("sh", "-c", "echo 20 $(date +%s) >/run/ostravel-sidecar-restarts/failures")
+        eventually("the longest pause", lambda: pauses_of(machine, "ostravel-sidecar")[-1][1] ==
+                   LONGEST_PAUSE)
+        systemctl_promptly(machine, "restart", "ostravel")
+        systemctl_promptly(machine, "stop", "ostravel-sidecar")
+        assert machine.show("ostravel-sidecar", "ActiveState") == "inactive"
+        assert "ostravel-sidecar" not in machine.run("systemctl", "list-jobs")
+        assert machine.try_run("ls", "-d", "/run/ostravel-sidecar-restarts").returncode != 0
+        assert machine.fetch() == "direct"
+    machine.run("systemctl", "start", "ostravel-sidecar")
+    eventually("the inspector comes back", lambda: machine.fetch() and machine.is_active(INSPECTOR))
+    eventually("connections are proxied again", lambda: machine.fetch() == "proxied")
+    say("services that keep failing are started after growing pauses, and at once by people")
+
+
 def check_start(machine):
     """The files of the Debian before anything is installed."""
     eventually("the system runs", lambda: machine.try_run(
@@ -457,6 +607,7 @@ def check(machine, package, older, origin):
     eventually("it is started again", lambda: machine.is_active("ostravel") and machine.show(
         "ostravel", "MainPID") not in ("0", main))
     say("killed, it is started again")
+    check_pauses(machine)
 
     (machine.root / "etc/ostravel/applications.d/curl.json").write_text(
         '{ "/usr/bin/curl": "org.example.curl" }\n')
@@ -493,8 +644,9 @@ def check_restart(machine):
 
 def check_removal(machine, package, before):
     machine.run("dpkg", "-r", "ostravel")
-    for unit in (*UNITS, INSPECTOR, f"{INSPECTOR}.socket"):
-        assert not machine.is_active(unit)
+    stayed = machine.run("systemctl", "list-units", "--plain", "--no-legend", "--state=active",
+                         "ostravel*")
+    assert stayed == "", stayed
     assert machine.run("nft", "list", "tables") == ""
     assert machine.fetch() == "direct"
     assert (machine.root / "etc/ostravel/provider-configuration.json").exists()
@@ -520,6 +672,7 @@ def check_applications(machine, package):
     machine.run("systemctl", "enable", "--now", "ostravel-sidecar")
     eventually("connections are proxied", lambda: machine.fetch() == "proxied")
     machine.run("bash", "-c", MAKE_APPLICATIONS)
+    machine.run("bash", "-c", MAKE_SNAP)
     run_user = "/run/user/1000"
     alice = ("runuser", "-u", "alice", "--", "env", "-C", "/home/alice", "HOME=/home/alice",
              f"XDG_RUNTIME_DIR={run_user}", f"DBUS_SESSION_BUS_ADDRESS=unix:path={run_user}/bus")
@@ -538,13 +691,15 @@ def check_applications(machine, package):
                                   *curl),
         r"fetcher\.service": ("systemd-run", "--quiet", "--wait", "--unit", "fetcher.service", *curl),
         r"org\.example\.Fetcher": (*flatpak, "run", "org.example.Fetcher", *request),
+        r"snap\.chat": (*alice, "SNAP_REEXEC=0", "snap", "run", "chat", *request),
+        r"Painter-2\.1\.AppImage": (*alice, "/home/alice/Painter-2.1.AppImage", *request),
         r"/usr/bin/curl//container/\w{12}": (*podman, "--rootfs", "/srv/files", *curl),
     }.items():
         # A busy machine may give up looking for a process.
         eventually(identifier, lambda identifier=identifier, command=command: machine.run(
             *command) is not None and re.search(
                 rf"closed +{identifier} +{THERE}", machine.run("ostravelctl", "flows")))
-    say("applications of systemd, Flatpak and Podman have their identifiers")
+    say("applications of systemd, Flatpak, Snap, AppImage and Podman have their identifiers")
 
 
 def main():
@@ -552,6 +707,7 @@ def main():
         sys.exit(f"usage, as root: {sys.argv[0]} PACKAGE")
     global GROUP
     package = pathlib.Path(sys.argv[1]).resolve()
+    check_readme(package)
     make_base(package)
     with tempfile.TemporaryDirectory(prefix="ostravel-package-", dir="/var/tmp") as name:
         folder = pathlib.Path(name)
