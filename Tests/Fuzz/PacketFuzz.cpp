@@ -21,11 +21,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(parsed->tuple.source.family == parsed->tuple.destination.family,
           "both ends have the same family");
   require(!parsed->tuple.destination.addressText().empty(), "an address can be written");
-  std::vector<std::byte> shorter = packet;
-  while (!shorter.empty()) {
-    shorter.pop_back();
-    const auto again = parseFirstPacket(shorter);
-    require(!again || again == parsed, "a truncated packet is another one or none");
-  }
+  // Another place for each packet; all of them would take most of a fuzzer's time.
+  const std::size_t kept = (parsed->tuple.source.port * 31U + size) % size;
+  const std::vector<std::byte> shorter(bytes, bytes + kept);
+  const auto again = parseFirstPacket(shorter);
+  require(!again || again == parsed, "a truncated packet is another one or none");
   return 0;
 }

@@ -14,22 +14,22 @@ CLIENT = "Extension/ProxyTunnelCore/ProxyTunnelMonitoringClient.cpp"
 DEFECTS = [
     # Closing
     (TUNNEL, "if (isClosed_.exchange(true)) {", "if (isClosed_.load()) {"),
-    (TUNNEL, "  stopObserving();\n  handshakeWatchdog().finishWithoutCallback();",
-     "  handshakeWatchdog().finishWithoutCallback();"),
-    (TUNNEL, "  stopObserving();\n  handshakeWatchdog().finishWithoutCallback();",
-     "  stopObserving();"),
-    (TUNNEL, "error && !didEstablishHandshake_ && onProxyUnavailable_",
-     "error && onProxyUnavailable_"),
-    (TUNNEL, "    onProxyUnavailable_();\n", ""),
+    (TUNNEL, "  stopObserving();\n  if (!didEstablishHandshake_) {",
+     "  if (!didEstablishHandshake_) {"),
+    (TUNNEL, "  if (!didEstablishHandshake_) {\n    handshakeWatchdog()->finishWithoutCallback();\n  }\n",
+     ""),
+    (TUNNEL, "error && !didEstablishHandshake_ && common_->onProxyUnavailable",
+     "error && common_->onProxyUnavailable"),
+    (TUNNEL, "    common_->onProxyUnavailable();\n", ""),
     (TUNNEL, "  flow_->closeRead(error);\n  flow_->closeWrite(error);\n  connection_->cancel();",
      "  flow_->closeWrite(error);\n  flow_->closeRead(error);\n  connection_->cancel();"),
     (TUNNEL, "  flow_->closeWrite(error);\n  connection_->cancel();", "  connection_->cancel();"),
     (TUNNEL, "  flow_->closeWrite(error);\n  connection_->cancel();",
      "  flow_->closeWrite(std::nullopt);\n  connection_->cancel();"),
     (TUNNEL, "  connection_->cancel();\n", ""),
-    (TUNNEL, "    onClose_(flowId_);\n", ""),
-    (TUNNEL, "  connection_->cancel();\n  if (onClose_) {\n    onClose_(flowId_);\n  }",
-     "  if (onClose_) {\n    onClose_(flowId_);\n    onClose_(\"\");\n  }\n"
+    (TUNNEL, "    common_->onClose(flowId_);\n", ""),
+    (TUNNEL, "  connection_->cancel();\n  if (common_->onClose) {\n    common_->onClose(flowId_);\n  }",
+     "  if (common_->onClose) {\n    common_->onClose(flowId_);\n    common_->onClose(FlowIdentifier(\"\"));\n  }\n"
      "  flow_->closeRead(error);\n  connection_->cancel();"),
     # Starting
     (TUNNEL, "  if (isClosed_ || didStartHandshake_) {", "  if (false) {"),
@@ -38,14 +38,14 @@ DEFECTS = [
     (TUNNEL, "  if (isObserving_.exchange(false)) {", "  if (isObserving_) {"),
     (TUNNEL, "  stopObserving();\n  if (!isFirst) {", "  if (!isFirst) {"),
     (TUNNEL, "  isObserving_ = true;\n", ""),
-    (TUNNEL, "  handshakeWatchdog().start();\n", ""),
+    (TUNNEL, "  handshakeWatchdog()->start();\n", ""),
     # The handshake
     (TUNNEL, "  if (!didEstablishHandshake_.exchange(true)) {\n"
-     "    handshakeWatchdog().finishWithoutCallback();",
+     "    handshakeWatchdog()->finishWithoutCallback();",
      "  if (!didEstablishHandshake_.exchange(true)) {"),
     (TUNNEL, "  if (!didEstablishHandshake_.exchange(true)) {",
      "  if (!didEstablishHandshake_.load()) {"),
-    (TUNNEL, "      onHandshakeEstablished_(flowId_);\n", ""),
+    (TUNNEL, "      common_->onHandshakeEstablished(flowId_);\n", ""),
     (TUNNEL, "  pipeLocalToRemote();\n  if (leftoverData.empty()) {\n    pipeRemoteToLocal();\n"
      "    return;\n  }", "  pipeLocalToRemote();\n  pipeRemoteToLocal();\n"
      "  if (leftoverData.empty()) {\n    return;\n  }"),
@@ -59,17 +59,16 @@ DEFECTS = [
     (TUNNEL, "    case TCPConnectionState::disconnected:\n      close(connection->error());",
      "    case TCPConnectionState::disconnected:"),
     (TUNNEL, "      close(connection->error());", "      close(std::nullopt);"),
-    (TUNNEL, "       {{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::move(error));",
-     "       {{\"timeout_seconds\", handshakeTimeout_}});"),
-    (TUNNEL, "       {{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::move(error));",
-     "       {{\"timeout_seconds\", handshakeTimeout_}});\n  close(std::nullopt);"),
+    (TUNNEL, "       {{\"timeout_seconds\", common_->handshakeTimeout}});\n  close(std::move(error));",
+     "       {{\"timeout_seconds\", common_->handshakeTimeout}});"),
+    (TUNNEL, "       {{\"timeout_seconds\", common_->handshakeTimeout}});\n  close(std::move(error));",
+     "       {{\"timeout_seconds\", common_->handshakeTimeout}});\n  close(std::nullopt);"),
     # The relay
     (TUNNEL, "void OVTunnelConnection::pipeLocalToRemote() {\n  if (isClosed_) {",
      "void OVTunnelConnection::pipeLocalToRemote() {\n  if (false) {"),
     (TUNNEL, "void OVTunnelConnection::pipeRemoteToLocal() {\n  if (isClosed_) {",
      "void OVTunnelConnection::pipeRemoteToLocal() {\n  if (false) {"),
-    (TUNNEL, "              routine(monitoring_events::kTunnelClosedWithError));\n  close(std::move(error));\n",
-     "              routine(monitoring_events::kTunnelClosedWithError));\n"),
+    (TUNNEL, "flowId_.text()));\n  close(std::move(error));\n", "flowId_.text()));\n"),
     (TUNNEL, "      self->pipeLocalToRemote();\n", ""),
     (TUNNEL, "              self->pipeRemoteToLocal();\n", ""),
     # Ends are not noticed: the direction just stops.
@@ -88,7 +87,7 @@ DEFECTS = [
      "            self->handleHandshakeTimeout();"),
     # The watchdog
     (WATCHDOG, "  state_ = State::running;\n", ""),
-    (WATCHDOG, "    disarm(*timer);\n  }\n  queue_ = nullptr;", "    timer->resume();\n  }\n  queue_ = nullptr;"),
+    (WATCHDOG, "  disarm(*timer);\n  queue_ = nullptr;", "  timer->resume();\n  queue_ = nullptr;"),
     (WATCHDOG, "    timer->resume();\n", ""),
     (WATCHDOG, "  TimeoutHandler callback = std::move(onTimeout_);\n  finish();\n  return callback;",
      "  return onTimeout_;"),
@@ -121,21 +120,21 @@ DEFECTS = [
      "  proxyHealthTimer_ = nullptr;", "  }\n  static const auto kept = proxyHealthTimer_;"),
     (DISPATCH, "      provider->tunnelAdmissionController_.markEstablished(id);\n", ""),
     # The table of tunnels
-    (DISPATCH, "      provider->activeTunnels_.erase(flowId);\n", ""),
+    (DISPATCH, "      provider->forgetTunnel(flowId);\n", ""),
     (DISPATCH, "  tunnelAdmissionController_.release(flowId);\n", ""),
     (DISPATCH, "  activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {\n"
-     "    provider->activeTunnels_.erase(tunnel->flowId());\n"
-     "    provider->activeTunnels_.emplace(tunnel->flowId(), tunnel);\n"
+     "    provider->forgetTunnel(tunnel->flowId());\n"
+     "    provider->activeTunnels_.insert(tunnel);\n"
      "  });\n"
      "  tunnel->start();",
      "  tunnel->start();\n"
      "  activeTunnelsQueue_->asyncBarrier([provider = self(), tunnel] {\n"
-     "    provider->activeTunnels_.erase(tunnel->flowId());\n"
-     "    provider->activeTunnels_.emplace(tunnel->flowId(), tunnel);\n"
+     "    provider->forgetTunnel(tunnel->flowId());\n"
+     "    provider->activeTunnels_.insert(tunnel);\n"
      "  });"),
     (DISPATCH, "  flow.closeRead(error);\n  flow.closeWrite(error);\n}\n\nvoid PacketTunnelProvider::tunnel",
      "  flow.closeRead(error);\n}\n\nvoid PacketTunnelProvider::tunnel"),
-    (DECISION, "now + kBypassCacheLifetimeSeconds, now", "now + 2 * kBypassCacheLifetimeSeconds, now"),
+    (DECISION, "now + kBypassCacheLifetimeSeconds,", "now + 2 * kBypassCacheLifetimeSeconds,"),
     # Monitoring
     (CLIENT, "    waitingBytes_ -= bytes;\n", ""),
 ]
