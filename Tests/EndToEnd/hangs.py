@@ -5,6 +5,7 @@ import ctypes
 import os
 import pathlib
 import platform
+import re
 import signal
 import time
 
@@ -94,8 +95,8 @@ def spin(extension, name):
 
 
 @contextlib.contextmanager
-def control_group():
-    """A new, empty group of the unified hierarchy."""
+def control_group(name=None):
+    """A new, empty group of the unified hierarchy; with a name, in that of this process."""
     (root, *_) = [
         line.split()[1]
         for line in pathlib.Path("/proc/self/mounts").read_text().splitlines()
@@ -103,6 +104,9 @@ def control_group():
     ] or [None]
     assert root, "the unified control groups (cgroup2) are not mounted"
     group = pathlib.Path(root, f"ostravel-test-{os.getpid()}-{time.monotonic_ns()}")
+    if name:
+        (own,) = re.findall(r"^0::/(.*)$", pathlib.Path("/proc/self/cgroup").read_text(), re.MULTILINE)
+        group = pathlib.Path(root, own, name)
     group.mkdir()
     try:
         yield group

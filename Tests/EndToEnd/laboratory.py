@@ -442,11 +442,15 @@ class Laboratory:
             )
 
     def curl(self, url, *options, program=CURL, user=0):
-        done = self.run_application(
+        return self.run_fetcher(
             *as_user(user), program, "-q", "-sS", "--max-time", "30",
             "--resolve", f"{NAME}:80:{THERE4}", "--resolve", f"{NAME}:443:{THERE4}",
             "-w", "\n%{local_port}", *options, url,
         )  # fmt: skip
+
+    def run_fetcher(self, *arguments):
+        """A program that writes what an origin answers, and its own port on the last line."""
+        done = self.run_application(*arguments)
         body, _, own_port = done.stdout.decode().rpartition("\n")
         return Fetched(done.returncode, body, int(own_port or 0), done.stderr.decode().strip())
 

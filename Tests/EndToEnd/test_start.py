@@ -1,15 +1,18 @@
 """What the extension reports, requires and refuses when it starts."""
 
 import os
+import pathlib
 import re
+import secrets
 import signal
 import socket
+import tempfile
 
 import pytest
 
 from Laboratory.lines import GENEROUS_SECONDS
 from Laboratory.network import THERE4
-from hangs import children_of
+from hangs import children_of, control_group, start_in
 from laboratory import CURL, PEER_PORT, PYTHON, eventually, log_lines, remote
 
 READS_PROCESSES = "+sys_ptrace,+dac_read_search"
@@ -120,8 +123,10 @@ os.execvp(sys.argv[2], sys.argv[2:])
 def start_inspector(laboratory):
     program = laboratory.program_path("ostravel-inspector")
     path = laboratory.path("inspector.sock")
+    # In the same view of the control groups as the extension.
     inspector = laboratory.start(
-        [PYTHON, "-c", PASS_SOCKET, path, program, "--client", "990"], name="ostravel-inspector"
+        ["unshare", "--cgroup", PYTHON, "-c", PASS_SOCKET, path, program, "--client", "990"],
+        name="ostravel-inspector",
     )
     inspector.expect(inspector.output, "listening")
     return inspector, path
@@ -140,14 +145,20 @@ def start_with_inspector(laboratory):
     return inspector, extension
 
 
-def application_of_curl(laboratory, user):
+def application_of(laboratory, fetch):
     """The identifier of a process that is new; None if its connection went direct."""
     mark = laboratory.events.mark()
-    fetched = laboratory.curl(f"http://{THERE4}:{PEER_PORT}/", user=user)
+    fetched = fetch()
     assert fetched.status == 0, fetched.details
     if fetched.way != "proxied":
         return None
-    return laboratory.events.flow_to(remote(THERE4, PEER_PORT), mark)[0]["context"]["app_id"]
+    return laboratory.events.flow_to(remote(THERE4, PEER_PORT), mark)[0]["context"].get("app_id")
+
+
+def application_of_curl(laboratory, user):
+    return application_of(
+        laboratory, lambda: laboratory.curl(f"http://{THERE4}:{PEER_PORT}/", user=user)
+    )
 
 
 def check_that_new_processes_connect(laboratory):
@@ -167,6 +178,66 @@ def test_an_extension_without_permissions_asks_the_inspector(laboratory):
         "OstravelProxy: CAP_SYS_NICE is missing: on a very busy machine the guardian may notice a "
         "hang late"
     ]
+    assert extension.stop() == 0
+
+
+# As curl writes it: what the origin says, and the own port.
+FETCH = """#!/usr/bin/python3 -I
+import socket, sys
+with socket.create_connection((sys.argv[1], int(sys.argv[2])), timeout=30) as connection:
+    connection.sendall(b"GET / HTTP/1.0\\r\\n\\r\\n")
+    body = b"".join(iter(lambda: connection.recv(4096), b"")).partition(b"\\r\\n\\r\\n")[2]
+    print(body.decode(), connection.getsockname()[1], sep="\\n", end="")
+"""
+
+
+@pytest.fixture
+def script():
+    # In a folder for temporary files it would not have its path as its name.
+    with tempfile.TemporaryDirectory(prefix="ostravel-test-", dir="/opt") as folder:
+        os.chmod(folder, 0o755)
+        path = pathlib.Path(folder, "fetch")
+        path.write_text(FETCH, encoding="utf-8")
+        path.chmod(0o755)
+        yield str(path)
+
+
+def curl_in(group):
+    return (*start_in(group), CURL, "-q", "-sS", "--max-time", "30", "-w", "\n%{local_port}",
+            f"http://{THERE4}:{PEER_PORT}/")  # fmt: skip
+
+
+def test_the_inspector_sees_scripts_services_and_containers(laboratory, script):
+    _, extension = start_with_inspector(laboratory)
+    container = secrets.token_hex(32)
+    with (
+        control_group(f"ostravel-test-{os.getpid()}.service") as service,
+        control_group(f"app-flatpak-org.example.Viewer-{os.getpid()}.scope") as sandbox,
+        control_group(f"docker-{container}.scope") as contained,
+    ):
+        for command, identifier in (
+            ((script, THERE4, str(PEER_PORT)), script),
+            (curl_in(service), service.name),
+            (curl_in(sandbox), "org.example.Viewer"),
+            (curl_in(contained), f"{CURL}//container/{container[:12]}"),
+        ):
+            eventually(
+                lambda command=command, identifier=identifier: application_of(
+                    laboratory, lambda: laboratory.run_fetcher(*command)) == identifier,
+                f"{identifier} is named",
+                seconds=4 * GENEROUS_SECONDS,
+            )  # fmt: skip
+    assert extension.stop() == 0
+
+
+def test_without_an_inspector_everything_goes_direct(laboratory):
+    """The extension does not look itself, although it could here."""
+    laboratory.start_monitor()
+    laboratory.start_sidecar()
+    extension = laboratory.start_extension("--inspector", laboratory.path("inspector.sock"))
+    extension.expect(extension.errors, "processes cannot be inspected (")
+    for _ in range(3):
+        assert laboratory.fetch(THERE4, PEER_PORT).way == "direct"
     assert extension.stop() == 0
 
 

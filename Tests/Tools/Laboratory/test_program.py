@@ -1,11 +1,13 @@
 """Child processes: their output, how they end, and the messages when they fail."""
 
 import os
+import pathlib
 import select
 import signal
 import subprocess
 import sys
 import threading
+import time
 
 import pytest
 
@@ -87,7 +89,11 @@ def test_a_program_dies_with_its_parent(user):
         env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)},
         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
     ) as parent:  # fmt: skip
-        child = os.pidfd_open(int(parent.stdout.readline()))
+        pid = int(parent.stdout.readline())
+        child = os.pidfd_open(pid)
+        # What makes it die with its parent runs before the program itself.
+        while pathlib.Path(f"/proc/{pid}/comm").read_text() != "sleep\n":
+            time.sleep(0.01)
         parent.communicate("end\n", timeout=GENEROUS_SECONDS)
     with open(child) as end:
         assert select.select([end], [], [], GENEROUS_SECONDS)[0]
