@@ -24,15 +24,19 @@ class PacketTunnelProviderTestPeer {
       constexpr double kBeforeAnyExpiry = -1.0;
       for (std::size_t index = 0; index < expired + live; ++index) {
         const double expiry = index < expired ? 0.0 : 1e12;
-        cache.store("/usr/bin/application:192.0.2.1:" + std::to_string(index),
-                    PacketTunnelProvider::FlowAction::proxyTCP, expiry, kBeforeAnyExpiry);
+        cache.store("/usr/bin/application:192.0.2.1:" + std::to_string(index), kProxied, expiry,
+                    kBeforeAnyExpiry);
       }
     });
   }
   static void storeAndWait(PacketTunnelProvider& provider, std::string key, double now) {
-    provider.storeFlowAction(std::move(key), PacketTunnelProvider::FlowAction::proxyTCP, now);
+    provider.storeDecision(std::move(key), kProxied, now);
     provider.bypassCacheQueue_->sync([] {});
   }
+
+ private:
+  static constexpr PacketTunnelProvider::FlowDecision kProxied{
+      PacketTunnelProvider::FlowAction::proxyTCP, platform::FlowRule::proxied};
 };
 
 namespace {
