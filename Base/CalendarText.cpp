@@ -16,7 +16,9 @@ void appendPadded(std::string& text, unsigned number, unsigned digits) {
   text.append(digits - std::min<std::size_t>(digits, size), '0').append(begin, size);
 }
 
-void appendCalendarText(std::string& text, std::chrono::sys_seconds moment) {
+namespace {
+
+void appendNewCalendarText(std::string& text, std::chrono::sys_seconds moment) {
   constexpr unsigned kYearDigits = 4;
   const auto midnight = std::chrono::floor<std::chrono::days>(moment);
   const std::chrono::year_month_day date{midnight};
@@ -31,6 +33,32 @@ void appendCalendarText(std::string& text, std::chrono::sys_seconds moment) {
   append('T', time.hours().count());
   append(':', time.minutes().count());
   append(':', time.seconds().count());
+}
+
+// The last text of a thread, which usually asks for one second many times.
+struct Latest {
+  std::chrono::sys_seconds moment{};
+  // 0 if there is no text, or it is too long.
+  std::size_t size = 0;
+  std::array<char, 19> text{};
+};
+thread_local constinit Latest latest;
+
+}  // namespace
+
+void appendCalendarText(std::string& text, std::chrono::sys_seconds moment) {
+  if (latest.size > 0 && latest.moment == moment) {
+    text.append(latest.text.data(), latest.size);
+    return;
+  }
+  const std::size_t begin = text.size();
+  appendNewCalendarText(text, moment);
+  const std::size_t size = text.size() - begin;
+  if (size <= latest.text.size()) {
+    text.copy(latest.text.data(), size, begin);
+    latest.moment = moment;
+    latest.size = size;
+  }
 }
 
 }  // namespace ostravel

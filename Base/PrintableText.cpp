@@ -4,20 +4,44 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "Base/UTF8.h"
 
 namespace ostravel {
 namespace {
 
+constexpr std::size_t kWordSize = sizeof(std::uint64_t);
+
+constexpr std::uint64_t everyByte(char character) {
+  return 0x0101010101010101U * static_cast<unsigned char>(character);
+}
+
+bool isPlain(char character) {
+  return character >= ' ' && character < '\x7F' && character != '\\';
+}
+
+// True if isPlain() is, for each byte of a word. Each term has the highest bit of a byte that is
+// not plain; carries and borrows come only from such bytes.
+bool isPlainWord(const char* bytes) {
+  constexpr std::uint64_t kHighBits = everyByte('\x80');
+  std::uint64_t word = 0;
+  std::memcpy(&word, bytes, kWordSize);
+  const std::uint64_t low = word - everyByte(' ');
+  const std::uint64_t high = word + everyByte('\x01');
+  const std::uint64_t backslashes = (word ^ everyByte('\\')) - everyByte('\x01');
+  return ((word | low | high | backslashes) & kHighBits) == 0;
+}
+
 // How many characters from the beginning on are written as they are, apart from those beyond ASCII:
 // in most texts all of them.
 std::size_t plainSize(std::string_view text) {
-  const auto isPlain = [](char character) {
-    return character >= ' ' && character < '\x7F' && character != '\\';
-  };
-  return static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isPlain) -
-                                  text.begin());
+  std::size_t size = 0;
+  while (text.size() - size >= kWordSize && isPlainWord(text.data() + size)) {
+    size += kWordSize;
+  }
+  const auto* const rest = text.begin() + size;
+  return size + static_cast<std::size_t>(std::find_if_not(rest, text.end(), isPlain) - rest);
 }
 
 void appendEscape(std::string& result, const char* format, unsigned value) {
@@ -57,12 +81,17 @@ bool disturbsTerminal(char32_t codePoint) {
 std::string printableText(std::string_view text) {
   std::string result;
   result.reserve(text.size());
+  appendPrintableText(result, text);
+  return result;
+}
+
+void appendPrintableText(std::string& result, std::string_view text) {
   while (true) {
     const std::size_t plain = plainSize(text);
     result.append(text.substr(0, plain));
     text.remove_prefix(plain);
     if (text.empty()) {
-      return result;
+      return;
     }
     const CodePoint next = firstCodePoint(text);
     if (!next.valid) {

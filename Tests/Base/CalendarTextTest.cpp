@@ -35,6 +35,16 @@ TEST(CalendarTextTest, KeepsWhatIsInFront) {
   EXPECT_EQ(text, "at 2000-02-29T00:00:00");
 }
 
+TEST(CalendarTextTest, OfEachMomentIsItsOwn) {
+  const auto moment = sys_days{2026y / 3 / 4} + 5h + 6min + 7s;
+  for (int time = 0; time < 2; ++time) {
+    EXPECT_EQ(textOf(moment), "2026-03-04T05:06:07");
+    EXPECT_EQ(textOf(moment), "2026-03-04T05:06:07");
+    EXPECT_EQ(textOf(moment + 1s), "2026-03-04T05:06:08");
+    EXPECT_EQ(textOf(std::chrono::sys_seconds{}), "1970-01-01T00:00:00");
+  }
+}
+
 TEST(CalendarTextTest, PadsNumbers) {
   std::string text;
   appendPadded(text, 0, 3);

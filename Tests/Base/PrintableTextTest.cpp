@@ -33,6 +33,28 @@ TEST(PrintableTextTest, EscapesBytesThatAreNotUTF8) {
   EXPECT_EQ(printableText("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80");
 }
 
+TEST(PrintableTextTest, ACharacterIsEscapedWhereverItIs) {
+  constexpr std::size_t kSize = 20;
+  for (int value = 0; value < 256; ++value) {
+    const auto character = static_cast<char>(value);
+    const std::string escaped = printableText(std::string(1, character));
+    EXPECT_EQ(escaped.size() == 1, value >= 0x20 && value < 0x7f && character != '\\') << value;
+    for (std::size_t place = 0; place < kSize; ++place) {
+      std::string text(kSize, '~');
+      text[place] = character;
+      std::string expected(place, '~');
+      expected.append(escaped).append(kSize - 1 - place, '~');
+      EXPECT_EQ(printableText(text), expected) << value << " at " << place;
+    }
+  }
+}
+
+TEST(PrintableTextTest, IsAppended) {
+  std::string text = "one\n";
+  appendPrintableText(text, "two\n");
+  EXPECT_EQ(text, "one\ntwo\\n");
+}
+
 TEST(PrintableTextTest, CannotBeForged) {
   EXPECT_EQ(printableText("\\n"), "\\\\n");
 }

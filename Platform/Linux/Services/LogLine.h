@@ -14,6 +14,8 @@ namespace ostravel::linuxplatform {
 // nor control a terminal.
 std::string printableLogLine(std::string_view format,
                              std::span<const platform::LogArgument> arguments);
+void appendPrintableLogLine(std::string& text, std::string_view format,
+                            std::span<const platform::LogArgument> arguments);
 
 // Errors are written at once.
 constexpr BackgroundWriter::Urgency urgencyOf(platform::LogLevel level) {

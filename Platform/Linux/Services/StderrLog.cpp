@@ -68,7 +68,9 @@ void StderrLog::write(LogLevel level, std::string_view format,
     return;
   }
   const int errorOfCaller = errno;
-  const std::string line = linePrefix(level) + printableLogLine(format, arguments) + '\n';
+  std::string line = linePrefix(level);
+  appendPrintableLogLine(line, format, arguments);
+  line += '\n';
   writer_->push(line, urgencyOf(level));
   errno = errorOfCaller;
 }

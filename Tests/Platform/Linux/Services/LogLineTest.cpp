@@ -19,6 +19,19 @@ TEST(LogLineTest, ArgumentsReplaceThePlaceholdersAndCannotForgeALine) {
             "OstravelProxy: reset\\n2026-01-01T00:00:00.000Z error   forged after -5 tries");
 }
 
+TEST(LogLineTest, WithoutArgumentsIsItsFormat) {
+  EXPECT_EQ(printableLogLine("OstravelProxy: Handshake successful.", {}),
+            "OstravelProxy: Handshake successful.");
+  EXPECT_EQ(printableLogLine("100 %\n", {}), "100 %\\n");
+  EXPECT_EQ(printableLogLine("a %{public}s b\\", {}), "a  b\\\\");
+}
+
+TEST(LogLineTest, IsAppended) {
+  std::string text = "info ";
+  appendPrintableLogLine(text, "one\t", {});
+  EXPECT_EQ(text, "info one\\t");
+}
+
 TEST(LogLineTest, DroppedLinesAreCounted) {
   EXPECT_EQ(droppedLinesText(12), "OstravelProxy: Log lines dropped count=12");
 }
