@@ -12,42 +12,48 @@ constexpr std::size_t kTextSize = 36;
 constexpr std::string_view kDigits = "0123456789ABCDEF";
 constexpr std::size_t kVersionPlace = 14;
 
-constexpr bool isHyphenPlace(std::size_t place) {
-  return place == 8 || place == 13 || place == 18 || place == 23;
-}
+// Groups of digits, each followed by a hyphen except the last, and the half that they belong to.
+struct Group {
+  std::size_t begin;
+  std::size_t size;
+  std::size_t half;
+};
+constexpr std::array<Group, 5> kGroups{{{0, 8, 0}, {9, 4, 0}, {14, 4, 0}, {19, 4, 1}, {24, 12, 1}}};
 
-// The text as written: only capitals, so that it can be restored exactly.
-std::optional<unsigned> digitOf(char character) {
-  if (character >= '0' && character <= '9') {
-    return static_cast<unsigned>(character - '0');
+constexpr std::uint8_t kNoDigit = 0xFF;
+
+// Only capitals, so that the text can be restored exactly as it was written.
+constexpr std::array<std::uint8_t, 256> makeDigitValues() {
+  std::array<std::uint8_t, 256> values{};
+  values.fill(kNoDigit);
+  for (std::size_t value = 0; value < kDigits.size(); ++value) {
+    values[static_cast<unsigned char>(kDigits[value])] = static_cast<std::uint8_t>(value);
   }
-  if (character >= 'A' && character <= 'F') {
-    return static_cast<unsigned>(character - 'A') + 10;
-  }
-  return std::nullopt;
+  return values;
 }
+constexpr auto kDigitValues = makeDigitValues();
 
 std::optional<std::array<std::uint64_t, 2>> bitsOf(std::string_view text) {
   if (text.size() != kTextSize || text[kVersionPlace] != '4') {
     return std::nullopt;
   }
   std::array<std::uint64_t, 2> halves{};
-  for (std::size_t place = 0; place < kTextSize; ++place) {
-    if (isHyphenPlace(place)) {
-      if (text[place] != '-') {
-        return std::nullopt;
-      }
-      continue;
-    }
-    const auto digit = digitOf(text[place]);
-    if (!digit) {
+  unsigned combined = 0;
+  for (const Group& group : kGroups) {
+    const std::size_t end = group.begin + group.size;
+    if (end < kTextSize && text[end] != '-') {
       return std::nullopt;
     }
-    // The third hyphen separates the halves.
-    std::uint64_t& half = halves[place < 18 ? 0 : 1];
-    half = half << 4U | *digit;
+    std::uint64_t half = halves[group.half];
+    for (std::size_t place = group.begin; place < end; ++place) {
+      const std::uint8_t value = kDigitValues[static_cast<unsigned char>(text[place])];
+      combined |= value;
+      half = half << 4U | value;
+    }
+    halves[group.half] = half;
   }
-  return halves;
+  // Only kNoDigit has a higher bit.
+  return combined > 0xF ? std::nullopt : std::optional(halves);
 }
 
 }  // namespace
@@ -82,19 +88,18 @@ std::string FlowIdentifier::text() const {
     const auto* const other = otherText();
     return other != nullptr ? *other : std::string();
   }
-  std::string text(kTextSize, '-');
-  auto half = low_;
-  for (std::size_t place = kTextSize; place > 0; --place) {
-    if (isHyphenPlace(place - 1)) {
-      if (place - 1 == 18) {
-        half = high_;
-      }
-      continue;
+  std::array<char, kTextSize> text{};
+  text.fill('-');
+  std::array<std::uint64_t, 2> halves{high_, low_};
+  for (auto group = kGroups.rbegin(); group != kGroups.rend(); ++group) {
+    std::uint64_t left = halves[group->half];
+    for (std::size_t place = group->begin + group->size; place > group->begin; --place) {
+      text[place - 1] = kDigits[left & 0xFU];
+      left >>= 4U;
     }
-    text[place - 1] = kDigits[half & 0xFU];
-    half >>= 4U;
+    halves[group->half] = left;
   }
-  return text;
+  return {text.data(), text.size()};
 }
 
 bool operator==(const FlowIdentifier& left, const FlowIdentifier& right) {
