@@ -4,27 +4,35 @@ namespace ostravel {
 
 void FairTurns::clear() {
   order_.clear();
+  latest_ = nullptr;
   // Emptied first, because destroying work may call back.
   const auto lines = std::exchange(lines_, {});
 }
 
-bool FairTurns::mayRunNow(Party party) const {
+FairTurns::Line& FairTurns::lineOf(Party party) {
+  if (latest_ == nullptr || latestParty_ != party) {
+    latest_ = &lines_[party];
+    latestParty_ = party;
+  }
+  return *latest_;
+}
+
+bool FairTurns::mayRunNow(Party party) {
   if (spent_ >= limits_.total) {
     return false;
   }
-  const auto line = lines_.find(party);
-  return line == lines_.end() ||
-         (line->second.waiting.empty() && line->second.spent < limits_.share);
+  const Line& line = lineOf(party);
+  return line.waiting.empty() && line.spent < limits_.share;
 }
 
 void FairTurns::spend(Party party, std::size_t bytes) {
-  lines_[party].spent += bytes;
+  lineOf(party).spent += bytes;
   spent_ += bytes;
   requestTurn();
 }
 
 void FairTurns::enqueue(Party party, Work work) {
-  Line& line = lines_[party];
+  Line& line = lineOf(party);
   line.waiting.push_back(std::move(work));
   const bool isFirst = line.waiting.size() == 1;
   if (isFirst && &line != served_) {
@@ -54,7 +62,10 @@ void FairTurns::takeTurn() {
 
 void FairTurns::beginTurn() {
   spent_ = 0;
-  std::erase_if(lines_, [](const auto& entry) { return entry.second.waiting.empty(); });
+  if (lines_.size() > kKeptLines) {
+    latest_ = nullptr;
+    std::erase_if(lines_, [](const auto& entry) { return entry.second.waiting.empty(); });
+  }
   for (auto& [party, line] : lines_) {
     line.spent = 0;
   }
@@ -62,7 +73,7 @@ void FairTurns::beginTurn() {
 
 void FairTurns::serve(Party party) {
   // Keeps its address when the work adds lines.
-  Line& line = lines_[party];
+  Line& line = lineOf(party);
   served_ = &line;
   while (!line.waiting.empty() && line.spent < limits_.share && spent_ < limits_.total) {
     const Work work = std::move(line.waiting.front());

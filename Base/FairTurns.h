@@ -42,11 +42,17 @@ class FairTurns {
   // Work that is destroyed with this object never runs.
   template <typename Callable>
   void run(Party party, Callable&& work) {
+    run(party, work, [&work]() -> Callable&& { return std::forward<Callable>(work); });
+  }
+  // The same for work that must be prepared for waiting, which makeLater() does. Nearly all runs at
+  // once.
+  template <typename Now, typename MakeLater>
+  void run(Party party, Now&& now, MakeLater&& makeLater) {
     if (mayRunNow(party)) {
       spend(party, kCostOfOperation);
-      work();
+      now();
     } else {
-      enqueue(party, Work(std::forward<Callable>(work)));
+      enqueue(party, Work(makeLater()));
     }
   }
 
@@ -66,7 +72,12 @@ class FairTurns {
     std::list<Work> waiting;
   };
 
-  bool mayRunNow(Party party) const;
+  // Idle lines that are kept for the next turns, which are likely to be of the same parties.
+  static constexpr std::size_t kKeptLines = 16;
+
+  // Keeps its address until the next turn begins.
+  Line& lineOf(Party party);
+  bool mayRunNow(Party party);
   void enqueue(Party party, Work work);
   void requestTurn();
   void takeTurn();
@@ -75,8 +86,11 @@ class FairTurns {
 
   const Limits limits_;
   const std::function<void(Work)> later_;
-  // Parties that have spent something in this turn or are waiting.
+  // Parties that have spent something in this turn or are waiting, and some others.
   std::unordered_map<Party, Line> lines_;
+  // The line that was used last; null if it may have been removed.
+  Line* latest_ = nullptr;
+  Party latestParty_ = nullptr;
   // Each waiting party once, the next one first; excludes the one that is being served.
   std::deque<Party> order_;
   const Line* served_ = nullptr;

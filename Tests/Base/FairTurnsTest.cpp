@@ -150,6 +150,34 @@ TEST_F(FairTurnsTest, ATurnBeginsWithNothingSpent) {
   EXPECT_EQ(served_, "aaaa");
 }
 
+TEST_F(FairTurnsTest, APartyThatReturnsHasItsShareAgain) {
+  for (int turn = 0; turn < 3; ++turn) {
+    served_.clear();
+    run('a', 5);
+    EXPECT_EQ(served_, "aaaa");
+    EXPECT_EQ(takeTurn(), "a");
+    // Ends the account of the waiting work.
+    EXPECT_EQ(takeTurn(), "");
+  }
+}
+
+TEST_F(FairTurnsTest, OfManyPartiesEachKeepsItsPlaceAndItsShare) {
+  // So many that the accounts of earlier ones are dropped.
+  for (int party = 0; party < 100; ++party) {
+    const auto name = static_cast<char>(party);
+    run(name, 4);
+    run('~');
+    EXPECT_EQ(takeTurn(), "") << party;
+  }
+  served_.clear();
+  run('a', 5);
+  for (char party = 'b'; party < 'z'; ++party) {
+    run(party, 2);
+  }
+  EXPECT_EQ(served_, "aaaabb");
+  EXPECT_EQ(takeTurn(), "accdde");
+}
+
 TEST_F(FairTurnsTest, KnowsWhetherWorkIsWaiting) {
   run('a', 4);
   EXPECT_FALSE(turns_.isAnyoneWaiting());

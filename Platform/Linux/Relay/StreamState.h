@@ -38,10 +38,12 @@ struct StreamState {
     return Later<Part, Step>{std::shared_ptr<Part>(owner.sharedStream(), &part), std::move(step)};
   }
 
-  // Runs step(part) in the user's next turn.
+  // Runs step(part) now or in the user's next turn. The caller owns a reference to the stream.
   template <typename Part, typename Step>
   void inTurn(Part& part, Step step) {
-    loop.turns().run(user.get(), later(part, std::move(step)));
+    loop.turns().run(
+        user.get(), [&part, &step] { step(part); },
+        [this, &part, &step] { return later(part, std::move(step)); });
   }
   void spendOfTurn(std::size_t bytes) { loop.turns().spend(user.get(), bytes); }
 
