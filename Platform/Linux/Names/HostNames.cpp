@@ -99,10 +99,13 @@ std::optional<HostNames::Found> HostNames::find(std::optional<uid_t> user,
                                                 std::string_view identifier,
                                                 const SocketEndpoint& address,
                                                 Clock::time_point now) {
+  const std::lock_guard guard(lock_);
+  if (byAddress_.empty()) {
+    return std::nullopt;
+  }
   const Owner machine = Owner::machine();
   const Owner application = user ? Owner::application(*user, identifier) : machine;
   const Owner shared = user ? Owner::user(*user) : machine;
-  const std::lock_guard guard(lock_);
   Candidates found = ownCandidates(application, shared, withoutPort(address), now);
   if (found.count == Count::none) {
     found = candidates(machine, withoutPort(address), now);
