@@ -20,6 +20,10 @@ bool isASCII(char byte) {
   return static_cast<unsigned char>(byte) < 0x80;
 }
 
+bool isVisibleASCII(char byte) {
+  return byte > ' ' && byte < '\x7F';
+}
+
 bool isWhiteSpace(const CodePoint& character) {
   return character.valid && u_isUWhiteSpace(static_cast<UChar32>(character.value)) != 0;
 }
@@ -42,6 +46,10 @@ std::string ICUTextServices::lowercased(std::string_view text) const {
 }
 
 std::string_view ICUTextServices::trimmed(std::string_view text) const {
+  // The usual case.
+  if (!text.empty() && isVisibleASCII(text.front()) && isVisibleASCII(text.back())) {
+    return text;
+  }
   while (!text.empty() && isWhiteSpace(firstCodePoint(text))) {
     text.remove_prefix(firstCodePoint(text).size);
   }

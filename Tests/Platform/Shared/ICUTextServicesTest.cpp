@@ -80,6 +80,14 @@ TEST_F(ICUTextServicesTest, TrimsTextOfWhiteSpaceOnlyToNothing) {
   EXPECT_TRUE(text_.trimmed("").empty());
 }
 
+TEST_F(ICUTextServicesTest, TrimsEachEndByItself) {
+  EXPECT_EQ(text_.trimmed("a b"), "a b");
+  EXPECT_EQ(text_.trimmed("a b "), "a b");
+  EXPECT_EQ(text_.trimmed(" a b"), "a b");
+  EXPECT_EQ(text_.trimmed("a b\u3000"), "a b");
+  EXPECT_EQ(text_.trimmed("\u3000a b"), "a b");
+}
+
 TEST_F(ICUTextServicesTest, TrimmingReturnsAPartOfItsArgument) {
   const std::string text = "  x ";
   EXPECT_EQ(text_.trimmed(text).data(), text.data() + 2);
