@@ -1,5 +1,9 @@
 #include "Platform/Linux/Interception/RecentFlows.h"
 
+#include <array>
+#include <cstdint>
+#include <cstring>
+
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -13,8 +17,24 @@ constexpr auto kUDPLifetime = 30s;
 
 }  // namespace
 
+// Computed several times for each flow, so it is cheaper than a general hash of bytes.
 std::size_t RecentFlows::Hash::operator()(const FirstPacket& packet) const noexcept {
-  return FlowTupleHash()(packet.tuple) + packet.initialSequence;
+  constexpr std::uint64_t kMultiplier = 0x9e3779b97f4a7c15U;
+  constexpr unsigned kPortBits = 16;
+  std::uint64_t hash = packet.initialSequence;
+  const auto mix = [&hash](std::uint64_t word) {
+    hash = (hash ^ word) * kMultiplier;
+    hash ^= hash >> 32U;
+  };
+  for (const SocketEndpoint* end : {&packet.tuple.source, &packet.tuple.destination}) {
+    std::array<std::uint64_t, 2> address{};
+    static_assert(sizeof address == sizeof end->address);
+    std::memcpy(address.data(), end->address.data(), sizeof address);
+    mix(address[0]);
+    mix(address[1]);
+  }
+  mix(std::uint64_t{packet.tuple.source.port} << kPortBits | packet.tuple.destination.port);
+  return hash;
 }
 
 void RecentFlows::remember(const FirstPacket& packet, TimePoint now) {
