@@ -20,11 +20,18 @@ constexpr int kItemsPerTurn = 64;
 
 // The only copy of this label.
 const std::string& keptLabel(std::string label) {
+  // Most queues are made for tunnels, all with the same label.
+  static std::atomic<const std::string*> latest = nullptr;
+  if (const auto* const kept = latest.load(); kept != nullptr && *kept == label) {
+    return *kept;
+  }
   static std::mutex lock;
   // Never destroyed, because queues may outlive objects of static storage.
   static auto& labels = *new std::set<std::string>;
   const std::lock_guard guard(lock);
-  return *labels.insert(std::move(label)).first;
+  const std::string& kept = *labels.insert(std::move(label)).first;
+  latest = &kept;
+  return kept;
 }
 
 }  // namespace
