@@ -160,6 +160,7 @@ OptionalError ConnectPublisher::examineOwnConnect() {
   presetsOwnSockets_ = state()->markMask != 0 &&
                        optionOf(socket, SOL_SOCKET, SO_MARK) == static_cast<int>(state()->mark) &&
                        optionOf(socket, IPPROTO_TCP, TCP_NODELAY) == 1;
+  state()->leavesOutMarked = 1;
   return std::nullopt;
 }
 

@@ -84,7 +84,8 @@ class ConnectTable {
     // proxy's. 0 if no socket is marked.
     std::uint32_t markMask;
     std::uint32_t mark;
-    std::uint32_t unused;
+    // Not 0 if the senders of marked sockets are not published any more.
+    std::uint32_t leavesOutMarked;
     // See ListenerWatch.
     std::uint64_t listenerChanges;
     // Counts the programs executed, by process number; several processes share a counter.

@@ -96,7 +96,8 @@ struct State {
   u32 markMask;
   // The value of these bits.
   u32 mark;
-  u32 unused;
+  // Set by the extension once it has seen its own connect in the table.
+  u32 leavesOutMarked;
   // Counts the events that may change which process listens on the proxy's port.
   u64 listenerChanges;
   // Counts the programs executed, by process number; several processes share a counter.
@@ -192,6 +193,7 @@ struct sock_cgroup_data {
 
 struct sock {
   struct sock_common __sk_common;
+  u32 sk_mark;
   kuid_t sk_uid;
   struct sock_cgroup_data sk_cgrp_data;
 } KERNEL_TYPE;
@@ -450,6 +452,13 @@ INLINE void publish(void* context, struct State* state, struct tcp_sock* connect
   release(slot, own.sequence);
 }
 
+// True if the packets of a socket are never offered, so that nobody looks for their sender. Most of
+// these are of the extension and the proxy, two for each tunnel.
+INLINE int isLeftOut(const struct State* state, const struct tcp_sock* connection) {
+  return state->leavesOutMarked != 0 &&
+         (connection->inet_conn.icsk_inet.sk.sk_mark & state->markMask) != 0;
+}
+
 SECTION("sockops") int operate(struct SocketOperation* context) {
   const u32 operation = context->operation;
   if (operation != kTCPConnect && operation != kTCPListen) {
@@ -466,7 +475,9 @@ SECTION("sockops") int operate(struct SocketOperation* context) {
     return kNoDecision;
   }
   if (operation == kTCPConnect) {
-    publish(context, state, connection);
+    if (!isLeftOut(state, connection)) {
+      publish(context, state, connection);
+    }
   } else if (connection->inet_conn.icsk_inet.sk.__sk_common.skc_num == state->proxyPort) {
     __sync_fetch_and_add(&state->listenerChanges, 1);
   }

@@ -77,11 +77,11 @@ int mapNamed(const char* name) {
 
 class ConnectPublisherTest : public ::testing::Test {
  protected:
-  void start() {
+  void start(std::optional<PacketMarks> marks = std::nullopt) {
     auto tracer = ConnectTracer::start();
     ASSERT_TRUE(tracer) << tracer.error().localizedDescription;
     tracer_ = *std::move(tracer);
-    auto publisher = ConnectPublisher::start(*tracer_, kProxyPort);
+    auto publisher = ConnectPublisher::start(*tracer_, kProxyPort, marks);
     ASSERT_TRUE(publisher) << publisher.error().localizedDescription;
     publisher_ = *std::move(publisher);
   }
@@ -221,6 +221,22 @@ TEST_F(ConnectPublisherTest, DoesNotKnowASocketThatAnotherProcessConnected) {
   inChild([&] { return connectTo(handedOver, AF_INET, loopbackIPv4(portOf(listener_))); });
   ASSERT_EQ(::send(handedOver.get(), "x", 1, 0), 1);
   EXPECT_FALSE(find(flowOf(handedOver)));
+}
+
+TEST_F(ConnectPublisherTest, LeavesOutSocketsWithOurMarks) {
+  const PacketMarks marks;
+  start(marks);
+  // This process plays the extension, whose sockets are marked when they connect.
+  EXPECT_FALSE(find(flowOf(connect())));
+  const TemporaryFolder folder;
+  Helper helper(copyHelper(folder, "program"));
+  EXPECT_TRUE(find(connectFrom(helper)));
+
+  const auto foreign = makeSocket(AF_INET, SOCK_STREAM);
+  const std::uint32_t mark = ~marks.mask();
+  ASSERT_EQ(::setsockopt(foreign.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark), 0);
+  inChild([&] { return connectTo(foreign, AF_INET, loopbackIPv4(portOf(listener_))); });
+  EXPECT_TRUE(find(flowOf(foreign)));
 }
 
 TEST_F(ConnectPublisherTest, DoesNotKnowThePathsThatTheKernelAddsToAConnection) {
