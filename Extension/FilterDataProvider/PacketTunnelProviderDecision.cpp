@@ -92,7 +92,7 @@ PacketTunnelProvider::FlowDecision PacketTunnelProvider::decideFlow(std::string_
                                                                     std::string_view host,
                                                                     bool isUDP) {
   // Decisions expire after half a minute: milliseconds do not matter.
-  const double now = platform_.clock().secondsSince1970Roughly();
+  const double now = platform_.clock().coarseSecondsSince1970();
   const CacheKey key(appId, host, isUDP);
 
   auto decision = cachedDecision(key.text(), now);

@@ -14,7 +14,7 @@ class Clock {
   virtual double secondsSince1970() const = 0;
 
   // The same, at most some milliseconds late, where the platform has a cheaper way to tell.
-  virtual double secondsSince1970Roughly() const { return secondsSince1970(); }
+  virtual double coarseSecondsSince1970() const { return secondsSince1970(); }
 };
 
 }  // namespace ostravel::platform

@@ -10,7 +10,7 @@ double POSIXClock::secondsSince1970() const {
   return std::chrono::duration<double>(sinceEpoch).count();
 }
 
-double POSIXClock::secondsSince1970Roughly() const {
+double POSIXClock::coarseSecondsSince1970() const {
 #if defined(CLOCK_REALTIME_COARSE)
   // The time of the last timer interrupt (clock_gettime(2)). Reading the hardware instead would be
   // a third of the cost of a remembered decision.

@@ -8,7 +8,7 @@ namespace ostravel::platform {
 class POSIXClock final : public Clock {
  public:
   double secondsSince1970() const override;
-  double secondsSince1970Roughly() const override;
+  double coarseSecondsSince1970() const override;
 };
 
 }  // namespace ostravel::platform

@@ -28,13 +28,13 @@ TEST(POSIXClockTest, DistinguishesMomentsWithinASecond) {
 }
 
 // Timer interrupts of a starved machine may be late.
-TEST(POSIXClockTest, IsRoughlyTheSameTime) {
+TEST(POSIXClockTest, CoarseTimeIsNearlyTheSame) {
   const POSIXClock clock;
   const double before = clock.secondsSince1970();
-  const double roughly = clock.secondsSince1970Roughly();
+  const double coarse = clock.coarseSecondsSince1970();
   const double after = clock.secondsSince1970();
-  EXPECT_GE(roughly, before - 30.0);
-  EXPECT_LE(roughly, after + 0.001);
+  EXPECT_GE(coarse, before - 30.0);
+  EXPECT_LE(coarse, after + 0.001);
 }
 
 }  // namespace
