@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 // itself detects those of the last minutes.
 constexpr std::size_t kRecentIds = 200'000;
 
-// Exceeds any fleet. More mean that a machine invents names; the counts then start again.
+// Exceeds any fleet.
 constexpr std::size_t kMostMachines = 500'000;
 
 // How late the subscriber notices that it shall end.
@@ -38,6 +38,7 @@ FleetSubscriber::FleetSubscriber(asio::io_context& ioContext, Options options)
       options_(std::move(options)),
       connection_(options_.server, "ostravel-monitor on " + nameOfThisHost()),
       recent_(kRecentIds),
+      dropped_(kMostMachines),
       thread_([this] { run(); }) {
   ::pthread_setname_np(thread_.native_handle(), "fleet");
 }
@@ -182,20 +183,21 @@ void FleetSubscriber::noteDropped(const FleetMessage& message, const std::string
   if (!dropped) {
     return;
   }
-  if (dropped_.size() >= kMostMachines) {
-    dropped_.clear();
+  const DroppedCounts::Change change = dropped_.add(message.host, *dropped);
+  if (change.isRestart) {
+    options_.report("more than " + std::to_string(kMostMachines) +
+                    " machines: what they drop is counted from now on");
   }
-  const auto [known, isNew] = dropped_.try_emplace(message.host, *dropped);
-  if (isNew && *dropped > 0) {
+  if (change.before > 0) {
     // Before the first message that is shown; from the beginning on, all of it would have been.
-    options_.report(message.host + " had dropped " + std::to_string(*dropped) + " events before");
-    options_.dropped(options_.fromBeginning ? *dropped : 0);
-  } else if (*dropped > known->second) {
-    options_.report(message.host + " dropped " + std::to_string(*dropped - known->second) +
-                    " events");
-    options_.dropped(*dropped - known->second);
+    options_.report(message.host + " had dropped " + std::to_string(change.before) +
+                    " events before");
+    options_.dropped(options_.fromBeginning ? change.before : 0);
   }
-  known->second = *dropped;
+  if (change.since > 0) {
+    options_.report(message.host + " dropped " + std::to_string(change.since) + " events");
+    options_.dropped(change.since);
+  }
 }
 
 void FleetSubscriber::deliver(std::vector<FleetMessage> batch) {

@@ -4,7 +4,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -12,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "Companion/Fleet/DroppedCounts.h"
 #include "Companion/Fleet/FleetConnection.h"
 #include "Companion/Fleet/FleetMessage.h"
 #include "Companion/Fleet/FleetServer.h"
@@ -75,8 +75,7 @@ class FleetSubscriber {
   // The position in the stream; none before its first message is known.
   std::optional<std::uint64_t> next_;
   RecentIds recent_;
-  // Dropped messages by machine.
-  std::map<std::string, std::uint64_t> dropped_;
+  DroppedCounts dropped_;
   std::string reported_;
 
   // Shared with what is still posted to the io_context at the end.
