@@ -207,6 +207,7 @@ void LiveState::receiveState(const ReceivedEvent& event) {
 
 void LiveState::receiveStateOfMachine(const ReceivedEvent& event) {
   if (machines_.size() >= kMostMachines && !machines_.contains(event.host)) {
+    hasMoreMachines_ = true;
     return;
   }
   machines_.insert(event.host);
@@ -378,7 +379,7 @@ LiveState::Sentence LiveState::sentenceOfFleet() const {
   const auto count = [](std::size_t machines) {
     return std::to_string(machines) + (machines == 1 ? " machine" : " machines");
   };
-  const std::string all = count(machines_.size());
+  const std::string all = (hasMoreMachines_ ? "More than " : "") + count(machines_.size());
   const std::size_t troubled = outages_.lastingCount();
   if (directMachines_.empty() && troubled == 0) {
     return {"proxied", all + ", with no proxy out of service.", std::nullopt};

@@ -28,7 +28,7 @@ class LiveState {
   // An hour of one sample per second.
   static constexpr std::size_t kMostSamples = 3600;
   static constexpr std::size_t kMostDecisions = 2000;
-  // Limit on the machines of a fleet. Further ones are not counted.
+  // Limit on the machines of a fleet. Further ones are not counted, and the sentence says so.
   static constexpr std::size_t kMostMachines = 200'000;
   // Limit on the flows in one update; the others follow in the next one.
   static constexpr std::size_t kMostChanges = 1000;
@@ -146,6 +146,7 @@ class LiveState {
   std::set<std::string> directMachines_;
 
   std::map<std::uint64_t, Decision> decisions_;
+  bool hasMoreMachines_ = false;
   std::uint64_t decisionRevision_ = 0;
 
   std::deque<Sample> samples_;

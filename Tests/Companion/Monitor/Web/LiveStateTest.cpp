@@ -222,6 +222,28 @@ TEST_F(LiveStateTest, CountsWhatWentDirectBecauseOfTheProxyAsHit) {
   EXPECT_EQ(json_object_get(hit, "vpn"), nullptr);
 }
 
+TEST_F(LiveStateTest, SaysThatThereAreMoreMachinesThanItCounts) {
+  ReceivedEvent event = proxyEvent("provider_started", 0.0);
+  for (std::size_t number = 0; number < LiveState::kMostMachines; ++number) {
+    event.host = "host-" + std::to_string(number);
+    state_.receive(event);
+  }
+  state_.receive(event);
+  EXPECT_EQ(sentence(), "200000 machines, with no proxy out of service.");
+  // Not counted, and neither is its proxy; its outage is.
+  event = proxyEvent("proxy_unreachable", 1.0);
+  event.host = "one-too-many";
+  state_.receive(event);
+  EXPECT_EQ(sentence(),
+            "More than 200000 machines, 1 of them with a proxy that does not serve all "
+            "connections.");
+  // One that is counted still is.
+  event.host = "host-0";
+  state_.receive(event);
+  EXPECT_EQ(sentence(),
+            "More than 200000 machines, 1 of them without a proxy: connections go direct there.");
+}
+
 TEST_F(LiveStateTest, KeepsTheLastDecisions) {
   std::uint64_t sequence = 0;
   for (int answer = 0; answer < 3; ++answer) {
