@@ -63,13 +63,22 @@ int FlowList::print() const {
 int FlowList::follow() const {
   std::map<std::int64_t, std::string> outcomes;
   std::int64_t last = 0;
-  std::optional<double> updatedAfter;
+  double updatedAfter = 0;
+  double startedAt = 0;
   while (true) {
     const auto answer = client_.ask(makeRequest(last, updatedAfter), answerDeadline());
     if (const auto* const failure = std::get_if<ControlClient::Failure>(&answer)) {
       return report(*failure);
     }
     const json_t* const result = std::get<JSONHandle>(answer).get();
+    const double start = numberOf(result, "started_at").value_or(0);
+    // A new process counts from the beginning.
+    if (std::exchange(startedAt, start) != start && last > 0) {
+      outcomes.clear();
+      last = 0;
+      updatedAfter = 0;
+      continue;
+    }
     std::size_t index = 0;
     json_t* flow = nullptr;
     json_array_foreach(memberOf(result, "decisions"), index, flow) {

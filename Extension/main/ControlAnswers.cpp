@@ -280,6 +280,7 @@ JSONHandle ControlAnswers::decisions(const ControlRequest& request) const {
     set(result.get(), "missed", decisions.missed);
   }
   set(result.get(), "now", time);
+  set(result.get(), "started_at", startedAt_);
   set(result.get(), "decisions", jsonOf(decisions.flows));
   return result;
 }

@@ -11,6 +11,7 @@ import socket
 import stat
 import struct
 import termios
+import threading
 import time
 
 import pytest
@@ -319,6 +320,50 @@ def test_follows_flows_as_they_are_decided(laboratory):
     )
     assert line is not None and CURL in line
     assert re.match(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z ", line)
+
+
+class RestartedExtension(threading.Thread):
+    """Answers requests for decisions; after the first answer as an extension that has been restarted."""
+
+    def __init__(self, path):
+        super().__init__(daemon=True)
+        self.asked_after = []
+        self._listener = socket.socket(socket.AF_UNIX)
+        self._listener.bind(path)
+        self._listener.listen()
+        self.start()
+
+    def run(self):
+        for started_at in (100.0, 200.0, 200.0):
+            client, _ = self._listener.accept()
+            with client:
+                after = json.loads(client.makefile().readline())["after"]
+                self.asked_after.append(after)
+                flows = [self._flow(started_at, number) for number in (1, 2) if number > after]
+                result = {"last": 2, "missed": 0, "now": 300.0, "started_at": started_at,
+                          "decisions": flows}  # fmt: skip
+                answer = {"version": 1, "ok": True, "request": "decisions", "result": result}
+                client.sendall(json.dumps(answer).encode() + b"\n")
+
+    @staticmethod
+    def _flow(started_at, number):
+        return {
+            "sequence": number, "time": started_at, "protocol": "tcp", "application": "",
+            "destination": f"192.0.2.{number}:{started_at:.0f}", "action": "direct",
+            "reason": "gate_closed", "outcome": "direct", "steps_us": {}, "open": False,
+        }  # fmt: skip
+
+
+def test_follows_flows_of_a_restarted_extension_from_its_first_one(laboratory, tmp_path):
+    extension = RestartedExtension(str(tmp_path / "control.sock"))
+    following = laboratory.start(
+        [laboratory.program_path("ostravelctl"), "--socket", str(tmp_path / "control.sock"), "flows",
+         "--follow"],
+        name="ostravelctl",
+    )  # fmt: skip
+    for destination in ("192.0.2.1:100", "192.0.2.2:100", "192.0.2.1:200", "192.0.2.2:200"):
+        assert following.output.wait(lambda line, text=destination: text in line, 0) is not None
+    assert extension.asked_after == [0, 2, 0]
 
 
 def test_an_unknown_style_of_times_is_refused(laboratory):

@@ -51,12 +51,15 @@ void ControlPoller::askDecisions() {
     return;
   }
   const json_int_t last = json_integer_value(json_object_get(result->get(), "last"));
+  const double startedAt = json_number_value(json_object_get(result->get(), "started_at"));
   // A new process counts from the beginning.
-  if (last < after_) {
+  if (last < after_ || (after_ > 0 && startedAt != startedAt_)) {
     after_ = 0;
     updatedAfter_ = 0;
+    state_.restartDecisions();
     return;
   }
+  startedAt_ = startedAt;
   const json_t* const decisions = json_object_get(result->get(), "decisions");
   state_.addDecisions(decisions);
   std::size_t index = 0;

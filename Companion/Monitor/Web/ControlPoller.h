@@ -36,6 +36,7 @@ class ControlPoller {
   // From the last answer about decisions; for the thread only.
   json_int_t after_ = 0;
   double updatedAfter_ = 0;
+  double startedAt_ = 0;
 
   std::mutex mutex_;
   std::condition_variable wakeUp_;

@@ -114,12 +114,12 @@ void copy(const JSONHandle& row, const char* key, const json_t* from, const char
   }
 }
 
-JSONHandle rowOfDecision(const json_t* decision) {
+// number: of all decisions that the monitor knows.
+JSONHandle rowOfDecision(const json_t* decision, std::uint64_t number) {
   JSONHandle row = object();
   const std::string flowId = textOf(json_object_get(decision, "flow_id"));
-  const std::uint64_t sequence = countOf(json_object_get(decision, "sequence"));
   // Events of the same flow extend the same row.
-  set(row, "id", flowId.empty() ? "#" + std::to_string(sequence) : flowId);
+  set(row, "id", flowId.empty() ? "#" + std::to_string(number) : flowId);
   for (const char* const key : {"application", "destination", "time", "user", "pid", "protocol"}) {
     copy(row, key, decision, key);
   }
@@ -249,11 +249,16 @@ void LiveState::countDirect() {
   for (const char* const reason : kReasonsOfProxy) {
     direct += countOf(member(status_.get(), {"flows", "direct_by_reason", reason}));
   }
+  const double startedAt = numberOf(member(status_.get(), {"program", "started_at"})).value_or(0.0);
   // A new process counts from the beginning.
-  if (directBefore_ && direct > *directBefore_) {
+  if (directBefore_ && (startedAt != startedAt_ || direct < *directBefore_)) {
+    directBefore_ = 0;
+  }
+  if (directBefore_) {
     outages_.countDirect(direct - *directBefore_);
   }
   directBefore_ = direct;
+  startedAt_ = startedAt;
 }
 
 void LiveState::addDecisions(const json_t* decisions) {
@@ -261,9 +266,11 @@ void LiveState::addDecisions(const json_t* decisions) {
   std::size_t index = 0;
   const json_t* decision = nullptr;
   json_array_foreach(decisions, index, decision) {
-    const auto [known, isNew] =
-        decisions_.try_emplace(countOf(json_object_get(decision, "sequence")));
-    known->second.row = rowOfDecision(decision);
+    const std::uint64_t number =
+        decisionsBeforeRestart_ + countOf(json_object_get(decision, "sequence"));
+    lastDecision_ = std::max(lastDecision_, number);
+    const auto [known, isNew] = decisions_.try_emplace(number);
+    known->second.row = rowOfDecision(decision, number);
     known->second.revision = ++decisionRevision_;
     const std::string application = textOf(json_object_get(decision, "application"));
     if (isNew && !application.empty() && isDirectForProxy(decision)) {
@@ -273,6 +280,11 @@ void LiveState::addDecisions(const json_t* decisions) {
   while (decisions_.size() > kMostDecisions) {
     decisions_.erase(decisions_.begin());
   }
+}
+
+void LiveState::restartDecisions() {
+  const std::lock_guard lock(mutex_);
+  decisionsBeforeRestart_ = lastDecision_;
 }
 
 void LiveState::tick(double now) {

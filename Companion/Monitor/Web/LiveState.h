@@ -57,6 +57,8 @@ class LiveState {
   // The answers to "status" and "decisions"; null if there is none, for the reason in `problem`.
   void setStatus(const json_t* status, const std::string& problem);
   void addDecisions(const json_t* decisions);
+  // The following decisions are of a new process of the extension, which numbers them from 1 again.
+  void restartDecisions();
 
   // Adds a sample to the time series. Called once a second.
   void tick(double now);
@@ -133,6 +135,7 @@ class LiveState {
   double sentBefore_ = -1;
   double receivedBefore_ = -1;
   double measuredAt_ = 0;
+  double startedAt_ = 0;  // of the extension
   std::optional<std::uint64_t> directBefore_;
 
   struct Published {
@@ -143,10 +146,13 @@ class LiveState {
 
   // The machines of a fleet, and those whose new connections are known to go direct.
   std::set<std::string> machines_;
+  bool hasMoreMachines_ = false;
   std::set<std::string> directMachines_;
 
+  // By a number that continues when the extension is restarted.
   std::map<std::uint64_t, Decision> decisions_;
-  bool hasMoreMachines_ = false;
+  std::uint64_t lastDecision_ = 0;
+  std::uint64_t decisionsBeforeRestart_ = 0;
   std::uint64_t decisionRevision_ = 0;
 
   std::deque<Sample> samples_;

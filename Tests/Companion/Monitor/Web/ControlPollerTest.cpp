@@ -51,9 +51,9 @@ class ControlPollerTest : public ::testing::Test {
   std::promise<void> done_;
 };
 
-std::string answer(int last, double now, int sequence) {
+std::string answer(int last, double now, int sequence, int startedAt = 50) {
   return "{\"last\":" + std::to_string(last) + ",\"now\":" + std::to_string(now) +
-         ",\"decisions\":[" +
+         ",\"started_at\":" + std::to_string(startedAt) + ",\"decisions\":[" +
          (sequence == 0 ? ""
                         : "{\"sequence\":" + std::to_string(sequence) +
                               ",\"time\":1,\"application\":\"a\",\"destination\":\"h:1\","
@@ -75,6 +75,15 @@ TEST_F(ControlPollerTest, FollowsDecisions) {
 TEST_F(ControlPollerTest, StartsOverWithAnotherExtension) {
   play({answer(500, 100.0, 500), answer(2, 101.0, 0), answer(2, 102.0, 2), answer(2, 103.0, 0)});
   EXPECT_EQ(after_, (std::vector<json_int_t>{0, 500, 0, 2}));
+}
+
+TEST_F(ControlPollerTest, StartsOverWithAnExtensionThatHasDecidedMore) {
+  play({answer(5, 100.0, 5), answer(8, 101.0, 8, 101), answer(8, 102.0, 1, 101),
+        answer(8, 103.0, 0, 101)});
+  EXPECT_EQ(after_, (std::vector<json_int_t>{0, 5, 0, 1}));
+  const std::string whole = state_.whole().json;
+  // The first one of the other extension.
+  EXPECT_NE(whole.find("\"#6\""), std::string::npos);
 }
 
 TEST_F(ControlPollerTest, SaysWhyThereIsNoAnswer) {

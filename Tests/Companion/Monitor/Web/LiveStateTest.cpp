@@ -4,6 +4,7 @@
 #include <jansson.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <set>
 #include <string>
 
@@ -220,6 +221,51 @@ TEST_F(LiveStateTest, CountsWhatWentDirectBecauseOfTheProxyAsHit) {
   const json_t* const hit = json_object_get(outage, "applications");
   EXPECT_EQ(json_integer_value(json_object_get(hit, "wget")), 1);
   EXPECT_EQ(json_object_get(hit, "vpn"), nullptr);
+}
+
+TEST_F(LiveStateTest, CountsTheFirstDecisionsOfANewProcessAsHit) {
+  state_.receive(started("a", 2.0));
+  state_.receive(timedOut("a", 7.0));
+  const JSONHandle decisions = parse(
+      R"([{"sequence":1,"application":"wget","reason":"on_trial",)"
+      R"("time":5,"protocol":"tcp","destination":"h:1","action":"direct","outcome":"direct"}])");
+  state_.addDecisions(decisions.get());
+  state_.restartDecisions();
+  state_.addDecisions(decisions.get());
+  state_.addDecisions(decisions.get());
+  const JSONHandle whole = parse(state_.whole().json);
+  const json_t* const outage = json_array_get(json_object_get(whole.get(), "outages"), 0);
+  EXPECT_EQ(json_integer_value(json_object_get(json_object_get(outage, "applications"), "wget")),
+            2);
+  // With rows that the page tells apart.
+  const json_t* const rows = json_object_get(whole.get(), "flows");
+  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(rows, 0), "id")), "#1");
+  EXPECT_STREQ(json_string_value(json_object_get(json_array_get(rows, 1), "id")), "#2");
+}
+
+TEST_F(LiveStateTest, CountsAllThatANewProcessLeavesToTheSystem) {
+  const auto report = [this](int start, int direct) {
+    const JSONHandle status(json_pack("{s:{s:i}, s:{s:{s:i}}}", "program", "started_at", start,
+                                      "flows", "direct_by_reason", "gate_closed", direct));
+    state_.setStatus(status.get(), "");
+  };
+  const auto atOnce = [this] {
+    const JSONHandle whole = parse(state_.whole().json);
+    const json_t* const outage = json_array_get(json_object_get(whole.get(), "outages"), 0);
+    const std::string text = json_string_value(json_object_get(outage, "text"));
+    return std::atoi(text.substr(text.find("direct. ") + 8).c_str());
+  };
+  state_.receive(started("a", 2.0));
+  state_.receive(timedOut("a", 7.0));
+  // Before that, the monitor knows of nothing.
+  report(100, 5);
+  report(100, 7);
+  EXPECT_EQ(atOnce(), 2);
+  // Fewer and more than the old process.
+  report(200, 3);
+  EXPECT_EQ(atOnce(), 5);
+  report(300, 10);
+  EXPECT_EQ(atOnce(), 15);
 }
 
 TEST_F(LiveStateTest, SaysThatThereAreMoreMachinesThanItCounts) {
