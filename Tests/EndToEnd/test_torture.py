@@ -185,6 +185,8 @@ def test_no_connection_fails_while_everything_is_disturbed(neighbourhood):
         call_faults.Fault("sendto", "ENOBUFS", "40+"),
         call_faults.Fault("accept4", "ENFILE", "10+"),
         call_faults.Fault("socket", "EMFILE", "40+"),
+        # Where accepted connections lead is unknown.
+        call_faults.Fault("getsockopt", "ENOBUFS", "40+"),
     ],
     ids=str,
 )

@@ -27,8 +27,9 @@ constexpr SocketEndpoint kIPv4Loopback{AddressFamily::ipv4, {127, 0, 0, 1}, 0};
 constexpr SocketEndpoint kIPv6Loopback{
     AddressFamily::ipv6, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, 0};
 
-// The original destination of a redirected connection. Empty if the kernel does not track the
-// connection, which then cannot have been redirected; a direct connection returns our own listener.
+// The original destination of a redirected connection; empty with errno if the kernel does not say.
+// With ENOENT it does not track the connection, which then cannot have been redirected; a direct
+// connection returns our own listener.
 std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily family) {
   KernelAddress address;
   // The IPv6 option has the same number (linux/netfilter_ipv6/ip6_tables.h).
@@ -167,12 +168,15 @@ FlowListener::Accepted FlowListener::acceptOne(Socket& listener) {
   if (concernsOneConnection(error)) {
     return Accepted::one;
   }
-  // Flows offered from now on could not be accepted and would be reset at their deadline.
-  if (RedirectPath* const path = loop_.redirectPath()) {
-    path->reportStuck(loop_.index(),
-                      &listener == &ipv4_ ? AddressFamily::ipv4 : AddressFamily::ipv6, error);
-  }
+  reportStuck(&listener == &ipv4_ ? AddressFamily::ipv4 : AddressFamily::ipv6, error);
   return Accepted::stuck;
+}
+
+// Flows offered from now on could not be carried, and their connections would be reset.
+void FlowListener::reportStuck(AddressFamily family, int error) {
+  if (RedirectPath* const path = loop_.redirectPath()) {
+    path->reportStuck(loop_.index(), family, error);
+  }
 }
 
 void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
@@ -215,6 +219,9 @@ std::shared_ptr<FlowListener::Waiter> FlowListener::take(int descriptor,
                                                          const SocketEndpoint& peer) {
   const auto destination = originalDestination(descriptor, peer.family);
   if (!destination) {
+    if (errno != ENOENT) {
+      reportStuck(peer.family, errno);
+    }
     return nullptr;
   }
   auto found = find(peer, *destination);

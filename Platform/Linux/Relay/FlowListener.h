@@ -94,6 +94,7 @@ class FlowListener {
   Accepted acceptOne(Socket& listener);
   // As many as one turn allows. Returns the last result.
   Accepted acceptArrived(Socket& listener);
+  void reportStuck(AddressFamily family, int error);
   void handOver(int descriptor, const SocketEndpoint& peer);
   std::shared_ptr<Waiter> take(int descriptor, const SocketEndpoint& peer);
   Expected::iterator find(const SocketEndpoint& peer, const SocketEndpoint& destination);

@@ -1,11 +1,22 @@
 #include "Platform/Linux/Relay/FlowListener.h"
 
-#include <gtest/gtest.h>
+// Before the kernel's own headers, which then leave these definitions out.
 #include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/resource.h>
 
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/netfilter_ipv4.h>
+#include <linux/seccomp.h>
+#include <netinet/tcp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -244,6 +255,48 @@ TEST_F(FlowListenerTest, RecoversFromLackOfDescriptorsWithoutSpinning) {
   EXPECT_LE(activity.wakeups, 10U);
   EXPECT_LT(activity.cpuTime, 50ms);
   EXPECT_EQ(application.receiveToEnd().error, ECONNRESET);
+}
+
+class StuckWatcher final : public RedirectPath::Watcher {
+ public:
+  void connectionIsMissing(unsigned /*loopIndex*/, const FlowTuple& /*tuple*/) override {}
+  void connectionWillBeReset(const FlowTuple& /*tuple*/) override {}
+  void connectionsCannotBeAccepted(unsigned /*loopIndex*/, AddressFamily /*family*/,
+                                   int error) override {
+    error_ = error;
+  }
+
+  std::atomic<int> error_ = 0;
+};
+
+// From now on, the calling thread does not learn original destinations.
+void denyOriginalDestinations() {
+  std::array filter{
+      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getsockopt, 0, 3),
+      // The third argument, on a machine of little-endian order.
+      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SO_ORIGINAL_DST, 0, 1),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOBUFS),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program{filter.size(), filter.data()};
+  EXPECT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+  EXPECT_EQ(::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program), 0);
+}
+
+TEST_F(FlowListenerTest, LeavesFlowsAloneWhileOriginalDestinationsAreUnknown) {
+  const auto watcher = std::make_shared<StuckWatcher>();
+  loops_.redirectPath().setWatcher(watcher);
+  ApplicationSocket unexpected(kApplicationIPv4);
+  EXPECT_EQ(errorOfConnection(unexpected, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
+  EXPECT_TRUE(loops_.redirectPath().isUsable(AddressFamily::ipv4));
+
+  onLoop([] { denyOriginalDestinations(); });
+  ApplicationSocket application(kApplicationIPv4);
+  EXPECT_EQ(errorOfConnection(application, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
+  EXPECT_EQ(watcher->error_, ENOBUFS);
+  EXPECT_FALSE(loops_.redirectPath().isUsable(AddressFamily::ipv4));
 }
 
 TEST_F(FlowListenerTest, WithoutIPv6ThereIsNoPortForIt) {
