@@ -97,7 +97,12 @@ linuxplatform::SocketEndpoint loopback(std::uint16_t port) {
 LinuxContractEnvironment::LinuxContractEnvironment()
     : platform_({linuxplatform::LinuxPlatform::LogSink::standardError}),
       loops_(descriptors_, kLoops),
-      table_(installTable(loops_)) {}
+      table_(installTable(loops_)) {
+  for (const auto family :
+       {linuxplatform::AddressFamily::ipv4, linuxplatform::AddressFamily::ipv6}) {
+    loops_.redirectPath().setUsable(family, true);
+  }
+}
 
 LinuxContractEnvironment::~LinuxContractEnvironment() {
   loops_.stop();

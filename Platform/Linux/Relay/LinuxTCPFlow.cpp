@@ -103,16 +103,31 @@ void LinuxTCPFlow::releasePacket() {
   if (stage_ != Stage::held) {
     return;
   }
-  stage_ = Stage::released;
   EventLoop& loop = stream_.loop();
   const auto self = shared_from_this();
   if (stream_.user()) {
     stream_.user()->handshakeSucceeded();
   }
+  if (const RedirectPath* const path = loop.redirectPath();
+      path != nullptr && !path->isUsable(tuple_.source.family)) {
+    leaveHeld();
+    return;
+  }
+  stage_ = Stage::released;
   loop.listener().expect(std::shared_ptr<FlowListener::Waiter>(self, this));
   packet_->redirect(loop.index());
   packet_.reset();
   loop.listener().acceptReleased(tuple_.source.family);
+}
+
+// Redirected connections have ceased to arrive since the flow was offered; this one would be reset.
+void LinuxTCPFlow::leaveHeld() {
+  stage_ = Stage::ended;
+  packet_->accept();
+  packet_.reset();
+  platform::Error error = socketError(ECONNABORTED);
+  error.localizedDescription = "Connections cannot be accepted; this one was left to the system";
+  stream_.fail(std::move(error));
 }
 
 void LinuxTCPFlow::endHeld(const OptionalError& error) {

@@ -51,7 +51,8 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   // Succeeds without touching the packet; ECANCELED if the flow is closed or destroyed before.
   void open(std::optional<platform::HostEndpoint> localEndpoint,
             platform::ErrorCompletion completion) override;
-  // ETIMEDOUT if the connection has not arrived limits::kAcceptTimeout after the SYN was released.
+  // ETIMEDOUT if the connection has not arrived limits::kAcceptTimeout after the SYN was released,
+  // ECONNABORTED if the flow was left to the system because redirected connections do not arrive.
   // ECANCELED if the direction is closed. Otherwise the socket's error.
   void read(platform::ReadCompletion completion) override;
   void write(platform::Data data, platform::ErrorCompletion completion) override;
@@ -63,6 +64,7 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
 
   std::optional<ConnectByName> connectByName() const;
   void releasePacket();
+  void leaveHeld();
   void close(StreamSocket::Direction direction, const platform::OptionalError& error);
   void endHeld(const platform::OptionalError& error);
 

@@ -130,6 +130,18 @@ TEST_F(LinuxTCPFlowTest, TheFirstReadReleasesThePacket) {
   EXPECT_EQ(made.verdict->wait(), "redirect 0");
 }
 
+TEST_F(LinuxTCPFlowTest, LeavesTheFlowIfConnectionsNoLongerArrive) {
+  loops_.redirectPath().setUsable(AddressFamily::ipv4, false);
+  const Flow made = makeFlow(anySource());
+  const ReadOutcome outcome = read(*made.flow);
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, ECONNABORTED);
+  EXPECT_EQ(made.verdict->current(), "accept");
+  const auto error = write(*made.flow, "x");
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, ECONNABORTED);
+}
+
 TEST_F(LinuxTCPFlowTest, TheFirstWriteReleasesThePacketAndArrives) {
   ApplicationSocket application(kApplicationIPv4);
   const Flow made = makeFlow(application.local());

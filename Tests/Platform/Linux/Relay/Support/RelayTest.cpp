@@ -64,6 +64,9 @@ RelayTest::RelayTest() : destinationPort_(nextDestinationPort()) {
     throw std::runtime_error(installed.error().localizedDescription);
   }
   table_ = *std::move(installed);
+  for (const auto family : {AddressFamily::ipv4, AddressFamily::ipv6}) {
+    loops_.redirectPath().setUsable(family, true);
+  }
 }
 
 bool RelayTest::eventually(const std::function<bool()>& condition) {
