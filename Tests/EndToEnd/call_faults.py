@@ -151,7 +151,8 @@ class Suffered(NamedTuple):
 
     @property
     def is_explained(self):
-        return self.last_words[-1:] and self.last_words[-1].startswith("ostravel-extension: ")
+        # Before main(), the dynamic loader says it, and names the program by its path.
+        return self.last_words[-1:] and "ostravel-extension: " in self.last_words[-1]
 
     def promises(self):
         """Pairs of a text and True if it is kept."""

@@ -190,6 +190,7 @@ void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
   if (socket.isOpen()) {
     waiter->accepted(std::move(socket));
   } else {
+    reportStuck(peer.family, errno);
     waiter->timedOut();
   }
 }

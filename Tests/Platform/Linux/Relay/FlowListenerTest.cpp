@@ -8,6 +8,7 @@
 #include <linux/netfilter_ipv4.h>
 #include <linux/seccomp.h>
 #include <netinet/tcp.h>
+#include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -17,6 +18,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -269,15 +271,17 @@ class StuckWatcher final : public RedirectPath::Watcher {
   std::atomic<int> error_ = 0;
 };
 
-// From now on, the calling thread does not learn original destinations.
-void denyOriginalDestinations() {
+// From now on, calls of this thread with this argument fail.
+void failCalls(unsigned number, unsigned argument, unsigned value, unsigned error) {
+  // On a machine of little-endian order.
+  const auto place =
+      static_cast<unsigned>(offsetof(seccomp_data, args) + argument * sizeof(std::uint64_t));
   std::array filter{
       sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getsockopt, 0, 3),
-      // The third argument, on a machine of little-endian order.
-      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SO_ORIGINAL_DST, 0, 1),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOBUFS),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 3),
+      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, place),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
       sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
   };
   const sock_fprog program{filter.size(), filter.data()};
@@ -292,10 +296,25 @@ TEST_F(FlowListenerTest, LeavesFlowsAloneWhileOriginalDestinationsAreUnknown) {
   EXPECT_EQ(errorOfConnection(unexpected, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
   EXPECT_TRUE(loops_.redirectPath().isUsable(AddressFamily::ipv4));
 
-  onLoop([] { denyOriginalDestinations(); });
+  onLoop([] { failCalls(SYS_getsockopt, 2, SO_ORIGINAL_DST, ENOBUFS); });
   ApplicationSocket application(kApplicationIPv4);
   EXPECT_EQ(errorOfConnection(application, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
   EXPECT_EQ(watcher->error_, ENOBUFS);
+  EXPECT_FALSE(loops_.redirectPath().isUsable(AddressFamily::ipv4));
+}
+
+TEST_F(FlowListenerTest, LeavesFlowsAloneWhileNothingMoreCanBeWatched) {
+  const auto watcher = std::make_shared<StuckWatcher>();
+  loops_.redirectPath().setWatcher(watcher);
+  ApplicationSocket application(kApplicationIPv4);
+  const auto waiter = std::make_shared<KeepingWaiter>(tupleOf(application.local()));
+  onLoop([&] {
+    loop().listener().expect(waiter);
+    failCalls(SYS_epoll_ctl, 1, EPOLL_CTL_ADD, ENOSPC);
+  });
+  arrive(application);
+  EXPECT_EQ(application.receiveToEnd().error, ECONNRESET);
+  EXPECT_TRUE(eventually([&] { return watcher->error_ == ENOSPC; }));
   EXPECT_FALSE(loops_.redirectPath().isUsable(AddressFamily::ipv4));
 }
 
