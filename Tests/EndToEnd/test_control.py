@@ -354,7 +354,7 @@ class RestartedExtension(threading.Thread):
         }  # fmt: skip
 
 
-def test_follows_flows_of_a_restarted_extension_from_its_first_one(laboratory, tmp_path):
+def test_follows_flows_of_a_restarted_extension(laboratory, tmp_path):
     extension = RestartedExtension(str(tmp_path / "control.sock"))
     following = laboratory.start(
         [laboratory.program_path("ostravelctl"), "--socket", str(tmp_path / "control.sock"), "flows",
