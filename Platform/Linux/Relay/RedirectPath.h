@@ -37,8 +37,8 @@ class RedirectPath {
   void setWatcher(std::weak_ptr<Watcher> watcher);
   // A connection released for this loop has not arrived in time.
   void reportMissing(unsigned loopIndex, const FlowTuple& tuple);
-  // A loop's listener cannot accept anything for now, for lack of descriptors or memory, or cannot use
-  // what it accepts. The path is unusable when this returns.
+  // A loop's listener cannot accept anything for now, for lack of descriptors or memory, or cannot
+  // use what it accepts. The path is unusable when this returns.
   void reportStuck(unsigned loopIndex, AddressFamily family, int error);
   // We are about to reset a connection that has arrived. For some seconds the kernel would redirect
   // a new connection with the same addresses and ports like this one. This has been prevented when
