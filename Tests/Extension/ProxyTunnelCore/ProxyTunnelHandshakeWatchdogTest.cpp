@@ -222,6 +222,18 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, DoesNothingInATimerThatOutlivesIt) {
   EXPECT_EQ(timeouts_, 0);
 }
 
+TEST_F(ProxyTunnelHandshakeWatchdogTest, DoesNothingInAnExpirationThatWasDueWhenItFinished) {
+  test::NotingPlatform platform(simulation_);
+  const auto watchdog = std::make_shared<ProxyTunnelHandshakeWatchdog>(platform, 5.0, queue_,
+                                                                       [this] { ++timeouts_; });
+  watchdog->start();
+  watchdog->finishWithoutCallback();
+
+  platform.expire();
+
+  EXPECT_EQ(timeouts_, 0);
+}
+
 TEST_F(ProxyTunnelHandshakeWatchdogTest, IsNotKeptAliveByItsTimer) {
   auto watchdog = make(5.0);
   const std::weak_ptr<ProxyTunnelHandshakeWatchdog> weakWatchdog = watchdog;

@@ -47,11 +47,16 @@ class NotingQueue final : public platform::DispatchQueue {
 
 class NotingTimer final : public platform::DispatchTimer {
  public:
-  NotingTimer(std::shared_ptr<platform::DispatchTimer> other, Notes notes, std::string name)
-      : other_(std::move(other)), notes_(std::move(notes)), name_(std::move(name)) {}
+  NotingTimer(std::shared_ptr<platform::DispatchTimer> other, Notes notes, std::string name,
+              std::shared_ptr<Handler> latestHandler)
+      : other_(std::move(other)),
+        notes_(std::move(notes)),
+        name_(std::move(name)),
+        latestHandler_(std::move(latestHandler)) {}
 
   void setEventHandler(Handler handler) override {
     note("handler");
+    *latestHandler_ = handler;
     other_->setEventHandler(std::move(handler));
   }
   void schedule(std::chrono::nanoseconds delay, std::optional<std::chrono::nanoseconds> interval,
@@ -75,6 +80,7 @@ class NotingTimer final : public platform::DispatchTimer {
   const std::shared_ptr<platform::DispatchTimer> other_;
   const Notes notes_;
   const std::string name_;
+  const std::shared_ptr<Handler> latestHandler_;
 };
 
 }  // namespace
@@ -97,7 +103,8 @@ std::shared_ptr<platform::DispatchTimer> NotingPlatform::makeTimer(
     std::shared_ptr<platform::DispatchQueue> queue) {
   const std::string name = "timer " + std::to_string(++timerCount_);
   notes_->push_back(name + " on " + queue->label());
-  auto timer = std::make_shared<NotingTimer>(other_.makeTimer(std::move(queue)), notes_, name);
+  auto timer = std::make_shared<NotingTimer>(other_.makeTimer(std::move(queue)), notes_, name,
+                                             latestHandler_);
   if (keepsTimers_) {
     keptTimers_.push_back(timer);
   }

@@ -26,6 +26,8 @@ class NotingPlatform final : public platform::Platform {
   const std::vector<std::string>& notes() const { return *notes_; }
   // The timers that are made later exist as long as this.
   void keepTimers() { keepsTimers_ = true; }
+  // Runs the latest handler of any timer, as an expiration does that was due before a cancellation.
+  void expire() const { (*latestHandler_)(); }
   // The lines that begin with this.
   std::vector<std::string> notesOf(std::string_view beginning) const;
   void clearNotes() { notes_->clear(); }
@@ -51,6 +53,8 @@ class NotingPlatform final : public platform::Platform {
   // Queues and timers write into it as well and may outlive this.
   const std::shared_ptr<std::vector<std::string>> notes_ =
       std::make_shared<std::vector<std::string>>();
+  const std::shared_ptr<platform::DispatchTimer::Handler> latestHandler_ =
+      std::make_shared<platform::DispatchTimer::Handler>();
   int timerCount_ = 0;
   bool keepsTimers_ = false;
   std::vector<std::shared_ptr<platform::DispatchTimer>> keptTimers_;
