@@ -108,7 +108,8 @@ class Browser:
                 self.complaints.append(parameters["entry"]["text"])
 
     def open(self, url):
-        self._ask("Page.navigate", url=url)
+        opened = self._ask("Page.navigate", url=url)
+        assert "errorText" not in opened, opened
         self.wait("document.readyState === 'complete'")
 
     def resize(self, width, height):
@@ -129,7 +130,7 @@ class Browser:
         """Waits until the expression is true."""
         end = time.monotonic() + seconds
         while not self.run(script):
-            assert time.monotonic() < end, f"never true: {script}"
+            assert time.monotonic() < end, f"never true: {script}; {self.complaints}"
             time.sleep(0.05)
 
     def press(self, key):

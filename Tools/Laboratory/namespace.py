@@ -66,18 +66,21 @@ def _make():
     if os.fstat(descriptor).st_ino == outside:
         raise Problem("the network namespace is not a new one")
     for part in ("all", "default"):
-        _enable_ipv6(part)
+        _set_ipv6(part, "disable_ipv6", "0")
+    # Nobody else can have the address of an interface's link. While the kernel looks for somebody,
+    # that address changes a second or two later, and a browser ends what it is loading then.
+    _set_ipv6("default", "accept_dad", "0")
     run("ip", "link", "set", "lo", "up")
     return descriptor
 
 
-def _enable_ipv6(part):
-    setting = pathlib.Path(f"/proc/sys/net/ipv6/conf/{part}/disable_ipv6")
+def _set_ipv6(part, name, value):
+    setting = pathlib.Path(f"/proc/sys/net/ipv6/conf/{part}/{name}")
     try:
-        if setting.read_text().strip() != "0":
-            setting.write_text("0\n")
+        if setting.read_text().strip() != value:
+            setting.write_text(value + "\n")
     except OSError:
-        # Read-only in some containers, which then keep their IPv6 setting.
+        # Read-only in some containers, which then keep their IPv6 settings.
         pass
 
 

@@ -6,9 +6,11 @@ import socket
 import subprocess
 import sys
 import threading
+import time
 
 import pytest
 
+from Laboratory.lines import GENEROUS_SECONDS
 from Laboratory.namespace import Namespace, processes_in
 from Laboratory.network import (
     HERE4,
@@ -116,6 +118,20 @@ def test_the_cable_connects_here_and_there(network, here, there):
         connection, peer = listener.accept()
         connection.close()
         assert peer[0] == here
+
+
+def test_addresses_do_not_change_later(network):
+    def tentative():
+        return network.here.run("ip", "-6", "-o", "address", "show", "tentative")
+
+    end = time.monotonic() + GENEROUS_SECONDS
+    while tentative():
+        assert time.monotonic() < end
+    # The kernel has not looked for others with the same address, for which it waits a second.
+    counters = dict(
+        line.split() for line in network.here.run("cat", "/proc/net/snmp6").splitlines()
+    )
+    assert counters["Icmp6OutNeighborSolicits"] == "0"
 
 
 def test_a_network_needs_no_permission_outside():
