@@ -143,8 +143,11 @@ TEST_P(DispatchTimerContractTest, LeewayDoesNotDelayWhatIsDueAtOnce) {
 TEST_P(DispatchTimerContractTest, TheNewHandlerRunsInsteadOfTheOldOne) {
   std::atomic<int> old = 0;
   timer_->setEventHandler([&old] { ++old; });
-  start(20ms);
-  timer_->setEventHandler(noting());
+  // The queue is busy, so that it cannot fire in between.
+  queue_->sync([&] {
+    start(20ms);
+    timer_->setEventHandler(noting());
+  });
   ASSERT_TRUE(waitUntil([&] { return fired_.size() == 1; }));
   EXPECT_EQ(old, 0);
 }
@@ -235,8 +238,11 @@ TEST_P(DispatchTimerContractTest, TheHandlerMayDestroyTheTimer) {
     fired_.add(environment_->now());
     timer->setEventHandler([] {});
   });
-  sameTimer.schedule(1ms, std::nullopt, 0ns);
-  sameTimer.resume();
+  // The queue is busy, so that the timer outlives these calls.
+  queue_->sync([&] {
+    sameTimer.schedule(1ms, std::nullopt, 0ns);
+    sameTimer.resume();
+  });
   EXPECT_TRUE(waitUntil([&] { return fired_.size() == 1; }));
 }
 
