@@ -19,14 +19,22 @@ using namespace std::string_view_literals;
 class PlatformContractTest : public ContractTest {};
 
 TEST_P(PlatformContractTest, TheClockAdvancesAsTimePasses) {
+  // The machine may be busy between any two of these lines, so the other clock is read outside and
+  // inside.
+  const auto outerStart = environment_->now();
   const auto before = platform().clock().secondsSince1970();
-  const auto start = environment_->now();
+  const auto innerStart = environment_->now();
   environment_->spend(50ms);
-  const auto passed = std::chrono::duration<double>(environment_->now() - start).count();
+  const auto innerEnd = environment_->now();
   const auto shown = platform().clock().secondsSince1970() - before;
-  // Two clocks are read one after the other, and the machine may be busy in between.
-  EXPECT_NEAR(shown, passed, 0.5);
-  EXPECT_GE(shown, 0.04);
+  const auto outerEnd = environment_->now();
+  const auto seconds = [](std::chrono::nanoseconds time) {
+    return std::chrono::duration<double>(time).count();
+  };
+  // The clock may advance in steps, and be adjusted.
+  constexpr double kTolerance = 0.015;
+  EXPECT_GE(shown, seconds(innerEnd - innerStart) - kTolerance);
+  EXPECT_LE(shown, seconds(outerEnd - outerStart) + kTolerance);
 }
 
 TEST_P(PlatformContractTest, TheClockCountsFrom1970) {
