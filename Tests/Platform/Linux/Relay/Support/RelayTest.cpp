@@ -156,11 +156,14 @@ platform::OptionalError RelayTest::write(LinuxTCPConnection& connection, const s
 
 std::future<platform::OptionalError> RelayTest::writeUntilStalled(LinuxTCPConnection& connection,
                                                                   std::size_t& acknowledged) {
-  const std::string chunk(256 * 1024, 'w');
+  // Each is much larger than the one before, so that the kernel, which may free some more of its
+  // buffers a moment later, does not complete the last one.
+  constexpr std::size_t kFirst = 256 * 1024;
+  constexpr std::size_t kGrowth = 4;
   acknowledged = 0;
-  while (true) {
+  for (std::size_t size = kFirst;; size *= kGrowth) {
     auto [completion, future] = errorCompletion();
-    connection.write(platform::Data::copyOf(chunk), std::move(completion));
+    connection.write(platform::Data::copyOf(std::string(size, 'w')), std::move(completion));
     // The write is tried on the loop at once; a completion follows in the next turn.
     drain();
     drain();
@@ -168,7 +171,7 @@ std::future<platform::OptionalError> RelayTest::writeUntilStalled(LinuxTCPConnec
       return std::move(future);
     }
     EXPECT_FALSE(future.get());
-    acknowledged += chunk.size();
+    acknowledged += size;
   }
 }
 
