@@ -250,10 +250,13 @@ TEST_F(FlowListenerTest, RecoversFromLackOfDescriptorsWithoutSpinning) {
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
   const int connected = application.connectTo("127.0.0.1", loop().listener().ipv4Port());
   const Activity activity = activityWithin(5 * limits::kAcceptPause);
+  // It tries again; on a busy machine, perhaps not during that time.
+  const std::uint64_t wakeups = onLoop([this] { return loop().counters().wakeups; });
+  const bool triesAgain = eventually([&] { return loop().counters().wakeups >= wakeups + 2; });
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
 
   ASSERT_EQ(connected, 0);
-  EXPECT_GE(activity.wakeups, 2U);
+  EXPECT_TRUE(triesAgain);
   EXPECT_LE(activity.wakeups, 10U);
   EXPECT_LT(activity.cpuTime, 50ms);
   EXPECT_EQ(application.receiveToEnd().error, ECONNRESET);
