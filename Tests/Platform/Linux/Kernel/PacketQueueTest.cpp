@@ -24,7 +24,7 @@ using testing::outputOf;
 using testing::TestListener;
 using testing::waitForPackets;
 
-constexpr auto kGenerous = 5s;
+constexpr auto kGenerous = 20s;
 
 std::unique_ptr<PacketQueue> openQueue() {
   return *PacketQueue::open();
