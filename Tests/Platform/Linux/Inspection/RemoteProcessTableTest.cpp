@@ -92,8 +92,10 @@ TEST_F(RemoteProcessTableTest, NoticesThatAProgramWasRemoved) {
   const Helper helper(program);
   auto process = findSettled(*remote_, helper.pid());
   ASSERT_TRUE(process);
-  EXPECT_FALSE(remote_->refreshExecutable(*process));
-  EXPECT_TRUE(remote_->isAnswering());
+  EXPECT_TRUE(waitUntil([&] {
+    EXPECT_FALSE(remote_->refreshExecutable(*process));
+    return remote_->isAnswering();
+  }));
   std::filesystem::remove(program);
   EXPECT_TRUE(waitUntil([&] {
     remote_->refreshExecutable(*process);

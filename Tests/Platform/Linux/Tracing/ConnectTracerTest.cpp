@@ -27,6 +27,7 @@
 #include "Tests/Platform/Linux/Support/PrivateProcesses.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/TemporaryFolder.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -77,7 +78,12 @@ TEST(ConnectTracerTest, RecordsTheExecutable) {
   ASSERT_EQ(helper.ask("reconnect 5"), "done");
   const auto record = tracer->recordOf(cookieOf(socket));
   ASSERT_TRUE(record);
-  const auto process = processes.find(helper.pid(), record->executable);
+  // On a busy machine the file system may answer late.
+  std::optional<Process> process;
+  EXPECT_TRUE(waitUntil([&] {
+    process = processes.find(helper.pid(), record->executable);
+    return process && process->isExecutableSettled;
+  }));
   ASSERT_TRUE(process);
   EXPECT_TRUE(process->isExecutableGenuine);
   EXPECT_EQ(record->process, helper.pid());
