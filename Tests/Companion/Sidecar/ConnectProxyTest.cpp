@@ -1,6 +1,7 @@
 #include "Companion/Sidecar/ConnectProxy.h"
 
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
@@ -249,6 +250,9 @@ TEST_F(ConnectProxyTest, ANewTunnelDoesNotWaitForManyBusyOnes) {
   }
   const TestSocket client = connectClient();
   client.send(connectTo(listener.target()));
+  for (int unacknowledged = 1; unacknowledged != 0; std::this_thread::yield()) {
+    ASSERT_EQ(::ioctl(client.descriptor(), SIOCOUTQ, &unacknowledged), 0);
+  }
   everythingArrived.set_value();
   // Two turns: one to accept it, one to read its request. Without turns it would be several times
   // as much.
@@ -448,7 +452,8 @@ TEST_F(ConnectProxyTest, TriesTheNextAddressWhenOneDoesNotAnswer) {
               {asio::ip::make_address("127.0.0.1"), target.port}});
     return nullptr;
   };
-  limits_.connect = 100ms;
+  // Far longer than a connection takes that is answered.
+  limits_.connect = 1s;
   start();
   const TestSocket client = connectClient();
   client.send(connectTo("two.example:" + std::to_string(listener.port())));
