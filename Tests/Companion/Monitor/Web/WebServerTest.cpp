@@ -173,7 +173,11 @@ TEST_F(WebServerTest, SurvivesNonsense) {
         std::string("GET /?token=%zz%00 HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n"),
         std::string("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 99999999999\r\n\r\n")}) {
     const TestSocket socket = TestSocket::connectTcp(port());
-    socket.send(bytes);
+    try {
+      socket.send(bytes);
+    } catch (const std::runtime_error&) {
+      // It need not have read all of them before it ended the connection.
+    }
     socket.endSending();
     static_cast<void>(socket.waitForEnd());
   }
