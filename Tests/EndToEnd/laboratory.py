@@ -45,6 +45,7 @@ class Fetched(NamedTuple):
     body: str
     own_port: int
     details: str
+    repetitions: int = 0  # of the connection's first packet; TCP waits a second for the first one
 
     @property
     def seen_port(self):
@@ -72,6 +73,13 @@ def receive_exactly(connection, size):
         assert part, f"ended after {len(received)} of {size} bytes"
         received += part
     return bytes(received)
+
+
+def retransmissions(connection):
+    """How many segments the connection has sent again: total_retrans of tcp_info, linux/tcp.h."""
+    offset = 8 + 23 * 4
+    information = connection.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, offset + 4)
+    return struct.unpack_from("I", information, offset)[0]
 
 
 def reset(connection):
@@ -424,9 +432,10 @@ class Laboratory:
         try:
             with self.connect(host, port, seconds) as connection:
                 own_port = connection.getsockname()[1]
+                repetitions = retransmissions(connection)
                 connection.sendall(b"GET / HTTP/1.0\r\n\r\n")
                 body = receive_all(connection).partition(b"\r\n\r\n")[2]
-                return Fetched(0 if body else 1, body.decode(), own_port, "")
+                return Fetched(0 if body else 1, body.decode(), own_port, "", repetitions)
         except OSError as error:
             return Fetched(error.errno or errno.ETIMEDOUT, "", 0, str(error))
 

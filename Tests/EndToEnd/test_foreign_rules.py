@@ -1,7 +1,6 @@
 """Rules of other programs may prevent proxying, but never break a connection."""
 
 import socket
-import time
 
 import pytest
 
@@ -13,9 +12,6 @@ SO_MARK = 36  # asm-generic/socket.h
 # The default bits of ours, and the value that refuses.
 MARK_UNIT = 1 << 25
 REFUSED = 2 * MARK_UNIT
-
-# A lost SYN is retransmitted after a second.
-WITH_ONE_REPETITION_SECONDS = 3.2
 
 # A firewall that accepts only loopback addresses on loopback.
 DROPPING = """
@@ -70,15 +66,14 @@ def test_lost_redirected_connections_go_direct(laboratory, rules, host):
     _, extension = laboratory.start_system()
     eventually(lambda: laboratory.fetch(host, 7860).way == "proxied", "flows are proxied")
     add_rules(laboratory, rules)
-    start = time.monotonic()
-    assert laboratory.fetch(host, 7860).way == "direct"
-    assert time.monotonic() - start < WITH_ONE_REPETITION_SECONDS
+    fetched = laboratory.fetch(host, 7860)
+    # It is noticed within a second, but a busy machine takes longer.
+    assert (fetched.way, fetched.repetitions <= 3) == ("direct", True), fetched
     extension.expect(extension.errors, "do not arrive")
     # From now on nothing is offered.
     for _ in range(5):
-        start = time.monotonic()
-        assert laboratory.fetch(host, 7860).way == "direct"
-        assert time.monotonic() - start < 0.5
+        fetched = laboratory.fetch(host, 7860)
+        assert (fetched.way, fetched.repetitions) == ("direct", 0)
     assert len(complaints(extension)) == 1
 
 
