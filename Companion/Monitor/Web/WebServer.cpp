@@ -9,9 +9,11 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <thread>
@@ -114,6 +116,17 @@ class AdoptingServer final : public httplib::Server {
   void adopt(int listener) { svr_sock_ = listener; }
 };
 
+// The library would compress the text for a browser, as well as it can: with a long history that
+// takes a processor for seconds, to save a copy within this machine.
+void setPlainContent(httplib::Response& response, std::string text, const char* type) {
+  const auto whole = std::make_shared<const std::string>(std::move(text));
+  response.set_content_provider(
+      whole->size(), type,
+      [whole](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+        return sink.write(whole->data() + offset, length);
+      });
+}
+
 bool needsToken(std::string_view path) {
   return path == "/" || path == "/metrics" || path.starts_with("/api/");
 }
@@ -197,7 +210,7 @@ class WebServer::Server {
 
   void addData() {
     http_.Get("/api/state", [this](const Request&, Response& response) {
-      response.set_content(state_.whole().json, "application/json");
+      setPlainContent(response, state_.whole().json, "application/json");
     });
     http_.Get("/api/flow", [this](const Request& request, Response& response) {
       const std::string json = state_.flow(request.get_param_value("id"));

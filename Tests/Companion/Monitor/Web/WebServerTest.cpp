@@ -98,6 +98,15 @@ TEST_F(WebServerTest, ServesStateFlowsAndMetrics) {
       "200");
 }
 
+TEST_F(WebServerTest, DoesNotCompressTheState) {
+  state_.receive(started("f1"));
+  const std::string answer =
+      request("/api/state" + query_, "localhost", "GET", "Accept-Encoding: gzip, deflate, br\r\n")
+          .receiveToEnd();
+  EXPECT_EQ(answer.find("Content-Encoding"), std::string::npos);
+  EXPECT_NE(answer.find("\"id\":\"f1\""), std::string::npos);
+}
+
 TEST_F(WebServerTest, SendsUpdatesAsTheyCome) {
   const TestSocket page = request("/api/updates" + query_ + "&after=0,0,0");
   state_.receive(started("f1"));
