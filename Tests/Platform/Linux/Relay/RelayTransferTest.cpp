@@ -80,15 +80,24 @@ class RelayTransferTest : public RelayTunnelTest {
 };
 
 constexpr std::size_t kLargeTransfer = 24 * 1024 * 1024;
+// Splicing begins after some full reads in a row. With slow senders, as under a sanitizer on a busy
+// machine, a whole transfer may have none.
+constexpr int kMostTransfers = 20;
 
 TEST_F(RelayTransferTest, CarriesLargeTransfersBothWaysByCopyingAndBySplicing) {
   Tunnel tunnel = makeTunnel();
   const auto before = counters();
-  transferBothWays(tunnel, kLargeTransfer);
-  const auto after = counters();
+  auto after = before;
+  std::size_t carried = 0;
+  for (int count = 0; count < kMostTransfers && after.splicedBytes == before.splicedBytes;
+       ++count) {
+    transferBothWays(tunnel, kLargeTransfer);
+    carried += 2 * kLargeTransfer;
+    after = counters();
+  }
   const auto copied = after.copiedBytes - before.copiedBytes;
   const auto spliced = after.splicedBytes - before.splicedBytes;
-  EXPECT_EQ(copied + spliced, 2 * kLargeTransfer);
+  EXPECT_EQ(copied + spliced, carried);
   EXPECT_GE(copied, 2 * limits::kFullReadsBeforeSplice * limits::kBufferSize);
   EXPECT_GT(spliced, 0U);
 }
@@ -122,7 +131,9 @@ TEST_F(RelayTransferTest, CopiesSmallExchanges) {
 
 TEST_F(RelayTransferTest, CopiesAgainAfterABulkTransfer) {
   Tunnel tunnel = makeTunnel();
-  transferBothWays(tunnel, kLargeTransfer);
+  for (int count = 0; count < kMostTransfers && counters().splicedBytes == 0; ++count) {
+    transferBothWays(tunnel, kLargeTransfer);
+  }
   ASSERT_GT(counters().splicedBytes, 0U);
   for (unsigned round = 0; round < limits::kSmallChunksBeforeCopy; ++round) {
     tunnel.server.send("small");
@@ -162,7 +173,9 @@ TEST_F(RelayTransferTest, AResetInABulkTransferEndsTheTunnel) {
     while (::send(tunnel.server.descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0) {
     }
   });
-  EXPECT_EQ(tunnel.application.receive(kLargeTransfer).bytes.size(), kLargeTransfer);
+  for (int count = 0; count < kMostTransfers && counters().splicedBytes == 0; ++count) {
+    EXPECT_EQ(tunnel.application.receive(kLargeTransfer).bytes.size(), kLargeTransfer);
+  }
   EXPECT_GT(counters().splicedBytes, 0U);
   tunnel.application.reset();
   waitFor(std::move(closed));
