@@ -265,6 +265,75 @@ def test_a_stopped_or_killed_inspector_costs_no_connection(laboratory):
     assert extension.stop() == 0
 
 
+# Passes questions on, and answers later than the extension waits once the file exists.
+DELAY_ANSWERS = """
+import os, socket, sys, threading, time
+path, inspector, slow = sys.argv[1:]
+
+def pass_on(source, target, may_wait):
+    while True:
+        message, descriptors, _, _ = socket.recv_fds(source, 65536, 4)
+        if not message:
+            target.shutdown(socket.SHUT_RDWR)
+            return
+        if may_wait and os.path.exists(slow):
+            time.sleep(0.3)
+        socket.send_fds(target, [message], descriptors)
+        for descriptor in descriptors:
+            os.close(descriptor)
+
+listener = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+listener.bind(path)
+os.chmod(path, 0o777)
+listener.listen()
+print("listening", flush=True)
+while True:
+    client = listener.accept()[0]
+    server = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    server.connect(inspector)
+    for source, target, may_wait in ((client, server, False), (server, client, True)):
+        threading.Thread(target=pass_on, args=(source, target, may_wait), daemon=True).start()
+"""
+
+# One connection after the other, by one process.
+KEEP_FETCHING = """#!/usr/bin/python3 -I
+import socket, sys, time
+while True:
+    with socket.create_connection((sys.argv[1], int(sys.argv[2])), timeout=30) as connection:
+        connection.sendall(b"GET / HTTP/1.0\\r\\n\\r\\n")
+        while connection.recv(4096):
+            pass
+    time.sleep(0.5)
+"""
+
+
+def test_a_slow_inspector_names_a_process_at_a_later_connection(laboratory, script):
+    pathlib.Path(script).write_text(KEEP_FETCHING, encoding="utf-8")
+    _, path = start_inspector(laboratory)
+    slow_path, slow = laboratory.path("slow.sock"), laboratory.path("slow")
+    relay = laboratory.start(
+        [PYTHON, "-c", DELAY_ANSWERS, slow_path, path, slow], name="slow-inspector"
+    )
+    relay.expect(relay.output, "listening")
+    laboratory.start_monitor()
+    os.chmod(laboratory.socket_path, 0o666)
+    laboratory.start_sidecar(user=989)
+    extension = laboratory.start_extension(
+        "--inspector", slow_path, prefix=as_service_user("+net_admin,+net_raw,+bpf,+perfmon")
+    )
+    laboratory.wait_until_proxied()
+    pathlib.Path(slow).touch()
+    laboratory.start([script, THERE4, str(PEER_PORT)], name="fetch")
+    eventually(
+        lambda: any(
+            event.get("context", {}).get("app_id") == script
+            for event in laboratory.events.since()
+        ),
+        "the process is named",
+    )
+    assert extension.stop() == 0
+
+
 def test_the_inspector_names_what_it_lacks(laboratory):
     program = laboratory.program_path("ostravel-inspector")
     alone = laboratory.start([program], name="ostravel-inspector")

@@ -344,7 +344,8 @@ KnownProcess* ApplicationIdentifierSource::tracedSender(const ConnectRecord& rec
   // Its users may have changed in the meantime.
   process->stamp = stamp;
   KnownProcess& inserted = known_.insert(std::move(*process));
-  inserted.place = place;
+  // Otherwise it is examined again at once.
+  inserted.place = processes_->isAnswering() ? place : 0;
   return &inserted;
 }
 

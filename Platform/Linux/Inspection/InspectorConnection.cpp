@@ -53,14 +53,20 @@ InspectorConnection::InspectorConnection(std::string path, std::shared_ptr<Inspe
 std::optional<InspectorConnection::Reply> InspectorConnection::ask(
     InspectionQuestion question, std::chrono::milliseconds patience) {
   const auto deadline = Clock::now() + patience;
+  receiveLate();
+  if (auto late = late_.take(question)) {
+    return Reply{*std::move(late), FileDescriptor(), true};
+  }
   // The inspector may have been restarted since the last question: that costs a second attempt.
   constexpr int kAttempts = 2;
   for (int attempt = 0; attempt < kAttempts && isReady(); ++attempt) {
     question.number = ++number_;
+    subject_ = LateAnswers::subjectOf(question);
     std::optional<Reply> reply;
     const auto outcome = send(encode(question)) ? await(deadline, reply) : Outcome::ended;
     if (outcome == Outcome::answered) {
       pause_ = kFirstPause;
+      subject_.reset();
       health_->noteAnswer();
       return reply;
     }
@@ -76,24 +82,34 @@ std::optional<InspectorConnection::Reply> InspectorConnection::ask(
   return std::nullopt;
 }
 
+void InspectorConnection::receiveLate() {
+  if (!socket_.isOpen() || !openSince_) {
+    return;
+  }
+  std::optional<Reply> reply;
+  const auto outcome = receive(reply);
+  if (outcome == Outcome::pending) {
+    return;
+  }
+  openSince_.reset();
+  if (outcome == Outcome::ended) {
+    socket_ = FileDescriptor();
+  } else if (subject_) {
+    late_.keep(*std::exchange(subject_, std::nullopt), std::move(reply->answer));
+  }
+}
+
 bool InspectorConnection::isReady() {
   if (socket_.isOpen() && openSince_) {
-    std::optional<Reply> late;
-    const auto outcome = receive(late);
-    if (outcome == Outcome::pending) {
-      const auto silence = Clock::now() - *openSince_;
-      if (silence >= kToleratedSilence) {
-        health_->noteFailure("the inspector does not answer");
-      }
-      if (silence < kLongestSilence) {
-        return false;
-      }
-      giveUp("the inspector does not answer");
+    const auto silence = Clock::now() - *openSince_;
+    if (silence >= kToleratedSilence) {
+      health_->noteFailure("the inspector does not answer");
     }
+    if (silence < kLongestSilence) {
+      return false;
+    }
+    giveUp("the inspector does not answer");
     openSince_.reset();
-    if (outcome == Outcome::ended) {
-      socket_ = FileDescriptor();
-    }
   }
   if (!socket_.isOpen() && Clock::now() >= nextAttempt_) {
     connect();
@@ -147,7 +163,7 @@ InspectorConnection::Outcome InspectorConnection::receive(std::optional<Reply>& 
       return Outcome::ended;
     }
     if (answer->number == number_) {
-      reply.emplace(Reply{*std::move(answer), std::move(descriptor)});
+      reply.emplace(Reply{*std::move(answer), std::move(descriptor), false});
       return Outcome::answered;
     }
   }

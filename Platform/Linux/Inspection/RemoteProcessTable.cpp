@@ -149,8 +149,10 @@ std::vector<std::optional<std::string>> RemoteProcessTable::problemsWith(
 
 std::optional<InspectorConnection::Reply> RemoteProcessTable::ask(
     InspectionQuestion question, std::chrono::milliseconds patience) const {
+  const Kind kind = question.kind;
   auto reply = connection_->ask(std::move(question), patience);
-  isAnswering_ = reply.has_value();
+  // The file at a late answer's path may have been replaced since.
+  isAnswering_ = reply && !(reply->isLate && kind == Kind::find);
   return reply;
 }
 

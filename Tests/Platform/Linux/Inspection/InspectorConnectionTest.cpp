@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -32,7 +33,15 @@ constexpr auto kGenerous = 60s;
 class InspectorConnectionTest : public ::testing::Test {
  protected:
   std::optional<InspectorConnection::Reply> ask(std::chrono::milliseconds patience) {
-    return connection_.ask({.kind = InspectionQuestion::Kind::commonView}, patience);
+    return connection_.ask({.kind = InspectionQuestion::Kind::stamp}, patience);
+  }
+
+  // Which file this process runs; its late answer may be used.
+  std::optional<InspectorConnection::Reply> askForProgram(std::chrono::milliseconds patience) {
+    InspectionQuestion question{.kind = InspectionQuestion::Kind::find};
+    question.process.pid = ::getpid();
+    question.file = FileIdentity{1, 2};
+    return connection_.ask(question, patience);
   }
 
   static FileDescriptor accept(const FileDescriptor& listener) {
@@ -53,8 +62,16 @@ class InspectorConnectionTest : public ::testing::Test {
               static_cast<ssize_t>(message.size()));
   }
 
-  static void answer(const FileDescriptor& connection, std::uint64_t number) {
-    send(connection, encode(InspectionAnswer{.number = number, .isPositive = true}));
+  static void answer(const FileDescriptor& connection, std::uint64_t number,
+                     const std::string& executable = {}) {
+    InspectionAnswer answer{.number = number, .isPositive = true};
+    answer.process.executable = executable;
+    send(connection, encode(answer));
+  }
+
+  static bool isSilent(const FileDescriptor& connection) {
+    char byte = 0;
+    return ::recv(connection.get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK) < 0 && errno == EAGAIN;
   }
 
   // Asks while the inspector does this.
@@ -127,6 +144,93 @@ TEST_F(InspectorConnectionTest, AsksAgainOnceTheLateAnswerHasArrived) {
   const auto reply = askWhile([&connection] { answer(connection, receiveNumber(connection)); });
   EXPECT_TRUE(reply);
   EXPECT_EQ(warnings(), "");
+}
+
+TEST_F(InspectorConnectionTest, ALateAnswerIsForTheSameQuestion) {
+  const auto listener = listenOn(path_);
+  EXPECT_FALSE(askForProgram(1ms));
+  const auto connection = accept(listener);
+  answer(connection, receiveNumber(connection), "/program");
+  // Another question comes first, and is late as well.
+  EXPECT_FALSE(ask(1ms));
+  const auto number = receiveNumber(connection);
+  const auto reply = askForProgram(0ms);
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->isLate);
+  EXPECT_EQ(reply->answer.process.executable, "/program");
+  // It was not asked again, and is the next time.
+  EXPECT_TRUE(isSilent(connection));
+  answer(connection, number);
+  EXPECT_FALSE(askForProgram(1ms));
+  EXPECT_FALSE(isSilent(connection));
+}
+
+TEST_F(InspectorConnectionTest, ARepeatedLateAnswerCountsOnce) {
+  const auto listener = listenOn(path_);
+  EXPECT_FALSE(askForProgram(1ms));
+  const auto connection = accept(listener);
+  const auto number = receiveNumber(connection);
+  answer(connection, number, "/program");
+  answer(connection, number, "/other");
+  const auto late = askForProgram(0ms);
+  ASSERT_TRUE(late);
+  EXPECT_EQ(late->answer.process.executable, "/program");
+  std::thread inspector(
+      [&connection] { answer(connection, receiveNumber(connection), "/program"); });
+  const auto reply = askForProgram(kGenerous);
+  inspector.join();
+  ASSERT_TRUE(reply);
+  EXPECT_FALSE(reply->isLate);
+  EXPECT_EQ(reply->answer.process.executable, "/program");
+}
+
+TEST_F(InspectorConnectionTest, LateGarbageEndsTheConnection) {
+  const auto listener = listenOn(path_);
+  EXPECT_FALSE(askForProgram(1ms));
+  const auto first = accept(listener);
+  const auto number = receiveNumber(first);
+  send(first, "nonsense");
+  answer(first, number, "/program");
+  std::thread inspector([&listener] {
+    const auto connection = accept(listener);
+    answer(connection, receiveNumber(connection), "/other");
+  });
+  const auto reply = askForProgram(kGenerous);
+  inspector.join();
+  ASSERT_TRUE(reply);
+  EXPECT_FALSE(reply->isLate);
+  EXPECT_EQ(reply->answer.process.executable, "/other");
+}
+
+TEST_F(InspectorConnectionTest, ALateAnswerOutlivesItsInspector) {
+  const auto listener = listenOn(path_);
+  EXPECT_FALSE(askForProgram(1ms));
+  auto connection = accept(listener);
+  answer(connection, receiveNumber(connection), "/program");
+  connection = FileDescriptor();
+  const auto reply = askForProgram(0ms);
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->isLate);
+  EXPECT_EQ(reply->answer.process.executable, "/program");
+}
+
+TEST_F(InspectorConnectionTest, AnotherInspectorDoesNotAnswerAnEarlierQuestion) {
+  const auto listener = listenOn(path_);
+  EXPECT_FALSE(askForProgram(1ms));
+  auto first = accept(listener);
+  const auto number = receiveNumber(first);
+  first = FileDescriptor();
+  std::thread inspector([&listener, number] {
+    const auto connection = accept(listener);
+    const auto repeated = receiveNumber(connection);
+    answer(connection, number, "/wrong");
+    answer(connection, repeated, "/program");
+  });
+  const auto reply = askForProgram(kGenerous);
+  inspector.join();
+  ASSERT_TRUE(reply);
+  EXPECT_FALSE(reply->isLate);
+  EXPECT_EQ(reply->answer.process.executable, "/program");
 }
 
 TEST_F(InspectorConnectionTest, ReconnectsWithinAQuestionAfterARestart) {

@@ -2,15 +2,18 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Platform/Linux/Inspection/InspectionMessage.h"
 #include "Platform/Linux/Inspection/InspectionServer.h"
 #include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Inspection/LocalSockets.h"
@@ -195,6 +198,27 @@ TEST_F(RemoteProcessTableTest, ExaminesRegisteredPaths) {
   }));
   EXPECT_FALSE(problems[0]);
   EXPECT_TRUE(problems[1]->starts_with("does not exist")) << *problems[1];
+}
+
+TEST_F(RemoteProcessTableTest, ALateProcessIsFoundTheNextTime) {
+  const auto local = findSettled(local_, ::getpid());
+  ASSERT_TRUE(local && local->executableFile);
+  const std::string path = folder_.path("slow");
+  const auto listener = listenOn(path);
+  const auto slow = RemoteProcessTable::source(path, [](const auto&) {})();
+  EXPECT_FALSE(slow->find(::getpid(), local->executableFile));
+  const FileDescriptor connection(::accept(listener.get(), nullptr, nullptr));
+  std::vector<char> bytes(kMaximumInspectionMessage);
+  const auto size = ::recv(connection.get(), bytes.data(), bytes.size(), 0);
+  ASSERT_GT(size, 0);
+  const auto question = decodeInspectionQuestion({bytes.data(), static_cast<std::size_t>(size)});
+  ASSERT_TRUE(question);
+  const std::string answer =
+      encode(InspectionAnswer{.number = question->number, .isPositive = true, .process = *local});
+  ASSERT_GT(::send(connection.get(), answer.data(), answer.size(), 0), 0);
+  EXPECT_EQ(slow->find(::getpid(), local->executableFile), local);
+  // To be examined again, because the file may have been replaced.
+  EXPECT_FALSE(slow->isAnswering());
 }
 
 TEST_F(RemoteProcessTableTest, WithoutAnInspectorNothingIsKnown) {
