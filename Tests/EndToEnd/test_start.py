@@ -593,6 +593,22 @@ def test_the_check_recognises_the_proxy(laboratory):
     assert not laboratory.has_rules()
 
 
+def test_the_check_succeeds_where_all_is_well(laboratory):
+    laboratory.replace_in_etc("resolv.conf", "nameserver 192.0.2.53\n")
+    laboratory.start_sidecar()
+    # Whether the clock of this machine is synchronised is not the subject.
+    synchronised = ("strace", "-f", "-qq", "-o", "/dev/null",
+                    "-e", "trace=adjtimex,clock_adjtime",
+                    "-e", "inject=adjtimex,clock_adjtime:retval=0")  # fmt: skip
+    status, lines = check(laboratory, *laboratory.with_etc(), *synchronised)
+    assert [line for line in lines if line[0] != "ok"] == []
+    subjects = {subject for _, subject, _ in lines}
+    assert subjects == {"permissions", "configuration", "open files", "clocks", "loopback", "rules",
+                        "packet queue", "packet marks", "names", "applications",
+                        "local proxy"}  # fmt: skip
+    assert status == 0
+
+
 def test_the_check_says_what_is_wrong_with_the_listener(laboratory):
     status, lines = check(laboratory)
     ((level, finding),) = findings(lines, "local proxy")
