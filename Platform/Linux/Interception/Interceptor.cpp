@@ -32,6 +32,7 @@ constexpr std::size_t kMaximumBurst = 16;
 constexpr auto kLongestBurst = 10ms;
 // The flows of a busy desktop within the longest lifetime of an entry.
 constexpr std::size_t kRememberedFlows = 8192;
+static_assert(kRememberedFlows <= RecentFlows::kLargestCapacity);
 
 std::vector<InterceptionTable::ListenerPorts> listenerPorts(EventLoopGroup& loops) {
   std::vector<InterceptionTable::ListenerPorts> ports;

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
 namespace ostravel::linuxplatform {
 namespace {
 
@@ -66,6 +70,52 @@ TEST(RecentFlows, KeepsAFlowThatIsRememberedAgain) {
   flows.remember(datagramFrom(1), kNow + 20s);
   flows.remember(datagramFrom(2), kNow + 35s);
   EXPECT_TRUE(flows.contains(datagramFrom(1), kNow + 35s));
+}
+
+TEST(RecentFlows, DistinguishesAddressesFamiliesAndProtocols) {
+  RecentFlows flows(10);
+  FirstPacket packet = packetFrom(4000, 0);
+  packet.tuple.destination.port = 443;
+  flows.remember(packet, kNow);
+  FirstPacket other = packet;
+  other.tuple.destination.address[3] = 1;
+  EXPECT_FALSE(flows.contains(other, kNow));
+  other = packet;
+  other.tuple.source.address[15] = 1;
+  EXPECT_FALSE(flows.contains(other, kNow));
+  other = packet;
+  other.tuple.source.family = AddressFamily::ipv6;
+  EXPECT_FALSE(flows.contains(other, kNow));
+  other = packet;
+  std::swap(other.tuple.source.port, other.tuple.destination.port);
+  EXPECT_FALSE(flows.contains(other, kNow));
+  other = packet;
+  other.tuple.protocol = TransportProtocol::udp;
+  EXPECT_FALSE(flows.contains(other, kNow));
+}
+
+// Compared with a plain list, for as long as it takes until all its numbers have been reused.
+TEST(RecentFlows, KnowsThoseOfTheLastMinutesHoweverManyThereWere) {
+  constexpr std::uint32_t kCapacity = 1000;
+  constexpr std::uint32_t kFlows = 200'000;
+  RecentFlows flows(kCapacity);
+  RecentFlows::TimePoint now = kNow;
+  for (std::uint32_t flow = 1; flow <= kFlows; ++flow) {
+    now += 100ms;
+    flows.remember(packetFrom(static_cast<std::uint16_t>(flow % 7), flow), now);
+    ASSERT_TRUE(flows.contains(packetFrom(static_cast<std::uint16_t>(flow % 7), flow), now));
+    ASSERT_LE(flows.size(), kCapacity);
+    if (flow > kCapacity && flow % 997 == 0) {
+      for (std::uint32_t age = 0; age < kCapacity; age += 11) {
+        const std::uint32_t earlier = flow - age;
+        ASSERT_TRUE(
+            flows.contains(packetFrom(static_cast<std::uint16_t>(earlier % 7), earlier), now));
+      }
+      const std::uint32_t dropped = flow - kCapacity;
+      ASSERT_FALSE(
+          flows.contains(packetFrom(static_cast<std::uint16_t>(dropped % 7), dropped), now));
+    }
+  }
 }
 
 }  // namespace
