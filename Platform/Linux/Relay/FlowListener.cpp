@@ -234,7 +234,15 @@ std::shared_ptr<FlowListener::Waiter> FlowListener::take(int descriptor,
   }
   auto waiter = found->second.waiter.lock();
   expected_.erase(found);
+  forgetDeadlines();
   return waiter;
+}
+
+// Nearly all connections arrive, one after the other.
+void FlowListener::forgetDeadlines() {
+  while (!deadlines_.empty() && find(deadlines_.front()) == expected_.end()) {
+    deadlines_.pop_front();
+  }
 }
 
 FlowListener::Expected::iterator FlowListener::find(const SocketEndpoint& peer,
@@ -283,10 +291,7 @@ FlowListener::Expected::iterator FlowListener::find(const Deadline& deadline) {
 }
 
 void FlowListener::waitForDeadline() {
-  // Drop the deadlines of connections that have arrived, which are nearly all.
-  while (!deadlines_.empty() && find(deadlines_.front()) == expected_.end()) {
-    deadlines_.pop_front();
-  }
+  forgetDeadlines();
   isWaitingForDeadline_ = !deadlines_.empty();
   if (!isWaitingForDeadline_) {
     return;

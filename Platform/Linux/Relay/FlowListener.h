@@ -100,6 +100,8 @@ class FlowListener {
   Expected::iterator find(const SocketEndpoint& peer, const SocketEndpoint& destination);
   Expected::iterator findRenumbered(const SocketEndpoint& peer, const SocketEndpoint& destination);
   Expected::iterator find(const Deadline& deadline);
+  // Those of connections that have arrived, as far as no other one is before them.
+  void forgetDeadlines();
   void waitForDeadline();
   void expire();
 
