@@ -4,17 +4,17 @@
 
 namespace ostravel {
 
-SharedTexts::Text SharedTexts::of(std::string_view text) {
+SharedText SharedTexts::of(std::string_view text) {
   const std::lock_guard guard(lock_);
   if (const auto found = texts_.find(text); found != texts_.end()) {
     return *found;
   }
   if (texts_.size() >= nextSweep_) {
     // A count of one cannot grow meanwhile: only this table could copy it, and it is locked.
-    std::erase_if(texts_, [](const Text& kept) { return kept.use_count() == 1; });
+    std::erase_if(texts_, [](const SharedText& kept) { return kept.count() == 1; });
     nextSweep_ = std::max(kSmallestSweep, 2 * texts_.size());
   }
-  return *texts_.insert(std::make_shared<const std::string>(text)).first;
+  return *texts_.insert(SharedText(text)).first;
 }
 
 std::size_t SharedTexts::size() const {

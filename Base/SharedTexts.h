@@ -2,11 +2,11 @@
 
 #include <cstddef>
 #include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <string_view>
 #include <unordered_set>
+
+#include "Base/SharedText.h"
 
 namespace ostravel {
 
@@ -15,10 +15,7 @@ namespace ostravel {
 // doubled. Usable from any thread; the texts outlive it.
 class SharedTexts {
  public:
-  using Text = std::shared_ptr<const std::string>;
-
-  // Never null.
-  Text of(std::string_view text);
+  SharedText of(std::string_view text);
 
   std::size_t size() const;
 
@@ -31,13 +28,15 @@ class SharedTexts {
     std::size_t operator()(std::string_view text) const {
       return std::hash<std::string_view>{}(text);
     }
-    std::size_t operator()(const Text& text) const { return (*this)(std::string_view(*text)); }
+    std::size_t operator()(const SharedText& text) const {
+      return (*this)(std::string_view(*text));
+    }
   };
   struct Equal {
     using is_transparent = void;
 
     static std::string_view view(std::string_view text) { return text; }
-    static std::string_view view(const Text& text) { return *text; }
+    static std::string_view view(const SharedText& text) { return *text; }
     template <typename Left, typename Right>
     bool operator()(const Left& left, const Right& right) const {
       return view(left) == view(right);
@@ -46,7 +45,7 @@ class SharedTexts {
 
   mutable std::mutex lock_;
   // Guarded by lock_.
-  std::unordered_set<Text, Hash, Equal> texts_;
+  std::unordered_set<SharedText, Hash, Equal> texts_;
   std::size_t nextSweep_ = kSmallestSweep;
 };
 

@@ -46,6 +46,8 @@ struct OVTunnelConnection::Handshake {
 
   ProxyConnectResponseParser parser;
   double startedAt;
+  // Guarded by the lock in common_. Once created, it is not replaced.
+  std::shared_ptr<ProxyTunnelHandshakeWatchdog> watchdog;
 };
 
 OVTunnelConnection::Common::Common(platform::Platform& usedPlatform, double timeout,
@@ -60,11 +62,10 @@ OVTunnelConnection::Common::Common(platform::Platform& usedPlatform, double time
       onProxyUnavailable(std::move(unavailableCallback)),
       onClose(std::move(closeCallback)) {}
 
-OVTunnelConnection::OVTunnelConnection(std::shared_ptr<const Common> common,
+OVTunnelConnection::OVTunnelConnection(Reference<const Common> common,
                                        std::shared_ptr<platform::AppProxyTCPFlow> flow,
                                        std::shared_ptr<platform::TCPConnection> connection,
-                                       FlowIdentifier flowId,
-                                       std::shared_ptr<const std::string> appId)
+                                       FlowIdentifier flowId, SharedText appId)
     : common_(std::move(common)),
       flow_(std::move(flow)),
       connection_(std::move(connection)),
@@ -245,7 +246,6 @@ void OVTunnelConnection::handle(connect_response::NeedMoreData /*outcome*/) {
 
 void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
   const double elapsedMilliseconds = (now() - handshake_->startedAt) * kMillisecondsPerSecond;
-  handshake_.reset();
   if (!didEstablishHandshake_.exchange(true)) {
     handshakeWatchdog()->finishWithoutCallback();
     if (common_->onHandshakeEstablished) {
@@ -254,8 +254,8 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
     if (flow_->observer() != nullptr) {
       flow_->observer()->handshakeSucceeded();
     }
-    releaseHandshakeWatchdog();
   }
+  releaseHandshake();
   emit(monitoring_events::kHandshakeSucceeded, {{"app_id", *appId_}},
        {{"elapsed_ms", elapsedMilliseconds},
         {"leftover_bytes", static_cast<double>(leftoverData.size())}});
@@ -285,10 +285,13 @@ void OVTunnelConnection::finishSuccessfulHandshake(Data leftoverData) {
 // Watchdog
 
 std::shared_ptr<ProxyTunnelHandshakeWatchdog> OVTunnelConnection::handshakeWatchdog() {
-  const std::lock_guard guard(common_->watchdogLock);
-  if (!handshakeWatchdog_) {
-    platform::Platform& platform = common_->platform;
-    handshakeWatchdog_ = std::make_shared<ProxyTunnelHandshakeWatchdog>(
+  platform::Platform& platform = common_->platform;
+  const std::lock_guard guard(common_->handshakeLock);
+  if (!handshake_) {
+    handshake_ = std::make_unique<Handshake>(platform);
+  }
+  if (!handshake_->watchdog) {
+    handshake_->watchdog = std::make_shared<ProxyTunnelHandshakeWatchdog>(
         platform, common_->handshakeTimeout,
         platform.makeQueue("com.ostravel.handshakeWatchdog", platform::DispatchQueueKind::serial),
         [weakSelf = weak_from_this()] {
@@ -297,14 +300,14 @@ std::shared_ptr<ProxyTunnelHandshakeWatchdog> OVTunnelConnection::handshakeWatch
           }
         });
   }
-  return handshakeWatchdog_;
+  return handshake_->watchdog;
 }
 
-void OVTunnelConnection::releaseHandshakeWatchdog() {
+void OVTunnelConnection::releaseHandshake() {
   // Destroyed without the lock.
-  std::shared_ptr<ProxyTunnelHandshakeWatchdog> released;
-  const std::lock_guard guard(common_->watchdogLock);
-  released.swap(handshakeWatchdog_);
+  std::unique_ptr<Handshake> released;
+  const std::lock_guard guard(common_->handshakeLock);
+  released.swap(handshake_);
 }
 
 void OVTunnelConnection::handleHandshakeTimeout() {

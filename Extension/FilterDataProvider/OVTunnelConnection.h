@@ -12,6 +12,8 @@
 #include <utility>
 
 #include "Base/FlowIdentifier.h"
+#include "Base/ReferenceCounted.h"
+#include "Base/SharedText.h"
 #include "Extension/ProxyTunnelCore/MonitoringEventKind.h"
 #include "Extension/ProxyTunnelCore/ProxyConnectResponseParser.h"
 #include "Extension/ProxyTunnelCore/ProxyTunnelHandshakeWatchdog.h"
@@ -42,7 +44,7 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
 
   // What is the same for every tunnel of a provider, which makes it. Shared with the tunnels: a
   // machine may have thousands of idle ones.
-  struct Common {
+  struct Common final : ReferenceCounted {
     // handshakeTimeout in seconds. Any callback may be empty.
     Common(platform::Platform& platform, double handshakeTimeout,
            std::shared_ptr<ProxyTunnelMonitoringClient> monitoringClient,
@@ -60,15 +62,14 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
     // tunnel leads.
     [[maybe_unused]] const std::string proxyHost{platform::limits::kProxyHost};
     [[maybe_unused]] const std::uint16_t proxyPort = platform::limits::kProxyPort;
-    // Guards each tunnel's pointer to its watchdog, for an instant.
-    mutable std::mutex watchdogLock;
+    // Guards each tunnel's pointer to what its handshake needs, for an instant.
+    mutable std::mutex handshakeLock;
   };
 
-  // appId: not null.
-  OVTunnelConnection(std::shared_ptr<const Common> common,
+  OVTunnelConnection(Reference<const Common> common,
                      std::shared_ptr<platform::AppProxyTCPFlow> flow,
                      std::shared_ptr<platform::TCPConnection> connection, FlowIdentifier flowId,
-                     std::shared_ptr<const std::string> appId);
+                     SharedText appId);
   ~OVTunnelConnection() override;
 
   const FlowIdentifier& flowId() const { return flowId_; }
@@ -105,7 +106,7 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
   void handle(connect_response::NeedMoreData outcome);
   void finishSuccessfulHandshake(platform::Data leftoverData);
   void handleHandshakeTimeout();
-  void releaseHandshakeWatchdog();
+  void releaseHandshake();
 
   void pipeLocalToRemote();
   void pipeRemoteToLocal();
@@ -125,21 +126,20 @@ class OVTunnelConnection final : public platform::KeyValueObserver,
 
   void emit(const MonitoringEventKind& kind, Context context, Metrics metrics = {}) const;
 
-  // What only the handshake needs, except the watchdog. Used by the tunnel's completions.
+  // What only the handshake needs. Used by the tunnel's completions, except for the watchdog.
   struct Handshake;
 
   platform::Log& log() const { return *common_->log; }
   double now() const { return common_->platform.clock().secondsSince1970(); }
 
-  const std::shared_ptr<const Common> common_;
+  const Reference<const Common> common_;
   const std::shared_ptr<platform::AppProxyTCPFlow> flow_;
   const std::shared_ptr<platform::TCPConnection> connection_;
   const FlowIdentifier flowId_;
-  const std::shared_ptr<const std::string> appId_;
-  // Until the handshake has succeeded.
+  const SharedText appId_;
+  // Until the handshake has succeeded. Other threads use it with the lock in common_, with which it
+  // is released.
   std::unique_ptr<Handshake> handshake_;
-  // Guarded by the lock in common_. Once created, it is not replaced, only released.
-  std::shared_ptr<ProxyTunnelHandshakeWatchdog> handshakeWatchdog_;
   std::atomic<bool> isClosed_ = false;
   std::atomic<bool> isObserving_ = false;
   // The connection may be seen connected both by start() and by an observation on another thread.

@@ -165,8 +165,8 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   void openFlow(const std::shared_ptr<platform::AppProxyTCPFlow>& flow, const std::string& appId);
   void startTunnel(const std::shared_ptr<platform::AppProxyTCPFlow>& flow,
                    const std::string& appId);
-  std::shared_ptr<const OVTunnelConnection::Common> tunnelsCommon();
-  std::shared_ptr<const OVTunnelConnection::Common> makeTunnelsCommon();
+  Reference<const OVTunnelConnection::Common> tunnelsCommon();
+  Reference<const OVTunnelConnection::Common> makeTunnelsCommon();
   void forgetTunnel(const FlowIdentifier& flowId);
   void rejectFlow(platform::AppProxyTCPFlow& flow, const std::string& flowId,
                   const std::string& appId);
@@ -190,7 +190,7 @@ class PacketTunnelProvider final : public platform::TransparentProxyProvider {
   SharedTexts applications_;
   std::mutex tunnelsCommonLock_;
   // Guarded by tunnelsCommonLock_; made for the first tunnel, and holds the provider weakly.
-  std::shared_ptr<const OVTunnelConnection::Common> tunnelsCommon_;
+  Reference<const OVTunnelConnection::Common> tunnelsCommon_;
   // Changed only by barrier items of its queue.
   std::unordered_set<std::shared_ptr<OVTunnelConnection>, TunnelHash, TunnelEqual> activeTunnels_;
   const std::shared_ptr<platform::DispatchQueue> activeTunnelsQueue_;

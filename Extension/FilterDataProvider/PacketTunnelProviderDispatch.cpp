@@ -125,7 +125,7 @@ void PacketTunnelProvider::forgetTunnel(const FlowIdentifier& flowId) {
   }
 }
 
-std::shared_ptr<const OVTunnelConnection::Common> PacketTunnelProvider::tunnelsCommon() {
+Reference<const OVTunnelConnection::Common> PacketTunnelProvider::tunnelsCommon() {
   const std::lock_guard guard(tunnelsCommonLock_);
   if (!tunnelsCommon_) {
     tunnelsCommon_ = makeTunnelsCommon();
@@ -133,7 +133,7 @@ std::shared_ptr<const OVTunnelConnection::Common> PacketTunnelProvider::tunnelsC
   return tunnelsCommon_;
 }
 
-std::shared_ptr<const OVTunnelConnection::Common> PacketTunnelProvider::makeTunnelsCommon() {
+Reference<const OVTunnelConnection::Common> PacketTunnelProvider::makeTunnelsCommon() {
   const auto onHandshakeEstablished = [weakProvider = weakSelf()](const FlowIdentifier& id) {
     if (const auto provider = weakProvider.lock()) {
       provider->tunnelAdmissionController_.markEstablished(id);
@@ -150,9 +150,9 @@ std::shared_ptr<const OVTunnelConnection::Common> PacketTunnelProvider::makeTunn
       provider->tunnelDidClose(id);
     }
   };
-  return std::make_shared<const OVTunnelConnection::Common>(
-      platform_, connectHandshakeTimeoutSeconds_, monitoringClient_, onHandshakeEstablished,
-      onProxyUnavailable, onClose);
+  return makeReference<const OVTunnelConnection::Common>(platform_, connectHandshakeTimeoutSeconds_,
+                                                         monitoringClient_, onHandshakeEstablished,
+                                                         onProxyUnavailable, onClose);
 }
 
 void PacketTunnelProvider::rejectFlow(AppProxyTCPFlow& flow, const std::string& flowId,

@@ -16,8 +16,8 @@ TEST(SharedTexts, GivesEqualTextsOneCopy) {
   const auto second = texts.of(std::string("/usr/bin/") + "curl");
 
   EXPECT_EQ(*first, "/usr/bin/curl");
-  EXPECT_EQ(first, second);
-  EXPECT_NE(texts.of("/usr/bin/wget"), first);
+  EXPECT_TRUE(first.isSameAs(second));
+  EXPECT_FALSE(texts.of("/usr/bin/wget").isSameAs(first));
   EXPECT_EQ(texts.size(), 2U);
 }
 
@@ -36,28 +36,24 @@ TEST(SharedTexts, DropsWhatNobodyHolds) {
   }
 
   EXPECT_LE(texts.size(), 65U);
-  EXPECT_EQ(texts.of("held"), held);
+  EXPECT_TRUE(texts.of("held").isSameAs(held));
 }
 
 TEST(SharedTexts, KeepsEverythingThatIsHeld) {
   SharedTexts texts;
-  std::vector<SharedTexts::Text> held;
+  std::vector<SharedText> held;
 
   for (int number = 0; number < 1000; ++number) {
     held.push_back(texts.of(std::to_string(number)));
   }
 
   EXPECT_EQ(texts.size(), 1000U);
-  EXPECT_EQ(texts.of("0"), held[0]);
-  EXPECT_EQ(texts.of("999"), held[999]);
+  EXPECT_TRUE(texts.of("0").isSameAs(held[0]));
+  EXPECT_TRUE(texts.of("999").isSameAs(held[999]));
 }
 
 TEST(SharedTexts, OutliveTheTable) {
-  SharedTexts::Text text;
-  {
-    SharedTexts texts;
-    text = texts.of("kept");
-  }
+  const SharedText text = SharedTexts().of("kept");
 
   EXPECT_EQ(*text, "kept");
 }

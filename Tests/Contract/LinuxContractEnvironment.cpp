@@ -17,6 +17,7 @@
 #include "Platform/Linux/Relay/HeldPacket.h"
 #include "Platform/Linux/Relay/LinuxTCPFlow.h"
 #include "Tests/Contract/ContractPlatforms.h"
+#include "Tests/Platform/Linux/Support/RecordOf.h"
 
 namespace ostravel::contract {
 
@@ -123,13 +124,12 @@ void LinuxContractEnvironment::settle() {
 
 FlowEnds LinuxContractEnvironment::makeFlow(const std::string& signingIdentifier) {
   auto [application, port] = peers().makeUnconnected();
-  const linuxplatform::FlowTuple tuple{linuxplatform::TransportProtocol::tcp, loopback(port),
-                                       kTracedDestination};
   auto& loop = loops_.loop(nextLoop_++ % loops_.size());
   auto flow = std::make_shared<linuxplatform::LinuxTCPFlow>(
-      loop, tuple, std::make_shared<const std::string>(signingIdentifier),
-      *linuxplatform::parseAddressLiteral(kDestination),
-      std::make_unique<PlayedPacket>(loops_, application));
+      loop, loopback(port), linuxplatform::test::recordOf(signingIdentifier, kTracedDestination),
+      std::make_unique<PlayedPacket>(loops_, application), nullptr,
+      // The suite's destination, which nothing reaches from this namespace.
+      linuxplatform::FlowName{.host = kDestination.hostname});
   return {std::move(flow), std::move(application)};
 }
 

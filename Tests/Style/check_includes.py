@@ -125,7 +125,10 @@ ALLOWED_FOREIGN_HEADERS = {
 # ground floor, neither threads nor descriptors.
 ALLOWED_HEADERS = {
     CORE: {"Base/CalendarText.h", "Base/FlowIdentifier.h", "Base/JSONHandle.h", "Base/UTF8.h"},
-    PROVIDER: {"Base/FlowIdentifier.h", "Base/SharedTexts.h", "Base/UTF8.h"},
+    PROVIDER: {
+        "Base/FlowIdentifier.h", "Base/ReferenceCounted.h", "Base/SharedText.h",
+        "Base/SharedTexts.h", "Base/UTF8.h",
+    },
     HOST: {"Base/PrintableText.h", "Base/UTF8.h"},
     # It listens where the extension expects a proxy.
     "Companion/Sidecar": {"Platform/Interface/SystemLimits.h"},

@@ -36,7 +36,7 @@ class HeldFlows {
     // The sender, if known.
     std::optional<pid_t> process;
     // Charged with the packet.
-    std::shared_ptr<UserShare> user;
+    Reference<UserShare> user;
   };
   void add(Flow flow, TimePoint now);
 

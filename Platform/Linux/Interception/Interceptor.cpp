@@ -456,7 +456,7 @@ std::optional<LeaveReason> Interceptor::reasonToLeave(const FlowTuple& tuple,
 
 std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(
     const FlowTuple& tuple, Identification identification, std::unique_ptr<HeldPacket> packet,
-    std::shared_ptr<UserShare> share, std::shared_ptr<FlowRecord> record, EventLoop& loop) {
+    Reference<UserShare> share, Reference<FlowRecord> record, EventLoop& loop) {
   if (tuple.protocol == TransportProtocol::udp) {
     return std::make_shared<LinuxUDPFlow>(tuple, std::move(identification.identifier),
                                           std::move(packet), std::move(record));
@@ -465,10 +465,8 @@ std::shared_ptr<platform::AppProxyFlow> Interceptor::makeFlow(
   if (name) {
     record->named(name->host);
   }
-  auto application = record->application();
-  return std::make_shared<LinuxTCPFlow>(loop, tuple, std::move(application), tuple.destination,
-                                        std::move(packet), std::move(share), std::move(name),
-                                        std::move(record));
+  return std::make_shared<LinuxTCPFlow>(loop, tuple.source, std::move(record), std::move(packet),
+                                        std::move(share), std::move(name));
 }
 
 std::optional<FlowName> Interceptor::nameOf(const Identification& sender,

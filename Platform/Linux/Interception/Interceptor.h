@@ -138,9 +138,11 @@ class Interceptor {
                                            UserShare::Clock::time_point now) const;
   std::optional<LeaveReason> reasonToLeave(const FlowTuple& tuple,
                                            const Identification& identification) const;
-  std::shared_ptr<platform::AppProxyFlow> makeFlow(
-      const FlowTuple& tuple, Identification identification, std::unique_ptr<HeldPacket> packet,
-      std::shared_ptr<UserShare> share, std::shared_ptr<FlowRecord> record, EventLoop& loop);
+  std::shared_ptr<platform::AppProxyFlow> makeFlow(const FlowTuple& tuple,
+                                                   Identification identification,
+                                                   std::unique_ptr<HeldPacket> packet,
+                                                   Reference<UserShare> share,
+                                                   Reference<FlowRecord> record, EventLoop& loop);
   std::optional<FlowName> nameOf(const Identification& sender, const SocketEndpoint& destination);
   // For people; empty if unknown.
   std::string hostOf(std::optional<uid_t> user, std::string_view application,

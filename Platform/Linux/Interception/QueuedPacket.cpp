@@ -5,7 +5,7 @@
 namespace ostravel::linuxplatform {
 
 QueuedPacket::QueuedPacket(std::shared_ptr<PacketQueue> queue, const PacketMarks& marks,
-                           const PacketQueue::Packet& packet, std::shared_ptr<UserShare> user,
+                           const PacketQueue::Packet& packet, Reference<UserShare> user,
                            std::optional<ProxyInstance> proxy,
                            std::shared_ptr<const PacketResender> resender)
     : queue_(std::move(queue)),

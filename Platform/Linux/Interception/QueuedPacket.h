@@ -23,7 +23,7 @@ class QueuedPacket final : public HeldPacket {
   // listens now, the tunnel may lead to a stranger. In both cases the flow is left to the system.
   // resender: if present, a redirected packet is replaced by a copy that passes all rules again.
   QueuedPacket(std::shared_ptr<PacketQueue> queue, const PacketMarks& marks,
-               const PacketQueue::Packet& packet, std::shared_ptr<UserShare> user,
+               const PacketQueue::Packet& packet, Reference<UserShare> user,
                std::optional<ProxyInstance> proxy = std::nullopt,
                std::shared_ptr<const PacketResender> resender = nullptr);
   ~QueuedPacket() override;
@@ -43,7 +43,7 @@ class QueuedPacket final : public HeldPacket {
   const PacketMarks marks_;
   const std::uint32_t id_;
   const std::uint32_t mark_;
-  const std::shared_ptr<UserShare> user_;
+  const Reference<UserShare> user_;
   const std::optional<ProxyInstance> proxy_;
   const std::shared_ptr<const PacketResender> resender_;
   // Empty unless there is a resender.

@@ -46,7 +46,7 @@ class RedirectTrial final : public std::enable_shared_from_this<RedirectTrial>,
   void waitUntilConnected();
   void finish(Outcome outcome);
 
-  const FlowTuple& tuple() const override { return tuple_; }
+  FlowTuple tuple() const override { return tuple_; }
   const std::string& application() const override { return application_; }
   void accepted(LoopSocket socket) override;
   void timedOut() override;

@@ -88,7 +88,8 @@ class EventLoop : private LocalTurns {
       work(object);
       return;
     }
-    post([shared = object.shared_from_this(), work = std::move(work)]() mutable { work(*shared); });
+    post([shared = std::shared_ptr<Object>(object.shared_from_this(), &object),
+          work = std::move(work)]() mutable { work(*shared); });
   }
 
   // Ends the thread after the item that is running, and joins it. Nothing completes on this loop
@@ -120,11 +121,11 @@ class EventLoop : private LocalTurns {
 
   // The user whose flow is being served; connections created now are charged to it. Null between
   // flows.
-  const std::shared_ptr<UserShare>& servedUser() const { return servedUser_; }
+  const Reference<UserShare>& servedUser() const { return servedUser_; }
   // Serves a user's flow for the lifetime of the object.
   class Service {
    public:
-    Service(EventLoop& loop, std::shared_ptr<UserShare> user)
+    Service(EventLoop& loop, Reference<UserShare> user)
         : loop_(loop), before_(std::exchange(loop.servedUser_, std::move(user))) {}
     Service(const Service&) = delete;
     Service& operator=(const Service&) = delete;
@@ -132,7 +133,7 @@ class EventLoop : private LocalTurns {
 
    private:
     EventLoop& loop_;
-    std::shared_ptr<UserShare> before_;
+    Reference<UserShare> before_;
   };
 
  private:
@@ -158,7 +159,7 @@ class EventLoop : private LocalTurns {
   const std::shared_ptr<RedirectPath> redirectPath_;
   DescriptorBudget& descriptors_;
   MemoryBudget& memory_;
-  std::shared_ptr<UserShare> servedUser_;
+  Reference<UserShare> servedUser_;
   Counters counters_;
   Poller poller_;
   LoopTimers timers_;

@@ -198,7 +198,7 @@ void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
 // Expecting
 
 void FlowListener::expect(const std::shared_ptr<Waiter>& waiter) {
-  const SocketEndpoint& source = waiter->tuple().source;
+  const SocketEndpoint source = waiter->tuple().source;
   expected_.emplace(source, Expectation{++lastNumber_, waiter, nullptr});
   deadlines_.push_back(
       {std::chrono::steady_clock::now() + limits::kAcceptTimeout, source, lastNumber_});

@@ -30,7 +30,7 @@ class FlowListener {
     Waiter& operator=(const Waiter&) = delete;
     virtual ~Waiter() = default;
 
-    virtual const FlowTuple& tuple() const = 0;
+    virtual FlowTuple tuple() const = 0;
     // Waiters with the same application and destination may receive each other's connections.
     virtual const std::string& application() const = 0;
 

@@ -10,20 +10,17 @@
 
 namespace ostravel::linuxplatform {
 
-void LingeringSocket::start(EventLoop& loop, LoopSocket socket, std::shared_ptr<UserShare> user) {
+void LingeringSocket::start(EventLoop& loop, LoopSocket socket) {
   // The previous owner may still have been waiting for it.
   socket.cancelWaits();
   socket.letEndInOrder();
-  const auto lingering =
-      std::make_shared<LingeringSocket>(Private(), loop, std::move(socket), std::move(user));
+  const auto lingering = std::make_shared<LingeringSocket>(Private(), loop, std::move(socket));
   loop.keep(lingering);
   lingering->discard();
 }
 
-LingeringSocket::LingeringSocket(Private /*unused*/, EventLoop& loop, LoopSocket socket,
-                                 std::shared_ptr<UserShare> user)
+LingeringSocket::LingeringSocket(Private /*unused*/, EventLoop& loop, LoopSocket socket)
     : loop_(loop),
-      user_(std::move(user)),
       socket_(std::move(socket)),
       timer_(loop.timers()),
       interval_(limits::kLingerInterval) {}

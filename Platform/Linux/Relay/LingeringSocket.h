@@ -17,11 +17,10 @@ class LingeringSocket : public std::enable_shared_from_this<LingeringSocket> {
   struct Private {};
 
  public:
-  // socket: its sending direction has been shut down. user: charged for it; may be null.
-  static void start(EventLoop& loop, LoopSocket socket, std::shared_ptr<UserShare> user);
+  // socket: its sending direction has been shut down.
+  static void start(EventLoop& loop, LoopSocket socket);
 
-  LingeringSocket(Private /*unused*/, EventLoop& loop, LoopSocket socket,
-                  std::shared_ptr<UserShare> user);
+  LingeringSocket(Private /*unused*/, EventLoop& loop, LoopSocket socket);
 
  private:
   void discard();
@@ -32,7 +31,6 @@ class LingeringSocket : public std::enable_shared_from_this<LingeringSocket> {
   void finish();
 
   EventLoop& loop_;
-  const std::shared_ptr<UserShare> user_;
   LoopSocket socket_;
   LoopTimer timer_;
   bool isTimed_ = false;

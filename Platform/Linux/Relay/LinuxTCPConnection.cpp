@@ -15,7 +15,6 @@
 namespace ostravel::linuxplatform {
 
 using platform::TCPConnectionState;
-using Direction = StreamSocket::Direction;
 
 namespace {
 
@@ -38,7 +37,7 @@ std::shared_ptr<LinuxTCPConnection> LinuxTCPConnection::connect(
 }
 
 LinuxTCPConnection::LinuxTCPConnection(Private /*unused*/, EventLoop& loop)
-    : stream_(loop, *this, loop.servedUser()) {}
+    : StreamSocket(loop, loop.servedUser()) {}
 
 platform::OptionalError LinuxTCPConnection::error() const {
   const int error = error_;
@@ -59,7 +58,7 @@ void LinuxTCPConnection::start(const platform::HostEndpoint& endpoint) {
     return;
   }
   // Deferred, because the caller cannot have added an observer yet.
-  stream_.loop().post([weakSelf = weak_from_this(), error] {
+  loop().post([weakSelf = this->weakSelf(), error] {
     if (const auto self = weakSelf.lock()) {
       self->failToConnect(error);
     }
@@ -78,9 +77,9 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
     return errno;
   }
   LoopSocket::resetUnlessClosed(descriptor.get());
-  if (!stream_.loop().presetsSockets()) {
+  if (!loop().presetsSockets()) {
     // A process without permission to set the mark intercepts nothing, so a failure does no harm.
-    const std::uint32_t mark = stream_.loop().marks().own();
+    const std::uint32_t mark = loop().marks().own();
     ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
     LoopSocket::sendWithoutDelay(descriptor.get());
   }
@@ -88,46 +87,46 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
       errno != EINTR) {
     return errno;
   }
-  auto connecting = std::make_unique<LoopSocket>(stream_.loop(), descriptor.release());
-  if (!connecting->isOpen()) {
+  LoopSocket socket(loop(), descriptor.release());
+  if (!socket.isOpen()) {
     return ENOMEM;
   }
-  connecting->chargeTo(stream_.user().get());
-  connecting_ = std::move(connecting);
+  attachConnecting(std::move(socket));
   return 0;
 }
 
 bool LinuxTCPConnection::isEstablished() {
   KernelAddress peer;
-  return ::getpeername(connecting_->descriptor(), peer.get(), &peer.size) == 0;
+  return ::getpeername(connecting()->descriptor(), peer.get(), &peer.size) == 0;
 }
 
 // Deferred, because the caller cannot have added an observer yet.
 void LinuxTCPConnection::finishConnectingLater() {
-  stream_.loop().post([weakSelf = weak_from_this()] {
+  loop().post([weakSelf = this->weakSelf()] {
     const auto self = weakSelf.lock();
-    if (self && self->connecting_) {
+    if (self && self->connecting() != nullptr) {
       self->becomeConnected();
     }
   });
 }
 
 void LinuxTCPConnection::waitUntilConnected() {
-  connecting_->waitUntilWritable([weakSelf = weak_from_this()] {
+  connecting()->waitUntilWritable([weakSelf = this->weakSelf()] {
     if (const auto self = weakSelf.lock()) {
-      ++self->stream_.loop().counters().wakeups;
+      ++self->loop().counters().wakeups;
       self->finishConnecting();
     }
   });
 }
 
 void LinuxTCPConnection::finishConnecting() {
-  if (!connecting_) {
+  LoopSocket* const socket = connecting();
+  if (socket == nullptr) {
     return;
   }
   int error = 0;
   socklen_t size = sizeof error;
-  if (::getsockopt(connecting_->descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
+  if (::getsockopt(socket->descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
     error = errno;
   }
   if (error != 0) {
@@ -136,7 +135,7 @@ void LinuxTCPConnection::finishConnecting() {
   }
   if (!isEstablished()) {
     // A spurious wake-up.
-    connecting_->noRoomToWrite();
+    socket->noRoomToWrite();
     waitUntilConnected();
     return;
   }
@@ -144,16 +143,9 @@ void LinuxTCPConnection::finishConnecting() {
 }
 
 void LinuxTCPConnection::becomeConnected() {
-  const auto connected = std::move(connecting_);
-  stream_.attach(std::move(*connected));
+  connected();
   changeState(TCPConnectionState::connected, 0);
   observers_.notify(*this);
-}
-
-void LinuxTCPConnection::closeConnecting() {
-  if (const auto socket = std::move(connecting_)) {
-    socket->close();
-  }
 }
 
 void LinuxTCPConnection::failToConnect(int error) {
@@ -162,7 +154,7 @@ void LinuxTCPConnection::failToConnect(int error) {
   }
   closeConnecting();
   changeState(TCPConnectionState::disconnected, error);
-  stream_.fail(socketError(error));
+  fail(socketError(error));
   observers_.notify(*this);
 }
 
@@ -170,33 +162,33 @@ void LinuxTCPConnection::failToConnect(int error) {
 
 void LinuxTCPConnection::read(std::size_t minimum, std::size_t maximum,
                               platform::ReadCompletion completion) {
-  stream_.loop().runWith(*this, [minimum, maximum, completion = std::move(completion)](
-                                    LinuxTCPConnection& self) mutable {
-    self.stream_.read(minimum, maximum, std::move(completion));
+  loop().runWith(*this, [minimum, maximum,
+                         completion = std::move(completion)](LinuxTCPConnection& self) mutable {
+    self.receive(minimum, maximum, std::move(completion));
   });
 }
 
 void LinuxTCPConnection::write(platform::Data data, platform::ErrorCompletion completion) {
-  stream_.loop().runWith(*this, [data = std::move(data), completion = std::move(completion)](
-                                    LinuxTCPConnection& self) mutable {
-    self.stream_.write(std::move(data), std::move(completion));
+  loop().runWith(*this, [data = std::move(data),
+                         completion = std::move(completion)](LinuxTCPConnection& self) mutable {
+    self.send(std::move(data), std::move(completion));
   });
 }
 
 void LinuxTCPConnection::cancel() {
-  stream_.loop().runWith(*this, [](LinuxTCPConnection& self) { self.cancelOnLoop(); });
+  loop().runWith(*this, [](LinuxTCPConnection& self) { self.cancelOnLoop(); });
 }
 
 void LinuxTCPConnection::cancelOnLoop() {
   if (std::exchange(isCancelled_, true)) {
     return;
   }
-  if (state_ == TCPConnectionState::connecting) {
+  if (state() == TCPConnectionState::connecting) {
     closeConnecting();
-    stream_.fail(socketError(ECANCELED));
+    fail(socketError(ECANCELED));
   } else {
-    stream_.closeInOrder(Direction::read);
-    stream_.closeInOrder(Direction::write);
+    closeInOrder(Direction::read);
+    closeInOrder(Direction::write);
   }
   changeStateLater(TCPConnectionState::cancelled, 0);
 }
@@ -209,8 +201,8 @@ void LinuxTCPConnection::streamEnded() {
   changeStateLater(TCPConnectionState::disconnected, 0);
 }
 
-std::shared_ptr<StreamSocket> LinuxTCPConnection::sharedStream() {
-  return {shared_from_this(), &stream_};
+std::weak_ptr<LinuxTCPConnection> LinuxTCPConnection::weakSelf() {
+  return std::shared_ptr<LinuxTCPConnection>(shared_from_this(), this);
 }
 
 // State
@@ -218,7 +210,7 @@ std::shared_ptr<StreamSocket> LinuxTCPConnection::sharedStream() {
 void LinuxTCPConnection::changeStateLater(TCPConnectionState state, int error) {
   changeState(state, error);
   // Not inside the call that detected it.
-  stream_.loop().post([weakSelf = weak_from_this()] {
+  loop().post([weakSelf = this->weakSelf()] {
     if (const auto self = weakSelf.lock()) {
       self->observers_.notify(*self);
     }
@@ -227,15 +219,15 @@ void LinuxTCPConnection::changeStateLater(TCPConnectionState state, int error) {
 
 void LinuxTCPConnection::changeState(TCPConnectionState state, int error) {
   // The error first: a reader who sees the state must see the error that explains it.
-  error_ = error;
-  state_ = state;
+  error_ = static_cast<std::int16_t>(error);
+  state_ = static_cast<std::uint8_t>(state);
 }
 
 void LinuxTCPConnection::addObserver(std::weak_ptr<platform::KeyValueObserver> observer,
                                      std::string_view keyPath) {
   requireStateKeyPath(keyPath);
   if (observers_.add(std::move(observer))) {
-    stream_.loop().post([weakSelf = weak_from_this()] {
+    loop().post([weakSelf = this->weakSelf()] {
       if (const auto self = weakSelf.lock()) {
         self->observers_.notifyOfMissedChange(*self);
       }

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string_view>
 
@@ -24,9 +25,7 @@ class EventLoop;
 // It is also disconnected once the peer's end of stream has been read; bytes may still be written.
 // Packets carry our mark, if the process may set one, so that they are never intercepted. Does not
 // resolve names.
-class LinuxTCPConnection final : public platform::TCPConnection,
-                                 public std::enable_shared_from_this<LinuxTCPConnection>,
-                                 private StreamSocket::Owner {
+class LinuxTCPConnection final : public platform::TCPConnection, public StreamSocket {
   struct Private {};
 
  public:
@@ -37,7 +36,9 @@ class LinuxTCPConnection final : public platform::TCPConnection,
 
   LinuxTCPConnection(Private /*unused*/, EventLoop& loop);
 
-  platform::TCPConnectionState state() const override { return state_; }
+  platform::TCPConnectionState state() const override {
+    return static_cast<platform::TCPConnectionState>(state_.load());
+  }
   // Of the domain platform::kPOSIXErrorDomain; EINVAL for any other form of endpoint.
   platform::OptionalError error() const override;
 
@@ -53,6 +54,8 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   void cancel() override;
 
  private:
+  static constexpr auto kFirstState = platform::TCPConnectionState::connecting;
+
   void start(const platform::HostEndpoint& endpoint);
   // Returns 0 if the connection is in progress, otherwise an errno for error_, which is atomic and
   // can therefore hold no Error.
@@ -62,24 +65,22 @@ class LinuxTCPConnection final : public platform::TCPConnection,
   void waitUntilConnected();
   void finishConnecting();
   void becomeConnected();
-  void closeConnecting();
   void failToConnect(int error);
   void cancelOnLoop();
 
   void changeStateLater(platform::TCPConnectionState state, int error);
   void changeState(platform::TCPConnectionState state, int error);
 
-  std::shared_ptr<StreamSocket> sharedStream() override;
+  std::weak_ptr<LinuxTCPConnection> weakSelf();
+
   void streamFailed(int error) override;
   void streamEnded() override;
 
-  platform::StateObservers observers_;
-  std::atomic<platform::TCPConnectionState> state_ = platform::TCPConnectionState::connecting;
-  std::atomic<int> error_ = 0;
+  [[no_unique_address]] platform::StateObservers observers_;
   bool isCancelled_ = false;
-  StreamSocket stream_;
-  // The socket until it is connected; null afterwards. Charged to the stream's user.
-  std::unique_ptr<LoopSocket> connecting_;
+  // A TCPConnectionState and an errno.
+  std::atomic<std::uint8_t> state_{static_cast<std::uint8_t>(kFirstState)};
+  std::atomic<std::int16_t> error_ = 0;
 };
 
 }  // namespace ostravel::linuxplatform

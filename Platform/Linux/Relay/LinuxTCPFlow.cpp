@@ -12,42 +12,39 @@
 namespace ostravel::linuxplatform {
 
 using platform::OptionalError;
-using Direction = StreamSocket::Direction;
 
-LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple,
-                           std::shared_ptr<const std::string> identifier,
-                           const SocketEndpoint& remote, std::unique_ptr<HeldPacket> packet,
-                           std::shared_ptr<UserShare> user, std::optional<FlowName> name,
-                           std::shared_ptr<FlowRecord> record)
-    : tuple_(tuple),
-      remote_(remote),
-      identifier_(std::move(identifier)),
+LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const SocketEndpoint& source,
+                           Reference<FlowRecord> record, std::unique_ptr<HeldPacket> packet,
+                           Reference<UserShare> user, std::optional<FlowName> name)
+    : StreamSocket(loop, std::move(user)),
+      source_(source),
       name_(name ? std::make_unique<FlowName>(*std::move(name)) : nullptr),
       packet_(std::move(packet)),
-      record_(std::move(record)),
-      stream_(loop, *this, std::move(user), record_.get()) {}
+      record_(std::move(record)) {}
 
 LinuxTCPFlow::~LinuxTCPFlow() {
-  if (record_) {
-    // Ignored if the end has already been reported.
-    record_->ended(platform::FlowEnd::abandoned, "");
-  }
+  // Ignored if the end has already been reported.
+  record_->ended(platform::FlowEnd::abandoned, "");
+}
+
+FlowTuple LinuxTCPFlow::tuple() const {
+  return {TransportProtocol::tcp, source_, destination()};
 }
 
 std::optional<platform::HostEndpoint> LinuxTCPFlow::remoteEndpoint() const {
-  return name_ ? platform::HostEndpoint{name_->host, std::to_string(remote_.port)}
+  return name_ ? platform::HostEndpoint{name_->host, std::to_string(destination().port)}
                : remoteLiteral();
 }
 
 platform::HostEndpoint LinuxTCPFlow::remoteLiteral() const {
-  return {remote_.addressText(), std::to_string(remote_.port)};
+  return {destination().addressText(), std::to_string(destination().port)};
 }
 
 std::optional<ConnectByName> LinuxTCPFlow::connectByName() const {
   if (!name_) {
     return std::nullopt;
   }
-  const bool isIPv6 = remote_.family == AddressFamily::ipv6;
+  const bool isIPv6 = destination().family == AddressFamily::ipv6;
   const platform::HostEndpoint remote = remoteLiteral();
   const std::string literal = isIPv6 ? "[" + remote.hostname + "]" : remote.hostname;
   return ConnectByName{name_->host + ":" + remote.port, literal + ":" + remote.port,
@@ -59,42 +56,43 @@ void LinuxTCPFlow::open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
   if (name_ && !name_->isForConnect) {
     name_.reset();
   }
-  stream_.loop().post([weakSelf = weak_from_this(), completion = std::move(completion)]() mutable {
-    const auto self = weakSelf.lock();
-    if (!self || self->stage_ == Stage::ended) {
-      completion(socketError(ECANCELED));
-      return;
-    }
-    const EventLoop::Service service(self->stream_.loop(), self->stream_.user());
-    const auto byName = self->connectByName();
-    const ConnectByName::Scope scope(byName ? &*byName : nullptr);
-    completion(std::nullopt);
-  });
+  loop().post(
+      [weakSelf = std::weak_ptr(sharedSelf()), completion = std::move(completion)]() mutable {
+        const auto self = weakSelf.lock();
+        if (!self || self->stage_ == Stage::ended) {
+          completion(socketError(ECANCELED));
+          return;
+        }
+        const EventLoop::Service service(self->loop(), self->user());
+        const auto byName = self->connectByName();
+        const ConnectByName::Scope scope(byName ? &*byName : nullptr);
+        completion(std::nullopt);
+      });
 }
 
 void LinuxTCPFlow::read(platform::ReadCompletion completion) {
-  stream_.loop().runWith(*this, [completion = std::move(completion)](LinuxTCPFlow& self) mutable {
+  loop().runWith(*this, [completion = std::move(completion)](LinuxTCPFlow& self) mutable {
     self.releasePacket();
-    self.stream_.read(1, limits::kMaximumChunk, std::move(completion));
+    self.receive(1, limits::kMaximumChunk, std::move(completion));
   });
 }
 
 void LinuxTCPFlow::write(platform::Data data, platform::ErrorCompletion completion) {
-  stream_.loop().runWith(*this, [data = std::move(data),
-                                 completion = std::move(completion)](LinuxTCPFlow& self) mutable {
+  loop().runWith(*this, [data = std::move(data),
+                         completion = std::move(completion)](LinuxTCPFlow& self) mutable {
     self.releasePacket();
-    self.stream_.write(std::move(data), std::move(completion));
+    self.send(std::move(data), std::move(completion));
   });
 }
 
 void LinuxTCPFlow::closeRead(OptionalError error) {
-  stream_.loop().runWith(*this, [error = std::move(error)](LinuxTCPFlow& self) {
+  loop().runWith(*this, [error = std::move(error)](LinuxTCPFlow& self) {
     self.close(Direction::read, error);
   });
 }
 
 void LinuxTCPFlow::closeWrite(OptionalError error) {
-  stream_.loop().runWith(*this, [error = std::move(error)](LinuxTCPFlow& self) {
+  loop().runWith(*this, [error = std::move(error)](LinuxTCPFlow& self) {
     self.close(Direction::write, error);
   });
 }
@@ -103,21 +101,20 @@ void LinuxTCPFlow::releasePacket() {
   if (stage_ != Stage::held) {
     return;
   }
-  EventLoop& loop = stream_.loop();
-  const auto self = shared_from_this();
-  if (stream_.user()) {
-    stream_.user()->handshakeSucceeded();
+  EventLoop& ourLoop = loop();
+  if (user()) {
+    user()->handshakeSucceeded();
   }
-  if (const RedirectPath* const path = loop.redirectPath();
-      path != nullptr && !path->isUsable(tuple_.source.family)) {
+  if (const RedirectPath* const path = ourLoop.redirectPath();
+      path != nullptr && !path->isUsable(source_.family)) {
     leaveHeld();
     return;
   }
   stage_ = Stage::released;
-  loop.listener().expect(std::shared_ptr<FlowListener::Waiter>(self, this));
-  packet_->redirect(loop.index());
+  ourLoop.listener().expect(waiter());
+  packet_->redirect(ourLoop.index());
   packet_.reset();
-  loop.listener().acceptReleased(tuple_.source.family);
+  ourLoop.listener().acceptReleased(source_.family);
 }
 
 // Redirected connections have ceased to arrive since the flow was offered; this one would be reset.
@@ -127,12 +124,12 @@ void LinuxTCPFlow::leaveHeld() {
   packet_.reset();
   platform::Error error = socketError(ECONNABORTED);
   error.localizedDescription = "Connections cannot be accepted; this one was left to the system";
-  stream_.fail(std::move(error));
+  fail(std::move(error));
 }
 
 void LinuxTCPFlow::endHeld(const OptionalError& error) {
-  if (platform::isHandshakeTimeout(error) && stream_.user()) {
-    stream_.user()->handshakeTimedOut(UserShare::Clock::now());
+  if (platform::isHandshakeTimeout(error) && user()) {
+    user()->handshakeTimedOut(UserShare::Clock::now());
   }
   if (error) {
     packet_->accept();
@@ -143,7 +140,7 @@ void LinuxTCPFlow::endHeld(const OptionalError& error) {
 }
 
 void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
-  if (stage_ == Stage::ended || stream_.isClosed(direction)) {
+  if (stage_ == Stage::ended || isClosed(direction)) {
     return;
   }
   const bool isHeld = stage_ == Stage::held;
@@ -151,20 +148,19 @@ void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
     endHeld(error);
   }
   if (isHeld || error) {
-    if (RedirectPath* const path = stream_.loop().redirectPath();
+    if (RedirectPath* const path = loop().redirectPath();
         stage_ == Stage::carried && path != nullptr) {
-      path->prepareReset(tuple_);
+      path->prepareReset(tuple());
     }
     stage_ = Stage::ended;
-    stream_.fail(socketError(ECANCELED));
+    fail(socketError(ECANCELED));
     return;
   }
-  stream_.closeInOrder(direction);
-  const bool isClosed = stream_.isClosed(Direction::read) && stream_.isClosed(Direction::write);
-  if (isClosed && stage_ == Stage::released) {
+  closeInOrder(direction);
+  const bool areBothClosed = isClosed(Direction::read) && isClosed(Direction::write);
+  if (areBothClosed && stage_ == Stage::released) {
     // The connection that is about to arrive must see an end of stream, not a reset.
-    const auto self = shared_from_this();
-    stream_.loop().listener().keep(std::shared_ptr<FlowListener::Waiter>(self, this));
+    loop().listener().keep(waiter());
   }
 }
 
@@ -174,7 +170,7 @@ void LinuxTCPFlow::accepted(LoopSocket socket) {
     return;
   }
   stage_ = Stage::carried;
-  stream_.attach(std::move(socket));
+  attach(std::move(socket));
 }
 
 void LinuxTCPFlow::timedOut() {
@@ -182,17 +178,21 @@ void LinuxTCPFlow::timedOut() {
     return;
   }
   stage_ = Stage::ended;
-  EventLoop& loop = stream_.loop();
-  if (RedirectPath* const path = loop.redirectPath()) {
-    path->reportMissing(loop.index(), tuple_);
+  EventLoop& ourLoop = loop();
+  if (RedirectPath* const path = ourLoop.redirectPath()) {
+    path->reportMissing(ourLoop.index(), tuple());
   }
   platform::Error error = socketError(ETIMEDOUT);
   error.localizedDescription = "The application gave up before its connection was made";
-  stream_.fail(std::move(error));
+  fail(std::move(error));
 }
 
-std::shared_ptr<StreamSocket> LinuxTCPFlow::sharedStream() {
-  return {shared_from_this(), &stream_};
+std::shared_ptr<LinuxTCPFlow> LinuxTCPFlow::sharedSelf() {
+  return {shared_from_this(), this};
+}
+
+std::shared_ptr<FlowListener::Waiter> LinuxTCPFlow::waiter() {
+  return {shared_from_this(), this};
 }
 
 }  // namespace ostravel::linuxplatform

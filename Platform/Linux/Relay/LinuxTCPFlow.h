@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "Base/ReferenceCounted.h"
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Relay/ConnectByName.h"
@@ -29,21 +30,18 @@ class EventLoop;
 // system; closing without one refuses it, because that is the proxy's decision. A flow that is
 // destroyed unclosed is left to the system while the SYN is held, and is reset afterwards.
 class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
-                           public std::enable_shared_from_this<LinuxTCPFlow>,
-                           private FlowListener::Waiter,
-                           private StreamSocket::Owner {
+                           public StreamSocket,
+                           private FlowListener::Waiter {
  public:
-  // identifier: valid UTF-8, empty if unknown; not null. remote: the destination. user is
-  // charged for the tunnel's resources; null if unknown. name: of the destination, if it has one.
-  // record: null if none is kept.
-  LinuxTCPFlow(EventLoop& loop, const FlowTuple& tuple,
-               std::shared_ptr<const std::string> identifier, const SocketEndpoint& remote,
-               std::unique_ptr<HeldPacket> packet, std::shared_ptr<UserShare> user = nullptr,
-               std::optional<FlowName> name = std::nullopt,
-               std::shared_ptr<FlowRecord> record = nullptr);
+  // source: the application's address. record: not null; knows the application, whose identifier is
+  // valid UTF-8, and the destination. user is charged for the tunnel's resources; null if unknown.
+  // name: of the destination, if it has one.
+  LinuxTCPFlow(EventLoop& loop, const SocketEndpoint& source, Reference<FlowRecord> record,
+               std::unique_ptr<HeldPacket> packet, Reference<UserShare> user = nullptr,
+               std::optional<FlowName> name = std::nullopt);
   ~LinuxTCPFlow() override;
 
-  std::string sourceAppSigningIdentifier() const override { return *identifier_; }
+  std::string sourceAppSigningIdentifier() const override { return application(); }
   platform::FlowObserver* observer() override { return record_.get(); }
   // By name, if it has one; after open() only if the proxy is asked for the name.
   std::optional<platform::HostEndpoint> remoteEndpoint() const override;
@@ -64,31 +62,30 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
 
   std::optional<ConnectByName> connectByName() const;
   void releasePacket();
+  std::shared_ptr<LinuxTCPFlow> sharedSelf();
+  std::shared_ptr<FlowListener::Waiter> waiter();
   void leaveHeld();
-  void close(StreamSocket::Direction direction, const platform::OptionalError& error);
+  void close(Direction direction, const platform::OptionalError& error);
   void endHeld(const platform::OptionalError& error);
 
-  const FlowTuple& tuple() const override { return tuple_; }
-  const std::string& application() const override { return *identifier_; }
+  const SocketEndpoint& destination() const { return record_->destination(); }
+  FlowTuple tuple() const override;
+  const std::string& application() const override { return *record_->application(); }
   void accepted(LoopSocket socket) override;
   void timedOut() override;
 
-  std::shared_ptr<StreamSocket> sharedStream() override;
   void streamFailed(int /*error*/) override {}
   void streamEnded() override {}
+  FlowRecord* record() const override { return record_.get(); }
 
   platform::HostEndpoint remoteLiteral() const;
 
-  const FlowTuple tuple_;
-  const SocketEndpoint remote_;
+  const SocketEndpoint source_;
   Stage stage_ = Stage::held;
-  // Shared with the other flows of the application.
-  const std::shared_ptr<const std::string> identifier_;
   // Null if there is none, as for most flows. Changed by open() only.
   std::unique_ptr<FlowName> name_;
   std::unique_ptr<HeldPacket> packet_;
-  const std::shared_ptr<FlowRecord> record_;
-  StreamSocket stream_;
+  const Reference<FlowRecord> record_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -13,7 +13,7 @@ constexpr std::uint8_t kBothDirections = kReadDirection | kWriteDirection;
 }  // namespace
 
 LinuxUDPFlow::LinuxUDPFlow(const FlowTuple& tuple, std::string identifier,
-                           std::unique_ptr<HeldPacket> packet, std::shared_ptr<FlowRecord> record)
+                           std::unique_ptr<HeldPacket> packet, Reference<FlowRecord> record)
     : source_(tuple.source),
       identifier_(std::move(identifier)),
       packet_(std::move(packet)),

@@ -20,7 +20,7 @@ class LinuxUDPFlow final : public platform::AppProxyUDPFlow {
  public:
   // identifier: valid UTF-8, empty if unknown. record: null if none is kept.
   LinuxUDPFlow(const FlowTuple& tuple, std::string identifier, std::unique_ptr<HeldPacket> packet,
-               std::shared_ptr<FlowRecord> record = nullptr);
+               Reference<FlowRecord> record = nullptr);
 
   std::string sourceAppSigningIdentifier() const override { return identifier_; }
   std::optional<platform::HostEndpoint> localEndpoint() const override;
@@ -35,7 +35,7 @@ class LinuxUDPFlow final : public platform::AppProxyUDPFlow {
   const SocketEndpoint source_;
   const std::string identifier_;
   const std::unique_ptr<HeldPacket> packet_;
-  const std::shared_ptr<FlowRecord> record_;
+  const Reference<FlowRecord> record_;
   std::atomic<std::uint8_t> closed_ = 0;
 };
 

@@ -22,15 +22,18 @@ LoopSocket::LoopSocket(EventLoop& loop, int descriptor) : loop_(&loop), descript
   loop.descriptors().take(1, nullptr);
 }
 
-LoopSocket::LoopSocket(LoopSocket&& other) noexcept {
-  *this = std::move(other);
-}
+LoopSocket::LoopSocket(LoopSocket&& other) noexcept
+    : loop_(other.loop_),
+      watch_(std::exchange(other.watch_, nullptr)),
+      user_(other.user_),
+      descriptor_(std::move(other.descriptor_)),
+      endsInOrder_(other.endsInOrder_) {}
 
 LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
   if (this != &other) {
     release();
     loop_ = other.loop_;
-    user_ = std::exchange(other.user_, nullptr);
+    user_ = other.user_;
     watch_ = std::exchange(other.watch_, nullptr);
     descriptor_ = std::move(other.descriptor_);
     endsInOrder_ = other.endsInOrder_;
@@ -38,9 +41,13 @@ LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
   return *this;
 }
 
-void LoopSocket::chargeTo(UserShare* user) {
+void LoopSocket::takeOver(LoopSocket other) {
+  release();
+  watch_ = std::exchange(other.watch_, nullptr);
+  descriptor_ = std::move(other.descriptor_);
+  endsInOrder_ = other.endsInOrder_;
   if (isOpen()) {
-    loop_->descriptors().charge(1, std::exchange(user_, user), user);
+    loop_->descriptors().charge(1, other.user_.get(), user_.get());
   }
 }
 
@@ -51,23 +58,41 @@ void LoopSocket::goFirst() {
 // Waiting
 
 void LoopSocket::waitUntilReadable(Task task) {
+  loop_->poller().waitUntilReadable(*watch_, std::move(task));
+  runIfReadable();
+}
+
+void LoopSocket::waitUntilReadable() {
+  Poller::waitUntilReadable(*watch_);
+  runIfReadable();
+}
+
+void LoopSocket::waitUntilWritable(Task task) {
+  loop_->poller().waitUntilWritable(*watch_, descriptor(), std::move(task));
+  runIfWritable();
+}
+
+void LoopSocket::waitUntilWritable() {
+  loop_->poller().waitUntilWritable(*watch_, descriptor());
+  runIfWritable();
+}
+
+void LoopSocket::runIfReadable() {
   Poller& poller = loop_->poller();
-  poller.waitUntilReadable(*watch_, std::move(task));
   if (poller.isReadingDue(*watch_)) {
     loop_->post([&poller, key = Poller::keyOf(*watch_)] { poller.runDue(key); });
   }
 }
 
-void LoopSocket::waitUntilWritable(Task task) {
+void LoopSocket::runIfWritable() {
   Poller& poller = loop_->poller();
-  poller.waitUntilWritable(*watch_, descriptor(), std::move(task));
   if (poller.isWritingDue(*watch_)) {
     loop_->post([&poller, key = Poller::keyOf(*watch_)] { poller.runDue(key); });
   }
 }
 
 void LoopSocket::cancelWaits() {
-  loop_->poller().cancelWaits(*watch_);
+  Poller::cancelWaits(*watch_);
 }
 
 // Transfer
@@ -164,7 +189,7 @@ void LoopSocket::release() {
     loop_->poller().removeFromOutside(watch);
     descriptor_ = FileDescriptor();
   }
-  loop_->descriptors().giveBack(1, std::exchange(user_, nullptr));
+  loop_->descriptors().giveBack(1, user_.get());
 }
 
 }  // namespace ostravel::linuxplatform

@@ -4,9 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <utility>
 
 #include "Base/FileDescriptor.h"
+#include "Base/ReferenceCounted.h"
 #include "Platform/Linux/Relay/Poller.h"
 #include "Platform/Linux/Relay/Task.h"
 #include "Platform/Linux/Services/UserShare.h"
@@ -29,16 +31,24 @@ class LoopSocket {
   };
 
   LoopSocket() = default;
+  // Not open: for a socket of this loop that takeOver() provides, and whose descriptor this user is
+  // charged for, if it is not null.
+  LoopSocket(EventLoop& loop, Reference<UserShare> user) : loop_(&loop), user_(std::move(user)) {}
   // Takes ownership of the descriptor, even if the loop cannot watch it: it is closed then.
   LoopSocket(EventLoop& loop, int descriptor);
+  // The other one is not open afterwards; it keeps its loop and its user.
   LoopSocket(LoopSocket&& other) noexcept;
   LoopSocket& operator=(LoopSocket&& other) noexcept;
   ~LoopSocket() { release(); }
 
-  // Charges its descriptor to this user from now on, who outlives it; null for nobody.
-  void chargeTo(UserShare* user);
+  // Takes a socket of the same loop from the other one, and charges its own user for it.
+  void takeOver(LoopSocket other);
   // Its events are handled before those of the loop's other sockets.
   void goFirst();
+
+  // Must have one.
+  EventLoop& loop() const { return *loop_; }
+  const Reference<UserShare>& user() const { return user_; }
 
   bool isOpen() const { return watch_ != nullptr; }
   // -1 if it is not open.
@@ -50,6 +60,12 @@ class LoopSocket {
   // at once.
   void waitUntilReadable(Task task);
   void waitUntilWritable(Task task);
+  // The same for a client, which stays the socket's until waits are cancelled.
+  void setClient(std::weak_ptr<Poller::Client> client) {
+    Poller::setClient(*watch_, std::move(client));
+  }
+  void waitUntilReadable();
+  void waitUntilWritable();
   void cancelWaits();
   void nothingToRead() { watch_->nothingToRead(); }
   void noRoomToWrite() { watch_->noRoomToWrite(); }
@@ -79,11 +95,14 @@ class LoopSocket {
   void close();
 
  private:
+  void runIfReadable();
+  void runIfWritable();
   void release();
 
   EventLoop* loop_ = nullptr;
   Poller::Watch* watch_ = nullptr;
-  UserShare* user_ = nullptr;
+  // Charged for the descriptor while it is open; null for nobody.
+  Reference<UserShare> user_;
   FileDescriptor descriptor_;
   bool endsInOrder_ = false;
 };

@@ -11,7 +11,7 @@
 
 namespace ostravel::linuxplatform {
 
-std::optional<PipePool::Pipe> PipePool::take(const std::shared_ptr<UserShare>& user) {
+std::optional<PipePool::Pipe> PipePool::take(const Reference<UserShare>& user) {
   if (!memory_.permits(user, limits::kMaximumChunk)) {
     return std::nullopt;
   }

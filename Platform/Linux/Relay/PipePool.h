@@ -34,7 +34,7 @@ class PipePool {
   // An empty pipe for a stream of this user (null if unknown). Empty if descriptors or the user's
   // share of memory are used up, or the kernel provides only a small pipe: the bytes are then
   // copied.
-  std::optional<Pipe> take(const std::shared_ptr<UserShare>& user);
+  std::optional<Pipe> take(const Reference<UserShare>& user);
   // Only an empty pipe may be returned; destroy any other.
   void release(Pipe pipe);
 

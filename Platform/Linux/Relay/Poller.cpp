@@ -75,10 +75,11 @@ void Poller::removeFromOutside(Watch& watch) {
 }
 
 void Poller::reclaim(Watch& watch) {
-  // Destroyed at the end of the function, because their captures may use this poller.
-  const Task reading = std::move(watch.reading_);
-  const std::unique_ptr<Task> writing = std::move(watch.writing_);
+  // Destroyed at the end of the function, because captures of tasks may use this poller.
+  const Watch::Waiting waiting = std::exchange(watch.waiting_, {});
   ++watch.generation_;
+  watch.isReadAwaited_ = false;
+  watch.isWriteAwaited_ = false;
   watch.isReadable_ = false;
   watch.isWritable_ = false;
   watch.isMoreCertain_ = false;
@@ -104,14 +105,32 @@ void Poller::reclaimRemoved() {
 
 // Waiting for one
 
+Poller::Watch::Tasks& Poller::Watch::tasks() {
+  if (!std::holds_alternative<std::unique_ptr<Tasks>>(waiting_)) {
+    waiting_ = std::make_unique<Tasks>();
+  }
+  return *std::get<std::unique_ptr<Tasks>>(waiting_);
+}
+
 void Poller::waitUntilReadable(Watch& watch, Task task) {
-  watch.reading_ = std::move(task);
+  watch.tasks().reading = std::move(task);
+  watch.isReadAwaited_ = true;
 }
 
 void Poller::waitUntilWritable(Watch& watch, int descriptor, Task task) {
-  const std::unique_ptr<Task> before =
-      std::exchange(watch.writing_, std::make_unique<Task>(std::move(task)));
-  if (!std::exchange(watch.isWrittenTo_, true)) {
+  watch.tasks().writing = std::move(task);
+  waitUntilWritable(watch, descriptor);
+}
+
+void Poller::setClient(Watch& watch, std::weak_ptr<Client> client) {
+  cancelWaits(watch);
+  watch.waiting_ = std::move(client);
+}
+
+void Poller::waitUntilWritable(Watch& watch, int descriptor) {
+  watch.isWriteAwaited_ = true;
+  if (!watch.isWrittenTo_) {
+    watch.isWrittenTo_ = true;
     // If the socket is writable already, this reports it, so no event is missed. It cannot fail,
     // because it allocates nothing.
     epoll_event event = eventOf(kReadingAndWriting, watch.key());
@@ -120,8 +139,9 @@ void Poller::waitUntilWritable(Watch& watch, int descriptor, Task task) {
 }
 
 void Poller::cancelWaits(Watch& watch) {
-  const Task reading = std::move(watch.reading_);
-  const std::unique_ptr<Task> writing = std::move(watch.writing_);
+  watch.isReadAwaited_ = false;
+  watch.isWriteAwaited_ = false;
+  const Watch::Waiting waiting = std::exchange(watch.waiting_, {});
 }
 
 void Poller::dropWaits() {
@@ -142,13 +162,27 @@ Poller::Watch* Poller::find(Key key) {
 
 void Poller::runDue(Key key) {
   if (Watch* const watch = find(key); watch != nullptr && isReadingDue(*watch)) {
-    Task task = std::move(watch->reading_);
-    task();
+    watch->isReadAwaited_ = false;
+    if (const auto* const client = std::get_if<std::weak_ptr<Client>>(&watch->waiting_)) {
+      if (const auto found = client->lock()) {
+        found->readable();
+      }
+    } else {
+      Task task = std::move(watch->tasks().reading);
+      task();
+    }
   }
-  // The task may have removed the watch.
+  // That may have removed the watch.
   if (Watch* const watch = find(key); watch != nullptr && isWritingDue(*watch)) {
-    const std::unique_ptr<Task> task = std::move(watch->writing_);
-    (*task)();
+    watch->isWriteAwaited_ = false;
+    if (const auto* const client = std::get_if<std::weak_ptr<Client>>(&watch->waiting_)) {
+      if (const auto found = client->lock()) {
+        found->writable();
+      }
+    } else {
+      Task task = std::move(watch->tasks().writing);
+      task();
+    }
   }
 }
 

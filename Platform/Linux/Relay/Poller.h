@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <variant>
 #include <vector>
 
 #include "Base/FileDescriptor.h"
@@ -29,8 +30,24 @@ namespace ostravel::linuxplatform {
 // Owned by its event loop. For the loop's thread, or before that starts, unless stated otherwise.
 class Poller {
  public:
-  // The known readiness of one socket, and the tasks that wait for it. Keeps its address until it
-  // is removed; its memory is then reused.
+  // Waits for its socket often, and for a long time: without a Task for each wait, which would take
+  // more memory than the rest of an idle watch.
+  class Client {
+   public:
+    Client() = default;
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    // As a Task would run.
+    virtual void readable() = 0;
+    virtual void writable() = 0;
+
+   protected:
+    ~Client() = default;
+  };
+
+  // The known readiness of one socket, and who waits for it. Keeps its address until it is removed;
+  // its memory is then reused.
   class Watch {
    public:
     // A call may succeed, as far as is known.
@@ -53,16 +70,27 @@ class Poller {
 
     std::uint64_t key() const { return std::uint64_t{generation_} << 32U | place_; }
 
+    struct Tasks {
+      Task reading;
+      Task writing;
+    };
+    // A client is not kept alive.
+    using Waiting = std::variant<std::monostate, std::weak_ptr<Client>, std::unique_ptr<Tasks>>;
+
+    Tasks& tasks();
+
+    // There are two watches for every tunnel: the rest is in the padding of the first.
+    [[no_unique_address]] Waiting waiting_;
+    // A task or the client waits for it.
+    bool isReadAwaited_ : 1 = false;
+    bool isWriteAwaited_ : 1 = false;
+    bool isReadable_ : 1 = false;
+    bool isWritable_ : 1 = false;
+    bool isMoreCertain_ : 1 = false;
+    bool isWrittenTo_ : 1 = false;
+    std::atomic<bool> isRemoved_ = false;
     std::uint32_t place_ = 0;
     std::uint32_t generation_ = 0;
-    bool isReadable_ = false;
-    bool isWritable_ = false;
-    bool isMoreCertain_ = false;
-    bool isWrittenTo_ = false;
-    std::atomic<bool> isRemoved_ = false;
-    Task reading_;
-    // Null if there is none: a socket that never fills up does not wait to be writable.
-    std::unique_ptr<Task> writing_;
   };
 
   // Throws std::system_error if the kernel has no descriptors left.
@@ -83,7 +111,11 @@ class Poller {
   // the caller posts runDue(). At most one task each.
   void waitUntilReadable(Watch& watch, Task task);
   void waitUntilWritable(Watch& watch, int descriptor, Task task);
-  void cancelWaits(Watch& watch);
+  // The same for a client, instead of tasks: it is called if it still exists then.
+  static void setClient(Watch& watch, std::weak_ptr<Client> client);
+  static void waitUntilReadable(Watch& watch) { watch.isReadAwaited_ = true; }
+  void waitUntilWritable(Watch& watch, int descriptor);
+  static void cancelWaits(Watch& watch);
   // Destroys the tasks of all watches. Once the loop has stopped.
   void dropWaits();
 
@@ -91,8 +123,8 @@ class Poller {
   using Key = std::uint64_t;
   static Key keyOf(const Watch& watch) { return watch.key(); }
   // True if the waiting task may run now; no event may follow.
-  bool isReadingDue(const Watch& watch) const { return watch.isReadable_ && watch.reading_; }
-  bool isWritingDue(const Watch& watch) const { return watch.isWritable_ && watch.writing_; }
+  bool isReadingDue(const Watch& watch) const { return watch.isReadable_ && watch.isReadAwaited_; }
+  bool isWritingDue(const Watch& watch) const { return watch.isWritable_ && watch.isWriteAwaited_; }
   // Runs the waiting tasks whose socket is ready. Does nothing if the watch is gone.
   void runDue(Key key);
 

@@ -11,6 +11,7 @@
 #include "Platform/Linux/Relay/BufferChunk.h"
 #include "Platform/Linux/Relay/PipeChunk.h"
 #include "Platform/Linux/Relay/SocketError.h"
+#include "Platform/Linux/Relay/StreamSocket.h"
 #include "Platform/Linux/Services/RelayLimits.h"
 
 namespace ostravel::linuxplatform {
@@ -18,48 +19,50 @@ namespace ostravel::linuxplatform {
 using platform::Data;
 using platform::OptionalError;
 
+StreamReader::StreamReader(StreamSocket& stream) : stream_(stream), state_(stream.reading_) {}
+
 void StreamReader::read(std::size_t minimum, std::size_t maximum,
                         platform::ReadCompletion completion) {
-  if (progress_ != Progress::none) {
+  if (state_.progress != Progress::none) {
     programmingError("a read of a stream that is being read");
   }
-  progress_ = Progress::waiting;
-  completion_ = std::move(completion);
-  maximum_ = static_cast<std::uint32_t>(
+  state_.progress = Progress::waiting;
+  state_.completion = std::move(completion);
+  state_.maximum = static_cast<std::uint32_t>(
       std::clamp<std::size_t>(maximum, 1, std::numeric_limits<std::uint32_t>::max()));
-  minimum = std::min<std::size_t>(minimum, maximum_);
-  if (minimum > 1) {
-    gathering_ = std::make_unique<Gathering>(Gathering{minimum, {}});
+  minimum = std::min<std::size_t>(minimum, state_.maximum);
+  if (minimum > 1 && state_.failure() == nullptr) {
+    state_.gatheringOrFailure = std::make_unique<Gathering>(Gathering{minimum, {}});
   }
-  if (stream_.failure) {
-    finishLater(*stream_.failure);
-  } else if (isClosed_) {
+  if (state_.failure() != nullptr) {
+    finishLater(*state_.failure());
+  } else if (state_.isClosed) {
     finishLater(socketError(ECANCELED));
-  } else if (hasEnded_) {
+  } else if (state_.hasEnded) {
     finishLater(std::nullopt);
-  } else if (stream_.socket.isOpen()) {
+  } else if (stream_.isOpen()) {
     waitForData();
   }
 }
 
 void StreamReader::socketIsOpen() {
-  if (isClosed_ || progress_ == Progress::waiting) {
+  if (state_.isClosed || state_.progress == Progress::waiting) {
     waitForData();
   }
 }
 
 void StreamReader::waitForData() {
-  if (std::exchange(isWaitingForData_, true)) {
+  if (state_.isWaitingForData) {
     return;
   }
-  stream_.socket.waitUntilReadable(
-      stream_.later(*this, [](StreamReader& self) { self.dataArrived(); }));
+  state_.isWaitingForData = true;
+  stream_.socket_.waitUntilReadable();
 }
 
 void StreamReader::dataArrived() {
-  ++stream_.loop.counters().wakeups;
-  isWaitingForData_ = false;
-  if (isClosed_) {
+  ++stream_.loop().counters().wakeups;
+  state_.isWaitingForData = false;
+  if (state_.isClosed) {
     discardArrived();
   } else {
     continueInTurn();
@@ -67,28 +70,30 @@ void StreamReader::dataArrived() {
 }
 
 void StreamReader::continueInTurn() {
-  stream_.inTurn(*this, [](StreamReader& self) { self.receive(); });
+  stream_.inTurn<StreamReader>([](StreamReader& self) { self.receive(); });
 }
 
 void StreamReader::receive() {
   // Closed or failed in the meantime.
-  if (progress_ != Progress::waiting || !stream_.socket.isOpen()) {
+  if (state_.progress != Progress::waiting || !stream_.isOpen()) {
     return;
   }
-  const bool mayUsePipe = isBulk_ && !gathering_;
+  const bool mayUsePipe = state_.isBulk && state_.gathering() == nullptr;
   if (!mayUsePipe || !receiveIntoPipe()) {
     receiveIntoMemory();
   }
 }
 
 void StreamReader::receiveIntoMemory() {
-  EventLoop& loop = stream_.loop;
+  EventLoop& loop = stream_.loop();
   // A whole buffer may be pinned until the other side reads; a small piece is copied out of it.
-  const bool mayPinBuffer = loop.memory().permits(stream_.user, limits::kBufferSize);
+  const bool mayPinBuffer = loop.memory().permits(stream_.user(), limits::kBufferSize);
   const std::size_t most = mayPinBuffer ? limits::kBufferSize : limits::kSmallRead;
-  const std::size_t size = std::min(most, maximum_ - (gathering_ ? gathering_->bytes.size() : 0));
+  const std::size_t size =
+      std::min(most, state_.maximum -
+                         (state_.gathering() != nullptr ? state_.gathering()->bytes.size() : 0));
   BufferPool::Buffer buffer = loop.buffers().take();
-  const auto received = stream_.socket.receive(buffer.get(), size);
+  const auto received = stream_.socket_.receive(buffer.get(), size);
   if (received <= 0) {
     const int error = received < 0 ? errno : 0;
     loop.buffers().release(std::move(buffer));
@@ -97,7 +102,7 @@ void StreamReader::receiveIntoMemory() {
   }
   const auto count = static_cast<std::size_t>(received);
   countMemoryChunk(count);
-  if (gathering_) {
+  if (state_.gathering() != nullptr) {
     gather(buffer.get(), count);
     loop.buffers().release(std::move(buffer));
     return;
@@ -111,31 +116,31 @@ void StreamReader::receiveIntoMemory() {
   }
   finish(Data(std::make_unique<BufferChunk>(
              loop.buffers(), std::move(buffer), count,
-             MemoryBudget::Lease(loop.memory(), limits::kBufferSize, stream_.user))),
+             MemoryBudget::Lease(loop.memory(), limits::kBufferSize, stream_.user()))),
          std::nullopt);
 }
 
 void StreamReader::countMemoryChunk(std::size_t count) {
-  stream_.loop.counters().copiedBytes += count;
+  stream_.loop().counters().copiedBytes += count;
   stream_.countRead(count);
   stream_.spendOfTurn(count);
   if (count < limits::kBufferSize) {
-    fullReads_ = 0;
-  } else if (++fullReads_ == limits::kFullReadsBeforeSplice) {
-    fullReads_ = 0;
-    smallChunks_ = 0;
-    isBulk_ = true;
+    state_.fullReads = 0;
+  } else if (++state_.fullReads == limits::kFullReadsBeforeSplice) {
+    state_.fullReads = 0;
+    state_.smallChunks = 0;
+    state_.isBulk = true;
   }
 }
 
 bool StreamReader::receiveIntoPipe() {
-  PipePool& pipes = stream_.loop.pipes();
-  auto pipe = pipes.take(stream_.user);
+  PipePool& pipes = stream_.loop().pipes();
+  auto pipe = pipes.take(stream_.user());
   if (!pipe) {
     return false;
   }
-  const auto received = stream_.socket.moveInto(pipe->writeEnd.get(),
-                                                std::min<std::size_t>(maximum_, pipe->capacity));
+  const auto received = stream_.socket_.moveInto(
+      pipe->writeEnd.get(), std::min<std::size_t>(state_.maximum, pipe->capacity));
   if (received <= 0) {
     const int error = received < 0 ? errno : 0;
     pipes.release(*std::move(pipe));
@@ -143,21 +148,21 @@ bool StreamReader::receiveIntoPipe() {
     return true;
   }
   const auto count = static_cast<std::size_t>(received);
-  stream_.loop.counters().splicedBytes += count;
+  stream_.loop().counters().splicedBytes += count;
   stream_.countRead(count);
   stream_.spendOfTurn(count);
   if (count > limits::kSmallChunk) {
-    smallChunks_ = 0;
-  } else if (++smallChunks_ == limits::kSmallChunksBeforeCopy) {
-    isBulk_ = false;
+    state_.smallChunks = 0;
+  } else if (++state_.smallChunks == limits::kSmallChunksBeforeCopy) {
+    state_.isBulk = false;
   }
   finish(Data(std::make_unique<PipeChunk>(pipes, *std::move(pipe), count)), std::nullopt);
   return true;
 }
 
 void StreamReader::gather(const std::byte* bytes, std::size_t size) {
-  gathering_->bytes.insert(gathering_->bytes.end(), bytes, bytes + size);
-  if (gathering_->bytes.size() >= gathering_->minimum) {
+  state_.gathering()->bytes.insert(state_.gathering()->bytes.end(), bytes, bytes + size);
+  if (state_.gathering()->bytes.size() >= state_.gathering()->minimum) {
     finish(takeGathered(), std::nullopt);
   } else {
     waitForData();
@@ -165,7 +170,9 @@ void StreamReader::gather(const std::byte* bytes, std::size_t size) {
 }
 
 Data StreamReader::takeGathered() {
-  return Data(std::move(std::exchange(gathering_, nullptr)->bytes));
+  Data gathered(std::move(state_.gathering()->bytes));
+  state_.dropGathering();
+  return gathered;
 }
 
 // error: 0 at the end of the stream.
@@ -183,52 +190,54 @@ void StreamReader::handleNothingReceived(int error) {
 }
 
 void StreamReader::end() {
-  if (stream_.socketError != 0) {
+  if (stream_.socketError_ != 0) {
     // The kernel reports a failure only once, and a write has already received it.
-    finish(std::nullopt, socketError(stream_.socketError));
+    finish(std::nullopt, socketError(stream_.socketError_));
     return;
   }
-  hasEnded_ = true;
-  if (gathering_ && !gathering_->bytes.empty()) {
+  state_.hasEnded = true;
+  if (state_.gathering() != nullptr && !state_.gathering()->bytes.empty()) {
     finish(takeGathered(), std::nullopt);
     return;
   }
-  stream_.owner.streamEnded();
+  stream_.streamEnded();
   finish(std::nullopt, std::nullopt);
 }
 
 void StreamReader::finishLater(OptionalError error) {
-  progress_ = Progress::finishing;
-  stream_.loop.post(stream_.later(*this, [error = std::move(error)](StreamReader& self) mutable {
-    self.finish(std::nullopt, std::move(error));
-  }));
+  state_.progress = Progress::finishing;
+  stream_.loop().post(
+      stream_.later<StreamReader>([error = std::move(error)](StreamReader& self) mutable {
+        self.finish(std::nullopt, std::move(error));
+      }));
 }
 
 void StreamReader::finish(std::optional<Data> data, OptionalError error) {
-  progress_ = Progress::none;
-  gathering_ = nullptr;
+  state_.progress = Progress::none;
+  state_.dropGathering();
   // The completion may start the next read or close the stream.
-  const auto completion = std::exchange(completion_, nullptr);
+  const auto completion = std::exchange(state_.completion, nullptr);
   completion(std::move(data), std::move(error));
 }
 
 // Ending
 
 void StreamReader::close() {
-  isClosed_ = true;
-  gathering_ = nullptr;
-  if (progress_ == Progress::waiting) {
+  state_.isClosed = true;
+  state_.dropGathering();
+  if (state_.progress == Progress::waiting) {
     finishLater(socketError(ECANCELED));
   }
 }
 
 void StreamReader::discardArrived() {
-  if (!stream_.socket.isOpen()) {
+  if (!stream_.isOpen()) {
     return;
   }
-  switch (stream_.socket.discardArrived(stream_.loop.counters().discardedBytes)) {
+  switch (stream_.socket_.discardArrived(stream_.loop().counters().discardedBytes)) {
     case LoopSocket::Discarded::some:
-      stream_.loop.post(stream_.later(*this, [](StreamReader& self) { self.discardArrived(); }));
+      stream_.loop().post(
+          stream_.later<StreamReader>([](StreamReader& self) { self.discardArrived(); }));
       break;
     case LoopSocket::Discarded::allSoFar:
       waitForData();
@@ -239,15 +248,14 @@ void StreamReader::discardArrived() {
 }
 
 void StreamReader::fail() {
-  gathering_ = nullptr;
-  if (progress_ == Progress::waiting) {
-    finishLater(*stream_.failure);
+  if (state_.progress == Progress::waiting) {
+    finishLater(*state_.failure());
   }
 }
 
 void StreamReader::abandon() {
-  if (completion_) {
-    stream_.loop.post([completion = std::move(completion_)] {
+  if (state_.completion) {
+    stream_.loop().post([completion = std::move(state_.completion)] {
       completion(std::nullopt, socketError(ECANCELED));
     });
   }

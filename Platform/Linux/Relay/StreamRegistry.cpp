@@ -1,5 +1,6 @@
 #include "Platform/Linux/Relay/StreamRegistry.h"
 
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -7,21 +8,21 @@
 
 namespace ostravel::linuxplatform {
 
-StreamRegistry::Place StreamRegistry::add(std::weak_ptr<StreamSocket> stream) {
+StreamRegistry::Place StreamRegistry::add(StreamSocket& stream) {
   const std::lock_guard guard(lock_);
   if (free_.empty()) {
-    streams_.push_back(std::move(stream));
+    streams_.push_back(&stream);
     return static_cast<Place>(streams_.size() - 1);
   }
   const Place place = free_.back();
   free_.pop_back();
-  streams_[place] = std::move(stream);
+  streams_[place] = &stream;
   return place;
 }
 
 void StreamRegistry::remove(Place place) {
   const std::lock_guard guard(lock_);
-  streams_[place].reset();
+  streams_[place] = nullptr;
   free_.push_back(place);
 }
 
@@ -31,8 +32,9 @@ void StreamRegistry::dropCompletions() {
   std::vector<std::shared_ptr<StreamSocket>> streams;
   {
     const std::lock_guard guard(lock_);
-    for (const auto& weakStream : streams_) {
-      if (auto stream = weakStream.lock()) {
+    for (StreamSocket* const registered : streams_) {
+      // One that is being destroyed waits for the lock, and has no owner any more.
+      if (auto stream = registered != nullptr ? registered->weak_from_this().lock() : nullptr) {
         streams.push_back(std::move(stream));
       }
     }

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -24,8 +23,8 @@ class StreamRegistry {
   StreamRegistry& operator=(const StreamRegistry&) = delete;
 
   // On the loop's thread.
-  Place add(std::weak_ptr<StreamSocket> stream);
-  // Called when the stream is destroyed, on any thread.
+  Place add(StreamSocket& stream);
+  // Called while the stream is destroyed, on any thread, before its members are.
   void remove(Place place);
 
   // Destroys the pending completions of all streams. Only after the loop's thread has ended.
@@ -33,8 +32,8 @@ class StreamRegistry {
 
  private:
   std::mutex lock_;
-  // Both guarded by lock_: the streams, and the places that are free again.
-  std::deque<std::weak_ptr<StreamSocket>> streams_;
+  // Both guarded by lock_: the streams, null in places that are free again, and those places.
+  std::deque<StreamSocket*> streams_;
   std::vector<Place> free_;
 };
 

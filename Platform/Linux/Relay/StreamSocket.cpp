@@ -2,116 +2,148 @@
 
 #include <sys/socket.h>
 
-#include <utility>
-
-#include "Platform/Linux/Relay/EventLoop.h"
 #include "Platform/Linux/Relay/LingeringSocket.h"
 
 namespace ostravel::linuxplatform {
 
-StreamSocket::StreamSocket(EventLoop& loop, Owner& owner, std::shared_ptr<UserShare> user,
-                           FlowRecord* record)
-    : state_{.loop = loop,
-             .owner = owner,
-             .user = std::move(user),
-             .record = record,
-             .socket = {},
-             .failure = nullptr,
-             .socketError = 0,
-             .isEndSent = false} {}
-
 StreamSocket::~StreamSocket() {
   if (entry_ != StreamRegistry::kNone) {
-    state_.loop.streams().remove(entry_);
+    loop().streams().remove(entry_);
   }
-  reader_.abandon();
-  writer_.abandon();
-  state_.socket.reset();
+  StreamReader(*this).abandon();
+  StreamWriter(*this).abandon();
+  socket_.reset();
 }
 
 void StreamSocket::attach(LoopSocket socket) {
-  state_.socket = std::move(socket);
-  state_.socket.chargeTo(state_.user.get());
+  attachConnecting(std::move(socket));
+  connected();
+}
+
+void StreamSocket::attachConnecting(LoopSocket socket) {
+  socket_.takeOver(std::move(socket));
+  isConnecting_ = true;
+}
+
+void StreamSocket::connected() {
+  isConnecting_ = false;
   if (areBothClosed()) {
     leaveToLinger();
     return;
   }
-  if (writer_.isClosed()) {
+  socket_.setClient(std::shared_ptr<Poller::Client>(shared_from_this(), this));
+  if (writing_.isClosed) {
     sendEnd();
   }
-  reader_.socketIsOpen();
-  writer_.socketIsOpen();
+  StreamReader(*this).socketIsOpen();
+  StreamWriter(*this).socketIsOpen();
+}
+
+void StreamSocket::readable() {
+  StreamReader(*this).dataArrived();
+}
+
+void StreamSocket::writable() {
+  StreamWriter(*this).roomArrived();
+}
+
+void StreamSocket::closeConnecting() {
+  if (isConnecting_) {
+    isConnecting_ = false;
+    socket_.close();
+  }
 }
 
 // Done on the first operation: a stream without operations has nothing to drop.
 void StreamSocket::registerOnce() {
   if (entry_ == StreamRegistry::kNone) {
-    entry_ = state_.loop.streams().add(state_.owner.sharedStream());
+    entry_ = loop().streams().add(*this);
   }
 }
 
-void StreamSocket::read(std::size_t minimum, std::size_t maximum,
-                        platform::ReadCompletion completion) {
+void StreamSocket::receive(std::size_t minimum, std::size_t maximum,
+                           platform::ReadCompletion completion) {
   registerOnce();
-  reader_.read(minimum, maximum, std::move(completion));
+  StreamReader(*this).read(minimum, maximum, std::move(completion));
 }
 
-void StreamSocket::write(platform::Data data, platform::ErrorCompletion completion) {
+void StreamSocket::send(platform::Data data, platform::ErrorCompletion completion) {
   registerOnce();
-  writer_.write(std::move(data), std::move(completion));
+  StreamWriter(*this).write(std::move(data), std::move(completion));
 }
 
 void StreamSocket::closeInOrder(Direction direction) {
-  if (state_.failure || isClosed(direction)) {
+  if (failure() != nullptr || isClosed(direction)) {
     return;
   }
   if (direction == Direction::read) {
-    reader_.close();
+    StreamReader(*this).close();
   } else {
-    writer_.close();
+    StreamWriter(*this).close();
   }
-  if (!state_.socket.isOpen()) {
+  if (!isOpen()) {
     return;
   }
   if (areBothClosed()) {
     leaveToLinger();
   } else if (direction == Direction::read) {
-    reader_.discard();
+    StreamReader(*this).discard();
   } else {
     sendEnd();
   }
 }
 
 void StreamSocket::sendEnd() {
-  if (!std::exchange(state_.isEndSent, true)) {
-    ::shutdown(state_.socket.descriptor(), SHUT_WR);
+  if (!isEndSent_) {
+    isEndSent_ = true;
+    ::shutdown(socket_.descriptor(), SHUT_WR);
   }
 }
 
 void StreamSocket::leaveToLinger() {
-  if (reader_.hasEnded() || state_.socketError != 0) {
+  if (reading_.hasEnded || socketError_ != 0) {
     // Nothing more can arrive, so nothing can turn the end of stream that closing sends into a
     // reset.
-    state_.socket.close();
+    socket_.close();
   } else {
     sendEnd();
-    LingeringSocket::start(state_.loop, std::move(state_.socket), state_.user);
+    LingeringSocket::start(loop(), std::move(socket_));
   }
 }
 
 void StreamSocket::fail(platform::Error error) {
-  if (state_.failure) {
+  if (failure() != nullptr) {
     return;
   }
-  state_.failure = std::make_unique<platform::Error>(std::move(error));
-  reader_.fail();
-  writer_.fail();
-  state_.socket.reset();
+  reading_.gatheringOrFailure = std::make_unique<platform::Error>(std::move(error));
+  StreamReader(*this).fail();
+  StreamWriter(*this).fail();
+  isConnecting_ = false;
+  socket_.reset();
+}
+
+void StreamSocket::noteFailure(int error) {
+  if (socketError_ == 0) {
+    socketError_ = static_cast<std::int16_t>(error);
+    streamFailed(error);
+  }
+}
+
+void StreamSocket::countRead(std::size_t bytes) const {
+  if (FlowRecord* const flowRecord = record(); flowRecord != nullptr) {
+    flowRecord->sent(bytes);
+  }
+}
+
+void StreamSocket::countWritten(std::size_t bytes) const {
+  if (FlowRecord* const flowRecord = record(); flowRecord != nullptr) {
+    flowRecord->received(bytes);
+  }
 }
 
 void StreamSocket::dropCompletions() {
-  reader_.dropCompletion();
-  writer_.dropCompletion();
+  StreamReader(*this).dropCompletion();
+  StreamWriter(*this).dropCompletion();
 }
 
 }  // namespace ostravel::linuxplatform

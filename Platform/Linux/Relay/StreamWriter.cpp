@@ -7,33 +7,36 @@
 #include "Base/ProgrammingError.h"
 #include "Platform/Linux/Relay/PipeChunk.h"
 #include "Platform/Linux/Relay/SocketError.h"
+#include "Platform/Linux/Relay/StreamSocket.h"
 
 namespace ostravel::linuxplatform {
 
 using platform::Data;
 using platform::OptionalError;
 
+StreamWriter::StreamWriter(StreamSocket& stream) : stream_(stream), state_(stream.writing_) {}
+
 void StreamWriter::write(Data data, platform::ErrorCompletion completion) {
-  if (progress_ != Progress::none) {
+  if (state_.progress != Progress::none) {
     programmingError("a write to a stream that is being written to");
   }
-  progress_ = Progress::waiting;
-  write_ = std::make_unique<Write>();
-  write_->completion = std::move(completion);
-  if (stream_.failure) {
-    finishLater(*stream_.failure);
-  } else if (isClosed_) {
+  state_.progress = Progress::waiting;
+  state_.write = std::make_unique<Write>();
+  state_.write->completion = std::move(completion);
+  if (stream_.failure() != nullptr) {
+    finishLater(*stream_.failure());
+  } else if (state_.isClosed) {
     finishLater(socketError(ECANCELED));
   } else {
-    write_->chunk = std::move(data);
-    if (stream_.socket.isOpen()) {
+    state_.write->chunk = std::move(data);
+    if (stream_.isOpen()) {
       begin();
     }
   }
 }
 
 void StreamWriter::socketIsOpen() {
-  if (progress_ == Progress::waiting) {
+  if (state_.progress == Progress::waiting) {
     begin();
   }
 }
@@ -48,15 +51,17 @@ void StreamWriter::begin() {
 }
 
 void StreamWriter::waitForRoom() {
-  stream_.socket.waitUntilWritable(stream_.later(*this, [](StreamWriter& self) {
-    ++self.stream_.loop.counters().wakeups;
-    self.stream_.inTurn(self, [](StreamWriter& writer) { writer.send(); });
-  }));
+  stream_.socket_.waitUntilWritable();
+}
+
+void StreamWriter::roomArrived() {
+  ++stream_.loop().counters().wakeups;
+  stream_.inTurn<StreamWriter>([](StreamWriter& self) { self.send(); });
 }
 
 void StreamWriter::send() {
   // Closed or failed in the meantime.
-  if (progress_ != Progress::waiting || !stream_.socket.isOpen()) {
+  if (state_.progress != Progress::waiting || !stream_.isOpen()) {
     return;
   }
   const int result = sendChunk();
@@ -68,20 +73,20 @@ void StreamWriter::send() {
 }
 
 int StreamWriter::sendChunk() {
-  const Data& chunk = write_->chunk;
-  std::size_t& sent = write_->sent;
+  const Data& chunk = state_.write->chunk;
+  std::size_t& sent = state_.write->sent;
   auto* const inPipe = dynamic_cast<PipeChunk*>(chunk.storage());
   const std::size_t size = chunk.size();
   while (sent < size) {
     long count = 0;
     if (inPipe != nullptr && inPipe->isInPipe()) {
-      count = inPipe->moveTo(stream_.socket.descriptor());
+      count = inPipe->moveTo(stream_.socket_.descriptor());
       if (count < 0 && errno == EAGAIN) {
-        stream_.socket.noRoomToWrite();
+        stream_.socket_.noRoomToWrite();
       }
     } else {
       const auto rest = chunk.bytes().subspan(sent);
-      count = stream_.socket.send(rest.data(), rest.size());
+      count = stream_.socket_.send(rest.data(), rest.size());
     }
     if (count > 0) {
       sent += static_cast<std::size_t>(count);
@@ -108,57 +113,57 @@ OptionalError StreamWriter::describeResult(int error) {
 }
 
 void StreamWriter::finishLater(OptionalError error) {
-  progress_ = Progress::finishing;
+  state_.progress = Progress::finishing;
   if (!error) {
     // The usual case, without room for an error: needs no allocation.
-    stream_.loop.post(stream_.later(*this, [](StreamWriter& self) { self.finish(std::nullopt); }));
+    stream_.loop().post(
+        stream_.later<StreamWriter>([](StreamWriter& self) { self.finish(std::nullopt); }));
     return;
   }
-  stream_.loop.post(stream_.later(*this, [error = std::move(error)](StreamWriter& self) mutable {
-    self.finish(std::move(error));
-  }));
+  stream_.loop().post(stream_.later<StreamWriter>(
+      [error = std::move(error)](StreamWriter& self) mutable { self.finish(std::move(error)); }));
 }
 
 void StreamWriter::finish(OptionalError error) {
-  progress_ = Progress::none;
+  state_.progress = Progress::none;
   // The completion may start the next write or close the stream.
-  const auto write = std::exchange(write_, nullptr);
+  const auto write = std::exchange(state_.write, nullptr);
   write->completion(std::move(error));
 }
 
 void StreamWriter::releaseChunk() {
-  if (write_) {
-    write_->chunk = Data();
+  if (state_.write) {
+    state_.write->chunk = Data();
   }
 }
 
 // Ending
 
 void StreamWriter::close() {
-  isClosed_ = true;
+  state_.isClosed = true;
   releaseChunk();
-  if (progress_ == Progress::waiting) {
+  if (state_.progress == Progress::waiting) {
     finishLater(socketError(ECANCELED));
   }
 }
 
 void StreamWriter::fail() {
   releaseChunk();
-  if (progress_ == Progress::waiting) {
-    finishLater(*stream_.failure);
+  if (state_.progress == Progress::waiting) {
+    finishLater(*stream_.failure());
   }
 }
 
 void StreamWriter::abandon() {
-  if (write_) {
-    stream_.loop.post(
-        [completion = std::move(write_->completion)] { completion(socketError(ECANCELED)); });
+  if (state_.write) {
+    stream_.loop().post(
+        [completion = std::move(state_.write->completion)] { completion(socketError(ECANCELED)); });
   }
 }
 
 void StreamWriter::dropCompletion() {
   // Destroyed last: it may own the stream.
-  const auto write = std::move(write_);
+  const auto write = std::move(state_.write);
 }
 
 }  // namespace ostravel::linuxplatform

@@ -7,24 +7,49 @@
 #include "Platform/Interface/Completion.h"
 #include "Platform/Interface/Data.h"
 #include "Platform/Interface/Error.h"
-#include "Platform/Linux/Relay/StreamState.h"
 
 namespace ostravel::linuxplatform {
 
-// The sending direction of a StreamSocket, which owns it and passes every call on.
+class StreamSocket;
+
+// The sending direction of a StreamSocket, as StreamReader.
 class StreamWriter {
+  enum class Progress : std::uint8_t {
+    none,
+    // Started, not done.
+    waiting,
+    // Done; the completion is pending.
+    finishing,
+  };
+
+  // What only an outstanding write needs: most streams are idle most of the time.
+  struct Write {
+    platform::ErrorCompletion completion;
+    platform::Data chunk;
+    std::size_t sent = 0;
+  };
+
  public:
-  explicit StreamWriter(StreamState& stream) : stream_(stream) {}
-  StreamWriter(const StreamWriter&) = delete;
-  StreamWriter& operator=(const StreamWriter&) = delete;
+  // Part of the stream.
+  class State {
+    friend class StreamWriter;
+    friend class StreamSocket;
+
+    std::unique_ptr<Write> write;
+    bool isClosed : 1 = false;
+    Progress progress : 2 = Progress::none;
+  };
+
+  explicit StreamWriter(StreamSocket& stream);
 
   void write(platform::Data data, platform::ErrorCompletion completion);
 
   // The stream's socket is attached.
   void socketIsOpen();
+  // The end of a wait.
+  void roomArrived();
   // The outstanding write completes with ECANCELED. The owner sends the end of the stream.
   void close();
-  bool isClosed() const { return isClosed_; }
 
   // The whole stream has failed: the outstanding write completes with its failure.
   void fail();
@@ -34,14 +59,6 @@ class StreamWriter {
   void dropCompletion();
 
  private:
-  enum class Progress : std::uint8_t {
-    none,
-    // Started, not done.
-    waiting,
-    // Done; the completion is pending.
-    finishing,
-  };
-
   void begin();
   void waitForRoom();
   void send();
@@ -52,19 +69,10 @@ class StreamWriter {
   void finishLater(platform::OptionalError error);
   void finish(platform::OptionalError error);
 
-  // What only an outstanding write needs: most streams are idle most of the time.
-  struct Write {
-    platform::ErrorCompletion completion;
-    platform::Data chunk;
-    std::size_t sent = 0;
-  };
-
   void releaseChunk();
 
-  StreamState& stream_;
-  std::unique_ptr<Write> write_;
-  Progress progress_ = Progress::none;
-  bool isClosed_ = false;
+  StreamSocket& stream_;
+  State& state_;
 };
 
 }  // namespace ostravel::linuxplatform

@@ -15,7 +15,7 @@ class MemoryBudget : public SharedBudget {
       : SharedBudget(limit, &UserShare::memory) {}
 
   // True if the user may use this many more bytes; without a share, if any are left.
-  bool permits(const std::shared_ptr<UserShare>& share, std::size_t bytes) const {
+  bool permits(const Reference<UserShare>& share, std::size_t bytes) const {
     return share ? isWithinShare(*share, bytes) : bytes <= unused();
   }
 };

@@ -25,7 +25,7 @@ class SharedBudget {
    public:
     Lease() = default;
     // Without a share it is not charged to any user.
-    Lease(SharedBudget& budget, std::size_t amount, std::shared_ptr<UserShare> share = nullptr)
+    Lease(SharedBudget& budget, std::size_t amount, Reference<UserShare> share = nullptr)
         : budget_(&budget), amount_(amount), share_(std::move(share)) {
       budget_->take(amount_, share_.get());
     }
@@ -47,7 +47,7 @@ class SharedBudget {
     }
 
     // Charges the amount to this user from now on.
-    void chargeTo(std::shared_ptr<UserShare> share) {
+    void chargeTo(Reference<UserShare> share) {
       if (budget_ != nullptr) {
         budget_->charge(amount_, share_.get(), share.get());
         share_ = std::move(share);
@@ -57,14 +57,14 @@ class SharedBudget {
    private:
     SharedBudget* budget_ = nullptr;
     std::size_t amount_ = 0;
-    std::shared_ptr<UserShare> share_;
+    Reference<UserShare> share_;
   };
 
   SharedBudget(std::size_t limit, Counter counter) : limit_(limit), counter_(counter) {}
   SharedBudget(const SharedBudget&) = delete;
   SharedBudget& operator=(const SharedBudget&) = delete;
 
-  Lease lease(std::size_t amount, std::shared_ptr<UserShare> share = nullptr) {
+  Lease lease(std::size_t amount, Reference<UserShare> share = nullptr) {
     return Lease(*this, amount, std::move(share));
   }
 

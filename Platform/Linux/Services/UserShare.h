@@ -4,12 +4,14 @@
 #include <chrono>
 #include <cstddef>
 
+#include "Base/ReferenceCounted.h"
+
 namespace ostravel::linuxplatform {
 
 // The resources that the flows of one user are using, and whether the local proxy answers them.
 // Created by UserShares; shared with all objects that use part of it and return that part on any
 // thread. Usable from any thread, except exceedsRate().
-class UserShare {
+class UserShare final : public ReferenceCounted {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -23,8 +25,6 @@ class UserShare {
   static constexpr std::chrono::seconds kLongestTrialPause{15};
 
   UserShare() = default;
-  UserShare(const UserShare&) = delete;
-  UserShare& operator=(const UserShare&) = delete;
 
   // First packets that are held for a handshake.
   void holdBegan() { held_.fetch_add(1, std::memory_order_relaxed); }

@@ -4,7 +4,7 @@
 
 namespace ostravel::linuxplatform {
 
-std::shared_ptr<UserShare> UserShares::of(std::optional<uid_t> user) {
+Reference<UserShare> UserShares::of(std::optional<uid_t> user) {
   if (!user) {
     return unknown_;
   }
@@ -15,7 +15,7 @@ std::shared_ptr<UserShare> UserShares::of(std::optional<uid_t> user) {
   if (shares_.size() >= sweepAt_) {
     forgetIdleUsers();
   }
-  return shares_.emplace(*user, std::make_shared<UserShare>()).first->second;
+  return shares_.emplace(*user, makeReference<UserShare>()).first->second;
 }
 
 void UserShares::noteActivity(const UserShare& share, UserShare::Clock::time_point now) {
@@ -34,7 +34,7 @@ bool UserShares::isOtherActive(const UserShare& share, UserShare::Clock::time_po
 void UserShares::forgetIdleUsers() {
   // Only this thread creates references from the map, so a use count of one cannot rise.
   std::erase_if(shares_, [](const auto& entry) {
-    return entry.second.use_count() == 1 && entry.second->isIdle();
+    return entry.second.count() == 1 && entry.second->isIdle();
   });
   sweepAt_ = std::max(kManyUsers, shares_.size() * 2);
 }

@@ -18,7 +18,7 @@ namespace ostravel::linuxplatform {
 class UserShares {
  public:
   // Never null. Flows without a known user share one.
-  std::shared_ptr<UserShare> of(std::optional<uid_t> user);
+  Reference<UserShare> of(std::optional<uid_t> user);
 
   // An application of this user is being proxied. The user counts as active for kActivity after
   // that.
@@ -36,8 +36,8 @@ class UserShares {
  private:
   void forgetIdleUsers();
 
-  std::unordered_map<uid_t, std::shared_ptr<UserShare>> shares_;
-  const std::shared_ptr<UserShare> unknown_ = std::make_shared<UserShare>();
+  std::unordered_map<uid_t, Reference<UserShare>> shares_;
+  const Reference<UserShare> unknown_ = makeReference<UserShare>();
   std::size_t sweepAt_ = kManyUsers;
 
   struct Activity {

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "Platform/Interface/FlowObserver.h"
+#include "Platform/Interface/Log.h"
 #include "Platform/Linux/Statistics/DurationHistogram.h"
 
 namespace ostravel::linuxplatform {
@@ -15,6 +16,10 @@ inline constexpr std::size_t kFlowEnds = static_cast<std::size_t>(platform::Flow
 // Counts the outcomes of one event loop's flows. Nearly always changed by that loop's thread alone,
 // so that threads share no cache line; readable from any thread.
 struct alignas(64) FlowCounters {
+  // Where failures that the core does not log are logged, so that each flow that fails has a line.
+  // Null for nowhere; not changed once there are flows. Here, because every flow knows its
+  // counters.
+  platform::Log* log = nullptr;
   // Handshakes in progress, and open tunnels.
   std::atomic<std::int64_t> pending = 0;
   std::atomic<std::int64_t> open = 0;

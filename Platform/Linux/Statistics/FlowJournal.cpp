@@ -25,18 +25,18 @@ class FlowJournal::Reading {
 };
 
 FlowJournal::FlowJournal(const platform::Clock& clock, unsigned loops, platform::Log* log)
-    : clock_(clock), log_(log) {
+    : clock_(clock) {
   for (unsigned index = 0; index < loops; ++index) {
-    counters_.emplace_back();
+    counters_.emplace_back().log = log;
   }
 }
 
-std::shared_ptr<FlowRecord> FlowJournal::open(const FlowRecord::Origin& origin, unsigned loop) {
-  return std::make_shared<FlowRecord>(origin, applications_, clock_.secondsSince1970(),
-                                      counters_[loop], log_);
+Reference<FlowRecord> FlowJournal::open(const FlowRecord::Origin& origin, unsigned loop) {
+  return makeReference<FlowRecord>(origin, applications_, clock_.secondsSince1970(),
+                                   counters_[loop]);
 }
 
-void FlowJournal::publish(std::shared_ptr<FlowRecord> record) {
+void FlowJournal::publish(Reference<FlowRecord> record) {
   const auto sequence = last_.load(std::memory_order_relaxed) + 1;
   verdicts_.record(record->publish(sequence));
   switch (record->action()) {
@@ -93,7 +93,7 @@ void FlowJournal::countDirect(std::string_view reason) {
   }
 }
 
-void FlowJournal::keep(std::shared_ptr<FlowRecord> record) {
+void FlowJournal::keep(Reference<FlowRecord> record) {
   const std::uint64_t sequence = record->sequence();
   const std::size_t place = sequence % kKeptDecisions;
   decisions_[place].store(record.get());

@@ -37,7 +37,7 @@ class FlowJournal {
   // flood neither costs much nor displaces all other records.
   static constexpr std::size_t kKeptPerSecond = 20;
 
-  // loops: how many event loops carry flows. log: as for FlowRecord.
+  // loops: how many event loops carry flows. log: as for FlowCounters.
   FlowJournal(const platform::Clock& clock, unsigned loops, platform::Log* log = nullptr);
   FlowJournal(const FlowJournal&) = delete;
   FlowJournal& operator=(const FlowJournal&) = delete;
@@ -45,9 +45,9 @@ class FlowJournal {
   // For the thread that decides:
 
   // Returns the record of a flow that is about to be offered. loop: carries it if it is taken.
-  std::shared_ptr<FlowRecord> open(const FlowRecord::Origin& origin, unsigned loop);
+  Reference<FlowRecord> open(const FlowRecord::Origin& origin, unsigned loop);
   // Called after the offer. Counts and keeps the decision.
-  void publish(std::shared_ptr<FlowRecord> record);
+  void publish(Reference<FlowRecord> record);
   // Counts a flow that is left to the system without an offer. reason: of static storage. True if
   // the caller should also record it, with publishLeft().
   bool countLeft(std::string_view reason, TimePoint now);
@@ -121,11 +121,10 @@ class FlowJournal {
   class Reading;
 
   void countDirect(std::string_view reason);
-  void keep(std::shared_ptr<FlowRecord> record);
+  void keep(Reference<FlowRecord> record);
   void release();
 
   const platform::Clock& clock_;
-  platform::Log* const log_;
   SharedTexts applications_;
   std::deque<FlowCounters> counters_;
   DurationHistogram verdicts_;
@@ -140,8 +139,8 @@ class FlowJournal {
   mutable std::atomic<bool> isRead_ = false;
 
   // For the writer only.
-  std::array<std::shared_ptr<FlowRecord>, kKeptDecisions> owned_;
-  std::vector<std::shared_ptr<FlowRecord>> retired_;
+  std::array<Reference<FlowRecord>, kKeptDecisions> owned_;
+  std::vector<Reference<FlowRecord>> retired_;
   TimePoint keptSince_;
   std::size_t keptCount_ = 0;
 };

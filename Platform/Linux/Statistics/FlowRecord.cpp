@@ -31,11 +31,6 @@ std::uint32_t briefly(std::int64_t microseconds) {
   return static_cast<std::uint32_t>(std::clamp<std::int64_t>(microseconds, 0, kLongest));
 }
 
-template <typename Value>
-Value valueOr(const std::unique_ptr<const Value>& value) {
-  return value ? *value : Value();
-}
-
 template <typename Count>
 void change(std::atomic<Count>& count, Count difference) {
   count.fetch_add(difference, std::memory_order_relaxed);
@@ -50,35 +45,62 @@ std::optional<FlowRecord::Elapsed> stepOf(const std::atomic<Step>& step, Step no
 }  // namespace
 
 FlowRecord::FlowRecord(const Origin& origin, SharedTexts& applications, double time,
-                       FlowCounters& counters, platform::Log* log)
+                       FlowCounters& counters)
     : begin_(origin.begin),
       time_(time),
       counters_(counters),
-      log_(log),
       application_(applications.of(origin.application)),
       user_(origin.user.value_or(kNoUser)),
       process_(origin.process.value_or(kNoProcess)),
       destination_(origin.destination),
       isUDP_(origin.isUDP) {}
 
+FlowRecord::~FlowRecord() {
+  delete details_.load(std::memory_order_relaxed);
+}
+
+const FlowRecord::Details& FlowRecord::details() const {
+  static const Details kNone;
+  const Details* const details = details_.load(std::memory_order_acquire);
+  return details != nullptr ? *details : kNone;
+}
+
+void FlowRecord::replaceDetails(Details details) {
+  delete details_.exchange(new Details(std::move(details)));
+}
+
+FlowRecord::Action FlowRecord::action() const {
+  return rule_ == kNoRule ? Action::direct : actionOf(static_cast<FlowRule>(rule_));
+}
+
+std::string_view FlowRecord::reason() const {
+  if (rule_ != kNoRule) {
+    return nameOf(static_cast<FlowRule>(rule_));
+  }
+  const char* const leftFor = details().leftFor;
+  return leftFor != nullptr ? leftFor : "no_handler";
+}
+
 std::int64_t FlowRecord::elapsed() const {
   return std::chrono::duration_cast<Elapsed>(Clock::now() - begin_).count();
 }
 
 void FlowRecord::decided(FlowRule rule) {
-  action_ = actionOf(rule);
-  reason_ = nameOf(rule).data();
-  if (action_ == Action::proxied) {
+  // Its bits, without the one that a field of seven cannot have.
+  rule_ = static_cast<std::uint8_t>(rule) & kNoRule;
+  if (action() == Action::proxied) {
     change<std::int64_t>(counters_.pending, 1);
   }
 }
 
 void FlowRecord::named(const std::string& host) {
-  host_ = host.empty() ? nullptr : std::make_unique<const std::string>(cut(host));
+  if (!host.empty() || !details().host.empty()) {
+    replaceDetails({.host = cut(host), .leftFor = details().leftFor, .detail = {}});
+  }
 }
 
 void FlowRecord::left(std::string_view reason) {
-  reason_ = reason.data();
+  replaceDetails({.host = details().host, .leftFor = reason.data(), .detail = {}});
 }
 
 void FlowRecord::identified(const std::string& flowID) {
@@ -113,18 +135,19 @@ void FlowRecord::handshakeSucceeded() {
 }
 
 void FlowRecord::ended(FlowEnd end, std::string_view detail) {
-  if (action_ != Action::proxied) {
+  if (action() != Action::proxied) {
     return;
   }
   const auto phase = phase_.exchange(Phase::over);
   if (phase == Phase::over) {
     return;
   }
-  if (!detail.empty()) {
-    detail_ = std::make_unique<const std::string>(detail.substr(0, kLongestDetail));
-  }
   const std::int64_t now = elapsed();
-  ended_.store(now, std::memory_order_relaxed);
+  details_.store(new Details{.host = details().host,
+                             .ended = now,
+                             .detail = std::string(detail.substr(0, kLongestDetail)),
+                             .before = std::unique_ptr<const Details>(details_.load())},
+                 std::memory_order_release);
   if (end == FlowEnd::timedOut) {
     counters_.lastTimeout.store(timeAfter(now), std::memory_order_relaxed);
   }
@@ -135,7 +158,8 @@ void FlowRecord::ended(FlowEnd end, std::string_view detail) {
 }
 
 void FlowRecord::logFailure(FlowEnd end) const {
-  if (log_ == nullptr) {
+  platform::Log* const log = counters_.log;
+  if (log == nullptr) {
     return;
   }
   const bool isFailure = end == FlowEnd::connectionFailed || end == FlowEnd::noAnswer;
@@ -148,10 +172,10 @@ void FlowRecord::logFailure(FlowEnd end) const {
                                    // The only event of such an end.
                                    .code = "extension.tunnel_closed"};
   if (end == FlowEnd::connectionFailed) {
-    log_->error("OstravelProxy: The connection to the proxy failed: %{public}s", {valueOr(detail_)},
-                fields);
+    log->error("OstravelProxy: The connection to the proxy failed: %{public}s", {details().detail},
+               fields);
   } else {
-    log_->error("OstravelProxy: The proxy closed the connection without an answer", {}, fields);
+    log->error("OstravelProxy: The proxy closed the connection without an answer", {}, fields);
   }
 }
 
@@ -172,8 +196,8 @@ FlowRecord::Elapsed FlowRecord::publish(std::uint64_t sequence) {
 }
 
 std::string_view FlowRecord::outcome(std::uint8_t end) const {
-  if (action_ != Action::proxied) {
-    return nameOf(action_);
+  if (action() != Action::proxied) {
+    return nameOf(action());
   }
   if (end != kNoEnd) {
     return nameOf(static_cast<FlowEnd>(end));
@@ -189,21 +213,21 @@ FlowRecord::View FlowRecord::view() const {
             .isUDP = isUDP_,
             .application = cut(*application_),
             .destination = textOf(destination_),
-            .host = valueOr(host_),
+            .host = details().host,
             .user = user_ == kNoUser ? std::nullopt : std::optional(user_),
             .process = process_ == kNoProcess ? std::nullopt : std::optional(process_),
-            .action = action_,
-            .reason = reason_,
+            .action = action(),
+            .reason = reason(),
             .outcome = outcome(end),
             .flowID = identifier(),
-            .detail = end == kNoEnd ? std::string() : valueOr(detail_),
+            .detail = end == kNoEnd ? std::string() : details().detail,
             .decided = Elapsed(decided_),
             .connected = stepOf(connected_, kNotYetBriefly),
             .established = stepOf(established_, kNotYetBriefly),
-            .ended = end == kNoEnd ? std::nullopt : stepOf(ended_, kNotYet),
+            .ended = end == kNoEnd ? std::nullopt : std::optional(Elapsed(details().ended)),
             .bytesSent = bytesSent_,
             .bytesReceived = bytesReceived_,
-            .isOpen = action_ == Action::proxied && end == kNoEnd};
+            .isOpen = action() == Action::proxied && end == kNoEnd};
   return view;
 }
 
@@ -216,9 +240,8 @@ double FlowRecord::lastChange() const {
     const std::uint32_t microseconds = step.load(std::memory_order_relaxed);
     return microseconds == kNotYetBriefly ? kNotYet : std::int64_t{microseconds};
   };
-  const std::int64_t last =
-      std::max({std::int64_t{decided_}, microsecondsOf(connected_), microsecondsOf(established_),
-                ended_.load(std::memory_order_relaxed)});
+  const std::int64_t last = std::max({std::int64_t{decided_}, microsecondsOf(connected_),
+                                      microsecondsOf(established_), details().ended});
   return timeAfter(last);
 }
 

@@ -12,9 +12,10 @@
 #include <string_view>
 
 #include "Base/FlowIdentifier.h"
+#include "Base/ReferenceCounted.h"
+#include "Base/SharedText.h"
 #include "Base/SharedTexts.h"
 #include "Platform/Interface/FlowObserver.h"
-#include "Platform/Interface/Log.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Statistics/FlowCounters.h"
 #include "Platform/Linux/Statistics/SingleWriterCount.h"
@@ -24,8 +25,8 @@ namespace ostravel::linuxplatform {
 // The history of one flow from its first packet on: the decision, its reason, and the time of each
 // step. Made by the journal and shared with the flow, which reports to it. Written by the thread
 // that decides until it is published, then by the flow's event loop; readable from any thread at
-// any time. Its counters and its log outlive it.
-class FlowRecord final : public platform::FlowObserver {
+// any time. Its counters outlive it.
+class FlowRecord final : public platform::FlowObserver, public ReferenceCounted {
  public:
   using Clock = std::chrono::steady_clock;
   using Elapsed = std::chrono::microseconds;
@@ -48,9 +49,8 @@ class FlowRecord final : public platform::FlowObserver {
   static constexpr std::size_t kLongestDetail = 120;
 
   // applications: keeps the application's identifier. time: of origin.begin, in seconds since 1970.
-  // log: null, or for failures that the core does not log, so that each flow that fails has a line.
-  FlowRecord(const Origin& origin, SharedTexts& applications, double time, FlowCounters& counters,
-             platform::Log* log = nullptr);
+  FlowRecord(const Origin& origin, SharedTexts& applications, double time, FlowCounters& counters);
+  ~FlowRecord() override;
 
   // platform::FlowObserver
   void decided(platform::FlowRule rule) override;
@@ -68,13 +68,14 @@ class FlowRecord final : public platform::FlowObserver {
   void received(std::size_t bytes);
 
   // The application's identifier, not truncated.
-  const std::shared_ptr<const std::string>& application() const { return application_; }
-  Action action() const { return action_; }
+  const SharedText& application() const { return application_; }
+  const SocketEndpoint& destination() const { return destination_; }
+  Action action() const;
   // Of static storage.
-  std::string_view reason() const { return reason_; }
+  std::string_view reason() const;
   // True if the record will not change any more.
   bool hasEnded() const {
-    return action_ != Action::proxied || end_.load(std::memory_order_acquire) != kNoEnd;
+    return action() != Action::proxied || end_.load(std::memory_order_acquire) != kNoEnd;
   }
 
   // A copy of the record.
@@ -114,6 +115,7 @@ class FlowRecord final : public platform::FlowObserver {
 
  private:
   static constexpr std::uint8_t kNoEnd = 0xFF;
+  static constexpr std::uint8_t kNoRule = 0x7F;
   static constexpr std::int64_t kNotYet = -1;
   static constexpr std::uint32_t kNotYetBriefly = ~std::uint32_t{0};
   // No user has this number (chown(2)), and no process the other one.
@@ -131,38 +133,48 @@ class FlowRecord final : public platform::FlowObserver {
 
   std::string identifier() const;
 
+  // What few flows have while they are open.
+  struct Details {
+    // Empty if unknown.
+    std::string host;
+    // Why it was left to the system before it could be offered; null if it was not.
+    const char* leftFor = nullptr;
+    // Microseconds after begin_.
+    std::int64_t ended = kNotYet;
+    std::string detail;
+    // What these have replaced at the end, and what a reader may still see.
+    std::unique_ptr<const Details> before = nullptr;
+  };
+  const Details& details() const;
+  // Before it is published.
+  void replaceDetails(Details details);
+
   // There is one for each tunnel as long as it lives, so every member is as small as it can be.
+  // Microseconds after begin_, as the next two. All three end within seconds.
+  std::uint32_t decided_ = 0;
   const Clock::time_point begin_;
   const double time_;
   FlowCounters& counters_;
-  platform::Log* const log_;
-  const std::shared_ptr<const std::string> application_;
-  // Null if unknown. Not changed after it was published.
-  std::unique_ptr<const std::string> host_;
-  // Not changed after the flow was offered.
-  const char* reason_ = "no_handler";
+  const SharedText application_;
+  // Null if there are none. Replaced once at most after it was published.
+  std::atomic<const Details*> details_ = nullptr;
   std::uint64_t sequence_ = 0;
   // Written once, before hasIdentifier_.
   FlowIdentifier identifier_;
-  // Null if empty. Written before end_.
-  std::unique_ptr<const std::string> detail_;
   SingleWriterCount bytesSent_;
   SingleWriterCount bytesReceived_;
-  // Microseconds after begin_. The first three end within seconds.
-  std::atomic<std::int64_t> ended_ = kNotYet;
-  std::uint32_t decided_ = 0;
   std::atomic<std::uint32_t> connected_ = kNotYetBriefly;
   std::atomic<std::uint32_t> established_ = kNotYetBriefly;
   const uid_t user_;
   const pid_t process_;
   const SocketEndpoint destination_;
-  const bool isUDP_;
-  // Not changed after the flow was offered.
-  Action action_ = Action::direct;
+  // Neither is changed after the flow was offered.
+  bool isUDP_ : 1;
+  std::uint8_t rule_ : 7 = kNoRule;
   std::atomic<bool> hasIdentifier_ = false;
   // If several threads report an end, the first one counts.
   std::atomic<Phase> phase_ = Phase::pending;
-  // A FlowEnd, or kNoEnd. Written after detail_.
+  // A FlowEnd, or kNoEnd. Written after its detail.
   std::atomic<std::uint8_t> end_ = kNoEnd;
 };
 

@@ -5,12 +5,17 @@
 namespace ostravel::linuxplatform {
 
 LiveFlows::~LiveFlows() {
-  for (auto& chunk : chunks_) {
-    delete chunk.load();
+  for (auto& place : chunks_) {
+    const std::unique_ptr<Chunk> chunk(place.load());
+    if (chunk) {
+      for (auto& record : chunk->records) {
+        static_cast<void>(Reference<FlowRecord>::adopt(record.load()));
+      }
+    }
   }
 }
 
-void LiveFlows::add(std::shared_ptr<FlowRecord> record) {
+void LiveFlows::add(Reference<FlowRecord> record) {
   if (free_.empty()) {
     const std::size_t count = chunkCount_.load(std::memory_order_relaxed);
     if (count == kMaximumChunks) {
@@ -25,19 +30,19 @@ void LiveFlows::add(std::shared_ptr<FlowRecord> record) {
   const std::size_t place = free_.back();
   free_.pop_back();
   Chunk& chunk = *chunks_[place / kSlotsPerChunk].load(std::memory_order_relaxed);
-  chunk.visible[place % kSlotsPerChunk].store(record.get());
-  chunk.owned[place % kSlotsPerChunk] = std::move(record);
+  chunk.records[place % kSlotsPerChunk].store(record.detach());
 }
 
-void LiveFlows::sweep(std::size_t places, std::vector<std::shared_ptr<FlowRecord>>& ended) {
+void LiveFlows::sweep(std::size_t places, std::vector<Reference<FlowRecord>>& ended) {
   const std::size_t count = chunkCount_.load(std::memory_order_relaxed) * kSlotsPerChunk;
   for (std::size_t looked = 0; looked < places && looked < count; ++looked) {
     next_ = next_ + 1 < count ? next_ + 1 : 0;
     Chunk& chunk = *chunks_[next_ / kSlotsPerChunk].load(std::memory_order_relaxed);
-    auto& owned = chunk.owned[next_ % kSlotsPerChunk];
-    if (owned && owned->hasEnded()) {
-      chunk.visible[next_ % kSlotsPerChunk].store(nullptr);
-      ended.push_back(std::move(owned));
+    auto& place = chunk.records[next_ % kSlotsPerChunk];
+    FlowRecord* const record = place.load(std::memory_order_relaxed);
+    if (record != nullptr && record->hasEnded()) {
+      place.store(nullptr);
+      ended.push_back(Reference<FlowRecord>::adopt(record));
       free_.push_back(next_);
     }
   }
@@ -47,8 +52,8 @@ std::vector<const FlowRecord*> LiveFlows::all() const {
   std::vector<const FlowRecord*> records;
   const std::size_t count = chunkCount_.load(std::memory_order_acquire);
   for (std::size_t index = 0; index < count; ++index) {
-    for (const auto& visible : chunks_[index].load(std::memory_order_relaxed)->visible) {
-      if (const FlowRecord* const record = visible.load(); record != nullptr) {
+    for (const auto& place : chunks_[index].load(std::memory_order_relaxed)->records) {
+      if (const FlowRecord* const record = place.load(); record != nullptr) {
         records.push_back(record);
       }
     }

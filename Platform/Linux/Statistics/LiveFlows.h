@@ -26,19 +26,18 @@ class LiveFlows {
   ~LiveFlows();
 
   // For the writer.
-  void add(std::shared_ptr<FlowRecord> record);
+  void add(Reference<FlowRecord> record);
   // Examines this many slots, round robin, and appends the flows that have ended, which a reader
   // may still see.
-  void sweep(std::size_t places, std::vector<std::shared_ptr<FlowRecord>>& ended);
+  void sweep(std::size_t places, std::vector<Reference<FlowRecord>>& ended);
 
   // For the reader: all of them, unordered.
   std::vector<const FlowRecord*> all() const;
 
  private:
   struct Chunk {
-    std::array<std::atomic<FlowRecord*>, kSlotsPerChunk> visible{};
-    // The writer's.
-    std::array<std::shared_ptr<FlowRecord>, kSlotsPerChunk> owned;
+    // Each owns its record.
+    std::array<std::atomic<FlowRecord*>, kSlotsPerChunk> records{};
   };
 
   std::array<std::atomic<Chunk*>, kMaximumChunks> chunks_{};

@@ -844,6 +844,11 @@ TEST_F(TunnelTimeout, BelongsToOneWatchdog) {
   EXPECT_EQ(tunnel_->handshakeWatchdog(), tunnel_->handshakeWatchdog());
 }
 
+// A machine may have thousands of idle ones.
+TEST_F(TunnelTimeout, ATunnelKeepsLittle) {
+  EXPECT_LE(sizeof(OVTunnelConnection), 13 * sizeof(void*));
+}
+
 TEST_F(TunnelTimeout, HoldsNoWatchdogAfterTheHandshake) {
   make();
   startAndConnect();

@@ -57,11 +57,11 @@ void TunnelTest::make(const Setup& setup) {
     };
   }
   tunnel_ = std::make_shared<OVTunnelConnection>(
-      std::make_shared<const OVTunnelConnection::Common>(simulation_, setup.handshakeTimeout,
-                                                         makeMonitoringClient(), onEstablished,
-                                                         onProxyUnavailable, onClose),
+      makeReference<const OVTunnelConnection::Common>(simulation_, setup.handshakeTimeout,
+                                                      makeMonitoringClient(), onEstablished,
+                                                      onProxyUnavailable, onClose),
       setup.flow ? setup.flow : flow_, setup.connection ? setup.connection : connection_,
-      FlowIdentifier(setup.flowId), std::make_shared<const std::string>(setup.appId));
+      FlowIdentifier(setup.flowId), SharedText(setup.appId));
   clearJournal();
 }
 

@@ -23,6 +23,7 @@
 #include "Platform/Linux/Relay/LinuxTCPFlow.h"
 #include "Platform/Linux/Relay/LinuxUDPFlow.h"
 #include "Tests/Platform/Linux/Relay/Support/RecordedPacket.h"
+#include "Tests/Platform/Linux/Support/RecordOf.h"
 #include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform::test {
@@ -111,12 +112,11 @@ class ConcurrentOffersTest : public ::testing::Test {
     }
     offer.isExpectedToBeTaken = number % 7 != 0;
     offer.flow = std::make_shared<LinuxTCPFlow>(
-        loops_.loop(static_cast<unsigned>(number) % loops_.size()),
-        FlowTuple{TransportProtocol::tcp, source, destination},
-        std::make_shared<const std::string>(offer.isExpectedToBeTaken
-                                                ? "com.example." + std::to_string(number % 50)
-                                                : "com.mullvad.vpn"),
-        destination, std::move(packet));
+        loops_.loop(static_cast<unsigned>(number) % loops_.size()), source,
+        recordOf(offer.isExpectedToBeTaken ? "com.example." + std::to_string(number % 50)
+                                           : "com.mullvad.vpn",
+                 destination),
+        std::move(packet));
     return offer;
   }
 

@@ -29,7 +29,7 @@ class FlowAdmissionTest : public testing::Test {
 
   UserShare::Clock::time_point now_{};
   DescriptorBudget descriptors_{limits::kDescriptorReserve + 1000};
-  const std::shared_ptr<UserShare> share_ = std::make_shared<UserShare>();
+  const Reference<UserShare> share_ = makeReference<UserShare>();
 };
 
 TEST_F(FlowAdmissionTest, AUserGetsAtMostHalfOfThePendingHandshakes) {

@@ -36,7 +36,7 @@ class HeldFlowsTest : public ::testing::Test {
   const std::unique_ptr<PacketQueue> queue_ = *PacketQueue::open();
   const std::unique_ptr<InterceptionTable> table_ =
       *InterceptionTable::install(testing::loopbackSettings(), PacketMarks(), queue_->number(), {});
-  const std::shared_ptr<UserShare> user_ = std::make_shared<UserShare>();
+  const Reference<UserShare> user_ = makeReference<UserShare>();
   const HeldFlows::TimePoint start_{};
   HeldFlows held_{*queue_};
 

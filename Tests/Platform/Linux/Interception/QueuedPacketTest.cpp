@@ -41,7 +41,7 @@ class QueuedPacketTest : public ::testing::Test {
   const std::shared_ptr<PacketQueue> queue_ = *PacketQueue::open();
   const std::unique_ptr<InterceptionTable> table_ =
       *InterceptionTable::install(testing::loopbackSettings(), PacketMarks(), queue_->number(), {});
-  const std::shared_ptr<UserShare> user_ = std::make_shared<UserShare>();
+  const Reference<UserShare> user_ = makeReference<UserShare>();
   testing::TestListener origin_{"127.0.0.1", 8000};
   const testing::Connecting application_{"127.0.0.1", 8000};
   PacketQueue::Packet received_;

@@ -80,9 +80,9 @@ class FlowListenerTest : public RelayTest {
     tuple.source = *parseAddressLiteral({kApplicationIPv4, std::to_string(sourcePort)});
     tuple.destination = *parseAddressLiteral({destination, std::to_string(kDestinationPort)});
     auto verdict = std::make_shared<Verdict>();
-    auto flow = std::make_shared<LinuxTCPFlow>(
-        loop(), tuple, std::make_shared<const std::string>(application), tuple.destination,
-        std::make_unique<RecordedPacket>(verdict));
+    auto flow = std::make_shared<LinuxTCPFlow>(loop(), tuple.source,
+                                               recordOf(application, tuple.destination),
+                                               std::make_unique<RecordedPacket>(verdict));
     auto [completion, future] = readCompletion();
     flow->read(std::move(completion));
     verdict->wait();
@@ -113,7 +113,7 @@ class KeepingWaiter final : public FlowListener::Waiter {
  public:
   explicit KeepingWaiter(const FlowTuple& tuple) : tuple_(tuple) {}
 
-  const FlowTuple& tuple() const override { return tuple_; }
+  FlowTuple tuple() const override { return tuple_; }
   const std::string& application() const override { return application_; }
   void accepted(LoopSocket socket) override { socket_ = std::move(socket); }
   void timedOut() override {}

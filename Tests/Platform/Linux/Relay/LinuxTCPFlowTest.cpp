@@ -42,9 +42,20 @@ class LinuxTCPFlowTest : public RelayTest {
 };
 
 TEST_F(LinuxTCPFlowTest, NamesItsApplicationAndItsDestination) {
-  const Flow made = makeFlow(anySource());
+  const SocketEndpoint source = anySource();
+  const Flow made = makeFlow(source);
+  const SocketEndpoint destination = tupleOf(source).destination;
   EXPECT_EQ(made.flow->sourceAppSigningIdentifier(), "org.example.browser");
-  EXPECT_EQ(made.flow->remoteEndpoint(), (platform::HostEndpoint{"192.0.2.1", "443"}));
+  EXPECT_EQ(made.flow->remoteEndpoint(),
+            (platform::HostEndpoint{destination.addressText(), std::to_string(destination.port)}));
+}
+
+// There are one of each and two watches for every tunnel, however long it is idle.
+TEST_F(LinuxTCPFlowTest, AnIdleTunnelKeepsLittle) {
+  EXPECT_LE(sizeof(LinuxTCPFlow), 176U);
+  EXPECT_LE(sizeof(LinuxTCPConnection), 136U);
+  EXPECT_LE(sizeof(FlowRecord), 136U);
+  EXPECT_LE(sizeof(Poller::Watch), 32U);
 }
 
 class NamedFlowTest : public LinuxTCPFlowTest {
@@ -52,8 +63,8 @@ class NamedFlowTest : public LinuxTCPFlowTest {
   // A flow to 192.0.2.1 with this name.
   std::shared_ptr<LinuxTCPFlow> makeNamedFlow(FlowName name) {
     return std::make_shared<LinuxTCPFlow>(
-        loop(), tupleOf(anySource()), std::make_shared<const std::string>("org.example.browser"),
-        *parseAddressLiteral({"192.0.2.1", "443"}),
+        loop(), anySource(),
+        recordOf("org.example.browser", *parseAddressLiteral({"192.0.2.1", "443"})),
         std::make_unique<RecordedPacket>(std::make_shared<Verdict>()), nullptr, std::move(name));
   }
 
@@ -473,9 +484,8 @@ TEST_F(LinuxTCPFlowTest, AcceptsItsConnectionDirectlyAfterTheRelease) {
   for (const char* const source : {kApplicationIPv4, kApplicationIPv6}) {
     ApplicationSocket application(source);
     const auto flow = std::make_shared<LinuxTCPFlow>(
-        loop(), tupleOf(application.local()),
-        std::make_shared<const std::string>("org.example.browser"),
-        *parseAddressLiteral({"192.0.2.1", "443"}),
+        loop(), application.local(),
+        recordOf("org.example.browser", tupleOf(application.local()).destination),
         std::make_unique<ConnectingPacket>([&] { EXPECT_EQ(arrive(application), 0); }));
     auto [onRead, read] = readCompletion();
     onLoop([&, completion = std::move(onRead)] {

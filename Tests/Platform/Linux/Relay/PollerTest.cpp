@@ -112,6 +112,60 @@ TEST_F(PollerTest, ACancelledWaitIsDestroyedWithoutRunning) {
   EXPECT_EQ(runs_, 0);
 }
 
+class CountingClient final : public Poller::Client {
+ public:
+  void readable() override { ++reads_; }
+  void writable() override { ++writes_; }
+
+  int reads_ = 0;
+  int writes_ = 0;
+};
+
+TEST_F(PollerTest, CallsAClientOnceForEachWait) {
+  const auto client = std::make_shared<CountingClient>();
+  Poller::setClient(*watch_, client);
+  send("x");
+  turn();
+  EXPECT_EQ(client->reads_, 0);
+  Poller::waitUntilReadable(*watch_);
+  EXPECT_TRUE(poller_.isReadingDue(*watch_));
+  poller_.runDue(Poller::keyOf(*watch_));
+  send("y");
+  turn();
+  EXPECT_EQ(client->reads_, 1);
+  EXPECT_EQ(client->writes_, 0);
+  poller_.waitUntilWritable(*watch_, near_.get());
+  turn();
+  turn();
+  EXPECT_EQ(client->writes_, 1);
+}
+
+TEST_F(PollerTest, AClientWhoseWaitsAreCancelledIsNotCalled) {
+  const auto client = std::make_shared<CountingClient>();
+  Poller::setClient(*watch_, client);
+  Poller::waitUntilReadable(*watch_);
+  Poller::cancelWaits(*watch_);
+  send("x");
+  turn();
+  EXPECT_EQ(client->reads_, 0);
+  poller_.waitUntilReadable(*watch_, counting());
+  poller_.runDue(Poller::keyOf(*watch_));
+  EXPECT_EQ(client->reads_, 0);
+  EXPECT_EQ(runs_, 1);
+}
+
+TEST_F(PollerTest, AClientIsNotKeptAlive) {
+  auto client = std::make_shared<CountingClient>();
+  const std::weak_ptr<CountingClient> gone = client;
+  Poller::setClient(*watch_, client);
+  Poller::waitUntilReadable(*watch_);
+  client = nullptr;
+  EXPECT_TRUE(gone.expired());
+  send("x");
+  turn();
+  EXPECT_FALSE(poller_.isReadingDue(*watch_));
+}
+
 TEST_F(PollerTest, ATaskMayRemoveItsSocketAndTheNextOne) {
   std::array<int, 2> ends{};
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends.data()), 0);

@@ -201,8 +201,8 @@ TEST_F(RelayTransferTest, AnIdleTunnelUsesOnlyItsSockets) {
 
 TEST_F(RelayTransferTest, ASingleStreamDoesNotWaitForManyOfAnotherUser) {
   constexpr int kManyStreams = 40;
-  const auto many = std::make_shared<UserShare>();
-  const auto one = std::make_shared<UserShare>();
+  const auto many = makeReference<UserShare>();
+  const auto one = makeReference<UserShare>();
   std::vector<Connected> connected;
   for (int stream = 0; stream <= kManyStreams; ++stream) {
     // The last one belongs to the other user, and is the last to become readable.

@@ -14,7 +14,7 @@ namespace {
 class SharedBudgetTest : public ::testing::Test {
  protected:
   // Takes one at a time while permitted; returns how many.
-  std::size_t takeAll(const std::shared_ptr<UserShare>& share) {
+  std::size_t takeAll(const Reference<UserShare>& share) {
     std::size_t count = 0;
     while (budget_.isWithinShare(*share, 1)) {
       leases_.push_back(budget_.lease(1, share));
@@ -25,8 +25,8 @@ class SharedBudgetTest : public ::testing::Test {
 
   SharedBudget budget_{120, &UserShare::descriptors};
   std::vector<SharedBudget::Lease> leases_;
-  const std::shared_ptr<UserShare> alice_ = std::make_shared<UserShare>();
-  const std::shared_ptr<UserShare> bob_ = std::make_shared<UserShare>();
+  const Reference<UserShare> alice_ = makeReference<UserShare>();
+  const Reference<UserShare> bob_ = makeReference<UserShare>();
 };
 
 TEST_F(SharedBudgetTest, ASingleUserGetsHalf) {
@@ -37,7 +37,7 @@ TEST_F(SharedBudgetTest, ASingleUserGetsHalf) {
 TEST_F(SharedBudgetTest, ALaterUserGetsHalfOfTheRemainder) {
   takeAll(alice_);
   EXPECT_EQ(takeAll(bob_), 30U);
-  EXPECT_EQ(takeAll(std::make_shared<UserShare>()), 15U);
+  EXPECT_EQ(takeAll(makeReference<UserShare>()), 15U);
 }
 
 TEST_F(SharedBudgetTest, UsersWhoAlternateGetEqualShares) {
@@ -80,12 +80,11 @@ TEST_F(SharedBudgetTest, ALeaseCanBeChargedToAnotherUser) {
 }
 
 TEST_F(SharedBudgetTest, AShareEndsWithItsLastLease) {
-  auto share = std::make_shared<UserShare>();
-  const std::weak_ptr<UserShare> weakShare = share;
-  auto lease = budget_.lease(1, std::move(share));
-  EXPECT_FALSE(weakShare.expired());
+  const auto share = makeReference<UserShare>();
+  auto lease = budget_.lease(1, share);
+  EXPECT_EQ(share.count(), 2U);
   lease = SharedBudget::Lease();
-  EXPECT_TRUE(weakShare.expired());
+  EXPECT_EQ(share.count(), 1U);
 }
 
 TEST_F(SharedBudgetTest, MoreThanTheLimitMayBeInUse) {
@@ -98,11 +97,11 @@ TEST(MemoryBudgetTest, WithoutAUserPermitsTheUnusedAmount) {
   MemoryBudget budget(100);
   EXPECT_TRUE(budget.permits(nullptr, 100));
   EXPECT_FALSE(budget.permits(nullptr, 101));
-  const auto share = std::make_shared<UserShare>();
+  const auto share = makeReference<UserShare>();
   const auto lease = budget.lease(50, share);
   EXPECT_EQ(share->memory(), 50U);
   EXPECT_FALSE(budget.permits(share, 1));
-  EXPECT_TRUE(budget.permits(std::make_shared<UserShare>(), 50));
+  EXPECT_TRUE(budget.permits(makeReference<UserShare>(), 50));
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 
 class FlowJournalTest : public ::testing::Test {
  protected:
-  std::shared_ptr<FlowRecord> decide(FlowRule rule, unsigned loop = 0) {
+  Reference<FlowRecord> decide(FlowRule rule, unsigned loop = 0) {
     auto record = journal_.open({.application = "app",
                                  .destination = {AddressFamily::ipv4, {192, 0, 2, 1}, 443},
                                  .begin = FlowRecord::Clock::now()},
@@ -156,15 +156,12 @@ TEST_F(FlowJournalTest, ListsATunnelThatIsOlderThanAllDecisions) {
 }
 
 TEST_F(FlowJournalTest, ReleasesFlowsThatHaveEnded) {
-  std::weak_ptr<FlowRecord> weak;
-  {
-    const auto record = decide(FlowRule::proxied);
-    weak = record;
-    record->ended(FlowEnd::closed, "eof");
-  }
+  const auto record = decide(FlowRule::proxied);
+  record->ended(FlowEnd::closed, "eof");
+  EXPECT_GT(record.count(), 1U);
   decideOften(FlowRule::gateClosed, FlowJournal::kKeptDecisions);
   journal_.maintain();
-  EXPECT_TRUE(weak.expired());
+  EXPECT_EQ(record.count(), 1U);
 }
 
 TEST_F(FlowJournalTest, CanBeReadWhileItIsWritten) {

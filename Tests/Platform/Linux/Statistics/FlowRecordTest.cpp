@@ -147,7 +147,8 @@ class NotingLog final : public platform::Log {
 TEST_F(FlowRecordTest, LogsAFailureThatTheCoreDoesNotLog) {
   NotingLog log;
   const auto endWith = [&log, this](FlowEnd end, std::string_view detail) {
-    FlowRecord record({.application = "/usr/bin/curl"}, applications_, 0, counters_, &log);
+    counters_.log = &log;
+    FlowRecord record({.application = "/usr/bin/curl"}, applications_, 0, counters_);
     record.decided(FlowRule::proxied);
     record.identified(kIdentifier);
     record.ended(end, detail);

@@ -91,8 +91,8 @@ int RelayTest::arrive(ApplicationSocket& application) {
 RelayTest::Flow RelayTest::makeFlow(const SocketEndpoint& source) {
   auto verdict = std::make_shared<Verdict>();
   auto flow = std::make_shared<LinuxTCPFlow>(
-      loop(), tupleOf(source), std::make_shared<const std::string>("org.example.browser"),
-      *parseAddressLiteral({"192.0.2.1", "443"}), std::make_unique<RecordedPacket>(verdict));
+      loop(), source, recordOf("org.example.browser", tupleOf(source).destination),
+      std::make_unique<RecordedPacket>(verdict));
   return {std::move(flow), std::move(verdict)};
 }
 
@@ -116,7 +116,7 @@ RelayTest::Connected RelayTest::connect() {
   return connectFor(nullptr);
 }
 
-RelayTest::Connected RelayTest::connectFor(std::shared_ptr<UserShare> user) {
+RelayTest::Connected RelayTest::connectFor(Reference<UserShare> user) {
   ApplicationSocket listener("127.0.0.1");
   listener.listen();
   auto connection = onLoop([&] {

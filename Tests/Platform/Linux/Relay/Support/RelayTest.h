@@ -17,6 +17,7 @@
 #include "Tests/Platform/Linux/Relay/Support/ApplicationSocket.h"
 #include "Tests/Platform/Linux/Relay/Support/RecordedPacket.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayNetwork.h"
+#include "Tests/Platform/Linux/Support/RecordOf.h"
 
 namespace ostravel::linuxplatform::test {
 
@@ -95,7 +96,7 @@ class RelayTest : public ::testing::Test {
   std::shared_ptr<LinuxTCPConnection> connectTo(const platform::HostEndpoint& endpoint);
   Connected connect();
   // For a tunnel of this user.
-  Connected connectFor(std::shared_ptr<UserShare> user);
+  Connected connectFor(Reference<UserShare> user);
 
   ReadOutcome read(LinuxTCPFlow& flow);
   ReadOutcome read(LinuxTCPConnection& connection, std::size_t minimum, std::size_t maximum);
