@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <functional>
+#include <random>
 #include <string_view>
 #include <utility>
 
@@ -20,11 +21,18 @@ constexpr std::chrono::seconds kUDPLifetime = 30s;
 
 constexpr std::size_t kSmallestTable = 64;
 
+std::uint64_t randomNumber() {
+  std::random_device device;
+  return std::uint64_t{device()} << 32U | device();
+}
+
 }  // namespace
 
-RecentFlows::Fingerprint RecentFlows::fingerprintOf(const FirstPacket& packet) {
+RecentFlows::RecentFlows(std::size_t capacity) : capacity_(capacity), secret_(randomNumber()) {}
+
+RecentFlows::Fingerprint RecentFlows::fingerprintOf(const FirstPacket& packet) const {
   const FlowTuple& tuple = packet.tuple;
-  std::array<char, sizeof packet> bytes{};
+  std::array<char, sizeof packet + sizeof secret_> bytes{};
   std::size_t size = 0;
   const auto append = [&bytes, &size](const void* value, std::size_t count) {
     std::memcpy(bytes.data() + size, value, count);
@@ -35,6 +43,7 @@ RecentFlows::Fingerprint RecentFlows::fingerprintOf(const FirstPacket& packet) {
     append(&end->port, sizeof end->port);
     append(&end->family, sizeof end->family);
   }
+  append(&secret_, sizeof secret_);
   append(&tuple.protocol, sizeof tuple.protocol);
   append(&packet.initialSequence, sizeof packet.initialSequence);
   static_assert(sizeof(std::size_t) == sizeof(Fingerprint));

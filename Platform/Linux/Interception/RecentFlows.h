@@ -23,7 +23,7 @@ class RecentFlows {
   using TimePoint = std::chrono::steady_clock::time_point;
 
   // At most kLargestCapacity.
-  explicit RecentFlows(std::size_t capacity) : capacity_(capacity) {}
+  explicit RecentFlows(std::size_t capacity);
 
   static constexpr std::size_t kLargestCapacity = 65'000;
 
@@ -51,7 +51,7 @@ class RecentFlows {
     Fingerprint fingerprint() const { return Fingerprint{high} << 32U | low; }
   };
 
-  static Fingerprint fingerprintOf(const FirstPacket& packet);
+  Fingerprint fingerprintOf(const FirstPacket& packet) const;
   Ticks ticksAt(TimePoint time) const;
   const Entry& entryOf(Number number) const;
   // Where the search for a flow starts.
@@ -64,6 +64,9 @@ class RecentFlows {
   void erase(std::size_t place);
 
   const std::size_t capacity_;
+  // Part of every fingerprint, so that no user can choose destinations whose places are close
+  // together, which would slow down every search.
+  const std::uint64_t secret_;
   // When the first flow was remembered.
   std::optional<TimePoint> start_;
   std::deque<Entry> inOrder_;

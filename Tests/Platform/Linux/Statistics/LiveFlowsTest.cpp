@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <vector>
 
 #include "Platform/Linux/Statistics/FlowJournal.h"
@@ -15,7 +14,7 @@ constexpr std::size_t kMost = LiveFlows::kSlotsPerChunk * LiveFlows::kMaximumChu
 
 class LiveFlowsTest : public ::testing::Test {
  protected:
-  std::shared_ptr<FlowRecord> open() {
+  Reference<FlowRecord> open() {
     auto record = journal_.open({.begin = FlowRecord::Clock::now()}, 0);
     record->decided(platform::FlowRule::proxied);
     return record;
@@ -27,37 +26,37 @@ class LiveFlowsTest : public ::testing::Test {
 };
 
 TEST_F(LiveFlowsTest, ListsAsManyFlowsAsItHasRoomFor) {
-  const std::shared_ptr<FlowRecord> record = open();
+  const Reference<FlowRecord> record = open();
   for (std::size_t count = 0; count + 1 < kMost; ++count) {
     flows_.add(record);
   }
   EXPECT_EQ(flows_.all().size(), kMost - 1);
   flows_.add(record);
   EXPECT_EQ(flows_.all().size(), kMost);
-  const std::shared_ptr<FlowRecord> further = open();
+  const Reference<FlowRecord> further = open();
   flows_.add(further);
   EXPECT_EQ(flows_.all().size(), kMost);
   // It is not kept either.
-  EXPECT_EQ(further.use_count(), 1);
+  EXPECT_EQ(further.count(), 1);
 }
 
 TEST_F(LiveFlowsTest, HasRoomAgainWhenFlowsHaveEnded) {
-  const std::shared_ptr<FlowRecord> ended = open();
+  const Reference<FlowRecord> ended = open();
   flows_.add(ended);
-  const std::shared_ptr<FlowRecord> record = open();
+  const Reference<FlowRecord> record = open();
   for (std::size_t count = 1; count < kMost; ++count) {
     flows_.add(record);
   }
   ended->ended(platform::FlowEnd::closed, "eof");
-  std::vector<std::shared_ptr<FlowRecord>> swept;
+  std::vector<Reference<FlowRecord>> swept;
   flows_.sweep(kMost, swept);
   ASSERT_EQ(swept.size(), 1U);
   EXPECT_EQ(swept.front(), ended);
   EXPECT_EQ(flows_.all().size(), kMost - 1);
-  const std::shared_ptr<FlowRecord> further = open();
+  const Reference<FlowRecord> further = open();
   flows_.add(further);
   EXPECT_EQ(flows_.all().size(), kMost);
-  EXPECT_EQ(further.use_count(), 2);
+  EXPECT_EQ(further.count(), 2);
 }
 
 }  // namespace
