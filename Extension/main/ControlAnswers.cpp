@@ -78,9 +78,11 @@ ProxyingState::Facts ControlAnswers::facts() const {
   const auto provider = parts_.provider.lock();
   const auto& path = parts_.loops.redirectPath();
   const auto handshakes = parts_.journal.lastHandshakes();
+  const auto probe = provider ? provider->health().lastProbe : std::nullopt;
   return {.isIntercepting = parts_.context.isIntercepting(),
           .isStopping = !provider,
           .isGateOpen = provider ? provider->isGateOpen() : std::nullopt,
+          .isProxyReachable = probe && probe->isReachable,
           .isRedirectUsable = path.isUsable(linuxplatform::AddressFamily::ipv4) ||
                               path.isUsable(linuxplatform::AddressFamily::ipv6),
           .isNearDescriptorLimit = parts_.descriptors.nearLimit(),

@@ -89,7 +89,10 @@ FlowExplanation FlowExplanation::of(const Question& question, const PacketTunnel
   if (rule == FlowRule::gateClosed) {
     return explainer.decides(
         "gate", rule,
-        "The gate is closed, because nothing answers on the proxy's port: it goes direct.");
+        state.reason == ProxyingState::Reason::proxyNotAnswering
+            ? "The gate is closed for a moment, because the proxy did not answer in time: it goes "
+              "direct."
+            : "The gate is closed, because nothing answers on the proxy's port: it goes direct.");
   }
   explainer.passes("gate", "The gate is open.");
   if (state.reason != ProxyingState::Reason::proxied) {

@@ -36,8 +36,12 @@ ProxyingState::Reason ProxyingState::reasonFor(const Facts& facts) const {
   if (!facts.isIntercepting || !facts.isGateOpen) {
     return Reason::starting;
   }
+  // Time-outs of an earlier proxy do not count.
+  const bool isHung =
+      !state_.proxy.empty() && facts.lastTimeout > std::max(facts.lastSuccess, proxySince_);
   if (!*facts.isGateOpen) {
-    return Reason::proxyUnreachable;
+    // A handshake that fails closes the gate as well, until the next probe.
+    return isHung && facts.isProxyReachable ? Reason::proxyNotAnswering : Reason::proxyUnreachable;
   }
   if (facts.isNearDescriptorLimit) {
     return Reason::descriptors;
@@ -48,9 +52,7 @@ ProxyingState::Reason ProxyingState::reasonFor(const Facts& facts) const {
   if (state_.proxy.empty()) {
     return Reason::proxyNotTrusted;
   }
-  // Time-outs of an earlier proxy do not count.
-  return facts.lastTimeout > std::max(facts.lastSuccess, proxySince_) ? Reason::proxyNotAnswering
-                                                                      : Reason::proxied;
+  return isHung ? Reason::proxyNotAnswering : Reason::proxied;
 }
 
 std::string ProxyingState::State::message() const {

@@ -29,6 +29,8 @@ class ProxyingState {
     bool isStopping = false;
     // Absent before the first probe has been answered.
     std::optional<bool> isGateOpen = std::nullopt;
+    // By the last probe.
+    bool isProxyReachable = false;
     bool isRedirectUsable = true;
     bool isNearDescriptorLimit = false;
     // When a handshake last succeeded.

@@ -9,13 +9,15 @@ void ServiceStatus::setProxy(const std::string& proxy) {
   proxy_ = proxy;
 }
 
-void ServiceStatus::beat(std::optional<bool> isGateOpen, Clock::time_point now) {
+void ServiceStatus::beat(std::optional<bool> isGateOpen, ProxyingState::Reason reason,
+                         Clock::time_point now) {
   // Outside the lock: a service manager that has stopped reading must not stop an event loop in
   // setProxy.
-  notify_(nextAssignments(isGateOpen, now));
+  notify_(nextAssignments(isGateOpen, reason, now));
 }
 
-std::string ServiceStatus::nextAssignments(std::optional<bool> isGateOpen, Clock::time_point now) {
+std::string ServiceStatus::nextAssignments(std::optional<bool> isGateOpen,
+                                           ProxyingState::Reason reason, Clock::time_point now) {
   const std::lock_guard guard(lock_);
   if (!firstBeat_) {
     firstBeat_ = now;
@@ -25,17 +27,22 @@ std::string ServiceStatus::nextAssignments(std::optional<bool> isGateOpen, Clock
     isReady_ = true;
     assignments += "\nREADY=1";
   }
-  if (std::string current = text(isGateOpen); current != lastText_) {
+  if (std::string current = text(isGateOpen, reason); current != lastText_) {
     assignments += "\nSTATUS=" + current;
     lastText_ = std::move(current);
   }
   return assignments;
 }
 
-std::string ServiceStatus::text(std::optional<bool> isGateOpen) const {
+std::string ServiceStatus::text(std::optional<bool> isGateOpen,
+                                ProxyingState::Reason reason) const {
   const std::string address = proxyAddress();
   if (!isGateOpen) {
     return "Gate closed: " + address + " has not been probed yet; connections go direct";
+  }
+  if (reason == ProxyingState::Reason::proxyNotAnswering && !proxy_.empty()) {
+    return std::string(*isGateOpen ? "Gate open: " : "Gate closed: ") + proxy_ +
+           " does not answer in time; connections go direct";
   }
   if (!*isGateOpen) {
     return "Gate closed: nothing answers on " + address + "; connections go direct";

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "Extension/main/ProxyingState.h"
+
 namespace ostravel::linuxplatform {
 
 // Notifies the service manager (sd_notify(3)) that the extension is ready and alive, and of its
@@ -26,11 +28,12 @@ class ServiceStatus {
 
   // Call it periodically while flows are offered. isGateOpen: absent before the first probe has
   // been answered. Ready from the first call with a gate, or kReadyTimeout after the first call.
-  void beat(std::optional<bool> isGateOpen, Clock::time_point now);
+  void beat(std::optional<bool> isGateOpen, ProxyingState::Reason reason, Clock::time_point now);
 
  private:
-  std::string nextAssignments(std::optional<bool> isGateOpen, Clock::time_point now);
-  std::string text(std::optional<bool> isGateOpen) const;
+  std::string nextAssignments(std::optional<bool> isGateOpen, ProxyingState::Reason reason,
+                              Clock::time_point now);
+  std::string text(std::optional<bool> isGateOpen, ProxyingState::Reason reason) const;
 
   const Notify notify_;
   std::mutex lock_;

@@ -288,10 +288,10 @@ int run(int argc, char** argv) {
        .heartbeat = heartbeat,
        .journal = journal,
        .onAlive =
-           [&status, &watchedProvider, &observedAnswers] {
+           [&status, &watchedProvider, &observedAnswers, &proxying] {
              observedAnswers->observe();
              const auto provider = watchedProvider.lock();
-             status.beat(provider ? provider->isGateOpen() : std::nullopt,
+             status.beat(provider ? provider->isGateOpen() : std::nullopt, proxying.state().reason,
                          std::chrono::steady_clock::now());
            },
        .proxyUsers = commandLine.options->proxyUsers,

@@ -48,6 +48,21 @@ TEST(ProxyingStateTest, NoticesAProxyThatDoesNotAnswer) {
   EXPECT_EQ(reasonWith(facts), Reason::proxied);
 }
 
+// A handshake that times out closes the gate until the next probe, which finds the port open.
+TEST(ProxyingStateTest, DistinguishesAHungProxyFromAnAbsentOne) {
+  Facts facts = kFine;
+  facts.isGateOpen = false;
+  facts.isProxyReachable = true;
+  facts.lastTimeout = 61;
+  EXPECT_EQ(reasonWith(facts), Reason::proxyNotAnswering);
+  EXPECT_EQ(reasonWith(facts, ""), Reason::proxyUnreachable);
+  facts.isProxyReachable = false;
+  EXPECT_EQ(reasonWith(facts), Reason::proxyUnreachable);
+  facts.isProxyReachable = true;
+  facts.lastTimeout = 0;
+  EXPECT_EQ(reasonWith(facts), Reason::proxyUnreachable);
+}
+
 TEST(ProxyingStateTest, ForgetsTheTimeoutsOfAnotherProxy) {
   Facts facts = kFine;
   facts.lastTimeout = 40;

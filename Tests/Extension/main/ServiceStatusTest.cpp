@@ -12,11 +12,17 @@ namespace {
 
 using namespace std::chrono_literals;
 
+using Reason = ProxyingState::Reason;
+
 class ServiceStatusTest : public ::testing::Test {
  protected:
   // The assignments of the beat.
   std::string beat(std::optional<bool> isGateOpen, std::chrono::milliseconds after = 0ms) {
-    status_.beat(isGateOpen, begin_ + after);
+    status_.beat(isGateOpen, Reason::proxied, begin_ + after);
+    return sent_;
+  }
+  std::string beatWhileHung(bool isGateOpen) {
+    status_.beat(isGateOpen, Reason::proxyNotAnswering, begin_);
     return sent_;
   }
 
@@ -61,6 +67,18 @@ TEST_F(ServiceStatusTest, NamesTheProxyWhileTheGateIsOpen) {
             "WATCHDOG=1\nSTATUS=Gate open: no proxy that serves all users on 127.0.0.1:8080");
 }
 
+TEST_F(ServiceStatusTest, SaysThatTheProxyDoesNotAnswer) {
+  status_.setProxy("tinyproxy (process 812)");
+  beat(true);
+  EXPECT_EQ(beatWhileHung(true),
+            "WATCHDOG=1\nSTATUS=Gate open: tinyproxy (process 812) does not answer in time; "
+            "connections go direct");
+  // A handshake that times out closes the gate until the next probe.
+  EXPECT_EQ(beatWhileHung(false),
+            "WATCHDOG=1\nSTATUS=Gate closed: tinyproxy (process 812) does not answer in time; "
+            "connections go direct");
+}
+
 // The service manager does not read, and an event loop reports the proxy.
 TEST(ServiceStatusStallTest, AStalledNotificationDelaysNobodyElse) {
   std::string sent;
@@ -73,8 +91,8 @@ TEST(ServiceStatusStallTest, AStalledNotificationDelaysNobodyElse) {
     }
   });
   const ServiceStatus::Clock::time_point begin;
-  status->beat(true, begin);
-  status->beat(true, begin);
+  status->beat(true, Reason::proxied, begin);
+  status->beat(true, Reason::proxied, begin);
   EXPECT_EQ(sent, "WATCHDOG=1\nSTATUS=Gate open: the local proxy is sidecar (process 7, user 0)");
 }
 
