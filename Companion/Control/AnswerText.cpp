@@ -128,6 +128,13 @@ std::string namesText(const json_t* status) {
          (use == "connect" ? "decide and to ask the proxy" : "decide");
 }
 
+// The outcomes of flows that were given back to the system while they were held.
+bool wentDirectInTheEnd(const json_t* flow) {
+  constexpr std::array<std::string_view, 4> kOutcomes{"timed_out", "backlog", "request_failed",
+                                                      "connection_failed"};
+  return std::ranges::find(kOutcomes, textOf(flow, "outcome")) != kOutcomes.end();
+}
+
 std::string flowDetails(const json_t* flow) {
   std::string text;
   if (const std::string host = textOf(flow, "host"); !host.empty()) {
@@ -138,6 +145,9 @@ std::string flowDetails(const json_t* flow) {
   }
   if (const std::string reason = textOf(flow, "reason"); reason != "proxied") {
     text += " " + reason;
+  }
+  if (wentDirectInTheEnd(flow)) {
+    text += " went direct";
   }
   if (const auto handshake = numberOf(flow, "handshake_ms")) {
     text += " handshake " + microsecondsText(*handshake * 1000);

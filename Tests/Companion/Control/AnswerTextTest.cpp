@@ -127,6 +127,22 @@ TEST(AnswerTextTest, NamesTheReasonOfADirectFlow) {
             std::string::npos);
 }
 
+TEST(AnswerTextTest, SaysThatAFlowWentDirectAfterWaiting) {
+  const auto lineWith = [](const std::string& outcome) {
+    return flowText(parsed(R"({"application":"/a","destination":"192.0.2.1:443",
+        "reason":"proxied","outcome":")" +
+                           outcome + "\"}")
+                        .get());
+  };
+  for (const char* const outcome :
+       {"timed_out", "backlog", "request_failed", "connection_failed"}) {
+    EXPECT_TRUE(lineWith(outcome).ends_with(" went direct")) << outcome;
+  }
+  for (const char* const outcome : {"closed", "failed", "rejected", "no_answer", "established"}) {
+    EXPECT_FALSE(lineWith(outcome).ends_with(" went direct")) << outcome;
+  }
+}
+
 TEST(AnswerTextTest, LetsNothingDisturbTheTerminal) {
   const auto line = flowText(parsed(R"({"application":"a\u001b[2Jb","detail":"x\ny"})").get());
   EXPECT_EQ(line.find('\x1b'), std::string::npos);
