@@ -116,8 +116,10 @@ def failures_in(extension):
 
 
 def test_events_can_be_piped_into_jq(laboratory):
+    # As with a pipeline, but the end of the monitor, which the laboratory kills, ends jq, too.
     jq = laboratory.start(
-        ["sh", "-c", '"$0" --json --summary --socket "$1" | jq --unbuffered -r "$2"',
+        ["bash", "-c",
+         'exec "$0" --json --summary --socket "$1" > >(jq --unbuffered -r "$2")',
          laboratory.program_path("ostravel-monitor"), laboratory.socket_path,
          'select(.context.remote) | .context.app_id + " to " + .context.remote'],
         name="jq",
