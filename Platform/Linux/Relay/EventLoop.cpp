@@ -110,9 +110,20 @@ void EventLoop::waitForEvents() {
   if (!isAnyoneWaiting) {
     takeTurnOfTransfers();
   }
-  poller_.dispatch();
+  handleEvents();
   if (isAnyoneWaiting) {
     takeTurnOfTransfers();
+  }
+}
+
+void EventLoop::handleEvents() {
+  poller_.dispatch(Poller::Rank::preferred);
+  for (const Poller::Rank rank : {Poller::Rank::usual, Poller::Rank::ended}) {
+    runTasks();
+    if (isStopping_) {
+      return;
+    }
+    poller_.dispatch(rank);
   }
 }
 

@@ -36,6 +36,9 @@ class RedirectPath;
 //
 // A turn of the loop runs a bounded number of posted items, then handles the sockets' events, then
 // the transfers that had to wait (FairTurns), then the timers. An idle loop does not wake up.
+//
+// New flows come first among the events, with all the work that they post, and connections that
+// have ended come last: applications wait for the former, and nobody for the latter.
 class EventLoop : private LocalTurns {
  public:
   // Statistics since the loop started. Increased on the loop only, readable from any thread.
@@ -145,6 +148,7 @@ class EventLoop : private LocalTurns {
   void run();
   void runTasks();
   void waitForEvents();
+  void handleEvents();
   // Moves what other threads have posted to tasks_. True if the loop may wait: nothing was posted,
   // and the next post wakes it.
   bool prepareToWait(bool mayWait);

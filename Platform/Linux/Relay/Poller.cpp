@@ -21,6 +21,7 @@ constexpr std::uint32_t kReadingAndWriting = kReading | EPOLLOUT;
 // Reported once, with data or without. A short receive does not consume them, so there is more to
 // receive.
 constexpr std::uint32_t kMoreIsCertain = EPOLLRDHUP | EPOLLHUP | EPOLLPRI;
+constexpr std::uint32_t kEnded = EPOLLRDHUP | EPOLLHUP;
 constexpr std::uint32_t kWritable = EPOLLOUT | EPOLLHUP | EPOLLERR;
 
 epoll_event eventOf(std::uint32_t events, Poller::Key key) {
@@ -195,19 +196,20 @@ void Poller::wait(std::optional<std::chrono::milliseconds> limit) {
             : -1;
   const int count = ::epoll_wait(epoll_.get(), events_.data(), kEventsPerWait, timeout);
   eventCount_ = count > 0 ? static_cast<std::size_t>(count) : 0;
-  const auto end = events_.begin() + static_cast<std::ptrdiff_t>(eventCount_);
-  const auto preferred = std::find_if(events_.begin(), end, [this](const epoll_event& event) {
-    return event.data.u64 == preferred_;
-  });
-  if (preferred != end) {
-    std::swap(*events_.begin(), *preferred);
-  }
 }
 
-void Poller::dispatch() {
-  const std::size_t count = std::exchange(eventCount_, 0);
-  for (std::size_t index = 0; index < count; ++index) {
-    handle(events_[index]);
+Poller::Rank Poller::rankOf(const epoll_event& event) const {
+  if (event.data.u64 == preferred_) {
+    return Rank::preferred;
+  }
+  return (event.events & kEnded) != 0 ? Rank::ended : Rank::usual;
+}
+
+void Poller::dispatch(Rank rank) {
+  for (std::size_t index = 0; index < eventCount_; ++index) {
+    if (rankOf(events_[index]) == rank) {
+      handle(events_[index]);
+    }
   }
 }
 

@@ -128,13 +128,21 @@ class Poller {
   // Runs the waiting tasks whose socket is ready. Does nothing if the watch is gone.
   void runDue(Key key);
 
-  // Handles its events before those of others.
+  // In which order the events of one wait are handled.
+  enum class Rank : std::uint8_t {
+    preferred,
+    usual,
+    // The peer has ended its side, or the connection has ended: nobody waits for that to be
+    // noticed.
+    ended,
+  };
+  // Gives the events of a watch the first rank.
   void prefer(const Watch& watch) { preferred_ = watch.key(); }
 
   // Waits for events until wake(), or until the limit, if there is one, has passed.
   void wait(std::optional<std::chrono::milliseconds> limit);
-  // Runs the tasks for the events of the last wait().
-  void dispatch();
+  // Runs the tasks for the events of the last wait() that have this rank.
+  void dispatch(Rank rank);
   // Ends the current wait, or the next one. From any thread.
   void wake() { wakeUps_.signal(); }
 
@@ -142,6 +150,7 @@ class Poller {
   // Further events are reported by the next wait.
   static constexpr std::size_t kEventsPerWait = 128;
 
+  Rank rankOf(const epoll_event& event) const;
   Watch* find(Key key);
   void handle(const epoll_event& event);
   void reclaim(Watch& watch);

@@ -15,6 +15,7 @@
 #include "Platform/Linux/Relay/EventLoopGroup.h"
 #include "Platform/Linux/Services/LinuxDispatchQueue.h"
 #include "Platform/Linux/Services/WorkerPool.h"
+#include "Tests/Platform/Linux/Relay/Support/ConnectedSockets.h"
 #include "Tests/Platform/Linux/Relay/Support/EventLoopTestPeer.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTunnel.h"
@@ -39,6 +40,37 @@ TEST_F(EventLoopTest, RunsWorkInOrderAndNeverInsideTheCall) {
   });
   drain();
   EXPECT_EQ(onLoop([&order] { return order; }), (std::vector{1, 2, 3}));
+}
+
+// A new flow's proxy is dialled before other connections are closed.
+TEST_F(EventLoopTest, FinishesWhatANewFlowPostsBeforeItHandlesOtherSockets) {
+  const ConnectedSockets flows;
+  const ConnectedSockets other;
+  std::string order;
+  Poller::Watch* preferred = nullptr;
+  Poller::Watch* usual = nullptr;
+  onLoop([&] {
+    preferred = loop().poller().add(flows.near.get());
+    usual = loop().poller().add(other.near.get());
+    loop().poller().prefer(*preferred);
+    loop().poller().waitUntilReadable(*usual, [&order] { order += "other "; });
+    loop().poller().waitUntilReadable(*preferred, [this, &order] {
+      order += "flow ";
+      loop().post([this, &order] {
+        order += "posted ";
+        loop().post([&order] { order += "posted by that "; });
+      });
+    });
+    // Both before the loop looks at its sockets again, the other one first.
+    other.send("x");
+    flows.send("x");
+  });
+  drain();
+  EXPECT_EQ(onLoop([&order] { return order; }), "flow posted posted by that other ");
+  onLoop([&] {
+    loop().poller().remove(*preferred);
+    loop().poller().remove(*usual);
+  });
 }
 
 // Queues whose items never block.

@@ -4,13 +4,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "Base/FileDescriptor.h"
+#include "Tests/Platform/Linux/Relay/Support/ConnectedSockets.h"
 
 namespace ostravel::linuxplatform::test {
 namespace {
@@ -18,29 +18,22 @@ namespace {
 // The poller by itself, on the test's own thread.
 class PollerTest : public ::testing::Test {
  protected:
-  PollerTest() {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()), 0);
-    near_ = FileDescriptor(ends[0]);
-    far_ = FileDescriptor(ends[1]);
-    watch_ = poller_.add(near_.get());
-  }
+  PollerTest() { watch_ = poller_.add(near()); }
 
   void turn() {
     poller_.wait(std::chrono::milliseconds::zero());
-    poller_.dispatch();
+    for (const auto rank : {Poller::Rank::preferred, Poller::Rank::usual, Poller::Rank::ended}) {
+      poller_.dispatch(rank);
+    }
   }
   Task counting() {
     return [this] { ++runs_; };
   }
-  void send(const std::string& bytes) const {
-    ASSERT_EQ(::send(far_.get(), bytes.data(), bytes.size(), 0),
-              static_cast<ssize_t>(bytes.size()));
-  }
+  int near() const { return ends_.near.get(); }
+  void send(const std::string& bytes) const { ends_.send(bytes); }
 
   Poller poller_;
-  FileDescriptor near_;
-  FileDescriptor far_;
+  ConnectedSockets ends_;
   Poller::Watch* watch_ = nullptr;
   int runs_ = 0;
 };
@@ -81,7 +74,7 @@ TEST_F(PollerTest, ForgetsEventsThatACallHasConsumed) {
 // is an end, and no other event follows.
 TEST_F(PollerTest, AnEndReportedWithDataIsNotForgotten) {
   send("x");
-  ASSERT_EQ(::shutdown(far_.get(), SHUT_WR), 0);
+  ASSERT_EQ(::shutdown(ends_.far.get(), SHUT_WR), 0);
   turn();
   watch_->readLess();
   poller_.waitUntilReadable(*watch_, counting());
@@ -93,11 +86,11 @@ TEST_F(PollerTest, ReportsRoomOnlyToThoseWhoWaitForIt) {
   send("x");
   turn();
   EXPECT_FALSE(poller_.isWritingDue(*watch_));
-  poller_.waitUntilWritable(*watch_, near_.get(), counting());
+  poller_.waitUntilWritable(*watch_, near(), counting());
   turn();
   EXPECT_EQ(runs_, 1);
   watch_->noRoomToWrite();
-  poller_.waitUntilWritable(*watch_, near_.get(), counting());
+  poller_.waitUntilWritable(*watch_, near(), counting());
   EXPECT_FALSE(poller_.isWritingDue(*watch_));
 }
 
@@ -134,7 +127,7 @@ TEST_F(PollerTest, CallsAClientOnceForEachWait) {
   turn();
   EXPECT_EQ(client->reads_, 1);
   EXPECT_EQ(client->writes_, 0);
-  poller_.waitUntilWritable(*watch_, near_.get());
+  poller_.waitUntilWritable(*watch_, near());
   turn();
   turn();
   EXPECT_EQ(client->writes_, 1);
@@ -167,11 +160,8 @@ TEST_F(PollerTest, AClientIsNotKeptAlive) {
 }
 
 TEST_F(PollerTest, ATaskMayRemoveItsSocketAndTheNextOne) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends.data()), 0);
-  const FileDescriptor near(ends[0]);
-  const FileDescriptor far(ends[1]);
-  Poller::Watch* const other = poller_.add(near.get());
+  const ConnectedSockets neighbours;
+  Poller::Watch* const other = poller_.add(neighbours.near.get());
   const auto removeBoth = [this, other] {
     ++runs_;
     poller_.remove(*watch_);
@@ -180,7 +170,7 @@ TEST_F(PollerTest, ATaskMayRemoveItsSocketAndTheNextOne) {
   poller_.waitUntilReadable(*watch_, removeBoth);
   poller_.waitUntilReadable(*other, removeBoth);
   send("x");
-  ASSERT_EQ(::send(far.get(), "x", 1, 0), 1);
+  neighbours.send("x");
   turn();
   EXPECT_EQ(runs_, 1);
 }
@@ -188,7 +178,7 @@ TEST_F(PollerTest, ATaskMayRemoveItsSocketAndTheNextOne) {
 // A descriptor that is shared with another process stays registered when it is closed here.
 TEST_F(PollerTest, EventsOfARemovedSocketAreDropped) {
   poller_.remove(*watch_);
-  const FileDescriptor duplicate(::dup(far_.get()));
+  const FileDescriptor duplicate(::dup(ends_.far.get()));
   Poller::Watch* const next = poller_.add(duplicate.get());
   ASSERT_EQ(next, watch_);
   poller_.waitUntilReadable(*next, counting());
@@ -208,19 +198,29 @@ TEST_F(PollerTest, ASocketRemovedFromOutsideIsSilent) {
 }
 
 TEST_F(PollerTest, ThePreferredSocketGoesFirst) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends.data()), 0);
-  const FileDescriptor near(ends[0]);
-  const FileDescriptor far(ends[1]);
-  Poller::Watch* const preferred = poller_.add(near.get());
+  const ConnectedSockets flows;
+  Poller::Watch* const preferred = poller_.add(flows.near.get());
   poller_.prefer(*preferred);
   std::string order;
   poller_.waitUntilReadable(*watch_, [&order] { order += "o"; });
   poller_.waitUntilReadable(*preferred, [&order] { order += "p"; });
   send("x");
-  ASSERT_EQ(::send(far.get(), "x", 1, 0), 1);
+  flows.send("x");
   turn();
   EXPECT_EQ(order, "po");
+}
+
+// Even if the kernel reports the end first.
+TEST_F(PollerTest, ASocketWhosePeerHasEndedGoesLast) {
+  const ConnectedSockets living;
+  Poller::Watch* const other = poller_.add(living.near.get());
+  std::string order;
+  poller_.waitUntilReadable(*watch_, [&order] { order += "e"; });
+  poller_.waitUntilReadable(*other, [&order] { order += "o"; });
+  ASSERT_EQ(::shutdown(ends_.far.get(), SHUT_WR), 0);
+  living.send("x");
+  turn();
+  EXPECT_EQ(order, "oe");
 }
 
 TEST_F(PollerTest, AWakeUpEndsTheWait) {
