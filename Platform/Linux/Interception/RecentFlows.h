@@ -32,6 +32,8 @@ class RecentFlows {
   std::size_t size() const { return count_; }
 
  private:
+  friend class RecentFlowsTestPeer;
+
   using Fingerprint = std::uint64_t;
   // Lasts for eight years.
   using Ticks = std::chrono::duration<std::uint32_t, std::ratio<1, 16>>;

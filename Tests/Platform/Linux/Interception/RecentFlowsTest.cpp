@@ -7,6 +7,14 @@
 #include <utility>
 
 namespace ostravel::linuxplatform {
+
+class RecentFlowsTestPeer {
+ public:
+  static std::uint64_t fingerprintOf(const RecentFlows& flows, const FirstPacket& packet) {
+    return flows.fingerprintOf(packet);
+  }
+};
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -92,6 +100,46 @@ TEST(RecentFlows, DistinguishesAddressesFamiliesAndProtocols) {
   other = packet;
   other.tuple.protocol = TransportProtocol::udp;
   EXPECT_FALSE(flows.contains(other, kNow));
+}
+
+// Otherwise a user could choose flows whose places in the table are close together, or that are
+// taken for each other.
+TEST(RecentFlows, EveryTableHasItsOwnSecret) {
+  constexpr int kPackets = 64;
+  const RecentFlows one(1);
+  const RecentFlows other(1);
+  for (std::uint16_t port = 0; port < kPackets; ++port) {
+    const FirstPacket packet = packetFrom(port);
+    EXPECT_NE(RecentFlowsTestPeer::fingerprintOf(one, packet),
+              RecentFlowsTestPeer::fingerprintOf(other, packet));
+    EXPECT_EQ(RecentFlowsTestPeer::fingerprintOf(one, packet),
+              RecentFlowsTestPeer::fingerprintOf(one, packet));
+  }
+}
+
+// With a secret that only moved every place, neighbours would stay neighbours.
+TEST(RecentFlows, ACollisionInOneTableIsNotOneInAnother) {
+  constexpr std::uint64_t kPlaces = 1024;
+  constexpr std::uint32_t kCandidates = 16 * kPlaces;
+  const RecentFlows one(1);
+  const FirstPacket first = packetFrom(1, 0);
+  const auto placeOf = [](const RecentFlows& flows, const FirstPacket& packet) {
+    return RecentFlowsTestPeer::fingerprintOf(flows, packet) % kPlaces;
+  };
+  const RecentFlows other(1);
+  int inOne = 0;
+  int inBoth = 0;
+  for (std::uint32_t sequence = 1; sequence <= kCandidates; ++sequence) {
+    const FirstPacket packet = packetFrom(1, sequence);
+    if (placeOf(one, packet) == placeOf(one, first)) {
+      ++inOne;
+      inBoth += placeOf(other, packet) == placeOf(other, first) ? 1 : 0;
+    }
+  }
+  // About sixteen, and one in a thousand of those.
+  EXPECT_GE(inOne, 2);
+  EXPECT_LE(inBoth, 2);
+  EXPECT_LT(inBoth, inOne);
 }
 
 // Compared with a plain list, for as long as it takes until all its numbers have been reused.
