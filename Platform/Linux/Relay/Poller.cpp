@@ -164,26 +164,24 @@ Poller::Watch* Poller::find(Key key) {
 void Poller::runDue(Key key) {
   if (Watch* const watch = find(key); watch != nullptr && isReadingDue(*watch)) {
     watch->isReadAwaited_ = false;
-    if (const auto* const client = std::get_if<std::weak_ptr<Client>>(&watch->waiting_)) {
-      if (const auto found = client->lock()) {
-        found->readable();
-      }
-    } else {
-      Task task = std::move(watch->tasks().reading);
-      task();
-    }
+    watch->run(&Client::readable, &Watch::Tasks::reading);
   }
   // That may have removed the watch.
   if (Watch* const watch = find(key); watch != nullptr && isWritingDue(*watch)) {
     watch->isWriteAwaited_ = false;
-    if (const auto* const client = std::get_if<std::weak_ptr<Client>>(&watch->waiting_)) {
-      if (const auto found = client->lock()) {
-        found->writable();
-      }
-    } else {
-      Task task = std::move(watch->tasks().writing);
-      task();
+    watch->run(&Client::writable, &Watch::Tasks::writing);
+  }
+}
+
+void Poller::Watch::run(void (Client::*clientsWork)(), Task Tasks::*taskOf) {
+  if (const auto* const client = std::get_if<std::weak_ptr<Client>>(&waiting_)) {
+    if (const auto found = client->lock()) {
+      (found.get()->*clientsWork)();
     }
+  } else {
+    // Moved out first: it may remove the watch.
+    Task task = std::move(tasks().*taskOf);
+    task();
   }
 }
 

@@ -78,6 +78,8 @@ class Poller {
     using Waiting = std::variant<std::monostate, std::weak_ptr<Client>, std::unique_ptr<Tasks>>;
 
     Tasks& tasks();
+    // Calls the client, or runs the waiting task. May remove this watch.
+    void run(void (Client::*clientsWork)(), Task Tasks::*taskOf);
 
     // There are two watches for every tunnel: the rest is in the padding of the first.
     [[no_unique_address]] Waiting waiting_;
