@@ -26,7 +26,9 @@ std::optional<QueueCounters> QueueCounters::parse(std::string_view text, std::ui
     QueueCounters counters;
     columns >> number >> ignored >> counters.waiting >> ignored >> ignored >> counters.dropped >>
         counters.userDropped;
-    if (columns && number == queue) {
+    // A stream takes a negative number for a large one.
+    const bool isWhole = columns && line.find('-') == std::string::npos;
+    if (isWhole && number == queue) {
       return counters;
     }
   }

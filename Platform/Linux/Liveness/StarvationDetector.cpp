@@ -43,7 +43,9 @@ std::optional<std::uint64_t> runningTime(const std::string& thread) {
   const std::string text = contentOf(thread + "/schedstat");
   std::uint64_t time = 0;
   const auto parsed = std::from_chars(text.data(), text.data() + text.size(), time);
-  return parsed.ec == std::errc() ? std::optional(time) : std::nullopt;
+  // Without its separator a number may not be complete.
+  const bool isWhole = parsed.ec == std::errc() && parsed.ptr != text.data() + text.size();
+  return isWhole ? std::optional(time) : std::nullopt;
 }
 
 }  // namespace

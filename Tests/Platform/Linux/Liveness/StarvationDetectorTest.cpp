@@ -60,6 +60,15 @@ TEST_F(StarvationDetectorTest, ForgetsWhatItHasSeen) {
   EXPECT_FALSE(detector_.observe());
 }
 
+// The beginnings of two numbers may be the same.
+TEST_F(StarvationDetectorTest, ATruncatedNumberIsNotBelieved) {
+  for (int count = 0; count < 3; ++count) {
+    show("1", 'R', "100");
+    std::ofstream(tasks_.path("1/schedstat")) << "100";
+    EXPECT_FALSE(detector_.observe());
+  }
+}
+
 TEST_F(StarvationDetectorTest, WithoutTheKernelsInformationNothingIsStarved) {
   show("1", 'R', "unknown");
   EXPECT_FALSE(detector_.observe());
