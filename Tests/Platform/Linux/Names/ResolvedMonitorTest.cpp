@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Base/FileDescriptor.h"
@@ -179,6 +180,59 @@ TEST_F(ResolvedMonitorConnectionTest, ConnectsAgainAfterAWhile) {
   EXPECT_EQ(monitor_.descriptor(), -1);
   monitor_.refresh(now_ + 10s);
   EXPECT_GE(monitor_.descriptor(), 0);
+}
+
+// Each is followed by the truth.
+TEST_F(ResolvedMonitorConnectionTest, WrongMessagesHaveNoLastingEffect) {
+  const Listener listener(folder_.path("monitor"));
+  monitor_.refresh(now_);
+  const auto resolved = listener.accept();
+  const std::string whole = message();
+  std::vector<std::string> wrongs{"",
+                                  "{}",
+                                  "null",
+                                  "[",
+                                  std::string(60'000, '{'),
+                                  "\xFF\xFE",
+                                  R"({"error":"org.varlink.service.MethodNotFound"})",
+                                  R"({"parameters":{"question":{},"answer":7}})",
+                                  R"({"parameters":null})"};
+  constexpr std::size_t kStride = 5;
+  for (std::size_t size = 0; size < whole.size(); size += kStride) {
+    wrongs.push_back(whole.substr(0, size));
+  }
+  const std::string end(1, '\0');
+  for (const std::string& wrong : wrongs) {
+    std::thread sending([&] { resolved.send(wrong + end + whole + end); });
+    std::vector<std::string> names;
+    while (names.empty() && monitor_.descriptor() >= 0) {
+      names = receive();
+    }
+    sending.join();
+    ASSERT_EQ(names, std::vector<std::string>{"www.example"}) << wrong;
+  }
+}
+
+TEST_F(ResolvedMonitorConnectionTest, ARepeatedAnswerIsTheSame) {
+  const Listener listener(folder_.path("monitor"));
+  monitor_.refresh(now_);
+  const auto resolved = listener.accept();
+  const std::string text = message() + '\0';
+  resolved.send(text + text + text);
+  EXPECT_EQ(receive(), std::vector<std::string>(3, "www.example"));
+}
+
+TEST_F(ResolvedMonitorConnectionTest, AnEndWithinAMessageIsNoAnswer) {
+  const Listener listener(folder_.path("monitor"));
+  monitor_.refresh(now_);
+  listener.accept().send(message());
+  EXPECT_TRUE(receive().empty());
+  EXPECT_TRUE(receive().empty());
+  EXPECT_EQ(monitor_.descriptor(), -1);
+  monitor_.refresh(now_ + 5s);
+  listener.accept().send(message() + '\0');
+  // Nothing of the first connection is left.
+  EXPECT_EQ(receive(), std::vector<std::string>{"www.example"});
 }
 
 TEST_F(ResolvedMonitorConnectionTest, AMessageWithoutEndEndsTheConnection) {
