@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -158,6 +159,53 @@ TEST_F(ConnectTableTest, AnEntryIsVoidOnceItsProcessHasExecutedAnotherProgram) {
   EXPECT_FALSE(isFound(flow_));
   slot(flow_, 0).programChanges = 8;
   EXPECT_TRUE(isFound(flow_));
+}
+
+// Whatever the memory contains, an entry has to be the packet's in every part that identifies it.
+TEST_F(ConnectTableTest, GarbageInEveryWordOfASlotIsNotBelieved) {
+  constexpr auto kOnes = std::numeric_limits<std::uint64_t>::max();
+  using Words = std::array<std::uint64_t, sizeof(ConnectTable::Slot) / sizeof(std::uint64_t)>;
+  publish(flow_);
+  const auto truth = table_.find(flow_, kInitialSequence);
+  const auto original = std::bit_cast<Words>(slot(flow_, 0));
+  // Addresses, ports and the initial sequence number, and the sequence number of the slot.
+  constexpr std::size_t kCookie = 1;
+  constexpr std::size_t kAfterTheKey = 7;
+  for (std::size_t word = 0; word < original.size(); ++word) {
+    for (const std::uint64_t value : {std::uint64_t{0}, std::uint64_t{1}, kOnes, ~original[word]}) {
+      Words altered = original;
+      altered[word] = value;
+      slot(flow_, 0) = std::bit_cast<ConnectTable::Slot>(altered);
+      const bool isKey = word != kCookie && word < kAfterTheKey && word != 0;
+      const bool isEven = altered[0] % 2 == 0;
+      if (altered != original && (isKey || !isEven)) {
+        EXPECT_FALSE(isFound(flow_)) << word << " " << value;
+      }
+      table_.findSocket(value);
+      slot(flow_, 0) = std::bit_cast<ConnectTable::Slot>(original);
+      EXPECT_EQ(table_.find(flow_, kInitialSequence), truth);
+    }
+  }
+}
+
+TEST_F(ConnectTableTest, ATableOfOnesKnowsNothing) {
+  std::memset(sets_.data(), 0xFF, sets_.size() * sizeof(ConnectTable::Set));
+  EXPECT_FALSE(isFound(flow_));
+  EXPECT_FALSE(table_.find(flow_, std::numeric_limits<std::uint32_t>::max()));
+  EXPECT_FALSE(table_.findSocket(std::numeric_limits<std::uint64_t>::max()));
+}
+
+// As after a writer that never finishes.
+TEST_F(ConnectTableTest, ASlotThatStaysOddIsSkippedForGood) {
+  for (std::size_t way = 0; way + 1 < ConnectTable::kWays; ++way) {
+    publish(flow_, way);
+    slot(flow_, way).sequence = 2 * way + 1;
+  }
+  EXPECT_FALSE(isFound(flow_));
+  EXPECT_FALSE(table_.findSocket(99));
+  publish(flow_, ConnectTable::kWays - 1);
+  EXPECT_TRUE(isFound(flow_));
+  EXPECT_TRUE(table_.findSocket(99));
 }
 
 // Each complete entry has the same number in its cookie, place and cgroup.
