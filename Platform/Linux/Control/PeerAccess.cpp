@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "Platform/Linux/Kernel/SocketOption.h"
+
 namespace ostravel::linuxplatform {
 
 namespace {
@@ -19,23 +21,22 @@ bool isAmongGroups(int socket, gid_t group) {
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0) {
     return false;
   }
-  groups.resize(size / sizeof(gid_t));
+  groups.resize(std::min(groups.size(), size / sizeof(gid_t)));
   return std::ranges::find(groups, group) != groups.end();
 }
 
 }  // namespace
 
 PeerAccess PeerAccess::of(int socket, std::optional<gid_t> group) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+  const auto peer = socketOption<ucred>(socket, SOL_SOCKET, SO_PEERCRED);
+  if (!peer) {
     return {.user = static_cast<uid_t>(-1), .level = Level::none};
   }
-  if (peer.uid == 0 || peer.uid == ::geteuid()) {
-    return {.user = peer.uid, .level = Level::full};
+  if (peer->uid == 0 || peer->uid == ::geteuid()) {
+    return {.user = peer->uid, .level = Level::full};
   }
-  const bool isMember = group && (peer.gid == *group || isAmongGroups(socket, *group));
-  return {.user = peer.uid, .level = isMember ? Level::read : Level::none};
+  const bool isMember = group && (peer->gid == *group || isAmongGroups(socket, *group));
+  return {.user = peer->uid, .level = isMember ? Level::read : Level::none};
 }
 
 }  // namespace ostravel::linuxplatform

@@ -8,11 +8,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Identity/ProxyAnswer.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Kernel/SocketOption.h"
 
 namespace ostravel::linuxplatform {
 
@@ -40,19 +41,6 @@ sockaddr_in loopback(std::uint16_t port) {
 // Needs no mark: connections to the proxy's own port are never intercepted.
 FileDescriptor makeSocket() {
   return FileDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-}
-
-using AddressOf = int (*)(int, sockaddr*, socklen_t*);
-
-std::optional<SocketEndpoint> endpointOf(const FileDescriptor& socket, AddressOf addressOf) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  if (addressOf(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-    return std::nullopt;
-  }
-  SocketEndpoint endpoint{AddressFamily::ipv4, {}, ntohs(address.sin_port)};
-  std::memcpy(endpoint.address.data(), &address.sin_addr, sizeof address.sin_addr);
-  return endpoint;
 }
 
 FileDescriptor listenOnLoopback() {
@@ -143,7 +131,7 @@ std::optional<ProxyTrial::Outcome> ProxyTrial::run() {
 ProxyTrial::Outcome ProxyTrial::ask() {
   deadline_ = Clock::now() + kAnswerDeadline;
   const FileDescriptor target = listenOnLoopback();
-  const auto targetAddress = endpointOf(target, &::getsockname);
+  const auto targetAddress = ownAddressOf(target.get());
   const std::string secret = makeSecret();
   if (!target.isOpen() || !targetAddress || secret.empty()) {
     return unanswered("it could not be asked");
@@ -191,8 +179,7 @@ FileDescriptor ProxyTrial::connectToListener() {
   }
   int error = errno;
   if (error == EINPROGRESS && waitFor(connection.get(), POLLOUT)) {
-    socklen_t size = sizeof error;
-    ::getsockopt(connection.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+    error = socketOption<int>(connection.get(), SOL_SOCKET, SO_ERROR).value_or(error);
   }
   return error == 0 ? std::move(connection) : FileDescriptor();
 }
@@ -269,8 +256,8 @@ std::vector<ProxyTrial::Caller>::iterator ProxyTrial::receiveSecret(std::vector<
 }
 
 std::optional<Process> ProxyTrial::peerOf(const FileDescriptor& connection) {
-  const auto own = endpointOf(connection, &::getsockname);
-  const auto other = endpointOf(connection, &::getpeername);
+  const auto own = ownAddressOf(connection.get());
+  const auto other = peerAddressOf(connection.get());
   if (!own || !other) {
     return std::nullopt;
   }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Platform/Linux/Inspection/InspectionSession.h"
+#include "Platform/Linux/Kernel/SocketOption.h"
 
 namespace ostravel::linuxplatform {
 
@@ -66,10 +67,8 @@ void InspectionServer::accept() {
 }
 
 bool InspectionServer::isPermitted(const FileDescriptor& connection) const {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  return ::getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
-         (peer.uid == 0 || peer.uid == ::geteuid() || peer.uid == client_);
+  const auto peer = socketOption<ucred>(connection.get(), SOL_SOCKET, SO_PEERCRED);
+  return peer && (peer->uid == 0 || peer->uid == ::geteuid() || peer->uid == client_);
 }
 
 void InspectionServer::removeEnded() {

@@ -12,16 +12,16 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Linux/Kernel/SocketOption.h"
+
 namespace ostravel::linuxplatform {
 
 namespace {
 
 // Nobody else may say what runs here. A socket that a service manager made belongs to root.
 bool isTrusted(const FileDescriptor& socket) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  return ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
-         (peer.uid == 0 || peer.uid == ::geteuid());
+  const auto peer = socketOption<ucred>(socket.get(), SOL_SOCKET, SO_PEERCRED);
+  return peer && (peer->uid == 0 || peer->uid == ::geteuid());
 }
 
 // Takes the descriptors of a message, and keeps the first.

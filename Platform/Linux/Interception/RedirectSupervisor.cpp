@@ -74,8 +74,7 @@ std::optional<SocketEndpoint> distantDestination(const TransparentProxyNetworkSe
   return std::nullopt;
 }
 
-std::optional<SocketEndpoint> withoutPort(const KernelAddress& address) {
-  auto endpoint = address.endpoint();
+std::optional<SocketEndpoint> withoutPort(std::optional<SocketEndpoint> endpoint) {
   if (endpoint) {
     endpoint->port = 0;
   }
@@ -86,12 +85,10 @@ std::optional<SocketEndpoint> withoutPort(const KernelAddress& address) {
 std::optional<SocketEndpoint> sourceOfDefaultRoute(AddressFamily family) {
   const KernelAddress to(*parseAddressLiteral({distantText(family), "9"}));
   const FileDescriptor descriptor(::socket(to.storage.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  KernelAddress local;
-  if (::connect(descriptor.get(), to.get(), to.size) != 0 ||
-      ::getsockname(descriptor.get(), local.get(), &local.size) != 0) {
+  if (::connect(descriptor.get(), to.get(), to.size) != 0) {
     return std::nullopt;
   }
-  return withoutPort(local);
+  return withoutPort(ownAddressOf(descriptor.get()));
 }
 
 bool isLinkLocal(const SocketEndpoint& endpoint) {
@@ -116,7 +113,7 @@ std::optional<SocketEndpoint> sourceOfSomeInterface(AddressFamily family) {
     address.size = systemFamily == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
     if (systemFamily == (family == AddressFamily::ipv4 ? AF_INET : AF_INET6)) {
       std::memcpy(address.get(), entry->ifa_addr, address.size);
-      found = withoutPort(address);
+      found = withoutPort(address.endpoint());
       if (found && isLinkLocal(*found)) {
         found.reset();
       }

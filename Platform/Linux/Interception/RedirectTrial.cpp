@@ -8,6 +8,7 @@
 
 #include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Kernel/SocketOption.h"
 #include "Platform/Linux/Relay/EventLoop.h"
 
 namespace ostravel::linuxplatform {
@@ -36,12 +37,14 @@ RedirectTrial::Outcome RedirectTrial::connect(const SocketEndpoint& source,
       ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark) != 0) {
     return Outcome::notTried;
   }
-  KernelAddress bound;
-  if (::bind(descriptor.get(), from.get(), from.size) != 0 ||
-      ::getsockname(descriptor.get(), bound.get(), &bound.size) != 0) {
+  if (::bind(descriptor.get(), from.get(), from.size) != 0) {
     return Outcome::noSource;
   }
-  tuple_ = {TransportProtocol::tcp, *bound.endpoint(), destination};
+  const auto bound = ownAddressOf(descriptor.get());
+  if (!bound) {
+    return Outcome::notTried;
+  }
+  tuple_ = {TransportProtocol::tcp, *bound, destination};
   socket_ = LoopSocket(loop_, descriptor.release());
   if (!socket_.isOpen()) {
     return Outcome::notTried;
@@ -61,10 +64,8 @@ void RedirectTrial::waitUntilConnected() {
     if (!self->completion_) {
       return;
     }
-    int result = 0;
-    socklen_t size = sizeof result;
-    ::getsockopt(self->socket_.descriptor(), SOL_SOCKET, SO_ERROR, &result, &size);
-    if (result != 0) {
+    const auto result = socketOption<int>(self->socket_.descriptor(), SOL_SOCKET, SO_ERROR);
+    if (result && *result != 0) {
       self->finish(Outcome::refused);
     }
     // Wait for the listener, which reports whose connection it is.

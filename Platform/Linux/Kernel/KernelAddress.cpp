@@ -2,12 +2,30 @@
 
 #include <netinet/in.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
 #include "Base/ParseNumber.h"
 
 namespace ostravel::linuxplatform {
+
+namespace {
+
+template <typename AddressOf>
+std::optional<SocketEndpoint> endpointOf(int descriptor, AddressOf addressOf) {
+  KernelAddress address;
+  if (addressOf(descriptor, address.get(), &address.size) != 0) {
+    return std::nullopt;
+  }
+  const auto endpoint = address.endpoint();
+  if (!endpoint) {
+    errno = EPROTO;
+  }
+  return endpoint;
+}
+
+}  // namespace
 
 KernelAddress::KernelAddress(const SocketEndpoint& endpoint) {
   if (endpoint.family == AddressFamily::ipv4) {
@@ -30,7 +48,7 @@ KernelAddress::KernelAddress(const SocketEndpoint& endpoint) {
 std::optional<SocketEndpoint> KernelAddress::endpoint() const {
   // The two families do the same with types that have no member in common.
   SocketEndpoint endpoint;
-  if (storage.ss_family == AF_INET) {
+  if (storage.ss_family == AF_INET && size >= sizeof(sockaddr_in)) {
     sockaddr_in address{};
     std::memcpy(&address, &storage, sizeof address);
     endpoint.family = AddressFamily::ipv4;
@@ -38,7 +56,7 @@ std::optional<SocketEndpoint> KernelAddress::endpoint() const {
     std::memcpy(endpoint.address.data(), &address.sin_addr, sizeof address.sin_addr);
     return endpoint;
   }
-  if (storage.ss_family == AF_INET6) {
+  if (storage.ss_family == AF_INET6 && size >= sizeof(sockaddr_in6)) {
     sockaddr_in6 address{};
     std::memcpy(&address, &storage, sizeof address);
     endpoint.family = AddressFamily::ipv6;
@@ -47,6 +65,14 @@ std::optional<SocketEndpoint> KernelAddress::endpoint() const {
     return endpoint;
   }
   return std::nullopt;
+}
+
+std::optional<SocketEndpoint> ownAddressOf(int descriptor) {
+  return endpointOf(descriptor, ::getsockname);
+}
+
+std::optional<SocketEndpoint> peerAddressOf(int descriptor) {
+  return endpointOf(descriptor, ::getpeername);
 }
 
 std::optional<SocketEndpoint> parseAddressLiteral(const platform::HostEndpoint& endpoint) {

@@ -21,9 +21,14 @@ struct KernelAddress {
   sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
   const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 
-  // Empty for a family other than IPv4 and IPv6.
+  // Empty for a family other than IPv4 and IPv6, and if the address is not complete.
   std::optional<SocketEndpoint> endpoint() const;
 };
+
+// The addresses of a socket (getsockname(2), getpeername(2)); empty with errno if the kernel does
+// not say.
+std::optional<SocketEndpoint> ownAddressOf(int descriptor);
+std::optional<SocketEndpoint> peerAddressOf(int descriptor);
 
 // Empty unless the endpoint is an address literal, without brackets or zone, and a decimal port
 // from 1 to 65535.

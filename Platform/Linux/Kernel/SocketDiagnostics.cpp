@@ -18,6 +18,7 @@
 #include "Base/FileDescriptor.h"
 
 #include "Platform/Interface/ProviderError.h"
+#include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Kernel/NetlinkMessage.h"
 
 namespace ostravel::linuxplatform {
@@ -55,16 +56,12 @@ SocketEndpoint wildcard(AddressFamily family) {
 }
 
 std::optional<std::uint16_t> portOfNewListener(int descriptor) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (::bind(descriptor, generic, size) != 0 || ::listen(descriptor, 0) != 0 ||
-      ::getsockname(descriptor, generic, &size) != 0) {
+  const KernelAddress address({AddressFamily::ipv4, {IN_LOOPBACKNET, 0, 0, 1}, 0});
+  if (::bind(descriptor, address.get(), address.size) != 0 || ::listen(descriptor, 0) != 0) {
     return std::nullopt;
   }
-  return ntohs(address.sin_port);
+  const auto bound = ownAddressOf(descriptor);
+  return bound ? std::optional(bound->port) : std::nullopt;
 }
 
 // True if it finds a socket that certainly exists.

@@ -13,7 +13,6 @@
 #include <system_error>
 #include <utility>
 
-#include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Relay/RedirectPath.h"
 #include "Platform/Linux/Services/RelayLimits.h"
@@ -37,7 +36,12 @@ std::optional<SocketEndpoint> originalDestination(int descriptor, AddressFamily 
   if (::getsockopt(descriptor, level, SO_ORIGINAL_DST, &address.storage, &address.size) != 0) {
     return std::nullopt;
   }
-  return address.endpoint();
+  const auto destination = address.endpoint();
+  if (!destination || destination->family != family) {
+    errno = EPROTO;
+    return std::nullopt;
+  }
+  return destination;
 }
 
 // True for the errors of a connection that has already failed (accept(2)); the next call returns
@@ -98,15 +102,17 @@ void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
   keepAlive(descriptor.get());
   LoopSocket::resetUnlessClosed(descriptor.get());
   LoopSocket::sendWithoutDelay(descriptor.get());
-  KernelAddress bound;
   if (::bind(descriptor.get(), wanted.get(), wanted.size) != 0 ||
-      ::listen(descriptor.get(), limits::kListenBacklog) != 0 ||
-      ::getsockname(descriptor.get(), bound.get(), &bound.size) != 0) {
+      ::listen(descriptor.get(), limits::kListenBacklog) != 0) {
+    return;
+  }
+  const auto bound = ownAddressOf(descriptor.get());
+  if (!bound) {
     return;
   }
   listener.socket = LoopSocket(loop_, descriptor.release());
   if (listener.socket.isOpen()) {
-    listener.port = bound.endpoint()->port;
+    listener.port = bound->port;
     waitForConnections(listener);
   }
 }
@@ -157,7 +163,7 @@ FlowListener::Accepted FlowListener::acceptOne(Socket& listener) {
   const int descriptor =
       ::accept4(listener.socket.descriptor(), peer.get(), &peer.size, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (descriptor >= 0) {
-    handOver(descriptor, *peer.endpoint());
+    handOver(FileDescriptor(descriptor), peer.endpoint());
     return Accepted::one;
   }
   const int error = errno;
@@ -179,9 +185,8 @@ void FlowListener::reportStuck(AddressFamily family, int error) {
   }
 }
 
-void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
-  FileDescriptor connection(descriptor);
-  const auto waiter = take(descriptor, peer);
+void FlowListener::handOver(FileDescriptor connection, const std::optional<SocketEndpoint>& peer) {
+  const auto waiter = peer ? take(connection.get(), *peer) : nullptr;
   if (!waiter) {
     // Closing it resets it, as with every socket of this listener.
     return;
@@ -190,7 +195,7 @@ void FlowListener::handOver(int descriptor, const SocketEndpoint& peer) {
   if (socket.isOpen()) {
     waiter->accepted(std::move(socket));
   } else {
-    reportStuck(peer.family, errno);
+    reportStuck(peer->family, errno);
     waiter->timedOut();
   }
 }

@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
+#include "Base/FileDescriptor.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Relay/EventLoop.h"
 #include "Platform/Linux/Relay/LoopSocket.h"
@@ -95,7 +97,8 @@ class FlowListener {
   // As many as one turn allows. Returns the last result.
   Accepted acceptArrived(Socket& listener);
   void reportStuck(AddressFamily family, int error);
-  void handOver(int descriptor, const SocketEndpoint& peer);
+  // peer: empty if the kernel does not say whose connection it is.
+  void handOver(FileDescriptor connection, const std::optional<SocketEndpoint>& peer);
   std::shared_ptr<Waiter> take(int descriptor, const SocketEndpoint& peer);
   Expected::iterator find(const SocketEndpoint& peer, const SocketEndpoint& destination);
   Expected::iterator findRenumbered(const SocketEndpoint& peer, const SocketEndpoint& destination);

@@ -9,6 +9,7 @@
 #include "Base/FileDescriptor.h"
 #include "Base/ProgrammingError.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Kernel/SocketOption.h"
 #include "Platform/Linux/Relay/EventLoop.h"
 #include "Platform/Linux/Relay/SocketError.h"
 
@@ -124,16 +125,17 @@ void LinuxTCPConnection::finishConnecting() {
   if (socket == nullptr) {
     return;
   }
-  int error = 0;
-  socklen_t size = sizeof error;
-  if (::getsockopt(socket->descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
-    error = errno;
-  }
-  if (error != 0) {
+  const auto result = socketOption<int>(socket->descriptor(), SOL_SOCKET, SO_ERROR);
+  if (const int error = result ? *result : errno; error != 0) {
     failToConnect(error);
     return;
   }
   if (!isEstablished()) {
+    if (errno != ENOTCONN) {
+      // No event would follow.
+      failToConnect(errno);
+      return;
+    }
     // A spurious wake-up.
     socket->noRoomToWrite();
     waitUntilConnected();

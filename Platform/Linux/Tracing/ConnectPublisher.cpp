@@ -17,6 +17,7 @@
 #include "Base/FileDescriptor.h"
 #include "ConnectTableProgram.h"
 #include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Platform/Linux/Kernel/SocketOption.h"
 
 namespace ostravel::linuxplatform {
 
@@ -32,21 +33,7 @@ FileDescriptor makeSocket() {
 }
 
 std::optional<std::uint64_t> cookieOf(const FileDescriptor& socket, int kind) {
-  std::uint64_t cookie = 0;
-  socklen_t size = sizeof cookie;
-  if (::getsockopt(socket.get(), SOL_SOCKET, kind, &cookie, &size) != 0) {
-    return std::nullopt;
-  }
-  return cookie;
-}
-
-std::optional<int> optionOf(const FileDescriptor& socket, int level, int option) {
-  int value = 0;
-  socklen_t size = sizeof value;
-  if (::getsockopt(socket.get(), level, option, &value, &size) != 0) {
-    return std::nullopt;
-  }
-  return value;
+  return socketOption<std::uint64_t>(socket.get(), SOL_SOCKET, kind);
 }
 
 // A socket that has sent a SYN, to a listener that has been closed again.
@@ -157,9 +144,10 @@ OptionalError ConnectPublisher::examineOwnConnect() {
     return platform::posixError(ENOTSUP, "a connect is not published");
   }
   // Some kernels cannot set the second option this way (before 6.1).
-  presetsOwnSockets_ = state()->markMask != 0 &&
-                       optionOf(socket, SOL_SOCKET, SO_MARK) == static_cast<int>(state()->mark) &&
-                       optionOf(socket, IPPROTO_TCP, TCP_NODELAY) == 1;
+  presetsOwnSockets_ =
+      state()->markMask != 0 &&
+      socketOption<std::uint32_t>(socket.get(), SOL_SOCKET, SO_MARK) == state()->mark &&
+      socketOption<int>(socket.get(), IPPROTO_TCP, TCP_NODELAY) == 1;
   state()->leavesOutMarked = 1;
   return std::nullopt;
 }

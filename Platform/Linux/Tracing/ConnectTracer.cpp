@@ -13,6 +13,7 @@
 #include "ConnectTracerPlainProgram.h"
 #include "ConnectTracerProgram.h"
 #include "Platform/Linux/Kernel/CgroupRoot.h"
+#include "Platform/Linux/Kernel/SocketOption.h"
 #include "Platform/Linux/Processes/LocalProcessTable.h"
 
 namespace ostravel::linuxplatform {
@@ -74,10 +75,8 @@ OptionalError ConnectTracer::examineOwnRecord() const {
   address.sin_port = htons(kDiscardPort);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  std::uint64_t cookie = 0;
-  socklen_t size = sizeof cookie;
-  const bool isKnown = ::getsockopt(socket.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size) == 0;
-  const auto record = isKnown ? recordOf(cookie) : std::nullopt;
+  const auto cookie = socketOption<std::uint64_t>(socket.get(), SOL_SOCKET, SO_COOKIE);
+  const auto record = cookie ? recordOf(*cookie) : std::nullopt;
   // The kernel reports process numbers of the initial process namespace.
   if (!record || record->process != ::getpid()) {
     return platform::posixError(ENOTSUP,

@@ -4,12 +4,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Platform/Linux/Inspection/InspectionMessage.h"
 #include "Tests/Platform/Linux/Inspection/LocalSockets.h"
+#include "Tests/Platform/Linux/Support/AlteredSockets.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/WaitUntil.h"
 
@@ -68,6 +70,17 @@ TEST_F(InspectionServerTest, AnswersItsUserAndItsClient) {
 
 TEST_F(InspectionServerTest, RefusesOtherUsers) {
   asUser(kStranger, [this] { EXPECT_FALSE(isAnswered(connect())); });
+}
+
+// User 0 would be root.
+TEST_F(InspectionServerTest, RefusesUsersOfWhomTheKernelSaysTooLittle) {
+  for (const SocketAlteration& alteration : incompleteAnswers(sizeof(ucred))) {
+    const AlteredSockets altered([&](const SocketQuestion& question, const SocketAnswer& truth) {
+      return question.option == SO_PEERCRED ? std::optional(alteration.alter(truth)) : std::nullopt;
+    });
+    asUser(kStranger, [&] { EXPECT_FALSE(isAnswered(connect())) << alteration.name; });
+  }
+  EXPECT_TRUE(isAnswered(connect()));
 }
 
 TEST_F(InspectionServerTest, AnythingButAQuestionEndsTheConnection) {

@@ -17,6 +17,7 @@
 
 #include "Platform/Linux/Inspection/InspectorHealth.h"
 #include "Tests/Platform/Linux/Inspection/LocalSockets.h"
+#include "Tests/Platform/Linux/Support/AlteredSockets.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/WaitUntil.h"
 
@@ -293,6 +294,23 @@ TEST_F(InspectorConnectionTest, AStrangersSocketIsNotAsked) {
   EXPECT_FALSE(ask(kGenerous));
   EXPECT_EQ(warnings(), "processes cannot be inspected (" + path_ +
                             " belongs neither to root nor to this user)" + kConsequence);
+}
+
+TEST_F(InspectorConnectionTest, ASocketOfWhichTheKernelSaysTooLittleIsNotAsked) {
+  FileDescriptor listener;
+  ASSERT_EQ(::chmod(folder_.path().c_str(), 0777), 0);
+  asUser(65534, [this, &listener] { listener = listenOn(path_); });
+  for (const SocketAlteration& alteration : incompleteAnswers(sizeof(ucred))) {
+    const AlteredSockets altered([&](const SocketQuestion& question, const SocketAnswer& truth) {
+      return question.option == SO_PEERCRED ? std::optional(alteration.alter(truth)) : std::nullopt;
+    });
+    InspectorConnection connection(
+        path_, std::make_shared<InspectorHealth>([](const std::string& /*warning*/) {}));
+    EXPECT_FALSE(connection.ask({.kind = InspectionQuestion::Kind::stamp}, 0ms)) << alteration.name;
+    const auto accepted = accept(listener);
+    char byte = 0;
+    EXPECT_EQ(::recv(accepted.get(), &byte, 1, MSG_DONTWAIT), 0) << alteration.name;
+  }
 }
 
 TEST_F(InspectorConnectionTest, APathThatIsTooLongIsNamed) {

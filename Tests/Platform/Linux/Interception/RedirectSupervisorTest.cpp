@@ -1,12 +1,15 @@
 #include "Platform/Linux/Interception/RedirectSupervisor.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -15,9 +18,11 @@
 #include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/Interception/TranslationTable.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Tests/Platform/Linux/Support/AlteredSockets.h"
 #include "Tests/Platform/Linux/Support/KeptLog.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 #include "Tests/Support/CommandOutput.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -225,6 +230,31 @@ TEST_F(RedirectSupervisorTest, LeavesFlowsAloneWhileNothingCanBeAccepted) {
   loops_.redirectPath().reportStuck(0, AddressFamily::ipv4, EMFILE);
   EXPECT_FALSE(isUsable(AddressFamily::ipv4));
   EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+}
+
+// A path that works must not be left for good because a question failed once.
+TEST_F(RedirectSupervisorTest, RecoversFromWrongAnswersAboutItsSockets) {
+  auto alterations = incompleteAnswers(sizeof(sockaddr_in));
+  for (SocketAlteration& wrong : wrongAnswers()) {
+    alterations.push_back(std::move(wrong));
+  }
+  start(kShortPause);
+  ASSERT_TRUE(becomes(AddressFamily::ipv4, true));
+  for (const SocketAlteration& alteration : alterations) {
+    std::atomic<int> asked = 0;
+    {
+      const AlteredSockets altered(
+          [&](const SocketQuestion& /*question*/, const SocketAnswer& truth) {
+            ++asked;
+            return std::optional(alteration.alter(truth));
+          });
+      loops_.redirectPath().reportStuck(0, AddressFamily::ipv4, EMFILE);
+      ASSERT_TRUE(waitUntil([&asked] { return asked >= 2; })) << alteration.name;
+      // An answer that is only too long is as good as any.
+      EXPECT_TRUE(!isUsable(AddressFamily::ipv4) || alteration.name == "longer");
+    }
+    ASSERT_TRUE(becomes(AddressFamily::ipv4, true)) << alteration.name;
+  }
 }
 
 }  // namespace

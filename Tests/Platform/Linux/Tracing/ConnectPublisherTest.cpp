@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
+#include "Tests/Platform/Linux/Support/AlteredSockets.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
 #include "Tests/Platform/Linux/Support/SYNCapture.h"
@@ -41,6 +42,7 @@ namespace {
 using namespace ostravel::testing;
 
 constexpr std::uint16_t kProxyPort = 8080;
+constexpr int kNetworkCookieOption = 71;  // SO_NETNS_COOKIE, newer than some headers
 
 // Runs body in another process; the test fails unless it returns true there.
 void inChild(const std::function<bool()>& body) {
@@ -487,6 +489,25 @@ TEST_F(ConnectPublisherTest, SaysWhyItIsNotPossible) {
     return reason.find("not permitted") != std::string::npos &&
            reason.find('\n') == std::string::npos;
   });
+}
+
+// Neither may start and be silent, or mark sockets that it has not seen marked.
+TEST_F(ConnectPublisherTest, DoesNotStartIfTheKernelSaysTooLittle) {
+  const PacketMarks marks;
+  for (const int option : {SO_COOKIE, kNetworkCookieOption}) {
+    for (const SocketAlteration& alteration : incompleteAnswers(sizeof(std::uint64_t))) {
+      const AlteredSockets altered([&](const SocketQuestion& question, const SocketAnswer& truth) {
+        const bool isIt = question.call == SocketQuestion::Call::option &&
+                          question.level == SOL_SOCKET && question.option == option;
+        return isIt ? std::optional(alteration.alter(truth)) : std::nullopt;
+      });
+      auto tracer = ConnectTracer::start();
+      EXPECT_EQ(static_cast<bool>(tracer), option == kNetworkCookieOption) << alteration.name;
+      EXPECT_FALSE(tracer && ConnectPublisher::start(**tracer, kProxyPort, marks))
+          << alteration.name;
+    }
+  }
+  start(marks);
 }
 
 TEST_F(ConnectPublisherTest, NeedsATracerOfPrograms) {
