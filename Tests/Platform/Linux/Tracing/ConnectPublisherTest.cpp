@@ -288,6 +288,38 @@ TEST_F(ConnectPublisherTest, IgnoresOtherNetworks) {
   });
 }
 
+// The programs of all publishers see the connects of all networks.
+TEST_F(ConnectPublisherTest, ThoseOfTwoNetworksKnowOnlyTheirOwnConnects) {
+  start();
+  inChild([this] {
+    if (::unshare(CLONE_NEWNET) != 0 || std::system("ip link set lo up") != 0) {
+      return false;
+    }
+    auto tracer = ConnectTracer::start();
+    auto other = tracer ? ConnectPublisher::start(**tracer, kProxyPort)
+                        : platform::Result<std::unique_ptr<ConnectPublisher>>(tracer.error());
+    if (!other) {
+      return false;
+    }
+    const auto listener = makeListener();
+    const auto socket = makeSocket(AF_INET, SOCK_STREAM);
+    EXPECT_TRUE(connectTo(socket, AF_INET, loopbackIPv4(portOf(listener))));
+    EXPECT_TRUE((*other)->table().findSocket(cookieOf(socket)));
+    EXPECT_FALSE(publisher_->table().findSocket(cookieOf(socket)));
+    // The listener of this network's proxy is not the other's.
+    const auto before = publisher_->listener().changes();
+    auto proxy = makeSocket(AF_INET, SOCK_STREAM);
+    EXPECT_TRUE(bindTo(proxy, AF_INET, loopbackIPv4(kProxyPort)));
+    EXPECT_EQ(::listen(proxy.get(), 1), 0);
+    const auto ownBefore = (*other)->listener().changes();
+    proxy = FileDescriptor();
+    EXPECT_NE((*other)->listener().changes(), ownBefore);
+    EXPECT_EQ(publisher_->listener().changes(), before);
+    return true;
+  });
+  EXPECT_TRUE(find(flowOf(connect())));
+}
+
 TEST_F(ConnectPublisherTest, NewEntriesReplaceTheOldestOfTheirSet) {
   start();
   const auto flows = connectInOneSet(2 * ConnectTable::kWays + 1);
