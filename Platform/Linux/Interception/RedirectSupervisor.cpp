@@ -266,11 +266,13 @@ void RedirectSupervisor::conclude(Family& family, unsigned loopIndex, const std:
       log_->info("OstravelProxy: Redirected connections arrive again over %{public}s", {name});
     }
     family.isStuck = false;
+    family.failures = 0;
   } else if (failure != family.lastFailure && !family.isStuck) {
     log_->error(
         "OstravelProxy: Redirected connections do not arrive over %{public}s (%{public}s): a rule "
         "of another program drops them, or keeps them from being tracked, on the loopback "
-        "interface; flows are left to the system, and this is tried again every %{public}d s",
+        "interface; flows are left to the system, and this is tried again soon, then every "
+        "%{public}d s",
         {name, failure, std::chrono::ceil<std::chrono::seconds>(pause_).count()});
   }
   family.lastFailure = failure;
@@ -278,7 +280,16 @@ void RedirectSupervisor::conclude(Family& family, unsigned loopIndex, const std:
   if (failure.empty()) {
     return;
   }
-  testAfter(family.isStuck ? std::min(kStuckPause, pause_) : pause_, family, loopIndex);
+  // Further failures do not change the pause.
+  family.failures = std::min(family.failures + 1, kEarlyRetries + 1);
+  testAfter(family.isStuck ? std::min(kStuckPause, pause_) : pauseAfter(family.failures, pause_),
+            family, loopIndex);
+}
+
+std::chrono::milliseconds RedirectSupervisor::pauseAfter(unsigned failures,
+                                                         std::chrono::milliseconds longest) {
+  return failures > kEarlyRetries ? longest
+                                  : std::min(kFirstPause * (1U << (failures - 1)), longest);
 }
 
 void RedirectSupervisor::testAfter(std::chrono::milliseconds pause, Family& family,

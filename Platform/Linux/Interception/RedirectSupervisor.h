@@ -30,8 +30,14 @@ namespace ostravel::linuxplatform {
 class RedirectSupervisor final : public RedirectPath::Watcher,
                                  public std::enable_shared_from_this<RedirectSupervisor> {
  public:
-  // How long the path stays unusable after a failed trial.
+  // How long the path stays unusable after a failed trial, once it has failed repeatedly.
   static constexpr std::chrono::milliseconds kPause = std::chrono::minutes(1);
+  // On a machine that has no time for it a trial fails without a reason, usually only once: the
+  // first retries follow sooner, each after twice the pause.
+  static constexpr std::chrono::milliseconds kFirstPause = std::chrono::seconds(1);
+  static constexpr unsigned kEarlyRetries = 4;
+  // The pause after so many failures in a row, of which there is at least one. longest: kPause.
+  static std::chrono::milliseconds pauseAfter(unsigned failures, std::chrono::milliseconds longest);
 
   // settings: select the flows whose first packets the rules redirect.
   static std::shared_ptr<RedirectSupervisor> start(
@@ -74,6 +80,8 @@ class RedirectSupervisor final : public RedirectPath::Watcher,
     // Since the last success, connections could not be accepted.
     bool isStuck = false;
     std::string lastFailure;
+    // Trials that have failed since the last success.
+    unsigned failures = 0;
     std::chrono::steady_clock::time_point lastSuccess;
     LoopTimer retry;
   };

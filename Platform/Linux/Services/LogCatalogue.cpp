@@ -44,7 +44,8 @@ const Catalogue& catalogue() {
       {"OstravelProxy: Rules installed again", "135ad08681b141bca942b3ccd7a991c6"},
       {"OstravelProxy: Redirected connections do not arrive over %{public}s (%{public}s): a rule "
        "of another program drops them, or keeps them from being tracked, on the loopback "
-       "interface; flows are left to the system, and this is tried again every %{public}d s",
+       "interface; flows are left to the system, and this is tried again soon, then every "
+       "%{public}d s",
        "e8055760bf934f199e043af71fc3edea"},
       {"OstravelProxy: Redirected connections arrive again over %{public}s",
        "ab2afc2df25642d8b6832bcdac883f28"},

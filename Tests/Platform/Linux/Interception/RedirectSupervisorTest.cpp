@@ -185,6 +185,26 @@ TEST_F(RedirectSupervisorTest, RetestsAfterThePauseAndReportsSuccessOnce) {
   EXPECT_EQ(log_->count(), 4U);
 }
 
+TEST_F(RedirectSupervisorTest, RetestsSoonAfterTheFirstFailure) {
+  addRule("output", "meta l4proto tcp reject with tcp reset");
+  start();
+  log_->wait("over IPv4");
+  removeRules();
+  // Far less than the usual pause.
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+}
+
+TEST(RedirectSupervisorPauseTest, TheFirstRetriesFollowSooner) {
+  const auto pause = [](unsigned failures) {
+    return RedirectSupervisor::pauseAfter(failures, RedirectSupervisor::kPause);
+  };
+  EXPECT_EQ(pause(1), 1s);
+  EXPECT_EQ(pause(2), 2s);
+  EXPECT_EQ(pause(4), 8s);
+  EXPECT_EQ(pause(5), 60s);
+  EXPECT_EQ(RedirectSupervisor::pauseAfter(1, 50ms), 50ms);
+}
+
 TEST_F(RedirectSupervisorTest, ALostConnectionGoesDirectAndThePathIsRetested) {
   start();
   ASSERT_TRUE(becomes(AddressFamily::ipv4, true));
