@@ -1,5 +1,5 @@
 complete -c ostravel-extension -f
-complete -c ostravel-extension -l help -d 'Show the options'
+complete -c ostravel-extension -s h -l help -d 'Show the options'
 complete -c ostravel-extension -l version -d 'Show the version'
 complete -c ostravel-extension -l check -d 'Report what would keep it from running well'
 complete -c ostravel-extension -l json -d 'With --check: report as JSON'

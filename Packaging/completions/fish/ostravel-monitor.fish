@@ -1,5 +1,5 @@
 complete -c ostravel-monitor -f
-complete -c ostravel-monitor -l help -d 'Show the options'
+complete -c ostravel-monitor -s h -l help -d 'Show the options'
 complete -c ostravel-monitor -l version -d 'Show the version'
 complete -c ostravel-monitor -l socket -rF -d 'Listen on this UNIX socket'
 complete -c ostravel-monitor -l group -xa '(__fish_complete_groups)' -d 'Group whose members may connect'

@@ -1,5 +1,5 @@
 complete -c ostravelctl -f
-complete -c ostravelctl -l help -d 'Show the options'
+complete -c ostravelctl -s h -l help -d 'Show the options'
 complete -c ostravelctl -l version -d 'Show the version'
 complete -c ostravelctl -l socket -rF -d 'The control socket'
 complete -c ostravelctl -l json -d 'Print JSON'

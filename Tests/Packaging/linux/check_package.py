@@ -192,6 +192,12 @@ def check_options(program, root):
     for where, described in texts.items():
         expect(options == described,
                f"{name}, {where}: {sorted(options ^ described)} are only in one of the two")
+    # The only option that has a letter as well.
+    expect("{-h,--help}" in (completions / f"zsh/_{name}").read_text(),
+           f"{name}, zsh: -h is not completed")
+    expect(" -s h -l help " in (completions / f"fish/{name}.fish").read_text(),
+           f"{name}, fish: -h is not completed")
+    expect(re.search(r"\B-h,--help\b", text), f"{name}: it has no option -h")
     synopsis = set(re.findall(r"--[a-z-]+", page.partition("# SYNOPSIS")[2].partition("\n# ")[0]))
     expect(options - synopsis <= {"--help", "--version"} and synopsis <= options,
            f"{name}, synopsis: {sorted(options ^ synopsis)} are only in one of the two")
