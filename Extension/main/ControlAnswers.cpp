@@ -148,9 +148,7 @@ void ControlAnswers::addProxying(json_t* status) const {
   if (!state.proxy.empty()) {
     set(proxy.get(), "process", state.proxy);
   }
-  set(proxy.get(), "reason",
-      state.proxyReason.empty() ? std::string("it has not been looked for yet")
-                                : state.proxyReason);
+  set(proxy.get(), "reason", state.proxyText());
   set(status, "proxy", std::move(proxy));
 }
 

@@ -80,6 +80,20 @@ std::string ProxyingState::State::message() const {
   return "";
 }
 
+std::string ProxyingState::State::proxyText() const {
+  if (proxyReason.empty()) {
+    return "it has not been looked for yet";
+  }
+  // It was tested once, and its state has changed since.
+  if (!proxy.empty() && reason == Reason::proxyNotAnswering) {
+    return "it does not answer in time; " + proxyReason;
+  }
+  if (!proxy.empty() && reason == Reason::proxyUnreachable) {
+    return "it cannot be reached; " + proxyReason;
+  }
+  return proxyReason;
+}
+
 std::string_view nameOf(ProxyingState::Reason reason) {
   using Reason = ProxyingState::Reason;
   switch (reason) {

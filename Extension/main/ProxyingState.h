@@ -48,6 +48,8 @@ class ProxyingState {
 
     // A readable sentence.
     std::string message() const;
+    // The proxy as it is now, and why it is used or not: a part of a sentence.
+    std::string proxyText() const;
   };
 
   // proxy, reason: as in State. now: seconds since 1970.

@@ -47,6 +47,13 @@ std::string ServiceStatus::text(std::optional<bool> isGateOpen,
   if (!*isGateOpen) {
     return "Gate closed: nothing answers on " + address + "; connections go direct";
   }
+  if (reason == ProxyingState::Reason::descriptors) {
+    return "Gate open: too few descriptors are left; connections go direct";
+  }
+  if (reason == ProxyingState::Reason::redirectBlocked) {
+    return "Gate open: rules of another program block redirected connections; connections go "
+           "direct";
+  }
   if (proxy_.empty()) {
     return "Gate open: no proxy that serves all users on " + address;
   }

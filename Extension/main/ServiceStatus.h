@@ -27,8 +27,9 @@ class ServiceStatus {
   void setProxy(const std::string& proxy);
 
   // Call it periodically while flows are offered. isGateOpen: absent before the first probe has
-  // been answered. reason: of the current ProxyingState; tells a proxy that hangs from one that is
-  // absent. Ready from the first call with a gate, or kReadyTimeout after the first call.
+  // been answered. reason: of the current ProxyingState; says why connections go direct although
+  // the gate is open, and tells a proxy that hangs from one that is absent. Ready from the first
+  // call with a gate, or kReadyTimeout after the first call.
   void beat(std::optional<bool> isGateOpen, ProxyingState::Reason reason, Clock::time_point now);
 
  private:

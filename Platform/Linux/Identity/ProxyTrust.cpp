@@ -126,7 +126,7 @@ std::string ProxyTrust::reason() const {
     }
     trust += (trust.empty() ? "" : " and ") + trustText(owner, name);
   }
-  return "it answered a CONNECT with \"" + answer_ + "\" and belongs to " + trust;
+  return "it belongs to " + trust + ", and answered a CONNECT with \"" + answer_ + "\" when tested";
 }
 
 std::string ProxyTrust::trustText(uid_t owner, const std::string& name) const {

@@ -87,6 +87,23 @@ TEST(ProxyingStateTest, NamesTheProxy) {
             "New connections are proxied by tinyproxy (process 7, user proxy).");
 }
 
+// The test that it has passed was once; it may hang since.
+TEST(ProxyingStateTest, SaysOfATestedProxyWhetherItAnswersNow) {
+  ProxyingState state;
+  EXPECT_EQ(state.state().proxyText(), "it has not been looked for yet");
+  state.setProxy("tinyproxy (process 7, user proxy)", "it belongs to root", 1);
+  state.update(kFine, 2);
+  EXPECT_EQ(state.state().proxyText(), "it belongs to root");
+  Facts facts = kFine;
+  facts.lastTimeout = 3;
+  state.update(facts, 3);
+  EXPECT_EQ(state.state().proxyText(), "it does not answer in time; it belongs to root");
+  state.update({.isIntercepting = true, .isGateOpen = false}, 4);
+  EXPECT_EQ(state.state().proxyText(), "it cannot be reached; it belongs to root");
+  state.setProxy("", "nothing listens on port 8080", 5);
+  EXPECT_EQ(state.state().proxyText(), "nothing listens on port 8080");
+}
+
 TEST(ProxyingStateTest, SaysWhyAListenerIsNotTheProxy) {
   ProxyingState state;
   state.update(kFine, 1);

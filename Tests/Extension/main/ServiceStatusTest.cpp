@@ -79,6 +79,19 @@ TEST_F(ServiceStatusTest, SaysThatTheProxyDoesNotAnswer) {
             "connections go direct");
 }
 
+TEST_F(ServiceStatusTest, SaysWhyConnectionsGoDirectPastAWorkingProxy) {
+  status_.setProxy("tinyproxy (process 812)");
+  beat(true);
+  status_.beat(true, Reason::redirectBlocked, begin_);
+  EXPECT_EQ(sent_,
+            "WATCHDOG=1\nSTATUS=Gate open: rules of another program block redirected connections; "
+            "connections go direct");
+  status_.beat(true, Reason::descriptors, begin_);
+  EXPECT_EQ(sent_,
+            "WATCHDOG=1\nSTATUS=Gate open: too few descriptors are left; connections go direct");
+  EXPECT_EQ(beat(true), "WATCHDOG=1\nSTATUS=Gate open: the local proxy is tinyproxy (process 812)");
+}
+
 // The service manager does not read, and an event loop reports the proxy.
 TEST(ServiceStatusStallTest, AStalledNotificationDelaysNobodyElse) {
   std::string sent;

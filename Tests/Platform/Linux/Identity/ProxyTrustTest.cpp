@@ -89,9 +89,9 @@ TEST_F(ProxyTrustTest, RootsProxyMayCarryEverybodysFlows) {
   EXPECT_TRUE(holdsNow(kPerson));
   EXPECT_TRUE(holdsNow(std::nullopt));
   EXPECT_TRUE(warnings_.empty());
-  EXPECT_EQ(
-      trust_->reason(),
-      "it answered a CONNECT with \"HTTP/1.1 200 Connection established\" and belongs to root");
+  EXPECT_EQ(trust_->reason(),
+            "it belongs to root, and answered a CONNECT with \"HTTP/1.1 200 Connection "
+            "established\" when tested");
 }
 
 TEST_F(ProxyTrustTest, EveryProxyIsAnnouncedOnce) {
@@ -115,7 +115,7 @@ TEST_F(ProxyTrustTest, ASystemUsersProxyMayCarryEverybodysFlows) {
   EXPECT_TRUE(holdsNow(kPerson));
   EXPECT_TRUE(holdsNow(std::nullopt));
   EXPECT_TRUE(warnings_.empty());
-  EXPECT_NE(trust_->reason().find(" and belongs to the system user proxy"), std::string::npos)
+  EXPECT_NE(trust_->reason().find("it belongs to the system user proxy"), std::string::npos)
       << trust_->reason();
 }
 
@@ -148,7 +148,7 @@ TEST_F(ProxyTrustTest, ANamedUsersProxyMayCarryEverybodysFlows) {
   EXPECT_TRUE(holdsEventually(kRoot));
   EXPECT_TRUE(holdsNow(std::nullopt));
   EXPECT_TRUE(warnings_.empty());
-  EXPECT_NE(trust_->reason().find(" and belongs to user 54321, named with --proxy-user"),
+  EXPECT_NE(trust_->reason().find("it belongs to user 54321, named with --proxy-user"),
             std::string::npos)
       << trust_->reason();
 }
