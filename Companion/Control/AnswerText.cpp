@@ -104,6 +104,22 @@ std::string gateText(const json_t* status) {
   return text;
 }
 
+// A flow that waited for the proxy and then went direct counts as direct.
+std::string flowsText(const json_t* status) {
+  const std::int64_t afterWaiting = integerOf(status, "flows.direct_in_the_end");
+  const std::int64_t taken = integerOf(status, "flows.proxied");
+  // An end may be counted shortly before its beginning.
+  std::string text =
+      countText(status, "flows.offered") +
+      " examined: " + std::to_string(std::max(taken - afterWaiting, std::int64_t{0})) +
+      " proxied, " + std::to_string(integerOf(status, "flows.direct") + afterWaiting) + " direct";
+  if (afterWaiting > 0) {
+    text += " (" + std::to_string(afterWaiting) + " after waiting for the proxy)";
+  }
+  return text + ", " + countText(status, "flows.refused") + " refused; " +
+         countText(status, "flows.held_now") + " held now";
+}
+
 std::string handshakeText(const json_t* status) {
   std::string text = countText(status, "handshakes.pending_now") + " pending of " +
                      countText(status, "handshakes.limit") + "; " +
@@ -239,11 +255,7 @@ std::string statusText(const json_t* status) {
   text += row("proxy", (process.empty() ? "none" : process) + " on " +
                            textOf(status, "proxy.address") + ": " + textOf(status, "proxy.reason"));
   text += row("gate", gateText(status));
-  text += row("flows", countText(status, "flows.offered") +
-                           " examined: " + countText(status, "flows.proxied") + " proxied, " +
-                           countText(status, "flows.direct") + " direct, " +
-                           countText(status, "flows.refused") + " refused; " +
-                           countText(status, "flows.held_now") + " held now");
+  text += row("flows", flowsText(status));
   if (const std::string reasons = listOf(memberOf(status, "flows.direct_by_reason"));
       !reasons.empty()) {
     text += row("direct", reasons);

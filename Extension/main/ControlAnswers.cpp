@@ -191,6 +191,7 @@ void ControlAnswers::addFlows(json_t* status, const FlowJournal::Totals& totals)
   set(flows.get(), "direct_by_reason", std::move(reasons));
   set(flows.get(), "refused", totals.refused);
   set(flows.get(), "proxied", totals.proxied);
+  set(flows.get(), "direct_in_the_end", totals.directInTheEnd);
   const auto inspection = parts_.context.inspect(std::nullopt);
   if (inspection) {
     set(flows.get(), "held_now", inspection->held);

@@ -136,6 +136,10 @@ def test_reports_a_hung_proxy_and_what_it_hit(laboratory):
     assert [flow["application"] for flow in hit] == [CURL]
     assert hit[0]["steps_us"]["ended"] > 4_000_000
     assert laboratory.asked("status")["proxying"]["since"] > begin
+    assert laboratory.asked("status")["flows"]["direct_in_the_end"] == 1
+    text = " ".join(laboratory.control("status").stdout.split())
+    assert " direct (1 after waiting for the proxy)" in text
+    assert "it does not answer in time; it belongs to root" in text
     # Further connections seldom wait for it, and are known nevertheless.
     eventually(
         lambda: laboratory.curl(f"http://{THERE4}/").way == "direct"
@@ -244,7 +248,8 @@ def test_names_the_user_who_owns_the_proxy(laboratory):
     proxy = laboratory.asked("status")["proxy"]
     assert proxy["serves"] and "ostravel-sidecar" in proxy["process"]
     assert proxy["reason"] == (
-        'it answered a CONNECT with "HTTP/1.1 200 Connection established" and belongs to root'
+        'it belongs to root, and answered a CONNECT with '
+        '"HTTP/1.1 200 Connection established" when tested'
     )
 
 

@@ -111,8 +111,10 @@ void verdictTimes(PrometheusText& text, const json_t* status) {
 }
 
 void decisions(PrometheusText& text, const json_t* status) {
-  text.begin("ostravel_decisions_total", "counter",
-             "Flows by the decision about them and its reason.");
+  text.begin(
+      "ostravel_decisions_total", "counter",
+      "Flows by the decision about them and its reason. Those to be proxied that went direct "
+      "after waiting for the proxy are flow failures as well.");
   text.sample(json_number_value(at(status, "flows", "proxied")),
               {{"action", "proxied"}, {"reason", "proxied"}});
   text.sample(json_number_value(at(status, "flows", "refused")),

@@ -172,6 +172,10 @@ FlowJournal::Totals FlowJournal::totals() const {
     totals.bytesReceived += loop.bytesReceived.load(std::memory_order_relaxed);
     handshakes.push_back(&loop.handshakes);
   }
+  for (const auto end : {platform::FlowEnd::timedOut, platform::FlowEnd::backlog,
+                         platform::FlowEnd::requestFailed, platform::FlowEnd::connectionFailed}) {
+    totals.directInTheEnd += totals.ends[static_cast<std::size_t>(end)];
+  }
   totals.handshakes = DurationHistogram::sumOf(handshakes);
   return totals;
 }

@@ -83,6 +83,8 @@ class FlowJournal {
     std::uint64_t direct = 0;
     std::uint64_t refused = 0;
     std::uint64_t proxied = 0;
+    // Of those, the ones that were given back to the system after they had waited for the proxy.
+    std::uint64_t directInTheEnd = 0;
     std::map<std::string_view, std::uint64_t> directByReason;
     DurationHistogram::Snapshot verdicts;
     // The sums of all loops.

@@ -63,6 +63,21 @@ TEST(AnswerTextTest, ShowsWhatIsKnown) {
   EXPECT_EQ(text.find("rejected"), std::string::npos);
 }
 
+TEST(AnswerTextTest, CountsFlowsThatWaitedForTheProxyAsDirect) {
+  EXPECT_NE(statusText(parsed(kStatus).get()).find("23000 proxied, 100000 direct, 456 refused"),
+            std::string::npos);
+  const auto text = statusText(parsed(R"({"flows":{"offered":10,"direct":3,"refused":1,
+      "proxied":6,"direct_in_the_end":4,"held_now":0}})")
+                                   .get());
+  EXPECT_NE(text.find("10 examined: 2 proxied, 7 direct (4 after waiting for the proxy),\n"
+                      "             1 refused;"),
+            std::string::npos)
+      << text;
+  // While its decision is being counted.
+  EXPECT_NE(statusText(parsed(R"({"flows":{"direct_in_the_end":1}})").get()).find(" 0 proxied, 1"),
+            std::string::npos);
+}
+
 TEST(AnswerTextTest, SaysWhyThereAreNoNames) {
   EXPECT_NE(statusText(parsed(R"({"names":{"use":"off"}})").get()).find("(--names off)"),
             std::string::npos);

@@ -143,11 +143,15 @@
     const status = latest.status;
     $('extension-section').hidden = !status;
     if (!status) return;
+    // These were to be proxied and then went direct.
+    const afterWaiting = status.flows?.direct_in_the_end ?? 0;
     const facts = [
       ['Version', status.program?.version], ['Process', status.program?.pid],
       ['Proxy', status.proxy?.process], ['Trusted', status.proxy?.reason],
-      ['Flows offered', status.flows?.offered], ['Direct', status.flows?.direct],
-      ['Proxied', status.flows?.proxied], ['Held now', status.flows?.held_now],
+      ['Flows offered', status.flows?.offered],
+      ['Direct', status.flows ? status.flows.direct + afterWaiting : undefined],
+      ['Proxied', status.flows ? Math.max(status.flows.proxied - afterWaiting, 0) : undefined],
+      ['Held now', status.flows?.held_now],
       ['Verdict p50, p99', status.verdicts?.time?.p50_us !== undefined
         ? `${duration(status.verdicts.time.p50_us / 1e6)}, ${duration(status.verdicts.time.p99_us / 1e6)}`
         : undefined],

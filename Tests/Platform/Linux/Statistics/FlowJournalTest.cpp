@@ -98,6 +98,17 @@ TEST_F(FlowJournalTest, ReturnsTheOldestAfterANumber) {
   EXPECT_EQ(numbers(77, 2), std::vector<std::uint64_t>{});
 }
 
+TEST_F(FlowJournalTest, CountsWhatWentDirectAfterWaiting) {
+  for (const auto end :
+       {FlowEnd::timedOut, FlowEnd::backlog, FlowEnd::requestFailed, FlowEnd::connectionFailed,
+        FlowEnd::rejected, FlowEnd::invalid, FlowEnd::noAnswer, FlowEnd::abandoned}) {
+    decide(FlowRule::proxied)->ended(end, "");
+  }
+  const auto totals = journal_.totals();
+  EXPECT_EQ(totals.proxied, 8U);
+  EXPECT_EQ(totals.directInTheEnd, 4U);
+}
+
 TEST_F(FlowJournalTest, KeepsTheLastThousandAndCountsTheMissing) {
   decideOften(FlowRule::gateClosed, FlowJournal::kKeptDecisions + 10);
   const auto decisions = journal_.decisions(4, std::nullopt, FlowJournal::kKeptDecisions);
