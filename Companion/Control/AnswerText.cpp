@@ -179,6 +179,13 @@ std::string flowDetails(const json_t* flow) {
   return text;
 }
 
+// The beginning of a line of an explanation: a name, and a mark at the rule that decides.
+std::string explanationRow(const std::string& name, const std::string& mark) {
+  constexpr std::size_t kNameWidth = 12;
+  constexpr std::size_t kMarkWidth = 3;
+  return padded(name, kNameWidth) + padded(mark, kMarkWidth);
+}
+
 }  // namespace
 
 const json_t* memberOf(const json_t* object, std::string_view path) {
@@ -322,16 +329,15 @@ std::string explanationText(const json_t* explanation) {
   std::string text;
   if (memberOf(explanation, "application") != nullptr) {
     const std::string identifier = textOf(explanation, "application");
-    text += "application  " + (identifier.empty() ? "(unknown)" : identifier) + ", from its " +
-            textOf(explanation, "application_from") + "\n";
+    text += explanationRow("application", "") + (identifier.empty() ? "(unknown)" : identifier) +
+            ", from its " + textOf(explanation, "application_from") + "\n";
   }
   std::size_t index = 0;
   json_t* rule = nullptr;
   json_array_foreach(memberOf(explanation, "rules"), index, rule) {
-    std::string name = textOf(rule, "rule");
-    name.resize(std::max<std::size_t>(name.size(), 12), ' ');
-    text += name + (json_is_true(memberOf(rule, "decides")) ? "=> " : "   ") +
-            textOf(rule, "message") + "\n";
+    text +=
+        explanationRow(textOf(rule, "rule"), json_is_true(memberOf(rule, "decides")) ? "=>" : "") +
+        textOf(rule, "message") + "\n";
   }
   const std::string action = textOf(explanation, "action");
   const std::string reason = textOf(explanation, "reason");

@@ -170,7 +170,7 @@ TEST(AnswerTextTest, ExplainsRuleByRule) {
                              {"rule":"port","decides":false,"message":"It is intercepted."},
                              {"rule":"gate","decides":true,"message":"It is closed."}]})")
                                 .get()),
-            "application  /a, from its path\n"
+            "application    /a, from its path\n"
             "port           It is intercepted.\n"
             "gate        => It is closed.\n"
             "direct (gate_closed)\n");
