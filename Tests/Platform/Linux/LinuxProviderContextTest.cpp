@@ -1,7 +1,11 @@
 #include "Platform/Linux/LinuxProviderContext.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <filesystem>
 #include <future>
 #include <optional>
 #include <string>
@@ -9,6 +13,7 @@
 
 #include "Platform/Interface/ProviderError.h"
 #include "Platform/Linux/LinuxPlatform.h"
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 #include "Tests/Support/CommandOutput.h"
 
@@ -93,6 +98,39 @@ TEST_F(LinuxProviderContextTest, TheProviderFindsItsConfiguration) {
   ASSERT_TRUE(found);
   ASSERT_TRUE(found->providerConfiguration);
   EXPECT_EQ(std::get<std::string>(found->providerConfiguration->at("key")), "value");
+}
+
+TEST_F(LinuxProviderContextTest, KnowsNothingOfApplicationsWithoutInterception) {
+  EXPECT_FALSE(context_.inspect(::getpid(), std::nullopt));
+  ASSERT_EQ(apply(loopbackSettings()), std::nullopt);
+  const auto program = std::filesystem::read_symlink("/proc/self/exe").string();
+  const auto inspection = context_.inspect(::getpid(), std::nullopt);
+  ASSERT_TRUE(inspection);
+  ASSERT_TRUE(inspection->application);
+  EXPECT_EQ(inspection->application->identifier, program);
+}
+
+// The queue's threads are started by the thread whose calls fail.
+TEST_F(LinuxProviderContextTest, LackOfDescriptorsIsAnError) {
+  testing::withFailingCalls({SYS_eventfd2}, EMFILE, [this] {
+    LinuxPlatform platform{{}};
+    LinuxProviderContext context(platform,
+                                 {.loops = loops_,
+                                  .descriptors = descriptors_,
+                                  .heartbeat = heartbeat_,
+                                  .journal = journal_,
+                                  .onAlive = nullptr,
+                                  .proxyUsers = {}},
+                                 std::nullopt);
+    std::promise<OptionalError> completed;
+    context.setTunnelNetworkSettings(
+        loopbackSettings(), [&completed](OptionalError error) { completed.set_value(error); });
+    const auto error = completed.get_future().get();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code, EMFILE);
+    EXPECT_FALSE(context.isIntercepting());
+    EXPECT_EQ(outputOf("nft list tables"), "");
+  });
 }
 
 }  // namespace

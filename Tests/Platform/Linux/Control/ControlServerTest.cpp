@@ -2,6 +2,7 @@
 
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -175,6 +176,26 @@ TEST_F(ControlServerTest, LimitsTheConnectionsOfOneUser) {
     EXPECT_NE(connect().receiveToEnd().find("\"busy\""), std::string::npos);
   });
   EXPECT_TRUE(isAnswered(kStatus));
+}
+
+TEST_F(ControlServerTest, AnswersAsSoonAsThereAreDescriptorsAgain) {
+  serve();
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  // The client has the last one.
+  const int next = ::dup(STDIN_FILENO);
+  ::close(next);
+  const rlimit few{.rlim_cur = static_cast<rlim_t>(next) + 1, .rlim_max = before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+  const TestSocket client = connect();
+  client.send(kStatus);
+  EXPECT_FALSE(client.hasBytesWithin(50ms));
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_NE(client.receiveToEnd().find("\"ok\":true"), std::string::npos);
+}
+
+TEST(PeerAccessTest, APeerThatIsNotKnownMayDoNothing) {
+  EXPECT_EQ(PeerAccess::of(-1, kGroup).level, PeerAccess::Level::none);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <linux/filter.h>
+#include <linux/netlink.h>
 #include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -21,11 +22,13 @@
 #include <string>
 #include <vector>
 
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SenderSource.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/InChildProcess.h"
 #include "Tests/Support/TemporaryFolder.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -522,6 +525,47 @@ TEST_P(ApplicationIdentifierSourceTest, DistinguishesManyProcesses) {
     Helper helper(program);
     EXPECT_EQ(identifierOf(connectFrom(helper)), program);
   }
+}
+
+TEST_P(ApplicationIdentifierSourceTest, ExplainsWhereAnIdentifierComesFrom) {
+  const std::string registered = copyHelper(programs_, "registered");
+  registrations_.write("a.json", "{\"" + registered + "\": \"com.example.one\"}");
+  start();
+  // On a busy machine an executable may be found late.
+  const auto isDescribedAs = [this](const Helper& helper, const std::string& expected) {
+    return waitUntil([&] {
+      const auto found = source_->describe(helper.pid());
+      return found && found->identifier + " by " + std::string(found->source) == expected;
+    });
+  };
+  const Helper one(registered);
+  const Helper other;
+  EXPECT_TRUE(isDescribedAs(one, "com.example.one by registration"));
+  EXPECT_TRUE(isDescribedAs(other, std::string(OSTRAVEL_HELPER) + " by path"));
+  EXPECT_EQ(source_->describe(registered).source, "registration");
+  EXPECT_EQ(source_->describe(OSTRAVEL_HELPER).source, "path");
+
+  Helper proxy(copyHelper(programs_, "proxy"));
+  proxy.makeSocket("proxy", kProxyPort);
+  EXPECT_EQ(identifierOf(connectFrom(proxy)), kProxy);
+  EXPECT_TRUE(isDescribedAs(proxy, std::string(kProxy) + " by proxy"));
+
+  Helper gone;
+  const pid_t number = gone.pid();
+  gone.kill();
+  EXPECT_FALSE(source_->describe(number));
+}
+
+TEST_P(ApplicationIdentifierSourceTest, LeavesEveryFlowWithoutSocketDiagnostics) {
+  withFailingCalls({SYS_socket, {{2, NETLINK_SOCK_DIAG}}}, EPROTONOSUPPORT, [this] {
+    start();
+    ASSERT_EQ(warnings_.size(), 1U);
+    EXPECT_NE(warnings_[0].find("every flow is left to the system"), std::string::npos);
+    Helper helper;
+    const auto flow = connectFrom(helper);
+    EXPECT_EQ(source_->identify(packetOf(flow), 0).leaveReason, LeaveReason::diagnosticsFailed);
+    EXPECT_EQ(source_->applicationOf(flow, 0), "");
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(Senders, ApplicationIdentifierSourceTest,

@@ -17,6 +17,7 @@
 #include "Platform/Linux/Inspection/InspectionServer.h"
 #include "Platform/Linux/Processes/LocalProcessTable.h"
 #include "Tests/Platform/Linux/Inspection/LocalSockets.h"
+#include "Tests/Platform/Linux/Support/ControlGroups.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/TemporaryFolder.h"
@@ -238,6 +239,28 @@ TEST_F(RemoteProcessTableTest, WithoutAnInspectorNothingIsKnown) {
   EXPECT_FALSE(lone->commonView());
   EXPECT_FALSE(lone->lifeOf(*process));
   EXPECT_EQ(lone->problemsWith({"/nowhere"}).at(0), std::nullopt);
+}
+
+TEST_F(RemoteProcessTableTest, FollowsAProcessIntoAnotherControlGroup) {
+  const ControlGroups groups;
+  const Helper helper;
+  groups.move(helper.pid(), "/first.scope");
+  auto process = findSettled(*remote_, helper.pid());
+  ASSERT_TRUE(process);
+  EXPECT_FALSE(remote_->refreshControlGroup(*process));
+  groups.move(helper.pid(), "/system.slice/second.service");
+  EXPECT_TRUE(waitUntil([&] { return remote_->refreshControlGroup(*process); }));
+  // The inspector sees the whole hierarchy.
+  EXPECT_TRUE(process->serviceGroup.ends_with("/system.slice/second.service"))
+      << process->serviceGroup;
+}
+
+TEST_F(RemoteProcessTableTest, AnOrdinaryProgramIsNoAppImage) {
+  auto process = findSettled(*remote_, ::getpid());
+  ASSERT_TRUE(process);
+  EXPECT_FALSE(remote_->appImageOf(*process));
+  process->executable = "/tmp/.mount_other/program";
+  EXPECT_FALSE(remote_->appImageOf(*process));
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "Platform/Linux/Interception/InterceptionTable.h"
 
 #include <gtest/gtest.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netlink.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -9,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,6 +20,7 @@
 
 #include "Platform/Linux/Kernel/PacketMarks.h"
 #include "Platform/Linux/Kernel/PacketQueue.h"
+#include "Tests/Platform/Linux/Support/AlteredAnswers.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/CommandOutput.h"
@@ -482,6 +486,60 @@ TEST_F(InterceptionTableTest, NamesTheMissingPermission) {
     ASSERT_FALSE(installed);
     EXPECT_NE(installed.error().localizedDescription.find("CAP_NET_ADMIN"), std::string::npos);
   });
+}
+
+// As long as it exists, the kernel seems to refuse changes of this type, which it makes.
+testing::AlteredAnswers refuse(std::uint16_t type) {
+  return testing::AlteredAnswers([type](std::vector<char> sent) {
+    constexpr std::uint16_t kMessage = 0xff;
+    nlmsghdr header{};
+    nlmsgerr result{};
+    std::memcpy(&header, sent.data(), sizeof header);
+    std::memcpy(&result, sent.data() + NLMSG_HDRLEN, sizeof result);
+    if (header.nlmsg_type == NLMSG_ERROR && (result.msg.nlmsg_type & kMessage) == type) {
+      result.error = -EOPNOTSUPP;
+      std::memcpy(sent.data() + NLMSG_HDRLEN, &result, sizeof result);
+    }
+    return std::vector<testing::NetlinkAnswer>{{std::move(sent), 0}};
+  });
+}
+
+TEST_F(InterceptionTableTest, SaysWhatTheKernelLacks) {
+  struct Lack {
+    std::uint16_t type = 0;
+    std::string text;
+  };
+  // Rules are tried without a limit on rates and with an older target first.
+  const std::vector<Lack> lacks{
+      {NFT_MSG_NEWTABLE, "does not take an owned nftables table"},
+      {NFT_MSG_NEWSET, "lacks what the nftables set with time-outs needs"},
+      {NFT_MSG_NEWCHAIN, "lacks what the nftables chain "},
+      {NFT_MSG_NEWRULE, "lacks what the nftables queue rule needs"},
+      {NFT_MSG_NEWSETELEM, "lacks what the nftables set element needs"}};
+  for (const Lack& lack : lacks) {
+    const auto altered = refuse(lack.type);
+    const auto failure =
+        InterceptionTable::examine(loopbackSettings(), kMarks, queue_->number(), {{8000, 8000}});
+    ASSERT_TRUE(failure) << lack.text;
+    EXPECT_EQ(failure->code, EOPNOTSUPP);
+    EXPECT_NE(failure->localizedDescription.find("the kernel " + lack.text), std::string::npos)
+        << failure->localizedDescription;
+  }
+}
+
+TEST_F(InterceptionTableTest, SaysThatTheOfferCannotBeMoved) {
+  const auto table = install(loopbackSettings());
+  ASSERT_TRUE(table);
+  const auto altered = refuse(NFT_MSG_DELRULE);
+  const auto error = table->offerAfterFilters();
+  ASSERT_TRUE(error);
+  EXPECT_TRUE(error->localizedDescription.starts_with("the rules could not be moved"));
+}
+
+TEST_F(InterceptionTableTest, ThereIsNoScriptOfBadSettings) {
+  TransparentProxyNetworkSettings settings("127.0.0.1");
+  settings.includedNetworkRules = {tcpRule("nowhere", "80", 32)};
+  EXPECT_FALSE(InterceptionTable::script(settings, kMarks, 1, {}));
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 
 #include <atomic>
 #include <cerrno>
@@ -19,6 +22,7 @@
 #include "Platform/Linux/Interception/TranslationTable.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Tests/Platform/Linux/Support/AlteredSockets.h"
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Platform/Linux/Support/KeptLog.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 #include "Tests/Support/CommandOutput.h"
@@ -79,6 +83,16 @@ class RedirectSupervisorTest : public ::testing::Test {
   }
   static void removeRules() { outputOf("nft delete table inet foreign"); }
 
+  // Of the first loop, which makes the tests.
+  void failCallsOnLoop(const SystemCall& call, int error) {
+    std::promise<void> done;
+    loops_.loop(0).post([&] {
+      failCalls(call, error);
+      done.set_value();
+    });
+    done.get_future().wait();
+  }
+
   platform::TransparentProxyNetworkSettings settings_ = loopbackSettings();
   DescriptorBudget budget_{10'000};
   EventLoopGroup loops_{budget_, 2};
@@ -121,6 +135,43 @@ TEST_F(RedirectSupervisorTest, TestsTheMachinesUsualAddressToo) {
   addRule("input", "iifname lo ip saddr 198.51.100.1 drop");
   start();
   EXPECT_NE(log_->wait("over IPv4").find("from 198.51.100.1: not answered"), std::string::npos);
+}
+
+TEST_F(RedirectSupervisorTest, ALinkLocalAddressIsNotTested) {
+  outputOf(
+      "ip link add ours type veth peer name theirs && ip link set ours up && "
+      "ip address add 169.254.7.7/16 dev ours");
+  addRule("input", "iifname lo ip saddr 169.254.7.7 drop");
+  start();
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+}
+
+TEST_F(RedirectSupervisorTest, SaysThatItCannotTry) {
+  failCallsOnLoop({SYS_setsockopt, {{2, SO_MARK}}}, EPERM);
+  start();
+  EXPECT_NE(log_->wait("over IPv4").find("not possible to try"), std::string::npos);
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+}
+
+TEST_F(RedirectSupervisorTest, SaysThatItCannotWatchItsSocket) {
+  failCallsOnLoop({SYS_epoll_ctl, {{1, EPOLL_CTL_ADD}}}, ENOSPC);
+  start();
+  EXPECT_NE(log_->wait("over IPv4").find("not possible to try"), std::string::npos);
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+}
+
+TEST_F(RedirectSupervisorTest, SaysThatItsConnectionIsRefusedAtOnce) {
+  failCallsOnLoop({SYS_connect}, EACCES);
+  start();
+  EXPECT_NE(log_->wait("over IPv4").find("refused or not redirected"), std::string::npos);
+  EXPECT_FALSE(isUsable(AddressFamily::ipv4));
+}
+
+TEST_F(RedirectSupervisorTest, AnAddressThatHasGoneIsNotTested) {
+  failCallsOnLoop({SYS_bind}, EADDRNOTAVAIL);
+  start();
+  EXPECT_TRUE(becomes(AddressFamily::ipv4, true));
+  EXPECT_EQ(log_->count(), 0U);
 }
 
 class DistantRedirectSupervisorTest : public RedirectSupervisorTest {

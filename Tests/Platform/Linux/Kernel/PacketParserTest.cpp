@@ -101,6 +101,15 @@ TEST(PacketParser, RefusesEveryTruncatedPacket) {
   }
 }
 
+TEST(PacketParser, RefusesEveryTruncatedIPv6ExtensionHeader) {
+  for (std::size_t size = 0; size < 8; ++size) {
+    Bytes bytes = ipv6Header(kHopByHop);
+    bytes.resize(bytes.size() + size, kTCP);
+    EXPECT_FALSE(parse(bytes)) << size;
+    EXPECT_FALSE(parseTransportPacket(std::as_bytes(std::span(bytes)))) << size;
+  }
+}
+
 TEST(PacketParser, RefusesAHeaderLengthBelowTheMinimumAndUnknownVersions) {
   Bytes shortHeader = ipv4Packet(kTCP);
   shortHeader[0] = 0x44;

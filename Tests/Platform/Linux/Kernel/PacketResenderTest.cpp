@@ -41,6 +41,15 @@ Bytes ipv4(int length) {
                   4,    1, 0, 80,     0, 0, 0, 1, 0,  0, 0, 0, 0x50, 2, 1, 0, 0,   0, 0, 0});
 }
 
+// The same from 2001:db8::1 to 2001:db8::2, with a payload of this length.
+Bytes ipv6(int length) {
+  return bytesOf({0x60, 0, 0,    0,    0, length, 6, 64,                          //
+                  0x20, 1, 0x0d, 0xb8, 0, 0,      0, 0,  0, 0, 0, 0, 0, 0, 0, 1,  //
+                  0x20, 1, 0x0d, 0xb8, 0, 0,      0, 0,  0, 0, 0, 0, 0, 0, 0, 2,  //
+                  4,    1, 0,    80,   0, 0,      0, 1,  0, 0, 0, 0,              //
+                  0x50, 2, 1,    0,    0, 0,      0, 0});
+}
+
 Bytes with(Bytes packet, std::initializer_list<int> more) {
   const Bytes bytes = bytesOf(more);
   packet.insert(packet.end(), bytes.begin(), bytes.end());
@@ -65,6 +74,16 @@ TEST(PacketWithoutDataTest, HasTheChecksumOfWhatIsLeft) {
   EXPECT_EQ((sum & 0xffff) + (sum >> 16U), 0xffffU);
   // The data may have been cut off.
   EXPECT_EQ(PacketResender::withoutData(ipv4(43)), left);
+}
+
+TEST(PacketWithoutDataTest, HasTheLengthOfWhatIsLeft) {
+  EXPECT_EQ(PacketResender::withoutData(ipv6(20)), ipv6(20));
+  const Bytes expected = ipv6(20);
+  const auto left = PacketResender::withoutData(with(ipv6(23), {1, 2, 3}));
+  ASSERT_TRUE(left);
+  ASSERT_EQ(left->size(), expected.size());
+  EXPECT_EQ(std::vector(left->begin(), left->begin() + 56),
+            std::vector(expected.begin(), expected.begin() + 56));
 }
 
 TEST(PacketWithoutDataTest, IsEmptyForIncompleteHeaders) {

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -16,6 +18,7 @@
 #include <string>
 
 #include "Base/FileDescriptor.h"
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Support/TestPipe.h"
 
 namespace ostravel::linuxplatform {
@@ -246,6 +249,20 @@ TEST(GuardianTest, IgnoresTerminationSignals) {
     hang();
   });
   EXPECT_TRUE(isKilled(guarded.wait()));
+}
+
+TEST(GuardianTest, SaysWhyThereIsNone) {
+  const HeartbeatRecord record;
+  testing::withFailingCalls({SYS_pidfd_open}, ENOSYS, [&record] {
+    const auto guardian = Guardian::start(record);
+    ASSERT_FALSE(guardian);
+    EXPECT_EQ(guardian.error().code, ENOSYS);
+  });
+  testing::withFailingCalls({SYS_clone}, EAGAIN, [&record] {
+    const auto guardian = Guardian::start(record);
+    ASSERT_FALSE(guardian);
+    EXPECT_EQ(guardian.error().code, EAGAIN);
+  });
 }
 
 }  // namespace

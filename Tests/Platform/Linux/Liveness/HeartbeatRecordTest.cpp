@@ -1,8 +1,15 @@
 #include "Platform/Linux/Liveness/HeartbeatRecord.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -34,6 +41,11 @@ TEST(HeartbeatRecordTest, IsSharedWithChildProcesses) {
   EXPECT_EQ(record.beats(), 1U);
   EXPECT_EQ(record.checks(), 1U);
   EXPECT_EQ(record.laggards(), eventLoopParticipant(0));
+}
+
+TEST(HeartbeatRecordTest, IsThereOrThrows) {
+  testing::withFailingCalls({SYS_mmap, {{3, MAP_SHARED | MAP_ANONYMOUS}}}, ENOMEM,
+                            [] { EXPECT_THROW(const HeartbeatRecord record, std::system_error); });
 }
 
 }  // namespace

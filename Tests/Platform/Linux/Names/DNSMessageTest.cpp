@@ -181,5 +181,18 @@ TEST(DNSMessageTest, OnlyNamesOfOtherHostsAreUsable) {
   EXPECT_FALSE(isUsableHostName(longest + "bb"));
 }
 
+TEST(DNSMessageTest, NothingIsReadFromAMessageThatIsTooLong) {
+  const auto tooLong = [](Bytes message) {
+    message.resize(kLongestDNSMessage + 1);
+    return message;
+  };
+  const Bytes answer = answerTo(7, "www.example").address("www.example", "192.0.2.1", 60).bytes();
+  EXPECT_FALSE(parseDNSQuestion(tooLong(query(7, "www.example"))));
+  EXPECT_EQ(idOfDNSAnswer(answer), 7);
+  EXPECT_FALSE(idOfDNSAnswer(tooLong(answer)));
+  EXPECT_TRUE(parseDNSAnswer(tooLong(answer), kQuestion).empty());
+  EXPECT_FALSE(parseDNSRecord(tooLong({})));
+}
+
 }  // namespace
 }  // namespace ostravel::linuxplatform

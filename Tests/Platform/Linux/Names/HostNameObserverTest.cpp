@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <filesystem>
@@ -15,7 +16,9 @@
 #include <vector>
 
 #include "Platform/Linux/Kernel/KernelAddress.h"
+#include "Platform/Linux/Names/DNSCopies.h"
 #include "Tests/Platform/Linux/Names/Support/MessageBuilder.h"
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 #include "Tests/Support/CommandOutput.h"
 #include "Tests/Support/TemporaryFolder.h"
@@ -191,6 +194,34 @@ TEST(DNSCopiesTest, TheScriptIsWhatNftAccepts) {
   const TemporaryFolder folder;
   const std::string path = folder.write("script", DNSCopies::script(43'100));
   EXPECT_EQ(outputOf("nft --check --file " + path + " 2>&1"), "");
+}
+
+TEST_F(HostNameObserverTest, NewRegistrationsHoldForLaterQuestions) {
+  start();
+  const TemporaryFolder registrations;
+  registrations.write("a.json", "{\"" + kProgram + "\": \"com.example.asker\"}");
+  observer_->replaceRegistrations({registrations.path(), [](const std::string& /*warning*/) {}});
+  const auto application = makeApplication();
+  const auto isKnownByNewName = [&, id = std::uint16_t{0}]() mutable {
+    ask(application, ++id, "www.example");
+    answer(application,
+           answerTo(id, "www.example").address("www.example", "192.0.2.1", 60).bytes());
+    return find("192.0.2.1", "com.example.asker") == "www.example" &&
+           find("192.0.2.1", "/usr/bin/other").empty();
+  };
+  EXPECT_TRUE(eventually(isKnownByNewName));
+}
+
+TEST(DNSCopiesTest, AreMadeOrTheReasonIsKnown) {
+  withEachCallFailing(ENOMEM, [] {
+    const auto examined = DNSCopies::examine(1);
+    const auto copies = DNSCopies::install(1);
+    if (!copies) {
+      EXPECT_NE(copies.error().localizedDescription, "");
+    }
+    return !examined && copies;
+  });
+  EXPECT_EQ(outputOf("nft list tables"), "");
 }
 
 }  // namespace

@@ -4,12 +4,15 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <string>
 
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Platform/Linux/Support/HangingFileSystem.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
@@ -174,6 +177,15 @@ TEST_F(FileLookupTest, ManyHungFileSystemsLeaveCachedPathsAvailable) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, kUsers * FileLookup::kPatience / 2);
   });
+}
+
+TEST_F(FileLookupTest, WithoutAThreadAnExecutableIsNotKnown) {
+  withFailingCalls({SYS_clone3}, EAGAIN, [this] {
+    const auto answer = files_.executableOf(::getpid(), kUser);
+    EXPECT_FALSE(answer.isKnown);
+    EXPECT_FALSE(answer.file);
+  });
+  EXPECT_TRUE(eventually([this] { return files_.executableOf(::getpid(), kUser); }).file);
 }
 
 }  // namespace

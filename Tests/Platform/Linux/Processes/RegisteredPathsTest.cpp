@@ -1,10 +1,15 @@
 #include "Platform/Linux/Processes/RegisteredPaths.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Platform/Linux/Support/HangingFileSystem.h"
 #include "Tests/Platform/Linux/Support/PrivateMounts.h"
 #include "Tests/Support/TemporaryFolder.h"
@@ -67,6 +72,13 @@ TEST(RegisteredPaths, AHungFileSystemCostsOnlyTheWait) {
       ASSERT_TRUE(problem);
       EXPECT_TRUE(problem->starts_with("is on a file system that does not answer")) << *problem;
     }
+  });
+}
+
+TEST(RegisteredPaths, WithoutAThreadThereIsNothingToReport) {
+  withFailingCalls({SYS_clone3}, EAGAIN, [] {
+    EXPECT_EQ(RegisteredPaths::problemsWith({"/absent", "/"}),
+              std::vector<std::optional<std::string>>(2));
   });
 }
 

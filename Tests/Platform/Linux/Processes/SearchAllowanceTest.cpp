@@ -110,5 +110,18 @@ TEST_F(SearchAllowanceTest, ALongSearchIsPaidOffLater) {
   EXPECT_TRUE(allowance_.permits(kAlice));
 }
 
+TEST_F(SearchAllowanceTest, ManyUsersAreForgottenOnceTheyAreLikeNewOnes) {
+  constexpr uid_t kMany = 3000;
+  spendAll(kAlice);
+  EXPECT_FALSE(allowance_.permits(kAlice));
+  for (uid_t user = kBob; user < kBob + kMany; ++user) {
+    allowance_.permits(user);
+  }
+  // A user who has spent something is not forgotten.
+  EXPECT_FALSE(allowance_.permits(kAlice));
+  now_ += 1h;
+  EXPECT_TRUE(allowance_.permits(kAlice));
+}
+
 }  // namespace
 }  // namespace ostravel::linuxplatform

@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <future>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -19,6 +21,7 @@
 #include "Tests/Platform/Linux/Relay/Support/EventLoopTestPeer.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTunnel.h"
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 
 namespace ostravel::linuxplatform::test {
 namespace {
@@ -70,6 +73,20 @@ TEST_F(EventLoopTest, FinishesWhatANewFlowPostsBeforeItHandlesOtherSockets) {
   onLoop([&] {
     loop().poller().remove(*preferred);
     loop().poller().remove(*usual);
+  });
+}
+
+TEST(EventLoopsTest, AreThereOrThrow) {
+  testing::withEachCallFailing(EMFILE, [] {
+    try {
+      DescriptorBudget budget(1000);
+      EventLoopGroup loops(budget, 1);
+      EXPECT_NE(loops.loop(0).listener().ipv4Port(), 0);
+      return loops.loop(0).listener().ipv6Port() != 0;
+    } catch (const std::system_error& failure) {
+      EXPECT_EQ(failure.code().value(), EMFILE);
+      return false;
+    }
   });
 }
 

@@ -4,17 +4,13 @@
 #include <netinet/in.h>
 
 #include <gtest/gtest.h>
-#include <linux/filter.h>
 #include <linux/netfilter_ipv4.h>
-#include <linux/seccomp.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -28,10 +24,13 @@
 
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform::test {
 namespace {
+
+using testing::failCalls;
 
 // The destinations of these tests' applications; the kernel redirects them to the listener.
 constexpr const char* kFirstDestination = "10.1.0.1";
@@ -277,24 +276,6 @@ class StuckWatcher final : public RedirectPath::Watcher {
   std::atomic<int> error_ = 0;
 };
 
-// From now on, calls of this thread with this argument fail.
-void failCalls(unsigned number, unsigned argument, unsigned value, unsigned error) {
-  // On a machine of little-endian order.
-  const auto place =
-      static_cast<unsigned>(offsetof(seccomp_data, args) + argument * sizeof(std::uint64_t));
-  std::array filter{
-      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 3),
-      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, place),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog program{filter.size(), filter.data()};
-  EXPECT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-  EXPECT_EQ(::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, &program), 0);
-}
-
 TEST_F(FlowListenerTest, LeavesFlowsAloneWhileOriginalDestinationsAreUnknown) {
   const auto watcher = std::make_shared<StuckWatcher>();
   loops_.redirectPath().setWatcher(watcher);
@@ -302,7 +283,7 @@ TEST_F(FlowListenerTest, LeavesFlowsAloneWhileOriginalDestinationsAreUnknown) {
   EXPECT_EQ(errorOfConnection(unexpected, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
   EXPECT_TRUE(loops_.redirectPath().isUsable(AddressFamily::ipv4));
 
-  onLoop([] { failCalls(SYS_getsockopt, 2, SO_ORIGINAL_DST, ENOBUFS); });
+  onLoop([] { failCalls({SYS_getsockopt, {{2, SO_ORIGINAL_DST}}}, ENOBUFS); });
   ApplicationSocket application(kApplicationIPv4);
   EXPECT_EQ(errorOfConnection(application, "127.0.0.1", loop().listener().ipv4Port()), ECONNRESET);
   EXPECT_EQ(watcher->error_, ENOBUFS);
@@ -316,12 +297,23 @@ TEST_F(FlowListenerTest, LeavesFlowsAloneWhileNothingMoreCanBeWatched) {
   const auto waiter = std::make_shared<KeepingWaiter>(tupleOf(application.local()));
   onLoop([&] {
     loop().listener().expect(waiter);
-    failCalls(SYS_epoll_ctl, 1, EPOLL_CTL_ADD, ENOSPC);
+    failCalls({SYS_epoll_ctl, {{1, EPOLL_CTL_ADD}}}, ENOSPC);
   });
   arrive(application);
   EXPECT_EQ(application.receiveToEnd().error, ECONNRESET);
   EXPECT_TRUE(eventually([&] { return watcher->error_ == ENOSPC; }));
   EXPECT_FALSE(loops_.redirectPath().isUsable(AddressFamily::ipv4));
+}
+
+TEST_F(FlowListenerTest, AConnectionThatHasFailedConcernsNoOther) {
+  const auto watcher = std::make_shared<StuckWatcher>();
+  loops_.redirectPath().setWatcher(watcher);
+  onLoop([] { failCalls({SYS_accept4}, ECONNABORTED); });
+  ApplicationSocket application(kApplicationIPv4);
+  ASSERT_EQ(application.connectTo("127.0.0.1", loop().listener().ipv4Port()), 0);
+  activityWithin(1ms);
+  EXPECT_EQ(watcher->error_, 0);
+  EXPECT_TRUE(loops_.redirectPath().isUsable(AddressFamily::ipv4));
 }
 
 TEST_F(FlowListenerTest, WithoutIPv6ThereIsNoPortForIt) {

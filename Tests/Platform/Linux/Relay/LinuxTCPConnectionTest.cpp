@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 
 #include <cerrno>
 #include <cstring>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Support/CommandOutput.h"
 
 namespace ostravel::linuxplatform::test {
@@ -204,6 +207,31 @@ TEST_F(LinuxTCPConnectionTest, LackOfDescriptorsDisconnects) {
   });
   ASSERT_TRUE(becomes(*connection, TCPConnectionState::disconnected));
   EXPECT_EQ(connection->error()->code, EMFILE);
+}
+
+TEST_F(LinuxTCPConnectionTest, ASocketThatCannotBeWatchedDisconnects) {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  onLoop([] { testing::failCalls({SYS_epoll_ctl, {{1, EPOLL_CTL_ADD}}}, ENOSPC); });
+  const auto connection = connectTo(endpointOf(listener));
+  ASSERT_TRUE(becomes(*connection, TCPConnectionState::disconnected));
+  EXPECT_EQ(connection->error()->code, ENOMEM);
+}
+
+TEST_F(LinuxTCPConnectionTest, ConnectsAsSoonAsTheServerAnswers) {
+  ApplicationSocket listener("127.0.0.1");
+  listener.listen();
+  const auto endpoint = endpointOf(listener);
+  testing::outputOf(
+      "nft 'add table inet slow; add chain inet slow out { type filter hook output priority 0; }; "
+      "add rule inet slow out tcp dport " +
+      endpoint.port + " drop'");
+  const auto connection = connectTo(endpoint);
+  drain();
+  EXPECT_EQ(connection->state(), TCPConnectionState::connecting);
+  testing::outputOf("nft delete table inet slow");
+  EXPECT_TRUE(becomes(*connection, TCPConnectionState::connected));
+  EXPECT_FALSE(connection->error());
 }
 
 TEST_F(LinuxTCPConnectionTest, CarriesOurMark) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -16,6 +17,7 @@
 #include "Platform/Linux/Relay/BufferChunk.h"
 #include "Tests/Platform/Linux/Relay/Support/EventLoopTestPeer.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 
 namespace ostravel::linuxplatform::test {
 namespace {
@@ -78,6 +80,24 @@ TEST_F(PipeChunkTest, AClosedPeerDoesNotEndTheProcess) {
     const auto chunk = makeChunk("to nobody");
     EXPECT_EQ(chunk->moveTo(near.get()), -1);
     EXPECT_EQ(errno, EPIPE);
+  });
+}
+
+TEST_F(PipeChunkTest, ThereIsNoPipeWithoutDescriptors) {
+  onLoop([this] {
+    const std::size_t before = budget_.inUse();
+    testing::failCalls({SYS_pipe2}, EMFILE);
+    EXPECT_FALSE(loop().pipes().take(nullptr));
+    EXPECT_EQ(budget_.inUse(), before);
+  });
+}
+
+TEST_F(PipeChunkTest, APipeOfUnknownSizeIsNotUsed) {
+  onLoop([this] {
+    const std::size_t before = budget_.inUse();
+    testing::failCalls({SYS_fcntl, {{1, F_GETPIPE_SZ}}}, EBADF);
+    EXPECT_FALSE(loop().pipes().take(nullptr));
+    EXPECT_EQ(budget_.inUse(), before);
   });
 }
 

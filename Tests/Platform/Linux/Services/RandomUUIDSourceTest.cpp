@@ -1,12 +1,17 @@
 #include "Platform/Linux/Services/RandomUUIDSource.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 #include <array>
+#include <cerrno>
+#include <csignal>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -46,6 +51,12 @@ TEST(RandomUUIDSourceTest, ManyThreadsGetDifferentOnes) {
     all.insert(own.begin(), own.end());
   }
   EXPECT_EQ(all.size(), kThreads * kEach);
+}
+
+TEST(RandomUUIDSourceDeathTest, ItNeverInventsOne) {
+  EXPECT_EXIT(
+      testing::withFailingCalls({SYS_getrandom}, ENOSYS, [] { RandomUUIDSource().randomUUID(); }),
+      ::testing::KilledBySignal(SIGABRT), "");
 }
 
 }  // namespace

@@ -1,16 +1,21 @@
 #include "Platform/Linux/Services/WorkerPool.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <future>
 #include <latch>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "Tests/Platform/Linux/Support/FailingCalls.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -145,6 +150,11 @@ TEST(WorkerPoolTest, DestructionRunsTheRemainingItems) {
     }
   }
   EXPECT_EQ(ran, 1000);
+}
+
+TEST(WorkerPoolTest, IsThereOrThrows) {
+  testing::withFailingCalls({SYS_clone3}, EAGAIN,
+                            [] { EXPECT_THROW(const WorkerPool pool, std::system_error); });
 }
 
 }  // namespace
