@@ -16,6 +16,7 @@
 #include "Tests/Platform/Linux/Support/FailingCalls.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 #include "Tests/Support/CommandOutput.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -104,10 +105,11 @@ TEST_F(LinuxProviderContextTest, KnowsNothingOfApplicationsWithoutInterception) 
   EXPECT_FALSE(context_.inspect(::getpid(), std::nullopt));
   ASSERT_EQ(apply(loopbackSettings()), std::nullopt);
   const auto program = std::filesystem::read_symlink("/proc/self/exe").string();
-  const auto inspection = context_.inspect(::getpid(), std::nullopt);
-  ASSERT_TRUE(inspection);
-  ASSERT_TRUE(inspection->application);
-  EXPECT_EQ(inspection->application->identifier, program);
+  // On a busy machine an executable may be found late.
+  EXPECT_TRUE(testing::waitUntil([&] {
+    const auto inspection = context_.inspect(::getpid(), std::nullopt);
+    return inspection && inspection->application && inspection->application->identifier == program;
+  }));
 }
 
 // The queue's threads are started by the thread whose calls fail.
