@@ -194,9 +194,5 @@ TEST_F(ControlServerTest, AnswersAsSoonAsThereAreDescriptorsAgain) {
   EXPECT_NE(client.receiveToEnd().find("\"ok\":true"), std::string::npos);
 }
 
-TEST(PeerAccessTest, APeerThatIsNotKnownMayDoNothing) {
-  EXPECT_EQ(PeerAccess::of(-1, kGroup).level, PeerAccess::Level::none);
-}
-
 }  // namespace
 }  // namespace ostravel::linuxplatform

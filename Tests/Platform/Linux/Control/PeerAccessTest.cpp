@@ -68,6 +68,10 @@ TEST_F(PeerAccessTest, OthersMayDoNothing) {
   EXPECT_EQ(access().user, kNobody);
 }
 
+TEST_F(PeerAccessTest, APeerThatIsNotKnownMayDoNothing) {
+  EXPECT_EQ(PeerAccess::of(-1, kGroup).level, Level::none);
+}
+
 // User 0 would be root, who may do everything.
 TEST_F(PeerAccessTest, IncompleteAnswersOfTheKernelPermitNothing) {
   for (const bool isMember : {false, true}) {

@@ -21,8 +21,7 @@ struct ConnectedSockets {
 
   // To the near end.
   void send(const std::string& bytes) const {
-    EXPECT_EQ(::send(far.get(), bytes.data(), bytes.size(), 0),
-              static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(::send(far.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
   }
 
   FileDescriptor near;
