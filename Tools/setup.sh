@@ -15,7 +15,7 @@ demonstration_packages=(
 )
 # Wanted by the tests besides.
 test_packages=(
-  chromium-headless-shell clang-format clang-tidy dnsmasq-base iptables jq libclang-rt-14-dev
+  chromium-headless-shell clang-format clang-tidy dnsmasq-base fish iptables jq libclang-rt-14-dev
   nats-server nginx-light procps prometheus
   python3-pytest python3-pytest-xdist scdoc strace systemd tinyproxy-bin unbound
   gobjc++ libgnustep-base-dev libblocksruntime-dev libc++-dev libc++abi-dev lld llvm

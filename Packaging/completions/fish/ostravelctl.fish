@@ -9,7 +9,7 @@ complete -c ostravelctl -n __fish_use_subcommand -a top -d 'A live screen'
 complete -c ostravelctl -n __fish_use_subcommand -a explain -d 'What would happen to a flow'
 complete -c ostravelctl -n __fish_use_subcommand -a reload -d 'Read the registrations again'
 complete -c ostravelctl -n __fish_use_subcommand -a check -d 'Examine this machine'
-complete -c ostravelctl -n '__fish_seen_subcommand_from flows' -l follow -d 'Keep listing'
+complete -c ostravelctl -n '__fish_seen_subcommand_from flows' -s f -l follow -d 'Keep listing'
 complete -c ostravelctl -n '__fish_seen_subcommand_from flows' -l time -xa 'time local utc' -d 'How times are written'
 complete -c ostravelctl -n '__fish_seen_subcommand_from explain' -l udp -d 'A flow of UDP'
 complete -c ostravelctl -n '__fish_seen_subcommand_from explain' -F
