@@ -256,6 +256,15 @@ def check_offers(program, completions):
                        f"{name}, {shell}: not all of {sorted(commands)} are offered")
 
 
+def check_kernel_programs(root, folder):
+    """Two builds in different folders are identical only if nothing tells where they were."""
+    programs = list(folder.glob("Platform/Linux/Tracing/*.bpf.o"))
+    expect(programs, "the kernel programs are not found")
+    for program in programs:
+        expect(bytes(root) not in program.read_bytes(),
+               f"{program.name} has the path of its source")
+
+
 def check_catalogue(root):
     """Each kind of log line has one explanation, and each of them is about a line that exists."""
     catalogue = root / "Packaging/journal/ostravel.catalog"
@@ -303,6 +312,7 @@ def main():
     check_dashboard(arguments.root)
     for program in arguments.programs:
         check_options(program, arguments.root)
+    check_kernel_programs(arguments.root, arguments.programs[0].parent.parent)
     check_catalogue(arguments.root)
     check_versions(arguments.root)
     for failure in FAILURES:
