@@ -66,6 +66,14 @@ class ProxyTrustTest : public ::testing::Test {
     return listener;
   }
 
+  // On a busy machine an executable may be found late; from then on it is found at once.
+  void waitUntilDescribed(pid_t pid) const {
+    EXPECT_TRUE(waitUntil([this, pid] {
+      const auto process = processes_.find(pid);
+      return process && process->executableFile;
+    }));
+  }
+
   bool includes(pid_t pid) const {
     const auto process = processes_.find(pid);
     EXPECT_TRUE(process);
@@ -256,6 +264,9 @@ TEST_F(ProxyTrustTest, TheDiallerOfAChainIsPartOfTheProxy) {
   Helper worker(lastProgram);
   ASSERT_EQ(worker.ask("user 54322"), "done");
   Helper other(lastProgram);
+  for (const pid_t pid : {front->pid(), last.pid(), worker.pid(), other.pid()}) {
+    waitUntilDescribed(pid);
+  }
   start();
   EXPECT_TRUE(holdsEventually(kRoot));
   EXPECT_TRUE(trust_->knowsDialler());
