@@ -35,6 +35,15 @@ class LinuxProviderContextTest : public ::testing::Test {
     loops_.stop();
   }
 
+  Interceptor::Environment environment() {
+    return {.loops = loops_,
+            .descriptors = descriptors_,
+            .heartbeat = heartbeat_,
+            .journal = journal_,
+            .onAlive = nullptr,
+            .proxyUsers = {}};
+  }
+
   OptionalError apply(platform::TransparentProxyNetworkSettings settings) {
     std::promise<OptionalError> completed;
     context_.setTunnelNetworkSettings(
@@ -48,13 +57,7 @@ class LinuxProviderContextTest : public ::testing::Test {
   FlowJournal journal_{platform_.clock(), loops_.size()};
   HeartbeatRecord record_;
   Heartbeat heartbeat_{record_};
-  LinuxProviderContext context_{platform_,
-                                {.loops = loops_,
-                                 .descriptors = descriptors_,
-                                 .heartbeat = heartbeat_,
-                                 .journal = journal_,
-                                 .onAlive = nullptr,
-                                 .proxyUsers = {}},
+  LinuxProviderContext context_{platform_, environment(),
                                 platform::ProviderConfiguration{{"key", std::string("value")}}};
 };
 
@@ -116,14 +119,7 @@ TEST_F(LinuxProviderContextTest, KnowsNothingOfApplicationsWithoutInterception) 
 TEST_F(LinuxProviderContextTest, LackOfDescriptorsIsAnError) {
   testing::withFailingCalls({SYS_eventfd2}, EMFILE, [this] {
     LinuxPlatform platform{{}};
-    LinuxProviderContext context(platform,
-                                 {.loops = loops_,
-                                  .descriptors = descriptors_,
-                                  .heartbeat = heartbeat_,
-                                  .journal = journal_,
-                                  .onAlive = nullptr,
-                                  .proxyUsers = {}},
-                                 std::nullopt);
+    LinuxProviderContext context(platform, environment(), std::nullopt);
     std::promise<OptionalError> completed;
     context.setTunnelNetworkSettings(
         loopbackSettings(), [&completed](OptionalError error) { completed.set_value(error); });
