@@ -18,6 +18,7 @@
 #include "Tests/Support/InChildProcess.h"
 #include "Tests/Support/TemporaryFolder.h"
 #include "Tests/Support/TestSocket.h"
+#include "Tests/Support/WaitUntil.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -179,12 +180,19 @@ TEST_F(ControlServerTest, LimitsTheConnectionsOfOneUser) {
 }
 
 TEST_F(ControlServerTest, AnswersAsSoonAsThereAreDescriptorsAgain) {
+  const auto nextDescriptor = [] {
+    const int next = ::dup(STDIN_FILENO);
+    ::close(next);
+    return next;
+  };
   serve();
+  const int next = nextDescriptor();
+  // UndefinedBehaviorSanitizer needs descriptors when it first meets a class.
+  EXPECT_TRUE(isAnswered(kStatus));
+  EXPECT_TRUE(testing::waitUntil([&] { return nextDescriptor() == next; }));
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
   // The client has the last one.
-  const int next = ::dup(STDIN_FILENO);
-  ::close(next);
   const rlimit few{.rlim_cur = static_cast<rlim_t>(next) + 1, .rlim_max = before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
   const TestSocket client = connect();
