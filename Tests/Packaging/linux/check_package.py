@@ -233,17 +233,20 @@ def offered_by_fish(completions, words):
     return {line.split("\t")[0] for line in listed.splitlines()}
 
 
+def options_of(*command):
+    """The options that a program lists as its own, or those of one of its commands."""
+    return set(re.findall(r"^  (?:-\w,)?(--[a-z][a-z-]*)", run(*command, "--help"), re.MULTILINE))
+
+
 def check_offers(program, completions):
     """The shells offer the options that the program, or its command, takes in this place."""
     name = program.name
-    text = run(str(program), "--help")
-    options = set(re.findall(r"^  (?:-\w,)?(--[a-z][a-z-]*)", text, re.MULTILINE))
-    commands = set(re.findall(r"^  ([a-z]+) ", text.partition("Subcommands:")[2], re.MULTILINE))
+    listed = run(str(program), "--help").partition("Subcommands:")[2]
+    commands = set(re.findall(r"^  ([a-z]+) ", listed, re.MULTILINE))
+    options = options_of(str(program))
     for command in (None, *sorted(commands)):
         words = [name, command] if command else [name]
-        taken = options | (set(re.findall(
-            r"^  (?:-\w,)?(--[a-z][a-z-]*)", run(str(program), command, "--help"), re.MULTILINE,
-        )) if command else set())  # fmt: skip
+        taken = options | options_of(str(program), command) if command else options
         for shell, offered_by in (("bash", offered_by_bash), ("fish", offered_by_fish)):
             # fish also offers the form with an equals sign where the value may be missing.
             offered = {word for word in offered_by(completions, [*words, "--"])
