@@ -14,8 +14,8 @@ from laboratory import PEER_PORT, eventually
 CONNECTIONS = 300
 # One after the other, the costliest way: nothing is shared between connections but lines of the
 # log. Includes the heartbeat, the probe and the log for as long as it takes, and one call in search
-# of the name of a flow that has none: about 26, and up to 33 while twelve others want the two cores.
-MOST_CALLS = 34
+# of the name of a flow that has none: about 24, and up to 31 while twelve others want the two cores.
+MOST_CALLS = 32
 
 
 def count_calls(laboratory, process, work):

@@ -100,7 +100,7 @@ void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
   const std::uint32_t mark = loop_.marks().own();
   ::setsockopt(descriptor.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
   keepAlive(descriptor.get());
-  LoopSocket::resetUnlessClosed(descriptor.get());
+  LoopSocket::resetAfterKill(descriptor.get());
   LoopSocket::sendWithoutDelay(descriptor.get());
   if (::bind(descriptor.get(), wanted.get(), wanted.size) != 0 ||
       ::listen(descriptor.get(), limits::kListenBacklog) != 0) {

@@ -77,7 +77,6 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
   if (!descriptor.isOpen()) {
     return errno;
   }
-  LoopSocket::resetUnlessClosed(descriptor.get());
   if (!loop().presetsSockets()) {
     // A process without permission to set the mark intercepts nothing, so a failure does no harm.
     const std::uint32_t mark = loop().marks().own();
@@ -88,7 +87,9 @@ int LinuxTCPConnection::startConnecting(const platform::HostEndpoint& endpoint) 
       errno != EINTR) {
     return errno;
   }
-  LoopSocket socket(loop(), descriptor.release());
+  // Only the application's side of a tunnel is reset after a kill, because one side is enough: an
+  // application that sees a reset knows that its stream is not complete.
+  LoopSocket socket(loop(), descriptor.release(), LoopSocket::AfterKill::inOrder);
   if (!socket.isOpen()) {
     return ENOMEM;
   }

@@ -13,7 +13,10 @@
 
 namespace ostravel::linuxplatform {
 
-LoopSocket::LoopSocket(EventLoop& loop, int descriptor) : loop_(&loop), descriptor_(descriptor) {
+LoopSocket::LoopSocket(EventLoop& loop, int descriptor, AfterKill afterKill)
+    : loop_(&loop),
+      descriptor_(descriptor),
+      ending_(afterKill == AfterKill::reset ? Ending::reset : Ending::resetByUs) {
   watch_ = loop.poller().add(descriptor);
   if (watch_ == nullptr) {
     descriptor_ = FileDescriptor();
@@ -27,7 +30,7 @@ LoopSocket::LoopSocket(LoopSocket&& other) noexcept
       watch_(std::exchange(other.watch_, nullptr)),
       user_(other.user_),
       descriptor_(std::move(other.descriptor_)),
-      endsInOrder_(other.endsInOrder_) {}
+      ending_(other.ending_) {}
 
 LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
   if (this != &other) {
@@ -36,7 +39,7 @@ LoopSocket& LoopSocket::operator=(LoopSocket&& other) noexcept {
     user_ = other.user_;
     watch_ = std::exchange(other.watch_, nullptr);
     descriptor_ = std::move(other.descriptor_);
-    endsInOrder_ = other.endsInOrder_;
+    ending_ = other.ending_;
   }
   return *this;
 }
@@ -45,7 +48,7 @@ void LoopSocket::takeOver(LoopSocket other) {
   release();
   watch_ = std::exchange(other.watch_, nullptr);
   descriptor_ = std::move(other.descriptor_);
-  endsInOrder_ = other.endsInOrder_;
+  ending_ = other.ending_;
   if (isOpen()) {
     loop_->descriptors().charge(1, other.user_.get(), user_.get());
   }
@@ -147,7 +150,7 @@ LoopSocket::Discarded LoopSocket::discardArrived(SingleWriterCount& total) {
   return Discarded::some;
 }
 
-void LoopSocket::resetUnlessClosed(int descriptor) {
+void LoopSocket::resetAfterKill(int descriptor) {
   const linger immediately{.l_onoff = 1, .l_linger = 0};
   ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &immediately, sizeof immediately);
 }
@@ -158,14 +161,12 @@ void LoopSocket::sendWithoutDelay(int descriptor) {
 }
 
 void LoopSocket::reset() {
-  if (isOpen()) {
-    resetUnlessClosed(descriptor());
-    release();
-  }
+  ending_ = Ending::resetByUs;
+  release();
 }
 
 void LoopSocket::letEndInOrder() {
-  if (isOpen() && !std::exchange(endsInOrder_, true)) {
+  if (isOpen() && std::exchange(ending_, Ending::inOrder) == Ending::reset) {
     const linger inBackground{.l_onoff = 0, .l_linger = 0};
     ::setsockopt(descriptor(), SOL_SOCKET, SO_LINGER, &inBackground, sizeof inBackground);
   }
@@ -179,6 +180,9 @@ void LoopSocket::close() {
 void LoopSocket::release() {
   if (!isOpen()) {
     return;
+  }
+  if (ending_ == Ending::resetByUs) {
+    resetAfterKill(descriptor());
   }
   Poller::Watch& watch = *std::exchange(watch_, nullptr);
   // Closing a socket ends its registration.

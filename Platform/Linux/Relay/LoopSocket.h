@@ -29,13 +29,17 @@ class LoopSocket {
     // Nothing more will arrive: the peer has ended its direction, or the connection has ended.
     everything,
   };
+  // How the kernel ends the connection if the process is killed.
+  enum class AfterKill : std::uint8_t { reset, inOrder };
 
   LoopSocket() = default;
   // Not open: for a socket of this loop that takeOver() provides, and whose descriptor this user is
   // charged for, if it is not null.
   LoopSocket(EventLoop& loop, Reference<UserShare> user) : loop_(&loop), user_(std::move(user)) {}
   // Takes ownership of the descriptor, even if the loop cannot watch it: it is closed then.
-  LoopSocket(EventLoop& loop, int descriptor);
+  // afterKill: whether the descriptor has been passed to, or has inherited, resetAfterKill(). In
+  // both cases this object resets a connection that it has not closed in order.
+  LoopSocket(EventLoop& loop, int descriptor, AfterKill afterKill = AfterKill::reset);
   // The other one is not open afterwards; it keeps its loop and its user.
   LoopSocket(LoopSocket&& other) noexcept;
   LoopSocket& operator=(LoopSocket&& other) noexcept;
@@ -81,7 +85,7 @@ class LoopSocket {
   // Makes the socket end with a reset unless it is closed in order, even when the process is
   // killed: a truncated stream must not look complete. Accepted sockets inherit this, and the
   // next, from their listener.
-  static void resetUnlessClosed(int descriptor);
+  static void resetAfterKill(int descriptor);
   // Small writes are sent at once (TCP_NODELAY).
   static void sendWithoutDelay(int descriptor);
 
@@ -95,6 +99,9 @@ class LoopSocket {
   void close();
 
  private:
+  // What closing the descriptor must lead to, and what the kernel would do by itself.
+  enum class Ending : std::uint8_t { reset, resetByUs, inOrder };
+
   void runIfReadable();
   void runIfWritable();
   void release();
@@ -104,7 +111,7 @@ class LoopSocket {
   // Charged for the descriptor while it is open; null for nobody.
   Reference<UserShare> user_;
   FileDescriptor descriptor_;
-  bool endsInOrder_ = false;
+  Ending ending_ = Ending::reset;
 };
 
 }  // namespace ostravel::linuxplatform
