@@ -142,6 +142,7 @@ ALLOWED_HEADERS = {
 # Room -> headers that its build makes, which have no path from the root.
 GENERATED_HEADERS = {
     TRACING: {
+        "ArrivalFilterProgram.h",
         "ConnectTableProgram.h",
         "ConnectTracerProgram.h",
         "ConnectTracerPlainProgram.h",

@@ -16,6 +16,7 @@
 #include "Platform/Linux/Relay/LinuxTCPFlow.h"
 #include "Platform/Linux/Relay/LinuxUDPFlow.h"
 #include "Platform/Linux/Relay/SocketError.h"
+#include "Platform/Linux/Tracing/ArrivalFilter.h"
 
 namespace ostravel::linuxplatform {
 
@@ -182,6 +183,11 @@ Interceptor::Interceptor(Parts parts)
       redirects_(std::move(parts.redirects)),
       aliveKeeper_(std::move(parts.aliveKeeper)) {
   loops_.setPresetsSockets(identifiers_->presetsOwnSockets());
+  // Without the filter a connection is reset now and then, which is not worth a message: the
+  // reason, a missing permission or an old kernel, is reported for the tracing of connects.
+  if (const auto filter = ArrivalFilter::load()) {
+    loops_.setListenerFilter(filter->descriptor());
+  }
   loop_.post([this] { waitForPackets(); });
   membership_.emplace(parts.heartbeat.join(
       eventLoopParticipant(loop_.index()),

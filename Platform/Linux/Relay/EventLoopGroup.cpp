@@ -48,6 +48,12 @@ void EventLoopGroup::setPresetsSockets(bool presets) {
   }
 }
 
+void EventLoopGroup::setListenerFilter(int program) {
+  for (const auto& loop : loops_) {
+    loop->listener().setFilter(program);
+  }
+}
+
 std::shared_ptr<LinuxTCPConnection> EventLoopGroup::connect(
     const platform::HostEndpoint& endpoint) {
   EventLoop* const current = EventLoop::current();

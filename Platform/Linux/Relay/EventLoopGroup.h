@@ -37,6 +37,8 @@ class EventLoopGroup {
 
   // See EventLoop. From any thread.
   void setPresetsSockets(bool presets);
+  // See FlowListener. From any thread.
+  void setListenerFilter(int program);
 
   // Starts a connection to an address literal and a decimal port on the calling loop, so that a
   // flow and its connection share one. Only on a loop.

@@ -117,6 +117,13 @@ void FlowListener::open(Socket& listener, const SocketEndpoint& address) {
   }
 }
 
+void FlowListener::setFilter(int program) {
+  for (const Socket* listener : {&ipv4_, &ipv6_}) {
+    ::setsockopt(listener->socket.descriptor(), SOL_SOCKET, SO_ATTACH_BPF, &program,
+                 sizeof program);
+  }
+}
+
 // Accepting
 
 void FlowListener::waitForConnections(Socket& listener) {

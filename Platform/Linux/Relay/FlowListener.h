@@ -21,7 +21,8 @@ namespace ostravel::linuxplatform {
 // original destination identify the flow that waits for the connection. A connection that no flow
 // waits for, or that was not redirected, is reset.
 //
-// Owned by its event loop. Everything except the ports is for the loop's thread.
+// Owned by its event loop. Everything except the ports and the
+// filter is for the loop's thread.
 class FlowListener {
  public:
   // A flow whose first packet is being released.
@@ -51,6 +52,10 @@ class FlowListener {
   std::uint16_t ipv4Port() const { return ipv4_.port; }
   // 0 if the network namespace has no IPv6: then only IPv4 flows can be accepted.
   std::uint16_t ipv6Port() const { return ipv6_.port; }
+
+  // Filters what arrives at the listeners and the connections that they accept from now on.
+  // program: a descriptor (SO_ATTACH_BPF in socket(7)). From any thread; a failure is ignored.
+  void setFilter(int program);
 
   // Call it before releasing the packet. Destroying a waiter cancels its wait.
   void expect(const std::shared_ptr<Waiter>& waiter);

@@ -1,6 +1,7 @@
 #include "Platform/Linux/Interception/Interceptor.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <cerrno>
@@ -17,6 +18,7 @@
 #include "Platform/Interface/AppProxyTCPFlow.h"
 #include "Platform/Interface/SystemLimits.h"
 #include "Platform/Linux/Interception/FlowAdmission.h"
+#include "Platform/Linux/Kernel/SocketOption.h"
 #include "Platform/Linux/Statistics/FlowJournal.h"
 #include "Platform/Shared/POSIXClock.h"
 #include "Tests/Platform/Linux/Support/KeptLog.h"
@@ -134,6 +136,26 @@ TEST_F(InterceptorTest, OffersFlowsOnTheFirstLoop) {
   ASSERT_TRUE(takenFlow());
   const std::lock_guard guard(lock_);
   EXPECT_EQ(offeredOn_, &loops_.loop(0));
+}
+
+TEST_F(InterceptorTest, FiltersWhatArrivesAtEachListener) {
+  const auto filteredListeners = [] {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      const int descriptor = std::stoi(entry.path().filename());
+      const auto listens = socketOption<int>(descriptor, SOL_SOCKET, SO_ACCEPTCONN);
+      // A filter that is a BPF program exists, but cannot be read.
+      socklen_t size = 0;
+      const bool isFiltered =
+          ::getsockopt(descriptor, SOL_SOCKET, SO_GET_FILTER, nullptr, &size) != 0 &&
+          errno == EACCES;
+      count += listens == 1 && isFiltered ? 1 : 0;
+    }
+    return count;
+  };
+  EXPECT_EQ(filteredListeners(), 0);
+  start(false);
+  EXPECT_EQ(filteredListeners(), 2 * static_cast<int>(loops_.size()));
 }
 
 TEST_F(InterceptorTest, DecidesMorePacketsThanOneBurst) {

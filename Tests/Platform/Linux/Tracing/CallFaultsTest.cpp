@@ -13,6 +13,7 @@
 #include <functional>
 #include <vector>
 
+#include "Platform/Linux/Tracing/ArrivalFilter.h"
 #include "Platform/Linux/Tracing/ConnectPublisher.h"
 #include "Platform/Linux/Tracing/ConnectTracer.h"
 #include "Platform/Linux/Tracing/ScriptTracer.h"
@@ -74,6 +75,10 @@ TEST(TracingCallFaultsTest, ConnectsArePublishedOrTheReasonIsKnown) {
   EXPECT_LT(startWithFailingCalls(
                 [&tracer] { return errorOf(ConnectPublisher::start(**tracer, kProxyPort)); }),
             kCalls.size());
+}
+
+TEST(TracingCallFaultsTest, ArrivalsAreFilteredOrTheReasonIsKnown) {
+  EXPECT_LT(startWithFailingCalls([] { return errorOf(ArrivalFilter::load()); }), kCalls.size());
 }
 
 TEST(TracingCallFaultsTest, ScriptsAreTracedOrTheReasonIsKnown) {
