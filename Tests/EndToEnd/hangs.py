@@ -16,8 +16,22 @@ _libc.ptrace.restype = ctypes.c_long
 _libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
 
 
+def is_running(process):
+    """Whether any thread of the process can still run; none of one that has ended."""
+    for task in pathlib.Path(f"/proc/{process.pid}/task").glob("*/stat"):
+        try:
+            state = task.read_text().rpartition(") ")[2][0]
+        except OSError:  # the thread has ended
+            continue
+        if state in "RSD":
+            return True
+    return False
+
+
 def stop(extension):
+    """Returns when none of its threads does anything any more, which a busy machine may delay."""
     extension.send_signal(signal.SIGSTOP)
+    eventually(lambda: not is_running(extension), "it is stopped")
 
 
 def children_of(extension):
