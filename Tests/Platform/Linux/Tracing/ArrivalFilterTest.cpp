@@ -51,8 +51,8 @@ class ArrivalFilterTest : public ::testing::TestWithParam<const char*> {
     return TestSocket(::accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
   }
 
-  // The peer is told nothing: its next packet finds only the listener, as in the moment in which
-  // the kernel replaces a connection's socket.
+  // Sends nothing to the peer, whose next packet then finds only the listener, just as it can while
+  // the kernel is replacing a connection's socket.
   static void remove(TestSocket accepted) {
     const int on = 1;
     ASSERT_EQ(::setsockopt(accepted.descriptor(), IPPROTO_TCP, TCP_REPAIR, &on, sizeof on), 0);
