@@ -122,6 +122,10 @@ const std::string* ReceivedEvent::detail(std::string_view key) const {
 }
 
 std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body) {
+  // The library skips one after a number, and what is not JSON may not be printed as such.
+  if (body.find('\0') != std::string_view::npos) {
+    return "not JSON: control character 0x0";
+  }
   json_error_t error{};
   constexpr std::size_t kFlags = JSON_REJECT_DUPLICATES | JSON_ALLOW_NUL;
   const JSONHandle event(json_loadb(body.data(), body.size(), kFlags, &error));

@@ -103,7 +103,8 @@ TEST(ReceivedEventTest, RefusesAnythingButASingleObject) {
   for (const std::string& body :
        {std::string("nonsense"), kEvent + "x", kEvent + kEvent, std::string("17"),
         kEvent.substr(0, kEvent.size() - 1), replaced(kEvent, "completed", "\xff"),
-        replaced(kEvent, "completed", "\x1b")}) {
+        replaced(kEvent, "completed", "\x1b"), kEvent + '\0',
+        replaced(kEvent, "1763271815.123", std::string("1763271815.123\0", 15))}) {
     EXPECT_TRUE(problemOf(body).starts_with("not JSON: ")) << body;
   }
   EXPECT_EQ(problemOf("[]"), "not a JSON object");
