@@ -247,6 +247,7 @@ TEST_P(ApplicationIdentifierSourceTest, AKnownProcessIsReidentifiedAfterAUserCha
 }
 
 TEST_P(ApplicationIdentifierSourceTest, TheFlowsOfAnUnknownProxyAreLeftToTheSystem) {
+  makeProcessNumbersRise();
   start();
   Helper proxy;
   proxy.makeSocket("proxy", kProxyPort);
@@ -474,6 +475,7 @@ TEST_P(ApplicationIdentifierSourceTest, AnEndedSenderMayHaveBeenTheProxy) {
 
 TEST_P(ApplicationIdentifierSourceTest, AnUnknownSenderOfTheProxysUserMayBeTheProxy) {
   // Not seen by the tracer, and after more descriptors than can be scanned in time.
+  makeProcessNumbersRise();
   Helper sameUser;
   Helper otherUser;
   ASSERT_EQ(otherUser.ask("user 65534"), "done");

@@ -89,6 +89,7 @@ TEST_F(ProxyProcessTest, IsTheProcessThatListens) {
 }
 
 TEST_F(ProxyProcessTest, IsFoundBeforeAllOthersIfItIsTheSender) {
+  makeProcessNumbersRise();
   Helper helper;
   helper.makeSocket("listen", kPort);
   const auto crowd = makeCrowd();
@@ -109,6 +110,7 @@ TEST_F(ProxyProcessTest, IsFoundBeforeAllOthersIfItIsTheSender) {
 }
 
 TEST_F(ProxyProcessTest, IsUnknownUntilTheSearchHasFoundIt) {
+  makeProcessNumbersRise();
   Helper helper;
   helper.makeSocket("listen", kPort);
   const auto crowd = makeCrowd();

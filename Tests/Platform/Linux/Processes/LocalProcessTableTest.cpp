@@ -264,6 +264,7 @@ TEST_F(LocalProcessTableTest, FindsTheHolderOfASocket) {
 }
 
 TEST_F(LocalProcessTableTest, LimitsTheSearchForAHolder) {
+  makeProcessNumbersRise();
   auto socket = makeSocket(AF_INET, SOCK_DGRAM);
   const auto inode = inodeOf(socket);
   Helper holder(OSTRAVEL_HELPER, [&socket] { return ::dup(socket.get()) >= 0; });

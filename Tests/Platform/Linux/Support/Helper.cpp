@@ -9,6 +9,7 @@
 #include <charconv>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 
 namespace ostravel::testing {
 
@@ -62,6 +63,20 @@ std::string Helper::readLine() {
     line += byte;
   }
   return line;
+}
+
+void makeProcessNumbersRise() {
+  constexpr pid_t kEnough = 1000;
+  pid_t limit = 0;
+  EXPECT_TRUE(std::ifstream("/proc/sys/kernel/pid_max") >> limit);
+  for (pid_t next = limit; next + kEnough > limit;) {
+    next = ::fork();
+    ASSERT_GE(next, 0);
+    if (next == 0) {
+      ::_exit(EXIT_SUCCESS);
+    }
+    ASSERT_EQ(::waitpid(next, nullptr, 0), next);
+  }
 }
 
 std::vector<std::unique_ptr<Helper>> makeCrowd() {

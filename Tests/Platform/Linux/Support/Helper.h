@@ -43,6 +43,10 @@ class Helper {
   int fromHelper_ = -1;
 };
 
+// Process numbers start again from small ones at a limit. If that is near, uses up those before it,
+// so that for hundreds of processes a newer one has a higher number.
+void makeProcessNumbersRise();
+
 // New processes with more descriptors than can be scanned for one flow.
 std::vector<std::unique_ptr<Helper>> makeCrowd();
 
