@@ -1,6 +1,7 @@
 #include "Platform/Linux/Identity/ProxyTrial.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include <array>
@@ -17,6 +18,7 @@
 
 #include "Platform/Linux/Kernel/EventDescriptor.h"
 #include "Platform/Linux/Processes/LocalProcessTable.h"
+#include "Tests/Platform/Linux/Support/AlteredSockets.h"
 #include "Tests/Platform/Linux/Support/Helper.h"
 #include "Tests/Platform/Linux/Support/SocketTools.h"
 
@@ -233,6 +235,68 @@ TEST_F(ProxyTrialTest, DoesNotTestAnotherListener) {
   EXPECT_FALSE(tryOnce(former));
   EXPECT_TRUE(tryOnce(listener()));
 }
+
+// Of a proxy that is acceptor and dialler, while the kernel answers one kind of question wrongly.
+class WrongAnswersToAProxyTrial : public ProxyTrialTest,
+                                  public ::testing::WithParamInterface<SocketQuestion::Call> {
+ protected:
+  WrongAnswersToAProxyTrial() {
+    helper_.makeSocket("proxy", kPort);
+    listening_ = listener();
+  }
+
+  ProxyTrial::Outcome outcomeWith(const SocketAlteration& alteration) {
+    const AlteredSockets altered([&](const SocketQuestion& question, const SocketAnswer& truth) {
+      return question.call == GetParam() ? std::optional(alteration.alter(truth)) : std::nullopt;
+    });
+    const auto found = tryOnce(listening_);
+    EXPECT_TRUE(found);
+    return found.value_or(ProxyTrial::Outcome{});
+  }
+
+  // Knows the proxy's process or none.
+  void expectNoOtherProcess(const ProxyTrial::Outcome& outcome) const {
+    for (const auto& process : {outcome.acceptor, outcome.dialler}) {
+      EXPECT_EQ(process ? process->pid : helper_.pid(), helper_.pid());
+    }
+  }
+
+  std::uint64_t listening_ = 0;
+};
+
+TEST_P(WrongAnswersToAProxyTrial, AnAnswerThatSaysTooLittleLeavesAProcessUnknown) {
+  const bool isOption = GetParam() == SocketQuestion::Call::option;
+  for (const auto& alteration : incompleteAnswers(isOption ? sizeof(int) : sizeof(sockaddr_in))) {
+    SCOPED_TRACE(alteration.name);
+    const auto found = outcomeWith(alteration);
+    // Without its own address it cannot ask; without the result, a connection is not established.
+    EXPECT_EQ(found.judgement, GetParam() == SocketQuestion::Call::peerAddress
+                                   ? Judgement::proxy
+                                   : Judgement::unanswered);
+    EXPECT_FALSE(found.acceptor);
+    EXPECT_FALSE(found.dialler);
+  }
+}
+
+TEST_P(WrongAnswersToAProxyTrial, AWrongAnswerNamesNoOtherProcess) {
+  for (const auto& alteration : wrongAnswers()) {
+    SCOPED_TRACE(alteration.name);
+    const auto found = outcomeWith(alteration);
+    EXPECT_NE(found.judgement, Judgement::notAProxy);
+    expectNoOtherProcess(found);
+  }
+}
+
+std::string nameOf(SocketQuestion::Call call) {
+  constexpr std::array kNames{"Option", "OwnAddress", "PeerAddress"};
+  return kNames.at(static_cast<std::size_t>(call));
+}
+
+INSTANTIATE_TEST_SUITE_P(Questions, WrongAnswersToAProxyTrial,
+                         ::testing::Values(SocketQuestion::Call::option,
+                                           SocketQuestion::Call::ownAddress,
+                                           SocketQuestion::Call::peerAddress),
+                         [](const auto& question) { return nameOf(question.param); });
 
 TEST_F(ProxyTrialTest, AnInterruptionEndsTheTrialAtOnce) {
   helper_.makeSocket("proxy", kPort);

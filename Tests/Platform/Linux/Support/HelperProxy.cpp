@@ -87,9 +87,11 @@ void serve(int connection) {
     const std::lock_guard guard(behaviourLock);
     current = behaviour;
   }
-  if (!current.hangsUp && !current.answer) {
+  // Some connections end without one.
+  const bool isComplete = request.ends_with("\r\n\r\n");
+  if (isComplete && !current.hangsUp && !current.answer) {
     makeTunnel(connection, request, current.parent);
-  } else if (!current.hangsUp) {
+  } else if (isComplete && !current.hangsUp) {
     if (!current.answer->empty()) {
       sendAll(connection, *current.answer + "\r\n\r\n");
     }
