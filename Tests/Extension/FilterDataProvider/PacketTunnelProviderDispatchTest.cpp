@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -181,6 +182,10 @@ struct LoopCase {
   const char* port;
   bool isTaken;
 };
+
+void PrintTo(const LoopCase& loopCase, std::ostream* stream) {
+  *stream << loopCase.name;
+}
 
 class LoopGuard : public FlowDispatch, public testing::WithParamInterface<LoopCase> {};
 

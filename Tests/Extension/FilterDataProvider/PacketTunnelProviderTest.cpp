@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <span>
 #include <string>
 #include <utility>
@@ -169,12 +170,20 @@ TEST_F(ProviderStart, TrimsTheConfiguredPath) {
   EXPECT_EQ(monitoringSocketPaths(), Lines{"/tmp/m.sock"});
 }
 
-class ProviderStartWithoutPath
-    : public ProviderTest,
-      public testing::WithParamInterface<std::optional<platform::TunnelProviderProtocol>> {};
+struct ConfigurationCase {
+  const char* name;
+  std::optional<platform::TunnelProviderProtocol> protocol;
+};
+
+void PrintTo(const ConfigurationCase& configuration, std::ostream* stream) {
+  *stream << configuration.name;
+}
+
+class ProviderStartWithoutPath : public ProviderTest,
+                                 public testing::WithParamInterface<ConfigurationCase> {};
 
 TEST_P(ProviderStartWithoutPath, LogsTheSameLines) {
-  simulation_.setProtocolConfiguration(GetParam());
+  simulation_.setProtocolConfiguration(GetParam().protocol);
 
   startProvider();
 
@@ -185,7 +194,7 @@ TEST_P(ProviderStartWithoutPath, LogsTheSameLines) {
 }
 
 TEST_P(ProviderStartWithoutPath, DropsItsEventAndContinues) {
-  simulation_.setProtocolConfiguration(GetParam());
+  simulation_.setProtocolConfiguration(GetParam().protocol);
   Completions completions;
 
   provider_->startProxy(std::nullopt, completions.next());
@@ -198,20 +207,27 @@ TEST_P(ProviderStartWithoutPath, DropsItsEventAndContinues) {
   EXPECT_EQ(simulation_.networkSettings().at(0).excludedNetworkRules.size(), 2U);
 }
 
-std::optional<platform::TunnelProviderProtocol> protocolWith(ConfigurationValue value) {
-  return platform::TunnelProviderProtocol{
-      platform::ProviderConfiguration{{"monitoringSocketPath", std::move(value)}}};
+ConfigurationCase configurationWith(const char* name, const char* key, ConfigurationValue value) {
+  return {name, platform::TunnelProviderProtocol{
+                    platform::ProviderConfiguration{{key, std::move(value)}}}};
+}
+
+ConfigurationCase pathIs(const char* name, ConfigurationValue value) {
+  return configurationWith(name, "monitoringSocketPath", std::move(value));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Configurations, ProviderStartWithoutPath,
-    testing::Values(std::nullopt, platform::TunnelProviderProtocol{std::nullopt},
-                    platform::TunnelProviderProtocol{platform::ProviderConfiguration{}},
-                    platform::TunnelProviderProtocol{platform::ProviderConfiguration{
-                        {"monitoringsocketpath", std::string("/tmp/m.sock")}}},
-                    protocolWith(std::int64_t{7}), protocolWith(1.5), protocolWith(true),
-                    protocolWith(platform::OtherConfigurationValue{}), protocolWith(std::string()),
-                    protocolWith(std::string(" \n\t"))));
+    testing::Values(
+        ConfigurationCase{"None", std::nullopt},
+        ConfigurationCase{"NoDictionary", platform::TunnelProviderProtocol{std::nullopt}},
+        ConfigurationCase{"Empty",
+                          platform::TunnelProviderProtocol{platform::ProviderConfiguration{}}},
+        configurationWith("KeyInLowerCase", "monitoringsocketpath", std::string("/tmp/m.sock")),
+        pathIs("Integer", std::int64_t{7}), pathIs("Real", 1.5), pathIs("Boolean", true),
+        pathIs("OtherValue", platform::OtherConfigurationValue{}),
+        pathIs("EmptyText", std::string()), pathIs("OnlySpace", std::string(" \n\t"))),
+    [](const auto& configuration) { return configuration.param.name; });
 
 TEST_F(ProviderStart, AsksForTheSettingsOfTheLocalProxy) {
   startProvider();

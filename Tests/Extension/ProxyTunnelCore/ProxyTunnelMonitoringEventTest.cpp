@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 namespace ostravel {
@@ -77,6 +78,10 @@ struct KeyCase {
   CodingKey key;
   const char* rawValue;
 };
+
+void PrintTo(const KeyCase& key, std::ostream* stream) {
+  *stream << key.rawValue;
+}
 
 class CodingKeyOf : public testing::TestWithParam<KeyCase> {};
 
