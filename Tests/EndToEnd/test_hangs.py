@@ -189,6 +189,7 @@ def is_running(process):
         return False
 
 
+@pytest.mark.uninstrumented
 def test_the_guardian_is_small(laboratory):
     _, extension = laboratory.start_system()
     for _ in range(20):
