@@ -262,6 +262,43 @@ class Laboratory:
         self.wait_until_listening(self.here, port)
         return tinyproxy
 
+    def start_squid(self):
+        return self._start_configured_proxy(["squid", "-N", "-f"], """
+            http_port 127.0.0.1:8080
+            http_access allow all
+            cache_log /dev/null
+            access_log none
+            pid_filename none
+        """)  # fmt: skip
+
+    def start_privoxy(self):
+        return self._start_configured_proxy(["privoxy", "--no-daemon"], """
+            listen-address 127.0.0.1:8080
+        """)  # fmt: skip
+
+    def start_apache2(self):
+        modules = "".join(
+            f"LoadModule {name}_module /usr/lib/apache2/modules/mod_{name}.so\n"
+            for name in ("mpm_event", "authz_core", "proxy", "proxy_connect")
+        )
+        return self._start_configured_proxy(["apache2", "-X", "-f"], f"""
+            {modules}
+            ServerName localhost
+            Listen 127.0.0.1:8080
+            PidFile {self.path("apache2.pid")}
+            ErrorLog /dev/null
+            ProxyRequests On
+            AllowCONNECT 1-65535
+        """)  # fmt: skip
+
+    def _start_configured_proxy(self, command, configuration):
+        path = pathlib.Path(self.path(f"{command[0]}.conf"))
+        # Some take a line that begins with blanks for the rest of the one before.
+        path.write_text("\n".join(line.strip() for line in configuration.splitlines()) + "\n")
+        proxy = self.start([*command, str(path)])
+        self.wait_until_listening(self.here, 8080)
+        return proxy
+
     def wait_until_listening(self, namespace, port):
         """For a program that does not report it."""
         eventually(

@@ -195,3 +195,9 @@ def test_no_connection_fails_when_a_system_call_fails(neighbourhood, fault):
     suffered = call_faults.suffer(neighbourhood, fault)
     broken = [text for text, is_kept in suffered.promises() if not is_kept]
     assert not broken, suffered
+
+
+def test_transfers_are_exact(laboratory):
+    transferred = torture.transfer(laboratory, laboratory.start_sidecar, 0.2)
+    assert (transferred.wrong, transferred.exact_bytes) == ([], 200_000_000)
+    assert transferred.proxied == transferred.connections == 4

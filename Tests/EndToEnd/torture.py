@@ -15,13 +15,17 @@ from typing import NamedTuple
 
 import conntrack
 import neighbours
-from laboratory import eventually
+from laboratory import PYTHON, eventually
 from neighbours import Application, Connections
 
 # New connections per second.
 RATE = 300
 # Descriptors that may be open for other work than tunnels.
 FEW_DESCRIPTORS = 8
+# A transfer that is slower has stalled.
+SECONDS_PER_GIGABYTE = 30
+
+_FOLDER = os.path.dirname(os.path.abspath(__file__))
 
 
 def pause(seconds):
@@ -359,6 +363,37 @@ def hold_tunnels(laboratory, count, seconds, churn, seed=0):
         **told, growth=growth, descriptors_before=before,
         descriptors_after=descriptors(extension), bytes_per_tunnel=(opened - empty) / count,
     )  # fmt: skip
+
+
+class Transferred(NamedTuple):
+    exact_bytes: int
+    wrong: list
+    connections: int
+    # How many of them the local proxy carried.
+    proxied: int
+    seconds: float
+
+
+def transfer(laboratory, start_proxy, gigabytes):
+    """Downloads and uploads in which every byte is checked."""
+    laboratory.start_pattern_origin()
+    laboratory.start_system(start_proxy)
+    mark = laboratory.events.mark()
+    begin = time.monotonic()
+    client = laboratory.start(
+        [PYTHON, "-u", os.path.join(_FOLDER, "transfer.py"), neighbours.THERE4, "8000",
+         "--gigabytes", str(gigabytes)],
+        name="transfer",
+    )  # fmt: skip
+    most = neighbours.END_SECONDS + gigabytes * SECONDS_PER_GIGABYTE
+    line = client.output.wait(lambda line: line.startswith("{"), 0, most)
+    assert line is not None, f"the transfers have not ended: {client.errors.since()}"
+    told = json.loads(line)
+    carried = [
+        event for event in laboratory.events.since(mark)
+        if event["current_signal"] == "connect_handshake_succeeded"
+    ]  # fmt: skip
+    return Transferred(**told, proxied=len(carried), seconds=time.monotonic() - begin)
 
 
 def disturb(laboratory, seconds, rate=RATE, seed=None):
