@@ -122,7 +122,7 @@ const std::string* ReceivedEvent::detail(std::string_view key) const {
 }
 
 std::variant<ReceivedEvent, std::string> parseReceivedEvent(std::string_view body) {
-  // The library skips one after a number, and what is not JSON may not be printed as such.
+  // Jansson skips this byte after a number or a literal, but the text is passed on as it came.
   if (body.find('\0') != std::string_view::npos) {
     return "not JSON: control character 0x0";
   }

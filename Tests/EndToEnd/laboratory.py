@@ -254,13 +254,13 @@ class Laboratory:
         return LocalProxy(self, user, **behaviour)
 
     def start_tinyproxy(self, port=8080, user=0):
-        configuration = self.path("tinyproxy.conf")
-        pathlib.Path(configuration).write_text(
-            f"Port {port}\nListen 127.0.0.1\nTimeout 60\nMaxClients 200\nLogLevel Connect\n"
-        )
-        tinyproxy = self.start(["tinyproxy", "-d", "-c", configuration], user=user)
-        self.wait_until_listening(self.here, port)
-        return tinyproxy
+        return self._start_configured_proxy(["tinyproxy", "-d", "-c"], f"""
+            Port {port}
+            Listen 127.0.0.1
+            Timeout 60
+            MaxClients 200
+            LogLevel Connect
+        """, port, user)  # fmt: skip
 
     def start_squid(self):
         return self._start_configured_proxy(["squid", "-N", "-f"], """
@@ -291,12 +291,12 @@ class Laboratory:
             AllowCONNECT 1-65535
         """)  # fmt: skip
 
-    def _start_configured_proxy(self, command, configuration):
+    def _start_configured_proxy(self, command, configuration, port=8080, user=0):
         path = pathlib.Path(self.path(f"{command[0]}.conf"))
         # Some take a line that begins with blanks for the rest of the one before.
         path.write_text("\n".join(line.strip() for line in configuration.splitlines()) + "\n")
-        proxy = self.start([*command, str(path)])
-        self.wait_until_listening(self.here, 8080)
+        proxy = self.start([*command, str(path)], user=user)
+        self.wait_until_listening(self.here, port)
         return proxy
 
     def wait_until_listening(self, namespace, port):

@@ -1,4 +1,4 @@
-"""Applications that transfer much and check every byte: an HTTP client of pattern_origin.py.
+"""An application that transfers much and checks every byte: an HTTP client of pattern_origin.py.
 
     transfer.py HOST PORT --gigabytes 10
 

@@ -68,7 +68,7 @@ std::string Helper::readLine() {
 void makeProcessNumbersRise() {
   constexpr pid_t kEnough = 1000;
   pid_t limit = 0;
-  EXPECT_TRUE(std::ifstream("/proc/sys/kernel/pid_max") >> limit);
+  ASSERT_TRUE(std::ifstream("/proc/sys/kernel/pid_max") >> limit);
   for (pid_t next = limit; next + kEnough > limit;) {
     next = ::fork();
     ASSERT_GE(next, 0);

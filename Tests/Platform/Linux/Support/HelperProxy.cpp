@@ -87,11 +87,11 @@ void serve(int connection) {
     const std::lock_guard guard(behaviourLock);
     current = behaviour;
   }
-  // Some connections end without one.
-  const bool isComplete = request.ends_with("\r\n\r\n");
-  if (isComplete && !current.hangsUp && !current.answer) {
+  // Some connections end without a request.
+  const bool isAnswered = !current.hangsUp && request.ends_with("\r\n\r\n");
+  if (isAnswered && !current.answer) {
     makeTunnel(connection, request, current.parent);
-  } else if (isComplete && !current.hangsUp) {
+  } else if (isAnswered) {
     if (!current.answer->empty()) {
       sendAll(connection, *current.answer + "\r\n\r\n");
     }
