@@ -121,16 +121,16 @@ TEST_P(NormalisedHost, IsLowerCaseWithoutOuterDots) {
   EXPECT_EQ(ostravel::NormalisedHost(GetParam().host, text).text(), GetParam().normalised);
 }
 
-INSTANTIATE_TEST_SUITE_P(Hosts, NormalisedHost,
-                         testing::Values(HostCase{"example.com", "example.com"},
-                                         HostCase{"Example.COM", "example.com"},
-                                         HostCase{"example.com.", "example.com"},
-                                         HostCase{"example.com...", "example.com"},
-                                         HostCase{".example.com", "example.com"},
-                                         HostCase{"..a..b..", "a..b"}, HostCase{"", ""},
-                                         HostCase{".", ""}, HostCase{"....", ""},
-                                         HostCase{"a", "a"}, HostCase{" a ", " a "},
-                                         HostCase{"B\u00DCCHER.example", "b\u00FCcher.example"}));
+INSTANTIATE_TEST_SUITE_P(
+    Hosts, NormalisedHost,
+    testing::Values(HostCase{"example.com", "example.com"}, HostCase{"Example.COM", "example.com"},
+                    HostCase{"example.com.", "example.com"},
+                    HostCase{"example.com...", "example.com"},
+                    HostCase{".example.com", "example.com"}, HostCase{"..a..b..", "a..b"},
+                    HostCase{"", ""}, HostCase{".", ""}, HostCase{"....", ""}, HostCase{"a", "a"},
+                    HostCase{"A.b", "a.b"}, HostCase{"Z.y", "z.y"}, HostCase{"@.[", "@.["},
+                    HostCase{" a ", " a "},
+                    HostCase{"B\u00DCCHER.example", "b\u00FCcher.example"}));
 
 }  // namespace
 }  // namespace ostravel

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,6 +54,22 @@ class NotingObserver final : public platform::FlowObserver {
 
  private:
   bool hasEnded_ = false;
+};
+
+class ObservedDatagrams final : public platform::AppProxyUDPFlow {
+ public:
+  explicit ObservedDatagrams(platform::FlowObserver& observer) : observer_(observer) {}
+
+  std::string sourceAppSigningIdentifier() const override { return "com.example.app"; }
+  std::optional<HostEndpoint> localEndpoint() const override {
+    return HostEndpoint{"example.org", "443"};
+  }
+  platform::FlowObserver* observer() override { return &observer_; }
+  void closeRead(platform::OptionalError /*error*/) override {}
+  void closeWrite(platform::OptionalError /*error*/) override {}
+
+ private:
+  platform::FlowObserver& observer_;
 };
 
 // The provider is started and the gate open.
@@ -115,6 +132,17 @@ TEST_F(DecisionObservation, NamesTheSameRuleForARememberedDecision) {
 TEST_F(DecisionObservation, NamesTheProxyAsTheDestination) {
   EXPECT_EQ(rulesFor(kApplication, {"127.0.0.1", "8080"}), std::vector{FlowRule::localProxy});
   EXPECT_EQ(observer_.lines, Lines{});
+}
+
+TEST_F(DecisionObservation, NamesTheRefusalOfUDP) {
+  EXPECT_TRUE(provider_->handleNewFlow(std::make_shared<ObservedDatagrams>(observer_)));
+  EXPECT_EQ(observer_.rules, std::vector{FlowRule::refusedUDP});
+}
+
+TEST_F(DecisionObservation, SaysThatAFlowCannotBeOpened) {
+  const auto flow = flowOf(kApplication, kOrdinary);
+  flow->failOpen(someError());
+  EXPECT_EQ(linesAfter(flow), Lines{"abandoned \"Something broke\""});
 }
 
 TEST_F(DecisionObservation, SaysThatTooManyHandshakesArePending) {

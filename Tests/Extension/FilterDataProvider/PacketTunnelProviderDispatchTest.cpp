@@ -472,6 +472,38 @@ TEST_F(FlowDispatch, DoesNothingForATunnelThatOutlivesTheProvider) {
   EXPECT_EQ(signals().back(), "tunnel_closed");
 }
 
+// --- Identifiers
+
+class ConstantUUIDSource final : public platform::UUIDSource {
+ public:
+  std::string randomUUID() override { return "00000000-0000-4000-8000-000000000000"; }
+};
+
+class FlowDispatchIdentifiers : public FlowDispatch {
+ protected:
+  void SetUp() override {
+    platform_.useUUIDs(uuids_);
+    provider_ = std::make_shared<PacketTunnelProvider>(platform_, simulation_);
+    FlowDispatch::SetUp();
+  }
+
+  ConstantUUIDSource uuids_;
+  NotingPlatform platform_{simulation_};
+};
+
+TEST_F(FlowDispatchIdentifiers, TheTableKeepsTheLaterOfTwoTunnelsWithTheSameIdentifier) {
+  takeFlow();
+  establish(0);
+  takeFlow();
+  EXPECT_EQ(peer().activeTunnelCount(), 1U);
+
+  // Nothing else holds it yet.
+  ASSERT_NE(simulation_.connection(1), nullptr);
+  establish(1);
+
+  EXPECT_EQ(peer().admission().pendingCount(), 0U);
+}
+
 // --- Queues
 
 // The operations that the provider submits to its queues.

@@ -269,6 +269,47 @@ TEST_F(ProviderHealth, ReopensSilentlyAGateThatATunnelClosed) {
   EXPECT_EQ(signals(), (Lines{"provider_started", "tunnel_closed"}));
 }
 
+// --- What it tells
+
+TEST_F(ProviderHealth, KnowsNothingBeforeTheFirstProbe) {
+  const auto health = provider_->health();
+  EXPECT_EQ(health.isGateOpen, std::nullopt);
+  EXPECT_FALSE(health.lastProbe);
+}
+
+TEST_F(ProviderHealth, TellsOfTheLastProbeAndSinceWhenTheGateIsOpenOrClosed) {
+  const double start = simulation_.clock().secondsSince1970();
+  startProvider();
+  simulation_.advance(2s);
+  const auto whileUp = provider_->health();
+  EXPECT_EQ(whileUp.isGateOpen, true);
+  EXPECT_DOUBLE_EQ(whileUp.gateSince, start);
+  EXPECT_DOUBLE_EQ(whileUp.lastProbe.value().time, start + 2.0);
+  EXPECT_TRUE(whileUp.lastProbe->isReachable);
+
+  sockets().proxyListening(false);
+  simulation_.advance(3s);
+  const auto whileDown = provider_->health();
+  EXPECT_EQ(whileDown.isGateOpen, false);
+  EXPECT_DOUBLE_EQ(whileDown.gateSince, start + 3.0);
+  EXPECT_DOUBLE_EQ(whileDown.lastProbe.value().time, start + 5.0);
+  EXPECT_FALSE(whileDown.lastProbe->isReachable);
+}
+
+TEST_F(ProviderHealth, TellsWhenATunnelClosedTheGate) {
+  const double start = simulation_.clock().secondsSince1970();
+  startProvider();
+  simulation_.advance(500ms);
+  takeFlow();
+  simulation_.connection(0)->refuse();
+  simulation_.run();
+
+  const auto health = provider_->health();
+  EXPECT_EQ(health.isGateOpen, false);
+  EXPECT_DOUBLE_EQ(health.gateSince, start + 0.5);
+  EXPECT_TRUE(health.lastProbe.value().isReachable);
+}
+
 // The calls to the timer.
 class ProviderHealthTimer : public ProviderHealth {
  protected:
@@ -297,6 +338,16 @@ TEST_F(ProviderHealthTimer, LosesItsHandlerBeforeItIsCancelled) {
   noted_->stopProxy(ProviderStopReason::none, [] {});
 
   EXPECT_EQ(platform_.notesOf("timer "), (Lines{"timer 1 handler", "timer 1 cancel"}));
+}
+
+TEST_F(ProviderHealthTimer, IsLeftAloneByASecondStop) {
+  startNoted();
+  noted_->stopProxy(ProviderStopReason::none, [] {});
+  platform_.clearNotes();
+
+  noted_->stopProxy(ProviderStopReason::none, [] {});
+
+  EXPECT_EQ(platform_.notesOf("timer "), Lines{});
 }
 
 TEST_F(ProviderHealthTimer, IsCancelledBeforeAnotherOneIsMade) {

@@ -119,6 +119,13 @@ TEST_F(ProxyTCPReachabilityProbeTest, KeepsTheFlagsThatAreSet) {
             O_RDWR | O_APPEND | O_NONBLOCK);
 }
 
+TEST_F(ProxyTCPReachabilityProbeTest, AcceptsASocketWithoutFlags) {
+  sockets().answerNext(SocketCallKind::statusFlags, {0, 0});
+
+  EXPECT_EQ(check(), reachable);
+  EXPECT_EQ(sockets().calls(SocketCallKind::setStatusFlags).at(0).flags, O_NONBLOCK);
+}
+
 TEST_F(ProxyTCPReachabilityProbeTest, IsReachableWhenConnectSucceedsAtOnce) {
   sockets().answerNext(SocketCallKind::connect, {0, 0});
 

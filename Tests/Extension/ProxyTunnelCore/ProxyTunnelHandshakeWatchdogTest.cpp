@@ -244,6 +244,26 @@ TEST_F(ProxyTunnelHandshakeWatchdogTest, IsNotKeptAliveByItsTimer) {
   EXPECT_TRUE(weakWatchdog.expired());
 }
 
+// The tunnel that owns it may live for a long time.
+TEST_F(ProxyTunnelHandshakeWatchdogTest, KeepsNothingOnceItHasEnded) {
+  for (const bool timesOut : {false, true}) {
+    const auto queue = simulation_.makeQueue("short", platform::DispatchQueueKind::serial);
+    const auto owned = std::make_shared<int>();
+    const auto watchdog = std::make_shared<ProxyTunnelHandshakeWatchdog>(simulation_, 5.0, queue,
+                                                                         [owned] { ++*owned; });
+    watchdog->start();
+    EXPECT_EQ(owned.use_count(), 2);
+    if (timesOut) {
+      simulation_.advance(5s);
+    } else {
+      watchdog->finishWithoutCallback();
+    }
+    EXPECT_EQ(owned.use_count(), 1) << timesOut;
+    EXPECT_EQ(queue.use_count(), 1) << timesOut;
+    EXPECT_EQ(*owned, timesOut ? 1 : 0);
+  }
+}
+
 TEST_F(ProxyTunnelHandshakeWatchdogTest, TakesAVeryLongTimeout) {
   const auto watchdog = make(std::numeric_limits<double>::infinity());
   watchdog->start();

@@ -124,6 +124,17 @@ ProxyTunnelMonitoringEvent smallEvent(platform::Platform& platform) {
           std::nullopt,          std::nullopt, 1.0,          "t"};
 }
 
+// Most of its memory is that of a map's nodes.
+ProxyTunnelMonitoringEvent eventWithManyItems(platform::Platform& platform) {
+  ProxyTunnelMonitoringEvent::Metrics metrics;
+  ProxyTunnelMonitoringEvent::Context context;
+  for (int number = 0; number < 100; ++number) {
+    metrics.emplace(std::to_string(number), number);
+    context.emplace(std::to_string(number), "value");
+  }
+  return {platform.uuidSource(), "s", std::nullopt, "info", "c", "m", metrics, context, 1.0, "t"};
+}
+
 using MakeEvent = ProxyTunnelMonitoringEvent (*)(platform::Platform&);
 
 class MonitoringMemory : public ::testing::TestWithParam<MakeEvent> {};
@@ -178,7 +189,8 @@ TEST(MonitoringWrite, ThatBlocksHoldsUpLaterEventsAndNoEmitter) {
   EXPECT_GT(DeafCompanion::readToEnd(companion.accept()), 4U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Events, MonitoringMemory, ::testing::Values(&largeEvent, &smallEvent));
+INSTANTIATE_TEST_SUITE_P(Events, MonitoringMemory,
+                         ::testing::Values(&largeEvent, &smallEvent, &eventWithManyItems));
 
 }  // namespace
 }  // namespace ostravel

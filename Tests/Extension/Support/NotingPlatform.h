@@ -33,6 +33,7 @@ class NotingPlatform final : public platform::Platform {
   void clearNotes() { notes_->clear(); }
   // Instead of those of the other platform; outlives this.
   void useText(const platform::TextServices& text) { text_ = &text; }
+  void useUUIDs(platform::UUIDSource& source) { uuidSource_ = &source; }
 
   std::shared_ptr<platform::DispatchQueue> makeQueue(std::string label,
                                                      platform::DispatchQueueKind kind) override;
@@ -43,13 +44,16 @@ class NotingPlatform final : public platform::Platform {
   void systemLog(std::string_view line) override { other_.systemLog(line); }
   std::optional<std::string> mainBundleIdentifier() const override;
   const platform::Clock& clock() const override { return other_.clock(); }
-  platform::UUIDSource& uuidSource() override { return other_.uuidSource(); }
+  platform::UUIDSource& uuidSource() override {
+    return uuidSource_ ? *uuidSource_ : other_.uuidSource();
+  }
   const platform::TextServices& text() const override { return text_ ? *text_ : other_.text(); }
   platform::SocketCalls& sockets() override { return other_.sockets(); }
 
  private:
   platform::Platform& other_;
   const platform::TextServices* text_ = nullptr;
+  platform::UUIDSource* uuidSource_ = nullptr;
   // Queues and timers write into it as well and may outlive this.
   const std::shared_ptr<std::vector<std::string>> notes_ =
       std::make_shared<std::vector<std::string>>();

@@ -21,9 +21,11 @@ class ScriptedFlow final : public platform::AppProxyTCPFlow, public ScriptedTran
   std::string sourceAppSigningIdentifier() const override { return appId_; }
   std::optional<platform::HostEndpoint> remoteEndpoint() const override { return remote_; }
   platform::FlowObserver* observer() override { return observer_; }
+  // Opening it completes with this error.
+  void failOpen(platform::Error error) { openError_ = std::move(error); }
   void open(std::optional<platform::HostEndpoint> /*localEndpoint*/,
             platform::ErrorCompletion completion) override {
-    completion(std::nullopt);
+    completion(openError_);
   }
   void read(platform::ReadCompletion completion) override {
     startRead("read", std::move(completion));
@@ -38,6 +40,7 @@ class ScriptedFlow final : public platform::AppProxyTCPFlow, public ScriptedTran
   const std::string appId_ = "com.example.app";
   const platform::HostEndpoint remote_{"192.0.2.10", "443"};
   platform::FlowObserver* const observer_ = nullptr;
+  platform::OptionalError openError_;
 };
 
 }  // namespace ostravel::test
