@@ -13,7 +13,9 @@ namespace {
 constexpr uid_t kAlice = 1000;
 constexpr uid_t kBob = 1001;
 constexpr uid_t kDaemon = 2;
-constexpr uid_t kDynamic = 61999;
+// The users of services with DynamicUser=yes (systemd.exec(5)).
+constexpr uid_t kFirstDynamic = 61184;
+constexpr uid_t kLastDynamic = 65519;
 
 const std::string kAlices = "/user.slice/user-1000.slice/user@1000.service/";
 const std::string kContainer = "docker-0123456789ab" + std::string(52, 'c') + ".scope";
@@ -31,7 +33,7 @@ Process processIn(const std::string& group, uid_t user) {
 }
 
 std::optional<std::string> nameOf(const Process& process, uid_t socketUser) {
-  return ApplicationNames({"com.Example.VPN"}, SystemUsers(999))
+  return ApplicationNames({"com.Example.VPN", "com.example.az"}, SystemUsers(999))
       .nameOf(process, socketUser, LocalProcessTable());
 }
 
@@ -58,8 +60,11 @@ TEST(ApplicationNamesTest, BelievesAUserAboutOwnProcessesOnly) {
 }
 
 TEST(ApplicationNamesTest, NamesTheServiceOfASystemUser) {
-  for (const uid_t user : {uid_t{0}, kDaemon, kDynamic}) {
+  for (const uid_t user : {uid_t{0}, kDaemon, kFirstDynamic, kLastDynamic}) {
     EXPECT_EQ(nameIn("/system.slice/cups.service", user), "cups.service") << user;
+  }
+  for (const uid_t user : {kFirstDynamic - 1, kLastDynamic + 1}) {
+    EXPECT_EQ(nameIn("/system.slice/cups.service", user), std::nullopt) << user;
   }
   // A job of hers, for example, that a service runs.
   EXPECT_EQ(nameIn("/system.slice/cron.service", kAlice), std::nullopt);
@@ -68,6 +73,7 @@ TEST(ApplicationNamesTest, NamesTheServiceOfASystemUser) {
 TEST(ApplicationNamesTest, GivesNoReservedName) {
   EXPECT_EQ(nameIn(kAlices + "app-com.example.vpn-1.scope", kAlice), std::nullopt);
   EXPECT_EQ(nameIn(kAlices + "app-COM.EXAMPLE.vpn-1.scope", kAlice), std::nullopt);
+  EXPECT_EQ(nameIn(kAlices + "app-com.example.AZ-1.scope", kAlice), std::nullopt);
   EXPECT_EQ(nameIn(kAlices + "app-com.example.vpns-1.scope", kAlice), "com.example.vpns");
 }
 

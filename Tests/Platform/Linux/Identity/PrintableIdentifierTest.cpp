@@ -4,13 +4,14 @@
 
 #include <set>
 #include <string>
+#include <string_view>
 
 namespace ostravel::linuxplatform {
 namespace {
 
 TEST(PrintableIdentifierTest, PrintableTextIsUnchanged) {
   for (const char* const text : {"", "/usr/bin/curl", "com.example.app", "/opt/My App/run",
-                                 "/a~!\"#", "/100%", "/a%", "/a%4", "/a%4g", "/a%%"}) {
+                                 "/a~!\"#", "/100%", "/a%", "/a%4", "/a%4g", "/a%g4", "/a%%"}) {
     EXPECT_EQ(printableIdentifier(text), text);
   }
 }
@@ -34,6 +35,19 @@ TEST(PrintableIdentifierTest, APercentSignIsEncodedBeforeTwoHexDigits) {
   EXPECT_EQ(printableIdentifier("/a%41"), "/a%2541");
   EXPECT_EQ(printableIdentifier("/a%c3%A9"), "/a%25c3%25A9");
   EXPECT_EQ(printableIdentifier("%\xc3"), "%%C3");
+  for (const char digit : std::string("0123456789ABCDEFabcdef")) {
+    for (const std::string& digits : {std::string{digit, '4'}, std::string{'4', digit}}) {
+      EXPECT_EQ(printableIdentifier("%" + digits), "%25" + digits);
+    }
+  }
+  for (const char other : std::string("/:@G`g")) {
+    const std::string text{'%', other, '4'};
+    EXPECT_EQ(printableIdentifier(text), text);
+  }
+}
+
+TEST(PrintableIdentifierTest, ReadsNothingBehindTheName) {
+  EXPECT_EQ(printableIdentifier(std::string_view("/a%41").substr(0, 4)), "/a%4");
 }
 
 TEST(PrintableIdentifierTest, DifferentBytesHaveDifferentIdentifiers) {

@@ -8,7 +8,7 @@ namespace {
 TEST(ProxyAnswerTest, EverySuccessIsATunnel) {
   for (const char* const line :
        {"HTTP/1.1 200 Connection established", "HTTP/1.0 200 OK", "HTTP/1.1 200", "HTTP/1.1 204 x",
-        "HTTP/1.1 299", "  HTTP/1.1 200 OK\t", "HTTP/1.1  200 OK"}) {
+        "HTTP/1.1 299", "HTTP/1.9 200", "  HTTP/1.1 200 OK\t", "HTTP/1.1  200 OK"}) {
     EXPECT_EQ(judgeProxyAnswer(line), ProxyAnswer::tunnel) << line;
   }
 }
@@ -24,8 +24,8 @@ TEST(ProxyAnswerTest, RefusalsAreAProxysAnswers) {
 
 TEST(ProxyAnswerTest, OtherStatusesAreAWebServersAnswers) {
   for (const char* const line :
-       {"HTTP/1.1 100 Continue", "HTTP/1.1 199", "HTTP/1.1 301 Moved Permanently", "HTTP/1.1 302 x",
-        "HTTP/1.1 400 Bad Request", "HTTP/1.1 401 x", "HTTP/1.1 404 Not Found",
+       {"HTTP/1.1 100 Continue", "HTTP/1.1 199", "HTTP/1.1 300", "HTTP/1.1 301 Moved Permanently",
+        "HTTP/1.1 302 x", "HTTP/1.1 400 Bad Request", "HTTP/1.1 401 x", "HTTP/1.1 404 Not Found",
         "HTTP/1.1 405 Not Allowed", "HTTP/1.1 418 x", "HTTP/1.1 501 Unsupported method"}) {
     EXPECT_EQ(judgeProxyAnswer(line), ProxyAnswer::notAProxy) << line;
   }

@@ -72,6 +72,12 @@ TEST_F(HeldFlowsTest, ForgetsDecidedPackets) {
   EXPECT_LE(held_.size(), 1U);
 }
 
+TEST_F(HeldFlowsTest, ForgetsDecidedPacketsBeforeTheyAreOld) {
+  queue_->accept(hold(1, 10, start_));
+  EXPECT_EQ(held_.releaseOld(start_), 0U);
+  EXPECT_EQ(held_.size(), 0U);
+}
+
 TEST_F(HeldFlowsTest, FindsAnotherProcessHeldForTheSameDestination) {
   const auto packet = hold(1, 10, start_);
   EXPECT_TRUE(held_.isOtherHeldFor(destination(1), 11));

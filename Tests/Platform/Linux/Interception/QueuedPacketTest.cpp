@@ -6,8 +6,10 @@
 #include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "Platform/Linux/Identity/ProxyProcess.h"
+#include "Platform/Linux/Kernel/PacketResender.h"
 #include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Tests/Platform/Linux/Support/NetworkFixture.h"
 
@@ -21,15 +23,28 @@ constexpr auto kGenerous = 20s;
 // An application's first packet, held in a queue.
 class QueuedPacketTest : public ::testing::Test {
  protected:
+  using OfferPoint = InterceptionTable::OfferPoint;
+
+  explicit QueuedPacketTest(OfferPoint offerPoint = OfferPoint::beforeFilters)
+      : table_(*InterceptionTable::install(testing::loopbackSettings(), PacketMarks(),
+                                           queue_->number(), {{loop_.port(), 0}}, offerPoint)) {}
+
   void SetUp() override {
-    const auto packets = testing::waitForPackets(*queue_, kGenerous);
-    ASSERT_EQ(packets.size(), 1U);
-    received_.id = packets[0].id;
-    received_.mark = packets[0].mark;
+    offered_ = testing::waitForPackets(*queue_, kGenerous);
+    ASSERT_EQ(offered_.size(), 1U);
+    received_.id = offered_[0].id;
+    received_.mark = offered_[0].mark;
+    received_.bytes = offered_[0].bytes;
   }
-  std::unique_ptr<QueuedPacket> hold(std::optional<ProxyInstance> proxy = std::nullopt) {
-    return std::make_unique<QueuedPacket>(queue_, PacketMarks(), received_, user_,
-                                          std::move(proxy));
+  std::unique_ptr<QueuedPacket> hold(std::optional<ProxyInstance> proxy = std::nullopt,
+                                     std::shared_ptr<const PacketResender> resender = nullptr) {
+    return std::make_unique<QueuedPacket>(queue_, PacketMarks(), received_, user_, std::move(proxy),
+                                          std::move(resender));
+  }
+  void expectArrivalAtTheLoop() {
+    EXPECT_EQ(user_->held(), 0U);
+    EXPECT_EQ(application_.connectResult(kGenerous), 0);
+    EXPECT_EQ(loop_.acceptOne(kGenerous), application_.localPort());
   }
   // Nothing listens on its port any more.
   static ProxyInstance endedProxy() {
@@ -39,11 +54,12 @@ class QueuedPacketTest : public ::testing::Test {
   }
 
   const std::shared_ptr<PacketQueue> queue_ = *PacketQueue::open();
-  const std::unique_ptr<InterceptionTable> table_ =
-      *InterceptionTable::install(testing::loopbackSettings(), PacketMarks(), queue_->number(), {});
+  testing::TestListener loop_{"127.0.0.1"};
+  const std::unique_ptr<InterceptionTable> table_;
   const Reference<UserShare> user_ = makeReference<UserShare>();
   testing::TestListener origin_{"127.0.0.1", 8000};
   const testing::Connecting application_{"127.0.0.1", 8000};
+  std::vector<testing::OfferedPacket> offered_;
   PacketQueue::Packet received_;
 };
 
@@ -65,17 +81,27 @@ TEST_F(QueuedPacketTest, GoesUnchangedWhenDestroyed) {
 }
 
 TEST_F(QueuedPacketTest, ARefusalIsAReset) {
-  hold()->refuse();
+  const auto packet = hold();
+  packet->refuse();
+  EXPECT_EQ(user_->held(), 0U);
   EXPECT_EQ(application_.connectResult(kGenerous), ECONNREFUSED);
 }
 
+TEST_F(QueuedPacketTest, IsRedirectedToTheLoop) {
+  const auto packet = hold();
+  packet->redirect(0);
+  expectArrivalAtTheLoop();
+}
+
 TEST_F(QueuedPacketTest, IsNotRefusedAfterTheProxysEnd) {
-  hold(endedProxy())->refuse();
+  const auto packet = hold(endedProxy());
+  packet->refuse();
   EXPECT_EQ(application_.connectResult(kGenerous), 0);
 }
 
 TEST_F(QueuedPacketTest, IsNotRedirectedAfterTheProxysEnd) {
-  hold(endedProxy())->redirect(0);
+  const auto packet = hold(endedProxy());
+  packet->redirect(0);
   EXPECT_EQ(application_.connectResult(kGenerous), 0);
   EXPECT_EQ(origin_.acceptOne(kGenerous), application_.localPort());
 }
@@ -87,6 +113,18 @@ TEST_F(QueuedPacketTest, DoesNothingWhenTheQueueHasReleasedIt) {
   // The queue's owner ends the charge of what it releases.
   EXPECT_EQ(user_->held(), 1U);
   EXPECT_EQ(application_.connectResult(kGenerous), 0);
+}
+
+// Too late for a mark to redirect it.
+class QueuedPacketAfterFiltersTest : public QueuedPacketTest {
+ protected:
+  QueuedPacketAfterFiltersTest() : QueuedPacketTest(OfferPoint::afterFilters) {}
+};
+
+TEST_F(QueuedPacketAfterFiltersTest, ACopyIsRedirectedToTheLoop) {
+  const auto packet = hold(std::nullopt, *PacketResender::open());
+  packet->redirect(0);
+  expectArrivalAtTheLoop();
 }
 
 }  // namespace

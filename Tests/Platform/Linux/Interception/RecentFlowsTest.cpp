@@ -42,6 +42,20 @@ TEST(RecentFlows, DistinguishesARetransmissionFromANewConnection) {
   EXPECT_FALSE(flows.contains(packetFrom(4001, 7), kNow));
 }
 
+TEST(RecentFlows, KnowsNoFlowAtFirst) {
+  EXPECT_FALSE(RecentFlows(10).contains(packetFrom(4000), kNow));
+}
+
+// A search ends at a free place.
+TEST(RecentFlows, EndsTheSearchForAnUnknownFlowHoweverManyItKnows) {
+  constexpr std::uint16_t kCapacity = 1024;
+  RecentFlows flows(kCapacity);
+  for (std::uint16_t port = 1; port <= kCapacity; ++port) {
+    flows.remember(packetFrom(port), kNow);
+    EXPECT_FALSE(flows.contains(packetFrom(0), kNow));
+  }
+}
+
 TEST(RecentFlows, KeepsTCPForItsRetransmissionsAndUDPForHalfAMinute) {
   RecentFlows flows(10);
   flows.remember(packetFrom(4000), kNow);
@@ -68,8 +82,17 @@ TEST(RecentFlows, ForgetsExpiredFlows) {
   for (std::uint16_t port = 1; port <= 50; ++port) {
     flows.remember(datagramFrom(port), kNow);
   }
-  flows.remember(datagramFrom(99), kNow + 40s);
+  flows.remember(datagramFrom(99), kNow + 30s);
   EXPECT_EQ(flows.size(), 1U);
+}
+
+// Its clock starts with the first flow: otherwise it would begin anew one minute after this.
+TEST(RecentFlows, KeepsFlowsHoweverLongTheMachineHasBeenRunning) {
+  constexpr RecentFlows::TimePoint kAfterEightYears{std::chrono::seconds(1 << 28) - 60s};
+  RecentFlows flows(10);
+  flows.remember(packetFrom(4000), kAfterEightYears);
+  EXPECT_TRUE(flows.contains(packetFrom(4000), kAfterEightYears));
+  EXPECT_TRUE(flows.contains(packetFrom(4000), kAfterEightYears + 127s));
 }
 
 TEST(RecentFlows, KeepsAFlowThatIsRememberedAgain) {

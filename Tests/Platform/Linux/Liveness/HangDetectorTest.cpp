@@ -115,6 +115,12 @@ TEST_F(HangDetectorTest, AClockThatGoesBackRestartsTheMeasurement) {
   EXPECT_TRUE(observeAfter(1ns));
 }
 
+TEST_F(HangDetectorTest, TwoObservationsAtTheSameTimeDoNotRestartTheMeasurement) {
+  EXPECT_FALSE(observeFor(kLimit - 1ns));
+  EXPECT_FALSE(observeAfter(0ns));
+  EXPECT_TRUE(observeAfter(1ns));
+}
+
 TEST_F(HangDetectorTest, TheLimitMayChange) {
   EXPECT_FALSE(observeFor(kLimit - 1ns));
   now_ += kTick;
