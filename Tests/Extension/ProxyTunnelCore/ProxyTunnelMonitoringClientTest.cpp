@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <memory>
@@ -126,8 +127,10 @@ TEST_F(MonitoringClientEmit, KnowsWhetherThereIsAPath) {
   EXPECT_FALSE(make("")->hasSocketPath());
   const auto client = make(kPath);
   EXPECT_TRUE(client->hasSocketPath());
+  EXPECT_TRUE(client->counts().hasPath);
   client->updateSocketPath(" \t\n");
   EXPECT_FALSE(client->hasSocketPath());
+  EXPECT_FALSE(client->counts().hasPath);
 }
 
 TEST_F(MonitoringClientEmit, TrimsAnUpdatedPath) {
@@ -206,6 +209,22 @@ TEST_F(MonitoringClientEmit, LogsAFailureExplainsItAndContinues) {
                    "\"Went wrong\"",
                    "OstravelProxy monitoring events lost: 1 for /tmp/m.sock: Went wrong"}));
   EXPECT_EQ(simulation_.logLines(), Lines{});
+}
+
+TEST_F(MonitoringClientEmit, SaysWhenEventsAreDeliveredAgain) {
+  const auto client = make(kPath);
+  for (const char* const signal : {"one", "two"}) {
+    senderError_ = Error{"SomeDomain", 5, "Went wrong"};
+    client->emit(event(signal));
+    simulation_.run();
+  }
+  simulation_.advance(std::chrono::minutes(1));
+
+  client->emit(event("three"));
+  simulation_.run();
+
+  EXPECT_EQ(simulation_.systemLogLines().back(),
+            "OstravelProxy monitoring events lost: 1 for /tmp/m.sock: events are delivered again");
 }
 
 TEST_F(MonitoringClientEmit, LogsAnEventThatCannotBeEncodedAndSendsNothing) {
@@ -338,6 +357,8 @@ TEST_F(MonitoringClientBound, DropsAnEventThatIsLargerThanTheRoom) {
 
   EXPECT_EQ(sent_, Lines{"/tmp/m.sock small"});
   EXPECT_EQ(simulation_.systemLogLines(), Lines{droppedLine(1)});
+  EXPECT_EQ(client->counts().emitted, 2U);
+  EXPECT_EQ(client->counts().dropped, 1U);
 }
 
 TEST_F(MonitoringClientBound, CountsNothingWithoutAPath) {
@@ -440,6 +461,12 @@ TEST_F(SendFrameToSocket, RefusesAPathOf104BytesAfterHavingOpenedTheSocket) {
             (Error{"OstravelProxy", 1101, "Monitoring socket path too long"}));
 
   EXPECT_EQ(calls(), (Lines{openCall_, "close"}));
+}
+
+TEST_F(SendFrameToSocket, AcceptsDescriptorZero) {
+  sockets().answerNext(SocketCallKind::socket, {0, 0});
+
+  EXPECT_EQ(send("/tmp/m.sock", "frame"), std::nullopt);
 }
 
 TEST_F(SendFrameToSocket, FailsWithoutASocketAndClosesNothing) {

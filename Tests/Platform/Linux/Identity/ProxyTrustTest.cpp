@@ -253,6 +253,29 @@ TEST_F(ProxyTrustTest, ANewListenerIsTestedBeforeItIsTrusted) {
   }
 }
 
+TEST_F(ProxyTrustTest, NothingIsLeftOfTheListenerBefore) {
+  start();
+  {
+    const auto server = proxyOf(kRoot, OSTRAVEL_HELPER);
+    ASSERT_EQ(server->ask("answer HTTP/1.1 405 Not Allowed"), "done");
+    EXPECT_TRUE(isRefused(kRoot));
+  }
+  {
+    const std::string program = copyHelper(folder_, "server");
+    const auto server = proxyOf(kPerson, program);
+    ASSERT_EQ(server->ask("answer HTTP/1.1 404 Not Found"), "done");
+    waitUntilDescribed(server->pid());
+    EXPECT_TRUE(
+        waitUntil([this] { return proxy_->refresh(std::nullopt) == ProxyProcess::State::known; }));
+    EXPECT_FALSE(trust_->holdsFor(kRoot));
+    EXPECT_EQ(trust_->reason(), program + " (process " + std::to_string(server->pid()) +
+                                    ", user 54321) listens on port 8080 and is being tested");
+    EXPECT_TRUE(waitUntil([this] { return !holdsNow(kRoot) && warnings_.size() == 2; }));
+  }
+  const auto proxy = proxyOf(kRoot, OSTRAVEL_HELPER);
+  EXPECT_TRUE(holdsEventually(kRoot));
+}
+
 TEST_F(ProxyTrustTest, TheDiallerOfAChainIsPartOfTheProxy) {
   const std::string frontProgram = copyHelper(folder_, "front");
   const std::string lastProgram = copyHelper(folder_, "last");
