@@ -861,5 +861,13 @@ TEST_F(TunnelTimeout, HoldsNoWatchdogAfterTheHandshake) {
   EXPECT_TRUE(watchdog.expired());
 }
 
+// A close on another thread may have seen a handshake that is over when it asks for the watchdog.
+TEST_F(TunnelTimeout, HasAnIdleWatchdogAfterTheHandshake) {
+  make();
+  establish();
+
+  EXPECT_EQ(watchdogState(), WatchdogState::idle);
+}
+
 }  // namespace
 }  // namespace ostravel

@@ -265,7 +265,9 @@ TEST_F(MonitoringClientBound, DropsTheNewestEventsAndCountsThem) {
   const auto client = make(kPath);
 
   emitAll(*client, kMany);
+  EXPECT_LE(client->counts().waitingBytes, ProxyTunnelMonitoringClient::kMaxWaitingBytes);
   simulation_.run();
+  EXPECT_EQ(client->counts().waitingBytes, 0U);
 
   ASSERT_GT(sent_.size(), 1000U);
   ASSERT_LT(sent_.size(), static_cast<std::size_t>(kMany));

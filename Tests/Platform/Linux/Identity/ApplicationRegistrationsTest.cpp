@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -216,6 +218,21 @@ TEST_F(ApplicationRegistrationsTest, RejectsAnEndlessFile) {
   expectIgnored(": is ignored: it is not a regular file of at most 1 MiB");
 }
 
+TEST_F(ApplicationRegistrationsTest, ReadsAFileOfOneMebibyte) {
+  std::string text = kGood;
+  text.resize(1024 * 1024, ' ');
+  folder_.write("good.json", text);
+  EXPECT_EQ(load().identifierOf("/opt/good", {kRoot}), "com.example.good");
+  EXPECT_TRUE(warnings_.empty());
+}
+
+TEST_F(ApplicationRegistrationsTest, KnowsAllIdentifiers) {
+  folder_.write("a.json", R"({"/opt/a": "com.example.a", "/opt/b": "com.example.b"})");
+  auto identifiers = load().identifiers();
+  std::sort(identifiers.begin(), identifiers.end());
+  EXPECT_EQ(identifiers, (std::vector<std::string>{"com.example.a", "com.example.b"}));
+}
+
 TEST_F(ApplicationRegistrationsTest, ReportsTheirNumberAndCompleteness) {
   EXPECT_TRUE(load().isComplete());
   folder_.write("a.json", R"({"/opt/a": "a", "/opt/b": "b"})");
@@ -248,6 +265,22 @@ TEST_F(ApplicationRegistrationsTest, WarnsOfPathsUnderWhichNothingRuns) {
                     program + "\""}));
   EXPECT_TRUE(registrations.isComplete());
   EXPECT_EQ(registrations.identifierOf(absent, {kRoot}), "a");
+}
+
+TEST_F(ApplicationRegistrationsTest, WarnsOfPathsInTheirOrder) {
+  std::vector<std::string> paths;
+  std::string text;
+  for (char letter = 'a'; letter <= 'z'; ++letter) {
+    paths.push_back(folder_.path(std::string("absent-") + letter));
+    text += (text.empty() ? "{\"" : ",\n\"") + paths.back() + "\": \"x\"";
+  }
+  folder_.write("a.json", text + "}");
+  const auto registrations = load();
+  registrations.warnOfUselessPaths(LocalProcessTable());
+  ASSERT_EQ(warnings_.size(), paths.size());
+  for (std::size_t index = 0; index < paths.size(); ++index) {
+    EXPECT_NE(warnings_[index].find(paths[index]), std::string::npos) << warnings_[index];
+  }
 }
 
 TEST_F(ApplicationRegistrationsTest, AnUntrustedFolderIsNotComplete) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,7 @@ TEST(DNSMessageTest, ReadsTheQuestionOfAQuery) {
   EXPECT_EQ(parseDNSQuestion(query(7, "WWW.Example")), kQuestion);
   EXPECT_EQ(parseDNSQuestion(query(8, "a.b", kTypeAAAA)),
             (DNSQuestion{8, "a.b", AddressFamily::ipv6}));
+  EXPECT_EQ(parseDNSQuestion(query(7, "AZ.az")), (DNSQuestion{7, "az.az", AddressFamily::ipv4}));
 }
 
 TEST(DNSMessageTest, IgnoresQueriesThatAskForNoAddressOfAHost) {
@@ -51,6 +53,42 @@ TEST(DNSMessageTest, ReadsTheAddressesOfAnAnswer) {
             (Addresses{resolved("192.0.2.1", 60s), resolved("192.0.2.2", 90s)}));
 }
 
+TEST(DNSMessageTest, ReadsIPv6Addresses) {
+  const DNSQuestion question{7, "www.example", AddressFamily::ipv6};
+  const Bytes message = answerTo(7, "www.example", kTypeAAAA)
+                            .address("www.example", "192.0.2.1", 60)
+                            .address("www.example", "2001:db8::1", 60)
+                            .record("www.example", kTypeAAAA, 60, Bytes(15))
+                            .record("www.example", kTypeAAAA, 60, Bytes(17))
+                            .bytes();
+  EXPECT_EQ(parseDNSAnswer(message, question), Addresses{resolved("2001:db8::1", 60s)});
+}
+
+TEST(DNSMessageTest, ReadsAtMostSixtyFourRecords) {
+  constexpr std::size_t kMaximum = 64;
+  MessageBuilder message = answerTo(7, "www.example");
+  for (std::size_t count = 1; count <= kMaximum + 1; ++count) {
+    message.address("www.example", "192.0.2.1", 60);
+    EXPECT_EQ(parseDNSAnswer(message.bytes(), kQuestion).size(), std::min(count, kMaximum));
+  }
+}
+
+TEST(DNSMessageTest, FollowsAtMostFifteenAliases) {
+  constexpr int kMaximum = 15;
+  const auto answerWith = [](int aliases) {
+    MessageBuilder message = answerTo(7, "www.example");
+    std::string name = "www.example";
+    for (int number = 1; number <= aliases; ++number) {
+      const std::string next = "a" + std::to_string(number) + ".example";
+      message.alias(name, next, 60);
+      name = next;
+    }
+    return message.address(name, "192.0.2.1", 60).bytes();
+  };
+  EXPECT_EQ(parseDNSAnswer(answerWith(kMaximum), kQuestion), Addresses{resolved("192.0.2.1", 60s)});
+  EXPECT_TRUE(parseDNSAnswer(answerWith(kMaximum + 1), kQuestion).empty());
+}
+
 TEST(DNSMessageTest, FollowsAliasesInAnyOrderWithTheShortestLife) {
   const Bytes message = answerTo(7, "www.example")
                             .address("c.example", "192.0.2.1", 300)
@@ -67,6 +105,29 @@ TEST(DNSMessageTest, IgnoresAddressesOfOtherNames) {
                             .address("www.example", "2001:db8::1", 60)
                             .bytes();
   EXPECT_EQ(parseDNSAnswer(message, kQuestion), Addresses{resolved("192.0.2.2", 60s)});
+}
+
+TEST(DNSMessageTest, FollowsNoAliasOfANameThatHasAddresses) {
+  const Bytes message = answerTo(7, "www.example")
+                            .address("www.example", "192.0.2.1", 60)
+                            .alias("www.example", "b.example", 60)
+                            .address("b.example", "192.0.2.2", 60)
+                            .bytes();
+  EXPECT_EQ(parseDNSAnswer(message, kQuestion), Addresses{resolved("192.0.2.1", 60s)});
+}
+
+TEST(DNSMessageTest, NothingBehindAnAliasOfTheWrongSizeIsBelieved) {
+  Bytes message = answerTo(7, "www.example")
+                      .alias("a.example", "b.example", 60)
+                      .address("www.example", "192.0.2.1", 60)
+                      .bytes();
+  EXPECT_FALSE(parseDNSAnswer(message, kQuestion).empty());
+  // The size of the alias's data, in front of its name.
+  const std::size_t dataEnd =
+      answerTo(7, "www.example").alias("a.example", "b.example", 60).bytes().size();
+  const std::size_t lowByte = dataEnd - MessageBuilder::encodeName("b.example").size() - 1;
+  message[lowByte] = static_cast<std::byte>(std::to_integer<unsigned>(message[lowByte]) + 1U);
+  EXPECT_TRUE(parseDNSAnswer(message, kQuestion).empty());
 }
 
 TEST(DNSMessageTest, AnAliasOfItselfLeadsNowhere) {
@@ -121,6 +182,20 @@ TEST(DNSMessageTest, ALoopOfCompressionPointersIsDamage) {
   EXPECT_TRUE(parseDNSAnswer(message, kQuestion).empty());
 }
 
+TEST(DNSMessageTest, NothingBehindADamagedNameIsBelieved) {
+  Bytes message = answerTo(7, "www.example").address("www.example", "192.0.2.1", 60).bytes();
+  const std::size_t begin = answerTo(7, "www.example").bytes().size();
+  message[7] = std::byte{2};
+  // An owner that is a pointer to itself. Were it skipped, the rest could be read as the end of a
+  // record without data.
+  Bytes damaged(10);
+  damaged[0] = std::byte{0xC0};
+  damaged[1] = static_cast<std::byte>(begin);
+  message.insert(message.begin() + static_cast<std::ptrdiff_t>(begin), damaged.begin(),
+                 damaged.end());
+  EXPECT_TRUE(parseDNSAnswer(message, kQuestion).empty());
+}
+
 TEST(DNSMessageTest, ExpandsCompressedNames) {
   Bytes message = answerTo(7, "www.example").address("", "192.0.2.1", 60).bytes();
   // Replaces the record's owner, the root, by a pointer to the question.
@@ -148,6 +223,9 @@ TEST(DNSMessageTest, LongMessagesAreNotRead) {
   Bytes message = answerTo(7, "www.example").address("www.example", "192.0.2.1", 60).bytes();
   message.resize(kLongestDNSMessage);
   EXPECT_EQ(idOfDNSAnswer(message), 7);
+  Bytes question = query(7, "www.example");
+  question.resize(kLongestDNSMessage);
+  EXPECT_EQ(parseDNSQuestion(question), kQuestion);
   message.resize(kLongestDNSMessage + 1);
   EXPECT_FALSE(idOfDNSAnswer(message));
 }
@@ -159,16 +237,19 @@ TEST(DNSMessageTest, ReadsASingleRecord) {
   EXPECT_EQ(parseDNSRecord(record), resolved("192.0.2.1", 60s));
   record.pop_back();
   EXPECT_FALSE(parseDNSRecord(record));
+  Bytes other = MessageBuilder(0, 0).alias("www.example", "b.example", 60).bytes();
+  other.erase(other.begin(), other.begin() + static_cast<std::ptrdiff_t>(header.size()));
+  EXPECT_FALSE(parseDNSRecord(other));
 }
 
 TEST(DNSMessageTest, OnlyNamesOfOtherHostsAreUsable) {
   for (const std::string name :
-       {"www.example", "a-b.c_d.example", "xn--bcher-kva.example", "nas"}) {
+       {"www.example", "a-b.c_d.example", "xn--bcher-kva.example", "nas", "09.az"}) {
     EXPECT_TRUE(isUsableHostName(name)) << name;
   }
   for (const std::string name :
-       {"", ".", "a..b", ".a", "a.", "a b", "a\r\nb", "a:80", "[::1]", "192.0.2.1", "1.2.3.0x7f",
-        "localhost", "x.localhost", "caf\xC3\xA9.example"}) {
+       {"", ".", "a..b", ".a", "a.", "a b", "a\r\nb", "a:80", "a/b", "a`b", "a{b", "aZb", "[::1]",
+        "192.0.2.1", "a.109", "1.2.3.0x7f", "localhost", "x.localhost", "caf\xC3\xA9.example"}) {
     EXPECT_FALSE(isUsableHostName(name)) << name;
   }
   EXPECT_TRUE(isUsableHostName(std::string(63, 'a')));
