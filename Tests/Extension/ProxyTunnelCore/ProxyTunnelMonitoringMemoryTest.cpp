@@ -135,6 +135,21 @@ ProxyTunnelMonitoringEvent eventWithManyItems(platform::Platform& platform) {
   return {platform.uuidSource(), "s", std::nullopt, "info", "c", "m", metrics, context, 1.0, "t"};
 }
 
+// Most of its memory is that of texts; each one matters.
+ProxyTunnelMonitoringEvent eventWithLongTexts(platform::Platform& platform) {
+  const std::string text(3000, 'x');
+  return {platform.uuidSource(),
+          "s",
+          text,
+          "info",
+          "c",
+          "m",
+          ProxyTunnelMonitoringEvent::Metrics{{text, 1.0}},
+          ProxyTunnelMonitoringEvent::Context{{text, text}},
+          1.0,
+          "t"};
+}
+
 using MakeEvent = ProxyTunnelMonitoringEvent (*)(platform::Platform&);
 
 class MonitoringMemory : public ::testing::TestWithParam<MakeEvent> {};
@@ -190,7 +205,8 @@ TEST(MonitoringWrite, ThatBlocksHoldsUpLaterEventsAndNoEmitter) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Events, MonitoringMemory,
-                         ::testing::Values(&largeEvent, &smallEvent, &eventWithManyItems));
+                         ::testing::Values(&largeEvent, &smallEvent, &eventWithManyItems,
+                                           &eventWithLongTexts));
 
 }  // namespace
 }  // namespace ostravel

@@ -44,6 +44,11 @@ TEST(PacketParser, ReadsAddressesPortsAndSequenceNumberOfTCPOverIPv4) {
   EXPECT_EQ(packet->tuple.destination.addressText(), "192.0.2.10");
   EXPECT_EQ(packet->tuple.destination.port, 443);
   EXPECT_EQ(packet->initialSequence, 0x01020304U);
+  // Tuples are compared with all bytes of their addresses.
+  FlowTuple expected;
+  expected.source = {AddressFamily::ipv4, {10, 0, 0, 2}, 49152};
+  expected.destination = {AddressFamily::ipv4, {192, 0, 2, 10}, 443};
+  EXPECT_EQ(packet->tuple, expected);
 }
 
 TEST(PacketParser, ReadsUDPOverIPv6WithoutASequenceNumber) {
@@ -52,7 +57,9 @@ TEST(PacketParser, ReadsUDPOverIPv6WithoutASequenceNumber) {
   const auto packet = parse(bytes);
   ASSERT_TRUE(packet);
   EXPECT_EQ(packet->tuple.protocol, TransportProtocol::udp);
+  EXPECT_EQ(packet->tuple.source.family, AddressFamily::ipv6);
   EXPECT_EQ(packet->tuple.source.addressText(), "2001:db8::2");
+  EXPECT_EQ(packet->tuple.source.port, 49152);
   EXPECT_EQ(packet->tuple.destination.addressText(), "2001:db8::1");
   EXPECT_EQ(packet->initialSequence, 0U);
 }
@@ -75,12 +82,18 @@ TEST(PacketParser, SkipsIPv6ExtensionHeaders) {
   EXPECT_EQ(packet->tuple.source.port, 49152);
 }
 
-TEST(PacketParser, RefusesEndlessIPv6ExtensionHeaders) {
-  Bytes bytes = ipv6Header(kHopByHop);
-  for (int count = 0; count < 20; ++count) {
-    bytes.insert(bytes.end(), {kHopByHop, 0, 0, 0, 0, 0, 0, 0});
-  }
-  EXPECT_FALSE(parse(bytes));
+TEST(PacketParser, SkipsAtMostSevenIPv6ExtensionHeaders) {
+  const auto withHeaders = [](int headers) {
+    Bytes bytes = ipv6Header(kHopByHop);
+    for (int number = 1; number <= headers; ++number) {
+      const std::uint8_t next = number == headers ? kTCP : kHopByHop;
+      bytes.insert(bytes.end(), {next, 0, 0, 0, 0, 0, 0, 0});
+    }
+    bytes.insert(bytes.end(), kPorts.begin(), kPorts.end());
+    return bytes;
+  };
+  EXPECT_TRUE(parse(withHeaders(7)));
+  EXPECT_FALSE(parse(withHeaders(8)));
 }
 
 TEST(PacketParser, RefusesOtherProtocolsAndFragments) {
@@ -164,6 +177,14 @@ TEST(PacketParser, ReadsFlagsSequenceAndPayloadOfATCPSegment) {
   EXPECT_EQ(packet->flags, 0x12);
   EXPECT_EQ(packet->payload.size(), 2U);
   EXPECT_EQ(packet->payload[1], std::byte{'i'});
+  EXPECT_EQ(packet->payloadSize, 2U);
+  bytes.push_back('x');
+  EXPECT_EQ(parseTransport(bytes)->payload.size(), 2U);
+  bytes.resize(bytes.size() - 2);
+  EXPECT_EQ(parseTransport(bytes)->payloadSize, 2U);
+  // Not split up yet.
+  bytes[5] = 0;
+  EXPECT_EQ(parseTransport(bytes)->payloadSize, 1U);
 }
 
 TEST(PacketParser, APacketThatHasNotBeenSplitUpIsAsLongAsItIs) {
