@@ -235,6 +235,9 @@ TEST(DNSMessageTest, ReadsASingleRecord) {
   Bytes record = MessageBuilder(0, 0).address("www.example", "192.0.2.1", 60).bytes();
   record.erase(record.begin(), record.begin() + static_cast<std::ptrdiff_t>(header.size()));
   EXPECT_EQ(parseDNSRecord(record), resolved("192.0.2.1", 60s));
+  Bytes longest = record;
+  longest.resize(kLongestDNSMessage);
+  EXPECT_EQ(parseDNSRecord(longest), resolved("192.0.2.1", 60s));
   record.pop_back();
   EXPECT_FALSE(parseDNSRecord(record));
   Bytes other = MessageBuilder(0, 0).alias("www.example", "b.example", 60).bytes();
