@@ -97,8 +97,10 @@ TEST_F(ProxyProcessTest, IsFoundBeforeAllOthersIfItIsTheSender) {
   // through those of the crowd.
   constexpr ProxyProcess::SearchLimits kOneDescriptor{.work = 0ms, .longest = 0ms};
   useSearchLimits(kOneDescriptor);
+  // With a table of its own: a table carries out one search at a time.
+  LocalProcessTable processes;
   ProxyProcess withoutSender(
-      *diagnostics_, processes_, kPort, [](const std::string& /*warning*/) {}, kOneDescriptor);
+      *diagnostics_, processes, kPort, [](const std::string& /*warning*/) {}, kOneDescriptor);
   const auto deadline = std::chrono::steady_clock::now() + 60s;
   State state = State::unknown;
   while (state == State::unknown && std::chrono::steady_clock::now() < deadline) {
