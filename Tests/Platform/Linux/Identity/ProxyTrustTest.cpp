@@ -256,9 +256,14 @@ TEST_F(ProxyTrustTest, ANewListenerIsTestedBeforeItIsTrusted) {
 TEST_F(ProxyTrustTest, NothingIsLeftOfTheListenerBefore) {
   start();
   {
+    const auto proxy = proxyOf(kRoot, OSTRAVEL_HELPER);
+    EXPECT_TRUE(holdsEventually(kRoot));
+  }
+  {
     const auto server = proxyOf(kRoot, OSTRAVEL_HELPER);
     ASSERT_EQ(server->ask("answer HTTP/1.1 405 Not Allowed"), "done");
     EXPECT_TRUE(isRefused(kRoot));
+    EXPECT_FALSE(trust_->takeNews());
   }
   {
     const std::string program = copyHelper(folder_, "server");
