@@ -497,7 +497,7 @@ TEST_F(FlowDispatchIdentifiers, TheTableKeepsTheLaterOfTwoTunnelsWithTheSameIden
   takeFlow();
   EXPECT_EQ(peer().activeTunnelCount(), 1U);
 
-  // Nothing else holds it yet.
+  // The table alone holds the tunnel, which alone holds its connection.
   ASSERT_NE(simulation_.connection(1), nullptr);
   establish(1);
 

@@ -231,18 +231,19 @@ TEST(DNSMessageTest, LongMessagesAreNotRead) {
 }
 
 TEST(DNSMessageTest, ReadsASingleRecord) {
-  const Bytes header = MessageBuilder(0, 0).bytes();
-  Bytes record = MessageBuilder(0, 0).address("www.example", "192.0.2.1", 60).bytes();
-  record.erase(record.begin(), record.begin() + static_cast<std::ptrdiff_t>(header.size()));
+  const auto recordIn = [](const MessageBuilder& message) {
+    const Bytes bytes = message.bytes();
+    const auto header = static_cast<std::ptrdiff_t>(MessageBuilder(0, 0).bytes().size());
+    return Bytes(bytes.begin() + header, bytes.end());
+  };
+  Bytes record = recordIn(MessageBuilder(0, 0).address("www.example", "192.0.2.1", 60));
   EXPECT_EQ(parseDNSRecord(record), resolved("192.0.2.1", 60s));
   Bytes longest = record;
   longest.resize(kLongestDNSMessage);
   EXPECT_EQ(parseDNSRecord(longest), resolved("192.0.2.1", 60s));
   record.pop_back();
   EXPECT_FALSE(parseDNSRecord(record));
-  Bytes other = MessageBuilder(0, 0).alias("www.example", "b.example", 60).bytes();
-  other.erase(other.begin(), other.begin() + static_cast<std::ptrdiff_t>(header.size()));
-  EXPECT_FALSE(parseDNSRecord(other));
+  EXPECT_FALSE(parseDNSRecord(recordIn(MessageBuilder(0, 0).alias("a.example", "b.example", 60))));
 }
 
 TEST(DNSMessageTest, OnlyNamesOfOtherHostsAreUsable) {
