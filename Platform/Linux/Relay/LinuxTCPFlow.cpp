@@ -23,6 +23,7 @@ LinuxTCPFlow::LinuxTCPFlow(EventLoop& loop, const SocketEndpoint& source,
       record_(std::move(record)) {}
 
 LinuxTCPFlow::~LinuxTCPFlow() {
+  prepareReset();
   // Ignored if the end has already been reported.
   record_->ended(platform::FlowEnd::abandoned, "");
 }
@@ -139,6 +140,13 @@ void LinuxTCPFlow::endHeld(const OptionalError& error) {
   packet_.reset();
 }
 
+// Destroying a socket that is still open resets the connection, too.
+void LinuxTCPFlow::prepareReset() {
+  if (RedirectPath* const path = loop().redirectPath(); isOpen() && path != nullptr) {
+    path->prepareReset(tuple());
+  }
+}
+
 void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
   if (stage_ == Stage::ended || isClosed(direction)) {
     return;
@@ -148,10 +156,7 @@ void LinuxTCPFlow::close(Direction direction, const OptionalError& error) {
     endHeld(error);
   }
   if (isHeld || error) {
-    if (RedirectPath* const path = loop().redirectPath();
-        stage_ == Stage::carried && path != nullptr) {
-      path->prepareReset(tuple());
-    }
+    prepareReset();
     stage_ = Stage::ended;
     fail(socketError(ECANCELED));
     return;

@@ -67,6 +67,7 @@ class LinuxTCPFlow final : public platform::AppProxyTCPFlow,
   void leaveHeld();
   void close(Direction direction, const platform::OptionalError& error);
   void endHeld(const platform::OptionalError& error);
+  void prepareReset();
 
   const SocketEndpoint& destination() const { return record_->destination(); }
   FlowTuple tuple() const override;

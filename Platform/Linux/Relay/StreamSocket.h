@@ -52,6 +52,8 @@ class StreamSocket : private Poller::Client, public std::enable_shared_from_this
   ~StreamSocket();
 
   const Reference<UserShare>& user() const { return socket_.user(); }
+  // There is a socket, and it is connected.
+  bool isOpen() const { return socket_.isOpen() && !isConnecting_; }
 
   // socket is connected. Starts the waiting operations, and ends the directions that have already
   // been closed in order.
@@ -127,8 +129,6 @@ class StreamSocket : private Poller::Client, public std::enable_shared_from_this
   }
   void spendOfTurn(std::size_t bytes) const { loop().turns().spend(user().get(), bytes); }
 
-  // There is a socket, and it is connected.
-  bool isOpen() const { return socket_.isOpen() && !isConnecting_; }
   // Count the application's bytes, in stream order.
   void countRead(std::size_t bytes) const;
   void countWritten(std::size_t bytes) const;

@@ -8,9 +8,11 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Relay/PipeChunk.h"
+#include "Platform/Linux/Relay/RedirectPath.h"
 #include "Tests/Platform/Linux/Relay/Support/RelayTest.h"
 
 namespace ostravel::linuxplatform::test {
@@ -303,6 +305,40 @@ TEST_F(LinuxTCPFlowTest, AFailedWriteIsNotFollowedByAnOrderlyEnd) {
   const auto outcome = read(*carried.flow);
   EXPECT_TRUE(outcome.error);
   EXPECT_FALSE(outcome.isEnd());
+}
+
+// Counts the resets of connections that have arrived.
+class ResetWatcher final : public RedirectPath::Watcher {
+ public:
+  void connectionIsMissing(unsigned /*loopIndex*/, const FlowTuple& /*tuple*/) override {}
+  void connectionWillBeReset(const FlowTuple& tuple) override { reset_.push_back(tuple); }
+  void connectionsCannotBeAccepted(unsigned /*loopIndex*/, AddressFamily /*family*/,
+                                   int /*error*/) override {}
+
+  std::vector<FlowTuple> reset_;
+};
+
+TEST_F(LinuxTCPFlowTest, AnnouncesResets) {
+  const auto watcher = std::make_shared<ResetWatcher>();
+  loops_.redirectPath().setWatcher(watcher);
+  CarriedFlow closed = carryFlow();
+  CarriedFlow destroyed = carryFlow();
+  CarriedFlow ended = carryFlow();
+  onLoop([&] {
+    closed.flow->closeRead(platform::posixError(ETIMEDOUT, "too late"));
+    closed.flow->closeWrite(platform::posixError(ETIMEDOUT, "too late"));
+  });
+  EXPECT_EQ(watcher->reset_, std::vector{tupleOf(closed.application.local())});
+  onLoop([&] { destroyed.flow.reset(); });
+  EXPECT_EQ(watcher->reset_, (std::vector{tupleOf(closed.application.local()),
+                                          tupleOf(destroyed.application.local())}));
+  onLoop([&] {
+    ended.flow->closeRead(std::nullopt);
+    ended.flow->closeWrite(std::nullopt);
+    ended.flow.reset();
+    closed.flow.reset();
+  });
+  EXPECT_EQ(watcher->reset_.size(), 2U);
 }
 
 TEST_F(LinuxTCPFlowTest, ClosingBothDirectionsEndsInOrder) {
