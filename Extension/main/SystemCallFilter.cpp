@@ -171,6 +171,9 @@ constexpr std::array kPermittedForGuardian{
     "rt_sigaction", "rt_sigprocmask", "rt_sigreturn", "sched_yield",
     "sigaltstack",  "tgkill",         "write"};
 
+constexpr std::array kUseOfNetlink{"bind",    "getsockname", "recvfrom",  "recvmsg",
+                                   "sendmsg", "sendto",      "setsockopt"};
+
 struct Release {
   void operator()(void* filter) const { ::seccomp_release(filter); }
 };
@@ -221,14 +224,23 @@ bool permitReading(void* filter) {
   });
 }
 
-// Local datagrams, for the service manager.
-bool permitNotifications(void* filter) {
-  const scmp_arg_cmp isLocal{
-      .arg = 0, .op = SCMP_CMP_EQ, .datum_a = static_cast<scmp_datum_t>(AF_UNIX), .datum_b = 0};
+bool permitSockets(void* filter, int family) {
+  const scmp_arg_cmp isOfFamily{
+      .arg = 0, .op = SCMP_CMP_EQ, .datum_a = static_cast<scmp_datum_t>(family), .datum_b = 0};
   const int result =
-      ::seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(socket), 1, &isLocal);
+      ::seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(socket), 1, &isOfFamily);
   errno = -result;
   return result == 0;
+}
+
+// For a process that has no other sockets.
+bool permitNetlink(void* filter) {
+  return permitSockets(filter, AF_NETLINK) && add(filter, SCMP_ACT_ALLOW, kUseOfNetlink);
+}
+
+// Local datagrams, for the service manager.
+bool permitNotifications(void* filter) {
+  return permitSockets(filter, AF_UNIX);
 }
 
 bool load(void* filter) {
@@ -287,7 +299,7 @@ platform::OptionalError SystemCallFilter::restrictGuardian() {
   const Filter filter = makeFilter(SCMP_ACT_ERRNO(ENOSYS));
   return outcome(filter && add(filter.get(), SCMP_ACT_ALLOW, kPermittedForGuardian) &&
                  add(filter.get(), SCMP_ACT_KILL_PROCESS, kDeadly) && permitReading(filter.get()) &&
-                 load(filter.get()));
+                 permitNetlink(filter.get()) && load(filter.get()));
 }
 
 }  // namespace ostravel::linuxplatform

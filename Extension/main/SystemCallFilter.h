@@ -32,7 +32,8 @@ class SystemCallFilter {
   // connected or listened to. What ends the extension ends it too.
   static platform::OptionalError restrictInspector();
 
-  // For the calling process, which has one thread: it watches the extension, and may end it.
+  // For the calling process, which has one thread: it watches the extension, may end it, and may
+  // talk to the kernel by netlink.
   static platform::OptionalError restrictGuardian();
 };
 

@@ -34,8 +34,10 @@
 #include "Extension/main/SystemCallFilter.h"
 #include "Extension/main/SystemCheck.h"
 #include "Platform/Linux/Control/ControlServer.h"
+#include "Platform/Linux/Kernel/ConntrackEntries.h"
 #include "Platform/Linux/Kernel/NetfilterBatch.h"
 #include "Platform/Linux/Kernel/PacketResender.h"
+#include "Platform/Linux/Kernel/SocketDiagnostics.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/LinuxProviderContext.h"
 #include "Platform/Linux/Liveness/Guardian.h"
@@ -177,10 +179,29 @@ platform::OptionalError restrictSystemCalls(platform::OptionalError (*restrict)(
 #endif
 }
 
+// While other programs have the kernel track connections, those that the extension has redirected
+// are remembered for seconds after a kill has reset them: new ones with the same addresses and
+// ports would be redirected to a listener that is gone.
+linuxplatform::Guardian::CleanUp forgetRedirections() {
+  // Opened now, because that takes more permissions than its use.
+  auto opened = linuxplatform::SocketDiagnostics::open();
+  if (!opened) {
+    return [] {};
+  }
+  return [diagnostics = std::shared_ptr(*std::move(opened))] {
+    linuxplatform::ConntrackEntries().removeDeadRedirections(
+        [&diagnostics](const linuxplatform::SocketEndpoint& endpoint) {
+          return diagnostics->mayHaveListener(endpoint);
+        });
+  };
+}
+
 // Failures are ignored: the guardian watches with more permissions as well.
-void restrictGuardian(linuxplatform::Privileges::Inspection inspection) {
+linuxplatform::Guardian::CleanUp prepareGuardian(linuxplatform::Privileges::Inspection inspection) {
+  auto cleanUp = forgetRedirections();
   static_cast<void>(linuxplatform::Privileges::giveUpUnused(inspection));
   static_cast<void>(restrictSystemCalls(linuxplatform::SystemCallFilter::restrictGuardian));
+  return cleanUp;
 }
 
 // The filter of the process is in effect, so these of its threads can be installed too.
@@ -220,7 +241,7 @@ int run(int argc, char** argv) {
     }
     guardian = linuxplatform::Guardian::start(
         record, guardedSocket ? linuxplatform::descriptorOf(*guardedSocket) : -1,
-        [inspection] { restrictGuardian(inspection); });
+        [inspection] { return prepareGuardian(inspection); });
   }
   const auto configuration =
       linuxplatform::readProviderConfiguration(commandLine.options->configurationPath);

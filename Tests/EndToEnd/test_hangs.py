@@ -207,7 +207,9 @@ def test_the_guardian_is_small(laboratory):
         for name in os.listdir(f"/proc/{guardian}/fd")
     }
     assert opened["2"] == os.readlink(f"/proc/{extension.pid}/fd/2")
-    assert opened.keys() == {"2", "3", "4"}
+    assert opened.keys() == {"0", "2", "3", "4"}
+    # To look up listeners at the end; it takes the free place of standard input.
+    assert opened["0"].startswith("socket:")
     assert opened["3"] == "anon_inode:[pidfd]"
     # The one of the table that lasts until the extension has ended.
     assert opened["4"].startswith("socket:")

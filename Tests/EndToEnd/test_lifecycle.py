@@ -74,6 +74,37 @@ def test_after_a_kill_every_flow_is_direct(laboratory, host, here):
     held.close()
 
 
+@BOTH_FAMILIES
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM])
+def test_after_the_end_the_port_of_a_tunnel_can_be_used_again(laboratory, host, here, number):
+    """Rules of other programs, such as Docker's, have the kernel track what has ended."""
+    own_address = ("", 40123)
+    laboratory.serve(80, tell_peer)
+    laboratory.here.run(
+        "nft", "-f", "-",
+        given="""table inet other {
+          chain out {
+            type nat hook output priority 100;
+            tcp dport 5353 redirect
+          }
+        }""",
+    )  # fmt: skip
+    _, extension = laboratory.start_system()
+    with laboratory.socket(host) as carried:
+        carried.bind(own_address)
+        carried.connect((host, 80))
+        carried.settimeout(20)
+        # Until the guardian has ended as well, which holds standard error, too.
+        extension.stop(number)
+        with pytest.raises(ConnectionResetError):
+            carried.recv(1)
+    with laboratory.socket(host) as application:
+        application.bind(own_address)
+        application.settimeout(20)
+        application.connect((host, 80))
+        check_is_direct(application, here)
+
+
 def test_it_can_be_restarted_after_a_kill(laboratory):
     _, extension = laboratory.start_system()
     for _ in range(3):

@@ -172,10 +172,8 @@ RedirectSupervisor::RedirectSupervisor(EventLoopGroup& loops,
     diagnostics_ = *std::move(opened);
     // Entries left by a killed predecessor. Its rules, and with them connection tracking,
     // disappeared before the connections ended, so the kernel may keep the entries for days.
-    ConntrackEntries().removeDeadRedirections([this](const SocketEndpoint& endpoint) {
-      const auto answer = diagnostics_->findListener(endpoint);
-      return !answer || answer->has_value();
-    });
+    ConntrackEntries().removeDeadRedirections(
+        [this](const SocketEndpoint& endpoint) { return diagnostics_->mayHaveListener(endpoint); });
   }
 }
 

@@ -144,6 +144,11 @@ SocketDiagnostics::Answer SocketDiagnostics::findListener(const SocketEndpoint& 
              isLoopback(local) ? kLoopbackInterface : 0);
 }
 
+bool SocketDiagnostics::mayHaveListener(const SocketEndpoint& local) {
+  const auto answer = findListener(local);
+  return !answer || answer->has_value();
+}
+
 SocketDiagnostics::Answer SocketDiagnostics::ask(TransportProtocol protocol,
                                                  const SocketEndpoint& local,
                                                  const SocketEndpoint& remote,

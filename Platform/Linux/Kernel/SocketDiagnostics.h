@@ -49,6 +49,8 @@ class SocketDiagnostics {
   // The socket that a TCP connection to this address would reach. If local is a loopback address,
   // the connection uses the loopback interface.
   Answer findListener(const SocketEndpoint& local);
+  // True as well if it is unknown.
+  bool mayHaveListener(const SocketEndpoint& local);
 
  private:
   struct SocketRelease {

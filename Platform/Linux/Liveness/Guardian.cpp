@@ -18,6 +18,7 @@ extern "C" {
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <new>
 #include <span>
 #include <sstream>
 #include <string>
@@ -170,18 +171,17 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
 }
 
 // The kill comes first: nothing may delay it.
-[[noreturn]] void kill(const std::string& culprit, std::chrono::seconds limit) {
+void kill(const std::string& culprit, std::chrono::seconds limit) {
   if (::pidfd_send_signal(kExtension, SIGKILL, nullptr, 0) == 0) {
     writeLine("ostravel-extension: killed: no heartbeat for " + std::to_string(limit.count()) +
               " s: " + culprit + " made no progress\n");
   }
-  // The last file stays open until then.
   constexpr auto kForever = -1ms;
   waitForEnd(kForever);
-  ::_exit(EXIT_SUCCESS);
 }
 
-[[noreturn]] void watch(pid_t extension, const HeartbeatRecord& record) {
+// Returns when the extension has ended.
+void watch(pid_t extension, const HeartbeatRecord& record) {
   HangDetector heartbeat(Clock::now(), record.beats());
   HangDetector checks(Clock::now(), record.checks());
   StarvationDetector starvation("/proc/" + std::to_string(extension) + "/task");
@@ -201,13 +201,21 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
     if (isMissing && heartbeat.silence() >= longest) {
       const auto extent = isCheckMissing ? Extent::wholeProcess : Extent::participants;
       kill(describe(record, extent), longest);
+      return;
     }
   }
-  ::_exit(EXIT_SUCCESS);
+}
+
+// Without memory nothing can be cleaned up.
+void run(const Guardian::CleanUp& cleanUp) {
+  try {
+    cleanUp();
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 [[noreturn]] void guard(pid_t process, int extension, int lastFile, const HeartbeatRecord& record,
-                        const std::function<void()>& giveUp) {
+                        const std::function<Guardian::CleanUp()>& prepare) {
   keepOnlyStandardErrorAnd(extension, lastFile);
   ignoreRequestsToEnd();
   takeName();
@@ -216,14 +224,18 @@ std::string describe(const HeartbeatRecord& record, Extent extent) {
   [[maybe_unused]] const int changed = ::chdir("/");
   leaveControlGroup();
   raisePriority();
-  giveUp();
+  const Guardian::CleanUp cleanUp = prepare();
   watch(process, record);
+  // The next extension may be waiting for it.
+  ::close(kLastFile);
+  run(cleanUp);
+  ::_exit(EXIT_SUCCESS);
 }
 
 }  // namespace
 
 platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record, int lastFile,
-                                           const std::function<void()>& giveUp) {
+                                           const std::function<CleanUp()>& prepare) {
   // Opened before the fork, so that it cannot refer to a later process with the same number.
   const pid_t self = ::getpid();
   const FileDescriptor extension(::pidfd_open(self, 0));
@@ -235,7 +247,7 @@ platform::Result<Guardian> Guardian::start(const HeartbeatRecord& record, int la
     return platform::systemCallError(errno, "fork");
   }
   if (process == 0) {
-    guard(self, extension.get(), lastFile, record, giveUp);
+    guard(self, extension.get(), lastFile, record, prepare);
   }
   return Guardian(process);
 }

@@ -24,7 +24,8 @@ namespace ostravel::linuxplatform {
 // machine.
 //
 // It holds standard error, the extension's pidfd(2), the record and one file of the extension,
-// which stays open until the extension has closed all of its own; no other files.
+// which stays open until the extension has closed all of its own; no other files, except those that
+// it opens for cleaning up.
 class Guardian {
  public:
   // How long the extension may go without a heartbeat. No packet is held while it starts, and every
@@ -38,14 +39,17 @@ class Guardian {
   // and any user could cause that with enough busy processes.
   static constexpr std::chrono::seconds kStarvedLimit{10};
 
+  using CleanUp = std::function<void()>;
+
   // Forks. Called once, by the process to be guarded, before it has a second thread and before it
   // allocates much memory, which the guardian would copy. The record outlives both. lastFile: a
   // descriptor that stays the caller's; -1 for none.
   //
-  // giveUp runs in the guardian once it only needs the permissions to watch and to kill.
+  // prepare runs in the guardian once it only needs the permissions to watch, to kill, and for what
+  // prepare returns: cleaning up after the extension has ended, for any reason.
   static platform::Result<Guardian> start(
       const HeartbeatRecord& record, int lastFile = -1,
-      const std::function<void()>& giveUp = [] {});
+      const std::function<CleanUp()>& prepare = [] { return [] {}; });
 
   // True, once, if the guardian has ended, which it never does while the extension runs. Cheap;
   // call it after SIGCHLD.

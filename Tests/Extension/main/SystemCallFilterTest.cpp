@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -209,6 +210,29 @@ TEST(SystemCallFilter, TheGuardianWatchesAndKills) {
                   // There is no such descriptor; the kernel says so, not the filter.
                   const auto kill = ::syscall(SYS_pidfd_send_signal, -1, SIGKILL, nullptr, 0);
                   return canLook && errorOf(kill) == EBADF ? 0 : 1;
+                },
+                SystemCallFilter::restrictGuardian),
+            0);
+}
+
+TEST(SystemCallFilter, TheGuardianAsksTheKernel) {
+  EXPECT_EQ(endOf(
+                [] {
+                  const int socket = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
+                  sockaddr_nl kernel{};
+                  kernel.nl_family = AF_NETLINK;
+                  const auto* const address = reinterpret_cast<const sockaddr*>(&kernel);
+                  nlmsghdr request{};
+                  request.nlmsg_len = sizeof request;
+                  request.nlmsg_type = NLMSG_NOOP;
+                  request.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+                  std::array<char, 256> answer{};
+                  return ::bind(socket, address, sizeof kernel) == 0 &&
+                                 ::sendto(socket, &request, sizeof request, 0, address,
+                                          sizeof kernel) == sizeof request &&
+                                 ::recv(socket, answer.data(), answer.size(), 0) > 0
+                             ? 0
+                             : 1;
                 },
                 SystemCallFilter::restrictGuardian),
             0);

@@ -240,6 +240,16 @@ TEST_F(SocketDiagnosticsTest, AnAcknowledgementDoesNotAnswerAQuery) {
   EXPECT_EQ(answer.error().code, EPROTO);
 }
 
+TEST_F(SocketDiagnosticsTest, AnAddressMayHaveAListenerIfTheKernelDoesNotSay) {
+  const auto bound = makeSocket(AF_INET, SOCK_STREAM);
+  ASSERT_TRUE(bindTo(bound, AF_INET, loopbackIPv4(0)));
+  EXPECT_TRUE(diagnostics_->mayHaveListener(loopbackIPv4(portOf(listener_))));
+  EXPECT_FALSE(diagnostics_->mayHaveListener(loopbackIPv4(portOf(bound))));
+  const AlteredAnswers nothing(
+      [](const std::vector<char>& /*sent*/) { return std::vector<NetlinkAnswer>(); });
+  EXPECT_TRUE(diagnostics_->mayHaveListener(loopbackIPv4(portOf(bound))));
+}
+
 TEST_F(SocketDiagnosticsTest, AListenerIsNotTheSenderOfAFlow) {
   expectNothing(diagnostics_->find(flowOverIPv4(TransportProtocol::tcp, portOf(listener_), 443),
                                    kAnyInterface));

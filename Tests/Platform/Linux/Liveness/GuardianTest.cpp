@@ -15,7 +15,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <new>
 #include <string>
+#include <string_view>
 
 #include "Base/FileDescriptor.h"
 #include "Tests/Platform/Linux/Support/FailingCalls.h"
@@ -35,13 +37,15 @@ constexpr auto kLateness = 30s;
 class Guarded {
  public:
   // Runs work in the guarded process, which then exits with status 0.
-  explicit Guarded(std::function<void(HeartbeatRecord&, Guardian&)> work, int lastFile = -1) {
+  explicit Guarded(
+      std::function<void(HeartbeatRecord&, Guardian&)> work, int lastFile = -1,
+      const std::function<Guardian::CleanUp()>& prepare = [] { return [] {}; }) {
     process_ = ::fork();
     if (process_ == 0) {
       ::dup2(errors_.input(), STDERR_FILENO);
       errors_.closeInput();
       HeartbeatRecord record;
-      if (auto guardian = Guardian::start(record, lastFile)) {
+      if (auto guardian = Guardian::start(record, lastFile, prepare)) {
         work(record, *guardian);
         ::_exit(EXIT_SUCCESS);
       }
@@ -204,6 +208,65 @@ TEST(GuardianTest, KeepsTheLastFileUntilItsProcessHasEnded) {
   EXPECT_EQ(::poll(&end, 1, 100), 0);
   ::kill(guarded.process(), SIGKILL);
   EXPECT_EQ(::read(last.output(), &byte, 1), 0);
+}
+
+void writeError(std::string_view text) {
+  [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());
+}
+
+Guardian::CleanUp cleanUpVisibly() {
+  return [] { writeError("cleaned up\n"); };
+}
+
+TEST(GuardianTest, CleansUpAfterTheEnd) {
+  constexpr int kNoFile = -1;
+  Guarded guarded(
+      [](HeartbeatRecord& /*record*/, Guardian& /*guardian*/) { writeError("running\n"); }, kNoFile,
+      cleanUpVisibly);
+  EXPECT_EQ(guarded.wait(), 0);
+  EXPECT_EQ(guarded.readErrors(), "running\ncleaned up\n");
+}
+
+int countFiles() {
+  constexpr int kMore = 16;
+  int count = 0;
+  for (int descriptor = 0; descriptor < kMore; ++descriptor) {
+    count += ::fcntl(descriptor, F_GETFD) >= 0 ? 1 : 0;
+  }
+  return count;
+}
+
+TEST(GuardianTest, ClosesTheLastFileBeforeItCleansUp) {
+  testing::TestPipe last;
+  const auto prepare = [] {
+    return [before = countFiles()] {
+      writeError(std::to_string(before - countFiles()) + " closed\n");
+    };
+  };
+  Guarded guarded([](HeartbeatRecord& /*record*/, Guardian& /*guardian*/) {}, last.input(),
+                  prepare);
+  EXPECT_EQ(guarded.wait(), 0);
+  EXPECT_EQ(guarded.readErrors(), "1 closed\n");
+}
+
+TEST(GuardianTest, CleansUpAfterItsKill) {
+  constexpr int kNoFile = -1;
+  Guarded guarded(
+      [](HeartbeatRecord& record, Guardian& /*guardian*/) {
+        record.enter(Phase::running);
+        hang();
+      },
+      kNoFile, cleanUpVisibly);
+  EXPECT_TRUE(isKilled(guarded.wait()));
+  EXPECT_TRUE(guarded.readErrors().ends_with("made no progress\ncleaned up\n"));
+}
+
+TEST(GuardianTest, EndsWithoutCleaningUpIfMemoryIsShort) {
+  constexpr int kNoFile = -1;
+  Guarded guarded([](HeartbeatRecord& /*record*/, Guardian& /*guardian*/) {}, kNoFile,
+                  [] { return [] { throw std::bad_alloc(); }; });
+  EXPECT_EQ(guarded.wait(), 0);
+  EXPECT_EQ(guarded.readErrors(), "");
 }
 
 TEST(GuardianTest, ItsEndIsReportedOnce) {
