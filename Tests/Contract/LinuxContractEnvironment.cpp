@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "Platform/Linux/Kernel/ConntrackEntries.h"
 #include "Platform/Linux/Kernel/FlowTuple.h"
 #include "Platform/Linux/Kernel/KernelAddress.h"
 #include "Platform/Linux/Relay/EventLoop.h"
@@ -52,6 +53,25 @@ std::unique_ptr<linuxplatform::InterceptionTable> installTable(
   }
   return *std::move(installed);
 }
+
+// The kernel keeps the entry of a connection that its relay has reset for ten seconds, and would
+// redirect a new one with the same addresses and ports like that one: to another loop, or to the
+// listener of an earlier test.
+void forgetEarlierRedirections() {
+  linuxplatform::ConntrackEntries().removeDeadRedirections(
+      [](const linuxplatform::SocketEndpoint& /*endpoint*/) { return false; });
+}
+
+class ResetWatcher final : public linuxplatform::RedirectPath::Watcher {
+ public:
+  void connectionIsMissing(unsigned /*loopIndex*/,
+                           const linuxplatform::FlowTuple& /*tuple*/) override {}
+  void connectionWillBeReset(const linuxplatform::FlowTuple& tuple) override {
+    linuxplatform::ConntrackEntries().allowReopening(tuple);
+  }
+  void connectionsCannotBeAccepted(unsigned /*loopIndex*/, linuxplatform::AddressFamily /*family*/,
+                                   int /*error*/) override {}
+};
 
 // The held SYN of a played application.
 class PlayedPacket final : public linuxplatform::HeldPacket {
@@ -98,7 +118,10 @@ linuxplatform::SocketEndpoint loopback(std::uint16_t port) {
 LinuxContractEnvironment::LinuxContractEnvironment()
     : platform_({linuxplatform::LinuxPlatform::LogSink::standardError}),
       loops_(descriptors_, kLoops),
-      table_(installTable(loops_)) {
+      table_(installTable(loops_)),
+      watcher_(std::make_shared<ResetWatcher>()) {
+  forgetEarlierRedirections();
+  loops_.redirectPath().setWatcher(watcher_);
   for (const auto family :
        {linuxplatform::AddressFamily::ipv4, linuxplatform::AddressFamily::ipv6}) {
     loops_.redirectPath().setUsable(family, true);

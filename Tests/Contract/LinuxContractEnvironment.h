@@ -5,6 +5,7 @@
 #include "Platform/Linux/Interception/InterceptionTable.h"
 #include "Platform/Linux/LinuxPlatform.h"
 #include "Platform/Linux/Relay/EventLoopGroup.h"
+#include "Platform/Linux/Relay/RedirectPath.h"
 #include "Platform/Linux/Services/DescriptorBudget.h"
 #include "Tests/Contract/SocketContractEnvironment.h"
 
@@ -29,6 +30,8 @@ class LinuxContractEnvironment final : public SocketContractEnvironment {
   linuxplatform::DescriptorBudget descriptors_;
   linuxplatform::EventLoopGroup loops_;
   std::unique_ptr<linuxplatform::InterceptionTable> table_;
+  // The group holds it weakly.
+  const std::shared_ptr<linuxplatform::RedirectPath::Watcher> watcher_;
   unsigned nextLoop_ = 0;
 };
 
