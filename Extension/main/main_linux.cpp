@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "Base/FileDescriptor.h"
@@ -215,6 +216,29 @@ void restrictRelays(linuxplatform::EventLoopGroup& loops,
   }
 }
 
+// To reset thousands of tunnels may take longer than the guardian waits for a step. While there are
+// fewer and fewer, it goes on.
+void stopProvider(PacketTunnelProvider& provider,
+                  const linuxplatform::DescriptorBudget& descriptors,
+                  linuxplatform::HeartbeatRecord& record) {
+  // On this thread if there can be no other.
+  auto stopping = std::async([&provider] {
+    std::promise<void> stopped;
+    provider.stopProxy(platform::ProviderStopReason::userInitiated,
+                       [&stopped] { stopped.set_value(); });
+    stopped.get_future().wait();
+  });
+  constexpr auto kInterval = linuxplatform::Guardian::kStopLimit / 8.0;
+  std::size_t inUse = descriptors.inUse();
+  while (stopping.wait_for(kInterval) == std::future_status::timeout) {
+    const std::size_t before = std::exchange(inUse, descriptors.inUse());
+    if (inUse < before) {
+      record.beat();
+    }
+  }
+  stopping.get();
+}
+
 int run(int argc, char** argv) {
   const auto commandLine = CommandLine::parse(argc, argv);
   if (!commandLine.options) {
@@ -384,10 +408,7 @@ int run(int argc, char** argv) {
   controlSocket.reset();
   // From now on each finished step is a beat.
   heartbeat.stop();
-  std::promise<void> stopped;
-  provider->stopProxy(platform::ProviderStopReason::userInitiated,
-                      [&stopped] { stopped.set_value(); });
-  stopped.get_future().wait();
+  stopProvider(*provider, descriptors, record);
   record.beat();
   context.stopInterception();
   record.beat();
