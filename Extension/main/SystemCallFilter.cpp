@@ -171,8 +171,7 @@ constexpr std::array kPermittedForGuardian{
     "rt_sigaction", "rt_sigprocmask", "rt_sigreturn", "sched_yield",
     "sigaltstack",  "tgkill",         "write"};
 
-constexpr std::array kUseOfNetlink{"bind",    "getsockname", "recvfrom",  "recvmsg",
-                                   "sendmsg", "sendto",      "setsockopt"};
+constexpr std::array kUseOfNetlink{"bind", "getsockname", "recvmsg", "sendto", "setsockopt"};
 
 struct Release {
   void operator()(void* filter) const { ::seccomp_release(filter); }

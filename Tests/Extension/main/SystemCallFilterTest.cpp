@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/netlink.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -20,6 +19,8 @@
 #include <functional>
 #include <string>
 #include <thread>
+
+#include "Platform/Linux/Kernel/ConntrackEntries.h"
 
 namespace ostravel::linuxplatform {
 namespace {
@@ -215,27 +216,10 @@ TEST(SystemCallFilter, TheGuardianWatchesAndKills) {
             0);
 }
 
-TEST(SystemCallFilter, TheGuardianAsksTheKernel) {
-  EXPECT_EQ(endOf(
-                [] {
-                  const int socket = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-                  sockaddr_nl kernel{};
-                  kernel.nl_family = AF_NETLINK;
-                  const auto* const address = reinterpret_cast<const sockaddr*>(&kernel);
-                  nlmsghdr request{};
-                  request.nlmsg_len = sizeof request;
-                  request.nlmsg_type = NLMSG_NOOP;
-                  request.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-                  std::array<char, 256> answer{};
-                  return ::bind(socket, address, sizeof kernel) == 0 &&
-                                 ::sendto(socket, &request, sizeof request, 0, address,
-                                          sizeof kernel) == sizeof request &&
-                                 ::recv(socket, answer.data(), answer.size(), 0) > 0
-                             ? 0
-                             : 1;
-                },
-                SystemCallFilter::restrictGuardian),
-            0);
+TEST(SystemCallFilter, TheGuardianAsksTheKernelForTrackedConnections) {
+  EXPECT_EQ(
+      endOf([] { return ConntrackEntries().usage() ? 0 : 1; }, SystemCallFilter::restrictGuardian),
+      0);
 }
 
 TEST(SystemCallFilter, TheGuardianDoesNothingElse) {
