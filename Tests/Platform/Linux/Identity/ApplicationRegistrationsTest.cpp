@@ -184,6 +184,18 @@ TEST_F(ApplicationRegistrationsTest, RejectsAFileThatIsNotAnObject) {
   expectIgnored(":1:1: registrations must be a JSON object");
 }
 
+// A file of sysfs(5) claims a page and has a line, like one that shrinks while it is read.
+TEST_F(ApplicationRegistrationsTest, ReadsNoMoreThanAFileHas) {
+  std::filesystem::create_symlink("/sys/kernel/uevent_seqnum", folder_.path("bad.json"));
+  expectIgnored(":1:1: registrations must be a JSON object");
+}
+
+// The loopback interface has no speed, which is noticed by read(2).
+TEST_F(ApplicationRegistrationsTest, RejectsAFileThatCanBeOpenedButNotRead) {
+  std::filesystem::create_symlink("/sys/class/net/lo/speed", folder_.path("bad.json"));
+  expectIgnored(": cannot be read: Invalid argument");
+}
+
 TEST_F(ApplicationRegistrationsTest, RejectsDuplicateNames) {
   folder_.write("bad.json", R"({"/opt/bad": "a", "/opt/bad": "b"})");
   folder_.write("good.json", kGood);
