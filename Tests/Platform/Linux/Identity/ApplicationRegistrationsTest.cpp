@@ -185,12 +185,17 @@ TEST_F(ApplicationRegistrationsTest, RejectsAFileThatIsNotAnObject) {
 }
 
 // A file of sysfs(5) claims a page and has a line, like one that shrinks while it is read.
-TEST_F(ApplicationRegistrationsTest, ReadsNoMoreThanAFileHas) {
+TEST_F(ApplicationRegistrationsTest, ReadsAFileThatIsShorterThanItsSize) {
   std::filesystem::create_symlink("/sys/kernel/uevent_seqnum", folder_.path("bad.json"));
   expectIgnored(":1:1: registrations must be a JSON object");
 }
 
-// The loopback interface has no speed, which is noticed by read(2).
+TEST_F(ApplicationRegistrationsTest, RejectsALinkToAFileThatIsMissing) {
+  std::filesystem::create_symlink("nowhere.json", folder_.path("bad.json"));
+  expectIgnored(": cannot be read: No such file or directory");
+}
+
+// The loopback interface has no speed: its file can be opened, but read(2) fails.
 TEST_F(ApplicationRegistrationsTest, RejectsAFileThatCanBeOpenedButNotRead) {
   std::filesystem::create_symlink("/sys/class/net/lo/speed", folder_.path("bad.json"));
   expectIgnored(": cannot be read: Invalid argument");
